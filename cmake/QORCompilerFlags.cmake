@@ -1,0 +1,29 @@
+# qor_flags: what every target of the project is compiled with. Warnings are errors.
+add_library(qor_flags INTERFACE)
+target_compile_features(qor_flags INTERFACE cxx_std_20)
+target_compile_options(qor_flags INTERFACE
+  -Wall -Wextra -Wconversion -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wimplicit-fallthrough
+  -Werror)
+if(QOR_SANITIZE)
+  target_compile_options(qor_flags INTERFACE -fsanitize=${QOR_SANITIZE} -fno-omit-frame-pointer)
+  target_link_options(qor_flags INTERFACE -fsanitize=${QOR_SANITIZE})
+  if(QOR_SANITIZE MATCHES "undefined")
+    target_compile_options(qor_flags INTERFACE -fno-sanitize-recover=undefined)
+  endif()
+endif()
+
+# System headers of the dependencies; their warnings are not ours.
+add_library(qor_odbc INTERFACE)
+target_link_libraries(qor_odbc INTERFACE ODBC::ODBC)
+
+# qor_layer(<target> SOURCES ... DEPENDS ...): one layer of libqor.so as an object library. DEPENDS names the
+# layers below it, which makes the link graph the architecture: a layer that includes what it does not name
+# here still compiles today, so reviews look at this list.
+function(qor_layer target)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS;LIBRARIES" ${ARGN})
+  add_library(${target} OBJECT ${ARG_SOURCES})
+  target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR}/qor/libs)
+  target_compile_definitions(${target} PRIVATE QOR_BUILDING_LIBQOR=1)
+  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS} PRIVATE qor_flags ${ARG_LIBRARIES})
+  set_property(GLOBAL APPEND PROPERTY QOR_LAYERS ${target})
+endfunction()

@@ -1,0 +1,25 @@
+/// \file
+/// Times as the host writes them. All times are UTC, seconds since 1970-01-01T00:00:00; leap seconds do not exist.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "QORCommon/QORExport.h"
+
+namespace QOR {
+
+/// "YYYY-MM-DDTHH:MM:SS+0000". Years below 0 or beyond 9999 are written with as many characters as they need.
+QOR_API std::string time2str(std::int64_t seconds);
+
+/// "YYYY-MM-DD HH:MM:SS", the form in which the database keeps times; 19 characters for years 0 to 9999.
+QOR_API std::string time2dbstr(std::int64_t seconds);
+
+/// Reads a date "YYYY-MM-DD", or a date and a time separated by 'T' or one space: "HH:MM" or "HH:MM:SS", an optional
+/// fraction of a second after '.' (read and ignored), then optionally 'Z' or an offset "+HH:MM", "+HHMM" or "+HH"
+/// (or with '-'). Without an offset the time is UTC. The calendar is checked.
+/// \returns seconds since the epoch; -1 when the text is anything else (and for the one second before the epoch)
+QOR_API std::int64_t str2time(std::string_view text);
+
+}  // namespace QOR

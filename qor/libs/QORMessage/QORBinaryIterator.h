@@ -1,0 +1,69 @@
+/// \file
+/// The concrete cursor over a QORMessage: two pointers, copied freely. What writers of large answers call per value
+/// is inline, and the class is final, so that a call through it costs no virtual dispatch.
+#pragma once
+
+#include "QORMessage/QORMessage.h"
+#include "QORMessage/QORMessageIterator.h"
+
+namespace QOR {
+
+/// See QORMessageIterator for what each operation does.
+class QOR_API QORBinaryIterator final : public QORMessageIterator {
+   public:
+    QORBinaryIterator(QORMessage& message, QORMessageNode* node) noexcept : m_message(&message), m_node(node) {}
+    QORBinaryIterator(const QORBinaryIterator&) = default;
+    QORBinaryIterator& operator=(const QORBinaryIterator&) = default;
+    ~QORBinaryIterator() override;
+
+    QORTag curID() const override { return m_node->tag; }
+    int seekPresence(QORTag id) const override;
+    int firstChild(QORTag id = 0) override;
+    int seek(QORTag id) override;
+    int nextSibling(QORTag id = 0) override;
+    int seekUp() override {
+        if (m_node->parent == nullptr) return failed;
+        m_node = m_node->parent;
+        return 0;
+    }
+    int reset() override;
+    int seekPath(std::string_view path) override;
+    std::unique_ptr<QORMessageIterator> clone() const override;
+
+    int getValue(int& out, QORTag id = 0) const override;
+    int getValue(std::int64_t& out, QORTag id = 0) const override;
+    int getValue(std::string& out, QORTag id = 0) const override;
+    int getView(std::string_view& out, QORTag id = 0) const override;
+
+    int addChild(QORTag id) override {
+        QORMessageNode* const child = store().addNode(*m_node, id);
+        if (child == nullptr) return failed;
+        m_node = child;
+        return 0;
+    }
+    int putValue(std::string_view text, QORTag id = 0) override { return put(text, QORValueKind::Text, id); }
+    int putInt(std::int32_t value, QORTag id = 0) override;
+    int putInt64(std::int64_t value, QORTag id = 0) override;
+    int putBinary(const void* data, std::size_t size, QORTag id = 0) override;
+    int removeChildren(QORTag id) override;
+
+    const QORMessageNode* node() const noexcept { return m_node; }
+    QORMessage& message() const noexcept { return *m_message; }
+
+   private:
+    static constexpr int failed = -1;
+
+    QORMessageStore& store() const noexcept { return *m_message->m_store; }
+
+    int put(std::string_view value, QORValueKind kind, QORTag id) {
+        if (id == 0) return store().setValue(*m_node, value, kind) ? 0 : failed;
+        if (!store().hasBytesLeft(value.size())) return failed;
+        QORMessageNode* const child = store().addNode(*m_node, id);
+        return child != nullptr && store().setValue(*child, value, kind) ? 0 : failed;
+    }
+
+    QORMessage* m_message;
+    QORMessageNode* m_node;
+};
+
+}  // namespace QOR

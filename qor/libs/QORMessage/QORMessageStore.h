@@ -1,0 +1,115 @@
+/// \file
+/// Where the elements of a message live. Internal to QORMessage and its cursors; inline, because answers of many
+/// rows are built through it one small element at a time.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+#include <vector>
+
+#include "QORCommon/QORExport.h"
+#include "QORMessage/QORTags.h"
+
+namespace QOR {
+
+/// How large a message may become; reaching a limit makes writing fail (readers of text forms say which limit).
+/// Elements and bytes count from the last clear(): what was removed since still occupies memory.
+struct QORMessageLimits {
+    std::uint32_t depth = 64;                     ///< levels of elements below the root, at most 65535
+    std::size_t nodes = std::size_t{1} << 28;     ///< elements
+    std::size_t bytes = std::size_t{4} << 30;     ///< bytes of texts and binary values together
+};
+
+/// What an element holds.
+enum class QORValueKind : std::uint8_t { None = 0, Text = 1, Binary = 2 };
+
+/// One element. Read through QORBinaryIterator; writers of text forms walk the links themselves.
+struct QORMessageNode {
+    QORTag tag;
+    std::uint16_t depth;  ///< 0 for the root
+    QORValueKind kind;
+    const char* data;  ///< the value, not terminated; null when there is none
+    std::size_t size;  ///< bytes of the value
+    QORMessageNode* parent;
+    QORMessageNode* firstChild;
+    QORMessageNode* lastChild;
+    QORMessageNode* next;  ///< next sibling
+};
+
+/// Elements and their values, taken in turn from growing blocks of memory and given back all at once.
+class QOR_API QORMessageStore {
+   public:
+    explicit QORMessageStore(const QORMessageLimits& limits) noexcept;
+    QORMessageStore(const QORMessageStore&) = delete;
+    QORMessageStore& operator=(const QORMessageStore&) = delete;
+    ~QORMessageStore();
+
+    QORMessageNode* root() noexcept { return &m_root; }
+    const QORMessageLimits& limits() const noexcept { return m_limits; }
+    std::size_t nodeCount() const noexcept { return m_nodes; }
+    std::size_t byteCount() const noexcept { return m_bytes; }
+    /// Drops everything; the blocks stay.
+    void clear() noexcept;
+
+    bool isDeepest(const QORMessageNode& parent) const noexcept { return parent.depth >= m_limits.depth; }
+    bool hasNodesLeft() const noexcept { return m_nodes < m_limits.nodes; }
+    bool hasBytesLeft(std::size_t size) const noexcept { return size <= m_limits.bytes - m_bytes; }
+
+    /// Appends an element below `parent`; null when the parent has a value or a limit is reached.
+    QORMessageNode* addNode(QORMessageNode& parent, QORTag tag) {
+        if (parent.kind != QORValueKind::None || isDeepest(parent) || !hasNodesLeft()) return nullptr;
+        auto* const node = ::new (take(sizeof(QORMessageNode)))
+            QORMessageNode{tag, static_cast<std::uint16_t>(parent.depth + 1U), QORValueKind::None, nullptr, 0, &parent,
+                           nullptr, nullptr, nullptr};
+        ++m_nodes;
+        (parent.lastChild == nullptr ? parent.firstChild : parent.lastChild->next) = node;
+        parent.lastChild = node;
+        return node;
+    }
+
+    /// Copies the value into the element, in place of one it may have; false when it has children or a limit is
+    /// reached.
+    bool setValue(QORMessageNode& node, std::string_view value, QORValueKind kind) {
+        if (node.firstChild != nullptr || node.depth == 0 || !hasBytesLeft(value.size())) return false;
+        auto* const copy = static_cast<char*>(take(std::max(value.size(), std::size_t{1})));
+        if (!value.empty()) std::memcpy(copy, value.data(), value.size());
+        m_bytes += value.size();
+        node.data = copy;
+        node.size = value.size();
+        node.kind = kind;
+        return true;
+    }
+
+   private:
+    struct Block {
+        std::unique_ptr<std::byte[]> memory;
+        std::size_t size;
+    };
+    static constexpr std::size_t alignment = alignof(QORMessageNode);
+
+    /// Aligned memory of at least `size` bytes.
+    void* take(std::size_t size) {
+        const std::size_t rounded = (size + alignment - 1) & ~(alignment - 1);
+        if (static_cast<std::size_t>(m_end - m_free) < rounded) nextBlock(rounded);
+        std::byte* const memory = m_free;
+        m_free += rounded;
+        return memory;
+    }
+    void nextBlock(std::size_t size);
+
+    std::byte* m_free = nullptr;
+    std::byte* m_end = nullptr;
+    std::size_t m_nodes = 0;
+    std::size_t m_bytes = 0;
+    QORMessageLimits m_limits;
+    QORMessageNode m_root{};
+    std::vector<Block> m_blocks;
+    std::size_t m_used = 0;  ///< blocks that hold something, the last one being filled
+};
+
+}  // namespace QOR

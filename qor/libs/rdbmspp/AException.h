@@ -1,0 +1,37 @@
+/// \file
+/// AException: a failure of the database or of the layer that talks to it.
+#pragma once
+
+#include <exception>
+#include <string>
+
+#include "QORCommon/QORExport.h"
+
+namespace QOR {
+
+/// What went wrong, as the driver told it. Immutable, copyable.
+class QOR_API AException : public std::exception {
+   public:
+    /// \param text the driver's text, or ours
+    /// \param sqlState five characters, empty when the failure is ours
+    /// \param nativeCode the engine's own code; with SQLite the only one that tells failures apart
+    /// \param statement the text that was being prepared or run, empty when there is none
+    AException(std::string text, std::string sqlState = {}, int nativeCode = 0, std::string statement = {});
+    AException(const AException&);
+    ~AException() override;
+
+    /// The text; the statement is not part of it, because it may hold a client's literals.
+    const char* what() const noexcept override { return m_text.c_str(); }
+    const std::string& text() const noexcept { return m_text; }
+    const std::string& sqlState() const noexcept { return m_sqlState; }
+    int nativeCode() const noexcept { return m_nativeCode; }
+    const std::string& statement() const noexcept { return m_statement; }
+
+   private:
+    std::string m_text;
+    std::string m_sqlState;
+    int m_nativeCode;
+    std::string m_statement;
+};
+
+}  // namespace QOR
