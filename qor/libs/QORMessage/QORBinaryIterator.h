@@ -47,6 +47,11 @@ class QOR_API QORBinaryIterator final : public QORMessageIterator {
     int putBinary(const void* data, std::size_t size, QORTag id = 0) override;
     int removeChildren(QORTag id) override;
 
+    /// The last child of the current element, for dropChildrenAfter(); null when there is none.
+    const QORMessageNode* mark() const noexcept { return m_node->lastChild; }
+    /// Removes the children behind the one that mark() gave: undoes what was appended since.
+    void dropChildrenAfter(const QORMessageNode* mark) noexcept;
+
     const QORMessageNode* node() const noexcept { return m_node; }
     QORMessage& message() const noexcept { return *m_message; }
 

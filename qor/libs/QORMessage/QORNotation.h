@@ -6,6 +6,7 @@
 /// stand for its number. A text whose bytes are not UTF-8 is written as base64 too. `[tag, []]` is read as `[tag]`.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,7 +38,8 @@ struct QORRequestEnvelope {
     std::optional<QORClientDescription> client;  ///< absent: run as the connection's own identity
 };
 
-/// Reads one request. Iterative; nothing of the input is trusted.
+/// Reads one request. Iterative; nothing of the input is trusted. "operator", "request" and "body" must be there, in
+/// any order. Of an identity "eid" may be absent, null or empty, and principals that are absent are 0.
 /// \throws QORException 400 naming what is wrong and the byte offset where (bad JSON, unknown member or tag name,
 ///         a member that is missing or given twice, a limit of the message that was exceeded)
 QOR_API QORRequestEnvelope readRequest(std::string_view json, const QORMessageLimits& limits = {});
@@ -45,15 +47,25 @@ QOR_API QORRequestEnvelope readRequest(std::string_view json, const QORMessageLi
 /// Writes a request envelope in one line, without a line end.
 QOR_API void writeRequest(const QORRequestEnvelope& request, std::string& out);
 
-/// Reads one element and appends it below the root. \throws as readRequest
+/// Reads one element and appends it below the root; the message is unchanged when it cannot be read.
+/// \throws as readRequest
 QOR_API void readElement(std::string_view json, QORMessage& out);
 
 /// Writes the element `node` (or, for a root, its children one after the other, separated by commas).
 QOR_API void writeElement(const QORMessageNode& node, std::string& out);
 
-/// Writes an answer, `{"response":[element, ...]}`, in one line without a line end. Error entries (tag::error) are
-/// lifted out of the top level into the member "error": {"code":n,"message":"..."}; the first one is taken.
+/// Takes the next block of a text that is written in blocks; the view is valid only during the call.
+using QORTextSink = std::function<void(std::string_view)>;
+
+/// Writes an answer, `{"response":[element, ...]}`, in one line without a line end. Error entries (elements
+/// tag::error that hold a tag::errorCode) are lifted out of the tree, at whatever depth, into the member
+/// "error": {"code":n,"message":"..."}; the first one is taken.
 QOR_API void writeResponse(const QORMessage& response, std::string& out);
+/// The same in blocks of about 64 KiB, for answers that should not be in memory twice.
+QOR_API void writeResponse(const QORMessage& response, const QORTextSink& sink);
+
+/// Appends the text as notation writes it: a JSON string, or `{"base64":"..."}` where its bytes are not UTF-8.
+QOR_API void writeNotationText(std::string_view text, std::string& out);
 
 /// An answer as a client reads it.
 struct QORResponse {

@@ -1,0 +1,151 @@
+#include "QORCommon/QORLogger.h"
+
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORNoDestructor.h"
+#include "QORCommon/QORText.h"
+
+namespace QOR {
+namespace {
+
+constexpr int defaultLevel = 1;
+
+spdlog::level::level_enum backendLevel(int level) {
+    switch (level) {
+        case 0: return spdlog::level::err;
+        case 1: return spdlog::level::warn;
+        case 2:
+        case 3: return spdlog::level::info;
+        case 4: return spdlog::level::debug;
+        default: return level < 0 ? spdlog::level::err : spdlog::level::trace;
+    }
+}
+
+std::shared_ptr<spdlog::logger> makeBackend(spdlog::sink_ptr sink) {
+    auto logger = std::make_shared<spdlog::logger>("qor", std::move(sink));
+    logger->set_level(spdlog::level::trace);  // what is dropped is decided here, by the numeric levels
+    logger->set_pattern("%Y-%m-%dT%H:%M:%S.%e+0000 %v", spdlog::pattern_time_type::utc);
+    logger->flush_on(spdlog::level::trace);
+    return logger;
+}
+
+/// The logger's state. Never destroyed, because plug-ins may log while the process ends.
+struct Logger {
+    std::atomic<int> level{defaultLevel};
+    std::mutex mutex;  ///< guards the members below and is held while a line is written
+    std::shared_ptr<spdlog::logger> backend = makeBackend(std::make_shared<spdlog::sinks::stderr_sink_mt>());
+    QORLogSink sink;
+};
+
+Logger& theLogger() {
+    static QORNoDestructor<Logger> logger;
+    return *logger;
+}
+
+/// True while this thread is inside a sink: a sink that logs would wait for itself.
+thread_local bool insideSink = false;
+
+std::string_view viewOf(const char* text) { return text == nullptr ? std::string_view() : std::string_view(text); }
+
+void writeToBackend(spdlog::logger& backend, const QORLogRecord& record) {
+    backend.log(backendLevel(record.level), "{} {} {} {}: {}", record.level, record.module, record.sourcePath,
+                record.function, record.text);
+}
+
+void dispatch(const QORLogRecord& record) {
+    Logger& logger = theLogger();
+    if (insideSink) return;
+    const std::lock_guard lock(logger.mutex);
+    insideSink = true;
+    try {
+        if (logger.sink) {
+            logger.sink(record);
+        } else {
+            writeToBackend(*logger.backend, record);
+        }
+    } catch (...) {
+        // A line that cannot be written must not fail the request that it speaks of.
+        static_cast<void>(std::fputs("qor: a log line could not be written\n", stderr));
+    }
+    insideSink = false;
+}
+
+bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
+
+/// The text with control characters escaped; most texts have none and are not copied.
+std::string_view oneLine(std::string_view text, std::string& copy) {
+    bool clean = true;
+    for (const char c : text) clean = clean && !isControl(c);
+    if (clean) return text;
+    copy.clear();
+    constexpr std::string_view digits = "0123456789abcdef";
+    for (const char c : text) {
+        if (!isControl(c)) {
+            copy += c;
+        } else if (c == '\n') {
+            copy += "\\n";
+        } else {
+            copy += "\\x";
+            copy += digits[static_cast<unsigned char>(c) >> 4];
+            copy += digits[static_cast<unsigned char>(c) & 15];
+        }
+    }
+    return copy;
+}
+
+}  // namespace
+
+void logMessage(int level, const char* module, const char* sourcePath, const char* function, const char* format, ...) {
+    if (level > logLevel()) return;
+    char buffer[1024];
+    std::string large;
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vsnprintf(buffer, sizeof buffer, format, arguments);
+    va_end(arguments);
+    if (length < 0) return;
+    std::string_view text(buffer, static_cast<std::size_t>(length));
+    if (text.size() >= sizeof buffer) {
+        large.resize(text.size());
+        va_start(arguments, format);
+        static_cast<void>(std::vsnprintf(large.data(), large.size() + 1, format, arguments));
+        va_end(arguments);
+        text = large;
+    }
+    std::string copy;
+    dispatch({level, viewOf(module), viewOf(sourcePath), viewOf(function), oneLine(text, copy)});
+}
+
+void setLogLevel(int level) { theLogger().level.store(level, std::memory_order_relaxed); }
+
+int logLevel() noexcept { return theLogger().level.load(std::memory_order_relaxed); }
+
+void setLogFile(const std::string& path) {
+    std::shared_ptr<spdlog::logger> backend;
+    try {
+        backend = makeBackend(std::make_shared<spdlog::sinks::basic_file_sink_mt>(path));
+    } catch (const spdlog::spdlog_ex& error) {
+        throw QORException(errFailure, "cannot open the log file " + quoteText(path) + ": " + error.what());
+    }
+    Logger& logger = theLogger();
+    const std::lock_guard lock(logger.mutex);
+    logger.backend = std::move(backend);
+}
+
+void setLogSink(QORLogSink sink) {
+    Logger& logger = theLogger();
+    const std::lock_guard lock(logger.mutex);
+    logger.sink = std::move(sink);
+}
+
+}  // namespace QOR

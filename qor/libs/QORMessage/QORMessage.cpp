@@ -1,0 +1,93 @@
+#include "QORMessage/QORMessage.h"
+
+#include <mutex>
+#include <utility>
+
+#include "QORCommon/QORNoDestructor.h"
+#include "QORMessage/QORBinaryIterator.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::size_t firstBlockSize = std::size_t{4} << 10;
+constexpr std::size_t largeBlockSize = std::size_t{256} << 10;
+
+/// Large blocks of destroyed messages, kept for the next ones: memory that comes fresh from the system costs a page
+/// fault every 4 KiB, which is a good part of the cost of building a large message.
+class BlockCache {
+   public:
+    std::unique_ptr<std::byte[]> take() noexcept {
+        const std::lock_guard lock(m_mutex);
+        if (m_blocks.empty()) return nullptr;
+        auto block = std::move(m_blocks.back());
+        m_blocks.pop_back();
+        return block;
+    }
+
+    void give(std::unique_ptr<std::byte[]> block) noexcept {
+        const std::lock_guard lock(m_mutex);
+        if (m_blocks.size() < m_blocks.capacity()) m_blocks.push_back(std::move(block));
+    }
+
+    BlockCache() { m_blocks.reserve(mostBytes / largeBlockSize); }
+
+   private:
+    static constexpr std::size_t mostBytes = std::size_t{32} << 20;
+    std::mutex m_mutex;
+    std::vector<std::unique_ptr<std::byte[]>> m_blocks;
+};
+
+BlockCache& blockCache() {
+    static QORNoDestructor<BlockCache> cache;
+    return *cache;
+}
+
+QORMessageLimits withinRange(QORMessageLimits limits) {
+    constexpr std::uint32_t mostDepth = 0xFFFF;  // depths are counted in 16 bits
+    limits.depth = std::min(limits.depth, mostDepth);
+    return limits;
+}
+
+}  // namespace
+
+QORMessageStore::QORMessageStore(const QORMessageLimits& limits) noexcept : m_limits(withinRange(limits)) {}
+
+QORMessageStore::~QORMessageStore() {
+    for (Block& block : m_blocks) {
+        if (block.size == largeBlockSize) blockCache().give(std::move(block.memory));
+    }
+}
+
+void QORMessageStore::clear() noexcept {
+    m_free = nullptr;
+    m_end = nullptr;
+    m_used = 0;
+    m_nodes = 0;
+    m_bytes = 0;
+    m_root = QORMessageNode{};
+}
+
+void QORMessageStore::nextBlock(std::size_t size) {
+    // After clear() the blocks of the former use come first; one that is too small is passed over.
+    while (m_used < m_blocks.size() && m_blocks[m_used].size < size) ++m_used;
+    if (m_used == m_blocks.size()) {
+        const std::size_t grown = m_blocks.empty() ? firstBlockSize : std::min(m_blocks.back().size * 4, largeBlockSize);
+        Block block{nullptr, std::max(size, grown)};
+        if (block.size == largeBlockSize) block.memory = blockCache().take();
+        if (block.memory == nullptr) block.memory = std::make_unique_for_overwrite<std::byte[]>(block.size);
+        m_blocks.push_back(std::move(block));
+    }
+    Block& block = m_blocks[m_used++];
+    m_free = block.memory.get();
+    m_end = m_free + block.size;
+}
+
+QORMessage::QORMessage() : QORMessage(QORMessageLimits()) {}
+QORMessage::QORMessage(const QORMessageLimits& limits) : m_store(std::make_unique<QORMessageStore>(limits)) {}
+QORMessage::QORMessage(QORMessage&&) noexcept = default;
+QORMessage& QORMessage::operator=(QORMessage&&) noexcept = default;
+QORMessage::~QORMessage() = default;
+
+QORBinaryIterator QORMessage::root() { return {*this, m_store->root()}; }
+
+}  // namespace QOR

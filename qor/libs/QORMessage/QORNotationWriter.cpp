@@ -1,0 +1,340 @@
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORText.h"
+#include "QORMessage/QORNotation.h"
+
+namespace QOR {
+namespace {
+
+/// Text on its way to a sink, in blocks.
+class BlockWriter {
+   public:
+    explicit BlockWriter(const QORTextSink& sink) : m_sink(sink) {}
+
+    void put(char c) {
+        reserve(1);
+        *m_at++ = c;
+    }
+
+    /// A text of a few bytes that needs no escapes.
+    template <std::size_t N>
+    void put(const char (&literal)[N]) {
+        reserve(N - 1);
+        std::memcpy(m_at, literal, N - 1);
+        m_at += N - 1;
+    }
+
+    template <class Integer>
+    void putNumber(Integer value) {
+        reserve(mostDigits);
+        m_at = std::to_chars(m_at, m_at + mostDigits, value).ptr;
+    }
+
+    /// A JSON string, or a base64 object where the bytes are not UTF-8.
+    void putText(std::string_view text) {
+        if (text.size() <= pieceSize) {
+            putShortText(text);
+        } else if (isUtf8(text)) {
+            put('"');
+            for (; !text.empty(); text.remove_prefix(std::min(text.size(), pieceSize))) {
+                reserve(pieceSize * mostEscape);
+                m_at = escape(m_at, text.substr(0, pieceSize), [] { return true; });
+            }
+            put('"');
+        } else {
+            putBinary(text);
+        }
+    }
+
+    void putBinary(std::string_view bytes) {
+        put("{\"base64\":\"");
+        constexpr std::size_t piece = 3 * 1024;  // whole groups, so that only the last piece is padded
+        std::string encoded;
+        for (; !bytes.empty(); bytes.remove_prefix(std::min(bytes.size(), piece))) {
+            encoded.clear();
+            appendBase64(bytes.substr(0, piece), encoded);
+            reserve(encoded.size());
+            std::memcpy(m_at, encoded.data(), encoded.size());
+            m_at += encoded.size();
+        }
+        put("\"}");
+    }
+
+    /// Hands over what is left; to be called once, at the end.
+    void flush() {
+        m_sink({m_buffer.get(), static_cast<std::size_t>(m_at - m_buffer.get())});
+        m_at = m_buffer.get();
+    }
+
+   private:
+    static constexpr std::size_t blockSize = std::size_t{64} << 10;
+    static constexpr std::size_t pieceSize = 1024;
+    static constexpr std::size_t mostEscape = 6;  ///< bytes that one byte of a text may become, as in \u0001
+    static constexpr std::size_t mostDigits = 20;
+
+    void reserve(std::size_t size) {
+        if (static_cast<std::size_t>(m_end - m_at) < size) flush();
+    }
+
+    /// Escapes on the way without looking at the text first; the first byte above 127 asks for the check.
+    void putShortText(std::string_view text) {
+        reserve(pieceSize * mostEscape + 2);
+        char* const begin = m_at;
+        *m_at = '"';
+        char* const end = escape(m_at + 1, text, [text] { return isUtf8(text); });
+        if (end != nullptr) {
+            *end = '"';
+            m_at = end + 1;
+        } else {
+            m_at = begin;
+            putBinary(text);
+        }
+    }
+
+    /// Eight bytes at once: not 0 when one of them needs more than copying.
+    static std::uint64_t special(std::uint64_t word) {
+        constexpr std::uint64_t ones = 0x0101010101010101ULL;
+        constexpr std::uint64_t high = 0x8080808080808080ULL;
+        const std::uint64_t quote = word ^ (ones * '"');
+        const std::uint64_t backslash = word ^ (ones * '\\');
+        return ((word - ones * 0x20) | (quote - ones) | (backslash - ones) | word) & high;
+    }
+
+    /// Writes the text with escapes and returns the end; null when it holds bytes above 127 and `check` refuses it.
+    template <class Check>
+    static char* escape(char* at, std::string_view text, Check check) {
+        const char* from = text.data();
+        const char* const end = from + text.size();
+        bool checked = false;
+        while (from != end) {
+            std::uint64_t word;
+            if (end - from >= static_cast<std::ptrdiff_t>(sizeof word)) {
+                std::memcpy(&word, from, sizeof word);
+                if (special(word) == 0) {
+                    std::memcpy(at, &word, sizeof word);
+                    at += sizeof word;
+                    from += sizeof word;
+                    continue;
+                }
+            }
+            const auto byte = static_cast<unsigned char>(*from++);
+            if (byte >= 0x80 && !checked) {
+                if (!check()) return nullptr;
+                checked = true;
+            }
+            if (byte >= 0x20 && byte != '"' && byte != '\\') {
+                *at++ = static_cast<char>(byte);
+            } else {
+                at = escapeByte(at, byte);
+            }
+        }
+        return at;
+    }
+
+    static char* escapeByte(char* at, unsigned char byte) {
+        constexpr char digits[] = "0123456789abcdef";
+        *at++ = '\\';
+        switch (byte) {
+            case '"':
+            case '\\': *at++ = static_cast<char>(byte); return at;
+            case '\b': *at++ = 'b'; return at;
+            case '\f': *at++ = 'f'; return at;
+            case '\n': *at++ = 'n'; return at;
+            case '\r': *at++ = 'r'; return at;
+            case '\t': *at++ = 't'; return at;
+            default: break;
+        }
+        std::memcpy(at, "u00", 3);
+        at[3] = digits[byte >> 4];
+        at[4] = digits[byte & 15];
+        return at + 5;
+    }
+
+    const QORTextSink& m_sink;
+    std::unique_ptr<char[]> m_buffer = std::make_unique_for_overwrite<char[]>(blockSize);
+    char* m_at = m_buffer.get();
+    char* const m_end = m_buffer.get() + blockSize;
+};
+
+const QORMessageNode* childWith(const QORMessageNode& node, QORTag id) {
+    const QORMessageNode* child = node.firstChild;
+    while (child != nullptr && child->tag != id) child = child->next;
+    return child;
+}
+
+bool isErrorEntry(const QORMessageNode& node) {
+    return node.tag == tag::error && childWith(node, tag::errorCode) != nullptr;
+}
+
+/// Writes elements as notation, error entries left out if so asked.
+class TreeWriter {
+   public:
+    TreeWriter(BlockWriter& out, bool liftErrors) : m_out(out), m_liftErrors(liftErrors) {}
+
+    /// The first error entry that was left out; null when there was none.
+    const QORMessageNode* error() const { return m_error; }
+
+    /// The element with all below it.
+    void writeElement(const QORMessageNode& top) {
+        const QORMessageNode* node = &top;
+        for (;;) {
+            const QORMessageNode* next = open(*node);
+            if (next == nullptr) {
+                m_out.put(']');
+                while (node != &top && (next = shown(node->next)) == nullptr) {
+                    node = node->parent;
+                    m_out.put("]]");
+                }
+                if (node == &top) return;
+                m_out.put(',');
+            }
+            node = next;
+        }
+    }
+
+    /// The children of a root, separated by commas.
+    void writeChildren(const QORMessageNode& root) {
+        for (const QORMessageNode* node = shown(root.firstChild); node != nullptr;) {
+            writeElement(*node);
+            node = shown(node->next);
+            if (node != nullptr) m_out.put(',');
+        }
+    }
+
+   private:
+    /// Writes an element up to its children and returns the first of them; null when it has none.
+    const QORMessageNode* open(const QORMessageNode& node) {
+        m_out.put('[');
+        m_out.putNumber(node.tag);
+        if (node.kind == QORValueKind::None) {
+            const QORMessageNode* const child = shown(node.firstChild);
+            if (child != nullptr) m_out.put(",[");
+            return child;
+        }
+        m_out.put(',');
+        const std::string_view value(node.data, node.size);
+        node.kind == QORValueKind::Text ? m_out.putText(value) : m_out.putBinary(value);
+        return nullptr;
+    }
+
+    /// The first element to write from `node` on along its siblings.
+    const QORMessageNode* shown(const QORMessageNode* node) {
+        if (!m_liftErrors) return node;
+        while (node != nullptr && isErrorEntry(*node)) {
+            if (m_error == nullptr) m_error = node;
+            node = node->next;
+        }
+        return node;
+    }
+
+    BlockWriter& m_out;
+    const bool m_liftErrors;
+    const QORMessageNode* m_error = nullptr;
+};
+
+void putError(int code, std::string_view message, BlockWriter& out) {
+    out.put("\"error\":{\"code\":");
+    out.putNumber(code);
+    out.put(",\"message\":");
+    out.putText(message);
+    out.put('}');
+}
+
+void putErrorEntry(const QORMessageNode& entry, BlockWriter& out) {
+    const auto valueOf = [&entry](QORTag id) {
+        const QORMessageNode* const node = childWith(entry, id);
+        return node == nullptr ? std::string_view() : std::string_view(node->data, node->size);
+    };
+    putError(parseInt32(valueOf(tag::errorCode)).value_or(errFailure), valueOf(tag::message), out);
+}
+
+void putClient(const QORClientDescription& client, BlockWriter& out) {
+    out.put(",\"client\":{\"fullAccess\":");
+    client.fullAccess ? out.put("true") : out.put("false");
+    out.put(",\"sids\":[");
+    bool first = true;
+    for (const auto& sid : client.sids) {
+        if (!first) out.put(',');
+        first = false;
+        out.put("{\"principalId\":");
+        out.putNumber(sid.principalId);
+        out.put(",\"principalType\":");
+        out.putNumber(sid.principalType);
+        out.put(",\"eid\":");
+        out.putText(sid.eid.isValid() ? sid.eid.toString() : std::string());
+        out.put('}');
+    }
+    out.put("]}");
+}
+
+/// Runs a writer whose blocks are appended to a string.
+template <class Write>
+void appendTo(std::string& out, Write write) {
+    const QORTextSink sink = [&out](std::string_view block) { out.append(block); };
+    BlockWriter blocks(sink);
+    write(blocks);
+    blocks.flush();
+}
+
+void putResponse(const QORMessage& response, BlockWriter& out) {
+    TreeWriter tree(out, true);
+    out.put("{\"response\":[");
+    tree.writeChildren(*response.rootNode());
+    out.put(']');
+    if (tree.error() != nullptr) {
+        out.put(',');
+        putErrorEntry(*tree.error(), out);
+    }
+    out.put('}');
+}
+
+}  // namespace
+
+void writeRequest(const QORRequestEnvelope& request, std::string& out) {
+    appendTo(out, [&request](BlockWriter& blocks) {
+        blocks.put("{\"operator\":");
+        blocks.putText(request.operatorName);
+        blocks.put(",\"request\":");
+        blocks.putText(request.requestName);
+        blocks.put(",\"body\":");
+        TreeWriter(blocks, false).writeChildren(*request.body.rootNode());
+        if (request.client) putClient(*request.client, blocks);
+        blocks.put('}');
+    });
+}
+
+void writeElement(const QORMessageNode& node, std::string& out) {
+    appendTo(out, [&node](BlockWriter& blocks) {
+        TreeWriter tree(blocks, false);
+        node.parent == nullptr ? tree.writeChildren(node) : tree.writeElement(node);
+    });
+}
+
+void writeResponse(const QORMessage& response, std::string& out) {
+    appendTo(out, [&response](BlockWriter& blocks) { putResponse(response, blocks); });
+}
+
+void writeResponse(const QORMessage& response, const QORTextSink& sink) {
+    BlockWriter blocks(sink);
+    putResponse(response, blocks);
+    blocks.flush();
+}
+
+void writeErrorResponse(int code, std::string_view message, std::string& out) {
+    appendTo(out, [code, message](BlockWriter& blocks) {
+        blocks.put("{\"response\":[],");
+        putError(code, message, blocks);
+        blocks.put('}');
+    });
+}
+
+void writeNotationText(std::string_view text, std::string& out) {
+    appendTo(out, [text](BlockWriter& blocks) { blocks.putText(text); });
+}
+
+}  // namespace QOR

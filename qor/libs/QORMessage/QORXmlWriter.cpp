@@ -1,0 +1,146 @@
+#include <array>
+#include <charconv>
+
+#include "QORCommon/QORText.h"
+#include "QORMessage/QORXml.h"
+
+namespace QOR {
+namespace {
+
+bool isAsciiLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+/// True for a name that can stand as an element's: ASCII letters, digits, '_', '-' and '.', not reserved by XML.
+bool isXmlName(std::string_view name) {
+    if (name.empty() || !(isAsciiLetter(name.front()) || name.front() == '_')) return false;
+    if (name.size() >= 3 && (name[0] | 0x20) == 'x' && (name[1] | 0x20) == 'm' && (name[2] | 0x20) == 'l') return false;
+    for (const char c : name) {
+        if (!isAsciiLetter(c) && !(c >= '0' && c <= '9') && c != '_' && c != '-' && c != '.') return false;
+    }
+    return true;
+}
+
+/// True when XML can carry the text: UTF-8 without control characters (but tabs and line ends) and noncharacters.
+bool isXmlText(std::string_view text) {
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 && c != '\t' && c != '\n' && c != '\r') return false;
+    }
+    return isUtf8(text) && text.find("\xEF\xBF\xBE") == std::string_view::npos &&
+           text.find("\xEF\xBF\xBF") == std::string_view::npos;
+}
+
+void appendEscaped(std::string_view text, std::string& out) {
+    while (!text.empty()) {
+        const std::size_t plain = std::min(text.find_first_of("<>&\r"), text.size());
+        out.append(text, 0, plain);
+        text.remove_prefix(plain);
+        if (text.empty()) return;
+        switch (text.front()) {
+            case '<': out += "&lt;"; break;
+            case '>': out += "&gt;"; break;
+            case '&': out += "&amp;"; break;
+            default: out += "&#13;"; break;  // a bare one would be read as a line feed
+        }
+        text.remove_prefix(1);
+    }
+}
+
+/// Writes straight from the elements: pugixml's document would hold each of them once more before a byte is written.
+class XmlWriter {
+   public:
+    XmlWriter(std::string& out, bool indent) : m_out(out), m_indent(indent) {}
+
+    void writeElement(const QORMessageNode& top) {
+        m_topDepth = top.depth;
+        const QORMessageNode* node = &top;
+        for (;;) {
+            open(*node);
+            if (node->firstChild != nullptr) {
+                node = node->firstChild;
+                continue;
+            }
+            while (node != &top && node->next == nullptr) {
+                node = node->parent;
+                close(*node);
+            }
+            if (node == &top) return;
+            node = node->next;
+        }
+    }
+
+   private:
+    void open(const QORMessageNode& node) {
+        beginLine(node);
+        m_out += '<';
+        const std::string_view name = appendName(node);
+        const std::string_view value(node.data, node.size);
+        if (node.kind == QORValueKind::None) {
+            m_out += node.firstChild == nullptr ? "/>" : ">";
+            endLine();
+            return;
+        }
+        if (node.kind == QORValueKind::Text && isXmlText(value)) {
+            m_out += '>';
+            appendEscaped(value, m_out);
+        } else {
+            m_out += " encoding=\"base64\">";
+            appendBase64(value, m_out);
+        }
+        m_out += "</";
+        m_out += name;
+        m_out += '>';
+        endLine();
+    }
+
+    void close(const QORMessageNode& node) {
+        beginLine(node);
+        m_out += "</";
+        const std::string_view name = QORTagDictionary::instance().name(node.tag);
+        m_out += isXmlName(name) ? name : numberedName;
+        m_out += '>';
+        endLine();
+    }
+
+    /// The name with its attribute, if it needs one; returns the name alone.
+    std::string_view appendName(const QORMessageNode& node) {
+        const std::string_view name = QORTagDictionary::instance().name(node.tag);
+        if (isXmlName(name)) {
+            m_out += name;
+            return name;
+        }
+        m_out += numberedName;
+        m_out += " id=\"" + std::to_string(node.tag) + "\"";
+        return numberedName;
+    }
+
+    void beginLine(const QORMessageNode& node) {
+        if (m_indent) m_out.append(std::size_t{2} * static_cast<std::size_t>(node.depth - m_topDepth), ' ');
+    }
+    void endLine() {
+        if (m_indent) m_out += '\n';
+    }
+
+    static constexpr std::string_view numberedName = "tag";
+    std::string& m_out;
+    const bool m_indent;
+    int m_topDepth = 0;
+};
+
+}  // namespace
+
+void writeXml(const QORMessageNode& node, std::string& out, const QORXmlOptions& options) {
+    if (options.declaration) {
+        out += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
+        if (options.indent) out += '\n';
+    }
+    XmlWriter writer(out, options.indent);
+    if (node.parent != nullptr) {
+        writer.writeElement(node);
+        return;
+    }
+    for (const QORMessageNode* child = node.firstChild; child != nullptr; child = child->next) {
+        writer.writeElement(*child);
+    }
+}
+
+}  // namespace QOR
