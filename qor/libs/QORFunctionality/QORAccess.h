@@ -27,14 +27,17 @@ class QOR_API QORAccessProviderPrototype : public virtual QORReferenceCounter {
 class QOR_API QOROpSyncAccessPrototype : public QORAccessProviderPrototype {
    public:
     /// \param name of the operator to call, "" for the given one itself
+    /// \returns null when no operator of that name is registered
     static QORPtr<QORAccessProviderPrototype> createInstance(const std::string& name, QOROperatorPrototype* op);
     ~QOROpSyncAccessPrototype() override;
 
     /// Must not be called from within a request of the same operator. \returns as QOROperatorPrototype::call
     int call(const std::string& requestName, QORMessageIterator* request, QORMessageIterator* response);
 
-   private:
+   protected:
     explicit QOROpSyncAccessPrototype(QOROperatorPrototype* op) : m_operator(op) {}
+
+   private:
     QOROperatorPrototype* m_operator;
 };
 
