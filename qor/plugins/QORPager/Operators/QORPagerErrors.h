@@ -1,0 +1,20 @@
+/// \file
+/// The module's own error table. Read-only after the module is loaded.
+#pragma once
+
+#include "QORFunctionality/QORErrors.h"
+
+namespace QOR {
+
+/// Codes of PagerErrors. Contract: never renumber.
+enum PagerErrorCode : int {
+    pagerDatabaseError = 3101,    ///< takes the database's text; no request raises it
+    pagerUnknownField = 3111,     ///< takes the field's name as the request spells it
+    pagerParsingError = 3151,     ///< takes the parser's message or a complaint about the filter
+    pagerEvaluatingError = 3152,  ///< takes the evaluator's message
+};
+
+/// Code to printf format. The row of code 0 is the array's terminator, kept as an entry like the others.
+extern QORErrorTable PagerErrors;
+
+}  // namespace QOR

@@ -1,0 +1,63 @@
+#include "QORPager/Operators/QORPagerOperator2.h"
+
+#include "QORCommon/QORException.h"
+#include "QORFunctionality/QOROpFactory.h"
+#include "QORMessage/QORBinaryIterator.h"
+#include "QORPager/Operators/QORSelectStmnt.h"
+#include "rdbmspp/AException.h"
+
+namespace QOR {
+
+namespace {
+
+/// Made while the module is loaded, before the table of errors and the factory of "pager".
+const QORPtr<QOROpFactory> factoryQORPagerOperatorPrototype2 =
+    newOperatorFactory<QORPagerOperatorPrototype2, 10, 20, 4, true>("pager2", 272, 10);
+
+/// Builds and runs the statement; every failure leaves as an exception.
+void answer(QORMessageIterator* in, QORMessageIterator* out) {
+    if (in == nullptr || out == nullptr) {
+        throwException(errFailure, "[select]: in/out function parameter is null.", pager2SourcePath, __LINE__);
+    }
+    const auto* request = dynamic_cast<QORBinaryIterator*>(in);
+    const auto* response = dynamic_cast<QORBinaryIterator*>(out);
+    if (request == nullptr || response == nullptr) {
+        throwException(errFailure, "[select]: incorrect iterator type", pager2SourcePath, __LINE__);
+    }
+    SelectStmnt statement(*request, nullptr);
+    QORBinaryIterator position = *response;
+    statement.execute(position);
+}
+
+/// Takes back what was written of the result, so that the response holds the error alone.
+void reportFailure(QORMessageIterator* out, int code, const char* message) {
+    if (out == nullptr) return;
+    out->removeChildren(tag::rowSet);
+    QOROperatorFunctionalPrototype::addError(out, QORErrors, code, message);
+}
+
+}  // namespace
+
+QORPagerOperatorPrototype2::QORPagerOperatorPrototype2() {
+    static const MethodDescriptor table[] = {
+        method("select", &QORPagerOperatorPrototype2::select, 100, 0),
+        {"", nullptr, 0, 0},
+    };
+    registerMethods(table);
+}
+
+QORPagerOperatorPrototype2::~QORPagerOperatorPrototype2() = default;
+
+void QORPagerOperatorPrototype2::select(QORMessageIterator* in, QORMessageIterator* out) {
+    try {
+        answer(in, out);
+    } catch (const QORException& exception) {
+        reportFailure(out, exception.code(), exception.message().c_str());
+    } catch (const AException& exception) {
+        reportFailure(out, errFailure, exception.what());
+    } catch (const std::exception& exception) {
+        reportFailure(out, errFailure, exception.what());
+    }
+}
+
+}  // namespace QOR

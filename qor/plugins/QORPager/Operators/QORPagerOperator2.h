@@ -1,0 +1,25 @@
+/// \file
+/// Operator "pager2": pages of rows from views of the agent's database.
+#pragma once
+
+#include "QORFunctionality/QOROperator.h"
+
+namespace QOR {
+
+/// The path that error reports of this operator carry, whichever of its files raises them.
+inline constexpr const char* pager2SourcePath = "qor/plugins/QORPager/Operators/QORPagerOperator2";
+
+/// The module tag of its log lines.
+inline constexpr const char* pagerLogModule = "QORPager";
+
+class QORPagerOperatorPrototype2 final : public QOROperatorAsyncPrototype {
+   public:
+    QORPagerOperatorPrototype2();
+    ~QORPagerOperatorPrototype2() override;
+
+    /// Request "select". Both cursors must be QORBinaryIterators: `in` stands on the select element, the result
+    /// element is appended at `out`. Whatever fails becomes one error entry at `out`, and no result element stays.
+    void select(QORMessageIterator* in, QORMessageIterator* out);
+};
+
+}  // namespace QOR
