@@ -23,7 +23,8 @@ struct QORLogRecord {
     std::string_view text;
 };
 
-/// Where lines go. The default writes to standard error.
+/// Where lines go. The default writes to standard error. A sink is called by one thread at a time; what it logs itself
+/// is dropped, and it must not set the sink or the file.
 using QORLogSink = std::function<void(const QORLogRecord&)>;
 
 /// Formats and writes one message. \param format printf rules; control characters of arguments are written escaped,

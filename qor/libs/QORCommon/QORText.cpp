@@ -65,7 +65,9 @@ void appendEscape(std::uint8_t byte, std::string& out) {
 
 }  // namespace
 
-bool isUtf8(std::string_view text) noexcept {
+bool isUtf8(std::string_view text) noexcept { return utf8Prefix(text) == text.size(); }
+
+std::size_t utf8Prefix(std::string_view text) noexcept {
     constexpr std::uint64_t highBits = 0x8080808080808080ULL;
     std::size_t at = 0;
     while (at < text.size()) {
@@ -82,10 +84,10 @@ bool isUtf8(std::string_view text) noexcept {
             continue;
         }
         const std::size_t length = sequenceLength(text, at);
-        if (length == 0) return false;
+        if (length == 0) return at;
         at += length;
     }
-    return true;
+    return at;
 }
 
 std::string quoteText(std::string_view text, std::size_t most) {

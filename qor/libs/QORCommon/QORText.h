@@ -13,6 +13,8 @@ namespace QOR {
 
 /// True when the bytes are well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
 QOR_API bool isUtf8(std::string_view text) noexcept;
+/// The bytes from the beginning that are well-formed UTF-8, up to the first sequence that is not.
+QOR_API std::size_t utf8Prefix(std::string_view text) noexcept;
 
 /// The text in double quotes for a message to people: control characters, quotes, backslashes and bytes that are not
 /// UTF-8 are escaped; a text of more than `most` bytes is cut there and ends in "...".

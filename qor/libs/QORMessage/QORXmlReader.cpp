@@ -39,7 +39,7 @@ class Inspector {
         : m_xml(xml), m_limits(limits), m_nodesLeft(nodesLeft) {}
 
     void run() {
-        if (!isUtf8(m_xml)) refuseAt(0, "the text is not UTF-8");
+        if (const std::size_t good = utf8Prefix(m_xml); good < m_xml.size()) refuseAt(good, "the text is not UTF-8");
         while (m_at < m_xml.size()) {
             const char c = m_xml[m_at];
             if (c == '<') {
@@ -78,7 +78,7 @@ class Inspector {
         if (++m_depth > m_limits.depth) refuseDepth(start, m_limits);
         if (m_nodesLeft-- == 0) refuseCount(start, m_limits);
         char quote = 0;
-        for (; m_at < m_xml.size(); ) {
+        while (m_at < m_xml.size()) {
             const char c = m_xml[m_at];
             if (quote == 0 && c == '>') {
                 if (m_xml[m_at - 1] == '/') --m_depth;
@@ -101,7 +101,9 @@ class Inspector {
 
     void checkPlain() {
         const auto byte = static_cast<unsigned char>(m_xml[m_at]);
-        if ((byte < 0x20 && !isXmlCharacter(byte)) || startsWith("\xEF\xBF\xBE") || startsWith("\xEF\xBF\xBF")) {
+        // U+FFFE and U+FFFF begin with 0xEF; all other code points that are UTF-8 and not controls are XML's too.
+        if ((byte < 0x20 && !isXmlCharacter(byte)) ||
+            (byte == 0xEF && (startsWith("\xEF\xBF\xBE") || startsWith("\xEF\xBF\xBF")))) {
             refuseAt(m_at, "this character is not allowed in XML");
         }
         ++m_at;

@@ -1,5 +1,4 @@
-#include <array>
-#include <charconv>
+#include <algorithm>
 
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORXml.h"
