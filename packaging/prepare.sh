@@ -1,0 +1,46 @@
+# Shared by ./run and ./test: installs what the build needs and builds a preset. Sourced from the project's root.
+
+# What the build and the tests need from Debian, one line a purpose.
+packages=(
+    g++ cmake ninja-build ccache mold                        # building
+    unixodbc-dev unixodbc libsqliteodbc libsqlite3-dev       # the database
+    libboost-dev libpugixml-dev rapidjson-dev                # messages and HTTP
+    libspdlog-dev libfmt-dev libcli11-dev libssl-dev zlib1g-dev
+    libgtest-dev libgmock-dev libbenchmark-dev               # tests and benchmarks
+    ca-certificates git
+)
+
+say() { printf '\033[1m==> %s\033[0m\n' "$*" >&2; }
+
+# install_packages [MORE...]: installs those that are missing, with apt.
+install_packages() {
+    local wanted missing=()
+    for wanted in "${packages[@]}" "$@"; do
+        dpkg-query -W -f='${Status}\n' "$wanted" 2>/dev/null | grep -q '^install ok installed' || missing+=("$wanted")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    local as_root=()
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    say "installing: ${missing[*]}"
+    "${as_root[@]}" apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" \
+        >/dev/null
+}
+
+# build PRESET [TARGET...]: configures (once) and builds; quick when nothing changed.
+build() {
+    local preset=$1
+    shift
+    if [ ! -f "build/$preset/build.ninja" ]; then
+        say "configuring build/$preset"
+        cmake --preset "$preset" >"/tmp/qor-configure-$$.log" 2>&1 || {
+            cat "/tmp/qor-configure-$$.log" >&2
+            return 1
+        }
+        rm -f "/tmp/qor-configure-$$.log"
+    fi
+    say "building build/$preset"
+    local target=()
+    [ $# -eq 0 ] || target=(--target "$@")
+    cmake --build --preset "$preset" "${target[@]}"
+}
