@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "QORCommon/QORExport.h"
@@ -24,9 +25,20 @@ class QOR_API ASDomain {
     /// The name by which columns are qualified.
     const std::string& reference() const noexcept { return m_secondName.empty() ? m_name : m_secondName; }
 
+    /// A derived table: selected from as `(sql) AS "alias"`. \param sql a select that this program wrote, never text of a
+    /// client
+    static std::shared_ptr<const ASDomain> derived(std::string sql, std::string alias) {
+        auto domain = std::make_shared<ASDomain>(std::move(alias), std::string());
+        domain->m_derivedSql = std::move(sql);
+        return domain;
+    }
+    /// The select of a derived table; "" for a view or table of the database.
+    const std::string& derivedSql() const noexcept { return m_derivedSql; }
+
    private:
     std::string m_name;
     std::string m_secondName;
+    std::string m_derivedSql;
 };
 
 using ASDomainPtr = std::shared_ptr<const ASDomain>;
@@ -103,6 +115,7 @@ class QOR_API ASGroupAttribute {
     void Register(ASDataPtr data, ASDomainPtr domain);
     const ASDataPtr& data() const noexcept;
     const ASDomainPtr& domain() const noexcept;
+    Function function() const noexcept;
     std::string Query() const;
 
    private:

@@ -18,9 +18,6 @@ namespace QOR {
 class ASAttribute;
 class ASComparison;
 
-/// A GUID as a database value.
-using Guid = QORGUIDBase;
-
 /// Bytes of a binary value. Owns them.
 class RealBlob {
    public:
@@ -44,6 +41,9 @@ enum class ASType : int {
     Blob = 95,
     DateTime = 100,
 };
+
+/// A GUID as a database value.
+using Guid = QORGUIDBase;
 
 /// Room for the text form of any value that is not itself a text.
 struct ASTextBuffer {

@@ -66,8 +66,12 @@ class QOR_API ASStatement {
     /// The column as text; valid until the next fetch or execute.
     std::string_view text(unsigned column) const;
     std::int64_t integer(unsigned column) const;
+    /// A column of bytes (text() gives it in the driver's own spelling); valid as text() is.
+    std::string_view bytes(unsigned column) const;
     /// Ends the result; the statement may be executed again.
     void close();
+    /// Ends the result and sets all parameters to null.
+    void reset();
 
     struct Impl;
     explicit ASStatement(std::unique_ptr<Impl> impl);

@@ -1,0 +1,66 @@
+/// \file
+/// Internal: writes selects and conditions as SQL for one engine.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "rdbmspp/ASCursor.h"
+#include "rdbmspp/ASDialect.h"
+#include "rdbmspp/ASValue.h"
+
+namespace QOR {
+
+/// Writes into a text that it owns. With Values::Parameters, values become `?` and are listed in the order of the
+/// marks; they point into the conditions rendered, which must outlive their use. Used by one thread.
+class ASSqlBuilder {
+public:
+    enum class Values { Literals, Parameters };
+
+    ASSqlBuilder(const ASDialect& dialect, Values values);
+    /// Starts again, keeping the memory.
+    void reset();
+
+    /// A whole select. \throws AException when nothing with a domain is projected, or the engine cannot take it
+    void select(const ASProject& project, const ASComparison& condition, std::int32_t limit, std::int32_t offset,
+                const std::optional<ASOrder>& order);
+    /// A condition; nothing for none.
+    void condition(const ASComparison& condition);
+
+    void append(std::string_view sql) { m_text += sql; }
+    void column(const ASAttribute& attribute);
+    /// An attribute where an operand stands: a select, or SQL that would fall apart there, in brackets.
+    void operand(const ASAttribute& attribute);
+    void aggregate(const ASGroupAttribute& attribute);
+    void value(const ASValue& value);
+    void identifier(std::string_view name) { appendQuoted(m_text, name, '"'); }
+    void in(const ASAttribute& attribute, std::string_view list, bool negated);
+    void like(const ASAttribute& attribute, const ASAttribute* column, const ASValue& pattern, char escape,
+              bool negated);
+
+    const std::string& text() const noexcept { return m_text; }
+    std::string takeText() && { return std::move(m_text); }
+    const std::vector<const ASValue*>& parameters() const noexcept { return m_parameters; }
+    const ASDialect& dialect() const noexcept { return m_dialect; }
+
+private:
+    void projection(const ASProject& project);
+    void projectedAttribute(const ASAttribute& attribute);
+    void projectedAggregate(const ASGroupAttribute& attribute);
+    void from(const ASProject& project);
+    void groupBy(const ASProject& project);
+    void orderBy(const ASOrder& order);
+    void page(std::int32_t limit, std::int32_t offset);
+
+    const ASDialect& m_dialect;
+    Values m_values;
+    std::string m_text;
+    std::vector<const ASValue*> m_parameters;
+    ASValue m_limit;
+    ASValue m_offset;
+};
+
+}  // namespace QOR

@@ -1,0 +1,17 @@
+/// \file
+/// Internal: what has to be known about a piece of SQL that stands as text.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace QOR {
+
+/// Whether the text is one literal, name, number or call, which may stand beside an operator without brackets.
+bool isSingleTerm(std::string_view sql) noexcept;
+
+/// How many entries of its stack the engine's parser holds at most while it reads the text, as an upper bound for
+/// what this layer writes.
+std::size_t parserDepthOf(std::string_view sql) noexcept;
+
+}  // namespace QOR

@@ -1,0 +1,109 @@
+/// \file
+/// Internal: connections and statements of ODBC. The only place that calls it is OdbcConnection.cpp.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace QOR {
+
+struct ASValue;
+class OdbcConnection;
+
+/// How a column of a result is read.
+struct OdbcColumn {
+    bool binary = false;
+    std::size_t expected = 0;  ///< bytes that most values need; longer ones are read whole too
+
+    friend bool operator==(const OdbcColumn&, const OdbcColumn&) = default;
+};
+
+/// A prepared statement. Parameters and columns are bound to memory that it owns, once, and stay so.
+/// Used by one thread. Indexes begin at 0. Failures are AExceptions.
+class OdbcStatement {
+public:
+    OdbcStatement(OdbcConnection& connection, std::string sql);
+    ~OdbcStatement();
+    OdbcStatement(const OdbcStatement&) = delete;
+    OdbcStatement& operator=(const OdbcStatement&) = delete;
+
+    const std::string& sql() const noexcept { return m_sql; }
+    void setNull(std::size_t index);
+    void setInteger(std::size_t index, std::int64_t value);
+    void setReal(std::size_t index, double value);
+    void setText(std::size_t index, std::string_view value) { setBytes(index, value, false); }
+    void setBinary(std::size_t index, std::string_view value) { setBytes(index, value, true); }
+    void set(std::size_t index, const ASValue& value);
+    /// Makes all parameters null.
+    void clearParameters() noexcept;
+
+    /// Columns as they are to be read; nothing is done when they are bound so already.
+    void bindColumns(const std::vector<OdbcColumn>& columns);
+    /// Binds all columns of the result as texts.
+    void bindTextColumns();
+    std::size_t columns() const noexcept { return m_columns.size(); }
+
+    void execute();
+    bool fetch();
+    bool isNull(std::size_t column) const noexcept;
+    /// Valid until the next fetch or close.
+    std::string_view value(std::size_t column) const noexcept;
+    std::int64_t changes();
+    void close() noexcept;
+    bool isOpen() const noexcept { return m_open; }
+
+private:
+    struct Parameter;
+    struct Column;
+
+    Parameter& parameter(std::size_t index);
+    void setBytes(std::size_t index, std::string_view value, bool binary);
+    void bindParameter(std::size_t index);
+    void bindColumn(std::size_t index);
+    void readLong(std::size_t index);
+    void check(int result);
+
+    OdbcConnection& m_connection;
+    std::string m_sql;
+    void* m_handle = nullptr;
+    bool m_open = false;
+    std::vector<std::unique_ptr<Parameter>> m_parameters;  // the driver holds their addresses
+    std::vector<std::unique_ptr<Column>> m_columns;
+    std::vector<OdbcColumn> m_layout;
+};
+
+/// One connection with an environment of its own. Used by one thread at a time.
+class OdbcConnection {
+public:
+    /// \throws AException with the driver's text
+    explicit OdbcConnection(const std::string& connectionString);
+    ~OdbcConnection();
+    OdbcConnection(const OdbcConnection&) = delete;
+    OdbcConnection& operator=(const OdbcConnection&) = delete;
+
+    /// The engine's name as the driver tells it.
+    const std::string& engineName() const noexcept { return m_engineName; }
+    /// Runs a statement without parameters and drops its result. \returns rows changed
+    std::int64_t execute(std::string_view sql);
+    /// Whether a failure has left it in doubt.
+    bool isBroken() const noexcept { return m_broken; }
+    void setBroken() noexcept { m_broken = true; }
+
+private:
+    friend class OdbcStatement;
+    class Environment;
+    void connect(const std::string& connectionString);
+    void disconnect() noexcept;
+
+    void* m_environment = nullptr;
+    void* m_handle = nullptr;
+    bool m_connected = false;
+    bool m_broken = false;
+    std::string m_engineName;
+};
+
+}  // namespace QOR
