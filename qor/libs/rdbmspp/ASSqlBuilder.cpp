@@ -187,6 +187,11 @@ void ASSqlBuilder::from(const ASProject& project) {
         const ASDomain* domain = item->domain();
         if (!domain) continue;
         append(" FROM ");
+        if (!domain->derivedSql().empty()) {
+            append("(");
+            append(domain->derivedSql());
+            append(") AS ");
+        }
         identifier(domain->name());
         if (!domain->secondName().empty()) {
             append(" AS ");

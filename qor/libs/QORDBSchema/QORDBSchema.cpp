@@ -1,0 +1,190 @@
+#include "QORDBSchema/QORDBSchema.h"
+
+#include <chrono>
+#include <optional>
+#include <string_view>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORLogger.h"
+#include "QORCommon/QORText.h"
+#include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORSchemaSteps.h"
+#include "QORDBSchema/SchemaTable.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORDBSchema";
+
+/// What tells a database of ours from another program's that happens to have a table of the same name.
+constexpr std::string_view mark = "QORPager host database";
+
+constexpr int firstVersion = 1;
+constexpr int latestVersion = 2;
+
+std::span<const char* const> statementsOf(int version) {
+    return version == firstVersion ? inventorySchema : logSchema;
+}
+
+bool hasRows(ASStatement& statement) {
+    statement.execute();
+    const bool found = statement.fetch();
+    statement.close();
+    return found;
+}
+
+/// The version of a database that bears our mark.
+std::optional<int> markedVersion(ASSession& session) {
+    ASStatement& table = session.prepare(
+        "SELECT count(*) FROM pragma_table_info('qor_schema_version') WHERE name IN ('version', 'mark')");
+    table.execute();
+    const bool readable = table.fetch() && table.integer(1) == 2;
+    table.close();
+    if (!readable) return std::nullopt;
+    ASStatement& newest =
+        session.prepare("SELECT version FROM qor_schema_version WHERE mark = ? ORDER BY version DESC LIMIT 1");
+    newest.bind(1, mark);
+    newest.execute();
+    std::optional<int> version;
+    if (newest.fetch()) version = static_cast<int>(newest.integer(1));
+    newest.close();
+    return version;
+}
+
+[[noreturn]] void refuseForeign(const std::string& database) {
+    throw QORException(errFailure,
+                       "database " + quoteText(database, 1024) +
+                           " belongs to another program: it holds tables or views that are not this host's. Use "
+                           "--read-only to ask it questions, or name another database to keep records in",
+                       sourcePath, __LINE__);
+}
+
+[[noreturn]] void refuseNewer(const std::string& database, int version) {
+    throw QORException(errFailure,
+                       "database " + quoteText(database, 1024) + " has version " + std::to_string(version) +
+                           " of the schema, but this program knows versions up to " + std::to_string(latestVersion) +
+                           ": use the newer program that wrote it, or --read-only to ask it questions",
+                       sourcePath, __LINE__);
+}
+
+void requireSqlite(ASSession& session) {
+    if (session.engine() != ASEngine::SQLite) throw AException("the host's tables can be kept in SQLite only");
+}
+
+std::int64_t now() {
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+void createMark(ASSession& session) {
+    session.execute(
+        "CREATE TABLE qor_schema_version (version int NOT NULL PRIMARY KEY, mark nvarchar(64) NOT NULL, "
+        "applied datetime NOT NULL)");
+    session.execute("CREATE VIEW \"SchemaTable\" AS " + schemaTableSql({}));
+}
+
+void applyStep(ASSession& session, int version) {
+    for (const char* statement : statementsOf(version))
+        session.execute(statement);
+    session.prepare("INSERT INTO qor_schema_version (version, mark, applied) VALUES (?, ?, ?)")
+        .bind(1, std::int64_t{version})
+        .bind(2, mark)
+        .bind(3, time2dbstr(now()))
+        .execute();
+}
+
+QORSchemaState inspectDatabase() {
+    QORRdbmsTran tran(ASAccess::Read);
+    return QORDBSchema::inspect(*tran);
+}
+
+/// What is there, found without writing; nothing when it cannot be opened for reading, as when it is missing.
+std::optional<QORSchemaState> lookReadOnly(ASDatabaseOptions options) {
+    options.readOnly = true;
+    try {
+        QORRdbms::instance().configure(options);
+        return inspectDatabase();
+    } catch (const AException&) {
+        return std::nullopt;
+    }
+}
+
+bool isForeign(const QORSchemaState& state) {
+    return state.kind == QORSchemaState::Kind::Foreign;
+}
+
+QORSchemaReport openReadOnly(ASDatabaseOptions options) {
+    options.readOnly = true;
+    QORRdbms::instance().configure(options);
+    const QORSchemaState state = inspectDatabase();
+    return {state, state.version, true};
+}
+
+}  // namespace
+
+int QORDBSchema::currentVersion() noexcept {
+    return latestVersion;
+}
+
+QORSchemaState QORDBSchema::inspect(ASSession& session) {
+    if (session.engine() != ASEngine::SQLite) return {QORSchemaState::Kind::Foreign, 0};
+    if (const auto version = markedVersion(session)) return {QORSchemaState::Kind::Ours, *version};
+    const bool any =
+        hasRows(session.prepare("SELECT 1 FROM sqlite_master WHERE substr(name, 1, 7) <> 'sqlite_' LIMIT 1"));
+    return {any ? QORSchemaState::Kind::Foreign : QORSchemaState::Kind::Empty, 0};
+}
+
+int QORDBSchema::migrate(ASSession& session, int version) {
+    requireSqlite(session);
+    const QORSchemaState found = inspect(session);
+    const std::string database = databaseName(QORRdbms::instance().options().connectionString);
+    if (isForeign(found)) refuseForeign(database);
+    if (found.version > latestVersion) refuseNewer(database, found.version);
+    if (found.kind == QORSchemaState::Kind::Empty) createMark(session);
+    for (int step = found.version + 1; step <= version; ++step)
+        applyStep(session, step);
+    return found.version;
+}
+
+QORSchemaReport QORDBSchema::open(const ASDatabaseOptions& options, QORSchemaMode mode) {
+    if (options.readOnly) return openReadOnly(options);
+    // Merely opening a database for writing may change its file (its journal), so another program's is looked at first.
+    const auto found = lookReadOnly(options);
+    if (found && isForeign(*found)) {
+        if (mode == QORSchemaMode::Own) refuseForeign(databaseName(options.connectionString));
+        return openReadOnly(options);
+    }
+    if (found && found->version > latestVersion) refuseNewer(databaseName(options.connectionString), found->version);
+    QORRdbms::instance().configure(options);
+    QORSchemaReport report{found.value_or(QORSchemaState()), latestVersion, false};
+    if (found && found->kind == QORSchemaState::Kind::Ours && found->version == latestVersion) return report;
+    QORRdbmsTran tran(ASAccess::Write);
+    report.found.version = migrate(*tran);
+    tran.commit();
+    if (report.found.version < latestVersion) {
+        logMessage(2, "QORDBSchema", sourcePath, __func__, "Database '%s': schema version %d, was %d",
+                   databaseName(options.connectionString).c_str(), latestVersion, report.found.version);
+    }
+    return report;
+}
+
+std::string QORDBSchema::databaseName(const std::string& connectionString) {
+    std::string name;
+    std::string_view rest = connectionString;
+    while (!rest.empty()) {
+        const std::size_t end = rest.find(';');
+        const std::string_view part = rest.substr(0, end);
+        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+        const std::size_t equals = part.find('=');
+        if (equals == std::string_view::npos) continue;
+        std::string key;
+        for (const char c : part.substr(0, equals)) {
+            if (c != ' ') key += static_cast<char>(c >= 'A' && c <= 'Z' ? c | 0x20 : c);
+        }
+        if (key == "database") return std::string(part.substr(equals + 1));
+        if (key == "dsn") name = part.substr(equals + 1);
+    }
+    return name;
+}
+
+}  // namespace QOR

@@ -1,0 +1,66 @@
+/// \file
+/// QORDBSchema: the host's tables and views, created and brought up to date; other people's databases told apart.
+///
+/// Tables are the host's own business and may change with every version; what clients ask for are the views
+/// vEnvironment, vOpLog, vEventLog and vBackupInfo. Their columns are plain columns of tables with declared types:
+/// an engine tells no type of an expression. Stored forms: GUIDs in lower case with hyphens, times
+/// "YYYY-MM-DD HH:MM:SS" in UTC, info documents as XML text, of backups as bytes.
+#pragma once
+
+#include <string>
+
+#include "QORCommon/QORExport.h"
+#include "rdbmspp/QORRdbms.h"
+
+namespace QOR {
+
+/// What a program means to do with the database, which decides what an unsuitable one leads to.
+enum class QORSchemaMode {
+    Own,      ///< keep records in it: another program's database is refused
+    Reading,  ///< answer questions from it: another program's database is read as it is, and nothing is written to it
+};
+
+/// What a database was found to be.
+struct QORSchemaState {
+    enum class Kind {
+        Empty,    ///< no tables, no views
+        Ours,     ///< bears the host's mark
+        Foreign,  ///< another program's
+    };
+    Kind kind = Kind::Empty;
+    int version = 0;  ///< of the host's schema; 0 unless Ours
+};
+
+/// What open() did.
+struct QORSchemaReport {
+    QORSchemaState found;   ///< before anything was done; Empty for a database that was missing
+    int version = 0;        ///< the version now; 0 when the database is not ours
+    bool readOnly = false;  ///< the connections are for reading only
+};
+
+class QOR_API QORDBSchema {
+public:
+    /// The version that this program writes.
+    static int currentVersion() noexcept;
+
+    /// Makes QORRdbms ready for use: finds out what the database is without writing to it, then, unless
+    /// options.readOnly, creates what is missing and migrates an older version, all in one transaction that takes the
+    /// write lock first; programs that start together wait for each other. With options.readOnly nothing is ever
+    /// written and a missing database is an error.
+    /// \throws QORException 1 for a database that is newer than this program, or another program's in mode Own; the
+    /// text names the database. \throws AException when the database cannot be opened, read or written
+    static QORSchemaReport open(const ASDatabaseOptions& options, QORSchemaMode mode);
+
+    /// Looks without writing.
+    static QORSchemaState inspect(ASSession& session);
+
+    /// Brings an empty database or an older one of ours to a version, within the caller's transaction, which must be
+    /// for writing. \returns the version found \throws as open() in mode Own
+    static int migrate(ASSession& session, int version = currentVersion());
+
+    /// The name of the database in a connection string, for messages: the value of Database (or of DSN), never a
+    /// password.
+    static std::string databaseName(const std::string& connectionString);
+};
+
+}  // namespace QOR

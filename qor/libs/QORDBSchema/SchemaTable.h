@@ -1,0 +1,79 @@
+/// \file
+/// SchemaTable: what views the database has, and their columns, as the database itself tells.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "QORCommon/QORExport.h"
+#include "rdbmspp/ASAttribute.h"
+#include "rdbmspp/ASCursor.h"
+#include "rdbmspp/ASData.h"
+
+namespace QOR {
+
+class ASSession;
+
+/// The domain "SchemaTable": one row a column of a view, every view of the database but SchemaTable itself. It is a
+/// select over the engine's own catalogue, not a view, so that it needs nothing in the database.
+///
+/// Holds the data objects that a cursor fetches into; used by one thread at a time.
+struct QOR_API SchemaTable {
+    /// For the database that QORRdbms is configured with.
+    SchemaTable();
+    /// Also tries the views: one that the engine cannot make sense of (it selects from a table that is gone) would
+    /// fail the whole select; it is logged and left out.
+    explicit SchemaTable(ASSession& session);
+
+    /// The attributes, each bound to the data object of its name below.
+    struct QOR_API MetaData {
+        MetaData();
+        ASAttribute viewName;
+        ASAttribute name;
+        ASAttribute type;
+        ASAttribute length;
+        ASAttribute charSet;
+        ASAttribute collation;
+        /// Where the column stands in its view, counted from 0; not projected.
+        ASAttribute position;
+    };
+
+    ASDomainPtr domain;
+    MetaData metaData;
+
+    std::shared_ptr<ASVStr> viewName = std::make_shared<ASVStr>(128);
+    std::shared_ptr<ASVStr> name = std::make_shared<ASVStr>(128);
+    /// In lower case, without its length; empty for an expression, whose type the engine does not tell.
+    std::shared_ptr<ASVStr> type = std::make_shared<ASVStr>(128);
+    /// As declared, 0 when it is not.
+    std::shared_ptr<ASInt> length = std::make_shared<ASInt>();
+    std::shared_ptr<ASVStr> charSet = std::make_shared<ASVStr>(128);
+    std::shared_ptr<ASVStr> collation = std::make_shared<ASVStr>(128);
+
+    /// By view name, then by the place in the view.
+    ASOrder order() const;
+
+private:
+    explicit SchemaTable(const std::string& sql);
+};
+
+/// Projects viewName, name, type, length, charSet and collation, in this order.
+QOR_API void selectAllAttributes(ASProject& project, const SchemaTable& table);
+
+/// A column of a view.
+struct QORViewColumn {
+    std::string view;
+    std::string column;
+    std::string type;
+    std::int32_t length = 0;  ///< as declared, 0 when it is not
+};
+
+/// Every column of every view, in SchemaTable's order. \throws AException
+QOR_API std::vector<QORViewColumn> readViews(ASSession& session);
+
+/// The select behind SchemaTable, with a column position beside the six. \param without names of views to leave out
+std::string schemaTableSql(const std::vector<std::string>& without);
+
+}  // namespace QOR
