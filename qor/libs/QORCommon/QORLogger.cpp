@@ -133,7 +133,13 @@ int logLevel() noexcept { return theLogger().level.load(std::memory_order_relaxe
 void setLogFile(const std::string& path) {
     std::shared_ptr<spdlog::logger> backend;
     try {
-        backend = makeBackend(std::make_shared<spdlog::sinks::basic_file_sink_mt>(path));
+        spdlog::sink_ptr sink;
+        if (path.empty()) {
+            sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+        } else {
+            sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path);
+        }
+        backend = makeBackend(std::move(sink));
     } catch (const spdlog::spdlog_ex& error) {
         throw QORException(errFailure, "cannot open the log file " + quoteText(path) + ": " + error.what());
     }

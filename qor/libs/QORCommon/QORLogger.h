@@ -36,7 +36,8 @@ QOR_API void logMessage(int level, const char* module, const char* sourcePath, c
 QOR_API void setLogLevel(int level);
 QOR_API int logLevel() noexcept;
 
-/// Appends lines to a file instead of standard error. Throws QORException when it cannot be opened.
+/// Appends lines to a file instead of standard error; the empty path means standard error again. Throws QORException
+/// when it cannot be opened. The same path once more opens the file anew, as rotating it needs.
 QOR_API void setLogFile(const std::string& path);
 
 /// Replaces the sink (for embedding and tests); an empty function restores the default. Returns nothing until no
