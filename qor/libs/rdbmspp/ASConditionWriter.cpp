@@ -29,13 +29,12 @@ constexpr std::size_t naturalDepth = 24;
 // A condition that shares its parts could otherwise grow without bound when it is laid out.
 constexpr std::size_t maxTerms = 5'000'000;
 
-constexpr std::size_t heightOfTerm = 4;  // levels of a comparison
-
-constexpr std::size_t costOfTerm = 8;      // entries for the widest comparison
+constexpr std::size_t heightOfTerm = 4;    // levels of a comparison
 constexpr std::size_t costOfOperator = 2;  // "a AND"
 constexpr std::size_t costOfBracket = 1;   // "("
 constexpr std::size_t costOfNot = 2;       // "NOT ("
-constexpr std::size_t costOfSelect = 8;    // "SELECT DISTINCT a FROM v WHERE" and what precedes the select itself
+constexpr std::size_t costOfColumn = 3;    // "v"."c"
+constexpr std::size_t costOfSelect = 6;    // what the select itself holds while its condition is read
 
 /// A condition laid flat. Parts stand in one vector, parents before their children.
 struct Part {
@@ -56,8 +55,30 @@ struct Part {
     }
 };
 
+std::size_t depthOf(const ASAttribute& operand) {
+    return operand.isColumn() ? costOfColumn : costOfBracket + parserDepthOf(operand.name());
+}
+
+// Operands are read one after the other; what was read of the comparison before one is held meanwhile.
+std::size_t depthOfTerm(const Node& node) {
+    std::size_t depth = node.first ? depthOf(*node.first) : 0;
+    if (node.second) depth = std::max(depth, costOfOperator + depthOf(*node.second));
+    if (node.third) depth = std::max(depth, 2 * costOfOperator + depthOf(*node.third));
+    switch (node.kind) {
+        case Node::Kind::Raw:
+            return costOfNot + parserDepthOf(node.value.text);
+        case Node::Kind::In:
+            return std::max(depth, costOfOperator + costOfBracket + parserDepthOf(node.value.text));
+        case Node::Kind::LikeText:
+        case Node::Kind::LikeAttribute:
+            return std::max(depth, 2 * costOfOperator + costOfBracket);
+        default:
+            return std::max(depth, costOfOperator + costOfBracket);
+    }
+}
+
 class Layout {
-public:
+   public:
     enum class Form { Natural, Turned };
 
     Layout(const Node& root, Form form) : m_form(form) {
@@ -69,7 +90,7 @@ public:
     std::size_t depth() const noexcept { return m_parts.front().depth; }
     std::size_t height() const noexcept { return m_parts.front().height; }
 
-private:
+   private:
     struct Pending {
         const Node* node;
         Index parent;
@@ -146,10 +167,8 @@ void Layout::layChain(const Pending& pending) {
 
 void Layout::measure(Part& part) {
     if (part.node) {
-        part.depth = costOfTerm;
+        part.depth = depthOfTerm(*part.node);
         part.height = heightOfTerm;
-        if (part.kind == Node::Kind::In || part.kind == Node::Kind::Raw)
-            part.depth += parserDepthOf(part.node->value.text);
     } else if (part.kind == Node::Kind::Not) {
         part.depth = costOfNot + m_parts[part.first].depth;
         part.height = 1 + m_parts[part.first].height;
@@ -284,11 +303,11 @@ void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
 }
 
 class Writer {
-public:
+   public:
     Writer(ASSqlBuilder& builder, const std::vector<Part>& parts) : m_builder(builder), m_parts(parts) {}
     void write();
 
-private:
+   private:
     struct Frame {
         Index part;
         Index child;  ///< the next to write
@@ -362,14 +381,7 @@ void refuse(const ASDialect& dialect) {
 }  // namespace
 
 void writeCondition(ASSqlBuilder& builder, const Node& root) {
-    if (!root.isChain() && root.kind != Node::Kind::Not && root.kind != Node::Kind::In) {
-        if (root.kind == Node::Kind::Raw) {
-            builder.append(root.value.text);
-        } else {
-            writeTerm(builder, root, false);
-        }
-        return;
-    }
+    if (root.kind == Node::Kind::Raw) return builder.append(root.value.text);
     const ASDialect& dialect = builder.dialect();
     const Layout natural(root, Layout::Form::Natural);
     const bool shallow = natural.depth() <= naturalDepth && natural.height() <= dialect.expressionDepth / 2;

@@ -167,7 +167,7 @@ ASDouble::ASDouble(double value) : ASData(ASType::Double), m_value(value) {
 }
 
 std::string_view ASDouble::text(ASTextBuffer& scratch) const {
-    if (m_state == State::Value) return printTo(scratch, m_value);
+    if (m_state == State::Value) return copyTo(scratch, doubleToStr(m_value));
     return isNull() ? std::string_view() : m_raw;
 }
 
@@ -292,7 +292,7 @@ void ASValue::appendLiteral(std::string& out, const ASDialect& dialect) const {
             break;
         case Kind::Real:
             if (std::isfinite(real)) {
-                out += printTo(scratch, real);
+                out += doubleToStr(real);
             } else {
                 out += std::isnan(real) ? "NULL" : real > 0 ? "9e999" : "-9e999";
             }

@@ -21,7 +21,7 @@ namespace QOR {
 /// until trim().
 template <class Statement>
 class ASStatementCache {
-public:
+   public:
     struct Entry {
         std::unique_ptr<Statement> statement;
         std::string_view key;  ///< the map's
@@ -50,7 +50,7 @@ public:
     auto begin() noexcept { return m_entries.begin(); }
     auto end() noexcept { return m_entries.end(); }
 
-private:
+   private:
     struct Hash {
         using is_transparent = void;
         std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
@@ -61,7 +61,7 @@ private:
 
 /// A cursor's hold on a prepared statement; gives it back to the session's cache, closed.
 class ASStatementLease {
-public:
+   public:
     using Cache = ASStatementCache<OdbcStatement>;
 
     ASStatementLease() = default;
@@ -80,7 +80,7 @@ public:
     explicit operator bool() const noexcept { return m_entry || m_own; }
     OdbcStatement* operator->() const noexcept { return m_entry ? m_entry->statement.get() : m_own.get(); }
 
-private:
+   private:
     void release() noexcept {
         if (m_entry) {
             m_entry->statement->close();

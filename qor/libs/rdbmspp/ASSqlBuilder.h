@@ -17,7 +17,7 @@ namespace QOR {
 /// Writes into a text that it owns. With Values::Parameters, values become `?` and are listed in the order of the
 /// marks; they point into the conditions rendered, which must outlive their use. Used by one thread.
 class ASSqlBuilder {
-public:
+   public:
     enum class Values { Literals, Parameters };
 
     ASSqlBuilder(const ASDialect& dialect, Values values);
@@ -46,7 +46,7 @@ public:
     const std::vector<const ASValue*>& parameters() const noexcept { return m_parameters; }
     const ASDialect& dialect() const noexcept { return m_dialect; }
 
-private:
+   private:
     void projection(const ASProject& project);
     void projectedAttribute(const ASAttribute& attribute);
     void projectedAggregate(const ASGroupAttribute& attribute);

@@ -31,7 +31,7 @@ std::size_t costOfBracket(std::string_view before) {
 }
 
 constexpr std::size_t costOfSelect = 5;  // SELECT, its distinct flag, its columns, FROM, WHERE
-constexpr std::size_t costOfTerm = 8;    // the widest comparison: a qualified column between two others
+constexpr std::size_t costOfTerm = 5;    // a comparison with a qualified column
 
 }  // namespace
 

@@ -61,7 +61,7 @@ SQLCHAR* chars(std::string_view text) {
 
 /// A statement handle for as long as its owner lives.
 class StatementHandle {
-public:
+   public:
     explicit StatementHandle(SQLHDBC connection) {
         checkResult(SQLAllocHandle(SQL_HANDLE_STMT, connection, &m_handle), SQL_HANDLE_DBC, connection, {});
     }
@@ -73,7 +73,7 @@ public:
     SQLHSTMT get() const noexcept { return m_handle; }
     SQLHSTMT release() noexcept { return std::exchange(m_handle, SQLHSTMT(nullptr)); }
 
-private:
+   private:
     SQLHSTMT m_handle = nullptr;
 };
 

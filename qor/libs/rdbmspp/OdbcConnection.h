@@ -25,7 +25,7 @@ struct OdbcColumn {
 /// A prepared statement. Parameters and columns are bound to memory that it owns, once, and stay so.
 /// Used by one thread. Indexes begin at 0. Failures are AExceptions.
 class OdbcStatement {
-public:
+   public:
     OdbcStatement(OdbcConnection& connection, std::string sql);
     ~OdbcStatement();
     OdbcStatement(const OdbcStatement&) = delete;
@@ -56,7 +56,7 @@ public:
     void close() noexcept;
     bool isOpen() const noexcept { return m_open; }
 
-private:
+   private:
     struct Parameter;
     struct Column;
 
@@ -78,7 +78,7 @@ private:
 
 /// One connection with an environment of its own. Used by one thread at a time.
 class OdbcConnection {
-public:
+   public:
     /// \throws AException with the driver's text
     explicit OdbcConnection(const std::string& connectionString);
     ~OdbcConnection();
@@ -93,7 +93,7 @@ public:
     bool isBroken() const noexcept { return m_broken; }
     void setBroken() noexcept { m_broken = true; }
 
-private:
+   private:
     friend class OdbcStatement;
     class Environment;
     void connect(const std::string& connectionString);
