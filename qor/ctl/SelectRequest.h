@@ -1,0 +1,39 @@
+/// \file
+/// From the options of `qorctl select` to a request of the operator "pager2".
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "QORMessage/QORNotation.h"
+
+namespace QOR {
+
+/// What the person asked for, as typed.
+struct QORSelectOptions {
+    std::string view;
+    std::vector<std::string> fields;  ///< `column`, `"any column"` or `function(column)`
+    std::optional<std::string> where;
+    std::vector<std::string> sort;  ///< a field, behind '-' for descending order
+    std::int64_t limit = 0;         ///< rows of the page, 0 for all
+    std::int64_t offset = 0;        ///< rows before the page
+    bool count = false;
+    bool distinct = false;
+    /// Ask as a client without full access that stands for these environments, the first being its own identity; the
+    /// word "none" alone is a client without identities. Empty: ask as oneself.
+    std::vector<std::string> client;
+};
+
+/// A request, and how its answer is put before the person.
+struct QORSelectRequest {
+    QORRequestEnvelope envelope;
+    std::vector<std::string> columns;  ///< names of the answer's columns in the order they were asked for
+    std::vector<std::string> notes;    ///< what the person should know about the request
+};
+
+/// \throws QORCtlError BadUsage naming the option that cannot be meant; for the condition the text shows the place
+QORSelectRequest makeSelectRequest(const QORSelectOptions& options);
+
+}  // namespace QOR

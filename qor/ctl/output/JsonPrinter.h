@@ -1,0 +1,28 @@
+/// \file
+/// Rows as JSON objects.
+#pragma once
+
+#include <vector>
+
+#include "output/RowPrinter.h"
+
+namespace QOR {
+
+/// Appends a JSON string, or {"base64":"..."} for bytes that are not UTF-8.
+void appendJsonText(std::string_view text, std::string& out);
+
+class QORJsonPrinter final : public QORRowSink {
+   public:
+    QORJsonPrinter(bool withCounts, QOROutput& out) : m_withCounts(withCounts), m_out(out) {}
+    void begin(std::span<const std::string> names) override;
+    void row(std::span<const QORCell> cells) override;
+    void end(const std::optional<QORRowCounts>& counts) override;
+
+   private:
+    bool m_withCounts;
+    bool m_any = false;
+    QOROutput& m_out;
+    std::vector<std::string> m_members;  ///< `"name":` of each column
+};
+
+}  // namespace QOR

@@ -1,0 +1,179 @@
+#include "output/TablePrinter.h"
+
+#include <algorithm>
+
+#include "QORCommon/QORNumbers.h"
+#include "output/TextWidth.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::size_t rowsHeldBack = 10'000;
+constexpr std::size_t leastColumnWidth = 4;
+constexpr std::string_view gap = "  ";
+constexpr std::string_view nullSign = "-";
+constexpr std::size_t binaryBytesShown = 64;
+
+void appendHex(std::string_view bytes, std::string& out) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    out += "0x";
+    for (const char c : bytes.substr(0, binaryBytesShown)) {
+        out += digits[static_cast<unsigned char>(c) >> 4U];
+        out += digits[static_cast<unsigned char>(c) & 15U];
+    }
+    if (bytes.size() > binaryBytesShown) out += "...";
+}
+
+void appendPadded(std::string_view text, std::size_t width, bool right, std::string& out) {
+    const std::size_t taken = textWidth(text);
+    const std::size_t blanks = taken < width ? width - taken : 0;
+    if (right) out.append(blanks, ' ');
+    out += text;
+    if (!right) out.append(blanks, ' ');
+}
+
+void dropTrailingBlanks(std::string& line) { line.erase(line.find_last_not_of(' ') + 1); }
+
+}  // namespace
+
+void QORTablePrinter::begin(std::span<const std::string> names) {
+    for (const std::string& name : names) {
+        Column column;
+        appendVisible(name, column.name);
+        column.width = textWidth(column.name);
+        m_columns.push_back(std::move(column));
+    }
+    m_values.resize(m_columns.size());
+}
+
+void QORTablePrinter::render(std::span<const QORCell> cells) {
+    for (std::size_t at = 0; at < cells.size(); ++at) {
+        std::string& value = m_values[at];
+        value.clear();
+        if (cells[at].kind == QORCell::Kind::Null)
+            value = nullSign;
+        else if (cells[at].kind == QORCell::Kind::Binary)
+            appendHex(cells[at].bytes, value);
+        else
+            appendVisible(cells[at].bytes, value);
+    }
+}
+
+void QORTablePrinter::row(std::span<const QORCell> cells) {
+    ++m_rows;
+    render(cells);
+    if (m_settled) return m_blocks ? printBlock(m_values) : printLine(m_values);
+    for (std::size_t at = 0; at < cells.size(); ++at) {
+        Column& column = m_columns[at];
+        column.width = std::max(column.width, textWidth(m_values[at]));
+        if (cells[at].kind == QORCell::Kind::Null) continue;
+        column.any = true;
+        column.numbers = column.numbers && cells[at].kind == QORCell::Kind::Text && parseDouble(cells[at].bytes);
+    }
+    m_held.insert(m_held.end(), m_values.begin(), m_values.end());
+    if (m_rows == rowsHeldBack) settleColumns();
+}
+
+void QORTablePrinter::settleColumns() {
+    m_settled = true;
+    m_blocks = !fitColumns();
+    if (!m_blocks) printHeader();
+    printHeldRows();
+}
+
+/// Takes from the widest columns until the line fits. False when it cannot be made to.
+bool QORTablePrinter::fitColumns() {
+    if (m_width == 0 || m_columns.empty()) return true;
+    const std::size_t gaps = gap.size() * (m_columns.size() - 1);
+    std::size_t needed = gaps;
+    std::size_t least = gaps;
+    for (const Column& column : m_columns) {
+        needed += column.width;
+        least += std::min(column.width, leastColumnWidth);
+    }
+    if (least > m_width) return false;
+    if (needed <= m_width) return true;
+    // The widest common bound under which all fit; what rounding leaves over goes to the first columns it helps.
+    std::size_t bound = leastColumnWidth;
+    const auto taken = [&](std::size_t most) {
+        std::size_t sum = gaps;
+        for (const Column& column : m_columns) sum += std::min(column.width, most);
+        return sum;
+    };
+    while (taken(bound + 1) <= m_width) ++bound;
+    std::size_t left = m_width - taken(bound);
+    for (Column& column : m_columns) {
+        if (column.width <= bound) continue;
+        column.width = bound + (left > 0 ? 1 : 0);
+        left -= left > 0 ? 1 : 0;
+    }
+    return true;
+}
+
+void QORTablePrinter::printHeader() {
+    std::string names;
+    std::string rules;
+    for (const Column& column : m_columns) {
+        if (!names.empty()) names += gap, rules += gap;
+        const std::string name = m_width == 0 ? column.name : cutToWidth(column.name, column.width);
+        appendPadded(name, column.width, alignsRight(column), names);
+        rules.append(column.width, '-');
+    }
+    dropTrailingBlanks(names);
+    m_out << names << "\n" << rules << "\n";
+}
+
+void QORTablePrinter::printHeldRows() {
+    for (std::size_t at = 0; at < m_held.size(); at += m_columns.size()) {
+        const std::span<const std::string> values(m_held.data() + at, m_columns.size());
+        if (m_blocks)
+            printBlock(values);
+        else
+            printLine(values);
+    }
+    m_held = {};
+}
+
+void QORTablePrinter::printLine(std::span<const std::string> values) {
+    std::string& buffer = m_out.buffer();
+    const std::size_t begin = buffer.size();
+    for (std::size_t at = 0; at < values.size(); ++at) {
+        const Column& column = m_columns[at];
+        if (at > 0) buffer += gap;
+        if (m_width == 0)
+            appendPadded(values[at], column.width, alignsRight(column), buffer);
+        else
+            appendPadded(cutToWidth(values[at], column.width), column.width, alignsRight(column), buffer);
+    }
+    const std::size_t last = buffer.find_last_not_of(' ');
+    buffer.erase(last == std::string::npos || last < begin ? begin : last + 1);
+    buffer += '\n';
+    m_out.settle();
+}
+
+void QORTablePrinter::printBlock(std::span<const std::string> values) {
+    std::size_t widest = 0;
+    for (const Column& column : m_columns) widest = std::max(widest, textWidth(column.name));
+    widest = std::min(widest, m_width / 2);
+    if (m_anyBlock) m_out << "\n";
+    m_anyBlock = true;
+    for (std::size_t at = 0; at < values.size(); ++at) {
+        std::string line;
+        appendPadded(cutToWidth(m_columns[at].name, std::max<std::size_t>(widest, 1)), widest, false, line);
+        line += gap;
+        const std::size_t room = m_width > widest + gap.size() ? m_width - widest - gap.size() : 1;
+        line += cutToWidth(values[at], room);
+        dropTrailingBlanks(line);
+        m_out << line << "\n";
+    }
+}
+
+void QORTablePrinter::end(const std::optional<QORRowCounts>& counts) {
+    if (!m_settled) settleColumns();
+    if (counts)
+        m_out << (m_rows > 0 ? "\n" : "") << describeCounts(*counts) << "\n";
+    else if (m_rows == 0 && !m_columns.empty())
+        m_out << "no rows\n";
+}
+
+}  // namespace QOR

@@ -1,0 +1,147 @@
+#include "where/WhereLexer.h"
+
+#include <algorithm>
+
+#include "QORCommon/QORText.h"
+#include "where/WhereError.h"
+
+namespace QOR {
+namespace {
+
+constexpr bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
+constexpr bool isAscii(char c) { return static_cast<unsigned char>(c) < 0x80; }
+constexpr bool isWordStart(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || !isAscii(c);
+}
+constexpr bool isWordPart(char c) { return isWordStart(c) || isDigit(c) || c == '$'; }
+constexpr char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+/// Longer ones first.
+constexpr std::string_view symbols[] = {"<>", "!=", "<=", ">=", "=", "<", ">", "(", ")", ",", ".", "+", "-"};
+
+/// The bytes of the character at `position`: what is no token is shown whole.
+std::string_view characterAt(std::string_view text, std::size_t position) {
+    std::size_t end = position + 1;
+    while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) ++end;
+    return text.substr(position, end - position);
+}
+
+std::string adviceFor(std::string_view text, std::size_t position) {
+    const std::string_view rest = text.substr(position);
+    if (rest.starts_with("==")) return "\"==\" is not an operator; equality is written \"=\"";
+    if (rest.starts_with("&&")) return "\"&&\" is not an operator; it is written \"and\"";
+    if (rest.starts_with("||")) return "\"||\" is not an operator; \"or\" joins conditions";
+    if (rest.front() == '!') return "\"!\" is not an operator; it is written \"not\"";
+    return quoteText(characterAt(text, position)) + " has no meaning here";
+}
+
+}  // namespace
+
+bool QORWhereToken::isWord(std::string_view keyword) const {
+    return kind == QORWhereTokenKind::Word &&
+           std::equal(spelled.begin(), spelled.end(), keyword.begin(), keyword.end(),
+                      [](char a, char b) { return lower(a) == b; });
+}
+
+QORWhereLexer::QORWhereLexer(std::string_view text) : m_text(text) { read(); }
+
+QORWhereToken QORWhereLexer::take() {
+    QORWhereToken taken = std::move(m_token);
+    m_token = {};
+    read();
+    return taken;
+}
+
+bool QORWhereLexer::isFollowedBy(char character) const noexcept {
+    const auto next = std::find_if_not(m_text.begin() + static_cast<std::ptrdiff_t>(m_position), m_text.end(), isBlank);
+    return next != m_text.end() && *next == character;
+}
+
+void QORWhereLexer::read() {
+    while (m_position < m_text.size() && isBlank(m_text[m_position])) ++m_position;
+    m_token.offset = m_position;
+    if (m_position == m_text.size()) return finish(QORWhereTokenKind::End, m_position);
+    const char c = m_text[m_position];
+    const bool startsFraction = c == '.' && m_position + 1 < m_text.size() && isDigit(m_text[m_position + 1]);
+    // A point directly behind a name belongs to "view.column", even where a digit follows.
+    const bool afterName = m_position > 0 && (isWordPart(m_text[m_position - 1]) || m_text[m_position - 1] == '"');
+    if (isWordStart(c)) return readWord();
+    if (isDigit(c) || (startsFraction && !afterName)) return readNumber();
+    if (c == '\'') return readQuoted(c, QORWhereTokenKind::Text);
+    if (c == '"') return readQuoted(c, QORWhereTokenKind::Quoted);
+    readSymbol();
+}
+
+void QORWhereLexer::finish(QORWhereTokenKind kind, std::size_t end) {
+    m_token.kind = kind;
+    m_token.spelled = m_text.substr(m_token.offset, end - m_token.offset);
+    if (m_token.text.empty() && kind != QORWhereTokenKind::Text) m_token.text = m_token.spelled;
+    m_position = end;
+}
+
+void QORWhereLexer::readWord() {
+    std::size_t end = m_position;
+    while (end < m_text.size() && isWordPart(m_text[end])) ++end;
+    finish(QORWhereTokenKind::Word, end);
+}
+
+void QORWhereLexer::readNumber() {
+    std::size_t end = m_position;
+    const auto digits = [&] {
+        const std::size_t begin = end;
+        while (end < m_text.size() && isDigit(m_text[end])) ++end;
+        return end > begin;
+    };
+    bool good = digits();
+    if (end < m_text.size() && m_text[end] == '.') {
+        ++end;
+        good = digits();
+    }
+    if (good && end < m_text.size() && lower(m_text[end]) == 'e') {
+        ++end;
+        if (end < m_text.size() && (m_text[end] == '+' || m_text[end] == '-')) ++end;
+        good = digits();
+    }
+    if (good && (end == m_text.size() || (!isWordPart(m_text[end]) && m_text[end] != '.')))
+        return finish(QORWhereTokenKind::Number, end);
+    while (end < m_text.size() && (isWordPart(m_text[end]) || m_text[end] == '.')) ++end;
+    throw QORWhereError(m_token.offset, quoteText(m_text.substr(m_token.offset, end - m_token.offset)) +
+                                            " is not a number; a text is written in single quotes");
+}
+
+void QORWhereLexer::readQuoted(char quote, QORWhereTokenKind kind) {
+    std::string& text = m_token.text;
+    for (std::size_t from = m_position + 1;;) {
+        const std::size_t end = m_text.find(quote, from);
+        if (end == std::string_view::npos)
+            throw QORWhereError(m_token.offset, kind == QORWhereTokenKind::Text
+                                                    ? "the text that begins here has no closing single quote"
+                                                    : "the name that begins here has no closing double quote");
+        text.append(m_text, from, end - from);
+        if (end + 1 < m_text.size() && m_text[end + 1] == quote) {
+            text += quote;
+            from = end + 2;
+            continue;
+        }
+        if (kind == QORWhereTokenKind::Quoted && text.empty()) throw QORWhereError(m_token.offset, "the name is empty");
+        return finish(kind, end + 1);
+    }
+}
+
+void QORWhereLexer::readSymbol() {
+    const std::string_view rest = m_text.substr(m_position);
+    if (!rest.starts_with("=="))
+        for (const std::string_view symbol : symbols)
+            if (rest.starts_with(symbol)) return finish(QORWhereTokenKind::Symbol, m_position + symbol.size());
+    throw QORWhereError(m_position, adviceFor(m_text, m_position));
+}
+
+std::string describeToken(const QORWhereToken& token) {
+    if (token.kind == QORWhereTokenKind::End) return "the end of the text";
+    if (token.kind == QORWhereTokenKind::Text) return "the text " + quoteText(token.text, 40);
+    if (token.kind == QORWhereTokenKind::Quoted) return "the name " + quoteText(token.text, 40);
+    return quoteText(token.spelled, 40);
+}
+
+}  // namespace QOR

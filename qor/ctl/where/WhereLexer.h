@@ -1,0 +1,62 @@
+/// \file
+/// The words of a row condition.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace QOR {
+
+enum class QORWhereTokenKind : std::uint8_t {
+    End,
+    Word,    ///< a bare name or keyword
+    Quoted,  ///< a name in double quotes
+    Text,    ///< a text in single quotes
+    Number,  ///< digits, with fraction and exponent, without sign
+    Symbol,  ///< an operator or a punctuation mark
+};
+
+struct QORWhereToken {
+    QORWhereTokenKind kind = QORWhereTokenKind::End;
+    std::size_t offset = 0;    ///< bytes before it
+    std::string_view spelled;  ///< as it stands in the text, quotes included
+    std::string text;          ///< what it means: quotes removed and undoubled
+
+    bool isSymbol(std::string_view symbol) const { return kind == QORWhereTokenKind::Symbol && spelled == symbol; }
+    /// A bare word compared without regard to the case of ASCII letters; `keyword` is in lower case.
+    bool isWord(std::string_view keyword) const;
+    std::size_t end() const { return offset + spelled.size(); }
+};
+
+/// Cuts a text into tokens, one token of look-ahead and one beyond. The text must outlive the lexer and its tokens.
+class QORWhereLexer {
+   public:
+    explicit QORWhereLexer(std::string_view text);
+
+    /// The token that stands next.
+    const QORWhereToken& peek() const noexcept { return m_token; }
+    /// Takes it and reads the one after it. \throws QORWhereError for what is no token
+    QORWhereToken take();
+    /// True when the byte that follows the token that stands next, blanks aside, is `character`.
+    bool isFollowedBy(char character) const noexcept;
+    std::string_view text() const noexcept { return m_text; }
+
+   private:
+    void read();
+    void readWord();
+    void readNumber();
+    void readQuoted(char quote, QORWhereTokenKind kind);
+    void readSymbol();
+    void finish(QORWhereTokenKind kind, std::size_t end);
+
+    std::string_view m_text;
+    std::size_t m_position = 0;
+    QORWhereToken m_token;
+};
+
+/// How a token is named in a message: `"and"`, or the end of the text.
+std::string describeToken(const QORWhereToken& token);
+
+}  // namespace QOR

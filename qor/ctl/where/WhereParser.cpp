@@ -1,0 +1,448 @@
+#include "where/WhereParser.h"
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORText.h"
+#include "where/FieldSpec.h"
+#include "where/WhereError.h"
+#include "where/WhereLexer.h"
+#include "where/WhereTree.h"
+
+namespace QOR {
+namespace {
+
+using Id = QORWhereTree::Id;
+
+struct ComparisonSign {
+    std::string_view sign;
+    QORTag tag;
+};
+constexpr ComparisonSign comparisonSigns[] = {
+    {"=", tag::eq},  {"<>", tag::ne}, {"!=", tag::ne}, {"<", tag::lt},
+    {"<=", tag::le}, {">", tag::gt},  {">=", tag::ge},
+};
+
+/// Words that are no column names unless they stand in double quotes.
+constexpr std::string_view reservedWords[] = {"and",  "or",   "not",    "like", "in",    "between",
+                                              "is",   "null", "select", "from", "where", "escape"};
+
+bool isReserved(const QORWhereToken& token) {
+    return std::any_of(std::begin(reservedWords), std::end(reservedWords),
+                       [&](std::string_view word) { return token.isWord(word); });
+}
+
+/// Views are found without regard to the case of ASCII letters.
+bool isSameView(std::string_view a, std::string_view b) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+/// Reads by operator precedence with a stack of its own, so that parentheses and nots may be as deep as memory
+/// allows. Only nested selects are read by recursion; `nestedSelects` bounds them.
+class Parser {
+   public:
+    Parser(std::string_view text, std::string_view view, std::size_t levels)
+        : m_lexer(text), m_view(view), m_levels(levels) {}
+
+    Id readWhole() {
+        const Id condition = readCondition();
+        if (peek().kind != QORWhereTokenKind::End) unexpected("\"and\", \"or\" or the end of the text");
+        return condition;
+    }
+    const QORWhereTree& tree() const { return m_tree; }
+
+   private:
+    static constexpr unsigned nestedSelects = 24;
+
+    struct Item {
+        Id id;
+        bool isCondition;
+    };
+    struct Pending {
+        enum Kind { Or, And, Not, Parenthesis } kind;
+        std::size_t offset;
+        Id left;
+    };
+    using Stack = std::vector<Pending>;
+
+    // ---- tokens -------------------------------------------------------------------------------------------------
+    const QORWhereToken& peek() const { return m_lexer.peek(); }
+    bool takeWord(std::string_view word) {
+        if (!peek().isWord(word)) return false;
+        m_lexer.take();
+        return true;
+    }
+    bool takeSymbol(std::string_view symbol) {
+        if (!peek().isSymbol(symbol)) return false;
+        m_lexer.take();
+        return true;
+    }
+    [[noreturn]] void unexpected(const std::string& expected) const {
+        throw QORWhereError(peek().offset, "expected " + expected + ", found " + describeToken(peek()));
+    }
+    void needWord(std::string_view word) {
+        if (!takeWord(word)) unexpected("\"" + std::string(word) + "\"");
+    }
+    void needSymbol(std::string_view symbol) {
+        if (!takeSymbol(symbol)) unexpected("\"" + std::string(symbol) + "\"");
+    }
+
+    // ---- building -----------------------------------------------------------------------------------------------
+    Id checked(Id id, std::size_t offset) const {
+        if (m_tree.height(id) > m_levels)
+            throw QORWhereError(offset, "the condition is nested too deeply here; a request takes " +
+                                            std::to_string(m_levels) + " levels");
+        return id;
+    }
+    Id build(QORTag tag, std::initializer_list<Id> children, std::size_t offset) {
+        const Id id = m_tree.node(tag);
+        for (const Id child : children) m_tree.append(id, child);
+        return checked(id, offset);
+    }
+    Id negate(Id condition, std::size_t offset) {
+        if (m_tree.tag(condition) == tag::logicalNot) return m_tree.firstChild(condition);
+        return build(tag::logicalNot, {condition}, offset);
+    }
+    Id join(QORTag tag, Id left, Id right, std::size_t offset) {
+        Id chain = left;
+        if (m_tree.tag(left) != tag) chain = build(tag, {left}, offset);
+        if (m_tree.tag(right) == tag)
+            m_tree.adopt(chain, right);
+        else
+            m_tree.append(chain, right);
+        return checked(chain, offset);
+    }
+
+    // ---- conditions ---------------------------------------------------------------------------------------------
+    Id readCondition();
+    Item readTerm(Stack& stack);
+    Id readComparison(Id left, bool inParenthesis);
+    Id readNegatable(Id left, bool inParenthesis);
+    Id readLike(Id left, std::size_t offset);
+    Id readBetween(Id left, std::size_t offset);
+    Id readIn(Id left, std::size_t offset);
+    Id readIs(Id left, std::size_t offset);
+    Id reduce(Stack& stack, Id condition, Pending::Kind lowest);
+    Id readSelect();
+    Id readOutputField(std::string& column, std::string& qualifier);
+    void readOrder(Id select);
+    void readLimit(Id select);
+    std::string readWholeNumber();
+
+    // ---- operands -----------------------------------------------------------------------------------------------
+    Id readOperand();
+    Id readPrimary();
+    Id readNumber();
+    Id readField();
+    Id readFunctions(bool allowParentheses);
+    bool isFunctionNext() const;
+    std::string readName(const char* what);
+
+    QORWhereLexer m_lexer;
+    std::string m_view;  ///< of the innermost select
+    std::size_t m_levels;
+    unsigned m_nesting = 0;
+    QORWhereTree m_tree;
+};
+
+/// Combines what stands on the stack above `lowest` with the condition to its right.
+Id Parser::reduce(Stack& stack, Id condition, Pending::Kind lowest) {
+    while (!stack.empty() && stack.back().kind != Pending::Parenthesis && stack.back().kind >= lowest) {
+        const Pending pending = stack.back();
+        stack.pop_back();
+        if (pending.kind == Pending::Not)
+            condition = negate(condition, pending.offset);
+        else
+            condition = join(pending.kind == Pending::And ? tag::logicalAnd : tag::logicalOr, pending.left, condition,
+                             pending.offset);
+    }
+    return condition;
+}
+
+/// A term with the nots and opening parentheses before it, which go to the stack.
+Parser::Item Parser::readTerm(Stack& stack) {
+    for (;;) {
+        const std::size_t offset = peek().offset;
+        if (takeWord("not"))
+            stack.push_back({Pending::Not, offset, QORWhereTree::none});
+        else if (takeSymbol("("))
+            stack.push_back({Pending::Parenthesis, offset, QORWhereTree::none});
+        else
+            return {readPrimary(), false};
+    }
+}
+
+Id Parser::readCondition() {
+    Stack stack;
+    Item item = readTerm(stack);
+    for (;;) {
+        const bool closable = !stack.empty() && stack.back().kind == Pending::Parenthesis;
+        if (!item.isCondition && closable && takeSymbol(")")) {
+            stack.pop_back();  // an operand in parentheses
+            continue;
+        }
+        if (!item.isCondition) {
+            item = {readComparison(item.id, closable), true};
+            continue;
+        }
+        const std::size_t offset = peek().offset;
+        if (takeWord("and")) {
+            stack.push_back({Pending::And, offset, reduce(stack, item.id, Pending::And)});
+            item = readTerm(stack);
+        } else if (takeWord("or")) {
+            stack.push_back({Pending::Or, offset, reduce(stack, item.id, Pending::Or)});
+            item = readTerm(stack);
+        } else {
+            item.id = reduce(stack, item.id, Pending::Or);
+            if (stack.empty()) return item.id;
+            if (peek().kind == QORWhereTokenKind::End)
+                throw QORWhereError(stack.back().offset, "the parenthesis that opens here is never closed");
+            if (!takeSymbol(")")) unexpected("\"and\", \"or\" or \")\"");
+            stack.pop_back();
+        }
+    }
+}
+
+Id Parser::readComparison(Id left, bool inParenthesis) {
+    const QORWhereToken& next = peek();
+    const std::size_t offset = next.offset;
+    for (const ComparisonSign& comparison : comparisonSigns) {
+        if (!takeSymbol(comparison.sign)) continue;
+        if (peek().isWord("null"))
+            throw QORWhereError(peek().offset, "nothing equals null; write \"is null\" or \"is not null\"");
+        return build(comparison.tag, {left, readOperand()}, offset);
+    }
+    if (next.isSymbol("+") || next.isSymbol("-"))
+        throw QORWhereError(offset, "a condition does not calculate; expected a comparison");
+    if (takeWord("is")) return readIs(left, offset);
+    return readNegatable(left, inParenthesis);
+}
+
+Id Parser::readNegatable(Id left, bool inParenthesis) {
+    const std::size_t notOffset = peek().offset;
+    const bool negated = takeWord("not");
+    const std::size_t offset = peek().offset;
+    Id condition = QORWhereTree::none;
+    if (takeWord("like"))
+        condition = readLike(left, offset);
+    else if (takeWord("between"))
+        condition = readBetween(left, offset);
+    else if (takeWord("in"))
+        condition = readIn(left, offset);
+    else if (negated)
+        unexpected("\"like\", \"in\" or \"between\" after \"not\"");
+    else
+        unexpected(std::string("a comparison (=, <>, <, <=, >, >=, like, in, between, is)") +
+                   (inParenthesis ? " or \")\"" : ""));
+    return negated ? negate(condition, notOffset) : condition;
+}
+
+Id Parser::readLike(Id left, std::size_t offset) {
+    const Id pattern = readOperand();
+    if (!takeWord("escape")) return build(tag::like, {left, pattern}, offset);
+    const bool isText = peek().kind == QORWhereTokenKind::Text;
+    if (!isText || peek().text.size() != 1 || static_cast<unsigned char>(peek().text[0]) >= 0x80)
+        unexpected("one ASCII character in single quotes");
+    return build(tag::like, {left, pattern, m_tree.leaf(tag::escape, m_lexer.take().text)}, offset);
+}
+
+Id Parser::readBetween(Id left, std::size_t offset) {
+    const Id low = readOperand();
+    needWord("and");
+    const Id high = readOperand();
+    return build(tag::between, {left, low, high}, offset);
+}
+
+Id Parser::readIs(Id left, std::size_t offset) {
+    const bool negated = takeWord("not");
+    if (!takeWord("null")) unexpected(negated ? "\"null\"" : "\"null\" or \"not null\"");
+    const Id condition = build(tag::isNull, {left}, offset);
+    return negated ? negate(condition, offset) : condition;
+}
+
+Id Parser::readIn(Id left, std::size_t offset) {
+    const Id condition = build(tag::in, {left}, offset);
+    const std::size_t open = peek().offset;
+    if (!takeSymbol("(")) unexpected("\"(\" and a list");
+    do {
+        m_tree.append(condition, peek().isWord("select") ? readSelect() : readOperand());
+    } while (takeSymbol(","));
+    if (peek().kind == QORWhereTokenKind::End) throw QORWhereError(open, "the list that opens here is never closed");
+    if (!takeSymbol(")")) unexpected("\",\" or \")\"");
+    return checked(condition, offset);
+}
+
+// ---- nested selects ---------------------------------------------------------------------------------------------
+
+Id Parser::readSelect() {
+    const std::size_t offset = m_lexer.take().offset;
+    if (++m_nesting > nestedSelects) throw QORWhereError(offset, "selects are nested too deeply here");
+    const bool distinct = takeWord("distinct");
+    std::string column;
+    std::string qualifier;
+    const std::size_t fieldOffset = peek().offset;
+    const Id field = readOutputField(column, qualifier);
+    if (peek().isSymbol(",")) throw QORWhereError(peek().offset, "a select in a list has one column");
+    needWord("from");
+    std::string view = readName("a view");
+    if (!qualifier.empty() && !isSameView(qualifier, view))
+        throw QORWhereError(fieldOffset, quoteText(qualifier) + " is not the view that this select reads, which is " +
+                                             quoteText(view));
+    const Id select = build(tag::select, {m_tree.leaf(tag::view, view), field}, offset);
+    if (distinct) m_tree.append(select, m_tree.node(tag::distinct));
+    if (takeWord("where")) {
+        std::swap(m_view, view);
+        m_tree.append(select, build(tag::where, {readCondition()}, offset));
+        std::swap(m_view, view);
+    }
+    if (takeWord("order")) readOrder(select);
+    if (takeWord("limit")) readLimit(select);
+    if (!peek().isSymbol(",") && !peek().isSymbol(")")) unexpected("\")\" at the end of the nested select");
+    --m_nesting;
+    return checked(select, offset);
+}
+
+Id Parser::readOutputField(std::string& column, std::string& qualifier) {
+    if (peek().isSymbol("*")) throw QORWhereError(peek().offset, "a select in a list has one column");
+    const bool isFunction = peek().kind == QORWhereTokenKind::Word && m_lexer.isFollowedBy('(');
+    std::string function;
+    if (isFunction) {
+        function = m_lexer.take().text;
+        needSymbol("(");
+    }
+    column = readName("a column");
+    if (takeSymbol(".")) {
+        qualifier = std::move(column);
+        column = readName("a column");
+    }
+    if (!isFunction) return m_tree.leaf(tag::field, column);
+    needSymbol(")");
+    const Id inner = m_tree.node(tag::function);
+    m_tree.append(inner, m_tree.leaf(tag::name, aggregateName(function)));
+    m_tree.append(inner, m_tree.leaf(tag::field, column));
+    return build(tag::field, {inner}, 0);
+}
+
+void Parser::readOrder(Id select) {
+    needWord("by");
+    do {
+        const Id sort = m_tree.node(tag::sort);
+        m_tree.append(sort, m_tree.leaf(tag::field, readName("a column")));
+        if (takeWord("desc"))
+            m_tree.append(sort, m_tree.node(tag::descending));
+        else
+            takeWord("asc");
+        m_tree.append(select, sort);
+    } while (takeSymbol(","));
+}
+
+void Parser::readLimit(Id select) {
+    const Id limit = m_tree.node(tag::limit);
+    m_tree.append(limit, m_tree.leaf(tag::size, readWholeNumber()));
+    if (takeWord("offset")) m_tree.append(limit, m_tree.leaf(tag::offset, readWholeNumber()));
+    m_tree.append(select, limit);
+}
+
+std::string Parser::readWholeNumber() {
+    const QORWhereToken& next = peek();
+    if (next.kind != QORWhereTokenKind::Number || !parseInt32(next.text)) unexpected("a number of rows");
+    return m_lexer.take().text;
+}
+
+// ---- operands ---------------------------------------------------------------------------------------------------
+
+bool Parser::isFunctionNext() const { return peek().kind == QORWhereTokenKind::Word && m_lexer.isFollowedBy('('); }
+
+/// An operand that may stand in parentheses.
+Id Parser::readOperand() { return readFunctions(true); }
+
+/// An operand without parentheses around it: those may turn out to hold a condition.
+Id Parser::readPrimary() { return readFunctions(false); }
+
+/// Functions and parentheses around a column or a value. Each goes to a list until the operand within is read.
+Id Parser::readFunctions(bool allowParentheses) {
+    struct Wrapper {
+        std::string function;  ///< empty for a parenthesis alone
+        std::size_t offset;
+    };
+    std::vector<Wrapper> wrappers;
+    for (;;) {
+        const std::size_t offset = peek().offset;
+        if ((allowParentheses || !wrappers.empty()) && takeSymbol("(")) {
+            wrappers.push_back({"", offset});
+        } else if (isFunctionNext() && !isReserved(peek())) {
+            if (!peek().isWord("upper") && !peek().isWord("lower"))
+                throw QORWhereError(offset, "a condition knows the functions upper() and lower() only, found " +
+                                                describeToken(peek()));
+            wrappers.push_back({m_lexer.take().isWord("upper") ? "upper" : "lower", offset});
+            needSymbol("(");
+        } else {
+            break;
+        }
+    }
+    Id operand = peek().kind == QORWhereTokenKind::Text ? m_tree.leaf(tag::value, m_lexer.take().text) : readNumber();
+    if (operand == QORWhereTree::none) operand = readField();
+    for (; !wrappers.empty(); wrappers.pop_back()) {
+        if (peek().kind == QORWhereTokenKind::End)
+            throw QORWhereError(wrappers.back().offset, "the parenthesis of this operand is never closed");
+        needSymbol(")");
+        const Wrapper& wrapper = wrappers.back();
+        if (!wrapper.function.empty())
+            operand = build(tag::function, {m_tree.leaf(tag::name, wrapper.function), operand}, wrapper.offset);
+    }
+    return operand;
+}
+
+/// A number with its sign; none when no number begins here.
+Id Parser::readNumber() {
+    std::string sign;
+    if (peek().isSymbol("-") || peek().isSymbol("+")) {
+        sign = m_lexer.take().text == "-" ? "-" : "";
+        if (peek().kind != QORWhereTokenKind::Number) unexpected("a number after the sign");
+    }
+    if (peek().kind != QORWhereTokenKind::Number) return QORWhereTree::none;
+    const std::string digits = m_lexer.take().text;
+    return m_tree.leaf(tag::value, sign + (digits.starts_with('.') ? "0" : "") + digits);
+}
+
+Id Parser::readField() {
+    const std::size_t offset = peek().offset;
+    if (peek().isWord("select")) throw QORWhereError(offset, "a nested select can stand only in the list of \"in\"");
+    std::string first = readName("a column or a value");
+    if (takeSymbol(".")) {
+        if (first.find('.') != std::string::npos)
+            throw QORWhereError(offset, "a view whose name holds a point cannot qualify a column");
+        std::string column = readName("a column");
+        if (peek().isSymbol(".")) throw QORWhereError(peek().offset, "a column is named as \"column\" or \"view.column\"");
+        return m_tree.leaf(tag::field, first + "." + column);
+    }
+    // The first point of a field's text ends the view's name, so a column that holds one is named with its view.
+    if (first.find('.') == std::string::npos) return m_tree.leaf(tag::field, std::move(first));
+    if (m_view.find('.') != std::string::npos)
+        throw QORWhereError(offset, "a column whose name holds a point cannot be named, since that of its view holds one too");
+    return m_tree.leaf(tag::field, m_view + "." + first);
+}
+
+std::string Parser::readName(const char* what) {
+    const QORWhereToken& next = peek();
+    if (next.kind == QORWhereTokenKind::Quoted) return m_lexer.take().text;
+    if (next.kind != QORWhereTokenKind::Word) unexpected(what);
+    if (isReserved(next))
+        throw QORWhereError(next.offset, "expected " + std::string(what) + ", found the word " + describeToken(next) +
+                                             "; a name spelled like it stands in double quotes");
+    return m_lexer.take().text;
+}
+
+}  // namespace
+
+void parseWhere(std::string_view text, std::string_view view, std::size_t levels, QORBinaryIterator out) {
+    Parser parser(text, view, levels);
+    const Id condition = parser.readWhole();
+    parser.tree().write(condition, out);
+}
+
+}  // namespace QOR

@@ -1,0 +1,28 @@
+/// \file
+/// SQL's familiar row condition, and what it becomes: the where tree of a view request.
+///
+/// Read are: and, or, not, parentheses; = <> != < <= > >=, [not] like with escape, [not] in, [not] between, is [not]
+/// null; columns as `name`, `view.name` and `"any name"`; texts in single quotes, numbers with a sign; upper() and
+/// lower(). An in-list takes a nested select too:
+/// `[not] in (select [distinct] COLUMN from VIEW [where ...] [order by COLUMN [asc|desc], ...] [limit N [offset M]])`,
+/// where COLUMN may be an aggregate such as max(time). Keywords are matched without regard to case and bind as in SQL:
+/// comparisons tighter than not, not tighter than and, and tighter than or.
+///
+/// Chains of and (or) become one element, whatever their parentheses, and a double not vanishes, so that only real
+/// alternation counts against the depth of messages.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "QORMessage/QORBinaryIterator.h"
+
+namespace QOR {
+
+/// Appends the condition below the element that `out` stands on, which is a where element.
+/// \param view the view that is asked, which qualifies columns whose own names hold a point
+/// \param levels how many levels of elements the condition may take
+/// \throws QORWhereError naming the place in `text` and what was expected there
+void parseWhere(std::string_view text, std::string_view view, std::size_t levels, QORBinaryIterator out);
+
+}  // namespace QOR
