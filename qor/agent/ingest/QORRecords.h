@@ -1,0 +1,117 @@
+/// \file
+/// Records on the way in: what a line of NDJSON says, checked and typed.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "QORCommon/QORGuid.h"
+#include "QORLibAgent/QORInfo.h"
+
+namespace QOR {
+
+/// In the order of QORRecord's alternatives.
+enum class QORRecordKind : std::size_t { Environment, Operation, Event, Backup };
+constexpr std::size_t recordKindCount = 4;
+/// "environment", "operation", "event", "backup".
+std::string_view recordKindName(QORRecordKind kind);
+
+/// A configuration or virtual configuration. A member that the record lacks is empty; `document` holds all members,
+/// those beyond the named ones too.
+struct QORConfigRecord {
+    std::optional<std::string> name;
+    std::optional<std::string> description;
+    std::optional<std::string> domain;
+    std::optional<std::string> hostname;
+    std::optional<std::string> architecture;
+    std::optional<std::string> type;
+    std::optional<std::string> osName;
+    std::optional<std::string> osPlatform;
+    std::optional<std::string> osVersion;
+    std::optional<std::string> osKernel;
+    std::vector<std::string> addresses;
+    std::optional<std::int64_t> memory;    ///< MiB, where a member "memory" is a whole number
+    std::optional<std::int64_t> bootTime;  ///< seconds since the epoch, where a member "boot_time" is a time
+    QORInfo document;
+};
+
+struct QOREnvironmentRecord {
+    QOREID eid;
+    QOREID parentEid;  ///< invalid for none
+    std::optional<std::string> title;
+    std::int32_t state = 0;
+    std::int32_t transition = 0;
+    std::optional<QORConfigRecord> config;
+    std::optional<QORConfigRecord> virtualConfig;
+};
+
+struct QOROperationRecord {
+    std::string id;
+    std::optional<std::string> parentId;
+    std::optional<std::string> op;
+    std::int32_t status = 0;
+    std::int64_t time = 0;  ///< seconds since the epoch, as all times of records
+    QOREID eid;             ///< invalid for an operation of no environment
+    std::vector<QOREID> eids;
+    std::optional<QORInfo> message;
+};
+
+struct QOREventRecord {
+    std::int64_t time = 0;
+    QOREID eid;
+    std::optional<std::string> source;
+    std::optional<std::string> category;
+    std::optional<QORInfo> info;
+};
+
+struct QORBackupRecord {
+    std::string id;
+    QOREID eid;
+    QOREID storageEid;
+    std::int64_t time = 0;
+    std::int64_t size = 0;  ///< bytes
+    std::int32_t type = 0;
+    std::optional<std::string> description;
+    std::optional<std::string> name;
+    std::optional<std::string> hostname;
+    std::optional<QORInfo> info;
+};
+
+using QORRecord = std::variant<QOREnvironmentRecord, QOROperationRecord, QOREventRecord, QORBackupRecord>;
+
+inline QORRecordKind kindOf(const QORRecord& record) {
+    return static_cast<QORRecordKind>(record.index());
+}
+
+/// Reads lines. Keeps its buffers from line to line; one thread at a time.
+///
+/// A line is one JSON object with a member "kind". Required are an environment's eid, an operation's id and time, an
+/// event's time, a backup's id and time; any other member may be absent or null, which is a missing value (0 for
+/// numbers). What is there must be of its type: texts are texts, numbers whole and in range, times whole seconds or a
+/// text for str2time from the year 0 to 9999, GUIDs what the GUID parser takes ("" is none). Members that a kind does
+/// not have are refused, but for those of configurations, which are kept in the document.
+///
+/// Info documents: an object becomes parameters, an array repeats its parameter (an array in an array has parameters
+/// "item"), numbers, true and false are the text that JSON has for them, null is the empty text.
+class QORRecordParser {
+public:
+    QORRecordParser();
+    ~QORRecordParser();
+    QORRecordParser(const QORRecordParser&) = delete;
+    QORRecordParser& operator=(const QORRecordParser&) = delete;
+
+    /// \throws QORException 400; the text names the member and the value that are wrong
+    QORRecord parse(std::string_view line);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace QOR

@@ -1,0 +1,42 @@
+/// \file
+/// RecordWriter: puts records into the host's tables, within the caller's transaction.
+#pragma once
+
+#include <cstdint>
+
+#include "agent/ingest/QORRecords.h"
+#include "rdbmspp/QORRdbms.h"
+
+namespace QOR {
+
+/// What became of a record.
+enum class QORStored { Added, Replaced, Unchanged };
+
+/// Lives within one transaction for writing, whose write lock lets it give out arrival numbers. Statements are
+/// prepared once a connection and reused. \throws AException from every method
+class RecordWriter {
+public:
+    /// \param keepEqual an operation that is stored already, with the same status and message, is left alone
+    RecordWriter(ASSession& session, bool keepEqual) : m_session(session), m_keepEqual(keepEqual) {}
+
+    QORStored store(const QORRecord& record);
+
+private:
+    QORStored put(const QOREnvironmentRecord& record);
+    QORStored put(const QOROperationRecord& record);
+    QORStored put(const QOREventRecord& record);
+    QORStored put(const QORBackupRecord& record);
+
+    void putAddresses(const QOREID& eid, std::int64_t source, const std::optional<QORConfigRecord>& config);
+    void putTouched(std::int64_t operation, const QOROperationRecord& record);
+    bool isEqual(const QOROperationRecord& record, const std::optional<std::string>& message);
+    std::int64_t sequenceOf(const std::string& operationId);
+    std::int64_t nextSequence(std::int64_t& last, const char* select);
+
+    ASSession& m_session;
+    bool m_keepEqual;
+    std::int64_t m_lastOperation = -1;  // not yet asked for
+    std::int64_t m_lastEvent = -1;
+};
+
+}  // namespace QOR
