@@ -39,7 +39,7 @@ ASComparison compare(const ASData& left, Node::Op op, const ASData& right) {
 
 // Rendered at once, so that a column inside is qualified by what it is tied to now.
 ASAttribute call(const char* function, const ASAttribute& attribute) {
-    ASSqlBuilder builder(ASDialect::current(), ASSqlBuilder::Values::Literals);
+    ASSqlBuilder builder(ASDialect::current(), ASPurpose::Reading);
     builder.append(function);
     builder.append("(");
     builder.operand(attribute);
@@ -92,7 +92,7 @@ void ASAttribute::Register(ASDomainPtr domain) {
 
 std::string ASAttribute::Query() const {
     if (!isColumn()) return m_impl->text;
-    ASSqlBuilder builder(ASDialect::current(), ASSqlBuilder::Values::Literals);
+    ASSqlBuilder builder(ASDialect::current(), ASPurpose::Reading);
     builder.column(*this);
     return std::move(builder).takeText();
 }
@@ -222,7 +222,7 @@ ASGroupAttribute::Function ASGroupAttribute::function() const noexcept {
 }
 
 std::string ASGroupAttribute::Query() const {
-    ASSqlBuilder builder(ASDialect::current(), ASSqlBuilder::Values::Literals);
+    ASSqlBuilder builder(ASDialect::current(), ASPurpose::Reading);
     builder.aggregate(*this);
     return std::move(builder).takeText();
 }

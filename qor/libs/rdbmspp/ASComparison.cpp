@@ -50,7 +50,7 @@ ASComparison::ASComparison(std::string sql) {
 }
 
 std::string ASComparison::Query() const {
-    ASSqlBuilder builder(ASDialect::current(), ASSqlBuilder::Values::Literals);
+    ASSqlBuilder builder(ASDialect::current(), ASPurpose::Reading);
     builder.condition(*this);
     return std::move(builder).takeText();
 }

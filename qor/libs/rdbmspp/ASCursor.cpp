@@ -18,6 +18,8 @@ constexpr std::size_t bytesOfCharacter = 4;  // at most, in UTF-8
 constexpr std::size_t bytesOfNumber = 24;
 constexpr std::size_t bytesOfGuid = 36;
 constexpr std::size_t bytesOfUndeclared = 64;
+// Results that may be longer are worth a statement of their own for each set of values.
+constexpr std::int32_t manyRows = 1000;
 
 std::size_t expectedText(std::size_t capacity) {
     return capacity > 1 ? (capacity - 1) * bytesOfCharacter : bytesOfUndeclared;
@@ -131,14 +133,15 @@ std::int64_t ASCursor::GetAmount() const noexcept {
 }
 
 std::string ASCursor::Query() const {
-    ASSqlBuilder builder(*m_impl->session.impl().dialect, ASSqlBuilder::Values::Literals);
+    ASSqlBuilder builder(*m_impl->session.impl().dialect, ASPurpose::Reading);
     builder.select(m_impl->filter.m_project, m_impl->filter.m_condition, m_impl->limit, m_impl->offset, m_impl->order);
     return std::move(builder).takeText();
 }
 
 void ASCursor::Impl::run() {
     auto& s = session.impl();
-    s.builder.reset();
+    const bool many = limit <= 0 || limit >= manyRows;
+    s.builder.reset(many && s.dialect->streamsWithoutParameters ? ASPurpose::Streaming : ASPurpose::Execution);
     s.builder.select(filter.m_project, filter.m_condition, limit, offset, order);
     auto running = s.lease(s.builder.text());
     const auto& values = s.builder.parameters();

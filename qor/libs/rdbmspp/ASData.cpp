@@ -180,16 +180,23 @@ ASGuid::ASGuid(const Guid& value) : ASData(ASType::Guid), m_value(value) {
     m_state = State::Value;
 }
 
+const Guid& ASGuid::value() const noexcept {
+    if (m_unread) m_value.fromString(m_raw);
+    m_unread = false;
+    return m_value;
+}
+
 std::string_view ASGuid::text(ASTextBuffer& scratch) const {
     if (isNull()) return {};
-    if (m_state == State::Raw || isCanonicalGuid(m_raw)) return m_raw;
+    if (m_unread || m_state == State::Raw) return m_raw;
     m_value.write(scratch.bytes);
     return {scratch.bytes, guidLength};
 }
 
 void ASGuid::take(std::string_view stored) {
     m_raw = stored;
-    m_state = m_value.fromString(stored) ? State::Value : State::Raw;
+    m_unread = isCanonicalGuid(stored);
+    m_state = m_unread || m_value.fromString(stored) ? State::Value : State::Raw;
 }
 
 ASRealBlob::ASRealBlob(RealBlob value) : ASData(ASType::Blob), m_value(std::move(value)) {

@@ -166,12 +166,13 @@ class QOR_API ASGuid final : public ASData {
    public:
     ASGuid() : ASData(ASType::Guid) {}
     explicit ASGuid(const Guid& value);
-    const Guid& value() const noexcept { return m_value; }
+    const Guid& value() const noexcept;
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
    private:
-    Guid m_value;
+    mutable Guid m_value;
+    mutable bool m_unread = false;  ///< what was taken has the usual form, whose number few ask for
 };
 
 class QOR_API ASRealBlob final : public ASData {

@@ -14,6 +14,9 @@ constexpr char postgresViewColumns[] =
     "(SELECT table_name FROM information_schema.views WHERE table_schema = current_schema()) "
     "ORDER BY table_name, ordinal_position";
 
+// A bare parameter as a pattern makes SQLite compile the statement again at each execution, because the pattern might
+// let it use an index; behind the plus sign, which changes nothing else, it is no bare parameter any more.
+//
 // SQLite: its parser keeps 100 entries, of which a select itself takes a few; an expression has 1,000 levels.
 const ASDialect sqlite{
     .engine = ASEngine::SQLite,
@@ -24,10 +27,12 @@ const ASDialect sqlite{
     .commit = "COMMIT",
     .rollback = "ROLLBACK",
     .like = " LIKE ",
+    .likeParameter = "+",
     .noEscape = "",
     .nullsAscending = "",
     .nullsDescending = "",
     .byteOrder = "",
+    .streamsWithoutParameters = true,
     .maxParameters = 32766,
     .maxLikePattern = 50000,
     .parserDepth = 100,
@@ -44,10 +49,12 @@ const ASDialect postgres{
     .commit = "COMMIT",
     .rollback = "ROLLBACK",
     .like = " ILIKE ",
+    .likeParameter = "",
     .noEscape = " ESCAPE ''",
     .nullsAscending = " NULLS FIRST",
     .nullsDescending = " NULLS LAST",
     .byteOrder = " COLLATE \"C\"",
+    .streamsWithoutParameters = false,
     .maxParameters = 32767,
     .maxLikePattern = 0,
     .parserDepth = 0,

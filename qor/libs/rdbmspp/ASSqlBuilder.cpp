@@ -42,9 +42,10 @@ bool hasNoNumber(Function function, ASType type) {
 
 }  // namespace
 
-ASSqlBuilder::ASSqlBuilder(const ASDialect& dialect, Values values) : m_dialect(dialect), m_values(values) {}
+ASSqlBuilder::ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose) : m_dialect(dialect), m_purpose(purpose) {}
 
-void ASSqlBuilder::reset() {
+void ASSqlBuilder::reset(ASPurpose purpose) {
+    m_purpose = purpose;
     m_text.clear();
     m_parameters.clear();
 }
@@ -103,7 +104,7 @@ void ASSqlBuilder::aggregate(const ASGroupAttribute& attribute) {
 }
 
 void ASSqlBuilder::value(const ASValue& value) {
-    if (m_values == Values::Literals || m_parameters.size() >= m_dialect.maxParameters) {
+    if (m_purpose != ASPurpose::Execution || m_parameters.size() >= m_dialect.maxParameters) {
         value.appendLiteral(m_text, m_dialect);
         return;
     }
@@ -135,6 +136,7 @@ void ASSqlBuilder::like(const ASAttribute& attribute, const ASAttribute* column,
     if (column) {
         operand(*column);
     } else {
+        if (m_purpose == ASPurpose::Execution) append(m_dialect.likeParameter);
         value(pattern);
     }
     if (escape == 0) {
@@ -162,7 +164,7 @@ void ASSqlBuilder::projection(const ASProject& project) {
 // Only what is executed takes the driver's ways of reading into account; a text form shows the plain column, and as
 // a nested select it has to be one.
 void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
-    if (m_values == Values::Parameters && attribute.isColumn()) {
+    if (m_purpose != ASPurpose::Reading && attribute.isColumn()) {
         if (attribute.type() == ASType::Double) return append(m_dialect.exactDouble(attribute.Query()));
         if (attribute.type() == ASType::Blob) return append(m_dialect.exactBytes(attribute.Query()));
     }
@@ -175,7 +177,7 @@ void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
 
 void ASSqlBuilder::projectedAggregate(const ASGroupAttribute& attribute) {
     const auto& data = attribute.data();
-    if (m_values == Values::Parameters && data && data->type() == ASType::Double) {
+    if (m_purpose != ASPurpose::Reading && data && data->type() == ASType::Double) {
         append(m_dialect.exactDouble(attribute.Query()));
     } else {
         aggregate(attribute);
@@ -239,7 +241,7 @@ void ASSqlBuilder::page(std::int32_t limit, std::int32_t offset) {
     m_offset = ASValue::ofInteger(offset);
     append(" LIMIT ");
     value(m_limit);
-    if (m_values == Values::Literals && offset == 0) return;
+    if (m_purpose != ASPurpose::Execution && offset == 0) return;
     append(" OFFSET ");
     value(m_offset);
 }

@@ -14,15 +14,21 @@
 
 namespace QOR {
 
-/// Writes into a text that it owns. With Values::Parameters, values become `?` and are listed in the order of the
-/// marks; they point into the conditions rendered, which must outlive their use. Used by one thread.
+/// What a text is written for.
+enum class ASPurpose : unsigned char {
+    Reading,    ///< by people, or as a part of another text: values are literals
+    Execution,  ///< values are `?`; columns are selected so that the driver hands out all of their bytes
+    Streaming,  ///< as Execution, but values are literals: parameters keep the driver from handing out rows as they
+                ///< come
+};
+
+/// Writes into a text that it owns. For ASPurpose::Execution the values are listed in the order of their marks; they
+/// point into the conditions rendered, which must outlive their use. Used by one thread.
 class ASSqlBuilder {
    public:
-    enum class Values { Literals, Parameters };
-
-    ASSqlBuilder(const ASDialect& dialect, Values values);
+    ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose);
     /// Starts again, keeping the memory.
-    void reset();
+    void reset(ASPurpose purpose);
 
     /// A whole select. \throws AException when nothing with a domain is projected, or the engine cannot take it
     void select(const ASProject& project, const ASComparison& condition, std::int32_t limit, std::int32_t offset,
@@ -56,7 +62,7 @@ class ASSqlBuilder {
     void page(std::int32_t limit, std::int32_t offset);
 
     const ASDialect& m_dialect;
-    Values m_values;
+    ASPurpose m_purpose;
     std::string m_text;
     std::vector<const ASValue*> m_parameters;
     ASValue m_limit;

@@ -287,9 +287,11 @@ void OdbcStatement::readLong(std::size_t index) {
         if (!more) break;
     }
     if (length < largestBuffer && c.buffer.size() <= length) {
+        // Binding makes the driver clear the length, so the value goes in behind it.
         c.buffer.resize(std::min(length * 2, largestBuffer));
-        std::memcpy(c.buffer.data(), c.whole.data(), c.whole.size());
         bindColumn(index);
+        std::memcpy(c.buffer.data(), c.whole.data(), std::min(c.whole.size(), c.buffer.size()));
+        c.indicator = static_cast<SQLLEN>(c.whole.size());
     }
 }
 

@@ -47,7 +47,7 @@ std::string sqliteTimeout(unsigned milliseconds) {
 
 void addSqliteDefaults(OdbcConnectionString& string, const ASDatabaseOptions& options) {
     string.setDefault("Timeout", sqliteTimeout(options.busyTimeoutMs));
-    string.setDefault("StepAPI", "0");
+    string.setDefault("StepAPI", "1");  // rows come one by one where a statement has no parameters
     string.setDefault("FKSupport", "1");
     string.setDefault("SyncPragma", "FULL");
     if (options.readOnly) {
@@ -182,7 +182,7 @@ void ASStatement::reset() {
 ASSession::Impl::Impl(const std::string& connectionString)
     : connection(connectionString),
       dialect(&ASDialect::of(engineOf(connection.engineName()))),
-      builder(*dialect, ASSqlBuilder::Values::Parameters) {}
+      builder(*dialect, ASPurpose::Execution) {}
 
 ASStatementLease ASSession::Impl::lease(const std::string& sql) {
     auto* entry = selects.find(sql);
