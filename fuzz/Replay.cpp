@@ -36,16 +36,17 @@ std::vector<Input> readSeeds(const std::filesystem::path& folder) {
 
 /// Changes inputs the way a fuzzer does: bytes, stretches, repetitions, pieces of other seeds.
 class Mutator {
-   public:
+public:
     explicit Mutator(const std::vector<Input>& seeds) : m_seeds(seeds) {}
 
     Input next() {
         Input input = m_seeds[pick(m_seeds.size())];
-        for (std::size_t changes = 1 + pick(5); changes > 0; --changes) change(input);
+        for (std::size_t changes = 1 + pick(5); changes > 0; --changes)
+            change(input);
         return input;
     }
 
-   private:
+private:
     std::size_t pick(std::size_t count) { return static_cast<std::size_t>(m_random()) % count; }
 
     void change(Input& input) {
@@ -60,8 +61,12 @@ class Mutator {
             case 1:
                 if (!input.empty()) input[at] = static_cast<std::uint8_t>(input[at] ^ (1U << pick(8)));
                 break;
-            case 2: input.erase(begin, end); break;
-            case 3: input.insert(begin, static_cast<std::uint8_t>(m_random())); break;
+            case 2:
+                input.erase(begin, end);
+                break;
+            case 3:
+                input.insert(begin, static_cast<std::uint8_t>(m_random()));
+                break;
             case 4: {
                 const Input piece(begin, end);
                 for (std::size_t times = pick(8); times > 0; --times) {
@@ -69,7 +74,8 @@ class Mutator {
                 }
                 break;
             }
-            default: splice(input, at);
+            default:
+                splice(input, at);
         }
     }
 
@@ -79,7 +85,8 @@ class Mutator {
         const std::size_t from = pick(other.size());
         const std::size_t length = 1 + pick(std::min<std::size_t>(other.size() - from, 32));
         const auto begin = other.begin() + static_cast<std::ptrdiff_t>(from);
-        input.insert(input.begin() + static_cast<std::ptrdiff_t>(at), begin, begin + static_cast<std::ptrdiff_t>(length));
+        input.insert(input.begin() + static_cast<std::ptrdiff_t>(at), begin,
+                     begin + static_cast<std::ptrdiff_t>(length));
     }
 
     const std::vector<Input>& m_seeds;
@@ -92,7 +99,8 @@ int replay(unsigned long count, const std::filesystem::path& folder) {
         static_cast<void>(std::fprintf(stderr, "no seeds in %s\n", folder.c_str()));
         return 2;
     }
-    for (const Input& seed : seeds) LLVMFuzzerTestOneInput(seed.data(), seed.size());
+    for (const Input& seed : seeds)
+        LLVMFuzzerTestOneInput(seed.data(), seed.size());
     Mutator mutator(seeds);
     for (unsigned long i = 0; i < count; ++i) {
         const Input input = mutator.next();

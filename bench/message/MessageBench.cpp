@@ -35,10 +35,13 @@ std::vector<Row> makeRows(std::size_t count) {
     rows.reserve(count);
     for (std::size_t i = 0; i < count; ++i) {
         const std::string number = std::to_string(i);
-        rows.push_back({number, "web" + number + ".example.org", "10.0." + std::to_string(i / 250 % 250) + "." + std::to_string(i % 250),
+        rows.push_back({number, "web" + number + ".example.org",
+                        "10.0." + std::to_string(i / 250 % 250) + "." + std::to_string(i % 250),
                         "2024-05-01T10:00:" + std::to_string(10 + i % 50) + "+0000",
                         "6ba7b810-9dad-11d1-80b4-" + std::to_string(100000000000 + i),
-                        i % 10 == 0 ? "said \"yes\"" : i % 10 == 1 ? "M\xC3\xBCnchen" : "running"});
+                        i % 10 == 0   ? "said \"yes\""
+                        : i % 10 == 1 ? "M\xC3\xBCnchen"
+                                      : "running"});
     }
     return rows;
 }
@@ -57,13 +60,17 @@ void build(const std::vector<Row>& rows, QORMessage& out) {
     }
 }
 
-std::size_t nodesOf(std::size_t rows) { return 1 + rows * (1 + columns); }
+std::size_t nodesOf(std::size_t rows) {
+    return 1 + rows * (1 + columns);
+}
 
-std::size_t rowsOf(const benchmark::State& state) { return static_cast<std::size_t>(state.range(0)); }
+std::size_t rowsOf(const benchmark::State& state) {
+    return static_cast<std::size_t>(state.range(0));
+}
 
 void perNode(benchmark::State& state, std::size_t nodes) {
-    state.counters["ns/node"] = benchmark::Counter(static_cast<double>(nodes) * 1e-9, benchmark::Counter::kIsIterationInvariantRate |
-                                                                                       benchmark::Counter::kInvert);
+    state.counters["ns/node"] = benchmark::Counter(
+        static_cast<double>(nodes) * 1e-9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void perByte(benchmark::State& state, std::size_t bytes) {
@@ -171,7 +178,8 @@ void writeNotationBlocks(benchmark::State& state) {
     std::string text;
     QOR::writeResponse(message, text);
     check(text.size() == bytes, "blocks are missing");
-    for (auto _ : state) QOR::writeResponse(message, sink);
+    for (auto _ : state)
+        QOR::writeResponse(message, sink);
     perByte(state, text.size());
 }
 BENCHMARK(writeNotationBlocks)->Name("write/notation-blocks")->Arg(100000);
@@ -182,7 +190,8 @@ void readNotation(benchmark::State& state) {
     std::string text;
     QOR::writeResponse(message, text);
     check(QOR::readResponse(text).response.nodeCount() == message.nodeCount(), "not all was read");
-    for (auto _ : state) benchmark::DoNotOptimize(QOR::readResponse(text));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(QOR::readResponse(text));
     perByte(state, text.size());
 }
 BENCHMARK(readNotation)->Name("read/notation")->Arg(20)->Arg(100000);

@@ -81,11 +81,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view text(reinterpret_cast<const char*>(data) + 1, size - 1);
     try {
         switch (data[0]) {
-            case 'e': tryElement(text); break;
-            case 'q': tryRequest(text); break;
-            case 'a': tryResponse(text); break;
-            case 'x': tryXml(text); break;
-            default: return -1;
+            case 'e':
+                tryElement(text);
+                break;
+            case 'q':
+                tryRequest(text);
+                break;
+            case 'a':
+                tryResponse(text);
+                break;
+            case 'x':
+                tryXml(text);
+                break;
+            default:
+                return -1;
         }
     } catch (const QOR::QORException& error) {
         require(error.code() == QOR::errBadRequest, "a text was refused with another code than 400");

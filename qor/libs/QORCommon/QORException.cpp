@@ -5,7 +5,10 @@
 namespace QOR {
 
 QORException::QORException(int code, std::string message, const char* sourcePath, int line)
-    : m_code(code), m_message(std::move(message)), m_sourcePath(sourcePath == nullptr ? "" : sourcePath), m_line(line) {}
+    : m_code(code),
+      m_message(std::move(message)),
+      m_sourcePath(sourcePath == nullptr ? "" : sourcePath),
+      m_line(line) {}
 
 QORException::QORException(const QORException&) = default;
 

@@ -12,14 +12,14 @@ namespace QOR {
 
 /// General error codes of the host; the texts are in QORErrors (QORFunctionality/QORErrors.h).
 enum QORErrorCode : int {
-    errFailure = 1,         ///< a look-up or an internal step failed; the message is the whole text
-    errBadRequest = 400,    ///< the request is malformed; the message says where
-    errNoEnvCache = 420,    ///< the environment cache is not available
+    errFailure = 1,       ///< a look-up or an internal step failed; the message is the whole text
+    errBadRequest = 400,  ///< the request is malformed; the message says where
+    errNoEnvCache = 420,  ///< the environment cache is not available
 };
 
 /// An error with a code for programs and a message for people. Immutable; copyable and safe to rethrow anywhere.
 class QOR_API QORException : public std::exception {
-   public:
+public:
     /// \param code one of the host's or an operator's error codes
     /// \param message what went wrong, naming the offending name or value as the caller spelled it
     /// \param sourcePath the source unit that complains, without extension; a string literal, not copied
@@ -36,7 +36,7 @@ class QOR_API QORException : public std::exception {
     /// The message alone.
     const char* what() const noexcept override { return m_message.c_str(); }
 
-   private:
+private:
     int m_code;
     std::string m_message;
     const char* m_sourcePath;

@@ -14,7 +14,9 @@ namespace {
 
 constexpr std::size_t textLength = 36;
 
-bool isHyphenPlace(std::size_t at) { return at == 8 || at == 13 || at == 18 || at == 23; }
+bool isHyphenPlace(std::size_t at) {
+    return at == 8 || at == 13 || at == 18 || at == 23;
+}
 
 int hexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';

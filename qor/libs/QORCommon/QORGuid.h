@@ -17,7 +17,7 @@ namespace QOR {
 /// A GUID. The default value is the nil GUID, which is the invalid value.
 /// Text form: lower case, hyphenated, 36 characters. Order: by bytes, which is the order of the texts.
 class QOR_API QORGUIDBase {
-   public:
+public:
     QORGUIDBase() = default;
 
     /// Reads the hyphenated form, upper or lower case, with or without one pair of braces around it.
@@ -35,17 +35,19 @@ class QOR_API QORGUIDBase {
     bool isValid() const noexcept { return *this != QORGUIDBase(); }
     const std::array<std::uint8_t, 16>& bytes() const noexcept { return m_bytes; }
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the comparison with 0 behind the default for a pointer's
     friend auto operator<=>(const QORGUIDBase&, const QORGUIDBase&) = default;
 
-   private:
+private:
     std::array<std::uint8_t, 16> m_bytes{};
 };
 
 /// The identifier of an environment.
 class QOR_API QOREID : public QORGUIDBase {
-   public:
+public:
     QOREID() = default;
     explicit QOREID(const QORGUIDBase& guid) : QORGUIDBase(guid) {}
+    // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the comparison with 0 behind the default for a pointer's
     friend auto operator<=>(const QOREID&, const QOREID&) = default;
 };
 
@@ -55,7 +57,8 @@ template <>
 struct std::hash<QOR::QOREID> {
     std::size_t operator()(const QOR::QOREID& eid) const noexcept {
         std::size_t value = 0;
-        for (const auto byte : eid.bytes()) value = value * 131 + byte;
+        for (const auto byte : eid.bytes())
+            value = value * 131 + byte;
         return value;
     }
 };

@@ -22,12 +22,17 @@ constexpr int defaultLevel = 1;
 
 spdlog::level::level_enum backendLevel(int level) {
     switch (level) {
-        case 0: return spdlog::level::err;
-        case 1: return spdlog::level::warn;
+        case 0:
+            return spdlog::level::err;
+        case 1:
+            return spdlog::level::warn;
         case 2:
-        case 3: return spdlog::level::info;
-        case 4: return spdlog::level::debug;
-        default: return level < 0 ? spdlog::level::err : spdlog::level::trace;
+        case 3:
+            return spdlog::level::info;
+        case 4:
+            return spdlog::level::debug;
+        default:
+            return level < 0 ? spdlog::level::err : spdlog::level::trace;
     }
 }
 
@@ -55,7 +60,9 @@ Logger& theLogger() {
 /// True while this thread is inside a sink: a sink that logs would wait for itself.
 thread_local bool insideSink = false;
 
-std::string_view viewOf(const char* text) { return text == nullptr ? std::string_view() : std::string_view(text); }
+std::string_view viewOf(const char* text) {
+    return text == nullptr ? std::string_view() : std::string_view(text);
+}
 
 void writeToBackend(spdlog::logger& backend, const QORLogRecord& record) {
     backend.log(backendLevel(record.level), "{} {} {} {}: {}", record.level, record.module, record.sourcePath,
@@ -80,12 +87,15 @@ void dispatch(const QORLogRecord& record) {
     insideSink = false;
 }
 
-bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
+bool isControl(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
 
 /// The text with control characters escaped; most texts have none and are not copied.
 std::string_view oneLine(std::string_view text, std::string& copy) {
     bool clean = true;
-    for (const char c : text) clean = clean && !isControl(c);
+    for (const char c : text)
+        clean = clean && !isControl(c);
     if (clean) return text;
     copy.clear();
     constexpr std::string_view digits = "0123456789abcdef";
@@ -126,9 +136,13 @@ void logMessage(int level, const char* module, const char* sourcePath, const cha
     dispatch({level, viewOf(module), viewOf(sourcePath), viewOf(function), oneLine(text, copy)});
 }
 
-void setLogLevel(int level) { theLogger().level.store(level, std::memory_order_relaxed); }
+void setLogLevel(int level) {
+    theLogger().level.store(level, std::memory_order_relaxed);
+}
 
-int logLevel() noexcept { return theLogger().level.load(std::memory_order_relaxed); }
+int logLevel() noexcept {
+    return theLogger().level.load(std::memory_order_relaxed);
+}
 
 void setLogFile(const std::string& path) {
     std::shared_ptr<spdlog::logger> backend;

@@ -29,8 +29,8 @@ using QORLogSink = std::function<void(const QORLogRecord&)>;
 
 /// Formats and writes one message. \param format printf rules; control characters of arguments are written escaped,
 /// so that one message is one line.
-QOR_API void logMessage(int level, const char* module, const char* sourcePath, const char* function,
-                        const char* format, ...) __attribute__((format(printf, 5, 6)));
+QOR_API void logMessage(int level, const char* module, const char* sourcePath, const char* function, const char* format,
+                        ...) __attribute__((format(printf, 5, 6)));
 
 /// The most detailed level that is written; 1 unless set.
 QOR_API void setLogLevel(int level);

@@ -11,7 +11,7 @@ namespace QOR {
 /// Builds a T in place and never destroys it; meant for function-local statics. The system takes the memory back.
 template <class T>
 class QORNoDestructor {
-   public:
+public:
     template <class... Args>
     explicit QORNoDestructor(Args&&... args) {
         ::new (static_cast<void*>(m_storage)) T(std::forward<Args>(args)...);
@@ -22,7 +22,7 @@ class QORNoDestructor {
     T& operator*() noexcept { return *std::launder(reinterpret_cast<T*>(m_storage)); }
     T* operator->() noexcept { return &**this; }
 
-   private:
+private:
     alignas(T) std::byte m_storage[sizeof(T)];
 };
 

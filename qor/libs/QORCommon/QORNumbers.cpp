@@ -11,7 +11,9 @@
 namespace QOR {
 namespace {
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 /// std::from_chars takes a minus sign but no plus sign; this drops one that a digit (or a point) follows.
 std::string_view withoutPlus(std::string_view text) {
@@ -52,9 +54,13 @@ std::optional<double> roundExtreme(std::string_view text) noexcept {
 
 }  // namespace
 
-std::optional<std::int32_t> parseInt32(std::string_view text) noexcept { return parseInteger<std::int32_t>(text); }
+std::optional<std::int32_t> parseInt32(std::string_view text) noexcept {
+    return parseInteger<std::int32_t>(text);
+}
 
-std::optional<std::int64_t> parseInt64(std::string_view text) noexcept { return parseInteger<std::int64_t>(text); }
+std::optional<std::int64_t> parseInt64(std::string_view text) noexcept {
+    return parseInteger<std::int64_t>(text);
+}
 
 std::optional<double> parseDouble(std::string_view text) noexcept {
     text = withoutPlus(text);

@@ -12,7 +12,7 @@ namespace QOR {
 /// reference, and dropping the last one deletes the object. Counting is thread-safe; the object itself is only as
 /// thread-safe as its class says. Derive virtually where several bases count.
 class QORReferenceCounter {
-   public:
+public:
     QORReferenceCounter(const QORReferenceCounter&) = delete;
     QORReferenceCounter& operator=(const QORReferenceCounter&) = delete;
 
@@ -23,11 +23,11 @@ class QORReferenceCounter {
         if (object->m_references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete object;
     }
 
-   protected:
+protected:
     QORReferenceCounter() = default;
     virtual ~QORReferenceCounter() = default;
 
-   private:
+private:
     mutable std::atomic<int> m_references{0};
 };
 

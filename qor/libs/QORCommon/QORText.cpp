@@ -20,7 +20,9 @@ constexpr std::array<std::uint8_t, 256> makeBase64Values() {
 }
 constexpr auto base64Values = makeBase64Values();
 
-std::uint8_t byteAt(std::string_view text, std::size_t at) { return static_cast<std::uint8_t>(text[at]); }
+std::uint8_t byteAt(std::string_view text, std::size_t at) {
+    return static_cast<std::uint8_t>(text[at]);
+}
 
 /// Bytes of the well-formed sequence that begins at `at`, which holds a byte above 127; 0 when there is none.
 std::size_t sequenceLength(std::string_view text, std::size_t at) noexcept {
@@ -53,10 +55,17 @@ std::size_t sequenceLength(std::string_view text, std::size_t at) noexcept {
 void appendEscape(std::uint8_t byte, std::string& out) {
     constexpr std::string_view digits = "0123456789abcdef";
     switch (byte) {
-        case '\n': out += "\\n"; return;
-        case '\r': out += "\\r"; return;
-        case '\t': out += "\\t"; return;
-        default: break;
+        case '\n':
+            out += "\\n";
+            return;
+        case '\r':
+            out += "\\r";
+            return;
+        case '\t':
+            out += "\\t";
+            return;
+        default:
+            break;
     }
     out += "\\x";
     out += digits[byte >> 4];
@@ -65,7 +74,9 @@ void appendEscape(std::uint8_t byte, std::string& out) {
 
 }  // namespace
 
-bool isUtf8(std::string_view text) noexcept { return utf8Prefix(text) == text.size(); }
+bool isUtf8(std::string_view text) noexcept {
+    return utf8Prefix(text) == text.size();
+}
 
 std::size_t utf8Prefix(std::string_view text) noexcept {
     constexpr std::uint64_t highBits = 0x8080808080808080ULL;
@@ -117,7 +128,8 @@ void appendBase64(std::string_view bytes, std::string& out) {
     out.reserve(out.size() + (bytes.size() + 2) / 3 * 4);
     std::size_t at = 0;
     for (; bytes.size() - at >= 3; at += 3) {
-        const unsigned group = static_cast<unsigned>(byteAt(bytes, at) << 16 | byteAt(bytes, at + 1) << 8 | byteAt(bytes, at + 2));
+        const unsigned group =
+            static_cast<unsigned>(byteAt(bytes, at) << 16 | byteAt(bytes, at + 1) << 8 | byteAt(bytes, at + 2));
         const char four[] = {base64Alphabet[group >> 18], base64Alphabet[group >> 12 & 63],
                              base64Alphabet[group >> 6 & 63], base64Alphabet[group & 63]};
         out.append(four, sizeof four);
@@ -135,7 +147,8 @@ void appendBase64(std::string_view bytes, std::string& out) {
 std::optional<std::string> parseBase64(std::string_view text) {
     if (text.size() % 4 != 0) return std::nullopt;
     std::size_t padding = 0;
-    while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
+    while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=')
+        ++padding;
     std::string out;
     out.reserve(text.size() / 4 * 3);
     std::uint32_t bits = 0;

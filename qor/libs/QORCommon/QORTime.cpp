@@ -12,7 +12,7 @@ constexpr std::int64_t notATime = -1;
 
 /// Takes a time apart from the front; every method leaves the text alone when it does not find what it looks for.
 class Scanner {
-   public:
+public:
     explicit Scanner(std::string_view text) : m_rest(text) {}
 
     bool atEnd() const { return m_rest.empty(); }
@@ -44,12 +44,13 @@ class Scanner {
     /// One digit or more.
     bool skipDigits() {
         std::size_t count = 0;
-        while (count < m_rest.size() && isDigit(m_rest[count])) ++count;
+        while (count < m_rest.size() && isDigit(m_rest[count]))
+            ++count;
         m_rest.remove_prefix(count);
         return count > 0;
     }
 
-   private:
+private:
     static bool isDigit(char c) { return c >= '0' && c <= '9'; }
     std::string_view m_rest;
 };
@@ -102,7 +103,9 @@ std::optional<std::int64_t> scanOffset(Scanner& scan) {
     return west ? -ahead : ahead;
 }
 
-std::int64_t floorDiv(std::int64_t value, std::int64_t by) { return value / by - (value % by < 0 ? 1 : 0); }
+std::int64_t floorDiv(std::int64_t value, std::int64_t by) {
+    return value / by - (value % by < 0 ? 1 : 0);
+}
 
 void appendNumber(std::string& out, std::int64_t value, std::size_t width) {
     char buffer[24];
@@ -137,7 +140,7 @@ Date dateOfDay(std::int64_t day) {
 
 std::string format(std::int64_t seconds, char separator, std::string_view suffix) {
     const std::int64_t day = floorDiv(seconds, secondsOfDay);
-    const std::int64_t clock = seconds - day * secondsOfDay;
+    const std::int64_t clock = (seconds % secondsOfDay + secondsOfDay) % secondsOfDay;
     const Date date = dateOfDay(day);
     std::string out;
     out.reserve(24);
@@ -158,9 +161,13 @@ std::string format(std::int64_t seconds, char separator, std::string_view suffix
 
 }  // namespace
 
-std::string time2str(std::int64_t seconds) { return format(seconds, 'T', "+0000"); }
+std::string time2str(std::int64_t seconds) {
+    return format(seconds, 'T', "+0000");
+}
 
-std::string time2dbstr(std::int64_t seconds) { return format(seconds, ' ', {}); }
+std::string time2dbstr(std::int64_t seconds) {
+    return format(seconds, ' ', {});
+}
 
 std::int64_t str2time(std::string_view text) {
     Scanner scan(text);

@@ -9,7 +9,8 @@ namespace {
 
 /// The first element from `node` on along its siblings that has the tag (any when id is 0); null when there is none.
 QORMessageNode* findFrom(QORMessageNode* node, QORTag id) {
-    while (node != nullptr && id != 0 && node->tag != id) node = node->next;
+    while (node != nullptr && id != 0 && node->tag != id)
+        node = node->next;
     return node;
 }
 
@@ -36,7 +37,9 @@ std::string_view writeInteger(Integer value, char (&buffer)[24]) {
 QORMessageIterator::~QORMessageIterator() = default;
 QORBinaryIterator::~QORBinaryIterator() = default;
 
-int QORBinaryIterator::seekPresence(QORTag id) const { return findFrom(m_node->firstChild, id) == nullptr ? failed : 0; }
+int QORBinaryIterator::seekPresence(QORTag id) const {
+    return findFrom(m_node->firstChild, id) == nullptr ? failed : 0;
+}
 
 int QORBinaryIterator::firstChild(QORTag id) {
     QORMessageNode* const child = findFrom(m_node->firstChild, id);
@@ -45,7 +48,9 @@ int QORBinaryIterator::firstChild(QORTag id) {
     return 0;
 }
 
-int QORBinaryIterator::seek(QORTag id) { return firstChild(id); }
+int QORBinaryIterator::seek(QORTag id) {
+    return firstChild(id);
+}
 
 int QORBinaryIterator::nextSibling(QORTag id) {
     QORMessageNode* const sibling = findFrom(m_node->next, id);
@@ -145,7 +150,8 @@ void QORBinaryIterator::dropChildrenAfter(const QORMessageNode* mark) noexcept {
     QORMessageNode* last = nullptr;
     if (mark != nullptr) {
         last = m_node->firstChild;
-        while (last != nullptr && last != mark) last = last->next;
+        while (last != nullptr && last != mark)
+            last = last->next;
     }
     (last == nullptr ? m_node->firstChild : last->next) = nullptr;
     m_node->lastChild = last;

@@ -10,7 +10,7 @@ namespace QOR {
 
 /// See QORMessageIterator for what each operation does.
 class QOR_API QORBinaryIterator final : public QORMessageIterator {
-   public:
+public:
     QORBinaryIterator(QORMessage& message, QORMessageNode* node) noexcept : m_message(&message), m_node(node) {}
     QORBinaryIterator(const QORBinaryIterator&) = default;
     QORBinaryIterator& operator=(const QORBinaryIterator&) = default;
@@ -55,7 +55,7 @@ class QOR_API QORBinaryIterator final : public QORMessageIterator {
     const QORMessageNode* node() const noexcept { return m_node; }
     QORMessage& message() const noexcept { return *m_message; }
 
-   private:
+private:
     static constexpr int failed = -1;
 
     QORMessageStore& store() const noexcept { return *m_message->m_store; }

@@ -15,7 +15,7 @@ constexpr std::size_t largeBlockSize = std::size_t{256} << 10;
 /// Large blocks of destroyed messages, kept for the next ones: memory that comes fresh from the system costs a page
 /// fault every 4 KiB, which is a good part of the cost of building a large message.
 class BlockCache {
-   public:
+public:
     std::unique_ptr<std::byte[]> take() noexcept {
         const std::lock_guard lock(m_mutex);
         if (m_blocks.empty()) return nullptr;
@@ -31,7 +31,7 @@ class BlockCache {
 
     BlockCache() { m_blocks.reserve(mostBytes / largeBlockSize); }
 
-   private:
+private:
     static constexpr std::size_t mostBytes = std::size_t{32} << 20;
     std::mutex m_mutex;
     std::vector<std::unique_ptr<std::byte[]>> m_blocks;
@@ -69,9 +69,11 @@ void QORMessageStore::clear() noexcept {
 
 void QORMessageStore::nextBlock(std::size_t size) {
     // After clear() the blocks of the former use come first; one that is too small is passed over.
-    while (m_used < m_blocks.size() && m_blocks[m_used].size < size) ++m_used;
+    while (m_used < m_blocks.size() && m_blocks[m_used].size < size)
+        ++m_used;
     if (m_used == m_blocks.size()) {
-        const std::size_t grown = m_blocks.empty() ? firstBlockSize : std::min(m_blocks.back().size * 4, largeBlockSize);
+        const std::size_t grown =
+            m_blocks.empty() ? firstBlockSize : std::min(m_blocks.back().size * 4, largeBlockSize);
         Block block{nullptr, std::max(size, grown)};
         if (block.size == largeBlockSize) block.memory = blockCache().take();
         if (block.memory == nullptr) block.memory = std::make_unique_for_overwrite<std::byte[]>(block.size);
@@ -88,6 +90,8 @@ QORMessage::QORMessage(QORMessage&&) noexcept = default;
 QORMessage& QORMessage::operator=(QORMessage&&) noexcept = default;
 QORMessage::~QORMessage() = default;
 
-QORBinaryIterator QORMessage::root() { return {*this, m_store->root()}; }
+QORBinaryIterator QORMessage::root() {
+    return {*this, m_store->root()};
+}
 
 }  // namespace QOR

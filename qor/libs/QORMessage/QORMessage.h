@@ -17,7 +17,7 @@ class QORBinaryIterator;
 /// that was moved from may only be assigned to or destroyed. Cursors hold the address of their message, so they do
 /// not survive its move. One thread at a time. Destroying a message costs time by blocks of memory, not by elements.
 class QOR_API QORMessage {
-   public:
+public:
     QORMessage();
     explicit QORMessage(const QORMessageLimits& limits);
     QORMessage(QORMessage&&) noexcept;
@@ -35,7 +35,7 @@ class QOR_API QORMessage {
     /// Drops all elements and keeps the memory for the next use.
     void clear() { m_store->clear(); }
 
-   private:
+private:
     friend class QORBinaryIterator;
     std::unique_ptr<QORMessageStore> m_store;
 };

@@ -20,7 +20,7 @@ namespace QOR {
 /// in one message; writing through one never moves another, removing an element invalidates those that stand in it.
 /// One thread uses a message and its cursors at a time.
 class QOR_API QORMessageIterator {
-   public:
+public:
     virtual ~QORMessageIterator();
 
     // ---- position -----------------------------------------------------------------------------------------------
@@ -64,7 +64,7 @@ class QOR_API QORMessageIterator {
     /// Removes all children with that tag, with everything below them; fails when there is none.
     virtual int removeChildren(QORTag id) = 0;
 
-   protected:
+protected:
     QORMessageIterator() = default;
     QORMessageIterator(const QORMessageIterator&) = default;
     QORMessageIterator& operator=(const QORMessageIterator&) = default;

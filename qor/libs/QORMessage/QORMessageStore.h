@@ -20,9 +20,9 @@ namespace QOR {
 /// How large a message may become; reaching a limit makes writing fail (readers of text forms say which limit).
 /// Elements and bytes count from the last clear(): what was removed since still occupies memory.
 struct QORMessageLimits {
-    std::uint32_t depth = 64;                     ///< levels of elements below the root, at most 65535
-    std::size_t nodes = std::size_t{1} << 28;     ///< elements
-    std::size_t bytes = std::size_t{4} << 30;     ///< bytes of texts and binary values together
+    std::uint32_t depth = 64;                  ///< levels of elements below the root, at most 65535
+    std::size_t nodes = std::size_t{1} << 28;  ///< elements
+    std::size_t bytes = std::size_t{4} << 30;  ///< bytes of texts and binary values together
 };
 
 /// What an element holds.
@@ -43,7 +43,7 @@ struct QORMessageNode {
 
 /// Elements and their values, taken in turn from growing blocks of memory and given back all at once.
 class QOR_API QORMessageStore {
-   public:
+public:
     explicit QORMessageStore(const QORMessageLimits& limits) noexcept;
     QORMessageStore(const QORMessageStore&) = delete;
     QORMessageStore& operator=(const QORMessageStore&) = delete;
@@ -63,9 +63,16 @@ class QOR_API QORMessageStore {
     /// Appends an element below `parent`; null when the parent has a value or a limit is reached.
     QORMessageNode* addNode(QORMessageNode& parent, QORTag tag) {
         if (parent.kind != QORValueKind::None || isDeepest(parent) || !hasNodesLeft()) return nullptr;
-        auto* const node = ::new (take(sizeof(QORMessageNode)))
-            QORMessageNode{tag, static_cast<std::uint16_t>(parent.depth + 1U), QORValueKind::None, nullptr, 0, &parent,
-                           nullptr, nullptr, nullptr};
+        auto* const node =
+            ::new (take(sizeof(QORMessageNode))) QORMessageNode{tag,
+                                                                static_cast<std::uint16_t>(parent.depth + 1U),
+                                                                QORValueKind::None,
+                                                                nullptr,
+                                                                0,
+                                                                &parent,
+                                                                nullptr,
+                                                                nullptr,
+                                                                nullptr};
         ++m_nodes;
         (parent.lastChild == nullptr ? parent.firstChild : parent.lastChild->next) = node;
         parent.lastChild = node;
@@ -85,7 +92,7 @@ class QOR_API QORMessageStore {
         return true;
     }
 
-   private:
+private:
     struct Block {
         std::unique_ptr<std::byte[]> memory;
         std::size_t size;

@@ -34,7 +34,7 @@ struct QORClientDescription {
 struct QORRequestEnvelope {
     std::string operatorName;
     std::string requestName;
-    QORMessage body;                            ///< the body is the root's only child
+    QORMessage body;                             ///< the body is the root's only child
     std::optional<QORClientDescription> client;  ///< absent: run as the connection's own identity
 };
 
@@ -73,7 +73,7 @@ struct QORResponse {
         int code;
         std::string message;
     };
-    QORMessage response;         ///< the elements, without error entries
+    QORMessage response;  ///< the elements, without error entries
     std::optional<Error> error;
 };
 

@@ -19,7 +19,7 @@ namespace {
 /// much a second. This one needs a block of memory whatever the sizes, decides between text and base64 in the pass
 /// that escapes, and is the faster one (write/notation beside write/notation-rapidjson in bench/message).
 class BlockWriter {
-   public:
+public:
     explicit BlockWriter(const QORTextSink& sink) : m_sink(sink) {}
 
     void put(char c) {
@@ -77,7 +77,7 @@ class BlockWriter {
         m_at = m_buffer.get();
     }
 
-   private:
+private:
     static constexpr std::size_t blockSize = std::size_t{64} << 10;
     static constexpr std::size_t pieceSize = 1024;
     static constexpr std::size_t mostEscape = 6;  ///< bytes that one byte of a text may become, as in \u0001
@@ -147,18 +147,33 @@ class BlockWriter {
         *at++ = '\\';
         switch (byte) {
             case '"':
-            case '\\': *at++ = static_cast<char>(byte); return at;
-            case '\b': *at++ = 'b'; return at;
-            case '\f': *at++ = 'f'; return at;
-            case '\n': *at++ = 'n'; return at;
-            case '\r': *at++ = 'r'; return at;
-            case '\t': *at++ = 't'; return at;
-            default: break;
+            case '\\':
+                *at++ = static_cast<char>(byte);
+                return at;
+            case '\b':
+                *at++ = 'b';
+                return at;
+            case '\f':
+                *at++ = 'f';
+                return at;
+            case '\n':
+                *at++ = 'n';
+                return at;
+            case '\r':
+                *at++ = 'r';
+                return at;
+            case '\t':
+                *at++ = 't';
+                return at;
+            default:
+                break;
         }
-        std::memcpy(at, "u00", 3);
-        at[3] = digits[byte >> 4];
-        at[4] = digits[byte & 15];
-        return at + 5;
+        *at++ = 'u';
+        *at++ = '0';
+        *at++ = '0';
+        *at++ = digits[byte >> 4];
+        *at++ = digits[byte & 15];
+        return at;
     }
 
     const QORTextSink& m_sink;
@@ -169,7 +184,8 @@ class BlockWriter {
 
 const QORMessageNode* childWith(const QORMessageNode& node, QORTag id) {
     const QORMessageNode* child = node.firstChild;
-    while (child != nullptr && child->tag != id) child = child->next;
+    while (child != nullptr && child->tag != id)
+        child = child->next;
     return child;
 }
 
@@ -179,7 +195,7 @@ bool isErrorEntry(const QORMessageNode& node) {
 
 /// Writes elements as notation, error entries left out if so asked.
 class TreeWriter {
-   public:
+public:
     TreeWriter(BlockWriter& out, bool liftErrors) : m_out(out), m_liftErrors(liftErrors) {}
 
     /// The first error entry that was left out; null when there was none.
@@ -212,7 +228,7 @@ class TreeWriter {
         }
     }
 
-   private:
+private:
     /// Writes an element up to its children and returns the first of them; null when it has none.
     const QORMessageNode* open(const QORMessageNode& node) {
         m_out.put('[');

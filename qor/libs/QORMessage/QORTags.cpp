@@ -62,7 +62,9 @@ constexpr FixedName fixedNames[] = {
     {tag::escape, "escape"},
 };
 
-constexpr bool byNumber(const FixedName& a, const FixedName& b) { return a.id < b.id; }
+constexpr bool byNumber(const FixedName& a, const FixedName& b) {
+    return a.id < b.id;
+}
 static_assert(std::is_sorted(std::begin(fixedNames), std::end(fixedNames), byNumber));
 
 constexpr std::string_view reservedNames[] = {"error", "code"};
@@ -98,8 +100,10 @@ struct QORTagDictionary::Impl {
 };
 
 QORTagDictionary::QORTagDictionary() : m_impl(std::make_unique<Impl>()) {
-    for (const FixedName& fixed : fixedNames) m_impl->numbers.emplace(fixed.name, fixed.id);
-    for (const std::string_view name : reservedNames) m_impl->add(name);
+    for (const FixedName& fixed : fixedNames)
+        m_impl->numbers.emplace(fixed.name, fixed.id);
+    for (const std::string_view name : reservedNames)
+        m_impl->add(name);
 }
 
 QORTagDictionary::~QORTagDictionary() = default;

@@ -64,7 +64,7 @@ inline constexpr QORTag errorCode = 1000001;  ///< its code; its text stands und
 
 /// Names and numbers of elements, one dictionary a process. Thread-safe; names live as long as the process.
 class QOR_API QORTagDictionary {
-   public:
+public:
     static QORTagDictionary& instance();
 
     /// The number of a known name, empty for an unknown one. For names that come from outside: asking never grows
@@ -76,11 +76,11 @@ class QOR_API QORTagDictionary {
     /// The name of a number, empty when it has none.
     std::string_view name(QORTag id) const;
 
-   protected:
+protected:
     QORTagDictionary();
     ~QORTagDictionary();
 
-   private:
+private:
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };

@@ -34,7 +34,7 @@ bool isXmlCharacter(std::uint32_t c) {
 /// declared, characters that XML does not have) and for the limits, which have to hold before memory is spent on a
 /// document tree. What is well-formed is the parser's to say.
 class Inspector {
-   public:
+public:
     Inspector(std::string_view xml, const QORMessageLimits& limits, std::size_t nodesLeft)
         : m_xml(xml), m_limits(limits), m_nodesLeft(nodesLeft) {}
 
@@ -50,7 +50,7 @@ class Inspector {
         }
     }
 
-   private:
+private:
     bool startsWith(std::string_view prefix) const { return m_xml.substr(m_at, prefix.size()) == prefix; }
 
     /// Behind the next `end`; refuses the text when there is none.
@@ -58,7 +58,8 @@ class Inspector {
         const std::size_t found = m_xml.find(end, m_at);
         if (found == std::string_view::npos) refuseAt(m_at, "this has no end");
         const std::size_t stop = found + end.size();
-        while (m_at < stop) checkPlain();
+        while (m_at < stop)
+            checkPlain();
     }
 
     void skipMarkup() {
@@ -95,9 +96,7 @@ class Inspector {
     }
 
     /// One character outside of comments and the like; a reference counts as one.
-    void checkCharacter() {
-        m_xml[m_at] == '&' ? checkReference() : checkPlain();
-    }
+    void checkCharacter() { m_xml[m_at] == '&' ? checkReference() : checkPlain(); }
 
     void checkPlain() {
         const auto byte = static_cast<unsigned char>(m_xml[m_at]);
@@ -136,22 +135,27 @@ class Inspector {
     std::uint32_t m_depth = 0;
 };
 
-bool isBlank(std::string_view text) { return text.find_first_not_of(" \t\r\n") == std::string_view::npos; }
+bool isBlank(std::string_view text) {
+    return text.find_first_not_of(" \t\r\n") == std::string_view::npos;
+}
 
 bool isText(const pugi::xml_node& node) {
     return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
 }
 
 pugi::xml_node firstElement(pugi::xml_node node) {
-    while (node && node.type() != pugi::node_element) node = node.next_sibling();
+    while (node && node.type() != pugi::node_element)
+        node = node.next_sibling();
     return node;
 }
 
-std::size_t offsetOf(const pugi::xml_node& node) { return static_cast<std::size_t>(node.offset_debug()); }
+std::size_t offsetOf(const pugi::xml_node& node) {
+    return static_cast<std::size_t>(node.offset_debug());
+}
 
 /// Turns the parser's document into elements.
 class ElementBuilder {
-   public:
+public:
     ElementBuilder(std::string_view xml, QORMessage& out) : m_xml(xml), m_message(out), m_at(out.root()) {}
 
     void build(const pugi::xml_node& top) {
@@ -174,7 +178,7 @@ class ElementBuilder {
         }
     }
 
-   private:
+private:
     struct Attributes {
         std::optional<QORTag> id;
         bool base64 = false;

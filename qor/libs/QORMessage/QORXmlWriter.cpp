@@ -6,7 +6,9 @@
 namespace QOR {
 namespace {
 
-bool isAsciiLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool isAsciiLetter(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
 
 /// True for a name that can stand as an element's: ASCII letters, digits, '_', '-' and '.', not reserved by XML.
 bool isXmlName(std::string_view name) {
@@ -35,10 +37,18 @@ void appendEscaped(std::string_view text, std::string& out) {
         text.remove_prefix(plain);
         if (text.empty()) return;
         switch (text.front()) {
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '&': out += "&amp;"; break;
-            default: out += "&#13;"; break;  // a bare one would be read as a line feed
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '&':
+                out += "&amp;";
+                break;
+            default:
+                out += "&#13;";
+                break;  // a bare one would be read as a line feed
         }
         text.remove_prefix(1);
     }
@@ -46,7 +56,7 @@ void appendEscaped(std::string_view text, std::string& out) {
 
 /// Writes straight from the elements: pugixml's document would hold each of them once more before a byte is written.
 class XmlWriter {
-   public:
+public:
     XmlWriter(std::string& out, bool indent) : m_out(out), m_indent(indent) {}
 
     void writeElement(const QORMessageNode& top) {
@@ -67,7 +77,7 @@ class XmlWriter {
         }
     }
 
-   private:
+private:
     void open(const QORMessageNode& node) {
         beginLine(node);
         m_out += '<';

@@ -62,7 +62,8 @@ TEST(Guid, OrderIsTheOrderOfTheTexts) {
         texts.insert(id.toString());
     }
     auto expected = texts.begin();
-    for (const QOREID& id : ids) EXPECT_EQ(id.toString(), *expected++);
+    for (const QOREID& id : ids)
+        EXPECT_EQ(id.toString(), *expected++);
 }
 
 TEST(Guid, RandomOnesDifferAndSayTheirVersion) {

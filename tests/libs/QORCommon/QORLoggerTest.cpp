@@ -22,7 +22,7 @@ using QOR::QORLogRecord;
 
 /// Collects what is logged and puts the default back at the end.
 class Logger : public testing::Test {
-   protected:
+protected:
     struct Line {
         int level;
         std::string module;
@@ -94,12 +94,15 @@ TEST_F(Logger, NullTextsAreEmpty) {
 
 TEST_F(Logger, ThreadsDoNotMixLines) {
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([i] {
-            for (int n = 0; n < 500; ++n) logMessage(1, "m", "p", "f", "%d", i);
+            for (int n = 0; n < 500; ++n)
+                logMessage(1, "m", "p", "f", "%d", i);
         });
     }
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     EXPECT_EQ(lines.size(), 2000U);
 }
 

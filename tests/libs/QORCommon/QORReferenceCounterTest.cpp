@@ -29,12 +29,15 @@ TEST(ReferenceCounter, ThreadsMayShareAnObject) {
     {
         const auto shared = QOR::makeQORPtr<Counted>(deaths);
         std::vector<std::thread> threads;
+        threads.reserve(4);
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([shared] {
-                for (int n = 0; n < 10000; ++n) const auto copy = shared;
+                for (int n = 0; n < 10000; ++n)
+                    const auto copy = shared;
             });
         }
-        for (auto& thread : threads) thread.join();
+        for (auto& thread : threads)
+            thread.join();
         EXPECT_EQ(deaths, 0);
     }
     EXPECT_EQ(deaths, 1);

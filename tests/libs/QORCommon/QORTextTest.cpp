@@ -26,14 +26,22 @@ TEST(Utf8, EverythingElseIsNot) {
         const char* what;
         const char* text;
     } const cases[] = {
-        {"a byte that only continues", "\x80"},    {"overlong of two", "\xC0\xAF"},
-        {"overlong of two, last", "\xC1\xBF"},     {"overlong of three", "\xE0\x9F\xBF"},
-        {"overlong of four", "\xF0\x8F\xBF\xBF"},  {"high surrogate", "\xED\xA0\x80"},
-        {"low surrogate", "\xED\xBF\xBF"},         {"beyond the last", "\xF4\x90\x80\x80"},
-        {"five bytes", "\xF8\x88\x80\x80\x80"},    {"0xFF", "\xFF"},
-        {"cut after one", "\xC3"},                 {"cut after two", "\xE2\x82"},
-        {"cut after three", "\xF0\x9F\x98"},       {"no continuation", "\xC3(" },
-        {"third is none", "\xE2\x82("},            {"fourth is none", "\xF0\x9F\x98("},
+        {"a byte that only continues", "\x80"},
+        {"overlong of two", "\xC0\xAF"},
+        {"overlong of two, last", "\xC1\xBF"},
+        {"overlong of three", "\xE0\x9F\xBF"},
+        {"overlong of four", "\xF0\x8F\xBF\xBF"},
+        {"high surrogate", "\xED\xA0\x80"},
+        {"low surrogate", "\xED\xBF\xBF"},
+        {"beyond the last", "\xF4\x90\x80\x80"},
+        {"five bytes", "\xF8\x88\x80\x80\x80"},
+        {"0xFF", "\xFF"},
+        {"cut after one", "\xC3"},
+        {"cut after two", "\xE2\x82"},
+        {"cut after three", "\xF0\x9F\x98"},
+        {"no continuation", "\xC3("},
+        {"third is none", "\xE2\x82("},
+        {"fourth is none", "\xF0\x9F\x98("},
     };
     for (const auto& c : cases) {
         EXPECT_FALSE(isUtf8(c.text)) << c.what;
@@ -69,8 +77,14 @@ TEST(Base64, WritesAndReads) {
     struct {
         const char* bytes;
         const char* text;
-    } const cases[] = {{"", ""},           {"f", "Zg=="},         {"fo", "Zm8="},        {"foo", "Zm9v"},
-                       {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {"\xFF\xFE\xFD", "//79"}};
+    } const cases[] = {{"", ""},
+                       {"f", "Zg=="},
+                       {"fo", "Zm8="},
+                       {"foo", "Zm9v"},
+                       {"foob", "Zm9vYg=="},
+                       {"fooba", "Zm9vYmE="},
+                       {"foobar", "Zm9vYmFy"},
+                       {"\xFF\xFE\xFD", "//79"}};
     for (const auto& c : cases) {
         std::string out = "+";
         QOR::appendBase64(c.bytes, out);
@@ -80,8 +94,8 @@ TEST(Base64, WritesAndReads) {
 }
 
 TEST(Base64, RefusesWhatIsNone) {
-    for (const char* text : {"Z", "Zg", "Zg=", "Zg===", "=", "====", "Zm9v=", "Z=g=", "Zh==", "Zm9=", "Zm 9", "Zm9v\n", "Zm-_",
-                             "=Zg=", "\xFF\xFF\xFF\xFF"}) {
+    for (const char* text : {"Z", "Zg", "Zg=", "Zg===", "=", "====", "Zm9v=", "Z=g=", "Zh==", "Zm9=", "Zm 9", "Zm9v\n",
+                             "Zm-_", "=Zg=", "\xFF\xFF\xFF\xFF"}) {
         EXPECT_EQ(parseBase64(text), std::nullopt) << text;
     }
 }
@@ -90,7 +104,8 @@ TEST(Base64, RoundTripsAnyBytes) {
     std::mt19937 random(3);
     for (std::size_t size = 0; size < 300; ++size) {
         std::string bytes(size, '\0');
-        for (char& c : bytes) c = static_cast<char>(random());
+        for (char& c : bytes)
+            c = static_cast<char>(random());
         std::string text;
         QOR::appendBase64(bytes, text);
         ASSERT_EQ(parseBase64(text), bytes);

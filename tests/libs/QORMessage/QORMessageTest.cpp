@@ -24,7 +24,7 @@ constexpr const char* request =
 
 /// A cursor on the select element of the request above.
 class Cursor : public testing::Test {
-   protected:
+protected:
     QORMessage message = treeOf(request);
     QORBinaryIterator it = message.root();
 
@@ -57,7 +57,8 @@ TEST_F(Cursor, WalksSiblingsOfATag) {
 TEST_F(Cursor, WalksAllSiblings) {
     int count = 1;
     ASSERT_EQ(it.firstChild(), 0);
-    while (it.nextSibling() == 0) ++count;
+    while (it.nextSibling() == 0)
+        ++count;
     EXPECT_EQ(count, 6);
 }
 
@@ -97,7 +98,8 @@ TEST_F(Cursor, FollowsPathsOfNamesAndNumbers) {
 }
 
 TEST_F(Cursor, APathThatLeadsNowhereMovesNothing) {
-    for (const char* path : {"limit/where", "no such name", "limit/size/size", "0", "-1", "1377 ", "4294967296", "limit/0"}) {
+    for (const char* path :
+         {"limit/where", "no such name", "limit/size/size", "0", "-1", "1377 ", "4294967296", "limit/0"}) {
         QORBinaryIterator cursor = it;
         EXPECT_NE(cursor.seekPath(path), 0) << path;
         EXPECT_EQ(cursor.curID(), tag::select) << path;
@@ -281,7 +283,8 @@ TEST(Limits, OfDepthAreSixtyFourUnlessSet) {
     QORMessage message;
     QORBinaryIterator it = message.root();
     int depth = 0;
-    while (it.addChild(1) == 0) ++depth;
+    while (it.addChild(1) == 0)
+        ++depth;
     EXPECT_EQ(depth, 64);
 }
 
@@ -319,7 +322,8 @@ TEST(Message, IsClearedAndFilledAgain) {
         EXPECT_EQ(message.byteCount(), 0U);
         QORBinaryIterator it = message.root();
         it.addChild(tag::rowSet);
-        for (int i = 0; i < 20000; ++i) it.putInt(i, tag::value);
+        for (int i = 0; i < 20000; ++i)
+            it.putInt(i, tag::value);
         it.putValue(std::string(300000, 'x'), tag::name);
         const std::string text = notationOf(message);
         if (round > 0) {
@@ -343,7 +347,8 @@ TEST(Message, DeepOnesAreDestroyedAndWrittenWithoutRecursion) {
     QORMessage message(limitsOf(65535, 100000, 100));
     QORBinaryIterator it = message.root();
     int depth = 0;
-    while (it.addChild(1) == 0) ++depth;
+    while (it.addChild(1) == 0)
+        ++depth;
     EXPECT_EQ(depth, 65535);
     const std::string text = notationOf(message);
     EXPECT_EQ(text.size(), static_cast<std::size_t>(depth) * 6 - 3) << "[1,[ ... ]] a level, [1] the last";

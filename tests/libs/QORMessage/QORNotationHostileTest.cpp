@@ -29,7 +29,8 @@ constexpr const char* xml =
 
 std::string repeat(std::string_view text, std::size_t count) {
     std::string out;
-    for (std::size_t i = 0; i < count; ++i) out += text;
+    for (std::size_t i = 0; i < count; ++i)
+        out += text;
     return out;
 }
 
@@ -52,7 +53,8 @@ TEST(Hostile, NestedBracketsAreRefusedAtTheDepthLimit) {
 
 TEST(Hostile, NestedElementsOfXmlAreRefusedAtTheDepthLimit) {
     constexpr std::size_t count = 100000;
-    for (const std::string& text : {repeat("<row>", count), repeat("<row>", count) + repeat("</row>", count), repeat("<", count)}) {
+    for (const std::string& text :
+         {repeat("<row>", count), repeat("<row>", count) + repeat("</row>", count), repeat("<", count)}) {
         QORMessage message;
         EXPECT_THROW(readXml(text, message), QORException);
         EXPECT_TRUE(message.empty());
@@ -137,7 +139,8 @@ TEST(Hostile, EachByteValueAtEachPlaceOfATextIsReadOrRefused) {
 
 TEST(Hostile, HugeNumbersAreRefused) {
     const std::string digits(100000, '9');
-    for (const std::string& text : {"[" + digits + "]", "[-" + digits + "]", "[1e" + digits + "]", "[1." + digits + "]", "[1," + digits + "]"}) {
+    for (const std::string& text :
+         {"[" + digits + "]", "[-" + digits + "]", "[1e" + digits + "]", "[1." + digits + "]", "[1," + digits + "]"}) {
         EXPECT_THROW(treeOf(text), QORException);
     }
     EXPECT_THROW(readRequest("{\"client\":{\"sids\":[{\"principalId\":" + digits + "}]}}"), QORException);

@@ -58,7 +58,8 @@ TEST(Element, ReadInOtherSpellings) {
         {"[1,\"\\u0041\\/\\u00fc\\ud83d\\ude00\"]", "[1,\"A/\xC3\xBC\xF0\x9F\x98\x80\"]"},
         {"[1,\"\\u000a\"]", "[1,\"\\n\"]"},
     };
-    for (const auto& c : cases) EXPECT_EQ(notationOf(treeOf(c.text)), c.same) << c.text;
+    for (const auto& c : cases)
+        EXPECT_EQ(notationOf(treeOf(c.text)), c.same) << c.text;
 }
 
 TEST(Element, CarriesNulBytes) {
@@ -134,7 +135,8 @@ TEST(Element, RefusedWithReasonAndPlace) {
         {"[-1]", "invalid message at byte 1: a tag is a name or a whole number from 1 to 4294967295"},
         {"[ 4294967296]", "invalid message at byte 2: a tag is a name or a whole number from 1 to 4294967295"},
         {"[18446744073709551615]", "invalid message at byte 1: a tag is a name or a whole number from 1 to 4294967295"},
-        {"[99999999999999999999999]", "invalid message at byte 1: a tag is a name or a whole number from 1 to 4294967295"},
+        {"[99999999999999999999999]",
+         "invalid message at byte 1: a tag is a name or a whole number from 1 to 4294967295"},
         {"[1740.0]", "invalid message at byte 1: a tag is a name or a whole number from 1 to 4294967295"},
         {"[1e3]", "invalid message at byte 1: a tag is a name or a whole number from 1 to 4294967295"},
         {"[1,[[\"nonsense\",\"x\"]]]", "invalid message at byte 5: unknown element \"nonsense\""},
@@ -165,7 +167,8 @@ TEST(Element, RefusedWithReasonAndPlace) {
         {"[1,]", "invalid message at byte 3: Invalid value."},
         {"[1 // c\n]", "invalid message at byte 3: Missing a comma or ']' after an array element."},
     };
-    for (const auto& c : cases) EXPECT_EQ(elementRefusal(c.text), c.message) << c.text;
+    for (const auto& c : cases)
+        EXPECT_EQ(elementRefusal(c.text), c.message) << c.text;
     EXPECT_NE(elementRefusal(std::string_view("[1]\0[2]", 7)), "accepted");
     EXPECT_NE(elementRefusal(std::string_view("[1]\0", 4)), "accepted");
 }
@@ -182,7 +185,8 @@ TEST(Element, LimitsAreNamed) {
     limits.nodes = 3;
     limits.bytes = 4;
     EXPECT_EQ(refusalBy(limits, "[1,[[2,[]],[3,\"abcd\"]]]"), "accepted");
-    EXPECT_EQ(refusalBy(limits, "[1,[[2,[[3]]]]]"), "invalid message at byte 9: elements are nested deeper than 2 levels");
+    EXPECT_EQ(refusalBy(limits, "[1,[[2,[[3]]]]]"),
+              "invalid message at byte 9: elements are nested deeper than 2 levels");
     EXPECT_EQ(refusalBy(limits, "[1,[[2],[3],[4]]]"), "invalid message at byte 13: there are more than 3 elements");
     EXPECT_EQ(refusalBy(limits, "[1,[[2,\"ab\"],[3,\"cde\"]]]"),
               "invalid message at byte 16: the values are larger than 4 bytes together");
@@ -191,11 +195,12 @@ TEST(Element, LimitsAreNamed) {
 }
 
 TEST(Request, WrittenAsItIsRead) {
-    for (const char* text :
-         {R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEnvironment"],[1741,"hostname"],[1377,[[1024,"20"],[1087,"40"]]],[1259]]]})",
-          R"({"operator":"","request":"","body":[1]})",
-          R"({"operator":"pager2","request":"select","body":[1740],"client":{"fullAccess":true,"sids":[]}})",
-          R"({"operator":"p","request":"s","body":[1740],"client":{"fullAccess":false,"sids":[{"principalId":0,"principalType":1,"eid":"6ba7b810-9dad-11d1-80b4-00c04fd430c8"},{"principalId":-5,"principalType":2,"eid":""}]}})"}) {
+    for (
+        const char* text :
+        {R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEnvironment"],[1741,"hostname"],[1377,[[1024,"20"],[1087,"40"]]],[1259]]]})",
+         R"({"operator":"","request":"","body":[1]})",
+         R"({"operator":"pager2","request":"select","body":[1740],"client":{"fullAccess":true,"sids":[]}})",
+         R"({"operator":"p","request":"s","body":[1740],"client":{"fullAccess":false,"sids":[{"principalId":0,"principalType":1,"eid":"6ba7b810-9dad-11d1-80b4-00c04fd430c8"},{"principalId":-5,"principalType":2,"eid":""}]}})"}) {
         std::string out;
         writeRequest(readRequest(text), out);
         EXPECT_EQ(out, text);
@@ -226,9 +231,10 @@ TEST(Request, WithoutClientHasNone) {
 }
 
 TEST(Request, AnEidMayBeMissing) {
-    for (const char* sid : {R"({})", R"({"eid":null})", R"({"eid":""})", R"({"eid":"00000000-0000-0000-0000-000000000000"})"}) {
-        const auto request = readRequest(
-            std::string(R"({"operator":"a","request":"b","body":[1],"client":{"sids":[)") + sid + "]}}");
+    for (const char* sid :
+         {R"({})", R"({"eid":null})", R"({"eid":""})", R"({"eid":"00000000-0000-0000-0000-000000000000"})"}) {
+        const auto request =
+            readRequest(std::string(R"({"operator":"a","request":"b","body":[1],"client":{"sids":[)") + sid + "]}}");
         ASSERT_EQ(request.client->sids.size(), 1U);
         EXPECT_FALSE(request.client->sids[0].eid.isValid()) << sid;
     }
@@ -252,7 +258,8 @@ TEST(Request, RefusedWithReasonAndPlace) {
         {R"({"body":null})", "invalid message at byte 8: an element, [tag, ...], is expected"},
         {R"({"body":["nonsense"]})", "invalid message at byte 9: unknown element \"nonsense\""},
         {R"({"client":null})", "invalid message at byte 10: member \"client\" is not an object"},
-        {R"({"client":{"fullAccess":1}})", "invalid message at byte 24: member \"fullAccess\" is neither true nor false"},
+        {R"({"client":{"fullAccess":1}})",
+         "invalid message at byte 24: member \"fullAccess\" is neither true nor false"},
         {R"({"client":{"fullAccess":"true"}})",
          "invalid message at byte 24: member \"fullAccess\" is neither true nor false"},
         {R"({"client":{"fullAccess":true,"fullAccess":true}})",
@@ -269,9 +276,11 @@ TEST(Request, RefusedWithReasonAndPlace) {
          "invalid message at byte 36: member \"principalType\" is not an integer of 32 bits"},
         {R"({"client":{"sids":[{"eid":"x"}]}})", "invalid message at byte 26: member \"eid\": \"x\" is not a GUID"},
         {R"({"client":{"sids":[{"eid":1}]}})", "invalid message at byte 26: member \"eid\" is not a text"},
-        {R"({"client":{"sids":[{"eid":null,"eid":null}]}})", "invalid message at byte 31: member \"eid\" is given twice"},
+        {R"({"client":{"sids":[{"eid":null,"eid":null}]}})",
+         "invalid message at byte 31: member \"eid\" is given twice"},
     };
-    for (const auto& c : cases) EXPECT_EQ(requestRefusal(c.text), c.message) << c.text;
+    for (const auto& c : cases)
+        EXPECT_EQ(requestRefusal(c.text), c.message) << c.text;
 }
 
 TEST(Request, LimitsHoldForTheBody) {
@@ -306,7 +315,8 @@ TEST(Response, ErrorEntriesAreLiftedOut) {
     } cases[] = {
         {R"(["error",[["code","400"],["message","limit/size is absent"]]])",
          R"({"response":[],"error":{"code":400,"message":"limit/size is absent"}})"},
-        {R"(["reply",[["error",[["message","m"],["code","1"]]]]])", R"({"response":[[1738]],"error":{"code":1,"message":"m"}})"},
+        {R"(["reply",[["error",[["message","m"],["code","1"]]]]])",
+         R"({"response":[[1738]],"error":{"code":1,"message":"m"}})"},
         {R"(["row_set",[["name","a"],["error",[["code","3152"],["message","x"]]],["row"]]])",
          R"({"response":[[1744,[[1026,"a"],[1739]]]],"error":{"code":3152,"message":"x"}})"},
         {R"(["row",[["error",[["code","5"],["message","first"]]],["error",[["code","6"],["message","second"]]]]])",
@@ -315,11 +325,13 @@ TEST(Response, ErrorEntriesAreLiftedOut) {
         {R"(["error",[["code","-3"],["message",{"base64":"/w=="}]]])",
          R"({"response":[],"error":{"code":-3,"message":{"base64":"/w=="}}})"},
     };
-    for (const auto& c : cases) EXPECT_EQ(responseOf(treeOf(c.element)), c.text) << c.element;
+    for (const auto& c : cases)
+        EXPECT_EQ(responseOf(treeOf(c.element)), c.text) << c.element;
 }
 
 TEST(Response, AnElementThatIsOnlyNamedErrorStays) {
-    EXPECT_EQ(responseOf(treeOf(R"(["row",[["error","disk full"]]])")), R"({"response":[[1739,[[1000000,"disk full"]]]]})");
+    EXPECT_EQ(responseOf(treeOf(R"(["row",[["error","disk full"]]])")),
+              R"({"response":[[1739,[[1000000,"disk full"]]]]})");
     EXPECT_EQ(responseOf(treeOf(R"(["row",[["error",[["message","x"]]]]])")),
               R"({"response":[[1739,[[1000000,[[1224,"x"]]]]]]})");
 }
@@ -336,10 +348,9 @@ TEST(Response, LaterSiblingsStandBehindALiftedEntry) {
 }
 
 TEST(Response, IsReadBack) {
-    for (const char* text :
-         {R"({"response":[]})", R"({"response":[[1744,[[1026,"hostname"]]],[1]]})",
-          R"({"response":[],"error":{"code":400,"message":"a \"quoted\" name"}})",
-          R"({"response":[[1744]],"error":{"code":-1,"message":{"base64":"/w=="}}})"}) {
+    for (const char* text : {R"({"response":[]})", R"({"response":[[1744,[[1026,"hostname"]]],[1]]})",
+                             R"({"response":[],"error":{"code":400,"message":"a \"quoted\" name"}})",
+                             R"({"response":[[1744]],"error":{"code":-1,"message":{"base64":"/w=="}}})"}) {
         const auto response = readResponse(text);
         QORMessage message = treeOf("[9]");
         message.clear();
@@ -370,7 +381,8 @@ TEST(Response, RefusedWithReasonAndPlace) {
         {R"({"response":[],"error":{"code":"1"}})",
          "invalid message at byte 31: member \"code\" is not an integer of 32 bits"},
         {R"({"response":[],"error":{"message":1}})", "invalid message at byte 34: member \"message\" is not a text"},
-        {R"({"response":[],"error":{"message":{"x":1}}})", "invalid message at byte 35: member \"message\" is not a text"},
+        {R"({"response":[],"error":{"message":{"x":1}}})",
+         "invalid message at byte 35: member \"message\" is not a text"},
         {R"({"response":[],"error":{"message":{"base64":"x"}}})",
          "invalid message at byte 44: the member \"base64\" is not a base64 text"},
     };
@@ -389,7 +401,8 @@ TEST(Response, InBlocksIsTheSameText) {
     QORMessage message;
     QOR::QORBinaryIterator it = message.root();
     it.addChild(tag::rowSet);
-    for (int i = 0; i < 20000; ++i) it.putValue("value \"" + std::to_string(i) + "\"", tag::value);
+    for (int i = 0; i < 20000; ++i)
+        it.putValue("value \"" + std::to_string(i) + "\"", tag::value);
     it.putValue(std::string(500000, '\n'), tag::value);
     it.putBinary(std::string(500000, '\xFF').data(), 500000, tag::value);
     std::string blocks;

@@ -14,20 +14,23 @@ namespace {
 using QOR::QORTag;
 using QOR::QORTagDictionary;
 
-QORTagDictionary& dictionary() { return QORTagDictionary::instance(); }
+QORTagDictionary& dictionary() {
+    return QORTagDictionary::instance();
+}
 
 TEST(Tags, NumbersOfTheContract) {
     const struct {
         QORTag id;
         const char* name;
     } table[] = {
-        {1007, "type"},   {1009, "view"},       {1018, "value"},    {1024, "size"},    {1026, "name"},     {1040, "total"},
-        {1082, "cell"},   {1087, "offset"},     {1156, "source"},   {1224, "message"}, {1259, "statistics"}, {1377, "limit"},
-        {1378, "descending"}, {1493, "cache"},  {1624, "env"},      {1738, "reply"},   {1739, "row"},      {1740, "select"},
-        {1741, "field"},  {1742, "where"},      {1743, "sort"},     {1744, "row_set"}, {2222, "function"}, {2225, "eq"},
-        {2226, "ne"},     {2227, "gt"},         {2228, "ge"},       {2229, "lt"},      {2230, "le"},       {2231, "like"},
-        {2232, "between"}, {2233, "is_null"},   {2234, "in"},       {2235, "and"},     {2236, "or"},       {2237, "not"},
-        {2293, "distinct"}, {2301, "escape"},
+        {1007, "type"},       {1009, "view"},     {1018, "value"},      {1024, "size"},   {1026, "name"},
+        {1040, "total"},      {1082, "cell"},     {1087, "offset"},     {1156, "source"}, {1224, "message"},
+        {1259, "statistics"}, {1377, "limit"},    {1378, "descending"}, {1493, "cache"},  {1624, "env"},
+        {1738, "reply"},      {1739, "row"},      {1740, "select"},     {1741, "field"},  {1742, "where"},
+        {1743, "sort"},       {1744, "row_set"},  {2222, "function"},   {2225, "eq"},     {2226, "ne"},
+        {2227, "gt"},         {2228, "ge"},       {2229, "lt"},         {2230, "le"},     {2231, "like"},
+        {2232, "between"},    {2233, "is_null"},  {2234, "in"},         {2235, "and"},    {2236, "or"},
+        {2237, "not"},        {2293, "distinct"}, {2301, "escape"},
     };
     for (const auto& row : table) {
         EXPECT_EQ(dictionary().find(row.name), row.id) << row.name;
@@ -50,7 +53,8 @@ TEST(Tags, UnknownNamesAreNotInternedByAsking) {
 }
 
 TEST(Tags, NumbersWithoutANameHaveNone) {
-    for (const QORTag id : {0U, 1U, 1008U, 2302U, 999999U, 4294967295U}) EXPECT_EQ(dictionary().name(id), "") << id;
+    for (const QORTag id : {0U, 1U, 1008U, 2302U, 999999U, 4294967295U})
+        EXPECT_EQ(dictionary().name(id), "") << id;
 }
 
 TEST(Tags, AnInternedNameKeepsItsNumber) {
@@ -62,12 +66,15 @@ TEST(Tags, AnInternedNameKeepsItsNumber) {
     EXPECT_NE(dictionary().intern("test.other"), id);
 }
 
-TEST(Tags, TheEmptyNameIsRefused) { EXPECT_THROW(dictionary().intern(""), QOR::QORException); }
+TEST(Tags, TheEmptyNameIsRefused) {
+    EXPECT_THROW(dictionary().intern(""), QOR::QORException);
+}
 
 TEST(Tags, ThreadsAgreeOnNumbers) {
     constexpr int names = 3000;
     std::vector<std::vector<QORTag>> numbers(4);
     std::vector<std::thread> threads;
+    threads.reserve(numbers.size());
     for (auto& mine : numbers) {
         threads.emplace_back([&mine] {
             for (int i = 0; i < names; ++i) {
@@ -76,8 +83,10 @@ TEST(Tags, ThreadsAgreeOnNumbers) {
             }
         });
     }
-    for (auto& thread : threads) thread.join();
-    for (const auto& mine : numbers) EXPECT_EQ(mine, numbers[0]);
+    for (auto& thread : threads)
+        thread.join();
+    for (const auto& mine : numbers)
+        EXPECT_EQ(mine, numbers[0]);
     EXPECT_EQ(std::set<QORTag>(numbers[0].begin(), numbers[0].end()).size(), static_cast<std::size_t>(names));
 }
 

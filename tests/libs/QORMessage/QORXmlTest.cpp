@@ -58,8 +58,8 @@ TEST(Xml, IsWrittenAndReadBack) {
 }
 
 TEST(Xml, WhatItCannotCarryIsBase64) {
-    for (const std::string& value : {std::string("\xFF"), std::string("a\0b", 3), std::string("\x1B[m"), std::string("\xEF\xBF\xBE"),
-                                     std::string("x\xEF\xBF\xBF")}) {
+    for (const std::string& value : {std::string("\xFF"), std::string("a\0b", 3), std::string("\x1B[m"),
+                                     std::string("\xEF\xBF\xBE"), std::string("x\xEF\xBF\xBF")}) {
         QORMessage message;
         message.root().putValue(value, tag::value);
         const std::string xml = xmlOf(message);
@@ -95,7 +95,8 @@ TEST(Xml, DeclarationAndIndentation) {
     EXPECT_EQ(xmlOf(message, options), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>" + xmlOf(message));
     options.indent = true;
     const std::string text =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<row_set>\n  <row>\n    <value>a\nb</value>\n    <value/>\n  </row>\n"
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<row_set>\n  <row>\n    <value>a\nb</value>\n    <value/>\n  "
+        "</row>\n"
         "  <row/>\n</row_set>\n";
     EXPECT_EQ(xmlOf(message, options), text);
     EXPECT_EQ(picture(fromXml(text)), picture(message));
@@ -130,7 +131,8 @@ TEST(Xml, ReadInOtherSpellings) {
         {"<value encoding=\"base64\"/>", "[1018,{\"base64\":\"\"}]"},
         {"\xEF\xBB\xBF<select/>", "[1740]"},
     };
-    for (const auto& c : cases) EXPECT_EQ(picture(fromXml(c.xml)), picture(treeOf(c.notation))) << c.xml;
+    for (const auto& c : cases)
+        EXPECT_EQ(picture(fromXml(c.xml)), picture(treeOf(c.notation))) << c.xml;
 }
 
 TEST(Xml, RefusedWithReasonAndPlace) {
@@ -214,7 +216,8 @@ TEST(Xml, LimitsAreNamed) {
     EXPECT_EQ(refusalBy(2, 3, 4, "<row><value>ab</value><value>cd</value></row>"), "accepted");
     EXPECT_EQ(refusalBy(2, 9, 9, "<row><row><row/></row></row>"),
               "invalid XML at byte 10: elements are nested deeper than 2 levels");
-    EXPECT_EQ(refusalBy(2, 3, 9, "<row><row/><row/><row/></row>"), "invalid XML at byte 17: there are more than 3 elements");
+    EXPECT_EQ(refusalBy(2, 3, 9, "<row><row/><row/><row/></row>"),
+              "invalid XML at byte 17: there are more than 3 elements");
     EXPECT_EQ(refusalBy(2, 9, 3, "<row><value>ab</value><value>cd</value></row>"),
               "invalid XML at byte 23: the values are larger than 3 bytes together");
 }

@@ -16,7 +16,7 @@ using QOR::test::notationOf;
 using QOR::test::picture;
 
 class RandomTree {
-   public:
+public:
     explicit RandomTree(unsigned seed) : m_random(seed) {}
 
     QORMessage make() {
@@ -25,9 +25,15 @@ class RandomTree {
         it.addChild(someTag());
         for (std::size_t steps = pick(200); steps > 0; --steps) {
             switch (pick(6)) {
-                case 0: it.addChild(someTag()); break;
-                case 1: it.putValue(someText(), someTag()); break;
-                case 2: it.putInt64(static_cast<std::int64_t>(m_random()), someTag()); break;
+                case 0:
+                    it.addChild(someTag());
+                    break;
+                case 1:
+                    it.putValue(someText(), someTag());
+                    break;
+                case 2:
+                    it.putInt64(static_cast<std::int64_t>(m_random()), someTag());
+                    break;
                 case 3: {
                     const std::string bytes = someBytes(pick(20));
                     it.putBinary(bytes.data(), bytes.size(), someTag());
@@ -44,7 +50,7 @@ class RandomTree {
         return message;
     }
 
-   private:
+private:
     std::size_t pick(std::size_t count) { return static_cast<std::size_t>(m_random()) % count; }
 
     QOR::QORTag someTag() {
@@ -54,17 +60,31 @@ class RandomTree {
 
     std::string someBytes(std::size_t size) {
         std::string bytes(size, '\0');
-        for (char& c : bytes) c = static_cast<char>(m_random());
+        for (char& c : bytes)
+            c = static_cast<char>(m_random());
         return bytes;
     }
 
     /// Well-formed UTF-8, so that the text stays a text.
     std::string someText() {
-        constexpr const char* pieces[] = {"a",    "web1", "\"",           "\\",         "/",
-                                          "\n",   "\r",   "\t",           "<&>",        "]]>",
-                                          "  ",   "\x7F", "M\xC3\xBCnchen", "\xE2\x82\xAC", "\xF0\x9F\x98\x80"};
+        constexpr const char* pieces[] = {"a",
+                                          "web1",
+                                          "\"",
+                                          "\\",
+                                          "/",
+                                          "\n",
+                                          "\r",
+                                          "\t",
+                                          "<&>",
+                                          "]]>",
+                                          "  ",
+                                          "\x7F",
+                                          "M\xC3\xBCnchen",
+                                          "\xE2\x82\xAC",
+                                          "\xF0\x9F\x98\x80"};
         std::string text;
-        for (std::size_t count = pick(12); count > 0; --count) text += pieces[pick(std::size(pieces))];
+        for (std::size_t count = pick(12); count > 0; --count)
+            text += pieces[pick(std::size(pieces))];
         if (pick(10) == 0) text += std::string(pick(3000), 'x');
         return text;
     }

@@ -35,7 +35,8 @@ inline std::string picture(const QORMessage& message) {
             node = node->firstChild;
             continue;
         }
-        while (node != nullptr && node->next == nullptr) node = node->parent;
+        while (node != nullptr && node->next == nullptr)
+            node = node->parent;
         if (node == nullptr) return out;
         node = node->next;
     }
