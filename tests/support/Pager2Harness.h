@@ -23,7 +23,7 @@ namespace QOR::testing {
 
 /// A folder of its own, removed with everything in it.
 class TemporaryFolder {
-   public:
+public:
     TemporaryFolder() {
         std::string name = (std::filesystem::temp_directory_path() / "qor-test-XXXXXX").string();
         if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
@@ -37,13 +37,13 @@ class TemporaryFolder {
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
     const std::filesystem::path& path() const noexcept { return m_path; }
 
-   private:
+private:
     std::filesystem::path m_path;
 };
 
 /// The engine's own connection, for setting a database up and for comparing with rows that the engine itself gives.
 class DirectDatabase {
-   public:
+public:
     explicit DirectDatabase(const std::filesystem::path& file) {
         if (sqlite3_open(file.c_str(), &m_database) != SQLITE_OK) throw std::runtime_error("sqlite3_open");
         sqlite3_busy_timeout(m_database, 5000);
@@ -79,7 +79,7 @@ class DirectDatabase {
         return result;
     }
 
-   private:
+private:
     sqlite3* m_database = nullptr;
 };
 
@@ -108,7 +108,7 @@ inline QORClientContextPtr restricted(const std::vector<QORLocalSID>& sids) {
 
 /// One client of "pager2".
 class Pager2Client {
-   public:
+public:
     Pager2Client() : m_factory(QOROpFactoryRegistry::instance().find("pager2")) {
         if (!m_factory) throw std::runtime_error("no factory of pager2");
         m_operator = m_factory->newOperator();
@@ -131,7 +131,7 @@ class Pager2Client {
         return text;
     }
 
-   private:
+private:
     QORPtr<QOROpFactory> m_factory;
     QORPtr<QOROperatorPrototype> m_operator;
     QORPtr<QORAccesserPrototype> m_accesser;

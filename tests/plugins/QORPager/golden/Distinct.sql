@@ -1,0 +1,1 @@
+SELECT DISTINCT "vPeople"."flag" FROM "vPeople"
