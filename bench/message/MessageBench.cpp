@@ -69,8 +69,8 @@ std::size_t rowsOf(const benchmark::State& state) {
 }
 
 void perNode(benchmark::State& state, std::size_t nodes) {
-    state.counters["ns/node"] = benchmark::Counter(
-        static_cast<double>(nodes) * 1e-9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["per_node"] = benchmark::Counter(
+        static_cast<double>(nodes), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void perByte(benchmark::State& state, std::size_t bytes) {
