@@ -1,0 +1,206 @@
+#include "QORPager/QORExpressionEvaluationValue.h"
+
+#include <memory>
+
+#include "QORPager/QORExpressionText.h"
+
+namespace QOR {
+namespace {
+
+using Owned = std::unique_ptr<TBaseValue>;
+
+/// Operands of an operation that their types do not support.
+TBaseValue* invalid(TBaseValue* left, TBaseValue* right = nullptr) {
+    const Owned ownedLeft(left);
+    const Owned ownedRight(right);
+    return new TBaseValue(TValueType::Invalid);
+}
+
+/// An operation of one class that changes the left operand: `change(left, right)` on the two objects.
+template <class Value, class Change>
+TBaseValue* changeLeft(Value* left, TBaseValue* right, Change change) {
+    if (right->type() != left->type()) return invalid(left, right);
+    const Owned ownedRight(right);
+    change(*left, Value::getValue(right));
+    return left;
+}
+
+/// An operation of one class whose result is a boolean: `test(left, right)` on the two fields.
+template <class Value, class Test>
+TBaseValue* testBoth(Value* left, TBaseValue* right, Test test) {
+    if (right->type() != left->type()) return invalid(left, right);
+    const Owned ownedLeft(left);
+    const Owned ownedRight(right);
+    return new TBooleanValue(test(Value::getValue(left), Value::getValue(right)));
+}
+
+template <class T>
+void replaceValue(TBaseValue*& operand, T* replacement) {
+    delete operand;
+    operand = replacement;
+}
+
+void fixToInteger(TBaseValue*& operand) {
+    if (operand->type() != TValueType::String) return;
+    if (const auto number = readWholeInteger(TStringValue::getValue(operand))) {
+        replaceValue(operand, new TIntegerValue(*number));
+    }
+}
+
+void fixToBoolean(TBaseValue*& operand) {
+    if (operand->type() == TValueType::Integer) {
+        replaceValue(operand, new TBooleanValue(TIntegerValue::getValue(operand) != 0));
+    } else if (operand->type() == TValueType::String) {
+        replaceValue(operand, new TBooleanValue(EqualityPolicy::countsAsTrue(TStringValue::getValue(operand))));
+    }
+}
+
+}  // namespace
+
+TBaseValue::~TBaseValue() = default;
+bool TBaseValue::setValueFromString(const std::string& /*text*/) { return true; }
+TBaseValue* TBaseValue::clone() const { return new TBaseValue(TValueType::Invalid); }
+TBaseValue* TBaseValue::opUnMinus() { return invalid(this); }
+TBaseValue* TBaseValue::opAdd(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opSub(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opMul(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opDiv(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opPow(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opNot() { return invalid(this); }
+TBaseValue* TBaseValue::opOr(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opAnd(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opGT(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opGE(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opLT(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opLE(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opEQ(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opNE(TBaseValue* right) { return invalid(this, right); }
+TBaseValue* TBaseValue::opLike(TBaseValue* right) { return invalid(this, right); }
+bool TBaseValue::isZero() const { return true; }
+
+TIntegerValue::~TIntegerValue() = default;
+
+bool TIntegerValue::setValueFromString(const std::string& text) {
+    m_value = readInteger(text);
+    return false;
+}
+
+TBaseValue* TIntegerValue::clone() const { return new TIntegerValue(m_value); }
+
+TBaseValue* TIntegerValue::opUnMinus() {
+    m_value = negateInteger(m_value);
+    return this;
+}
+
+TBaseValue* TIntegerValue::opAdd(TBaseValue* right) {
+    return changeLeft(this, right, [](auto& left, int b) { left.m_value = addIntegers(left.m_value, b); });
+}
+TBaseValue* TIntegerValue::opSub(TBaseValue* right) {
+    return changeLeft(this, right, [](auto& left, int b) { left.m_value = subtractIntegers(left.m_value, b); });
+}
+TBaseValue* TIntegerValue::opMul(TBaseValue* right) {
+    return changeLeft(this, right, [](auto& left, int b) { left.m_value = multiplyIntegers(left.m_value, b); });
+}
+TBaseValue* TIntegerValue::opDiv(TBaseValue* right) {
+    return changeLeft(this, right, [](auto& left, int b) { left.m_value = divideIntegers(left.m_value, b); });
+}
+TBaseValue* TIntegerValue::opPow(TBaseValue* right) {
+    return changeLeft(this, right, [](auto& left, int b) { left.m_value = powerIntegers(left.m_value, b); });
+}
+TBaseValue* TIntegerValue::opGT(TBaseValue* right) { return testBoth(this, right, std::greater<>()); }
+TBaseValue* TIntegerValue::opGE(TBaseValue* right) { return testBoth(this, right, std::greater_equal<>()); }
+TBaseValue* TIntegerValue::opLT(TBaseValue* right) { return testBoth(this, right, std::less<>()); }
+TBaseValue* TIntegerValue::opLE(TBaseValue* right) { return testBoth(this, right, std::less_equal<>()); }
+TBaseValue* TIntegerValue::opEQ(TBaseValue* right) { return testBoth(this, right, std::equal_to<>()); }
+TBaseValue* TIntegerValue::opNE(TBaseValue* right) { return testBoth(this, right, std::not_equal_to<>()); }
+bool TIntegerValue::isZero() const { return m_value == 0; }
+
+TStringValue::~TStringValue() = default;
+
+bool TStringValue::setValueFromString(const std::string& text) {
+    m_value = text;
+    return false;
+}
+
+TBaseValue* TStringValue::clone() const { return new TStringValue(m_value); }
+
+TBaseValue* TStringValue::opAdd(TBaseValue* right) {
+    return changeLeft(this, right, [](auto& left, const std::string& p) { left.m_value += p; });
+}
+TBaseValue* TStringValue::opGT(TBaseValue* right) { return testBoth(this, right, std::greater<>()); }
+TBaseValue* TStringValue::opGE(TBaseValue* right) { return testBoth(this, right, std::greater_equal<>()); }
+TBaseValue* TStringValue::opLT(TBaseValue* right) { return testBoth(this, right, std::less<>()); }
+TBaseValue* TStringValue::opLE(TBaseValue* right) { return testBoth(this, right, std::less_equal<>()); }
+TBaseValue* TStringValue::opEQ(TBaseValue* right) { return testBoth(this, right, std::equal_to<>()); }
+TBaseValue* TStringValue::opNE(TBaseValue* right) { return testBoth(this, right, std::not_equal_to<>()); }
+TBaseValue* TStringValue::opLike(TBaseValue* right) { return testBoth(this, right, matchLike); }
+
+TBaseValue* TStringValue::funcUpper() {
+    upperText(m_value.data(), m_value.data() + m_value.size());
+    return this;
+}
+
+TBaseValue* TStringValue::funcLower() {
+    lowerText(m_value.data(), m_value.data() + m_value.size());
+    return this;
+}
+
+TBooleanValue::~TBooleanValue() = default;
+
+bool TBooleanValue::isTrueText(std::string_view text) noexcept {
+    if (text == "1") return true;
+    constexpr std::string_view word = "true";
+    if (text.size() != word.size()) return false;
+    for (std::size_t i = 0; i < word.size(); ++i) {
+        if (toLowerChar(text[i]) != word[i]) return false;
+    }
+    return true;
+}
+
+bool TBooleanValue::setValueFromString(const std::string& text) {
+    m_value = isTrueText(text);
+    return false;
+}
+
+TBaseValue* TBooleanValue::clone() const { return new TBooleanValue(m_value); }
+
+TBaseValue* TBooleanValue::opNot() {
+    m_value = !m_value;
+    return this;
+}
+
+TBaseValue* TBooleanValue::opOr(TBaseValue* right) {
+    return changeLeft(this, right, [](auto& left, bool w) { left.m_value = left.m_value || w; });
+}
+TBaseValue* TBooleanValue::opAnd(TBaseValue* right) {
+    return changeLeft(this, right, [](auto& left, bool w) { left.m_value = left.m_value && w; });
+}
+TBaseValue* TBooleanValue::opEQ(TBaseValue* right) { return testBoth(this, right, std::equal_to<>()); }
+TBaseValue* TBooleanValue::opNE(TBaseValue* right) { return testBoth(this, right, std::not_equal_to<>()); }
+
+bool DefaultComparisonPolicy::isAllowedOperandType(TValueType type) noexcept {
+    return type == TValueType::String || type == TValueType::Integer;
+}
+
+void DefaultComparisonPolicy::fixOperandTypes(TBaseValue*& left, TBaseValue*& right) {
+    if (left->type() == TValueType::Integer) {
+        fixToInteger(right);
+    } else if (right->type() == TValueType::Integer) {
+        fixToInteger(left);
+    }
+}
+
+bool EqualityPolicy::isAllowedOperandType(TValueType type) noexcept {
+    return DefaultComparisonPolicy::isAllowedOperandType(type) || type == TValueType::Boolean;
+}
+
+void EqualityPolicy::fixOperandTypes(TBaseValue*& left, TBaseValue*& right) {
+    DefaultComparisonPolicy::fixOperandTypes(left, right);
+    if (left->type() == TValueType::Boolean) {
+        fixToBoolean(right);
+    } else if (right->type() == TValueType::Boolean) {
+        fixToBoolean(left);
+    }
+}
+
+}  // namespace QOR

@@ -1,0 +1,131 @@
+#include "QORPager/QORExpressionTables.h"
+
+#include <algorithm>
+#include <array>
+
+#include "QORPager/QORExpressionEvaluation.h"
+#include "QORPager/QORExpressionText.h"
+
+namespace QOR {
+namespace {
+
+using E = TExpressionEvaluation;
+
+constexpr std::array<TOperatorRow, 22> m_mapOperators{{
+    // text        class       type              priority       unary  method                        arity
+    {"(", {tcBracket, ttLeftBracket, tpLeftBracket, true, nullptr, 0}},
+    {")", {tcBracket, ttRightBracket, tpRightBracket, false, nullptr, 0}},
+    {",", {tcBracket, ttComma, tpComma, true, nullptr, 0}},
+    {"or", {tcOperator, ttOr, tpOr, true, &E::operatorOr, 2}},
+    {"and", {tcOperator, ttAnd, tpAnd, true, &E::operatorAnd, 2}},
+    {"not", {tcOperator, ttNot, tpNot, true, &E::operatorNot, 1}},
+    {">", {tcOperator, ttGreater, tpComparison, true, &E::operatorGreater, 2}},
+    {">=", {tcOperator, ttGreaterOrEqual, tpComparison, true, &E::operatorGreaterOrEqual, 2}},
+    {"<", {tcOperator, ttLower, tpComparison, true, &E::operatorLower, 2}},
+    {"<=", {tcOperator, ttLowerOrEqual, tpComparison, true, &E::operatorLowerOrEqual, 2}},
+    {"=", {tcOperator, ttEqual, tpComparison, true, &E::operatorEqual, 2}},
+    {"<>", {tcOperator, ttNotEqual, tpComparison, true, &E::operatorNotEqual, 2}},
+    {"!=", {tcOperator, ttNotEqual, tpComparison, true, &E::operatorNotEqual, 2}},
+    {"like", {tcOperator, ttLike, tpComparison, true, &E::operatorLike, 2}},
+    {"+", {tcOperator, ttAdd, tpSum, false, &E::operatorAdd, 2}},
+    {"-", {tcOperator, ttSub, tpSum, false, &E::operatorSub, 2}},
+    {"*", {tcOperator, ttMul, tpProduct, false, &E::operatorMul, 2}},
+    {"/", {tcOperator, ttDiv, tpProduct, false, &E::operatorDiv, 2}},
+    {"-u", {tcOperator, ttUnaryMinus, tpPrefix, false, &E::operatorUnaryMinus, 1}},
+    {"in", {tcOperator, ttIn, tpPrefix, false, &E::operatorIn, 2}},
+    {"unit", {tcOperator, ttUnit, tpPrefix, false, nullptr, 0}},
+    {"recursive", {tcOperator, ttRecursive, tpPrefix, false, nullptr, 0}},
+}};
+
+constexpr std::array<TFunctionRow, 2> m_mapFunctions{{
+    {"upper", {"functionUpper", &E::functionUpper, 1}},
+    {"lower", {"functionLower", &E::functionLower, 1}},
+}};
+
+/// Indexed by code; an empty text is a code without a message.
+constexpr std::array<std::string_view, etPowerBaseIsZero + 1> mapErrors{
+    "No errors",
+    "Parse error",
+    "Empty expression",
+    "Unknown symbol",
+    "Undeclared identifier",
+    "Unknown function",
+    "Unexpected left bracket",
+    "Unexpected right bracket",
+    "Unexpected comma",
+    "Function arguments mismatch",
+    "Operator or function expected",
+    "Unterminated string constant",
+    "Evaluation error",
+    "",
+    "Invalid type",
+    "Division by zero",
+    "Power base is zero",
+};
+
+static_assert(mapErrors[etEvaluation] == "Evaluation error" && mapErrors[etInvalidType] == "Invalid type");
+
+constexpr bool everyTypeHasAnOperator() {
+    for (int type = ttLeftBracket; type <= ttRecursive; ++type) {
+        const bool found = std::any_of(m_mapOperators.begin(), m_mapOperators.end(),
+                                       [type](const TOperatorRow& row) { return row.entry.type == type; });
+        if (!found) return false;
+    }
+    return true;
+}
+static_assert(everyTypeHasAnOperator());
+
+constexpr bool operandsGoWithMethods() {
+    return std::all_of(m_mapOperators.begin(), m_mapOperators.end(), [](const TOperatorRow& row) {
+        return (row.entry.method != nullptr) == (row.entry.arity > 0);
+    });
+}
+static_assert(operandsGoWithMethods());
+
+/// Operands by token type.
+constexpr auto arities = [] {
+    std::array<int, ttNone + 1> byType{};
+    for (const TOperatorRow& row : m_mapOperators) byType[static_cast<std::size_t>(row.entry.type)] = row.entry.arity;
+    return byType;
+}();
+
+constexpr std::size_t longestOperator = 9;
+static_assert(std::all_of(m_mapOperators.begin(), m_mapOperators.end(),
+                          [](const TOperatorRow& row) { return row.text.size() <= longestOperator; }));
+
+template <class Rows>
+auto findRow(const Rows& rows, std::string_view text) noexcept {
+    return std::find_if(rows.begin(), rows.end(), [text](const auto& row) { return row.text == text; });
+}
+
+}  // namespace
+
+std::span<const TOperatorRow> operatorRows() noexcept { return m_mapOperators; }
+std::span<const TFunctionRow> functionRows() noexcept { return m_mapFunctions; }
+
+const TOperatorTokenFromName* findOperator(std::string_view text) noexcept {
+    // Most names of a filter are field names, which are longer than any operator.
+    if (text.size() > longestOperator) return nullptr;
+    const auto* const row = findRow(m_mapOperators, text);
+    return row == m_mapOperators.end() ? nullptr : &row->entry;
+}
+
+const TFunctionInfo* findFunction(std::string_view text) noexcept {
+    const auto* const row = findRow(m_mapFunctions, text);
+    return row == m_mapFunctions.end() ? nullptr : &row->info;
+}
+
+int arityOf(const TToken& token) noexcept {
+    if (token.tokenClass != tcOperator) return 0;
+    if (token.type == ttFunction) return findFunction(toLowerText(token.text))->argumentCount;
+    const int arity = arities[static_cast<std::size_t>(token.type)];
+    return arity == 0 ? -1 : arity;
+}
+
+std::string_view errorMessage(TErrorType code) noexcept {
+    const auto index = static_cast<std::size_t>(code);
+    if (index >= mapErrors.size() || mapErrors[index].empty()) return "Unsupported error code";
+    return mapErrors[index];
+}
+
+}  // namespace QOR

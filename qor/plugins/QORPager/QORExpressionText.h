@@ -1,0 +1,59 @@
+/// \file
+/// What the filter language does with bytes: character classes, case, numbers in texts, patterns, and arithmetic.
+/// The value classes and the compiled programs share these, so that there is one definition of each.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace QOR {
+
+/// Character classes of the POSIX locale, whatever the process's locale is; bytes above 127 are in none of them.
+constexpr bool isSpaceChar(char ch) noexcept { return ch == ' ' || (ch >= '\t' && ch <= '\r'); }
+constexpr bool isDigitChar(char ch) noexcept { return ch >= '0' && ch <= '9'; }
+constexpr bool isUpperChar(char ch) noexcept { return ch >= 'A' && ch <= 'Z'; }
+constexpr bool isLowerChar(char ch) noexcept { return ch >= 'a' && ch <= 'z'; }
+constexpr bool isAlphaChar(char ch) noexcept { return isUpperChar(ch) || isLowerChar(ch); }
+constexpr char toLowerChar(char ch) noexcept { return isUpperChar(ch) ? static_cast<char>(ch + ('a' - 'A')) : ch; }
+constexpr char toUpperChar(char ch) noexcept { return isLowerChar(ch) ? static_cast<char>(ch - ('a' - 'A')) : ch; }
+
+void lowerText(char* begin, char* end) noexcept;
+void upperText(char* begin, char* end) noexcept;
+std::string toLowerText(std::string_view text);
+
+/// The C library's atoi, defined for every text: leading white space, a sign and digits are read, what follows is
+/// ignored, no digits are 0; beyond 64 bits the number saturates, then its low 32 bits are taken.
+std::int32_t readInteger(std::string_view text) noexcept;
+
+/// The same number when nothing follows it, or when the text is empty (0); otherwise nothing.
+std::optional<std::int32_t> readWholeInteger(std::string_view text) noexcept;
+
+/// Whether the subject matches the pattern, in which "%" is a wildcard as the last or the first character and nowhere
+/// else. Case-sensitive. An empty pattern matches nothing, "%" and "%%" match everything.
+/// \throws std::out_of_range when the pattern has a leading wildcard only and the rest of it is longer than the subject
+bool matchLike(std::string_view subject, std::string_view pattern);
+
+/// Integer arithmetic of 32 bits in two's complement: it wraps and never traps. divideIntegers truncates toward zero;
+/// its divisor is not 0.
+constexpr std::int32_t wrapInteger(std::uint32_t bits) noexcept { return static_cast<std::int32_t>(bits); }
+constexpr std::int32_t negateInteger(std::int32_t a) noexcept { return wrapInteger(0U - static_cast<std::uint32_t>(a)); }
+constexpr std::int32_t addIntegers(std::int32_t a, std::int32_t b) noexcept {
+    return wrapInteger(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
+}
+constexpr std::int32_t subtractIntegers(std::int32_t a, std::int32_t b) noexcept {
+    return wrapInteger(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
+}
+constexpr std::int32_t multiplyIntegers(std::int32_t a, std::int32_t b) noexcept {
+    return wrapInteger(static_cast<std::uint32_t>(a) * static_cast<std::uint32_t>(b));
+}
+constexpr std::int32_t divideIntegers(std::int32_t a, std::int32_t b) noexcept {
+    return b == -1 ? negateInteger(a) : a / b;
+}
+
+/// a to the b-th power by repeated squaring in single precision, truncated toward zero; what does not fit is
+/// -2147483648. Results above 2^24 lose precision on purpose.
+std::int32_t powerIntegers(std::int32_t a, std::int32_t b) noexcept;
+
+}  // namespace QOR
