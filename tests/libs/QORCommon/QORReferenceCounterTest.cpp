@@ -33,7 +33,8 @@ TEST(ReferenceCounter, ThreadsMayShareAnObject) {
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([shared] {
                 for (int n = 0; n < 10000; ++n)
-                    const auto copy = shared;
+                    QOR::QORPtr<Counted> copy;
+                copy = shared;
             });
         }
         for (auto& thread : threads)
