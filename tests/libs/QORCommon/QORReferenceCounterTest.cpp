@@ -32,9 +32,10 @@ TEST(ReferenceCounter, ThreadsMayShareAnObject) {
         threads.reserve(4);
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([shared] {
-                for (int n = 0; n < 10000; ++n)
+                for (int n = 0; n < 10000; ++n) {
                     QOR::QORPtr<Counted> copy;
-                copy = shared;
+                    copy = shared;
+                }
             });
         }
         for (auto& thread : threads)
