@@ -32,7 +32,7 @@ class HttpConnection;
 
 /// What a connection needs of its server. Called on the server's own thread, except workers() from any.
 class HttpConnectionOwner {
-   public:
+public:
     virtual const HttpServerOptions& options() const = 0;
     virtual HttpApplication& application() = 0;
     virtual net::thread_pool& workers() = 0;
@@ -42,14 +42,14 @@ class HttpConnectionOwner {
     virtual void requestEnded() = 0;
     virtual void connectionClosed(HttpConnection& connection) = 0;
 
-   protected:
+protected:
     ~HttpConnectionOwner() = default;
 };
 
 /// Reads a request, has a worker answer it, writes the reply, and begins again. Everything but the answering happens
 /// on the server's thread. Lives as long as an operation of it is under way.
 class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
-   public:
+public:
     using Socket = net::local::stream_protocol::socket;
 
     HttpConnection(Socket socket, HttpConnectionOwner& owner)
@@ -69,7 +69,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
         m_owner.connectionClosed(*this);
     }
 
-   private:
+private:
     using Stream = beast::basic_stream<net::local::stream_protocol>;
     using Parser = http::request_parser<http::string_body>;
     using Response = http::response<http::string_body>;
@@ -300,9 +300,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     /// The handler's end may take its time too: operators are told that their client has gone.
     void dropHandler() {
         if (!m_handler) return;
-        net::post(m_owner.workers(), [handler = std::shared_ptr<HttpClientHandler>(std::move(m_handler))]() mutable {
-            handler.reset();
-        });
+        net::post(m_owner.workers(),
+                  [handler = std::shared_ptr<HttpClientHandler>(std::move(m_handler))]() mutable { handler.reset(); });
     }
 
     HttpConnectionOwner& m_owner;

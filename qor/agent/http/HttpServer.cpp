@@ -24,7 +24,7 @@ HttpClientHandler::~HttpClientHandler() = default;
 HttpApplication::~HttpApplication() = default;
 
 class HttpServer::Impl final : public HttpConnectionOwner {
-   public:
+public:
     Impl(const HttpServerOptions& options, HttpApplication& application)
         : m_options(options),
           m_application(application),
@@ -72,7 +72,7 @@ class HttpServer::Impl final : public HttpConnectionOwner {
         if (std::exchange(m_acceptPaused, false) && !m_stopping) accept();
     }
 
-   private:
+private:
     void accept() {
         m_acceptor.async_accept([this](beast::error_code error, HttpConnection::Socket socket) {
             if (m_stopping) return;
@@ -120,7 +120,8 @@ class HttpServer::Impl final : public HttpConnectionOwner {
         // Not from within the connection that has just ended its request.
         net::post(m_io, [this] {
             m_graceTimer.cancel();
-            while (!m_connections.empty()) (*m_connections.begin())->close();
+            while (!m_connections.empty())
+                (*m_connections.begin())->close();
             m_work.reset();
         });
     }
@@ -156,10 +157,16 @@ HttpServer::HttpServer(const HttpServerOptions& options, HttpApplication& applic
 
 HttpServer::~HttpServer() = default;
 
-bool HttpServer::run() { return m_impl->run(); }
+bool HttpServer::run() {
+    return m_impl->run();
+}
 
-void HttpServer::stop() { m_impl->stop(); }
+void HttpServer::stop() {
+    m_impl->stop();
+}
 
-std::size_t HttpServer::connections() const noexcept { return m_impl->connections(); }
+std::size_t HttpServer::connections() const noexcept {
+    return m_impl->connections();
+}
 
 }  // namespace QOR

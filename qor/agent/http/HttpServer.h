@@ -13,11 +13,11 @@ namespace QOR {
 
 struct HttpServerOptions {
     std::filesystem::path socketPath;
-    std::size_t threads = 16;                                   ///< requests that are answered at once
-    std::size_t bodyLimit = std::size_t{64} << 20;              ///< bytes of a request's body
-    std::size_t headerLimit = std::size_t{16} << 10;            ///< bytes of a request's line and headers
-    std::size_t maxConnections = 1024;                          ///< more wait in the system's queue
-    std::chrono::milliseconds idleTimeout = std::chrono::hours(1);      ///< between requests
+    std::size_t threads = 16;                                            ///< requests that are answered at once
+    std::size_t bodyLimit = std::size_t{64} << 20;                       ///< bytes of a request's body
+    std::size_t headerLimit = std::size_t{16} << 10;                     ///< bytes of a request's line and headers
+    std::size_t maxConnections = 1024;                                   ///< more wait in the system's queue
+    std::chrono::milliseconds idleTimeout = std::chrono::hours(1);       ///< between requests
     std::chrono::milliseconds headerTimeout = std::chrono::seconds(30);  ///< from a request's first byte to its body
     std::chrono::milliseconds bodyTimeout = std::chrono::seconds(30);    ///< without a byte of the body arriving
     std::chrono::milliseconds writeTimeout = std::chrono::seconds(60);   ///< without a byte of the reply taken
@@ -28,7 +28,7 @@ struct HttpServerOptions {
 /// threads, so a slow request holds up neither other clients nor the acceptance of new ones. The requests of one
 /// connection are answered one after the other, in order, whether the client waits for the answers or not.
 class HttpServer {
-   public:
+public:
     /// Takes the socket; clients may connect from now on and are served by run().
     /// \param application must outlive the server
     /// \throws QORException errFailure when the socket cannot be had
@@ -49,7 +49,7 @@ class HttpServer {
     /// Open connections. Any thread.
     std::size_t connections() const noexcept;
 
-   private:
+private:
     class Impl;
     std::unique_ptr<Impl> m_impl;
 };

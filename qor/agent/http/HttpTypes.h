@@ -38,25 +38,25 @@ struct HttpReply {
 /// The application's side of one connection. Made when the connection is accepted and destroyed when it has closed;
 /// both, and every call, happen on worker threads, one at a time.
 class HttpClientHandler {
-   public:
+public:
     virtual ~HttpClientHandler();
     /// Answers a request; may take its time. What it throws becomes a reply 500.
     virtual HttpReply handle(const HttpRequest& request) = 0;
 
-   protected:
+protected:
     HttpClientHandler() = default;
 };
 
 /// What a server serves. Thread-safe.
 class HttpApplication {
-   public:
+public:
     virtual ~HttpApplication();
     /// \param peer empty when the system does not tell who it is
     virtual std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) = 0;
     /// The body of a reply that the server itself gives (an error of the protocol, a refusal).
     virtual std::string errorBody(unsigned status, std::string_view message) = 0;
 
-   protected:
+protected:
     HttpApplication() = default;
 };
 

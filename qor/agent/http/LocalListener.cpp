@@ -23,7 +23,7 @@ constexpr mode_t socketMode = 0660;
 constexpr mode_t lockMode = 0600;
 
 class FileDescriptor {
-   public:
+public:
     explicit FileDescriptor(int fd) noexcept : m_fd(fd) {}
     ~FileDescriptor() {
         if (m_fd >= 0) ::close(m_fd);
@@ -33,7 +33,7 @@ class FileDescriptor {
     int get() const noexcept { return m_fd; }
     int release() noexcept { return std::exchange(m_fd, -1); }
 
-   private:
+private:
     int m_fd;
 };
 
@@ -84,7 +84,9 @@ LocalListener::~LocalListener() {
     if (m_lock >= 0) ::close(m_lock);
 }
 
-int LocalListener::releaseSocket() noexcept { return std::exchange(m_socket, -1); }
+int LocalListener::releaseSocket() noexcept {
+    return std::exchange(m_socket, -1);
+}
 
 void LocalListener::fail(const char* what, int error) const {
     throw QORException(errFailure, "cannot listen at " + m_path.string() + ": " + what + ": " + std::strerror(error),

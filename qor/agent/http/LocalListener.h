@@ -13,7 +13,7 @@ namespace QOR {
 /// behind: the latter is replaced, the former never. A missing parent folder is made, with mode 0755. Both names are
 /// removed at the end. Not thread-safe.
 class LocalListener {
-   public:
+public:
     /// \throws QORException errFailure naming the path and the reason
     explicit LocalListener(const std::filesystem::path& path);
     ~LocalListener();
@@ -26,7 +26,7 @@ class LocalListener {
     /// Removes the names now, unless somebody else has put another socket there.
     void removeNames() noexcept;
 
-   private:
+private:
     void takeLock();
     void clearStaleSocket() const;
     void bindAndListen();

@@ -26,9 +26,13 @@ QORClientContextPtr makeContext(bool fullAccess, std::shared_ptr<const QORToken>
 
 }  // namespace
 
-QORClientContextPtr fullAccessContext() { return makeContext(true, std::make_shared<QORToken>()); }
+QORClientContextPtr fullAccessContext() {
+    return makeContext(true, std::make_shared<QORToken>());
+}
 
-QORClientContextPtr noAccessContext() { return makeContext(false, std::make_shared<QORToken>()); }
+QORClientContextPtr noAccessContext() {
+    return makeContext(false, std::make_shared<QORToken>());
+}
 
 QORClientContextPtr contextOf(const QORClientDescription& client) {
     QORSIDPtr own;
@@ -46,7 +50,9 @@ QORClientContextPtr contextOf(const QORClientDescription& client) {
 
 QORClientSession::QORClientSession(QORClientContextPtr own) : m_own(std::move(own)) {}
 
-QORClientSession::~QORClientSession() { disconnect(); }
+QORClientSession::~QORClientSession() {
+    disconnect();
+}
 
 QORClientContextPtr QORClientSession::contextFor(const std::optional<QORClientDescription>& client) const {
     if (!client) return m_own;

@@ -29,7 +29,7 @@ QORClientContextPtr contextOf(const QORClientDescription& client);
 /// identity they run as; those for different operators may run at once. Thread-safe. Must be gone before the plug-ins
 /// are unloaded.
 class QORClientSession {
-   public:
+public:
     /// \param own what the client itself may see; with full access it may also have requests run as another client
     explicit QORClientSession(QORClientContextPtr own);
     /// Disconnects.
@@ -58,7 +58,7 @@ class QORClientSession {
     /// fail. Calling it again does nothing.
     void disconnect() noexcept;
 
-   private:
+private:
     QORPtr<QORAccesserPrototype> accesserOf(const std::string& operatorName);
 
     const QORClientContextPtr m_own;

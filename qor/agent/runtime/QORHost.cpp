@@ -17,7 +17,9 @@ std::vector<QORPrimingRequest> primingRequests() {
 
 }  // namespace
 
-void QORHost::prepareProcess() { QORRdbms::prepareProcess(); }
+void QORHost::prepareProcess() {
+    QORRdbms::prepareProcess();
+}
 
 QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
     if (m_options.plugInDirectory.empty()) m_options.plugInDirectory = defaultPlugInDirectory();

@@ -31,7 +31,7 @@ struct QORHostOptions {
 
 /// The host in a process; at most one at a time. All sessions must be gone before it is.
 class QORHost {
-   public:
+public:
     /// Must be the first thing that a process does: settles what can be set only before the database's first use.
     static void prepareProcess();
 
@@ -51,7 +51,7 @@ class QORHost {
     const std::vector<QORPlugInLoader::Refusal>& refusedPlugIns() const noexcept { return m_refused; }
     const QORHostOptions& options() const noexcept { return m_options; }
 
-   private:
+private:
     QORHostOptions m_options;
     QORPlugInLoader m_plugIns;
     std::vector<QORPlugInLoader::Refusal> m_refused;

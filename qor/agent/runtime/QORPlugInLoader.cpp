@@ -21,7 +21,7 @@ using EntryPoint = int (*)();
 
 /// A mapped library, unmapped unless it is kept.
 class Library {
-   public:
+public:
     explicit Library(const std::filesystem::path& file) : m_file(file) {
         m_handle = ::dlopen(std::filesystem::absolute(file).c_str(), RTLD_NOW | RTLD_LOCAL);
         if (m_handle == nullptr) refuse(lastError());
@@ -43,7 +43,7 @@ class Library {
     void* handle() const noexcept { return m_handle; }
     void* keep() noexcept { return std::exchange(m_handle, nullptr); }
 
-   private:
+private:
     static std::string lastError() {
         const char* const text = ::dlerror();
         return text == nullptr ? "no reason given" : text;
@@ -110,7 +110,9 @@ std::vector<std::filesystem::path> plugInFiles(const std::filesystem::path& dire
 
 }  // namespace
 
-QORPlugInLoader::~QORPlugInLoader() { unloadAll(); }
+QORPlugInLoader::~QORPlugInLoader() {
+    unloadAll();
+}
 
 void QORPlugInLoader::load(const std::filesystem::path& file) {
     const std::vector<std::string> before = QOROpFactoryRegistry::instance().names();

@@ -13,7 +13,7 @@ namespace QOR {
 /// sessions that hold them) may outlive its unloading. Not thread-safe: load before the first request, unload after
 /// the last.
 class QORPlugInLoader {
-   public:
+public:
     QORPlugInLoader() = default;
     ~QORPlugInLoader();
     QORPlugInLoader(const QORPlugInLoader&) = delete;
@@ -46,7 +46,7 @@ class QORPlugInLoader {
 
     const std::vector<PlugIn>& plugIns() const noexcept { return m_plugIns; }
 
-   private:
+private:
     std::vector<PlugIn> m_plugIns;
 };
 

@@ -31,8 +31,12 @@ QORPriming::QORPriming(QORPrimingRequest request) : m_request(std::move(request)
 
 QORPriming::~QORPriming() = default;
 
+bool QORPriming::isSettled() const {
+    return isDone() || !QOROpFactoryRegistry::instance().find(m_request.operatorName);
+}
+
 std::optional<QORPriming::Error> QORPriming::ensure() {
-    if (isDone() || !QOROpFactoryRegistry::instance().find(m_request.operatorName)) return std::nullopt;
+    if (isSettled()) return std::nullopt;
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_running) {
         m_ended.wait(lock, [this, seen = m_attempts] { return m_attempts != seen; });

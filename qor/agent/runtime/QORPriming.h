@@ -28,13 +28,15 @@ struct QORPrimingRequest {
 
 /// The priming of one operator. Thread-safe.
 class QORPriming {
-   public:
+public:
     /// \throws QORException 400 when the body cannot be read
     explicit QORPriming(QORPrimingRequest request);
     ~QORPriming();
 
     const QORPrimingRequest& request() const noexcept { return m_request; }
     bool isDone() const noexcept { return m_done.load(std::memory_order_acquire); }
+    /// Done, or without an operator to ask.
+    bool isSettled() const;
 
     using Error = QORResponse::Error;
     /// Makes sure that the request has been answered, asking when it has not. Callers that come while it is being
@@ -42,7 +44,7 @@ class QORPriming {
     /// and when there is no such operator
     std::optional<Error> ensure();
 
-   private:
+private:
     std::optional<Error> attempt();
     std::optional<Error> ask();
 

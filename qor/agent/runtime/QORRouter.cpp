@@ -25,7 +25,8 @@ constexpr const char* outOfMemory = R"({"response":[],"error":{"code":1,"message
 }  // namespace
 
 QORRouter::QORRouter(std::vector<QORPrimingRequest> priming, const QORMessageLimits& limits) : m_limits(limits) {
-    for (QORPrimingRequest& request : priming) m_priming.push_back(std::make_unique<QORPriming>(std::move(request)));
+    for (QORPrimingRequest& request : priming)
+        m_priming.push_back(std::make_unique<QORPriming>(std::move(request)));
 }
 
 QORRouter::~QORRouter() = default;
@@ -67,7 +68,9 @@ void QORRouter::run(QORClientSession& session, QORRequestEnvelope& request, std:
         in.firstChild();
         QORBinaryIterator response = message.root();
         switch (session.run(identity, request.operatorName, request.requestName, in, response)) {
-            case QORClientSession::Outcome::Done: writeResponse(message, out); return;
+            case QORClientSession::Outcome::Done:
+                writeResponse(message, out);
+                return;
             case QORClientSession::Outcome::UnknownOperator:
                 throw QORException(errBadRequest, "unknown operator " + quoteText(request.operatorName));
             case QORClientSession::Outcome::UnknownRequest:
@@ -87,7 +90,7 @@ std::vector<std::string> QORRouter::prime() {
 }
 
 bool QORRouter::isPrimed() const {
-    return std::all_of(m_priming.begin(), m_priming.end(), [](const auto& priming) { return priming->isDone(); });
+    return std::all_of(m_priming.begin(), m_priming.end(), [](const auto& priming) { return priming->isSettled(); });
 }
 
 }  // namespace QOR

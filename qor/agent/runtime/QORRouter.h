@@ -16,7 +16,7 @@ class QORClientSession;
 
 /// Reads requests, finds the operator, runs them and writes the answers. Thread-safe.
 class QORRouter {
-   public:
+public:
     /// \param priming what operators must be asked before clients may
     explicit QORRouter(std::vector<QORPrimingRequest> priming = {}, const QORMessageLimits& limits = {});
     ~QORRouter();
@@ -36,7 +36,7 @@ class QORRouter {
     /// True when every operator that is there has been primed.
     bool isPrimed() const;
 
-   private:
+private:
     Answer answerOrThrow(QORClientSession& session, std::string_view json);
     void run(QORClientSession& session, QORRequestEnvelope& request, std::string& out);
 

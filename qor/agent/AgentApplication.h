@@ -1,0 +1,54 @@
+/// \file
+/// What the agent answers over HTTP.
+///
+/// | request                | who           | answer                                                              |
+/// |------------------------|---------------|---------------------------------------------------------------------|
+/// | POST /v1/messages      | anybody       | the answer to one request in message notation; an operator's errors |
+/// |                        |               | are part of it (200), a body that is no request is 400              |
+/// | POST /v1/records       | full access   | NDJSON records taken in: counts and the refused lines               |
+/// | POST /v1/collect       | full access   | the collectors run now: counts                                      |
+/// | GET /v1/views          | anybody       | the database's views and their columns                              |
+/// | GET /v1/health         | anybody       | what the agent is made of and how it does                           |
+///
+/// Anything else is 404 or 405. Every error body is an answer in message notation without elements, whose code is the
+/// HTTP status where the error is HTTP's.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "agent/http/HttpTypes.h"
+
+namespace QOR {
+
+class QORHost;
+
+/// The identity of a connection is decided once, by who the system says is at its other end: root and the agent's own
+/// user have full access; anybody else, and a peer of whom the system says nothing, has none and stands for no
+/// environment. One connection is one client: it has its own operator objects for as long as it lasts. Thread-safe.
+class AgentApplication final : public HttpApplication {
+public:
+    /// \param host must outlive the application
+    explicit AgentApplication(QORHost& host);
+    ~AgentApplication() override;
+
+    /// Where the number of open connections comes from, for /v1/health. Before the first connection.
+    void setConnectionCounter(std::function<std::size_t()> counter) { m_connections = std::move(counter); }
+
+    std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) override;
+    std::string errorBody(unsigned status, std::string_view message) override;
+
+    std::string healthText() const;
+
+private:
+    QORHost& m_host;
+    std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };
+    const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
+};
+
+}  // namespace QOR
