@@ -1,0 +1,472 @@
+#include "agent/http/HttpServer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/HttpClient.h"
+#include "support/TemporaryDirectory.h"
+
+namespace QOR {
+namespace {
+
+using namespace std::chrono_literals;
+using test::HttpAnswer;
+using test::HttpClient;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/// Opens once, for everybody who waits.
+class Gate {
+public:
+    void open() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_open = true;
+        m_changed.notify_all();
+    }
+    void pass() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_waiting;
+        m_changed.notify_all();
+        m_changed.wait(lock, [this] { return m_open; });
+        --m_waiting;
+    }
+    /// Until that many wait.
+    void awaitWaiting(int number) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [&] { return m_waiting >= number; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_open = false;
+    int m_waiting = 0;
+};
+
+/// Echoes bodies; some paths do more.
+class EchoApplication final : public HttpApplication {
+public:
+    std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) override {
+        if (peer) lastUid = peer->uid;
+        ++connected;
+        return std::make_unique<Handler>(*this);
+    }
+    std::string errorBody(unsigned status, std::string_view message) override {
+        return "{\"status\":" + std::to_string(status) + ",\"message\":\"" + std::string(message) + "\"}";
+    }
+
+    Gate gate;
+    std::atomic<int> connected{0};
+    std::atomic<int> gone{0};
+    std::atomic<uid_t> lastUid{static_cast<uid_t>(-1)};
+
+private:
+    class Handler final : public HttpClientHandler {
+    public:
+        explicit Handler(EchoApplication& application) : m_application(application) {}
+        ~Handler() override { ++m_application.gone; }
+        HttpReply handle(const HttpRequest& request) override {
+            ++m_requests;
+            if (request.path == "/wait") m_application.gate.pass();
+            if (request.path == "/throw") throw std::runtime_error("thrown");
+            if (request.path == "/big") return {200, std::string(std::stoul(std::string(request.body)), 'b')};
+            if (request.path == "/number") return {200, std::to_string(m_requests)};
+            if (request.path == "/teapot") return {418, "{}", "text/plain", "POST"};
+            return {200, std::string(request.method) + " " + std::string(request.path) + " " +
+                             std::string(request.query) + " " + std::string(request.body)};
+        }
+
+    private:
+        EchoApplication& m_application;
+        int m_requests = 0;
+    };
+};
+
+class HttpServerTest : public testing::Test {
+protected:
+    HttpServerTest() { options.socketPath = directory / "http.sock"; }
+    ~HttpServerTest() override {
+        application.gate.open();
+        if (server) stop();
+    }
+
+    void start() {
+        server = std::make_unique<HttpServer>(options, application);
+        result = std::async(std::launch::async, [this] { return server->run(); });
+    }
+    bool stop() {
+        server->stop();
+        const bool answered = result.get();
+        server.reset();
+        return answered;
+    }
+    HttpClient connect() const { return HttpClient(options.socketPath.string()); }
+
+    test::TemporaryDirectory directory;
+    HttpServerOptions options;
+    EchoApplication application;
+    std::unique_ptr<HttpServer> server;
+    std::future<bool> result;
+};
+
+TEST_F(HttpServerTest, AnswersWithTheApplicationsReply) {
+    start();
+    HttpClient client = connect();
+    EXPECT_EQ(client.request("PUT", "/path/x?a=b&c", "body").body, "PUT /path/x a=b&c body");
+    const HttpAnswer answer = client.get("/teapot");
+    EXPECT_EQ(answer.status, 418);
+    EXPECT_EQ(answer.headers.at("content-type"), "text/plain");
+    EXPECT_EQ(answer.headers.at("allow"), "POST");
+}
+
+TEST_F(HttpServerTest, OneConnectionIsOneHandler) {
+    start();
+    {
+        HttpClient first = connect();
+        HttpClient second = connect();
+        EXPECT_EQ(first.get("/number").body, "1");
+        EXPECT_EQ(first.get("/number").body, "2");
+        EXPECT_EQ(second.get("/number").body, "1");
+    }
+    EXPECT_TRUE(stop());
+    EXPECT_EQ(application.connected, 2);
+    EXPECT_EQ(application.gone, 2);
+}
+
+TEST_F(HttpServerTest, HandlerGoesWhenItsClientDoes) {
+    start();
+    {
+        HttpClient client = connect();
+        client.get("/");
+    }
+    while (application.gone == 0)
+        std::this_thread::yield();
+    EXPECT_EQ(server->connections(), 0U);
+}
+
+TEST_F(HttpServerTest, TheSystemVouchesForThePeer) {
+    start();
+    connect().get("/");
+    EXPECT_EQ(application.lastUid, ::geteuid());
+}
+
+TEST_F(HttpServerTest, PipelinedRequestsAreAnsweredInOrder) {
+    start();
+    HttpClient client = connect();
+    std::string requests;
+    for (int number = 0; number < 200; ++number) {
+        requests += HttpClient::compose("POST", "/" + std::to_string(number), std::string(100, 'p'));
+    }
+    std::thread sender([&] { client.send(requests); });
+    for (int number = 0; number < 200; ++number) {
+        EXPECT_THAT(client.receive().body, StartsWith("POST /" + std::to_string(number) + " "));
+    }
+    sender.join();
+}
+
+TEST_F(HttpServerTest, ChunkedBodiesAreReadWhole) {
+    start();
+    HttpClient client = connect();
+    client.send(
+        "POST /c HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n6;x=y\r\n world\r\n0\r\n\r\n");
+    EXPECT_EQ(client.receive().body, "POST /c  hello world");
+    EXPECT_EQ(client.get("/next").status, 200);
+}
+
+TEST_F(HttpServerTest, RequestsMayArriveByteByByte) {
+    start();
+    HttpClient client = connect();
+    for (const char byte : HttpClient::compose("POST", "/slow", "abc")) {
+        client.send(std::string_view(&byte, 1));
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(client.receive().body, "POST /slow  abc");
+}
+
+TEST_F(HttpServerTest, ClientsThatAskFirstAreToldToGoOn) {
+    start();
+    HttpClient client = connect();
+    client.send("POST /e HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\nExpect: 100-continue\r\n\r\n");
+    EXPECT_EQ(client.receive(false, true).status, 100);
+    client.send("abc");
+    EXPECT_EQ(client.receive().body, "POST /e  abc");
+}
+
+TEST_F(HttpServerTest, OtherExpectationsAreRefused) {
+    start();
+    HttpClient client = connect();
+    client.send("POST /e HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\nExpect: miracles\r\n\r\n");
+    EXPECT_EQ(client.receive().status, 417);
+}
+
+TEST_F(HttpServerTest, HeadHasNoBodyAndKeepsTheConnection) {
+    start();
+    HttpClient client = connect();
+    const HttpAnswer answer = client.request("HEAD", "/h");
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.headers.at("content-length"), "9");
+    EXPECT_EQ(client.get("/g").body, "GET /g  ");
+}
+
+TEST_F(HttpServerTest, ConnectionCloseIsHonoured) {
+    start();
+    HttpClient client = connect();
+    const HttpAnswer answer = client.request("GET", "/", {}, "Connection: close\r\n");
+    EXPECT_EQ(answer.headers.at("connection"), "close");
+    EXPECT_TRUE(client.isClosed());
+}
+
+TEST_F(HttpServerTest, OldClientsAreAnsweredAndClosed) {
+    start();
+    HttpClient client = connect();
+    client.send("GET /old HTTP/1.0\r\n\r\n");
+    EXPECT_EQ(client.receive().body, "GET /old  ");
+    EXPECT_TRUE(client.isClosed());
+}
+
+TEST_F(HttpServerTest, LargeAnswersArriveWhole) {
+    start();
+    HttpClient client = connect();
+    const std::size_t size = 50'000'000;
+    const HttpAnswer answer = client.post("/big", std::to_string(size));
+    EXPECT_EQ(answer.body.size(), size);
+    EXPECT_EQ(answer.body.find_first_not_of('b'), std::string::npos);
+}
+
+TEST_F(HttpServerTest, WhatIsNoHttpIsRefusedAndTheConnectionClosed) {
+    start();
+    const std::vector<std::string> requests{
+        "hello\r\n\r\n",
+        "GET / HTTP/1.1 extra\r\n\r\n",
+        "GET / HTTP/9.9\r\n\r\n",
+        "GET / HTTP/1.1\r\nno colon\r\n\r\n",
+        "POST / HTTP/1.1\r\nContent-Length: x\r\n\r\n",
+        "POST / HTTP/1.1\r\nContent-Length: 3\r\nContent-Length: 4\r\n\r\nabcd",
+        "POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nxyz\r\n",
+        std::string("GET /\0 HTTP/1.1\r\n\r\n", 19),
+    };
+    for (const std::string& request : requests) {
+        HttpClient client = connect();
+        client.send(request);
+        const HttpAnswer answer = client.receive();
+        EXPECT_EQ(answer.status, 400) << request;
+        EXPECT_THAT(answer.body, HasSubstr("this is not HTTP")) << request;
+        EXPECT_TRUE(client.isClosed()) << request;
+    }
+    EXPECT_EQ(connect().get("/").status, 200);
+}
+
+TEST_F(HttpServerTest, AHalfRequestIsDropped) {
+    start();
+    for (const char* request : {"GE", "GET / HTTP/1.1\r\nHost", "POST / HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc"}) {
+        HttpClient client = connect();
+        client.send(request);
+        client.finishSending();
+        EXPECT_TRUE(client.isClosed()) << request;
+    }
+    EXPECT_EQ(connect().get("/").status, 200);
+}
+
+TEST_F(HttpServerTest, HeadersBeyondTheLimitAreRefused) {
+    start();
+    HttpClient client = connect();
+    client.send("GET / HTTP/1.1\r\nX: " + std::string(options.headerLimit, 'x') + "\r\n\r\n");
+    EXPECT_EQ(client.receive().status, 431);
+    EXPECT_TRUE(client.isClosed());
+}
+
+TEST_F(HttpServerTest, ABodyAtTheLimitIsTakenOneBeyondIsNot) {
+    options.bodyLimit = 1000;
+    start();
+    EXPECT_EQ(connect().post("/", std::string(1000, 'x')).status, 200);
+    const HttpAnswer answer = connect().post("/", std::string(1001, 'x'));
+    EXPECT_EQ(answer.status, 413);
+    EXPECT_THAT(answer.body, HasSubstr("1000 bytes"));
+}
+
+TEST_F(HttpServerTest, AHugeBodyIsRefusedBeforeItIsSentWhole) {
+    options.bodyLimit = 1000;
+    start();
+    HttpClient client = connect();
+    client.send("POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 100000000000\r\n\r\n");
+    EXPECT_EQ(client.receive().status, 413);
+}
+
+TEST_F(HttpServerTest, ARefusalReachesAClientThatIsStillSending) {
+    options.bodyLimit = 1000;
+    start();
+    HttpClient client = connect();
+    client.send("POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 30000000\r\n\r\n");
+    EXPECT_TRUE(client.send(std::string(30'000'000, 'x')));
+    EXPECT_EQ(client.receive().status, 413);
+}
+
+TEST_F(HttpServerTest, ChunkedBodiesAreLimitedToo) {
+    options.bodyLimit = 1000;
+    start();
+    HttpClient client = connect();
+    client.send("POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n");
+    for (int chunk = 0; chunk < 11; ++chunk)
+        client.send("64\r\n" + std::string(100, 'x') + "\r\n");
+    client.send("0\r\n\r\n");
+    EXPECT_EQ(client.receive().status, 413);
+}
+
+TEST_F(HttpServerTest, AnExceptionIsAReplyAndTheConnectionGoesOn) {
+    start();
+    HttpClient client = connect();
+    const HttpAnswer answer = client.get("/throw");
+    EXPECT_EQ(answer.status, 500);
+    EXPECT_THAT(answer.body, HasSubstr("thrown"));
+    EXPECT_EQ(client.get("/").status, 200);
+}
+
+TEST_F(HttpServerTest, SlowRequestsHoldUpNobodyElse) {
+    options.threads = 3;
+    start();
+    HttpClient slow1 = connect();
+    HttpClient slow2 = connect();
+    slow1.send(HttpClient::compose("GET", "/wait"));
+    slow2.send(HttpClient::compose("GET", "/wait"));
+    application.gate.awaitWaiting(2);
+    for (int number = 0; number < 10; ++number)
+        EXPECT_EQ(connect().get("/quick").status, 200);
+    application.gate.open();
+    EXPECT_EQ(slow1.receive().status, 200);
+    EXPECT_EQ(slow2.receive().status, 200);
+}
+
+TEST_F(HttpServerTest, ManyClientsAtOnce) {
+    start();
+    std::vector<std::future<int>> clients;
+    for (int number = 0; number < 16; ++number) {
+        clients.push_back(std::async(std::launch::async, [this, number] {
+            HttpClient client = connect();
+            int right = 0;
+            for (int request = 0; request < 50; ++request) {
+                const std::string body = std::to_string(number * 1000 + request);
+                right += client.post("/", body).body == "POST /  " + body ? 1 : 0;
+            }
+            return right;
+        }));
+    }
+    for (auto& client : clients)
+        EXPECT_EQ(client.get(), 50);
+}
+
+TEST_F(HttpServerTest, ConnectionsBeyondTheLimitWaitTheirTurn) {
+    options.maxConnections = 2;
+    start();
+    auto first = std::make_unique<HttpClient>(connect());
+    HttpClient second = connect();
+    EXPECT_EQ(first->get("/").status, 200);
+    EXPECT_EQ(second.get("/").status, 200);
+    HttpClient third = connect();
+    third.send(HttpClient::compose("GET", "/third"));
+    EXPECT_EQ(second.get("/").status, 200);
+    EXPECT_EQ(server->connections(), 2U);
+    first.reset();
+    EXPECT_EQ(third.receive().body, "GET /third  ");
+}
+
+TEST_F(HttpServerTest, SilentConnectionsAreClosed) {
+    options.idleTimeout = 20ms;
+    start();
+    EXPECT_TRUE(connect().isClosed());
+}
+
+TEST_F(HttpServerTest, RequestsThatDoNotGoOnAreClosed) {
+    options.headerTimeout = 20ms;
+    options.bodyTimeout = 20ms;
+    start();
+    for (const char* request : {"GET / HTTP/1.1\r\n", "POST / HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc"}) {
+        HttpClient client = connect();
+        client.send(request);
+        EXPECT_TRUE(client.isClosed()) << request;
+    }
+}
+
+TEST_F(HttpServerTest, ClientsThatDoNotReadAreClosed) {
+    options.writeTimeout = 20ms;
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("POST", "/big", "100000000"));
+    while (application.gone == 0)
+        std::this_thread::yield();
+    EXPECT_THROW(client.receive(), std::runtime_error);
+}
+
+TEST_F(HttpServerTest, AClientThatGoesDuringItsRequestHarmsNobody) {
+    start();
+    {
+        HttpClient client = connect();
+        client.send(HttpClient::compose("GET", "/wait"));
+        application.gate.awaitWaiting(1);
+    }
+    application.gate.open();
+    EXPECT_EQ(connect().get("/").status, 200);
+    while (application.gone == 0)
+        std::this_thread::yield();
+}
+
+// ---- stopping
+
+TEST_F(HttpServerTest, StoppingRemovesTheSocket) {
+    start();
+    EXPECT_TRUE(stop());
+    EXPECT_FALSE(std::filesystem::exists(options.socketPath));
+    EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
+}
+
+TEST_F(HttpServerTest, RequestsInFlightAreAnsweredLaterOnesRefused) {
+    start();
+    HttpClient waiting = connect();
+    HttpClient open = connect();
+    EXPECT_EQ(open.get("/").status, 200);
+    waiting.send(HttpClient::compose("GET", "/wait") + HttpClient::compose("GET", "/pipelined"));
+    application.gate.awaitWaiting(1);
+    server->stop();
+    // The refusal of new connections shows that the server has taken notice.
+    for (;;) {
+        try {
+            connect();
+        } catch (const std::exception&) {
+            break;
+        }
+    }
+    const HttpAnswer refused = open.get("/late");
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_EQ(refused.headers.at("connection"), "close");
+    application.gate.open();
+    const HttpAnswer answer = waiting.receive();
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.headers.at("connection"), "close");
+    EXPECT_TRUE(result.get());
+    server.reset();
+    EXPECT_EQ(application.gone, 2);
+}
+
+TEST_F(HttpServerTest, IdleConnectionsDoNotDelayTheEnd) {
+    start();
+    HttpClient client = connect();
+    client.get("/");
+    HttpClient silent = connect();
+    EXPECT_TRUE(stop());
+    EXPECT_TRUE(client.isClosed());
+    EXPECT_EQ(application.gone, application.connected);
+}
+
+}  // namespace
+}  // namespace QOR
