@@ -71,7 +71,8 @@ std::unique_ptr<QORAccesserPoolPrototype::Accesser> QORAccesserPoolPrototype::ta
 void QORAccesserPoolPrototype::giveBack(std::unique_ptr<Accesser> accesser) noexcept {
     const std::lock_guard<std::mutex> lock(m_mutex);
     --m_inUse;
-    if (static_cast<int>(m_idle.size()) < m_idleLimit) m_idle.push_back(std::move(accesser));
+    m_idle.push_back(std::move(accesser));
+    while (static_cast<int>(m_idle.size()) > m_idleLimit) m_idle.pop_back();
     m_turn.notify_all();
 }
 
