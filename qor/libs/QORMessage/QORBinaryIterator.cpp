@@ -135,6 +135,7 @@ int QORBinaryIterator::removeChildren(QORTag id) {
     for (QORMessageNode* child = m_node->firstChild; child != nullptr; child = child->next) {
         if (id == 0 || child->tag == id) {
             removed = true;
+            store().forget(*child);
             continue;
         }
         (kept == nullptr ? m_node->firstChild : kept->next) = child;

@@ -67,6 +67,22 @@ void QORMessageStore::clear() noexcept {
     m_root = QORMessageNode{};
 }
 
+void QORMessageStore::forget(const QORMessageNode& top) noexcept {
+    const QORMessageNode* node = &top;
+    for (;;) {
+        --m_nodes;
+        m_bytes -= node->size;
+        if (node->firstChild != nullptr) {
+            node = node->firstChild;
+            continue;
+        }
+        while (node != &top && node->next == nullptr)
+            node = node->parent;
+        if (node == &top) return;
+        node = node->next;
+    }
+}
+
 void QORMessageStore::nextBlock(std::size_t size) {
     // After clear() the blocks of the former use come first; one that is too small is passed over.
     while (m_used < m_blocks.size() && m_blocks[m_used].size < size)

@@ -18,7 +18,8 @@
 namespace QOR {
 
 /// How large a message may become; reaching a limit makes writing fail (readers of text forms say which limit).
-/// Elements and bytes count from the last clear(): what was removed since still occupies memory.
+/// What is removed no longer counts, although its memory is only reused after clear(): a response that was taken back
+/// at a limit has room for the error that says so.
 struct QORMessageLimits {
     std::uint32_t depth = 64;                  ///< levels of elements below the root, at most 65535
     std::size_t nodes = std::size_t{1} << 28;  ///< elements
@@ -59,6 +60,9 @@ public:
     bool isDeepest(const QORMessageNode& parent) const noexcept { return parent.depth >= m_limits.depth; }
     bool hasNodesLeft() const noexcept { return m_nodes < m_limits.nodes; }
     bool hasBytesLeft(std::size_t size) const noexcept { return size <= m_limits.bytes - m_bytes; }
+
+    /// No longer counts the element, everything below it, and their values.
+    void forget(const QORMessageNode& top) noexcept;
 
     /// Appends an element below `parent`; null when the parent has a value or a limit is reached.
     QORMessageNode* addNode(QORMessageNode& parent, QORTag tag) {

@@ -259,6 +259,20 @@ TEST(Removal, AtTheRootEmptiesTheMessage) {
     EXPECT_TRUE(message.empty());
 }
 
+TEST(Removal, GivesBackWhatCounted) {
+    QORMessage message = treeOf(R"([1744,[[1026,"abc"],[1739,[[1018,"de"],[1018]]],[1739],[1040,"f"]]])");
+    EXPECT_EQ(message.nodeCount(), 7U);
+    EXPECT_EQ(message.byteCount(), 6U);
+    QORBinaryIterator it = message.root();
+    it.firstChild();
+    EXPECT_EQ(it.removeChildren(tag::row), 0);
+    EXPECT_EQ(message.nodeCount(), 3U);
+    EXPECT_EQ(message.byteCount(), 4U);
+    EXPECT_EQ(message.root().removeChildren(tag::rowSet), 0);
+    EXPECT_EQ(message.nodeCount(), 0U);
+    EXPECT_EQ(message.byteCount(), 0U);
+}
+
 QORMessageLimits limitsOf(std::uint32_t depth, std::size_t nodes, std::size_t bytes) {
     QORMessageLimits limits;
     limits.depth = depth;
