@@ -17,16 +17,16 @@ namespace QOR::test {
 
 /// How the agent is started; what is empty is put into its folder.
 struct AgentSettings {
-    std::filesystem::path program{};   ///< default: qor-agent beside the test
-    std::filesystem::path plugIns{};   ///< default: the agent's own
-    std::string database{};            ///< a connection string; default: agent.db in the folder
-    std::filesystem::path socket{};    ///< default: agent.sock in the folder
-    std::vector<std::string> more{};   ///< further arguments
+    std::filesystem::path program{};  ///< default: qor-agent beside the test
+    std::filesystem::path plugIns{};  ///< default: the agent's own
+    std::string database{};           ///< a connection string; default: agent.db in the folder
+    std::filesystem::path socket{};   ///< default: agent.sock in the folder
+    std::vector<std::string> more{};  ///< further arguments
 };
 
 /// Starts the agent and waits until it listens; stops it at the end.
 class AgentProcess {
-   public:
+public:
     explicit AgentProcess(AgentSettings settings = {}) : m_settings(std::move(settings)) {
         if (m_settings.program.empty()) m_settings.program = programDirectory() / "qor-agent";
         if (m_settings.socket.empty()) m_settings.socket = m_directory / "agent.sock";
@@ -78,9 +78,9 @@ class AgentProcess {
     }
 
     std::vector<std::string> command() const {
-        std::vector<std::string> command{m_settings.program.string(), "--socket",   m_settings.socket.string(),
-                                         "--database",                m_settings.database, "--log-file",
-                                         (m_directory / "agent.log").string()};
+        std::vector<std::string> command{
+            m_settings.program.string(), "--socket",   m_settings.socket.string(),          "--database",
+            m_settings.database,         "--log-file", (m_directory / "agent.log").string()};
         if (!m_settings.plugIns.empty()) {
             command.insert(command.end(), {"--plugins", m_settings.plugIns.string()});
         }
@@ -88,7 +88,7 @@ class AgentProcess {
         return command;
     }
 
-   private:
+private:
     TemporaryDirectory m_directory;
     AgentSettings m_settings;
     std::unique_ptr<ChildProcess> m_child;

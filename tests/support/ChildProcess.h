@@ -22,11 +22,13 @@
 namespace QOR::test {
 
 /// The folder in which the build puts its programs, this test among them.
-inline std::filesystem::path programDirectory() { return std::filesystem::read_symlink("/proc/self/exe").parent_path(); }
+inline std::filesystem::path programDirectory() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path();
+}
 
 /// A running child. Standard output and standard error come together, in order.
 class ChildProcess {
-   public:
+public:
     using Clock = std::chrono::steady_clock;
     static constexpr auto patience = std::chrono::seconds(60);  ///< sanitizers are slow; a hang must still end
 
@@ -40,7 +42,8 @@ class ChildProcess {
         ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
         ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
         std::vector<char*> arguments;
-        for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
+        for (const std::string& argument : command)
+            arguments.push_back(const_cast<char*>(argument.c_str()));
         arguments.push_back(nullptr);
         const int error = ::posix_spawnp(&m_pid, arguments.front(), &actions, nullptr, arguments.data(), environ);
         ::posix_spawn_file_actions_destroy(&actions);
@@ -101,7 +104,7 @@ class ChildProcess {
     /// What it has written so far, as far as it was read.
     const std::string& output() const noexcept { return m_text; }
 
-   private:
+private:
     bool hasLine(const std::string& prefix) const {
         return m_text.rfind(prefix, 0) == 0 || m_text.find("\n" + prefix) != std::string::npos;
     }

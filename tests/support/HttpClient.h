@@ -27,7 +27,7 @@ struct HttpAnswer {
 
 /// One connection. Fails by exception; a silence of a minute is a failure.
 class HttpClient {
-   public:
+public:
     explicit HttpClient(const std::string& socketPath) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -94,7 +94,7 @@ class HttpClient {
         if (m_socket >= 0) ::close(std::exchange(m_socket, -1));
     }
 
-   private:
+private:
     bool readSome() {
         char bytes[65536];
         ssize_t size = 0;

@@ -11,7 +11,7 @@ namespace QOR::test {
 
 /// An empty folder, removed with everything in it at the end. Its path is short enough for sockets.
 class TemporaryDirectory {
-   public:
+public:
     TemporaryDirectory() {
         std::string name = "/tmp/qor-test-XXXXXX";
         if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make a temporary folder");
@@ -27,7 +27,7 @@ class TemporaryDirectory {
     const std::filesystem::path& path() const noexcept { return m_path; }
     std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
 
-   private:
+private:
     std::filesystem::path m_path;
 };
 

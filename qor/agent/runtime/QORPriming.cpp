@@ -31,12 +31,13 @@ QORPriming::QORPriming(QORPrimingRequest request) : m_request(std::move(request)
 
 QORPriming::~QORPriming() = default;
 
-bool QORPriming::isSettled() const {
-    return isDone() || !QOROpFactoryRegistry::instance().find(m_request.operatorName);
+bool QORPriming::isPending() const {
+    return m_state.load(std::memory_order_acquire) == State::Unanswered &&
+           QOROpFactoryRegistry::instance().find(m_request.operatorName) != nullptr;
 }
 
 std::optional<QORPriming::Error> QORPriming::ensure() {
-    if (isSettled()) return std::nullopt;
+    if (isDone() || !QOROpFactoryRegistry::instance().find(m_request.operatorName)) return std::nullopt;
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_running) {
         m_ended.wait(lock, [this, seen = m_attempts] { return m_attempts != seen; });
@@ -63,10 +64,14 @@ std::optional<QORPriming::Error> QORPriming::attempt() {
     }
     if (!error) {
         m_session.reset();
-        m_done.store(true, std::memory_order_release);
+        m_state.store(State::Done, std::memory_order_release);
         return std::nullopt;
     }
-    if (error->message == m_request.tolerated) return std::nullopt;
+    if (error->message == m_request.tolerated) {
+        m_state.store(State::Tolerated, std::memory_order_release);
+        return std::nullopt;
+    }
+    m_state.store(State::Unanswered, std::memory_order_release);
     logMessage(1, module, sourcePath, "attempt", "operator \"%s\" cannot be primed yet: %s",
                m_request.operatorName.c_str(), error->message.c_str());
     return error;

@@ -34,9 +34,9 @@ public:
     ~QORPriming();
 
     const QORPrimingRequest& request() const noexcept { return m_request; }
-    bool isDone() const noexcept { return m_done.load(std::memory_order_acquire); }
-    /// Done, or without an operator to ask.
-    bool isSettled() const;
+    bool isDone() const noexcept { return m_state.load(std::memory_order_acquire) == State::Done; }
+    /// True while clients must wait: the operator is there and has not answered yet.
+    bool isPending() const;
 
     using Error = QORResponse::Error;
     /// Makes sure that the request has been answered, asking when it has not. Callers that come while it is being
@@ -45,12 +45,14 @@ public:
     std::optional<Error> ensure();
 
 private:
+    enum class State { Unanswered, Tolerated, Done };
+
     std::optional<Error> attempt();
     std::optional<Error> ask();
 
     const QORPrimingRequest m_request;
     QORMessage m_body;
-    std::atomic<bool> m_done{false};
+    std::atomic<State> m_state{State::Unanswered};
     std::mutex m_mutex;
     std::condition_variable m_ended;
     bool m_running = false;                       // guarded by m_mutex

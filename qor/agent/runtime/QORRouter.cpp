@@ -90,7 +90,7 @@ std::vector<std::string> QORRouter::prime() {
 }
 
 bool QORRouter::isPrimed() const {
-    return std::all_of(m_priming.begin(), m_priming.end(), [](const auto& priming) { return priming->isSettled(); });
+    return std::none_of(m_priming.begin(), m_priming.end(), [](const auto& priming) { return priming->isPending(); });
 }
 
 }  // namespace QOR

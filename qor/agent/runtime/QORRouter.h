@@ -33,7 +33,7 @@ public:
 
     /// Asks the priming requests that are still open. \returns what failed, one text an operator
     std::vector<std::string> prime();
-    /// True when every operator that is there has been primed.
+    /// True when no operator's clients are kept waiting.
     bool isPrimed() const;
 
 private:
