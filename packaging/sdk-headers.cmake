@@ -1,0 +1,34 @@
+# The headers that plug-ins are written against. What is not here is libqor's own business and may change at any time.
+set(QOR_SDK_HEADERS
+  QORCommon/QORException.h
+  QORCommon/QORExport.h
+  QORCommon/QORGuid.h
+  QORCommon/QORLogger.h
+  QORCommon/QORNoDestructor.h
+  QORCommon/QORNumbers.h
+  QORCommon/QORReferenceCounter.h
+  QORCommon/QORText.h
+  QORCommon/QORTime.h
+  QORDBSchema/QORDBSchema.h
+  QORDBSchema/SchemaTable.h
+  QORFunctionality/QORAccess.h
+  QORFunctionality/QORAccesser.h
+  QORFunctionality/QORErrors.h
+  QORFunctionality/QOROpFactory.h
+  QORFunctionality/QOROperator.h
+  QORFunctionality/QORPlugIn.h
+  QORLibAgent/QORInfo.h
+  QORLibAgent/QORSecurity.h
+  QORMessage/QORBinaryIterator.h
+  QORMessage/QORMessage.h
+  QORMessage/QORMessageIterator.h
+  QORMessage/QORMessageStore.h
+  QORMessage/QORNotation.h
+  QORMessage/QORTags.h
+  QORMessage/QORXml.h
+  rdbmspp/AException.h
+  rdbmspp/ASAttribute.h
+  rdbmspp/ASComparison.h
+  rdbmspp/ASCursor.h
+  rdbmspp/ASData.h
+  rdbmspp/QORRdbms.h)

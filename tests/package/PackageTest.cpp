@@ -1,0 +1,156 @@
+// Installs the project to a folder of its own, builds a plug-in against what is installed, and runs it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/AgentProcess.h"
+#include "support/HttpClient.h"
+
+namespace QOR {
+namespace {
+
+namespace fs = std::filesystem;
+using test::AgentProcess;
+using test::AgentSettings;
+using test::HttpClient;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+const fs::path exampleDir = fs::path(QOR_TEST_DATA_DIR) / "example";
+
+std::string contentsOf(const fs::path& file) {
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+void run(const std::vector<std::string>& command) {
+    const auto [status, output] = test::runProgram(command);
+    if (status != 0) throw std::runtime_error(command.front() + " " + command.at(1) + ": " + output);
+}
+
+std::vector<fs::path> filesBelow(const fs::path& folder) {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        if (entry.is_regular_file()) files.push_back(entry.path());
+    }
+    return files;
+}
+
+/// The installed project, once for all tests.
+class Package : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        s_directory = std::make_unique<test::TemporaryDirectory>();
+        run({QOR_TEST_CMAKE, "--install", QOR_TEST_BUILD_DIR, "--prefix", prefix().string()});
+    }
+    static void TearDownTestSuite() { s_directory.reset(); }
+
+    static fs::path prefix() { return *s_directory / "prefix"; }
+    static fs::path below(const std::string& name) { return *s_directory / name; }
+
+    /// The one installed file of that name, wherever the system keeps its like.
+    static fs::path installed(const std::string& name) {
+        for (const fs::path& file : filesBelow(prefix())) {
+            if (file.filename() == name) return file;
+        }
+        throw std::runtime_error(name + " is not installed");
+    }
+
+    static std::vector<std::string> configureCommand(const fs::path& source, const fs::path& build,
+                                                     const fs::path& root) {
+        std::vector<std::string> command{QOR_TEST_CMAKE,
+                                         "-S",
+                                         source.string(),
+                                         "-B",
+                                         build.string(),
+                                         std::string("-DCMAKE_CXX_COMPILER=") + QOR_TEST_COMPILER,
+                                         "-DCMAKE_BUILD_TYPE=Debug",
+                                         "-DCMAKE_PREFIX_PATH=" + root.string()};
+        if (*QOR_TEST_SANITIZE != '\0') command.push_back("-DCMAKE_CXX_FLAGS=-fsanitize=" QOR_TEST_SANITIZE);
+        return command;
+    }
+
+    static inline std::unique_ptr<test::TemporaryDirectory> s_directory;
+};
+
+TEST_F(Package, HasItsPrograms) {
+    for (const fs::path program : {"qor-agent", "qorctl"}) {
+        if (!fs::exists(test::programDirectory() / program)) continue;
+        const auto [status, output] = test::runProgram({(prefix() / "bin" / program).string(), "--help"});
+        EXPECT_EQ(status, 0) << output;
+    }
+}
+
+TEST_F(Package, KeepsNoPathOfTheBuild) {
+    for (const char* name : {"qor-agent", "libQORPager.so"}) {
+        const auto [status, output] = test::runProgram({QOR_TEST_READELF, "-d", installed(name).string()});
+        EXPECT_EQ(status, 0);
+        EXPECT_THAT(output, AllOf(HasSubstr("$ORIGIN/"), Not(HasSubstr(QOR_TEST_BUILD_DIR)))) << name;
+    }
+}
+
+TEST_F(Package, ServiceStartsTheInstalledAgent) {
+    EXPECT_THAT(
+        contentsOf(installed("qor-agent.service")),
+        AllOf(HasSubstr("ExecStart=\"" + (prefix() / "bin" / "qor-agent").string() + "\" "), Not(HasSubstr("@"))));
+}
+
+TEST_F(Package, ThePagerExportsItsEntryPointsAlone) {
+    const auto [status, output] =
+        test::runProgram({QOR_TEST_NM, "--dynamic", "--defined-only", installed("libQORPager.so").string()});
+    ASSERT_EQ(status, 0) << output;
+    std::vector<std::string> symbols;
+    std::istringstream lines(output);
+    for (std::string address, type, name; lines >> address >> type >> name;)
+        symbols.push_back(name);
+    EXPECT_THAT(symbols, testing::UnorderedElementsAre("initQORPlugIn", "finiQORPlugIn"));
+}
+
+TEST_F(Package, EveryHeaderCompilesByItself) {
+    std::size_t headers = 0;
+    std::ofstream source(below("headers.cpp"));
+    for (const fs::path& file : filesBelow(prefix() / "include" / "qor")) {
+        source << "#include <" << fs::relative(file, prefix() / "include" / "qor").string() << ">\n";
+        ++headers;
+    }
+    source.close();
+    EXPECT_GT(headers, 20U);
+    const auto [status, output] =
+        test::runProgram({QOR_TEST_COMPILER, "-std=c++20", "-fsyntax-only", "-Wall", "-Wextra", "-Werror", "-I",
+                          (prefix() / "include" / "qor").string(), below("headers.cpp").string()});
+    EXPECT_EQ(status, 0) << output;
+}
+
+TEST_F(Package, SomebodyElsesPlugInIsBuiltInstalledAndServed) {
+    // The package is used where it was not installed to: nothing in it may depend on the place.
+    const fs::path moved = below("elsewhere");
+    fs::copy(prefix(), moved, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    const fs::path build = below("example");
+    run(configureCommand(exampleDir, build, moved));
+    run({QOR_TEST_CMAKE, "--build", build.string()});
+    run({QOR_TEST_CMAKE, "--install", build.string()});
+
+    AgentSettings settings;
+    settings.program = moved / "bin" / "qor-agent";
+    const AgentProcess agent(settings);
+    HttpClient client(agent.socketPath());
+    EXPECT_THAT(client.get("/v1/health").body,
+                HasSubstr(R"("plugins":["libGreeter.so","libQORPager.so"],"refused":[])"));
+    EXPECT_EQ(client.message(R"({"operator":"greeter","request":"greet","body":[1026,"world"]})"),
+              R"({"response":[[1018,"Hello, world!"]]})");
+    EXPECT_EQ(client.message(R"({"operator":"greeter","request":"greet","body":[1026]})"),
+              R"({"response":[],"error":{"code":400,"message":"whom?"}})");
+    EXPECT_EQ(client.message(
+                  R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEnvironment"],[1741,"eid"]]]})"),
+              R"({"response":[[1744,[[1026,"eid"]]]]})");
+}
+
+}  // namespace
+}  // namespace QOR
