@@ -70,7 +70,7 @@ TEST_F(Values, ThatCannotBeReadAsTheirTypeAreTheTextTheyAre) {
 }
 
 TEST_F(Values, AreNotCutAtTheDeclaredLength) {
-    EXPECT_EQ(column("vOdd", "s"), (Rows{{"longer than declared"}, {"12"}, {"Ã¤Ã¶Ã¼Ã"}, {""}}));
+    EXPECT_EQ(column("vOdd", "s"), (Rows{{"longer than declared"}, {"12"}, {"äöüß"}, {""}}));
 }
 
 TEST_F(Values, LongTextsAndBlobsComeWhole) {
