@@ -356,7 +356,9 @@ void Writer::step() {
     const Index child = frame.child;
     frame.child = m_parts[child].next;
     ++frame.written;
-    open(child, part.kind != Node::Kind::Not);
+    const bool bracketed = part.kind == Node::Kind::Not;
+    if (bracketed && m_parts[child].kind == Node::Kind::Raw) return m_builder.append(m_parts[child].node->value.text);
+    open(child, !bracketed);
 }
 
 void Writer::separate(const Frame& frame) {

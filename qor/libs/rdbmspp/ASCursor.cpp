@@ -82,6 +82,7 @@ struct ASCursor::Impl {
 
     explicit Impl(ASSession& s) : session(s) {}
 
+    bool next();
     void run();
     void bind(const ASProject& project);
     void take(std::size_t index);
@@ -116,16 +117,13 @@ void ASCursor::Order(const ASOrder& order) {
 
 bool ASCursor::Fetch() {
     if (m_impl->finished) return false;
-    if (!m_impl->statement) m_impl->run();
-    if (!m_impl->statement->fetch()) {
+    try {
+        return m_impl->next();
+    } catch (const AException& error) {
         m_impl->finished = true;
-        m_impl->statement->close();  // the values of the last row go with it, as they do with every fetch
-        return false;
+        m_impl->statement = ASStatementLease();
+        throw m_impl->session.impl().dialect->explained(error);
     }
-    for (std::size_t i = 0; i < m_impl->columns.size(); ++i)
-        m_impl->take(i);
-    ++m_impl->amount;
-    return true;
 }
 
 std::int64_t ASCursor::GetAmount() const noexcept {
@@ -136,6 +134,19 @@ std::string ASCursor::Query() const {
     ASSqlBuilder builder(*m_impl->session.impl().dialect, ASPurpose::Reading);
     builder.select(m_impl->filter.m_project, m_impl->filter.m_condition, m_impl->limit, m_impl->offset, m_impl->order);
     return std::move(builder).takeText();
+}
+
+bool ASCursor::Impl::next() {
+    if (!statement) run();
+    if (!statement->fetch()) {
+        finished = true;
+        statement->close();  // the values of the last row go with it, as they do with every fetch
+        return false;
+    }
+    for (std::size_t i = 0; i < columns.size(); ++i)
+        take(i);
+    ++amount;
+    return true;
 }
 
 void ASCursor::Impl::run() {

@@ -35,6 +35,16 @@ bool readWholly(std::string_view text, T& value) {
     return result.ec == std::errc() && result.ptr == text.data() + text.size();
 }
 
+// "NUMBER*2^720" is how ASDialect::exactDouble() selects large numbers.
+bool readDouble(std::string_view text, double& value) {
+    constexpr std::string_view scaled = "*2^720";
+    const bool large = text.ends_with(scaled);
+    if (large) text.remove_suffix(scaled.size());
+    if (!readWholly(text, value)) return false;
+    if (large) value = std::ldexp(value, 720);
+    return std::isfinite(value);
+}
+
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
@@ -173,7 +183,7 @@ std::string_view ASDouble::text(ASTextBuffer& scratch) const {
 
 void ASDouble::take(std::string_view stored) {
     m_raw = stored;
-    m_state = readWholly(stored, m_value) && std::isfinite(m_value) ? State::Value : State::Raw;
+    m_state = readDouble(stored, m_value) ? State::Value : State::Raw;
 }
 
 ASGuid::ASGuid(const Guid& value) : ASData(ASType::Guid), m_value(value) {

@@ -81,6 +81,16 @@ std::string sqliteEpochSeconds(std::string_view column) {
            c + ", -2) ELSE " + c + " END) AS INTEGER) END";
 }
 
+// SQLite's own text form of a number ends after 15 digits. Its printf gives as many as it is asked for, but scales by
+// a rounded 1e100; numbers from there on are brought below it by a power of 2, which is exact, and say so.
+std::string sqliteExactDouble(const std::string& e) {
+    return "CASE typeof(" + e + ") WHEN 'real' THEN CASE WHEN abs(" + e + ") < 1e100 THEN printf('%!.20g', " + e +
+           ") WHEN " + e + " - " + e + " = 0 THEN printf('%!.20g', " + e +
+           " / (1.0 * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60)"
+           " * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60))) || '*2^720' ELSE " +
+           e + " END ELSE " + e + " END";
+}
+
 }  // namespace
 
 const ASDialect& ASDialect::of(ASEngine engine) noexcept {
@@ -96,19 +106,33 @@ std::string ASDialect::epochSeconds(std::string_view expression) const {
     return "CAST(floor(extract(epoch FROM " + std::string(expression) + ")) AS bigint)";
 }
 
-// SQLite's own text form of a number ends after 15 digits.
 std::string ASDialect::exactDouble(std::string_view expression) const {
     const std::string e(expression);
-    if (engine == ASEngine::SQLite) {
-        return "CASE typeof(" + e + ") WHEN 'real' THEN printf('%!.17g', " + e + ") ELSE " + e + " END";
-    }
-    return e;
+    return engine == ASEngine::SQLite ? sqliteExactDouble(e) : e;
 }
 
 // SQLite's driver hands bytes over as the literal X'...', and so takes a text of that look for bytes.
 std::string ASDialect::exactBytes(std::string_view expression) const {
     const std::string e(expression);
     return engine == ASEngine::SQLite ? "CAST(" + e + " AS BLOB)" : e;
+}
+
+AException ASDialect::explained(const AException& error) const {
+    static constexpr struct {
+        const char* engine;
+        const char* ours;
+    } texts[] = {
+        {"parser stack overflow", "the select is nested too deeply for "},
+        {"Expression tree is too large", "the condition is nested too deeply for "},
+        {"LIKE or GLOB pattern too complex", "a pattern of LIKE is too long for "},
+        {"too many SQL variables", "the select holds too many values for "},
+        {"integer overflow", "a sum is beyond 64 bits of "},
+    };
+    for (const auto& text : texts) {
+        if (error.text().find(text.engine) == std::string::npos) continue;
+        return AException(std::string(text.ours) + name, error.sqlState(), error.nativeCode(), error.statement());
+    }
+    return error;
 }
 
 std::string ASDialect::binaryLiteral(std::string_view bytes) const {

@@ -44,6 +44,8 @@ struct QOR_API ASDialect {
     std::string exactDouble(std::string_view expression) const;
     /// A selected column of bytes so that the driver does not take a text for them.
     std::string exactBytes(std::string_view expression) const;
+    /// A failure in words about the request where the engine speaks of its own workings.
+    AException explained(const AException& error) const;
     /// A literal of bytes.
     std::string binaryLiteral(std::string_view bytes) const;
 };

@@ -114,7 +114,7 @@ struct ASStatement::Impl {
 struct ASSession::Impl {
     static constexpr std::size_t keptStatements = 64;
 
-    explicit Impl(const std::string& connectionString);
+    Impl(const std::string& connectionString, std::string database);
 
     ASStatementLease lease(const std::string& sql);
     /// Ends what a transaction has left running and lets go of surplus statements.

@@ -47,42 +47,39 @@ Diagnosis diagnose(SQLSMALLINT type, SQLHANDLE handle) {
     return diagnosis;
 }
 
-/// The one place where a return code becomes an exception.
-void checkResult(SQLRETURN rc, SQLSMALLINT type, SQLHANDLE handle, const std::string& statement) {
-    if (SQL_SUCCEEDED(rc) || rc == SQL_NO_DATA) return;
-    if (rc == SQL_INVALID_HANDLE) throw AException("an ODBC handle is invalid", "HY000", 0, statement);
-    Diagnosis d = diagnose(type, handle);
-    throw AException(std::move(d.text), std::move(d.state), d.native, statement);
-}
-
 SQLCHAR* chars(std::string_view text) {
     return reinterpret_cast<SQLCHAR*>(const_cast<char*>(text.data()));
 }
 
-/// A statement handle for as long as its owner lives.
-class StatementHandle {
-   public:
-    explicit StatementHandle(SQLHDBC connection) {
-        checkResult(SQLAllocHandle(SQL_HANDLE_STMT, connection, &m_handle), SQL_HANDLE_DBC, connection, {});
-    }
-    ~StatementHandle() {
-        if (m_handle) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
-    }
-    StatementHandle(const StatementHandle&) = delete;
-    StatementHandle& operator=(const StatementHandle&) = delete;
-    SQLHSTMT get() const noexcept { return m_handle; }
-    SQLHSTMT release() noexcept { return std::exchange(m_handle, SQLHSTMT(nullptr)); }
-
-   private:
-    SQLHSTMT m_handle = nullptr;
+/// Frees a statement handle at the end of a scope.
+struct FreeStatement {
+    void operator()(SQLHSTMT handle) const noexcept { SQLFreeHandle(SQL_HANDLE_STMT, handle); }
 };
+using StatementHandle = std::unique_ptr<std::remove_pointer_t<SQLHSTMT>, FreeStatement>;
 
-// Native codes of SQLite after which the connection is closed and a new one tried: no memory, input or output failed,
-// corrupt, full, cannot open, protocol, no database.
-bool leavesDoubt(const AException& error) {
-    constexpr int codes[] = {7, 10, 11, 13, 14, 15, 26};
-    if (error.sqlState().starts_with("08")) return true;
-    return std::find(std::begin(codes), std::end(codes), error.nativeCode() & 0xff) != std::end(codes);
+template <std::size_t size>
+bool isOneOf(const int (&codes)[size], int code) {
+    return std::find(std::begin(codes), std::end(codes), code & 0xff) != std::end(codes);
+}
+
+// Native codes of SQLite (its driver's SQLSTATE says nothing) after which a connection is closed and a new one tried:
+// no memory, input or output failed, corrupt, full, cannot open, protocol, no database.
+constexpr int doubtful[] = {7, 10, 11, 13, 14, 15, 26};
+// And those that tell of the database and not of the statement: no permission, locked by another, read-only.
+constexpr int unavailable[] = {3, 5, 6, 8};
+
+bool leavesDoubt(const Diagnosis& d) {
+    return d.state.starts_with("08") || isOneOf(doubtful, d.native);
+}
+
+// Drivers put their names in front and SQLite's the native code behind: "[SQLite]no such table: t (1)".
+std::string plainText(const Diagnosis& d) {
+    std::string_view text = d.text;
+    while (text.starts_with('[') && text.find(']') != std::string_view::npos)
+        text.remove_prefix(text.find(']') + 1);
+    const std::string code = " (" + std::to_string(d.native) + ")";
+    if (text.ends_with(code)) text.remove_suffix(code.size());
+    return std::string(text.empty() ? std::string_view(d.text) : text);
 }
 
 }  // namespace
@@ -111,29 +108,21 @@ struct OdbcStatement::Column {
 
 OdbcStatement::OdbcStatement(OdbcConnection& connection, std::string sql)
     : m_connection(connection), m_sql(std::move(sql)) {
-    static_assert(std::is_pointer_v<SQLHSTMT>);
-    try {
-        StatementHandle handle(m_connection.m_handle);
-        checkResult(SQLPrepare(handle.get(), chars(m_sql), static_cast<SQLINTEGER>(m_sql.size())), SQL_HANDLE_STMT,
-                    handle.get(), m_sql);
-        m_handle = handle.release();
-    } catch (const AException& error) {
-        if (leavesDoubt(error)) m_connection.setBroken();
-        throw;
-    }
+    SQLHSTMT allocated = nullptr;
+    m_connection.check(SQLAllocHandle(SQL_HANDLE_STMT, m_connection.m_handle, &allocated), SQL_HANDLE_DBC,
+                       m_connection.m_handle, m_sql);
+    StatementHandle handle(allocated);
+    m_connection.check(SQLPrepare(allocated, chars(m_sql), static_cast<SQLINTEGER>(m_sql.size())), SQL_HANDLE_STMT,
+                       allocated, m_sql);
+    m_handle = handle.release();
 }
 
 OdbcStatement::~OdbcStatement() {
-    if (m_handle) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
+    SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
 }
 
 void OdbcStatement::check(int result) {
-    try {
-        checkResult(static_cast<SQLRETURN>(result), SQL_HANDLE_STMT, m_handle, m_sql);
-    } catch (const AException& error) {
-        if (leavesDoubt(error)) m_connection.setBroken();
-        throw;
-    }
+    m_connection.check(result, SQL_HANDLE_STMT, m_handle, m_sql);
 }
 
 OdbcStatement::Parameter& OdbcStatement::parameter(std::size_t index) {
@@ -319,7 +308,20 @@ void OdbcStatement::close() noexcept {
     m_open = false;
 }
 
-OdbcConnection::OdbcConnection(const std::string& connectionString) {
+// The one place where a return code becomes an exception.
+void OdbcConnection::check(int rc, short type, void* handle, const std::string& statement) {
+    if (SQL_SUCCEEDED(rc) || rc == SQL_NO_DATA) return;
+    if (rc == SQL_INVALID_HANDLE) throw AException("an ODBC handle is invalid", "HY000", 0, statement);
+    Diagnosis d = diagnose(type, handle);
+    std::string text = plainText(d);
+    const bool doubt = leavesDoubt(d);
+    if (doubt) m_broken = true;
+    if (m_connected && (doubt || isOneOf(unavailable, d.native))) text = "database \"" + m_database + "\": " + text;
+    throw AException(std::move(text), std::move(d.state), d.native, statement);
+}
+
+OdbcConnection::OdbcConnection(const std::string& connectionString, std::string database)
+    : m_database(std::move(database)) {
     try {
         connect(connectionString);
     } catch (...) {
@@ -338,17 +340,16 @@ void OdbcConnection::connect(const std::string& connectionString) {
         throw AException("the ODBC driver manager cannot be started", "HY000");
     }
     const auto version = reinterpret_cast<SQLPOINTER>(static_cast<std::uintptr_t>(SQL_OV_ODBC3));
-    checkResult(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, version, 0), SQL_HANDLE_ENV, m_environment, {});
-    checkResult(SQLAllocHandle(SQL_HANDLE_DBC, m_environment, &m_handle), SQL_HANDLE_ENV, m_environment, {});
-    checkResult(
-        SQLDriverConnect(m_handle, nullptr, chars(connectionString), static_cast<SQLSMALLINT>(connectionString.size()),
-                         nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT),
-        SQL_HANDLE_DBC, m_handle, {});
+    check(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, version, 0), SQL_HANDLE_ENV, m_environment, {});
+    check(SQLAllocHandle(SQL_HANDLE_DBC, m_environment, &m_handle), SQL_HANDLE_ENV, m_environment, {});
+    check(SQLDriverConnect(m_handle, nullptr, chars(connectionString),
+                           static_cast<SQLSMALLINT>(connectionString.size()), nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT),
+          SQL_HANDLE_DBC, m_handle, {});
     m_connected = true;
     std::array<char, 64> name{};
     SQLSMALLINT length = 0;
-    checkResult(SQLGetInfo(m_handle, SQL_DBMS_NAME, name.data(), static_cast<SQLSMALLINT>(name.size()), &length),
-                SQL_HANDLE_DBC, m_handle, {});
+    check(SQLGetInfo(m_handle, SQL_DBMS_NAME, name.data(), static_cast<SQLSMALLINT>(name.size()), &length),
+          SQL_HANDLE_DBC, m_handle, {});
     m_engineName = name.data();
 }
 
@@ -360,17 +361,22 @@ void OdbcConnection::disconnect() noexcept {
 
 std::int64_t OdbcConnection::execute(std::string_view sql) {
     const std::string text(sql);
-    try {
-        const StatementHandle statement(m_handle);
-        checkResult(SQLExecDirect(statement.get(), chars(text), static_cast<SQLINTEGER>(text.size())), SQL_HANDLE_STMT,
-                    statement.get(), text);
-        SQLLEN rows = 0;
-        SQLRowCount(statement.get(), &rows);
-        return rows;
-    } catch (const AException& error) {
-        if (leavesDoubt(error)) setBroken();
-        throw;
+    SQLHSTMT allocated = nullptr;
+    check(SQLAllocHandle(SQL_HANDLE_STMT, m_handle, &allocated), SQL_HANDLE_DBC, m_handle, text);
+    const StatementHandle handle(allocated);
+    check(SQLExecDirect(allocated, chars(text), static_cast<SQLINTEGER>(text.size())), SQL_HANDLE_STMT, allocated,
+          text);
+    SQLSMALLINT columns = 0;
+    check(SQLNumResultCols(allocated, &columns), SQL_HANDLE_STMT, allocated, text);
+    if (columns > 0) {  // where rows are handed out as they come, nothing has happened before the first is asked for
+        SQLRETURN rc = SQL_SUCCESS;
+        while (rc != SQL_NO_DATA)
+            check(rc = SQLFetch(allocated), SQL_HANDLE_STMT, allocated, text);
+        return 0;
     }
+    SQLLEN rows = 0;
+    check(SQLRowCount(allocated, &rows), SQL_HANDLE_STMT, allocated, text);
+    return rows;
 }
 
 }  // namespace QOR

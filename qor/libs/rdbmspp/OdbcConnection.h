@@ -79,8 +79,9 @@ class OdbcStatement {
 /// One connection with an environment of its own. Used by one thread at a time.
 class OdbcConnection {
    public:
+    /// \param database its name for people, told where the database and not the statement is at fault
     /// \throws AException with the driver's text
-    explicit OdbcConnection(const std::string& connectionString);
+    OdbcConnection(const std::string& connectionString, std::string database);
     ~OdbcConnection();
     OdbcConnection(const OdbcConnection&) = delete;
     OdbcConnection& operator=(const OdbcConnection&) = delete;
@@ -95,7 +96,8 @@ class OdbcConnection {
 
    private:
     friend class OdbcStatement;
-    class Environment;
+    /// Throws what a return code means; \param rc SQLRETURN \param type of the handle
+    void check(int rc, short type, void* handle, const std::string& statement);
     void connect(const std::string& connectionString);
     void disconnect() noexcept;
 
@@ -103,6 +105,7 @@ class OdbcConnection {
     void* m_handle = nullptr;
     bool m_connected = false;
     bool m_broken = false;
+    std::string m_database;
     std::string m_engineName;
 };
 

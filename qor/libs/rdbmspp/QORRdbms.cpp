@@ -2,12 +2,16 @@
 
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <condition_variable>
 #include <deque>
+#include <filesystem>
 #include <mutex>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -57,10 +61,30 @@ void addSqliteDefaults(OdbcConnectionString& string, const ASDatabaseOptions& op
     }
 }
 
+// What is wrong with the path; the driver does not tell.
+std::string faultOf(const std::filesystem::path& file, bool mayBeCreated) {
+    std::error_code ignored;
+    const auto folder = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
+    if (!std::filesystem::exists(folder, ignored)) return ": the folder \"" + folder.string() + "\" does not exist";
+    if (std::filesystem::is_directory(file, ignored)) return ": it is a folder";
+    if (std::filesystem::exists(file, ignored)) {
+        if (::access(file.c_str(), R_OK) != 0) return ": " + std::generic_category().message(errno);
+    } else if (!mayBeCreated) {
+        return ": there is no such file";
+    } else if (::access(folder.c_str(), W_OK) != 0) {
+        return ": its folder: " + std::generic_category().message(errno);
+    }
+    return {};
+}
+
 AException cannotOpen(const Settings& settings, const AException& error) {
-    return AException("cannot open the database \"" + settings.database + "\" with the driver \"" + settings.driver +
-                          "\": " + error.text(),
-                      error.sqlState(), error.nativeCode(), error.statement());
+    std::string text = "cannot open the database \"" + settings.database + "\" with the driver \"" + settings.driver +
+                       "\": " + error.text();
+    const bool file = containsSqlite(settings.driver) && !isInMemory(settings.database);
+    const bool first = settings.connectionString.empty();
+    if (file && error.text() == "connect failed")
+        text += faultOf(settings.database, first && !settings.options.readOnly);
+    return AException(std::move(text), error.sqlState(), error.nativeCode(), error.statement());
 }
 
 // The driver opens a file without looking into it.
@@ -70,7 +94,7 @@ void probe(ASSession::Impl& session) {
 
 std::unique_ptr<ASSession> open(const Settings& settings, const std::string& connectionString) {
     try {
-        auto impl = std::make_unique<ASSession::Impl>(connectionString);
+        auto impl = std::make_unique<ASSession::Impl>(connectionString, settings.database);
         impl->generation = settings.generation;
         impl->file = ASFileIdentity::of(settings.file);
         if (settings.options.readOnly && impl->dialect->engine == ASEngine::SQLite) {
@@ -179,8 +203,8 @@ void ASStatement::reset() {
 
 // --- sessions --------------------------------------------------------------------------------------------------
 
-ASSession::Impl::Impl(const std::string& connectionString)
-    : connection(connectionString),
+ASSession::Impl::Impl(const std::string& connectionString, std::string database)
+    : connection(connectionString, std::move(database)),
       dialect(&ASDialect::of(engineOf(connection.engineName()))),
       builder(*dialect, ASPurpose::Execution) {}
 
@@ -413,6 +437,11 @@ ASEngine QORRdbms::engine() const {
 bool QORRdbms::isConfigured() const {
     const std::lock_guard lock(m_impl->mutex);
     return m_impl->settings != nullptr;
+}
+
+std::size_t QORRdbms::waiting() const {
+    const std::lock_guard lock(m_impl->mutex);
+    return m_impl->waiters.size();
 }
 
 void QORRdbms::shutdown() {

@@ -91,6 +91,8 @@ class QOR_API QORRdbms {
     const ASDatabaseOptions& options() const;
     ASEngine engine() const;
     bool isConfigured() const;
+    /// How many requests wait for a connection now.
+    std::size_t waiting() const;
     /// Closes idle connections; those in use close when they come back.
     void shutdown();
 
