@@ -1,0 +1,117 @@
+/// \file
+/// QOREnvCache: the environments of this host in memory, and the snapshots that requests take of them.
+#pragma once
+
+#include <cstddef>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include "QORCommon/QORExport.h"
+#include "QORCommon/QORReferenceCounter.h"
+#include "QORLibAgent/QOREnv.h"
+
+namespace QOR {
+
+/// Environments in the order of their identifiers. Immutable, so that a request may keep one while the cache goes on
+/// changing: what did not change is shared between snapshots.
+class QOR_API QOREnvList final : public QORReferenceCounter {
+public:
+    using Env = QORPtr<const QOREnv>;
+    /// Never empty.
+    using Chunk = std::vector<Env>;
+    using Chunks = std::vector<std::shared_ptr<const Chunk>>;
+
+    class const_iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = Env;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const Env*;
+        using reference = const Env&;
+
+        const_iterator() = default;
+        const_iterator(const Chunks* chunks, std::size_t chunk) noexcept : m_chunks(chunks), m_chunk(chunk) {}
+        reference operator*() const noexcept { return (*(*m_chunks)[m_chunk])[m_at]; }
+        pointer operator->() const noexcept { return &**this; }
+        const_iterator& operator++() noexcept {
+            if (++m_at == (*m_chunks)[m_chunk]->size()) {
+                ++m_chunk;
+                m_at = 0;
+            }
+            return *this;
+        }
+        const_iterator operator++(int) noexcept {
+            const_iterator before = *this;
+            ++*this;
+            return before;
+        }
+        friend bool operator==(const const_iterator&, const const_iterator&) = default;
+
+    private:
+        const Chunks* m_chunks = nullptr;
+        std::size_t m_chunk = 0;
+        std::size_t m_at = 0;
+    };
+
+    QOREnvList() = default;
+    /// \param chunks in order, each of them too
+    explicit QOREnvList(Chunks chunks);
+    ~QOREnvList() override;
+
+    const_iterator begin() const noexcept { return {&m_chunks, 0}; }
+    const_iterator end() const noexcept { return {&m_chunks, m_chunks.size()}; }
+    std::size_t size() const noexcept { return m_size; }
+    bool empty() const noexcept { return m_size == 0; }
+    /// Null when it is not in the list.
+    Env find(const QOREID& eid) const;
+    const Chunks& chunks() const noexcept { return m_chunks; }
+
+private:
+    Chunks m_chunks;
+    std::size_t m_size = 0;
+};
+
+/// Thread-safe. What a client gets follows from the client context of the calling thread: all environments with full
+/// access, otherwise those that its identities stand for.
+class QOR_API QOREnvCache {
+public:
+    QOREnvCache();
+    ~QOREnvCache();
+    QOREnvCache(const QOREnvCache&) = delete;
+    QOREnvCache& operator=(const QOREnvCache&) = delete;
+
+    /// A snapshot; never null.
+    QORPtr<const QOREnvList> getEnvList() const;
+    /// One environment; null when it is not known, or not the client's.
+    QORPtr<const QOREnv> getEnvCopy(const QOREID& eid) const;
+
+    /// Puts environments in, each in place of the one with its identifier; of several with one identifier the last
+    /// counts. Snapshots that were taken before do not change.
+    void update(std::vector<QORPtr<const QOREnv>> envs);
+    /// Takes the place of everything.
+    void replace(std::vector<QORPtr<const QOREnv>> envs);
+    /// Reads all environments from the host's database, in place of everything. A database that is not the host's
+    /// own has none. \throws AException
+    void load();
+
+    /// Whoever writes environments to the database holds this from before the transaction until the cache is up to
+    /// date, so that the cache sees changes in the order in which they were committed.
+    std::unique_lock<std::mutex> lockForWriting() { return std::unique_lock(m_writing); }
+
+private:
+    QORPtr<const QOREnvList> current() const;
+
+    std::mutex m_writing;
+    mutable std::mutex m_mutex;
+    QORPtr<const QOREnvList> m_list;  // guarded by m_mutex; never null
+};
+
+/// The cache of this process; null until a host has made one.
+QOR_API QOREnvCache* envCache() noexcept;
+/// \param cache must outlive its use; null when there is none any more
+QOR_API void setEnvCache(QOREnvCache* cache) noexcept;
+
+}  // namespace QOR

@@ -1,0 +1,156 @@
+/// \file
+/// The operation log and the event log: agents that answer queries with sequences that know their size and read
+/// records when they are touched.
+///
+/// Records come newest first, those of one second by arrival, latest first. A client without full access (the client
+/// context of the calling thread) finds only what belongs to the environments of its identities: records, sizes and
+/// positions alike.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "QORCommon/QORExport.h"
+#include "QORCommon/QORGuid.h"
+#include "QORCommon/QORReferenceCounter.h"
+#include "QORLibAgent/QORInfo.h"
+
+namespace QOR {
+
+class QORLocalAccess;
+
+/// One record of the operation log.
+struct QORRequestProgressData {
+    std::string id;
+    std::string parentId;
+    std::string op;
+    int status = 0;
+    std::int64_t time = 0;  ///< seconds since the epoch
+    QOREID eid;             ///< the environment that it belongs to; invalid for none
+    std::set<QOREID> eids;  ///< the environments that it touches
+    QORInfo message;
+};
+
+/// One record of the event log.
+struct QOREvent {
+    std::int64_t time = 0;  ///< seconds since the epoch
+    QOREID eid;             ///< the environment that it belongs to; invalid for none
+    std::string source;
+    std::string category;
+    QORInfo info;
+};
+
+/// Of which environments records are wanted.
+class QOREnvSelection {
+public:
+    static QOREnvSelection all() { return {Kind::All, QOREID()}; }
+    /// No environment, so no record.
+    static QOREnvSelection none() { return {Kind::None, QOREID()}; }
+    static QOREnvSelection one(const QOREID& eid) { return {Kind::One, eid}; }
+    /// As the agents' contract has it: the invalid identifier stands for all environments.
+    QOREnvSelection(const QOREID& eid) : QOREnvSelection(eid.isValid() ? Kind::One : Kind::All, eid) {}
+
+    bool isAll() const noexcept { return m_kind == Kind::All; }
+    bool isNone() const noexcept { return m_kind == Kind::None; }
+    const QOREID& eid() const noexcept { return m_eid; }
+
+private:
+    enum class Kind { All, One, None };
+    QOREnvSelection(Kind kind, const QOREID& eid) : m_kind(kind), m_eid(eid) {}
+
+    Kind m_kind;
+    QOREID m_eid;
+};
+
+/// What a log agent found, a sequence of records. It sees the log as it was when it was filled, for as long as it
+/// lives, and keeps a connection to the database for that time: drop it when the request ends. Movable; used by the
+/// thread that filled it. Empty until it is filled.
+template <class Record>
+class QORLogResult {
+public:
+    /// Where records come from.
+    class Source {
+    public:
+        virtual ~Source() = default;
+        /// The records from a position on, at least one of those that exist and at most `most`.
+        virtual std::vector<Record> read(std::size_t from, std::size_t most) = 0;
+    };
+
+    QORLogResult() = default;
+    QORLogResult(std::unique_ptr<Source> source, std::size_t size) : m_source(std::move(source)), m_size(size) {}
+
+    /// Known without reading records.
+    std::size_t size() const noexcept { return m_size; }
+    bool empty() const noexcept { return m_size == 0; }
+    /// The record at a position below size(). Neighbours are read along with it: going through records in order
+    /// costs little more than reading them at once. The reference is valid until the next call.
+    /// \throws AException, QORException when the record cannot be read
+    const Record& at(std::size_t index) {
+        if (index < m_first || index - m_first >= m_page.size()) readPage(index);
+        return m_page[index - m_first];
+    }
+
+private:
+    static constexpr std::size_t firstPage = 32;
+    static constexpr std::size_t largestPage = 512;
+
+    void readPage(std::size_t index) {
+        const bool goesOn = !m_page.empty() && index == m_first + m_page.size();
+        m_most = goesOn ? (m_most * 2 < largestPage ? m_most * 2 : largestPage) : firstPage;
+        m_page = m_source->read(index, m_most);
+        m_first = index;
+    }
+
+    std::unique_ptr<Source> m_source;
+    std::size_t m_size = 0;
+    std::vector<Record> m_page;
+    std::size_t m_first = 0;
+    std::size_t m_most = firstPage;
+};
+
+using QOROpLogResult = QORLogResult<QORRequestProgressData>;
+using QOREventLogResult = QORLogResult<QOREvent>;
+
+/// Asks the operation log.
+class QOR_API QOROpLogAgent {
+public:
+    /// \param owner of the log; the invalid identifier stands for this host, whose log is the only one
+    explicit QOROpLogAgent(const QOREID& owner = QOREID());
+
+    /// Fills the result with the operations of the selected environments - their own, and those that touch them -
+    /// whose time lies between `from` and `to`, both included.
+    /// \param access for whom \param idFilter,opFilter "" for any \param state,flags 0 for any; other values of these
+    /// four are refused \param most records; those beyond are left out
+    /// \returns 0; non-zero, with getErrorMessage() telling why, and the result empty
+    int getOps(QOROpLogResult& result, const QOREnvSelection& envs, const QORPtr<QORLocalAccess>& access,
+               const std::string& idFilter, const std::string& opFilter, int state, int flags, int most, int from,
+               int to);
+
+private:
+    QOREID m_owner;
+};
+
+/// Asks the event log.
+class QOR_API QOREventLogAgent {
+public:
+    explicit QOREventLogAgent(const QOREID& owner = QOREID());
+
+    /// Fills the result with the events of the selected environments in a category whose time lies between `from` and
+    /// `to`, both included. \param first,most the records wanted of those found, by position \param category exactly;
+    /// "" for events without one \param flags 0; other values are refused
+    /// \returns as getOps()
+    int getEvents(QOREventLogResult& result, const QOREnvSelection& envs, int first, int most,
+                  const QORPtr<QORLocalAccess>& access, const std::string& category, int flags, int from, int to);
+
+private:
+    QOREID m_owner;
+};
+
+/// Why the calling thread's last call to a log agent failed; "" when it did not.
+QOR_API const char* getErrorMessage() noexcept;
+
+}  // namespace QOR
