@@ -39,11 +39,12 @@ struct QOREnvConfigData {
     std::optional<std::string> type;
     QOROSInfo os;
     std::optional<std::vector<std::string>> addresses;
-    QORInfo further;  ///< the members beyond these: the children of a nameless document
+    QORInfo further;  ///< the members beyond these: the children of a nameless document, "os" among them when the
+                      ///< operating system has further members
 
     /// Reads a configuration from the document that holds all its members: name, description, domain, hostname,
     /// architecture, type, os with name, platform, version and kernel, ip (once an address), and any others.
-    static QOREnvConfigData fromDocument(const QORInfo& document);
+    QOR_API static QOREnvConfigData fromDocument(const QORInfo& document);
 
     friend bool operator==(const QOREnvConfigData&, const QOREnvConfigData&) = default;
 };
@@ -116,7 +117,8 @@ private:
 /// title, state, transition, config and virtual_config. A configuration's children bear the names of its members:
 /// name, description, domain, hostname, architecture, type, os (name, platform, version, kernel), ip once an address,
 /// then the further members, nested as they are. What is not known is left out. The cursor stays where it is.
-/// \returns 0; non-zero, with nothing appended that stays reachable under `id`, when it does not fit
+/// A member without a name has no element. The message must allow for QORInfo::maxDepth and four levels more.
+/// \returns 0; non-zero when it does not fit, with the cursor somewhere in what was appended so far
 QOR_API int putObj(QORMessageIterator& at, QORTag id, const QOREnv& env);
 
 /// Appends an info document as a child `id`: its parameters are nested elements of their names, its text the text.

@@ -38,6 +38,8 @@ struct QORVocParameter {
     std::string id;  ///< empty when it bears none
     std::vector<std::pair<std::string, std::string>> values;
     std::vector<std::string> marks;
+    std::string file;  ///< where it was read
+    std::size_t line = 0;
 };
 
 /// Goes through the parameters of one category, in their order. Operations return 0 on success and non-zero otherwise.
@@ -62,6 +64,8 @@ public:
 
 private:
     friend class QORVocMap;
+    const QORVocParameter* current() const noexcept;
+
     const std::vector<QORVocParameter>* m_parameters = nullptr;
     std::size_t m_at = 0;
 };
@@ -72,6 +76,7 @@ public:
     using Category = std::vector<QORVocParameter>;
 
     QORVocMap() = default;
+    QORVocMap(const QORVocMap& other) : QORReferenceCounter(), m_categories(other.m_categories) {}
     ~QORVocMap() override;
 
     /// Fails when there is no such category.
@@ -99,11 +104,17 @@ struct QORVocMistake {
 class QOR_API QORVocReader {
 public:
     QORVocReader();
+    ~QORVocReader();
+    QORVocReader(const QORVocReader&) = delete;
+    QORVocReader& operator=(const QORVocReader&) = delete;
 
     /// \returns false when the file cannot be used at all; nothing of it has been taken then
     bool readFile(const std::filesystem::path& file);
     /// The same for a text. \param file what to call it in mistakes
     bool readText(std::string_view xml, const std::string& file);
+
+    /// Looks for what is wrong only when all files are taken together. After the last file.
+    void checkTogether();
 
     const std::vector<QORVocMistake>& mistakes() const noexcept { return m_mistakes; }
     /// What has been read.

@@ -1,0 +1,244 @@
+#include "QORLibAgent/QOREnv.h"
+
+#include <array>
+#include <string_view>
+#include <utility>
+
+#include "QORCommon/QORException.h"
+#include "QORMessage/QORBinaryIterator.h"
+#include "QORMessage/QORMessage.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::string_view osMember = "os";
+constexpr std::string_view addressMember = "ip";
+
+struct TextMember {
+    std::string_view name;
+    std::optional<std::string> QOREnvConfigData::*value;
+};
+
+constexpr std::array<TextMember, 6> textMembers{{
+    {"name", &QOREnvConfigData::name},
+    {"description", &QOREnvConfigData::description},
+    {"domain", &QOREnvConfigData::domain},
+    {"hostname", &QOREnvConfigData::hostname},
+    {"architecture", &QOREnvConfigData::architecture},
+    {"type", &QOREnvConfigData::type},
+}};
+
+struct OsMember {
+    std::string_view name;
+    std::optional<std::string> QOROSInfo::*value;
+};
+
+constexpr std::array<OsMember, 4> osMembers{{
+    {"name", &QOROSInfo::name},
+    {"platform", &QOROSInfo::platform},
+    {"version", &QOROSInfo::version},
+    {"kernel", &QOROSInfo::kernel},
+}};
+
+/// Takes the parameter when it is one of the members and the first of its name.
+template <class Owner, class Members>
+bool takeMember(const QORInfo& parameter, const Members& members, Owner& owner) {
+    for (const auto& member : members) {
+        if (member.name != parameter.name() || !parameter.children().empty()) continue;
+        if (owner.*member.value) return false;
+        owner.*member.value = parameter.value();
+        return true;
+    }
+    return false;
+}
+
+void takeOs(const QORInfo& os, QOREnvConfigData& config) {
+    QORInfo further{std::string(osMember)};
+    for (const QORInfo& parameter : os.children()) {
+        if (!takeMember(parameter, osMembers, config.os)) further.add(parameter);
+    }
+    if (!further.children().empty()) config.further.add(std::move(further));
+}
+
+void takeParameter(const QORInfo& parameter, QOREnvConfigData& config) {
+    if (parameter.name() == osMember) return takeOs(parameter, config);
+    if (parameter.name() == addressMember && parameter.children().empty()) {
+        if (parameter.value().empty()) return;
+        if (!config.addresses) config.addresses.emplace();
+        config.addresses->push_back(parameter.value());
+        return;
+    }
+    if (!takeMember(parameter, textMembers, config)) config.further.add(parameter);
+}
+
+/// Puts parts of an environment under a cursor; remembers whether any did not fit.
+class Putter {
+public:
+    explicit Putter(QORMessageIterator& at) : m_at(at) {}
+
+    /// Runs `put` with the cursor in a new child of that name.
+    template <class Put>
+    void inside(std::string_view name, Put put) {
+        if (!m_fits || name.empty()) return;
+        inside(QORTagDictionary::instance().intern(name), put);
+    }
+    template <class Put>
+    void inside(QORTag id, Put put) {
+        check(m_fits ? m_at.addChild(id) : -1);
+        if (!m_fits) return;
+        put();
+        if (m_fits) check(m_at.seekUp());
+    }
+
+    void text(std::string_view name, std::string_view value) {
+        inside(name, [&] { check(m_at.putValue(value)); });
+    }
+    void text(std::string_view name, const std::optional<std::string>& value) {
+        if (value) text(name, std::string_view(*value));
+    }
+    void eid(std::string_view name, const QOREID& value) {
+        if (value.isValid()) text(name, std::string_view(value.toString()));
+    }
+    void number(std::string_view name, int value) {
+        inside(name, [&] { check(m_at.putInt(value)); });
+    }
+
+    /// The text and the parameters of a document, into the current element. As deep as documents may be.
+    void content(const QORInfo& info) {
+        if (info.children().empty()) {
+            if (!info.value().empty()) check(m_at.putValue(info.value()));
+            return;
+        }
+        for (const QORInfo& child : info.children())
+            inside(child.name(), [&] { content(child); });
+    }
+
+    void config(const QOREnvConfig& config) {
+        text("name", config.name());
+        text("description", config.description());
+        text("domain", config.domain());
+        text("hostname", config.hostname());
+        text("architecture", config.architecture());
+        text("type", config.type());
+        os(config.os(), config.further().getParameter(osMember));
+        if (config.addresses()) {
+            for (const std::string& address : *config.addresses())
+                text(addressMember, std::string_view(address));
+        }
+        for (const QORInfo& parameter : config.further().children()) {
+            if (parameter.name() != osMember) inside(parameter.name(), [&] { content(parameter); });
+        }
+    }
+
+    void env(const QOREnv& env) {
+        eid("eid", env.getEID());
+        eid("parent_eid", env.getParentEID());
+        text("title", env.getTitle());
+        number("state", env.getStatus().state);
+        number("transition", env.getStatus().transition);
+        if (!env.getConfig()->empty()) inside("config", [&] { config(*env.getConfig()); });
+        if (!env.getVirtualConfig()->empty()) inside("virtual_config", [&] { config(*env.getVirtualConfig()); });
+    }
+
+    int result() const noexcept { return m_fits ? 0 : -1; }
+
+private:
+    void check(int result) noexcept { m_fits = m_fits && result == 0; }
+
+    void os(const QOROSInfo& os, const QORInfo* further) {
+        if (os == QOROSInfo() && further == nullptr) return;
+        inside(osMember, [&] {
+            for (const OsMember& member : osMembers)
+                text(member.name, os.*member.value);
+            if (further != nullptr) content(*further);
+        });
+    }
+
+    QORMessageIterator& m_at;
+    bool m_fits = true;
+};
+
+/// Documents are nested as deep as they may be, below what an environment puts around them.
+QORMessageLimits configLimits() {
+    QORMessageLimits limits;
+    limits.depth = static_cast<std::uint32_t>(QORInfo::maxDepth) + 4;
+    return limits;
+}
+
+struct ConfigMessage {
+    QORMessage message{configLimits()};
+    QORBinaryIterator at = message.root();
+};
+
+const QORPtr<const QOREnvConfig>& emptyConfig() {
+    static const QORPtr<const QOREnvConfig> config = makeQORPtr<QOREnvConfig>();
+    return config;
+}
+
+QORPtr<const QOREnvConfig> orEmpty(QORPtr<const QOREnvConfig> config) {
+    return config ? std::move(config) : emptyConfig();
+}
+
+/// Runs what may find the dictionary of names full.
+template <class Put>
+int guarded(Put put) {
+    try {
+        return put();
+    } catch (const QORException&) {
+        return -1;
+    }
+}
+
+}  // namespace
+
+QOREnvConfigData QOREnvConfigData::fromDocument(const QORInfo& document) {
+    QOREnvConfigData config;
+    for (const QORInfo& parameter : document.children())
+        takeParameter(parameter, config);
+    return config;
+}
+
+QOREnvConfig::~QOREnvConfig() = default;
+
+std::shared_ptr<QORMessageIterator> QOREnvConfig::getMessageIterator() const {
+    auto owner = std::make_shared<ConfigMessage>();
+    QORBinaryIterator root = owner->message.root();
+    const int failure = guarded([&] {
+        Putter putter(root);
+        putter.config(*this);
+        return putter.result();
+    });
+    if (failure != 0) return nullptr;
+    return {owner, &owner->at};
+}
+
+QOREnv::QOREnv(const QOREID& eid) : QOREnv(eid, QOREID(), std::nullopt, Status(), nullptr, nullptr) {}
+
+QOREnv::QOREnv(const QOREID& eid, const QOREID& parentEid, std::optional<std::string> title, Status status,
+               QORPtr<const QOREnvConfig> config, QORPtr<const QOREnvConfig> virtualConfig)
+    : m_eid(eid),
+      m_parentEid(parentEid),
+      m_title(std::move(title)),
+      m_status(status),
+      m_config(orEmpty(std::move(config))),
+      m_virtualConfig(orEmpty(std::move(virtualConfig))) {}
+
+QOREnv::~QOREnv() = default;
+
+int putObj(QORMessageIterator& at, QORTag id, const QOREnv& env) {
+    return guarded([&] {
+        Putter putter(at);
+        putter.inside(id, [&] { putter.env(env); });
+        return putter.result();
+    });
+}
+
+int putObj(QORMessageIterator& at, QORTag id, const QORInfo& info) {
+    return guarded([&] {
+        Putter putter(at);
+        putter.inside(id, [&] { putter.content(info); });
+        return putter.result();
+    });
+}
+
+}  // namespace QOR

@@ -1,0 +1,327 @@
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <pugixml.hpp>
+#include <set>
+#include <span>
+#include <system_error>
+
+#include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORText.h"
+#include "QORLibLocal/QORVocabulary.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::string_view fieldsCategory = "pager_fields";
+constexpr std::string_view cachesCategory = "pager_caches";
+
+/// What a category's parameters may hold.
+struct CategoryRule {
+    std::string_view name;
+    std::span<const std::string_view> required;
+    std::span<const std::string_view> optional;
+    std::span<const std::string_view> integers;
+    std::span<const std::string_view> marks;
+};
+
+constexpr std::array<std::string_view, 1> sourceOnly{"source"};
+constexpr std::array<std::string_view, 3> fieldValues{"value", "type", "cache"};
+constexpr std::array<std::string_view, 2> fieldMarks{"multi", "base64"};
+constexpr std::array<std::string_view, 4> cacheValues{"info_prefix", "info_path", "sync_timeout", "security_operation"};
+constexpr std::array<std::string_view, 2> cacheIntegers{"sync_timeout", "security_operation"};
+constexpr std::array<std::string_view, 6> typeWords{"string", "int", "ipaddress", "date", "time", "boolean"};
+
+constexpr std::array<CategoryRule, 2> rules{{
+    {fieldsCategory, sourceOnly, fieldValues, {}, fieldMarks},
+    {cachesCategory, sourceOnly, cacheValues, cacheIntegers, {}},
+}};
+
+template <class Range>
+bool contains(const Range& range, std::string_view text) {
+    return std::find(std::begin(range), std::end(range), text) != std::end(range);
+}
+
+template <class Range>
+std::string listed(const Range& range) {
+    std::string text;
+    for (const std::string_view one : range) {
+        if (!text.empty()) text += ", ";
+        text += one;
+    }
+    return text;
+}
+
+const std::string* valueOf(const QORVocParameter& parameter, std::string_view key) {
+    for (const auto& [name, text] : parameter.values) {
+        if (name == key) return &text;
+    }
+    return nullptr;
+}
+
+/// Reads one text into a vocabulary of its own.
+class FileReader {
+public:
+    FileReader(std::string_view xml, const std::string& file, std::vector<QORVocMistake>& mistakes)
+        : m_xml(xml), m_file(file), m_mistakes(mistakes) {}
+
+    bool read(QORVocMap& out) {
+        pugi::xml_document document;
+        const pugi::xml_parse_result parsed =
+            document.load_buffer(m_xml.data(), m_xml.size(), pugi::parse_default | pugi::parse_trim_pcdata,
+                                 pugi::encoding_utf8);
+        if (!parsed) return refuse(parsed.offset, std::string("this is not XML: ") + parsed.description());
+        if (!isUtf8(m_xml)) {
+            return refuse(static_cast<std::ptrdiff_t>(utf8Prefix(m_xml)), "the text is not UTF-8 from here on");
+        }
+        const pugi::xml_node root = document.document_element();
+        if (std::string_view(root.name()) != "vocabulary") {
+            return refuse(root.offset_debug(),
+                          "a vocabulary begins with <vocabulary>, not with <" + std::string(root.name()) + ">");
+        }
+        checkAttributes(root, {});
+        for (const pugi::xml_node& node : document.children()) {
+            if (isContent(node) && node != root) wrong(node, "nothing may stand behind the vocabulary");
+        }
+        for (const pugi::xml_node& node : root.children())
+            readCategory(node, out);
+        return true;
+    }
+
+private:
+    static bool isContent(const pugi::xml_node& node) {
+        return node.type() == pugi::node_element || node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
+    }
+
+    std::size_t lineAt(std::ptrdiff_t offset) const {
+        const auto end = static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(
+            offset, 0, static_cast<std::ptrdiff_t>(m_xml.size())));
+        return 1 + static_cast<std::size_t>(std::count(m_xml.begin(), m_xml.begin() + static_cast<std::ptrdiff_t>(end),
+                                                       '\n'));
+    }
+
+    bool refuse(std::ptrdiff_t offset, std::string reason) {
+        m_mistakes.push_back({m_file, lineAt(offset), std::move(reason), true});
+        return false;
+    }
+    void wrong(const pugi::xml_node& node, std::string reason) {
+        m_mistakes.push_back({m_file, lineAt(node.offset_debug()), std::move(reason), false});
+    }
+
+    static std::string describe(const pugi::xml_node& node) {
+        if (node.type() != pugi::node_element) return "text " + quoteText(node.value());
+        return "element <" + std::string(node.name()) + ">";
+    }
+
+    void checkAttributes(const pugi::xml_node& node, std::initializer_list<std::string_view> known,
+                         std::span<const std::string_view> more = {}) {
+        std::set<std::string_view> seen;
+        for (const pugi::xml_attribute& attribute : node.attributes()) {
+            const std::string_view name = attribute.name();
+            if (!contains(known, name) && !contains(more, name)) {
+                wrong(node, "<" + std::string(node.name()) + "> knows no attribute " + quoteText(name));
+            } else if (!seen.insert(name).second) {
+                wrong(node, "attribute " + quoteText(name) + " is there twice");
+            }
+        }
+    }
+
+    void readCategory(const pugi::xml_node& node, QORVocMap& out) {
+        if (!isContent(node)) return;
+        if (std::string_view(node.name()) != "category") {
+            return wrong(node, "unexpected " + describe(node) + ": a vocabulary holds categories");
+        }
+        checkAttributes(node, {"name"});
+        const std::string name = node.attribute("name").value();
+        if (name.empty()) return wrong(node, "a category needs a name");
+        const auto* const rule =
+            std::find_if(rules.begin(), rules.end(), [&](const CategoryRule& one) { return one.name == name; });
+        if (rule == rules.end()) {
+            wrong(node, "unknown category " + quoteText(name) + "; known are " + std::string(fieldsCategory) + " and " +
+                            std::string(cachesCategory));
+        }
+        QORVocMap::Category& category = out.category(name);
+        for (const pugi::xml_node& child : node.children()) {
+            if (!isContent(child)) continue;
+            if (std::string_view(child.name()) != "parameter") {
+                wrong(child, "unexpected " + describe(child) + ": a category holds parameters");
+                continue;
+            }
+            QORVocParameter parameter = readParameter(child);
+            check(child, parameter, category, rule == rules.end() ? nullptr : rule);
+            category.push_back(std::move(parameter));
+        }
+    }
+
+    QORVocParameter readParameter(const pugi::xml_node& node) {
+        QORVocParameter parameter;
+        parameter.file = m_file;
+        parameter.line = lineAt(node.offset_debug());
+        for (const pugi::xml_attribute& attribute : node.attributes()) {
+            if (std::string_view(attribute.name()) == "id") {
+                parameter.id = attribute.value();
+            } else {
+                parameter.marks.emplace_back(attribute.name());
+            }
+        }
+        for (const pugi::xml_node& child : node.children()) {
+            if (!isContent(child)) continue;
+            if (child.type() != pugi::node_element) {
+                wrong(child, "unexpected " + describe(child) + ": a parameter holds elements");
+                continue;
+            }
+            readValue(child, parameter);
+        }
+        return parameter;
+    }
+
+    void readValue(const pugi::xml_node& node, QORVocParameter& parameter) {
+        checkAttributes(node, {});
+        std::string text;
+        for (const pugi::xml_node& child : node.children()) {
+            if (child.type() == pugi::node_element) {
+                wrong(child, "unexpected " + describe(child) + ": <" + std::string(node.name()) + "> holds a text");
+            } else if (isContent(child)) {
+                text += child.value();
+            }
+        }
+        if (valueOf(parameter, node.name()) != nullptr) {
+            return wrong(node, describe(node) + " is there twice; the first counts");
+        }
+        parameter.values.emplace_back(node.name(), std::move(text));
+    }
+
+    void check(const pugi::xml_node& node, const QORVocParameter& parameter, const QORVocMap::Category& category,
+               const CategoryRule* rule) {
+        if (parameter.id.empty()) {
+            wrong(node, "a parameter needs an id; this one is passed over");
+        } else if (std::any_of(category.begin(), category.end(),
+                               [&](const QORVocParameter& one) { return one.id == parameter.id; })) {
+            wrong(node, "parameter " + quoteText(parameter.id) + " is there twice");
+        }
+        if (rule == nullptr) return;
+        checkAttributes(node, {"id"}, rule->marks);
+        for (const std::string_view key : rule->required) {
+            const std::string* const text = valueOf(parameter, key);
+            if (text == nullptr) {
+                wrong(node, quoteText(parameter.id) + " has no <" + std::string(key) + ">; it is passed over");
+            } else if (text->empty()) {
+                wrong(node, "<" + std::string(key) + "> of " + quoteText(parameter.id) + " is empty");
+            }
+        }
+        for (const auto& [key, text] : parameter.values)
+            checkValue(node, parameter, *rule, key, text);
+    }
+
+    void checkValue(const pugi::xml_node& node, const QORVocParameter& parameter, const CategoryRule& rule,
+                    const std::string& key, const std::string& text) {
+        const std::string named = "<" + key + "> of " + quoteText(parameter.id);
+        const pugi::xml_node child = node.child(key.c_str());
+        if (!contains(rule.required, key) && !contains(rule.optional, key)) {
+            wrong(child, named + ": " + std::string(rule.name) + " has no such value; known are " +
+                             listed(rule.required) + ", " + listed(rule.optional));
+        } else if (contains(rule.integers, key) && !parseInt32(text)) {
+            wrong(child, named + ": " + quoteText(text) + " is not an integer of 32 bits");
+        } else if (key == "type" && !text.empty() && !contains(typeWords, text)) {
+            wrong(child, named + ": unknown type " + quoteText(text) + ", read as string; known are " +
+                             listed(typeWords));
+        }
+    }
+
+    std::string_view m_xml;
+    const std::string& m_file;
+    std::vector<QORVocMistake>& m_mistakes;
+};
+
+/// Puts the parameters of one vocabulary on top of another's.
+void merge(const QORVocMap& from, QORVocMap& to) {
+    for (const auto& [name, parameters] : from.categories()) {
+        QORVocMap::Category& category = to.category(name);
+        const auto before = static_cast<std::ptrdiff_t>(category.size());
+        for (const QORVocParameter& parameter : parameters) {
+            const auto end = category.begin() + before;
+            const auto same = std::find_if(category.begin(), end, [&](const QORVocParameter& one) {
+                return !one.id.empty() && one.id == parameter.id;
+            });
+            if (same == end) {
+                category.push_back(parameter);
+            } else {
+                *same = parameter;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+std::string QORVocMistake::text() const {
+    return file + ":" + (line == 0 ? std::string() : std::to_string(line) + ":") + " " + reason;
+}
+
+QORVocReader::QORVocReader() : m_vocabulary(makeQORPtr<QORVocMap>()) {}
+QORVocReader::~QORVocReader() = default;
+
+bool QORVocReader::readFile(const std::filesystem::path& file) {
+    std::error_code error;
+    if (std::filesystem::is_directory(file, error)) {
+        m_mistakes.push_back({file.string(), 0, "this is a folder", true});
+        return false;
+    }
+    errno = 0;
+    std::ifstream stream(file, std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    if (!stream.is_open() || stream.bad()) {
+        m_mistakes.push_back({file.string(), 0, std::string("cannot be read: ") + std::strerror(errno), true});
+        return false;
+    }
+    return readText(text, file.string());
+}
+
+bool QORVocReader::readText(std::string_view xml, const std::string& file) {
+    const QORPtr<QORVocMap> own = makeQORPtr<QORVocMap>();
+    if (!FileReader(xml, file, m_mistakes).read(*own)) return false;
+    const QORPtr<QORVocMap> together = makeQORPtr<QORVocMap>(*m_vocabulary);
+    merge(*own, *together);
+    m_vocabulary = together;
+    return true;
+}
+
+void QORVocReader::checkTogether() {
+    static const QORVocMap::Category none;
+    const auto categoryOf = [this](std::string_view name) -> const QORVocMap::Category& {
+        const auto found = m_vocabulary->categories().find(name);
+        return found == m_vocabulary->categories().end() ? none : found->second;
+    };
+    const QORVocMap::Category& caches = categoryOf(cachesCategory);
+    std::set<std::string_view> known;
+    for (const QORVocParameter& cache : caches)
+        known.insert(cache.id);
+    for (const QORVocParameter& field : categoryOf(fieldsCategory)) {
+        const std::string* const cache = valueOf(field, "cache");
+        if (cache == nullptr || known.contains(*cache)) continue;
+        m_mistakes.push_back({field.file, field.line,
+                              "<cache> of " + quoteText(field.id) + ": " + quoteText(*cache) + " is not among " +
+                                  std::string(cachesCategory),
+                              false});
+    }
+    std::map<std::string, std::string> prefixes;
+    for (const QORVocParameter& cache : caches) {
+        const std::string* const prefix = valueOf(cache, "info_prefix");
+        if (prefix == nullptr || prefix->empty()) continue;
+        const auto [first, isNew] = prefixes.emplace(*prefix, cache.id);
+        if (isNew || first->second == cache.id) continue;
+        m_mistakes.push_back({cache.file, cache.line,
+                              "<info_prefix> of " + quoteText(cache.id) + ": " + quoteText(*prefix) +
+                                  " is that of " + quoteText(first->second) + " already",
+                              false});
+    }
+}
+
+QORPtr<const QORVocMap> QORVocReader::vocabulary() const {
+    return m_vocabulary;
+}
+
+}  // namespace QOR
