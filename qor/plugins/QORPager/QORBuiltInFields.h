@@ -5,7 +5,7 @@
 #include <span>
 #include <string_view>
 
-#include "QORPager/QORFieldTypes.h"
+#include "QORPager/QORField.h"
 
 namespace QOR {
 
@@ -13,6 +13,7 @@ namespace QOR {
 struct QORBuiltInField {
     std::string_view name;
     TCursorType cursorType;
+    QORFieldGetter getter;
     TValueType valueType = TValueType::String;
     FieldStructType structType = FieldStructType::Single;
     bool providerBound = false;  ///< the field holds the field set's access provider

@@ -1,5 +1,6 @@
-# The filter language and the field model it shares with the rows.
+# The filter language, and the fields and rows whose values it reads.
 set(QORPAGER_EXPRESSION_SOURCES
+  QORArg.cpp
   QORBuiltInFields.cpp
   QORExpressionEvaluation.cpp
   QORExpressionEvaluationLexer.cpp
@@ -11,4 +12,6 @@ set(QORPAGER_EXPRESSION_SOURCES
   QORExpressionText.cpp
   QORExpressionTree.cpp
   QORField.cpp
+  QORFieldGetters.cpp
+  QORFieldSet.cpp
   Operators/QORDateTimeRewrite.cpp)

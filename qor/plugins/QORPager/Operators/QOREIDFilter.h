@@ -1,0 +1,42 @@
+/// \file
+/// Which environments a request may go on with.
+#pragma once
+
+#include <set>
+
+#include "QORCommon/QORGuid.h"
+
+namespace QOR {
+
+class QOREnv;
+
+/// Lets every environment through until a set of them is given.
+class QOREIDFilter {
+   public:
+    /// \param securityOperation that the client must be allowed on all environments of the set; 0: none
+    explicit QOREIDFilter(int securityOperation) noexcept : m_securityOperation(securityOperation) {}
+
+    enum SetResult : int {
+        setDone = 0,
+        setEmpty = -2,
+        setRefused = -3,
+        setFailed = -7,
+    };
+    /// From now on lets only these through, whatever it returns.
+    /// \returns setDone; setEmpty for an empty set; setRefused or setFailed when the client's access does not suffice
+    SetResult set(std::set<QOREID> eids);
+
+    bool check(const QOREID& eid) const { return !m_active || m_eids.count(eid) != 0; }
+    /// \param env null is never let through
+    bool check(const QOREnv* env) const;
+
+    bool isActive() const noexcept { return m_active; }
+    const std::set<QOREID>& eids() const noexcept { return m_eids; }
+
+   private:
+    bool m_active = false;
+    std::set<QOREID> m_eids;
+    int m_securityOperation;
+};
+
+}  // namespace QOR

@@ -1,0 +1,153 @@
+/// \file
+/// How the values of fields are read from rows. Every getter has the form of QORFieldGetter: single values ignore the
+/// index and leave `last` alone, lists and messages set it. What cannot be found is the empty text, whatever the
+/// reason; no getter throws for a row of another kind.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "QORPager/QORArg.h"
+#include "QORPager/QORField.h"
+
+namespace QOR {
+
+class QORMessageIterator;
+
+/// A value that may be missing, as text.
+inline std::string fieldText(const std::optional<std::string>& value) { return value ? *value : std::string(); }
+inline std::string fieldText(const std::string& value) { return value; }
+/// An identifier that is invalid is a missing value.
+inline std::string fieldText(const QOREID& eid) { return eid.isValid() ? eid.toString() : std::string(); }
+
+// ---- environments ---------------------------------------------------------------------------------------------------
+
+std::string getFieldValueEID(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueParentEID(const QORArg& row, const QORField* field, bool& last, int index);
+/// The host name of the parent, when the client may see the parent.
+std::string getFieldValueParentHostname(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueEnvTitle(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueEnvState(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueEnvTransition(const QORArg& row, const QORField* field, bool& last, int index);
+
+/// Which of an environment's configurations a getter reads.
+using QOREnvConfigOf = const QORPtr<const QOREnvConfig>& (QOREnv::*)() const noexcept;
+
+/// A property of a configuration.
+template <QOREnvConfigOf ConfigOf, auto Property>
+std::string getConfigValue(const QORArg& row, const QORField*, bool&, int) {
+    if (row.env() == nullptr) return {};
+    return fieldText(std::invoke(Property, *(row.env()->*ConfigOf)()));
+}
+
+/// A property of a configuration's operating system.
+template <QOREnvConfigOf ConfigOf, auto Property>
+std::string getConfigOSValue(const QORArg& row, const QORField*, bool&, int) {
+    if (row.env() == nullptr) return {};
+    return fieldText(std::invoke(Property, (row.env()->*ConfigOf)()->os()));
+}
+
+/// The address at the index.
+std::string getIP(const std::optional<std::vector<std::string>>& addresses, bool& last, int index);
+
+template <QOREnvConfigOf ConfigOf>
+std::string getConfigIP(const QORArg& row, const QORField*, bool& last, int index) {
+    last = true;
+    if (row.env() == nullptr) return {};
+    return getIP((row.env()->*ConfigOf)()->addresses(), last, index);
+}
+
+/// The first address.
+template <QOREnvConfigOf ConfigOf>
+std::string getConfigIPText(const QORArg& row, const QORField*, bool&, int) {
+    if (row.env() == nullptr) return {};
+    bool last = true;
+    return getIP((row.env()->*ConfigOf)()->addresses(), last, 0);
+}
+
+inline constexpr QOREnvConfigOf configOf = &QOREnv::getConfig;
+inline constexpr QOREnvConfigOf vconfigOf = &QOREnv::getVirtualConfig;
+
+inline constexpr QORFieldGetter getFieldValueConfigName = getConfigValue<configOf, &QOREnvConfig::name>;
+inline constexpr QORFieldGetter getFieldValueConfigDescription = getConfigValue<configOf, &QOREnvConfig::description>;
+inline constexpr QORFieldGetter getFieldValueConfigDomain = getConfigValue<configOf, &QOREnvConfig::domain>;
+inline constexpr QORFieldGetter getFieldValueConfigHostname = getConfigValue<configOf, &QOREnvConfig::hostname>;
+inline constexpr QORFieldGetter getFieldValueConfigArchitecture = getConfigValue<configOf, &QOREnvConfig::architecture>;
+inline constexpr QORFieldGetter getFieldValueConfigType = getConfigValue<configOf, &QOREnvConfig::type>;
+inline constexpr QORFieldGetter getFieldValueConfigOSname = getConfigOSValue<configOf, &QOROSInfo::name>;
+inline constexpr QORFieldGetter getFieldValueConfigOSplatform = getConfigOSValue<configOf, &QOROSInfo::platform>;
+inline constexpr QORFieldGetter getFieldValueConfigOSversion = getConfigOSValue<configOf, &QOROSInfo::version>;
+inline constexpr QORFieldGetter getFieldValueConfigOSkernel = getConfigOSValue<configOf, &QOROSInfo::kernel>;
+inline constexpr QORFieldGetter getFieldValueConfigIPText = getConfigIPText<configOf>;
+inline constexpr QORFieldGetter getFieldValueConfigIP = getConfigIP<configOf>;
+
+inline constexpr QORFieldGetter getFieldValueVConfigName = getConfigValue<vconfigOf, &QOREnvConfig::name>;
+inline constexpr QORFieldGetter getFieldValueVConfigDescription = getConfigValue<vconfigOf, &QOREnvConfig::description>;
+inline constexpr QORFieldGetter getFieldValueVConfigDomain = getConfigValue<vconfigOf, &QOREnvConfig::domain>;
+inline constexpr QORFieldGetter getFieldValueVConfigHostname = getConfigValue<vconfigOf, &QOREnvConfig::hostname>;
+inline constexpr QORFieldGetter getFieldValueVConfigArchitecture =
+    getConfigValue<vconfigOf, &QOREnvConfig::architecture>;
+inline constexpr QORFieldGetter getFieldValueVConfigType = getConfigValue<vconfigOf, &QOREnvConfig::type>;
+inline constexpr QORFieldGetter getFieldValueVConfigOSname = getConfigOSValue<vconfigOf, &QOROSInfo::name>;
+inline constexpr QORFieldGetter getFieldValueVConfigOSplatform = getConfigOSValue<vconfigOf, &QOROSInfo::platform>;
+inline constexpr QORFieldGetter getFieldValueVConfigOSversion = getConfigOSValue<vconfigOf, &QOROSInfo::version>;
+inline constexpr QORFieldGetter getFieldValueVConfigOSkernel = getConfigOSValue<vconfigOf, &QOROSInfo::kernel>;
+inline constexpr QORFieldGetter getFieldValueVConfigIPText = getConfigIPText<vconfigOf>;
+inline constexpr QORFieldGetter getFieldValueVConfigIP = getConfigIP<vconfigOf>;
+
+// ---- messages and info documents ------------------------------------------------------------------------------------
+
+/// Reads a field at its path from where the cursor stands. \param it may be null; moved
+/// \param last set to whether the node has no further sibling of its name \param index counts such siblings from 0
+std::string getValueFromMessage(const std::shared_ptr<QORMessageIterator>& it, const QORField& field, bool& last,
+                                int index);
+/// By path from the root of the row's message.
+std::string getFieldValueByPath(const QORArg& row, const QORField* field, bool& last, int index);
+/// By path from the virtual configuration.
+std::string getENVValueByPath(const QORArg& row, const QORField* field, bool& last, int index);
+/// The parameter at the field's path of the row's info document.
+std::string getFieldValueParameter(const QORArg& row, const QORField* field, bool& last, int index);
+
+// ---- any row --------------------------------------------------------------------------------------------------------
+
+std::string getFieldValueEmpty(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getTrueFieldValue(const QORArg& row, const QORField* field, bool& last, int index);
+/// The parameter "task_id" of the row's info document.
+std::string getFieldValueActionsTaskID(const QORArg& row, const QORField* field, bool& last, int index);
+
+// ---- operation log --------------------------------------------------------------------------------------------------
+
+std::string getActionTime(const QORProgressArg& row);
+std::string getActionId(const QORProgressArg& row);
+std::string getActionParentId(const QORProgressArg& row);
+std::string getActionOp(const QORProgressArg& row);
+std::string getActionStatus(const QORProgressArg& row);
+std::string getActionMessage(const QORProgressArg& row);
+std::string getActionOriginEID(const QORProgressArg& row);
+std::string getActionOriginType(const QORProgressArg& row);
+std::string getActionOriginTitle(const QORProgressArg& row);
+
+template <auto Accessor>
+std::string getFieldValueImplActionsT(const QORArg& row, const QORField*, bool&, int) {
+    const auto* const action = dynamic_cast<const QORProgressArg*>(&row);
+    return action == nullptr ? std::string() : Accessor(*action);
+}
+
+/// The operation's message as a message in its usual text form.
+std::string getFieldValueActionsMessageXML(const QORArg& row, const QORField* field, bool& last, int index);
+/// The environment at the index of those that the operation touches.
+std::string getFieldValueActionsEIDList(const QORArg& row, const QORField* field, bool& last, int index);
+
+// ---- event log ------------------------------------------------------------------------------------------------------
+
+std::string getFieldValueEventTime(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueEventOriginEID(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueEventOriginType(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueEventOriginTitle(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueEventSource(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueEventCategory(const QORArg& row, const QORField* field, bool& last, int index);
+std::string getFieldValueEventInfo(const QORArg& row, const QORField* field, bool& last, int index);
+
+}  // namespace QOR

@@ -1,0 +1,112 @@
+#include "QORPager/QORFieldSet.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "QORFunctionality/QORAccess.h"
+#include "QORLibLocal/QORVocabulary.h"
+#include "QORPager/QORBuiltInFields.h"
+#include "QORPager/QORFieldGetters.h"
+
+namespace QOR {
+
+namespace {
+
+/// Paths below this one are read from the virtual configuration itself.
+constexpr std::string_view virtualConfigPath = "env/virtual_config/";
+
+std::string textOf(const QORVocIterator& entry, QORTag id) {
+    std::string text;
+    static_cast<void>(entry.getValue(text, id));
+    return text;
+}
+
+/// The field that an entry declares; none when it lacks a name or a path.
+std::optional<QORField> declaredField(const QORVocIterator& entry, const QORPtr<QORAccessProviderPrototype>& provider) {
+    std::string name;
+    std::string path;
+    if (entry.getID(name) != 0 || entry.getValue(path, tag::source) != 0) return std::nullopt;
+    std::string cacheName;
+    TCursorType cursorType = TCursorType::Env;
+    QORFieldGetter getter = getFieldValueByPath;
+    if (entry.getValue(cacheName, tag::cache) == 0) {
+        cursorType = TCursorType::Info;
+    } else if (path.starts_with(virtualConfigPath)) {
+        getter = getENVValueByPath;
+        path.erase(0, virtualConfigPath.size());
+    }
+    const bool multi = entry.hasAttribute("multi");
+    return QORField(std::move(name), cursorType, typeFromString(textOf(entry, tag::type)), getter, provider,
+                    multi ? FieldStructType::Multi : FieldStructType::Single, std::move(path),
+                    textOf(entry, tag::value), std::move(cacheName));
+}
+
+}  // namespace
+
+QORFieldSet::QORFieldSet() = default;
+QORFieldSet::~QORFieldSet() = default;
+
+void QORFieldSet::init(QORPtr<QORAccessProviderPrototype> accessProvider) {
+    m_demanded.clear();
+    m_fields.clear();
+    m_accessProvider = std::move(accessProvider);
+    addBuiltIns();
+    readFieldsFromVoc();
+}
+
+void QORFieldSet::addBuiltIns() {
+    for (const QORBuiltInField& field : builtInFields()) {
+        m_fields.emplace(std::string(field.name), field.cursorType, field.valueType, field.getter,
+                         field.providerBound ? m_accessProvider : QORPtr<QORAccessProviderPrototype>(),
+                         field.structType, std::string(field.path), std::string(), std::string());
+    }
+}
+
+void QORFieldSet::readFieldsFromVoc() {
+    const QORPtr<const QORVocMap> vocabulary = vocCacheLocal()->getVocabulary();
+    QORVocIterator entry;
+    if (vocabulary == nullptr || vocabulary->readCategory("pager_fields", entry) != 0) return;
+    if (entry.firstParameter() != 0) return;
+    do {
+        if (std::optional<QORField> field = declaredField(entry, m_accessProvider)) m_fields.insert(std::move(*field));
+    } while (entry.nextParameter() == 0);
+}
+
+int QORFieldSet::registerPrefix(std::string prefix, TCursorType cursorType, std::string cacheName) {
+    m_prefixes.insert_or_assign(std::move(prefix), InfoPrefixDescription{cursorType, std::move(cacheName)});
+    return 0;
+}
+
+QORFieldSet::Prefixes::const_iterator QORFieldSet::findPrefix(std::string_view name) const {
+    return std::find_if(m_prefixes.begin(), m_prefixes.end(),
+                        [name](const auto& entry) { return name.starts_with(entry.first); });
+}
+
+QORFieldSet::Position QORFieldSet::checkPrefix(std::string_view name) {
+    const auto prefix = findPrefix(name);
+    if (prefix == m_prefixes.end()) return end();
+    std::string path(name.substr(prefix->first.size()));
+    std::replace(path.begin(), path.end(), '.', '/');
+    const std::size_t before = m_fields.size();
+    const Position position =
+        addInfoField(std::string(name), prefix->second.cursorType, std::move(path), prefix->second.cacheName);
+    if (m_fields.size() != before) m_demanded.push_back(position);
+    return position;
+}
+
+QORFieldSet::Position QORFieldSet::addInfoField(std::string name, TCursorType cursorType, std::string path,
+                                                std::string cacheName) {
+    return m_fields
+        .emplace(std::move(name), cursorType, TValueType::String, getFieldValueParameter, m_accessProvider,
+                 FieldStructType::Single, std::move(path), std::string(), std::move(cacheName))
+        .first;
+}
+
+void QORFieldSet::forgetDemanded() {
+    for (const Position position : m_demanded) m_fields.erase(position);
+    m_demanded.clear();
+    m_demanded.shrink_to_fit();
+}
+
+}  // namespace QOR
