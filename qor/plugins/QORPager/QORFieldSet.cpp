@@ -4,7 +4,6 @@
 #include <optional>
 #include <utility>
 
-#include "QORFunctionality/QORAccess.h"
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORPager/QORBuiltInFields.h"
 #include "QORPager/QORFieldGetters.h"

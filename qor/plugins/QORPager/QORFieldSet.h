@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "QORFunctionality/QORAccess.h"
 #include "QORPager/QORField.h"
 
 namespace QOR {
