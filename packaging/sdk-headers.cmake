@@ -17,11 +17,16 @@ set(QOR_SDK_HEADERS
   QORFunctionality/QOROpFactory.h
   QORFunctionality/QOROperator.h
   QORFunctionality/QORPlugIn.h
+  QORLibAgent/QOREnv.h
+  QORLibAgent/QOREnvCache.h
   QORLibAgent/QORInfo.h
+  QORLibAgent/QORLogs.h
   QORLibAgent/QORSecurity.h
+  QORLibLocal/QORVocabulary.h
   QORMessage/QORBinaryIterator.h
   QORMessage/QORMessage.h
   QORMessage/QORMessageIterator.h
+  QORMessage/QORMessageRead.h
   QORMessage/QORMessageStore.h
   QORMessage/QORNotation.h
   QORMessage/QORTags.h

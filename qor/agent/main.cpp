@@ -15,6 +15,7 @@
 #include "agent/http/HttpServer.h"
 #include "agent/runtime/QORHost.h"
 #include "agent/runtime/QORHostPaths.h"
+#include "agent/runtime/QORVocabularyFiles.h"
 
 namespace {
 
@@ -27,6 +28,8 @@ struct Settings {
     int logLevel = 2;
     std::string plugIns;
     std::string socket;
+    std::string vocabulary;
+    bool checkConfig = false;
     HttpServerOptions server;
 };
 
@@ -86,6 +89,8 @@ void declareOptions(CLI::App& app, Settings& settings) {
     app.add_option("--socket", settings.socket, "where to listen (default: " + defaultSocketPath().string() + ")");
     app.add_option("--plugins", settings.plugIns,
                    "folder of the plug-ins (default: " + defaultPlugInDirectory().string() + ")");
+    app.add_option("--config", settings.vocabulary, "a vocabulary file: configured fields and caches");
+    app.add_flag("--check-config", settings.checkConfig, "say what is wrong with the vocabulary, then end");
     app.add_option("--threads", settings.server.threads, "requests that are answered at once")
         ->check(CLI::Range(1, 1024))
         ->capture_default_str();
@@ -117,7 +122,18 @@ QORHostOptions hostOptions(const Settings& settings) {
     options.database.readOnly = settings.readOnly;
     options.schemaMode = settings.readOnly ? QORSchemaMode::Reading : QORSchemaMode::Own;
     options.plugInDirectory = settings.plugIns;
+    options.vocabularyFile = settings.vocabulary;
     return options;
+}
+
+int checkConfig(const Settings& settings) {
+    const QORVocabularyFiles files = readVocabularyFiles(settings.vocabulary);
+    for (const QORVocMistake& mistake : files.mistakes)
+        std::fprintf(stderr, "%s\n", mistake.text().c_str());
+    if (!files.mistakes.empty()) return EXIT_FAILURE;
+    for (const auto& file : files.read)
+        std::printf("%s: no mistakes\n", file.c_str());
+    return EXIT_SUCCESS;
 }
 
 int serve(Settings& settings) {
@@ -158,7 +174,7 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? EXIT_SUCCESS : badUsage;
     }
     try {
-        return serve(settings);
+        return settings.checkConfig ? checkConfig(settings) : serve(settings);
     } catch (const std::exception& exception) {
         std::fprintf(stderr, "qor-agent: %s\n", exception.what());
         return EXIT_FAILURE;

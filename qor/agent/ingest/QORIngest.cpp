@@ -1,8 +1,10 @@
 #include "agent/ingest/QORIngest.h"
 
 #include <algorithm>
+#include <mutex>
 
 #include "QORCommon/QORException.h"
+#include "QORLibAgent/QOREnvCache.h"
 #include "agent/ingest/LineReader.h"
 #include "agent/ingest/RecordWriter.h"
 #include "rdbmspp/AException.h"
@@ -29,6 +31,15 @@ void addCounts(QORIngestCounts& to, const QORIngestCounts& more) {
     to.added += more.added;
     to.replaced += more.replaced;
     to.unchanged += more.unchanged;
+}
+
+/// Held while environments are stored and made known, when there are any and there is someone to tell.
+std::unique_lock<std::mutex> lockCache(std::span<const QORRecord> batch) {
+    QOREnvCache* const cache = envCache();
+    const bool any = std::any_of(batch.begin(), batch.end(), [](const QORRecord& record) {
+        return kindOf(record) == QORRecordKind::Environment;
+    });
+    return cache != nullptr && any ? cache->lockForWriting() : std::unique_lock<std::mutex>();
 }
 
 bool isBlank(std::string_view line) {
@@ -124,11 +135,14 @@ private:
     void write(std::span<const QORRecord> batch, bool keepEqual, std::uint64_t firstLine, std::uint64_t lastLine) {
         std::array<QORIngestCounts, recordKindCount> counts;
         try {
+            const auto caching = lockCache(batch);
             QORRdbmsTran tran(ASAccess::Write);
             RecordWriter writer(*tran, keepEqual);
             for (const QORRecord& record : batch)
                 count(counts[record.index()], writer.store(record));
+            writer.finish();
             tran.commit();
+            if (caching) envCache()->update(writer.takeEnvironments());
         } catch (const AException& error) {
             m_result.failure = QORIngestFailure{firstLine, lastLine, error.text()};
             return;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 
 namespace QOR {
@@ -25,7 +26,8 @@ constexpr std::string_view insertOperation =
 constexpr std::string_view updateOperation =
     "UPDATE qor_operation SET parent_id = ?, op = ?, status = ?, time = ?, eid = ?, package = ?, version = ?, "
     "message = ? WHERE id = ?";
-constexpr std::string_view selectOperation = "SELECT seq, status, message FROM qor_operation WHERE id = ?";
+constexpr std::string_view selectOperation = "SELECT seq, status, message, time FROM qor_operation WHERE id = ?";
+constexpr std::string_view selectTouched = "SELECT eid FROM qor_operation_environment WHERE operation = ?";
 constexpr std::string_view deleteTouched = "DELETE FROM qor_operation_environment WHERE operation = ?";
 constexpr std::string_view insertTouched =
     "INSERT INTO qor_operation_environment (operation, position, eid, time) VALUES (?, ?, ?, ?)";
@@ -162,10 +164,33 @@ void bindBackup(ASStatement& statement, const QORBackupRecord& record) {
         .text(record.id);
 }
 
+QORPtr<const QOREnvConfig> toConfig(const std::optional<QORConfigRecord>& config) {
+    if (!config) return nullptr;
+    return makeQORPtr<QOREnvConfig>(QOREnvConfigData::fromDocument(config->document));
+}
+
+QORPtr<const QOREnv> toEnvironment(const QOREnvironmentRecord& record) {
+    return makeQORPtr<QOREnv>(record.eid, record.parentEid, record.title,
+                              QOREnv::Status{record.state, record.transition}, toConfig(record.config),
+                              toConfig(record.virtualConfig));
+}
+
+/// The environments that an operation belongs to or touches.
+std::set<QOREID> environmentsOf(const QOROperationRecord& record) {
+    std::set<QOREID> eids(record.eids.begin(), record.eids.end());
+    if (record.eid.isValid()) eids.insert(record.eid);
+    return eids;
+}
+
 }  // namespace
 
 QORStored RecordWriter::store(const QORRecord& record) {
     return std::visit([this](const auto& one) { return put(one); }, record);
+}
+
+void RecordWriter::finish() {
+    m_operationCounters.write(m_session);
+    m_eventCounters.write(m_session);
 }
 
 QORStored RecordWriter::put(const QOREnvironmentRecord& record) {
@@ -183,6 +208,7 @@ QORStored RecordWriter::put(const QOREnvironmentRecord& record) {
     }
     putAddresses(record.eid, 0, record.config);
     putAddresses(record.eid, 1, record.virtualConfig);
+    m_environments.push_back(toEnvironment(record));
     return added ? QORStored::Added : QORStored::Replaced;
 }
 
@@ -205,10 +231,12 @@ QORStored RecordWriter::put(const QOROperationRecord& record) {
     insert.execute();
     if (m_session.changes() > 0) {
         putTouched(sequence, record);
+        m_operationCounters.addOperation(record.time, environmentsOf(record));
         return QORStored::Added;
     }
     --m_lastOperation;  // the number was not used: the operation keeps that of its first arrival
-    const std::int64_t kept = sequenceOf(record.id);
+    const std::int64_t kept = discount(record.id);
+    m_operationCounters.addOperation(record.time, environmentsOf(record));
     ASStatement& update = m_session.prepare(updateOperation);
     bindOperation(update, record, message);
     update.execute();
@@ -229,12 +257,24 @@ bool RecordWriter::isEqual(const QOROperationRecord& record, const std::optional
     return equal;
 }
 
-std::int64_t RecordWriter::sequenceOf(const std::string& operationId) {
+std::int64_t RecordWriter::discount(const std::string& operationId) {
     ASStatement& select = m_session.prepare(selectOperation);
     Binder(select).text(operationId);
     select.execute();
-    const std::int64_t sequence = select.fetch() ? select.integer(1) : 0;
+    if (!select.fetch()) throw AException("operation " + quoteText(operationId) + " is neither new nor there");
+    const std::int64_t sequence = select.integer(1);
+    const std::int64_t time = str2time(select.text(4));
     select.close();
+    ASStatement& touched = m_session.prepare(selectTouched);
+    Binder(touched).integer(sequence);
+    touched.execute();
+    std::set<QOREID> eids;
+    while (touched.fetch()) {
+        QOREID eid;
+        if (eid.fromString(touched.text(1))) eids.insert(eid);
+    }
+    touched.close();
+    m_operationCounters.addOperation(time, eids, -1);
     return sequence;
 }
 
@@ -274,6 +314,9 @@ QORStored RecordWriter::put(const QOREventRecord& record) {
         .text(record.category)
         .text(serialized(record.info));
     insert.execute();
+    if (record.category && !record.category->empty()) {
+        m_eventCounters.addEvent(record.time, record.eid, *record.category);
+    }
     return QORStored::Added;
 }
 

@@ -3,7 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
+#include <vector>
 
+#include "QORLibAgent/QOREnv.h"
+#include "QORLibAgent/QORLogCounters.h"
 #include "agent/ingest/QORRecords.h"
 #include "rdbmspp/QORRdbms.h"
 
@@ -21,6 +25,11 @@ public:
 
     QORStored store(const QORRecord& record);
 
+    /// What belongs to the records as a whole: the counters of the logs. Before the transaction is committed.
+    void finish();
+    /// The environments that were stored, for the cache once the transaction is committed.
+    std::vector<QORPtr<const QOREnv>> takeEnvironments() { return std::move(m_environments); }
+
 private:
     QORStored put(const QOREnvironmentRecord& record);
     QORStored put(const QOROperationRecord& record);
@@ -29,14 +38,18 @@ private:
 
     void putAddresses(const QOREID& eid, std::int64_t source, const std::optional<QORConfigRecord>& config);
     void putTouched(std::int64_t operation, const QOROperationRecord& record);
+    /// Takes an operation that is about to be replaced out of the counters. \returns its sequence number
+    std::int64_t discount(const std::string& operationId);
     bool isEqual(const QOROperationRecord& record, const std::optional<std::string>& message);
-    std::int64_t sequenceOf(const std::string& operationId);
     std::int64_t nextSequence(std::int64_t& last, const char* select);
 
     ASSession& m_session;
     bool m_keepEqual;
     std::int64_t m_lastOperation = -1;  // not yet asked for
     std::int64_t m_lastEvent = -1;
+    QORLogCounters m_operationCounters{QORLogKind::Operations};
+    QORLogCounters m_eventCounters{QORLogKind::Events};
+    std::vector<QORPtr<const QOREnv>> m_environments;
 };
 
 }  // namespace QOR

@@ -3,7 +3,9 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
+#include "QORLibLocal/QORVocabulary.h"
 #include "agent/runtime/QORHostPaths.h"
+#include "agent/runtime/QORVocabularyFiles.h"
 
 namespace QOR {
 namespace {
@@ -23,7 +25,10 @@ void QORHost::prepareProcess() {
 
 QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
     if (m_options.plugInDirectory.empty()) m_options.plugInDirectory = defaultPlugInDirectory();
+    vocCacheLocal()->setVocabulary(usableVocabulary(m_options.vocabularyFile));
     QORDBSchema::open(m_options.database, m_options.schemaMode);
+    m_environments.load();
+    setEnvCache(&m_environments);
     m_refused = m_plugIns.loadDirectory(m_options.plugInDirectory);
     if (m_plugIns.plugIns().empty()) {
         logMessage(1, "QORHost", "qor/agent/runtime/QORHost", "QORHost", "no plug-in was loaded from %s",
@@ -36,6 +41,8 @@ QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
 QORHost::~QORHost() {
     m_router.reset();
     m_plugIns.unloadAll();
+    setEnvCache(nullptr);
+    vocCacheLocal()->setVocabulary(nullptr);
     QORRdbms::instance().shutdown();
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORDBSchema/QORDBSchema.h"
+#include "QORLibAgent/QOREnvCache.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "agent/runtime/QORClientSession.h"
 #include "agent/runtime/QORPlugInLoader.h"
@@ -24,6 +25,8 @@ struct QORHostOptions {
     QORSchemaMode schemaMode = QORSchemaMode::Own;
     /// Empty: defaultPlugInDirectory().
     std::filesystem::path plugInDirectory;
+    /// A vocabulary on top of the one that is shipped; empty for none.
+    std::filesystem::path vocabularyFile;
     /// True for a host that serves clients of different rights: metadata that depends on who asks first is then
     /// loaded as a client without rights. False leaves the order to the requests.
     bool prime = true;
@@ -35,8 +38,9 @@ public:
     /// Must be the first thing that a process does: settles what can be set only before the database's first use.
     static void prepareProcess();
 
-    /// Opens the database, loads the plug-ins and, when asked to, primes them. A plug-in that is refused and a
-    /// priming request that fails are logged; the host works without.
+    /// Reads the vocabulary, opens the database, loads its environments into the cache, loads the plug-ins and, when
+    /// asked to, primes them. Mistakes in the vocabulary that leave it usable, a plug-in that is refused and a priming
+    /// request that fails are logged; the host works without.
     /// \throws QORException, AException naming what cannot be opened
     explicit QORHost(QORHostOptions options);
     /// Unloads the plug-ins, then closes the database.
@@ -53,6 +57,7 @@ public:
 
 private:
     QORHostOptions m_options;
+    QOREnvCache m_environments;
     QORPlugInLoader m_plugIns;
     std::vector<QORPlugInLoader::Refusal> m_refused;
     std::unique_ptr<QORRouter> m_router;

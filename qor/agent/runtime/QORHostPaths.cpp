@@ -47,6 +47,14 @@ fs::path defaultPlugInDirectory() {
     return fs::is_directory(second, error) && !fs::is_directory(first, error) ? second : first;
 }
 
+fs::path defaultVocabularyFile() {
+    const fs::path prefix = executableDirectory().parent_path();
+    const fs::path first = prefix / "share" / "qor" / "vocabulary.xml";
+    const fs::path second = prefix / QOR_DATA_SUBDIRECTORY / "vocabulary.xml";
+    std::error_code error;
+    return fs::exists(second, error) && !fs::exists(first, error) ? second : first;
+}
+
 fs::path defaultStateDirectory() {
     if (::geteuid() == 0) return "/var/lib/qor";
     if (const fs::path state = pathFromEnvironment("XDG_STATE_HOME"); !state.empty()) return state / "qor";

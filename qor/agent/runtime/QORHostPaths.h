@@ -15,6 +15,9 @@ std::filesystem::path executableDirectory();
 /// an installed one alike. \returns the first candidate that exists, or the first candidate when none does
 std::filesystem::path defaultPlugInDirectory();
 
+/// The vocabulary that is shipped with the running executable: `share/qor/vocabulary.xml` beside its `bin`.
+std::filesystem::path defaultVocabularyFile();
+
 /// Where the database is kept: /var/lib/qor for root, else $XDG_STATE_HOME/qor or ~/.local/state/qor.
 std::filesystem::path defaultStateDirectory();
 

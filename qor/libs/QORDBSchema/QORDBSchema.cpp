@@ -19,11 +19,17 @@ constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORDBSchema";
 /// What tells a database of ours from another program's that happens to have a table of the same name.
 constexpr std::string_view mark = "QORPager host database";
 
-constexpr int firstVersion = 1;
-constexpr int latestVersion = 2;
+constexpr int latestVersion = 3;
 
 std::span<const char* const> statementsOf(int version) {
-    return version == firstVersion ? inventorySchema : logSchema;
+    switch (version) {
+        case 1:
+            return inventorySchema;
+        case 2:
+            return logSchema;
+        default:
+            return counterSchema;
+    }
 }
 
 bool hasRows(ASStatement& statement) {

@@ -17,5 +17,7 @@ struct QORSchemaStep {
 extern const std::span<const char* const> inventorySchema;
 /// Operations, the environments that they touch, and events.
 extern const std::span<const char* const> logSchema;
+/// Counters of the logs' records.
+extern const std::span<const char* const> counterSchema;
 
 }  // namespace QOR

@@ -142,7 +142,10 @@ QOREnvList::Env QOREnvList::find(const QOREID& eid) const {
 }
 
 QOREnvCache::QOREnvCache() : m_list(makeQORPtr<QOREnvList>()) {}
-QOREnvCache::~QOREnvCache() = default;
+QOREnvCache::~QOREnvCache() {
+    QOREnvCache* own = this;
+    theCache.compare_exchange_strong(own, nullptr);
+}
 
 QORPtr<const QOREnvList> QOREnvCache::current() const {
     const std::scoped_lock lock(m_mutex);

@@ -109,9 +109,9 @@ private:
     QORPtr<const QOREnvList> m_list;  // guarded by m_mutex; never null
 };
 
-/// The cache of this process; null until a host has made one.
+/// The cache of this process; null until a host has made one, and when that is gone.
 QOR_API QOREnvCache* envCache() noexcept;
-/// \param cache must outlive its use; null when there is none any more
+/// \param cache must outlive its use by others; null for none
 QOR_API void setEnvCache(QOREnvCache* cache) noexcept;
 
 }  // namespace QOR

@@ -140,8 +140,8 @@ public:
     explicit QOREventLogAgent(const QOREID& owner = QOREID());
 
     /// Fills the result with the events of the selected environments in a category whose time lies between `from` and
-    /// `to`, both included. \param first,most the records wanted of those found, by position \param category exactly;
-    /// "" for events without one \param flags 0; other values are refused
+    /// `to`, both included. \param first,most the records wanted of those found, by position \param category exactly
+    /// \param flags 0; other values, and the empty category, are refused
     /// \returns as getOps()
     int getEvents(QOREventLogResult& result, const QOREnvSelection& envs, int first, int most,
                   const QORPtr<QORLocalAccess>& access, const std::string& category, int flags, int from, int to);

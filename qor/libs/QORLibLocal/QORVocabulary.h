@@ -96,7 +96,7 @@ struct QORVocMistake {
     bool fatal = false;  ///< the file cannot be used; otherwise what is wrong is passed over
 
     /// "file:line: reason"
-    std::string text() const;
+    QOR_API std::string text() const;
 };
 
 /// Reads vocabulary files, one on top of the other: a parameter replaces the one that an earlier file has in the same
