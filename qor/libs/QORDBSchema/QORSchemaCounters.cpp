@@ -42,7 +42,7 @@ constexpr const char* statements[] = {
     "CREATE INDEX qor_operation_scope_scope ON qor_operation_scope (scope)",
 
     // What an older version has recorded.
-    R"sql(CREATE TEMP TABLE qor_migrated (scope, second))sql",
+    "CREATE TEMP TABLE IF NOT EXISTS qor_migrated (scope, second)",
     R"sql(INSERT INTO temp.qor_migrated SELECT '', CAST(strftime('%s', time) AS INTEGER) FROM qor_operation)sql",
     R"sql(INSERT INTO temp.qor_migrated
     SELECT eid, CAST(strftime('%s', max(time)) AS INTEGER) FROM qor_operation_environment GROUP BY operation, eid)sql",
@@ -91,7 +91,8 @@ constexpr const char* statements[] = {
     R"sql(INSERT INTO qor_event_count SELECT m.scope, 0, m.second, count(*), 0
     FROM temp.qor_migrated m CROSS JOIN qor_event_count c
     ON c.scope = m.scope AND c.level = 6 AND c.bucket = m.second >> 6 AND c.split = 1 GROUP BY 1, 3)sql",
-    "DROP TABLE temp.qor_migrated",
+    // Tables cannot be dropped while a connection has statements at hand; this one goes with the connection.
+    "DELETE FROM temp.qor_migrated",
 };
 
 }  // namespace

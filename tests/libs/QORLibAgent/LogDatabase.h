@@ -1,0 +1,69 @@
+/// \file
+/// A database of the host's own for each test, filled through the host's intake, and clients of different rights.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "QORDBSchema/QORDBSchema.h"
+#include "QORLibAgent/QOREnvCache.h"
+#include "QORLibAgent/QORLogs.h"
+#include "QORLibAgent/QORSecurity.h"
+#include "agent/ingest/QORIngest.h"
+#include "rdbmspp/QORRdbms.h"
+#include "support/TemporaryDirectory.h"
+
+namespace QOR::test {
+
+inline QOREID eidOf(unsigned number) {
+    QOREID eid;
+    char text[40];
+    std::snprintf(text, sizeof text, "6ba7b810-9dad-11d1-80b4-%012u", number);
+    eid.fromString(text);
+    return eid;
+}
+
+/// A client with full access, or one whose identities stand for some environments.
+inline QORClientContextPtr fullAccess() {
+    auto context = std::make_shared<QORClientContext>();
+    context->fullAccess = true;
+    return context;
+}
+inline QORClientContextPtr accessTo(const std::vector<unsigned>& environments) {
+    QORToken::SidSet sids;
+    for (const unsigned number : environments)
+        sids.insert(std::make_shared<QORLocalSID>(0, 1, eidOf(number)));
+    auto context = std::make_shared<QORClientContext>();
+    context->token = std::make_shared<QORToken>(nullptr, std::move(sids));
+    return context;
+}
+
+class LogDatabaseTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { QORRdbms::prepareProcess(); }
+    void SetUp() override { open(); }
+    void TearDown() override { QORRdbms::instance().shutdown(); }
+
+    std::string path() const { return (m_folder / "agent.db").string(); }
+    ASDatabaseOptions options() const {
+        ASDatabaseOptions options;
+        options.connectionString = "Driver=SQLite3;Database=" + path();
+        return options;
+    }
+    void open() { QORDBSchema::open(options(), QORSchemaMode::Own); }
+
+    static void store(const std::vector<QORRecord>& records) {
+        const QORIngestResult result = QORIngest().store(records, false);
+        ASSERT_FALSE(result.failure) << result.failure->reason;
+    }
+    static QORIngestResult import(const std::string& lines) { return QORIngest().importBatch(lines); }
+
+    TemporaryDirectory m_folder;
+};
+
+}  // namespace QOR::test
