@@ -254,7 +254,7 @@ double pagesPerSecond(unsigned threads, int pages) {
     }
     for (auto& thread : running)
         thread.join();
-    return threads * pages / seconds(from);
+    return static_cast<double>(threads) * pages / seconds(from);
 }
 
 /// "gain": pages of two threads for one page of one.

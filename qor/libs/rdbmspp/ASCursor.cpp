@@ -153,10 +153,10 @@ bool ASCursor::Impl::next() {
 
 void ASCursor::Impl::run() {
     auto& s = session.impl();
-    const bool many = (limit <= 0 || limit >= manyRows) && !isOneRow();
-    s.builder.reset(many && s.dialect->streamsWithoutParameters ? ASPurpose::Streaming : ASPurpose::Execution);
+    const bool streams = s.mayStream() && (limit <= 0 || limit >= manyRows) && !isOneRow();
+    s.builder.reset(streams ? ASPurpose::Streaming : ASPurpose::Execution);
     s.builder.select(filter.m_project, filter.m_condition, limit, offset, order);
-    auto running = s.lease(s.builder.text());
+    auto running = streams ? s.leaseStreaming(s.builder.text()) : s.lease(s.builder.text());
     const auto& values = s.builder.parameters();
     for (std::size_t i = 0; i < values.size(); ++i)
         running->set(i, *values[i]);
