@@ -101,12 +101,16 @@ QORSchemaState inspectDatabase() {
 /// What is there, found without writing; nothing when it cannot be opened for reading, as when it is missing.
 std::optional<QORSchemaState> lookReadOnly(ASDatabaseOptions options) {
     options.readOnly = true;
+    std::optional<QORSchemaState> state;
     try {
         QORRdbms::instance().configure(options);
-        return inspectDatabase();
+        state = inspectDatabase();
     } catch (const AException&) {
-        return std::nullopt;
+        state.reset();
     }
+    // A connection left open would be in the way of whoever opens the database to change its journal.
+    QORRdbms::instance().shutdown();
+    return state;
 }
 
 bool isForeign(const QORSchemaState& state) {
