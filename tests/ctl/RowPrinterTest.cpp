@@ -49,7 +49,7 @@ TEST(Table, NullsShowAndKeepAColumnOfNumbers) {
 TEST(Table, WhatDisturbsATerminalIsMadeVisible) {
     EXPECT_EQ(table({"a"}, {{text("x\ny\tz\x1b[0m\x7f\xff")}, {text("\xE2\x80\xAE|\xC2\x85")}}),
               "a\n"
-              "------------------------\n"
+              "----------------------\n"
               "x\\ny\\tz\\x1b[0m\\x7f\\xff\n"
               "\\u{202e}|\\u{85}\n");
 }

@@ -316,7 +316,7 @@ TEST(WhereError, LongLinesAreCutAroundThePlace) {
     const std::string text = repeat("a = 1 and ", 20) + "b = )" + repeat(" and c = 1", 20);
     EXPECT_EQ(shown(text, 40),
               "expected a column or a value, found \")\" at character 205\n"
-              "  ...d a = 1 and b = ) and c = 1 and c...\n"
+              "  ...d a = 1 and b = ) and c = 1 and ...\n"
               "                     ^\n");
 }
 
