@@ -34,14 +34,18 @@ class InvalidLine : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-[[noreturn]] void refuse(const std::string& what) { throw InvalidLine(what); }
+[[noreturn]] void refuse(const std::string& what) {
+    throw InvalidLine(what);
+}
 
 const Json* find(const Json& object, const char* name) {
     const auto member = object.FindMember(name);
     return member == object.MemberEnd() ? nullptr : &member->value;
 }
 
-std::string_view view(const Json& string) { return {string.GetString(), string.GetStringLength()}; }
+std::string_view view(const Json& string) {
+    return {string.GetString(), string.GetStringLength()};
+}
 
 /// A byte string: a JSON string, or {"base64":"..."}.
 std::string readText(const Json* value, const char* name) {
@@ -127,7 +131,8 @@ Identifier readIdentifier(const Json& object) {
 
 std::vector<Identifier> readIdentifiers(const Json& object, const char* name) {
     std::vector<Identifier> identifiers;
-    for (const Json& element : readArray(object, name)) identifiers.push_back(readIdentifier(element));
+    for (const Json& element : readArray(object, name))
+        identifiers.push_back(readIdentifier(element));
     return identifiers;
 }
 
@@ -144,7 +149,7 @@ bool bind(TExpressionEvaluation& evaluator, const Identifier& identifier) {
 
 /// Answers one question about a filter.
 class FilterAnswer {
-   public:
+public:
     FilterAnswer(const Json& question, Writer& writer)
         : m_question(question),
           m_writer(writer),
@@ -163,11 +168,12 @@ class FilterAnswer {
         if (find(m_question, "rowsSpecial") != nullptr) writeRows("rowsSpecial", true);
     }
 
-   private:
+private:
     void makeEvaluator() {
         m_evaluator.emplace();
         m_bound.clear();
-        for (const Identifier& identifier : m_identifiers) m_bound.push_back(bind(*m_evaluator, identifier));
+        for (const Identifier& identifier : m_identifiers)
+            m_bound.push_back(bind(*m_evaluator, identifier));
         m_evaluator->setExpression(m_text);
     }
 
@@ -217,7 +223,8 @@ class FilterAnswer {
         fresh().prepare();
         key("used");
         m_writer.StartArray();
-        for (const std::string& name : m_evaluator->usedIdentifiers()) text(name);
+        for (const std::string& name : m_evaluator->usedIdentifiers())
+            text(name);
         m_writer.EndArray();
     }
 
@@ -279,7 +286,8 @@ class FilterAnswer {
     void writeBound() {
         key("bound");
         m_writer.StartArray();
-        for (const bool taken : m_bound) m_writer.Bool(taken);
+        for (const bool taken : m_bound)
+            m_writer.Bool(taken);
         m_writer.EndArray();
     }
 
@@ -300,7 +308,8 @@ class FilterAnswer {
     }
 
     void bindRow(const Json& row) {
-        for (const Identifier& identifier : readIdentifiers(row, "bind")) bind(*m_evaluator, identifier);
+        for (const Identifier& identifier : readIdentifiers(row, "bind"))
+            bind(*m_evaluator, identifier);
         key("set");
         m_writer.StartArray();
         for (const Json& pair : readArray(row, "set")) {
@@ -362,7 +371,7 @@ bool nestsTooDeep(std::string_view json) noexcept {
 
 /// Reads lines and collects the answers.
 class LineAnswerer {
-   public:
+public:
     /// \returns whether the line was a question
     bool answer(std::string_view line) {
         m_memory.Clear();
@@ -382,7 +391,7 @@ class LineAnswerer {
     std::string_view answers() const { return {m_out.GetString(), m_out.GetSize()}; }
     void clear() { m_out.Clear(); }
 
-   private:
+private:
     static constexpr std::size_t documentDepth = 1024;  ///< bytes of the reader's first stack
 
     static void parse(std::string_view line, rapidjson::Document& document) {

@@ -108,7 +108,8 @@ std::size_t distance(std::string_view written, std::string_view declared) {
 }  // namespace
 
 void declareNames(TExpressionEvaluation& evaluator, std::string_view text) {
-    for (const QORBuiltInField& field : builtInFields()) declare(evaluator, field);
+    for (const QORBuiltInField& field : builtInFields())
+        declare(evaluator, field);
     const auto isNameChar = [](char ch) { return isAlphaChar(ch) || isDigitChar(ch) || ch == '_' || ch == '.'; };
     for (auto begin = text.begin(); begin != text.end();) {
         begin = std::find_if(begin, text.end(), isNameChar);
@@ -138,7 +139,8 @@ std::vector<std::string_view> nearestNames(std::string_view name) {
         const std::size_t far = distance(written, declared);
         if (far <= most) candidates.emplace_back(far, declared);
     };
-    for (const QORBuiltInField& field : builtInFields()) consider(field.name);
+    for (const QORBuiltInField& field : builtInFields())
+        consider(field.name);
     consider("true");
     consider("false");
     std::stable_sort(candidates.begin(), candidates.end(),

@@ -55,7 +55,9 @@ constexpr std::array categoryTexts{
     std::string_view("pager.event_log.category='env_status'"),
 };
 
-void appendSection(std::string_view title, std::string& out) { out.append("\n").append(title).append("\n"); }
+void appendSection(std::string_view title, std::string& out) {
+    out.append("\n").append(title).append("\n");
+}
 
 std::string visible(std::string_view text) {
     std::string out;
@@ -74,13 +76,15 @@ std::string_view spelling(TTokenType type) {
 /// they do not; in the order of the text it shows.
 QORWhereError explainStructure(const TExpressionEvaluation& evaluator) {
     std::vector<const TToken*> tokens;
-    for (const TToken& token : evaluator.postfix()) tokens.push_back(&token);
+    for (const TToken& token : evaluator.postfix())
+        tokens.push_back(&token);
     std::sort(tokens.begin(), tokens.end(), [](const auto* a, const auto* b) { return a->position < b->position; });
     bool wantsOperand = true;
     for (const TToken* token : tokens) {
         const int arity = arityOf(*token);
         if (arity < 0) {
-            return {token->position, "\"" + token->text + "\" stands only in: pager.env.eid in (unit '...', recursive)"};
+            return {token->position,
+                    "\"" + token->text + "\" stands only in: pager.env.eid in (unit '...', recursive)"};
         }
         const bool binary = arity == 2;
         if (binary && wantsOperand) {
@@ -92,8 +96,9 @@ QORWhereError explainStructure(const TExpressionEvaluation& evaluator) {
         wantsOperand = arity > 0;
     }
     if (wantsOperand) return {evaluator.getExpression().size(), "an operand is missing"};
-    return {evaluator.getErrorPosition(), "an operator follows another of the same rank; put its operand in brackets, as in: "
-                                          "not (not x)"};
+    return {evaluator.getErrorPosition(),
+            "an operator follows another of the same rank; put its operand in brackets, as in: "
+            "not (not x)"};
 }
 
 std::string explainError(TExpressionEvaluation& evaluator) {
@@ -118,7 +123,8 @@ void describeFields(const TExpressionEvaluation& evaluator, std::string& out) {
     appendSection("Fields used", out);
     std::size_t width = 0;
     const auto& names = evaluator.usedIdentifiers();
-    for (const std::string& name : names) width = std::max(width, textWidth(visible(name)));
+    for (const std::string& name : names)
+        width = std::max(width, textWidth(visible(name)));
     for (const std::string& name : names) {
         const std::string shown = visible(name);
         out.append("  ").append(shown).append(width - textWidth(shown) + 2, ' ');

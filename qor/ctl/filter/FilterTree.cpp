@@ -31,7 +31,8 @@ std::string label(const TToken& token) {
 std::string writeConstant(const TToken& token) {
     if (token.tokenClass == tcNumber) return token.text;
     std::string doubled;
-    for (const char ch : token.text) doubled.append(ch == '\'' ? 2 : 1, ch);
+    for (const char ch : token.text)
+        doubled.append(ch == '\'' ? 2 : 1, ch);
     std::string out = "'";
     appendVisible(doubled, out);
     return out + "'";
@@ -50,7 +51,8 @@ std::string drawTree(const TNode& tree) {
         const Item item = items.back();
         items.pop_back();
         open.resize(item.level);
-        for (std::size_t level = 1; level < item.level; ++level) out += open[level] ? "│  " : "   ";
+        for (std::size_t level = 1; level < item.level; ++level)
+            out += open[level] ? "│  " : "   ";
         if (item.level > 0) out += item.last ? "└─ " : "├─ ";
         open.push_back(!item.last);
         if (item.level == deepestLevel && !item.node->children().empty()) {
