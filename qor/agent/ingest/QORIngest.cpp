@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "QORCommon/QORException.h"
+#include "QORDBSchema/QORDBSchema.h"
 #include "agent/ingest/LineReader.h"
 #include "agent/ingest/RecordWriter.h"
 #include "rdbmspp/AException.h"
@@ -30,6 +31,9 @@ void addCounts(QORIngestCounts& to, const QORIngestCounts& more) {
     to.replaced += more.replaced;
     to.unchanged += more.unchanged;
 }
+
+// A few records are stored faster without preparations.
+constexpr std::size_t manyRecords = 100;
 
 bool isBlank(std::string_view line) {
     return line.find_first_not_of(" \t") == std::string_view::npos;
@@ -125,6 +129,7 @@ private:
         std::array<QORIngestCounts, recordKindCount> counts;
         try {
             QORRdbmsTran tran(ASAccess::Write);
+            if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(*tran);
             RecordWriter writer(*tran, keepEqual);
             for (const QORRecord& record : batch)
                 count(counts[record.index()], writer.store(record));

@@ -172,6 +172,15 @@ QORSchemaReport QORDBSchema::open(const ASDatabaseOptions& options, QORSchemaMod
     return report;
 }
 
+void QORDBSchema::prepareManyWrites(ASSession& session) {
+    if (session.engine() != ASEngine::SQLite) return;
+    // Identifiers come in no order, so that a thousand records touch thousands of pages: with the usual 2 MB they
+    // would be written several times within one transaction, and with the usual 4 MB of log every commit would wait
+    // for a checkpoint.
+    session.execute("PRAGMA cache_size = -32768");
+    session.execute("PRAGMA wal_autocheckpoint = 8192");
+}
+
 std::string QORDBSchema::databaseName(const std::string& connectionString) {
     std::string name;
     std::string_view rest = connectionString;
