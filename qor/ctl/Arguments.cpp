@@ -14,7 +14,9 @@ bool isOneOf(std::string_view word, const std::string_view (&words)[N]) {
     return std::find(std::begin(words), std::end(words), word) != std::end(words);
 }
 
-bool isSortKey(std::string_view word) { return !word.starts_with("--") && !isOneOf(word, shortOptions); }
+bool isSortKey(std::string_view word) {
+    return !word.starts_with("--") && !isOneOf(word, shortOptions);
+}
 
 }  // namespace
 
@@ -29,7 +31,8 @@ std::vector<std::string> tieValues(const std::vector<std::string>& arguments) {
         if (!ties) continue;
         ++at;
         if (option != "--sort") continue;
-        while (at + 1 < arguments.size() && isSortKey(arguments[at + 1])) tied.push_back("--sort=" + arguments[++at]);
+        while (at + 1 < arguments.size() && isSortKey(arguments[at + 1]))
+            tied.push_back("--sort=" + arguments[++at]);
     }
     return tied;
 }

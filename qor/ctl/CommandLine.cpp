@@ -9,6 +9,7 @@
 #include "CtlError.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORText.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "filter/FilterCommand.h"
@@ -20,22 +21,24 @@ constexpr const char* exitNote =
     "Exit status: 0 done, 1 the agent answered with an error, 2 bad usage, 3 no connection.";
 
 constexpr const char* whereNote =
-    "Conditions (--where) are those of SQL: and, or, not, parentheses, = <> != < <= > >=, [not] like 'a%' [escape 'c'],\n"
+    "Conditions (--where) are those of SQL: and, or, not, parentheses, = <> != < <= > >=, [not] like 'a%' [escape "
+    "'c'],\n"
     "[not] in (1, 'b', select COLUMN from VIEW where ...), [not] between a and b, is [not] null, upper(), lower().\n"
     "A column is written name, view.name or \"any name\", a text 'it''s'.\n\n"
-    "Columns are printed in the order they are asked for; an answer holds a column once, under its own name, also for an\n"
-    "aggregate such as -f 'count(eid)' (count, sum, avg, min, max). A table shows a null as \"-\"; csv and json are exact.\n"
+    "Columns are printed in the order they are asked for; an answer holds a column once, under its own name, also for "
+    "an\n"
+    "aggregate such as -f 'count(eid)' (count, sum, avg, min, max). A table shows a null as \"-\"; csv and json are "
+    "exact.\n"
     "Sort keys apply in the order of their names.\n";
 
 /// Everything that the options are read into, and the command to run.
 class CommandLine {
-   public:
+public:
     CommandLine() {
         m_app.require_subcommand(1);
         m_app.set_version_flag("--version", QOR_VERSION);
         m_app.set_help_all_flag("--help-all", "Print the help of every command and exit");
         m_app.footer(exitNote);
-        m_app.failure_message(CLI::FailureMessage::simple);
         addConnection(m_app, false);
         addSelect();
         addRequest();
@@ -53,15 +56,23 @@ class CommandLine {
             m_app.parse(reversed);
         } catch (const CLI::ParseError& error) {
             // Help and version are thrown as well, with the status 0.
-            if (m_app.exit(error) == 0) return static_cast<int>(QORCtlExit::Done);
-            return static_cast<int>(QORCtlExit::BadUsage);
+            if (error.get_exit_code() == 0) return m_app.exit(error);
+            throw QORCtlError::usage(complaint(error));
         }
         if (!m_run) return m_filterExit;
         m_run();
         return static_cast<int>(QORCtlExit::Done);
     }
 
-   private:
+private:
+    std::string complaint(const CLI::ParseError& error) const {
+        const std::vector<std::string> unknown = m_app.remaining();
+        const std::string what = m_app.get_subcommands().empty() && !unknown.empty()
+                                     ? "there is no command " + quoteText(unknown.front())
+                                     : error.what();
+        return what + "\nqorctl --help and qorctl COMMAND --help say what there is.";
+    }
+
     CLI::App* command(const char* name, const char* description, std::function<void()> run) {
         CLI::App* const app = m_app.add_subcommand(name, description);
         app->callback([this, run = std::move(run)] { m_run = run; });
@@ -72,7 +83,8 @@ class CommandLine {
     /// Everywhere the same variables, so that the options may stand before the command or behind it.
     void addConnection(CLI::App& app, bool stores) {
         const char* const group = "Connection";
-        app.add_option("--socket", m_connection.socket, "the agent's socket (default: this user's agent's)")->group(group);
+        app.add_option("--socket", m_connection.socket, "the agent's socket (default: this user's agent's)")
+            ->group(group);
         app.add_flag("--standalone", m_connection.standalone, "no agent: answer in this process")->group(group);
         app.add_option("--database", m_connection.database, "ODBC connection string, with --standalone")->group(group);
         if (!stores)
@@ -127,8 +139,9 @@ class CommandLine {
         CLI::App* const app = command("request", "Message notation in, message notation out",
                                       [this] { runRequest(m_connection, m_request); });
         app->add_option("file", m_request.file, "the request; - or nothing reads standard input");
-        app->add_flag("--lines", m_request.lines,
-                      "one request a line, one answer a line, in order; errors are answers, blank lines answer nothing");
+        app->add_flag(
+            "--lines", m_request.lines,
+            "one request a line, one answer a line, in order; errors are answers, blank lines answer nothing");
         addConnection(*app, false);
     }
 
@@ -141,16 +154,15 @@ class CommandLine {
     }
 
     void addImport() {
-        CLI::App* const app = command("import", "Store records, one JSON object a line",
-                                      [this] { runImport(m_connection, m_import); });
+        CLI::App* const app =
+            command("import", "Store records, one JSON object a line", [this] { runImport(m_connection, m_import); });
         app->add_option("file", m_import.file, "the records; - or nothing reads standard input");
         addReport(*app, m_import.report);
         addConnection(*app, true);
     }
 
     void addSample() {
-        CLI::App* const app =
-            command("sample", "Store made-up records", [this] { runSample(m_connection, m_sample); });
+        CLI::App* const app = command("sample", "Store made-up records", [this] { runSample(m_connection, m_sample); });
         const auto amount = [app](const char* name, std::uint64_t& value, const char* description) {
             app->add_option(name, value, description)->type_name("N");
         };
@@ -159,15 +171,16 @@ class CommandLine {
         amount("--events", m_sample.sample.events, "events to make");
         amount("--backups", m_sample.sample.backups, "backups to make");
         amount("--seed", m_sample.sample.seed, "the same seed makes the same records (default: 1)");
-        app->add_option("--output", m_sample.output, "write the records to this file (-: standard output) and store none")
+        app->add_option("--output", m_sample.output,
+                        "write the records to this file (-: standard output) and store none")
             ->type_name("FILE");
         addReport(*app, m_sample.report);
         addConnection(*app, true);
     }
 
     void addCollect() {
-        CLI::App* const app = command("collect", "Store what this machine tells about itself",
-                                      [this] { runCollect(m_connection); });
+        CLI::App* const app =
+            command("collect", "Store what this machine tells about itself", [this] { runCollect(m_connection); });
         addConnection(*app, true);
     }
 

@@ -35,16 +35,22 @@ QORInterrupt::QORInterrupt() {
     requested = false;
     event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     // Reads and writes on the agent's socket go on; waiting for input ends through the descriptor.
-    for (const int number : {SIGINT, SIGTERM}) handle(number, requestStop, static_cast<int>(SA_RESTART | SA_RESETHAND));
+    for (const int number : {SIGINT, SIGTERM})
+        handle(number, requestStop, static_cast<int>(SA_RESTART | SA_RESETHAND));
 }
 
 QORInterrupt::~QORInterrupt() {
-    for (const int number : {SIGINT, SIGTERM}) handle(number, SIG_DFL, 0);
+    for (const int number : {SIGINT, SIGTERM})
+        handle(number, SIG_DFL, 0);
     ::close(event.exchange(-1));
 }
 
-bool QORInterrupt::isRequested() const noexcept { return requested; }
+bool QORInterrupt::isRequested() const noexcept {
+    return requested;
+}
 
-int QORInterrupt::descriptor() const noexcept { return event; }
+int QORInterrupt::descriptor() const noexcept {
+    return event;
+}
 
 }  // namespace QOR

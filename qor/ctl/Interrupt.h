@@ -6,7 +6,7 @@ namespace QOR {
 
 /// While one exists, SIGINT and SIGTERM are taken as the wish to stop. At most one in a process.
 class QORInterrupt {
-   public:
+public:
     QORInterrupt();
     ~QORInterrupt();
     QORInterrupt(const QORInterrupt&) = delete;

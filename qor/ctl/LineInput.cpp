@@ -14,7 +14,9 @@ namespace {
 
 constexpr std::size_t blockSize = 256 * 1024;
 
-std::string reasonOf(int error) { return std::generic_category().message(error); }
+std::string reasonOf(int error) {
+    return std::generic_category().message(error);
+}
 
 }  // namespace
 

@@ -11,7 +11,7 @@ namespace QOR {
 /// Reads lines of bounded length. A carriage return before the line feed is not part of a line; the last line needs no
 /// line feed. One thread.
 class QORLineInput {
-   public:
+public:
     enum class Got { Line, End, Stopped };
 
     /// \param descriptor read from, not owned
@@ -29,7 +29,7 @@ class QORLineInput {
     /// True when a further line is there without waiting.
     bool isReady() const noexcept { return m_buffer.find('\n', m_at) != std::string::npos; }
 
-   private:
+private:
     enum class Filled { More, End, Stopped };
     Filled fill();
     void takeLine(std::size_t end);
@@ -38,7 +38,7 @@ class QORLineInput {
     int m_stop;
     std::size_t m_maxBytes;
     std::string m_buffer;
-    std::size_t m_at = 0;       ///< where the next line begins
+    std::size_t m_at = 0;  ///< where the next line begins
     std::string_view m_line;
     bool m_cut = false;
     bool m_end = false;
@@ -46,7 +46,7 @@ class QORLineInput {
 
 /// A file opened for reading, or standard input for "-" and the empty path. Owns what it opened.
 class QORInputFile {
-   public:
+public:
     /// \throws QORCtlError BadUsage naming the file and the reason
     explicit QORInputFile(const std::string& path);
     ~QORInputFile();
@@ -57,7 +57,7 @@ class QORInputFile {
     /// Everything to the end. \throws QORCtlError BadUsage when it cannot be read or is larger than `maxBytes`
     std::string readAll(std::size_t maxBytes) const;
 
-   private:
+private:
     std::string m_name;
     int m_descriptor;
     bool m_owned;

@@ -15,6 +15,7 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <system_error>
@@ -34,6 +35,8 @@ namespace http = boost::beast::http;
 using Protocol = asio::local::stream_protocol;
 
 constexpr std::size_t sendBlock = 64 * 1024;
+/// Answers may be of any size. Not boost::none, which this version of Beast takes for less than any announced length.
+constexpr std::uint64_t anySize = std::numeric_limits<std::uint64_t>::max();
 
 /// A request's line and headers; the body follows.
 std::string requestHead(std::string_view method, std::string_view target, std::size_t size) {
@@ -50,13 +53,15 @@ std::string describe(const boost::system::error_code& error) {
                : error.message();
 }
 
-bool isBlank(std::string_view line) { return line.find_first_not_of(" \t") == std::string_view::npos; }
+bool isBlank(std::string_view line) {
+    return line.find_first_not_of(" \t") == std::string_view::npos;
+}
 
 }  // namespace
 
 /// The socket and what has been read ahead from it. One thread may send while another receives.
 class QORAgentBackend::Connection {
-   public:
+public:
     explicit Connection(const std::string& path) : m_path(path), m_socket(m_context) {
         boost::system::error_code error;
         // An address that is too long for a socket is no error code but an exception.
@@ -66,8 +71,9 @@ class QORAgentBackend::Connection {
             error = failure.code();
         }
         if (!error) return;
-        std::string advice = "start it (qor-agent), name its socket (--socket), or work without one (--standalone "
-                             "--database CONNECTION-STRING)";
+        std::string advice =
+            "start it (qor-agent), name its socket (--socket), or work without one (--standalone "
+            "--database CONNECTION-STRING)";
         if (error == boost::system::errc::permission_denied) advice = "ask to be let into the socket's group";
         throw QORCtlError::noConnection("no agent answers at " + path + ": " + error.message() + "; " + advice);
     }
@@ -95,7 +101,7 @@ class QORAgentBackend::Connection {
     /// The next answer's body.
     std::string receive() {
         http::response_parser<http::string_body> parser;
-        parser.body_limit(boost::none);
+        parser.body_limit(anySize);
         boost::system::error_code error;
         http::read(m_socket, m_ahead, parser, error);
         if (error) lost(describe(error));
@@ -105,7 +111,7 @@ class QORAgentBackend::Connection {
 
     template <class Parser>
     void readHeader(Parser& parser) {
-        parser.body_limit(boost::none);
+        parser.body_limit(anySize);
         boost::system::error_code error;
         http::read_header(m_socket, m_ahead, parser, error);
         if (error) lost(describe(error));
@@ -130,7 +136,7 @@ class QORAgentBackend::Connection {
                                         (m_sendFailed ? " while it was being asked" : ""));
     }
 
-   private:
+private:
     std::string m_path;
     asio::io_context m_context{1};
     Protocol::socket m_socket;
@@ -141,7 +147,7 @@ class QORAgentBackend::Connection {
 
 /// An answer's body as it arrives.
 class QORAgentBackend::Source final : public QORAnswerSource {
-   public:
+public:
     explicit Source(Connection& connection) : m_connection(connection) { m_connection.readHeader(m_parser); }
 
     std::string_view read() override {
@@ -156,7 +162,7 @@ class QORAgentBackend::Source final : public QORAnswerSource {
         return {};
     }
 
-   private:
+private:
     Connection& m_connection;
     http::response_parser<http::buffer_body> m_parser;
     std::string m_block = std::string(sendBlock, '\0');
@@ -164,7 +170,7 @@ class QORAgentBackend::Source final : public QORAnswerSource {
 
 /// Lines on their way: one thread reads and sends them, the other receives the answers in the same order.
 class QORAgentBackend::Pipeline {
-   public:
+public:
     Pipeline(Connection& connection, int input)
         : m_connection(connection),
           m_stop(::eventfd(0, EFD_CLOEXEC)),
@@ -182,11 +188,12 @@ class QORAgentBackend::Pipeline {
     Pipeline& operator=(const Pipeline&) = delete;
 
     void receiveAll(const TakeAnswer& take) {
-        while (const std::optional<std::string> answer = nextAnswer()) take(*answer, isIdle());
+        while (const std::optional<std::string> answer = nextAnswer())
+            take(*answer, isIdle());
         m_finished = true;
     }
 
-   private:
+private:
     /// What stands for a request in the order of the answers: nothing when the agent answers it.
     using Expected = std::optional<std::string>;
 

@@ -7,7 +7,7 @@
 namespace QOR {
 
 class QORAgentBackend final : public QORBackend {
-   public:
+public:
     /// Connects. \param socket empty: where an agent of this user or of the machine listens
     explicit QORAgentBackend(const std::string& socket);
     ~QORAgentBackend() override;
@@ -19,7 +19,7 @@ class QORAgentBackend final : public QORBackend {
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;
 
-   private:
+private:
     class Connection;
     class Source;
     class Pipeline;

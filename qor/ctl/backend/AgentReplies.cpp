@@ -10,7 +10,9 @@ namespace {
 using rapidjson::Document;
 using rapidjson::Value;
 
-[[noreturn]] void unreadable() { throw QORCtlError(QORCtlExit::AnsweredError, "the agent's answer cannot be read"); }
+[[noreturn]] void unreadable() {
+    throw QORCtlError(QORCtlExit::AnsweredError, "the agent's answer cannot be read");
+}
 
 const Value* find(const Value& object, const char* name) {
     if (!object.IsObject()) unreadable();
@@ -72,14 +74,17 @@ QORIngestResult ingestResult(const Document& document) {
 
 }  // namespace
 
-QORIngestResult readIngestReply(std::string_view json) { return ingestResult(parse(json, "counts")); }
+QORIngestResult readIngestReply(std::string_view json) {
+    return ingestResult(parse(json, "counts"));
+}
 
 QORCollectResult readCollectReply(std::string_view json) {
     const Document document = parse(json, "counts");
     QORCollectResult result;
     result.stored = ingestResult(document);
     result.malformed = numberOf(document, "malformed");
-    for (const Value& file : arrayOf(document, "unreadable").GetArray()) result.unreadable.push_back(textOf(file));
+    for (const Value& file : arrayOf(document, "unreadable").GetArray())
+        result.unreadable.push_back(textOf(file));
     return result;
 }
 

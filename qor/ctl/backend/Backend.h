@@ -33,7 +33,7 @@ struct QORConnectionOptions {
 /// Every operation throws QORCtlError: AnsweredError for an error that was answered (except where it is part of the
 /// answer that is returned), NoConnection when the other side is gone.
 class QORBackend {
-   public:
+public:
     virtual ~QORBackend() = default;
 
     /// Asks one request in message notation. The answer must be read, or given up, before the next request.

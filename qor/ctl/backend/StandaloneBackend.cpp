@@ -57,7 +57,9 @@ QORIngestResult QORStandaloneBackend::importBatch(std::string_view lines, std::u
     return m_ingest.importBatch(lines, firstLine);
 }
 
-QORCollectResult QORStandaloneBackend::collect(const std::stop_token& stop) { return QOR::collect({}, stop); }
+QORCollectResult QORStandaloneBackend::collect(const std::stop_token& stop) {
+    return QOR::collect({}, stop);
+}
 
 std::vector<QORViewColumn> QORStandaloneBackend::views() {
     try {

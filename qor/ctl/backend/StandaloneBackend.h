@@ -10,7 +10,7 @@ class QORHost;
 class QORClientSession;
 
 class QORStandaloneBackend final : public QORBackend {
-   public:
+public:
     QORStandaloneBackend(const QORConnectionOptions& options, QORBackendUse use);
     ~QORStandaloneBackend() override;
 
@@ -20,7 +20,7 @@ class QORStandaloneBackend final : public QORBackend {
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;
 
-   private:
+private:
     QORIngest m_ingest;
     std::unique_ptr<QORHost> m_host;              ///< where requests are asked
     std::unique_ptr<QORClientSession> m_session;  ///< gone before the host

@@ -14,12 +14,12 @@ namespace {
 
 /// Passes a Ctrl-C on to what collects in this process.
 class StopOnInterrupt {
-   public:
+public:
     StopOnInterrupt() : m_thread([this](const std::stop_token& done) { wait(done); }) {}
     std::stop_token token() const { return m_source.get_token(); }
     bool isRequested() const { return m_interrupt.isRequested(); }
 
-   private:
+private:
     void wait(const std::stop_token& done) {
         while (!done.stop_requested()) {
             pollfd waiting{m_interrupt.descriptor(), POLLIN, 0};
@@ -48,7 +48,8 @@ void runCollect(const QORConnectionOptions& connection) {
     const auto backend = makeBackend(connection, QORBackendUse::Store);
     bool interrupted = false;
     const QORCollectResult result = connection.standalone ? collectHere(*backend, interrupted) : backend->collect({});
-    for (const std::string& file : result.unreadable) tellPerson("note: " + file);
+    for (const std::string& file : result.unreadable)
+        tellPerson("note: " + file);
     if (result.malformed > 0)
         tellPerson("note: " + std::to_string(result.malformed) + " lines of the package log make no sense");
     QORFileOutput out(STDOUT_FILENO);

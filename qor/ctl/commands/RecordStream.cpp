@@ -60,7 +60,8 @@ void QORRecordStream::tellProgress(bool last) {
     m_lastProgress = now;
     std::string text = std::to_string(m_lines);
     if (m_expected > 0) text += " of " + std::to_string(m_expected);
-    text += " lines, " + std::to_string(m_result.accepted()) + " stored, " + std::to_string(m_result.refused) + " refused";
+    text +=
+        " lines, " + std::to_string(m_result.accepted()) + " stored, " + std::to_string(m_result.refused) + " refused";
     std::cerr << (m_terminal ? "\r\x1b[K" : "") << text << (m_terminal ? "" : "\n") << std::flush;
     m_progressShown = m_terminal;
 }
@@ -91,9 +92,8 @@ std::string describeCounts(const QORIngestResult& result) {
     std::string text;
     for (std::size_t index = 0; index < recordKindCount; ++index) {
         const QORIngestCounts& counts = result.counts[index];
-        text.append(recordKindName(static_cast<QORRecordKind>(index))) += ": " + std::to_string(counts.added) +
-                                                                          " added, " +
-                                                                          std::to_string(counts.replaced) + " replaced";
+        text.append(recordKindName(static_cast<QORRecordKind>(index))) +=
+            ": " + std::to_string(counts.added) + " added, " + std::to_string(counts.replaced) + " replaced";
         if (counts.unchanged > 0) text += ", " + std::to_string(counts.unchanged) + " unchanged";
         text += '\n';
     }

@@ -13,7 +13,7 @@ namespace QOR {
 
 /// Sends records in batches and keeps the person informed on standard error. One run an object.
 class QORRecordStream {
-   public:
+public:
     /// \param expected records in all, 0 when nobody knows
     QORRecordStream(QORBackend& backend, const QORReportOptions& options, std::uint64_t expected);
 
@@ -25,7 +25,7 @@ class QORRecordStream {
     /// \param interrupted the person stopped it before the end
     void report(bool interrupted);
 
-   private:
+private:
     using Clock = std::chrono::steady_clock;
 
     bool send();

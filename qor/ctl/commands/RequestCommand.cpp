@@ -7,7 +7,7 @@ namespace {
 
 /// Passes an answer on to the output while somebody reads it.
 class EchoingSource final : public QORAnswerSource {
-   public:
+public:
     EchoingSource(QORAnswerSource& source, QOROutput& out) : m_source(source), m_out(out) {}
     std::string_view read() override {
         const std::string_view piece = m_source.read();
@@ -15,13 +15,13 @@ class EchoingSource final : public QORAnswerSource {
         return piece;
     }
 
-   private:
+private:
     QORAnswerSource& m_source;
     QOROutput& m_out;
 };
 
 class NoRows final : public QORRowSink {
-   public:
+public:
     void begin(std::span<const std::string>) override {}
     void row(std::span<const QORCell>) override {}
     void end(const std::optional<QORRowCounts>&) override {}

@@ -13,7 +13,7 @@ namespace {
 
 /// A file opened for writing, or standard output for "-".
 class OutputFile {
-   public:
+public:
     explicit OutputFile(const std::string& path) {
         if (path == "-") return;
         m_descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
@@ -27,14 +27,15 @@ class OutputFile {
     OutputFile& operator=(const OutputFile&) = delete;
     int descriptor() const noexcept { return m_descriptor; }
 
-   private:
+private:
     int m_descriptor = STDOUT_FILENO;
 };
 
 void writeSample(QORSampleData& sample, const std::string& path) {
     const OutputFile file(path);
     QORFileOutput out(file.descriptor());
-    for (std::string line; sample.next(line);) out << line << "\n";
+    for (std::string line; sample.next(line);)
+        out << line << "\n";
     out.flush();
 }
 

@@ -8,7 +8,7 @@ namespace {
 
 /// Remembers the counts for a form that has no place for them.
 class CountKeeper final : public QORRowSink {
-   public:
+public:
     explicit CountKeeper(QORRowSink& next) : m_next(next) {}
     void begin(std::span<const std::string> names) override { m_next.begin(names); }
     void row(std::span<const QORCell> cells) override { m_next.row(cells); }
@@ -18,7 +18,7 @@ class CountKeeper final : public QORRowSink {
     }
     std::optional<QORRowCounts> counts;
 
-   private:
+private:
     QORRowSink& m_next;
 };
 
@@ -26,7 +26,8 @@ class CountKeeper final : public QORRowSink {
 
 void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& options, const QORPrintOptions& print) {
     QORSelectRequest request = makeSelectRequest(options);
-    for (const std::string& note : request.notes) tellPerson("note: " + note);
+    for (const std::string& note : request.notes)
+        tellPerson("note: " + note);
     std::string json;
     writeRequest(request.envelope, json);
 

@@ -28,7 +28,9 @@ void requireAll(const std::vector<std::string>& views, const std::vector<QORView
             throw QORCtlError(QORCtlExit::AnsweredError, "there is no view " + quoteText(view));
 }
 
-QORCell text(std::string_view bytes) { return {QORCell::Kind::Text, bytes}; }
+QORCell text(std::string_view bytes) {
+    return {QORCell::Kind::Text, bytes};
+}
 
 }  // namespace
 
