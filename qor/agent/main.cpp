@@ -159,11 +159,7 @@ int serve(Settings& settings) {
     return EXIT_SUCCESS;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    QORHost::prepareProcess();
-    SignalWatch::block();
+int parseAndServe(int argc, char** argv) {
     constexpr int badUsage = 2;
     Settings settings;
     CLI::App app("Hosts the plug-ins of this machine and answers its clients over a unix socket.", "qor-agent");
@@ -173,10 +169,20 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_SUCCESS : badUsage;
     }
+    return settings.checkConfig ? checkConfig(settings) : serve(settings);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        return settings.checkConfig ? checkConfig(settings) : serve(settings);
+        QORHost::prepareProcess();
+        SignalWatch::block();
+        return parseAndServe(argc, argv);
     } catch (const std::exception& exception) {
         std::fprintf(stderr, "qor-agent: %s\n", exception.what());
-        return EXIT_FAILURE;
+    } catch (...) {
+        std::fputs("qor-agent: unknown failure\n", stderr);
     }
+    return EXIT_FAILURE;
 }

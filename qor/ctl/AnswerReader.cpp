@@ -16,7 +16,7 @@ namespace {
 
 /// The source as RapidJSON wants to see it. A zero byte stands for the end, as it does there.
 class PieceStream {
-   public:
+public:
     using Ch = char;
     explicit PieceStream(QORAnswerSource& source) : m_source(source) { fill(); }
 
@@ -34,7 +34,7 @@ class PieceStream {
     void Flush() {}
     std::size_t PutEnd(Ch*) { return 0; }
 
-   private:
+private:
     void fill() {
         m_before += static_cast<std::size_t>(m_end - m_begin);
         const std::string_view piece = m_source.read();
@@ -51,7 +51,7 @@ class PieceStream {
 
 /// What a row set's elements become. Elements come as open, value, close; the path is kept by their tags.
 class RowSetBuilder {
-   public:
+public:
     explicit RowSetBuilder(QORRowSink& rows) : m_rows(rows) {}
 
     void open(QORTag tag) {
@@ -81,16 +81,14 @@ class RowSetBuilder {
         m_path.pop_back();
     }
 
-   private:
+private:
     struct Cell {
         QORCell::Kind kind;
         std::size_t offset;
         std::size_t size;
     };
 
-    bool isPath(QORTag second) const {
-        return m_path.size() == 2 && m_path[0] == tag::rowSet && m_path[1] == second;
-    }
+    bool isPath(QORTag second) const { return m_path.size() == 2 && m_path[0] == tag::rowSet && m_path[1] == second; }
     bool isName() const { return isPath(tag::name); }
     bool isRow() const { return isPath(tag::row); }
     bool isCell() const {
@@ -105,9 +103,10 @@ class RowSetBuilder {
         begin();
         m_views.resize(m_names.size());
         for (std::size_t at = 0; at < m_views.size(); ++at)
-            m_views[at] = at < m_cells.size() ? QORCell{m_cells[at].kind, std::string_view(m_bytes).substr(
-                                                                              m_cells[at].offset, m_cells[at].size)}
-                                              : QORCell{};
+            m_views[at] =
+                at < m_cells.size()
+                    ? QORCell{m_cells[at].kind, std::string_view(m_bytes).substr(m_cells[at].offset, m_cells[at].size)}
+                    : QORCell{};
         m_rows.row(m_views);
     }
     void giveEnd() {
@@ -130,7 +129,7 @@ class RowSetBuilder {
 
 /// Follows the JSON of an answer. Returning false ends the reading.
 class AnswerHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, AnswerHandler> {
-   public:
+public:
     explicit AnswerHandler(QORRowSink& rows) : m_elements(rows) {}
 
     bool Default() { return false; }
@@ -177,8 +176,8 @@ class AnswerHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ans
             m_state = next;
             return true;
         };
-        return pass(State::Member, "response", State::ResponseValue) || pass(State::Member, "error", State::ErrorValue) ||
-               pass(State::ErrorMember, "code", State::ErrorCode) ||
+        return pass(State::Member, "response", State::ResponseValue) ||
+               pass(State::Member, "error", State::ErrorValue) || pass(State::ErrorMember, "code", State::ErrorCode) ||
                pass(State::ErrorMember, "message", State::ErrorText) ||
                pass(State::BinaryMember, "base64", State::BinaryValue);
     }
@@ -231,7 +230,7 @@ class AnswerHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Ans
     bool isDone() const { return m_state == State::Done; }
     std::optional<QORAnsweredError>& error() { return m_error; }
 
-   private:
+private:
     enum class State {
         Begin,
         Member,
@@ -285,12 +284,11 @@ std::optional<QORAnsweredError> readAnswer(QORAnswerSource& source, QORRowSink& 
     rapidjson::Reader reader;
     const auto result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
     if (result.IsError() || !handler.isDone())
-        throw QORCtlError(QORCtlExit::AnsweredError,
-                          "the answer cannot be read: " +
-                              std::string(result.Code() == rapidjson::kParseErrorTermination
-                                              ? "it is no message notation"
-                                              : rapidjson::GetParseError_En(result.Code())) +
-                              " (at byte " + std::to_string(result.Offset()) + ")");
+        throw QORCtlError(QORCtlExit::AnsweredError, "the answer cannot be read: " +
+                                                         std::string(result.Code() == rapidjson::kParseErrorTermination
+                                                                         ? "it is no message notation"
+                                                                         : rapidjson::GetParseError_En(result.Code())) +
+                                                         " (at byte " + std::to_string(result.Offset()) + ")");
     return std::move(handler.error());
 }
 
@@ -307,7 +305,8 @@ void QORColumnOrder::begin(std::span<const std::string> names) {
 }
 
 void QORColumnOrder::row(std::span<const QORCell> cells) {
-    for (std::size_t at = 0; at < m_places.size(); ++at) m_cells[at] = cells[m_places[at]];
+    for (std::size_t at = 0; at < m_places.size(); ++at)
+        m_cells[at] = cells[m_places[at]];
     m_next.row(m_cells);
 }
 

@@ -15,7 +15,7 @@ namespace QOR {
 
 /// The bytes of one answer, in pieces.
 class QORAnswerSource {
-   public:
+public:
     virtual ~QORAnswerSource() = default;
     /// The next piece, empty at the end; valid until the next call.
     virtual std::string_view read() = 0;
@@ -23,11 +23,11 @@ class QORAnswerSource {
 
 /// An answer that is there already.
 class QORTextSource final : public QORAnswerSource {
-   public:
+public:
     explicit QORTextSource(std::string text) : m_text(std::move(text)) {}
     std::string_view read() override { return std::exchange(m_given, true) ? std::string_view() : m_text; }
 
-   private:
+private:
     std::string m_text;
     bool m_given = false;
 };
@@ -46,14 +46,14 @@ std::optional<QORAnsweredError> readAnswer(QORAnswerSource& source, QORRowSink& 
 /// Passes columns on in the order in which they were asked for, whatever the answer's is: an answer has them in the
 /// order of their names.
 class QORColumnOrder final : public QORRowSink {
-   public:
+public:
     /// \param wanted names; those that the answer lacks are left out
     QORColumnOrder(std::vector<std::string> wanted, QORRowSink& next) : m_wanted(std::move(wanted)), m_next(next) {}
     void begin(std::span<const std::string> names) override;
     void row(std::span<const QORCell> cells) override;
     void end(const std::optional<QORRowCounts>& counts) override { m_next.end(counts); }
 
-   private:
+private:
     std::vector<std::string> m_wanted;
     QORRowSink& m_next;
     std::vector<std::size_t> m_places;  ///< where each wanted column stands in the answer

@@ -17,7 +17,7 @@ enum class QORCtlExit : int {
 
 /// Ends the command. The text goes to stderr as it stands, behind "qorctl: ".
 class QORCtlError : public std::runtime_error {
-   public:
+public:
     QORCtlError(QORCtlExit exit, const std::string& text) : std::runtime_error(text), m_exit(exit) {}
     QORCtlExit exit() const noexcept { return m_exit; }
 
@@ -28,7 +28,7 @@ class QORCtlError : public std::runtime_error {
         return {QORCtlExit::AnsweredError, "error " + std::to_string(code) + ": " + message};
     }
 
-   private:
+private:
     QORCtlExit m_exit;
 };
 

@@ -26,18 +26,21 @@ void require(int status) {
 }
 
 class SelectBuilder {
-   public:
-    explicit SelectBuilder(const QORSelectOptions& options) : m_options(options), m_at(m_request.envelope.body.root()) {}
+public:
+    explicit SelectBuilder(const QORSelectOptions& options)
+        : m_options(options), m_at(m_request.envelope.body.root()) {}
 
     QORSelectRequest build() {
         m_request.envelope.operatorName = "pager2";
         m_request.envelope.requestName = "select";
         require(m_at.addChild(tag::select));
         require(m_at.putValue(m_options.view, tag::view));
-        for (const std::string& field : m_options.fields) addField(field);
+        for (const std::string& field : m_options.fields)
+            addField(field);
         if (m_options.distinct) addFlag(tag::distinct);
         if (m_options.where) addWhere(*m_options.where);
-        for (const std::string& sort : m_options.sort) addSort(sort);
+        for (const std::string& sort : m_options.sort)
+            addSort(sort);
         noteSortOrder();
         addLimit();
         if (m_options.count) addFlag(tag::statistics);
@@ -45,7 +48,7 @@ class SelectBuilder {
         return std::move(m_request);
     }
 
-   private:
+private:
     void addFlag(QORTag flag) {
         require(m_at.addChild(flag));
         require(m_at.seekUp());
@@ -114,7 +117,8 @@ class SelectBuilder {
         std::vector<std::string> order = m_sort;
         std::sort(order.begin(), order.end());
         std::string note = "sort keys apply in the order of their names: by " + quoteText(order.front());
-        for (std::size_t at = 1; at < order.size(); ++at) note += ", then " + quoteText(order[at]);
+        for (std::size_t at = 1; at < order.size(); ++at)
+            note += ", then " + quoteText(order[at]);
         m_request.notes.push_back(std::move(note));
     }
 
@@ -155,6 +159,8 @@ class SelectBuilder {
 
 }  // namespace
 
-QORSelectRequest makeSelectRequest(const QORSelectOptions& options) { return SelectBuilder(options).build(); }
+QORSelectRequest makeSelectRequest(const QORSelectOptions& options) {
+    return SelectBuilder(options).build();
+}
 
 }  // namespace QOR

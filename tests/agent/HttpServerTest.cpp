@@ -458,6 +458,17 @@ TEST_F(HttpServerTest, RequestsInFlightAreAnsweredLaterOnesRefused) {
     EXPECT_EQ(application.gone, 2);
 }
 
+TEST_F(HttpServerTest, ReplyThatIsNotTakenIsDroppedWhenTheGraceIsOver) {
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("POST", "/big", "100000000"));
+    ASSERT_TRUE(client.awaitBytes());
+    server->stop();
+    EXPECT_TRUE(stop()) << "the second call ends the grace";
+    EXPECT_EQ(application.gone, 1);
+    EXPECT_THROW(client.receive(), std::runtime_error);
+}
+
 TEST_F(HttpServerTest, IdleConnectionsDoNotDelayTheEnd) {
     start();
     HttpClient client = connect();

@@ -59,7 +59,7 @@ protected:
 };
 
 TEST_F(LocalListenerTest, ListensWithMode0660WhateverTheUmask) {
-    for (const mode_t mask : {0000, 0022, 0077, 0777}) {
+    for (const mode_t mask : {0000U, 0022U, 0077U, 0777U}) {
         const mode_t before = ::umask(mask);
         const LocalListener listener(path);
         ::umask(before);

@@ -12,7 +12,7 @@ namespace {
 
 /// An answer in pieces of a given size.
 class PieceSource final : public QORAnswerSource {
-   public:
+public:
     PieceSource(std::string text, std::size_t size) : m_text(std::move(text)), m_size(size) {}
     std::string_view read() override {
         const std::string_view piece = std::string_view(m_text).substr(m_at, m_size);
@@ -21,7 +21,7 @@ class PieceSource final : public QORAnswerSource {
         return m_piece;
     }
 
-   private:
+private:
     std::string m_text;
     std::string m_piece;
     std::size_t m_size;
@@ -30,9 +30,10 @@ class PieceSource final : public QORAnswerSource {
 
 /// What a sink was told, as text.
 class Record final : public QORRowSink {
-   public:
+public:
     void begin(std::span<const std::string> names) override {
-        for (const std::string& name : names) text += name + " ";
+        for (const std::string& name : names)
+            text += name + " ";
         text += "|";
     }
     void row(std::span<const QORCell> cells) override {
@@ -81,7 +82,8 @@ TEST(AnswerReader, AnEmptyRowSetHasItsNames) {
 }
 
 TEST(AnswerReader, OtherElementsArePassedOver) {
-    QORTextSource source(R"({"response":[[5,[[1739,[[1018,"no"]]]]],[6,"x"],[7],[1744,[[1026,"a"],[9,[[8],[8,"t"]]]]]]})");
+    QORTextSource source(
+        R"({"response":[[5,[[1739,[[1018,"no"]]]]],[6,"x"],[7],[1744,[[1026,"a"],[9,[[8],[8,"t"]]]]]]})");
     Record record;
     EXPECT_FALSE(readAnswer(source, record));
     EXPECT_EQ(record.text, "a | end");

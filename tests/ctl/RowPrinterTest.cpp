@@ -9,8 +9,12 @@
 namespace QOR {
 namespace {
 
-QORCell text(std::string_view bytes) { return {QORCell::Kind::Text, bytes}; }
-QORCell binary(std::string_view bytes) { return {QORCell::Kind::Binary, bytes}; }
+QORCell text(std::string_view bytes) {
+    return {QORCell::Kind::Text, bytes};
+}
+QORCell binary(std::string_view bytes) {
+    return {QORCell::Kind::Binary, bytes};
+}
 const QORCell null{};
 
 using Rows = std::vector<std::vector<QORCell>>;
@@ -20,7 +24,8 @@ std::string printed(QORRowFormat format, const std::vector<std::string>& names, 
     QORTextOutput out;
     const auto printer = makeRowPrinter(format, {width, counts.has_value()}, out);
     printer->begin(names);
-    for (const auto& row : rows) printer->row(row);
+    for (const auto& row : rows)
+        printer->row(row);
     printer->end(counts);
     return out.text();
 }
@@ -30,8 +35,8 @@ std::string table(const std::vector<std::string>& names, const Rows& rows, std::
 }
 
 TEST(Table, ColumnsAreAlignedAndNumbersStandRight) {
-    EXPECT_EQ(table({"name", "size", "state"}, {{text("web1"), text("5"), text("up")},
-                                                {text("database"), text("-1024.5"), text("x")}}),
+    EXPECT_EQ(table({"name", "size", "state"},
+                    {{text("web1"), text("5"), text("up")}, {text("database"), text("-1024.5"), text("x")}}),
               "name         size  state\n"
               "--------  -------  -----\n"
               "web1            5  up\n"
@@ -49,7 +54,7 @@ TEST(Table, NullsShowAndKeepAColumnOfNumbers) {
 TEST(Table, WhatDisturbsATerminalIsMadeVisible) {
     EXPECT_EQ(table({"a"}, {{text("x\ny\tz\x1b[0m\x7f\xff")}, {text("\xE2\x80\xAE|\xC2\x85")}}),
               "a\n"
-              "------------------------\n"
+              "----------------------\n"
               "x\\ny\\tz\\x1b[0m\\x7f\\xff\n"
               "\\u{202e}|\\u{85}\n");
 }
@@ -79,7 +84,8 @@ TEST(Table, NothingIsCutWithoutATerminal) {
 }
 
 TEST(Table, ManyColumnsBecomeBlocks) {
-    EXPECT_EQ(table({"first", "second", "third"}, {{text("abcdefghijklm"), text("1"), null}, {text("x"), text("2"), null}}, 15),
+    EXPECT_EQ(table({"first", "second", "third"},
+                    {{text("abcdefghijklm"), text("1"), null}, {text("x"), text("2"), null}}, 15),
               "first   abcdef\xE2\x80\xA6\n"
               "second  1\n"
               "third   -\n"
@@ -147,16 +153,17 @@ TEST(Json, CountsStandBesideTheRows) {
 }
 
 TEST(Xml, IsTheRowSet) {
-    EXPECT_EQ(printed(QORRowFormat::Xml, {"a", "b"}, {{text("1 < 2"), null}, {binary("\xFF"), text("")}}, QORRowCounts{2, 9}),
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-              "<row_set>\n"
-              "<name>a</name>\n"
-              "<name>b</name>\n"
-              "<row><value>1 &lt; 2</value><value/></row>\n"
-              "<row><value encoding=\"base64\">/w==</value><value></value></row>\n"
-              "<statistics>2</statistics>\n"
-              "<total>9</total>\n"
-              "</row_set>\n");
+    EXPECT_EQ(
+        printed(QORRowFormat::Xml, {"a", "b"}, {{text("1 < 2"), null}, {binary("\xFF"), text("")}}, QORRowCounts{2, 9}),
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<row_set>\n"
+        "<name>a</name>\n"
+        "<name>b</name>\n"
+        "<row><value>1 &lt; 2</value><value/></row>\n"
+        "<row><value encoding=\"base64\">/w==</value><value></value></row>\n"
+        "<statistics>2</statistics>\n"
+        "<total>9</total>\n"
+        "</row_set>\n");
 }
 
 }  // namespace

@@ -8,8 +8,8 @@
 namespace QOR {
 namespace {
 
-constexpr const char* wide = "\xE4\xB8\x89";       // two columns
-constexpr const char* accent = "e\xCC\x81";        // one column of two code points
+constexpr const char* wide = "\xE4\xB8\x89";  // two columns
+constexpr const char* accent = "e\xCC\x81";   // one column of two code points
 constexpr const char* ellipsis = "\xE2\x80\xA6";
 
 TEST(TextWidth, CountsColumns) {

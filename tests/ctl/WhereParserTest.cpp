@@ -4,6 +4,8 @@
 // element is (name child ...).
 #include "where/WhereParser.h"
 
+#include <iterator>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -52,8 +54,22 @@ std::string parsed(std::string_view text, std::string_view view = "v") {
     }
     std::string out;
     const QORMessageNode* const where = message.rootNode()->firstChild;
-    for (const QORMessageNode* child = where->firstChild; child != nullptr; child = child->next) print(*child, out);
+    for (const QORMessageNode* child = where->firstChild; child != nullptr; child = child->next)
+        print(*child, out);
     return out;
+}
+
+/// A mistake as the person sees it.
+std::string shown(std::string_view text, std::size_t width = 78) {
+    QORMessage message;
+    QORBinaryIterator at = message.root();
+    at.addChild(tag::where);
+    try {
+        parseWhere(text, "v", levels, at);
+    } catch (const QORWhereError& error) {
+        return describeWhereError(text, error, width);
+    }
+    return "no mistake";
 }
 
 struct Case {
@@ -64,7 +80,9 @@ struct Case {
 
 class Condition : public testing::TestWithParam<Case> {};
 
-TEST_P(Condition, BecomesItsTree) { EXPECT_EQ(parsed(GetParam().text), GetParam().tree) << GetParam().rule; }
+TEST_P(Condition, BecomesItsTree) {
+    EXPECT_EQ(parsed(GetParam().text), GetParam().tree) << GetParam().rule;
+}
 
 const Case conditions[] = {
     // comparisons
@@ -82,7 +100,8 @@ const Case conditions[] = {
     {"none are needed", "a='x'and(b=2)or'y'=c", "(or (and (eq a 'x') (eq b '2')) (eq 'y' c))"},
     {"UTF-8 in texts and names", "größe = '三'", "(eq größe '三')"},
     // names
-    {"names in double quotes", "\"and\" = 1 and \"a b\" = 2 and \"q\"\"q\" = 3", "(and (eq and '1') (eq a b '2') (eq q\"q '3'))"},
+    {"names in double quotes", "\"and\" = 1 and \"a b\" = 2 and \"q\"\"q\" = 3",
+     "(and (eq and '1') (eq a b '2') (eq q\"q '3'))"},
     {"a view in double quotes", "\"my view\".\"c\" = 1", "(eq my view.c '1')"},
     {"a column with a point is named with its view", "\"env.name\" = 1", "(eq v.env.name '1')"},
     {"a qualified column may hold points", "v.\"a.b\" = 1", "(eq v.a.b '1')"},
@@ -139,7 +158,9 @@ INSTANTIATE_TEST_SUITE_P(WhereParser, Condition, testing::ValuesIn(conditions));
 
 class Mistake : public testing::TestWithParam<Case> {};
 
-TEST_P(Mistake, IsNamedWithItsPlace) { EXPECT_EQ(parsed(GetParam().text), GetParam().tree) << GetParam().rule; }
+TEST_P(Mistake, IsNamedWithItsPlace) {
+    EXPECT_EQ(parsed(GetParam().text), GetParam().tree) << GetParam().rule;
+}
 
 const Case mistakes[] = {
     {"nothing", "", "0: expected a column or a value, found the end of the text"},
@@ -151,7 +172,8 @@ const Case mistakes[] = {
     {"no right side", "a = ", "4: expected a column or a value, found the end of the text"},
     {"two comparisons", "a = 1 = 2", "6: expected \"and\", \"or\" or the end of the text, found \"=\""},
     {"two conditions", "a = 1 b = 2", "6: expected \"and\", \"or\" or the end of the text, found \"b\""},
-    {"a text behind a condition", "a = 1 'x'", "6: expected \"and\", \"or\" or the end of the text, found the text \"x\""},
+    {"a text behind a condition", "a = 1 'x'",
+     "6: expected \"and\", \"or\" or the end of the text, found the text \"x\""},
     {"and at the end", "a = 1 and", "9: expected a column or a value, found the end of the text"},
     {"and at the beginning", "and a = 1",
      "0: expected a column or a value, found the word \"and\"; a name spelled like it stands in double quotes"},
@@ -165,7 +187,8 @@ const Case mistakes[] = {
     {"no such sign", "a == 1", "2: \"==\" is not an operator; equality is written \"=\""},
     {"nor this", "a && b", "2: \"&&\" is not an operator; it is written \"and\""},
     {"a stray character", "a = #", "4: \"#\" has no meaning here"},
-    {"a stray character of several bytes", "\xE2\x82\xAC", "3: expected a comparison (=, <>, <, <=, >, >=, like, in, between, is), found the end of the text"},
+    {"a stray character of several bytes", "\xE2\x82\xAC",
+     "3: expected a comparison (=, <>, <, <=, >, >=, like, in, between, is), found the end of the text"},
     {"no number", "a = 12ab", "4: \"12ab\" is not a number; a text is written in single quotes"},
     {"no number either", "a = 1.2.3", "4: \"1.2.3\" is not a number; a text is written in single quotes"},
     {"an unfinished exponent", "a = 1e", "4: \"1e\" is not a number; a text is written in single quotes"},
@@ -186,8 +209,10 @@ const Case mistakes[] = {
      "18: expected one ASCII character in single quotes, found the text \"ab\""},
     {"escape outside ASCII", "a like 'x' escape '\xC3\xA9'",
      "18: expected one ASCII character in single quotes, found the text \"\xC3\xA9\""},
-    {"escape without text", "a like 'x' escape", "17: expected one ASCII character in single quotes, found the end of the text"},
-    {"unknown function", "count(a) > 1", "0: a condition knows the functions upper() and lower() only, found \"count\""},
+    {"escape without text", "a like 'x' escape",
+     "17: expected one ASCII character in single quotes, found the end of the text"},
+    {"unknown function", "count(a) > 1",
+     "0: a condition knows the functions upper() and lower() only, found \"count\""},
     {"function of nothing", "upper() = 1", "6: expected a column or a value, found \")\""},
     {"function of two", "upper(a, b) = 1", "7: expected \")\", found \",\""},
     {"open function", "upper(a", "0: the parenthesis of this operand is never closed"},
@@ -197,7 +222,8 @@ const Case mistakes[] = {
     {"a select as operand", "a = (select b from w)", "5: a nested select can stand only in the list of \"in\""},
     {"a select of two columns", "a in (select b, c from w)", "14: a select in a list has one column"},
     {"a select without view", "a in (select b)", "14: expected \"from\", found \")\""},
-    {"a select's own qualifier", "a in (select x.b from w)", "13: \"x\" is not the view that this select reads, which is \"w\""},
+    {"a select's own qualifier", "a in (select x.b from w)",
+     "13: \"x\" is not the view that this select reads, which is \"w\""},
     {"a mistake within a select", "a in (select b from w where c)",
      "29: expected a comparison (=, <>, <, <=, >, >=, like, in, between, is), found \")\""},
     {"behind a select", "a in (select b from w c)", "22: expected \")\" at the end of the nested select, found \"c\""},
@@ -207,7 +233,8 @@ INSTANTIATE_TEST_SUITE_P(WhereParser, Mistake, testing::ValuesIn(mistakes));
 
 std::string repeat(std::string_view text, std::size_t times) {
     std::string out;
-    for (std::size_t at = 0; at < times; ++at) out += text;
+    for (std::size_t at = 0; at < times; ++at)
+        out += text;
     return out;
 }
 
@@ -232,7 +259,8 @@ TEST(WhereParser, ParenthesesAndNotsCostNoDepth) {
 /// `a=1 and (a=1 or (a=1 and ... a=1))`, which takes an element a level.
 std::string alternation(std::size_t depth) {
     std::string text;
-    for (std::size_t at = 0; at < depth; ++at) text += at % 2 == 0 ? "a=1 and (" : "a=1 or (";
+    for (std::size_t at = 0; at < depth; ++at)
+        text += at % 2 == 0 ? "a=1 and (" : "a=1 or (";
     return text + "a=1" + repeat(")", depth);
 }
 
@@ -244,11 +272,142 @@ TEST(WhereParser, DepthEndsWhereMessagesEnd) {
 }
 
 TEST(WhereParser, FunctionsAndSelectsCountAgainstDepth) {
-    EXPECT_TRUE(parsed(repeat("upper(", 1000) + "a" + repeat(")", 1000) + " = 1").ends_with("a request takes 62 levels"));
+    EXPECT_TRUE(
+        parsed(repeat("upper(", 1000) + "a" + repeat(")", 1000) + " = 1").ends_with("a request takes 62 levels"));
     EXPECT_TRUE(parsed(repeat("a in (select a from w where ", 20) + "a=1" + repeat(")", 20)).starts_with("(in a "));
     EXPECT_TRUE(parsed(repeat("a in (select a from w where ", 21) + "a=1" + repeat(")", 21))
                     .ends_with("a request takes 62 levels"));
-    EXPECT_TRUE(parsed(repeat("a in (select a from w where ", 100'000)).ends_with("selects are nested too deeply here"));
+    EXPECT_TRUE(
+        parsed(repeat("a in (select a from w where ", 100'000)).ends_with("selects are nested too deeply here"));
+}
+
+/// Makes conditions at random: the text, as a person might write it, and the tree that it must become.
+class ConditionMaker {
+public:
+    explicit ConditionMaker(unsigned seed) : m_random(seed) {}
+
+    struct Made {
+        std::string text;
+        std::string tree;
+        int strength;  ///< 3 comparison, 2 not, 1 and, 0 or
+    };
+
+    Made make(unsigned depth) {
+        const unsigned kind = depth == 0 ? 3 : pick(5);
+        if (kind == 0) return chain("and", 1, depth);
+        if (kind == 1) return chain("or", 0, depth);
+        if (kind == 2) return negation(depth);
+        return comparison();
+    }
+
+private:
+    unsigned pick(unsigned count) { return static_cast<unsigned>(m_random() % count); }
+    std::string blank() { return std::string(1 + pick(2), pick(4) == 0 ? '\n' : ' '); }
+    std::string keyword(std::string word) {
+        if (pick(2) == 0)
+            for (char& c : word)
+                c = static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c);
+        return word;
+    }
+
+    /// In parentheses where the place needs it, and sometimes where it does not.
+    std::string placed(const Made& made, int needed) {
+        return made.strength < needed || pick(5) == 0 ? "( " + made.text + ")" : made.text;
+    }
+
+    Made chain(const std::string& word, int strength, unsigned depth) {
+        Made made{"", "(" + word, strength};
+        const unsigned count = 2 + pick(3);
+        for (unsigned at = 0; at < count; ++at) {
+            const Made child = make(depth - 1);
+            if (at > 0) made.text += blank() + keyword(word) + blank();
+            made.text += placed(child, strength + 1);
+            // An element of the same kind gives its children to this one.
+            const bool same = child.tree.starts_with("(" + word + " ");
+            made.tree +=
+                same ? child.tree.substr(word.size() + 1, child.tree.size() - word.size() - 2) : " " + child.tree;
+        }
+        made.tree += ")";
+        return made;
+    }
+
+    Made negation(unsigned depth) {
+        const Made child = make(depth - 1);
+        return {keyword("not") + blank() + placed(child, 2), negated(child.tree), 2};
+    }
+    static std::string negated(const std::string& tree) {
+        return tree.starts_with("(not ") ? tree.substr(5, tree.size() - 6) : "(not " + tree + ")";
+    }
+
+    struct Operand {
+        std::string text;
+        std::string tree;
+    };
+    Operand operand() {
+        static const Operand simple[] = {{"a", "a"},       {"\"b c\"", "b c"}, {"v.d", "v.d"},    {"'x''y'", "'x'y'"},
+                                         {"-12", "'-12'"}, {"3.5", "'3.5'"},   {"'and'", "'and'"}};
+        const Operand chosen = simple[pick(std::size(simple))];
+        if (pick(6) == 0) return {"( " + chosen.text + " )", chosen.tree};
+        if (pick(6) == 0) return {keyword("lower") + "(" + chosen.text + ")", "(function lower " + chosen.tree + ")"};
+        return chosen;
+    }
+
+    Made comparison() {
+        const Operand left = operand();
+        const Operand right = operand();
+        const Operand third = operand();
+        const std::string no = pick(3) == 0 ? keyword("not") + " " : "";
+        Made made{"", "", 3};
+        switch (pick(5)) {
+            case 0:
+                made = {left.text + ">=" + right.text, "(ge " + left.tree + " " + right.tree + ")", 3};
+                return made;
+            case 1:
+                made = {left.text + " " + keyword("is") + " " + no + keyword("null"), "(is_null " + left.tree + ")", 3};
+                break;
+            case 2:
+                made = {left.text + " " + no + keyword("like") + " " + right.text,
+                        "(like " + left.tree + " " + right.tree + ")", 3};
+                break;
+            case 3:
+                made = {left.text + " " + no + keyword("between") + " " + right.text + " " + keyword("and") + " " +
+                            third.text,
+                        "(between " + left.tree + " " + right.tree + " " + third.tree + ")", 3};
+                break;
+            default:
+                made = {left.text + " " + no + keyword("in") + "(" + right.text + "," + third.text + ")",
+                        "(in " + left.tree + " " + right.tree + " " + third.tree + ")", 3};
+                break;
+        }
+        if (!no.empty()) made.tree = negated(made.tree);
+        return made;
+    }
+
+    std::minstd_rand m_random;
+};
+
+TEST(WhereParser, ConditionsMadeAtRandomBecomeTheirTrees) {
+    for (unsigned seed = 1; seed <= 3000; ++seed) {
+        const ConditionMaker::Made made = ConditionMaker(seed).make(1 + seed % 6);
+        EXPECT_EQ(parsed(made.text), made.tree) << made.text;
+    }
+}
+
+TEST(WhereParser, WhateverIsCutOffOrSwappedIsReadOrRefusedWithAPlaceInTheText) {
+    for (unsigned seed = 1; seed <= 50; ++seed) {
+        const std::string text = ConditionMaker(seed).make(3).text;
+        std::minstd_rand random(seed);
+        for (std::size_t at = 0; at < text.size(); ++at) {
+            std::string swapped = text;
+            swapped[at] = static_cast<char>(random() % 256);
+            for (const std::string& damaged : {text.substr(0, at), text.substr(at), swapped}) {
+                const std::string tree = parsed(damaged);
+                if (tree.starts_with("(")) continue;
+                EXPECT_LE(std::stoul(tree), damaged.size()) << damaged;
+                EXPECT_FALSE(shown(damaged).empty());
+            }
+        }
+    }
 }
 
 TEST(WhereParser, TreeIsWrittenAsMessagesAre) {
@@ -258,24 +417,11 @@ TEST(WhereParser, TreeIsWrittenAsMessagesAre) {
     parseWhere("not a = 'x' or upper(b) in (1)", "v", levels, at);
     std::string json;
     writeElement(*message.rootNode(), json);
-    EXPECT_EQ(json,
-              R"([1742,[[2236,[[2237,[[2225,[[1741,"a"],[1018,"x"]]]]],)"
-              R"([2234,[[2222,[[1026,"upper"],[1741,"b"]]],[1018,"1"]]]]]]])");
+    EXPECT_EQ(json, R"([1742,[[2236,[[2237,[[2225,[[1741,"a"],[1018,"x"]]]]],)"
+                    R"([2234,[[2222,[[1026,"upper"],[1741,"b"]]],[1018,"1"]]]]]]])");
 }
 
 // ---- how mistakes are shown -------------------------------------------------------------------------------------
-
-std::string shown(std::string_view text, std::size_t width = 78) {
-    QORMessage message;
-    QORBinaryIterator at = message.root();
-    at.addChild(tag::where);
-    try {
-        parseWhere(text, "v", levels, at);
-    } catch (const QORWhereError& error) {
-        return describeWhereError(text, error, width);
-    }
-    return "no mistake";
-}
 
 TEST(WhereError, CaretStandsBeneathThePlace) {
     EXPECT_EQ(shown("a = ) and b = 2"),
@@ -316,7 +462,7 @@ TEST(WhereError, LongLinesAreCutAroundThePlace) {
     const std::string text = repeat("a = 1 and ", 20) + "b = )" + repeat(" and c = 1", 20);
     EXPECT_EQ(shown(text, 40),
               "expected a column or a value, found \")\" at character 205\n"
-              "  ...d a = 1 and b = ) and c = 1 and c...\n"
+              "  ...d a = 1 and b = ) and c = 1 and ...\n"
               "                     ^\n");
 }
 

@@ -3,6 +3,8 @@
 /// `add_dependencies(my_test qor-agent QORPager)`.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -33,11 +35,15 @@ public:
         if (m_settings.database.empty()) m_settings.database = connectionString();
         start();
     }
+    /// Stops it, unless that was done. An agent that does not end well has failed the test, whatever it answered:
+    /// that is how a sanitizer tells what it has found.
     ~AgentProcess() {
         try {
-            if (isRunning()) stop();
-        } catch (const std::exception&) {
-            // The child's own end kills it.
+            if (!isRunning()) return;
+            const int status = stop();
+            if (status != 0) ADD_FAILURE() << "the agent ended with status " << status << '\n' << output() << log();
+        } catch (const std::exception& exception) {
+            ADD_FAILURE() << exception.what();
         }
     }
 

@@ -87,6 +87,9 @@ public:
         return answer;
     }
 
+    /// Waits until something of an answer has arrived. \returns false when the other side has closed
+    bool awaitBytes() { return !m_buffer.empty() || readSome(); }
+
     /// True when the other side closes without sending anything more.
     bool isClosed() { return m_buffer.empty() && !readSome(); }
 

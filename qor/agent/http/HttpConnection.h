@@ -57,6 +57,9 @@ public:
 
     void start() { awaitRequest(); }
 
+    /// True while a worker runs a request of this connection.
+    bool isWorking() const noexcept { return m_working; }
+
     /// Ends the connection, whatever it is doing; a request that a worker runs is finished unanswered.
     void close() {
         if (m_closed) return;

@@ -1,5 +1,6 @@
 #include "agent/http/HttpServer.h"
 
+#include <algorithm>
 #include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -115,7 +116,11 @@ private:
     }
 
     void finishWhenIdle() {
-        if (m_inFlight > 0 || m_finishing) return;
+        if (m_inFlight == 0) finish();
+    }
+
+    void finish() {
+        if (m_finishing) return;
         m_finishing = true;
         // Not from within the connection that has just ended its request.
         net::post(m_io, [this] {
@@ -126,9 +131,14 @@ private:
         });
     }
 
+    /// Waits no longer. Replies that their clients do not take can be dropped; requests that run cannot be ended.
     void abandon() {
         if (m_finishing) return;
         logMessage(0, module, sourcePath, "stop", "%zu requests are given up", m_inFlight);
+        if (std::none_of(m_connections.begin(), m_connections.end(), [](auto* each) { return each->isWorking(); })) {
+            finish();
+            return;
+        }
         m_abandoned = true;
         m_io.stop();
     }

@@ -38,8 +38,9 @@ public:
     HttpServer& operator=(const HttpServer&) = delete;
 
     /// Serves until stop() has been called and what was in flight is answered; then every handler is gone, and so is
-    /// the socket's name. \returns false when the grace ran out first: worker threads may then still be in a request,
-    /// and the process should end without waiting for them
+    /// the socket's name. Replies that are not taken within the grace are dropped. \returns false when a request still
+    /// ran at the end of the grace: a worker thread may then still be in it, and the process should end without
+    /// waiting for it
     bool run();
 
     /// No new connections; requests that run are finished and answered, later ones on open connections get 503. From

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "QORCommon/QORException.h"
+#include "QORDBSchema/QORDBSchema.h"
 #include "QORLibAgent/QOREnvCache.h"
 #include "agent/ingest/LineReader.h"
 #include "agent/ingest/RecordWriter.h"
@@ -32,6 +33,9 @@ void addCounts(QORIngestCounts& to, const QORIngestCounts& more) {
     to.replaced += more.replaced;
     to.unchanged += more.unchanged;
 }
+
+// A few records are stored faster without preparations.
+constexpr std::size_t manyRecords = 100;
 
 /// Held while environments are stored and made known, when there are any and there is someone to tell.
 std::unique_lock<std::mutex> lockCache(std::span<const QORRecord> batch) {
@@ -137,6 +141,7 @@ private:
         try {
             const auto caching = lockCache(batch);
             QORRdbmsTran tran(ASAccess::Write);
+            if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(*tran);
             RecordWriter writer(*tran, keepEqual);
             for (const QORRecord& record : batch)
                 count(counts[record.index()], writer.store(record));

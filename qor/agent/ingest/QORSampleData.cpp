@@ -178,9 +178,10 @@ struct QORSampleData::Impl {
 
     /// Times of a log ascend evenly, within a step at random.
     std::int64_t timeOf(std::uint64_t index, std::uint64_t count, Random& random) const {
-        const auto step = static_cast<double>(logSpan) / static_cast<double>(count);
-        const double passed = step * (static_cast<double>(index) + static_cast<double>(random.below(1000)) / 1000.0);
-        return lastSecond - logSpan + static_cast<std::int64_t>(passed);
+        const auto records = static_cast<std::int64_t>(count);
+        const std::int64_t start = logSpan * static_cast<std::int64_t>(index) / records;
+        const std::int64_t step = std::max<std::int64_t>(logSpan / records, 1);
+        return lastSecond - logSpan + start + static_cast<std::int64_t>(random.below(static_cast<std::uint64_t>(step)));
     }
 
     void writeConfig(Json& json, std::string_view key, const Environment& env, Random& random) const {

@@ -21,7 +21,7 @@ fs::path pathFromEnvironment(const char* name) {
 }
 
 fs::path homeDirectory() {
-    if (const fs::path home = pathFromEnvironment("HOME"); !home.empty()) return home;
+    if (fs::path home = pathFromEnvironment("HOME"); !home.empty()) return home;
     const passwd* const user = ::getpwuid(::geteuid());
     return user != nullptr && user->pw_dir != nullptr ? fs::path(user->pw_dir) : fs::path("/");
 }

@@ -7,13 +7,13 @@
 namespace QOR {
 
 class QORCsvPrinter final : public QORRowSink {
-   public:
+public:
     explicit QORCsvPrinter(QOROutput& out) : m_out(out) {}
     void begin(std::span<const std::string> names) override;
     void row(std::span<const QORCell> cells) override;
     void end(const std::optional<QORRowCounts>& counts) override;
 
-   private:
+private:
     QOROutput& m_out;
 };
 

@@ -38,14 +38,17 @@ void appendEscaped(char c, std::string& out) {
     out += digits[byte & 15U];
 }
 
-constexpr bool isPlain(char c) { return static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\'; }
+constexpr bool isPlain(char c) {
+    return static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\';
+}
 
 /// \pre UTF-8
 void appendString(std::string_view text, std::string& out) {
     out += '"';
     for (std::size_t at = 0; at < text.size();) {
         std::size_t end = at;
-        while (end < text.size() && isPlain(text[end])) ++end;
+        while (end < text.size() && isPlain(text[end]))
+            ++end;
         out.append(text, at, end - at);
         if (end < text.size()) appendEscaped(text[end++], out);
         at = end;

@@ -12,13 +12,13 @@ namespace QOR {
 void appendJsonText(std::string_view text, std::string& out);
 
 class QORJsonPrinter final : public QORRowSink {
-   public:
+public:
     QORJsonPrinter(bool withCounts, QOROutput& out) : m_withCounts(withCounts), m_out(out) {}
     void begin(std::span<const std::string> names) override;
     void row(std::span<const QORCell> cells) override;
     void end(const std::optional<QORRowCounts>& counts) override;
 
-   private:
+private:
     bool m_withCounts;
     bool m_any = false;
     QOROutput& m_out;

@@ -11,7 +11,7 @@ namespace QOR {
 /// A buffered byte stream. One thread. What was not flushed when it is destroyed is lost, so that a command that fails
 /// decides itself what is still to be seen.
 class QOROutput {
-   public:
+public:
     virtual ~QOROutput() = default;
     QOROutput& operator<<(std::string_view text) {
         m_buffer += text;
@@ -25,39 +25,39 @@ class QOROutput {
     }
     void flush();
 
-   protected:
+protected:
     virtual void write(std::string_view block) = 0;
 
-   private:
+private:
     static constexpr std::size_t blockSize = 64 * 1024;
     std::string m_buffer;
 };
 
 /// Onto a file descriptor, which is not owned.
 class QORFileOutput final : public QOROutput {
-   public:
+public:
     explicit QORFileOutput(int descriptor) noexcept : m_descriptor(descriptor) {}
 
-   protected:
+protected:
     /// \throws QORBrokenPipe when nobody reads any more, QORCtlError for any other failure
     void write(std::string_view block) override;
 
-   private:
+private:
     int m_descriptor;
 };
 
 /// Into a text.
 class QORTextOutput final : public QOROutput {
-   public:
+public:
     const std::string& text() {
         flush();
         return m_text;
     }
 
-   protected:
+protected:
     void write(std::string_view block) override { m_text += block; }
 
-   private:
+private:
     std::string m_text;
 };
 

@@ -22,8 +22,7 @@ std::unique_ptr<QORRowSink> makeRowPrinter(QORRowFormat format, const QORRowPrin
 }
 
 std::string describeCounts(const QORRowCounts& counts) {
-    return std::to_string(counts.rows) + " of " + std::to_string(counts.total) +
-           (counts.total == 1 ? " row" : " rows");
+    return std::to_string(counts.rows) + " of " + std::to_string(counts.total) + (counts.total == 1 ? " row" : " rows");
 }
 
 }  // namespace QOR

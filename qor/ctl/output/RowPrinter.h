@@ -29,7 +29,7 @@ struct QORRowCounts {
 
 /// Takes the rows of one answer in turn: begin once, then rows, then end. One thread.
 class QORRowSink {
-   public:
+public:
     virtual ~QORRowSink() = default;
     virtual void begin(std::span<const std::string> names) = 0;
     /// \pre as many cells as there are names

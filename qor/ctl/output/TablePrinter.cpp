@@ -32,7 +32,9 @@ void appendPadded(std::string_view text, std::size_t width, bool right, std::str
     if (!right) out.append(blanks, ' ');
 }
 
-void dropTrailingBlanks(std::string& line) { line.erase(line.find_last_not_of(' ') + 1); }
+void dropTrailingBlanks(std::string& line) {
+    line.erase(line.find_last_not_of(' ') + 1);
+}
 
 }  // namespace
 
@@ -97,10 +99,12 @@ bool QORTablePrinter::fitColumns() {
     std::size_t bound = leastColumnWidth;
     const auto taken = [&](std::size_t most) {
         std::size_t sum = gaps;
-        for (const Column& column : m_columns) sum += std::min(column.width, most);
+        for (const Column& column : m_columns)
+            sum += std::min(column.width, most);
         return sum;
     };
-    while (taken(bound + 1) <= m_width) ++bound;
+    while (taken(bound + 1) <= m_width)
+        ++bound;
     std::size_t left = m_width - taken(bound);
     for (Column& column : m_columns) {
         if (column.width <= bound) continue;
@@ -153,7 +157,8 @@ void QORTablePrinter::printLine(std::span<const std::string> values) {
 
 void QORTablePrinter::printBlock(std::span<const std::string> values) {
     std::size_t widest = 0;
-    for (const Column& column : m_columns) widest = std::max(widest, textWidth(column.name));
+    for (const Column& column : m_columns)
+        widest = std::max(widest, textWidth(column.name));
     widest = std::min(widest, m_width / 2);
     if (m_anyBlock) m_out << "\n";
     m_anyBlock = true;

@@ -13,14 +13,14 @@ namespace QOR {
 /// the wait for the first line grows with the answer. Where a terminal is too narrow to give each column a readable
 /// width, each row becomes a block of lines, a column a line.
 class QORTablePrinter final : public QORRowSink {
-   public:
+public:
     /// \param width columns to fit into, 0 for as many as are needed
     QORTablePrinter(std::size_t width, QOROutput& out) : m_width(width), m_out(out) {}
     void begin(std::span<const std::string> names) override;
     void row(std::span<const QORCell> cells) override;
     void end(const std::optional<QORRowCounts>& counts) override;
 
-   private:
+private:
     struct Column {
         std::string name;
         std::size_t width = 0;

@@ -27,13 +27,13 @@ struct Character {
 
 /// Makes wcwidth know all of Unicode on this thread, whatever the locale of the process is.
 class UnicodeScope {
-   public:
+public:
     UnicodeScope() : m_before(uselocale(unicode())) {}
     UnicodeScope(const UnicodeScope&) = delete;
     UnicodeScope& operator=(const UnicodeScope&) = delete;
     ~UnicodeScope() { uselocale(m_before); }
 
-   private:
+private:
     static locale_t unicode() {
         static const locale_t locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
         return locale;  // null, and so no change, where the system lacks it: each character then counts 1
@@ -51,7 +51,8 @@ std::int32_t decode(std::string_view sequence) {
     const auto lead = static_cast<unsigned char>(sequence[0]);
     constexpr std::array<unsigned, 5> masks{0, 0x7F, 0x1F, 0x0F, 0x07};
     std::uint32_t code = lead & masks[sequence.size()];
-    for (const char c : sequence.substr(1)) code = code << 6U | (static_cast<unsigned char>(c) & 0x3FU);
+    for (const char c : sequence.substr(1))
+        code = code << 6U | (static_cast<unsigned char>(c) & 0x3FU);
     return static_cast<std::int32_t>(code);
 }
 
@@ -82,7 +83,8 @@ bool isHidden(std::int32_t code) {
 
 void appendHex(std::uint32_t value, std::size_t leastDigits, std::string& out) {
     std::string digits;
-    for (; value != 0 || digits.size() < leastDigits; value >>= 4U) digits.insert(0, 1, "0123456789abcdef"[value & 15U]);
+    for (; value != 0 || digits.size() < leastDigits; value >>= 4U)
+        digits.insert(0, 1, "0123456789abcdef"[value & 15U]);
     out += digits;
 }
 

@@ -18,7 +18,8 @@ void QORXmlPrinter::printLines() {
 void QORXmlPrinter::begin(std::span<const std::string> names) {
     m_out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<row_set>\n";
     QORBinaryIterator at = m_message.root();
-    for (const std::string& name : names) at.putValue(name, tag::name);
+    for (const std::string& name : names)
+        at.putValue(name, tag::name);
     printLines();
 }
 

@@ -9,13 +9,13 @@ namespace QOR {
 
 /// Column order is the caller's; the answer's own order makes this the answer itself.
 class QORXmlPrinter final : public QORRowSink {
-   public:
+public:
     explicit QORXmlPrinter(QOROutput& out) : m_out(out) {}
     void begin(std::span<const std::string> names) override;
     void row(std::span<const QORCell> cells) override;
     void end(const std::optional<QORRowCounts>& counts) override;
 
-   private:
+private:
     void printLines();
 
     QOROutput& m_out;

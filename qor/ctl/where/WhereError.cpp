@@ -10,7 +10,9 @@ namespace {
 constexpr std::size_t margin = 2;
 constexpr std::string_view ellipsis = "...";
 
-bool isContinuation(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; }
+bool isContinuation(char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
+}
 
 std::size_t countCharacters(std::string_view text) {
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return !isContinuation(c); }));
@@ -29,9 +31,11 @@ std::string shown(std::string_view line) {
 }
 
 std::string describePlace(std::string_view text, std::size_t lineBegin, std::size_t offset) {
-    std::string place = " at character " + std::to_string(countCharacters(text.substr(lineBegin, offset - lineBegin)) + 1);
+    std::string place =
+        " at character " + std::to_string(countCharacters(text.substr(lineBegin, offset - lineBegin)) + 1);
     if (text.find('\n') == std::string_view::npos) return place;
-    return place + " of line " + std::to_string(std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(lineBegin), '\n') + 1);
+    return place + " of line " +
+           std::to_string(std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(lineBegin), '\n') + 1);
 }
 
 }  // namespace

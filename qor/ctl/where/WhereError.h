@@ -11,12 +11,12 @@ namespace QOR {
 
 /// What is wrong and where. The message says what was expected; it does not repeat the text.
 class QORWhereError : public std::runtime_error {
-   public:
+public:
     /// \param offset byte offset of the place in the text; the text's length stands for its end
     QORWhereError(std::size_t offset, const std::string& message) : std::runtime_error(message), m_offset(offset) {}
     std::size_t offset() const noexcept { return m_offset; }
 
-   private:
+private:
     std::size_t m_offset;
 };
 

@@ -8,14 +8,24 @@
 namespace QOR {
 namespace {
 
-constexpr bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
-constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
-constexpr bool isAscii(char c) { return static_cast<unsigned char>(c) < 0x80; }
+constexpr bool isBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
+constexpr bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+constexpr bool isAscii(char c) {
+    return static_cast<unsigned char>(c) < 0x80;
+}
 constexpr bool isWordStart(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || !isAscii(c);
 }
-constexpr bool isWordPart(char c) { return isWordStart(c) || isDigit(c) || c == '$'; }
-constexpr char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+constexpr bool isWordPart(char c) {
+    return isWordStart(c) || isDigit(c) || c == '$';
+}
+constexpr char lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 /// Longer ones first.
 constexpr std::string_view symbols[] = {"<>", "!=", "<=", ">=", "=", "<", ">", "(", ")", ",", ".", "+", "-"};
@@ -23,7 +33,8 @@ constexpr std::string_view symbols[] = {"<>", "!=", "<=", ">=", "=", "<", ">", "
 /// The bytes of the character at `position`: what is no token is shown whole.
 std::string_view characterAt(std::string_view text, std::size_t position) {
     std::size_t end = position + 1;
-    while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) ++end;
+    while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
+        ++end;
     return text.substr(position, end - position);
 }
 
@@ -39,12 +50,13 @@ std::string adviceFor(std::string_view text, std::size_t position) {
 }  // namespace
 
 bool QORWhereToken::isWord(std::string_view keyword) const {
-    return kind == QORWhereTokenKind::Word &&
-           std::equal(spelled.begin(), spelled.end(), keyword.begin(), keyword.end(),
-                      [](char a, char b) { return lower(a) == b; });
+    return kind == QORWhereTokenKind::Word && std::equal(spelled.begin(), spelled.end(), keyword.begin(), keyword.end(),
+                                                         [](char a, char b) { return lower(a) == b; });
 }
 
-QORWhereLexer::QORWhereLexer(std::string_view text) : m_text(text) { read(); }
+QORWhereLexer::QORWhereLexer(std::string_view text) : m_text(text) {
+    read();
+}
 
 QORWhereToken QORWhereLexer::take() {
     QORWhereToken taken = std::move(m_token);
@@ -59,7 +71,8 @@ bool QORWhereLexer::isFollowedBy(char character) const noexcept {
 }
 
 void QORWhereLexer::read() {
-    while (m_position < m_text.size() && isBlank(m_text[m_position])) ++m_position;
+    while (m_position < m_text.size() && isBlank(m_text[m_position]))
+        ++m_position;
     m_token.offset = m_position;
     if (m_position == m_text.size()) return finish(QORWhereTokenKind::End, m_position);
     const char c = m_text[m_position];
@@ -82,7 +95,8 @@ void QORWhereLexer::finish(QORWhereTokenKind kind, std::size_t end) {
 
 void QORWhereLexer::readWord() {
     std::size_t end = m_position;
-    while (end < m_text.size() && isWordPart(m_text[end])) ++end;
+    while (end < m_text.size() && isWordPart(m_text[end]))
+        ++end;
     finish(QORWhereTokenKind::Word, end);
 }
 
@@ -90,7 +104,8 @@ void QORWhereLexer::readNumber() {
     std::size_t end = m_position;
     const auto digits = [&] {
         const std::size_t begin = end;
-        while (end < m_text.size() && isDigit(m_text[end])) ++end;
+        while (end < m_text.size() && isDigit(m_text[end]))
+            ++end;
         return end > begin;
     };
     bool good = digits();
@@ -105,7 +120,8 @@ void QORWhereLexer::readNumber() {
     }
     if (good && (end == m_text.size() || (!isWordPart(m_text[end]) && m_text[end] != '.')))
         return finish(QORWhereTokenKind::Number, end);
-    while (end < m_text.size() && (isWordPart(m_text[end]) || m_text[end] == '.')) ++end;
+    while (end < m_text.size() && (isWordPart(m_text[end]) || m_text[end] == '.'))
+        ++end;
     throw QORWhereError(m_token.offset, quoteText(m_text.substr(m_token.offset, end - m_token.offset)) +
                                             " is not a number; a text is written in single quotes");
 }

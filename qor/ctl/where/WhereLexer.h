@@ -32,7 +32,7 @@ struct QORWhereToken {
 
 /// Cuts a text into tokens, one token of look-ahead and one beyond. The text must outlive the lexer and its tokens.
 class QORWhereLexer {
-   public:
+public:
     explicit QORWhereLexer(std::string_view text);
 
     /// The token that stands next.
@@ -43,7 +43,7 @@ class QORWhereLexer {
     bool isFollowedBy(char character) const noexcept;
     std::string_view text() const noexcept { return m_text; }
 
-   private:
+private:
     void read();
     void readWord();
     void readNumber();

@@ -22,13 +22,12 @@ struct ComparisonSign {
     QORTag tag;
 };
 constexpr ComparisonSign comparisonSigns[] = {
-    {"=", tag::eq},  {"<>", tag::ne}, {"!=", tag::ne}, {"<", tag::lt},
-    {"<=", tag::le}, {">", tag::gt},  {">=", tag::ge},
+    {"=", tag::eq}, {"<>", tag::ne}, {"!=", tag::ne}, {"<", tag::lt}, {"<=", tag::le}, {">", tag::gt}, {">=", tag::ge},
 };
 
 /// Words that are no column names unless they stand in double quotes.
-constexpr std::string_view reservedWords[] = {"and",  "or",   "not",    "like", "in",    "between",
-                                              "is",   "null", "select", "from", "where", "escape"};
+constexpr std::string_view reservedWords[] = {"and", "or",   "not",    "like", "in",    "between",
+                                              "is",  "null", "select", "from", "where", "escape"};
 
 bool isReserved(const QORWhereToken& token) {
     return std::any_of(std::begin(reservedWords), std::end(reservedWords),
@@ -44,7 +43,7 @@ bool isSameView(std::string_view a, std::string_view b) {
 /// Reads by operator precedence with a stack of its own, so that parentheses and nots may be as deep as memory
 /// allows. Only nested selects are read by recursion; `nestedSelects` bounds them.
 class Parser {
-   public:
+public:
     Parser(std::string_view text, std::string_view view, std::size_t levels)
         : m_lexer(text), m_view(view), m_levels(levels) {}
 
@@ -55,7 +54,7 @@ class Parser {
     }
     const QORWhereTree& tree() const { return m_tree; }
 
-   private:
+private:
     static constexpr unsigned nestedSelects = 24;
 
     struct Item {
@@ -100,7 +99,8 @@ class Parser {
     }
     Id build(QORTag tag, std::initializer_list<Id> children, std::size_t offset) {
         const Id id = m_tree.node(tag);
-        for (const Id child : children) m_tree.append(id, child);
+        for (const Id child : children)
+            m_tree.append(id, child);
         return checked(id, offset);
     }
     Id negate(Id condition, std::size_t offset) {
@@ -290,8 +290,8 @@ Id Parser::readSelect() {
     needWord("from");
     std::string view = readName("a view");
     if (!qualifier.empty() && !isSameView(qualifier, view))
-        throw QORWhereError(fieldOffset, quoteText(qualifier) + " is not the view that this select reads, which is " +
-                                             quoteText(view));
+        throw QORWhereError(
+            fieldOffset, quoteText(qualifier) + " is not the view that this select reads, which is " + quoteText(view));
     const Id select = build(tag::select, {m_tree.leaf(tag::view, view), field}, offset);
     if (distinct) m_tree.append(select, m_tree.node(tag::distinct));
     if (takeWord("where")) {
@@ -355,13 +355,19 @@ std::string Parser::readWholeNumber() {
 
 // ---- operands ---------------------------------------------------------------------------------------------------
 
-bool Parser::isFunctionNext() const { return peek().kind == QORWhereTokenKind::Word && m_lexer.isFollowedBy('('); }
+bool Parser::isFunctionNext() const {
+    return peek().kind == QORWhereTokenKind::Word && m_lexer.isFollowedBy('(');
+}
 
 /// An operand that may stand in parentheses.
-Id Parser::readOperand() { return readFunctions(true); }
+Id Parser::readOperand() {
+    return readFunctions(true);
+}
 
 /// An operand without parentheses around it: those may turn out to hold a condition.
-Id Parser::readPrimary() { return readFunctions(false); }
+Id Parser::readPrimary() {
+    return readFunctions(false);
+}
 
 /// Functions and parentheses around a column or a value. Each goes to a list until the operand within is read.
 Id Parser::readFunctions(bool allowParentheses) {
@@ -376,8 +382,8 @@ Id Parser::readFunctions(bool allowParentheses) {
             wrappers.push_back({"", offset});
         } else if (isFunctionNext() && !isReserved(peek())) {
             if (!peek().isWord("upper") && !peek().isWord("lower"))
-                throw QORWhereError(offset, "a condition knows the functions upper() and lower() only, found " +
-                                                describeToken(peek()));
+                throw QORWhereError(
+                    offset, "a condition knows the functions upper() and lower() only, found " + describeToken(peek()));
             wrappers.push_back({m_lexer.take().isWord("upper") ? "upper" : "lower", offset});
             needSymbol("(");
         } else {
@@ -417,13 +423,15 @@ Id Parser::readField() {
         if (first.find('.') != std::string::npos)
             throw QORWhereError(offset, "a view whose name holds a point cannot qualify a column");
         std::string column = readName("a column");
-        if (peek().isSymbol(".")) throw QORWhereError(peek().offset, "a column is named as \"column\" or \"view.column\"");
+        if (peek().isSymbol("."))
+            throw QORWhereError(peek().offset, "a column is named as \"column\" or \"view.column\"");
         return m_tree.leaf(tag::field, first + "." + column);
     }
     // The first point of a field's text ends the view's name, so a column that holds one is named with its view.
     if (first.find('.') == std::string::npos) return m_tree.leaf(tag::field, std::move(first));
     if (m_view.find('.') != std::string::npos)
-        throw QORWhereError(offset, "a column whose name holds a point cannot be named, since that of its view holds one too");
+        throw QORWhereError(offset,
+                            "a column whose name holds a point cannot be named, since that of its view holds one too");
     return m_tree.leaf(tag::field, m_view + "." + first);
 }
 

@@ -52,7 +52,8 @@ void QORWhereTree::write(Id id, QORBinaryIterator out) const {
     const Node& node = m_nodes[id];
     if (node.hasText) return require(out.putValue(node.text, node.tag));
     require(out.addChild(node.tag));
-    for (Id child = node.first; child != none; child = m_nodes[child].next) write(child, out);
+    for (Id child = node.first; child != none; child = m_nodes[child].next)
+        write(child, out);
 }
 
 }  // namespace QOR

@@ -15,7 +15,7 @@ namespace QOR {
 
 /// Elements of a where tree. One thread; nodes live as long as the tree.
 class QORWhereTree {
-   public:
+public:
     using Id = std::uint32_t;
     static constexpr Id none = 0;
 
@@ -38,7 +38,7 @@ class QORWhereTree {
     /// Writes the node below the element that `out` stands on. The height bounds how deep this goes.
     void write(Id id, QORBinaryIterator out) const;
 
-   private:
+private:
     struct Node {
         QORTag tag = 0;
         Id first = none;

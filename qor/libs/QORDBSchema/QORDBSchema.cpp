@@ -107,12 +107,16 @@ QORSchemaState inspectDatabase() {
 /// What is there, found without writing; nothing when it cannot be opened for reading, as when it is missing.
 std::optional<QORSchemaState> lookReadOnly(ASDatabaseOptions options) {
     options.readOnly = true;
+    std::optional<QORSchemaState> state;
     try {
         QORRdbms::instance().configure(options);
-        return inspectDatabase();
+        state = inspectDatabase();
     } catch (const AException&) {
-        return std::nullopt;
+        state.reset();
     }
+    // A connection left open would be in the way of whoever opens the database to change its journal.
+    QORRdbms::instance().shutdown();
+    return state;
 }
 
 bool isForeign(const QORSchemaState& state) {
@@ -172,6 +176,15 @@ QORSchemaReport QORDBSchema::open(const ASDatabaseOptions& options, QORSchemaMod
                    databaseName(options.connectionString).c_str(), latestVersion, report.found.version);
     }
     return report;
+}
+
+void QORDBSchema::prepareManyWrites(ASSession& session) {
+    if (session.engine() != ASEngine::SQLite) return;
+    // Identifiers come in no order, so that a thousand records touch thousands of pages: with the usual 2 MB they
+    // would be written several times within one transaction, and with the usual 4 MB of log every commit would wait
+    // for a checkpoint.
+    session.execute("PRAGMA cache_size = -32768");
+    session.execute("PRAGMA wal_autocheckpoint = 8192");
 }
 
 std::string QORDBSchema::databaseName(const std::string& connectionString) {

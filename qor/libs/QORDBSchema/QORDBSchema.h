@@ -58,6 +58,10 @@ public:
     /// for writing. \returns the version found \throws as open() in mode Own
     static int migrate(ASSession& session, int version = currentVersion());
 
+    /// Fits the session's connection for transactions of many records: room for the pages that they touch, and a
+    /// longer log before it is worked into the file. It stays so; durability is what it was.
+    static void prepareManyWrites(ASSession& session);
+
     /// The name of the database in a connection string, for messages: the value of Database (or of DSN), never a
     /// password.
     static std::string databaseName(const std::string& connectionString);

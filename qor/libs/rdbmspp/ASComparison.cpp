@@ -46,7 +46,8 @@ ASComparison::ASComparison() = default;
 ASComparison::ASComparison(std::string sql) {
     if (sql.empty()) return;
     m_node = std::make_shared<Node>(Node::Kind::Raw);
-    m_node->value = ASValue::ofText(sql);
+    m_node->value.kind = ASValue::Kind::Text;
+    m_node->value.text = std::move(sql);
 }
 
 std::string ASComparison::Query() const {

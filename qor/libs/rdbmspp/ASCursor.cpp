@@ -1,5 +1,6 @@
 #include "rdbmspp/ASCursor.h"
 
+#include <algorithm>
 #include <charconv>
 #include <optional>
 #include <utility>
@@ -86,6 +87,7 @@ struct ASCursor::Impl {
     void run();
     void bind(const ASProject& project);
     void take(std::size_t index);
+    bool isOneRow() const;
 
     ASSession& session;
     ASFilter filter;
@@ -151,16 +153,22 @@ bool ASCursor::Impl::next() {
 
 void ASCursor::Impl::run() {
     auto& s = session.impl();
-    const bool many = limit <= 0 || limit >= manyRows;
-    s.builder.reset(many && s.dialect->streamsWithoutParameters ? ASPurpose::Streaming : ASPurpose::Execution);
+    const bool streams = s.mayStream() && (limit <= 0 || limit >= manyRows) && !isOneRow();
+    s.builder.reset(streams ? ASPurpose::Streaming : ASPurpose::Execution);
     s.builder.select(filter.m_project, filter.m_condition, limit, offset, order);
-    auto running = s.lease(s.builder.text());
+    auto running = streams ? s.leaseStreaming(s.builder.text()) : s.lease(s.builder.text());
     const auto& values = s.builder.parameters();
     for (std::size_t i = 0; i < values.size(); ++i)
         running->set(i, *values[i]);
     statement = std::move(running);
     bind(filter.m_project);
     statement->execute();
+}
+
+// Aggregates alone: their values are the statement's to reuse, and nothing is gained by streaming.
+bool ASCursor::Impl::isOneRow() const {
+    const auto& items = filter.m_project.m_items;
+    return std::all_of(items.begin(), items.end(), [](const auto& item) { return item->group.has_value(); });
 }
 
 void ASCursor::Impl::bind(const ASProject& project) {

@@ -25,12 +25,12 @@ struct QOR_API ASDialect {
     const char* noEscape;        ///< what has to follow a pattern without escape character
     const char* nullsAscending;  ///< makes null the smallest value; empty where it is already
     const char* nullsDescending;
-    const char* byteOrder;          ///< makes a text sort by its bytes; empty where it does already
-    bool streamsWithoutParameters;  ///< the driver hands rows out as they come where there are no parameters
-    std::size_t maxParameters;      ///< of one statement; further values stand in its text
-    std::size_t maxLikePattern;     ///< bytes; 0: unlimited
-    std::size_t parserDepth;        ///< entries of the parser's stack; 0: unlimited
-    std::size_t expressionDepth;    ///< levels of an expression; 0: unlimited
+    const char* byteOrder;        ///< makes a text sort by its bytes; empty where it does already
+    const char* queryOnly;        ///< makes a connection refuse to write
+    std::size_t maxParameters;    ///< of one statement; further values stand in its text
+    std::size_t maxLikePattern;   ///< bytes; 0: unlimited
+    std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
+    std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited
     /// A select of three columns, view name, column name and declared type, one row for each column of each view.
     const char* viewColumns;
 

@@ -111,20 +111,38 @@ struct ASStatement::Impl {
     std::string decoded;
 };
 
+/// How a session's connections are opened. A connection of SQLite's driver whose rows come one by one (StepAPI) never
+/// runs a PRAGMA that sets something, nor an INSERT behind WITH, and does not say so: only cursors' selects go there.
+struct ASConnectionSource {
+    std::string string;
+    std::string streamingString;  ///< of connections whose rows come one by one; empty: there are none
+    std::string database;         ///< its name for people
+    bool queryOnly = false;
+};
+
 struct ASSession::Impl {
     static constexpr std::size_t keptStatements = 64;
 
-    Impl(const std::string& connectionString, std::string database);
+    explicit Impl(const ASConnectionSource& source);
 
+    /// A prepared statement for one cursor.
     ASStatementLease lease(const std::string& sql);
+    /// The same on the streaming connection, which must be there (mayStream()).
+    ASStatementLease leaseStreaming(const std::string& sql);
+    bool mayStream() const noexcept { return !inTransaction && !source.streamingString.empty(); }
+    bool isBroken() const noexcept { return connection.isBroken() || (streaming && streaming->isBroken()); }
     /// Ends what a transaction has left running and lets go of surplus statements.
     void tidy();
 
+    ASConnectionSource source;
     OdbcConnection connection;
     const ASDialect* dialect;
     ASSqlBuilder builder;
     ASStatementCache<OdbcStatement> selects;
     ASStatementCache<ASStatement> statements;
+    std::unique_ptr<OdbcConnection> streaming;  ///< opened when it is first needed
+    ASStatementCache<OdbcStatement> streamed;
+    bool inTransaction = false;
     std::int64_t changes = 0;
     std::uint64_t generation = 0;
     ASFileIdentity file;

@@ -243,13 +243,19 @@ void OdbcStatement::bindColumn(std::size_t index) {
 void OdbcStatement::execute() {
     close();
     m_open = true;
+    m_rowsLeft = false;
     check(SQLExecute(m_handle));
+    m_rowsLeft = true;
 }
 
 bool OdbcStatement::fetch() {
     const SQLRETURN rc = SQLFetch(m_handle);
     if (rc == SQL_SUCCESS) return true;
-    if (rc == SQL_NO_DATA) return false;
+    if (rc == SQL_NO_DATA) {
+        m_rowsLeft = false;
+        return false;
+    }
+    m_rowsLeft = SQL_SUCCEEDED(rc);
     check(rc);
     for (std::size_t i = 0; i < m_columns.size(); ++i) {
         Column& c = *m_columns[i];
@@ -302,10 +308,21 @@ std::int64_t OdbcStatement::changes() {
     return rows;
 }
 
+// SQLite's driver goes on holding its lock when a result that it streams is closed before its end. A result of one row
+// is at its end after one more fetch; any other is ended by preparing the statement anew.
 void OdbcStatement::close() noexcept {
     if (!m_open) return;
-    SQLFreeStmt(m_handle, SQL_CLOSE);
     m_open = false;
+    const bool streams = m_parameters.empty() && !m_columns.empty();
+    const bool unfinished = m_rowsLeft && streams && SQLFetch(m_handle) != SQL_NO_DATA;
+    SQLFreeStmt(m_handle, SQL_CLOSE);
+    if (!unfinished) return;
+    SQLPrepare(m_handle, chars(m_sql), static_cast<SQLINTEGER>(m_sql.size()));
+    for (std::size_t i = 0; i < m_columns.size(); ++i) {
+        Column& c = *m_columns[i];
+        SQLBindCol(m_handle, static_cast<SQLUSMALLINT>(i + 1), c.type(), c.buffer.data(),
+                   static_cast<SQLLEN>(c.buffer.size()), &c.indicator);
+    }
 }
 
 // The one place where a return code becomes an exception.
@@ -339,7 +356,7 @@ void OdbcConnection::connect(const std::string& connectionString) {
     if (!SQL_SUCCEEDED(SQLAllocHandle(SQL_HANDLE_ENV, SQL_NULL_HANDLE, &m_environment))) {
         throw AException("the ODBC driver manager cannot be started", "HY000");
     }
-    const auto version = reinterpret_cast<SQLPOINTER>(static_cast<std::uintptr_t>(SQL_OV_ODBC3));
+    const auto version = reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3);  // NOLINT(performance-no-int-to-ptr): ODBC's way
     check(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, version, 0), SQL_HANDLE_ENV, m_environment, {});
     check(SQLAllocHandle(SQL_HANDLE_DBC, m_environment, &m_handle), SQL_HANDLE_ENV, m_environment, {});
     check(SQLDriverConnect(m_handle, nullptr, chars(connectionString),

@@ -71,6 +71,7 @@ class OdbcStatement {
     std::string m_sql;
     void* m_handle = nullptr;
     bool m_open = false;
+    bool m_rowsLeft = false;                               ///< the end of the running result has not been met
     std::vector<std::unique_ptr<Parameter>> m_parameters;  // the driver holds their addresses
     std::vector<std::unique_ptr<Column>> m_columns;
     std::vector<OdbcColumn> m_layout;

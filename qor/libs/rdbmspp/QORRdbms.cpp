@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -27,10 +28,11 @@ namespace {
 struct Settings {
     ASDatabaseOptions options;
     ASEngine engine = ASEngine::SQLite;
-    std::string connectionString;  ///< with everything that was added to the options'
+    ASConnectionSource source;  ///< with everything that was added to the options' connection string
     std::string driver;
     std::string database;
-    std::string file;  ///< the database's file, empty when it has none that we know of
+    std::string file;        ///< the database's file, empty when it has none that we know of
+    bool mayCreate = false;  ///< a missing file
     std::uint64_t generation = 0;
 };
 
@@ -51,7 +53,7 @@ std::string sqliteTimeout(unsigned milliseconds) {
 
 void addSqliteDefaults(OdbcConnectionString& string, const ASDatabaseOptions& options) {
     string.setDefault("Timeout", sqliteTimeout(options.busyTimeoutMs));
-    string.setDefault("StepAPI", "1");  // rows come one by one where a statement has no parameters
+    string.set("StepAPI", "0");
     string.setDefault("FKSupport", "1");
     string.setDefault("SyncPragma", "FULL");
     if (options.readOnly) {
@@ -81,9 +83,7 @@ AException cannotOpen(const Settings& settings, const AException& error) {
     std::string text = "cannot open the database \"" + settings.database + "\" with the driver \"" + settings.driver +
                        "\": " + error.text();
     const bool file = containsSqlite(settings.driver) && !isInMemory(settings.database);
-    const bool first = settings.connectionString.empty();
-    if (file && error.text() == "connect failed")
-        text += faultOf(settings.database, first && !settings.options.readOnly);
+    if (file && error.text() == "connect failed") text += faultOf(settings.database, settings.mayCreate);
     return AException(std::move(text), error.sqlState(), error.nativeCode(), error.statement());
 }
 
@@ -92,14 +92,11 @@ void probe(ASSession::Impl& session) {
     if (session.dialect->engine == ASEngine::SQLite) session.connection.execute("SELECT count(*) FROM sqlite_master");
 }
 
-std::unique_ptr<ASSession> open(const Settings& settings, const std::string& connectionString) {
+std::unique_ptr<ASSession> open(const Settings& settings) {
     try {
-        auto impl = std::make_unique<ASSession::Impl>(connectionString, settings.database);
+        auto impl = std::make_unique<ASSession::Impl>(settings.source);
         impl->generation = settings.generation;
         impl->file = ASFileIdentity::of(settings.file);
-        if (settings.options.readOnly && impl->dialect->engine == ASEngine::SQLite) {
-            impl->connection.execute("PRAGMA query_only = 1");
-        }
         return std::make_unique<ASSession>(std::move(impl));
     } catch (const AException& error) {
         throw cannotOpen(settings, error);
@@ -111,6 +108,14 @@ ASEngine engineOf(const std::string& name) {
 }
 
 thread_local unsigned heldByThread = 0;
+
+void countHeld(bool taken) noexcept {
+    if (taken) {
+        ++heldByThread;
+    } else if (heldByThread > 0) {  // a transaction may end on another thread than it began on
+        --heldByThread;
+    }
+}
 
 }  // namespace
 
@@ -203,18 +208,38 @@ void ASStatement::reset() {
 
 // --- sessions --------------------------------------------------------------------------------------------------
 
-ASSession::Impl::Impl(const std::string& connectionString, std::string database)
-    : connection(connectionString, std::move(database)),
+ASSession::Impl::Impl(const ASConnectionSource& from)
+    : source(from),
+      connection(source.string, source.database),
       dialect(&ASDialect::of(engineOf(connection.engineName()))),
-      builder(*dialect, ASPurpose::Execution) {}
+      builder(*dialect, ASPurpose::Execution) {
+    if (source.queryOnly) connection.execute(dialect->queryOnly);
+}
 
-ASStatementLease ASSession::Impl::lease(const std::string& sql) {
-    auto* entry = selects.find(sql);
+namespace {
+
+ASStatementLease leaseFrom(ASStatementLease::Cache& cache, OdbcConnection& connection, const std::string& sql) {
+    auto* entry = cache.find(sql);
     if (entry && !entry->leased) return ASStatementLease(*entry);
     auto fresh = std::make_unique<OdbcStatement>(connection, sql);
     // The same select is running already on this session: a second one of its own, for this once.
     if (entry) return ASStatementLease(std::move(fresh));
-    return ASStatementLease(selects.insert(sql, std::move(fresh)));
+    return ASStatementLease(cache.insert(sql, std::move(fresh)));
+}
+
+}  // namespace
+
+ASStatementLease ASSession::Impl::lease(const std::string& sql) {
+    return leaseFrom(selects, connection, sql);
+}
+
+ASStatementLease ASSession::Impl::leaseStreaming(const std::string& sql) {
+    if (!streaming) {
+        auto opened = std::make_unique<OdbcConnection>(source.streamingString, source.database);
+        if (source.queryOnly) opened->execute(dialect->queryOnly);
+        streaming = std::move(opened);
+    }
+    return leaseFrom(streamed, *streaming, sql);
 }
 
 void ASSession::Impl::tidy() {
@@ -222,6 +247,7 @@ void ASSession::Impl::tidy() {
         entry.statement->close();
     selects.trim(keptStatements);
     statements.trim(keptStatements);
+    streamed.trim(keptStatements / 4);
 }
 
 ASSession::ASSession(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
@@ -278,16 +304,17 @@ struct QORRdbms::Impl {
     void replace(Settings settings, std::unique_ptr<ASSession> first);
 
     mutable std::mutex mutex;
-    std::shared_ptr<const Settings> settings;      // guarded by mutex
-    std::vector<std::unique_ptr<ASSession>> idle;  // guarded by mutex; the most recently used last
-    std::deque<Waiter*> waiters;                   // guarded by mutex
-    unsigned places = 0;                           // guarded by mutex; open or being opened
-    std::uint64_t generation = 0;                  // guarded by mutex
+    std::shared_ptr<const Settings> settings;           // guarded by mutex
+    std::vector<std::shared_ptr<const Settings>> past;  // guarded by mutex; options() hands out references
+    std::vector<std::unique_ptr<ASSession>> idle;       // guarded by mutex; the most recently used last
+    std::deque<Waiter*> waiters;                        // guarded by mutex
+    unsigned places = 0;                                // guarded by mutex; open or being opened
+    std::uint64_t generation = 0;                       // guarded by mutex
     std::atomic<ASEngine> engine{ASEngine::SQLite};
 };
 
 bool QORRdbms::Impl::isCurrent(const ASSession::Impl& session) const {
-    return settings && session.generation == settings->generation && !session.connection.isBroken();
+    return settings && session.generation == settings->generation && !session.isBroken();
 }
 
 // A database file that was removed or replaced is not the one that the connection has open.
@@ -325,7 +352,7 @@ std::unique_ptr<ASSession> QORRdbms::Impl::acquire() {
     lock.unlock();
     try {
         if (!used) throw AException("no database is configured");
-        return open(*used, used->connectionString);
+        return open(*used);
     } catch (...) {
         giveUpPlace();
         throw;
@@ -369,13 +396,16 @@ void QORRdbms::Impl::release(std::unique_ptr<ASSession> session) noexcept {
 
 void QORRdbms::Impl::replace(Settings next, std::unique_ptr<ASSession> first) {
     std::vector<std::unique_ptr<ASSession>> closing;
-    const std::lock_guard lock(mutex);
-    closing.swap(idle);
-    places -= static_cast<unsigned>(closing.size());
-    engine.store(next.engine, std::memory_order_relaxed);
-    settings = std::make_shared<const Settings>(std::move(next));
-    ++places;
-    idle.push_back(std::move(first));
+    {
+        const std::lock_guard lock(mutex);
+        closing.swap(idle);
+        places -= static_cast<unsigned>(closing.size());
+        engine.store(next.engine, std::memory_order_relaxed);
+        settings = std::make_shared<const Settings>(std::move(next));
+        past.push_back(settings);
+        ++places;
+    }
+    release(std::move(first));
 }
 
 QORRdbms::QORRdbms() : m_impl(std::make_unique<Impl>()) {}
@@ -386,41 +416,60 @@ QORRdbms& QORRdbms::instance() {
     return database;
 }
 
-void QORRdbms::configure(const ASDatabaseOptions& options) {
-    Settings settings;
-    settings.options = options;
-    OdbcConnectionString string(options.connectionString);
-    settings.driver = string.get(string.has("Driver") ? "Driver" : "DSN");
-    settings.database = string.get("Database");
-    {
-        const std::lock_guard lock(m_impl->mutex);
-        settings.generation = ++m_impl->generation;
-    }
+namespace {
+
+/// Opens the first connection and makes sure that there is a database behind it.
+std::unique_ptr<ASSession> openFirst(Settings& settings, OdbcConnectionString& string) {
+    const auto attempt = [&](bool sqlite) {
+        if (sqlite) addSqliteDefaults(string, settings.options);
+        settings.source.string = string.text();
+        settings.source.queryOnly = sqlite && settings.options.readOnly;
+        return open(settings);
+    };
     const bool sqlite = containsSqlite(settings.driver);
-    if (sqlite) addSqliteDefaults(string, options);
-    auto first = open(settings, string.text());
-    settings.engine = first->engine();
-    if (settings.engine == ASEngine::SQLite && !sqlite) {  // a data source whose name does not say so
-        first.reset();
-        addSqliteDefaults(string, options);
-        first = open(settings, string.text());
-    }
+    auto first = attempt(sqlite);
+    if (!sqlite && first->engine() == ASEngine::SQLite) first = attempt(true);  // a data source by another name
     try {
         probe(first->impl());
     } catch (const AException& error) {
         throw cannotOpen(settings, error);
     }
-    if (settings.engine == ASEngine::SQLite) {
-        if (isInMemory(settings.database)) {
-            settings.options.maxConnections = settings.options.idleConnections = 1;
-        } else {
-            settings.file = settings.database;
-            string.set("NoCreat", "1");  // from now on a missing file is an error, not a reason to begin anew
-        }
+    return first;
+}
+
+// From now on a missing file is an error, not a reason to begin anew.
+void settleSqliteFile(Settings& settings, OdbcConnectionString& string) {
+    settings.file = settings.database;
+    settings.mayCreate = false;
+    string.set("NoCreat", "1");
+    settings.source.string = string.text();
+    string.set("StepAPI", "1");
+    settings.source.streamingString = string.text();
+}
+
+}  // namespace
+
+void QORRdbms::configure(const ASDatabaseOptions& options) {
+    OdbcConnectionString string(options.connectionString);
+    Settings settings;
+    settings.options = options;
+    settings.options.maxConnections = std::max(options.maxConnections, 1u);
+    settings.driver = string.get(string.has("Driver") ? "Driver" : "DSN");
+    settings.database = settings.source.database = string.get("Database");
+    settings.mayCreate = !options.readOnly;
+    {
+        const std::lock_guard lock(m_impl->mutex);
+        settings.generation = ++m_impl->generation;
     }
-    first->impl().file = ASFileIdentity::of(settings.file);
-    settings.connectionString = string.text();
-    if (settings.options.maxConnections == 0) settings.options.maxConnections = 1;
+    auto first = openFirst(settings, string);
+    settings.engine = first->engine();
+    if (settings.engine == ASEngine::SQLite && isInMemory(settings.database)) {
+        settings.options.maxConnections = settings.options.idleConnections = 1;
+    } else if (settings.engine == ASEngine::SQLite) {
+        settleSqliteFile(settings, string);
+        first->impl().source = settings.source;
+        first->impl().file = ASFileIdentity::of(settings.file);
+    }
     m_impl->replace(std::move(settings), std::move(first));
 }
 
@@ -473,13 +522,14 @@ QORRdbmsTran::QORRdbmsTran(ASAccess access) : m_impl(std::make_unique<Impl>()) {
     auto& pool = *QORRdbms::instance().m_impl;
     m_impl->session = pool.acquire();
     m_session = m_impl->session.get();
-    ++heldByThread;
+    countHeld(true);
+    m_session->impl().inTransaction = access != ASAccess::ReadOne;
     if (access == ASAccess::ReadOne) return;
     const ASDialect& dialect = *m_session->impl().dialect;
     try {
         m_session->execute(access == ASAccess::Write ? dialect.beginWrite : dialect.beginRead);
     } catch (...) {
-        --heldByThread;
+        countHeld(false);
         pool.release(std::move(m_impl->session));
         throw;
     }
@@ -496,7 +546,7 @@ QORRdbmsTran::~QORRdbmsTran() {
             impl.connection.setBroken();
         }
     }
-    --heldByThread;
+    countHeld(false);
     QORRdbms::instance().m_impl->release(std::move(m_impl->session));
 }
 

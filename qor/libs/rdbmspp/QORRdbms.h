@@ -18,7 +18,8 @@ struct ASDatabaseOptions {
     std::string connectionString;   ///< ODBC's, e.g. "Driver=SQLite3;Database=./agent.db"
     bool readOnly = false;          ///< nothing is ever written, not even a missing database created
     unsigned idleConnections = 8;   ///< kept open when unused
-    unsigned maxConnections = 64;   ///< open at once; a request beyond waits
+    unsigned maxConnections = 64;   ///< in use at once; a request beyond waits. One that reads a long result of
+                                    ///< SQLite without a transaction opens a second one beside its own
     unsigned busyTimeoutMs = 5000;  ///< how long a locked database is waited for
 };
 

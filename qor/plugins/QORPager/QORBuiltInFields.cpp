@@ -69,6 +69,8 @@ constexpr std::array<QORBuiltInField, 51> fields{{
 
 }  // namespace
 
-std::span<const QORBuiltInField> builtInFields() noexcept { return fields; }
+std::span<const QORBuiltInField> builtInFields() noexcept {
+    return fields;
+}
 
 }  // namespace QOR

@@ -12,7 +12,9 @@ TExpressionEvaluation::TExpressionEvaluation()
     initializeIdentifiers();
 }
 
-TExpressionEvaluation::TExpressionEvaluation(std::string_view text) : TExpressionEvaluation() { setExpression(text); }
+TExpressionEvaluation::TExpressionEvaluation(std::string_view text) : TExpressionEvaluation() {
+    setExpression(text);
+}
 
 TExpressionEvaluation::~TExpressionEvaluation() = default;
 
@@ -69,7 +71,8 @@ void TExpressionEvaluation::clearResult() {
 std::vector<const TToken*> TExpressionEvaluation::postfixOrder() const {
     std::vector<const TToken*> tokens;
     tokens.reserve(postfix().size());
-    for (const TToken& token : postfix()) tokens.push_back(&token);
+    for (const TToken& token : postfix())
+        tokens.push_back(&token);
     return tokens;
 }
 
@@ -289,8 +292,12 @@ TBaseValue* TExpressionEvaluation::changeCase(TBaseValue* (TStringValue::*change
     return (static_cast<TStringValue*>(operand.release())->*change)();
 }
 
-TBaseValue* TExpressionEvaluation::operatorOr() { return combineBoth(TValueType::Boolean, &TBaseValue::opOr); }
-TBaseValue* TExpressionEvaluation::operatorAnd() { return combineBoth(TValueType::Boolean, &TBaseValue::opAnd); }
+TBaseValue* TExpressionEvaluation::operatorOr() {
+    return combineBoth(TValueType::Boolean, &TBaseValue::opOr);
+}
+TBaseValue* TExpressionEvaluation::operatorAnd() {
+    return combineBoth(TValueType::Boolean, &TBaseValue::opAnd);
+}
 
 TBaseValue* TExpressionEvaluation::operatorNot() {
     Owned operand = getOneOperand();
@@ -310,12 +317,24 @@ TBaseValue* TExpressionEvaluation::operatorLower() {
 TBaseValue* TExpressionEvaluation::operatorLowerOrEqual() {
     return compareOperands<DefaultComparisonPolicy>(&TBaseValue::opLE);
 }
-TBaseValue* TExpressionEvaluation::operatorEqual() { return compareOperands<EqualityPolicy>(&TBaseValue::opEQ); }
-TBaseValue* TExpressionEvaluation::operatorNotEqual() { return compareOperands<EqualityPolicy>(&TBaseValue::opNE); }
-TBaseValue* TExpressionEvaluation::operatorLike() { return combineBoth(TValueType::String, &TBaseValue::opLike); }
-TBaseValue* TExpressionEvaluation::operatorAdd() { return combine(&TBaseValue::opAdd); }
-TBaseValue* TExpressionEvaluation::operatorSub() { return combine(&TBaseValue::opSub); }
-TBaseValue* TExpressionEvaluation::operatorMul() { return combine(&TBaseValue::opMul); }
+TBaseValue* TExpressionEvaluation::operatorEqual() {
+    return compareOperands<EqualityPolicy>(&TBaseValue::opEQ);
+}
+TBaseValue* TExpressionEvaluation::operatorNotEqual() {
+    return compareOperands<EqualityPolicy>(&TBaseValue::opNE);
+}
+TBaseValue* TExpressionEvaluation::operatorLike() {
+    return combineBoth(TValueType::String, &TBaseValue::opLike);
+}
+TBaseValue* TExpressionEvaluation::operatorAdd() {
+    return combine(&TBaseValue::opAdd);
+}
+TBaseValue* TExpressionEvaluation::operatorSub() {
+    return combine(&TBaseValue::opSub);
+}
+TBaseValue* TExpressionEvaluation::operatorMul() {
+    return combine(&TBaseValue::opMul);
+}
 
 TBaseValue* TExpressionEvaluation::operatorDiv() {
     Pair operands = getTwoOperands();
@@ -337,14 +356,20 @@ TBaseValue* TExpressionEvaluation::operatorPower() {
     return left->opPow(operands.right.release());
 }
 
-TBaseValue* TExpressionEvaluation::operatorUnaryMinus() { return getOneOperand().release()->opUnMinus(); }
+TBaseValue* TExpressionEvaluation::operatorUnaryMinus() {
+    return getOneOperand().release()->opUnMinus();
+}
 
 TBaseValue* TExpressionEvaluation::operatorIn() {
     getTwoOperands();
     return new TBooleanValue(true);
 }
 
-TBaseValue* TExpressionEvaluation::functionUpper() { return changeCase(&TStringValue::funcUpper); }
-TBaseValue* TExpressionEvaluation::functionLower() { return changeCase(&TStringValue::funcLower); }
+TBaseValue* TExpressionEvaluation::functionUpper() {
+    return changeCase(&TStringValue::funcUpper);
+}
+TBaseValue* TExpressionEvaluation::functionLower() {
+    return changeCase(&TStringValue::funcLower);
+}
 
 }  // namespace QOR

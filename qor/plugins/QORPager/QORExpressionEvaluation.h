@@ -27,7 +27,7 @@ namespace QOR {
 ///
 /// Returned texts stay valid until the next call that returns one. Used by one thread at a time.
 class TExpressionEvaluation : public TExpressionEvaluationParser {
-   public:
+public:
     TExpressionEvaluation();
     explicit TExpressionEvaluation(std::string_view text);
     ~TExpressionEvaluation();
@@ -74,6 +74,7 @@ class TExpressionEvaluation : public TExpressionEvaluationParser {
 
     bool wasError() const noexcept { return isError(); }
     TErrorType getErrorCode() const noexcept { return m_errorCode; }
+    const std::string& getErrorDetail() const noexcept { return m_errorDetail; }
     /// The message of the current code, with the detail behind a colon where there is one.
     const std::string& getErrorMessage();
 
@@ -109,7 +110,7 @@ class TExpressionEvaluation : public TExpressionEvaluationParser {
     TBaseValue* functionUpper();
     TBaseValue* functionLower();
 
-   private:
+private:
     using Owned = std::unique_ptr<TBaseValue>;
     using BinaryOperation = TBaseValue* (TBaseValue::*)(TBaseValue*);
     struct Pair {

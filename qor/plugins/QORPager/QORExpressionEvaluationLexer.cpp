@@ -14,7 +14,8 @@ bool TExpressionEvaluationParser::isOperatorSpecChar(char ch) noexcept {
 }
 
 bool TExpressionEvaluationParser::skipSpace() {
-    while (!atEnd() && isSpaceChar(current())) ++m_position;
+    while (!atEnd() && isSpaceChar(current()))
+        ++m_position;
     return atEnd();
 }
 
@@ -47,7 +48,8 @@ bool TExpressionEvaluationParser::getNextToken() {
 
 void TExpressionEvaluationParser::getNumber() {
     const std::size_t begin = m_position;
-    while (!atEnd() && isDigitChar(current())) ++m_position;
+    while (!atEnd() && isDigitChar(current()))
+        ++m_position;
     m_token.text.assign(m_text, begin, m_position - begin);
     m_token.tokenClass = tcNumber;
 }
@@ -74,7 +76,8 @@ void TExpressionEvaluationParser::getString() {
 
 void TExpressionEvaluationParser::getName() {
     const std::size_t begin = m_position;
-    while (!atEnd() && isValidNameChar(current())) ++m_position;
+    while (!atEnd() && isValidNameChar(current()))
+        ++m_position;
     m_token.text.assign(m_text, begin, m_position - begin);
     m_lowerName = m_token.text;
     lowerText(m_lowerName.data(), m_lowerName.data() + m_lowerName.size());

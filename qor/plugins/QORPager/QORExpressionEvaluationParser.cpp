@@ -88,12 +88,15 @@ void TExpressionEvaluationParser::clearError() {
     m_errorDetail.clear();
 }
 
-bool TExpressionEvaluationParser::parse() { return m_parsed || doParse(); }
+bool TExpressionEvaluationParser::parse() {
+    return m_parsed || doParse();
+}
 
 std::string TExpressionEvaluationParser::getPostfix() {
     doParse();
     std::string text;
-    for (const TToken& token : m_postfix) text.append(token.text).append(1, ' ');
+    for (const TToken& token : m_postfix)
+        text.append(token.text).append(1, ' ');
     return text;
 }
 
@@ -197,7 +200,8 @@ void TExpressionEvaluationParser::popToPostfix() {
 }
 
 bool TExpressionEvaluationParser::takeOperator() {
-    while (!m_operators.empty() && m_operators.back().priority >= m_token.priority) popToPostfix();
+    while (!m_operators.empty() && m_operators.back().priority >= m_token.priority)
+        popToPostfix();
     const bool in = m_token.type == ttIn;
     m_operators.push_back(std::move(m_token));
     return !in || takeInConstruct();
@@ -245,14 +249,17 @@ bool TExpressionEvaluationParser::readInConstruct(TToken& unit) {
     return readBracket(ttComma) && readWord(ttRecursive, "recursive") && readBracket(ttRightBracket);
 }
 
-bool TExpressionEvaluationParser::readBracket(TTokenType type) { return getNextToken() && m_token.type == type; }
+bool TExpressionEvaluationParser::readBracket(TTokenType type) {
+    return getNextToken() && m_token.type == type;
+}
 
 bool TExpressionEvaluationParser::readWord(TTokenType type, std::string_view word) {
     return getNextToken() && m_token.type == type && m_token.text == word;
 }
 
 void TExpressionEvaluationParser::dropTrees() {
-    for (TreeSlot* slot : {&m_tree, &m_specialTree, &m_notSpecialTree}) *slot = {};
+    for (TreeSlot* slot : {&m_tree, &m_specialTree, &m_notSpecialTree})
+        *slot = {};
 }
 
 const TNode* TExpressionEvaluationParser::buildTree() {
@@ -279,16 +286,26 @@ const TNode* TExpressionEvaluationParser::buildPart(TreeSlot& slot, bool special
     return slot.root.get();
 }
 
-const TNode* TExpressionEvaluationParser::buildTreeSpecial() { return buildPart(m_specialTree, true); }
-const TNode* TExpressionEvaluationParser::buildTreeNotSpecial() { return buildPart(m_notSpecialTree, false); }
+const TNode* TExpressionEvaluationParser::buildTreeSpecial() {
+    return buildPart(m_specialTree, true);
+}
+const TNode* TExpressionEvaluationParser::buildTreeNotSpecial() {
+    return buildPart(m_notSpecialTree, false);
+}
 
 std::string TExpressionEvaluationParser::textOf(const TNode* tree) {
     return tree == nullptr ? std::string("Error") : removeUnnecessaryParenthesis(tree->getInfix());
 }
 
-std::string TExpressionEvaluationParser::getInfix() { return textOf(buildTree()); }
-std::string TExpressionEvaluationParser::getInfixSpecial() { return textOf(buildTreeSpecial()); }
-std::string TExpressionEvaluationParser::getInfixNotSpecial() { return textOf(buildTreeNotSpecial()); }
+std::string TExpressionEvaluationParser::getInfix() {
+    return textOf(buildTree());
+}
+std::string TExpressionEvaluationParser::getInfixSpecial() {
+    return textOf(buildTreeSpecial());
+}
+std::string TExpressionEvaluationParser::getInfixNotSpecial() {
+    return textOf(buildTreeNotSpecial());
+}
 
 std::string TExpressionEvaluationParser::removeUnnecessaryParenthesis(std::string text) {
     if (!text.starts_with('(')) return text;

@@ -20,11 +20,11 @@ namespace QOR {
 /// A bound name, looked up once, for callers that bind the same field for every row. Valid until
 /// clearIdentifiersMap() or the end of the parser; binding the name again keeps it valid.
 class TIdentifierHandle {
-   public:
+public:
     TIdentifierHandle() = default;
     explicit operator bool() const noexcept { return m_value != nullptr; }
 
-   private:
+private:
     friend class TExpressionEvaluationParser;
     explicit TIdentifierHandle(TIdentifierValue* value) noexcept : m_value(value) {}
     TIdentifierValue* m_value = nullptr;
@@ -37,7 +37,7 @@ class TIdentifierHandle {
 /// Errors do not throw: they are a code and a detail text that stay set until the next text is parsed. Used by one
 /// thread at a time.
 class TExpressionEvaluationParser {
-   public:
+public:
     /// The error state is the evaluator's and must outlive the parser.
     TExpressionEvaluationParser(TErrorType& errorCode, std::string& errorDetail);
     TExpressionEvaluationParser(const TExpressionEvaluationParser&) = delete;
@@ -100,11 +100,11 @@ class TExpressionEvaluationParser {
     /// Where in the text the error of the last parse or tree was met, as a byte offset; the text's length is its end.
     std::size_t getErrorPosition() const noexcept { return m_errorPosition; }
 
-   protected:
+protected:
     /// Counts parses, so that what was made from a postfix sequence can tell that it is gone.
     std::size_t parseCount() const noexcept { return m_parseCount; }
 
-   private:
+private:
     /// One open function call.
     struct TFunctionArgumentsCheck {
         const TFunctionInfo* function;

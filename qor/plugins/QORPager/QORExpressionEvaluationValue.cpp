@@ -58,25 +58,63 @@ void fixToBoolean(TBaseValue*& operand) {
 }  // namespace
 
 TBaseValue::~TBaseValue() = default;
-bool TBaseValue::setValueFromString(const std::string& /*text*/) { return true; }
-TBaseValue* TBaseValue::clone() const { return new TBaseValue(TValueType::Invalid); }
-TBaseValue* TBaseValue::opUnMinus() { return invalid(this); }
-TBaseValue* TBaseValue::opAdd(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opSub(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opMul(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opDiv(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opPow(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opNot() { return invalid(this); }
-TBaseValue* TBaseValue::opOr(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opAnd(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opGT(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opGE(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opLT(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opLE(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opEQ(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opNE(TBaseValue* right) { return invalid(this, right); }
-TBaseValue* TBaseValue::opLike(TBaseValue* right) { return invalid(this, right); }
-bool TBaseValue::isZero() const { return true; }
+bool TBaseValue::setValueFromString(const std::string& /*text*/) {
+    return true;
+}
+TBaseValue* TBaseValue::clone() const {
+    return new TBaseValue(TValueType::Invalid);
+}
+TBaseValue* TBaseValue::opUnMinus() {
+    return invalid(this);
+}
+TBaseValue* TBaseValue::opAdd(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opSub(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opMul(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opDiv(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opPow(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opNot() {
+    return invalid(this);
+}
+TBaseValue* TBaseValue::opOr(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opAnd(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opGT(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opGE(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opLT(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opLE(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opEQ(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opNE(TBaseValue* right) {
+    return invalid(this, right);
+}
+TBaseValue* TBaseValue::opLike(TBaseValue* right) {
+    return invalid(this, right);
+}
+bool TBaseValue::isZero() const {
+    return true;
+}
 
 TIntegerValue::~TIntegerValue() = default;
 
@@ -85,7 +123,9 @@ bool TIntegerValue::setValueFromString(const std::string& text) {
     return false;
 }
 
-TBaseValue* TIntegerValue::clone() const { return new TIntegerValue(m_value); }
+TBaseValue* TIntegerValue::clone() const {
+    return new TIntegerValue(m_value);
+}
 
 TBaseValue* TIntegerValue::opUnMinus() {
     m_value = negateInteger(m_value);
@@ -107,13 +147,27 @@ TBaseValue* TIntegerValue::opDiv(TBaseValue* right) {
 TBaseValue* TIntegerValue::opPow(TBaseValue* right) {
     return changeLeft(this, right, [](auto& left, int b) { left.m_value = powerIntegers(left.m_value, b); });
 }
-TBaseValue* TIntegerValue::opGT(TBaseValue* right) { return testBoth(this, right, std::greater<>()); }
-TBaseValue* TIntegerValue::opGE(TBaseValue* right) { return testBoth(this, right, std::greater_equal<>()); }
-TBaseValue* TIntegerValue::opLT(TBaseValue* right) { return testBoth(this, right, std::less<>()); }
-TBaseValue* TIntegerValue::opLE(TBaseValue* right) { return testBoth(this, right, std::less_equal<>()); }
-TBaseValue* TIntegerValue::opEQ(TBaseValue* right) { return testBoth(this, right, std::equal_to<>()); }
-TBaseValue* TIntegerValue::opNE(TBaseValue* right) { return testBoth(this, right, std::not_equal_to<>()); }
-bool TIntegerValue::isZero() const { return m_value == 0; }
+TBaseValue* TIntegerValue::opGT(TBaseValue* right) {
+    return testBoth(this, right, std::greater<>());
+}
+TBaseValue* TIntegerValue::opGE(TBaseValue* right) {
+    return testBoth(this, right, std::greater_equal<>());
+}
+TBaseValue* TIntegerValue::opLT(TBaseValue* right) {
+    return testBoth(this, right, std::less<>());
+}
+TBaseValue* TIntegerValue::opLE(TBaseValue* right) {
+    return testBoth(this, right, std::less_equal<>());
+}
+TBaseValue* TIntegerValue::opEQ(TBaseValue* right) {
+    return testBoth(this, right, std::equal_to<>());
+}
+TBaseValue* TIntegerValue::opNE(TBaseValue* right) {
+    return testBoth(this, right, std::not_equal_to<>());
+}
+bool TIntegerValue::isZero() const {
+    return m_value == 0;
+}
 
 TStringValue::~TStringValue() = default;
 
@@ -122,18 +176,34 @@ bool TStringValue::setValueFromString(const std::string& text) {
     return false;
 }
 
-TBaseValue* TStringValue::clone() const { return new TStringValue(m_value); }
+TBaseValue* TStringValue::clone() const {
+    return new TStringValue(m_value);
+}
 
 TBaseValue* TStringValue::opAdd(TBaseValue* right) {
     return changeLeft(this, right, [](auto& left, const std::string& p) { left.m_value += p; });
 }
-TBaseValue* TStringValue::opGT(TBaseValue* right) { return testBoth(this, right, std::greater<>()); }
-TBaseValue* TStringValue::opGE(TBaseValue* right) { return testBoth(this, right, std::greater_equal<>()); }
-TBaseValue* TStringValue::opLT(TBaseValue* right) { return testBoth(this, right, std::less<>()); }
-TBaseValue* TStringValue::opLE(TBaseValue* right) { return testBoth(this, right, std::less_equal<>()); }
-TBaseValue* TStringValue::opEQ(TBaseValue* right) { return testBoth(this, right, std::equal_to<>()); }
-TBaseValue* TStringValue::opNE(TBaseValue* right) { return testBoth(this, right, std::not_equal_to<>()); }
-TBaseValue* TStringValue::opLike(TBaseValue* right) { return testBoth(this, right, matchLike); }
+TBaseValue* TStringValue::opGT(TBaseValue* right) {
+    return testBoth(this, right, std::greater<>());
+}
+TBaseValue* TStringValue::opGE(TBaseValue* right) {
+    return testBoth(this, right, std::greater_equal<>());
+}
+TBaseValue* TStringValue::opLT(TBaseValue* right) {
+    return testBoth(this, right, std::less<>());
+}
+TBaseValue* TStringValue::opLE(TBaseValue* right) {
+    return testBoth(this, right, std::less_equal<>());
+}
+TBaseValue* TStringValue::opEQ(TBaseValue* right) {
+    return testBoth(this, right, std::equal_to<>());
+}
+TBaseValue* TStringValue::opNE(TBaseValue* right) {
+    return testBoth(this, right, std::not_equal_to<>());
+}
+TBaseValue* TStringValue::opLike(TBaseValue* right) {
+    return testBoth(this, right, matchLike);
+}
 
 TBaseValue* TStringValue::funcUpper() {
     upperText(m_value.data(), m_value.data() + m_value.size());
@@ -162,7 +232,9 @@ bool TBooleanValue::setValueFromString(const std::string& text) {
     return false;
 }
 
-TBaseValue* TBooleanValue::clone() const { return new TBooleanValue(m_value); }
+TBaseValue* TBooleanValue::clone() const {
+    return new TBooleanValue(m_value);
+}
 
 TBaseValue* TBooleanValue::opNot() {
     m_value = !m_value;
@@ -175,8 +247,12 @@ TBaseValue* TBooleanValue::opOr(TBaseValue* right) {
 TBaseValue* TBooleanValue::opAnd(TBaseValue* right) {
     return changeLeft(this, right, [](auto& left, bool w) { left.m_value = left.m_value && w; });
 }
-TBaseValue* TBooleanValue::opEQ(TBaseValue* right) { return testBoth(this, right, std::equal_to<>()); }
-TBaseValue* TBooleanValue::opNE(TBaseValue* right) { return testBoth(this, right, std::not_equal_to<>()); }
+TBaseValue* TBooleanValue::opEQ(TBaseValue* right) {
+    return testBoth(this, right, std::equal_to<>());
+}
+TBaseValue* TBooleanValue::opNE(TBaseValue* right) {
+    return testBoth(this, right, std::not_equal_to<>());
+}
 
 bool DefaultComparisonPolicy::isAllowedOperandType(TValueType type) noexcept {
     return type == TValueType::String || type == TValueType::Integer;

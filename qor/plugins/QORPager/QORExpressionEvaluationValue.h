@@ -21,7 +21,7 @@ namespace QOR {
 /// A value without a class of its own; with the type Invalid it is the invalid value. An object whose type is Integer,
 /// String or Boolean is always of the class below: evaluators read the value by its type.
 class TBaseValue {
-   public:
+public:
     explicit TBaseValue(TValueType type) noexcept : m_type(type) {}
     TBaseValue(const TBaseValue&) = delete;
     TBaseValue& operator=(const TBaseValue&) = delete;
@@ -53,12 +53,12 @@ class TBaseValue {
 
     TValueType type() const noexcept { return m_type; }
 
-   private:
+private:
     TValueType m_type;
 };
 
 class TIntegerValue final : public TBaseValue {
-   public:
+public:
     explicit TIntegerValue(std::int32_t value) noexcept : TBaseValue(TValueType::Integer), m_value(value) {}
     ~TIntegerValue() override;
 
@@ -84,12 +84,12 @@ class TIntegerValue final : public TBaseValue {
     TBaseValue* opNE(TBaseValue* right) override;
     bool isZero() const override;
 
-   private:
+private:
     std::int32_t m_value;
 };
 
 class TStringValue final : public TBaseValue {
-   public:
+public:
     explicit TStringValue(std::string value) noexcept : TBaseValue(TValueType::String), m_value(std::move(value)) {}
     ~TStringValue() override;
 
@@ -113,12 +113,12 @@ class TStringValue final : public TBaseValue {
     TBaseValue* funcUpper();
     TBaseValue* funcLower();
 
-   private:
+private:
     std::string m_value;
 };
 
 class TBooleanValue final : public TBaseValue {
-   public:
+public:
     explicit TBooleanValue(bool value) noexcept : TBaseValue(TValueType::Boolean), m_value(value) {}
     ~TBooleanValue() override;
 
@@ -138,14 +138,14 @@ class TBooleanValue final : public TBaseValue {
     TBaseValue* opEQ(TBaseValue* right) override;
     TBaseValue* opNE(TBaseValue* right) override;
 
-   private:
+private:
     bool m_value;
 };
 
 /// What an ordering comparison (> >= < <=) does to its operands before it compares them. An operand that is fixed is
 /// replaced by a new object and the old one deleted; one that cannot be fixed stays.
 class DefaultComparisonPolicy {
-   public:
+public:
     static bool isAllowedOperandType(TValueType type) noexcept;
     /// Beside an integer, a text that is wholly a number becomes that number.
     static void fixOperandTypes(TBaseValue*& left, TBaseValue*& right);
@@ -153,13 +153,11 @@ class DefaultComparisonPolicy {
 
 /// The same for = and <>, which also bring integers and texts beside a boolean to booleans.
 class EqualityPolicy {
-   public:
+public:
     static bool isAllowedOperandType(TValueType type) noexcept;
     static void fixOperandTypes(TBaseValue*& left, TBaseValue*& right);
     /// Whether a text counts as true beside a boolean: all but "", "false" and "0".
-    static bool countsAsTrue(std::string_view text) noexcept {
-        return !text.empty() && text != "false" && text != "0";
-    }
+    static bool countsAsTrue(std::string_view text) noexcept { return !text.empty() && text != "false" && text != "0"; }
 };
 
 }  // namespace QOR

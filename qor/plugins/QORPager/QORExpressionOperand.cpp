@@ -57,23 +57,67 @@ void TTextBuffer::grow(std::size_t before, std::size_t after) {
     m_end = roomBefore + length;
 }
 
-void TTextBuffer::assign(std::string_view text) {
+void TTextBuffer::assign(std::string_view text, TTextCase textCase) {
     m_begin = m_end = 0;
-    append(text);
+    m_runs.clear();
+    append(text, textCase);
 }
 
-void TTextBuffer::append(std::string_view text) {
+void TTextBuffer::append(std::string_view text, TTextCase textCase) {
     if (text.empty()) return;
     if (text.size() > m_capacity - m_end) grow(0, text.size());
     std::memcpy(m_bytes.get() + m_end, text.data(), text.size());
     m_end += text.size();
+    if (!m_runs.empty() && m_runs.back().textCase == textCase) {
+        m_runs.back().length += text.size();
+    } else {
+        m_runs.push_back({text.size(), textCase});
+    }
 }
 
-void TTextBuffer::prepend(std::string_view text) {
+void TTextBuffer::prepend(std::string_view text, TTextCase textCase) {
     if (text.empty()) return;
     if (text.size() > m_begin) grow(text.size(), 0);
     m_begin -= text.size();
     std::memcpy(m_bytes.get() + m_begin, text.data(), text.size());
+    if (!m_runs.empty() && m_runs.front().textCase == textCase) {
+        m_runs.front().length += text.size();
+    } else {
+        m_runs.push_front({text.size(), textCase});
+    }
+}
+
+void TTextBuffer::append(const TTextBuffer& other) {
+    std::string_view text = other.view();
+    for (const Run& run : other.m_runs) {
+        append(text.substr(0, run.length), run.textCase);
+        text.remove_prefix(run.length);
+    }
+}
+
+void TTextBuffer::prepend(const TTextBuffer& other) {
+    std::string_view text = other.view();
+    for (auto run = other.m_runs.rbegin(); run != other.m_runs.rend(); ++run) {
+        prepend(text.substr(text.size() - run->length), run->textCase);
+        text.remove_suffix(run->length);
+    }
+}
+
+void TTextBuffer::setCase(TTextCase textCase) {
+    if (textCase == TTextCase::AsIs || m_runs.empty()) return;
+    m_runs.clear();
+    m_runs.push_back({m_end - m_begin, textCase});
+}
+
+void TTextBuffer::settle() noexcept {
+    char* at = m_bytes.get() + m_begin;
+    for (const Run& run : m_runs) {
+        if (run.textCase == TTextCase::Upper) upperText(at, at + run.length);
+        if (run.textCase == TTextCase::Lower) lowerText(at, at + run.length);
+        at += run.length;
+    }
+    if (m_runs.size() > 1) m_runs.resize(1);
+    if (!m_runs.empty()) m_runs.front() = {m_end - m_begin, TTextCase::AsIs};
 }
 
 void TTextPool::reset() noexcept {
@@ -81,18 +125,22 @@ void TTextPool::reset() noexcept {
     m_used = 0;
 }
 
-std::int32_t TTextPool::take(std::string_view text) {
-    std::int32_t buffer = 0;
-    if (!m_free.empty()) {
-        buffer = m_free.back();
-        m_free.pop_back();
+void TTextPool::own(TOperand& operand) {
+    if (operand.buffer != TOperand::noBuffer) {
+        at(operand.buffer).setCase(operand.textCase);
     } else {
-        buffer = static_cast<std::int32_t>(m_used);
-        if (m_used == m_buffers.size()) m_buffers.emplace_back();
-        ++m_used;
+        if (!m_free.empty()) {
+            operand.buffer = m_free.back();
+            m_free.pop_back();
+        } else {
+            operand.buffer = static_cast<std::int32_t>(m_used);
+            if (m_used == m_buffers.size()) m_buffers.emplace_back();
+            ++m_used;
+        }
+        at(operand.buffer).assign(operand.text, operand.textCase);
+        operand.text = at(operand.buffer).view();
     }
-    at(buffer).assign(text);
-    return buffer;
+    operand.textCase = TTextCase::AsIs;
 }
 
 void TTextPool::release(const TOperand& operand) {
@@ -101,41 +149,50 @@ void TTextPool::release(const TOperand& operand) {
 
 TOperand TTextPool::keep(std::string_view text) {
     TOperand operand = TOperand::ofText(text);
-    operand.buffer = take(text);
-    operand.text = at(operand.buffer).view();
+    own(operand);
     return operand;
 }
 
 void TTextPool::settle(TOperand& operand) {
-    if (operand.textCase == TTextCase::AsIs) return;
-    if (operand.buffer == TOperand::noBuffer) {
-        const TTextCase textCase = operand.textCase;
-        operand = keep(operand.text);
-        operand.textCase = textCase;
+    if (operand.buffer == TOperand::noBuffer && operand.textCase == TTextCase::AsIs) return;
+    own(operand);
+    at(operand.buffer).settle();
+}
+
+void TTextPool::append(TOperand& left, const TOperand& right) {
+    own(left);
+    if (right.buffer == TOperand::noBuffer) {
+        at(left.buffer).append(right.text, right.textCase);
+    } else {
+        at(right.buffer).setCase(right.textCase);
+        at(left.buffer).append(at(right.buffer));
     }
-    TTextBuffer& buffer = at(operand.buffer);
-    (operand.textCase == TTextCase::Upper ? upperText : lowerText)(buffer.begin(), buffer.end());
-    operand.textCase = TTextCase::AsIs;
+    left.text = at(left.buffer).view();
+}
+
+void TTextPool::prepend(const TOperand& left, TOperand& right) {
+    own(right);
+    if (left.buffer == TOperand::noBuffer) {
+        at(right.buffer).prepend(left.text, left.textCase);
+    } else {
+        at(left.buffer).setCase(left.textCase);
+        at(right.buffer).prepend(at(left.buffer));
+    }
+    right.text = at(right.buffer).view();
 }
 
 void TTextPool::concatenate(TOperand& left, TOperand& right) {
-    settle(left);
-    settle(right);
     // The shorter text moves, when the longer one is ours to change.
-    const bool leftGrows = left.buffer != TOperand::noBuffer &&
-                           (right.buffer == TOperand::noBuffer || left.text.size() >= right.text.size());
-    if (leftGrows) {
-        at(left.buffer).append(right.text);
-        release(right);
-    } else if (right.buffer != TOperand::noBuffer) {
-        at(right.buffer).prepend(left.text);
+    const bool rightGrows = right.buffer != TOperand::noBuffer &&
+                            (left.buffer == TOperand::noBuffer || left.text.size() < right.text.size());
+    if (rightGrows) {
+        prepend(left, right);
         release(left);
-        left.buffer = right.buffer;
+        left = right;
     } else {
-        left.buffer = take(left.text);
-        at(left.buffer).append(right.text);
+        append(left, right);
+        release(right);
     }
-    left.text = at(left.buffer).view();
 }
 
 }  // namespace QOR

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -26,9 +27,15 @@ struct TOperand {
     std::int32_t buffer = noBuffer;
     std::string_view text;
 
-    static TOperand ofInteger(std::int32_t value) noexcept { return {TValueType::Integer, TTextCase::AsIs, value, noBuffer, {}}; }
-    static TOperand ofBoolean(bool value) noexcept { return {TValueType::Boolean, TTextCase::AsIs, value ? 1 : 0, noBuffer, {}}; }
-    static TOperand ofText(std::string_view value) noexcept { return {TValueType::String, TTextCase::AsIs, 0, noBuffer, value}; }
+    static TOperand ofInteger(std::int32_t value) noexcept {
+        return {TValueType::Integer, TTextCase::AsIs, value, noBuffer, {}};
+    }
+    static TOperand ofBoolean(bool value) noexcept {
+        return {TValueType::Boolean, TTextCase::AsIs, value ? 1 : 0, noBuffer, {}};
+    }
+    static TOperand ofText(std::string_view value) noexcept {
+        return {TValueType::String, TTextCase::AsIs, 0, noBuffer, value};
+    }
 
     /// The value of an object, which must outlive the operand.
     static TOperand of(const TBaseValue& value) noexcept {
@@ -45,38 +52,51 @@ struct TOperand {
     }
 };
 
-/// Byte-wise order of two texts as their cases say: negative, 0 or positive.
+/// Byte-wise order of two texts as their cases say: negative, 0 or positive. \pre texts of buffers are settled
 int compareTexts(const TOperand& left, const TOperand& right) noexcept;
 /// Whether they are equal; does not look at bytes when the lengths differ.
 bool equalTexts(const TOperand& left, const TOperand& right) noexcept;
 
-/// A text that grows at both ends at a cost of what is added, so that long chains of concatenations cost the same
-/// whichever way their brackets lean.
+/// A text that grows at both ends at a cost of what is added, and whose parts may still have to be brought to a case:
+/// long chains of concatenations and of upper and lower cost the same whichever way their brackets lean.
 class TTextBuffer {
-   public:
+public:
+    /// The bytes, without the cases that settle() would apply.
     std::string_view view() const noexcept { return {m_bytes.get() + m_begin, m_end - m_begin}; }
-    char* begin() noexcept { return m_bytes.get() + m_begin; }
-    char* end() noexcept { return m_bytes.get() + m_end; }
-    void assign(std::string_view text);
-    void append(std::string_view text);
-    void prepend(std::string_view text);
+    void assign(std::string_view text, TTextCase textCase);
+    void append(std::string_view text, TTextCase textCase);
+    void prepend(std::string_view text, TTextCase textCase);
+    /// Adds another buffer's text and cases.
+    void append(const TTextBuffer& other);
+    void prepend(const TTextBuffer& other);
+    /// The whole text is to be in this case; AsIs leaves it as it is to be.
+    void setCase(TTextCase textCase);
+    /// Brings the bytes to their cases.
+    void settle() noexcept;
 
-   private:
+private:
+    /// A stretch of the text and its case.
+    struct Run {
+        std::size_t length;
+        TTextCase textCase;
+    };
+
     void grow(std::size_t before, std::size_t after);
 
     std::unique_ptr<char[]> m_bytes;
     std::size_t m_capacity = 0;
     std::size_t m_begin = 0;
     std::size_t m_end = 0;
+    std::deque<Run> m_runs;  ///< all of the text, none of them empty
 };
 
 /// The buffers of one evaluation. They keep their memory from one row to the next, so rows allocate only while their
 /// texts still grow.
 class TTextPool {
-   public:
+public:
     /// Takes back every buffer; operands with texts of the pool are gone.
     void reset() noexcept;
-    /// Applies the operand's case to its bytes, in a buffer.
+    /// Brings the bytes of the operand to their case, in a buffer; until then they stand as they were written.
     void settle(TOperand& operand);
     /// Takes back the buffer of an operand that is not needed any more.
     void release(const TOperand& operand);
@@ -85,8 +105,11 @@ class TTextPool {
     /// A text that outlives the object it is read from.
     TOperand keep(std::string_view text);
 
-   private:
-    std::int32_t take(std::string_view text);
+private:
+    /// Makes the operand's text one of the pool, with its case still to be applied.
+    void own(TOperand& operand);
+    void append(TOperand& left, const TOperand& right);
+    void prepend(const TOperand& left, TOperand& right);
     TTextBuffer& at(std::int32_t buffer) noexcept { return m_buffers[static_cast<std::size_t>(buffer)]; }
 
     std::vector<TTextBuffer> m_buffers;

@@ -9,7 +9,9 @@
 namespace QOR {
 namespace {
 
-constexpr bool isType(const TOperand& operand, TValueType type) noexcept { return operand.type == type; }
+constexpr bool isType(const TOperand& operand, TValueType type) noexcept {
+    return operand.type == type;
+}
 
 bool areBoth(const TOperand& left, const TOperand& right, TValueType type) noexcept {
     return isType(left, type) && isType(right, type);
@@ -33,10 +35,13 @@ constexpr bool holds(TTokenType type, int order) noexcept {
     }
 }
 
-constexpr bool isEquality(TTokenType type) noexcept { return type == ttEqual || type == ttNotEqual; }
+constexpr bool isEquality(TTokenType type) noexcept {
+    return type == ttEqual || type == ttNotEqual;
+}
 
 /// A text that is wholly a number becomes that number.
 void fixToInteger(TOperand& operand) noexcept {
+    // Case does not touch digits, so a text is read as it stands.
     if (!isType(operand, TValueType::String)) return;
     if (const auto number = readWholeInteger(operand.text)) operand = TOperand::ofInteger(*number);
 }
@@ -83,7 +88,8 @@ bool TExpressionProgram::addOperator(const TToken& token, std::size_t& depth) {
     if (arity < 0 || depth < static_cast<std::size_t>(arity)) return false;
     Instruction instruction{arity == 1 ? Step::Unary : Step::Binary, &token, token.type, TTextCase::AsIs, {}, {}};
     if (token.type == ttFunction) {
-        instruction.textCase = token.method == &TExpressionEvaluation::functionUpper ? TTextCase::Upper : TTextCase::Lower;
+        instruction.textCase =
+            token.method == &TExpressionEvaluation::functionUpper ? TTextCase::Upper : TTextCase::Lower;
     }
     if (arity == 2) instruction.right = takeLeaf();
     if (arity == 1 || instruction.right.from != From::Stack) instruction.left = takeLeaf();
@@ -212,8 +218,10 @@ bool TExpressionProgram::compare(TTokenType type, TOperand& left, TOperand& righ
     if (isType(left, TValueType::Integer)) {
         result = holds(type, left.number == right.number ? 0 : left.number < right.number ? -1 : 1);
     } else if (isType(left, TValueType::String)) {
-        result = isEquality(type) ? equalTexts(left, right) == (type == ttEqual)
-                                  : holds(type, compareTexts(left, right));
+        if (left.buffer != TOperand::noBuffer) m_pool.settle(left);
+        if (right.buffer != TOperand::noBuffer) m_pool.settle(right);
+        result =
+            isEquality(type) ? equalTexts(left, right) == (type == ttEqual) : holds(type, compareTexts(left, right));
         m_pool.release(left);
         m_pool.release(right);
     } else if (isType(left, TValueType::Boolean) && isEquality(type)) {

@@ -18,7 +18,7 @@ namespace QOR {
 /// Refers to the tokens and to the identifier table; valid only while neither is changed. Bound values may change
 /// between runs. Reuses its memory from run to run, so it is used by one thread at a time.
 class TExpressionProgram {
-   public:
+public:
     explicit TExpressionProgram(const std::vector<const TToken*>& tokens);
 
     /// Evaluates with what is bound now. \param evaluator without an error; its methods and error state are used
@@ -27,7 +27,7 @@ class TExpressionProgram {
     /// \throws std::out_of_range as matchLike; the program can be run again
     bool run(TExpressionEvaluation& evaluator, TOperand& result);
 
-   private:
+private:
     enum class Step : std::uint8_t { Push, Unary, Binary, Fail };
     enum class From : std::uint8_t { Stack, Identifier, Constant };
     /// Where an operand comes from.
@@ -57,8 +57,7 @@ class TExpressionProgram {
     bool compare(TTokenType type, TOperand& left, TOperand& right);
     void fixOperandTypes(TTokenType type, TOperand& left, TOperand& right);
     void fixToBoolean(TOperand& operand);
-    bool applyMethod(const Instruction& instruction, TOperand& left, TOperand* right,
-                     TExpressionEvaluation& evaluator);
+    bool applyMethod(const Instruction& instruction, TOperand& left, TOperand* right, TExpressionEvaluation& evaluator);
     TBaseValue* makeValue(TOperand& operand);
 
     std::vector<Instruction> m_code;

@@ -76,16 +76,16 @@ constexpr bool everyTypeHasAnOperator() {
 static_assert(everyTypeHasAnOperator());
 
 constexpr bool operandsGoWithMethods() {
-    return std::all_of(m_mapOperators.begin(), m_mapOperators.end(), [](const TOperatorRow& row) {
-        return (row.entry.method != nullptr) == (row.entry.arity > 0);
-    });
+    return std::all_of(m_mapOperators.begin(), m_mapOperators.end(),
+                       [](const TOperatorRow& row) { return (row.entry.method != nullptr) == (row.entry.arity > 0); });
 }
 static_assert(operandsGoWithMethods());
 
 /// Operands by token type.
 constexpr auto arities = [] {
     std::array<int, ttNone + 1> byType{};
-    for (const TOperatorRow& row : m_mapOperators) byType[static_cast<std::size_t>(row.entry.type)] = row.entry.arity;
+    for (const TOperatorRow& row : m_mapOperators)
+        byType[static_cast<std::size_t>(row.entry.type)] = row.entry.arity;
     return byType;
 }();
 
@@ -100,8 +100,12 @@ auto findRow(const Rows& rows, std::string_view text) noexcept {
 
 }  // namespace
 
-std::span<const TOperatorRow> operatorRows() noexcept { return m_mapOperators; }
-std::span<const TFunctionRow> functionRows() noexcept { return m_mapFunctions; }
+std::span<const TOperatorRow> operatorRows() noexcept {
+    return m_mapOperators;
+}
+std::span<const TFunctionRow> functionRows() noexcept {
+    return m_mapFunctions;
+}
 
 const TOperatorTokenFromName* findOperator(std::string_view text) noexcept {
     // Most names of a filter are field names, which are longer than any operator.

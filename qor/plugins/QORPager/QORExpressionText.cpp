@@ -16,7 +16,8 @@ struct Prefix {
 Prefix readPrefix(std::string_view text) noexcept {
     constexpr auto most = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     std::size_t at = 0;
-    while (at < text.size() && isSpaceChar(text[at])) ++at;
+    while (at < text.size() && isSpaceChar(text[at]))
+        ++at;
     bool negative = false;
     if (at < text.size() && (text[at] == '-' || text[at] == '+')) negative = text[at++] == '-';
     const std::size_t firstDigit = at;
@@ -42,11 +43,13 @@ bool contains(std::string_view subject, std::string_view part) noexcept {
 }  // namespace
 
 void lowerText(char* begin, char* end) noexcept {
-    for (; begin != end; ++begin) *begin = toLowerChar(*begin);
+    for (; begin != end; ++begin)
+        *begin = toLowerChar(*begin);
 }
 
 void upperText(char* begin, char* end) noexcept {
-    for (; begin != end; ++begin) *begin = toUpperChar(*begin);
+    for (; begin != end; ++begin)
+        *begin = toUpperChar(*begin);
 }
 
 std::string toLowerText(std::string_view text) {
@@ -55,7 +58,9 @@ std::string toLowerText(std::string_view text) {
     return lowered;
 }
 
-std::int32_t readInteger(std::string_view text) noexcept { return lowBits(readPrefix(text).value); }
+std::int32_t readInteger(std::string_view text) noexcept {
+    return lowBits(readPrefix(text).value);
+}
 
 std::optional<std::int32_t> readWholeInteger(std::string_view text) noexcept {
     const Prefix prefix = readPrefix(text);

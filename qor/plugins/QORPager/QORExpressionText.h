@@ -11,13 +11,27 @@
 namespace QOR {
 
 /// Character classes of the POSIX locale, whatever the process's locale is; bytes above 127 are in none of them.
-constexpr bool isSpaceChar(char ch) noexcept { return ch == ' ' || (ch >= '\t' && ch <= '\r'); }
-constexpr bool isDigitChar(char ch) noexcept { return ch >= '0' && ch <= '9'; }
-constexpr bool isUpperChar(char ch) noexcept { return ch >= 'A' && ch <= 'Z'; }
-constexpr bool isLowerChar(char ch) noexcept { return ch >= 'a' && ch <= 'z'; }
-constexpr bool isAlphaChar(char ch) noexcept { return isUpperChar(ch) || isLowerChar(ch); }
-constexpr char toLowerChar(char ch) noexcept { return isUpperChar(ch) ? static_cast<char>(ch + ('a' - 'A')) : ch; }
-constexpr char toUpperChar(char ch) noexcept { return isLowerChar(ch) ? static_cast<char>(ch - ('a' - 'A')) : ch; }
+constexpr bool isSpaceChar(char ch) noexcept {
+    return ch == ' ' || (ch >= '\t' && ch <= '\r');
+}
+constexpr bool isDigitChar(char ch) noexcept {
+    return ch >= '0' && ch <= '9';
+}
+constexpr bool isUpperChar(char ch) noexcept {
+    return ch >= 'A' && ch <= 'Z';
+}
+constexpr bool isLowerChar(char ch) noexcept {
+    return ch >= 'a' && ch <= 'z';
+}
+constexpr bool isAlphaChar(char ch) noexcept {
+    return isUpperChar(ch) || isLowerChar(ch);
+}
+constexpr char toLowerChar(char ch) noexcept {
+    return isUpperChar(ch) ? static_cast<char>(ch + ('a' - 'A')) : ch;
+}
+constexpr char toUpperChar(char ch) noexcept {
+    return isLowerChar(ch) ? static_cast<char>(ch - ('a' - 'A')) : ch;
+}
 
 void lowerText(char* begin, char* end) noexcept;
 void upperText(char* begin, char* end) noexcept;
@@ -37,8 +51,12 @@ bool matchLike(std::string_view subject, std::string_view pattern);
 
 /// Integer arithmetic of 32 bits in two's complement: it wraps and never traps. divideIntegers truncates toward zero;
 /// its divisor is not 0.
-constexpr std::int32_t wrapInteger(std::uint32_t bits) noexcept { return static_cast<std::int32_t>(bits); }
-constexpr std::int32_t negateInteger(std::int32_t a) noexcept { return wrapInteger(0U - static_cast<std::uint32_t>(a)); }
+constexpr std::int32_t wrapInteger(std::uint32_t bits) noexcept {
+    return static_cast<std::int32_t>(bits);
+}
+constexpr std::int32_t negateInteger(std::int32_t a) noexcept {
+    return wrapInteger(0U - static_cast<std::uint32_t>(a));
+}
 constexpr std::int32_t addIntegers(std::int32_t a, std::int32_t b) noexcept {
     return wrapInteger(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
 }

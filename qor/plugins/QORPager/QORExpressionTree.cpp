@@ -25,8 +25,7 @@ TNode::~TNode() {
     }
 }
 
-std::unique_ptr<TNode> TNode::build(const std::deque<TToken>& postfix, const Names& special,
-                                    const TToken*& offending) {
+std::unique_ptr<TNode> TNode::build(const std::deque<TToken>& postfix, const Names& special, const TToken*& offending) {
     struct Open {
         TNode* node;
         int missing;  ///< operands that it still needs
@@ -62,7 +61,8 @@ void TNode::includeIdentifier(bool special) noexcept {
 }
 
 void TNode::setFlag(bool TNode::*flag, bool value) noexcept {
-    for (TNode* node = this; node != nullptr && node->*flag != value; node = node->m_parent) node->*flag = value;
+    for (TNode* node = this; node != nullptr && node->*flag != value; node = node->m_parent)
+        node->*flag = value;
 }
 
 TNode::Descent TNode::checkStopSpecial(const TNode& node, bool special) noexcept {
@@ -109,7 +109,8 @@ std::unique_ptr<TNode> TNode::getSpecialTree(bool special) const {
         const auto [from, to] = pending.back();
         pending.pop_back();
         if (from->onlySpecial(special)) {
-            for (const TNode& child : from->m_children) addSpecialChild(*to, child);
+            for (const TNode& child : from->m_children)
+                addSpecialChild(*to, child);
         } else if (!from->m_children.empty()) {
             addSpecialChild(*to, grubSpecial(from->m_children.front(), special));
             if (from->m_children.size() > 1) addSpecialChild(*to, grubSpecial(from->m_children.back(), special));

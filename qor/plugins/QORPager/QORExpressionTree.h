@@ -20,7 +20,7 @@ namespace QOR {
 /// Children stand in the order in which the postfix sequence yields them from its end: of a binary operator the first
 /// child is the right operand and the last one the left; of a function they are the arguments from last to first.
 class TNode {
-   public:
+public:
     using Names = std::set<std::string, std::less<>>;
 
     TNode(TNode* parent, const TToken& token) noexcept : m_parent(parent), m_token(token) {}
@@ -57,7 +57,7 @@ class TNode {
     /// The tokens in the order of evaluation: left operand, right operand, operator.
     std::vector<const TToken*> postOrder() const;
 
-   private:
+private:
     enum class Descent { Stop, First, Last };
 
     void includeIdentifier(bool special) noexcept;

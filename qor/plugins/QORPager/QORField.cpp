@@ -5,7 +5,6 @@
 
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
-#include "QORFunctionality/QORAccess.h"
 #include "QORPager/QORExpressionText.h"
 
 namespace QOR {

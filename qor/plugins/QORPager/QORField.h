@@ -5,12 +5,11 @@
 
 #include <string>
 
-#include "QORCommon/QORReferenceCounter.h"
+#include "QORFunctionality/QORAccess.h"
 #include "QORPager/QORFieldTypes.h"
 
 namespace QOR {
 
-class QORAccessProviderPrototype;
 class QORArg;
 class QORField;
 
@@ -24,7 +23,7 @@ using QORFieldLess = bool (*)(const QORArg& first, const QORArg& second, const Q
 /// One field. A value: copies share the access provider and own everything else. Unchanging after construction except
 /// for base64, so it may be read from any thread.
 class QORField {
-   public:
+public:
     /// \param fieldAccessProvider of the field set, for getters that need the host to resolve something; may be null
     QORField(std::string fieldName, TCursorType fieldCursorType, TValueType fieldValueType, QORFieldGetter fieldGetter,
              QORPtr<QORAccessProviderPrototype> fieldAccessProvider, FieldStructType fieldStructType,

@@ -94,7 +94,7 @@ INSTANTIATE_TEST_SUITE_P(
                       NameCase{"OfOtherAlphabets", "größe", "<param name=\"größe\">x</param>"},
                       NameCase{"WithControlCharacters", std::string("a\0\x01", 3), "<param name64=\"YQAB\">x</param>"},
                       NameCase{"NotUtf8", "\xFF", "<param name64=\"/w==\">x</param>"}),
-    [](const auto& info) { return info.param.rule; });
+    [](const auto& tested) { return tested.param.rule; });
 
 class QORInfoTexts : public ::testing::TestWithParam<std::string> {};
 
@@ -122,7 +122,8 @@ TEST(QORInfoTest, RandomTreesSurviveTheXmlForm) {
     std::mt19937 random(7);
     const auto text = [&] {
         std::string bytes(random() % 6, '\0');
-        for (char& byte : bytes) byte = static_cast<char>(random() % 4 == 0 ? random() : 'a' + random() % 26);
+        for (char& byte : bytes)
+            byte = static_cast<char>(random() % 4 == 0 ? random() : 'a' + random() % 26);
         return bytes;
     };
     for (int round = 0; round < 300; ++round) {
@@ -136,7 +137,8 @@ TEST(QORInfoTest, RandomTreesSurviveTheXmlForm) {
             pool.push_back(std::move(node));
         }
         QORInfo info;
-        for (QORInfo& node : pool) info.add(std::move(node));
+        for (QORInfo& node : pool)
+            info.add(std::move(node));
         QORInfo read;
         ASSERT_EQ(read.deserializeFromString(info.serializeToString()), 0);
         ASSERT_EQ(read, info) << info.serializeToString();
@@ -163,7 +165,9 @@ TEST(QORInfoTest, WhatIsNoDocumentIsRefusedAndChangesNothing) {
 TEST(QORInfoTest, EntitiesOfADocumentTypeAreNotExpanded) {
     QORInfo info;
     const int result = info.deserializeFromString("<!DOCTYPE a [<!ENTITY b \"expanded\">]><a><p>&b;</p></a>");
-    if (result == 0) EXPECT_EQ(info.getParameterByPath("p"), "&b;");
+    if (result == 0) {
+        EXPECT_EQ(info.getParameterByPath("p"), "&b;");
+    }
 }
 
 TEST(QORInfoTest, DepthIsBoundedWhenBuilding) {
@@ -177,8 +181,10 @@ TEST(QORInfoTest, DepthIsBoundedWhenReading) {
     EXPECT_EQ(read.deserializeFromString(deepest.serializeToString()), 0);
     EXPECT_EQ(read, deepest);
     std::string hostile;
-    for (int i = 0; i < 100000; ++i) hostile += "<p>";
-    for (int i = 0; i < 100000; ++i) hostile += "</p>";
+    for (int i = 0; i < 100000; ++i)
+        hostile += "<p>";
+    for (int i = 0; i < 100000; ++i)
+        hostile += "</p>";
     EXPECT_NE(read.deserializeFromString(hostile), 0);
     EXPECT_EQ(read, deepest);
 }

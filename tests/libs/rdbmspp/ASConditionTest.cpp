@@ -26,7 +26,7 @@ class ASCondition : public DatabaseTest {
 };
 
 TEST_F(ASCondition, ChainsOfThousandsAreTaken) {
-    for (const int length : {100, 101, 1000, 20000}) {
+    for (const int length : {100, 101, 1000, 10000}) {
         ASComparison any;
         ASComparison all;
         for (int i = 0; i < length; ++i) {
@@ -196,7 +196,7 @@ TEST_F(ASCondition, TooDeepIsRefusedInOurWords) {
     EXPECT_EQ(count(is(3)), 1u);
 }
 
-TEST_F(ASCondition, MoreParametersThanTheEngineHasBecomeLiterals) {
+TEST_F(ASCondition, MoreParametersThanAStatementTakesBecomeLiterals) {
     ASComparison any;
     for (int i = 0; i < 40000; ++i)
         any = std::move(any) || (a.attribute == ASInt(10 + i % 5));
@@ -223,10 +223,10 @@ TEST_F(ASCondition, NulByteIsRefusedInOurWords) {
               "a text with a NUL byte cannot be sent to the database");
 }
 
-TEST_F(ASCondition, MillionTermsAreTakenApartWithoutRecursion) {
+TEST_F(ASCondition, ManyTermsAreTakenApartWithoutRecursion) {
     ASComparison left;
     ASComparison right;
-    for (int i = 0; i < 1'000'000; ++i) {
+    for (int i = 0; i < 200'000; ++i) {
         left = std::move(left) && ASComparison("1");
         right = ASComparison("1") && right;
         if (i % 3 == 0) right = !right;

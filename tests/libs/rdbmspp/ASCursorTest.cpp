@@ -77,6 +77,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ValueCase{"TextEmpty", "NVARCHAR(20)", ASType::VarChar, "''", ""},
                       ValueCase{"TextUtf8", "NVARCHAR(20)", ASType::VarChar, "'M\xC3\xBCnchen \xF0\x9F\x98\x80'",
                                 "M\xC3\xBCnchen \xF0\x9F\x98\x80"},
+                      ValueCase{"TextNotUtf8", "NVARCHAR(20)", ASType::VarChar, "CAST(x'41ff28' AS TEXT)", "A\xff("},
                       ValueCase{"TextPercent", "NVARCHAR(20)", ASType::VarChar, "'100%Q ?{ts}'", "100%Q ?{ts}"},
                       ValueCase{"TextLong", "NVARCHAR(20)", ASType::VarChar,
                                 "replace(printf('%200000d', 0), ' ', 'ab')", repeated("ab", 199999) + "0"},
@@ -161,8 +162,11 @@ class ASCursorRows : public DatabaseTest {
             " (5, -5, '', '6ba7b810-9dad-41d1-80b4-000000000005', 'no time', 0.1);"
             "CREATE VIEW v AS SELECT * FROM t; CREATE VIEW w AS SELECT * FROM t");
     }
+    /// As rows come, with literals; and as a page, with parameters: both have to agree.
     std::vector<std::string> ids(const ASComparison& condition) {
-        return select(id.attribute, condition, {ASOrder(id.attribute)});
+        const auto all = select(id.attribute, condition, {ASOrder(id.attribute)});
+        EXPECT_EQ(select(id.attribute, condition, {ASOrder(id.attribute)}, 20), all) << condition.Query();
+        return all;
     }
 
     ASDomainPtr v = domainOf("v");
@@ -195,6 +199,7 @@ TEST_F(ASCursorRows, EveryComparison) {
         {S == ASVStr(10, "Beta"), {"2"}},
         {S == ASVStr(10, ""), {"5"}},
         {S > ASVStr(10, "Z"), {"1", "4"}},
+        {S == ASVStr(10, "M\xC3\xBCnchen"), {}},
         {g.attribute == ASGuid(*Guid::parse("6BA7B810-9DAD-41D1-80B4-000000000002")), {"2"}},
         {w.attribute == ASTime(1704067200), {"1"}},
         {w.attribute > ASTime(1704067200) && w.attribute < ASTime(1704240000), {"2"}},
@@ -309,9 +314,10 @@ TEST_F(ASCursorRows, DistinctDropsEqualRows) {
 }
 
 TEST_F(ASCursorRows, TwoCursorsOnOneSessionRunSideBySide) {
-    for (const int limit : {0, 20}) {
-        QORRdbmsTran transaction(ASAccess::Read);
-        const auto make = [&](ASCursor& cursor, const Column& shown) {
+    for (const auto& [access, limit] : {std::pair(ASAccess::Read, 0), std::pair(ASAccess::Read, 20),
+                                        std::pair(ASAccess::ReadOne, 0), std::pair(ASAccess::ReadOne, 20)}) {
+        QORRdbmsTran transaction(access);
+        const auto make = [&, limit = limit](ASCursor& cursor, const Column& shown) {
             cursor.Filter().Project() << shown.attribute;
             cursor.Order(ASOrder(shown.attribute));
             if (limit > 0) cursor.Limit(limit, 0);
@@ -346,6 +352,17 @@ TEST_F(ASCursorRows, ManyDifferentSelectsAreTaken) {
     for (int i = 0; i < 300; ++i) {
         const ASComparison condition = ASAttribute::In(id.attribute, std::to_string(i));
         EXPECT_EQ(select(id.attribute, condition, {}, 20).size(), i >= 1 && i <= 5 ? 1u : 0u);
+    }
+}
+
+TEST_F(ASCursorRows, TextsBeyondAsciiAreFoundByParameterAndByLiteral) {
+    for (const char* text : {"M\xC3\xBCnchen", "\xF0\x9F\x98\x80", "A\xff("}) {
+        QORRdbmsTran transaction(ASAccess::Write);
+        transaction->prepare("UPDATE t SET s = ? WHERE id = 3").bind(1, text).execute();
+        transaction.commit();
+        EXPECT_THAT(ids(s.attribute == ASVStr(10, text)), ElementsAre("3"));
+        EXPECT_THAT(ids(ASAttribute::In(s.attribute, ASSession::quoteLiteral(text))), ElementsAre("3"));
+        EXPECT_THAT(ids(ASAttribute::Like(s.attribute, text, 0)), ElementsAre("3"));
     }
 }
 

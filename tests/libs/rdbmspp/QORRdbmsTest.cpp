@@ -60,7 +60,7 @@ TEST_F(QORRdbmsTest, HostStatementsBindAndRead) {
     EXPECT_TRUE(query.fetch());
 }
 
-TEST_F(QORRdbmsTest, StatementWithoutRowsIsAFailureWithItsText) {
+TEST_F(QORRdbmsTest, FailureCarriesTheStatement) {
     open(schema);
     QORRdbmsTran transaction(ASAccess::ReadOne);
     try {
@@ -202,6 +202,44 @@ TEST_F(QORRdbmsTest, ThreadsReadAndWriteAtOnce) {
         thread.join();
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(all().size(), 42u);
+}
+
+TEST_F(QORRdbmsTest, StatementWithRowsRunsToItsEnd) {
+    open(schema);
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    transaction->execute("PRAGMA user_version = 7");
+    transaction->execute("INSERT INTO t (a) VALUES (3) RETURNING a");
+    auto& version = transaction->prepare("PRAGMA user_version");
+    version.execute();
+    ASSERT_TRUE(version.fetch());
+    EXPECT_EQ(version.integer(1), 7);
+    EXPECT_EQ(all().size(), 3u);
+}
+
+TEST_F(QORRdbmsTest, FileNamesOfEveryKindAreTaken) {
+    for (const char* name : {"with space.db", "M\xC3\xBCnchen.db", "it's.db", "a=b%20.db"}) {
+        Engine(m_folder.file(name)).run(schema);
+        auto named = options();
+        named.connectionString = "driver = SQLite3; database = " + m_folder.file(name) + " ;";
+        QORRdbms::instance().configure(named);
+        EXPECT_EQ(all().size(), 2u) << name;
+        QORRdbms::instance().shutdown();
+    }
+}
+
+TEST_F(QORRdbmsTest, ReconfiguringServesThoseWhoWait) {
+    Engine(path()).run(schema);
+    auto limited = options();
+    limited.maxConnections = 1;
+    QORRdbms::instance().configure(limited);
+    std::optional<QORRdbmsTran> held(std::in_place, ASAccess::ReadOne);
+    std::thread waiter([] { QORRdbmsTran transaction(ASAccess::ReadOne); });
+    while (QORRdbms::instance().waiting() == 0)
+        std::this_thread::yield();
+    QORRdbms::instance().configure(limited);
+    waiter.join();
+    held.reset();
+    EXPECT_EQ(all().size(), 2u);
 }
 
 TEST_F(QORRdbmsTest, WithoutConfigurationThereIsAFailure) {

@@ -21,18 +21,24 @@ struct Neighbour {
     std::size_t end = 0;    ///< of a literal: behind its closing quote
 };
 
-constexpr bool isBlank(char ch) noexcept { return ch == ' ' || ch == '\t' || ch == '\n' || ch == '\r'; }
-constexpr bool isComparison(char ch) noexcept { return ch == '<' || ch == '=' || ch == '>'; }
+constexpr bool isBlank(char ch) noexcept {
+    return ch == ' ' || ch == '\t' || ch == '\n' || ch == '\r';
+}
+constexpr bool isComparison(char ch) noexcept {
+    return ch == '<' || ch == '=' || ch == '>';
+}
 
 /// \param name where the name begins
 Neighbour lookLeft(std::string_view text, std::size_t name) {
     std::size_t at = name;  // the character before it is looked at
     const auto inReach = [&] { return at > untouched; };
-    while (inReach() && (isBlank(text[at - 1]) || isComparison(text[at - 1]))) --at;
+    while (inReach() && (isBlank(text[at - 1]) || isComparison(text[at - 1])))
+        --at;
     // "!" belongs to a comparison only as the character of it that is nearest to the literal.
     if (inReach() && text[at - 1] == '!') {
         --at;
-        while (inReach() && isBlank(text[at - 1])) --at;
+        while (inReach() && isBlank(text[at - 1]))
+            --at;
     }
     if (!inReach()) return {};
     if (isDigitChar(text[at - 1])) return {Neighbour::Number};
@@ -44,7 +50,8 @@ Neighbour lookLeft(std::string_view text, std::size_t name) {
 
 /// \param at behind the name
 Neighbour lookRight(std::string_view text, std::size_t at) {
-    while (at < text.size() && (isBlank(text[at]) || isComparison(text[at]) || text[at] == '!')) ++at;
+    while (at < text.size() && (isBlank(text[at]) || isComparison(text[at]) || text[at] == '!'))
+        ++at;
     if (at == text.size()) return {};
     if (isDigitChar(text[at])) return {Neighbour::Number};
     if (text[at] != '\'') return {};

@@ -1,0 +1,219 @@
+// The only unit of the client's own that knows of CLI11.
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <functional>
+#include <map>
+
+#include "CtlError.h"
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORLogger.h"
+#include "QORCommon/QORText.h"
+#include "commands/Commands.h"
+#include "commands/Printing.h"
+#include "filter/FilterCommand.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* exitNote =
+    "Exit status: 0 done, 1 the agent answered with an error, 2 bad usage, 3 no connection.";
+
+constexpr const char* whereNote =
+    "Conditions (--where) are those of SQL: and, or, not, parentheses, = <> != < <= > >=, [not] like 'a%' [escape "
+    "'c'],\n"
+    "[not] in (1, 'b', select COLUMN from VIEW where ...), [not] between a and b, is [not] null, upper(), lower().\n"
+    "A column is written name, view.name or \"any name\", a text 'it''s'.\n\n"
+    "Columns are printed in the order they are asked for; an answer holds a column once, under its own name, also for "
+    "an\n"
+    "aggregate such as -f 'count(eid)' (count, sum, avg, min, max). A table shows a null as \"-\"; csv and json are "
+    "exact.\n"
+    "Sort keys apply in the order of their names.\n";
+
+/// Everything that the options are read into, and the command to run.
+class CommandLine {
+public:
+    CommandLine() {
+        m_app.require_subcommand(1);
+        m_app.set_version_flag("--version", QOR_VERSION);
+        m_app.set_help_all_flag("--help-all", "Print the help of every command and exit");
+        m_app.footer(exitNote);
+        addConnection(m_app, false);
+        addSelect();
+        addRequest();
+        addViews();
+        addImport();
+        addSample();
+        addCollect();
+        addFilterCommand(m_app, m_filterExit);
+    }
+
+    int run(const std::vector<std::string>& arguments) {
+        std::vector<std::string> reversed = tieValues(arguments);
+        std::reverse(reversed.begin(), reversed.end());
+        try {
+            m_app.parse(reversed);
+        } catch (const CLI::ParseError& error) {
+            // Help and version are thrown as well, with the status 0.
+            if (error.get_exit_code() == 0) return m_app.exit(error);
+            throw QORCtlError::usage(complaint(error));
+        }
+        if (!m_run) return m_filterExit;
+        m_run();
+        return static_cast<int>(QORCtlExit::Done);
+    }
+
+private:
+    std::string complaint(const CLI::ParseError& error) const {
+        const std::vector<std::string> unknown = m_app.remaining();
+        const std::string what = m_app.get_subcommands().empty() && !unknown.empty()
+                                     ? "there is no command " + quoteText(unknown.front())
+                                     : error.what();
+        return what + "\nqorctl --help and qorctl COMMAND --help say what there is.";
+    }
+
+    CLI::App* command(const char* name, const char* description, std::function<void()> run) {
+        CLI::App* const app = m_app.add_subcommand(name, description);
+        app->callback([this, run = std::move(run)] { m_run = run; });
+        app->footer(exitNote);
+        return app;
+    }
+
+    /// Everywhere the same variables, so that the options may stand before the command or behind it.
+    void addConnection(CLI::App& app, bool stores) {
+        const char* const group = "Connection";
+        app.add_option("--socket", m_connection.socket, "the agent's socket (default: this user's agent's)")
+            ->group(group);
+        app.add_flag("--standalone", m_connection.standalone, "no agent: answer in this process")->group(group);
+        app.add_option("--database", m_connection.database, "ODBC connection string, with --standalone")->group(group);
+        if (!stores)
+            app.add_flag("--read-only", m_connection.readOnly, "never write to the database, with --standalone")
+                ->group(group);
+        app.add_option("--plugins", m_connection.plugIns, "folder of the plug-ins, with --standalone")->group(group);
+    }
+
+    static void addPrinting(CLI::App& app, QORPrintOptions& print) {
+        static const std::map<std::string, QORRowFormat> formats{{"table", QORRowFormat::Table},
+                                                                 {"json", QORRowFormat::Json},
+                                                                 {"csv", QORRowFormat::Csv},
+                                                                 {"xml", QORRowFormat::Xml}};
+        app.add_option_function<std::string>(
+               "-o,--output", [&print](const std::string& name) { print.format = formats.at(name); },
+               "table (default), json, csv or xml")
+            ->check(CLI::IsMember({"table", "json", "csv", "xml"}))
+            ->type_name("FORMAT");
+        app.add_option("--width", print.width,
+                       "columns that a table may take, 0 for any number (default: the terminal's)");
+    }
+
+    static void addReport(CLI::App& app, QORReportOptions& report) {
+        app.add_flag("--progress", report.progress, "show progress even where standard error is no terminal");
+        app.add_flag("-v,--verbose", report.verbose, "name every refused line");
+    }
+
+    void addSelect() {
+        CLI::App* const app =
+            command("select", "Rows of a view", [this] { runSelect(m_connection, m_select, m_selectPrint); });
+        app->add_option("--view", m_select.view, "the view that is asked")->required();
+        app->add_option("-f,--field", m_select.fields, "a column, or an aggregate over one: count(eid); repeatable")
+            ->required()
+            ->type_name("FIELD");
+        app->add_option("--where", m_select.where, "a condition that the rows must meet")->type_name("CONDITION");
+        app->add_option("--sort", m_select.sort, "a field to sort by, behind '-' for descending order; repeatable")
+            ->type_name("[-]FIELD");
+        app->add_option("--limit", m_select.limit, "rows of the page (default: 0, all)");
+        app->add_option("--offset", m_select.offset, "rows before the page");
+        app->add_flag("--count", m_select.count, "also how many rows there are in the page and in all");
+        app->add_flag("--distinct", m_select.distinct, "each row once");
+        app->add_option("--client", m_select.client,
+                        "ask as a client without full access that stands for this environment (the first is its own "
+                        "identity, repeatable), or for \"none\"")
+            ->type_name("EID");
+        addPrinting(*app, m_selectPrint);
+        addConnection(*app, false);
+        app->footer(std::string(whereNote) + "\n" + exitNote);
+    }
+
+    void addRequest() {
+        CLI::App* const app = command("request", "Message notation in, message notation out",
+                                      [this] { runRequest(m_connection, m_request); });
+        app->add_option("file", m_request.file, "the request; - or nothing reads standard input");
+        app->add_flag(
+            "--lines", m_request.lines,
+            "one request a line, one answer a line, in order; errors are answers, blank lines answer nothing");
+        addConnection(*app, false);
+    }
+
+    void addViews() {
+        CLI::App* const app =
+            command("views", "Views, their columns and types", [this] { runViews(m_connection, m_views); });
+        app->add_option("view", m_views.views, "only these views");
+        addPrinting(*app, m_views.print);
+        addConnection(*app, false);
+    }
+
+    void addImport() {
+        CLI::App* const app =
+            command("import", "Store records, one JSON object a line", [this] { runImport(m_connection, m_import); });
+        app->add_option("file", m_import.file, "the records; - or nothing reads standard input");
+        addReport(*app, m_import.report);
+        addConnection(*app, true);
+    }
+
+    void addSample() {
+        CLI::App* const app = command("sample", "Store made-up records", [this] { runSample(m_connection, m_sample); });
+        const auto amount = [app](const char* name, std::uint64_t& value, const char* description) {
+            app->add_option(name, value, description)->type_name("N");
+        };
+        amount("--environments", m_sample.sample.environments, "environments to make");
+        amount("--operations", m_sample.sample.operations, "operations to make");
+        amount("--events", m_sample.sample.events, "events to make");
+        amount("--backups", m_sample.sample.backups, "backups to make");
+        amount("--seed", m_sample.sample.seed, "the same seed makes the same records (default: 1)");
+        app->add_option("--output", m_sample.output,
+                        "write the records to this file (-: standard output) and store none")
+            ->type_name("FILE");
+        addReport(*app, m_sample.report);
+        addConnection(*app, true);
+    }
+
+    void addCollect() {
+        CLI::App* const app =
+            command("collect", "Store what this machine tells about itself", [this] { runCollect(m_connection); });
+        addConnection(*app, true);
+    }
+
+    CLI::App m_app{"Asks the agent of this machine, or a database directly.", "qorctl"};
+    QORConnectionOptions m_connection;
+    QORSelectOptions m_select;
+    QORPrintOptions m_selectPrint;
+    QORRequestOptions m_request;
+    QORViewsOptions m_views;
+    QORImportOptions m_import;
+    QORSampleCommandOptions m_sample;
+    std::function<void()> m_run;
+    int m_filterExit = 0;
+};
+
+}  // namespace
+
+int runCommandLine(const std::vector<std::string>& arguments) {
+    // What the host logs about its own start is not what the person asked for; failures are.
+    setLogLevel(0);
+    try {
+        return CommandLine().run(arguments);
+    } catch (const QORBrokenPipe&) {
+        return static_cast<int>(QORCtlExit::Done);
+    } catch (const QORCtlError& error) {
+        tellPerson(error.what());
+        return static_cast<int>(error.exit());
+    } catch (const QORException& error) {
+        tellPerson(QORCtlError::answered(error.code(), error.message()).what());
+    } catch (const std::exception& error) {
+        tellPerson(error.what());
+    }
+    return static_cast<int>(QORCtlExit::AnsweredError);
+}
+
+}  // namespace QOR

@@ -1,0 +1,20 @@
+/// \file
+/// Ctrl-C for commands that work in batches: the first asks them to stop, the second ends the process as usual.
+#pragma once
+
+namespace QOR {
+
+/// While one exists, SIGINT and SIGTERM are taken as the wish to stop. At most one in a process.
+class QORInterrupt {
+public:
+    QORInterrupt();
+    ~QORInterrupt();
+    QORInterrupt(const QORInterrupt&) = delete;
+    QORInterrupt& operator=(const QORInterrupt&) = delete;
+
+    bool isRequested() const noexcept;
+    /// Becomes, and stays, readable with the request.
+    int descriptor() const noexcept;
+};
+
+}  // namespace QOR

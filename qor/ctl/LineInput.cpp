@@ -1,0 +1,108 @@
+#include "LineInput.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "CtlError.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::size_t blockSize = 256 * 1024;
+
+std::string reasonOf(int error) {
+    return std::generic_category().message(error);
+}
+
+}  // namespace
+
+QORLineInput::Got QORLineInput::next() {
+    m_cut = false;
+    std::size_t scanned = m_at;
+    for (;;) {
+        const std::size_t end = m_buffer.find('\n', scanned);
+        if (end != std::string::npos) {
+            takeLine(end);
+            m_at = end + 1;
+            return Got::Line;
+        }
+        if (m_buffer.size() - m_at > m_maxBytes) {
+            // The rest of an overlong line is passed over as it comes.
+            m_buffer.resize(m_at + m_maxBytes);
+            m_cut = true;
+        }
+        if (m_at > 0) {
+            m_buffer.erase(0, m_at);
+            m_at = 0;
+        }
+        scanned = m_buffer.size();
+        const Filled filled = m_end ? Filled::End : fill();
+        if (filled == Filled::Stopped) return Got::Stopped;
+        if (filled == Filled::More) continue;
+        if (m_buffer.empty()) return Got::End;
+        takeLine(m_buffer.size());
+        m_at = m_buffer.size();
+        return Got::Line;
+    }
+}
+
+void QORLineInput::takeLine(std::size_t end) {
+    m_line = std::string_view(m_buffer).substr(m_at, end - m_at);
+    if (m_line.size() > m_maxBytes) m_cut = true;
+    if (m_cut) m_line = m_line.substr(0, m_maxBytes);
+    if (m_line.ends_with('\r')) m_line.remove_suffix(1);
+}
+
+QORLineInput::Filled QORLineInput::fill() {
+    const std::size_t size = m_buffer.size();
+    m_buffer.resize(size + blockSize);
+    ssize_t got = -1;
+    for (;;) {
+        pollfd waiting[] = {{m_descriptor, POLLIN, 0}, {m_stop, POLLIN, 0}};
+        const int ready = ::poll(waiting, m_stop < 0 ? 1 : 2, -1);
+        if (ready < 0 && errno == EINTR) continue;
+        if (waiting[1].revents != 0) {
+            m_buffer.resize(size);
+            return Filled::Stopped;
+        }
+        got = ::read(m_descriptor, m_buffer.data() + size, blockSize);
+        if (got >= 0 || (errno != EINTR && errno != EAGAIN)) break;
+    }
+    m_buffer.resize(size + static_cast<std::size_t>(got > 0 ? got : 0));
+    if (got < 0) throw QORCtlError::usage("cannot read the input: " + reasonOf(errno));
+    m_end = got == 0;
+    return m_end ? Filled::End : Filled::More;
+}
+
+QORInputFile::QORInputFile(const std::string& path)
+    : m_name(path.empty() || path == "-" ? "standard input" : path), m_descriptor(STDIN_FILENO), m_owned(false) {
+    if (path.empty() || path == "-") return;
+    m_descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_descriptor < 0) throw QORCtlError::usage("cannot open " + path + ": " + reasonOf(errno));
+    m_owned = true;
+}
+
+QORInputFile::~QORInputFile() {
+    if (m_owned) ::close(m_descriptor);
+}
+
+std::string QORInputFile::readAll(std::size_t maxBytes) const {
+    std::string text;
+    for (;;) {
+        const std::size_t size = text.size();
+        text.resize(size + blockSize);
+        const ssize_t got = ::read(m_descriptor, text.data() + size, blockSize);
+        const int error = errno;
+        text.resize(size + static_cast<std::size_t>(got > 0 ? got : 0));
+        if (got == 0) return text;
+        if (got < 0 && error != EINTR) throw QORCtlError::usage("cannot read " + m_name + ": " + reasonOf(error));
+        if (text.size() > maxBytes)
+            throw QORCtlError::usage(m_name + " is larger than " + std::to_string(maxBytes) + " bytes");
+    }
+}
+
+}  // namespace QOR

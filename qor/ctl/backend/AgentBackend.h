@@ -1,0 +1,29 @@
+/// \file
+/// The agent, over HTTP/1.1 on its unix socket. The connection is kept from request to request.
+#pragma once
+
+#include "backend/Backend.h"
+
+namespace QOR {
+
+class QORAgentBackend final : public QORBackend {
+public:
+    /// Connects. \param socket empty: where an agent of this user or of the machine listens
+    explicit QORAgentBackend(const std::string& socket);
+    ~QORAgentBackend() override;
+
+    std::unique_ptr<QORAnswerSource> ask(std::string_view request) override;
+    /// A thread of its own sends the requests ahead, so that neither side waits for the other.
+    void answerLines(int input, const TakeAnswer& take) override;
+    QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
+    QORCollectResult collect(const std::stop_token& stop) override;
+    std::vector<QORViewColumn> views() override;
+
+private:
+    class Connection;
+    class Source;
+    class Pipeline;
+    std::unique_ptr<Connection> m_connection;
+};
+
+}  // namespace QOR

@@ -1,0 +1,105 @@
+#include "backend/AgentReplies.h"
+
+#include <rapidjson/document.h>
+
+#include "CtlError.h"
+
+namespace QOR {
+namespace {
+
+using rapidjson::Document;
+using rapidjson::Value;
+
+[[noreturn]] void unreadable() {
+    throw QORCtlError(QORCtlExit::AnsweredError, "the agent's answer cannot be read");
+}
+
+const Value* find(const Value& object, const char* name) {
+    if (!object.IsObject()) unreadable();
+    const auto found = object.FindMember(name);
+    return found == object.MemberEnd() ? nullptr : &found->value;
+}
+
+const Value& member(const Value& object, const char* name) {
+    const Value* const value = find(object, name);
+    if (value == nullptr) unreadable();
+    return *value;
+}
+
+std::uint64_t numberOf(const Value& object, const char* name) {
+    const Value& value = member(object, name);
+    if (!value.IsUint64()) unreadable();
+    return value.GetUint64();
+}
+
+std::string textOf(const Value& value) {
+    if (!value.IsString()) unreadable();
+    return {value.GetString(), value.GetStringLength()};
+}
+
+const Value& arrayOf(const Value& object, const char* name) {
+    const Value& value = member(object, name);
+    if (!value.IsArray()) unreadable();
+    return value;
+}
+
+/// \param expected a member that an answer has unless it is nothing but an error
+Document parse(std::string_view json, const char* expected) {
+    Document document;
+    document.Parse<rapidjson::kParseIterativeFlag>(json.data(), json.size());
+    if (document.HasParseError()) unreadable();
+    const Value* const error = find(document, "error");
+    if (error == nullptr || find(document, expected) != nullptr) return document;
+    const Value& code = member(*error, "code");
+    throw QORCtlError::answered(code.IsInt() ? code.GetInt() : 0, textOf(member(*error, "message")));
+}
+
+QORIngestResult ingestResult(const Document& document) {
+    QORIngestResult result;
+    const Value& counts = member(document, "counts");
+    for (std::size_t index = 0; index < recordKindCount; ++index) {
+        const std::string kind(recordKindName(static_cast<QORRecordKind>(index)));
+        const Value& count = member(counts, kind.c_str());
+        result.counts[index] = {numberOf(count, "added"), numberOf(count, "replaced"), numberOf(count, "unchanged")};
+    }
+    result.lastLine = numberOf(document, "lastLine");
+    result.refused = numberOf(document, "refusedCount");
+    for (const Value& refused : arrayOf(document, "refused").GetArray())
+        result.refusedLines.push_back({numberOf(refused, "line"), textOf(member(refused, "reason"))});
+    if (const Value* const failure = find(document, "failure"))
+        result.failure = QORIngestFailure{numberOf(*failure, "firstLine"), numberOf(*failure, "lastLine"),
+                                          textOf(member(*failure, "reason"))};
+    return result;
+}
+
+}  // namespace
+
+QORIngestResult readIngestReply(std::string_view json) {
+    return ingestResult(parse(json, "counts"));
+}
+
+QORCollectResult readCollectReply(std::string_view json) {
+    const Document document = parse(json, "counts");
+    QORCollectResult result;
+    result.stored = ingestResult(document);
+    result.malformed = numberOf(document, "malformed");
+    for (const Value& file : arrayOf(document, "unreadable").GetArray())
+        result.unreadable.push_back(textOf(file));
+    return result;
+}
+
+std::vector<QORViewColumn> readViewsReply(std::string_view json) {
+    const Document document = parse(json, "views");
+    std::vector<QORViewColumn> columns;
+    for (const Value& view : arrayOf(document, "views").GetArray()) {
+        const std::string name = textOf(member(view, "name"));
+        for (const Value& column : arrayOf(view, "columns").GetArray()) {
+            const Value& length = member(column, "length");
+            columns.push_back({name, textOf(member(column, "name")), textOf(member(column, "type")),
+                               length.IsInt() ? length.GetInt() : 0});
+        }
+    }
+    return columns;
+}
+
+}  // namespace QOR

@@ -1,0 +1,20 @@
+/// \file
+/// What the agent answers beside messages, read back into the structures that a host in this process gives.
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+#include "QORDBSchema/SchemaTable.h"
+#include "agent/ingest/QORCollectors.h"
+#include "agent/ingest/QORIngest.h"
+
+namespace QOR {
+
+/// Each throws QORCtlError AnsweredError: with the answer's own error when it holds one in place of what was asked for,
+/// else saying that it cannot be read. An error beside counts is left to the counts' `failure`.
+QORIngestResult readIngestReply(std::string_view json);
+QORCollectResult readCollectReply(std::string_view json);
+std::vector<QORViewColumn> readViewsReply(std::string_view json);
+
+}  // namespace QOR

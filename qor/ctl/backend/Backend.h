@@ -1,0 +1,67 @@
+/// \file
+/// Who answers: the agent over its socket, or the host in this very process.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "AnswerReader.h"
+#include "LineInput.h"
+#include "QORDBSchema/SchemaTable.h"
+#include "agent/ingest/QORCollectors.h"
+#include "agent/ingest/QORIngest.h"
+
+namespace QOR {
+
+/// Where to find who answers, as given on the command line.
+struct QORConnectionOptions {
+    std::string socket;  ///< empty: where an agent of this user or of the machine listens
+    bool standalone = false;
+    std::string database;  ///< ODBC connection string, standalone only
+    bool readOnly = false;
+    std::string plugIns;  ///< folder; empty: those that belong to the program
+};
+
+/// One connection, or one host in the process. One thread at a time, but where said otherwise.
+///
+/// Every operation throws QORCtlError: AnsweredError for an error that was answered (except where it is part of the
+/// answer that is returned), NoConnection when the other side is gone.
+class QORBackend {
+public:
+    virtual ~QORBackend() = default;
+
+    /// Asks one request in message notation. The answer must be read, or given up, before the next request.
+    virtual std::unique_ptr<QORAnswerSource> ask(std::string_view request) = 0;
+
+    /// \param idle true when no further answer is on its way
+    using TakeAnswer = std::function<void(std::string_view answer, bool idle)>;
+    /// Answers each line in turn until the input ends; blank lines are passed over. `take` is called on this thread;
+    /// requests may be sent ahead of the answers. What `take` throws ends it.
+    virtual void answerLines(int input, const TakeAnswer& take) = 0;
+
+    /// Stores NDJSON records. A line that is refused is part of the result.
+    virtual QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) = 0;
+    virtual QORCollectResult collect(const std::stop_token& stop) = 0;
+    virtual std::vector<QORViewColumn> views() = 0;
+
+    /// Bytes that one request may have.
+    static constexpr std::size_t requestLimit = std::size_t{64} << 20;
+};
+
+/// What a command is going to do, which decides how a standalone host opens its database.
+enum class QORBackendUse {
+    Ask,      ///< requests; another program's database is read as it is
+    Inspect,  ///< views only, no plug-ins needed
+    Store,    ///< records; the database must be the host's own, or empty
+};
+
+/// \throws QORCtlError BadUsage for options that contradict each other, NoConnection when nobody answers there
+std::unique_ptr<QORBackend> makeBackend(const QORConnectionOptions& options, QORBackendUse use);
+
+}  // namespace QOR

@@ -1,0 +1,29 @@
+/// \file
+/// The host in this process: no agent, no socket, full access.
+#pragma once
+
+#include "backend/Backend.h"
+
+namespace QOR {
+
+class QORHost;
+class QORClientSession;
+
+class QORStandaloneBackend final : public QORBackend {
+public:
+    QORStandaloneBackend(const QORConnectionOptions& options, QORBackendUse use);
+    ~QORStandaloneBackend() override;
+
+    std::unique_ptr<QORAnswerSource> ask(std::string_view request) override;
+    void answerLines(int input, const TakeAnswer& take) override;
+    QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
+    QORCollectResult collect(const std::stop_token& stop) override;
+    std::vector<QORViewColumn> views() override;
+
+private:
+    QORIngest m_ingest;
+    std::unique_ptr<QORHost> m_host;              ///< where requests are asked
+    std::unique_ptr<QORClientSession> m_session;  ///< gone before the host
+};
+
+}  // namespace QOR

@@ -1,0 +1,59 @@
+/// \file
+/// What the commands do once the command line has been read. Each writes its results to standard output, everything
+/// else to standard error, and ends by returning or by throwing QORCtlError or QORBrokenPipe.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CtlError.h"
+#include "SelectRequest.h"
+#include "agent/ingest/QORSampleData.h"
+#include "backend/Backend.h"
+#include "output/RowPrinter.h"
+
+namespace QOR {
+
+/// How rows are printed.
+struct QORPrintOptions {
+    QORRowFormat format = QORRowFormat::Table;
+    std::optional<std::size_t> width;  ///< of tables; absent: the terminal's, none where there is no terminal
+};
+
+struct QORRequestOptions {
+    std::string file;  ///< empty or "-": standard input
+    bool lines = false;
+};
+
+struct QORViewsOptions {
+    std::vector<std::string> views;  ///< empty: all
+    QORPrintOptions print;
+};
+
+/// How storing many records is reported.
+struct QORReportOptions {
+    bool progress = false;  ///< also where standard error is no terminal
+    bool verbose = false;   ///< every refused line, not only the first
+};
+
+struct QORImportOptions {
+    std::string file;  ///< empty or "-": standard input
+    QORReportOptions report;
+};
+
+struct QORSampleCommandOptions {
+    QORSampleOptions sample;
+    std::optional<std::string> output;  ///< written here ("-": standard output) instead of stored
+    QORReportOptions report;
+};
+
+void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& options, const QORPrintOptions& print);
+void runRequest(const QORConnectionOptions& connection, const QORRequestOptions& options);
+void runViews(const QORConnectionOptions& connection, const QORViewsOptions& options);
+void runImport(const QORConnectionOptions& connection, const QORImportOptions& options);
+void runSample(const QORConnectionOptions& connection, const QORSampleCommandOptions& options);
+void runCollect(const QORConnectionOptions& connection);
+
+}  // namespace QOR

@@ -1,0 +1,103 @@
+#include "commands/RecordStream.h"
+
+#include <unistd.h>
+
+#include <iostream>
+
+#include "commands/Printing.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::uint64_t batchLines = 1000;
+constexpr std::size_t batchBytes = 8 * 1024 * 1024;
+constexpr std::uint64_t refusedToldAtMost = 20;
+constexpr auto terminalPace = std::chrono::milliseconds(100);
+constexpr auto logPace = std::chrono::seconds(1);
+
+}  // namespace
+
+QORRecordStream::QORRecordStream(QORBackend& backend, const QORReportOptions& options, std::uint64_t expected)
+    : m_backend(backend), m_options(options), m_expected(expected), m_terminal(::isatty(STDERR_FILENO) != 0) {}
+
+bool QORRecordStream::add(std::string_view line) {
+    ++m_lines;
+    ++m_linesInBatch;
+    m_batch.append(line) += '\n';
+    return m_linesInBatch < batchLines && m_batch.size() < batchBytes ? true : send();
+}
+
+void QORRecordStream::finish() {
+    if (m_linesInBatch > 0 && !m_result.failure) send();
+    tellProgress(true);
+    clearProgress();
+}
+
+bool QORRecordStream::send() {
+    const QORIngestResult result = m_backend.importBatch(m_batch, m_lines - m_linesInBatch + 1);
+    m_batch.clear();
+    m_linesInBatch = 0;
+    tellRefused(result);
+    m_result.merge(result);
+    tellProgress(false);
+    return !m_result.failure;
+}
+
+void QORRecordStream::tellRefused(const QORIngestResult& result) {
+    for (const QORRefusedLine& refused : result.refusedLines) {
+        if (!m_options.verbose && m_refusedTold == refusedToldAtMost) return;
+        clearProgress();
+        tellPerson("line " + std::to_string(refused.line) + ": " + refused.reason);
+        ++m_refusedTold;
+    }
+}
+
+/// On a terminal one line that is written over; elsewhere, when asked for, a line now and then.
+void QORRecordStream::tellProgress(bool last) {
+    if (!m_terminal && !m_options.progress) return;
+    const auto now = Clock::now();
+    if (!last && now - m_lastProgress < (m_terminal ? Clock::duration(terminalPace) : Clock::duration(logPace))) return;
+    m_lastProgress = now;
+    std::string text = std::to_string(m_lines);
+    if (m_expected > 0) text += " of " + std::to_string(m_expected);
+    text +=
+        " lines, " + std::to_string(m_result.accepted()) + " stored, " + std::to_string(m_result.refused) + " refused";
+    std::cerr << (m_terminal ? "\r\x1b[K" : "") << text << (m_terminal ? "" : "\n") << std::flush;
+    m_progressShown = m_terminal;
+}
+
+void QORRecordStream::clearProgress() {
+    if (m_progressShown) std::cerr << "\r\x1b[K" << std::flush;
+    m_progressShown = false;
+}
+
+void QORRecordStream::report(bool interrupted) {
+    if (m_result.refused > m_refusedTold)
+        tellPerson("and " + std::to_string(m_result.refused - m_refusedTold) +
+                   " refused lines more (--verbose names them all)");
+    QORFileOutput out(STDOUT_FILENO);
+    out << describeCounts(m_result);
+    out.flush();
+    if (m_result.failure)
+        throw QORCtlError::answered(1, "records from line " + std::to_string(m_result.failure->firstLine) +
+                                           " on are not stored: " + m_result.failure->reason);
+    if (interrupted) throw QORCtlError(QORCtlExit::AnsweredError, "interrupted; the counts are what is stored");
+    if (m_result.refused > 0)
+        throw QORCtlError(QORCtlExit::AnsweredError, std::to_string(m_result.refused) +
+                                                         (m_result.refused == 1 ? " line was" : " lines were") +
+                                                         " refused; the others are stored");
+}
+
+std::string describeCounts(const QORIngestResult& result) {
+    std::string text;
+    for (std::size_t index = 0; index < recordKindCount; ++index) {
+        const QORIngestCounts& counts = result.counts[index];
+        text.append(recordKindName(static_cast<QORRecordKind>(index))) +=
+            ": " + std::to_string(counts.added) + " added, " + std::to_string(counts.replaced) + " replaced";
+        if (counts.unchanged > 0) text += ", " + std::to_string(counts.unchanged) + " unchanged";
+        text += '\n';
+    }
+    return text + "refused: " + std::to_string(result.refused) + "\n";
+}
+
+}  // namespace QOR

@@ -1,0 +1,58 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+
+#include "QORCommon/QORText.h"
+#include "commands/Commands.h"
+#include "commands/Printing.h"
+
+namespace QOR {
+namespace {
+
+/// Views are found without regard to the case of ASCII letters, here as in requests.
+bool isSameView(std::string_view a, std::string_view b) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+bool isWanted(const QORViewColumn& column, const std::vector<std::string>& views) {
+    return views.empty() || std::any_of(views.begin(), views.end(),
+                                        [&](const std::string& view) { return isSameView(view, column.view); });
+}
+
+void requireAll(const std::vector<std::string>& views, const std::vector<QORViewColumn>& columns) {
+    for (const std::string& view : views)
+        if (std::none_of(columns.begin(), columns.end(),
+                         [&](const QORViewColumn& column) { return isSameView(view, column.view); }))
+            throw QORCtlError(QORCtlExit::AnsweredError, "there is no view " + quoteText(view));
+}
+
+QORCell text(std::string_view bytes) {
+    return {QORCell::Kind::Text, bytes};
+}
+
+}  // namespace
+
+void runViews(const QORConnectionOptions& connection, const QORViewsOptions& options) {
+    const auto backend = makeBackend(connection, QORBackendUse::Inspect);
+    const std::vector<QORViewColumn> columns = backend->views();
+    requireAll(options.views, columns);
+
+    QORFileOutput out(STDOUT_FILENO);
+    const auto printer = makePrinter(options.print, false, out);
+    const std::array<std::string, 4> names{"view", "column", "type", "length"};
+    printer->begin(names);
+    for (const QORViewColumn& column : columns) {
+        if (!isWanted(column, options.views)) continue;
+        const std::string length = std::to_string(column.length);
+        const std::array<QORCell, 4> cells{text(column.view), text(column.column),
+                                           column.type.empty() ? QORCell{} : text(column.type),
+                                           column.length == 0 ? QORCell{} : text(length)};
+        printer->row(cells);
+    }
+    printer->end(std::nullopt);
+    out.flush();
+}
+
+}  // namespace QOR

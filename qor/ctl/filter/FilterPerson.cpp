@@ -1,0 +1,233 @@
+// The inspector's mode for people.
+#include <algorithm>
+#include <array>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "QORPager/Operators/QORDateTimeRewrite.h"
+#include "QORPager/QORExpressionEvaluation.h"
+#include "filter/FilterInspector.h"
+#include "filter/FilterNames.h"
+#include "filter/FilterTree.h"
+#include "output/TextWidth.h"
+#include "where/WhereError.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::size_t longestMessage = 100;  ///< columns
+
+/// A constant that a data source takes from a filter instead of evaluating it.
+struct WantedConstant {
+    std::string_view source;
+    std::string_view name;
+    TTokenType type;
+    std::string_view meaning;
+};
+
+constexpr std::string_view environments = "environments";
+constexpr std::string_view operationLog = "operation log";
+constexpr std::string_view eventLog = "event log";
+constexpr std::string_view backups = "backups";
+constexpr std::array sources{environments, operationLog, eventLog, backups};
+
+constexpr std::array<WantedConstant, 14> wantedConstants{{
+    {environments, "pager.env.eid.InPlaceholder", ttIn, "unit that the environments belong to"},
+    {operationLog, "pager.op_log.parameter.env.eid", ttEqual, "environment"},
+    {operationLog, "pager.op_log.time", ttLowerOrEqual, "latest time"},
+    {operationLog, "pager.op_log.time", ttGreaterOrEqual, "earliest time"},
+    {eventLog, "pager.event_log.parameter.env.eid", ttEqual, "environment"},
+    {eventLog, "pager.event_log.time", ttLowerOrEqual, "latest time"},
+    {eventLog, "pager.event_log.time", ttGreaterOrEqual, "earliest time"},
+    {backups, "pager.backup.storage_eid", ttEqual, "storage"},
+    {backups, "pager.backup.info.name", ttLike, "name"},
+    {backups, "pager.backup.info.hostname", ttLike, "host name"},
+    {backups, "pager.backup.info.veid", ttEqual, "container"},
+    {backups, "pager.backup.info.ip", ttLike, "address"},
+    {backups, "pager.backup.time", ttLowerOrEqual, "latest time"},
+    {backups, "pager.backup.time", ttGreaterOrEqual, "earliest time"},
+}};
+
+/// The event log looks for these words of the filter as they stand, blanks included.
+constexpr std::array categoryTexts{
+    std::string_view("pager.event_log.category='resource_alert'"),
+    std::string_view("pager.event_log.category='env_status'"),
+};
+
+void appendSection(std::string_view title, std::string& out) {
+    out.append("\n").append(title).append("\n");
+}
+
+std::string visible(std::string_view text) {
+    std::string out;
+    appendVisible(text, out);
+    return out;
+}
+
+std::string_view spelling(TTokenType type) {
+    for (const TOperatorRow& row : operatorRows()) {
+        if (row.entry.type == type) return row.text;
+    }
+    return {};
+}
+
+/// What is wrong with a sequence whose operators and operands do not go together, and where. The tree only knows that
+/// they do not; in the order of the text it shows.
+QORWhereError explainStructure(const TExpressionEvaluation& evaluator) {
+    std::vector<const TToken*> tokens;
+    for (const TToken& token : evaluator.postfix())
+        tokens.push_back(&token);
+    std::sort(tokens.begin(), tokens.end(), [](const auto* a, const auto* b) { return a->position < b->position; });
+    bool wantsOperand = true;
+    for (const TToken* token : tokens) {
+        const int arity = arityOf(*token);
+        if (arity < 0) {
+            return {token->position,
+                    "\"" + token->text + "\" stands only in: pager.env.eid in (unit '...', recursive)"};
+        }
+        const bool binary = arity == 2;
+        if (binary && wantsOperand) {
+            std::string message = "an operand is missing before \"" + token->text + "\"";
+            if (token->type == ttSub) message += "; a minus is a sign only behind a bracket or a comparison: 3 - (-2)";
+            return {token->position, message};
+        }
+        if (!binary && !wantsOperand) return {token->position, "an operator is missing"};
+        wantsOperand = arity > 0;
+    }
+    if (wantsOperand) return {evaluator.getExpression().size(), "an operand is missing"};
+    return {evaluator.getErrorPosition(),
+            "an operator follows another of the same rank; put its operand in brackets, as in: "
+            "not (not x)"};
+}
+
+std::string explainError(TExpressionEvaluation& evaluator) {
+    const TErrorType code = evaluator.getErrorCode();
+    const std::string message = cutToWidth(visible(evaluator.getErrorMessage()), longestMessage);
+    if (code == etOperatorExpected) {
+        const QORWhereError place = explainStructure(evaluator);
+        return describeWhereError(evaluator.getExpression(), {place.offset(), message + ": " + place.what()});
+    }
+    std::string out = describeWhereError(evaluator.getExpression(), {evaluator.getErrorPosition(), message});
+    if (code == etUndeclaredIdentifier) {
+        const std::string_view name = std::string_view(evaluator.getErrorDetail());
+        const std::vector<std::string_view> names = nearestNames(name);
+        for (const std::string_view nearest : names) {
+            out.append(nearest == names.front() ? "did you mean " : "          or ").append(nearest).append("\n");
+        }
+    }
+    return out;
+}
+
+void describeFields(const TExpressionEvaluation& evaluator, std::string& out) {
+    appendSection("Fields used", out);
+    std::size_t width = 0;
+    const auto& names = evaluator.usedIdentifiers();
+    for (const std::string& name : names)
+        width = std::max(width, textWidth(visible(name)));
+    for (const std::string& name : names) {
+        const std::string shown = visible(name);
+        out.append("  ").append(shown).append(width - textWidth(shown) + 2, ' ');
+        out.append(describeName(name)).append("\n");
+    }
+    if (names.empty()) out += "  none\n";
+}
+
+/// What one data source takes from the filter, a line each.
+std::vector<std::string> takenConstants(TExpressionEvaluation& evaluator, std::string_view source) {
+    std::vector<std::string> lines;
+    for (const WantedConstant& wanted : wantedConstants) {
+        if (wanted.source != source) continue;
+        bool found = false;
+        const std::string constant = evaluator.extractConstByIdentifierAndOperation(wanted.name, wanted.type, found);
+        if (!found) continue;
+        lines.push_back(std::string(wanted.meaning) + ": " + std::string(wanted.name) + " " +
+                        std::string(spelling(wanted.type)) + " " + visible(constant));
+    }
+    if (source != eventLog) return lines;
+    for (const std::string_view category : categoryTexts) {
+        if (evaluator.getExpression().find(category) != std::string::npos) {
+            lines.push_back("category: " + std::string(category));
+        }
+    }
+    return lines;
+}
+
+/// The filter as the backups read it: with every "lower" taken out of the text.
+std::string withoutLower(std::string_view text) {
+    constexpr std::string_view word = "lower";
+    std::string out;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t found = std::min(text.find(word, at), text.size());
+        out.append(text.substr(at, found - at));
+        at = found + word.size();
+    }
+    return out;
+}
+
+void describeConstants(TExpressionEvaluation& evaluator, std::string& out) {
+    appendSection("Constants that each data source takes from it", out);
+    const std::string text = evaluator.getExpression();
+    TExpressionEvaluation backupEvaluator(withoutLower(text));
+    declareNames(backupEvaluator, text);
+    for (const std::string_view source : sources) {
+        TExpressionEvaluation& reader = source == backups ? backupEvaluator : evaluator;
+        std::vector<std::string> lines = takenConstants(reader, source);
+        if (lines.empty()) lines.emplace_back(reader.isError() ? "cannot read it without \"lower\"" : "none");
+        std::string_view title = source;
+        for (const std::string& line : lines) {
+            out.append("  ").append(title).append(operationLog.size() - title.size() + 2, ' ');
+            out.append(line).append("\n");
+            title = {};
+        }
+    }
+}
+
+bool isBoolean(const TToken& root) {
+    if (root.tokenClass == tcIdentifier) return (*root.identifier)->type() == TValueType::Boolean;
+    return root.type == ttIn || (root.type >= ttOr && root.type <= ttLike);
+}
+
+void describeParts(TExpressionEvaluation& evaluator, std::string& out) {
+    appendSection("Read as", out);
+    out.append("  ").append(visible(evaluator.getInfix())).append("\n");
+    if (evaluator.onlySpecial() || evaluator.onlyNotSpecial()) return;
+    out.append("  of environments: ").append(visible(evaluator.getInfixSpecial())).append("\n");
+    out.append("  of other rows: ").append(visible(evaluator.getInfixNotSpecial())).append("\n");
+}
+
+}  // namespace
+
+int runFilterPerson(std::string_view text, std::ostream& out, std::ostream& err) {
+    TExpressionEvaluation evaluator(text);
+    declareNames(evaluator, text);
+    const TNode* tree = evaluator.buildTree();
+    if (tree == nullptr) {
+        err << explainError(evaluator);
+        return 1;
+    }
+    std::string rewritten(text);
+    if (!transformDateTime(rewritten)) {
+        err << "a time of a log is compared with what is no date in quotes, such as '2024-05-01 12:00'\n";
+        return 1;
+    }
+    std::string answer;
+    if (rewritten != text) {
+        answer.append("Dates as seconds: ").append(visible(rewritten)).append("\n\n");
+        evaluator.setExpression(rewritten);
+        tree = evaluator.buildTree();
+        if (tree == nullptr) {
+            err << answer << explainError(evaluator);
+            return 1;
+        }
+    }
+    answer += drawTree(*tree);
+    describeParts(evaluator, answer);
+    describeFields(evaluator, answer);
+    describeConstants(evaluator, answer);
+    if (!isBoolean(tree->token())) answer += "\nThe result is not a boolean: no request can filter by it.\n";
+    out << answer;
+    return 0;
+}
+
+}  // namespace QOR

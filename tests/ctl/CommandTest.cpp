@@ -1,0 +1,493 @@
+// Every command, end to end: against a real agent over its socket, and with the host in its own process.
+#include <pty.h>
+#include <sys/ioctl.h>
+
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ctl/CtlProcess.h"
+#include "rdbmspp/QORRdbms.h"
+#include "support/AgentProcess.h"
+
+namespace QOR::test {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+using Words = std::vector<std::string>;
+
+constexpr const char* first = "11111111-1111-1111-1111-111111111111";
+constexpr const char* second = "22222222-2222-2222-2222-222222222222";
+
+/// Two environments; operations of both, one of them without a package.
+const std::string records =
+    R"({"kind":"environment","eid":"11111111-1111-1111-1111-111111111111","title":"one","config":{"hostname":"alpha"}}
+{"kind":"environment","eid":"22222222-2222-2222-2222-222222222222","title":"it's, \"two\"","config":{"hostname":"beta"}}
+{"kind":"operation","id":"a","op":"install","status":0,"time":"2024-01-01 10:00:00","eid":"11111111-1111-1111-1111-111111111111","message":{"package":{"name":"zlib","version":"1.2"}}}
+{"kind":"operation","id":"b","op":"remove","status":7,"time":"2024-01-02 10:00:00","eid":"11111111-1111-1111-1111-111111111111"}
+{"kind":"operation","id":"c","op":"install","status":0,"time":"2024-01-03 10:00:00","eid":"22222222-2222-2222-2222-222222222222"}
+)";
+
+enum class Way { Agent, Standalone };
+
+/// A database with the records above, and qorctl pointed at it one way or the other.
+class Command : public testing::TestWithParam<Way> {
+protected:
+    void SetUp() override {
+        if (GetParam() == Way::Agent) m_agent.emplace();
+        const CtlResult result = run({"import"}, records);
+        ASSERT_EQ(result.status, 0) << result.err;
+    }
+
+    Words where(Words arguments) const {
+        const Words connection =
+            m_agent ? Words{"--socket", m_agent->socketPath()} : Words{"--standalone", "--database", database()};
+        arguments.insert(arguments.end(), connection.begin(), connection.end());
+        return arguments;
+    }
+    std::string database() const { return "Driver=SQLite3;Database=" + (m_directory / "own.db").string(); }
+    CtlResult run(const Words& arguments, std::string_view input = {}) const { return runCtl(where(arguments), input); }
+
+    /// The output of a command that must succeed and have nothing else to say.
+    std::string outputOf(const Words& arguments) const {
+        const CtlResult result = run(arguments);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.err, "");
+        return result.out;
+    }
+
+    TemporaryDirectory m_directory;
+    std::optional<AgentProcess> m_agent;
+};
+INSTANTIATE_TEST_SUITE_P(Ctl, Command, testing::Values(Way::Agent, Way::Standalone),
+                         [](const auto& way) { return way.param == Way::Agent ? "Agent" : "Standalone"; });
+
+TEST_P(Command, SelectPrintsATable) {
+    EXPECT_EQ(outputOf({"select", "--view", "vOpLog", "-f", "op", "id", "status", "--sort", "-time", "--limit", "2",
+                        "--count"}),
+              "op       id  status\n"
+              "-------  --  ------\n"
+              "install  c        0\n"
+              "remove   b        7\n"
+              "\n"
+              "2 of 3 rows\n");
+}
+
+TEST_P(Command, SelectTakesEveryPartOfARequest) {
+    EXPECT_EQ(
+        outputOf({"select", "--view", "VOPLOG", "-f", "id", "--where",
+                  "op like 'INST%' and not (status <> 0 or id in ('x', 'y')) and package is not null", "-o", "csv"}),
+        "id\r\na\r\n");
+    EXPECT_EQ(outputOf({"select", "--view", "vOpLog", "-f", "op", "--distinct", "--sort", "op", "-o", "csv"}),
+              "op\r\ninstall\r\nremove\r\n");
+    EXPECT_EQ(outputOf({"select", "--view", "vOpLog", "-f", "op", "-f", "count(id)", "--sort", "-op", "-o", "json"}),
+              "[\n{\"op\":\"remove\",\"id\":\"1\"},\n{\"op\":\"install\",\"id\":\"2\"}\n]\n");
+    EXPECT_EQ(outputOf({"select", "--view", "vOpLog", "-f", "id", "--sort=id", "--offset", "1", "-o", "csv"}),
+              "id\r\nb\r\nc\r\n");
+    EXPECT_EQ(outputOf({"select", "--view", "vEnvironment", "-f", "hostname", "--where",
+                        "eid in (select eid from vOpLog where status = 7 and eid = vEnvironment.eid)", "-o", "csv"}),
+              "hostname\r\nalpha\r\n");
+}
+
+TEST_P(Command, SelectedTextsAreExact) {
+    EXPECT_EQ(outputOf({"select", "--view", "vEnvironment", "-f", "title", "description", "--where",
+                        "title = 'it''s, \"two\"'", "-o", "csv"}),
+              "title,description\r\n\"it's, \"\"two\"\"\",\r\n");
+    EXPECT_EQ(outputOf({"select", "--view", "vEnvironment", "-f", "title", "description", "--where",
+                        "hostname = 'beta'", "-o", "json", "--count"}),
+              "{\"rows\":[\n{\"title\":\"it's, \\\"two\\\"\",\"description\":null}\n],\"count\":1,\"total\":1}\n");
+    EXPECT_EQ(outputOf({"select", "--view", "vOpLog", "-f", "op", "id", "--where", "id = 'a'", "-o", "xml", "--count"}),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<row_set>\n<name>id</name>\n<name>op</name>\n"
+              "<row><value>a</value><value>install</value></row>\n<statistics>1</statistics>\n<total>1</total>\n"
+              "</row_set>\n");
+}
+
+TEST_P(Command, CountsOfCsvStandBesideIt) {
+    const CtlResult result =
+        run({"select", "--view", "vOpLog", "-f", "id", "--limit", "1", "--sort", "id", "--count", "-o", "csv"});
+    EXPECT_EQ(result.out, "id\r\na\r\n");
+    EXPECT_EQ(result.err, "qorctl: 1 of 3 rows\n");
+}
+
+TEST_P(Command, AClientWithoutFullAccessSeesItsOwnRows) {
+    const Words ask{"select", "--view", "vOpLog", "-f", "id", "--sort", "id", "-o", "csv"};
+    const auto as = [&](const Words& clients) {
+        Words words = ask;
+        for (const std::string& client : clients)
+            words.insert(words.end(), {"--client", client});
+        return outputOf(words);
+    };
+    EXPECT_EQ(as({second}), "id\r\nc\r\n");
+    EXPECT_EQ(as({second, first}), "id\r\na\r\nb\r\nc\r\n");
+    EXPECT_EQ(as({"none"}), "id\r\n");
+}
+
+TEST_P(Command, AnErrorThatIsAnsweredEndsWithOne) {
+    const CtlResult result = run({"select", "--view", "vOpLog", "-f", "nothing"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "qorctl: error 1: invalid column name \"nothing\" of view \"vOpLog\"\n");
+}
+
+TEST_P(Command, ANoteTellsHowSortKeysApply) {
+    const CtlResult result = run({"select", "--view", "vOpLog", "-f", "id", "--sort", "op", "-id", "-o", "csv"});
+    EXPECT_EQ(result.out, "id\r\nc\r\nb\r\na\r\n");
+    EXPECT_EQ(result.err, "qorctl: note: sort keys apply in the order of their names: by \"id\", then \"op\"\n");
+}
+
+TEST_P(Command, ARequestMayStandOnSeveralLines) {
+    const CtlResult result = run({"request", "-"}, R"({
+        "operator": "pager2", "request": "select",
+        "body": [1740, [[1009, "vOpLog"], ["field", "id"], [1742, [[2225, [[1741, "op"], [1018, "remove"]]]]]]]
+    })");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "{\"response\":[[1744,[[1026,\"id\"],[1739,[[1018,\"b\"]]]]]]}\n");
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_P(Command, ARequestIsReadFromAFile) {
+    const std::string file = (m_directory / "request").string();
+    std::ofstream(file) << R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vNone"]]]})";
+    const CtlResult result = run({"request", file});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "{\"response\":[],\"error\":{\"code\":1,\"message\":\"invalid view \\\"vNone\\\"\"}}\n");
+    EXPECT_EQ(result.err, "qorctl: error 1: invalid view \"vNone\"\n");
+}
+
+TEST_P(Command, ARequestThatIsNoneIsAnsweredWithAnError) {
+    const CtlResult result = run({"request"}, "nonsense");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, StartsWith("{\"response\":[],\"error\":{\"code\":400,"));
+    EXPECT_THAT(result.err, StartsWith("qorctl: error 400: "));
+}
+
+std::string requestOf(const std::string& id) {
+    return R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vOpLog"],[1741,"id"],)"
+           R"([1742,[[2225,[[1741,"id"],[1018,")" +
+           id + R"("]]]]]]]})";
+}
+std::string answerOf(const std::string& id) {
+    return "{\"response\":[[1744,[[1026,\"id\"],[1739,[[1018,\"" + id + "\"]]]]]]}";
+}
+
+TEST_P(Command, LinesAreAnsweredInOrder) {
+    std::string input;
+    std::string expected;
+    for (int at = 0; at < 3000; ++at) {
+        const std::string id(1, static_cast<char>('a' + at % 3));
+        input += requestOf(id) + (at % 7 == 0 ? "\n\n" : at % 5 == 0 ? "\r\n" : "\n");
+        expected += answerOf(id) + "\n";
+    }
+    const CtlResult result = run({"request", "--lines"}, input);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, expected);
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_P(Command, ABadLineIsAnsweredAndTheRestGoesOn) {
+    const CtlResult result = run({"request", "--lines"}, requestOf("a") + "\n{\"bad\"\n" + requestOf("b"));
+    EXPECT_EQ(result.status, 0);
+    std::istringstream lines(result.out);
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_EQ(line, answerOf("a"));
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_THAT(line, StartsWith("{\"response\":[],\"error\":{\"code\":400,"));
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_EQ(line, answerOf("b"));
+    EXPECT_FALSE(std::getline(lines, line));
+}
+
+TEST_P(Command, ALineIsAnsweredBeforeTheNextIsWritten) {
+    Words command = where({"request", "--lines"});
+    command.insert(command.begin(), ctlProgram());
+    CtlProcess process(command);
+    for (const char* id : {"a", "b", "c"}) {
+        process.write(requestOf(id) + "\n");
+        EXPECT_EQ(process.readLine(), answerOf(id));
+    }
+    EXPECT_EQ(process.finish().status, 0);
+}
+
+TEST_P(Command, ViewsAreListedWithTheirColumns) {
+    const std::string all = outputOf({"views", "-o", "csv"});
+    EXPECT_THAT(all, StartsWith("view,column,type,length\r\n"));
+    EXPECT_THAT(all, HasSubstr("vEnvironment,eid,uniqueidentifier,\r\n"));
+    EXPECT_THAT(all, HasSubstr("vOpLog,op,nvarchar,128\r\n"));
+    const std::string one = outputOf({"views", "vbackupinfo", "-o", "csv"});
+    EXPECT_THAT(one, HasSubstr("vBackupInfo,size,bigint,\r\n"));
+    EXPECT_THAT(one, testing::Not(HasSubstr("vOpLog")));
+    const CtlResult none = run({"views", "vNone"});
+    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.err, "qorctl: there is no view \"vNone\"\n");
+}
+
+TEST_P(Command, ImportRefusesBadLinesAndStoresTheOthers) {
+    const CtlResult result = run({"import"},
+                                 "{\"kind\":\"event\",\"time\":5}\n\nbad\n"
+                                 "{\"kind\":\"operation\",\"id\":\"a\",\"time\":6}\n{\"kind\":\"other\"}");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out,
+              "environment: 0 added, 0 replaced\noperation: 0 added, 1 replaced\nevent: 1 added, 0 replaced\n"
+              "backup: 0 added, 0 replaced\nrefused: 2\n");
+    EXPECT_THAT(result.err, StartsWith("qorctl: line 3: "));
+    EXPECT_THAT(result.err, HasSubstr("\nqorctl: line 5: unknown kind \"other\"\n"));
+    EXPECT_THAT(result.err, EndsWith("qorctl: 2 lines were refused; the others are stored\n"));
+}
+
+TEST_P(Command, ImportNumbersLinesAcrossBatches) {
+    std::string input;
+    for (int at = 1; at <= 2600; ++at)
+        input += at == 2345 ? "bad\n" : "{\"kind\":\"event\",\"time\":" + std::to_string(at) + "}\n";
+    const CtlResult result = run({"import", "--progress"}, input);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("event: 2599 added"));
+    EXPECT_THAT(result.err, HasSubstr("qorctl: line 2345: "));
+    EXPECT_THAT(result.err, HasSubstr("2600 lines, 2599 stored, 1 refused\n"));
+}
+
+TEST_P(Command, OnlyTheFirstRefusedLinesAreNamedUnlessAllAreAskedFor) {
+    std::string input;
+    for (int at = 0; at < 30; ++at)
+        input += "bad\n";
+    const CtlResult some = run({"import"}, input);
+    EXPECT_THAT(some.err, HasSubstr("line 20: "));
+    EXPECT_THAT(some.err, testing::Not(HasSubstr("line 21: ")));
+    EXPECT_THAT(some.err, HasSubstr("and 10 refused lines more"));
+    const CtlResult all = run({"import", "--verbose"}, input);
+    EXPECT_THAT(all.err, HasSubstr("line 30: "));
+}
+
+TEST_P(Command, AnInterruptedImportStoresWhatItHasRead) {
+    Words command = where({"import"});
+    command.insert(command.begin(), ctlProgram());
+    CtlProcess process(command);
+    std::string batch;
+    for (int at = 0; at < 1500; ++at)
+        batch += "{\"kind\":\"event\",\"time\":1}\n";
+    process.write(batch);
+    // The whole first batch is visible to others once it is stored.
+    while (outputOf({"select", "--view", "vEventLog", "-f", "count(id)", "-o", "csv"}) != "id\r\n1000\r\n") {
+    }
+    process.signal(SIGINT);
+    const std::string environments = process.readLine();
+    EXPECT_EQ(environments, "environment: 0 added, 0 replaced");
+    const CtlResult result = process.finish();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "qorctl: interrupted; the counts are what is stored\n");
+    const std::string stored = outputOf({"select", "--view", "vEventLog", "-f", "count(id)", "-o", "csv"});
+    EXPECT_THAT(result.out, HasSubstr("event: " + stored.substr(4, stored.size() - 6) + " added"));
+}
+
+TEST_P(Command, SamplesAreStored) {
+    EXPECT_EQ(outputOf({"sample", "--environments", "3", "--operations", "1200", "--events", "4", "--backups", "5"}),
+              "environment: 3 added, 0 replaced\noperation: 1200 added, 0 replaced\nevent: 4 added, 0 replaced\n"
+              "backup: 5 added, 0 replaced\nrefused: 0\n");
+    EXPECT_EQ(outputOf({"select", "--view", "vOpLog", "-f", "count(id)", "-o", "csv"}), "id\r\n1203\r\n");
+}
+
+TEST_P(Command, CollectingAgainAddsNothing) {
+    const std::string once = outputOf({"collect"});
+    EXPECT_THAT(once, StartsWith("environment: 1 added, 0 replaced\noperation: "));
+    EXPECT_THAT(outputOf({"collect"}), StartsWith("environment: 0 added, 1 replaced\noperation: 0 added, 0 replaced"));
+}
+
+TEST_P(Command, AReaderThatHasSeenEnoughIsNoError) {
+    ASSERT_EQ(run({"sample", "--operations", "20000"}).status, 0);
+    std::string line = ctlProgram();
+    for (const std::string& word : where({"select", "--view", "vOpLog", "-f", "id", "message", "-o", "csv"}))
+        line += " '" + word + "'";
+    CtlProcess process({"/bin/sh", "-c", line + " | head -n 1"});
+    const CtlResult result = process.finish();
+    EXPECT_EQ(result.out, "id,message\r\n");
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_P(Command, ATableFitsItsTerminal) {
+    ::winsize size{};
+    size.ws_col = 30;
+    size.ws_row = 10;
+    Words command = where({"select", "--view", "vOpLog", "-f", "id", "message", "--where", "id = 'a'"});
+    command.insert(command.begin(), ctlProgram());
+    std::vector<char*> arguments;
+    for (std::string& word : command)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    int terminal = -1;
+    const pid_t child = ::forkpty(&terminal, nullptr, nullptr, &size);
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::unsetenv("COLUMNS");
+        ::execv(arguments[0], arguments.data());
+        ::_exit(127);
+    }
+    std::string out;
+    char block[4096];
+    for (ssize_t got = 0; (got = ::read(terminal, block, sizeof block)) > 0;)
+        out.append(block, static_cast<std::size_t>(got));
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ::close(terminal);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(out,
+              "id  message\r\n"
+              "--  --------------------------\r\n"
+              "a   <info><package><name>zlib\xE2\x80\xA6\r\n");
+}
+
+// ---- what does not depend on who answers ------------------------------------------------------------------------
+
+class Standalone : public testing::Test {
+protected:
+    Words with(Words arguments, const std::string& file = "own.db") const {
+        arguments.insert(arguments.end(),
+                         {"--standalone", "--database", "Driver=SQLite3;Database=" + (m_directory / file).string()});
+        return arguments;
+    }
+    TemporaryDirectory m_directory;
+};
+
+TEST_F(Standalone, TheSameSeedMakesTheSameSample) {
+    const Words ask{"sample", "--environments", "5", "--operations", "50", "--events",
+                    "5",      "--backups",      "5", "--seed",       "9"};
+    Words toOutput = ask;
+    toOutput.insert(toOutput.end(), {"--output", "-"});
+    const CtlResult result = runCtl(toOutput);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 65);
+    EXPECT_EQ(runCtl(toOutput).out, result.out);
+    Words toFile = ask;
+    toFile.insert(toFile.end(), {"--output", (m_directory / "sample").string()});
+    EXPECT_EQ(runCtl(toFile).status, 0);
+    std::ifstream file(m_directory / "sample");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), result.out);
+    EXPECT_EQ(runCtl(with({"import", (m_directory / "sample").string()})).status, 0);
+}
+
+TEST_F(Standalone, AForeignDatabaseIsReadAndNotWritten) {
+    const std::string file = (m_directory / "own.db").string();
+    {
+        // Tables, but no mark of the host's.
+        QORRdbms::instance().configure({.connectionString = "Driver=SQLite3;Database=" + file});
+        QORRdbmsTran transaction(ASAccess::Write);
+        transaction->execute("create table t (a int, b text)");
+        transaction->execute("insert into t values (1, 'x'), (2, null)");
+        transaction->execute("create view v as select a, b as c from t");
+        transaction.commit();
+    }
+    QORRdbms::instance().shutdown();
+    const auto bytes = [&] {
+        std::ifstream stream(file, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(stream), {});
+    };
+    const std::string before = bytes();
+    const CtlResult read = runCtl(with({"select", "--view", "v", "-f", "a", "--where", "a > 1", "-o", "csv"}));
+    EXPECT_EQ(read.status, 0) << read.err;
+    EXPECT_EQ(read.out, "a\r\n2\r\n");
+    EXPECT_EQ(runCtl(with({"views", "--read-only", "-o", "csv"})).out,
+              "view,column,type,length\r\nv,a,int,\r\nv,c,text,\r\n");
+    const CtlResult stored = runCtl(with({"import"}), records);
+    EXPECT_EQ(stored.status, 3);
+    EXPECT_THAT(stored.err, HasSubstr("own.db"));
+    EXPECT_EQ(bytes(), before);
+}
+
+TEST_F(Standalone, WhatIsNotThereIsNoConnection) {
+    const CtlResult database = runCtl(with({"select", "--view", "v", "-f", "a", "--read-only"}, "missing.db"));
+    EXPECT_EQ(database.status, 3);
+    EXPECT_THAT(database.err, HasSubstr("missing.db"));
+    EXPECT_FALSE(std::filesystem::exists(m_directory / "missing.db"));
+    const CtlResult folder = runCtl(with({"views"}, "no/such/folder.db"));
+    EXPECT_EQ(folder.status, 3);
+    const CtlResult agent = runCtl({"views", "--socket", (m_directory / "none.sock").string()});
+    EXPECT_EQ(agent.status, 3);
+    EXPECT_THAT(agent.err, HasSubstr("no agent answers at"));
+    EXPECT_THAT(agent.err, HasSubstr("--standalone"));
+    EXPECT_EQ(runCtl({"views", "--socket", std::string(300, 'x')}).status, 3);
+}
+
+TEST_F(Standalone, BadUsageIsToldApart) {
+    struct Case {
+        Words arguments;
+        const char* text;
+    };
+    const Case cases[] = {
+        {{}, "A subcommand is required"},
+        {{"nosuch"}, "there is no command \"nosuch\""},
+        {{"select", "-f", "a"}, "--view is required"},
+        {{"select", "--view", "v"}, "--field is required"},
+        {{"select", "--view", "v", "-f", "a", "--bad"}, "--bad"},
+        {{"select", "--view", "v", "-f", "a", "-o", "yaml"}, "yaml"},
+        {{"select", "--view", "v", "-f", "a", "--limit", "x"}, "--limit"},
+        {{"select", "--view", "v", "-f", "a", "--limit", "-1"}, "--limit must lie between 0 and 2147483647"},
+        {{"select", "--view", "v", "-f", "a", "--where", "a = )"}, "\n  a = )\n      ^\n"},
+        {{"select", "--view", "v", "-f", "a", "--where", ""}, "expected a column or a value"},
+        {{"select", "--view", "v", "-f", "a", "--client", "x"}, "--client"},
+        {{"views", "--standalone"}, "--standalone needs a database"},
+        {{"views", "--database", "x"}, "need --standalone"},
+        {{"views", "--standalone", "--database", "x", "--socket", "y"}, "exclude each other"},
+        {{"import", "--read-only", "--standalone", "--database", "x"}, "--read-only"},
+        {{"import", "/no/such/file", "--standalone", "--database", "x"}, "cannot open /no/such/file"},
+        {{"request", "/no/such/file"}, "cannot open /no/such/file"},
+        {{"sample", "--standalone", "--database", "x"}, "say how much"},
+        {{"sample", "--environments", "1", "--output", "/no/such/file"}, "cannot write /no/such/file"},
+    };
+    for (const Case& usage : cases) {
+        const CtlResult result = runCtl(usage.arguments);
+        EXPECT_EQ(result.status, 2) << testing::PrintToString(usage.arguments) << result.err;
+        EXPECT_EQ(result.out, "");
+        EXPECT_THAT(result.err, StartsWith("qorctl: "));
+        EXPECT_THAT(result.err, HasSubstr(usage.text));
+    }
+}
+
+TEST_F(Standalone, HelpIsNoError) {
+    for (const Words& arguments :
+         {Words{"--help"}, Words{"select", "--help"}, Words{"--version"}, Words{"--help-all"}}) {
+        const CtlResult result = runCtl(arguments);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_NE(result.out, "");
+        EXPECT_EQ(result.err, "");
+    }
+}
+
+TEST_F(Standalone, AnOutputThatCannotBeWrittenIsTold) {
+    ASSERT_EQ(runCtl(with({"import"}), records).status, 0);
+    std::string line = ctlProgram();
+    for (const std::string& word : with({"select", "--view", "vOpLog", "-f", "id"}))
+        line += " '" + word + "'";
+    CtlProcess process({"/bin/sh", "-c", line + " > /dev/full"});
+    const CtlResult result = process.finish();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("cannot write the output"));
+}
+
+// ---- when the agent goes ----------------------------------------------------------------------------------------
+
+TEST(Lines, AnAgentThatGoesAwayIsNoConnection) {
+    AgentProcess agent;
+    CtlProcess process({ctlProgram(), "request", "--lines", "--socket", agent.socketPath()});
+    const std::string request = R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vNone"]]]})";
+    process.write(request + "\n");
+    EXPECT_THAT(process.readLine(), HasSubstr("invalid view"));
+    agent.kill();
+    process.write(request + "\n");
+    // Its input stays open: it must not wait for more of it.
+    EXPECT_EQ(process.readLine(), "");
+    const CtlResult result = process.finish();
+    EXPECT_EQ(result.status, 3);
+    EXPECT_THAT(result.err, HasSubstr("lost the agent at " + agent.socketPath()));
+}
+
+TEST(Agent, RecordsLargerThanItTakesAreRefusedWithItsOwnWords) {
+    AgentProcess agent({.more = {"--body-limit", "500"}});
+    const CtlResult result = runCtl({"import", "--socket", agent.socketPath()}, records);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("error 413: "));
+}
+
+}  // namespace
+}  // namespace QOR::test
