@@ -1,5 +1,8 @@
 #include "QORPager/QORFieldGetters.h"
 
+#include <algorithm>
+#include <array>
+
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QOREnvCache.h"
 #include "QORMessage/QORBinaryIterator.h"
@@ -24,6 +27,61 @@ std::string fromEvent(const QORArg& row, Read read) {
 
 /// Whether a list of `size` elements ends with the one at the index; a list of none has no further one.
 bool isLast(std::size_t size, int index) { return size == 0 || size == static_cast<std::size_t>(index) + 1; }
+
+// A message costs some microseconds, and a filter may read a field from very many environments. So the plain text of
+// a member that only the further members can hold is read from there; everything else goes through the message, which
+// defines what a path means.
+
+bool isPlainText(const QORField& field) {
+    const bool hasForm = field.valueType == TValueType::Time || field.valueType == TValueType::Boolean || field.base64;
+    return field.valueName.empty() && !hasForm;
+}
+
+/// Whether a step of a path means what it says: nothing is passed over, and a number means a tag.
+bool isPlainStep(std::string_view name) { return !name.empty() && (name.front() < '0' || name.front() > '9'); }
+
+/// Whether the member has a place of its own in a configuration.
+bool isKnownMember(std::string_view name) {
+    constexpr std::array<std::string_view, 8> names{"name",         "description", "domain", "hostname",
+                                                    "architecture", "type",        "os",     "ip"};
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+/// The parameter without children at a path below the further members of a configuration; null when there is none, or
+/// when it must be looked for in the message. \param last set, when it is found, to whether no sibling has its name
+const QORInfo* findLeaf(const QOREnvConfig& config, std::string_view path, bool& last) {
+    if (isKnownMember(path.substr(0, path.find('/')))) return nullptr;
+    const QORInfo* found = &config.further();
+    for (bool end = false; !end;) {
+        const std::size_t length = std::min(path.find('/'), path.size());
+        const std::string_view name = path.substr(0, length);
+        end = length == path.size();
+        path.remove_prefix(end ? length : length + 1);
+        if (!isPlainStep(name)) return nullptr;
+        const auto& children = found->children();
+        const auto hasName = [name](const QORInfo& child) { return child.name() == name; };
+        const auto child = std::find_if(children.begin(), children.end(), hasName);
+        if (child == children.end()) return nullptr;
+        found = &*child;
+        if (end) last = std::none_of(child + 1, children.end(), hasName);
+    }
+    return found->children().empty() ? found : nullptr;
+}
+
+/// The same for a path from the root of a row's message.
+const QORInfo* findFurtherMember(const QORArg& row, const QORField& field, bool& last, int index) {
+    constexpr std::string_view configPath = "env/config/";
+    constexpr std::string_view virtualConfigPath = "env/virtual_config/";
+    if (row.env() == nullptr || index != 0 || !isPlainText(field)) return nullptr;
+    const std::string_view path = field.path;
+    if (path.starts_with(configPath)) {
+        return findLeaf(*row.env()->getConfig(), path.substr(configPath.size()), last);
+    }
+    if (path.starts_with(virtualConfigPath)) {
+        return findLeaf(*row.env()->getVirtualConfig(), path.substr(virtualConfigPath.size()), last);
+    }
+    return nullptr;
+}
 
 std::string readByType(const QORMessageIterator& at, const QORField& field) {
     std::string text;
@@ -107,12 +165,17 @@ std::string getValueFromMessage(const std::shared_ptr<QORMessageIterator>& it, c
 }
 
 std::string getFieldValueByPath(const QORArg& row, const QORField* field, bool& last, int index) {
+    if (const QORInfo* const value = findFurtherMember(row, *field, last, index)) return value->value();
     return getValueFromMessage(row.getMessage(), *field, last, index);
 }
 
 std::string getENVValueByPath(const QORArg& row, const QORField* field, bool& last, int index) {
     last = true;
     if (row.env() == nullptr) return {};
+    const QOREnvConfig& config = *row.env()->getVirtualConfig();
+    if (isPlainText(*field) && index == 0) {
+        if (const QORInfo* const value = findLeaf(config, field->path, last)) return value->value();
+    }
     return getValueFromMessage(row.env()->getVirtualConfig()->getMessageIterator(), *field, last, index);
 }
 
