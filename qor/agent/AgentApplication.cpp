@@ -11,6 +11,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORFunctionality/QOROpFactory.h"
+#include "QORLibLocal/QORVocabulary.h"
 #include "QORMessage/QORNotation.h"
 #include "agent/AgentRecords.h"
 #include "agent/runtime/QORHost.h"
@@ -82,6 +83,55 @@ std::string viewsText() {
     return {buffer.GetString(), buffer.GetSize()};
 }
 
+void writeMember(JsonWriter& json, std::string_view key, std::string_view text) {
+    writeKey(json, key);
+    writeText(json, text);
+}
+
+void writeParameter(JsonWriter& json, const QORVocParameter& parameter) {
+    json.StartObject();
+    writeMember(json, "id", parameter.id);
+    writeKey(json, "values");
+    json.StartArray();
+    for (const auto& [name, text] : parameter.values) {
+        json.StartObject();
+        writeMember(json, "name", name);
+        writeMember(json, "text", text);
+        json.EndObject();
+    }
+    json.EndArray();
+    writeKey(json, "marks");
+    json.StartArray();
+    for (const std::string& mark : parameter.marks)
+        writeText(json, mark);
+    json.EndArray();
+    json.EndObject();
+}
+
+/// `{"vocabulary":[{"name":"...","parameters":[{"id":"...","values":[{"name":"...","text":"..."},...],
+/// "marks":["...",...]},...]},...]}`
+std::string vocabularyText() {
+    const QORPtr<const QORVocMap> vocabulary = vocCacheLocal()->getVocabulary();
+    rapidjson::StringBuffer buffer;
+    JsonWriter json(buffer);
+    json.StartObject();
+    writeKey(json, "vocabulary");
+    json.StartArray();
+    for (const auto& [name, parameters] : vocabulary->categories()) {
+        json.StartObject();
+        writeMember(json, "name", name);
+        writeKey(json, "parameters");
+        json.StartArray();
+        for (const QORVocParameter& parameter : parameters)
+            writeParameter(json, parameter);
+        json.EndArray();
+        json.EndObject();
+    }
+    json.EndArray();
+    json.EndObject();
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
 bool hasFullAccess(const std::optional<HttpPeerCredentials>& peer) {
     return peer && (peer->uid == 0 || peer->uid == ::geteuid());
 }
@@ -115,11 +165,12 @@ private:
     };
 
     static const Route* find(std::string_view path) {
-        static constexpr std::array<Route, 5> routes{{
+        static constexpr std::array<Route, 6> routes{{
             {"/v1/messages", "POST", Access::Anybody, &AgentClient::messages},
             {"/v1/records", "POST", Access::Full, &AgentClient::records},
             {"/v1/collect", "POST", Access::Full, &AgentClient::collect},
             {"/v1/views", "GET", Access::Anybody, &AgentClient::views},
+            {"/v1/vocabulary", "GET", Access::Anybody, &AgentClient::vocabulary},
             {"/v1/health", "GET", Access::Anybody, &AgentClient::health},
         }};
         for (const Route& route : routes) {
@@ -156,6 +207,7 @@ private:
     HttpReply records(const HttpRequest& request) { return {ok, takeRecords(request.body, request.query)}; }
     HttpReply collect(const HttpRequest&) { return {ok, runCollectors()}; }
     HttpReply views(const HttpRequest&) { return {ok, viewsText()}; }
+    HttpReply vocabulary(const HttpRequest&) { return {ok, vocabularyText()}; }
     HttpReply health(const HttpRequest&) { return {ok, m_application.healthText()}; }
 
     const AgentApplication& m_application;

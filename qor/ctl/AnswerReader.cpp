@@ -49,7 +49,8 @@ private:
     const char* m_end = nullptr;
 };
 
-/// What a row set's elements become. Elements come as open, value, close; the path is kept by their tags.
+/// What a row set's elements become. Elements come as open, value, close; the path is kept by their tags. Operator
+/// "pager" puts names and values into cells, and several values of one cell into cells of their own below it.
 class RowSetBuilder {
 public:
     explicit RowSetBuilder(QORRowSink& rows) : m_rows(rows) {}
@@ -62,10 +63,12 @@ public:
     }
 
     void value(std::string_view bytes, QORCell::Kind kind) {
-        if (isCell()) {
+        if (isValue()) {
+            Cell& cell = m_cells.back();
+            if (cell.kind != QORCell::Kind::Null) m_bytes += listSeparator;
             m_bytes += bytes;
-            m_cells.back().kind = kind;
-            m_cells.back().size = bytes.size();
+            cell.kind = kind;
+            cell.size = m_bytes.size() - cell.offset;
         } else if (isName()) {
             m_names.back() = bytes;
         } else if (isPath(tag::statistics)) {
@@ -82,6 +85,9 @@ public:
     }
 
 private:
+    /// Between several values of one cell.
+    static constexpr std::string_view listSeparator = ", ";
+
     struct Cell {
         QORCell::Kind kind;
         std::size_t offset;
@@ -89,11 +95,19 @@ private:
     };
 
     bool isPath(QORTag second) const { return m_path.size() == 2 && m_path[0] == tag::rowSet && m_path[1] == second; }
-    bool isName() const { return isPath(tag::name); }
+    /// Whether the path leads from the row set through cells, up to `most` of them, to an element of that tag.
+    bool isBelowCells(std::size_t first, std::size_t most, QORTag last) const {
+        if (m_path.size() < first + 1 || m_path.size() > first + 1 + most || m_path.back() != last) return false;
+        return std::all_of(m_path.begin() + static_cast<std::ptrdiff_t>(first), m_path.end() - 1,
+                           [](QORTag tag) { return tag == tag::cell; });
+    }
+    bool isInRow() const { return m_path.size() > 2 && m_path[0] == tag::rowSet && m_path[1] == tag::row; }
+    bool isName() const { return m_path.front() == tag::rowSet && isBelowCells(1, 2, tag::name); }
     bool isRow() const { return isPath(tag::row); }
     bool isCell() const {
-        return m_path.size() == 3 && m_path[0] == tag::rowSet && m_path[1] == tag::row && m_path[2] == tag::value;
+        return isInRow() && m_path.size() == 3 && (m_path[2] == tag::value || m_path[2] == tag::cell);
     }
+    bool isValue() const { return isInRow() && isBelowCells(2, 2, tag::value); }
 
     void begin() {
         if (!m_begun) m_rows.begin(m_names);

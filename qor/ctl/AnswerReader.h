@@ -38,6 +38,7 @@ struct QORAnsweredError {
     std::string message;
 };
 
+/// Several values of one cell come as one text, ", " between them.
 /// Hands the rows of the answer to `rows` as they come (nothing, not even begin, when the answer has no row set).
 /// \returns the answer's error, if it has one
 /// \throws QORCtlError AnsweredError when the bytes are no answer

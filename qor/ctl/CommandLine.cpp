@@ -31,6 +31,12 @@ constexpr const char* whereNote =
     "exact.\n"
     "Sort keys apply in the order of their names.\n";
 
+constexpr const char* rowsNote =
+    "Logs come newest first and take these conditions: the time (<=, >=), the environment (...parameter.env.eid =), for\n"
+    "events the categories, written without blanks: pager.event_log.category='resource_alert' or ...='env_status'.\n"
+    "Backups are found by name, host name, veid, address or a span of time. Everything else has no effect; qorctl says\n"
+    "so, and which view does it.\n";
+
 /// Everything that the options are read into, and the command to run.
 class CommandLine {
 public:
@@ -41,8 +47,10 @@ public:
         m_app.footer(exitNote);
         addConnection(m_app, false);
         addSelect();
+        addRows();
         addRequest();
         addViews();
+        addFields();
         addImport();
         addSample();
         addCollect();
@@ -90,6 +98,8 @@ private:
         if (!stores)
             app.add_flag("--read-only", m_connection.readOnly, "never write to the database, with --standalone")
                 ->group(group);
+        app.add_option("--config", m_connection.config, "a vocabulary on top of the shipped one, with --standalone")
+            ->group(group);
         app.add_option("--plugins", m_connection.plugIns, "folder of the plug-ins, with --standalone")->group(group);
     }
 
@@ -133,6 +143,33 @@ private:
         addPrinting(*app, m_selectPrint);
         addConnection(*app, false);
         app->footer(std::string(whereNote) + "\n" + exitNote);
+    }
+
+    void addRows() {
+        CLI::App* const app = command("rows", "Rows of the operation log, the event log or the backups",
+                                      [this] { runRows(m_connection, m_rows, m_rowsPrint); });
+        app->add_option("-f,--field", m_rows.fields, "a field, see qorctl fields; repeatable")
+            ->required()
+            ->type_name("FIELD");
+        app->add_option("--where", m_rows.where, "a filter, see qorctl filter")->type_name("FILTER");
+        app->add_option("--sort", m_rows.sort, "a field to sort by, behind '-' for descending order; repeatable")
+            ->type_name("[-]FIELD");
+        app->add_option("--limit", m_rows.limit, "rows of the page (default: 0, all)");
+        app->add_option("--offset", m_rows.offset, "rows before the page");
+        app->add_flag("--count", m_rows.count, "also how many rows there are in the page and in all");
+        app->add_option("--client", m_rows.client, "ask as a client without full access, as for select")
+            ->type_name("EID");
+        addPrinting(*app, m_rowsPrint);
+        addConnection(*app, false);
+        app->footer(std::string(rowsNote) + "\n" + exitNote);
+    }
+
+    void addFields() {
+        CLI::App* const app = command("fields", "Fields that qorctl rows knows, their sources and types",
+                                      [this] { runFields(m_connection, m_fields); });
+        app->add_option("prefix", m_fields.prefixes, "only names that begin so");
+        addPrinting(*app, m_fields.print);
+        addConnection(*app, false);
     }
 
     void addRequest() {
@@ -188,8 +225,11 @@ private:
     QORConnectionOptions m_connection;
     QORSelectOptions m_select;
     QORPrintOptions m_selectPrint;
+    QORRowsOptions m_rows;
+    QORPrintOptions m_rowsPrint;
     QORRequestOptions m_request;
     QORViewsOptions m_views;
+    QORFieldsOptions m_fields;
     QORImportOptions m_import;
     QORSampleCommandOptions m_sample;
     std::function<void()> m_run;

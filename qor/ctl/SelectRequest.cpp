@@ -136,19 +136,7 @@ private:
         require(m_at.seekUp());
     }
 
-    void addClient() {
-        if (m_options.client.empty()) return;
-        QORClientDescription client;
-        if (m_options.client != std::vector<std::string>{"none"})
-            for (const std::string& text : m_options.client) {
-                const auto guid = QORGUIDBase::parse(text);
-                if (!guid || !guid->isValid())
-                    throw QORCtlError::usage("--client: " + quoteText(text) +
-                                             " is not the GUID of an environment (\"none\" alone means no identity)");
-                client.sids.push_back({environmentPrincipal, environmentPrincipalType, QOREID(*guid)});
-            }
-        m_request.envelope.client = std::move(client);
-    }
+    void addClient() { m_request.envelope.client = makeClient(m_options.client); }
 
     const QORSelectOptions& m_options;
     QORSelectRequest m_request;
@@ -158,6 +146,20 @@ private:
 };
 
 }  // namespace
+
+std::optional<QORClientDescription> makeClient(const std::vector<std::string>& eids) {
+    if (eids.empty()) return std::nullopt;
+    QORClientDescription client;
+    if (eids == std::vector<std::string>{"none"}) return client;
+    for (const std::string& text : eids) {
+        const auto guid = QORGUIDBase::parse(text);
+        if (!guid || !guid->isValid())
+            throw QORCtlError::usage("--client: " + quoteText(text) +
+                                     " is not the GUID of an environment (\"none\" alone means no identity)");
+        client.sids.push_back({environmentPrincipal, environmentPrincipalType, QOREID(*guid)});
+    }
+    return client;
+}
 
 QORSelectRequest makeSelectRequest(const QORSelectOptions& options) {
     return SelectBuilder(options).build();

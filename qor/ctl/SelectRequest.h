@@ -33,6 +33,10 @@ struct QORSelectRequest {
     std::vector<std::string> notes;    ///< what the person should know about the request
 };
 
+/// The client that --client describes; empty when nothing is given.
+/// \throws QORCtlError BadUsage naming what is no environment
+std::optional<QORClientDescription> makeClient(const std::vector<std::string>& eids);
+
 /// \throws QORCtlError BadUsage naming the option that cannot be meant; for the condition the text shows the place
 QORSelectRequest makeSelectRequest(const QORSelectOptions& options);
 

@@ -298,4 +298,9 @@ std::vector<QORViewColumn> QORAgentBackend::views() {
     return readViewsReply(m_connection->receive());
 }
 
+QORPtr<const QORVocMap> QORAgentBackend::vocabulary() {
+    m_connection->sendRequest("GET", "/v1/vocabulary", "");
+    return readVocabularyReply(m_connection->receive());
+}
+
 }  // namespace QOR

@@ -18,6 +18,7 @@ public:
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;
+    QORPtr<const QORVocMap> vocabulary() override;
 
 private:
     class Connection;

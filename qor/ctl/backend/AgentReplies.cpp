@@ -102,4 +102,21 @@ std::vector<QORViewColumn> readViewsReply(std::string_view json) {
     return columns;
 }
 
+QORPtr<const QORVocMap> readVocabularyReply(std::string_view json) {
+    const Document document = parse(json, "vocabulary");
+    auto vocabulary = makeQORPtr<QORVocMap>();
+    for (const Value& category : arrayOf(document, "vocabulary").GetArray()) {
+        QORVocMap::Category& parameters = vocabulary->category(textOf(member(category, "name")));
+        for (const Value& entry : arrayOf(category, "parameters").GetArray()) {
+            QORVocParameter& parameter = parameters.emplace_back();
+            parameter.id = textOf(member(entry, "id"));
+            for (const Value& value : arrayOf(entry, "values").GetArray())
+                parameter.values.emplace_back(textOf(member(value, "name")), textOf(member(value, "text")));
+            for (const Value& mark : arrayOf(entry, "marks").GetArray())
+                parameter.marks.push_back(textOf(mark));
+        }
+    }
+    return vocabulary;
+}
+
 }  // namespace QOR

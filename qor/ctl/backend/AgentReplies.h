@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "QORDBSchema/SchemaTable.h"
+#include "QORLibLocal/QORVocabulary.h"
 #include "agent/ingest/QORCollectors.h"
 #include "agent/ingest/QORIngest.h"
 
@@ -16,5 +17,6 @@ namespace QOR {
 QORIngestResult readIngestReply(std::string_view json);
 QORCollectResult readCollectReply(std::string_view json);
 std::vector<QORViewColumn> readViewsReply(std::string_view json);
+QORPtr<const QORVocMap> readVocabularyReply(std::string_view json);
 
 }  // namespace QOR

@@ -10,8 +10,8 @@ std::unique_ptr<QORBackend> makeBackend(const QORConnectionOptions& options, QOR
     if (options.standalone && !options.socket.empty())
         throw QORCtlError::usage("--socket and --standalone exclude each other");
     if (!options.standalone) {
-        if (!options.database.empty() || options.readOnly || !options.plugIns.empty())
-            throw QORCtlError::usage("--database, --read-only and --plugins need --standalone");
+        if (!options.database.empty() || options.readOnly || !options.config.empty() || !options.plugIns.empty())
+            throw QORCtlError::usage("--database, --read-only, --config and --plugins need --standalone");
         return std::make_unique<QORAgentBackend>(options.socket);
     }
     if (options.database.empty())

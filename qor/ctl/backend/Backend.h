@@ -14,6 +14,7 @@
 #include "AnswerReader.h"
 #include "LineInput.h"
 #include "QORDBSchema/SchemaTable.h"
+#include "QORLibLocal/QORVocabulary.h"
 #include "agent/ingest/QORCollectors.h"
 #include "agent/ingest/QORIngest.h"
 
@@ -25,6 +26,7 @@ struct QORConnectionOptions {
     bool standalone = false;
     std::string database;  ///< ODBC connection string, standalone only
     bool readOnly = false;
+    std::string config;   ///< vocabulary file, standalone only
     std::string plugIns;  ///< folder; empty: those that belong to the program
 };
 
@@ -49,6 +51,8 @@ public:
     virtual QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) = 0;
     virtual QORCollectResult collect(const std::stop_token& stop) = 0;
     virtual std::vector<QORViewColumn> views() = 0;
+    /// What the other side's configuration tells its plug-ins; never null.
+    virtual QORPtr<const QORVocMap> vocabulary() = 0;
 
     /// Bytes that one request may have.
     static constexpr std::size_t requestLimit = std::size_t{64} << 20;
@@ -57,7 +61,7 @@ public:
 /// What a command is going to do, which decides how a standalone host opens its database.
 enum class QORBackendUse {
     Ask,      ///< requests; another program's database is read as it is
-    Inspect,  ///< views only, no plug-ins needed
+    Inspect,  ///< views or fields only, no plug-ins needed
     Store,    ///< records; the database must be the host's own, or empty
 };
 

@@ -7,6 +7,7 @@
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORMessage/QORNotation.h"
 #include "agent/runtime/QORHost.h"
+#include "agent/runtime/QORVocabularyFiles.h"
 #include "rdbmspp/QORRdbms.h"
 
 namespace QOR {
@@ -17,10 +18,12 @@ QORStandaloneBackend::QORStandaloneBackend(const QORConnectionOptions& options, 
     host.database.readOnly = options.readOnly;
     host.schemaMode = use == QORBackendUse::Store ? QORSchemaMode::Own : QORSchemaMode::Reading;
     host.plugInDirectory = options.plugIns;
+    host.vocabularyFile = options.config;
     host.prime = false;
     try {
         if (use != QORBackendUse::Ask) {
             QORDBSchema::open(host.database, host.schemaMode);
+            if (use == QORBackendUse::Inspect) vocCacheLocal()->setVocabulary(usableVocabulary(options.config));
             return;
         }
         m_host = std::make_unique<QORHost>(std::move(host));
@@ -59,6 +62,10 @@ QORIngestResult QORStandaloneBackend::importBatch(std::string_view lines, std::u
 
 QORCollectResult QORStandaloneBackend::collect(const std::stop_token& stop) {
     return QOR::collect({}, stop);
+}
+
+QORPtr<const QORVocMap> QORStandaloneBackend::vocabulary() {
+    return vocCacheLocal()->getVocabulary();
 }
 
 std::vector<QORViewColumn> QORStandaloneBackend::views() {

@@ -19,6 +19,7 @@ public:
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;
+    QORPtr<const QORVocMap> vocabulary() override;
 
 private:
     QORIngest m_ingest;

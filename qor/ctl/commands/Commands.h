@@ -13,6 +13,7 @@
 #include "agent/ingest/QORSampleData.h"
 #include "backend/Backend.h"
 #include "output/RowPrinter.h"
+#include "rows/RowsRequest.h"
 
 namespace QOR {
 
@@ -29,6 +30,11 @@ struct QORRequestOptions {
 
 struct QORViewsOptions {
     std::vector<std::string> views;  ///< empty: all
+    QORPrintOptions print;
+};
+
+struct QORFieldsOptions {
+    std::vector<std::string> prefixes;  ///< only names that begin with one of these; empty: all
     QORPrintOptions print;
 };
 
@@ -50,8 +56,10 @@ struct QORSampleCommandOptions {
 };
 
 void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& options, const QORPrintOptions& print);
+void runRows(const QORConnectionOptions& connection, const QORRowsOptions& options, const QORPrintOptions& print);
 void runRequest(const QORConnectionOptions& connection, const QORRequestOptions& options);
 void runViews(const QORConnectionOptions& connection, const QORViewsOptions& options);
+void runFields(const QORConnectionOptions& connection, const QORFieldsOptions& options);
 void runImport(const QORConnectionOptions& connection, const QORImportOptions& options);
 void runSample(const QORConnectionOptions& connection, const QORSampleCommandOptions& options);
 void runCollect(const QORConnectionOptions& connection);

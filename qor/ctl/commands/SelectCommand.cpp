@@ -4,26 +4,6 @@
 #include "commands/Printing.h"
 
 namespace QOR {
-namespace {
-
-/// Remembers the counts for a form that has no place for them.
-class CountKeeper final : public QORRowSink {
-public:
-    explicit CountKeeper(QORRowSink& next) : m_next(next) {}
-    void begin(std::span<const std::string> names) override { m_next.begin(names); }
-    void row(std::span<const QORCell> cells) override { m_next.row(cells); }
-    void end(const std::optional<QORRowCounts>& given) override {
-        counts = given;
-        m_next.end(given);
-    }
-    std::optional<QORRowCounts> counts;
-
-private:
-    QORRowSink& m_next;
-};
-
-}  // namespace
-
 void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& options, const QORPrintOptions& print) {
     QORSelectRequest request = makeSelectRequest(options);
     for (const std::string& note : request.notes)
@@ -34,7 +14,7 @@ void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& o
     const auto backend = makeBackend(connection, QORBackendUse::Ask);
     QORFileOutput out(STDOUT_FILENO);
     const auto printer = makePrinter(print, options.count, out);
-    CountKeeper keeper(*printer);
+    QORCountKeeper keeper(*printer);
     // The XML form is the answer itself, so its columns stand where the answer has them.
     QORColumnOrder ordered(std::move(request.columns), keeper);
     QORRowSink& rows = print.format == QORRowFormat::Xml ? static_cast<QORRowSink&>(keeper) : ordered;

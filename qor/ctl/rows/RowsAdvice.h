@@ -1,0 +1,16 @@
+/// \file
+/// What a person should know about a request for rows: the sources of operator "pager" take a few constants from the
+/// filter, do not sort, and leave everything else to the views.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "rows/RowsRequest.h"
+
+namespace QOR {
+
+/// A sentence for each part of the request that has no effect, and the command that does what was meant.
+std::vector<std::string> adviseOnRows(const QORRowsOptions& options);
+
+}  // namespace QOR

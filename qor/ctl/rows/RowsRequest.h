@@ -1,0 +1,28 @@
+/// \file
+/// From the options of `qorctl rows` to a request of the operator "pager".
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "QORMessage/QORNotation.h"
+
+namespace QOR {
+
+/// What the person asked for, as typed.
+struct QORRowsOptions {
+    std::vector<std::string> fields;
+    std::optional<std::string> where;
+    std::vector<std::string> sort;  ///< a field, behind '-' for descending order
+    std::int64_t limit = 0;         ///< rows of the page, 0 for all
+    std::int64_t offset = 0;        ///< rows before the page
+    bool count = false;
+    std::vector<std::string> client;  ///< as QORSelectOptions::client
+};
+
+/// \throws QORCtlError BadUsage naming the option that cannot be meant
+QORRequestEnvelope makeRowsRequest(const QORRowsOptions& options);
+
+}  // namespace QOR
