@@ -14,7 +14,7 @@ namespace {
 constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORLogCounters";
 
 /// Widths of buckets as powers of two, the widest first.
-constexpr std::array<int, 4> levels{20, 13, 6, 0};
+constexpr std::array<int, 7> levels{24, 20, 16, 12, 8, 4, 0};
 constexpr std::int64_t splitAbove = 1024;
 
 /// The marks of scopes' names: no GUID contains them.
@@ -48,10 +48,8 @@ struct CounterSql {
             "coalesce(max(CASE WHEN bucket = high THEN split END), 0) "                                                \
             "FROM (SELECT ? AS low, ? AS high) CROSS JOIN " table                                                      \
             " WHERE scope = ? AND level = ? AND bucket BETWEEN low AND high",                                          \
-            "SELECT bucket, split, newer FROM (SELECT bucket, n, split, sum(n) OVER (ORDER BY bucket DESC) - n AS "    \
-            "newer FROM " table                                                                                        \
-            " WHERE scope = ? AND level = ? AND bucket BETWEEN ? AND ?) "                                              \
-            "WHERE newer + n > ? ORDER BY bucket DESC LIMIT 1"                                                         \
+            "SELECT bucket, n, split FROM " table                                                                      \
+            " WHERE scope = ? AND level = ? AND bucket BETWEEN ? AND ? ORDER BY bucket DESC"                           \
     }
 
 constexpr CounterSql operationSql = QOR_COUNTER_SQL("qor_operation_count");
@@ -274,14 +272,14 @@ void putShared(ASSession& session, const std::set<std::string>& scopes) {
     session
         .prepare(
             "INSERT OR IGNORE INTO qor_operation_scope (scope, eid) SELECT s.value->>0, e.value FROM json_each(?) s "
-            "CROSS JOIN json_each(s.value) e WHERE e.key > 0 AND NOT EXISTS (SELECT 1 FROM qor_operation_scope o "
-            "WHERE o.scope = s.value->>0)")
+            "CROSS JOIN json_each(s.value) e WHERE NOT EXISTS (SELECT 1 FROM qor_operation_scope o "
+            "WHERE o.eid = s.value->>1 AND o.scope = s.value->>0) AND e.key > 0")
         .bind(1, std::string_view(json))
         .execute();
 }
 
 /// Few changes are written at all levels at once: statements cost more than counters then.
-constexpr std::size_t fewChanges = 24;
+constexpr std::size_t fewChanges = 64;
 
 }  // namespace
 
@@ -401,13 +399,20 @@ QORLogScope::Place QORLogScope::find(std::uint64_t position) {
         ASStatement& select = m_session.prepare(sqlOf(m_kind).find);
         select.bind(1, std::string_view(m_scope)).bind(2, std::int64_t{level});
         select.bind(3, place.first >> level).bind(4, place.last >> level);
-        select.bind(5, static_cast<std::int64_t>(position - place.newer));
         select.execute();
-        if (!select.fetch()) throw QORException(errFailure, "the log has no such record", sourcePath, __LINE__);
-        const std::int64_t bucket = select.integer(1);
-        const bool split = select.integer(2) != 0;
-        place.newer += static_cast<std::uint64_t>(select.integer(3));
+        std::int64_t bucket = 0;
+        std::uint64_t records = 0;
+        bool split = false;
+        bool found = false;
+        while (!found && select.fetch()) {
+            bucket = select.integer(1);
+            records = static_cast<std::uint64_t>(select.integer(2));
+            split = select.integer(3) != 0;
+            found = place.newer + records > position;
+            if (!found) place.newer += records;
+        }
         select.close();
+        if (!found) throw QORException(errFailure, "the log has no such record", sourcePath, __LINE__);
         place.first = bucket << level;
         place.last = place.first + (std::int64_t{1} << level) - 1;
         if (!split) break;
