@@ -14,7 +14,6 @@
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORPager/Operators/QOREIDFilter.h"
 #include "QORPager/Operators/QOREnvPreFilter.h"
-#include "QORPager/QORArg.h"
 #include "QORPager/QORFieldSet.h"
 
 namespace {
@@ -110,11 +109,7 @@ struct Request {
     std::set<QOREID> passing() {
         QOREnvPreFilter preFilter(filter, whereFields);
         std::set<QOREID> eids;
-        for (const QORPtr<const QOREnv>& env : *list) {
-            bool passed = false;
-            if (preFilter.evaluate(QORArg(env), passed) != 0) fail(preFilter.error().c_str());
-            if (passed) eids.insert(eids.end(), env->getEID());
-        }
+        if (preFilter.run(*list, eids) != 0) fail(preFilter.error().c_str());
         return eids;
     }
 

@@ -1,5 +1,6 @@
 #include "QORPager/Operators/QOREnvPreFilter.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "QORPager/QORArg.h"
@@ -9,6 +10,25 @@ namespace QOR {
 namespace {
 
 constexpr int failed = -1;
+
+/// Environments lie about in memory, and a value is behind two or three pointers. Fetching those that come next while
+/// one is evaluated hides most of that. Far ones are fetched themselves, near ones what they point to.
+void fetchAhead(const QOREnvList::Chunk& chunk, std::size_t at) {
+    constexpr std::size_t far = 12;
+    constexpr std::size_t middle = 8;
+    constexpr std::size_t near = 4;
+    constexpr std::size_t line = 64;
+    const auto fetch = [](const void* object, std::size_t size) {
+        const char* const bytes = static_cast<const char*>(object);
+        for (std::size_t offset = 0; offset < size; offset += line) __builtin_prefetch(bytes + offset);
+    };
+    if (at + far < chunk.size()) fetch(chunk[at + far].get(), sizeof(QOREnv));
+    if (at + middle < chunk.size()) fetch(chunk[at + middle]->getConfig().get(), sizeof(QOREnvConfig));
+    if (at + near < chunk.size()) {
+        const std::vector<QORInfo>& further = chunk[at + near]->getConfig()->further().children();
+        fetch(further.data(), std::min<std::size_t>(further.size() * sizeof(QORInfo), 4 * line));
+    }
+}
 
 bool isSatisfied(TExpressionEvaluation& evaluator) {
     bool satisfied = false;
@@ -41,6 +61,19 @@ int QOREnvPreFilter::evaluate(const QORArg& row, bool& passed) {
         m_error = errorMessage(etEvaluation);
     }
     return failed;
+}
+
+int QOREnvPreFilter::run(const QOREnvList& list, std::set<QOREID>& passing) {
+    for (const auto& chunk : list.chunks()) {
+        for (std::size_t at = 0; at < chunk->size(); ++at) {
+            fetchAhead(*chunk, at);
+            const QORPtr<const QOREnv>& env = (*chunk)[at];
+            bool passed = false;
+            if (const int result = evaluate(QORArg(env), passed); result != 0) return result;
+            if (passed) passing.insert(passing.end(), env->getEID());
+        }
+    }
+    return 0;
 }
 
 bool checkMulty(TExpressionEvaluation& evaluator, const QORArg& row, const std::vector<const QORField*>& fields,

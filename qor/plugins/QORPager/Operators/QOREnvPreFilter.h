@@ -25,6 +25,9 @@ class QOREnvPreFilter {
     /// \param passed whether the row passes; unchanged on failure
     /// \returns 0; a negative number when the filter cannot be evaluated on the row, see error()
     int evaluate(const QORArg& row, bool& passed);
+    /// Evaluates every environment of the list. \param passing gets those that pass
+    /// \returns 0; a negative number at the first that cannot be evaluated
+    int run(const QOREnvList& list, std::set<QOREID>& passing);
     /// What kept evaluate() from evaluating.
     const std::string& error() const noexcept { return m_error; }
 

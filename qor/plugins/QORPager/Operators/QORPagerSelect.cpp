@@ -206,18 +206,14 @@ void QORPagerOperatorPrototype::declareNames(std::string_view where) {
     });
 }
 
-/// Gives the filter the environments that pass the environment part of the request's.
+/// Gives the filter the environments that pass the environment part of the request's; all where it has no such part.
 int QORPagerOperatorPrototype::fillInfoCursor(QORMessageIterator& response, QOREIDFilter& filter) {
-    const bool evaluated = m_hasWhere && !m_evaluator->onlyNotSpecial();
-    QOREnvPreFilter preFilter(*m_evaluator, m_whereFields);
     std::set<QOREID> passing;
-    for (const QORPtr<const QOREnv>& env : *m_envList) {
-        if (!filter.check(env.get())) continue;
-        bool passed = true;
-        if (evaluated && preFilter.evaluate(QORArg(env), passed) != 0) {
-            return refuse(response, pagerEvaluatingError, preFilter.error());
-        }
-        if (passed) passing.insert(passing.end(), env->getEID());
+    if (m_hasWhere && !m_evaluator->onlyNotSpecial()) {
+        QOREnvPreFilter preFilter(*m_evaluator, m_whereFields);
+        if (preFilter.run(*m_envList, passing) != 0) return refuse(response, pagerEvaluatingError, preFilter.error());
+    } else {
+        for (const QORPtr<const QOREnv>& env : *m_envList) passing.insert(passing.end(), env->getEID());
     }
     filter.set(std::move(passing));
     return 0;
