@@ -9,6 +9,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(qor_flags INTERFACE -Wno-restrict)
 endif()
 if(QOR_SANITIZE)
+  target_compile_definitions(qor_flags INTERFACE QOR_SANITIZED=1)
   target_compile_options(qor_flags INTERFACE -fsanitize=${QOR_SANITIZE} -fno-omit-frame-pointer)
   target_link_options(qor_flags INTERFACE -fsanitize=${QOR_SANITIZE})
   if(QOR_SANITIZE MATCHES "undefined")

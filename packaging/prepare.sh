@@ -10,7 +10,9 @@ packages=(
     ca-certificates git
 )
 
-say() { printf '\033[1m==> %s\033[0m\n' "$*" >&2; }
+say() {
+    if [ -t 2 ]; then printf '\033[1m==> %s\033[0m\n' "$*" >&2; else printf '==> %s\n' "$*" >&2; fi
+}
 
 # install_packages [MORE...]: installs those that are missing, with apt.
 install_packages() {

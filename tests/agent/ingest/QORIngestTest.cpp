@@ -1,5 +1,12 @@
 #include "agent/ingest/QORIngest.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -327,6 +334,43 @@ TEST_F(QORIngestTest, TwoImportsAtOnceTakeTurns) {
     }
     EXPECT_EQ(queryText("SELECT count(*) FROM qor_operation"), "400");
     EXPECT_EQ(queryText("SELECT max(seq) FROM qor_operation"), "400");
+}
+
+/// Imports events without end in a process of its own, and writes the number that is stored after every batch.
+pid_t importInChild(const HostDatabase& database, const int (&report)[2]) {
+    const pid_t child = ::fork();
+    if (child != 0) return child;
+    ::close(report[0]);
+    database.open();
+    QORIngestOptions options;
+    options.batchRecords = 50;
+    std::string lines;
+    for (int i = 0; i < 50; ++i)
+        lines += eventLine(i);
+    for (std::uint64_t stored = 0;;) {
+        stored += QORIngest(options).importBatch(lines).accepted();
+        if (::write(report[1], &stored, sizeof stored) != sizeof stored) ::_exit(1);
+    }
+}
+
+TEST(QORIngestKilled, WhatWasAcknowledgedIsThere) {
+    const HostDatabase database;
+    int report[2];
+    ASSERT_EQ(::pipe(report), 0);
+    const pid_t child = importInChild(database, report);
+    ::close(report[1]);
+    std::uint64_t acknowledged = 0;
+    while (acknowledged < 500)
+        ASSERT_EQ(::read(report[0], &acknowledged, sizeof acknowledged), 8);
+    ::kill(child, SIGKILL);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    while (::read(report[0], &acknowledged, sizeof acknowledged) == 8) {
+    }
+    ::close(report[0]);
+    database.open();
+    const std::uint64_t found = std::stoull(queryText("SELECT count(*) FROM vEventLog"));
+    EXPECT_GE(found, acknowledged);
+    EXPECT_EQ(found % 50, 0U) << "batches are stored whole";
 }
 
 TEST(QORIngestResultTest, ResultsOfSeveralRunsAddUp) {
