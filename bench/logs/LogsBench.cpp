@@ -118,8 +118,14 @@ struct BareRow {
 };
 
 BareRow toBare(const QOROperationRecord& record) {
-    BareRow row{record.id, *record.op,    time2dbstr(record.time), record.eid.toString(), record.message->serializeToString(),
-                record.status, {}, {}};
+    BareRow row{record.id,
+                *record.op,
+                time2dbstr(record.time),
+                record.eid.toString(),
+                record.message->serializeToString(),
+                record.status,
+                {},
+                {}};
     bool own = false;
     for (const QOREID& eid : record.eids) {
         own = own || eid == record.eid;
@@ -150,8 +156,7 @@ void insertBare(ASSession& session, const BareRow& row, std::int64_t sequence) {
         .bind(10, sequence)
         .execute();
     for (std::size_t i = 0; i < row.touched.size(); ++i) {
-        session
-            .prepare("INSERT INTO qor_operation_environment (operation, position, eid, time) VALUES (?, ?, ?, ?)")
+        session.prepare("INSERT INTO qor_operation_environment (operation, position, eid, time) VALUES (?, ?, ?, ?)")
             .bind(1, sequence)
             .bind(2, row.positions[i])
             .bind(3, std::string_view(row.touched[i]))
@@ -212,14 +217,16 @@ QORClientContextPtr fullAccess() {
 void fillOld(std::uint64_t size) {
     const std::string span = "FROM (WITH RECURSIVE s(n) AS (SELECT 0 UNION ALL SELECT n + 1 FROM s WHERE n + 1 < " +
                              std::to_string(size) + ") SELECT n, (n * 7919) % " + std::to_string(environments) +
-                             " AS e, datetime(" + std::to_string(firstSecond) + " + n * " + std::to_string(year) + " / " +
-                             std::to_string(size) + ", 'unixepoch') AS t FROM s)";
+                             " AS e, datetime(" + std::to_string(firstSecond) + " + n * " + std::to_string(year) +
+                             " / " + std::to_string(size) + ", 'unixepoch') AS t FROM s)";
     const std::string prefix = "'6ba7b810-9dad-11d1-80b4-' || printf('%012d', ";
     QORRdbmsTran tran(ASAccess::Write);
     QORDBSchema::prepareManyWrites(*tran);
     QORDBSchema::migrate(*tran, 2);
-    tran->execute("INSERT INTO qor_operation (seq, id, op, status, time, eid, message) SELECT n + 1, printf('op-%09d', n), "
-                  "'start', n % 7, t, " + prefix + "e), '<info><task_id>' || n || '</task_id></info>' " + span);
+    tran->execute(
+        "INSERT INTO qor_operation (seq, id, op, status, time, eid, message) SELECT n + 1, printf('op-%09d', n), "
+        "'start', n % 7, t, " +
+        prefix + "e), '<info><task_id>' || n || '</task_id></info>' " + span);
     tran->execute("INSERT INTO qor_operation_environment (operation, position, eid, time) SELECT n + 1, -1, " + prefix +
                   "e), t " + span);
     tran->execute("INSERT INTO qor_operation_environment (operation, position, eid, time) SELECT n + 1, 0, " + prefix +
@@ -248,16 +255,18 @@ struct Question {
 
 std::size_t askTotal(const Question& question) {
     QOROpLogResult result;
-    check(QOROpLogAgent().getOps(result, question.envs, nullptr, "", "", 0, 0, forever, question.from, question.to) == 0,
-          getErrorMessage());
+    check(
+        QOROpLogAgent().getOps(result, question.envs, nullptr, "", "", 0, 0, forever, question.from, question.to) == 0,
+        getErrorMessage());
     return result.size();
 }
 
 /// The page as the source of the operation log reads it. \returns the identifiers
 std::vector<std::string> askPage(const Question& question, std::size_t offset) {
     QOROpLogResult result;
-    check(QOROpLogAgent().getOps(result, question.envs, nullptr, "", "", 0, 0, forever, question.from, question.to) == 0,
-          getErrorMessage());
+    check(
+        QOROpLogAgent().getOps(result, question.envs, nullptr, "", "", 0, 0, forever, question.from, question.to) == 0,
+        getErrorMessage());
     std::vector<std::string> ids;
     for (std::size_t i = offset; i < std::min(offset + 20, result.size()); ++i)
         ids.push_back(result.at(i).id);
@@ -303,10 +312,10 @@ void benchPages(const std::filesystem::path& file, std::uint64_t size) {
     constexpr int quarter = static_cast<int>(year / 4);
     const int from = static_cast<int>(firstSecond) + quarter + 12345;
     const int to = static_cast<int>(firstSecond) + 3 * quarter + 54321;
-    for (const Question& question : {Question{"all", QOREnvSelection::all(), 0, forever},
-                                     Question{"all, time range", QOREnvSelection::all(), from, to},
-                                     Question{"environment", eidOf(7), 0, forever},
-                                     Question{"environment, time range", eidOf(7), from, to}}) {
+    for (const Question& question :
+         {Question{"all", QOREnvSelection::all(), 0, forever},
+          Question{"all, time range", QOREnvSelection::all(), from, to}, Question{"environment", eidOf(7), 0, forever},
+          Question{"environment, time range", eidOf(7), from, to}}) {
         const std::size_t total = askTotal(question);
         for (const std::size_t offset : {std::size_t{0}, total / 2, total > 20 ? total - 20 : 0}) {
             std::size_t sqlTotal = 0;

@@ -40,9 +40,8 @@ constexpr std::size_t manyRecords = 100;
 /// Held while environments are stored and made known, when there are any and there is someone to tell.
 std::unique_lock<std::mutex> lockCache(std::span<const QORRecord> batch) {
     QOREnvCache* const cache = envCache();
-    const bool any = std::any_of(batch.begin(), batch.end(), [](const QORRecord& record) {
-        return kindOf(record) == QORRecordKind::Environment;
-    });
+    const bool any = std::any_of(batch.begin(), batch.end(),
+                                 [](const QORRecord& record) { return kindOf(record) == QORRecordKind::Environment; });
     return cache != nullptr && any ? cache->lockForWriting() : std::unique_lock<std::mutex>();
 }
 

@@ -35,8 +35,7 @@ QORPtr<const QORVocMap> usableVocabulary(const std::filesystem::path& named) {
         logMessage(1, "QORHost", sourcePath, __func__, "%s", mistake.text().c_str());
     }
     if (files.read.empty()) {
-        logMessage(1, "QORHost", sourcePath, __func__, "no vocabulary: %s is missing",
-                   defaultVocabularyFile().c_str());
+        logMessage(1, "QORHost", sourcePath, __func__, "no vocabulary: %s is missing", defaultVocabularyFile().c_str());
     }
     return files.vocabulary;
 }

@@ -16,12 +16,11 @@ namespace {
 // QORLogCounters keeps the counters up to date; what is here must agree with it.
 //
 // The buckets of one level that are too full, and what is in them at the next.
-#define QOR_SPLIT(table, wider, finer)                                                                                 \
-    "UPDATE " table " SET split = 1 WHERE level = " wider " AND n > 1024",                                             \
-        "INSERT INTO " table " SELECT m.scope, " finer ", m.second >> " finer                                          \
-        ", count(*), 0 FROM temp.qor_migrated m CROSS JOIN " table                                                     \
-        " c ON c.scope = m.scope AND c.level = " wider " AND c.bucket = m.second >> " wider                            \
-        " AND c.split = 1 GROUP BY 1, 3"
+#define QOR_SPLIT(table, wider, finer)                                                                            \
+    "UPDATE " table " SET split = 1 WHERE level = " wider " AND n > 1024",                                        \
+        "INSERT INTO " table " SELECT m.scope, " finer ", m.second >> " finer                                     \
+        ", count(*), 0 FROM temp.qor_migrated m CROSS JOIN " table " c ON c.scope = m.scope AND c.level = " wider \
+        " AND c.bucket = m.second >> " wider " AND c.split = 1 GROUP BY 1, 3"
 
 constexpr const char* statements[] = {
     "CREATE INDEX qor_event_category_eid ON qor_event (category, eid, time)",

@@ -71,8 +71,9 @@ Chunks withChanges(const Chunks& chunks, std::vector<Env>& changes) {
     auto change = changes.begin();
     for (std::size_t i = 0; i < chunks.size(); ++i) {
         // A change before the first environment of the next chunk belongs here.
-        const auto end = i + 1 == chunks.size() ? changes.end()
-                                                : std::lower_bound(change, changes.end(), chunks[i + 1]->front(), byEid);
+        const auto end = i + 1 == chunks.size()
+                             ? changes.end()
+                             : std::lower_bound(change, changes.end(), chunks[i + 1]->front(), byEid);
         if (change == end) {
             result.push_back(chunks[i]);
             continue;
@@ -132,9 +133,8 @@ QOREnvList::QOREnvList(Chunks chunks) : m_chunks(std::move(chunks)) {
 QOREnvList::~QOREnvList() = default;
 
 QOREnvList::Env QOREnvList::find(const QOREID& eid) const {
-    const auto chunk = std::lower_bound(m_chunks.begin(), m_chunks.end(), eid, [](const auto& one, const QOREID& key) {
-        return one->back()->getEID() < key;
-    });
+    const auto chunk = std::lower_bound(m_chunks.begin(), m_chunks.end(), eid,
+                                        [](const auto& one, const QOREID& key) { return one->back()->getEID() < key; });
     if (chunk == m_chunks.end()) return nullptr;
     const auto env = std::lower_bound((*chunk)->begin(), (*chunk)->end(), eid,
                                       [](const Env& one, const QOREID& key) { return one->getEID() < key; });

@@ -30,26 +30,26 @@ struct CounterSql {
     std::string_view find;
 };
 
-#define QOR_COUNTER_SQL(table)                                                                                         \
-    CounterSql {                                                                                                       \
-        "INSERT INTO " table                                                                                           \
-        " (scope, level, bucket, n) SELECT j.value->>0, j.value->>1, j.value->>2, j.value->>3 FROM json_each(?) j "    \
-        "WHERE j.value->>4 IS NULL OR EXISTS (SELECT 1 FROM " table                                                    \
-        " p WHERE p.scope = j.value->>0 AND p.level = j.value->>4 AND p.bucket = j.value->>5 AND p.split = 1) "        \
-        "ON CONFLICT (scope, level, bucket) DO UPDATE SET n = n + excluded.n",                                         \
-            "SELECT j.key, c.split FROM json_each(?) j CROSS JOIN " table                                              \
-            " c ON c.scope = j.value->>0 AND c.level = j.value->>1 AND c.bucket = j.value->>2 "                        \
-            "WHERE c.split = 1 OR c.n > ?",                                                                            \
-            "UPDATE " table " SET split = 1 WHERE scope = ? AND level = ? AND bucket = ?",                             \
-            "SELECT coalesce(sum(CASE WHEN bucket > low AND bucket < high THEN n END), 0), "                           \
-            "coalesce(max(CASE WHEN bucket = low THEN n END), 0), "                                                    \
-            "coalesce(max(CASE WHEN bucket = low THEN split END), 0), "                                                \
-            "coalesce(max(CASE WHEN bucket = high THEN n END), 0), "                                                   \
-            "coalesce(max(CASE WHEN bucket = high THEN split END), 0) "                                                \
-            "FROM (SELECT ? AS low, ? AS high) CROSS JOIN " table                                                      \
-            " WHERE scope = ? AND level = ? AND bucket BETWEEN low AND high",                                          \
-            "SELECT bucket, n, split FROM " table                                                                      \
-            " WHERE scope = ? AND level = ? AND bucket BETWEEN ? AND ? ORDER BY bucket DESC"                           \
+#define QOR_COUNTER_SQL(table)                                                                                      \
+    CounterSql {                                                                                                    \
+        "INSERT INTO " table                                                                                        \
+        " (scope, level, bucket, n) SELECT j.value->>0, j.value->>1, j.value->>2, j.value->>3 FROM json_each(?) j " \
+        "WHERE j.value->>4 IS NULL OR EXISTS (SELECT 1 FROM " table                                                 \
+        " p WHERE p.scope = j.value->>0 AND p.level = j.value->>4 AND p.bucket = j.value->>5 AND p.split = 1) "     \
+        "ON CONFLICT (scope, level, bucket) DO UPDATE SET n = n + excluded.n",                                      \
+            "SELECT j.key, c.split FROM json_each(?) j CROSS JOIN " table                                           \
+            " c ON c.scope = j.value->>0 AND c.level = j.value->>1 AND c.bucket = j.value->>2 "                     \
+            "WHERE c.split = 1 OR c.n > ?",                                                                         \
+            "UPDATE " table " SET split = 1 WHERE scope = ? AND level = ? AND bucket = ?",                          \
+            "SELECT coalesce(sum(CASE WHEN bucket > low AND bucket < high THEN n END), 0), "                        \
+            "coalesce(max(CASE WHEN bucket = low THEN n END), 0), "                                                 \
+            "coalesce(max(CASE WHEN bucket = low THEN split END), 0), "                                             \
+            "coalesce(max(CASE WHEN bucket = high THEN n END), 0), "                                                \
+            "coalesce(max(CASE WHEN bucket = high THEN split END), 0) "                                             \
+            "FROM (SELECT ? AS low, ? AS high) CROSS JOIN " table                                                   \
+            " WHERE scope = ? AND level = ? AND bucket BETWEEN low AND high",                                       \
+            "SELECT bucket, n, split FROM " table                                                                   \
+            " WHERE scope = ? AND level = ? AND bucket BETWEEN ? AND ? ORDER BY bucket DESC"                        \
     }
 
 constexpr CounterSql operationSql = QOR_COUNTER_SQL("qor_operation_count");
@@ -67,10 +67,11 @@ struct RecordSource {
     std::vector<std::string> parameters;
 };
 
+/// Operations of exactly some environments: those of one of them that have as many as these, and none but these.
 constexpr std::string_view sharedRecords =
     "(SELECT e.time AS time FROM qor_operation_environment e WHERE e.eid = ? AND e.time BETWEEN ? AND ? AND "
-    "(SELECT group_concat(x.eid, ' ') FROM (SELECT eid FROM qor_operation_environment o WHERE o.operation = "
-    "e.operation ORDER BY eid) x) = ?)";
+    "(SELECT count(DISTINCT o.eid) = CAST(? AS INTEGER) AND min(o.eid IN (SELECT value FROM json_each(?))) "
+    "FROM qor_operation_environment o WHERE o.operation = e.operation))";
 
 /// Of the members of a shared scope the one with the fewest operations around a second: its are looked through.
 std::string rarestMember(ASSession& session, std::string_view members, std::int64_t second) {
@@ -90,6 +91,16 @@ std::string rarestMember(ASSession& session, std::string_view members, std::int6
     return rarest;
 }
 
+std::string membersJson(std::string_view members) {
+    std::string json = "[";
+    for (std::size_t at = 0; at < members.size(); at += 37) {
+        json += at == 0 ? "\"" : ",\"";
+        json += members.substr(at, 36);
+        json += '"';
+    }
+    return json += ']';
+}
+
 RecordSource recordsOf(ASSession& session, QORLogKind kind, const std::string& scope, std::int64_t from,
                        std::int64_t to) {
     std::string first = time2dbstr(from);
@@ -107,7 +118,8 @@ RecordSource recordsOf(ASSession& session, QORLogKind kind, const std::string& s
     if (scope.front() == sharedMark) {
         const std::string_view members = std::string_view(scope).substr(1);
         return {sharedRecords,
-                {rarestMember(session, members, from), std::move(first), std::move(last), std::string(members)}};
+                {rarestMember(session, members, from), std::move(first), std::move(last),
+                 std::to_string((members.size() + 1) / 37), membersJson(members)}};
     }
     return {"qor_operation_environment WHERE eid = ? AND time BETWEEN ? AND ?",
             {scope, std::move(first), std::move(last)}};
@@ -152,8 +164,7 @@ std::string toJson(std::span<const Entry> entries) {
                 std::to_string(entry.change);
         if (entry.level > 0) {
             const int wider = levels[entry.level - 1];
-            json += ',' + std::to_string(wider) + ',' +
-                    std::to_string(entry.bucket >> (wider - levels[entry.level]));
+            json += ',' + std::to_string(wider) + ',' + std::to_string(entry.bucket >> (wider - levels[entry.level]));
         }
         json += ']';
     }

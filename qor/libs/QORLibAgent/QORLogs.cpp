@@ -116,8 +116,9 @@ constexpr std::string_view operationColumns =
     "SELECT o.seq, o.time, o.id, o.parent_id, o.op, o.status, o.eid, o.message, "
     "(SELECT group_concat(e.eid, ' ') FROM qor_operation_environment e WHERE e.operation = o.seq AND e.position >= 0) "
     "FROM (";
-constexpr std::string_view operationOrder = ") p CROSS JOIN qor_operation o ON o.seq = p.seq "
-                                            "ORDER BY o.time DESC, o.seq DESC";
+constexpr std::string_view operationOrder =
+    ") p CROSS JOIN qor_operation o ON o.seq = p.seq "
+    "ORDER BY o.time DESC, o.seq DESC";
 constexpr std::string_view eventColumns = "SELECT o.seq, o.time, o.eid, o.source, o.category, o.info FROM (";
 constexpr std::string_view eventOrder = ") p CROSS JOIN qor_event o ON o.seq = p.seq ORDER BY o.time DESC, o.seq DESC";
 
@@ -189,12 +190,13 @@ private:
     std::string inner() const {
         if (!isOperations()) {
             return std::string("SELECT seq FROM qor_event WHERE category = ? AND ") +
-                   (m_wanted.all              ? ""
+                   (m_wanted.all                ? ""
                     : m_wanted.eids.size() == 1 ? "eid = ? AND "
                                                 : "eid IN (SELECT value FROM json_each(?)) AND ");
         }
         if (m_wanted.all) return "SELECT seq FROM qor_operation WHERE ";
-        if (m_wanted.eids.size() == 1) return "SELECT operation AS seq FROM qor_operation_environment WHERE eid = ? AND ";
+        if (m_wanted.eids.size() == 1)
+            return "SELECT operation AS seq FROM qor_operation_environment WHERE eid = ? AND ";
         return "SELECT operation AS seq FROM qor_operation_environment "
                "WHERE eid IN (SELECT value FROM json_each(?)) AND ";
     }
@@ -260,9 +262,8 @@ private:
                 inside -= upper;
             }
         }
-        ASStatement& statement =
-            prepare(std::string("time BETWEEN ? AND ?") + (isOperations() ? " GROUP BY operation" : "") +
-                    newestFirst() + " OFFSET ?");
+        ASStatement& statement = prepare(std::string("time BETWEEN ? AND ?") +
+                                         (isOperations() ? " GROUP BY operation" : "") + newestFirst() + " OFFSET ?");
         bindTime(statement, first);
         bindTime(statement, last);
         bindNumber(statement, static_cast<std::int64_t>(most));
@@ -336,8 +337,8 @@ int fill(QORLogResult<Record>& result, const LogRequest& request) {
     Wanted wanted(request.envs);
     if (wanted.nothing() || request.from > request.to) return 0;
     try {
-        auto query = std::make_unique<LogQuery>(request.kind, std::move(wanted), request.category, request.from,
-                                                request.to);
+        auto query =
+            std::make_unique<LogQuery>(request.kind, std::move(wanted), request.category, request.from, request.to);
         const std::uint64_t size = query->count();
         const auto first = static_cast<std::uint64_t>(std::max(request.first, 0));
         const std::uint64_t found = size > first ? size - first : 0;

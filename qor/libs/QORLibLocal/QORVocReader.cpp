@@ -70,9 +70,8 @@ public:
 
     bool read(QORVocMap& out) {
         pugi::xml_document document;
-        const pugi::xml_parse_result parsed =
-            document.load_buffer(m_xml.data(), m_xml.size(), pugi::parse_default | pugi::parse_trim_pcdata,
-                                 pugi::encoding_utf8);
+        const pugi::xml_parse_result parsed = document.load_buffer(
+            m_xml.data(), m_xml.size(), pugi::parse_default | pugi::parse_trim_pcdata, pugi::encoding_utf8);
         if (!parsed) return refuse(parsed.offset, std::string("this is not XML: ") + parsed.description());
         if (!isUtf8(m_xml)) {
             return refuse(static_cast<std::ptrdiff_t>(utf8Prefix(m_xml)), "the text is not UTF-8 from here on");
@@ -97,10 +96,10 @@ private:
     }
 
     std::size_t lineAt(std::ptrdiff_t offset) const {
-        const auto end = static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(
-            offset, 0, static_cast<std::ptrdiff_t>(m_xml.size())));
-        return 1 + static_cast<std::size_t>(std::count(m_xml.begin(), m_xml.begin() + static_cast<std::ptrdiff_t>(end),
-                                                       '\n'));
+        const auto end =
+            static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(offset, 0, static_cast<std::ptrdiff_t>(m_xml.size())));
+        return 1 + static_cast<std::size_t>(
+                       std::count(m_xml.begin(), m_xml.begin() + static_cast<std::ptrdiff_t>(end), '\n'));
     }
 
     bool refuse(std::ptrdiff_t offset, std::string reason) {
@@ -226,8 +225,8 @@ private:
         } else if (contains(rule.integers, key) && !parseInt32(text)) {
             wrong(child, named + ": " + quoteText(text) + " is not an integer of 32 bits");
         } else if (key == "type" && !text.empty() && !contains(typeWords, text)) {
-            wrong(child, named + ": unknown type " + quoteText(text) + ", read as string; known are " +
-                             listed(typeWords));
+            wrong(child,
+                  named + ": unknown type " + quoteText(text) + ", read as string; known are " + listed(typeWords));
         }
     }
 
@@ -314,8 +313,8 @@ void QORVocReader::checkTogether() {
         const auto [first, isNew] = prefixes.emplace(*prefix, cache.id);
         if (isNew || first->second == cache.id) continue;
         m_mistakes.push_back({cache.file, cache.line,
-                              "<info_prefix> of " + quoteText(cache.id) + ": " + quoteText(*prefix) +
-                                  " is that of " + quoteText(first->second) + " already",
+                              "<info_prefix> of " + quoteText(cache.id) + ": " + quoteText(*prefix) + " is that of " +
+                                  quoteText(first->second) + " already",
                               false});
     }
 }

@@ -145,8 +145,8 @@ TEST_F(QOREnvTest, ManyChangesInAnyOrderKeepTheListInOrder) {
         for (unsigned i = 0; i < 100; ++i) {
             const QOREID eid = eidOf((round * 7919 + i * 104729) % 3000);
             expected.insert(eid);
-            batch.push_back(makeQORPtr<QOREnv>(eid, QOREID(), std::to_string(round), QOREnv::Status(), nullptr,
-                                               nullptr));
+            batch.push_back(
+                makeQORPtr<QOREnv>(eid, QOREID(), std::to_string(round), QOREnv::Status(), nullptr, nullptr));
         }
         m_cache.update(std::move(batch));
     }

@@ -68,9 +68,10 @@ TEST(VocabularyTest, ACategoryMayBeAbsentOrEmpty) {
 
 TEST(VocabularyTest, NumbersAreReadAsSuch) {
     QORVocReader reader;
-    ASSERT_TRUE(reader.readText("<vocabulary><category name=\"pager_caches\"><parameter id=\"c\"><source>s</source>"
-                                "<sync_timeout>30</sync_timeout></parameter></category></vocabulary>",
-                                "f.xml"));
+    ASSERT_TRUE(
+        reader.readText("<vocabulary><category name=\"pager_caches\"><parameter id=\"c\"><source>s</source>"
+                        "<sync_timeout>30</sync_timeout></parameter></category></vocabulary>",
+                        "f.xml"));
     const auto vocabulary = reader.vocabulary();
     QORVocIterator at;
     vocabulary->readCategory("pager_caches", at);
