@@ -3,19 +3,24 @@
 /// once, its rows fetched and left where they are.
 #pragma once
 
+#include <benchmark/benchmark.h>
 #include <sql.h>
 #include <sqlext.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "rdbmspp/QORRdbms.h"
 
@@ -155,8 +160,80 @@ class ByHand {
     std::array<SQLLEN, 7> m_lengths{};
 };
 
+/// Processor time of this thread: what else the machine does stays out of it.
+inline double processorSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
 inline double seconds(Clock::time_point from) {
     return std::chrono::duration<double>(Clock::now() - from).count();
+}
+
+/// Takes turns between the select by hand and `ours`, `batch` requests at a time. Counters: the best times of both
+/// and their ratio, below 1 being faster than ODBC by hand.
+/// \param ours runs one request and gives its number of rows
+template <class Ours>
+void compare(benchmark::State& state, std::int64_t rows, std::int32_t limit, int batch, Ours ours) {
+    ByHand hand(rows, limit > 0);
+    const std::int64_t expected = limit > 0 ? limit : rows - 10;
+    check(ours(Request{limit, 40}) == expected, "our rows are not right");
+    check(hand.run({limit, 40}) == expected, "the rows by hand are not right");
+    double best = 1e9;
+    double plain = 1e9;
+    for (auto _ : state) {
+        double from = processorSeconds();
+        for (int i = 0; i < batch; ++i)
+            hand.run({limit, 20 * (i % 5)});
+        plain = std::min(plain, (processorSeconds() - from) / batch);
+        from = processorSeconds();
+        for (int i = 0; i < batch; ++i)
+            ours(Request{limit, 20 * (i % 5)});
+        const double now = (processorSeconds() - from) / batch;
+        best = std::min(best, now);
+        state.SetIterationTime(now);
+    }
+    state.counters["odbc_us"] = plain * 1e6;
+    state.counters["ours_us"] = best * 1e6;
+    state.counters["ratio"] = best / plain;
+}
+
+/// Pages of 20 a second by so many threads. \param makeClient gives each thread its own `ours` as above
+template <class MakeClient>
+double pagesPerSecond(unsigned threads, int pages, MakeClient makeClient) {
+    std::vector<decltype(makeClient())> clients;
+    for (unsigned t = 0; t < threads; ++t)
+        clients.push_back(makeClient());
+    const auto from = Clock::now();
+    std::vector<std::thread> running;
+    for (auto& client : clients) {
+        running.emplace_back([&client, pages] {
+            for (int i = 0; i < pages; ++i)
+                check(client(Request{20, 20 * (i % 5)}) == 20, "a page is not whole");
+        });
+    }
+    for (auto& thread : running)
+        thread.join();
+    return static_cast<double>(threads) * pages / seconds(from);
+}
+
+/// "gain": pages of two threads for one page of one. The best of several: whatever else the machine does can only
+/// take processors away.
+template <class MakeClient>
+void compareThreads(benchmark::State& state, MakeClient makeClient) {
+    pagesPerSecond(2, 100, makeClient);
+    double one = 0;
+    double two = 0;
+    for (auto _ : state) {
+        const double now = pagesPerSecond(1, 4000, makeClient);
+        one = std::max(one, now);
+        two = std::max(two, pagesPerSecond(2, 4000, makeClient));
+        state.SetIterationTime(4000 / now);
+    }
+    state.counters["pages_s_one"] = one;
+    state.counters["pages_s_two"] = two;
+    state.counters["gain"] = two / one;
 }
 
 }  // namespace QOR::bench
