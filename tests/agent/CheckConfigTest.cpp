@@ -1,0 +1,67 @@
+// A vocabulary file on the agent's command line.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "support/AgentProcess.h"
+#include "support/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
+
+namespace QOR::test {
+namespace {
+
+using ::testing::HasSubstr;
+
+class CheckConfigTest : public ::testing::Test {
+protected:
+    std::string write(const std::string& text) {
+        const auto file = m_folder / "vocabulary.xml";
+        std::ofstream(file) << text;
+        return file.string();
+    }
+    /// \returns the exit status
+    int check(const std::vector<std::string>& more) {
+        std::vector<std::string> command{(programDirectory() / "qor-agent").string(), "--check-config"};
+        command.insert(command.end(), more.begin(), more.end());
+        ChildProcess agent(command);
+        const int status = agent.wait();
+        m_output = agent.output();
+        return status;
+    }
+
+    TemporaryDirectory m_folder;
+    std::string m_output;
+};
+
+TEST_F(CheckConfigTest, TheShippedVocabularyIsSound) {
+    EXPECT_EQ(check({}), 0) << m_output;
+    EXPECT_THAT(m_output, HasSubstr("share/qor/vocabulary.xml: no mistakes"));
+}
+
+TEST_F(CheckConfigTest, MistakesAreNamedAndEndWithFailure) {
+    const std::string file = write("<vocabulary>\n<category name=\"pager_fields\">\n<parameter id=\"a\"/>\n"
+                                   "</category></vocabulary>");
+    EXPECT_EQ(check({"--config", file}), 1);
+    EXPECT_THAT(m_output, HasSubstr(file + ":3: \"a\" has no <source>"));
+}
+
+TEST_F(CheckConfigTest, AnAgentDoesNotStartWithAFileThatItCannotRead) {
+    const std::string file = write("<vocabulary>\n</vocabular>");
+    ChildProcess agent({(programDirectory() / "qor-agent").string(), "--config", file, "--database",
+                        "Driver=SQLite3;Database=" + (m_folder / "agent.db").string(), "--socket",
+                        (m_folder / "agent.sock").string()});
+    EXPECT_NE(agent.wait(), 0);
+    EXPECT_THAT(agent.output(), HasSubstr(file + ":2: this is not XML"));
+}
+
+TEST_F(CheckConfigTest, AnAgentWorksInSpiteOfMistakesThatLeaveTheFileUsable) {
+    AgentSettings settings;
+    settings.more = {"--config", write("<vocabulary>\n<category name=\"pager_fields\">\n<parameter id=\"a\"/>\n"
+                                       "</category></vocabulary>")};
+    AgentProcess agent(settings);
+    EXPECT_THAT(agent.log(), HasSubstr("has no <source>"));
+}
+
+}  // namespace
+}  // namespace QOR::test
