@@ -4,20 +4,26 @@
 
 #include <set>
 #include <string>
+#include <utility>
+
+#include "QORFunctionality/QORAccess.h"
+#include "QORPager/QORArg.h"
 
 namespace QOR {
 
+namespace {
+
 /// A row of one value.
-class QORArg {
+class ValueRow final : public QORArg {
 public:
+    explicit ValueRow(std::string text) : value(std::move(text)) {}
     std::string value;
 };
 
-namespace {
-
 std::string valueOf(const QORArg& row, const QORField* /*field*/, bool& last, int index) {
+    const std::string& value = dynamic_cast<const ValueRow&>(row).value;
     last = index >= 1;
-    return index == 0 ? row.value : row.value + "#" + std::to_string(index);
+    return index == 0 ? value : value + "#" + std::to_string(index);
 }
 
 QORField makeField(const char* name, TValueType type, FieldStructType structType = FieldStructType::Single) {
@@ -102,8 +108,8 @@ const LessCase lessCases[] = {
 TEST(Field, ValuesOrderAsTheirTypeReadsThem) {
     for (const LessCase& test : lessCases) {
         const QORField field = makeField("x", test.type);
-        const QORArg smaller{test.smaller};
-        const QORArg greater{test.greater};
+        const ValueRow smaller{test.smaller};
+        const ValueRow greater{test.greater};
         EXPECT_TRUE(field.lessValueFunc(smaller, greater, field)) << test.smaller << " < " << test.greater;
         EXPECT_FALSE(field.lessValueFunc(greater, smaller, field)) << test.greater << " < " << test.smaller;
     }
@@ -113,7 +119,7 @@ TEST(Field, BooleansOtherThanZeroAreEqual) {
     const QORField field = makeField("x", TValueType::Boolean);
     for (const char* first : {"1", "true", "false", ""}) {
         for (const char* second : {"1", "true", "false", ""}) {
-            EXPECT_FALSE(field.lessValueFunc(QORArg{first}, QORArg{second}, field));
+            EXPECT_FALSE(field.lessValueFunc(ValueRow{first}, ValueRow{second}, field));
         }
     }
 }
@@ -130,7 +136,7 @@ TEST(Field, TheFirstOfTwoFieldsOfOneNameStays) {
 
 TEST(Field, ValuesAreReadByIndex) {
     const QORField field = makeField("x", TValueType::String);
-    const QORArg row{"v"};
+    const ValueRow row{"v"};
     bool last = false;
     EXPECT_EQ(field.getValue(row), "v");
     EXPECT_EQ(field.getValue(row, last, 0), "v");
