@@ -65,7 +65,7 @@ bool TExpressionEvaluation::prepareNotSpecial() {
 
 void TExpressionEvaluation::clearResult() {
     m_operands.clear();
-    m_result = {};
+    m_result.type = TValueType::Invalid;
 }
 
 std::vector<const TToken*> TExpressionEvaluation::postfixOrder() const {
@@ -77,29 +77,38 @@ std::vector<const TToken*> TExpressionEvaluation::postfixOrder() const {
 }
 
 template <class Order>
-void TExpressionEvaluation::run(ProgramSlot& slot, Order order) {
-    if (!slot.program || slot.parse != parseCount()) {
-        slot.program.emplace(order());
-        slot.parse = parseCount();
-    }
-    slot.program->run(*this, m_result);
+void TExpressionEvaluation::compile(ProgramSlot& slot, Order order) {
+    slot.program.emplace(order());
+    slot.version = version();
 }
+
+void TExpressionEvaluation::run(ProgramSlot& slot) {
+    if (const TErrorType code = slot.program->run(m_result); code != etNoErrors) setError(code);
+}
+
+// A program that is current belongs to a text that is parsed, so that a row begins with running it.
 
 void TExpressionEvaluation::evaluate() {
     clearResult();
-    if (prepare()) return;
-    run(m_program, [this] { return postfixOrder(); });
+    if (!isCurrent(m_program)) {
+        if (prepare()) return;
+        compile(m_program, [this] { return postfixOrder(); });
+    }
+    if (!isError()) run(m_program);
 }
 
 void TExpressionEvaluation::evaluateSpecial() {
     clearResult();
-    if (prepareSpecial()) return;
-    const TNode* const tree = buildTreeSpecial();
-    if (tree == nullptr) {
-        setError(etEvaluation);
-        return;
+    if (!isCurrent(m_specialProgram)) {
+        if (prepareSpecial()) return;
+        const TNode* const tree = buildTreeSpecial();
+        if (tree == nullptr) {
+            setError(etEvaluation);
+            return;
+        }
+        compile(m_specialProgram, [tree] { return tree->postOrder(); });
     }
-    run(m_specialProgram, [tree] { return tree->postOrder(); });
+    if (!isError()) run(m_specialProgram);
 }
 
 void TExpressionEvaluation::evaluateByMethods() {

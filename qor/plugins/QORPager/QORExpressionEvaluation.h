@@ -117,10 +117,10 @@ private:
         Owned left;
         Owned right;
     };
-    /// A program, and the parse that it was made from.
+    /// A program, and the state of the parser that it was made from.
     struct ProgramSlot {
         std::optional<TExpressionProgram> program;
-        std::size_t parse = 0;
+        std::size_t version = 0;
     };
 
     Owned getOneOperand();
@@ -134,8 +134,10 @@ private:
 
     std::vector<const TToken*> postfixOrder() const;
     void clearResult();
+    bool isCurrent(const ProgramSlot& slot) const noexcept { return slot.program && slot.version == version(); }
     template <class Order>
-    void run(ProgramSlot& slot, Order order);
+    void compile(ProgramSlot& slot, Order order);
+    void run(ProgramSlot& slot);
     void walk(const std::vector<const TToken*>& tokens);
     bool walkToken(const TToken& token);
     bool takeBoolean(bool& out);

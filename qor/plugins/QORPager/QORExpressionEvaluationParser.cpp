@@ -23,6 +23,7 @@ TExpressionEvaluationParser::~TExpressionEvaluationParser() = default;
 void TExpressionEvaluationParser::setExpression(std::string_view text) {
     m_text.assign(text);
     m_parsed = false;
+    ++m_version;
     dropTrees();
 }
 
@@ -30,7 +31,9 @@ bool TExpressionEvaluationParser::setIdentifier(std::string_view name, TBaseValu
     if (name.empty() || !std::all_of(name.begin(), name.end(), isValidNameChar)) return false;
     std::string key = toLowerText(name);
     if (special) m_specialIdentifiers.insert(key);
-    m_identifiers[std::move(key)].reset(value);
+    TIdentifierValue& bound = m_identifiers[std::move(key)];
+    if (bound != nullptr && bound->type() != value->type()) ++m_version;
+    bound.reset(value);
     return true;
 }
 
@@ -43,29 +46,15 @@ TIdentifierHandle TExpressionEvaluationParser::bindingHandle(std::string_view na
     return found == m_identifiers.end() ? TIdentifierHandle() : TIdentifierHandle(&found->second);
 }
 
-bool TExpressionEvaluationParser::setFromText(TIdentifierHandle handle, std::string_view text) {
-    if (!handle) return true;
-    TBaseValue* const value = handle.m_value->get();
-    // What setValueFromString of the class does, without making a string of the text.
-    switch (value->type()) {
-        case TValueType::Integer:
-            static_cast<TIntegerValue*>(value)->assign(readInteger(text));
-            return false;
-        case TValueType::String:
-            static_cast<TStringValue*>(value)->assign(text);
-            return false;
-        case TValueType::Boolean:
-            static_cast<TBooleanValue*>(value)->assign(TBooleanValue::isTrueText(text));
-            return false;
-        default:
-            return value->setValueFromString(std::string(text));
-    }
+bool TExpressionEvaluationParser::setOther(TIdentifierHandle handle, std::string_view text) {
+    return !handle || (*handle.m_value)->setValueFromString(std::string(text));
 }
 
 void TExpressionEvaluationParser::clearIdentifiersMap() {
     dropTrees();
     m_postfix.clear();
     m_parsed = false;
+    ++m_version;
     m_identifiers.clear();
 }
 
@@ -110,7 +99,7 @@ bool TExpressionEvaluationParser::doParse() {
 
 void TExpressionEvaluationParser::startParse() {
     dropTrees();
-    ++m_parseCount;
+    ++m_version;
     m_parsed = false;
     m_postfix.clear();
     m_usedIdentifiers.clear();

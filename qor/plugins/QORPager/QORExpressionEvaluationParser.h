@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "QORPager/QORExpressionTables.h"
+#include "QORPager/QORExpressionText.h"
 #include "QORPager/QORExpressionToken.h"
 #include "QORPager/QORExpressionTree.h"
 
@@ -58,7 +59,20 @@ public:
     bool setIdentifierFromString(std::string_view name, std::string_view text);
     /// The same in two steps. A name that is not bound gives a handle that is false, and setting that returns true.
     TIdentifierHandle bindingHandle(std::string_view name) noexcept;
-    static bool setFromText(TIdentifierHandle handle, std::string_view text);
+    static bool setFromText(TIdentifierHandle handle, std::string_view text) {
+        TBaseValue* const value = handle ? handle.m_value->get() : nullptr;
+        if (value == nullptr || value->type() != TValueType::String) return setNumber(handle, text);
+        static_cast<TStringValue*>(value)->assign(text);
+        return false;
+    }
+    /// As setFromText, but a name that is bound to a text refers to the caller's bytes: they must stay as they are
+    /// until the name is set or bound again, or the evaluator is not evaluated any more.
+    static bool setView(TIdentifierHandle handle, std::string_view text) {
+        TBaseValue* const value = handle ? handle.m_value->get() : nullptr;
+        if (value == nullptr || value->type() != TValueType::String) return setNumber(handle, text);
+        static_cast<TStringValue*>(value)->refer(text);
+        return false;
+    }
     /// Forgets all names, "true" and "false" too; which names are special is kept. The text must be parsed again.
     void clearIdentifiersMap();
 
@@ -101,8 +115,9 @@ public:
     std::size_t getErrorPosition() const noexcept { return m_errorPosition; }
 
 protected:
-    /// Counts parses, so that what was made from a postfix sequence can tell that it is gone.
-    std::size_t parseCount() const noexcept { return m_parseCount; }
+    /// Changes whenever what was made of the expression is out of date: another text or parse, names forgotten, a name
+    /// bound to a value of another type.
+    std::size_t version() const noexcept { return m_version; }
 
 private:
     /// One open function call.
@@ -118,6 +133,15 @@ private:
         std::unique_ptr<TNode> root;
         bool built = false;
     };
+
+    /// What setValueFromString of the class does, without making a string of the text.
+    static bool setNumber(TIdentifierHandle handle, std::string_view text) {
+        TBaseValue* const value = handle ? handle.m_value->get() : nullptr;
+        if (value == nullptr || value->type() != TValueType::Integer) return setOther(handle, text);
+        static_cast<TIntegerValue*>(value)->assign(readInteger(text));
+        return false;
+    }
+    static bool setOther(TIdentifierHandle handle, std::string_view text);
 
     // The lexer. Each get... reads one token, the position being at its first character.
     static bool isString(char ch) noexcept { return ch == '"' || ch == '\''; }
@@ -173,7 +197,7 @@ private:
     bool m_unaryMinus = true;
     TTokenType m_previousType = ttNone;
     std::size_t m_eidCount = 0;  ///< tokens that are exactly the environment's identifier
-    std::size_t m_parseCount = 0;
+    std::size_t m_version = 0;
     std::set<std::string, std::less<>> m_usedIdentifiers;
     TreeSlot m_tree;
     TreeSlot m_specialTree;

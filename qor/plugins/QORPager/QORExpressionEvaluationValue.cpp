@@ -171,17 +171,22 @@ bool TIntegerValue::isZero() const {
 
 TStringValue::~TStringValue() = default;
 
+std::string& TStringValue::own() {
+    if (m_value.data() != m_owned.data()) assign(m_value);
+    return m_owned;
+}
+
 bool TStringValue::setValueFromString(const std::string& text) {
-    m_value = text;
+    assign(text);
     return false;
 }
 
 TBaseValue* TStringValue::clone() const {
-    return new TStringValue(m_value);
+    return new TStringValue(std::string(m_value));
 }
 
 TBaseValue* TStringValue::opAdd(TBaseValue* right) {
-    return changeLeft(this, right, [](auto& left, const std::string& p) { left.m_value += p; });
+    return changeLeft(this, right, [](auto& left, std::string_view p) { left.m_value = left.own() += p; });
 }
 TBaseValue* TStringValue::opGT(TBaseValue* right) {
     return testBoth(this, right, std::greater<>());
@@ -206,12 +211,14 @@ TBaseValue* TStringValue::opLike(TBaseValue* right) {
 }
 
 TBaseValue* TStringValue::funcUpper() {
-    upperText(m_value.data(), m_value.data() + m_value.size());
+    std::string& bytes = own();
+    upperText(bytes.data(), bytes.data() + bytes.size());
     return this;
 }
 
 TBaseValue* TStringValue::funcLower() {
-    lowerText(m_value.data(), m_value.data() + m_value.size());
+    std::string& bytes = own();
+    lowerText(bytes.data(), bytes.data() + bytes.size());
     return this;
 }
 

@@ -90,13 +90,20 @@ private:
 
 class TStringValue final : public TBaseValue {
 public:
-    explicit TStringValue(std::string value) noexcept : TBaseValue(TValueType::String), m_value(std::move(value)) {}
+    explicit TStringValue(std::string value) noexcept
+        : TBaseValue(TValueType::String), m_owned(std::move(value)), m_value(m_owned) {}
     ~TStringValue() override;
 
-    static const std::string& getValue(const TBaseValue* object) noexcept {
+    /// Valid until the object changes or goes.
+    static std::string_view getValue(const TBaseValue* object) noexcept {
         return static_cast<const TStringValue*>(object)->m_value;
     }
-    void assign(std::string_view text) { m_value.assign(text); }
+    void assign(std::string_view text) {
+        m_owned.assign(text);
+        m_value = m_owned;
+    }
+    /// Takes the text without copying it: its bytes stay the caller's, and must outlive the object or the next change.
+    void refer(std::string_view text) noexcept { m_value = text; }
 
     bool setValueFromString(const std::string& text) override;
     TBaseValue* clone() const override;
@@ -114,7 +121,11 @@ public:
     TBaseValue* funcLower();
 
 private:
-    std::string m_value;
+    /// Makes the bytes the object's own, so that they can be changed.
+    std::string& own();
+
+    std::string m_owned;
+    std::string_view m_value;  ///< of m_owned, or of a text that is referred to
 };
 
 class TBooleanValue final : public TBaseValue {

@@ -40,7 +40,10 @@ int compareTexts(const TOperand& left, const TOperand& right) noexcept {
 bool equalTexts(const TOperand& left, const TOperand& right) noexcept {
     if (left.text.size() != right.text.size()) return false;
     if (asIs(left, right)) return left.text == right.text;
-    return compareTexts(left, right) == 0;
+    for (std::size_t i = 0; i < left.text.size(); ++i) {
+        if (inCase(left.text[i], left.textCase) != inCase(right.text[i], right.textCase)) return false;
+    }
+    return true;
 }
 
 void TTextBuffer::grow(std::size_t before, std::size_t after) {

@@ -1,6 +1,8 @@
 #include "QORPager/QORExpressionProgram.h"
 
 #include <algorithm>
+#include <limits>
+#include <optional>
 
 #include "QORPager/QORExpressionEvaluation.h"
 #include "QORPager/QORExpressionTables.h"
@@ -9,280 +11,568 @@
 namespace QOR {
 namespace {
 
-constexpr bool isType(const TOperand& operand, TValueType type) noexcept {
-    return operand.type == type;
-}
+constexpr std::uint8_t smaller = 1;
+constexpr std::uint8_t equal = 2;
+constexpr std::uint8_t greater = 4;
 
-bool areBoth(const TOperand& left, const TOperand& right, TValueType type) noexcept {
-    return isType(left, type) && isType(right, type);
-}
-
-/// Whether a comparison holds for operands that compare like this.
-constexpr bool holds(TTokenType type, int order) noexcept {
+/// The orders of its operands for which a comparison holds.
+constexpr std::uint8_t ordersOf(TTokenType type) noexcept {
     switch (type) {
         case ttGreater:
-            return order > 0;
+            return greater;
         case ttGreaterOrEqual:
-            return order >= 0;
+            return greater | equal;
         case ttLower:
-            return order < 0;
+            return smaller;
         case ttLowerOrEqual:
-            return order <= 0;
+            return smaller | equal;
         case ttEqual:
-            return order == 0;
+            return equal;
         default:
-            return order != 0;
+            return smaller | greater;
     }
 }
 
-constexpr bool isEquality(TTokenType type) noexcept {
-    return type == ttEqual || type == ttNotEqual;
+/// \param order negative, 0 or positive
+constexpr bool holds(std::uint8_t orders, int order) noexcept {
+    const int bit = 1 + (order > 0 ? 1 : 0) - (order < 0 ? 1 : 0);
+    return ((orders >> bit) & 1) != 0;
 }
 
-/// A text that is wholly a number becomes that number.
-void fixToInteger(TOperand& operand) noexcept {
-    // Case does not touch digits, so a text is read as it stands.
-    if (!isType(operand, TValueType::String)) return;
-    if (const auto number = readWholeInteger(operand.text)) operand = TOperand::ofInteger(*number);
+constexpr int orderOf(std::int32_t left, std::int32_t right) noexcept {
+    return (left > right ? 1 : 0) - (left < right ? 1 : 0);
+}
+
+constexpr bool isEquality(std::uint8_t orders) noexcept {
+    return orders == equal || orders == (smaller | greater);
+}
+
+/// Whether a pattern has a leading wildcard only, which a subject can be too short for.
+bool canBeOutOfRange(std::string_view pattern) noexcept {
+    return pattern.starts_with('%') && !pattern.ends_with('%');
 }
 
 }  // namespace
 
-TExpressionProgram::TExpressionProgram(const std::vector<const TToken*>& tokens) {
-    std::size_t depth = 0;
-    std::size_t deepest = 1;
-    m_code.reserve(tokens.size());
-    for (const TToken* token : tokens) {
-        if (token->tokenClass == tcOperator) {
-            if (!addOperator(*token, depth)) {
-                addFailure();
-                break;
+/// Makes the instructions in two passes over the tokens: what operands are, and where the right sides of "and" and "or"
+/// begin that can be left out; then the code.
+class TExpressionProgram::Compiler {
+public:
+    Compiler(TExpressionProgram& program, const std::vector<const TToken*>& tokens)
+        : m_program(program), m_tokens(tokens), m_skippedFrom(tokens.size(), none) {}
+
+    void compile() {
+        walk(false);
+        m_operands.clear();
+        m_program.m_code.reserve(m_tokens.size());
+        walk(true);
+        m_program.m_stack.resize(m_deepest);
+    }
+
+private:
+    static constexpr std::uint32_t none = std::numeric_limits<std::uint32_t>::max();
+
+    void walk(bool emitting) {
+        for (m_at = 0; m_at < m_tokens.size(); ++m_at) {
+            const TToken& token = *m_tokens[m_at];
+            if (emitting && m_skippedFrom[m_at] != none) emitJump(*m_tokens[m_skippedFrom[m_at]]);
+            if (token.tokenClass != tcOperator) {
+                addOperand(token, emitting);
+            } else if (!addOperator(token, emitting)) {
+                return;
             }
+        }
+        if (emitting && m_operands.size() != 1) emit(planFailure(etEvaluation).instruction);
+    }
+
+    void addOperand(const TToken& token, bool emitting) {
+        Known known;
+        known.begin = m_at;
+        if (token.tokenClass == tcIdentifier) {
+            known.type = TOperand::of(**token.identifier).type;
         } else {
-            m_code.push_back({Step::Push, token, ttNone, TTextCase::AsIs, sourceOf(*token), {}});
-            ++depth;
+            known.type = token.tokenClass == tcNumber ? TValueType::Integer : TValueType::String;
+            known.constant = &token;
         }
-        deepest = std::max(deepest, depth);
+        m_operands.push_back(known);
+        m_deepest = std::max(m_deepest, m_operands.size());
+        if (!emitting) return;
+        Instruction push;
+        push.left = leaf(token, known.type);
+        emit(push);
     }
-    if (depth != 1) addFailure();
-    m_stack.resize(deepest);
-}
 
-TExpressionProgram::Source TExpressionProgram::sourceOf(const TToken& token) {
-    if (token.tokenClass == tcIdentifier) return {From::Identifier, 0, token.identifier};
-    const bool number = token.tokenClass == tcNumber;
-    m_constants.push_back(number ? TOperand::ofInteger(readInteger(token.text)) : TOperand::ofText(token.text));
-    return {From::Constant, static_cast<std::uint32_t>(m_constants.size() - 1), nullptr};
-}
-
-/// Constants and names are read where they are used: a push just before an operator becomes its operand.
-TExpressionProgram::Source TExpressionProgram::takeLeaf() {
-    if (m_code.empty() || m_code.back().step != Step::Push) return {};
-    const Source source = m_code.back().left;
-    m_code.pop_back();
-    return source;
-}
-
-bool TExpressionProgram::addOperator(const TToken& token, std::size_t& depth) {
-    const int arity = arityOf(token);
-    if (arity < 0 || depth < static_cast<std::size_t>(arity)) return false;
-    Instruction instruction{arity == 1 ? Step::Unary : Step::Binary, &token, token.type, TTextCase::AsIs, {}, {}};
-    if (token.type == ttFunction) {
-        instruction.textCase =
-            token.method == &TExpressionEvaluation::functionUpper ? TTextCase::Upper : TTextCase::Lower;
+    /// \returns false when nothing behind the operator can be reached
+    bool addOperator(const TToken& token, bool emitting) {
+        const int arity = arityOf(token);
+        const bool broken = arity < 0 || m_operands.size() < static_cast<std::size_t>(arity);
+        const Plan plan = broken ? planFailure(etEvaluation) : planOf(token, arity);
+        if (emitting) emitOperator(plan);
+        if (plan.instruction.op == Op::Fail) return false;
+        Known& first = m_operands[m_operands.size() - static_cast<std::size_t>(arity)];
+        const Known& last = m_operands.back();
+        const bool logical = plan.instruction.op == Op::And || plan.instruction.op == Op::Or;
+        if (logical && last.safe && last.begin + 1 < m_at) m_skippedFrom[last.begin] = static_cast<std::uint32_t>(m_at);
+        first = {plan.result, nullptr, first.begin, first.safe && last.safe && plan.safe};
+        if (arity == 2) m_operands.pop_back();
+        return true;
     }
-    if (arity == 2) instruction.right = takeLeaf();
-    if (arity == 1 || instruction.right.from != From::Stack) instruction.left = takeLeaf();
-    m_code.push_back(instruction);
-    depth -= static_cast<std::size_t>(arity - 1);
-    return true;
+
+    Plan planOf(const TToken& token, int arity) const {
+        const Known& last = m_operands.back();
+        return arity == 1 ? planUnary(token, last) : planBinary(token, m_operands[m_operands.size() - 2], last);
+    }
+
+    Source leaf(const TToken& token, TValueType type) {
+        Source source;
+        source.type = type;
+        if (token.tokenClass == tcIdentifier) {
+            source.from = From::Name;
+            source.name = token.identifier;
+            return source;
+        }
+        source.from = From::Constant;
+        if (token.tokenClass == tcNumber) {
+            source.number = readInteger(token.text);
+        } else {
+            source.number = static_cast<std::int32_t>(m_program.m_texts.size());
+            m_program.m_texts.push_back(token.text);
+        }
+        return source;
+    }
+
+    std::vector<Instruction>& code() { return m_program.m_code; }
+    void emit(const Instruction& instruction) { code().push_back(instruction); }
+
+    /// In front of the right side of a logical operator.
+    void emitJump(const TToken& logical) {
+        Instruction jump;
+        jump.op = logical.type == ttAnd ? Op::JumpIfFalse : Op::JumpIfTrue;
+        m_openJumps.push_back(code().size());
+        emit(jump);
+    }
+
+    void emitOperator(const Plan& plan) {
+        Instruction instruction = plan.instruction;
+        if (instruction.op == Op::Fail) {
+            emit(instruction);
+            return;
+        }
+        const bool ends = !m_openJumps.empty() && m_skippedFrom[m_operands.back().begin] == m_at;
+        if (plan.arity == 2) takeLeaf(instruction.right);
+        if (plan.arity == 1 || instruction.right.from != From::Stack) takeLeaf(instruction.left);
+        specialize(instruction, m_program.m_texts);
+        emit(instruction);
+        if (!ends) return;
+        code()[m_openJumps.back()].target = static_cast<std::uint32_t>(code().size());
+        m_openJumps.pop_back();
+    }
+
+    /// Constants and names are read where they are used: a push just before an operator becomes its operand.
+    void takeLeaf(Source& operand) {
+        if (code().empty() || code().back().op != Op::Push) return;
+        const Convert convert = operand.convert;
+        operand = code().back().left;
+        operand.convert = convert;
+        code().pop_back();
+        if (operand.from == From::Constant) convertConstant(operand);
+    }
+
+    void convertConstant(Source& constant) {
+        if (constant.convert == Convert::Nothing) return;
+        if (constant.type == TValueType::String) {
+            const std::string_view text = m_program.m_texts[static_cast<std::size_t>(constant.number)];
+            constant.number =
+                constant.convert == Convert::ToInteger ? readInteger(text) : EqualityPolicy::countsAsTrue(text);
+        } else if (constant.convert == Convert::ToBoolean) {
+            constant.number = constant.number != 0;
+        }
+        constant.type = TValueType::Integer;
+        constant.convert = Convert::Nothing;
+    }
+
+    TExpressionProgram& m_program;
+    const std::vector<const TToken*>& m_tokens;
+    std::vector<std::uint32_t> m_skippedFrom;  ///< by token: the logical operator whose right side begins there
+    std::vector<Known> m_operands;
+    std::vector<std::size_t> m_openJumps;
+    std::size_t m_at = 0;
+    std::size_t m_deepest = 1;
+};
+
+TExpressionProgram::TExpressionProgram(const std::vector<const TToken*>& tokens) {
+    Compiler(*this, tokens).compile();
 }
 
-TOperand TExpressionProgram::fetch(const Source& source, TOperand*& top) const noexcept {
-    switch (source.from) {
-        case From::Identifier:
-            return TOperand::of(**source.identifier);
-        case From::Constant:
-            return m_constants[source.constant];
+/// Turns a comparison of a name with a constant on its right into a test.
+void TExpressionProgram::specialize(Instruction& instruction, const std::vector<std::string_view>& texts) noexcept {
+    const Source& name = instruction.left;
+    const Source& constant = instruction.right;
+    if (name.from != From::Name || constant.from != From::Constant) return;
+    if (constant.type == TValueType::String) instruction.text = texts[static_cast<std::size_t>(constant.number)];
+    switch (instruction.op) {
+        case Op::CompareNumbers:
+            if (name.convert == Convert::ToBoolean) return;
+            instruction.op = name.type == TValueType::Integer ? Op::TestInteger : Op::TestNumberText;
+            return;
+        case Op::CompareTexts:
+            if (isEquality(instruction.orders)) instruction.op = Op::TestText;
+            return;
+        case Op::Like:
+            if (!instruction.text.ends_with('%') || instruction.text.starts_with('%')) return;
+            instruction.text.remove_suffix(1);
+            instruction.op = Op::TestPrefix;
+            return;
         default:
-            return *--top;
+            return;
     }
 }
 
-bool TExpressionProgram::run(TExpressionEvaluation& evaluator, TOperand& result) {
-    m_pool.reset();
-    TOperand* top = m_stack.data();
-    for (const Instruction& instruction : m_code) {
-        switch (instruction.step) {
-            case Step::Push:
-                *top++ = fetch(instruction.left, top);
-                break;
-            case Step::Unary: {
-                TOperand operand = fetch(instruction.left, top);
-                if (!applyUnary(instruction, operand, evaluator)) return false;
-                *top++ = operand;
-                break;
-            }
-            case Step::Binary: {
-                TOperand right = fetch(instruction.right, top);
-                TOperand left = fetch(instruction.left, top);
-                if (!applyBinary(instruction, left, right, evaluator)) return false;
-                *top++ = left;
-                break;
-            }
-            case Step::Fail:
-                evaluator.setError(etEvaluation);
-                return false;
-        }
-    }
-    result = m_stack.front();
-    m_pool.settle(result);
-    return true;
+TExpressionProgram::Plan TExpressionProgram::planFailure(TErrorType code) {
+    Plan plan;
+    plan.instruction.op = Op::Fail;
+    plan.instruction.code = code;
+    plan.safe = false;
+    return plan;
 }
 
-bool TExpressionProgram::applyUnary(const Instruction& instruction, TOperand& operand,
-                                    TExpressionEvaluation& evaluator) {
-    if (instruction.type == ttNot && isType(operand, TValueType::Boolean)) {
-        operand.number = 1 - operand.number;
-        return true;
+TExpressionProgram::Plan TExpressionProgram::planUnary(const TToken& token, const Known& operand) {
+    Plan plan;
+    plan.arity = 1;
+    plan.instruction.right.from = From::Constant;  // nothing to take from the stack
+    plan.instruction.left.type = operand.type;
+    plan.result = operand.type;
+    if (token.type == ttUnaryMinus) {
+        const bool integer = operand.type == TValueType::Integer;
+        plan.instruction.op = integer ? Op::Negate : Op::MakeInvalid;
+        if (!integer) plan.result = TValueType::Invalid;
+        return plan;
     }
-    if (instruction.type == ttFunction && isType(operand, TValueType::String)) {
-        operand.textCase = instruction.textCase;
-        return true;
+    if (token.type == ttNot) {
+        if (operand.type != TValueType::Boolean) return planFailure(etInvalidType);
+        plan.instruction.op = Op::Not;
+        return plan;
     }
-    if (instruction.type == ttUnaryMinus && isType(operand, TValueType::Integer)) {
-        operand.number = negateInteger(operand.number);
-        return true;
-    }
-    return applyMethod(instruction, operand, nullptr, evaluator);
+    if (operand.type != TValueType::String) return planFailure(etInvalidType);
+    plan.instruction.op = Op::ChangeCase;
+    plan.instruction.textCase =
+        token.method == &TExpressionEvaluation::functionUpper ? TTextCase::Upper : TTextCase::Lower;
+    return plan;
 }
 
-bool TExpressionProgram::applyBinary(const Instruction& instruction, TOperand& left, TOperand& right,
-                                     TExpressionEvaluation& evaluator) {
-    return compute(instruction.type, left, right) || applyMethod(instruction, left, &right, evaluator);
-}
-
-/// The operator on operand types that it works on; false, with the operands unchanged in meaning, for all others.
-bool TExpressionProgram::compute(TTokenType type, TOperand& left, TOperand& right) {
-    const bool integers = areBoth(left, right, TValueType::Integer);
-    switch (type) {
+TExpressionProgram::Plan TExpressionProgram::planBinary(const TToken& token, const Known& left, const Known& right) {
+    Plan plan;
+    plan.instruction.left.type = left.type;
+    plan.instruction.right.type = right.type;
+    const auto areBoth = [&](TValueType type) { return left.type == type && right.type == type; };
+    switch (token.type) {
         case ttOr:
         case ttAnd:
-            if (!areBoth(left, right, TValueType::Boolean)) return false;
-            left.number = type == ttOr ? left.number | right.number : left.number & right.number;
-            return true;
-        case ttLike: {
-            if (!areBoth(left, right, TValueType::String)) return false;
-            m_pool.settle(left);
-            m_pool.settle(right);
-            const bool matches = matchLike(left.text, right.text);
-            m_pool.release(left);
-            m_pool.release(right);
-            left = TOperand::ofBoolean(matches);
-            return true;
-        }
-        case ttAdd:
-            if (integers) {
-                left.number = addIntegers(left.number, right.number);
-            } else if (areBoth(left, right, TValueType::String)) {
-                m_pool.concatenate(left, right);
-            } else {
-                return false;
-            }
-            return true;
-        case ttSub:
-            if (integers) left.number = subtractIntegers(left.number, right.number);
-            return integers;
-        case ttMul:
-            if (integers) left.number = multiplyIntegers(left.number, right.number);
-            return integers;
-        case ttDiv:
-            if (!integers || right.number == 0) return false;
-            left.number = divideIntegers(left.number, right.number);
-            return true;
+            if (!areBoth(TValueType::Boolean)) return planFailure(etInvalidType);
+            plan.instruction.op = token.type == ttOr ? Op::Or : Op::And;
+            return plan;
+        case ttLike:
+            if (!areBoth(TValueType::String)) return planFailure(etInvalidType);
+            plan.instruction.op = Op::Like;
+            plan.safe = right.constant != nullptr && !canBeOutOfRange(right.constant->text);
+            return plan;
         case ttIn:
-            m_pool.release(left);
-            m_pool.release(right);
-            left = TOperand::ofBoolean(true);
-            return true;
+            plan.instruction.op = Op::In;
+            return plan;
+        case ttAdd:
+        case ttSub:
+        case ttMul:
+        case ttDiv:
+            return planArithmetic(token, left, right);
         default:
-            return compare(type, left, right);
+            return planComparison(token, left, right);
     }
+}
+
+TExpressionProgram::Plan TExpressionProgram::planArithmetic(const TToken& token, const Known& left,
+                                                            const Known& right) {
+    Plan plan;
+    plan.instruction.left.type = left.type;
+    plan.instruction.right.type = right.type;
+    const bool integers = left.type == TValueType::Integer && right.type == TValueType::Integer;
+    if (token.type == ttDiv) {
+        if (!integers) return planFailure(etInvalidType);
+        plan.instruction.op = Op::Divide;
+        plan.result = TValueType::Integer;
+        plan.safe = right.constant != nullptr && readInteger(right.constant->text) != 0;
+    } else if (integers) {
+        plan.instruction.op = token.type == ttAdd ? Op::Add : token.type == ttSub ? Op::Subtract : Op::Multiply;
+        plan.result = TValueType::Integer;
+    } else if (token.type == ttAdd && left.type == TValueType::String && right.type == TValueType::String) {
+        plan.instruction.op = Op::Concatenate;
+        plan.result = TValueType::String;
+    } else {
+        plan.instruction.op = Op::MakeInvalid;
+        plan.result = TValueType::Invalid;
+    }
+    return plan;
 }
 
 /// Comparisons, with the operands brought to one type as the comparison policies do it.
-bool TExpressionProgram::compare(TTokenType type, TOperand& left, TOperand& right) {
-    if (left.type != right.type) fixOperandTypes(type, left, right);
-    if (left.type != right.type) return false;
-    bool result = false;
-    if (isType(left, TValueType::Integer)) {
-        result = holds(type, left.number == right.number ? 0 : left.number < right.number ? -1 : 1);
-    } else if (isType(left, TValueType::String)) {
-        if (left.buffer != TOperand::noBuffer) m_pool.settle(left);
-        if (right.buffer != TOperand::noBuffer) m_pool.settle(right);
-        result =
-            isEquality(type) ? equalTexts(left, right) == (type == ttEqual) : holds(type, compareTexts(left, right));
-        m_pool.release(left);
-        m_pool.release(right);
-    } else if (isType(left, TValueType::Boolean) && isEquality(type)) {
-        result = (left.number == right.number) == (type == ttEqual);
-    } else {
-        return false;
+TExpressionProgram::Plan TExpressionProgram::planComparison(const TToken& token, const Known& left,
+                                                            const Known& right) {
+    Plan plan;
+    Instruction& instruction = plan.instruction;
+    instruction.orders = ordersOf(token.type);
+    instruction.left.type = left.type;
+    instruction.right.type = right.type;
+    const auto has = [&](TValueType type) { return left.type == type || right.type == type; };
+    if (has(TValueType::Invalid)) return planFailure(etInvalidType);
+    if (has(TValueType::Boolean)) {
+        if (!isEquality(instruction.orders)) return planFailure(etInvalidType);
+        instruction.op = Op::CompareNumbers;
+        instruction.left.convert = instruction.right.convert = Convert::ToBoolean;
+        return plan;
     }
-    left = TOperand::ofBoolean(result);
-    return true;
+    if (!has(TValueType::Integer)) {
+        instruction.op = Op::CompareTexts;
+        return plan;
+    }
+    instruction.op = Op::CompareNumbers;
+    instruction.left.convert = instruction.right.convert = Convert::ToInteger;
+    for (const Known* operand : {&left, &right}) {
+        if (operand->type != TValueType::String) continue;
+        // A text beside an integer has to be a number; of a constant that is known already.
+        plan.safe = operand->constant != nullptr;
+        if (plan.safe && !readWholeInteger(operand->constant->text)) return planFailure(etInvalidType);
+    }
+    return plan;
 }
 
-void TExpressionProgram::fixOperandTypes(TTokenType type, TOperand& left, TOperand& right) {
-    if (isType(left, TValueType::Integer)) {
-        fixToInteger(right);
-    } else if (isType(right, TValueType::Integer)) {
-        fixToInteger(left);
-    }
-    if (!isEquality(type)) return;
-    if (isType(left, TValueType::Boolean)) {
-        fixToBoolean(right);
-    } else if (isType(right, TValueType::Boolean)) {
-        fixToBoolean(left);
-    }
-}
-
-void TExpressionProgram::fixToBoolean(TOperand& operand) {
-    if (isType(operand, TValueType::Integer)) {
-        operand = TOperand::ofBoolean(operand.number != 0);
-    } else if (isType(operand, TValueType::String)) {
-        m_pool.settle(operand);
-        const bool value = EqualityPolicy::countsAsTrue(operand.text);
-        m_pool.release(operand);
-        operand = TOperand::ofBoolean(value);
-    }
-}
-
-TBaseValue* TExpressionProgram::makeValue(TOperand& operand) {
-    switch (operand.type) {
-        case TValueType::Boolean:
-            return new TBooleanValue(operand.number != 0);
-        case TValueType::Integer:
-            return new TIntegerValue(operand.number);
-        case TValueType::String:
-            m_pool.settle(operand);
-            return new TStringValue(std::string(operand.text));
+/// An operand whose type is Integer or Boolean.
+std::int32_t TExpressionProgram::number(const Source& source, TOperand*& top) noexcept {
+    switch (source.from) {
+        case From::Constant:
+            return source.number;
+        case From::Name:
+            if (source.type == TValueType::Integer) return TIntegerValue::getValue(source.name->get());
+            return TBooleanValue::getValue(source.name->get()) ? 1 : 0;
         default:
-            return new TBaseValue(TValueType::Invalid);
+            return (--top)->number;
     }
 }
 
-bool TExpressionProgram::applyMethod(const Instruction& instruction, TOperand& left, TOperand* right,
-                                     TExpressionEvaluation& evaluator) {
-    evaluator.pushOperand(makeValue(left));
-    if (right != nullptr) evaluator.pushOperand(makeValue(*right));
-    const TIdentifierValue value(evaluator.call(instruction.token->method));
-    if (evaluator.isError()) return false;
-    m_pool.release(left);
-    if (right != nullptr) m_pool.release(*right);
-    left = TOperand::of(*value);
-    if (isType(left, TValueType::String)) left = m_pool.keep(left.text);
+/// \returns false when a text is not the number that it has to be
+bool TExpressionProgram::convertedNumber(const Source& source, TOperand*& top, std::int32_t& out) {
+    if (source.type != TValueType::String) {
+        out = number(source, top);
+        if (source.convert == Convert::ToBoolean) out = out != 0;
+        return true;
+    }
+    if (source.from == From::Name && source.convert == Convert::ToInteger) {
+        const std::optional<std::int32_t> whole = readWholeInteger(leafText(source));
+        if (whole) out = *whole;
+        return whole.has_value();
+    }
+    TOperand operand = text(source, top);
+    if (source.convert == Convert::ToInteger) {
+        // Case does not touch digits, so a text is read as it stands.
+        const std::optional<std::int32_t> whole = readWholeInteger(operand.text);
+        if (!whole) return false;
+        out = *whole;
+    } else {
+        m_pool.settle(operand);
+        out = EqualityPolicy::countsAsTrue(operand.text);
+    }
+    m_pool.release(operand);
     return true;
+}
+
+/// A text that is not on the stack.
+std::string_view TExpressionProgram::leafText(const Source& source) const noexcept {
+    if (source.from == From::Name) return TStringValue::getValue(source.name->get());
+    return m_texts[static_cast<std::size_t>(source.number)];
+}
+
+TOperand TExpressionProgram::text(const Source& source, TOperand*& top) noexcept {
+    return source.from == From::Stack ? *--top : TOperand::ofText(leafText(source));
+}
+
+TOperand TExpressionProgram::operand(const Source& source, TOperand*& top) noexcept {
+    switch (source.type) {
+        case TValueType::Boolean:
+            return TOperand::ofBoolean(number(source, top) != 0);
+        case TValueType::Integer:
+            return TOperand::ofInteger(number(source, top));
+        case TValueType::String:
+            return text(source, top);
+        default:
+            drop(source, top);
+            return {};
+    }
+}
+
+/// Takes an operand whose value does not matter.
+void TExpressionProgram::drop(const Source& source, TOperand*& top) noexcept {
+    if (source.from == From::Stack) --top;
+}
+
+int TExpressionProgram::compareTexts(const Instruction& instruction, TOperand*& top) {
+    if (instruction.left.from != From::Stack && instruction.right.from != From::Stack) {
+        const std::string_view left = leafText(instruction.left);
+        const std::string_view right = leafText(instruction.right);
+        return isEquality(instruction.orders) ? (left == right ? 0 : 1) : left.compare(right);
+    }
+    TOperand right = text(instruction.right, top);
+    TOperand left = text(instruction.left, top);
+    if (right.buffer != TOperand::noBuffer) m_pool.settle(right);
+    if (left.buffer != TOperand::noBuffer) m_pool.settle(left);
+    const int order =
+        isEquality(instruction.orders) ? (equalTexts(left, right) ? 0 : 1) : QOR::compareTexts(left, right);
+    m_pool.release(right);
+    m_pool.release(left);
+    return order;
+}
+
+bool TExpressionProgram::like(const Instruction& instruction, TOperand*& top) {
+    if (instruction.left.from != From::Stack && instruction.right.from != From::Stack) {
+        return matchLike(leafText(instruction.left), leafText(instruction.right));
+    }
+    TOperand pattern = text(instruction.right, top);
+    TOperand subject = text(instruction.left, top);
+    m_pool.settle(pattern);
+    m_pool.settle(subject);
+    const bool matches = matchLike(subject.text, pattern.text);
+    m_pool.release(pattern);
+    m_pool.release(subject);
+    return matches;
+}
+
+void TExpressionProgram::changeCase(const Instruction& instruction, TOperand*& top) {
+    TOperand operand = text(instruction.left, top);
+    operand.textCase = instruction.textCase;
+    *top++ = operand;
+}
+
+void TExpressionProgram::concatenate(const Instruction& instruction, TOperand*& top) {
+    TOperand right = text(instruction.right, top);
+    TOperand left = text(instruction.left, top);
+    m_pool.concatenate(left, right);
+    *top++ = left;
+}
+
+TErrorType TExpressionProgram::run(TOperand& result) {
+    m_pool.reset();
+    TOperand* top = m_stack.data();
+    // What reads a number or a boolean from the stack reads nothing else of the operand.
+    const auto push = [&top](TValueType type, std::int32_t value) {
+        top->type = type;
+        top->number = value;
+        ++top;
+    };
+    const auto pushBoolean = [&push](bool value) { push(TValueType::Boolean, value ? 1 : 0); };
+    const auto pushInteger = [&push](std::int32_t value) { push(TValueType::Integer, value); };
+    const Instruction* const end = m_code.data() + m_code.size();
+    for (const Instruction* at = m_code.data(); at != end; ++at) {
+        switch (at->op) {
+            case Op::Push:
+                *top = operand(at->left, top);
+                ++top;
+                break;
+            case Op::Fail:
+                return at->code;
+            case Op::MakeInvalid:
+                drop(at->right, top);
+                drop(at->left, top);
+                *top++ = {};
+                break;
+            case Op::Not:
+                pushBoolean(number(at->left, top) == 0);
+                break;
+            case Op::Negate:
+                pushInteger(negateInteger(number(at->left, top)));
+                break;
+            case Op::ChangeCase:
+                changeCase(*at, top);
+                break;
+            case Op::Or: {
+                const std::int32_t right = number(at->right, top);
+                pushBoolean((number(at->left, top) | right) != 0);
+                break;
+            }
+            case Op::And: {
+                const std::int32_t right = number(at->right, top);
+                pushBoolean((number(at->left, top) & right) != 0);
+                break;
+            }
+            case Op::JumpIfFalse:
+                if (top[-1].number == 0) at = m_code.data() + at->target - 1;
+                break;
+            case Op::JumpIfTrue:
+                if (top[-1].number != 0) at = m_code.data() + at->target - 1;
+                break;
+            case Op::CompareNumbers: {
+                std::int32_t right = 0;
+                std::int32_t left = 0;
+                if (!convertedNumber(at->right, top, right) || !convertedNumber(at->left, top, left)) {
+                    return etInvalidType;
+                }
+                pushBoolean(holds(at->orders, orderOf(left, right)));
+                break;
+            }
+            case Op::CompareTexts:
+                pushBoolean(holds(at->orders, compareTexts(*at, top)));
+                break;
+            case Op::Like:
+                pushBoolean(like(*at, top));
+                break;
+            case Op::Concatenate:
+                concatenate(*at, top);
+                break;
+            case Op::Add: {
+                const std::int32_t right = number(at->right, top);
+                pushInteger(addIntegers(number(at->left, top), right));
+                break;
+            }
+            case Op::Subtract: {
+                const std::int32_t right = number(at->right, top);
+                pushInteger(subtractIntegers(number(at->left, top), right));
+                break;
+            }
+            case Op::Multiply: {
+                const std::int32_t right = number(at->right, top);
+                pushInteger(multiplyIntegers(number(at->left, top), right));
+                break;
+            }
+            case Op::Divide: {
+                const std::int32_t right = number(at->right, top);
+                const std::int32_t left = number(at->left, top);
+                if (right == 0) return etDivisionByZero;
+                pushInteger(divideIntegers(left, right));
+                break;
+            }
+            case Op::TestInteger: {
+                const std::int32_t value = TIntegerValue::getValue(at->left.name->get());
+                pushBoolean(holds(at->orders, orderOf(value, at->right.number)));
+                break;
+            }
+            case Op::TestNumberText: {
+                const std::optional<std::int32_t> value = readWholeInteger(leafText(at->left));
+                if (!value) return etInvalidType;
+                pushBoolean(holds(at->orders, orderOf(*value, at->right.number)));
+                break;
+            }
+            case Op::TestText:
+                pushBoolean((TStringValue::getValue(at->left.name->get()) == at->text) == (at->orders == equal));
+                break;
+            case Op::TestPrefix:
+                pushBoolean(TStringValue::getValue(at->left.name->get()).starts_with(at->text));
+                break;
+            case Op::In:
+                drop(at->right, top);
+                drop(at->left, top);
+                pushBoolean(true);
+                break;
+        }
+    }
+    result = m_stack.front();
+    if (result.type == TValueType::String) m_pool.settle(result);
+    return etNoErrors;
 }
 
 }  // namespace QOR

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "QORPager/QORExpressionOperand.h"
@@ -10,58 +11,113 @@
 
 namespace QOR {
 
-/// A sequence of tokens in the order of evaluation, resolved once: constants are read, names are places of bound
-/// values, operators that cannot get their operands are found. Running it gives what calling the operator table's
-/// methods token by token gives, without an object or an allocation per operand: operand types on which an operator
-/// works are handled here, and all others are left to its method, which knows the errors.
+class TExpressionEvaluation;
+
+/// A sequence of tokens in the order of evaluation, resolved once for the types that its names are bound to: constants
+/// are read, names are places of bound values, operators are chosen by the types of their operands, and what is certain
+/// to fail is known. Running it gives what calling the operator table's methods token by token gives, errors and
+/// exceptions included, without an object or an allocation per operand.
 ///
-/// Refers to the tokens and to the identifier table; valid only while neither is changed. Bound values may change
-/// between runs. Reuses its memory from run to run, so it is used by one thread at a time.
+/// Both sides of "and" and "or" count, as far as anyone can tell: the right side is left out when the left one decides
+/// and nothing in the right one can fail.
+///
+/// Refers to the tokens and to the identifier table; valid only while neither is changed and no name that it reads is
+/// bound to a value of another type. Values may change between runs. Reuses its memory from run to run, so it is used
+/// by one thread at a time.
 class TExpressionProgram {
 public:
     explicit TExpressionProgram(const std::vector<const TToken*>& tokens);
 
-    /// Evaluates with what is bound now. \param evaluator without an error; its methods and error state are used
-    /// \returns false when an error was set; otherwise `result` is the value, whose text lives until the next run or
-    /// until its name is bound again
+    /// Evaluates with what is bound now. \param result the value; its text lives until the next run or until its name
+    /// is bound again \returns etNoErrors, or the error that evaluating meets first; `result` is unchanged then
     /// \throws std::out_of_range as matchLike; the program can be run again
-    bool run(TExpressionEvaluation& evaluator, TOperand& result);
+    TErrorType run(TOperand& result);
 
 private:
-    enum class Step : std::uint8_t { Push, Unary, Binary, Fail };
-    enum class From : std::uint8_t { Stack, Identifier, Constant };
-    /// Where an operand comes from.
+    enum class Op : std::uint8_t {
+        Push,
+        Fail,
+        MakeInvalid,
+        Not,
+        Negate,
+        ChangeCase,
+        Or,
+        And,
+        JumpIfFalse,
+        JumpIfTrue,
+        CompareNumbers,
+        CompareTexts,
+        Like,
+        Add,
+        Concatenate,
+        Subtract,
+        Multiply,
+        Divide,
+        In,
+        // A name beside a constant, which is what most of a filter is.
+        TestInteger,
+        TestNumberText,
+        TestText,
+        TestPrefix,
+    };
+    /// Where an operand is read from.
+    enum class From : std::uint8_t { Stack, Constant, Name };
+    /// What a number is made of before a comparison.
+    enum class Convert : std::uint8_t { Nothing, ToInteger, ToBoolean };
     struct Source {
         From from = From::Stack;
-        std::uint32_t constant = 0;
-        const TIdentifierValue* identifier = nullptr;
+        TValueType type = TValueType::Invalid;
+        Convert convert = Convert::Nothing;
+        std::int32_t number = 0;  ///< of a constant: its value; of a constant text: its index
+        const TIdentifierValue* name = nullptr;
     };
     struct Instruction {
-        Step step;
-        const TToken* token;
-        TTokenType type;
-        TTextCase textCase;  ///< of functions
-        Source left;         ///< the only operand of unary operators
+        Op op = Op::Push;
+        std::uint8_t orders = 0;  ///< of comparisons: bits for smaller, equal and greater
+        TTextCase textCase = TTextCase::AsIs;
+        TErrorType code = etNoErrors;  ///< of Fail
+        std::uint32_t target = 0;      ///< of jumps
+        Source left;                   ///< the only operand of unary operators
         Source right;
+        std::string_view text;  ///< of tests: the constant, of a prefix without its wildcard
     };
+    /// What is known about an operand before anything runs.
+    struct Known {
+        TValueType type = TValueType::Invalid;
+        const TToken* constant = nullptr;  ///< the token, for an operand that is one constant
+        std::size_t begin = 0;             ///< the token that its evaluation starts with
+        bool safe = true;                  ///< evaluating it cannot fail
+    };
+    /// How an operator works on operands of certain types.
+    struct Plan {
+        Instruction instruction;
+        TValueType result = TValueType::Boolean;
+        bool safe = true;
+        int arity = 2;
+    };
+    class Compiler;
 
-    Source sourceOf(const TToken& token);
-    Source takeLeaf();
-    bool addOperator(const TToken& token, std::size_t& depth);
-    void addFailure() { m_code.push_back({Step::Fail, nullptr, ttNone, TTextCase::AsIs, {}, {}}); }
+    static Plan planUnary(const TToken& token, const Known& operand);
+    static Plan planBinary(const TToken& token, const Known& left, const Known& right);
+    static Plan planComparison(const TToken& token, const Known& left, const Known& right);
+    static Plan planArithmetic(const TToken& token, const Known& left, const Known& right);
+    static Plan planFailure(TErrorType code);
 
-    TOperand fetch(const Source& source, TOperand*& top) const noexcept;
-    bool applyUnary(const Instruction& instruction, TOperand& operand, TExpressionEvaluation& evaluator);
-    bool applyBinary(const Instruction& instruction, TOperand& left, TOperand& right, TExpressionEvaluation& evaluator);
-    bool compute(TTokenType type, TOperand& left, TOperand& right);
-    bool compare(TTokenType type, TOperand& left, TOperand& right);
-    void fixOperandTypes(TTokenType type, TOperand& left, TOperand& right);
-    void fixToBoolean(TOperand& operand);
-    bool applyMethod(const Instruction& instruction, TOperand& left, TOperand* right, TExpressionEvaluation& evaluator);
-    TBaseValue* makeValue(TOperand& operand);
+    static void specialize(Instruction& instruction, const std::vector<std::string_view>& texts) noexcept;
+
+    std::int32_t number(const Source& source, TOperand*& top) noexcept;
+    bool convertedNumber(const Source& source, TOperand*& top, std::int32_t& out);
+    std::string_view leafText(const Source& source) const noexcept;
+    TOperand text(const Source& source, TOperand*& top) noexcept;
+    TOperand operand(const Source& source, TOperand*& top) noexcept;
+    void drop(const Source& source, TOperand*& top) noexcept;
+    int compareTexts(const Instruction& instruction, TOperand*& top);
+    bool like(const Instruction& instruction, TOperand*& top);
+    void changeCase(const Instruction& instruction, TOperand*& top);
+    void concatenate(const Instruction& instruction, TOperand*& top);
 
     std::vector<Instruction> m_code;
-    std::vector<TOperand> m_constants;
+    std::vector<std::string_view> m_texts;
     std::vector<TOperand> m_stack;  ///< as long as the deepest run needs
     TTextPool m_pool;
 };

@@ -58,11 +58,11 @@ std::string toLowerText(std::string_view text) {
     return lowered;
 }
 
-std::int32_t readInteger(std::string_view text) noexcept {
+std::int32_t readIntegerPrefix(std::string_view text) noexcept {
     return lowBits(readPrefix(text).value);
 }
 
-std::optional<std::int32_t> readWholeInteger(std::string_view text) noexcept {
+std::optional<std::int32_t> readIntegerText(std::string_view text) noexcept {
     const Prefix prefix = readPrefix(text);
     if (prefix.length != text.size()) return std::nullopt;
     return lowBits(prefix.value);

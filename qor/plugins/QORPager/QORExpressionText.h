@@ -39,10 +39,31 @@ std::string toLowerText(std::string_view text);
 
 /// The C library's atoi, defined for every text: leading white space, a sign and digits are read, what follows is
 /// ignored, no digits are 0; beyond 64 bits the number saturates, then its low 32 bits are taken.
-std::int32_t readInteger(std::string_view text) noexcept;
+std::int32_t readIntegerPrefix(std::string_view text) noexcept;
+std::optional<std::int32_t> readIntegerText(std::string_view text) noexcept;
+
+/// Most numbers in rows are a few digits and nothing else; those are read here. \returns -1 for any other text
+constexpr std::int32_t readFewDigits(std::string_view text) noexcept {
+    constexpr std::size_t most = 9;  // what always fits
+    if (text.empty() || text.size() > most) return -1;
+    std::int32_t number = 0;
+    for (const char ch : text) {
+        if (!isDigitChar(ch)) return -1;
+        number = number * 10 + (ch - '0');
+    }
+    return number;
+}
+
+inline std::int32_t readInteger(std::string_view text) noexcept {
+    const std::int32_t few = readFewDigits(text);
+    return few >= 0 ? few : readIntegerPrefix(text);
+}
 
 /// The same number when nothing follows it, or when the text is empty (0); otherwise nothing.
-std::optional<std::int32_t> readWholeInteger(std::string_view text) noexcept;
+inline std::optional<std::int32_t> readWholeInteger(std::string_view text) noexcept {
+    const std::int32_t few = readFewDigits(text);
+    return few >= 0 ? std::optional<std::int32_t>(few) : readIntegerText(text);
+}
 
 /// Whether the subject matches the pattern, in which "%" is a wildcard as the last or the first character and nowhere
 /// else. Case-sensitive. An empty pattern matches nothing, "%" and "%%" match everything.

@@ -66,10 +66,20 @@ public:
         return out;
     }
 
+    /// Other values, now and then of other types.
     void rebind(TExpressionEvaluation& first, TExpressionEvaluation& second) {
         for (const char* field : {"a", "b", "s", "flag", "sp", "sq", "sb"}) {
             const std::string text = oneOf({"", "0", "1", "5", "abc", "ABC", "true", "12x", "a longer text than that"});
             EXPECT_EQ(first.setIdentifierFromString(field, text), second.setIdentifierFromString(field, text));
+        }
+        if (pick(3) > 0) return;
+        const char* const field = oneOf({"a", "s", "flag", "sp", "sq", "sb"});
+        const int kind = pick(4);
+        for (TExpressionEvaluation* evaluator : {&first, &second}) {
+            if (kind == 0) evaluator->setIdentifier(field, 1, false);
+            if (kind == 1) evaluator->setIdentifier(field, "5", false);
+            if (kind == 2) evaluator->setIdentifier(field, true, false);
+            if (kind == 3) evaluator->setIdentifier(field, new TBaseValue(TValueType::Invalid), false);
         }
     }
 
@@ -118,6 +128,66 @@ TEST(ExpressionProgram, AgreesWithTheMethodsOnGeneratedExpressions) {
         compareWays(generator, generator.condition(i % 6));
         compareWays(generator, generator.salad());
     }
+}
+
+struct SkipCase {
+    const char* text;
+    const char* a;  ///< what the name is set to
+    Outcome outcome;
+};
+
+const SkipCase skipCases[] = {
+    // What can fail on the right side is evaluated, whatever the left side is.
+    {"false and s = 1", "0", failure(etInvalidType)},
+    {"true or 1 / a = 1", "0", failure(etDivisionByZero)},
+    {"true or 1 / a = 1", "1", value("true")},
+    {"false and upper(s) like ('%' + 'long enough')", "0", Outcome{"", etNoErrors, true}},
+    {"false and s like '%abcd'", "0", Outcome{"", etNoErrors, true}},
+    {"false and (a = 1 and 1 / a = 1)", "0", failure(etDivisionByZero)},
+    {"a = 1 and (flag and 1 > true)", "0", failure(etInvalidType)},
+    {"false and (true + 1)", "0", failure(etInvalidType)},
+    {"false and (a = 1) 2", "0", failure(etInvalidType)},
+    // What cannot fail changes nothing.
+    {"a = 1 and (flag or s = 'x')", "0", value("false")},
+    {"a = 1 and (flag or s = 'x')", "1", value("true")},
+    {"a = 1 or (flag and s = 'x')", "0", value("false")},
+    {"a = 1 or (flag and s = 'x')", "1", value("true")},
+    {"a = 1 and (a = 1 or flag) or not (flag and (a = 2 or a = 3))", "0", value("true")},
+    {"(a = 1 and (s = 'abc' and flag)) = false", "0", value("true")},
+    {"not (a = 1 or (s <> 'abc' or a + 1 > 2))", "0", value("true")},
+};
+
+TEST(ExpressionProgram, RightSidesAreLeftOutOnlyWhereNobodyCanTell) {
+    for (const SkipCase& test : skipCases) {
+        for (const Evaluation evaluation :
+             {&TExpressionEvaluation::evaluate, &TExpressionEvaluation::evaluateByMethods}) {
+            const auto evaluator = makeEvaluator(test.text);
+            evaluator->setIdentifierFromString("a", test.a);
+            EXPECT_EQ(outcomeOf(*evaluator, evaluation), test.outcome) << test.text;
+        }
+    }
+}
+
+TEST(ExpressionProgram, ViewsAreReadWhereTheyAre) {
+    const auto evaluator = makeEvaluator("s = 'xyz' or upper(s) + s = 'ABCabc' and s like 'a%' and a = 7");
+    std::string bytes = "abc";
+    EXPECT_FALSE(TExpressionEvaluation::setView(evaluator->bindingHandle("s"), bytes));
+    EXPECT_FALSE(TExpressionEvaluation::setView(evaluator->bindingHandle("a"), "7"));
+    EXPECT_TRUE(TExpressionEvaluation::setView(evaluator->bindingHandle("nothing"), "7"));
+    EXPECT_EQ(evaluator->toString(), "true");
+    EXPECT_EQ(bytes, "abc") << "the caller's bytes are not written to";
+    bytes = "xbc";
+    EXPECT_EQ(evaluator->toString(), "false");
+    bytes = "xyz";
+    EXPECT_EQ(evaluator->toString(), "true");
+    const std::unique_ptr<TStringValue> viewed = std::make_unique<TStringValue>("old");
+    viewed->refer(bytes);
+    const std::unique_ptr<TBaseValue> copy(viewed->clone());
+    EXPECT_EQ(viewed->funcUpper(), viewed.get());
+    EXPECT_EQ(TStringValue::getValue(viewed.get()), "XYZ");
+    EXPECT_EQ(bytes, "xyz");
+    bytes = "gone";
+    EXPECT_EQ(TStringValue::getValue(copy.get()), "xyz");
 }
 
 /// The whole expression as one whose names are all special, so that its tree is evaluated.

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "QORPager/QORExpressionEvaluation.h"
@@ -98,6 +101,27 @@ TEST(ExpressionTables, EveryErrorHasItsMessageAndThirteenHasNone) {
         EXPECT_EQ(errorMessage(static_cast<TErrorType>(code)), messages[code]) << code;
     }
     EXPECT_EQ(errorMessage(static_cast<TErrorType>(-1)), "Unsupported error code");
+}
+
+/// The beginning of the fuzz target's dictionary, made from the tables.
+std::string dictionary() {
+    std::string text =
+        "# Operators and functions, as the tables hold them; a test compares. Names and constructs follow.\n";
+    for (const TOperatorRow& row : operatorRows()) {
+        if (row.entry.type == ttUnaryMinus) continue;  // its spelling is the minus
+        const bool word = std::isalpha(static_cast<unsigned char>(row.text.front())) != 0;
+        const std::string blank = word ? " " : "";
+        text += "\"" + blank + std::string(row.text) + blank + "\"\n";
+    }
+    for (const TFunctionRow& row : functionRows())
+        text += "\"" + std::string(row.text) + "(\"\n";
+    return text;
+}
+
+TEST(ExpressionTables, TheFuzzDictionaryHoldsAllOfThem) {
+    std::ifstream file(QOR_TEST_DATA_DIR "/../../../../fuzz/filter/filter.dict");
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_EQ(text.substr(0, dictionary().size()), dictionary());
 }
 
 }  // namespace

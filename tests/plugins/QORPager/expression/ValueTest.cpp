@@ -34,7 +34,7 @@ std::string show(const TBaseValue& value) {
         case TValueType::Integer:
             return std::to_string(TIntegerValue::getValue(&value));
         case TValueType::String:
-            return "'" + TStringValue::getValue(&value) + "'";
+            return "'" + std::string(TStringValue::getValue(&value)) + "'";
         case TValueType::Boolean:
             return TBooleanValue::getValue(&value) ? "true" : "false";
         default:
