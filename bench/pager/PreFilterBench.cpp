@@ -91,7 +91,8 @@ struct Request {
         }
         filter.setExpression(filterText);
         if (filter.prepareSpecial()) fail("the filter does not parse");
-        for (const std::string& name : filter.usedIdentifiers()) whereFields.push_back(&*fields.find(name));
+        for (const std::string& name : filter.usedIdentifiers())
+            whereFields.push_back(&*fields.find(name));
 
         const std::vector<Machine> machines = makeMachines();
         std::vector<QORPtr<const QOREnv>> envs;
@@ -124,10 +125,11 @@ struct Request {
 void preFilter(benchmark::State& state) {
     Request request;
     if (request.passing().size() != request.expected || request.expected == 0) fail("other rows than expected");
-    for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(request.passing());
+    for ([[maybe_unused]] auto _ : state)
+        benchmark::DoNotOptimize(request.passing());
     state.counters["passing"] = static_cast<double>(request.expected);
-    state.counters["row"] = benchmark::Counter(static_cast<double>(environments),
-                                               benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["row"] = benchmark::Counter(
+        static_cast<double>(environments), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(preFilter)->Name("pre-filter/100000")->Unit(benchmark::kMillisecond);
 
