@@ -131,17 +131,22 @@ public:
         addScopes();
     }
 
-    std::uint64_t count() { return m_from > m_to ? 0 : count(m_from, m_to); }
+    std::uint64_t count() {
+        if (m_from > m_to) return 0;
+        if (!isSingle() || m_to == endOfRequests) return count(m_from, m_to);
+        // What is newer than the span is wanted for positions too, and each of the two has one end to look at.
+        return m_scopes.front().scope.count(m_from, QORLogScope::endOfTime) - above();
+    }
 
     /// Selects records from a position on, by number of arrival and time, then what else there is of them.
     ASStatement& select(std::uint64_t position, std::size_t most, std::uint64_t size) {
-        if (m_scopes.size() > 1 || m_wanted.eids.size() > 1) return selectSorted(position, most, size);
+        if (!isSingle()) return selectSorted(position, most, size);
         if (position == m_nextPosition && m_last) return selectBehind(*m_last, most);
         if (position <= skippable) return selectSkipping(m_to, position, most);
         QORLogScope& scope = m_scopes.front().scope;
-        const std::uint64_t above = scope.count(m_to + 1, QORLogScope::endOfTime);
-        const QORLogScope::Place place = scope.find(above + position);
-        return selectSkipping(place.last, above + position - place.newer, most);
+        const std::uint64_t newer = above() + position;
+        const QORLogScope::Place place = scope.find(newer);
+        return selectSkipping(place.last, newer - place.newer, most);
     }
     /// Tells which records were read, so that reading on is cheap.
     void setRead(std::uint64_t nextPosition, Mark last) {
@@ -154,6 +159,16 @@ private:
         QORLogScope scope;
         std::int64_t weight;
     };
+
+    /// Requests tell times in 32 bits; where those end, counters need no closer look.
+    static constexpr std::int64_t endOfRequests = std::numeric_limits<std::int32_t>::max();
+
+    bool isSingle() const { return m_scopes.size() == 1 && m_wanted.eids.size() <= 1; }
+    /// Records that are newer than the span.
+    std::uint64_t above() {
+        if (!m_above) m_above = m_scopes.front().scope.count(m_to + 1, QORLogScope::endOfTime);
+        return *m_above;
+    }
 
     bool isOperations() const { return m_kind == QORLogKind::Operations; }
 
@@ -279,6 +294,7 @@ private:
     std::int64_t m_from;
     std::int64_t m_to;
     std::vector<Weighted> m_scopes;
+    std::optional<std::uint64_t> m_above;
     unsigned m_index = 1;
     std::uint64_t m_nextPosition = 0;
     std::optional<Mark> m_last;
