@@ -30,8 +30,9 @@ enum class Way { Agent, Standalone };
 class RowsCommand : public testing::TestWithParam<Way> {
 protected:
     void SetUp() override {
-        std::ofstream(vocabulary()) << R"(<vocabulary><category name="pager_fields"><parameter id="my.field">)"
-                                       R"(<source>env/config/mine</source><type>int</type></parameter></category></vocabulary>)";
+        std::ofstream(vocabulary())
+            << R"(<vocabulary><category name="pager_fields"><parameter id="my.field">)"
+               R"(<source>env/config/mine</source><type>int</type></parameter></category></vocabulary>)";
         if (GetParam() == Way::Agent) {
             AgentSettings settings;
             settings.more = {"--config", vocabulary()};
@@ -45,8 +46,8 @@ protected:
     std::string vocabulary() const { return (m_directory / "my.xml").string(); }
     Words connection() const {
         if (m_agent) return {"--socket", m_agent->socketPath()};
-        return {"--standalone", "--database", "Driver=SQLite3;Database=" + (m_directory / "own.db").string(), "--config",
-                vocabulary()};
+        return {"--standalone", "--database", "Driver=SQLite3;Database=" + (m_directory / "own.db").string(),
+                "--config", vocabulary()};
     }
     CtlResult run(Words arguments) const {
         const Words to = connection();
@@ -77,20 +78,21 @@ TEST_P(RowsCommand, PrintsATable) {
 }
 
 TEST_P(RowsCommand, PrintsListsAsOneText) {
-    EXPECT_EQ(outputOf({"rows", "-f", "pager.op_log_eid.eid", "pager.op_log.parameter.package.name", "--where",
-                        "pager.op_log.time >= '2024-01-01' and pager.op_log.time <= '2024-01-01T23:59:59'", "-o",
-                        "json"}),
-              "[\n{\"pager.op_log_eid.eid\":\"11111111-1111-1111-1111-111111111111, "
-              "22222222-2222-2222-2222-222222222222\",\"pager.op_log.parameter.package.name\":\"\"}\n]\n");
+    EXPECT_EQ(
+        outputOf({"rows", "-f", "pager.op_log_eid.eid", "pager.op_log.parameter.package.name", "--where",
+                  "pager.op_log.time >= '2024-01-01' and pager.op_log.time <= '2024-01-01T23:59:59'", "-o", "json"}),
+        "[\n{\"pager.op_log_eid.eid\":\"11111111-1111-1111-1111-111111111111, "
+        "22222222-2222-2222-2222-222222222222\",\"pager.op_log.parameter.package.name\":\"\"}\n]\n");
 }
 
 TEST_P(RowsCommand, PrintsPagesAndCounts) {
-    const CtlResult page = run({"rows", "-f", "pager.op_log.id", "--limit", "1", "--offset", "1", "--count", "-o", "csv"});
+    const CtlResult page =
+        run({"rows", "-f", "pager.op_log.id", "--limit", "1", "--offset", "1", "--count", "-o", "csv"});
     EXPECT_EQ(page.status, 0);
     EXPECT_EQ(page.out, "pager.op_log.id\r\na\r\n");
     EXPECT_THAT(page.err, HasSubstr("1 of 2 rows"));
-    EXPECT_EQ(outputOf({"rows", "-f", "pager.event_log.source", "--where",
-                        "pager.event_log.category='resource_alert'", "-o", "csv"}),
+    EXPECT_EQ(outputOf({"rows", "-f", "pager.event_log.source", "--where", "pager.event_log.category='resource_alert'",
+                        "-o", "csv"}),
               "pager.event_log.source\r\ncpu\r\n");
     EXPECT_EQ(outputOf({"rows", "-f", "pager.backup.id", "pager.backup.time", "--where",
                         "pager.backup.info.name like 'W%'", "-o", "csv"}),
@@ -98,9 +100,9 @@ TEST_P(RowsCommand, PrintsPagesAndCounts) {
 }
 
 TEST_P(RowsCommand, AsksAsAnotherClient) {
-    EXPECT_EQ(outputOf({"rows", "-f", "pager.op_log.id", "--client", "22222222-2222-2222-2222-222222222222", "-o",
-                        "csv"}),
-              "pager.op_log.id\r\na\r\n");
+    EXPECT_EQ(
+        outputOf({"rows", "-f", "pager.op_log.id", "--client", "22222222-2222-2222-2222-222222222222", "-o", "csv"}),
+        "pager.op_log.id\r\na\r\n");
 }
 
 TEST_P(RowsCommand, EndsWithTheAnswersError) {
@@ -127,7 +129,8 @@ TEST_P(RowsCommand, FieldsListsWhatCanBeAskedFor) {
           "pager.backup.time,backups,time,one\r\n", "pager.backup.*,backups,string,one\r\n"}) {
         EXPECT_THAT(all, HasSubstr(line));
     }
-    EXPECT_EQ(outputOf({"fields", "my.", "-o", "csv"}), "field,source,type,values\r\nmy.field,environments,int,one\r\n");
+    EXPECT_EQ(outputOf({"fields", "my.", "-o", "csv"}),
+              "field,source,type,values\r\nmy.field,environments,int,one\r\n");
 }
 
 struct AdviceRow {
@@ -172,8 +175,8 @@ TEST(RowsAdvice, TellsConditionsThatHaveNoEffect) {
         if (row.wholly) {
             EXPECT_THAT(adviseOnRows(options), IsEmpty()) << row.where;
         } else {
-            EXPECT_THAT(adviseOnRows(options), ElementsAre(HasSubstr("--where holds conditions"),
-                                                           HasSubstr("qorctl select --view ")))
+            EXPECT_THAT(adviseOnRows(options),
+                        ElementsAre(HasSubstr("--where holds conditions"), HasSubstr("qorctl select --view ")))
                 << row.where;
         }
     }
@@ -189,8 +192,8 @@ TEST(RowsAdvice, NamesTheViewOfTheSource) {
     EXPECT_THAT(adviseOnRows(options), ElementsAre(HasSubstr("--limit and --offset have no effect"),
                                                    HasSubstr("--view vBackupInfo -f size --limit 5")));
     options.fields = {"pager.event_log.parameter.x"};
-    EXPECT_THAT(adviseOnRows(options), ElementsAre(HasSubstr("by their category only"),
-                                                   HasSubstr("--view vEventLog -f time --limit 5")));
+    EXPECT_THAT(adviseOnRows(options),
+                ElementsAre(HasSubstr("by their category only"), HasSubstr("--view vEventLog -f time --limit 5")));
     options.fields = {"somebody.elses"};
     EXPECT_THAT(adviseOnRows(options), IsEmpty());
 }

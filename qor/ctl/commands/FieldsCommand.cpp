@@ -33,9 +33,9 @@ public:
     }
 
     void print(std::string_view name, TCursorType source, std::string_view type, bool list) {
-        const bool wanted = m_prefixes.empty() ||
-                            std::any_of(m_prefixes.begin(), m_prefixes.end(),
-                                        [name](const std::string& prefix) { return name.starts_with(prefix); });
+        const bool wanted =
+            m_prefixes.empty() || std::any_of(m_prefixes.begin(), m_prefixes.end(),
+                                              [name](const std::string& prefix) { return name.starts_with(prefix); });
         if (!wanted) return;
         const std::array<QORCell, 4> cells{text(name), text(sourceName(source)), text(type),
                                            text(list ? "list" : "one")};

@@ -105,13 +105,14 @@ const Source* sourceOf(const std::vector<std::string>& fields) {
         for (const Source& source : sources)
             if (field.starts_with(source.prefix)) return &source;
     }
-    const bool aboutEnvironments = std::all_of(fields.begin(), fields.end(), [](const std::string& field) {
-        return field.starts_with(environments.prefix);
-    });
+    const bool aboutEnvironments = std::all_of(
+        fields.begin(), fields.end(), [](const std::string& field) { return field.starts_with(environments.prefix); });
     return aboutEnvironments ? &environments : nullptr;
 }
 
-bool isConstant(const TToken& token) { return token.tokenClass == tcString || token.tokenClass == tcNumber; }
+bool isConstant(const TToken& token) {
+    return token.tokenClass == tcString || token.tokenClass == tcNumber;
+}
 
 /// Whether the filter says nothing but what the source takes from it: one comparison for each constant, joined by
 /// "and". A filter that cannot be read counts as understood: its error is the answer.
@@ -245,8 +246,9 @@ std::vector<std::string> adviseOnRows(const QORRowsOptions& options) {
         if (options.where && !FilterCheck(*source, *options.where).isUsedWholly())
             advice.push_back("--where holds conditions that have no effect on " + noun);
         if (!options.where && source->prefix == sources[1].prefix)
-            advice.push_back("events are found by their category only, for example --where "
-                             "\"pager.event_log.category='env_status'\"");
+            advice.push_back(
+                "events are found by their category only, for example --where "
+                "\"pager.event_log.category='env_status'\"");
     }
     if (!advice.empty())
         advice.push_back("the view " + std::string(source->view) + " does it: " + selectCommand(options, *source));

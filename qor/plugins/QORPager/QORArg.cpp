@@ -34,7 +34,8 @@ const QOREID* QORProgressArg::touchedEnv(std::size_t index) const {
         m_touched = record.eids.begin();
         m_touchedIndex = 0;
     }
-    for (; *m_touchedIndex < index; ++*m_touchedIndex) ++m_touched;
+    for (; *m_touchedIndex < index; ++*m_touchedIndex)
+        ++m_touched;
     return &*m_touched;
 }
 
@@ -57,7 +58,8 @@ void QORLogDBEntryOrigin::setType(std::string_view text) {
     // them, so what has more is no UTF-8 and is cut where it stands.
     std::size_t length = mostTypeBytes;
     const auto isContinuation = [&](std::size_t at) { return (static_cast<unsigned char>(text[at]) & 0xC0U) == 0x80U; };
-    while (length + 3 > mostTypeBytes && isContinuation(length)) --length;
+    while (length + 3 > mostTypeBytes && isContinuation(length))
+        --length;
     type = text.substr(0, isContinuation(length) ? mostTypeBytes : length);
 }
 

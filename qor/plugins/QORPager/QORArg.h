@@ -24,7 +24,7 @@ class QORMessageIterator;
 /// cache of its message; used by one request, on one thread at a time. Which kind of row it is, is told by its class,
 /// never by the field that reads it.
 class QORArg {
-   public:
+public:
     /// \param environment of the row; may be null
     explicit QORArg(QORPtr<const QOREnv> environment = {});
     virtual ~QORArg();
@@ -41,7 +41,7 @@ class QORArg {
     /// Null for rows without an environment.
     const QOREnv* env() const noexcept { return m_env.get(); }
 
-   private:
+private:
     QORPtr<const QOREnv> m_env;
     mutable std::unique_ptr<QORMessage> m_message;
 };
@@ -66,7 +66,7 @@ struct QORLogDBEntryOrigin {
 
 /// A record of the operation log.
 class QORProgressArg final : public QORArg {
-   public:
+public:
     explicit QORProgressArg(QORPtr<const QOREnv> environment) : QORArg(std::move(environment)) {}
     ~QORProgressArg() override;
     const QORInfo& getInfo() const override { return record.message; }
@@ -78,7 +78,7 @@ class QORProgressArg final : public QORArg {
     QORRequestProgressData record;
     QORLogDBEntryOrigin origin;
 
-   private:
+private:
     /// Where the last look-up ended.
     mutable std::set<QOREID>::const_iterator m_touched;
     mutable std::optional<std::size_t> m_touchedIndex;
@@ -86,7 +86,7 @@ class QORProgressArg final : public QORArg {
 
 /// A record of the event log.
 class QOREventArg final : public QORArg {
-   public:
+public:
     explicit QOREventArg(QORPtr<const QOREnv> environment) : QORArg(std::move(environment)) {}
     ~QOREventArg() override;
     const QORInfo& getInfo() const override { return event.info; }

@@ -26,7 +26,9 @@ std::string fromEvent(const QORArg& row, Read read) {
 }
 
 /// Whether a list of `size` elements ends with the one at the index; a list of none has no further one.
-bool isLast(std::size_t size, int index) { return size == 0 || size == static_cast<std::size_t>(index) + 1; }
+bool isLast(std::size_t size, int index) {
+    return size == 0 || size == static_cast<std::size_t>(index) + 1;
+}
 
 // A message costs some microseconds, and a filter may read a field from very many environments. So the plain text of
 // a member that only the further members can hold is read from there; everything else goes through the message, which
@@ -38,7 +40,9 @@ bool isPlainText(const QORField& field) {
 }
 
 /// Whether a step of a path means what it says: nothing is passed over, and a number means a tag.
-bool isPlainStep(std::string_view name) { return !name.empty() && (name.front() < '0' || name.front() > '9'); }
+bool isPlainStep(std::string_view name) {
+    return !name.empty() && (name.front() < '0' || name.front() > '9');
+}
 
 /// Whether the member has a place of its own in a configuration.
 bool isKnownMember(std::string_view name) {
@@ -183,23 +187,45 @@ std::string getFieldValueParameter(const QORArg& row, const QORField* field, boo
     return row.getInfo().getParameterByPath(field->path);
 }
 
-std::string getFieldValueEmpty(const QORArg&, const QORField*, bool&, int) { return {}; }
+std::string getFieldValueEmpty(const QORArg&, const QORField*, bool&, int) {
+    return {};
+}
 
-std::string getTrueFieldValue(const QORArg&, const QORField*, bool&, int) { return "true"; }
+std::string getTrueFieldValue(const QORArg&, const QORField*, bool&, int) {
+    return "true";
+}
 
 std::string getFieldValueActionsTaskID(const QORArg& row, const QORField*, bool&, int) {
     return row.getInfo().getParameterByPath("task_id");
 }
 
-std::string getActionTime(const QORProgressArg& row) { return time2str(row.record.time); }
-std::string getActionId(const QORProgressArg& row) { return row.record.id; }
-std::string getActionParentId(const QORProgressArg& row) { return row.record.parentId; }
-std::string getActionOp(const QORProgressArg& row) { return row.record.op; }
-std::string getActionStatus(const QORProgressArg& row) { return std::to_string(row.record.status); }
-std::string getActionMessage(const QORProgressArg& row) { return row.record.message.toString(); }
-std::string getActionOriginEID(const QORProgressArg& row) { return fieldText(row.origin.eid); }
-std::string getActionOriginType(const QORProgressArg& row) { return row.origin.type; }
-std::string getActionOriginTitle(const QORProgressArg& row) { return fieldText(row.origin.title); }
+std::string getActionTime(const QORProgressArg& row) {
+    return time2str(row.record.time);
+}
+std::string getActionId(const QORProgressArg& row) {
+    return row.record.id;
+}
+std::string getActionParentId(const QORProgressArg& row) {
+    return row.record.parentId;
+}
+std::string getActionOp(const QORProgressArg& row) {
+    return row.record.op;
+}
+std::string getActionStatus(const QORProgressArg& row) {
+    return std::to_string(row.record.status);
+}
+std::string getActionMessage(const QORProgressArg& row) {
+    return row.record.message.toString();
+}
+std::string getActionOriginEID(const QORProgressArg& row) {
+    return fieldText(row.origin.eid);
+}
+std::string getActionOriginType(const QORProgressArg& row) {
+    return row.origin.type;
+}
+std::string getActionOriginTitle(const QORProgressArg& row) {
+    return fieldText(row.origin.title);
+}
 
 std::string getFieldValueActionsMessageXML(const QORArg& row, const QORField*, bool&, int) {
     const auto* const action = dynamic_cast<const QORProgressArg*>(&row);

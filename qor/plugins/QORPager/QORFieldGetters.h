@@ -17,10 +17,16 @@ namespace QOR {
 class QORMessageIterator;
 
 /// A value that may be missing, as text.
-inline std::string fieldText(const std::optional<std::string>& value) { return value ? *value : std::string(); }
-inline std::string fieldText(const std::string& value) { return value; }
+inline std::string fieldText(const std::optional<std::string>& value) {
+    return value ? *value : std::string();
+}
+inline std::string fieldText(const std::string& value) {
+    return value;
+}
 /// An identifier that is invalid is a missing value.
-inline std::string fieldText(const QOREID& eid) { return eid.isValid() ? eid.toString() : std::string(); }
+inline std::string fieldText(const QOREID& eid) {
+    return eid.isValid() ? eid.toString() : std::string();
+}
 
 // ---- environments ---------------------------------------------------------------------------------------------------
 

@@ -103,7 +103,8 @@ QORFieldSet::Position QORFieldSet::addInfoField(std::string name, TCursorType cu
 }
 
 void QORFieldSet::forgetDemanded() {
-    for (const Position position : m_demanded) m_fields.erase(position);
+    for (const Position position : m_demanded)
+        m_fields.erase(position);
     m_demanded.clear();
     m_demanded.shrink_to_fit();
 }

@@ -31,7 +31,7 @@ struct QORFieldNameLess {
 /// The catalogue of one operator. Fields stay where they are until init() or forgetDemanded(), so requests refer to
 /// them by address. Used by one thread at a time.
 class QORFieldSet {
-   public:
+public:
     using Fields = std::set<QORField, QORFieldNameLess>;
     using Position = Fields::const_iterator;
 
@@ -72,7 +72,7 @@ class QORFieldSet {
     /// Takes the fields made on demand out again.
     void forgetDemanded();
 
-   private:
+private:
     using Prefixes = std::map<std::string, InfoPrefixDescription, std::less<>>;
     Prefixes::const_iterator findPrefix(std::string_view name) const;
     void addBuiltIns();

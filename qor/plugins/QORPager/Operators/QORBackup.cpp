@@ -119,7 +119,8 @@ void getBackups(const QORBackupTable& table, const ASComparison& condition, std:
     table.selectAllAttributes(cursor.Filter().Project());
     if (!all.empty()) cursor.Filter().Set(all);
     cursor.Order(table.order());
-    while (cursor.Fetch()) backups.push_back(makeQORBackupInfo(table));
+    while (cursor.Fetch())
+        backups.push_back(makeQORBackupInfo(table));
 }
 
 std::string getBackupValue(const QORBackup& backup, std::string_view name) {

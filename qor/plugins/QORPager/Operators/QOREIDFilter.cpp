@@ -11,14 +11,16 @@ QOREIDFilter::SetResult QOREIDFilter::set(std::set<QOREID> eids) {
     m_active = true;
     m_eids = std::move(eids);
     if (m_securityOperation != 0) {
-        const int result = QORAccessChecker::accessCheck(QORAccessChecker::getClientContext(), m_eids,
-                                                         m_securityOperation, 1);
+        const int result =
+            QORAccessChecker::accessCheck(QORAccessChecker::getClientContext(), m_eids, m_securityOperation, 1);
         if (result == QORAccessChecker::accessRefused) return setRefused;
         if (result != QORAccessChecker::accessGranted) return setFailed;
     }
     return m_eids.empty() ? setEmpty : setDone;
 }
 
-bool QOREIDFilter::check(const QOREnv* env) const { return env != nullptr && check(env->getEID()); }
+bool QOREIDFilter::check(const QOREnv* env) const {
+    return env != nullptr && check(env->getEID());
+}
 
 }  // namespace QOR

@@ -12,7 +12,7 @@ class QOREnv;
 
 /// Lets every environment through until a set of them is given.
 class QOREIDFilter {
-   public:
+public:
     /// \param securityOperation that the client must be allowed on all environments of the set; 0: none
     explicit QOREIDFilter(int securityOperation) noexcept : m_securityOperation(securityOperation) {}
 
@@ -33,7 +33,7 @@ class QOREIDFilter {
     bool isActive() const noexcept { return m_active; }
     const std::set<QOREID>& eids() const noexcept { return m_eids; }
 
-   private:
+private:
     bool m_active = false;
     std::set<QOREID> m_eids;
     int m_securityOperation;

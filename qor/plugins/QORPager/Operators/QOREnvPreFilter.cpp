@@ -20,7 +20,8 @@ void fetchAhead(const QOREnvList::Chunk& chunk, std::size_t at) {
     constexpr std::size_t line = 64;
     const auto fetch = [](const void* object, std::size_t size) {
         const char* const bytes = static_cast<const char*>(object);
-        for (std::size_t offset = 0; offset < size; offset += line) __builtin_prefetch(bytes + offset);
+        for (std::size_t offset = 0; offset < size; offset += line)
+            __builtin_prefetch(bytes + offset);
     };
     if (at + far < chunk.size()) fetch(chunk[at + far].get(), sizeof(QOREnv));
     if (at + middle < chunk.size()) fetch(chunk[at + middle]->getConfig().get(), sizeof(QOREnvConfig));

@@ -18,7 +18,7 @@ class QORArg;
 
 /// Binds and evaluates row by row. Refers to the evaluator, whose filter is compiled, and to the fields.
 class QOREnvPreFilter {
-   public:
+public:
     /// \param whereFields that the filter names; only those of environments are read from rows
     QOREnvPreFilter(TExpressionEvaluation& evaluator, const std::vector<const QORField*>& whereFields);
 
@@ -31,7 +31,7 @@ class QOREnvPreFilter {
     /// What kept evaluate() from evaluating.
     const std::string& error() const noexcept { return m_error; }
 
-   private:
+private:
     struct Binding {
         const QORField* field;
         TIdentifierHandle handle;

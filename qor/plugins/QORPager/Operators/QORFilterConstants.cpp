@@ -13,7 +13,9 @@ namespace {
 
 using Limits = std::numeric_limits<std::int32_t>;
 
-bool isSign(char ch) { return ch == '+' || ch == '-'; }
+bool isSign(char ch) {
+    return ch == '+' || ch == '-';
+}
 
 }  // namespace
 
@@ -39,7 +41,8 @@ int QORFilterConstants::timeBound(std::string_view name, TTokenType type, int ab
 
 std::int32_t readSaturated(std::string_view text) noexcept {
     std::size_t at = 0;
-    while (at < text.size() && isSpaceChar(text[at])) ++at;
+    while (at < text.size() && isSpaceChar(text[at]))
+        ++at;
     const bool negative = at < text.size() && text[at] == '-';
     if (at < text.size() && isSign(text[at])) ++at;
     std::int64_t number = 0;

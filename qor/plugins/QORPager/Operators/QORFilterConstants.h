@@ -16,7 +16,7 @@ class TExpressionEvaluation;
 
 /// The filter of one request, or none, from which a source takes constants.
 class QORFilterConstants {
-   public:
+public:
     /// \param filter compiled; null when the request has no filter, and then there are no constants
     explicit QORFilterConstants(TExpressionEvaluation* filter) noexcept : m_filter(filter) {}
 
@@ -27,7 +27,7 @@ class QORFilterConstants {
     /// A bound of the time of a log; `absent` without one.
     int timeBound(std::string_view name, TTokenType type, int absent) const;
 
-   private:
+private:
     TExpressionEvaluation* m_filter;
 };
 

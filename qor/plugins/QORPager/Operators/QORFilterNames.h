@@ -23,7 +23,8 @@ void forEachName(std::string_view text, Use use) {
             at = std::min(text.find(ch, at + 1), text.size() - 1) + 1;
         } else if (isAlphaChar(ch)) {
             const std::size_t begin = at;
-            while (at < text.size() && isNameChar(text[at])) ++at;
+            while (at < text.size() && isNameChar(text[at]))
+                ++at;
             use(text.substr(begin, at - begin));
         } else {
             ++at;

@@ -13,7 +13,7 @@ class QORMessageIterator;
 
 /// Orders rows by one field.
 class QORFieldIndex {
-   public:
+public:
     /// Sorts the rows by the field; without a field they stay as they were collected. Values are read from the rows at
     /// every comparison, and rows with equal values end up in any order.
     void build(bool descending);
@@ -24,7 +24,7 @@ class QORFieldIndex {
     std::vector<ArgCSP> rows;
     const QORField* m_pField = nullptr;  ///< null: no order
 
-   private:
+private:
     bool m_descending = false;
 };
 

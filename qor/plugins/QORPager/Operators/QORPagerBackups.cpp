@@ -22,7 +22,7 @@ namespace {
 /// One attempt to fetch backups. Fetches return non-zero when they ran a query, whatever it found, and 0 when their
 /// constant is not in the filter or the database failed.
 class BackupQuery {
-   public:
+public:
     explicit BackupQuery(const QORFilterConstants& filter)
         : m_filter(filter), m_storage(filter.environments("pager.backup.storage_eid")) {}
 
@@ -35,7 +35,7 @@ class BackupQuery {
     }
     const std::vector<QORBackup>& backups() const noexcept { return m_backups; }
 
-   private:
+private:
     int fetchByFieldLike(std::string_view identifier, const ASAttribute& attribute);
     int fetchByInfo(std::string_view identifier, TTokenType operation, std::string_view infoKey);
     int fetchByDate();

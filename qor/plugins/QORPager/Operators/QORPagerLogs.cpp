@@ -33,12 +33,14 @@ constexpr std::array<CategoryRow, 2> categories{{
 
 /// A log could not be read.
 class LogRefusal : public QORException {
-   public:
+public:
     explicit LogRefusal(const char* reason) : QORException(errFailure, reason) {}
 };
 
 /// The environment of a row of a log: all that is known of it is the identifier in the record.
-QORPtr<const QOREnv> bareEnv(const QOREID& eid) { return makeQORPtr<const QOREnv>(eid); }
+QORPtr<const QOREnv> bareEnv(const QOREID& eid) {
+    return makeQORPtr<const QOREnv>(eid);
+}
 
 ArgCSP parseOpLogSqlRow(const QORRequestProgressData& record) {
     auto row = std::make_shared<QORProgressArg>(bareEnv(record.eid));
@@ -68,7 +70,8 @@ template <class Record>
 std::int64_t writePage(QORLogResult<Record>& records, ArgCSP (*makeRow)(const Record&), int size, int offset,
                        QORRowSet& rowSet) {
     const QORPage page = QORPage::of(size, offset, static_cast<std::int64_t>(records.size()));
-    for (std::int64_t index = page.begin; index < page.end; ++index) rowSet.writeRow(makeRow(recordAt(records, index)));
+    for (std::int64_t index = page.begin; index < page.end; ++index)
+        rowSet.writeRow(makeRow(recordAt(records, index)));
     return page.count();
 }
 
@@ -86,8 +89,8 @@ std::int64_t QORPagerOperatorPrototype::fetchOplog(const QOREnvSelection& envs, 
     return writePage(records, parseOpLogSqlRow, m_limitSize, m_limitOffset, rowSet);
 }
 
-std::int64_t QORPagerOperatorPrototype::fetchEvents(const QOREnvSelection& envs, int from, int to,
-                                                    const char* category, QORRowSet& rowSet, std::int64_t& total) {
+std::int64_t QORPagerOperatorPrototype::fetchEvents(const QOREnvSelection& envs, int from, int to, const char* category,
+                                                    QORRowSet& rowSet, std::int64_t& total) {
     QOREventLogAgent agent;
     QOREventLogResult records;
     if (agent.getEvents(records, envs, 0, everyRecord, m_access, category, 0, from, to) != 0) {

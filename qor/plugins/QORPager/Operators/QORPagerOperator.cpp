@@ -51,7 +51,8 @@ std::optional<std::pair<std::string, CacheInfo>> readCache(const QORVocIterator&
 
 }  // namespace
 
-QORPagerOperatorPrototype::QORPagerOperatorPrototype() : m_limitSize(everyRow), m_limitOffset(0), m_evaluator(std::in_place) {
+QORPagerOperatorPrototype::QORPagerOperatorPrototype()
+    : m_limitSize(everyRow), m_limitOffset(0), m_evaluator(std::in_place) {
     static const MethodDescriptor table[] = {
         method("select", &QORPagerOperatorPrototype::select, 100, 0),
         {"", nullptr, 0, 0},

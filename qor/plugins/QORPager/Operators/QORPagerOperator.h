@@ -42,7 +42,7 @@ using CacheInfoMap = std::map<std::string, CacheInfo>;
 /// at once. What a request left behind ends with stopCallback(), but for the filter that was compiled last, which the
 /// next one replaces, and for fields found by their prefix, which the client may go on to sort by.
 class QORPagerOperatorPrototype final : public QOROperatorAsyncPrototype {
-   public:
+public:
     QORPagerOperatorPrototype();
     ~QORPagerOperatorPrototype() override;
 
@@ -63,7 +63,7 @@ class QORPagerOperatorPrototype final : public QOROperatorAsyncPrototype {
     /// Adds the caches that the host's vocabulary names; an entry without an identifier or a name is passed over.
     static void readCachesFromVoc(CacheInfoMap& caches);
 
-   private:
+private:
     /// Sort keys by field: whether the order is descending.
     struct FieldNameLess {
         bool operator()(const QORField* a, const QORField* b) const noexcept { return *a < *b; }

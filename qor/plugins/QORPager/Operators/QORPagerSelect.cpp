@@ -213,7 +213,8 @@ int QORPagerOperatorPrototype::fillInfoCursor(QORMessageIterator& response, QORE
         QOREnvPreFilter preFilter(*m_evaluator, m_whereFields);
         if (preFilter.run(*m_envList, passing) != 0) return refuse(response, pagerEvaluatingError, preFilter.error());
     } else {
-        for (const QORPtr<const QOREnv>& env : *m_envList) passing.insert(passing.end(), env->getEID());
+        for (const QORPtr<const QOREnv>& env : *m_envList)
+            passing.insert(passing.end(), env->getEID());
     }
     filter.set(std::move(passing));
     return 0;

@@ -36,9 +36,13 @@ void QORRowSet::writeHeader() {
     }
 }
 
-void QORRowSet::writeRow(const ArgCSP& row) { expectWritten(writeResultRow(row, m_fields, *m_at)); }
+void QORRowSet::writeRow(const ArgCSP& row) {
+    expectWritten(writeResultRow(row, m_fields, *m_at));
+}
 
-void QORRowSet::openRow() { expectWritten(m_at->addChild(tag::row)); }
+void QORRowSet::openRow() {
+    expectWritten(m_at->addChild(tag::row));
+}
 
 void QORRowSet::writeValue(std::string_view value) {
     expectWritten(m_at->addChild(tag::cell));
@@ -46,7 +50,9 @@ void QORRowSet::writeValue(std::string_view value) {
     m_at->seekUp();
 }
 
-void QORRowSet::closeRow() { m_at->seekUp(); }
+void QORRowSet::closeRow() {
+    m_at->seekUp();
+}
 
 void QORRowSet::writeStatistics(std::int64_t written, std::int64_t total) {
     expectWritten(m_at->putInt64(written, tag::statistics));

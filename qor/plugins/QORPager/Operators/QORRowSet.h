@@ -17,7 +17,7 @@ class QORMessageIterator;
 
 /// The response took no more: what was written of the row set is of no use.
 class QORResponseFull : public QORException {
-   public:
+public:
     QORResponseFull();
     ~QORResponseFull() override;
 };
@@ -25,7 +25,7 @@ class QORResponseFull : public QORException {
 /// Opens a row set at the response's position and names the columns. The response itself does not move. Every
 /// operation throws QORResponseFull when the message takes no more.
 class QORRowSet {
-   public:
+public:
     QORRowSet(const QORMessageIterator& response, const std::vector<const QORField*>& fields);
     ~QORRowSet();
     QORRowSet(const QORRowSet&) = delete;
@@ -36,13 +36,14 @@ class QORRowSet {
     template <class ValueOf>
     void writeValues(ValueOf valueOf) {
         openRow();
-        for (const QORField* field : m_fields) writeValue(valueOf(*field));
+        for (const QORField* field : m_fields)
+            writeValue(valueOf(*field));
         closeRow();
     }
     /// The numbers of rows that were written, and that there are without a limit.
     void writeStatistics(std::int64_t written, std::int64_t total);
 
-   private:
+private:
     void writeHeader();
     void openRow();
     void writeValue(std::string_view value);

@@ -41,7 +41,7 @@ std::string request(const Ask& ask, const std::string& eid = {}) {
 }
 
 class AgentOnRecords : public ::testing::Test {
-   protected:
+protected:
     AgentOnRecords() : client(agent.socketPath()) {
         if (client.post("/v1/records", records).status != 200) throw std::runtime_error("records were refused");
     }
@@ -52,10 +52,10 @@ class AgentOnRecords : public ::testing::Test {
 };
 
 TEST_F(AgentOnRecords, AnswersTheOperationLog) {
-    EXPECT_EQ(client.message(request(Ask{{"pager.op_log.time", "pager.op_log.status", "pager.op_log_eid.eid"},
-                                         "pager.op_log.time >= '2024-01-02' and pager.op_log.parameter.env.eid = '" +
-                                             std::string(eidA) + "'",
-                                         limit(20, 0) + counts})),
+    EXPECT_EQ(client.message(request(Ask{
+                  {"pager.op_log.time", "pager.op_log.status", "pager.op_log_eid.eid"},
+                  "pager.op_log.time >= '2024-01-02' and pager.op_log.parameter.env.eid = '" + std::string(eidA) + "'",
+                  limit(20, 0) + counts})),
               R"({"response":[[1744,[[1082,[[1026,"pager.op_log.time"]]],[1082,[[1026,"pager.op_log.status"]]],)"
               R"([1082,[[1082,[[1026,"pager.op_log_eid.eid"]]]]],)"
               R"([1739,[[1082,[[1018,"2024-01-02T00:00:00+0000"]]],[1082,[[1018,"5"]]],)"
@@ -76,7 +76,8 @@ TEST_F(AgentOnRecords, AnswersTheEventLog) {
 
 TEST_F(AgentOnRecords, AnswersBackups) {
     const Answer found = ask(Ask{{"pager.backup.id", "pager.backup.time", "pager.backup.info.title"},
-                                 "lower(pager.backup.info.hostname) like 'node%'", limit(1, 0) + counts});
+                                 "lower(pager.backup.info.hostname) like 'node%'",
+                                 limit(1, 0) + counts});
     EXPECT_THAT(found.rows, ElementsAre(ElementsAre("b2", "2024-01-02T00:00:00+0000", ""),
                                         ElementsAre("b1", "2024-01-01T00:00:00+0000", "Web")));
     EXPECT_EQ(found.counts, (std::pair<std::int64_t, std::int64_t>(2, 2)));
@@ -106,7 +107,8 @@ TEST_F(AgentOnRecords, ReportsEveryErrorOfItsTables) {
         {{{"pager.event_log.time"}, "pager.env.title like '%longer than any title'"},
          "3152 Pager evaluating error: Evaluation error"},
     };
-    for (const auto& [what, error] : rows) EXPECT_EQ(ask(what).error, error) << what.body();
+    for (const auto& [what, error] : rows)
+        EXPECT_EQ(ask(what).error, error) << what.body();
 }
 
 TEST_F(AgentOnRecords, ShowsAClientWhatIsItsOwn) {

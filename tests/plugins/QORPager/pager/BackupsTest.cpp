@@ -35,7 +35,7 @@ std::string backups() {
 }
 
 class Backups : public ::testing::Test {
-   protected:
+protected:
     void SetUp() override {
         host.useShippedVocabulary();
         host.import(backups());
@@ -105,7 +105,8 @@ TEST_F(Backups, AreFoundByTheFirstConditionThatTheSourceKnows) {
         {"pager.backup.storage_eid = '" + std::string(storage) + "'", ""},
         {"pager.backup.anything = 'x' or " + veid + "101", "b1"},
     };
-    for (const auto& [where, ids] : rows) EXPECT_EQ(found(where), ids) << where;
+    for (const auto& [where, ids] : rows)
+        EXPECT_EQ(found(where), ids) << where;
 }
 
 TEST_F(Backups, ShowTheValuesThatTheyHave) {
@@ -145,11 +146,11 @@ TEST_F(Backups, ATimeByPrefixAloneIsNoTime) {
                     "bare.xml");
     host.setVocabulary(reader.vocabulary());
     client.emplace();
-    EXPECT_THAT(readAnswer(client->ask(Ask{{"pager.backup.id", "pager.backup.time"},
-                                           "pager.backup.info.name like 'web-1'"}
-                                           .body()))
-                    .rows,
-                ElementsAre(ElementsAre("b1", "")));
+    EXPECT_THAT(
+        readAnswer(
+            client->ask(Ask{{"pager.backup.id", "pager.backup.time"}, "pager.backup.info.name like 'web-1'"}.body()))
+            .rows,
+        ElementsAre(ElementsAre("b1", "")));
 }
 
 TEST_F(Backups, IgnoreTheLimit) {

@@ -30,7 +30,7 @@ constexpr const char* vocabulary = R"(<vocabulary><category name="pager_fields">
 </category></vocabulary>)";
 
 class FieldSet : public ::testing::Test {
-   protected:
+protected:
     const QORField& field(std::string_view name) {
         const auto found = fields.find(name);
         if (found == fields.end()) throw std::runtime_error("no field " + std::string(name));
@@ -62,9 +62,9 @@ TEST_F(FieldSet, HoldsTheProviderInFiveBuiltInFields) {
     for (const QORBuiltInField& builtIn : builtInFields()) {
         if (field(builtIn.name).accessProvider) bound.emplace_back(builtIn.name);
     }
-    EXPECT_THAT(bound, ::testing::ElementsAre("pager.env.config.ip", "pager.env.vconfig.ip",
-                                              "pager.env.vconfig.base_sample_id",
-                                              "pager.env.vconfig.base_snapshot_id", "pager.op_log_eid.eid"));
+    EXPECT_THAT(
+        bound, ::testing::ElementsAre("pager.env.config.ip", "pager.env.vconfig.ip", "pager.env.vconfig.base_sample_id",
+                                      "pager.env.vconfig.base_snapshot_id", "pager.op_log_eid.eid"));
 }
 
 struct ConfiguredRow {
@@ -164,7 +164,8 @@ TEST_F(FieldSet, ForgetsDemandedFieldsAlone) {
     const std::size_t before = fields.size();
     fields.registerPrefix("a.", TCursorType::Info, "cache");
     fields.registerPrefix("my.", TCursorType::Info, "cache");
-    for (const char* name : {"a.x", "a.y", "my.memory"}) fields.checkPrefix(name);
+    for (const char* name : {"a.x", "a.y", "my.memory"})
+        fields.checkPrefix(name);
     fields.forgetDemanded();
     EXPECT_EQ(fields.size(), before);
     EXPECT_NE(fields.find("my.memory"), fields.end());

@@ -129,10 +129,10 @@ ArgCSP foreignRow(Kind kind) {
 }
 
 class FieldValue : public ::testing::Test {
-   protected:
+protected:
     void SetUp() override {
-        envs.cache.update({makeQORPtr<const QOREnv>(eid(eidB), QOREID(), std::nullopt, QOREnv::Status{},
-                                                    fullConfig("c-"), nullptr)});
+        envs.cache.update(
+            {makeQORPtr<const QOREnv>(eid(eidB), QOREID(), std::nullopt, QOREnv::Status{}, fullConfig("c-"), nullptr)});
         fields.init(nullptr);
     }
     std::vector<std::string> valuesOf(const QORField& field, const QORArg& row) {
@@ -155,7 +155,8 @@ class FieldValue : public ::testing::Test {
 
 TEST_F(FieldValue, EveryBuiltInFieldIsInTheTable) {
     ASSERT_EQ(fieldRows().size(), builtInFields().size());
-    for (std::size_t i = 0; i < fieldRows().size(); ++i) EXPECT_EQ(fieldRows()[i].name, builtInFields()[i].name);
+    for (std::size_t i = 0; i < fieldRows().size(); ++i)
+        EXPECT_EQ(fieldRows()[i].name, builtInFields()[i].name);
 }
 
 TEST_F(FieldValue, IsReadFromARowThatHasIt) {
@@ -292,7 +293,8 @@ TEST_F(FieldValue, TheMessageOfARowIsMadeOnceAndLivesAsLongAsTheRow) {
     const auto first = row.getMessage();
     const auto second = row.getMessage();
     ASSERT_NE(first, nullptr);
-    EXPECT_EQ(&dynamic_cast<QORBinaryIterator&>(*first).message(), &dynamic_cast<QORBinaryIterator&>(*second).message());
+    EXPECT_EQ(&dynamic_cast<QORBinaryIterator&>(*first).message(),
+              &dynamic_cast<QORBinaryIterator&>(*second).message());
     EXPECT_EQ(first->curID(), 0U);
     EXPECT_EQ(first->firstChild(), 0);
     EXPECT_EQ(first->curID(), tag::env);

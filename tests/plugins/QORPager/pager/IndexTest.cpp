@@ -20,8 +20,9 @@ namespace {
 using ::testing::ElementsAre;
 
 QORField operationField(TValueType type) {
-    return {"f", TCursorType::OpLog, type, getFieldValueImplActionsT<getActionId>, nullptr, FieldStructType::Single,
-            "",  "",                 ""};
+    return {"f",     TCursorType::OpLog,      type, getFieldValueImplActionsT<getActionId>,
+            nullptr, FieldStructType::Single, "",   "",
+            ""};
 }
 
 std::vector<std::string> sorted(const std::vector<std::string>& ids, const QORField* field, bool descending) {
@@ -34,7 +35,8 @@ std::vector<std::string> sorted(const std::vector<std::string>& ids, const QORFi
     index.m_pField = field;
     index.build(descending);
     std::vector<std::string> result;
-    for (const ArgCSP& row : index.rows) result.push_back(getActionId(dynamic_cast<const QORProgressArg&>(*row)));
+    for (const ArgCSP& row : index.rows)
+        result.push_back(getActionId(dynamic_cast<const QORProgressArg&>(*row)));
     return result;
 }
 
@@ -105,11 +107,12 @@ TEST(FieldIndexDeathTest, RefusesAFieldWithoutAnOrder) {
 #endif
 
 class ResultRow : public ::testing::Test {
-   protected:
+protected:
     void SetUp() override { fields.init(nullptr); }
     std::string written(const ArgCSP& row, const std::vector<std::string>& names) {
         std::vector<const QORField*> list;
-        for (const std::string& name : names) list.push_back(&*fields.find(name));
+        for (const std::string& name : names)
+            list.push_back(&*fields.find(name));
         QORMessage message;
         QORBinaryIterator at = message.root();
         EXPECT_EQ(writeResultRow(row, list, at), 0);

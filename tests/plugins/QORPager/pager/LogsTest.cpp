@@ -38,8 +38,10 @@ std::string events() {
         if (number % 2 == 0) lines += std::string(R"(,"eid":")") + eidA + "\"";
         lines += "}\n";
     };
-    for (int number = 1; number <= 6; ++number) add("e", "resource_alert", number);
-    for (int number = 1; number <= 3; ++number) add("s", "env_status", number);
+    for (int number = 1; number <= 6; ++number)
+        add("e", "resource_alert", number);
+    for (int number = 1; number <= 3; ++number)
+        add("s", "env_status", number);
     add("x", "other", 1);
     return lines;
 }
@@ -56,7 +58,7 @@ struct SourceRow {
 };
 
 class Logs : public ::testing::Test {
-   protected:
+protected:
     void SetUp() override { host.import(operations() + events()); }
     Answer ask(const char* field, const std::optional<std::string>& where, const std::string& more,
                const QORClientContextPtr& as = fullAccess()) {
@@ -96,31 +98,30 @@ TEST_F(Logs, OperationsComeNewestFirstAPageAtATime) {
 TEST_F(Logs, OperationsAreFoundByEnvironmentAndTime) {
     const std::string from = "pager.op_log.time >= '2023-11-14T22:18:20'";  // operation 5
     const std::string to = "pager.op_log.time <= '2023-11-14T22:20:20'";    // operation 7
-    expect("pager.op_log.id",
-           {
-               {operationsOf(eidA), "", "o9 o7 o5 o4 o3 o1", 6, 6},
-               {operationsOf(eidB), "", "o4 o2", 2, 2},
-               {operationsOf(eidC), limit(5, 0), "o2", 1, 1},
-               {operationsOf("{AAAAAAAA-0000-4000-8000-000000000001}"), limit(1, 0), "o9", 1, 6},
-               {operationsOf("dddddddd-0000-4000-8000-000000000004"), "", "", 0, 0},
-               {operationsOf("no GUID"), "", "", 0, 0},
-               {operationsOf(""), "", "", 0, 0},
-               {operationsOf(nil), "", "", 0, 0},
-               {operationsOf("no GUID"), limit(5, 10), "", -10, 0},
-               {from, "", "o9 o8 o7 o6 o5", 5, 5},
-               {to, limit(2, 0), "o7 o6", 2, 7},
-               {from + " and " + to, "", "o7 o6 o5", 3, 3},
-               {to + " and " + from + " and " + operationsOf(eidA), "", "o7 o5", 2, 2},
-               {"1=1 and '2023-11-14T22:20:20' >= pager.op_log.time", "", "o9 o8 o7", 3, 3},
-               {"'2023-11-14T22:20:20' >= pager.op_log.time", limit(2, 0), "o9 o8", 2, 9},
-               {"pager.op_log.time > '2023-11-14T22:18:20'", "", "o9 o8 o7 o6 o5 o4 o3 o2 o1", 9, 9},
-               {"pager.op_log.time >= '2100-01-01'", "", "", 0, 0},
-               {"pager.op_log.time <= '2100-01-01'", "", "o9 o8 o7 o6 o5 o4 o3 o2 o1", 9, 9},
-               {"pager.op_log.time <= \"4000000000\"", limit(1, 0), "o9", 1, 9},
-               {"pager.op_log.time <= \"abc\"", "", "", 0, 0},
-               {"pager.op_log.status = 5 or pager.op_log.id = 'o1'", limit(2, 0), "o9 o8", 2, 9},
-               {"not (" + operationsOf(eidB) + ")", limit(2, 0), "o9 o8", 2, 9},
-           });
+    expect("pager.op_log.id", {
+                                  {operationsOf(eidA), "", "o9 o7 o5 o4 o3 o1", 6, 6},
+                                  {operationsOf(eidB), "", "o4 o2", 2, 2},
+                                  {operationsOf(eidC), limit(5, 0), "o2", 1, 1},
+                                  {operationsOf("{AAAAAAAA-0000-4000-8000-000000000001}"), limit(1, 0), "o9", 1, 6},
+                                  {operationsOf("dddddddd-0000-4000-8000-000000000004"), "", "", 0, 0},
+                                  {operationsOf("no GUID"), "", "", 0, 0},
+                                  {operationsOf(""), "", "", 0, 0},
+                                  {operationsOf(nil), "", "", 0, 0},
+                                  {operationsOf("no GUID"), limit(5, 10), "", -10, 0},
+                                  {from, "", "o9 o8 o7 o6 o5", 5, 5},
+                                  {to, limit(2, 0), "o7 o6", 2, 7},
+                                  {from + " and " + to, "", "o7 o6 o5", 3, 3},
+                                  {to + " and " + from + " and " + operationsOf(eidA), "", "o7 o5", 2, 2},
+                                  {"1=1 and '2023-11-14T22:20:20' >= pager.op_log.time", "", "o9 o8 o7", 3, 3},
+                                  {"'2023-11-14T22:20:20' >= pager.op_log.time", limit(2, 0), "o9 o8", 2, 9},
+                                  {"pager.op_log.time > '2023-11-14T22:18:20'", "", "o9 o8 o7 o6 o5 o4 o3 o2 o1", 9, 9},
+                                  {"pager.op_log.time >= '2100-01-01'", "", "", 0, 0},
+                                  {"pager.op_log.time <= '2100-01-01'", "", "o9 o8 o7 o6 o5 o4 o3 o2 o1", 9, 9},
+                                  {"pager.op_log.time <= \"4000000000\"", limit(1, 0), "o9", 1, 9},
+                                  {"pager.op_log.time <= \"abc\"", "", "", 0, 0},
+                                  {"pager.op_log.status = 5 or pager.op_log.id = 'o1'", limit(2, 0), "o9 o8", 2, 9},
+                                  {"not (" + operationsOf(eidB) + ")", limit(2, 0), "o9 o8", 2, 9},
+                              });
 }
 
 TEST_F(Logs, AnEqualTimeIsOrderedByArrival) {
@@ -203,14 +204,15 @@ TEST_F(Logs, EventsAreFoundByTheCategoriesThatTheFilterNames) {
 }
 
 TEST_F(Logs, EventRowsShowTheirEnvironmentsIdentifier) {
-    EXPECT_THAT(readAnswer(client.ask(Ask{{"pager.event_log.source", "pager.env.eid", "pager.env.state",
-                                           "pager.env.transition", "pager.env.title", "pager.env.config.ip",
-                                           "pager.event_log.category"},
-                                          statuses, limit(2, 0)}
-                                          .body()))
-                    .rows,
-                ElementsAre(ElementsAre("s3", "", "0", "0", "", "", "env_status"),
-                            ElementsAre("s2", eidA, "0", "0", "", "", "env_status")));
+    EXPECT_THAT(
+        readAnswer(client.ask(Ask{{"pager.event_log.source", "pager.env.eid", "pager.env.state", "pager.env.transition",
+                                   "pager.env.title", "pager.env.config.ip", "pager.event_log.category"},
+                                  statuses,
+                                  limit(2, 0)}
+                                  .body()))
+            .rows,
+        ElementsAre(ElementsAre("s3", "", "0", "0", "", "", "env_status"),
+                    ElementsAre("s2", eidA, "0", "0", "", "", "env_status")));
 }
 
 TEST_F(Logs, AClientWithoutFullAccessFindsWhatIsItsOwn) {

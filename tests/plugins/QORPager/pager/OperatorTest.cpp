@@ -25,7 +25,7 @@ constexpr const char* vocabulary = R"(<vocabulary>
 </vocabulary>)";
 
 class Operator : public ::testing::Test {
-   protected:
+protected:
     Ask prefixed(int number) const {
         const std::string name = "pager.op_log.parameter.n" + std::to_string(number);
         return Ask{{name, "pager.op_log.time"}, name + " = 'x' and pager.op_log.time >= '2024-01-01'"};
@@ -104,7 +104,8 @@ TEST_F(Operator, DisconnectLeavesNothingOfTheClient) {
     client.disconnect();
     EXPECT_EQ(client.op().fields().size(), fields);
     EXPECT_EQ(client.op().fields().find("pager.op_log.parameter.mine"), client.op().fields().end());
-    for (const QORField& field : client.op().fields()) EXPECT_EQ(field.accessProvider, nullptr) << field.name;
+    for (const QORField& field : client.op().fields())
+        EXPECT_EQ(field.accessProvider, nullptr) << field.name;
     // What follows is served like a first request.
     EXPECT_EQ(client.errorOf(Ask{{"pager.op_log.id"}, {}, R"(,[1743,[[1741,"pager.op_log.parameter.mine"]]])"}.body()),
               R"(3111 Pager error: unknown field "pager.op_log.parameter.mine")");

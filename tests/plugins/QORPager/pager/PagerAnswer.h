@@ -88,7 +88,8 @@ inline Answer readAnswer(std::string_view text) {
 /// The first cell of every row, joined by blanks.
 inline std::string firstCells(const Answer& answer) {
     std::string text;
-    for (const auto& row : answer.rows) text += (text.empty() ? "" : " ") + row.front();
+    for (const auto& row : answer.rows)
+        text += (text.empty() ? "" : " ") + row.front();
     return text;
 }
 

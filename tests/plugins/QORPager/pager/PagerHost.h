@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
+#include "PagerAnswer.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORLibAgent/QOREnvCache.h"
 #include "QORLibLocal/QORVocabulary.h"
-#include "PagerAnswer.h"
 #include "QORPager/Operators/QORPagerOperator.h"
 #include "Rows.h"
 #include "agent/ingest/QORIngest.h"
@@ -21,7 +21,7 @@
 namespace QOR::testing {
 
 class PagerHost {
-   public:
+public:
     PagerHost() {
         ASDatabaseOptions options;
         options.connectionString = "Driver=SQLite3;Database=" + file().string();
@@ -54,13 +54,13 @@ class PagerHost {
 
     ScopedEnvCache envs;
 
-   private:
+private:
     TemporaryFolder m_folder;
 };
 
 /// One client of "pager".
 class PagerClient {
-   public:
+public:
     PagerClient() : m_factory(QOROpFactoryRegistry::instance().find("pager")) {
         m_operator = m_factory->newOperator();
         m_operator->init();
@@ -91,7 +91,7 @@ class PagerClient {
     QORPagerOperatorPrototype& op() { return dynamic_cast<QORPagerOperatorPrototype&>(*m_operator); }
     void disconnect() { m_operator->disconnect(m_accesser.get()); }
 
-   private:
+private:
     QORPtr<QOROpFactory> m_factory;
     QORPtr<QOROperatorPrototype> m_operator;
     QORPtr<QORAccesserPrototype> m_accesser;

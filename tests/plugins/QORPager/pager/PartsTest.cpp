@@ -28,10 +28,17 @@ struct PageRow {
 TEST(Page, IsCutFromTheRecords) {
     constexpr int most = 2147483647;
     const std::vector<PageRow> rows{
-        {20, 0, 100, 0, 20},      {20, 40, 100, 40, 60},        {20, 90, 100, 90, 100},
-        {20, 100, 100, 100, 100}, {20, 150, 100, 150, 100},     {0, 10, 100, 10, 100},
-        {-1, -1, 100, 0, 100},    {-5, -5, 0, 0, 0},            {1, -1, 5, 0, 1},
-        {most, most, 5, most, 5}, {most, 1, 3000000000, 1, 2147483648},
+        {20, 0, 100, 0, 20},
+        {20, 40, 100, 40, 60},
+        {20, 90, 100, 90, 100},
+        {20, 100, 100, 100, 100},
+        {20, 150, 100, 150, 100},
+        {0, 10, 100, 10, 100},
+        {-1, -1, 100, 0, 100},
+        {-5, -5, 0, 0, 0},
+        {1, -1, 5, 0, 1},
+        {most, most, 5, most, 5},
+        {most, 1, 3000000000, 1, 2147483648},
         {0, 0, 3000000000, 0, most},
     };
     for (const PageRow& row : rows) {
@@ -44,13 +51,22 @@ TEST(Page, IsCutFromTheRecords) {
 
 TEST(FilterConstants, ReadsNumbersLikeAtoiButSaturates) {
     const std::vector<std::pair<std::string, std::int32_t>> rows{
-        {"", 0},         {"abc", 0},          {"12abc", 12},     {" \t12", 12},
-        {"-12", -12},    {"+12", 12},         {"--1", 0},        {"2147483647", 2147483647},
-        {"2147483648", 2147483647},           {"-2147483648", -2147483647 - 1},
-        {"-2147483649", -2147483647 - 1},     {"99999999999999999999999", 2147483647},
+        {"", 0},
+        {"abc", 0},
+        {"12abc", 12},
+        {" \t12", 12},
+        {"-12", -12},
+        {"+12", 12},
+        {"--1", 0},
+        {"2147483647", 2147483647},
+        {"2147483648", 2147483647},
+        {"-2147483648", -2147483647 - 1},
+        {"-2147483649", -2147483647 - 1},
+        {"99999999999999999999999", 2147483647},
         {"-99999999999999999999999", -2147483647 - 1},
     };
-    for (const auto& [text, number] : rows) EXPECT_EQ(readSaturated(text), number) << text;
+    for (const auto& [text, number] : rows)
+        EXPECT_EQ(readSaturated(text), number) << text;
 }
 
 TEST(FilterConstants, ReadsSecondsOrTimesAndNothingElse) {
@@ -67,7 +83,8 @@ TEST(FilterConstants, ReadsSecondsOrTimesAndNothingElse) {
         {"1700000000s", std::nullopt},
         {" 1700000000", std::nullopt},
     };
-    for (const auto& [text, seconds] : rows) EXPECT_EQ(readSeconds(text), seconds) << text;
+    for (const auto& [text, seconds] : rows)
+        EXPECT_EQ(readSeconds(text), seconds) << text;
 }
 
 TEST(FilterConstants, AreNoneWithoutAFilter) {
@@ -140,16 +157,18 @@ TEST(EIDFilter, ChecksAnOperationWhenItHasOne) {
 }
 
 class PreFilter : public ::testing::Test {
-   protected:
+protected:
     void SetUp() override {
         fields.init(nullptr);
-        for (const QORField& field : fields) filter.setIdentifier(field.name, "", field.cursorType == TCursorType::Env);
+        for (const QORField& field : fields)
+            filter.setIdentifier(field.name, "", field.cursorType == TCursorType::Env);
     }
     std::vector<const QORField*> used(const std::string& text) {
         filter.setExpression(text);
         EXPECT_FALSE(filter.prepareSpecial()) << filter.getErrorMessage();
         std::vector<const QORField*> list;
-        for (const std::string& name : filter.usedIdentifiers()) list.push_back(&*fields.find(name));
+        for (const std::string& name : filter.usedIdentifiers())
+            list.push_back(&*fields.find(name));
         return list;
     }
     QORFieldSet fields;
@@ -190,8 +209,8 @@ TEST_F(PreFilter, SaysWhyItCannotEvaluate) {
 
 TEST_F(PreFilter, TriesEveryCombinationOfSeveralValues) {
     const QORArg row(fullEnv());
-    const std::vector<const QORField*> lists{&*fields.find("pager.env.config.ip"), &*fields.find("pager.env.vconfig.ip"),
-                                             &*fields.find("pager.env.title")};
+    const std::vector<const QORField*> lists{&*fields.find("pager.env.config.ip"),
+                                             &*fields.find("pager.env.vconfig.ip"), &*fields.find("pager.env.title")};
     const std::vector<std::pair<std::string, bool>> rows{
         {"pager.env.config.ip = 'c-3' and pager.env.vconfig.ip = 'v-2'", true},
         {"pager.env.config.ip = 'c-1' and pager.env.vconfig.ip = 'v-3' and pager.env.title = 'title'", true},
@@ -201,7 +220,8 @@ TEST_F(PreFilter, TriesEveryCombinationOfSeveralValues) {
         {"pager.env.config.ip like '%too long for them'", false},
     };
     for (const auto& [text, expected] : rows) {
-        for (const QORField* field : lists) filter.setIdentifier(field->name, "", true);
+        for (const QORField* field : lists)
+            filter.setIdentifier(field->name, "", true);
         used(text);
         EXPECT_EQ(checkMulty(filter, row, lists, 0), expected) << text;
     }

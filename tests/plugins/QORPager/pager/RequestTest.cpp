@@ -13,11 +13,10 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 class Request : public ::testing::Test {
-   protected:
+protected:
     void SetUp() override {
-        host.import(
-            R"({"kind":"environment","eid":"aaaaaaaa-0000-4000-8000-000000000001","title":"web","state":6,)"
-            R"("config":{"hostname":"web1.example.com","memory":2048,"ip":["10.0.0.1","10.0.0.2"]}})");
+        host.import(R"({"kind":"environment","eid":"aaaaaaaa-0000-4000-8000-000000000001","title":"web","state":6,)"
+                    R"("config":{"hostname":"web1.example.com","memory":2048,"ip":["10.0.0.1","10.0.0.2"]}})");
     }
 
     struct HostWithVocabulary : PagerHost {
@@ -89,7 +88,8 @@ TEST_F(Request, IsRefusedWithTheComplaintThatFits) {
          "3152 Pager evaluating error: joins with env_info table are forbidden"},
         {R"([1740,[[1741,"pager.backup.id"]]])", "3151 Pager parsing error: Empty expression"},
     };
-    for (const MistakeRow& row : rows) EXPECT_EQ(client.errorOf(row.body), row.error) << row.body;
+    for (const MistakeRow& row : rows)
+        EXPECT_EQ(client.errorOf(row.body), row.error) << row.body;
 }
 
 TEST_F(Request, ChecksInOneOrder) {
@@ -107,7 +107,8 @@ TEST_F(Request, ChecksInOneOrder) {
         {R"([1740,[[1741,"pager.op_log.id"],[1742,"pager.op_log.time = 5 x"]]])",
          "400 invalid date/time format in where"},
     };
-    for (const MistakeRow& row : rows) EXPECT_EQ(client.errorOf(row.body), row.error) << row.body;
+    for (const MistakeRow& row : rows)
+        EXPECT_EQ(client.errorOf(row.body), row.error) << row.body;
 }
 
 TEST_F(Request, ReportsErrorsWhereTheyAreExpected) {
@@ -190,7 +191,8 @@ TEST_F(Request, EvaluatesTheFilterOnEnvironmentsAndRestrictsNothingByIt) {
     host.import(
         R"({"kind":"event","time":1700000000,"eid":"bbbbbbbb-0000-4000-8000-000000000002","category":"env_status"})");
     const std::string category = "pager.event_log.category='env_status'";
-    for (const char* filter : {"pager.env.state = 7", "pager.env.state = 6", "pager.env.eid in (unit 'x', recursive)"}) {
+    for (const char* filter :
+         {"pager.env.state = 7", "pager.env.state = 6", "pager.env.eid in (unit 'x', recursive)"}) {
         const Answer answer =
             readAnswer(client.ask(Ask{{"pager.env.eid", "pager.env.state", "pager.env.title", "pager.event_log.time"},
                                       category + " and " + filter}

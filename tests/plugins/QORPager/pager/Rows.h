@@ -23,7 +23,8 @@ inline QOREID eid(const char* text) {
 
 inline QORInfo parameter(std::string name, std::vector<std::pair<std::string, std::string>> children) {
     QORInfo info(std::move(name));
-    for (auto& [childName, value] : children) info.add(std::move(childName), std::move(value));
+    for (auto& [childName, value] : children)
+        info.add(std::move(childName), std::move(value));
     return info;
 }
 
@@ -55,7 +56,9 @@ inline QORPtr<const QOREnv> fullEnv() {
                                     fullConfig("v-"));
 }
 
-inline QORPtr<const QOREnv> bareEnv(const char* id = eidA) { return makeQORPtr<const QOREnv>(eid(id)); }
+inline QORPtr<const QOREnv> bareEnv(const char* id = eidA) {
+    return makeQORPtr<const QOREnv>(eid(id));
+}
 
 inline QORInfo fullInfo() {
     QORInfo info;
@@ -91,14 +94,14 @@ inline std::shared_ptr<QOREventArg> fullEvent() {
 
 /// A cache that is the process's for as long as it lives.
 class ScopedEnvCache {
-   public:
+public:
     ScopedEnvCache() : m_before(envCache()) { setEnvCache(&cache); }
     ~ScopedEnvCache() { setEnvCache(m_before); }
     ScopedEnvCache(const ScopedEnvCache&) = delete;
     ScopedEnvCache& operator=(const ScopedEnvCache&) = delete;
     QOREnvCache cache;
 
-   private:
+private:
     QOREnvCache* m_before;
 };
 

@@ -12,7 +12,7 @@ namespace QOR::testing {
 /// The process's vocabulary is the given text for as long as the object lives. Entries that the reader complains of
 /// are allowed; a text that cannot be used is not.
 class ScopedVocabulary {
-   public:
+public:
     explicit ScopedVocabulary(std::string_view xml) : m_before(vocCacheLocal()->getVocabulary()) {
         QORVocReader reader;
         if (!reader.readText(xml, "test.xml")) throw std::runtime_error(reader.mistakes().front().reason);
@@ -22,7 +22,7 @@ class ScopedVocabulary {
     ScopedVocabulary(const ScopedVocabulary&) = delete;
     ScopedVocabulary& operator=(const ScopedVocabulary&) = delete;
 
-   private:
+private:
     QORPtr<const QORVocMap> m_before;
 };
 
