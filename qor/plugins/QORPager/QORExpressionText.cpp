@@ -36,6 +36,7 @@ constexpr std::int32_t lowBits(std::int64_t value) noexcept {
 }
 
 bool contains(std::string_view subject, std::string_view part) noexcept {
+    if (subject.size() < part.size()) return false;
     // memmem stays linear on texts that are made to be searched badly, std::string_view::find does not.
     return memmem(subject.data(), subject.size(), part.data(), part.size()) != nullptr;
 }
