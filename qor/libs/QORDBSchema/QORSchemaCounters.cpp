@@ -5,7 +5,7 @@ namespace {
 
 // How many records a log has in any span of time, without walking it. A counter stands for the records of one scope in
 // the span [bucket << level, (bucket + 1) << level) of seconds. Every record counts in a bucket of level 24 (194
-// days); a bucket that has come to hold more than 1024 is split: those within it at the next level (20, 16, 12, 8, 4,
+// days); a bucket that has come to hold more than 256 is split: those within it at the next level (20, 16, 12, 8, 4,
 // 0) count too, and go on counting. So quiet scopes have few counters, and busy ones buckets small enough to walk.
 //
 // Scopes of operations: '' all, an environment's GUID those that belong to it or touch it, '+' and the GUIDs of
@@ -17,7 +17,7 @@ namespace {
 //
 // The buckets of one level that are too full, and what is in them at the next.
 #define QOR_SPLIT(table, wider, finer)                                                                            \
-    "UPDATE " table " SET split = 1 WHERE level = " wider " AND n > 1024",                                        \
+    "UPDATE " table " SET split = 1 WHERE level = " wider " AND n > 256",                                         \
         "INSERT INTO " table " SELECT m.scope, " finer ", m.second >> " finer                                     \
         ", count(*), 0 FROM temp.qor_migrated m CROSS JOIN " table " c ON c.scope = m.scope AND c.level = " wider \
         " AND c.bucket = m.second >> " wider " AND c.split = 1 GROUP BY 1, 3"

@@ -15,7 +15,7 @@ constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORLogCounters";
 
 /// Widths of buckets as powers of two, the widest first.
 constexpr std::array<int, 7> levels{24, 20, 16, 12, 8, 4, 0};
-constexpr std::int64_t splitAbove = 1024;
+constexpr std::int64_t splitAbove = 256;
 
 /// The marks of scopes' names: no GUID contains them.
 constexpr char sharedMark = '+';
