@@ -65,12 +65,17 @@ public:
         static_cast<TStringValue*>(value)->assign(text);
         return false;
     }
-    /// As setFromText, but a name that is bound to a text refers to the caller's bytes: they must stay as they are
-    /// until the name is set or bound again, or the evaluator is not evaluated any more.
+    /// As setFromText, but a name that is bound to a text or a number refers to the caller's bytes: they must stay as
+    /// they are until the name is set or bound again, or the evaluator is not evaluated any more.
     static bool setView(TIdentifierHandle handle, std::string_view text) {
         TBaseValue* const value = handle ? handle.m_value->get() : nullptr;
-        if (value == nullptr || value->type() != TValueType::String) return setNumber(handle, text);
-        static_cast<TStringValue*>(value)->refer(text);
+        if (value != nullptr && value->type() == TValueType::String) {
+            static_cast<TStringValue*>(value)->refer(text);
+        } else if (value != nullptr && value->type() == TValueType::Integer) {
+            static_cast<TIntegerValue*>(value)->refer(text);
+        } else {
+            return setNumber(handle, text);
+        }
         return false;
     }
     /// Forgets all names, "true" and "false" too; which names are special is kept. The text must be parsed again.

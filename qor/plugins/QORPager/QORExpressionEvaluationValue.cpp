@@ -118,34 +118,39 @@ bool TBaseValue::isZero() const {
 
 TIntegerValue::~TIntegerValue() = default;
 
+void TIntegerValue::read() const noexcept {
+    m_value = readInteger(m_text);
+    m_text = {};
+}
+
 bool TIntegerValue::setValueFromString(const std::string& text) {
-    m_value = readInteger(text);
+    assign(readInteger(text));
     return false;
 }
 
 TBaseValue* TIntegerValue::clone() const {
-    return new TIntegerValue(m_value);
+    return new TIntegerValue(getValue(this));
 }
 
 TBaseValue* TIntegerValue::opUnMinus() {
-    m_value = negateInteger(m_value);
+    assign(negateInteger(getValue(this)));
     return this;
 }
 
 TBaseValue* TIntegerValue::opAdd(TBaseValue* right) {
-    return changeLeft(this, right, [](auto& left, int b) { left.m_value = addIntegers(left.m_value, b); });
+    return changeLeft(this, right, [](auto& left, int b) { left.assign(addIntegers(getValue(&left), b)); });
 }
 TBaseValue* TIntegerValue::opSub(TBaseValue* right) {
-    return changeLeft(this, right, [](auto& left, int b) { left.m_value = subtractIntegers(left.m_value, b); });
+    return changeLeft(this, right, [](auto& left, int b) { left.assign(subtractIntegers(getValue(&left), b)); });
 }
 TBaseValue* TIntegerValue::opMul(TBaseValue* right) {
-    return changeLeft(this, right, [](auto& left, int b) { left.m_value = multiplyIntegers(left.m_value, b); });
+    return changeLeft(this, right, [](auto& left, int b) { left.assign(multiplyIntegers(getValue(&left), b)); });
 }
 TBaseValue* TIntegerValue::opDiv(TBaseValue* right) {
-    return changeLeft(this, right, [](auto& left, int b) { left.m_value = divideIntegers(left.m_value, b); });
+    return changeLeft(this, right, [](auto& left, int b) { left.assign(divideIntegers(getValue(&left), b)); });
 }
 TBaseValue* TIntegerValue::opPow(TBaseValue* right) {
-    return changeLeft(this, right, [](auto& left, int b) { left.m_value = powerIntegers(left.m_value, b); });
+    return changeLeft(this, right, [](auto& left, int b) { left.assign(powerIntegers(getValue(&left), b)); });
 }
 TBaseValue* TIntegerValue::opGT(TBaseValue* right) {
     return testBoth(this, right, std::greater<>());
@@ -166,7 +171,7 @@ TBaseValue* TIntegerValue::opNE(TBaseValue* right) {
     return testBoth(this, right, std::not_equal_to<>());
 }
 bool TIntegerValue::isZero() const {
-    return m_value == 0;
+    return getValue(this) == 0;
 }
 
 TStringValue::~TStringValue() = default;

@@ -64,9 +64,20 @@ public:
 
     /// Reads the field of an object that is of this class. The caller has checked the type.
     static std::int32_t getValue(const TBaseValue* object) noexcept {
-        return static_cast<const TIntegerValue*>(object)->m_value;
+        const auto* const integer = static_cast<const TIntegerValue*>(object);
+        if (integer->m_text.data() != nullptr) integer->read();
+        return integer->m_value;
     }
-    void assign(std::int32_t value) noexcept { m_value = value; }
+    void assign(std::int32_t value) noexcept {
+        m_value = value;
+        m_text = {};
+    }
+    /// Takes the number of a text when it is asked for: not every row comes to asking. The bytes stay the caller's, and
+    /// must stay as they are until then or until the next change.
+    void refer(std::string_view text) noexcept {
+        assign(0);
+        m_text = text;
+    }
 
     bool setValueFromString(const std::string& text) override;
     TBaseValue* clone() const override;
@@ -85,7 +96,10 @@ public:
     bool isZero() const override;
 
 private:
-    std::int32_t m_value;
+    void read() const noexcept;
+
+    mutable std::int32_t m_value;
+    mutable std::string_view m_text;  ///< to be read; without data when m_value is the number
 };
 
 class TStringValue final : public TBaseValue {

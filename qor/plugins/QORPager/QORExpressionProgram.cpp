@@ -1,6 +1,7 @@
 #include "QORPager/QORExpressionProgram.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <optional>
 
@@ -45,6 +46,17 @@ constexpr int orderOf(std::int32_t left, std::int32_t right) noexcept {
 
 constexpr bool isEquality(std::uint8_t orders) noexcept {
     return orders == equal || orders == (smaller | greater);
+}
+
+/// The texts of a column differ early as a rule, so their first bytes are compared before anything is called.
+bool beginsWith(std::string_view text, std::string_view prefix) noexcept {
+    if (text.size() < prefix.size()) return false;
+    if (prefix.empty()) return true;
+    return text.front() == prefix.front() && std::memcmp(text.data(), prefix.data(), prefix.size()) == 0;
+}
+
+bool isSame(std::string_view left, std::string_view right) noexcept {
+    return left.size() == right.size() && beginsWith(left, right);
 }
 
 /// Whether a pattern has a leading wildcard only, which a subject can be too short for.
@@ -558,10 +570,10 @@ TErrorType TExpressionProgram::run(TOperand& result) {
                 break;
             }
             case Op::TestText:
-                pushBoolean((TStringValue::getValue(at->left.name->get()) == at->text) == (at->orders == equal));
+                pushBoolean(isSame(TStringValue::getValue(at->left.name->get()), at->text) == (at->orders == equal));
                 break;
             case Op::TestPrefix:
-                pushBoolean(TStringValue::getValue(at->left.name->get()).starts_with(at->text));
+                pushBoolean(beginsWith(TStringValue::getValue(at->left.name->get()), at->text));
                 break;
             case Op::In:
                 drop(at->right, top);
@@ -570,8 +582,15 @@ TErrorType TExpressionProgram::run(TOperand& result) {
                 break;
         }
     }
-    result = m_stack.front();
-    if (result.type == TValueType::String) m_pool.settle(result);
+    // Part by part, as it was written: reading it whole would wait for the parts to come together.
+    const TOperand& value = m_stack.front();
+    if (value.type == TValueType::String) {
+        result = value;
+        m_pool.settle(result);
+    } else {
+        result.type = value.type;
+        result.number = value.number;
+    }
     return etNoErrors;
 }
 

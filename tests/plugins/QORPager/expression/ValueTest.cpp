@@ -244,5 +244,30 @@ TEST(ExpressionValue, PoliciesAllowTheirTypes) {
     }
 }
 
+TEST(ExpressionValue, NumbersThatAreReferredToAreReadWhenAskedFor) {
+    std::string bytes = "41";
+    TIntegerValue number(7);
+    number.refer(bytes);
+    EXPECT_EQ(show(*Owned(number.clone())), "41");
+    bytes = "42";
+    EXPECT_EQ(show(number), "41") << "read once";
+    number.refer(bytes);
+    EXPECT_EQ(number.opUnMinus(), &number);
+    EXPECT_EQ(show(number), "-42");
+    number.refer("8x");
+    EXPECT_EQ(number.opAdd(integer(1)), &number);
+    EXPECT_EQ(show(number), "9");
+    number.refer("0");
+    EXPECT_TRUE(number.isZero());
+    number.refer("5");
+    number.assign(6);
+    EXPECT_EQ(show(number), "6");
+    number.refer({});
+    EXPECT_EQ(show(number), "0");
+    number.refer("99");
+    EXPECT_FALSE(number.setValueFromString("3"));
+    EXPECT_EQ(show(number), "3");
+}
+
 }  // namespace
 }  // namespace QOR
