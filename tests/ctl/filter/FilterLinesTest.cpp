@@ -31,11 +31,13 @@ TEST(FilterLines, AnAnswerHasEveryMember) {
         "\n");
     EXPECT_EQ(answer.exitCode, 0);
     EXPECT_EQ(answer.text,
-              R"({"id":7,"parse":)" + none + R"(,"postfix":"a 1 = S %x like and ","used":["S","a"],"treeError":)" + none +
+              R"({"id":7,"parse":)" + none + R"(,"postfix":"a 1 = S %x like and ","used":["S","a"],"treeError":)" +
+                  none +
                   R"j(,"infix":"(a = 1) and (S like %x)","infixSpecial":"S like %x","infixNotSpecial":"a = 1",)j"
                   R"("onlySpecial":false,"onlyNotSpecial":false,"value":"true","error":)" +
-                  none + R"(,"valueSpecial":"true","errorSpecial":)" + none + R"(,"boolean":true,"booleanError":)" + none +
-                  R"(,"booleanSpecial":true,"booleanSpecialError":)" + none + R"(,"integer":0,"string":"",)"
+                  none + R"(,"valueSpecial":"true","errorSpecial":)" + none + R"(,"boolean":true,"booleanError":)" +
+                  none + R"(,"booleanSpecial":true,"booleanSpecialError":)" + none +
+                  R"(,"integer":0,"string":"",)"
                   R"("extract":[{"found":true,"text":"1"},{"found":true,"text":"%x"},{"found":false,"text":""}],)"
                   R"("bound":[true,true,false]})"
                   "\n");
