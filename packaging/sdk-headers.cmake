@@ -31,9 +31,9 @@ set(QOR_SDK_HEADERS
   QORMessage/QORNotation.h
   QORMessage/QORTags.h
   QORMessage/QORXml.h
-  rdbmspp/AException.h
-  rdbmspp/ASAttribute.h
-  rdbmspp/ASComparison.h
-  rdbmspp/ASCursor.h
-  rdbmspp/ASData.h
-  rdbmspp/QORRdbms.h)
+  rdbmspp/engine/AException.h
+  rdbmspp/sql/ASAttribute.h
+  rdbmspp/sql/ASComparison.h
+  rdbmspp/sql/ASCursor.h
+  rdbmspp/sql/ASData.h
+  rdbmspp/pool/QORRdbms.h)

@@ -23,8 +23,8 @@
 #include "QORFunctionality/QORAccess.h"
 #include "QORLibAgent/QORLogs.h"
 #include "QORLibAgent/QORSecurity.h"
-#include "agent/ingest/QORIngest.h"
-#include "rdbmspp/QORRdbms.h"
+#include "ingest/QORIngest.h"
+#include "rdbmspp/pool/QORRdbms.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {

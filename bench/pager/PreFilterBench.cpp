@@ -12,8 +12,8 @@
 #include "QORLibAgent/QOREnvCache.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "QORLibLocal/QORVocabulary.h"
-#include "QORPager/Operators/QOREIDFilter.h"
-#include "QORPager/Operators/QOREnvPreFilter.h"
+#include "QORPager/Operators/Pager/QOREIDFilter.h"
+#include "QORPager/Operators/Pager/QOREnvPreFilter.h"
 #include "QORPager/QORFieldSet.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include "QORLibAgent/QORSecurity.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
-#include "QORPager/Operators/QORViewMetadata.h"
+#include "QORPager/Operators/Pager2/QORViewMetadata.h"
 #include "support/HostTable.h"
 
 namespace {

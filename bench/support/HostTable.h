@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR::bench {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "QORPager/Operators/QORDateTimeRewrite.h"
+#include "QORPager/QORDateTimeRewrite.h"
 #include "QORPager/QORExpressionEvaluation.h"
 
 namespace QOR {

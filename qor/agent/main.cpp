@@ -11,11 +11,11 @@
 #include <thread>
 
 #include "QORCommon/QORLogger.h"
-#include "agent/AgentApplication.h"
+#include "agent/api/AgentApplication.h"
 #include "agent/http/HttpServer.h"
-#include "agent/runtime/QORHost.h"
-#include "agent/runtime/QORHostPaths.h"
-#include "agent/runtime/QORVocabularyFiles.h"
+#include "host/QORHost.h"
+#include "host/QORHostPaths.h"
+#include "host/QORVocabularyFiles.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #include <signal.h>
 
 #include "CommandLine.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 int main(int argc, char** argv) {
     QOR::QORRdbms::prepareProcess();

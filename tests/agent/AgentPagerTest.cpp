@@ -6,7 +6,7 @@
 #include <string>
 
 #include "QORMessage/QORNotation.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 #include "support/AgentProcess.h"
 #include "support/HttpClient.h"
 

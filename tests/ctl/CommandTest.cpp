@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "ctl/CtlProcess.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 #include "support/AgentProcess.h"
 
 namespace QOR::test {

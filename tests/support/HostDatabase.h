@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "QORDBSchema/QORDBSchema.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QOR::test {

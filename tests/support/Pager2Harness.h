@@ -17,7 +17,7 @@
 #include "QORLibAgent/QORSecurity.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR::testing {
 

@@ -24,7 +24,7 @@
 #include "CtlError.h"
 #include "QORCommon/QORException.h"
 #include "QORMessage/QORNotation.h"
-#include "agent/runtime/QORHostPaths.h"
+#include "host/QORHostPaths.h"
 #include "backend/AgentReplies.h"
 
 namespace QOR {

@@ -15,8 +15,8 @@
 #include "LineInput.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibLocal/QORVocabulary.h"
-#include "agent/ingest/QORCollectors.h"
-#include "agent/ingest/QORIngest.h"
+#include "ingest/QORCollectors.h"
+#include "ingest/QORIngest.h"
 
 namespace QOR {
 

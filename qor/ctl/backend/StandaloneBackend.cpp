@@ -6,9 +6,9 @@
 #include "QORCommon/QORException.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORMessage/QORNotation.h"
-#include "agent/runtime/QORHost.h"
-#include "agent/runtime/QORVocabularyFiles.h"
-#include "rdbmspp/QORRdbms.h"
+#include "host/QORHost.h"
+#include "host/QORVocabularyFiles.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
 

@@ -10,7 +10,7 @@
 
 #include "CtlError.h"
 #include "SelectRequest.h"
-#include "agent/ingest/QORSampleData.h"
+#include "ingest/QORSampleData.h"
 #include "backend/Backend.h"
 #include "output/RowPrinter.h"
 #include "rows/RowsRequest.h"

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "QORCommon/QORText.h"
-#include "QORPager/Operators/QORDateTimeRewrite.h"
+#include "QORPager/QORDateTimeRewrite.h"
 #include "QORPager/QORExpressionEvaluation.h"
 #include "QORPager/QORExpressionText.h"
 #include "filter/FilterInspector.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "QORPager/Operators/QORDateTimeRewrite.h"
+#include "QORPager/QORDateTimeRewrite.h"
 #include "QORPager/QORExpressionEvaluation.h"
 #include "filter/FilterInspector.h"
 #include "filter/FilterNames.h"

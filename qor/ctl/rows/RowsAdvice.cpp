@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "QORPager/Operators/QORFilterNames.h"
+#include "QORPager/QORFilterNames.h"
 #include "QORPager/QORExpressionEvaluation.h"
 
 namespace QOR {

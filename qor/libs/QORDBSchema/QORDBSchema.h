@@ -10,7 +10,7 @@
 #include <string>
 
 #include "QORCommon/QORExport.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
 

@@ -1,8 +1,8 @@
 #include "QORDBSchema/SchemaTable.h"
 
 #include "QORCommon/QORLogger.h"
-#include "rdbmspp/AException.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/engine/AException.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
 namespace {

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "QORCommon/QORExport.h"
-#include "rdbmspp/ASAttribute.h"
-#include "rdbmspp/ASCursor.h"
-#include "rdbmspp/ASData.h"
+#include "rdbmspp/sql/ASAttribute.h"
+#include "rdbmspp/sql/ASCursor.h"
+#include "rdbmspp/sql/ASData.h"
 
 namespace QOR {
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "QORLibAgent/QORSecurity.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
 namespace {

@@ -17,7 +17,7 @@
 
 #include "QORCommon/QORExport.h"
 #include "QORCommon/QORGuid.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
 

@@ -10,7 +10,7 @@
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORLogCounters.h"
 #include "QORLibAgent/QORSecurity.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORDBSchema/SchemaTable.h"
-#include "rdbmspp/AException.h"
+#include "rdbmspp/engine/AException.h"
 #include "support/HostDatabase.h"
 
 namespace QOR {

@@ -1,7 +1,7 @@
 #include "QORDBSchema/SchemaTable.h"
 
 #include "QORCommon/QORLogger.h"
-#include "rdbmspp/AException.h"
+#include "rdbmspp/engine/AException.h"
 #include "support/HostDatabase.h"
 
 namespace QOR {

@@ -14,8 +14,8 @@
 #include "QORLibAgent/QOREnvCache.h"
 #include "QORLibAgent/QORLogs.h"
 #include "QORLibAgent/QORSecurity.h"
-#include "agent/ingest/QORIngest.h"
-#include "rdbmspp/QORRdbms.h"
+#include "ingest/QORIngest.h"
+#include "rdbmspp/pool/QORRdbms.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QOR::test {

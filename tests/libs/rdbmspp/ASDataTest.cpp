@@ -1,4 +1,4 @@
-#include "rdbmspp/ASData.h"
+#include "rdbmspp/sql/ASData.h"
 
 #include <limits>
 

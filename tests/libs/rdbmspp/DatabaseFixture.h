@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "rdbmspp/ASCursor.h"
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/sql/ASCursor.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR::testing {
 

@@ -1,5 +1,5 @@
 // Connections, transactions, and databases that are not there, not well or not ours.
-#include "rdbmspp/QORRdbms.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 #include <atomic>
 #include <fstream>
@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "DatabaseFixture.h"
-#include "rdbmspp/ASDialect.h"
+#include "rdbmspp/engine/ASDialect.h"
 
 namespace QOR::testing {
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "QORPager/Operators/QORPagerErrors.h"
+#include "QORPager/Operators/Pager/QORPagerErrors.h"
 
 namespace QOR {
 namespace {

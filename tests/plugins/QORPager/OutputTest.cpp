@@ -9,7 +9,7 @@
 #include "PeopleDatabase.h"
 #include "QORCommon/QORException.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
-#include "QORPager/Operators/QORSelectStmnt.h"
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 
 namespace QOR::testing {
 namespace {

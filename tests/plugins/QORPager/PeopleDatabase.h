@@ -3,7 +3,7 @@
 #pragma once
 
 #include "QORCommon/QORLogger.h"
-#include "QORPager/Operators/QORViewMetadata.h"
+#include "QORPager/Operators/Pager2/QORViewMetadata.h"
 #include "support/Pager2Harness.h"
 
 namespace QOR::testing {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "PeopleDatabase.h"
-#include "QORPager/Operators/QORSelectStmnt.h"
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 
 namespace QOR::testing {
 namespace {

@@ -7,7 +7,7 @@
 
 #include "QORFunctionality/QORAccess.h"
 #include "QORLibLocal/QORVocabulary.h"
-#include "QORPager/Operators/QORPagerErrors.h"
+#include "QORPager/Operators/Pager/QORPagerErrors.h"
 
 namespace QOR {
 

@@ -3,8 +3,8 @@
 #include "QORCommon/QORException.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORMessage/QORBinaryIterator.h"
-#include "QORPager/Operators/QORSelectStmnt.h"
-#include "rdbmspp/AException.h"
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
+#include "rdbmspp/engine/AException.h"
 
 namespace QOR {
 

@@ -1,4 +1,4 @@
-#include "QORPager/Operators/QORDateTimeRewrite.h"
+#include "QORPager/QORDateTimeRewrite.h"
 
 #include <gtest/gtest.h>
 

@@ -15,7 +15,7 @@
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORPager/Operators/QORPagerOperator.h"
 #include "Rows.h"
-#include "agent/ingest/QORIngest.h"
+#include "ingest/QORIngest.h"
 #include "support/Pager2Harness.h"
 
 namespace QOR::testing {

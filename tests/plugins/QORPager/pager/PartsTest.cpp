@@ -3,11 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "QORPager/Operators/QOREIDFilter.h"
-#include "QORPager/Operators/QOREnvPreFilter.h"
-#include "QORPager/Operators/QORFilterConstants.h"
-#include "QORPager/Operators/QORFilterNames.h"
-#include "QORPager/Operators/QORPage.h"
+#include "QORPager/Operators/Pager/QOREIDFilter.h"
+#include "QORPager/Operators/Pager/QOREnvPreFilter.h"
+#include "QORPager/Operators/Pager/QORFilterConstants.h"
+#include "QORPager/QORFilterNames.h"
+#include "QORPager/Operators/Pager/QORPage.h"
 #include "QORPager/QORFieldSet.h"
 #include "Rows.h"
 #include "support/Pager2Harness.h"

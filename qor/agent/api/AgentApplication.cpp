@@ -1,0 +1,265 @@
+#include "agent/api/AgentApplication.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+#include <unistd.h>
+
+#include <array>
+#include <exception>
+#include <utility>
+
+#include "QORCommon/QORLogger.h"
+#include "QORDBSchema/SchemaTable.h"
+#include "QORFunctionality/QOROpFactory.h"
+#include "QORLibLocal/QORVocabulary.h"
+#include "QORMessage/QORNotation.h"
+#include "agent/api/AgentRecords.h"
+#include "host/QORHost.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+namespace {
+
+constexpr unsigned ok = 200;
+constexpr unsigned badRequest = 400;
+constexpr unsigned forbidden = 403;
+constexpr unsigned notFound = 404;
+constexpr unsigned methodNotAllowed = 405;
+constexpr unsigned failed = 500;
+
+using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
+
+void writeText(JsonWriter& json, std::string_view text) {
+    json.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+void writeKey(JsonWriter& json, std::string_view key) {
+    json.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+}
+
+HttpReply errorReply(unsigned status, int code, std::string_view message) {
+    HttpReply reply{status, {}};
+    writeErrorResponse(code, message, reply.body);
+    return reply;
+}
+
+HttpReply errorReply(unsigned status, std::string_view message) {
+    return errorReply(status, static_cast<int>(status), message);
+}
+
+/// `{"views":[{"name":"...","columns":[{"name":"...","type":"...","length":0},...]},...]}`
+std::string viewsText() {
+    QORRdbmsTran transaction(ASAccess::Read);
+    const std::vector<QORViewColumn> columns = readViews(*transaction);
+    rapidjson::StringBuffer buffer;
+    JsonWriter json(buffer);
+    json.StartObject();
+    writeKey(json, "views");
+    json.StartArray();
+    for (std::size_t index = 0; index < columns.size(); ++index) {
+        const QORViewColumn& column = columns[index];
+        if (index == 0 || columns[index - 1].view != column.view) {
+            json.StartObject();
+            writeKey(json, "name");
+            writeText(json, column.view);
+            writeKey(json, "columns");
+            json.StartArray();
+        }
+        json.StartObject();
+        writeKey(json, "name");
+        writeText(json, column.column);
+        writeKey(json, "type");
+        writeText(json, column.type);
+        writeKey(json, "length");
+        json.Int(column.length);
+        json.EndObject();
+        if (index + 1 == columns.size() || columns[index + 1].view != column.view) {
+            json.EndArray();
+            json.EndObject();
+        }
+    }
+    json.EndArray();
+    json.EndObject();
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
+void writeMember(JsonWriter& json, std::string_view key, std::string_view text) {
+    writeKey(json, key);
+    writeText(json, text);
+}
+
+void writeParameter(JsonWriter& json, const QORVocParameter& parameter) {
+    json.StartObject();
+    writeMember(json, "id", parameter.id);
+    writeKey(json, "values");
+    json.StartArray();
+    for (const auto& [name, text] : parameter.values) {
+        json.StartObject();
+        writeMember(json, "name", name);
+        writeMember(json, "text", text);
+        json.EndObject();
+    }
+    json.EndArray();
+    writeKey(json, "marks");
+    json.StartArray();
+    for (const std::string& mark : parameter.marks)
+        writeText(json, mark);
+    json.EndArray();
+    json.EndObject();
+}
+
+/// `{"vocabulary":[{"name":"...","parameters":[{"id":"...","values":[{"name":"...","text":"..."},...],
+/// "marks":["...",...]},...]},...]}`
+std::string vocabularyText() {
+    const QORPtr<const QORVocMap> vocabulary = vocCacheLocal()->getVocabulary();
+    rapidjson::StringBuffer buffer;
+    JsonWriter json(buffer);
+    json.StartObject();
+    writeKey(json, "vocabulary");
+    json.StartArray();
+    for (const auto& [name, parameters] : vocabulary->categories()) {
+        json.StartObject();
+        writeMember(json, "name", name);
+        writeKey(json, "parameters");
+        json.StartArray();
+        for (const QORVocParameter& parameter : parameters)
+            writeParameter(json, parameter);
+        json.EndArray();
+        json.EndObject();
+    }
+    json.EndArray();
+    json.EndObject();
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
+bool hasFullAccess(const std::optional<HttpPeerCredentials>& peer) {
+    return peer && (peer->uid == 0 || peer->uid == ::geteuid());
+}
+
+/// One connection.
+class AgentClient final : public HttpClientHandler {
+public:
+    AgentClient(const AgentApplication& application, QORHost& host, bool fullAccess)
+        : m_application(application),
+          m_host(host),
+          m_session(host.newSession(fullAccess ? fullAccessContext() : noAccessContext())) {}
+
+    HttpReply handle(const HttpRequest& request) override {
+        const Route* const route = find(request.path);
+        HttpReply reply = route == nullptr ? errorReply(notFound, "there is nothing at " + std::string(request.path))
+                                           : follow(*route, request);
+        logMessage(4, "QORAgent", "qor/agent/api/AgentApplication", "handle", "%.*s %.*s %u, %zu bytes",
+                   static_cast<int>(request.method.size()), request.method.data(),
+                   static_cast<int>(request.path.size()), request.path.data(), reply.status, reply.body.size());
+        return reply;
+    }
+
+private:
+    enum class Access { Anybody, Full };
+
+    struct Route {
+        std::string_view path;
+        std::string_view method;
+        Access access;
+        HttpReply (AgentClient::*answer)(const HttpRequest&);
+    };
+
+    static const Route* find(std::string_view path) {
+        static constexpr std::array<Route, 6> routes{{
+            {"/v1/messages", "POST", Access::Anybody, &AgentClient::messages},
+            {"/v1/records", "POST", Access::Full, &AgentClient::records},
+            {"/v1/collect", "POST", Access::Full, &AgentClient::collect},
+            {"/v1/views", "GET", Access::Anybody, &AgentClient::views},
+            {"/v1/vocabulary", "GET", Access::Anybody, &AgentClient::vocabulary},
+            {"/v1/health", "GET", Access::Anybody, &AgentClient::health},
+        }};
+        for (const Route& route : routes) {
+            if (route.path == path) return &route;
+        }
+        return nullptr;
+    }
+
+    HttpReply follow(const Route& route, const HttpRequest& request) {
+        const bool headOfGet = route.method == "GET" && request.method == "HEAD";
+        if (request.method != route.method && !headOfGet) {
+            HttpReply reply =
+                errorReply(methodNotAllowed, std::string(route.path) + " takes " + std::string(route.method) + " only");
+            reply.allow = route.method == "GET" ? "GET, HEAD" : route.method;
+            return reply;
+        }
+        if (route.access == Access::Full && !QORAccessChecker::hasFullAccess(m_session->context())) {
+            return errorReply(forbidden, std::string(route.path) + " is for connections with full access");
+        }
+        try {
+            return (this->*route.answer)(request);
+        } catch (const QORException& exception) {
+            return errorReply(exception.code() == errBadRequest ? badRequest : failed, exception.code(),
+                              exception.message());
+        } catch (const std::exception& exception) {
+            return errorReply(failed, errFailure, exception.what());
+        }
+    }
+
+    HttpReply messages(const HttpRequest& request) {
+        QORRouter::Answer answer = m_host.router().answer(*m_session, request.body);
+        return {answer.readable ? ok : badRequest, std::move(answer.text)};
+    }
+    HttpReply records(const HttpRequest& request) { return {ok, takeRecords(request.body, request.query)}; }
+    HttpReply collect(const HttpRequest&) { return {ok, runCollectors()}; }
+    HttpReply views(const HttpRequest&) { return {ok, viewsText()}; }
+    HttpReply vocabulary(const HttpRequest&) { return {ok, vocabularyText()}; }
+    HttpReply health(const HttpRequest&) { return {ok, m_application.healthText()}; }
+
+    const AgentApplication& m_application;
+    QORHost& m_host;
+    std::unique_ptr<QORClientSession> m_session;
+};
+
+}  // namespace
+
+AgentApplication::AgentApplication(QORHost& host) : m_host(host) {}
+
+AgentApplication::~AgentApplication() = default;
+
+std::unique_ptr<HttpClientHandler> AgentApplication::connect(const std::optional<HttpPeerCredentials>& peer) {
+    return std::make_unique<AgentClient>(*this, m_host, hasFullAccess(peer));
+}
+
+std::string AgentApplication::errorBody(unsigned status, std::string_view message) {
+    return errorReply(status, message).body;
+}
+
+std::string AgentApplication::healthText() const {
+    const bool sound = m_host.refusedPlugIns().empty() && m_host.router().isPrimed();
+    const auto uptime = std::chrono::steady_clock::now() - m_start;
+    rapidjson::StringBuffer buffer;
+    JsonWriter json(buffer);
+    json.StartObject();
+    writeKey(json, "status");
+    writeText(json, sound ? "ok" : "degraded");
+    writeKey(json, "version");
+    writeText(json, QOR_VERSION);
+    writeKey(json, "uptime");
+    json.Int64(std::chrono::duration_cast<std::chrono::seconds>(uptime).count());
+    writeKey(json, "connections");
+    json.Uint64(m_connections());
+    writeKey(json, "operators");
+    json.StartArray();
+    for (const std::string& name : QOROpFactoryRegistry::instance().names())
+        writeText(json, name);
+    json.EndArray();
+    writeKey(json, "plugins");
+    json.StartArray();
+    for (const auto& plugIn : m_host.plugIns().plugIns())
+        writeText(json, plugIn.file.filename().string());
+    json.EndArray();
+    writeKey(json, "refused");
+    json.StartArray();
+    for (const auto& refusal : m_host.refusedPlugIns())
+        writeText(json, refusal.reason);
+    json.EndArray();
+    json.EndObject();
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
+}  // namespace QOR

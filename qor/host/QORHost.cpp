@@ -1,0 +1,53 @@
+#include "host/QORHost.h"
+
+#include <utility>
+
+#include "QORCommon/QORLogger.h"
+#include "QORLibLocal/QORVocabulary.h"
+#include "host/QORHostPaths.h"
+#include "host/QORVocabularyFiles.h"
+
+namespace QOR {
+namespace {
+
+/// Whether a view is restricted at all is settled by the client that first asks for any view. That must not be one
+/// that may see everything.
+std::vector<QORPrimingRequest> primingRequests() {
+    return {{"pager2", "select", R"([1740,[[1009,"vEnvironment"],[1741,"eid"],[1377,[[1024,"1"]]]]])",
+             R"(invalid view "vEnvironment")"}};
+}
+
+}  // namespace
+
+void QORHost::prepareProcess() {
+    QORRdbms::prepareProcess();
+}
+
+QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
+    if (m_options.plugInDirectory.empty()) m_options.plugInDirectory = defaultPlugInDirectory();
+    vocCacheLocal()->setVocabulary(usableVocabulary(m_options.vocabularyFile));
+    QORDBSchema::open(m_options.database, m_options.schemaMode);
+    m_environments.load();
+    setEnvCache(&m_environments);
+    m_refused = m_plugIns.loadDirectory(m_options.plugInDirectory);
+    if (m_plugIns.plugIns().empty()) {
+        logMessage(1, "QORHost", "qor/host/QORHost", "QORHost", "no plug-in was loaded from %s",
+                   m_options.plugInDirectory.c_str());
+    }
+    m_router = std::make_unique<QORRouter>(m_options.prime ? primingRequests() : std::vector<QORPrimingRequest>());
+    m_router->prime();
+}
+
+QORHost::~QORHost() {
+    m_router.reset();
+    m_plugIns.unloadAll();
+    setEnvCache(nullptr);
+    vocCacheLocal()->setVocabulary(nullptr);
+    QORRdbms::instance().shutdown();
+}
+
+std::unique_ptr<QORClientSession> QORHost::newSession(QORClientContextPtr own) const {
+    return std::make_unique<QORClientSession>(std::move(own));
+}
+
+}  // namespace QOR

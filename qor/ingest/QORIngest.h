@@ -1,0 +1,91 @@
+/// \file
+/// QORIngest: brings records into the host's database, in durable batches.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <istream>
+#include <optional>
+#include <span>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ingest/QORRecords.h"
+
+namespace QOR {
+
+struct QORIngestOptions {
+    std::size_t batchRecords = 1000;              ///< records in one transaction, at least 1
+    std::size_t batchBytes = 8 * 1024 * 1024;     ///< of lines in one transaction, which bounds the memory it takes
+    std::size_t maxLineBytes = 16 * 1024 * 1024;  ///< a longer line is refused
+    std::size_t refusedKept = 1000;               ///< refused lines that the result names; all are counted
+};
+
+/// What became of the records of one kind.
+struct QORIngestCounts {
+    std::uint64_t added = 0;
+    std::uint64_t replaced = 0;   ///< took the place of the record with the same identifier
+    std::uint64_t unchanged = 0;  ///< by store() with keepEqual only: was there already
+};
+
+struct QORRefusedLine {
+    std::uint64_t line = 0;
+    std::string reason;
+};
+
+/// A batch that the database did not take. What went before it is stored; it, and everything after it, is not.
+struct QORIngestFailure {
+    std::uint64_t firstLine = 0;
+    std::uint64_t lastLine = 0;  ///< of the batch; later lines have not been read
+    std::string reason;          ///< the database's text
+};
+
+/// What has been done so far: counts hold only what is durable.
+struct QORIngestResult {
+    std::uint64_t lastLine = 0;  ///< number of the last line read
+    std::array<QORIngestCounts, recordKindCount> counts;
+    std::uint64_t refused = 0;
+    std::vector<QORRefusedLine> refusedLines;  ///< the first QORIngestOptions::refusedKept
+    bool stopped = false;                      ///< by the stop token, before the end
+    std::optional<QORIngestFailure> failure;
+
+    const QORIngestCounts& of(QORRecordKind kind) const { return counts[static_cast<std::size_t>(kind)]; }
+    QORIngestCounts total() const;
+    /// Records that are stored: added, replaced or unchanged.
+    std::uint64_t accepted() const;
+    /// Adds what another run did; of two failures the first stays.
+    void merge(const QORIngestResult& other);
+};
+
+/// Called after each batch.
+using QORIngestProgress = std::function<void(const QORIngestResult&)>;
+
+/// Writes through QORRdbms, whose database must be open for writing. An object is used by one thread at a time;
+/// several objects may write at once, the database makes them take turns.
+///
+/// A bad line is counted, named and passed over. Blank lines are passed over. A batch is one transaction: it is stored
+/// whole and durably, or not at all; the first batch that the database refuses (locked, full) ends the run. Only
+/// what is in the way of every record throws: nothing here does, but for running out of memory.
+class QORIngest {
+public:
+    explicit QORIngest(QORIngestOptions options = {});
+
+    /// Reads lines of NDJSON to the end of the stream. When a stop is requested, what has been read is still stored.
+    QORIngestResult importLines(std::istream& lines, const QORIngestProgress& progress = {},
+                                const std::stop_token& stop = {});
+    /// The same for a text. \param firstLine the number of its first line in messages
+    QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine = 1);
+    /// Stores records that were made rather than read; the numbers of "lines" are their positions from 1.
+    /// \param keepEqual operations that are stored already with the same status and message are left alone
+    QORIngestResult store(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop = {});
+
+private:
+    class Run;
+    QORIngestOptions m_options;
+};
+
+}  // namespace QOR

@@ -1,0 +1,334 @@
+#include "ingest/RecordWriter.h"
+
+#include <chrono>
+
+#include "QORCommon/QORText.h"
+#include "QORCommon/QORTime.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::string_view insertEnvironment =
+    "INSERT INTO qor_environment (parent_eid, title, state, transition, name, description, domain, hostname, "
+    "architecture, type, os_name, os_platform, os_version, os_kernel, ip, memory, boot_time, config, virtual_config, "
+    "updated, eid) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (eid) DO NOTHING";
+constexpr std::string_view updateEnvironment =
+    "UPDATE qor_environment SET parent_eid = ?, title = ?, state = ?, transition = ?, name = ?, description = ?, "
+    "domain = ?, hostname = ?, architecture = ?, type = ?, os_name = ?, os_platform = ?, os_version = ?, "
+    "os_kernel = ?, ip = ?, memory = ?, boot_time = ?, config = ?, virtual_config = ?, updated = ? WHERE eid = ?";
+constexpr std::string_view deleteAddresses = "DELETE FROM qor_environment_address WHERE eid = ?";
+constexpr std::string_view insertAddress =
+    "INSERT INTO qor_environment_address (eid, source, position, address) VALUES (?, ?, ?, ?)";
+
+constexpr std::string_view insertOperation =
+    "INSERT INTO qor_operation (parent_id, op, status, time, eid, package, version, message, id, seq) "
+    "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (id) DO NOTHING";
+constexpr std::string_view updateOperation =
+    "UPDATE qor_operation SET parent_id = ?, op = ?, status = ?, time = ?, eid = ?, package = ?, version = ?, "
+    "message = ? WHERE id = ?";
+constexpr std::string_view selectOperation = "SELECT seq, status, message, time FROM qor_operation WHERE id = ?";
+constexpr std::string_view selectTouched = "SELECT eid FROM qor_operation_environment WHERE operation = ?";
+constexpr std::string_view deleteTouched = "DELETE FROM qor_operation_environment WHERE operation = ?";
+constexpr std::string_view insertTouched =
+    "INSERT INTO qor_operation_environment (operation, position, eid, time) VALUES (?, ?, ?, ?)";
+constexpr const char* lastOperation = "SELECT coalesce(max(seq), 0) FROM qor_operation";
+
+constexpr std::string_view insertEvent =
+    "INSERT INTO qor_event (seq, time, eid, source, category, info) VALUES (?, ?, ?, ?, ?, ?)";
+constexpr const char* lastEvent = "SELECT coalesce(max(seq), 0) FROM qor_event";
+
+constexpr std::string_view insertBackup =
+    "INSERT INTO qor_backup (eid, storage_eid, time, size, type, description, name, hostname, info, id) "
+    "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (id) DO NOTHING";
+constexpr std::string_view updateBackup =
+    "UPDATE qor_backup SET eid = ?, storage_eid = ?, time = ?, size = ?, type = ?, description = ?, name = ?, "
+    "hostname = ?, info = ? WHERE id = ?";
+
+/// The parameters of a statement, in order.
+class Binder {
+public:
+    explicit Binder(ASStatement& statement) : m_statement(statement) {}
+
+    Binder& text(std::string_view value) {
+        m_statement.bind(++m_index, value);
+        return *this;
+    }
+    Binder& text(const std::optional<std::string>& value) { return value ? text(std::string_view(*value)) : null(); }
+    Binder& text(const std::string& value) { return text(std::string_view(value)); }
+    Binder& integer(std::int64_t value) {
+        m_statement.bind(++m_index, value);
+        return *this;
+    }
+    Binder& integer(const std::optional<std::int64_t>& value) { return value ? integer(*value) : null(); }
+    Binder& eid(const QOREID& value) { return value.isValid() ? text(value.toString()) : null(); }
+    Binder& time(std::int64_t seconds) { return text(time2dbstr(seconds)); }
+    Binder& time(const std::optional<std::int64_t>& seconds) { return seconds ? time(*seconds) : null(); }
+    Binder& bytes(const std::optional<std::string>& value) {
+        if (!value) return null();
+        m_statement.bindBinary(++m_index, *value);
+        return *this;
+    }
+    Binder& null() {
+        m_statement.bindNull(++m_index);
+        return *this;
+    }
+
+private:
+    ASStatement& m_statement;
+    unsigned m_index = 0;
+};
+
+std::int64_t now() {
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::optional<std::string> serialized(const std::optional<QORInfo>& info) {
+    if (!info) return std::nullopt;
+    return info->serializeToString();
+}
+
+std::optional<std::string> documentOf(const std::optional<QORConfigRecord>& config) {
+    if (!config) return std::nullopt;
+    return config->document.serializeToString();
+}
+
+std::optional<std::string> firstAddress(const QORConfigRecord& config) {
+    if (config.addresses.empty()) return std::nullopt;
+    return config.addresses.front();
+}
+
+/// The parameter at a path that a column shows, when it is there and has no parameters of its own.
+std::optional<std::string> parameterText(const std::optional<QORInfo>& info, std::string_view path) {
+    const QORInfo* parameter = info ? info->findByPath(path) : nullptr;
+    if (parameter == nullptr || !parameter->children().empty()) return std::nullopt;
+    if (parameter->value().find('\0') != std::string::npos) return std::nullopt;
+    return parameter->value();
+}
+
+void bindEnvironment(ASStatement& statement, const QOREnvironmentRecord& record) {
+    static const QORConfigRecord none;
+    const QORConfigRecord& config = record.config ? *record.config : none;
+    Binder(statement)
+        .eid(record.parentEid)
+        .text(record.title)
+        .integer(record.state)
+        .integer(record.transition)
+        .text(config.name)
+        .text(config.description)
+        .text(config.domain)
+        .text(config.hostname)
+        .text(config.architecture)
+        .text(config.type)
+        .text(config.osName)
+        .text(config.osPlatform)
+        .text(config.osVersion)
+        .text(config.osKernel)
+        .text(firstAddress(config))
+        .integer(config.memory)
+        .time(config.bootTime)
+        .text(documentOf(record.config))
+        .text(documentOf(record.virtualConfig))
+        .time(now())
+        .eid(record.eid);
+}
+
+Binder bindOperation(ASStatement& statement, const QOROperationRecord& record,
+                     const std::optional<std::string>& message) {
+    auto package = parameterText(record.message, "package/name");
+    if (!package) package = parameterText(record.message, "package");
+    Binder binder(statement);
+    binder.text(record.parentId)
+        .text(record.op)
+        .integer(record.status)
+        .time(record.time)
+        .eid(record.eid)
+        .text(package)
+        .text(parameterText(record.message, "package/version"))
+        .text(message)
+        .text(record.id);
+    return binder;
+}
+
+void bindBackup(ASStatement& statement, const QORBackupRecord& record) {
+    Binder(statement)
+        .eid(record.eid)
+        .eid(record.storageEid)
+        .time(record.time)
+        .integer(record.size)
+        .integer(record.type)
+        .text(record.description)
+        .text(record.name)
+        .text(record.hostname)
+        .bytes(serialized(record.info))
+        .text(record.id);
+}
+
+QORPtr<const QOREnvConfig> toConfig(const std::optional<QORConfigRecord>& config) {
+    if (!config) return nullptr;
+    return makeQORPtr<QOREnvConfig>(QOREnvConfigData::fromDocument(config->document));
+}
+
+QORPtr<const QOREnv> toEnvironment(const QOREnvironmentRecord& record) {
+    return makeQORPtr<QOREnv>(record.eid, record.parentEid, record.title,
+                              QOREnv::Status{record.state, record.transition}, toConfig(record.config),
+                              toConfig(record.virtualConfig));
+}
+
+/// The environments that an operation belongs to or touches.
+std::set<QOREID> environmentsOf(const QOROperationRecord& record) {
+    std::set<QOREID> eids(record.eids.begin(), record.eids.end());
+    if (record.eid.isValid()) eids.insert(record.eid);
+    return eids;
+}
+
+}  // namespace
+
+QORStored RecordWriter::store(const QORRecord& record) {
+    return std::visit([this](const auto& one) { return put(one); }, record);
+}
+
+void RecordWriter::finish() {
+    m_operationCounters.write(m_session);
+    m_eventCounters.write(m_session);
+}
+
+QORStored RecordWriter::put(const QOREnvironmentRecord& record) {
+    ASStatement& insert = m_session.prepare(insertEnvironment);
+    bindEnvironment(insert, record);
+    insert.execute();
+    const bool added = m_session.changes() > 0;
+    if (!added) {
+        ASStatement& update = m_session.prepare(updateEnvironment);
+        bindEnvironment(update, record);
+        update.execute();
+        ASStatement& clear = m_session.prepare(deleteAddresses);
+        Binder(clear).eid(record.eid);
+        clear.execute();
+    }
+    putAddresses(record.eid, 0, record.config);
+    putAddresses(record.eid, 1, record.virtualConfig);
+    m_environments.push_back(toEnvironment(record));
+    return added ? QORStored::Added : QORStored::Replaced;
+}
+
+void RecordWriter::putAddresses(const QOREID& eid, std::int64_t source, const std::optional<QORConfigRecord>& config) {
+    if (!config) return;
+    std::int64_t position = 0;
+    for (const std::string& address : config->addresses) {
+        ASStatement& insert = m_session.prepare(insertAddress);
+        Binder(insert).eid(eid).integer(source).integer(position++).text(address);
+        insert.execute();
+    }
+}
+
+QORStored RecordWriter::put(const QOROperationRecord& record) {
+    const auto message = serialized(record.message);
+    if (m_keepEqual && isEqual(record, message)) return QORStored::Unchanged;
+    const std::int64_t sequence = nextSequence(m_lastOperation, lastOperation);
+    ASStatement& insert = m_session.prepare(insertOperation);
+    bindOperation(insert, record, message).integer(sequence);
+    insert.execute();
+    if (m_session.changes() > 0) {
+        putTouched(sequence, record);
+        m_operationCounters.addOperation(record.time, environmentsOf(record));
+        return QORStored::Added;
+    }
+    --m_lastOperation;  // the number was not used: the operation keeps that of its first arrival
+    const std::int64_t kept = discount(record.id);
+    m_operationCounters.addOperation(record.time, environmentsOf(record));
+    ASStatement& update = m_session.prepare(updateOperation);
+    bindOperation(update, record, message);
+    update.execute();
+    ASStatement& clear = m_session.prepare(deleteTouched);
+    Binder(clear).integer(kept);
+    clear.execute();
+    putTouched(kept, record);
+    return QORStored::Replaced;
+}
+
+bool RecordWriter::isEqual(const QOROperationRecord& record, const std::optional<std::string>& message) {
+    ASStatement& select = m_session.prepare(selectOperation);
+    Binder(select).text(record.id);
+    select.execute();
+    const bool equal = select.fetch() && select.integer(2) == record.status && select.isNull(3) == !message &&
+                       (!message || select.text(3) == *message);
+    select.close();
+    return equal;
+}
+
+std::int64_t RecordWriter::discount(const std::string& operationId) {
+    ASStatement& select = m_session.prepare(selectOperation);
+    Binder(select).text(operationId);
+    select.execute();
+    if (!select.fetch()) throw AException("operation " + quoteText(operationId) + " is neither new nor there");
+    const std::int64_t sequence = select.integer(1);
+    const std::int64_t time = str2time(select.text(4));
+    select.close();
+    ASStatement& touched = m_session.prepare(selectTouched);
+    Binder(touched).integer(sequence);
+    touched.execute();
+    std::set<QOREID> eids;
+    while (touched.fetch()) {
+        QOREID eid;
+        if (eid.fromString(touched.text(1))) eids.insert(eid);
+    }
+    touched.close();
+    m_operationCounters.addOperation(time, eids, -1);
+    return sequence;
+}
+
+void RecordWriter::putTouched(std::int64_t operation, const QOROperationRecord& record) {
+    const auto put = [&](std::int64_t position, const QOREID& eid) {
+        ASStatement& insert = m_session.prepare(insertTouched);
+        Binder(insert).integer(operation).integer(position).eid(eid).time(record.time);
+        insert.execute();
+    };
+    bool own = !record.eid.isValid();
+    std::int64_t position = 0;
+    for (const QOREID& eid : record.eids) {
+        own = own || eid == record.eid;
+        put(position++, eid);
+    }
+    if (!own) put(-1, record.eid);
+}
+
+std::int64_t RecordWriter::nextSequence(std::int64_t& last, const char* select) {
+    if (last < 0) {
+        ASStatement& query = m_session.prepare(select);
+        query.execute();
+        last = query.fetch() ? query.integer(1) : 0;
+        query.close();
+    }
+    return ++last;
+}
+
+QORStored RecordWriter::put(const QOREventRecord& record) {
+    const std::int64_t sequence = nextSequence(m_lastEvent, lastEvent);
+    ASStatement& insert = m_session.prepare(insertEvent);
+    Binder(insert)
+        .integer(sequence)
+        .time(record.time)
+        .eid(record.eid)
+        .text(record.source)
+        .text(record.category)
+        .text(serialized(record.info));
+    insert.execute();
+    if (record.category && !record.category->empty()) {
+        m_eventCounters.addEvent(record.time, record.eid, *record.category);
+    }
+    return QORStored::Added;
+}
+
+QORStored RecordWriter::put(const QORBackupRecord& record) {
+    ASStatement& insert = m_session.prepare(insertBackup);
+    bindBackup(insert, record);
+    insert.execute();
+    if (m_session.changes() > 0) return QORStored::Added;
+    ASStatement& update = m_session.prepare(updateBackup);
+    bindBackup(update, record);
+    update.execute();
+    return QORStored::Replaced;
+}
+
+}  // namespace QOR

@@ -1,0 +1,17 @@
+#include "rdbmspp/engine/AException.h"
+
+#include <utility>
+
+namespace QOR {
+
+AException::AException(std::string text, std::string sqlState, int nativeCode, std::string statement)
+    : m_text(std::move(text)),
+      m_sqlState(std::move(sqlState)),
+      m_nativeCode(nativeCode),
+      m_statement(std::move(statement)) {}
+
+AException::AException(const AException&) = default;
+
+AException::~AException() = default;
+
+}  // namespace QOR

@@ -1,0 +1,145 @@
+#include "rdbmspp/engine/ASDialect.h"
+
+namespace QOR {
+
+namespace {
+
+constexpr char sqliteViewColumns[] =
+    "SELECT m.name, c.name, c.type FROM sqlite_master AS m JOIN pragma_table_info(m.name) AS c "
+    "WHERE m.type = 'view' ORDER BY m.name, c.cid";
+
+constexpr char postgresViewColumns[] =
+    "SELECT table_name, column_name, data_type FROM information_schema.columns "
+    "WHERE table_schema = current_schema() AND table_name IN "
+    "(SELECT table_name FROM information_schema.views WHERE table_schema = current_schema()) "
+    "ORDER BY table_name, ordinal_position";
+
+// A bare parameter as a pattern makes SQLite compile the statement again at each execution, because the pattern might
+// let it use an index; behind the plus sign, which changes nothing else, it is no bare parameter any more.
+//
+// SQLite: its parser keeps 100 entries, of which a select itself takes a few; an expression has 1,000 levels.
+const ASDialect sqlite{
+    .engine = ASEngine::SQLite,
+    .name = "SQLite",
+    .odbcName = "SQLite",
+    .beginRead = "BEGIN",
+    .beginWrite = "BEGIN IMMEDIATE",
+    .commit = "COMMIT",
+    .rollback = "ROLLBACK",
+    .like = " LIKE ",
+    .likeParameter = "+",
+    .noEscape = "",
+    .nullsAscending = "",
+    .nullsDescending = "",
+    .byteOrder = "",
+    .queryOnly = "PRAGMA query_only = 1",
+    .maxParameters = 1000,
+    .maxLikePattern = 50000,
+    .parserDepth = 100,
+    .expressionDepth = 1000,
+    .viewColumns = sqliteViewColumns,
+};
+
+const ASDialect postgres{
+    .engine = ASEngine::PostgreSQL,
+    .name = "PostgreSQL",
+    .odbcName = "PostgreSQL",
+    .beginRead = "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY",
+    .beginWrite = "BEGIN",
+    .commit = "COMMIT",
+    .rollback = "ROLLBACK",
+    .like = " ILIKE ",
+    .likeParameter = "",
+    .noEscape = " ESCAPE ''",
+    .nullsAscending = " NULLS FIRST",
+    .nullsDescending = " NULLS LAST",
+    .byteOrder = " COLLATE \"C\"",
+    .queryOnly = "SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY",
+    .maxParameters = 1000,
+    .maxLikePattern = 0,
+    .parserDepth = 0,
+    .expressionDepth = 0,
+    .viewColumns = postgresViewColumns,
+};
+
+void appendHex(std::string& out, std::string_view bytes) {
+    constexpr char digits[] = "0123456789abcdef";
+    for (const char byte : bytes) {
+        const auto value = static_cast<unsigned char>(byte);
+        out += digits[value >> 4];
+        out += digits[value & 15];
+    }
+}
+
+// Only texts that begin with a date of the calendar count: SQLite's functions would take a bare number for a Julian
+// day, and the 31st of February for a day of March. They do not read an offset without its colon.
+std::string sqliteEpochSeconds(std::string_view column) {
+    const std::string c(column);
+    return "CASE WHEN " + c + " GLOB '[0-9][0-9][0-9][0-9]-[0-9][0-9]-[0-9][0-9]*' AND date(substr(" + c +
+           ", 1, 10)) = substr(" + c + ", 1, 10) THEN CAST(strftime('%s', CASE WHEN " + c +
+           " GLOB '*:*[-+][0-9][0-9][0-9][0-9]' THEN substr(" + c + ", 1, length(" + c + ") - 2) || ':' || substr(" +
+           c + ", -2) ELSE " + c + " END) AS INTEGER) END";
+}
+
+// SQLite's own text form of a number ends after 15 digits. Its printf gives as many as it is asked for, but scales by
+// a rounded 1e100; numbers from there on are brought below it by a power of 2, which is exact, and say so.
+std::string sqliteExactDouble(const std::string& e) {
+    return "CASE typeof(" + e + ") WHEN 'real' THEN CASE WHEN abs(" + e + ") < 1e100 THEN printf('%!.20g', " + e +
+           ") WHEN " + e + " - " + e + " = 0 THEN printf('%!.20g', " + e +
+           " / (1.0 * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60)"
+           " * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60))) || '*2^720' ELSE " +
+           e + " END ELSE " + e + " END";
+}
+
+}  // namespace
+
+const ASDialect& ASDialect::of(ASEngine engine) noexcept {
+    return engine == ASEngine::PostgreSQL ? postgres : sqlite;
+}
+
+const ASDialect& ASDialect::current() {
+    return of(QORRdbms::instance().engine());
+}
+
+std::string ASDialect::epochSeconds(std::string_view expression) const {
+    if (engine == ASEngine::SQLite) return sqliteEpochSeconds(expression);
+    return "CAST(floor(extract(epoch FROM " + std::string(expression) + ")) AS bigint)";
+}
+
+std::string ASDialect::exactDouble(std::string_view expression) const {
+    const std::string e(expression);
+    return engine == ASEngine::SQLite ? sqliteExactDouble(e) : e;
+}
+
+// SQLite's driver hands bytes over as the literal X'...', and so takes a text of that look for bytes.
+std::string ASDialect::exactBytes(std::string_view expression) const {
+    const std::string e(expression);
+    return engine == ASEngine::SQLite ? "CAST(" + e + " AS BLOB)" : e;
+}
+
+AException ASDialect::explained(const AException& error) const {
+    static constexpr struct {
+        const char* engine;
+        const char* ours;
+    } texts[] = {
+        {"parser stack overflow", "the select is nested too deeply for "},
+        {"Expression tree is too large", "the condition is nested too deeply for "},
+        {"LIKE or GLOB pattern too complex", "a pattern of LIKE is too long for "},
+        {"too many SQL variables", "the select holds too many values for "},
+        {"integer overflow", "a sum is beyond 64 bits of "},
+    };
+    for (const auto& text : texts) {
+        if (error.text().find(text.engine) == std::string::npos) continue;
+        return AException(std::string(text.ours) + name, error.sqlState(), error.nativeCode(), error.statement());
+    }
+    return error;
+}
+
+std::string ASDialect::binaryLiteral(std::string_view bytes) const {
+    std::string out = engine == ASEngine::SQLite ? "x'" : "'\\x";
+    appendHex(out, bytes);
+    out += '\'';
+    return out;
+}
+
+}  // namespace QOR

@@ -1,0 +1,53 @@
+/// \file
+/// The differences between database engines, in one table. Everything else in this layer is the same for all.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "QORCommon/QORExport.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+
+/// One engine. Immutable, of static storage.
+struct QOR_API ASDialect {
+    ASEngine engine;
+    const char* name;        ///< as people write it
+    const char* odbcName;    ///< begins the driver's SQL_DBMS_NAME
+    const char* beginRead;   ///< several selects that see one state
+    const char* beginWrite;  ///< takes the write lock at once, where the engine has one
+    const char* commit;
+    const char* rollback;
+    const char* like;            ///< the operator that ignores the case of ASCII letters
+    const char* likeParameter;   ///< stands before a pattern that is a parameter
+    const char* noEscape;        ///< what has to follow a pattern without escape character
+    const char* nullsAscending;  ///< makes null the smallest value; empty where it is already
+    const char* nullsDescending;
+    const char* byteOrder;        ///< makes a text sort by its bytes; empty where it does already
+    const char* queryOnly;        ///< makes a connection refuse to write
+    std::size_t maxParameters;    ///< of one statement; further values stand in its text
+    std::size_t maxLikePattern;   ///< bytes; 0: unlimited
+    std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
+    std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited
+    /// A select of three columns, view name, column name and declared type, one row for each column of each view.
+    const char* viewColumns;
+
+    static const ASDialect& of(ASEngine engine) noexcept;
+    /// The dialect of the configured database; SQLite's before there is one.
+    static const ASDialect& current();
+
+    /// `expression` (a column) as its seconds since the epoch, null where it holds no time.
+    std::string epochSeconds(std::string_view expression) const;
+    /// A selected column of floating point so that the driver hands out every digit.
+    std::string exactDouble(std::string_view expression) const;
+    /// A selected column of bytes so that the driver does not take a text for them.
+    std::string exactBytes(std::string_view expression) const;
+    /// A failure in words about the request where the engine speaks of its own workings.
+    AException explained(const AException& error) const;
+    /// A literal of bytes.
+    std::string binaryLiteral(std::string_view bytes) const;
+};
+
+}  // namespace QOR

@@ -1,0 +1,399 @@
+#include "rdbmspp/engine/OdbcConnection.h"
+
+#include <sql.h>
+#include <sqlext.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <type_traits>
+#include <utility>
+
+#include "rdbmspp/engine/AException.h"
+#include "rdbmspp/sql/ASValue.h"
+
+namespace QOR {
+
+namespace {
+
+// The driver fills the whole of a bound buffer at every fetch, so a wide one costs more than reading the few long
+// values once again. Buffers grow to what a statement's results turn out to need.
+constexpr std::size_t smallestBuffer = 32;
+constexpr std::size_t firstBufferAtMost = 128;
+constexpr std::size_t largestBuffer = 1024;
+constexpr std::size_t pieceSize = 64 * 1024;
+
+struct Diagnosis {
+    std::string state;
+    int native = 0;
+    std::string text;
+};
+
+Diagnosis diagnose(SQLSMALLINT type, SQLHANDLE handle) {
+    Diagnosis diagnosis;
+    std::array<SQLCHAR, 6> state{};
+    std::array<SQLCHAR, 2048> text{};
+    SQLINTEGER native = 0;
+    SQLSMALLINT length = 0;
+    const SQLRETURN rc = SQLGetDiagRec(type, handle, 1, state.data(), &native, text.data(),
+                                       static_cast<SQLSMALLINT>(text.size()), &length);
+    if (!SQL_SUCCEEDED(rc)) {
+        diagnosis.text = "the ODBC driver failed without a reason";
+        return diagnosis;
+    }
+    diagnosis.state.assign(reinterpret_cast<const char*>(state.data()), 5);
+    diagnosis.native = native;
+    diagnosis.text = reinterpret_cast<const char*>(text.data());
+    return diagnosis;
+}
+
+SQLCHAR* chars(std::string_view text) {
+    return reinterpret_cast<SQLCHAR*>(const_cast<char*>(text.data()));
+}
+
+/// Frees a statement handle at the end of a scope.
+struct FreeStatement {
+    void operator()(SQLHSTMT handle) const noexcept { SQLFreeHandle(SQL_HANDLE_STMT, handle); }
+};
+using StatementHandle = std::unique_ptr<std::remove_pointer_t<SQLHSTMT>, FreeStatement>;
+
+template <std::size_t size>
+bool isOneOf(const int (&codes)[size], int code) {
+    return std::find(std::begin(codes), std::end(codes), code & 0xff) != std::end(codes);
+}
+
+// Native codes of SQLite (its driver's SQLSTATE says nothing) after which a connection is closed and a new one tried:
+// no memory, input or output failed, corrupt, full, cannot open, protocol, no database.
+constexpr int doubtful[] = {7, 10, 11, 13, 14, 15, 26};
+// And those that tell of the database and not of the statement: no permission, locked by another, read-only.
+constexpr int unavailable[] = {3, 5, 6, 8};
+
+bool leavesDoubt(const Diagnosis& d) {
+    return d.state.starts_with("08") || isOneOf(doubtful, d.native);
+}
+
+// Drivers put their names in front and SQLite's the native code behind: "[SQLite]no such table: t (1)".
+std::string plainText(const Diagnosis& d) {
+    std::string_view text = d.text;
+    while (text.starts_with('[') && text.find(']') != std::string_view::npos)
+        text.remove_prefix(text.find(']') + 1);
+    const std::string code = " (" + std::to_string(d.native) + ")";
+    if (text.ends_with(code)) text.remove_suffix(code.size());
+    return std::string(text.empty() ? std::string_view(d.text) : text);
+}
+
+}  // namespace
+
+struct OdbcStatement::Parameter {
+    enum class Bound : unsigned char { None, Integer, Real, Bytes, Binary, Null };
+
+    Bound bound = Bound::None;
+    std::int64_t integer = 0;
+    double real = 0;
+    std::string bytes;
+    std::size_t boundCapacity = 0;
+    SQLLEN indicator = 0;
+};
+
+struct OdbcStatement::Column {
+    std::vector<char> buffer;
+    SQLLEN indicator = SQL_NULL_DATA;
+    bool binary = false;
+    std::string whole;  ///< the row's value when the buffer has no room for it
+
+    SQLSMALLINT type() const noexcept { return binary ? SQL_C_BINARY : SQL_C_CHAR; }
+    /// Bytes of a value that the buffer holds; a text needs one more for its terminator.
+    std::size_t room() const noexcept { return buffer.size() - (binary ? 0 : 1); }
+};
+
+OdbcStatement::OdbcStatement(OdbcConnection& connection, std::string sql)
+    : m_connection(connection), m_sql(std::move(sql)) {
+    SQLHSTMT allocated = nullptr;
+    m_connection.check(SQLAllocHandle(SQL_HANDLE_STMT, m_connection.m_handle, &allocated), SQL_HANDLE_DBC,
+                       m_connection.m_handle, m_sql);
+    StatementHandle handle(allocated);
+    m_connection.check(SQLPrepare(allocated, chars(m_sql), static_cast<SQLINTEGER>(m_sql.size())), SQL_HANDLE_STMT,
+                       allocated, m_sql);
+    m_handle = handle.release();
+}
+
+OdbcStatement::~OdbcStatement() {
+    SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
+}
+
+void OdbcStatement::check(int result) {
+    m_connection.check(result, SQL_HANDLE_STMT, m_handle, m_sql);
+}
+
+OdbcStatement::Parameter& OdbcStatement::parameter(std::size_t index) {
+    while (m_parameters.size() <= index)
+        m_parameters.push_back(std::make_unique<Parameter>());
+    return *m_parameters[index];
+}
+
+void OdbcStatement::setNull(std::size_t index) {
+    Parameter& p = parameter(index);
+    p.indicator = SQL_NULL_DATA;
+    if (p.bound != Parameter::Bound::None) return;
+    p.bound = Parameter::Bound::Null;
+    bindParameter(index);
+}
+
+void OdbcStatement::setInteger(std::size_t index, std::int64_t value) {
+    Parameter& p = parameter(index);
+    p.integer = value;
+    p.indicator = 0;
+    if (p.bound == Parameter::Bound::Integer) return;
+    p.bound = Parameter::Bound::Integer;
+    bindParameter(index);
+}
+
+void OdbcStatement::setReal(std::size_t index, double value) {
+    Parameter& p = parameter(index);
+    p.real = value;
+    p.indicator = 0;
+    if (p.bound == Parameter::Bound::Real) return;
+    p.bound = Parameter::Bound::Real;
+    bindParameter(index);
+}
+
+void OdbcStatement::setBytes(std::size_t index, std::string_view value, bool binary) {
+    Parameter& p = parameter(index);
+    const auto kind = binary ? Parameter::Bound::Binary : Parameter::Bound::Bytes;
+    const char* before = p.bytes.data();
+    p.bytes.assign(value);
+    p.indicator = static_cast<SQLLEN>(value.size());
+    if (p.bound == kind && p.bytes.data() == before && value.size() <= p.boundCapacity) return;
+    p.bound = kind;
+    p.boundCapacity = p.bytes.capacity();
+    bindParameter(index);
+}
+
+void OdbcStatement::clearParameters() noexcept {
+    for (auto& parameter : m_parameters)
+        parameter->indicator = SQL_NULL_DATA;
+}
+
+void OdbcStatement::set(std::size_t index, const ASValue& value) {
+    switch (value.kind) {
+        case ASValue::Kind::Null:
+            return setNull(index);
+        case ASValue::Kind::Integer:
+            return setInteger(index, value.integer);
+        case ASValue::Kind::Real:
+            return setReal(index, value.real);
+        case ASValue::Kind::Text:
+            return setText(index, value.text);
+        case ASValue::Kind::Binary:
+            return setBinary(index, value.text);
+    }
+}
+
+// Times and GUIDs are texts here: the driver would send a timestamp with a fraction, which equals no stored time,
+// and refuses GUIDs.
+void OdbcStatement::bindParameter(std::size_t index) {
+    Parameter& p = *m_parameters[index];
+    SQLSMALLINT from = SQL_C_CHAR;
+    SQLSMALLINT to = SQL_VARCHAR;
+    SQLPOINTER at = p.bytes.data();
+    SQLULEN size = std::max<std::size_t>(p.boundCapacity, 1);
+    switch (p.bound) {
+        case Parameter::Bound::Integer:
+            from = SQL_C_SBIGINT, to = SQL_BIGINT, at = &p.integer, size = sizeof(p.integer);
+            break;
+        case Parameter::Bound::Real:
+            from = SQL_C_DOUBLE, to = SQL_DOUBLE, at = &p.real, size = sizeof(p.real);
+            break;
+        case Parameter::Bound::Binary:
+            from = SQL_C_BINARY, to = SQL_VARBINARY;
+            break;
+        default:
+            break;
+    }
+    check(SQLBindParameter(m_handle, static_cast<SQLUSMALLINT>(index + 1), SQL_PARAM_INPUT, from, to, size, 0, at,
+                           static_cast<SQLLEN>(size), &p.indicator));
+}
+
+void OdbcStatement::bindColumns(const std::vector<OdbcColumn>& columns) {
+    if (m_layout == columns && m_columns.size() == columns.size()) return;
+    check(SQLFreeStmt(m_handle, SQL_UNBIND));
+    m_columns.clear();
+    for (const OdbcColumn& wanted : columns) {
+        auto column = std::make_unique<Column>();
+        column->binary = wanted.binary;
+        column->buffer.resize(std::clamp(wanted.expected + 1, smallestBuffer, firstBufferAtMost));
+        m_columns.push_back(std::move(column));
+        bindColumn(m_columns.size() - 1);
+    }
+    m_layout = columns;
+}
+
+void OdbcStatement::bindTextColumns() {
+    SQLSMALLINT count = 0;
+    check(SQLNumResultCols(m_handle, &count));
+    bindColumns(std::vector<OdbcColumn>(static_cast<std::size_t>(count), OdbcColumn{false, firstBufferAtMost}));
+}
+
+void OdbcStatement::bindColumn(std::size_t index) {
+    Column& c = *m_columns[index];
+    check(SQLBindCol(m_handle, static_cast<SQLUSMALLINT>(index + 1), c.type(), c.buffer.data(),
+                     static_cast<SQLLEN>(c.buffer.size()), &c.indicator));
+}
+
+void OdbcStatement::execute() {
+    close();
+    m_open = true;
+    m_rowsLeft = false;
+    check(SQLExecute(m_handle));
+    m_rowsLeft = true;
+}
+
+bool OdbcStatement::fetch() {
+    const SQLRETURN rc = SQLFetch(m_handle);
+    if (rc == SQL_SUCCESS) return true;
+    if (rc == SQL_NO_DATA) {
+        m_rowsLeft = false;
+        return false;
+    }
+    m_rowsLeft = SQL_SUCCEEDED(rc);
+    check(rc);
+    for (std::size_t i = 0; i < m_columns.size(); ++i) {
+        Column& c = *m_columns[i];
+        if (c.indicator > 0 && static_cast<std::size_t>(c.indicator) > c.room()) readLong(i);
+    }
+    return true;
+}
+
+// The driver hands a bound column out again from its beginning.
+void OdbcStatement::readLong(std::size_t index) {
+    Column& c = *m_columns[index];
+    const auto length = static_cast<std::size_t>(c.indicator);
+    c.whole.clear();
+    std::vector<char> piece(std::min(length + 1, pieceSize));
+    for (;;) {
+        SQLLEN rest = 0;
+        const SQLRETURN rc = SQLGetData(m_handle, static_cast<SQLUSMALLINT>(index + 1), c.type(), piece.data(),
+                                        static_cast<SQLLEN>(piece.size()), &rest);
+        if (rc == SQL_NO_DATA) break;
+        check(rc);
+        const std::size_t room = piece.size() - (c.binary ? 0 : 1);
+        const bool more = rest == SQL_NO_TOTAL || static_cast<std::size_t>(rest) > room;
+        c.whole.append(piece.data(), more ? room : static_cast<std::size_t>(rest));
+        if (!more) break;
+    }
+    if (length < largestBuffer && c.buffer.size() <= length) {
+        // Binding makes the driver clear the length, so the value goes in behind it.
+        c.buffer.resize(std::min(length * 2, largestBuffer));
+        bindColumn(index);
+        std::memcpy(c.buffer.data(), c.whole.data(), std::min(c.whole.size(), c.buffer.size()));
+        c.indicator = static_cast<SQLLEN>(c.whole.size());
+    }
+}
+
+bool OdbcStatement::isNull(std::size_t column) const noexcept {
+    return m_columns[column]->indicator == SQL_NULL_DATA;
+}
+
+std::string_view OdbcStatement::value(std::size_t column) const noexcept {
+    const Column& c = *m_columns[column];
+    if (c.indicator <= 0) return {};
+    const auto length = static_cast<std::size_t>(c.indicator);
+    if (length > c.room()) return c.whole;
+    return {c.buffer.data(), length};
+}
+
+std::int64_t OdbcStatement::changes() {
+    SQLLEN rows = 0;
+    check(SQLRowCount(m_handle, &rows));
+    return rows;
+}
+
+// SQLite's driver goes on holding its lock when a result that it streams is closed before its end. A result of one row
+// is at its end after one more fetch; any other is ended by preparing the statement anew.
+void OdbcStatement::close() noexcept {
+    if (!m_open) return;
+    m_open = false;
+    const bool streams = m_parameters.empty() && !m_columns.empty();
+    const bool unfinished = m_rowsLeft && streams && SQLFetch(m_handle) != SQL_NO_DATA;
+    SQLFreeStmt(m_handle, SQL_CLOSE);
+    if (!unfinished) return;
+    SQLPrepare(m_handle, chars(m_sql), static_cast<SQLINTEGER>(m_sql.size()));
+    for (std::size_t i = 0; i < m_columns.size(); ++i) {
+        Column& c = *m_columns[i];
+        SQLBindCol(m_handle, static_cast<SQLUSMALLINT>(i + 1), c.type(), c.buffer.data(),
+                   static_cast<SQLLEN>(c.buffer.size()), &c.indicator);
+    }
+}
+
+// The one place where a return code becomes an exception.
+void OdbcConnection::check(int rc, short type, void* handle, const std::string& statement) {
+    if (SQL_SUCCEEDED(rc) || rc == SQL_NO_DATA) return;
+    if (rc == SQL_INVALID_HANDLE) throw AException("an ODBC handle is invalid", "HY000", 0, statement);
+    Diagnosis d = diagnose(type, handle);
+    std::string text = plainText(d);
+    const bool doubt = leavesDoubt(d);
+    if (doubt) m_broken = true;
+    if (m_connected && (doubt || isOneOf(unavailable, d.native))) text = "database \"" + m_database + "\": " + text;
+    throw AException(std::move(text), std::move(d.state), d.native, statement);
+}
+
+OdbcConnection::OdbcConnection(const std::string& connectionString, std::string database)
+    : m_database(std::move(database)) {
+    try {
+        connect(connectionString);
+    } catch (...) {
+        disconnect();
+        throw;
+    }
+}
+
+OdbcConnection::~OdbcConnection() {
+    disconnect();
+}
+
+// An environment for each connection: the driver manager's locks are then never shared between two of them.
+void OdbcConnection::connect(const std::string& connectionString) {
+    if (!SQL_SUCCEEDED(SQLAllocHandle(SQL_HANDLE_ENV, SQL_NULL_HANDLE, &m_environment))) {
+        throw AException("the ODBC driver manager cannot be started", "HY000");
+    }
+    const auto version = reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3);  // NOLINT(performance-no-int-to-ptr): ODBC's way
+    check(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, version, 0), SQL_HANDLE_ENV, m_environment, {});
+    check(SQLAllocHandle(SQL_HANDLE_DBC, m_environment, &m_handle), SQL_HANDLE_ENV, m_environment, {});
+    check(SQLDriverConnect(m_handle, nullptr, chars(connectionString),
+                           static_cast<SQLSMALLINT>(connectionString.size()), nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT),
+          SQL_HANDLE_DBC, m_handle, {});
+    m_connected = true;
+    std::array<char, 64> name{};
+    SQLSMALLINT length = 0;
+    check(SQLGetInfo(m_handle, SQL_DBMS_NAME, name.data(), static_cast<SQLSMALLINT>(name.size()), &length),
+          SQL_HANDLE_DBC, m_handle, {});
+    m_engineName = name.data();
+}
+
+void OdbcConnection::disconnect() noexcept {
+    if (m_connected) SQLDisconnect(m_handle);
+    if (m_handle) SQLFreeHandle(SQL_HANDLE_DBC, m_handle);
+    if (m_environment) SQLFreeHandle(SQL_HANDLE_ENV, m_environment);
+}
+
+std::int64_t OdbcConnection::execute(std::string_view sql) {
+    const std::string text(sql);
+    SQLHSTMT allocated = nullptr;
+    check(SQLAllocHandle(SQL_HANDLE_STMT, m_handle, &allocated), SQL_HANDLE_DBC, m_handle, text);
+    const StatementHandle handle(allocated);
+    check(SQLExecDirect(allocated, chars(text), static_cast<SQLINTEGER>(text.size())), SQL_HANDLE_STMT, allocated,
+          text);
+    SQLSMALLINT columns = 0;
+    check(SQLNumResultCols(allocated, &columns), SQL_HANDLE_STMT, allocated, text);
+    if (columns > 0) {  // where rows are handed out as they come, nothing has happened before the first is asked for
+        SQLRETURN rc = SQL_SUCCESS;
+        while (rc != SQL_NO_DATA)
+            check(rc = SQLFetch(allocated), SQL_HANDLE_STMT, allocated, text);
+        return 0;
+    }
+    SQLLEN rows = 0;
+    check(SQLRowCount(allocated, &rows), SQL_HANDLE_STMT, allocated, text);
+    return rows;
+}
+
+}  // namespace QOR

@@ -1,0 +1,151 @@
+/// \file
+/// Internal: what a pooled connection carries along.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+#include "rdbmspp/engine/ASDialect.h"
+#include "rdbmspp/sql/ASSqlBuilder.h"
+#include "rdbmspp/engine/OdbcConnection.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+
+/// Prepared statements by their texts, the least recently used of which go first. What it hands out stays valid
+/// until trim().
+template <class Statement>
+class ASStatementCache {
+   public:
+    struct Entry {
+        std::unique_ptr<Statement> statement;
+        std::string_view key;  ///< the map's
+        bool leased = false;
+    };
+
+    Entry* find(std::string_view sql) {
+        const auto found = m_byText.find(sql);
+        if (found == m_byText.end()) return nullptr;
+        m_entries.splice(m_entries.begin(), m_entries, found->second);
+        return &*found->second;
+    }
+    Entry& insert(std::string_view sql, std::unique_ptr<Statement> statement) {
+        m_entries.push_front(Entry{std::move(statement), {}, false});
+        const auto added = m_byText.emplace(std::string(sql), m_entries.begin()).first;
+        m_entries.front().key = added->first;
+        return m_entries.front();
+    }
+    void trim(std::size_t kept) {
+        while (m_entries.size() > kept && !m_entries.back().leased) {
+            m_byText.erase(m_byText.find(m_entries.back().key));
+            m_entries.pop_back();
+        }
+    }
+    std::size_t size() const noexcept { return m_entries.size(); }
+    auto begin() noexcept { return m_entries.begin(); }
+    auto end() noexcept { return m_entries.end(); }
+
+   private:
+    struct Hash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
+    };
+    std::list<Entry> m_entries;
+    std::unordered_map<std::string, typename std::list<Entry>::iterator, Hash, std::equal_to<>> m_byText;
+};
+
+/// A cursor's hold on a prepared statement; gives it back to the session's cache, closed.
+class ASStatementLease {
+   public:
+    using Cache = ASStatementCache<OdbcStatement>;
+
+    ASStatementLease() = default;
+    explicit ASStatementLease(Cache::Entry& entry) : m_entry(&entry) { entry.leased = true; }
+    explicit ASStatementLease(std::unique_ptr<OdbcStatement> own) : m_own(std::move(own)) {}
+    ~ASStatementLease() { release(); }
+    ASStatementLease(ASStatementLease&& other) noexcept
+        : m_entry(std::exchange(other.m_entry, nullptr)), m_own(std::move(other.m_own)) {}
+    ASStatementLease& operator=(ASStatementLease&& other) noexcept {
+        release();
+        m_entry = std::exchange(other.m_entry, nullptr);
+        m_own = std::move(other.m_own);
+        return *this;
+    }
+
+    explicit operator bool() const noexcept { return m_entry || m_own; }
+    OdbcStatement* operator->() const noexcept { return m_entry ? m_entry->statement.get() : m_own.get(); }
+
+   private:
+    void release() noexcept {
+        if (m_entry) {
+            m_entry->statement->close();
+            m_entry->leased = false;
+            m_entry = nullptr;
+        }
+        m_own.reset();
+    }
+    Cache::Entry* m_entry = nullptr;
+    std::unique_ptr<OdbcStatement> m_own;
+};
+
+/// Which file a connection has open; a file that was replaced under its name is another one.
+struct ASFileIdentity {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+
+    static ASFileIdentity of(const std::string& path) noexcept;
+    friend bool operator==(const ASFileIdentity&, const ASFileIdentity&) = default;
+};
+
+struct ASStatement::Impl {
+    explicit Impl(OdbcConnection& connection, std::string_view sql);
+
+    OdbcStatement statement;
+    std::int64_t* changes = nullptr;
+    bool columnsBound = false;
+    std::string decoded;
+};
+
+/// How a session's connections are opened. A connection of SQLite's driver whose rows come one by one (StepAPI) never
+/// runs a PRAGMA that sets something, nor an INSERT behind WITH, and does not say so: only cursors' selects go there.
+struct ASConnectionSource {
+    std::string string;
+    std::string streamingString;  ///< of connections whose rows come one by one; empty: there are none
+    std::string database;         ///< its name for people
+    bool queryOnly = false;
+};
+
+struct ASSession::Impl {
+    static constexpr std::size_t keptStatements = 64;
+
+    explicit Impl(const ASConnectionSource& source);
+
+    /// A prepared statement for one cursor.
+    ASStatementLease lease(const std::string& sql);
+    /// The same on the streaming connection, which must be there (mayStream()).
+    ASStatementLease leaseStreaming(const std::string& sql);
+    bool mayStream() const noexcept { return !inTransaction && !source.streamingString.empty(); }
+    bool isBroken() const noexcept { return connection.isBroken() || (streaming && streaming->isBroken()); }
+    /// Ends what a transaction has left running and lets go of surplus statements.
+    void tidy();
+
+    ASConnectionSource source;
+    OdbcConnection connection;
+    const ASDialect* dialect;
+    ASSqlBuilder builder;
+    ASStatementCache<OdbcStatement> selects;
+    ASStatementCache<ASStatement> statements;
+    std::unique_ptr<OdbcConnection> streaming;  ///< opened when it is first needed
+    ASStatementCache<OdbcStatement> streamed;
+    bool inTransaction = false;
+    std::int64_t changes = 0;
+    std::uint64_t generation = 0;
+    ASFileIdentity file;
+};
+
+}  // namespace QOR

@@ -1,0 +1,137 @@
+/// \file
+/// The host's database: one per process, a pool of connections, transactions on them, and plain statements for the
+/// host's own SQL.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "QORCommon/QORExport.h"
+#include "rdbmspp/engine/AException.h"
+
+namespace QOR {
+
+/// How to reach the database.
+struct ASDatabaseOptions {
+    std::string connectionString;   ///< ODBC's, e.g. "Driver=SQLite3;Database=./agent.db"
+    bool readOnly = false;          ///< nothing is ever written, not even a missing database created
+    unsigned idleConnections = 8;   ///< kept open when unused
+    unsigned maxConnections = 64;   ///< in use at once; a request beyond waits. One that reads a long result of
+                                    ///< SQLite without a transaction opens a second one beside its own
+    unsigned busyTimeoutMs = 5000;  ///< how long a locked database is waited for
+};
+
+/// Which engine answers, as the dialect table knows it.
+enum class ASEngine { SQLite, PostgreSQL };
+
+class ASStatement;
+
+/// A connection in use by one thread. Obtained from a transaction; owned by the pool.
+class QOR_API ASSession {
+   public:
+    ASEngine engine() const noexcept;
+    /// Runs one statement of the host's own without results (or whose results do not matter).
+    void execute(std::string_view sql);
+    /// A prepared statement, kept by the connection under its text and reused; reset to no parameters, not running.
+    /// The reference is valid until the same text is prepared again on this session or the transaction ends.
+    ASStatement& prepare(std::string_view sql);
+    /// Rows changed by the last execute or statement.
+    std::int64_t changes() const;
+    /// `"name"` with quotes inside doubled. \throws AException for a name with a NUL byte
+    static std::string quoteIdentifier(std::string_view name);
+    /// `'text'` with quotes inside doubled. \throws AException for a text with a NUL byte
+    static std::string quoteLiteral(std::string_view text);
+
+    struct Impl;
+    explicit ASSession(std::unique_ptr<Impl> impl);
+    ~ASSession();
+    Impl& impl() noexcept { return *m_impl; }
+
+   private:
+    std::unique_ptr<Impl> m_impl;
+};
+
+/// A prepared statement with `?` parameters, numbered from 1; result columns are numbered from 1 too.
+class QOR_API ASStatement {
+   public:
+    ASStatement& bind(unsigned index, std::string_view text);
+    ASStatement& bind(unsigned index, std::int64_t value);
+    ASStatement& bind(unsigned index, double value);
+    ASStatement& bindBinary(unsigned index, std::string_view bytes);
+    ASStatement& bindNull(unsigned index);
+    void execute();
+    bool fetch();
+    bool isNull(unsigned column) const;
+    /// The column as text; valid until the next fetch or execute.
+    std::string_view text(unsigned column) const;
+    std::int64_t integer(unsigned column) const;
+    /// A column of bytes (text() gives it in the driver's own spelling); valid as text() is.
+    std::string_view bytes(unsigned column) const;
+    /// Ends the result; the statement may be executed again.
+    void close();
+    /// Ends the result and sets all parameters to null.
+    void reset();
+
+    struct Impl;
+    explicit ASStatement(std::unique_ptr<Impl> impl);
+    ~ASStatement();
+
+   private:
+    std::unique_ptr<Impl> m_impl;
+};
+
+/// The process's database. Thread-safe.
+class QOR_API QORRdbms {
+   public:
+    static QORRdbms& instance();
+    /// Sets where the database is and makes sure that it can be opened; closes what was open before.
+    /// \throws AException naming driver, database and reason
+    void configure(const ASDatabaseOptions& options);
+    const ASDatabaseOptions& options() const;
+    ASEngine engine() const;
+    bool isConfigured() const;
+    /// How many requests wait for a connection now.
+    std::size_t waiting() const;
+    /// Closes idle connections; those in use close when they come back.
+    void shutdown();
+
+    /// Must run before any ODBC call of the process: settles options of the engine that can be set only once.
+    static void prepareProcess();
+
+   private:
+    QORRdbms();
+    ~QORRdbms();
+    friend class QORRdbmsTran;
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+/// What a transaction is for, which decides what is opened on the connection.
+enum class ASAccess {
+    ReadOne,   ///< a single select: consistent in itself, no transaction on the wire
+    Read,      ///< several selects that see one state
+    Write,     ///< takes the write lock at once
+};
+
+/// A transaction on a pooled connection. Rolls back unless committed; ends with the object. A connection whose state
+/// is in doubt after a failure is closed, not returned.
+class QOR_API QORRdbmsTran {
+   public:
+    explicit QORRdbmsTran(ASAccess access = ASAccess::Read);
+    ~QORRdbmsTran();
+    QORRdbmsTran(const QORRdbmsTran&) = delete;
+    QORRdbmsTran& operator=(const QORRdbmsTran&) = delete;
+
+    ASSession& operator*() noexcept { return *m_session; }
+    ASSession* operator->() noexcept { return m_session; }
+    void commit();
+
+   private:
+    ASSession* m_session = nullptr;
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace QOR

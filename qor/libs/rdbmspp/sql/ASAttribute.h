@@ -1,0 +1,144 @@
+/// \file
+/// What a select can name: columns, raw SQL expressions, and aggregates over them; the domain they belong to.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "QORCommon/QORExport.h"
+#include "rdbmspp/sql/ASComparison.h"
+#include "rdbmspp/sql/ASData.h"
+
+namespace QOR {
+
+/// A view or table that is selected from. Immutable and shared.
+class QOR_API ASDomain {
+   public:
+    /// \param name the exact name in the database; quoted wherever it is rendered
+    /// \param secondName an alias under which the columns are qualified, "" for the name itself
+    ASDomain(std::string name, std::string secondName);
+    const std::string& name() const noexcept { return m_name; }
+    const std::string& secondName() const noexcept { return m_secondName; }
+    /// The name by which columns are qualified.
+    const std::string& reference() const noexcept { return m_secondName.empty() ? m_name : m_secondName; }
+
+    /// A derived table: selected from as `(sql) AS "alias"`. \param sql a select that this program wrote, never text of a
+    /// client
+    static std::shared_ptr<const ASDomain> derived(std::string sql, std::string alias) {
+        auto domain = std::make_shared<ASDomain>(std::move(alias), std::string());
+        domain->m_derivedSql = std::move(sql);
+        return domain;
+    }
+    /// The select of a derived table; "" for a view or table of the database.
+    const std::string& derivedSql() const noexcept { return m_derivedSql; }
+
+   private:
+    std::string m_name;
+    std::string m_secondName;
+    std::string m_derivedSql;
+};
+
+using ASDomainPtr = std::shared_ptr<const ASDomain>;
+
+/// A column of a domain, or a raw SQL expression. Cheap to copy (shares its parts).
+class QOR_API ASAttribute {
+   public:
+    /// What a raw expression is, which decides how it is bracketed beside others.
+    enum class Raw { Expression, Select };
+
+    /// A column. Rendered quoted, and qualified once it is registered over a domain.
+    ASAttribute(std::string column, ASType type);
+    /// SQL that this program wrote. \param sql never text of a client
+    ASAttribute(Raw kind, std::string sql);
+
+    const std::string& name() const noexcept;
+    ASType type() const noexcept;
+    bool isColumn() const noexcept;
+    bool isSelect() const noexcept;
+
+    /// Binds a receiver to the column and ties the column to its domain. Copies made before share the effect.
+    void Register(ASDataPtr data, ASDomainPtr domain);
+    /// Ties the column to its domain only.
+    void Register(ASDomainPtr domain);
+    const ASDataPtr& data() const noexcept;
+    const ASDomainPtr& domain() const noexcept;
+
+    /// The expression as SQL text.
+    std::string Query() const;
+
+    /// `pattern`: '%' any run of characters, '_' any one; ASCII letters match in either case. `escape` 0: none.
+    static ASComparison Like(const ASAttribute& attribute, std::string_view pattern, char escape);
+    static ASComparison Like(const ASAttribute& attribute, const ASAttribute& pattern, char escape);
+    static ASComparison Between(const ASAttribute& attribute, const ASAttribute& low, const ASAttribute& high);
+    /// `list`: SQL of the items, joined with ", "; or of one select. Written by this program from quoted literals.
+    static ASComparison In(const ASAttribute& attribute, std::string_view list);
+    static ASComparison IsNull(const ASAttribute& attribute);
+    static ASAttribute Lower(const ASAttribute& attribute);
+    static ASAttribute Upper(const ASAttribute& attribute);
+
+   private:
+    friend class ASData;
+    friend class ASGroupAttribute;
+    friend class ASSqlBuilder;
+    struct Impl;
+    std::shared_ptr<Impl> m_impl;
+};
+
+QOR_API ASComparison operator==(const ASAttribute& left, const ASAttribute& right);
+QOR_API ASComparison operator!=(const ASAttribute& left, const ASAttribute& right);
+QOR_API ASComparison operator>(const ASAttribute& left, const ASAttribute& right);
+QOR_API ASComparison operator>=(const ASAttribute& left, const ASAttribute& right);
+QOR_API ASComparison operator<(const ASAttribute& left, const ASAttribute& right);
+QOR_API ASComparison operator<=(const ASAttribute& left, const ASAttribute& right);
+/// The value travels as a bound parameter.
+QOR_API ASComparison operator==(const ASAttribute& left, const ASData& right);
+QOR_API ASComparison operator!=(const ASAttribute& left, const ASData& right);
+QOR_API ASComparison operator>(const ASAttribute& left, const ASData& right);
+QOR_API ASComparison operator>=(const ASAttribute& left, const ASData& right);
+QOR_API ASComparison operator<(const ASAttribute& left, const ASData& right);
+QOR_API ASComparison operator<=(const ASAttribute& left, const ASData& right);
+
+/// An aggregate over an attribute; default-constructed, the count of all rows.
+/// Sums, averages, minima and maxima of a DateTime attribute are over its seconds since the epoch; minima and maxima
+/// of texts and GUIDs are null (still one row), never a wrong number.
+class QOR_API ASGroupAttribute {
+   public:
+    enum class Function { Sum, Average, Min, Max, Count };
+
+    ASGroupAttribute();
+    ASGroupAttribute(Function function, const ASAttribute& attribute);
+
+    /// Binds the receiver of the result; the domain is what is selected from.
+    void Register(ASDataPtr data, ASDomainPtr domain);
+    const ASDataPtr& data() const noexcept;
+    const ASDomainPtr& domain() const noexcept;
+    Function function() const noexcept;
+    std::string Query() const;
+
+   private:
+    friend class ASSqlBuilder;
+    struct Impl;
+    std::shared_ptr<Impl> m_impl;
+};
+
+/// A sequence of sort keys; the first is the primary one. Nulls count as smaller than every value, texts order by
+/// bytes, on every engine.
+class QOR_API ASOrder {
+   public:
+    explicit ASOrder(const ASAttribute& attribute);
+    explicit ASOrder(const ASGroupAttribute& attribute);
+    /// The same keys in descending order.
+    ASOrder operator-() const;
+    /// Appends less important keys.
+    ASOrder& operator<<(const ASOrder& next);
+
+   private:
+    friend class ASSqlBuilder;
+    struct Key;
+    std::vector<std::shared_ptr<const Key>> m_keys;
+};
+
+}  // namespace QOR

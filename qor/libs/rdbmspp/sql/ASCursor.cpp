@@ -1,0 +1,203 @@
+#include "rdbmspp/sql/ASCursor.h"
+
+#include <algorithm>
+#include <charconv>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "rdbmspp/engine/AException.h"
+#include "rdbmspp/sql/ASNodes.h"
+#include "rdbmspp/pool/ASSessionImpl.h"
+#include "rdbmspp/sql/ASSqlBuilder.h"
+
+namespace QOR {
+
+namespace {
+
+constexpr std::size_t bytesOfCharacter = 4;  // at most, in UTF-8
+constexpr std::size_t bytesOfNumber = 24;
+constexpr std::size_t bytesOfGuid = 36;
+constexpr std::size_t bytesOfUndeclared = 64;
+// Results that may be longer are worth a statement of their own for each set of values.
+constexpr std::int32_t manyRows = 1000;
+
+std::size_t expectedText(std::size_t capacity) {
+    return capacity > 1 ? (capacity - 1) * bytesOfCharacter : bytesOfUndeclared;
+}
+
+OdbcColumn layoutOf(const ASData* data) {
+    if (!data) return {false, bytesOfNumber};
+    switch (data->type()) {
+        case ASType::VarChar:
+            return {false, expectedText(static_cast<const ASVStr*>(data)->capacity())};
+        case ASType::Char:
+            return {false, expectedText(static_cast<const ASStr*>(data)->capacity())};
+        case ASType::Guid:
+            return {false, bytesOfGuid};
+        case ASType::Blob:
+            return {true, bytesOfUndeclared};
+        default:
+            return {false, bytesOfNumber};
+    }
+}
+
+bool isNumber(std::string_view text) {
+    double value = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+    return result.ptr == text.data() + text.size() && result.ec != std::errc::invalid_argument;
+}
+
+}  // namespace
+
+ASProject& ASProject::operator<<(const ASAttribute& attribute) {
+    m_items.push_back(std::make_shared<const Item>(Item{attribute, std::nullopt}));
+    return *this;
+}
+
+ASProject& ASProject::operator<<(const ASGroupAttribute& attribute) {
+    m_items.push_back(std::make_shared<const Item>(Item{std::nullopt, attribute}));
+    return *this;
+}
+
+ASProject& ASFilter::Project() {
+    m_project = ASProject();
+    return m_project;
+}
+
+ASProject& ASFilter::DistinctProject() {
+    m_project = ASProject();
+    m_project.m_distinct = true;
+    return m_project;
+}
+
+void ASFilter::Set(const ASComparison& condition) {
+    m_condition = condition;
+}
+
+struct ASCursor::Impl {
+    struct Column {
+        ASData* data;
+        const ASGroupAttribute* sum;  ///< of an integer type, which may be too small for it
+    };
+
+    explicit Impl(ASSession& s) : session(s) {}
+
+    bool next();
+    void run();
+    void bind(const ASProject& project);
+    void take(std::size_t index);
+    bool isOneRow() const;
+
+    ASSession& session;
+    ASFilter filter;
+    std::int32_t limit = 0;
+    std::int32_t offset = 0;
+    std::optional<ASOrder> order;
+    ASStatementLease statement;
+    std::vector<Column> columns;
+    std::int64_t amount = 0;
+    bool finished = false;
+};
+
+ASCursor::ASCursor(ASSession& session) : m_impl(std::make_unique<Impl>(session)) {}
+
+ASCursor::~ASCursor() = default;
+
+ASFilter& ASCursor::Filter() noexcept {
+    return m_impl->filter;
+}
+
+void ASCursor::Limit(std::int32_t size, std::int32_t offset) {
+    m_impl->limit = size;
+    m_impl->offset = offset > 0 ? offset : 0;
+}
+
+void ASCursor::Order(const ASOrder& order) {
+    m_impl->order = order;
+}
+
+bool ASCursor::Fetch() {
+    if (m_impl->finished) return false;
+    try {
+        return m_impl->next();
+    } catch (const AException& error) {
+        m_impl->finished = true;
+        m_impl->statement = ASStatementLease();
+        throw m_impl->session.impl().dialect->explained(error);
+    }
+}
+
+std::int64_t ASCursor::GetAmount() const noexcept {
+    return m_impl->amount;
+}
+
+std::string ASCursor::Query() const {
+    ASSqlBuilder builder(*m_impl->session.impl().dialect, ASPurpose::Reading);
+    builder.select(m_impl->filter.m_project, m_impl->filter.m_condition, m_impl->limit, m_impl->offset, m_impl->order);
+    return std::move(builder).takeText();
+}
+
+bool ASCursor::Impl::next() {
+    if (!statement) run();
+    if (!statement->fetch()) {
+        finished = true;
+        statement->close();  // the values of the last row go with it, as they do with every fetch
+        return false;
+    }
+    for (std::size_t i = 0; i < columns.size(); ++i)
+        take(i);
+    ++amount;
+    return true;
+}
+
+void ASCursor::Impl::run() {
+    auto& s = session.impl();
+    const bool streams = s.mayStream() && (limit <= 0 || limit >= manyRows) && !isOneRow();
+    s.builder.reset(streams ? ASPurpose::Streaming : ASPurpose::Execution);
+    s.builder.select(filter.m_project, filter.m_condition, limit, offset, order);
+    auto running = streams ? s.leaseStreaming(s.builder.text()) : s.lease(s.builder.text());
+    const auto& values = s.builder.parameters();
+    for (std::size_t i = 0; i < values.size(); ++i)
+        running->set(i, *values[i]);
+    statement = std::move(running);
+    bind(filter.m_project);
+    statement->execute();
+}
+
+// Aggregates alone: their values are the statement's to reuse, and nothing is gained by streaming.
+bool ASCursor::Impl::isOneRow() const {
+    const auto& items = filter.m_project.m_items;
+    return std::all_of(items.begin(), items.end(), [](const auto& item) { return item->group.has_value(); });
+}
+
+void ASCursor::Impl::bind(const ASProject& project) {
+    std::vector<OdbcColumn> layout;
+    layout.reserve(project.m_items.size());
+    columns.reserve(project.m_items.size());
+    for (const auto& item : project.m_items) {
+        ASData* data = item->data();
+        layout.push_back(layoutOf(data));
+        const bool sum = item->group && data && item->group->function() == ASGroupAttribute::Function::Sum &&
+                         (data->type() == ASType::Int || data->type() == ASType::BigInt);
+        columns.push_back({data, sum ? &*item->group : nullptr});
+    }
+    statement->bindColumns(layout);
+}
+
+void ASCursor::Impl::take(std::size_t index) {
+    const Column& column = columns[index];
+    if (!column.data) return;
+    if (statement->isNull(index)) {
+        column.data->setNull();
+        return;
+    }
+    const std::string_view stored = statement->value(index);
+    column.data->take(stored);
+    if (column.sum && column.data->isRaw() && isNumber(stored)) {
+        throw AException(column.sum->Query() + " is " + std::string(stored) + ", which is no integer of " +
+                         (column.data->type() == ASType::Int ? "32" : "64") + " bits");
+    }
+}
+
+}  // namespace QOR

@@ -1,0 +1,339 @@
+#include "rdbmspp/sql/ASData.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+
+#include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORTime.h"
+#include "rdbmspp/engine/AException.h"
+#include "rdbmspp/engine/ASDialect.h"
+#include "rdbmspp/sql/ASNodes.h"
+#include "rdbmspp/sql/ASValue.h"
+
+namespace QOR {
+
+namespace {
+
+constexpr std::size_t dbTimeLength = 19;  // "YYYY-MM-DD HH:MM:SS"
+constexpr std::size_t guidLength = 36;
+
+std::string_view copyTo(ASTextBuffer& scratch, std::string_view text) {
+    std::memcpy(scratch.bytes, text.data(), text.size());
+    return {scratch.bytes, text.size()};
+}
+
+template <class T>
+std::string_view printTo(ASTextBuffer& scratch, T value) {
+    const auto end = std::to_chars(scratch.bytes, scratch.bytes + sizeof(scratch.bytes), value).ptr;
+    return {scratch.bytes, static_cast<std::size_t>(end - scratch.bytes)};
+}
+
+template <class T>
+bool readWholly(std::string_view text, T& value) {
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
+
+// "NUMBER*2^720" is how ASDialect::exactDouble() selects large numbers.
+bool readDouble(std::string_view text, double& value) {
+    constexpr std::string_view scaled = "*2^720";
+    const bool large = text.ends_with(scaled);
+    if (large) text.remove_suffix(scaled.size());
+    if (!readWholly(text, value)) return false;
+    if (large) value = std::ldexp(value, 720);
+    return std::isfinite(value);
+}
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+int twoDigits(const char* at) {
+    return isDigit(at[0]) && isDigit(at[1]) ? (at[0] - '0') * 10 + (at[1] - '0') : -1;
+}
+
+int daysOfMonth(int year, int month) {
+    constexpr int days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    const bool leap = year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
+    return month == 2 && leap ? 29 : days[month - 1];
+}
+
+std::int64_t daysSinceEpoch(int year, int month, int day) {
+    const int y = month <= 2 ? year - 1 : year;
+    const int era = (y >= 0 ? y : y - 399) / 400;
+    const int yearOfEra = y - era * 400;
+    const int dayOfYear = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
+    const int dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
+    return static_cast<std::int64_t>(era) * 146097 + dayOfEra - 719468;
+}
+
+// The form that the database keeps, read without the general reader's cost: most columns of most rows have it.
+bool readDbTime(std::string_view text, std::int64_t& seconds) {
+    if (text.size() != dbTimeLength) return false;
+    const char* t = text.data();
+    if (t[4] != '-' || t[7] != '-' || t[10] != ' ' || t[13] != ':' || t[16] != ':') return false;
+    const int century = twoDigits(t), years = twoDigits(t + 2), month = twoDigits(t + 5), day = twoDigits(t + 8);
+    const int hour = twoDigits(t + 11), minute = twoDigits(t + 14), second = twoDigits(t + 17);
+    if (century < 0 || years < 0 || month < 1 || month > 12 || day < 1) return false;
+    if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 59) return false;
+    const int year = century * 100 + years;
+    if (day > daysOfMonth(year, month)) return false;
+    seconds = ((daysSinceEpoch(year, month, day) * 24 + hour) * 60 + minute) * 60 + second;
+    return true;
+}
+
+bool isCanonicalGuid(std::string_view text) {
+    if (text.size() != guidLength) return false;
+    for (std::size_t i = 0; i < guidLength; ++i) {
+        const char c = text[i];
+        const bool hyphen = i == 8 || i == 13 || i == 18 || i == 23;
+        if (hyphen ? c != '-' : !(isDigit(c) || (c >= 'a' && c <= 'f'))) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+ASData::~ASData() = default;
+
+std::string ASData::Str() const {
+    ASTextBuffer scratch;
+    return std::string(text(scratch));
+}
+
+std::string ASData::asSQLLiteral() const {
+    std::string out;
+    ASValue::of(*this).appendLiteral(out, ASDialect::current());
+    return out;
+}
+
+// The attribute does not own a receiver bound in this way; the cell that made both does.
+void ASData::Bind(ASAttribute& attribute) {
+    auto& receiver = attribute.m_impl->data;
+    if (receiver.get() != this) receiver = ASDataPtr(ASDataPtr(), this);
+}
+
+ASVStr::ASVStr(std::size_t capacity, std::string_view value)
+    : ASData(ASType::VarChar), m_capacity(capacity), m_value(value) {
+    m_raw = m_value;
+    m_state = State::Value;
+}
+
+std::string_view ASVStr::text(ASTextBuffer&) const {
+    return isNull() ? std::string_view() : m_raw;
+}
+
+void ASVStr::take(std::string_view stored) {
+    m_raw = stored;
+    m_state = State::Value;
+}
+
+ASStr::ASStr(std::size_t capacity, std::string_view value)
+    : ASData(ASType::Char), m_capacity(capacity), m_value(value) {
+    m_raw = m_value;
+    m_state = State::Value;
+}
+
+std::string_view ASStr::text(ASTextBuffer&) const {
+    return isNull() ? std::string_view() : m_raw;
+}
+
+void ASStr::take(std::string_view stored) {
+    m_raw = stored;
+    m_state = State::Value;
+}
+
+ASInt::ASInt(std::int32_t value) : ASData(ASType::Int), m_value(value) {
+    m_state = State::Value;
+}
+
+std::string_view ASInt::text(ASTextBuffer& scratch) const {
+    if (m_state == State::Value) return printTo(scratch, m_value);
+    return isNull() ? std::string_view() : m_raw;
+}
+
+void ASInt::take(std::string_view stored) {
+    m_raw = stored;
+    m_state = readWholly(stored, m_value) ? State::Value : State::Raw;
+}
+
+ASInt64::ASInt64(std::int64_t value) : ASData(ASType::BigInt), m_value(value) {
+    m_state = State::Value;
+}
+
+std::string_view ASInt64::text(ASTextBuffer& scratch) const {
+    if (m_state == State::Value) return printTo(scratch, m_value);
+    return isNull() ? std::string_view() : m_raw;
+}
+
+void ASInt64::take(std::string_view stored) {
+    m_raw = stored;
+    m_state = readWholly(stored, m_value) ? State::Value : State::Raw;
+}
+
+ASDouble::ASDouble(double value) : ASData(ASType::Double), m_value(value) {
+    m_state = State::Value;
+}
+
+std::string_view ASDouble::text(ASTextBuffer& scratch) const {
+    if (m_state == State::Value) return copyTo(scratch, doubleToStr(m_value));
+    return isNull() ? std::string_view() : m_raw;
+}
+
+void ASDouble::take(std::string_view stored) {
+    m_raw = stored;
+    m_state = readDouble(stored, m_value) ? State::Value : State::Raw;
+}
+
+ASGuid::ASGuid(const Guid& value) : ASData(ASType::Guid), m_value(value) {
+    m_state = State::Value;
+}
+
+const Guid& ASGuid::value() const noexcept {
+    if (m_unread) m_value.fromString(m_raw);
+    m_unread = false;
+    return m_value;
+}
+
+std::string_view ASGuid::text(ASTextBuffer& scratch) const {
+    if (isNull()) return {};
+    if (m_unread || m_state == State::Raw) return m_raw;
+    m_value.write(scratch.bytes);
+    return {scratch.bytes, guidLength};
+}
+
+void ASGuid::take(std::string_view stored) {
+    m_raw = stored;
+    m_unread = isCanonicalGuid(stored);
+    m_state = m_unread || m_value.fromString(stored) ? State::Value : State::Raw;
+}
+
+ASRealBlob::ASRealBlob(RealBlob value) : ASData(ASType::Blob), m_value(std::move(value)) {
+    m_raw = {m_value.data(), m_value.size()};
+    m_state = State::Value;
+}
+
+std::string_view ASRealBlob::text(ASTextBuffer&) const {
+    return isNull() ? std::string_view() : m_raw;
+}
+
+void ASRealBlob::take(std::string_view stored) {
+    m_raw = stored;
+    m_state = State::Value;
+}
+
+ASTime::ASTime(std::int64_t seconds) : ASData(ASType::DateTime), m_value(seconds) {
+    m_state = State::Value;
+}
+
+std::string_view ASTime::text(ASTextBuffer& scratch) const {
+    if (isNull()) return {};
+    if (m_state == State::Raw) return m_raw;
+    if (m_raw.size() == dbTimeLength && m_raw[10] == ' ') {  // a fetched value of the database's own form
+        std::memcpy(scratch.bytes, m_raw.data(), dbTimeLength);
+        scratch.bytes[10] = 'T';
+        std::memcpy(scratch.bytes + dbTimeLength, "+0000", 5);
+        return {scratch.bytes, dbTimeLength + 5};
+    }
+    return copyTo(scratch, time2str(m_value));
+}
+
+void ASTime::take(std::string_view stored) {
+    m_raw = stored;
+    if (readDbTime(stored, m_value)) {
+        m_state = State::Value;
+        return;
+    }
+    m_value = str2time(stored);
+    m_state = m_value == -1 ? State::Raw : State::Value;
+}
+
+ASValue ASValue::ofText(std::string_view text) {
+    ASValue value;
+    value.kind = Kind::Text;
+    value.text = text;
+    return value;
+}
+
+ASValue ASValue::ofInteger(std::int64_t number) {
+    ASValue value;
+    value.kind = Kind::Integer;
+    value.integer = number;
+    return value;
+}
+
+ASValue ASValue::of(const ASData& data) {
+    if (data.isNull()) return {};
+    ASTextBuffer scratch;
+    if (data.isRaw()) return ofText(data.text(scratch));
+    switch (data.type()) {
+        case ASType::Int:
+            return ofInteger(static_cast<const ASInt&>(data).value());
+        case ASType::BigInt:
+            return ofInteger(static_cast<const ASInt64&>(data).value());
+        case ASType::Double: {
+            ASValue value;
+            value.kind = Kind::Real;
+            value.real = static_cast<const ASDouble&>(data).value();
+            return value;
+        }
+        case ASType::DateTime:
+            return ofText(time2dbstr(static_cast<const ASTime&>(data).value()));
+        case ASType::Blob: {
+            ASValue value = ofText(data.text(scratch));
+            value.kind = Kind::Binary;
+            return value;
+        }
+        case ASType::VarChar:
+        case ASType::Char:
+        case ASType::Guid:
+            return ofText(data.text(scratch));
+    }
+    return {};
+}
+
+void ASValue::appendLiteral(std::string& out, const ASDialect& dialect) const {
+    ASTextBuffer scratch;
+    switch (kind) {
+        case Kind::Null:
+            out += "NULL";
+            break;
+        case Kind::Integer:
+            // The smallest number has no literal of its own: its digits alone are one too many.
+            if (integer == INT64_MIN) {
+                out += "(-9223372036854775807 - 1)";
+            } else {
+                out += printTo(scratch, integer);
+            }
+            break;
+        case Kind::Real:
+            if (std::isfinite(real)) {
+                out += doubleToStr(real);
+            } else {
+                out += std::isnan(real) ? "NULL" : real > 0 ? "9e999" : "-9e999";
+            }
+            break;
+        case Kind::Text:
+            appendQuoted(out, text, '\'');
+            break;
+        case Kind::Binary:
+            out += dialect.binaryLiteral(text);
+            break;
+    }
+}
+
+void appendQuoted(std::string& out, std::string_view text, char quote) {
+    out += quote;
+    std::size_t from = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] == '\0') throw AException("a text with a NUL byte cannot be sent to the database");
+        if (text[at] != quote) continue;
+        out.append(text, from, at + 1 - from);
+        from = at;
+    }
+    out.append(text, from);
+    out += quote;
+}
+
+}  // namespace QOR

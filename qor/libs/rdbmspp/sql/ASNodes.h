@@ -1,0 +1,87 @@
+/// \file
+/// Internal: what the shared parts of attributes, conditions, projections and orders hold.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "rdbmspp/sql/ASAttribute.h"
+#include "rdbmspp/sql/ASComparison.h"
+#include "rdbmspp/sql/ASCursor.h"
+#include "rdbmspp/sql/ASValue.h"
+
+namespace QOR {
+
+struct ASAttribute::Impl {
+    enum class Kind : unsigned char { Column, Expression, Select };
+
+    Kind kind = Kind::Column;
+    ASType type = ASType::VarChar;
+    std::string text;  ///< the column's name, or SQL
+    ASDataPtr data;
+    ASDomainPtr domain;
+};
+
+struct ASGroupAttribute::Impl {
+    Function function = Function::Count;
+    std::optional<ASAttribute> attribute;  ///< none: all rows
+    ASDataPtr data;
+    ASDomainPtr domain;
+};
+
+/// A node of a condition. Chains are kept as pairs, so that adding to one costs the same however long it is, and are
+/// laid flat when they are rendered. Nothing changes after it was built.
+struct ASComparison::Node {
+    enum class Kind : unsigned char {
+        And,
+        Or,
+        Not,            ///< of left
+        Raw,            ///< value.text
+        Attributes,     ///< first op second
+        Value,          ///< first op value
+        Values,         ///< value op other
+        LikeText,       ///< first like value
+        LikeAttribute,  ///< first like second
+        Between,        ///< first between second and third
+        In,             ///< first in (value.text)
+        IsNull,         ///< first
+    };
+    enum class Op : unsigned char { Eq, Ne, Gt, Ge, Lt, Le };
+
+    explicit Node(Kind k) noexcept : kind(k) {}
+    Node(const Node&) = delete;
+    Node& operator=(const Node&) = delete;
+    /// Takes chains apart without recursion, however deep they are.
+    ~Node();
+
+    bool isChain() const noexcept { return kind == Kind::And || kind == Kind::Or; }
+
+    Kind kind;
+    Op op = Op::Eq;
+    char escape = 0;
+    std::shared_ptr<Node> left;
+    std::shared_ptr<Node> right;
+    std::optional<ASAttribute> first;
+    std::optional<ASAttribute> second;
+    std::optional<ASAttribute> third;
+    ASValue value;
+    ASValue other;
+};
+
+struct ASProject::Item {
+    std::optional<ASAttribute> attribute;
+    std::optional<ASGroupAttribute> group;
+
+    ASData* data() const { return group ? group->data().get() : attribute->data().get(); }
+    const ASDomain* domain() const { return group ? group->domain().get() : attribute->domain().get(); }
+};
+
+struct ASOrder::Key {
+    std::optional<ASAttribute> attribute;
+    std::optional<ASGroupAttribute> group;
+    bool descending = false;
+};
+
+}  // namespace QOR

@@ -1,0 +1,249 @@
+#include "rdbmspp/sql/ASSqlBuilder.h"
+
+#include <utility>
+
+#include "rdbmspp/engine/AException.h"
+#include "rdbmspp/sql/ASConditionWriter.h"
+#include "rdbmspp/sql/ASNodes.h"
+#include "rdbmspp/sql/ASSqlText.h"
+
+namespace QOR {
+
+namespace {
+
+using Function = ASGroupAttribute::Function;
+
+const char* functionName(Function function) {
+    switch (function) {
+        case Function::Sum:
+            return "sum(";
+        case Function::Average:
+            return "avg(";
+        case Function::Min:
+            return "min(";
+        case Function::Max:
+            return "max(";
+        case Function::Count:
+            break;
+    }
+    return "count(";
+}
+
+bool isText(ASType type) {
+    return type == ASType::VarChar || type == ASType::Char;
+}
+
+// Smallest and greatest texts and GUIDs have no place in a number; sums and averages of GUIDs mean nothing either.
+bool hasNoNumber(Function function, ASType type) {
+    if (function == Function::Count) return false;
+    if (type == ASType::Guid) return true;
+    return (function == Function::Min || function == Function::Max) && (isText(type) || type == ASType::Blob);
+}
+
+}  // namespace
+
+ASSqlBuilder::ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose) : m_dialect(dialect), m_purpose(purpose) {}
+
+void ASSqlBuilder::reset(ASPurpose purpose) {
+    m_purpose = purpose;
+    m_text.clear();
+    m_parameters.clear();
+}
+
+void ASSqlBuilder::select(const ASProject& project, const ASComparison& condition, std::int32_t limit,
+                          std::int32_t offset, const std::optional<ASOrder>& order) {
+    append(project.m_distinct ? "SELECT DISTINCT " : "SELECT ");
+    projection(project);
+    from(project);
+    if (!condition.empty()) {
+        append(" WHERE ");
+        this->condition(condition);
+    }
+    groupBy(project);
+    if (order) orderBy(*order);
+    if (limit > 0) page(limit, offset);
+}
+
+void ASSqlBuilder::condition(const ASComparison& condition) {
+    if (!condition.empty()) writeCondition(*this, *condition.node());
+}
+
+void ASSqlBuilder::column(const ASAttribute& attribute) {
+    if (const auto& domain = attribute.domain()) {
+        identifier(domain->reference());
+        append(".");
+    }
+    identifier(attribute.name());
+}
+
+void ASSqlBuilder::operand(const ASAttribute& attribute) {
+    if (attribute.isColumn()) {
+        column(attribute);
+        return;
+    }
+    const std::string& sql = attribute.name();
+    const bool brackets = attribute.isSelect() || !isSingleTerm(sql);
+    if (brackets) append("(");
+    append(sql);
+    if (brackets) append(")");
+}
+
+void ASSqlBuilder::aggregate(const ASGroupAttribute& attribute) {
+    const auto& impl = *attribute.m_impl;
+    append(functionName(impl.function));
+    if (!impl.attribute) {
+        append("*");
+    } else if (hasNoNumber(impl.function, impl.attribute->type())) {
+        append("NULL");
+    } else if (impl.attribute->type() == ASType::DateTime && impl.function != Function::Count) {
+        append(m_dialect.epochSeconds(impl.attribute->Query()));
+    } else {
+        operand(*impl.attribute);
+    }
+    append(")");
+}
+
+void ASSqlBuilder::value(const ASValue& value) {
+    if (m_purpose != ASPurpose::Execution || m_parameters.size() >= m_dialect.maxParameters) {
+        value.appendLiteral(m_text, m_dialect);
+        return;
+    }
+    // A literal could not hold it; nor may a parameter, so that one text means one thing everywhere.
+    if (value.kind == ASValue::Kind::Text && value.text.find('\0') != std::string::npos) {
+        throw AException("a text with a NUL byte cannot be sent to the database");
+    }
+    m_parameters.push_back(&value);
+    append("?");
+}
+
+void ASSqlBuilder::in(const ASAttribute& attribute, std::string_view list, bool negated) {
+    operand(attribute);
+    append(negated ? " NOT IN (" : " IN (");
+    append(list);
+    append(")");
+}
+
+void ASSqlBuilder::like(const ASAttribute& attribute, const ASAttribute* column, const ASValue& pattern, char escape,
+                        bool negated) {
+    if (static_cast<unsigned char>(escape) > 127) throw AException("the escape character of LIKE has to be ASCII");
+    if (!column && m_dialect.maxLikePattern != 0 && pattern.text.size() > m_dialect.maxLikePattern) {
+        throw AException("a pattern of LIKE has " + std::to_string(pattern.text.size()) + " bytes; " + m_dialect.name +
+                         " takes " + std::to_string(m_dialect.maxLikePattern));
+    }
+    operand(attribute);
+    if (negated) append(" NOT");
+    append(m_dialect.like);
+    if (column) {
+        operand(*column);
+    } else {
+        if (m_purpose == ASPurpose::Execution) append(m_dialect.likeParameter);
+        value(pattern);
+    }
+    if (escape == 0) {
+        append(m_dialect.noEscape);
+        return;
+    }
+    append(" ESCAPE ");
+    appendQuoted(m_text, std::string_view(&escape, 1), '\'');
+}
+
+void ASSqlBuilder::projection(const ASProject& project) {
+    bool first = true;
+    for (const auto& item : project.m_items) {
+        if (!first) append(", ");
+        first = false;
+        if (item->group) {
+            projectedAggregate(*item->group);
+        } else {
+            projectedAttribute(*item->attribute);
+        }
+    }
+    if (first) throw AException("nothing is selected");
+}
+
+// Only what is executed takes the driver's ways of reading into account; a text form shows the plain column, and as
+// a nested select it has to be one.
+void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
+    if (m_purpose != ASPurpose::Reading && attribute.isColumn()) {
+        if (attribute.type() == ASType::Double) return append(m_dialect.exactDouble(attribute.Query()));
+        if (attribute.type() == ASType::Blob) return append(m_dialect.exactBytes(attribute.Query()));
+    }
+    if (attribute.isColumn()) {
+        column(attribute);
+    } else {
+        operand(attribute);
+    }
+}
+
+void ASSqlBuilder::projectedAggregate(const ASGroupAttribute& attribute) {
+    const auto& data = attribute.data();
+    if (m_purpose != ASPurpose::Reading && data && data->type() == ASType::Double) {
+        append(m_dialect.exactDouble(attribute.Query()));
+    } else {
+        aggregate(attribute);
+    }
+}
+
+void ASSqlBuilder::from(const ASProject& project) {
+    for (const auto& item : project.m_items) {
+        const ASDomain* domain = item->domain();
+        if (!domain) continue;
+        append(" FROM ");
+        if (!domain->derivedSql().empty()) {
+            append("(");
+            append(domain->derivedSql());
+            append(") AS ");
+        }
+        identifier(domain->name());
+        if (!domain->secondName().empty()) {
+            append(" AS ");
+            identifier(domain->secondName());
+        }
+        return;
+    }
+    throw AException("a select needs a view or table to select from");
+}
+
+void ASSqlBuilder::groupBy(const ASProject& project) {
+    bool plain = false;
+    bool aggregates = false;
+    for (const auto& item : project.m_items)
+        (item->group ? aggregates : plain) = true;
+    if (!plain || !aggregates) return;
+    const char* separator = " GROUP BY ";
+    for (const auto& item : project.m_items) {
+        if (item->group) continue;
+        append(separator);
+        operand(*item->attribute);
+        separator = ", ";
+    }
+}
+
+void ASSqlBuilder::orderBy(const ASOrder& order) {
+    const char* separator = " ORDER BY ";
+    for (const auto& key : order.m_keys) {
+        append(separator);
+        separator = ", ";
+        if (key->group) {
+            aggregate(*key->group);
+        } else {
+            operand(*key->attribute);
+            if (key->attribute->isColumn() && isText(key->attribute->type())) append(m_dialect.byteOrder);
+        }
+        if (key->descending) append(" DESC");
+        append(key->descending ? m_dialect.nullsDescending : m_dialect.nullsAscending);
+    }
+}
+
+// As parameters, so that all pages of one select are one prepared statement.
+void ASSqlBuilder::page(std::int32_t limit, std::int32_t offset) {
+    m_limit = ASValue::ofInteger(limit);
+    m_offset = ASValue::ofInteger(offset);
+    append(" LIMIT ");
+    value(m_limit);
+    if (m_purpose != ASPurpose::Execution && offset == 0) return;
+    append(" OFFSET ");
+    value(m_offset);
+}
+
+}  // namespace QOR

@@ -1,0 +1,72 @@
+/// \file
+/// Internal: writes selects and conditions as SQL for one engine.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "rdbmspp/sql/ASCursor.h"
+#include "rdbmspp/engine/ASDialect.h"
+#include "rdbmspp/sql/ASValue.h"
+
+namespace QOR {
+
+/// What a text is written for.
+enum class ASPurpose : unsigned char {
+    Reading,    ///< by people, or as a part of another text: values are literals
+    Execution,  ///< values are `?`; columns are selected so that the driver hands out all of their bytes
+    Streaming,  ///< as Execution, but values are literals: parameters keep the driver from handing out rows as they
+                ///< come
+};
+
+/// Writes into a text that it owns. For ASPurpose::Execution the values are listed in the order of their marks; they
+/// point into the conditions rendered, which must outlive their use. Used by one thread.
+class ASSqlBuilder {
+   public:
+    ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose);
+    /// Starts again, keeping the memory.
+    void reset(ASPurpose purpose);
+
+    /// A whole select. \throws AException when nothing with a domain is projected, or the engine cannot take it
+    void select(const ASProject& project, const ASComparison& condition, std::int32_t limit, std::int32_t offset,
+                const std::optional<ASOrder>& order);
+    /// A condition; nothing for none.
+    void condition(const ASComparison& condition);
+
+    void append(std::string_view sql) { m_text += sql; }
+    void column(const ASAttribute& attribute);
+    /// An attribute where an operand stands: a select, or SQL that would fall apart there, in brackets.
+    void operand(const ASAttribute& attribute);
+    void aggregate(const ASGroupAttribute& attribute);
+    void value(const ASValue& value);
+    void identifier(std::string_view name) { appendQuoted(m_text, name, '"'); }
+    void in(const ASAttribute& attribute, std::string_view list, bool negated);
+    void like(const ASAttribute& attribute, const ASAttribute* column, const ASValue& pattern, char escape,
+              bool negated);
+
+    const std::string& text() const noexcept { return m_text; }
+    std::string takeText() && { return std::move(m_text); }
+    const std::vector<const ASValue*>& parameters() const noexcept { return m_parameters; }
+    const ASDialect& dialect() const noexcept { return m_dialect; }
+
+   private:
+    void projection(const ASProject& project);
+    void projectedAttribute(const ASAttribute& attribute);
+    void projectedAggregate(const ASGroupAttribute& attribute);
+    void from(const ASProject& project);
+    void groupBy(const ASProject& project);
+    void orderBy(const ASOrder& order);
+    void page(std::int32_t limit, std::int32_t offset);
+
+    const ASDialect& m_dialect;
+    ASPurpose m_purpose;
+    std::string m_text;
+    std::vector<const ASValue*> m_parameters;
+    ASValue m_limit;
+    ASValue m_offset;
+};
+
+}  // namespace QOR

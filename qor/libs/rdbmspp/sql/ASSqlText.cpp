@@ -1,0 +1,89 @@
+#include "rdbmspp/sql/ASSqlText.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+namespace QOR {
+
+namespace {
+
+// The position behind the quoted text that begins at `at`.
+std::size_t behindQuoted(std::string_view sql, std::size_t at) {
+    const char quote = sql[at];
+    for (++at; at < sql.size(); ++at) {
+        if (sql[at] != quote) continue;
+        if (at + 1 >= sql.size() || sql[at + 1] != quote) return at + 1;
+        ++at;
+    }
+    return sql.size();
+}
+
+bool isWord(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+// Entries that an opening bracket and what stands before it hold, by the token before it.
+std::size_t costOfBracket(std::string_view before) {
+    if (before.empty() || before == "(" || before == "WHERE") return 1;
+    if (before == "NOT") return 2;
+    return 3;  // "a AND (", "a IN (", "f(" and its like
+}
+
+constexpr std::size_t costOfSelect = 5;  // SELECT, its distinct flag, its columns, FROM, WHERE
+constexpr std::size_t costOfTerm = 5;    // a comparison with a qualified column
+
+}  // namespace
+
+bool isSingleTerm(std::string_view sql) noexcept {
+    std::size_t depth = 0;
+    for (std::size_t at = 0; at < sql.size();) {
+        const char c = sql[at];
+        if (c == '\'' || c == '"') {
+            at = behindQuoted(sql, at);
+            continue;
+        }
+        if (c == '(') ++depth;
+        if (c == ')' && depth > 0) --depth;
+        if (depth == 0 && !isWord(c) && c != ')' && c != '.') return false;
+        ++at;
+    }
+    return true;
+}
+
+std::size_t parserDepthOf(std::string_view sql) noexcept {
+    std::size_t now = 0;
+    std::size_t deepest = 0;
+    std::vector<std::size_t> open;  // what is given back at each closing bracket
+    std::size_t frame = 0;
+    std::string_view before;
+    for (std::size_t at = 0; at < sql.size();) {
+        const char c = sql[at];
+        std::size_t end = at + 1;
+        if (c == '\'' || c == '"') {
+            end = behindQuoted(sql, at);
+        } else if (isWord(c)) {
+            while (end < sql.size() && isWord(sql[end]))
+                ++end;
+            if (sql.substr(at, end - at) == "SELECT") {
+                now += costOfSelect;
+                frame += costOfSelect;
+            }
+        } else if (c == '(') {
+            const std::size_t cost = costOfBracket(before);
+            open.push_back(frame);
+            frame = cost;
+            now += cost;
+        } else if (c == ')' && !open.empty()) {
+            now -= frame;
+            frame = open.back();
+            open.pop_back();
+        }
+        deepest = std::max(deepest, now);
+        if (c != ' ') before = sql.substr(at, end - at);
+        at = end;
+    }
+    return deepest + costOfTerm;
+}
+
+}  // namespace QOR

@@ -1,0 +1,133 @@
+#include "QORPager/Operators/Pager/QORBackup.h"
+
+#include <array>
+#include <set>
+#include <utility>
+
+#include "QORLibAgent/QORSecurity.h"
+#include "QORPager/QORFieldGetters.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+
+namespace {
+
+/// Characters of columns with a declared length, the terminator included; others are read in pieces.
+constexpr std::size_t noDeclaredLength = 1;
+
+/// What restricts the rows to those that the client of the calling thread may see; empty for one that may see all.
+ASComparison accessCondition(const QORBackupTable& table) {
+    const QORClientContextPtr context = QORAccessChecker::getClientContext();
+    if (QORAccessChecker::hasFullAccess(context)) return {};
+    std::string list;
+    for (const QOREID& eid : context->objects()) {
+        if (!list.empty()) list += ", ";
+        list += ASSession::quoteLiteral(eid.toString());
+    }
+    if (list.empty()) return ASComparison("1 = 0");
+    return ASAttribute::In(table.metaData.eid, list);
+}
+
+/// How the value of a field is read from a backup.
+struct ValueRow {
+    std::string_view name;
+    std::string (*read)(const QORBackup&);
+};
+constexpr std::array<ValueRow, 6> values{{
+    {"pager.backup.id", [](const QORBackup& backup) { return backup.id; }},
+    {"pager.backup.type", [](const QORBackup& backup) { return std::to_string(backup.type); }},
+    {"pager.backup.size", [](const QORBackup& backup) { return std::to_string(backup.size); }},
+    {"pager.backup.description", [](const QORBackup& backup) { return backup.description; }},
+    {"pager.backup.eid", [](const QORBackup& backup) { return fieldText(backup.eid); }},
+    {"pager.backup.info.title", [](const QORBackup& backup) { return backup.getEnvTitle(); }},
+}};
+
+}  // namespace
+
+std::string QORBackup::getEnvTitle() const {
+    const QORInfo* const title = info.getParameter("title");
+    return title == nullptr ? std::string() : title->toString();
+}
+
+QORBackupTable::MetaData::MetaData()
+    : id("id", ASType::VarChar),
+      eid("eid", ASType::Guid),
+      storageEid("storage_eid", ASType::Guid),
+      time("time", ASType::DateTime),
+      size("size", ASType::BigInt),
+      type("type", ASType::Int),
+      description("description", ASType::VarChar),
+      name("name", ASType::VarChar),
+      hostname("hostname", ASType::VarChar),
+      info("info", ASType::Blob) {}
+
+QORBackupTable::QORBackupTable()
+    : domain(std::make_shared<ASDomain>("vBackupInfo", "")),
+      id(std::make_shared<ASVStr>(129)),
+      eid(std::make_shared<ASGuid>()),
+      storageEid(std::make_shared<ASGuid>()),
+      time(std::make_shared<ASTime>()),
+      size(std::make_shared<ASInt64>()),
+      type(std::make_shared<ASInt>()),
+      description(std::make_shared<ASVStr>(noDeclaredLength)),
+      name(std::make_shared<ASVStr>(256)),
+      hostname(std::make_shared<ASVStr>(256)),
+      info(std::make_shared<ASRealBlob>()) {
+    metaData.id.Register(id, domain);
+    metaData.eid.Register(eid, domain);
+    metaData.storageEid.Register(storageEid, domain);
+    metaData.time.Register(time, domain);
+    metaData.size.Register(size, domain);
+    metaData.type.Register(type, domain);
+    metaData.description.Register(description, domain);
+    metaData.name.Register(name, domain);
+    metaData.hostname.Register(hostname, domain);
+    metaData.info.Register(info, domain);
+}
+
+void QORBackupTable::selectAllAttributes(ASProject& project) const {
+    project << metaData.id << metaData.eid << metaData.storageEid << metaData.time << metaData.size << metaData.type
+            << metaData.description << metaData.name << metaData.hostname << metaData.info;
+}
+
+ASOrder QORBackupTable::order() const {
+    ASOrder keys = -ASOrder(metaData.time);
+    keys << ASOrder(metaData.id);
+    return keys;
+}
+
+QORBackup makeQORBackupInfo(const QORBackupTable& table) {
+    QORBackup backup;
+    if (!table.time->isNull()) backup.time = table.time->value();
+    if (!table.size->isNull()) backup.size = static_cast<std::uint64_t>(table.size->value());
+    if (!table.type->isNull()) backup.type = table.type->value();
+    backup.id = table.id->Str();
+    if (!table.info->isNull()) static_cast<void>(backup.info.deserializeFromString(table.info->Str()));
+    if (!table.eid->isNull()) backup.eid = QOREID(table.eid->value());
+    backup.description = table.description->Str();
+    if (!table.storageEid->isNull()) backup.storage_eid = QOREID(table.storageEid->value());
+    return backup;
+}
+
+void getBackups(const QORBackupTable& table, const ASComparison& condition, std::vector<QORBackup>& backups,
+                const QOREID& storageEid) {
+    ASComparison all = condition;
+    if (storageEid.isValid()) all = std::move(all) && (table.metaData.storageEid == ASGuid(storageEid));
+    all = std::move(all) && accessCondition(table);
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASCursor cursor(*transaction);
+    table.selectAllAttributes(cursor.Filter().Project());
+    if (!all.empty()) cursor.Filter().Set(all);
+    cursor.Order(table.order());
+    while (cursor.Fetch())
+        backups.push_back(makeQORBackupInfo(table));
+}
+
+std::string getBackupValue(const QORBackup& backup, std::string_view name) {
+    for (const ValueRow& row : values) {
+        if (row.name == name) return row.read(backup);
+    }
+    return {};
+}
+
+}  // namespace QOR

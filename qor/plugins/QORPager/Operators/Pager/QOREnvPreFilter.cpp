@@ -1,0 +1,94 @@
+#include "QORPager/Operators/Pager/QOREnvPreFilter.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "QORPager/QORArg.h"
+
+namespace QOR {
+
+namespace {
+
+constexpr int failed = -1;
+
+/// Environments lie about in memory, and a value is behind two or three pointers. Fetching those that come next while
+/// one is evaluated hides most of that. Far ones are fetched themselves, near ones what they point to.
+void fetchAhead(const QOREnvList::Chunk& chunk, std::size_t at) {
+    constexpr std::size_t far = 12;
+    constexpr std::size_t middle = 8;
+    constexpr std::size_t near = 4;
+    constexpr std::size_t line = 64;
+    const auto fetch = [](const void* object, std::size_t size) {
+        const char* const bytes = static_cast<const char*>(object);
+        for (std::size_t offset = 0; offset < size; offset += line)
+            __builtin_prefetch(bytes + offset);
+    };
+    if (at + far < chunk.size()) fetch(chunk[at + far].get(), sizeof(QOREnv));
+    if (at + middle < chunk.size()) fetch(chunk[at + middle]->getConfig().get(), sizeof(QOREnvConfig));
+    if (at + near < chunk.size()) {
+        const std::vector<QORInfo>& further = chunk[at + near]->getConfig()->further().children();
+        fetch(further.data(), std::min<std::size_t>(further.size() * sizeof(QORInfo), 4 * line));
+    }
+}
+
+bool isSatisfied(TExpressionEvaluation& evaluator) {
+    bool satisfied = false;
+    try {
+        return !evaluator.returnBoolean(satisfied) && satisfied;
+    } catch (const std::out_of_range&) {
+        return false;
+    }
+}
+
+}  // namespace
+
+QOREnvPreFilter::QOREnvPreFilter(TExpressionEvaluation& evaluator, const std::vector<const QORField*>& whereFields)
+    : m_evaluator(evaluator) {
+    for (const QORField* field : whereFields) {
+        if (field->cursorType != TCursorType::Env) continue;
+        const TIdentifierHandle handle = evaluator.bindingHandle(field->name);
+        if (handle) m_bindings.push_back({field, handle});
+    }
+}
+
+int QOREnvPreFilter::evaluate(const QORArg& row, bool& passed) {
+    for (const Binding& binding : m_bindings) {
+        TExpressionEvaluation::setFromText(binding.handle, binding.field->getValue(row));
+    }
+    try {
+        if (!m_evaluator.returnBooleanSpecial(passed)) return 0;
+        m_error = m_evaluator.getErrorMessage();
+    } catch (const std::out_of_range&) {
+        m_error = errorMessage(etEvaluation);
+    }
+    return failed;
+}
+
+int QOREnvPreFilter::run(const QOREnvList& list, std::set<QOREID>& passing) {
+    for (const auto& chunk : list.chunks()) {
+        for (std::size_t at = 0; at < chunk->size(); ++at) {
+            fetchAhead(*chunk, at);
+            const QORPtr<const QOREnv>& env = (*chunk)[at];
+            bool passed = false;
+            if (const int result = evaluate(QORArg(env), passed); result != 0) return result;
+            if (passed) passing.insert(passing.end(), env->getEID());
+        }
+    }
+    return 0;
+}
+
+bool checkMulty(TExpressionEvaluation& evaluator, const QORArg& row, const std::vector<const QORField*>& fields,
+                std::size_t index) {
+    if (isSatisfied(evaluator)) return true;
+    if (index >= fields.size()) return false;
+    const QORField& field = *fields[index];
+    bool last = false;
+    for (int value = 0; !last; ++value) {
+        last = true;  // single values leave it alone
+        evaluator.setIdentifierFromString(field.name, field.getValue(row, last, value));
+        if (checkMulty(evaluator, row, fields, index + 1)) return true;
+    }
+    return false;
+}
+
+}  // namespace QOR

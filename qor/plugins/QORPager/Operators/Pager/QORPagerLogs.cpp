@@ -1,0 +1,143 @@
+// The sources of operator "pager" that read the logs. The filter only supplies constants; the host's log agents find
+// the records, in their own order.
+
+#include <array>
+#include <limits>
+#include <utility>
+
+#include "QORFunctionality/QORAccess.h"
+#include "QORPager/Operators/Pager/QORFilterConstants.h"
+#include "QORPager/Operators/Pager/QORPage.h"
+#include "QORPager/Operators/Pager/QORPagerErrors.h"
+#include "QORPager/Operators/QORPagerOperator.h"
+#include "QORPager/Operators/Pager/QORRowSet.h"
+#include "QORPager/QORArg.h"
+
+namespace QOR {
+
+namespace {
+
+constexpr int everyRecord = std::numeric_limits<std::int32_t>::max();
+constexpr int beginningOfTime = 0;
+constexpr int endOfTime = std::numeric_limits<std::int32_t>::max();
+
+/// The categories that can be asked for, and the text by which a filter does so.
+struct CategoryRow {
+    std::string_view filterText;
+    const char* category;
+};
+constexpr std::array<CategoryRow, 2> categories{{
+    {"pager.event_log.category='resource_alert'", "resource_alert"},
+    {"pager.event_log.category='env_status'", "env_status"},
+}};
+
+/// A log could not be read.
+class LogRefusal : public QORException {
+public:
+    explicit LogRefusal(const char* reason) : QORException(errFailure, reason) {}
+};
+
+/// The environment of a row of a log: all that is known of it is the identifier in the record.
+QORPtr<const QOREnv> bareEnv(const QOREID& eid) {
+    return makeQORPtr<const QOREnv>(eid);
+}
+
+ArgCSP parseOpLogSqlRow(const QORRequestProgressData& record) {
+    auto row = std::make_shared<QORProgressArg>(bareEnv(record.eid));
+    row->origin = QORLogDBEntryOrigin::fromInfo(record.message);
+    row->record = record;
+    return row;
+}
+
+ArgCSP parseEventsLogSqlRow(const QOREvent& event) {
+    auto row = std::make_shared<QOREventArg>(bareEnv(event.eid));
+    row->origin = QORLogDBEntryOrigin::fromInfo(event.info);
+    row->event = event;
+    return row;
+}
+
+template <class Record>
+Record recordAt(QORLogResult<Record>& records, std::int64_t index) {
+    try {
+        return records.at(static_cast<std::size_t>(index));
+    } catch (const std::exception& exception) {
+        throw LogRefusal(exception.what());
+    }
+}
+
+/// Writes the page of the records. \returns how many that are; negative past the last record
+template <class Record>
+std::int64_t writePage(QORLogResult<Record>& records, ArgCSP (*makeRow)(const Record&), int size, int offset,
+                       QORRowSet& rowSet) {
+    const QORPage page = QORPage::of(size, offset, static_cast<std::int64_t>(records.size()));
+    for (std::int64_t index = page.begin; index < page.end; ++index)
+        rowSet.writeRow(makeRow(recordAt(records, index)));
+    return page.count();
+}
+
+}  // namespace
+
+/// Adds the number of records found to `total`. \returns the number of rows written
+std::int64_t QORPagerOperatorPrototype::fetchOplog(const QOREnvSelection& envs, int from, int to, QORRowSet& rowSet,
+                                                   std::int64_t& total) {
+    QOROpLogAgent agent;
+    QOROpLogResult records;
+    if (agent.getOps(records, envs, m_access, "", "", 0, 0, everyRecord, from, to) != 0) {
+        throw LogRefusal(getErrorMessage());
+    }
+    total += static_cast<std::int64_t>(records.size());
+    return writePage(records, parseOpLogSqlRow, m_limitSize, m_limitOffset, rowSet);
+}
+
+std::int64_t QORPagerOperatorPrototype::fetchEvents(const QOREnvSelection& envs, int from, int to, const char* category,
+                                                    QORRowSet& rowSet, std::int64_t& total) {
+    QOREventLogAgent agent;
+    QOREventLogResult records;
+    if (agent.getEvents(records, envs, 0, everyRecord, m_access, category, 0, from, to) != 0) {
+        throw LogRefusal(getErrorMessage());
+    }
+    total += static_cast<std::int64_t>(records.size());
+    return writePage(records, parseEventsLogSqlRow, m_limitSize, m_limitOffset, rowSet);
+}
+
+void QORPagerOperatorPrototype::selectOpLogs(QORMessageIterator& response) {
+    if (m_envFieldSelected || m_envFieldInWhere) {
+        addError(&response, PagerErrors, pagerEvaluatingError, "joins with env_info table are forbidden");
+        return;
+    }
+    const QORFilterConstants filter = constants();
+    const QOREnvSelection envs = filter.environments("pager.op_log.parameter.env.eid");
+    const int to = filter.timeBound("pager.op_log.time", ttLowerOrEqual, endOfTime);
+    const int from = filter.timeBound("pager.op_log.time", ttGreaterOrEqual, beginningOfTime);
+    QORRowSet rowSet(response, m_selectFields);
+    try {
+        m_access = getLocalAccess();
+        std::int64_t total = 0;
+        const std::int64_t written = fetchOplog(envs, from, to, rowSet, total);
+        if (m_statisticsWanted) rowSet.writeStatistics(written, total);
+    } catch (const LogRefusal& refusal) {
+        addError(&response, PagerErrors, errFailure, refusal.what());
+    }
+}
+
+void QORPagerOperatorPrototype::selectEventLogs(QORMessageIterator& response) {
+    const QORFilterConstants filter = constants();
+    const QOREnvSelection envs = filter.environments("pager.event_log.parameter.env.eid");
+    const int to = filter.timeBound("pager.event_log.time", ttLowerOrEqual, endOfTime);
+    const int from = filter.timeBound("pager.event_log.time", ttGreaterOrEqual, beginningOfTime);
+    QORRowSet rowSet(response, m_selectFields);
+    try {
+        m_access = getLocalAccess();
+        std::int64_t written = 0;
+        std::int64_t total = 0;
+        for (const CategoryRow& row : categories) {
+            if (m_where.find(row.filterText) == std::string::npos) continue;
+            written += fetchEvents(envs, from, to, row.category, rowSet, total);
+        }
+        if (m_statisticsWanted) rowSet.writeStatistics(written, total);
+    } catch (const LogRefusal& refusal) {
+        addError(&response, PagerErrors, errFailure, refusal.what());
+    }
+}
+
+}  // namespace QOR

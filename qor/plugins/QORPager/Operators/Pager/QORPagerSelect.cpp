@@ -1,0 +1,223 @@
+// The driver of operator "pager": from the request to the source that answers it.
+
+#include <algorithm>
+#include <exception>
+#include <set>
+#include <utility>
+
+#include "QORFunctionality/QORAccess.h"
+#include "QORMessage/QORMessageIterator.h"
+#include "QORPager/QORDateTimeRewrite.h"
+#include "QORPager/Operators/Pager/QOREnvPreFilter.h"
+#include "QORPager/QORFilterNames.h"
+#include "QORPager/Operators/Pager/QORPagerErrors.h"
+#include "QORPager/Operators/QORPagerOperator.h"
+#include "QORPager/Operators/Pager/QORRowSet.h"
+#include "QORPager/QORArg.h"
+
+namespace QOR {
+
+namespace {
+
+constexpr int failed = -1;
+
+/// The name by which a filter restricts environments to a unit.
+constexpr const char* placeholderName = "pager.env.eid.InPlaceholder";
+
+/// Rows of this cursor type are environments as well; no field of the catalogue has it.
+constexpr int envInfoCursor = 32;
+
+int complain(QORMessageIterator& response, const char* text) {
+    QOROperatorFunctionalPrototype::addError(&response, QORErrors, errBadRequest, text);
+    return failed;
+}
+
+int refuse(QORMessageIterator& response, int code, const std::string& text) {
+    QOROperatorFunctionalPrototype::addError(&response, PagerErrors, code, text.c_str());
+    return failed;
+}
+
+}  // namespace
+
+void QORPagerOperatorPrototype::select(QORMessageIterator* request, QORMessageIterator* response) {
+    if (request == nullptr || response == nullptr) return;
+    try {
+        answer(*request, *response);
+    } catch (const QORResponseFull& exception) {
+        // Rows that are cut off somewhere would pass for an answer.
+        response->removeChildren(tag::rowSet);
+        addError(response, QORErrors, errFailure, exception.what());
+    } catch (const std::exception& exception) {
+        addError(response, QORErrors, errFailure, exception.what());
+    }
+}
+
+void QORPagerOperatorPrototype::answer(QORMessageIterator& request, QORMessageIterator& response) {
+    const QOREnvCache* const cache = envCache();
+    if (cache == nullptr) {
+        addError(&response, QORErrors, errNoEnvCache);
+        return;
+    }
+    m_envList = cache->getEnvList();
+    if (parseIn(request, response) != 0 || m_envList == nullptr) return;
+    QOREIDFilter filter(0);
+    const bool aboutEnvs = m_cursorType == static_cast<int>(TCursorType::Env);
+    if (!aboutEnvs && (m_envFieldInWhere || m_envFieldSelected) && fillInfoCursor(response, filter) != 0) return;
+    switch (m_cursorType) {
+        case static_cast<int>(TCursorType::EventLog):
+            selectEventLogs(response);
+            break;
+        case static_cast<int>(TCursorType::Info):
+            selectBackups(response);
+            break;
+        case static_cast<int>(TCursorType::OpLog):
+            selectOpLogs(response);
+            break;
+        default:
+            break;  // environments are not listed by themselves
+    }
+}
+
+int QORPagerOperatorPrototype::parseIn(QORMessageIterator& request, QORMessageIterator& response) {
+    m_envFieldSelected = false;
+    m_envFieldInWhere = false;
+    m_cursorType = static_cast<int>(TCursorType::Env);
+    m_where.clear();
+    m_whereGiven = false;
+    int statistics = 1;
+    m_statisticsWanted = request.seekPresence(tag::statistics) == 0;
+    static_cast<void>(request.getValue(statistics, tag::statistics));
+    m_statisticsValue = statistics != 0;
+    if (readLimit(request, response) != 0 || readFields(request, response) != 0) return failed;
+    if (readSort(request, response) != 0) return failed;
+    return readWhere(request, response);
+}
+
+int QORPagerOperatorPrototype::readLimit(const QORMessageIterator& request, QORMessageIterator& response) {
+    m_limitOffset = -1;
+    m_limitSize = -1;
+    const auto at = request.clone();
+    if (at->firstChild(tag::limit) != 0) return 0;
+    if (at->getValue(m_limitSize, tag::size) != 0) {
+        response.reset();
+        response.addChild(tag::reply);
+        return complain(response, "limit/size is absent");
+    }
+    static_cast<void>(at->getValue(m_limitOffset, tag::offset));
+    return 0;
+}
+
+int QORPagerOperatorPrototype::readFields(const QORMessageIterator& request, QORMessageIterator& response) {
+    const auto at = request.clone();
+    if (at->firstChild(tag::field) != 0) return complain(response, "field is absent");
+    m_selectFields.clear();
+    std::string cacheName;
+    do {
+        std::string name;
+        if (at->getValue(name) != 0) return complain(response, "invalid field");
+        const QORFieldSet::Position field = findField(name);
+        if (field == m_fieldSet.end()) return refuse(response, pagerUnknownField, name);
+        m_selectFields.push_back(&*field);
+        if (selectField(*field, cacheName, response) != 0) return failed;
+    } while (at->nextSibling(tag::field) == 0);
+    return 0;
+}
+
+/// A field of the catalogue, or one that a prefix stands for, which becomes known to the filter too.
+QORFieldSet::Position QORPagerOperatorPrototype::findField(std::string_view name) {
+    const QORFieldSet::Position known = m_fieldSet.find(name);
+    if (known != m_fieldSet.end()) return known;
+    const QORFieldSet::Position demanded = m_fieldSet.checkPrefix(name);
+    if (demanded != m_fieldSet.end()) m_evaluator->setIdentifier(name, "", false);
+    return demanded;
+}
+
+/// All fields but those of environments must come from one source, and from one cache of it.
+int QORPagerOperatorPrototype::selectField(const QORField& field, std::string& cacheName,
+                                           QORMessageIterator& response) {
+    if (field.cursorType == TCursorType::Env) {
+        m_envFieldSelected = true;
+        return 0;
+    }
+    const int cursorType = static_cast<int>(field.cursorType);
+    const bool otherSource = m_cursorType != static_cast<int>(TCursorType::Env) && m_cursorType != cursorType;
+    const bool otherCache = m_cursorType == static_cast<int>(TCursorType::Info) && field.cacheName != cacheName;
+    if (otherSource || otherCache) return refuse(response, pagerParsingError, "Can't select from multiply tables");
+    m_cursorType = cursorType;
+    cacheName = field.cacheName;
+    return 0;
+}
+
+int QORPagerOperatorPrototype::readSort(const QORMessageIterator& request, QORMessageIterator& response) {
+    m_sortOrder.clear();
+    const auto at = request.clone();
+    for (int found = at->firstChild(tag::sort); found == 0; found = at->nextSibling(tag::sort)) {
+        std::string name;
+        if (at->getValue(name, tag::field) != 0) {
+            response.reset();
+            return complain(response, "sort/field is absent");
+        }
+        const QORFieldSet::Position field = m_fieldSet.find(name);
+        if (field == m_fieldSet.end()) return refuse(response, pagerUnknownField, name);
+        m_sortOrder[&*field] = at->seekPresence(tag::descending) == 0;
+    }
+    return 0;
+}
+
+int QORPagerOperatorPrototype::readWhere(const QORMessageIterator& request, QORMessageIterator& response) {
+    m_whereFields.clear();
+    m_inPlaceholderList.clear();
+    m_hasWhere = request.seekPresence(tag::where) == 0;
+    if (!m_hasWhere) return 0;
+    if (request.getValue(m_where, tag::where) != 0) return complain(response, "invalid where");
+    if (!transformDateTime(m_where)) return complain(response, "invalid date/time format in where");
+    declareNames(m_where);
+    m_evaluator->setExpression(m_where);
+    if (m_evaluator->prepareSpecial()) return refuse(response, pagerParsingError, m_evaluator->getErrorMessage());
+    m_whereGiven = true;
+    // In the order of the names, which is that of the catalogue.
+    for (const std::string& name : m_evaluator->usedIdentifiers()) {
+        const QORFieldSet::Position field = m_fieldSet.find(name);
+        if (field != m_fieldSet.end() && useWhereField(*field, response) != 0) return failed;
+    }
+    m_hasWhere = !m_whereFields.empty();
+    return 0;
+}
+
+int QORPagerOperatorPrototype::useWhereField(const QORField& field, QORMessageIterator& response) {
+    const bool aboutEnvs = m_cursorType == static_cast<int>(TCursorType::Env);
+    if (static_cast<int>(field.cursorType) == envInfoCursor && aboutEnvs) m_cursorType = envInfoCursor;
+    if (field.cursorType == TCursorType::Env) m_envFieldInWhere = true;
+    if (field.name != placeholderName) {
+        m_whereFields.push_back(&field);
+        return 0;
+    }
+    bool found = false;
+    m_inPlaceholderList = m_evaluator->extractConstByIdentifierAndOperation(field.name, ttIn, found);
+    if (found) return 0;
+    return refuse(response, pagerParsingError,
+                  "incorrect <in> expression: cannot find <in> expression for InPlaceholder");
+}
+
+/// Names under a prefix may stand in the filter whether or not the request selects them.
+void QORPagerOperatorPrototype::declareNames(std::string_view where) {
+    forEachName(where, [this](std::string_view name) {
+        if (m_fieldSet.hasPrefix(name)) findField(name);
+    });
+}
+
+/// Gives the filter the environments that pass the environment part of the request's; all where it has no such part.
+int QORPagerOperatorPrototype::fillInfoCursor(QORMessageIterator& response, QOREIDFilter& filter) {
+    std::set<QOREID> passing;
+    if (m_hasWhere && !m_evaluator->onlyNotSpecial()) {
+        QOREnvPreFilter preFilter(*m_evaluator, m_whereFields);
+        if (preFilter.run(*m_envList, passing) != 0) return refuse(response, pagerEvaluatingError, preFilter.error());
+    } else {
+        for (const QORPtr<const QOREnv>& env : *m_envList)
+            passing.insert(passing.end(), env->getEID());
+    }
+    filter.set(std::move(passing));
+    return 0;
+}
+
+}  // namespace QOR

@@ -1,0 +1,151 @@
+#include "QORPager/Operators/Pager2/QORColumnCell.h"
+
+#include <array>
+#include <string_view>
+
+#include "QORCommon/QORException.h"
+#include "QORPager/Operators/QORPagerOperator2.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+
+namespace {
+
+/// One comparison operator in the forms that the kinds of its operands ask for.
+struct ComparisonForms {
+    ASComparison (*values)(const ASData&, const ASData&);
+    ASComparison (*attributes)(const ASAttribute&, const ASAttribute&);
+    ASComparison (*attributeAndValue)(const ASAttribute&, const ASData&);
+    /// The same with the operands exchanged: value > column is column < value.
+    ASComparison (*mirrored)(const ASAttribute&, const ASData&);
+};
+
+constexpr ComparisonForms formsEq{ASData::EQ, QOR::operator==, QOR::operator==, QOR::operator==};
+constexpr ComparisonForms formsNe{ASData::NE, QOR::operator!=, QOR::operator!=, QOR::operator!=};
+constexpr ComparisonForms formsGt{ASData::GT, QOR::operator>, QOR::operator>, QOR::operator<};
+constexpr ComparisonForms formsGe{ASData::GE, QOR::operator>=, QOR::operator>=, QOR::operator<=};
+constexpr ComparisonForms formsLt{ASData::LT, QOR::operator<, QOR::operator<, QOR::operator>};
+constexpr ComparisonForms formsLe{ASData::LE, QOR::operator<=, QOR::operator<=, QOR::operator>=};
+
+ASComparison compare(const ColumnCell& left, const ColumnCell& right, const ComparisonForms& forms) {
+    const auto& leftAttribute = left.getAttr();
+    const auto& rightAttribute = right.getAttr();
+    if (leftAttribute && rightAttribute) return forms.attributes(*leftAttribute, *rightAttribute);
+    if (leftAttribute) return forms.attributeAndValue(*leftAttribute, *right.asData(left.colType()));
+    if (rightAttribute) return forms.mirrored(*rightAttribute, *left.asData(right.colType()));
+    return forms.values(*left.asData(), *right.asData());
+}
+
+/// An aggregating function of requests, and the type of its result (the column's own, clipped, where none is given).
+struct AggregatingFunction {
+    std::string_view name;
+    ASGroupAttribute::Function function;
+    ColumnType result;
+};
+
+constexpr ColumnType clippedColumnType{};
+
+constexpr std::array<AggregatingFunction, 5> aggregatingFunctions{{
+    {"sum", ASGroupAttribute::Function::Sum, clippedColumnType},
+    {"average", ASGroupAttribute::Function::Average, ColumnType::Double},
+    {"min", ASGroupAttribute::Function::Min, clippedColumnType},
+    {"max", ASGroupAttribute::Function::Max, clippedColumnType},
+    {"count", ASGroupAttribute::Function::Count, ColumnType::BigInt},
+}};
+
+const AggregatingFunction& aggregatingFunction(const std::string& name) {
+    const std::string lowered = toLowerAscii(name);
+    for (const AggregatingFunction& candidate : aggregatingFunctions) {
+        if (candidate.name == lowered) return candidate;
+    }
+    throwException(errFailure, "invalid aggregating function name \"" + name + "\"", pager2SourcePath, __LINE__);
+}
+
+}  // namespace
+
+ColumnCell::ColumnCell(ASDomainPtr domain, const std::string& column, const std::string& displayName, ColumnType type,
+                       std::uint32_t length, const std::string& function)
+    : m_domain(std::move(domain)),
+      m_attribute(std::in_place, column, type),
+      m_displayName(displayName.empty() ? column : displayName),
+      m_type(type) {
+    if (function.empty()) {
+        m_data = interpret(type, nullptr, length);
+        m_attribute->Register(m_data, m_domain);
+        m_data->Bind(*m_attribute);
+        return;
+    }
+    const AggregatingFunction& aggregating = aggregatingFunction(function);
+    m_type = aggregating.result == clippedColumnType ? clipNumericType(type) : aggregating.result;
+    m_data = interpret(m_type, nullptr, length);
+    m_attribute->Register(m_domain);
+    m_aggregate.emplace(aggregating.function, *m_attribute);
+    m_aggregate->Register(m_data, m_domain);
+}
+
+ColumnCell ColumnCell::plainValue(std::string text) {
+    ColumnCell cell;
+    cell.m_value = std::move(text);
+    return cell;
+}
+
+ColumnCell ColumnCell::rawSql(ASAttribute::Raw kind, std::string sql) {
+    ColumnCell cell;
+    cell.m_attribute.emplace(kind, std::move(sql));
+    return cell;
+}
+
+ASComparison ColumnCell::eq(const ColumnCell& other) const { return compare(*this, other, formsEq); }
+ASComparison ColumnCell::ne(const ColumnCell& other) const { return compare(*this, other, formsNe); }
+ASComparison ColumnCell::gt(const ColumnCell& other) const { return compare(*this, other, formsGt); }
+ASComparison ColumnCell::ge(const ColumnCell& other) const { return compare(*this, other, formsGe); }
+ASComparison ColumnCell::lt(const ColumnCell& other) const { return compare(*this, other, formsLt); }
+ASComparison ColumnCell::le(const ColumnCell& other) const { return compare(*this, other, formsLe); }
+
+ASComparison ColumnCell::like(const ColumnCell& pattern, char escape) const {
+    if (pattern.m_attribute) return ASAttribute::Like(getAttrValue(), *pattern.m_attribute, escape);
+    return ASAttribute::Like(getAttrValue(), pattern.asData()->Str(), escape);
+}
+
+ASComparison ColumnCell::between(const ColumnCell& low, const ColumnCell& high) const {
+    return ASAttribute::Between(getAttrValue(), low.getAttrValue(), high.getAttrValue());
+}
+
+ASComparison ColumnCell::inOne(const ColumnCell& item) const {
+    return ASAttribute::In(getAttrValue(), item.asSQLString());
+}
+
+ASComparison ColumnCell::inList(const std::vector<ColumnCell>& items) const {
+    ASComparison condition;
+    std::string list;
+    for (const ColumnCell& item : items) {
+        // Beside other items a select would be read as one scalar, so it gets an "in" of its own.
+        if (item.m_attribute && item.m_attribute->isSelect()) {
+            condition = std::move(condition) || inOne(item);
+            continue;
+        }
+        if (!list.empty()) list += ", ";
+        list += item.asSQLString();
+    }
+    if (list.empty()) return condition;
+    return std::move(condition) || ASAttribute::In(getAttrValue(), list);
+}
+
+ASComparison ColumnCell::isNull() const { return ASAttribute::IsNull(getAttrValue()); }
+
+std::string ColumnCell::lower() const { return ASAttribute::Lower(getAttrValue()).Query(); }
+
+std::string ColumnCell::upper() const { return ASAttribute::Upper(getAttrValue()).Query(); }
+
+std::string ColumnCell::asSQLString() const {
+    return m_attribute ? m_attribute->Query() : ASSession::quoteLiteral(m_value);
+}
+
+ASAttribute ColumnCell::getAttrValue() const {
+    if (m_attribute) return *m_attribute;
+    return {ASAttribute::Raw::Expression, asSQLString()};
+}
+
+ASDataPtr ColumnCell::asData(ColumnType type) const { return interpret(type, &m_value, m_value.size()); }
+
+}  // namespace QOR

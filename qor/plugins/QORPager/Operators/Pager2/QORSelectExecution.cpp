@@ -1,0 +1,119 @@
+// Running a select and writing its result element.
+
+#include <algorithm>
+
+#include "QORCommon/QORException.h"
+#include "QORPager/Operators/QORPagerOperator2.h"
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
+
+namespace QOR {
+
+namespace {
+
+void addChild(QORBinaryIterator& out, QORTag id) {
+    if (out.addChild(id) != 0) {
+        throwException(errFailure, "cannot create new child in output message", pager2SourcePath, __LINE__);
+    }
+}
+
+void expectWritten(int result) {
+    if (result != 0) throwException(errFailure, "cannot put value in output message", pager2SourcePath, __LINE__);
+}
+
+ASOrder orderOf(const ColumnCell& cell, bool descending) {
+    const ASOrder ascending = cell.getAggrAttr() ? ASOrder(*cell.getAggrAttr()) : ASOrder(*cell.getAttr());
+    return descending ? -ascending : ascending;
+}
+
+}  // namespace
+
+void SelectStmnt::prepareAccessCheck(QORRdbmsTran&) const {
+    // The restriction is part of the where condition; nothing has to be set up in the database for it.
+}
+
+void SelectStmnt::prepareCursor(ASCursor& cursor) const {
+    ASProject& projection = m_distinct ? cursor.Filter().DistinctProject() : cursor.Filter().Project();
+    for (const auto& [key, cell] : m_outputFields) {
+        if (cell.getAggrAttr()) {
+            projection << *cell.getAggrAttr();
+        } else {
+            projection << *cell.getAttr();
+        }
+    }
+    if (!m_where.empty()) cursor.Filter().Set(m_where);
+    if (m_pageSize > 0) cursor.Limit(m_pageSize, std::max(m_firstRow, 0));
+    if (m_sortColumns.empty()) return;
+    auto entry = m_sortColumns.begin();
+    ASOrder order = orderOf(entry->second.first, entry->second.second);
+    for (++entry; entry != m_sortColumns.end(); ++entry) order << orderOf(entry->second.first, entry->second.second);
+    cursor.Order(order);
+}
+
+void SelectStmnt::execute(QORBinaryIterator& out) {
+    QORRdbmsTran transaction(m_countWanted ? ASAccess::Read : ASAccess::ReadOne);
+    prepareAccessCheck(transaction);
+    ASCursor cursor(*transaction);
+    prepareCursor(cursor);
+
+    addChild(out, tag::rowSet);
+    writeColumnNames(out);
+    std::vector<const ColumnCell*> cells;
+    cells.reserve(m_outputFields.size());
+    for (const auto& [key, cell] : m_outputFields) cells.push_back(&cell);
+    while (cursor.Fetch()) writeRow(out, cells);
+    if (m_countWanted) writeCounts(out, *transaction, cursor);
+    out.seekUp();
+}
+
+void SelectStmnt::writeColumnNames(QORBinaryIterator& out) const {
+    for (const auto& [key, cell] : m_outputFields) {
+        addChild(out, tag::name);
+        expectWritten(out.putValue(cell.displayName()));
+        out.seekUp();
+    }
+}
+
+void SelectStmnt::writeRow(QORBinaryIterator& out, const std::vector<const ColumnCell*>& cells) const {
+    ASTextBuffer scratch;
+    addChild(out, tag::row);
+    for (const ColumnCell* cell : cells) {
+        addChild(out, tag::value);
+        const ASData& data = *cell->getData();
+        if (!data.isNull()) {
+            const std::string_view text = data.text(scratch);
+            expectWritten(data.type() == ColumnType::Blob ? out.putBinary(text.data(), text.size())
+                                                          : out.putValue(text));
+        }
+        out.seekUp();
+    }
+    out.seekUp();
+}
+
+void SelectStmnt::writeCounts(QORBinaryIterator& out, ASSession& database, const ASCursor& cursor) const {
+    std::int64_t total = 0;
+    const bool counted = countUnlimited(database, total);
+    expectWritten(out.putInt(counted ? static_cast<std::int32_t>(cursor.GetAmount()) : 0, tag::statistics));
+    expectWritten(out.putInt64(counted ? total : 0, tag::total));
+}
+
+bool SelectStmnt::countUnlimited(ASSession& database, std::int64_t& total) const {
+    const auto count = std::make_shared<ASInt64>();
+    ASGroupAttribute allRows;
+    allRows.Register(count, m_domain);
+    ASCursor cursor(database);
+    ASProject& projection = m_distinct ? cursor.Filter().DistinctProject() : cursor.Filter().Project();
+    projection << allRows;
+    if (!m_where.empty()) cursor.Filter().Set(m_where);
+    if (!cursor.Fetch()) return false;
+    total = count->value();
+    return true;
+}
+
+std::string SelectStmnt::asSQLString() const {
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASCursor cursor(*transaction);
+    prepareCursor(cursor);
+    return cursor.Query();
+}
+
+}  // namespace QOR

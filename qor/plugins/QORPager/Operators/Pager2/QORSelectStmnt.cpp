@@ -1,0 +1,201 @@
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
+
+#include <cassert>
+
+#include "QORCommon/QORException.h"
+#include "QORLibAgent/QORSecurity.h"
+#include "QORPager/Operators/QORPagerOperator2.h"
+
+namespace QOR {
+
+namespace {
+
+constexpr const char* securableObjectColumn = "securableObjId";
+
+[[noreturn]] void refuse(const char* message, int line) {
+    throwException(errBadRequest, message, pager2SourcePath, line);
+}
+
+}  // namespace
+
+SelectStmnt::SelectStmnt(QORBinaryIterator it, SelectStmnt* parent) : m_parent(parent) {
+    if (it.curID() != tag::select) refuse("select is absent", __LINE__);
+    m_countWanted = it.seekPresence(tag::statistics) == 0;
+    m_distinct = it.seekPresence(tag::distinct) == 0;
+    readLimit(it);
+    const int operationId = readView(it);
+    readFields(it);
+    readSort(it);
+    readWhere(it);
+    restrictAccess(operationId);
+}
+
+void SelectStmnt::readLimit(QORBinaryIterator& it) {
+    if (it.seek(tag::limit) != 0) return;
+    if (it.getValue(m_pageSize, tag::size) != 0) refuse("limit/size is absent", __LINE__);
+    it.getValue(m_firstRow, tag::offset);
+    it.seekUp();
+}
+
+/// \returns the operation by which the view's rows are restricted for this client, 0 for none
+int SelectStmnt::readView(QORBinaryIterator& it) {
+    if (it.seek(tag::view) != 0) refuse("view name (list) is absent", __LINE__);
+    if (it.getValue(m_viewName) != 0) {
+        // Deliberately tolerant: the complaint is formed, and reading goes on with the text read so far.
+        const QORException complaint(errBadRequest, "cannot read view name (list)", pager2SourcePath, __LINE__);
+        static_cast<void>(complaint);
+    }
+    m_columns = &getTableMeta(m_viewName);
+    const int operationId = isSecurityNeeded() ? m_columns->securityOperationId : 0;
+    m_domain = getDomain(m_columns->viewName);
+    it.seekUp();
+    return operationId;
+}
+
+void SelectStmnt::readFields(QORBinaryIterator& it) {
+    if (it.firstChild(tag::field) != 0) refuse("fields list is absent", __LINE__);
+    do {
+        readField(it);
+    } while (it.nextSibling(tag::field) == 0);
+    it.seekUp();
+}
+
+void SelectStmnt::readField(QORBinaryIterator& it) {
+    std::string fieldName;
+    if (it.seekPresence(tag::name) == 0 && it.getValue(fieldName, tag::name) != 0) {
+        refuse("invalid field name", __LINE__);
+    }
+    std::string function;
+    std::string column = fieldName;
+    std::string displayName;
+    if (it.seek(tag::function) == 0) {
+        if (it.seekPresence(tag::name) != 0) refuse("'name' tag is absent in function", __LINE__);
+        if (it.getValue(function, tag::name) != 0) refuse("invalid aggregating function name", __LINE__);
+        if (it.seekPresence(tag::field) != 0) refuse("'field' tag is absent in function", __LINE__);
+        std::string aggregated;
+        if (it.getValue(aggregated, tag::field) != 0) refuse("invalid field for the aggregation", __LINE__);
+        it.seekUp();
+        // The name beside a function takes the place of the function's own field.
+        if (column.empty()) column = std::move(aggregated);
+        displayName = std::move(fieldName);
+    } else if (column.empty() && it.getValue(column) != 0) {
+        refuse("invalid simple field", __LINE__);
+    }
+    ColumnCell cell = getAggrColumn(column, displayName, function);
+    m_outputFields.emplace(std::move(column), std::move(cell));
+}
+
+void SelectStmnt::readSort(QORBinaryIterator& it) {
+    if (it.firstChild(tag::sort) != 0) return;
+    do {
+        std::string name;
+        if (it.getValue(name, tag::field) != 0) refuse("sort/field is absent", __LINE__);
+        const bool descending = it.seekPresence(tag::descending) == 0;
+        const auto output = m_outputFields.find(name);
+        ColumnCell cell = output != m_outputFields.end() ? output->second : getColumn(name);
+        m_sortColumns.emplace(std::move(name), std::make_pair(std::move(cell), descending));
+    } while (it.nextSibling(tag::sort) == 0);
+    it.seekUp();
+}
+
+void SelectStmnt::readWhere(QORBinaryIterator& it) {
+    if (it.seek(tag::where) != 0) return;
+    if (it.firstChild() != 0) refuse("incorrect <where> clause", __LINE__);
+    m_where = logicalExpr(it);
+    it.seekUp();
+    it.seekUp();
+}
+
+void SelectStmnt::restrictAccess(int operationId) {
+    if (operationId == 0) return;
+    m_where = std::move(m_where) && accessCheckExpr(operationId);
+    registerOperationId(operationId);
+}
+
+SelectStmnt& SelectStmnt::getSelectStmntByName(const std::string& name) {
+    if (name.empty()) return *this;
+    const std::string wanted = toLowerAscii(name);
+    for (SelectStmnt* statement = this; statement != nullptr; statement = statement->m_parent) {
+        if (toLowerAscii(statement->m_viewName) == wanted) return *statement;
+    }
+    throwException(errFailure, "invalid view \"" + name + "\"", pager2SourcePath, __LINE__);
+}
+
+const SelectStmnt::MetaColumnsMap& SelectStmnt::getTableMeta(const std::string& view) {
+    m_views = getMetaTablesMap();
+    const auto found = m_views->find(toLowerAscii(view));
+    if (found == m_views->end()) {
+        throwException(errFailure, "invalid view \"" + view + "\"", pager2SourcePath, __LINE__);
+    }
+    return found->second;
+}
+
+const std::pair<const std::string, SelectStmnt::MetaColumn>* SelectStmnt::getColumnMetaEx(
+    const std::string& name) const {
+    const auto found = m_columns->columns.find(name);
+    return found == m_columns->columns.end() ? nullptr : &*found;
+}
+
+const std::pair<const std::string, SelectStmnt::MetaColumn>& SelectStmnt::getColumnMeta(
+    const std::string& name) const {
+    if (const auto* column = getColumnMetaEx(name)) return *column;
+    throwException(errFailure, "invalid column name \"" + name + "\" of view \"" + m_viewName + "\"",
+                   pager2SourcePath, __LINE__);
+}
+
+ColumnCell SelectStmnt::getColumn(const std::string& name) const { return getAggrColumn(name, {}, {}); }
+
+ColumnCell SelectStmnt::getAggrColumn(const std::string& column, const std::string& displayName,
+                                      const std::string& function) const {
+    const auto& [name, meta] = getColumnMeta(column);
+    return {m_domain, name, displayName, meta.type, meta.length, function};
+}
+
+void SelectStmnt::getSecurableObjFields(std::list<std::string>& names) const {
+    names.clear();
+    if (getColumnMetaEx(securableObjectColumn) != nullptr) {
+        names.emplace_back(securableObjectColumn);
+        return;
+    }
+    for (unsigned number = 0;; ++number) {
+        std::string name = securableObjectColumn + std::to_string(number);
+        if (getColumnMetaEx(name) == nullptr) break;
+        names.push_back(std::move(name));
+    }
+    assert(!names.empty());
+}
+
+ASComparison SelectStmnt::accessCheckExpr(int operationId) const {
+    // Every operation is bound to the same objects; which one it is matters only to who registers it.
+    static_cast<void>(operationId);
+    const auto token = QORToken::getCurrent();
+    std::string list;
+    const auto append = [&list](const QORSID& sid) {
+        QOREID eid;
+        if (!extractObjIdFromSID(sid, eid)) return;
+        if (!list.empty()) list += ",";
+        list += "'" + eid.toString() + "'";
+    };
+    const QORSIDPtr& own = token->ownSID();
+    if (own) append(*own);
+    for (const QORSIDPtr& sid : token->sids()) {
+        if (!own || !sid->equals(*own)) append(*sid);
+    }
+
+    ASComparison condition;
+    if (!list.empty()) {
+        const ColumnCell objects = ColumnCell::rawSql(ASAttribute::Raw::Expression, std::move(list));
+        std::list<std::string> names;
+        getSecurableObjFields(names);
+        for (const std::string& name : names) condition = std::move(condition) || getColumn(name).inOne(objects);
+    }
+    return condition.empty() ? ASComparison("1 = 0") : condition;
+}
+
+void SelectStmnt::registerOperationId(int operationId) {
+    SelectStmnt* outermost = this;
+    while (outermost->m_parent != nullptr) outermost = outermost->m_parent;
+    outermost->m_operationIds.insert(operationId);
+}
+
+}  // namespace QOR

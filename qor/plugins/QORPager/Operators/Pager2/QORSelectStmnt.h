@@ -1,0 +1,116 @@
+/// \file
+/// SelectStmnt: one select of a "pager2" request, read and checked, ready to run.
+///
+/// The request's grammar, by tag: select (1740) with the presence flags statistics (1259) and distinct (2293), limit
+/// (1377: size 1024, offset 1087), view (1009), one or more fields (1741: a text, or name 1026, or function 2222 with
+/// name 1026 and field 1741), sort (1743: field 1741, descending 1378), where (1742).
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "QORMessage/QORBinaryIterator.h"
+#include "QORPager/Operators/Pager2/QORColumnCell.h"
+#include "QORPager/Operators/Pager2/QORViewMetadata.h"
+#include "rdbmspp/sql/ASCursor.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+
+/// Belongs to the thread and the client that made it. A nested select refers to its enclosing one, which must outlive
+/// it. Depth of recursion is that of the request message, which its limits bound.
+class SelectStmnt {
+   public:
+    using MetaColumn = QOR::MetaColumn;
+    using MetaColumnsMap = QOR::MetaColumnsMap;
+
+    /// Reads the select that the cursor stands on. \param parent the enclosing statement, null for the outermost
+    /// \throws QORException 400 for a malformed request, 1 for an unknown view, column or function
+    SelectStmnt(QORBinaryIterator it, SelectStmnt* parent);
+    SelectStmnt(const SelectStmnt&) = delete;
+    SelectStmnt& operator=(const SelectStmnt&) = delete;
+
+    /// Runs the statement and appends the result element. Leaves `out` where it stood.
+    /// \throws QORException, AException; what was written so far stays for the caller to remove
+    void execute(QORBinaryIterator& out);
+    /// The statement as SQL text, access restriction included.
+    std::string asSQLString() const;
+    /// Projection, condition, limit and order.
+    void prepareCursor(ASCursor& cursor) const;
+    /// Counts the matching rows without limit. \returns false when the count gave no row
+    bool countUnlimited(ASSession& database, std::int64_t& total) const;
+
+    const std::string& getViewName() const noexcept { return m_viewName; }
+    /// The statement over the named view among this one and its enclosing ones; this one for an empty name.
+    SelectStmnt& getSelectStmntByName(const std::string& name);
+    ColumnCell getColumn(const std::string& name) const;
+    ColumnCell getAggrColumn(const std::string& column, const std::string& displayName,
+                             const std::string& function) const;
+    const std::pair<const std::string, MetaColumn>& getColumnMeta(const std::string& name) const;
+    /// The same, null for an unknown column.
+    const std::pair<const std::string, MetaColumn>* getColumnMetaEx(const std::string& name) const;
+
+    /// The names of the view's object columns, in order.
+    void getSecurableObjFields(std::list<std::string>& names) const;
+    /// The condition that a row belongs to an object of the client's identities.
+    ASComparison accessCheckExpr(int operationId) const;
+    /// Notes the operation on the outermost statement.
+    void registerOperationId(int operationId);
+    const std::set<int>& registeredOperationIds() const noexcept { return m_operationIds; }
+
+   private:
+    using OutputFields = std::map<std::string, ColumnCell>;
+    using SortColumns = std::map<std::string, std::pair<ColumnCell, bool>>;
+
+    void readLimit(QORBinaryIterator& it);
+    int readView(QORBinaryIterator& it);
+    void readFields(QORBinaryIterator& it);
+    void readField(QORBinaryIterator& it);
+    void readSort(QORBinaryIterator& it);
+    void readWhere(QORBinaryIterator& it);
+    void restrictAccess(int operationId);
+    const MetaColumnsMap& getTableMeta(const std::string& view);
+
+    // The where tree (QORWhereClause.cpp).
+    ASComparison logicalExpr(QORBinaryIterator it);
+    ASComparison comparisonExpr(QORBinaryIterator it);
+    ASComparison binaryExpr(QORBinaryIterator it, QORTag operation);
+    ASComparison likeExpr(QORBinaryIterator it);
+    ASComparison betweenExpr(QORBinaryIterator it);
+    ASComparison isNullExpr(QORBinaryIterator it);
+    ASComparison inExpr(QORBinaryIterator it);
+    ColumnCell primaryExpr(const QORBinaryIterator& it);
+    ColumnCell primaryExprIn(const QORBinaryIterator& it);
+    ColumnCell fieldExpr(const QORBinaryIterator& it);
+    ColumnCell valueExpr(const QORBinaryIterator& it) const;
+    ColumnCell funcExpr(QORBinaryIterator it);
+    ColumnCell selectExpr(const QORBinaryIterator& it);
+
+    // Output (QORSelectExecution.cpp).
+    void prepareAccessCheck(QORRdbmsTran& transaction) const;
+    void writeColumnNames(QORBinaryIterator& out) const;
+    void writeRow(QORBinaryIterator& out, const std::vector<const ColumnCell*>& cells) const;
+    void writeCounts(QORBinaryIterator& out, ASSession& database, const ASCursor& cursor) const;
+
+    SelectStmnt* m_parent;
+    bool m_countWanted = false;
+    bool m_distinct = false;
+    int m_pageSize = 0;
+    int m_firstRow = 0;
+    OutputFields m_outputFields;
+    SortColumns m_sortColumns;
+    ASDomainPtr m_domain;
+    ASComparison m_where;
+    std::set<int> m_operationIds;
+
+    std::string m_viewName;                          ///< as the request spells it
+    std::shared_ptr<const MetaTablesMap> m_views;    ///< keeps m_columns alive
+    const MetaColumnsMap* m_columns = nullptr;
+};
+
+}  // namespace QOR

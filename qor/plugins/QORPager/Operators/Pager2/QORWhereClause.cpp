@@ -1,0 +1,204 @@
+// The where tree of a select: a recursive descent over the message cursor. Its depth is the message's, which the
+// message's own limit bounds.
+
+#include <string>
+#include <vector>
+
+#include "QORCommon/QORException.h"
+#include "QORPager/Operators/QORPagerOperator2.h"
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
+
+namespace QOR {
+
+namespace {
+
+[[noreturn]] void refuse(const char* message, int line) {
+    throwException(errBadRequest, message, pager2SourcePath, line);
+}
+
+void firstChild(QORBinaryIterator& it) {
+    if (it.firstChild() != 0) refuse("incorrect <where> clause", __LINE__);
+}
+
+void nextSibling(QORBinaryIterator& it) {
+    if (it.nextSibling() != 0) refuse("incorrect <where> clause", __LINE__);
+}
+
+/// Complains when an element follows the last operand; the element itself is not read.
+void expectNoFurther(QORBinaryIterator& it, const char* complaint, int line) {
+    if (it.nextSibling() == 0) refuse(complaint, line);
+}
+
+/// The escape character of a like: exactly one of ASCII.
+char escapeExpr(const QORBinaryIterator& it) {
+    if (it.curID() != tag::escape) refuse("escape character is expected", __LINE__);
+    std::string text;
+    if (it.getValue(text) != 0 || text.size() != 1 || static_cast<unsigned char>(text[0]) > 127) {
+        refuse("cannot read escape character", __LINE__);
+    }
+    return text[0];
+}
+
+}  // namespace
+
+ASComparison SelectStmnt::logicalExpr(QORBinaryIterator it) {
+    const QORTag operation = it.curID();
+    if (operation == tag::logicalNot) {
+        firstChild(it);
+        return !logicalExpr(it);
+    }
+    if (operation != tag::logicalAnd && operation != tag::logicalOr) return comparisonExpr(it);
+
+    firstChild(it);
+    ASComparison result = logicalExpr(it);
+    while (it.nextSibling() == 0) {
+        ASComparison next = logicalExpr(it);
+        result = operation == tag::logicalAnd ? std::move(result) && next : std::move(result) || next;
+    }
+    return result;
+}
+
+ASComparison SelectStmnt::comparisonExpr(QORBinaryIterator it) {
+    switch (it.curID()) {
+        case tag::eq:
+        case tag::ne:
+        case tag::gt:
+        case tag::ge:
+        case tag::lt:
+        case tag::le:
+            return binaryExpr(it, it.curID());
+        case tag::like:
+            return likeExpr(it);
+        case tag::between:
+            return betweenExpr(it);
+        case tag::isNull:
+            return isNullExpr(it);
+        case tag::in:
+            return inExpr(it);
+        default:
+            refuse("incorrect <where> clause", __LINE__);
+    }
+}
+
+ASComparison SelectStmnt::binaryExpr(QORBinaryIterator it, QORTag operation) {
+    firstChild(it);
+    const ColumnCell left = primaryExpr(it);
+    nextSibling(it);
+    const ColumnCell right = primaryExpr(it);
+    expectNoFurther(it, "more than two arguments detected", __LINE__);
+    switch (operation) {
+        case tag::eq:
+            return left.eq(right);
+        case tag::ne:
+            return left.ne(right);
+        case tag::gt:
+            return left.gt(right);
+        case tag::ge:
+            return left.ge(right);
+        case tag::lt:
+            return left.lt(right);
+        default:
+            return left.le(right);
+    }
+}
+
+ASComparison SelectStmnt::likeExpr(QORBinaryIterator it) {
+    firstChild(it);
+    const ColumnCell operand = primaryExpr(it);
+    nextSibling(it);
+    const ColumnCell pattern = primaryExpr(it);
+    char escape = '\0';
+    if (it.nextSibling() == 0) {
+        escape = escapeExpr(it);
+        expectNoFurther(it, "more than three arguments detected", __LINE__);
+    }
+    return operand.like(pattern, escape);
+}
+
+ASComparison SelectStmnt::betweenExpr(QORBinaryIterator it) {
+    firstChild(it);
+    const ColumnCell operand = primaryExpr(it);
+    nextSibling(it);
+    const ColumnCell low = primaryExpr(it);
+    nextSibling(it);
+    const ColumnCell high = primaryExpr(it);
+    expectNoFurther(it, "more than three arguments detected", __LINE__);
+    return operand.between(low, high);
+}
+
+ASComparison SelectStmnt::isNullExpr(QORBinaryIterator it) {
+    firstChild(it);
+    const ColumnCell operand = primaryExpr(it);
+    expectNoFurther(it, "more than one argument detected", __LINE__);
+    return operand.isNull();
+}
+
+ASComparison SelectStmnt::inExpr(QORBinaryIterator it) {
+    firstChild(it);
+    const ColumnCell operand = primaryExpr(it);
+    std::vector<ColumnCell> items;
+    while (it.nextSibling() == 0) items.push_back(primaryExprIn(it));
+    if (items.empty()) refuse("no arguments of IN operator", __LINE__);
+    return operand.inList(items);
+}
+
+ColumnCell SelectStmnt::primaryExpr(const QORBinaryIterator& it) {
+    switch (it.curID()) {
+        case tag::field:
+            return fieldExpr(it);
+        case tag::function:
+            return funcExpr(it);
+        case tag::value:
+            return valueExpr(it);
+        default:
+            refuse("incorrect value type", __LINE__);
+    }
+}
+
+ColumnCell SelectStmnt::primaryExprIn(const QORBinaryIterator& it) {
+    return it.curID() == tag::select ? selectExpr(it) : primaryExpr(it);
+}
+
+ColumnCell SelectStmnt::fieldExpr(const QORBinaryIterator& it) {
+    std::string text;
+    if (it.getValue(text) != 0) refuse("cannot get field name", __LINE__);
+    const std::size_t dot = text.find('.');
+    const SelectStmnt& statement =
+        dot == std::string::npos ? *this : getSelectStmntByName(text.substr(0, dot));
+    const auto& [name, column] =
+        statement.getColumnMeta(dot == std::string::npos ? text : text.substr(dot + 1));
+    if (column.type == ColumnType::Blob) refuse("BLOB field can not be in <where> clause", __LINE__);
+    return {statement.m_domain, name, {}, column.type, column.length, {}};
+}
+
+ColumnCell SelectStmnt::valueExpr(const QORBinaryIterator& it) const {
+    std::string text;
+    if (it.getValue(text) != 0) refuse("cannot get value", __LINE__);
+    return ColumnCell::plainValue(std::move(text));
+}
+
+ColumnCell SelectStmnt::funcExpr(QORBinaryIterator it) {
+    std::string name;
+    if (it.firstChild() != 0 || it.curID() != tag::name || it.getValue(name) != 0) {
+        refuse("function name is not specified", __LINE__);
+    }
+    nextSibling(it);
+    const ColumnCell operand = primaryExpr(it);
+    expectNoFurther(it, "more than one arguments are not allowed", __LINE__);
+    const std::string function = toLowerAscii(name);
+    if (function == "upper") return ColumnCell::rawSql(ASAttribute::Raw::Expression, operand.upper());
+    if (function == "lower") return ColumnCell::rawSql(ASAttribute::Raw::Expression, operand.lower());
+    refuse("unsupported function", __LINE__);
+}
+
+ColumnCell SelectStmnt::selectExpr(const QORBinaryIterator& it) {
+    const SelectStmnt nested(it, this);
+    if (nested.m_outputFields.size() != 1) {
+        throwException(errFailure, "a nested select must have one field, it has " +
+                                       std::to_string(nested.m_outputFields.size()),
+                       pager2SourcePath, __LINE__);
+    }
+    return ColumnCell::rawSql(ASAttribute::Raw::Select, nested.asSQLString());
+}
+
+}  // namespace QOR

@@ -1,0 +1,395 @@
+#include "ingest/QORIngest.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+#include "rdbmspp/engine/AException.h"
+#include "support/HostDatabase.h"
+
+namespace QOR {
+namespace {
+
+using test::HostDatabase;
+using test::queryRows;
+using test::queryText;
+using test::Row;
+
+constexpr const char* eidA = "aaaaaaaa-0000-4000-8000-000000000001";
+constexpr const char* eidB = "bbbbbbbb-0000-4000-8000-000000000002";
+
+std::string eventLine(int time) {
+    return R"({"kind":"event","time":)" + std::to_string(time) + "}\n";
+}
+
+std::string operationLine(const std::string& id, int time, const std::string& more = {}) {
+    return R"({"kind":"operation","id":")" + id + R"(","time":)" + std::to_string(time) + more + "}\n";
+}
+
+class QORIngestTest : public ::testing::Test {
+protected:
+    void SetUp() override { m_database.open(); }
+    HostDatabase m_database;
+    QORIngest m_ingest;
+};
+
+TEST_F(QORIngestTest, EveryKindIsStoredInItsForm) {
+    const auto result = m_ingest.importBatch(
+        R"({"kind":"environment","eid":"AAAAAAAA-0000-4000-8000-000000000001","title":"web 1","state":6,"config":{"hostname":"web1","ip":["10.0.0.1","10.0.0.2"],"os":{"name":"Debian"},"memory":512,"boot_time":0},"virtual_config":{"ip":["10.1.0.1"]}})"
+        "\n"
+        R"({"kind":"operation","id":"op-1","op":"install","status":0,"time":"2024-02-29 12:00:00","eid":"aaaaaaaa-0000-4000-8000-000000000001","message":{"package":{"name":"curl","version":"7.88"}}})"
+        "\n"
+        R"({"kind":"event","time":1709208000,"eid":"aaaaaaaa-0000-4000-8000-000000000001","source":"agent","category":"env_status","info":{"new_state":6}})"
+        "\n"
+        R"({"kind":"backup","id":"b-1","eid":"aaaaaaaa-0000-4000-8000-000000000001","time":1709208000,"size":5000000000,"type":1,"info":{"veid":"101"}})");
+    EXPECT_EQ(result.accepted(), 4U);
+    EXPECT_EQ(result.refused, 0U);
+    EXPECT_EQ(result.lastLine, 4U);
+    EXPECT_EQ(queryRows("SELECT eid, parent_eid, title, state, transition, hostname, os_name, ip, memory, boot_time, "
+                        "config, virtual_config, securableObjId FROM vEnvironment",
+                        13),
+              (std::vector<Row>{{eidA, "<null>", "web 1", "6", "0", "web1", "Debian", "10.0.0.1", "512",
+                                 "1970-01-01 00:00:00",
+                                 "<info><hostname>web1</hostname><ip>10.0.0.1</ip><ip>10.0.0.2</ip><os><name>Debian"
+                                 "</name></os><memory>512</memory><boot_time>0</boot_time></info>",
+                                 "<info><ip>10.1.0.1</ip></info>", eidA}}));
+    EXPECT_EQ(queryRows("SELECT source, position, address FROM qor_environment_address ORDER BY 1, 2", 3),
+              (std::vector<Row>{{"0", "0", "10.0.0.1"}, {"0", "1", "10.0.0.2"}, {"1", "0", "10.1.0.1"}}));
+    EXPECT_EQ(queryRows("SELECT id, parent_id, op, status, time, eid, package, version, message FROM vOpLog", 9),
+              (std::vector<Row>{{"op-1", "<null>", "install", "0", "2024-02-29 12:00:00", eidA, "curl", "7.88",
+                                 "<info><package><name>curl</name><version>7.88</version></package></info>"}}));
+    EXPECT_EQ(queryRows("SELECT id, time, eid, source, category, info FROM vEventLog", 6),
+              (std::vector<Row>{
+                  {"1", "2024-02-29 12:00:00", eidA, "agent", "env_status", "<info><new_state>6</new_state></info>"}}));
+    EXPECT_EQ(queryRows("SELECT id, eid, storage_eid, time, size, type, description, name, hostname, typeof(info), "
+                        "CAST(info AS nvarchar) FROM vBackupInfo",
+                        11),
+              (std::vector<Row>{{"b-1", eidA, "<null>", "2024-02-29 12:00:00", "5000000000", "1", "<null>", "<null>",
+                                 "<null>", "blob", "<info><veid>101</veid></info>"}}));
+}
+
+TEST_F(QORIngestTest, SecurityColumnsHoldTheNumberInTheirName) {
+    m_ingest.importBatch(std::string(R"({"kind":"environment","eid":")") + eidA + "\"}\n" + operationLine("a", 1) +
+                         eventLine(1) + R"({"kind":"backup","id":"b","time":1})");
+    EXPECT_EQ(queryText("SELECT securityOperation_1 FROM vEnvironment"), "1");
+    EXPECT_EQ(queryText("SELECT securityOperation_2 FROM vOpLog"), "2");
+    EXPECT_EQ(queryText("SELECT securityOperation_3 FROM vEventLog"), "3");
+    EXPECT_EQ(queryText("SELECT securityOperation_4 FROM vBackupInfo"), "4");
+    EXPECT_EQ(queryText("SELECT securableObjId FROM vOpLog"), "<null>");
+}
+
+TEST_F(QORIngestTest, AnEnvironmentReplacesTheOneWithItsEid) {
+    const std::string eid = std::string(R"({"kind":"environment","eid":")") + eidA + "\"";
+    m_ingest.importBatch(eid + R"(,"title":"old","state":6,"config":{"hostname":"old","ip":["1.1.1.1","2.2.2.2"]}})");
+    const auto result = m_ingest.importBatch(eid + R"(,"title":"new","config":{"ip":["3.3.3.3"]}})");
+    EXPECT_EQ(result.of(QORRecordKind::Environment).added, 0U);
+    EXPECT_EQ(result.of(QORRecordKind::Environment).replaced, 1U);
+    EXPECT_EQ(queryRows("SELECT title, state, hostname, ip FROM vEnvironment", 4),
+              (std::vector<Row>{{"new", "0", "<null>", "3.3.3.3"}}));
+    EXPECT_EQ(queryRows("SELECT address FROM qor_environment_address", 1), (std::vector<Row>{{"3.3.3.3"}}));
+}
+
+TEST_F(QORIngestTest, AnOperationReplacesTheOneWithItsIdAndKeepsItsPlaceInTheOrderOfArrival) {
+    m_ingest.importBatch(operationLine("first", 100, std::string(R"(,"status":1,"eid":")") + eidA + "\"") +
+                         operationLine("second", 100));
+    const auto result =
+        m_ingest.importBatch(operationLine("first", 200, std::string(R"(,"op":"stop","eids":[")") + eidB + "\"]") +
+                             operationLine("third", 100));
+    EXPECT_EQ(result.of(QORRecordKind::Operation).added, 1U);
+    EXPECT_EQ(result.of(QORRecordKind::Operation).replaced, 1U);
+    EXPECT_EQ(queryRows("SELECT seq, id, op, status, time, eid FROM qor_operation ORDER BY seq", 6),
+              (std::vector<Row>{{"1", "first", "stop", "0", "1970-01-01 00:03:20", "<null>"},
+                                {"2", "second", "<null>", "0", "1970-01-01 00:01:40", "<null>"},
+                                {"3", "third", "<null>", "0", "1970-01-01 00:01:40", "<null>"}}));
+    EXPECT_EQ(queryRows("SELECT operation, position, eid, time FROM qor_operation_environment", 4),
+              (std::vector<Row>{{"1", "0", eidB, "1970-01-01 00:03:20"}}));
+}
+
+TEST_F(QORIngestTest, TheOwnEnvironmentOfAnOperationIsAmongThoseItIsFoundBy) {
+    m_ingest.importBatch(
+        operationLine("own", 1, std::string(R"(,"eid":")") + eidA + R"(","eids":[")" + eidB + "\"]") +
+        operationLine("listed", 2,
+                      std::string(R"(,"eid":")") + eidA + R"(","eids":[")" + eidB + R"(",")" + eidA + "\"]"));
+    EXPECT_EQ(queryRows("SELECT operation, position, eid FROM qor_operation_environment ORDER BY 1, 2", 3),
+              (std::vector<Row>{{"1", "-1", eidA}, {"1", "0", eidB}, {"2", "0", eidB}, {"2", "1", eidA}}));
+}
+
+TEST_F(QORIngestTest, EventsAreAppended) {
+    m_ingest.importBatch(eventLine(1) + eventLine(1));
+    const auto result = m_ingest.importBatch(eventLine(1));
+    EXPECT_EQ(result.of(QORRecordKind::Event).added, 1U);
+    EXPECT_EQ(queryRows("SELECT id FROM vEventLog ORDER BY id", 1), (std::vector<Row>{{"1"}, {"2"}, {"3"}}));
+}
+
+TEST_F(QORIngestTest, ABackupReplacesTheOneWithItsId) {
+    m_ingest.importBatch(R"({"kind":"backup","id":"b","time":1,"size":1,"name":"old","info":{"veid":"1"}})");
+    const auto result = m_ingest.importBatch(R"({"kind":"backup","id":"b","time":2,"size":2})");
+    EXPECT_EQ(result.of(QORRecordKind::Backup).replaced, 1U);
+    EXPECT_EQ(queryRows("SELECT id, time, size, name, info FROM vBackupInfo", 5),
+              (std::vector<Row>{{"b", "1970-01-01 00:00:02", "2", "<null>", "<null>"}}));
+}
+
+TEST_F(QORIngestTest, WithinOneBatchTheLastRecordStays) {
+    const auto result = m_ingest.importBatch(operationLine("a", 1) + operationLine("a", 2) + operationLine("b", 3));
+    EXPECT_EQ(result.of(QORRecordKind::Operation).added, 2U);
+    EXPECT_EQ(result.of(QORRecordKind::Operation).replaced, 1U);
+    EXPECT_EQ(queryRows("SELECT seq, id FROM qor_operation WHERE id = 'b'", 2), (std::vector<Row>{{"2", "b"}}));
+}
+
+TEST_F(QORIngestTest, ABadLineStopsNothingElseAndIsNamed) {
+    std::istringstream lines(eventLine(1) + "{]\n\n" + R"({"kind":"dog"})" + "\r\n" + eventLine(2) + "junk");
+    const auto result = m_ingest.importLines(lines);
+    EXPECT_EQ(result.of(QORRecordKind::Event).added, 2U);
+    EXPECT_EQ(result.lastLine, 6U);
+    EXPECT_EQ(result.refused, 3U);
+    ASSERT_EQ(result.refusedLines.size(), 3U);
+    EXPECT_EQ(result.refusedLines[0].line, 2U);
+    EXPECT_EQ(result.refusedLines[1].line, 4U);
+    EXPECT_EQ(result.refusedLines[1].reason, "unknown kind \"dog\"");
+    EXPECT_EQ(result.refusedLines[2].line, 6U);
+    EXPECT_FALSE(result.failure);
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_event"), "2");
+}
+
+TEST_F(QORIngestTest, RefusedLinesAreAllCountedAndSomeNamed) {
+    QORIngestOptions options;
+    options.refusedKept = 2;
+    const auto result = QORIngest(options).importBatch("x\ny\nz\n", 101);
+    EXPECT_EQ(result.refused, 3U);
+    ASSERT_EQ(result.refusedLines.size(), 2U);
+    EXPECT_EQ(result.refusedLines[0].line, 101U);
+}
+
+TEST_F(QORIngestTest, ALineTooLongIsRefused) {
+    QORIngestOptions options;
+    options.maxLineBytes = 100;
+    std::istringstream lines(R"({"kind":"event","time":1,"source":")" + std::string(200000, 'x') + "\"}\n" +
+                             eventLine(1));
+    const auto result = QORIngest(options).importLines(lines);
+    ASSERT_EQ(result.refusedLines.size(), 1U);
+    EXPECT_EQ(result.refusedLines[0].reason, "longer than 100 bytes");
+    EXPECT_EQ(result.of(QORRecordKind::Event).added, 1U);
+}
+
+TEST_F(QORIngestTest, ProgressIsToldAfterEveryBatch) {
+    QORIngestOptions options;
+    options.batchRecords = 10;
+    std::string lines;
+    for (int i = 0; i < 25; ++i)
+        lines += eventLine(i);
+    std::istringstream stream(lines);
+    std::vector<std::uint64_t> told;
+    std::vector<std::string> stored;
+    QORIngest(options).importLines(stream, [&](const QORIngestResult& result) {
+        told.push_back(result.accepted());
+        stored.push_back(queryText("SELECT count(*) FROM qor_event"));
+    });
+    EXPECT_EQ(told, (std::vector<std::uint64_t>{10, 20, 25}));
+    EXPECT_EQ(stored, (std::vector<std::string>{"10", "20", "25"}));
+}
+
+TEST_F(QORIngestTest, BatchesAreBoundedInBytesToo) {
+    QORIngestOptions options;
+    options.batchBytes = 100;
+    std::istringstream stream(eventLine(1) + eventLine(2) + eventLine(3) + eventLine(4) + eventLine(5));
+    int batches = 0;
+    QORIngest(options).importLines(stream, [&](const QORIngestResult&) { ++batches; });
+    EXPECT_EQ(batches, 2);
+}
+
+TEST_F(QORIngestTest, AStopKeepsWhatWasRead) {
+    QORIngestOptions options;
+    options.batchRecords = 10;
+    std::string lines;
+    for (int i = 0; i < 100; ++i)
+        lines += eventLine(i);
+    std::istringstream stream(lines);
+    std::stop_source stop;
+    const auto result = QORIngest(options).importLines(
+        stream,
+        [&](const QORIngestResult& done) {
+            if (done.accepted() == 20) stop.request_stop();
+        },
+        stop.get_token());
+    EXPECT_TRUE(result.stopped);
+    EXPECT_EQ(result.accepted(), 20U);
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_event"), "20");
+}
+
+TEST_F(QORIngestTest, ALockedDatabaseEndsTheRunAndNamesTheLinesThatAreNotStored) {
+    ASDatabaseOptions impatient = m_database.options();
+    impatient.busyTimeoutMs = 50;
+    QORRdbms::instance().configure(impatient);
+    QORIngestOptions options;
+    options.batchRecords = 2;
+    std::string lines;
+    for (int i = 0; i < 6; ++i)
+        lines += eventLine(i);
+    std::istringstream stream(lines);
+    std::optional<QORRdbmsTran> lock;
+    std::stop_source release;
+    std::jthread other;
+    std::mutex mutex;
+    std::condition_variable_any changed;
+    bool locked = false;
+    const auto lockFromAnotherThread = [&] {
+        other = std::jthread([&] {
+            QORRdbmsTran tran(ASAccess::Write);
+            std::unique_lock guard(mutex);
+            locked = true;
+            changed.notify_all();
+            changed.wait(guard, [&] { return release.stop_requested(); });
+        });
+        std::unique_lock guard(mutex);
+        changed.wait(guard, [&] { return locked; });
+    };
+    const auto result = QORIngest(options).importLines(stream, [&](const QORIngestResult& done) {
+        if (done.accepted() == 2) lockFromAnotherThread();
+    });
+    EXPECT_EQ(result.accepted(), 2U);
+    ASSERT_TRUE(result.failure);
+    EXPECT_EQ(result.failure->firstLine, 3U);
+    EXPECT_EQ(result.failure->lastLine, 4U);
+    EXPECT_NE(result.failure->reason, "");
+    {
+        std::lock_guard guard(mutex);
+        release.request_stop();
+        changed.notify_all();
+    }
+    other.join();
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_event"), "2");
+    EXPECT_EQ(m_ingest.importBatch(eventLine(9)).accepted(), 1U) << "the database works again";
+}
+
+TEST_F(QORIngestTest, ABatchThatFailsHalfWayIsNotStoredInPart) {
+    test::runSql(
+        "CREATE TRIGGER limited BEFORE INSERT ON qor_event WHEN NEW.seq > 3 BEGIN SELECT raise(ABORT, 'full'); END");
+    const auto result = m_ingest.importBatch(eventLine(1) + eventLine(2) + eventLine(3) + eventLine(4));
+    EXPECT_EQ(result.accepted(), 0U);
+    ASSERT_TRUE(result.failure);
+    EXPECT_EQ(result.failure->firstLine, 1U);
+    EXPECT_EQ(result.failure->lastLine, 4U);
+    EXPECT_NE(result.failure->reason.find("full"), std::string::npos) << result.failure->reason;
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_event"), "0");
+    EXPECT_EQ(m_ingest.importBatch(eventLine(1)).accepted(), 1U);
+}
+
+TEST_F(QORIngestTest, AReadOnlyDatabaseTakesNothing) {
+    m_database.open(QORSchemaMode::Reading, true);
+    const auto result = m_ingest.importBatch(eventLine(1));
+    EXPECT_EQ(result.accepted(), 0U);
+    EXPECT_TRUE(result.failure);
+}
+
+TEST_F(QORIngestTest, NothingIsWrittenForBlankInput) {
+    const auto result = m_ingest.importBatch("\n  \n\t\n");
+    EXPECT_EQ(result.accepted(), 0U);
+    EXPECT_EQ(result.refused, 0U);
+    EXPECT_EQ(result.lastLine, 3U);
+}
+
+TEST_F(QORIngestTest, TextsOfEveryKindComeBackAsTheyWere) {
+    for (const std::string text : {"", "it's", "\\\"quoted\\\"", "größe €", "100%", "a;b--c", "?", "\\n\\t"}) {
+        m_ingest.importBatch(R"({"kind":"backup","id":"b","time":1,"name":")" + text + "\"}");
+        std::string expected = text;
+        for (const auto& [escaped, plain] : {std::pair{"\\\"", "\""}, std::pair{"\\n", "\n"}, std::pair{"\\t", "\t"}}) {
+            for (std::size_t at; (at = expected.find(escaped)) != std::string::npos;)
+                expected.replace(at, 2, plain);
+        }
+        EXPECT_EQ(queryText("SELECT name FROM vBackupInfo"), expected);
+    }
+}
+
+TEST_F(QORIngestTest, LongTextsAreNotCut) {
+    const std::string text(100000, 'x');
+    m_ingest.importBatch(R"({"kind":"event","time":1,"source":")" + text + R"(","info":{"p":")" + text + "\"}}");
+    EXPECT_EQ(queryText("SELECT source FROM vEventLog"), text);
+    EXPECT_EQ(queryText("SELECT info FROM vEventLog"), "<info><p>" + text + "</p></info>");
+}
+
+TEST_F(QORIngestTest, TwoImportsAtOnceTakeTurns) {
+    std::vector<QORIngestResult> results(2);
+    {
+        std::vector<std::jthread> threads;
+        for (std::size_t i = 0; i < results.size(); ++i) {
+            threads.emplace_back([&, i] {
+                QORIngestOptions options;
+                options.batchRecords = 20;
+                std::string lines;
+                for (int n = 0; n < 200; ++n)
+                    lines += operationLine(std::to_string(i) + "-" + std::to_string(n), n);
+                results[i] = QORIngest(options).importBatch(lines);
+            });
+        }
+    }
+    for (const auto& result : results) {
+        EXPECT_FALSE(result.failure) << result.failure->reason;
+        EXPECT_EQ(result.of(QORRecordKind::Operation).added, 200U);
+    }
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_operation"), "400");
+    EXPECT_EQ(queryText("SELECT max(seq) FROM qor_operation"), "400");
+}
+
+/// Imports events without end in a process of its own, and writes the number that is stored after every batch.
+pid_t importInChild(const HostDatabase& database, const int (&report)[2]) {
+    const pid_t child = ::fork();
+    if (child != 0) return child;
+    ::close(report[0]);
+    database.open();
+    QORIngestOptions options;
+    options.batchRecords = 50;
+    std::string lines;
+    for (int i = 0; i < 50; ++i)
+        lines += eventLine(i);
+    for (std::uint64_t stored = 0;;) {
+        stored += QORIngest(options).importBatch(lines).accepted();
+        if (::write(report[1], &stored, sizeof stored) != sizeof stored) ::_exit(1);
+    }
+}
+
+TEST(QORIngestKilled, WhatWasAcknowledgedIsThere) {
+    const HostDatabase database;
+    int report[2];
+    ASSERT_EQ(::pipe(report), 0);
+    const pid_t child = importInChild(database, report);
+    ::close(report[1]);
+    std::uint64_t acknowledged = 0;
+    while (acknowledged < 500)
+        ASSERT_EQ(::read(report[0], &acknowledged, sizeof acknowledged), 8);
+    ::kill(child, SIGKILL);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    while (::read(report[0], &acknowledged, sizeof acknowledged) == 8) {
+    }
+    ::close(report[0]);
+    database.open();
+    const std::uint64_t found = std::stoull(queryText("SELECT count(*) FROM vEventLog"));
+    EXPECT_GE(found, acknowledged);
+    EXPECT_EQ(found % 50, 0U) << "batches are stored whole";
+}
+
+TEST(QORIngestResultTest, ResultsOfSeveralRunsAddUp) {
+    QORIngestResult one;
+    one.lastLine = 10;
+    one.counts[0] = {1, 2, 3};
+    one.refused = 1;
+    one.refusedLines.push_back({4, "bad"});
+    QORIngestResult two;
+    two.lastLine = 20;
+    two.counts[0] = {10, 20, 30};
+    two.failure = QORIngestFailure{11, 20, "locked"};
+    one.merge(two);
+    EXPECT_EQ(one.lastLine, 20U);
+    EXPECT_EQ(one.accepted(), 66U);
+    EXPECT_EQ(one.refused, 1U);
+    ASSERT_TRUE(one.failure);
+    EXPECT_EQ(one.failure->reason, "locked");
+}
+
+}  // namespace
+}  // namespace QOR
