@@ -82,17 +82,17 @@ SchemaTable::MetaData::MetaData()
       type("type", ASType::VarChar),
       length("length", ASType::Int),
       charSet("charSet", ASType::VarChar),
-      collation("collation", ASType::VarChar),
-      position("position", ASType::Int) {}
+      collation("collation", ASType::VarChar) {}
 
-SchemaTable::SchemaTable(const std::string& sql) : domain(ASDomain::derived(sql, "SchemaTable")) {
+SchemaTable::SchemaTable(const std::string& sql)
+    : domain(ASDomain::derived(sql, "SchemaTable")), position("position", ASType::Int) {
     metaData.viewName.Register(viewName, domain);
     metaData.name.Register(name, domain);
     metaData.type.Register(type, domain);
     metaData.length.Register(length, domain);
     metaData.charSet.Register(charSet, domain);
     metaData.collation.Register(collation, domain);
-    metaData.position.Register(domain);
+    position.Register(domain);
 }
 
 SchemaTable::SchemaTable() : SchemaTable((requireSqlite(QORRdbms::instance().engine()), schemaTableSql({}))) {}
@@ -102,7 +102,7 @@ SchemaTable::SchemaTable(ASSession& session)
 
 ASOrder SchemaTable::order() const {
     ASOrder keys(metaData.viewName);
-    keys << ASOrder(metaData.position);
+    keys << ASOrder(position);
     return keys;
 }
 

@@ -36,8 +36,6 @@ struct QOR_API SchemaTable {
         ASAttribute length;
         ASAttribute charSet;
         ASAttribute collation;
-        /// Where the column stands in its view, counted from 0; not projected.
-        ASAttribute position;
     };
 
     ASDomainPtr domain;
@@ -51,6 +49,9 @@ struct QOR_API SchemaTable {
     std::shared_ptr<ASInt> length = std::make_shared<ASInt>();
     std::shared_ptr<ASVStr> charSet = std::make_shared<ASVStr>(128);
     std::shared_ptr<ASVStr> collation = std::make_shared<ASVStr>(128);
+
+    /// Where the column stands in its view, counted from 0: a sort key, which is not projected.
+    ASAttribute position;
 
     /// By view name, then by the place in the view.
     ASOrder order() const;

@@ -7,6 +7,7 @@
 #include "PeopleDatabase.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORPager/Operators/Pager2/QORColumnCell.h"
 
 namespace QOR::testing {
 namespace {
@@ -62,12 +63,12 @@ TEST(TypeNumbers, AreContract) {
 }
 
 TEST(ClipNumericType, KeepsNumbersAndMakesTheRestDouble) {
-    EXPECT_EQ(clipNumericType(ColumnType::Int), ColumnType::Int);
-    EXPECT_EQ(clipNumericType(ColumnType::BigInt), ColumnType::BigInt);
-    EXPECT_EQ(clipNumericType(ColumnType::Double), ColumnType::Double);
+    EXPECT_EQ(SelectStmnt::clipNumericType(ColumnType::Int), ColumnType::Int);
+    EXPECT_EQ(SelectStmnt::clipNumericType(ColumnType::BigInt), ColumnType::BigInt);
+    EXPECT_EQ(SelectStmnt::clipNumericType(ColumnType::Double), ColumnType::Double);
     for (const ColumnType type : {ColumnType::VarChar, ColumnType::Char, ColumnType::Guid, ColumnType::Blob,
                                   ColumnType::DateTime}) {
-        EXPECT_EQ(clipNumericType(type), ColumnType::Double);
+        EXPECT_EQ(SelectStmnt::clipNumericType(type), ColumnType::Double);
     }
 }
 
@@ -75,33 +76,60 @@ TEST(Interpret, MakesTheTypesOwnDataObject) {
     const std::string guid = "AAAAAAAA-0000-0000-0000-000000000001";
     const std::string number = "-12";
     const std::string time = "2024-01-01";
-    EXPECT_EQ(interpret(ColumnType{}, &number, 3)->type(), ColumnType::VarChar);
-    EXPECT_EQ(interpret(ColumnType::VarChar, &number, 3)->Str(), "-12");
-    EXPECT_EQ(interpret(ColumnType::Char, &number, 3)->type(), ColumnType::Char);
-    EXPECT_EQ(interpret(ColumnType::Int, &number, 3)->Str(), "-12");
-    EXPECT_EQ(interpret(ColumnType::BigInt, &number, 3)->type(), ColumnType::BigInt);
-    EXPECT_EQ(interpret(ColumnType::Double, &number, 3)->Str(), "-12");
-    EXPECT_EQ(interpret(ColumnType::Guid, &guid, guid.size())->Str(), "aaaaaaaa-0000-0000-0000-000000000001");
-    EXPECT_EQ(interpret(ColumnType::DateTime, &time, time.size())->Str(), "2024-01-01T00:00:00+0000");
-    EXPECT_EQ(interpret(ColumnType::Blob, &number, 2)->Str(), "-1");
-    EXPECT_TRUE(interpret(ColumnType::Int, nullptr, 0)->isNull());
+    EXPECT_EQ(SelectStmnt::interpret(ColumnType::VarChar, &number, 3)->Str(), "-12");
+    EXPECT_EQ(SelectStmnt::interpret(ColumnType::Char, &number, 3)->type(), ColumnType::Char);
+    EXPECT_EQ(SelectStmnt::interpret(ColumnType::Int, &number, 3)->Str(), "-12");
+    EXPECT_EQ(SelectStmnt::interpret(ColumnType::BigInt, &number, 3)->type(), ColumnType::BigInt);
+    EXPECT_EQ(SelectStmnt::interpret(ColumnType::Double, &number, 3)->Str(), "-12");
+    EXPECT_EQ(SelectStmnt::interpret(ColumnType::Guid, &guid, guid.size())->Str(),
+              "aaaaaaaa-0000-0000-0000-000000000001");
+    EXPECT_EQ(SelectStmnt::interpret(ColumnType::DateTime, &time, time.size())->Str(), "2024-01-01T00:00:00+0000");
+    EXPECT_EQ(SelectStmnt::interpret(ColumnType::Blob, &number, 2)->Str(), "-1");
+    EXPECT_TRUE(SelectStmnt::interpret(ColumnType::Int, nullptr, 0)->isNull());
 }
 
 TEST(Interpret, GivesTextsRoomForOneCharacterMoreThanDeclared) {
-    EXPECT_EQ(std::dynamic_pointer_cast<ASVStr>(interpret(ColumnType::VarChar, nullptr, 50))->capacity(), 51U);
-    EXPECT_EQ(std::dynamic_pointer_cast<ASStr>(interpret(ColumnType::Char, nullptr, 4))->capacity(), 5U);
+    EXPECT_EQ(std::dynamic_pointer_cast<ASVStr>(SelectStmnt::interpret(ColumnType::VarChar, nullptr, 50))->capacity(),
+              51U);
+    EXPECT_EQ(std::dynamic_pointer_cast<ASStr>(SelectStmnt::interpret(ColumnType::Char, nullptr, 4))->capacity(), 5U);
 }
 
 TEST(Interpret, RefusesATypeOutsideTheEnumeration) {
-    try {
-        interpret(static_cast<ColumnType>(2), nullptr, 0);
-        FAIL();
-    } catch (const QORException& exception) {
-        EXPECT_EQ(exception.code(), 1);
-        EXPECT_EQ(exception.message(), "unsupported data type");
-        EXPECT_STREQ(exception.sourcePath(), "qor/plugins/QORPager/Operators/QORPagerOperator2");
-        EXPECT_GT(exception.line(), 0);
+    for (const int type : {0, 2, 101}) {
+        try {
+            SelectStmnt::interpret(static_cast<ColumnType>(type), nullptr, 0);
+            FAIL() << type;
+        } catch (const QORException& exception) {
+            EXPECT_EQ(exception.code(), 1);
+            EXPECT_EQ(exception.message(), "unsupported data type");
+            EXPECT_STREQ(exception.sourcePath(), "qor/plugins/QORPager/Operators/QORPagerOperator2");
+            EXPECT_GT(exception.line(), 0);
+        }
     }
+}
+
+TEST(ColumnCells, OfLiteralsAreTextsAndOfSqlAreExpressions) {
+    const ColumnCell literal(std::string("O'Hara"), false);
+    EXPECT_EQ(literal.asSQLString(), "'O''Hara'");
+    EXPECT_FALSE(literal.getAttr());
+    EXPECT_EQ(literal.colType(), ColumnType{});
+    EXPECT_EQ(literal.asData()->type(), ColumnType::VarChar);
+    EXPECT_EQ(literal.asData(ColumnType{})->type(), ColumnType::VarChar);
+    const ColumnCell sql(std::string("1 + 1"), true);
+    EXPECT_EQ(sql.asSQLString(), "1 + 1");
+    ASSERT_TRUE(sql.getAttr());
+    EXPECT_EQ(sql.colType(), ColumnType{});
+}
+
+TEST(ColumnCells, BindTheirDataAggregatesToo) {
+    const ASDomainPtr domain = SelectStmnt::getDomain("vPeople");
+    const ColumnCell column(domain, "score", "", ColumnType::Double, 0, "");
+    EXPECT_EQ(column.getAttr()->data(), column.getData());
+    const ColumnCell sum(domain, "name", "all", ColumnType::VarChar, 20, "SUM");
+    EXPECT_EQ(sum.getAttr()->data().get(), sum.getData().get());
+    EXPECT_EQ(sum.getAggrAttr()->data(), sum.getData());
+    EXPECT_EQ(sum.colType(), ColumnType::Double);
+    EXPECT_EQ(sum.displayName(), "all");
 }
 
 struct Securable {
@@ -118,7 +146,7 @@ TEST_P(SecurableViews, AreToldApartByTheirColumns) {
     for (const auto& [name, type] : GetParam().columns) views["vx"].columns.emplace(name, MetaColumn{type, 0});
     views["vx"].securityOperationId = 99;
     const LogRecorder log;
-    validateSecurableViews(views);
+    SelectStmnt::validateSecurableViews(views);
     EXPECT_EQ(views["vx"].securityOperationId, GetParam().operationId);
     if (GetParam().log == nullptr) {
         EXPECT_TRUE(log.lines.empty());
@@ -186,7 +214,7 @@ class Metadata : public ::testing::Test {
 
 TEST_F(Metadata, HasTypesAndTheLengthsOfTexts) {
     const QORClientContextScope scope(fullAccess());
-    const auto views = getMetaTablesMap();
+    const auto views = SelectStmnt::getMetaTablesMap();
     const auto& people = views->at("vpeople");
     EXPECT_EQ(people.viewName, "vPeople");
     const auto check = [&](const char* column, ColumnType type, std::uint32_t length) {
@@ -213,8 +241,8 @@ TEST_F(Metadata, HasTypesAndTheLengthsOfTexts) {
 TEST_F(Metadata, UnknownTypesAreLoggedOnceAndAreTexts) {
     const QORClientContextScope scope(fullAccess());
     const LogRecorder log;
-    getMetaTablesMap();
-    getMetaTablesMap();
+    SelectStmnt::getMetaTablesMap();
+    SelectStmnt::getMetaTablesMap();
     EXPECT_EQ(std::count(log.lines.begin(), log.lines.end(),
                          "1 QORPager getMetaTablesMap: vpeople.price unknown column type 'money' - treating as "
                          "string..."),
@@ -224,25 +252,25 @@ TEST_F(Metadata, UnknownTypesAreLoggedOnceAndAreTexts) {
 TEST_F(Metadata, SecurableViewsAreToldApartOnlyWhenTheFirstToAskLacksFullAccess) {
     {
         const QORClientContextScope scope(fullAccess());
-        EXPECT_EQ(getMetaTablesMap()->at("vsecure").securityOperationId, 0);
+        EXPECT_EQ(SelectStmnt::getMetaTablesMap()->at("vsecure").securityOperationId, 0);
     }
     {
         const QORClientContextScope scope(restricted({}));
-        EXPECT_EQ(getMetaTablesMap()->at("vsecure").securityOperationId, 0);
+        EXPECT_EQ(SelectStmnt::getMetaTablesMap()->at("vsecure").securityOperationId, 0);
     }
     testing::forgetMetadata();
     const QORClientContextScope scope(restricted({}));
-    EXPECT_EQ(getMetaTablesMap()->at("vsecure").securityOperationId, 7);
-    EXPECT_EQ(getMetaTablesMap()->at("vtoolarge").securityOperationId, 0);
+    EXPECT_EQ(SelectStmnt::getMetaTablesMap()->at("vsecure").securityOperationId, 7);
+    EXPECT_EQ(SelectStmnt::getMetaTablesMap()->at("vtoolarge").securityOperationId, 0);
 }
 
 TEST_F(Metadata, ViewsMadeLaterAreUnknownUntilTheProcessRestarts) {
     const QORClientContextScope scope(fullAccess());
-    getMetaTablesMap();
+    SelectStmnt::getMetaTablesMap();
     PeopleDatabase::instance().direct.run("create view vLater as select id from people");
-    EXPECT_EQ(getMetaTablesMap()->count("vlater"), 0U);
+    EXPECT_EQ(SelectStmnt::getMetaTablesMap()->count("vlater"), 0U);
     testing::forgetMetadata();
-    EXPECT_EQ(getMetaTablesMap()->count("vlater"), 1U);
+    EXPECT_EQ(SelectStmnt::getMetaTablesMap()->count("vlater"), 1U);
     PeopleDatabase::instance().direct.run("drop view vLater");
 }
 
@@ -252,7 +280,7 @@ TEST_F(Metadata, SeveralThreadsThatLoadAtOnceShareOneMap) {
     for (auto& map : maps) {
         threads.emplace_back([&map] {
             const QORClientContextScope scope(restricted({}));
-            map = getMetaTablesMap();
+            map = SelectStmnt::getMetaTablesMap();
         });
     }
     for (auto& thread : threads) thread.join();
@@ -260,9 +288,9 @@ TEST_F(Metadata, SeveralThreadsThatLoadAtOnceShareOneMap) {
 }
 
 TEST_F(Metadata, DomainsAreSharedByTheViewsOwnName) {
-    EXPECT_EQ(getDomain("vPeople"), getDomain("vPeople"));
-    EXPECT_EQ(getDomain("vPeople")->name(), "vPeople");
-    EXPECT_EQ(getDomain("vPeople")->secondName(), "");
+    EXPECT_EQ(SelectStmnt::getDomain("vPeople"), SelectStmnt::getDomain("vPeople"));
+    EXPECT_EQ(SelectStmnt::getDomain("vPeople")->name(), "vPeople");
+    EXPECT_EQ(SelectStmnt::getDomain("vPeople")->secondName(), "");
 }
 
 }  // namespace

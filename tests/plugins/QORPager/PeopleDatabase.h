@@ -3,7 +3,7 @@
 #pragma once
 
 #include "QORCommon/QORLogger.h"
-#include "QORPager/Operators/Pager2/QORViewMetadata.h"
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "support/Pager2Harness.h"
 
 namespace QOR::testing {
@@ -80,7 +80,7 @@ class Pager2Test : public ::testing::Test {
         setLogLevel(0);  // the views have columns of unknown types on purpose
         testing::forgetMetadata();
         const QORClientContextScope scope(restricted({}));
-        getMetaTablesMap();
+        SelectStmnt::getMetaTablesMap();
     }
 
     PeopleDatabase& database;

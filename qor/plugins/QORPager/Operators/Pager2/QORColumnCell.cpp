@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "QORCommon/QORException.h"
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -67,32 +68,28 @@ ColumnCell::ColumnCell(ASDomainPtr domain, const std::string& column, const std:
                        std::uint32_t length, const std::string& function)
     : m_domain(std::move(domain)),
       m_attribute(std::in_place, column, type),
-      m_displayName(displayName.empty() ? column : displayName),
-      m_type(type) {
+      m_displayName(displayName.empty() ? column : displayName) {
     if (function.empty()) {
-        m_data = interpret(type, nullptr, length);
+        m_data = SelectStmnt::interpret(type, nullptr, length);
         m_attribute->Register(m_data, m_domain);
-        m_data->Bind(*m_attribute);
-        return;
+    } else {
+        const AggregatingFunction& aggregating = aggregatingFunction(function);
+        const bool clipped = aggregating.result == clippedColumnType;
+        m_data =
+            SelectStmnt::interpret(clipped ? SelectStmnt::clipNumericType(type) : aggregating.result, nullptr, length);
+        m_attribute->Register(m_domain);
+        m_aggregate.emplace(aggregating.function, *m_attribute);
+        m_aggregate->Register(m_data, m_domain);
     }
-    const AggregatingFunction& aggregating = aggregatingFunction(function);
-    m_type = aggregating.result == clippedColumnType ? clipNumericType(type) : aggregating.result;
-    m_data = interpret(m_type, nullptr, length);
-    m_attribute->Register(m_domain);
-    m_aggregate.emplace(aggregating.function, *m_attribute);
-    m_aggregate->Register(m_data, m_domain);
+    m_data->Bind(*m_attribute);
 }
 
-ColumnCell ColumnCell::plainValue(std::string text) {
-    ColumnCell cell;
-    cell.m_value = std::move(text);
-    return cell;
-}
-
-ColumnCell ColumnCell::rawSql(ASAttribute::Raw kind, std::string sql) {
-    ColumnCell cell;
-    cell.m_attribute.emplace(kind, std::move(sql));
-    return cell;
+ColumnCell::ColumnCell(std::string text, bool isSql, ASAttribute::Raw kind) {
+    if (isSql) {
+        m_attribute.emplace(kind, std::move(text));
+    } else {
+        m_value = std::move(text);
+    }
 }
 
 ASComparison ColumnCell::eq(const ColumnCell& other) const { return compare(*this, other, formsEq); }
@@ -146,6 +143,8 @@ ASAttribute ColumnCell::getAttrValue() const {
     return {ASAttribute::Raw::Expression, asSQLString()};
 }
 
-ASDataPtr ColumnCell::asData(ColumnType type) const { return interpret(type, &m_value, m_value.size()); }
+ASDataPtr ColumnCell::asData(ColumnType type) const {
+    return SelectStmnt::interpret(type == ColumnType{} ? ColumnType::VarChar : type, &m_value, m_value.size());
+}
 
 }  // namespace QOR

@@ -23,10 +23,9 @@ class ColumnCell {
     /// \throws QORException 1 for an unknown function
     ColumnCell(ASDomainPtr domain, const std::string& column, const std::string& displayName, ColumnType type,
                std::uint32_t length, const std::string& function);
-    /// A literal of the request. It has no type of its own: it takes that of what it is compared with.
-    static ColumnCell plainValue(std::string text);
-    /// SQL that this program wrote.
-    static ColumnCell rawSql(ASAttribute::Raw kind, std::string sql);
+    /// A literal of the request, which has no type of its own: it takes that of what it is compared with. Or, when
+    /// `isSql`, SQL that this program wrote, of the given kind.
+    ColumnCell(std::string text, bool isSql, ASAttribute::Raw kind = ASAttribute::Raw::Expression);
 
     ASComparison eq(const ColumnCell& other) const;
     ASComparison ne(const ColumnCell& other) const;
@@ -48,7 +47,7 @@ class ColumnCell {
     std::string asSQLString() const;
     /// The attribute; of a literal, one made from its SQL text.
     ASAttribute getAttrValue() const;
-    /// The literal as a value of the type. \throws QORException 400 when it is none
+    /// The literal as a value of the type, 0 counting as VarChar. \throws QORException 400 when it is none
     ASDataPtr asData(ColumnType type) const;
     ASDataPtr asData() const { return asData(ColumnType::VarChar); }
 
@@ -56,19 +55,16 @@ class ColumnCell {
     const std::optional<ASGroupAttribute>& getAggrAttr() const noexcept { return m_aggregate; }
     const ASDataPtr& getData() const noexcept { return m_data; }
     /// The column's type; 0 for a literal or an expression.
-    ColumnType colType() const noexcept { return m_type; }
+    ColumnType colType() const noexcept { return m_data ? m_data->type() : ColumnType{}; }
     const std::string& displayName() const noexcept { return m_displayName; }
 
-   private:
-    ColumnCell() = default;
-
+private:
     ASDomainPtr m_domain;
     std::optional<ASAttribute> m_attribute;
     ASDataPtr m_data;
     std::optional<ASGroupAttribute> m_aggregate;
     std::string m_displayName;
     std::string m_value;
-    ColumnType m_type{};
 };
 
 }  // namespace QOR

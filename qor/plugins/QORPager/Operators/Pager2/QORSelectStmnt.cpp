@@ -184,7 +184,7 @@ ASComparison SelectStmnt::accessCheckExpr(int operationId) const {
 
     ASComparison condition;
     if (!list.empty()) {
-        const ColumnCell objects = ColumnCell::rawSql(ASAttribute::Raw::Expression, std::move(list));
+        const ColumnCell objects(std::move(list), true);
         std::list<std::string> names;
         getSecurableObjFields(names);
         for (const std::string& name : names) condition = std::move(condition) || getColumn(name).inOne(objects);

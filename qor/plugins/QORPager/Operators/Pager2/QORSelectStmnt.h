@@ -9,16 +9,18 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "QORLibAgent/QORSecurity.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORPager/Operators/Pager2/QORColumnCell.h"
 #include "QORPager/Operators/Pager2/QORViewMetadata.h"
-#include "rdbmspp/sql/ASCursor.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "rdbmspp/sql/ASCursor.h"
 
 namespace QOR {
 
@@ -28,6 +30,7 @@ class SelectStmnt {
    public:
     using MetaColumn = QOR::MetaColumn;
     using MetaColumnsMap = QOR::MetaColumnsMap;
+    using MetaTablesMap = QOR::MetaTablesMap;
 
     /// Reads the select that the cursor stands on. \param parent the enclosing statement, null for the outermost
     /// \throws QORException 400 for a malformed request, 1 for an unknown view, column or function
@@ -55,6 +58,26 @@ class SelectStmnt {
     /// The same, null for an unknown column.
     const std::pair<const std::string, MetaColumn>* getColumnMetaEx(const std::string& name) const;
 
+    /// The views of the database, loaded on first use. When the client whose request loads them lacks full access, the
+    /// securable views are told apart; else none is. Any thread. \throws AException when the database cannot be read;
+    /// the next call tries again
+    static std::shared_ptr<const MetaTablesMap> getMetaTablesMap();
+    /// Sets each view's security operation identifier, or clears it with a log line that says why.
+    static void validateSecurableViews(MetaTablesMap& views);
+    /// The shared domain of a view. Any thread. \param view its name as the database spells it: names of requests are
+    /// looked up first, so that the cache holds at most one domain a view
+    static ASDomainPtr getDomain(const std::string& view);
+    /// The type in which a column is summed, or its minimum or maximum taken.
+    static ColumnType clipNumericType(ColumnType type);
+    /// A data object of the column type's class: empty without a text, else set from it. \param length of text columns,
+    /// in characters \throws QORException 400 for a text that is not wholly a value of the type, 1 for a type outside
+    /// the enumeration
+    static ASDataPtr interpret(ColumnType type, const std::string* text, std::size_t length);
+
+    /// True when the client that the calling thread serves lacks full access.
+    static bool isSecurityNeeded();
+    /// Which environment an identity stands for. \returns false, with eid unchanged, when it stands for none
+    static bool extractObjIdFromSID(const QORSID& sid, QOREID& eid);
     /// The names of the view's object columns, in order.
     void getSecurableObjFields(std::list<std::string>& names) const;
     /// The condition that a row belongs to an object of the client's identities.
@@ -77,6 +100,9 @@ class SelectStmnt {
     const MetaColumnsMap& getTableMeta(const std::string& view);
 
     // The where tree (QORWhereClause.cpp).
+    /// Step the cursor. \throws QORException 400 when there is no such element
+    static void firstChild(QORBinaryIterator& it);
+    static void nextSibling(QORBinaryIterator& it);
     ASComparison logicalExpr(QORBinaryIterator it);
     ASComparison comparisonExpr(QORBinaryIterator it);
     ASComparison binaryExpr(QORBinaryIterator it, QORTag operation);
@@ -90,6 +116,8 @@ class SelectStmnt {
     ColumnCell valueExpr(const QORBinaryIterator& it) const;
     ColumnCell funcExpr(QORBinaryIterator it);
     ColumnCell selectExpr(const QORBinaryIterator& it);
+    /// The escape character of a like: exactly one of ASCII.
+    static char escapeExpr(const QORBinaryIterator& it);
 
     // Output (QORSelectExecution.cpp).
     void prepareAccessCheck(QORRdbmsTran& transaction) const;

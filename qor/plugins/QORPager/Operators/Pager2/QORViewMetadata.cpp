@@ -12,9 +12,10 @@
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibAgent/QORSecurity.h"
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
-#include "rdbmspp/sql/ASCursor.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "rdbmspp/sql/ASCursor.h"
 
 namespace QOR {
 
@@ -87,7 +88,7 @@ std::shared_ptr<const MetaTablesMap> loadViews() {
     ASCursor cursor(*transaction);
     selectAllAttributes(cursor.Filter().Project(), row);
     while (cursor.Fetch()) addColumn(*views, row);
-    if (isSecurityNeeded()) validateSecurableViews(*views);
+    if (SelectStmnt::isSecurityNeeded()) SelectStmnt::validateSecurableViews(*views);
     return views;
 }
 
@@ -174,7 +175,7 @@ std::string toLowerAscii(std::string_view text) {
     return lowered;
 }
 
-std::shared_ptr<const MetaTablesMap> getMetaTablesMap() {
+std::shared_ptr<const MetaTablesMap> SelectStmnt::getMetaTablesMap() {
     ViewCaches& cache = caches();
     {
         const std::lock_guard<std::mutex> lock(cache.metadataMutex);
@@ -189,7 +190,7 @@ std::shared_ptr<const MetaTablesMap> getMetaTablesMap() {
     return loaded;
 }
 
-void validateSecurableViews(MetaTablesMap& views) {
+void SelectStmnt::validateSecurableViews(MetaTablesMap& views) {
     for (auto& [name, view] : views) {
         view.securityOperationId = operationIdOf(view);
         if (view.securityOperationId == 0) {
@@ -201,9 +202,15 @@ void validateSecurableViews(MetaTablesMap& views) {
     }
 }
 
-bool isSecurityNeeded() { return !QORAccessChecker::hasFullAccess(QORAccessChecker::getClientContext()); }
+bool SelectStmnt::isSecurityNeeded() {
+    return !QORAccessChecker::hasFullAccess(QORAccessChecker::getClientContext());
+}
 
-ASDomainPtr getDomain(const std::string& view) {
+bool SelectStmnt::extractObjIdFromSID(const QORSID& sid, QOREID& eid) {
+    return QOR::extractObjIdFromSID(sid, eid);
+}
+
+ASDomainPtr SelectStmnt::getDomain(const std::string& view) {
     ViewCaches& cache = caches();
     const std::lock_guard<std::mutex> lock(cache.domainMutex);
     ASDomainPtr& domain = cache.domains[view];
@@ -211,7 +218,7 @@ ASDomainPtr getDomain(const std::string& view) {
     return domain;
 }
 
-ColumnType clipNumericType(ColumnType type) {
+ColumnType SelectStmnt::clipNumericType(ColumnType type) {
     switch (type) {
         case ColumnType::Int:
         case ColumnType::Double:
@@ -222,8 +229,7 @@ ColumnType clipNumericType(ColumnType type) {
     }
 }
 
-ASDataPtr interpret(ColumnType type, const std::string* text, std::size_t length) {
-    if (type == ColumnType{}) type = ColumnType::VarChar;
+ASDataPtr SelectStmnt::interpret(ColumnType type, const std::string* text, std::size_t length) {
     switch (type) {
         case ColumnType::VarChar:
             return makeText<ASVStr>(text, length);

@@ -1,18 +1,16 @@
 /// \file
 /// What "pager2" knows of the database's views: their columns and types, and which of them are securable.
 ///
-/// Learned once per process, by the first request that asks, and never refreshed: views made later are unknown until
-/// the process restarts. Thread-safe.
+/// Learned once per process, by the first request that asks (SelectStmnt::getMetaTablesMap), and never refreshed: views
+/// made later are unknown until the process restarts.
 #pragma once
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "rdbmspp/sql/ASAttribute.h"
 #include "rdbmspp/sql/ASData.h"
 
 namespace QOR {
@@ -41,29 +39,6 @@ std::optional<ColumnType> columnTypeFromName(std::string_view typeName);
 
 /// ASCII letters in lower case.
 std::string toLowerAscii(std::string_view text);
-
-/// The views of the database, loaded on first use. When the client whose request loads them lacks full access, the
-/// securable views are told apart; else none is. \throws AException when the database cannot be read; the next call
-/// tries again
-std::shared_ptr<const MetaTablesMap> getMetaTablesMap();
-
-/// Sets each view's security operation identifier, or clears it with a log line that says why.
-void validateSecurableViews(MetaTablesMap& views);
-
-/// True when the client that the calling thread serves lacks full access.
-bool isSecurityNeeded();
-
-/// The shared domain of a view. \param view its name as the database spells it: names of requests are looked up
-/// first, so that the cache holds at most one domain a view
-ASDomainPtr getDomain(const std::string& view);
-
-/// The type in which a column is summed, or its minimum or maximum taken.
-ColumnType clipNumericType(ColumnType type);
-
-/// A data object of the column type's class: empty without a text, else set from it. \param type 0 counts as VarChar
-/// \param length of text columns, in characters
-/// \throws QORException 400 for a text that is not wholly a value of the type, 1 for a type outside the enumeration
-ASDataPtr interpret(ColumnType type, const std::string* text, std::size_t length);
 
 namespace testing {
 /// Forgets what was learned, as if the process had just started. Only while no request runs.

@@ -16,30 +16,20 @@ namespace {
     throwException(errBadRequest, message, pager2SourcePath, line);
 }
 
-void firstChild(QORBinaryIterator& it) {
-    if (it.firstChild() != 0) refuse("incorrect <where> clause", __LINE__);
-}
-
-void nextSibling(QORBinaryIterator& it) {
-    if (it.nextSibling() != 0) refuse("incorrect <where> clause", __LINE__);
-}
-
 /// Complains when an element follows the last operand; the element itself is not read.
 void expectNoFurther(QORBinaryIterator& it, const char* complaint, int line) {
     if (it.nextSibling() == 0) refuse(complaint, line);
 }
 
-/// The escape character of a like: exactly one of ASCII.
-char escapeExpr(const QORBinaryIterator& it) {
-    if (it.curID() != tag::escape) refuse("escape character is expected", __LINE__);
-    std::string text;
-    if (it.getValue(text) != 0 || text.size() != 1 || static_cast<unsigned char>(text[0]) > 127) {
-        refuse("cannot read escape character", __LINE__);
-    }
-    return text[0];
+}  // namespace
+
+void SelectStmnt::firstChild(QORBinaryIterator& it) {
+    if (it.firstChild() != 0) refuse("incorrect <where> clause", __LINE__);
 }
 
-}  // namespace
+void SelectStmnt::nextSibling(QORBinaryIterator& it) {
+    if (it.nextSibling() != 0) refuse("incorrect <where> clause", __LINE__);
+}
 
 ASComparison SelectStmnt::logicalExpr(QORBinaryIterator it) {
     const QORTag operation = it.curID();
@@ -142,6 +132,15 @@ ASComparison SelectStmnt::inExpr(QORBinaryIterator it) {
     return operand.inList(items);
 }
 
+char SelectStmnt::escapeExpr(const QORBinaryIterator& it) {
+    if (it.curID() != tag::escape) refuse("escape character is expected", __LINE__);
+    std::string text;
+    if (it.getValue(text) != 0 || text.size() != 1 || static_cast<unsigned char>(text[0]) > 127) {
+        refuse("cannot read escape character", __LINE__);
+    }
+    return text[0];
+}
+
 ColumnCell SelectStmnt::primaryExpr(const QORBinaryIterator& it) {
     switch (it.curID()) {
         case tag::field:
@@ -174,7 +173,7 @@ ColumnCell SelectStmnt::fieldExpr(const QORBinaryIterator& it) {
 ColumnCell SelectStmnt::valueExpr(const QORBinaryIterator& it) const {
     std::string text;
     if (it.getValue(text) != 0) refuse("cannot get value", __LINE__);
-    return ColumnCell::plainValue(std::move(text));
+    return {std::move(text), false};
 }
 
 ColumnCell SelectStmnt::funcExpr(QORBinaryIterator it) {
@@ -186,8 +185,8 @@ ColumnCell SelectStmnt::funcExpr(QORBinaryIterator it) {
     const ColumnCell operand = primaryExpr(it);
     expectNoFurther(it, "more than one arguments are not allowed", __LINE__);
     const std::string function = toLowerAscii(name);
-    if (function == "upper") return ColumnCell::rawSql(ASAttribute::Raw::Expression, operand.upper());
-    if (function == "lower") return ColumnCell::rawSql(ASAttribute::Raw::Expression, operand.lower());
+    if (function == "upper") return {operand.upper(), true};
+    if (function == "lower") return {operand.lower(), true};
     refuse("unsupported function", __LINE__);
 }
 
@@ -198,7 +197,7 @@ ColumnCell SelectStmnt::selectExpr(const QORBinaryIterator& it) {
                                        std::to_string(nested.m_outputFields.size()),
                        pager2SourcePath, __LINE__);
     }
-    return ColumnCell::rawSql(ASAttribute::Raw::Select, nested.asSQLString());
+    return {nested.asSQLString(), true, ASAttribute::Raw::Select};
 }
 
 }  // namespace QOR
