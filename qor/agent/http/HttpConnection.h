@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORRequestControl.h"
 #include "agent/http/HttpServer.h"
 
 namespace QOR {
@@ -60,10 +61,11 @@ public:
     /// True while a worker runs a request of this connection.
     bool isWorking() const noexcept { return m_working; }
 
-    /// Ends the connection, whatever it is doing; a request that a worker runs is finished unanswered.
+    /// Ends the connection, whatever it is doing; a request that a worker runs is told to end.
     void close() {
         if (m_closed) return;
         m_closed = true;
+        if (m_control) m_control->cancel(QORRequestControl::End::Gone);
         beast::error_code ignored;
         m_stream.socket().close(ignored);
         m_stream.cancel();
@@ -197,6 +199,7 @@ private:
         }
         count();
         m_working = true;
+        m_control = std::make_shared<QORRequestControl>(m_owner.options().deadline);
         net::post(m_owner.workers(), [self = shared_from_this()] {
             auto reply = std::make_shared<HttpReply>(self->answer());
             net::post(self->m_stream.get_executor(), [self, reply] { self->onAnswered(std::move(*reply)); });
@@ -212,6 +215,7 @@ private:
         request.path = target.substr(0, mark);
         request.query = mark < target.size() ? target.substr(mark + 1) : std::string_view();
         request.body = m_request.body();
+        const QORRequestScope scope(m_control);
         try {
             if (!m_handler) m_handler = m_owner.application().connect(m_peer);
             return m_handler->handle(request);
@@ -223,6 +227,7 @@ private:
 
     void onAnswered(HttpReply reply) {
         m_working = false;
+        m_control.reset();
         if (m_closed) {
             dropHandler();
             return;
@@ -314,6 +319,7 @@ private:
     beast::flat_buffer m_buffer;
     std::optional<Parser> m_parser;
     Parser::value_type m_request;
+    std::shared_ptr<QORRequestControl> m_control;  // of the request that a worker runs
     std::optional<Response> m_response;
     std::optional<http::response_serializer<http::string_body>> m_serializer;
     unsigned m_version = 11;

@@ -21,6 +21,7 @@ struct HttpServerOptions {
     std::chrono::milliseconds headerTimeout = std::chrono::seconds(30);  ///< from a request's first byte to its body
     std::chrono::milliseconds bodyTimeout = std::chrono::seconds(30);    ///< without a byte of the body arriving
     std::chrono::milliseconds writeTimeout = std::chrono::seconds(60);   ///< without a byte of the reply taken
+    std::chrono::milliseconds deadline = std::chrono::seconds(30);       ///< for an answer, from the whole request on
     std::chrono::milliseconds grace = std::chrono::seconds(30);  ///< for requests in flight when the server stops
 };
 

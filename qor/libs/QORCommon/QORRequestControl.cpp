@@ -1,0 +1,104 @@
+#include "QORCommon/QORRequestControl.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "QORCommon/QORException.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* sourcePath = "qor/libs/QORCommon/QORRequestControl";
+
+using Clock = QORRequestControl::Clock;
+constexpr Clock::rep never = std::numeric_limits<Clock::rep>::max();
+
+thread_local std::shared_ptr<QORRequestControl> servedByThread;
+
+/// The clock's reading at `limit` behind `begin`; never where that is beyond what it can show.
+Clock::rep readingAt(Clock::time_point begin, std::chrono::milliseconds limit) noexcept {
+    const auto room = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - begin);
+    return limit < room ? (begin + limit).time_since_epoch().count() : never;
+}
+
+/// "30 s", "1500 ms"
+std::string durationText(std::int64_t milliseconds) {
+    if (milliseconds % 1000 == 0) return std::to_string(milliseconds / 1000) + " s";
+    return std::to_string(milliseconds) + " ms";
+}
+
+}  // namespace
+
+QORRequestControl::QORRequestControl(std::chrono::milliseconds limit)
+    : m_limit(limit), m_renewed(limit.count() > 0 ? readingAt(m_begin, limit) : never), m_fixed(never) {}
+
+void QORRequestControl::limitTo(std::chrono::milliseconds limit) noexcept {
+    const Ticks end = readingAt(m_begin, limit);
+    if (end >= m_fixed.load(std::memory_order_relaxed)) return;
+    m_asked.store(limit.count(), std::memory_order_relaxed);
+    m_fixed.store(end, std::memory_order_relaxed);
+}
+
+void QORRequestControl::renew() noexcept {
+    if (m_limit.count() > 0) m_renewed.store(readingAt(Clock::now(), m_limit), std::memory_order_relaxed);
+}
+
+void QORRequestControl::cancel(End reason) noexcept {
+    End none = End::None;
+    m_end.compare_exchange_strong(none, reason, std::memory_order_acq_rel);
+}
+
+QORRequestControl::End QORRequestControl::ended() const noexcept {
+    const End end = m_end.load(std::memory_order_acquire);
+    if (end != End::None || Clock::now() < deadline()) return end;
+    End none = End::None;
+    return m_end.compare_exchange_strong(none, End::Deadline, std::memory_order_acq_rel) ? End::Deadline : none;
+}
+
+Clock::time_point QORRequestControl::deadline() const noexcept {
+    const Ticks end = std::min(m_renewed.load(std::memory_order_relaxed), m_fixed.load(std::memory_order_relaxed));
+    return Clock::time_point(Clock::duration(end));
+}
+
+std::string QORRequestControl::text() const {
+    switch (ended()) {
+        case End::None:
+            return {};
+        case End::Deadline: {
+            const bool asked = m_fixed.load(std::memory_order_relaxed) <= m_renewed.load(std::memory_order_relaxed);
+            const std::int64_t limit = asked ? m_asked.load(std::memory_order_relaxed) : m_limit.count();
+            return "the request's deadline of " + durationText(limit) + " has passed";
+        }
+        case End::Gone:
+            return "the client has gone";
+        case End::Stopping:
+            return "the agent is stopping";
+    }
+    return {};
+}
+
+void QORRequestControl::check() const {
+    if (expired()) throw QORException(errDeadline, text(), sourcePath, __LINE__);
+}
+
+QORRequestControl* QORRequestControl::current() noexcept {
+    return servedByThread.get();
+}
+
+std::shared_ptr<QORRequestControl> QORRequestControl::shareCurrent() noexcept {
+    return servedByThread;
+}
+
+void QORRequestControl::checkCurrent() {
+    if (const auto* const control = current()) control->check();
+}
+
+QORRequestScope::QORRequestScope(std::shared_ptr<QORRequestControl> control) noexcept
+    : m_previous(std::exchange(servedByThread, std::move(control))) {}
+
+QORRequestScope::~QORRequestScope() {
+    servedByThread = std::move(m_previous);
+}
+
+}  // namespace QOR
