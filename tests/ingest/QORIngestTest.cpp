@@ -74,6 +74,23 @@ TEST_F(QORIngestTest, EveryKindIsStoredInItsForm) {
                                  "<null>", "blob", "<info><veid>101</veid></info>"}}));
 }
 
+TEST_F(QORIngestTest, DocumentsOfBackupsAreNeitherCutNorMixed) {
+    const auto line = [](const std::string& id, const std::string& title) {
+        return R"({"kind":"backup","id":")" + id + R"(","time":1,"info":{"title":")" + title + "\"}}\n";
+    };
+    m_ingest.importBatch(line("a1", "x") + line("a2", "a long secret of A that nobody else may read") + line("b", "y") +
+                         R"({"kind":"backup","id":"none","time":1})"
+                         "\n" +
+                         line("c", "another"));
+    m_ingest.importBatch(line("a2", "short") + line("b", "longer than before, and then some"));
+    EXPECT_EQ(queryRows("SELECT id, CAST(info AS nvarchar) FROM vBackupInfo ORDER BY id", 2),
+              (std::vector<Row>{{"a1", "<info><title>x</title></info>"},
+                                {"a2", "<info><title>short</title></info>"},
+                                {"b", "<info><title>longer than before, and then some</title></info>"},
+                                {"c", "<info><title>another</title></info>"},
+                                {"none", "<null>"}}));
+}
+
 TEST_F(QORIngestTest, SecurityColumnsHoldTheNumberInTheirName) {
     m_ingest.importBatch(std::string(R"({"kind":"environment","eid":")") + eidA + "\"}\n" + operationLine("a", 1) +
                          eventLine(1) + R"({"kind":"backup","id":"b","time":1})");

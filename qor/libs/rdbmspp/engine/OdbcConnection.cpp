@@ -21,7 +21,10 @@ namespace {
 constexpr std::size_t smallestBuffer = 32;
 constexpr std::size_t firstBufferAtMost = 128;
 constexpr std::size_t largestBuffer = 1024;
-constexpr std::size_t pieceSize = 64 * 1024;
+// A value whose length the driver does not tell is read in pieces that double.
+constexpr std::size_t firstPiece = 64 * 1024;
+// What one statement keeps between two runs; a longer value's memory is given back.
+constexpr std::size_t keptBytes = 64 * 1024;
 
 struct Diagnosis {
     std::string state;
@@ -85,14 +88,12 @@ std::string plainText(const Diagnosis& d) {
 }  // namespace
 
 struct OdbcStatement::Parameter {
-    enum class Bound : unsigned char { None, Integer, Real, Bytes, Binary, Null };
-
     Bound bound = Bound::None;
     std::int64_t integer = 0;
     double real = 0;
     std::string bytes;
     std::size_t boundCapacity = 0;
-    SQLLEN indicator = 0;
+    SQLLEN indicator = SQL_NULL_DATA;
 };
 
 struct OdbcStatement::Column {
@@ -104,6 +105,10 @@ struct OdbcStatement::Column {
     SQLSMALLINT type() const noexcept { return binary ? SQL_C_BINARY : SQL_C_CHAR; }
     /// Bytes of a value that the buffer holds; a text needs one more for its terminator.
     std::size_t room() const noexcept { return buffer.size() - (binary ? 0 : 1); }
+    /// Whether the driver had more to give than the buffer has room for, or does not tell.
+    bool isCut() const noexcept {
+        return indicator == SQL_NO_TOTAL || (indicator > 0 && static_cast<std::size_t>(indicator) > room());
+    }
 };
 
 OdbcStatement::OdbcStatement(OdbcConnection& connection, std::string sql)
@@ -134,44 +139,49 @@ OdbcStatement::Parameter& OdbcStatement::parameter(std::size_t index) {
 void OdbcStatement::setNull(std::size_t index) {
     Parameter& p = parameter(index);
     p.indicator = SQL_NULL_DATA;
-    if (p.bound != Parameter::Bound::None) return;
-    p.bound = Parameter::Bound::Null;
-    bindParameter(index);
+    if (p.bound == Bound::None) bindParameter(index, Bound::Null);
 }
 
 void OdbcStatement::setInteger(std::size_t index, std::int64_t value) {
     Parameter& p = parameter(index);
     p.integer = value;
     p.indicator = 0;
-    if (p.bound == Parameter::Bound::Integer) return;
-    p.bound = Parameter::Bound::Integer;
-    bindParameter(index);
+    if (p.bound != Bound::Integer) bindParameter(index, Bound::Integer);
 }
 
 void OdbcStatement::setReal(std::size_t index, double value) {
     Parameter& p = parameter(index);
     p.real = value;
     p.indicator = 0;
-    if (p.bound == Parameter::Bound::Real) return;
-    p.bound = Parameter::Bound::Real;
-    bindParameter(index);
+    if (p.bound != Bound::Real) bindParameter(index, Bound::Real);
 }
 
+// SQLite's driver looks at the length of bytes at the first execution after they were bound and keeps it, whatever the
+// indicator says later: they are bound anew for every value. Of a text it looks each time.
 void OdbcStatement::setBytes(std::size_t index, std::string_view value, bool binary) {
     Parameter& p = parameter(index);
-    const auto kind = binary ? Parameter::Bound::Binary : Parameter::Bound::Bytes;
+    const auto kind = binary ? Bound::Binary : Bound::Text;
     const char* before = p.bytes.data();
     p.bytes.assign(value);
     p.indicator = static_cast<SQLLEN>(value.size());
-    if (p.bound == kind && p.bytes.data() == before && value.size() <= p.boundCapacity) return;
-    p.bound = kind;
-    p.boundCapacity = p.bytes.capacity();
-    bindParameter(index);
+    const bool moved = p.bytes.data() != before || value.size() > p.boundCapacity;
+    if (binary || moved || p.bound != kind) bindParameter(index, kind);
 }
 
-void OdbcStatement::clearParameters() noexcept {
-    for (auto& parameter : m_parameters)
-        parameter->indicator = SQL_NULL_DATA;
+void OdbcStatement::giveBack() noexcept {
+    close();
+    for (std::size_t i = 0; i < m_parameters.size(); ++i) {
+        Parameter& p = *m_parameters[i];
+        p.indicator = SQL_NULL_DATA;
+        if (p.bytes.capacity() <= keptBytes) continue;
+        std::string going;
+        going.swap(p.bytes);
+        if (SQL_SUCCEEDED(tryBind(i, Bound::Null))) continue;
+        going.swap(p.bytes);  // the driver still has its address
+    }
+    for (auto& column : m_columns) {
+        if (column->whole.capacity() > keptBytes) std::string().swap(column->whole);
+    }
 }
 
 void OdbcStatement::set(std::size_t index, const ASValue& value) {
@@ -189,33 +199,42 @@ void OdbcStatement::set(std::size_t index, const ASValue& value) {
     }
 }
 
+void OdbcStatement::bindParameter(std::size_t index, Bound kind) {
+    check(tryBind(index, kind));
+}
+
 // Times and GUIDs are texts here: the driver would send a timestamp with a fraction, which equals no stored time,
 // and refuses GUIDs.
-void OdbcStatement::bindParameter(std::size_t index) {
+int OdbcStatement::tryBind(std::size_t index, Bound kind) noexcept {
     Parameter& p = *m_parameters[index];
+    p.bound = Bound::None;  // until the driver has taken it
+    p.boundCapacity = p.bytes.capacity();
     SQLSMALLINT from = SQL_C_CHAR;
     SQLSMALLINT to = SQL_VARCHAR;
     SQLPOINTER at = p.bytes.data();
     SQLULEN size = std::max<std::size_t>(p.boundCapacity, 1);
-    switch (p.bound) {
-        case Parameter::Bound::Integer:
+    switch (kind) {
+        case Bound::Integer:
             from = SQL_C_SBIGINT, to = SQL_BIGINT, at = &p.integer, size = sizeof(p.integer);
             break;
-        case Parameter::Bound::Real:
+        case Bound::Real:
             from = SQL_C_DOUBLE, to = SQL_DOUBLE, at = &p.real, size = sizeof(p.real);
             break;
-        case Parameter::Bound::Binary:
+        case Bound::Binary:
             from = SQL_C_BINARY, to = SQL_VARBINARY;
             break;
         default:
             break;
     }
-    check(SQLBindParameter(m_handle, static_cast<SQLUSMALLINT>(index + 1), SQL_PARAM_INPUT, from, to, size, 0, at,
-                           static_cast<SQLLEN>(size), &p.indicator));
+    const SQLRETURN rc = SQLBindParameter(m_handle, static_cast<SQLUSMALLINT>(index + 1), SQL_PARAM_INPUT, from, to,
+                                          size, 0, at, static_cast<SQLLEN>(size), &p.indicator);
+    if (SQL_SUCCEEDED(rc)) p.bound = kind;
+    return rc;
 }
 
 void OdbcStatement::bindColumns(const std::vector<OdbcColumn>& columns) {
     if (m_layout == columns && m_columns.size() == columns.size()) return;
+    m_layout.clear();  // until all of them are bound
     check(SQLFreeStmt(m_handle, SQL_UNBIND));
     m_columns.clear();
     for (const OdbcColumn& wanted : columns) {
@@ -223,7 +242,7 @@ void OdbcStatement::bindColumns(const std::vector<OdbcColumn>& columns) {
         column->binary = wanted.binary;
         column->buffer.resize(std::clamp(wanted.expected + 1, smallestBuffer, firstBufferAtMost));
         m_columns.push_back(std::move(column));
-        bindColumn(m_columns.size() - 1);
+        check(bindColumn(m_columns.size() - 1));
     }
     m_layout = columns;
 }
@@ -234,18 +253,28 @@ void OdbcStatement::bindTextColumns() {
     bindColumns(std::vector<OdbcColumn>(static_cast<std::size_t>(count), OdbcColumn{false, firstBufferAtMost}));
 }
 
-void OdbcStatement::bindColumn(std::size_t index) {
+int OdbcStatement::bindColumn(std::size_t index) noexcept {
     Column& c = *m_columns[index];
-    check(SQLBindCol(m_handle, static_cast<SQLUSMALLINT>(index + 1), c.type(), c.buffer.data(),
-                     static_cast<SQLLEN>(c.buffer.size()), &c.indicator));
+    return SQLBindCol(m_handle, static_cast<SQLUSMALLINT>(index + 1), c.type(), c.buffer.data(),
+                      static_cast<SQLLEN>(c.buffer.size()), &c.indicator);
 }
 
 void OdbcStatement::execute() {
     close();
+    if (m_unprepared) prepareAgain();
+    for (auto& column : m_columns)
+        column->indicator = SQL_NULL_DATA;  // what is not read from this result is not left from another
     m_open = true;
     m_rowsLeft = false;
     check(SQLExecute(m_handle));
     m_rowsLeft = true;
+}
+
+void OdbcStatement::prepareAgain() {
+    check(SQLPrepare(m_handle, chars(m_sql), static_cast<SQLINTEGER>(m_sql.size())));
+    for (std::size_t i = 0; i < m_columns.size(); ++i)
+        check(bindColumn(i));
+    m_unprepared = false;
 }
 
 bool OdbcStatement::fetch() {
@@ -258,36 +287,50 @@ bool OdbcStatement::fetch() {
     m_rowsLeft = SQL_SUCCEEDED(rc);
     check(rc);
     for (std::size_t i = 0; i < m_columns.size(); ++i) {
-        Column& c = *m_columns[i];
-        if (c.indicator > 0 && static_cast<std::size_t>(c.indicator) > c.room()) readLong(i);
+        if (m_columns[i]->isCut()) readLong(i);
     }
     return true;
 }
 
-// The driver hands a bound column out again from its beginning.
+// The driver hands a bound column out again from its beginning. SQLite's looks for the end of a text anew at every
+// piece, so that many small ones would cost the square of its length: it is asked for once, whole.
 void OdbcStatement::readLong(std::size_t index) {
     Column& c = *m_columns[index];
-    const auto length = static_cast<std::size_t>(c.indicator);
-    c.whole.clear();
-    std::vector<char> piece(std::min(length + 1, pieceSize));
-    for (;;) {
+    const std::size_t terminator = c.binary ? 0 : 1;
+    std::size_t piece = c.indicator == SQL_NO_TOTAL ? firstPiece : static_cast<std::size_t>(c.indicator) + terminator;
+    std::size_t length = 0;
+    for (bool more = true; more; piece = c.whole.size()) {
+        c.whole.resize(length + piece);
         SQLLEN rest = 0;
-        const SQLRETURN rc = SQLGetData(m_handle, static_cast<SQLUSMALLINT>(index + 1), c.type(), piece.data(),
-                                        static_cast<SQLLEN>(piece.size()), &rest);
+        const SQLRETURN rc = SQLGetData(m_handle, static_cast<SQLUSMALLINT>(index + 1), c.type(),
+                                        c.whole.data() + length, static_cast<SQLLEN>(piece), &rest);
         if (rc == SQL_NO_DATA) break;
         check(rc);
-        const std::size_t room = piece.size() - (c.binary ? 0 : 1);
-        const bool more = rest == SQL_NO_TOTAL || static_cast<std::size_t>(rest) > room;
-        c.whole.append(piece.data(), more ? room : static_cast<std::size_t>(rest));
-        if (!more) break;
+        const std::size_t room = piece - terminator;
+        more = rest == SQL_NO_TOTAL || (rest >= 0 && static_cast<std::size_t>(rest) > room);
+        length += more ? room : static_cast<std::size_t>(std::max<SQLLEN>(rest, 0));
     }
-    if (length < largestBuffer && c.buffer.size() <= length) {
-        // Binding makes the driver clear the length, so the value goes in behind it.
-        c.buffer.resize(std::min(length * 2, largestBuffer));
-        bindColumn(index);
-        std::memcpy(c.buffer.data(), c.whole.data(), std::min(c.whole.size(), c.buffer.size()));
-        c.indicator = static_cast<SQLLEN>(c.whole.size());
+    c.whole.resize(length);
+    c.indicator = static_cast<SQLLEN>(length);
+    if (length < largestBuffer) widen(index);
+}
+
+// So that the next value of this length is there with the row.
+void OdbcStatement::widen(std::size_t index) {
+    Column& c = *m_columns[index];
+    const std::size_t length = c.whole.size();
+    if (c.room() < length) {
+        std::vector<char> wider(std::min(length * 2, largestBuffer));
+        wider.swap(c.buffer);
+        const int rc = bindColumn(index);
+        if (!SQL_SUCCEEDED(rc)) {
+            wider.swap(c.buffer);  // the driver still has its address
+            check(rc);
+        }
     }
+    // Binding makes the driver clear the length, so the value goes in behind it.
+    std::memcpy(c.buffer.data(), c.whole.data(), length);
+    c.indicator = static_cast<SQLLEN>(length);
 }
 
 bool OdbcStatement::isNull(std::size_t column) const noexcept {
@@ -317,11 +360,10 @@ void OdbcStatement::close() noexcept {
     const bool unfinished = m_rowsLeft && streams && SQLFetch(m_handle) != SQL_NO_DATA;
     SQLFreeStmt(m_handle, SQL_CLOSE);
     if (!unfinished) return;
-    SQLPrepare(m_handle, chars(m_sql), static_cast<SQLINTEGER>(m_sql.size()));
-    for (std::size_t i = 0; i < m_columns.size(); ++i) {
-        Column& c = *m_columns[i];
-        SQLBindCol(m_handle, static_cast<SQLUSMALLINT>(i + 1), c.type(), c.buffer.data(),
-                   static_cast<SQLLEN>(c.buffer.size()), &c.indicator);
+    try {
+        prepareAgain();
+    } catch (const std::exception&) {
+        m_unprepared = true;  // the next execution tries again and says what is in the way
     }
 }
 

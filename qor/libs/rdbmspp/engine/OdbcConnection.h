@@ -22,7 +22,7 @@ struct OdbcColumn {
     friend bool operator==(const OdbcColumn&, const OdbcColumn&) = default;
 };
 
-/// A prepared statement. Parameters and columns are bound to memory that it owns, once, and stay so.
+/// A prepared statement. Parameters and columns are bound to memory that it owns and stay so for as long as it fits.
 /// Used by one thread. Indexes begin at 0. Failures are AExceptions.
 class OdbcStatement {
    public:
@@ -38,8 +38,6 @@ class OdbcStatement {
     void setText(std::size_t index, std::string_view value) { setBytes(index, value, false); }
     void setBinary(std::size_t index, std::string_view value) { setBytes(index, value, true); }
     void set(std::size_t index, const ASValue& value);
-    /// Makes all parameters null.
-    void clearParameters() noexcept;
 
     /// Columns as they are to be read; nothing is done when they are bound so already.
     void bindColumns(const std::vector<OdbcColumn>& columns);
@@ -55,22 +53,30 @@ class OdbcStatement {
     std::int64_t changes();
     void close() noexcept;
     bool isOpen() const noexcept { return m_open; }
+    /// Ends the result, makes all parameters null and gives back the memory of long values. What is bound stays bound.
+    void giveBack() noexcept;
 
-   private:
+private:
+    /// As what the driver knows a parameter.
+    enum class Bound : unsigned char { None, Integer, Real, Text, Binary, Null };
     struct Parameter;
     struct Column;
 
     Parameter& parameter(std::size_t index);
     void setBytes(std::size_t index, std::string_view value, bool binary);
-    void bindParameter(std::size_t index);
-    void bindColumn(std::size_t index);
+    void bindParameter(std::size_t index, Bound kind);
+    int tryBind(std::size_t index, Bound kind) noexcept;
+    int bindColumn(std::size_t index) noexcept;
+    void prepareAgain();
     void readLong(std::size_t index);
+    void widen(std::size_t index);
     void check(int result);
 
     OdbcConnection& m_connection;
     std::string m_sql;
     void* m_handle = nullptr;
     bool m_open = false;
+    bool m_unprepared = false;                             ///< preparing it anew has failed
     bool m_rowsLeft = false;                               ///< the end of the running result has not been met
     std::vector<std::unique_ptr<Parameter>> m_parameters;  // the driver holds their addresses
     std::vector<std::unique_ptr<Column>> m_columns;

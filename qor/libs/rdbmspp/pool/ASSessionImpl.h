@@ -59,7 +59,7 @@ class ASStatementCache {
     std::unordered_map<std::string, typename std::list<Entry>::iterator, Hash, std::equal_to<>> m_byText;
 };
 
-/// A cursor's hold on a prepared statement; gives it back to the session's cache, closed.
+/// A cursor's hold on a prepared statement; gives it back to the session's cache, closed and without long values.
 class ASStatementLease {
    public:
     using Cache = ASStatementCache<OdbcStatement>;
@@ -83,7 +83,7 @@ class ASStatementLease {
    private:
     void release() noexcept {
         if (m_entry) {
-            m_entry->statement->close();
+            m_entry->statement->giveBack();
             m_entry->leased = false;
             m_entry = nullptr;
         }

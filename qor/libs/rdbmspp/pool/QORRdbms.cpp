@@ -133,6 +133,7 @@ ASStatement::ASStatement(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {
 ASStatement::~ASStatement() = default;
 
 ASStatement& ASStatement::bind(unsigned index, std::string_view text) {
+    refuseNul(text);
     m_impl->statement.setText(index - 1, text);
     return *this;
 }
@@ -202,8 +203,8 @@ void ASStatement::close() {
 }
 
 void ASStatement::reset() {
-    m_impl->statement.close();
-    m_impl->statement.clearParameters();
+    m_impl->statement.giveBack();
+    std::string().swap(m_impl->decoded);
 }
 
 // --- sessions --------------------------------------------------------------------------------------------------
@@ -244,7 +245,7 @@ ASStatementLease ASSession::Impl::leaseStreaming(const std::string& sql) {
 
 void ASSession::Impl::tidy() {
     for (auto& entry : statements)
-        entry.statement->close();
+        entry.statement->reset();
     selects.trim(keptStatements);
     statements.trim(keptStatements);
     streamed.trim(keptStatements / 4);

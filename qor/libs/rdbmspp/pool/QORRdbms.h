@@ -56,6 +56,7 @@ class QOR_API ASSession {
 /// A prepared statement with `?` parameters, numbered from 1; result columns are numbered from 1 too.
 class QOR_API ASStatement {
    public:
+    /// \throws AException for a text with a NUL byte: it would be stored, but read only up to there
     ASStatement& bind(unsigned index, std::string_view text);
     ASStatement& bind(unsigned index, std::int64_t value);
     ASStatement& bind(unsigned index, double value);
@@ -71,7 +72,7 @@ class QOR_API ASStatement {
     std::string_view bytes(unsigned column) const;
     /// Ends the result; the statement may be executed again.
     void close();
-    /// Ends the result and sets all parameters to null.
+    /// Ends the result, sets all parameters to null and gives back the memory of long values.
     void reset();
 
     struct Impl;

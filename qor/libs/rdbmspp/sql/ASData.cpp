@@ -323,11 +323,17 @@ void ASValue::appendLiteral(std::string& out, const ASDialect& dialect) const {
     }
 }
 
+void refuseNul(std::string_view text) {
+    if (text.find('\0') != std::string_view::npos) {
+        throw AException("a text with a NUL byte cannot be sent to the database");
+    }
+}
+
 void appendQuoted(std::string& out, std::string_view text, char quote) {
+    refuseNul(text);
     out += quote;
     std::size_t from = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {
-        if (text[at] == '\0') throw AException("a text with a NUL byte cannot be sent to the database");
         if (text[at] != quote) continue;
         out.append(text, from, at + 1 - from);
         from = at;

@@ -109,9 +109,7 @@ void ASSqlBuilder::value(const ASValue& value) {
         return;
     }
     // A literal could not hold it; nor may a parameter, so that one text means one thing everywhere.
-    if (value.kind == ASValue::Kind::Text && value.text.find('\0') != std::string::npos) {
-        throw AException("a text with a NUL byte cannot be sent to the database");
-    }
+    if (value.kind == ASValue::Kind::Text) refuseNul(value.text);
     m_parameters.push_back(&value);
     append("?");
 }

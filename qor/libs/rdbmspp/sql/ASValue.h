@@ -28,6 +28,9 @@ struct ASValue {
     void appendLiteral(std::string& out, const ASDialect& dialect) const;
 };
 
+/// \throws AException for a text with a NUL byte
+void refuseNul(std::string_view text);
+
 /// Appends `"name"` or `'text'` with the quotes inside doubled. \throws AException for a NUL byte
 void appendQuoted(std::string& out, std::string_view text, char quote);
 
