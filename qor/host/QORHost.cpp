@@ -3,21 +3,12 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
+#include "QORFunctionality/QOROpFactory.h"
 #include "QORLibLocal/QORVocabulary.h"
 #include "host/QORHostPaths.h"
 #include "host/QORVocabularyFiles.h"
 
 namespace QOR {
-namespace {
-
-/// Whether a view is restricted at all is settled by the client that first asks for any view. That must not be one
-/// that may see everything.
-std::vector<QORPrimingRequest> primingRequests() {
-    return {{"pager2", "select", R"([1740,[[1009,"vEnvironment"],[1741,"eid"],[1377,[[1024,"1"]]]]])",
-             R"(invalid view "vEnvironment")"}};
-}
-
-}  // namespace
 
 void QORHost::prepareProcess() {
     QORRdbms::prepareProcess();
@@ -34,7 +25,8 @@ QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
         logMessage(1, "QORHost", "qor/host/QORHost", "QORHost", "no plug-in was loaded from %s",
                    m_options.plugInDirectory.c_str());
     }
-    m_router = std::make_unique<QORRouter>(m_options.prime ? primingRequests() : std::vector<QORPrimingRequest>());
+    m_router = std::make_unique<QORRouter>(m_options.prime ? QOROpFactoryRegistry::instance().names()
+                                                           : std::vector<std::string>());
     m_router->prime();
 }
 

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
-#include "QORFunctionality/QOROpFactory.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "host/QORClientSession.h"
 
@@ -25,19 +24,24 @@ std::optional<QORPriming::Error> errorOf(QORMessage& response) {
 
 }  // namespace
 
-QORPriming::QORPriming(QORPrimingRequest request) : m_request(std::move(request)) {
-    readElement(m_request.body, m_body);
+QORPriming::QORPriming(std::string operatorName) : m_operatorName(std::move(operatorName)) {
+    const QORPtr<QOROpFactory> factory = QOROpFactoryRegistry::instance().find(m_operatorName);
+    if (factory) m_request = factory->priming();
 }
 
 QORPriming::~QORPriming() = default;
 
+/// Whether there is a factory, and one that has a priming request.
+bool QORPriming::isServed() const {
+    return m_request != nullptr && QOROpFactoryRegistry::instance().find(m_operatorName) != nullptr;
+}
+
 bool QORPriming::isPending() const {
-    return m_state.load(std::memory_order_acquire) == State::Unanswered &&
-           QOROpFactoryRegistry::instance().find(m_request.operatorName) != nullptr;
+    return m_state.load(std::memory_order_acquire) == State::Unanswered && isServed();
 }
 
 std::optional<QORPriming::Error> QORPriming::ensure() {
-    if (isDone() || !QOROpFactoryRegistry::instance().find(m_request.operatorName)) return std::nullopt;
+    if (isDone() || !isServed()) return std::nullopt;
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_running) {
         m_ended.wait(lock, [this, seen = m_attempts] { return m_attempts != seen; });
@@ -57,36 +61,45 @@ std::optional<QORPriming::Error> QORPriming::ensure() {
 
 std::optional<QORPriming::Error> QORPriming::attempt() {
     std::optional<Error> error;
+    QOROpPriming::Result result = QOROpPriming::Result::Failed;
     try {
-        error = ask();
+        result = ask(error);
     } catch (const std::exception& exception) {
         error = Error{errFailure, exception.what()};
     }
-    if (!error) {
-        m_session.reset();
-        m_state.store(State::Done, std::memory_order_release);
-        return std::nullopt;
+    switch (result) {
+        case QOROpPriming::Result::Learned:
+            m_session.reset();
+            m_state.store(State::Done, std::memory_order_release);
+            return std::nullopt;
+        case QOROpPriming::Result::NothingThere:
+            m_state.store(State::NothingThere, std::memory_order_release);
+            return std::nullopt;
+        case QOROpPriming::Result::Failed:
+            break;
     }
-    if (error->message == m_request.tolerated) {
-        m_state.store(State::Tolerated, std::memory_order_release);
-        return std::nullopt;
-    }
+    if (!error) error = Error{errFailure, "its answer settles nothing"};
     m_state.store(State::Unanswered, std::memory_order_release);
-    logMessage(1, module, sourcePath, "attempt", "operator \"%s\" cannot be primed yet: %s",
-               m_request.operatorName.c_str(), error->message.c_str());
+    logMessage(1, module, sourcePath, "attempt", "operator \"%s\" cannot be primed yet: %s", m_operatorName.c_str(),
+               error->message.c_str());
     return error;
 }
 
-std::optional<QORPriming::Error> QORPriming::ask() {
+QOROpPriming::Result QORPriming::ask(std::optional<Error>& error) {
     if (!m_session) m_session = std::make_unique<QORClientSession>(noAccessContext());
-    QORBinaryIterator request = m_body.root();
+    QORMessage body;
+    readElement(m_request->body, body);
+    QORBinaryIterator request = body.root();
     request.firstChild();
     QORMessage answer;
     QORBinaryIterator response = answer.root();
-    const auto outcome =
-        m_session->run(m_session->context(), m_request.operatorName, m_request.requestName, request, response);
-    if (outcome != QORClientSession::Outcome::Done) return Error{errFailure, "it does not know the priming request"};
-    return errorOf(answer);
+    const auto outcome = m_session->run(m_session->context(), m_operatorName, m_request->request, request, response);
+    if (outcome != QORClientSession::Outcome::Done) {
+        error = Error{errFailure, "it does not know its priming request"};
+        return QOROpPriming::Result::Failed;
+    }
+    error = errorOf(answer);
+    return m_request->judge(error ? error->message : std::string());
 }
 
 }  // namespace QOR

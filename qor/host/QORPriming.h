@@ -1,5 +1,5 @@
 /// \file
-/// Requests that an operator must have answered before any client's.
+/// The request that an operator must have answered before any client's.
 #pragma once
 
 #include <atomic>
@@ -10,30 +10,21 @@
 #include <string>
 #include <vector>
 
+#include "QORFunctionality/QOROpFactory.h"
 #include "QORMessage/QORNotation.h"
 
 namespace QOR {
 
 class QORClientSession;
 
-/// What an operator learns once for the whole process may depend on who asks first. A priming request is the host's
-/// own first request, asked as a client that may see nothing, so that the answer to "who was first" is always the
-/// careful one.
-struct QORPrimingRequest {
-    std::string operatorName;
-    std::string requestName;
-    std::string body;       ///< one element in message notation
-    std::string tolerated;  ///< an error text that keeps no client waiting but settles nothing: asked again next time
-};
-
-/// The priming of one operator. Thread-safe.
+/// The priming of one operator, made after its plug-in was loaded and gone before it is unloaded. Thread-safe.
 class QORPriming {
 public:
-    /// \throws QORException 400 when the body cannot be read
-    explicit QORPriming(QORPrimingRequest request);
+    /// \param operatorName whose factory may come with a priming request, or with none
+    explicit QORPriming(std::string operatorName);
     ~QORPriming();
 
-    const QORPrimingRequest& request() const noexcept { return m_request; }
+    const std::string& operatorName() const noexcept { return m_operatorName; }
     bool isDone() const noexcept { return m_state.load(std::memory_order_acquire) == State::Done; }
     /// True while clients must wait: the operator is there and has not answered yet.
     bool isPending() const;
@@ -45,13 +36,14 @@ public:
     std::optional<Error> ensure();
 
 private:
-    enum class State { Unanswered, Tolerated, Done };
+    enum class State { Unanswered, NothingThere, Done };
 
     std::optional<Error> attempt();
-    std::optional<Error> ask();
+    bool isServed() const;
+    QOROpPriming::Result ask(std::optional<Error>& error);
 
-    const QORPrimingRequest m_request;
-    QORMessage m_body;
+    const std::string m_operatorName;
+    const QOROpPriming* m_request = nullptr;  // of the factory; null when its operator needs no priming
     std::atomic<State> m_state{State::Unanswered};
     std::mutex m_mutex;
     std::condition_variable m_ended;

@@ -24,9 +24,9 @@ constexpr const char* outOfMemory = R"({"response":[],"error":{"code":1,"message
 
 }  // namespace
 
-QORRouter::QORRouter(std::vector<QORPrimingRequest> priming, const QORMessageLimits& limits) : m_limits(limits) {
-    for (QORPrimingRequest& request : priming)
-        m_priming.push_back(std::make_unique<QORPriming>(std::move(request)));
+QORRouter::QORRouter(const std::vector<std::string>& primed, const QORMessageLimits& limits) : m_limits(limits) {
+    for (const std::string& operatorName : primed)
+        m_priming.push_back(std::make_unique<QORPriming>(operatorName));
 }
 
 QORRouter::~QORRouter() = default;
@@ -60,7 +60,7 @@ QORRouter::Answer QORRouter::answerOrThrow(QORClientSession& session, std::strin
 void QORRouter::run(QORClientSession& session, QORRequestEnvelope& request, std::string& out) {
     const QORClientContextPtr identity = session.contextFor(request.client);
     for (const auto& priming : m_priming) {
-        if (priming->request().operatorName != request.operatorName) continue;
+        if (priming->operatorName() != request.operatorName) continue;
         if (const auto error = priming->ensure()) throw QORException(error->code, error->message);
     }
     session.withMessage([&](QORMessage& message) {
@@ -84,7 +84,7 @@ std::vector<std::string> QORRouter::prime() {
     std::vector<std::string> failures;
     for (const auto& priming : m_priming) {
         const auto error = priming->ensure();
-        if (error) failures.push_back("operator \"" + priming->request().operatorName + "\": " + error->message);
+        if (error) failures.push_back("operator \"" + priming->operatorName() + "\": " + error->message);
     }
     return failures;
 }

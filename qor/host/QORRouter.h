@@ -17,8 +17,9 @@ class QORClientSession;
 /// Reads requests, finds the operator, runs them and writes the answers. Thread-safe.
 class QORRouter {
 public:
-    /// \param priming what operators must be asked before clients may
-    explicit QORRouter(std::vector<QORPrimingRequest> priming = {}, const QORMessageLimits& limits = {});
+    /// \param primed operators that must be asked before clients may ask them, as their factories say; those that
+    /// come with no priming request are not
+    explicit QORRouter(const std::vector<std::string>& primed = {}, const QORMessageLimits& limits = {});
     ~QORRouter();
 
     struct Answer {

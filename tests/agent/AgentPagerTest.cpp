@@ -18,6 +18,7 @@ using test::AgentSettings;
 using test::HttpClient;
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 
 constexpr const char* one = "11111111-1111-1111-1111-111111111111";
 constexpr const char* two = "22222222-2222-2222-2222-222222222222";
@@ -94,6 +95,32 @@ TEST_F(ForeignDatabase, IsReadWithoutBeingWrittenTo) {
     EXPECT_THAT(client.get("/v1/views").body, HasSubstr(R"({"name":"vPerson","columns":[{"name":"name",)"));
     EXPECT_THAT(client.get("/v1/health").body, HasSubstr(R"("status":"ok")"));
     EXPECT_EQ(std::filesystem::file_size(path), size);
+}
+
+TEST_F(ForeignDatabase, IsPrimedWhateverItsViewsAre) {
+    {
+        QORRdbmsTran transaction(ASAccess::Write);
+        transaction->execute("create table secret (name nvarchar(64), owner uniqueidentifier)");
+        transaction->execute(std::string("insert into secret values ('Ada', '") + one + "'), ('Bob', '" + two + "')");
+        transaction->execute(
+            "create view vEnvironment as select name, 0 as \"securityOperation_2\", owner as \"securableObjId\" "
+            "from secret");
+        transaction.commit();
+    }
+    QORRdbms::instance().shutdown();
+    AgentSettings settings;
+    settings.database = "Driver=SQLite3;Database=" + path.string();
+    settings.more = {"--read-only"};
+    const AgentProcess agent(settings);
+    HttpClient client(agent.socketPath());
+    EXPECT_THAT(client.get("/v1/health").body, HasSubstr(R"("status":"ok")"));
+    const std::string names =
+        R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEnvironment"],[1741,"name"]]])";
+    EXPECT_EQ(client.message(names + "}"),
+              R"({"response":[[1744,[[1026,"name"],[1739,[[1018,"Ada"]]],[1739,[[1018,"Bob"]]]]]]})");
+    EXPECT_EQ(client.message(names + ",\"client\":" + limitedTo(two) + "}"),
+              R"({"response":[[1744,[[1026,"name"],[1739,[[1018,"Bob"]]]]]]})");
+    EXPECT_THAT(agent.log(), Not(HasSubstr("cannot be primed")));
 }
 
 TEST_F(ForeignDatabase, IsNotTakenForTheAgentsOwn) {

@@ -19,7 +19,11 @@
 namespace QOR {
 namespace {
 
-constexpr const char* body = R"([1740,[[1009,"first"]]])";
+constexpr QOROpPriming priming{"select", R"([1740,[[1009,"first"]]])", [](const std::string& error) {
+                                   if (error == "no database") return QOROpPriming::Result::Failed;
+                                   return error == "nothing there" ? QOROpPriming::Result::NothingThere
+                                                                   : QOROpPriming::Result::Learned;
+                               }};
 
 /// Who asked and what was asked for, in order.
 struct Asked {
@@ -47,10 +51,10 @@ protected:
         return response.error ? response.error->message : "";
     }
 
-    std::unique_ptr<test::ServedOperator> served = std::make_unique<test::ServedOperator>("test");
+    std::unique_ptr<test::ServedOperator> served = std::make_unique<test::ServedOperator>("test", &priming);
     std::vector<Asked> asks;
     std::string failure;
-    QORRouter router{{{"test", "select", body, "nothing there"}}};
+    QORRouter router{{"test"}};
     QORClientSession client{fullAccessContext()};
 };
 
@@ -85,7 +89,15 @@ TEST_F(Priming, ClientsWaitUntilItSucceeds) {
     EXPECT_TRUE(router.isPrimed());
 }
 
-TEST_F(Priming, AToleratedErrorLetsClientsPassAndIsAskedAgain) {
+TEST_F(Priming, AnErrorThatComesAfterLearningSettlesItToo) {
+    failure = "no such column";
+    EXPECT_TRUE(router.prime().empty());
+    EXPECT_TRUE(router.isPrimed());
+    EXPECT_EQ(ask(), "no such column");
+    EXPECT_EQ(asks, (std::vector<Asked>{{false, "first"}, {true, "own"}}));
+}
+
+TEST_F(Priming, NothingToLearnLetsClientsPassAndIsAskedAgain) {
     failure = "nothing there";
     EXPECT_FALSE(router.isPrimed());
     EXPECT_TRUE(router.prime().empty());
@@ -134,8 +146,27 @@ TEST_F(Priming, CallersThatComeMeanwhileShareOneAttempt) {
     EXPECT_LE(attempts, 5);
 }
 
-TEST_F(Priming, ARequestThatCannotBeReadIsRefusedAtOnce) {
-    EXPECT_THROW(QORPriming({"test", "select", "[1740", ""}), QORException);
+TEST_F(Priming, OperatorsThatAskForNoneAreNotPrimed) {
+    test::ServedOperator other("other");
+    int asked = 0;
+    other.behaviour.select = [&](auto&, auto&) { ++asked; };
+    QORRouter both{{"other", "test"}};
+    EXPECT_TRUE(both.prime().empty());
+    EXPECT_TRUE(both.isPrimed());
+    EXPECT_EQ(asked, 0);
+    EXPECT_EQ(asks.size(), 1U);
+}
+
+TEST_F(Priming, ARequestThatCannotBeReadKeepsClientsWaitingAndSaysSo) {
+    constexpr QOROpPriming broken{"select", "[1740", priming.judge};
+    const test::ServedOperator other("other", &broken);
+    QORRouter lame{{"other"}};
+    EXPECT_THAT(lame.prime(), testing::ElementsAre(testing::HasSubstr("operator \"other\": invalid message")));
+    EXPECT_FALSE(lame.isPrimed());
+    constexpr QOROpPriming unknown{"no such request", "[1740]", priming.judge};
+    const test::ServedOperator third("third", &unknown);
+    EXPECT_THAT(QORRouter({"third"}).prime(),
+                testing::ElementsAre("operator \"third\": it does not know its priming request"));
 }
 
 }  // namespace

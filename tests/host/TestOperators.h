@@ -42,7 +42,10 @@ private:
 /// Serves an operator name for as long as it lives.
 class TestFactory final : public QOROpFactory {
 public:
-    TestFactory(const char* name, Behaviour& behaviour) : QOROpFactory(name, 0), m_behaviour(behaviour) {}
+    TestFactory(const char* name, Behaviour& behaviour, const QOROpPriming* priming)
+        : QOROpFactory(name, 0), m_behaviour(behaviour) {
+        setPriming(priming);
+    }
     QORPtr<QOROperatorPrototype> newOperator() override {
         QORPtr<QOROperatorPrototype> op(new TestOperator(m_behaviour));
         op->setName(name());
@@ -59,7 +62,8 @@ private:
 /// Registers a factory and keeps it.
 class ServedOperator {
 public:
-    explicit ServedOperator(const char* name) : m_factory(makeQORPtr<TestFactory>(name, behaviour)) {}
+    explicit ServedOperator(const char* name, const QOROpPriming* priming = nullptr)
+        : m_factory(makeQORPtr<TestFactory>(name, behaviour, priming)) {}
     Behaviour behaviour;
 
 private:

@@ -13,30 +13,51 @@
 
 namespace QOR {
 
+/// What the host asks an operator before any client does, and how it reads the answer. What an operator learns once for
+/// the whole process may depend on who asks first: the host asks as a client that may see nothing, so that the answer
+/// to "who was first" is always the careful one.
+struct QOROpPriming {
+    enum class Result {
+        Learned,       ///< settled for the life of the process, whatever the answer says
+        NothingThere,  ///< nothing to learn yet: clients need not wait, and it is asked again before each of them
+        Failed,        ///< clients have to wait until it can be answered
+    };
+    const char* request;  ///< the name of the request
+    const char* body;     ///< one element in message notation
+    /// Called after each answer, on the thread that asked. \param error the text of its error entry; "" for none
+    Result (*judge)(const std::string& error);
+};
+
 /// Makes the operators of one name. Making the object makes it known to the registry, destroying it forgets it; both
 /// happen while a plug-in is loaded or unloaded. Thread-safe.
 class QOR_API QOROpFactory : public virtual QORReferenceCounter {
    public:
-    ~QOROpFactory() override;
-    QOROpFactory(const QOROpFactory&) = delete;
-    QOROpFactory& operator=(const QOROpFactory&) = delete;
+       // In the order of their slots, which plug-ins are compiled against.
+       /// A new operator for one client, named and numbered; the caller takes the first reference.
+       virtual QORPtr<QOROperatorPrototype> newOperator() = 0;
+       /// The accessor by which that client's requests reach the operator.
+       virtual QORPtr<QORAccesserPrototype> newAccesser(const QORPtr<QOROperatorPrototype>& op) = 0;
+       ~QOROpFactory() override;
 
-    /// A new operator for one client, named and numbered; the caller takes the first reference.
-    virtual QORPtr<QOROperatorPrototype> newOperator() = 0;
-    /// The accessor by which that client's requests reach the operator.
-    virtual QORPtr<QORAccesserPrototype> newAccesser(const QORPtr<QOROperatorPrototype>& op) = 0;
+       QOROpFactory(const QOROpFactory&) = delete;
+       QOROpFactory& operator=(const QOROpFactory&) = delete;
 
-    const std::string& name() const noexcept { return m_name; }
-    /// The number given at registration; the host keeps it and attaches no meaning to it.
-    int value() const noexcept { return m_value; }
+       const std::string& name() const noexcept { return m_name; }
+       /// The number given at registration; the host keeps it and attaches no meaning to it.
+       int value() const noexcept { return m_value; }
+       /// What the operator is to be asked before any client asks; null when it does not matter who is first. Lives as
+       /// long as the plug-in.
+       const QOROpPriming* priming() const noexcept { return m_priming; }
 
    protected:
     /// \param name by which requests address the operator
     QOROpFactory(const char* name, int value);
+    void setPriming(const QOROpPriming* priming) noexcept { m_priming = priming; }
 
-   private:
+private:
     const std::string m_name;
     const int m_value;
+    const QOROpPriming* m_priming = nullptr;
 };
 
 /// All factories of the process, in the order in which they were made. Thread-safe.
@@ -56,14 +77,17 @@ class QOR_API QOROpFactoryRegistry {
     std::vector<QOROpFactory*> m_factories;
 };
 
-/// The factory of an operator class. `Pooled` selects accessors from a pool with the three limits.
+/// The factory of an operator class. `Pooled` selects accessors from a pool with the three limits. A class that has a
+/// static member `priming` is registered with it.
 template <class Operator, class Number, Number Idle, Number Most, Number Step, bool Pooled>
 class QOROperatorFactory : public QOROpFactory {
     static_assert(Pooled, "operators are reached through pooled accessors");
 
    public:
     /// \param ns the namespace number given to every operator
-    QOROperatorFactory(const char* name, int ns, int value) : QOROpFactory(name, value), m_ns(ns) {}
+       QOROperatorFactory(const char* name, int ns, int value) : QOROpFactory(name, value), m_ns(ns) {
+           if constexpr (requires { Operator::priming; }) setPriming(&Operator::priming);
+       }
 
     QORPtr<QOROperatorPrototype> newOperator() override {
         QORPtr<QOROperatorPrototype> op(new Operator());

@@ -76,18 +76,19 @@ class Putter {
 public:
     explicit Putter(QORMessageIterator& at) : m_at(at) {}
 
-    /// Runs `put` with the cursor in a new child of that name.
+    /// Runs `put` with the cursor in a new child of that name, which is one of this file.
     template <class Put>
     void inside(std::string_view name, Put put) {
-        if (!m_fits || name.empty()) return;
         inside(QORTagDictionary::instance().intern(name), put);
     }
     template <class Put>
     void inside(QORTag id, Put put) {
-        check(m_fits ? m_at.addChild(id) : -1);
-        if (!m_fits) return;
-        put();
-        if (m_fits) check(m_at.seekUp());
+        if (m_fits) fill(m_at.addChild(id), put);
+    }
+    /// The same for a name that came with the data.
+    template <class Put>
+    void insideNamed(std::string_view name, Put put) {
+        if (m_fits && !name.empty()) fill(m_at.addNamed(name), put);
     }
 
     void text(std::string_view name, std::string_view value) {
@@ -110,7 +111,7 @@ public:
             return;
         }
         for (const QORInfo& child : info.children())
-            inside(child.name(), [&] { content(child); });
+            insideNamed(child.name(), [&] { content(child); });
     }
 
     void config(const QOREnvConfig& config) {
@@ -126,7 +127,7 @@ public:
                 text(addressMember, std::string_view(address));
         }
         for (const QORInfo& parameter : config.further().children()) {
-            if (parameter.name() != osMember) inside(parameter.name(), [&] { content(parameter); });
+            if (parameter.name() != osMember) insideNamed(parameter.name(), [&] { content(parameter); });
         }
     }
 
@@ -144,6 +145,14 @@ public:
 
 private:
     void check(int result) noexcept { m_fits = m_fits && result == 0; }
+
+    template <class Put>
+    void fill(int added, Put put) {
+        check(added);
+        if (!m_fits) return;
+        put();
+        if (m_fits) check(m_at.seekUp());
+    }
 
     void os(const QOROSInfo& os, const QORInfo* further) {
         if (os == QOROSInfo() && further == nullptr) return;
@@ -179,16 +188,6 @@ QORPtr<const QOREnvConfig> orEmpty(QORPtr<const QOREnvConfig> config) {
     return config ? std::move(config) : emptyConfig();
 }
 
-/// Runs what may find the dictionary of names full.
-template <class Put>
-int guarded(Put put) {
-    try {
-        return put();
-    } catch (const QORException&) {
-        return -1;
-    }
-}
-
 }  // namespace
 
 QOREnvConfigData QOREnvConfigData::fromDocument(const QORInfo& document) {
@@ -203,12 +202,9 @@ QOREnvConfig::~QOREnvConfig() = default;
 std::shared_ptr<QORMessageIterator> QOREnvConfig::getMessageIterator() const {
     auto owner = std::make_shared<ConfigMessage>();
     QORBinaryIterator root = owner->message.root();
-    const int failure = guarded([&] {
-        Putter putter(root);
-        putter.config(*this);
-        return putter.result();
-    });
-    if (failure != 0) return nullptr;
+    Putter putter(root);
+    putter.config(*this);
+    if (putter.result() != 0) return nullptr;
     return {owner, &owner->at};
 }
 
@@ -226,19 +222,15 @@ QOREnv::QOREnv(const QOREID& eid, const QOREID& parentEid, std::optional<std::st
 QOREnv::~QOREnv() = default;
 
 int putObj(QORMessageIterator& at, QORTag id, const QOREnv& env) {
-    return guarded([&] {
-        Putter putter(at);
-        putter.inside(id, [&] { putter.env(env); });
-        return putter.result();
-    });
+    Putter putter(at);
+    putter.inside(id, [&] { putter.env(env); });
+    return putter.result();
 }
 
 int putObj(QORMessageIterator& at, QORTag id, const QORInfo& info) {
-    return guarded([&] {
-        Putter putter(at);
-        putter.inside(id, [&] { putter.content(info); });
-        return putter.result();
-    });
+    Putter putter(at);
+    putter.inside(id, [&] { putter.content(info); });
+    return putter.result();
 }
 
 }  // namespace QOR

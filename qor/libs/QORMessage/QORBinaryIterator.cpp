@@ -15,8 +15,8 @@ QORMessageNode* findFrom(QORMessageNode* node, QORTag id) {
 }
 
 /// The number that a path segment means: the number of a name, or the number itself.
-QORTag segmentTag(std::string_view segment) {
-    if (const auto id = QORTagDictionary::instance().find(segment)) return *id;
+QORTag segmentTag(const QORMessageStore& store, std::string_view segment) {
+    if (const QORTag known = store.findName(segment)) return known;
     QORTag id = 0;
     const auto [end, error] = std::from_chars(segment.data(), segment.data() + segment.size(), id);
     return error == std::errc() && end == segment.data() + segment.size() ? id : 0;
@@ -35,7 +35,27 @@ std::string_view writeInteger(Integer value, char (&buffer)[24]) {
 }  // namespace
 
 QORMessageIterator::~QORMessageIterator() = default;
+
+std::string_view QORMessageIterator::curName() const {
+    return QORTagDictionary::instance().name(curID());
+}
+
+int QORMessageIterator::addNamed(std::string_view name) {
+    const auto id = QORTagDictionary::instance().find(name);
+    return id ? addChild(*id) : -1;
+}
+
 QORBinaryIterator::~QORBinaryIterator() = default;
+
+std::string_view QORBinaryIterator::curName() const {
+    const std::string_view own = store().names().name(curID());
+    return own.empty() ? QORMessageIterator::curName() : own;
+}
+
+int QORBinaryIterator::addNamed(std::string_view name) {
+    const QORTag id = store().numberName(name);
+    return id == 0 ? failed : addChild(id);
+}
 
 int QORBinaryIterator::seekPresence(QORTag id) const {
     return findFrom(m_node->firstChild, id) == nullptr ? failed : 0;
@@ -71,7 +91,7 @@ int QORBinaryIterator::seekPath(std::string_view path) {
         const std::string_view segment = path.substr(0, length);
         path.remove_prefix(std::min(length + 1, path.size()));
         if (segment.empty()) continue;
-        const QORTag id = segmentTag(segment);
+        const QORTag id = segmentTag(store(), segment);
         node = id == 0 ? nullptr : findFrom(node->firstChild, id);
         if (node == nullptr) return failed;
     }

@@ -17,6 +17,7 @@ public:
     ~QORBinaryIterator() override;
 
     QORTag curID() const override { return m_node->tag; }
+    std::string_view curName() const override;
     int seekPresence(QORTag id) const override;
     int firstChild(QORTag id = 0) override;
     int seek(QORTag id) override;
@@ -41,6 +42,7 @@ public:
         m_node = child;
         return 0;
     }
+    int addNamed(std::string_view name) override;
     int putValue(std::string_view text, QORTag id = 0) override { return put(text, QORValueKind::Text, id); }
     int putInt(std::int32_t value, QORTag id = 0) override;
     int putInt64(std::int64_t value, QORTag id = 0) override;

@@ -58,7 +58,20 @@ QORMessageStore::~QORMessageStore() {
     }
 }
 
+QORTag QORMessageStore::findName(std::string_view name) const {
+    if (const QORTag own = m_names.find(name)) return own;
+    return QORTagDictionary::instance().find(name).value_or(0);
+}
+
+QORTag QORMessageStore::numberName(std::string_view name) {
+    if (const QORTag known = findName(name)) return known;
+    if (name.empty() || !hasBytesLeft(name.size())) return 0;
+    m_bytes += name.size();
+    return m_names.add(name);
+}
+
 void QORMessageStore::clear() noexcept {
+    m_names.clear();
     m_free = nullptr;
     m_end = nullptr;
     m_used = 0;

@@ -27,6 +27,8 @@ public:
     /// A cursor on the root.
     QORBinaryIterator root();
     const QORMessageNode* rootNode() const noexcept { return m_store->root(); }
+    /// The names that this message alone knows.
+    const QORMessageNames& names() const noexcept { return m_store->names(); }
     const QORMessageLimits& limits() const noexcept { return m_store->limits(); }
     /// Elements and bytes of values put into the message since it was made or cleared.
     std::size_t nodeCount() const noexcept { return m_store->nodeCount(); }

@@ -26,6 +26,8 @@ public:
     // ---- position -----------------------------------------------------------------------------------------------
     /// The tag of the current element; 0 on the root, which stands above all elements.
     virtual QORTag curID() const = 0;
+    /// The name of the current element; empty on the root and for a tag without a name. Valid as long as the message.
+    virtual std::string_view curName() const;
     /// 0 when a child with that tag exists (any child when id is 0).
     virtual int seekPresence(QORTag id) const = 0;
     /// Moves to the first child with that tag (any when id is 0).
@@ -55,6 +57,9 @@ public:
     // ---- writing --------------------------------------------------------------------------------------------------
     /// Appends a child and moves to it. Fails when a limit of the message (depth, elements, bytes) is reached.
     virtual int addChild(QORTag id) = 0;
+    /// The same for a name that comes from data. One that the dictionary does not know gets a number of this message
+    /// alone; cursors that cannot do that refuse it. Fails for the empty name.
+    virtual int addNamed(std::string_view name);
     /// With id 0 sets the text of the current element; else appends a child with that text and stays.
     virtual int putValue(std::string_view text, QORTag id = 0) = 0;
     virtual int putInt(std::int32_t value, QORTag id = 0) = 0;

@@ -35,7 +35,7 @@ bool isWord(std::string_view text, std::string_view lowerWord) {
 }  // namespace
 
 int getNodeName(const QORMessageIterator& at, std::string& out) {
-    const std::string_view name = QORTagDictionary::instance().name(at.curID());
+    const std::string_view name = at.curName();
     if (name.empty()) return failed;
     out = name;
     return 0;
@@ -93,7 +93,7 @@ int serializeMessage(const QORMessageIterator& at, int format, std::string& out)
     const auto* const cursor = dynamic_cast<const QORBinaryIterator*>(&at);
     if (format != messageFormatXml || cursor == nullptr) return failed;
     std::string text;
-    writeXml(*cursor->node(), text);
+    writeXml(*cursor->node(), text, {.names = &cursor->message().names()});
     out = std::move(text);
     return 0;
 }

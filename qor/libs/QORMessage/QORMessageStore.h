@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "QORCommon/QORExport.h"
+#include "QORMessage/QORMessageNames.h"
 #include "QORMessage/QORTags.h"
 
 namespace QOR {
@@ -60,6 +61,13 @@ public:
     bool isDeepest(const QORMessageNode& parent) const noexcept { return parent.depth >= m_limits.depth; }
     bool hasNodesLeft() const noexcept { return m_nodes < m_limits.nodes; }
     bool hasBytesLeft(std::size_t size) const noexcept { return size <= m_limits.bytes - m_bytes; }
+
+    /// The number of a name, given to it for this message when it has none; 0 when a limit is reached. The bytes of
+    /// such names count until clear().
+    QORTag numberName(std::string_view name);
+    /// The number of a name that an element of this message can have; 0 for any other.
+    QORTag findName(std::string_view name) const;
+    const QORMessageNames& names() const noexcept { return m_names; }
 
     /// No longer counts the element, everything below it, and their values.
     void forget(const QORMessageNode& top) noexcept;
@@ -118,6 +126,7 @@ private:
     std::size_t m_nodes = 0;
     std::size_t m_bytes = 0;
     QORMessageLimits m_limits;
+    QORMessageNames m_names;
     QORMessageNode m_root{};
     std::vector<Block> m_blocks;
     std::size_t m_used = 0;  ///< blocks that hold something, the last one being filled

@@ -60,6 +60,9 @@ inline constexpr QORTag escape = 2301;
 inline constexpr QORTag firstInterned = 1000000;
 inline constexpr QORTag error = 1000000;      ///< an error entry of a response
 inline constexpr QORTag errorCode = 1000001;  ///< its code; its text stands under `message`
+
+/// Names that only one message knows are numbered from here up, by each message anew: QORMessageNames.
+inline constexpr QORTag firstOfMessage = 0x80000000;
 }  // namespace tag
 
 /// Names and numbers of elements, one dictionary a process. Thread-safe; names live as long as the process.
@@ -70,7 +73,8 @@ public:
     /// The number of a known name, empty for an unknown one. For names that come from outside: asking never grows
     /// the dictionary.
     std::optional<QORTag> find(std::string_view name) const;
-    /// The number of a name, interned when it is new. Only for names that the host or its configuration chose.
+    /// The number of a name, interned when it is new. Only for names that the host or its configuration chose, never
+    /// for those in data (QORMessageIterator::addNamed): what is interned stays until the process ends.
     /// \throws QORException errFailure for the empty name, and when the dictionary is full
     QORTag intern(std::string_view name);
     /// The name of a number, empty when it has none.

@@ -14,6 +14,8 @@ namespace QOR {
 struct QORXmlOptions {
     bool declaration = false;  ///< begin with the XML declaration
     bool indent = false;       ///< a line an element, two blanks a level; texts are left as they are
+    /// The names of the element's own message; without them its elements of such names are written by number.
+    const QORMessageNames* names = nullptr;
 };
 
 /// Appends the XML form of the element, or of a root's children one after the other.

@@ -57,7 +57,8 @@ void appendEscaped(std::string_view text, std::string& out) {
 /// Writes straight from the elements: pugixml's document would hold each of them once more before a byte is written.
 class XmlWriter {
 public:
-    XmlWriter(std::string& out, bool indent) : m_out(out), m_indent(indent) {}
+    XmlWriter(std::string& out, const QORXmlOptions& options)
+        : m_out(out), m_indent(options.indent), m_names(options.names) {}
 
     void writeElement(const QORMessageNode& top) {
         m_topDepth = top.depth;
@@ -104,15 +105,20 @@ private:
     void close(const QORMessageNode& node) {
         beginLine(node);
         m_out += "</";
-        const std::string_view name = QORTagDictionary::instance().name(node.tag);
+        const std::string_view name = nameOf(node);
         m_out += isXmlName(name) ? name : numberedName;
         m_out += '>';
         endLine();
     }
 
+    std::string_view nameOf(const QORMessageNode& node) const {
+        if (node.tag >= tag::firstOfMessage && m_names != nullptr) return m_names->name(node.tag);
+        return QORTagDictionary::instance().name(node.tag);
+    }
+
     /// The name with its attribute, if it needs one; returns the name alone.
     std::string_view appendName(const QORMessageNode& node) {
-        const std::string_view name = QORTagDictionary::instance().name(node.tag);
+        const std::string_view name = nameOf(node);
         if (isXmlName(name)) {
             m_out += name;
             return name;
@@ -132,6 +138,7 @@ private:
     static constexpr std::string_view numberedName = "tag";
     std::string& m_out;
     const bool m_indent;
+    const QORMessageNames* const m_names;
     int m_topDepth = 0;
 };
 
@@ -142,7 +149,7 @@ void writeXml(const QORMessageNode& node, std::string& out, const QORXmlOptions&
         out += "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
         if (options.indent) out += '\n';
     }
-    XmlWriter writer(out, options.indent);
+    XmlWriter writer(out, options);
     if (node.parent != nullptr) {
         writer.writeElement(node);
         return;

@@ -35,6 +35,18 @@ TEST(Factory, NamesAndNumbersWhatItMakes) {
     EXPECT_NE(factory->newOperator(), op);
 }
 
+class PrimedOperator final : public QOROperatorPrototype {
+public:
+    static constexpr QOROpPriming priming{"select", "[1740]", nullptr};
+    int call(const std::string&, QORMessageIterator*, QORMessageIterator*) override { return -1; }
+};
+
+TEST(Factory, CarriesThePrimingOfItsClass) {
+    EXPECT_EQ((newOperatorFactory<CountedOperator, 10, 20, 4, true>("counted", 272, 100)->priming()), nullptr);
+    const auto factory = newOperatorFactory<PrimedOperator, 10, 20, 4, true>("primed", 272, 100);
+    EXPECT_EQ(factory->priming(), &PrimedOperator::priming);
+}
+
 TEST(Factory, HandsItsPoolIntegersOn) {
     const auto factory = newOperatorFactory<CountedOperator, 10, 20, 4, true>("counted", 272, 100);
     const auto accesser = factory->newAccesser(factory->newOperator());

@@ -103,6 +103,22 @@ TEST_F(QOREnvTest, AnEnvironmentBecomesAMessageOfItsMembersNames) {
     EXPECT_NE(nextSameName(root), 0);
 }
 
+TEST_F(QOREnvTest, NamesInDataDoNotGrowTheDictionary) {
+    ASSERT_EQ(import(R"({"kind":"environment","eid":")" + eidOf(1).toString() +
+                     R"(","config":{"unheard-of-1":{"unheard-of-2":"x"}},"virtual_config":{"unheard-of-3":"y"}})")
+                  .accepted(),
+              1U);
+    QORMessage message;
+    QORBinaryIterator root = message.root();
+    ASSERT_EQ(putObj(root, tag::env, *env(1)), 0);
+    EXPECT_EQ(textAt(root, "env/config/unheard-of-1/unheard-of-2"), "x");
+    EXPECT_EQ(textAt(*env(1)->getVirtualConfig()->getMessageIterator(), "unheard-of-3"), "y");
+    ASSERT_EQ(putObj(root, tag::message, env(1)->getConfig()->further()), 0);
+    EXPECT_EQ(textAt(root, "message/unheard-of-1/unheard-of-2"), "x");
+    for (const char* name : {"unheard-of-1", "unheard-of-2", "unheard-of-3"})
+        EXPECT_EQ(QORTagDictionary::instance().find(name), std::nullopt) << name;
+}
+
 TEST_F(QOREnvTest, AConfigurationHasAMessageOfItsOwn) {
     ASSERT_EQ(import(environmentLine).accepted(), 1U);
     const auto at = env(1)->getVirtualConfig()->getMessageIterator();

@@ -97,6 +97,42 @@ TEST_F(Cursor, FollowsPathsOfNamesAndNumbers) {
     EXPECT_EQ(cursor.curID(), tag::offset);
 }
 
+TEST_F(Cursor, NamesOfDataBelongToTheirMessage) {
+    ASSERT_EQ(it.addNamed("a name of data"), 0);
+    const QOR::QORTag id = it.curID();
+    EXPECT_GE(id, tag::firstOfMessage);
+    EXPECT_EQ(it.curName(), "a name of data");
+    EXPECT_EQ(it.putValue("x"), 0);
+    it.seekUp();
+    ASSERT_EQ(it.addNamed("limit"), 0) << "a known name keeps its number";
+    EXPECT_EQ(it.curID(), tag::limit);
+    it.seekUp();
+    ASSERT_EQ(it.addNamed("a name of data"), 0);
+    EXPECT_EQ(it.curID(), id) << "one number a name";
+    QORBinaryIterator top = message.root();
+    ASSERT_EQ(top.seekPath("select/a name of data"), 0);
+    EXPECT_EQ(top.curID(), id);
+    EXPECT_NE(top.addNamed(""), 0);
+
+    QORMessage other;
+    EXPECT_NE(other.root().seekPath("a name of data"), 0);
+    EXPECT_EQ(other.root().curName(), "");
+    EXPECT_EQ(QOR::QORTagDictionary::instance().find("a name of data"), std::nullopt);
+    message.clear();
+    EXPECT_EQ(message.names().find("a name of data"), 0U);
+    EXPECT_EQ(message.byteCount(), 0U);
+}
+
+TEST(MessageLimits, CountTheBytesOfNamesOfData) {
+    QORMessageLimits limits;
+    limits.bytes = 10;
+    QORMessage message(limits);
+    EXPECT_EQ(message.root().addNamed("123456789"), 0);
+    EXPECT_EQ(message.root().addNamed("123456789"), 0);
+    EXPECT_NE(message.root().addNamed("ab"), 0);
+    EXPECT_EQ(message.byteCount(), 9U);
+}
+
 TEST_F(Cursor, APathThatLeadsNowhereMovesNothing) {
     for (const char* path :
          {"limit/where", "no such name", "limit/size/size", "0", "-1", "1377 ", "4294967296", "limit/0"}) {

@@ -5,6 +5,8 @@
 #include <string>
 
 #include "QORCommon/QORException.h"
+#include "QORMessage/QORBinaryIterator.h"
+#include "QORMessage/QORMessageRead.h"
 #include "Trees.h"
 
 namespace {
@@ -78,6 +80,18 @@ TEST(Xml, NamesThatItDoesNotTakeAreNumbers) {
         EXPECT_EQ(xmlOf(message), "<tag id=\"" + std::to_string(id) + "\">v</tag>") << name;
         EXPECT_EQ(picture(fromXml(xmlOf(message))), picture(message));
     }
+}
+
+TEST(Xml, NamesOfDataAreWrittenByTheirMessage) {
+    QORMessage message;
+    QOR::QORBinaryIterator it = message.root();
+    it.addNamed("unheard_of");
+    it.addNamed("not an XML name");
+    it.putValue("v");
+    std::string text;
+    ASSERT_EQ(QOR::serializeMessage(message.root(), text), 0);
+    EXPECT_EQ(text, "<unheard_of><tag id=\"" + std::to_string(it.curID()) + "\">v</tag></unheard_of>");
+    EXPECT_EQ(xmlOf(message).substr(0, 8), "<tag id=") << "without the message's names";
 }
 
 TEST(Xml, AnElementNamedTagIsToldFromANumber) {

@@ -14,6 +14,13 @@ namespace {
 const QORPtr<QOROpFactory> factoryQORPagerOperatorPrototype2 =
     newOperatorFactory<QORPagerOperatorPrototype2, 10, 20, 4, true>("pager2", 272, 10);
 
+/// The views are learned before the name is looked up, so that no answer but a failure of the database leaves them
+/// unknown, whatever views there are: none has an empty name.
+QOROpPriming::Result judgePriming(const std::string& error) {
+    if (SelectStmnt::areViewsKnown()) return QOROpPriming::Result::Learned;
+    return error == "invalid view \"\"" ? QOROpPriming::Result::NothingThere : QOROpPriming::Result::Failed;
+}
+
 /// Builds and runs the statement; every failure leaves as an exception.
 void answer(QORMessageIterator* in, QORMessageIterator* out) {
     if (in == nullptr || out == nullptr) {
@@ -37,6 +44,8 @@ void reportFailure(QORMessageIterator* out, int code, const char* message) {
 }
 
 }  // namespace
+
+constexpr QOROpPriming QORPagerOperatorPrototype2::priming{"select", R"([1740,[[1009,""]]])", judgePriming};
 
 QORPagerOperatorPrototype2::QORPagerOperatorPrototype2() {
     static const MethodDescriptor table[] = {

@@ -2,6 +2,7 @@
 /// Operator "pager2": pages of rows from views of the agent's database.
 #pragma once
 
+#include "QORFunctionality/QOROpFactory.h"
 #include "QORFunctionality/QOROperator.h"
 
 namespace QOR {
@@ -16,6 +17,10 @@ class QORPagerOperatorPrototype2 final : public QOROperatorAsyncPrototype {
    public:
     QORPagerOperatorPrototype2();
     ~QORPagerOperatorPrototype2() override;
+
+    /// Which views are restricted at all is settled by the client that is the first to ask for any of them. That must
+    /// not be one that may see everything.
+    static const QOROpPriming priming;
 
     /// Request "select". Both cursors must be QORBinaryIterators: `in` stands on the select element, the result
     /// element is appended at `out`. Whatever fails becomes one error entry at `out`, and no result element stays.

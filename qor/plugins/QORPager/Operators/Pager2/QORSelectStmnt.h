@@ -62,6 +62,8 @@ class SelectStmnt {
     /// securable views are told apart; else none is. Any thread. \throws AException when the database cannot be read;
     /// the next call tries again
     static std::shared_ptr<const MetaTablesMap> getMetaTablesMap();
+    /// Whether they are loaded: from then on nothing changes them. Any thread.
+    static bool areViewsKnown();
     /// Sets each view's security operation identifier, or clears it with a log line that says why.
     static void validateSecurableViews(MetaTablesMap& views);
     /// The shared domain of a view. Any thread. \param view its name as the database spells it: names of requests are

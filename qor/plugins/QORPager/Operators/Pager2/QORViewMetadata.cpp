@@ -190,6 +190,12 @@ std::shared_ptr<const MetaTablesMap> SelectStmnt::getMetaTablesMap() {
     return loaded;
 }
 
+bool SelectStmnt::areViewsKnown() {
+    ViewCaches& cache = caches();
+    const std::lock_guard<std::mutex> lock(cache.metadataMutex);
+    return cache.metadata != nullptr;
+}
+
 void SelectStmnt::validateSecurableViews(MetaTablesMap& views) {
     for (auto& [name, view] : views) {
         view.securityOperationId = operationIdOf(view);
