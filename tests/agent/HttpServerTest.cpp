@@ -1,22 +1,16 @@
-#include "agent/http/HttpServer.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/HttpClient.h"
-#include "support/TemporaryDirectory.h"
+#include "HttpServerFixture.h"
 
 namespace QOR {
 namespace {
@@ -24,102 +18,9 @@ namespace {
 using namespace std::chrono_literals;
 using test::HttpAnswer;
 using test::HttpClient;
+using test::HttpServerTest;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-/// Opens once, for everybody who waits.
-class Gate {
-public:
-    void open() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_open = true;
-        m_changed.notify_all();
-    }
-    void pass() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        ++m_waiting;
-        m_changed.notify_all();
-        m_changed.wait(lock, [this] { return m_open; });
-        --m_waiting;
-    }
-    /// Until that many wait.
-    void awaitWaiting(int number) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [&] { return m_waiting >= number; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_open = false;
-    int m_waiting = 0;
-};
-
-/// Echoes bodies; some paths do more.
-class EchoApplication final : public HttpApplication {
-public:
-    std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) override {
-        if (peer) lastUid = peer->uid;
-        ++connected;
-        return std::make_unique<Handler>(*this);
-    }
-    std::string errorBody(unsigned status, std::string_view message) override {
-        return "{\"status\":" + std::to_string(status) + ",\"message\":\"" + std::string(message) + "\"}";
-    }
-
-    Gate gate;
-    std::atomic<int> connected{0};
-    std::atomic<int> gone{0};
-    std::atomic<uid_t> lastUid{static_cast<uid_t>(-1)};
-
-private:
-    class Handler final : public HttpClientHandler {
-    public:
-        explicit Handler(EchoApplication& application) : m_application(application) {}
-        ~Handler() override { ++m_application.gone; }
-        HttpReply handle(const HttpRequest& request) override {
-            ++m_requests;
-            if (request.path == "/wait") m_application.gate.pass();
-            if (request.path == "/throw") throw std::runtime_error("thrown");
-            if (request.path == "/big") return {200, std::string(std::stoul(std::string(request.body)), 'b')};
-            if (request.path == "/number") return {200, std::to_string(m_requests)};
-            if (request.path == "/teapot") return {418, "{}", "text/plain", "POST"};
-            return {200, std::string(request.method) + " " + std::string(request.path) + " " +
-                             std::string(request.query) + " " + std::string(request.body)};
-        }
-
-    private:
-        EchoApplication& m_application;
-        int m_requests = 0;
-    };
-};
-
-class HttpServerTest : public testing::Test {
-protected:
-    HttpServerTest() { options.socketPath = directory / "http.sock"; }
-    ~HttpServerTest() override {
-        application.gate.open();
-        if (server) stop();
-    }
-
-    void start() {
-        server = std::make_unique<HttpServer>(options, application);
-        result = std::async(std::launch::async, [this] { return server->run(); });
-    }
-    bool stop() {
-        server->stop();
-        const bool answered = result.get();
-        server.reset();
-        return answered;
-    }
-    HttpClient connect() const { return HttpClient(options.socketPath.string()); }
-
-    test::TemporaryDirectory directory;
-    HttpServerOptions options;
-    EchoApplication application;
-    std::unique_ptr<HttpServer> server;
-    std::future<bool> result;
-};
 
 TEST_F(HttpServerTest, AnswersWithTheApplicationsReply) {
     start();
@@ -335,6 +236,7 @@ TEST_F(HttpServerTest, AnExceptionIsAReplyAndTheConnectionGoesOn) {
 
 TEST_F(HttpServerTest, SlowRequestsHoldUpNobodyElse) {
     options.threads = 3;
+    options.requestsPerIdentity = 3;
     start();
     HttpClient slow1 = connect();
     HttpClient slow2 = connect();
@@ -364,21 +266,6 @@ TEST_F(HttpServerTest, ManyClientsAtOnce) {
     }
     for (auto& client : clients)
         EXPECT_EQ(client.get(), 50);
-}
-
-TEST_F(HttpServerTest, ConnectionsBeyondTheLimitWaitTheirTurn) {
-    options.maxConnections = 2;
-    start();
-    auto first = std::make_unique<HttpClient>(connect());
-    HttpClient second = connect();
-    EXPECT_EQ(first->get("/").status, 200);
-    EXPECT_EQ(second.get("/").status, 200);
-    HttpClient third = connect();
-    third.send(HttpClient::compose("GET", "/third"));
-    EXPECT_EQ(second.get("/").status, 200);
-    EXPECT_EQ(server->connections(), 2U);
-    first.reset();
-    EXPECT_EQ(third.receive().body, "GET /third  ");
 }
 
 TEST_F(HttpServerTest, SilentConnectionsAreClosed) {

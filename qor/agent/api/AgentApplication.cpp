@@ -139,66 +139,10 @@ bool hasFullAccess(const std::optional<HttpPeerCredentials>& peer) {
 /// One connection.
 class AgentClient final : public HttpClientHandler {
 public:
-    AgentClient(const AgentApplication& application, QORHost& host, bool fullAccess)
-        : m_application(application),
-          m_host(host),
-          m_session(host.newSession(fullAccess ? fullAccessContext() : noAccessContext())) {}
+    AgentClient(QORHost& host, bool fullAccess)
+        : m_host(host), m_session(host.newSession(fullAccess ? fullAccessContext() : noAccessContext())) {}
 
-    HttpReply handle(const HttpRequest& request) override {
-        const Route* const route = find(request.path);
-        HttpReply reply = route == nullptr ? errorReply(notFound, "there is nothing at " + std::string(request.path))
-                                           : follow(*route, request);
-        logMessage(4, "QORAgent", "qor/agent/api/AgentApplication", "handle", "%.*s %.*s %u, %zu bytes",
-                   static_cast<int>(request.method.size()), request.method.data(),
-                   static_cast<int>(request.path.size()), request.path.data(), reply.status, reply.body.size());
-        return reply;
-    }
-
-private:
-    enum class Access { Anybody, Full };
-
-    struct Route {
-        std::string_view path;
-        std::string_view method;
-        Access access;
-        HttpReply (AgentClient::*answer)(const HttpRequest&);
-    };
-
-    static const Route* find(std::string_view path) {
-        static constexpr std::array<Route, 6> routes{{
-            {"/v1/messages", "POST", Access::Anybody, &AgentClient::messages},
-            {"/v1/records", "POST", Access::Full, &AgentClient::records},
-            {"/v1/collect", "POST", Access::Full, &AgentClient::collect},
-            {"/v1/views", "GET", Access::Anybody, &AgentClient::views},
-            {"/v1/vocabulary", "GET", Access::Anybody, &AgentClient::vocabulary},
-            {"/v1/health", "GET", Access::Anybody, &AgentClient::health},
-        }};
-        for (const Route& route : routes) {
-            if (route.path == path) return &route;
-        }
-        return nullptr;
-    }
-
-    HttpReply follow(const Route& route, const HttpRequest& request) {
-        const bool headOfGet = route.method == "GET" && request.method == "HEAD";
-        if (request.method != route.method && !headOfGet) {
-            HttpReply reply =
-                errorReply(methodNotAllowed, std::string(route.path) + " takes " + std::string(route.method) + " only");
-            reply.allow = route.method == "GET" ? "GET, HEAD" : route.method;
-            return reply;
-        }
-        if (route.access == Access::Full && !QORAccessChecker::hasFullAccess(m_session->context())) {
-            return errorReply(forbidden, std::string(route.path) + " is for connections with full access");
-        }
-        try {
-            return (this->*route.answer)(request);
-        } catch (const QORException& exception) {
-            return errorReply(exception.code() == errBadRequest ? badRequest : failed, exception.code(),
-                              exception.message());
-        } catch (const std::exception& exception) {
-            return errorReply(failed, errFailure, exception.what());
-        }
-    }
+    HttpReply handle(const HttpRequest& request) override;
 
     HttpReply messages(const HttpRequest& request) {
         QORRouter::Answer answer = m_host.router().answer(*m_session, request.body);
@@ -208,12 +152,71 @@ private:
     HttpReply collect(const HttpRequest&) { return {ok, runCollectors()}; }
     HttpReply views(const HttpRequest&) { return {ok, viewsText()}; }
     HttpReply vocabulary(const HttpRequest&) { return {ok, vocabularyText()}; }
-    HttpReply health(const HttpRequest&) { return {ok, m_application.healthText()}; }
 
-    const AgentApplication& m_application;
+private:
     QORHost& m_host;
     std::unique_ptr<QORClientSession> m_session;
 };
+
+enum class Access { Anybody, Full };
+
+struct Route {
+    std::string_view path;
+    std::string_view method;
+    Access access;
+    HttpLane lane;
+    HttpReply (AgentClient::*answer)(const HttpRequest&);  ///< none: answered at once, see plan()
+};
+
+const Route* find(std::string_view path) {
+    static constexpr std::array<Route, 6> routes{{
+        {"/v1/messages", "POST", Access::Anybody, HttpLane::Reading, &AgentClient::messages},
+        {"/v1/records", "POST", Access::Full, HttpLane::Writing, &AgentClient::records},
+        {"/v1/collect", "POST", Access::Full, HttpLane::Writing, &AgentClient::collect},
+        {"/v1/views", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::views},
+        {"/v1/vocabulary", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::vocabulary},
+        {"/v1/health", "GET", Access::Anybody, HttpLane::Reading, nullptr},
+    }};
+    for (const Route& route : routes) {
+        if (route.path == path) return &route;
+    }
+    return nullptr;
+}
+
+/// Why a request is not taken; nothing when it is.
+std::optional<HttpReply> refusal(const Route* route, const HttpRequest& request, bool fullAccess) {
+    if (route == nullptr) return errorReply(notFound, "there is nothing at " + std::string(request.path));
+    const bool headOfGet = route->method == "GET" && request.method == "HEAD";
+    if (request.method != route->method && !headOfGet) {
+        HttpReply reply =
+            errorReply(methodNotAllowed, std::string(route->path) + " takes " + std::string(route->method) + " only");
+        reply.allow = route->method == "GET" ? "GET, HEAD" : route->method;
+        return reply;
+    }
+    if (route->access == Access::Full && !fullAccess)
+        return errorReply(forbidden, std::string(route->path) + " is for connections with full access");
+    return std::nullopt;
+}
+
+void logReply(const HttpRequest& request, const HttpReply& reply) {
+    logMessage(4, "QORAgent", "qor/agent/api/AgentApplication", "handle", "%.*s %.*s %u, %zu bytes",
+               static_cast<int>(request.method.size()), request.method.data(), static_cast<int>(request.path.size()),
+               request.path.data(), reply.status, reply.body.size());
+}
+
+HttpReply AgentClient::handle(const HttpRequest& request) {
+    HttpReply reply;
+    try {
+        reply = (this->*find(request.path)->answer)(request);
+    } catch (const QORException& exception) {
+        reply = errorReply(exception.code() == errBadRequest ? badRequest : failed, exception.code(),
+                           exception.message());
+    } catch (const std::exception& exception) {
+        reply = errorReply(failed, errFailure, exception.what());
+    }
+    logReply(request, reply);
+    return reply;
+}
 
 }  // namespace
 
@@ -221,8 +224,25 @@ AgentApplication::AgentApplication(QORHost& host) : m_host(host) {}
 
 AgentApplication::~AgentApplication() = default;
 
+HttpIdentity AgentApplication::identify(const std::optional<HttpPeerCredentials>& peer) {
+    return {peer ? "uid:" + std::to_string(peer->uid) : "unknown", hasFullAccess(peer)};
+}
+
+HttpPlan AgentApplication::plan(const HttpRequest& head, const std::optional<HttpPeerCredentials>& peer) {
+    const Route* const route = find(head.path);
+    HttpPlan plan;
+    plan.reply = refusal(route, head, hasFullAccess(peer));
+    if (!plan.reply && route->answer == nullptr) plan.reply = HttpReply{ok, healthText()};
+    if (plan.reply) {
+        logReply(head, *plan.reply);
+    } else {
+        plan.lane = route->lane;
+    }
+    return plan;
+}
+
 std::unique_ptr<HttpClientHandler> AgentApplication::connect(const std::optional<HttpPeerCredentials>& peer) {
-    return std::make_unique<AgentClient>(*this, m_host, hasFullAccess(peer));
+    return std::make_unique<AgentClient>(m_host, hasFullAccess(peer));
 }
 
 std::string AgentApplication::errorBody(unsigned status, std::string_view message) {

@@ -10,7 +10,7 @@
 /// | GET /v1/views          | anybody       | the database's views and their columns                              |
 /// | GET /v1/health         | anybody       | what the agent is made of and how it does                           |
 ///
-/// Anything else is 404 or 405. Every error body is an answer in message notation without elements, whose code is the
+/// Anything else is 404 or 405. These refusals and the health are given without a worker, whatever the workers do. Every error body is an answer in message notation without elements, whose code is the
 /// HTTP status where the error is HTTP's.
 #pragma once
 
@@ -40,6 +40,8 @@ public:
     /// Where the number of open connections comes from, for /v1/health. Before the first connection.
     void setConnectionCounter(std::function<std::size_t()> counter) { m_connections = std::move(counter); }
 
+    HttpIdentity identify(const std::optional<HttpPeerCredentials>& peer) override;
+    HttpPlan plan(const HttpRequest& head, const std::optional<HttpPeerCredentials>& peer) override;
     std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) override;
     std::string errorBody(unsigned status, std::string_view message) override;
 

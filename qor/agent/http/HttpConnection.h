@@ -7,21 +7,25 @@
 #include <algorithm>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/thread_pool.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/basic_stream.hpp>
 #include <boost/beast/core/error.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
+#include <chrono>
+#include <cstddef>
 #include <exception>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
+#include "agent/http/HttpRequestReader.h"
 #include "agent/http/HttpServer.h"
+#include "agent/http/WorkerPool.h"
 
 namespace QOR {
 
@@ -31,17 +35,34 @@ namespace net = boost::asio;
 
 class HttpConnection;
 
-/// What a connection needs of its server. Called on the server's own thread, except workers() from any.
+/// What a connection needs of its server. Called on the server's own thread.
 class HttpConnectionOwner {
 public:
     virtual const HttpServerOptions& options() const = 0;
     virtual HttpApplication& application() = 0;
-    virtual net::thread_pool& workers() = 0;
     virtual bool isStopping() const = 0;
     /// A request is being answered, from here to requestEnded().
     virtual void requestBegan() = 0;
     virtual void requestEnded() = 0;
     virtual void connectionClosed(HttpConnection& connection) = 0;
+
+    /// The connection waits for a request, and may be closed to make room; until it is busy.
+    virtual void connectionIdle(HttpConnection& connection) = 0;
+    virtual void connectionBusy(HttpConnection& connection) = 0;
+
+    /// Memory for a body: bodyGranted() is called as soon as there is enough, bodyExpired() when it takes too long.
+    /// \returns false when too many wait already
+    virtual bool awaitBodyMemory(HttpConnection& connection, std::size_t bytes) = 0;
+    /// More of it at once, or false.
+    virtual bool takeBodyMemory(const HttpConnection& connection, std::size_t bytes) = 0;
+    virtual void giveBodyMemory(const HttpConnection& connection, std::size_t bytes) = 0;
+
+    /// A worker for a request: turnGranted() or turnExpired() follows. \returns false when too many wait already
+    virtual bool awaitTurn(HttpConnection& connection, HttpLane lane) = 0;
+    virtual void giveTurn(const HttpConnection& connection, HttpLane lane) = 0;
+    virtual WorkerPool& workers(HttpLane lane) = 0;
+    /// Neither of the two is waited for any more.
+    virtual void stopWaiting(HttpConnection& connection) = 0;
 
 protected:
     ~HttpConnectionOwner() = default;
@@ -54,7 +75,27 @@ public:
     using Socket = net::local::stream_protocol::socket;
 
     HttpConnection(Socket socket, HttpConnectionOwner& owner)
-        : m_owner(owner), m_stream(std::move(socket)), m_peer(credentialsOf(m_stream.socket().native_handle())) {}
+        : m_owner(owner),
+          m_stream(std::move(socket)),
+          m_peer(credentialsOf(m_stream.socket().native_handle())),
+          m_identity(owner.application().identify(m_peer)),
+          m_input(firstRead) {}
+
+    const HttpIdentity& identity() const noexcept { return m_identity; }
+
+    /// Answers that there is no room, as far as the client takes it at once, and ends. In place of start().
+    void turnAway(const std::string& message) {
+        const std::string body = m_owner.application().errorBody(503, message);
+        const std::string answer =
+            "HTTP/1.1 503 Service Unavailable\r\nServer: qor-agent\r\nRetry-After: " + std::to_string(retryAfter) +
+            "\r\nConnection: close\r\nContent-Type: application/json\r\nContent-Length: " +
+            std::to_string(body.size()) + "\r\n\r\n" + body;
+        [[maybe_unused]] const ssize_t sent =
+            ::send(m_stream.socket().native_handle(), answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        m_closed = true;
+        beast::error_code ignored;
+        m_stream.socket().close(ignored);
+    }
 
     void start() { awaitRequest(); }
 
@@ -69,17 +110,36 @@ public:
         beast::error_code ignored;
         m_stream.socket().close(ignored);
         m_stream.cancel();
+        m_owner.stopWaiting(*this);
+        if (!m_working) dropRequest();
         if (!m_working) dropHandler();
         if (std::exchange(m_counted, false)) m_owner.requestEnded();
         m_owner.connectionClosed(*this);
     }
 
+    // ---- What the owner calls when something that was waited for has come, or has not.
+    void bodyGranted(std::size_t bytes) {
+        m_bodyMemory += bytes;
+        m_reader->reserveBody(m_bodyMemory);
+        sendContinue();
+    }
+    void bodyExpired() { turnDown("no memory for the body became free in time"); }
+    void turnGranted() {
+        m_working = true;
+        m_owner.workers(m_plan.lane).post([self = shared_from_this()] {
+            auto reply = std::make_shared<HttpReply>(self->answer());
+            net::post(self->m_stream.get_executor(), [self, reply] { self->onAnswered(std::move(*reply)); });
+        });
+    }
+    void turnExpired() { turnDown("the request waited too long for its turn; it was not run"); }
+
 private:
     using Stream = beast::basic_stream<net::local::stream_protocol>;
-    using Parser = http::request_parser<http::string_body>;
     using Response = http::response<http::string_body>;
     static constexpr std::size_t firstRead = std::size_t{8} << 10;
+    static constexpr std::size_t bodyRead = std::size_t{64} << 10;
     static constexpr auto lingerTime = std::chrono::seconds(5);
+    static constexpr unsigned retryAfter = 1;  // seconds
 
     static std::optional<HttpPeerCredentials> credentialsOf(int fd) {
         ucred peer{};
@@ -98,49 +158,125 @@ private:
 
     // ---- reading ------------------------------------------------------------------------------------------------
     void awaitRequest() {
-        m_parser.emplace();
-        m_parser->body_limit(m_owner.options().bodyLimit);
-        m_parser->header_limit(static_cast<std::uint32_t>(m_owner.options().headerLimit));
+        m_reader.emplace(m_owner.options().headerLimit, m_owner.options().bodyLimit);
         m_version = 11;
         m_bodyless = false;
-        if (m_buffer.size() > 0) {
-            readHeader();
+        if (m_begin < m_end) {
+            beginHead();
             return;
         }
+        m_input.resize(firstRead);
+        m_input.shrink_to_fit();
         // The first byte of a request may be long in coming; what follows it may not.
+        m_idle = true;
+        m_owner.connectionIdle(*this);
         m_stream.expires_after(m_owner.options().idleTimeout);
-        m_stream.async_read_some(m_buffer.prepare(firstRead), then(&HttpConnection::onFirstBytes));
+        read();
     }
 
-    void onFirstBytes(beast::error_code error, std::size_t size) {
+    /// Reads on into the input, which has been used up.
+    void read() {
+        m_begin = m_end = 0;
+        m_stream.async_read_some(net::buffer(m_input), then(&HttpConnection::onRead));
+    }
+
+    void onRead(beast::error_code error, std::size_t size) {
         if (error) {
             close();
             return;
         }
-        m_buffer.commit(size);
-        readHeader();
+        m_end = size;
+        if (std::exchange(m_idle, false)) {
+            m_owner.connectionBusy(*this);
+            beginHead();
+        } else {
+            readOn();
+        }
     }
 
-    void readHeader() {
+    void beginHead() {
         m_stream.expires_after(m_owner.options().headerTimeout);
-        http::async_read_header(m_stream, m_buffer, *m_parser, then(&HttpConnection::onHeader));
+        readOn();
     }
 
-    void onHeader(beast::error_code error, std::size_t) {
-        if (error) {
-            onReadError(error);
+    /// Takes what has been read, and reads more while the request is not complete.
+    void readOn() {
+        const std::size_t size =
+            m_reader->take(std::string_view(m_input.data(), m_input.size()).substr(m_begin, m_end - m_begin));
+        m_begin += size;
+        switch (m_reader->state()) {
+            case HttpRequestReader::State::Failed:
+                refuse(m_reader->failure().status, m_reader->failure().message);
+                break;
+            case HttpRequestReader::State::HeadDone:
+                onHead();
+                break;
+            case HttpRequestReader::State::Done:
+                dispatch();
+                break;
+            case HttpRequestReader::State::Body:
+                onBody(size);
+                break;
+            case HttpRequestReader::State::Head:
+                read();
+                break;
+        }
+    }
+
+    void onHead() {
+        m_version = m_reader->version();
+        m_keepAlive = m_reader->keepAlive();
+        m_bodyless = m_reader->method() == "HEAD";
+        if (m_owner.isStopping()) {
+            refuse(503, "the agent is stopping");
             return;
         }
-        m_version = m_parser->get().version();
-        m_bodyless = m_parser->get().method() == http::verb::head;
-        const beast::string_view expectation = m_parser->get()[http::field::expect];
-        if (expectation.empty() || m_parser->is_done()) {
-            readBody();
-        } else if (beast::iequals(expectation, "100-continue")) {
+        m_plan = plan();
+        const bool hasBody = !m_reader->bodyLength() || *m_reader->bodyLength() > 0;
+        if (m_plan.reply) {
+            count();
+            m_keepAlive = m_keepAlive && !hasBody;  // what follows would be taken for a request
+            dropRequest();
+            write(std::move(*m_plan.reply));
+        } else if (hasBody) {
+            prepareBody();
+        } else {
+            m_reader->beginBody();
+            dispatch();
+        }
+    }
+
+    HttpPlan plan() {
+        try {
+            return m_owner.application().plan(request(), m_peer);
+        } catch (const std::exception& exception) {
+            logMessage(0, "QORAgent", "qor/agent/http/HttpConnection", "plan", "%s", exception.what());
+            return {HttpLane::Reading, HttpReply{500, m_owner.application().errorBody(500, exception.what())}};
+        }
+    }
+
+    /// Small bodies need no permission: there are no more of them than connections.
+    void prepareBody() {
+        const std::string_view expectation = request().field("expect");
+        m_expectsContinue = !expectation.empty() && m_version == 11;
+        if (m_expectsContinue && !beast::iequals({expectation.data(), expectation.size()}, "100-continue")) {
+            refuse(417, "only \"100-continue\" can be expected");
+            return;
+        }
+        const std::uint64_t length = m_reader->bodyLength().value_or(0);
+        if (length <= m_owner.options().freeBody) {
+            sendContinue();
+        } else if (!m_owner.awaitBodyMemory(*this, static_cast<std::size_t>(length))) {
+            turnDown("too many bodies wait for memory");
+        }
+    }
+
+    void sendContinue() {
+        if (m_expectsContinue && m_begin == m_end) {
             static constexpr std::string_view goOn = "HTTP/1.1 100 Continue\r\n\r\n";
             net::async_write(m_stream, net::buffer(goOn), then(&HttpConnection::onContinueWritten));
         } else {
-            refuse(http::status::expectation_failed, "only \"100-continue\" can be expected");
+            beginBody();
         }
     }
 
@@ -148,40 +284,44 @@ private:
         if (error) {
             close();
         } else {
-            readBody();
+            beginBody();
         }
     }
 
-    void readBody() {
-        if (m_parser->is_done()) {
-            dispatch();
-            return;
-        }
+    void beginBody() {
+        m_reader->beginBody();
+        if (m_begin == m_end) m_input.resize(bodyRead);
+        beginBodySpan();
+        readOn();
+    }
+
+    /// Each span of time has to bring its share of the body.
+    void beginBodySpan() {
+        m_spanBytes = 0;
         m_stream.expires_after(m_owner.options().bodyTimeout);
-        http::async_read_some(m_stream, m_buffer, *m_parser, then(&HttpConnection::onBody));
     }
 
-    void onBody(beast::error_code error, std::size_t) {
-        if (error) {
-            onReadError(error);
-        } else {
-            readBody();
-        }
+    void onBody(std::size_t size) {
+        if (!chargeChunked()) return;
+        m_spanBytes += size;
+        const auto span = std::chrono::duration<double>(m_owner.options().bodyTimeout);
+        if (static_cast<double>(m_spanBytes) >= span.count() * static_cast<double>(m_owner.options().bodyRate))
+            beginBodySpan();
+        m_input.resize(bodyRead);
+        read();
     }
 
-    void onReadError(beast::error_code error) {
-        if (error == http::error::body_limit) {
-            refuse(http::status::payload_too_large,
-                   "the body is larger than " + std::to_string(m_owner.options().bodyLimit) + " bytes");
-        } else if (error == http::error::header_limit) {
-            refuse(http::status::request_header_fields_too_large,
-                   "the headers are larger than " + std::to_string(m_owner.options().headerLimit) + " bytes");
-        } else if (error.category() != make_error_code(http::error::bad_method).category() ||
-                   error == http::error::end_of_stream || error == http::error::partial_message) {
-            close();
-        } else {
-            refuse(http::status::bad_request, "this is not HTTP: " + error.message());
+    /// A body of unknown length takes memory as it grows; one that waited for it would keep what it has meanwhile.
+    bool chargeChunked() {
+        const std::size_t size = m_reader->body().size();
+        if (m_reader->bodyLength() || size <= std::max(m_owner.options().freeBody, m_bodyMemory)) return true;
+        const std::size_t more = std::min(std::max(size, m_bodyMemory), m_owner.options().bodyLimit - m_bodyMemory);
+        if (!m_owner.takeBodyMemory(*this, more)) {
+            turnDown("there is no memory for the body now");
+            return false;
         }
+        m_bodyMemory += more;
+        return true;
     }
 
     // ---- answering ----------------------------------------------------------------------------------------------
@@ -191,34 +331,38 @@ private:
     }
 
     void dispatch() {
-        m_request = m_parser->release();
-        m_keepAlive = m_request.keep_alive();
         if (m_owner.isStopping()) {
-            refuse(http::status::service_unavailable, "the agent is stopping");
+            refuse(503, "the agent is stopping");
             return;
         }
+        // A worker may take long, and its client reads only then.
+        m_stream.expires_never();
         count();
-        m_working = true;
         m_control = std::make_shared<QORRequestControl>(m_owner.options().deadline);
-        net::post(m_owner.workers(), [self = shared_from_this()] {
-            auto reply = std::make_shared<HttpReply>(self->answer());
-            net::post(self->m_stream.get_executor(), [self, reply] { self->onAnswered(std::move(*reply)); });
-        });
+        if (m_owner.awaitTurn(*this, m_plan.lane)) return;
+        dropRequest();
+        write(unavailable("too many requests wait for their turn"));
+    }
+
+    /// The request as far as it has been read. Views into the reader.
+    HttpRequest request() const {
+        const std::string_view target = m_reader->target();
+        const std::size_t mark = std::min(target.find('?'), target.size());
+        HttpRequest request;
+        request.method = m_reader->method();
+        request.path = target.substr(0, mark);
+        request.query = mark < target.size() ? target.substr(mark + 1) : std::string_view();
+        request.body = m_reader->body();
+        request.fields = m_reader->fields();
+        return request;
     }
 
     /// Runs on a worker.
     HttpReply answer() {
-        const std::string_view target(m_request.target().data(), m_request.target().size());
-        const std::size_t mark = std::min(target.find('?'), target.size());
-        HttpRequest request;
-        request.method = {m_request.method_string().data(), m_request.method_string().size()};
-        request.path = target.substr(0, mark);
-        request.query = mark < target.size() ? target.substr(mark + 1) : std::string_view();
-        request.body = m_request.body();
         const QORRequestScope scope(m_control);
         try {
             if (!m_handler) m_handler = m_owner.application().connect(m_peer);
-            return m_handler->handle(request);
+            return m_handler->handle(request());
         } catch (const std::exception& exception) {
             logMessage(0, "QORAgent", "qor/agent/http/HttpConnection", "answer", "%s", exception.what());
             return {500, m_owner.application().errorBody(500, exception.what())};
@@ -227,21 +371,41 @@ private:
 
     void onAnswered(HttpReply reply) {
         m_working = false;
-        m_control.reset();
+        m_owner.giveTurn(*this, m_plan.lane);
+        dropRequest();
         if (m_closed) {
             dropHandler();
             return;
         }
-        m_request = {};
         write(std::move(reply));
     }
 
+    /// The request has been answered or given up: its memory is free.
+    void dropRequest() {
+        m_control.reset();
+        m_reader.reset();
+        if (m_bodyMemory > 0) m_owner.giveBodyMemory(*this, std::exchange(m_bodyMemory, 0));
+    }
+
     /// Answers without asking the application, and ends the connection: its next byte may be anything.
-    void refuse(http::status status, const std::string& message) {
-        const auto code = static_cast<unsigned>(status);
+    void refuse(unsigned status, const std::string& message) {
+        end({status, m_owner.application().errorBody(status, message)});
+    }
+
+    /// The same when it may be tried again.
+    void turnDown(const char* message) { end(unavailable(message)); }
+
+    HttpReply unavailable(const char* message) const {
+        HttpReply reply{503, m_owner.application().errorBody(503, message)};
+        reply.retryAfter = retryAfter;
+        return reply;
+    }
+
+    void end(HttpReply reply) {
         m_keepAlive = false;
-        count();
-        write({code, m_owner.application().errorBody(code, message)});
+        dropRequest();
+        if (!m_counted) count();
+        write(std::move(reply));
     }
 
     // ---- writing ------------------------------------------------------------------------------------------------
@@ -251,6 +415,7 @@ private:
         m_response->set(http::field::server, "qor-agent");
         m_response->set(http::field::content_type, reply.contentType);
         if (!reply.allow.empty()) m_response->set(http::field::allow, reply.allow);
+        if (reply.retryAfter > 0) m_response->set(http::field::retry_after, std::to_string(reply.retryAfter));
         m_response->keep_alive(m_keepAlive);
         m_response->content_length(reply.body.size());
         if (!m_bodyless) m_response->body() = std::move(reply.body);
@@ -276,26 +441,25 @@ private:
     void onReplied() {
         m_serializer.reset();
         m_response.reset();
-        const bool goOn = m_keepAlive;
-        if (goOn) {
+        // First, because the next request may be here already, and count itself.
+        if (std::exchange(m_counted, false)) m_owner.requestEnded();
+        if (m_keepAlive) {
             awaitRequest();
         } else {
             beginLinger();
         }
-        // Last, because this may end the server and with it the connection.
-        if (std::exchange(m_counted, false)) m_owner.requestEnded();
     }
 
     /// A client that is still sending would lose the reply if the connection were closed at once.
     void beginLinger() {
         beast::error_code ignored;
         m_stream.socket().shutdown(net::socket_base::shutdown_send, ignored);
-        m_buffer.clear();
+        m_input.resize(firstRead);
         m_stream.expires_after(lingerTime);
         linger();
     }
 
-    void linger() { m_stream.async_read_some(m_buffer.prepare(firstRead), then(&HttpConnection::onLingered)); }
+    void linger() { m_stream.async_read_some(net::buffer(m_input), then(&HttpConnection::onLingered)); }
 
     void onLingered(beast::error_code error, std::size_t) {
         if (error) {
@@ -308,23 +472,30 @@ private:
     /// The handler's end may take its time too: operators are told that their client has gone.
     void dropHandler() {
         if (!m_handler) return;
-        net::post(m_owner.workers(),
-                  [handler = std::shared_ptr<HttpClientHandler>(std::move(m_handler))]() mutable { handler.reset(); });
+        m_owner.workers(HttpLane::Reading)
+            .post([handler = std::shared_ptr<HttpClientHandler>(std::move(m_handler))]() mutable { handler.reset(); });
     }
 
     HttpConnectionOwner& m_owner;
     Stream m_stream;
     const std::optional<HttpPeerCredentials> m_peer;
+    const HttpIdentity m_identity;
     std::unique_ptr<HttpClientHandler> m_handler;  // the worker's while m_working, else the server thread's
-    beast::flat_buffer m_buffer;
-    std::optional<Parser> m_parser;
-    Parser::value_type m_request;
-    std::shared_ptr<QORRequestControl> m_control;  // of the request that a worker runs
+    std::vector<char> m_input;                     // what has been read: m_begin to m_end is not yet taken
+    std::size_t m_begin = 0;
+    std::size_t m_end = 0;
+    std::optional<HttpRequestReader> m_reader;  // the worker reads it while m_working
+    HttpPlan m_plan;
+    std::size_t m_bodyMemory = 0;                  // what the owner has granted for the body
+    std::size_t m_spanBytes = 0;                   // of the body, in the present span of time
+    std::shared_ptr<QORRequestControl> m_control;  // of the request that waits for its turn or is worked on
     std::optional<Response> m_response;
     std::optional<http::response_serializer<http::string_body>> m_serializer;
     unsigned m_version = 11;
     bool m_bodyless = false;
     bool m_keepAlive = false;
+    bool m_expectsContinue = false;
+    bool m_idle = false;
     bool m_working = false;
     bool m_counted = false;
     bool m_closed = false;

@@ -13,21 +13,40 @@ namespace QOR {
 
 struct HttpServerOptions {
     std::filesystem::path socketPath;
-    std::size_t threads = 16;                                            ///< requests that are answered at once
-    std::size_t bodyLimit = std::size_t{64} << 20;                       ///< bytes of a request's body
-    std::size_t headerLimit = std::size_t{16} << 10;                     ///< bytes of a request's line and headers
-    std::size_t maxConnections = 1024;                                   ///< more wait in the system's queue
+    std::size_t threads = 16;              ///< requests that are answered at once
+    std::size_t writers = 4;               ///< requests of the writing lane, beside those
+    std::size_t requestsPerIdentity = 0;   ///< of one identity that are answered at once; 0: half of the threads
+    std::size_t waitingPerIdentity = 256;  ///< of one identity that wait for their turn; more are turned down
+    std::size_t waiting = 1024;            ///< in all that wait for their turn
+
+    std::size_t maxConnections = 1024;         ///< for a further one an idle one is closed, or it is turned away
+    std::size_t connectionsPerIdentity = 512;  ///< of one identity
+    std::size_t reservedConnections = 32;      ///< of maxConnections, kept for identities that may use them
+
+    std::size_t headerLimit = std::size_t{16} << 10;                ///< bytes of a request's line and headers
+    std::size_t bodyLimit = std::size_t{64} << 20;                  ///< bytes of a request's body
+    std::size_t freeBody = std::size_t{64} << 10;                   ///< up to here a body needs no permission
+    std::size_t bodyMemory = std::size_t{256} << 20;                ///< bytes of larger bodies in all, until answered
+    std::size_t bodyMemoryPerIdentity = std::size_t{128} << 20;     ///< of one identity
+    std::chrono::milliseconds bodyWait = std::chrono::seconds(30);  ///< for that memory
+
     std::chrono::milliseconds idleTimeout = std::chrono::hours(1);       ///< between requests
     std::chrono::milliseconds headerTimeout = std::chrono::seconds(30);  ///< from a request's first byte to its body
-    std::chrono::milliseconds bodyTimeout = std::chrono::seconds(30);    ///< without a byte of the body arriving
-    std::chrono::milliseconds writeTimeout = std::chrono::seconds(60);   ///< without a byte of the reply taken
-    std::chrono::milliseconds deadline = std::chrono::seconds(30);       ///< for an answer, from the whole request on
+    std::chrono::milliseconds bodyTimeout = std::chrono::seconds(10);    ///< spans in which a body is measured
+    std::size_t bodyRate = std::size_t{16} << 10;  ///< bytes a second that each span brings, or the body's end
+    std::chrono::milliseconds writeTimeout = std::chrono::seconds(60);  ///< without a byte of the reply taken
+    std::chrono::milliseconds deadline = std::chrono::seconds(30);  ///< for an answer, from the whole request on; one
+                                                                    ///< that waits so long for its turn is not run
     std::chrono::milliseconds grace = std::chrono::seconds(30);  ///< for requests in flight when the server stops
 };
 
 /// A server. One thread does all reading and writing, so a slow client holds up nobody; requests run on worker
 /// threads, so a slow request holds up neither other clients nor the acceptance of new ones. The requests of one
 /// connection are answered one after the other, in order, whether the client waits for the answers or not.
+///
+/// Clients share by identity, not by connection: identities take turns for workers and for the memory of large bodies,
+/// none may have all of either, and when there are too many connections the longest idle one of whoever has the most
+/// is closed. What finds no room is answered 503 with Retry-After.
 class HttpServer {
 public:
     /// Takes the socket; clients may connect from now on and are served by run().

@@ -4,8 +4,11 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,19 +23,49 @@ struct HttpPeerCredentials {
     gid_t gid;
 };
 
-/// A request that has been read whole. Views are valid during the call that is handed the request.
+/// On whose account a connection is: limits are counted and turns are taken by it.
+struct HttpIdentity {
+    std::string key;        ///< equal for connections that share their limits, for example "uid:1000"
+    bool reserved = false;  ///< may also use the connections that are kept free for those who look after the agent
+};
+
+/// One field of a request's head.
+struct HttpField {
+    std::string_view name;  ///< as it was spelled
+    std::string_view value;
+};
+
+/// A request. Views are valid during the call that is handed the request.
 struct HttpRequest {
     std::string_view method;
     std::string_view path;   ///< before '?'
     std::string_view query;  ///< behind it
-    std::string_view body;
+    std::string_view body{};
+    std::span<const HttpField> fields{};
+
+    /// The first field of that name, which is matched without regard to case; empty when there is none.
+    std::string_view field(std::string_view name) const noexcept;
 };
 
 struct HttpReply {
     unsigned status = 200;
     std::string body;
     std::string contentType = "application/json";
-    std::string allow{};  ///< value of the header Allow; empty: none
+    std::string allow{};      ///< value of the header Allow; empty: none
+    unsigned retryAfter = 0;  ///< seconds, value of the header Retry-After; 0: none
+};
+
+/// Workers that a request waits for. What waits for one lane does not hold up another.
+enum class HttpLane : std::uint8_t {
+    Reading,  ///< asks only
+    Writing,  ///< stores something, and may wait for others that do
+};
+constexpr std::size_t httpLaneCount = 2;
+
+/// What becomes of a request, decided from its head.
+struct HttpPlan {
+    HttpLane lane = HttpLane::Reading;
+    std::optional<HttpReply> reply{};  ///< given at once in place of asking a handler; the body is not looked at
 };
 
 /// The application's side of one connection. Made when the connection is accepted and destroyed when it has closed;
@@ -53,6 +86,12 @@ public:
     virtual ~HttpApplication();
     /// \param peer empty when the system does not tell who it is
     virtual std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) = 0;
+    /// Whose a connection is; as often as it is asked the same for the same peer. Called on the server's thread.
+    virtual HttpIdentity identify(const std::optional<HttpPeerCredentials>& peer);
+    /// Where a request goes, or its reply when that takes no time: a refusal, what is known without asking anybody.
+    /// Called on the server's thread, which serves everybody: must not wait for anything.
+    /// \param head the request without its body
+    virtual HttpPlan plan(const HttpRequest& head, const std::optional<HttpPeerCredentials>& peer);
     /// The body of a reply that the server itself gives (an error of the protocol, a refusal).
     virtual std::string errorBody(unsigned status, std::string_view message) = 0;
 

@@ -1,0 +1,157 @@
+/// \file
+/// An HTTP server in this process, with an application that echoes, for tests that talk to it over its socket.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "agent/http/HttpServer.h"
+#include "support/HttpClient.h"
+#include "support/TemporaryDirectory.h"
+
+namespace QOR::test {
+
+/// Opens once, for everybody who waits.
+class Gate {
+public:
+    void open() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_open = true;
+        m_changed.notify_all();
+    }
+    void pass() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_waiting;
+        m_changed.notify_all();
+        m_changed.wait(lock, [this] { return m_open; });
+        --m_waiting;
+    }
+    /// Until that many wait.
+    void awaitWaiting(int number) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [&] { return m_waiting >= number; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_open = false;
+    int m_waiting = 0;
+};
+
+/// Echoes bodies; some paths do more.
+class EchoApplication final : public HttpApplication {
+public:
+    HttpIdentity identify(const std::optional<HttpPeerCredentials>&) override {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_identity;
+    }
+    HttpPlan plan(const HttpRequest& head, const std::optional<HttpPeerCredentials>&) override {
+        HttpPlan plan;
+        if (head.path == "/now") plan.reply = HttpReply{200, "now"};
+        if (head.path == "/no") plan.reply = HttpReply{404, "no"};
+        if (head.path.starts_with("/write")) plan.lane = HttpLane::Writing;
+        return plan;
+    }
+    std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) override {
+        if (peer) lastUid = peer->uid;
+        ++connected;
+        return std::make_unique<Handler>(*this);
+    }
+    std::string errorBody(unsigned status, std::string_view message) override {
+        return "{\"status\":" + std::to_string(status) + ",\"message\":\"" + std::string(message) + "\"}";
+    }
+
+    /// Whose the connections are that are accepted from now on.
+    void setIdentity(const HttpIdentity& identity) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_identity = identity;
+    }
+
+    /// Targets of the requests that handlers were given, in order.
+    std::vector<std::string> handled() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_handled;
+    }
+
+    Gate gate;
+    std::atomic<int> connected{0};
+    std::atomic<int> gone{0};
+    std::atomic<uid_t> lastUid{static_cast<uid_t>(-1)};
+
+private:
+    class Handler final : public HttpClientHandler {
+    public:
+        explicit Handler(EchoApplication& application) : m_application(application) {}
+        ~Handler() override { ++m_application.gone; }
+        HttpReply handle(const HttpRequest& request) override {
+            ++m_requests;
+            m_application.note(std::string(request.path));
+            if (request.path == "/wait" || request.path == "/write/wait") m_application.gate.pass();
+            if (request.path == "/throw") throw std::runtime_error("thrown");
+            if (request.path == "/big") return {200, std::string(std::stoul(std::string(request.body)), 'b')};
+            if (request.path == "/number") return {200, std::to_string(m_requests)};
+            if (request.path == "/teapot") return {418, "{}", "text/plain", "POST"};
+            return {200, std::string(request.method) + " " + std::string(request.path) + " " +
+                             std::string(request.query) + " " + std::string(request.body)};
+        }
+
+    private:
+        EchoApplication& m_application;
+        int m_requests = 0;
+    };
+
+    void note(const std::string& path) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_handled.push_back(path);
+    }
+
+    std::mutex m_mutex;
+    HttpIdentity m_identity{"tester", true};
+    std::vector<std::string> m_handled;
+};
+
+class HttpServerTest : public testing::Test {
+protected:
+    HttpServerTest() { options.socketPath = directory / "http.sock"; }
+    ~HttpServerTest() override {
+        application.gate.open();
+        if (server) stop();
+    }
+
+    void start() {
+        server = std::make_unique<HttpServer>(options, application);
+        result = std::async(std::launch::async, [this] { return server->run(); });
+    }
+    bool stop() {
+        server->stop();
+        const bool answered = result.get();
+        server.reset();
+        return answered;
+    }
+    /// A connection that the server has accepted as that identity.
+    HttpClient connectAs(const std::string& key, bool reserved = false) {
+        application.setIdentity({key, reserved});
+        HttpClient client = connect();
+        if (client.get("/now").status != 200) throw std::runtime_error(key + " was not let in");
+        return client;
+    }
+    HttpClient connect() const { return HttpClient(options.socketPath.string()); }
+
+    TemporaryDirectory directory;
+    HttpServerOptions options;
+    EchoApplication application;
+    std::unique_ptr<HttpServer> server;
+    std::future<bool> result;
+};
+
+}  // namespace QOR::test
