@@ -51,6 +51,7 @@ public:
         addRequest();
         addViews();
         addFields();
+        addStatus();
         addImport();
         addSample();
         addCollect();
@@ -190,6 +191,13 @@ private:
         addConnection(*app, false);
     }
 
+    void addStatus() {
+        CLI::App* const app = command("status", "How the agent does, and what its database is and lacks",
+                                      [this] { runStatus(m_connection, m_statusPrint); });
+        addPrinting(*app, m_statusPrint);
+        addConnection(*app, false);
+    }
+
     void addImport() {
         CLI::App* const app =
             command("import", "Store records, one JSON object a line", [this] { runImport(m_connection, m_import); });
@@ -230,6 +238,7 @@ private:
     QORRequestOptions m_request;
     QORViewsOptions m_views;
     QORFieldsOptions m_fields;
+    QORPrintOptions m_statusPrint;
     QORImportOptions m_import;
     QORSampleCommandOptions m_sample;
     std::function<void()> m_run;

@@ -127,6 +127,14 @@ TEST_F(AgentStranger, MayNotBringOrCollectRecords) {
     }
 }
 
+TEST_F(AgentStranger, MayNotSeeWhatIsKnownOfAllRecords) {
+    EXPECT_THAT(ask([](HttpClient& client) {
+                    const HttpAnswer answer = client.get("/v1/status");
+                    return std::to_string(answer.status) + " " + answer.body;
+                }),
+                testing::AllOf(testing::StartsWith("403 "), HasSubstr("full access")));
+}
+
 TEST_F(AgentStranger, MayLookAtViewsAndHealth) {
     for (const char* target : {"/v1/views", "/v1/health"}) {
         EXPECT_EQ(ask([&](HttpClient& client) { return std::to_string(client.get(target).status); }), "200") << target;

@@ -232,6 +232,13 @@ TEST_F(Agent, HealthTellsWhatIsLoaded) {
                                    HasSubstr(R"("plugins":["libQORProbe.so"])"), HasSubstr(R"("connections":1)")));
 }
 
+TEST_F(Agent, StatusTellsOfTheDatabase) {
+    const HttpAnswer answer = connect().get("/v1/status");
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_THAT(answer.body, AllOf(HasSubstr(R"("engine":"SQLite","schema":)"), HasSubstr(R"(,"readOnly":false})"),
+                                   HasSubstr(R"("unreadable":[])")));
+}
+
 TEST_F(Agent, ViewsAreListedWithTheirColumns) {
     const HttpAnswer answer = connect().get("/v1/views");
     EXPECT_EQ(answer.status, 200);

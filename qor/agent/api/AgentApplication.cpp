@@ -15,6 +15,7 @@
 #include "QORMessage/QORNotation.h"
 #include "agent/api/AgentRecords.h"
 #include "host/QORHost.h"
+#include "host/QORStatus.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
@@ -132,6 +133,45 @@ std::string vocabularyText() {
     return {buffer.GetString(), buffer.GetSize()};
 }
 
+void writeUnreadable(JsonWriter& json, const std::optional<std::vector<QORUnreadableDocuments>>& unreadable) {
+    if (!unreadable) {
+        json.Null();
+        return;
+    }
+    json.StartArray();
+    for (const QORUnreadableDocuments& column : *unreadable) {
+        json.StartObject();
+        writeMember(json, "table", column.table);
+        writeMember(json, "column", column.column);
+        writeKey(json, "count");
+        json.Uint64(column.count);
+        json.EndObject();
+    }
+    json.EndArray();
+}
+
+/// `{"database":{"name":"...","engine":"SQLite","schema":4,"readOnly":false},"unreadable":[{"table":"...",
+/// "column":"...","count":1},...]}`; unreadable is null where nobody has looked.
+std::string statusText() {
+    const QORDatabaseStatus status = readDatabaseStatus();
+    rapidjson::StringBuffer buffer;
+    JsonWriter json(buffer);
+    json.StartObject();
+    writeKey(json, "database");
+    json.StartObject();
+    writeMember(json, "name", status.name);
+    writeMember(json, "engine", status.engine);
+    writeKey(json, "schema");
+    json.Int(status.schemaVersion);
+    writeKey(json, "readOnly");
+    json.Bool(status.readOnly);
+    json.EndObject();
+    writeKey(json, "unreadable");
+    writeUnreadable(json, status.unreadable);
+    json.EndObject();
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
 bool hasFullAccess(const std::optional<HttpPeerCredentials>& peer) {
     return peer && (peer->uid == 0 || peer->uid == ::geteuid());
 }
@@ -152,6 +192,7 @@ public:
     HttpReply collect(const HttpRequest&) { return {ok, runCollectors()}; }
     HttpReply views(const HttpRequest&) { return {ok, viewsText()}; }
     HttpReply vocabulary(const HttpRequest&) { return {ok, vocabularyText()}; }
+    HttpReply status(const HttpRequest&) { return {ok, statusText()}; }
 
 private:
     QORHost& m_host;
@@ -169,12 +210,13 @@ struct Route {
 };
 
 const Route* find(std::string_view path) {
-    static constexpr std::array<Route, 6> routes{{
+    static constexpr std::array<Route, 7> routes{{
         {"/v1/messages", "POST", Access::Anybody, HttpLane::Reading, &AgentClient::messages},
         {"/v1/records", "POST", Access::Full, HttpLane::Writing, &AgentClient::records},
         {"/v1/collect", "POST", Access::Full, HttpLane::Writing, &AgentClient::collect},
         {"/v1/views", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::views},
         {"/v1/vocabulary", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::vocabulary},
+        {"/v1/status", "GET", Access::Full, HttpLane::Reading, &AgentClient::status},
         {"/v1/health", "GET", Access::Anybody, HttpLane::Reading, nullptr},
     }};
     for (const Route& route : routes) {

@@ -8,6 +8,7 @@
 /// | POST /v1/records       | full access   | NDJSON records taken in: counts and the refused lines               |
 /// | POST /v1/collect       | full access   | the collectors run now: counts                                      |
 /// | GET /v1/views          | anybody       | the database's views and their columns                              |
+/// | GET /v1/status         | full access   | what the database is, and which stored documents cannot be read     |
 /// | GET /v1/health         | anybody       | what the agent is made of and how it does                           |
 ///
 /// Anything else is 404 or 405. These refusals and the health are given without a worker, whatever the workers do. Every error body is an answer in message notation without elements, whose code is the

@@ -298,6 +298,13 @@ std::vector<QORViewColumn> QORAgentBackend::views() {
     return readViewsReply(m_connection->receive());
 }
 
+QORBackendStatus QORAgentBackend::status() {
+    m_connection->sendRequest("GET", "/v1/status", "");
+    const QORDatabaseStatus database = readStatusReply(m_connection->receive());
+    m_connection->sendRequest("GET", "/v1/health", "");
+    return {readHealthReply(m_connection->receive()), database};
+}
+
 QORPtr<const QORVocMap> QORAgentBackend::vocabulary() {
     m_connection->sendRequest("GET", "/v1/vocabulary", "");
     return readVocabularyReply(m_connection->receive());

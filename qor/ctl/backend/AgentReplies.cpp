@@ -119,4 +119,26 @@ QORPtr<const QORVocMap> readVocabularyReply(std::string_view json) {
     return vocabulary;
 }
 
+QORDatabaseStatus readStatusReply(std::string_view json) {
+    const Document document = parse(json, "database");
+    const Value& database = member(document, "database");
+    QORDatabaseStatus status;
+    status.name = textOf(member(database, "name"));
+    status.engine = textOf(member(database, "engine"));
+    status.schemaVersion = static_cast<int>(numberOf(database, "schema"));
+    const Value& readOnly = member(database, "readOnly");
+    status.readOnly = readOnly.IsBool() && readOnly.GetBool();
+    if (member(document, "unreadable").IsNull()) return status;
+    auto& columns = status.unreadable.emplace();
+    for (const Value& column : arrayOf(document, "unreadable").GetArray())
+        columns.push_back(
+            {textOf(member(column, "table")), textOf(member(column, "column")), numberOf(column, "count")});
+    return status;
+}
+
+QORAgentHealth readHealthReply(std::string_view json) {
+    const Document document = parse(json, "status");
+    return {textOf(member(document, "status")), textOf(member(document, "version")), numberOf(document, "uptime")};
+}
+
 }  // namespace QOR

@@ -7,6 +7,7 @@
 
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibLocal/QORVocabulary.h"
+#include "backend/Backend.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"
 
@@ -18,5 +19,7 @@ QORIngestResult readIngestReply(std::string_view json);
 QORCollectResult readCollectReply(std::string_view json);
 std::vector<QORViewColumn> readViewsReply(std::string_view json);
 QORPtr<const QORVocMap> readVocabularyReply(std::string_view json);
+QORDatabaseStatus readStatusReply(std::string_view json);
+QORAgentHealth readHealthReply(std::string_view json);
 
 }  // namespace QOR

@@ -15,6 +15,7 @@
 #include "LineInput.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibLocal/QORVocabulary.h"
+#include "host/QORStatus.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"
 
@@ -28,6 +29,18 @@ struct QORConnectionOptions {
     bool readOnly = false;
     std::string config;   ///< vocabulary file, standalone only
     std::string plugIns;  ///< folder; empty: those that belong to the program
+};
+
+/// How an agent does, as it says itself.
+struct QORAgentHealth {
+    std::string status;  ///< "ok", or what else it calls itself
+    std::string version;
+    std::uint64_t uptime = 0;  ///< seconds
+};
+
+struct QORBackendStatus {
+    std::optional<QORAgentHealth> agent;  ///< absent without an agent
+    QORDatabaseStatus database;
 };
 
 /// One connection, or one host in the process. One thread at a time, but where said otherwise.
@@ -53,6 +66,8 @@ public:
     virtual std::vector<QORViewColumn> views() = 0;
     /// What the other side's configuration tells its plug-ins; never null.
     virtual QORPtr<const QORVocMap> vocabulary() = 0;
+    /// For clients with full access.
+    virtual QORBackendStatus status() = 0;
 
     /// Bytes that one request may have.
     static constexpr std::size_t requestLimit = std::size_t{64} << 20;

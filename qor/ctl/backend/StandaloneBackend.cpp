@@ -68,6 +68,14 @@ QORPtr<const QORVocMap> QORStandaloneBackend::vocabulary() {
     return vocCacheLocal()->getVocabulary();
 }
 
+QORBackendStatus QORStandaloneBackend::status() {
+    try {
+        return {std::nullopt, readDatabaseStatus()};
+    } catch (const std::exception& error) {
+        throw QORCtlError::answered(errFailure, error.what());
+    }
+}
+
 std::vector<QORViewColumn> QORStandaloneBackend::views() {
     try {
         QORRdbmsTran transaction(ASAccess::Read);

@@ -20,6 +20,7 @@ public:
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;
     QORPtr<const QORVocMap> vocabulary() override;
+    QORBackendStatus status() override;
 
 private:
     QORIngest m_ingest;

@@ -60,6 +60,7 @@ void runRows(const QORConnectionOptions& connection, const QORRowsOptions& optio
 void runRequest(const QORConnectionOptions& connection, const QORRequestOptions& options);
 void runViews(const QORConnectionOptions& connection, const QORViewsOptions& options);
 void runFields(const QORConnectionOptions& connection, const QORFieldsOptions& options);
+void runStatus(const QORConnectionOptions& connection, const QORPrintOptions& print);
 void runImport(const QORConnectionOptions& connection, const QORImportOptions& options);
 void runSample(const QORConnectionOptions& connection, const QORSampleCommandOptions& options);
 void runCollect(const QORConnectionOptions& connection);

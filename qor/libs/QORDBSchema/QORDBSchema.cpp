@@ -3,12 +3,14 @@
 #include <chrono>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORSchemaSteps.h"
+#include "QORDBSchema/QORStoredDocuments.h"
 #include "QORDBSchema/SchemaTable.h"
 
 namespace QOR {
@@ -19,18 +21,13 @@ constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORDBSchema";
 /// What tells a database of ours from another program's that happens to have a table of the same name.
 constexpr std::string_view mark = "QORPager host database";
 
-constexpr int latestVersion = 3;
-
-std::span<const char* const> statementsOf(int version) {
-    switch (version) {
-        case 1:
-            return inventorySchema;
-        case 2:
-            return logSchema;
-        default:
-            return counterSchema;
-    }
+/// The steps in order; the first leads to version 1. Made when it is needed, as the steps are other units' objects.
+const std::vector<QORSchemaStep>& steps() {
+    static const std::vector<QORSchemaStep> all{{inventorySchema}, {logSchema}, {counterSchema}, documentSchema};
+    return all;
 }
+
+constexpr int latestVersion = 4;
 
 bool hasRows(ASStatement& statement) {
     statement.execute();
@@ -90,8 +87,10 @@ void createMark(ASSession& session) {
 }
 
 void applyStep(ASSession& session, int version) {
-    for (const char* statement : statementsOf(version))
+    const QORSchemaStep& step = steps().at(static_cast<std::size_t>(version) - 1);
+    for (const char* statement : step.statements)
         session.execute(statement);
+    if (step.work != nullptr) step.work(session);
     session.prepare("INSERT INTO qor_schema_version (version, mark, applied) VALUES (?, ?, ?)")
         .bind(1, std::int64_t{version})
         .bind(2, mark)
@@ -130,6 +129,14 @@ QORSchemaReport openReadOnly(ASDatabaseOptions options) {
     return {state, state.version, true};
 }
 
+void warnOfDocuments(const std::string& database) {
+    QORRdbmsTran tran(ASAccess::Read);
+    const auto unreadable = unreadableDocuments(*tran);
+    if (!unreadable || unreadable->empty()) return;
+    logMessage(1, "QORDBSchema", sourcePath, __func__, "Database '%s': stored documents that cannot be read: %s",
+               database.c_str(), describe(*unreadable).c_str());
+}
+
 }  // namespace
 
 int QORDBSchema::currentVersion() noexcept {
@@ -157,6 +164,12 @@ int QORDBSchema::migrate(ASSession& session, int version) {
 }
 
 QORSchemaReport QORDBSchema::open(const ASDatabaseOptions& options, QORSchemaMode mode) {
+    const QORSchemaReport report = openDatabase(options, mode);
+    warnOfDocuments(databaseName(options.connectionString));
+    return report;
+}
+
+QORSchemaReport QORDBSchema::openDatabase(const ASDatabaseOptions& options, QORSchemaMode mode) {
     if (options.readOnly) return openReadOnly(options);
     // Merely opening a database for writing may change its file (its journal), so another program's is looked at first.
     const auto found = lookReadOnly(options);

@@ -45,7 +45,8 @@ public:
 
     /// Makes QORRdbms ready for use: finds out what the database is without writing to it, then, unless
     /// options.readOnly, creates what is missing and migrates an older version, all in one transaction that takes the
-    /// write lock first; programs that start together wait for each other. With options.readOnly nothing is ever
+    /// write lock first; programs that start together wait for each other. Stored documents that cannot be read are
+    /// counted in the log. With options.readOnly nothing is ever
     /// written and a missing database is an error.
     /// \throws QORException 1 for a database that is newer than this program, or another program's in mode Own; the
     /// text names the database. \throws AException when the database cannot be opened, read or written
@@ -65,6 +66,9 @@ public:
     /// The name of the database in a connection string, for messages: the value of Database (or of DSN), never a
     /// password.
     static std::string databaseName(const std::string& connectionString);
+
+private:
+    static QORSchemaReport openDatabase(const ASDatabaseOptions& options, QORSchemaMode mode);
 };
 
 }  // namespace QOR

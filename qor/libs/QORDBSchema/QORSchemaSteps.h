@@ -1,16 +1,18 @@
 /// \file
-/// The schema as a sequence of steps, each with the statements that lead from the version before to its own.
-/// A step that was released is never changed; what changes later is a further step.
+/// The schema as a sequence of steps, each with what leads from the version before to its own. A step that was released
+/// is never changed; what changes later is a further step.
 #pragma once
 
 #include <span>
 
 namespace QOR {
 
-/// One version's statements, in SQLite's dialect.
+class ASSession;
+
+/// What leads to one version, within the caller's transaction.
 struct QORSchemaStep {
-    int version;
-    std::span<const char* const> statements;
+    std::span<const char* const> statements;     ///< in SQLite's dialect, run first
+    void (*work)(ASSession& session) = nullptr;  ///< what statements cannot do; null for nothing. Throws to give up
 };
 
 /// Environments, their addresses and their backups.
@@ -19,5 +21,7 @@ extern const std::span<const char* const> inventorySchema;
 extern const std::span<const char* const> logSchema;
 /// Counters of the logs' records.
 extern const std::span<const char* const> counterSchema;
+/// Which documents cannot be read; documents that were stored with something behind them are mended.
+extern const QORSchemaStep documentSchema;
 
 }  // namespace QOR

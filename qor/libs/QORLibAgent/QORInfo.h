@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -57,6 +58,12 @@ public:
     /// Reads the XML form; the name of the root element is of no interest. White space beside elements is not text.
     /// \returns 0; non-zero, with the document unchanged, when the text is no such document or too deep
     int deserializeFromString(std::string_view xml);
+
+    /// Where the document at the beginning of a text ends: behind its root element, and behind what XML allows to
+    /// follow that (white space, comments, instructions) when nothing else does. Nothing when there is no whole root
+    /// element. Reads tags only, in memory that does not depend on the text's size; that the document can be read is
+    /// deserializeFromString() to say.
+    static std::optional<std::size_t> documentLength(std::string_view text);
 
     friend bool operator==(const QORInfo& a, const QORInfo& b) noexcept {
         return a.m_name == b.m_name && a.m_value == b.m_value && a.m_children == b.m_children;

@@ -118,27 +118,33 @@ INSTANTIATE_TEST_SUITE_P(All, QORInfoTexts,
                                            "<a>&amp;</a>", "]]>", "\"'", "größe €", std::string("a\0b", 3), "\x01",
                                            "\xFF\xFE", "\xEF\xBF\xBE", "\xEF\xBF\xBF", "YQ==", "\xF0\x9F\x98\x80"));
 
-TEST(QORInfoTest, RandomTreesSurviveTheXmlForm) {
-    std::mt19937 random(7);
+/// Names and texts of any bytes.
+QORInfo randomTree(std::mt19937& random) {
     const auto text = [&] {
         std::string bytes(random() % 6, '\0');
         for (char& byte : bytes)
             byte = static_cast<char>(random() % 4 == 0 ? random() : 'a' + random() % 26);
         return bytes;
     };
-    for (int round = 0; round < 300; ++round) {
-        std::vector<QORInfo> pool;
-        for (int i = 0; i < 20; ++i) {
-            QORInfo node(text(), text());
-            while (!pool.empty() && random() % 3 != 0) {
-                node.add(std::move(pool.back()));
-                pool.pop_back();
-            }
-            pool.push_back(std::move(node));
+    std::vector<QORInfo> pool;
+    for (int i = 0; i < 20; ++i) {
+        QORInfo node(text(), text());
+        while (!pool.empty() && random() % 3 != 0) {
+            node.add(std::move(pool.back()));
+            pool.pop_back();
         }
-        QORInfo info;
-        for (QORInfo& node : pool)
-            info.add(std::move(node));
+        pool.push_back(std::move(node));
+    }
+    QORInfo info;
+    for (QORInfo& node : pool)
+        info.add(std::move(node));
+    return info;
+}
+
+TEST(QORInfoTest, RandomTreesSurviveTheXmlForm) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 300; ++round) {
+        const QORInfo info = randomTree(random);
         QORInfo read;
         ASSERT_EQ(read.deserializeFromString(info.serializeToString()), 0);
         ASSERT_EQ(read, info) << info.serializeToString();
@@ -194,6 +200,71 @@ TEST(QORInfoTest, MovingTakesTheTreeAlong) {
     const QORInfo* package = info.getParameter("package");
     const QORInfo moved = std::move(info);
     EXPECT_EQ(moved.getParameter("package"), package);
+}
+
+TEST(QORInfoTest, ADocumentEndsBehindItsRootElement) {
+    using namespace std::string_literals;
+    const std::pair<std::string, std::optional<std::size_t>> cases[] = {
+        {"<info/>", 7},
+        {"<info></info>", 13},
+        {"<info/>x", 7},
+        {"<info/>\0</info>"s, 7},
+        {"<info/><info/>", 7},
+        {"<info/> \n<!-- a --><?b?>", 24},
+        {"<info/> x", 7},
+        {"<info/> <!-- a", 7},
+        {"<?xml version='1.0'?><!-- <info/> --> <a:b\xC3\xA9/>", 46},
+        {"\xEF\xBB\xBF<info/>", 10},
+        {"<info a=\"/>\" b='>'></info >!", 27},
+        {"<info><![CDATA[</info>]]><!--</info>--><?p </info>?></info>", 59},
+        {"<info><a>x</a><a/></info>", 25},
+        {"", std::nullopt},
+        {"x<info/>", std::nullopt},
+        {"<", std::nullopt},
+        {"<info", std::nullopt},
+        {"<info>", std::nullopt},
+        {"<info/", std::nullopt},
+        {"<info></inf", std::nullopt},
+        {"<info></info", std::nullopt},
+        {"<info></other>", std::nullopt},
+        {"<info><a></info></a>", std::nullopt},
+        {"<info a=\"></info>", std::nullopt},
+        {"<info><!-- </info>", std::nullopt},
+        {"</info>", std::nullopt},
+        {"<info <a/></info>", std::nullopt},
+        {"\0<info/>"s, std::nullopt},
+    };
+    for (const auto& [text, length] : cases)
+        EXPECT_EQ(QORInfo::documentLength(text), length) << text;
+}
+
+TEST(QORInfoTest, ADocumentDeeperThanAnyHasNoLength) {
+    for (const std::size_t depth : {QORInfo::maxDepth, QORInfo::maxDepth + 1}) {
+        std::string text = "<info>";
+        for (std::size_t i = 0; i < depth; ++i)
+            text += "<p>";
+        for (std::size_t i = 0; i < depth; ++i)
+            text += "</p>";
+        text += "</info>";
+        EXPECT_EQ(QORInfo::documentLength(text).has_value(), depth == QORInfo::maxDepth);
+        EXPECT_EQ(QORInfo().deserializeFromString(text) == 0, depth == QORInfo::maxDepth);
+    }
+}
+
+TEST(QORInfoTest, ADocumentIsFoundInFrontOfAnythingAndNeverInAPartOfItself) {
+    std::mt19937 random(20240601);
+    for (int round = 0; round < 300; ++round) {
+        const std::string text = randomTree(random).serializeToString();
+        std::string behind(random() % 20, '\0');
+        for (char& c : behind)
+            c = "\0<>/ainfo\xC3 \"'!-?[]"[random() % 21];
+        const auto length = QORInfo::documentLength(text + behind);
+        ASSERT_TRUE(length.has_value()) << text + behind;
+        EXPECT_TRUE(*length == text.size() || *length == text.size() + behind.size()) << text + behind;
+        for (std::size_t cut = 0; cut < text.size(); ++cut)
+            ASSERT_EQ(QORInfo::documentLength(std::string_view(text).substr(0, cut)), std::nullopt)
+                << text << ' ' << cut;
+    }
 }
 
 }  // namespace

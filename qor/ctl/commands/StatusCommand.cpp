@@ -1,0 +1,61 @@
+#include <unistd.h>
+
+#include <array>
+
+#include "commands/Commands.h"
+#include "commands/Printing.h"
+
+namespace QOR {
+namespace {
+
+/// Prints what has a name and a value, a line each.
+class StatusLines {
+public:
+    explicit StatusLines(QORRowSink& sink) : m_sink(sink) { m_sink.begin(std::array<std::string, 2>{"what", "value"}); }
+
+    void add(std::string_view what, std::string_view value) {
+        m_sink.row(std::array<QORCell, 2>{QORCell{QORCell::Kind::Text, what}, QORCell{QORCell::Kind::Text, value}});
+    }
+    void add(std::string_view what, std::uint64_t value) { add(what, std::to_string(value)); }
+
+private:
+    QORRowSink& m_sink;
+};
+
+void addDatabase(StatusLines& lines, const QORDatabaseStatus& database) {
+    lines.add("database", database.name);
+    lines.add("engine", database.engine);
+    lines.add("schema version",
+              database.schemaVersion == 0 ? "none: another program's" : std::to_string(database.schemaVersion));
+    lines.add("read-only", database.readOnly ? "yes" : "no");
+}
+
+void addDocuments(StatusLines& lines, const QORDatabaseStatus& database) {
+    if (!database.unreadable) return lines.add("unreadable documents", "not known");
+    std::uint64_t all = 0;
+    for (const QORUnreadableDocuments& column : *database.unreadable)
+        all += column.count;
+    lines.add("unreadable documents", all);
+    for (const QORUnreadableDocuments& column : *database.unreadable)
+        lines.add("unreadable in " + column.table + '.' + column.column, column.count);
+}
+
+}  // namespace
+
+void runStatus(const QORConnectionOptions& connection, const QORPrintOptions& print) {
+    const QORBackendStatus status = makeBackend(connection, QORBackendUse::Inspect)->status();
+    QORFileOutput out(STDOUT_FILENO);
+    const auto printer = makePrinter(print, false, out);
+    StatusLines lines(*printer);
+    if (status.agent) {
+        lines.add("agent", status.agent->status);
+        lines.add("version", status.agent->version);
+        lines.add("uptime", std::to_string(status.agent->uptime) + " s");
+    }
+    addDatabase(lines, status.database);
+    addDocuments(lines, status.database);
+    printer->end(std::nullopt);
+    out.flush();
+}
+
+}  // namespace QOR
