@@ -49,7 +49,7 @@ std::string outcome(TExpressionEvaluation& evaluator, Evaluate evaluate) {
     std::string text;
     try {
         (evaluator.*evaluate)();
-        text = evaluator.resultText();
+        text = evaluator.doToString();
     } catch (const std::out_of_range&) {
         text = "out of range";
     }

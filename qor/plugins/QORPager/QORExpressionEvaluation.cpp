@@ -1,5 +1,6 @@
 #include "QORPager/QORExpressionEvaluation.h"
 
+#include <algorithm>
 #include <cassert>
 #include <utility>
 
@@ -9,7 +10,7 @@ namespace QOR {
 
 TExpressionEvaluation::TExpressionEvaluation()
     : TExpressionEvaluationParser(m_errorCode, m_errorDetail), m_errorCode(etNoErrors) {
-    initializeIdentifiers();
+    initialize();
 }
 
 TExpressionEvaluation::TExpressionEvaluation(std::string_view text) : TExpressionEvaluation() {
@@ -17,6 +18,11 @@ TExpressionEvaluation::TExpressionEvaluation(std::string_view text) : TExpressio
 }
 
 TExpressionEvaluation::~TExpressionEvaluation() = default;
+
+/// The messages are constants, so that nothing is left to fill but the names.
+void TExpressionEvaluation::initialize() {
+    initializeIdentifiers();
+}
 
 void TExpressionEvaluation::initializeIdentifiers() {
     setIdentifier("true", true, false);
@@ -83,7 +89,17 @@ void TExpressionEvaluation::compile(ProgramSlot& slot, Order order) {
 }
 
 void TExpressionEvaluation::run(ProgramSlot& slot) {
-    if (const TErrorType code = slot.program->run(m_result); code != etNoErrors) setError(code);
+    if (const TErrorType code = slot.program->run(m_result); code != etNoErrors) {
+        setError(code);
+    } else if (m_result.type == TValueType::String) {
+        holdResult();
+    }
+}
+
+/// The text may be one of a bound value, which can be bound again before anybody asks for the result.
+void TExpressionEvaluation::holdResult() {
+    m_resultHolding.assign(m_result.text);
+    m_result.text = m_resultHolding;
 }
 
 // A program that is current belongs to a text that is parsed, so that a row begins with running it.
@@ -126,22 +142,29 @@ void TExpressionEvaluation::evaluateSpecialByMethods() {
         setError(etEvaluation);
         return;
     }
-    pushOperand(getNodeValue(*tree));
-    if (!isError()) m_result = TOperand::of(*m_operands.back());
+    Owned value(getNodeValue(*tree));
+    if (isError()) return;
+    m_operands.push_back(std::move(value));
+    m_result = TOperand::of(*m_operands.back());
 }
 
 TBaseValue* TExpressionEvaluation::getNodeValue(const TNode& node) {
     if (isError()) return nullptr;
+    const std::size_t below = m_operands.size();
     walk(node.postOrder());
-    return isError() ? nullptr : getOneOperand().release();
+    if (!isError()) return getOneOperand().release();
+    m_operands.resize(std::min(m_operands.size(), below));
+    return nullptr;
 }
 
+/// Evaluates the tokens to one operand on top of those that there are.
 void TExpressionEvaluation::walk(const std::vector<const TToken*>& tokens) {
+    const std::size_t below = m_operands.size();
     for (const TToken* token : tokens) {
         if (!walkToken(*token)) return;
     }
-    if (m_operands.size() != 1) {
-        m_operands.clear();
+    if (m_operands.size() != below + 1) {
+        m_operands.resize(std::min(m_operands.size(), below));
         setError(etEvaluation);
     }
 }
@@ -213,15 +236,15 @@ const std::string& TExpressionEvaluation::returnString() {
 
 const std::string& TExpressionEvaluation::toString() {
     evaluate();
-    return resultText();
+    return doToString();
 }
 
 const std::string& TExpressionEvaluation::toStringSpecial() {
     evaluateSpecial();
-    return resultText();
+    return doToString();
 }
 
-const std::string& TExpressionEvaluation::resultText() {
+const std::string& TExpressionEvaluation::doToString() {
     if (isError()) return m_resultText = "Error";
     switch (m_result.type) {
         case TValueType::Empty:

@@ -2,6 +2,7 @@
 /// The evaluator of the filter language: a text filter over named values, from characters to a boolean per row.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -28,6 +29,9 @@ namespace QOR {
 /// Returned texts stay valid until the next call that returns one. Used by one thread at a time.
 class TExpressionEvaluation : public TExpressionEvaluationParser {
 public:
+    /// Messages by error code, empty where a code has none (errorMessage). Constants of the program.
+    static const std::array<std::string_view, etPowerBaseIsZero + 1> mapErrors;
+
     TExpressionEvaluation();
     explicit TExpressionEvaluation(std::string_view text);
     ~TExpressionEvaluation();
@@ -66,8 +70,8 @@ public:
     /// The result of any type as text; "Error" on an error.
     const std::string& toString();
     const std::string& toStringSpecial();
-    /// The text of the last evaluation's result, without evaluating.
-    const std::string& resultText();
+    /// The text of the last evaluation's result, without evaluating. Names may have been bound again since.
+    const std::string& doToString();
 
     /// As the parser's, the text being kept like other results.
     const std::string& extractConstByIdentifierAndOperation(std::string_view name, TTokenType type, bool& found);
@@ -133,11 +137,13 @@ private:
     TBaseValue* changeCase(TBaseValue* (TStringValue::*change)());
 
     std::vector<const TToken*> postfixOrder() const;
+    void initialize();
     void clearResult();
     bool isCurrent(const ProgramSlot& slot) const noexcept { return slot.program && slot.version == version(); }
     template <class Order>
     void compile(ProgramSlot& slot, Order order);
     void run(ProgramSlot& slot);
+    void holdResult();
     void walk(const std::vector<const TToken*>& tokens);
     bool walkToken(const TToken& token);
     bool takeBoolean(bool& out);
@@ -147,7 +153,8 @@ private:
     std::string m_errorDetail;
     std::vector<Owned> m_operands;
     std::string m_resultText;
-    TOperand m_result;  ///< of the last evaluation that succeeded
+    TOperand m_result;            ///< of the last evaluation that succeeded
+    std::string m_resultHolding;  ///< the bytes of a result that is a text
     ProgramSlot m_program;
     ProgramSlot m_specialProgram;
 };

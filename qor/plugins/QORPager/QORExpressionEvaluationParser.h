@@ -2,6 +2,7 @@
 /// The parser of the filter language: text to a postfix sequence of tokens, and the tree made from it.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <deque>
 #include <memory>
@@ -39,6 +40,11 @@ private:
 /// thread at a time.
 class TExpressionEvaluationParser {
 public:
+    /// The operator and function tables: constants of the program, there before the first parser (findOperator,
+    /// findFunction).
+    static const std::array<TOperatorRow, 22> m_mapOperators;
+    static const std::array<TFunctionRow, 2> m_mapFunctions;
+
     /// The error state is the evaluator's and must outlive the parser.
     TExpressionEvaluationParser(TErrorType& errorCode, std::string& errorDetail);
     TExpressionEvaluationParser(const TExpressionEvaluationParser&) = delete;

@@ -40,21 +40,6 @@ void replaceValue(TBaseValue*& operand, T* replacement) {
     operand = replacement;
 }
 
-void fixToInteger(TBaseValue*& operand) {
-    if (operand->type() != TValueType::String) return;
-    if (const auto number = readWholeInteger(TStringValue::getValue(operand))) {
-        replaceValue(operand, new TIntegerValue(*number));
-    }
-}
-
-void fixToBoolean(TBaseValue*& operand) {
-    if (operand->type() == TValueType::Integer) {
-        replaceValue(operand, new TBooleanValue(TIntegerValue::getValue(operand) != 0));
-    } else if (operand->type() == TValueType::String) {
-        replaceValue(operand, new TBooleanValue(EqualityPolicy::countsAsTrue(TStringValue::getValue(operand))));
-    }
-}
-
 }  // namespace
 
 TBaseValue::~TBaseValue() = default;
@@ -270,11 +255,18 @@ bool DefaultComparisonPolicy::isAllowedOperandType(TValueType type) noexcept {
     return type == TValueType::String || type == TValueType::Integer;
 }
 
+void DefaultComparisonPolicy::getInteger(TBaseValue*& operand) {
+    if (operand->type() != TValueType::String) return;
+    if (const auto number = readWholeInteger(TStringValue::getValue(operand))) {
+        replaceValue(operand, new TIntegerValue(*number));
+    }
+}
+
 void DefaultComparisonPolicy::fixOperandTypes(TBaseValue*& left, TBaseValue*& right) {
     if (left->type() == TValueType::Integer) {
-        fixToInteger(right);
+        getInteger(right);
     } else if (right->type() == TValueType::Integer) {
-        fixToInteger(left);
+        getInteger(left);
     }
 }
 
@@ -282,12 +274,20 @@ bool EqualityPolicy::isAllowedOperandType(TValueType type) noexcept {
     return DefaultComparisonPolicy::isAllowedOperandType(type) || type == TValueType::Boolean;
 }
 
+void EqualityPolicy::getBoolean(TBaseValue*& operand) {
+    if (operand->type() == TValueType::Integer) {
+        replaceValue(operand, new TBooleanValue(TIntegerValue::getValue(operand) != 0));
+    } else if (operand->type() == TValueType::String) {
+        replaceValue(operand, new TBooleanValue(countsAsTrue(TStringValue::getValue(operand))));
+    }
+}
+
 void EqualityPolicy::fixOperandTypes(TBaseValue*& left, TBaseValue*& right) {
     DefaultComparisonPolicy::fixOperandTypes(left, right);
     if (left->type() == TValueType::Boolean) {
-        fixToBoolean(right);
+        getBoolean(right);
     } else if (right->type() == TValueType::Boolean) {
-        fixToBoolean(left);
+        getBoolean(left);
     }
 }
 

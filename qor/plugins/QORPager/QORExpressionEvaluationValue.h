@@ -174,6 +174,8 @@ public:
     static bool isAllowedOperandType(TValueType type) noexcept;
     /// Beside an integer, a text that is wholly a number becomes that number.
     static void fixOperandTypes(TBaseValue*& left, TBaseValue*& right);
+    /// Fixes one operand: only a text is changed, and only when it is wholly a number.
+    static void getInteger(TBaseValue*& operand);
 };
 
 /// The same for = and <>, which also bring integers and texts beside a boolean to booleans.
@@ -181,6 +183,8 @@ class EqualityPolicy {
 public:
     static bool isAllowedOperandType(TValueType type) noexcept;
     static void fixOperandTypes(TBaseValue*& left, TBaseValue*& right);
+    /// Fixes one operand: integers and texts become booleans.
+    static void getBoolean(TBaseValue*& operand);
     /// Whether a text counts as true beside a boolean: all but "", "false" and "0".
     static bool countsAsTrue(std::string_view text) noexcept { return !text.empty() && text != "false" && text != "0"; }
 };

@@ -16,7 +16,7 @@ constexpr std::uint8_t smaller = 1;
 constexpr std::uint8_t equal = 2;
 constexpr std::uint8_t greater = 4;
 
-/// The orders of its operands for which a comparison holds.
+/// The orders of its operands for which a comparison holds; none for what is no comparison.
 constexpr std::uint8_t ordersOf(TTokenType type) noexcept {
     switch (type) {
         case ttGreater:
@@ -29,9 +29,39 @@ constexpr std::uint8_t ordersOf(TTokenType type) noexcept {
             return smaller | equal;
         case ttEqual:
             return equal;
-        default:
+        case ttNotEqual:
             return smaller | greater;
+        case ttLeftBracket:
+        case ttRightBracket:
+        case ttComma:
+        case ttOr:
+        case ttAnd:
+        case ttNot:
+        case ttLike:
+        case ttAdd:
+        case ttSub:
+        case ttMul:
+        case ttDiv:
+        case ttUnaryMinus:
+        case ttIn:
+        case ttUnit:
+        case ttRecursive:
+        case ttUnassigned:
+        case ttFunction:
+        case ttNone:
+            break;
     }
+    return 0;
+}
+
+constexpr TTextCase caseOf(TFunctionKind kind) noexcept {
+    switch (kind) {
+        case TFunctionKind::Upper:
+            return TTextCase::Upper;
+        case TFunctionKind::Lower:
+            return TTextCase::Lower;
+    }
+    return TTextCase::AsIs;
 }
 
 /// \param order negative, 0 or positive
@@ -265,11 +295,21 @@ TExpressionProgram::Plan TExpressionProgram::planUnary(const TToken& token, cons
         plan.instruction.op = Op::Not;
         return plan;
     }
-    if (operand.type != TValueType::String) return planFailure(etInvalidType);
-    plan.instruction.op = Op::ChangeCase;
-    plan.instruction.textCase =
-        token.method == &TExpressionEvaluation::functionUpper ? TTextCase::Upper : TTextCase::Lower;
-    return plan;
+    if (token.type == ttFunction) return planFunction(kindOf(token), operand, plan);
+    return planFailure(etEvaluation);
+}
+
+/// \param plan of a unary operation on the operand
+TExpressionProgram::Plan TExpressionProgram::planFunction(TFunctionKind kind, const Known& operand, Plan plan) {
+    switch (kind) {
+        case TFunctionKind::Upper:
+        case TFunctionKind::Lower:
+            if (operand.type != TValueType::String) return planFailure(etInvalidType);
+            plan.instruction.op = Op::ChangeCase;
+            plan.instruction.textCase = caseOf(kind);
+            return plan;
+    }
+    return planFailure(etEvaluation);
 }
 
 TExpressionProgram::Plan TExpressionProgram::planBinary(const TToken& token, const Known& left, const Known& right) {
@@ -296,9 +336,26 @@ TExpressionProgram::Plan TExpressionProgram::planBinary(const TToken& token, con
         case ttMul:
         case ttDiv:
             return planArithmetic(token, left, right);
-        default:
+        case ttGreater:
+        case ttGreaterOrEqual:
+        case ttLower:
+        case ttLowerOrEqual:
+        case ttEqual:
+        case ttNotEqual:
             return planComparison(token, left, right);
+        case ttLeftBracket:
+        case ttRightBracket:
+        case ttComma:
+        case ttNot:
+        case ttUnaryMinus:
+        case ttUnit:
+        case ttRecursive:
+        case ttUnassigned:
+        case ttFunction:
+        case ttNone:
+            break;
     }
+    return planFailure(etEvaluation);
 }
 
 TExpressionProgram::Plan TExpressionProgram::planArithmetic(const TToken& token, const Known& left,

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "QORPager/QORExpressionOperand.h"
+#include "QORPager/QORExpressionTables.h"
 #include "QORPager/QORExpressionToken.h"
 
 namespace QOR {
@@ -98,6 +99,7 @@ private:
     class Compiler;
 
     static Plan planUnary(const TToken& token, const Known& operand);
+    static Plan planFunction(TFunctionKind kind, const Known& operand, Plan plan);
     static Plan planBinary(const TToken& token, const Known& left, const Known& right);
     static Plan planComparison(const TToken& token, const Known& left, const Known& right);
     static Plan planArithmetic(const TToken& token, const Known& left, const Known& right);

@@ -7,11 +7,12 @@
 #include "QORPager/QORExpressionText.h"
 
 namespace QOR {
+
 namespace {
-
 using E = TExpressionEvaluation;
+}  // namespace
 
-constexpr std::array<TOperatorRow, 22> m_mapOperators{{
+constexpr std::array<TOperatorRow, 22> TExpressionEvaluationParser::m_mapOperators{{
     // text        class       type              priority       unary  method                        arity
     {"(", {tcBracket, ttLeftBracket, tpLeftBracket, true, nullptr, 0}},
     {")", {tcBracket, ttRightBracket, tpRightBracket, false, nullptr, 0}},
@@ -37,13 +38,13 @@ constexpr std::array<TOperatorRow, 22> m_mapOperators{{
     {"recursive", {tcOperator, ttRecursive, tpPrefix, false, nullptr, 0}},
 }};
 
-constexpr std::array<TFunctionRow, 2> m_mapFunctions{{
-    {"upper", {"functionUpper", &E::functionUpper, 1}},
-    {"lower", {"functionLower", &E::functionLower, 1}},
+constexpr std::array<TFunctionRow, 2> TExpressionEvaluationParser::m_mapFunctions{{
+    {"upper", {"functionUpper", &E::functionUpper, 1}, TFunctionKind::Upper},
+    {"lower", {"functionLower", &E::functionLower, 1}, TFunctionKind::Lower},
 }};
 
 /// Indexed by code; an empty text is a code without a message.
-constexpr std::array<std::string_view, etPowerBaseIsZero + 1> mapErrors{
+constexpr std::array<std::string_view, etPowerBaseIsZero + 1> TExpressionEvaluation::mapErrors{
     "No errors",
     "Parse error",
     "Empty expression",
@@ -63,11 +64,17 @@ constexpr std::array<std::string_view, etPowerBaseIsZero + 1> mapErrors{
     "Power base is zero",
 };
 
-static_assert(mapErrors[etEvaluation] == "Evaluation error" && mapErrors[etInvalidType] == "Invalid type");
+namespace {
+
+constexpr const auto& operators = TExpressionEvaluationParser::m_mapOperators;
+constexpr const auto& functions = TExpressionEvaluationParser::m_mapFunctions;
+constexpr const auto& errors = TExpressionEvaluation::mapErrors;
+
+static_assert(errors[etEvaluation] == "Evaluation error" && errors[etInvalidType] == "Invalid type");
 
 constexpr bool everyTypeHasAnOperator() {
     for (int type = ttLeftBracket; type <= ttRecursive; ++type) {
-        const bool found = std::any_of(m_mapOperators.begin(), m_mapOperators.end(),
+        const bool found = std::any_of(operators.begin(), operators.end(),
                                        [type](const TOperatorRow& row) { return row.entry.type == type; });
         if (!found) return false;
     }
@@ -77,7 +84,7 @@ static_assert(everyTypeHasAnOperator());
 
 #ifndef QOR_SANITIZED  // g++ 12 takes a method pointer for no constant while it instruments undefined behaviour
 constexpr bool operandsGoWithMethods() {
-    return std::all_of(m_mapOperators.begin(), m_mapOperators.end(),
+    return std::all_of(operators.begin(), operators.end(),
                        [](const TOperatorRow& row) { return (row.entry.method != nullptr) == (row.entry.arity > 0); });
 }
 static_assert(operandsGoWithMethods());
@@ -86,13 +93,13 @@ static_assert(operandsGoWithMethods());
 /// Operands by token type.
 constexpr auto arities = [] {
     std::array<int, ttNone + 1> byType{};
-    for (const TOperatorRow& row : m_mapOperators)
+    for (const TOperatorRow& row : operators)
         byType[static_cast<std::size_t>(row.entry.type)] = row.entry.arity;
     return byType;
 }();
 
 constexpr std::size_t longestOperator = 9;
-static_assert(std::all_of(m_mapOperators.begin(), m_mapOperators.end(),
+static_assert(std::all_of(operators.begin(), operators.end(),
                           [](const TOperatorRow& row) { return row.text.size() <= longestOperator; }));
 
 template <class Rows>
@@ -103,35 +110,47 @@ auto findRow(const Rows& rows, std::string_view text) noexcept {
 }  // namespace
 
 std::span<const TOperatorRow> operatorRows() noexcept {
-    return m_mapOperators;
+    return operators;
 }
 std::span<const TFunctionRow> functionRows() noexcept {
-    return m_mapFunctions;
+    return functions;
 }
 
 const TOperatorTokenFromName* findOperator(std::string_view text) noexcept {
     // Most names of a filter are field names, which are longer than any operator.
     if (text.size() > longestOperator) return nullptr;
-    const auto* const row = findRow(m_mapOperators, text);
-    return row == m_mapOperators.end() ? nullptr : &row->entry;
+    const auto* const row = findRow(operators, text);
+    return row == operators.end() ? nullptr : &row->entry;
 }
 
 const TFunctionInfo* findFunction(std::string_view text) noexcept {
-    const auto* const row = findRow(m_mapFunctions, text);
-    return row == m_mapFunctions.end() ? nullptr : &row->info;
+    const auto* const row = findRow(functions, text);
+    return row == functions.end() ? nullptr : &row->info;
+}
+
+namespace {
+
+const TFunctionRow& functionOf(const TToken& token) noexcept {
+    return *findRow(functions, toLowerText(token.text));
+}
+
+}  // namespace
+
+TFunctionKind kindOf(const TToken& token) noexcept {
+    return functionOf(token).kind;
 }
 
 int arityOf(const TToken& token) noexcept {
     if (token.tokenClass != tcOperator) return 0;
-    if (token.type == ttFunction) return findFunction(toLowerText(token.text))->argumentCount;
+    if (token.type == ttFunction) return functionOf(token).info.argumentCount;
     const int arity = arities[static_cast<std::size_t>(token.type)];
     return arity == 0 ? -1 : arity;
 }
 
 std::string_view errorMessage(TErrorType code) noexcept {
     const auto index = static_cast<std::size_t>(code);
-    if (index >= mapErrors.size() || mapErrors[index].empty()) return "Unsupported error code";
-    return mapErrors[index];
+    if (index >= errors.size() || errors[index].empty()) return "Unsupported error code";
+    return errors[index];
 }
 
 }  // namespace QOR

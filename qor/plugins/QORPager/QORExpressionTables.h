@@ -34,18 +34,26 @@ struct TFunctionInfo {
     int argumentCount;
 };
 
+/// What a function does, for those who do it in another way than by its method.
+enum class TFunctionKind { Upper, Lower };
+
 /// A function and its spelling, in lower case.
 struct TFunctionRow {
     std::string_view text;
     TFunctionInfo info;
+    TFunctionKind kind;
 };
 
+/// TExpressionEvaluationParser::m_mapOperators and m_mapFunctions.
 std::span<const TOperatorRow> operatorRows() noexcept;
 std::span<const TFunctionRow> functionRows() noexcept;
 
 /// Null when there is no operator or function of that spelling.
 const TOperatorTokenFromName* findOperator(std::string_view text) noexcept;
 const TFunctionInfo* findFunction(std::string_view text) noexcept;
+
+/// What the function does that a token calls. \pre the token is one of a function call
+TFunctionKind kindOf(const TToken& token) noexcept;
 
 /// How many operands a token of a postfix sequence takes; -1 for what cannot be evaluated ("unit", "recursive").
 int arityOf(const TToken& token) noexcept;

@@ -84,7 +84,7 @@ const TNode& TNode::grubSpecial(const TNode& node, bool special) noexcept {
     }
 }
 
-TNode& TNode::addCopyOf(const TNode& node) {
+TNode& TNode::addSpecialChild(const TNode& node) {
     TNode& copy = m_children.emplace_back(this, node.m_token);
     copy.copyFlags(node);
     return copy;
@@ -98,8 +98,8 @@ void TNode::copyFlags(const TNode& node) noexcept {
 
 std::unique_ptr<TNode> TNode::getSpecialTree(bool special) const {
     std::vector<std::pair<const TNode*, TNode*>> pending;
-    const auto addSpecialChild = [&](TNode& parent, const TNode& child) {
-        pending.emplace_back(&child, &parent.addCopyOf(child));
+    const auto add = [&](TNode& parent, const TNode& child) {
+        pending.emplace_back(&child, &parent.addSpecialChild(child));
     };
     const TNode& stop = grubSpecial(*this, special);
     auto root = std::make_unique<TNode>(nullptr, stop.m_token);
@@ -110,10 +110,10 @@ std::unique_ptr<TNode> TNode::getSpecialTree(bool special) const {
         pending.pop_back();
         if (from->onlySpecial(special)) {
             for (const TNode& child : from->m_children)
-                addSpecialChild(*to, child);
+                add(*to, child);
         } else if (!from->m_children.empty()) {
-            addSpecialChild(*to, grubSpecial(from->m_children.front(), special));
-            if (from->m_children.size() > 1) addSpecialChild(*to, grubSpecial(from->m_children.back(), special));
+            add(*to, grubSpecial(from->m_children.front(), special));
+            if (from->m_children.size() > 1) add(*to, grubSpecial(from->m_children.back(), special));
         }
     }
     return root;

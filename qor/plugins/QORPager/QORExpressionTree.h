@@ -62,7 +62,8 @@ private:
 
     void includeIdentifier(bool special) noexcept;
     void setFlag(bool TNode::*flag, bool value) noexcept;
-    TNode& addCopyOf(const TNode& node);
+    /// A copy of the node without its children.
+    TNode& addSpecialChild(const TNode& node);
     void copyFlags(const TNode& node) noexcept;
     static Descent checkStopSpecial(const TNode& node, bool special) noexcept;
     static const TNode& grubSpecial(const TNode& node, bool special) noexcept;

@@ -33,7 +33,7 @@ inline Outcome outcomeOf(TExpressionEvaluation& evaluator, Evaluation evaluation
     } catch (const std::out_of_range&) {
         return {"", evaluator.getErrorCode(), true};
     }
-    return {evaluator.resultText(), evaluator.getErrorCode(), false};
+    return {evaluator.doToString(), evaluator.getErrorCode(), false};
 }
 
 inline Outcome value(std::string text) {

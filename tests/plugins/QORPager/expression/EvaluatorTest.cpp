@@ -238,13 +238,48 @@ TEST(ExpressionEvaluator, ReturnedTextsLiveUntilTheNextOne) {
     EXPECT_EQ(text, "No errors");
 }
 
+TEST(ExpressionEvaluator, AResultOutlivesWhatItWasReadFrom) {
+    for (const Evaluation evaluation : {&TExpressionEvaluation::evaluate, &TExpressionEvaluation::evaluateSpecial,
+                                        &TExpressionEvaluation::evaluateByMethods,
+                                        &TExpressionEvaluation::evaluateSpecialByMethods}) {
+        TExpressionEvaluation evaluator("q");
+        evaluator.setIdentifier("q", "a text that is too long to be kept in place", true);
+        (evaluator.*evaluation)();
+        evaluator.setIdentifierFromString("q", "another text, which is longer than the one that it takes the place of");
+        evaluator.setIdentifier("q", 1, true);
+        EXPECT_EQ(evaluator.doToString(), "a text that is too long to be kept in place");
+        evaluator.clearIdentifiersMap();
+        EXPECT_EQ(evaluator.doToString(), "a text that is too long to be kept in place");
+    }
+}
+
+TEST(ExpressionEvaluator, ANodeThatFailsLeavesNoOperandBehind) {
+    const auto evaluator = makeEvaluator("a + b < (s and flag)");
+    evaluator->pushOperand(new TIntegerValue(5));
+    evaluator->pushOperand(new TIntegerValue(7));
+    EXPECT_EQ(evaluator->getNodeValue(*evaluator->buildTree()), nullptr);
+    EXPECT_EQ(evaluator->getErrorCode(), etInvalidType);
+    evaluator->clearError();
+    const std::unique_ptr<TBaseValue> sum(evaluator->operatorAdd());
+    EXPECT_EQ(TIntegerValue::getValue(sum.get()), 12) << "what was there before is still on top";
+}
+
+TEST(ExpressionEvaluator, ANodeIsEvaluatedOnTopOfOtherOperands) {
+    const auto evaluator = makeEvaluator("a + b");
+    evaluator->pushOperand(new TIntegerValue(4));
+    evaluator->pushOperand(evaluator->getNodeValue(*evaluator->buildTree()));
+    const std::unique_ptr<TBaseValue> product(evaluator->operatorMul());
+    EXPECT_EQ(TIntegerValue::getValue(product.get()), 12);
+    EXPECT_FALSE(evaluator->isError());
+}
+
 TEST(ExpressionEvaluator, ValuesWithoutAClassAreInvalid) {
     TExpressionEvaluation evaluator("x");
     evaluator.setIdentifier("x", new TBaseValue(TValueType::Empty), true);
     EXPECT_EQ(evaluator.toString(), "Invalid");
     EXPECT_EQ(evaluator.toStringSpecial(), "Invalid");
     evaluator.evaluateByMethods();
-    EXPECT_EQ(evaluator.resultText(), "Invalid");
+    EXPECT_EQ(evaluator.doToString(), "Invalid");
 }
 
 }  // namespace

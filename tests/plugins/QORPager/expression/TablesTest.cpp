@@ -74,6 +74,8 @@ TEST(ExpressionTables, FunctionsAreUpperAndLower) {
     EXPECT_EQ(findFunction("lower")->name, "functionLower");
     EXPECT_TRUE(findFunction("lower")->method == &E::functionLower);
     EXPECT_EQ(findFunction("lower")->argumentCount, 1);
+    EXPECT_EQ(TExpressionEvaluationParser::m_mapFunctions[0].kind, TFunctionKind::Upper);
+    EXPECT_EQ(TExpressionEvaluationParser::m_mapFunctions[1].kind, TFunctionKind::Lower);
     EXPECT_EQ(findFunction("Upper"), nullptr);
     EXPECT_EQ(findFunction("length"), nullptr);
 }
