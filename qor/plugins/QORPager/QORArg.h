@@ -27,12 +27,12 @@ class QORArg {
 public:
     /// \param environment of the row; may be null
     explicit QORArg(QORPtr<const QOREnv> environment = {});
-    virtual ~QORArg();
     QORArg(const QORArg&) = delete;
     QORArg& operator=(const QORArg&) = delete;
 
     /// The row's info document; the rows of environments share an empty one.
     virtual const QORInfo& getInfo() const;
+    virtual ~QORArg();
     /// A cursor on the root of the environment's message, whose only element is tag::env; null for a row without an
     /// environment, and when the message could not be made, which the next call tries again. The message is made by
     /// the first call and lives as long as the row.

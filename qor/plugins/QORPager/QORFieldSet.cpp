@@ -15,6 +15,15 @@ namespace {
 /// Paths below this one are read from the virtual configuration itself.
 constexpr std::string_view virtualConfigPath = "env/virtual_config/";
 
+/// Whether a name begins with the prefix of an entry.
+struct InfoPrefixCompare {
+    std::string_view name;
+    template <class Entry>
+    bool operator()(const Entry& entry) const {
+        return name.starts_with(entry.first);
+    }
+};
+
 std::string textOf(const QORVocIterator& entry, QORTag id) {
     std::string text;
     static_cast<void>(entry.getValue(text, id));
@@ -48,6 +57,7 @@ QORFieldSet::~QORFieldSet() = default;
 
 void QORFieldSet::init(QORPtr<QORAccessProviderPrototype> accessProvider) {
     m_demanded.clear();
+    m_demandedBytes = 0;
     m_fields.clear();
     m_accessProvider = std::move(accessProvider);
     addBuiltIns();
@@ -78,8 +88,7 @@ int QORFieldSet::registerPrefix(std::string prefix, TCursorType cursorType, std:
 }
 
 QORFieldSet::Prefixes::const_iterator QORFieldSet::findPrefix(std::string_view name) const {
-    return std::find_if(m_prefixes.begin(), m_prefixes.end(),
-                        [name](const auto& entry) { return name.starts_with(entry.first); });
+    return std::find_if(m_prefixes.begin(), m_prefixes.end(), InfoPrefixCompare{name});
 }
 
 QORFieldSet::Position QORFieldSet::checkPrefix(std::string_view name) {
@@ -90,7 +99,9 @@ QORFieldSet::Position QORFieldSet::checkPrefix(std::string_view name) {
     const std::size_t before = m_fields.size();
     const Position position =
         addInfoField(std::string(name), prefix->second.cursorType, std::move(path), prefix->second.cacheName);
-    if (m_fields.size() != before) m_demanded.push_back(position);
+    if (m_fields.size() == before) return position;
+    m_demanded.push_back(position);
+    m_demandedBytes += name.size();
     return position;
 }
 
@@ -102,11 +113,22 @@ QORFieldSet::Position QORFieldSet::addInfoField(std::string name, TCursorType cu
         .first;
 }
 
-void QORFieldSet::forgetDemanded() {
+QORFieldSet::Demanded QORFieldSet::takeDemanded() {
+    Demanded taken;
+    taken.reserve(m_demanded.size());
     for (const Position position : m_demanded)
-        m_fields.erase(position);
-    m_demanded.clear();
-    m_demanded.shrink_to_fit();
+        taken.push_back(m_fields.extract(position));
+    m_demanded = {};
+    m_demandedBytes = 0;
+    return taken;
+}
+
+void QORFieldSet::putDemanded(Demanded fields) {
+    m_demanded.reserve(fields.size());
+    for (Fields::node_type& field : fields) {
+        m_demandedBytes += field.value().name.size();
+        m_demanded.push_back(m_fields.insert(std::move(field)).position);
+    }
 }
 
 }  // namespace QOR

@@ -28,8 +28,8 @@ struct QORFieldNameLess {
     bool operator()(std::string_view a, const QORField& b) const noexcept { return a < b.name; }
 };
 
-/// The catalogue of one operator. Fields stay where they are until init() or forgetDemanded(), so requests refer to
-/// them by address. Used by one thread at a time.
+/// The catalogue of one operator. Fields stay where they are until init() or takeDemanded(), so requests refer to them
+/// by address. Used by one thread at a time.
 class QORFieldSet {
 public:
     using Fields = std::set<QORField, QORFieldNameLess>;
@@ -67,10 +67,15 @@ public:
     Position end() const noexcept { return m_fields.end(); }
     std::size_t size() const noexcept { return m_fields.size(); }
 
-    /// Fields made on demand since init() or the last forgetting.
+    /// Fields made on demand that are in the set, and the bytes of their names.
     std::size_t demandedCount() const noexcept { return m_demanded.size(); }
-    /// Takes the fields made on demand out again.
-    void forgetDemanded();
+    std::size_t demandedBytes() const noexcept { return m_demandedBytes; }
+    /// Fields made on demand, out of the set.
+    using Demanded = std::vector<Fields::node_type>;
+    /// Takes the fields made on demand out of the set.
+    Demanded takeDemanded();
+    /// Puts back what takeDemanded() has taken out. \pre there is none in the set, and init() was not called since
+    void putDemanded(Demanded fields);
 
 private:
     using Prefixes = std::map<std::string, InfoPrefixDescription, std::less<>>;
@@ -81,6 +86,7 @@ private:
     QORPtr<QORAccessProviderPrototype> m_accessProvider;
     Prefixes m_prefixes;
     std::vector<Position> m_demanded;
+    std::size_t m_demandedBytes = 0;
 };
 
 }  // namespace QOR

@@ -34,9 +34,6 @@ namespace {
 /// Of rows, after a request has ended.
 constexpr int everyRow = std::numeric_limits<std::int32_t>::max();
 
-/// Fields that a client may have made on demand before they are dropped at the end of a request.
-constexpr std::size_t mostDemandedFields = 1024;
-
 /// One entry of the caches' category; none when it lacks an identifier or a name.
 std::optional<std::pair<std::string, CacheInfo>> readCache(const QORVocIterator& entry) {
     std::string id;
@@ -123,14 +120,16 @@ void QORPagerOperatorPrototype::stopCallback() {
     m_inPlaceholderList.clear();
     m_where = std::string();
     m_whereGiven = false;
-    if (m_fieldSet.demandedCount() > mostDemandedFields) {
-        m_fieldSet.forgetDemanded();
-        resetEvaluator();
-    }
+}
+
+/// The filter knows the names of the set, so that it starts anew with other ones.
+void QORPagerOperatorPrototype::useNamesOf(const QORClientContextPtr& identity) {
+    if (m_knownNames.use(identity, m_fieldSet)) resetEvaluator();
 }
 
 void QORPagerOperatorPrototype::disconnect(QORAccesserPrototype* accesser) {
     stopCallback();
+    m_knownNames.clear();
     m_fieldSet.init(nullptr);
     resetEvaluator();
     QOROperatorAsyncPrototype::disconnect(accesser);

@@ -15,6 +15,7 @@
 #include "QORLibAgent/QORLogs.h"
 #include "QORPager/Operators/Pager/QOREIDFilter.h"
 #include "QORPager/Operators/Pager/QORFilterConstants.h"
+#include "QORPager/Operators/Pager/QORKnownNames.h"
 #include "QORPager/Operators/QORIndex.h"
 #include "QORPager/QORExpressionEvaluation.h"
 #include "QORPager/QORFieldSet.h"
@@ -40,7 +41,7 @@ using CacheInfoMap = std::map<std::string, CacheInfo>;
 
 /// The host calls init() once, then select() and stopCallback() in turn, disconnect() when the client goes, never two
 /// at once. What a request left behind ends with stopCallback(), but for the filter that was compiled last, which the
-/// next one replaces, and for fields found by their prefix, which the client may go on to sort by.
+/// next one replaces, and for fields found by their prefix, which whoever found them may go on to sort by.
 class QORPagerOperatorPrototype final : public QOROperatorAsyncPrototype {
 public:
     QORPagerOperatorPrototype();
@@ -73,6 +74,7 @@ private:
     // Start-up.
     void resetEvaluator();
     void initIdentifiers();
+    void useNamesOf(const QORClientContextPtr& identity);
 
     // The request. Each returns 0, or a negative number after it has added an error.
     void answer(QORMessageIterator& request, QORMessageIterator& response);
@@ -83,8 +85,8 @@ private:
     int readSort(const QORMessageIterator& request, QORMessageIterator& response);
     int readWhere(const QORMessageIterator& request, QORMessageIterator& response);
     int useWhereField(const QORField& field, QORMessageIterator& response);
-    QORFieldSet::Position findField(std::string_view name);
-    void declareNames(std::string_view where);
+    int findField(std::string_view name, QORFieldSet::Position& field, QORMessageIterator& response);
+    int declareNames(std::string_view where, QORMessageIterator& response);
     int fillInfoCursor(QORMessageIterator& response, QOREIDFilter& filter);
 
     // Sources.
@@ -97,6 +99,7 @@ private:
                              std::int64_t& total);
 
     QORFieldSet m_fieldSet;
+    QORKnownNames m_knownNames;
     CacheInfoMap m_caches;
     std::vector<const QORField*> m_selectFields;
     std::vector<const QORField*> m_whereFields;  ///< without the placeholder

@@ -102,6 +102,8 @@ TEST_F(Backups, AreFoundByTheFirstConditionThatTheSourceKnows) {
         {times + " and pager.backup.storage_eid = '" + storage + "'", "b2 b1"},
         {name + "'Web-%' and pager.backup.storage_eid = '" + eidC + "'", ""},
         {name + "'Web-%' and pager.backup.storage_eid = 'no GUID'", ""},
+        // The nil GUID is no storage in particular.
+        {name + "'Web-%' and pager.backup.storage_eid = '00000000-0000-0000-0000-000000000000'", "b4 b3 b2 b1"},
         {"pager.backup.storage_eid = '" + std::string(storage) + "'", ""},
         {"pager.backup.anything = 'x' or " + veid + "101", "b1"},
     };

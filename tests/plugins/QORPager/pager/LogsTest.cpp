@@ -106,7 +106,7 @@ TEST_F(Logs, OperationsAreFoundByEnvironmentAndTime) {
                                   {operationsOf("dddddddd-0000-4000-8000-000000000004"), "", "", 0, 0},
                                   {operationsOf("no GUID"), "", "", 0, 0},
                                   {operationsOf(""), "", "", 0, 0},
-                                  {operationsOf(nil), "", "", 0, 0},
+                                  {operationsOf(nil), limit(2, 0), "o9 o8", 2, 9},
                                   {operationsOf("no GUID"), limit(5, 10), "", -10, 0},
                                   {from, "", "o9 o8 o7 o6 o5", 5, 5},
                                   {to, limit(2, 0), "o7 o6", 2, 7},
@@ -134,8 +134,14 @@ TEST_F(Logs, AnEqualTimeIsOrderedByArrival) {
 TEST_F(Logs, WritesNoCountsUnlessAsked) {
     const Answer answer = readAnswer(client.ask(Ask{{"pager.op_log.id"}, {}, limit(1, 0)}.body()));
     EXPECT_EQ(answer.counts, std::nullopt);
-    for (const char* asked : {",[1259]", R"(,[1259,"0"])", R"(,[1259,"1"])"}) {
+    for (const char* asked : {R"(,[1259,"0"])", R"(,[1259,"1"])", R"(,[1259,"-7"])"}) {
         EXPECT_NE(readAnswer(client.ask(Ask{{"pager.op_log.id"}, {}, asked}.body())).counts, std::nullopt) << asked;
+    }
+    // Without a number that can be read, it is as if nothing were asked.
+    for (const char* unread : {",[1259]", R"(,[1259,"yes"])", R"(,[1259,""])", R"(,[1259,[[1018,"1"]]])"}) {
+        const Answer plain = readAnswer(client.ask(Ask{{"pager.op_log.id"}, {}, unread}.body()));
+        EXPECT_EQ(plain.counts, std::nullopt) << unread;
+        EXPECT_EQ(plain.error, "") << unread;
     }
 }
 

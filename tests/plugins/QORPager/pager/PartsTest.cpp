@@ -109,7 +109,10 @@ TEST(FilterConstants, SelectEnvironments) {
     EXPECT_TRUE(selection("e = 'x'").isNone());
     EXPECT_TRUE(selection("e = ''").isNone());
     EXPECT_TRUE(selection("e = 5").isNone());
-    EXPECT_TRUE(selection("e = '00000000-0000-0000-0000-000000000000'").isNone());
+    for (const char* nil : {"00000000-0000-0000-0000-000000000000", "{00000000-0000-0000-0000-000000000000}"})
+        EXPECT_TRUE(selection(std::string("e = '") + nil + "'").isAll()) << nil;
+    for (const char* other : {"", "0", "nil", "00000000-0000-0000-0000-00000000000"})
+        EXPECT_TRUE(selection(std::string("e = '") + other + "'").isNone()) << other;
 }
 
 TEST(FilterNames, AreFoundOutsideOfQuotedTexts) {

@@ -30,8 +30,9 @@ QOREnvSelection QORFilterConstants::environments(std::string_view name) const {
     const std::optional<std::string> text = find(name, ttEqual);
     if (!text) return QOREnvSelection::all();
     QOREID eid;
-    // The nil GUID is no environment either.
-    return eid.fromString(*text) && eid.isValid() ? QOREnvSelection::one(eid) : QOREnvSelection::none();
+    if (!eid.fromString(*text)) return QOREnvSelection::none();
+    // The nil GUID is the identifier that asks for none in particular.
+    return eid.isValid() ? QOREnvSelection::one(eid) : QOREnvSelection::all();
 }
 
 int QORFilterConstants::timeBound(std::string_view name, TTokenType type, int absent) const {

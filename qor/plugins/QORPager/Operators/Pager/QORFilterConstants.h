@@ -22,7 +22,8 @@ public:
 
     /// The constant that the filter compares the name with under the operator.
     std::optional<std::string> find(std::string_view name, TTokenType type) const;
-    /// Environments by the constant that the name equals: all without one, none when it is no identifier.
+    /// Environments by the constant that the name equals: all without one, and for the nil GUID; none when it is no
+    /// identifier.
     QOREnvSelection environments(std::string_view name) const;
     /// A bound of the time of a log; `absent` without one.
     int timeBound(std::string_view name, TTokenType type, int absent) const;

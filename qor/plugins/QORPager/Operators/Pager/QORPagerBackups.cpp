@@ -107,6 +107,13 @@ std::string withoutLower(std::string_view text) {
     return rest;
 }
 
+/// A field of times shows the backup's own, whatever its name is.
+void writeBackUpInfoSqlRow(const QORBackup& backup, QORRowSet& rowSet) {
+    rowSet.writeValues([&](const QORField& field) {
+        return field.valueType == TValueType::Time ? time2str(backup.time) : getBackupValue(backup, field.name);
+    });
+}
+
 }  // namespace
 
 void QORPagerOperatorPrototype::selectBackups(QORMessageIterator& response) {
@@ -119,11 +126,8 @@ void QORPagerOperatorPrototype::selectBackups(QORMessageIterator& response) {
     const QORFilterConstants filter(&*m_evaluator);
     BackupQuery query(filter);
     query.fetch();
-    for (const QORBackup& backup : query.backups()) {
-        rowSet.writeValues([&](const QORField& field) {
-            return field.valueType == TValueType::Time ? time2str(backup.time) : getBackupValue(backup, field.name);
-        });
-    }
+    for (const QORBackup& backup : query.backups())
+        writeBackUpInfoSqlRow(backup, rowSet);
     const auto count = static_cast<std::int64_t>(query.backups().size());
     if (m_statisticsWanted) rowSet.writeStatistics(count, count);
 }

@@ -37,6 +37,13 @@ int refuse(QORMessageIterator& response, int code, const std::string& text) {
     return failed;
 }
 
+int refuseFurtherName(QORMessageIterator& response, std::string_view name) {
+    constexpr std::size_t mostShown = 100;
+    const std::string text = "too many names under prefixes on this connection: no room for \"" +
+                             std::string(name.substr(0, mostShown)) + (name.size() > mostShown ? "...\"" : "\"");
+    return complain(response, text.c_str());
+}
+
 }  // namespace
 
 void QORPagerOperatorPrototype::select(QORMessageIterator* request, QORMessageIterator* response) {
@@ -58,6 +65,7 @@ void QORPagerOperatorPrototype::answer(QORMessageIterator& request, QORMessageIt
         addError(&response, QORErrors, errNoEnvCache);
         return;
     }
+    useNamesOf(QORAccessChecker::getClientContext());
     m_envList = cache->getEnvList();
     if (parseIn(request, response) != 0 || m_envList == nullptr) return;
     QOREIDFilter filter(0);
@@ -85,8 +93,7 @@ int QORPagerOperatorPrototype::parseIn(QORMessageIterator& request, QORMessageIt
     m_where.clear();
     m_whereGiven = false;
     int statistics = 1;
-    m_statisticsWanted = request.seekPresence(tag::statistics) == 0;
-    static_cast<void>(request.getValue(statistics, tag::statistics));
+    m_statisticsWanted = request.getValue(statistics, tag::statistics) == 0;
     m_statisticsValue = statistics != 0;
     if (readLimit(request, response) != 0 || readFields(request, response) != 0) return failed;
     if (readSort(request, response) != 0) return failed;
@@ -115,8 +122,8 @@ int QORPagerOperatorPrototype::readFields(const QORMessageIterator& request, QOR
     do {
         std::string name;
         if (at->getValue(name) != 0) return complain(response, "invalid field");
-        const QORFieldSet::Position field = findField(name);
-        if (field == m_fieldSet.end()) return refuse(response, pagerUnknownField, name);
+        QORFieldSet::Position field;
+        if (findField(name, field, response) != 0) return failed;
         m_selectFields.push_back(&*field);
         if (selectField(*field, cacheName, response) != 0) return failed;
     } while (at->nextSibling(tag::field) == 0);
@@ -124,12 +131,15 @@ int QORPagerOperatorPrototype::readFields(const QORMessageIterator& request, QOR
 }
 
 /// A field of the catalogue, or one that a prefix stands for, which becomes known to the filter too.
-QORFieldSet::Position QORPagerOperatorPrototype::findField(std::string_view name) {
-    const QORFieldSet::Position known = m_fieldSet.find(name);
-    if (known != m_fieldSet.end()) return known;
-    const QORFieldSet::Position demanded = m_fieldSet.checkPrefix(name);
-    if (demanded != m_fieldSet.end()) m_evaluator->setIdentifier(name, "", false);
-    return demanded;
+int QORPagerOperatorPrototype::findField(std::string_view name, QORFieldSet::Position& field,
+                                         QORMessageIterator& response) {
+    field = m_fieldSet.find(name);
+    if (field != m_fieldSet.end()) return 0;
+    if (!m_fieldSet.hasPrefix(name)) return refuse(response, pagerUnknownField, std::string(name));
+    if (!m_knownNames.hasRoomFor(name, m_fieldSet)) return refuseFurtherName(response, name);
+    field = m_fieldSet.checkPrefix(name);
+    m_evaluator->setIdentifier(name, "", false);
+    return 0;
 }
 
 /// All fields but those of environments must come from one source, and from one cache of it.
@@ -171,7 +181,7 @@ int QORPagerOperatorPrototype::readWhere(const QORMessageIterator& request, QORM
     if (!m_hasWhere) return 0;
     if (request.getValue(m_where, tag::where) != 0) return complain(response, "invalid where");
     if (!transformDateTime(m_where)) return complain(response, "invalid date/time format in where");
-    declareNames(m_where);
+    if (declareNames(m_where, response) != 0) return failed;
     m_evaluator->setExpression(m_where);
     if (m_evaluator->prepareSpecial()) return refuse(response, pagerParsingError, m_evaluator->getErrorMessage());
     m_whereGiven = true;
@@ -200,10 +210,13 @@ int QORPagerOperatorPrototype::useWhereField(const QORField& field, QORMessageIt
 }
 
 /// Names under a prefix may stand in the filter whether or not the request selects them.
-void QORPagerOperatorPrototype::declareNames(std::string_view where) {
-    forEachName(where, [this](std::string_view name) {
-        if (m_fieldSet.hasPrefix(name)) findField(name);
+int QORPagerOperatorPrototype::declareNames(std::string_view where, QORMessageIterator& response) {
+    int result = 0;
+    forEachName(where, [&](std::string_view name) {
+        QORFieldSet::Position field;
+        if (result == 0 && m_fieldSet.hasPrefix(name)) result = findField(name, field, response);
     });
+    return result;
 }
 
 /// Gives the filter the environments that pass the environment part of the request's; all where it has no such part.

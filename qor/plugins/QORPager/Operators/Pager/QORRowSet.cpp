@@ -20,13 +20,13 @@ QORResponseFull::~QORResponseFull() = default;
 QORRowSet::QORRowSet(const QORMessageIterator& response, const std::vector<const QORField*>& fields)
     : m_at(response.clone()), m_fields(fields) {
     expectWritten(m_at->addChild(tag::rowSet));
-    writeHeader();
+    writeRowSetHeader();
 }
 
 QORRowSet::~QORRowSet() = default;
 
 /// An element a field, which holds the name; for a field of several values one level deeper.
-void QORRowSet::writeHeader() {
+void QORRowSet::writeRowSetHeader() {
     for (const QORField* field : m_fields) {
         expectWritten(m_at->addChild(tag::cell));
         if (field->isMulty()) expectWritten(m_at->addChild(tag::cell));

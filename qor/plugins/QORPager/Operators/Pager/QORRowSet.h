@@ -44,7 +44,7 @@ public:
     void writeStatistics(std::int64_t written, std::int64_t total);
 
 private:
-    void writeHeader();
+    void writeRowSetHeader();
     void openRow();
     void writeValue(std::string_view value);
     void closeRow();
