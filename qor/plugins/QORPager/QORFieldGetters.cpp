@@ -1,10 +1,6 @@
 #include "QORPager/QORFieldGetters.h"
 
-#include <algorithm>
-#include <array>
-
 #include "QORCommon/QORTime.h"
-#include "QORLibAgent/QOREnvCache.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORMessageRead.h"
 
@@ -12,13 +8,7 @@ namespace QOR {
 
 namespace {
 
-/// What a getter of environments gives: read(environment), "" for a row without one.
-template <class Read>
-std::string fromEnv(const QORArg& row, Read read) {
-    return row.env() == nullptr ? std::string() : read(*row.env());
-}
-
-/// The same for the rows of the event log.
+/// What a getter of the event log gives: read(row), "" for a row of another kind.
 template <class Read>
 std::string fromEvent(const QORArg& row, Read read) {
     const auto* const event = dynamic_cast<const QOREventArg*>(&row);
@@ -28,63 +18,6 @@ std::string fromEvent(const QORArg& row, Read read) {
 /// Whether a list of `size` elements ends with the one at the index; a list of none has no further one.
 bool isLast(std::size_t size, int index) {
     return size == 0 || size == static_cast<std::size_t>(index) + 1;
-}
-
-// A message costs some microseconds, and a filter may read a field from very many environments. So the plain text of
-// a member that only the further members can hold is read from there; everything else goes through the message, which
-// defines what a path means.
-
-bool isPlainText(const QORField& field) {
-    const bool hasForm = field.valueType == TValueType::Time || field.valueType == TValueType::Boolean || field.base64;
-    return field.valueName.empty() && !hasForm;
-}
-
-/// Whether a step of a path means what it says: nothing is passed over, and a number means a tag.
-bool isPlainStep(std::string_view name) {
-    return !name.empty() && (name.front() < '0' || name.front() > '9');
-}
-
-/// Whether the member has a place of its own in a configuration.
-bool isKnownMember(std::string_view name) {
-    constexpr std::array<std::string_view, 8> names{"name",         "description", "domain", "hostname",
-                                                    "architecture", "type",        "os",     "ip"};
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-/// The parameter without children at a path below the further members of a configuration; null when there is none, or
-/// when it must be looked for in the message. \param last set, when it is found, to whether no sibling has its name
-const QORInfo* findLeaf(const QOREnvConfig& config, std::string_view path, bool& last) {
-    if (isKnownMember(path.substr(0, path.find('/')))) return nullptr;
-    const QORInfo* found = &config.further();
-    for (bool end = false; !end;) {
-        const std::size_t length = std::min(path.find('/'), path.size());
-        const std::string_view name = path.substr(0, length);
-        end = length == path.size();
-        path.remove_prefix(end ? length : length + 1);
-        if (!isPlainStep(name)) return nullptr;
-        const auto& children = found->children();
-        const auto hasName = [name](const QORInfo& child) { return child.name() == name; };
-        const auto child = std::find_if(children.begin(), children.end(), hasName);
-        if (child == children.end()) return nullptr;
-        found = &*child;
-        if (end) last = std::none_of(child + 1, children.end(), hasName);
-    }
-    return found->children().empty() ? found : nullptr;
-}
-
-/// The same for a path from the root of a row's message.
-const QORInfo* findFurtherMember(const QORArg& row, const QORField& field, bool& last, int index) {
-    constexpr std::string_view configPath = "env/config/";
-    constexpr std::string_view virtualConfigPath = "env/virtual_config/";
-    if (row.env() == nullptr || index != 0 || !isPlainText(field)) return nullptr;
-    const std::string_view path = field.path;
-    if (path.starts_with(configPath)) {
-        return findLeaf(*row.env()->getConfig(), path.substr(configPath.size()), last);
-    }
-    if (path.starts_with(virtualConfigPath)) {
-        return findLeaf(*row.env()->getVirtualConfig(), path.substr(virtualConfigPath.size()), last);
-    }
-    return nullptr;
 }
 
 std::string readByType(const QORMessageIterator& at, const QORField& field) {
@@ -114,35 +47,6 @@ std::string readByType(const QORMessageIterator& at, const QORField& field) {
 
 }  // namespace
 
-std::string getFieldValueEID(const QORArg& row, const QORField*, bool&, int) {
-    return fromEnv(row, [](const QOREnv& env) { return fieldText(env.getEID()); });
-}
-
-std::string getFieldValueParentEID(const QORArg& row, const QORField*, bool&, int) {
-    return fromEnv(row, [](const QOREnv& env) { return fieldText(env.getParentEID()); });
-}
-
-std::string getFieldValueParentHostname(const QORArg& row, const QORField*, bool&, int) {
-    return fromEnv(row, [](const QOREnv& env) {
-        const QOREnvCache* const cache = envCache();
-        if (!env.getParentEID().isValid() || cache == nullptr) return std::string();
-        const QORPtr<const QOREnv> parent = cache->getEnvCopy(env.getParentEID());
-        return parent == nullptr ? std::string() : fieldText(parent->getConfig()->hostname());
-    });
-}
-
-std::string getFieldValueEnvTitle(const QORArg& row, const QORField*, bool&, int) {
-    return fromEnv(row, [](const QOREnv& env) { return fieldText(env.getTitle()); });
-}
-
-std::string getFieldValueEnvState(const QORArg& row, const QORField*, bool&, int) {
-    return fromEnv(row, [](const QOREnv& env) { return std::to_string(env.getStatus().state); });
-}
-
-std::string getFieldValueEnvTransition(const QORArg& row, const QORField*, bool&, int) {
-    return fromEnv(row, [](const QOREnv& env) { return std::to_string(env.getStatus().transition); });
-}
-
 std::string getIP(const std::optional<std::vector<std::string>>& addresses, bool& last, int index) {
     last = true;
     if (!addresses) return {};
@@ -169,26 +73,23 @@ std::string getValueFromMessage(const std::shared_ptr<QORMessageIterator>& it, c
 }
 
 std::string getFieldValueByPath(const QORArg& row, const QORField* field, bool& last, int index) {
-    if (const QORInfo* const value = findFurtherMember(row, *field, last, index)) return value->value();
+    if (row.env() != nullptr && index == 0) {
+        const QORFurtherMember member = findFurtherMember(*row.env(), *field);
+        if (member.isKnown) return last = member.last, std::string(member.text);
+    }
     return getValueFromMessage(row.getMessage(), *field, last, index);
 }
 
 std::string getENVValueByPath(const QORArg& row, const QORField* field, bool& last, int index) {
     last = true;
     if (row.env() == nullptr) return {};
-    const QOREnvConfig& config = *row.env()->getVirtualConfig();
-    if (isPlainText(*field) && index == 0) {
-        if (const QORInfo* const value = findLeaf(config, field->path, last)) return value->value();
-    }
+    const QORFurtherMember member = index == 0 ? findFurtherMember(*row.env(), *field) : QORFurtherMember();
+    if (member.isKnown) return last = member.last, std::string(member.text);
     return getValueFromMessage(row.env()->getVirtualConfig()->getMessageIterator(), *field, last, index);
 }
 
 std::string getFieldValueParameter(const QORArg& row, const QORField* field, bool&, int) {
     return row.getInfo().getParameterByPath(field->path);
-}
-
-std::string getFieldValueEmpty(const QORArg&, const QORField*, bool&, int) {
-    return {};
 }
 
 std::string getTrueFieldValue(const QORArg&, const QORField*, bool&, int) {

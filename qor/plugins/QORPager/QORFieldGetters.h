@@ -4,13 +4,13 @@
 /// reason; no getter throws for a row of another kind.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "QORPager/QORArg.h"
 #include "QORPager/QORField.h"
+#include "QORPager/QORFieldViews.h"
 
 namespace QOR {
 
@@ -30,30 +30,18 @@ inline std::string fieldText(const QOREID& eid) {
 
 // ---- environments ---------------------------------------------------------------------------------------------------
 
-std::string getFieldValueEID(const QORArg& row, const QORField* field, bool& last, int index);
-std::string getFieldValueParentEID(const QORArg& row, const QORField* field, bool& last, int index);
-/// The host name of the parent, when the client may see the parent.
-std::string getFieldValueParentHostname(const QORArg& row, const QORField* field, bool& last, int index);
-std::string getFieldValueEnvTitle(const QORArg& row, const QORField* field, bool& last, int index);
-std::string getFieldValueEnvState(const QORArg& row, const QORField* field, bool& last, int index);
-std::string getFieldValueEnvTransition(const QORArg& row, const QORField* field, bool& last, int index);
+inline constexpr QORFieldGetter getFieldValueEID = getFieldValueOfView<viewEID>;
+inline constexpr QORFieldGetter getFieldValueParentEID = getFieldValueOfView<viewParentEID>;
+inline constexpr QORFieldGetter getFieldValueParentHostname = getFieldValueOfView<viewParentHostname>;
+inline constexpr QORFieldGetter getFieldValueEnvTitle = getFieldValueOfView<viewEnvTitle>;
+inline constexpr QORFieldGetter getFieldValueEnvState = getFieldValueOfView<viewEnvState>;
+inline constexpr QORFieldGetter getFieldValueEnvTransition = getFieldValueOfView<viewEnvTransition>;
 
-/// Which of an environment's configurations a getter reads.
-using QOREnvConfigOf = const QORPtr<const QOREnvConfig>& (QOREnv::*)() const noexcept;
-
-/// A property of a configuration.
+/// Properties of a configuration, and of its operating system.
 template <QOREnvConfigOf ConfigOf, auto Property>
-std::string getConfigValue(const QORArg& row, const QORField*, bool&, int) {
-    if (row.env() == nullptr) return {};
-    return fieldText(std::invoke(Property, *(row.env()->*ConfigOf)()));
-}
-
-/// A property of a configuration's operating system.
+inline constexpr QORFieldGetter getConfigValue = getFieldValueOfView<viewConfigValue<ConfigOf, Property>>;
 template <QOREnvConfigOf ConfigOf, auto Property>
-std::string getConfigOSValue(const QORArg& row, const QORField*, bool&, int) {
-    if (row.env() == nullptr) return {};
-    return fieldText(std::invoke(Property, (row.env()->*ConfigOf)()->os()));
-}
+inline constexpr QORFieldGetter getConfigOSValue = getFieldValueOfView<viewConfigOSValue<ConfigOf, Property>>;
 
 /// The address at the index.
 std::string getIP(const std::optional<std::vector<std::string>>& addresses, bool& last, int index);
@@ -67,14 +55,7 @@ std::string getConfigIP(const QORArg& row, const QORField*, bool& last, int inde
 
 /// The first address.
 template <QOREnvConfigOf ConfigOf>
-std::string getConfigIPText(const QORArg& row, const QORField*, bool&, int) {
-    if (row.env() == nullptr) return {};
-    bool last = true;
-    return getIP((row.env()->*ConfigOf)()->addresses(), last, 0);
-}
-
-inline constexpr QOREnvConfigOf configOf = &QOREnv::getConfig;
-inline constexpr QOREnvConfigOf vconfigOf = &QOREnv::getVirtualConfig;
+inline constexpr QORFieldGetter getConfigIPText = getFieldValueOfView<viewConfigIP<ConfigOf>>;
 
 inline constexpr QORFieldGetter getFieldValueConfigName = getConfigValue<configOf, &QOREnvConfig::name>;
 inline constexpr QORFieldGetter getFieldValueConfigDescription = getConfigValue<configOf, &QOREnvConfig::description>;
@@ -118,7 +99,8 @@ std::string getFieldValueParameter(const QORArg& row, const QORField* field, boo
 
 // ---- any row --------------------------------------------------------------------------------------------------------
 
-std::string getFieldValueEmpty(const QORArg& row, const QORField* field, bool& last, int index);
+/// Always empty, even of rows that have no environment.
+inline constexpr QORFieldGetter getFieldValueEmpty = getFieldValueOfView<viewEmpty>;
 std::string getTrueFieldValue(const QORArg& row, const QORField* field, bool& last, int index);
 /// The parameter "task_id" of the row's info document.
 std::string getFieldValueActionsTaskID(const QORArg& row, const QORField* field, bool& last, int index);

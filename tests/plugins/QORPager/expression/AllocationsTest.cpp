@@ -1,29 +1,11 @@
 // Counts allocations: a row costs none once the texts have been as long as they get.
+#include "support/AllocationCounter.h"
+
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <string>
 
 #include "QORPager/QORExpressionEvaluation.h"
-
-namespace {
-std::atomic<std::size_t> allocations{0};
-}
-
-// Kept out of line: where a compiler sees both ends it takes malloc and delete for a mismatch.
-__attribute__((noinline)) void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
-    throw std::bad_alloc();
-}
-__attribute__((noinline)) void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-__attribute__((noinline)) void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
 
 namespace QOR {
 namespace {
@@ -52,7 +34,7 @@ void expectNoAllocations(const char* filter, bool special) {
     std::size_t before = 0;
     int selected = 0;
     for (int row = 0; row < 1000; ++row) {
-        if (row == 10) before = allocations;
+        if (row == 10) before = test::allocations;
         bool out = false;
         TExpressionEvaluation::setFromText(state, row % 2 == 0 ? "6" : "5");
         TExpressionEvaluation::setFromText(memory, row % 3 == 0 ? "4096" : "1024");
@@ -61,7 +43,7 @@ void expectNoAllocations(const char* filter, bool special) {
         ASSERT_FALSE(special ? evaluator.returnBooleanSpecial(out) : evaluator.returnBoolean(out));
         selected += out ? 1 : 0;
     }
-    EXPECT_EQ(allocations - before, 0U) << filter;
+    EXPECT_EQ(test::allocations - before, 0U) << filter;
     EXPECT_GT(selected, 0) << filter;
 }
 

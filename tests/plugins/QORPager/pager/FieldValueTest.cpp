@@ -281,6 +281,50 @@ TEST_F(FieldValue, MessageFieldsReadByTheirType) {
     }
 }
 
+TEST_F(FieldValue, ReadersFindWhatGettersGive) {
+    std::vector<QORField> asked;
+    for (const QORField& field : fields) {
+        if (field.cursorType == TCursorType::Env) asked.push_back(field);
+    }
+    const std::vector<std::string> paths{"memory",  "absent",  "disk",       "disk/size", "disk/size/deeper",
+                                         "os",      "os/name", "os/absent",  "ip",        "hostname",
+                                         "/memory", "memory/", "disk//size", "1018",      ""};
+    for (const std::string& path : paths) {
+        for (const TValueType type : {TValueType::String, TValueType::Integer, TValueType::Boolean, TValueType::Time}) {
+            for (const char* const value : {"", "memory", "/"}) {
+                asked.push_back(messageField(type, path, value, getENVValueByPath));
+                for (const char* const place : {"env/config/", "env/virtual_config/", "env/", ""})
+                    asked.push_back(messageField(type, place + path, value));
+            }
+        }
+    }
+    const std::vector<QORPtr<const QOREnv>> rows{fullEnv(), bareEnv(), fullEnv()};
+    for (const QORField& field : asked) {
+        QOREnvFieldReader reader(field);
+        for (const QORPtr<const QOREnv>& env : rows) {
+            QOREnvRow row(env);
+            EXPECT_EQ(reader.read(row), field.getValue(QORArg(env))) << field.name << " " << field.path;
+        }
+    }
+}
+
+TEST_F(FieldValue, MembersAreWhatTheirMessageSays) {
+    const QORArg row(fullEnv());
+    for (const char* const path :
+         {"memory", "absent", "disk", "disk/size", "disk/absent", "disk/size/deeper", "flag"}) {
+        for (const QORFieldGetter getter : {getFieldValueByPath, getENVValueByPath}) {
+            const bool whole = getter == getFieldValueByPath;
+            const QORField field =
+                messageField(TValueType::String, (whole ? "env/config/" : "") + std::string(path), "", getter);
+            bool last = false;
+            bool expectedLast = false;
+            const auto message = whole ? row.getMessage() : row.env()->getVirtualConfig()->getMessageIterator();
+            EXPECT_EQ(getter(row, &field, last, 0), getValueFromMessage(message, field, expectedLast, 0)) << path;
+            EXPECT_EQ(last, expectedLast) << path;
+        }
+    }
+}
+
 TEST_F(FieldValue, Base64IsReadWhenTheFieldSaysSo) {
     QORField field = messageField(TValueType::String, "secret", "", getENVValueByPath);
     EXPECT_EQ(field.getValue(*fullRow(Environment)), "c2VjcmV0");

@@ -179,7 +179,7 @@ protected:
 };
 
 TEST_F(PreFilter, EvaluatesTheEnvironmentPart) {
-    const QORArg row(fullEnv());
+    const QORPtr<const QOREnv> row = fullEnv();
     const std::vector<std::pair<std::string, bool>> rows{
         {"pager.env.state = 6", true},
         {"pager.env.state = 7", false},
@@ -205,7 +205,7 @@ TEST_F(PreFilter, SaysWhyItCannotEvaluate) {
     for (const auto& [text, error] : rows) {
         QOREnvPreFilter preFilter(filter, used(text));
         bool passed = false;
-        EXPECT_LT(preFilter.evaluate(QORArg(fullEnv()), passed), 0) << text;
+        EXPECT_LT(preFilter.evaluate(fullEnv(), passed), 0) << text;
         EXPECT_EQ(preFilter.error(), error) << text;
     }
 }

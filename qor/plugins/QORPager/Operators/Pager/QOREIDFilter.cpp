@@ -7,12 +7,12 @@
 
 namespace QOR {
 
-QOREIDFilter::SetResult QOREIDFilter::set(std::set<QOREID> eids) {
+QOREIDFilter::SetResult QOREIDFilter::set(QOREIDList eids) {
     m_active = true;
     m_eids = std::move(eids);
     if (m_securityOperation != 0) {
-        const int result =
-            QORAccessChecker::accessCheck(QORAccessChecker::getClientContext(), m_eids, m_securityOperation, 1);
+        const int result = QORAccessChecker::accessCheck(QORAccessChecker::getClientContext(),
+                                                         {m_eids.begin(), m_eids.end()}, m_securityOperation, 1);
         if (result == QORAccessChecker::accessRefused) return setRefused;
         if (result != QORAccessChecker::accessGranted) return setFailed;
     }

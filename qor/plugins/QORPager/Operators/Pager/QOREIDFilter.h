@@ -2,13 +2,16 @@
 /// Which environments a request may go on with.
 #pragma once
 
-#include <set>
+#include <boost/container/flat_set.hpp>
 
 #include "QORCommon/QORGuid.h"
 
 namespace QOR {
 
 class QOREnv;
+
+/// Identifiers of environments in their order. Most come in that order, and there may be very many.
+using QOREIDList = boost::container::flat_set<QOREID>;
 
 /// Lets every environment through until a set of them is given.
 class QOREIDFilter {
@@ -24,18 +27,18 @@ public:
     };
     /// From now on lets only these through, whatever it returns.
     /// \returns setDone; setEmpty for an empty set; setRefused or setFailed when the client's access does not suffice
-    SetResult set(std::set<QOREID> eids);
+    SetResult set(QOREIDList eids);
 
     bool check(const QOREID& eid) const { return !m_active || m_eids.count(eid) != 0; }
     /// \param env null is never let through
     bool check(const QOREnv* env) const;
 
     bool isActive() const noexcept { return m_active; }
-    const std::set<QOREID>& eids() const noexcept { return m_eids; }
+    const QOREIDList& eids() const noexcept { return m_eids; }
 
 private:
     bool m_active = false;
-    std::set<QOREID> m_eids;
+    QOREIDList m_eids;
     int m_securityOperation;
 };
 

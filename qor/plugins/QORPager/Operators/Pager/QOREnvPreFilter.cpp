@@ -11,24 +11,13 @@ namespace {
 
 constexpr int failed = -1;
 
-/// Environments lie about in memory, and a value is behind two or three pointers. Fetching those that come next while
-/// one is evaluated hides most of that. Far ones are fetched themselves, near ones what they point to.
-void fetchAhead(const QOREnvList::Chunk& chunk, std::size_t at) {
-    constexpr std::size_t far = 12;
-    constexpr std::size_t middle = 8;
-    constexpr std::size_t near = 4;
-    constexpr std::size_t line = 64;
-    const auto fetch = [](const void* object, std::size_t size) {
-        const char* const bytes = static_cast<const char*>(object);
-        for (std::size_t offset = 0; offset < size; offset += line)
-            __builtin_prefetch(bytes + offset);
-    };
-    if (at + far < chunk.size()) fetch(chunk[at + far].get(), sizeof(QOREnv));
-    if (at + middle < chunk.size()) fetch(chunk[at + middle]->getConfig().get(), sizeof(QOREnvConfig));
-    if (at + near < chunk.size()) {
-        const std::vector<QORInfo>& further = chunk[at + near]->getConfig()->further().children();
-        fetch(further.data(), std::min<std::size_t>(further.size() * sizeof(QORInfo), 4 * line));
-    }
+constexpr std::size_t line = 64;
+
+void fetch(const void* object, std::size_t size) {
+    const char* const bytes = static_cast<const char*>(object);
+    for (std::size_t offset = 0; offset < size; offset += line)
+        __builtin_prefetch(bytes + offset);
+    __builtin_prefetch(bytes + size - 1);
 }
 
 bool isSatisfied(TExpressionEvaluation& evaluator) {
@@ -47,14 +36,41 @@ QOREnvPreFilter::QOREnvPreFilter(TExpressionEvaluation& evaluator, const std::ve
     for (const QORField* field : whereFields) {
         if (field->cursorType != TCursorType::Env) continue;
         const TIdentifierHandle handle = evaluator.bindingHandle(field->name);
-        if (handle) m_bindings.push_back({field, handle});
+        if (handle) m_bindings.push_back({QOREnvFieldReader(*field), handle});
     }
 }
 
-int QOREnvPreFilter::evaluate(const QORArg& row, bool& passed) {
+QOREnvPreFilter::~QOREnvPreFilter() {
+    for (const Binding& binding : m_bindings)
+        TExpressionEvaluation::setView(binding.handle, {});
+}
+
+/// Environments lie about in memory, and a value is behind two or three pointers. Fetching those that come next while
+/// one is evaluated hides most of that. Of far ones the environment itself is fetched, of nearer ones what it points
+/// to, as far as the filter reads it.
+void QOREnvPreFilter::fetchAhead(const QOREnvList::Chunk& chunk, std::size_t at) const {
+    constexpr std::size_t far = 12;
+    constexpr std::size_t middle = 8;
+    constexpr std::size_t near = 4;
+    constexpr std::size_t mostFurther = 4 * line;
+    if (at + far < chunk.size()) fetch(chunk[at + far].get(), sizeof(QOREnv));
     for (const Binding& binding : m_bindings) {
-        TExpressionEvaluation::setFromText(binding.handle, binding.field->getValue(row));
+        if (at + middle < chunk.size()) {
+            const void* const place = binding.reader.place(*chunk[at + middle]);
+            if (place != nullptr) fetch(place, sizeof(std::optional<std::string>));
+        }
+        if (binding.reader.isFurtherMember() && at + near < chunk.size()) {
+            const auto* const further = static_cast<const QORInfo*>(binding.reader.place(*chunk[at + near]));
+            const std::vector<QORInfo>& members = further->children();
+            if (!members.empty()) fetch(members.data(), std::min(members.size() * sizeof(QORInfo), mostFurther));
+        }
     }
+}
+
+int QOREnvPreFilter::evaluate(const QORPtr<const QOREnv>& env, bool& passed) {
+    QOREnvRow row(env);
+    for (Binding& binding : m_bindings)
+        TExpressionEvaluation::setView(binding.handle, binding.reader.read(row));
     try {
         if (!m_evaluator.returnBooleanSpecial(passed)) return 0;
         m_error = m_evaluator.getErrorMessage();
@@ -64,13 +80,13 @@ int QOREnvPreFilter::evaluate(const QORArg& row, bool& passed) {
     return failed;
 }
 
-int QOREnvPreFilter::run(const QOREnvList& list, std::set<QOREID>& passing) {
+int QOREnvPreFilter::run(const QOREnvList& list, QOREIDList& passing) {
     for (const auto& chunk : list.chunks()) {
         for (std::size_t at = 0; at < chunk->size(); ++at) {
             fetchAhead(*chunk, at);
             const QORPtr<const QOREnv>& env = (*chunk)[at];
             bool passed = false;
-            if (const int result = evaluate(QORArg(env), passed); result != 0) return result;
+            if (const int result = evaluate(env, passed); result != 0) return result;
             if (passed) passing.insert(passing.end(), env->getEID());
         }
     }

@@ -3,39 +3,46 @@
 #pragma once
 
 #include <cstddef>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "QORCommon/QORGuid.h"
 #include "QORLibAgent/QOREnvCache.h"
+#include "QORPager/Operators/Pager/QOREIDFilter.h"
 #include "QORPager/QORExpressionEvaluation.h"
-#include "QORPager/QORField.h"
+#include "QORPager/QORFieldViews.h"
 
 namespace QOR {
 
 class QORArg;
 
-/// Binds and evaluates row by row. Refers to the evaluator, whose filter is compiled, and to the fields.
+/// Binds and evaluates environment by environment, without copying what lies in them. Refers to the evaluator, whose
+/// filter is compiled, and to the fields; leaves the names that it binds empty.
 class QOREnvPreFilter {
 public:
     /// \param whereFields that the filter names; only those of environments are read from rows
     QOREnvPreFilter(TExpressionEvaluation& evaluator, const std::vector<const QORField*>& whereFields);
 
-    /// \param passed whether the row passes; unchanged on failure
-    /// \returns 0; a negative number when the filter cannot be evaluated on the row, see error()
-    int evaluate(const QORArg& row, bool& passed);
+    ~QOREnvPreFilter();
+    QOREnvPreFilter(const QOREnvPreFilter&) = delete;
+    QOREnvPreFilter& operator=(const QOREnvPreFilter&) = delete;
+
+    /// \param env not null \param passed whether it passes; unchanged on failure
+    /// \returns 0; a negative number when the filter cannot be evaluated on the environment, see error()
+    int evaluate(const QORPtr<const QOREnv>& env, bool& passed);
     /// Evaluates every environment of the list. \param passing gets those that pass
     /// \returns 0; a negative number at the first that cannot be evaluated
-    int run(const QOREnvList& list, std::set<QOREID>& passing);
+    int run(const QOREnvList& list, QOREIDList& passing);
     /// What kept evaluate() from evaluating.
     const std::string& error() const noexcept { return m_error; }
 
 private:
     struct Binding {
-        const QORField* field;
+        QOREnvFieldReader reader;
         TIdentifierHandle handle;
     };
+    void fetchAhead(const QOREnvList::Chunk& chunk, std::size_t at) const;
+
     TExpressionEvaluation& m_evaluator;
     std::vector<Binding> m_bindings;
     std::string m_error;

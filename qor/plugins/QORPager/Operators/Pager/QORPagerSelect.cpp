@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <set>
 #include <utility>
 
 #include "QORFunctionality/QORAccess.h"
@@ -221,11 +220,12 @@ int QORPagerOperatorPrototype::declareNames(std::string_view where, QORMessageIt
 
 /// Gives the filter the environments that pass the environment part of the request's; all where it has no such part.
 int QORPagerOperatorPrototype::fillInfoCursor(QORMessageIterator& response, QOREIDFilter& filter) {
-    std::set<QOREID> passing;
+    QOREIDList passing;
     if (m_hasWhere && !m_evaluator->onlyNotSpecial()) {
         QOREnvPreFilter preFilter(*m_evaluator, m_whereFields);
         if (preFilter.run(*m_envList, passing) != 0) return refuse(response, pagerEvaluatingError, preFilter.error());
     } else {
+        passing.reserve(m_envList->size());
         for (const QORPtr<const QOREnv>& env : *m_envList)
             passing.insert(passing.end(), env->getEID());
     }
