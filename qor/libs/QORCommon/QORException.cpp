@@ -2,11 +2,13 @@
 
 #include <utility>
 
+#include "QORCommon/QORNulBytes.h"
+
 namespace QOR {
 
 QORException::QORException(int code, std::string message, const char* sourcePath, int line)
     : m_code(code),
-      m_message(std::move(message)),
+      m_message(withoutNuls(std::move(message))),
       m_sourcePath(sourcePath == nullptr ? "" : sourcePath),
       m_line(line) {}
 

@@ -49,6 +49,22 @@ create view vNoGuid as select title, op as "securableObjId", op as "securityOper
 create view vSecondNoGuid as select title, eid as "securableObjId0", op as "securableObjId1",
     op as "securityOperation_1" from things;
 create view vNoNumber as select title, eid as "securableObjId", op as "securityOperation_x" from things;
+
+-- Rows of object A that every condition can be asked of, and rows of object B on which the engine fails: patterns that
+-- are too long, numbers that add up beyond 64 bits, dates that are none, documents that cannot be read.
+create table vault(eid uniqueidentifier, title nvarchar(20), body nvarchar, n bigint, m int, born datetime,
+    doc nvarchar, op int);
+insert into vault values
+ ('aaaaaaaa-0000-0000-0000-000000000001','mine','m%',5,1,'2024-01-01 00:00:00','{"a":"x","n":1}',1),
+ ('aaaaaaaa-0000-0000-0000-000000000001','more','%o%',7,2,'2024-03-01 00:00:00','{"a":"y","n":2}',1),
+ ('bbbbbbbb-0000-0000-0000-000000000002','hidden',replace(hex(zeroblob(60000)),'0','%'),9223372036854775807,2147483647,
+  'some day','{broken',1),
+ ('bbbbbbbb-0000-0000-0000-000000000002','secret',replace(hex(zeroblob(60000)),'0','%'),9223372036854775807,2147483647,
+  'some day','{broken',1);
+alter table vault add column part int generated always as (json_extract(doc, '$.n')) virtual;
+create view vVault as select title, body, n, m, born, part, json_extract(doc, '$.a') as word,
+    eid as "securableObjId", op as "securityOperation_3" from vault;
+create view vNumbers as select id, big, small, name, guid, born, picture from people;
 )sql";
 
 /// One database for all tests of a program.

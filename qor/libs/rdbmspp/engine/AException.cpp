@@ -2,10 +2,12 @@
 
 #include <utility>
 
+#include "QORCommon/QORNulBytes.h"
+
 namespace QOR {
 
 AException::AException(std::string text, std::string sqlState, int nativeCode, std::string statement)
-    : m_text(std::move(text)),
+    : m_text(withoutNuls(std::move(text))),
       m_sqlState(std::move(sqlState)),
       m_nativeCode(nativeCode),
       m_statement(std::move(statement)) {}

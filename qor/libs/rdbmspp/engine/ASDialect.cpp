@@ -33,6 +33,8 @@ const ASDialect sqlite{
     .nullsDescending = "",
     .byteOrder = "",
     .queryOnly = "PRAGMA query_only = 1",
+    .opaqueBegin = "CAST(",
+    .opaqueEnd = " AS TEXT)",
     .maxParameters = 1000,
     .maxLikePattern = 50000,
     .parserDepth = 100,
@@ -55,6 +57,8 @@ const ASDialect postgres{
     .nullsDescending = " NULLS LAST",
     .byteOrder = " COLLATE \"C\"",
     .queryOnly = "SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY",
+    .opaqueBegin = "",
+    .opaqueEnd = "",
     .maxParameters = 1000,
     .maxLikePattern = 0,
     .parserDepth = 0,
@@ -115,6 +119,31 @@ std::string ASDialect::exactDouble(std::string_view expression) const {
 std::string ASDialect::exactBytes(std::string_view expression) const {
     const std::string e(expression);
     return engine == ASEngine::SQLite ? "CAST(" + e + " AS BLOB)" : e;
+}
+
+// SQLite fails where whole numbers add up beyond 64 bits, so that their upper and lower halves are added apart. Where
+// the column holds something else beside them, SQLite adds in floating point anyway.
+std::string ASDialect::wholeSum(std::string_view expression) const {
+    const std::string c(expression);
+    if (engine != ASEngine::SQLite) return "sum(" + c + ")";
+    const std::string low = "sum(" + c + " & 4294967295)";
+    const std::string high = "(sum(" + c + " >> 32) + (" + low + " >> 32))";
+    return "CASE WHEN count(" + c + ") > sum(typeof(" + c + ") = 'integer') THEN total(" + c + ") WHEN " + high +
+           " BETWEEN -2147483648 AND 2147483647 THEN (" + high + " << 32) | (" + low + " & 4294967295) WHEN count(" + c +
+           ") > 0 THEN total(" + c + ") END";
+}
+
+// A column without an integer type may hold integers all the same, and a text may look like one.
+std::string ASDialect::realSum(std::string_view expression) const {
+    const std::string c(expression);
+    if (engine != ASEngine::SQLite) return "sum(" + c + ")";
+    return "CASE WHEN count(" + c + ") > 0 THEN total(" + c + ") END";
+}
+
+std::string ASDialect::boundedPattern(std::string_view expression) const {
+    const std::string p(expression);
+    if (maxLikePattern == 0) return p;
+    return "CASE WHEN length(CAST(" + p + " AS BLOB)) <= " + std::to_string(maxLikePattern) + " THEN " + p + " END";
 }
 
 AException ASDialect::explained(const AException& error) const {

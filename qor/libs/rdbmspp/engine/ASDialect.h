@@ -27,6 +27,8 @@ struct QOR_API ASDialect {
     const char* nullsDescending;
     const char* byteOrder;        ///< makes a text sort by its bytes; empty where it does already
     const char* queryOnly;        ///< makes a connection refuse to write
+    const char* opaqueBegin;      ///< around a text literal, so that `column = literal` does not make the engine put the
+    const char* opaqueEnd;        ///< literal in the column's place elsewhere; empty where it does not anyway
     std::size_t maxParameters;    ///< of one statement; further values stand in its text
     std::size_t maxLikePattern;   ///< bytes; 0: unlimited
     std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
@@ -44,6 +46,13 @@ struct QOR_API ASDialect {
     std::string exactDouble(std::string_view expression) const;
     /// A selected column of bytes so that the driver does not take a text for them.
     std::string exactBytes(std::string_view expression) const;
+    /// The sum of a column of whole numbers: exact within 64 bits, of floating point beyond, null for no values. Never
+    /// fails.
+    std::string wholeSum(std::string_view expression) const;
+    /// The sum of any other column, null for no values.
+    std::string realSum(std::string_view expression) const;
+    /// A pattern of LIKE that is no literal: null where it is longer than the engine takes.
+    std::string boundedPattern(std::string_view expression) const;
     /// A failure in words about the request where the engine speaks of its own workings.
     AException explained(const AException& error) const;
     /// A literal of bytes.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -35,10 +36,20 @@ class QOR_API ASDomain {
     /// The select of a derived table; "" for a view or table of the database.
     const std::string& derivedSql() const noexcept { return m_derivedSql; }
 
+    /// A view of which it is known which columns are stored: reading one computes nothing, so that it cannot fail.
+    static std::shared_ptr<const ASDomain> view(std::string name, std::set<std::string, std::less<>> storedColumns) {
+        auto domain = std::make_shared<ASDomain>(std::move(name), std::string());
+        domain->m_storedColumns = std::move(storedColumns);
+        return domain;
+    }
+    /// False also where nothing is known of the column.
+    bool isStored(std::string_view column) const { return m_storedColumns.contains(column); }
+
    private:
     std::string m_name;
     std::string m_secondName;
     std::string m_derivedSql;
+    std::set<std::string, std::less<>> m_storedColumns;
 };
 
 using ASDomainPtr = std::shared_ptr<const ASDomain>;
@@ -103,7 +114,9 @@ QOR_API ASComparison operator<=(const ASAttribute& left, const ASData& right);
 
 /// An aggregate over an attribute; default-constructed, the count of all rows.
 /// Sums, averages, minima and maxima of a DateTime attribute are over its seconds since the epoch; minima and maxima
-/// of texts and GUIDs are null (still one row), never a wrong number.
+/// of texts and GUIDs are null (still one row), never a wrong number. In a nested select, whose result is compared and
+/// not read, minima and maxima are values of the column itself, whatever its type, and a sum beyond 64 bits is a
+/// floating-point number instead of a failure.
 class QOR_API ASGroupAttribute {
    public:
     enum class Function { Sum, Average, Min, Max, Count };

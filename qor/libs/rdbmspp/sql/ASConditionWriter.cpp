@@ -35,8 +35,15 @@ constexpr std::size_t costOfBracket = 1;   // "("
 constexpr std::size_t costOfNot = 2;       // "NOT ("
 constexpr std::size_t costOfColumn = 3;    // "v"."c"
 constexpr std::size_t costOfSelect = 6;    // what the select itself holds while its condition is read
+constexpr std::size_t costOfWhen = 3;      // "CASE WHEN"
+constexpr std::size_t costOfThen = 5;      // "CASE WHEN a THEN"
+// What a restriction puts around a condition: a guard, in brackets of its own and of its group, in a longer chain.
+constexpr std::size_t depthOfRestriction = costOfThen + 3;
+constexpr std::size_t heightOfRestriction = 6;
+// "CASE WHEN length(CAST(": what bounds a pattern that is no literal.
+constexpr std::size_t costOfPattern = 9;
 
-/// A condition laid flat. Parts stand in one vector, parents before their children.
+/// A condition laid flat, comparisons, chains, nots and guards. Parts stand in one vector, parents before their children.
 struct Part {
     const Node* node = nullptr;  ///< a comparison; null for chains and nots
     Node::Kind kind = Node::Kind::And;
@@ -69,8 +76,9 @@ std::size_t depthOfTerm(const Node& node) {
             return costOfNot + parserDepthOf(node.value.text);
         case Node::Kind::In:
             return std::max(depth, costOfOperator + costOfBracket + parserDepthOf(node.value.text));
-        case Node::Kind::LikeText:
         case Node::Kind::LikeAttribute:
+            return depth + costOfOperator + costOfPattern;
+        case Node::Kind::LikeText:
             return std::max(depth, 2 * costOfOperator + costOfBracket);
         default:
             return std::max(depth, costOfOperator + costOfBracket);
@@ -100,6 +108,7 @@ class Layout {
     void lay(const Node& root);
     Index add(const Pending& pending, const Part& part);
     void layChain(const Pending& pending);
+    void layGuard(const Pending& pending);
     void measure(Part& part);
     void group(Part& part);
     void measureChain(Part& part);
@@ -119,6 +128,8 @@ void Layout::lay(const Node& root) {
         const Node& node = *pending.node;
         if (node.isChain()) {
             layChain(pending);
+        } else if (node.kind == Node::Kind::Guard) {
+            layGuard(pending);
         } else if (node.kind != Node::Kind::Not) {
             Part part;
             part.node = &node;
@@ -165,6 +176,15 @@ void Layout::layChain(const Pending& pending) {
     m_pending.push_back({node.left.get(), index, pending.negated});
 }
 
+// Stands among the terms of a chain or alone; there is none under a not.
+void Layout::layGuard(const Pending& pending) {
+    Part part;
+    part.kind = Node::Kind::Guard;
+    const Index index = add(pending, part);
+    m_pending.push_back({pending.node->right.get(), index, false});
+    m_pending.push_back({pending.node->left.get(), index, false});
+}
+
 void Layout::measure(Part& part) {
     if (part.node) {
         part.depth = depthOfTerm(*part.node);
@@ -172,6 +192,9 @@ void Layout::measure(Part& part) {
     } else if (part.kind == Node::Kind::Not) {
         part.depth = costOfNot + m_parts[part.first].depth;
         part.height = 1 + m_parts[part.first].height;
+    } else if (part.kind == Node::Kind::Guard) {
+        part.depth = std::max(costOfWhen + m_parts[part.first].depth, costOfThen + m_parts[part.last].depth);
+        part.height = 1 + std::max(m_parts[part.first].height, m_parts[part.last].height);
     } else {
         if (m_form == Form::Turned) sortByDepth(part);
         group(part);
@@ -252,6 +275,22 @@ Node::Op opposite(Node::Op op) {
     return Node::Op::Gt;
 }
 
+void writeValue(ASSqlBuilder& b, const Node& node) {
+    if (!node.opaque) return b.value(node.value);
+    b.append(b.dialect().opaqueBegin);
+    b.value(node.value);
+    b.append(b.dialect().opaqueEnd);
+}
+
+// The engine takes an in of one item for an equality, and then sees nothing but the item.
+void writeOpaqueIn(ASSqlBuilder& b, const Node& node) {
+    b.operand(*node.first);
+    b.append(" = ");
+    b.append(b.dialect().opaqueBegin);
+    b.append(node.value.text);
+    b.append(b.dialect().opaqueEnd);
+}
+
 void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
     const char* op = operatorText(negated ? opposite(node.op) : node.op);
     switch (node.kind) {
@@ -268,7 +307,7 @@ void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
         case Node::Kind::Value:
             b.operand(*node.first);
             b.append(op);
-            b.value(node.value);
+            writeValue(b, node);
             break;
         case Node::Kind::Values:
             b.value(node.value);
@@ -289,6 +328,7 @@ void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
             b.operand(*node.third);
             break;
         case Node::Kind::In:
+            if (node.opaque) return writeOpaqueIn(b, node);
             b.in(*node.first, node.value.text, negated);
             break;
         case Node::Kind::IsNull:
@@ -298,6 +338,7 @@ void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
         case Node::Kind::And:
         case Node::Kind::Or:
         case Node::Kind::Not:
+        case Node::Kind::Guard:
             break;
     }
 }
@@ -340,6 +381,10 @@ void Writer::open(Index index, bool brackets) {
         m_builder.append("NOT ");
         brackets = true;
     }
+    if (part.kind == Node::Kind::Guard) {
+        m_builder.append("CASE WHEN ");
+        brackets = false;
+    }
     if (brackets) m_builder.append("(");
     m_frames.push_back({index, part.first, 0, brackets});
 }
@@ -356,13 +401,17 @@ void Writer::step() {
     const Index child = frame.child;
     frame.child = m_parts[child].next;
     ++frame.written;
-    const bool bracketed = part.kind == Node::Kind::Not;
+    const bool bracketed = part.kind == Node::Kind::Not || part.kind == Node::Kind::Guard;
     if (bracketed && m_parts[child].kind == Node::Kind::Raw) return m_builder.append(m_parts[child].node->value.text);
     open(child, !bracketed);
 }
 
 void Writer::separate(const Frame& frame) {
     const Part& part = m_parts[frame.part];
+    if (part.kind == Node::Kind::Guard) {
+        if (frame.written > 0) m_builder.append(" THEN ");
+        return;
+    }
     const bool group = part.startsGroup(frame.written);
     if (frame.written > 0) {
         if (group && frame.written > part.ungrouped) m_builder.append(")");
@@ -374,6 +423,7 @@ void Writer::separate(const Frame& frame) {
 void Writer::close(const Frame& frame) {
     if (m_parts[frame.part].grouped) m_builder.append(")");
     if (frame.brackets) m_builder.append(")");
+    if (m_parts[frame.part].kind == Node::Kind::Guard) m_builder.append(" END");
 }
 
 void refuse(const ASDialect& dialect) {
@@ -396,6 +446,15 @@ void writeCondition(ASSqlBuilder& builder, const Node& root) {
         refuse(dialect);
     }
     Writer(builder, turned.parts()).write();
+}
+
+void checkCondition(const ASDialect& dialect, const Node& root) {
+    if (dialect.parserDepth == 0 || root.kind == Node::Kind::Raw) return;
+    const Layout turned(root, Layout::Form::Turned);
+    if (turned.depth() + costOfSelect + depthOfRestriction > dialect.parserDepth ||
+        turned.height() + heightOfRestriction > dialect.expressionDepth) {
+        refuse(dialect);
+    }
 }
 
 }  // namespace QOR

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -48,6 +49,17 @@ bool isNumber(std::string_view text) {
     return result.ptr == text.data() + text.size() && result.ec != std::errc::invalid_argument;
 }
 
+// A text among integers counts as 0 and makes the engine add in floating point; the sum is a whole number all the same.
+// Beyond 2^53 it may have been rounded, and is no such number any more.
+bool takeWholeReal(ASData& data, std::string_view stored) {
+    constexpr double exact = 9007199254740992.0;
+    double value = 0;
+    std::from_chars(stored.data(), stored.data() + stored.size(), value);
+    if (!(std::fabs(value) <= exact) || std::trunc(value) != value) return false;
+    data.take(std::to_string(static_cast<std::int64_t>(value)));
+    return !data.isRaw();
+}
+
 }  // namespace
 
 ASProject& ASProject::operator<<(const ASAttribute& attribute) {
@@ -75,6 +87,10 @@ void ASFilter::Set(const ASComparison& condition) {
     m_condition = condition;
 }
 
+void ASFilter::Restrict(const ASComparison& access) {
+    m_access = access;
+}
+
 struct ASCursor::Impl {
     struct Column {
         ASData* data;
@@ -88,6 +104,7 @@ struct ASCursor::Impl {
     void bind(const ASProject& project);
     void take(std::size_t index);
     bool isOneRow() const;
+    std::string query(ASPurpose purpose) const;
 
     ASSession& session;
     ASFilter filter;
@@ -133,8 +150,16 @@ std::int64_t ASCursor::GetAmount() const noexcept {
 }
 
 std::string ASCursor::Query() const {
-    ASSqlBuilder builder(*m_impl->session.impl().dialect, ASPurpose::Reading);
-    builder.select(m_impl->filter.m_project, m_impl->filter.m_condition, m_impl->limit, m_impl->offset, m_impl->order);
+    return m_impl->query(ASPurpose::Reading);
+}
+
+std::string ASCursor::NestedQuery() const {
+    return m_impl->query(ASPurpose::Nested);
+}
+
+std::string ASCursor::Impl::query(ASPurpose purpose) const {
+    ASSqlBuilder builder(*session.impl().dialect, purpose);
+    builder.select(filter, limit, offset, order);
     return std::move(builder).takeText();
 }
 
@@ -155,7 +180,7 @@ void ASCursor::Impl::run() {
     auto& s = session.impl();
     const bool streams = s.mayStream() && (limit <= 0 || limit >= manyRows) && !isOneRow();
     s.builder.reset(streams ? ASPurpose::Streaming : ASPurpose::Execution);
-    s.builder.select(filter.m_project, filter.m_condition, limit, offset, order);
+    s.builder.select(filter, limit, offset, order);
     auto running = streams ? s.leaseStreaming(s.builder.text()) : s.lease(s.builder.text());
     const auto& values = s.builder.parameters();
     for (std::size_t i = 0; i < values.size(); ++i)
@@ -194,7 +219,7 @@ void ASCursor::Impl::take(std::size_t index) {
     }
     const std::string_view stored = statement->value(index);
     column.data->take(stored);
-    if (column.sum && column.data->isRaw() && isNumber(stored)) {
+    if (column.sum && column.data->isRaw() && isNumber(stored) && !takeWholeReal(*column.data, stored)) {
         throw AException(column.sum->Query() + " is " + std::string(stored) + ", which is no integer of " +
                          (column.data->type() == ASType::Int ? "32" : "64") + " bits");
     }

@@ -36,12 +36,16 @@ class QOR_API ASFilter {
     ASProject& DistinctProject();
     /// Replaces the condition.
     void Set(const ASComparison& condition);
+    /// Replaces what restricts the rows; none: all. Rows outside are not there for whatever is selected: the condition
+    /// is asked of none of them, so that no failure of it tells of them.
+    void Restrict(const ASComparison& access);
 
    private:
     friend class ASSqlBuilder;
     friend class ASCursor;
     ASProject m_project;
     ASComparison m_condition;
+    ASComparison m_access;
 };
 
 /// Runs on the session it was made on and must not outlive it. Not shared between threads. Errors: AException.
@@ -63,6 +67,8 @@ class QOR_API ASCursor {
     std::int64_t GetAmount() const noexcept;
     /// The select as SQL text, all values as literals.
     std::string Query() const;
+    /// The same as a part of another select, in whose conditions its one column is compared with columns.
+    std::string NestedQuery() const;
 
    private:
     struct Impl;

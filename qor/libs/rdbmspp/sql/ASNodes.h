@@ -38,6 +38,7 @@ struct ASComparison::Node {
         And,
         Or,
         Not,            ///< of left
+        Guard,          ///< right where left is true, else unknown; right is evaluated for no other row
         Raw,            ///< value.text
         Attributes,     ///< first op second
         Value,          ///< first op value
@@ -61,6 +62,7 @@ struct ASComparison::Node {
     Kind kind;
     Op op = Op::Eq;
     char escape = 0;
+    bool opaque = false;  ///< Value of Eq, In of one literal: written so that the engine draws no conclusions from it
     std::shared_ptr<Node> left;
     std::shared_ptr<Node> right;
     std::optional<ASAttribute> first;

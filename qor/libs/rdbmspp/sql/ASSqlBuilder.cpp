@@ -5,6 +5,7 @@
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/sql/ASConditionWriter.h"
 #include "rdbmspp/sql/ASNodes.h"
+#include "rdbmspp/sql/ASRestriction.h"
 #include "rdbmspp/sql/ASSqlText.h"
 
 namespace QOR {
@@ -50,18 +51,23 @@ void ASSqlBuilder::reset(ASPurpose purpose) {
     m_parameters.clear();
 }
 
-void ASSqlBuilder::select(const ASProject& project, const ASComparison& condition, std::int32_t limit,
-                          std::int32_t offset, const std::optional<ASOrder>& order) {
+void ASSqlBuilder::select(const ASFilter& filter, std::int32_t limit, std::int32_t offset,
+                          const std::optional<ASOrder>& order) {
+    const ASProject& project = filter.m_project;
     append(project.m_distinct ? "SELECT DISTINCT " : "SELECT ");
     projection(project);
     from(project);
-    if (!condition.empty()) {
-        append(" WHERE ");
-        this->condition(condition);
-    }
+    where(filter);
     groupBy(project);
     if (order) orderBy(*order);
     if (limit > 0) page(limit, offset);
+}
+
+void ASSqlBuilder::where(const ASFilter& filter) {
+    if (filter.m_condition.empty() && filter.m_access.empty()) return;
+    if (!filter.m_condition.empty()) checkCondition(m_dialect, *filter.m_condition.node());
+    append(" WHERE ");
+    condition(restricted(filter.m_access, filter.m_condition));
 }
 
 void ASSqlBuilder::condition(const ASComparison& condition) {
@@ -90,6 +96,7 @@ void ASSqlBuilder::operand(const ASAttribute& attribute) {
 
 void ASSqlBuilder::aggregate(const ASGroupAttribute& attribute) {
     const auto& impl = *attribute.m_impl;
+    if (m_purpose == ASPurpose::Nested && impl.attribute) return nestedAggregate(attribute);
     append(functionName(impl.function));
     if (!impl.attribute) {
         append("*");
@@ -100,6 +107,24 @@ void ASSqlBuilder::aggregate(const ASGroupAttribute& attribute) {
     } else {
         operand(*impl.attribute);
     }
+    append(")");
+}
+
+// Nothing here fails on a row: whether a nested select runs at all, and over which rows of what is around it, is the
+// engine's choice, and a failure would tell of that.
+void ASSqlBuilder::nestedAggregate(const ASGroupAttribute& attribute) {
+    const auto& impl = *attribute.m_impl;
+    const ASType type = impl.attribute->type();
+    const bool adds = impl.function == Function::Sum || impl.function == Function::Average;
+    std::string operand = impl.attribute->Query();
+    if (adds && type == ASType::Guid) operand = "NULL";
+    if (adds && type == ASType::DateTime) operand = m_dialect.epochSeconds(operand);
+    if (impl.function == Function::Sum && type != ASType::Guid && type != ASType::DateTime) {
+        const bool whole = type == ASType::Int || type == ASType::BigInt;
+        return append(whole ? m_dialect.wholeSum(operand) : m_dialect.realSum(operand));
+    }
+    append(functionName(impl.function));
+    append(operand);
     append(")");
 }
 
@@ -124,15 +149,17 @@ void ASSqlBuilder::in(const ASAttribute& attribute, std::string_view list, bool 
 void ASSqlBuilder::like(const ASAttribute& attribute, const ASAttribute* column, const ASValue& pattern, char escape,
                         bool negated) {
     if (static_cast<unsigned char>(escape) > 127) throw AException("the escape character of LIKE has to be ASCII");
-    if (!column && m_dialect.maxLikePattern != 0 && pattern.text.size() > m_dialect.maxLikePattern) {
-        throw AException("a pattern of LIKE has " + std::to_string(pattern.text.size()) + " bytes; " + m_dialect.name +
-                         " takes " + std::to_string(m_dialect.maxLikePattern));
+    // Of a literal in a function too, so that it does not depend on the rows whether a request is refused.
+    const std::size_t length = column ? literalLength(column->Query()).value_or(0) : pattern.text.size();
+    if (m_dialect.maxLikePattern != 0 && length > m_dialect.maxLikePattern) {
+        throw AException("a pattern of LIKE has " + std::to_string(length) + " bytes; " + m_dialect.name + " takes " +
+                         std::to_string(m_dialect.maxLikePattern));
     }
     operand(attribute);
     if (negated) append(" NOT");
     append(m_dialect.like);
     if (column) {
-        operand(*column);
+        likeColumn(*column);
     } else {
         if (m_purpose == ASPurpose::Execution) append(m_dialect.likeParameter);
         value(pattern);
@@ -143,6 +170,13 @@ void ASSqlBuilder::like(const ASAttribute& attribute, const ASAttribute* column,
     }
     append(" ESCAPE ");
     appendQuoted(m_text, std::string_view(&escape, 1), '\'');
+}
+
+// A column may hold more than the engine takes for a pattern, and then the whole select would fail for one row of it.
+// Such a row is not known to match, like one whose pattern is null.
+void ASSqlBuilder::likeColumn(const ASAttribute& pattern) {
+    if (m_purpose == ASPurpose::Reading || literalLength(pattern.Query())) return operand(pattern);
+    append(m_dialect.boundedPattern(pattern.Query()));
 }
 
 void ASSqlBuilder::projection(const ASProject& project) {
@@ -162,7 +196,7 @@ void ASSqlBuilder::projection(const ASProject& project) {
 // Only what is executed takes the driver's ways of reading into account; a text form shows the plain column, and as
 // a nested select it has to be one.
 void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
-    if (m_purpose != ASPurpose::Reading && attribute.isColumn()) {
+    if (isExecuted() && attribute.isColumn()) {
         if (attribute.type() == ASType::Double) return append(m_dialect.exactDouble(attribute.Query()));
         if (attribute.type() == ASType::Blob) return append(m_dialect.exactBytes(attribute.Query()));
     }
@@ -175,7 +209,7 @@ void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
 
 void ASSqlBuilder::projectedAggregate(const ASGroupAttribute& attribute) {
     const auto& data = attribute.data();
-    if (m_purpose != ASPurpose::Reading && data && data->type() == ASType::Double) {
+    if (isExecuted() && data && data->type() == ASType::Double) {
         append(m_dialect.exactDouble(attribute.Query()));
     } else {
         aggregate(attribute);

@@ -17,6 +17,7 @@ namespace QOR {
 /// What a text is written for.
 enum class ASPurpose : unsigned char {
     Reading,    ///< by people, or as a part of another text: values are literals
+    Nested,     ///< as Reading, but a whole select inside another: what it selects is compared, not read
     Execution,  ///< values are `?`; columns are selected so that the driver hands out all of their bytes
     Streaming,  ///< as Execution, but values are literals: parameters keep the driver from handing out rows as they
                 ///< come
@@ -31,8 +32,7 @@ class ASSqlBuilder {
     void reset(ASPurpose purpose);
 
     /// A whole select. \throws AException when nothing with a domain is projected, or the engine cannot take it
-    void select(const ASProject& project, const ASComparison& condition, std::int32_t limit, std::int32_t offset,
-                const std::optional<ASOrder>& order);
+    void select(const ASFilter& filter, std::int32_t limit, std::int32_t offset, const std::optional<ASOrder>& order);
     /// A condition; nothing for none.
     void condition(const ASComparison& condition);
 
@@ -53,6 +53,10 @@ class ASSqlBuilder {
     const ASDialect& dialect() const noexcept { return m_dialect; }
 
    private:
+    bool isExecuted() const noexcept { return m_purpose == ASPurpose::Execution || m_purpose == ASPurpose::Streaming; }
+    void where(const ASFilter& filter);
+    void likeColumn(const ASAttribute& pattern);
+    void nestedAggregate(const ASGroupAttribute& attribute);
     void projection(const ASProject& project);
     void projectedAttribute(const ASAttribute& attribute);
     void projectedAggregate(const ASGroupAttribute& attribute);

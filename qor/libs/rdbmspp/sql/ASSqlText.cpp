@@ -30,6 +30,7 @@ std::size_t costOfBracket(std::string_view before) {
     return 3;  // "a AND (", "a IN (", "f(" and its like
 }
 
+constexpr std::size_t costOfCase = 5;    // CASE, its operand, WHEN, a condition, THEN
 constexpr std::size_t costOfSelect = 5;  // SELECT, its distinct flag, its columns, FROM, WHERE
 constexpr std::size_t costOfTerm = 5;    // a comparison with a qualified column
 
@@ -51,6 +52,29 @@ bool isSingleTerm(std::string_view sql) noexcept {
     return true;
 }
 
+bool isLiteralList(std::string_view sql) noexcept {
+    if (sql.empty() || sql.front() != '\'') return false;
+    for (std::size_t at = 0;;) {
+        at = behindQuoted(sql, at);
+        if (at == sql.size()) return sql.back() == '\'';
+        if (sql[at] != ',') return false;
+        ++at;
+        if (at < sql.size() && sql[at] == ' ') ++at;
+        if (at == sql.size() || sql[at] != '\'') return false;
+    }
+}
+
+std::optional<std::size_t> literalLength(std::string_view sql) noexcept {
+    constexpr std::size_t callLength = 6;  // of "upper(" and "lower("
+    while (sql.starts_with("upper(") || sql.starts_with("lower(")) {
+        if (!sql.ends_with(")")) return std::nullopt;
+        sql = sql.substr(callLength, sql.size() - callLength - 1);
+    }
+    if (sql.size() < 2 || sql.front() != '\'' || behindQuoted(sql, 0) != sql.size()) return std::nullopt;
+    sql = sql.substr(1, sql.size() - 2);
+    return sql.size() - static_cast<std::size_t>(std::count(sql.begin(), sql.end(), '\'')) / 2;
+}
+
 std::size_t parserDepthOf(std::string_view sql) noexcept {
     std::size_t now = 0;
     std::size_t deepest = 0;
@@ -65,9 +89,18 @@ std::size_t parserDepthOf(std::string_view sql) noexcept {
         } else if (isWord(c)) {
             while (end < sql.size() && isWord(sql[end]))
                 ++end;
-            if (sql.substr(at, end - at) == "SELECT") {
+            const std::string_view word = sql.substr(at, end - at);
+            if (word == "SELECT") {
                 now += costOfSelect;
                 frame += costOfSelect;
+            } else if (word == "CASE") {
+                open.push_back(frame);
+                frame = costOfCase;
+                now += costOfCase;
+            } else if (word == "END" && !open.empty()) {
+                now -= frame;
+                frame = open.back();
+                open.pop_back();
             }
         } else if (c == '(') {
             const std::size_t cost = costOfBracket(before);

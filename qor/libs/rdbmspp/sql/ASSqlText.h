@@ -3,12 +3,20 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string_view>
 
 namespace QOR {
 
 /// Whether the text is one literal, name, number or call, which may stand beside an operator without brackets.
 bool isSingleTerm(std::string_view sql) noexcept;
+
+/// Whether the text is quoted literals only, joined with commas.
+bool isLiteralList(std::string_view sql) noexcept;
+
+/// The bytes of a text that is one quoted literal, or a call upon calls of functions that keep the length of one; empty
+/// for any other text.
+std::optional<std::size_t> literalLength(std::string_view sql) noexcept;
 
 /// How many entries of its stack the engine's parser holds at most while it reads the text, as an upper bound for
 /// what this layer writes.

@@ -37,10 +37,10 @@ void answer(QORMessageIterator* in, QORMessageIterator* out) {
 }
 
 /// Takes back what was written of the result, so that the response holds the error alone.
-void reportFailure(QORMessageIterator* out, int code, const char* message) {
+void reportFailure(QORMessageIterator* out, int code, const std::string& message) {
     if (out == nullptr) return;
     out->removeChildren(tag::rowSet);
-    QOROperatorFunctionalPrototype::addError(out, QORErrors, code, message);
+    QOROperatorFunctionalPrototype::addError(out, QORErrors, code, message.c_str());
 }
 
 }  // namespace
@@ -61,9 +61,9 @@ void QORPagerOperatorPrototype2::select(QORMessageIterator* in, QORMessageIterat
     try {
         answer(in, out);
     } catch (const QORException& exception) {
-        reportFailure(out, exception.code(), exception.message().c_str());
+        reportFailure(out, exception.code(), exception.message());
     } catch (const AException& exception) {
-        reportFailure(out, errFailure, exception.what());
+        reportFailure(out, errFailure, exception.text());
     } catch (const std::exception& exception) {
         reportFailure(out, errFailure, exception.what());
     }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORNulBytes.h"
 #include "QORCommon/QORTime.h"
 #include "QORPager/Operators/Pager/QORBackup.h"
 #include "QORPager/Operators/Pager/QORFilterConstants.h"
@@ -119,7 +120,8 @@ void writeBackUpInfoSqlRow(const QORBackup& backup, QORRowSet& rowSet) {
 void QORPagerOperatorPrototype::selectBackups(QORMessageIterator& response) {
     m_evaluator->setExpression(withoutLower(m_where));
     if (m_evaluator->prepareSpecial()) {
-        addError(&response, PagerErrors, pagerParsingError, m_evaluator->getErrorMessage().c_str());
+        addError(&response, PagerErrors, pagerParsingError,
+                 withoutNuls(m_evaluator->getErrorMessage()).c_str());
         return;
     }
     QORRowSet rowSet(response, m_selectFields);

@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "QORCommon/QORNulBytes.h"
 #include "QORFunctionality/QORAccess.h"
 #include "QORMessage/QORMessageIterator.h"
 #include "QORPager/QORDateTimeRewrite.h"
@@ -32,7 +33,7 @@ int complain(QORMessageIterator& response, const char* text) {
 }
 
 int refuse(QORMessageIterator& response, int code, const std::string& text) {
-    QOROperatorFunctionalPrototype::addError(&response, PagerErrors, code, text.c_str());
+    QOROperatorFunctionalPrototype::addError(&response, PagerErrors, code, withoutNuls(text).c_str());
     return failed;
 }
 

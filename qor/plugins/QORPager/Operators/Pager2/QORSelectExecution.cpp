@@ -40,7 +40,7 @@ void SelectStmnt::prepareCursor(ASCursor& cursor) const {
             projection << *cell.getAttr();
         }
     }
-    if (!m_where.empty()) cursor.Filter().Set(m_where);
+    restrict(cursor.Filter());
     if (m_pageSize > 0) cursor.Limit(m_pageSize, std::max(m_firstRow, 0));
     if (m_sortColumns.empty()) return;
     auto entry = m_sortColumns.begin();
@@ -50,6 +50,7 @@ void SelectStmnt::prepareCursor(ASCursor& cursor) const {
 }
 
 void SelectStmnt::execute(QORBinaryIterator& out) {
+    if (!m_refusal.empty()) throwException(errFailure, m_refusal, pager2SourcePath, __LINE__);
     QORRdbmsTran transaction(m_countWanted ? ASAccess::Read : ASAccess::ReadOne);
     prepareAccessCheck(transaction);
     ASCursor cursor(*transaction);
@@ -103,7 +104,7 @@ bool SelectStmnt::countUnlimited(ASSession& database, std::int64_t& total) const
     ASCursor cursor(database);
     ASProject& projection = m_distinct ? cursor.Filter().DistinctProject() : cursor.Filter().Project();
     projection << allRows;
-    if (!m_where.empty()) cursor.Filter().Set(m_where);
+    restrict(cursor.Filter());
     if (!cursor.Fetch()) return false;
     total = count->value();
     return true;
@@ -113,7 +114,7 @@ std::string SelectStmnt::asSQLString() const {
     QORRdbmsTran transaction(ASAccess::ReadOne);
     ASCursor cursor(*transaction);
     prepareCursor(cursor);
-    return cursor.Query();
+    return m_parent == nullptr ? cursor.Query() : cursor.NestedQuery();
 }
 
 }  // namespace QOR

@@ -108,8 +108,19 @@ void SelectStmnt::readWhere(QORBinaryIterator& it) {
 
 void SelectStmnt::restrictAccess(int operationId) {
     if (operationId == 0) return;
-    m_where = std::move(m_where) && accessCheckExpr(operationId);
+    m_access = accessCheckExpr(operationId);
     registerOperationId(operationId);
+}
+
+void SelectStmnt::restrict(ASFilter& filter) const {
+    if (!m_where.empty()) filter.Set(m_where);
+    if (!m_access.empty()) filter.Restrict(m_access);
+}
+
+void SelectStmnt::refuseExecution(std::string reason) {
+    SelectStmnt* outermost = this;
+    while (outermost->m_parent != nullptr) outermost = outermost->m_parent;
+    if (outermost->m_refusal.empty()) outermost->m_refusal = std::move(reason);
 }
 
 SelectStmnt& SelectStmnt::getSelectStmntByName(const std::string& name) {

@@ -41,7 +41,7 @@ class SelectStmnt {
     /// Runs the statement and appends the result element. Leaves `out` where it stood.
     /// \throws QORException, AException; what was written so far stays for the caller to remove
     void execute(QORBinaryIterator& out);
-    /// The statement as SQL text, access restriction included.
+    /// The statement as SQL text, access restriction included; of a nested one, as it stands in the other's condition.
     std::string asSQLString() const;
     /// Projection, condition, limit and order.
     void prepareCursor(ASCursor& cursor) const;
@@ -99,6 +99,9 @@ class SelectStmnt {
     void readSort(QORBinaryIterator& it);
     void readWhere(QORBinaryIterator& it);
     void restrictAccess(int operationId);
+    void restrict(ASFilter& filter) const;
+    /// Notes on the outermost statement why it cannot be run.
+    void refuseExecution(std::string reason);
     const MetaColumnsMap& getTableMeta(const std::string& view);
 
     // The where tree (QORWhereClause.cpp).
@@ -135,8 +138,10 @@ class SelectStmnt {
     OutputFields m_outputFields;
     SortColumns m_sortColumns;
     ASDomainPtr m_domain;
-    ASComparison m_where;
+    ASComparison m_where;   ///< what the client asked for
+    ASComparison m_access;  ///< which rows there are for this client; none: all
     std::set<int> m_operationIds;
+    std::string m_refusal;  ///< why the statement cannot be run though it could be read; of the outermost
 
     std::string m_viewName;                          ///< as the request spells it
     std::shared_ptr<const MetaTablesMap> m_views;    ///< keeps m_columns alive

@@ -10,6 +10,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORStoredColumns.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
@@ -88,7 +89,13 @@ std::shared_ptr<const MetaTablesMap> loadViews() {
     ASCursor cursor(*transaction);
     selectAllAttributes(cursor.Filter().Project(), row);
     while (cursor.Fetch()) addColumn(*views, row);
-    if (SelectStmnt::isSecurityNeeded()) SelectStmnt::validateSecurableViews(*views);
+    if (!SelectStmnt::isSecurityNeeded()) return views;
+    SelectStmnt::validateSecurableViews(*views);
+    for (auto& [name, view] : *views) {
+        std::vector<std::string> columns;
+        for (const auto& [column, meta] : view.columns) columns.push_back(column);
+        view.storedColumns = storedColumns(*transaction, view.viewName, columns);
+    }
     return views;
 }
 
@@ -130,6 +137,14 @@ bool areObjectColumnsValid(const std::string& name, const MetaColumnsMap& view) 
     logMessage(4, pagerLogModule, pager2SourcePath, "validateSecurableViews",
                "'%s' field type is not a GUID - DB view '%s' is not secure.", securableObjectColumn, name.c_str());
     return false;
+}
+
+/// Those of the view as it was learned; none before.
+std::set<std::string, std::less<>> storedColumnsOf(ViewCaches& cache, const std::string& view) {
+    const std::lock_guard<std::mutex> lock(cache.metadataMutex);
+    if (!cache.metadata) return {};
+    const auto found = cache.metadata->find(toLowerAscii(view));
+    return found == cache.metadata->end() ? std::set<std::string, std::less<>>() : found->second.storedColumns;
 }
 
 std::int64_t timeOf(const std::string& text) {
@@ -218,9 +233,10 @@ bool SelectStmnt::extractObjIdFromSID(const QORSID& sid, QOREID& eid) {
 
 ASDomainPtr SelectStmnt::getDomain(const std::string& view) {
     ViewCaches& cache = caches();
+    auto stored = storedColumnsOf(cache, view);
     const std::lock_guard<std::mutex> lock(cache.domainMutex);
     ASDomainPtr& domain = cache.domains[view];
-    if (!domain) domain = std::make_shared<const ASDomain>(view, "");
+    if (!domain) domain = ASDomain::view(view, std::move(stored));
     return domain;
 }
 

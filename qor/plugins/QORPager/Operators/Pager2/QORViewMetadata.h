@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -29,6 +30,7 @@ struct MetaColumnsMap {
     std::map<std::string, MetaColumn, std::less<>> columns;  ///< by exact name
     int securityOperationId = 0;                             ///< 0: the view is not securable
     std::string viewName;                                    ///< as the database spells it
+    std::set<std::string, std::less<>> storedColumns;        ///< columns known to be read without computing anything
 };
 
 /// All views, by lower-cased name.

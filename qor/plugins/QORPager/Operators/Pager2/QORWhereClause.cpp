@@ -192,11 +192,9 @@ ColumnCell SelectStmnt::funcExpr(QORBinaryIterator it) {
 
 ColumnCell SelectStmnt::selectExpr(const QORBinaryIterator& it) {
     const SelectStmnt nested(it, this);
-    if (nested.m_outputFields.size() != 1) {
-        throwException(errFailure, "a nested select must have one field, it has " +
-                                       std::to_string(nested.m_outputFields.size()),
-                       pager2SourcePath, __LINE__);
-    }
+    const std::size_t fields = nested.m_outputFields.size();
+    // No select can be compared with an operand then, but what else is wrong with the request is said first.
+    if (fields != 1) refuseExecution("a nested select must have one field, it has " + std::to_string(fields));
     return {nested.asSQLString(), true, ASAttribute::Raw::Select};
 }
 
