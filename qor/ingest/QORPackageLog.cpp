@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -128,14 +129,14 @@ public:
 private:
     bool takeLine(const std::string& line) {
         if (line.size() <= timeLength || line[timeLength] != ' ') return false;
-        const std::int64_t time = localTime(std::string_view(line).substr(0, timeLength), m_lastTime);
-        if (time == -1) return false;
-        m_lastTime = time;
+        const auto time = localTime(std::string_view(line).substr(0, timeLength), m_lastTime);
+        if (!time) return false;
+        m_lastTime = *time;
         const auto words = splitWords(std::string_view(line).substr(timeLength + 1));
         if (words.size() < 2) return false;
         if (words[0] == "startup" || words[0] == "conffile") return true;
         if (words[0] == "status") return takeStatus(words);
-        return takeAction(line, time, words);
+        return takeAction(line, *time, words);
     }
 
     bool takeAction(const std::string& line, std::int64_t time, const std::vector<std::string_view>& words) {
@@ -169,7 +170,7 @@ private:
     }
 
     QORPackageLog m_log;
-    std::int64_t m_lastTime = 0;
+    std::int64_t m_lastTime = std::numeric_limits<std::int64_t>::min();
     std::unordered_map<std::string, std::uint32_t> m_seen;
     std::unordered_map<std::string, std::size_t> m_current;
 };
@@ -208,12 +209,12 @@ std::int64_t civilToLocal(std::tm civil, int daylight) {
 
 }  // namespace
 
-std::int64_t localTime(std::string_view text, std::int64_t notBefore) {
-    // str2time checks the calendar; the same seconds, taken apart as UTC, are the fields of the local time.
-    if (text.size() != timeLength || text[10] != ' ' || text[16] != ':') return -1;
-    const std::int64_t asUtc = str2time(text);
-    if (asUtc == -1) return -1;
-    const std::time_t seconds = asUtc;
+std::optional<std::int64_t> localTime(std::string_view text, std::int64_t notBefore) {
+    // parseTime checks the calendar; the same seconds, taken apart as UTC, are the fields of the local time.
+    if (text.size() != timeLength || text[10] != ' ' || text[16] != ':') return std::nullopt;
+    const auto asUtc = parseTime(text);
+    if (!asUtc) return std::nullopt;
+    const std::time_t seconds = *asUtc;
     std::tm civil{};
     gmtime_r(&seconds, &civil);
     const std::int64_t first = civilToLocal(civil, -1);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,8 +40,8 @@ QORPackageLog readPackageLog(const std::filesystem::path& root = "/");
 /// The rotations of a log, oldest first, the log itself last. A compressed one beside its original is left out.
 std::vector<std::filesystem::path> logRotations(const std::filesystem::path& log);
 
-/// Seconds since the epoch of a local time "YYYY-MM-DD HH:MM:SS", -1 when it is none. An hour that the clocks pass
+/// Seconds since the epoch of a local time "YYYY-MM-DD HH:MM:SS", nothing when it is none. An hour that the clocks pass
 /// through twice is taken as the first, or as the second where that one would lie before `notBefore`.
-std::int64_t localTime(std::string_view text, std::int64_t notBefore);
+std::optional<std::int64_t> localTime(std::string_view text, std::int64_t notBefore);
 
 }  // namespace QOR

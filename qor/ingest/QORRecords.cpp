@@ -87,10 +87,7 @@ std::int64_t readSize(const Named& member) {
 std::optional<std::int64_t> toTime(const JsonValue& value) {
     std::optional<std::int64_t> seconds;
     if (value.type == JsonType::Number) seconds = parseInt64(value.text);
-    if (value.type == JsonType::String) {
-        const std::int64_t read = str2time(value.text);
-        if (read != -1) seconds = read;
-    }
+    if (value.type == JsonType::String) seconds = parseTime(value.text);
     if (seconds && (*seconds < firstSecond || *seconds > lastSecond)) seconds.reset();
     return seconds;
 }

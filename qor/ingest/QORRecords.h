@@ -94,7 +94,7 @@ inline QORRecordKind kindOf(const QORRecord& record) {
 /// A line is one JSON object with a member "kind". Required are an environment's eid, an operation's id and time, an
 /// event's time, a backup's id and time; any other member may be absent or null, which is a missing value (0 for
 /// numbers). What is there must be of its type: texts are texts, numbers whole and in range, times whole seconds or a
-/// text for str2time from the year 0 to 9999, GUIDs what the GUID parser takes ("" is none). Members that a kind does
+/// text for parseTime from the year 0 to 9999, GUIDs what the GUID parser takes ("" is none). Members that a kind does
 /// not have are refused, but for those of configurations, which are kept in the document.
 ///
 /// Info documents: an object becomes parameters, an array repeats its parameter (an array in an array has parameters

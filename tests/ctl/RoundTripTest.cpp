@@ -426,6 +426,22 @@ TEST_P(RoundTrip, LinesGiveWhatWasStored) {
     }
 }
 
+TEST(Times, TheSecondBeforeTheEpochGoesInAndOutAndIsFound) {
+    const TemporaryDirectory folder;
+    const Words connection = standalone(folder / "agent.db");
+    EXPECT_EQ(runOn({"import"}, connection,
+                    R"({"kind":"operation","id":"at","time":"1969-12-31 23:59:59"})"
+                    "\n"
+                    R"({"kind":"operation","id":"before","time":"1969-12-31T23:59:58Z"})")
+                  .status,
+              0);
+    for (const char* where : {"time = '1969-12-31 23:59:59'", "time >= '1969-12-31T23:59:59Z'"}) {
+        const CtlResult result =
+            runOn({"select", "--view", "vOpLog", "-f", "id", "-f", "time", "--where", where, "-o", "csv"}, connection);
+        EXPECT_EQ(result.out, "id,time\r\nat,1969-12-31T23:59:59+0000\r\n") << where << result.err;
+    }
+}
+
 // ---- what no line can hold
 
 TEST(Bytes, OfEveryValueSurviveInDocuments) {

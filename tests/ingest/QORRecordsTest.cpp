@@ -144,6 +144,14 @@ TEST(QORRecordsTest, ValuesInALineAreBounded) {
     EXPECT_THAT(refusal(line + "]}}"), ::testing::StartsWith("more than 200000 values"));
 }
 
+TEST(QORRecordsTest, TheSecondBeforeTheEpochIsATime) {
+    QORRecordParser parser;
+    for (const char* time : {"-1", "\"1969-12-31 23:59:59\"", "\"1970-01-01T01:59:59+02:00\""}) {
+        const std::string line = std::string(R"({"kind":"event","time":)") + time + "}";
+        EXPECT_EQ(std::get<QOREventRecord>(parser.parse(line)).time, -1) << time;
+    }
+}
+
 TEST(QORRecordsTest, AParserGoesOnAfterABadLine) {
     QORRecordParser parser;
     EXPECT_THROW(parser.parse(R"({"kind":"event","info":{"a":[[{)"), QORException);

@@ -169,17 +169,21 @@ std::string time2dbstr(std::int64_t seconds) {
     return format(seconds, ' ', {});
 }
 
-std::int64_t str2time(std::string_view text) {
+std::optional<std::int64_t> parseTime(std::string_view text) {
     Scanner scan(text);
     const auto day = scanDate(scan);
-    if (!day) return notATime;
+    if (!day) return std::nullopt;
     if (scan.atEnd()) return *day * secondsOfDay;
-    if (!scan.take('T') && !scan.take(' ')) return notATime;
+    if (!scan.take('T') && !scan.take(' ')) return std::nullopt;
     const auto clock = scanClock(scan);
-    if (!clock) return notATime;
+    if (!clock) return std::nullopt;
     const auto ahead = scanOffset(scan);
-    if (!ahead || !scan.atEnd()) return notATime;
+    if (!ahead || !scan.atEnd()) return std::nullopt;
     return *day * secondsOfDay + *clock - *ahead;
+}
+
+std::int64_t str2time(std::string_view text) {
+    return parseTime(text).value_or(notATime);
 }
 
 }  // namespace QOR

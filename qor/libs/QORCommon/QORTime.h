@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -19,7 +20,11 @@ QOR_API std::string time2dbstr(std::int64_t seconds);
 /// Reads a date "YYYY-MM-DD", or a date and a time separated by 'T' or one space: "HH:MM" or "HH:MM:SS", an optional
 /// fraction of a second after '.' (read and ignored), then optionally 'Z' or an offset "+HH:MM", "+HHMM" or "+HH"
 /// (or with '-'). Without an offset the time is UTC. The calendar is checked.
-/// \returns seconds since the epoch; -1 when the text is anything else (and for the one second before the epoch)
+/// \returns seconds since the epoch, negative before it; nothing when the text is anything else
+QOR_API std::optional<std::int64_t> parseTime(std::string_view text);
+
+/// The same with -1 for a text that is no time. It cannot be told from the second before the epoch: for orders in which
+/// such texts have a place, and for callers that refuse times before the epoch anyway.
 QOR_API std::int64_t str2time(std::string_view text);
 
 }  // namespace QOR

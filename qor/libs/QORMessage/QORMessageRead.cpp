@@ -75,9 +75,9 @@ int readTime(const QORMessageIterator& at, std::string_view name, std::int64_t& 
         out = *seconds;
         return 0;
     }
-    const std::int64_t seconds = str2time(*text);
-    if (seconds == -1) return failed;
-    out = seconds;
+    const auto seconds = parseTime(*text);
+    if (!seconds) return failed;
+    out = *seconds;
     return 0;
 }
 

@@ -24,7 +24,7 @@ QOR_API bool existsNamed(const QORMessageIterator& at, std::string_view name);
 QOR_API int readText(const QORMessageIterator& at, std::string_view name, std::string& out);
 /// A text that holds bytes in base64; fails when it is not that.
 QOR_API int readBase64Text(const QORMessageIterator& at, std::string_view name, std::string& out);
-/// Seconds since the epoch: a whole number, or a text for str2time.
+/// Seconds since the epoch: a whole number, or a text for parseTime.
 QOR_API int readTime(const QORMessageIterator& at, std::string_view name, std::int64_t& out);
 /// 1, or "true" in any case, is true; 0, or "false", is false; so is any other number true and any other text false.
 QOR_API int readBoolean(const QORMessageIterator& at, std::string_view name, bool& out);

@@ -8,6 +8,7 @@
 
 namespace {
 
+using QOR::parseTime;
 using QOR::str2time;
 using QOR::time2dbstr;
 using QOR::time2str;
@@ -83,6 +84,14 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Time, ANulByteBehindATimeIsRefused) {
     EXPECT_EQ(str2time(std::string_view("2024-05-01\0", 11)), -1);
+}
+
+TEST(Time, TheSecondBeforeTheEpochIsOne) {
+    EXPECT_EQ(parseTime("1969-12-31 23:59:59"), -1);
+    EXPECT_EQ(parseTime("1970-01-01T00:59:59+01:00"), -1);
+    EXPECT_EQ(parseTime("1969-12-31 23:59:60"), std::nullopt);
+    EXPECT_EQ(parseTime("yesterday"), std::nullopt);
+    EXPECT_EQ(parseTime(""), std::nullopt);
 }
 
 TEST(Time, IsWrittenInUtc) {

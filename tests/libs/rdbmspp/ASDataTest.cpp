@@ -55,6 +55,8 @@ INSTANTIATE_TEST_SUITE_P(
         TakeCase{"TimeOtherForm", ASType::DateTime, "2024-01-01T02:00:00+02:00", "2024-01-01T00:00:00+0000", false},
         TakeCase{"TimeDateOnly", ASType::DateTime, "2024-01-01", "2024-01-01T00:00:00+0000", false},
         TakeCase{"TimeBeforeEpoch", ASType::DateTime, "1969-12-31 23:59:59", "1969-12-31T23:59:59+0000", false},
+        TakeCase{"TimeBeforeEpochOtherForm", ASType::DateTime, "1969-12-31T23:59:59Z", "1969-12-31T23:59:59+0000",
+                 false},
         TakeCase{"TimeNoDay", ASType::DateTime, "2023-02-29 00:00:00", "2023-02-29 00:00:00", true},
         TakeCase{"TimeNumber", ASType::DateTime, "1700000000", "1700000000", true},
         TakeCase{"TimeHour24", ASType::DateTime, "2024-01-01 24:00:00", "2024-01-01 24:00:00", true},

@@ -245,8 +245,9 @@ void ASTime::take(std::string_view stored) {
         m_state = State::Value;
         return;
     }
-    m_value = str2time(stored);
-    m_state = m_value == -1 ? State::Raw : State::Value;
+    const auto seconds = parseTime(stored);
+    m_value = seconds.value_or(-1);
+    m_state = seconds ? State::Value : State::Raw;
 }
 
 ASValue ASValue::ofText(std::string_view text) {

@@ -83,6 +83,7 @@ TEST_F(Backups, AreFoundByTheFirstConditionThatTheSourceKnows) {
         {"pager.backup.time >= 1700007200 and pager.backup.time <= 1700007200", "b2"},
         {"pager.backup.time >= '2023-11-15' and pager.backup.time <= '2023-11-16'", "b4 b3 b2"},
         {"pager.backup.time >= 0 and pager.backup.time <= 99999999999", "b4 b3 b2 b1"},
+        {"pager.backup.time >= '1969-12-31 23:59:59' and pager.backup.time <= '2100-01-01'", "b4 b3 b2 b1"},
         // The first that is there counts, in the source's order and not in the filter's.
         {times + " and " + name + "'Web-4'", "b4"},
         {ip + "'10.0.0.1' and " + host_ + "'node2'", "b2"},

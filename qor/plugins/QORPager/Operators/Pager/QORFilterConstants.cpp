@@ -56,10 +56,10 @@ std::int32_t readSaturated(std::string_view text) noexcept {
 std::optional<std::int32_t> readSeconds(std::string_view text) {
     const std::string_view digits = text.substr(!text.empty() && isSign(text.front()) ? 1 : 0);
     if (!digits.empty() && std::all_of(digits.begin(), digits.end(), isDigitChar)) return readSaturated(text);
-    const std::int64_t seconds = str2time(text);
-    if (seconds == -1) return std::nullopt;
+    const auto seconds = parseTime(text);
+    if (!seconds) return std::nullopt;
     return static_cast<std::int32_t>(
-        std::clamp<std::int64_t>(seconds, std::int64_t{Limits::min()}, std::int64_t{Limits::max()}));
+        std::clamp<std::int64_t>(*seconds, std::int64_t{Limits::min()}, std::int64_t{Limits::max()}));
 }
 
 }  // namespace QOR

@@ -35,7 +35,7 @@ private:
 /// The number that a text begins with, as the C library's atoi reads it, but saturating at 32 bits; 0 for none.
 std::int32_t readSaturated(std::string_view text) noexcept;
 
-/// A time given as seconds (saturating at 32 bits) or as a text for str2time; empty when it is neither.
+/// A time given as seconds (saturating at 32 bits) or as a text for parseTime; empty when it is neither.
 std::optional<std::int32_t> readSeconds(std::string_view text);
 
 }  // namespace QOR

@@ -148,11 +148,11 @@ std::set<std::string, std::less<>> storedColumnsOf(ViewCaches& cache, const std:
 }
 
 std::int64_t timeOf(const std::string& text) {
-    const std::int64_t seconds = str2time(text);
-    if (seconds == -1) {
+    const auto seconds = parseTime(text);
+    if (!seconds) {
         throwException(errBadRequest, "\"" + text + "\" is not a date or time", pager2SourcePath, __LINE__);
     }
-    return seconds;
+    return *seconds;
 }
 
 Guid guidOf(const std::string& text) {
