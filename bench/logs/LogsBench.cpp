@@ -23,6 +23,7 @@
 #include "QORFunctionality/QORAccess.h"
 #include "QORLibAgent/QORLogs.h"
 #include "QORLibAgent/QORSecurity.h"
+#include "host/QORPlainNumber.h"
 #include "ingest/QORIngest.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/TemporaryDirectory.h"
@@ -334,6 +335,13 @@ void benchPages(const std::filesystem::path& file, std::uint64_t size) {
     }
 }
 
+std::uint64_t sizeOf(const char* argument) {
+    constexpr QORNumberRange range{1, 100'000'000};
+    const auto size = readPlainNumber(argument, range);
+    if (!size) throw std::invalid_argument(describeBadNumber("a number of operations", argument, range));
+    return *size;
+}
+
 int run(int argc, char** argv) {
     QORRdbms::prepareProcess();
     std::optional<test::TemporaryDirectory> own;
@@ -342,7 +350,7 @@ int run(int argc, char** argv) {
     std::filesystem::create_directories(folder);
     std::vector<std::uint64_t> sizes;
     for (int i = 2; i < argc; ++i)
-        sizes.push_back(std::strtoull(argv[i], nullptr, 10));
+        sizes.push_back(sizeOf(argv[i]));
     if (sizes.empty()) sizes = {10000, 1000000};
     benchImport(folder, 1000, 9);
     benchImport(folder, 1, 9);

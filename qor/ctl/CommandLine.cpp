@@ -3,7 +3,9 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 
 #include "CtlError.h"
@@ -13,6 +15,7 @@
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "filter/FilterCommand.h"
+#include "host/QORNumberOption.h"
 
 namespace QOR {
 namespace {
@@ -36,6 +39,12 @@ constexpr const char* rowsNote =
     "events the categories, written without blanks: pager.event_log.category='resource_alert' or ...='env_status'.\n"
     "Backups are found by name, host name, veid, address or a span of time. Everything else has no effect; qorctl says\n"
     "so, and which view does it.\n";
+
+/// As many as a page's size and offset in a request can say.
+constexpr std::uint64_t mostRows = std::numeric_limits<std::int32_t>::max();
+constexpr std::uint64_t mostColumns = 100'000;
+/// Of one kind, in a sample.
+constexpr std::uint64_t mostRecords = 1'000'000'000;
 
 /// Everything that the options are read into, and the command to run.
 class CommandLine {
@@ -114,8 +123,16 @@ private:
                "table (default), json, csv or xml")
             ->check(CLI::IsMember({"table", "json", "csv", "xml"}))
             ->type_name("FORMAT");
-        app.add_option("--width", print.width,
-                       "columns that a table may take, 0 for any number (default: the terminal's)");
+        addNumber(app, "--width", {0, mostColumns},
+                  "columns that a table may take, 0 for any number, by default the terminal's",
+                  [&print](std::uint64_t columns) { print.width = columns; });
+    }
+
+    static void addPage(CLI::App& app, std::int64_t& limit, std::int64_t& offset) {
+        addNumber(app, "--limit", {0, mostRows}, "rows of the page, by default 0, all",
+                  [&limit](std::uint64_t rows) { limit = static_cast<std::int64_t>(rows); });
+        addNumber(app, "--offset", {0, mostRows}, "rows before the page",
+                  [&offset](std::uint64_t rows) { offset = static_cast<std::int64_t>(rows); });
     }
 
     static void addReport(CLI::App& app, QORReportOptions& report) {
@@ -133,8 +150,7 @@ private:
         app->add_option("--where", m_select.where, "a condition that the rows must meet")->type_name("CONDITION");
         app->add_option("--sort", m_select.sort, "a field to sort by, behind '-' for descending order; repeatable")
             ->type_name("[-]FIELD");
-        app->add_option("--limit", m_select.limit, "rows of the page (default: 0, all)");
-        app->add_option("--offset", m_select.offset, "rows before the page");
+        addPage(*app, m_select.limit, m_select.offset);
         app->add_flag("--count", m_select.count, "also how many rows there are in the page and in all");
         app->add_flag("--distinct", m_select.distinct, "each row once");
         app->add_option("--client", m_select.client,
@@ -155,8 +171,7 @@ private:
         app->add_option("--where", m_rows.where, "a filter, see qorctl filter")->type_name("FILTER");
         app->add_option("--sort", m_rows.sort, "a field to sort by, behind '-' for descending order; repeatable")
             ->type_name("[-]FIELD");
-        app->add_option("--limit", m_rows.limit, "rows of the page (default: 0, all)");
-        app->add_option("--offset", m_rows.offset, "rows before the page");
+        addPage(*app, m_rows.limit, m_rows.offset);
         app->add_flag("--count", m_rows.count, "also how many rows there are in the page and in all");
         app->add_option("--client", m_rows.client, "ask as a client without full access, as for select")
             ->type_name("EID");
@@ -209,13 +224,14 @@ private:
     void addSample() {
         CLI::App* const app = command("sample", "Store made-up records", [this] { runSample(m_connection, m_sample); });
         const auto amount = [app](const char* name, std::uint64_t& value, const char* description) {
-            app->add_option(name, value, description)->type_name("N");
+            addNumber(*app, name, {0, mostRecords}, description, [&value](std::uint64_t number) { value = number; });
         };
         amount("--environments", m_sample.sample.environments, "environments to make");
         amount("--operations", m_sample.sample.operations, "operations to make");
         amount("--events", m_sample.sample.events, "events to make");
         amount("--backups", m_sample.sample.backups, "backups to make");
-        amount("--seed", m_sample.sample.seed, "the same seed makes the same records (default: 1)");
+        addNumber(*app, "--seed", {0, mostNumber}, "the same seed makes the same records, by default 1",
+                  [this](std::uint64_t seed) { m_sample.sample.seed = seed; });
         app->add_option("--output", m_sample.output,
                         "write the records to this file (-: standard output) and store none")
             ->type_name("FILE");

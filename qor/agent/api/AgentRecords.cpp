@@ -7,8 +7,8 @@
 #include <cstdint>
 
 #include "QORCommon/QORException.h"
-#include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
+#include "host/QORPlainNumber.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"
 
@@ -37,13 +37,13 @@ std::uint64_t firstLineOf(std::string_view query) {
         if (!parameter.starts_with(name)) {
             throw QORException(errBadRequest, "unknown parameter " + quoteText(parameter), sourcePath);
         }
-        const auto number = parseInt64(parameter.substr(name.size()));
-        if (!number || *number < 1) {
+        const auto number = readPlainNumber(parameter.substr(name.size()), {1, mostNumber});
+        if (!number) {
             throw QORException(errBadRequest,
                                "first-line: " + quoteText(parameter.substr(name.size())) + " is no line number",
                                sourcePath);
         }
-        firstLine = static_cast<std::uint64_t>(*number);
+        firstLine = *number;
     }
     return firstLine;
 }

@@ -349,7 +349,9 @@ void Parser::readLimit(Id select) {
 
 std::string Parser::readWholeNumber() {
     const QORWhereToken& next = peek();
-    if (next.kind != QORWhereTokenKind::Number || !parseInt32(next.text)) unexpected("a number of rows");
+    // A leading zero would be taken for octal by some and for nothing by others.
+    const bool isPlain = next.text.size() == 1 || !next.text.starts_with('0');
+    if (next.kind != QORWhereTokenKind::Number || !isPlain || !parseInt32(next.text)) unexpected("a number of rows");
     return m_lexer.take().text;
 }
 
