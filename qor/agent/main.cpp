@@ -1,20 +1,26 @@
 // qor-agent: hosts the plug-ins of a machine and answers its clients.
-#include <pthread.h>
-#include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
+#include <optional>
 #include <string>
-#include <thread>
 
+#include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
+#include "agent/SignalWatch.h"
 #include "agent/api/AgentApplication.h"
 #include "agent/http/HttpServer.h"
 #include "host/QORHost.h"
 #include "host/QORHostPaths.h"
+#include "host/QORNumberOption.h"
 #include "host/QORVocabularyFiles.h"
 
 namespace {
@@ -33,45 +39,6 @@ struct Settings {
     HttpServerOptions server;
 };
 
-/// Turns termination signals into calls. The signals must be blocked before the first thread starts, or another
-/// thread would be killed by them.
-class SignalWatch {
-public:
-    static void block() {
-        // A client that goes away while it is being answered is not worth dying for.
-        ::signal(SIGPIPE, SIG_IGN);
-        const sigset_t signals = watched();
-        ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    }
-
-    explicit SignalWatch(HttpServer& server) : m_thread([&server] { watch(server); }) {}
-    ~SignalWatch() {
-        ::pthread_kill(m_thread.native_handle(), wake);
-        m_thread.join();
-    }
-    SignalWatch(const SignalWatch&) = delete;
-    SignalWatch& operator=(const SignalWatch&) = delete;
-
-private:
-    static constexpr int wake = SIGUSR1;
-
-    static sigset_t watched() {
-        sigset_t signals;
-        ::sigemptyset(&signals);
-        for (const int number : {SIGTERM, SIGINT, wake})
-            ::sigaddset(&signals, number);
-        return signals;
-    }
-
-    static void watch(HttpServer& server) {
-        const sigset_t signals = watched();
-        for (int number = 0; ::sigwait(&signals, &number) == 0 && number != wake;)
-            server.stop();
-    }
-
-    std::thread m_thread;
-};
-
 /// Every client costs a descriptor, every query one or two more; the usual soft limit is meant for programs that
 /// still use select().
 void raiseDescriptorLimit() {
@@ -81,30 +48,88 @@ void raiseDescriptorLimit() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+/// Where the system gives fewer descriptors than there may be connections, fewer connections are taken.
+void fitConnections(HttpServerOptions& server) {
+    constexpr std::size_t forOthers = 320;  // 64 connections to the database with their files, the log, the plug-ins
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= server.maxConnections + forOthers) return;
+    const std::size_t left = limit.rlim_cur > forOthers ? limit.rlim_cur - forOthers : 0;
+    server.maxConnections = std::max<std::size_t>(left, 16);
+    logMessage(1, "QORAgent", "qor/agent/main", "serve", "%zu descriptors are few: there may be %zu connections",
+               static_cast<std::size_t>(limit.rlim_cur), server.maxConnections);
+}
+
+template <class Number>
+auto store(Number& number) {
+    return [&number](std::uint64_t value) { number = static_cast<Number>(value); };
+}
+
+auto storeSeconds(std::chrono::milliseconds& time) {
+    return [&time](std::uint64_t seconds) { time = std::chrono::seconds(seconds); };
+}
+
+/// How clients share the agent.
+void declareShares(CLI::App& app, HttpServerOptions& server) {
+    constexpr std::uint64_t mostBytes = std::uint64_t{1} << 40;
+    const char* const group = "Shares of clients";
+    addNumber(app, "--threads", {1, 1024}, "requests that are answered at once, by default 16", store(server.threads));
+    addNumber(app, "--user-requests", {1, 1024}, "of these, of one user, by default half",
+              store(server.requestsPerIdentity))
+        ->group(group);
+    addNumber(app, "--waiting", {0, 1'000'000}, "requests that may wait for their turn, by default 1024",
+              store(server.waiting))
+        ->group(group);
+    addNumber(app, "--user-waiting", {0, 1'000'000}, "of these, of one user, by default 256",
+              store(server.waitingPerIdentity))
+        ->group(group);
+    addNumber(app, "--connections", {1, 1'000'000}, "open connections, by default 1024", store(server.maxConnections))
+        ->group(group);
+    addNumber(app, "--user-connections", {1, 1'000'000}, "of these, of one user, by default 512",
+              store(server.connectionsPerIdentity))
+        ->group(group);
+    addNumber(app, "--body-limit", {1, mostBytes}, "bytes that a request's body may have, by default 67108864",
+              store(server.bodyLimit));
+    addNumber(app, "--body-memory", {0, mostBytes}, "bytes of all bodies above 64 KiB, by default 268435456",
+              store(server.bodyMemory))
+        ->group(group);
+    addNumber(app, "--user-body-memory", {0, mostBytes}, "of these, of one user, by default 134217728",
+              store(server.bodyMemoryPerIdentity))
+        ->group(group);
+    addNumber(app, "--body-rate", {0, mostBytes}, "bytes a second that a body must bring, by default 16384",
+              store(server.bodyRate))
+        ->group(group);
+}
+
 void declareOptions(CLI::App& app, Settings& settings) {
     app.set_version_flag("--version", QOR_VERSION);
     app.add_option("--database", settings.database,
                    "ODBC connection string (default: " + defaultConnectionString() + ")");
     app.add_flag("--read-only", settings.readOnly, "write nothing; any database is read as it is");
     app.add_option("--socket", settings.socket, "where to listen (default: " + defaultSocketPath().string() + ")");
+    app.add_option("--socket-group", settings.server.socketGroup, "the group whose members may connect")
+        ->type_name("NAME");
     app.add_option("--plugins", settings.plugIns,
                    "folder of the plug-ins (default: " + defaultPlugInDirectory().string() + ")");
     app.add_option("--config", settings.vocabulary, "a vocabulary file: configured fields and caches");
     app.add_flag("--check-config", settings.checkConfig, "say what is wrong with the vocabulary, then end");
-    app.add_option("--threads", settings.server.threads, "requests that are answered at once")
-        ->check(CLI::Range(1, 1024))
-        ->capture_default_str();
-    app.add_option("--body-limit", settings.server.bodyLimit, "bytes that a request's body may have")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
-    app.add_option_function<unsigned>(
-           "--grace", [&settings](unsigned seconds) { settings.server.grace = std::chrono::seconds(seconds); },
-           "seconds that requests in flight are given when the agent is told to stop (default: 30)")
-        ->check(CLI::Range(0, 3600));
+    declareShares(app, settings.server);
+    addNumber(app, "--grace", {0, 3600},
+              "seconds that requests in flight are given when the agent is told to stop, by default 30",
+              storeSeconds(settings.server.grace));
     app.add_option("--log-file", settings.logFile, "append log lines to this file (default: standard error)");
-    app.add_option("--log-level", settings.logLevel, "0 failures, 1 warnings, 2 events, 3 progress, 4 detail, 5 all")
-        ->check(CLI::Range(0, 5))
-        ->capture_default_str();
+    addNumber(app, "--log-level", {0, 5}, "0 failures, 1 warnings, 2 events, 3 progress, 4 detail, 5 all; by default 2",
+              store(settings.logLevel));
+}
+
+/// A folder that is the agent's by its name is for the agent alone.
+void makeStateDirectory() {
+    const std::filesystem::path folder = defaultStateDirectory();
+    std::filesystem::create_directories(folder);
+    if (const std::optional<mode_t> before = narrowOwnFile(folder.string())) {
+        logMessage(1, "QORAgent", "qor/agent/main", "serve",
+                   "%s had mode %04o, so that others could enter it; it is %04o now", folder.c_str(), *before,
+                   *before & S_IRWXU);
+    }
 }
 
 /// The defaults lie in the state folder, which the agent makes for itself; places that were named must exist.
@@ -113,7 +138,28 @@ void applyDefaults(Settings& settings) {
     if (!settings.database.empty()) return;
     settings.database = defaultConnectionString();
     if (settings.readOnly) return;
-    std::filesystem::create_directories(defaultStateDirectory());
+    makeStateDirectory();
+}
+
+void openLog(const std::string& path) {
+    if (path.empty()) return;
+    setLogFile(path);
+    if (const std::optional<mode_t> before = narrowOwnFile(path)) {
+        logMessage(1, "QORAgent", "qor/agent/main", "serve",
+                   "%s had mode %04o, so that others could read it; it is %04o now", path.c_str(), *before,
+                   *before & S_IRWXU);
+    }
+}
+
+/// Whoever rotates logs has moved the file away, and made another or not.
+void reopenLog(const std::string& path) {
+    if (path.empty()) return;
+    try {
+        setLogFile(path);
+        logMessage(2, "QORAgent", "qor/agent/main", "reopenLog", "the log has been opened anew");
+    } catch (const std::exception& exception) {
+        logMessage(0, "QORAgent", "qor/agent/main", "reopenLog", "%s; the old one is written on", exception.what());
+    }
 }
 
 QORHostOptions hostOptions(const Settings& settings) {
@@ -137,15 +183,18 @@ int checkConfig(const Settings& settings) {
 }
 
 int serve(Settings& settings) {
-    applyDefaults(settings);
+    // What the agent keeps is other people's business; the socket has a mode of its own.
+    ::umask(S_IRWXG | S_IRWXO);
     setLogLevel(settings.logLevel);
-    if (!settings.logFile.empty()) setLogFile(settings.logFile);
+    openLog(settings.logFile);
+    applyDefaults(settings);
     raiseDescriptorLimit();
+    fitConnections(settings.server);
     QORHost host(hostOptions(settings));
     AgentApplication application(host);
     HttpServer server(settings.server, application);
     application.setConnectionCounter([&server] { return server.connections(); });
-    SignalWatch signals(server);
+    const SignalWatch signals({[&server] { server.stop(); }, [&settings] { reopenLog(settings.logFile); }});
     const std::string path = settings.server.socketPath.string();
     std::printf("qor-agent listening on %s\n", path.c_str());
     std::fflush(stdout);

@@ -117,6 +117,56 @@ TEST_F(LocalListenerTest, MissingFoldersAreMade) {
     EXPECT_TRUE(accepts(deep));
 }
 
+TEST_F(LocalListenerTest, MissingFoldersCanBePassedWhateverTheUmask) {
+    const mode_t before = ::umask(0077);
+    const LocalListener listener(directory / "run" / "qor" / "agent.sock");
+    ::umask(before);
+    EXPECT_EQ(modeOf(directory / "run"), 0755U);
+    EXPECT_EQ(modeOf(directory / "run" / "qor"), 0755U);
+}
+
+TEST_F(LocalListenerTest, AGroupThatThereIsNotIsAnError) {
+    for (const char* group : {"no-such-group", "-1", "4294967295", "12x"}) {
+        try {
+            const LocalListener listener(path, group);
+            ADD_FAILURE() << group;
+        } catch (const QORException& exception) {
+            EXPECT_THAT(exception.message(), HasSubstr("there is no group \"" + std::string(group) + "\""));
+        }
+        EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
+    }
+}
+
+TEST_F(LocalListenerTest, TheSocketBelongsToTheGroupThatWasNamed) {
+    const std::string group = std::to_string(::geteuid() == 0 ? 65534 : ::getegid());
+    const LocalListener listener(path, group);
+    struct stat found {};
+    ASSERT_EQ(::lstat(path.c_str(), &found), 0);
+    EXPECT_EQ(std::to_string(found.st_gid), group);
+    EXPECT_EQ(modeOf(path), 0660U);
+    EXPECT_TRUE(accepts(path));
+}
+
+TEST_F(LocalListenerTest, AnothersLinksAndLockFilesAreNotTaken) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+    constexpr uid_t stranger = 65534;
+    std::filesystem::permissions(directory.path(), std::filesystem::perms(01777));
+    const std::string lock = path.string() + ".lock";
+    std::filesystem::create_symlink(directory / "elsewhere", lock);
+    ASSERT_EQ(::lchown(lock.c_str(), stranger, stranger), 0);
+    EXPECT_THAT(refusal(path), AllOf(HasSubstr("cannot listen at"), HasSubstr("belongs to another user")));
+    std::filesystem::remove(lock);
+    std::ofstream(lock) << "";
+    ASSERT_EQ(::lchown(lock.c_str(), stranger, stranger), 0);
+    EXPECT_THAT(refusal(path), HasSubstr("belongs to another user"));
+    std::filesystem::remove(lock);
+    std::filesystem::create_directory(directory / "real");
+    std::filesystem::create_directory_symlink("real", directory / "folder");
+    ASSERT_EQ(::lchown((directory / "folder").c_str(), stranger, stranger), 0);
+    EXPECT_THAT(refusal(directory / "folder" / "agent.sock"), HasSubstr("belongs to another user"));
+    EXPECT_TRUE(std::filesystem::is_empty(directory / "real"));
+}
+
 TEST_F(LocalListenerTest, AFolderThatCannotBeMadeIsAnError) {
     std::ofstream(directory / "file") << "";
     EXPECT_THAT(refusal(directory / "file" / "agent.sock"), HasSubstr("cannot make the folder"));

@@ -440,6 +440,26 @@ TEST_F(Standalone, WhatIsNotThereIsNoConnection) {
     EXPECT_EQ(runCtl({"views", "--socket", std::string(300, 'x')}).status, 3);
 }
 
+TEST_F(Standalone, CommandsThatAskCreateNoDatabase) {
+    const Words commands[] = {
+        {"select", "--view", "vOpLog", "-f", "id"}, {"rows", "-f", "pager.op_log.id"}, {"views"}, {"fields"},
+        {"request"},
+    };
+    const test::TemporaryDirectory folder;
+    const std::string file = (folder / "none.db").string();
+    for (const Words& command : commands) {
+        for (const bool readOnly : {false, true}) {
+            Words words = command;
+            words.insert(words.end(), {"--standalone", "--database", "Driver=SQLite3;Database=" + file});
+            if (readOnly) words.emplace_back("--read-only");
+            const CtlResult result = runCtl(words, "{}");
+            EXPECT_EQ(result.status, 3) << command.front() << result.err;
+            EXPECT_THAT(result.err, HasSubstr(file));
+            EXPECT_TRUE(std::filesystem::is_empty(folder.path())) << command.front();
+        }
+    }
+}
+
 TEST_F(Standalone, BadUsageIsToldApart) {
     struct Case {
         Words arguments;

@@ -102,6 +102,13 @@ TEST_F(Package, ServiceStartsTheInstalledAgent) {
         AllOf(HasSubstr("ExecStart=\"" + (prefix() / "bin" / "qor-agent").string() + "\" "), Not(HasSubstr("@"))));
 }
 
+TEST_F(Package, ServiceKeepsItsStateToItselfAndItsSocketForItsGroup) {
+    const std::string unit = contentsOf(installed("qor-agent.service"));
+    EXPECT_THAT(unit, AllOf(HasSubstr("\nUMask=0077\n"), HasSubstr("\nStateDirectoryMode=0700\n"),
+                            HasSubstr(" --socket-group qor "), HasSubstr("\nExecReload=/bin/kill -HUP $MAINPID\n")));
+    EXPECT_THAT(contentsOf(prefix() / "lib/sysusers.d/qor.conf"), HasSubstr("\ng qor - -\n"));
+}
+
 TEST_F(Package, ThePagerExportsItsEntryPointsAlone) {
     const auto [status, output] =
         test::runProgram({QOR_TEST_NM, "--dynamic", "--defined-only", installed("libQORPager.so").string()});

@@ -60,7 +60,7 @@ public:
     Impl(const HttpServerOptions& options, HttpApplication& application)
         : m_options(options),
           m_application(application),
-          m_listener(options.socketPath),
+          m_listener(options.socketPath, options.socketGroup),
           m_bodies(bodyLimits(options)),
           m_lanes{Lane(options, atLeastOne(options.threads)), Lane(options, atLeastOne(options.writers))},
           m_acceptor(m_io, net::local::stream_protocol(), m_listener.releaseSocket()),

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <memory>
+#include <string>
 
 #include "agent/http/HttpTypes.h"
 
@@ -13,6 +14,7 @@ namespace QOR {
 
 struct HttpServerOptions {
     std::filesystem::path socketPath;
+    std::string socketGroup{};  ///< whose members may connect; empty: the socket keeps the process's group
     std::size_t threads = 16;              ///< requests that are answered at once
     std::size_t writers = 4;               ///< requests of the writing lane, beside those
     std::size_t requestsPerIdentity = 0;   ///< of one identity that are answered at once; 0: half of the threads

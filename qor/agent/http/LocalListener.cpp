@@ -1,6 +1,7 @@
 #include "agent/http/LocalListener.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -8,12 +9,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORText.h"
 
 namespace QOR {
 namespace {
@@ -22,20 +26,33 @@ constexpr const char* sourcePath = "qor/agent/http/LocalListener";
 constexpr mode_t socketMode = 0660;
 constexpr mode_t lockMode = 0600;
 
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) noexcept : m_fd(fd) {}
-    ~FileDescriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const noexcept { return m_fd; }
-    int release() noexcept { return std::exchange(m_fd, -1); }
+constexpr mode_t folderMode = 0755;
 
-private:
-    int m_fd;
-};
+/// Makes what is missing of a folder. Those who may use the socket must be able to pass it, whatever the umask is.
+void makeFolders(const std::filesystem::path& folder) {
+    if (folder.empty() || std::filesystem::is_directory(folder)) return;
+    makeFolders(folder.parent_path());
+    if (::mkdir(folder.c_str(), folderMode) == 0) {
+        std::filesystem::permissions(folder, std::filesystem::perms(folderMode));
+    } else if (errno != EEXIST || !std::filesystem::is_directory(folder)) {
+        throw std::filesystem::filesystem_error("mkdir", folder, std::error_code(errno, std::generic_category()));
+    }
+}
+
+/// The number of a group that is given by name or by number. \returns false when there is none of that name
+bool findGroup(const std::string& name, gid_t& number) {
+    std::vector<char> buffer(std::size_t{64} << 10);
+    group entry{};
+    group* found = nullptr;
+    if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
+        number = found->gr_gid;
+        return true;
+    }
+    constexpr gid_t none = static_cast<gid_t>(-1);
+    const char* const end = name.data() + name.size();
+    const auto [rest, error] = std::from_chars(name.data(), end, number);
+    return !name.empty() && error == std::errc() && rest == end && number != none;
+}
 
 sockaddr_un addressOf(const std::filesystem::path& path) {
     sockaddr_un address{};
@@ -55,7 +72,7 @@ bool isStillNamed(const std::filesystem::path& path, int fd) {
 
 }  // namespace
 
-LocalListener::LocalListener(const std::filesystem::path& path)
+LocalListener::LocalListener(const std::filesystem::path& path, const std::string& group)
     : m_path(std::filesystem::absolute(path)), m_lockPath(m_path.string() + ".lock") {
     if (m_path.native().size() >= sizeof(sockaddr_un::sun_path)) {
         throw QORException(errFailure,
@@ -63,17 +80,20 @@ LocalListener::LocalListener(const std::filesystem::path& path)
                                std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " characters",
                            sourcePath);
     }
-    std::error_code error;
-    std::filesystem::create_directories(m_path.parent_path(), error);
-    if (error) fail("cannot make the folder", error.value());
+    try {
+        makeFolders(m_path.parent_path());
+    } catch (const std::filesystem::filesystem_error& error) {
+        fail("cannot make the folder", error.code().value());
+    }
     takeLock();
     try {
         clearStaleSocket();
         bindAndListen();
+        admit(group);
+        if (::listen(m_socket, SOMAXCONN) != 0) fail("cannot listen", errno);
     } catch (...) {
         removeNames();
         if (m_socket >= 0) ::close(m_socket);
-        ::close(m_lock);
         throw;
     }
 }
@@ -81,7 +101,6 @@ LocalListener::LocalListener(const std::filesystem::path& path)
 LocalListener::~LocalListener() {
     removeNames();
     if (m_socket >= 0) ::close(m_socket);
-    if (m_lock >= 0) ::close(m_lock);
 }
 
 int LocalListener::releaseSocket() noexcept {
@@ -93,17 +112,24 @@ void LocalListener::fail(const char* what, int error) const {
                        sourcePath);
 }
 
+QORFileDescriptor LocalListener::openLock() const {
+    try {
+        return openOwnFile(m_lockPath.string(), O_RDWR | O_CREAT, lockMode);
+    } catch (const QORException& exception) {
+        throw QORException(errFailure, "cannot listen at " + m_path.string() + ": " + exception.message(), sourcePath);
+    }
+}
+
 void LocalListener::takeLock() {
     for (;;) {
-        FileDescriptor lock(::open(m_lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, lockMode));
-        if (lock.get() < 0) fail("cannot open its lock file", errno);
+        QORFileDescriptor lock = openLock();
         if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
             if (errno != EWOULDBLOCK) fail("cannot lock its lock file", errno);
             throw QORException(errFailure, "cannot listen at " + m_path.string() + ": another agent is using it",
                                sourcePath);
         }
         if (!isStillNamed(m_lockPath, lock.get())) continue;
-        m_lock = lock.release();
+        m_lock = std::move(lock);
         return;
     }
 }
@@ -118,7 +144,7 @@ void LocalListener::clearStaleSocket() const {
         throw QORException(errFailure, "cannot listen at " + m_path.string() + ": it exists and is no socket",
                            sourcePath);
     }
-    const FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const QORFileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_un address = addressOf(m_path);
     if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
         errno != ECONNREFUSED) {
@@ -129,7 +155,7 @@ void LocalListener::clearStaleSocket() const {
 }
 
 void LocalListener::bindAndListen() {
-    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    QORFileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (socket.get() < 0) fail("cannot make a socket", errno);
     // The name takes the mode that the socket has, less the umask: never more than 0660, from the first moment on.
     if (::fchmod(socket.get(), socketMode) != 0) fail("cannot set the mode", errno);
@@ -142,9 +168,26 @@ void LocalListener::bindAndListen() {
         m_device = made.st_dev;
         m_inode = made.st_ino;
     }
-    if (::chmod(m_path.c_str(), socketMode) != 0) fail("cannot set the mode", errno);
-    if (::listen(socket.get(), SOMAXCONN) != 0) fail("cannot listen", errno);
     m_socket = socket.release();
+}
+
+/// Nobody can connect before this has succeeded: the socket does not listen yet.
+void LocalListener::admit(const std::string& group) const {
+    // The name could mean another file by now, in a folder that others may write to.
+    const QORFileDescriptor socket(::open(m_path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat found {};
+    if (socket.get() < 0 || ::fstat(socket.get(), &found) != 0) fail("cannot look at it", errno);
+    if (found.st_ino != m_inode || found.st_dev != m_device) fail("it was replaced at once", EEXIST);
+    const std::string name = "/proc/self/fd/" + std::to_string(socket.get());
+    gid_t number = 0;
+    if (!group.empty() && !findGroup(group, number)) {
+        throw QORException(
+            errFailure, "cannot listen at " + m_path.string() + ": there is no group " + quoteText(group), sourcePath);
+    }
+    if (!group.empty() && ::chown(name.c_str(), static_cast<uid_t>(-1), number) != 0) {
+        fail(("cannot give it to group " + group).c_str(), errno);
+    }
+    if (::chmod(name.c_str(), socketMode) != 0) fail("cannot set the mode", errno);
 }
 
 void LocalListener::removeNames() noexcept {
@@ -153,7 +196,7 @@ void LocalListener::removeNames() noexcept {
         ::unlink(m_path.c_str());
     }
     m_inode = 0;
-    if (m_lock >= 0 && isStillNamed(m_lockPath, m_lock)) ::unlink(m_lockPath.c_str());
+    if (m_lock.get() >= 0 && isStillNamed(m_lockPath, m_lock.get())) ::unlink(m_lockPath.c_str());
 }
 
 }  // namespace QOR

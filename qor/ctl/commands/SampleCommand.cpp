@@ -1,39 +1,29 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <system_error>
-
 #include "Interrupt.h"
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORFiles.h"
 #include "commands/Commands.h"
 #include "commands/RecordStream.h"
 
 namespace QOR {
 namespace {
 
-/// A file opened for writing, or standard output for "-".
-class OutputFile {
-public:
-    explicit OutputFile(const std::string& path) {
-        if (path == "-") return;
-        m_descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (m_descriptor < 0)
-            throw QORCtlError::usage("cannot write " + path + ": " + std::generic_category().message(errno));
-    }
-    ~OutputFile() {
-        if (m_descriptor != STDOUT_FILENO) ::close(m_descriptor);
-    }
-    OutputFile(const OutputFile&) = delete;
-    OutputFile& operator=(const OutputFile&) = delete;
-    int descriptor() const noexcept { return m_descriptor; }
+constexpr mode_t outputMode = 0666;  // less the person's umask
 
-private:
-    int m_descriptor = STDOUT_FILENO;
-};
+/// A file opened for writing.
+QORFileDescriptor openOutput(const std::string& path) {
+    try {
+        return openOwnFile(path, O_WRONLY | O_CREAT | O_TRUNC, outputMode);
+    } catch (const QORException& error) {
+        throw QORCtlError::usage("cannot write " + path + ": " + error.message());
+    }
+}
 
 void writeSample(QORSampleData& sample, const std::string& path) {
-    const OutputFile file(path);
-    QORFileOutput out(file.descriptor());
+    const QORFileDescriptor file = path == "-" ? QORFileDescriptor() : openOutput(path);
+    QORFileOutput out(path == "-" ? STDOUT_FILENO : file.get());
     for (std::string line; sample.next(line);)
         out << line << "\n";
     out.flush();

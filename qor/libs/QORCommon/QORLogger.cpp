@@ -1,10 +1,16 @@
 #include "QORCommon/QORLogger.h"
 
-#include <spdlog/sinks/basic_file_sink.h>
+#include <fcntl.h>
+#include <spdlog/details/null_mutex.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
@@ -12,6 +18,7 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORFiles.h"
 #include "QORCommon/QORNoDestructor.h"
 #include "QORCommon/QORText.h"
 
@@ -19,6 +26,30 @@ namespace QOR {
 namespace {
 
 constexpr int defaultLevel = 1;
+/// A log tells of other people's business.
+constexpr mode_t logFileMode = 0600;
+
+/// Appends to a file that has been opened. One thread at a time.
+class FileSink final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+public:
+    explicit FileSink(const std::string& path)
+        : m_file(openOwnFile(path, O_WRONLY | O_APPEND | O_CREAT, logFileMode)) {}
+
+protected:
+    void sink_it_(const spdlog::details::log_msg& message) override {
+        spdlog::memory_buf_t line;
+        formatter_->format(message, line);
+        for (std::size_t written = 0; written < line.size();) {
+            const ssize_t size = ::write(m_file.get(), line.data() + written, line.size() - written);
+            if (size < 0 && errno != EINTR) throw spdlog::spdlog_ex("cannot write", errno);
+            if (size > 0) written += static_cast<std::size_t>(size);
+        }
+    }
+    void flush_() override {}
+
+private:
+    const QORFileDescriptor m_file;
+};
 
 spdlog::level::level_enum backendLevel(int level) {
     switch (level) {
@@ -145,21 +176,19 @@ int logLevel() noexcept {
 }
 
 void setLogFile(const std::string& path) {
-    std::shared_ptr<spdlog::logger> backend;
-    try {
-        spdlog::sink_ptr sink;
-        if (path.empty()) {
-            sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
-        } else {
-            sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path);
+    spdlog::sink_ptr sink;
+    if (path.empty()) {
+        sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+    } else {
+        try {
+            sink = std::make_shared<FileSink>(path);
+        } catch (const QORException& error) {
+            throw QORException(errFailure, "the log file: " + error.message());
         }
-        backend = makeBackend(std::move(sink));
-    } catch (const spdlog::spdlog_ex& error) {
-        throw QORException(errFailure, "cannot open the log file " + quoteText(path) + ": " + error.what());
     }
     Logger& logger = theLogger();
     const std::lock_guard lock(logger.mutex);
-    logger.backend = std::move(backend);
+    logger.backend = makeBackend(std::move(sink));
 }
 
 void setLogSink(QORLogSink sink) {

@@ -36,8 +36,9 @@ QOR_API void logMessage(int level, const char* module, const char* sourcePath, c
 QOR_API void setLogLevel(int level);
 QOR_API int logLevel() noexcept;
 
-/// Appends lines to a file instead of standard error; the empty path means standard error again. Throws QORException
-/// when it cannot be opened. The same path once more opens the file anew, as rotating it needs.
+/// Appends lines to a file instead of standard error; the empty path means standard error again. A new file can be read
+/// by its user alone. The same path once more opens the file anew, as rotating it needs. Throws QORException when it
+/// cannot be opened, see openOwnFile(); lines then go where they went.
 QOR_API void setLogFile(const std::string& path);
 
 /// Replaces the sink (for embedding and tests); an empty function restores the default. Returns nothing until no

@@ -9,6 +9,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORDatabaseFile.h"
 #include "QORDBSchema/QORSchemaSteps.h"
 #include "QORDBSchema/QORStoredDocuments.h"
 #include "QORDBSchema/SchemaTable.h"
@@ -67,6 +68,13 @@ std::optional<int> markedVersion(ASSession& session) {
                        "database " + quoteText(database, 1024) + " has version " + std::to_string(version) +
                            " of the schema, but this program knows versions up to " + std::to_string(latestVersion) +
                            ": use the newer program that wrote it, or --read-only to ask it questions",
+                       sourcePath, __LINE__);
+}
+
+[[noreturn]] void refuseEmpty(const std::string& database, bool exists) {
+    throw QORException(errFailure,
+                       "database " + quoteText(database, 1024) +
+                           (exists ? " is empty: there is nothing to ask it" : " does not exist"),
                        sourcePath, __LINE__);
 }
 
@@ -171,6 +179,11 @@ QORSchemaReport QORDBSchema::open(const ASDatabaseOptions& options, QORSchemaMod
 
 QORSchemaReport QORDBSchema::openDatabase(const ASDatabaseOptions& options, QORSchemaMode mode) {
     if (options.readOnly) return openReadOnly(options);
+    const QORDatabaseFile file(options.connectionString);
+    // Who only asks makes no database: where none is, a name was mistaken.
+    const bool makes = mode == QORSchemaMode::Own;
+    if (!makes && !file.exists()) refuseEmpty(databaseName(options.connectionString), false);
+    file.check();
     // Merely opening a database for writing may change its file (its journal), so another program's is looked at first.
     const auto found = lookReadOnly(options);
     if (found && isForeign(*found)) {
@@ -178,7 +191,11 @@ QORSchemaReport QORDBSchema::openDatabase(const ASDatabaseOptions& options, QORS
         return openReadOnly(options);
     }
     if (found && found->version > latestVersion) refuseNewer(databaseName(options.connectionString), found->version);
+    if (!makes && found && found->kind == QORSchemaState::Kind::Empty)
+        refuseEmpty(databaseName(options.connectionString), true);
+    if (makes) file.create();
     QORRdbms::instance().configure(options);
+    if (makes) file.narrow();
     QORSchemaReport report{found.value_or(QORSchemaState()), latestVersion, false};
     if (found && found->kind == QORSchemaState::Kind::Ours && found->version == latestVersion) return report;
     QORRdbmsTran tran(ASAccess::Write);

@@ -1,6 +1,7 @@
 #include "QORCommon/QORLogger.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 
@@ -146,6 +148,30 @@ TEST_F(Logger, AFileIsAppendedTo) {
     testing::internal::CaptureStderr();
     logMessage(1, "m", "p", "f", "to standard error");
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(Logger, ANewFileIsForItsUserAloneAndCanBeOpenedAnew) {
+    const QOR::test::TemporaryDirectory directory;
+    const auto path = directory / "log";
+    const auto textOf = [](const std::filesystem::path& file) {
+        std::ifstream stream(file);
+        return std::string((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+    };
+    const mode_t before = ::umask(0);
+    QOR::setLogSink({});
+    QOR::setLogFile(path.string());
+    ::umask(before);
+    EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(path).permissions()), 0600U);
+    logMessage(1, "m", "p", "f", "first");
+    std::filesystem::rename(path, directory / "log.1");
+    logMessage(1, "m", "p", "f", "second");
+    QOR::setLogFile(path.string());
+    logMessage(1, "m", "p", "f", "third");
+    QOR::setLogFile("");
+    EXPECT_NE(textOf(directory / "log.1").find("first"), std::string::npos);
+    EXPECT_NE(textOf(directory / "log.1").find("second"), std::string::npos);
+    EXPECT_EQ(textOf(path).find("second"), std::string::npos);
+    EXPECT_NE(textOf(path).find("third"), std::string::npos);
 }
 
 TEST_F(Logger, AFileThatCannotBeOpenedIsAnError) {

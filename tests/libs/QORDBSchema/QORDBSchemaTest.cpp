@@ -1,5 +1,6 @@
 #include "QORDBSchema/QORDBSchema.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <thread>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORLogger.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "rdbmspp/engine/AException.h"
 #include "support/HostDatabase.h"
@@ -48,17 +50,74 @@ void makeForeign(const HostDatabase& database) {
     QORRdbms::instance().shutdown();
 }
 
-TEST(QORDBSchemaTest, AMissingDatabaseIsCreated) {
-    for (const auto mode : {QORSchemaMode::Own, QORSchemaMode::Reading}) {
+TEST(QORDBSchemaTest, AMissingDatabaseIsCreatedToKeepRecordsIn) {
+    const HostDatabase database;
+    const QORSchemaReport report = database.open();
+    EXPECT_EQ(report.found.kind, QORSchemaState::Kind::Empty);
+    EXPECT_EQ(report.version, QORDBSchema::currentVersion());
+    EXPECT_FALSE(report.readOnly);
+    EXPECT_EQ(queryText("SELECT count(*) FROM vEnvironment"), "0");
+    EXPECT_EQ(queryText("SELECT count(*) FROM vOpLog"), "0");
+    EXPECT_EQ(queryText("SELECT count(*) FROM vEventLog"), "0");
+    EXPECT_EQ(queryText("SELECT count(*) FROM vBackupInfo"), "0");
+}
+
+TEST(QORDBSchemaTest, AMissingOrEmptyDatabaseIsNotCreatedToAskIt) {
+    const HostDatabase database;
+    EXPECT_EQ(messageOfOpen(database, QORSchemaMode::Reading),
+              "database \"" + database.file().string() + "\" does not exist");
+    EXPECT_TRUE(std::filesystem::is_empty(database.folder().path()));
+    std::ofstream(database.file()).close();
+    EXPECT_EQ(messageOfOpen(database, QORSchemaMode::Reading),
+              "database \"" + database.file().string() + "\" is empty: there is nothing to ask it");
+    EXPECT_EQ(std::filesystem::file_size(database.file()), 0U);
+}
+
+TEST(QORDBSchemaTest, FilesOfTheDatabaseAreForTheirUserAlone) {
+    const auto modeOf = [](const std::filesystem::path& file) {
+        return static_cast<unsigned>(std::filesystem::status(file).permissions());
+    };
+    const HostDatabase database;
+    const mode_t before = ::umask(0);
+    database.open();
+    runSql("CREATE TABLE one (x int)");
+    for (const char* suffix : {"", "-wal", "-shm"})
+        EXPECT_EQ(modeOf(database.file().string() + suffix), 0600U) << suffix;
+    std::vector<std::string> lines;
+    setLogSink([&](const QORLogRecord& record) { lines.emplace_back(record.text); });
+    for (const char* suffix : {"", "-wal", "-shm"})
+        std::filesystem::permissions(database.file().string() + suffix, std::filesystem::perms(0664));
+    database.open(QORSchemaMode::Reading);
+    EXPECT_EQ(modeOf(database.file()), 0664U) << "who only asks changes nothing";
+    EXPECT_TRUE(lines.empty());
+    database.open();
+    runSql("CREATE TABLE two (x int)");
+    setLogSink({});
+    ::umask(before);
+    for (const char* suffix : {"", "-wal", "-shm"})
+        EXPECT_EQ(modeOf(database.file().string() + suffix), 0600U) << suffix;
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front(),
+              database.file().string() + " had mode 0664, so that others could read it; it is 0600 now");
+}
+
+TEST(QORDBSchemaTest, ADatabaseIsNotReachedThroughAnothersLinkOrBesideAnothersLog) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+    constexpr uid_t stranger = 65534;
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
         const HostDatabase database;
-        const QORSchemaReport report = database.open(mode);
-        EXPECT_EQ(report.found.kind, QORSchemaState::Kind::Empty);
-        EXPECT_EQ(report.version, QORDBSchema::currentVersion());
-        EXPECT_FALSE(report.readOnly);
-        EXPECT_EQ(queryText("SELECT count(*) FROM vEnvironment"), "0");
-        EXPECT_EQ(queryText("SELECT count(*) FROM vOpLog"), "0");
-        EXPECT_EQ(queryText("SELECT count(*) FROM vEventLog"), "0");
-        EXPECT_EQ(queryText("SELECT count(*) FROM vBackupInfo"), "0");
+        std::filesystem::permissions(database.folder().path(), std::filesystem::perms(01777));
+        const std::string link = database.file().string() + suffix;
+        std::filesystem::create_symlink(database.folder() / "elsewhere", link);
+        ASSERT_EQ(::lchown(link.c_str(), stranger, stranger), 0);
+        EXPECT_NE(messageOfOpen(database, QORSchemaMode::Own).find("belongs to another user"), std::string::npos)
+            << suffix;
+        EXPECT_FALSE(std::filesystem::exists(database.folder() / "elsewhere"));
+        std::filesystem::remove(link);
+        std::ofstream(link) << "";
+        ASSERT_EQ(::lchown(link.c_str(), stranger, stranger), 0);
+        EXPECT_NE(messageOfOpen(database, QORSchemaMode::Own).find("belongs to another user"), std::string::npos)
+            << suffix;
     }
 }
 

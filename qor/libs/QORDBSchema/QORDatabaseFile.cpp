@@ -1,0 +1,66 @@
+#include "QORDBSchema/QORDatabaseFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <optional>
+
+#include "QORCommon/QORFiles.h"
+#include "QORCommon/QORLogger.h"
+#include "rdbmspp/engine/OdbcConnectionString.h"
+
+namespace QOR {
+namespace {
+
+/// What SQLite keeps beside the database. The first is the database itself.
+constexpr const char* suffixes[] = {"", "-wal", "-shm", "-journal"};
+
+bool isSqlite(std::string driver) {
+    std::transform(driver.begin(), driver.end(), driver.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return driver.find("sqlite") != std::string::npos;
+}
+
+}  // namespace
+
+QORDatabaseFile::QORDatabaseFile(const std::string& connectionString) {
+    const OdbcConnectionString parts(connectionString);
+    const std::string database = parts.get("Database");
+    const bool isFile = !database.empty() && database.front() != ':' && !database.starts_with("file:");
+    if (isFile && isSqlite(parts.get("Driver"))) m_path = database;
+}
+
+bool QORDatabaseFile::exists() const {
+    std::error_code error;
+    return m_path.empty() || std::filesystem::exists(m_path, error);
+}
+
+void QORDatabaseFile::check() const {
+    if (m_path.empty()) return;
+    for (const char* suffix : suffixes)
+        checkOwnFile(m_path + suffix);
+}
+
+void QORDatabaseFile::create() const {
+    if (exists()) return;
+    // Without its folder the engine has the say.
+    std::error_code error;
+    const std::filesystem::path folder = std::filesystem::path(m_path).parent_path();
+    if (!folder.empty() && !std::filesystem::is_directory(folder, error)) return;
+    openOwnFile(m_path, O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
+}
+
+void QORDatabaseFile::narrow() const {
+    if (m_path.empty()) return;
+    for (const char* suffix : suffixes) {
+        const std::optional<mode_t> before = narrowOwnFile(m_path + suffix);
+        if (!before) continue;
+        logMessage(1, "QORDBSchema", "qor/libs/QORDBSchema/QORDatabaseFile", __func__,
+                   "%s%s had mode %04o, so that others could read it; it is %04o now", m_path.c_str(), suffix, *before,
+                   *before & S_IRWXU);
+    }
+}
+
+}  // namespace QOR
