@@ -115,6 +115,12 @@ TEST_F(ASRestricted, TheEngineCannotConcludeFromAnEqualityThatTheGuardIsTrue) {
         EXPECT_EQ(count(both, rest), "AB");
         EXPECT_EQ(count(both, isA && rest), "A");
     }
+    // A GUID beside others is a parameter of the statement that is prepared, and has to be there when it is bound.
+    for (int i = 0; i < 50; ++i) {
+        const std::string guid = "eeeeeeee-0000-4000-8000-0000000000" + std::to_string(10 + i);
+        EXPECT_EQ(count(both, other.attribute == ASVStr(40, guid)), "") << i;
+        EXPECT_EQ(count(both, isA), "A") << i;
+    }
     QORRdbmsTran transaction(ASAccess::ReadOne);
     ASCursor cursor(*transaction);
     cursor.Filter().Project() << other.attribute;

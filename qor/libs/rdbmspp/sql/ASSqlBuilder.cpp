@@ -67,7 +67,8 @@ void ASSqlBuilder::where(const ASFilter& filter) {
     if (filter.m_condition.empty() && filter.m_access.empty()) return;
     if (!filter.m_condition.empty()) checkCondition(m_dialect, *filter.m_condition.node());
     append(" WHERE ");
-    condition(restricted(filter.m_access, filter.m_condition));
+    m_restricted = restricted(filter.m_access, filter.m_condition);
+    condition(m_restricted);
 }
 
 void ASSqlBuilder::condition(const ASComparison& condition) {

@@ -69,6 +69,7 @@ class ASSqlBuilder {
     ASPurpose m_purpose;
     std::string m_text;
     std::vector<const ASValue*> m_parameters;
+    ASComparison m_restricted;  ///< holds some of the parameters
     ASValue m_limit;
     ASValue m_offset;
 };
