@@ -113,6 +113,21 @@ std::vector<QORRecord> makeBatch(std::uint64_t first, std::uint64_t count, std::
     return batch;
 }
 
+/// A database whose tables count nothing.
+void openBare(const std::filesystem::path& file) {
+    openEmpty(file);
+    QORRdbmsTran tran(ASAccess::Write);
+    std::vector<std::string> triggers;
+    ASStatement& select = tran->prepare("SELECT name FROM sqlite_master WHERE type = 'trigger'");
+    select.execute();
+    while (select.fetch())
+        triggers.emplace_back(select.text(1));
+    select.close();
+    for (const std::string& trigger : triggers)
+        tran->execute("DROP TRIGGER " + ASSession::quoteIdentifier(trigger));
+    tran.commit();
+}
+
 /// The same rows in the same tables by prepared statements and nothing else. The texts are made before the clock runs.
 struct BareRow {
     std::string id, op, time, eid, message;
@@ -130,15 +145,9 @@ BareRow toBare(const QOROperationRecord& record) {
                 record.status,
                 {},
                 {}};
-    bool own = false;
     for (const QOREID& eid : record.eids) {
-        own = own || eid == record.eid;
         row.positions.push_back(static_cast<std::int64_t>(row.positions.size()));
         row.touched.push_back(eid.toString());
-    }
-    if (!own) {
-        row.positions.push_back(-1);
-        row.touched.push_back(row.eid);
     }
     return row;
 }
@@ -160,11 +169,14 @@ void insertBare(ASSession& session, const BareRow& row, std::int64_t sequence) {
         .bind(10, sequence)
         .execute();
     for (std::size_t i = 0; i < row.touched.size(); ++i) {
-        session.prepare("INSERT INTO qor_operation_environment (operation, position, eid, time) VALUES (?, ?, ?, ?)")
+        session
+            .prepare(
+                "INSERT INTO qor_operation_environment (operation, position, eid, own, time) VALUES (?, ?, ?, ?, ?)")
             .bind(1, sequence)
             .bind(2, row.positions[i])
             .bind(3, std::string_view(row.touched[i]))
-            .bind(4, std::string_view(row.time))
+            .bind(4, std::string_view(row.eid))
+            .bind(5, std::string_view(row.time))
             .execute();
     }
 }
@@ -174,7 +186,7 @@ void benchImport(const std::filesystem::path& folder, std::uint64_t batchSize, u
     constexpr std::uint64_t size = 1000000;
     const auto ours = folder / "import-ours.db";
     const auto bare = folder / "import-bare.db";
-    openEmpty(bare);
+    openBare(bare);
     openEmpty(ours);
     std::vector<double> oursTime;
     std::vector<double> bareTime;
@@ -209,10 +221,19 @@ void benchImport(const std::filesystem::path& folder, std::uint64_t batchSize, u
                 median(ratios));
 }
 
-/// A restricted client's row conditions aside, what everything below is asked as.
 QORClientContextPtr fullAccess() {
     auto context = std::make_shared<QORClientContext>();
     context->fullAccess = true;
+    return context;
+}
+
+/// A client whose identities stand for environments from 0 on.
+QORClientContextPtr accessTo(unsigned count) {
+    QORToken::SidSet sids;
+    for (unsigned number = 0; number < count; ++number)
+        sids.insert(std::make_shared<QORLocalSID>(0, 1, eidOf(number)));
+    auto context = std::make_shared<QORClientContext>();
+    context->token = std::make_shared<QORToken>(nullptr, std::move(sids));
     return context;
 }
 
@@ -252,6 +273,7 @@ void fill(const std::filesystem::path& file, std::uint64_t size) {
 
 struct Question {
     const char* name;
+    unsigned owners;  ///< whose records the client may see, environments from 0 on; 0 for full access
     QOREnvSelection envs;
     int from;
     int to;
@@ -277,31 +299,32 @@ std::vector<std::string> askPage(const Question& question, std::size_t offset) {
     return ids;
 }
 
-/// The same with what SQL has for it.
+/// What SQL has for the question, as a condition on qor_operation o.
+std::string sqlCondition(const Question& question) {
+    std::string condition = "o.time BETWEEN ? AND ?";
+    for (unsigned number = 0; number < question.owners; ++number)
+        condition += (number == 0 ? " AND o.eid IN ('" : ", '") + eidOf(number).toString() + "'";
+    if (question.owners != 0) condition += ")";
+    if (question.envs.isAll()) return condition;
+    const std::string eid = "'" + question.envs.eid().toString() + "'";
+    return condition + " AND o.seq IN (SELECT seq FROM qor_operation WHERE eid = " + eid +
+           " UNION ALL SELECT operation FROM qor_operation_environment WHERE eid = " + eid + " AND eid IS NOT own)";
+}
+
 std::vector<std::string> askSql(const Question& question, std::size_t offset, std::size_t& total) {
     QORRdbmsTran tran(ASAccess::Read);
-    const bool all = question.envs.isAll();
-    const std::string from = all ? "FROM qor_operation WHERE time BETWEEN ? AND ?"
-                                 : "FROM qor_operation_environment e JOIN qor_operation o ON o.seq = e.operation "
-                                   "WHERE e.time BETWEEN ? AND ? AND e.eid = ?";
+    const std::string from = "FROM qor_operation o WHERE " + sqlCondition(question);
     const std::string first = time2dbstr(question.from);
     const std::string last = time2dbstr(question.to);
-    const std::string eid = question.envs.eid().toString();
-    const auto bind = [&](ASStatement& statement) {
-        statement.bind(1, std::string_view(first)).bind(2, std::string_view(last));
-        if (!all) statement.bind(3, std::string_view(eid));
-    };
     ASStatement& count = tran->prepare("SELECT count(*) " + from);
-    bind(count);
+    count.bind(1, std::string_view(first)).bind(2, std::string_view(last));
     count.execute();
     count.fetch();
     total = static_cast<std::size_t>(count.integer(1));
     count.close();
-    ASStatement& page =
-        tran->prepare("SELECT id, parent_id, op, status, message " + from +
-                      (all ? " ORDER BY time DESC, seq DESC" : " ORDER BY e.time DESC, e.operation DESC") +
-                      " LIMIT 20 OFFSET " + std::to_string(offset));
-    bind(page);
+    ASStatement& page = tran->prepare("SELECT id, parent_id, op, status, message " + from +
+                                      " ORDER BY time DESC, seq DESC LIMIT 20 OFFSET ?");
+    page.bind(1, std::string_view(first)).bind(2, std::string_view(last)).bind(3, static_cast<std::int64_t>(offset));
     page.execute();
     std::vector<std::string> ids;
     while (page.fetch())
@@ -312,16 +335,21 @@ std::vector<std::string> askSql(const Question& question, std::size_t offset, st
 
 void benchPages(const std::filesystem::path& file, std::uint64_t size) {
     fill(file, size);
-    const QORClientContextScope scope(fullAccess());
     constexpr int quarter = static_cast<int>(year / 4);
     const int from = static_cast<int>(firstSecond) + quarter + 12345;
     const int to = static_cast<int>(firstSecond) + 3 * quarter + 54321;
     for (const Question& question :
-         {Question{"all", QOREnvSelection::all(), 0, forever},
-          Question{"all, time range", QOREnvSelection::all(), from, to}, Question{"environment", eidOf(7), 0, forever},
-          Question{"environment, time range", eidOf(7), from, to}}) {
+         {Question{"all", 0, QOREnvSelection::all(), 0, forever},
+          Question{"all, time range", 0, QOREnvSelection::all(), from, to},
+          Question{"environment", 0, eidOf(7), 0, forever}, Question{"environment, time range", 0, eidOf(7), from, to},
+          Question{"of 1 environment", 1, QOREnvSelection::all(), 0, forever},
+          Question{"of 20 environments", 20, QOREnvSelection::all(), 0, forever},
+          Question{"of 20, time range", 20, QOREnvSelection::all(), from, to},
+          Question{"of 20, one touched", 20, eidOf(7), 0, forever}}) {
+        const QORClientContextScope scope(question.owners == 0 ? fullAccess() : accessTo(question.owners));
         const std::size_t total = askTotal(question);
-        for (const std::size_t offset : {std::size_t{0}, total / 2, total > 20 ? total - 20 : 0}) {
+        for (const std::size_t offset :
+             {std::size_t{0}, std::min<std::size_t>(20000, total / 2), total / 2, total > 20 ? total - 20 : 0}) {
             std::size_t sqlTotal = 0;
             const auto expected = askSql(question, offset, sqlTotal);
             check(sqlTotal == total, "the totals differ");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <set>
 #include <span>
 
 #include "QORCommon/QORException.h"
@@ -114,13 +115,19 @@ QOREID readRequiredEid(const Named& member) {
 
 std::vector<QOREID> readEids(const Named& member) {
     std::vector<QOREID> eids;
+    std::set<QOREID> known;
     if (member.isNull()) return eids;
     if (member.value.type != JsonType::Array) member.refuseAs("an array of GUIDs");
     for (auto item = member.tree.firstChild(member.value); item; item = member.tree.nextSibling(*item)) {
         JsonValue named = *item;
         named.name = member.value.name;
         const QOREID eid = readRequiredEid({member.tree, named, member.prefix});
-        if (std::find(eids.begin(), eids.end(), eid) == eids.end()) eids.push_back(eid);
+        if (!known.insert(eid).second) continue;
+        if (eids.size() == QOROperationRecord::mostEids) {
+            refuse("member " + quoteText(std::string(member.prefix) + std::string(member.value.name)) +
+                   ": an operation touches at most " + std::to_string(QOROperationRecord::mostEids) + " environments");
+        }
+        eids.push_back(eid);
     }
     return eids;
 }

@@ -52,13 +52,16 @@ struct QOREnvironmentRecord {
 };
 
 struct QOROperationRecord {
+    /// More environments than one operation can mean; each of them costs some pages of the database.
+    static constexpr std::size_t mostEids = 10000;
+
     std::string id;
     std::optional<std::string> parentId;
     std::optional<std::string> op;
     std::int32_t status = 0;
     std::int64_t time = 0;  ///< seconds since the epoch, as all times of records
     QOREID eid;             ///< invalid for an operation of no environment
-    std::vector<QOREID> eids;
+    std::vector<QOREID> eids;  ///< each once, at most mostEids
     std::optional<QORInfo> message;
 };
 

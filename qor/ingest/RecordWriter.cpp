@@ -4,6 +4,7 @@
 
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORStoredDocuments.h"
 
 namespace QOR {
 namespace {
@@ -26,11 +27,16 @@ constexpr std::string_view insertOperation =
 constexpr std::string_view updateOperation =
     "UPDATE qor_operation SET parent_id = ?, op = ?, status = ?, time = ?, eid = ?, package = ?, version = ?, "
     "message = ? WHERE id = ?";
-constexpr std::string_view selectOperation = "SELECT seq, status, message, time FROM qor_operation WHERE id = ?";
+constexpr std::string_view selectOperation = "SELECT seq, status, message, time, eid FROM qor_operation WHERE id = ?";
 constexpr std::string_view selectTouched = "SELECT eid FROM qor_operation_environment WHERE operation = ?";
 constexpr std::string_view deleteTouched = "DELETE FROM qor_operation_environment WHERE operation = ?";
 constexpr std::string_view insertTouched =
-    "INSERT INTO qor_operation_environment (operation, position, eid, time) VALUES (?, ?, ?, ?)";
+    "INSERT INTO qor_operation_environment (operation, position, own, time, eid) VALUES (?, ?, ?, ?, ?)";
+/// Many at once: a statement for each would cost more than what it stores.
+constexpr std::string_view insertManyTouched =
+    "INSERT INTO qor_operation_environment (operation, position, own, time, eid) "
+    "SELECT o.operation, e.key, o.own, o.time, e.value "
+    "FROM (SELECT ? AS operation, ? AS own, ? AS time) o CROSS JOIN json_each(?) e";
 constexpr const char* lastOperation = "SELECT coalesce(max(seq), 0) FROM qor_operation";
 
 constexpr std::string_view insertEvent =
@@ -175,13 +181,6 @@ QORPtr<const QOREnv> toEnvironment(const QOREnvironmentRecord& record) {
                               toConfig(record.virtualConfig));
 }
 
-/// The environments that an operation belongs to or touches.
-std::set<QOREID> environmentsOf(const QOROperationRecord& record) {
-    std::set<QOREID> eids(record.eids.begin(), record.eids.end());
-    if (record.eid.isValid()) eids.insert(record.eid);
-    return eids;
-}
-
 }  // namespace
 
 QORStored RecordWriter::store(const QORRecord& record) {
@@ -189,8 +188,11 @@ QORStored RecordWriter::store(const QORRecord& record) {
 }
 
 void RecordWriter::finish() {
-    m_operationCounters.write(m_session);
-    m_eventCounters.write(m_session);
+    if (m_counters.counts()) {
+        for (const auto& [table, ids] : m_replaced)
+            forgetUnreadableDocuments(m_session, table, ids);
+    }
+    m_counters.finish();
 }
 
 QORStored RecordWriter::put(const QOREnvironmentRecord& record) {
@@ -202,6 +204,7 @@ QORStored RecordWriter::put(const QOREnvironmentRecord& record) {
         ASStatement& update = m_session.prepare(updateEnvironment);
         bindEnvironment(update, record);
         update.execute();
+        m_replaced["qor_environment"].push_back(record.eid.toString());
         ASStatement& clear = m_session.prepare(deleteAddresses);
         Binder(clear).eid(record.eid);
         clear.execute();
@@ -225,25 +228,25 @@ void RecordWriter::putAddresses(const QOREID& eid, std::int64_t source, const st
 QORStored RecordWriter::put(const QOROperationRecord& record) {
     const auto message = serialized(record.message);
     if (m_keepEqual && isEqual(record, message)) return QORStored::Unchanged;
+    m_counters.begin();
     const std::int64_t sequence = nextSequence(m_lastOperation, lastOperation);
     ASStatement& insert = m_session.prepare(insertOperation);
     bindOperation(insert, record, message).integer(sequence);
     insert.execute();
     if (m_session.changes() > 0) {
         putTouched(sequence, record);
-        m_operationCounters.addOperation(record.time, environmentsOf(record));
         return QORStored::Added;
     }
     --m_lastOperation;  // the number was not used: the operation keeps that of its first arrival
     const std::int64_t kept = discount(record.id);
-    m_operationCounters.addOperation(record.time, environmentsOf(record));
-    ASStatement& update = m_session.prepare(updateOperation);
-    bindOperation(update, record, message);
-    update.execute();
     ASStatement& clear = m_session.prepare(deleteTouched);
     Binder(clear).integer(kept);
     clear.execute();
+    ASStatement& update = m_session.prepare(updateOperation);
+    bindOperation(update, record, message);
+    update.execute();
     putTouched(kept, record);
+    m_replaced["qor_operation"].push_back(record.id);
     return QORStored::Replaced;
 }
 
@@ -261,36 +264,48 @@ std::int64_t RecordWriter::discount(const std::string& operationId) {
     ASStatement& select = m_session.prepare(selectOperation);
     Binder(select).text(operationId);
     select.execute();
-    if (!select.fetch()) throw AException("operation " + quoteText(operationId) + " is neither new nor there");
+    if (!select.fetch()) throw AException("an operation that is there cannot be found");
     const std::int64_t sequence = select.integer(1);
-    const std::int64_t time = str2time(select.text(4));
+    const std::string stored(select.text(4));
+    QOREID own;
+    if (!select.isNull(5)) own.fromString(select.text(5));
     select.close();
+    const std::int64_t time = str2time(stored);
+    // What another program wrote in a form of its own is in no counter.
+    if (!m_counters.counts() || time2dbstr(time) != stored) return sequence;
+    std::vector<QOREID> eids;
     ASStatement& touched = m_session.prepare(selectTouched);
     Binder(touched).integer(sequence);
     touched.execute();
-    std::set<QOREID> eids;
     while (touched.fetch()) {
         QOREID eid;
-        if (eid.fromString(touched.text(1))) eids.insert(eid);
+        if (eid.fromString(touched.text(1))) eids.push_back(eid);
     }
     touched.close();
-    m_operationCounters.addOperation(time, eids, -1);
+    m_counters.addOperation(time, own, eids, -1);
     return sequence;
 }
 
 void RecordWriter::putTouched(std::int64_t operation, const QOROperationRecord& record) {
-    const auto put = [&](std::int64_t position, const QOREID& eid) {
-        ASStatement& insert = m_session.prepare(insertTouched);
-        Binder(insert).integer(operation).integer(position).eid(eid).time(record.time);
-        insert.execute();
-    };
-    bool own = !record.eid.isValid();
-    std::int64_t position = 0;
+    if (m_counters.counts()) m_counters.addOperation(record.time, record.eid, record.eids);
+    if (record.eids.size() > 1) return putManyTouched(operation, record);
+    if (record.eids.empty()) return;
+    ASStatement& insert = m_session.prepare(insertTouched);
+    Binder(insert).integer(operation).integer(0).eid(record.eid).time(record.time).eid(record.eids.front());
+    insert.execute();
+}
+
+void RecordWriter::putManyTouched(std::int64_t operation, const QOROperationRecord& record) {
+    std::string json;
+    json.reserve(record.eids.size() * 39 + 2);
     for (const QOREID& eid : record.eids) {
-        own = own || eid == record.eid;
-        put(position++, eid);
+        json += json.empty() ? '[' : ',';
+        json += '"' + eid.toString() + '"';
     }
-    if (!own) put(-1, record.eid);
+    json += ']';
+    ASStatement& insert = m_session.prepare(insertManyTouched);
+    Binder(insert).integer(operation).eid(record.eid).time(record.time).text(json);
+    insert.execute();
 }
 
 std::int64_t RecordWriter::nextSequence(std::int64_t& last, const char* select) {
@@ -304,6 +319,7 @@ std::int64_t RecordWriter::nextSequence(std::int64_t& last, const char* select) 
 }
 
 QORStored RecordWriter::put(const QOREventRecord& record) {
+    m_counters.begin();
     const std::int64_t sequence = nextSequence(m_lastEvent, lastEvent);
     ASStatement& insert = m_session.prepare(insertEvent);
     Binder(insert)
@@ -314,9 +330,7 @@ QORStored RecordWriter::put(const QOREventRecord& record) {
         .text(record.category)
         .text(serialized(record.info));
     insert.execute();
-    if (record.category && !record.category->empty()) {
-        m_eventCounters.addEvent(record.time, record.eid, *record.category);
-    }
+    if (m_counters.counts() && record.category) m_counters.addEvent(record.time, record.eid, *record.category);
     return QORStored::Added;
 }
 
@@ -328,6 +342,7 @@ QORStored RecordWriter::put(const QORBackupRecord& record) {
     ASStatement& update = m_session.prepare(updateBackup);
     bindBackup(update, record);
     update.execute();
+    m_replaced["qor_backup"].push_back(record.id);
     return QORStored::Replaced;
 }
 

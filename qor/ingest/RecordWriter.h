@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
-#include <set>
+#include <map>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "QORLibAgent/QOREnv.h"
@@ -21,11 +23,13 @@ enum class QORStored { Added, Replaced, Unchanged };
 class RecordWriter {
 public:
     /// \param keepEqual an operation that is stored already, with the same status and message, is left alone
-    RecordWriter(ASSession& session, bool keepEqual) : m_session(session), m_keepEqual(keepEqual) {}
+    RecordWriter(ASSession& session, bool keepEqual)
+        : m_session(session), m_keepEqual(keepEqual), m_counters(session) {}
 
     QORStored store(const QORRecord& record);
 
-    /// What belongs to the records as a whole: the counters of the logs. Before the transaction is committed.
+    /// What belongs to the records as a whole: the counters of the logs, and what is known of documents that are no
+    /// more. Before the transaction is committed.
     void finish();
     /// The environments that were stored, for the cache once the transaction is committed.
     std::vector<QORPtr<const QOREnv>> takeEnvironments() { return std::move(m_environments); }
@@ -38,7 +42,8 @@ private:
 
     void putAddresses(const QOREID& eid, std::int64_t source, const std::optional<QORConfigRecord>& config);
     void putTouched(std::int64_t operation, const QOROperationRecord& record);
-    /// Takes an operation that is about to be replaced out of the counters. \returns its sequence number
+    void putManyTouched(std::int64_t operation, const QOROperationRecord& record);
+    /// Takes an operation that is about to be replaced out of what is counted here. \returns its sequence number
     std::int64_t discount(const std::string& operationId);
     bool isEqual(const QOROperationRecord& record, const std::optional<std::string>& message);
     std::int64_t nextSequence(std::int64_t& last, const char* select);
@@ -47,8 +52,8 @@ private:
     bool m_keepEqual;
     std::int64_t m_lastOperation = -1;  // not yet asked for
     std::int64_t m_lastEvent = -1;
-    QORLogCounters m_operationCounters{QORLogKind::Operations};
-    QORLogCounters m_eventCounters{QORLogKind::Events};
+    std::map<std::string_view, std::vector<std::string>> m_replaced;  // by table
+    QORLogCounters m_counters;                                        // for as long as operations and events are stored
     std::vector<QORPtr<const QOREnv>> m_environments;
 };
 

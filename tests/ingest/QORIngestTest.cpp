@@ -19,6 +19,7 @@ namespace {
 using test::HostDatabase;
 using test::queryRows;
 using test::queryText;
+using test::runSql;
 using test::Row;
 
 constexpr const char* eidA = "aaaaaaaa-0000-4000-8000-000000000001";
@@ -128,13 +129,65 @@ TEST_F(QORIngestTest, AnOperationReplacesTheOneWithItsIdAndKeepsItsPlaceInTheOrd
               (std::vector<Row>{{"1", "0", eidB, "1970-01-01 00:03:20"}}));
 }
 
-TEST_F(QORIngestTest, TheOwnEnvironmentOfAnOperationIsAmongThoseItIsFoundBy) {
+TEST_F(QORIngestTest, TheEnvironmentsThatAnOperationTouchesAreThoseOfItsList) {
     m_ingest.importBatch(
         operationLine("own", 1, std::string(R"(,"eid":")") + eidA + R"(","eids":[")" + eidB + "\"]") +
         operationLine("listed", 2,
                       std::string(R"(,"eid":")") + eidA + R"(","eids":[")" + eidB + R"(",")" + eidA + "\"]"));
-    EXPECT_EQ(queryRows("SELECT operation, position, eid FROM qor_operation_environment ORDER BY 1, 2", 3),
-              (std::vector<Row>{{"1", "-1", eidA}, {"1", "0", eidB}, {"2", "0", eidB}, {"2", "1", eidA}}));
+    EXPECT_EQ(queryRows("SELECT operation, position, eid, own FROM qor_operation_environment ORDER BY 1, 2", 4),
+              (std::vector<Row>{{"1", "0", eidB, eidA}, {"2", "0", eidB, eidA}, {"2", "1", eidA, eidA}}));
+}
+
+/// A line for an operation of many environments.
+std::string wideOperation(unsigned environments) {
+    std::string line = R"({"kind":"operation","id":"wide","time":1,"eid":")" + std::string(eidA) + R"(","eids":[)";
+    for (unsigned number = 0; number < environments; ++number) {
+        char eid[48];
+        std::snprintf(eid, sizeof eid, "%s\"%08x-0000-4000-8000-000000000000\"", number == 0 ? "" : ",", number + 1);
+        line += eid;
+    }
+    return line + "]}\n";
+}
+
+/// Bytes that the database's log has grown by when an operation of many environments is stored.
+std::uintmax_t writtenFor(unsigned environments) {
+    const HostDatabase database;
+    database.open();
+    runSql("PRAGMA wal_autocheckpoint = 0");
+    const auto size = [&] { return std::filesystem::file_size(database.file().string() + "-wal"); };
+    const std::uintmax_t before = size();
+    const QORIngestResult result = QORIngest().importBatch(wideOperation(environments));
+    EXPECT_EQ(result.accepted(), 1U);
+    return size() - before;
+}
+
+TEST(WideOperations, CostWhatTheirEnvironmentsCost) {
+    const std::uintmax_t few = writtenFor(1000);
+    const std::uintmax_t many = writtenFor(8000);
+    EXPECT_LT(many, 12 * few) << few << " bytes written for 1000, " << many << " for 8000";
+    EXPECT_LT(many, std::uintmax_t{32} * 1024 * 1024);
+}
+
+TEST_F(QORIngestTest, AnOperationOfTooManyEnvironmentsIsRefused) {
+    EXPECT_EQ(m_ingest.importBatch(wideOperation(10000)).accepted(), 1U);
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_operation_environment"), "10000");
+    const auto result = m_ingest.importBatch(wideOperation(10001));
+    ASSERT_EQ(result.refused, 1U);
+    EXPECT_EQ(result.refusedLines[0].reason, "member \"eids\": an operation touches at most 10000 environments");
+}
+
+TEST_F(QORIngestTest, DocumentsOfReplacedRecordsAreNoLongerKnownAsUnreadable) {
+    const std::string environment = std::string(R"({"kind":"environment","eid":")") + eidA + "\"}\n";
+    const std::string backup = R"({"kind":"backup","id":"b","time":1})"
+                               "\n";
+    const std::string lines = environment + backup + operationLine("o", 1) + operationLine("left", 1);
+    m_ingest.importBatch(lines);
+    runSql(std::string("INSERT INTO qor_unreadable_document (source, part, record) VALUES "
+                       "('qor_environment', 'config', '") +
+           eidA + "'), ('qor_backup', 'info', 1), ('qor_operation', 'message', 1), ('qor_operation', 'message', 2)");
+    m_ingest.importBatch(environment + backup + operationLine("o", 1));
+    EXPECT_EQ(queryRows("SELECT source, record FROM qor_unreadable_document", 2),
+              (std::vector<Row>{{"qor_operation", "2"}}));
 }
 
 TEST_F(QORIngestTest, EventsAreAppended) {

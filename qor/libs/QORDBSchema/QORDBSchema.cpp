@@ -24,11 +24,12 @@ constexpr std::string_view mark = "QORPager host database";
 
 /// The steps in order; the first leads to version 1. Made when it is needed, as the steps are other units' objects.
 const std::vector<QORSchemaStep>& steps() {
-    static const std::vector<QORSchemaStep> all{{inventorySchema}, {logSchema}, {counterSchema}, documentSchema};
+    static const std::vector<QORSchemaStep> all{{inventorySchema}, {logSchema}, {counterSchema}, documentSchema,
+                                                {upkeepSchema}};
     return all;
 }
 
-constexpr int latestVersion = 4;
+constexpr int latestVersion = 5;
 
 bool hasRows(ASStatement& statement) {
     statement.execute();

@@ -23,5 +23,7 @@ extern const std::span<const char* const> logSchema;
 extern const std::span<const char* const> counterSchema;
 /// Which documents cannot be read; documents that were stored with something behind them are mended.
 extern const QORSchemaStep documentSchema;
+/// Counters that the database keeps itself, and whose are an operation's.
+extern const std::span<const char* const> upkeepSchema;
 
 }  // namespace QOR

@@ -114,6 +114,23 @@ std::optional<std::vector<QORUnreadableDocuments>> unreadableDocuments(ASSession
     return all;
 }
 
+void forgetUnreadableDocuments(ASSession& session, std::string_view table, const std::vector<std::string>& ids) {
+    if (ids.empty()) return;
+    ASStatement& any = session.prepare("SELECT 1 FROM qor_unreadable_document LIMIT 1");
+    any.execute();
+    const bool nothing = !any.fetch();
+    any.close();
+    if (nothing) return;
+    const bool byEid = table == "qor_environment";
+    ASStatement& forgetting =
+        session.prepare("DELETE FROM qor_unreadable_document WHERE source = ? AND record = " +
+                        (byEid ? std::string("?") : "(SELECT seq FROM " + std::string(table) + " WHERE id = ?)"));
+    for (const std::string& id : ids) {
+        forgetting.bind(1, table).bind(2, std::string_view(id));
+        forgetting.execute();
+    }
+}
+
 std::string describe(const std::vector<QORUnreadableDocuments>& unreadable) {
     std::string text;
     for (const QORUnreadableDocuments& column : unreadable) {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <limits>
 #include <span>
-#include <string_view>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORTime.h"
@@ -18,38 +17,101 @@ constexpr std::array<int, 7> levels{24, 20, 16, 12, 8, 4, 0};
 constexpr std::int64_t splitAbove = 256;
 
 /// The marks of scopes' names: no GUID contains them.
-constexpr char sharedMark = '+';
+constexpr char touchedMark = '>';
 constexpr char categoryMark = '/';
+constexpr std::size_t guidLength = 36;
+
+/// The forms of scopes, and where their records are found.
+struct Form {
+    std::string_view table;
+    std::string_view seq;   ///< the column of the arrival
+    std::string_view one;   ///< what finds the records of one scope, with its pieces as parameters
+    std::string_view each;  ///< the same for the scope j.value
+};
+constexpr std::array<Form, 6> forms{{
+    {"qor_operation", "seq", "1", "1"},
+    {"qor_operation", "seq", "r.eid = ?", "r.eid = j.value"},
+    {"qor_operation_environment", "operation", "r.eid = ? AND r.eid IS NOT r.own",
+     "r.eid = substr(j.value, 2) AND r.eid IS NOT r.own"},
+    {"qor_operation_environment", "operation", "r.eid = ? AND r.own = ? AND r.eid <> r.own",
+     "r.eid = substr(j.value, 38) AND r.own = substr(j.value, 1, 36) AND r.eid <> r.own"},
+    {"qor_event", "seq", "r.category = ?", "r.category = substr(j.value, 2)"},
+    {"qor_event", "seq", "r.category = ? AND r.eid = ?",
+     "r.category = substr(j.value, 38) AND r.eid = substr(j.value, 1, 36)"},
+}};
+
+/// Nothing for a text that is no scope.
+std::optional<std::size_t> formOf(QORLogKind kind, std::string_view scope) {
+    if (kind == QORLogKind::Events) {
+        if (scope.starts_with(categoryMark)) return 4;
+        if (scope.size() > guidLength && scope[guidLength] == categoryMark) return 5;
+        return std::nullopt;
+    }
+    if (scope.empty()) return 0;
+    if (scope.size() == guidLength) return 1;
+    if (scope.size() == guidLength + 1 && scope.front() == touchedMark) return 2;
+    if (scope.size() == 2 * guidLength + 1 && scope[guidLength] == touchedMark) return 3;
+    return std::nullopt;
+}
+
+std::vector<std::string> piecesOf(std::size_t form, const std::string& scope) {
+    switch (form) {
+        case 0:
+            return {};
+        case 1:
+            return {scope};
+        case 2:
+        case 4:
+            return {scope.substr(1)};
+        default:
+            return {scope.substr(guidLength + 1), scope.substr(0, guidLength)};
+    }
+}
 
 /// The statements for one log; they differ in the table.
 struct CounterSql {
     std::string_view put;
     std::string_view splitting;
     std::string_view markSplit;
+    std::string_view removeEmpty;
+    std::string_view removeScope;
     std::string_view edges;
-    std::string_view find;
+    std::string_view widest;
+    std::string_view finer;
+    std::string_view unsplit;  ///< the scopes whose bucket is whole, to be joined with j
+    std::string_view notSplit;
 };
 
-#define QOR_COUNTER_SQL(table)                                                                                      \
-    CounterSql {                                                                                                    \
-        "INSERT INTO " table                                                                                        \
-        " (scope, level, bucket, n) SELECT j.value->>0, j.value->>1, j.value->>2, j.value->>3 FROM json_each(?) j " \
-        "WHERE j.value->>4 IS NULL OR EXISTS (SELECT 1 FROM " table                                                 \
-        " p WHERE p.scope = j.value->>0 AND p.level = j.value->>4 AND p.bucket = j.value->>5 AND p.split = 1) "     \
-        "ON CONFLICT (scope, level, bucket) DO UPDATE SET n = n + excluded.n",                                      \
-            "SELECT j.key, c.split FROM json_each(?) j CROSS JOIN " table                                           \
-            " c ON c.scope = j.value->>0 AND c.level = j.value->>1 AND c.bucket = j.value->>2 "                     \
-            "WHERE c.split = 1 OR c.n > ?",                                                                         \
-            "UPDATE " table " SET split = 1 WHERE scope = ? AND level = ? AND bucket = ?",                          \
-            "SELECT coalesce(sum(CASE WHEN bucket > low AND bucket < high THEN n END), 0), "                        \
-            "coalesce(max(CASE WHEN bucket = low THEN n END), 0), "                                                 \
-            "coalesce(max(CASE WHEN bucket = low THEN split END), 0), "                                             \
-            "coalesce(max(CASE WHEN bucket = high THEN n END), 0), "                                                \
-            "coalesce(max(CASE WHEN bucket = high THEN split END), 0) "                                             \
-            "FROM (SELECT ? AS low, ? AS high) CROSS JOIN " table                                                   \
-            " WHERE scope = ? AND level = ? AND bucket BETWEEN low AND high",                                       \
-            "SELECT bucket, n, split FROM " table                                                                   \
-            " WHERE scope = ? AND level = ? AND bucket BETWEEN ? AND ? ORDER BY bucket DESC"                        \
+#define QOR_COUNTER_SQL(table)                                                                                       \
+    CounterSql {                                                                                                     \
+        "INSERT INTO " table                                                                                         \
+        " (scope, level, bucket, n) SELECT j.value->>0, j.value->>1, j.value->>2, j.value->>3 FROM json_each(?) j "  \
+        "WHERE j.value->>4 IS NULL OR EXISTS (SELECT 1 FROM " table                                                  \
+        " p WHERE p.scope = j.value->>0 AND p.level = j.value->>4 AND p.bucket = j.value->>5 AND p.split = 1) "      \
+        "ON CONFLICT (scope, level, bucket) DO UPDATE SET n = n + excluded.n",                                       \
+            "SELECT j.key, c.split FROM json_each(?) j CROSS JOIN " table                                            \
+            " c ON c.scope = j.value->>0 AND c.level = j.value->>1 AND c.bucket = j.value->>2 "                      \
+            "WHERE c.split = 1 OR c.n > ?",                                                                          \
+            "UPDATE " table " SET split = 1 WHERE scope = ? AND level = ? AND bucket = ?",                           \
+            "DELETE FROM " table                                                                                     \
+            " WHERE n = 0 AND (scope, level, bucket) IN (SELECT value->>0, value->>1, value->>2 FROM json_each(?))", \
+            "DELETE FROM " table " WHERE scope = ?",                                                                 \
+            "SELECT coalesce(sum(CASE WHEN c.bucket > low AND c.bucket < high THEN c.n END), 0), "                   \
+            "coalesce(sum(CASE WHEN c.bucket = low AND c.split = 0 THEN c.n END), 0), "                              \
+            "coalesce(sum(CASE WHEN c.bucket = low AND c.split = 1 THEN c.n END), 0), "                              \
+            "coalesce(sum(CASE WHEN c.bucket = high AND c.split = 0 THEN c.n END), 0), "                             \
+            "coalesce(sum(CASE WHEN c.bucket = high AND c.split = 1 THEN c.n END), 0) "                              \
+            "FROM (SELECT ? AS low, ? AS high) CROSS JOIN json_each(?) j CROSS JOIN " table                          \
+            " c ON c.scope = j.value AND c.level = ? AND c.bucket BETWEEN low AND high",                             \
+            "SELECT c.bucket, sum(c.n) FROM json_each(?) j CROSS JOIN " table                                        \
+            " c ON c.scope = j.value AND c.level = ? GROUP BY c.bucket ORDER BY c.bucket DESC",                      \
+            "SELECT c.bucket AS bucket, c.n AS n FROM json_each(?) j CROSS JOIN " table                              \
+            " p ON p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1 CROSS JOIN " table             \
+            " c ON c.scope = p.scope AND c.level = ? AND c.bucket BETWEEN ? AND ?",                                  \
+            " CROSS JOIN " table                                                                                     \
+            " c ON c.scope = j.value AND c.level = ? AND c.bucket = ? AND c.split = 0 AND c.n > 0",                  \
+            "NOT EXISTS (SELECT 1 FROM " table                                                                       \
+            " p WHERE p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1)"                           \
     }
 
 constexpr CounterSql operationSql = QOR_COUNTER_SQL("qor_operation_count");
@@ -61,74 +123,30 @@ const CounterSql& sqlOf(QORLogKind kind) {
     return kind == QORLogKind::Operations ? operationSql : eventSql;
 }
 
-/// The seconds of the records of a scope, as a FROM clause with its parameters.
-struct RecordSource {
-    std::string_view from;
-    std::vector<std::string> parameters;
+/// Times as the database has them: years from 0 to 9999.
+std::string boundText(std::int64_t second) {
+    constexpr std::int64_t firstSecond = -62167219200;
+    constexpr std::int64_t lastSecond = 253402300799;
+    return time2dbstr(std::clamp(second, firstSecond, lastSecond));
+}
+
+class Binder {
+public:
+    explicit Binder(ASStatement& statement) : m_statement(statement) {}
+    Binder& text(std::string_view value) {
+        m_statement.bind(++m_index, value);
+        return *this;
+    }
+    Binder& number(std::int64_t value) {
+        m_statement.bind(++m_index, value);
+        return *this;
+    }
+    Binder& span(std::int64_t from, std::int64_t to) { return text(boundText(from)).text(boundText(to)); }
+
+private:
+    ASStatement& m_statement;
+    unsigned m_index = 0;
 };
-
-/// Operations of exactly some environments: those of one of them that have as many as these, and none but these.
-constexpr std::string_view sharedRecords =
-    "(SELECT e.time AS time FROM qor_operation_environment e WHERE e.eid = ? AND e.time BETWEEN ? AND ? AND "
-    "(SELECT count(DISTINCT o.eid) = CAST(? AS INTEGER) AND min(o.eid IN (SELECT value FROM json_each(?))) "
-    "FROM qor_operation_environment o WHERE o.operation = e.operation))";
-
-/// Of the members of a shared scope the one with the fewest operations around a second: its are looked through.
-std::string rarestMember(ASSession& session, std::string_view members, std::int64_t second) {
-    std::string rarest(members.substr(0, 36));
-    std::int64_t fewest = -1;
-    for (std::size_t at = 0; at < members.size(); at += 37) {
-        ASStatement& select =
-            session.prepare("SELECT n FROM qor_operation_count WHERE scope = ? AND level = ? AND bucket = ?");
-        select.bind(1, members.substr(at, 36)).bind(2, std::int64_t{levels[0]}).bind(3, second >> levels[0]);
-        select.execute();
-        const std::int64_t records = select.fetch() ? select.integer(1) : 0;
-        select.close();
-        if (fewest >= 0 && records >= fewest) continue;
-        fewest = records;
-        rarest = members.substr(at, 36);
-    }
-    return rarest;
-}
-
-std::string membersJson(std::string_view members) {
-    std::string json = "[";
-    for (std::size_t at = 0; at < members.size(); at += 37) {
-        json += at == 0 ? "\"" : ",\"";
-        json += members.substr(at, 36);
-        json += '"';
-    }
-    return json += ']';
-}
-
-RecordSource recordsOf(ASSession& session, QORLogKind kind, const std::string& scope, std::int64_t from,
-                       std::int64_t to) {
-    std::string first = time2dbstr(from);
-    std::string last = time2dbstr(to);
-    const std::size_t mark = scope.find(categoryMark);
-    if (kind == QORLogKind::Events && mark == 0) {
-        return {"qor_event WHERE category = ? AND time BETWEEN ? AND ?",
-                {scope.substr(1), std::move(first), std::move(last)}};
-    }
-    if (kind == QORLogKind::Events) {
-        return {"qor_event WHERE category = ? AND eid = ? AND time BETWEEN ? AND ?",
-                {scope.substr(mark + 1), scope.substr(0, mark), std::move(first), std::move(last)}};
-    }
-    if (scope.empty()) return {"qor_operation WHERE time BETWEEN ? AND ?", {std::move(first), std::move(last)}};
-    if (scope.front() == sharedMark) {
-        const std::string_view members = std::string_view(scope).substr(1);
-        return {sharedRecords,
-                {rarestMember(session, members, from), std::move(first), std::move(last),
-                 std::to_string((members.size() + 1) / 37), membersJson(members)}};
-    }
-    return {"qor_operation_environment WHERE eid = ? AND time BETWEEN ? AND ?",
-            {scope, std::move(first), std::move(last)}};
-}
-
-void bindAll(ASStatement& statement, unsigned& index, const std::vector<std::string>& parameters) {
-    for (const std::string& parameter : parameters)
-        statement.bind(index++, std::string_view(parameter));
-}
 
 void appendJsonText(std::string& out, std::string_view text) {
     constexpr std::string_view digits = "0123456789abcdef";
@@ -144,6 +162,15 @@ void appendJsonText(std::string& out, std::string_view text) {
         }
     }
     out += '"';
+}
+
+/// Adds a text to an array, which is always whole.
+void appendToArray(std::string& json, std::string_view text) {
+    if (json.empty()) json = "[]";
+    json.pop_back();
+    if (json.size() > 1) json += ',';
+    appendJsonText(json, text);
+    json += ']';
 }
 
 /// A counter that is to change.
@@ -207,28 +234,38 @@ public:
         }
     }
 
-private:
-    void splitBucket(const Entry& full) {
-        m_session.prepare(m_sql.markSplit)
-            .bind(1, std::string_view(*full.scope))
-            .bind(2, std::int64_t{levels[full.level]})
-            .bind(3, full.bucket)
-            .execute();
-        const std::int64_t first = full.bucket << levels[full.level];
-        const std::int64_t last = first + (std::int64_t{1} << levels[full.level]) - 1;
-        const std::size_t level = full.level + 1;
-        const RecordSource source = recordsOf(m_session, m_kind, *full.scope, first, last);
-        ASStatement& select = m_session.prepare("SELECT CAST(strftime('%s', time) AS INTEGER) >> ?, count(*) FROM " +
-                                                std::string(source.from) + " GROUP BY 1");
-        unsigned index = 1;
-        select.bind(index++, std::int64_t{levels[level]});
-        bindAll(select, index, source.parameters);
+    /// Removes those of the counters that have come to 0.
+    void removeEmpty(std::span<const Entry> entries) {
+        if (entries.empty()) return;
+        m_session.prepare(m_sql.removeEmpty).bind(1, std::string_view(toJson(entries))).execute();
+    }
+
+    /// The counters of the records from one second to another at a level.
+    void putRecords(const std::string& scope, std::size_t level, std::int64_t from, std::int64_t to) {
+        QORLogScopes scopes(m_session, m_kind);
+        scopes.add(scope);
+        const QORLogScopes::Records records = scopes.records(from, to);
+        ASStatement& select = m_session.prepare("SELECT CAST(strftime('%s', time) AS INTEGER) >> ?, count(*) FROM (" +
+                                                records.sql + ") WHERE time = datetime(time) GROUP BY 1");
+        Binder binder(select);
+        binder.number(levels[level]);
+        for (const std::string& parameter : records.parameters)
+            binder.text(parameter);
         select.execute();
         std::vector<Entry> parts;
         while (select.fetch())
-            parts.push_back({full.scope, level, select.integer(1), select.integer(2)});
+            parts.push_back({&scope, level, select.integer(1), select.integer(2)});
         select.close();
         put(parts);
+    }
+
+private:
+    void splitBucket(const Entry& full) {
+        ASStatement& mark = m_session.prepare(m_sql.markSplit);
+        Binder(mark).text(*full.scope).number(levels[full.level]).number(full.bucket);
+        mark.execute();
+        const std::int64_t first = full.bucket << levels[full.level];
+        putRecords(*full.scope, full.level + 1, first, first + (std::int64_t{1} << levels[full.level]) - 1);
     }
 
     ASSession& m_session;
@@ -237,7 +274,7 @@ private:
     std::vector<Entry> m_full;
 };
 
-/// The changes at one level.
+/// The changes of a log's scopes at one level.
 template <class Changes>
 std::vector<Entry> entriesOf(const Changes& changes, std::size_t level) {
     std::vector<Entry> entries;
@@ -266,31 +303,37 @@ void keepWithin(const std::vector<Entry>& wider, std::vector<Entry>& entries) {
     });
 }
 
-/// Notes which scopes of several environments there are.
-void putShared(ASSession& session, const std::set<std::string>& scopes) {
-    std::string json = "[";
-    for (const std::string& scope : scopes) {
-        if (json.size() > 1) json += ',';
-        json += '[';
-        appendJsonText(json, scope);
-        for (std::size_t at = 1; at < scope.size(); at += 37) {
-            json += ',';
-            appendJsonText(json, std::string_view(scope).substr(at, 36));
-        }
-        json += ']';
-    }
-    json += ']';
-    session
-        .prepare(
-            "INSERT OR IGNORE INTO qor_operation_scope (scope, eid) SELECT s.value->>0, e.value FROM json_each(?) s "
-            "CROSS JOIN json_each(s.value) e WHERE NOT EXISTS (SELECT 1 FROM qor_operation_scope o "
-            "WHERE o.eid = s.value->>1 AND o.scope = s.value->>0) AND e.key > 0")
-        .bind(1, std::string_view(json))
-        .execute();
-}
-
 /// Few changes are written at all levels at once: statements cost more than counters then.
 constexpr std::size_t fewChanges = 64;
+
+template <class Changes>
+void writeChanges(ASSession& session, QORLogKind kind, const Changes& changes) {
+    CounterWriter writer(session, kind);
+    std::vector<std::vector<Entry>> written;
+    std::vector<Entry> entries = entriesOf(changes, 0);
+    if (entries.size() <= fewChanges / levels.size()) {
+        for (std::size_t level = 1; level < levels.size(); ++level) {
+            const std::vector<Entry> finer = entriesOf(changes, level);
+            entries.insert(entries.end(), finer.begin(), finer.end());
+        }
+        writer.put(entries);
+        written.push_back(std::move(entries));
+    } else {
+        for (std::size_t level = 0; level < levels.size() && !entries.empty(); ++level) {
+            const std::vector<Entry> split = writer.put(entries);
+            written.push_back(std::move(entries));
+            if (level + 1 == levels.size()) break;
+            entries = entriesOf(changes, level + 1);
+            keepWithin(split, entries);
+        }
+    }
+    // A counter can come to 0 only where something was taken away.
+    for (std::vector<Entry>& one : written) {
+        std::erase_if(one, [](const Entry& entry) { return entry.change > 0; });
+        writer.removeEmpty(one);
+    }
+    writer.split();
+}
 
 }  // namespace
 
@@ -298,17 +341,16 @@ std::string allOperationsScope() {
     return {};
 }
 
-std::string operationScope(const QOREID& eid) {
-    return eid.toString();
+std::string operationScope(const QOREID& own) {
+    return own.toString();
 }
 
-std::string operationScope(const std::set<QOREID>& eids) {
-    std::string scope;
-    for (const QOREID& eid : eids) {
-        scope += scope.empty() ? sharedMark : ' ';
-        scope += eid.toString();
-    }
-    return scope;
+std::string touchedScope(const QOREID& touched) {
+    return touchedMark + touched.toString();
+}
+
+std::string touchedScope(const QOREID& own, const QOREID& touched) {
+    return own.toString() + touchedMark + touched.toString();
 }
 
 std::string allEventsScope(std::string_view category) {
@@ -319,68 +361,86 @@ std::string eventScope(const QOREID& eid, std::string_view category) {
     return eid.toString() + categoryMark + std::string(category);
 }
 
-void QORLogCounters::add(const std::string& scope, std::int64_t second, std::int64_t change) {
-    m_changes[scope][second] += change;
+QORLogCounters::~QORLogCounters() {
+    if (m_counts) m_session.setTriggers(true);
 }
 
-void QORLogCounters::addOperation(std::int64_t second, const std::set<QOREID>& eids, std::int64_t change) {
-    add(allOperationsScope(), second, change);
-    for (const QOREID& eid : eids)
-        add(operationScope(eid), second, change);
-    if (eids.size() < 2) return;
-    std::string scope = operationScope(eids);
-    add(scope, second, change);
-    if (change > 0) m_shared.insert(std::move(scope));
+void QORLogCounters::begin() {
+    if (!m_counts) m_counts = m_session.setTriggers(false);
 }
 
-void QORLogCounters::addEvent(std::int64_t second, const QOREID& eid, std::string_view category, std::int64_t change) {
-    add(allEventsScope(category), second, change);
-    if (eid.isValid()) add(eventScope(eid, category), second, change);
+void QORLogCounters::add(QORLogKind kind, const std::string& scope, std::int64_t second, int change) {
+    m_changes[static_cast<std::size_t>(kind)][scope][second] += change;
 }
 
-void QORLogCounters::write(ASSession& session) {
-    if (m_changes.empty()) return;
-    CounterWriter writer(session, m_kind);
-    std::vector<Entry> entries = entriesOf(m_changes, 0);
-    if (entries.size() <= fewChanges / levels.size()) {
-        for (std::size_t level = 1; level < levels.size(); ++level) {
-            const std::vector<Entry> finer = entriesOf(m_changes, level);
-            entries.insert(entries.end(), finer.begin(), finer.end());
-        }
-        writer.put(entries);
-    } else {
-        for (std::size_t level = 0; level < levels.size() && !entries.empty(); ++level) {
-            const std::vector<Entry> split = writer.put(entries);
-            if (level + 1 == levels.size()) break;
-            entries = entriesOf(m_changes, level + 1);
-            keepWithin(split, entries);
-        }
+void QORLogCounters::addOperation(std::int64_t second, const QOREID& own, const std::vector<QOREID>& touched,
+                                  int change) {
+    add(QORLogKind::Operations, allOperationsScope(), second, change);
+    if (own.isValid()) add(QORLogKind::Operations, operationScope(own), second, change);
+    for (const QOREID& eid : touched) {
+        if (eid == own) continue;
+        add(QORLogKind::Operations, touchedScope(eid), second, change);
+        if (own.isValid()) add(QORLogKind::Operations, touchedScope(own, eid), second, change);
     }
-    writer.split();
-    if (!m_shared.empty()) putShared(session, m_shared);
-    m_changes.clear();
-    m_shared.clear();
 }
 
-QORLogScope::QORLogScope(ASSession& session, QORLogKind kind, std::string scope)
-    : m_session(session), m_kind(kind), m_scope(std::move(scope)) {}
+void QORLogCounters::addEvent(std::int64_t second, const QOREID& eid, std::string_view category, int change) {
+    if (category.empty()) return;
+    add(QORLogKind::Events, allEventsScope(category), second, change);
+    if (eid.isValid()) add(QORLogKind::Events, eventScope(eid, category), second, change);
+}
 
-std::uint64_t QORLogScope::count(std::int64_t from, std::int64_t to) {
+void QORLogCounters::finish() {
+    if (!m_counts) return;
+    for (const QORLogKind kind : {QORLogKind::Operations, QORLogKind::Events}) {
+        Changes& changes = m_changes[static_cast<std::size_t>(kind)];
+        if (!changes.empty()) writeChanges(m_session, kind, changes);
+        changes.clear();
+    }
+    m_session.setTriggers(true);
+    m_counts = false;
+}
+
+void QORLogCounters::recount(ASSession& session, QORLogKind kind, const std::string& scope) {
+    QORLogCounters counters(session);
+    counters.begin();
+    session.prepare(sqlOf(kind).removeScope).bind(1, std::string_view(scope)).execute();
+    if (!formOf(kind, scope)) return counters.finish();
+    CounterWriter writer(session, kind);
+    writer.putRecords(scope, 0, std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max());
+    writer.split();
+    counters.finish();
+}
+
+void QORLogScopes::add(const std::string& scope) {
+    const auto known = formOf(m_kind, scope);
+    if (!known) throw QORException(errFailure, "\"" + scope + "\" is no scope of a log", sourcePath, __LINE__);
+    const std::size_t form = *known;
+    auto part = std::find_if(m_parts.begin(), m_parts.end(), [&](const Part& one) { return one.form == form; });
+    if (part == m_parts.end()) part = m_parts.insert(m_parts.end(), {form, scope, {}, 0});
+    appendToArray(part->json, scope);
+    appendToArray(m_json, scope);
+    ++part->scopes;
+    ++m_count;
+}
+
+std::uint64_t QORLogScopes::count(std::int64_t from, std::int64_t to) {
     return from > to ? 0 : countWithin(0, from, to);
 }
 
 /// Sums the buckets that lie in the span, and looks into the first and the last where they lie in it in part.
-std::uint64_t QORLogScope::countWithin(std::size_t level, std::int64_t from, std::int64_t to) {
+std::uint64_t QORLogScopes::countWithin(std::size_t level, std::int64_t from, std::int64_t to) {
     const int width = levels[level];
     const std::int64_t first = from >> width;
     const std::int64_t last = to >> width;
     ASStatement& select = m_session.prepare(sqlOf(m_kind).edges);
-    select.bind(1, first).bind(2, last).bind(3, std::string_view(m_scope)).bind(4, std::int64_t{width});
+    Binder(select).number(first).number(last).text(m_json).number(width);
     select.execute();
     if (!select.fetch()) throw QORException(errFailure, "a sum of counters is missing", sourcePath, __LINE__);
-    auto records = static_cast<std::uint64_t>(select.integer(1));
-    const Bucket lower{static_cast<std::uint64_t>(select.integer(2)), select.integer(3) != 0};
-    const Bucket upper{static_cast<std::uint64_t>(select.integer(4)), select.integer(5) != 0};
+    const auto number = [&](unsigned column) { return static_cast<std::uint64_t>(select.integer(column)); };
+    std::uint64_t records = number(1);
+    const Edge lower{number(2), number(3)};
+    const Edge upper{number(4), number(5)};
     select.close();
     const std::int64_t endOfFirst = ((first + 1) << width) - 1;
     records += countPart(level, lower, from, std::min(to, endOfFirst));
@@ -388,47 +448,115 @@ std::uint64_t QORLogScope::countWithin(std::size_t level, std::int64_t from, std
     return records;
 }
 
-std::uint64_t QORLogScope::countPart(std::size_t level, const Bucket& bucket, std::int64_t from, std::int64_t to) {
-    if (bucket.records == 0 || to - from + 1 == std::int64_t{1} << levels[level]) return bucket.records;
-    return bucket.split ? countWithin(level + 1, from, to) : countRecords(from, to);
+std::uint64_t QORLogScopes::countPart(std::size_t level, const Edge& edge, std::int64_t from, std::int64_t to) {
+    const bool complete = to - from + 1 == std::int64_t{1} << levels[level];
+    if (complete) return edge.whole + edge.split;
+    std::uint64_t records = 0;
+    if (edge.whole != 0) records += countWhole(level, from >> levels[level], from, to);
+    if (edge.split != 0) records += countWithin(level + 1, from, to);
+    return records;
 }
 
-std::uint64_t QORLogScope::countRecords(std::int64_t from, std::int64_t to) {
-    const RecordSource source = recordsOf(m_session, m_kind, m_scope, from, to);
-    ASStatement& select = m_session.prepare("SELECT count(*) FROM " + std::string(source.from));
-    unsigned index = 1;
-    bindAll(select, index, source.parameters);
-    select.execute();
-    const std::int64_t records = select.fetch() ? select.integer(1) : 0;
-    select.close();
-    return static_cast<std::uint64_t>(records);
-}
-
-QORLogScope::Place QORLogScope::find(std::uint64_t position) {
-    Place place{std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max(), 0};
-    for (const int level : levels) {
-        ASStatement& select = m_session.prepare(sqlOf(m_kind).find);
-        select.bind(1, std::string_view(m_scope)).bind(2, std::int64_t{level});
-        select.bind(3, place.first >> level).bind(4, place.last >> level);
+/// Walks the records of the scopes whose bucket is not split.
+std::uint64_t QORLogScopes::countWhole(std::size_t level, std::int64_t bucket, std::int64_t from, std::int64_t to) {
+    std::uint64_t records = 0;
+    for (const Part& part : m_parts) {
+        const Form& form = forms[part.form];
+        ASStatement& select = m_session.prepare(
+            "SELECT count(*) FROM json_each(?) j" + std::string(sqlOf(m_kind).unsplit) + " CROSS JOIN " +
+            std::string(form.table) + " r ON " + std::string(form.each) + " AND r.time BETWEEN ? AND ?");
+        Binder(select).text(part.json).number(levels[level]).number(bucket).span(from, to);
         select.execute();
-        std::int64_t bucket = 0;
-        std::uint64_t records = 0;
-        bool split = false;
-        bool found = false;
-        while (!found && select.fetch()) {
-            bucket = select.integer(1);
-            records = static_cast<std::uint64_t>(select.integer(2));
-            split = select.integer(3) != 0;
-            found = place.newer + records > position;
-            if (!found) place.newer += records;
-        }
+        if (select.fetch()) records += static_cast<std::uint64_t>(select.integer(1));
         select.close();
-        if (!found) throw QORException(errFailure, "the log has no such record", sourcePath, __LINE__);
-        place.first = bucket << level;
-        place.last = place.first + (std::int64_t{1} << level) - 1;
-        if (!split) break;
+    }
+    return records;
+}
+
+namespace {
+
+std::vector<std::pair<std::int64_t, std::uint64_t>> fetchBuckets(ASStatement& select) {
+    std::vector<std::pair<std::int64_t, std::uint64_t>> buckets;
+    select.execute();
+    while (select.fetch())
+        buckets.emplace_back(select.integer(1), static_cast<std::uint64_t>(select.integer(2)));
+    select.close();
+    return buckets;
+}
+
+}  // namespace
+
+std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::widest() {
+    ASStatement& select = m_session.prepare(sqlOf(m_kind).widest);
+    Binder(select).text(m_json).number(levels[0]);
+    return fetchBuckets(select);
+}
+
+/// What a bucket holds, by the buckets of the next level: their counters where it is split, the records themselves
+/// where it is not.
+std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::finer(std::size_t level, std::int64_t bucket) {
+    const int width = levels[level];
+    const int next = levels[level + 1];
+    const std::int64_t first = bucket << width;
+    const std::int64_t last = first + (std::int64_t{1} << width) - 1;
+    std::string sql = "SELECT bucket, sum(n) FROM (" + std::string(sqlOf(m_kind).finer);
+    for (const Part& part : m_parts) {
+        const Form& form = forms[part.form];
+        sql += " UNION ALL SELECT CAST(strftime('%s', r.time) AS INTEGER) >> ?, 1 FROM json_each(?) j CROSS JOIN ";
+        sql.append(form.table).append(" r ON ").append(form.each).append(" AND r.time BETWEEN ? AND ? WHERE ");
+        sql += sqlOf(m_kind).notSplit;
+    }
+    ASStatement& select = m_session.prepare(sql + ") WHERE bucket IS NOT NULL GROUP BY bucket ORDER BY bucket DESC");
+    Binder binder(select);
+    binder.text(m_json).number(width).number(bucket).number(next).number(first >> next).number(last >> next);
+    for (const Part& part : m_parts)
+        binder.number(next).text(part.json).span(first, last).number(width).number(bucket);
+    return fetchBuckets(select);
+}
+
+std::optional<QORLogScopes::Place> QORLogScopes::find(std::uint64_t position, std::uint64_t enough) {
+    Place place{std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max(), 0, 0};
+    for (std::size_t level = 0; level < levels.size(); ++level) {
+        const auto buckets = level == 0 ? widest() : finer(level - 1, place.first >> levels[level - 1]);
+        auto found = buckets.begin();
+        for (; found != buckets.end() && place.newer + found->second <= position; ++found)
+            place.newer += found->second;
+        if (found == buckets.end()) return std::nullopt;
+        place.first = found->first << levels[level];
+        place.last = place.first + (std::int64_t{1} << levels[level]) - 1;
+        place.inside = found->second;
+        if (place.inside <= enough) break;
     }
     return place;
+}
+
+QORLogScopes::Records QORLogScopes::records(std::int64_t from, std::int64_t to, const QORLogMark* behind) const {
+    Records records;
+    for (const Part& part : m_parts) {
+        const Form& form = forms[part.form];
+        const bool one = part.scopes == 1;
+        if (!records.sql.empty()) records.sql += " UNION ALL ";
+        records.sql.append("SELECT r.").append(form.seq).append(" AS seq, r.time AS time FROM ");
+        if (one) {
+            records.sql.append(form.table).append(" r WHERE ").append(form.one);
+            for (std::string& piece : piecesOf(part.form, part.first))
+                records.parameters.push_back(std::move(piece));
+        } else {
+            records.sql.append("json_each(?) j CROSS JOIN ").append(form.table).append(" r WHERE ").append(form.each);
+            records.parameters.push_back(part.json);
+        }
+        records.sql.append(" AND r.time >= ? AND ");
+        records.parameters.push_back(boundText(from));
+        if (behind == nullptr) {
+            records.sql += "r.time <= ?";
+            records.parameters.push_back(boundText(to));
+        } else {
+            records.sql.append("(r.time, r.").append(form.seq).append(") < (?, CAST(? AS INTEGER))");
+            records.parameters.push_back(behind->time);
+            records.parameters.push_back(std::to_string(behind->seq));
+        }
+    }
+    return records;
 }
 
 }  // namespace QOR

@@ -1,17 +1,21 @@
 /// \file
-/// QORLogCounters: keeps the counters of a log in step with its records, and answers from them how many records there
-/// are in a span of time and where the record of a given position lies.
+/// The counters of the logs: how many records there are in a span of time, and where the record of a given position
+/// lies, without walking the log.
 ///
 /// Counters are kept by scope (which records) and bucket of time, and buckets are split as they fill; see the schema.
-/// Everything works within the caller's transaction: counters are never seen apart from the records that they count.
+/// The database keeps them itself, whoever changes a log. Whoever changes many records at once counts them by himself,
+/// which is cheaper: QORLogCounters. Everything works within the caller's transaction: counters are never seen apart
+/// from the records that they count.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -24,69 +28,122 @@ namespace QOR {
 /// Which of the two logs.
 enum class QORLogKind { Operations, Events };
 
-/// Names of scopes.
+/// Names of scopes. Those of different environments have no record in common.
 QOR_API std::string allOperationsScope();
-QOR_API std::string operationScope(const QOREID& eid);
-/// The operations that are of exactly these environments, two or more.
-QOR_API std::string operationScope(const std::set<QOREID>& eids);
+/// Operations that belong to an environment.
+QOR_API std::string operationScope(const QOREID& own);
+/// Operations that touch an environment and do not belong to it.
+QOR_API std::string touchedScope(const QOREID& touched);
+/// Of these, the operations that belong to `own`, which is another one.
+QOR_API std::string touchedScope(const QOREID& own, const QOREID& touched);
 QOR_API std::string allEventsScope(std::string_view category);
 QOR_API std::string eventScope(const QOREID& eid, std::string_view category);
 
-/// Gathers what records add to the counters and takes from them, and writes it all at once.
+/// Counts what a transaction does to the logs, instead of the database, and writes it all at once.
+/// \throws AException from every method that writes
 class QOR_API QORLogCounters {
 public:
-    explicit QORLogCounters(QORLogKind kind) : m_kind(kind) {}
+    /// The transaction must be for writing, and outlive this.
+    explicit QORLogCounters(ASSession& session) : m_session(session) {}
 
-    /// \param change 1 for a record that is there now, -1 for one that is not any more
-    void add(const std::string& scope, std::int64_t second, std::int64_t change = 1);
-    /// An operation, in all its scopes. \param eids its own environment and those that it touches
-    void addOperation(std::int64_t second, const std::set<QOREID>& eids, std::int64_t change = 1);
-    void addEvent(std::int64_t second, const QOREID& eid, std::string_view category, std::int64_t change = 1);
+    /// The database counts again; the transaction must not be committed unless finish() was called.
+    ~QORLogCounters();
+    QORLogCounters(const QORLogCounters&) = delete;
+    QORLogCounters& operator=(const QORLogCounters&) = delete;
 
-    /// Writes what was gathered. The transaction must be for writing, and the records must be in their tables.
-    /// \throws AException
-    void write(ASSession& session);
+    /// From here to finish() the database does not count, where it can be told so: what happens to the logs must be
+    /// told while counts() is true.
+    void begin();
+    bool counts() const noexcept { return m_counts; }
+
+    /// An operation. \param own its environment, invalid for none \param touched the environments of its list
+    /// \param change 1 for one that is there now, -1 for one that is not any more
+    void addOperation(std::int64_t second, const QOREID& own, const std::vector<QOREID>& touched, int change = 1);
+    void addEvent(std::int64_t second, const QOREID& eid, std::string_view category, int change = 1);
+
+    /// Writes what was told and lets the database count again. The records must be in their tables.
+    void finish();
+
+    /// Counts a scope anew, from its records; what is no scope loses its counters.
+    static void recount(ASSession& session, QORLogKind kind, const std::string& scope);
 
 private:
     using Seconds = std::map<std::int64_t, std::int64_t>;
+    using Changes = std::map<std::string, Seconds, std::less<>>;
 
-    QORLogKind m_kind;
-    std::map<std::string, Seconds, std::less<>> m_changes;
-    std::set<std::string> m_shared;  // scopes of several environments
+    void add(QORLogKind kind, const std::string& scope, std::int64_t second, int change);
+
+    ASSession& m_session;
+    bool m_counts = false;
+    std::array<Changes, 2> m_changes;  // by QORLogKind
 };
 
-/// One scope of a log, read within a transaction.
-class QOR_API QORLogScope {
+/// Where a record stands in its log: newest first, of one second the latest arrival first.
+struct QORLogMark {
+    std::int64_t seq = 0;
+    std::string time;  ///< in the database's form
+};
+
+/// The records of some scopes of one log, read within a transaction. No two of the scopes may have a record in common.
+class QOR_API QORLogScopes {
 public:
-    /// A span of seconds that holds a record, and how many records of the scope are newer than those in it.
+    /// A span of seconds that holds a record: how many records are newer than those in it, and how many are in it.
     struct Place {
         std::int64_t first = 0;
         std::int64_t last = 0;
         std::uint64_t newer = 0;
+        std::uint64_t inside = 0;
+    };
+    /// A select of the columns seq and time, with its parameters in order. Of a single scope it comes from an index in
+    /// the order of the log, either way.
+    struct Records {
+        std::string sql;
+        std::vector<std::string> parameters;
     };
 
-    QORLogScope(ASSession& session, QORLogKind kind, std::string scope);
+    QORLogScopes(ASSession& session, QORLogKind kind) : m_session(session), m_kind(kind) {}
+
+    void add(const std::string& scope);
+    bool empty() const noexcept { return m_count == 0; }
+    bool isSingle() const noexcept { return m_count == 1; }
 
     /// Records from one second to another, both included.
     std::uint64_t count(std::int64_t from, std::int64_t to);
-    /// Where the record lies that `position` records are newer than; there must be one.
-    Place find(std::uint64_t position);
+    /// Where the record lies that `position` records are newer than. Nothing when there is none: then the position
+    /// lies beyond the end, or the counters do not agree with the records.
+    /// \param enough a span that holds so few records need not be narrowed
+    std::optional<Place> find(std::uint64_t position, std::uint64_t enough);
+    /// The records from one second to another. \param behind of these, those that come after this one in the log
+    Records records(std::int64_t from, std::int64_t to, const QORLogMark* behind = nullptr) const;
 
     /// The latest second that counts.
     static constexpr std::int64_t endOfTime = (std::int64_t{1} << 40) - 1;
 
 private:
-    struct Bucket {
-        std::uint64_t records = 0;
-        bool split = false;
+    /// The scopes of one form.
+    struct Part {
+        std::size_t form;
+        std::string first;
+        std::string json;
+        std::size_t scopes = 0;
     };
+    /// Records of buckets at the end of a span, by whether the bucket is split.
+    struct Edge {
+        std::uint64_t whole = 0;
+        std::uint64_t split = 0;
+    };
+
     std::uint64_t countWithin(std::size_t level, std::int64_t from, std::int64_t to);
-    std::uint64_t countPart(std::size_t level, const Bucket& bucket, std::int64_t from, std::int64_t to);
-    std::uint64_t countRecords(std::int64_t from, std::int64_t to);
+    std::uint64_t countPart(std::size_t level, const Edge& edge, std::int64_t from, std::int64_t to);
+    std::uint64_t countWhole(std::size_t level, std::int64_t bucket, std::int64_t from, std::int64_t to);
+    std::vector<std::pair<std::int64_t, std::uint64_t>> widest();
+    std::vector<std::pair<std::int64_t, std::uint64_t>> finer(std::size_t level, std::int64_t bucket);
 
     ASSession& m_session;
     QORLogKind m_kind;
-    std::string m_scope;
+    std::size_t m_count = 0;
+    std::string m_json;  ///< all scopes
+    std::vector<Part> m_parts;
 };
 
 }  // namespace QOR

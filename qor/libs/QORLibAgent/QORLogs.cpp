@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORLogger.h"
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORLogCounters.h"
 #include "QORLibAgent/QORSecurity.h"
@@ -15,41 +16,62 @@
 namespace QOR {
 namespace {
 
+constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORLogs";
+
 thread_local std::string lastFailure;
 
 /// Up to here skipping records is cheaper than finding out where to begin.
-constexpr std::size_t skippable = 200;
-/// Records of several environments are put in order this many at a time.
-constexpr std::uint64_t sortable = 2048;
+constexpr std::uint64_t skippable = 200;
+/// A span that holds no more records is read without looking for a narrower one: of one scope they come in order, of
+/// several they have to be sorted.
+constexpr std::uint64_t skippedOfOne = 256;
+constexpr std::uint64_t sorted = 2048;
 
-/// What the calling thread's client may have of what it asks for.
-struct Wanted {
-    bool all = false;
-    std::vector<QOREID> eids;
-
-    explicit Wanted(const QOREnvSelection& selection) {
-        const QORClientContextPtr client = QORAccessChecker::getClientContext();
-        const bool free = QORAccessChecker::hasFullAccess(client);
-        all = free && selection.isAll();
-        if (all || selection.isNone()) return;
-        const std::set<QOREID> own = free ? std::set<QOREID>() : client->objects();
+/// What the calling thread's client may have of what it asks for. With full access an environment's records are those
+/// that belong to it or touch it; another client has, of the records that it may see at all, the same.
+class Wanted {
+public:
+    Wanted(QORLogKind kind, const QOREnvSelection& selection, std::string category)
+        : m_kind(kind), m_category(std::move(category)) {
+        const QORRowAccess access = QORRowAccess::current();
+        if (selection.isNone()) return;
         if (selection.isAll()) {
-            eids.assign(own.begin(), own.end());
-        } else if (free || own.contains(selection.eid())) {
-            eids.push_back(selection.eid());
+            addAll(access);
+        } else {
+            addOne(access, selection.eid());
         }
     }
-    bool nothing() const { return !all && eids.empty(); }
-};
 
-std::string toJson(const std::vector<QOREID>& eids) {
-    std::string json = "[";
-    for (const QOREID& eid : eids) {
-        if (json.size() > 1) json += ',';
-        json += '"' + eid.toString() + '"';
+    /// No two of them have a record in common.
+    const std::vector<std::string>& scopes() const noexcept { return m_scopes; }
+
+private:
+    std::string all() const {
+        return m_kind == QORLogKind::Operations ? allOperationsScope() : allEventsScope(m_category);
     }
-    return json += ']';
-}
+    std::string of(const QOREID& owner) const {
+        return m_kind == QORLogKind::Operations ? operationScope(owner) : eventScope(owner, m_category);
+    }
+    void addAll(const QORRowAccess& access) {
+        if (access.isFull()) return m_scopes.push_back(all());
+        for (const QOREID& owner : access.owners())
+            m_scopes.push_back(of(owner));
+    }
+    void addOne(const QORRowAccess& access, const QOREID& eid) {
+        if (access.sees(eid)) m_scopes.push_back(of(eid));
+        if (m_kind == QORLogKind::Operations) addTouched(access, eid);
+    }
+    void addTouched(const QORRowAccess& access, const QOREID& touched) {
+        if (access.isFull()) return m_scopes.push_back(touchedScope(touched));
+        for (const QOREID& owner : access.owners()) {
+            if (owner != touched) m_scopes.push_back(touchedScope(owner, touched));
+        }
+    }
+
+    QORLogKind m_kind;
+    std::string m_category;
+    std::vector<std::string> m_scopes;
+};
 
 std::string readText(const ASStatement& row, unsigned column) {
     return row.isNull(column) ? std::string() : std::string(row.text(column));
@@ -79,13 +101,8 @@ std::set<QOREID> readEids(const ASStatement& row, unsigned column) {
     return eids;
 }
 
-/// Where a record stands in its log. The first two columns of every select below are these.
-struct Mark {
-    std::int64_t seq = 0;
-    std::string time;
-};
-
-Mark readMark(const ASStatement& row) {
+/// The first two columns of every select below are these.
+QORLogMark readMark(const ASStatement& row) {
     return {row.integer(1), std::string(row.text(2))};
 }
 
@@ -122,213 +139,163 @@ constexpr std::string_view operationOrder =
 constexpr std::string_view eventColumns = "SELECT o.seq, o.time, o.eid, o.source, o.category, o.info FROM (";
 constexpr std::string_view eventOrder = ") p CROSS JOIN qor_event o ON o.seq = p.seq ORDER BY o.time DESC, o.seq DESC";
 
-/// One log, one selection of environments, one span of time: what is asked, in the database's terms. Everything is
-/// read in one transaction, so that sizes, positions and records fit together.
+/// Some scopes of one log and a span of time: what is asked, in the database's terms. Everything is read in one
+/// transaction, so that sizes, positions and records fit together.
 class LogQuery {
 public:
-    LogQuery(QORLogKind kind, Wanted wanted, std::string category, std::int64_t from, std::int64_t to)
-        : m_kind(kind), m_wanted(std::move(wanted)), m_category(std::move(category)), m_from(from), m_to(to) {
-        addScopes();
+    LogQuery(QORLogKind kind, const std::vector<std::string>& scopes, std::int64_t from, std::int64_t to)
+        : m_kind(kind), m_scopes(*m_tran, kind), m_from(from), m_to(to) {
+        for (const std::string& scope : scopes)
+            m_scopes.add(scope);
     }
 
-    std::uint64_t count() {
-        if (m_from > m_to) return 0;
-        if (!isSingle() || m_to == endOfRequests) return count(m_from, m_to);
+    void count() {
+        if (m_to == endOfRequests) {
+            m_size = m_scopes.count(m_from, m_to);
+            return;
+        }
         // What is newer than the span is wanted for positions too, and each of the two has one end to look at.
-        return m_scopes.front().scope.count(m_from, QORLogScope::endOfTime) - above();
+        const std::uint64_t all = m_scopes.count(m_from, QORLogScopes::endOfTime);
+        m_size = all - std::min(all, above());
     }
 
-    /// Selects records from a position on, by number of arrival and time, then what else there is of them.
-    ASStatement& select(std::uint64_t position, std::size_t most, std::uint64_t size) {
-        if (!isSingle()) return selectSorted(position, most, size);
-        if (position == m_nextPosition && m_last) return selectBehind(*m_last, most);
-        if (position <= skippable) return selectSkipping(m_to, position, most);
-        QORLogScope& scope = m_scopes.front().scope;
-        const std::uint64_t newer = above() + position;
-        const QORLogScope::Place place = scope.find(newer);
-        return selectSkipping(place.last, newer - place.newer, most);
+    std::uint64_t size() const noexcept { return m_size; }
+
+    /// Does without the counters from now on, which do not agree with the records. Tells the size anew.
+    void walk() {
+        m_walks = true;
+        m_last.reset();
+        const QORLogScopes::Records records = m_scopes.records(m_from, m_to);
+        ASStatement& select = m_tran->prepare("SELECT count(*) FROM (" + records.sql + ")");
+        bindAll(select, records);
+        select.execute();
+        m_size = select.fetch() ? static_cast<std::uint64_t>(select.integer(1)) : 0;
+        select.close();
+    }
+    bool walks() const noexcept { return m_walks; }
+
+    /// Selects records from a position on, by number of arrival and time, then what else there is of them. Null when
+    /// the counters are found not to know where that is.
+    ASStatement* select(std::uint64_t position, std::size_t most) {
+        const bool goesOn = position == m_nextPosition && m_last;
+        const bool looksFor = !m_walks && !goesOn && position > skippable && !isShort();
+        std::int64_t last = m_to;
+        std::uint64_t skip = goesOn ? 0 : position;
+        if (looksFor) {
+            const auto place = m_scopes.find(above() + position, m_scopes.isSingle() ? skippedOfOne : sorted);
+            if (!place) return nullptr;
+            if (place->last < m_to) {
+                last = place->last;
+                skip = above() + position - place->newer;
+            }
+        }
+        const auto first = beginning(position + most - 1);
+        if (!first) return nullptr;
+        return &selectFrom(*first, last, skip, most, goesOn ? &*m_last : nullptr);
     }
     /// Tells which records were read, so that reading on is cheap.
-    void setRead(std::uint64_t nextPosition, Mark last) {
+    void setRead(std::uint64_t nextPosition, QORLogMark last) {
         m_nextPosition = nextPosition;
         m_last = std::move(last);
     }
 
 private:
-    struct Weighted {
-        QORLogScope scope;
-        std::int64_t weight;
-    };
-
     /// Requests tell times in 32 bits; where those end, counters need no closer look.
     static constexpr std::int64_t endOfRequests = std::numeric_limits<std::int32_t>::max();
 
-    bool isSingle() const { return m_scopes.size() == 1 && m_wanted.eids.size() <= 1; }
+    bool isOperations() const { return m_kind == QORLogKind::Operations; }
+
     /// Records that are newer than the span.
     std::uint64_t above() {
-        if (!m_above) m_above = m_scopes.front().scope.count(m_to + 1, QORLogScope::endOfTime);
+        if (!m_above) m_above = m_scopes.count(m_to + 1, QORLogScopes::endOfTime);
         return *m_above;
     }
 
-    bool isOperations() const { return m_kind == QORLogKind::Operations; }
+    /// Whether all records are as soon sorted as looked for.
+    bool isShort() const { return !m_scopes.isSingle() && m_size <= sorted; }
 
-    void addScope(std::string name, std::int64_t weight) {
-        m_scopes.push_back({QORLogScope(*m_tran, m_kind, std::move(name)), weight});
-    }
-    void addScopes() {
-        if (m_wanted.all) return addScope(isOperations() ? allOperationsScope() : allEventsScope(m_category), 1);
-        for (const QOREID& eid : m_wanted.eids)
-            addScope(isOperations() ? operationScope(eid) : eventScope(eid, m_category), 1);
-        if (isOperations() && m_wanted.eids.size() > 1) addSharedScopes();
-    }
-    /// An operation of several of the environments counts in each of them, but is one.
-    void addSharedScopes() {
-        ASStatement& shared = m_tran->prepare(
-            "SELECT scope, count(*) FROM qor_operation_scope WHERE eid IN (SELECT value FROM json_each(?)) "
-            "GROUP BY scope HAVING count(*) > 1");
-        const std::string json = toJson(m_wanted.eids);
-        shared.bind(1, std::string_view(json));
-        shared.execute();
-        while (shared.fetch())
-            addScope(std::string(shared.text(1)), 1 - shared.integer(2));
-        shared.close();
+    /// The second before which nothing lies down to a position. Records of one scope come in order and are read as far
+    /// as they are wanted; those of several are all looked at before the first is known.
+    std::optional<std::int64_t> beginning(std::uint64_t position) {
+        if (m_walks || m_scopes.isSingle() || isShort()) return m_from;
+        const auto place = m_scopes.find(above() + position, sorted);
+        if (!place) return std::nullopt;
+        return std::max(m_from, place->first);
     }
 
-    std::uint64_t count(std::int64_t from, std::int64_t to) {
-        std::int64_t records = 0;
-        for (Weighted& one : m_scopes)
-            records += one.weight * static_cast<std::int64_t>(one.scope.count(from, to));
-        return static_cast<std::uint64_t>(records);
+    static unsigned bindAll(ASStatement& statement, const QORLogScopes::Records& records) {
+        unsigned index = 0;
+        for (const std::string& parameter : records.parameters)
+            statement.bind(++index, std::string_view(parameter));
+        return index;
     }
 
-    /// The records of the scopes, as an inner select up to its conditions on time.
-    std::string inner() const {
-        if (!isOperations()) {
-            return std::string("SELECT seq FROM qor_event WHERE category = ? AND ") +
-                   (m_wanted.all                ? ""
-                    : m_wanted.eids.size() == 1 ? "eid = ? AND "
-                                                : "eid IN (SELECT value FROM json_each(?)) AND ");
-        }
-        if (m_wanted.all) return "SELECT seq FROM qor_operation WHERE ";
-        if (m_wanted.eids.size() == 1)
-            return "SELECT operation AS seq FROM qor_operation_environment WHERE eid = ? AND ";
-        return "SELECT operation AS seq FROM qor_operation_environment "
-               "WHERE eid IN (SELECT value FROM json_each(?)) AND ";
-    }
-    const char* arrival() const { return isOperations() && !m_wanted.all ? "operation" : "seq"; }
-
-    ASStatement& prepare(const std::string& conditionsAndOrder) {
-        const std::string sql = std::string(isOperations() ? operationColumns : eventColumns) + inner() +
-                                conditionsAndOrder + std::string(isOperations() ? operationOrder : eventOrder);
-        ASStatement& statement = m_tran->prepare(sql);
-        m_index = 1;
-        if (!isOperations()) statement.bind(m_index++, std::string_view(m_category));
-        if (!m_wanted.all) {
-            const std::string eids =
-                m_wanted.eids.size() == 1 ? m_wanted.eids.front().toString() : toJson(m_wanted.eids);
-            statement.bind(m_index++, std::string_view(eids));
-        }
-        return statement;
-    }
-    void bindTime(ASStatement& statement, std::int64_t second) {
-        const std::string text = time2dbstr(second);
-        statement.bind(m_index++, std::string_view(text));
-    }
-
-    void bindNumber(ASStatement& statement, std::int64_t number) { statement.bind(m_index++, number); }
-
-    std::string newestFirst() const { return std::string(" ORDER BY time DESC, ") + arrival() + " DESC LIMIT ?"; }
-
-    ASStatement& selectSkipping(std::int64_t last, std::uint64_t skip, std::size_t most) {
-        ASStatement& statement = prepare("time BETWEEN ? AND ?" + newestFirst() + " OFFSET ?");
-        bindTime(statement, m_from);
-        bindTime(statement, last);
-        bindNumber(statement, static_cast<std::int64_t>(most));
-        bindNumber(statement, static_cast<std::int64_t>(skip));
-        statement.execute();
-        return statement;
-    }
-
-    ASStatement& selectBehind(const Mark& mark, std::size_t most) {
+    ASStatement& selectFrom(std::int64_t first, std::int64_t last, std::uint64_t skip, std::size_t most,
+                            const QORLogMark* behind) {
+        const QORLogScopes::Records records = m_scopes.records(first, last, behind);
         ASStatement& statement =
-            prepare(std::string("time >= ? AND (time, ") + arrival() + ") < (?, ?)" + newestFirst());
-        bindTime(statement, m_from);
-        statement.bind(m_index++, std::string_view(mark.time));
-        bindNumber(statement, mark.seq);
-        bindNumber(statement, static_cast<std::int64_t>(most));
-        statement.execute();
-        return statement;
-    }
-
-    /// Records of several environments have no common index: a span that holds few is looked for, and sorted.
-    ASStatement& selectSorted(std::uint64_t position, std::size_t most, std::uint64_t size) {
-        std::int64_t first = m_from;
-        std::int64_t last = m_to;
-        std::uint64_t newer = 0;
-        for (std::uint64_t inside = size; inside > sortable && first < last;) {
-            const std::int64_t middle = first + (last - first) / 2;
-            const std::uint64_t upper = count(middle + 1, last);
-            if (position - newer < upper) {
-                first = middle + 1;
-                inside = upper;
-            } else {
-                newer += upper;
-                last = middle;
-                inside -= upper;
-            }
-        }
-        ASStatement& statement = prepare(std::string("time BETWEEN ? AND ?") +
-                                         (isOperations() ? " GROUP BY operation" : "") + newestFirst() + " OFFSET ?");
-        bindTime(statement, first);
-        bindTime(statement, last);
-        bindNumber(statement, static_cast<std::int64_t>(most));
-        bindNumber(statement, static_cast<std::int64_t>(position - newer));
+            m_tran->prepare(std::string(isOperations() ? operationColumns : eventColumns) + "SELECT seq FROM (" +
+                            records.sql + ") ORDER BY time DESC, seq DESC LIMIT ? OFFSET ?" +
+                            std::string(isOperations() ? operationOrder : eventOrder));
+        unsigned index = bindAll(statement, records);
+        statement.bind(++index, static_cast<std::int64_t>(most));
+        statement.bind(++index, static_cast<std::int64_t>(skip));
         statement.execute();
         return statement;
     }
 
     QORRdbmsTran m_tran{ASAccess::Read};
     QORLogKind m_kind;
-    Wanted m_wanted;
-    std::string m_category;
+    QORLogScopes m_scopes;
     std::int64_t m_from;
     std::int64_t m_to;
-    std::vector<Weighted> m_scopes;
+    std::uint64_t m_size = 0;
+    bool m_walks = false;
     std::optional<std::uint64_t> m_above;
-    unsigned m_index = 1;
     std::uint64_t m_nextPosition = 0;
-    std::optional<Mark> m_last;
+    std::optional<QORLogMark> m_last;
 };
 
 template <class Record>
 class LogSource final : public QORLogResult<Record>::Source {
 public:
-    /// \param first position of the log's record that is the first of the result
-    LogSource(std::unique_ptr<LogQuery> query, std::uint64_t first, std::uint64_t size)
-        : m_query(std::move(query)), m_first(first), m_size(size) {}
+    /// \param first position of the log's record that is the first of the result \param most of the records
+    LogSource(std::unique_ptr<LogQuery> query, int first, int most)
+        : m_query(std::move(query)),
+          m_first(static_cast<std::uint64_t>(std::max(first, 0))),
+          m_bound(static_cast<std::uint64_t>(std::max(most, 0))) {}
+
+    std::size_t size() const noexcept override {
+        return m_query->size() > m_first ? std::min(m_query->size() - m_first, m_bound) : 0;
+    }
 
     std::vector<Record> read(std::size_t from, std::size_t most) override {
-        const std::uint64_t position = m_first + from;
-        ASStatement& rows = m_query->select(position, most, m_size);
-        std::vector<Record> records;
-        Mark last;
-        while (rows.fetch()) {
-            records.push_back(readRecord(rows, static_cast<Record*>(nullptr)));
-            last = readMark(rows);
-        }
-        rows.close();
-        if (records.empty()) {
-            throw QORException(errFailure, "the log has no record at position " + std::to_string(position),
-                               "qor/libs/QORLibAgent/QORLogs", __LINE__);
-        }
-        m_query->setRead(position + records.size(), std::move(last));
-        return records;
+        std::vector<Record> records = readSome(m_first + from, std::min(most, size() - from));
+        if (m_query->walks() || records.size() == std::min(most, size() - from)) return records;
+        logMessage(1, "QORLibAgent", sourcePath, __func__,
+                   "The log has fewer records than its counters tell; \"qorctl check --mend\" counts them anew");
+        m_query->walk();
+        return from < size() ? readSome(m_first + from, std::min(most, size() - from)) : std::vector<Record>();
     }
 
 private:
+    std::vector<Record> readSome(std::uint64_t position, std::size_t most) {
+        std::vector<Record> records;
+        ASStatement* const rows = m_query->select(position, most);
+        if (rows == nullptr) return records;
+        QORLogMark last;
+        while (rows->fetch()) {
+            records.push_back(readRecord(*rows, static_cast<Record*>(nullptr)));
+            last = readMark(*rows);
+        }
+        rows->close();
+        if (!records.empty()) m_query->setRead(position + records.size(), std::move(last));
+        return records;
+    }
+
     std::unique_ptr<LogQuery> m_query;
     std::uint64_t m_first;
-    std::uint64_t m_size;
+    std::uint64_t m_bound;
 };
 
 int fail(std::string reason) {
@@ -350,16 +317,13 @@ template <class Record>
 int fill(QORLogResult<Record>& result, const LogRequest& request) {
     result = {};
     lastFailure.clear();
-    Wanted wanted(request.envs);
-    if (wanted.nothing() || request.from > request.to) return 0;
+    const Wanted wanted(request.kind, request.envs, request.category);
+    if (wanted.scopes().empty() || request.from > request.to) return 0;
     try {
-        auto query =
-            std::make_unique<LogQuery>(request.kind, std::move(wanted), request.category, request.from, request.to);
-        const std::uint64_t size = query->count();
-        const auto first = static_cast<std::uint64_t>(std::max(request.first, 0));
-        const std::uint64_t found = size > first ? size - first : 0;
-        const std::uint64_t taken = std::min(found, static_cast<std::uint64_t>(std::max(request.most, 0)));
-        result = QORLogResult<Record>(std::make_unique<LogSource<Record>>(std::move(query), first, size), taken);
+        auto query = std::make_unique<LogQuery>(request.kind, wanted.scopes(), request.from, request.to);
+        query->count();
+        result =
+            QORLogResult<Record>(std::make_unique<LogSource<Record>>(std::move(query), request.first, request.most));
         return 0;
     } catch (const std::exception& failure) {
         return fail(failure.what());

@@ -3,8 +3,8 @@
 /// records when they are touched.
 ///
 /// Records come newest first, those of one second by arrival, latest first. A client without full access (the client
-/// context of the calling thread) finds only what belongs to the environments of its identities: records, sizes and
-/// positions alike.
+/// context of the calling thread) finds what one with full access finds, less the records that it may not see
+/// (QORRowAccess): records, sizes and positions alike.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "QORCommon/QORException.h"
 #include "QORCommon/QORExport.h"
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORReferenceCounter.h"
@@ -78,25 +79,39 @@ public:
         virtual ~Source() = default;
         /// The records from a position on, at least one of those that exist and at most `most`.
         virtual std::vector<Record> read(std::size_t from, std::size_t most) = 0;
+        /// How many there are, as far as is known.
+        virtual std::size_t size() const noexcept = 0;
     };
 
     QORLogResult() = default;
-    QORLogResult(std::unique_ptr<Source> source, std::size_t size) : m_source(std::move(source)), m_size(size) {}
+    explicit QORLogResult(std::unique_ptr<Source> source) : m_source(std::move(source)) {}
 
-    /// Known without reading records.
-    std::size_t size() const noexcept { return m_size; }
-    bool empty() const noexcept { return m_size == 0; }
-    /// The record at a position below size(). Neighbours are read along with it: going through records in order
+    /// Known without reading records, from the log's counters. Should those be found not to agree with the records, it
+    /// is told anew, once at() or reaches() has returned.
+    std::size_t size() const noexcept { return m_source ? m_source->size() : 0; }
+    bool empty() const noexcept { return size() == 0; }
+    /// Whether there is a record at a position, which is read: as a rule, whether the position is below size().
+    /// \throws as at()
+    bool reaches(std::size_t index) {
+        if (isRead(index)) return true;
+        if (index >= size()) return false;
+        readPage(index);
+        return isRead(index);
+    }
+    /// The record at a position that is reached. Neighbours are read along with it: going through records in order
     /// costs little more than reading them at once. The reference is valid until the next call.
-    /// \throws AException, QORException when the record cannot be read
+    /// \throws AException when records cannot be read, QORException when there is none
     const Record& at(std::size_t index) {
-        if (index < m_first || index - m_first >= m_page.size()) readPage(index);
+        if (!reaches(index))
+            throw QORException(errFailure, "the log has no record at position " + std::to_string(index));
         return m_page[index - m_first];
     }
 
 private:
     static constexpr std::size_t firstPage = 32;
     static constexpr std::size_t largestPage = 512;
+
+    bool isRead(std::size_t index) const noexcept { return index >= m_first && index - m_first < m_page.size(); }
 
     void readPage(std::size_t index) {
         const bool goesOn = !m_page.empty() && index == m_first + m_page.size();
@@ -106,7 +121,6 @@ private:
     }
 
     std::unique_ptr<Source> m_source;
-    std::size_t m_size = 0;
     std::vector<Record> m_page;
     std::size_t m_first = 0;
     std::size_t m_most = firstPage;

@@ -49,6 +49,11 @@ std::set<QOREID> QORClientContext::objects() const {
     return eids;
 }
 
+QORRowAccess::QORRowAccess(const QORClientContext& client)
+    : m_full(client.fullAccess), m_owners(client.fullAccess ? std::set<QOREID>() : client.objects()) {}
+
+QORRowAccess QORRowAccess::current() { return QORRowAccess(*QORAccessChecker::getClientContext()); }
+
 QORClientContextScope::QORClientContextScope(QORClientContextPtr context)
     : m_previous(std::exchange(currentContext, std::move(context))) {}
 

@@ -93,6 +93,26 @@ class QOR_API QORClientContextScope {
     QORClientContextPtr m_previous;
 };
 
+/// Which records a client may see, the one definition for operators, logs and counters: those of every environment with
+/// full access, else those that belong to one of the environments that its identities stand for. A record that only
+/// mentions or touches such an environment belongs to another, and one that belongs to none is for full access only.
+class QOR_API QORRowAccess {
+   public:
+    explicit QORRowAccess(const QORClientContext& client);
+    /// Of the client that the calling thread serves.
+    static QORRowAccess current();
+
+    bool isFull() const noexcept { return m_full; }
+    /// Whose records are seen; of no meaning with full access.
+    const std::set<QOREID>& owners() const noexcept { return m_owners; }
+    /// \param owner the environment that a record belongs to, invalid for none
+    bool sees(const QOREID& owner) const { return m_full || m_owners.contains(owner); }
+
+   private:
+    bool m_full;
+    std::set<QOREID> m_owners;
+};
+
 class QOR_API QORAccessChecker {
    public:
     /// The context of the calling thread; without a scope one that may see nothing. Never null.

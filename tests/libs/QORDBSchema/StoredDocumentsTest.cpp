@@ -93,8 +93,13 @@ TEST_F(Version3, DocumentsLoseWhatStandsBehindThemAndNothingElse) {
     m_database.configure();
     ASSERT_EQ(queryText("SELECT length(info) FROM qor_backup WHERE id = 'b1'"), "81");
     const auto before = everything();
-    EXPECT_EQ(m_database.open().found.version, 3);
+    {
+        QORRdbmsTran tran(ASAccess::Write);
+        EXPECT_EQ(QORDBSchema::migrate(*tran, 4), 3);
+        tran.commit();
+    }
     EXPECT_EQ(everything(), before);
+    EXPECT_EQ(m_database.open().found.version, 4);
     EXPECT_THAT(
         queryRows(documents, 4),
         UnorderedElementsAre(

@@ -151,16 +151,26 @@ TEST_F(QORLogsTest, BoundsOfTimeAreIncluded) {
                 ElementsAre("first", "before"));
 }
 
-TEST_F(QORLogsTest, AClientFindsWhatBelongsToItsEnvironmentsOnlyAndOnce) {
+TEST_F(QORLogsTest, AClientFindsTheOperationsThatBelongToItsEnvironmentsOnly) {
     store({operation("one", 1, 1), operation("two", 2, 2), operation("shared", 3, 1, {2}),
-           operation("three", 4, 3, {1, 2}), operation("four", 5, 4), operation("nobody's", 6)});
-    EXPECT_THAT(operations(accessTo({1, 2}), QOREnvSelection::all()), ElementsAre("three", "shared", "two", "one"));
+           operation("three", 4, 3, {1, 2}), operation("four", 5, 4), operation("nobody's", 6, 0, {1})});
+    EXPECT_THAT(operations(accessTo({1, 2}), QOREnvSelection::all()), ElementsAre("shared", "two", "one"));
     EXPECT_THAT(operations(accessTo({1, 2, 3}), QOREnvSelection::all()), ElementsAre("three", "shared", "two", "one"));
-    EXPECT_THAT(operations(accessTo({2}), QOREnvSelection::all()), ElementsAre("three", "shared", "two"));
-    EXPECT_THAT(operations(accessTo({2}), eidOf(2)), ElementsAre("three", "shared", "two"));
-    EXPECT_THAT(operations(accessTo({2}), eidOf(1)), IsEmpty());
+    EXPECT_THAT(operations(accessTo({2}), QOREnvSelection::all()), ElementsAre("two"));
     EXPECT_THAT(operations(accessTo({}), QOREnvSelection::all()), IsEmpty());
     EXPECT_THAT(operations(nullptr, QOREnvSelection::all()), IsEmpty()) << "nobody's client sees nothing";
+}
+
+TEST_F(QORLogsTest, AFilteredAnswerIsTheFullOneLessWhatTheClientMayNotSee) {
+    store({operation("one", 1, 1), operation("two", 2, 2), operation("shared", 3, 1, {2}),
+           operation("three", 4, 3, {1, 2}), operation("both", 5, 2, {2, 1}), operation("nobody's", 6, 0, {1})});
+    EXPECT_THAT(operations(fullAccess(), eidOf(2)), ElementsAre("both", "three", "shared", "two"));
+    EXPECT_THAT(operations(accessTo({2}), eidOf(2)), ElementsAre("both", "two"));
+    EXPECT_THAT(operations(accessTo({2}), eidOf(1)), ElementsAre("both"));
+    EXPECT_THAT(operations(accessTo({1, 3}), eidOf(2)), ElementsAre("three", "shared"));
+    EXPECT_THAT(operations(accessTo({1, 2, 3}), eidOf(2)), ElementsAre("both", "three", "shared", "two"));
+    EXPECT_THAT(operations(accessTo({4}), eidOf(2)), IsEmpty());
+    EXPECT_THAT(operations(accessTo({}), eidOf(2)), IsEmpty());
 }
 
 TEST_F(QORLogsTest, AReplacedOperationCountsWhereItIsNow) {
@@ -172,6 +182,7 @@ TEST_F(QORLogsTest, AReplacedOperationCountsWhereItIsNow) {
     EXPECT_THAT(operations(fullAccess(), eidOf(2)), ElementsAre("b"));
     EXPECT_THAT(operations(fullAccess(), eidOf(3)), ElementsAre("a"));
     EXPECT_THAT(operations(accessTo({1, 2}), QOREnvSelection::all()), ElementsAre("b"));
+    EXPECT_THAT(operations(accessTo({1}), eidOf(2)), ElementsAre("b"));
 }
 
 TEST_F(QORLogsTest, AnOperationThatIsReplacedWithinItsBatchCountsOnce) {
@@ -262,18 +273,18 @@ public:
             *same = record;
         }
     }
-    /// \param environments empty for all records
-    std::vector<std::string> ids(const std::vector<unsigned>& environments, int from, int to) const {
-        std::set<QOREID> wanted;
-        for (const unsigned number : environments)
-            wanted.insert(eidOf(number));
+    /// \param owners whose records are seen, empty for all \param touched 0, or what the records belong to or touch
+    std::vector<std::string> ids(const std::vector<unsigned>& owners, unsigned touched, int from, int to) const {
+        std::set<QOREID> seen;
+        for (const unsigned number : owners)
+            seen.insert(eidOf(number));
         std::vector<const QOROperationRecord*> found;
         for (const QOROperationRecord& record : m_records) {
             if (record.time < from || record.time > to) continue;
-            bool in = wanted.empty() || wanted.contains(record.eid);
-            for (const QOREID& eid : record.eids)
-                in = in || wanted.contains(eid);
-            if (in) found.push_back(&record);
+            if (!seen.empty() && !seen.contains(record.eid)) continue;
+            const bool touches = touched == 0 || record.eid == eidOf(touched) ||
+                                 std::find(record.eids.begin(), record.eids.end(), eidOf(touched)) != record.eids.end();
+            if (touches) found.push_back(&record);
         }
         std::reverse(found.begin(), found.end());
         std::stable_sort(found.begin(), found.end(), [](const auto* a, const auto* b) { return a->time > b->time; });
@@ -332,12 +343,12 @@ TEST_F(QORLogsTest, SizesAndPositionsAgreeWithALogThatIsWalked) {
         }
         store(batch);
     }
-    const auto check = [&](const QORClientContextPtr& client, const QOREnvSelection& envs,
-                           const std::vector<unsigned>& expectedOf, int from, int to) {
-        const QORClientContextScope scope(client);
-        const std::vector<std::string> expected = model.ids(expectedOf, from, to);
+    const auto check = [&](const std::vector<unsigned>& owners, unsigned touched, int from, int to) {
+        const QORClientContextScope scope(owners.empty() ? fullAccess() : accessTo(owners));
+        const std::vector<std::string> expected = model.ids(owners, touched, from, to);
         QOROpLogResult result;
-        ASSERT_EQ(getOps(result, envs, from, to), 0) << getErrorMessage();
+        ASSERT_EQ(getOps(result, touched == 0 ? QOREnvSelection::all() : eidOf(touched), from, to), 0)
+            << getErrorMessage();
         ASSERT_EQ(result.size(), expected.size());
         if (expected.empty()) return;
         for (int i = 0; i < 4; ++i) {
@@ -357,52 +368,12 @@ TEST_F(QORLogsTest, SizesAndPositionsAgreeWithALogThatIsWalked) {
                                                                    {around - 100000, around + 5000},
                                                                    {around - 1, around + 9999}}) {
         SCOPED_TRACE(std::to_string(from) + " to " + std::to_string(to));
-        check(fullAccess(), QOREnvSelection::all(), {}, from, to);
-        check(fullAccess(), eidOf(1), {1}, from, to);
-        check(accessTo({2}), QOREnvSelection::all(), {2}, from, to);
-        check(accessTo({1, 3}), QOREnvSelection::all(), {1, 3}, from, to);
-        check(accessTo({1, 2, 3, 4}), QOREnvSelection::all(), {1, 2, 3, 4}, from, to);
+        for (const std::vector<unsigned>& owners :
+             std::vector<std::vector<unsigned>>{{}, {2}, {1, 3}, {1, 2, 3, 4}, {4, 9}}) {
+            for (unsigned touched = 0; touched <= environments; ++touched)
+                check(owners, touched, from, to);
+        }
     }
-}
-
-/// The counters that a log has, as text.
-std::vector<std::string> counters(const std::string& table) {
-    QORRdbmsTran tran(ASAccess::ReadOne);
-    ASStatement& select =
-        tran->prepare("SELECT scope || ' ' || level || ' ' || bucket || ' ' || n || ' ' || split FROM " + table +
-                      " WHERE n <> 0 ORDER BY 1");
-    select.execute();
-    std::vector<std::string> all;
-    while (select.fetch())
-        all.emplace_back(select.text(1));
-    select.close();
-    return all;
-}
-
-TEST_F(QORLogsTest, AnOlderDatabaseIsCountedWhenItIsOpened) {
-    Random random(7);
-    TimeMaker time(random);
-    std::vector<QORRecord> records;
-    for (unsigned i = 0; i < 6000; ++i) {
-        records.emplace_back(operation(std::to_string(i), time(), random() % 3, {random() % 3 + 1}));
-        records.emplace_back(event(time(), random() % 3, random() % 2 == 0 ? "env_status" : "resource_alert", "x"));
-    }
-    store(records);
-    const auto operationsBefore = counters("qor_operation_count");
-    const auto eventsBefore = counters("qor_event_count");
-    const auto scopesBefore = operations(accessTo({1, 2}), QOREnvSelection::all());
-    {
-        QORRdbmsTran tran(ASAccess::Write);
-        for (const char* statement :
-             {"DROP TABLE qor_operation_count", "DROP TABLE qor_event_count", "DROP TABLE qor_operation_scope",
-              "DROP INDEX qor_event_category_eid", "DELETE FROM qor_schema_version WHERE version = 3"})
-            tran->execute(statement);
-        tran.commit();
-    }
-    open();
-    EXPECT_EQ(counters("qor_operation_count"), operationsBefore);
-    EXPECT_EQ(counters("qor_event_count"), eventsBefore);
-    EXPECT_EQ(operations(accessTo({1, 2}), QOREnvSelection::all()), scopesBefore);
 }
 
 }  // namespace

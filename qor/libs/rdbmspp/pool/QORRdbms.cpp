@@ -19,6 +19,7 @@
 #include "rdbmspp/pool/ASSessionImpl.h"
 #include "rdbmspp/sql/ASValue.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
+#include "rdbmspp/engine/SqliteTriggers.h"
 
 namespace QOR {
 
@@ -260,6 +261,17 @@ ASEngine ASSession::engine() const noexcept {
 
 void ASSession::execute(std::string_view sql) {
     m_impl->changes = m_impl->connection.execute(sql);
+}
+
+bool ASSession::setTriggers(bool on) noexcept {
+    if (engine() != ASEngine::SQLite || !hasSqliteTriggerSwitch()) return false;
+    try {
+        m_impl->connection.execute(on ? sqliteTriggersOn : sqliteTriggersOff);
+        return true;
+    } catch (const std::exception&) {
+        m_impl->connection.setBroken();
+        return false;
+    }
 }
 
 ASStatement& ASSession::prepare(std::string_view sql) {
@@ -509,6 +521,7 @@ void QORRdbms::prepareProcess() {
     std::call_once(once, [] {
         sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
         sqlite3_config(SQLITE_CONFIG_MULTITHREAD);
+        prepareSqliteTriggers();
     });
 }
 

@@ -34,6 +34,9 @@ class QOR_API ASSession {
     ASEngine engine() const noexcept;
     /// Runs one statement of the host's own without results (or whose results do not matter).
     void execute(std::string_view sql);
+    /// Whether statements of this connection fire triggers. Whoever switches them off does himself what they are for,
+    /// and switches them on again before the transaction ends. \returns false where that cannot be done: they are on
+    bool setTriggers(bool on) noexcept;
     /// A prepared statement, kept by the connection under its text and reused; reset to no parameters, not running.
     /// The reference is valid until the same text is prepared again on this session or the transaction ends.
     ASStatement& prepare(std::string_view sql);

@@ -17,10 +17,10 @@ constexpr std::size_t noDeclaredLength = 1;
 
 /// What restricts the rows to those that the client of the calling thread may see; empty for one that may see all.
 ASComparison accessCondition(const QORBackupTable& table) {
-    const QORClientContextPtr context = QORAccessChecker::getClientContext();
-    if (QORAccessChecker::hasFullAccess(context)) return {};
+    const QORRowAccess access = QORRowAccess::current();
+    if (access.isFull()) return {};
     std::string list;
-    for (const QOREID& eid : context->objects()) {
+    for (const QOREID& eid : access.owners()) {
         if (!list.empty()) list += ", ";
         list += ASSession::quoteLiteral(eid.toString());
     }

@@ -56,22 +56,36 @@ ArgCSP parseEventsLogSqlRow(const QOREvent& event) {
     return row;
 }
 
+/// Reads the record at a position, if there is one.
 template <class Record>
-Record recordAt(QORLogResult<Record>& records, std::int64_t index) {
+bool reaches(QORLogResult<Record>& records, std::int64_t index) {
     try {
-        return records.at(static_cast<std::size_t>(index));
+        return records.reaches(static_cast<std::size_t>(index));
     } catch (const std::exception& exception) {
         throw LogRefusal(exception.what());
     }
+}
+
+/// The page of the records. Its first one is read, for that may show that there are fewer than was thought.
+template <class Record>
+QORPage pageOf(QORLogResult<Record>& records, int size, int offset) {
+    const QORPage page = QORPage::of(size, offset, static_cast<std::int64_t>(records.size()));
+    if (page.begin >= page.end || reaches(records, page.begin)) return page;
+    return QORPage::of(size, offset, static_cast<std::int64_t>(records.size()));
 }
 
 /// Writes the page of the records. \returns how many that are; negative past the last record
 template <class Record>
 std::int64_t writePage(QORLogResult<Record>& records, ArgCSP (*makeRow)(const Record&), int size, int offset,
                        QORRowSet& rowSet) {
-    const QORPage page = QORPage::of(size, offset, static_cast<std::int64_t>(records.size()));
-    for (std::int64_t index = page.begin; index < page.end; ++index)
-        rowSet.writeRow(makeRow(recordAt(records, index)));
+    QORPage page = pageOf(records, size, offset);
+    for (std::int64_t index = page.begin; index < page.end; ++index) {
+        if (!reaches(records, index)) {
+            page.end = index;
+            break;
+        }
+        rowSet.writeRow(makeRow(records.at(static_cast<std::size_t>(index))));
+    }
     return page.count();
 }
 
@@ -85,8 +99,9 @@ std::int64_t QORPagerOperatorPrototype::fetchOplog(const QOREnvSelection& envs, 
     if (agent.getOps(records, envs, m_access, "", "", 0, 0, everyRecord, from, to) != 0) {
         throw LogRefusal(getErrorMessage());
     }
+    const std::int64_t written = writePage(records, parseOpLogSqlRow, m_limitSize, m_limitOffset, rowSet);
     total += static_cast<std::int64_t>(records.size());
-    return writePage(records, parseOpLogSqlRow, m_limitSize, m_limitOffset, rowSet);
+    return written;
 }
 
 std::int64_t QORPagerOperatorPrototype::fetchEvents(const QOREnvSelection& envs, int from, int to, const char* category,
@@ -96,8 +111,9 @@ std::int64_t QORPagerOperatorPrototype::fetchEvents(const QOREnvSelection& envs,
     if (agent.getEvents(records, envs, 0, everyRecord, m_access, category, 0, from, to) != 0) {
         throw LogRefusal(getErrorMessage());
     }
+    const std::int64_t written = writePage(records, parseEventsLogSqlRow, m_limitSize, m_limitOffset, rowSet);
     total += static_cast<std::int64_t>(records.size());
-    return writePage(records, parseEventsLogSqlRow, m_limitSize, m_limitOffset, rowSet);
+    return written;
 }
 
 void QORPagerOperatorPrototype::selectOpLogs(QORMessageIterator& response) {
