@@ -387,6 +387,20 @@ TEST_F(ASCursorRows, ColumnsWithDotsAndQuotesAreRead) {
                 ElementsAre("alpha"));
 }
 
+TEST_F(ASCursorRows, ASumThatIsBeyondItsTypeOnlyOnTheWayIsExact) {
+    Engine(path()).run(
+        "CREATE TABLE way (n BIGINT, m INT, d DECIMAL);"
+        "INSERT INTO way VALUES (9223372036854775807, 1, 9223372036854775807), (9223372036854775807, 2, 3),"
+        " (-9223372036854775807, -4, 3), (-9223372036854775805, 3, 9223372036854775807), (NULL, NULL, NULL);"
+        "CREATE VIEW vWay AS SELECT * FROM way");
+    const auto way = domainOf("vWay");
+    const Column wide = column(way, "n", ASType::BigInt), decimal = column(way, "d", ASType::Double);
+    EXPECT_THAT(aggregate(Function::Sum, wide, ASType::BigInt), ElementsAre("2"));
+    EXPECT_EQ(failure([&] { aggregate(Function::Sum, wide, ASType::BigInt, wide.attribute < ASInt64(0)); }),
+              "a sum is beyond 64 bits of SQLite");
+    EXPECT_THAT(aggregate(Function::Sum, decimal, ASType::Double), ElementsAre("1.8446744073709552e+19"));
+}
+
 TEST_F(ASCursorRows, SumBeyondItsTypeIsAFailureAndNeverAWrongNumber) {
     Engine(path()).run(
         "CREATE TABLE big (n INT, m BIGINT);"

@@ -10,6 +10,7 @@
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
+#include "rdbmspp/sql/ASRestriction.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
 
 namespace QOR {
@@ -47,6 +48,15 @@ bool isNumber(std::string_view text) {
     double value = 0;
     const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
     return result.ptr == text.data() + text.size() && result.ec != std::errc::invalid_argument;
+}
+
+constexpr const char* overflowText = "integer overflow";  // the engine's
+
+bool isBeyond64Bits(std::string_view number) {
+    constexpr double limit = 9223372036854775808.0;
+    double value = 0;
+    const auto result = std::from_chars(number.data(), number.data() + number.size(), value);
+    return result.ec == std::errc::result_out_of_range || std::fabs(value) >= limit;
 }
 
 // A text among integers counts as 0 and makes the engine add in floating point; the sum is a whole number all the same.
@@ -101,6 +111,8 @@ struct ASCursor::Impl {
 
     bool next();
     void run();
+    void start(bool exactSums);
+    bool adds() const;
     void bind(const ASProject& project);
     void take(std::size_t index);
     bool isOneRow() const;
@@ -108,6 +120,7 @@ struct ASCursor::Impl {
 
     ASSession& session;
     ASFilter filter;
+    ASComparison where;  ///< what is run; the parameters point into it
     std::int32_t limit = 0;
     std::int32_t offset = 0;
     std::optional<ASOrder> order;
@@ -159,7 +172,7 @@ std::string ASCursor::NestedQuery() const {
 
 std::string ASCursor::Impl::query(ASPurpose purpose) const {
     ASSqlBuilder builder(*session.impl().dialect, purpose);
-    builder.select(filter, limit, offset, order);
+    builder.select(filter, restricted(filter.m_access, filter.m_condition), limit, offset, order);
     return std::move(builder).takeText();
 }
 
@@ -176,11 +189,26 @@ bool ASCursor::Impl::next() {
     return true;
 }
 
+// Whether whole numbers add up beyond 64 bits on the way depends on the order in which the engine meets the rows. What is
+// answered does not: the sums are taken again so that only what they come to in the end counts.
 void ASCursor::Impl::run() {
+    try {
+        start(false);
+    } catch (const AException& error) {
+        if (!adds() || error.text().find(overflowText) == std::string::npos) throw;
+        statement = ASStatementLease();
+        columns.clear();
+        start(true);
+    }
+}
+
+void ASCursor::Impl::start(bool exactSums) {
     auto& s = session.impl();
-    const bool streams = s.mayStream() && (limit <= 0 || limit >= manyRows) && !isOneRow();
-    s.builder.reset(streams ? ASPurpose::Streaming : ASPurpose::Execution);
-    s.builder.select(filter, limit, offset, order);
+    // Sums are all there before the first row is handed out, so that they can be taken again.
+    const bool streams = s.mayStream() && (limit <= 0 || limit >= manyRows) && !isOneRow() && !adds();
+    s.builder.reset(streams ? ASPurpose::Streaming : ASPurpose::Execution, exactSums);
+    where = restricted(filter.m_access, filter.m_condition);
+    s.builder.select(filter, where, limit, offset, order);
     auto running = streams ? s.leaseStreaming(s.builder.text()) : s.lease(s.builder.text());
     const auto& values = s.builder.parameters();
     for (std::size_t i = 0; i < values.size(); ++i)
@@ -188,6 +216,13 @@ void ASCursor::Impl::run() {
     statement = std::move(running);
     bind(filter.m_project);
     statement->execute();
+}
+
+bool ASCursor::Impl::adds() const {
+    const auto& items = filter.m_project.m_items;
+    return std::any_of(items.begin(), items.end(), [](const auto& item) {
+        return item->group && item->group->function() == ASGroupAttribute::Function::Sum;
+    });
 }
 
 // Aggregates alone: their values are the statement's to reuse, and nothing is gained by streaming.
@@ -220,6 +255,9 @@ void ASCursor::Impl::take(std::size_t index) {
     const std::string_view stored = statement->value(index);
     column.data->take(stored);
     if (column.sum && column.data->isRaw() && isNumber(stored) && !takeWholeReal(*column.data, stored)) {
+        if (isBeyond64Bits(stored)) {
+            throw AException(std::string("a sum is beyond 64 bits of ") + session.impl().dialect->name);
+        }
         throw AException(column.sum->Query() + " is " + std::string(stored) + ", which is no integer of " +
                          (column.data->type() == ASType::Int ? "32" : "64") + " bits");
     }

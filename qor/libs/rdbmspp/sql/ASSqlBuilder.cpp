@@ -5,7 +5,6 @@
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/sql/ASConditionWriter.h"
 #include "rdbmspp/sql/ASNodes.h"
-#include "rdbmspp/sql/ASRestriction.h"
 #include "rdbmspp/sql/ASSqlText.h"
 
 namespace QOR {
@@ -45,30 +44,27 @@ bool hasNoNumber(Function function, ASType type) {
 
 ASSqlBuilder::ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose) : m_dialect(dialect), m_purpose(purpose) {}
 
-void ASSqlBuilder::reset(ASPurpose purpose) {
+void ASSqlBuilder::reset(ASPurpose purpose, bool exactSums) {
     m_purpose = purpose;
+    m_exactSums = exactSums;
     m_text.clear();
     m_parameters.clear();
 }
 
-void ASSqlBuilder::select(const ASFilter& filter, std::int32_t limit, std::int32_t offset,
+void ASSqlBuilder::select(const ASFilter& filter, const ASComparison& where, std::int32_t limit, std::int32_t offset,
                           const std::optional<ASOrder>& order) {
     const ASProject& project = filter.m_project;
     append(project.m_distinct ? "SELECT DISTINCT " : "SELECT ");
     projection(project);
     from(project);
-    where(filter);
+    if (!filter.m_condition.empty()) checkCondition(m_dialect, *filter.m_condition.node());
+    if (!where.empty()) {
+        append(" WHERE ");
+        condition(where);
+    }
     groupBy(project);
     if (order) orderBy(*order);
     if (limit > 0) page(limit, offset);
-}
-
-void ASSqlBuilder::where(const ASFilter& filter) {
-    if (filter.m_condition.empty() && filter.m_access.empty()) return;
-    if (!filter.m_condition.empty()) checkCondition(m_dialect, *filter.m_condition.node());
-    append(" WHERE ");
-    m_restricted = restricted(filter.m_access, filter.m_condition);
-    condition(m_restricted);
 }
 
 void ASSqlBuilder::condition(const ASComparison& condition) {
@@ -98,6 +94,7 @@ void ASSqlBuilder::operand(const ASAttribute& attribute) {
 void ASSqlBuilder::aggregate(const ASGroupAttribute& attribute) {
     const auto& impl = *attribute.m_impl;
     if (m_purpose == ASPurpose::Nested && impl.attribute) return nestedAggregate(attribute);
+    if (isExactSum(attribute)) return append(exactSum(attribute));
     append(functionName(impl.function));
     if (!impl.attribute) {
         append("*");
@@ -120,13 +117,22 @@ void ASSqlBuilder::nestedAggregate(const ASGroupAttribute& attribute) {
     std::string operand = impl.attribute->Query();
     if (adds && type == ASType::Guid) operand = "NULL";
     if (adds && type == ASType::DateTime) operand = m_dialect.epochSeconds(operand);
-    if (impl.function == Function::Sum && type != ASType::Guid && type != ASType::DateTime) {
-        const bool whole = type == ASType::Int || type == ASType::BigInt;
-        return append(whole ? m_dialect.wholeSum(operand) : m_dialect.realSum(operand));
-    }
+    if (isExactSum(attribute)) return append(exactSum(attribute));
     append(functionName(impl.function));
     append(operand);
     append(")");
+}
+
+bool ASSqlBuilder::isExactSum(const ASGroupAttribute& attribute) const {
+    const auto& impl = *attribute.m_impl;
+    if ((m_purpose != ASPurpose::Nested && !m_exactSums) || impl.function != Function::Sum) return false;
+    return impl.attribute->type() != ASType::Guid && impl.attribute->type() != ASType::DateTime;
+}
+
+std::string ASSqlBuilder::exactSum(const ASGroupAttribute& attribute) const {
+    const ASAttribute& column = *attribute.m_impl->attribute;
+    const bool whole = column.type() == ASType::Int || column.type() == ASType::BigInt;
+    return whole ? m_dialect.wholeSum(column.Query()) : m_dialect.realSum(column.Query());
 }
 
 void ASSqlBuilder::value(const ASValue& value) {
@@ -211,7 +217,7 @@ void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
 void ASSqlBuilder::projectedAggregate(const ASGroupAttribute& attribute) {
     const auto& data = attribute.data();
     if (isExecuted() && data && data->type() == ASType::Double) {
-        append(m_dialect.exactDouble(attribute.Query()));
+        append(m_dialect.exactDouble(isExactSum(attribute) ? exactSum(attribute) : attribute.Query()));
     } else {
         aggregate(attribute);
     }

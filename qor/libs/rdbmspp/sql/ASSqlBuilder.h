@@ -28,11 +28,14 @@ enum class ASPurpose : unsigned char {
 class ASSqlBuilder {
    public:
     ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose);
-    /// Starts again, keeping the memory.
-    void reset(ASPurpose purpose);
+    /// Starts again, keeping the memory. \param exactSums sums that do not fail on numbers which add up beyond 64 bits
+    /// on the way or in the end; they cost several times as much
+    void reset(ASPurpose purpose, bool exactSums = false);
 
     /// A whole select. \throws AException when nothing with a domain is projected, or the engine cannot take it
-    void select(const ASFilter& filter, std::int32_t limit, std::int32_t offset, const std::optional<ASOrder>& order);
+    /// \param where the filter's condition, restricted as the filter says
+    void select(const ASFilter& filter, const ASComparison& where, std::int32_t limit, std::int32_t offset,
+                const std::optional<ASOrder>& order);
     /// A condition; nothing for none.
     void condition(const ASComparison& condition);
 
@@ -54,9 +57,10 @@ class ASSqlBuilder {
 
    private:
     bool isExecuted() const noexcept { return m_purpose == ASPurpose::Execution || m_purpose == ASPurpose::Streaming; }
-    void where(const ASFilter& filter);
     void likeColumn(const ASAttribute& pattern);
     void nestedAggregate(const ASGroupAttribute& attribute);
+    bool isExactSum(const ASGroupAttribute& attribute) const;
+    std::string exactSum(const ASGroupAttribute& attribute) const;
     void projection(const ASProject& project);
     void projectedAttribute(const ASAttribute& attribute);
     void projectedAggregate(const ASGroupAttribute& attribute);
@@ -67,9 +71,9 @@ class ASSqlBuilder {
 
     const ASDialect& m_dialect;
     ASPurpose m_purpose;
+    bool m_exactSums = false;
     std::string m_text;
     std::vector<const ASValue*> m_parameters;
-    ASComparison m_restricted;  ///< holds some of the parameters
     ASValue m_limit;
     ASValue m_offset;
 };
