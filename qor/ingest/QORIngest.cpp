@@ -115,6 +115,7 @@ private:
         } catch (const QORException& error) {
             return refuse(error.message());
         }
+        m_refusedInARow = 0;
         if (m_batch.size() == 1) m_firstLine = lines.number();
         m_batchBytes += lines.line().size();
         if (m_batch.size() >= m_options.batchRecords || m_batchBytes >= m_options.batchBytes) flush();
@@ -125,6 +126,12 @@ private:
         if (m_result.refusedLines.size() < m_options.refusedKept) {
             m_result.refusedLines.push_back({m_result.lastLine, std::move(reason)});
         }
+        if (++m_refusedInARow < m_options.refusedInARow) return;
+        flush();
+        if (m_result.failure) return;
+        m_result.failure = QORIngestFailure{
+            m_result.lastLine + 1, m_result.lastLine + 1,
+            "the " + std::to_string(m_refusedInARow) + " lines before it are no records; the rest was not read"};
     }
 
     void flush() {
@@ -162,6 +169,7 @@ private:
     std::vector<QORRecord> m_batch;
     std::size_t m_batchBytes = 0;
     std::uint64_t m_firstLine = 0;
+    std::uint64_t m_refusedInARow = 0;
     QORIngestResult m_result;
 };
 

@@ -23,6 +23,7 @@ struct QORIngestOptions {
     std::size_t batchBytes = 8 * 1024 * 1024;     ///< of lines in one transaction, which bounds the memory it takes
     std::size_t maxLineBytes = 16 * 1024 * 1024;  ///< a longer line is refused
     std::size_t refusedKept = 1000;               ///< refused lines that the result names; all are counted
+    std::uint64_t refusedInARow = 100'000;        ///< after so many the rest is not read: these are no records
 };
 
 /// What became of the records of one kind.
@@ -37,11 +38,12 @@ struct QORRefusedLine {
     std::string reason;
 };
 
-/// A batch that the database did not take. What went before it is stored; it, and everything after it, is not.
+/// Why the reading ended early: a batch that the database did not take, or lines that are no records. What went before
+/// is stored; it, and everything after it, is not.
 struct QORIngestFailure {
     std::uint64_t firstLine = 0;
     std::uint64_t lastLine = 0;  ///< of the batch; later lines have not been read
-    std::string reason;          ///< the database's text
+    std::string reason;          ///< the database's text, or ours
 };
 
 /// What has been done so far: counts hold only what is durable.
@@ -68,7 +70,8 @@ using QORIngestProgress = std::function<void(const QORIngestResult&)>;
 /// several objects may write at once, the database makes them take turns.
 ///
 /// A bad line is counted, named and passed over. Blank lines are passed over. A batch is one transaction: it is stored
-/// whole and durably, or not at all; the first batch that the database refuses (locked, full) ends the run. Only
+/// whole and durably, or not at all; the first batch that the database refuses (locked, full) ends the run, and so do
+/// refusedInARow bad lines without a good one between them. Only
 /// what is in the way of every record throws: nothing here does, but for running out of memory.
 class QORIngest {
 public:

@@ -74,6 +74,18 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Ctl, Command, testing::Values(Way::Agent, Way::Standalone),
                          [](const auto& way) { return way.param == Way::Agent ? "Agent" : "Standalone"; });
 
+TEST_P(Command, ImportGivesUpOnWhatIsNoFileOfRecords) {
+    std::string lines = R"({"kind":"event","time":1})"
+                        "\n";
+    for (int i = 0; i < 120'000; ++i)
+        lines += "x\n";
+    const CtlResult result = run({"import"}, lines);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("event: 1 added"));
+    EXPECT_THAT(result.err, HasSubstr("lines before it are no records; the rest was not read"));
+    EXPECT_THAT(result.out, testing::Not(HasSubstr("refused: 120000")));
+}
+
 TEST_P(Command, StatusTellsOfTheDatabaseAndWhatCannotBeReadInIt) {
     const std::string sound = outputOf({"status", "-o", "csv"});
     EXPECT_THAT(sound, HasSubstr("what,value\r\n"));

@@ -92,6 +92,27 @@ TEST_F(QORIngestTest, DocumentsOfBackupsAreNeitherCutNorMixed) {
                                 {"none", "<null>"}}));
 }
 
+TEST_F(QORIngestTest, LinesThatAreNoRecordsEndTheReadingAfterAWhile) {
+    QORIngestOptions options;
+    options.refusedInARow = 10;
+    std::string bad;
+    for (int i = 0; i < 9; ++i)
+        bad += "x\n";
+    // A good line between them begins the count anew; blank lines do not count.
+    const auto enough = QORIngest(options).importBatch(bad + eventLine(1) + bad + "\n\n" + eventLine(2));
+    EXPECT_EQ(enough.refused, 18U);
+    EXPECT_EQ(enough.accepted(), 2U);
+    EXPECT_FALSE(enough.failure);
+    const auto tooMany = QORIngest(options).importBatch(eventLine(3) + bad + "\nx\nx\nx\n" + eventLine(4), 101);
+    EXPECT_EQ(tooMany.refused, 10U);
+    EXPECT_EQ(tooMany.accepted(), 1U);
+    EXPECT_EQ(tooMany.lastLine, 112U);
+    ASSERT_TRUE(tooMany.failure);
+    EXPECT_EQ(tooMany.failure->firstLine, 113U);
+    EXPECT_EQ(tooMany.failure->reason, "the 10 lines before it are no records; the rest was not read");
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_event"), "3");
+}
+
 TEST_F(QORIngestTest, SecurityColumnsHoldTheNumberInTheirName) {
     m_ingest.importBatch(std::string(R"({"kind":"environment","eid":")") + eidA + "\"}\n" + operationLine("a", 1) +
                          eventLine(1) + R"({"kind":"backup","id":"b","time":1})");

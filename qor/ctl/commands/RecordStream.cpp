@@ -34,13 +34,24 @@ void QORRecordStream::finish() {
 }
 
 bool QORRecordStream::send() {
-    const QORIngestResult result = m_backend.importBatch(m_batch, m_lines - m_linesInBatch + 1);
+    QORIngestResult result = m_backend.importBatch(m_batch, m_lines - m_linesInBatch + 1);
     m_batch.clear();
     m_linesInBatch = 0;
     tellRefused(result);
+    result.refusedLines.clear();  // told; a long import would gather them without end
     m_result.merge(result);
+    giveUpAfterRefusals(result);
     tellProgress(false);
     return !m_result.failure;
+}
+
+/// What a batch's own bound on bad lines is for one batch. With a good line among them a batch begins anew.
+void QORRecordStream::giveUpAfterRefusals(const QORIngestResult& result) {
+    m_refusedInARow = result.accepted() > 0 ? 0 : m_refusedInARow + result.refused;
+    if (m_refusedInARow < QORIngestOptions().refusedInARow || m_result.failure) return;
+    m_result.failure = QORIngestFailure{
+        m_lines + 1, m_lines + 1,
+        "the " + std::to_string(m_refusedInARow) + " lines before it are no records; the rest was not read"};
 }
 
 void QORRecordStream::tellRefused(const QORIngestResult& result) {

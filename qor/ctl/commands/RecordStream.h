@@ -30,6 +30,7 @@ private:
 
     bool send();
     void tellRefused(const QORIngestResult& result);
+    void giveUpAfterRefusals(const QORIngestResult& result);
     void tellProgress(bool last);
     void clearProgress();
 
@@ -41,6 +42,7 @@ private:
     std::uint64_t m_linesInBatch = 0;
     std::uint64_t m_lines = 0;  ///< added so far
     std::uint64_t m_refusedTold = 0;
+    std::uint64_t m_refusedInARow = 0;
     QORIngestResult m_result;
     Clock::time_point m_lastProgress = Clock::now();
     bool m_progressShown = false;

@@ -3,11 +3,12 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <map>
 #include <pugixml.hpp>
 #include <set>
 #include <span>
 #include <system_error>
+#include <unordered_map>
 
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
@@ -62,11 +63,50 @@ const std::string* valueOf(const QORVocParameter& parameter, std::string_view ke
     return nullptr;
 }
 
+/// Where the lines of a text end, so that the line of a place is found without going through all before it.
+class LineIndex {
+public:
+    LineIndex(std::string_view text, std::uint64_t& steps) : m_steps(steps) {
+        for (std::size_t at = text.find('\n'); at != std::string_view::npos; at = text.find('\n', at + 1))
+            m_ends.push_back(at);
+        m_steps += m_ends.size();
+    }
+    /// The number, from 1, of the line that the byte is in.
+    std::size_t lineAt(std::ptrdiff_t offset) const {
+        const auto at = static_cast<std::size_t>(std::max<std::ptrdiff_t>(offset, 0));
+        const auto before = [this](std::size_t end, std::size_t byte) {
+            ++m_steps;
+            return end < byte;
+        };
+        return 1 +
+               static_cast<std::size_t>(std::lower_bound(m_ends.begin(), m_ends.end(), at, before) - m_ends.begin());
+    }
+
+private:
+    std::uint64_t& m_steps;
+    std::vector<std::size_t> m_ends;
+};
+
+/// Compares identifiers, and counts it.
+struct CountingEqual {
+    std::uint64_t* steps;
+    bool operator()(const std::string& a, const std::string& b) const {
+        ++*steps;
+        return a == b;
+    }
+};
+using Identifiers = std::unordered_map<std::string, std::size_t, std::hash<std::string>, CountingEqual>;
+
+Identifiers noIdentifiers(std::uint64_t& steps) {
+    return Identifiers(0, std::hash<std::string>(), CountingEqual{&steps});
+}
+
 /// Reads one text into a vocabulary of its own.
 class FileReader {
 public:
-    FileReader(std::string_view xml, const std::string& file, std::vector<QORVocMistake>& mistakes)
-        : m_xml(xml), m_file(file), m_mistakes(mistakes) {}
+    FileReader(std::string_view xml, const std::string& file, std::vector<QORVocMistake>& mistakes,
+               std::uint64_t& steps)
+        : m_xml(xml), m_file(file), m_mistakes(mistakes), m_steps(steps), m_lines(xml, steps) {}
 
     bool read(QORVocMap& out) {
         pugi::xml_document document;
@@ -95,19 +135,12 @@ private:
         return node.type() == pugi::node_element || node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
     }
 
-    std::size_t lineAt(std::ptrdiff_t offset) const {
-        const auto end =
-            static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(offset, 0, static_cast<std::ptrdiff_t>(m_xml.size())));
-        return 1 + static_cast<std::size_t>(
-                       std::count(m_xml.begin(), m_xml.begin() + static_cast<std::ptrdiff_t>(end), '\n'));
-    }
-
     bool refuse(std::ptrdiff_t offset, std::string reason) {
-        m_mistakes.push_back({m_file, lineAt(offset), std::move(reason), true});
+        m_mistakes.push_back({m_file, m_lines.lineAt(offset), std::move(reason), true});
         return false;
     }
     void wrong(const pugi::xml_node& node, std::string reason) {
-        m_mistakes.push_back({m_file, lineAt(node.offset_debug()), std::move(reason), false});
+        m_mistakes.push_back({m_file, m_lines.lineAt(node.offset_debug()), std::move(reason), false});
     }
 
     static std::string describe(const pugi::xml_node& node) {
@@ -150,7 +183,8 @@ private:
                 continue;
             }
             QORVocParameter parameter = readParameter(child);
-            check(child, parameter, category, rule == rules.end() ? nullptr : rule);
+            Identifiers& known = m_known.try_emplace(name, noIdentifiers(m_steps)).first->second;
+            check(child, parameter, known, rule == rules.end() ? nullptr : rule);
             category.push_back(std::move(parameter));
         }
     }
@@ -158,7 +192,7 @@ private:
     QORVocParameter readParameter(const pugi::xml_node& node) {
         QORVocParameter parameter;
         parameter.file = m_file;
-        parameter.line = lineAt(node.offset_debug());
+        parameter.line = m_lines.lineAt(node.offset_debug());
         for (const pugi::xml_attribute& attribute : node.attributes()) {
             if (std::string_view(attribute.name()) == "id") {
                 parameter.id = attribute.value();
@@ -171,6 +205,11 @@ private:
             if (child.type() != pugi::node_element) {
                 wrong(child, "unexpected " + describe(child) + ": a parameter holds elements");
                 continue;
+            }
+            if (parameter.values.size() == QORVocReader::maxValues) {
+                wrong(child, "parameter " + quoteText(parameter.id) + " holds more than " +
+                                 std::to_string(QORVocReader::maxValues) + " values; what follows is passed over");
+                break;
             }
             readValue(child, parameter);
         }
@@ -193,12 +232,12 @@ private:
         parameter.values.emplace_back(node.name(), std::move(text));
     }
 
-    void check(const pugi::xml_node& node, const QORVocParameter& parameter, const QORVocMap::Category& category,
+    /// \param known the identifiers before it in its category
+    void check(const pugi::xml_node& node, const QORVocParameter& parameter, Identifiers& known,
                const CategoryRule* rule) {
         if (parameter.id.empty()) {
             wrong(node, "a parameter needs an id; this one is passed over");
-        } else if (std::any_of(category.begin(), category.end(),
-                               [&](const QORVocParameter& one) { return one.id == parameter.id; })) {
+        } else if (!known.emplace(parameter.id, 0).second) {
             wrong(node, "parameter " + quoteText(parameter.id) + " is there twice");
         }
         if (rule == nullptr) return;
@@ -233,22 +272,24 @@ private:
     std::string_view m_xml;
     const std::string& m_file;
     std::vector<QORVocMistake>& m_mistakes;
+    std::uint64_t& m_steps;
+    LineIndex m_lines;
+    std::map<std::string, Identifiers, std::less<>> m_known;  // of each category
 };
 
 /// Puts the parameters of one vocabulary on top of another's.
-void merge(const QORVocMap& from, QORVocMap& to) {
+void merge(const QORVocMap& from, QORVocMap& to, std::uint64_t& steps) {
     for (const auto& [name, parameters] : from.categories()) {
         QORVocMap::Category& category = to.category(name);
-        const auto before = static_cast<std::ptrdiff_t>(category.size());
+        Identifiers before = noIdentifiers(steps);
+        for (std::size_t at = 0; at < category.size(); ++at)
+            before.emplace(category[at].id, at);  // of equal ones the first
         for (const QORVocParameter& parameter : parameters) {
-            const auto end = category.begin() + before;
-            const auto same = std::find_if(category.begin(), end, [&](const QORVocParameter& one) {
-                return !one.id.empty() && one.id == parameter.id;
-            });
-            if (same == end) {
+            const auto same = parameter.id.empty() ? before.end() : before.find(parameter.id);
+            if (same == before.end()) {
                 category.push_back(parameter);
             } else {
-                *same = parameter;
+                category[same->second] = parameter;
             }
         }
     }
@@ -271,7 +312,9 @@ bool QORVocReader::readFile(const std::filesystem::path& file) {
     }
     errno = 0;
     std::ifstream stream(file, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    std::string text(maxBytes + 1, '\0');  // one more tells that there is more
+    stream.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(stream.gcount()));
     if (!stream.is_open() || stream.bad()) {
         m_mistakes.push_back({file.string(), 0, std::string("cannot be read: ") + std::strerror(errno), true});
         return false;
@@ -280,10 +323,14 @@ bool QORVocReader::readFile(const std::filesystem::path& file) {
 }
 
 bool QORVocReader::readText(std::string_view xml, const std::string& file) {
+    if (xml.size() > maxBytes) {
+        m_mistakes.push_back({file, 0, "longer than " + std::to_string(maxBytes) + " bytes", true});
+        return false;
+    }
     const QORPtr<QORVocMap> own = makeQORPtr<QORVocMap>();
-    if (!FileReader(xml, file, m_mistakes).read(*own)) return false;
+    if (!FileReader(xml, file, m_mistakes, m_steps).read(*own)) return false;
     const QORPtr<QORVocMap> together = makeQORPtr<QORVocMap>(*m_vocabulary);
-    merge(*own, *together);
+    merge(*own, *together, m_steps);
     m_vocabulary = together;
     return true;
 }

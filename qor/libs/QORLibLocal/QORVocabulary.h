@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -108,6 +109,12 @@ public:
     QORVocReader(const QORVocReader&) = delete;
     QORVocReader& operator=(const QORVocReader&) = delete;
 
+    /// What a file may hold. A larger one is none that somebody has written; it is refused.
+    static constexpr std::size_t maxBytes = std::size_t{16} << 20;
+    /// What one parameter may hold; further values are passed over.
+    static constexpr std::size_t maxValues = 64;
+
+    /// Takes time in proportion to the file's size.
     /// \returns false when the file cannot be used at all; nothing of it has been taken then
     bool readFile(const std::filesystem::path& file);
     /// The same for a text. \param file what to call it in mistakes
@@ -119,9 +126,12 @@ public:
     const std::vector<QORVocMistake>& mistakes() const noexcept { return m_mistakes; }
     /// What has been read.
     QORPtr<const QORVocMap> vocabulary() const;
+    /// Lines and identifiers that have been looked at in order to find others: grows no faster than what was read.
+    std::uint64_t steps() const noexcept { return m_steps; }
 
 private:
     QORPtr<QORVocMap> m_vocabulary;
+    std::uint64_t m_steps = 0;
     std::vector<QORVocMistake> m_mistakes;
 };
 

@@ -151,6 +151,64 @@ TEST(VocabularyTest, FilesThatCannotBeReadAreNamed) {
     EXPECT_THAT(reader.mistakes()[1].text(), HasSubstr("this is a folder"));
 }
 
+/// Many fields, a line each, with a mistake in every fourth.
+std::string manyFields(int count) {
+    std::string fields;
+    for (int i = 0; i < count; ++i) {
+        const std::string id = "pager.env.some.field." + std::to_string(1000000 + i);
+        fields += "<parameter id=\"" + id + "\"><source>env/config/a</source>" + (i % 4 == 0 ? "<type>x</type>" : "") +
+                  "</parameter>\n";
+    }
+    return inFields(fields);
+}
+
+TEST(VocabularyTest, ReadingTakesWorkInProportionToTheFields) {
+    const auto steps = [](int count) {
+        QORVocReader reader;
+        EXPECT_TRUE(reader.readText(manyFields(count), "one"));
+        EXPECT_TRUE(reader.readText(manyFields(count), "two"));
+        reader.checkTogether();
+        EXPECT_EQ(reader.mistakes().size(), static_cast<std::size_t>(count) / 2);
+        EXPECT_EQ(reader.vocabulary()->categories().begin()->second.size(), static_cast<std::size_t>(count));
+        return reader.steps();
+    };
+    const std::uint64_t few = steps(1000);
+    const std::uint64_t many = steps(16000);
+    EXPECT_GT(few, 1000U);
+    EXPECT_LE(many, 16 * few * 3 / 2);  // a line is found by halving
+}
+
+TEST(VocabularyTest, MistakesInLargeFilesAreInTheirLines) {
+    QORVocReader reader;
+    ASSERT_TRUE(reader.readText(manyFields(100), "one"));
+    ASSERT_EQ(reader.mistakes().size(), 25U);
+    const std::size_t first = reader.mistakes().front().line;
+    for (std::size_t i = 0; i < reader.mistakes().size(); ++i)
+        EXPECT_EQ(reader.mistakes()[i].line, first + 4 * i);
+}
+
+TEST(VocabularyTest, AFileBeyondAnySenseIsRefused) {
+    QORVocReader reader;
+    const std::string comment = "<!--" + std::string(QORVocReader::maxBytes, 'x') + "-->";
+    EXPECT_FALSE(reader.readText("<vocabulary>" + comment + "</vocabulary>", "large"));
+    ASSERT_EQ(reader.mistakes().size(), 1U);
+    EXPECT_EQ(reader.mistakes().front().text(), "large: longer than 16777216 bytes");
+    TemporaryDirectory folder;
+    std::ofstream(folder / "large.xml") << "<vocabulary>" << comment << "</vocabulary>";
+    EXPECT_FALSE(reader.readFile(folder / "large.xml"));
+    EXPECT_THAT(reader.mistakes().back().text(), HasSubstr("large.xml: longer than 16777216 bytes"));
+}
+
+TEST(VocabularyTest, ValuesBeyondAnySenseArePassedOver) {
+    std::string values = "<source>1</source>";
+    for (int i = 0; i < 100; ++i)
+        values += "<v" + std::to_string(i) + "/>";
+    QORVocReader reader;
+    ASSERT_TRUE(reader.readText(inFields("<parameter id=\"a\">" + values + "</parameter>"), "one"));
+    EXPECT_EQ(reader.vocabulary()->categories().begin()->second.front().values.size(), QORVocReader::maxValues);
+    EXPECT_THAT(reader.mistakes().front().text(), HasSubstr("holds more than 64 values; what follows is passed over"));
+}
+
 TEST(VocabularyTest, TheShippedFileHasNoMistakes) {
     QORVocReader reader;
     ASSERT_TRUE(reader.readFile(std::filesystem::path(QOR_TEST_DATA_DIR) / "../../../packaging/vocabulary.xml"));
