@@ -47,7 +47,11 @@ TIdentifierHandle TExpressionEvaluationParser::bindingHandle(std::string_view na
 }
 
 bool TExpressionEvaluationParser::setOther(TIdentifierHandle handle, std::string_view text) {
-    return !handle || (*handle.m_value)->setValueFromString(std::string(text));
+    if (!handle) return true;
+    TBaseValue* const value = handle.m_value->get();
+    if (value->type() != TValueType::Boolean) return value->setValueFromString(std::string(text));
+    static_cast<TBooleanValue*>(value)->assign(TBooleanValue::isTrueText(text));
+    return false;
 }
 
 void TExpressionEvaluationParser::clearIdentifiersMap() {

@@ -148,14 +148,8 @@ private:
     /// What setValueFromString of the class does, without making a string of the text.
     static bool setNumber(TIdentifierHandle handle, std::string_view text) {
         TBaseValue* const value = handle ? handle.m_value->get() : nullptr;
-        if (value == nullptr) return true;
-        if (value->type() == TValueType::Integer) {
-            static_cast<TIntegerValue*>(value)->assign(readInteger(text));
-        } else if (value->type() == TValueType::Boolean) {
-            static_cast<TBooleanValue*>(value)->assign(TBooleanValue::isTrueText(text));
-        } else {
-            return setOther(handle, text);
-        }
+        if (value == nullptr || value->type() != TValueType::Integer) return setOther(handle, text);
+        static_cast<TIntegerValue*>(value)->assign(readInteger(text));
         return false;
     }
     static bool setOther(TIdentifierHandle handle, std::string_view text);
