@@ -113,22 +113,14 @@ QORFieldSet::Position QORFieldSet::addInfoField(std::string name, TCursorType cu
         .first;
 }
 
-QORFieldSet::Demanded QORFieldSet::takeDemanded() {
-    Demanded taken;
-    taken.reserve(m_demanded.size());
+std::vector<std::string> QORFieldSet::takeDemanded() {
+    std::vector<std::string> names;
+    names.reserve(m_demanded.size());
     for (const Position position : m_demanded)
-        taken.push_back(m_fields.extract(position));
+        names.push_back(std::move(m_fields.extract(position).value().name));
     m_demanded = {};
     m_demandedBytes = 0;
-    return taken;
-}
-
-void QORFieldSet::putDemanded(Demanded fields) {
-    m_demanded.reserve(fields.size());
-    for (Fields::node_type& field : fields) {
-        m_demandedBytes += field.value().name.size();
-        m_demanded.push_back(m_fields.insert(std::move(field)).position);
-    }
+    return names;
 }
 
 }  // namespace QOR

@@ -70,12 +70,8 @@ public:
     /// Fields made on demand that are in the set, and the bytes of their names.
     std::size_t demandedCount() const noexcept { return m_demanded.size(); }
     std::size_t demandedBytes() const noexcept { return m_demandedBytes; }
-    /// Fields made on demand, out of the set.
-    using Demanded = std::vector<Fields::node_type>;
-    /// Takes the fields made on demand out of the set.
-    Demanded takeDemanded();
-    /// Puts back what takeDemanded() has taken out. \pre there is none in the set, and init() was not called since
-    void putDemanded(Demanded fields);
+    /// Takes the fields made on demand out of the set. \returns their names, for which checkPrefix() makes them again
+    std::vector<std::string> takeDemanded();
 
 private:
     using Prefixes = std::map<std::string, InfoPrefixDescription, std::less<>>;

@@ -122,6 +122,15 @@ TEST_F(AgentOnRecords, ShowsAClientWhatIsItsOwn) {
     EXPECT_EQ(firstCells(ask(Ask{{"pager.op_log.id"}})), "o3 o2 o1");
 }
 
+TEST_F(AgentOnRecords, TellsNobodyWhatOthersHaveAskedFor) {
+    const std::string name = "pager.op_log.parameter.of_a";
+    const Ask sorted{{"pager.op_log.id"}, {}, ",[1743,[[1741,\"" + name + "\"]]]"};
+    ASSERT_EQ(ask(Ask{{name}}, eidA).error, "");
+    EXPECT_EQ(ask(sorted, eidB).error, "3111 Pager error: unknown field \"" + name + "\"");
+    EXPECT_EQ(ask(sorted).error, "3111 Pager error: unknown field \"" + name + "\"");
+    EXPECT_EQ(ask(sorted, eidA).error, "");
+}
+
 TEST_F(AgentOnRecords, ShowsWhatIsImportedAtOnce) {
     HttpClient other(agent.socketPath());
     EXPECT_EQ(firstCells(ask(Ask{{"pager.op_log.id"}, {}, limit(1, 0)})), "o3");

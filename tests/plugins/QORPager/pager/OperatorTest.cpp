@@ -199,15 +199,25 @@ TEST_F(Operator, WhatOneConnectionMakesItKeepIsBounded) {
     const std::string refusal = client.errorOf(Ask{{prefix + std::string(200'000, 'y')}}.body());
     EXPECT_THAT(refusal, AllOf(StartsWith("400 "), HasSubstr("too many names"), HasSubstr("yyy...\"")));
     EXPECT_LT(refusal.size(), 300U);
-    // Identities count that have names; those that have none may come in any number.
-    int named = 1;
-    for (int number = 0; number < 100; ++number) {
-        const std::string own = "00000000-0000-4000-8000-0000000000" + std::to_string(10 + number % 90);
-        EXPECT_EQ(client.errorOf(Ask{{"pager.op_log.id"}}.body(), standingFor({own.c_str()})), "");
-        if (number >= 90) continue;
-        if (client.errorOf(Ask{{prefix + "x"}}.body(), standingFor({own.c_str()})).empty()) ++named;
+    // Very many identities may have a few names, or some very long ones.
+    const auto identity = [](int number) {
+        return standingFor({("00000000-0000-4000-8000-" + std::to_string(100000000000 + number)).c_str()});
+    };
+    for (int number = 0; number < 1000; ++number) {
+        ASSERT_EQ(client.errorOf(Ask{{prefix + "x", prefix + "y"}}.body(), identity(number)), "") << number;
     }
-    EXPECT_EQ(named, 32);
+    int named = 0;
+    for (int number = 0; number < 100; ++number) {
+        if (client.errorOf(Ask{{prefix + std::string(200'000, 'z')}}.body(), identity(number)).empty()) ++named;
+    }
+    EXPECT_GT(named, 70);
+    EXPECT_LT(named, 84);
+    const std::string another = Ask{{prefix + std::string(200'000, 'w')}}.body();
+    EXPECT_THAT(client.errorOf(another, identity(2000)), HasSubstr("too many names"));
+    EXPECT_EQ(client.errorOf(Ask{{"pager.op_log.id"}}.body(), identity(2000)), "");
+    EXPECT_EQ(client.errorOf(sortedBy(prefix + "y"), identity(999)), "");
+    client.disconnect();
+    EXPECT_EQ(client.errorOf(another, identity(2000)), "");
 }
 
 /// Bytes that this process keeps in memory.

@@ -26,11 +26,17 @@ bool QORKnownNames::use(const QORClientContextPtr& identity, QORFieldSet& fields
     const bool same = m_inUse != nullptr && !less(m_inUse, identity) && !less(identity, m_inUse);
     const QORClientContextPtr before = std::exchange(m_inUse, identity);
     if (same) return false;
-    QORFieldSet::Demanded names = fields.takeDemanded();
+    const std::size_t memory = memoryOf(before, fields.demandedCount(), fields.demandedBytes());
+    std::vector<std::string> names = fields.takeDemanded();
     bool changed = !names.empty();
-    if (changed) m_others.insert_or_assign(before, std::move(names));
+    if (changed) {
+        m_others.emplace(before, std::move(names));
+        m_memoryOfOthers += memory;
+    }
     if (const auto found = m_others.find(identity); found != m_others.end()) {
-        fields.putDemanded(std::move(found->second));
+        for (const std::string& name : found->second)
+            fields.checkPrefix(name);
+        m_memoryOfOthers -= memoryOf(found->first, fields.demandedCount(), fields.demandedBytes());
         m_others.erase(found);
         changed = true;
     }
@@ -38,13 +44,24 @@ bool QORKnownNames::use(const QORClientContextPtr& identity, QORFieldSet& fields
 }
 
 bool QORKnownNames::hasRoomFor(std::string_view name, const QORFieldSet& fields) const {
-    const bool one = fields.demandedCount() < mostNames && name.size() <= mostBytes - fields.demandedBytes();
-    return one && (fields.demandedCount() > 0 || m_others.size() < mostIdentities);
+    if (fields.demandedCount() >= mostNames || name.size() > mostBytes - fields.demandedBytes()) return false;
+    const std::size_t memory = memoryOf(m_inUse, fields.demandedCount() + 1, fields.demandedBytes() + name.size());
+    return memory <= mostBytesInAll - m_memoryOfOthers;
+}
+
+/// What an identity with names takes, roughly: a text and its place for each name, an object for each of its parts.
+std::size_t QORKnownNames::memoryOf(const QORClientContextPtr& identity, std::size_t names, std::size_t bytes) {
+    constexpr std::size_t ofName = 64;
+    constexpr std::size_t ofIdentifier = 128;
+    constexpr std::size_t ofIdentity = 512;
+    const std::size_t identifiers = identity == nullptr ? 0 : identity->token->sids().size();
+    return names == 0 ? 0 : ofIdentity + ofIdentifier * identifiers + ofName * names + bytes;
 }
 
 void QORKnownNames::clear() {
     m_inUse.reset();
     m_others.clear();
+    m_memoryOfOthers = 0;
 }
 
 }  // namespace QOR

@@ -4,7 +4,9 @@
 
 #include <cstddef>
 #include <map>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "QORLibAgent/QORSecurity.h"
 #include "QORPager/QORFieldSet.h"
@@ -17,10 +19,10 @@ namespace QOR {
 /// names. Belongs to one operator object and its field set.
 class QORKnownNames {
 public:
-    /// Names of one identity, and their bytes; identities of a connection that have any.
+    /// Names of one identity, and their bytes; bytes that all of them take together with those that they belong to.
     static constexpr std::size_t mostNames = 1024;
     static constexpr std::size_t mostBytes = std::size_t{256} << 10;
-    static constexpr std::size_t mostIdentities = 32;
+    static constexpr std::size_t mostBytesInAll = std::size_t{16} << 20;
 
     /// From now on the set holds the names of this identity, and no other's. \returns whether that changed the set
     bool use(const QORClientContextPtr& identity, QORFieldSet& fields);
@@ -34,8 +36,12 @@ private:
         bool operator()(const QORClientContextPtr& a, const QORClientContextPtr& b) const;
     };
 
+    static std::size_t memoryOf(const QORClientContextPtr& identity, std::size_t names, std::size_t bytes);
+
     QORClientContextPtr m_inUse;
-    std::map<QORClientContextPtr, QORFieldSet::Demanded, IdentityLess> m_others;  ///< each of them has names
+    /// The names of those that are not in use, and that have any.
+    std::map<QORClientContextPtr, std::vector<std::string>, IdentityLess> m_others;
+    std::size_t m_memoryOfOthers = 0;
 };
 
 }  // namespace QOR
