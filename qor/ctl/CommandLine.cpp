@@ -45,6 +45,8 @@ constexpr std::uint64_t mostRows = std::numeric_limits<std::int32_t>::max();
 constexpr std::uint64_t mostColumns = 100'000;
 /// Of one kind, in a sample.
 constexpr std::uint64_t mostRecords = 1'000'000'000;
+/// Of one proof.
+constexpr std::uint64_t mostRequests = 10'000'000;
 
 /// Everything that the options are read into, and the command to run.
 class CommandLine {
@@ -64,6 +66,7 @@ public:
         addImport();
         addSample();
         addCollect();
+        addSelfCheck();
         addFilterCommand(m_app, m_filterExit);
     }
 
@@ -245,6 +248,24 @@ private:
         addConnection(*app, true);
     }
 
+    void addSelfCheck() {
+        CLI::App* const app = m_app.add_subcommand("self-check", "Proofs about this program, on copies of a database");
+        app->require_subcommand(1);
+        app->footer(exitNote);
+        CLI::App* const security = app->add_subcommand(
+            "security", "Prove that rows which a client may not see tell it nothing: its answers are those of a "
+                        "database without them");
+        security->callback([this] { m_run = [this] { runSelfCheckSecurity(m_connection, m_security); }; });
+        addNumber(*security, "--requests", {1, mostRequests}, "requests to make up, by default 20000",
+                  [this](std::uint64_t requests) { m_security.requests = requests; });
+        addNumber(*security, "--seed", {0, std::numeric_limits<std::uint64_t>::max()},
+                  "the same seed makes the same requests, by default 1",
+                  [this](std::uint64_t seed) { m_security.seed = seed; });
+        addConnection(*security, true);
+        security->footer("The database is only read; copies of it lie in a private folder of temporary files meanwhile.\n" +
+                         std::string(exitNote));
+    }
+
     CLI::App m_app{"Asks the agent of this machine, or a database directly.", "qorctl"};
     QORConnectionOptions m_connection;
     QORSelectOptions m_select;
@@ -257,6 +278,7 @@ private:
     QORPrintOptions m_statusPrint;
     QORImportOptions m_import;
     QORSampleCommandOptions m_sample;
+    QORSecurityCommandOptions m_security;
     std::function<void()> m_run;
     int m_filterExit = 0;
 };

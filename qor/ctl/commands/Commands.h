@@ -55,6 +55,11 @@ struct QORSampleCommandOptions {
     QORReportOptions report;
 };
 
+struct QORSecurityCommandOptions {
+    std::uint64_t requests = 20'000;
+    std::uint64_t seed = 1;
+};
+
 void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& options, const QORPrintOptions& print);
 void runRows(const QORConnectionOptions& connection, const QORRowsOptions& options, const QORPrintOptions& print);
 void runRequest(const QORConnectionOptions& connection, const QORRequestOptions& options);
@@ -64,5 +69,7 @@ void runStatus(const QORConnectionOptions& connection, const QORPrintOptions& pr
 void runImport(const QORConnectionOptions& connection, const QORImportOptions& options);
 void runSample(const QORConnectionOptions& connection, const QORSampleCommandOptions& options);
 void runCollect(const QORConnectionOptions& connection);
+/// Proves on a copy of the database that row security holds. Throws AnsweredError when it does not.
+void runSelfCheckSecurity(const QORConnectionOptions& connection, const QORSecurityCommandOptions& options);
 
 }  // namespace QOR

@@ -1,0 +1,71 @@
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "QORDBSchema/QORDBSchema.h"
+#include "commands/Commands.h"
+#include "output/Output.h"
+#include "selfcheck/SecurityCheck.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::size_t shownBytes = 2000;  // of a request or an answer that differs
+
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + name;
+    return text.empty() ? "none" : text;
+}
+
+std::string shown(const std::string& text) {
+    return text.size() <= shownBytes ? text : text.substr(0, shownBytes) + "...";
+}
+
+void print(const QORSecurityReport& report, QORFileOutput& out) {
+    const auto line = [&out](const std::string& text) { out << text + "\n"; };
+    line("Restricted views: " + joined(report.restrictedViews));
+    line("Views that everybody sees whole: " + joined(report.openViews));
+    line(std::to_string(report.requests) + " requests of " + std::to_string(report.clients) + " clients, answered by " +
+         std::to_string(report.rows) + " rows, of which");
+    for (const auto& [shape, count] : report.shapes)
+        line("  " + std::to_string(count) + " with " + shape);
+    for (const auto& [error, count] : report.errors)
+        line("  " + std::to_string(count) + " answered by the error: " + error);
+    for (const QORSecurityDifference& difference : report.differences) {
+        line("Different: " + shown(difference.request));
+        line("  the client was answered " + shown(difference.restricted));
+        line("  and should have been    " + shown(difference.expected));
+    }
+    line(std::to_string(report.different) + " answers differ from what the client's own rows give");
+}
+
+}  // namespace
+
+void runSelfCheckSecurity(const QORConnectionOptions& connection, const QORSecurityCommandOptions& options) {
+    if (!connection.standalone || connection.database.empty()) {
+        throw QORCtlError::usage(
+            "self-check needs the database itself: --standalone --database \"Driver=SQLite3;Database=FILE\"; an agent "
+            "may "
+            "serve it meanwhile, it is only read");
+    }
+    QORSecurityCheckOptions check;
+    check.requests = options.requests;
+    check.seed = options.seed;
+    check.plugIns = connection.plugIns;
+    if (::isatty(STDERR_FILENO) == 1) {
+        check.progress = [&](std::size_t done) { std::fprintf(stderr, "%zu of %zu\n", done, options.requests); };
+    }
+    const QORSecurityReport report = checkSecurity(QORDBSchema::databaseName(connection.database), check);
+    QORFileOutput out(STDOUT_FILENO);
+    print(report, out);
+    out.flush();
+    if (report.different > 0) {
+        throw QORCtlError(QORCtlExit::AnsweredError,
+                          "hidden rows tell of themselves: " + std::to_string(report.different) + " of " +
+                              std::to_string(report.requests) + " answers depend on them");
+    }
+}
+
+}  // namespace QOR

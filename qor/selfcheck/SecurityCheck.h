@@ -1,0 +1,51 @@
+/// \file
+/// Proof by non-interference that hidden rows tell nothing: for made-up requests, what a client without full access is
+/// answered, errors included, is what full access is answered by a database that holds only the rows that the client
+/// may see.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace QOR {
+
+struct QORSecurityCheckOptions {
+    std::size_t requests = 20'000;
+    std::uint64_t seed = 1;
+    std::filesystem::path plugIns;  ///< empty: those that belong to the program
+    /// Called between the clients with the requests that are done.
+    std::function<void(std::size_t done)> progress;
+};
+
+struct QORSecurityDifference {
+    std::string request;     ///< the envelope in message notation, to be asked again
+    std::string restricted;  ///< the answer that the client was given
+    std::string expected;    ///< what full access was answered by the client's part of the database
+};
+
+struct QORSecurityReport {
+    std::size_t requests = 0;
+    std::size_t clients = 0;
+    std::size_t rows = 0;  ///< in all answers that were compared
+    std::vector<std::string> restrictedViews;
+    std::vector<std::string> openViews;         ///< securable by nobody: everybody sees them whole
+    std::map<std::string, std::size_t> shapes;  ///< requests that had each
+    std::map<std::string, std::size_t> errors;  ///< texts of errors that both answered, literals left out
+    std::size_t different = 0;
+    std::vector<QORSecurityDifference> differences;  ///< the first few
+};
+
+/// Whether two answers in message notation say the same. \param ordered false: rows in any order
+bool isSameAnswer(const std::string& left, const std::string& right, bool ordered);
+
+/// Copies the database (a file of SQLite, which is only read) into a private folder, makes of the copy a part for each
+/// of some clients, and asks. The process must host nothing else meanwhile: it is the whole host for that time.
+/// \throws QORException when the database cannot be read or copied, or nothing in it can be asked
+QORSecurityReport checkSecurity(const std::filesystem::path& database, const QORSecurityCheckOptions& options);
+
+}  // namespace QOR
