@@ -27,8 +27,8 @@ void require(int status) {
 
 class SelectBuilder {
 public:
-    explicit SelectBuilder(const QORSelectOptions& options)
-        : m_options(options), m_at(m_request.envelope.body.root()) {}
+    SelectBuilder(const QORSelectOptions& options, const QORColumnTypes& types)
+        : m_options(options), m_types(types), m_at(m_request.envelope.body.root()) {}
 
     QORSelectRequest build() {
         m_request.envelope.operatorName = "pager2";
@@ -86,7 +86,7 @@ private:
         require(m_at.addChild(tag::where));
         try {
             const std::size_t levels = m_request.envelope.body.limits().depth - levelsAboveCondition;
-            parseWhere(text, m_options.view, levels, m_at);
+            parseWhere(text, m_options.view, levels, m_at, m_types);
         } catch (const QORWhereError& error) {
             throw QORCtlError::usage("--where: " + describeWhereError(text, error));
         } catch (const QORException& error) {
@@ -139,6 +139,7 @@ private:
     void addClient() { m_request.envelope.client = makeClient(m_options.client); }
 
     const QORSelectOptions& m_options;
+    const QORColumnTypes& m_types;
     QORSelectRequest m_request;
     QORBinaryIterator m_at;
     std::vector<QORFieldSpec> m_fields;
@@ -161,8 +162,8 @@ std::optional<QORClientDescription> makeClient(const std::vector<std::string>& e
     return client;
 }
 
-QORSelectRequest makeSelectRequest(const QORSelectOptions& options) {
-    return SelectBuilder(options).build();
+QORSelectRequest makeSelectRequest(const QORSelectOptions& options, const QORColumnTypes& types) {
+    return SelectBuilder(options, types).build();
 }
 
 }  // namespace QOR

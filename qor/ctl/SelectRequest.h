@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORMessage/QORNotation.h"
+#include "where/StoredForm.h"
 
 namespace QOR {
 
@@ -37,7 +38,8 @@ struct QORSelectRequest {
 /// \throws QORCtlError BadUsage naming what is no environment
 std::optional<QORClientDescription> makeClient(const std::vector<std::string>& eids);
 
+/// \param types see parseWhere()
 /// \throws QORCtlError BadUsage naming the option that cannot be meant; for the condition the text shows the place
-QORSelectRequest makeSelectRequest(const QORSelectOptions& options);
+QORSelectRequest makeSelectRequest(const QORSelectOptions& options, const QORColumnTypes& types = {});
 
 }  // namespace QOR

@@ -135,6 +135,53 @@ TEST_P(Command, SelectTakesEveryPartOfARequest) {
               "hostname\r\nalpha\r\n");
 }
 
+TEST_P(Command, ListsAndBoundsFindWhatEquationsFind) {
+    const auto idsWhere = [this](const std::string& condition) {
+        return outputOf({"select", "--view", "vOpLog", "-f", "id", "--where", condition, "--sort=id", "-o", "csv"});
+    };
+    const std::string time = outputOf({"select", "--view", "vOpLog", "-f", "time", "--where", "id = 'a'", "-o", "csv"});
+    const std::string begin = time.substr(time.find('2'), std::string("2024-05-01T00:00:00+0000").size());
+    const std::string only = idsWhere("time = '" + begin + "'");
+    EXPECT_THAT(only, HasSubstr("\r\na\r\n"));
+    EXPECT_EQ(idsWhere("time in ('" + begin + "')"), only);
+    EXPECT_EQ(idsWhere("time between '" + begin + "' and '" + begin + "'"), only);
+    EXPECT_EQ(idsWhere("id in (select id from vOpLog where time in ('" + begin + "'))"), only);
+    const CtlResult refused = run({"select", "--view", "vOpLog", "-f", "id", "--where", "time in ('yesterday')"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.err, HasSubstr("\"yesterday\" is not a date or time at character 10\n"));
+}
+
+TEST_P(Command, AClientThatStandsForNoEnvironmentIsToldSo) {
+    const CtlResult select = run({"select", "--view", "vOpLog", "-f", "id", "--client", "none", "--count"});
+    EXPECT_THAT(select.out, HasSubstr("0 of 0 rows"));
+    EXPECT_EQ(select.err, "qorctl: note: this client stands for no environment, so no row of an environment is shown "
+                          "to it\n");
+    const CtlResult rows = run({"rows", "-f", "pager.op_log.id", "--client", "none"});
+    EXPECT_THAT(rows.err, HasSubstr("this client stands for no environment"));
+}
+
+TEST(Agent, TellsAUserWithoutRightsThatHeStandsForNoEnvironment) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+    const std::string program = ctlProgram();
+    for (std::filesystem::path folder = program; folder.has_relative_path(); folder = folder.parent_path())
+        if ((std::filesystem::status(folder).permissions() & std::filesystem::perms::others_exec) ==
+            std::filesystem::perms::none)
+            GTEST_SKIP() << "another user cannot reach " << folder;
+    AgentProcess agent({.more = {"--socket-group", "65534"}});
+    std::filesystem::permissions(agent.directory(), std::filesystem::perms(0755));
+    const auto ask = [&](Words words) {
+        Words command{"/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", program};
+        command.insert(command.end(), words.begin(), words.end());
+        command.insert(command.end(), {"--socket", agent.socketPath()});
+        test::CtlProcess process(command);
+        return process.finish();
+    };
+    const std::string note = "qorctl: note: you stand for no environment";
+    EXPECT_THAT(ask({"select", "--view", "vOpLog", "-f", "id"}).err, HasSubstr(note));
+    EXPECT_THAT(ask({"rows", "-f", "pager.op_log.id"}).err, HasSubstr(note));
+    EXPECT_THAT(ask({"views"}).err, testing::Not(HasSubstr(note)));
+}
+
 TEST_P(Command, SelectedTextsAreExact) {
     EXPECT_EQ(outputOf({"select", "--view", "vEnvironment", "-f", "title", "description", "--where",
                         "title = 'it''s, \"two\"'", "-o", "csv"}),
@@ -165,7 +212,9 @@ TEST_P(Command, AClientWithoutFullAccessSeesItsOwnRows) {
     };
     EXPECT_EQ(as({second}), "id\r\nc\r\n");
     EXPECT_EQ(as({second, first}), "id\r\na\r\nb\r\nc\r\n");
-    EXPECT_EQ(as({"none"}), "id\r\n");
+    Words none = ask;
+    none.insert(none.end(), {"--client", "none"});
+    EXPECT_EQ(run(none).out, "id\r\n");
 }
 
 TEST_P(Command, AnErrorThatIsAnsweredEndsWithOne) {

@@ -423,6 +423,81 @@ TEST(WhereParser, TreeIsWrittenAsMessagesAre) {
                     R"([2234,[[2222,[[1026,"upper"],[1741,"b"]]],[1018,"1"]]]]]]])");
 }
 
+// ---- stored forms -----------------------------------------------------------------------------------------------
+
+std::string typeOf(std::string_view view, std::string_view column) {
+    if (view != "v" && view != "w") return {};
+    if (column == "time") return "datetime";
+    if (column == "eid") return "uniqueidentifier";
+    if (column == "n") return "int";
+    if (column == "big") return "BIGINT";
+    if (column == "rate") return "decimal(10, 2)";
+    return column == "name" ? "nvarchar(64)" : "";
+}
+
+/// As parsed(), for views v and w whose columns have types.
+std::string stored(std::string_view text, const QORColumnTypes& types = typeOf) {
+    QORMessage message;
+    QORBinaryIterator at = message.root();
+    at.addChild(tag::where);
+    try {
+        parseWhere(text, "v", levels, at, types);
+    } catch (const QORWhereError& error) {
+        return std::to_string(error.offset()) + ": " + error.what();
+    }
+    std::string out;
+    print(*message.rootNode()->firstChild->firstChild, out);
+    return out;
+}
+
+TEST(WhereParser, LiteralsOfListsAndBoundsTakeTheStoredForm) {
+    const Case table[] = {
+        {"bounds of a time", "time between '2024-05-01T00:00:00+0000' and '2024-05-01T12:00:00+02:00'",
+         "(between time '2024-05-01 00:00:00' '2024-05-01 10:00:00')"},
+        {"a date alone", "time in ('2024-05-01')", "(in time '2024-05-01 00:00:00')"},
+        {"the second before the epoch", "time in ('1969-12-31 23:59:59')", "(in time '1969-12-31 23:59:59')"},
+        {"negated", "time not in ('2024-05-01')", "(not (in time '2024-05-01 00:00:00'))"},
+        {"a GUID", "eid in ('{75693551-CF81-461C-BB3E-0EC3B6DCC016}', eid)",
+         "(in eid '75693551-cf81-461c-bb3e-0ec3b6dcc016' eid)"},
+        {"numbers", "n in (1, '+2', -3) or big between 1 and '9007199254740993'",
+         "(or (in n '1' '2' '-3') (between big '1' '9007199254740993'))"},
+        {"fractions", "rate in (1.50, '1e3')", "(in rate '1.5' '1000')"},
+        {"a text", "name in ('2024-05-01', ' A ')", "(in name '2024-05-01' ' A ')"},
+        {"an unknown column", "other in ('X')", "(in other 'X')"},
+        {"a qualified column", "w.time in ('2024-05-01')", "(in w.time '2024-05-01 00:00:00')"},
+        {"a literal among columns", "'2024-05-01' between time and w.time",
+         "(between '2024-05-01 00:00:00' time w.time)"},
+        {"a literal in a list of columns", "'2024-05-01' in (name, time)", "(in '2024-05-01' name time)"},
+        {"beside a function", "upper(eid) in ('AB')", "(in (function upper eid) 'AB')"},
+        {"a function in the list", "eid in (upper('ab'))", "(in eid (function upper 'ab'))"},
+        {"in a nested select", "name in (select name from w where time between '2024-05-01' and '2024-05-02')",
+         "(in name (select w name (where (between time '2024-05-01 00:00:00' '2024-05-02 00:00:00'))))"},
+        {"beside a nested select", "'2024-05-01' in (select max(time) from w)",
+         "(in '2024-05-01 00:00:00' (select w (field (function max time))))"},
+        {"beside a nested count", "'7' in (select count(time) from w)",
+         "(in '7' (select w (field (function count time))))"},
+        {"no time", "name = 'x' and time between 'yesterday' and '2024-05-01'",
+         "28: \"yesterday\" is not a date or time"},
+        {"no GUID", "eid in ('75693551-cf81-461c-bb3e-0ec3b6dcc016', 'x')", "48: \"x\" is not a GUID"},
+        {"no integer", "n in (1.5)", "6: \"1.5\" is not an integer of 32 bits"},
+        {"an equation", "time = '2024-05-01'", "(eq time '2024-05-01')"},
+    };
+    for (const Case& each : table)
+        EXPECT_EQ(stored(each.text), each.tree) << each.rule;
+}
+
+TEST(WhereParser, TypesAreAskedForOnlyWhereTheyMatter) {
+    int asked = 0;
+    const QORColumnTypes types = [&](std::string_view, std::string_view) {
+        ++asked;
+        return std::string();
+    };
+    stored("a = 1 and b like 'x' and c in (select d from w) and e between f and g and upper(h) in (1)", types);
+    EXPECT_EQ(asked, 0);
+    stored("a in (1)", types);
+    EXPECT_EQ(asked, 1);
+}
+
 // ---- how mistakes are shown -------------------------------------------------------------------------------------
 
 TEST(WhereError, CaretStandsBeneathThePlace) {

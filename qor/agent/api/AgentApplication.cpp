@@ -274,7 +274,7 @@ HttpPlan AgentApplication::plan(const HttpRequest& head, const std::optional<Htt
     const Route* const route = find(head.path);
     HttpPlan plan;
     plan.reply = refusal(route, head, hasFullAccess(peer));
-    if (!plan.reply && route->answer == nullptr) plan.reply = HttpReply{ok, healthText()};
+    if (!plan.reply && route->answer == nullptr) plan.reply = HttpReply{ok, healthText(hasFullAccess(peer))};
     if (plan.reply) {
         logReply(head, *plan.reply);
     } else {
@@ -291,7 +291,7 @@ std::string AgentApplication::errorBody(unsigned status, std::string_view messag
     return errorReply(status, message).body;
 }
 
-std::string AgentApplication::healthText() const {
+std::string AgentApplication::healthText(bool fullAccess) const {
     const bool sound = m_host.refusedPlugIns().empty() && m_host.router().isPrimed();
     const auto uptime = std::chrono::steady_clock::now() - m_start;
     rapidjson::StringBuffer buffer;
@@ -303,6 +303,7 @@ std::string AgentApplication::healthText() const {
     writeText(json, QOR_VERSION);
     writeKey(json, "uptime");
     json.Int64(std::chrono::duration_cast<std::chrono::seconds>(uptime).count());
+    writeMember(json, "access", fullAccess ? "full" : "none");
     writeKey(json, "connections");
     json.Uint64(m_connections());
     writeKey(json, "operators");

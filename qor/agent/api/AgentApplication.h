@@ -46,7 +46,8 @@ public:
     std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) override;
     std::string errorBody(unsigned status, std::string_view message) override;
 
-    std::string healthText() const;
+    /// \param fullAccess of who asks
+    std::string healthText(bool fullAccess) const;
 
 private:
     QORHost& m_host;

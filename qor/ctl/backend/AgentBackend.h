@@ -12,6 +12,7 @@ public:
     explicit QORAgentBackend(const std::string& socket);
     ~QORAgentBackend() override;
 
+    bool seesEnvironments() override;
     std::unique_ptr<QORAnswerSource> ask(std::string_view request) override;
     /// A thread of its own sends the requests ahead, so that neither side waits for the other.
     void answerLines(int input, const TakeAnswer& take) override;

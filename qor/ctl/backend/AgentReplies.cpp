@@ -141,4 +141,10 @@ QORAgentHealth readHealthReply(std::string_view json) {
     return {textOf(member(document, "status")), textOf(member(document, "version")), numberOf(document, "uptime")};
 }
 
+bool readAccess(std::string_view json) {
+    const Document document = parse(json, "status");
+    const Value* const access = find(document, "access");
+    return access == nullptr || textOf(*access) != "none";
+}
+
 }  // namespace QOR

@@ -19,6 +19,9 @@ QORIngestResult readIngestReply(std::string_view json);
 QORCollectResult readCollectReply(std::string_view json);
 std::vector<QORViewColumn> readViewsReply(std::string_view json);
 QORPtr<const QORVocMap> readVocabularyReply(std::string_view json);
+/// From the health: false when it says that the asker sees no environment. An agent that does not say has not been
+/// asked by anybody who must be told.
+bool readAccess(std::string_view json);
 QORDatabaseStatus readStatusReply(std::string_view json);
 QORAgentHealth readHealthReply(std::string_view json);
 

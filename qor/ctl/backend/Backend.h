@@ -51,6 +51,9 @@ class QORBackend {
 public:
     virtual ~QORBackend() = default;
 
+    /// False when this user, at the other side, has no full access and stands for no environment.
+    virtual bool seesEnvironments() = 0;
+
     /// Asks one request in message notation. The answer must be read, or given up, before the next request.
     virtual std::unique_ptr<QORAnswerSource> ask(std::string_view request) = 0;
 

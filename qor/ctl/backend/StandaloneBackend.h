@@ -14,6 +14,7 @@ public:
     QORStandaloneBackend(const QORConnectionOptions& options, QORBackendUse use);
     ~QORStandaloneBackend() override;
 
+    bool seesEnvironments() override { return true; }
     std::unique_ptr<QORAnswerSource> ask(std::string_view request) override;
     void answerLines(int input, const TakeAnswer& take) override;
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;

@@ -28,6 +28,10 @@ private:
     QORRowSink& m_next;
 };
 
+/// Tells a client that stands for no environment so: its answers lack rows, and nothing else would say why.
+/// \param client what --client says; empty: oneself
+void tellOfNoEnvironment(QORBackend& backend, const std::vector<std::string>& client);
+
 /// A line to standard error, behind "qorctl: ".
 void tellPerson(std::string_view text);
 

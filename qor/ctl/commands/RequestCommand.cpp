@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include "commands/Commands.h"
+#include "commands/Printing.h"
 
 namespace QOR {
 namespace {
@@ -55,6 +56,7 @@ void runRequest(const QORConnectionOptions& connection, const QORRequestOptions&
     const QORInputFile input(options.file);
     const std::string request = options.lines ? std::string() : input.readAll(QORBackend::requestLimit);
     const auto backend = makeBackend(connection, QORBackendUse::Ask);
+    tellOfNoEnvironment(*backend, {});
     QORFileOutput out(STDOUT_FILENO);
     if (options.lines)
         runLines(*backend, input, out);

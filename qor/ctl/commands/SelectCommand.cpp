@@ -1,17 +1,50 @@
 #include <unistd.h>
 
+#include <memory>
+#include <optional>
+
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "where/FieldSpec.h"
 
 namespace QOR {
+namespace {
+
+/// What there is to ask, made when it is first needed: a request that is not well formed needs nobody.
+class LazyBackend {
+public:
+    explicit LazyBackend(const QORConnectionOptions& connection) : m_connection(connection) {}
+
+    QORBackend& get() {
+        if (!m_backend) m_backend = makeBackend(m_connection, QORBackendUse::Ask);
+        return *m_backend;
+    }
+
+    std::string typeOf(std::string_view view, std::string_view column) {
+        if (!m_columns) m_columns = get().views();
+        for (const QORViewColumn& each : *m_columns)
+            if (isSameView(each.view, view) && each.column == column) return each.type;
+        return {};
+    }
+
+private:
+    const QORConnectionOptions& m_connection;
+    std::unique_ptr<QORBackend> m_backend;
+    std::optional<std::vector<QORViewColumn>> m_columns;
+};
+
+}  // namespace
+
 void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& options, const QORPrintOptions& print) {
-    QORSelectRequest request = makeSelectRequest(options);
+    LazyBackend backend(connection);
+    QORSelectRequest request = makeSelectRequest(
+        options, [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
     for (const std::string& note : request.notes)
         tellPerson("note: " + note);
     std::string json;
     writeRequest(request.envelope, json);
 
-    const auto backend = makeBackend(connection, QORBackendUse::Ask);
+    tellOfNoEnvironment(backend.get(), options.client);
     QORFileOutput out(STDOUT_FILENO);
     const auto printer = makePrinter(print, options.count, out);
     QORCountKeeper keeper(*printer);
@@ -19,7 +52,7 @@ void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& o
     QORColumnOrder ordered(std::move(request.columns), keeper);
     QORRowSink& rows = print.format == QORRowFormat::Xml ? static_cast<QORRowSink&>(keeper) : ordered;
 
-    const auto answer = backend->ask(json);
+    const auto answer = backend.get().ask(json);
     const auto error = readAnswer(*answer, rows);
     if (error) throw QORCtlError::answered(error->code, error->message);
     out.flush();

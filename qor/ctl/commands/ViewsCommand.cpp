@@ -6,15 +6,10 @@
 #include "QORCommon/QORText.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "where/FieldSpec.h"
 
 namespace QOR {
 namespace {
-
-/// Views are found without regard to the case of ASCII letters, here as in requests.
-bool isSameView(std::string_view a, std::string_view b) {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
-}
 
 bool isWanted(const QORViewColumn& column, const std::vector<std::string>& views) {
     return views.empty() || std::any_of(views.begin(), views.end(),

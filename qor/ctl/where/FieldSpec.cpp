@@ -47,4 +47,9 @@ std::string aggregateName(std::string_view function) {
     return is("avg") ? "average" : std::string(function);
 }
 
+bool isSameView(std::string_view a, std::string_view b) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
 }  // namespace QOR

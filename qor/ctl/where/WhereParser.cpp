@@ -1,10 +1,12 @@
 #include "where/WhereParser.h"
 
 #include <algorithm>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
 #include "where/FieldSpec.h"
@@ -34,18 +36,12 @@ bool isReserved(const QORWhereToken& token) {
                        [&](std::string_view word) { return token.isWord(word); });
 }
 
-/// Views are found without regard to the case of ASCII letters.
-bool isSameView(std::string_view a, std::string_view b) {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
-}
-
 /// Reads by operator precedence with a stack of its own, so that parentheses and nots may be as deep as memory
 /// allows. Only nested selects are read by recursion; `nestedSelects` bounds them.
 class Parser {
 public:
-    Parser(std::string_view text, std::string_view view, std::size_t levels)
-        : m_lexer(text), m_view(view), m_levels(levels) {}
+    Parser(std::string_view text, std::string_view view, std::size_t levels, const QORColumnTypes& types)
+        : m_lexer(text), m_view(view), m_levels(levels), m_types(types) {}
 
     Id readWhole() {
         const Id condition = readCondition();
@@ -133,6 +129,13 @@ private:
     void readLimit(Id select);
     std::string readWholeNumber();
 
+    // ---- stored forms -------------------------------------------------------------------------------------------
+    Id store(Id condition);
+    std::string typeOf(Id operand) const;
+    std::string typeOfColumn(const std::string& field) const;
+    std::string typeOfSelect(Id select) const;
+    Id literal(std::string text, std::size_t offset);
+
     // ---- operands -----------------------------------------------------------------------------------------------
     Id readOperand();
     Id readPrimary();
@@ -145,6 +148,8 @@ private:
     QORWhereLexer m_lexer;
     std::string m_view;  ///< of the innermost select
     std::size_t m_levels;
+    const QORColumnTypes& m_types;
+    std::map<Id, std::size_t> m_literals;  ///< where each stands in the text
     unsigned m_nesting = 0;
     QORWhereTree m_tree;
 };
@@ -254,7 +259,7 @@ Id Parser::readBetween(Id left, std::size_t offset) {
     const Id low = readOperand();
     needWord("and");
     const Id high = readOperand();
-    return build(tag::between, {left, low, high}, offset);
+    return store(build(tag::between, {left, low, high}, offset));
 }
 
 Id Parser::readIs(Id left, std::size_t offset) {
@@ -273,7 +278,63 @@ Id Parser::readIn(Id left, std::size_t offset) {
     } while (takeSymbol(","));
     if (peek().kind == QORWhereTokenKind::End) throw QORWhereError(open, "the list that opens here is never closed");
     if (!takeSymbol(")")) unexpected("\",\" or \")\"");
-    return checked(condition, offset);
+    return store(checked(condition, offset));
+}
+
+// ---- stored forms -----------------------------------------------------------------------------------------------
+
+/// Brings the literals among the operands of a condition into the form of the first operand that has a type.
+Id Parser::store(Id condition) {
+    const Id first = m_tree.firstChild(condition);
+    const auto isLiteral = [this](Id id) { return m_tree.tag(id) == tag::value; };
+    bool any = false;
+    for (Id id = first; id != QORWhereTree::none; id = m_tree.nextSibling(id))
+        any = any || isLiteral(id);
+    if (!any || !m_types) return condition;
+    std::string type = typeOf(first);
+    if (isLiteral(first)) {
+        for (Id id = first; type.empty() && id != QORWhereTree::none; id = m_tree.nextSibling(id))
+            type = typeOf(id);
+    }
+    for (Id id = first; id != QORWhereTree::none; id = m_tree.nextSibling(id)) {
+        if (!isLiteral(id)) continue;
+        try {
+            m_tree.setText(id, storedForm(type, m_tree.text(id)));
+        } catch (const QORException& error) {
+            throw QORWhereError(m_literals.at(id), error.message());
+        }
+    }
+    return condition;
+}
+
+/// The declared type of a column or of a nested select's; empty for what is compared as a text.
+std::string Parser::typeOf(Id operand) const {
+    if (m_tree.tag(operand) == tag::field) return typeOfColumn(m_tree.text(operand));
+    return m_tree.tag(operand) == tag::select ? typeOfSelect(operand) : std::string();
+}
+
+std::string Parser::typeOfColumn(const std::string& field) const {
+    const std::size_t point = field.find('.');
+    return point == std::string::npos ? m_types(m_view, field)
+                                      : m_types(field.substr(0, point), field.substr(point + 1));
+}
+
+std::string Parser::typeOfSelect(Id select) const {
+    const Id view = m_tree.firstChild(select);
+    const Id field = m_tree.nextSibling(view);
+    const Id function = m_tree.firstChild(field);
+    if (function == QORWhereTree::none) return m_types(m_tree.text(view), m_tree.text(field));
+    const Id name = m_tree.firstChild(function);
+    const std::string& aggregate = m_tree.text(name);
+    if (aggregate == "count") return "bigint";
+    if (aggregate == "average") return "double";
+    return m_types(m_tree.text(view), m_tree.text(m_tree.nextSibling(name)));
+}
+
+Id Parser::literal(std::string text, std::size_t offset) {
+    const Id id = m_tree.leaf(tag::value, std::move(text));
+    m_literals[id] = offset;
+    return id;
 }
 
 // ---- nested selects ---------------------------------------------------------------------------------------------
@@ -392,7 +453,8 @@ Id Parser::readFunctions(bool allowParentheses) {
             break;
         }
     }
-    Id operand = peek().kind == QORWhereTokenKind::Text ? m_tree.leaf(tag::value, m_lexer.take().text) : readNumber();
+    const std::size_t begin = peek().offset;
+    Id operand = peek().kind == QORWhereTokenKind::Text ? literal(m_lexer.take().text, begin) : readNumber();
     if (operand == QORWhereTree::none) operand = readField();
     for (; !wrappers.empty(); wrappers.pop_back()) {
         if (peek().kind == QORWhereTokenKind::End)
@@ -407,6 +469,7 @@ Id Parser::readFunctions(bool allowParentheses) {
 
 /// A number with its sign; none when no number begins here.
 Id Parser::readNumber() {
+    const std::size_t offset = peek().offset;
     std::string sign;
     if (peek().isSymbol("-") || peek().isSymbol("+")) {
         sign = m_lexer.take().text == "-" ? "-" : "";
@@ -414,7 +477,7 @@ Id Parser::readNumber() {
     }
     if (peek().kind != QORWhereTokenKind::Number) return QORWhereTree::none;
     const std::string digits = m_lexer.take().text;
-    return m_tree.leaf(tag::value, sign + (digits.starts_with('.') ? "0" : "") + digits);
+    return literal(sign + (digits.starts_with('.') ? "0" : "") + digits, offset);
 }
 
 Id Parser::readField() {
@@ -449,8 +512,9 @@ std::string Parser::readName(const char* what) {
 
 }  // namespace
 
-void parseWhere(std::string_view text, std::string_view view, std::size_t levels, QORBinaryIterator out) {
-    Parser parser(text, view, levels);
+void parseWhere(std::string_view text, std::string_view view, std::size_t levels, QORBinaryIterator out,
+                const QORColumnTypes& types) {
+    Parser parser(text, view, levels, types);
     const Id condition = parser.readWhole();
     parser.tree().write(condition, out);
 }

@@ -8,6 +8,10 @@
 /// where COLUMN may be an aggregate such as max(time). Keywords are matched without regard to case and bind as in SQL:
 /// comparisons tighter than not, not tighter than and, and tighter than or.
 ///
+/// Items of an in-list and bounds of between, which a request compares as they are spelled, are brought into the form in
+/// which the column beside them stores its values, or refused as an equation refuses them. Beside upper() and lower(),
+/// whose result is a text, they stay as they are.
+///
 /// Chains of and (or) become one element, whatever their parentheses, and a double not vanishes, so that only real
 /// alternation counts against the depth of messages.
 #pragma once
@@ -16,13 +20,17 @@
 #include <string_view>
 
 #include "QORMessage/QORBinaryIterator.h"
+#include "where/StoredForm.h"
 
 namespace QOR {
 
 /// Appends the condition below the element that `out` stands on, which is a where element.
 /// \param view the view that is asked, which qualifies columns whose own names hold a point
 /// \param levels how many levels of elements the condition may take
+/// \param types asked only for columns that literals of an in-list or of between stand beside; none: those stay as
+/// they are spelled
 /// \throws QORWhereError naming the place in `text` and what was expected there
-void parseWhere(std::string_view text, std::string_view view, std::size_t levels, QORBinaryIterator out);
+void parseWhere(std::string_view text, std::string_view view, std::size_t levels, QORBinaryIterator out,
+                const QORColumnTypes& types = {});
 
 }  // namespace QOR

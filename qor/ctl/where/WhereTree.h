@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "QORMessage/QORBinaryIterator.h"
@@ -31,7 +32,10 @@ public:
 
     QORTag tag(Id id) const { return m_nodes[id].tag; }
     Id firstChild(Id id) const { return m_nodes[id].first; }
+    /// The one behind it below the same parent.
+    Id nextSibling(Id id) const { return m_nodes[id].next; }
     const std::string& text(Id id) const { return m_nodes[id].text; }
+    void setText(Id id, std::string text) { m_nodes[id].text = std::move(text); }
     /// Levels of elements that the node takes, itself included.
     std::size_t height(Id id) const { return m_nodes[id].height; }
 
