@@ -1,19 +1,30 @@
 #include <unistd.h>
 
+#include <memory>
+
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "rows/FilterSpelling.h"
 #include "rows/RowsAdvice.h"
 
 namespace QOR {
 
-void runRows(const QORConnectionOptions& connection, const QORRowsOptions& options, const QORPrintOptions& print) {
-    QORRequestEnvelope request = makeRowsRequest(options);
+void runRows(const QORConnectionOptions& connection, const QORRowsOptions& asked, const QORPrintOptions& print) {
+    std::unique_ptr<QORBackend> backend;
+    QORRowsOptions options = asked;
+    makeRowsRequest(options);  // what cannot be meant is said before anybody is asked
+    if (options.where && mayBeMisspelled(*options.where)) {
+        backend = makeBackend(connection, QORBackendUse::Ask);
+        options.where = spellNames(*options.where, backend->vocabulary());
+    }
     std::string json;
+    QORRequestEnvelope request = makeRowsRequest(options);
     writeRequest(request, json);
     for (const std::string& note : adviseOnRows(options))
         tellPerson("note: " + note);
 
-    const auto backend = makeBackend(connection, QORBackendUse::Ask);
+    if (!backend) backend = makeBackend(connection, QORBackendUse::Ask);
+    tellOfNoEnvironment(*backend, options.client);
     QORFileOutput out(STDOUT_FILENO);
     const auto printer = makePrinter(print, options.count, out);
     QORCountKeeper rows(*printer);
