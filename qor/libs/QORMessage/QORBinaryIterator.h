@@ -24,7 +24,9 @@ public:
     int nextSibling(QORTag id = 0) override;
     int seekUp() override {
         if (m_node->parent == nullptr) return failed;
+        const bool endsRow = m_node == store().openRow();
         m_node = m_node->parent;
+        if (endsRow) store().endRow();
         return 0;
     }
     int reset() override;
@@ -65,8 +67,13 @@ private:
     int put(std::string_view value, QORValueKind kind, QORTag id) {
         if (id == 0) return store().setValue(*m_node, value, kind) ? 0 : failed;
         if (!store().hasBytesLeft(value.size())) return failed;
+        const QORMessageNode* const before = m_node->lastChild;
         QORMessageNode* const child = store().addNode(*m_node, id);
-        return child != nullptr && store().setValue(*child, value, kind) ? 0 : failed;
+        if (child == nullptr) return failed;
+        if (store().setValue(*child, value, kind)) return 0;
+        store().forget(*child);
+        dropChildrenAfter(before);
+        return failed;
     }
 
     QORMessage* m_message;

@@ -32,7 +32,7 @@ public:
     BlockCache() { m_blocks.reserve(mostBytes / largeBlockSize); }
 
 private:
-    static constexpr std::size_t mostBytes = std::size_t{32} << 20;
+    static constexpr std::size_t mostBytes = std::size_t{8} << 20;
     std::mutex m_mutex;
     std::vector<std::unique_ptr<std::byte[]>> m_blocks;
 };
@@ -50,7 +50,8 @@ QORMessageLimits withinRange(QORMessageLimits limits) {
 
 }  // namespace
 
-QORMessageStore::QORMessageStore(const QORMessageLimits& limits) noexcept : m_limits(withinRange(limits)) {}
+QORMessageStore::QORMessageStore(const QORMessageLimits& limits) noexcept
+    : m_limits(withinRange(limits)), m_mostNodes(m_limits.nodes) {}
 
 QORMessageStore::~QORMessageStore() {
     for (Block& block : m_blocks) {
@@ -77,7 +78,39 @@ void QORMessageStore::clear() noexcept {
     m_used = 0;
     m_nodes = 0;
     m_bytes = 0;
+    m_mostNodes = m_limits.nodes;
     m_root = QORMessageNode{};
+    m_openRow = nullptr;
+    m_rowBegins = false;
+    m_refusal.clear();
+    m_charge.release();
+}
+
+void QORMessageStore::setRowTaker(QORRowTaker* taker) noexcept {
+    endRow();
+    m_rowTaker = taker;
+    m_mostNodes = m_limits.nodes;
+}
+
+void QORMessageStore::beginRow(QORMessageNode& rowSet) noexcept {
+    endRow();
+    m_beforeRow = {rowSet.lastChild, m_free, m_end, m_used, m_nodes, m_bytes};
+    m_rowBegins = true;
+}
+
+void QORMessageStore::giveRow() noexcept {
+    QORMessageNode* const row = m_openRow;
+    QORMessageNode& rowSet = *row->parent;
+    m_openRow = nullptr;
+    if (!m_rowTaker->takeRow(*row)) m_mostNodes = 0;
+    (m_beforeRow.lastChild == nullptr ? rowSet.firstChild : m_beforeRow.lastChild->next) = row->next;
+    if (rowSet.lastChild == row) rowSet.lastChild = m_beforeRow.lastChild;
+    forget(*row);
+    // Something else was written meanwhile: its memory lies among the row's.
+    if (m_nodes != m_beforeRow.nodes || m_bytes != m_beforeRow.bytes) return;
+    m_free = m_beforeRow.free;
+    m_end = m_beforeRow.end;
+    m_used = m_beforeRow.used;
 }
 
 void QORMessageStore::forget(const QORMessageNode& top) noexcept {
@@ -85,6 +118,7 @@ void QORMessageStore::forget(const QORMessageNode& top) noexcept {
     for (;;) {
         --m_nodes;
         m_bytes -= node->size;
+        if (node == m_openRow) m_openRow = nullptr;  // taken back half-written
         if (node->firstChild != nullptr) {
             node = node->firstChild;
             continue;
@@ -96,7 +130,7 @@ void QORMessageStore::forget(const QORMessageNode& top) noexcept {
     }
 }
 
-void QORMessageStore::nextBlock(std::size_t size) {
+bool QORMessageStore::nextBlock(std::size_t size) {
     // After clear() the blocks of the former use come first; one that is too small is passed over.
     while (m_used < m_blocks.size() && m_blocks[m_used].size < size)
         ++m_used;
@@ -104,13 +138,19 @@ void QORMessageStore::nextBlock(std::size_t size) {
         const std::size_t grown =
             m_blocks.empty() ? firstBlockSize : std::min(m_blocks.back().size * 4, largeBlockSize);
         Block block{nullptr, std::max(size, grown)};
+        if (!m_charge.tryAdd(block.size)) {
+            m_refusal = QORMemoryAccount::current()->refusal(block.size, "the message");
+            return false;
+        }
         if (block.size == largeBlockSize) block.memory = blockCache().take();
         if (block.memory == nullptr) block.memory = std::make_unique_for_overwrite<std::byte[]>(block.size);
+        m_memory += block.size;
         m_blocks.push_back(std::move(block));
     }
     Block& block = m_blocks[m_used++];
     m_free = block.memory.get();
     m_end = m_free + block.size;
+    return true;
 }
 
 QORMessage::QORMessage() : QORMessage(QORMessageLimits()) {}

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 
 #include "QORCommon/QORExport.h"
 #include "QORMessage/QORMessageStore.h"
@@ -34,8 +35,14 @@ public:
     std::size_t nodeCount() const noexcept { return m_store->nodeCount(); }
     std::size_t byteCount() const noexcept { return m_store->byteCount(); }
     bool empty() const noexcept { return rootNode()->firstChild == nullptr; }
-    /// Drops all elements and keeps the memory for the next use.
+    /// Drops all elements and keeps the memory for the next use, counting for no request.
     void clear() { m_store->clear(); }
+    /// Bytes of memory that the message has, in use or kept.
+    std::size_t memory() const noexcept { return m_store->memory(); }
+    /// Why writing failed when memory was wanting (see QORMemory.h); empty when it was not.
+    const std::string& refusal() const noexcept { return m_store->refusal(); }
+    /// Hands rows over while they are written, see QORMessageStore; QORAnswerWriter is who asks for it.
+    void setRowTaker(QORRowTaker* taker) noexcept { m_store->setRowTaker(taker); }
 
 private:
     friend class QORBinaryIterator;

@@ -281,6 +281,7 @@ private:
         if (m_at.node()->depth >= limits.depth && m_state == State::Tag) {
             refuse("elements are nested deeper than " + std::to_string(limits.depth) + " levels");
         }
+        if (!m_message.refusal().empty()) refuse(m_message.refusal());
         if (m_state == State::Tag) refuse("there are more than " + std::to_string(limits.nodes) + " elements");
         refuse("the values are larger than " + std::to_string(limits.bytes) + " bytes together");
     }

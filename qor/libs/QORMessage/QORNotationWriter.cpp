@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
@@ -20,7 +21,7 @@ namespace {
 /// that escapes, and is the faster one (write/notation beside write/notation-rapidjson in bench/message).
 class BlockWriter {
 public:
-    explicit BlockWriter(const QORTextSink& sink) : m_sink(sink) {}
+    explicit BlockWriter(QORAnswerOutput output) : m_output(std::move(output)) {}
 
     void put(char c) {
         reserve(1);
@@ -73,7 +74,9 @@ public:
 
     /// Hands over what there is; nothing is handed over when there is nothing.
     void flush() {
-        if (m_at != m_buffer.get()) m_sink({m_buffer.get(), static_cast<std::size_t>(m_at - m_buffer.get())});
+        if (m_at != m_buffer.get() && m_taken) {
+            m_taken = m_output({m_buffer.get(), static_cast<std::size_t>(m_at - m_buffer.get())});
+        }
         m_at = m_buffer.get();
     }
 
@@ -176,30 +179,17 @@ private:
         return at;
     }
 
-    const QORTextSink& m_sink;
+    const QORAnswerOutput m_output;
+    bool m_taken = true;  ///< until the output takes no more
     std::unique_ptr<char[]> m_buffer = std::make_unique_for_overwrite<char[]>(blockSize);
     char* m_at = m_buffer.get();
     char* const m_end = m_buffer.get() + blockSize;
 };
 
-const QORMessageNode* childWith(const QORMessageNode& node, QORTag id) {
-    const QORMessageNode* child = node.firstChild;
-    while (child != nullptr && child->tag != id)
-        child = child->next;
-    return child;
-}
-
-bool isErrorEntry(const QORMessageNode& node) {
-    return node.tag == tag::error && childWith(node, tag::errorCode) != nullptr;
-}
-
 /// Writes elements as notation, error entries left out if so asked.
 class TreeWriter {
 public:
     TreeWriter(BlockWriter& out, bool liftErrors) : m_out(out), m_liftErrors(liftErrors) {}
-
-    /// The first error entry that was left out; null when there was none.
-    const QORMessageNode* error() const { return m_error; }
 
     /// The element with all below it.
     void writeElement(const QORMessageNode& top) {
@@ -247,16 +237,13 @@ private:
     /// The first element to write from `node` on along its siblings.
     const QORMessageNode* shown(const QORMessageNode* node) {
         if (!m_liftErrors) return node;
-        while (node != nullptr && isErrorEntry(*node)) {
-            if (m_error == nullptr) m_error = node;
+        while (node != nullptr && isErrorEntry(*node))
             node = node->next;
-        }
         return node;
     }
 
     BlockWriter& m_out;
     const bool m_liftErrors;
-    const QORMessageNode* m_error = nullptr;
 };
 
 void putError(int code, std::string_view message, BlockWriter& out) {
@@ -265,14 +252,6 @@ void putError(int code, std::string_view message, BlockWriter& out) {
     out.put(",\"message\":");
     out.putText(message);
     out.put('}');
-}
-
-void putErrorEntry(const QORMessageNode& entry, BlockWriter& out) {
-    const auto valueOf = [&entry](QORTag id) {
-        const QORMessageNode* const node = childWith(entry, id);
-        return node == nullptr ? std::string_view() : std::string_view(node->data, node->size);
-    };
-    putError(parseInt32(valueOf(tag::errorCode)).value_or(errFailure), valueOf(tag::message), out);
 }
 
 void putClient(const QORClientDescription& client, BlockWriter& out) {
@@ -297,8 +276,10 @@ void putClient(const QORClientDescription& client, BlockWriter& out) {
 /// Runs a writer whose blocks are appended to a string.
 template <class Write>
 void appendTo(std::string& out, Write write) {
-    const QORTextSink sink = [&out](std::string_view block) { out.append(block); };
-    BlockWriter blocks(sink);
+    BlockWriter blocks([&out](std::string_view block) {
+        out.append(block);
+        return true;
+    });
     write(blocks);
     blocks.flush();
 }
@@ -308,12 +289,57 @@ void putResponse(const QORMessage& response, BlockWriter& out) {
     out.put("{\"response\":[");
     tree.writeChildren(*response.rootNode());
     out.put(']');
-    if (tree.error() != nullptr) {
+    if (QORAnswerError error; findError(response, error)) {
         out.put(',');
-        putErrorEntry(*tree.error(), out);
+        putError(error.code, error.message, out);
     }
     out.put('}');
 }
+
+/// An answer that is written as it comes.
+class NotationAnswer final : public QORAnswerFormat {
+public:
+    explicit NotationAnswer(QORAnswerOutput output) : m_out(std::move(output)), m_tree(m_out, true) {
+        m_out.put("{\"response\":[");
+    }
+
+    void element(const QORMessageNode& element) override {
+        separate();
+        m_tree.writeElement(element);
+    }
+    void openRows(const QORMessageNode& rowSet) override {
+        separate();
+        m_out.put('[');
+        m_out.putNumber(rowSet.tag);
+        m_childless = true;
+    }
+    void child(const QORMessageNode& child) override {
+        m_childless ? m_out.put(",[") : m_out.put(',');
+        m_childless = false;
+        m_tree.writeElement(child);
+    }
+    void closeRows() override { m_childless ? m_out.put(']') : m_out.put("]]"); }
+    void end(const QORAnswerError* error) override {
+        m_out.put(']');
+        if (error != nullptr) {
+            m_out.put(',');
+            putError(error->code, error->message, m_out);
+        }
+        m_out.put('}');
+        m_out.flush();
+    }
+    void flush() override { m_out.flush(); }
+
+private:
+    void separate() {
+        if (!std::exchange(m_first, false)) m_out.put(',');
+    }
+
+    BlockWriter m_out;
+    TreeWriter m_tree;
+    bool m_first = true;
+    bool m_childless = true;
+};
 
 }  // namespace
 
@@ -344,9 +370,16 @@ void writeResponse(const QORMessage& response, std::string& out) {
 }
 
 void writeResponse(const QORMessage& response, const QORTextSink& sink) {
-    BlockWriter blocks(sink);
+    BlockWriter blocks([&sink](std::string_view block) {
+        sink(block);
+        return true;
+    });
     putResponse(response, blocks);
     blocks.flush();
+}
+
+std::unique_ptr<QORAnswerFormat> makeNotationAnswer(QORAnswerOutput output) {
+    return std::make_unique<NotationAnswer>(std::move(output));
 }
 
 void writeErrorResponse(int code, std::string_view message, std::string& out) {

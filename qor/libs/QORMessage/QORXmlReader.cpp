@@ -258,10 +258,16 @@ private:
 
     [[noreturn]] void refuseNode(const pugi::xml_node& node) const {
         if (m_at.node()->depth >= m_message.limits().depth) refuseDepth(offsetOf(node), m_message.limits());
+        refuseMemory(node);
         refuseCount(offsetOf(node), m_message.limits());
     }
 
+    void refuseMemory(const pugi::xml_node& node) const {
+        if (!m_message.refusal().empty()) refuseAt(offsetOf(node), m_message.refusal());
+    }
+
     [[noreturn]] void refuseBytes(const pugi::xml_node& node) const {
+        refuseMemory(node);
         refuseAt(offsetOf(node),
                  "the values are larger than " + std::to_string(m_message.limits().bytes) + " bytes together");
     }
