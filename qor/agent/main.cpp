@@ -15,6 +15,7 @@
 
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
+#include "agent/MemoryKeeper.h"
 #include "agent/SignalWatch.h"
 #include "agent/api/AgentApplication.h"
 #include "agent/http/HttpServer.h"
@@ -37,6 +38,8 @@ struct Settings {
     std::string vocabulary;
     bool checkConfig = false;
     HttpServerOptions server;
+    QORAnswerLimits answers;
+    AgentMemory memory;
 };
 
 /// Every client costs a descriptor, every query one or two more; the usual soft limit is meant for programs that
@@ -100,6 +103,25 @@ void declareShares(CLI::App& app, HttpServerOptions& server) {
         ->group(group);
 }
 
+/// What answers and requests may take of the agent's memory.
+void declareMemory(CLI::App& app, Settings& settings) {
+    constexpr std::uint64_t least = std::uint64_t{64} << 10;
+    constexpr std::uint64_t most = std::uint64_t{1} << 40;
+    const char* const group = "Memory";
+    addNumber(app, "--answer-rows", {1, most}, "rows of an answer that is not streamed, by default 100000",
+              store(settings.answers.rows))
+        ->group(group);
+    addNumber(app, "--answer-bytes", {least, most}, "bytes of such an answer, by default 67108864",
+              store(settings.answers.bytes))
+        ->group(group);
+    addNumber(app, "--request-memory", {least, most}, "bytes that one request may hold, by default 268435456",
+              store(settings.memory.oneRequest))
+        ->group(group);
+    addNumber(app, "--memory", {least, most}, "bytes that all requests together may hold, by default 1073741824",
+              store(settings.memory.allRequests))
+        ->group(group);
+}
+
 void declareOptions(CLI::App& app, Settings& settings) {
     app.set_version_flag("--version", QOR_VERSION);
     app.add_option("--database", settings.database,
@@ -113,6 +135,7 @@ void declareOptions(CLI::App& app, Settings& settings) {
     app.add_option("--config", settings.vocabulary, "a vocabulary file: configured fields and caches");
     app.add_flag("--check-config", settings.checkConfig, "say what is wrong with the vocabulary, then end");
     declareShares(app, settings.server);
+    declareMemory(app, settings);
     addNumber(app, "--grace", {0, 3600},
               "seconds that requests in flight are given when the agent is told to stop, by default 30",
               storeSeconds(settings.server.grace));
@@ -169,6 +192,7 @@ QORHostOptions hostOptions(const Settings& settings) {
     options.schemaMode = settings.readOnly ? QORSchemaMode::Reading : QORSchemaMode::Own;
     options.plugInDirectory = settings.plugIns;
     options.vocabularyFile = settings.vocabulary;
+    options.answers = settings.answers;
     return options;
 }
 
@@ -191,10 +215,11 @@ int serve(Settings& settings) {
     raiseDescriptorLimit();
     fitConnections(settings.server);
     QORHost host(hostOptions(settings));
-    AgentApplication application(host);
+    AgentApplication application(host, settings.memory);
     HttpServer server(settings.server, application);
     application.setConnectionCounter([&server] { return server.connections(); });
     const SignalWatch signals({[&server] { server.stop(); }, [&settings] { reopenLog(settings.logFile); }});
+    const MemoryKeeper memory;
     const std::string path = settings.server.socketPath.string();
     std::printf("qor-agent listening on %s\n", path.c_str());
     std::fflush(stdout);

@@ -11,10 +11,9 @@ namespace {
 
 constexpr const char* sourcePath = "qor/host/QORClientSession";
 
-/// What a message may have held to be kept for the next request: ordinary pages; not the one export of a client
-/// that stays connected for days.
-constexpr std::size_t mostKeptNodes = 50'000;
-constexpr std::size_t mostKeptBytes = std::size_t{4} << 20;
+/// Memory of a message that is kept for the next request. Little: there may be a thousand clients that do nothing
+/// for hours, and rows leave a message as they are written.
+constexpr std::size_t mostKeptMemory = std::size_t{32} << 10;
 constexpr std::size_t mostKeptMessages = 2;
 
 QORClientContextPtr makeContext(bool fullAccess, std::shared_ptr<const QORToken> token) {
@@ -97,7 +96,7 @@ void QORClientSession::withMessage(const std::function<void(QORMessage&)>& use) 
         return kept;
     }();
     use(message);
-    if (message.nodeCount() > mostKeptNodes || message.byteCount() > mostKeptBytes) return;
+    if (message.memory() > mostKeptMemory) return;
     message.clear();
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_gone && m_messages.size() < mostKeptMessages) m_messages.push_back(std::move(message));

@@ -26,7 +26,8 @@ QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
                    m_options.plugInDirectory.c_str());
     }
     m_router = std::make_unique<QORRouter>(m_options.prime ? QOROpFactoryRegistry::instance().names()
-                                                           : std::vector<std::string>());
+                                                           : std::vector<std::string>(),
+                                           QORMessageLimits(), m_options.answers);
     m_router->prime();
 }
 

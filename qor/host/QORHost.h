@@ -30,6 +30,8 @@ struct QORHostOptions {
     /// True for a host that serves clients of different rights: metadata that depends on who asks first is then
     /// loaded as a client without rights. False leaves the order to the requests.
     bool prime = true;
+    /// Of answers that are not streamed.
+    QORAnswerLimits answers{};
 };
 
 /// The host in a process; at most one at a time. All sessions must be gone before it is.

@@ -1,10 +1,13 @@
 #include "host/QORRouter.h"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
@@ -13,18 +16,162 @@
 namespace QOR {
 namespace {
 
-std::string errorText(int code, std::string_view message) {
-    std::string text;
-    writeErrorResponse(code, message, text);
-    return text;
-}
-
 /// What is left to say when there is no memory to say more.
 constexpr const char* outOfMemory = R"({"response":[],"error":{"code":1,"message":"out of memory"}})";
 
+/// Has the operator write its answer into the message. \returns the error of a request that reached no operator, or
+/// left it as an exception
+std::optional<QORAnswerError> runOperator(QORClientSession& session, const QORClientContextPtr& identity,
+                                          QORRequestEnvelope& request, QORMessage& message) {
+    QORBinaryIterator in = request.body.root();
+    in.firstChild();
+    QORBinaryIterator response = message.root();
+    try {
+        switch (session.run(identity, request.operatorName, request.requestName, in, response)) {
+            case QORClientSession::Outcome::Done:
+                return std::nullopt;
+            case QORClientSession::Outcome::UnknownOperator:
+                return QORAnswerError{errBadRequest, "unknown operator " + quoteText(request.operatorName)};
+            case QORClientSession::Outcome::UnknownRequest:
+                return QORAnswerError{errBadRequest, "unknown request " + quoteText(request.requestName) +
+                                                         " of operator " + quoteText(request.operatorName)};
+        }
+    } catch (const QORException& exception) {
+        return QORAnswerError{exception.code(), exception.message()};
+    } catch (const std::bad_alloc&) {
+        return QORAnswerError{errFailure, "out of memory"};
+    } catch (const std::exception& exception) {
+        return QORAnswerError{errFailure, exception.what()};
+    } catch (...) {
+        return QORAnswerError{errFailure, "unknown failure"};
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
-QORRouter::QORRouter(const std::vector<std::string>& primed, const QORMessageLimits& limits) : m_limits(limits) {
+class QORRouter::Destination {
+public:
+    virtual ~Destination() = default;
+    /// The format that the answer's rows are given to while an operator writes them.
+    virtual QORAnswerFormat& begin() = 0;
+    /// After each row. \returns whether more rows are wanted
+    virtual bool goesOn(std::int64_t rows) = 0;
+    /// The operator has written its answer, or an error ends it.
+    virtual void end(QORAnswerWriter& writer, const QORMessage& message, const QORAnswerError* error) = 0;
+    /// The answer is this error alone, so far as nothing has left.
+    virtual void fail(int code, std::string_view message, bool readable) = 0;
+};
+
+/// An answer that is kept until it is whole.
+class QORRouter::Whole final : public Destination {
+public:
+    explicit Whole(const QORAnswerLimits& limits) : m_limits(limits) {}
+
+    QORAnswerFormat& begin() override {
+        m_format = makeNotationAnswer([this](std::string_view block) { return take(block); });
+        return *m_format;
+    }
+    bool goesOn(std::int64_t rows) override {
+        if (rows > m_limits.rows) m_excess = "the answer has more than " + std::to_string(m_limits.rows) + " rows";
+        return m_excess.empty();
+    }
+    void end(QORAnswerWriter& writer, const QORMessage& message, const QORAnswerError* error) override {
+        if (m_excess.empty() && error != nullptr) return fail(error->code, error->message, true);
+        if (m_excess.empty()) writer.finish();
+        if (!m_excess.empty()) return fail(errFailure, m_excess + elsewhere, true);
+        if (!writer.isTakenBack()) return;
+        m_answer.text.clear();
+        writeResponse(message, m_answer.text);
+    }
+    void fail(int code, std::string_view message, bool readable) override {
+        m_answer = {};
+        writeErrorResponse(code, message, m_answer.text);
+        m_answer.readable = readable;
+    }
+    Answer takeAnswer() { return std::move(m_answer); }
+
+private:
+    static constexpr const char* elsewhere =
+        ": ask for it in parts (limit with size and offset), or as a stream (stream=true)";
+
+    bool take(std::string_view block) {
+        std::string& text = m_answer.text;
+        const std::size_t size = text.size() + block.size();
+        if (size > m_limits.bytes) {
+            m_excess = "the answer is larger than " + describeBytes(m_limits.bytes);
+            return false;
+        }
+        if (size > text.capacity()) {
+            const std::size_t room = std::max(size, std::min(text.capacity() * 2, m_limits.bytes));
+            m_answer.memory.add(room, "the answer");
+            text.reserve(room);
+            m_answer.memory.set(room, "the answer");
+        }
+        text.append(block);
+        return true;
+    }
+
+    const QORAnswerLimits& m_limits;
+    Answer m_answer;
+    std::unique_ptr<QORAnswerFormat> m_format;
+    std::string m_excess;
+};
+
+/// An answer that leaves while it is made.
+class QORRouter::Stream final : public Destination {
+public:
+    explicit Stream(const QORAnswerOutput& output) : m_output(output) {}
+
+    QORAnswerFormat& begin() override {
+        m_format = makeNotationAnswer([this](std::string_view block) { return take(block); });
+        return *m_format;
+    }
+    bool goesOn(std::int64_t rows) override {
+        // Blocks fill up fast or the rows are slow in coming: then they are not kept waiting for company.
+        if (rows == 1 || Clock::now() - m_lastLeft > patience) m_format->flush();
+        return !m_refused;
+    }
+    void end(QORAnswerWriter& writer, const QORMessage&, const QORAnswerError* error) override {
+        writer.finish(error);
+        m_ended = true;
+    }
+    void fail(int code, std::string_view message, bool readable) override {
+        if (m_begun) return;
+        m_answer = {};
+        writeErrorResponse(code, message, m_answer.text);
+        m_answer.readable = readable;
+    }
+    Streamed takeStreamed() {
+        const bool whole = !m_begun || (m_ended && !m_refused);
+        return {std::move(m_answer), whole};
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr auto patience = std::chrono::milliseconds(20);
+
+    bool take(std::string_view block) {
+        m_begun = true;
+        m_refused = m_refused || !m_output(block);
+        if (m_refused) return false;
+        if (QORRequestControl* const control = QORRequestControl::current()) control->renew();
+        m_lastLeft = Clock::now();
+        return true;
+    }
+
+    const QORAnswerOutput& m_output;
+    Answer m_answer;
+    std::unique_ptr<QORAnswerFormat> m_format;
+    Clock::time_point m_lastLeft = Clock::now();
+    bool m_begun = false;
+    bool m_refused = false;
+    bool m_ended = false;
+};
+
+QORRouter::QORRouter(const std::vector<std::string>& primed, const QORMessageLimits& limits,
+                     const QORAnswerLimits& answers)
+    : m_limits(limits), m_answers(answers) {
     for (const std::string& operatorName : primed)
         m_priming.push_back(std::make_unique<QORPriming>(operatorName));
 }
@@ -32,51 +179,60 @@ QORRouter::QORRouter(const std::vector<std::string>& primed, const QORMessageLim
 QORRouter::~QORRouter() = default;
 
 QORRouter::Answer QORRouter::answer(QORClientSession& session, std::string_view json) {
+    Whole whole(m_answers);
     try {
-        return answerOrThrow(session, json);
-    } catch (const std::bad_alloc&) {
-        return {outOfMemory, true};
-    } catch (const QORException& exception) {
-        return {errorText(exception.code(), exception.message()), true};
-    } catch (const std::exception& exception) {
-        return {errorText(errFailure, exception.what()), true};
+        serve(session, json, whole);
+        return whole.takeAnswer();
     } catch (...) {
-        return {errorText(errFailure, "unknown failure"), true};
+        return {outOfMemory, true, {}};
     }
 }
 
-QORRouter::Answer QORRouter::answerOrThrow(QORClientSession& session, std::string_view json) {
-    QORRequestEnvelope request;
+QORRouter::Streamed QORRouter::stream(QORClientSession& session, std::string_view json,
+                                      const QORAnswerOutput& output) {
+    Stream stream(output);
     try {
-        request = readRequest(json, m_limits);
-    } catch (const QORException& exception) {
-        return {errorText(exception.code(), exception.message()), false};
+        serve(session, json, stream);
+    } catch (...) {
+        stream.fail(errFailure, "out of memory", true);
     }
-    Answer answer;
-    run(session, request, answer.text);
-    return answer;
+    return stream.takeStreamed();
 }
 
-void QORRouter::run(QORClientSession& session, QORRequestEnvelope& request, std::string& out) {
+/// Every failure becomes one of the destination; what it throws then is for want of memory.
+void QORRouter::serve(QORClientSession& session, std::string_view json, Destination& destination) {
+    try {
+        QORRequestEnvelope request;
+        try {
+            request = readRequest(json, m_limits);
+        } catch (const QORException& exception) {
+            destination.fail(exception.code(), exception.message(), false);
+            return;
+        }
+        run(session, request, destination);
+    } catch (const std::bad_alloc&) {
+        destination.fail(errFailure, "out of memory", true);
+    } catch (const QORException& exception) {
+        destination.fail(exception.code(), exception.message(), true);
+    } catch (const std::exception& exception) {
+        destination.fail(errFailure, exception.what(), true);
+    } catch (...) {
+        destination.fail(errFailure, "unknown failure", true);
+    }
+}
+
+void QORRouter::run(QORClientSession& session, QORRequestEnvelope& request, Destination& destination) {
     const QORClientContextPtr identity = session.contextFor(request.client);
     for (const auto& priming : m_priming) {
         if (priming->operatorName() != request.operatorName) continue;
         if (const auto error = priming->ensure()) throw QORException(error->code, error->message);
     }
     session.withMessage([&](QORMessage& message) {
-        QORBinaryIterator in = request.body.root();
-        in.firstChild();
-        QORBinaryIterator response = message.root();
-        switch (session.run(identity, request.operatorName, request.requestName, in, response)) {
-            case QORClientSession::Outcome::Done:
-                writeResponse(message, out);
-                return;
-            case QORClientSession::Outcome::UnknownOperator:
-                throw QORException(errBadRequest, "unknown operator " + quoteText(request.operatorName));
-            case QORClientSession::Outcome::UnknownRequest:
-                throw QORException(errBadRequest, "unknown request " + quoteText(request.requestName) +
-                                                      " of operator " + quoteText(request.operatorName));
-        }
+        QORAnswerWriter writer(message, destination.begin(),
+                               [&](std::int64_t rows) { return destination.goesOn(rows); });
+        std::optional<QORAnswerError> error = runOperator(session, identity, request, message);
+        if (!message.refusal().empty()) error = QORAnswerError{errFailure, message.refusal()};
+        destination.end(writer, message, error ? &*error : nullptr);
     });
 }
 

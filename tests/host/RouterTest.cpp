@@ -142,5 +142,190 @@ TEST_F(Router, LimitsOfTheMessageAreErrors) {
     EXPECT_THAT(errorOf(answer.text).message, testing::HasSubstr("3"));
 }
 
+// ---- large answers
+
+constexpr const char* anySelect = R"({"operator":"test","request":"select","body":[1740]})";
+
+void writeRows(QORMessageIterator& out, int rows, const std::string& value) {
+    out.addChild(tag::rowSet);
+    out.putValue("a", tag::name);
+    for (int row = 0; row < rows && out.addChild(tag::row) == 0; ++row) {
+        out.putValue(value, tag::value);
+        out.seekUp();
+    }
+}
+
+QORAnswerLimits fewRows() {
+    QORAnswerLimits limits;
+    limits.rows = 10;
+    limits.bytes = 1000;
+    return limits;
+}
+
+class LargeAnswers : public Router {
+protected:
+    struct Got {
+        std::string text;
+        int pieces = 0;
+        QORRouter::Streamed end;
+    };
+    Got stream(const std::string& request = anySelect) {
+        Got got;
+        got.end = bounded.stream(session, request, [&](std::string_view piece) {
+            got.text += piece;
+            return ++got.pieces < most;
+        });
+        return got;
+    }
+
+    QORRouter bounded{{}, {}, fewRows()};
+    int most = 1'000'000;
+};
+
+TEST_F(LargeAnswers, AsManyRowsAsMayBeAreAnswered) {
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) { writeRows(out, 10, "x"); };
+    EXPECT_EQ(readResponse(bounded.handle(session, anySelect)).response.nodeCount(), 1U + 1 + 10 * 2);
+}
+
+TEST_F(LargeAnswers, OneRowMoreIsAnErrorThatSaysHowToGetTheRest) {
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) { writeRows(out, 11, "x"); };
+    const std::string answer = bounded.handle(session, anySelect);
+    EXPECT_EQ(readResponse(answer).response.nodeCount(), 0U);
+    EXPECT_EQ(errorOf(answer).code, 1);
+    EXPECT_EQ(errorOf(answer).message,
+              "the answer has more than 10 rows: ask for it in parts (limit with size and offset), or as a stream "
+              "(stream=true)");
+}
+
+TEST_F(LargeAnswers, SoIsATextThatIsTooLong) {
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) {
+        writeRows(out, 2, std::string(500, 'x'));
+    };
+    EXPECT_THAT(errorOf(bounded.handle(session, anySelect)).message,
+                testing::StartsWith("the answer is larger than 1000 bytes: ask for it in parts"));
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) {
+        out.putValue(std::string(1001, 'x'), tag::value);
+    };
+    EXPECT_THAT(errorOf(bounded.handle(session, anySelect)).message, testing::HasSubstr("larger than 1000 bytes"));
+}
+
+TEST_F(LargeAnswers, TheWriterIsToldThatNothingMoreIsTaken) {
+    int written = 0;
+    served.behaviour.select = [&](QORMessageIterator&, QORMessageIterator& out) {
+        out.addChild(tag::rowSet);
+        for (; out.addChild(tag::row) == 0; ++written)
+            out.seekUp();
+    };
+    bounded.handle(session, anySelect);
+    EXPECT_EQ(written, 11);
+}
+
+TEST_F(LargeAnswers, RowsThatWereTakenBackAreNotAnswered) {
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) {
+        writeRows(out, 5, "x");
+        out.reset();
+        out.removeChildren(tag::rowSet);
+        QOROperatorFunctionalPrototype::addError(&out, QORErrors, errFailure, "no good");
+    };
+    EXPECT_EQ(bounded.handle(session, anySelect), R"({"response":[],"error":{"code":1,"message":"no good"}})");
+}
+
+TEST_F(LargeAnswers, RowsBeforeAnErrorAreAnsweredWhereTheyStay) {
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) {
+        const auto root = out.clone();
+        writeRows(out, 2, "x");
+        QOROperatorFunctionalPrototype::addError(root.get(), QORErrors, errFailure, "no good");
+    };
+    EXPECT_EQ(bounded.handle(session, anySelect), R"({"response":[[1744,[[1026,"a"],[1739,[[1018,"x"]]],)"
+                                                  R"([1739,[[1018,"x"]]]]]],"error":{"code":1,"message":"no good"}})");
+}
+
+TEST_F(LargeAnswers, AStreamHasNoBounds) {
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) { writeRows(out, 20'000, "text"); };
+    const Got got = stream();
+    EXPECT_TRUE(got.end.whole);
+    EXPECT_TRUE(got.end.answer.text.empty());
+    EXPECT_GT(got.pieces, 3);
+    EXPECT_EQ(readResponse(got.text).response.nodeCount(), 1U + 1 + 20'000 * 2);
+}
+
+TEST_F(LargeAnswers, TheFirstRowOfAStreamLeavesAtOnce) {
+    int pieces = 0;
+    int piecesAtSecondRow = 0;
+    served.behaviour.select = [&](QORMessageIterator&, QORMessageIterator& out) {
+        writeRows(out, 1, "x");
+        piecesAtSecondRow = pieces;
+    };
+    bounded.stream(session, anySelect, [&](std::string_view) { return ++pieces > 0; });
+    EXPECT_EQ(piecesAtSecondRow, 1);
+}
+
+TEST_F(LargeAnswers, AnErrorInTheMiddleOfAStreamStandsBehindTheRows) {
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) {
+        writeRows(out, 2, "x");
+        out.reset();
+        out.removeChildren(tag::rowSet);
+        QOROperatorFunctionalPrototype::addError(&out, QORErrors, errFailure, "the database has gone");
+    };
+    const Got got = stream();
+    EXPECT_TRUE(got.end.whole);
+    EXPECT_EQ(got.text, R"({"response":[[1744,[[1026,"a"],[1739,[[1018,"x"]]],[1739,[[1018,"x"]]]]]],)"
+                        R"("error":{"code":1,"message":"the database has gone"}})");
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) {
+        writeRows(out, 1, "x");
+        throw std::runtime_error("thrown");
+    };
+    EXPECT_EQ(stream().text, R"({"response":[[1744,[[1026,"a"],[1739,[[1018,"x"]]]]]],)"
+                             R"("error":{"code":1,"message":"thrown"}})");
+}
+
+TEST_F(LargeAnswers, AStreamThatIsNotTakenEndsTheWriterAndIsNotWhole) {
+    int written = 0;
+    served.behaviour.select = [&](QORMessageIterator&, QORMessageIterator& out) {
+        out.addChild(tag::rowSet);
+        for (; written < 1'000'000 && out.addChild(tag::row) == 0; ++written)
+            out.seekUp();
+    };
+    most = 2;
+    const Got got = stream();
+    EXPECT_FALSE(got.end.whole);
+    EXPECT_LT(written, 1'000'000);
+}
+
+TEST_F(LargeAnswers, WhatIsNoRequestIsNotStreamed) {
+    const Got got = stream("nonsense");
+    EXPECT_EQ(got.pieces, 0);
+    EXPECT_FALSE(got.end.answer.readable);
+    EXPECT_EQ(errorOf(got.end.answer.text).code, 400);
+}
+
+TEST_F(LargeAnswers, ATextCountsForTheRequestUntilItIsGone) {
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) { writeRows(out, 10, "x"); };
+    QORMemoryBudget all;
+    {
+        const QORMemoryScope scope(std::make_shared<QORMemoryAccount>(all, std::size_t{1} << 20));
+        const QORRouter::Answer answer = bounded.answer(session, anySelect);
+        EXPECT_GE(all.used(), answer.text.size());
+    }
+    EXPECT_EQ(all.used(), 0U);
+}
+
+TEST_F(LargeAnswers, AnAnswerBeyondTheMemoryOfARequestIsAnError) {
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) {
+        out.addChild(tag::rowSet);
+        out.addChild(tag::row);
+        while (out.putValue(std::string(1000, 'x'), tag::value) == 0) {
+        }
+    };
+    QORMemoryBudget all;
+    const QORMemoryScope scope(std::make_shared<QORMemoryAccount>(all, std::size_t{1} << 20, "a request"));
+    const std::string expected =
+        R"({"response":[],"error":{"code":1,"message":"the message does not fit into memory: a request may hold 1 MiB"}})";
+    EXPECT_EQ(router.handle(session, anySelect), expected);
+    EXPECT_EQ(all.used(), 0U);
+    EXPECT_THAT(stream().text, testing::HasSubstr("does not fit into memory"));
+    EXPECT_EQ(all.used(), 0U);
+}
+
 }  // namespace
 }  // namespace QOR

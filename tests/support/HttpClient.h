@@ -90,6 +90,9 @@ public:
     /// Waits until something of an answer has arrived. \returns false when the other side has closed
     bool awaitBytes() { return !m_buffer.empty() || readSome(); }
 
+    /// What has arrived and was not looked at.
+    std::string takeBytes() { return std::exchange(m_buffer, {}); }
+
     /// True when the other side closes without sending anything more.
     bool isClosed() { return m_buffer.empty() && !readSome(); }
 

@@ -4,11 +4,14 @@
 #include <rapidjson/writer.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <utility>
 
+#include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORText.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORLibLocal/QORVocabulary.h"
@@ -172,6 +175,22 @@ std::string statusText() {
     return {buffer.GetString(), buffer.GetSize()};
 }
 
+/// Reads the parameters of /v1/messages. \throws QORException 400 for others and for other values
+bool wantsStream(std::string_view query) {
+    bool wanted = false;
+    while (!query.empty()) {
+        const std::string_view parameter = query.substr(0, query.find('&'));
+        query.remove_prefix(std::min(parameter.size() + 1, query.size()));
+        if (parameter != "stream=true" && parameter != "stream=false") {
+            throw QORException(errBadRequest, parameter.starts_with("stream=")
+                                                  ? "stream is true or false, not " + quoteText(parameter.substr(7))
+                                                  : "unknown parameter " + quoteText(parameter));
+        }
+        wanted = parameter == "stream=true";
+    }
+    return wanted;
+}
+
 bool hasFullAccess(const std::optional<HttpPeerCredentials>& peer) {
     return peer && (peer->uid == 0 || peer->uid == ::geteuid());
 }
@@ -179,14 +198,24 @@ bool hasFullAccess(const std::optional<HttpPeerCredentials>& peer) {
 /// One connection.
 class AgentClient final : public HttpClientHandler {
 public:
-    AgentClient(QORHost& host, bool fullAccess)
-        : m_host(host), m_session(host.newSession(fullAccess ? fullAccessContext() : noAccessContext())) {}
+    AgentClient(AgentApplication& application, QORHost& host, bool fullAccess)
+        : m_application(application),
+          m_host(host),
+          m_session(host.newSession(fullAccess ? fullAccessContext() : noAccessContext())) {}
 
     HttpReply handle(const HttpRequest& request) override;
 
     HttpReply messages(const HttpRequest& request) {
-        QORRouter::Answer answer = m_host.router().answer(*m_session, request.body);
-        return {answer.readable ? ok : badRequest, std::move(answer.text)};
+        if (!wantsStream(request.query)) return replyOf(m_host.router().answer(*m_session, request.body));
+        QORRouter::Streamed streamed = m_host.router().stream(
+            *m_session, request.body, [&](std::string_view piece) { return request.stream->send(piece); });
+        if (!streamed.whole) throw QORException(errFailure, "the answer broke off in the middle");
+        return replyOf(std::move(streamed.answer));
+    }
+    static HttpReply replyOf(QORRouter::Answer answer) {
+        HttpReply reply{answer.readable ? ok : badRequest, std::move(answer.text)};
+        reply.memory = std::move(answer.memory);
+        return reply;
     }
     HttpReply records(const HttpRequest& request) { return {ok, takeRecords(request.body, request.query)}; }
     HttpReply collect(const HttpRequest&) { return {ok, runCollectors()}; }
@@ -195,6 +224,7 @@ public:
     HttpReply status(const HttpRequest&) { return {ok, statusText()}; }
 
 private:
+    AgentApplication& m_application;
     QORHost& m_host;
     std::unique_ptr<QORClientSession> m_session;
 };
@@ -247,6 +277,7 @@ void logReply(const HttpRequest& request, const HttpReply& reply) {
 }
 
 HttpReply AgentClient::handle(const HttpRequest& request) {
+    const QORMemoryScope memory(m_application.newAccount());
     HttpReply reply;
     try {
         reply = (this->*find(request.path)->answer)(request);
@@ -262,9 +293,16 @@ HttpReply AgentClient::handle(const HttpRequest& request) {
 
 }  // namespace
 
-AgentApplication::AgentApplication(QORHost& host) : m_host(host) {}
+AgentApplication::AgentApplication(QORHost& host, const AgentMemory& memory)
+    : m_host(host),
+      m_requestMemory(memory.oneRequest),
+      m_memory(memory.allRequests, "all requests together (--memory)") {}
 
 AgentApplication::~AgentApplication() = default;
+
+QORMemoryAccountPtr AgentApplication::newAccount() {
+    return std::make_shared<QORMemoryAccount>(m_memory, m_requestMemory, "one request (--request-memory)");
+}
 
 HttpIdentity AgentApplication::identify(const std::optional<HttpPeerCredentials>& peer) {
     return {peer ? "uid:" + std::to_string(peer->uid) : "unknown", hasFullAccess(peer)};
@@ -284,7 +322,7 @@ HttpPlan AgentApplication::plan(const HttpRequest& head, const std::optional<Htt
 }
 
 std::unique_ptr<HttpClientHandler> AgentApplication::connect(const std::optional<HttpPeerCredentials>& peer) {
-    return std::make_unique<AgentClient>(m_host, hasFullAccess(peer));
+    return std::make_unique<AgentClient>(*this, m_host, hasFullAccess(peer));
 }
 
 std::string AgentApplication::errorBody(unsigned status, std::string_view message) {

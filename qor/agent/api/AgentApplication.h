@@ -23,11 +23,18 @@
 #include <string>
 #include <string_view>
 
+#include "QORCommon/QORMemory.h"
 #include "agent/http/HttpTypes.h"
 
 namespace QOR {
 
 class QORHost;
+
+/// How much memory requests may hold, in bytes. What has no room is refused with an error that names the setting.
+struct AgentMemory {
+    std::size_t oneRequest = std::size_t{256} << 20;
+    std::size_t allRequests = std::size_t{1} << 30;
+};
 
 /// The identity of a connection is decided once, by who the system says is at its other end: root and the agent's own
 /// user have full access; anybody else, and a peer of whom the system says nothing, has none and stands for no
@@ -35,7 +42,7 @@ class QORHost;
 class AgentApplication final : public HttpApplication {
 public:
     /// \param host must outlive the application
-    explicit AgentApplication(QORHost& host);
+    explicit AgentApplication(QORHost& host, const AgentMemory& memory = {});
     ~AgentApplication() override;
 
     /// Where the number of open connections comes from, for /v1/health. Before the first connection.
@@ -48,9 +55,13 @@ public:
 
     /// \param fullAccess of who asks
     std::string healthText(bool fullAccess) const;
+    /// An account for the request that comes next.
+    QORMemoryAccountPtr newAccount();
 
 private:
     QORHost& m_host;
+    const std::size_t m_requestMemory;
+    QORMemoryBudget m_memory;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };
     const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 };

@@ -5,17 +5,21 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/basic_stream.hpp>
+#include <boost/beast/core/buffers_suffix.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/http.hpp>
+#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <exception>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -23,6 +27,7 @@
 
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
+#include "agent/http/HttpOutgoing.h"
 #include "agent/http/HttpRequestReader.h"
 #include "agent/http/HttpServer.h"
 #include "agent/http/WorkerPool.h"
@@ -97,16 +102,23 @@ public:
         m_stream.socket().close(ignored);
     }
 
-    void start() { awaitRequest(); }
+    void start() {
+        watchPeer();
+        awaitRequest();
+    }
 
     /// True while a worker runs a request of this connection.
     bool isWorking() const noexcept { return m_working; }
+
+    /// True while that worker's reply is being sent already.
+    bool isStreaming() const noexcept { return m_working && m_streaming; }
 
     /// Ends the connection, whatever it is doing; a request that a worker runs is told to end.
     void close() {
         if (m_closed) return;
         m_closed = true;
         if (m_control) m_control->cancel(QORRequestControl::End::Gone);
+        m_outgoing.close();
         beast::error_code ignored;
         m_stream.socket().close(ignored);
         m_stream.cancel();
@@ -127,7 +139,7 @@ public:
     void turnGranted() {
         m_working = true;
         m_owner.workers(m_plan.lane).post([self = shared_from_this()] {
-            auto reply = std::make_shared<HttpReply>(self->answer());
+            auto reply = std::make_shared<std::optional<HttpReply>>(self->answer());
             net::post(self->m_stream.get_executor(), [self, reply] { self->onAnswered(std::move(*reply)); });
         });
     }
@@ -154,6 +166,15 @@ private:
         return [self = shared_from_this(), function](beast::error_code error, std::size_t size) {
             if (!self->m_closed) ((*self).*function)(error, size);
         };
+    }
+
+    /// A client that is gone for good, not one that only sends no more, ends what runs for it.
+    void watchPeer() {
+        m_stream.socket().async_wait(net::socket_base::wait_error, [self = shared_from_this()](beast::error_code error) {
+            if (error || self->m_closed) return;
+            self->m_peerGone = true;
+            if (self->m_control) self->close();
+        });
     }
 
     // ---- reading ------------------------------------------------------------------------------------------------
@@ -339,6 +360,11 @@ private:
         m_stream.expires_never();
         count();
         m_control = std::make_shared<QORRequestControl>(m_owner.options().deadline);
+        if (m_peerGone) {
+            close();
+            return;
+        }
+        m_outgoing.open();
         if (m_owner.awaitTurn(*this, m_plan.lane)) return;
         dropRequest();
         write(unavailable("too many requests wait for their turn"));
@@ -357,19 +383,25 @@ private:
         return request;
     }
 
-    /// Runs on a worker.
-    HttpReply answer() {
+    /// Runs on a worker. \returns nothing when a reply that had begun cannot be ended
+    std::optional<HttpReply> answer() {
         const QORRequestScope scope(m_control);
+        ReplyStream stream(*this);
         try {
             if (!m_handler) m_handler = m_owner.application().connect(m_peer);
-            return m_handler->handle(request());
+            HttpRequest handled = request();
+            handled.stream = &stream;
+            HttpReply reply = m_handler->handle(handled);
+            if (stream.hasBegun() && reply.status != 200) return std::nullopt;
+            return reply;
         } catch (const std::exception& exception) {
             logMessage(0, "QORAgent", "qor/agent/http/HttpConnection", "answer", "%s", exception.what());
-            return {500, m_owner.application().errorBody(500, exception.what())};
+            if (stream.hasBegun()) return std::nullopt;
+            return HttpReply{500, m_owner.application().errorBody(500, exception.what())};
         }
     }
 
-    void onAnswered(HttpReply reply) {
+    void onAnswered(std::optional<HttpReply> reply) {
         m_working = false;
         m_owner.giveTurn(*this, m_plan.lane);
         dropRequest();
@@ -377,7 +409,14 @@ private:
             dropHandler();
             return;
         }
-        write(std::move(reply));
+        if (!reply) {
+            close();
+        } else if (m_streaming) {
+            m_streamEnds = true;
+            if (!m_writingPiece) writePiece();
+        } else {
+            write(std::move(*reply));
+        }
     }
 
     /// The request has been answered or given up: its memory is free.
@@ -419,6 +458,7 @@ private:
         m_response->keep_alive(m_keepAlive);
         m_response->content_length(reply.body.size());
         if (!m_bodyless) m_response->body() = std::move(reply.body);
+        m_replyMemory = std::move(reply.memory);
         m_serializer.emplace(*m_response);
         writeSome();
     }
@@ -438,9 +478,100 @@ private:
         }
     }
 
+    // ---- a reply that leaves while it is made ---------------------------------------------------------------------
+    /// A worker's end of it.
+    class ReplyStream final : public HttpReplyStream {
+    public:
+        explicit ReplyStream(HttpConnection& connection) : m_connection(connection) {}
+        bool hasBegun() const noexcept { return m_begun; }
+        bool send(std::string_view piece) override {
+            if (piece.empty()) return !m_connection.m_outgoing.isClosed();
+            m_begun = true;
+            if (!m_connection.m_outgoing.push(std::string(piece))) return false;
+            net::post(m_connection.m_stream.get_executor(),
+                      [self = m_connection.shared_from_this()] { self->onPieceReady(); });
+            return true;
+        }
+
+    private:
+        HttpConnection& m_connection;
+        bool m_begun = false;
+    };
+
+    void onPieceReady() {
+        if (m_closed || m_writingPiece) return;
+        if (!std::exchange(m_streaming, true)) beginStream();
+        writePiece();
+    }
+
+    void beginStream() {
+        m_keepAlive = m_keepAlive && !m_owner.isStopping() && m_version >= 11;
+        http::response<http::empty_body> head(http::status::ok, m_version);
+        head.set(http::field::server, "qor-agent");
+        head.set(http::field::content_type, HttpReply().contentType);
+        head.keep_alive(m_keepAlive);
+        if (m_version >= 11) head.chunked(true);
+        std::ostringstream text;
+        text << head.base();  // the head alone
+        m_frame = text.str();
+    }
+
+    /// The next piece with what comes before it and behind: the head, the size of the chunk. Without chunks, for a
+    /// client of the first version, the end of the connection ends the reply.
+    void writePiece() {
+        const bool chunked = m_version >= 11;
+        m_piece.clear();
+        if (m_outgoing.pop(m_piece)) {
+            if (m_bodyless) m_piece.clear();
+            if (chunked && !m_piece.empty()) m_frame += chunkSize(m_piece.size());
+            m_frameEnd = chunked && !m_piece.empty() ? "\r\n" : "";
+        } else if (std::exchange(m_streamEnds, false)) {
+            m_streaming = false;
+            if (chunked && !m_bodyless) m_frame += "0\r\n\r\n";
+            m_frameEnd = "";
+        } else {
+            return;
+        }
+        m_writingPiece = true;
+        m_unwritten.emplace(Frame{net::buffer(m_frame), net::buffer(m_piece), net::buffer(m_frameEnd)});
+        writePieceSome();
+    }
+
+    static std::string chunkSize(std::size_t size) {
+        char text[20];
+        char* const end = std::to_chars(text, text + sizeof text, size, 16).ptr;
+        return std::string(text, end) + "\r\n";
+    }
+
+    void writePieceSome() {
+        m_stream.expires_after(m_owner.options().writeTimeout);
+        m_stream.async_write_some(*m_unwritten, then(&HttpConnection::onPieceWritten));
+    }
+
+    void onPieceWritten(beast::error_code error, std::size_t size) {
+        if (error) {
+            close();
+            return;
+        }
+        m_unwritten->consume(size);
+        if (net::buffer_size(*m_unwritten) > 0) {
+            writePieceSome();
+            return;
+        }
+        m_writingPiece = false;
+        m_frame.clear();
+        if (m_streaming) {
+            writePiece();
+        } else {
+            onReplied();
+        }
+    }
+
     void onReplied() {
         m_serializer.reset();
         m_response.reset();
+        m_replyMemory.release();
+        m_piece = {};
         // First, because the next request may be here already, and count itself.
         if (std::exchange(m_counted, false)) m_owner.requestEnded();
         if (m_keepAlive) {
@@ -491,6 +622,13 @@ private:
     std::shared_ptr<QORRequestControl> m_control;  // of the request that waits for its turn or is worked on
     std::optional<Response> m_response;
     std::optional<http::response_serializer<http::string_body>> m_serializer;
+    QORMemoryCharge m_replyMemory;
+    using Frame = std::array<net::const_buffer, 3>;
+    HttpOutgoing m_outgoing;  // thread-safe
+    std::string m_frame;
+    std::string m_piece;
+    std::string_view m_frameEnd;
+    std::optional<beast::buffers_suffix<Frame>> m_unwritten;
     unsigned m_version = 11;
     bool m_bodyless = false;
     bool m_keepAlive = false;
@@ -499,6 +637,10 @@ private:
     bool m_working = false;
     bool m_counted = false;
     bool m_closed = false;
+    bool m_peerGone = false;
+    bool m_streaming = false;   ///< the head of a streamed reply is on its way, its end is not
+    bool m_streamEnds = false;  ///< no piece will come behind those that wait
+    bool m_writingPiece = false;
 };
 
 }  // namespace QOR

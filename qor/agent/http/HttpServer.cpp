@@ -6,11 +6,13 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <iterator>
 #include <list>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "QORCommon/QORLogger.h"
 #include "agent/http/FairQueue.h"
@@ -339,10 +341,20 @@ private:
         });
     }
 
+    /// A worker that sends while it works ends when it cannot send.
+    void closeStreams() {
+        std::vector<HttpConnection*> streaming;
+        std::copy_if(m_connections.begin(), m_connections.end(), std::back_inserter(streaming),
+                     [](auto* each) { return each->isStreaming(); });
+        for (HttpConnection* connection : streaming)
+            connection->close();
+    }
+
     /// Waits no longer. Replies that their clients do not take can be dropped; requests that run cannot be ended.
     void abandon() {
         if (m_finishing) return;
         logMessage(0, module, sourcePath, "stop", "%zu requests are given up", m_inFlight);
+        closeStreams();
         if (std::none_of(m_connections.begin(), m_connections.end(), [](auto* each) { return each->isWorking(); })) {
             finish();
             return;

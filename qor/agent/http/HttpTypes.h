@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "QORCommon/QORMemory.h"
+
 namespace QOR {
 
 /// The process at the other end of a local connection, as the system vouches for it.
@@ -35,6 +37,17 @@ struct HttpField {
     std::string_view value;
 };
 
+/// A reply that leaves while it is made. Used by the thread that handles the request, during the call.
+class HttpReplyStream {
+public:
+    /// Sends a piece of the body; the first piece sends the head, status 200, before it. Waits while the client takes
+    /// nothing, within the server's limits. \returns false when the client has gone: nothing is sent any more
+    virtual bool send(std::string_view piece) = 0;
+
+protected:
+    ~HttpReplyStream() = default;
+};
+
 /// A request. Views are valid during the call that is handed the request.
 struct HttpRequest {
     std::string_view method;
@@ -42,6 +55,7 @@ struct HttpRequest {
     std::string_view query;  ///< behind it
     std::string_view body{};
     std::span<const HttpField> fields{};
+    HttpReplyStream* stream = nullptr;  ///< for a reply that is not to be in memory as a whole; while it is handled
 
     /// The first field of that name, which is matched without regard to case; empty when there is none.
     std::string_view field(std::string_view name) const noexcept;
@@ -53,6 +67,7 @@ struct HttpReply {
     std::string contentType = "application/json";
     std::string allow{};      ///< value of the header Allow; empty: none
     unsigned retryAfter = 0;  ///< seconds, value of the header Retry-After; 0: none
+    QORMemoryCharge memory{};  ///< what the body counts for, until it is sent
 };
 
 /// Workers that a request waits for. What waits for one lane does not hold up another.
@@ -73,7 +88,9 @@ struct HttpPlan {
 class HttpClientHandler {
 public:
     virtual ~HttpClientHandler();
-    /// Answers a request; may take its time. What it throws becomes a reply 500.
+    /// Answers a request; may take its time. What it throws becomes a reply 500. Once a piece was sent through the
+    /// request's stream, the reply that is returned only ends it; an exception or another status than 200 then breaks
+    /// the connection, so that what was sent cannot be taken for all of it.
     virtual HttpReply handle(const HttpRequest& request) = 0;
 
 protected:

@@ -116,11 +116,14 @@ public:
         http::read_header(m_socket, m_ahead, parser, error);
         if (error) lost(describe(error));
     }
+    /// A part of an answer that has begun: without its end it is an error, not a shorter answer.
     template <class Parser>
     void readSome(Parser& parser) {
         boost::system::error_code error;
         http::read(m_socket, m_ahead, parser, error);
-        if (error && error != http::error::need_buffer) lost(describe(error));
+        if (!error || error == http::error::need_buffer) return;
+        throw QORCtlError(QORCtlExit::AnsweredError,
+                          "the answer of the agent at " + m_path + " broke off: " + describe(error));
     }
 
     /// True when the agent said that it answers nothing more on this connection.
@@ -280,7 +283,7 @@ bool QORAgentBackend::seesEnvironments() {
 }
 
 std::unique_ptr<QORAnswerSource> QORAgentBackend::ask(std::string_view request) {
-    m_connection->sendRequest("POST", "/v1/messages", request);
+    m_connection->sendRequest("POST", "/v1/messages?stream=true", request);
     return std::make_unique<Source>(*m_connection);
 }
 

@@ -54,12 +54,14 @@ public:
     /// False when this user, at the other side, has no full access and stands for no environment.
     virtual bool seesEnvironments() = 0;
 
-    /// Asks one request in message notation. The answer must be read, or given up, before the next request.
+    /// Asks one request in message notation. The answer comes as a stream, of any size; it must be read, or given up,
+    /// before the next request.
     virtual std::unique_ptr<QORAnswerSource> ask(std::string_view request) = 0;
 
     /// \param idle true when no further answer is on its way
     using TakeAnswer = std::function<void(std::string_view answer, bool idle)>;
-    /// Answers each line in turn until the input ends; blank lines are passed over. `take` is called on this thread;
+    /// Answers each line in turn until the input ends, each answer within the limits of answers that are sent as a
+    /// whole; blank lines are passed over. `take` is called on this thread;
     /// requests may be sent ahead of the answers. What `take` throws ends it.
     virtual void answerLines(int input, const TakeAnswer& take) = 0;
 

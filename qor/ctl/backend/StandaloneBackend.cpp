@@ -1,6 +1,11 @@
 #include "backend/StandaloneBackend.h"
 
+#include <condition_variable>
+#include <deque>
 #include <exception>
+#include <mutex>
+#include <thread>
+#include <utility>
 
 #include "CtlError.h"
 #include "QORCommon/QORException.h"
@@ -11,6 +16,67 @@
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
+
+/// An answer that a thread of its own makes while it is read.
+class QORStandaloneBackend::Source final : public QORAnswerSource {
+public:
+    Source(QORRouter& router, QORClientSession& session, std::string request)
+        : m_maker([this, &router, &session, request = std::move(request)] { make(router, session, request); }) {}
+    ~Source() override {
+        {
+            const std::lock_guard lock(m_mutex);
+            m_givenUp = true;
+            m_changed.notify_all();
+        }
+        m_maker.join();
+    }
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+
+    std::string_view read() override {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [this] { return !m_pieces.empty() || m_ended; });
+        if (m_pieces.empty()) {
+            if (m_broken) throw QORCtlError(QORCtlExit::AnsweredError, "the answer broke off");
+            return {};
+        }
+        m_piece = std::move(m_pieces.front());
+        m_pieces.pop_front();
+        m_changed.notify_all();
+        return m_piece;
+    }
+
+private:
+    static constexpr std::size_t mostPieces = 2;
+
+    bool put(std::string_view piece) {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_givenUp || m_pieces.size() < mostPieces; });
+        if (m_givenUp) return false;
+        m_pieces.emplace_back(piece);
+        m_changed.notify_all();
+        return true;
+    }
+
+    void make(QORRouter& router, QORClientSession& session, const std::string& request) {
+        const QORRouter::Streamed streamed =
+            router.stream(session, request, [this](std::string_view piece) { return put(piece); });
+        if (!streamed.answer.text.empty()) put(streamed.answer.text);
+        const std::lock_guard lock(m_mutex);
+        m_broken = !streamed.whole;
+        m_ended = true;
+        m_changed.notify_all();
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<std::string> m_pieces;  // guarded by m_mutex
+    bool m_ended = false;              // guarded by m_mutex
+    bool m_broken = false;             // guarded by m_mutex
+    bool m_givenUp = false;            // guarded by m_mutex
+    std::string m_piece;               // the reader's
+    std::thread m_maker;
+};
 
 QORStandaloneBackend::QORStandaloneBackend(const QORConnectionOptions& options, QORBackendUse use) {
     QORHostOptions host;
@@ -40,7 +106,7 @@ QORStandaloneBackend::~QORStandaloneBackend() {
 }
 
 std::unique_ptr<QORAnswerSource> QORStandaloneBackend::ask(std::string_view request) {
-    return std::make_unique<QORTextSource>(m_host->router().handle(*m_session, request));
+    return std::make_unique<Source>(m_host->router(), *m_session, std::string(request));
 }
 
 void QORStandaloneBackend::answerLines(int input, const TakeAnswer& take) {

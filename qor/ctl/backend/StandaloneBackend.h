@@ -24,6 +24,7 @@ public:
     QORBackendStatus status() override;
 
 private:
+    class Source;
     QORIngest m_ingest;
     std::unique_ptr<QORHost> m_host;              ///< where requests are asked
     std::unique_ptr<QORClientSession> m_session;  ///< gone before the host

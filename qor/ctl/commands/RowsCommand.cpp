@@ -30,8 +30,8 @@ void runRows(const QORConnectionOptions& connection, const QORRowsOptions& asked
     QORCountKeeper rows(*printer);
     const auto answer = backend->ask(json);
     const auto error = readAnswer(*answer, rows);
+    out.flush();  // the rows before an error too: they have been answered
     if (error) throw QORCtlError::answered(error->code, error->message);
-    out.flush();
     if (rows.counts && print.format == QORRowFormat::Csv) tellPerson(describeCounts(*rows.counts));
 }
 

@@ -54,8 +54,8 @@ void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& o
 
     const auto answer = backend.get().ask(json);
     const auto error = readAnswer(*answer, rows);
+    out.flush();  // the rows before an error too: they have been answered
     if (error) throw QORCtlError::answered(error->code, error->message);
-    out.flush();
     if (keeper.counts && print.format == QORRowFormat::Csv) tellPerson(describeCounts(*keeper.counts));
 }
 

@@ -74,6 +74,13 @@ void TExpressionEvaluation::clearResult() {
     m_result.type = TValueType::Invalid;
 }
 
+void TExpressionEvaluation::forgetExpression() {
+    clearResult();
+    m_program = {};
+    m_specialProgram = {};
+    TExpressionEvaluationParser::forgetExpression();
+}
+
 std::vector<const TToken*> TExpressionEvaluation::postfixOrder() const {
     std::vector<const TToken*> tokens;
     tokens.reserve(postfix().size());

@@ -76,6 +76,9 @@ public:
     /// As the parser's, the text being kept like other results.
     const std::string& extractConstByIdentifierAndOperation(std::string_view name, TTokenType type, bool& found);
 
+    /// As the parser's, with the programs and the result.
+    void forgetExpression();
+
     bool wasError() const noexcept { return isError(); }
     TErrorType getErrorCode() const noexcept { return m_errorCode; }
     const std::string& getErrorDetail() const noexcept { return m_errorDetail; }

@@ -96,12 +96,37 @@ std::string TExpressionEvaluationParser::getPostfix() {
 bool TExpressionEvaluationParser::doParse() {
     startParse();
     while (getNextToken()) {
+        countToken();
         if (!takeToken()) return false;
     }
     return !isError() && finishParse();
 }
 
+/// Tokens are counted many at a time: a filter that people write is below the first time.
+void TExpressionEvaluationParser::countToken() {
+    constexpr std::size_t many = 1024;
+    if (++m_tokenCount % many != 0) return;
+    try {
+        m_memory.add(many * memoryOfToken, "the filter");
+    } catch (...) {
+        forgetExpression();
+        throw;
+    }
+}
+
+void TExpressionEvaluationParser::forgetExpression() {
+    setExpression({});
+    startParse();
+    std::string().swap(m_text);
+    std::deque<TToken>().swap(m_postfix);
+    std::vector<TToken>().swap(m_operators);
+    std::vector<TFunctionArgumentsCheck>().swap(m_openCalls);
+    m_token = {};
+}
+
 void TExpressionEvaluationParser::startParse() {
+    m_memory.release();
+    m_tokenCount = 0;
     dropTrees();
     ++m_version;
     m_parsed = false;

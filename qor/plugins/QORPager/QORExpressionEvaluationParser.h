@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "QORCommon/QORMemory.h"
 #include "QORPager/QORExpressionTables.h"
 #include "QORPager/QORExpressionText.h"
 #include "QORPager/QORExpressionToken.h"
@@ -94,6 +95,7 @@ public:
     /// Parses unless the text is parsed already. \returns false on an error
     bool parse();
     /// Parses, whatever was parsed before. Trees are dropped with the postfix sequence that they refer to.
+    /// \throws QORMemoryExceeded when the request may not hold what the expression takes; there is none then
     bool doParse();
     /// Parses; the texts of the postfix sequence, each followed by a space. After an error, what there was of it.
     std::string getPostfix();
@@ -117,6 +119,11 @@ public:
 
     /// The constant that the name is compared with under the operator. \param found whether there is one
     std::string extractConstByIdentifierAndOperation(std::string_view name, TTokenType type, bool& found);
+
+    /// Back to the empty text, giving back what the former one and all that was made of it took.
+    void forgetExpression();
+    /// About how many bytes the expression that was parsed takes, its trees and programs included.
+    std::size_t expressionMemory() const noexcept { return m_text.capacity() + m_tokenCount * memoryOfToken; }
 
     void setError(TErrorType code);
     void setError(TErrorType code, std::string_view detail);
@@ -170,6 +177,10 @@ private:
     bool atEnd() const noexcept { return m_position == m_text.size(); }
     char current() const noexcept { return m_text[m_position]; }
 
+    /// A token itself, a node in two of the trees, an instruction of a program.
+    static constexpr std::size_t memoryOfToken = sizeof(TToken) + 2 * (sizeof(TNode) + 2 * sizeof(void*)) + 96;
+    void countToken();
+
     // The shunting yard.
     void startParse();
     bool takeToken();
@@ -196,6 +207,8 @@ private:
     bool m_parsed = false;
     std::string m_text;
     std::deque<TToken> m_postfix;
+    std::size_t m_tokenCount = 0;
+    QORMemoryCharge m_memory;
     TErrorType& m_errorCode;
     std::string& m_errorDetail;
     std::size_t m_errorPosition = 0;

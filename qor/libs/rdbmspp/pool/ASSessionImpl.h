@@ -130,6 +130,11 @@ struct ASSession::Impl {
     /// The same on the streaming connection, which must be there (mayStream()).
     ASStatementLease leaseStreaming(const std::string& sql);
     bool mayStream() const noexcept { return !inTransaction && !source.streamingString.empty(); }
+    /// Begins a transaction on the streaming connection, where all cursors run until it ends. \returns false when there
+    /// is no such connection
+    bool beginLong();
+    void endLong() noexcept;
+    bool isLong() const noexcept { return inLong; }
     bool isBroken() const noexcept { return connection.isBroken() || (streaming && streaming->isBroken()); }
     /// Ends what a transaction has left running and lets go of surplus statements.
     void tidy();
@@ -140,9 +145,12 @@ struct ASSession::Impl {
     ASSqlBuilder builder;
     ASStatementCache<OdbcStatement> selects;
     ASStatementCache<ASStatement> statements;
+    void openStreaming();
+
     std::unique_ptr<OdbcConnection> streaming;  ///< opened when it is first needed
     ASStatementCache<OdbcStatement> streamed;
     bool inTransaction = false;
+    bool inLong = false;
     std::int64_t changes = 0;
     std::uint64_t generation = 0;
     ASFileIdentity file;

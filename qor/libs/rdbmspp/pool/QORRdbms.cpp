@@ -220,7 +220,12 @@ ASSession::Impl::Impl(const ASConnectionSource& from)
 
 namespace {
 
+/// Bytes of a statement that is worth keeping. One with a hundred thousand literals is not asked twice, and its program
+/// is many times as long as its text.
+constexpr std::size_t mostKeptText = std::size_t{16} << 10;
+
 ASStatementLease leaseFrom(ASStatementLease::Cache& cache, OdbcConnection& connection, const std::string& sql) {
+    if (sql.size() > mostKeptText) return ASStatementLease(std::make_unique<OdbcStatement>(connection, sql));
     auto* entry = cache.find(sql);
     if (entry && !entry->leased) return ASStatementLease(*entry);
     auto fresh = std::make_unique<OdbcStatement>(connection, sql);
@@ -235,13 +240,35 @@ ASStatementLease ASSession::Impl::lease(const std::string& sql) {
     return leaseFrom(selects, connection, sql);
 }
 
-ASStatementLease ASSession::Impl::leaseStreaming(const std::string& sql) {
+void ASSession::Impl::openStreaming() {
     if (!streaming) {
         auto opened = std::make_unique<OdbcConnection>(source.streamingString, source.database);
         if (source.queryOnly) opened->execute(dialect->queryOnly);
         streaming = std::move(opened);
     }
+}
+
+ASStatementLease ASSession::Impl::leaseStreaming(const std::string& sql) {
+    openStreaming();
     return leaseFrom(streamed, *streaming, sql);
+}
+
+// A transaction that is begun by its statement does not keep the driver from handing out rows one by one.
+bool ASSession::Impl::beginLong() {
+    if (source.streamingString.empty()) return false;
+    openStreaming();
+    streaming->execute(dialect->beginRead);
+    inLong = true;
+    return true;
+}
+
+void ASSession::Impl::endLong() noexcept {
+    if (!std::exchange(inLong, false)) return;
+    try {
+        streaming->execute(dialect->rollback);
+    } catch (const std::exception&) {
+        streaming->setBroken();
+    }
 }
 
 void ASSession::Impl::tidy() {
@@ -541,6 +568,7 @@ QORRdbmsTran::QORRdbmsTran(ASAccess access) : m_impl(std::make_unique<Impl>()) {
     if (access == ASAccess::ReadOne) return;
     const ASDialect& dialect = *m_session->impl().dialect;
     try {
+        if (access == ASAccess::ReadLong && m_session->impl().beginLong()) return;
         m_session->execute(access == ASAccess::Write ? dialect.beginWrite : dialect.beginRead);
     } catch (...) {
         countHeld(false);
@@ -553,6 +581,7 @@ QORRdbmsTran::QORRdbmsTran(ASAccess access) : m_impl(std::make_unique<Impl>()) {
 QORRdbmsTran::~QORRdbmsTran() {
     auto& impl = m_session->impl();
     impl.tidy();
+    impl.endLong();
     if (m_impl->active) {
         try {
             m_session->execute(impl.dialect->rollback);

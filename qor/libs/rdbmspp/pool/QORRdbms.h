@@ -116,6 +116,8 @@ class QOR_API QORRdbms {
 enum class ASAccess {
     ReadOne,   ///< a single select: consistent in itself, no transaction on the wire
     Read,      ///< several selects that see one state
+    ReadLong,  ///< the same for cursors alone, of which one may have a result of any length: rows are read as they are
+               ///< fetched, where the engine can. Plain statements of the session are outside of it
     Write,     ///< takes the write lock at once
 };
 

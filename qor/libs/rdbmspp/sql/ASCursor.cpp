@@ -21,8 +21,10 @@ constexpr std::size_t bytesOfCharacter = 4;  // at most, in UTF-8
 constexpr std::size_t bytesOfNumber = 24;
 constexpr std::size_t bytesOfGuid = 36;
 constexpr std::size_t bytesOfUndeclared = 64;
-// Results that may be longer are worth a statement of their own for each set of values.
+// Results that may be longer are worth a statement of their own for each set of values. Rows that hold documents may be
+// large, however few they are.
 constexpr std::int32_t manyRows = 1000;
+constexpr std::int32_t manyDocuments = 16;
 
 std::size_t expectedText(std::size_t capacity) {
     return capacity > 1 ? (capacity - 1) * bytesOfCharacter : bytesOfUndeclared;
@@ -72,6 +74,15 @@ bool takeWholeReal(ASData& data, std::string_view stored) {
 
 }  // namespace
 
+bool ASCursor::isLong(std::int32_t limit, bool documents) noexcept {
+    return limit <= 0 || limit >= (documents ? manyDocuments : manyRows);
+}
+
+bool ASCursor::isDocument(const ASData& data) noexcept {
+    return data.type() == ASType::Blob ||
+           (data.type() == ASType::VarChar && static_cast<const ASVStr&>(data).capacity() <= 1);
+}
+
 ASProject& ASProject::operator<<(const ASAttribute& attribute) {
     m_items.push_back(std::make_shared<const Item>(Item{attribute, std::nullopt}));
     return *this;
@@ -117,6 +128,7 @@ struct ASCursor::Impl {
     void take(std::size_t index);
     bool isOneRow() const;
     std::string query(ASPurpose purpose) const;
+    bool holdsDocuments() const;
 
     ASSession& session;
     ASFilter filter;
@@ -205,7 +217,7 @@ void ASCursor::Impl::run() {
 void ASCursor::Impl::start(bool exactSums) {
     auto& s = session.impl();
     // Sums are all there before the first row is handed out, so that they can be taken again.
-    const bool streams = s.mayStream() && (limit <= 0 || limit >= manyRows) && !isOneRow() && !adds();
+    const bool streams = s.isLong() || (s.mayStream() && isLong(limit, holdsDocuments()) && !isOneRow() && !adds());
     s.builder.reset(streams ? ASPurpose::Streaming : ASPurpose::Execution, exactSums);
     where = restricted(filter.m_access, filter.m_condition);
     s.builder.select(filter, where, limit, offset, order);
@@ -229,6 +241,14 @@ bool ASCursor::Impl::adds() const {
 bool ASCursor::Impl::isOneRow() const {
     const auto& items = filter.m_project.m_items;
     return std::all_of(items.begin(), items.end(), [](const auto& item) { return item->group.has_value(); });
+}
+
+bool ASCursor::Impl::holdsDocuments() const {
+    const auto& items = filter.m_project.m_items;
+    return std::any_of(items.begin(), items.end(), [](const auto& item) {
+        const ASData* const data = item->data();
+        return data != nullptr && isDocument(*data);
+    });
 }
 
 void ASCursor::Impl::bind(const ASProject& project) {

@@ -70,6 +70,12 @@ class QOR_API ASCursor {
     /// The same as a part of another select, in whose conditions its one column is compared with columns.
     std::string NestedQuery() const;
 
+    /// Whether a result may be so long that it is worth reading it as it is fetched (ASAccess::ReadLong).
+    /// \param limit rows; 0 or less: no limit \param documents whether rows hold a document
+    static bool isLong(std::int32_t limit, bool documents) noexcept;
+    /// Whether values of the object may be of any length: bytes, or a text without a declared length.
+    static bool isDocument(const ASData& data) noexcept;
+
    private:
     struct Impl;
     std::unique_ptr<Impl> m_impl;

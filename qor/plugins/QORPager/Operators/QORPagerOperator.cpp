@@ -34,6 +34,9 @@ namespace {
 /// Of rows, after a request has ended.
 constexpr int everyRow = std::numeric_limits<std::int32_t>::max();
 
+/// Bytes of a compiled filter that may stay until the next one is compiled.
+constexpr std::size_t mostKeptFilter = std::size_t{256} << 10;
+
 /// One entry of the caches' category; none when it lacks an identifier or a name.
 std::optional<std::pair<std::string, CacheInfo>> readCache(const QORVocIterator& entry) {
     std::string id;
@@ -120,6 +123,7 @@ void QORPagerOperatorPrototype::stopCallback() {
     m_inPlaceholderList.clear();
     m_where = std::string();
     m_whereGiven = false;
+    if (m_evaluator->expressionMemory() > mostKeptFilter) m_evaluator->forgetExpression();
 }
 
 /// The filter knows the names of the set, so that it starts anew with other ones.

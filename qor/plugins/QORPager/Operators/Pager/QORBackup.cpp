@@ -15,6 +15,9 @@ namespace {
 /// Characters of columns with a declared length, the terminator included; others are read in pieces.
 constexpr std::size_t noDeclaredLength = 1;
 
+/// Bytes that a document takes when it is read, for each of its text.
+constexpr std::size_t memoryOfDocumentByte = 4;
+
 /// What restricts the rows to those that the client of the calling thread may see; empty for one that may see all.
 ASComparison accessCondition(const QORBackupTable& table) {
     const QORRowAccess access = QORRowAccess::current();
@@ -98,11 +101,14 @@ ASOrder QORBackupTable::order() const {
 
 QORBackup makeQORBackupInfo(const QORBackupTable& table) {
     QORBackup backup;
+    const std::string document = table.info->isNull() ? std::string() : table.info->Str();
+    backup.memory.add(sizeof(QORBackup) + memoryOfDocumentByte * document.size() + table.description->Str().size(),
+                      "the list of backups");
     if (!table.time->isNull()) backup.time = table.time->value();
     if (!table.size->isNull()) backup.size = static_cast<std::uint64_t>(table.size->value());
     if (!table.type->isNull()) backup.type = table.type->value();
     backup.id = table.id->Str();
-    if (!table.info->isNull()) static_cast<void>(backup.info.deserializeFromString(table.info->Str()));
+    if (!document.empty()) static_cast<void>(backup.info.deserializeFromString(document));
     if (!table.eid->isNull()) backup.eid = QOREID(table.eid->value());
     backup.description = table.description->Str();
     if (!table.storageEid->isNull()) backup.storage_eid = QOREID(table.storageEid->value());

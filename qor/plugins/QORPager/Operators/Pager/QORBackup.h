@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORCommon/QORGuid.h"
+#include "QORCommon/QORMemory.h"
 #include "QORLibAgent/QORInfo.h"
 #include "rdbmspp/sql/ASAttribute.h"
 #include "rdbmspp/sql/ASCursor.h"
@@ -25,6 +26,7 @@ struct QORBackup {
     QOREID eid;
     std::string description;
     QOREID storage_eid;
+    QORMemoryCharge memory;  ///< what the backup counts for the request that collects it
 
     /// The title of the environment when the backup was made, "" when the backup does not tell.
     std::string getEnvTitle() const;
@@ -58,7 +60,7 @@ struct QORBackupTable {
     ASOrder order() const;
 };
 
-/// The backup in the row that was fetched last.
+/// The backup in the row that was fetched last. \throws QORMemoryExceeded
 QORBackup makeQORBackupInfo(const QORBackupTable& table);
 
 /// Appends the backups that satisfy the condition, in the table's order. A client without full access (the client

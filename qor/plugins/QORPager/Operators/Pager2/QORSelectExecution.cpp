@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "QORCommon/QORException.h"
-#include "QORPager/Operators/QORPagerOperator2.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
+#include "QORPager/Operators/QORPagerOperator2.h"
 
 namespace QOR {
 
@@ -45,13 +45,29 @@ void SelectStmnt::prepareCursor(ASCursor& cursor) const {
     if (m_sortColumns.empty()) return;
     auto entry = m_sortColumns.begin();
     ASOrder order = orderOf(entry->second.first, entry->second.second);
-    for (++entry; entry != m_sortColumns.end(); ++entry) order << orderOf(entry->second.first, entry->second.second);
+    for (++entry; entry != m_sortColumns.end(); ++entry)
+        order << orderOf(entry->second.first, entry->second.second);
     cursor.Order(order);
+}
+
+/// Rows and their count see one state of the database; rows alone see one in any case. Sums are read as a whole, since
+/// they may have to be taken twice.
+ASAccess SelectStmnt::access() const {
+    if (!m_countWanted) return ASAccess::ReadOne;
+    const bool sums = std::any_of(m_outputFields.begin(), m_outputFields.end(), [](const auto& field) {
+        return field.second.getAggrAttr() && field.second.getAggrAttr()->function() == ASGroupAttribute::Function::Sum;
+    });
+    if (sums) return ASAccess::Read;
+    const bool documents = std::any_of(m_outputFields.begin(), m_outputFields.end(), [](const auto& field) {
+        const auto data = field.second.getData();
+        return data != nullptr && ASCursor::isDocument(*data);
+    });
+    return ASCursor::isLong(m_pageSize, documents) ? ASAccess::ReadLong : ASAccess::Read;
 }
 
 void SelectStmnt::execute(QORBinaryIterator& out) {
     if (!m_refusal.empty()) throwException(errFailure, m_refusal, pager2SourcePath, __LINE__);
-    QORRdbmsTran transaction(m_countWanted ? ASAccess::Read : ASAccess::ReadOne);
+    QORRdbmsTran transaction(access());
     prepareAccessCheck(transaction);
     ASCursor cursor(*transaction);
     prepareCursor(cursor);
@@ -60,8 +76,10 @@ void SelectStmnt::execute(QORBinaryIterator& out) {
     writeColumnNames(out);
     std::vector<const ColumnCell*> cells;
     cells.reserve(m_outputFields.size());
-    for (const auto& [key, cell] : m_outputFields) cells.push_back(&cell);
-    while (cursor.Fetch()) writeRow(out, cells);
+    for (const auto& [key, cell] : m_outputFields)
+        cells.push_back(&cell);
+    while (cursor.Fetch())
+        writeRow(out, cells);
     if (m_countWanted) writeCounts(out, *transaction, cursor);
     out.seekUp();
 }

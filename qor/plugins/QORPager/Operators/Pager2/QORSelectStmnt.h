@@ -125,6 +125,7 @@ class SelectStmnt {
     static char escapeExpr(const QORBinaryIterator& it);
 
     // Output (QORSelectExecution.cpp).
+    ASAccess access() const;
     void prepareAccessCheck(QORRdbmsTran& transaction) const;
     void writeColumnNames(QORBinaryIterator& out) const;
     void writeRow(QORBinaryIterator& out, const std::vector<const ColumnCell*>& cells) const;

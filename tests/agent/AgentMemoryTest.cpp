@@ -1,0 +1,138 @@
+// What requests may hold of the agent's memory, and that they give it back.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QORMessage/QORNotation.h"
+#include "support/AgentProcess.h"
+#include "support/HttpClient.h"
+#include "support/LargeView.h"
+
+namespace QOR {
+namespace {
+
+using namespace std::chrono_literals;
+using test::AgentProcess;
+using test::AgentSettings;
+using test::HttpClient;
+using testing::HasSubstr;
+
+constexpr std::size_t mebi = std::size_t{1} << 20;
+
+AgentSettings settings(std::vector<std::string> more) {
+    AgentSettings settings;
+    settings.more = std::move(more);
+    return settings;
+}
+
+std::size_t residentMegabytes(const AgentProcess& agent) {
+    std::ifstream file("/proc/" + std::to_string(agent.pid()) + "/statm");
+    std::size_t pages = 0;
+    file >> pages >> pages;
+    return pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) / mebi;
+}
+
+std::string repeated(std::string_view part, std::size_t bytes) {
+    std::string text;
+    text.reserve(bytes + part.size());
+    while (text.size() < bytes)
+        text += part;
+    return text;
+}
+
+/// Asks for a filter of that many bytes.
+std::string filter(std::size_t bytes) {
+    return R"({"operator":"pager","request":"select","body":[1740,[[1741,"pager.op_log.op"],[1742,")" +
+           repeated("pager.op_log.status = 1 or ", bytes) + R"(pager.op_log.status = 2"]]]})";
+}
+
+/// A request of many elements, none of which means anything.
+std::string elements(std::size_t bytes) {
+    return R"({"operator":"pager2","request":"select","body":[1740,[[1])" + repeated(",[1]", bytes) + "]]}";
+}
+
+std::string messageOf(const std::string& answer) {
+    const auto response = readResponse(answer);
+    return response.error ? response.error->message : "no error";
+}
+
+TEST(AgentMemory, AFilterBeyondTheMemoryOfARequestIsRefusedByName) {
+    const AgentProcess agent(settings({"--request-memory", "16777216"}));
+    HttpClient client(agent.socketPath());
+    EXPECT_EQ(messageOf(client.message(filter(2 * mebi))),
+              "the filter does not fit into memory: one request (--request-memory) may hold 16 MiB");
+    EXPECT_EQ(messageOf(client.message(filter(1000))), "no error") << "the next one is";
+}
+
+TEST(AgentMemory, AMessageBeyondTheMemoryOfARequestIsRefusedByName) {
+    const AgentProcess agent(settings({"--request-memory", "16777216"}));
+    HttpClient client(agent.socketPath());
+    const auto answer = client.post("/v1/messages", elements(4 * mebi));
+    EXPECT_EQ(answer.status, 400);
+    EXPECT_THAT(answer.body, HasSubstr("the message does not fit into memory: one request (--request-memory) may hold "
+                                       "16 MiB"));
+    EXPECT_THAT(messageOf(client.message(elements(1000))), HasSubstr("view name"));
+}
+
+TEST(AgentMemory, WhatAllMayHoldIsNamedToo) {
+    const AgentProcess agent(settings({"--memory", "8388608"}));
+    HttpClient client(agent.socketPath());
+    EXPECT_THAT(client.message(elements(4 * mebi)),
+                HasSubstr("all requests together (--memory) may hold 8 MiB, of which "));
+}
+
+TEST(AgentMemory, WhatAStormHasUsedIsGivenBack) {
+    test::TemporaryDirectory folder;
+    test::makeLargeView(folder / "large.db", 100'000, 50'000);
+    AgentSettings settings;
+    settings.database = "Driver=SQLite3;Database=" + (folder / "large.db").string();
+    settings.more = {"--read-only"};
+    const AgentProcess agent(settings);
+    const std::string rows =
+        R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vMany"],[1741,"id"],[1741,"name"]]]})";
+    const std::string page = rows.substr(0, rows.size() - 3) + R"(,[1377,[[1024,"20"]]]]]})";
+    HttpClient first(agent.socketPath());
+    ASSERT_THAT(first.message(page), HasSubstr("row number 20"));
+    const std::size_t idle = residentMegabytes(agent);
+
+    std::vector<std::future<void>> storm;
+    const auto ask = [&](const std::string& request, const char* target = "/v1/messages") {
+        storm.push_back(std::async(
+            std::launch::async, [&agent, request, target] { HttpClient(agent.socketPath()).post(target, request); }));
+    };
+    for (int number = 0; number < 2; ++number) {
+        ask(filter(16 * mebi));
+        ask(filter(mebi));
+        ask(elements(8 * mebi));
+        ask(elements(2 * mebi));
+        ask(rows);
+        ask(rows, "/v1/messages?stream=true");
+        storm.push_back(std::async(std::launch::async, [&agent] {
+            HttpClient client(agent.socketPath());
+            const std::string request = HttpClient::compose("POST", "/v1/messages", elements(8 * mebi));
+            client.send(std::string_view(request).substr(0, request.size() / 2));
+        }));
+    }
+    std::size_t peak = 0;
+    for (auto& one : storm) {
+        while (one.wait_for(5ms) != std::future_status::ready)
+            peak = std::max(peak, residentMegabytes(agent));
+        one.get();
+    }
+    EXPECT_GT(peak, idle + 64) << "no storm at all";
+    const auto deadline = std::chrono::steady_clock::now() + 120s;
+    while (residentMegabytes(agent) > idle + 64 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(100ms);
+    EXPECT_LE(residentMegabytes(agent), idle + 64) << "of " << peak;
+    EXPECT_THAT(first.message(page), HasSubstr("row number 20"));
+}
+
+}  // namespace
+}  // namespace QOR

@@ -1,0 +1,244 @@
+// Replies that leave while they are made.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "QORCommon/QORRequestControl.h"
+#include "agent/http/HttpServer.h"
+#include "support/HttpClient.h"
+#include "support/TemporaryDirectory.h"
+
+namespace QOR {
+namespace {
+
+using namespace std::chrono_literals;
+using test::HttpAnswer;
+using test::HttpClient;
+using testing::HasSubstr;
+
+constexpr std::size_t pieceSize = std::size_t{64} << 10;
+
+/// What clients ask for is made piece by piece; what became of it can be waited for.
+class StreamApplication final : public HttpApplication {
+public:
+    std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>&) override {
+        return std::make_unique<Handler>(*this);
+    }
+    std::string errorBody(unsigned status, std::string_view) override { return std::to_string(status); }
+
+    std::promise<void> goOn;   ///< lets "/halting" send its second piece
+    std::atomic<int> sent{0};  ///< pieces of "/endless"
+    std::promise<bool> ended;  ///< of "/endless" and "/working": true because the client had gone
+
+private:
+    class Handler final : public HttpClientHandler {
+    public:
+        explicit Handler(StreamApplication& application) : m_application(application) {}
+
+        HttpReply handle(const HttpRequest& request) override {
+            HttpReplyStream& stream = *request.stream;
+            if (request.path == "/pieces") {
+                const int pieces = std::stoi(std::string(request.query));
+                for (int piece = 0; piece < pieces; ++piece)
+                    stream.send(std::string(pieceSize, static_cast<char>('a' + piece % 26)));
+            } else if (request.path == "/halting") {
+                stream.send("first");
+                m_application.goOn.get_future().wait();
+                stream.send("second");
+            } else if (request.path == "/throwing") {
+                stream.send("first");
+                throw std::runtime_error("no more");
+            } else if (request.path == "/failing") {
+                stream.send("first");
+                return {500, "no more"};
+            } else if (request.path == "/endless") {
+                const std::string piece(pieceSize, 'x');
+                while (stream.send(piece))
+                    ++m_application.sent;
+                m_application.ended.set_value(QORRequestControl::current()->ended() == QORRequestControl::End::Gone);
+            } else if (request.path == "/working") {
+                ++m_application.sent;
+                while (!QORRequestControl::current()->expired())
+                    std::this_thread::sleep_for(1ms);
+                m_application.ended.set_value(QORRequestControl::current()->ended() == QORRequestControl::End::Gone);
+            }
+            return {200, "whole"};
+        }
+
+    private:
+        StreamApplication& m_application;
+    };
+};
+
+class HttpStream : public testing::Test {
+protected:
+    HttpStream() { options.socketPath = directory / "http.sock"; }
+    ~HttpStream() override {
+        if (server) stop();
+    }
+    void start() {
+        server = std::make_unique<HttpServer>(options, application);
+        result = std::async(std::launch::async, [this] { return server->run(); });
+    }
+    bool stop() {
+        server->stop();
+        const bool answered = result.get();
+        server.reset();
+        return answered;
+    }
+    HttpClient connect() const { return HttpClient(options.socketPath.string()); }
+
+    /// How many pieces have left when no more do.
+    int awaitStandstill() {
+        int before = -1;
+        for (int now = 0; now != before || now == 0; now = application.sent) {
+            before = now;
+            std::this_thread::sleep_for(100ms);
+        }
+        return before;
+    }
+
+    test::TemporaryDirectory directory;
+    HttpServerOptions options;
+    StreamApplication application;
+    std::unique_ptr<HttpServer> server;
+    std::future<bool> result;
+};
+
+TEST_F(HttpStream, ArrivesWholeInChunksAndTheConnectionGoesOn) {
+    start();
+    HttpClient client = connect();
+    for (const int pieces : {1, 2, 40}) {
+        const HttpAnswer answer = client.get("/pieces?" + std::to_string(pieces));
+        EXPECT_EQ(answer.status, 200);
+        EXPECT_EQ(answer.headers.at("transfer-encoding"), "chunked");
+        EXPECT_EQ(answer.headers.at("content-type"), "application/json");
+        EXPECT_EQ(answer.headers.count("content-length"), 0U);
+        std::string expected;
+        for (int piece = 0; piece < pieces; ++piece)
+            expected.append(pieceSize, static_cast<char>('a' + piece % 26));
+        EXPECT_EQ(answer.body.size(), expected.size());
+        EXPECT_TRUE(answer.body == expected);
+    }
+    EXPECT_EQ(client.get("/other").body, "whole");
+}
+
+TEST_F(HttpStream, AReplyOfWhichNoPieceWasSentIsAnOrdinaryOne) {
+    start();
+    const HttpAnswer answer = connect().get("/pieces?0");
+    EXPECT_EQ(answer.headers.at("content-length"), "5");
+    EXPECT_EQ(answer.body, "whole");
+}
+
+TEST_F(HttpStream, ThePiecesArriveWhileTheRestIsMade) {
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("GET", "/halting"));
+    EXPECT_TRUE(client.awaitBytes());
+    application.goOn.set_value();
+    EXPECT_EQ(client.receive().body, "firstsecond");
+}
+
+TEST_F(HttpStream, RequestsBehindAStreamAreAnsweredInOrder) {
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("GET", "/pieces?3") + HttpClient::compose("GET", "/other") +
+                HttpClient::compose("GET", "/pieces?2"));
+    EXPECT_EQ(client.receive().body.size(), 3 * pieceSize);
+    EXPECT_EQ(client.receive().body, "whole");
+    EXPECT_EQ(client.receive().body.size(), 2 * pieceSize);
+}
+
+TEST_F(HttpStream, AClientOfTheFirstVersionGetsItWithoutChunksUpToTheEndOfTheConnection) {
+    start();
+    HttpClient client = connect();
+    client.send("GET /pieces?2 HTTP/1.0\r\nConnection: keep-alive\r\n\r\n");
+    const HttpAnswer head = client.receive(true);
+    EXPECT_EQ(head.headers.count("transfer-encoding"), 0U);
+    std::string rest;
+    while (client.awaitBytes() && rest.size() < 2 * pieceSize)
+        rest += client.takeBytes();
+    EXPECT_EQ(rest.size(), 2 * pieceSize);
+    EXPECT_TRUE(client.isClosed());
+}
+
+TEST_F(HttpStream, AFailureInTheMiddleBreaksTheConnection) {
+    start();
+    for (const char* path : {"/throwing", "/failing"}) {
+        HttpClient client = connect();
+        client.send(HttpClient::compose("GET", path));
+        EXPECT_TRUE(client.awaitBytes());
+        EXPECT_THROW(client.receive(), std::runtime_error) << path;
+    }
+}
+
+TEST_F(HttpStream, WaitsForAReaderThatIsSlow) {
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("GET", "/endless"));
+    EXPECT_TRUE(client.awaitBytes());
+    EXPECT_LT(awaitStandstill(), 100) << "what the system buffers, and a few";
+    EXPECT_EQ(connect().get("/other").body, "whole") << "others are served meanwhile";
+    client.close();
+    EXPECT_TRUE(application.ended.get_future().get());
+}
+
+TEST_F(HttpStream, AReaderThatTakesNothingForLongIsGivenUp) {
+    options.writeTimeout = 50ms;
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("GET", "/endless"));
+    EXPECT_TRUE(application.ended.get_future().get());
+}
+
+TEST_F(HttpStream, AClientThatGoesEndsItsStream) {
+    start();
+    {
+        HttpClient client = connect();
+        client.send(HttpClient::compose("GET", "/endless"));
+        client.awaitBytes();
+    }
+    EXPECT_TRUE(application.ended.get_future().get());
+}
+
+TEST_F(HttpStream, AClientThatGoesEndsARequestThatHasNothingToSendYet) {
+    start();
+    {
+        HttpClient client = connect();
+        client.send(HttpClient::compose("GET", "/working"));
+        while (application.sent == 0)
+            std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_TRUE(application.ended.get_future().get());
+}
+
+TEST_F(HttpStream, AClientThatOnlySendsNoMoreIsAnswered) {
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("GET", "/halting"));
+    client.finishSending();
+    client.awaitBytes();
+    application.goOn.set_value();
+    EXPECT_EQ(client.receive().body, "firstsecond");
+}
+
+TEST_F(HttpStream, AStreamThatNobodyTakesDoesNotKeepTheServerFromStopping) {
+    options.grace = 0ms;
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("GET", "/endless"));
+    client.awaitBytes();
+    awaitStandstill();
+    EXPECT_TRUE(stop());
+    EXPECT_TRUE(application.ended.get_future().get());
+}
+
+}  // namespace
+}  // namespace QOR

@@ -1,0 +1,102 @@
+// Exports through qorctl: rows without bound, and errors in the middle that nobody can take for the end.
+#include <csignal>
+#include <optional>
+#include <string>
+
+#include "ctl/CtlProcess.h"
+#include "support/AgentProcess.h"
+#include "support/LargeView.h"
+
+namespace QOR::test {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+using Words = std::vector<std::string>;
+
+constexpr int rows = 250'000;
+constexpr int brokenAt = 150'000;
+
+std::size_t linesOf(const std::string& text) {
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+enum class Way { Agent, Standalone };
+
+class StreamCommand : public testing::TestWithParam<Way> {
+protected:
+    void SetUp() override {
+        makeLargeView(m_directory / "large.db", rows, brokenAt);
+        if (GetParam() != Way::Agent) return;
+        AgentSettings settings;
+        settings.database = database();
+        settings.more = {"--read-only"};
+        m_agent.emplace(settings);
+    }
+    std::string database() const { return "Driver=SQLite3;Database=" + (m_directory / "large.db").string(); }
+    Words where(Words arguments) const {
+        const Words connection = m_agent ? Words{"--socket", m_agent->socketPath()}
+                                         : Words{"--standalone", "--read-only", "--database", database()};
+        arguments.insert(arguments.end(), connection.begin(), connection.end());
+        return arguments;
+    }
+
+    TemporaryDirectory m_directory;
+    std::optional<AgentProcess> m_agent;
+};
+INSTANTIATE_TEST_SUITE_P(Ctl, StreamCommand, testing::Values(Way::Agent, Way::Standalone),
+                         [](const auto& way) { return way.param == Way::Agent ? "Agent" : "Standalone"; });
+
+TEST_P(StreamCommand, MoreRowsThanAnAnswerMayHaveAreExported) {
+    const CtlResult result = runCtl(where({"select", "--view", "vMany", "-f", "id", "name", "-o", "csv", "--count"}));
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(linesOf(result.out), 1U + rows);
+    EXPECT_THAT(result.err, HasSubstr("250000"));
+}
+
+TEST_P(StreamCommand, ARequestIsStreamedToo) {
+    const CtlResult result =
+        runCtl(where({"request", "-"}), R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vMany"],)"
+                                        R"([1741,"id"]]]})");
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, StartsWith(R"({"response":[[1744,[[1026,"id"],[1739,)"));
+    EXPECT_THAT(result.out.substr(result.out.size() - 50), testing::EndsWith("]]]]]}\n"));
+}
+
+TEST_P(StreamCommand, AnErrorInTheMiddleIsTheStatusBehindTheRows) {
+    const CtlResult result = runCtl(where({"select", "--view", "vBroken", "-f", "id", "name", "-o", "csv"}));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "qorctl: error 1: a sum is beyond 64 bits of SQLite\n");
+    EXPECT_EQ(linesOf(result.out), static_cast<std::size_t>(brokenAt)) << "the names and every row before it, whole";
+}
+
+TEST_P(StreamCommand, AReaderOfTheOutputThatGoesEndsTheExport) {
+    CtlProcess process([&] {
+        Words command = where({"select", "--view", "vMany", "-f", "id", "name", "-o", "csv"});
+        command.insert(command.begin(), ctlProgram());
+        return command;
+    }());
+    EXPECT_EQ(process.readLine(), "id,name\r");
+    process.signal(SIGTERM);
+    EXPECT_NE(process.finish().status, 0);
+}
+
+TEST(StreamBreak, AnAnswerThatBreaksOffIsAnError) {
+    TemporaryDirectory directory;
+    makeLargeView(directory / "large.db", rows, brokenAt);
+    AgentSettings settings;
+    settings.database = "Driver=SQLite3;Database=" + (directory / "large.db").string();
+    settings.more = {"--read-only"};
+    AgentProcess agent(settings);
+    CtlProcess process(
+        {ctlProgram(), "select", "--view", "vMany", "-f", "id", "name", "-o", "csv", "--socket", agent.socketPath()});
+    EXPECT_EQ(process.readLine(), "id,name\r");
+    agent.kill();
+    const CtlResult result = process.finish();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("broke off"));
+    EXPECT_LT(linesOf(result.out), static_cast<std::size_t>(rows));
+}
+
+}  // namespace
+}  // namespace QOR::test

@@ -1,0 +1,29 @@
+/// \file
+/// A database whose view has many rows, and one of which reading fails in the middle.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "rdbmspp/pool/QORRdbms.h"
+#include "support/HostDatabase.h"
+
+namespace QOR::test {
+
+/// Views: vMany (id, name), `rows` rows with ids from 1 on; vBroken, the same up to the row `brokenAt`, which cannot be
+/// read.
+inline void makeLargeView(const std::filesystem::path& file, int rows, int brokenAt) {
+    QORRdbms::prepareProcess();
+    ASDatabaseOptions options;
+    options.connectionString = "Driver=SQLite3;Database=" + file.string();
+    QORRdbms::instance().configure(options);
+    runSql("CREATE TABLE many (id INTEGER PRIMARY KEY, name nvarchar(64))");
+    runSql("INSERT INTO many WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " +
+           std::to_string(rows) + ") SELECT i, 'this is row number ' || i FROM n");
+    runSql("CREATE VIEW \"vMany\" AS SELECT id, name FROM many");
+    runSql("CREATE VIEW \"vBroken\" AS SELECT id, name FROM many WHERE abs(CASE WHEN id = " + std::to_string(brokenAt) +
+           " THEN -9223372036854775807 - 1 ELSE 1 END) = 1");
+    QORRdbms::instance().shutdown();
+}
+
+}  // namespace QOR::test
