@@ -26,8 +26,8 @@ constexpr const char* module = "QORAgent";
 constexpr const char* sourcePath = "qor/agent/http/HttpServer";
 /// How long to wait when a connection cannot be accepted, usually for want of file descriptors.
 constexpr auto acceptPause = std::chrono::milliseconds(100);
-/// How often it is looked at what waits, while something does.
-constexpr auto waitingPause = std::chrono::milliseconds(50);
+/// How often it is looked at what waits and what takes long, while something does.
+constexpr auto waitingPause = std::chrono::milliseconds(20);
 
 std::size_t atLeastOne(std::size_t number) {
     return std::max<std::size_t>(number, 1);
@@ -72,6 +72,7 @@ public:
           m_work(m_io.get_executor()) {}
 
     bool run() {
+        preferShortWaits();
         accept();
         for (bool ended = false; !ended;) {
             try {
@@ -210,22 +211,24 @@ private:
             (*waiter)->turnGranted();
     }
 
-    /// Looks now and then at what waits, until nothing does.
+    /// Looks now and then at what waits and at what takes long, until there is nothing of either.
     void watchWaiting() {
-        if (m_watching || !isAnyWaiting()) return;
+        if (m_watching || !isAnythingToWatch()) return;
         m_watching = true;
         m_waitingTimer.expires_after(waitingPause);
         m_waitingTimer.async_wait([this](beast::error_code cancelled) {
             m_watching = false;
             if (cancelled) return;
             turnDownLate();
+            m_lanes[indexOf(HttpLane::Reading)].workers.attendToLongTasks();
             watchWaiting();
         });
     }
 
-    bool isAnyWaiting() const {
-        return m_bodies.waiting() > 0 ||
-               std::any_of(m_lanes.begin(), m_lanes.end(), [](const Lane& lane) { return lane.turns.waiting() > 0; });
+    bool isAnythingToWatch() const {
+        return m_bodies.waiting() > 0 || std::any_of(m_lanes.begin(), m_lanes.end(), [](const Lane& lane) {
+                   return lane.turns.waiting() > 0 || lane.turns.used() > 0;
+               });
     }
 
     void turnDownLate() {

@@ -1,13 +1,81 @@
 #include "agent/http/WorkerPool.h"
 
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdint>
 #include <utility>
 
 namespace QOR {
+namespace {
+
+/// What the system takes and gives, in its first form. Its own header cannot stand beside the C library's.
+struct SchedulingAttributes {
+    std::uint32_t size;
+    std::uint32_t policy;
+    std::uint64_t flags;
+    std::int32_t nice;
+    std::uint32_t priority;
+    std::uint64_t runtime;
+    std::uint64_t deadline;
+    std::uint64_t period;
+};
+
+/// Nanoseconds that a thread asks to run for at a time. The system lets one that asks for less go before one that runs
+/// and has asked for more.
+constexpr std::uint64_t shortSlice = 100'000;
+constexpr std::uint64_t longSlice = 10'000'000;
+/// Steps of the system's priority, each about a tenth of the processor.
+constexpr int wayGiven = 10;
+/// From when on a task is a long one.
+constexpr auto longTask = std::chrono::milliseconds(20);
+
+/// A wish alone: systems that know nothing of it, or forbid it, are as good as before.
+void askForSlice(int thread, std::uint64_t nanoseconds) noexcept {
+    SchedulingAttributes attributes{};
+    if (::syscall(SYS_sched_getattr, thread, &attributes, sizeof attributes, 0) != 0) return;
+    attributes.runtime = nanoseconds;
+    ::syscall(SYS_sched_setattr, thread, &attributes, 0);
+}
+
+/// Whether a thread of this process that has given way can be taken back. Tried once, on a thread that ends then: one
+/// that could not come back would give way for ever.
+bool mayGiveWay() {
+    static const bool may = [] {
+        bool came = false;
+        std::thread([&came] {
+            const int self = static_cast<int>(::gettid());
+            const int before = ::getpriority(PRIO_PROCESS, static_cast<id_t>(self));
+            came = ::setpriority(PRIO_PROCESS, static_cast<id_t>(self), before + 1) == 0 &&
+                   ::setpriority(PRIO_PROCESS, static_cast<id_t>(self), before) == 0;
+        }).join();
+        return came;
+    }();
+    return may;
+}
+
+/// Lets other threads have most of the processor while they want it.
+void giveWay(int thread, bool gives) noexcept {
+    static const int before = ::getpriority(PRIO_PROCESS, 0);
+    askForSlice(thread, gives ? longSlice : shortSlice);
+    if (mayGiveWay())
+        static_cast<void>(::setpriority(PRIO_PROCESS, static_cast<id_t>(thread), before + (gives ? wayGiven : 0)));
+}
+
+}  // namespace
+
+void preferShortWaits() noexcept {
+    askForSlice(0, shortSlice);
+}
 
 WorkerPool::WorkerPool(std::size_t threads) {
+    mayGiveWay();
     m_threads.reserve(threads);
-    for (std::size_t number = 0; number < threads; ++number)
-        m_threads.emplace_back([this] { work(); });
+    for (std::size_t number = 0; number < threads; ++number) {
+        Worker& worker = m_workers.emplace_back();
+        m_threads.emplace_back([this, &worker] { work(worker); });
+    }
 }
 
 WorkerPool::~WorkerPool() {
@@ -32,7 +100,31 @@ void WorkerPool::join() {
         if (thread.joinable()) thread.join();
 }
 
-void WorkerPool::work() {
+void WorkerPool::attendToLongTasks() noexcept {
+    const Clock::time_point now = Clock::now();
+    for (Worker& worker : m_workers) {
+        const std::lock_guard lock(worker.mutex);
+        if (!worker.isBusy || worker.isLong || now - worker.since < longTask) continue;
+        worker.isLong = true;
+        giveWay(worker.thread, true);
+    }
+}
+
+void WorkerPool::begin(Worker& worker) noexcept {
+    const std::lock_guard lock(worker.mutex);
+    worker.isBusy = true;
+    worker.since = Clock::now();
+}
+
+void WorkerPool::end(Worker& worker) noexcept {
+    const std::lock_guard lock(worker.mutex);
+    worker.isBusy = false;
+    if (std::exchange(worker.isLong, false)) giveWay(worker.thread, false);
+}
+
+void WorkerPool::work(Worker& worker) {
+    worker.thread = static_cast<int>(::gettid());
+    preferShortWaits();
     for (;;) {
         std::unique_lock lock(m_mutex);
         m_changed.wait(lock, [this] { return !m_tasks.empty() || m_ending; });
@@ -40,7 +132,9 @@ void WorkerPool::work() {
         const Task task = std::move(m_tasks.front());
         m_tasks.pop_front();
         lock.unlock();
+        begin(worker);
         task();
+        end(worker);
     }
 }
 

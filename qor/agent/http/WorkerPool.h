@@ -2,6 +2,7 @@
 /// Threads that run what is posted to them.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -12,7 +13,15 @@
 
 namespace QOR {
 
+/// Asks the system to let the calling thread run soon when it wakes up, at the price of being interrupted soon. For
+/// threads whose work is short and waited for; where the system knows no such wish, nothing happens.
+void preferShortWaits() noexcept;
+
 /// A fixed number of threads. Tasks begin in the order in which they were posted. Thread-safe, but for join().
+///
+/// While a task is short its thread has preferShortWaits(); one that takes long gives way to others until its end, as
+/// far as the system lets it come back from there, so that long tasks do not hold up short ones when there are more
+/// threads than processors.
 class WorkerPool {
 public:
     using Task = std::function<void()>;
@@ -25,16 +34,32 @@ public:
 
     /// \param task must not throw
     void post(Task task);
+    /// Looks for tasks that have taken long by now. To be called from time to time while tasks run.
+    void attendToLongTasks() noexcept;
     /// Runs what has been posted to its end, then ends the threads.
     void join();
 
 private:
-    void work();
+    using Clock = std::chrono::steady_clock;
+
+    /// What a thread is doing. The mutex is held for moments only.
+    struct Worker {
+        std::mutex mutex;
+        int thread = 0;  ///< the system's number
+        bool isBusy = false;
+        bool isLong = false;
+        Clock::time_point since{};
+    };
+
+    void work(Worker& worker);
+    static void begin(Worker& worker) noexcept;
+    static void end(Worker& worker) noexcept;
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<Task> m_tasks;  // guarded by m_mutex
     bool m_ending = false;     // guarded by m_mutex
+    std::deque<Worker> m_workers;
     std::vector<std::thread> m_threads;
 };
 

@@ -1,0 +1,55 @@
+#include "agent/http/WorkerPool.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <vector>
+
+namespace QOR {
+namespace {
+
+int priority(int thread) {
+    return ::getpriority(PRIO_PROCESS, static_cast<id_t>(thread));
+}
+
+TEST(WorkerPool, TasksBeginInTheirOrderAndAllAreRun) {
+    std::vector<int> ran;
+    {
+        WorkerPool pool(1);
+        for (int number = 0; number < 100; ++number)
+            pool.post([&ran, number] { ran.push_back(number); });
+    }
+    ASSERT_EQ(ran.size(), 100U);
+    EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+}
+
+TEST(WorkerPool, ALongTaskGivesWayAndItsThreadComesBack) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root may raise priorities";
+    const int before = priority(0);
+    WorkerPool pool(1);
+    std::promise<int> started;
+    std::atomic<bool> end{false};
+    pool.post([&] {
+        started.set_value(static_cast<int>(::gettid()));
+        while (!end)
+            ::usleep(1000);
+    });
+    const int thread = started.get_future().get();
+    EXPECT_EQ(priority(thread), before);
+    while (priority(thread) == before) {
+        pool.attendToLongTasks();
+        ::usleep(1000);
+    }
+    EXPECT_GT(priority(thread), before);
+    end = true;
+    std::promise<int> later;
+    pool.post([&] { later.set_value(priority(0)); });
+    EXPECT_EQ(later.get_future().get(), before);
+}
+
+}  // namespace
+}  // namespace QOR
