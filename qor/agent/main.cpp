@@ -11,6 +11,7 @@
 #include <exception>
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "QORCommon/QORFiles.h"
@@ -21,6 +22,7 @@
 #include "agent/http/HttpServer.h"
 #include "host/QORHost.h"
 #include "host/QORHostPaths.h"
+#include "host/QORMaintenance.h"
 #include "host/QORNumberOption.h"
 #include "host/QORVocabularyFiles.h"
 
@@ -37,6 +39,7 @@ struct Settings {
     std::string socket;
     std::string vocabulary;
     bool checkConfig = false;
+    QORRetentionOptions keep;
     HttpServerOptions server;
     QORAnswerLimits answers;
     AgentMemory memory;
@@ -122,6 +125,27 @@ void declareMemory(CLI::App& app, Settings& settings) {
         ->group(group);
 }
 
+/// How much the logs keep.
+void declareRetention(CLI::App& app, QORRetentionOptions& keep) {
+    const char* const group = "What the logs keep; older operations and events are removed";
+    app.add_option_function<std::string>(
+           "--keep-age",
+           [&keep](const std::string& text) {
+               keep.seconds = parseAge(text);
+               if (!keep.seconds)
+                   throw CLI::ValidationError("--keep-age", "\"" + text + "\" is no age (90s, 45m, 12h, 30d, 8w)");
+           },
+           "what is not older than this")
+        ->type_name("AGE")
+        ->group(group);
+    addNumber(app, "--keep-records", {0, mostNumber}, "so many of each of the two logs",
+              [&keep](std::uint64_t number) { keep.records = number; })
+        ->group(group);
+    addNumber(app, "--keep-size", {0, mostNumber}, "what lets the database use so many bytes",
+              [&keep](std::uint64_t number) { keep.bytes = number; })
+        ->group(group);
+}
+
 void declareOptions(CLI::App& app, Settings& settings) {
     app.set_version_flag("--version", QOR_VERSION);
     app.add_option("--database", settings.database,
@@ -134,6 +158,7 @@ void declareOptions(CLI::App& app, Settings& settings) {
                    "folder of the plug-ins (default: " + defaultPlugInDirectory().string() + ")");
     app.add_option("--config", settings.vocabulary, "a vocabulary file: configured fields and caches");
     app.add_flag("--check-config", settings.checkConfig, "say what is wrong with the vocabulary, then end");
+    declareRetention(app, settings.keep);
     declareShares(app, settings.server);
     declareMemory(app, settings);
     addNumber(app, "--grace", {0, 3600},
@@ -214,7 +239,10 @@ int serve(Settings& settings) {
     applyDefaults(settings);
     raiseDescriptorLimit();
     fitConnections(settings.server);
+    if (settings.keep.any() && settings.readOnly)
+        throw std::runtime_error("--read-only: nothing can be removed for --keep-age, --keep-records or --keep-size");
     QORHost host(hostOptions(settings));
+    const QORRetention retention(settings.keep);
     AgentApplication application(host, settings.memory);
     HttpServer server(settings.server, application);
     application.setConnectionCounter([&server] { return server.connections(); });

@@ -63,6 +63,8 @@ public:
         addViews();
         addFields();
         addStatus();
+        addCheck();
+        addPrune();
         addImport();
         addSample();
         addCollect();
@@ -216,6 +218,28 @@ private:
         addConnection(*app, false);
     }
 
+    void addCheck() {
+        CLI::App* const app = command("check", "Whether the database is sound: its file, its documents, its counters",
+                                      [this] { runCheck(m_connection, m_check); });
+        app->add_flag("--mend", m_check.mend, "mend what can be mended");
+        addConnection(*app, false);
+    }
+
+    void addPrune() {
+        CLI::App* const app =
+            command("prune", "Remove old records, and give their space back", [this] { runPrune(m_connection, m_prune); });
+        app->add_option("--before", m_prune.before,
+                        "records before this go: a time (2024-01-31, 2024-01-31T12:00:00Z) or an age (90s, 45m, 12h, 30d, 8w)")
+            ->type_name("TIME|AGE");
+        app->add_flag("--operations", m_prune.operations, "of the operation log");
+        app->add_flag("--events", m_prune.events, "of the event log");
+        app->add_flag("--backups", m_prune.backups, "of the backups; without any of the three, all");
+        app->add_flag("--compact", m_prune.compact,
+                      "write the file anew without what is free in it; writers wait meanwhile");
+        app->add_flag("--progress", m_prune.progress, "show progress even where standard error is no terminal");
+        addConnection(*app, true);
+    }
+
     void addImport() {
         CLI::App* const app =
             command("import", "Store records, one JSON object a line", [this] { runImport(m_connection, m_import); });
@@ -276,6 +300,8 @@ private:
     QORViewsOptions m_views;
     QORFieldsOptions m_fields;
     QORPrintOptions m_statusPrint;
+    QORCheckOptions m_check;
+    QORPruneOptions m_prune;
     QORImportOptions m_import;
     QORSampleCommandOptions m_sample;
     QORSecurityCommandOptions m_security;

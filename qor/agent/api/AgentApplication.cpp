@@ -16,6 +16,7 @@
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORMessage/QORNotation.h"
+#include "agent/api/AgentMaintenance.h"
 #include "agent/api/AgentRecords.h"
 #include "host/QORHost.h"
 #include "host/QORStatus.h"
@@ -218,6 +219,8 @@ public:
         return reply;
     }
     HttpReply records(const HttpRequest& request) { return {ok, takeRecords(request.body, request.query)}; }
+    HttpReply check(const HttpRequest& request) { return {ok, runCheck(request.query)}; }
+    HttpReply prune(const HttpRequest& request) { return {ok, runPrune(request.query)}; }
     HttpReply collect(const HttpRequest&) { return {ok, runCollectors()}; }
     HttpReply views(const HttpRequest&) { return {ok, viewsText()}; }
     HttpReply vocabulary(const HttpRequest&) { return {ok, vocabularyText()}; }
@@ -240,10 +243,12 @@ struct Route {
 };
 
 const Route* find(std::string_view path) {
-    static constexpr std::array<Route, 7> routes{{
+    static constexpr std::array<Route, 9> routes{{
         {"/v1/messages", "POST", Access::Anybody, HttpLane::Reading, &AgentClient::messages},
         {"/v1/records", "POST", Access::Full, HttpLane::Writing, &AgentClient::records},
         {"/v1/collect", "POST", Access::Full, HttpLane::Writing, &AgentClient::collect},
+        {"/v1/check", "POST", Access::Full, HttpLane::Writing, &AgentClient::check},
+        {"/v1/prune", "POST", Access::Full, HttpLane::Writing, &AgentClient::prune},
         {"/v1/views", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::views},
         {"/v1/vocabulary", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::vocabulary},
         {"/v1/status", "GET", Access::Full, HttpLane::Reading, &AgentClient::status},

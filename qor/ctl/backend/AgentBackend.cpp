@@ -315,6 +315,16 @@ QORBackendStatus QORAgentBackend::status() {
     return {readHealthReply(m_connection->receive()), database};
 }
 
+std::vector<QORCheckFinding> QORAgentBackend::check(const std::string& part, bool mend) {
+    m_connection->sendRequest("POST", "/v1/check?part=" + part + (mend ? "&mend=1" : ""), "");
+    return readCheckReply(m_connection->receive());
+}
+
+QORBackend::Pruned QORAgentBackend::prune(const std::string& kind, std::int64_t before) {
+    m_connection->sendRequest("POST", "/v1/prune?what=" + kind + "&before=" + std::to_string(before), "");
+    return readPruneReply(m_connection->receive());
+}
+
 QORPtr<const QORVocMap> QORAgentBackend::vocabulary() {
     m_connection->sendRequest("GET", "/v1/vocabulary", "");
     return readVocabularyReply(m_connection->receive());

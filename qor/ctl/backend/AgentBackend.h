@@ -21,6 +21,8 @@ public:
     std::vector<QORViewColumn> views() override;
     QORPtr<const QORVocMap> vocabulary() override;
     QORBackendStatus status() override;
+    std::vector<QORCheckFinding> check(const std::string& part, bool mend) override;
+    Pruned prune(const std::string& kind, std::int64_t before) override;
 
 private:
     class Connection;

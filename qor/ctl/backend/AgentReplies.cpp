@@ -136,6 +136,22 @@ QORDatabaseStatus readStatusReply(std::string_view json) {
     return status;
 }
 
+std::vector<QORCheckFinding> readCheckReply(std::string_view json) {
+    const Document document = parse(json, "findings");
+    std::vector<QORCheckFinding> findings;
+    for (const Value& finding : arrayOf(document, "findings").GetArray()) {
+        const Value& mended = member(finding, "mended");
+        findings.push_back({textOf(member(finding, "text")), mended.IsBool() && mended.GetBool()});
+    }
+    return findings;
+}
+
+QORBackend::Pruned readPruneReply(std::string_view json) {
+    const Document document = parse(json, "more");
+    const Value& more = member(document, "more");
+    return {{numberOf(document, "done"), more.IsBool() && more.GetBool()}, numberOf(document, "stranded")};
+}
+
 QORAgentHealth readHealthReply(std::string_view json) {
     const Document document = parse(json, "status");
     return {textOf(member(document, "status")), textOf(member(document, "version")), numberOf(document, "uptime")};

@@ -24,5 +24,7 @@ QORPtr<const QORVocMap> readVocabularyReply(std::string_view json);
 bool readAccess(std::string_view json);
 QORDatabaseStatus readStatusReply(std::string_view json);
 QORAgentHealth readHealthReply(std::string_view json);
+std::vector<QORCheckFinding> readCheckReply(std::string_view json);
+QORBackend::Pruned readPruneReply(std::string_view json);
 
 }  // namespace QOR

@@ -15,6 +15,7 @@
 #include "LineInput.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibLocal/QORVocabulary.h"
+#include "host/QORMaintenance.h"
 #include "host/QORStatus.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"
@@ -73,6 +74,16 @@ public:
     virtual QORPtr<const QORVocMap> vocabulary() = 0;
     /// For clients with full access.
     virtual QORBackendStatus status() = 0;
+
+    /// Looks at one part of the database, see checkParts(). For clients with full access, as prune() is.
+    virtual std::vector<QORCheckFinding> check(const std::string& part, bool mend) = 0;
+
+    struct Pruned {
+        QORPruneStep step;
+        std::uint64_t stranded = 0;  ///< bytes that cannot be given back, told with the last step
+    };
+    /// A step of pruning, see pruneDatabase().
+    virtual Pruned prune(const std::string& kind, std::int64_t before) = 0;
 
     /// Bytes that one request may have.
     static constexpr std::size_t requestLimit = std::size_t{64} << 20;

@@ -142,6 +142,23 @@ QORBackendStatus QORStandaloneBackend::status() {
     }
 }
 
+std::vector<QORCheckFinding> QORStandaloneBackend::check(const std::string& part, bool mend) {
+    try {
+        return checkDatabase(part, mend);
+    } catch (const std::exception& error) {
+        throw QORCtlError::answered(errFailure, error.what());
+    }
+}
+
+QORBackend::Pruned QORStandaloneBackend::prune(const std::string& kind, std::int64_t before) {
+    try {
+        const QORPruneStep step = pruneDatabase(kind, before);
+        return {step, step.more ? 0 : strandedBytes()};
+    } catch (const std::exception& error) {
+        throw QORCtlError::answered(errFailure, error.what());
+    }
+}
+
 std::vector<QORViewColumn> QORStandaloneBackend::views() {
     try {
         QORRdbmsTran transaction(ASAccess::Read);

@@ -60,12 +60,27 @@ struct QORSecurityCommandOptions {
     std::uint64_t seed = 1;
 };
 
+struct QORCheckOptions {
+    bool mend = false;
+};
+
+struct QORPruneOptions {
+    std::string before;  ///< a time, or an age such as 30d
+    bool operations = false;
+    bool events = false;
+    bool backups = false;  ///< none of the three: all
+    bool compact = false;
+    bool progress = false;  ///< also where standard error is no terminal
+};
+
 void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& options, const QORPrintOptions& print);
 void runRows(const QORConnectionOptions& connection, const QORRowsOptions& options, const QORPrintOptions& print);
 void runRequest(const QORConnectionOptions& connection, const QORRequestOptions& options);
 void runViews(const QORConnectionOptions& connection, const QORViewsOptions& options);
 void runFields(const QORConnectionOptions& connection, const QORFieldsOptions& options);
 void runStatus(const QORConnectionOptions& connection, const QORPrintOptions& print);
+void runCheck(const QORConnectionOptions& connection, const QORCheckOptions& options);
+void runPrune(const QORConnectionOptions& connection, const QORPruneOptions& options);
 void runImport(const QORConnectionOptions& connection, const QORImportOptions& options);
 void runSample(const QORConnectionOptions& connection, const QORSampleCommandOptions& options);
 void runCollect(const QORConnectionOptions& connection);

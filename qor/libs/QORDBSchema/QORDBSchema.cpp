@@ -146,6 +146,49 @@ void warnOfDocuments(const std::string& database) {
                database.c_str(), describe(*unreadable).c_str());
 }
 
+/// A trigger or an index of the schema.
+struct Part {
+    std::string_view name;
+    std::string_view sql;
+};
+
+/// Those that all steps together leave.
+std::vector<Part> partsOfSchema() {
+    std::vector<Part> parts;
+    for (const QORSchemaStep& step : steps()) {
+        for (const std::string_view sql : step.statements) {
+            for (const std::string_view kind : {"TRIGGER ", "INDEX "}) {
+                const std::string creates = "CREATE " + std::string(kind);
+                const std::string drops = "DROP " + std::string(kind);
+                const bool makes = sql.starts_with(creates);
+                if (!makes && !sql.starts_with(drops)) continue;
+                const std::string_view rest = sql.substr((makes ? creates : drops).size());
+                const std::string_view name = rest.substr(0, rest.find(' '));
+                std::erase_if(parts, [&](const Part& one) { return one.name == name; });
+                if (makes) parts.push_back({name, sql});
+            }
+        }
+    }
+    return parts;
+}
+
+bool isThere(ASSession& session, const Part& part) {
+    ASStatement& select = session.prepare("SELECT 1 FROM sqlite_master WHERE name = ? AND sql = ?");
+    select.bind(1, part.name).bind(2, part.sql);
+    return hasRows(select);
+}
+
+/// A database can be told only while it is empty, or by writing all of it anew, that its file is to shrink.
+void makeNewShrinkable() {
+    QORRdbmsTran tran(ASAccess::ReadOne);
+    if (tran->engine() != ASEngine::SQLite || QORDBSchema::inspect(*tran).kind != QORSchemaState::Kind::Empty) return;
+    try {
+        QORDBSchema::makeShrinkable(*tran);
+    } catch (const AException&) {
+        // Another program is making it at this moment, and sees to it.
+    }
+}
+
 }  // namespace
 
 int QORDBSchema::currentVersion() noexcept {
@@ -199,6 +242,7 @@ QORSchemaReport QORDBSchema::openDatabase(const ASDatabaseOptions& options, QORS
     if (makes) file.narrow();
     QORSchemaReport report{found.value_or(QORSchemaState()), latestVersion, false};
     if (found && found->kind == QORSchemaState::Kind::Ours && found->version == latestVersion) return report;
+    if (report.found.kind == QORSchemaState::Kind::Empty) makeNewShrinkable();
     QORRdbmsTran tran(ASAccess::Write);
     report.found.version = migrate(*tran);
     tran.commit();
@@ -216,6 +260,29 @@ void QORDBSchema::prepareManyWrites(ASSession& session) {
     // for a checkpoint.
     session.execute("PRAGMA cache_size = -32768");
     session.execute("PRAGMA wal_autocheckpoint = 8192");
+}
+
+std::vector<std::string> QORDBSchema::missingParts(ASSession& session) {
+    std::vector<std::string> missing;
+    for (const Part& part : partsOfSchema()) {
+        if (!isThere(session, part)) missing.emplace_back(part.name);
+    }
+    return missing;
+}
+
+void QORDBSchema::restoreParts(ASSession& session) {
+    for (const Part& part : partsOfSchema()) {
+        if (isThere(session, part)) continue;
+        const std::string name = ASSession::quoteIdentifier(part.name);
+        session.execute((part.sql.starts_with("CREATE TRIGGER") ? "DROP TRIGGER IF EXISTS " : "DROP INDEX IF EXISTS ") +
+                        name);
+        session.execute(part.sql);
+    }
+}
+
+void QORDBSchema::makeShrinkable(ASSession& session) {
+    session.execute("PRAGMA auto_vacuum = 2");
+    session.execute("VACUUM");
 }
 
 std::string QORDBSchema::databaseName(const std::string& connectionString) {

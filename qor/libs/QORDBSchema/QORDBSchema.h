@@ -8,6 +8,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "QORCommon/QORExport.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -63,6 +64,15 @@ public:
     /// Fits the session's connection for transactions of many records: room for the pages that they touch, and a
     /// longer log before it is worked into the file. It stays so; durability is what it was.
     static void prepareManyWrites(ASSession& session);
+
+    /// Names of the triggers and indexes that a database of ours should have and has not, or not as they should be.
+    static std::vector<std::string> missingParts(ASSession& session);
+    /// Makes them anew, within the caller's transaction, which must be for writing.
+    static void restoreParts(ASSession& session);
+
+    /// Writes the file anew, without what is free in it, so that it can be made smaller from then on as records are
+    /// removed. Not within a transaction; as long as the file is large, writers wait. \throws AException
+    static void makeShrinkable(ASSession& session);
 
     /// The name of the database in a connection string, for messages: the value of Database (or of DSN), never a
     /// password.

@@ -1,0 +1,461 @@
+#include "host/QORMaintenance.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <iterator>
+#include <mutex>
+#include <utility>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORLogger.h"
+#include "QORCommon/QORText.h"
+#include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORDBSchema.h"
+#include "QORDBSchema/QORStoredDocuments.h"
+#include "QORLibAgent/QORLogCheck.h"
+#include "host/QORPlainNumber.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* sourcePath = "qor/host/QORMaintenance";
+
+/// Records of one transaction: some hundredths of a second, for which other writers wait.
+constexpr std::int64_t recordsOfTransaction = 500;
+constexpr unsigned transactionsOfStep = 10;
+constexpr std::int64_t pagesOfStep = 2000;
+
+void requireOurs(ASSession& session) {
+    const QORSchemaState state = QORDBSchema::inspect(session);
+    if (state.kind == QORSchemaState::Kind::Ours && state.version == QORDBSchema::currentVersion()) return;
+    throw QORException(errBadRequest, "the database is not one that this program keeps records in", sourcePath,
+                       __LINE__);
+}
+
+std::int64_t number(ASSession& session, std::string_view sql) {
+    ASStatement& select = session.prepare(sql);
+    select.execute();
+    const std::int64_t value = select.fetch() ? select.integer(1) : 0;
+    select.close();
+    return value;
+}
+
+std::vector<std::string> texts(ASSession& session, std::string_view sql) {
+    ASStatement& select = session.prepare(sql);
+    select.execute();
+    std::vector<std::string> found;
+    while (select.fetch())
+        found.emplace_back(select.text(1));
+    select.close();
+    return found;
+}
+
+/// Runs in a transaction of its own.
+template <class Work>
+auto reading(Work work) {
+    QORRdbmsTran tran(ASAccess::Read);
+    return work(*tran);
+}
+template <class Work>
+void writing(Work work) {
+    QORRdbmsTran tran(ASAccess::Write);
+    work(*tran);
+    tran.commit();
+}
+
+using Findings = std::vector<QORCheckFinding>;
+
+std::vector<std::string> integrityFaults(ASSession& session) {
+    std::vector<std::string> faults = texts(session, "PRAGMA integrity_check(100)");
+    std::erase(faults, "ok");
+    return faults;
+}
+
+/// Indexes can be made anew from their tables; a table has nothing to be made from.
+Findings checkIntegrity(bool mend) {
+    const auto before = reading(integrityFaults);
+    std::vector<std::string> after = before;
+    if (mend && !before.empty()) {
+        writing([](ASSession& session) { session.execute("REINDEX"); });
+        after = reading(integrityFaults);
+    }
+    Findings findings;
+    for (const std::string& fault : before) {
+        const bool mended = std::find(after.begin(), after.end(), fault) == after.end();
+        findings.push_back({fault, mended});
+    }
+    return findings;
+}
+
+Findings checkSchema(bool mend) {
+    Findings findings;
+    for (const std::string& name : reading([](ASSession& session) { return QORDBSchema::missingParts(session); }))
+        findings.push_back({name + " is missing or not what it was", mend});
+    if (mend && !findings.empty()) writing([](ASSession& session) { QORDBSchema::restoreParts(session); });
+    return findings;
+}
+
+Findings checkForeignKeys(bool mend) {
+    constexpr std::string_view rows = "SELECT \"table\" FROM pragma_foreign_key_check";
+    const auto tables = reading([&](ASSession& session) { return texts(session, rows); });
+    if (tables.empty()) return {};
+    if (mend) {
+        writing([](ASSession& session) {
+            mendStrayTouched(session);
+            session.execute(
+                "DELETE FROM qor_environment_address WHERE NOT EXISTS (SELECT 1 FROM qor_environment e "
+                "WHERE e.eid = qor_environment_address.eid)");
+        });
+    }
+    const auto left = mend ? reading([&](ASSession& session) { return texts(session, rows); }) : tables;
+    Findings findings;
+    for (auto table = tables.begin(); table != tables.end();) {
+        const auto count = std::count(table, tables.end(), *table);
+        findings.push_back({std::to_string(count) + " rows of " + *table + " belong to nothing",
+                            std::find(left.begin(), left.end(), *table) == left.end()});
+        const std::string done = *table;
+        table = std::find_if(table, tables.end(), [&](const std::string& other) { return other != done; });
+    }
+    return findings;
+}
+
+Findings checkDocuments(bool mend) {
+    QORDocumentCheck check(mend ? QORDocumentCheck::Mode::Mend : QORDocumentCheck::Mode::Look);
+    for (bool more = true; more;) {
+        QORRdbmsTran tran(mend ? ASAccess::Write : ASAccess::Read);
+        more = check.step(*tran);
+        tran.commit();
+    }
+    Findings findings;
+    for (const QORDocumentCheck::Column& column : check.columns()) {
+        const std::string where = " documents in " + column.table + '.' + column.column;
+        if (column.trimmed != 0)
+            findings.push_back({std::to_string(column.trimmed) + where + " have something behind their end", mend});
+        if (column.unreadable != 0)
+            findings.push_back({std::to_string(column.unreadable) + where + " cannot be read", false});
+    }
+    return findings;
+}
+
+std::string tableOf(QORLogKind kind) {
+    return kind == QORLogKind::Operations ? "qor_operation" : "qor_event";
+}
+
+void checkTimes(QORLogKind kind, bool mend, Findings& findings) {
+    const auto count = [&] { return reading([&](ASSession& session) { return countUnreadableTimes(session, kind); }); };
+    const std::uint64_t before = count();
+    if (before == 0) return;
+    if (mend) {
+        writing([&](ASSession& session) {
+            session.execute("UPDATE " + tableOf(kind) + " SET time = datetime(time) WHERE time <> datetime(time)");
+        });
+    }
+    findings.push_back({std::to_string(before) + " records of " + tableOf(kind) +
+                            " have a time that is not of the form YYYY-MM-DD HH:MM:SS",
+                        mend && count() == 0});
+}
+
+void checkTouched(bool mend, Findings& findings) {
+    const std::uint64_t stray = reading(countStrayTouched);
+    if (stray == 0) return;
+    if (mend) writing(mendStrayTouched);
+    findings.push_back(
+        {std::to_string(stray) + " rows of qor_operation_environment differ from their operation", mend});
+}
+
+Findings checkCounters(bool mend) {
+    Findings findings;
+    checkTouched(mend, findings);
+    for (const QORLogKind kind : {QORLogKind::Operations, QORLogKind::Events}) {
+        checkTimes(kind, mend, findings);
+        const auto wrong = reading([&](ASSession& session) { return findMiscountedScopes(session, kind); });
+        if (wrong.empty()) continue;
+        if (mend) {
+            for (const std::string& scope : wrong)
+                writing([&](ASSession& session) { QORLogCounters::recount(session, kind, scope); });
+        }
+        findings.push_back(
+            {std::to_string(wrong.size()) + " groups of records of " + tableOf(kind) + " are counted wrong", mend});
+    }
+    return findings;
+}
+
+struct Part {
+    const char* name;
+    Findings (*check)(bool mend);
+};
+constexpr Part parts[] = {{"integrity", &checkIntegrity},
+                          {"schema", &checkSchema},
+                          {"foreign-keys", &checkForeignKeys},
+                          {"documents", &checkDocuments},
+                          {"counters", &checkCounters}};
+
+/// The records that one transaction removes, told to whoever counts.
+std::vector<std::int64_t> takeOldest(ASSession& session, const std::string& table, std::int64_t before,
+                                     std::int64_t most, QORLogCounters& counters) {
+    const bool events = table == "qor_event";
+    ASStatement& select = session.prepare("SELECT seq, time, eid, " + std::string(events ? "category" : "NULL") +
+                                          " FROM " + table + " WHERE time < ? ORDER BY time, seq LIMIT ?");
+    select.bind(1, std::string_view(time2dbstr(before))).bind(2, most);
+    select.execute();
+    std::vector<std::int64_t> sequences;
+    while (select.fetch()) {
+        sequences.push_back(select.integer(1));
+        if (!events || !counters.counts()) continue;
+        const std::string text(select.text(2));
+        const auto second = parseTime(text);
+        QOREID eid;
+        if (!select.isNull(3)) eid.fromString(select.text(3));
+        if (second && time2dbstr(*second) == text && !select.isNull(4))
+            counters.addEvent(*second, eid, select.text(4), -1);
+    }
+    select.close();
+    return sequences;
+}
+
+std::string toJson(const std::vector<std::int64_t>& numbers) {
+    std::string json = "[";
+    for (const std::int64_t one : numbers)
+        json += (json.size() > 1 ? "," : "") + std::to_string(one);
+    return json + "]";
+}
+
+void discountOperation(ASSession& session, std::int64_t sequence, QORLogCounters& counters) {
+    ASStatement& select = session.prepare("SELECT time, eid FROM qor_operation WHERE seq = ?");
+    select.bind(1, sequence);
+    select.execute();
+    if (!select.fetch()) return select.close();
+    const std::string text(select.text(1));
+    QOREID own;
+    if (!select.isNull(2)) own.fromString(select.text(2));
+    select.close();
+    const auto second = parseTime(text);
+    if (!second || time2dbstr(*second) != text) return;
+    std::vector<QOREID> touched;
+    ASStatement& eids = session.prepare("SELECT eid FROM qor_operation_environment WHERE operation = ?");
+    eids.bind(1, sequence);
+    eids.execute();
+    while (eids.fetch()) {
+        QOREID eid;
+        if (eid.fromString(eids.text(1))) touched.push_back(eid);
+    }
+    eids.close();
+    counters.addOperation(*second, own, touched, -1);
+}
+
+/// One transaction. \returns how many records it removed
+std::uint64_t removeOldest(const std::string& table, std::int64_t before, std::int64_t most = recordsOfTransaction) {
+    QORRdbmsTran tran(ASAccess::Write);
+    QORLogCounters counters(*tran);
+    if (table != "qor_backup") counters.begin();
+    const std::vector<std::int64_t> sequences = takeOldest(*tran, table, before, most, counters);
+    if (table == "qor_operation" && counters.counts()) {
+        for (const std::int64_t sequence : sequences)
+            discountOperation(*tran, sequence, counters);
+    }
+    const std::string json = toJson(sequences);
+    const auto run = [&](const std::string& sql) { tran->prepare(sql).bind(1, std::string_view(json)).execute(); };
+    if (table == "qor_operation")
+        run("DELETE FROM qor_operation_environment WHERE operation IN (SELECT value FROM json_each(?))");
+    run("DELETE FROM " + table + " WHERE seq IN (SELECT value FROM json_each(?))");
+    run("DELETE FROM qor_unreadable_document WHERE source = '" + table +
+        "' AND record IN (SELECT value FROM json_each(?))");
+    counters.finish();
+    tran.commit();
+    return sequences.size();
+}
+
+QORPruneStep pruneTable(const std::string& table, std::int64_t before) {
+    QORPruneStep step;
+    step.more = true;
+    for (unsigned i = 0; i < transactionsOfStep && step.more; ++i) {
+        const std::uint64_t removed = removeOldest(table, before);
+        step.done += removed;
+        step.more = removed == static_cast<std::uint64_t>(recordsOfTransaction);
+    }
+    return step;
+}
+
+constexpr std::string_view freePages = "SELECT freelist_count FROM pragma_freelist_count";
+constexpr std::string_view pageSize = "SELECT page_size FROM pragma_page_size";
+
+bool givesSpaceBack(ASSession& session) {
+    return number(session, "SELECT auto_vacuum FROM pragma_auto_vacuum") == 2;
+}
+
+QORPruneStep giveSpaceBack() {
+    QORRdbmsTran tran(ASAccess::Write);
+    if (!givesSpaceBack(*tran)) return {};
+    const std::int64_t before = number(*tran, freePages);
+    if (before == 0) return {};
+    tran->execute("PRAGMA incremental_vacuum(" + std::to_string(pagesOfStep) + ")");
+    const std::int64_t after = number(*tran, freePages);
+    const std::int64_t size = number(*tran, pageSize);
+    tran.commit();
+    return {static_cast<std::uint64_t>((before - after) * size), after > 0 && after < before};
+}
+
+/// The file shrinks when its log has been worked into it.
+void workLogIn() {
+    QORRdbmsTran tran(ASAccess::ReadOne);
+    tran->execute("PRAGMA wal_checkpoint(PASSIVE)");
+}
+
+QORPruneStep compact() {
+    QORRdbmsTran tran(ASAccess::ReadOne);
+    const std::int64_t before = number(*tran, "SELECT page_count FROM pragma_page_count");
+    QORDBSchema::makeShrinkable(*tran);
+    const std::int64_t after = number(*tran, "SELECT page_count FROM pragma_page_count");
+    const std::int64_t size = number(*tran, pageSize);
+    return {static_cast<std::uint64_t>(std::max<std::int64_t>(before - after, 0) * size), false};
+}
+
+constexpr std::int64_t endOfTime = 253402300799;  // 9999-12-31 23:59:59
+constexpr const char* logs[] = {"qor_operation", "qor_event"};
+
+std::int64_t now() {
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+void keepAge(std::int64_t seconds, const std::stop_token& stop) {
+    const std::int64_t before = now() - seconds;
+    for (const char* log : logs) {
+        while (!stop.stop_requested() && removeOldest(log, before) != 0) {
+        }
+    }
+}
+
+void keepRecords(std::uint64_t records, const std::stop_token& stop) {
+    for (const char* log : logs) {
+        const std::int64_t count =
+            reading([&](ASSession& session) { return number(session, "SELECT count(*) FROM " + std::string(log)); });
+        std::int64_t surplus = count - static_cast<std::int64_t>(records);
+        while (surplus > 0 && !stop.stop_requested()) {
+            const std::uint64_t removed = removeOldest(log, endOfTime, std::min(surplus, recordsOfTransaction));
+            if (removed == 0) break;
+            surplus -= static_cast<std::int64_t>(removed);
+        }
+    }
+}
+
+/// Bytes that are in use, and the log with the oldest record; empty when neither has any.
+std::pair<std::uint64_t, std::string> usage() {
+    return reading([](ASSession& session) {
+        const std::int64_t pages =
+            number(session, "SELECT page_count FROM pragma_page_count") - number(session, freePages);
+        const auto oldest =
+            texts(session,
+                  "SELECT log FROM (SELECT 'qor_operation' AS log, min(time) AS time FROM qor_operation "
+                  "UNION ALL SELECT 'qor_event', min(time) FROM qor_event) WHERE time IS NOT NULL "
+                  "ORDER BY time LIMIT 1");
+        return std::pair(static_cast<std::uint64_t>(pages * number(session, pageSize)),
+                         oldest.empty() ? std::string() : oldest.front());
+    });
+}
+
+void keepBytes(std::uint64_t bytes, const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+        const auto [used, log] = usage();
+        if (used <= bytes || log.empty() || removeOldest(log, endOfTime) == 0) return;
+    }
+}
+
+}  // namespace
+
+const std::vector<std::string>& checkParts() {
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> all;
+        for (const Part& part : parts)
+            all.emplace_back(part.name);
+        return all;
+    }();
+    return names;
+}
+
+std::vector<QORCheckFinding> checkDatabase(std::string_view part, bool mend) {
+    const auto* const found =
+        std::find_if(std::begin(parts), std::end(parts), [&](const Part& one) { return one.name == part; });
+    if (found == std::end(parts))
+        throw QORException(errBadRequest, "there is no part " + quoteText(part) + " to check", sourcePath, __LINE__);
+    reading([](ASSession& session) {
+        requireOurs(session);
+        return true;
+    });
+    return found->check(mend);
+}
+
+const std::vector<std::string>& pruneKinds() {
+    static const std::vector<std::string> names{"operations", "events", "backups", "space", "compact"};
+    return names;
+}
+
+QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before) {
+    reading([](ASSession& session) {
+        requireOurs(session);
+        return true;
+    });
+    if (kind == "operations") return pruneTable("qor_operation", before);
+    if (kind == "events") return pruneTable("qor_event", before);
+    if (kind == "backups") return pruneTable("qor_backup", before);
+    if (kind == "compact") return compact();
+    if (kind != "space") throw QORException(errBadRequest, quoteText(kind) + " cannot be pruned", sourcePath, __LINE__);
+    const QORPruneStep step = giveSpaceBack();
+    if (!step.more) workLogIn();
+    return step;
+}
+
+void pruneLogs(const QORRetentionOptions& options, const std::stop_token& stop) {
+    if (options.seconds) keepAge(*options.seconds, stop);
+    if (options.records) keepRecords(*options.records, stop);
+    if (options.bytes) keepBytes(*options.bytes, stop);
+    bool gave = false;
+    while (!stop.stop_requested()) {
+        const QORPruneStep step = giveSpaceBack();
+        gave = gave || step.done != 0;
+        if (!step.more) break;
+    }
+    if (gave) workLogIn();
+}
+
+QORRetention::QORRetention(const QORRetentionOptions& options) {
+    if (!options.any()) return;
+    m_thread = std::jthread([options](const std::stop_token& stop) {
+        std::mutex mutex;
+        std::condition_variable_any woken;
+        std::unique_lock lock(mutex);
+        while (!stop.stop_requested()) {
+            try {
+                pruneLogs(options, stop);
+            } catch (const std::exception& failure) {
+                logMessage(1, "QORHost", sourcePath, "QORRetention", "old records could not be removed: %s",
+                           failure.what());
+            }
+            woken.wait_for(lock, stop, std::chrono::minutes(1), [] { return false; });
+        }
+    });
+}
+
+std::optional<std::int64_t> parseAge(std::string_view text) {
+    constexpr std::int64_t mostSeconds = std::int64_t{10000} * 366 * 86400;
+    constexpr std::pair<char, std::int64_t> units[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}, {'w', 604800}};
+    if (text.empty()) return std::nullopt;
+    const auto* const unit =
+        std::find_if(std::begin(units), std::end(units), [&](const auto& one) { return one.first == text.back(); });
+    if (unit == std::end(units)) return std::nullopt;
+    const auto number =
+        readPlainNumber(text.substr(0, text.size() - 1), {0, static_cast<std::uint64_t>(mostSeconds / unit->second)});
+    if (!number) return std::nullopt;
+    return static_cast<std::int64_t>(*number) * unit->second;
+}
+
+std::uint64_t strandedBytes() {
+    return reading([](ASSession& session) {
+        if (givesSpaceBack(session)) return std::uint64_t{0};
+        return static_cast<std::uint64_t>(number(session, freePages) * number(session, pageSize));
+    });
+}
+
+}  // namespace QOR

@@ -1,0 +1,73 @@
+/// \file
+/// Looking after the host's database: finding and mending what is wrong in it, removing what is old, giving space back.
+/// Each call is a part of the work, in transactions of its own, so that clients are served beside it and whoever asks
+/// may stop in between.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace QOR {
+
+/// Something that is wrong, in words.
+struct QORCheckFinding {
+    std::string text;
+    bool mended = false;
+};
+
+/// What can be looked at, in the order in which it should be.
+const std::vector<std::string>& checkParts();
+
+/// Looks at one part of the database. \param mend also mend what can be mended
+/// \throws QORException 400 for a part that there is not, or a database that is not the host's; AException
+std::vector<QORCheckFinding> checkDatabase(std::string_view part, bool mend);
+
+struct QORPruneStep {
+    std::uint64_t done = 0;  ///< records removed, or bytes given back
+    bool more = false;       ///< there is more to do: ask again
+};
+
+/// What can be pruned: "operations", "events", "backups"; "space": what records have left is given back to the file
+/// system; "compact": the file is written anew, so that all space can be given back, now and later.
+const std::vector<std::string>& pruneKinds();
+
+/// Removes some of the records that are older, by their time, the oldest first, or gives some space back.
+/// \param before seconds since the epoch; of no meaning for space
+/// \throws QORException 400 for a kind that there is not, or a database that is not the host's; AException
+QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before);
+
+/// What the logs may hold; backups are records of things that exist elsewhere, and stay.
+struct QORRetentionOptions {
+    std::optional<std::int64_t> seconds;   ///< the age of the oldest record
+    std::optional<std::uint64_t> records;  ///< of each of the two logs
+    std::optional<std::uint64_t> bytes;    ///< that the whole database uses
+
+    bool any() const noexcept { return seconds || records || bytes; }
+};
+
+/// Removes the oldest operations and events until the logs hold no more than they may, and gives their space back.
+/// \throws AException
+void pruneLogs(const QORRetentionOptions& options, const std::stop_token& stop);
+
+/// Prunes the logs at once and then every minute, for as long as it lives. What fails is logged, and tried again.
+class QORRetention {
+public:
+    explicit QORRetention(const QORRetentionOptions& options);
+
+private:
+    std::jthread m_thread;
+};
+
+/// Seconds of an age such as "90s", "45m", "12h", "30d" or "8w"; nothing for any other text.
+std::optional<std::int64_t> parseAge(std::string_view text);
+
+/// Bytes in the file that hold nothing and cannot be given back: other records will use them. Of a database that was
+/// made before version 5 of the schema, until it is compacted.
+std::uint64_t strandedBytes();
+
+}  // namespace QOR
