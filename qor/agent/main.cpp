@@ -20,6 +20,7 @@
 #include "agent/SignalWatch.h"
 #include "agent/api/AgentApplication.h"
 #include "agent/http/HttpServer.h"
+#include "agent/http/LocalListener.h"
 #include "host/QORHost.h"
 #include "host/QORHostPaths.h"
 #include "host/QORMaintenance.h"
@@ -161,6 +162,9 @@ void declareOptions(CLI::App& app, Settings& settings) {
     declareRetention(app, settings.keep);
     declareShares(app, settings.server);
     declareMemory(app, settings);
+    addNumber(app, "--deadline", {1, 86400},
+              "seconds that a request may take, by default 30; it may ask for less itself",
+              storeSeconds(settings.server.deadline));
     addNumber(app, "--grace", {0, 3600},
               "seconds that requests in flight are given when the agent is told to stop, by default 30",
               storeSeconds(settings.server.grace));
@@ -215,6 +219,7 @@ QORHostOptions hostOptions(const Settings& settings) {
     options.database.connectionString = settings.database;
     options.database.readOnly = settings.readOnly;
     options.schemaMode = settings.readOnly ? QORSchemaMode::Reading : QORSchemaMode::Own;
+    options.exclusive = true;
     options.plugInDirectory = settings.plugIns;
     options.vocabularyFile = settings.vocabulary;
     options.answers = settings.answers;
@@ -241,6 +246,8 @@ int serve(Settings& settings) {
     fitConnections(settings.server);
     if (settings.keep.any() && settings.readOnly)
         throw std::runtime_error("--read-only: nothing can be removed for --keep-age, --keep-records or --keep-size");
+    // Of two agents, the second is told whose socket it is before it is told whose database.
+    { const LocalListener free(settings.server.socketPath); }
     QORHost host(hostOptions(settings));
     const QORRetention retention(settings.keep);
     AgentApplication application(host, settings.memory);

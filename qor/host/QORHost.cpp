@@ -17,6 +17,7 @@ void QORHost::prepareProcess() {
 QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
     if (m_options.plugInDirectory.empty()) m_options.plugInDirectory = defaultPlugInDirectory();
     vocCacheLocal()->setVocabulary(usableVocabulary(m_options.vocabularyFile));
+    if (m_options.exclusive && !m_options.database.readOnly) m_lock.emplace(m_options.database.connectionString);
     QORDBSchema::open(m_options.database, m_options.schemaMode);
     m_environments.load();
     setEnvCache(&m_environments);

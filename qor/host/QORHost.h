@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "QORLibAgent/QOREnvCache.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "host/QORClientSession.h"
+#include "host/QORDatabaseLock.h"
 #include "host/QORPlugInLoader.h"
 #include "host/QORRouter.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -32,6 +34,9 @@ struct QORHostOptions {
     bool prime = true;
     /// Of answers that are not streamed.
     QORAnswerLimits answers{};
+    /// The database is this host's alone to keep: another one with the same wish is refused, as is this one when there
+    /// is another. Not with database.readOnly.
+    bool exclusive = false;
 };
 
 /// The host in a process; at most one at a time. All sessions must be gone before it is.
@@ -43,7 +48,7 @@ public:
     /// Reads the vocabulary, opens the database, loads its environments into the cache, loads the plug-ins and, when
     /// asked to, primes them. Mistakes in the vocabulary that leave it usable, a plug-in that is refused and a priming
     /// request that fails are logged; the host works without.
-    /// \throws QORException, AException naming what cannot be opened
+    /// \throws QORException, AException naming what cannot be opened, or is another host's
     explicit QORHost(QORHostOptions options);
     /// Unloads the plug-ins, then closes the database.
     ~QORHost();
@@ -59,6 +64,7 @@ public:
 
 private:
     QORHostOptions m_options;
+    std::optional<QORDatabaseLock> m_lock;
     QOREnvCache m_environments;
     QORPlugInLoader m_plugIns;
     std::vector<QORPlugInLoader::Refusal> m_refused;

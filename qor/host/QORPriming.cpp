@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORRequestControl.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "host/QORClientSession.h"
 
@@ -11,6 +12,10 @@ namespace {
 
 constexpr const char* module = "QORHost";
 constexpr const char* sourcePath = "qor/host/QORPriming";
+
+constexpr auto longestAttempt = std::chrono::seconds(30);
+/// How soon one who waits for another's attempt finds out that its own request has ended.
+constexpr auto lookInterval = std::chrono::milliseconds(50);
 
 /// The error entry of a response, if it has one.
 std::optional<QORPriming::Error> errorOf(QORMessage& response) {
@@ -44,7 +49,9 @@ std::optional<QORPriming::Error> QORPriming::ensure() {
     if (isDone() || !isServed()) return std::nullopt;
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_running) {
-        m_ended.wait(lock, [this, seen = m_attempts] { return m_attempts != seen; });
+        const auto ended = [this, seen = m_attempts] { return m_attempts != seen; };
+        while (!m_ended.wait_for(lock, lookInterval, ended))
+            QORRequestControl::checkCurrent();
         return m_outcome;
     }
     if (isDone()) return std::nullopt;
@@ -60,6 +67,8 @@ std::optional<QORPriming::Error> QORPriming::ensure() {
 }
 
 std::optional<QORPriming::Error> QORPriming::attempt() {
+    // The answer is everybody's, and so ends neither with the client that happens to ask nor at its deadline.
+    const QORRequestScope scope(std::make_shared<QORRequestControl>(longestAttempt));
     std::optional<Error> error;
     QOROpPriming::Result result = QOROpPriming::Result::Failed;
     try {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORBinaryIterator.h"
@@ -15,6 +16,26 @@
 
 namespace QOR {
 namespace {
+
+/// The deadline that a request names for itself: its child 2404 of the request's element, milliseconds as text.
+/// \throws QORException 400 for a text that is no such number
+void limitByRequest(const QORBinaryIterator& element) {
+    QORRequestControl* const control = QORRequestControl::current();
+    std::string text;
+    if (control == nullptr || element.seekPresence(tag::deadline) != 0) return;
+    static_cast<void>(element.getValue(text, tag::deadline));
+    const auto milliseconds = parseInt64(text);
+    if (!milliseconds || *milliseconds < 1) {
+        throw QORException(errBadRequest, "deadline: " + quoteText(text) + " is no number of milliseconds above 0");
+    }
+    control->limitTo(std::chrono::milliseconds(*milliseconds));
+}
+
+/// The control of the request that the thread serves; one of its own where nobody has bounded it.
+std::shared_ptr<QORRequestControl> controlOfRequest() {
+    auto control = QORRequestControl::shareCurrent();
+    return control ? control : std::make_shared<QORRequestControl>();
+}
 
 /// What is left to say when there is no memory to say more.
 constexpr const char* outOfMemory = R"({"response":[],"error":{"code":1,"message":"out of memory"}})";
@@ -27,6 +48,7 @@ std::optional<QORAnswerError> runOperator(QORClientSession& session, const QORCl
     in.firstChild();
     QORBinaryIterator response = message.root();
     try {
+        limitByRequest(in);
         switch (session.run(identity, request.operatorName, request.requestName, in, response)) {
             case QORClientSession::Outcome::Done:
                 return std::nullopt;
@@ -222,6 +244,7 @@ void QORRouter::serve(QORClientSession& session, std::string_view json, Destinat
 }
 
 void QORRouter::run(QORClientSession& session, QORRequestEnvelope& request, Destination& destination) {
+    const QORRequestScope scope(controlOfRequest());
     const QORClientContextPtr identity = session.contextFor(request.client);
     for (const auto& priming : m_priming) {
         if (priming->operatorName() != request.operatorName) continue;

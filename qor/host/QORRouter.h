@@ -40,7 +40,9 @@ public:
         QORMemoryCharge memory;  ///< what the text counts for the account of the calling thread
     };
     /// Answers one request, an envelope in message notation. Never throws: every failure is an error of the answer.
-    /// An operator or a request name that nobody serves is an error 400.
+    /// An operator or a request name that nobody serves is an error 400. A request that has not been answered when the
+    /// calling thread's QORRequestControl ends, or when the time has passed that it names itself (element 2404,
+    /// milliseconds), is an error 408.
     Answer answer(QORClientSession& session, std::string_view json);
 
     struct Streamed {

@@ -1,13 +1,19 @@
 #include "ingest/QORIngest.h"
 
+#include <openssl/evp.h>
+
 #include <algorithm>
+#include <memory>
 #include <mutex>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORText.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORLibAgent/QOREnvCache.h"
 #include "ingest/LineReader.h"
 #include "ingest/RecordWriter.h"
+#include "ingest/RequestLedger.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -76,12 +82,17 @@ void QORIngestResult::merge(const QORIngestResult& other) {
 /// One import: the batch that is being filled, and the result so far.
 class QORIngest::Run {
 public:
-    Run(const QORIngestOptions& options, const QORIngestProgress& progress)
-        : m_options(options), m_progress(progress) {}
+    Run(const QORIngestOptions& options, const QORIngestProgress& progress, const QORIngestRequest* request = nullptr)
+        : m_options(options), m_progress(progress) {
+        if (request == nullptr) return;
+        m_ledger.emplace(*request);
+        QORRdbmsTran tran(ASAccess::ReadOne);
+        goOnFrom(m_ledger->find(*tran));
+    }
 
     /// Reads and stores until the end, a failure or a stop.
     QORIngestResult run(LineReader& lines, const std::stop_token& stop) {
-        while (!m_result.failure && !isStopped(stop) && lines.next())
+        while (!m_result.failure && !isStopped(stop) && !hasEnded(m_result.lastLine + 1) && lines.next())
             takeLine(lines);
         flush();
         return std::move(m_result);
@@ -104,7 +115,24 @@ private:
         return m_result.stopped;
     }
 
+    /// What bad lines cost is bounded as well.
+    bool hasEnded(std::uint64_t nextLine) {
+        const QORRequestControl* const control = QORRequestControl::current();
+        if (control == nullptr || (nextLine & 0xff) != 0 || !control->expired()) return false;
+        if (m_batch.empty()) m_result.failure = QORIngestFailure{nextLine, nextLine, control->text()};
+        return true;  // a batch that waits to be written finds out by itself
+    }
+
+    /// What was stored under the request's key is part of the result, and its lines are not taken again.
+    void goOnFrom(std::optional<QORIngestResult> known) {
+        if (!known) return;
+        m_result = std::move(*known);
+        m_doneLine = m_result.lastLine;
+        m_isKnown = true;
+    }
+
     void takeLine(const LineReader& lines) {
+        if (lines.number() <= m_doneLine) return;
         m_result.lastLine = lines.number();
         if (lines.tooLong()) {
             return refuse("longer than " + std::to_string(m_options.maxLineBytes) + " bytes");
@@ -145,22 +173,51 @@ private:
     void write(std::span<const QORRecord> batch, bool keepEqual, std::uint64_t firstLine, std::uint64_t lastLine) {
         std::array<QORIngestCounts, recordKindCount> counts;
         try {
-            const auto caching = lockCache(batch);
             QORRdbmsTran tran(ASAccess::Write);
+            if (m_ledger && wasStoredMeanwhile(*tran, lastLine)) return;
+            const auto caching = lockCache(batch);
             if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(*tran);
             RecordWriter writer(*tran, keepEqual);
             for (const QORRecord& record : batch)
                 count(counts[record.index()], writer.store(record));
             writer.finish();
+            if (m_ledger) m_ledger->put(*tran, resultWith(counts), !m_isKnown);
             tran.commit();
             if (caching) envCache()->update(writer.takeEnvironments());
         } catch (const AException& error) {
             m_result.failure = QORIngestFailure{firstLine, lastLine, error.text()};
             return;
+        } catch (const QORException& error) {
+            if (error.code() != errDeadline) throw;
+            m_result.failure = QORIngestFailure{firstLine, lastLine, error.message()};
+            return;
         }
         for (std::size_t kind = 0; kind < counts.size(); ++kind)
             addCounts(m_result.counts[kind], counts[kind]);
+        if (m_ledger) {
+            m_doneLine = lastLine;
+            m_isKnown = true;
+        }
         if (m_progress) m_progress(m_result);
+    }
+
+    QORIngestResult resultWith(const std::array<QORIngestCounts, recordKindCount>& counts) const {
+        QORIngestResult result = m_result;
+        for (std::size_t kind = 0; kind < counts.size(); ++kind)
+            addCounts(result.counts[kind], counts[kind]);
+        return result;
+    }
+
+    /// An earlier attempt at the same request may still have been at work while this one began.
+    bool wasStoredMeanwhile(ASSession& session, std::uint64_t lastLine) {
+        std::optional<QORIngestResult> known = m_ledger->find(session);
+        const std::uint64_t storedLine = known ? known->lastLine : 0;
+        if (known.has_value() == m_isKnown && storedLine == m_doneLine) return false;
+        if (storedLine < lastLine) {
+            throw QORException(errSameRequest, "a request with this Idempotency-Key is being worked on");
+        }
+        goOnFrom(std::move(known));
+        return true;
     }
 
     const QORIngestOptions& m_options;
@@ -171,7 +228,33 @@ private:
     std::uint64_t m_firstLine = 0;
     std::uint64_t m_refusedInARow = 0;
     QORIngestResult m_result;
+    std::optional<RequestLedger> m_ledger;
+    std::uint64_t m_doneLine = 0;  ///< up to here the request is stored
+    bool m_isKnown = false;        ///< to the ledger
 };
+
+QORIngestRequest::QORIngestRequest(std::string_view requestKey, std::string_view lines, std::uint64_t firstLine)
+    : key(requestKey) {
+    constexpr std::size_t longestKey = 255;
+    const bool visible = std::all_of(key.begin(), key.end(), [](char c) { return c > ' ' && c < '\x7f'; });
+    if (key.empty() || key.size() > longestKey || !visible) {
+        throw QORException(errBadRequest, "Idempotency-Key: " + quoteText(key) + " is not 1 to " +
+                                              std::to_string(longestKey) + " visible characters of ASCII");
+    }
+    const std::string number = std::to_string(firstLine) + "\n";
+    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+    std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
+    unsigned size = 0;
+    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1 ||
+        EVP_DigestUpdate(context.get(), number.data(), number.size()) != 1 ||
+        EVP_DigestUpdate(context.get(), lines.data(), lines.size()) != 1 ||
+        EVP_DigestFinal_ex(context.get(), bytes.data(), &size) != 1) {
+        throw QORException(errFailure, "the digest of a request cannot be computed");
+    }
+    static constexpr char digits[] = "0123456789abcdef";
+    for (unsigned i = 0; i < size; ++i)
+        digest += {digits[bytes[i] >> 4], digits[bytes[i] & 15]};
+}
 
 QORIngest::QORIngest(QORIngestOptions options) : m_options(options) {}
 
@@ -181,10 +264,11 @@ QORIngestResult QORIngest::importLines(std::istream& lines, const QORIngestProgr
     return Run(m_options, progress).run(reader, stop);
 }
 
-QORIngestResult QORIngest::importBatch(std::string_view lines, std::uint64_t firstLine) {
+QORIngestResult QORIngest::importBatch(std::string_view lines, std::uint64_t firstLine,
+                                       const QORIngestRequest* request) {
     LineReader reader(lines, m_options.maxLineBytes, firstLine);
     const QORIngestProgress none;
-    return Run(m_options, none).run(reader, {});
+    return Run(m_options, none, request).run(reader, {});
 }
 
 QORIngestResult QORIngest::store(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop) {

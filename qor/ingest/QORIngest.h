@@ -63,6 +63,22 @@ struct QORIngestResult {
     void merge(const QORIngestResult& other);
 };
 
+/// The code of the exception for a key that belongs to a request with another content.
+inline constexpr int errOtherContent = 422;
+/// The code of the exception for a key whose request is being worked on.
+inline constexpr int errSameRequest = 409;
+
+/// A request that may be sent again: under the same key it is stored once.
+struct QORIngestRequest {
+    /// \param key 1 to 255 visible characters of ASCII, chosen by the client
+    /// \param lines what it brings, the first of which has this number
+    /// \throws QORException 400 for another key
+    QORIngestRequest(std::string_view key, std::string_view lines, std::uint64_t firstLine);
+
+    std::string key;
+    std::string digest;
+};
+
 /// Called after each batch.
 using QORIngestProgress = std::function<void(const QORIngestResult&)>;
 
@@ -72,7 +88,8 @@ using QORIngestProgress = std::function<void(const QORIngestResult&)>;
 /// A bad line is counted, named and passed over. Blank lines are passed over. A batch is one transaction: it is stored
 /// whole and durably, or not at all; the first batch that the database refuses (locked, full) ends the run, and so do
 /// refusedInARow bad lines without a good one between them. Only
-/// what is in the way of every record throws: nothing here does, but for running out of memory.
+/// what is in the way of every record throws: nothing here does, but for running out of memory and keys of
+/// requests.
 class QORIngest {
 public:
     explicit QORIngest(QORIngestOptions options = {});
@@ -81,7 +98,11 @@ public:
     QORIngestResult importLines(std::istream& lines, const QORIngestProgress& progress = {},
                                 const std::stop_token& stop = {});
     /// The same for a text. \param firstLine the number of its first line in messages
-    QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine = 1);
+    /// \param request null for one that is not sent again. One that was broken off goes on where it was, and one that was
+    /// done is not done again: the result is that of all attempts together
+    /// \throws QORException 422 when its key belongs to another content, 409 when somebody works on it
+    QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine = 1,
+                                const QORIngestRequest* request = nullptr);
     /// Stores records that were made rather than read; the numbers of "lines" are their positions from 1.
     /// \param keepEqual operations that are stored already with the same status and message are left alone
     QORIngestResult store(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop = {});

@@ -11,6 +11,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORFunctionality/QOROpFactory.h"
@@ -19,7 +20,9 @@
 #include "agent/api/AgentMaintenance.h"
 #include "agent/api/AgentRecords.h"
 #include "host/QORHost.h"
+#include "ingest/QORIngest.h"
 #include "host/QORStatus.h"
+#include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
@@ -31,6 +34,7 @@ constexpr unsigned forbidden = 403;
 constexpr unsigned notFound = 404;
 constexpr unsigned methodNotAllowed = 405;
 constexpr unsigned failed = 500;
+constexpr unsigned unavailable = 503;
 
 using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 
@@ -50,6 +54,12 @@ HttpReply errorReply(unsigned status, int code, std::string_view message) {
 
 HttpReply errorReply(unsigned status, std::string_view message) {
     return errorReply(status, static_cast<int>(status), message);
+}
+
+unsigned statusOf(int code) {
+    if (code == errDeadline) return unavailable;
+    if (code == errOtherContent || code == errSameRequest) return static_cast<unsigned>(code);
+    return code == errBadRequest ? badRequest : failed;
 }
 
 /// `{"views":[{"name":"...","columns":[{"name":"...","type":"...","length":0},...]},...]}`
@@ -176,6 +186,21 @@ std::string statusText() {
     return {buffer.GetString(), buffer.GetSize()};
 }
 
+void writeFault(JsonWriter& json, const ASFaults::State& fault) {
+    json.StartObject();
+    writeMember(json, "fault", fault.name);
+    writeMember(json, "reason", fault.reason);
+    writeKey(json, "count");
+    json.Uint64(fault.count);
+    json.EndObject();
+}
+
+/// The key under which a request may be sent again. A field without a value is a key too, and refused as such.
+std::optional<std::string_view> keyOf(const HttpRequest& request) {
+    const std::string_view key = request.field("Idempotency-Key");
+    return key.data() == nullptr ? std::nullopt : std::optional(key);
+}
+
 /// Reads the parameters of /v1/messages. \throws QORException 400 for others and for other values
 bool wantsStream(std::string_view query) {
     bool wanted = false;
@@ -218,7 +243,9 @@ public:
         reply.memory = std::move(answer.memory);
         return reply;
     }
-    HttpReply records(const HttpRequest& request) { return {ok, takeRecords(request.body, request.query)}; }
+    HttpReply records(const HttpRequest& request) {
+        return {ok, takeRecords(request.body, request.query, keyOf(request))};
+    }
     HttpReply check(const HttpRequest& request) { return {ok, runCheck(request.query)}; }
     HttpReply prune(const HttpRequest& request) { return {ok, runPrune(request.query)}; }
     HttpReply collect(const HttpRequest&) { return {ok, runCollectors()}; }
@@ -287,8 +314,7 @@ HttpReply AgentClient::handle(const HttpRequest& request) {
     try {
         reply = (this->*find(request.path)->answer)(request);
     } catch (const QORException& exception) {
-        reply = errorReply(exception.code() == errBadRequest ? badRequest : failed, exception.code(),
-                           exception.message());
+        reply = errorReply(statusOf(exception.code()), exception.code(), exception.message());
     } catch (const std::exception& exception) {
         reply = errorReply(failed, errFailure, exception.what());
     }
@@ -335,13 +361,14 @@ std::string AgentApplication::errorBody(unsigned status, std::string_view messag
 }
 
 std::string AgentApplication::healthText(bool fullAccess) const {
+    const std::vector<ASFaults::State> faults = ASFaults::instance().current();
     const bool sound = m_host.refusedPlugIns().empty() && m_host.router().isPrimed();
     const auto uptime = std::chrono::steady_clock::now() - m_start;
     rapidjson::StringBuffer buffer;
     JsonWriter json(buffer);
     json.StartObject();
     writeKey(json, "status");
-    writeText(json, sound ? "ok" : "degraded");
+    writeText(json, !faults.empty() ? "failing" : sound ? "ok" : "degraded");
     writeKey(json, "version");
     writeText(json, QOR_VERSION);
     writeKey(json, "uptime");
@@ -363,6 +390,11 @@ std::string AgentApplication::healthText(bool fullAccess) const {
     json.StartArray();
     for (const auto& refusal : m_host.refusedPlugIns())
         writeText(json, refusal.reason);
+    json.EndArray();
+    writeKey(json, "faults");
+    json.StartArray();
+    for (const ASFaults::State& fault : faults)
+        writeFault(json, fault);
     json.EndArray();
     json.EndObject();
     return {buffer.GetString(), buffer.GetSize()};

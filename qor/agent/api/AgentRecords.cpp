@@ -104,8 +104,11 @@ void writeResult(JsonWriter& json, const QORIngestResult& result) {
 
 }  // namespace
 
-std::string takeRecords(std::string_view ndjson, std::string_view query) {
-    const QORIngestResult result = QORIngest().importBatch(ndjson, firstLineOf(query));
+std::string takeRecords(std::string_view ndjson, std::string_view query, std::optional<std::string_view> key) {
+    const std::uint64_t firstLine = firstLineOf(query);
+    std::optional<QORIngestRequest> request;
+    if (key) request.emplace(*key, ndjson, firstLine);
+    const QORIngestResult result = QORIngest().importBatch(ndjson, firstLine, request ? &*request : nullptr);
     rapidjson::StringBuffer buffer;
     JsonWriter json(buffer);
     json.StartObject();

@@ -11,14 +11,17 @@
 /// "error":{"code":1,"message":"..."} beside it; nothing from firstLine on is stored.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace QOR {
 
 /// Takes in NDJSON records. \param query the request's parameters: `first-line=N` numbers the first line (default 1)
-/// \throws QORException 400 for a parameter that is unknown or no line number
-std::string takeRecords(std::string_view ndjson, std::string_view query);
+/// \param key under which the client may send the same again without doubling anything; empty for none
+/// \throws QORException 400 for a parameter that is unknown or no line number and for a key that is none, 422 for a key of
+/// another content, 409 for one whose request is being worked on
+std::string takeRecords(std::string_view ndjson, std::string_view query, std::optional<std::string_view> key);
 
 /// Collects what this machine can tell about itself. The same counts, and beside them "malformed":n, lines of the
 /// logs that could not be understood, and "unreadable":["..."], logs that could not be read; no lines are refused.

@@ -12,6 +12,7 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -23,6 +24,7 @@
 
 #include "CtlError.h"
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORGuid.h"
 #include "QORMessage/QORNotation.h"
 #include "host/QORHostPaths.h"
 #include "backend/AgentReplies.h"
@@ -35,13 +37,18 @@ namespace http = boost::beast::http;
 using Protocol = asio::local::stream_protocol;
 
 constexpr std::size_t sendBlock = 64 * 1024;
+/// An agent that is started again is waited for: 12 seconds in all.
+constexpr auto firstPause = std::chrono::milliseconds(100);
+constexpr auto lastPause = std::chrono::milliseconds(6400);
 /// Answers may be of any size. Not boost::none, which this version of Beast takes for less than any announced length.
 constexpr std::uint64_t anySize = std::numeric_limits<std::uint64_t>::max();
 
 /// A request's line and headers; the body follows.
-std::string requestHead(std::string_view method, std::string_view target, std::size_t size) {
+/// \param fields further ones, each with its line's end
+std::string requestHead(std::string_view method, std::string_view target, std::size_t size,
+                        std::string_view fields = {}) {
     std::string head;
-    head.append(method).append(" ").append(target).append(" HTTP/1.1\r\nHost: localhost\r\n");
+    head.append(method).append(" ").append(target).append(" HTTP/1.1\r\nHost: localhost\r\n").append(fields);
     if (method == "POST")
         head.append("Content-Type: application/json\r\nContent-Length: ").append(std::to_string(size)).append("\r\n");
     return head += "\r\n";
@@ -89,9 +96,10 @@ public:
     }
 
     /// Sends a request. An agent that refuses it while it is still being sent has its answer read all the same.
-    void sendRequest(std::string_view method, std::string_view target, std::string_view body) {
+    void sendRequest(std::string_view method, std::string_view target, std::string_view body,
+                     std::string_view fields = {}) {
         try {
-            send(requestHead(method, target, body.size()));
+            send(requestHead(method, target, body.size(), fields));
             send(body);
         } catch (const QORCtlError&) {
             m_sendFailed = true;
@@ -271,7 +279,8 @@ private:
 };
 
 QORAgentBackend::QORAgentBackend(const std::string& socket)
-    : m_connection(std::make_unique<Connection>(socket.empty() ? defaultClientSocketPath().string() : socket)) {}
+    : m_socket(socket.empty() ? defaultClientSocketPath().string() : socket),
+      m_connection(std::make_unique<Connection>(m_socket)) {}
 
 QORAgentBackend::~QORAgentBackend() = default;
 
@@ -292,9 +301,21 @@ void QORAgentBackend::answerLines(int input, const TakeAnswer& take) {
     pipeline.receiveAll(take);
 }
 
+/// A batch whose answer is lost may have been stored, and may be sent again: under its key the agent stores it once.
 QORIngestResult QORAgentBackend::importBatch(std::string_view lines, std::uint64_t firstLine) {
-    m_connection->sendRequest("POST", "/v1/records?first-line=" + std::to_string(firstLine), lines);
-    return readIngestReply(m_connection->receive());
+    const std::string target = "/v1/records?first-line=" + std::to_string(firstLine);
+    const std::string key = "Idempotency-Key: " + QORGUIDBase::random().toString() + "\r\n";
+    for (auto pause = firstPause;; pause *= 2) {
+        try {
+            if (!m_connection) m_connection = std::make_unique<Connection>(m_socket);
+            m_connection->sendRequest("POST", target, lines, key);
+            return readIngestReply(m_connection->receive());
+        } catch (const QORCtlError& error) {
+            if (error.exit() != QORCtlExit::NoConnection || pause > lastPause) throw;
+        }
+        m_connection.reset();
+        std::this_thread::sleep_for(pause);
+    }
 }
 
 /// The agent collects to the end, whether somebody waits or not.

@@ -28,7 +28,8 @@ private:
     class Connection;
     class Source;
     class Pipeline;
-    std::unique_ptr<Connection> m_connection;
+    const std::string m_socket;
+    std::unique_ptr<Connection> m_connection;  // null while an agent that was lost is not found again
 };
 
 }  // namespace QOR

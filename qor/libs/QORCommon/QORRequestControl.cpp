@@ -101,4 +101,14 @@ QORRequestScope::~QORRequestScope() {
     servedByThread = std::move(m_previous);
 }
 
+void QORRequestWatch::look() {
+    constexpr unsigned longestStride = 256;
+    constexpr auto shortTime = std::chrono::microseconds(200);
+    m_control->check();
+    const auto now = Clock::now();
+    m_stride = now - m_last < shortTime ? std::min(m_stride * 2, longestStride) : std::max(m_stride / 2, 1U);
+    m_last = now;
+    m_turns = 0;
+}
+
 }  // namespace QOR

@@ -85,20 +85,25 @@ private:
     std::shared_ptr<QORRequestControl> m_previous;
 };
 
-/// For loops whose turns are too short to look at the clock in each: asks at every 256th. A value of the loop's own
-/// thread, which must not outlive the scope that was current when it was made.
-class QORRequestWatch {
+/// For loops whose turns may be too short to look at the clock in each, or long: asks at least at every 256th, and more
+/// often where turns take their time. A value of the loop's own thread, which must not outlive the scope that was
+/// current when it was made.
+class QOR_API QORRequestWatch {
 public:
     QORRequestWatch() noexcept : m_control(QORRequestControl::current()) {}
 
     /// \throws as QORRequestControl::check()
     void check() {
-        if (m_control != nullptr && (++m_turns & 0xff) == 0) m_control->check();
+        if (m_control != nullptr && ++m_turns >= m_stride) look();
     }
 
 private:
+    void look();
+
     QORRequestControl* m_control;
+    QORRequestControl::Clock::time_point m_last{};
     unsigned m_turns = 0;
+    unsigned m_stride = 1;
 };
 
 }  // namespace QOR

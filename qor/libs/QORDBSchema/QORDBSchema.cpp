@@ -25,11 +25,11 @@ constexpr std::string_view mark = "QORPager host database";
 /// The steps in order; the first leads to version 1. Made when it is needed, as the steps are other units' objects.
 const std::vector<QORSchemaStep>& steps() {
     static const std::vector<QORSchemaStep> all{{inventorySchema}, {logSchema}, {counterSchema}, documentSchema,
-                                                {upkeepSchema}};
+                                                {upkeepSchema},  {requestSchema}};
     return all;
 }
 
-constexpr int latestVersion = 5;
+constexpr int latestVersion = 6;
 
 bool hasRows(ASStatement& statement) {
     statement.execute();
@@ -138,6 +138,18 @@ QORSchemaReport openReadOnly(ASDatabaseOptions options) {
     return {state, state.version, true};
 }
 
+/// From now on a connection to another database, which has taken this one's place, is refused.
+void expectThisDatabase() {
+    QORRdbmsTran tran(ASAccess::Read);
+    if (tran->engine() != ASEngine::SQLite) return;
+    constexpr const char* identity = "SELECT id FROM qor_database";
+    if (!hasRows(tran->prepare("SELECT 1 FROM pragma_table_info('qor_database') WHERE name = 'id'"))) return;
+    ASStatement& select = tran->prepare(identity);
+    select.execute();
+    if (select.fetch()) QORRdbms::instance().expect(identity, std::string(select.text(1)));
+    select.close();
+}
+
 void warnOfDocuments(const std::string& database) {
     QORRdbmsTran tran(ASAccess::Read);
     const auto unreadable = unreadableDocuments(*tran);
@@ -217,6 +229,7 @@ int QORDBSchema::migrate(ASSession& session, int version) {
 
 QORSchemaReport QORDBSchema::open(const ASDatabaseOptions& options, QORSchemaMode mode) {
     const QORSchemaReport report = openDatabase(options, mode);
+    expectThisDatabase();
     warnOfDocuments(databaseName(options.connectionString));
     return report;
 }

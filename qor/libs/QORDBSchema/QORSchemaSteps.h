@@ -25,5 +25,7 @@ extern const std::span<const char* const> counterSchema;
 extern const QORSchemaStep documentSchema;
 /// Counters that the database keeps itself, and whose are an operation's.
 extern const std::span<const char* const> upkeepSchema;
+/// Requests that may be sent again, and the database's own identity.
+extern const std::span<const char* const> requestSchema;
 
 }  // namespace QOR

@@ -97,8 +97,9 @@ public:
     /// own has none. \throws AException
     void load();
 
-    /// Whoever writes environments to the database holds this from before the transaction until the cache is up to
-    /// date, so that the cache sees changes in the order in which they were committed.
+    /// Whoever writes environments to the database takes this within the transaction and holds it until the cache is
+    /// up to date, so that the cache sees changes in the order in which they were committed. Nobody waits for the
+    /// database with it.
     std::unique_lock<std::mutex> lockForWriting() { return std::unique_lock(m_writing); }
 
 private:

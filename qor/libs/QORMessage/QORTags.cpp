@@ -60,6 +60,7 @@ constexpr FixedName fixedNames[] = {
     {tag::logicalNot, "not"},
     {tag::distinct, "distinct"},
     {tag::escape, "escape"},
+    {tag::deadline, "deadline"},
 };
 
 constexpr bool byNumber(const FixedName& a, const FixedName& b) {

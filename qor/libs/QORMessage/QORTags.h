@@ -55,6 +55,7 @@ inline constexpr QORTag logicalOr = 2236;
 inline constexpr QORTag logicalNot = 2237;
 inline constexpr QORTag distinct = 2293;
 inline constexpr QORTag escape = 2301;
+inline constexpr QORTag deadline = 2404;
 
 /// Names without a number of their own are interned from here up; the first are reserved for the host itself.
 inline constexpr QORTag firstInterned = 1000000;

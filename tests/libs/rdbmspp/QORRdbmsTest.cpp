@@ -286,13 +286,14 @@ TEST_F(QORRdbmsTest, MissingDatabaseIsCreatedOnceOnly) {
     EXPECT_TRUE(all().empty());
     for (const char* ending : {"", "-wal", "-shm"})
         std::filesystem::remove(path() + ending);
-    EXPECT_THAT(failure([&] { all(); }), HasSubstr(path()));
+    EXPECT_EQ(failure([&] { all(); }), "database \"" + path() + "\": its file is gone");
     EXPECT_FALSE(std::filesystem::exists(path()));
     Engine(path()).run(schema);
+    open();
     EXPECT_THAT(all(), ElementsAre("1", "2"));
 }
 
-TEST_F(QORRdbmsTest, ReplacedDatabaseIsReadAnew) {
+TEST_F(QORRdbmsTest, ReplacedDatabaseIsRefusedUntilItIsConfiguredAnew) {
     open(schema);
     EXPECT_EQ(all().size(), 2u);
     const std::string other = m_folder.file("other.db");
@@ -300,7 +301,19 @@ TEST_F(QORRdbmsTest, ReplacedDatabaseIsReadAnew) {
     for (const char* ending : {"-wal", "-shm"})
         std::filesystem::remove(path() + ending);
     std::filesystem::rename(other, path());
+    EXPECT_THAT(failure([&] { all(); }), HasSubstr("its file was replaced by another one"));
+    EXPECT_THAT(failure([&] { insert(3); }), HasSubstr("its file was replaced by another one"));
+    open();
     EXPECT_THAT(all(), ElementsAre("7"));
+}
+
+TEST_F(QORRdbmsTest, DatabaseThatAnswersOtherwiseThanExpectedIsRefused) {
+    open(schema);
+    QORRdbms::instance().expect("SELECT count(*) FROM t", "2");
+    EXPECT_EQ(all().size(), 2u);
+    Engine(path()).run("DROP VIEW v; DROP TABLE t");
+    const QORRdbmsTran held(ASAccess::ReadOne);  // the connection that was open already
+    EXPECT_THAT(failure([&] { all(); }), HasSubstr("what is in its file was replaced"));
 }
 
 TEST_F(QORRdbmsTest, WhatCannotBeOpenedIsNamed) {
@@ -418,7 +431,7 @@ TEST_F(QORRdbmsTest, CorruptionHalfWayThroughAFetchIsAFailureAndTheNextRequestWo
         EXPECT_EQ(text, "database \"" + path() + "\": database disk image is malformed") << limit;
         EXPECT_FALSE(cursor.Fetch());
     }
-    std::filesystem::rename(sound, path());
+    std::filesystem::copy_file(sound, path(), std::filesystem::copy_options::overwrite_existing);
     EXPECT_EQ(select(a.attribute).size(), 5000u);
 }
 

@@ -29,6 +29,8 @@ struct QOR_API ASDialect {
     const char* queryOnly;        ///< makes a connection refuse to write
     const char* opaqueBegin;      ///< around a text literal, so that `column = literal` does not make the engine put the
     const char* opaqueEnd;        ///< literal in the column's place elsewhere; empty where it does not anyway
+    const char* statementTimeout;  ///< bounds the statements behind it, milliseconds follow, 0 for none; empty where
+                                   ///< the layer ends them itself
     std::size_t maxParameters;    ///< of one statement; further values stand in its text
     std::size_t maxLikePattern;   ///< bytes; 0: unlimited
     std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited

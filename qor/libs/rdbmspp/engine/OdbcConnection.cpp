@@ -9,7 +9,10 @@
 #include <type_traits>
 #include <utility>
 
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/AException.h"
+#include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/sql/ASValue.h"
 
 namespace QOR {
@@ -70,6 +73,12 @@ bool isOneOf(const int (&codes)[size], int code) {
 constexpr int doubtful[] = {7, 10, 11, 13, 14, 15, 26};
 // And those that tell of the database and not of the statement: no permission, locked by another, read-only.
 constexpr int unavailable[] = {3, 5, 6, 8};
+// The lock of another was waited for in vain; somebody wants the statement to end.
+constexpr int locked[] = {5, 6};
+constexpr int interrupted = 9;
+constexpr int readOnly = 8;
+// PostgreSQL's for a statement that was ended.
+constexpr const char* cancelled = "57014";
 
 bool leavesDoubt(const Diagnosis& d) {
     return d.state.starts_with("08") || isOneOf(doubtful, d.native);
@@ -85,7 +94,25 @@ std::string plainText(const Diagnosis& d) {
     return std::string(text.empty() ? std::string_view(d.text) : text);
 }
 
+// Where the request has ended, that is the reason, and what it waited for is told beside it.
+void endRequest(const AException& failure) {
+    const QORRequestControl* const control = QORRequestControl::current();
+    if (control == nullptr || !control->expired()) return;
+    if (failure.nativeCode() == interrupted || failure.sqlState() == cancelled) control->check();
+    if (isOneOf(locked, failure.nativeCode())) throw QORException(errDeadline, control->text() + ": " + failure.text());
+}
+
 }  // namespace
+
+// The engine does not always wait where it finds a lock: not while another program changes the journal, for one.
+template <class Call>
+int OdbcConnection::patiently(short type, void* handle, Call call) {
+    for (;;) {
+        const int rc = call();
+        if (SQL_SUCCEEDED(rc) || rc == SQL_NO_DATA || m_sqlite == nullptr) return rc;
+        if (!isOneOf(locked, diagnose(type, handle).native) || !m_wait.turn()) return rc;
+    }
+}
 
 struct OdbcStatement::Parameter {
     Bound bound = Bound::None;
@@ -113,6 +140,7 @@ struct OdbcStatement::Column {
 
 OdbcStatement::OdbcStatement(OdbcConnection& connection, std::string sql)
     : m_connection(connection), m_sql(std::move(sql)) {
+    m_connection.begin();
     SQLHSTMT allocated = nullptr;
     m_connection.check(SQLAllocHandle(SQL_HANDLE_STMT, m_connection.m_handle, &allocated), SQL_HANDLE_DBC,
                        m_connection.m_handle, m_sql);
@@ -261,13 +289,15 @@ int OdbcStatement::bindColumn(std::size_t index) noexcept {
 
 void OdbcStatement::execute() {
     close();
+    m_connection.begin();
     if (m_unprepared) prepareAgain();
     for (auto& column : m_columns)
         column->indicator = SQL_NULL_DATA;  // what is not read from this result is not left from another
     m_open = true;
     m_rowsLeft = false;
-    check(SQLExecute(m_handle));
+    check(m_connection.patiently(SQL_HANDLE_STMT, m_handle, [this] { return SQLExecute(m_handle); }));
     m_rowsLeft = true;
+    ASFaults::instance().read();
 }
 
 void OdbcStatement::prepareAgain() {
@@ -277,7 +307,9 @@ void OdbcStatement::prepareAgain() {
     m_unprepared = false;
 }
 
+// A result that lies in memory already is fetched without the engine, which therefore ends nothing.
 bool OdbcStatement::fetch() {
+    if ((++m_fetches & 63) == 0) QORRequestControl::checkCurrent();
     const SQLRETURN rc = SQLFetch(m_handle);
     if (rc == SQL_SUCCESS) return true;
     if (rc == SQL_NO_DATA) {
@@ -376,7 +408,16 @@ void OdbcConnection::check(int rc, short type, void* handle, const std::string& 
     const bool doubt = leavesDoubt(d);
     if (doubt) m_broken = true;
     if (m_connected && (doubt || isOneOf(unavailable, d.native))) text = "database \"" + m_database + "\": " + text;
-    throw AException(std::move(text), std::move(d.state), d.native, statement);
+    const AException failure(std::move(text), std::move(d.state), d.native, statement);
+    if (m_connected && !(m_reading && d.native == readOnly))
+        ASFaults::instance().report(failure, takeSqliteComplaint(), m_reading);
+    endRequest(failure);
+    throw failure;
+}
+
+void OdbcConnection::begin() noexcept {
+    m_wait.begin();
+    takeSqliteComplaint();
 }
 
 OdbcConnection::OdbcConnection(const std::string& connectionString, std::string database)
@@ -401,10 +442,13 @@ void OdbcConnection::connect(const std::string& connectionString) {
     const auto version = reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3);  // NOLINT(performance-no-int-to-ptr): ODBC's way
     check(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, version, 0), SQL_HANDLE_ENV, m_environment, {});
     check(SQLAllocHandle(SQL_HANDLE_DBC, m_environment, &m_handle), SQL_HANDLE_ENV, m_environment, {});
+    const SqliteOpening opening;
     check(SQLDriverConnect(m_handle, nullptr, chars(connectionString),
                            static_cast<SQLSMALLINT>(connectionString.size()), nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT),
           SQL_HANDLE_DBC, m_handle, {});
     m_connected = true;
+    m_sqlite = opening.opened();
+    if (m_sqlite != nullptr) setSqliteWait(*m_sqlite, m_wait);
     std::array<char, 64> name{};
     SQLSMALLINT length = 0;
     check(SQLGetInfo(m_handle, SQL_DBMS_NAME, name.data(), static_cast<SQLSMALLINT>(name.size()), &length),
@@ -420,11 +464,12 @@ void OdbcConnection::disconnect() noexcept {
 
 std::int64_t OdbcConnection::execute(std::string_view sql) {
     const std::string text(sql);
+    begin();
     SQLHSTMT allocated = nullptr;
     check(SQLAllocHandle(SQL_HANDLE_STMT, m_handle, &allocated), SQL_HANDLE_DBC, m_handle, text);
     const StatementHandle handle(allocated);
-    check(SQLExecDirect(allocated, chars(text), static_cast<SQLINTEGER>(text.size())), SQL_HANDLE_STMT, allocated,
-          text);
+    const auto run = [&] { return SQLExecDirect(allocated, chars(text), static_cast<SQLINTEGER>(text.size())); };
+    check(patiently(SQL_HANDLE_STMT, allocated, run), SQL_HANDLE_STMT, allocated, text);
     SQLSMALLINT columns = 0;
     check(SQLNumResultCols(allocated, &columns), SQL_HANDLE_STMT, allocated, text);
     if (columns > 0) {  // where rows are handed out as they come, nothing has happened before the first is asked for

@@ -2,12 +2,15 @@
 /// Internal: connections and statements of ODBC. The only place that calls it is OdbcConnection.cpp.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "rdbmspp/engine/SqliteEngine.h"
 
 namespace QOR {
 
@@ -76,6 +79,7 @@ private:
     std::string m_sql;
     void* m_handle = nullptr;
     bool m_open = false;
+    unsigned m_fetches = 0;
     bool m_unprepared = false;                             ///< preparing it anew has failed
     bool m_rowsLeft = false;                               ///< the end of the running result has not been met
     std::vector<std::unique_ptr<Parameter>> m_parameters;  // the driver holds their addresses
@@ -83,7 +87,9 @@ private:
     std::vector<OdbcColumn> m_layout;
 };
 
-/// One connection with an environment of its own. Used by one thread at a time.
+/// One connection with an environment of its own. Used by one thread at a time. What it runs ends with the request that
+/// the calling thread serves: that is a QORException errDeadline, which leaves the connection as good as before.
+/// Failures of the database are told to ASFaults.
 class OdbcConnection {
    public:
     /// \param database its name for people, told where the database and not the statement is at fault
@@ -97,6 +103,12 @@ class OdbcConnection {
     const std::string& engineName() const noexcept { return m_engineName; }
     /// Runs a statement without parameters and drops its result. \returns rows changed
     std::int64_t execute(std::string_view sql);
+    /// How long a lock of others is waited for, at most.
+    void setPatience(std::chrono::milliseconds patience) noexcept { m_wait.setPatience(patience); }
+    /// It is for reading alone, and says so when something is to be written: that is no fault of the database.
+    void setReading() noexcept { m_reading = true; }
+    /// Whether a transaction is open as the engine sees it; true where it does not tell.
+    bool isInTransaction() const noexcept { return m_sqlite == nullptr || isInSqliteTransaction(*m_sqlite); }
     /// Whether a failure has left it in doubt.
     bool isBroken() const noexcept { return m_broken; }
     void setBroken() noexcept { m_broken = true; }
@@ -107,11 +119,19 @@ class OdbcConnection {
     void check(int rc, short type, void* handle, const std::string& statement);
     void connect(const std::string& connectionString);
     void disconnect() noexcept;
+    /// A statement is about to run.
+    void begin() noexcept;
+    /// Calls again while somebody else's lock is in the way, as long as the patience lasts. \returns SQLRETURN
+    template <class Call>
+    int patiently(short type, void* handle, Call call);
 
     void* m_environment = nullptr;
     void* m_handle = nullptr;
+    sqlite3* m_sqlite = nullptr;  // the driver's, null when it is another engine's
+    SqliteWait m_wait;
     bool m_connected = false;
     bool m_broken = false;
+    bool m_reading = false;
     std::string m_database;
     std::string m_engineName;
 };

@@ -60,6 +60,12 @@ void OdbcConnectionString::setDefault(std::string_view name, std::string_view va
     if (!has(name)) m_parts.emplace_back(name, value);
 }
 
+std::string OdbcConnectionString::take(std::string_view name, std::string_view otherwise) {
+    std::string value = has(name) ? get(name) : std::string(otherwise);
+    std::erase_if(m_parts, [&](const auto& part) { return sameName(part.first, name); });
+    return value;
+}
+
 void OdbcConnectionString::set(std::string_view name, std::string_view value) {
     std::erase_if(m_parts, [&](const auto& part) { return sameName(part.first, name); });
     m_parts.emplace_back(name, value);

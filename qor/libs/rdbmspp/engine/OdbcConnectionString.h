@@ -21,6 +21,8 @@ class OdbcConnectionString {
     /// Adds what the string does not say.
     void setDefault(std::string_view name, std::string_view value);
     void set(std::string_view name, std::string_view value);
+    /// Takes a value out. \returns it, or `otherwise` when there is none
+    std::string take(std::string_view name, std::string_view otherwise);
     std::string text() const;
 
    private:

@@ -2,6 +2,7 @@
 /// Internal: what a pooled connection carries along.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <string_view>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
@@ -93,12 +95,17 @@ class ASStatementLease {
     std::unique_ptr<OdbcStatement> m_own;
 };
 
-/// Which file a connection has open; a file that was replaced under its name is another one.
+/// Which file it is, and in what state. A file that was replaced under its name is another one.
 struct ASFileIdentity {
     std::uint64_t device = 0;
-    std::uint64_t inode = 0;
+    std::uint64_t inode = 0;  ///< 0: there is none
+    std::int64_t size = 0;
+    std::int64_t changed = 0;  ///< nanoseconds
 
     static ASFileIdentity of(const std::string& path) noexcept;
+    bool isSameFile(const ASFileIdentity& other) const noexcept {
+        return device == other.device && inode == other.inode;
+    }
     friend bool operator==(const ASFileIdentity&, const ASFileIdentity&) = default;
 };
 
@@ -117,6 +124,10 @@ struct ASConnectionSource {
     std::string string;
     std::string streamingString;  ///< of connections whose rows come one by one; empty: there are none
     std::string database;         ///< its name for people
+    std::vector<std::string> setup;  ///< run on each connection first; those of the engine that the driver would
+                                     ///< run too, but without telling when one fails
+    std::string journal;             ///< the statement that sets its mode; empty where it is left as it is
+    std::chrono::milliseconds patience{5000};  ///< with locks of others
     bool queryOnly = false;
 };
 
@@ -136,6 +147,9 @@ struct ASSession::Impl {
     void endLong() noexcept;
     bool isLong() const noexcept { return inLong; }
     bool isBroken() const noexcept { return connection.isBroken() || (streaming && streaming->isBroken()); }
+    std::unique_ptr<OdbcConnection> connectStreaming() const;
+    void setUp(OdbcConnection& opened) const;
+    void setJournal(OdbcConnection& opened) const;
     /// Ends what a transaction has left running and lets go of surplus statements.
     void tidy();
 
@@ -153,7 +167,6 @@ struct ASSession::Impl {
     bool inLong = false;
     std::int64_t changes = 0;
     std::uint64_t generation = 0;
-    ASFileIdentity file;
 };
 
 }  // namespace QOR

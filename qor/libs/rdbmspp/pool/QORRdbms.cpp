@@ -1,25 +1,33 @@
 #include "rdbmspp/pool/QORRdbms.h"
 
-#include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <filesystem>
+#include <limits>
 #include <mutex>
 #include <system_error>
 #include <utility>
 #include <vector>
 
-#include "rdbmspp/pool/ASSessionImpl.h"
-#include "rdbmspp/sql/ASValue.h"
+#include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORRequestControl.h"
+#include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
+#include "rdbmspp/engine/SqliteEngine.h"
 #include "rdbmspp/engine/SqliteTriggers.h"
+#include "rdbmspp/pool/ASSessionImpl.h"
+#include "rdbmspp/pool/ASWriterQueue.h"
+#include "rdbmspp/sql/ASValue.h"
 
 namespace QOR {
 
@@ -32,8 +40,10 @@ struct Settings {
     ASConnectionSource source;  ///< with everything that was added to the options' connection string
     std::string driver;
     std::string database;
-    std::string file;        ///< the database's file, empty when it has none that we know of
-    bool mayCreate = false;  ///< a missing file
+    std::string file;         ///< the database's file, empty when it has none that we know of
+    ASFileIdentity identity;  ///< of that file when it was opened first
+    bool immutable = false;   ///< it is read without locks, because it cannot change
+    bool mayCreate = false;   ///< a missing file
     std::uint64_t generation = 0;
 };
 
@@ -47,20 +57,36 @@ bool isInMemory(const std::string& database) {
     return database.empty() || database.starts_with(":memory:");
 }
 
-// A driver of SQLite waits about twice as long as it is told, and for ever when it is told 0.
-std::string sqliteTimeout(unsigned milliseconds) {
-    return std::to_string(milliseconds < 2 ? 1 : milliseconds / 2);
+// A connection string may say otherwise, in the driver's way: 0 waits for ever.
+std::chrono::milliseconds patienceOf(OdbcConnectionString& string, const ASDatabaseOptions& options) {
+    const auto asked = parseInt64(string.get("Timeout"));
+    if (!asked || *asked < 0) return std::chrono::milliseconds(options.busyTimeoutMs);
+    return *asked == 0 ? std::chrono::hours(24 * 365) : std::chrono::milliseconds(*asked);
 }
 
-void addSqliteDefaults(OdbcConnectionString& string, const ASDatabaseOptions& options) {
-    string.setDefault("Timeout", sqliteTimeout(options.busyTimeoutMs));
+// What a connection string may say about connections, less what could be more than a word of the engine's.
+std::string pragma(const char* name, const std::string& value) {
+    std::string word;
+    std::copy_if(value.begin(), value.end(), std::back_inserter(word),
+                 [](unsigned char c) { return std::isalnum(c) != 0; });
+    return "PRAGMA " + std::string(name) + " = " + word;
+}
+
+// The driver waits for locks by itself, about twice as long as it is told, whatever has become of the request, and does
+// not say when a setting was refused. So it is told to wait for nothing (0 would be for ever) and to set nothing.
+void addSqliteDefaults(OdbcConnectionString& string, Settings& settings) {
+    auto& setup = settings.source.setup;
+    setup.clear();
+    settings.source.patience = patienceOf(string, settings.options);
+    string.set("Timeout", "1");
     string.set("StepAPI", "0");
-    string.setDefault("FKSupport", "1");
-    string.setDefault("SyncPragma", "FULL");
-    if (options.readOnly) {
+    setup.push_back(pragma("foreign_keys", string.take("FKSupport", "1")));
+    setup.push_back(pragma("synchronous", string.take("SyncPragma", "FULL")));
+    const std::string journal = string.take("JournalMode", settings.options.readOnly ? "" : "WAL");
+    if (settings.options.readOnly) {
         string.set("NoCreat", "1");
-    } else {
-        string.setDefault("JournalMode", "WAL");
+    } else if (!journal.empty()) {
+        settings.source.journal = pragma("journal_mode", journal);
     }
 }
 
@@ -97,11 +123,33 @@ std::unique_ptr<ASSession> open(const Settings& settings) {
     try {
         auto impl = std::make_unique<ASSession::Impl>(settings.source);
         impl->generation = settings.generation;
-        impl->file = ASFileIdentity::of(settings.file);
         return std::make_unique<ASSession>(std::move(impl));
     } catch (const AException& error) {
         throw cannotOpen(settings, error);
     }
+}
+
+[[noreturn]] void refuseFile(const Settings& settings, const char* reason) {
+    constexpr int cannotOpenFile = 14;
+    AException failure("database \"" + settings.database + "\": " + reason, "HY000", cannotOpenFile);
+    ASFaults::instance().report(ASFault::Missing, failure.text());
+    throw failure;
+}
+
+/// Makes sure that the name still means the file that was opened first.
+void checkFile(const Settings& settings) {
+    if (settings.file.empty()) return;
+    const ASFileIdentity now = ASFileIdentity::of(settings.file);
+    if (now.inode == 0) refuseFile(settings, "its file is gone");
+    if (!now.isSameFile(settings.identity)) {
+        refuseFile(settings, "its file was replaced by another one; start the program again to use that");
+    }
+    if (now.size == 0 && settings.identity.size > 0) refuseFile(settings, "its file was emptied");
+    if (settings.immutable && (now != settings.identity || ASFileIdentity::of(settings.file + "-wal").size > 0)) {
+        refuseFile(settings,
+                   "its file changes although it lies on a file system for reading only; start the program again");
+    }
+    ASFaults::instance().found();
 }
 
 ASEngine engineOf(const std::string& name) {
@@ -123,7 +171,7 @@ void countHeld(bool taken) noexcept {
 ASFileIdentity ASFileIdentity::of(const std::string& path) noexcept {
     struct stat info {};
     if (path.empty() || ::stat(path.c_str(), &info) != 0) return {};
-    return {info.st_dev, info.st_ino};
+    return {info.st_dev, info.st_ino, info.st_size, info.st_ctim.tv_sec * 1'000'000'000 + info.st_ctim.tv_nsec};
 }
 
 // --- statements ------------------------------------------------------------------------------------------------
@@ -215,7 +263,28 @@ ASSession::Impl::Impl(const ASConnectionSource& from)
       connection(source.string, source.database),
       dialect(&ASDialect::of(engineOf(connection.engineName()))),
       builder(*dialect, ASPurpose::Execution) {
-    if (source.queryOnly) connection.execute(dialect->queryOnly);
+    setUp(connection);
+}
+
+// A journal cannot be changed while others have the database open; it is as good as it was.
+void ASSession::Impl::setJournal(OdbcConnection& opened) const {
+    constexpr int locked = 5;
+    if (source.journal.empty()) return;
+    try {
+        opened.execute(source.journal);
+    } catch (const AException& error) {
+        if (error.nativeCode() != locked) throw;
+    }
+}
+
+void ASSession::Impl::setUp(OdbcConnection& opened) const {
+    opened.setPatience(source.patience);
+    for (const std::string& statement : source.setup)
+        opened.execute(statement);
+    setJournal(opened);
+    if (!source.queryOnly) return;
+    opened.execute(dialect->queryOnly);
+    opened.setReading();
 }
 
 namespace {
@@ -240,10 +309,22 @@ ASStatementLease ASSession::Impl::lease(const std::string& sql) {
     return leaseFrom(selects, connection, sql);
 }
 
+// A failure to open a database that was open before is a fault of it.
+std::unique_ptr<OdbcConnection> ASSession::Impl::connectStreaming() const {
+    try {
+        return std::make_unique<OdbcConnection>(source.streamingString, source.database);
+    } catch (const AException& error) {
+        AException failure("database \"" + source.database + "\": " + error.text(), error.sqlState(),
+                           error.nativeCode());
+        ASFaults::instance().report(ASFault::Reading, failure.text());
+        throw failure;
+    }
+}
+
 void ASSession::Impl::openStreaming() {
     if (!streaming) {
-        auto opened = std::make_unique<OdbcConnection>(source.streamingString, source.database);
-        if (source.queryOnly) opened->execute(dialect->queryOnly);
+        auto opened = connectStreaming();
+        setUp(*opened);
         streaming = std::move(opened);
     }
 }
@@ -337,9 +418,16 @@ struct QORRdbms::Impl {
     };
 
     std::unique_ptr<ASSession> acquire();
+    std::unique_ptr<ASSession> await(std::unique_lock<std::mutex>& lock);
+    ASWriterQueue::Turn takeTurn();
     void release(std::unique_ptr<ASSession> session) noexcept;
     void giveUpPlace() noexcept;
-    std::unique_ptr<ASSession> takeIdle(std::unique_lock<std::mutex>& lock);
+    std::unique_ptr<ASSession> takeIdle();
+    std::unique_ptr<ASSession> openChecked(const Settings& used);
+    void mayWrite();
+    void wrote();
+    void undo(ASSession& failed, const AException& error) noexcept;
+    void settle(const Settings& used);
     bool isCurrent(const ASSession::Impl& session) const;
     void replace(Settings settings, std::unique_ptr<ASSession> first);
 
@@ -351,40 +439,173 @@ struct QORRdbms::Impl {
     unsigned places = 0;                                // guarded by mutex; open or being opened
     std::uint64_t generation = 0;                       // guarded by mutex
     std::atomic<ASEngine> engine{ASEngine::SQLite};
+    ASWriterQueue writers;
+
+    struct Expectation {
+        std::string select;
+        std::string value;
+        std::uint64_t generation;
+    };
+    std::shared_ptr<const Expectation> expectation;  // guarded by mutex
+
+    // Of writers, one of which has its turn at a time.
+    bool unsettled = false;  ///< what a failed commit has left in the log is not overwritten yet
+    std::string doubt;       ///< why
 };
+
+// What a commit wrote whose synchronisation failed stands in the log, and a program that opens the database after a
+// crash would take it for committed. The next commit overwrites its beginning and so undoes the whole of it. This one
+// changes nothing that anybody reads; once it has reached the disk, so has all that was said.
+void QORRdbms::Impl::settle(const Settings& used) {
+    const QORRequestScope unbounded(nullptr);
+    auto session = openChecked(used);
+    const ASDialect& dialect = *session->impl().dialect;
+    session->execute(dialect.beginWrite);
+    ASStatement& version = session->prepare("PRAGMA user_version");
+    version.execute();
+    const std::int64_t next = version.fetch() ? (version.integer(1) + 1) & 0x7fffffff : 1;
+    version.close();
+    session->execute("PRAGMA user_version = " + std::to_string(next));
+    takeSqliteComplaint();
+    session->execute(dialect.commit);
+    unsettled = false;
+    ASFaults::instance().wrote();
+}
+
+// After a commit that failed, for whatever reason that leaves it open what is on the disk.
+void QORRdbms::Impl::undo(ASSession& failed, const AException& error) noexcept {
+    constexpr int inputOutput = 10;
+    if (error.nativeCode() != inputOutput || failed.engine() != ASEngine::SQLite) return;
+    unsettled = true;
+    try {
+        doubt = error.text();
+        std::shared_ptr<const Settings> used;
+        {
+            const std::lock_guard lock(mutex);
+            used = settings;
+        }
+        if (failed.impl().connection.isInTransaction()) failed.execute(failed.impl().dialect->rollback);
+        if (used) settle(*used);
+    } catch (const std::exception&) {
+        // It was told to the log and to health; the next writer tries again.
+        failed.impl().connection.setBroken();
+    }
+}
+
+// The log is worked into the file behind a commit; a failure there is nobody's but has to be heard.
+void QORRdbms::Impl::wrote() {
+    const SqliteComplaint complaint = takeSqliteComplaint();
+    if (complaint.code == 0) return ASFaults::instance().wrote();
+    constexpr int inputOutput = 10;
+    ASFaults::instance().report(AException("the log cannot be worked into the database", "HY000", inputOutput),
+                                complaint, false);
+}
+
+// Refuses to write while it is in doubt what has been written, and tries to end that doubt.
+void QORRdbms::Impl::mayWrite() {
+    constexpr int inputOutput = 10;
+    std::shared_ptr<const Settings> used;
+    {
+        const std::lock_guard lock(mutex);
+        used = settings;
+    }
+    if (!unsettled || !used) return;
+    try {
+        settle(*used);
+    } catch (const AException& error) {
+        doubt = error.text();
+    }
+    if (!unsettled) return;
+    throw AException(
+        "database \"" + used->database +
+            "\": nothing is stored until its disk works again, since a commit could not be synchronised: " + doubt,
+        "HY000", inputOutput);
+}
 
 bool QORRdbms::Impl::isCurrent(const ASSession::Impl& session) const {
     return settings && session.generation == settings->generation && !session.isBroken();
 }
 
-// A database file that was removed or replaced is not the one that the connection has open.
-std::unique_ptr<ASSession> QORRdbms::Impl::takeIdle(std::unique_lock<std::mutex>& lock) {
-    while (!idle.empty()) {
-        auto session = std::move(idle.back());
-        idle.pop_back();
-        const auto used = settings;
-        lock.unlock();
-        if (used->file.empty() || ASFileIdentity::of(used->file) == session->impl().file) return session;
-        session.reset();
-        lock.lock();
-        --places;
+std::unique_ptr<ASSession> QORRdbms::Impl::takeIdle() {
+    if (idle.empty()) return nullptr;
+    auto session = std::move(idle.back());
+    idle.pop_back();
+    return session;
+}
+
+std::unique_ptr<ASSession> QORRdbms::Impl::openChecked(const Settings& used) {
+    std::unique_ptr<ASSession> session;
+    try {
+        session = open(used);
+    } catch (const AException& error) {
+        ASFaults::instance().report(ASFault::Reading, error.text());
+        throw;
     }
-    return nullptr;
+    std::shared_ptr<const Expectation> expected;
+    {
+        const std::lock_guard lock(mutex);
+        expected = expectation;
+    }
+    if (!expected || used.generation != expected->generation) return session;
+    std::string found;
+    try {
+        ASStatement& proof = session->prepare(expected->select);
+        proof.execute();
+        if (proof.fetch()) found = proof.text(1);
+        proof.close();
+    } catch (const AException& error) {
+        constexpr int statementFailed = 1;
+        if (error.nativeCode() != statementFailed) throw;
+    }
+    if (found != expected->value) refuseFile(used, "what is in its file was replaced");
+    return session;
+}
+
+// Waits for a session, or for a place to open one, as long as the request may go on. A request that is cancelled
+// cannot wake whoever waits for it, so it is looked at from time to time.
+std::unique_ptr<ASSession> QORRdbms::Impl::await(std::unique_lock<std::mutex>& lock) {
+    constexpr auto lookInterval = std::chrono::milliseconds(50);
+    const QORRequestControl* const control = QORRequestControl::current();
+    Waiter waiter;
+    waiters.push_back(&waiter);
+    if (control == nullptr) waiter.ready.wait(lock, [&] { return waiter.granted; });
+    while (!waiter.granted) {
+        if (control->expired()) {
+            std::erase(waiters, &waiter);
+            control->check();
+        }
+        const auto next = QORRequestControl::Clock::now() + lookInterval;
+        waiter.ready.wait_until(lock, std::min<QORRequestControl::Clock::time_point>(next, control->deadline()));
+    }
+    return std::move(waiter.session);
+}
+
+ASWriterQueue::Turn QORRdbms::Impl::takeTurn() {
+    std::shared_ptr<const Settings> used;
+    {
+        const std::lock_guard lock(mutex);
+        used = settings;
+    }
+    if (!used) throw AException("no database is configured");
+    return writers.take(used->source.patience, used->database);
 }
 
 std::unique_ptr<ASSession> QORRdbms::Impl::acquire() {
+    QORRequestControl::checkCurrent();
     std::unique_lock lock(mutex);
     if (!settings) throw AException("no database is configured");
+    const auto asked = settings;
+    lock.unlock();
+    checkFile(*asked);
+    lock.lock();
+    if (!settings) throw AException("no database is configured");
     if (waiters.empty()) {
-        if (auto session = takeIdle(lock)) return session;
+        if (auto session = takeIdle()) return session;
     }
     const unsigned most = settings->options.maxConnections;
     if (places >= most) {
         if (heldByThread >= most) throw AException("this thread already uses every connection there may be");
-        Waiter waiter;
-        waiters.push_back(&waiter);
-        waiter.ready.wait(lock, [&] { return waiter.granted; });
-        if (waiter.session) return std::move(waiter.session);
+        if (auto session = await(lock)) return session;
     } else {
         ++places;
     }
@@ -392,7 +613,7 @@ std::unique_ptr<ASSession> QORRdbms::Impl::acquire() {
     lock.unlock();
     try {
         if (!used) throw AException("no database is configured");
-        return open(*used);
+        return openChecked(*used);
     } catch (...) {
         giveUpPlace();
         throw;
@@ -445,6 +666,7 @@ void QORRdbms::Impl::replace(Settings next, std::unique_ptr<ASSession> first) {
         past.push_back(settings);
         ++places;
     }
+    ASFaults::instance().forget();
     release(std::move(first));
 }
 
@@ -458,10 +680,51 @@ QORRdbms& QORRdbms::instance() {
 
 namespace {
 
-/// Opens the first connection and makes sure that there is a database behind it.
-std::unique_ptr<ASSession> openFirst(Settings& settings, OdbcConnectionString& string) {
+bool isOnReadOnlyFileSystem(const std::string& file) {
+    struct statvfs info {};
+    return ::statvfs(file.c_str(), &info) == 0 && (info.f_flag & ST_RDONLY) != 0;
+}
+
+/// The name of a file that the engine reads without locks and without looking for a log.
+std::string immutableName(const std::string& file) {
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string name = "file:";
+    for (const unsigned char c : std::filesystem::absolute(file).string()) {
+        if (std::isalnum(c) != 0 || c == '/' || c == '.' || c == '-' || c == '_') {
+            name += static_cast<char>(c);
+        } else {
+            name += {'%', digits[c >> 4], digits[c & 15]};
+        }
+    }
+    return name + "?immutable=1";
+}
+
+// A database with a log keeps an index of it in a file of its own, for which there is no place here. A log that is
+// there would have to be read; without one nothing is missing, and nobody writes to a file system for reading only.
+bool mayBeImmutable(const Settings& settings) {
+    return settings.options.readOnly && isOnReadOnlyFileSystem(settings.database) &&
+           ASFileIdentity::of(settings.database + "-wal").size == 0;
+}
+
+std::string adviceFor(const Settings& settings) {
+    if (!settings.options.readOnly || isInMemory(settings.database)) return {};
+    const bool log = ASFileIdentity::of(settings.database + "-wal").size > 0;
+    if (log && isOnReadOnlyFileSystem(settings.database)) {
+        return ": its log \"" + settings.database +
+               "-wal\" holds changes, and cannot be read on a file system for reading only; copy both files to where "
+               "they "
+               "may be written to, or open the database there once for writing";
+    }
+    const auto folder = std::filesystem::absolute(settings.database).parent_path();
+    if (::access(folder.c_str(), W_OK) == 0) return {};
+    return ": a database with a log is read only where its folder \"" + folder.string() +
+           "\" may be written to, or while another program has it open";
+}
+
+/// Opens a connection and makes sure that there is a database behind it.
+std::unique_ptr<ASSession> openAndProbe(Settings& settings, OdbcConnectionString& string) {
     const auto attempt = [&](bool sqlite) {
-        if (sqlite) addSqliteDefaults(string, settings.options);
+        if (sqlite) addSqliteDefaults(string, settings);
         settings.source.string = string.text();
         settings.source.queryOnly = sqlite && settings.options.readOnly;
         return open(settings);
@@ -475,6 +738,20 @@ std::unique_ptr<ASSession> openFirst(Settings& settings, OdbcConnectionString& s
         throw cannotOpen(settings, error);
     }
     return first;
+}
+
+std::unique_ptr<ASSession> openFirst(Settings& settings, OdbcConnectionString& string) {
+    try {
+        return openAndProbe(settings, string);
+    } catch (const AException& error) {
+        if (!mayBeImmutable(settings)) {
+            throw AException(error.text() + adviceFor(settings), error.sqlState(), error.nativeCode(),
+                             error.statement());
+        }
+    }
+    settings.immutable = true;
+    string.set("Database", immutableName(settings.database));
+    return openAndProbe(settings, string);
 }
 
 // From now on a missing file is an error, not a reason to begin anew.
@@ -508,9 +785,16 @@ void QORRdbms::configure(const ASDatabaseOptions& options) {
     } else if (settings.engine == ASEngine::SQLite) {
         settleSqliteFile(settings, string);
         first->impl().source = settings.source;
-        first->impl().file = ASFileIdentity::of(settings.file);
+        settings.identity = ASFileIdentity::of(settings.file);
     }
     m_impl->replace(std::move(settings), std::move(first));
+}
+
+void QORRdbms::expect(std::string select, std::string value) {
+    const std::lock_guard lock(m_impl->mutex);
+    if (!m_impl->settings) return;
+    m_impl->expectation = std::make_shared<const Impl::Expectation>(
+        Impl::Expectation{std::move(select), std::move(value), m_impl->settings->generation});
 }
 
 const ASDatabaseOptions& QORRdbms::options() const {
@@ -541,13 +825,14 @@ void QORRdbms::shutdown() {
     m_impl->settings.reset();
 }
 
-// With its memory statistics on, SQLite takes one lock of the whole process at every allocation. A connection is
-// never used by two threads at once here, so it needs no lock of its own either.
+std::size_t QORRdbms::waitingWriters() const {
+    return m_impl->writers.waiting();
+}
+
 void QORRdbms::prepareProcess() {
     static std::once_flag once;
     std::call_once(once, [] {
-        sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
-        sqlite3_config(SQLITE_CONFIG_MULTITHREAD);
+        prepareSqlite();
         prepareSqliteTriggers();
     });
 }
@@ -555,21 +840,62 @@ void QORRdbms::prepareProcess() {
 // --- transactions ----------------------------------------------------------------------------------------------
 
 struct QORRdbmsTran::Impl {
+    ASWriterQueue::Turn turn;
     std::unique_ptr<ASSession> session;
     bool active = false;
+    bool writes = false;
 };
+
+namespace {
+
+// A request waits for another program's lock as long as it may go on, and every now and then it is told that it does.
+void beginWriting(ASSession& session) {
+    constexpr int locked = 5;
+    const QORRequestControl* const control = QORRequestControl::current();
+    const bool bounded = control != nullptr && control->deadline() != QORRequestControl::Clock::time_point::max();
+    for (;;) {
+        try {
+            session.execute(session.impl().dialect->beginWrite);
+            return;
+        } catch (const AException& error) {
+            if (!bounded || error.nativeCode() != locked) throw;
+        }
+    }
+}
+
+// The engine's own bound, where it has one, for what no handler can end.
+void boundStatements(ASSession& session) {
+    const char* const begins = session.impl().dialect->statementTimeout;
+    const QORRequestControl* const control = QORRequestControl::current();
+    if (*begins == '\0' || control == nullptr) return;
+    const bool bounded = control->deadline() != QORRequestControl::Clock::time_point::max();
+    const auto left = control->deadline() - QORRequestControl::Clock::now();
+    const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
+    session.execute(begins + std::to_string(bounded ? std::clamp<std::int64_t>(milliseconds, 1, 1 << 30) : 0));
+}
+
+}  // namespace
 
 QORRdbmsTran::QORRdbmsTran(ASAccess access) : m_impl(std::make_unique<Impl>()) {
     auto& pool = *QORRdbms::instance().m_impl;
+    m_impl->writes = access == ASAccess::Write;
+    if (m_impl->writes) {
+        m_impl->turn = pool.takeTurn();
+        pool.mayWrite();
+    }
     m_impl->session = pool.acquire();
     m_session = m_impl->session.get();
     countHeld(true);
     m_session->impl().inTransaction = access != ASAccess::ReadOne;
-    if (access == ASAccess::ReadOne) return;
-    const ASDialect& dialect = *m_session->impl().dialect;
     try {
+        boundStatements(*m_session);
+        if (access == ASAccess::ReadOne) return;
         if (access == ASAccess::ReadLong && m_session->impl().beginLong()) return;
-        m_session->execute(access == ASAccess::Write ? dialect.beginWrite : dialect.beginRead);
+        if (m_impl->writes) {
+            beginWriting(*m_session);
+        } else {
+            m_session->execute(m_session->impl().dialect->beginRead);
+        }
     } catch (...) {
         countHeld(false);
         pool.release(std::move(m_impl->session));
@@ -579,10 +905,11 @@ QORRdbmsTran::QORRdbmsTran(ASAccess access) : m_impl(std::make_unique<Impl>()) {
 }
 
 QORRdbmsTran::~QORRdbmsTran() {
+    const QORRequestScope unbounded(nullptr);  // what has ended has to be tidied up all the same
     auto& impl = m_session->impl();
     impl.tidy();
     impl.endLong();
-    if (m_impl->active) {
+    if (m_impl->active && impl.connection.isInTransaction()) {
         try {
             m_session->execute(impl.dialect->rollback);
         } catch (const std::exception&) {
@@ -595,8 +922,17 @@ QORRdbmsTran::~QORRdbmsTran() {
 
 void QORRdbmsTran::commit() {
     if (!m_impl->active) return;
-    m_session->execute(m_session->impl().dialect->commit);
+    auto& pool = *QORRdbms::instance().m_impl;
+    try {
+        m_session->execute(m_session->impl().dialect->commit);
+    } catch (const AException& error) {
+        if (m_impl->writes) pool.undo(*m_session, error);
+        throw;
+    }
     m_impl->active = false;
+    if (!m_impl->writes) return;
+    pool.wrote();
+    m_impl->turn = {};
 }
 
 }  // namespace QOR

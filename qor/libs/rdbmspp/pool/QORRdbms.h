@@ -16,11 +16,13 @@ namespace QOR {
 /// How to reach the database.
 struct ASDatabaseOptions {
     std::string connectionString;   ///< ODBC's, e.g. "Driver=SQLite3;Database=./agent.db"
-    bool readOnly = false;          ///< nothing is ever written, not even a missing database created
+    bool readOnly = false;          ///< nothing is ever written, not even a missing database created. On a file system
+                                    ///< that is mounted read-only, a file without a log beside it is taken for
+                                    ///< unchanging; it is refused as soon as it turns out to change
     unsigned idleConnections = 8;   ///< kept open when unused
     unsigned maxConnections = 64;   ///< in use at once; a request beyond waits. One that reads a long result of
                                     ///< SQLite without a transaction opens a second one beside its own
-    unsigned busyTimeoutMs = 5000;  ///< how long a locked database is waited for
+    unsigned busyTimeoutMs = 5000;  ///< how long a database that another program has locked is waited for
 };
 
 /// Which engine answers, as the dialect table knows it.
@@ -87,6 +89,14 @@ class QOR_API ASStatement {
 };
 
 /// The process's database. Thread-safe.
+///
+/// What a thread does for a request (QORRequestControl) ends with that request, be it waiting for a connection, for its
+/// turn to write or for another program's lock, running a statement or fetching: then a QORException errDeadline is
+/// thrown, whatever else the methods here and of sessions, statements and cursors are said to throw.
+///
+/// A file that is gone, empty or another one than at configure() is not opened: whoever replaces a database stops its
+/// programs first. A commit whose synchronisation fails is undone, as the caller is told; until that has succeeded and
+/// reached the disk nothing is written. What lasts of faults is in ASFaults.
 class QOR_API QORRdbms {
    public:
     static QORRdbms& instance();
@@ -98,6 +108,11 @@ class QOR_API QORRdbms {
     bool isConfigured() const;
     /// How many requests wait for a connection now.
     std::size_t waiting() const;
+    /// How many wait for their turn to write.
+    std::size_t waitingWriters() const;
+    /// From now on a connection counts as one to this database only when `select` answers `value`: a file that was
+    /// emptied or written over in place has the same name, and may well have the same tables.
+    void expect(std::string select, std::string value);
     /// Closes idle connections; those in use close when they come back.
     void shutdown();
 
@@ -118,11 +133,15 @@ enum class ASAccess {
     Read,      ///< several selects that see one state
     ReadLong,  ///< the same for cursors alone, of which one may have a result of any length: rows are read as they are
                ///< fetched, where the engine can. Plain statements of the session are outside of it
-    Write,     ///< takes the write lock at once
+    Write,     ///< takes the write lock at once. One writes at a time, the others wait in the order in which they came
 };
 
 /// A transaction on a pooled connection. Rolls back unless committed; ends with the object. A connection whose state
 /// is in doubt after a failure is closed, not returned.
+///
+/// Where another program holds the write lock, a writer that serves a request waits as long as the request may go on,
+/// another one for busyTimeoutMs. A writer that waits for its turn has no connection, and nobody who reads waits for
+/// it.
 class QOR_API QORRdbmsTran {
    public:
     explicit QORRdbmsTran(ASAccess access = ASAccess::Read);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "QORCommon/QORRequestControl.h"
 #include "QORPager/QORArg.h"
 
 namespace QOR {
@@ -81,8 +82,10 @@ int QOREnvPreFilter::evaluate(const QORPtr<const QOREnv>& env, bool& passed) {
 }
 
 int QOREnvPreFilter::run(const QOREnvList& list, QOREIDList& passing) {
+    QORRequestWatch watch;
     for (const auto& chunk : list.chunks()) {
         for (std::size_t at = 0; at < chunk->size(); ++at) {
+            watch.check();
             fetchAhead(*chunk, at);
             const QORPtr<const QOREnv>& env = (*chunk)[at];
             bool passed = false;

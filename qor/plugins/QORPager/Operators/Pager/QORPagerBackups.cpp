@@ -7,13 +7,14 @@
 
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORNulBytes.h"
+#include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORTime.h"
 #include "QORPager/Operators/Pager/QORBackup.h"
 #include "QORPager/Operators/Pager/QORFilterConstants.h"
 #include "QORPager/Operators/Pager/QORPagerErrors.h"
+#include "QORPager/Operators/Pager/QORRowSet.h"
 #include "QORPager/Operators/QORPagerOperator.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
-#include "QORPager/Operators/Pager/QORRowSet.h"
 #include "rdbmspp/engine/AException.h"
 
 namespace QOR {
@@ -128,8 +129,11 @@ void QORPagerOperatorPrototype::selectBackups(QORMessageIterator& response) {
     const QORFilterConstants filter(&*m_evaluator);
     BackupQuery query(filter);
     query.fetch();
-    for (const QORBackup& backup : query.backups())
+    QORRequestWatch watch;
+    for (const QORBackup& backup : query.backups()) {
+        watch.check();
         writeBackUpInfoSqlRow(backup, rowSet);
+    }
     const auto count = static_cast<std::int64_t>(query.backups().size());
     if (m_statisticsWanted) rowSet.writeStatistics(count, count);
 }

@@ -5,12 +5,13 @@
 #include <limits>
 #include <utility>
 
+#include "QORCommon/QORRequestControl.h"
 #include "QORFunctionality/QORAccess.h"
 #include "QORPager/Operators/Pager/QORFilterConstants.h"
 #include "QORPager/Operators/Pager/QORPage.h"
 #include "QORPager/Operators/Pager/QORPagerErrors.h"
-#include "QORPager/Operators/QORPagerOperator.h"
 #include "QORPager/Operators/Pager/QORRowSet.h"
+#include "QORPager/Operators/QORPagerOperator.h"
 #include "QORPager/QORArg.h"
 
 namespace QOR {
@@ -62,6 +63,7 @@ bool reaches(QORLogResult<Record>& records, std::int64_t index) {
     try {
         return records.reaches(static_cast<std::size_t>(index));
     } catch (const std::exception& exception) {
+        QORRequestControl::checkCurrent();
         throw LogRefusal(exception.what());
     }
 }
@@ -97,6 +99,7 @@ std::int64_t QORPagerOperatorPrototype::fetchOplog(const QOREnvSelection& envs, 
     QOROpLogAgent agent;
     QOROpLogResult records;
     if (agent.getOps(records, envs, m_access, "", "", 0, 0, everyRecord, from, to) != 0) {
+        QORRequestControl::checkCurrent();
         throw LogRefusal(getErrorMessage());
     }
     const std::int64_t written = writePage(records, parseOpLogSqlRow, m_limitSize, m_limitOffset, rowSet);
@@ -109,6 +112,7 @@ std::int64_t QORPagerOperatorPrototype::fetchEvents(const QOREnvSelection& envs,
     QOREventLogAgent agent;
     QOREventLogResult records;
     if (agent.getEvents(records, envs, 0, everyRecord, m_access, category, 0, from, to) != 0) {
+        QORRequestControl::checkCurrent();
         throw LogRefusal(getErrorMessage());
     }
     const std::int64_t written = writePage(records, parseEventsLogSqlRow, m_limitSize, m_limitOffset, rowSet);

@@ -5,15 +5,16 @@
 #include <utility>
 
 #include "QORCommon/QORNulBytes.h"
+#include "QORCommon/QORRequestControl.h"
 #include "QORFunctionality/QORAccess.h"
 #include "QORMessage/QORMessageIterator.h"
-#include "QORPager/QORDateTimeRewrite.h"
 #include "QORPager/Operators/Pager/QOREnvPreFilter.h"
-#include "QORPager/QORFilterNames.h"
 #include "QORPager/Operators/Pager/QORPagerErrors.h"
-#include "QORPager/Operators/QORPagerOperator.h"
 #include "QORPager/Operators/Pager/QORRowSet.h"
+#include "QORPager/Operators/QORPagerOperator.h"
 #include "QORPager/QORArg.h"
+#include "QORPager/QORDateTimeRewrite.h"
+#include "QORPager/QORFilterNames.h"
 
 namespace QOR {
 
@@ -55,7 +56,9 @@ void QORPagerOperatorPrototype::select(QORMessageIterator* request, QORMessageIt
         response->removeChildren(tag::rowSet);
         addError(response, QORErrors, errFailure, exception.what());
     } catch (const std::exception& exception) {
-        addError(response, QORErrors, errFailure, exception.what());
+        const QORRequestControl* const control = QORRequestControl::current();
+        const bool ended = control != nullptr && control->expired();
+        addError(response, QORErrors, ended ? errDeadline : errFailure, exception.what());
     }
 }
 

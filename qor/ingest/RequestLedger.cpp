@@ -1,0 +1,122 @@
+#include "ingest/RequestLedger.h"
+
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <chrono>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORText.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* sourcePath = "qor/ingest/RequestLedger";
+constexpr std::int64_t keptSeconds = 24 * 60 * 60;
+constexpr std::int64_t keptRequests = 10'000;
+
+std::int64_t now() {
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+/// `{"counts":[[added,replaced,unchanged],...],"refused":n,"lines":[[line,"reason"],...]}`
+std::string textOf(const QORIngestResult& result) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
+    json.StartObject();
+    json.Key("counts");
+    json.StartArray();
+    for (const QORIngestCounts& counts : result.counts) {
+        json.StartArray();
+        for (const std::uint64_t number : {counts.added, counts.replaced, counts.unchanged})
+            json.Uint64(number);
+        json.EndArray();
+    }
+    json.EndArray();
+    json.Key("refused");
+    json.Uint64(result.refused);
+    json.Key("lines");
+    json.StartArray();
+    for (const QORRefusedLine& refused : result.refusedLines) {
+        json.StartArray();
+        json.Uint64(refused.line);
+        json.String(refused.reason.data(), static_cast<rapidjson::SizeType>(refused.reason.size()));
+        json.EndArray();
+    }
+    json.EndArray();
+    json.EndObject();
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
+/// What textOf() wrote; anything else is somebody else's doing.
+QORIngestResult resultOf(std::string_view text, const std::string& key) {
+    rapidjson::Document document;
+    document.Parse(text.data(), text.size());
+    const bool readable = !document.HasParseError() && document.IsObject() && document.HasMember("counts") &&
+                          document["counts"].IsArray() && document["counts"].Size() == recordKindCount &&
+                          document.HasMember("refused") && document["refused"].IsUint64() &&
+                          document.HasMember("lines") && document["lines"].IsArray();
+    if (!readable) {
+        throw QORException(errFailure, "what is stored of the request " + quoteText(key) + " cannot be read",
+                           sourcePath);
+    }
+    QORIngestResult result;
+    const auto number = [](const rapidjson::Value& value) { return value.IsUint64() ? value.GetUint64() : 0; };
+    for (rapidjson::SizeType kind = 0; kind < recordKindCount; ++kind) {
+        const rapidjson::Value& counts = document["counts"][kind];
+        if (!counts.IsArray() || counts.Size() != 3) continue;
+        result.counts[kind] = {number(counts[0]), number(counts[1]), number(counts[2])};
+    }
+    result.refused = document["refused"].GetUint64();
+    for (const rapidjson::Value& line : document["lines"].GetArray()) {
+        if (!line.IsArray() || line.Size() != 2 || !line[1].IsString()) continue;
+        result.refusedLines.push_back({number(line[0]), std::string(line[1].GetString(), line[1].GetStringLength())});
+    }
+    return result;
+}
+
+}  // namespace
+
+std::optional<QORIngestResult> RequestLedger::find(ASSession& session) const {
+    ASStatement& select = session.prepare("SELECT digest, last_line, result FROM qor_request WHERE key = ?");
+    select.bind(1, std::string_view(m_request.key)).execute();
+    if (!select.fetch()) {
+        select.close();
+        return std::nullopt;
+    }
+    const bool same = select.text(1) == m_request.digest;
+    const auto lastLine = static_cast<std::uint64_t>(select.integer(2));
+    const std::string text(select.text(3));
+    select.close();
+    if (!same) {
+        throw QORException(
+            errOtherContent,
+            "the Idempotency-Key " + quoteText(m_request.key) + " belongs to a request with another content",
+            sourcePath);
+    }
+    QORIngestResult result = resultOf(text, m_request.key);
+    result.lastLine = lastLine;
+    return result;
+}
+
+void RequestLedger::put(ASSession& session, const QORIngestResult& result, bool isNew) const {
+    ASStatement& store = session.prepare(
+        isNew ? "INSERT INTO qor_request (last_line, result, time, digest, key) VALUES (?, ?, ?, ?, ?)"
+              : "UPDATE qor_request SET last_line = ?, result = ?, time = ? WHERE digest = ? AND key = ?");
+    const std::string text = textOf(result);
+    store.bind(1, static_cast<std::int64_t>(result.lastLine))
+        .bind(2, std::string_view(text))
+        .bind(3, now())
+        .bind(4, std::string_view(m_request.digest))
+        .bind(5, std::string_view(m_request.key))
+        .execute();
+    if (!isNew) return;
+    session.prepare("DELETE FROM qor_request WHERE time < ?").bind(1, now() - keptSeconds).execute();
+    session.prepare("DELETE FROM qor_request WHERE rowid <= (SELECT max(rowid) FROM qor_request) - ?")
+        .bind(1, keptRequests)
+        .execute();
+}
+
+}  // namespace QOR

@@ -1,0 +1,143 @@
+#include "rdbmspp/engine/SqliteEngine.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <mutex>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "QORCommon/QORRequestControl.h"
+#include "rdbmspp/engine/SqliteLike.h"
+
+namespace QOR {
+
+namespace {
+
+// Steps of the engine's machine between two looks at the clock: some microseconds, of which the look is less than one
+// in a hundred.
+constexpr int stepsBetweenLooks = 500;
+
+constexpr auto shortestPause = std::chrono::microseconds(200);
+constexpr auto longestPause = std::chrono::milliseconds(20);
+
+thread_local SqliteOpening* openingOfThread = nullptr;
+thread_local SqliteComplaint complaintOfThread;
+
+int endsRequest(void*) {
+    const QORRequestControl* const control = QORRequestControl::current();
+    return control != nullptr && control->expired() ? 1 : 0;
+}
+
+int waitsForLock(void* wait, int) {
+    return static_cast<SqliteWait*>(wait)->turn() ? 1 : 0;
+}
+
+// "os_unix.c:41234: (28) write(/var/lib/qor/agent.db-wal) - No space left on device"
+int systemErrorIn(std::string_view text) {
+    const auto open = text.find(": (");
+    int number = 0;
+    if (!text.starts_with("os_") || open == std::string_view::npos) return 0;
+    std::from_chars(text.data() + open + 3, text.data() + text.size(), number);
+    return number;
+}
+
+void takeNote(void*, int code, const char* message) {
+    const int primary = code & 0xff;
+    if (primary != SQLITE_IOERR && primary != SQLITE_FULL) return;
+    try {
+        const std::string_view text = message ? message : "";
+        const int systemError = systemErrorIn(text);
+        // What failed is told first; that a statement was given up for it comes after.
+        if (complaintOfThread.code != 0 && systemError == 0) return;
+        complaintOfThread = {code, systemError, std::string(text)};
+    } catch (const std::exception&) {
+        complaintOfThread.code = code;
+    }
+}
+
+}  // namespace
+
+/// What the engine calls back with its own types.
+struct SqliteHooks {
+    static int opened(sqlite3* connection, const char**, const void*) {
+        sqlite3_progress_handler(connection, stepsBetweenLooks, &endsRequest, nullptr);
+        replaceSqliteLike(*connection);
+        if (openingOfThread != nullptr) openingOfThread->m_opened = connection;
+        return SQLITE_OK;
+    }
+};
+
+namespace {
+
+// Each connection of the process is seen, whoever opens it. Registering it twice changes nothing.
+void watchConnections() {
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(&SqliteHooks::opened));
+}
+
+}  // namespace
+
+void prepareSqlite() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+        sqlite3_config(SQLITE_CONFIG_MULTITHREAD);
+        sqlite3_config(SQLITE_CONFIG_URI, 1);
+        sqlite3_config(SQLITE_CONFIG_LOG, &takeNote, nullptr);
+        watchConnections();
+    });
+}
+
+bool SqliteComplaint::isSynchronisation() const noexcept {
+    return code == SQLITE_IOERR_FSYNC || code == SQLITE_IOERR_DIR_FSYNC;
+}
+
+bool SqliteComplaint::isFull() const noexcept {
+    return (code & 0xff) == SQLITE_FULL || systemError == ENOSPC || systemError == EFBIG || systemError == EDQUOT;
+}
+
+bool SqliteComplaint::isReading() const noexcept {
+    return code == SQLITE_IOERR_READ || code == SQLITE_IOERR_SHORT_READ;
+}
+
+SqliteComplaint takeSqliteComplaint() noexcept {
+    return std::exchange(complaintOfThread, {});
+}
+
+bool SqliteWait::turn() noexcept {
+    const auto now = std::chrono::steady_clock::now();
+    if (!std::exchange(m_waiting, true)) {
+        m_since = now;
+        m_turns = 0;
+    }
+    const auto left = m_since + m_patience - now;
+    const QORRequestControl* const control = QORRequestControl::current();
+    if (left <= left.zero() || (control != nullptr && control->expired())) return false;
+    const auto pause =
+        std::min<std::chrono::nanoseconds>(shortestPause * (1U << std::min(m_turns++, 10U)), longestPause);
+    std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(pause, left));
+    return true;
+}
+
+// A program that has prepared nothing has its connections watched all the same.
+SqliteOpening::SqliteOpening() noexcept : m_outer(std::exchange(openingOfThread, this)) {
+    watchConnections();
+}
+
+SqliteOpening::~SqliteOpening() {
+    openingOfThread = m_outer;
+}
+
+void setSqliteWait(sqlite3& connection, SqliteWait& wait) noexcept {
+    sqlite3_busy_handler(&connection, &waitsForLock, &wait);
+}
+
+bool isInSqliteTransaction(sqlite3& connection) noexcept {
+    return sqlite3_get_autocommit(&connection) == 0;
+}
+
+}  // namespace QOR

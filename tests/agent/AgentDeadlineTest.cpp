@@ -1,0 +1,156 @@
+// Requests that would take for ever: they end at their deadline, or when nobody waits for them, and the agent goes on.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QORMessage/QORNotation.h"
+#include "rdbmspp/pool/QORRdbms.h"
+#include "support/AgentProcess.h"
+#include "support/HttpClient.h"
+
+namespace QOR {
+namespace {
+
+using test::AgentProcess;
+using test::AgentSettings;
+using test::HttpClient;
+using testing::HasSubstr;
+
+QORResponse::Error errorOf(const std::string& text) {
+    return readResponse(text).error.value_or(QORResponse::Error{0, "no error"});
+}
+
+/// A request to "pager2" for a view's column.
+std::string select(const std::string& view, const std::string& more = {}) {
+    return R"({"operator":"pager2","request":"select","body":[1740,[[1009,")" + view +
+           R"("],[1741,"i"],[1377,[[1024,"1"]]])" + more + "]]}";
+}
+const std::string inVain = select("vain", R"(,[2404,"200"])");
+const std::string small = R"({"response":[[1744,[[1026,"i"],[1739,[[1018,"1"]]]]]]})";
+
+class EndlessViews : public testing::Test {
+protected:
+    static AgentSettings settings(const std::string& path, std::vector<std::string> more = {}) {
+        QORRdbms::instance().configure({"Driver=SQLite3;Database=" + path});
+        {
+            QORRdbmsTran transaction(ASAccess::Write);
+            transaction->execute("CREATE TABLE n (i INT)");
+            transaction->execute(
+                "INSERT INTO n WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c WHERE i < 3000) "
+                "SELECT i FROM c");
+            transaction->execute("CREATE VIEW small AS SELECT i FROM n");
+            transaction->execute(
+                "CREATE VIEW vain AS SELECT a.i FROM n a, n b, n c, n d WHERE a.i + b.i + c.i + d.i < 0");
+            transaction.commit();
+        }
+        QORRdbms::instance().shutdown();
+        AgentSettings settings;
+        settings.database = "Driver=SQLite3;Database=" + path;
+        settings.more = std::move(more);
+        settings.more.push_back("--read-only");
+        return settings;
+    }
+
+    test::TemporaryDirectory folder;
+    std::string database = (folder / "foreign.db").string();
+};
+
+TEST_F(EndlessViews, ARequestEndsAtTheDeadlineThatItNames) {
+    const AgentProcess agent(settings(database));
+    HttpClient client(agent.socketPath());
+    for (int round = 0; round < 3; ++round) {
+        const auto error = errorOf(client.message(inVain));
+        EXPECT_EQ(error.code, 408);
+        EXPECT_EQ(error.message, "the request's deadline of 200 ms has passed");
+        EXPECT_EQ(client.message(select("small")), small);
+    }
+}
+
+TEST_F(EndlessViews, ADeadlineThatIsKeptChangesNothing) {
+    const AgentProcess agent(settings(database));
+    HttpClient client(agent.socketPath());
+    EXPECT_EQ(client.message(select("small", R"(,[2404,"60000"])")), small);
+    EXPECT_EQ(client.message(select("small", R"(,["deadline","9223372036854775807"])")), small);
+}
+
+TEST_F(EndlessViews, ADeadlineIsANumberOfMilliseconds) {
+    const AgentProcess agent(settings(database));
+    HttpClient client(agent.socketPath());
+    for (const char* text : {"0", "-1", "soon", "1.5", "", "9223372036854775808"}) {
+        const auto error = errorOf(client.message(select("small", std::string(R"(,[2404,")") + text + "\"]")));
+        EXPECT_EQ(error.code, 400) << text;
+        EXPECT_EQ(error.message, "deadline: \"" + std::string(text) + "\" is no number of milliseconds above 0");
+    }
+    EXPECT_EQ(errorOf(client.message(select("small", ",[2404]"))).code, 400);
+}
+
+TEST_F(EndlessViews, EveryRequestHasTheAgentsDeadline) {
+    const AgentProcess agent(settings(database, {"--deadline", "1"}));
+    HttpClient client(agent.socketPath());
+    for (const std::string& request : {select("vain"), select("vain", R"(,[2404,"3600000"])")})
+        EXPECT_EQ(errorOf(client.message(request)).message, "the request's deadline of 1 s has passed");
+    EXPECT_EQ(client.message(select("small")), small);
+}
+
+TEST_F(EndlessViews, ManyOfThemKeepNobodyOutForGood) {
+    const AgentProcess agent(settings(database, {"--deadline", "1", "--threads", "2"}));
+    std::vector<HttpClient> endless;
+    for (int number = 0; number < 6; ++number) {
+        endless.emplace_back(agent.socketPath());
+        endless.back().send(HttpClient::compose("POST", "/v1/messages", select("vain")));
+    }
+    for (HttpClient& client : endless)
+        client.receive();
+    EXPECT_EQ(HttpClient(agent.socketPath()).message(select("small")), small);
+}
+
+TEST(AgentDeadline, AFilterOverManyEnvironmentsEnds) {
+    AgentProcess agent;
+    HttpClient client(agent.socketPath());
+    std::string records;
+    for (int number = 0; number < 4000; ++number) {
+        const std::string digits = std::to_string(100000 + number);
+        records += R"({"kind":"environment","eid":"00000000-0000-0000-0000-000000)" + digits + R"(","title":"e)" +
+                   digits + "\"}\n";
+    }
+    ASSERT_THAT(client.post("/v1/records", records).body, HasSubstr(R"("accepted":4000)"));
+    std::string filter = "pager.event_log.category='env_status' and (pager.env.title = 'none'";
+    for (int number = 0; number < 20000; ++number)
+        filter += " or pager.env.title = 'none'";
+    const std::string request =
+        R"({"operator":"pager","request":"select","body":[1740,[[1741,"pager.event_log.source"],)"
+        R"([1742,")" +
+        filter + R"x()"],[2404,"400"]]]})x";
+    const auto error = errorOf(client.message(request));
+    EXPECT_EQ(error.code, 408);
+    EXPECT_EQ(error.message, "the request's deadline of 400 ms has passed");
+    EXPECT_THAT(client.get("/v1/health").body, HasSubstr(R"("status":"ok")"));
+}
+
+TEST(AgentDeadline, AClientThatWaitsForALockIsToldSoAndReadersGoOn) {
+    AgentProcess agent({.more = {"--deadline", "2"}});
+    const std::string event = R"({"kind":"event","time":1,"category":"env_status"})"
+                              "\n";
+    ASSERT_THAT(HttpClient(agent.socketPath()).post("/v1/records", event).body, HasSubstr(R"("accepted":1)"));
+    QORRdbms::instance().configure({agent.connectionString()});
+    {
+        QORRdbmsTran lock(ASAccess::Write);
+        HttpClient writer(agent.socketPath());
+        writer.send(HttpClient::compose("POST", "/v1/records", event));
+        HttpClient reader(agent.socketPath());
+        EXPECT_THAT(reader.message(R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],)"
+                                   R"([1741,"category"]]]})"),
+                    HasSubstr("env_status"));
+        EXPECT_THAT(writer.receive().body, testing::AllOf(HasSubstr("the request's deadline of 2 s has passed"),
+                                                          HasSubstr("database is locked")));
+    }
+    QORRdbms::instance().shutdown();
+    EXPECT_THAT(HttpClient(agent.socketPath()).post("/v1/records", event).body, HasSubstr(R"("accepted":1)"));
+}
+
+}  // namespace
+}  // namespace QOR

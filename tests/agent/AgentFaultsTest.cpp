@@ -1,0 +1,347 @@
+// The agent on a database that fails: what it answers, what it says in its log and in its health, and what is there
+// when the fault has ended.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sqlite3.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "rdbmspp/pool/QORRdbms.h"
+#include "support/AgentProcess.h"
+#include "support/HttpClient.h"
+
+namespace QOR {
+namespace {
+
+using test::AgentProcess;
+using test::AgentSettings;
+using test::HttpClient;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+std::string event(const std::string& source) {
+    return R"({"kind":"event","time":1,"category":"env_status","source":")" + source + "\"}\n";
+}
+
+/// The engine itself, beside the agent.
+class Engine {
+public:
+    explicit Engine(const std::filesystem::path& file) {
+        if (sqlite3_open(file.c_str(), &m_db) != SQLITE_OK) throw std::runtime_error("sqlite3_open");
+    }
+    ~Engine() { sqlite3_close(m_db); }
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    void run(const std::string& sql) {
+        if (sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+            throw std::runtime_error(sqlite3_errmsg(m_db));
+        }
+    }
+    /// The sources of all events, one behind the other.
+    std::string events() {
+        std::string all;
+        sqlite3_stmt* statement = nullptr;
+        sqlite3_prepare_v2(m_db, "SELECT source FROM qor_event ORDER BY seq", -1, &statement, nullptr);
+        while (sqlite3_step(statement) == SQLITE_ROW)
+            all +=
+                std::string(all.empty() ? "" : " ") + reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
+        sqlite3_finalize(statement);
+        return all;
+    }
+
+private:
+    sqlite3* m_db = nullptr;
+};
+
+std::size_t occurrences(const std::string& text, const std::string& part) {
+    std::size_t number = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++number;
+    return number;
+}
+
+/// An agent whose disk fails when it is told to.
+class FailingDisk : public testing::Test {
+protected:
+    void SetUp() override {
+        ::setenv("QOR_FAILING_DISK", control.c_str(), 1);
+        ::setenv("LD_PRELOAD", QOR_FAILING_DISK_LIBRARY, 1);
+        ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+        agent.emplace();
+        ::unsetenv("LD_PRELOAD");
+        EXPECT_THAT(send("before"), HasSubstr(R"("accepted":1)"));
+    }
+
+    /// \param ending of the files that are concerned: "-wal" or ""
+    void fail(const std::string& how, const std::string& ending = "-wal") const {
+        const std::string next = control.string() + ".next";
+        std::ofstream(next) << how << '\n' << agent->databasePath().string() << ending << '\n';
+        std::filesystem::rename(next, control);
+    }
+    void work() const { std::filesystem::remove(control); }
+
+    std::string send(const std::string& source) const {
+        return HttpClient(agent->socketPath()).post("/v1/records", event(source)).body;
+    }
+    /// Sends until it is taken: attempts to write again are some time apart.
+    void sendUntilTaken(const std::string& source) const {
+        while (send(source).find(R"("accepted":1)") == std::string::npos)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    std::string health() const { return HttpClient(agent->socketPath()).get("/v1/health").body; }
+    std::string read() const {
+        return HttpClient(agent->socketPath())
+            .message(R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],[1741,"source"]]]})");
+    }
+
+    test::TemporaryDirectory folder;
+    std::filesystem::path control = folder / "fault";
+    std::optional<AgentProcess> agent;
+};
+
+TEST_F(FailingDisk, WhatCouldNotBeSynchronisedIsNotThereAfterACrash) {
+    fail("sync");
+    EXPECT_THAT(send("lost"), AllOf(HasSubstr(R"("accepted":0)"), HasSubstr("disk I/O error")));
+    EXPECT_THAT(health(), AllOf(HasSubstr(R"("status":"failing")"), HasSubstr("synchronisation")));
+    EXPECT_THAT(send("refused"), AllOf(HasSubstr(R"("accepted":0)"), HasSubstr("nothing is stored until")));
+    EXPECT_THAT(read(), AllOf(HasSubstr("before"), Not(HasSubstr("lost"))));
+    agent->kill();
+    work();
+    EXPECT_EQ(Engine(agent->databasePath()).events(), "before");
+}
+
+TEST_F(FailingDisk, WhatCouldNotBeSynchronisedIsNotThereWhenTheDiskWorksAgain) {
+    fail("sync");
+    EXPECT_THAT(send("lost"), HasSubstr(R"("accepted":0)"));
+    EXPECT_THAT(agent->log(), HasSubstr("Input/output error"));
+    work();
+    sendUntilTaken("after");
+    EXPECT_THAT(health(), HasSubstr(R"("status":"ok")"));
+    EXPECT_THAT(agent->log(), HasSubstr("the database works again"));
+    agent->kill();
+    EXPECT_EQ(Engine(agent->databasePath()).events(), "before after");
+}
+
+TEST_F(FailingDisk, AFullDiskIsSaidOnceAndUntilAWriteSucceeds) {
+    fail("full");
+    for (int number = 0; number < 5; ++number)
+        EXPECT_THAT(send("lost"), AllOf(HasSubstr(R"("accepted":0)"), HasSubstr("database or disk is full")));
+    EXPECT_THAT(health(),
+                AllOf(HasSubstr(R"("status":"failing")"), HasSubstr(R"("fault":"full")"), HasSubstr(R"("count":5)")));
+    EXPECT_EQ(occurrences(agent->log(), "database or disk is full"), 1U);
+    EXPECT_THAT(read(), HasSubstr("before"));
+    EXPECT_THAT(health(), HasSubstr(R"("status":"failing")")) << "reading does not end it";
+    work();
+    sendUntilTaken("after");
+    EXPECT_THAT(health(), AllOf(HasSubstr(R"("status":"ok")"), HasSubstr(R"("faults":[])")));
+    EXPECT_THAT(agent->log(), HasSubstr("\"full\" has ended after 5 failures"));
+}
+
+TEST_F(FailingDisk, AFailingReadIsSaidUntilOneSucceeds) {
+    std::string many;  // more than a connection keeps in memory
+    for (int number = 0; number < 3000; ++number) {
+        many += R"({"kind":"event","time":1,"category":"env_status","info":{"text":")" + std::string(2000, 'x') +
+                "\"}}\n";
+    }
+    EXPECT_THAT(HttpClient(agent->socketPath()).post("/v1/records", many).body, HasSubstr(R"("accepted":3000)"));
+    fail("read", "");
+    EXPECT_THAT(HttpClient(agent->socketPath())
+                    .message(R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],)"
+                             R"([1741,"info"],[1742,[[2231,[[1741,"info"],[1018,"%none%"]]]]]]]})"),
+                HasSubstr("error"));
+    EXPECT_THAT(health(), HasSubstr(R"("status":"failing")"));
+    work();
+    EXPECT_THAT(read(), HasSubstr("before"));
+    EXPECT_THAT(health(), HasSubstr(R"("status":"ok")"));
+}
+
+TEST(AgentFaults, ALockThatIsKeptIsHeard) {
+    AgentProcess agent({.more = {"--deadline", "6"}});
+    HttpClient client(agent.socketPath());
+    {
+        Engine locker(agent.databasePath());
+        locker.run("BEGIN IMMEDIATE");
+        EXPECT_THAT(client.post("/v1/records", event("late")).body, HasSubstr("database is locked"));
+        EXPECT_THAT(client.get("/v1/health").body,
+                    AllOf(HasSubstr(R"("status":"failing")"), HasSubstr(R"("fault":"locked")")));
+        EXPECT_EQ(occurrences(agent.log(), "database is locked"), 1U);
+    }
+    EXPECT_THAT(client.post("/v1/records", event("after")).body, HasSubstr(R"("accepted":1)"));
+    EXPECT_THAT(client.get("/v1/health").body, HasSubstr(R"("status":"ok")"));
+}
+
+TEST(AgentFaults, ReadersAndHealthGoOnWhileAllWritersWait) {
+    AgentProcess agent;
+    Engine locker(agent.databasePath());
+    locker.run("BEGIN IMMEDIATE");
+    std::vector<HttpClient> writers;
+    for (int number = 0; number < 40; ++number) {
+        writers.emplace_back(agent.socketPath());
+        writers.back().send(HttpClient::compose("POST", "/v1/records", event("late")));
+    }
+    HttpClient reader(agent.socketPath());
+    for (int round = 0; round < 50; ++round) {
+        EXPECT_THAT(reader.get("/v1/health").body, HasSubstr("status"));
+        EXPECT_THAT(reader.get("/v1/views").body, HasSubstr("vEventLog"));
+        EXPECT_EQ(reader.get("/v1/nothing").status, 404);
+    }
+    locker.run("ROLLBACK");
+    for (HttpClient& writer : writers)
+        EXPECT_THAT(writer.receive().body, HasSubstr(R"("accepted":1)"));
+}
+
+class ChangedFile : public testing::Test {
+protected:
+    std::string ask() {
+        return HttpClient(agent.socketPath())
+            .message(R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],[1741,"source"]]]})");
+    }
+    std::string send() { return HttpClient(agent.socketPath()).post("/v1/records", event("new")).body; }
+    void expectRefused(const std::string& reason) {
+        EXPECT_THAT(ask(), HasSubstr(reason));
+        EXPECT_THAT(send(), AllOf(HasSubstr(R"("accepted":0)"), HasSubstr(reason)));
+        EXPECT_THAT(HttpClient(agent.socketPath()).get("/v1/health").body,
+                    AllOf(HasSubstr(R"("status":"failing")"), HasSubstr(R"("fault":"missing")"), HasSubstr(reason)));
+        EXPECT_THAT(agent.log(), HasSubstr(reason));
+    }
+
+    AgentProcess agent;
+};
+
+TEST_F(ChangedFile, AMissingOneIsNotBegunAnew) {
+    std::filesystem::rename(agent.databasePath(), agent.directory() / "away.db");
+    expectRefused("its file is gone");
+    EXPECT_FALSE(std::filesystem::exists(agent.databasePath()));
+    std::filesystem::rename(agent.directory() / "away.db", agent.databasePath());
+    EXPECT_THAT(send(), HasSubstr(R"("accepted":1)"));
+    EXPECT_THAT(HttpClient(agent.socketPath()).get("/v1/health").body, HasSubstr(R"("status":"ok")"));
+}
+
+TEST_F(ChangedFile, AnotherOneUnderItsNameIsRefused) {
+    {
+        const AgentProcess other;
+        EXPECT_EQ(HttpClient(other.socketPath()).get("/v1/health").status, 200);
+        std::filesystem::copy_file(other.databasePath(), agent.directory() / "other.db");
+    }
+    std::filesystem::rename(agent.directory() / "other.db", agent.databasePath());
+    expectRefused("its file was replaced by another one");
+}
+
+TEST_F(ChangedFile, AnEmptiedOneIsRefused) {
+    EXPECT_THAT(send(), HasSubstr(R"("accepted":1)"));
+    std::filesystem::resize_file(agent.databasePath(), 0);
+    expectRefused("its file was emptied");
+    EXPECT_EQ(std::filesystem::file_size(agent.databasePath()), 0U);
+}
+
+TEST(DatabaseLock, ASecondAgentOnTheSameDatabaseIsRefused) {
+    const AgentProcess first;
+    for (const char* detour : {"", "./"}) {
+        AgentSettings settings;
+        settings.database = "Driver=SQLite3;Database=" + first.directory().string() + "/" + detour + "agent.db";
+        try {
+            const AgentProcess second(settings);
+            ADD_FAILURE() << "it started";
+        } catch (const std::runtime_error& error) {
+            EXPECT_THAT(error.what(), AllOf(HasSubstr(first.databasePath().string()), HasSubstr("another agent"),
+                                            HasSubstr(std::to_string(first.pid()))));
+        }
+    }
+    AgentSettings reading;
+    reading.database = first.connectionString();
+    reading.more = {"--read-only"};
+    const AgentProcess beside(reading);
+    EXPECT_THAT(HttpClient(beside.socketPath()).get("/v1/health").body, HasSubstr(R"("status":"ok")"));
+}
+
+TEST(DatabaseLock, EndsWithItsHolder) {
+    AgentProcess agent;
+    agent.kill();
+    agent.start();
+    EXPECT_THAT(HttpClient(agent.socketPath()).post("/v1/records", event("new")).body, HasSubstr(R"("accepted":1)"));
+}
+
+/// A folder of its own file system, which this process and its children alone see.
+class OwnFileSystem {
+public:
+    OwnFileSystem() {
+        if (::unshare(CLONE_NEWNS) != 0) throw std::runtime_error("cannot have a file system of its own");
+        if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("tmpfs", m_folder.path().c_str(), "tmpfs", 0, nullptr) != 0) {
+            throw std::runtime_error("cannot mount");
+        }
+    }
+    ~OwnFileSystem() { ::umount2(m_folder.path().c_str(), MNT_DETACH); }
+    void makeReadOnly() const {
+        if (::mount("tmpfs", m_folder.path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+            throw std::runtime_error("cannot remount");
+        }
+    }
+    const std::filesystem::path& path() const { return m_folder.path(); }
+
+private:
+    test::TemporaryDirectory m_folder;
+};
+
+class ReadOnlyFileSystem : public testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "only root may mount";
+        disk.emplace();
+        settings.database = "Driver=SQLite3;Database=" + (disk->path() / "a b%c?.db").string();
+        const AgentProcess agent(settings);
+        EXPECT_THAT(HttpClient(agent.socketPath()).post("/v1/records", event("kept")).body,
+                    HasSubstr(R"("accepted":1)"));
+    }
+
+    std::optional<OwnFileSystem> disk;
+    AgentSettings settings;
+};
+
+TEST_F(ReadOnlyFileSystem, ADatabaseWithoutALogIsRead) {
+    disk->makeReadOnly();
+    settings.more = {"--read-only"};
+    const AgentProcess agent(settings);
+    HttpClient client(agent.socketPath());
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_THAT(
+            client.message(
+                R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],[1741,"source"]]]})"),
+            HasSubstr("kept"));
+    }
+    EXPECT_THAT(client.post("/v1/records", event("new")).body, HasSubstr(R"("accepted":0)"));
+    EXPECT_THAT(client.get("/v1/health").body, HasSubstr(R"("status":"ok")"));
+}
+
+TEST_F(ReadOnlyFileSystem, ALogThatCannotBeReadIsNamedWithWhatToDo) {
+    const std::string file = (disk->path() / "a b%c?.db").string();
+    {
+        Engine engine(file);
+        engine.run("UPDATE qor_event SET source = 'changed'");
+        std::filesystem::copy_file(file + "-wal", file + "-kept");
+    }
+    std::filesystem::rename(file + "-kept", file + "-wal");
+    disk->makeReadOnly();
+    settings.more = {"--read-only"};
+    try {
+        const AgentProcess agent(settings);
+        FAIL() << "it started without the changes";
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), AllOf(HasSubstr(file + "-wal"), HasSubstr("copy both files")));
+    }
+}
+
+}  // namespace
+}  // namespace QOR
