@@ -4,9 +4,11 @@ set(QOR_SDK_HEADERS
   QORCommon/QORExport.h
   QORCommon/QORGuid.h
   QORCommon/QORLogger.h
+  QORCommon/QORMemory.h
   QORCommon/QORNoDestructor.h
   QORCommon/QORNumbers.h
   QORCommon/QORReferenceCounter.h
+  QORCommon/QORRequestControl.h
   QORCommon/QORText.h
   QORCommon/QORTime.h
   QORDBSchema/QORDBSchema.h
@@ -23,9 +25,11 @@ set(QOR_SDK_HEADERS
   QORLibAgent/QORLogs.h
   QORLibAgent/QORSecurity.h
   QORLibLocal/QORVocabulary.h
+  QORMessage/QORAnswer.h
   QORMessage/QORBinaryIterator.h
   QORMessage/QORMessage.h
   QORMessage/QORMessageIterator.h
+  QORMessage/QORMessageNames.h
   QORMessage/QORMessageRead.h
   QORMessage/QORMessageStore.h
   QORMessage/QORNotation.h

@@ -105,8 +105,9 @@ TEST(AddError, WritesAtTheCursorAndLeavesItThere) {
 TEST(HostErrors, AreTheBareArgumentOrTheirOwnText) {
     EXPECT_STREQ(QORErrors.at(1), "%s");
     EXPECT_STREQ(QORErrors.at(400), "%s");
+    EXPECT_STREQ(QORErrors.at(408), "%s");
     EXPECT_STREQ(QORErrors.at(420), "environment cache is not available");
-    EXPECT_EQ(QORErrors.size(), 3U);
+    EXPECT_EQ(QORErrors.size(), 4U);
 }
 
 TEST(LocalAccess, IsMadeOnceAndDroppedByDisconnect) {
