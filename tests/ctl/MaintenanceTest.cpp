@@ -134,6 +134,26 @@ TEST_P(Maintenance, WhatCannotBeMeantIsRefused) {
 INSTANTIATE_TEST_SUITE_P(Ways, Maintenance, testing::Values(Way::Agent, Way::Standalone),
                          [](const auto& way) { return way.param == Way::Agent ? "Agent" : "Standalone"; });
 
+TEST(LongMaintenance, HasNoDeadlineWhileOtherRequestsHaveOne) {
+    AgentSettings settings;
+    settings.more = {"--deadline", "1"};
+    const AgentProcess agent(settings);
+    const Words where{"--socket", agent.socketPath()};
+    ASSERT_EQ(runCtl({"sample", "--operations", "10", where[0], where[1]}).status, 0);
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(agent.databasePath().c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    std::thread release([other] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+        sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+    });
+    const CtlResult pruned = runCtl({"prune", "--before", "2100-01-01", "--operations", where[0], where[1]});
+    release.join();
+    sqlite3_close(other);
+    EXPECT_EQ(pruned.status, 0) << pruned.err;
+    EXPECT_THAT(pruned.out, HasSubstr("operations: 10 removed"));
+}
+
 TEST(Retention, AnAgentKeepsAsMuchAsItIsTold) {
     const TemporaryDirectory directory;
     const std::filesystem::path file = directory / "agent.db";

@@ -10,6 +10,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
 #include "host/QORMaintenance.h"
 
@@ -47,6 +48,11 @@ std::int64_t secondsOf(const Parameters& parameters) {
     return *seconds;
 }
 
+/// A part of the work is one statement over the whole database, however large that is; it ends when its client goes.
+void takeAllTheTimeItNeeds() {
+    if (QORRequestControl* const control = QORRequestControl::current()) control->lift();
+}
+
 }  // namespace
 
 std::string runCheck(std::string_view query) {
@@ -56,6 +62,7 @@ std::string runCheck(std::string_view query) {
     const std::string wanted = mend == parameters.end() ? "0" : mend->second;
     if (wanted != "0" && wanted != "1")
         throw QORException(errBadRequest, "mend: " + quoteText(wanted) + " is neither 0 nor 1", sourcePath, __LINE__);
+    takeAllTheTimeItNeeds();
     const auto findings = checkDatabase(part == parameters.end() ? std::string() : part->second, wanted == "1");
     rapidjson::StringBuffer buffer;
     JsonWriter json(buffer);
@@ -80,6 +87,7 @@ std::string runPrune(std::string_view query) {
     const auto what = parameters.find("what");
     const std::string kind = what == parameters.end() ? std::string() : what->second;
     const bool ofRecords = kind == "operations" || kind == "events" || kind == "backups";
+    takeAllTheTimeItNeeds();
     const QORPruneStep step = pruneDatabase(kind, ofRecords ? secondsOf(parameters) : 0);
     rapidjson::StringBuffer buffer;
     JsonWriter json(buffer);

@@ -41,7 +41,12 @@ void QORRequestControl::limitTo(std::chrono::milliseconds limit) noexcept {
 }
 
 void QORRequestControl::renew() noexcept {
-    if (m_limit.count() > 0) m_renewed.store(readingAt(Clock::now(), m_limit), std::memory_order_relaxed);
+    Ticks end = m_renewed.load(std::memory_order_relaxed);
+    if (end != never) m_renewed.compare_exchange_strong(end, readingAt(Clock::now(), m_limit));
+}
+
+void QORRequestControl::lift() noexcept {
+    m_renewed.store(never, std::memory_order_relaxed);
 }
 
 void QORRequestControl::cancel(End reason) noexcept {

@@ -42,6 +42,9 @@ public:
     /// Gives the request its limit anew, from now on: for an answer that leaves piece by piece, whenever a piece was
     /// taken. What limitTo() has set stays.
     void renew() noexcept;
+    /// Takes the request's limit away, for good: for work of an administrator that takes as long as the database is
+    /// large. What limitTo() has set stays, and cancel() still ends it.
+    void lift() noexcept;
     /// Ends the request. \param reason not None
     void cancel(End reason) noexcept;
 

@@ -79,6 +79,17 @@ TEST(QORRequestControl, RenewingMovesTheLimitButNotWhatWasAskedFor) {
     EXPECT_EQ(asked.deadline(), fixed);
 }
 
+TEST(QORRequestControl, ALiftedLimitIsGoneForGoodButNotWhatWasAskedFor) {
+    QORRequestControl control(hours(1));
+    control.lift();
+    control.renew();
+    EXPECT_EQ(control.deadline(), QORRequestControl::Clock::time_point::max());
+    control.limitTo(hours(2));
+    EXPECT_LT(control.deadline(), QORRequestControl::Clock::time_point::max());
+    control.cancel(QORRequestControl::End::Gone);
+    EXPECT_EQ(control.ended(), QORRequestControl::End::Gone);
+}
+
 TEST(QORRequestControl, WhatHasEndedStaysEndedForItsFirstReason) {
     QORRequestControl control(milliseconds(1));
     waitForEnd(control);
