@@ -16,8 +16,12 @@ namespace {
 constexpr auto lookInterval = std::chrono::seconds(2);
 /// Growth since the start that is worth the giving back, which holds up allocations for some milliseconds.
 constexpr std::size_t worthwhile = std::size_t{8} << 20;
-/// Work that may have left something to give back.
-constexpr auto someWork = std::chrono::milliseconds(1);
+/// Work that may have left something to give back: one large buffer is freed in next to no time.
+constexpr auto someWork = std::chrono::microseconds(50);
+/// Buffers from this size on are the system's again as soon as they are freed. Left to itself, the C library raises the
+/// bound with what it sees freed, up to buffers of 32 MiB and 64 MiB kept at the end of the heap.
+constexpr int largeBuffer = 1 << 20;
+constexpr int keptAtEnd = 8 << 20;
 
 std::chrono::nanoseconds read(clockid_t clock) {
     timespec now{};
@@ -47,7 +51,11 @@ void watch(const std::stop_token& stop) {
 
 }  // namespace
 
-MemoryKeeper::MemoryKeeper() : m_thread(watch) {}
+MemoryKeeper::MemoryKeeper() {
+    ::mallopt(M_MMAP_THRESHOLD, largeBuffer);
+    ::mallopt(M_TRIM_THRESHOLD, keptAtEnd);
+    m_thread = std::jthread(watch);
+}
 
 MemoryKeeper::~MemoryKeeper() = default;
 
