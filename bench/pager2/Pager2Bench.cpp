@@ -36,7 +36,7 @@ std::string requestText(const Request& request) {
 
 /// One client, its requests already read into trees.
 class Client {
-   public:
+public:
     explicit Client(std::int32_t limit) : m_requests(5) {
         const auto factory = QOROpFactoryRegistry::instance().find("pager2");
         m_accesser = factory->newAccesser(factory->newOperator());
@@ -61,7 +61,7 @@ class Client {
         return static_cast<std::int64_t>((m_response.nodeCount() - 7) / 7);
     }
 
-   private:
+private:
     std::vector<QORMessage> m_requests;
     QORPtr<QORAccesserPrototype> m_accesser;
     QORClientContextPtr m_context;

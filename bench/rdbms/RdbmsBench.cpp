@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "rdbmspp/sql/ASCursor.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "rdbmspp/sql/ASCursor.h"
 #include "support/HostTable.h"
 
 namespace {

@@ -34,7 +34,7 @@ inline void check(bool holds, const char* what) {
 
 /// A database of `rows` rows of six short columns behind a view, made once for the process.
 class Data {
-   public:
+public:
     static const std::string& file(std::int64_t rows) {
         static Data data;
         auto& path = data.m_files[rows];
@@ -42,7 +42,7 @@ class Data {
         return path;
     }
 
-   private:
+private:
     Data() {
         std::string name = (std::filesystem::temp_directory_path() / "qor-bench-XXXXXX").string();
         check(mkdtemp(name.data()) != nullptr, "no temporary folder");
@@ -90,7 +90,7 @@ inline void configure(std::int64_t rows) {
 
 /// The same select by hand: prepared and bound once, rows fetched into buffers of the declared lengths.
 class ByHand {
-   public:
+public:
     ByHand(std::int64_t rows, bool paged) {
         SQLAllocHandle(SQL_HANDLE_ENV, SQL_NULL_HANDLE, &m_environment);
         SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, reinterpret_cast<SQLPOINTER>(SQL_OV_ODBC3), 0);
@@ -136,7 +136,7 @@ class ByHand {
         return rows;
     }
 
-   private:
+private:
     static SQLCHAR* chars(std::string& text) { return reinterpret_cast<SQLCHAR*>(text.data()); }
     static void succeed(SQLRETURN rc) { check(SQL_SUCCEEDED(rc), "ODBC failed"); }
     void bindNumber(SQLUSMALLINT index, std::int64_t& value) {

@@ -8,9 +8,10 @@
 namespace QOR {
 
 /// An allocator keeps what was freed, in case it is wanted again; after a storm of requests that may be most of the
-/// process. Large buffers go back as soon as they are freed. For the rest a thread of this object looks every two seconds
-/// whether the process is larger than it was and has worked, and has the allocator give back what is free. A process that
-/// is small or rests costs nothing but the look. One object a process: it sets the allocator's bounds, for good.
+/// process. Large buffers go back as soon as they are freed. For the rest a thread of this object looks every two
+/// seconds whether the process is larger than it was and has worked, and has the allocator give back what is free. A
+/// process that is small or rests costs nothing but the look. One object a process: it sets the allocator's bounds, for
+/// good.
 class MemoryKeeper {
 public:
     MemoryKeeper();

@@ -139,9 +139,9 @@ void declareRetention(CLI::App& app, QORRetentionOptions& keep) {
            "what is not older than this")
         ->type_name("AGE")
         ->group(group);
-    addNumber(app, "--keep-records", {0, mostNumber}, "so many of each of the two logs",
-              [&keep](std::uint64_t number) { keep.records = number; })
-        ->group(group);
+    addNumber(app, "--keep-records", {0, mostNumber}, "so many of each of the two logs", [&keep](std::uint64_t number) {
+        keep.records = number;
+    })->group(group);
     addNumber(app, "--keep-size", {0, mostNumber}, "what lets the database use so many bytes",
               [&keep](std::uint64_t number) { keep.bytes = number; })
         ->group(group);

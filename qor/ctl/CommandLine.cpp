@@ -35,9 +35,11 @@ constexpr const char* whereNote =
     "Sort keys apply in the order of their names.\n";
 
 constexpr const char* rowsNote =
-    "Logs come newest first and take these conditions: the time (<=, >=), the environment (...parameter.env.eid =), for\n"
+    "Logs come newest first and take these conditions: the time (<=, >=), the environment (...parameter.env.eid =), "
+    "for\n"
     "events the categories, written without blanks: pager.event_log.category='resource_alert' or ...='env_status'.\n"
-    "Backups are found by name, host name, veid, address or a span of time. Everything else has no effect; qorctl says\n"
+    "Backups are found by name, host name, veid, address or a span of time. Everything else has no effect; qorctl "
+    "says\n"
     "so, and which view does it.\n";
 
 /// As many as a page's size and offset in a request can say.
@@ -226,10 +228,11 @@ private:
     }
 
     void addPrune() {
-        CLI::App* const app =
-            command("prune", "Remove old records, and give their space back", [this] { runPrune(m_connection, m_prune); });
-        app->add_option("--before", m_prune.before,
-                        "records before this go: a time (2024-01-31, 2024-01-31T12:00:00Z) or an age (90s, 45m, 12h, 30d, 8w)")
+        CLI::App* const app = command("prune", "Remove old records, and give their space back",
+                                      [this] { runPrune(m_connection, m_prune); });
+        app->add_option(
+               "--before", m_prune.before,
+               "records before this go: a time (2024-01-31, 2024-01-31T12:00:00Z) or an age (90s, 45m, 12h, 30d, 8w)")
             ->type_name("TIME|AGE");
         app->add_flag("--operations", m_prune.operations, "of the operation log");
         app->add_flag("--events", m_prune.events, "of the event log");
@@ -277,8 +280,9 @@ private:
         app->require_subcommand(1);
         app->footer(exitNote);
         CLI::App* const security = app->add_subcommand(
-            "security", "Prove that rows which a client may not see tell it nothing: its answers are those of a "
-                        "database without them");
+            "security",
+            "Prove that rows which a client may not see tell it nothing: its answers are those of a "
+            "database without them");
         security->callback([this] { m_run = [this] { runSelfCheckSecurity(m_connection, m_security); }; });
         addNumber(*security, "--requests", {1, mostRequests}, "requests to make up, by default 20000",
                   [this](std::uint64_t requests) { m_security.requests = requests; });
@@ -286,8 +290,9 @@ private:
                   "the same seed makes the same requests, by default 1",
                   [this](std::uint64_t seed) { m_security.seed = seed; });
         addConnection(*security, true);
-        security->footer("The database is only read; copies of it lie in a private folder of temporary files meanwhile.\n" +
-                         std::string(exitNote));
+        security->footer(
+            "The database is only read; copies of it lie in a private folder of temporary files meanwhile.\n" +
+            std::string(exitNote));
     }
 
     CLI::App m_app{"Asks the agent of this machine, or a database directly.", "qorctl"};

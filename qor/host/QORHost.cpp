@@ -26,9 +26,9 @@ QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
         logMessage(1, "QORHost", "qor/host/QORHost", "QORHost", "no plug-in was loaded from %s",
                    m_options.plugInDirectory.c_str());
     }
-    m_router = std::make_unique<QORRouter>(m_options.prime ? QOROpFactoryRegistry::instance().names()
-                                                           : std::vector<std::string>(),
-                                           QORMessageLimits(), m_options.answers);
+    m_router = std::make_unique<QORRouter>(
+        m_options.prime ? QOROpFactoryRegistry::instance().names() : std::vector<std::string>(), QORMessageLimits(),
+        m_options.answers);
     m_router->prime();
 }
 

@@ -210,8 +210,7 @@ QORRouter::Answer QORRouter::answer(QORClientSession& session, std::string_view 
     }
 }
 
-QORRouter::Streamed QORRouter::stream(QORClientSession& session, std::string_view json,
-                                      const QORAnswerOutput& output) {
+QORRouter::Streamed QORRouter::stream(QORClientSession& session, std::string_view json, const QORAnswerOutput& output) {
     Stream stream(output);
     try {
         serve(session, json, stream);

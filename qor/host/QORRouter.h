@@ -46,8 +46,8 @@ public:
     Answer answer(QORClientSession& session, std::string_view json);
 
     struct Streamed {
-        Answer answer;       ///< with a text when nothing has left through the output, which is then all there is
-        bool whole = true;   ///< false when what left is no whole answer: it must not look like one to its reader
+        Answer answer;      ///< with a text when nothing has left through the output, which is then all there is
+        bool whole = true;  ///< false when what left is no whole answer: it must not look like one to its reader
     };
     /// The same for an answer of any size, which leaves through `output` while it is made: its first row at once, then
     /// by and by. Each time something was taken, the deadline of the thread's request begins anew. An error after the

@@ -98,9 +98,9 @@ public:
     QORIngestResult importLines(std::istream& lines, const QORIngestProgress& progress = {},
                                 const std::stop_token& stop = {});
     /// The same for a text. \param firstLine the number of its first line in messages
-    /// \param request null for one that is not sent again. One that was broken off goes on where it was, and one that was
-    /// done is not done again: the result is that of all attempts together
-    /// \throws QORException 422 when its key belongs to another content, 409 when somebody works on it
+    /// \param request null for one that is not sent again. One that was broken off goes on where it was, and one that
+    /// was done is not done again: the result is that of all attempts together \throws QORException 422 when its key
+    /// belongs to another content, 409 when somebody works on it
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine = 1,
                                 const QORIngestRequest* request = nullptr);
     /// Stores records that were made rather than read; the numbers of "lines" are their positions from 1.

@@ -59,8 +59,8 @@ struct QOROperationRecord {
     std::optional<std::string> parentId;
     std::optional<std::string> op;
     std::int32_t status = 0;
-    std::int64_t time = 0;  ///< seconds since the epoch, as all times of records
-    QOREID eid;             ///< invalid for an operation of no environment
+    std::int64_t time = 0;     ///< seconds since the epoch, as all times of records
+    QOREID eid;                ///< invalid for an operation of no environment
     std::vector<QOREID> eids;  ///< each once, at most mostEids
     std::optional<QORInfo> message;
 };

@@ -152,8 +152,8 @@ TEST_F(FailingDisk, AFullDiskIsSaidOnceAndUntilAWriteSucceeds) {
 TEST_F(FailingDisk, AFailingReadIsSaidUntilOneSucceeds) {
     std::string many;  // more than a connection keeps in memory
     for (int number = 0; number < 3000; ++number) {
-        many += R"({"kind":"event","time":1,"category":"env_status","info":{"text":")" + std::string(2000, 'x') +
-                "\"}}\n";
+        many +=
+            R"({"kind":"event","time":1,"category":"env_status","info":{"text":")" + std::string(2000, 'x') + "\"}}\n";
     }
     EXPECT_THAT(HttpClient(agent->socketPath()).post("/v1/records", many).body, HasSubstr(R"("accepted":3000)"));
     fail("read", "");

@@ -262,7 +262,8 @@ TEST_F(Agent, RecordsAreTakenInAndBadLinesNamed) {
 
 TEST_F(Agent, ParametersOfRecordsAreChecked) {
     HttpClient client = connect();
-    for (const char* query : {"first-line=x", "first-line=0", "first-line=-1", "first-line=+1", "first-line=01", "first-line=", "other=1", "first-line"}) {
+    for (const char* query : {"first-line=x", "first-line=0", "first-line=-1", "first-line=+1", "first-line=01",
+                              "first-line=", "other=1", "first-line"}) {
         EXPECT_EQ(client.post(std::string("/v1/records?") + query, "").status, 400) << query;
     }
     EXPECT_EQ(client.post("/v1/records", "").status, 200);

@@ -40,8 +40,9 @@ TEST_F(CheckConfigTest, TheShippedVocabularyIsSound) {
 }
 
 TEST_F(CheckConfigTest, MistakesAreNamedAndEndWithFailure) {
-    const std::string file = write("<vocabulary>\n<category name=\"pager_fields\">\n<parameter id=\"a\"/>\n"
-                                   "</category></vocabulary>");
+    const std::string file = write(
+        "<vocabulary>\n<category name=\"pager_fields\">\n<parameter id=\"a\"/>\n"
+        "</category></vocabulary>");
     EXPECT_EQ(check({"--config", file}), 1);
     EXPECT_THAT(m_output, HasSubstr(file + ":3: \"a\" has no <source>"));
 }

@@ -95,8 +95,9 @@ TEST_P(Command, StatusTellsOfTheDatabaseAndWhatCannotBeReadInIt) {
     runOnFile(m_agent ? m_agent->databasePath() : m_directory / "own.db",
               "INSERT INTO qor_unreadable_document VALUES ('qor_backup', 'info', 1), ('qor_backup', 'info', 2), "
               "('qor_event', 'info', 1)");
-    EXPECT_THAT(outputOf({"status", "-o", "csv"}),
-                EndsWith("unreadable documents,3\r\nunreadable in qor_backup.info,2\r\nunreadable in qor_event.info,1\r\n"));
+    EXPECT_THAT(
+        outputOf({"status", "-o", "csv"}),
+        EndsWith("unreadable documents,3\r\nunreadable in qor_backup.info,2\r\nunreadable in qor_event.info,1\r\n"));
 }
 
 TEST(Agent, SaysAtItsStartWhichDocumentsCannotBeRead) {
@@ -154,8 +155,9 @@ TEST_P(Command, ListsAndBoundsFindWhatEquationsFind) {
 TEST_P(Command, AClientThatStandsForNoEnvironmentIsToldSo) {
     const CtlResult select = run({"select", "--view", "vOpLog", "-f", "id", "--client", "none", "--count"});
     EXPECT_THAT(select.out, HasSubstr("0 of 0 rows"));
-    EXPECT_EQ(select.err, "qorctl: note: this client stands for no environment, so no row of an environment is shown "
-                          "to it\n");
+    EXPECT_EQ(select.err,
+              "qorctl: note: this client stands for no environment, so no row of an environment is shown "
+              "to it\n");
     const CtlResult rows = run({"rows", "-f", "pager.op_log.id", "--client", "none"});
     EXPECT_THAT(rows.err, HasSubstr("this client stands for no environment"));
 }
@@ -503,7 +505,10 @@ TEST_F(Standalone, WhatIsNotThereIsNoConnection) {
 
 TEST_F(Standalone, CommandsThatAskCreateNoDatabase) {
     const Words commands[] = {
-        {"select", "--view", "vOpLog", "-f", "id"}, {"rows", "-f", "pager.op_log.id"}, {"views"}, {"fields"},
+        {"select", "--view", "vOpLog", "-f", "id"},
+        {"rows", "-f", "pager.op_log.id"},
+        {"views"},
+        {"fields"},
         {"request"},
     };
     const test::TemporaryDirectory folder;

@@ -104,15 +104,14 @@ TEST_P(RowsCommand, NamesInFiltersMatchInAnyCase) {
                                              "pager.op_log.time >= '2024-01-01' and "
                                              "pager.op_log.time <= '2024-01-01T23:59:59'",
                                              "-o", "csv"});
-    EXPECT_EQ(outputOf({"rows", "-f", "pager.op_log.id", "--where",
-                        "PAGER.OP_LOG.TIME >= '2024-01-01' AND Pager.Op_Log.Time <= '2024-01-01T23:59:59'", "-o",
-                        "csv"}),
-              operations);
+    EXPECT_EQ(
+        outputOf({"rows", "-f", "pager.op_log.id", "--where",
+                  "PAGER.OP_LOG.TIME >= '2024-01-01' AND Pager.Op_Log.Time <= '2024-01-01T23:59:59'", "-o", "csv"}),
+        operations);
     const std::string eid = "'11111111-1111-1111-1111-111111111111'";
-    EXPECT_EQ(outputOf({"rows", "-f", "pager.op_log.id", "--where", "Pager.OP_log.Parameter.ENV.Eid = " + eid, "-o",
-                        "csv"}),
-              outputOf({"rows", "-f", "pager.op_log.id", "--where", "pager.op_log.parameter.env.eid = " + eid, "-o",
-                        "csv"}));
+    EXPECT_EQ(
+        outputOf({"rows", "-f", "pager.op_log.id", "--where", "Pager.OP_log.Parameter.ENV.Eid = " + eid, "-o", "csv"}),
+        outputOf({"rows", "-f", "pager.op_log.id", "--where", "pager.op_log.parameter.env.eid = " + eid, "-o", "csv"}));
     EXPECT_EQ(outputOf({"rows", "-f", "pager.event_log.source", "--where", "PAGER.event_log.CATEGORY='resource_alert'",
                         "-o", "csv"}),
               "pager.event_log.source\r\ncpu\r\n");

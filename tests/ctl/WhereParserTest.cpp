@@ -227,8 +227,7 @@ const Case mistakes[] = {
     {"a mistake within a select", "a in (select b from w where c)",
      "29: expected a comparison (=, <>, <, <=, >, >=, like, in, between, is), found \")\""},
     {"behind a select", "a in (select b from w c)", "22: expected \")\" at the end of the nested select, found \"c\""},
-    {"a limit with a leading zero", "a in (select b from w limit 010)",
-     "28: expected a number of rows, found \"010\""},
+    {"a limit with a leading zero", "a in (select b from w limit 010)", "28: expected a number of rows, found \"010\""},
     {"a limit that is none", "a in (select b from w limit x)", "28: expected a number of rows, found \"x\""},
 };
 INSTANTIATE_TEST_SUITE_P(WhereParser, Mistake, testing::ValuesIn(mistakes));

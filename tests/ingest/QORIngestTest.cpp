@@ -19,8 +19,8 @@ namespace {
 using test::HostDatabase;
 using test::queryRows;
 using test::queryText;
-using test::runSql;
 using test::Row;
+using test::runSql;
 
 constexpr const char* eidA = "aaaaaaaa-0000-4000-8000-000000000001";
 constexpr const char* eidB = "bbbbbbbb-0000-4000-8000-000000000002";

@@ -20,8 +20,8 @@
 #include "agent/api/AgentMaintenance.h"
 #include "agent/api/AgentRecords.h"
 #include "host/QORHost.h"
-#include "ingest/QORIngest.h"
 #include "host/QORStatus.h"
+#include "ingest/QORIngest.h"
 #include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/pool/QORRdbms.h"
 

@@ -11,8 +11,9 @@
 /// | GET /v1/status         | full access   | what the database is, and which stored documents cannot be read     |
 /// | GET /v1/health         | anybody       | what the agent is made of and how it does                           |
 ///
-/// Anything else is 404 or 405. These refusals and the health are given without a worker, whatever the workers do. Every error body is an answer in message notation without elements, whose code is the
-/// HTTP status where the error is HTTP's.
+/// Anything else is 404 or 405. These refusals and the health are given without a worker, whatever the workers do.
+/// Every error body is an answer in message notation without elements, whose code is the HTTP status where the error is
+/// HTTP's.
 #pragma once
 
 #include <chrono>

@@ -19,8 +19,8 @@ namespace QOR {
 
 /// Takes in NDJSON records. \param query the request's parameters: `first-line=N` numbers the first line (default 1)
 /// \param key under which the client may send the same again without doubling anything; empty for none
-/// \throws QORException 400 for a parameter that is unknown or no line number and for a key that is none, 422 for a key of
-/// another content, 409 for one whose request is being worked on
+/// \throws QORException 400 for a parameter that is unknown or no line number and for a key that is none, 422 for a key
+/// of another content, 409 for one whose request is being worked on
 std::string takeRecords(std::string_view ndjson, std::string_view query, std::optional<std::string_view> key);
 
 /// Collects what this machine can tell about itself. The same counts, and beside them "malformed":n, lines of the

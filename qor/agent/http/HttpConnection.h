@@ -172,15 +172,16 @@ private:
     /// A client that is gone for good, not one that only sends no more, ends what runs for it. The reactor may hand an
     /// event of a connection that was closed to one that was accepted in its place, so the system is asked.
     void watchPeer() {
-        m_stream.socket().async_wait(net::socket_base::wait_error, [self = shared_from_this()](beast::error_code error) {
-            if (error || self->m_closed) return;
-            if (!self->peerHasGone()) {
-                self->watchPeer();
-                return;
-            }
-            self->m_peerGone = true;
-            if (self->m_control) self->close();
-        });
+        m_stream.socket().async_wait(net::socket_base::wait_error,
+                                     [self = shared_from_this()](beast::error_code error) {
+                                         if (error || self->m_closed) return;
+                                         if (!self->peerHasGone()) {
+                                             self->watchPeer();
+                                             return;
+                                         }
+                                         self->m_peerGone = true;
+                                         if (self->m_control) self->close();
+                                     });
     }
 
     bool peerHasGone() {

@@ -14,7 +14,7 @@ namespace QOR {
 
 struct HttpServerOptions {
     std::filesystem::path socketPath;
-    std::string socketGroup{};  ///< whose members may connect; empty: the socket keeps the process's group
+    std::string socketGroup{};             ///< whose members may connect; empty: the socket keeps the process's group
     std::size_t threads = 16;              ///< requests that are answered at once
     std::size_t writers = 4;               ///< requests of the writing lane, beside those
     std::size_t requestsPerIdentity = 0;   ///< of one identity that are answered at once; 0: half of the threads
@@ -39,7 +39,7 @@ struct HttpServerOptions {
     std::chrono::milliseconds writeTimeout = std::chrono::seconds(60);  ///< without a byte of the reply taken
     std::chrono::milliseconds deadline = std::chrono::seconds(30);  ///< for an answer, from the whole request on; one
                                                                     ///< that waits so long for its turn is not run
-    std::chrono::milliseconds grace = std::chrono::seconds(30);  ///< for requests in flight when the server stops
+    std::chrono::milliseconds grace = std::chrono::seconds(30);     ///< for requests in flight when the server stops
 };
 
 /// A server. One thread does all reading and writing, so a slow client holds up nobody; requests run on worker

@@ -65,8 +65,8 @@ struct HttpReply {
     unsigned status = 200;
     std::string body;
     std::string contentType = "application/json";
-    std::string allow{};      ///< value of the header Allow; empty: none
-    unsigned retryAfter = 0;  ///< seconds, value of the header Retry-After; 0: none
+    std::string allow{};       ///< value of the header Allow; empty: none
+    unsigned retryAfter = 0;   ///< seconds, value of the header Retry-After; 0: none
     QORMemoryCharge memory{};  ///< what the body counts for, until it is sent
 };
 

@@ -26,8 +26,8 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORGuid.h"
 #include "QORMessage/QORNotation.h"
-#include "host/QORHostPaths.h"
 #include "backend/AgentReplies.h"
+#include "host/QORHostPaths.h"
 
 namespace QOR {
 namespace {

@@ -10,8 +10,8 @@
 
 #include "CtlError.h"
 #include "SelectRequest.h"
-#include "ingest/QORSampleData.h"
 #include "backend/Backend.h"
+#include "ingest/QORSampleData.h"
 #include "output/RowPrinter.h"
 #include "rows/RowsRequest.h"
 

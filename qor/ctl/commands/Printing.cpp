@@ -16,9 +16,10 @@ std::unique_ptr<QORRowSink> makePrinter(const QORPrintOptions& print, bool count
 void tellOfNoEnvironment(QORBackend& backend, const std::vector<std::string>& client) {
     const bool none = client.empty() ? !backend.seesEnvironments() : client == std::vector<std::string>{"none"};
     if (!none) return;
-    tellPerson(client.empty() ? "note: you stand for no environment, so no row of an environment is shown to you; root and "
-                                "the agent's user see all"
-                              : "note: this client stands for no environment, so no row of an environment is shown to it");
+    tellPerson(client.empty()
+                   ? "note: you stand for no environment, so no row of an environment is shown to you; root and "
+                     "the agent's user see all"
+                   : "note: this client stands for no environment, so no row of an environment is shown to it");
 }
 
 void tellPerson(std::string_view text) {

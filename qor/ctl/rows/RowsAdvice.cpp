@@ -7,8 +7,8 @@
 #include <string_view>
 #include <utility>
 
-#include "QORPager/QORFilterNames.h"
 #include "QORPager/QORExpressionEvaluation.h"
+#include "QORPager/QORFilterNames.h"
 
 namespace QOR {
 namespace {

@@ -8,9 +8,9 @@
 /// where COLUMN may be an aggregate such as max(time). Keywords are matched without regard to case and bind as in SQL:
 /// comparisons tighter than not, not tighter than and, and tighter than or.
 ///
-/// Items of an in-list and bounds of between, which a request compares as they are spelled, are brought into the form in
-/// which the column beside them stores its values, or refused as an equation refuses them. Beside upper() and lower(),
-/// whose result is a text, they stay as they are.
+/// Items of an in-list and bounds of between, which a request compares as they are spelled, are brought into the form
+/// in which the column beside them stores its values, or refused as an equation refuses them. Beside upper() and
+/// lower(), whose result is a text, they stay as they are.
 ///
 /// Chains of and (or) become one element, whatever their parentheses, and a double not vanishes, so that only real
 /// alternation counts against the depth of messages.

@@ -24,8 +24,8 @@ constexpr std::string_view mark = "QORPager host database";
 
 /// The steps in order; the first leads to version 1. Made when it is needed, as the steps are other units' objects.
 const std::vector<QORSchemaStep>& steps() {
-    static const std::vector<QORSchemaStep> all{{inventorySchema}, {logSchema}, {counterSchema}, documentSchema,
-                                                {upkeepSchema},  {requestSchema}};
+    static const std::vector<QORSchemaStep> all{{inventorySchema}, {logSchema},    {counterSchema},
+                                                documentSchema,    {upkeepSchema}, {requestSchema}};
     return all;
 }
 

@@ -47,11 +47,10 @@ public:
     /// Makes QORRdbms ready for use: finds out what the database is without writing to it, then, unless
     /// options.readOnly, migrates an older version and, in mode Own, creates what is missing, all in one transaction
     /// that takes the write lock first; programs that start together wait for each other. Stored documents that cannot
-    /// be read are counted in the log. With options.readOnly nothing is ever written. In mode Own the files are made, or
-    /// become, readable to their user alone.
-    /// \throws QORException 1 for a database that is newer than this program, another program's in mode Own, missing or
-    /// empty in mode Reading, or whose files another user has put there; the text names the database. \throws
-    /// AException when the database cannot be opened, read or written
+    /// be read are counted in the log. With options.readOnly nothing is ever written. In mode Own the files are made,
+    /// or become, readable to their user alone. \throws QORException 1 for a database that is newer than this program,
+    /// another program's in mode Own, missing or empty in mode Reading, or whose files another user has put there; the
+    /// text names the database. \throws AException when the database cannot be opened, read or written
     static QORSchemaReport open(const ASDatabaseOptions& options, QORSchemaMode mode);
 
     /// Looks without writing.

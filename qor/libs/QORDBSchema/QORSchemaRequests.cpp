@@ -6,7 +6,8 @@ namespace QOR {
 namespace {
 
 constexpr const char* statements[] = {
-    // key: as its client chose it. digest: of what was sent. last_line: up to where it is stored. result: what became of
+    // key: as its client chose it. digest: of what was sent. last_line: up to where it is stored. result: what became
+    // of
     // it so far. time: seconds since the epoch.
     R"sql(CREATE TABLE qor_request (
     key nvarchar(255) NOT NULL PRIMARY KEY,

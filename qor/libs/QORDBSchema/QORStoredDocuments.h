@@ -36,8 +36,8 @@ QOR_API std::optional<std::vector<QORUnreadableDocuments>> unreadableDocuments(A
 /// `2 in qor_backup.info, 1 in qor_event.info`; empty for none.
 QOR_API std::string describe(const std::vector<QORUnreadableDocuments>& unreadable);
 
-/// Takes the documents of records that were replaced off the list, as triggers do where they are on. \param table of the
-/// records \param ids their eids for qor_environment, their ids else. Costs nothing much while the list is empty.
+/// Takes the documents of records that were replaced off the list, as triggers do where they are on. \param table of
+/// the records \param ids their eids for qor_environment, their ids else. Costs nothing much while the list is empty.
 /// \throws AException
 QOR_API void forgetUnreadableDocuments(ASSession& session, std::string_view table, const std::vector<std::string>& ids);
 

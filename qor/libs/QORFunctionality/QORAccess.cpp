@@ -12,11 +12,11 @@ namespace {
 
 /// Synchronous access to another operator by name: it owns an operator of its own.
 class NamedOperatorAccess final : public QOROpSyncAccessPrototype {
-   public:
+public:
     explicit NamedOperatorAccess(QORPtr<QOROperatorPrototype> op)
         : QOROpSyncAccessPrototype(op.get()), m_owned(std::move(op)) {}
 
-   private:
+private:
     QORPtr<QOROperatorPrototype> m_owned;
 };
 

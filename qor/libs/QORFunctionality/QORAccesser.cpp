@@ -24,14 +24,14 @@ struct QORAccesserPoolPrototype::Accesser {
 
 /// A seat that goes back to the pool however the request ends.
 class QORAccesserPoolPrototype::Lease {
-   public:
+public:
     explicit Lease(QORAccesserPoolPrototype& pool) : m_pool(pool), m_accesser(pool.take()) {}
     ~Lease() { m_pool.giveBack(std::move(m_accesser)); }
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
     const Accesser& operator*() const noexcept { return *m_accesser; }
 
-   private:
+private:
     QORAccesserPoolPrototype& m_pool;
     std::unique_ptr<Accesser> m_accesser;
 };
@@ -46,8 +46,7 @@ QORAccesserPoolPrototype::QORAccesserPoolPrototype(QORPtr<QOROperatorPrototype> 
 
 QORAccesserPoolPrototype::~QORAccesserPoolPrototype() = default;
 
-int QORAccesserPoolPrototype::request(const std::string& requestName, QORMessageIterator* in,
-                                      QORMessageIterator* out) {
+int QORAccesserPoolPrototype::request(const std::string& requestName, QORMessageIterator* in, QORMessageIterator* out) {
     const Lease accesser(*this);
     return (*accesser).run(requestName, in, out);
 }
@@ -58,7 +57,8 @@ std::unique_ptr<QORAccesserPoolPrototype::Accesser> QORAccesserPoolPrototype::ta
     m_turn.wait(lock, [&] { return ticket == m_nowServing && m_inUse < m_useLimit; });
     if (m_idle.empty()) {
         const int wanted = std::min(m_step, m_useLimit - m_inUse);
-        for (int made = 0; made < wanted; ++made) m_idle.push_back(std::make_unique<Accesser>(*op()));
+        for (int made = 0; made < wanted; ++made)
+            m_idle.push_back(std::make_unique<Accesser>(*op()));
     }
     std::unique_ptr<Accesser> accesser = std::move(m_idle.back());
     m_idle.pop_back();
@@ -72,7 +72,8 @@ void QORAccesserPoolPrototype::giveBack(std::unique_ptr<Accesser> accesser) noex
     const std::lock_guard<std::mutex> lock(m_mutex);
     --m_inUse;
     m_idle.push_back(std::move(accesser));
-    while (static_cast<int>(m_idle.size()) > m_idleLimit) m_idle.pop_back();
+    while (static_cast<int>(m_idle.size()) > m_idleLimit)
+        m_idle.pop_back();
     m_turn.notify_all();
 }
 

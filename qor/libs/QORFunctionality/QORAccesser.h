@@ -19,7 +19,7 @@ class QOROpFactory;
 
 /// The host's way to an operator. Thread-safe.
 class QOR_API QORAccesserPrototype : public virtual QORReferenceCounter {
-   public:
+public:
     ~QORAccesserPrototype() override;
 
     /// Runs one request: waits for an accessor and for the operator, calls it, then its stopCallback().
@@ -28,17 +28,17 @@ class QOR_API QORAccesserPrototype : public virtual QORReferenceCounter {
 
     const QORPtr<QOROperatorPrototype>& op() const noexcept { return m_operator; }
 
-   protected:
+protected:
     explicit QORAccesserPrototype(QORPtr<QOROperatorPrototype> op) : m_operator(std::move(op)) {}
 
-   private:
+private:
     QORPtr<QOROperatorPrototype> m_operator;
 };
 
 /// A pool of accessors to one operator. At most `most` requests hold an accessor at once, the others wait and are
 /// served in the order in which they came; accessors are made `step` at a time and up to `idle` unused ones are kept.
 class QOR_API QORAccesserPoolPrototype final : public QORAccesserPrototype {
-   public:
+public:
     /// \param idle unused accessors kept \param most in use at once \param step made at a time
     QORAccesserPoolPrototype(QORPtr<QOROperatorPrototype> op, QORPtr<QOROpFactory> factory, int idle, int most,
                              int step);
@@ -57,7 +57,7 @@ class QOR_API QORAccesserPoolPrototype final : public QORAccesserPrototype {
     int useLimit() const noexcept { return m_useLimit; }
     int step() const noexcept { return m_step; }
 
-   private:
+private:
     struct Accesser;
     class Lease;
     std::unique_ptr<Accesser> take();

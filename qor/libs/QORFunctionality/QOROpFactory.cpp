@@ -8,7 +8,9 @@ QOROpFactory::QOROpFactory(const char* name, int value) : m_name(name), m_value(
     QOROpFactoryRegistry::instance().add(this);
 }
 
-QOROpFactory::~QOROpFactory() { QOROpFactoryRegistry::instance().remove(this); }
+QOROpFactory::~QOROpFactory() {
+    QOROpFactoryRegistry::instance().remove(this);
+}
 
 QOROpFactoryRegistry& QOROpFactoryRegistry::instance() {
     // Never destroyed: factories of plug-ins that stay loaded until the end of the process still sign off here.
@@ -26,7 +28,8 @@ QORPtr<QOROpFactory> QOROpFactoryRegistry::find(const std::string& name) const {
 std::vector<std::string> QOROpFactoryRegistry::names() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<std::string> result;
-    for (const QOROpFactory* factory : m_factories) result.push_back(factory->name());
+    for (const QOROpFactory* factory : m_factories)
+        result.push_back(factory->name());
     return result;
 }
 

@@ -31,25 +31,25 @@ struct QOROpPriming {
 /// Makes the operators of one name. Making the object makes it known to the registry, destroying it forgets it; both
 /// happen while a plug-in is loaded or unloaded. Thread-safe.
 class QOR_API QOROpFactory : public virtual QORReferenceCounter {
-   public:
-       // In the order of their slots, which plug-ins are compiled against.
-       /// A new operator for one client, named and numbered; the caller takes the first reference.
-       virtual QORPtr<QOROperatorPrototype> newOperator() = 0;
-       /// The accessor by which that client's requests reach the operator.
-       virtual QORPtr<QORAccesserPrototype> newAccesser(const QORPtr<QOROperatorPrototype>& op) = 0;
-       ~QOROpFactory() override;
+public:
+    // In the order of their slots, which plug-ins are compiled against.
+    /// A new operator for one client, named and numbered; the caller takes the first reference.
+    virtual QORPtr<QOROperatorPrototype> newOperator() = 0;
+    /// The accessor by which that client's requests reach the operator.
+    virtual QORPtr<QORAccesserPrototype> newAccesser(const QORPtr<QOROperatorPrototype>& op) = 0;
+    ~QOROpFactory() override;
 
-       QOROpFactory(const QOROpFactory&) = delete;
-       QOROpFactory& operator=(const QOROpFactory&) = delete;
+    QOROpFactory(const QOROpFactory&) = delete;
+    QOROpFactory& operator=(const QOROpFactory&) = delete;
 
-       const std::string& name() const noexcept { return m_name; }
-       /// The number given at registration; the host keeps it and attaches no meaning to it.
-       int value() const noexcept { return m_value; }
-       /// What the operator is to be asked before any client asks; null when it does not matter who is first. Lives as
-       /// long as the plug-in.
-       const QOROpPriming* priming() const noexcept { return m_priming; }
+    const std::string& name() const noexcept { return m_name; }
+    /// The number given at registration; the host keeps it and attaches no meaning to it.
+    int value() const noexcept { return m_value; }
+    /// What the operator is to be asked before any client asks; null when it does not matter who is first. Lives as
+    /// long as the plug-in.
+    const QOROpPriming* priming() const noexcept { return m_priming; }
 
-   protected:
+protected:
     /// \param name by which requests address the operator
     QOROpFactory(const char* name, int value);
     void setPriming(const QOROpPriming* priming) noexcept { m_priming = priming; }
@@ -62,13 +62,13 @@ private:
 
 /// All factories of the process, in the order in which they were made. Thread-safe.
 class QOR_API QOROpFactoryRegistry {
-   public:
+public:
     static QOROpFactoryRegistry& instance();
     /// The factory of that name (the first made, should there be several); null when there is none.
     QORPtr<QOROpFactory> find(const std::string& name) const;
     std::vector<std::string> names() const;
 
-   private:
+private:
     friend class QOROpFactory;
     QOROpFactoryRegistry() = default;
     void add(QOROpFactory* factory);
@@ -83,11 +83,11 @@ template <class Operator, class Number, Number Idle, Number Most, Number Step, b
 class QOROperatorFactory : public QOROpFactory {
     static_assert(Pooled, "operators are reached through pooled accessors");
 
-   public:
+public:
     /// \param ns the namespace number given to every operator
-       QOROperatorFactory(const char* name, int ns, int value) : QOROpFactory(name, value), m_ns(ns) {
-           if constexpr (requires { Operator::priming; }) setPriming(&Operator::priming);
-       }
+    QOROperatorFactory(const char* name, int ns, int value) : QOROpFactory(name, value), m_ns(ns) {
+        if constexpr (requires { Operator::priming; }) setPriming(&Operator::priming);
+    }
 
     QORPtr<QOROperatorPrototype> newOperator() override {
         QORPtr<QOROperatorPrototype> op(new Operator());
@@ -100,7 +100,7 @@ class QOROperatorFactory : public QOROpFactory {
         return makeQORPtr<QORAccesserPoolPrototype>(op, QORPtr<QOROpFactory>(this), Idle, Most, Step);
     }
 
-   private:
+private:
     int m_ns;
 };
 

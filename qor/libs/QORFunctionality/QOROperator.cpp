@@ -43,7 +43,8 @@ QOROperatorPrototype::~QOROperatorPrototype() = default;
 QOROperatorFunctionalPrototype::~QOROperatorFunctionalPrototype() = default;
 
 void QOROperatorFunctionalPrototype::registerMethods(const MethodDescriptor* table) {
-    for (; *table->name != '\0'; ++table) m_methods.insert_or_assign(table->name, *table);
+    for (; *table->name != '\0'; ++table)
+        m_methods.insert_or_assign(table->name, *table);
 }
 
 int QOROperatorFunctionalPrototype::call(const std::string& requestName, QORMessageIterator* request,
@@ -61,8 +62,7 @@ int QOROperatorFunctionalPrototype::call(const std::string& requestName, QORMess
     return 0;
 }
 
-void QOROperatorFunctionalPrototype::addError(QORMessageIterator* response, const QORErrorTable& table, int code,
-                                              ...) {
+void QOROperatorFunctionalPrototype::addError(QORMessageIterator* response, const QORErrorTable& table, int code, ...) {
     const auto found = table.find(code);
     std::va_list arguments;
     va_start(arguments, code);

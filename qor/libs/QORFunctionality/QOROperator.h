@@ -20,7 +20,7 @@ class QORLocalAccess;
 /// requests to it one at a time (callMutex() is held meanwhile), calls stopCallback() after each, and disconnect()
 /// when the client goes. Reference-counted; the host holds the first reference.
 class QOR_API QOROperatorPrototype : public virtual QORReferenceCounter {
-   public:
+public:
     ~QOROperatorPrototype() override;
 
     virtual void setName(const std::string& name) { m_name = name; }
@@ -42,10 +42,10 @@ class QOR_API QOROperatorPrototype : public virtual QORReferenceCounter {
     /// Held by whoever calls init, call, stopCallback or disconnect.
     std::mutex& callMutex() noexcept { return m_callMutex; }
 
-   protected:
+protected:
     QOROperatorPrototype() = default;
 
-   private:
+private:
     std::string m_name;
     int m_namespace = 0;
     std::mutex m_callMutex;
@@ -53,11 +53,10 @@ class QOR_API QOROperatorPrototype : public virtual QORReferenceCounter {
 
 /// An operator whose requests are methods, found by name in a map.
 class QOR_API QOROperatorFunctionalPrototype : public QOROperatorPrototype {
-   public:
+public:
     ~QOROperatorFunctionalPrototype() override;
 
-    using Handler = void (QOROperatorFunctionalPrototype::*)(QORMessageIterator* request,
-                                                             QORMessageIterator* response);
+    using Handler = void (QOROperatorFunctionalPrototype::*)(QORMessageIterator* request, QORMessageIterator* response);
 
     /// One row of an operator's method table. A table ends with a row whose name is empty.
     struct MethodDescriptor {
@@ -84,28 +83,28 @@ class QOR_API QOROperatorFunctionalPrototype : public QOROperatorPrototype {
 
     const std::map<std::string, MethodDescriptor, std::less<>>& methods() const noexcept { return m_methods; }
 
-   protected:
+protected:
     QOROperatorFunctionalPrototype() = default;
     /// Adds the rows of a method table up to the one with an empty name.
     void registerMethods(const MethodDescriptor* table);
 
-   private:
+private:
     std::map<std::string, MethodDescriptor, std::less<>> m_methods;
 };
 
 /// An operator that also reaches the host's services on behalf of its client.
 class QOR_API QOROperatorAsyncPrototype : public QOROperatorFunctionalPrototype {
-   public:
+public:
     ~QOROperatorAsyncPrototype() override;
 
     /// The operator's local access handle, made at the first call and dropped by disconnect().
     QORPtr<QORLocalAccess> getLocalAccess();
     void disconnect(QORAccesserPrototype* accesser) override;
 
-   protected:
+protected:
     QOROperatorAsyncPrototype();
 
-   private:
+private:
     QORPtr<QORLocalAccess> m_localAccess;
 };
 

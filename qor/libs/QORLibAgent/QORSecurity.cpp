@@ -9,7 +9,9 @@ namespace QOR {
 
 namespace {
 
-auto keyOf(const QORLocalSID& sid) { return std::make_tuple(sid.principalType(), sid.principalId(), sid.getEID()); }
+auto keyOf(const QORLocalSID& sid) {
+    return std::make_tuple(sid.principalType(), sid.principalId(), sid.getEID());
+}
 
 thread_local QORClientContextPtr currentContext;
 
@@ -37,7 +39,9 @@ bool extractObjIdFromSID(const QORSID& sid, QOREID& eid) {
     return true;
 }
 
-std::shared_ptr<const QORToken> QORToken::getCurrent() { return QORAccessChecker::getClientContext()->token; }
+std::shared_ptr<const QORToken> QORToken::getCurrent() {
+    return QORAccessChecker::getClientContext()->token;
+}
 
 std::set<QOREID> QORClientContext::objects() const {
     std::set<QOREID> eids;
@@ -52,12 +56,16 @@ std::set<QOREID> QORClientContext::objects() const {
 QORRowAccess::QORRowAccess(const QORClientContext& client)
     : m_full(client.fullAccess), m_owners(client.fullAccess ? std::set<QOREID>() : client.objects()) {}
 
-QORRowAccess QORRowAccess::current() { return QORRowAccess(*QORAccessChecker::getClientContext()); }
+QORRowAccess QORRowAccess::current() {
+    return QORRowAccess(*QORAccessChecker::getClientContext());
+}
 
 QORClientContextScope::QORClientContextScope(QORClientContextPtr context)
     : m_previous(std::exchange(currentContext, std::move(context))) {}
 
-QORClientContextScope::~QORClientContextScope() { currentContext = std::move(m_previous); }
+QORClientContextScope::~QORClientContextScope() {
+    currentContext = std::move(m_previous);
+}
 
 QORClientContextPtr QORAccessChecker::getClientContext() {
     if (currentContext) return currentContext;
@@ -65,7 +73,9 @@ QORClientContextPtr QORAccessChecker::getClientContext() {
     return nobody;
 }
 
-bool QORAccessChecker::hasFullAccess(const QORClientContextPtr& context) { return context->fullAccess; }
+bool QORAccessChecker::hasFullAccess(const QORClientContextPtr& context) {
+    return context->fullAccess;
+}
 
 int QORAccessChecker::accessCheck(const QORClientContextPtr& context, const std::set<QOREID>& eids, int, int) {
     if (context->fullAccess) return accessGranted;

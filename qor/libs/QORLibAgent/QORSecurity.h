@@ -12,13 +12,13 @@ namespace QOR {
 
 /// A security identifier. Immutable and shared.
 class QOR_API QORSID {
-   public:
+public:
     virtual ~QORSID();
     virtual bool equals(const QORSID& other) const noexcept = 0;
     /// A strict order over identifiers of every class.
     virtual bool less(const QORSID& other) const noexcept = 0;
 
-   protected:
+protected:
     QORSID() = default;
     QORSID(const QORSID&) = default;
     QORSID& operator=(const QORSID&) = default;
@@ -28,7 +28,7 @@ using QORSIDPtr = std::shared_ptr<const QORSID>;
 
 /// An identifier that this host issued: a principal, and the environment that it stands for.
 class QOR_API QORLocalSID final : public QORSID {
-   public:
+public:
     QORLocalSID(int principalId, int principalType, const QOREID& eid)
         : m_principalId(principalId), m_principalType(principalType), m_eid(eid) {}
     int principalId() const noexcept { return m_principalId; }
@@ -37,7 +37,7 @@ class QOR_API QORLocalSID final : public QORSID {
     bool equals(const QORSID& other) const noexcept override;
     bool less(const QORSID& other) const noexcept override;
 
-   private:
+private:
     int m_principalId;
     int m_principalType;
     QOREID m_eid;
@@ -49,7 +49,7 @@ QOR_API bool extractObjIdFromSID(const QORSID& sid, QOREID& eid);
 
 /// The identities of one client: its own SID and an ordered set of further ones. Immutable and shared.
 class QOR_API QORToken {
-   public:
+public:
     struct Less {
         bool operator()(const QORSIDPtr& a, const QORSIDPtr& b) const noexcept { return a->less(*b); }
     };
@@ -65,7 +65,7 @@ class QOR_API QORToken {
     /// The token of the client that the calling thread serves; an empty one when it serves none.
     static std::shared_ptr<const QORToken> getCurrent();
 
-   private:
+private:
     QORSIDPtr m_own;
     SidSet m_others;
 };
@@ -83,13 +83,13 @@ using QORClientContextPtr = std::shared_ptr<const QORClientContext>;
 
 /// Makes a context that of the calling thread for as long as the object lives. Scopes nest.
 class QOR_API QORClientContextScope {
-   public:
+public:
     explicit QORClientContextScope(QORClientContextPtr context);
     ~QORClientContextScope();
     QORClientContextScope(const QORClientContextScope&) = delete;
     QORClientContextScope& operator=(const QORClientContextScope&) = delete;
 
-   private:
+private:
     QORClientContextPtr m_previous;
 };
 
@@ -97,7 +97,7 @@ class QOR_API QORClientContextScope {
 /// full access, else those that belong to one of the environments that its identities stand for. A record that only
 /// mentions or touches such an environment belongs to another, and one that belongs to none is for full access only.
 class QOR_API QORRowAccess {
-   public:
+public:
     explicit QORRowAccess(const QORClientContext& client);
     /// Of the client that the calling thread serves.
     static QORRowAccess current();
@@ -108,13 +108,13 @@ class QOR_API QORRowAccess {
     /// \param owner the environment that a record belongs to, invalid for none
     bool sees(const QOREID& owner) const { return m_full || m_owners.contains(owner); }
 
-   private:
+private:
     bool m_full;
     std::set<QOREID> m_owners;
 };
 
 class QOR_API QORAccessChecker {
-   public:
+public:
     /// The context of the calling thread; without a scope one that may see nothing. Never null.
     static QORClientContextPtr getClientContext();
     static bool hasFullAccess(const QORClientContextPtr& context);

@@ -97,8 +97,7 @@ TEST(QORDBSchemaTest, FilesOfTheDatabaseAreForTheirUserAlone) {
     for (const char* suffix : {"", "-wal", "-shm"})
         EXPECT_EQ(modeOf(database.file().string() + suffix), 0600U) << suffix;
     ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.front(),
-              database.file().string() + " had mode 0664, so that others could read it; it is 0600 now");
+    EXPECT_EQ(lines.front(), database.file().string() + " had mode 0664, so that others could read it; it is 0600 now");
 }
 
 TEST(QORDBSchemaTest, ADatabaseIsNotReachedThroughAnothersLinkOrBesideAnothersLog) {

@@ -16,7 +16,7 @@ namespace {
 
 /// Holds every request at a gate and notes what happens.
 class GatedOperator final : public QOROperatorPrototype {
-   public:
+public:
     int call(const std::string& requestName, QORMessageIterator*, QORMessageIterator*) override {
         std::unique_lock<std::mutex> lock(m_mutex);
         ++m_inside;
@@ -44,7 +44,7 @@ class GatedOperator final : public QOROperatorPrototype {
     std::vector<std::string> order;
     std::atomic<int> stops{0};
 
-   private:
+private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     bool m_open = false;
@@ -90,7 +90,8 @@ TEST(AccesserPool, ARequestThatFindsNoneFreeWaitsItsTurn) {
         waitFor(*pool, 1, index);
     }
     op->open();
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     EXPECT_EQ(op->order, (std::vector<std::string>{"0", "1", "2", "3", "4", "5"}));
     EXPECT_EQ(pool->counts().waiting, 0);
 }
@@ -102,10 +103,12 @@ TEST(AccesserPool, CallsOfOneOperatorNeverOverlap) {
     std::vector<std::thread> threads;
     for (int index = 0; index < 8; ++index) {
         threads.emplace_back([&] {
-            for (int round = 0; round < 100; ++round) run(*pool, "x");
+            for (int round = 0; round < 100; ++round)
+                run(*pool, "x");
         });
     }
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     EXPECT_EQ(op->mostInside(), 1);
     EXPECT_EQ(op->order.size(), 800U);
     EXPECT_EQ(op->stops, 800);

@@ -10,18 +10,18 @@ namespace {
 int liveOperators = 0;
 
 class CountedOperator final : public QOROperatorPrototype {
-   public:
+public:
     CountedOperator() { ++liveOperators; }
     ~CountedOperator() override { --liveOperators; }
     int call(const std::string&, QORMessageIterator*, QORMessageIterator*) override { return -1; }
 };
 
 class FailingOperator final : public QOROperatorPrototype {
-   public:
+public:
     FailingOperator() { throw std::runtime_error("no operator today"); }
     int call(const std::string&, QORMessageIterator*, QORMessageIterator*) override { return -1; }
 
-   private:
+private:
     CountedOperator m_part;
 };
 

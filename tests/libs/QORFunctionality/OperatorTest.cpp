@@ -14,13 +14,11 @@ namespace QOR {
 namespace {
 
 class TalkingOperator final : public QOROperatorAsyncPrototype {
-   public:
+public:
     TalkingOperator() {
         static const MethodDescriptor table[] = {
-            method("greet", &TalkingOperator::greet, 100, 0),
-            method("fail", &TalkingOperator::fail, 1, 2),
-            method("break", &TalkingOperator::breakDown, 0, 0),
-            {"", nullptr, 0, 0},
+            method("greet", &TalkingOperator::greet, 100, 0),        method("fail", &TalkingOperator::fail, 1, 2),
+            method("break", &TalkingOperator::breakDown, 0, 0),      {"", nullptr, 0, 0},
             method("behind the end", &TalkingOperator::greet, 0, 0),
         };
         registerMethods(table);

@@ -7,14 +7,16 @@
 namespace QOR {
 namespace {
 
-QOREID eid(const char* text) { return QOREID(QORGUIDBase::parse(text).value()); }
+QOREID eid(const char* text) {
+    return QOREID(QORGUIDBase::parse(text).value());
+}
 
 const QOREID a = eid("aaaaaaaa-0000-0000-0000-000000000001");
 const QOREID b = eid("bbbbbbbb-0000-0000-0000-000000000002");
 
 /// An identifier that another host issued.
 class ForeignSid final : public QORSID {
-   public:
+public:
     bool equals(const QORSID& other) const noexcept override { return this == &other; }
     bool less(const QORSID& other) const noexcept override { return this < &other; }
 };
@@ -22,7 +24,8 @@ class ForeignSid final : public QORSID {
 QORClientContextPtr contextOf(std::initializer_list<QORLocalSID> sids) {
     auto context = std::make_shared<QORClientContext>();
     QORToken::SidSet set;
-    for (const auto& sid : sids) set.insert(std::make_shared<QORLocalSID>(sid));
+    for (const auto& sid : sids)
+        set.insert(std::make_shared<QORLocalSID>(sid));
     context->token = std::make_shared<QORToken>(nullptr, std::move(set));
     return context;
 }
@@ -41,8 +44,8 @@ TEST(ExtractObjId, TakesOnlyPrincipalZeroOfTypeOneOrTwoWithAnEnvironment) {
     EXPECT_EQ(out, a);
     EXPECT_TRUE(extractObjIdFromSID(QORLocalSID(0, 2, b), out));
     EXPECT_EQ(out, b);
-    for (const QORLocalSID& sid : {QORLocalSID(1, 1, a), QORLocalSID(0, 0, a), QORLocalSID(0, 3, a),
-                                   QORLocalSID(0, 1, QOREID())}) {
+    for (const QORLocalSID& sid :
+         {QORLocalSID(1, 1, a), QORLocalSID(0, 0, a), QORLocalSID(0, 3, a), QORLocalSID(0, 1, QOREID())}) {
         EXPECT_FALSE(extractObjIdFromSID(sid, out));
         EXPECT_EQ(out, b);
     }
@@ -56,9 +59,7 @@ TEST(ClientContext, BelongsToTheThreadAndScopesNest) {
     full->fullAccess = true;
     const QORClientContextScope scope(full);
     EXPECT_TRUE(QORAccessChecker::hasFullAccess(QORAccessChecker::getClientContext()));
-    std::thread([] {
-        EXPECT_FALSE(QORAccessChecker::hasFullAccess(QORAccessChecker::getClientContext()));
-    }).join();
+    std::thread([] { EXPECT_FALSE(QORAccessChecker::hasFullAccess(QORAccessChecker::getClientContext())); }).join();
     {
         const QORClientContextScope inner(contextOf({{0, 1, a}}));
         EXPECT_FALSE(QORAccessChecker::hasFullAccess(QORAccessChecker::getClientContext()));

@@ -9,7 +9,7 @@ namespace QOR::testing {
 namespace {
 
 class ASCondition : public DatabaseTest {
-   protected:
+protected:
     void SetUp() override {
         open(
             "CREATE TABLE t (a INT, b NVARCHAR(20));"
@@ -56,7 +56,7 @@ std::optional<bool> negated(std::optional<bool> x) {
 }
 
 class TreeMaker {
-   public:
+public:
     TreeMaker(const ASAttribute& attribute, unsigned seed) : m_attribute(attribute), m_random(seed) {}
 
     Tree leaf() {
@@ -107,7 +107,7 @@ class TreeMaker {
         return result;
     }
 
-   private:
+private:
     static ASAttribute raw(int value) { return {ASAttribute::Raw::Expression, std::to_string(value)}; }
     template <class Operator>
     static Worth compared(int value, Operator op) {

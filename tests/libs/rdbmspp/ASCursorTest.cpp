@@ -150,7 +150,7 @@ TEST_F(DatabaseTest, DoublesComeOutExactly) {
 }
 
 class ASCursorRows : public DatabaseTest {
-   protected:
+protected:
     void SetUp() override {
         open(
             "CREATE TABLE t (id INT, n INT, s NVARCHAR(20), g UNIQUEIDENTIFIER, w DATETIME, d FLOAT);"

@@ -5,7 +5,7 @@ namespace QOR::testing {
 namespace {
 
 class ASSqlText : public DatabaseTest {
-   protected:
+protected:
     void SetUp() override {
         open(
             "CREATE TABLE t (a INT, b NVARCHAR(20), d FLOAT, g UNIQUEIDENTIFIER, w DATETIME, x TEXT);"

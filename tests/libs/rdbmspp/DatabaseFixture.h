@@ -15,13 +15,13 @@
 #include <string>
 #include <vector>
 
-#include "rdbmspp/sql/ASCursor.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "rdbmspp/sql/ASCursor.h"
 
 namespace QOR::testing {
 
 class Folder {
-   public:
+public:
     Folder() {
         std::string name = (std::filesystem::temp_directory_path() / "qor-rdbms-XXXXXX").string();
         if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp");
@@ -35,13 +35,13 @@ class Folder {
     Folder& operator=(const Folder&) = delete;
     std::string file(const std::string& name) const { return (m_path / name).string(); }
 
-   private:
+private:
     std::filesystem::path m_path;
 };
 
 /// The engine itself, without a driver.
 class Engine {
-   public:
+public:
     explicit Engine(const std::string& file) {
         if (sqlite3_open(file.c_str(), &m_db) != SQLITE_OK) throw std::runtime_error("sqlite3_open");
     }
@@ -72,12 +72,12 @@ class Engine {
         return all;
     }
 
-   private:
+private:
     sqlite3* m_db = nullptr;
 };
 
 class DatabaseTest : public ::testing::Test {
-   protected:
+protected:
     static void SetUpTestSuite() { QORRdbms::prepareProcess(); }
     void TearDown() override { QORRdbms::instance().shutdown(); }
 

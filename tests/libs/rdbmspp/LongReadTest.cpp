@@ -11,7 +11,7 @@ constexpr const char* manyRows =
     "INSERT INTO t SELECT i, printf('%0200d', i) FROM r;";
 
 class LongRead : public DatabaseTest {
-   protected:
+protected:
     LongRead() { open(manyRows); }
 
     static std::int64_t count(ASSession& session, const ASDomainPtr& domain) {

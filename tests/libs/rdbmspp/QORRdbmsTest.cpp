@@ -18,7 +18,7 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 class QORRdbmsTest : public DatabaseTest {
-   protected:
+protected:
     static constexpr const char* schema =
         "CREATE TABLE t (a INT, s NVARCHAR(20)); INSERT INTO t VALUES (1, 'one'), (2, 'two');"
         "CREATE VIEW v AS SELECT * FROM t";

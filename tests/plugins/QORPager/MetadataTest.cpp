@@ -14,7 +14,7 @@ namespace {
 
 /// Collects log lines for as long as it lives.
 class LogRecorder {
-   public:
+public:
     LogRecorder() {
         m_level = logLevel();
         setLogLevel(5);
@@ -29,23 +29,32 @@ class LogRecorder {
     }
     std::vector<std::string> lines;
 
-   private:
+private:
     int m_level;
 };
 
 TEST(TypeNames, AreTheWholeTable) {
     const std::pair<const char*, ColumnType> expected[] = {
-        {"char", ColumnType::Char},       {"varchar", ColumnType::VarChar},
-        {"nvarchar", ColumnType::VarChar}, {"datetime", ColumnType::DateTime},
-        {"float", ColumnType::Double},    {"decimal", ColumnType::Double},
-        {"double", ColumnType::Double},   {"bigint", ColumnType::BigInt},
-        {"int", ColumnType::Int},         {"smallint", ColumnType::Int},
-        {"tinyint", ColumnType::Int},     {"bit", ColumnType::Int},
-        {"uniqueidentifier", ColumnType::Guid}, {"text", ColumnType::Blob},
-        {"image", ColumnType::Blob},      {"longblob", ColumnType::Blob},
+        {"char", ColumnType::Char},
+        {"varchar", ColumnType::VarChar},
+        {"nvarchar", ColumnType::VarChar},
+        {"datetime", ColumnType::DateTime},
+        {"float", ColumnType::Double},
+        {"decimal", ColumnType::Double},
+        {"double", ColumnType::Double},
+        {"bigint", ColumnType::BigInt},
+        {"int", ColumnType::Int},
+        {"smallint", ColumnType::Int},
+        {"tinyint", ColumnType::Int},
+        {"bit", ColumnType::Int},
+        {"uniqueidentifier", ColumnType::Guid},
+        {"text", ColumnType::Blob},
+        {"image", ColumnType::Blob},
+        {"longblob", ColumnType::Blob},
         {"binary", ColumnType::Blob},
     };
-    for (const auto& [name, type] : expected) EXPECT_EQ(columnTypeFromName(name), type) << name;
+    for (const auto& [name, type] : expected)
+        EXPECT_EQ(columnTypeFromName(name), type) << name;
     for (const char* const unknown : {"money", "", "Int", "integer", "varchar(20)", "timestamp"}) {
         EXPECT_FALSE(columnTypeFromName(unknown).has_value()) << unknown;
     }
@@ -66,8 +75,8 @@ TEST(ClipNumericType, KeepsNumbersAndMakesTheRestDouble) {
     EXPECT_EQ(SelectStmnt::clipNumericType(ColumnType::Int), ColumnType::Int);
     EXPECT_EQ(SelectStmnt::clipNumericType(ColumnType::BigInt), ColumnType::BigInt);
     EXPECT_EQ(SelectStmnt::clipNumericType(ColumnType::Double), ColumnType::Double);
-    for (const ColumnType type : {ColumnType::VarChar, ColumnType::Char, ColumnType::Guid, ColumnType::Blob,
-                                  ColumnType::DateTime}) {
+    for (const ColumnType type :
+         {ColumnType::VarChar, ColumnType::Char, ColumnType::Guid, ColumnType::Blob, ColumnType::DateTime}) {
         EXPECT_EQ(SelectStmnt::clipNumericType(type), ColumnType::Double);
     }
 }
@@ -143,7 +152,8 @@ class SecurableViews : public ::testing::TestWithParam<Securable> {};
 
 TEST_P(SecurableViews, AreToldApartByTheirColumns) {
     MetaTablesMap views;
-    for (const auto& [name, type] : GetParam().columns) views["vx"].columns.emplace(name, MetaColumn{type, 0});
+    for (const auto& [name, type] : GetParam().columns)
+        views["vx"].columns.emplace(name, MetaColumn{type, 0});
     views["vx"].securityOperationId = 99;
     const LogRecorder log;
     SelectStmnt::validateSecurableViews(views);
@@ -168,44 +178,59 @@ INSTANTIATE_TEST_SUITE_P(
         Securable{"OneObject", {{"securityOperation_7", intType}, {"securableObjId", guidType}}, 7, nullptr},
         Securable{"OperationZeroIsSkipped",
                   {{"securityOperation_0", intType}, {"securityOperation_7", intType}, {"securableObjId", guidType}},
-                  7, nullptr},
+                  7,
+                  nullptr},
         Securable{"FirstInNameOrderWins",
                   {{"securityOperation_9", intType}, {"securityOperation_10", intType}, {"securableObjId", guidType}},
-                  10, nullptr},
-        Securable{"LargestOperation", {{"securityOperation_2000008", intType}, {"securableObjId", guidType}}, 2000008,
+                  10,
+                  nullptr},
+        Securable{"LargestOperation",
+                  {{"securityOperation_2000008", intType}, {"securableObjId", guidType}},
+                  2000008,
                   nullptr},
         Securable{"OperationBeyondTheLargest",
-                  {{"securityOperation_2000009", intType}, {"securableObjId", guidType}}, 0, noOperation},
+                  {{"securityOperation_2000009", intType}, {"securableObjId", guidType}},
+                  0,
+                  noOperation},
         Securable{"OperationBeyond32Bits",
-                  {{"securityOperation_4294967297", intType}, {"securableObjId", guidType}}, 0, noOperation},
-        Securable{"OperationThatIsNoNumber", {{"securityOperation_x", intType}, {"securableObjId", guidType}}, 0,
+                  {{"securityOperation_4294967297", intType}, {"securableObjId", guidType}},
+                  0,
                   noOperation},
-        Securable{"NegativeOperation", {{"securityOperation_-3", intType}, {"securableObjId", guidType}}, 0,
+        Securable{"OperationThatIsNoNumber",
+                  {{"securityOperation_x", intType}, {"securableObjId", guidType}},
+                  0,
                   noOperation},
+        Securable{
+            "NegativeOperation", {{"securityOperation_-3", intType}, {"securableObjId", guidType}}, 0, noOperation},
         Securable{"NumberWithATail", {{"securityOperation_12ab", intType}, {"securableObjId", guidType}}, 12, nullptr},
-        Securable{"PrefixMindsCase", {{"SecurityOperation_1", intType}, {"securableObjId", guidType}}, 0,
-                  noOperation},
+        Securable{"PrefixMindsCase", {{"SecurityOperation_1", intType}, {"securableObjId", guidType}}, 0, noOperation},
         Securable{"NoOperation", {{"securableObjId", guidType}}, 0, noOperation},
         Securable{"NoObject", {{"securityOperation_1", intType}}, 0, neither},
-        Securable{"ObjectThatIsNoGuid", {{"securityOperation_1", intType}, {"securableObjId", intType}}, 0,
+        Securable{"ObjectThatIsNoGuid",
+                  {{"securityOperation_1", intType}, {"securableObjId", intType}},
+                  0,
                   "'securableObjId' field type is not a GUID - DB view 'vx' is not secure."},
         Securable{"SingleObjectHidesTheNumbered",
-                  {{"securityOperation_1", intType}, {"securableObjId", guidType}, {"securableObjId0", intType}}, 1,
+                  {{"securityOperation_1", intType}, {"securableObjId", guidType}, {"securableObjId0", intType}},
+                  1,
                   nullptr},
         Securable{"NumberedObjects",
-                  {{"securityOperation_1", intType}, {"securableObjId0", guidType}, {"securableObjId1", guidType}}, 1,
+                  {{"securityOperation_1", intType}, {"securableObjId0", guidType}, {"securableObjId1", guidType}},
+                  1,
                   nullptr},
         Securable{"RunEndsAtTheFirstGap",
-                  {{"securityOperation_1", intType}, {"securableObjId0", guidType}, {"securableObjId2", intType}}, 1,
+                  {{"securityOperation_1", intType}, {"securableObjId0", guidType}, {"securableObjId2", intType}},
+                  1,
                   nullptr},
         Securable{"NumberedObjectThatIsNoGuid",
-                  {{"securityOperation_1", intType}, {"securableObjId0", guidType}, {"securableObjId1", intType}}, 0,
+                  {{"securityOperation_1", intType}, {"securableObjId0", guidType}, {"securableObjId1", intType}},
+                  0,
                   "'securableObjId1' field type is not a GUID - DB view 'vx' is not secure."},
         Securable{"RunStartsAtZero", {{"securityOperation_1", intType}, {"securableObjId1", guidType}}, 0, neither}),
     [](const auto& tested) { return std::string(tested.param.name); });
 
 class Metadata : public ::testing::Test {
-   protected:
+protected:
     void SetUp() override {
         PeopleDatabase::instance().reopen();
         testing::forgetMetadata();
@@ -283,8 +308,10 @@ TEST_F(Metadata, SeveralThreadsThatLoadAtOnceShareOneMap) {
             map = SelectStmnt::getMetaTablesMap();
         });
     }
-    for (auto& thread : threads) thread.join();
-    for (const auto& map : maps) EXPECT_EQ(map, maps.front());
+    for (auto& thread : threads)
+        thread.join();
+    for (const auto& map : maps)
+        EXPECT_EQ(map, maps.front());
 }
 
 TEST_F(Metadata, DomainsAreSharedByTheViewsOwnName) {

@@ -9,7 +9,7 @@ namespace QOR {
 namespace {
 
 class Module : public ::testing::Test {
-   protected:
+protected:
     void SetUp() override {
         ASSERT_TRUE(names().empty());
         m_library = dlopen(QOR_MODULE_FILE, RTLD_NOW | RTLD_LOCAL);
@@ -19,9 +19,7 @@ class Module : public ::testing::Test {
         if (m_library != nullptr) dlclose(m_library);
         EXPECT_TRUE(names().empty());
     }
-    int call(const char* name) {
-        return reinterpret_cast<int (*)()>(dlsym(m_library, name))();
-    }
+    int call(const char* name) { return reinterpret_cast<int (*)()>(dlsym(m_library, name))(); }
     static std::vector<std::string> names() { return QOROpFactoryRegistry::instance().names(); }
 
     void* m_library = nullptr;
@@ -36,7 +34,8 @@ TEST_F(Module, EntryPointsReturnZeroHoweverOftenAndRegisterNothing) {
         EXPECT_EQ(call("initQORPlugIn"), 0);
         EXPECT_EQ(names().size(), 2U);
     }
-    for (int round = 0; round < 2; ++round) EXPECT_EQ(call("finiQORPlugIn"), 0);
+    for (int round = 0; round < 2; ++round)
+        EXPECT_EQ(call("finiQORPlugIn"), 0);
     EXPECT_EQ(names().size(), 2U);
 }
 

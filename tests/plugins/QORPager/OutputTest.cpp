@@ -8,8 +8,8 @@
 
 #include "PeopleDatabase.h"
 #include "QORCommon/QORException.h"
-#include "QORPager/Operators/QORPagerOperator2.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
+#include "QORPager/Operators/QORPagerOperator2.h"
 
 namespace QOR::testing {
 namespace {
@@ -17,7 +17,7 @@ namespace {
 using Rows = std::vector<std::vector<std::string>>;
 
 class Values : public Pager2Test {
-   protected:
+protected:
     Rows column(const std::string& view, const std::string& name) {
         return valuesOf(client.ask(R"(["select",[["view",")" + view + R"("],["field",")" + name +
                                    R"("],["sort",[["field","id"]]]]])"));
@@ -41,10 +41,9 @@ TEST_F(Values, OfEveryTypeAreWrittenInTheirOwnForm) {
     EXPECT_EQ(column("vPeople", "big"), (Rows{{"5000000000"}, {"-5000000000"}, {"<null>"}, {"7"}}));
     EXPECT_EQ(column("vPeople", "small"), (Rows{{"1"}, {"2"}, {"<null>"}, {"-7"}}));
     EXPECT_EQ(column("vPeople", "guid"), (Rows{{guidA}, {guidB}, {guidC}, {"<null>"}}));
-    EXPECT_EQ(column("vPeople", "born"), (Rows{{"2024-01-01T00:00:00+0000"},
-                                               {"2024-06-30T12:00:00+0000"},
-                                               {"<null>"},
-                                               {"1969-12-31T23:59:58+0000"}}));
+    EXPECT_EQ(
+        column("vPeople", "born"),
+        (Rows{{"2024-01-01T00:00:00+0000"}, {"2024-06-30T12:00:00+0000"}, {"<null>"}, {"1969-12-31T23:59:58+0000"}}));
     EXPECT_EQ(column("vPeople", "price"), (Rows{{"cheap"}, {"10"}, {"<null>"}, {"<null>"}}));
     EXPECT_EQ(column("vPeople", "free"), (Rows{{"x"}, {"y"}, {""}, {"<null>"}}));
 }
@@ -138,9 +137,10 @@ class SqlText : public Pager2Test, public ::testing::WithParamInterface<Golden> 
 
 // QOR_UPDATE_GOLDEN=1 writes the files anew.
 TEST_P(SqlText, IsAsInItsGoldenFile) {
-    const auto as = GetParam().restrictedClient
-                        ? restricted({{0, 1, QOREID(*QORGUIDBase::parse(guidA))}, {0, 2, QOREID(*QORGUIDBase::parse(guidB))}})
-                        : fullAccess();
+    const auto as =
+        GetParam().restrictedClient
+            ? restricted({{0, 1, QOREID(*QORGUIDBase::parse(guidA))}, {0, 2, QOREID(*QORGUIDBase::parse(guidB))}})
+            : fullAccess();
     const QORClientContextScope scope(as);
     QORMessage request;
     readElement(GetParam().body, request);
@@ -162,25 +162,31 @@ INSTANTIATE_TEST_SUITE_P(
     Statements, SqlText,
     ::testing::Values(
         Golden{"Plain", R"(["select",[["view","vPeople"],["field","name"],["field","id"]]])", false},
-        Golden{"Page",
-               R"(["select",[["view","vPeople"],["field","name"],["sort",[["field","id"],["descending"]]],["sort",[["field","born"]]],["limit",[["size","20"],["offset","40"]]]]])",
-               false},
+        Golden{
+            "Page",
+            R"(["select",[["view","vPeople"],["field","name"],["sort",[["field","id"],["descending"]]],["sort",[["field","born"]]],["limit",[["size","20"],["offset","40"]]]]])",
+            false},
         Golden{"Distinct", R"(["select",[["distinct"],["view","vPeople"],["field","flag"]]])", false},
-        Golden{"Grouped",
-               R"(["select",[["view","vPeople"],["field","flag"],["field",[["function",[["name","max"],["field","born"]]]]],["sort",[["field","born"],["descending"]]]]])",
-               false},
-        Golden{"Literals",
-               R"(["select",[["view","vPeople"],["field","id"],["where",[["and",[["eq",[["field","name"],["value","O'Hara"]]],["lt",[["value","5"],["field","small"]]],["ge",[["field","born"],["value","2024-01-01"]]],["ne",[["field","guid"],["value","AAAAAAAA-0000-0000-0000-000000000001"]]],["gt",[["field","score"],["value","1.5"]]]]]]]]])",
-               false},
-        Golden{"Nested",
-               R"(["select",[["view","vPeople"],["field","id"],["where",[["in",[["field","id"],["value","it's"],["select",[["view","vNames"],["field","id"],["where",[["like",[["field","name"],["value","a!%%"],["escape","!"]]]]]]]]]]]]])",
-               false},
-        Golden{"Correlated",
-               R"(["select",[["view","vPeople"],["field","id"],["where",[["in",[["field","id"],["select",[["view","vNames"],["field","id"],["where",[["eq",[["field","guid"],["field","vPeople.guid"]]]]]]]]]]]]])",
-               false},
-        Golden{"RestrictedNested",
-               R"(["select",[["view","vSecurePair"],["field","title"],["where",[["or",[["eq",[["field","title"],["value","a"]]],["in",[["field","title"],["select",[["view","vSecure"],["field","title"]]]]]]]]]]])",
-               true}),
+        Golden{
+            "Grouped",
+            R"(["select",[["view","vPeople"],["field","flag"],["field",[["function",[["name","max"],["field","born"]]]]],["sort",[["field","born"],["descending"]]]]])",
+            false},
+        Golden{
+            "Literals",
+            R"(["select",[["view","vPeople"],["field","id"],["where",[["and",[["eq",[["field","name"],["value","O'Hara"]]],["lt",[["value","5"],["field","small"]]],["ge",[["field","born"],["value","2024-01-01"]]],["ne",[["field","guid"],["value","AAAAAAAA-0000-0000-0000-000000000001"]]],["gt",[["field","score"],["value","1.5"]]]]]]]]])",
+            false},
+        Golden{
+            "Nested",
+            R"(["select",[["view","vPeople"],["field","id"],["where",[["in",[["field","id"],["value","it's"],["select",[["view","vNames"],["field","id"],["where",[["like",[["field","name"],["value","a!%%"],["escape","!"]]]]]]]]]]]]])",
+            false},
+        Golden{
+            "Correlated",
+            R"(["select",[["view","vPeople"],["field","id"],["where",[["in",[["field","id"],["select",[["view","vNames"],["field","id"],["where",[["eq",[["field","guid"],["field","vPeople.guid"]]]]]]]]]]]]])",
+            false},
+        Golden{
+            "RestrictedNested",
+            R"(["select",[["view","vSecurePair"],["field","title"],["where",[["or",[["eq",[["field","title"],["value","a"]]],["in",[["field","title"],["select",[["view","vSecure"],["field","title"]]]]]]]]]]])",
+            true}),
     [](const auto& tested) { return std::string(tested.param.name); });
 
 // ---- the handler ----------------------------------------------------------------------------------------------------
@@ -199,7 +205,7 @@ TEST_F(Values, HandlerRefusesMissingCursors) {
 
 /// A cursor of another class than the one the operator takes.
 class ForeignIterator : public QORMessageIterator {
-   public:
+public:
     explicit ForeignIterator(QORBinaryIterator it) : m_it(it) {}
     QORTag curID() const override { return m_it.curID(); }
     int seekPresence(QORTag id) const override { return m_it.seekPresence(id); }
@@ -221,7 +227,7 @@ class ForeignIterator : public QORMessageIterator {
     int putBinary(const void* data, std::size_t size, QORTag id) override { return m_it.putBinary(data, size, id); }
     int removeChildren(QORTag id) override { return m_it.removeChildren(id); }
 
-   private:
+private:
     QORBinaryIterator m_it;
 };
 
@@ -252,14 +258,14 @@ TEST_F(Values, AResponseThatCannotGrowIsAnErrorAndHoldsNoHalfResult) {
     op.select(&in, &out);
     std::string text;
     writeResponse(response, text);
-    EXPECT_EQ(text,
-              R"({"response":[],"error":{"code":1,"message":"cannot create new child in output message"}})");
+    EXPECT_EQ(text, R"({"response":[],"error":{"code":1,"message":"cannot create new child in output message"}})");
 }
 
-// ---- databases that fail ----------------------------------------------------------------------------------------------
+// ---- databases that fail
+// ----------------------------------------------------------------------------------------------
 
 class FailingDatabase : public ::testing::Test {
-   protected:
+protected:
     ~FailingDatabase() override {
         PeopleDatabase::instance().reopen();
         testing::forgetMetadata();
@@ -378,7 +384,8 @@ TEST_F(FailingDatabase, TwoClientsAtOnceEachGetTheirRows) {
             }
         });
     }
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     EXPECT_EQ(wrong, 0);
 }
 

@@ -69,7 +69,7 @@ create view vNumbers as select id, big, small, name, guid, born, picture from pe
 
 /// One database for all tests of a program.
 class PeopleDatabase {
-   public:
+public:
     PeopleDatabase() : direct(m_folder.path() / "people.db") {
         direct.run(peopleSql);
         reopen();
@@ -82,16 +82,16 @@ class PeopleDatabase {
         return database;
     }
 
-   private:
+private:
     TemporaryFolder m_folder;
 
-   public:
+public:
     DirectDatabase direct;
 };
 
 /// A fixture whose metadata was loaded by a client without full access, as an agent does before it listens.
 class Pager2Test : public ::testing::Test {
-   protected:
+protected:
     Pager2Test() : database(PeopleDatabase::instance()) {
         setLogLevel(0);  // the views have columns of unknown types on purpose
         testing::forgetMetadata();

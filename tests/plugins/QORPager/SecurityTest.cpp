@@ -14,20 +14,23 @@ QORLocalSID sid(const char* guid, int type = 1, int id = 0) {
 
 std::string titles(const std::vector<std::vector<std::string>>& rows) {
     std::string text;
-    for (const auto& row : rows) text += (text.empty() ? "" : " ") + row.at(0);
+    for (const auto& row : rows)
+        text += (text.empty() ? "" : " ") + row.at(0);
     return text;
 }
 
 class RowSecurity : public Pager2Test {
-   protected:
+protected:
     std::string seen(const char* view, const QORClientContextPtr& as) {
-        return titles(valuesOf(client.ask(std::string(R"(["select",[["view",")") + view +
-                                              R"("],["field","title"],["sort",[["field","title"]]]]])",
-                                          as)));
+        return titles(valuesOf(client.ask(
+            std::string(R"(["select",[["view",")") + view + R"("],["field","title"],["sort",[["field","title"]]]]])",
+            as)));
     }
 };
 
-TEST_F(RowSecurity, FullAccessSeesEveryRow) { EXPECT_EQ(seen("vSecure", fullAccess()), "nobody one three two"); }
+TEST_F(RowSecurity, FullAccessSeesEveryRow) {
+    EXPECT_EQ(seen("vSecure", fullAccess()), "nobody one three two");
+}
 
 TEST_F(RowSecurity, AClientSeesTheRowsOfItsIdentities) {
     EXPECT_EQ(seen("vSecure", restricted({sid(guidA)})), "one");
@@ -43,7 +46,9 @@ TEST_F(RowSecurity, OnlyPrincipalZeroOfTypeOneOrTwoCounts) {
     EXPECT_EQ(seen("vSecure", restricted({sid("00000000-0000-0000-0000-000000000000")})), "");
 }
 
-TEST_F(RowSecurity, AClientWithoutIdentitiesSeesNoRow) { EXPECT_EQ(seen("vSecure", restricted({})), ""); }
+TEST_F(RowSecurity, AClientWithoutIdentitiesSeesNoRow) {
+    EXPECT_EQ(seen("vSecure", restricted({})), "");
+}
 
 TEST_F(RowSecurity, AnyObjectColumnLetsARowThrough) {
     EXPECT_EQ(seen("vSecurePair", restricted({sid(guidB)})), "one two");
@@ -70,18 +75,21 @@ TEST_F(RowSecurity, TheRequestsOwnConditionIsKeptWhole) {
 
 TEST_F(RowSecurity, CountsDistinctAndAggregatesAreRestrictedToo) {
     const auto as = restricted({sid(guidA), sid(guidC)});
-    EXPECT_EQ(normalized(client.ask(
-                  R"(["select",[["statistics"],["view","vSecure"],["field","title"],["limit",[["size","1"]]],["sort",[["field","title"]]]]])",
-                  as)),
-              normalized(
-                  R"({"response":[["row_set",[["name","title"],["row",[["value","one"]]],["statistics","1"],["total","2"]]]]})"));
-    EXPECT_EQ(valuesOf(client.ask(
-                  R"(["select",[["view","vSecure"],["field",[["function",[["name","sum"],["field","securityOperation_7"]]]]]]])",
-                  as)),
-              (std::vector<std::vector<std::string>>{{"4"}}));
-    EXPECT_EQ(titles(valuesOf(client.ask(
-                  R"(["select",[["distinct"],["view","vSecure"],["field","title"],["sort",[["field","title"]]]]])", as))),
-              "one three");
+    EXPECT_EQ(
+        normalized(client.ask(
+            R"(["select",[["statistics"],["view","vSecure"],["field","title"],["limit",[["size","1"]]],["sort",[["field","title"]]]]])",
+            as)),
+        normalized(
+            R"({"response":[["row_set",[["name","title"],["row",[["value","one"]]],["statistics","1"],["total","2"]]]]})"));
+    EXPECT_EQ(
+        valuesOf(client.ask(
+            R"(["select",[["view","vSecure"],["field",[["function",[["name","sum"],["field","securityOperation_7"]]]]]]])",
+            as)),
+        (std::vector<std::vector<std::string>>{{"4"}}));
+    EXPECT_EQ(
+        titles(valuesOf(client.ask(
+            R"(["select",[["distinct"],["view","vSecure"],["field","title"],["sort",[["field","title"]]]]])", as))),
+        "one three");
 }
 
 TEST_F(RowSecurity, NestedSelectsAreRestrictedOnTheirOwn) {

@@ -14,7 +14,8 @@ std::string selectWhere(const std::string& condition, const std::string& view = 
 
 std::string idsOf(const std::vector<std::vector<std::string>>& rows) {
     std::string ids;
-    for (const auto& row : rows) ids += (ids.empty() ? "" : " ") + row.at(0);
+    for (const auto& row : rows)
+        ids += (ids.empty() ? "" : " ") + row.at(0);
     return ids;
 }
 
@@ -69,18 +70,16 @@ constexpr Complaint complaints[] = {
     {"BetweenWithFourOperands", R"(["between",[["field","id"],["value","1"],["value","2"],["value","3"]]])", 400,
      "more than three arguments detected"},
     {"IsNullWithoutOperand", R"(["is_null"])", 400, incorrect},
-    {"IsNullWithTwoOperands", R"(["is_null",[["field","id"],["field","id"]]])", 400,
-     "more than one argument detected"},
+    {"IsNullWithTwoOperands", R"(["is_null",[["field","id"],["field","id"]]])", 400, "more than one argument detected"},
     {"InWithoutOperand", R"(["in"])", 400, incorrect},
     {"InWithoutItems", R"(["in",[["field","id"]]])", 400, "no arguments of IN operator"},
     {"InOfASelectElementInFront", R"(["in",[["select"],["value","1"]]])", 400, "incorrect value type"},
     {"OperandOfAnotherTag", R"(["eq",[["name","id"],["value","1"]]])", 400, "incorrect value type"},
-    {"SelectAsOperandOfEqual",
-     R"(["eq",[["field","id"],["select",[["view","vPeople"],["field","id"]]]]])", 400, "incorrect value type"},
+    {"SelectAsOperandOfEqual", R"(["eq",[["field","id"],["select",[["view","vPeople"],["field","id"]]]]])", 400,
+     "incorrect value type"},
     {"FieldWithoutText", R"(["eq",[["field"],["value","1"]]])", 400, "cannot get field name"},
     {"FieldWithChildren", R"(["eq",[["field",[["name","id"]]],["value","1"]]])", 400, "cannot get field name"},
-    {"TextColumnIsABlob", R"(["eq",[["field","note"],["value","x"]]])", 400,
-     "BLOB field can not be in <where> clause"},
+    {"TextColumnIsABlob", R"(["eq",[["field","note"],["value","x"]]])", 400, "BLOB field can not be in <where> clause"},
     {"ImageColumnIsABlob", R"(["is_null",[["field","picture"]]])", 400, "BLOB field can not be in <where> clause"},
     {"BlobInsideAFunction", R"(["eq",[["function",[["name","upper"],["field","note"]]],["value","x"]]])", 400,
      "BLOB field can not be in <where> clause"},
@@ -108,9 +107,8 @@ constexpr Complaint complaints[] = {
     {"NestedSelectWithTwoFields",
      R"(["in",[["field","id"],["select",[["view","vNames"],["field","id"],["field","name"]]]]])", 1,
      "a nested select must have one field, it has 2"},
-    {"NestedSelectsComplaintNamesItsOwnView",
-     R"(["in",[["field","id"],["select",[["view","vNames"],["field","x"]]]]])", 1,
-     "invalid column name \"x\" of view \"vNames\""},
+    {"NestedSelectsComplaintNamesItsOwnView", R"(["in",[["field","id"],["select",[["view","vNames"],["field","x"]]]]])",
+     1, "invalid column name \"x\" of view \"vNames\""},
 };
 
 INSTANTIATE_TEST_SUITE_P(Trees, WhereComplaints, ::testing::ValuesIn([] {
@@ -131,20 +129,20 @@ class WhereLiterals : public Pager2Test, public ::testing::WithParamInterface<Li
 
 TEST_P(WhereLiterals, ThatIsNoValueOfTheColumnsTypeIsRefusedByName) {
     const auto [column, text] = GetParam();
-    const QORResponse answer = readResponse(client.ask(
-        selectWhere(std::string(R"(["eq",[["field",")") + column + R"("],["value",")" + text + R"("]]])")));
+    const QORResponse answer = readResponse(
+        client.ask(selectWhere(std::string(R"(["eq",[["field",")") + column + R"("],["value",")" + text + R"("]]])")));
     ASSERT_TRUE(answer.error.has_value());
     EXPECT_EQ(answer.error->code, 400);
     EXPECT_THAT(answer.error->message, ::testing::HasSubstr(std::string("\"") + text + "\""));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Types, WhereLiterals,
-    ::testing::Values(Literal{"id", "one"}, Literal{"id", ""}, Literal{"id", "1.0"}, Literal{"id", " 1"},
-                      Literal{"id", "2147483648"}, Literal{"small", "0x10"}, Literal{"big", "9223372036854775808"},
-                      Literal{"score", "1,5"}, Literal{"ratio", ""}, Literal{"guid", "1234"},
-                      Literal{"guid", "{aaaaaaaa-0000-0000-0000-000000000001"}, Literal{"born", "2024-02-30"},
-                      Literal{"born", "now"}));
+INSTANTIATE_TEST_SUITE_P(Types, WhereLiterals,
+                         ::testing::Values(Literal{"id", "one"}, Literal{"id", ""}, Literal{"id", "1.0"},
+                                           Literal{"id", " 1"}, Literal{"id", "2147483648"}, Literal{"small", "0x10"},
+                                           Literal{"big", "9223372036854775808"}, Literal{"score", "1,5"},
+                                           Literal{"ratio", ""}, Literal{"guid", "1234"},
+                                           Literal{"guid", "{aaaaaaaa-0000-0000-0000-000000000001"},
+                                           Literal{"born", "2024-02-30"}, Literal{"born", "now"}));
 
 struct Condition {
     const char* name;
@@ -204,8 +202,7 @@ constexpr Condition conditions[] = {
     {"DateEquals", R"(["eq",[["field","born"],["value","2024-01-01"]]])", "born = '2024-01-01 00:00:00'", "1"},
     {"DateWithZone", R"(["eq",[["field","born"],["value","2024-06-30T14:00:00+02:00"]]])",
      "born = '2024-06-30 12:00:00'", "2"},
-    {"DateRange", R"(["ge",[["field","born"],["value","2024-01-01T00:00:01Z"]]])", "born > '2024-01-01 00:00:00'",
-     "2"},
+    {"DateRange", R"(["ge",[["field","born"],["value","2024-01-01T00:00:01Z"]]])", "born > '2024-01-01 00:00:00'", "2"},
     {"DateBeforeTheEpoch", R"(["lt",[["field","born"],["value","1970-01-01"]]])", "born < '1970-01-01'", "10"},
     {"LikePrefix", R"(["like",[["field","name"],["value","A%"]]])", "name like 'A%'", "1"},
     {"LikeIgnoresCaseOfAsciiLetters", R"(["like",[["field","name"],["value","a%"]]])", "name like 'a%'", "1"},
@@ -221,16 +218,15 @@ constexpr Condition conditions[] = {
     {"LikeOfAnIntColumn", R"(["like",[["field","id"],["value","1%"]]])", "id like '1%'", "1 10"},
     {"LikeOfADate", R"(["like",[["field","born"],["value","2024-%"]]])", "born like '2024-%'", "1 2"},
     {"LikeWithColumnAsPattern", R"(["like",[["field","code"],["field","code"]]])", "code like code", "1 2 3 10"},
-    {"LikeWithFunctionAsPattern",
-     R"(["like",[["field","code"],["function",[["name","upper"],["field","code"]]]]])", "code like upper(code)",
-     "1 2 3 10"},
+    {"LikeWithFunctionAsPattern", R"(["like",[["field","code"],["function",[["name","upper"],["field","code"]]]]])",
+     "code like upper(code)", "1 2 3 10"},
     {"LikeOfAValue", R"(["like",[["value","abc"],["value","A%"]]])", "'abc' like 'A%'", "1 2 3 10"},
     {"LikeOfAValueAndColumn", R"(["like",[["value","aa"],["field","code"]]])", "'aa' like code", "1"},
     {"Between", R"(["between",[["field","id"],["value","2"],["value","9"]]])", "id between 2 and 9", "2 3"},
-    {"BetweenOfTexts", R"(["between",[["field","code"],["value","aa"],["value","bb"]]])",
-     "code between 'aa' and 'bb'", "1 2"},
-    {"BetweenColumns", R"(["between",[["value","1"],["field","small"],["field","id"]]])",
-     "'1' between small and id", "1 10"},
+    {"BetweenOfTexts", R"(["between",[["field","code"],["value","aa"],["value","bb"]]])", "code between 'aa' and 'bb'",
+     "1 2"},
+    {"BetweenColumns", R"(["between",[["value","1"],["field","small"],["field","id"]]])", "'1' between small and id",
+     "1 10"},
     {"IsNull", R"(["is_null",[["field","guid"]]])", "guid is null", "10"},
     {"IsNullOfAValue", R"(["is_null",[["value",""]]])", "'' is null", ""},
     {"IsNullOfAFunction", R"(["is_null",[["function",[["name","lower"],["field","free"]]]]])", "lower(free) is null",
@@ -238,8 +234,7 @@ constexpr Condition conditions[] = {
     {"InOfTexts", R"(["in",[["field","name"],["value","Ann"],["value","Cid"],["value","ann"]]])",
      "name in ('Ann','Cid','ann')", "1 3"},
     {"InOfInts", R"(["in",[["field","id"],["value","1"],["value","10"]]])", "id in (1,10)", "1 10"},
-    {"InItemOfAGuidIsNotConverted",
-     R"(["in",[["field","guid"],["value","AAAAAAAA-0000-0000-0000-000000000001"]]])",
+    {"InItemOfAGuidIsNotConverted", R"(["in",[["field","guid"],["value","AAAAAAAA-0000-0000-0000-000000000001"]]])",
      "guid in ('AAAAAAAA-0000-0000-0000-000000000001')", ""},
     {"InItemWithQuote", R"(["in",[["field","name"],["value","50%_of\\it's"]]])", "name in ('50%_of\\it''s')", "10"},
     {"InItemThatIsNoIntIsNoError", R"(["in",[["field","id"],["value","x"],["value","2"]]])", "id in ('x','2')", "2"},
@@ -272,8 +267,7 @@ constexpr Condition conditions[] = {
      "2 3 10"},
     {"NotOfNot", R"(["not",[["not",[["eq",[["field","big"],["value","7"]]]]]]])", "not not big = 7", "10"},
     {"NotOfUnknownIsUnknown", R"(["not",[["eq",[["field","big"],["value","7"]]]]])", "not big = 7", "1 2"},
-    {"NotOfOr",
-     R"(["not",[["or",[["eq",[["field","id"],["value","1"]]],["eq",[["field","id"],["value","3"]]]]]]])",
+    {"NotOfOr", R"(["not",[["or",[["eq",[["field","id"],["value","1"]]],["eq",[["field","id"],["value","3"]]]]]]])",
      "not (id = 1 or id = 3)", "2 10"},
     {"QualifiedColumn", R"(["eq",[["field","VPEOPLE.id"],["value","1"]]])", "p.id = 1", "1"},
     {"EmptyViewNameIsTheOwnView", R"(["eq",[["field",".id"],["value","1"]]])", "id = 1", "1"},
@@ -311,10 +305,8 @@ INSTANTIATE_TEST_SUITE_P(Trees, WhereConditions, ::testing::ValuesIn(conditions)
 // ---- shapes that an engine's own limits would refuse ----------------------------------------------------------------
 
 class WhereShapes : public Pager2Test {
-   protected:
-    std::string idsWhere(const std::string& condition) {
-        return idsOf(valuesOf(client.ask(selectWhere(condition))));
-    }
+protected:
+    std::string idsWhere(const std::string& condition) { return idsOf(valuesOf(client.ask(selectWhere(condition)))); }
     static std::string eqId(const std::string& id) { return R"(["eq",[["field","id"],["value",")" + id + R"("]]])"; }
 };
 
@@ -323,9 +315,9 @@ TEST_F(WhereShapes, ChainsOfAThousandSiblingsWork) {
         std::string chain;
         for (int index = 0; index < 1000; ++index) {
             if (index != 0) chain += ",";
-            chain += operation == std::string("or") ? eqId(std::to_string(index + 3))
-                                                    : R"(["ne",[["field","id"],["value",")" + std::to_string(index + 3) +
-                                                          R"("]]])";
+            chain += operation == std::string("or")
+                         ? eqId(std::to_string(index + 3))
+                         : R"(["ne",[["field","id"],["value",")" + std::to_string(index + 3) + R"("]]])";
         }
         EXPECT_EQ(idsWhere(std::string("[\"") + operation + "\",[" + chain + "]]"),
                   operation == std::string("or") ? "3 10" : "1 2");
@@ -334,7 +326,8 @@ TEST_F(WhereShapes, ChainsOfAThousandSiblingsWork) {
 
 TEST_F(WhereShapes, NotsFortyDeepFoldToTheirParity) {
     std::string condition = eqId("1");
-    for (int depth = 0; depth < 40; ++depth) condition = "[\"not\",[" + condition + "]]";
+    for (int depth = 0; depth < 40; ++depth)
+        condition = "[\"not\",[" + condition + "]]";
     EXPECT_EQ(idsWhere(condition), "1");
     EXPECT_EQ(idsWhere("[\"not\",[" + condition + "]]"), "2 3 10");
 }
@@ -408,11 +401,11 @@ TEST_P(HostileTexts, GiveAnErrorOrNoRowsAndChangeNothing) {
         where + R"(["like",[["field","name"],["value","x"],["escape",)" + text + "]]]]]]]",
         where + R"(["in",[["field","name"],["value",)" + text + "]]]]]]]",
         where + R"(["between",[["field","name"],["value",)" + text + R"(],["value",)" + text + "]]]]]]]",
-        where + R"(["eq",[["function",[["name","upper"],["value",)" + text + R"(]]],["value",")" + "-" +
-            R"("]]]]]]])",
+        where + R"(["eq",[["function",[["name","upper"],["value",)" + text + R"(]]],["value",")" + "-" + R"("]]]]]]])",
         where + R"(["eq",[["function",[["name",)" + text + R"(],["field","name"]]],["value","x"]]]]]]])",
         where + R"(["in",[["field","name"],["select",[["view",)" + text + R"(],["field","name"]]]]]]]]])",
-        where + R"(["in",[["field","name"],["select",[["view","vNames"],["field","name"],["where",[["eq",[["field","name"],["value",)" +
+        where +
+            R"(["in",[["field","name"],["select",[["view","vNames"],["field","name"],["where",[["eq",[["field","name"],["value",)" +
             text + "]]]]]]]]]]]]]",
     };
     const auto before = database.direct.rows("select count(*), (select count(*) from sqlite_master) from people");
@@ -426,10 +419,11 @@ TEST_P(HostileTexts, GiveAnErrorOrNoRowsAndChangeNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Texts, HostileTexts,
-                         ::testing::Values("'", "\"", "''", "' or '1'='1", "\" or \"1\"=\"1", "x'; drop table people; --",
-                                           "x\"; drop table people; --", "id) --", "1 or 1=1", "?", "{fn now()}", "\\'",
-                                           "--", "/*", "';delete from people where ''='", "%s%n", "[id]", "`id`",
-                                           "\xff\xfe", "id\"||\"", "$1", ":x", "@x", "\n\r\t"));
+                         ::testing::Values("'", "\"", "''", "' or '1'='1", "\" or \"1\"=\"1",
+                                           "x'; drop table people; --", "x\"; drop table people; --", "id) --",
+                                           "1 or 1=1", "?", "{fn now()}", "\\'", "--", "/*",
+                                           "';delete from people where ''='", "%s%n", "[id]", "`id`", "\xff\xfe",
+                                           "id\"||\"", "$1", ":x", "@x", "\n\r\t"));
 
 TEST_F(WhereShapes, NulBytesGiveAnErrorOrNoRows) {
     for (const char* const condition : {

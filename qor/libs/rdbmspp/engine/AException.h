@@ -11,7 +11,7 @@ namespace QOR {
 
 /// What went wrong, as the driver told it. Immutable, copyable.
 class QOR_API AException : public std::exception {
-   public:
+public:
     /// \param text the driver's text, or ours
     /// \param sqlState five characters, empty when the failure is ours
     /// \param nativeCode the engine's own code; with SQLite the only one that tells failures apart
@@ -27,7 +27,7 @@ class QOR_API AException : public std::exception {
     int nativeCode() const noexcept { return m_nativeCode; }
     const std::string& statement() const noexcept { return m_statement; }
 
-   private:
+private:
     std::string m_text;
     std::string m_sqlState;
     int m_nativeCode;

@@ -131,8 +131,8 @@ std::string ASDialect::wholeSum(std::string_view expression) const {
     const std::string low = "sum(" + c + " & 4294967295)";
     const std::string high = "(sum(" + c + " >> 32) + (" + low + " >> 32))";
     return "CASE WHEN count(" + c + ") > sum(typeof(" + c + ") = 'integer') THEN total(" + c + ") WHEN " + high +
-           " BETWEEN -2147483648 AND 2147483647 THEN (" + high + " << 32) | (" + low + " & 4294967295) WHEN count(" + c +
-           ") > 0 THEN total(" + c + ") END";
+           " BETWEEN -2147483648 AND 2147483647 THEN (" + high + " << 32) | (" + low + " & 4294967295) WHEN count(" +
+           c + ") > 0 THEN total(" + c + ") END";
 }
 
 // A column without an integer type may hold integers all the same, and a text may look like one.

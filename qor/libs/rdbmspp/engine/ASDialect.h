@@ -25,16 +25,16 @@ struct QOR_API ASDialect {
     const char* noEscape;        ///< what has to follow a pattern without escape character
     const char* nullsAscending;  ///< makes null the smallest value; empty where it is already
     const char* nullsDescending;
-    const char* byteOrder;        ///< makes a text sort by its bytes; empty where it does already
-    const char* queryOnly;        ///< makes a connection refuse to write
-    const char* opaqueBegin;      ///< around a text literal, so that `column = literal` does not make the engine put the
-    const char* opaqueEnd;        ///< literal in the column's place elsewhere; empty where it does not anyway
+    const char* byteOrder;    ///< makes a text sort by its bytes; empty where it does already
+    const char* queryOnly;    ///< makes a connection refuse to write
+    const char* opaqueBegin;  ///< around a text literal, so that `column = literal` does not make the engine put the
+    const char* opaqueEnd;    ///< literal in the column's place elsewhere; empty where it does not anyway
     const char* statementTimeout;  ///< bounds the statements behind it, milliseconds follow, 0 for none; empty where
                                    ///< the layer ends them itself
-    std::size_t maxParameters;    ///< of one statement; further values stand in its text
-    std::size_t maxLikePattern;   ///< bytes; 0: unlimited
-    std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
-    std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited
+    std::size_t maxParameters;     ///< of one statement; further values stand in its text
+    std::size_t maxLikePattern;    ///< bytes; 0: unlimited
+    std::size_t parserDepth;       ///< entries of the parser's stack; 0: unlimited
+    std::size_t expressionDepth;   ///< levels of an expression; 0: unlimited
     /// A select of three columns, view name, column name and declared type, one row for each column of each view.
     const char* viewColumns;
 

@@ -28,7 +28,7 @@ struct OdbcColumn {
 /// A prepared statement. Parameters and columns are bound to memory that it owns and stay so for as long as it fits.
 /// Used by one thread. Indexes begin at 0. Failures are AExceptions.
 class OdbcStatement {
-   public:
+public:
     OdbcStatement(OdbcConnection& connection, std::string sql);
     ~OdbcStatement();
     OdbcStatement(const OdbcStatement&) = delete;
@@ -91,7 +91,7 @@ private:
 /// the calling thread serves: that is a QORException errDeadline, which leaves the connection as good as before.
 /// Failures of the database are told to ASFaults.
 class OdbcConnection {
-   public:
+public:
     /// \param database its name for people, told where the database and not the statement is at fault
     /// \throws AException with the driver's text
     OdbcConnection(const std::string& connectionString, std::string database);
@@ -113,7 +113,7 @@ class OdbcConnection {
     bool isBroken() const noexcept { return m_broken; }
     void setBroken() noexcept { m_broken = true; }
 
-   private:
+private:
     friend class OdbcStatement;
     /// Throws what a return code means; \param rc SQLRETURN \param type of the handle
     void check(int rc, short type, void* handle, const std::string& statement);

@@ -11,7 +11,7 @@ namespace QOR {
 
 /// Names and values in their order; names compare without regard to case, the first of a name counts.
 class OdbcConnectionString {
-   public:
+public:
     /// Reads `name=value;...`; a value in braces may hold semicolons.
     explicit OdbcConnectionString(std::string_view text);
 
@@ -25,7 +25,7 @@ class OdbcConnectionString {
     std::string take(std::string_view name, std::string_view otherwise);
     std::string text() const;
 
-   private:
+private:
     std::vector<std::pair<std::string, std::string>> m_parts;
 };
 

@@ -14,8 +14,9 @@ struct sqlite3;
 namespace QOR {
 
 /// Settles what can be settled only before the engine's first use in a process: no memory statistics (they take one
-/// lock of the whole process at every allocation), no locks of connections (each is used by one thread at a time), names
-/// of files that say how they are to be opened ("file:..."), and that statements end with the request (QORRequestControl) that the thread which runs them serves.
+/// lock of the whole process at every allocation), no locks of connections (each is used by one thread at a time),
+/// names of files that say how they are to be opened ("file:..."), and that statements end with the request
+/// (QORRequestControl) that the thread which runs them serves.
 void prepareSqlite();
 
 /// Something that the engine complained of while the calling thread used it.

@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "rdbmspp/engine/ASDialect.h"
-#include "rdbmspp/sql/ASSqlBuilder.h"
 #include "rdbmspp/engine/OdbcConnection.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "rdbmspp/sql/ASSqlBuilder.h"
 
 namespace QOR {
 
@@ -23,7 +23,7 @@ namespace QOR {
 /// until trim().
 template <class Statement>
 class ASStatementCache {
-   public:
+public:
     struct Entry {
         std::unique_ptr<Statement> statement;
         std::string_view key;  ///< the map's
@@ -52,7 +52,7 @@ class ASStatementCache {
     auto begin() noexcept { return m_entries.begin(); }
     auto end() noexcept { return m_entries.end(); }
 
-   private:
+private:
     struct Hash {
         using is_transparent = void;
         std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
@@ -63,7 +63,7 @@ class ASStatementCache {
 
 /// A cursor's hold on a prepared statement; gives it back to the session's cache, closed and without long values.
 class ASStatementLease {
-   public:
+public:
     using Cache = ASStatementCache<OdbcStatement>;
 
     ASStatementLease() = default;
@@ -82,7 +82,7 @@ class ASStatementLease {
     explicit operator bool() const noexcept { return m_entry || m_own; }
     OdbcStatement* operator->() const noexcept { return m_entry ? m_entry->statement.get() : m_own.get(); }
 
-   private:
+private:
     void release() noexcept {
         if (m_entry) {
             m_entry->statement->giveBack();
@@ -122,8 +122,8 @@ struct ASStatement::Impl {
 /// runs a PRAGMA that sets something, nor an INSERT behind WITH, and does not say so: only cursors' selects go there.
 struct ASConnectionSource {
     std::string string;
-    std::string streamingString;  ///< of connections whose rows come one by one; empty: there are none
-    std::string database;         ///< its name for people
+    std::string streamingString;     ///< of connections whose rows come one by one; empty: there are none
+    std::string database;            ///< its name for people
     std::vector<std::string> setup;  ///< run on each connection first; those of the engine that the driver would
                                      ///< run too, but without telling when one fails
     std::string journal;             ///< the statement that sets its mode; empty where it is left as it is

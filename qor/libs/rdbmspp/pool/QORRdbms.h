@@ -32,7 +32,7 @@ class ASStatement;
 
 /// A connection in use by one thread. Obtained from a transaction; owned by the pool.
 class QOR_API ASSession {
-   public:
+public:
     ASEngine engine() const noexcept;
     /// Runs one statement of the host's own without results (or whose results do not matter).
     void execute(std::string_view sql);
@@ -54,13 +54,13 @@ class QOR_API ASSession {
     ~ASSession();
     Impl& impl() noexcept { return *m_impl; }
 
-   private:
+private:
     std::unique_ptr<Impl> m_impl;
 };
 
 /// A prepared statement with `?` parameters, numbered from 1; result columns are numbered from 1 too.
 class QOR_API ASStatement {
-   public:
+public:
     /// \throws AException for a text with a NUL byte: it would be stored, but read only up to there
     ASStatement& bind(unsigned index, std::string_view text);
     ASStatement& bind(unsigned index, std::int64_t value);
@@ -84,7 +84,7 @@ class QOR_API ASStatement {
     explicit ASStatement(std::unique_ptr<Impl> impl);
     ~ASStatement();
 
-   private:
+private:
     std::unique_ptr<Impl> m_impl;
 };
 
@@ -98,7 +98,7 @@ class QOR_API ASStatement {
 /// programs first. A commit whose synchronisation fails is undone, as the caller is told; until that has succeeded and
 /// reached the disk nothing is written. What lasts of faults is in ASFaults.
 class QOR_API QORRdbms {
-   public:
+public:
     static QORRdbms& instance();
     /// Sets where the database is and makes sure that it can be opened; closes what was open before.
     /// \throws AException naming driver, database and reason
@@ -119,7 +119,7 @@ class QOR_API QORRdbms {
     /// Must run before any ODBC call of the process: settles options of the engine that can be set only once.
     static void prepareProcess();
 
-   private:
+private:
     QORRdbms();
     ~QORRdbms();
     friend class QORRdbmsTran;
@@ -143,7 +143,7 @@ enum class ASAccess {
 /// another one for busyTimeoutMs. A writer that waits for its turn has no connection, and nobody who reads waits for
 /// it.
 class QOR_API QORRdbmsTran {
-   public:
+public:
     explicit QORRdbmsTran(ASAccess access = ASAccess::Read);
     ~QORRdbmsTran();
     QORRdbmsTran(const QORRdbmsTran&) = delete;
@@ -153,7 +153,7 @@ class QOR_API QORRdbmsTran {
     ASSession* operator->() noexcept { return m_session; }
     void commit();
 
-   private:
+private:
     ASSession* m_session = nullptr;
     struct Impl;
     std::unique_ptr<Impl> m_impl;

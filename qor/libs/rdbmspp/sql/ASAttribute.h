@@ -17,7 +17,7 @@ namespace QOR {
 
 /// A view or table that is selected from. Immutable and shared.
 class QOR_API ASDomain {
-   public:
+public:
     /// \param name the exact name in the database; quoted wherever it is rendered
     /// \param secondName an alias under which the columns are qualified, "" for the name itself
     ASDomain(std::string name, std::string secondName);
@@ -26,8 +26,8 @@ class QOR_API ASDomain {
     /// The name by which columns are qualified.
     const std::string& reference() const noexcept { return m_secondName.empty() ? m_name : m_secondName; }
 
-    /// A derived table: selected from as `(sql) AS "alias"`. \param sql a select that this program wrote, never text of a
-    /// client
+    /// A derived table: selected from as `(sql) AS "alias"`. \param sql a select that this program wrote, never text of
+    /// a client
     static std::shared_ptr<const ASDomain> derived(std::string sql, std::string alias) {
         auto domain = std::make_shared<ASDomain>(std::move(alias), std::string());
         domain->m_derivedSql = std::move(sql);
@@ -45,7 +45,7 @@ class QOR_API ASDomain {
     /// False also where nothing is known of the column.
     bool isStored(std::string_view column) const { return m_storedColumns.contains(column); }
 
-   private:
+private:
     std::string m_name;
     std::string m_secondName;
     std::string m_derivedSql;
@@ -56,7 +56,7 @@ using ASDomainPtr = std::shared_ptr<const ASDomain>;
 
 /// A column of a domain, or a raw SQL expression. Cheap to copy (shares its parts).
 class QOR_API ASAttribute {
-   public:
+public:
     /// What a raw expression is, which decides how it is bracketed beside others.
     enum class Raw { Expression, Select };
 
@@ -90,7 +90,7 @@ class QOR_API ASAttribute {
     static ASAttribute Lower(const ASAttribute& attribute);
     static ASAttribute Upper(const ASAttribute& attribute);
 
-   private:
+private:
     friend class ASData;
     friend class ASGroupAttribute;
     friend class ASSqlBuilder;
@@ -118,7 +118,7 @@ QOR_API ASComparison operator<=(const ASAttribute& left, const ASData& right);
 /// not read, minima and maxima are values of the column itself, whatever its type, and a sum beyond 64 bits is a
 /// floating-point number instead of a failure.
 class QOR_API ASGroupAttribute {
-   public:
+public:
     enum class Function { Sum, Average, Min, Max, Count };
 
     ASGroupAttribute();
@@ -131,7 +131,7 @@ class QOR_API ASGroupAttribute {
     Function function() const noexcept;
     std::string Query() const;
 
-   private:
+private:
     friend class ASSqlBuilder;
     struct Impl;
     std::shared_ptr<Impl> m_impl;
@@ -140,7 +140,7 @@ class QOR_API ASGroupAttribute {
 /// A sequence of sort keys; the first is the primary one. Nulls count as smaller than every value, texts order by
 /// bytes, on every engine.
 class QOR_API ASOrder {
-   public:
+public:
     explicit ASOrder(const ASAttribute& attribute);
     explicit ASOrder(const ASGroupAttribute& attribute);
     /// The same keys in descending order.
@@ -148,7 +148,7 @@ class QOR_API ASOrder {
     /// Appends less important keys.
     ASOrder& operator<<(const ASOrder& next);
 
-   private:
+private:
     friend class ASSqlBuilder;
     struct Key;
     std::vector<std::shared_ptr<const Key>> m_keys;

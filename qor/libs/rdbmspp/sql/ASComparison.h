@@ -12,7 +12,7 @@ namespace QOR {
 /// A condition over rows, or none (default-constructed). "a && none" is a; "!none" is none.
 /// Rendered so that every engine takes it: chains of one operator stand flat, a not of a not is the condition itself.
 class QOR_API ASComparison {
-   public:
+public:
     ASComparison();
     /// A condition that this program wrote, such as "1 = 0"; never text of a client.
     explicit ASComparison(std::string sql);
@@ -31,7 +31,7 @@ class QOR_API ASComparison {
     explicit ASComparison(std::shared_ptr<Node> node) noexcept : m_node(std::move(node)) {}
     const std::shared_ptr<Node>& node() const noexcept { return m_node; }
 
-   private:
+private:
     std::shared_ptr<Node> m_node;
 };
 

@@ -43,7 +43,8 @@ constexpr std::size_t heightOfRestriction = 6;
 // "CASE WHEN length(CAST(": what bounds a pattern that is no literal.
 constexpr std::size_t costOfPattern = 9;
 
-/// A condition laid flat, comparisons, chains, nots and guards. Parts stand in one vector, parents before their children.
+/// A condition laid flat, comparisons, chains, nots and guards. Parts stand in one vector, parents before their
+/// children.
 struct Part {
     const Node* node = nullptr;  ///< a comparison; null for chains and nots
     Node::Kind kind = Node::Kind::And;
@@ -86,7 +87,7 @@ std::size_t depthOfTerm(const Node& node) {
 }
 
 class Layout {
-   public:
+public:
     enum class Form { Natural, Turned };
 
     Layout(const Node& root, Form form) : m_form(form) {
@@ -98,7 +99,7 @@ class Layout {
     std::size_t depth() const noexcept { return m_parts.front().depth; }
     std::size_t height() const noexcept { return m_parts.front().height; }
 
-   private:
+private:
     struct Pending {
         const Node* node;
         Index parent;
@@ -344,11 +345,11 @@ void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
 }
 
 class Writer {
-   public:
+public:
     Writer(ASSqlBuilder& builder, const std::vector<Part>& parts) : m_builder(builder), m_parts(parts) {}
     void write();
 
-   private:
+private:
     struct Frame {
         Index part;
         Index child;  ///< the next to write

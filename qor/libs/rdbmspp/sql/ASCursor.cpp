@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "rdbmspp/engine/AException.h"
-#include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
+#include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASRestriction.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
 
@@ -201,8 +201,8 @@ bool ASCursor::Impl::next() {
     return true;
 }
 
-// Whether whole numbers add up beyond 64 bits on the way depends on the order in which the engine meets the rows. What is
-// answered does not: the sums are taken again so that only what they come to in the end counts.
+// Whether whole numbers add up beyond 64 bits on the way depends on the order in which the engine meets the rows. What
+// is answered does not: the sums are taken again so that only what they come to in the end counts.
 void ASCursor::Impl::run() {
     try {
         start(false);

@@ -16,11 +16,11 @@ class ASSession;
 
 /// The list of what is selected. `project << a << b`. Plain columns beside aggregates are grouped by.
 class QOR_API ASProject {
-   public:
+public:
     ASProject& operator<<(const ASAttribute& attribute);
     ASProject& operator<<(const ASGroupAttribute& attribute);
 
-   private:
+private:
     friend class ASFilter;
     friend class ASSqlBuilder;
     friend class ASCursor;
@@ -30,7 +30,7 @@ class QOR_API ASProject {
 };
 
 class QOR_API ASFilter {
-   public:
+public:
     /// Starts an empty projection, without or with removal of equal rows.
     ASProject& Project();
     ASProject& DistinctProject();
@@ -40,7 +40,7 @@ class QOR_API ASFilter {
     /// is asked of none of them, so that no failure of it tells of them.
     void Restrict(const ASComparison& access);
 
-   private:
+private:
     friend class ASSqlBuilder;
     friend class ASCursor;
     ASProject m_project;
@@ -50,7 +50,7 @@ class QOR_API ASFilter {
 
 /// Runs on the session it was made on and must not outlive it. Not shared between threads. Errors: AException.
 class QOR_API ASCursor {
-   public:
+public:
     explicit ASCursor(ASSession& session);
     ~ASCursor();
     ASCursor(const ASCursor&) = delete;
@@ -76,7 +76,7 @@ class QOR_API ASCursor {
     /// Whether values of the object may be of any length: bytes, or a text without a declared length.
     static bool isDocument(const ASData& data) noexcept;
 
-   private:
+private:
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };

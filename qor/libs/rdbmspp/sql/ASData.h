@@ -20,13 +20,13 @@ class ASComparison;
 
 /// Bytes of a binary value. Owns them.
 class RealBlob {
-   public:
+public:
     RealBlob() = default;
     RealBlob(const void* data, std::size_t size) : m_bytes(static_cast<const char*>(data), size) {}
     const char* data() const noexcept { return m_bytes.data(); }
     std::size_t size() const noexcept { return m_bytes.size(); }
 
-   private:
+private:
     std::string m_bytes;
 };
 
@@ -51,7 +51,7 @@ struct ASTextBuffer {
 };
 
 class QOR_API ASData {
-   public:
+public:
     virtual ~ASData();
     ASData(const ASData&) = delete;
     ASData& operator=(const ASData&) = delete;
@@ -86,7 +86,7 @@ class QOR_API ASData {
     static ASComparison LT(const ASData& left, const ASData& right);
     static ASComparison LE(const ASData& left, const ASData& right);
 
-   protected:
+protected:
     enum class State : std::uint8_t { Null, Value, Raw };
     explicit ASData(ASType type) noexcept : m_type(type) {}
 
@@ -100,102 +100,102 @@ using ASDataPtr = std::shared_ptr<ASData>;
 /// Text of variable length. The capacity sizes fetch buffers (characters, terminator included); it never cuts a
 /// value. A capacity of 1 means that no length was declared.
 class QOR_API ASVStr final : public ASData {
-   public:
+public:
     explicit ASVStr(std::size_t capacity) : ASData(ASType::VarChar), m_capacity(capacity) {}
     ASVStr(std::size_t capacity, std::string_view value);
     std::size_t capacity() const noexcept { return m_capacity; }
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
-   private:
+private:
     std::size_t m_capacity;
     std::string m_value;
 };
 
 /// Text of fixed length; otherwise as ASVStr.
 class QOR_API ASStr final : public ASData {
-   public:
+public:
     explicit ASStr(std::size_t capacity) : ASData(ASType::Char), m_capacity(capacity) {}
     ASStr(std::size_t capacity, std::string_view value);
     std::size_t capacity() const noexcept { return m_capacity; }
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
-   private:
+private:
     std::size_t m_capacity;
     std::string m_value;
 };
 
 class QOR_API ASInt final : public ASData {
-   public:
+public:
     ASInt() : ASData(ASType::Int) {}
     explicit ASInt(std::int32_t value);
     std::int32_t value() const noexcept { return m_value; }
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
-   private:
+private:
     std::int32_t m_value = 0;
 };
 
 class QOR_API ASInt64 final : public ASData {
-   public:
+public:
     ASInt64() : ASData(ASType::BigInt) {}
     explicit ASInt64(std::int64_t value);
     std::int64_t value() const noexcept { return m_value; }
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
-   private:
+private:
     std::int64_t m_value = 0;
 };
 
 class QOR_API ASDouble final : public ASData {
-   public:
+public:
     ASDouble() : ASData(ASType::Double) {}
     explicit ASDouble(double value);
     double value() const noexcept { return m_value; }
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
-   private:
+private:
     double m_value = 0;
 };
 
 class QOR_API ASGuid final : public ASData {
-   public:
+public:
     ASGuid() : ASData(ASType::Guid) {}
     explicit ASGuid(const Guid& value);
     const Guid& value() const noexcept;
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
-   private:
+private:
     mutable Guid m_value;
     mutable bool m_unread = false;  ///< what was taken has the usual form, whose number few ask for
 };
 
 class QOR_API ASRealBlob final : public ASData {
-   public:
+public:
     ASRealBlob() : ASData(ASType::Blob) {}
     explicit ASRealBlob(RealBlob value);
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
-   private:
+private:
     RealBlob m_value;
 };
 
 /// Seconds since the epoch, UTC.
 class QOR_API ASTime final : public ASData {
-   public:
+public:
     ASTime() : ASData(ASType::DateTime) {}
     explicit ASTime(std::int64_t seconds);
     std::int64_t value() const noexcept { return m_value; }
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
-   private:
+private:
     std::int64_t m_value = 0;
 };
 

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "rdbmspp/sql/ASCursor.h"
 #include "rdbmspp/engine/ASDialect.h"
+#include "rdbmspp/sql/ASCursor.h"
 #include "rdbmspp/sql/ASValue.h"
 
 namespace QOR {
@@ -26,7 +26,7 @@ enum class ASPurpose : unsigned char {
 /// Writes into a text that it owns. For ASPurpose::Execution the values are listed in the order of their marks; they
 /// point into the conditions rendered, which must outlive their use. Used by one thread.
 class ASSqlBuilder {
-   public:
+public:
     ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose);
     /// Starts again, keeping the memory. \param exactSums sums that do not fail on numbers which add up beyond 64 bits
     /// on the way or in the end; they cost several times as much
@@ -55,7 +55,7 @@ class ASSqlBuilder {
     const std::vector<const ASValue*>& parameters() const noexcept { return m_parameters; }
     const ASDialect& dialect() const noexcept { return m_dialect; }
 
-   private:
+private:
     bool isExecuted() const noexcept { return m_purpose == ASPurpose::Execution || m_purpose == ASPurpose::Streaming; }
     void likeColumn(const ASAttribute& pattern);
     void nestedAggregate(const ASGroupAttribute& attribute);

@@ -14,7 +14,7 @@ inline constexpr const char* pager2SourcePath = "qor/plugins/QORPager/Operators/
 inline constexpr const char* pagerLogModule = "QORPager";
 
 class QORPagerOperatorPrototype2 final : public QOROperatorAsyncPrototype {
-   public:
+public:
     QORPagerOperatorPrototype2();
     ~QORPagerOperatorPrototype2() override;
 

@@ -239,9 +239,9 @@ TEST(ExpressionEvaluator, ReturnedTextsLiveUntilTheNextOne) {
 }
 
 TEST(ExpressionEvaluator, AResultOutlivesWhatItWasReadFrom) {
-    for (const Evaluation evaluation : {&TExpressionEvaluation::evaluate, &TExpressionEvaluation::evaluateSpecial,
-                                        &TExpressionEvaluation::evaluateByMethods,
-                                        &TExpressionEvaluation::evaluateSpecialByMethods}) {
+    for (const Evaluation evaluation :
+         {&TExpressionEvaluation::evaluate, &TExpressionEvaluation::evaluateSpecial,
+          &TExpressionEvaluation::evaluateByMethods, &TExpressionEvaluation::evaluateSpecialByMethods}) {
         TExpressionEvaluation evaluator("q");
         evaluator.setIdentifier("q", "a text that is too long to be kept in place", true);
         (evaluator.*evaluation)();

@@ -6,9 +6,9 @@
 #include "QORPager/Operators/Pager/QOREIDFilter.h"
 #include "QORPager/Operators/Pager/QOREnvPreFilter.h"
 #include "QORPager/Operators/Pager/QORFilterConstants.h"
-#include "QORPager/QORFilterNames.h"
 #include "QORPager/Operators/Pager/QORPage.h"
 #include "QORPager/QORFieldSet.h"
+#include "QORPager/QORFilterNames.h"
 #include "Rows.h"
 #include "support/Pager2Harness.h"
 

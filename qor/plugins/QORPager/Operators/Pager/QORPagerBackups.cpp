@@ -121,8 +121,7 @@ void writeBackUpInfoSqlRow(const QORBackup& backup, QORRowSet& rowSet) {
 void QORPagerOperatorPrototype::selectBackups(QORMessageIterator& response) {
     m_evaluator->setExpression(withoutLower(m_where));
     if (m_evaluator->prepareSpecial()) {
-        addError(&response, PagerErrors, pagerParsingError,
-                 withoutNuls(m_evaluator->getErrorMessage()).c_str());
+        addError(&response, PagerErrors, pagerParsingError, withoutNuls(m_evaluator->getErrorMessage()).c_str());
         return;
     }
     QORRowSet rowSet(response, m_selectFields);

@@ -21,12 +21,12 @@ struct ComparisonForms {
     ASComparison (*mirrored)(const ASAttribute&, const ASData&);
 };
 
-constexpr ComparisonForms formsEq{ASData::EQ, QOR::operator==, QOR::operator==, QOR::operator==};
-constexpr ComparisonForms formsNe{ASData::NE, QOR::operator!=, QOR::operator!=, QOR::operator!=};
+constexpr ComparisonForms formsEq{ASData::EQ, QOR::operator==, QOR::operator==, QOR::operator== };
+constexpr ComparisonForms formsNe{ASData::NE, QOR::operator!=, QOR::operator!=, QOR::operator!= };
 constexpr ComparisonForms formsGt{ASData::GT, QOR::operator>, QOR::operator>, QOR::operator<};
-constexpr ComparisonForms formsGe{ASData::GE, QOR::operator>=, QOR::operator>=, QOR::operator<=};
-constexpr ComparisonForms formsLt{ASData::LT, QOR::operator<, QOR::operator<, QOR::operator>};
-constexpr ComparisonForms formsLe{ASData::LE, QOR::operator<=, QOR::operator<=, QOR::operator>=};
+constexpr ComparisonForms formsGe{ASData::GE, QOR::operator>=, QOR::operator>=, QOR::operator<= };
+constexpr ComparisonForms formsLt{ASData::LT, QOR::operator<, QOR::operator<, QOR::operator> };
+constexpr ComparisonForms formsLe{ASData::LE, QOR::operator<=, QOR::operator<=, QOR::operator>= };
 
 ASComparison compare(const ColumnCell& left, const ColumnCell& right, const ComparisonForms& forms) {
     const auto& leftAttribute = left.getAttr();
@@ -92,12 +92,24 @@ ColumnCell::ColumnCell(std::string text, bool isSql, ASAttribute::Raw kind) {
     }
 }
 
-ASComparison ColumnCell::eq(const ColumnCell& other) const { return compare(*this, other, formsEq); }
-ASComparison ColumnCell::ne(const ColumnCell& other) const { return compare(*this, other, formsNe); }
-ASComparison ColumnCell::gt(const ColumnCell& other) const { return compare(*this, other, formsGt); }
-ASComparison ColumnCell::ge(const ColumnCell& other) const { return compare(*this, other, formsGe); }
-ASComparison ColumnCell::lt(const ColumnCell& other) const { return compare(*this, other, formsLt); }
-ASComparison ColumnCell::le(const ColumnCell& other) const { return compare(*this, other, formsLe); }
+ASComparison ColumnCell::eq(const ColumnCell& other) const {
+    return compare(*this, other, formsEq);
+}
+ASComparison ColumnCell::ne(const ColumnCell& other) const {
+    return compare(*this, other, formsNe);
+}
+ASComparison ColumnCell::gt(const ColumnCell& other) const {
+    return compare(*this, other, formsGt);
+}
+ASComparison ColumnCell::ge(const ColumnCell& other) const {
+    return compare(*this, other, formsGe);
+}
+ASComparison ColumnCell::lt(const ColumnCell& other) const {
+    return compare(*this, other, formsLt);
+}
+ASComparison ColumnCell::le(const ColumnCell& other) const {
+    return compare(*this, other, formsLe);
+}
 
 ASComparison ColumnCell::like(const ColumnCell& pattern, char escape) const {
     if (pattern.m_attribute) return ASAttribute::Like(getAttrValue(), *pattern.m_attribute, escape);
@@ -128,11 +140,17 @@ ASComparison ColumnCell::inList(const std::vector<ColumnCell>& items) const {
     return std::move(condition) || ASAttribute::In(getAttrValue(), list);
 }
 
-ASComparison ColumnCell::isNull() const { return ASAttribute::IsNull(getAttrValue()); }
+ASComparison ColumnCell::isNull() const {
+    return ASAttribute::IsNull(getAttrValue());
+}
 
-std::string ColumnCell::lower() const { return ASAttribute::Lower(getAttrValue()).Query(); }
+std::string ColumnCell::lower() const {
+    return ASAttribute::Lower(getAttrValue()).Query();
+}
 
-std::string ColumnCell::upper() const { return ASAttribute::Upper(getAttrValue()).Query(); }
+std::string ColumnCell::upper() const {
+    return ASAttribute::Upper(getAttrValue()).Query();
+}
 
 std::string ColumnCell::asSQLString() const {
     return m_attribute ? m_attribute->Query() : ASSession::quoteLiteral(m_value);

@@ -17,7 +17,7 @@ namespace QOR {
 /// A view column (possibly aggregated), a literal, or an SQL expression. A value type: copies share what they refer
 /// to, the receiver of fetched values included.
 class ColumnCell {
-   public:
+public:
     /// A column. \param displayName output name, "" for the column's own \param length declared, in characters
     /// \param function aggregating function in any case, "" for none
     /// \throws QORException 1 for an unknown function

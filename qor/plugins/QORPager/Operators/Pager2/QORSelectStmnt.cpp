@@ -119,7 +119,8 @@ void SelectStmnt::restrict(ASFilter& filter) const {
 
 void SelectStmnt::refuseExecution(std::string reason) {
     SelectStmnt* outermost = this;
-    while (outermost->m_parent != nullptr) outermost = outermost->m_parent;
+    while (outermost->m_parent != nullptr)
+        outermost = outermost->m_parent;
     if (outermost->m_refusal.empty()) outermost->m_refusal = std::move(reason);
 }
 
@@ -147,14 +148,15 @@ const std::pair<const std::string, SelectStmnt::MetaColumn>* SelectStmnt::getCol
     return found == m_columns->columns.end() ? nullptr : &*found;
 }
 
-const std::pair<const std::string, SelectStmnt::MetaColumn>& SelectStmnt::getColumnMeta(
-    const std::string& name) const {
+const std::pair<const std::string, SelectStmnt::MetaColumn>& SelectStmnt::getColumnMeta(const std::string& name) const {
     if (const auto* column = getColumnMetaEx(name)) return *column;
-    throwException(errFailure, "invalid column name \"" + name + "\" of view \"" + m_viewName + "\"",
-                   pager2SourcePath, __LINE__);
+    throwException(errFailure, "invalid column name \"" + name + "\" of view \"" + m_viewName + "\"", pager2SourcePath,
+                   __LINE__);
 }
 
-ColumnCell SelectStmnt::getColumn(const std::string& name) const { return getAggrColumn(name, {}, {}); }
+ColumnCell SelectStmnt::getColumn(const std::string& name) const {
+    return getAggrColumn(name, {}, {});
+}
 
 ColumnCell SelectStmnt::getAggrColumn(const std::string& column, const std::string& displayName,
                                       const std::string& function) const {
@@ -198,14 +200,16 @@ ASComparison SelectStmnt::accessCheckExpr(int operationId) const {
         const ColumnCell objects(std::move(list), true);
         std::list<std::string> names;
         getSecurableObjFields(names);
-        for (const std::string& name : names) condition = std::move(condition) || getColumn(name).inOne(objects);
+        for (const std::string& name : names)
+            condition = std::move(condition) || getColumn(name).inOne(objects);
     }
     return condition.empty() ? ASComparison("1 = 0") : condition;
 }
 
 void SelectStmnt::registerOperationId(int operationId) {
     SelectStmnt* outermost = this;
-    while (outermost->m_parent != nullptr) outermost = outermost->m_parent;
+    while (outermost->m_parent != nullptr)
+        outermost = outermost->m_parent;
     outermost->m_operationIds.insert(operationId);
 }
 

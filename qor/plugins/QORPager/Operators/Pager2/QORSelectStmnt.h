@@ -27,7 +27,7 @@ namespace QOR {
 /// Belongs to the thread and the client that made it. A nested select refers to its enclosing one, which must outlive
 /// it. Depth of recursion is that of the request message, which its limits bound.
 class SelectStmnt {
-   public:
+public:
     using MetaColumn = QOR::MetaColumn;
     using MetaColumnsMap = QOR::MetaColumnsMap;
     using MetaTablesMap = QOR::MetaTablesMap;
@@ -88,7 +88,7 @@ class SelectStmnt {
     void registerOperationId(int operationId);
     const std::set<int>& registeredOperationIds() const noexcept { return m_operationIds; }
 
-   private:
+private:
     using OutputFields = std::map<std::string, ColumnCell>;
     using SortColumns = std::map<std::string, std::pair<ColumnCell, bool>>;
 
@@ -144,8 +144,8 @@ class SelectStmnt {
     std::set<int> m_operationIds;
     std::string m_refusal;  ///< why the statement cannot be run though it could be read; of the outermost
 
-    std::string m_viewName;                          ///< as the request spells it
-    std::shared_ptr<const MetaTablesMap> m_views;    ///< keeps m_columns alive
+    std::string m_viewName;                        ///< as the request spells it
+    std::shared_ptr<const MetaTablesMap> m_views;  ///< keeps m_columns alive
     const MetaColumnsMap* m_columns = nullptr;
 };
 

@@ -60,7 +60,9 @@ ViewCaches& caches() {
     return instance;
 }
 
-bool isTextType(ColumnType type) { return type == ColumnType::VarChar || type == ColumnType::Char; }
+bool isTextType(ColumnType type) {
+    return type == ColumnType::VarChar || type == ColumnType::Char;
+}
 
 ColumnType typeOfColumn(const std::string& view, const std::string& column, const std::string& typeName) {
     if (const auto known = columnTypeFromName(typeName)) return *known;
@@ -88,12 +90,14 @@ std::shared_ptr<const MetaTablesMap> loadViews() {
     const SchemaTable row(*transaction);
     ASCursor cursor(*transaction);
     selectAllAttributes(cursor.Filter().Project(), row);
-    while (cursor.Fetch()) addColumn(*views, row);
+    while (cursor.Fetch())
+        addColumn(*views, row);
     if (!SelectStmnt::isSecurityNeeded()) return views;
     SelectStmnt::validateSecurableViews(*views);
     for (auto& [name, view] : *views) {
         std::vector<std::string> columns;
-        for (const auto& [column, meta] : view.columns) columns.push_back(column);
+        for (const auto& [column, meta] : view.columns)
+            columns.push_back(column);
         view.storedColumns = storedColumns(*transaction, view.viewName, columns);
     }
     return views;

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
-#include "QORPager/Operators/QORPagerOperator2.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
+#include "QORPager/Operators/QORPagerOperator2.h"
 
 namespace QOR {
 
@@ -127,7 +127,8 @@ ASComparison SelectStmnt::inExpr(QORBinaryIterator it) {
     firstChild(it);
     const ColumnCell operand = primaryExpr(it);
     std::vector<ColumnCell> items;
-    while (it.nextSibling() == 0) items.push_back(primaryExprIn(it));
+    while (it.nextSibling() == 0)
+        items.push_back(primaryExprIn(it));
     if (items.empty()) refuse("no arguments of IN operator", __LINE__);
     return operand.inList(items);
 }
@@ -162,10 +163,8 @@ ColumnCell SelectStmnt::fieldExpr(const QORBinaryIterator& it) {
     std::string text;
     if (it.getValue(text) != 0) refuse("cannot get field name", __LINE__);
     const std::size_t dot = text.find('.');
-    const SelectStmnt& statement =
-        dot == std::string::npos ? *this : getSelectStmntByName(text.substr(0, dot));
-    const auto& [name, column] =
-        statement.getColumnMeta(dot == std::string::npos ? text : text.substr(dot + 1));
+    const SelectStmnt& statement = dot == std::string::npos ? *this : getSelectStmntByName(text.substr(0, dot));
+    const auto& [name, column] = statement.getColumnMeta(dot == std::string::npos ? text : text.substr(dot + 1));
     if (column.type == ColumnType::Blob) refuse("BLOB field can not be in <where> clause", __LINE__);
     return {statement.m_domain, name, {}, column.type, column.length, {}};
 }
