@@ -5,6 +5,7 @@
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORStoredDocuments.h"
+#include "QORLibAgent/QORBinder.h"
 
 namespace QOR {
 namespace {
@@ -50,40 +51,6 @@ constexpr std::string_view updateBackup =
     "UPDATE qor_backup SET eid = ?, storage_eid = ?, time = ?, size = ?, type = ?, description = ?, name = ?, "
     "hostname = ?, info = ? WHERE id = ?";
 
-/// The parameters of a statement, in order.
-class Binder {
-public:
-    explicit Binder(ASStatement& statement) : m_statement(statement) {}
-
-    Binder& text(std::string_view value) {
-        m_statement.bind(++m_index, value);
-        return *this;
-    }
-    Binder& text(const std::optional<std::string>& value) { return value ? text(std::string_view(*value)) : null(); }
-    Binder& text(const std::string& value) { return text(std::string_view(value)); }
-    Binder& integer(std::int64_t value) {
-        m_statement.bind(++m_index, value);
-        return *this;
-    }
-    Binder& integer(const std::optional<std::int64_t>& value) { return value ? integer(*value) : null(); }
-    Binder& eid(const QOREID& value) { return value.isValid() ? text(value.toString()) : null(); }
-    Binder& time(std::int64_t seconds) { return text(time2dbstr(seconds)); }
-    Binder& time(const std::optional<std::int64_t>& seconds) { return seconds ? time(*seconds) : null(); }
-    Binder& bytes(const std::optional<std::string>& value) {
-        if (!value) return null();
-        m_statement.bindBinary(++m_index, *value);
-        return *this;
-    }
-    Binder& null() {
-        m_statement.bindNull(++m_index);
-        return *this;
-    }
-
-private:
-    ASStatement& m_statement;
-    unsigned m_index = 0;
-};
-
 std::int64_t now() {
     return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
@@ -115,7 +82,7 @@ std::optional<std::string> parameterText(const std::optional<QORInfo>& info, std
 void bindEnvironment(ASStatement& statement, const QOREnvironmentRecord& record) {
     static const QORConfigRecord none;
     const QORConfigRecord& config = record.config ? *record.config : none;
-    Binder(statement)
+    QORBinder(statement)
         .eid(record.parentEid)
         .text(record.title)
         .integer(record.state)
@@ -139,11 +106,11 @@ void bindEnvironment(ASStatement& statement, const QOREnvironmentRecord& record)
         .eid(record.eid);
 }
 
-Binder bindOperation(ASStatement& statement, const QOROperationRecord& record,
-                     const std::optional<std::string>& message) {
+QORBinder bindOperation(ASStatement& statement, const QOROperationRecord& record,
+                        const std::optional<std::string>& message) {
     auto package = parameterText(record.message, "package/name");
     if (!package) package = parameterText(record.message, "package");
-    Binder binder(statement);
+    QORBinder binder(statement);
     binder.text(record.parentId)
         .text(record.op)
         .integer(record.status)
@@ -157,7 +124,7 @@ Binder bindOperation(ASStatement& statement, const QOROperationRecord& record,
 }
 
 void bindBackup(ASStatement& statement, const QORBackupRecord& record) {
-    Binder(statement)
+    QORBinder(statement)
         .eid(record.eid)
         .eid(record.storageEid)
         .time(record.time)
@@ -206,7 +173,7 @@ QORStored RecordWriter::put(const QOREnvironmentRecord& record) {
         update.execute();
         m_replaced["qor_environment"].push_back(record.eid.toString());
         ASStatement& clear = m_session.prepare(deleteAddresses);
-        Binder(clear).eid(record.eid);
+        QORBinder(clear).eid(record.eid);
         clear.execute();
     }
     putAddresses(record.eid, 0, record.config);
@@ -220,7 +187,7 @@ void RecordWriter::putAddresses(const QOREID& eid, std::int64_t source, const st
     std::int64_t position = 0;
     for (const std::string& address : config->addresses) {
         ASStatement& insert = m_session.prepare(insertAddress);
-        Binder(insert).eid(eid).integer(source).integer(position++).text(address);
+        QORBinder(insert).eid(eid).integer(source).integer(position++).text(address);
         insert.execute();
     }
 }
@@ -240,7 +207,7 @@ QORStored RecordWriter::put(const QOROperationRecord& record) {
     --m_lastOperation;  // the number was not used: the operation keeps that of its first arrival
     const std::int64_t kept = discount(record.id);
     ASStatement& clear = m_session.prepare(deleteTouched);
-    Binder(clear).integer(kept);
+    QORBinder(clear).integer(kept);
     clear.execute();
     ASStatement& update = m_session.prepare(updateOperation);
     bindOperation(update, record, message);
@@ -252,7 +219,7 @@ QORStored RecordWriter::put(const QOROperationRecord& record) {
 
 bool RecordWriter::isEqual(const QOROperationRecord& record, const std::optional<std::string>& message) {
     ASStatement& select = m_session.prepare(selectOperation);
-    Binder(select).text(record.id);
+    QORBinder(select).text(record.id);
     select.execute();
     const bool equal = select.fetch() && select.integer(2) == record.status && select.isNull(3) == !message &&
                        (!message || select.text(3) == *message);
@@ -262,7 +229,7 @@ bool RecordWriter::isEqual(const QOROperationRecord& record, const std::optional
 
 std::int64_t RecordWriter::discount(const std::string& operationId) {
     ASStatement& select = m_session.prepare(selectOperation);
-    Binder(select).text(operationId);
+    QORBinder(select).text(operationId);
     select.execute();
     if (!select.fetch()) throw AException("an operation that is there cannot be found");
     const std::int64_t sequence = select.integer(1);
@@ -275,7 +242,7 @@ std::int64_t RecordWriter::discount(const std::string& operationId) {
     if (!m_counters.counts() || time2dbstr(time) != stored) return sequence;
     std::vector<QOREID> eids;
     ASStatement& touched = m_session.prepare(selectTouched);
-    Binder(touched).integer(sequence);
+    QORBinder(touched).integer(sequence);
     touched.execute();
     while (touched.fetch()) {
         QOREID eid;
@@ -291,7 +258,7 @@ void RecordWriter::putTouched(std::int64_t operation, const QOROperationRecord& 
     if (record.eids.size() > 1) return putManyTouched(operation, record);
     if (record.eids.empty()) return;
     ASStatement& insert = m_session.prepare(insertTouched);
-    Binder(insert).integer(operation).integer(0).eid(record.eid).time(record.time).eid(record.eids.front());
+    QORBinder(insert).integer(operation).integer(0).eid(record.eid).time(record.time).eid(record.eids.front());
     insert.execute();
 }
 
@@ -304,7 +271,7 @@ void RecordWriter::putManyTouched(std::int64_t operation, const QOROperationReco
     }
     json += ']';
     ASStatement& insert = m_session.prepare(insertManyTouched);
-    Binder(insert).integer(operation).eid(record.eid).time(record.time).text(json);
+    QORBinder(insert).integer(operation).eid(record.eid).time(record.time).text(json);
     insert.execute();
 }
 
@@ -322,7 +289,7 @@ QORStored RecordWriter::put(const QOREventRecord& record) {
     m_counters.begin();
     const std::int64_t sequence = nextSequence(m_lastEvent, lastEvent);
     ASStatement& insert = m_session.prepare(insertEvent);
-    Binder(insert)
+    QORBinder(insert)
         .integer(sequence)
         .time(record.time)
         .eid(record.eid)

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sqlite3.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +18,7 @@
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/AgentProcess.h"
 #include "support/HttpClient.h"
+#include "support/SqliteFile.h"
 
 namespace QOR {
 namespace {
@@ -26,6 +26,7 @@ namespace {
 using test::AgentProcess;
 using test::AgentSettings;
 using test::HttpClient;
+using test::SqliteFile;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
@@ -34,36 +35,11 @@ std::string event(const std::string& source) {
     return R"({"kind":"event","time":1,"category":"env_status","source":")" + source + "\"}\n";
 }
 
-/// The engine itself, beside the agent.
-class Engine {
-public:
-    explicit Engine(const std::filesystem::path& file) {
-        if (sqlite3_open(file.c_str(), &m_db) != SQLITE_OK) throw std::runtime_error("sqlite3_open");
-    }
-    ~Engine() { sqlite3_close(m_db); }
-    Engine(const Engine&) = delete;
-    Engine& operator=(const Engine&) = delete;
-
-    void run(const std::string& sql) {
-        if (sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-            throw std::runtime_error(sqlite3_errmsg(m_db));
-        }
-    }
-    /// The sources of all events, one behind the other.
-    std::string events() {
-        std::string all;
-        sqlite3_stmt* statement = nullptr;
-        sqlite3_prepare_v2(m_db, "SELECT source FROM qor_event ORDER BY seq", -1, &statement, nullptr);
-        while (sqlite3_step(statement) == SQLITE_ROW)
-            all +=
-                std::string(all.empty() ? "" : " ") + reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
-        sqlite3_finalize(statement);
-        return all;
-    }
-
-private:
-    sqlite3* m_db = nullptr;
-};
+/// The sources of all events, one behind the other.
+std::string eventsIn(const std::filesystem::path& file) {
+    return SqliteFile(file).cell(
+        "SELECT coalesce(group_concat(source, ' '), '') FROM (SELECT source FROM qor_event ORDER BY seq)");
+}
 
 std::size_t occurrences(const std::string& text, const std::string& part) {
     std::size_t number = 0;
@@ -119,7 +95,7 @@ TEST_F(FailingDisk, WhatCouldNotBeSynchronisedIsNotThereAfterACrash) {
     EXPECT_THAT(read(), AllOf(HasSubstr("before"), Not(HasSubstr("lost"))));
     agent->kill();
     work();
-    EXPECT_EQ(Engine(agent->databasePath()).events(), "before");
+    EXPECT_EQ(eventsIn(agent->databasePath()), "before");
 }
 
 TEST_F(FailingDisk, WhatCouldNotBeSynchronisedIsNotThereWhenTheDiskWorksAgain) {
@@ -131,7 +107,7 @@ TEST_F(FailingDisk, WhatCouldNotBeSynchronisedIsNotThereWhenTheDiskWorksAgain) {
     EXPECT_THAT(health(), HasSubstr(R"("status":"ok")"));
     EXPECT_THAT(agent->log(), HasSubstr("the database works again"));
     agent->kill();
-    EXPECT_EQ(Engine(agent->databasePath()).events(), "before after");
+    EXPECT_EQ(eventsIn(agent->databasePath()), "before after");
 }
 
 TEST_F(FailingDisk, AFullDiskIsSaidOnceAndUntilAWriteSucceeds) {
@@ -171,7 +147,7 @@ TEST(AgentFaults, ALockThatIsKeptIsHeard) {
     AgentProcess agent({.more = {"--deadline", "6"}});
     HttpClient client(agent.socketPath());
     {
-        Engine locker(agent.databasePath());
+        SqliteFile locker(agent.databasePath());
         locker.run("BEGIN IMMEDIATE");
         EXPECT_THAT(client.post("/v1/records", event("late")).body, HasSubstr("database is locked"));
         EXPECT_THAT(client.get("/v1/health").body,
@@ -184,7 +160,7 @@ TEST(AgentFaults, ALockThatIsKeptIsHeard) {
 
 TEST(AgentFaults, ReadersAndHealthGoOnWhileAllWritersWait) {
     AgentProcess agent;
-    Engine locker(agent.databasePath());
+    SqliteFile locker(agent.databasePath());
     locker.run("BEGIN IMMEDIATE");
     std::vector<HttpClient> writers;
     for (int number = 0; number < 40; ++number) {
@@ -328,7 +304,7 @@ TEST_F(ReadOnlyFileSystem, ADatabaseWithoutALogIsRead) {
 TEST_F(ReadOnlyFileSystem, ALogThatCannotBeReadIsNamedWithWhatToDo) {
     const std::string file = (disk->path() / "a b%c?.db").string();
     {
-        Engine engine(file);
+        SqliteFile engine(file);
         engine.run("UPDATE qor_event SET source = 'changed'");
         std::filesystem::copy_file(file + "-wal", file + "-kept");
     }

@@ -120,11 +120,12 @@ private:
     std::vector<std::string> m_handled;
 };
 
-class HttpServerTest : public testing::Test {
+/// A server with an application of the test's, from start() to stop() or the test's end.
+template <class Application>
+class HttpServing : public testing::Test {
 protected:
-    HttpServerTest() { options.socketPath = directory / "http.sock"; }
-    ~HttpServerTest() override {
-        application.gate.open();
+    HttpServing() { options.socketPath = directory / "http.sock"; }
+    ~HttpServing() override {
         if (server) stop();
     }
 
@@ -132,12 +133,26 @@ protected:
         server = std::make_unique<HttpServer>(options, application);
         result = std::async(std::launch::async, [this] { return server->run(); });
     }
+    /// \returns whether everything in flight was answered
     bool stop() {
         server->stop();
         const bool answered = result.get();
         server.reset();
         return answered;
     }
+    HttpClient connect() const { return HttpClient(options.socketPath.string()); }
+
+    TemporaryDirectory directory;
+    HttpServerOptions options;
+    Application application;
+    std::unique_ptr<HttpServer> server;
+    std::future<bool> result;
+};
+
+class HttpServerTest : public HttpServing<EchoApplication> {
+protected:
+    ~HttpServerTest() override { application.gate.open(); }
+
     /// A connection that the server has accepted as that identity.
     HttpClient connectAs(const std::string& key, bool reserved = false) {
         application.setIdentity({key, reserved});
@@ -145,13 +160,6 @@ protected:
         if (client.get("/now").status != 200) throw std::runtime_error(key + " was not let in");
         return client;
     }
-    HttpClient connect() const { return HttpClient(options.socketPath.string()); }
-
-    TemporaryDirectory directory;
-    HttpServerOptions options;
-    EchoApplication application;
-    std::unique_ptr<HttpServer> server;
-    std::future<bool> result;
 };
 
 }  // namespace QOR::test

@@ -52,9 +52,8 @@ TEST_F(HttpServerTest, HandlerGoesWhenItsClientDoes) {
         HttpClient client = connect();
         client.get("/");
     }
-    while (application.gone == 0)
+    while (application.gone == 0 || server->connections() != 0)  // in either order
         std::this_thread::yield();
-    EXPECT_EQ(server->connections(), 0U);
 }
 
 TEST_F(HttpServerTest, TheSystemVouchesForThePeer) {

@@ -10,10 +10,8 @@
 #include <string>
 #include <thread>
 
+#include "HttpServerFixture.h"
 #include "QORCommon/QORRequestControl.h"
-#include "agent/http/HttpServer.h"
-#include "support/HttpClient.h"
-#include "support/TemporaryDirectory.h"
 
 namespace QOR {
 namespace {
@@ -77,24 +75,8 @@ private:
     };
 };
 
-class HttpStream : public testing::Test {
+class HttpStream : public test::HttpServing<StreamApplication> {
 protected:
-    HttpStream() { options.socketPath = directory / "http.sock"; }
-    ~HttpStream() override {
-        if (server) stop();
-    }
-    void start() {
-        server = std::make_unique<HttpServer>(options, application);
-        result = std::async(std::launch::async, [this] { return server->run(); });
-    }
-    bool stop() {
-        server->stop();
-        const bool answered = result.get();
-        server.reset();
-        return answered;
-    }
-    HttpClient connect() const { return HttpClient(options.socketPath.string()); }
-
     /// How many pieces have left when no more do.
     int awaitStandstill() {
         int before = -1;
@@ -104,12 +86,6 @@ protected:
         }
         return before;
     }
-
-    test::TemporaryDirectory directory;
-    HttpServerOptions options;
-    StreamApplication application;
-    std::unique_ptr<HttpServer> server;
-    std::future<bool> result;
 };
 
 TEST_F(HttpStream, ArrivesWholeInChunksAndTheConnectionGoesOn) {

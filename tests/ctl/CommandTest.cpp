@@ -1,6 +1,5 @@
 // Every command, end to end: against a real agent over its socket, and with the host in its own process.
 #include <pty.h>
-#include <sqlite3.h>
 #include <sys/ioctl.h>
 
 #include <fstream>
@@ -11,6 +10,7 @@
 #include "ctl/CtlProcess.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/AgentProcess.h"
+#include "support/SqliteFile.h"
 
 namespace QOR::test {
 namespace {
@@ -31,14 +31,6 @@ const std::string records =
 {"kind":"operation","id":"b","op":"remove","status":7,"time":"2024-01-02 10:00:00","eid":"11111111-1111-1111-1111-111111111111"}
 {"kind":"operation","id":"c","op":"install","status":0,"time":"2024-01-03 10:00:00","eid":"22222222-2222-2222-2222-222222222222"}
 )";
-
-/// Runs statements on a database file behind the back of whoever serves it.
-void runOnFile(const std::filesystem::path& file, const std::string& sql) {
-    sqlite3* database = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
-    sqlite3_close(database);
-}
 
 enum class Way { Agent, Standalone };
 
@@ -92,9 +84,10 @@ TEST_P(Command, StatusTellsOfTheDatabaseAndWhatCannotBeReadInIt) {
     EXPECT_THAT(sound, HasSubstr("engine,SQLite\r\n"));
     EXPECT_THAT(sound, EndsWith("unreadable documents,0\r\n"));
     EXPECT_EQ(m_agent.has_value(), sound.find("agent,ok\r\n") != std::string::npos) << sound;
-    runOnFile(m_agent ? m_agent->databasePath() : m_directory / "own.db",
-              "INSERT INTO qor_unreadable_document VALUES ('qor_backup', 'info', 1), ('qor_backup', 'info', 2), "
-              "('qor_event', 'info', 1)");
+    SqliteFile(m_agent ? m_agent->databasePath() : m_directory / "own.db")
+        .run(
+            "INSERT INTO qor_unreadable_document VALUES ('qor_backup', 'info', 1), ('qor_backup', 'info', 2), "
+            "('qor_event', 'info', 1)");
     EXPECT_THAT(
         outputOf({"status", "-o", "csv"}),
         EndsWith("unreadable documents,3\r\nunreadable in qor_backup.info,2\r\nunreadable in qor_event.info,1\r\n"));
@@ -104,7 +97,7 @@ TEST(Agent, SaysAtItsStartWhichDocumentsCannotBeRead) {
     AgentProcess agent;
     EXPECT_THAT(agent.log(), testing::Not(HasSubstr("cannot be read")));
     agent.stop();
-    runOnFile(agent.databasePath(), "INSERT INTO qor_unreadable_document VALUES ('qor_backup', 'info', 1)");
+    SqliteFile(agent.databasePath()).run("INSERT INTO qor_unreadable_document VALUES ('qor_backup', 'info', 1)");
     agent.start();
     EXPECT_THAT(agent.log(), HasSubstr("stored documents that cannot be read: 1 in qor_backup.info"));
 }

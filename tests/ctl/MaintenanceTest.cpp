@@ -1,6 +1,4 @@
 // Looking after the database: check and prune, over a real agent and in qorctl's own process, and what an agent keeps.
-#include <sqlite3.h>
-
 #include <chrono>
 #include <optional>
 #include <string>
@@ -9,6 +7,7 @@
 
 #include "ctl/CtlProcess.h"
 #include "support/AgentProcess.h"
+#include "support/SqliteFile.h"
 
 namespace QOR::test {
 namespace {
@@ -16,21 +15,6 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 using Words = std::vector<std::string>;
-
-/// Runs statements on a database file behind the back of whoever serves it. \returns the first cell of the last row
-std::string onFile(const std::filesystem::path& file, const std::string& sql) {
-    sqlite3* database = nullptr;
-    EXPECT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-    sqlite3_busy_timeout(database, 10000);
-    std::string cell;
-    const auto take = [](void* into, int, char** cells, char**) {
-        *static_cast<std::string*>(into) = cells[0] == nullptr ? "" : cells[0];
-        return 0;
-    };
-    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), take, &cell, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
-    sqlite3_close(database);
-    return cell;
-}
 
 enum class Way { Agent, Standalone };
 
@@ -76,9 +60,9 @@ TEST_P(Maintenance, ASoundDatabaseHasNoFaults) {
 }
 
 TEST_P(Maintenance, FaultsAreFoundAndMended) {
-    onFile(file(),
-           "DROP TRIGGER qor_operation_gone; DELETE FROM qor_operation WHERE seq % 2 = 0; DROP INDEX qor_event_time; "
-           "UPDATE qor_backup SET info = '<info>'");
+    SqliteFile(file()).run(
+        "DROP TRIGGER qor_operation_gone; DELETE FROM qor_operation WHERE seq % 2 = 0; DROP INDEX qor_event_time; "
+        "UPDATE qor_backup SET info = '<info>'");
     const CtlResult found = run({"check"});
     EXPECT_EQ(found.status, 1);
     EXPECT_THAT(found.out, HasSubstr("schema: qor_operation_gone is missing or not what it was\n"));
@@ -91,7 +75,7 @@ TEST_P(Maintenance, FaultsAreFoundAndMended) {
     EXPECT_EQ(mended.status, 1) << "a document that has no end is still there";
     EXPECT_THAT(mended.out, HasSubstr("counted wrong (mended)\n"));
     EXPECT_THAT(mended.err, HasSubstr("1 fault cannot be mended"));
-    onFile(file(), "UPDATE qor_backup SET info = NULL");
+    SqliteFile(file()).run("UPDATE qor_backup SET info = NULL");
     const CtlResult after = run({"check"});
     EXPECT_EQ(after.status, 0) << after.out << after.err;
     EXPECT_EQ(lastTwo(1500), "pager.op_log.id\r\no2\r\no0\r\n");
@@ -104,21 +88,21 @@ TEST_P(Maintenance, PruningRemovesWhatIsOlderAndThePagesAfterItAreRight) {
     EXPECT_THAT(result.out, HasSubstr("operations: 2000 removed\nevents: 2000 removed\nspace: "));
     EXPECT_THAT(result.out, Not(HasSubstr("backups")));
     EXPECT_EQ(lastTwo(1000), "pager.op_log.id\r\no2001\r\no2000\r\n");
-    EXPECT_EQ(onFile(file(), "SELECT count(*) FROM qor_operation_environment"), "1000");
+    EXPECT_EQ(SqliteFile(file()).cell("SELECT count(*) FROM qor_operation_environment"), "1000");
     EXPECT_EQ(run({"check"}).status, 0);
     EXPECT_THAT(run({"prune", "--before", "1h"}).out,
                 HasSubstr("operations: 1000 removed\nevents: 1000 removed\nbackups: 1 removed\n"));
-    EXPECT_EQ(
-        onFile(file(), "SELECT (SELECT count(*) FROM qor_operation_count) + (SELECT count(*) FROM qor_event_count)"),
-        "0");
+    EXPECT_EQ(SqliteFile(file()).cell(
+                  "SELECT (SELECT count(*) FROM qor_operation_count) + (SELECT count(*) FROM qor_event_count)"),
+              "0");
     EXPECT_EQ(run({"check"}).status, 0);
 }
 
 TEST_P(Maintenance, PrunedSpaceIsGivenBack) {
-    const int before = std::stoi(onFile(file(), "PRAGMA page_count"));
+    const int before = std::stoi(SqliteFile(file()).cell("PRAGMA page_count"));
     ASSERT_EQ(run({"prune", "--before", "1s"}).status, 0);
-    EXPECT_EQ(onFile(file(), "PRAGMA freelist_count"), "0");
-    EXPECT_LT(std::stoi(onFile(file(), "PRAGMA page_count")), before / 3);
+    EXPECT_EQ(SqliteFile(file()).cell("PRAGMA freelist_count"), "0");
+    EXPECT_LT(std::stoi(SqliteFile(file()).cell("PRAGMA page_count")), before / 3);
 }
 
 TEST_P(Maintenance, WhatCannotBeMeantIsRefused) {
@@ -128,7 +112,7 @@ TEST_P(Maintenance, WhatCannotBeMeantIsRefused) {
         EXPECT_EQ(result.status, 2) << before;
         EXPECT_THAT(result.err, HasSubstr("is neither a time"));
     }
-    EXPECT_EQ(onFile(file(), "SELECT count(*) FROM qor_operation"), "3000");
+    EXPECT_EQ(SqliteFile(file()).cell("SELECT count(*) FROM qor_operation"), "3000");
 }
 
 INSTANTIATE_TEST_SUITE_P(Ways, Maintenance, testing::Values(Way::Agent, Way::Standalone),
@@ -140,16 +124,14 @@ TEST(LongMaintenance, HasNoDeadlineWhileOtherRequestsHaveOne) {
     const AgentProcess agent(settings);
     const Words where{"--socket", agent.socketPath()};
     ASSERT_EQ(runCtl({"sample", "--operations", "10", where[0], where[1]}).status, 0);
-    sqlite3* other = nullptr;
-    ASSERT_EQ(sqlite3_open(agent.databasePath().c_str(), &other), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
-    std::thread release([other] {
+    SqliteFile other(agent.databasePath());
+    other.run("BEGIN IMMEDIATE");
+    std::thread release([&other] {
         std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-        sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+        other.run("ROLLBACK");
     });
     const CtlResult pruned = runCtl({"prune", "--before", "2100-01-01", "--operations", where[0], where[1]});
     release.join();
-    sqlite3_close(other);
     EXPECT_EQ(pruned.status, 0) << pruned.err;
     EXPECT_THAT(pruned.out, HasSubstr("operations: 10 removed"));
 }
@@ -165,7 +147,8 @@ TEST(Retention, AnAgentKeepsAsMuchAsItIsTold) {
     settings.more = {"--keep-records", "200"};
     const AgentProcess agent(settings);
     const auto counts = [&] {
-        return onFile(file, "SELECT (SELECT count(*) FROM qor_operation) || ' ' || (SELECT count(*) FROM qor_event)");
+        return SqliteFile(file).cell(
+            "SELECT (SELECT count(*) FROM qor_operation) || ' ' || (SELECT count(*) FROM qor_event)");
     };
     while (counts() != "200 200")
         std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -1,7 +1,5 @@
 #include "agent/api/AgentApplication.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +15,7 @@
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORMessage/QORNotation.h"
+#include "agent/api/AgentJson.h"
 #include "agent/api/AgentMaintenance.h"
 #include "agent/api/AgentRecords.h"
 #include "host/QORHost.h"
@@ -35,16 +34,6 @@ constexpr unsigned notFound = 404;
 constexpr unsigned methodNotAllowed = 405;
 constexpr unsigned failed = 500;
 constexpr unsigned unavailable = 503;
-
-using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
-
-void writeText(JsonWriter& json, std::string_view text) {
-    json.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
-void writeKey(JsonWriter& json, std::string_view key) {
-    json.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
-}
 
 HttpReply errorReply(unsigned status, int code, std::string_view message) {
     HttpReply reply{status, {}};

@@ -1,8 +1,5 @@
 #include "agent/api/AgentMaintenance.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <map>
@@ -12,14 +9,14 @@
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
+#include "agent/api/AgentJson.h"
 #include "host/QORMaintenance.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/agent/AgentMaintenance";
+constexpr const char* sourcePath = "qor/agent/api/AgentMaintenance";
 
-using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 using Parameters = std::map<std::string, std::string, std::less<>>;
 
 Parameters readParameters(std::string_view query, const std::set<std::string_view>& known) {
@@ -72,7 +69,7 @@ std::string runCheck(std::string_view query) {
     for (const QORCheckFinding& finding : findings) {
         json.StartObject();
         json.Key("text");
-        json.String(finding.text.data(), static_cast<rapidjson::SizeType>(finding.text.size()));
+        writeText(json, finding.text);
         json.Key("mended");
         json.Bool(finding.mended);
         json.EndObject();

@@ -1,13 +1,11 @@
 #include "agent/api/AgentRecords.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <algorithm>
 #include <cstdint>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
+#include "agent/api/AgentJson.h"
 #include "host/QORPlainNumber.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"
@@ -15,13 +13,7 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/agent/AgentRecords";
-
-using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
-
-void writeText(JsonWriter& json, std::string_view text) {
-    json.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
+constexpr const char* sourcePath = "qor/agent/api/AgentRecords";
 
 void writeNumber(JsonWriter& json, const char* key, std::uint64_t value) {
     json.Key(key);

@@ -6,6 +6,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORTime.h"
+#include "QORLibAgent/QORBinder.h"
 
 namespace QOR {
 namespace {
@@ -130,24 +131,6 @@ std::string boundText(std::int64_t second) {
     return time2dbstr(std::clamp(second, firstSecond, lastSecond));
 }
 
-class Binder {
-public:
-    explicit Binder(ASStatement& statement) : m_statement(statement) {}
-    Binder& text(std::string_view value) {
-        m_statement.bind(++m_index, value);
-        return *this;
-    }
-    Binder& number(std::int64_t value) {
-        m_statement.bind(++m_index, value);
-        return *this;
-    }
-    Binder& span(std::int64_t from, std::int64_t to) { return text(boundText(from)).text(boundText(to)); }
-
-private:
-    ASStatement& m_statement;
-    unsigned m_index = 0;
-};
-
 void appendJsonText(std::string& out, std::string_view text) {
     constexpr std::string_view digits = "0123456789abcdef";
     out += '"';
@@ -247,8 +230,8 @@ public:
         const QORLogScopes::Records records = scopes.records(from, to);
         ASStatement& select = m_session.prepare("SELECT CAST(strftime('%s', time) AS INTEGER) >> ?, count(*) FROM (" +
                                                 records.sql + ") WHERE time = datetime(time) GROUP BY 1");
-        Binder binder(select);
-        binder.number(levels[level]);
+        QORBinder binder(select);
+        binder.integer(levels[level]);
         for (const std::string& parameter : records.parameters)
             binder.text(parameter);
         select.execute();
@@ -262,7 +245,7 @@ public:
 private:
     void splitBucket(const Entry& full) {
         ASStatement& mark = m_session.prepare(m_sql.markSplit);
-        Binder(mark).text(*full.scope).number(levels[full.level]).number(full.bucket);
+        QORBinder(mark).text(*full.scope).integer(levels[full.level]).integer(full.bucket);
         mark.execute();
         const std::int64_t first = full.bucket << levels[full.level];
         putRecords(*full.scope, full.level + 1, first, first + (std::int64_t{1} << levels[full.level]) - 1);
@@ -434,7 +417,7 @@ std::uint64_t QORLogScopes::countWithin(std::size_t level, std::int64_t from, st
     const std::int64_t first = from >> width;
     const std::int64_t last = to >> width;
     ASStatement& select = m_session.prepare(sqlOf(m_kind).edges);
-    Binder(select).number(first).number(last).text(m_json).number(width);
+    QORBinder(select).integer(first).integer(last).text(m_json).integer(width);
     select.execute();
     if (!select.fetch()) throw QORException(errFailure, "a sum of counters is missing", sourcePath, __LINE__);
     const auto number = [&](unsigned column) { return static_cast<std::uint64_t>(select.integer(column)); };
@@ -465,7 +448,12 @@ std::uint64_t QORLogScopes::countWhole(std::size_t level, std::int64_t bucket, s
         ASStatement& select = m_session.prepare(
             "SELECT count(*) FROM json_each(?) j" + std::string(sqlOf(m_kind).unsplit) + " CROSS JOIN " +
             std::string(form.table) + " r ON " + std::string(form.each) + " AND r.time BETWEEN ? AND ?");
-        Binder(select).text(part.json).number(levels[level]).number(bucket).span(from, to);
+        QORBinder(select)
+            .text(part.json)
+            .integer(levels[level])
+            .integer(bucket)
+            .text(boundText(from))
+            .text(boundText(to));
         select.execute();
         if (select.fetch()) records += static_cast<std::uint64_t>(select.integer(1));
         select.close();
@@ -488,7 +476,7 @@ std::vector<std::pair<std::int64_t, std::uint64_t>> fetchBuckets(ASStatement& se
 
 std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::widest() {
     ASStatement& select = m_session.prepare(sqlOf(m_kind).widest);
-    Binder(select).text(m_json).number(levels[0]);
+    QORBinder(select).text(m_json).integer(levels[0]);
     return fetchBuckets(select);
 }
 
@@ -507,10 +495,15 @@ std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::finer(std::siz
         sql += sqlOf(m_kind).notSplit;
     }
     ASStatement& select = m_session.prepare(sql + ") WHERE bucket IS NOT NULL GROUP BY bucket ORDER BY bucket DESC");
-    Binder binder(select);
-    binder.text(m_json).number(width).number(bucket).number(next).number(first >> next).number(last >> next);
+    QORBinder binder(select);
+    binder.text(m_json).integer(width).integer(bucket).integer(next).integer(first >> next).integer(last >> next);
     for (const Part& part : m_parts)
-        binder.number(next).text(part.json).span(first, last).number(width).number(bucket);
+        binder.integer(next)
+            .text(part.json)
+            .text(boundText(first))
+            .text(boundText(last))
+            .integer(width)
+            .integer(bucket);
     return fetchBuckets(select);
 }
 

@@ -3,7 +3,6 @@
 #include "QORDBSchema/QORStoredDocuments.h"
 
 #include <gmock/gmock.h>
-#include <sqlite3.h>
 
 #include <fstream>
 #include <map>
@@ -13,6 +12,7 @@
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORLibAgent/QORInfo.h"
 #include "support/HostDatabase.h"
+#include "support/SqliteFile.h"
 
 namespace QOR {
 namespace {
@@ -26,16 +26,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 using Unreadable = QORUnreadableDocuments;
-
-/// Runs statements on a database file through the engine itself.
-void runOnFile(const std::filesystem::path& file, const std::string& sql) {
-    sqlite3* database = nullptr;
-    const bool done = sqlite3_open(file.c_str(), &database) == SQLITE_OK &&
-                      sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
-    const std::string reason = sqlite3_errmsg(database);
-    sqlite3_close(database);
-    if (!done) throw std::runtime_error(reason);
-}
 
 /// What a program of version 3 has written.
 std::string version3() {
@@ -85,7 +75,7 @@ constexpr const char* documents = "SELECT id, CAST(info AS nvarchar), typeof(inf
 
 class Version3 : public testing::Test {
 protected:
-    void SetUp() override { runOnFile(m_database.file(), version3()); }
+    void SetUp() override { test::SqliteFile(m_database.file()).run(version3()); }
     HostDatabase m_database;
 };
 
@@ -147,14 +137,15 @@ TEST_F(Version3, NothingIsKnownOfAnOlderVersionThatIsOnlyRead) {
 
 /// Texts of every column with something wrong with them, beside sound ones.
 TEST_F(Version3, DocumentsOfEveryColumnAreMended) {
-    runOnFile(m_database.file(),
-              "UPDATE qor_operation SET message = '<info><a>1</a></info>' || char(0) || '</info>' WHERE id = 'op-1';"
-              "UPDATE qor_operation SET message = '<info><a>1</a><b>' WHERE id = 'op-2';"
-              "UPDATE qor_event SET info = '<info/>x' WHERE seq = 1;"
-              "UPDATE qor_event SET info = '' WHERE seq = 2;"
-              "UPDATE qor_environment SET config = '<?xml version=\"1.0\"?><info><a/></info> <!-- by hand -->',"
-              " virtual_config = '<info a=\">\"><b/></info></info>' WHERE title = 'web 1';"
-              "UPDATE qor_environment SET config = 'none', virtual_config = '<info' WHERE title = 'shop'");
+    test::SqliteFile(m_database.file())
+        .run(
+            "UPDATE qor_operation SET message = '<info><a>1</a></info>' || char(0) || '</info>' WHERE id = 'op-1';"
+            "UPDATE qor_operation SET message = '<info><a>1</a><b>' WHERE id = 'op-2';"
+            "UPDATE qor_event SET info = '<info/>x' WHERE seq = 1;"
+            "UPDATE qor_event SET info = '' WHERE seq = 2;"
+            "UPDATE qor_environment SET config = '<?xml version=\"1.0\"?><info><a/></info> <!-- by hand -->',"
+            " virtual_config = '<info a=\">\"><b/></info></info>' WHERE title = 'web 1';"
+            "UPDATE qor_environment SET config = 'none', virtual_config = '<info' WHERE title = 'shop'");
     m_database.open();
     EXPECT_EQ(queryRows("SELECT id, message, typeof(message), length(CAST(message AS BLOB)) FROM qor_operation "
                         "ORDER BY id LIMIT 2",

@@ -4,11 +4,11 @@
 #include <limits>
 #include <random>
 
-#include "ForeignProgram.h"
 #include "LogDatabase.h"
 #include "QORFunctionality/QORAccess.h"
 #include "QORLibAgent/QORLogCheck.h"
 #include "support/HostDatabase.h"
+#include "support/SqliteFile.h"
 
 namespace QOR::test {
 namespace {
@@ -100,7 +100,7 @@ protected:
         std::ifstream dump(std::string(QOR_TEST_DATA_DIR) + "/data/version3.sql");
         const std::string sql{std::istreambuf_iterator<char>(dump), {}};
         ASSERT_FALSE(sql.empty());
-        ForeignProgram(path()).run(sql);
+        SqliteFile(path()).run(sql);
     }
     void fill() { loadVersion3(), open(); }
 };
@@ -159,7 +159,7 @@ TEST_F(LogUpkeepTest, DatabasesFromBeforeTheCountersAreCounted) {
 
 TEST_F(LogUpkeepTest, TotalsAndPagesAreRightAfterOperationsWereDeletedByAnotherProgram) {
     fill();
-    ForeignProgram program(path());
+    SqliteFile program(path());
     program.run("DELETE FROM qor_operation WHERE time < '2023-11-15'");
     expectCountersAgree();
     expectPagesAsPlainSql();
@@ -181,7 +181,7 @@ TEST_F(LogUpkeepTest, TheHostsOwnConnectionsCountStatementsThatDoNotSayThatTheyC
 }
 
 TEST_F(LogUpkeepTest, OperationsThatAnotherProgramStoresAreFoundLikeAllOthers) {
-    ForeignProgram program(path());
+    SqliteFile program(path());
     for (unsigned i = 0; i < 700; ++i) {
         const std::string seq = std::to_string(i + 1);
         program.run("INSERT INTO qor_operation (id, status, time, eid) VALUES ('op" + seq +
@@ -197,7 +197,7 @@ TEST_F(LogUpkeepTest, OperationsThatAnotherProgramStoresAreFoundLikeAllOthers) {
 
 TEST_F(LogUpkeepTest, WhatANewTimeOrAnOperationThatIsNotThereWouldBreakIsRefused) {
     fill();
-    ForeignProgram program(path());
+    SqliteFile program(path());
     for (const char* sql : {"INSERT INTO qor_operation (id, status, time) VALUES ('x', 0, '2024-01-01T00:00:00')",
                             "UPDATE qor_operation SET time = 'yesterday' WHERE seq = 3",
                             "INSERT INTO qor_event (time) VALUES ('2024-13-01 00:00:00')",
@@ -310,7 +310,7 @@ TEST_F(LogUpkeepTest, CountersFollowEveryChangeByAnyProgram) {
     for (const char* foreignKeys : {"ON", "OFF"}) {
         for (const char* recursive : {"ON", "OFF"}) {
             fill();
-            ForeignProgram program(path());
+            SqliteFile program(path());
             program.run(std::string("PRAGMA foreign_keys = ") + foreignKeys);
             program.run(std::string("PRAGMA recursive_triggers = ") + recursive);
             Changes changes(seed++);
@@ -328,7 +328,7 @@ TEST_F(LogUpkeepTest, CountersFollowEveryChangeByAnyProgram) {
 }
 
 TEST_F(LogUpkeepTest, RecordsGoOnBeingStoredAmongChangesByOthers) {
-    ForeignProgram program(path());
+    SqliteFile program(path());
     Changes changes(77);
     for (unsigned round = 0; round < 30 && !HasFailure(); ++round) {
         std::vector<QORRecord> records;
@@ -352,7 +352,7 @@ TEST_F(LogUpkeepTest, RecordsGoOnBeingStoredAmongChangesByOthers) {
 
 TEST_F(LogUpkeepTest, CountersThatDoNotAgreeAreFoundAndMended) {
     fill();
-    ForeignProgram program(path());
+    SqliteFile program(path());
     program.run("DROP TRIGGER qor_operation_gone; DROP TRIGGER qor_operation_changed; DROP TRIGGER qor_event_came");
     program.run(
         "DELETE FROM qor_operation WHERE seq % 4 = 0; UPDATE qor_operation SET time = '2024-02-29 12:00:00', eid = '" +
@@ -381,7 +381,7 @@ TEST_F(LogUpkeepTest, ScopesWithoutRecordsAndCountersThatWereTamperedWithAreFoun
                             "UPDATE qor_operation_count SET split = 0 WHERE level = 24",
                             "INSERT INTO qor_operation_count (scope, level, bucket, n) VALUES ('nobody', 24, 3, 7)",
                             "INSERT INTO qor_event_count (scope, level, bucket, n) VALUES ('/none', 24, 3, 7)"}) {
-        ForeignProgram program(path());
+        SqliteFile program(path());
         program.run(sql);
         EXPECT_EQ(miscounted(QORLogKind::Operations).empty() && miscounted(QORLogKind::Events).empty(), false) << sql;
         QORRdbmsTran tran(ASAccess::Write);
@@ -397,7 +397,7 @@ TEST_F(LogUpkeepTest, ScopesWithoutRecordsAndCountersThatWereTamperedWithAreFoun
 TEST_F(LogUpkeepTest, APageIsWhatThereIsEvenWhenCountersPromiseMore) {
     fill();
     const auto before = operations(fullAccess(), QOREnvSelection::all());
-    ForeignProgram program(path());
+    SqliteFile program(path());
     program.run("DROP TRIGGER qor_operation_gone; DELETE FROM qor_operation WHERE seq % 2 = 0");
     const std::vector<std::string> left = expected({}, 0);
     ASSERT_LT(left.size(), before.size());

@@ -17,6 +17,7 @@
 
 #include "rdbmspp/pool/QORRdbms.h"
 #include "rdbmspp/sql/ASCursor.h"
+#include "support/SqliteFile.h"
 
 namespace QOR::testing {
 
@@ -40,41 +41,7 @@ private:
 };
 
 /// The engine itself, without a driver.
-class Engine {
-public:
-    explicit Engine(const std::string& file) {
-        if (sqlite3_open(file.c_str(), &m_db) != SQLITE_OK) throw std::runtime_error("sqlite3_open");
-    }
-    ~Engine() { sqlite3_close(m_db); }
-    Engine(const Engine&) = delete;
-    Engine& operator=(const Engine&) = delete;
-
-    void run(const std::string& sql) {
-        if (sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-            throw std::runtime_error(sqlite3_errmsg(m_db) + (" in " + sql));
-        }
-    }
-    std::vector<std::vector<std::string>> rows(const std::string& sql) {
-        sqlite3_stmt* statement = nullptr;
-        if (sqlite3_prepare_v2(m_db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-            throw std::runtime_error(sqlite3_errmsg(m_db) + (" in " + sql));
-        }
-        std::vector<std::vector<std::string>> all;
-        while (sqlite3_step(statement) == SQLITE_ROW) {
-            std::vector<std::string> row;
-            for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-                const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, i));
-                row.emplace_back(text ? text : "(null)");
-            }
-            all.push_back(std::move(row));
-        }
-        sqlite3_finalize(statement);
-        return all;
-    }
-
-private:
-    sqlite3* m_db = nullptr;
-};
+using Engine = test::SqliteFile;
 
 class DatabaseTest : public ::testing::Test {
 protected:
