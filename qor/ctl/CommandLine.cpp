@@ -8,7 +8,6 @@
 #include <limits>
 #include <map>
 
-#include "CtlError.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORText.h"
@@ -16,6 +15,8 @@
 #include "commands/Printing.h"
 #include "filter/FilterCommand.h"
 #include "host/QORNumberOption.h"
+#include "process/CtlError.h"
+#include "process/TiedValues.h"
 
 namespace QOR {
 namespace {

@@ -1,11 +1,11 @@
 // Answers read as they arrive.
-#include "AnswerReader.h"
+#include "answer/AnswerReader.h"
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include "CtlError.h"
+#include "process/CtlError.h"
 
 namespace QOR {
 namespace {

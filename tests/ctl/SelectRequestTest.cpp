@@ -1,10 +1,10 @@
 // From options to requests.
-#include "SelectRequest.h"
+#include "select/SelectRequest.h"
 
 #include <string>
 
-#include "CtlError.h"
 #include "QORMessage/QORNotation.h"
+#include "process/CtlError.h"
 
 namespace QOR {
 namespace {

@@ -22,12 +22,12 @@
 #include <system_error>
 #include <thread>
 
-#include "CtlError.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORGuid.h"
 #include "QORMessage/QORNotation.h"
 #include "backend/AgentReplies.h"
 #include "host/QORHostPaths.h"
+#include "process/CtlError.h"
 
 namespace QOR {
 namespace {

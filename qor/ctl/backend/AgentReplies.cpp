@@ -2,7 +2,7 @@
 
 #include <rapidjson/document.h>
 
-#include "CtlError.h"
+#include "process/CtlError.h"
 
 namespace QOR {
 namespace {

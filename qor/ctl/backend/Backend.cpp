@@ -1,8 +1,8 @@
 #include "backend/Backend.h"
 
-#include "CtlError.h"
 #include "backend/AgentBackend.h"
 #include "backend/StandaloneBackend.h"
+#include "process/CtlError.h"
 
 namespace QOR {
 

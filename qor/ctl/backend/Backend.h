@@ -11,14 +11,14 @@
 #include <string_view>
 #include <vector>
 
-#include "AnswerReader.h"
-#include "LineInput.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibLocal/QORVocabulary.h"
+#include "answer/AnswerReader.h"
 #include "host/QORMaintenance.h"
 #include "host/QORStatus.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"
+#include "process/LineInput.h"
 
 namespace QOR {
 

@@ -7,12 +7,12 @@
 #include <thread>
 #include <utility>
 
-#include "CtlError.h"
 #include "QORCommon/QORException.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORMessage/QORNotation.h"
 #include "host/QORHost.h"
 #include "host/QORVocabularyFiles.h"
+#include "process/CtlError.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {

@@ -1,8 +1,8 @@
 #include <unistd.h>
 
-#include "Interrupt.h"
 #include "commands/Commands.h"
 #include "output/Output.h"
+#include "process/Interrupt.h"
 
 namespace QOR {
 

@@ -4,10 +4,10 @@
 #include <optional>
 #include <thread>
 
-#include "Interrupt.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "commands/RecordStream.h"
+#include "process/Interrupt.h"
 
 namespace QOR {
 namespace {

@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "CtlError.h"
-#include "SelectRequest.h"
 #include "backend/Backend.h"
 #include "ingest/QORSampleData.h"
 #include "output/RowPrinter.h"
+#include "process/CtlError.h"
 #include "rows/RowsRequest.h"
+#include "select/SelectRequest.h"
 
 namespace QOR {
 

@@ -1,7 +1,7 @@
-#include "Interrupt.h"
-#include "LineInput.h"
 #include "commands/Commands.h"
 #include "commands/RecordStream.h"
+#include "process/Interrupt.h"
+#include "process/LineInput.h"
 
 namespace QOR {
 namespace {

@@ -3,10 +3,10 @@
 #include <chrono>
 #include <cstdio>
 
-#include "Interrupt.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "commands/Commands.h"
+#include "process/Interrupt.h"
 
 namespace QOR {
 namespace {

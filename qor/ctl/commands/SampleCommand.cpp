@@ -1,11 +1,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "Interrupt.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORFiles.h"
 #include "commands/Commands.h"
 #include "commands/RecordStream.h"
+#include "process/Interrupt.h"
 
 namespace QOR {
 namespace {

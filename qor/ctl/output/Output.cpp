@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "CtlError.h"
+#include "process/CtlError.h"
 
 namespace QOR {
 

@@ -2,10 +2,10 @@
 
 #include <limits>
 
-#include "CtlError.h"
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORBinaryIterator.h"
-#include "SelectRequest.h"
+#include "process/CtlError.h"
+#include "select/SelectRequest.h"
 
 namespace QOR {
 namespace {

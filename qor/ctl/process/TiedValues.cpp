@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "CommandLine.h"
+#include "process/TiedValues.h"
 
 namespace QOR {
 namespace {

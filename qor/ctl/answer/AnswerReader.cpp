@@ -1,4 +1,4 @@
-#include "AnswerReader.h"
+#include "answer/AnswerReader.h"
 
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <vector>
 
-#include "CtlError.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORTags.h"
+#include "process/CtlError.h"
 
 namespace QOR {
 namespace {

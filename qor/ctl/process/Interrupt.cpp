@@ -1,4 +1,4 @@
-#include "Interrupt.h"
+#include "process/Interrupt.h"
 
 #include <signal.h>
 #include <sys/eventfd.h>

@@ -2,7 +2,7 @@
 #include <string>
 #include <vector>
 
-#include "CommandLine.h"
+#include "process/TiedValues.h"
 
 namespace QOR {
 namespace {

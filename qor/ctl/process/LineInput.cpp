@@ -1,4 +1,4 @@
-#include "LineInput.h"
+#include "process/LineInput.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "CtlError.h"
+#include "process/CtlError.h"
 
 namespace QOR {
 namespace {

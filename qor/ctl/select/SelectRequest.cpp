@@ -1,12 +1,12 @@
-#include "SelectRequest.h"
+#include "select/SelectRequest.h"
 
 #include <algorithm>
 #include <limits>
 
-#include "CtlError.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORBinaryIterator.h"
+#include "process/CtlError.h"
 #include "where/FieldSpec.h"
 #include "where/WhereError.h"
 #include "where/WhereParser.h"
