@@ -70,7 +70,7 @@ private:
 
 void prepare(std::int64_t rows) {
     configure(rows);
-    testing::forgetMetadata();
+    test::forgetMetadata();
 }
 
 void pageOf20(benchmark::State& state) {

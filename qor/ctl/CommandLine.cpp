@@ -83,11 +83,11 @@ public:
         } catch (const CLI::ParseError& error) {
             // Help and version are thrown as well, with the status 0.
             if (error.get_exit_code() == 0) return m_app.exit(error);
-            throw QORCtlError::usage(complaint(error));
+            throw CtlError::usage(complaint(error));
         }
         if (!m_run) return m_filterExit;
         m_run();
-        return static_cast<int>(QORCtlExit::Done);
+        return static_cast<int>(CtlExit::Done);
     }
 
 private:
@@ -121,11 +121,9 @@ private:
         app.add_option("--plugins", m_connection.plugIns, "folder of the plug-ins, with --standalone")->group(group);
     }
 
-    static void addPrinting(CLI::App& app, QORPrintOptions& print) {
-        static const std::map<std::string, QORRowFormat> formats{{"table", QORRowFormat::Table},
-                                                                 {"json", QORRowFormat::Json},
-                                                                 {"csv", QORRowFormat::Csv},
-                                                                 {"xml", QORRowFormat::Xml}};
+    static void addPrinting(CLI::App& app, PrintOptions& print) {
+        static const std::map<std::string, RowFormat> formats{
+            {"table", RowFormat::Table}, {"json", RowFormat::Json}, {"csv", RowFormat::Csv}, {"xml", RowFormat::Xml}};
         app.add_option_function<std::string>(
                "-o,--output", [&print](const std::string& name) { print.format = formats.at(name); },
                "table (default), json, csv or xml")
@@ -143,7 +141,7 @@ private:
                   [&offset](std::uint64_t rows) { offset = static_cast<std::int64_t>(rows); });
     }
 
-    static void addReport(CLI::App& app, QORReportOptions& report) {
+    static void addReport(CLI::App& app, ReportOptions& report) {
         app.add_flag("--progress", report.progress, "show progress even where standard error is no terminal");
         app.add_flag("-v,--verbose", report.verbose, "name every refused line");
     }
@@ -297,20 +295,20 @@ private:
     }
 
     CLI::App m_app{"Asks the agent of this machine, or a database directly.", "qorctl"};
-    QORConnectionOptions m_connection;
-    QORSelectOptions m_select;
-    QORPrintOptions m_selectPrint;
-    QORRowsOptions m_rows;
-    QORPrintOptions m_rowsPrint;
-    QORRequestOptions m_request;
-    QORViewsOptions m_views;
-    QORFieldsOptions m_fields;
-    QORPrintOptions m_statusPrint;
-    QORCheckOptions m_check;
-    QORPruneOptions m_prune;
-    QORImportOptions m_import;
-    QORSampleCommandOptions m_sample;
-    QORSecurityCommandOptions m_security;
+    ConnectionOptions m_connection;
+    SelectOptions m_select;
+    PrintOptions m_selectPrint;
+    RowsOptions m_rows;
+    PrintOptions m_rowsPrint;
+    RequestOptions m_request;
+    ViewsOptions m_views;
+    FieldsOptions m_fields;
+    PrintOptions m_statusPrint;
+    CheckOptions m_check;
+    PruneOptions m_prune;
+    ImportOptions m_import;
+    SampleCommandOptions m_sample;
+    SecurityCommandOptions m_security;
     std::function<void()> m_run;
     int m_filterExit = 0;
 };
@@ -322,17 +320,17 @@ int runCommandLine(const std::vector<std::string>& arguments) {
     setLogLevel(0);
     try {
         return CommandLine().run(arguments);
-    } catch (const QORBrokenPipe&) {
-        return static_cast<int>(QORCtlExit::Done);
-    } catch (const QORCtlError& error) {
+    } catch (const BrokenPipe&) {
+        return static_cast<int>(CtlExit::Done);
+    } catch (const CtlError& error) {
         tellPerson(error.what());
         return static_cast<int>(error.exit());
     } catch (const QORException& error) {
-        tellPerson(QORCtlError::answered(error.code(), error.message()).what());
+        tellPerson(CtlError::answered(error.code(), error.message()).what());
     } catch (const std::exception& error) {
         tellPerson(error.what());
     }
-    return static_cast<int>(QORCtlExit::AnsweredError);
+    return static_cast<int>(CtlExit::AnsweredError);
 }
 
 }  // namespace QOR

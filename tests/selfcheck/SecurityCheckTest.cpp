@@ -1,14 +1,14 @@
 // That hidden rows tell nothing, proved over a database in which they provoke whatever an engine fails on; and that the
 // proof would notice.
-#include "selfcheck/SecurityCheck.h"
+#include "selfcheck/QORSecurityCheck.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "QORCommon/QORException.h"
 #include "ctl/CtlProcess.h"
-#include "selfcheck/SecurityCopies.h"
-#include "selfcheck/SecurityRequests.h"
+#include "selfcheck/QORSecurityCopies.h"
+#include "selfcheck/QORSecurityRequests.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QOR {

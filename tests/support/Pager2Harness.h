@@ -19,7 +19,7 @@
 #include "QORMessage/QORNotation.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
-namespace QOR::testing {
+namespace QOR::test {
 
 /// A folder of its own, removed with everything in it.
 class TemporaryFolder {
@@ -178,4 +178,4 @@ inline void openDatabase(const std::filesystem::path& file, bool readOnly = fals
     QORRdbms::instance().configure(options);
 }
 
-}  // namespace QOR::testing
+}  // namespace QOR::test

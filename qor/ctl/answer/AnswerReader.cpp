@@ -18,7 +18,7 @@ namespace {
 class PieceStream {
 public:
     using Ch = char;
-    explicit PieceStream(QORAnswerSource& source) : m_source(source) { fill(); }
+    explicit PieceStream(AnswerSource& source) : m_source(source) { fill(); }
 
     Ch Peek() const { return m_at == m_end ? '\0' : *m_at; }
     Ch Take() {
@@ -42,7 +42,7 @@ private:
         m_end = m_begin + piece.size();
     }
 
-    QORAnswerSource& m_source;
+    AnswerSource& m_source;
     std::size_t m_before = 0;
     const char* m_begin = nullptr;
     const char* m_at = nullptr;
@@ -53,19 +53,19 @@ private:
 /// "pager" puts names and values into cells, and several values of one cell into cells of their own below it.
 class RowSetBuilder {
 public:
-    explicit RowSetBuilder(QORRowSink& rows) : m_rows(rows) {}
+    explicit RowSetBuilder(RowSink& rows) : m_rows(rows) {}
 
     void open(QORTag tag) {
         m_path.push_back(tag);
         if (isRow()) m_cells.clear(), m_bytes.clear();
-        if (isCell()) m_cells.push_back({QORCell::Kind::Null, m_bytes.size(), 0});
+        if (isCell()) m_cells.push_back({Cell::Kind::Null, m_bytes.size(), 0});
         if (isName()) m_names.emplace_back();
     }
 
-    void value(std::string_view bytes, QORCell::Kind kind) {
+    void value(std::string_view bytes, Cell::Kind kind) {
         if (isValue()) {
-            Cell& cell = m_cells.back();
-            if (cell.kind != QORCell::Kind::Null) m_bytes += listSeparator;
+            StoredCell& cell = m_cells.back();
+            if (cell.kind != Cell::Kind::Null) m_bytes += listSeparator;
             m_bytes += bytes;
             cell.kind = kind;
             cell.size = m_bytes.size() - cell.offset;
@@ -88,8 +88,8 @@ private:
     /// Between several values of one cell.
     static constexpr std::string_view listSeparator = ", ";
 
-    struct Cell {
-        QORCell::Kind kind;
+    struct StoredCell {
+        Cell::Kind kind;
         std::size_t offset;
         std::size_t size;
     };
@@ -119,23 +119,23 @@ private:
         for (std::size_t at = 0; at < m_views.size(); ++at)
             m_views[at] =
                 at < m_cells.size()
-                    ? QORCell{m_cells[at].kind, std::string_view(m_bytes).substr(m_cells[at].offset, m_cells[at].size)}
-                    : QORCell{};
+                    ? Cell{m_cells[at].kind, std::string_view(m_bytes).substr(m_cells[at].offset, m_cells[at].size)}
+                    : Cell{};
         m_rows.row(m_views);
     }
     void giveEnd() {
         begin();
-        std::optional<QORRowCounts> counts;
-        if (m_rowCount && m_totalCount) counts = QORRowCounts{*m_rowCount, *m_totalCount};
+        std::optional<RowCounts> counts;
+        if (m_rowCount && m_totalCount) counts = RowCounts{*m_rowCount, *m_totalCount};
         m_rows.end(counts);
     }
 
-    QORRowSink& m_rows;
+    RowSink& m_rows;
     std::vector<QORTag> m_path;
     std::vector<std::string> m_names;
-    std::vector<Cell> m_cells;
+    std::vector<StoredCell> m_cells;
     std::string m_bytes;  ///< of all cells of the row
-    std::vector<QORCell> m_views;
+    std::vector<Cell> m_views;
     std::optional<std::int64_t> m_rowCount;
     std::optional<std::int64_t> m_totalCount;
     bool m_begun = false;
@@ -144,7 +144,7 @@ private:
 /// Follows the JSON of an answer. Returning false ends the reading.
 class AnswerHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, AnswerHandler> {
 public:
-    explicit AnswerHandler(QORRowSink& rows) : m_elements(rows) {}
+    explicit AnswerHandler(RowSink& rows) : m_elements(rows) {}
 
     bool Default() { return false; }
     bool Int(int value) { return number(value); }
@@ -227,7 +227,7 @@ public:
         const std::string_view value(text, size);
         switch (m_state) {
             case State::Content:
-                m_elements.value(value, QORCell::Kind::Text);
+                m_elements.value(value, Cell::Kind::Text);
                 m_state = State::ElementEnd;
                 return true;
             case State::BinaryValue:
@@ -242,7 +242,7 @@ public:
     }
 
     bool isDone() const { return m_state == State::Done; }
-    std::optional<QORAnsweredError>& error() { return m_error; }
+    std::optional<AnsweredError>& error() { return m_error; }
 
 private:
     enum class State {
@@ -279,7 +279,7 @@ private:
     bool binary(std::string_view text) {
         const auto bytes = parseBase64(text);
         if (!bytes) return false;
-        m_elements.value(*bytes, QORCell::Kind::Binary);
+        m_elements.value(*bytes, Cell::Kind::Binary);
         m_state = State::BinaryEnd;
         return true;
     }
@@ -287,26 +287,26 @@ private:
     State m_state = State::Begin;
     std::size_t m_depth = 0;
     RowSetBuilder m_elements;
-    std::optional<QORAnsweredError> m_error;
+    std::optional<AnsweredError> m_error;
 };
 
 }  // namespace
 
-std::optional<QORAnsweredError> readAnswer(QORAnswerSource& source, QORRowSink& rows) {
+std::optional<AnsweredError> readAnswer(AnswerSource& source, RowSink& rows) {
     PieceStream stream(source);
     AnswerHandler handler(rows);
     rapidjson::Reader reader;
     const auto result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
     if (result.IsError() || !handler.isDone())
-        throw QORCtlError(QORCtlExit::AnsweredError, "the answer cannot be read: " +
-                                                         std::string(result.Code() == rapidjson::kParseErrorTermination
-                                                                         ? "it is no message notation"
-                                                                         : rapidjson::GetParseError_En(result.Code())) +
-                                                         " (at byte " + std::to_string(result.Offset()) + ")");
+        throw CtlError(CtlExit::AnsweredError, "the answer cannot be read: " +
+                                                   std::string(result.Code() == rapidjson::kParseErrorTermination
+                                                                   ? "it is no message notation"
+                                                                   : rapidjson::GetParseError_En(result.Code())) +
+                                                   " (at byte " + std::to_string(result.Offset()) + ")");
     return std::move(handler.error());
 }
 
-void QORColumnOrder::begin(std::span<const std::string> names) {
+void ColumnOrder::begin(std::span<const std::string> names) {
     std::vector<std::string> known;
     for (std::string& name : m_wanted) {
         const auto found = std::find(names.begin(), names.end(), name);
@@ -318,7 +318,7 @@ void QORColumnOrder::begin(std::span<const std::string> names) {
     m_next.begin(known);
 }
 
-void QORColumnOrder::row(std::span<const QORCell> cells) {
+void ColumnOrder::row(std::span<const Cell> cells) {
     for (std::size_t at = 0; at < m_places.size(); ++at)
         m_cells[at] = cells[m_places[at]];
     m_next.row(m_cells);

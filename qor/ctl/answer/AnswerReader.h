@@ -14,17 +14,17 @@
 namespace QOR {
 
 /// The bytes of one answer, in pieces.
-class QORAnswerSource {
+class AnswerSource {
 public:
-    virtual ~QORAnswerSource() = default;
+    virtual ~AnswerSource() = default;
     /// The next piece, empty at the end; valid until the next call.
     virtual std::string_view read() = 0;
 };
 
 /// An answer that is there already.
-class QORTextSource final : public QORAnswerSource {
+class TextSource final : public AnswerSource {
 public:
-    explicit QORTextSource(std::string text) : m_text(std::move(text)) {}
+    explicit TextSource(std::string text) : m_text(std::move(text)) {}
     std::string_view read() override { return std::exchange(m_given, true) ? std::string_view() : m_text; }
 
 private:
@@ -33,7 +33,7 @@ private:
 };
 
 /// An error that an answer holds.
-struct QORAnsweredError {
+struct AnsweredError {
     int code = 0;
     std::string message;
 };
@@ -41,24 +41,24 @@ struct QORAnsweredError {
 /// Several values of one cell come as one text, ", " between them.
 /// Hands the rows of the answer to `rows` as they come (nothing, not even begin, when the answer has no row set).
 /// \returns the answer's error, if it has one
-/// \throws QORCtlError AnsweredError when the bytes are no answer
-std::optional<QORAnsweredError> readAnswer(QORAnswerSource& source, QORRowSink& rows);
+/// \throws CtlError AnsweredError when the bytes are no answer
+std::optional<AnsweredError> readAnswer(AnswerSource& source, RowSink& rows);
 
 /// Passes columns on in the order in which they were asked for, whatever the answer's is: an answer has them in the
 /// order of their names.
-class QORColumnOrder final : public QORRowSink {
+class ColumnOrder final : public RowSink {
 public:
     /// \param wanted names; those that the answer lacks are left out
-    QORColumnOrder(std::vector<std::string> wanted, QORRowSink& next) : m_wanted(std::move(wanted)), m_next(next) {}
+    ColumnOrder(std::vector<std::string> wanted, RowSink& next) : m_wanted(std::move(wanted)), m_next(next) {}
     void begin(std::span<const std::string> names) override;
-    void row(std::span<const QORCell> cells) override;
-    void end(const std::optional<QORRowCounts>& counts) override { m_next.end(counts); }
+    void row(std::span<const Cell> cells) override;
+    void end(const std::optional<RowCounts>& counts) override { m_next.end(counts); }
 
 private:
     std::vector<std::string> m_wanted;
-    QORRowSink& m_next;
+    RowSink& m_next;
     std::vector<std::size_t> m_places;  ///< where each wanted column stands in the answer
-    std::vector<QORCell> m_cells;
+    std::vector<Cell> m_cells;
 };
 
 }  // namespace QOR

@@ -67,7 +67,7 @@ bool isBlank(std::string_view line) {
 }  // namespace
 
 /// The socket and what has been read ahead from it. One thread may send while another receives.
-class QORAgentBackend::Connection {
+class AgentBackend::Connection {
 public:
     explicit Connection(const std::string& path) : m_path(path), m_socket(m_context) {
         boost::system::error_code error;
@@ -82,7 +82,7 @@ public:
             "start it (qor-agent), name its socket (--socket), or work without one (--standalone "
             "--database CONNECTION-STRING)";
         if (error == boost::system::errc::permission_denied) advice = "ask to be let into the socket's group";
-        throw QORCtlError::noConnection("no agent answers at " + path + ": " + error.message() + "; " + advice);
+        throw CtlError::noConnection("no agent answers at " + path + ": " + error.message() + "; " + advice);
     }
 
     void send(std::string_view bytes) {
@@ -101,7 +101,7 @@ public:
         try {
             send(requestHead(method, target, body.size(), fields));
             send(body);
-        } catch (const QORCtlError&) {
+        } catch (const CtlError&) {
             m_sendFailed = true;
         }
     }
@@ -130,8 +130,8 @@ public:
         boost::system::error_code error;
         http::read(m_socket, m_ahead, parser, error);
         if (!error || error == http::error::need_buffer) return;
-        throw QORCtlError(QORCtlExit::AnsweredError,
-                          "the answer of the agent at " + m_path + " broke off: " + describe(error));
+        throw CtlError(CtlExit::AnsweredError,
+                       "the answer of the agent at " + m_path + " broke off: " + describe(error));
     }
 
     /// True when the agent said that it answers nothing more on this connection.
@@ -143,8 +143,8 @@ public:
     }
 
     [[noreturn]] void lost(const std::string& reason) const {
-        throw QORCtlError::noConnection("lost the agent at " + m_path + ": " + reason +
-                                        (m_sendFailed ? " while it was being asked" : ""));
+        throw CtlError::noConnection("lost the agent at " + m_path + ": " + reason +
+                                     (m_sendFailed ? " while it was being asked" : ""));
     }
 
 private:
@@ -157,7 +157,7 @@ private:
 };
 
 /// An answer's body as it arrives.
-class QORAgentBackend::Source final : public QORAnswerSource {
+class AgentBackend::Source final : public AnswerSource {
 public:
     explicit Source(Connection& connection) : m_connection(connection) { m_connection.readHeader(m_parser); }
 
@@ -180,7 +180,7 @@ private:
 };
 
 /// Lines on their way: one thread reads and sends them, the other receives the answers in the same order.
-class QORAgentBackend::Pipeline {
+class AgentBackend::Pipeline {
 public:
     Pipeline(Connection& connection, int input)
         : m_connection(connection),
@@ -217,7 +217,7 @@ private:
     void sendAll() {
         std::string block;
         try {
-            while (m_lines.next() == QORLineInput::Got::Line) {
+            while (m_lines.next() == LineInput::Got::Line) {
                 addRequest(block);
                 if (block.size() >= sendBlock || !m_lines.isReady()) {
                     m_connection.send(block);
@@ -268,7 +268,7 @@ private:
 
     Connection& m_connection;
     const int m_stop;
-    QORLineInput m_lines;  // the sender's alone
+    LineInput m_lines;  // the sender's alone
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<Expected> m_expected;  // guarded by m_mutex
@@ -278,31 +278,31 @@ private:
     std::thread m_sender;
 };
 
-QORAgentBackend::QORAgentBackend(const std::string& socket)
+AgentBackend::AgentBackend(const std::string& socket)
     : m_socket(socket.empty() ? defaultClientSocketPath().string() : socket),
       m_connection(std::make_unique<Connection>(m_socket)) {}
 
-QORAgentBackend::~QORAgentBackend() = default;
+AgentBackend::~AgentBackend() = default;
 
 /// Root has full access everywhere and need not ask.
-bool QORAgentBackend::seesEnvironments() {
+bool AgentBackend::seesEnvironments() {
     if (::geteuid() == 0) return true;
     m_connection->sendRequest("GET", "/v1/health", "");
     return readAccess(m_connection->receive());
 }
 
-std::unique_ptr<QORAnswerSource> QORAgentBackend::ask(std::string_view request) {
+std::unique_ptr<AnswerSource> AgentBackend::ask(std::string_view request) {
     m_connection->sendRequest("POST", "/v1/messages?stream=true", request);
     return std::make_unique<Source>(*m_connection);
 }
 
-void QORAgentBackend::answerLines(int input, const TakeAnswer& take) {
+void AgentBackend::answerLines(int input, const TakeAnswer& take) {
     Pipeline pipeline(*m_connection, input);
     pipeline.receiveAll(take);
 }
 
 /// A batch whose answer is lost may have been stored, and may be sent again: under its key the agent stores it once.
-QORIngestResult QORAgentBackend::importBatch(std::string_view lines, std::uint64_t firstLine) {
+QORIngestResult AgentBackend::importBatch(std::string_view lines, std::uint64_t firstLine) {
     const std::string target = "/v1/records?first-line=" + std::to_string(firstLine);
     const std::string key = "Idempotency-Key: " + QORGUIDBase::random().toString() + "\r\n";
     for (auto pause = firstPause;; pause *= 2) {
@@ -310,8 +310,8 @@ QORIngestResult QORAgentBackend::importBatch(std::string_view lines, std::uint64
             if (!m_connection) m_connection = std::make_unique<Connection>(m_socket);
             m_connection->sendRequest("POST", target, lines, key);
             return readIngestReply(m_connection->receive());
-        } catch (const QORCtlError& error) {
-            if (error.exit() != QORCtlExit::NoConnection || pause > lastPause) throw;
+        } catch (const CtlError& error) {
+            if (error.exit() != CtlExit::NoConnection || pause > lastPause) throw;
         }
         m_connection.reset();
         std::this_thread::sleep_for(pause);
@@ -319,34 +319,34 @@ QORIngestResult QORAgentBackend::importBatch(std::string_view lines, std::uint64
 }
 
 /// The agent collects to the end, whether somebody waits or not.
-QORCollectResult QORAgentBackend::collect(const std::stop_token&) {
+QORCollectResult AgentBackend::collect(const std::stop_token&) {
     m_connection->sendRequest("POST", "/v1/collect", "");
     return readCollectReply(m_connection->receive());
 }
 
-std::vector<QORViewColumn> QORAgentBackend::views() {
+std::vector<QORViewColumn> AgentBackend::views() {
     m_connection->sendRequest("GET", "/v1/views", "");
     return readViewsReply(m_connection->receive());
 }
 
-QORBackendStatus QORAgentBackend::status() {
+BackendStatus AgentBackend::status() {
     m_connection->sendRequest("GET", "/v1/status", "");
     const QORDatabaseStatus database = readStatusReply(m_connection->receive());
     m_connection->sendRequest("GET", "/v1/health", "");
     return {readHealthReply(m_connection->receive()), database};
 }
 
-std::vector<QORCheckFinding> QORAgentBackend::check(const std::string& part, bool mend) {
+std::vector<QORCheckFinding> AgentBackend::check(const std::string& part, bool mend) {
     m_connection->sendRequest("POST", "/v1/check?part=" + part + (mend ? "&mend=1" : ""), "");
     return readCheckReply(m_connection->receive());
 }
 
-QORBackend::Pruned QORAgentBackend::prune(const std::string& kind, std::int64_t before) {
+Backend::Pruned AgentBackend::prune(const std::string& kind, std::int64_t before) {
     m_connection->sendRequest("POST", "/v1/prune?what=" + kind + "&before=" + std::to_string(before), "");
     return readPruneReply(m_connection->receive());
 }
 
-QORPtr<const QORVocMap> QORAgentBackend::vocabulary() {
+QORPtr<const QORVocMap> AgentBackend::vocabulary() {
     m_connection->sendRequest("GET", "/v1/vocabulary", "");
     return readVocabularyReply(m_connection->receive());
 }

@@ -6,21 +6,21 @@
 
 namespace QOR {
 
-class QORAgentBackend final : public QORBackend {
+class AgentBackend final : public Backend {
 public:
     /// Connects. \param socket empty: where an agent of this user or of the machine listens
-    explicit QORAgentBackend(const std::string& socket);
-    ~QORAgentBackend() override;
+    explicit AgentBackend(const std::string& socket);
+    ~AgentBackend() override;
 
     bool seesEnvironments() override;
-    std::unique_ptr<QORAnswerSource> ask(std::string_view request) override;
+    std::unique_ptr<AnswerSource> ask(std::string_view request) override;
     /// A thread of its own sends the requests ahead, so that neither side waits for the other.
     void answerLines(int input, const TakeAnswer& take) override;
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;
     QORPtr<const QORVocMap> vocabulary() override;
-    QORBackendStatus status() override;
+    BackendStatus status() override;
     std::vector<QORCheckFinding> check(const std::string& part, bool mend) override;
     Pruned prune(const std::string& kind, std::int64_t before) override;
 

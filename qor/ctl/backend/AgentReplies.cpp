@@ -11,7 +11,7 @@ using rapidjson::Document;
 using rapidjson::Value;
 
 [[noreturn]] void unreadable() {
-    throw QORCtlError(QORCtlExit::AnsweredError, "the agent's answer cannot be read");
+    throw CtlError(CtlExit::AnsweredError, "the agent's answer cannot be read");
 }
 
 const Value* find(const Value& object, const char* name) {
@@ -51,7 +51,7 @@ Document parse(std::string_view json, const char* expected) {
     const Value* const error = find(document, "error");
     if (error == nullptr || find(document, expected) != nullptr) return document;
     const Value& code = member(*error, "code");
-    throw QORCtlError::answered(code.IsInt() ? code.GetInt() : 0, textOf(member(*error, "message")));
+    throw CtlError::answered(code.IsInt() ? code.GetInt() : 0, textOf(member(*error, "message")));
 }
 
 QORIngestResult ingestResult(const Document& document) {
@@ -146,13 +146,13 @@ std::vector<QORCheckFinding> readCheckReply(std::string_view json) {
     return findings;
 }
 
-QORBackend::Pruned readPruneReply(std::string_view json) {
+Backend::Pruned readPruneReply(std::string_view json) {
     const Document document = parse(json, "more");
     const Value& more = member(document, "more");
     return {{numberOf(document, "done"), more.IsBool() && more.GetBool()}, numberOf(document, "stranded")};
 }
 
-QORAgentHealth readHealthReply(std::string_view json) {
+AgentHealth readHealthReply(std::string_view json) {
     const Document document = parse(json, "status");
     return {textOf(member(document, "status")), textOf(member(document, "version")), numberOf(document, "uptime")};
 }

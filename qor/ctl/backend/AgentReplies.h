@@ -13,7 +13,7 @@
 
 namespace QOR {
 
-/// Each throws QORCtlError AnsweredError: with the answer's own error when it holds one in place of what was asked for,
+/// Each throws CtlError AnsweredError: with the answer's own error when it holds one in place of what was asked for,
 /// else saying that it cannot be read. An error beside counts is left to the counts' `failure`.
 QORIngestResult readIngestReply(std::string_view json);
 QORCollectResult readCollectReply(std::string_view json);
@@ -23,8 +23,8 @@ QORPtr<const QORVocMap> readVocabularyReply(std::string_view json);
 /// asked by anybody who must be told.
 bool readAccess(std::string_view json);
 QORDatabaseStatus readStatusReply(std::string_view json);
-QORAgentHealth readHealthReply(std::string_view json);
+AgentHealth readHealthReply(std::string_view json);
 std::vector<QORCheckFinding> readCheckReply(std::string_view json);
-QORBackend::Pruned readPruneReply(std::string_view json);
+Backend::Pruned readPruneReply(std::string_view json);
 
 }  // namespace QOR

@@ -6,20 +6,20 @@
 
 namespace QOR {
 
-std::unique_ptr<QORBackend> makeBackend(const QORConnectionOptions& options, QORBackendUse use) {
+std::unique_ptr<Backend> makeBackend(const ConnectionOptions& options, BackendUse use) {
     if (options.standalone && !options.socket.empty())
-        throw QORCtlError::usage("--socket and --standalone exclude each other");
+        throw CtlError::usage("--socket and --standalone exclude each other");
     if (!options.standalone) {
         if (!options.database.empty() || options.readOnly || !options.config.empty() || !options.plugIns.empty())
-            throw QORCtlError::usage("--database, --read-only, --config and --plugins need --standalone");
-        return std::make_unique<QORAgentBackend>(options.socket);
+            throw CtlError::usage("--database, --read-only, --config and --plugins need --standalone");
+        return std::make_unique<AgentBackend>(options.socket);
     }
     if (options.database.empty())
-        throw QORCtlError::usage(
+        throw CtlError::usage(
             "--standalone needs a database, for example --database \"Driver=SQLite3;Database=./agent.db\"");
-    if (options.readOnly && use == QORBackendUse::Store)
-        throw QORCtlError::usage("--read-only and a command that stores records exclude each other");
-    return std::make_unique<QORStandaloneBackend>(options, use);
+    if (options.readOnly && use == BackendUse::Store)
+        throw CtlError::usage("--read-only and a command that stores records exclude each other");
+    return std::make_unique<StandaloneBackend>(options, use);
 }
 
 }  // namespace QOR

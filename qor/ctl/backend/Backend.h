@@ -23,7 +23,7 @@
 namespace QOR {
 
 /// Where to find who answers, as given on the command line.
-struct QORConnectionOptions {
+struct ConnectionOptions {
     std::string socket;  ///< empty: where an agent of this user or of the machine listens
     bool standalone = false;
     std::string database;  ///< ODBC connection string, standalone only
@@ -33,31 +33,31 @@ struct QORConnectionOptions {
 };
 
 /// How an agent does, as it says itself.
-struct QORAgentHealth {
+struct AgentHealth {
     std::string status;  ///< "ok", or what else it calls itself
     std::string version;
     std::uint64_t uptime = 0;  ///< seconds
 };
 
-struct QORBackendStatus {
-    std::optional<QORAgentHealth> agent;  ///< absent without an agent
+struct BackendStatus {
+    std::optional<AgentHealth> agent;  ///< absent without an agent
     QORDatabaseStatus database;
 };
 
 /// One connection, or one host in the process. One thread at a time, but where said otherwise.
 ///
-/// Every operation throws QORCtlError: AnsweredError for an error that was answered (except where it is part of the
+/// Every operation throws CtlError: AnsweredError for an error that was answered (except where it is part of the
 /// answer that is returned), NoConnection when the other side is gone.
-class QORBackend {
+class Backend {
 public:
-    virtual ~QORBackend() = default;
+    virtual ~Backend() = default;
 
     /// False when this user, at the other side, has no full access and stands for no environment.
     virtual bool seesEnvironments() = 0;
 
     /// Asks one request in message notation. The answer comes as a stream, of any size; it must be read, or given up,
     /// before the next request.
-    virtual std::unique_ptr<QORAnswerSource> ask(std::string_view request) = 0;
+    virtual std::unique_ptr<AnswerSource> ask(std::string_view request) = 0;
 
     /// \param idle true when no further answer is on its way
     using TakeAnswer = std::function<void(std::string_view answer, bool idle)>;
@@ -73,7 +73,7 @@ public:
     /// What the other side's configuration tells its plug-ins; never null.
     virtual QORPtr<const QORVocMap> vocabulary() = 0;
     /// For clients with full access.
-    virtual QORBackendStatus status() = 0;
+    virtual BackendStatus status() = 0;
 
     /// Looks at one part of the database, see checkParts(). For clients with full access, as prune() is.
     virtual std::vector<QORCheckFinding> check(const std::string& part, bool mend) = 0;
@@ -90,13 +90,13 @@ public:
 };
 
 /// What a command is going to do, which decides how a standalone host opens its database.
-enum class QORBackendUse {
+enum class BackendUse {
     Ask,      ///< requests; another program's database is read as it is
     Inspect,  ///< views or fields only, no plug-ins needed
     Store,    ///< records; the database must be the host's own, or empty
 };
 
-/// \throws QORCtlError BadUsage for options that contradict each other, NoConnection when nobody answers there
-std::unique_ptr<QORBackend> makeBackend(const QORConnectionOptions& options, QORBackendUse use);
+/// \throws CtlError BadUsage for options that contradict each other, NoConnection when nobody answers there
+std::unique_ptr<Backend> makeBackend(const ConnectionOptions& options, BackendUse use);
 
 }  // namespace QOR

@@ -18,7 +18,7 @@
 namespace QOR {
 
 /// An answer that a thread of its own makes while it is read.
-class QORStandaloneBackend::Source final : public QORAnswerSource {
+class StandaloneBackend::Source final : public AnswerSource {
 public:
     Source(QORRouter& router, QORClientSession& session, std::string request)
         : m_maker([this, &router, &session, request = std::move(request)] { make(router, session, request); }) {}
@@ -37,7 +37,7 @@ public:
         std::unique_lock lock(m_mutex);
         m_changed.wait(lock, [this] { return !m_pieces.empty() || m_ended; });
         if (m_pieces.empty()) {
-            if (m_broken) throw QORCtlError(QORCtlExit::AnsweredError, "the answer broke off");
+            if (m_broken) throw CtlError(CtlExit::AnsweredError, "the answer broke off");
             return {};
         }
         m_piece = std::move(m_pieces.front());
@@ -78,40 +78,40 @@ private:
     std::thread m_maker;
 };
 
-QORStandaloneBackend::QORStandaloneBackend(const QORConnectionOptions& options, QORBackendUse use) {
+StandaloneBackend::StandaloneBackend(const ConnectionOptions& options, BackendUse use) {
     QORHostOptions host;
     host.database.connectionString = options.database;
     host.database.readOnly = options.readOnly;
-    host.schemaMode = use == QORBackendUse::Store ? QORSchemaMode::Own : QORSchemaMode::Reading;
+    host.schemaMode = use == BackendUse::Store ? QORSchemaMode::Own : QORSchemaMode::Reading;
     host.plugInDirectory = options.plugIns;
     host.vocabularyFile = options.config;
     host.prime = false;
     try {
-        if (use != QORBackendUse::Ask) {
+        if (use != BackendUse::Ask) {
             QORDBSchema::open(host.database, host.schemaMode);
-            if (use == QORBackendUse::Inspect) vocCacheLocal()->setVocabulary(usableVocabulary(options.config));
+            if (use == BackendUse::Inspect) vocCacheLocal()->setVocabulary(usableVocabulary(options.config));
             return;
         }
         m_host = std::make_unique<QORHost>(std::move(host));
         m_session = m_host->newSession(fullAccessContext());
     } catch (const std::exception& error) {
-        throw QORCtlError::noConnection(error.what());
+        throw CtlError::noConnection(error.what());
     }
 }
 
-QORStandaloneBackend::~QORStandaloneBackend() {
+StandaloneBackend::~StandaloneBackend() {
     m_session.reset();
     m_host.reset();
     QORRdbms::instance().shutdown();
 }
 
-std::unique_ptr<QORAnswerSource> QORStandaloneBackend::ask(std::string_view request) {
+std::unique_ptr<AnswerSource> StandaloneBackend::ask(std::string_view request) {
     return std::make_unique<Source>(m_host->router(), *m_session, std::string(request));
 }
 
-void QORStandaloneBackend::answerLines(int input, const TakeAnswer& take) {
-    QORLineInput lines(input, -1, requestLimit);
-    while (lines.next() == QORLineInput::Got::Line) {
+void StandaloneBackend::answerLines(int input, const TakeAnswer& take) {
+    LineInput lines(input, -1, requestLimit);
+    while (lines.next() == LineInput::Got::Line) {
         if (lines.line().find_first_not_of(" \t") == std::string_view::npos) continue;
         std::string answer;
         if (lines.isCut())
@@ -122,49 +122,49 @@ void QORStandaloneBackend::answerLines(int input, const TakeAnswer& take) {
     }
 }
 
-QORIngestResult QORStandaloneBackend::importBatch(std::string_view lines, std::uint64_t firstLine) {
+QORIngestResult StandaloneBackend::importBatch(std::string_view lines, std::uint64_t firstLine) {
     return m_ingest.importBatch(lines, firstLine);
 }
 
-QORCollectResult QORStandaloneBackend::collect(const std::stop_token& stop) {
+QORCollectResult StandaloneBackend::collect(const std::stop_token& stop) {
     return QOR::collect({}, stop);
 }
 
-QORPtr<const QORVocMap> QORStandaloneBackend::vocabulary() {
+QORPtr<const QORVocMap> StandaloneBackend::vocabulary() {
     return vocCacheLocal()->getVocabulary();
 }
 
-QORBackendStatus QORStandaloneBackend::status() {
+BackendStatus StandaloneBackend::status() {
     try {
         return {std::nullopt, readDatabaseStatus()};
     } catch (const std::exception& error) {
-        throw QORCtlError::answered(errFailure, error.what());
+        throw CtlError::answered(errFailure, error.what());
     }
 }
 
-std::vector<QORCheckFinding> QORStandaloneBackend::check(const std::string& part, bool mend) {
+std::vector<QORCheckFinding> StandaloneBackend::check(const std::string& part, bool mend) {
     try {
         return checkDatabase(part, mend);
     } catch (const std::exception& error) {
-        throw QORCtlError::answered(errFailure, error.what());
+        throw CtlError::answered(errFailure, error.what());
     }
 }
 
-QORBackend::Pruned QORStandaloneBackend::prune(const std::string& kind, std::int64_t before) {
+Backend::Pruned StandaloneBackend::prune(const std::string& kind, std::int64_t before) {
     try {
         const QORPruneStep step = pruneDatabase(kind, before);
         return {step, step.more ? 0 : strandedBytes()};
     } catch (const std::exception& error) {
-        throw QORCtlError::answered(errFailure, error.what());
+        throw CtlError::answered(errFailure, error.what());
     }
 }
 
-std::vector<QORViewColumn> QORStandaloneBackend::views() {
+std::vector<QORViewColumn> StandaloneBackend::views() {
     try {
         QORRdbmsTran transaction(ASAccess::Read);
         return readViews(*transaction);
     } catch (const std::exception& error) {
-        throw QORCtlError::answered(errFailure, error.what());
+        throw CtlError::answered(errFailure, error.what());
     }
 }
 

@@ -9,19 +9,19 @@ namespace QOR {
 class QORHost;
 class QORClientSession;
 
-class QORStandaloneBackend final : public QORBackend {
+class StandaloneBackend final : public Backend {
 public:
-    QORStandaloneBackend(const QORConnectionOptions& options, QORBackendUse use);
-    ~QORStandaloneBackend() override;
+    StandaloneBackend(const ConnectionOptions& options, BackendUse use);
+    ~StandaloneBackend() override;
 
     bool seesEnvironments() override { return true; }
-    std::unique_ptr<QORAnswerSource> ask(std::string_view request) override;
+    std::unique_ptr<AnswerSource> ask(std::string_view request) override;
     void answerLines(int input, const TakeAnswer& take) override;
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;
     QORPtr<const QORVocMap> vocabulary() override;
-    QORBackendStatus status() override;
+    BackendStatus status() override;
     std::vector<QORCheckFinding> check(const std::string& part, bool mend) override;
     Pruned prune(const std::string& kind, std::int64_t before) override;
 

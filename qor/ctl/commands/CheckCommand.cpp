@@ -6,13 +6,13 @@
 
 namespace QOR {
 
-void runCheck(const QORConnectionOptions& connection, const QORCheckOptions& options) {
-    const auto backend = makeBackend(connection, options.mend ? QORBackendUse::Store : QORBackendUse::Inspect);
-    const QORInterrupt interrupt;
-    QORFileOutput out(STDOUT_FILENO);
+void runCheck(const ConnectionOptions& connection, const CheckOptions& options) {
+    const auto backend = makeBackend(connection, options.mend ? BackendUse::Store : BackendUse::Inspect);
+    const Interrupt interrupt;
+    FileOutput out(STDOUT_FILENO);
     std::size_t wrong = 0;
     for (const std::string& part : checkParts()) {
-        if (interrupt.isRequested()) throw QORCtlError(QORCtlExit::AnsweredError, "stopped before " + part);
+        if (interrupt.isRequested()) throw CtlError(CtlExit::AnsweredError, "stopped before " + part);
         const std::vector<QORCheckFinding> findings = backend->check(part, options.mend);
         if (findings.empty()) out << part << ": sound\n";
         for (const QORCheckFinding& finding : findings) {
@@ -22,9 +22,9 @@ void runCheck(const QORConnectionOptions& connection, const QORCheckOptions& opt
         out.flush();
     }
     if (wrong == 0) return;
-    throw QORCtlError(QORCtlExit::AnsweredError,
-                      std::to_string(wrong) + (wrong == 1 ? " fault" : " faults") +
-                          (options.mend ? " cannot be mended" : " found; --mend mends what can be mended"));
+    throw CtlError(CtlExit::AnsweredError,
+                   std::to_string(wrong) + (wrong == 1 ? " fault" : " faults") +
+                       (options.mend ? " cannot be mended" : " found; --mend mends what can be mended"));
 }
 
 }  // namespace QOR

@@ -30,12 +30,12 @@ private:
         }
     }
 
-    QORInterrupt m_interrupt;
+    Interrupt m_interrupt;
     std::stop_source m_source;
     std::jthread m_thread;  // ends before what it looks at
 };
 
-QORCollectResult collectHere(QORBackend& backend, bool& interrupted) {
+QORCollectResult collectHere(Backend& backend, bool& interrupted) {
     const StopOnInterrupt stop;
     QORCollectResult result = backend.collect(stop.token());
     interrupted = stop.isRequested();
@@ -44,19 +44,19 @@ QORCollectResult collectHere(QORBackend& backend, bool& interrupted) {
 
 }  // namespace
 
-void runCollect(const QORConnectionOptions& connection) {
-    const auto backend = makeBackend(connection, QORBackendUse::Store);
+void runCollect(const ConnectionOptions& connection) {
+    const auto backend = makeBackend(connection, BackendUse::Store);
     bool interrupted = false;
     const QORCollectResult result = connection.standalone ? collectHere(*backend, interrupted) : backend->collect({});
     for (const std::string& file : result.unreadable)
         tellPerson("note: " + file);
     if (result.malformed > 0)
         tellPerson("note: " + std::to_string(result.malformed) + " lines of the package log make no sense");
-    QORFileOutput out(STDOUT_FILENO);
+    FileOutput out(STDOUT_FILENO);
     out << describeCounts(result.stored);
     out.flush();
-    if (result.stored.failure) throw QORCtlError::answered(1, result.stored.failure->reason);
-    if (interrupted) throw QORCtlError(QORCtlExit::AnsweredError, "interrupted; the counts are what is stored");
+    if (result.stored.failure) throw CtlError::answered(1, result.stored.failure->reason);
+    if (interrupted) throw CtlError(CtlExit::AnsweredError, "interrupted; the counts are what is stored");
 }
 
 }  // namespace QOR

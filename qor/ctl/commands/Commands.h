@@ -1,6 +1,6 @@
 /// \file
 /// What the commands do once the command line has been read. Each writes its results to standard output, everything
-/// else to standard error, and ends by returning or by throwing QORCtlError or QORBrokenPipe.
+/// else to standard error, and ends by returning or by throwing CtlError or BrokenPipe.
 #pragma once
 
 #include <cstdint>
@@ -18,53 +18,53 @@
 namespace QOR {
 
 /// How rows are printed.
-struct QORPrintOptions {
-    QORRowFormat format = QORRowFormat::Table;
+struct PrintOptions {
+    RowFormat format = RowFormat::Table;
     std::optional<std::size_t> width;  ///< of tables; absent: the terminal's, none where there is no terminal
 };
 
-struct QORRequestOptions {
+struct RequestOptions {
     std::string file;  ///< empty or "-": standard input
     bool lines = false;
 };
 
-struct QORViewsOptions {
+struct ViewsOptions {
     std::vector<std::string> views;  ///< empty: all
-    QORPrintOptions print;
+    PrintOptions print;
 };
 
-struct QORFieldsOptions {
+struct FieldsOptions {
     std::vector<std::string> prefixes;  ///< only names that begin with one of these; empty: all
-    QORPrintOptions print;
+    PrintOptions print;
 };
 
 /// How storing many records is reported.
-struct QORReportOptions {
+struct ReportOptions {
     bool progress = false;  ///< also where standard error is no terminal
     bool verbose = false;   ///< every refused line, not only the first
 };
 
-struct QORImportOptions {
+struct ImportOptions {
     std::string file;  ///< empty or "-": standard input
-    QORReportOptions report;
+    ReportOptions report;
 };
 
-struct QORSampleCommandOptions {
+struct SampleCommandOptions {
     QORSampleOptions sample;
     std::optional<std::string> output;  ///< written here ("-": standard output) instead of stored
-    QORReportOptions report;
+    ReportOptions report;
 };
 
-struct QORSecurityCommandOptions {
+struct SecurityCommandOptions {
     std::uint64_t requests = 20'000;
     std::uint64_t seed = 1;
 };
 
-struct QORCheckOptions {
+struct CheckOptions {
     bool mend = false;
 };
 
-struct QORPruneOptions {
+struct PruneOptions {
     std::string before;  ///< a time, or an age such as 30d
     bool operations = false;
     bool events = false;
@@ -73,18 +73,18 @@ struct QORPruneOptions {
     bool progress = false;  ///< also where standard error is no terminal
 };
 
-void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& options, const QORPrintOptions& print);
-void runRows(const QORConnectionOptions& connection, const QORRowsOptions& options, const QORPrintOptions& print);
-void runRequest(const QORConnectionOptions& connection, const QORRequestOptions& options);
-void runViews(const QORConnectionOptions& connection, const QORViewsOptions& options);
-void runFields(const QORConnectionOptions& connection, const QORFieldsOptions& options);
-void runStatus(const QORConnectionOptions& connection, const QORPrintOptions& print);
-void runCheck(const QORConnectionOptions& connection, const QORCheckOptions& options);
-void runPrune(const QORConnectionOptions& connection, const QORPruneOptions& options);
-void runImport(const QORConnectionOptions& connection, const QORImportOptions& options);
-void runSample(const QORConnectionOptions& connection, const QORSampleCommandOptions& options);
-void runCollect(const QORConnectionOptions& connection);
+void runSelect(const ConnectionOptions& connection, const SelectOptions& options, const PrintOptions& print);
+void runRows(const ConnectionOptions& connection, const RowsOptions& options, const PrintOptions& print);
+void runRequest(const ConnectionOptions& connection, const RequestOptions& options);
+void runViews(const ConnectionOptions& connection, const ViewsOptions& options);
+void runFields(const ConnectionOptions& connection, const FieldsOptions& options);
+void runStatus(const ConnectionOptions& connection, const PrintOptions& print);
+void runCheck(const ConnectionOptions& connection, const CheckOptions& options);
+void runPrune(const ConnectionOptions& connection, const PruneOptions& options);
+void runImport(const ConnectionOptions& connection, const ImportOptions& options);
+void runSample(const ConnectionOptions& connection, const SampleCommandOptions& options);
+void runCollect(const ConnectionOptions& connection);
 /// Proves on a copy of the database that row security holds. Throws AnsweredError when it does not.
-void runSelfCheckSecurity(const QORConnectionOptions& connection, const QORSecurityCommandOptions& options);
+void runSelfCheckSecurity(const ConnectionOptions& connection, const SecurityCommandOptions& options);
 
 }  // namespace QOR

@@ -27,7 +27,7 @@ std::string_view sourceName(TCursorType type) {
 /// Prints a line a field.
 class FieldPrinter {
 public:
-    FieldPrinter(QORRowSink& rows, const std::vector<std::string>& prefixes) : m_rows(rows), m_prefixes(prefixes) {
+    FieldPrinter(RowSink& rows, const std::vector<std::string>& prefixes) : m_rows(rows), m_prefixes(prefixes) {
         const std::array<std::string, 4> names{"field", "source", "type", "values"};
         m_rows.begin(names);
     }
@@ -37,8 +37,7 @@ public:
             m_prefixes.empty() || std::any_of(m_prefixes.begin(), m_prefixes.end(),
                                               [name](const std::string& prefix) { return name.starts_with(prefix); });
         if (!wanted) return;
-        const std::array<QORCell, 4> cells{text(name), text(sourceName(source)), text(type),
-                                           text(list ? "list" : "one")};
+        const std::array<Cell, 4> cells{text(name), text(sourceName(source)), text(type), text(list ? "list" : "one")};
         m_rows.row(cells);
     }
     /// Every name that begins so.
@@ -48,9 +47,9 @@ public:
     void end() { m_rows.end(std::nullopt); }
 
 private:
-    static QORCell text(std::string_view bytes) { return {QORCell::Kind::Text, bytes}; }
+    static Cell text(std::string_view bytes) { return {Cell::Kind::Text, bytes}; }
 
-    QORRowSink& m_rows;
+    RowSink& m_rows;
     const std::vector<std::string>& m_prefixes;
 };
 
@@ -66,14 +65,14 @@ void printCaches(const QORVocMap& vocabulary, FieldPrinter& printer) {
 
 }  // namespace
 
-void runFields(const QORConnectionOptions& connection, const QORFieldsOptions& options) {
-    const auto backend = makeBackend(connection, QORBackendUse::Inspect);
+void runFields(const ConnectionOptions& connection, const FieldsOptions& options) {
+    const auto backend = makeBackend(connection, BackendUse::Inspect);
     const QORPtr<const QORVocMap> vocabulary = backend->vocabulary();
     vocCacheLocal()->setVocabulary(vocabulary);
     QORFieldSet fields;
     fields.init(nullptr);
 
-    QORFileOutput out(STDOUT_FILENO);
+    FileOutput out(STDOUT_FILENO);
     const auto rows = makePrinter(options.print, false, out);
     FieldPrinter printer(*rows, options.prefixes);
     for (const QORField& field : fields)

@@ -11,13 +11,13 @@ constexpr std::size_t lineLimit = QORIngestOptions{}.maxLineBytes + 1;
 
 }  // namespace
 
-void runImport(const QORConnectionOptions& connection, const QORImportOptions& options) {
-    const QORInputFile input(options.file);
-    const auto backend = makeBackend(connection, QORBackendUse::Store);
-    const QORInterrupt interrupt;
-    QORLineInput lines(input.descriptor(), interrupt.descriptor(), lineLimit);
-    QORRecordStream records(*backend, options.report, 0);
-    while (!interrupt.isRequested() && lines.next() == QORLineInput::Got::Line)
+void runImport(const ConnectionOptions& connection, const ImportOptions& options) {
+    const InputFile input(options.file);
+    const auto backend = makeBackend(connection, BackendUse::Store);
+    const Interrupt interrupt;
+    LineInput lines(input.descriptor(), interrupt.descriptor(), lineLimit);
+    RecordStream records(*backend, options.report, 0);
+    while (!interrupt.isRequested() && lines.next() == LineInput::Got::Line)
         if (!records.add(lines.line())) break;
     records.finish();
     records.report(interrupt.isRequested());

@@ -8,12 +8,12 @@
 
 namespace QOR {
 
-std::unique_ptr<QORRowSink> makePrinter(const QORPrintOptions& print, bool counts, QOROutput& out) {
+std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out) {
     const std::size_t width = print.width ? *print.width : terminalWidth(STDOUT_FILENO);
     return makeRowPrinter(print.format, {width, counts}, out);
 }
 
-void tellOfNoEnvironment(QORBackend& backend, const std::vector<std::string>& client) {
+void tellOfNoEnvironment(Backend& backend, const std::vector<std::string>& client) {
     const bool none = client.empty() ? !backend.seesEnvironments() : client == std::vector<std::string>{"none"};
     if (!none) return;
     tellPerson(client.empty()

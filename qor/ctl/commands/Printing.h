@@ -10,27 +10,27 @@
 namespace QOR {
 
 /// A printer onto standard output's buffer, fitted to the terminal where there is one.
-std::unique_ptr<QORRowSink> makePrinter(const QORPrintOptions& print, bool counts, QOROutput& out);
+std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out);
 
 /// Remembers the counts for a form that has no place for them.
-class QORCountKeeper final : public QORRowSink {
+class CountKeeper final : public RowSink {
 public:
-    explicit QORCountKeeper(QORRowSink& next) : m_next(next) {}
+    explicit CountKeeper(RowSink& next) : m_next(next) {}
     void begin(std::span<const std::string> names) override { m_next.begin(names); }
-    void row(std::span<const QORCell> cells) override { m_next.row(cells); }
-    void end(const std::optional<QORRowCounts>& given) override {
+    void row(std::span<const Cell> cells) override { m_next.row(cells); }
+    void end(const std::optional<RowCounts>& given) override {
         counts = given;
         m_next.end(given);
     }
-    std::optional<QORRowCounts> counts;
+    std::optional<RowCounts> counts;
 
 private:
-    QORRowSink& m_next;
+    RowSink& m_next;
 };
 
 /// Tells a client that stands for no environment so: its answers lack rows, and nothing else would say why.
 /// \param client what --client says; empty: oneself
-void tellOfNoEnvironment(QORBackend& backend, const std::vector<std::string>& client);
+void tellOfNoEnvironment(Backend& backend, const std::vector<std::string>& client);
 
 /// A line to standard error, behind "qorctl: ".
 void tellPerson(std::string_view text);

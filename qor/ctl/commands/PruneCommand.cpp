@@ -19,20 +19,19 @@ std::int64_t now() {
 std::int64_t secondsBefore(const std::string& text) {
     if (const auto age = parseAge(text)) return now() - *age;
     if (const auto time = parseTime(text)) return *time;
-    throw QORCtlError::usage(
-        "--before: " + quoteText(text) +
-        " is neither a time (2024-01-31, 2024-01-31T12:00:00Z) nor an age (90s, 45m, 12h, 30d, 8w)");
+    throw CtlError::usage("--before: " + quoteText(text) +
+                          " is neither a time (2024-01-31, 2024-01-31T12:00:00Z) nor an age (90s, 45m, 12h, 30d, 8w)");
 }
 
 /// Asks for one kind until it is done, telling how far it is.
 class Pruning {
 public:
-    Pruning(QORBackend& backend, bool shows, const QORInterrupt& interrupt)
+    Pruning(Backend& backend, bool shows, const Interrupt& interrupt)
         : m_backend(backend), m_shows(shows || ::isatty(STDERR_FILENO) != 0), m_interrupt(interrupt) {}
 
     std::uint64_t prune(const std::string& kind, std::int64_t before) {
         std::uint64_t done = 0;
-        QORBackend::Pruned pruned;
+        Backend::Pruned pruned;
         do {
             if (m_interrupt.isRequested()) {
                 m_stopped = true;
@@ -50,14 +49,14 @@ public:
     std::uint64_t stranded() const { return m_stranded; }
 
 private:
-    QORBackend& m_backend;
+    Backend& m_backend;
     bool m_shows;
-    const QORInterrupt& m_interrupt;
+    const Interrupt& m_interrupt;
     bool m_stopped = false;
     std::uint64_t m_stranded = 0;
 };
 
-std::vector<std::string> kindsOf(const QORPruneOptions& options) {
+std::vector<std::string> kindsOf(const PruneOptions& options) {
     const bool all = !options.operations && !options.events && !options.backups;
     std::vector<std::string> kinds;
     if (all || options.operations) kinds.emplace_back("operations");
@@ -73,12 +72,12 @@ void tell(const std::string& line) {
 
 }  // namespace
 
-void runPrune(const QORConnectionOptions& connection, const QORPruneOptions& options) {
+void runPrune(const ConnectionOptions& connection, const PruneOptions& options) {
     if (options.before.empty() && !options.compact)
-        throw QORCtlError::usage("say what goes: --before TIME or AGE, or --compact");
+        throw CtlError::usage("say what goes: --before TIME or AGE, or --compact");
     const std::int64_t before = options.before.empty() ? 0 : secondsBefore(options.before);
-    const auto backend = makeBackend(connection, QORBackendUse::Store);
-    const QORInterrupt interrupt;
+    const auto backend = makeBackend(connection, BackendUse::Store);
+    const Interrupt interrupt;
     Pruning pruning(*backend, options.progress, interrupt);
     if (!options.before.empty()) {
         for (const std::string& kind : kindsOf(options))
@@ -86,7 +85,7 @@ void runPrune(const QORConnectionOptions& connection, const QORPruneOptions& opt
     }
     const std::uint64_t given = pruning.prune(options.compact ? "compact" : "space", before);
     tell("space: " + std::to_string(given) + " bytes given back");
-    if (pruning.stopped()) throw QORCtlError(QORCtlExit::AnsweredError, "stopped; what was removed stays removed");
+    if (pruning.stopped()) throw CtlError(CtlExit::AnsweredError, "stopped; what was removed stays removed");
     if (pruning.stranded() != 0) {
         std::fprintf(stderr,
                      "qorctl: %llu bytes stay in the file for later records; \"qorctl prune --compact\" writes it anew "

@@ -17,23 +17,23 @@ constexpr auto logPace = std::chrono::seconds(1);
 
 }  // namespace
 
-QORRecordStream::QORRecordStream(QORBackend& backend, const QORReportOptions& options, std::uint64_t expected)
+RecordStream::RecordStream(Backend& backend, const ReportOptions& options, std::uint64_t expected)
     : m_backend(backend), m_options(options), m_expected(expected), m_terminal(::isatty(STDERR_FILENO) != 0) {}
 
-bool QORRecordStream::add(std::string_view line) {
+bool RecordStream::add(std::string_view line) {
     ++m_lines;
     ++m_linesInBatch;
     m_batch.append(line) += '\n';
     return m_linesInBatch < batchLines && m_batch.size() < batchBytes ? true : send();
 }
 
-void QORRecordStream::finish() {
+void RecordStream::finish() {
     if (m_linesInBatch > 0 && !m_result.failure) send();
     tellProgress(true);
     clearProgress();
 }
 
-bool QORRecordStream::send() {
+bool RecordStream::send() {
     QORIngestResult result = m_backend.importBatch(m_batch, m_lines - m_linesInBatch + 1);
     m_batch.clear();
     m_linesInBatch = 0;
@@ -46,7 +46,7 @@ bool QORRecordStream::send() {
 }
 
 /// What a batch's own bound on bad lines is for one batch. With a good line among them a batch begins anew.
-void QORRecordStream::giveUpAfterRefusals(const QORIngestResult& result) {
+void RecordStream::giveUpAfterRefusals(const QORIngestResult& result) {
     m_refusedInARow = result.accepted() > 0 ? 0 : m_refusedInARow + result.refused;
     if (m_refusedInARow < QORIngestOptions().refusedInARow || m_result.failure) return;
     m_result.failure = QORIngestFailure{
@@ -54,7 +54,7 @@ void QORRecordStream::giveUpAfterRefusals(const QORIngestResult& result) {
         "the " + std::to_string(m_refusedInARow) + " lines before it are no records; the rest was not read"};
 }
 
-void QORRecordStream::tellRefused(const QORIngestResult& result) {
+void RecordStream::tellRefused(const QORIngestResult& result) {
     for (const QORRefusedLine& refused : result.refusedLines) {
         if (!m_options.verbose && m_refusedTold == refusedToldAtMost) return;
         clearProgress();
@@ -64,7 +64,7 @@ void QORRecordStream::tellRefused(const QORIngestResult& result) {
 }
 
 /// On a terminal one line that is written over; elsewhere, when asked for, a line now and then.
-void QORRecordStream::tellProgress(bool last) {
+void RecordStream::tellProgress(bool last) {
     if (!m_terminal && !m_options.progress) return;
     const auto now = Clock::now();
     if (!last && now - m_lastProgress < (m_terminal ? Clock::duration(terminalPace) : Clock::duration(logPace))) return;
@@ -77,26 +77,26 @@ void QORRecordStream::tellProgress(bool last) {
     m_progressShown = m_terminal;
 }
 
-void QORRecordStream::clearProgress() {
+void RecordStream::clearProgress() {
     if (m_progressShown) std::cerr << "\r\x1b[K" << std::flush;
     m_progressShown = false;
 }
 
-void QORRecordStream::report(bool interrupted) {
+void RecordStream::report(bool interrupted) {
     if (m_result.refused > m_refusedTold)
         tellPerson("and " + std::to_string(m_result.refused - m_refusedTold) +
                    " refused lines more (--verbose names them all)");
-    QORFileOutput out(STDOUT_FILENO);
+    FileOutput out(STDOUT_FILENO);
     out << describeCounts(m_result);
     out.flush();
     if (m_result.failure)
-        throw QORCtlError::answered(1, "records from line " + std::to_string(m_result.failure->firstLine) +
-                                           " on are not stored: " + m_result.failure->reason);
-    if (interrupted) throw QORCtlError(QORCtlExit::AnsweredError, "interrupted; the counts are what is stored");
+        throw CtlError::answered(1, "records from line " + std::to_string(m_result.failure->firstLine) +
+                                        " on are not stored: " + m_result.failure->reason);
+    if (interrupted) throw CtlError(CtlExit::AnsweredError, "interrupted; the counts are what is stored");
     if (m_result.refused > 0)
-        throw QORCtlError(QORCtlExit::AnsweredError, std::to_string(m_result.refused) +
-                                                         (m_result.refused == 1 ? " line was" : " lines were") +
-                                                         " refused; the others are stored");
+        throw CtlError(CtlExit::AnsweredError, std::to_string(m_result.refused) +
+                                                   (m_result.refused == 1 ? " line was" : " lines were") +
+                                                   " refused; the others are stored");
 }
 
 std::string describeCounts(const QORIngestResult& result) {

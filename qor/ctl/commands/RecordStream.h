@@ -12,16 +12,16 @@
 namespace QOR {
 
 /// Sends records in batches and keeps the person informed on standard error. One run an object.
-class QORRecordStream {
+class RecordStream {
 public:
     /// \param expected records in all, 0 when nobody knows
-    QORRecordStream(QORBackend& backend, const QORReportOptions& options, std::uint64_t expected);
+    RecordStream(Backend& backend, const ReportOptions& options, std::uint64_t expected);
 
     /// Adds a line; full batches are sent. False when the database refuses more, after which nothing more is taken.
     bool add(std::string_view line);
     /// Sends what is left.
     void finish();
-    /// Prints the counts. \throws QORCtlError AnsweredError when anything was refused or not stored
+    /// Prints the counts. \throws CtlError AnsweredError when anything was refused or not stored
     /// \param interrupted the person stopped it before the end
     void report(bool interrupted);
 
@@ -34,8 +34,8 @@ private:
     void tellProgress(bool last);
     void clearProgress();
 
-    QORBackend& m_backend;
-    QORReportOptions m_options;
+    Backend& m_backend;
+    ReportOptions m_options;
     std::uint64_t m_expected;
     bool m_terminal;
     std::string m_batch;

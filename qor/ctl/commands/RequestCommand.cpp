@@ -7,9 +7,9 @@ namespace QOR {
 namespace {
 
 /// Passes an answer on to the output while somebody reads it.
-class EchoingSource final : public QORAnswerSource {
+class EchoingSource final : public AnswerSource {
 public:
-    EchoingSource(QORAnswerSource& source, QOROutput& out) : m_source(source), m_out(out) {}
+    EchoingSource(AnswerSource& source, Output& out) : m_source(source), m_out(out) {}
     std::string_view read() override {
         const std::string_view piece = m_source.read();
         m_out << piece;
@@ -17,29 +17,29 @@ public:
     }
 
 private:
-    QORAnswerSource& m_source;
-    QOROutput& m_out;
+    AnswerSource& m_source;
+    Output& m_out;
 };
 
-class NoRows final : public QORRowSink {
+class NoRows final : public RowSink {
 public:
     void begin(std::span<const std::string>) override {}
-    void row(std::span<const QORCell>) override {}
-    void end(const std::optional<QORRowCounts>&) override {}
+    void row(std::span<const Cell>) override {}
+    void end(const std::optional<RowCounts>&) override {}
 };
 
-void runOne(QORBackend& backend, const std::string& request, QOROutput& out) {
+void runOne(Backend& backend, const std::string& request, Output& out) {
     const auto answer = backend.ask(request);
     EchoingSource echo(*answer, out);
     NoRows rows;
     const auto error = readAnswer(echo, rows);
     out << "\n";
     out.flush();
-    if (error) throw QORCtlError::answered(error->code, error->message);
+    if (error) throw CtlError::answered(error->code, error->message);
 }
 
 /// Errors are answers among the others here, for the reader of the lines to see.
-void runLines(QORBackend& backend, const QORInputFile& input, QOROutput& out) {
+void runLines(Backend& backend, const InputFile& input, Output& out) {
     backend.answerLines(input.descriptor(), [&](std::string_view answer, bool idle) {
         out.buffer().append(answer) += '\n';
         if (idle)
@@ -52,12 +52,12 @@ void runLines(QORBackend& backend, const QORInputFile& input, QOROutput& out) {
 
 }  // namespace
 
-void runRequest(const QORConnectionOptions& connection, const QORRequestOptions& options) {
-    const QORInputFile input(options.file);
-    const std::string request = options.lines ? std::string() : input.readAll(QORBackend::requestLimit);
-    const auto backend = makeBackend(connection, QORBackendUse::Ask);
+void runRequest(const ConnectionOptions& connection, const RequestOptions& options) {
+    const InputFile input(options.file);
+    const std::string request = options.lines ? std::string() : input.readAll(Backend::requestLimit);
+    const auto backend = makeBackend(connection, BackendUse::Ask);
     tellOfNoEnvironment(*backend, {});
-    QORFileOutput out(STDOUT_FILENO);
+    FileOutput out(STDOUT_FILENO);
     if (options.lines)
         runLines(*backend, input, out);
     else

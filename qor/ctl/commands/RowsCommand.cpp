@@ -9,12 +9,12 @@
 
 namespace QOR {
 
-void runRows(const QORConnectionOptions& connection, const QORRowsOptions& asked, const QORPrintOptions& print) {
-    std::unique_ptr<QORBackend> backend;
-    QORRowsOptions options = asked;
+void runRows(const ConnectionOptions& connection, const RowsOptions& asked, const PrintOptions& print) {
+    std::unique_ptr<Backend> backend;
+    RowsOptions options = asked;
     makeRowsRequest(options);  // what cannot be meant is said before anybody is asked
     if (options.where && mayBeMisspelled(*options.where)) {
-        backend = makeBackend(connection, QORBackendUse::Ask);
+        backend = makeBackend(connection, BackendUse::Ask);
         options.where = spellNames(*options.where, backend->vocabulary());
     }
     std::string json;
@@ -23,16 +23,16 @@ void runRows(const QORConnectionOptions& connection, const QORRowsOptions& asked
     for (const std::string& note : adviseOnRows(options))
         tellPerson("note: " + note);
 
-    if (!backend) backend = makeBackend(connection, QORBackendUse::Ask);
+    if (!backend) backend = makeBackend(connection, BackendUse::Ask);
     tellOfNoEnvironment(*backend, options.client);
-    QORFileOutput out(STDOUT_FILENO);
+    FileOutput out(STDOUT_FILENO);
     const auto printer = makePrinter(print, options.count, out);
-    QORCountKeeper rows(*printer);
+    CountKeeper rows(*printer);
     const auto answer = backend->ask(json);
     const auto error = readAnswer(*answer, rows);
     out.flush();  // the rows before an error too: they have been answered
-    if (error) throw QORCtlError::answered(error->code, error->message);
-    if (rows.counts && print.format == QORRowFormat::Csv) tellPerson(describeCounts(*rows.counts));
+    if (error) throw CtlError::answered(error->code, error->message);
+    if (rows.counts && print.format == RowFormat::Csv) tellPerson(describeCounts(*rows.counts));
 }
 
 }  // namespace QOR

@@ -17,13 +17,13 @@ QORFileDescriptor openOutput(const std::string& path) {
     try {
         return openOwnFile(path, O_WRONLY | O_CREAT | O_TRUNC, outputMode);
     } catch (const QORException& error) {
-        throw QORCtlError::usage("cannot write " + path + ": " + error.message());
+        throw CtlError::usage("cannot write " + path + ": " + error.message());
     }
 }
 
 void writeSample(QORSampleData& sample, const std::string& path) {
     const QORFileDescriptor file = path == "-" ? QORFileDescriptor() : openOutput(path);
-    QORFileOutput out(path == "-" ? STDOUT_FILENO : file.get());
+    FileOutput out(path == "-" ? STDOUT_FILENO : file.get());
     for (std::string line; sample.next(line);)
         out << line << "\n";
     out.flush();
@@ -31,14 +31,14 @@ void writeSample(QORSampleData& sample, const std::string& path) {
 
 }  // namespace
 
-void runSample(const QORConnectionOptions& connection, const QORSampleCommandOptions& options) {
+void runSample(const ConnectionOptions& connection, const SampleCommandOptions& options) {
     QORSampleData sample(options.sample);
     if (sample.total() == 0)
-        throw QORCtlError::usage("say how much: --environments N, --operations N, --events N, --backups N");
+        throw CtlError::usage("say how much: --environments N, --operations N, --events N, --backups N");
     if (options.output) return writeSample(sample, *options.output);
-    const auto backend = makeBackend(connection, QORBackendUse::Store);
-    const QORInterrupt interrupt;
-    QORRecordStream records(*backend, options.report, sample.total());
+    const auto backend = makeBackend(connection, BackendUse::Store);
+    const Interrupt interrupt;
+    RecordStream records(*backend, options.report, sample.total());
     std::string line;
     while (!interrupt.isRequested() && sample.next(line))
         if (!records.add(line)) break;

@@ -13,10 +13,10 @@ namespace {
 /// What there is to ask, made when it is first needed: a request that is not well formed needs nobody.
 class LazyBackend {
 public:
-    explicit LazyBackend(const QORConnectionOptions& connection) : m_connection(connection) {}
+    explicit LazyBackend(const ConnectionOptions& connection) : m_connection(connection) {}
 
-    QORBackend& get() {
-        if (!m_backend) m_backend = makeBackend(m_connection, QORBackendUse::Ask);
+    Backend& get() {
+        if (!m_backend) m_backend = makeBackend(m_connection, BackendUse::Ask);
         return *m_backend;
     }
 
@@ -28,16 +28,16 @@ public:
     }
 
 private:
-    const QORConnectionOptions& m_connection;
-    std::unique_ptr<QORBackend> m_backend;
+    const ConnectionOptions& m_connection;
+    std::unique_ptr<Backend> m_backend;
     std::optional<std::vector<QORViewColumn>> m_columns;
 };
 
 }  // namespace
 
-void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& options, const QORPrintOptions& print) {
+void runSelect(const ConnectionOptions& connection, const SelectOptions& options, const PrintOptions& print) {
     LazyBackend backend(connection);
-    QORSelectRequest request = makeSelectRequest(
+    SelectRequest request = makeSelectRequest(
         options, [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
     for (const std::string& note : request.notes)
         tellPerson("note: " + note);
@@ -45,18 +45,18 @@ void runSelect(const QORConnectionOptions& connection, const QORSelectOptions& o
     writeRequest(request.envelope, json);
 
     tellOfNoEnvironment(backend.get(), options.client);
-    QORFileOutput out(STDOUT_FILENO);
+    FileOutput out(STDOUT_FILENO);
     const auto printer = makePrinter(print, options.count, out);
-    QORCountKeeper keeper(*printer);
+    CountKeeper keeper(*printer);
     // The XML form is the answer itself, so its columns stand where the answer has them.
-    QORColumnOrder ordered(std::move(request.columns), keeper);
-    QORRowSink& rows = print.format == QORRowFormat::Xml ? static_cast<QORRowSink&>(keeper) : ordered;
+    ColumnOrder ordered(std::move(request.columns), keeper);
+    RowSink& rows = print.format == RowFormat::Xml ? static_cast<RowSink&>(keeper) : ordered;
 
     const auto answer = backend.get().ask(json);
     const auto error = readAnswer(*answer, rows);
     out.flush();  // the rows before an error too: they have been answered
-    if (error) throw QORCtlError::answered(error->code, error->message);
-    if (keeper.counts && print.format == QORRowFormat::Csv) tellPerson(describeCounts(*keeper.counts));
+    if (error) throw CtlError::answered(error->code, error->message);
+    if (keeper.counts && print.format == RowFormat::Csv) tellPerson(describeCounts(*keeper.counts));
 }
 
 }  // namespace QOR

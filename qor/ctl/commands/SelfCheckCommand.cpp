@@ -5,7 +5,7 @@
 #include "QORDBSchema/QORDBSchema.h"
 #include "commands/Commands.h"
 #include "output/Output.h"
-#include "selfcheck/SecurityCheck.h"
+#include "selfcheck/QORSecurityCheck.h"
 
 namespace QOR {
 namespace {
@@ -23,7 +23,7 @@ std::string shown(const std::string& text) {
     return text.size() <= shownBytes ? text : text.substr(0, shownBytes) + "...";
 }
 
-void print(const QORSecurityReport& report, QORFileOutput& out) {
+void print(const QORSecurityReport& report, FileOutput& out) {
     const auto line = [&out](const std::string& text) { out << text + "\n"; };
     line("Restricted views: " + joined(report.restrictedViews));
     line("Views that everybody sees whole: " + joined(report.openViews));
@@ -43,9 +43,9 @@ void print(const QORSecurityReport& report, QORFileOutput& out) {
 
 }  // namespace
 
-void runSelfCheckSecurity(const QORConnectionOptions& connection, const QORSecurityCommandOptions& options) {
+void runSelfCheckSecurity(const ConnectionOptions& connection, const SecurityCommandOptions& options) {
     if (!connection.standalone || connection.database.empty()) {
-        throw QORCtlError::usage(
+        throw CtlError::usage(
             "self-check needs the database itself: --standalone --database \"Driver=SQLite3;Database=FILE\"; an agent "
             "may "
             "serve it meanwhile, it is only read");
@@ -58,13 +58,13 @@ void runSelfCheckSecurity(const QORConnectionOptions& connection, const QORSecur
         check.progress = [&](std::size_t done) { std::fprintf(stderr, "%zu of %zu\n", done, options.requests); };
     }
     const QORSecurityReport report = checkSecurity(QORDBSchema::databaseName(connection.database), check);
-    QORFileOutput out(STDOUT_FILENO);
+    FileOutput out(STDOUT_FILENO);
     print(report, out);
     out.flush();
     if (report.different > 0) {
-        throw QORCtlError(QORCtlExit::AnsweredError,
-                          "hidden rows tell of themselves: " + std::to_string(report.different) + " of " +
-                              std::to_string(report.requests) + " answers depend on them");
+        throw CtlError(CtlExit::AnsweredError, "hidden rows tell of themselves: " + std::to_string(report.different) +
+                                                   " of " + std::to_string(report.requests) +
+                                                   " answers depend on them");
     }
 }
 

@@ -11,15 +11,15 @@ namespace {
 /// Prints what has a name and a value, a line each.
 class StatusLines {
 public:
-    explicit StatusLines(QORRowSink& sink) : m_sink(sink) { m_sink.begin(std::array<std::string, 2>{"what", "value"}); }
+    explicit StatusLines(RowSink& sink) : m_sink(sink) { m_sink.begin(std::array<std::string, 2>{"what", "value"}); }
 
     void add(std::string_view what, std::string_view value) {
-        m_sink.row(std::array<QORCell, 2>{QORCell{QORCell::Kind::Text, what}, QORCell{QORCell::Kind::Text, value}});
+        m_sink.row(std::array<Cell, 2>{Cell{Cell::Kind::Text, what}, Cell{Cell::Kind::Text, value}});
     }
     void add(std::string_view what, std::uint64_t value) { add(what, std::to_string(value)); }
 
 private:
-    QORRowSink& m_sink;
+    RowSink& m_sink;
 };
 
 void addDatabase(StatusLines& lines, const QORDatabaseStatus& database) {
@@ -42,9 +42,9 @@ void addDocuments(StatusLines& lines, const QORDatabaseStatus& database) {
 
 }  // namespace
 
-void runStatus(const QORConnectionOptions& connection, const QORPrintOptions& print) {
-    const QORBackendStatus status = makeBackend(connection, QORBackendUse::Inspect)->status();
-    QORFileOutput out(STDOUT_FILENO);
+void runStatus(const ConnectionOptions& connection, const PrintOptions& print) {
+    const BackendStatus status = makeBackend(connection, BackendUse::Inspect)->status();
+    FileOutput out(STDOUT_FILENO);
     const auto printer = makePrinter(print, false, out);
     StatusLines lines(*printer);
     if (status.agent) {

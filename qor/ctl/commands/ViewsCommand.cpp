@@ -20,30 +20,30 @@ void requireAll(const std::vector<std::string>& views, const std::vector<QORView
     for (const std::string& view : views)
         if (std::none_of(columns.begin(), columns.end(),
                          [&](const QORViewColumn& column) { return isSameView(view, column.view); }))
-            throw QORCtlError(QORCtlExit::AnsweredError, "there is no view " + quoteText(view));
+            throw CtlError(CtlExit::AnsweredError, "there is no view " + quoteText(view));
 }
 
-QORCell text(std::string_view bytes) {
-    return {QORCell::Kind::Text, bytes};
+Cell text(std::string_view bytes) {
+    return {Cell::Kind::Text, bytes};
 }
 
 }  // namespace
 
-void runViews(const QORConnectionOptions& connection, const QORViewsOptions& options) {
-    const auto backend = makeBackend(connection, QORBackendUse::Inspect);
+void runViews(const ConnectionOptions& connection, const ViewsOptions& options) {
+    const auto backend = makeBackend(connection, BackendUse::Inspect);
     const std::vector<QORViewColumn> columns = backend->views();
     requireAll(options.views, columns);
 
-    QORFileOutput out(STDOUT_FILENO);
+    FileOutput out(STDOUT_FILENO);
     const auto printer = makePrinter(options.print, false, out);
     const std::array<std::string, 4> names{"view", "column", "type", "length"};
     printer->begin(names);
     for (const QORViewColumn& column : columns) {
         if (!isWanted(column, options.views)) continue;
         const std::string length = std::to_string(column.length);
-        const std::array<QORCell, 4> cells{text(column.view), text(column.column),
-                                           column.type.empty() ? QORCell{} : text(column.type),
-                                           column.length == 0 ? QORCell{} : text(length)};
+        const std::array<Cell, 4> cells{text(column.view), text(column.column),
+                                        column.type.empty() ? Cell{} : text(column.type),
+                                        column.length == 0 ? Cell{} : text(length)};
         printer->row(cells);
     }
     printer->end(std::nullopt);

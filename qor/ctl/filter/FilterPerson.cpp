@@ -74,7 +74,7 @@ std::string_view spelling(TTokenType type) {
 
 /// What is wrong with a sequence whose operators and operands do not go together, and where. The tree only knows that
 /// they do not; in the order of the text it shows.
-QORWhereError explainStructure(const TExpressionEvaluation& evaluator) {
+WhereError explainStructure(const TExpressionEvaluation& evaluator) {
     std::vector<const TToken*> tokens;
     for (const TToken& token : evaluator.postfix())
         tokens.push_back(&token);
@@ -105,7 +105,7 @@ std::string explainError(TExpressionEvaluation& evaluator) {
     const TErrorType code = evaluator.getErrorCode();
     const std::string message = cutToWidth(visible(evaluator.getErrorMessage()), longestMessage);
     if (code == etOperatorExpected) {
-        const QORWhereError place = explainStructure(evaluator);
+        const WhereError place = explainStructure(evaluator);
         return describeWhereError(evaluator.getExpression(), {place.offset(), message + ": " + place.what()});
     }
     std::string out = describeWhereError(evaluator.getExpression(), {evaluator.getErrorPosition(), message});

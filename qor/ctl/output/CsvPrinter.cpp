@@ -26,7 +26,7 @@ void appendField(std::string_view text, std::string& out) {
 
 }  // namespace
 
-void QORCsvPrinter::begin(std::span<const std::string> names) {
+void CsvPrinter::begin(std::span<const std::string> names) {
     std::string& buffer = m_out.buffer();
     for (std::size_t at = 0; at < names.size(); ++at) {
         if (at > 0) buffer += ',';
@@ -35,13 +35,13 @@ void QORCsvPrinter::begin(std::span<const std::string> names) {
     buffer += lineEnd;
 }
 
-void QORCsvPrinter::row(std::span<const QORCell> cells) {
+void CsvPrinter::row(std::span<const Cell> cells) {
     std::string& buffer = m_out.buffer();
     for (std::size_t at = 0; at < cells.size(); ++at) {
         if (at > 0) buffer += ',';
-        if (cells[at].kind == QORCell::Kind::Text)
+        if (cells[at].kind == Cell::Kind::Text)
             appendField(cells[at].bytes, buffer);
-        else if (cells[at].kind == QORCell::Kind::Binary && cells[at].bytes.empty())
+        else if (cells[at].kind == Cell::Kind::Binary && cells[at].bytes.empty())
             buffer += "\"\"";
         else
             appendBase64(cells[at].bytes, buffer);  // of a null: nothing
@@ -50,6 +50,6 @@ void QORCsvPrinter::row(std::span<const QORCell> cells) {
     m_out.settle();
 }
 
-void QORCsvPrinter::end(const std::optional<QORRowCounts>&) {}
+void CsvPrinter::end(const std::optional<RowCounts>&) {}
 
 }  // namespace QOR

@@ -6,15 +6,15 @@
 
 namespace QOR {
 
-class QORCsvPrinter final : public QORRowSink {
+class CsvPrinter final : public RowSink {
 public:
-    explicit QORCsvPrinter(QOROutput& out) : m_out(out) {}
+    explicit CsvPrinter(Output& out) : m_out(out) {}
     void begin(std::span<const std::string> names) override;
-    void row(std::span<const QORCell> cells) override;
-    void end(const std::optional<QORRowCounts>& counts) override;
+    void row(std::span<const Cell> cells) override;
+    void end(const std::optional<RowCounts>& counts) override;
 
 private:
-    QOROutput& m_out;
+    Output& m_out;
 };
 
 }  // namespace QOR

@@ -65,7 +65,7 @@ void appendJsonText(std::string_view text, std::string& out) {
         appendBinary(text, out);
 }
 
-void QORJsonPrinter::begin(std::span<const std::string> names) {
+void JsonPrinter::begin(std::span<const std::string> names) {
     for (const std::string& name : names) {
         std::string member;
         // A member's name is a string in any case; what is not UTF-8 is shown as people see it.
@@ -75,16 +75,16 @@ void QORJsonPrinter::begin(std::span<const std::string> names) {
     m_out << (m_withCounts ? "{\"rows\":[" : "[");
 }
 
-void QORJsonPrinter::row(std::span<const QORCell> cells) {
+void JsonPrinter::row(std::span<const Cell> cells) {
     std::string& buffer = m_out.buffer();
     buffer += m_any ? ",\n{" : "\n{";
     m_any = true;
     for (std::size_t at = 0; at < cells.size(); ++at) {
         if (at > 0) buffer += ',';
         buffer += m_members[at];
-        if (cells[at].kind == QORCell::Kind::Null)
+        if (cells[at].kind == Cell::Kind::Null)
             buffer += "null";
-        else if (cells[at].kind == QORCell::Kind::Binary)
+        else if (cells[at].kind == Cell::Kind::Binary)
             appendBinary(cells[at].bytes, buffer);
         else
             appendJsonText(cells[at].bytes, buffer);
@@ -93,10 +93,10 @@ void QORJsonPrinter::row(std::span<const QORCell> cells) {
     m_out.settle();
 }
 
-void QORJsonPrinter::end(const std::optional<QORRowCounts>& counts) {
+void JsonPrinter::end(const std::optional<RowCounts>& counts) {
     m_out << (m_any ? "\n]" : "]");
     if (m_withCounts) {
-        const QORRowCounts known = counts.value_or(QORRowCounts{});
+        const RowCounts known = counts.value_or(RowCounts{});
         m_out << ",\"count\":" << std::to_string(known.rows) << ",\"total\":" << std::to_string(known.total) << "}";
     }
     m_out << "\n";

@@ -10,7 +10,7 @@
 
 namespace QOR {
 
-void QOROutput::flush() {
+void Output::flush() {
     if (m_buffer.empty()) return;
     const std::string block = std::move(m_buffer);
     m_buffer.clear();
@@ -18,7 +18,7 @@ void QOROutput::flush() {
     m_buffer.reserve(blockSize + blockSize / 8);
 }
 
-void QORFileOutput::write(std::string_view block) {
+void FileOutput::write(std::string_view block) {
     while (!block.empty()) {
         const ssize_t written = ::write(m_descriptor, block.data(), block.size());
         if (written >= 0) {
@@ -28,10 +28,10 @@ void QORFileOutput::write(std::string_view block) {
             pollfd ready{m_descriptor, POLLOUT, 0};
             ::poll(&ready, 1, -1);
         } else if (errno == EPIPE) {
-            throw QORBrokenPipe();
+            throw BrokenPipe();
         } else if (errno != EINTR) {
-            throw QORCtlError(QORCtlExit::AnsweredError,
-                              "cannot write the output: " + std::generic_category().message(errno));
+            throw CtlError(CtlExit::AnsweredError,
+                           "cannot write the output: " + std::generic_category().message(errno));
         }
     }
 }

@@ -10,10 +10,10 @@ namespace QOR {
 
 /// A buffered byte stream. One thread. What was not flushed when it is destroyed is lost, so that a command that fails
 /// decides itself what is still to be seen.
-class QOROutput {
+class Output {
 public:
-    virtual ~QOROutput() = default;
-    QOROutput& operator<<(std::string_view text) {
+    virtual ~Output() = default;
+    Output& operator<<(std::string_view text) {
         m_buffer += text;
         settle();
         return *this;
@@ -34,12 +34,12 @@ private:
 };
 
 /// Onto a file descriptor, which is not owned.
-class QORFileOutput final : public QOROutput {
+class FileOutput final : public Output {
 public:
-    explicit QORFileOutput(int descriptor) noexcept : m_descriptor(descriptor) {}
+    explicit FileOutput(int descriptor) noexcept : m_descriptor(descriptor) {}
 
 protected:
-    /// \throws QORBrokenPipe when nobody reads any more, QORCtlError for any other failure
+    /// \throws BrokenPipe when nobody reads any more, CtlError for any other failure
     void write(std::string_view block) override;
 
 private:
@@ -47,7 +47,7 @@ private:
 };
 
 /// Into a text.
-class QORTextOutput final : public QOROutput {
+class TextOutput final : public Output {
 public:
     const std::string& text() {
         flush();

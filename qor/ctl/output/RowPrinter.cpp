@@ -7,21 +7,21 @@
 
 namespace QOR {
 
-std::unique_ptr<QORRowSink> makeRowPrinter(QORRowFormat format, const QORRowPrinterOptions& options, QOROutput& out) {
+std::unique_ptr<RowSink> makeRowPrinter(RowFormat format, const RowPrinterOptions& options, Output& out) {
     switch (format) {
-        case QORRowFormat::Json:
-            return std::make_unique<QORJsonPrinter>(options.counts, out);
-        case QORRowFormat::Csv:
-            return std::make_unique<QORCsvPrinter>(out);
-        case QORRowFormat::Xml:
-            return std::make_unique<QORXmlPrinter>(out);
-        case QORRowFormat::Table:
+        case RowFormat::Json:
+            return std::make_unique<JsonPrinter>(options.counts, out);
+        case RowFormat::Csv:
+            return std::make_unique<CsvPrinter>(out);
+        case RowFormat::Xml:
+            return std::make_unique<XmlPrinter>(out);
+        case RowFormat::Table:
             break;
     }
-    return std::make_unique<QORTablePrinter>(options.width, out);
+    return std::make_unique<TablePrinter>(options.width, out);
 }
 
-std::string describeCounts(const QORRowCounts& counts) {
+std::string describeCounts(const RowCounts& counts) {
     return std::to_string(counts.rows) + " of " + std::to_string(counts.total) + (counts.total == 1 ? " row" : " rows");
 }
 

@@ -15,31 +15,31 @@
 namespace QOR {
 
 /// One value of a row. The bytes belong to whoever hands the row over and live for the call.
-struct QORCell {
+struct Cell {
     enum class Kind : std::uint8_t { Null, Text, Binary };
     Kind kind = Kind::Null;
     std::string_view bytes;
 };
 
 /// The counts that an answer holds when they were asked for.
-struct QORRowCounts {
+struct RowCounts {
     std::int64_t rows = 0;   ///< of this page
     std::int64_t total = 0;  ///< of all that match
 };
 
 /// Takes the rows of one answer in turn: begin once, then rows, then end. One thread.
-class QORRowSink {
+class RowSink {
 public:
-    virtual ~QORRowSink() = default;
+    virtual ~RowSink() = default;
     virtual void begin(std::span<const std::string> names) = 0;
     /// \pre as many cells as there are names
-    virtual void row(std::span<const QORCell> cells) = 0;
-    virtual void end(const std::optional<QORRowCounts>& counts) = 0;
+    virtual void row(std::span<const Cell> cells) = 0;
+    virtual void end(const std::optional<RowCounts>& counts) = 0;
 };
 
-enum class QORRowFormat { Table, Json, Csv, Xml };
+enum class RowFormat { Table, Json, Csv, Xml };
 
-struct QORRowPrinterOptions {
+struct RowPrinterOptions {
     std::size_t width = 0;  ///< columns of the terminal that tables are fitted to; 0 cuts nothing
     bool counts = false;    ///< counts were asked for: JSON is then an object that holds them beside the rows
 };
@@ -53,9 +53,9 @@ struct QORRowPrinterOptions {
 /// - Csv: RFC 4180 with a header line; a null is an empty field, an empty text "", binary values are base64. Counts are
 ///   left to the caller, so that nothing but rows is in the output.
 /// - Xml: the answer's row set in the XML form of messages, an element of it a line.
-std::unique_ptr<QORRowSink> makeRowPrinter(QORRowFormat format, const QORRowPrinterOptions& options, QOROutput& out);
+std::unique_ptr<RowSink> makeRowPrinter(RowFormat format, const RowPrinterOptions& options, Output& out);
 
 /// "10 of 400 rows".
-std::string describeCounts(const QORRowCounts& counts);
+std::string describeCounts(const RowCounts& counts);
 
 }  // namespace QOR

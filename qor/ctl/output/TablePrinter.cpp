@@ -38,7 +38,7 @@ void dropTrailingBlanks(std::string& line) {
 
 }  // namespace
 
-void QORTablePrinter::begin(std::span<const std::string> names) {
+void TablePrinter::begin(std::span<const std::string> names) {
     for (const std::string& name : names) {
         Column column;
         appendVisible(name, column.name);
@@ -48,35 +48,35 @@ void QORTablePrinter::begin(std::span<const std::string> names) {
     m_values.resize(m_columns.size());
 }
 
-void QORTablePrinter::render(std::span<const QORCell> cells) {
+void TablePrinter::render(std::span<const Cell> cells) {
     for (std::size_t at = 0; at < cells.size(); ++at) {
         std::string& value = m_values[at];
         value.clear();
-        if (cells[at].kind == QORCell::Kind::Null)
+        if (cells[at].kind == Cell::Kind::Null)
             value = nullSign;
-        else if (cells[at].kind == QORCell::Kind::Binary)
+        else if (cells[at].kind == Cell::Kind::Binary)
             appendHex(cells[at].bytes, value);
         else
             appendVisible(cells[at].bytes, value);
     }
 }
 
-void QORTablePrinter::row(std::span<const QORCell> cells) {
+void TablePrinter::row(std::span<const Cell> cells) {
     ++m_rows;
     render(cells);
     if (m_settled) return m_blocks ? printBlock(m_values) : printLine(m_values);
     for (std::size_t at = 0; at < cells.size(); ++at) {
         Column& column = m_columns[at];
         column.width = std::max(column.width, textWidth(m_values[at]));
-        if (cells[at].kind == QORCell::Kind::Null) continue;
+        if (cells[at].kind == Cell::Kind::Null) continue;
         column.any = true;
-        column.numbers = column.numbers && cells[at].kind == QORCell::Kind::Text && parseDouble(cells[at].bytes);
+        column.numbers = column.numbers && cells[at].kind == Cell::Kind::Text && parseDouble(cells[at].bytes);
     }
     m_held.insert(m_held.end(), m_values.begin(), m_values.end());
     if (m_rows == rowsHeldBack) settleColumns();
 }
 
-void QORTablePrinter::settleColumns() {
+void TablePrinter::settleColumns() {
     m_settled = true;
     m_blocks = !fitColumns();
     if (!m_blocks) printHeader();
@@ -84,7 +84,7 @@ void QORTablePrinter::settleColumns() {
 }
 
 /// Takes from the widest columns until the line fits. False when it cannot be made to.
-bool QORTablePrinter::fitColumns() {
+bool TablePrinter::fitColumns() {
     if (m_width == 0 || m_columns.empty()) return true;
     const std::size_t gaps = gap.size() * (m_columns.size() - 1);
     std::size_t needed = gaps;
@@ -114,7 +114,7 @@ bool QORTablePrinter::fitColumns() {
     return true;
 }
 
-void QORTablePrinter::printHeader() {
+void TablePrinter::printHeader() {
     std::string names;
     std::string rules;
     for (const Column& column : m_columns) {
@@ -127,7 +127,7 @@ void QORTablePrinter::printHeader() {
     m_out << names << "\n" << rules << "\n";
 }
 
-void QORTablePrinter::printHeldRows() {
+void TablePrinter::printHeldRows() {
     for (std::size_t at = 0; at < m_held.size(); at += m_columns.size()) {
         const std::span<const std::string> values(m_held.data() + at, m_columns.size());
         if (m_blocks)
@@ -138,7 +138,7 @@ void QORTablePrinter::printHeldRows() {
     m_held = {};
 }
 
-void QORTablePrinter::printLine(std::span<const std::string> values) {
+void TablePrinter::printLine(std::span<const std::string> values) {
     std::string& buffer = m_out.buffer();
     const std::size_t begin = buffer.size();
     for (std::size_t at = 0; at < values.size(); ++at) {
@@ -155,7 +155,7 @@ void QORTablePrinter::printLine(std::span<const std::string> values) {
     m_out.settle();
 }
 
-void QORTablePrinter::printBlock(std::span<const std::string> values) {
+void TablePrinter::printBlock(std::span<const std::string> values) {
     std::size_t widest = 0;
     for (const Column& column : m_columns)
         widest = std::max(widest, textWidth(column.name));
@@ -173,7 +173,7 @@ void QORTablePrinter::printBlock(std::span<const std::string> values) {
     }
 }
 
-void QORTablePrinter::end(const std::optional<QORRowCounts>& counts) {
+void TablePrinter::end(const std::optional<RowCounts>& counts) {
     if (!m_settled) settleColumns();
     if (counts)
         m_out << (m_rows > 0 ? "\n" : "") << describeCounts(*counts) << "\n";

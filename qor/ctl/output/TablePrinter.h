@@ -12,13 +12,13 @@ namespace QOR {
 /// Holds back the first rows to settle the widths of the columns, then prints as rows come, so that neither memory nor
 /// the wait for the first line grows with the answer. Where a terminal is too narrow to give each column a readable
 /// width, each row becomes a block of lines, a column a line.
-class QORTablePrinter final : public QORRowSink {
+class TablePrinter final : public RowSink {
 public:
     /// \param width columns to fit into, 0 for as many as are needed
-    QORTablePrinter(std::size_t width, QOROutput& out) : m_width(width), m_out(out) {}
+    TablePrinter(std::size_t width, Output& out) : m_width(width), m_out(out) {}
     void begin(std::span<const std::string> names) override;
-    void row(std::span<const QORCell> cells) override;
-    void end(const std::optional<QORRowCounts>& counts) override;
+    void row(std::span<const Cell> cells) override;
+    void end(const std::optional<RowCounts>& counts) override;
 
 private:
     struct Column {
@@ -28,7 +28,7 @@ private:
         bool any = false;     ///< a value that is not null
     };
 
-    void render(std::span<const QORCell> cells);
+    void render(std::span<const Cell> cells);
     void settleColumns();
     bool fitColumns();
     void printHeader();
@@ -38,7 +38,7 @@ private:
     bool alignsRight(const Column& column) const { return column.numbers && column.any; }
 
     std::size_t m_width;
-    QOROutput& m_out;
+    Output& m_out;
     std::vector<Column> m_columns;
     std::vector<std::string> m_held;  ///< rendered values of the rows held back, row by row
     std::vector<std::string> m_values;

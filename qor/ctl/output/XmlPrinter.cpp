@@ -6,7 +6,7 @@
 namespace QOR {
 
 /// One line for each element that stands below the message's root; the message is empty afterwards.
-void QORXmlPrinter::printLines() {
+void XmlPrinter::printLines() {
     for (const QORMessageNode* node = m_message.rootNode()->firstChild; node != nullptr; node = node->next) {
         writeXml(*node, m_out.buffer());
         m_out.buffer() += '\n';
@@ -15,7 +15,7 @@ void QORXmlPrinter::printLines() {
     m_out.settle();
 }
 
-void QORXmlPrinter::begin(std::span<const std::string> names) {
+void XmlPrinter::begin(std::span<const std::string> names) {
     m_out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<row_set>\n";
     QORBinaryIterator at = m_message.root();
     for (const std::string& name : names)
@@ -23,13 +23,13 @@ void QORXmlPrinter::begin(std::span<const std::string> names) {
     printLines();
 }
 
-void QORXmlPrinter::row(std::span<const QORCell> cells) {
+void XmlPrinter::row(std::span<const Cell> cells) {
     QORBinaryIterator at = m_message.root();
     at.addChild(tag::row);
-    for (const QORCell& cell : cells) {
-        if (cell.kind == QORCell::Kind::Text) {
+    for (const Cell& cell : cells) {
+        if (cell.kind == Cell::Kind::Text) {
             at.putValue(cell.bytes, tag::value);
-        } else if (cell.kind == QORCell::Kind::Binary) {
+        } else if (cell.kind == Cell::Kind::Binary) {
             at.putBinary(cell.bytes.data(), cell.bytes.size(), tag::value);
         } else {
             at.addChild(tag::value);
@@ -39,7 +39,7 @@ void QORXmlPrinter::row(std::span<const QORCell> cells) {
     printLines();
 }
 
-void QORXmlPrinter::end(const std::optional<QORRowCounts>& counts) {
+void XmlPrinter::end(const std::optional<RowCounts>& counts) {
     if (counts) {
         QORBinaryIterator at = m_message.root();
         at.putInt64(counts->rows, tag::statistics);

@@ -8,17 +8,17 @@
 namespace QOR {
 
 /// Column order is the caller's; the answer's own order makes this the answer itself.
-class QORXmlPrinter final : public QORRowSink {
+class XmlPrinter final : public RowSink {
 public:
-    explicit QORXmlPrinter(QOROutput& out) : m_out(out) {}
+    explicit XmlPrinter(Output& out) : m_out(out) {}
     void begin(std::span<const std::string> names) override;
-    void row(std::span<const QORCell> cells) override;
-    void end(const std::optional<QORRowCounts>& counts) override;
+    void row(std::span<const Cell> cells) override;
+    void end(const std::optional<RowCounts>& counts) override;
 
 private:
     void printLines();
 
-    QOROutput& m_out;
+    Output& m_out;
     QORMessage m_message;  ///< holds what is printed next
 };
 

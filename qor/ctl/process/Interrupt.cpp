@@ -31,7 +31,7 @@ void handle(int number, void (*handler)(int), int flags) {
 
 }  // namespace
 
-QORInterrupt::QORInterrupt() {
+Interrupt::Interrupt() {
     requested = false;
     event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     // Reads and writes on the agent's socket go on; waiting for input ends through the descriptor.
@@ -39,17 +39,17 @@ QORInterrupt::QORInterrupt() {
         handle(number, requestStop, static_cast<int>(SA_RESTART | SA_RESETHAND));
 }
 
-QORInterrupt::~QORInterrupt() {
+Interrupt::~Interrupt() {
     for (const int number : {SIGINT, SIGTERM})
         handle(number, SIG_DFL, 0);
     ::close(event.exchange(-1));
 }
 
-bool QORInterrupt::isRequested() const noexcept {
+bool Interrupt::isRequested() const noexcept {
     return requested;
 }
 
-int QORInterrupt::descriptor() const noexcept {
+int Interrupt::descriptor() const noexcept {
     return event;
 }
 

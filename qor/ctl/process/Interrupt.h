@@ -5,12 +5,12 @@
 namespace QOR {
 
 /// While one exists, SIGINT and SIGTERM are taken as the wish to stop. At most one in a process.
-class QORInterrupt {
+class Interrupt {
 public:
-    QORInterrupt();
-    ~QORInterrupt();
-    QORInterrupt(const QORInterrupt&) = delete;
-    QORInterrupt& operator=(const QORInterrupt&) = delete;
+    Interrupt();
+    ~Interrupt();
+    Interrupt(const Interrupt&) = delete;
+    Interrupt& operator=(const Interrupt&) = delete;
 
     bool isRequested() const noexcept;
     /// Becomes, and stays, readable with the request.

@@ -20,7 +20,7 @@ std::string reasonOf(int error) {
 
 }  // namespace
 
-QORLineInput::Got QORLineInput::next() {
+LineInput::Got LineInput::next() {
     m_cut = false;
     std::size_t scanned = m_at;
     for (;;) {
@@ -50,14 +50,14 @@ QORLineInput::Got QORLineInput::next() {
     }
 }
 
-void QORLineInput::takeLine(std::size_t end) {
+void LineInput::takeLine(std::size_t end) {
     m_line = std::string_view(m_buffer).substr(m_at, end - m_at);
     if (m_line.size() > m_maxBytes) m_cut = true;
     if (m_cut) m_line = m_line.substr(0, m_maxBytes);
     if (m_line.ends_with('\r')) m_line.remove_suffix(1);
 }
 
-QORLineInput::Filled QORLineInput::fill() {
+LineInput::Filled LineInput::fill() {
     const std::size_t size = m_buffer.size();
     m_buffer.resize(size + blockSize);
     ssize_t got = -1;
@@ -73,24 +73,24 @@ QORLineInput::Filled QORLineInput::fill() {
         if (got >= 0 || (errno != EINTR && errno != EAGAIN)) break;
     }
     m_buffer.resize(size + static_cast<std::size_t>(got > 0 ? got : 0));
-    if (got < 0) throw QORCtlError::usage("cannot read the input: " + reasonOf(errno));
+    if (got < 0) throw CtlError::usage("cannot read the input: " + reasonOf(errno));
     m_end = got == 0;
     return m_end ? Filled::End : Filled::More;
 }
 
-QORInputFile::QORInputFile(const std::string& path)
+InputFile::InputFile(const std::string& path)
     : m_name(path.empty() || path == "-" ? "standard input" : path), m_descriptor(STDIN_FILENO), m_owned(false) {
     if (path.empty() || path == "-") return;
     m_descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (m_descriptor < 0) throw QORCtlError::usage("cannot open " + path + ": " + reasonOf(errno));
+    if (m_descriptor < 0) throw CtlError::usage("cannot open " + path + ": " + reasonOf(errno));
     m_owned = true;
 }
 
-QORInputFile::~QORInputFile() {
+InputFile::~InputFile() {
     if (m_owned) ::close(m_descriptor);
 }
 
-std::string QORInputFile::readAll(std::size_t maxBytes) const {
+std::string InputFile::readAll(std::size_t maxBytes) const {
     std::string text;
     for (;;) {
         const std::size_t size = text.size();
@@ -99,9 +99,9 @@ std::string QORInputFile::readAll(std::size_t maxBytes) const {
         const int error = errno;
         text.resize(size + static_cast<std::size_t>(got > 0 ? got : 0));
         if (got == 0) return text;
-        if (got < 0 && error != EINTR) throw QORCtlError::usage("cannot read " + m_name + ": " + reasonOf(error));
+        if (got < 0 && error != EINTR) throw CtlError::usage("cannot read " + m_name + ": " + reasonOf(error));
         if (text.size() > maxBytes)
-            throw QORCtlError::usage(m_name + " is larger than " + std::to_string(maxBytes) + " bytes");
+            throw CtlError::usage(m_name + " is larger than " + std::to_string(maxBytes) + " bytes");
     }
 }
 

@@ -10,17 +10,17 @@ namespace QOR {
 
 /// Reads lines of bounded length. A carriage return before the line feed is not part of a line; the last line needs no
 /// line feed. One thread.
-class QORLineInput {
+class LineInput {
 public:
     enum class Got { Line, End, Stopped };
 
     /// \param descriptor read from, not owned
     /// \param stop a descriptor that becomes readable when waiting is to end, -1 for none; not owned
     /// \param maxBytes a longer line is cut to its first maxBytes bytes
-    QORLineInput(int descriptor, int stop, std::size_t maxBytes)
+    LineInput(int descriptor, int stop, std::size_t maxBytes)
         : m_descriptor(descriptor), m_stop(stop), m_maxBytes(maxBytes) {}
 
-    /// \throws QORCtlError when the input cannot be read
+    /// \throws CtlError when the input cannot be read
     Got next();
     /// Valid until next().
     std::string_view line() const noexcept { return m_line; }
@@ -45,16 +45,16 @@ private:
 };
 
 /// A file opened for reading, or standard input for "-" and the empty path. Owns what it opened.
-class QORInputFile {
+class InputFile {
 public:
-    /// \throws QORCtlError BadUsage naming the file and the reason
-    explicit QORInputFile(const std::string& path);
-    ~QORInputFile();
-    QORInputFile(const QORInputFile&) = delete;
-    QORInputFile& operator=(const QORInputFile&) = delete;
+    /// \throws CtlError BadUsage naming the file and the reason
+    explicit InputFile(const std::string& path);
+    ~InputFile();
+    InputFile(const InputFile&) = delete;
+    InputFile& operator=(const InputFile&) = delete;
 
     int descriptor() const noexcept { return m_descriptor; }
-    /// Everything to the end. \throws QORCtlError BadUsage when it cannot be read or is larger than `maxBytes`
+    /// Everything to the end. \throws CtlError BadUsage when it cannot be read or is larger than `maxBytes`
     std::string readAll(std::size_t maxBytes) const;
 
 private:

@@ -208,7 +208,7 @@ std::string_view columnOf(const Source& source, std::string_view field) {
 }
 
 /// The command that asks the view, with those of the fields that the view has.
-std::string selectCommand(const QORRowsOptions& options, const Source& source) {
+std::string selectCommand(const RowsOptions& options, const Source& source) {
     std::string command = "qorctl select --view " + std::string(source.view);
     bool any = false;
     for (const std::string& field : options.fields) {
@@ -231,7 +231,7 @@ std::string selectCommand(const QORRowsOptions& options, const Source& source) {
 
 }  // namespace
 
-std::vector<std::string> adviseOnRows(const QORRowsOptions& options) {
+std::vector<std::string> adviseOnRows(const RowsOptions& options) {
     std::vector<std::string> advice;
     const Source* const source = sourceOf(options.fields);
     if (source == nullptr) return advice;

@@ -11,6 +11,6 @@
 namespace QOR {
 
 /// A sentence for each part of the request that has no effect, and the command that does what was meant.
-std::vector<std::string> adviseOnRows(const QORRowsOptions& options);
+std::vector<std::string> adviseOnRows(const RowsOptions& options);
 
 }  // namespace QOR

@@ -13,13 +13,13 @@ namespace {
 constexpr std::int64_t mostRows = std::numeric_limits<std::int32_t>::max();
 
 void require(int status) {
-    if (status != 0) throw QORCtlError::usage("the request is larger than a message may be");
+    if (status != 0) throw CtlError::usage("the request is larger than a message may be");
 }
 
 void addSort(QORBinaryIterator& at, std::string_view text) {
     const bool descending = text.starts_with('-');
     if (descending) text.remove_prefix(1);
-    if (text.empty()) throw QORCtlError::usage("a sort key has no name");
+    if (text.empty()) throw CtlError::usage("a sort key has no name");
     require(at.addChild(tag::sort));
     require(at.putValue(text, tag::field));
     if (descending) {
@@ -30,12 +30,12 @@ void addSort(QORBinaryIterator& at, std::string_view text) {
 }
 
 /// An offset alone asks for all that follows: the operator takes an offset only with a size.
-void addLimit(QORBinaryIterator& at, const QORRowsOptions& options) {
+void addLimit(QORBinaryIterator& at, const RowsOptions& options) {
     const std::int64_t limit = options.limit == 0 && options.offset > 0 ? mostRows : options.limit;
     if (limit < 0 || limit > mostRows)
-        throw QORCtlError::usage("--limit must lie between 0 and " + std::to_string(mostRows));
+        throw CtlError::usage("--limit must lie between 0 and " + std::to_string(mostRows));
     if (options.offset < 0 || options.offset > mostRows)
-        throw QORCtlError::usage("--offset must lie between 0 and " + std::to_string(mostRows));
+        throw CtlError::usage("--offset must lie between 0 and " + std::to_string(mostRows));
     if (limit == 0) return;
     require(at.addChild(tag::limit));
     require(at.putInt(static_cast<std::int32_t>(limit), tag::size));
@@ -45,7 +45,7 @@ void addLimit(QORBinaryIterator& at, const QORRowsOptions& options) {
 
 }  // namespace
 
-QORRequestEnvelope makeRowsRequest(const QORRowsOptions& options) {
+QORRequestEnvelope makeRowsRequest(const RowsOptions& options) {
     QORRequestEnvelope envelope;
     envelope.operatorName = "pager";
     envelope.requestName = "select";

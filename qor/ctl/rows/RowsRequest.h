@@ -12,17 +12,17 @@
 namespace QOR {
 
 /// What the person asked for, as typed.
-struct QORRowsOptions {
+struct RowsOptions {
     std::vector<std::string> fields;
     std::optional<std::string> where;
     std::vector<std::string> sort;  ///< a field, behind '-' for descending order
     std::int64_t limit = 0;         ///< rows of the page, 0 for all
     std::int64_t offset = 0;        ///< rows before the page
     bool count = false;
-    std::vector<std::string> client;  ///< as QORSelectOptions::client
+    std::vector<std::string> client;  ///< as SelectOptions::client
 };
 
-/// \throws QORCtlError BadUsage naming the option that cannot be meant
-QORRequestEnvelope makeRowsRequest(const QORRowsOptions& options);
+/// \throws CtlError BadUsage naming the option that cannot be meant
+QORRequestEnvelope makeRowsRequest(const RowsOptions& options);
 
 }  // namespace QOR

@@ -22,15 +22,15 @@ constexpr int environmentPrincipal = 0;
 constexpr int environmentPrincipalType = 1;
 
 void require(int status) {
-    if (status != 0) throw QORCtlError::usage("the request is larger than a message may be");
+    if (status != 0) throw CtlError::usage("the request is larger than a message may be");
 }
 
 class SelectBuilder {
 public:
-    SelectBuilder(const QORSelectOptions& options, const QORColumnTypes& types)
+    SelectBuilder(const SelectOptions& options, const ColumnTypes& types)
         : m_options(options), m_types(types), m_at(m_request.envelope.body.root()) {}
 
-    QORSelectRequest build() {
+    SelectRequest build() {
         m_request.envelope.operatorName = "pager2";
         m_request.envelope.requestName = "select";
         require(m_at.addChild(tag::select));
@@ -56,17 +56,17 @@ private:
 
     /// The answer knows a column by its name alone, so two fields over one column would be one.
     void addField(const std::string& text) {
-        QORFieldSpec field = parseFieldSpec(text);
-        if (field.column.empty()) throw QORCtlError::usage("a field has no name: " + quoteText(text));
+        FieldSpec field = parseFieldSpec(text);
+        if (field.column.empty()) throw CtlError::usage("a field has no name: " + quoteText(text));
         if (!field.function.empty() && field.column == "*")
-            throw QORCtlError::usage(quoteText(text) + ": an aggregate needs a column, for example " + field.function +
-                                     "(eid)");
+            throw CtlError::usage(quoteText(text) + ": an aggregate needs a column, for example " + field.function +
+                                  "(eid)");
         const auto before = std::find_if(m_fields.begin(), m_fields.end(),
-                                         [&](const QORFieldSpec& other) { return other.column == field.column; });
+                                         [&](const FieldSpec& other) { return other.column == field.column; });
         if (before != m_fields.end()) {
             if (*before == field) return;
-            throw QORCtlError::usage("the column " + quoteText(field.column) +
-                                     " is asked for in two ways; an answer holds it once, so ask in two requests");
+            throw CtlError::usage("the column " + quoteText(field.column) +
+                                  " is asked for in two ways; an answer holds it once, so ask in two requests");
         }
         if (field.function.empty()) {
             require(m_at.putValue(field.column, tag::field));
@@ -87,10 +87,10 @@ private:
         try {
             const std::size_t levels = m_request.envelope.body.limits().depth - levelsAboveCondition;
             parseWhere(text, m_options.view, levels, m_at, m_types);
-        } catch (const QORWhereError& error) {
-            throw QORCtlError::usage("--where: " + describeWhereError(text, error));
+        } catch (const WhereError& error) {
+            throw CtlError::usage("--where: " + describeWhereError(text, error));
         } catch (const QORException& error) {
-            throw QORCtlError::usage("--where: " + error.message());
+            throw CtlError::usage("--where: " + error.message());
         }
         require(m_at.seekUp());
     }
@@ -98,12 +98,12 @@ private:
     void addSort(std::string_view text) {
         const bool descending = text.starts_with('-');
         if (descending) text.remove_prefix(1);
-        const QORFieldSpec key = parseFieldSpec(text);
-        if (key.column.empty()) throw QORCtlError::usage("a sort key has no name");
+        const FieldSpec key = parseFieldSpec(text);
+        if (key.column.empty()) throw CtlError::usage("a sort key has no name");
         if (!key.function.empty() && std::find(m_fields.begin(), m_fields.end(), key) == m_fields.end())
-            throw QORCtlError::usage("sorting by " + quoteText(text) + " needs it among the fields (-f)");
+            throw CtlError::usage("sorting by " + quoteText(text) + " needs it among the fields (-f)");
         if (std::find(m_sort.begin(), m_sort.end(), key.column) != m_sort.end())
-            throw QORCtlError::usage("the sort key " + quoteText(key.column) + " is given twice");
+            throw CtlError::usage("the sort key " + quoteText(key.column) + " is given twice");
         require(m_at.addChild(tag::sort));
         require(m_at.putValue(key.column, tag::field));
         if (descending) addFlag(tag::descending);
@@ -126,9 +126,9 @@ private:
     void addLimit() {
         const std::int64_t limit = m_options.limit == 0 && m_options.offset > 0 ? mostRows : m_options.limit;
         if (limit < 0 || limit > mostRows)
-            throw QORCtlError::usage("--limit must lie between 0 and " + std::to_string(mostRows));
+            throw CtlError::usage("--limit must lie between 0 and " + std::to_string(mostRows));
         if (m_options.offset < 0 || m_options.offset > mostRows)
-            throw QORCtlError::usage("--offset must lie between 0 and " + std::to_string(mostRows));
+            throw CtlError::usage("--offset must lie between 0 and " + std::to_string(mostRows));
         if (limit == 0) return;
         require(m_at.addChild(tag::limit));
         require(m_at.putInt(static_cast<std::int32_t>(limit), tag::size));
@@ -138,11 +138,11 @@ private:
 
     void addClient() { m_request.envelope.client = makeClient(m_options.client); }
 
-    const QORSelectOptions& m_options;
-    const QORColumnTypes& m_types;
-    QORSelectRequest m_request;
+    const SelectOptions& m_options;
+    const ColumnTypes& m_types;
+    SelectRequest m_request;
     QORBinaryIterator m_at;
-    std::vector<QORFieldSpec> m_fields;
+    std::vector<FieldSpec> m_fields;
     std::vector<std::string> m_sort;
 };
 
@@ -155,14 +155,14 @@ std::optional<QORClientDescription> makeClient(const std::vector<std::string>& e
     for (const std::string& text : eids) {
         const auto guid = QORGUIDBase::parse(text);
         if (!guid || !guid->isValid())
-            throw QORCtlError::usage("--client: " + quoteText(text) +
-                                     " is not the GUID of an environment (\"none\" alone means no identity)");
+            throw CtlError::usage("--client: " + quoteText(text) +
+                                  " is not the GUID of an environment (\"none\" alone means no identity)");
         client.sids.push_back({environmentPrincipal, environmentPrincipalType, QOREID(*guid)});
     }
     return client;
 }
 
-QORSelectRequest makeSelectRequest(const QORSelectOptions& options, const QORColumnTypes& types) {
+SelectRequest makeSelectRequest(const SelectOptions& options, const ColumnTypes& types) {
     return SelectBuilder(options, types).build();
 }
 

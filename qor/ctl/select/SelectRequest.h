@@ -13,7 +13,7 @@
 namespace QOR {
 
 /// What the person asked for, as typed.
-struct QORSelectOptions {
+struct SelectOptions {
     std::string view;
     std::vector<std::string> fields;  ///< `column`, `"any column"` or `function(column)`
     std::optional<std::string> where;
@@ -28,18 +28,18 @@ struct QORSelectOptions {
 };
 
 /// A request, and how its answer is put before the person.
-struct QORSelectRequest {
+struct SelectRequest {
     QORRequestEnvelope envelope;
     std::vector<std::string> columns;  ///< names of the answer's columns in the order they were asked for
     std::vector<std::string> notes;    ///< what the person should know about the request
 };
 
 /// The client that --client describes; empty when nothing is given.
-/// \throws QORCtlError BadUsage naming what is no environment
+/// \throws CtlError BadUsage naming what is no environment
 std::optional<QORClientDescription> makeClient(const std::vector<std::string>& eids);
 
 /// \param types see parseWhere()
-/// \throws QORCtlError BadUsage naming the option that cannot be meant; for the condition the text shows the place
-QORSelectRequest makeSelectRequest(const QORSelectOptions& options, const QORColumnTypes& types = {});
+/// \throws CtlError BadUsage naming the option that cannot be meant; for the condition the text shows the place
+SelectRequest makeSelectRequest(const SelectOptions& options, const ColumnTypes& types = {});
 
 }  // namespace QOR

@@ -30,7 +30,7 @@ std::string unquoteName(std::string_view text) {
     return name;
 }
 
-QORFieldSpec parseFieldSpec(std::string_view text) {
+FieldSpec parseFieldSpec(std::string_view text) {
     const std::string_view trimmed = trim(text);
     const std::size_t open = trimmed.find('(');
     if (open == std::string_view::npos || open == 0 || trimmed.back() != ')') return {unquoteName(text), ""};

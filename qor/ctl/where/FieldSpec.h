@@ -8,15 +8,15 @@
 namespace QOR {
 
 /// A column, or an aggregate over one.
-struct QORFieldSpec {
+struct FieldSpec {
     std::string column;
     std::string function;  ///< empty for a plain column
-    friend bool operator==(const QORFieldSpec&, const QORFieldSpec&) = default;
+    friend bool operator==(const FieldSpec&, const FieldSpec&) = default;
 };
 
 /// `column`, `"any column"` or `function(column)`; anything that has none of these forms is the name of a column as it
 /// stands.
-QORFieldSpec parseFieldSpec(std::string_view text);
+FieldSpec parseFieldSpec(std::string_view text);
 
 /// The name of an aggregate in a request: SQL's "avg" is "average", others are passed on as they are spelled.
 std::string aggregateName(std::string_view function);

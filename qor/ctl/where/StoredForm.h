@@ -9,7 +9,7 @@
 namespace QOR {
 
 /// The declared type of a view's column; empty when view or column is not known. The view's name may be in any case.
-using QORColumnTypes = std::function<std::string(std::string_view view, std::string_view column)>;
+using ColumnTypes = std::function<std::string(std::string_view view, std::string_view column)>;
 
 /// A literal as a column of that type stores it: times as `2024-05-01 00:00:00`, GUIDs in lower case with hyphens,
 /// numbers in their shortest form. Texts, and types that are not known, leave it as it is.

@@ -10,10 +10,10 @@
 namespace QOR {
 
 /// What is wrong and where. The message says what was expected; it does not repeat the text.
-class QORWhereError : public std::runtime_error {
+class WhereError : public std::runtime_error {
 public:
     /// \param offset byte offset of the place in the text; the text's length stands for its end
-    QORWhereError(std::size_t offset, const std::string& message) : std::runtime_error(message), m_offset(offset) {}
+    WhereError(std::size_t offset, const std::string& message) : std::runtime_error(message), m_offset(offset) {}
     std::size_t offset() const noexcept { return m_offset; }
 
 private:
@@ -28,6 +28,6 @@ private:
 ///
 /// Tabs and control characters are shown as blanks, lines longer than `width` columns are cut around the place. Each
 /// line ends in a line end.
-std::string describeWhereError(std::string_view text, const QORWhereError& error, std::size_t width = 78);
+std::string describeWhereError(std::string_view text, const WhereError& error, std::size_t width = 78);
 
 }  // namespace QOR

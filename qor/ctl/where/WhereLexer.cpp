@@ -49,58 +49,58 @@ std::string adviceFor(std::string_view text, std::size_t position) {
 
 }  // namespace
 
-bool QORWhereToken::isWord(std::string_view keyword) const {
-    return kind == QORWhereTokenKind::Word && std::equal(spelled.begin(), spelled.end(), keyword.begin(), keyword.end(),
-                                                         [](char a, char b) { return lower(a) == b; });
+bool WhereToken::isWord(std::string_view keyword) const {
+    return kind == WhereTokenKind::Word && std::equal(spelled.begin(), spelled.end(), keyword.begin(), keyword.end(),
+                                                      [](char a, char b) { return lower(a) == b; });
 }
 
-QORWhereLexer::QORWhereLexer(std::string_view text) : m_text(text) {
+WhereLexer::WhereLexer(std::string_view text) : m_text(text) {
     read();
 }
 
-QORWhereToken QORWhereLexer::take() {
-    QORWhereToken taken = std::move(m_token);
+WhereToken WhereLexer::take() {
+    WhereToken taken = std::move(m_token);
     m_token = {};
     read();
     return taken;
 }
 
-bool QORWhereLexer::isFollowedBy(char character) const noexcept {
+bool WhereLexer::isFollowedBy(char character) const noexcept {
     const auto next = std::find_if_not(m_text.begin() + static_cast<std::ptrdiff_t>(m_position), m_text.end(), isBlank);
     return next != m_text.end() && *next == character;
 }
 
-void QORWhereLexer::read() {
+void WhereLexer::read() {
     while (m_position < m_text.size() && isBlank(m_text[m_position]))
         ++m_position;
     m_token.offset = m_position;
-    if (m_position == m_text.size()) return finish(QORWhereTokenKind::End, m_position);
+    if (m_position == m_text.size()) return finish(WhereTokenKind::End, m_position);
     const char c = m_text[m_position];
     const bool startsFraction = c == '.' && m_position + 1 < m_text.size() && isDigit(m_text[m_position + 1]);
     // A point directly behind a name belongs to "view.column", even where a digit follows.
     const bool afterName = m_position > 0 && (isWordPart(m_text[m_position - 1]) || m_text[m_position - 1] == '"');
     if (isWordStart(c)) return readWord();
     if (isDigit(c) || (startsFraction && !afterName)) return readNumber();
-    if (c == '\'') return readQuoted(c, QORWhereTokenKind::Text);
-    if (c == '"') return readQuoted(c, QORWhereTokenKind::Quoted);
+    if (c == '\'') return readQuoted(c, WhereTokenKind::Text);
+    if (c == '"') return readQuoted(c, WhereTokenKind::Quoted);
     readSymbol();
 }
 
-void QORWhereLexer::finish(QORWhereTokenKind kind, std::size_t end) {
+void WhereLexer::finish(WhereTokenKind kind, std::size_t end) {
     m_token.kind = kind;
     m_token.spelled = m_text.substr(m_token.offset, end - m_token.offset);
-    if (m_token.text.empty() && kind != QORWhereTokenKind::Text) m_token.text = m_token.spelled;
+    if (m_token.text.empty() && kind != WhereTokenKind::Text) m_token.text = m_token.spelled;
     m_position = end;
 }
 
-void QORWhereLexer::readWord() {
+void WhereLexer::readWord() {
     std::size_t end = m_position;
     while (end < m_text.size() && isWordPart(m_text[end]))
         ++end;
-    finish(QORWhereTokenKind::Word, end);
+    finish(WhereTokenKind::Word, end);
 }
 
-void QORWhereLexer::readNumber() {
+void WhereLexer::readNumber() {
     std::size_t end = m_position;
     const auto digits = [&] {
         const std::size_t begin = end;
@@ -119,44 +119,44 @@ void QORWhereLexer::readNumber() {
         good = digits();
     }
     if (good && (end == m_text.size() || (!isWordPart(m_text[end]) && m_text[end] != '.')))
-        return finish(QORWhereTokenKind::Number, end);
+        return finish(WhereTokenKind::Number, end);
     while (end < m_text.size() && (isWordPart(m_text[end]) || m_text[end] == '.'))
         ++end;
-    throw QORWhereError(m_token.offset, quoteText(m_text.substr(m_token.offset, end - m_token.offset)) +
-                                            " is not a number; a text is written in single quotes");
+    throw WhereError(m_token.offset, quoteText(m_text.substr(m_token.offset, end - m_token.offset)) +
+                                         " is not a number; a text is written in single quotes");
 }
 
-void QORWhereLexer::readQuoted(char quote, QORWhereTokenKind kind) {
+void WhereLexer::readQuoted(char quote, WhereTokenKind kind) {
     std::string& text = m_token.text;
     for (std::size_t from = m_position + 1;;) {
         const std::size_t end = m_text.find(quote, from);
         if (end == std::string_view::npos)
-            throw QORWhereError(m_token.offset, kind == QORWhereTokenKind::Text
-                                                    ? "the text that begins here has no closing single quote"
-                                                    : "the name that begins here has no closing double quote");
+            throw WhereError(m_token.offset, kind == WhereTokenKind::Text
+                                                 ? "the text that begins here has no closing single quote"
+                                                 : "the name that begins here has no closing double quote");
         text.append(m_text, from, end - from);
         if (end + 1 < m_text.size() && m_text[end + 1] == quote) {
             text += quote;
             from = end + 2;
             continue;
         }
-        if (kind == QORWhereTokenKind::Quoted && text.empty()) throw QORWhereError(m_token.offset, "the name is empty");
+        if (kind == WhereTokenKind::Quoted && text.empty()) throw WhereError(m_token.offset, "the name is empty");
         return finish(kind, end + 1);
     }
 }
 
-void QORWhereLexer::readSymbol() {
+void WhereLexer::readSymbol() {
     const std::string_view rest = m_text.substr(m_position);
     if (!rest.starts_with("=="))
         for (const std::string_view symbol : symbols)
-            if (rest.starts_with(symbol)) return finish(QORWhereTokenKind::Symbol, m_position + symbol.size());
-    throw QORWhereError(m_position, adviceFor(m_text, m_position));
+            if (rest.starts_with(symbol)) return finish(WhereTokenKind::Symbol, m_position + symbol.size());
+    throw WhereError(m_position, adviceFor(m_text, m_position));
 }
 
-std::string describeToken(const QORWhereToken& token) {
-    if (token.kind == QORWhereTokenKind::End) return "the end of the text";
-    if (token.kind == QORWhereTokenKind::Text) return "the text " + quoteText(token.text, 40);
-    if (token.kind == QORWhereTokenKind::Quoted) return "the name " + quoteText(token.text, 40);
+std::string describeToken(const WhereToken& token) {
+    if (token.kind == WhereTokenKind::End) return "the end of the text";
+    if (token.kind == WhereTokenKind::Text) return "the text " + quoteText(token.text, 40);
+    if (token.kind == WhereTokenKind::Quoted) return "the name " + quoteText(token.text, 40);
     return quoteText(token.spelled, 40);
 }
 

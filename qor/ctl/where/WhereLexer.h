@@ -9,7 +9,7 @@
 
 namespace QOR {
 
-enum class QORWhereTokenKind : std::uint8_t {
+enum class WhereTokenKind : std::uint8_t {
     End,
     Word,    ///< a bare name or keyword
     Quoted,  ///< a name in double quotes
@@ -18,27 +18,27 @@ enum class QORWhereTokenKind : std::uint8_t {
     Symbol,  ///< an operator or a punctuation mark
 };
 
-struct QORWhereToken {
-    QORWhereTokenKind kind = QORWhereTokenKind::End;
+struct WhereToken {
+    WhereTokenKind kind = WhereTokenKind::End;
     std::size_t offset = 0;    ///< bytes before it
     std::string_view spelled;  ///< as it stands in the text, quotes included
     std::string text;          ///< what it means: quotes removed and undoubled
 
-    bool isSymbol(std::string_view symbol) const { return kind == QORWhereTokenKind::Symbol && spelled == symbol; }
+    bool isSymbol(std::string_view symbol) const { return kind == WhereTokenKind::Symbol && spelled == symbol; }
     /// A bare word compared without regard to the case of ASCII letters; `keyword` is in lower case.
     bool isWord(std::string_view keyword) const;
     std::size_t end() const { return offset + spelled.size(); }
 };
 
 /// Cuts a text into tokens, one token of look-ahead and one beyond. The text must outlive the lexer and its tokens.
-class QORWhereLexer {
+class WhereLexer {
 public:
-    explicit QORWhereLexer(std::string_view text);
+    explicit WhereLexer(std::string_view text);
 
     /// The token that stands next.
-    const QORWhereToken& peek() const noexcept { return m_token; }
-    /// Takes it and reads the one after it. \throws QORWhereError for what is no token
-    QORWhereToken take();
+    const WhereToken& peek() const noexcept { return m_token; }
+    /// Takes it and reads the one after it. \throws WhereError for what is no token
+    WhereToken take();
     /// True when the byte that follows the token that stands next, blanks aside, is `character`.
     bool isFollowedBy(char character) const noexcept;
     std::string_view text() const noexcept { return m_text; }
@@ -47,16 +47,16 @@ private:
     void read();
     void readWord();
     void readNumber();
-    void readQuoted(char quote, QORWhereTokenKind kind);
+    void readQuoted(char quote, WhereTokenKind kind);
     void readSymbol();
-    void finish(QORWhereTokenKind kind, std::size_t end);
+    void finish(WhereTokenKind kind, std::size_t end);
 
     std::string_view m_text;
     std::size_t m_position = 0;
-    QORWhereToken m_token;
+    WhereToken m_token;
 };
 
 /// How a token is named in a message: `"and"`, or the end of the text.
-std::string describeToken(const QORWhereToken& token);
+std::string describeToken(const WhereToken& token);
 
 }  // namespace QOR

@@ -29,8 +29,8 @@ namespace QOR {
 /// \param levels how many levels of elements the condition may take
 /// \param types asked only for columns that literals of an in-list or of between stand beside; none: those stay as
 /// they are spelled
-/// \throws QORWhereError naming the place in `text` and what was expected there
+/// \throws WhereError naming the place in `text` and what was expected there
 void parseWhere(std::string_view text, std::string_view view, std::size_t levels, QORBinaryIterator out,
-                const QORColumnTypes& types = {});
+                const ColumnTypes& types = {});
 
 }  // namespace QOR

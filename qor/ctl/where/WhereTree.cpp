@@ -13,12 +13,12 @@ void require(int status) {
 
 }  // namespace
 
-QORWhereTree::Id QORWhereTree::add(Node node) {
+WhereTree::Id WhereTree::add(Node node) {
     m_nodes.push_back(std::move(node));
     return static_cast<Id>(m_nodes.size() - 1);
 }
 
-QORWhereTree::Id QORWhereTree::leaf(QORTag tag, std::string text) {
+WhereTree::Id WhereTree::leaf(QORTag tag, std::string text) {
     Node node;
     node.tag = tag;
     node.hasText = true;
@@ -26,20 +26,20 @@ QORWhereTree::Id QORWhereTree::leaf(QORTag tag, std::string text) {
     return add(std::move(node));
 }
 
-QORWhereTree::Id QORWhereTree::node(QORTag tag) {
+WhereTree::Id WhereTree::node(QORTag tag) {
     Node node;
     node.tag = tag;
     return add(std::move(node));
 }
 
-void QORWhereTree::append(Id parent, Id child) {
+void WhereTree::append(Id parent, Id child) {
     Node& node = m_nodes[parent];
     (node.last == none ? node.first : m_nodes[node.last].next) = child;
     node.last = child;
     node.height = std::max(node.height, m_nodes[child].height + 1);
 }
 
-void QORWhereTree::adopt(Id to, Id from) {
+void WhereTree::adopt(Id to, Id from) {
     Node& target = m_nodes[to];
     Node& source = m_nodes[from];
     (target.last == none ? target.first : m_nodes[target.last].next) = source.first;
@@ -48,7 +48,7 @@ void QORWhereTree::adopt(Id to, Id from) {
     source.first = source.last = none;
 }
 
-void QORWhereTree::write(Id id, QORBinaryIterator out) const {
+void WhereTree::write(Id id, QORBinaryIterator out) const {
     const Node& node = m_nodes[id];
     if (node.hasText) return require(out.putValue(node.text, node.tag));
     require(out.addChild(node.tag));

@@ -15,12 +15,12 @@
 namespace QOR {
 
 /// Elements of a where tree. One thread; nodes live as long as the tree.
-class QORWhereTree {
+class WhereTree {
 public:
     using Id = std::uint32_t;
     static constexpr Id none = 0;
 
-    QORWhereTree() : m_nodes(1) {}
+    WhereTree() : m_nodes(1) {}
 
     /// A leaf with a text.
     Id leaf(QORTag tag, std::string text);

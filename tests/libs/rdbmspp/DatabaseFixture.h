@@ -19,7 +19,7 @@
 #include "rdbmspp/sql/ASCursor.h"
 #include "support/SqliteFile.h"
 
-namespace QOR::testing {
+namespace QOR::test {
 
 class Folder {
 public:
@@ -136,4 +136,4 @@ std::vector<std::string> select(const Selected& what, const ASComparison& condit
     return rows;
 }
 
-}  // namespace QOR::testing
+}  // namespace QOR::test

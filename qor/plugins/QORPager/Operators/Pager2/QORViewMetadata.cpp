@@ -278,7 +278,7 @@ ASDataPtr SelectStmnt::interpret(ColumnType type, const std::string* text, std::
     throwException(errFailure, "unsupported data type", pager2SourcePath, __LINE__);
 }
 
-void testing::forgetMetadata() {
+void test::forgetMetadata() {
     ViewCaches& cache = caches();
     const std::scoped_lock lock(cache.metadataMutex, cache.domainMutex);
     cache.metadata.reset();

@@ -42,9 +42,9 @@ std::optional<ColumnType> columnTypeFromName(std::string_view typeName);
 /// ASCII letters in lower case.
 std::string toLowerAscii(std::string_view text);
 
-namespace testing {
+namespace test {
 /// Forgets what was learned, as if the process had just started. Only while no request runs.
 void forgetMetadata();
-}  // namespace testing
+}  // namespace test
 
 }  // namespace QOR

@@ -1,0 +1,235 @@
+#include "selfcheck/QORSecurityCheck.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <optional>
+#include <random>
+#include <set>
+
+#include "QORCommon/QORException.h"
+#include "QORMessage/QORBinaryIterator.h"
+#include "QORMessage/QORNotation.h"
+#include "host/QORHost.h"
+#include "rdbmspp/pool/QORRdbms.h"
+#include "selfcheck/QORSecurityCopies.h"
+#include "selfcheck/QORSecurityRequests.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* sourcePath = "qor/selfcheck/SecurityCheck";
+constexpr std::size_t requestsOfClient = 1250;
+constexpr std::size_t fewestClients = 4;
+constexpr std::size_t mostClients = 16;
+constexpr std::size_t mostEids = 50;
+constexpr std::size_t keptDifferences = 5;
+
+// ---- answers --------------------------------------------------------------------------------------------------------
+
+using Cell = std::optional<std::string>;
+using Row = std::vector<Cell>;
+
+struct Answer {
+    std::optional<QORResponse::Error> error;
+    std::vector<std::string> names;
+    std::vector<Row> rows;
+    std::string counts;
+};
+
+Answer parsed(const std::string& text) {
+    Answer answer;
+    QORMessageLimits limits;
+    QORResponse response = readResponse(text, limits);
+    answer.error = response.error;
+    QORBinaryIterator it = response.response.root();
+    if (it.firstChild(tag::rowSet) != 0 || it.firstChild() != 0) return answer;
+    do {
+        std::string value;
+        if (it.curID() == tag::row) {
+            Row& row = answer.rows.emplace_back();
+            QORBinaryIterator cell = it;
+            if (cell.firstChild(tag::value) != 0) continue;
+            do {
+                row.push_back(cell.getValue(value) == 0 ? Cell(value) : std::nullopt);
+            } while (cell.nextSibling(tag::value) == 0);
+        } else if (it.getValue(value) == 0 && it.curID() == tag::name) {
+            answer.names.push_back(value);
+        } else {
+            answer.counts += std::to_string(it.curID()) + "=" + value + " ";
+        }
+    } while (it.nextSibling() == 0);
+    return answer;
+}
+
+std::optional<double> numberOf(const Cell& cell) {
+    double value = 0;
+    if (!cell || cell->empty()) return std::nullopt;
+    const auto result = std::from_chars(cell->data(), cell->data() + cell->size(), value);
+    if (result.ec != std::errc() || result.ptr != cell->data() + cell->size()) return std::nullopt;
+    return value;
+}
+
+/// Floating-point numbers may be added up in another order.
+bool isSameCell(const Cell& left, const Cell& right) {
+    if (left == right) return true;
+    constexpr double precision = 1e-9;
+    const auto a = numberOf(left);
+    const auto b = numberOf(right);
+    return a && b && left->find('.') != std::string::npos &&
+           std::fabs(*a - *b) <= precision * std::max(std::fabs(*a), std::fabs(*b));
+}
+
+bool isSameRow(const Row& left, const Row& right) {
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(), isSameCell);
+}
+
+// ---- requests -------------------------------------------------------------------------------------------------------
+
+std::string envelope(const std::string& body, const std::set<std::string>* eids) {
+    std::string text = R"({"operator":"pager2","request":"select",)";
+    if (eids != nullptr) {
+        text += R"("client":{"fullAccess":false,"sids":[)";
+        for (const std::string& eid : *eids) {
+            if (text.back() != '[') text += ",";
+            text += R"({"principalId":0,"principalType":1,"eid":)";
+            writeNotationText(eid, text);
+            text += "}";
+        }
+        text += "]},";
+    }
+    return text + R"("body":)" + body + "}";
+}
+
+/// An error's text without what it quotes.
+std::string kindOf(const std::string& message) {
+    std::string kind;
+    bool quoted = false;
+    for (const char c : message) {
+        if (c == '"') quoted = !quoted;
+        if (!quoted || c == '"') kind += c;
+    }
+    return kind;
+}
+
+class Check {
+public:
+    Check(const std::filesystem::path& database, const QORSecurityCheckOptions& options)
+        : m_options(options), m_random(options.seed) {
+        copyDatabase(database, m_folder.path() / "whole.db");
+        learn();
+        start();
+    }
+
+    QORSecurityReport run() {
+        const std::size_t clients = std::clamp(m_options.requests / requestsOfClient, fewestClients, mostClients);
+        for (std::size_t client = 0; client < clients; ++client) {
+            const std::size_t last = m_options.requests * (client + 1) / clients;
+            askAs(eidsOf(client, clients), last - m_report.requests);
+            if (m_options.progress) m_options.progress(m_report.requests);
+        }
+        m_report.clients = clients;
+        return std::move(m_report);
+    }
+
+private:
+    void learn() {
+        QORCheckedDatabase whole(m_folder.path() / "whole.db", true);
+        m_views = checkedViews(whole);
+        if (m_views.empty()) throw QORException(errFailure, "the database has no view to ask", sourcePath, __LINE__);
+        m_objects = checkedObjects(whole, m_views);
+        for (const QORCheckedView& view : m_views)
+            (view.objects.empty() ? m_report.openViews : m_report.restrictedViews).push_back(view.name);
+    }
+
+    ASDatabaseOptions databaseOptions(const std::string& name) const {
+        ASDatabaseOptions options;
+        options.connectionString = "Driver=SQLite3;Database=" + (m_folder.path() / name).string();
+        options.readOnly = true;
+        return options;
+    }
+
+    void start() {
+        QORHostOptions options;
+        options.database = databaseOptions("whole.db");
+        options.schemaMode = QORSchemaMode::Reading;
+        options.plugInDirectory = m_options.plugIns;
+        m_host = std::make_unique<QORHost>(std::move(options));
+        m_session = m_host->newSession(fullAccessContext());
+    }
+
+    /// The first client stands for nothing, the last for as many environments as may be, the others for a few.
+    std::set<std::string> eidsOf(std::size_t client, std::size_t clients) {
+        std::set<std::string> eids;
+        if (client == 0 || m_objects.empty()) return eids;
+        const std::size_t wanted = client + 1 == clients ? mostEids : 1 + (client - 1) % 5;
+        for (std::size_t attempt = 0; attempt < wanted; ++attempt)
+            eids.insert(m_objects[m_random() % m_objects.size()]);
+        return eids;
+    }
+
+    void askAs(const std::set<std::string>& eids, std::size_t requests) {
+        const std::string part = "part" + std::to_string(m_parts++) + ".db";
+        const auto sizes = makeVisiblePart(m_folder.path() / "whole.db", m_folder.path() / part, m_views, eids);
+        QORSecurityRequests made(m_views, sizes, m_random());
+        std::vector<QORSecurityRequest> asked;
+        std::vector<std::string> restricted;
+        QORRdbms::instance().configure(databaseOptions("whole.db"));
+        for (std::size_t i = 0; i < requests; ++i) {
+            asked.push_back(made.next());
+            restricted.push_back(m_host->router().handle(*m_session, envelope(asked.back().body, &eids)));
+        }
+        QORRdbms::instance().configure(databaseOptions(part));
+        for (std::size_t i = 0; i < requests; ++i) {
+            take(asked[i], eids, restricted[i], m_host->router().handle(*m_session, envelope(asked[i].body, nullptr)));
+        }
+        m_report.requests += requests;
+    }
+
+    void take(const QORSecurityRequest& request, const std::set<std::string>& eids, const std::string& restricted,
+              const std::string& expected) {
+        for (const char* const shape : request.shapes)
+            ++m_report.shapes[shape];
+        const Answer answer = parsed(expected);
+        m_report.rows += answer.rows.size();
+        if (isSameAnswer(restricted, expected, request.ordered)) {
+            if (answer.error) ++m_report.errors[kindOf(answer.error->message)];
+            return;
+        }
+        if (m_report.different++ < keptDifferences)
+            m_report.differences.push_back({envelope(request.body, &eids), restricted, expected});
+    }
+
+    const QORSecurityCheckOptions& m_options;
+    std::mt19937_64 m_random;
+    QORPrivateFolder m_folder;
+    std::vector<QORCheckedView> m_views;
+    std::vector<std::string> m_objects;
+    QORSecurityReport m_report;
+    unsigned m_parts = 0;
+    std::unique_ptr<QORHost> m_host;
+    std::unique_ptr<QORClientSession> m_session;  ///< gone before the host
+};
+
+}  // namespace
+
+bool isSameAnswer(const std::string& left, const std::string& right, bool ordered) {
+    if (left == right) return true;
+    Answer a = parsed(left);
+    Answer b = parsed(right);
+    if (a.error || b.error) {
+        return a.error && b.error && a.error->code == b.error->code && a.error->message == b.error->message;
+    }
+    if (a.names != b.names || a.counts != b.counts || a.rows.size() != b.rows.size()) return false;
+    if (!ordered) {
+        std::sort(a.rows.begin(), a.rows.end());
+        std::sort(b.rows.begin(), b.rows.end());
+    }
+    return std::equal(a.rows.begin(), a.rows.end(), b.rows.begin(), isSameRow);
+}
+
+QORSecurityReport checkSecurity(const std::filesystem::path& database, const QORSecurityCheckOptions& options) {
+    return Check(database, options).run();
+}
+
+}  // namespace QOR

@@ -1,0 +1,129 @@
+// Every option of the programs that takes a number, as their help names them: a new one cannot be forgotten.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "ctl/CtlProcess.h"
+#include "host/QORPlainNumber.h"
+
+namespace QOR {
+namespace {
+
+using test::runProgram;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+
+using Words = std::vector<std::string>;
+
+struct NumberOption {
+    Words command;
+    std::string name;
+    std::uint64_t least;
+    std::uint64_t most;
+};
+
+std::string helpOf(Words command) {
+    command.emplace_back("--help");
+    const auto [status, output] = runProgram(command);
+    EXPECT_EQ(status, 0) << output;
+    return output;
+}
+
+/// The commands of a program, itself among them.
+std::vector<Words> commandsOf(const std::string& program) {
+    std::vector<Words> commands{{program}};
+    const std::string help = helpOf({program});
+    const std::size_t list = help.find("Subcommands:");
+    if (list == std::string::npos) return commands;
+    const std::string names = help.substr(list);
+    static const std::regex name("\n  ([a-z][a-z-]*)");
+    for (std::sregex_iterator found(names.begin(), names.end(), name), end; found != end; ++found)
+        commands.push_back({program, (*found)[1]});
+    return commands;
+}
+
+std::vector<NumberOption> numberOptions() {
+    static const std::regex option(R"((--[a-z-]+) N\s[^\n]*?(?:\n[^\n]*?)?\(([0-9]+) to ([0-9]+)\))");
+    std::vector<NumberOption> options;
+    for (const char* program : {"qor-agent", "qorctl"}) {
+        for (const Words& command : commandsOf((test::programDirectory() / program).string())) {
+            const std::string help = helpOf(command);
+            EXPECT_THAT(help, Not(ContainsRegex("--[a-z-]+ (INT|UINT|FLOAT|NUMBER)")))
+                << "declare numbers with addNumber()";
+            for (std::sregex_iterator found(help.begin(), help.end(), option), end; found != end; ++found)
+                options.push_back({command, (*found)[1], std::stoull((*found)[2]), std::stoull((*found)[3])});
+        }
+    }
+    return options;
+}
+
+TEST(NumberOptions, AreFoundInTheHelp) {
+    std::string names;
+    for (const NumberOption& option : numberOptions())
+        names += option.command.back() + " " + option.name + "\n";
+    for (const char* name :
+         {"select --limit\n", "select --offset\n", "select --width\n", "rows --limit\n", "sample --environments\n",
+          "sample --operations\n", "sample --events\n", "sample --backups\n", "sample --seed\n", "views --width\n",
+          "qor-agent --threads\n", "qor-agent --body-limit\n", "qor-agent --grace\n", "qor-agent --log-level\n"})
+        EXPECT_THAT(names, HasSubstr(name));
+}
+
+TEST(NumberOptions, TakeWholeNumbersOfTheirRangeInPlainDigitsAlone) {
+    for (const NumberOption& option : numberOptions()) {
+        const auto run = [&](const Words& value) {
+            Words command = option.command;
+            command.insert(command.end(), value.begin(), value.end());
+            command.emplace_back("--help");
+            return runProgram(command);
+        };
+        Words refused{"-1",
+                      "-5",
+                      "+5",
+                      " 5",
+                      "5 ",
+                      "5x",
+                      "x5",
+                      "1e3",
+                      "1.5",
+                      "1,5",
+                      "010",
+                      "00",
+                      "0x10",
+                      "5_000",
+                      "18446744073709551616",
+                      "99999999999999999999999",
+                      std::to_string(option.most + 1)};
+        if (option.least > 0) refused.push_back(std::to_string(option.least - 1));
+        const std::string complaint = option.name + " must lie between " + std::to_string(option.least) + " and " +
+                                      std::to_string(option.most) + ", in plain digits; ";
+        for (const std::string& value : refused) {
+            const auto [status, output] = run({option.name + "=" + value});
+            EXPECT_EQ(status, 2) << option.command.back() << ' ' << option.name << '=' << value;
+            EXPECT_THAT(output, HasSubstr(complaint + "\"" + value + "\" does not"));
+        }
+        const auto [status, output] = run({option.name, "-1"});
+        EXPECT_EQ(status, 2) << option.command.back() << ' ' << option.name << " -1";
+        EXPECT_THAT(output, HasSubstr(complaint + "\"-1\" does not"));
+        EXPECT_NE(run({option.name, ""}).first, 0) << option.command.back() << ' ' << option.name << " ''";
+        for (const std::uint64_t value : {option.least, option.most})
+            EXPECT_EQ(run({option.name, std::to_string(value)}).first, 0) << option.name << ' ' << value;
+    }
+}
+
+TEST(NumberOptions, PlainNumbersAreDigitsWithoutLeadingZeros) {
+    constexpr QORNumberRange all{0, UINT64_MAX};
+    EXPECT_EQ(readPlainNumber("0", all), 0U);
+    EXPECT_EQ(readPlainNumber("18446744073709551615", all), UINT64_MAX);
+    EXPECT_EQ(readPlainNumber("7", {7, 7}), 7U);
+    for (const char* text : {"", "-0", "01", "18446744073709551616", "1 ", "1\n", "\xD9\xA1"})
+        EXPECT_FALSE(readPlainNumber(text, all)) << text;
+    EXPECT_FALSE(readPlainNumber("6", {7, 9}));
+    EXPECT_FALSE(readPlainNumber("10", {7, 9}));
+}
+
+}  // namespace
+}  // namespace QOR

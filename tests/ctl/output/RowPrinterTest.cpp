@@ -1,0 +1,169 @@
+// What rows look like in each form.
+#include "output/RowPrinter.h"
+
+#include <string>
+#include <vector>
+
+#include "output/TextWidth.h"
+
+namespace QOR {
+namespace {
+
+Cell text(std::string_view bytes) {
+    return {Cell::Kind::Text, bytes};
+}
+Cell binary(std::string_view bytes) {
+    return {Cell::Kind::Binary, bytes};
+}
+const Cell null{};
+
+using Rows = std::vector<std::vector<Cell>>;
+
+std::string printed(RowFormat format, const std::vector<std::string>& names, const Rows& rows,
+                    const std::optional<RowCounts>& counts = std::nullopt, std::size_t width = 0) {
+    TextOutput out;
+    const auto printer = makeRowPrinter(format, {width, counts.has_value()}, out);
+    printer->begin(names);
+    for (const auto& row : rows)
+        printer->row(row);
+    printer->end(counts);
+    return out.text();
+}
+
+std::string table(const std::vector<std::string>& names, const Rows& rows, std::size_t width = 0) {
+    return printed(RowFormat::Table, names, rows, std::nullopt, width);
+}
+
+TEST(Table, ColumnsAreAlignedAndNumbersStandRight) {
+    EXPECT_EQ(table({"name", "size", "state"},
+                    {{text("web1"), text("5"), text("up")}, {text("database"), text("-1024.5"), text("x")}}),
+              "name         size  state\n"
+              "--------  -------  -----\n"
+              "web1            5  up\n"
+              "database  -1024.5  x\n");
+}
+
+TEST(Table, NullsShowAndKeepAColumnOfNumbers) {
+    EXPECT_EQ(table({"n", "t", "all"}, {{text("10"), null, null}, {null, text(""), null}}),
+              " n  t  all\n"
+              "--  -  ---\n"
+              "10  -  -\n"
+              " -     -\n");
+}
+
+TEST(Table, WhatDisturbsATerminalIsMadeVisible) {
+    EXPECT_EQ(table({"a"}, {{text("x\ny\tz\x1b[0m\x7f\xff")}, {text("\xE2\x80\xAE|\xC2\x85")}}),
+              "a\n"
+              "----------------------\n"
+              "x\\ny\\tz\\x1b[0m\\x7f\\xff\n"
+              "\\u{202e}|\\u{85}\n");
+}
+
+TEST(Table, WidthsAreThoseOfTheTerminal) {
+    EXPECT_EQ(table({"a", "b"}, {{text("\xE4\xB8\x89"), text("x")}, {text("e\xCC\x81"), text("y")}}),
+              "a   b\n"
+              "--  -\n"
+              "\xE4\xB8\x89  x\n"
+              "e\xCC\x81   y\n");
+}
+
+TEST(Table, BinaryValuesAreHex) {
+    EXPECT_EQ(table({"info"}, {{binary(std::string_view("\x00\xff\x10", 3))}}), "info\n--------\n0x00ff10\n");
+}
+
+TEST(Table, TheWidestColumnsGiveWay) {
+    EXPECT_EQ(table({"id", "text", "more"}, {{text("1"), text("abcdefghijklmnop"), text("abcdefghijkl")}}, 24),
+              "id  text       more\n"
+              "--  ---------  ---------\n"
+              " 1  abcdefgh\xE2\x80\xA6  abcdefgh\xE2\x80\xA6\n");
+}
+
+TEST(Table, NothingIsCutWithoutATerminal) {
+    const std::string longText(500, 'x');
+    EXPECT_EQ(table({"a"}, {{text(longText)}}), "a\n" + std::string(500, '-') + "\n" + longText + "\n");
+}
+
+TEST(Table, ManyColumnsBecomeBlocks) {
+    EXPECT_EQ(table({"first", "second", "third"},
+                    {{text("abcdefghijklm"), text("1"), null}, {text("x"), text("2"), null}}, 15),
+              "first   abcdef\xE2\x80\xA6\n"
+              "second  1\n"
+              "third   -\n"
+              "\n"
+              "first   x\n"
+              "second  2\n"
+              "third   -\n");
+}
+
+TEST(Table, EveryLineFits) {
+    for (std::size_t width = 1; width < 60; ++width) {
+        const std::string out = table({"first", "second column", "third"},
+                                      {{text("some text here"), text("1234567"), text("\xE4\xB8\x89\xE4\xB8\x89")},
+                                       {null, text("2"), text("the longest text of all of them")}},
+                                      width);
+        for (std::size_t at = 0; width >= 5 && at < out.size();) {
+            const std::size_t end = out.find('\n', at);
+            EXPECT_LE(textWidth(out.substr(at, end - at)), width) << out;
+            at = end + 1;
+        }
+    }
+}
+
+TEST(Table, RowsBehindTheFirstTenThousandKeepTheirText) {
+    Rows rows(10'000, {text("1"), text("a")});
+    rows.push_back({text("a longer one"), text("b")});
+    const std::string out = table({"n", "t"}, rows);
+    EXPECT_TRUE(out.ends_with("1  a\na longer one  b\n"));
+}
+
+TEST(Table, CountsStandBeneath) {
+    EXPECT_EQ(printed(RowFormat::Table, {"a"}, {{text("x")}}, RowCounts{1, 400}), "a\n-\nx\n\n1 of 400 rows\n");
+    EXPECT_EQ(printed(RowFormat::Table, {"a"}, {}, RowCounts{0, 1}), "a\n-\n0 of 1 row\n");
+    EXPECT_EQ(printed(RowFormat::Table, {"a"}, {}), "a\n-\nno rows\n");
+}
+
+TEST(Csv, IsExact) {
+    EXPECT_EQ(printed(RowFormat::Csv, {"a", "b,c", "q\"q"},
+                      {{text("plain"), text("a,b"), text("say \"hi\"")},
+                       {null, text(""), text("two\r\nlines")},
+                       {binary(std::string_view("\0\xFF", 2)), binary(""), text(" blank ")},
+                       {text("\xC3\xA9"), text("\t"), text("=1+1")}},
+                      RowCounts{4, 4}),
+              "a,\"b,c\",\"q\"\"q\"\r\n"
+              "plain,\"a,b\",\"say \"\"hi\"\"\"\r\n"
+              ",\"\",\"two\r\nlines\"\r\n"
+              "AP8=,\"\", blank \r\n"
+              "\xC3\xA9,\t,=1+1\r\n");
+}
+
+TEST(Json, IsExact) {
+    const std::vector<std::string> names{"a", "b\"c"};
+    const std::string control("\x01\x1f\\/\xE2\x80\xA8", 7);
+    EXPECT_EQ(printed(RowFormat::Json, names,
+                      {{text("1"), null}, {text("\"\n\t\r"), binary("\xFF")}, {text(control), text("\xFF")}}),
+              "[\n{\"a\":\"1\",\"b\\\"c\":null},\n"
+              "{\"a\":\"\\\"\\n\\t\\r\",\"b\\\"c\":{\"base64\":\"/w==\"}},\n"
+              "{\"a\":\"\\u0001\\u001f\\\\/\xE2\x80\xA8\",\"b\\\"c\":{\"base64\":\"/w==\"}}\n]\n");
+    EXPECT_EQ(printed(RowFormat::Json, names, {}), "[]\n");
+}
+
+TEST(Json, CountsStandBesideTheRows) {
+    EXPECT_EQ(printed(RowFormat::Json, {"a"}, {{text("x")}}, RowCounts{1, 400}),
+              "{\"rows\":[\n{\"a\":\"x\"}\n],\"count\":1,\"total\":400}\n");
+}
+
+TEST(Xml, IsTheRowSet) {
+    EXPECT_EQ(printed(RowFormat::Xml, {"a", "b"}, {{text("1 < 2"), null}, {binary("\xFF"), text("")}}, RowCounts{2, 9}),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<row_set>\n"
+              "<name>a</name>\n"
+              "<name>b</name>\n"
+              "<row><value>1 &lt; 2</value><value/></row>\n"
+              "<row><value encoding=\"base64\">/w==</value><value></value></row>\n"
+              "<statistics>2</statistics>\n"
+              "<total>9</total>\n"
+              "</row_set>\n");
+}
+
+}  // namespace
+}  // namespace QOR

@@ -1,0 +1,444 @@
+// What is stored comes out, whatever it is, through the real driver.
+#include <bit>
+#include <cmath>
+#include <random>
+
+#include "libs/rdbmspp/DatabaseFixture.h"
+
+namespace QOR::test {
+namespace {
+
+using ::testing::ElementsAre;
+using Function = ASGroupAttribute::Function;
+
+std::vector<std::string> aggregate(Function function, const Column& of, ASType type,
+                                   const ASComparison& condition = {}) {
+    ASGroupAttribute group(function, of.attribute);
+    group.Register(makeData(type), of.attribute.domain());
+    return select(group, condition);
+}
+
+struct ValueCase {
+    const char* name;
+    const char* declared;
+    ASType type;
+    const char* stored;  ///< SQL
+    std::string text;
+};
+
+class ASCursorValue : public DatabaseTest, public ::testing::WithParamInterface<ValueCase> {};
+
+TEST_P(ASCursorValue, ComesOutAsItIs) {
+    const auto& c = GetParam();
+    open(std::string("CREATE TABLE t (c ") + c.declared +
+         ", k INT); CREATE VIEW v AS SELECT c, k FROM t;"
+         "INSERT INTO t VALUES (" +
+         c.stored + ", 1), (NULL, 2), (" + c.stored + ", 3)");
+    const auto v = domainOf("v");
+    const Column value = column(v, "c", c.type);
+    const ASOrder byKey(column(v, "k", ASType::Int).attribute);
+    const auto expected = ElementsAre(c.text, "(null)", c.text);
+    EXPECT_THAT(select(value.attribute, {}, {byKey}), expected) << "all rows";
+    EXPECT_THAT(select(value.attribute, {}, {byKey}, 20), expected) << "a page";
+}
+
+std::string repeated(const std::string& text, int times) {
+    std::string out;
+    for (int i = 0; i < times; ++i)
+        out += text;
+    return out;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Stored, ASCursorValue,
+    ::testing::Values(ValueCase{"Int", "INT", ASType::Int, "-7", "-7"},
+                      ValueCase{"IntWord", "INT", ASType::Int, "'abc'", "abc"},
+                      ValueCase{"IntEmpty", "INT", ASType::Int, "''", ""},
+                      ValueCase{"IntFraction", "INT", ASType::Int, "10.5", "10.5"},
+                      ValueCase{"IntLarge", "INT", ASType::Int, "5000000000", "5000000000"},
+                      ValueCase{"BigInt", "BIGINT", ASType::BigInt, "-9223372036854775808", "-9223372036854775808"},
+                      ValueCase{"Bit", "BIT", ASType::Int, "1", "1"},
+                      ValueCase{"Double", "FLOAT", ASType::Double, "0.1 + 0.2", "0.30000000000000004"},
+                      ValueCase{"DoubleSmall", "DOUBLE", ASType::Double, "5e-324", "5e-324"},
+                      ValueCase{"DoubleLarge", "DOUBLE", ASType::Double, "1e308 * 1.5", "1.5e+308"},
+                      ValueCase{"DoubleInfinite", "FLOAT", ASType::Double, "-9e999", "-Inf"},
+                      ValueCase{"DoubleZero", "FLOAT", ASType::Double, "0.0", "0"},
+                      ValueCase{"DoubleWhole", "FLOAT", ASType::Double, "3", "3"},
+                      ValueCase{"DoubleWord", "FLOAT", ASType::Double, "'abc'", "abc"},
+                      ValueCase{"Decimal", "DECIMAL", ASType::Double, "12.25", "12.25"},
+                      ValueCase{"Guid", "UNIQUEIDENTIFIER", ASType::Guid, "'6BA7B810-9DAD-41D1-80B4-00C04FD430C8'",
+                                "6ba7b810-9dad-41d1-80b4-00c04fd430c8"},
+                      ValueCase{"GuidOther", "UNIQUEIDENTIFIER", ASType::Guid, "'no guid'", "no guid"},
+                      ValueCase{"Time", "DATETIME", ASType::DateTime, "'2024-02-29 12:00:00'",
+                                "2024-02-29T12:00:00+0000"},
+                      ValueCase{"TimeOther", "DATETIME", ASType::DateTime, "'yesterday'", "yesterday"},
+                      ValueCase{"TimeNumber", "DATETIME", ASType::DateTime, "1700000000", "1700000000"},
+                      ValueCase{"Text", "NVARCHAR(20)", ASType::VarChar, "'it''s'", "it's"},
+                      ValueCase{"TextEmpty", "NVARCHAR(20)", ASType::VarChar, "''", ""},
+                      ValueCase{"TextUtf8", "NVARCHAR(20)", ASType::VarChar, "'M\xC3\xBCnchen \xF0\x9F\x98\x80'",
+                                "M\xC3\xBCnchen \xF0\x9F\x98\x80"},
+                      ValueCase{"TextNotUtf8", "NVARCHAR(20)", ASType::VarChar, "CAST(x'41ff28' AS TEXT)", "A\xff("},
+                      ValueCase{"TextPercent", "NVARCHAR(20)", ASType::VarChar, "'100%Q ?{ts}'", "100%Q ?{ts}"},
+                      ValueCase{"TextLong", "NVARCHAR(20)", ASType::VarChar,
+                                "replace(printf('%200000d', 0), ' ', 'ab')", repeated("ab", 199999) + "0"},
+                      ValueCase{"TextWide", "NVARCHAR(20)", ASType::VarChar,
+                                "replace(printf('%100d', 0), ' ', '\xE2\x82\xAC')", repeated("\xE2\x82\xAC", 99) + "0"},
+                      ValueCase{"CharLong", "CHAR(20)", ASType::Char, "replace(printf('%129d', 0), ' ', 'x')",
+                                repeated("x", 128) + "0"},
+                      ValueCase{"Blob", "IMAGE", ASType::Blob, "x'00ff270a'", std::string("\0\xff'\n", 4)},
+                      ValueCase{"BlobEmpty", "IMAGE", ASType::Blob, "x''", ""},
+                      ValueCase{"BlobAsText", "TEXT", ASType::Blob, "'plain text'", "plain text"},
+                      ValueCase{"BlobTextLikeLiteral", "TEXT", ASType::Blob, "'X''4142'''", "X'4142'"},
+                      ValueCase{"BlobNumber", "LONGBLOB", ASType::Blob, "12", "12"},
+                      ValueCase{"BlobLong", "IMAGE", ASType::Blob, "zeroblob(300000)", std::string(300000, '\0')}),
+    [](const auto& tested) { return tested.param.name; });
+
+/// A value of every length around the sizes of buffers and pieces.
+TEST_F(DatabaseTest, TextsAndBlobsOfEveryLengthComeOutWhole) {
+    open(
+        "CREATE TABLE t (n INT, s NVARCHAR(4), b IMAGE); CREATE VIEW v AS SELECT * FROM t;"
+        "WITH RECURSIVE i(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM i WHERE n < 1100)"
+        " INSERT INTO t SELECT n, substr(replace(printf('%1100d', 0), ' ', 'x'), 1, n), zeroblob(n) FROM i;"
+        "INSERT INTO t SELECT n, replace(printf('%' || n || 'd', 0), ' ', 'y'), zeroblob(n) FROM"
+        " (SELECT 65534 + value AS n FROM json_each('[0,1,2,3]'))");
+    const auto v = domainOf("v");
+    const Column n = column(v, "n", ASType::Int), s = column(v, "s"), b = column(v, "b", ASType::Blob);
+    for (const int limit : {0, 2000}) {
+        for (const bool descending : {false, true}) {
+            QORRdbmsTran transaction(ASAccess::ReadOne);
+            ASCursor cursor(*transaction);
+            cursor.Filter().Project() << n.attribute << s.attribute << b.attribute;
+            const ASOrder order(n.attribute);
+            cursor.Order(descending ? -order : order);
+            if (limit > 0) cursor.Limit(limit, 0);
+            while (cursor.Fetch()) {
+                const auto length = std::stoul(n.data->Str());
+                ASSERT_EQ(s.data->Str().size(), length);
+                ASSERT_EQ(b.data->Str(), std::string(length, '\0'));
+                ASSERT_EQ(s.data->Str().find_first_not_of(length > 2000 ? "y0" : "x0"), std::string::npos);
+            }
+            EXPECT_EQ(cursor.GetAmount(), 1104);
+        }
+    }
+}
+
+TEST_F(DatabaseTest, DoublesComeOutExactly) {
+    Engine engine(path());
+    engine.run("CREATE TABLE t (d DOUBLE, i INT); CREATE VIEW v AS SELECT * FROM t");
+    open();
+    std::mt19937_64 random(7);
+    std::vector<double> stored;
+    {
+        QORRdbmsTran transaction(ASAccess::Write);
+        auto& insert = transaction->prepare("INSERT INTO t VALUES (?, ?)");
+        while (stored.size() < 5000) {
+            const double value = std::bit_cast<double>(random());
+            if (!std::isfinite(value)) continue;
+            insert.bind(1, value).bind(2, static_cast<std::int64_t>(stored.size())).execute();
+            stored.push_back(value);
+        }
+        transaction.commit();
+    }
+    const auto v = domainOf("v");
+    const Column d = column(v, "d", ASType::Double);
+    std::size_t at = 0;
+    for (const std::string& text : select(d.attribute, {}, {ASOrder(column(v, "i", ASType::Int).attribute)})) {
+        ASSERT_EQ(std::strtod(text.c_str(), nullptr), stored.at(at)) << text;
+        ++at;
+    }
+    EXPECT_EQ(at, stored.size());
+}
+
+class ASCursorRows : public DatabaseTest {
+protected:
+    void SetUp() override {
+        open(
+            "CREATE TABLE t (id INT, n INT, s NVARCHAR(20), g UNIQUEIDENTIFIER, w DATETIME, d FLOAT);"
+            "INSERT INTO t VALUES"
+            " (1, 10, 'alpha', '6ba7b810-9dad-41d1-80b4-000000000001', '2024-01-01 00:00:00', 1.5),"
+            " (2, 20, 'Beta', '6ba7b810-9dad-41d1-80b4-000000000002', '2024-01-02 00:00:00', 2.5),"
+            " (3, NULL, NULL, NULL, NULL, NULL),"
+            " (4, 10, 'b_ta%', '6ba7b810-9dad-41d1-80b4-000000000004', '2024-01-04T00:00:00+0200', -1e10),"
+            " (5, -5, '', '6ba7b810-9dad-41d1-80b4-000000000005', 'no time', 0.1);"
+            "CREATE VIEW v AS SELECT * FROM t; CREATE VIEW w AS SELECT * FROM t");
+    }
+    /// As rows come, with literals; and as a page, with parameters: both have to agree.
+    std::vector<std::string> ids(const ASComparison& condition) {
+        const auto all = select(id.attribute, condition, {ASOrder(id.attribute)});
+        EXPECT_EQ(select(id.attribute, condition, {ASOrder(id.attribute)}, 20), all) << condition.Query();
+        return all;
+    }
+
+    ASDomainPtr v = domainOf("v");
+    Column id = column(v, "id", ASType::Int);
+    Column n = column(v, "n", ASType::Int);
+    Column s = column(v, "s");
+    Column g = column(v, "g", ASType::Guid);
+    Column w = column(v, "w", ASType::DateTime);
+    Column d = column(v, "d", ASType::Double);
+};
+
+TEST_F(ASCursorRows, EveryComparison) {
+    const auto& S = s.attribute;
+    const auto raw = [](const char* sql) { return ASAttribute(ASAttribute::Raw::Expression, sql); };
+    const struct {
+        ASComparison condition;
+        std::vector<std::string> ids;
+    } cases[] = {
+        {n.attribute == ASInt(10), {"1", "4"}},
+        {n.attribute != ASInt(10), {"2", "5"}},
+        {n.attribute > ASInt(10), {"2"}},
+        {n.attribute >= ASInt(10), {"1", "2", "4"}},
+        {n.attribute < ASInt(10), {"5"}},
+        {n.attribute <= ASInt(10), {"1", "4", "5"}},
+        {n.attribute == ASInt64(20), {"2"}},
+        {n.attribute == ASInt(), {}},
+        {d.attribute == ASDouble(0.1), {"5"}},
+        {d.attribute < ASDouble(0), {"4"}},
+        {S == ASVStr(10, "beta"), {}},
+        {S == ASVStr(10, "Beta"), {"2"}},
+        {S == ASVStr(10, ""), {"5"}},
+        {S > ASVStr(10, "Z"), {"1", "4"}},
+        {S == ASVStr(10, "M\xC3\xBCnchen"), {}},
+        {g.attribute == ASGuid(*Guid::parse("6BA7B810-9DAD-41D1-80B4-000000000002")), {"2"}},
+        {w.attribute == ASTime(1704067200), {"1"}},
+        {w.attribute > ASTime(1704067200) && w.attribute < ASTime(1704240000), {"2"}},
+        {id.attribute == n.attribute, {}},
+        {id.attribute < n.attribute, {"1", "2", "4"}},
+        {ASData::EQ(ASVStr(5, "a"), ASVStr(5, "a")), {"1", "2", "3", "4", "5"}},
+        {ASData::NE(ASVStr(5, "a"), ASVStr(5, "a")), {}},
+        {ASData::GT(ASVStr(5, "b"), ASVStr(5, "a")) && n.attribute == ASInt(20), {"2"}},
+        {ASData::GE(ASVStr(5, "9"), ASVStr(5, "10")) && n.attribute == ASInt(20), {"2"}},
+        {ASData::LT(ASVStr(5, "10"), ASVStr(5, "9")) && n.attribute == ASInt(20), {"2"}},
+        {ASData::LE(ASVStr(5, "A"), ASVStr(5, "a")) && n.attribute == ASInt(20), {"2"}},
+        {ASAttribute::IsNull(S), {"3"}},
+        {!ASAttribute::IsNull(S), {"1", "2", "4", "5"}},
+        {ASAttribute::Between(n.attribute, raw("'10'"), raw("'20'")), {"1", "2", "4"}},
+        {ASAttribute::In(n.attribute, "'20', '-5'"), {"2", "5"}},
+        {ASAttribute::In(n.attribute, R"(SELECT "w"."n" FROM "w" WHERE "w"."id" = 2)"), {"2"}},
+        {ASAttribute::In(id.attribute, R"(SELECT "w"."id" FROM "w" WHERE "w"."id" = "v"."id" AND "v"."n" = 10)"),
+         {"1", "4"}},
+        {ASAttribute::IsNull(ASAttribute(ASAttribute::Raw::Select, "SELECT NULL")), {"1", "2", "3", "4", "5"}},
+        {ASComparison("1 = 0"), {}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(ids(c.condition), c.ids) << c.condition.Query();
+}
+
+TEST_F(ASCursorRows, LikeRules) {
+    const auto like = [&](const char* pattern, char escape = 0) {
+        return ids(ASAttribute::Like(s.attribute, pattern, escape));
+    };
+    EXPECT_THAT(like("B%"), ElementsAre("2", "4"));
+    EXPECT_THAT(like("bEtA"), ElementsAre("2"));
+    EXPECT_THAT(like("b_ta"), ElementsAre("2"));
+    EXPECT_THAT(like("b!_ta!%", '!'), ElementsAre("4"));
+    EXPECT_THAT(like("b\\_ta\\%", '\\'), ElementsAre("4"));
+    EXPECT_THAT(like("b\\_ta%"), ElementsAre());
+    EXPECT_THAT(like("b'_ta'%", '\''), ElementsAre("4"));
+    EXPECT_THAT(like("%"), ElementsAre("1", "2", "4", "5"));
+    EXPECT_THAT(like(""), ElementsAre("5"));
+    EXPECT_THAT(ids(ASAttribute::Like(s.attribute, s.attribute, 0)), ElementsAre("1", "2", "4", "5"));
+    EXPECT_THAT(ids(ASAttribute::Like(n.attribute, "1%", 0)), ElementsAre("1", "4"));
+    EXPECT_THAT(ids(!ASAttribute::Like(s.attribute, "%a%", 0)), ElementsAre("5"));
+}
+
+TEST_F(ASCursorRows, NullsAreTheSmallestAndTextsSortByBytes) {
+    EXPECT_THAT(select(s.attribute, {}, {ASOrder(s.attribute)}), ElementsAre("(null)", "", "Beta", "alpha", "b_ta%"));
+    EXPECT_THAT(select(s.attribute, {}, {-ASOrder(s.attribute)}), ElementsAre("b_ta%", "alpha", "Beta", "", "(null)"));
+    ASOrder order(n.attribute);
+    order << -ASOrder(id.attribute);
+    EXPECT_THAT(select(id.attribute, {}, {order}), ElementsAre("3", "5", "4", "1", "2"));
+    EXPECT_THAT(select(id.attribute, {}, {-order}), ElementsAre("2", "1", "4", "5", "3"));
+}
+
+TEST_F(ASCursorRows, PagesAndAmount) {
+    const ASOrder order(id.attribute);
+    EXPECT_THAT(select(id.attribute, {}, {order}, 2, 0), ElementsAre("1", "2"));
+    EXPECT_THAT(select(id.attribute, {}, {order}, 2, 3), ElementsAre("4", "5"));
+    EXPECT_THAT(select(id.attribute, {}, {order}, 2, 9), ElementsAre());
+    EXPECT_THAT(select(id.attribute, {}, {order}, 5000, 3), ElementsAre("4", "5"));
+}
+
+TEST_F(ASCursorRows, Aggregates) {
+    EXPECT_THAT(aggregate(Function::Sum, n, ASType::Int), ElementsAre("35"));
+    EXPECT_THAT(aggregate(Function::Average, n, ASType::Double), ElementsAre("8.75"));
+    EXPECT_THAT(aggregate(Function::Min, n, ASType::Int), ElementsAre("-5"));
+    EXPECT_THAT(aggregate(Function::Max, n, ASType::Int), ElementsAre("20"));
+    EXPECT_THAT(aggregate(Function::Count, n, ASType::BigInt), ElementsAre("4"));
+    EXPECT_THAT(aggregate(Function::Max, d, ASType::Double), ElementsAre("2.5"));
+    EXPECT_THAT(aggregate(Function::Sum, d, ASType::Double, id.attribute != ASInt(4)), ElementsAre("4.1"));
+    EXPECT_THAT(aggregate(Function::Min, s, ASType::Double), ElementsAre("(null)"));
+    EXPECT_THAT(aggregate(Function::Max, g, ASType::Double), ElementsAre("(null)"));
+    EXPECT_THAT(aggregate(Function::Sum, g, ASType::Double), ElementsAre("(null)"));
+    EXPECT_THAT(aggregate(Function::Average, g, ASType::Double), ElementsAre("(null)"));
+    EXPECT_THAT(aggregate(Function::Sum, s, ASType::Double), ElementsAre("0"));
+    EXPECT_THAT(aggregate(Function::Sum, n, ASType::Int, ASComparison("1 = 0")), ElementsAre("(null)"));
+    ASGroupAttribute all;
+    all.Register(std::make_shared<ASInt64>(), v);
+    EXPECT_THAT(select(all), ElementsAre("5"));
+}
+
+TEST_F(ASCursorRows, AggregatesOfTimesAreSeconds) {
+    EXPECT_THAT(aggregate(Function::Min, w, ASType::Double), ElementsAre("1704067200"));
+    EXPECT_THAT(aggregate(Function::Max, w, ASType::Double), ElementsAre("1704319200"));
+    EXPECT_THAT(aggregate(Function::Average, w, ASType::Double, id.attribute < ASInt(3)), ElementsAre("1704110400"));
+    EXPECT_THAT(aggregate(Function::Count, w, ASType::BigInt), ElementsAre("4"));
+    EXPECT_THAT(aggregate(Function::Max, w, ASType::Double, id.attribute == ASInt(5)), ElementsAre("(null)"));
+}
+
+TEST_F(ASCursorRows, PlainColumnsBesideAggregatesAreGroupedBy) {
+    ASGroupAttribute count;
+    count.Register(std::make_shared<ASInt64>(), v);
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASCursor cursor(*transaction);
+    cursor.Filter().Project() << n.attribute << count;
+    ASOrder order = -ASOrder(count);
+    order << ASOrder(n.attribute);
+    cursor.Order(order);
+    std::vector<std::string> rows;
+    while (cursor.Fetch())
+        rows.push_back(cell(*n.data) + ":" + cell(*count.data()));
+    EXPECT_THAT(rows, ElementsAre("10:2", "(null):1", "-5:1", "20:1"));
+}
+
+TEST_F(ASCursorRows, DistinctDropsEqualRows) {
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASCursor cursor(*transaction);
+    cursor.Filter().DistinctProject() << n.attribute;
+    cursor.Order(ASOrder(n.attribute));
+    std::vector<std::string> rows;
+    while (cursor.Fetch())
+        rows.push_back(cell(*n.data));
+    EXPECT_THAT(rows, ElementsAre("(null)", "-5", "10", "20"));
+}
+
+TEST_F(ASCursorRows, TwoCursorsOnOneSessionRunSideBySide) {
+    for (const auto& [access, limit] : {std::pair(ASAccess::Read, 0), std::pair(ASAccess::Read, 20),
+                                        std::pair(ASAccess::ReadOne, 0), std::pair(ASAccess::ReadOne, 20)}) {
+        QORRdbmsTran transaction(access);
+        const auto make = [&, limit = limit](ASCursor& cursor, const Column& shown) {
+            cursor.Filter().Project() << shown.attribute;
+            cursor.Order(ASOrder(shown.attribute));
+            if (limit > 0) cursor.Limit(limit, 0);
+        };
+        const Column other = column(v, "id", ASType::Int);
+        ASCursor outer(*transaction);
+        make(outer, id);
+        int pairs = 0;
+        for (int expected = 1; outer.Fetch(); ++expected) {
+            ASCursor inner(*transaction);
+            make(inner, other);
+            while (inner.Fetch())
+                ++pairs;
+            EXPECT_EQ(id.data->Str(), std::to_string(expected));
+        }
+        EXPECT_EQ(pairs, 25);
+    }
+}
+
+TEST_F(ASCursorRows, StatementIsReusedWithOtherValues) {
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_THAT(select(id.attribute, s.attribute == ASVStr(10, "alpha"), {}, 20), ElementsAre("1"));
+        EXPECT_THAT(select(id.attribute, s.attribute == ASVStr(10, std::string(5000, 'x')), {}, 20), ElementsAre());
+        EXPECT_THAT(select(id.attribute, s.attribute == ASVStr(10), {}, 20), ElementsAre());
+        EXPECT_THAT(select(id.attribute, s.attribute == ASVStr(10, "Beta"), {}, 20), ElementsAre("2"));
+        EXPECT_THAT(select(id.attribute, n.attribute == ASInt(20), {}, 20), ElementsAre("2"));
+        EXPECT_THAT(select(id.attribute, n.attribute == ASDouble(-5.0), {}, 20), ElementsAre("5"));
+    }
+}
+
+TEST_F(ASCursorRows, ManyDifferentSelectsAreTaken) {
+    for (int i = 0; i < 300; ++i) {
+        const ASComparison condition = ASAttribute::In(id.attribute, std::to_string(i));
+        EXPECT_EQ(select(id.attribute, condition, {}, 20).size(), i >= 1 && i <= 5 ? 1u : 0u);
+    }
+}
+
+TEST_F(ASCursorRows, TextsBeyondAsciiAreFoundByParameterAndByLiteral) {
+    for (const char* text : {"M\xC3\xBCnchen", "\xF0\x9F\x98\x80", "A\xff("}) {
+        QORRdbmsTran transaction(ASAccess::Write);
+        transaction->prepare("UPDATE t SET s = ? WHERE id = 3").bind(1, text).execute();
+        transaction.commit();
+        EXPECT_THAT(ids(s.attribute == ASVStr(10, text)), ElementsAre("3"));
+        EXPECT_THAT(ids(ASAttribute::In(s.attribute, ASSession::quoteLiteral(text))), ElementsAre("3"));
+        EXPECT_THAT(ids(ASAttribute::Like(s.attribute, text, 0)), ElementsAre("3"));
+    }
+}
+
+TEST_F(ASCursorRows, HostileTextsAreOnlyTexts) {
+    for (const char* text : {"'; DROP TABLE t; --", "\\'", "?", "{ts '2024-01-01'}", "%Q", "\"", "/* */ OR 1 = 1"}) {
+        EXPECT_THAT(ids(s.attribute == ASVStr(10, text)), ElementsAre()) << text;
+        EXPECT_THAT(select(id.attribute, s.attribute == ASVStr(10, text), {}, 20), ElementsAre()) << text;
+        EXPECT_THAT(ids(ASAttribute::In(s.attribute, ASSession::quoteLiteral(text))), ElementsAre()) << text;
+        EXPECT_THAT(ids(ASAttribute::Like(s.attribute, text, 0)), ElementsAre()) << text;
+        const Column strange = column(v, text);
+        EXPECT_NE(failure([&] { select(strange.attribute); }), "(no failure)") << text;
+        const Column nowhere = column(domainOf(text), "id");
+        EXPECT_NE(failure([&] { select(nowhere.attribute); }), "(no failure)") << text;
+    }
+    EXPECT_EQ(ids({}).size(), 5u);
+}
+
+TEST_F(ASCursorRows, ColumnsWithDotsAndQuotesAreRead) {
+    Engine(path()).run("CREATE VIEW \"odd.view\" AS SELECT id AS \"a.b\", s AS \"c\"\"d\" FROM t");
+    const auto odd = domainOf("odd.view");
+    EXPECT_THAT(select(column(odd, "c\"d").attribute, column(odd, "a.b", ASType::Int).attribute == ASInt(1)),
+                ElementsAre("alpha"));
+}
+
+TEST_F(ASCursorRows, ASumThatIsBeyondItsTypeOnlyOnTheWayIsExact) {
+    Engine(path()).run(
+        "CREATE TABLE way (n BIGINT, m INT, d DECIMAL);"
+        "INSERT INTO way VALUES (9223372036854775807, 1, 9223372036854775807), (9223372036854775807, 2, 3),"
+        " (-9223372036854775807, -4, 3), (-9223372036854775805, 3, 9223372036854775807), (NULL, NULL, NULL);"
+        "CREATE VIEW vWay AS SELECT * FROM way");
+    const auto way = domainOf("vWay");
+    const Column wide = column(way, "n", ASType::BigInt), decimal = column(way, "d", ASType::Double);
+    EXPECT_THAT(aggregate(Function::Sum, wide, ASType::BigInt), ElementsAre("2"));
+    EXPECT_EQ(failure([&] { aggregate(Function::Sum, wide, ASType::BigInt, wide.attribute < ASInt64(0)); }),
+              "a sum is beyond 64 bits of SQLite");
+    EXPECT_THAT(aggregate(Function::Sum, decimal, ASType::Double), ElementsAre("1.8446744073709552e+19"));
+}
+
+TEST_F(ASCursorRows, SumBeyondItsTypeIsAFailureAndNeverAWrongNumber) {
+    Engine(path()).run(
+        "CREATE TABLE big (n INT, m BIGINT);"
+        "INSERT INTO big VALUES (2000000000, 9223372036854775807), (2000000000, 1);"
+        "CREATE VIEW vBig AS SELECT * FROM big");
+    const auto big = domainOf("vBig");
+    const Column narrow = column(big, "n", ASType::Int), wide = column(big, "m", ASType::BigInt);
+    EXPECT_EQ(failure([&] { aggregate(Function::Sum, narrow, ASType::Int); }),
+              "sum(\"vBig\".\"n\") is 4000000000, which is no integer of 32 bits");
+    EXPECT_EQ(failure([&] { aggregate(Function::Sum, wide, ASType::BigInt); }), "a sum is beyond 64 bits of SQLite");
+    EXPECT_THAT(aggregate(Function::Max, wide, ASType::BigInt), ElementsAre("9223372036854775807"));
+    EXPECT_THAT(aggregate(Function::Sum, narrow, ASType::Int, wide.attribute == ASInt(1)), ElementsAre("2000000000"));
+}
+
+TEST_F(ASCursorRows, FailureNamesItsCauseAndTheNextSelectWorks) {
+    const Column missing = column(v, "missing");
+    try {
+        select(missing.attribute);
+        FAIL();
+    } catch (const AException& error) {
+        EXPECT_EQ(error.text(), "no such column: v.missing");
+        EXPECT_EQ(error.nativeCode(), 1);
+        EXPECT_EQ(error.sqlState(), "HY000");
+        EXPECT_EQ(error.statement(), R"(SELECT "v"."missing" FROM "v")");
+    }
+    EXPECT_EQ(ids({}).size(), 5u);
+}
+
+TEST_F(ASCursorRows, CursorGivesNothingAfterItsEnd) {
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASCursor cursor(*transaction);
+    cursor.Filter().Project() << id.attribute;
+    cursor.Filter().Set(n.attribute == ASInt(20));
+    EXPECT_TRUE(cursor.Fetch());
+    EXPECT_FALSE(cursor.Fetch());
+    EXPECT_FALSE(cursor.Fetch());
+    EXPECT_EQ(cursor.GetAmount(), 1);
+}
+
+}  // namespace
+}  // namespace QOR::test

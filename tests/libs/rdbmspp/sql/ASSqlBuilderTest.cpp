@@ -1,0 +1,164 @@
+// The SQL that is written, word for word.
+#include "libs/rdbmspp/DatabaseFixture.h"
+
+namespace QOR::test {
+namespace {
+
+class ASSqlText : public DatabaseTest {
+protected:
+    void SetUp() override {
+        open(
+            "CREATE TABLE t (a INT, b NVARCHAR(20), d FLOAT, g UNIQUEIDENTIFIER, w DATETIME, x TEXT);"
+            "CREATE VIEW v AS SELECT * FROM t");
+    }
+    ASDomainPtr v = domainOf("v");
+    Column a = column(v, "a", ASType::Int);
+    Column b = column(v, "b");
+    Column d = column(v, "d", ASType::Double);
+    Column g = column(v, "g", ASType::Guid);
+    Column w = column(v, "w", ASType::DateTime);
+    Column x = column(v, "x", ASType::Blob);
+};
+
+TEST_F(ASSqlText, Comparisons) {
+    const ASAttribute& A = a.attribute;
+    const ASAttribute& B = b.attribute;
+    const ASInt five(5);
+    const ASVStr text(10, "it's");
+    const struct {
+        ASComparison condition;
+        const char* sql;
+    } cases[] = {
+        {A == five, R"("v"."a" = 5)"},
+        {A != five, R"("v"."a" <> 5)"},
+        {A > five, R"("v"."a" > 5)"},
+        {A >= five, R"("v"."a" >= 5)"},
+        {A < five, R"("v"."a" < 5)"},
+        {A <= five, R"("v"."a" <= 5)"},
+        {B == text, R"("v"."b" = 'it''s')"},
+        {A < B, R"("v"."a" < "v"."b")"},
+        {ASData::LE(text, ASVStr(10, "z")), "'it''s' <= 'z'"},
+        {ASAttribute::Like(B, "a%", 0), R"("v"."b" LIKE 'a%')"},
+        {ASAttribute::Like(B, "a!%", '!'), R"("v"."b" LIKE 'a!%' ESCAPE '!')"},
+        {ASAttribute::Like(B, "'", '\''), R"("v"."b" LIKE '''' ESCAPE '''')"},
+        {ASAttribute::Like(B, A, 0), R"("v"."b" LIKE "v"."a")"},
+        {ASAttribute::Between(A, ASAttribute(ASAttribute::Raw::Expression, "'1'"), B),
+         R"("v"."a" BETWEEN '1' AND "v"."b")"},
+        {ASAttribute::In(A, "'1', '2'"), R"("v"."a" IN ('1', '2'))"},
+        {ASAttribute::IsNull(B), R"("v"."b" IS NULL)"},
+        {ASComparison("1 = 0"), "1 = 0"},
+        {ASAttribute::IsNull(ASAttribute::Lower(ASAttribute::Upper(B))), R"(lower(upper("v"."b")) IS NULL)"},
+        {ASAttribute(ASAttribute::Raw::Select, "SELECT 1") == five, "(SELECT 1) = 5"},
+        {ASAttribute(ASAttribute::Raw::Expression, "1 + 1") == five, "(1 + 1) = 5"},
+        {ASAttribute(ASAttribute::Raw::Expression, "'a b (c'") == text, "'a b (c' = 'it''s'"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.condition.Query(), c.sql);
+}
+
+TEST_F(ASSqlText, Combinations) {
+    const ASComparison p = a.attribute == ASInt(1);
+    const ASComparison q = a.attribute == ASInt(2);
+    const ASComparison r = a.attribute == ASInt(3);
+    const std::string P = R"("v"."a" = 1)", Q = R"("v"."a" = 2)", R = R"("v"."a" = 3)";
+    const ASComparison none;
+    const struct {
+        ASComparison condition;
+        std::string sql;
+    } cases[] = {
+        {none, ""},
+        {!none, ""},
+        {p && none, P},
+        {none || p, P},
+        {(p && q) && r, P + " AND " + Q + " AND " + R},
+        {p && (q && r), P + " AND " + Q + " AND " + R},
+        {p && (q || r), P + " AND (" + Q + " OR " + R + ")"},
+        {(p && q) || r, "(" + P + " AND " + Q + ") OR " + R},
+        {!p, "NOT (" + P + ")"},
+        {!!p, P},
+        {!!!(p || q), "NOT (" + P + " OR " + Q + ")"},
+        {!p && !(q || r), "NOT (" + P + ") AND NOT (" + Q + " OR " + R + ")"},
+        {p && ASComparison("1 = 0"), P + " AND (1 = 0)"},
+        {!ASComparison("1 = 0 OR 1"), "NOT (1 = 0 OR 1)"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.condition.Query(), c.sql);
+}
+
+TEST_F(ASSqlText, AttributesAndAggregates) {
+    const ASAttribute free("a\"b", ASType::Int);
+    EXPECT_EQ(free.Query(), R"("a""b")");
+    EXPECT_EQ(a.attribute.Query(), R"("v"."a")");
+    EXPECT_EQ(ASAttribute(ASAttribute::Raw::Expression, "'g1','g2'").Query(), "'g1','g2'");
+    EXPECT_EQ(ASAttribute(ASAttribute::Raw::Select, "SELECT 1").Query(), "SELECT 1");
+    using F = ASGroupAttribute::Function;
+    EXPECT_EQ(ASGroupAttribute().Query(), "count(*)");
+    EXPECT_EQ(ASGroupAttribute(F::Count, g.attribute).Query(), R"(count("v"."g"))");
+    EXPECT_EQ(ASGroupAttribute(F::Sum, a.attribute).Query(), R"(sum("v"."a"))");
+    EXPECT_EQ(ASGroupAttribute(F::Average, d.attribute).Query(), R"(avg("v"."d"))");
+    EXPECT_EQ(ASGroupAttribute(F::Sum, b.attribute).Query(), R"(sum("v"."b"))");
+    EXPECT_EQ(ASGroupAttribute(F::Min, b.attribute).Query(), "min(NULL)");
+    EXPECT_EQ(ASGroupAttribute(F::Max, x.attribute).Query(), "max(NULL)");
+    EXPECT_EQ(ASGroupAttribute(F::Sum, g.attribute).Query(), "sum(NULL)");
+    EXPECT_EQ(ASGroupAttribute(F::Count, w.attribute).Query(), R"(count("v"."w"))");
+}
+
+TEST_F(ASSqlText, RegistrationReachesCopiesMadeBefore) {
+    ASAttribute first("a", ASType::Int);
+    const ASAttribute copy = first;
+    const ASComparison condition = copy == ASInt(1);
+    EXPECT_EQ(condition.Query(), R"("a" = 1)");
+    first.Register(std::make_shared<ASDomain>("v", "w\"x"));
+    EXPECT_EQ(condition.Query(), R"("w""x"."a" = 1)");
+}
+
+TEST_F(ASSqlText, Selects) {
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    const auto query = [&](auto fill) {
+        ASCursor cursor(*transaction);
+        fill(cursor);
+        return cursor.Query();
+    };
+    EXPECT_EQ(query([&](ASCursor& c) { c.Filter().Project() << a.attribute << d.attribute; }),
+              R"(SELECT "v"."a", "v"."d" FROM "v")");
+    EXPECT_EQ(
+        query([&](ASCursor& c) {
+            c.Filter().DistinctProject() << b.attribute;
+            c.Filter().Set(a.attribute == ASInt(1));
+            ASOrder order(b.attribute);
+            order << -ASOrder(a.attribute);
+            c.Order(order);
+            c.Limit(20, 40);
+        }),
+        R"(SELECT DISTINCT "v"."b" FROM "v" WHERE "v"."a" = 1 ORDER BY "v"."b", "v"."a" DESC LIMIT 20 OFFSET 40)");
+    EXPECT_EQ(query([&](ASCursor& c) {
+                  ASGroupAttribute count;
+                  count.Register(std::make_shared<ASInt64>(), v);
+                  c.Filter().Project() << a.attribute << count << b.attribute;
+                  c.Order(-ASOrder(count));
+                  c.Limit(5, 0);
+              }),
+              R"(SELECT "v"."a", count(*), "v"."b" FROM "v" GROUP BY "v"."a", "v"."b" ORDER BY count(*) DESC LIMIT 5)");
+    EXPECT_EQ(query([&](ASCursor& c) {
+                  ASAttribute other("a", ASType::Int);
+                  other.Register(std::make_shared<ASDomain>("v", "w"));
+                  c.Filter().Project() << other;
+              }),
+              R"(SELECT "w"."a" FROM "v" AS "w")");
+}
+
+TEST_F(ASSqlText, SelectWithoutViewOrColumnsIsRefused) {
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASCursor cursor(*transaction);
+    EXPECT_THROW(cursor.Fetch(), AException);
+    ASCursor other(*transaction);
+    other.Filter().Project() << ASAttribute("a", ASType::Int);
+    EXPECT_THROW(other.Fetch(), AException);
+}
+
+TEST_F(ASSqlText, EscapeOfMoreThanAsciiIsRefused) {
+    EXPECT_THROW(ASAttribute::Like(b.attribute, "a", '\xc3').Query(), AException);
+}
+
+}  // namespace
+}  // namespace QOR::test

@@ -1,0 +1,100 @@
+/// \file
+/// What operator "pager" needs of a host, for tests in one process: a database of the host's own, the cache of its
+/// environments, the vocabulary that is shipped, and clients.
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "QORDBSchema/QORDBSchema.h"
+#include "QORLibAgent/QOREnvCache.h"
+#include "QORLibLocal/QORVocabulary.h"
+#include "QORPager/Operators/QORPagerOperator.h"
+#include "ingest/QORIngest.h"
+#include "plugins/QORPager/Operators/Pager/PagerAnswer.h"
+#include "plugins/QORPager/Operators/Pager/Rows.h"
+#include "support/Pager2Harness.h"
+
+namespace QOR::test {
+
+class PagerHost {
+public:
+    PagerHost() {
+        ASDatabaseOptions options;
+        options.connectionString = "Driver=SQLite3;Database=" + file().string();
+        QORDBSchema::open(options, QORSchemaMode::Own);
+        const QORClientContextScope scope(fullAccess());
+        envs.cache.load();
+    }
+    ~PagerHost() {
+        setVocabulary({});
+        QORRdbms::instance().shutdown();
+    }
+    PagerHost(const PagerHost&) = delete;
+    PagerHost& operator=(const PagerHost&) = delete;
+
+    std::filesystem::path file() const { return m_folder.path() / "agent.db"; }
+
+    /// Records, a line each.
+    void import(std::string_view lines) {
+        const QORIngestResult result = QORIngest().importBatch(lines);
+        if (result.failure) throw std::runtime_error(result.failure->reason);
+        if (result.refused != 0) throw std::runtime_error(result.refusedLines.front().reason);
+    }
+
+    void setVocabulary(QORPtr<const QORVocMap> vocabulary) { vocCacheLocal()->setVocabulary(std::move(vocabulary)); }
+    void useShippedVocabulary() {
+        QORVocReader reader;
+        if (!reader.readFile(QOR_SHIPPED_VOCABULARY)) throw std::runtime_error(reader.mistakes().front().reason);
+        setVocabulary(reader.vocabulary());
+    }
+
+    ScopedEnvCache envs;
+
+private:
+    TemporaryFolder m_folder;
+};
+
+/// One client of "pager".
+class PagerClient {
+public:
+    PagerClient() : m_factory(QOROpFactoryRegistry::instance().find("pager")) {
+        m_operator = m_factory->newOperator();
+        m_operator->init();
+        m_accesser = m_factory->newAccesser(m_operator);
+    }
+
+    /// \param body the select element in message notation \returns the answer in message notation
+    std::string ask(std::string_view body, const QORClientContextPtr& as = fullAccess()) {
+        const QORClientContextScope scope(as);
+        QORMessage request;
+        readElement(body, request);
+        QORMessage response;
+        QORBinaryIterator in = request.root();
+        in.firstChild();
+        QORBinaryIterator out = response.root();
+        m_accesser->request("select", &in, &out);
+        std::string text;
+        writeResponse(response, text);
+        return text;
+    }
+
+    /// The code and the text of the error in the answer; "" when there is none.
+    std::string errorOf(std::string_view body, const QORClientContextPtr& as = fullAccess()) {
+        const QORResponse response = readResponse(ask(body, as));
+        return response.error ? std::to_string(response.error->code) + " " + response.error->message : std::string();
+    }
+
+    QORPagerOperatorPrototype& op() { return dynamic_cast<QORPagerOperatorPrototype&>(*m_operator); }
+    void disconnect() { m_operator->disconnect(m_accesser.get()); }
+
+private:
+    QORPtr<QOROpFactory> m_factory;
+    QORPtr<QOROperatorPrototype> m_operator;
+    QORPtr<QORAccesserPrototype> m_accesser;
+};
+
+}  // namespace QOR::test
