@@ -121,7 +121,7 @@ std::string dictionary() {
 }
 
 TEST(ExpressionTables, TheFuzzDictionaryHoldsAllOfThem) {
-    std::ifstream file(QOR_TEST_DATA_DIR "/../../../../fuzz/filter/filter.dict");
+    std::ifstream file(QOR_PROJECT_DIR "/fuzz/filter/filter.dict");
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     EXPECT_EQ(text.substr(0, dictionary().size()), dictionary());
 }
