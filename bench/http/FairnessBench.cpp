@@ -1,9 +1,11 @@
 // What one user's requests without end cost another: pages of 20 by one, undisturbed and then beside another who asks
 // for cross joins over 16 connections, in one run against a real agent. Needs root, who alone can be two users.
 //
-//     bench_fairness [AGENT]
+//     bench_fairness [--smallest] [--check]
 //
-// The bound: the disturbed 99th percentile is at most 3 times the undisturbed one.
+// Undisturbed and disturbed stretches take turns, the greedy user being stopped and continued, so that what the machine
+// does meets both. The goal is held by the 99th percentiles of all stretches. That the greedy user is one is checked:
+// while it runs, the agent computes on end.
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,8 +1,8 @@
-// pre-filter/FILTER/100000: the environment part of a filter over a cache of 100,000 environments, as operator "pager"
-// does it before it asks a source: each environment's fields bound where they lie, the filter evaluated, the
-// identifiers of those that pass collected. Reported: time a row. `number` is one comparison, `mixed` four fields.
-
-#include <benchmark/benchmark.h>
+// The environment part of a filter over a cache of 100,000 environments, as operator "pager" does it before it asks a
+// source: each environment's fields bound where they lie, the filter evaluated, the identifiers of those that pass
+// collected. `number` is one comparison, `mixed` four fields.
+//
+//     bench_pager [--smallest] [--check]
 
 #include <array>
 #include <cstdio>
@@ -17,12 +17,13 @@
 #include "QORPager/Operators/Pager/QOREIDFilter.h"
 #include "QORPager/Operators/Pager/QOREnvPreFilter.h"
 #include "QORPager/QORFieldSet.h"
+#include "support/Operations.h"
 
 namespace {
 
 using namespace QOR;
+using namespace QOR::bench;
 
-constexpr std::size_t environments = 100'000;
 constexpr const char* vocabulary = R"(<vocabulary><category name="pager_fields">
   <parameter id="pager.env.config.memory"><source>env/config/memory</source><type>int</type></parameter>
 </category></vocabulary>)";
@@ -36,13 +37,14 @@ struct Machine {
 
 struct Filter {
     const char* name;
+    double goal;  ///< nanoseconds a row
     const char* text;
     bool (*passes)(const Machine& machine);
 };
 
 constexpr std::array<Filter, 2> filters{{
-    {"number", "pager.env.state = 6", [](const Machine& machine) { return machine.state == 6; }},
-    {"mixed",
+    {"number", 60, "pager.env.state = 6", [](const Machine& machine) { return machine.state == 6; }},
+    {"mixed", 120,
      "pager.env.config.hostname like 'web%' and pager.env.state = 6 and not (pager.env.config.os.name = 'linux' or "
      "pager.env.config.memory < 2048)",
      [](const Machine& machine) {
@@ -51,7 +53,7 @@ constexpr std::array<Filter, 2> filters{{
      }},
 }};
 
-std::vector<Machine> makeMachines() {
+std::vector<Machine> makeMachines(std::size_t environments) {
     std::mt19937 random(1);
     const auto below = [&](unsigned limit) { return static_cast<int>(random() % limit); };
     const char* const hosts[] = {"web", "db", "mail", "cache"};
@@ -62,14 +64,6 @@ std::vector<Machine> makeMachines() {
                             512 * (1 + below(32))});
     }
     return machines;
-}
-
-QOREID eidOf(std::size_t number) {
-    char text[64];
-    std::snprintf(text, sizeof text, "00000000-0000-4000-8000-%012zx", number + 1);
-    QOREID eid;
-    eid.fromString(text);
-    return eid;
 }
 
 QORPtr<const QOREnv> toEnv(std::size_t number, const Machine& machine) {
@@ -83,14 +77,9 @@ QORPtr<const QOREnv> toEnv(std::size_t number, const Machine& machine) {
                                     makeQORPtr<const QOREnvConfig>(std::move(data)), nullptr);
 }
 
-[[noreturn]] void fail(const char* what) {
-    std::fprintf(stderr, "%s\n", what);
-    std::exit(1);
-}
-
 /// The cache, the fields and the filter of one request.
 struct Request {
-    explicit Request(const Filter& asked) {
+    Request(const Filter& asked, std::size_t environments) {
         QORVocReader reader;
         reader.readText(vocabulary, "bench.xml");
         vocCacheLocal()->setVocabulary(reader.vocabulary());
@@ -104,27 +93,25 @@ struct Request {
             }
         }
         filter.setExpression(asked.text);
-        if (filter.prepareSpecial()) fail("the filter does not parse");
+        check(!filter.prepareSpecial(), "the filter does not parse");
         for (const std::string& name : filter.usedIdentifiers())
             whereFields.push_back(&*fields.find(name));
 
-        const std::vector<Machine> machines = makeMachines();
+        const std::vector<Machine> machines = makeMachines(environments);
         std::vector<QORPtr<const QOREnv>> envs;
         for (std::size_t number = 0; number < machines.size(); ++number) {
             envs.push_back(toEnv(number, machines[number]));
             expected += asked.passes(machines[number]) ? 1 : 0;
         }
         cache.update(std::move(envs));
-        auto context = std::make_shared<QORClientContext>();
-        context->fullAccess = true;
-        const QORClientContextScope scope(context);
+        const QORClientContextScope scope(fullAccess());
         list = cache.getEnvList();
     }
 
     QOREIDList passing() {
         QOREnvPreFilter preFilter(filter, whereFields);
         QOREIDList eids;
-        if (preFilter.run(*list, eids) != 0) fail(preFilter.error().c_str());
+        check(preFilter.run(*list, eids) == 0, preFilter.error());
         return eids;
     }
 
@@ -136,21 +123,24 @@ struct Request {
     std::size_t expected = 0;
 };
 
-void preFilter(benchmark::State& state, const Filter& filter) {
-    Request request(filter);
-    if (request.passing().size() != request.expected || request.expected == 0) fail("other rows than expected");
-    for ([[maybe_unused]] auto _ : state)
-        benchmark::DoNotOptimize(request.passing());
-    state.counters["passing"] = static_cast<double>(request.expected);
-    state.counters["row"] = benchmark::Counter(
-        static_cast<double>(environments), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+void measure(Figures& figures, const Filter& filter, std::size_t environments) {
+    Request request(filter, environments);
+    check(request.passing().size() == request.expected && request.expected != 0, "other rows than expected");
+    std::vector<double> times;
+    for (unsigned round = 0; round < (figures.smallest() ? 1 : 51); ++round)
+        times.push_back(processorSecondsEach(1, [&] { request.passing(); }) * 1e9 / static_cast<double>(environments));
+    figures.print(std::string("pre-filter/") + filter.name + "/" + std::to_string(environments),
+                  std::to_string(request.expected) + " pass", median(std::move(times)), " ns/row",
+                  Goal::atMost(filter.goal));
 }
-const bool registered = [] {
-    for (const Filter& filter : filters) {
-        benchmark::RegisterBenchmark((std::string("pre-filter/") + filter.name + "/100000").c_str(), preFilter, filter)
-            ->Unit(benchmark::kMillisecond);
-    }
-    return true;
-}();
+
+void run(Figures& figures) {
+    for (const Filter& filter : filters)
+        measure(figures, filter, figures.smallest() ? 1000 : 100'000);
+}
 
 }  // namespace
+
+int main(int argc, char** argv) {
+    return runBenchmark(argc, argv, "usage: bench_pager [--smallest] [--check]", run);
+}

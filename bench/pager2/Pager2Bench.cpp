@@ -1,20 +1,14 @@
 // Operator "pager2" against ODBC itself: from the tree of a request to the tree of its answer, beside the same select
-// prepared and bound by hand with nothing done to its rows. Metadata and statements are warm. Each benchmark takes
-// turns between the two and reports the best time of both and their ratio.
-#include <benchmark/benchmark.h>
-
-#include <algorithm>
-#include <memory>
+// prepared and bound by hand with nothing done to its rows. Metadata and statements are warm.
+//
+//     bench_pager2 [--smallest] [--check]
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "QORFunctionality/QOROpFactory.h"
-#include "QORLibAgent/QORSecurity.h"
-#include "QORMessage/QORBinaryIterator.h"
-#include "QORMessage/QORNotation.h"
 #include "QORPager/Operators/Pager2/QORViewMetadata.h"
 #include "support/HostTable.h"
+#include "support/Operations.h"
+#include "support/Pager2Client.h"
 
 namespace {
 
@@ -34,38 +28,27 @@ std::string requestText(const Request& request) {
     return text + "]]";
 }
 
-/// One client, its requests already read into trees.
+/// Asks for pages that begin at one of the first hundred rows, or for all rows.
 class Client {
 public:
-    explicit Client(std::int32_t limit) : m_requests(5) {
-        const auto factory = QOROpFactoryRegistry::instance().find("pager2");
-        m_accesser = factory->newAccesser(factory->newOperator());
-        auto context = std::make_shared<QORClientContext>();
-        context->fullAccess = true;
-        m_context = std::move(context);
-        for (std::size_t index = 0; index < m_requests.size(); ++index) {
-            readElement(requestText({limit, static_cast<std::int32_t>(20 * index)}), m_requests[index]);
-        }
-    }
+    explicit Client(std::int32_t limit) : m_client(fullAccess(), requests(limit)) {}
 
-    /// \returns rows of the answer; the answer's tree is dropped, its memory kept, as a host does between requests
+    /// \returns rows of the answer
     std::int64_t operator()(const Request& request) {
-        const QORClientContextScope scope(m_context);
-        m_response.clear();
-        QORBinaryIterator in = m_requests[static_cast<std::size_t>(request.offset / 20)].root();
-        in.firstChild();
-        QORBinaryIterator out = m_response.root();
-        m_accesser->request("select", &in, &out);
-        if (out.firstChild(tag::rowSet) != 0) return -1;
         // The result element, six names, and for each row an element and six values.
-        return static_cast<std::int64_t>((m_response.nodeCount() - 7) / 7);
+        return static_cast<std::int64_t>((m_client.ask(static_cast<std::size_t>(request.offset / 20)).nodeCount() - 7) /
+                                         7);
     }
 
 private:
-    std::vector<QORMessage> m_requests;
-    QORPtr<QORAccesserPrototype> m_accesser;
-    QORClientContextPtr m_context;
-    QORMessage m_response;
+    static std::vector<std::string> requests(std::int32_t limit) {
+        std::vector<std::string> texts;
+        for (std::int32_t page = 0; page < 5; ++page)
+            texts.push_back(requestText({limit, 20 * page}));
+        return texts;
+    }
+
+    Pager2Client m_client;
 };
 
 void prepare(std::int64_t rows) {
@@ -73,25 +56,22 @@ void prepare(std::int64_t rows) {
     test::forgetMetadata();
 }
 
-void pageOf20(benchmark::State& state) {
-    prepare(state.range(0));
-    Client client(20);
-    compare(state, state.range(0), 20, 200, [&client](const Request& request) { return client(request); });
-}
-void allRows(benchmark::State& state) {
-    prepare(state.range(0));
+void run(Figures& figures) {
+    QORRdbms::prepareProcess();
+    for (const std::int64_t rows : tableSizes(figures)) {
+        prepare(rows);
+        Client client(20);
+        compare(figures, "page of 20", Goal::atMost(2), rows, 20, 200, client);
+    }
+    const std::int64_t rows = tableSizes(figures).front();
+    prepare(rows);
     Client client(0);
-    compare(state, state.range(0), 0, 1, [&client](const Request& request) { return client(request); });
+    compare(figures, "all rows", Goal::atMost(1.25), rows, 0, 1, client);
+    compareThreads(figures, Goal::atLeast(1.7), [] { return Client(20); });
 }
-void twoThreads(benchmark::State& state) {
-    prepare(state.range(0));
-    compareThreads(state, [] { return Client(20); });
-}
-
-BENCHMARK(pageOf20)->Arg(100'000)->Arg(1'000'000)->UseManualTime()->Iterations(40)->Unit(benchmark::kMicrosecond);
-BENCHMARK(allRows)->Arg(100'000)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
-BENCHMARK(twoThreads)->Arg(100'000)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
-
-[[maybe_unused]] const bool prepared = (QORRdbms::prepareProcess(), true);
 
 }  // namespace
+
+int main(int argc, char** argv) {
+    return runBenchmark(argc, argv, "usage: bench_pager2 [--smallest] [--check]", run);
+}

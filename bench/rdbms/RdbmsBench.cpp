@@ -1,8 +1,7 @@
 // The database layer against ODBC itself: the same select prepared and bound by hand, its rows fetched and left where
-// they are. Each benchmark takes turns between the two and reports the best times of both (of the thread's processor)
-// and their ratio. Names say what is selected.
-#include <benchmark/benchmark.h>
-
+// they are. Names say what is selected.
+//
+//     bench_rdbms [--smallest] [--check]
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,27 +53,24 @@ std::int64_t throughLayer(const Request& request) {
         for (const auto& value : columns.data)
             bytes += value->text(scratch).size();
     }
-    benchmark::DoNotOptimize(bytes);
+    check(bytes != 0, "the rows are empty");
     return cursor.GetAmount();
 }
 
-void pageOf20(benchmark::State& state) {
-    configure(state.range(0));
-    compare(state, state.range(0), 20, 200, throughLayer);
+void run(Figures& figures) {
+    QORRdbms::prepareProcess();
+    for (const std::int64_t rows : tableSizes(figures)) {
+        configure(rows);
+        compare(figures, "page of 20", Goal::none(), rows, 20, 200, throughLayer);
+    }
+    const std::int64_t rows = tableSizes(figures).front();
+    configure(rows);
+    compare(figures, "all rows", Goal::none(), rows, 0, 1, throughLayer);
+    compareThreads(figures, Goal::none(), [] { return &throughLayer; });
 }
-void allRows(benchmark::State& state) {
-    configure(state.range(0));
-    compare(state, state.range(0), 0, 1, throughLayer);
-}
-void twoThreads(benchmark::State& state) {
-    configure(state.range(0));
-    compareThreads(state, [] { return throughLayer; });
-}
-
-BENCHMARK(pageOf20)->Arg(100'000)->Arg(1'000'000)->UseManualTime()->Iterations(40)->Unit(benchmark::kMicrosecond);
-BENCHMARK(allRows)->Arg(100'000)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
-BENCHMARK(twoThreads)->Arg(100'000)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
-
-[[maybe_unused]] const bool prepared = (QORRdbms::prepareProcess(), true);
 
 }  // namespace
+
+int main(int argc, char** argv) {
+    return runBenchmark(argc, argv, "usage: bench_rdbms [--smallest] [--check]", run);
+}

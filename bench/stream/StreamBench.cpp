@@ -2,12 +2,11 @@
 // writes the same bytes to a pipe; how long the first row takes; what of the agent is resident meanwhile, for one
 // stream and for three at once.
 //
-//     bench_stream [FOLDER [ROWS]]
+//     bench_stream [--smallest] [--check] [FOLDER [ROWS]]
 //
 // The default is a folder that is removed afterwards, and 1000000 rows; a database that is in a named folder already is
 // used. Ten million rows take 1.3 GB.
 #include <signal.h>
-#include <spawn.h>
 #include <sql.h>
 #include <sqlext.h>
 #include <sqlite3.h>
@@ -18,39 +17,26 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "rdbmspp/pool/QORRdbms.h"
+#include "support/Figures.h"
+#include "support/ResidentMemory.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace QOR::bench;
 
-void check(bool holds, const char* what) {
-    if (!holds) throw std::runtime_error(what);
-}
-
-double secondsSince(Clock::time_point from) {
-    return std::chrono::duration<double>(Clock::now() - from).count();
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-void makeDatabase(const std::string& path, long rows) {
+void makeDatabase(const std::string& path, std::size_t rows) {
     if (std::filesystem::exists(path)) return;
     sqlite3* db = nullptr;
     check(sqlite3_open(path.c_str(), &db) == SQLITE_OK, "cannot make the database");
@@ -70,6 +56,8 @@ void makeDatabase(const std::string& path, long rows) {
 }
 
 // ---- the same by hand
+
+constexpr const char* byHandOption = "--by-hand";
 
 /// Columns in the order of their names, as answers have them.
 constexpr std::size_t columns = 6;
@@ -133,23 +121,23 @@ public:
         std::string_view rest = piece;
         if (!m_tail.empty()) {
             m_tail.append(piece.substr(0, begin.size() - 1));
-            m_rows += m_tail.find(begin) != std::string::npos ? 1 : 0;
+            m_rows += m_tail.find(begin) != std::string::npos ? 1U : 0U;
         }
         for (std::size_t at = 0; (at = rest.find(begin)) != std::string_view::npos; rest.remove_prefix(at + 1))
             ++m_rows;
         m_tail = piece.substr(piece.size() - std::min(piece.size(), begin.size() - 1));
     }
-    long rows() const { return m_rows; }
+    std::size_t rows() const { return m_rows; }
 
 private:
-    long m_rows = 0;
+    std::size_t m_rows = 0;
     std::string m_tail;
 };
 
 struct Run {
     double seconds = 0;
     double firstRow = 0;  ///< milliseconds
-    long rows = 0;
+    std::size_t rows = 0;
 };
 
 /// Runs this program again for the fetching, so that it is a process of its own too.
@@ -163,7 +151,7 @@ Run byHand(const std::string& program, const std::string& database) {
         ::dup2(pipe[1], STDOUT_FILENO);
         ::close(pipe[0]);
         ::close(pipe[1]);
-        ::execl(program.c_str(), program.c_str(), "--by-hand", database.c_str(), nullptr);
+        ::execl(program.c_str(), program.c_str(), byHandOption, database.c_str(), nullptr);
         ::_exit(127);
     }
     ::close(pipe[1]);
@@ -210,12 +198,7 @@ public:
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;
 
-    double residentMegabytes() const {
-        std::ifstream file("/proc/" + std::to_string(m_pid) + "/statm");
-        long pages = 0;
-        file >> pages >> pages;
-        return static_cast<double>(pages) * static_cast<double>(::sysconf(_SC_PAGESIZE)) / (1 << 20);
-    }
+    double residentMegabytes() const { return static_cast<double>(QOR::test::residentBytes(m_pid)) / (1 << 20); }
 
     /// Reads the stream of all rows to its end. \param peak the largest resident size met meanwhile, in megabytes
     Run stream(double& peak) const {
@@ -237,7 +220,7 @@ public:
             const ssize_t size = ::recv(socket, buffer.data(), buffer.size(), 0);
             check(size > 0, "the stream broke off");
             const std::string_view piece(buffer.data(), static_cast<std::size_t>(size));
-            const long before = rows.rows();
+            const std::size_t before = rows.rows();
             rows.take(piece);
             if (before == 0 && rows.rows() > 0) run.firstRow = secondsSince(from) * 1000;
             tail = std::string((tail.append(piece.substr(piece.size() - std::min(piece.size(), end.size())))));
@@ -267,59 +250,66 @@ private:
     pid_t m_pid = -1;
 };
 
-void compare(const std::string& self, const Agent& agent, const std::string& database, long rows) {
-    double idle = 0;
-    agent.stream(idle);  // everything is loaded and warm now
-    idle = agent.residentMegabytes();
-    double peak = 0;
-    std::vector<double> ratios;
-    std::vector<double> firsts;
-    std::vector<double> rates;
-    for (int turn = 0; turn < 5; ++turn) {
-        const Run hand = byHand(self, database);
-        const Run ours = agent.stream(peak);
-        check(hand.rows == rows && ours.rows == rows, "rows are missing");
-        ratios.push_back(hand.seconds / ours.seconds);
-        firsts.push_back(ours.firstRow);
-        rates.push_back(static_cast<double>(rows) / ours.seconds);
-    }
-    std::printf("stream/%ld            %8.0f rows/s   ratio %.2f   first row %.1f ms   resident +%.1f MB\n", rows,
-                median(rates), median(ratios), median(firsts), peak - idle);
-    peak = 0;
+/// The same stream for three at once. \returns the largest resident size
+double streamThree(const Agent& agent, std::size_t rows) {
+    std::array<double, 3> peaks{};
+    std::array<std::size_t, 3> read{};
     std::vector<std::thread> threads;
-    std::vector<double> peaks(3);
-    const auto from = Clock::now();
-    for (double& one : peaks)
-        threads.emplace_back([&agent, &one, rows] {
-            if (agent.stream(one).rows != rows) std::abort();
-        });
+    for (std::size_t one = 0; one < peaks.size(); ++one)
+        threads.emplace_back([&, one] { read[one] = agent.stream(peaks[one]).rows; });
     for (std::thread& thread : threads)
         thread.join();
-    std::printf("stream/%ld/three      %8.0f rows/s                                    resident +%.1f MB\n", rows,
-                3.0 * static_cast<double>(rows) / secondsSince(from),
-                *std::max_element(peaks.begin(), peaks.end()) - idle);
+    for (const std::size_t one : read)
+        check(one == rows, "rows are missing");
+    return *std::max_element(peaks.begin(), peaks.end());
+}
+
+void compare(Figures& figures, const std::string& self, const Agent& agent, const std::string& database,
+             std::size_t rows) {
+    double peak = 0;
+    agent.stream(peak);  // everything is loaded and warm now
+    const double idle = agent.residentMegabytes();
+    peak = 0;
+    std::vector<double> firsts;
+    const Turns turns = takeTurns(
+        figures.smallest() || rows > 5'000'000 ? 1 : 7,
+        [&] {
+            const Run hand = byHand(self, database);
+            check(hand.rows == rows, "rows are missing by hand");
+            return hand.seconds;
+        },
+        [&] {
+            const Run ours = agent.stream(peak);
+            check(ours.rows == rows, "rows are missing");
+            firsts.push_back(ours.firstRow);
+            return ours.seconds;
+        });
+    const std::string name = "stream/" + std::to_string(rows);
+    figures.printRates(name, turns, static_cast<double>(rows), Goal::atLeast(0.8));
+    figures.print(name, "first row", median(firsts), " ms", Goal::atMost(50));
+    figures.print(name, "resident above idle", peak - idle, " MB", Goal::atMost(64));
+    figures.print(name, "resident above idle, three at once", streamThree(agent, rows) - idle, " MB", Goal::atMost(64));
+}
+
+void run(Figures& figures) {
+    const QOR::test::TemporaryDirectory scratch;
+    const auto& arguments = figures.arguments();
+    const std::filesystem::path folder = arguments.empty() ? scratch.path() : std::filesystem::path(arguments.front());
+    const std::size_t rows = figures.number(1, figures.smallest() ? 10'000 : 1'000'000);
+    const std::string database = (folder / ("stream-" + std::to_string(rows) + ".db")).string();
+    makeDatabase(database, rows);
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
+    const Agent agent(self.parent_path() / "qor-agent", database, scratch.path());
+    compare(figures, self.string(), agent, database, rows);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        if (argc == 3 && std::string_view(argv[1]) == "--by-hand") {
-            QOR::QORRdbms::prepareProcess();  // what the agent sets of the engine
-            fetchByHand(argv[2], STDOUT_FILENO);
-            return 0;
-        }
-        const QOR::test::TemporaryDirectory scratch;
-        const std::filesystem::path folder = argc > 1 ? std::filesystem::path(argv[1]) : scratch.path();
-        const long rows = argc > 2 ? std::atol(argv[2]) : 1'000'000;
-        const std::string database = (folder / ("stream-" + std::to_string(rows) + ".db")).string();
-        makeDatabase(database, rows);
-        const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
-        const Agent agent(self.parent_path() / "qor-agent", database, scratch.path());
-        compare(self.string(), agent, database, rows);
+    if (argc == 3 && std::string_view(argv[1]) == byHandOption) {
+        QOR::QORRdbms::prepareProcess();  // what the agent sets of the engine
+        fetchByHand(argv[2], STDOUT_FILENO);
         return 0;
-    } catch (const std::exception& exception) {
-        std::fprintf(stderr, "bench_stream: %s\n", exception.what());
-        return 1;
     }
+    return runBenchmark(argc, argv, "usage: bench_stream [--smallest] [--check] [FOLDER [ROWS]]", run);
 }

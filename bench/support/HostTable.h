@@ -3,7 +3,6 @@
 /// once, its rows fetched and left where they are.
 #pragma once
 
-#include <benchmark/benchmark.h>
 #include <sql.h>
 #include <sqlext.h>
 #include <sqlite3.h>
@@ -11,26 +10,18 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "rdbmspp/pool/QORRdbms.h"
+#include "support/Figures.h"
 
 namespace QOR::bench {
-
-using Clock = std::chrono::steady_clock;
-
-inline void check(bool holds, const char* what) {
-    if (!holds) throw std::logic_error(what);
-}
 
 /// A database of `rows` rows of six short columns behind a view, made once for the process.
 class Data {
@@ -160,48 +151,29 @@ private:
     std::array<SQLLEN, 7> m_lengths{};
 };
 
-/// Processor time of this thread: what else the machine does stays out of it.
-inline double processorSeconds() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-inline double seconds(Clock::time_point from) {
-    return std::chrono::duration<double>(Clock::now() - from).count();
-}
-
-/// Takes turns between the select by hand and `ours`, `batch` requests at a time. Counters: the best times of both
-/// and their ratio, below 1 being faster than ODBC by hand.
+/// Takes turns between the select by hand and `ours`, `batch` requests at a time.
+/// \param limit rows of a page; 0 for all
 /// \param ours runs one request and gives its number of rows
 template <class Ours>
-void compare(benchmark::State& state, std::int64_t rows, std::int32_t limit, int batch, Ours ours) {
+void compare(Figures& figures, const std::string& name, const Goal& goal, std::int64_t rows, std::int32_t limit,
+             unsigned batch, Ours& ours) {
     ByHand hand(rows, limit > 0);
     const std::int64_t expected = limit > 0 ? limit : rows - 10;
     check(ours(Request{limit, 40}) == expected, "our rows are not right");
     check(hand.run({limit, 40}) == expected, "the rows by hand are not right");
-    double best = 1e9;
-    double plain = 1e9;
-    for (auto _ : state) {
-        double from = processorSeconds();
-        for (int i = 0; i < batch; ++i)
-            hand.run({limit, 20 * (i % 5)});
-        plain = std::min(plain, (processorSeconds() - from) / batch);
-        from = processorSeconds();
-        for (int i = 0; i < batch; ++i)
-            ours(Request{limit, 20 * (i % 5)});
-        const double now = (processorSeconds() - from) / batch;
-        best = std::min(best, now);
-        state.SetIterationTime(now);
-    }
-    state.counters["odbc_us"] = plain * 1e6;
-    state.counters["ours_us"] = best * 1e6;
-    state.counters["ratio"] = best / plain;
+    const auto timed = [batch, limit](auto& client) {
+        return [&client, batch, limit] {
+            std::int32_t page = 0;
+            return processorSecondsEach(batch, [&] { client(Request{limit, 20 * (page++ % 5)}); });
+        };
+    };
+    auto byHand = [&hand](const Request& request) { return hand.run(request); };
+    figures.ratio(name + "/" + std::to_string(rows), goal, limit > 0 ? 41 : 15, timed(byHand), timed(ours));
 }
 
 /// Pages of 20 a second by so many threads. \param makeClient gives each thread its own `ours` as above
 template <class MakeClient>
-double pagesPerSecond(unsigned threads, int pages, MakeClient makeClient) {
+double pagesPerSecond(unsigned threads, unsigned pages, MakeClient makeClient) {
     std::vector<decltype(makeClient())> clients;
     for (unsigned t = 0; t < threads; ++t)
         clients.push_back(makeClient());
@@ -209,31 +181,30 @@ double pagesPerSecond(unsigned threads, int pages, MakeClient makeClient) {
     std::vector<std::thread> running;
     for (auto& client : clients) {
         running.emplace_back([&client, pages] {
-            for (int i = 0; i < pages; ++i)
-                check(client(Request{20, 20 * (i % 5)}) == 20, "a page is not whole");
+            for (unsigned i = 0; i < pages; ++i)
+                check(client(Request{20, static_cast<std::int32_t>(20 * (i % 5))}) == 20, "a page is not whole");
         });
     }
     for (auto& thread : running)
         thread.join();
-    return static_cast<double>(threads) * pages / seconds(from);
+    return static_cast<double>(threads) * pages / secondsSince(from);
 }
 
-/// "gain": pages of two threads for one page of one. The best of several: whatever else the machine does can only
-/// take processors away.
+/// The pages that two threads answer for one page of one.
 template <class MakeClient>
-void compareThreads(benchmark::State& state, MakeClient makeClient) {
-    pagesPerSecond(2, 100, makeClient);
-    double one = 0;
-    double two = 0;
-    for (auto _ : state) {
-        const double now = pagesPerSecond(1, 4000, makeClient);
-        one = std::max(one, now);
-        two = std::max(two, pagesPerSecond(2, 4000, makeClient));
-        state.SetIterationTime(4000 / now);
-    }
-    state.counters["pages_s_one"] = one;
-    state.counters["pages_s_two"] = two;
-    state.counters["gain"] = two / one;
+void compareThreads(Figures& figures, const Goal& goal, MakeClient makeClient) {
+    const unsigned pages = figures.smallest() ? 100 : 4000;
+    const Turns turns = takeTurns(
+        figures.smallest() ? 1 : 7, [&] { return pagesPerSecond(1, pages, makeClient); },
+        [&] { return pagesPerSecond(2, pages, makeClient); });
+    figures.print("pages of two threads", std::to_string(static_cast<long>(turns.baseline)) + " pages/s of one",
+                  turns.ratio, "ratio", goal);
+}
+
+/// How many rows the tables have.
+inline std::vector<std::int64_t> tableSizes(const Figures& figures) {
+    if (figures.smallest()) return {1000};
+    return {100'000, 1'000'000};
 }
 
 }  // namespace QOR::bench

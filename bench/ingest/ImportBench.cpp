@@ -1,0 +1,211 @@
+// How fast operations are taken in: by the host itself in batches and one by one, counters and indexes kept, beside
+// bare prepared inserts of the same rows; and by `qorctl import` through an agent, beside the same command without one.
+//
+//     bench_import [--smallest] [--check]
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORDBSchema.h"
+#include "ingest/QORIngest.h"
+#include "rdbmspp/pool/QORRdbms.h"
+#include "support/ChildProcess.h"
+#include "support/Operations.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+using namespace QOR;
+using namespace QOR::bench;
+
+constexpr std::uint64_t span = 1'000'000;  ///< of the operations that are made, whose first ones are stored
+
+/// A database whose tables count nothing.
+void openBare(const std::filesystem::path& file) {
+    openEmpty(file);
+    QORRdbmsTran tran(ASAccess::Write);
+    std::vector<std::string> triggers;
+    ASStatement& select = tran->prepare("SELECT name FROM sqlite_master WHERE type = 'trigger'");
+    select.execute();
+    while (select.fetch())
+        triggers.emplace_back(select.text(1));
+    select.close();
+    for (const std::string& trigger : triggers)
+        tran->execute("DROP TRIGGER " + ASSession::quoteIdentifier(trigger));
+    tran.commit();
+}
+
+/// The same rows in the same tables by prepared statements and nothing else. The texts are made before the clock runs.
+struct BareRow {
+    std::string id, op, time, eid, message;
+    std::int64_t status;
+    std::vector<std::string> touched;
+    std::vector<std::int64_t> positions;
+};
+
+BareRow toBare(const QOROperationRecord& record) {
+    BareRow row{record.id,
+                *record.op,
+                time2dbstr(record.time),
+                record.eid.toString(),
+                record.message->serializeToString(),
+                record.status,
+                {},
+                {}};
+    for (const QOREID& eid : record.eids) {
+        row.positions.push_back(static_cast<std::int64_t>(row.positions.size()));
+        row.touched.push_back(eid.toString());
+    }
+    return row;
+}
+
+void insertBare(ASSession& session, const BareRow& row, std::int64_t sequence) {
+    session
+        .prepare(
+            "INSERT INTO qor_operation (parent_id, op, status, time, eid, package, version, message, id, seq) "
+            "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+        .bindNull(1)
+        .bindNull(6)
+        .bindNull(7)
+        .bind(2, std::string_view(row.op))
+        .bind(3, row.status)
+        .bind(4, std::string_view(row.time))
+        .bind(5, std::string_view(row.eid))
+        .bind(8, std::string_view(row.message))
+        .bind(9, std::string_view(row.id))
+        .bind(10, sequence)
+        .execute();
+    for (std::size_t i = 0; i < row.touched.size(); ++i) {
+        session
+            .prepare(
+                "INSERT INTO qor_operation_environment (operation, position, eid, own, time) VALUES (?, ?, ?, ?, ?)")
+            .bind(1, sequence)
+            .bind(2, row.positions[i])
+            .bind(3, std::string_view(row.touched[i]))
+            .bind(4, std::string_view(row.eid))
+            .bind(5, std::string_view(row.time))
+            .execute();
+    }
+}
+
+/// The same operations into two databases, one of which counts and is written by the host's own means.
+class Sides {
+public:
+    Sides(const std::filesystem::path& folder, std::uint64_t batchSize, std::uint64_t perTurn)
+        : m_ours(folder / "ours.db"), m_bare(folder / "bare.db"), m_batchSize(batchSize), m_perTurn(perTurn) {
+        openBare(m_bare);
+        openEmpty(m_ours);
+        m_options.batchRecords = batchSize;
+    }
+
+    /// \returns seconds of the next turn
+    double storeBare() {
+        std::vector<BareRow> rows;
+        for (const QORRecord& record : makeBatch(m_bareStored, m_perTurn, span))
+            rows.push_back(toBare(std::get<QOROperationRecord>(record)));
+        QORRdbms::instance().configure(optionsOf(m_bare));
+        return wallSeconds([&] {
+            for (std::size_t at = 0; at < rows.size(); at += m_batchSize) {
+                QORRdbmsTran tran(ASAccess::Write);
+                if (m_batchSize > 1) QORDBSchema::prepareManyWrites(*tran);
+                for (std::size_t i = at; i < std::min<std::size_t>(at + m_batchSize, rows.size()); ++i)
+                    insertBare(*tran, rows[i], static_cast<std::int64_t>(++m_bareStored));
+                tran.commit();
+            }
+        });
+    }
+    double store() {
+        const std::vector<QORRecord> records = makeBatch(m_stored, m_perTurn, span);
+        m_stored += records.size();
+        QORRdbms::instance().configure(optionsOf(m_ours));
+        return wallSeconds([&] {
+            const QORIngestResult result = QORIngest(m_options).store(records, false);
+            check(!result.failure && result.accepted() == records.size(), "the records were not stored");
+        });
+    }
+
+private:
+    std::filesystem::path m_ours;
+    std::filesystem::path m_bare;
+    std::uint64_t m_batchSize;
+    std::uint64_t m_perTurn;
+    std::uint64_t m_bareStored = 0;
+    std::uint64_t m_stored = 0;
+    QORIngestOptions m_options;
+};
+
+void compareStores(Figures& figures, std::uint64_t batchSize, double goal, unsigned rounds) {
+    const test::TemporaryDirectory folder;
+    const std::uint64_t perTurn = figures.smallest() ? 2 * batchSize : batchSize == 1 ? 200 : 20 * batchSize;
+    Sides sides(folder.path(), batchSize, perTurn);
+    const Turns turns = takeTurns(
+        figures.smallest() ? 1 : rounds, [&] { return sides.storeBare(); }, [&] { return sides.store(); });
+    figures.printRates("import, " + std::to_string(batchSize) + " a transaction", turns, static_cast<double>(perTurn),
+                       Goal::atLeast(goal));
+}
+
+// ---- the command
+
+void writeLines(const std::filesystem::path& file, std::uint64_t count) {
+    std::ofstream out(file);
+    for (const QORRecord& record : makeBatch(0, count, span)) {
+        const auto& operation = std::get<QOROperationRecord>(record);
+        out << R"({"kind":"operation","id":")" << operation.id << R"(","op":")" << *operation.op << R"(","status":)"
+            << operation.status << R"(,"time":)" << operation.time << R"(,"eid":")" << operation.eid.toString()
+            << R"(","message":{"task_id":")" << operation.id << "\"}}\n";
+    }
+    check(out.good(), "cannot write the lines");
+}
+
+double runImport(std::vector<std::string> where, const std::filesystem::path& lines) {
+    std::vector<std::string> command{(test::programDirectory() / "qorctl").string(), "import"};
+    command.insert(command.end(), where.begin(), where.end());
+    command.push_back(lines.string());
+    return wallSeconds([&] {
+        const auto [status, output] = test::runProgram(command);
+        check(status == 0, "qorctl import: " + output);
+    });
+}
+
+double importAlone(const std::filesystem::path& lines) {
+    const test::TemporaryDirectory folder;
+    openEmpty(folder / "alone.db");
+    QORRdbms::instance().shutdown();
+    return runImport({"--standalone", "--database", optionsOf(folder / "alone.db").connectionString}, lines);
+}
+
+double importThroughAgent(const std::filesystem::path& lines) {
+    const test::TemporaryDirectory folder;
+    const std::string socket = (folder / "agent.sock").string();
+    test::ChildProcess agent({(test::programDirectory() / "qor-agent").string(), "--database",
+                              optionsOf(folder / "agent.db").connectionString, "--socket", socket, "--log-file",
+                              (folder / "agent.log").string()});
+    check(agent.waitForLine("qor-agent listening on"), "the agent does not start: " + agent.output());
+    return runImport({"--socket", socket}, lines);
+}
+
+void compareCommands(Figures& figures) {
+    const test::TemporaryDirectory folder;
+    const std::uint64_t count = figures.smallest() ? 2000 : 100'000;
+    writeLines(folder / "lines", count);
+    const Turns turns = takeTurns(
+        figures.smallest() ? 1 : 7, [&] { return importAlone(folder / "lines"); },
+        [&] { return importThroughAgent(folder / "lines"); });
+    figures.printRates("import through the agent", turns, static_cast<double>(count), Goal::atLeast(0.9));
+}
+
+void run(Figures& figures) {
+    QORRdbms::prepareProcess();
+    compareStores(figures, 1000, 0.8, 9);
+    compareStores(figures, 1, 0.7, 31);
+    compareCommands(figures);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return runBenchmark(argc, argv, "usage: bench_import [--smallest] [--check]", run);
+}

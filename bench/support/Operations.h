@@ -1,0 +1,95 @@
+/// \file
+/// Operations that benchmarks store, the clients that ask for them, and the databases that hold them.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "QORDBSchema/QORDBSchema.h"
+#include "QORLibAgent/QORSecurity.h"
+#include "ingest/QORIngest.h"
+#include "rdbmspp/pool/QORRdbms.h"
+#include "support/Figures.h"
+
+namespace QOR::bench {
+
+inline constexpr std::int64_t firstSecond = 1600000000;
+inline constexpr std::int64_t year = 365 * 86400;
+inline constexpr unsigned environments = 100;
+
+inline QOREID eidOf(std::uint64_t number) {
+    std::string digits = std::to_string(number);
+    digits.insert(0, 12 - std::min<std::size_t>(digits.size(), 12), '0');
+    QOREID eid;
+    eid.fromString("6ba7b810-9dad-11d1-80b4-" + digits);
+    return eid;
+}
+
+/// Environments run on a few hosts, which some of their operations touch too.
+inline QOREID hostOf(std::uint64_t environment) {
+    return eidOf(environment % 8);
+}
+
+/// A year of operations in the order of their times, of any size: larger logs are denser.
+inline QOROperationRecord makeOperation(std::uint64_t number, std::uint64_t size) {
+    constexpr const char* kinds[] = {"start", "stop", "install", "remove"};
+    QOROperationRecord record;
+    const std::uint64_t mixed = (number + 1) * 0x9E3779B97F4A7C15U;
+    char id[48];
+    std::snprintf(id, sizeof id, "%016llx-%llu", static_cast<unsigned long long>(mixed),
+                  static_cast<unsigned long long>(number));
+    record.id = id;
+    record.op = kinds[mixed >> 40 & 3];
+    record.status = static_cast<std::int32_t>(mixed >> 60);
+    record.time = firstSecond + static_cast<std::int64_t>(static_cast<double>(number) / static_cast<double>(size) *
+                                                          static_cast<double>(year));
+    record.eid = eidOf(mixed % environments);
+    if (number % 3 == 0) record.eids.push_back(hostOf(mixed % environments));
+    QORInfo message;
+    message.add("task_id", std::to_string(number));
+    record.message = std::move(message);
+    return record;
+}
+
+inline std::vector<QORRecord> makeBatch(std::uint64_t first, std::uint64_t count, std::uint64_t size) {
+    std::vector<QORRecord> batch;
+    batch.reserve(count);
+    for (std::uint64_t number = first; number < std::min(first + count, size); ++number)
+        batch.emplace_back(makeOperation(number, size));
+    return batch;
+}
+
+inline ASDatabaseOptions optionsOf(const std::filesystem::path& file) {
+    ASDatabaseOptions options;
+    options.connectionString = "Driver=SQLite3;Database=" + file.string();
+    return options;
+}
+
+inline void openEmpty(const std::filesystem::path& file) {
+    for (const char* suffix : {"", "-wal", "-shm"})
+        std::filesystem::remove(file.string() + suffix);
+    QORDBSchema::open(optionsOf(file), QORSchemaMode::Own);
+}
+
+inline QORClientContextPtr fullAccess() {
+    auto context = std::make_shared<QORClientContext>();
+    context->fullAccess = true;
+    return context;
+}
+
+/// A client whose identities stand for environments from 0 on.
+inline QORClientContextPtr accessTo(unsigned count) {
+    QORToken::SidSet sids;
+    for (unsigned number = 0; number < count; ++number)
+        sids.insert(std::make_shared<QORLocalSID>(0, 1, eidOf(number)));
+    auto context = std::make_shared<QORClientContext>();
+    context->token = std::make_shared<QORToken>(nullptr, std::move(sids));
+    return context;
+}
+
+}  // namespace QOR::bench
