@@ -1,34 +1,37 @@
-// What one user's requests without end cost another: pages of 20 by one, undisturbed and then beside another who asks
-// for cross joins over 16 connections, in one run against a real agent. Needs root, who alone can be two users.
+// What one user's requests without end cost others, in one run against a real agent: pages of 20 by one user, alone and
+// beside another who asks for cross joins over 16 connections; and how soon the agent says how it is while every worker
+// is busy with such requests. Needs root, who alone can be several users.
 //
 //     bench_fairness [--smallest] [--check]
 //
-// Undisturbed and disturbed stretches take turns, the greedy user being stopped and continued, so that what the machine
-// does meets both. The goal is held by the 99th percentiles of all stretches. That the greedy user is one is checked:
-// while it runs, the agent computes on end.
+// Undisturbed and disturbed stretches take turns, the greedy users being stopped and continued, so that what the
+// machine does meets both; the 99th percentiles are those of all stretches. That the greedy users are greedy is
+// checked: while they run, the agent takes all of the processor that the pages leave.
+#include <signal.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <stdexcept>
+#include <filesystem>
+#include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/ChildProcess.h"
+#include "support/Figures.h"
 #include "support/HttpClient.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
 
+using namespace QOR::bench;
 using namespace QOR::test;
-using Clock = std::chrono::steady_clock;
 
 constexpr uid_t stranger = 65534;
-constexpr std::size_t pages = 3000;
 constexpr int greedyConnections = 16;
 
 constexpr const char* pageRequest =
@@ -52,27 +55,39 @@ void makeDatabase(const std::string& file) {
     const bool made = sqlite3_open(file.c_str(), &database) == SQLITE_OK &&
                       sqlite3_exec(database, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
     sqlite3_close(database);
-    if (!made) throw std::runtime_error("cannot make the database");
+    check(made, "cannot make the database");
 }
 
-struct Times {
-    double median;
-    double p99;
+/// Microseconds that something took again and again.
+class Times {
+public:
+    template <class Work>
+    void measure(std::size_t times, Work&& work) {
+        for (std::size_t i = 0; i < times; ++i) {
+            m_times.push_back(wallSeconds(work) * 1e6);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    double percentile(std::size_t percent) {
+        std::sort(m_times.begin(), m_times.end());
+        return m_times.at(m_times.size() * percent / 100);
+    }
+
+private:
+    std::vector<double> m_times;
 };
 
-/// Microseconds of a page.
-Times measurePages(const std::string& socket) {
-    HttpClient client(socket);
-    std::vector<double> times;
-    for (std::size_t page = 0; page < pages; ++page) {
-        const auto begin = Clock::now();
-        const std::string answer = client.message(pageRequest);
-        times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
-        if (answer.find("number 120") == std::string::npos) throw std::runtime_error("no page: " + answer);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    std::sort(times.begin(), times.end());
-    return {times[times.size() / 2], times[times.size() * 99 / 100]};
+/// Seconds of processor time that a process has used.
+double processorSecondsOf(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string word;
+    std::getline(file, word, ')');
+    for (int skipped = 0; skipped < 11; ++skipped)
+        file >> word;
+    double user = 0;
+    double system = 0;
+    file >> user >> system;
+    return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 void askWithoutEnd(const std::string& socket) {
@@ -87,53 +102,133 @@ void askWithoutEnd(const std::string& socket) {
     }
 }
 
-/// Another user's program. \returns its process
-pid_t startGreedyUser(const std::string& socket) {
-    const pid_t child = ::fork();
-    if (child != 0) return child;
-    if (::setresgid(stranger, stranger, stranger) != 0 || ::setresuid(stranger, stranger, stranger) != 0) ::_exit(1);
-    std::vector<std::thread> threads;
-    for (int number = 1; number < greedyConnections; ++number)
-        threads.emplace_back([&] { askWithoutEnd(socket); });
-    askWithoutEnd(socket);
-    ::_exit(0);
-}
+/// Another user's program, which runs while it is let.
+class GreedyUser {
+public:
+    GreedyUser(const std::string& socket, uid_t user) : m_process(::fork()) {
+        check(m_process >= 0, "no process");
+        if (m_process != 0) return;
+        // Of the group that may reach the socket.
+        if (::setresgid(stranger, stranger, stranger) != 0 || ::setresuid(user, user, user) != 0) ::_exit(1);
+        std::vector<std::thread> threads;
+        for (int number = 1; number < greedyConnections; ++number)
+            threads.emplace_back([&] { askWithoutEnd(socket); });
+        askWithoutEnd(socket);
+        ::_exit(0);
+    }
+    ~GreedyUser() {
+        ::kill(m_process, SIGKILL);
+        ::waitpid(m_process, nullptr, 0);
+    }
+    GreedyUser(const GreedyUser&) = delete;
+    GreedyUser& operator=(const GreedyUser&) = delete;
 
-int run(const std::string& agentProgram) {
-    const TemporaryDirectory folder;
-    std::filesystem::permissions(folder.path(), std::filesystem::perms(0755));
-    makeDatabase((folder / "numbers.db").string());
-    const std::string socket = (folder / "agent.sock").string();
-    ChildProcess agent({agentProgram, "--read-only", "--database",
-                        "Driver=SQLite3;Database=" + (folder / "numbers.db").string(), "--socket", socket,
-                        "--socket-group", std::to_string(stranger), "--grace", "0"});
-    if (!agent.waitForLine("qor-agent listening on")) throw std::runtime_error("the agent does not start");
-    measurePages(socket);
-    const Times alone = measurePages(socket);
-    const pid_t greedy = startGreedyUser(socket);
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    const Times beside = measurePages(socket);
-    ::kill(greedy, SIGKILL);
-    ::waitpid(greedy, nullptr, 0);
-    std::printf("page of 20, alone:                  median %8.0f us   p99 %8.0f us\n", alone.median, alone.p99);
-    std::printf("page of 20, beside a greedy user:   median %8.0f us   p99 %8.0f us\n", beside.median, beside.p99);
-    std::printf("ratio of p99: %.2f (bound: 3)\n", beside.p99 / alone.p99);
-    agent.signal(SIGKILL);
-    agent.wait();
-    return 0;
+private:
+    pid_t m_process;
+};
+
+class Bench {
+public:
+    Bench(Figures& figures) : m_figures(figures), m_perStretch(figures.smallest() ? 50 : 1000) {
+        std::filesystem::permissions(m_folder.path(), std::filesystem::perms(0755));
+        const std::string database = (m_folder / "numbers.db").string();
+        makeDatabase(database);
+        m_agent = std::make_unique<ChildProcess>(std::vector<std::string>{
+            (programDirectory() / "qor-agent").string(), "--read-only", "--database",
+            "Driver=SQLite3;Database=" + database, "--socket", m_socket, "--socket-group", std::to_string(stranger),
+            "--log-file", (m_folder / "agent.log").string(), "--grace", "0"});
+        check(m_agent->waitForLine("qor-agent listening on"), "the agent does not start");
+    }
+    ~Bench() {
+        m_agent->signal(SIGKILL);
+        m_agent->wait();
+    }
+    Bench(const Bench&) = delete;
+    Bench& operator=(const Bench&) = delete;
+
+    /// Who is greedy leaves with all that it asked for, and comes anew for the next stretch.
+    void pages() {
+        Times warmUp, alone, beside;
+        ask(warmUp);
+        for (int turn = 0; turn < (m_figures.smallest() ? 1 : 7); ++turn) {
+            settle();
+            ask(alone);
+            const GreedyUser greedy(m_socket, stranger);
+            awaitLoad();
+            const double before = processorSecondsOf(m_agent->pid());
+            const double seconds = wallSeconds([&] { ask(beside); });
+            const double used = processorSecondsOf(m_agent->pid()) - before;
+            check(used > 0.5 * seconds, "the greedy user keeps the agent busy for " + std::to_string(used) + " of " +
+                                            std::to_string(seconds) + " seconds only");
+        }
+        print("page of 20, alone", alone);
+        print("page of 20, beside a greedy user", beside);
+        m_figures.print("page of 20, beside a greedy user, p99", "", beside.percentile(99) / alone.percentile(99),
+                        "ratio", Goal::atMost(3));
+    }
+
+    /// More users than it takes to have all workers, half of which one may have.
+    void health() {
+        const GreedyUser one(m_socket, stranger), another(m_socket, stranger - 1), third(m_socket, stranger - 2);
+        awaitLoad();
+        HttpClient client(m_socket);
+        Times times;
+        times.measure(m_perStretch, [&] {
+            const HttpAnswer answer = client.get("/v1/health");
+            check(answer.status == 200 && answer.body.find("\"ok\"") != std::string::npos, "no health: " + answer.body);
+        });
+        print("health, all workers busy", times);
+        m_figures.print("health, all workers busy, p99", "", times.percentile(99) / 1000, " ms", Goal::atMost(50));
+    }
+
+private:
+    void ask(Times& times) {
+        HttpClient client(m_socket);
+        times.measure(m_perStretch, [&] {
+            const std::string answer = client.message(pageRequest);
+            check(answer.find("number 120") != std::string::npos, "no page: " + answer);
+        });
+    }
+    /// Waits until the agent has used as much of the processor as requests without end would.
+    void awaitLoad() {
+        const double before = processorSecondsOf(m_agent->pid());
+        for (int looks = 0; processorSecondsOf(m_agent->pid()) - before < 0.5; ++looks) {
+            check(looks < 1000, "the greedy users do not keep the agent busy");
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+    /// Waits until it has noticed that the greedy user is gone.
+    void settle() {
+        for (double used = 0.1; used > 0.02;) {
+            const double before = processorSecondsOf(m_agent->pid());
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            used = processorSecondsOf(m_agent->pid()) - before;
+        }
+    }
+    void print(const std::string& name, Times& times) {
+        m_figures.print(name + ", median", "", times.percentile(50), " us");
+        m_figures.print(name + ", p99", "", times.percentile(99), " us");
+    }
+
+    Figures& m_figures;
+    std::size_t m_perStretch;
+    TemporaryDirectory m_folder;
+    std::string m_socket = (m_folder / "agent.sock").string();
+    std::unique_ptr<ChildProcess> m_agent;
+};
+
+void run(Figures& figures) {
+    if (::geteuid() != 0) {
+        std::puts("only root can be two users; nothing was measured");
+        return;
+    }
+    Bench bench(figures);
+    bench.pages();
+    bench.health();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (::geteuid() != 0) {
-        std::puts("bench_fairness: only root can be two users; nothing was measured");
-        return 0;
-    }
-    try {
-        return run(argc > 1 ? argv[1] : (programDirectory() / "qor-agent").string());
-    } catch (const std::exception& failure) {
-        std::fprintf(stderr, "bench_fairness: %s\n", failure.what());
-        return 1;
-    }
+    return runBenchmark(argc, argv, "usage: bench_fairness [--smallest] [--check]", run);
 }
