@@ -29,6 +29,8 @@ struct QOR_API ASDialect {
     const char* queryOnly;    ///< makes a connection refuse to write
     const char* opaqueBegin;  ///< around a text literal, so that `column = literal` does not make the engine put the
     const char* opaqueEnd;    ///< literal in the column's place elsewhere; empty where it does not anyway
+    const char* untyped;  ///< in front of a column, so that it is compared with texts as a text; empty where a literal
+                          ///< is read as the column's type once, and not for each row
     const char* statementTimeout;  ///< bounds the statements behind it, milliseconds follow, 0 for none; empty where
                                    ///< the layer ends them itself
     std::size_t maxParameters;     ///< of one statement; further values stand in its text

@@ -34,6 +34,7 @@ constexpr std::size_t costOfOperator = 2;  // "a AND"
 constexpr std::size_t costOfBracket = 1;   // "("
 constexpr std::size_t costOfNot = 2;       // "NOT ("
 constexpr std::size_t costOfColumn = 3;    // "v"."c"
+constexpr std::size_t costOfSign = 1;      // "+"
 constexpr std::size_t costOfSelect = 6;    // what the select itself holds while its condition is read
 constexpr std::size_t costOfWhen = 3;      // "CASE WHEN"
 constexpr std::size_t costOfThen = 5;      // "CASE WHEN a THEN"
@@ -76,6 +77,7 @@ std::size_t depthOfTerm(const Node& node) {
         case Node::Kind::Raw:
             return costOfNot + parserDepthOf(node.value.text);
         case Node::Kind::In:
+            if (node.untyped) depth += costOfSign;
             return std::max(depth, costOfOperator + costOfBracket + parserDepthOf(node.value.text));
         case Node::Kind::LikeAttribute:
             return depth + costOfOperator + costOfPattern;
@@ -330,6 +332,7 @@ void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
             break;
         case Node::Kind::In:
             if (node.opaque) return writeOpaqueIn(b, node);
+            if (node.untyped) b.append(b.dialect().untyped);
             b.in(*node.first, node.value.text, negated);
             break;
         case Node::Kind::IsNull:

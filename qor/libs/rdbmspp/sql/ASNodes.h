@@ -62,7 +62,8 @@ struct ASComparison::Node {
     Kind kind;
     Op op = Op::Eq;
     char escape = 0;
-    bool opaque = false;  ///< Value of Eq, In of one literal: written so that the engine draws no conclusions from it
+    bool opaque = false;   ///< Value of Eq, In of one literal: written so that the engine draws no conclusions from it
+    bool untyped = false;  ///< In of texts: they are compared as texts, whatever type is declared for the column
     std::shared_ptr<Node> left;
     std::shared_ptr<Node> right;
     std::optional<ASAttribute> first;

@@ -81,6 +81,28 @@ ASComparison opaque(const std::shared_ptr<Node>& term) {
     return ASComparison(std::move(copy));
 }
 
+bool isGuidList(const Node& node) {
+    return node.kind == Node::Kind::In && isGuid(*node.first) && node.first->isColumn() &&
+           isLiteralList(node.value.text);
+}
+
+/// The same access, to be asked of each row by itself: GUIDs are texts in the columns and in the list, but for the type
+/// that is declared for such a column SQLite tries to read each of them as a number first. An access is the host's own
+/// and as long as a view has columns of objects.
+std::shared_ptr<Node> asTexts(const std::shared_ptr<Node>& access) {
+    if (!access->isChain() && !isGuidList(*access)) return access;
+    auto copy = std::make_shared<Node>(access->kind);
+    if (access->isChain()) {
+        copy->left = asTexts(access->left);
+        copy->right = asTexts(access->right);
+        return copy;
+    }
+    copy->untyped = true;
+    copy->first = access->first;
+    copy->value = access->value;
+    return copy;
+}
+
 /// The terms of a conjunction, in order.
 std::vector<std::shared_ptr<Node>> termsOf(const ASComparison& condition) {
     std::vector<std::shared_ptr<Node>> terms;
@@ -114,7 +136,7 @@ ASComparison restricted(const ASComparison& access, const ASComparison& conditio
     }
     if (rest.empty()) return outside;
     auto guard = std::make_shared<Node>(Node::Kind::Guard);
-    guard->left = access.node();
+    guard->left = asTexts(access.node());
     guard->right = rest.node();
     return std::move(outside) && ASComparison(std::move(guard));
 }

@@ -129,7 +129,7 @@ TEST_F(ASRestricted, TheEngineCannotConcludeFromAnEqualityThatTheGuardIsTrue) {
     EXPECT_EQ(
         cursor.Query(),
         "SELECT \"w\".\"other\" FROM \"w\" WHERE \"w\".\"g\" = CAST('A' AS TEXT) AND \"w\".\"other\" = CAST('A' AS "
-        "TEXT) AND CASE WHEN \"w\".\"g\" IN ('A') THEN \"w\".\"x\" <> '7' END");
+        "TEXT) AND CASE WHEN +\"w\".\"g\" IN ('A') THEN \"w\".\"x\" <> '7' END");
 }
 
 TEST_F(ASRestricted, AColumnOfWhichNothingIsKnownStandsInside) {
