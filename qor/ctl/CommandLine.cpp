@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
-#include <map>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
@@ -122,12 +121,17 @@ private:
     }
 
     static void addPrinting(CLI::App& app, PrintOptions& print) {
-        static const std::map<std::string, RowFormat> formats{
-            {"table", RowFormat::Table}, {"json", RowFormat::Json}, {"csv", RowFormat::Csv}, {"xml", RowFormat::Xml}};
+        std::vector<std::string> names;
+        std::string help;
+        for (const RowForm& form : rowForms()) {
+            const bool last = &form == &rowForms().back();
+            help += (names.empty() ? "" : last ? " or " : ", ") + std::string(form.name);
+            if (names.empty()) help += " (default)";
+            names.emplace_back(form.name);
+        }
         app.add_option_function<std::string>(
-               "-o,--output", [&print](const std::string& name) { print.format = formats.at(name); },
-               "table (default), json, csv or xml")
-            ->check(CLI::IsMember({"table", "json", "csv", "xml"}))
+               "-o,--output", [&print](const std::string& name) { print.form = findRowForm(name); }, help)
+            ->check(CLI::IsMember(names))
             ->type_name("FORMAT");
         addNumber(app, "--width", {0, mostColumns},
                   "columns that a table may take, 0 for any number, by default the terminal's",

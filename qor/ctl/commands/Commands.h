@@ -19,7 +19,7 @@ namespace QOR {
 
 /// How rows are printed.
 struct PrintOptions {
-    RowFormat format = RowFormat::Table;
+    const RowForm* form = &rowForms().front();
     std::optional<std::size_t> width;  ///< of tables; absent: the terminal's, none where there is no terminal
 };
 

@@ -3,14 +3,49 @@
 #include <unistd.h>
 
 #include <iostream>
+#include <utility>
 
 #include "output/TextWidth.h"
 
 namespace QOR {
+namespace {
+
+/// Remembers the counts for a form that has no place for them.
+class CountKeeper final : public RowSink {
+public:
+    explicit CountKeeper(RowSink& next) : m_next(next) {}
+    void begin(std::span<const std::string> names) override { m_next.begin(names); }
+    void row(std::span<const Cell> cells) override { m_next.row(cells); }
+    void end(const std::optional<RowCounts>& given) override {
+        counts = given;
+        m_next.end(given);
+    }
+    std::optional<RowCounts> counts;
+
+private:
+    RowSink& m_next;
+};
+
+}  // namespace
 
 std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out) {
     const std::size_t width = print.width ? *print.width : terminalWidth(STDOUT_FILENO);
-    return makeRowPrinter(print.format, {width, counts}, out);
+    return print.form->makePrinter({width, counts}, out);
+}
+
+void printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
+                 std::vector<std::string> columns) {
+    FileOutput out(STDOUT_FILENO);
+    const auto printer = makePrinter(print, counts, out);
+    CountKeeper keeper(*printer);
+    const bool asAnswered = columns.empty() || print.form->isAnswer;
+    ColumnOrder ordered(std::move(columns), keeper);
+
+    const auto answer = backend.ask(request);
+    const auto error = readAnswer(*answer, asAnswered ? static_cast<RowSink&>(keeper) : ordered);
+    out.flush();  // the rows before an error too: they have been answered
+    if (error) throw CtlError::answered(error->code, error->message);
+    if (keeper.counts && !print.form->holdsCounts) tellPerson(describeCounts(*keeper.counts));
 }
 
 void tellOfNoEnvironment(Backend& backend, const std::vector<std::string>& client) {

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "commands/Commands.h"
 
@@ -12,21 +14,11 @@ namespace QOR {
 /// A printer onto standard output's buffer, fitted to the terminal where there is one.
 std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out);
 
-/// Remembers the counts for a form that has no place for them.
-class CountKeeper final : public RowSink {
-public:
-    explicit CountKeeper(RowSink& next) : m_next(next) {}
-    void begin(std::span<const std::string> names) override { m_next.begin(names); }
-    void row(std::span<const Cell> cells) override { m_next.row(cells); }
-    void end(const std::optional<RowCounts>& given) override {
-        counts = given;
-        m_next.end(given);
-    }
-    std::optional<RowCounts> counts;
-
-private:
-    RowSink& m_next;
-};
+/// Asks, and prints what is answered onto standard output, counts that the form has no place for beside it.
+/// \param columns in the order in which they were asked for; empty: as the answer has them
+/// \throws CtlError AnsweredError when the answer holds an error; the rows before it are printed then
+void printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
+                 std::vector<std::string> columns = {});
 
 /// Tells a client that stands for no environment so: its answers lack rows, and nothing else would say why.
 /// \param client what --client says; empty: oneself

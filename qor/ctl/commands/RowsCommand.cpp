@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <memory>
 
 #include "commands/Commands.h"
@@ -25,14 +23,7 @@ void runRows(const ConnectionOptions& connection, const RowsOptions& asked, cons
 
     if (!backend) backend = makeBackend(connection, BackendUse::Ask);
     tellOfNoEnvironment(*backend, options.client);
-    FileOutput out(STDOUT_FILENO);
-    const auto printer = makePrinter(print, options.count, out);
-    CountKeeper rows(*printer);
-    const auto answer = backend->ask(json);
-    const auto error = readAnswer(*answer, rows);
-    out.flush();  // the rows before an error too: they have been answered
-    if (error) throw CtlError::answered(error->code, error->message);
-    if (rows.counts && print.format == RowFormat::Csv) tellPerson(describeCounts(*rows.counts));
+    printAnswer(*backend, json, print, options.count);
 }
 
 }  // namespace QOR

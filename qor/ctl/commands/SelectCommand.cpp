@@ -1,7 +1,6 @@
-#include <unistd.h>
-
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "commands/Commands.h"
 #include "commands/Printing.h"
@@ -45,18 +44,7 @@ void runSelect(const ConnectionOptions& connection, const SelectOptions& options
     writeRequest(request.envelope, json);
 
     tellOfNoEnvironment(backend.get(), options.client);
-    FileOutput out(STDOUT_FILENO);
-    const auto printer = makePrinter(print, options.count, out);
-    CountKeeper keeper(*printer);
-    // The XML form is the answer itself, so its columns stand where the answer has them.
-    ColumnOrder ordered(std::move(request.columns), keeper);
-    RowSink& rows = print.format == RowFormat::Xml ? static_cast<RowSink&>(keeper) : ordered;
-
-    const auto answer = backend.get().ask(json);
-    const auto error = readAnswer(*answer, rows);
-    out.flush();  // the rows before an error too: they have been answered
-    if (error) throw CtlError::answered(error->code, error->message);
-    if (keeper.counts && print.format == RowFormat::Csv) tellPerson(describeCounts(*keeper.counts));
+    printAnswer(backend.get(), json, print, options.count, std::move(request.columns));
 }
 
 }  // namespace QOR

@@ -1,13 +1,15 @@
+#include "process/TiedValues.h"
+
 #include <algorithm>
 #include <string_view>
 
-#include "process/TiedValues.h"
+#include "output/RowPrinter.h"
 
 namespace QOR {
 namespace {
 
 constexpr std::string_view ownValue[] = {"--sort", "--where", "--client"};
-constexpr std::string_view shortOptions[] = {"-f", "-o", "-h", "-otable", "-ojson", "-ocsv", "-oxml"};
+constexpr std::string_view shortOptions[] = {"-f", "-o", "-h"};
 
 template <std::size_t N>
 bool isOneOf(std::string_view word, const std::string_view (&words)[N]) {
@@ -15,7 +17,8 @@ bool isOneOf(std::string_view word, const std::string_view (&words)[N]) {
 }
 
 bool isSortKey(std::string_view word) {
-    return !word.starts_with("--") && !isOneOf(word, shortOptions);
+    const bool tellsForm = word.starts_with("-o") && findRowForm(word.substr(2)) != nullptr;
+    return !word.starts_with("--") && !isOneOf(word, shortOptions) && !tellsForm;
 }
 
 }  // namespace

@@ -19,10 +19,10 @@ const Cell null{};
 
 using Rows = std::vector<std::vector<Cell>>;
 
-std::string printed(RowFormat format, const std::vector<std::string>& names, const Rows& rows,
+std::string printed(std::string_view form, const std::vector<std::string>& names, const Rows& rows,
                     const std::optional<RowCounts>& counts = std::nullopt, std::size_t width = 0) {
     TextOutput out;
-    const auto printer = makeRowPrinter(format, {width, counts.has_value()}, out);
+    const auto printer = findRowForm(form)->makePrinter({width, counts.has_value()}, out);
     printer->begin(names);
     for (const auto& row : rows)
         printer->row(row);
@@ -31,7 +31,7 @@ std::string printed(RowFormat format, const std::vector<std::string>& names, con
 }
 
 std::string table(const std::vector<std::string>& names, const Rows& rows, std::size_t width = 0) {
-    return printed(RowFormat::Table, names, rows, std::nullopt, width);
+    return printed("table", names, rows, std::nullopt, width);
 }
 
 TEST(Table, ColumnsAreAlignedAndNumbersStandRight) {
@@ -117,13 +117,13 @@ TEST(Table, RowsBehindTheFirstTenThousandKeepTheirText) {
 }
 
 TEST(Table, CountsStandBeneath) {
-    EXPECT_EQ(printed(RowFormat::Table, {"a"}, {{text("x")}}, RowCounts{1, 400}), "a\n-\nx\n\n1 of 400 rows\n");
-    EXPECT_EQ(printed(RowFormat::Table, {"a"}, {}, RowCounts{0, 1}), "a\n-\n0 of 1 row\n");
-    EXPECT_EQ(printed(RowFormat::Table, {"a"}, {}), "a\n-\nno rows\n");
+    EXPECT_EQ(printed("table", {"a"}, {{text("x")}}, RowCounts{1, 400}), "a\n-\nx\n\n1 of 400 rows\n");
+    EXPECT_EQ(printed("table", {"a"}, {}, RowCounts{0, 1}), "a\n-\n0 of 1 row\n");
+    EXPECT_EQ(printed("table", {"a"}, {}), "a\n-\nno rows\n");
 }
 
 TEST(Csv, IsExact) {
-    EXPECT_EQ(printed(RowFormat::Csv, {"a", "b,c", "q\"q"},
+    EXPECT_EQ(printed("csv", {"a", "b,c", "q\"q"},
                       {{text("plain"), text("a,b"), text("say \"hi\"")},
                        {null, text(""), text("two\r\nlines")},
                        {binary(std::string_view("\0\xFF", 2)), binary(""), text(" blank ")},
@@ -139,21 +139,21 @@ TEST(Csv, IsExact) {
 TEST(Json, IsExact) {
     const std::vector<std::string> names{"a", "b\"c"};
     const std::string control("\x01\x1f\\/\xE2\x80\xA8", 7);
-    EXPECT_EQ(printed(RowFormat::Json, names,
-                      {{text("1"), null}, {text("\"\n\t\r"), binary("\xFF")}, {text(control), text("\xFF")}}),
-              "[\n{\"a\":\"1\",\"b\\\"c\":null},\n"
-              "{\"a\":\"\\\"\\n\\t\\r\",\"b\\\"c\":{\"base64\":\"/w==\"}},\n"
-              "{\"a\":\"\\u0001\\u001f\\\\/\xE2\x80\xA8\",\"b\\\"c\":{\"base64\":\"/w==\"}}\n]\n");
-    EXPECT_EQ(printed(RowFormat::Json, names, {}), "[]\n");
+    EXPECT_EQ(
+        printed("json", names, {{text("1"), null}, {text("\"\n\t\r"), binary("\xFF")}, {text(control), text("\xFF")}}),
+        "[\n{\"a\":\"1\",\"b\\\"c\":null},\n"
+        "{\"a\":\"\\\"\\n\\t\\r\",\"b\\\"c\":{\"base64\":\"/w==\"}},\n"
+        "{\"a\":\"\\u0001\\u001f\\\\/\xE2\x80\xA8\",\"b\\\"c\":{\"base64\":\"/w==\"}}\n]\n");
+    EXPECT_EQ(printed("json", names, {}), "[]\n");
 }
 
 TEST(Json, CountsStandBesideTheRows) {
-    EXPECT_EQ(printed(RowFormat::Json, {"a"}, {{text("x")}}, RowCounts{1, 400}),
+    EXPECT_EQ(printed("json", {"a"}, {{text("x")}}, RowCounts{1, 400}),
               "{\"rows\":[\n{\"a\":\"x\"}\n],\"count\":1,\"total\":400}\n");
 }
 
 TEST(Xml, IsTheRowSet) {
-    EXPECT_EQ(printed(RowFormat::Xml, {"a", "b"}, {{text("1 < 2"), null}, {binary("\xFF"), text("")}}, RowCounts{2, 9}),
+    EXPECT_EQ(printed("xml", {"a", "b"}, {{text("1 < 2"), null}, {binary("\xFF"), text("")}}, RowCounts{2, 9}),
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
               "<row_set>\n"
               "<name>a</name>\n"
