@@ -20,6 +20,7 @@
 
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/Figures.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace QOR::bench {
 
@@ -34,17 +35,8 @@ public:
     }
 
 private:
-    Data() {
-        std::string name = (std::filesystem::temp_directory_path() / "qor-bench-XXXXXX").string();
-        check(mkdtemp(name.data()) != nullptr, "no temporary folder");
-        m_folder = name;
-    }
-    ~Data() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_folder, ignored);
-    }
     std::string make(std::int64_t rows) const {
-        const std::string path = (m_folder / (std::to_string(rows) + ".db")).string();
+        const std::string path = m_folder.file(std::to_string(rows) + ".db");
         sqlite3* db = nullptr;
         check(sqlite3_open(path.c_str(), &db) == SQLITE_OK, "cannot make the database");
         const std::string sql =
@@ -62,7 +54,7 @@ private:
         sqlite3_close(db);
         return path;
     }
-    std::filesystem::path m_folder;
+    test::TemporaryDirectory m_folder;
     std::map<std::int64_t, std::string> m_files;
 };
 

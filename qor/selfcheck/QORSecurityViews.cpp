@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORGuid.h"
 
@@ -54,9 +55,7 @@ std::string typeOf(const std::string& declared) {
     std::string type = declared.substr(0, declared.find('('));
     while (!type.empty() && type.back() == ' ')
         type.pop_back();
-    for (char& c : type)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c | 0x20);
-    return type;
+    return toLowerText(type);
 }
 
 void sample(QORCheckedDatabase& database, const std::string& view, QORCheckedColumn& column) {

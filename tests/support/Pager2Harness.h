@@ -3,9 +3,7 @@
 #pragma once
 
 #include <sqlite3.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -18,28 +16,9 @@
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "support/TemporaryDirectory.h"
 
 namespace QOR::test {
-
-/// A folder of its own, removed with everything in it.
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        std::string name = (std::filesystem::temp_directory_path() / "qor-test-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
-        m_path = name;
-    }
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    const std::filesystem::path& path() const noexcept { return m_path; }
-
-private:
-    std::filesystem::path m_path;
-};
 
 /// The engine's own connection, for setting a database up and for comparing with rows that the engine itself gives.
 class DirectDatabase {

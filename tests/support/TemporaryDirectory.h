@@ -26,6 +26,7 @@ public:
 
     const std::filesystem::path& path() const noexcept { return m_path; }
     std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
+    std::string file(const std::string& name) const { return (m_path / name).string(); }
 
 private:
     std::filesystem::path m_path;

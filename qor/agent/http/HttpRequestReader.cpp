@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "QORCommon/QORAscii.h"
+
 namespace QOR {
 namespace {
 
@@ -15,17 +17,8 @@ constexpr std::size_t chunkDigits = 16;
 /// Decimal digits of a Content-Length; all numbers of so many fit into 64 bits.
 constexpr std::size_t lengthDigits = 19;
 
-constexpr bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-constexpr char toLower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 constexpr bool isTokenCharacter(char c) {
-    return isDigit(c) || (toLower(c) >= 'a' && toLower(c) <= 'z') ||
-           std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+    return isDigitChar(c) || isAlphaChar(c) || std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
 }
 
 constexpr bool isToken(std::string_view text) {
@@ -49,14 +42,10 @@ std::string_view trim(std::string_view text) {
     return text;
 }
 
-bool isSameWord(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return toLower(x) == toLower(y); });
-}
-
 /// The value of a hexadecimal digit, 16 for anything else.
 constexpr unsigned hexValue(char c) {
-    if (isDigit(c)) return static_cast<unsigned>(c - '0');
-    const char lower = toLower(c);
+    if (isDigitChar(c)) return static_cast<unsigned>(c - '0');
+    const char lower = toLowerChar(c);
     return lower >= 'a' && lower <= 'f' ? static_cast<unsigned>(lower - 'a' + 10) : 16U;
 }
 
@@ -229,7 +218,7 @@ void HttpRequestReader::readBodyFields() {
 }
 
 void HttpRequestReader::readContentLength(std::string_view value) {
-    if (value.empty() || value.size() > lengthDigits || !std::all_of(value.begin(), value.end(), isDigit))
+    if (value.empty() || value.size() > lengthDigits || !std::all_of(value.begin(), value.end(), isDigitChar))
         return failSyntax("bad Content-Length");
     for (const char c : value)
         m_length = m_length * 10 + static_cast<unsigned>(c - '0');

@@ -2,6 +2,7 @@
 #include <optional>
 #include <utility>
 
+#include "QORCommon/QORAscii.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "where/FieldSpec.h"
@@ -22,7 +23,7 @@ public:
     std::string typeOf(std::string_view view, std::string_view column) {
         if (!m_columns) m_columns = get().views();
         for (const QORViewColumn& each : *m_columns)
-            if (isSameView(each.view, view) && each.column == column) return each.type;
+            if (isSameWord(each.view, view) && each.column == column) return each.type;
         return {};
     }
 

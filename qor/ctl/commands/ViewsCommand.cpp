@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORText.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
@@ -13,13 +14,13 @@ namespace {
 
 bool isWanted(const QORViewColumn& column, const std::vector<std::string>& views) {
     return views.empty() || std::any_of(views.begin(), views.end(),
-                                        [&](const std::string& view) { return isSameView(view, column.view); });
+                                        [&](const std::string& view) { return isSameWord(view, column.view); });
 }
 
 void requireAll(const std::vector<std::string>& views, const std::vector<QORViewColumn>& columns) {
     for (const std::string& view : views)
         if (std::none_of(columns.begin(), columns.end(),
-                         [&](const QORViewColumn& column) { return isSameView(view, column.view); }))
+                         [&](const QORViewColumn& column) { return isSameWord(view, column.view); }))
             throw CtlError(CtlExit::AnsweredError, "there is no view " + quoteText(view));
 }
 

@@ -4,6 +4,7 @@
 #include <set>
 #include <vector>
 
+#include "QORCommon/QORAscii.h"
 #include "QORPager/QORFieldSet.h"
 #include "QORPager/QORFilterNames.h"
 
@@ -16,14 +17,6 @@ constexpr std::string_view demandedNames[] = {
     "pager.backup.info.name",         "pager.backup.info.hostname",
     "pager.backup.info.veid",         "pager.backup.info.ip",
 };
-
-char lowerOf(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool isSame(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return lowerOf(x) == lowerOf(y); });
-}
 
 /// What the operator knows by name.
 class KnownNames {
@@ -42,9 +35,10 @@ public:
     std::string spell(std::string_view name) const {
         if (m_names.contains(std::string(name))) return std::string(name);
         for (const std::string& known : m_names)
-            if (isSame(known, name)) return known;
+            if (isSameWord(known, name)) return known;
         for (const std::string& prefix : m_prefixes)
-            if (isSame(prefix, name.substr(0, prefix.size()))) return prefix + std::string(name.substr(prefix.size()));
+            if (isSameWord(prefix, name.substr(0, prefix.size())))
+                return prefix + std::string(name.substr(prefix.size()));
         return std::string(name);
     }
 
@@ -68,7 +62,7 @@ bool mayBeMisspelled(std::string_view filter) {
     bool found = false;
     forEachName(filter, [&](std::string_view name) {
         const bool isField = name.find('.') != std::string_view::npos;
-        found = found || (isField && std::any_of(name.begin(), name.end(), [](char c) { return lowerOf(c) != c; }));
+        found = found || (isField && std::any_of(name.begin(), name.end(), [](char c) { return toLowerChar(c) != c; }));
     });
     return found;
 }

@@ -2,12 +2,10 @@
 
 #include <algorithm>
 
+#include "QORCommon/QORAscii.h"
+
 namespace QOR {
 namespace {
-
-constexpr bool isWordPart(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-}
 
 std::string_view trim(std::string_view text) {
     while (!text.empty() && text.front() == ' ')
@@ -35,21 +33,12 @@ FieldSpec parseFieldSpec(std::string_view text) {
     const std::size_t open = trimmed.find('(');
     if (open == std::string_view::npos || open == 0 || trimmed.back() != ')') return {unquoteName(text), ""};
     const std::string_view function = trim(trimmed.substr(0, open));
-    if (function.empty() || !std::all_of(function.begin(), function.end(), isWordPart)) return {unquoteName(text), ""};
+    if (function.empty() || !std::all_of(function.begin(), function.end(), isWordChar)) return {unquoteName(text), ""};
     return {unquoteName(trim(trimmed.substr(open + 1, trimmed.size() - open - 2))), aggregateName(function)};
 }
 
 std::string aggregateName(std::string_view function) {
-    const auto is = [&](std::string_view name) {
-        return std::equal(function.begin(), function.end(), name.begin(), name.end(),
-                          [](char a, char b) { return (a >= 'A' && a <= 'Z' ? static_cast<char>(a + 32) : a) == b; });
-    };
-    return is("avg") ? "average" : std::string(function);
-}
-
-bool isSameView(std::string_view a, std::string_view b) {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
+    return isSameWord(function, "avg") ? "average" : std::string(function);
 }
 
 }  // namespace QOR

@@ -21,9 +21,6 @@ FieldSpec parseFieldSpec(std::string_view text);
 /// The name of an aggregate in a request: SQL's "avg" is "average", others are passed on as they are spelled.
 std::string aggregateName(std::string_view function);
 
-/// Views are found without regard to the case of ASCII letters, here as in requests.
-bool isSameView(std::string_view a, std::string_view b);
-
 /// A name in double quotes without them (two inside stand for one); any other text unchanged.
 std::string unquoteName(std::string_view text);
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORNumbers.h"
@@ -46,17 +47,10 @@ constexpr Form forms[] = {
     {"decimal", doubleForm},  {"double", doubleForm},
 };
 
-std::string lowerCase(std::string_view text) {
-    std::string lower(text);
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return lower;
-}
-
 }  // namespace
 
 std::string storedForm(std::string_view type, const std::string& literal) {
-    const std::string name = lowerCase(type.substr(0, type.find_first_of(" (")));
+    const std::string name = toLowerText(type.substr(0, type.find_first_of(" (")));
     const auto* const found =
         std::find_if(std::begin(forms), std::end(forms), [&](const Form& form) { return form.type == name; });
     return found == std::end(forms) ? literal : found->of(literal);

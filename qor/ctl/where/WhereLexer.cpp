@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORText.h"
 #include "where/WhereError.h"
 
@@ -11,20 +12,14 @@ namespace {
 constexpr bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
 }
-constexpr bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
 constexpr bool isAscii(char c) {
     return static_cast<unsigned char>(c) < 0x80;
 }
 constexpr bool isWordStart(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || !isAscii(c);
+    return isAlphaChar(c) || c == '_' || !isAscii(c);
 }
 constexpr bool isWordPart(char c) {
-    return isWordStart(c) || isDigit(c) || c == '$';
-}
-constexpr char lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    return isWordStart(c) || isDigitChar(c) || c == '$';
 }
 
 /// Longer ones first.
@@ -50,8 +45,7 @@ std::string adviceFor(std::string_view text, std::size_t position) {
 }  // namespace
 
 bool WhereToken::isWord(std::string_view keyword) const {
-    return kind == WhereTokenKind::Word && std::equal(spelled.begin(), spelled.end(), keyword.begin(), keyword.end(),
-                                                      [](char a, char b) { return lower(a) == b; });
+    return kind == WhereTokenKind::Word && isSameWord(spelled, keyword);
 }
 
 WhereLexer::WhereLexer(std::string_view text) : m_text(text) {
@@ -76,11 +70,11 @@ void WhereLexer::read() {
     m_token.offset = m_position;
     if (m_position == m_text.size()) return finish(WhereTokenKind::End, m_position);
     const char c = m_text[m_position];
-    const bool startsFraction = c == '.' && m_position + 1 < m_text.size() && isDigit(m_text[m_position + 1]);
+    const bool startsFraction = c == '.' && m_position + 1 < m_text.size() && isDigitChar(m_text[m_position + 1]);
     // A point directly behind a name belongs to "view.column", even where a digit follows.
     const bool afterName = m_position > 0 && (isWordPart(m_text[m_position - 1]) || m_text[m_position - 1] == '"');
     if (isWordStart(c)) return readWord();
-    if (isDigit(c) || (startsFraction && !afterName)) return readNumber();
+    if (isDigitChar(c) || (startsFraction && !afterName)) return readNumber();
     if (c == '\'') return readQuoted(c, WhereTokenKind::Text);
     if (c == '"') return readQuoted(c, WhereTokenKind::Quoted);
     readSymbol();
@@ -104,7 +98,7 @@ void WhereLexer::readNumber() {
     std::size_t end = m_position;
     const auto digits = [&] {
         const std::size_t begin = end;
-        while (end < m_text.size() && isDigit(m_text[end]))
+        while (end < m_text.size() && isDigitChar(m_text[end]))
             ++end;
         return end > begin;
     };
@@ -113,7 +107,7 @@ void WhereLexer::readNumber() {
         ++end;
         good = digits();
     }
-    if (good && end < m_text.size() && lower(m_text[end]) == 'e') {
+    if (good && end < m_text.size() && toLowerChar(m_text[end]) == 'e') {
         ++end;
         if (end < m_text.size() && (m_text[end] == '+' || m_text[end] == '-')) ++end;
         good = digits();

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
@@ -350,7 +351,7 @@ Id Parser::readSelect() {
     if (peek().isSymbol(",")) throw WhereError(peek().offset, "a select in a list has one column");
     needWord("from");
     std::string view = readName("a view");
-    if (!qualifier.empty() && !isSameView(qualifier, view))
+    if (!qualifier.empty() && !isSameWord(qualifier, view))
         throw WhereError(fieldOffset,
                          quoteText(qualifier) + " is not the view that this select reads, which is " + quoteText(view));
     const Id select = build(tag::select, {m_tree.leaf(tag::view, view), field}, offset);

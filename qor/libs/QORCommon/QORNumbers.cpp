@@ -5,19 +5,16 @@
 #include <cmath>
 #include <system_error>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
 
 namespace QOR {
 namespace {
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 /// std::from_chars takes a minus sign but no plus sign; this drops one that a digit (or a point) follows.
 std::string_view withoutPlus(std::string_view text) {
-    if (text.size() > 1 && text[0] == '+' && (isDigit(text[1]) || text[1] == '.')) text.remove_prefix(1);
+    if (text.size() > 1 && text[0] == '+' && (isDigitChar(text[1]) || text[1] == '.')) text.remove_prefix(1);
     return text;
 }
 
@@ -101,7 +98,7 @@ std::uint32_t strToIp(std::string_view text) noexcept {
         }
         std::size_t length = 0;
         std::uint32_t value = 0;
-        while (length < text.size() && length < 3 && isDigit(text[length])) {
+        while (length < text.size() && length < 3 && isDigitChar(text[length])) {
             value = value * 10 + static_cast<std::uint32_t>(text[length++] - '0');
         }
         // A leading zero means octal to some readers and nothing to others: such a text is no address.

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <optional>
 
+#include "QORCommon/QORAscii.h"
+
 namespace QOR {
 namespace {
 
@@ -28,7 +30,7 @@ public:
         if (m_rest.size() < count) return std::nullopt;
         int value = 0;
         for (std::size_t i = 0; i < count; ++i) {
-            if (!isDigit(m_rest[i])) return std::nullopt;
+            if (!isDigitChar(m_rest[i])) return std::nullopt;
             value = value * 10 + (m_rest[i] - '0');
         }
         m_rest.remove_prefix(count);
@@ -44,18 +46,24 @@ public:
     /// One digit or more.
     bool skipDigits() {
         std::size_t count = 0;
-        while (count < m_rest.size() && isDigit(m_rest[count]))
+        while (count < m_rest.size() && isDigitChar(m_rest[count]))
             ++count;
         m_rest.remove_prefix(count);
         return count > 0;
     }
 
 private:
-    static bool isDigit(char c) { return c >= '0' && c <= '9'; }
     std::string_view m_rest;
 };
 
-/// Days since the epoch.
+/// Days since the epoch; nothing for what the calendar has not. \param year from 0 to 9999
+std::optional<std::int64_t> dayOf(int year, int month, int day) {
+    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
+                                           std::chrono::day(static_cast<unsigned>(day))};
+    if (!date.ok()) return std::nullopt;
+    return std::chrono::sys_days(date).time_since_epoch().count();
+}
+
 std::optional<std::int64_t> scanDate(Scanner& scan) {
     const auto year = scan.digits(4);
     if (!year || !scan.take('-')) return std::nullopt;
@@ -63,10 +71,7 @@ std::optional<std::int64_t> scanDate(Scanner& scan) {
     if (!month || !scan.take('-')) return std::nullopt;
     const auto day = scan.digits(2);
     if (!day) return std::nullopt;
-    const std::chrono::year_month_day date{std::chrono::year(*year), std::chrono::month(static_cast<unsigned>(*month)),
-                                           std::chrono::day(static_cast<unsigned>(*day))};
-    if (!date.ok()) return std::nullopt;
-    return std::chrono::sys_days(date).time_since_epoch().count();
+    return dayOf(*year, *month, *day);
 }
 
 /// Seconds since midnight; a fraction is read and dropped.
@@ -101,6 +106,27 @@ std::optional<std::int64_t> scanOffset(Scanner& scan) {
     }
     const std::int64_t ahead = std::int64_t{*hour} * 3600 + minute * 60;
     return west ? -ahead : ahead;
+}
+
+/// The number that two digits are, -1 for anything else.
+int twoDigits(const char* at) {
+    return isDigitChar(at[0]) && isDigitChar(at[1]) ? (at[0] - '0') * 10 + (at[1] - '0') : -1;
+}
+
+/// "YYYY-MM-DD HH:MM:SS", the form in which databases keep times, read at a fraction of the scanner's cost: most
+/// columns of most rows have it. Nothing for any other text, be it a time or not.
+std::optional<std::int64_t> readDbForm(std::string_view text) {
+    constexpr std::size_t length = 19;
+    if (text.size() != length) return std::nullopt;
+    const char* t = text.data();
+    if (t[4] != '-' || t[7] != '-' || t[10] != ' ' || t[13] != ':' || t[16] != ':') return std::nullopt;
+    const int century = twoDigits(t), years = twoDigits(t + 2), month = twoDigits(t + 5), day = twoDigits(t + 8);
+    const int hour = twoDigits(t + 11), minute = twoDigits(t + 14), second = twoDigits(t + 17);
+    if (century < 0 || years < 0 || month < 0 || day < 0) return std::nullopt;
+    if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 59) return std::nullopt;
+    const auto date = dayOf(century * 100 + years, month, day);
+    if (!date) return std::nullopt;
+    return ((*date * 24 + hour) * 60 + minute) * 60 + second;
 }
 
 std::int64_t floorDiv(std::int64_t value, std::int64_t by) {
@@ -170,6 +196,7 @@ std::string time2dbstr(std::int64_t seconds) {
 }
 
 std::optional<std::int64_t> parseTime(std::string_view text) {
+    if (const auto seconds = readDbForm(text)) return seconds;
     Scanner scan(text);
     const auto day = scanDate(scan);
     if (!day) return std::nullopt;

@@ -13,6 +13,7 @@
 #include "QORDBSchema/QORSchemaSteps.h"
 #include "QORDBSchema/QORStoredDocuments.h"
 #include "QORDBSchema/SchemaTable.h"
+#include "rdbmspp/engine/OdbcConnectionString.h"
 
 namespace QOR {
 namespace {
@@ -299,22 +300,8 @@ void QORDBSchema::makeShrinkable(ASSession& session) {
 }
 
 std::string QORDBSchema::databaseName(const std::string& connectionString) {
-    std::string name;
-    std::string_view rest = connectionString;
-    while (!rest.empty()) {
-        const std::size_t end = rest.find(';');
-        const std::string_view part = rest.substr(0, end);
-        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-        const std::size_t equals = part.find('=');
-        if (equals == std::string_view::npos) continue;
-        std::string key;
-        for (const char c : part.substr(0, equals)) {
-            if (c != ' ') key += static_cast<char>(c >= 'A' && c <= 'Z' ? c | 0x20 : c);
-        }
-        if (key == "database") return std::string(part.substr(equals + 1));
-        if (key == "dsn") name = part.substr(equals + 1);
-    }
-    return name;
+    const OdbcConnectionString parts(connectionString);
+    return parts.get(parts.has("Database") ? "Database" : "DSN");
 }
 
 }  // namespace QOR

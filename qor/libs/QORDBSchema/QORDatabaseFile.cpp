@@ -3,10 +3,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <optional>
+#include <string_view>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
@@ -17,10 +18,8 @@ namespace {
 /// What SQLite keeps beside the database. The first is the database itself.
 constexpr const char* suffixes[] = {"", "-wal", "-shm", "-journal"};
 
-bool isSqlite(std::string driver) {
-    std::transform(driver.begin(), driver.end(), driver.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return driver.find("sqlite") != std::string::npos;
+bool isSqlite(std::string_view driver) {
+    return toLowerText(driver).find("sqlite") != std::string::npos;
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
+#include "QORCommon/QORXmlText.h"
 
 namespace QOR {
 namespace {
@@ -14,84 +15,23 @@ constexpr std::string_view documentElement = "info";
 constexpr std::string_view unnamedElement = "param";
 constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORInfo";
 
-bool isNameStart(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
-bool isNameByte(char c) {
-    return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
-}
-
-/// Whether an element can bear the name. ASCII only: what more XML allows is not worth its table. Names that begin
-/// with "xml" are XML's own.
-bool isElementName(std::string_view name) {
-    if (name.empty() || !isNameStart(name.front())) return false;
-    for (const char c : name) {
-        if (!isNameByte(c)) return false;
-    }
-    return name.size() < 3 || (name[0] | 0x20) != 'x' || (name[1] | 0x20) != 'm' || (name[2] | 0x20) != 'l';
-}
-
-/// Whether XML 1.0 can carry the text: UTF-8 without control characters and without U+FFFE and U+FFFF.
-bool isXmlText(std::string_view text) {
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if (byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r') return false;
-        if (byte == 0xEF && text.size() - i >= 3 && text[i + 1] == '\xBF' &&
-            (text[i + 2] == '\xBE' || text[i + 2] == '\xBF')) {
-            return false;
-        }
-    }
-    return isUtf8(text);
-}
-
 bool isBlank(std::string_view text) {
     return text.find_first_not_of(" \t\n\r") == std::string_view::npos;
-}
-
-void appendEscaped(std::string_view text, bool attribute, std::string& out) {
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            // Readers turn bare carriage returns into line feeds, and all white space of attributes into blanks.
-            case '\r':
-                out += "&#13;";
-                break;
-            case '"':
-                out += attribute ? "&quot;" : "\"";
-                break;
-            case '\n':
-                out += attribute ? "&#10;" : "\n";
-                break;
-            case '\t':
-                out += attribute ? "&#9;" : "\t";
-                break;
-            default:
-                out += c;
-        }
-    }
 }
 
 /// \param top the element is the outermost one, which may be the nameless document
 std::string_view elementName(const QORInfo& info, bool top) {
     if (top && info.name().empty()) return documentElement;
-    return isElementName(info.name()) ? std::string_view(info.name()) : std::string_view(unnamedElement);
+    return isXmlName(info.name()) ? std::string_view(info.name()) : std::string_view(unnamedElement);
 }
 
 void openElement(const QORInfo& info, bool top, std::string& out) {
     out += '<';
     out += elementName(info, top);
-    if (!isElementName(info.name()) && !(top && info.name().empty())) {
+    if (!isXmlName(info.name()) && !(top && info.name().empty())) {
         if (isXmlText(info.name())) {
             out += " name=\"";
-            appendEscaped(info.name(), true, out);
+            appendXmlText(info.name(), QORXmlPlace::Attribute, out);
         } else {
             out += " name64=\"";
             appendBase64(info.name(), out);
@@ -106,7 +46,7 @@ void openElement(const QORInfo& info, bool top, std::string& out) {
     const bool plain = isXmlText(info.value()) && (info.children().empty() || !isBlank(info.value()));
     if (info.value().empty() || plain) {
         out += '>';
-        appendEscaped(info.value(), false, out);
+        appendXmlText(info.value(), QORXmlPlace::Element, out);
     } else {
         out += " encoding=\"base64\">";
         appendBase64(info.value(), out);

@@ -1,5 +1,6 @@
 #include <vector>
 
+#include "QORCommon/QORAscii.h"
 #include "QORLibAgent/QORInfo.h"
 
 namespace QOR {
@@ -69,8 +70,7 @@ private:
         return m_text.substr(from, m_at - from);
     }
     static bool isNamePart(char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
-               c == '.' || c == ':' || static_cast<unsigned char>(c) >= 0x80;
+        return isWordChar(c) || c == '-' || c == '.' || c == ':' || static_cast<unsigned char>(c) >= 0x80;
     }
 
     /// Quoted values may hold what ends a tag.

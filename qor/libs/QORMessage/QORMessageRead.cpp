@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
@@ -21,15 +22,6 @@ std::optional<std::string> textNamed(const QORMessageIterator& at, std::string_v
     const std::unique_ptr<QORMessageIterator> value = at.clone();
     if (value->seekPath(name) != 0 || value->getValue(text) != 0) return std::nullopt;
     return text;
-}
-
-bool isWord(std::string_view text, std::string_view lowerWord) {
-    if (text.size() != lowerWord.size()) return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c) != lowerWord[i]) return false;
-    }
-    return true;
 }
 
 }  // namespace
@@ -85,7 +77,7 @@ int readBoolean(const QORMessageIterator& at, std::string_view name, bool& out) 
     const auto text = textNamed(at, name);
     if (!text) return failed;
     const auto number = parseInt64(*text);
-    out = number ? *number != 0 : isWord(*text, "true");
+    out = number ? *number != 0 : isSameWord(*text, "true");
     return 0;
 }
 

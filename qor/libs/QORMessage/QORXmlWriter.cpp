@@ -1,58 +1,9 @@
-#include <algorithm>
-
 #include "QORCommon/QORText.h"
+#include "QORCommon/QORXmlText.h"
 #include "QORMessage/QORXml.h"
 
 namespace QOR {
 namespace {
-
-bool isAsciiLetter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-/// True for a name that can stand as an element's: ASCII letters, digits, '_', '-' and '.', not reserved by XML.
-bool isXmlName(std::string_view name) {
-    if (name.empty() || !(isAsciiLetter(name.front()) || name.front() == '_')) return false;
-    if (name.size() >= 3 && (name[0] | 0x20) == 'x' && (name[1] | 0x20) == 'm' && (name[2] | 0x20) == 'l') return false;
-    for (const char c : name) {
-        if (!isAsciiLetter(c) && !(c >= '0' && c <= '9') && c != '_' && c != '-' && c != '.') return false;
-    }
-    return true;
-}
-
-/// True when XML can carry the text: UTF-8 without control characters (but tabs and line ends) and noncharacters.
-bool isXmlText(std::string_view text) {
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 && c != '\t' && c != '\n' && c != '\r') return false;
-    }
-    return isUtf8(text) && text.find("\xEF\xBF\xBE") == std::string_view::npos &&
-           text.find("\xEF\xBF\xBF") == std::string_view::npos;
-}
-
-void appendEscaped(std::string_view text, std::string& out) {
-    while (!text.empty()) {
-        const std::size_t plain = std::min(text.find_first_of("<>&\r"), text.size());
-        out.append(text, 0, plain);
-        text.remove_prefix(plain);
-        if (text.empty()) return;
-        switch (text.front()) {
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '&':
-                out += "&amp;";
-                break;
-            default:
-                out += "&#13;";
-                break;  // a bare one would be read as a line feed
-        }
-        text.remove_prefix(1);
-    }
-}
 
 /// Writes straight from the elements: pugixml's document would hold each of them once more before a byte is written.
 class XmlWriter {
@@ -91,7 +42,7 @@ private:
         }
         if (node.kind == QORValueKind::Text && isXmlText(value)) {
             m_out += '>';
-            appendEscaped(value, m_out);
+            appendXmlText(value, QORXmlPlace::Element, m_out);
         } else {
             m_out += " encoding=\"base64\">";
             appendBase64(value, m_out);

@@ -53,12 +53,6 @@ void upperText(char* begin, char* end) noexcept {
         *begin = toUpperChar(*begin);
 }
 
-std::string toLowerText(std::string_view text) {
-    std::string lowered(text);
-    lowerText(lowered.data(), lowered.data() + lowered.size());
-    return lowered;
-}
-
 std::int32_t readIntegerPrefix(std::string_view text) noexcept {
     return lowBits(readPrefix(text).value);
 }

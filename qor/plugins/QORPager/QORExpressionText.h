@@ -1,5 +1,5 @@
 /// \file
-/// What the filter language does with bytes: character classes, case, numbers in texts, patterns, and arithmetic.
+/// What the filter language does with bytes: case, numbers in texts, patterns, and arithmetic.
 /// The value classes and the compiled programs share these, so that there is one definition of each.
 #pragma once
 
@@ -8,34 +8,12 @@
 #include <string>
 #include <string_view>
 
-namespace QOR {
+#include "QORCommon/QORAscii.h"
 
-/// Character classes of the POSIX locale, whatever the process's locale is; bytes above 127 are in none of them.
-constexpr bool isSpaceChar(char ch) noexcept {
-    return ch == ' ' || (ch >= '\t' && ch <= '\r');
-}
-constexpr bool isDigitChar(char ch) noexcept {
-    return ch >= '0' && ch <= '9';
-}
-constexpr bool isUpperChar(char ch) noexcept {
-    return ch >= 'A' && ch <= 'Z';
-}
-constexpr bool isLowerChar(char ch) noexcept {
-    return ch >= 'a' && ch <= 'z';
-}
-constexpr bool isAlphaChar(char ch) noexcept {
-    return isUpperChar(ch) || isLowerChar(ch);
-}
-constexpr char toLowerChar(char ch) noexcept {
-    return isUpperChar(ch) ? static_cast<char>(ch + ('a' - 'A')) : ch;
-}
-constexpr char toUpperChar(char ch) noexcept {
-    return isLowerChar(ch) ? static_cast<char>(ch - ('a' - 'A')) : ch;
-}
+namespace QOR {
 
 void lowerText(char* begin, char* end) noexcept;
 void upperText(char* begin, char* end) noexcept;
-std::string toLowerText(std::string_view text);
 
 /// The C library's atoi, defined for every text: leading white space, a sign and digits are read, what follows is
 /// ignored, no digits are 0; beyond 64 bits the number saturates, then its low 32 bits are taken.

@@ -402,7 +402,7 @@ struct NameCase {
 TEST(QORDBSchemaTest, DatabasesAreNamedWithoutTheRestOfTheConnectionString) {
     for (const auto& [connection, name] :
          {NameCase{"Driver=SQLite3;Database=./agent.db", "./agent.db"},
-          NameCase{"DATABASE = x.db;Driver=SQLite3", " x.db"}, NameCase{"DSN=records;PWD=secret", "records"},
+          NameCase{"DATABASE = {x;1.db};Driver=SQLite3", "x;1.db"}, NameCase{"DSN=records;PWD=secret", "records"},
           NameCase{"DSN=records;Database=host;PWD=secret", "host"}, NameCase{"PWD=secret;;nonsense", ""},
           NameCase{"", ""}}) {
         EXPECT_EQ(QORDBSchema::databaseName(connection), name) << connection;

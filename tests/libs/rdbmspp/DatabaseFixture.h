@@ -5,40 +5,17 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "rdbmspp/pool/QORRdbms.h"
 #include "rdbmspp/sql/ASCursor.h"
 #include "support/SqliteFile.h"
+#include "support/TemporaryDirectory.h"
 
 namespace QOR::test {
-
-class Folder {
-public:
-    Folder() {
-        std::string name = (std::filesystem::temp_directory_path() / "qor-rdbms-XXXXXX").string();
-        if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp");
-        m_path = name;
-    }
-    ~Folder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    std::string file(const std::string& name) const { return (m_path / name).string(); }
-
-private:
-    std::filesystem::path m_path;
-};
 
 /// The engine itself, without a driver.
 using Engine = test::SqliteFile;
@@ -73,7 +50,7 @@ protected:
         return "(no failure)";
     }
 
-    Folder m_folder;
+    test::TemporaryDirectory m_folder;
 };
 
 /// A column with its receiver.

@@ -11,23 +11,6 @@ namespace {
 
 constexpr std::int32_t lowest = std::numeric_limits<std::int32_t>::min();
 
-TEST(ExpressionText, BytesAbove127AreInNoClass) {
-    for (int byte = 128; byte < 256; ++byte) {
-        const auto ch = static_cast<char>(byte);
-        EXPECT_FALSE(isSpaceChar(ch) || isDigitChar(ch) || isAlphaChar(ch)) << byte;
-        EXPECT_EQ(toLowerChar(ch), ch);
-        EXPECT_EQ(toUpperChar(ch), ch);
-    }
-}
-
-TEST(ExpressionText, SpacesAreTheSixOfThePosixLocale) {
-    const std::string spaces = " \t\n\v\f\r";
-    for (int byte = 0; byte < 256; ++byte) {
-        const auto ch = static_cast<char>(byte);
-        EXPECT_EQ(isSpaceChar(ch), spaces.find(ch) != std::string::npos) << byte;
-    }
-}
-
 struct NumberCase {
     std::string text;
     std::int32_t prefix;                ///< what the text begins with

@@ -2,17 +2,11 @@
 
 #include <algorithm>
 
+#include "QORCommon/QORAscii.h"
+
 namespace QOR {
 
 namespace {
-
-char lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool sameName(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) { return lower(x) == lower(y); });
-}
 
 std::string_view trimmed(std::string_view text) {
     const auto from = text.find_first_not_of(" \t\r\n");
@@ -44,12 +38,12 @@ OdbcConnectionString::OdbcConnectionString(std::string_view text) {
 }
 
 bool OdbcConnectionString::has(std::string_view name) const {
-    return std::any_of(m_parts.begin(), m_parts.end(), [&](const auto& part) { return sameName(part.first, name); });
+    return std::any_of(m_parts.begin(), m_parts.end(), [&](const auto& part) { return isSameWord(part.first, name); });
 }
 
 std::string OdbcConnectionString::get(std::string_view name) const {
     for (const auto& [key, value] : m_parts) {
-        if (!sameName(key, name)) continue;
+        if (!isSameWord(key, name)) continue;
         if (value.size() >= 2 && value.front() == '{' && value.back() == '}') return value.substr(1, value.size() - 2);
         return value;
     }
@@ -62,12 +56,12 @@ void OdbcConnectionString::setDefault(std::string_view name, std::string_view va
 
 std::string OdbcConnectionString::take(std::string_view name, std::string_view otherwise) {
     std::string value = has(name) ? get(name) : std::string(otherwise);
-    std::erase_if(m_parts, [&](const auto& part) { return sameName(part.first, name); });
+    std::erase_if(m_parts, [&](const auto& part) { return isSameWord(part.first, name); });
     return value;
 }
 
 void OdbcConnectionString::set(std::string_view name, std::string_view value) {
-    std::erase_if(m_parts, [&](const auto& part) { return sameName(part.first, name); });
+    std::erase_if(m_parts, [&](const auto& part) { return isSameWord(part.first, name); });
     m_parts.emplace_back(name, value);
 }
 

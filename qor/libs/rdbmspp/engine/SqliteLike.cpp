@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string_view>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORRequestControl.h"
 
 namespace QOR {
@@ -40,8 +41,7 @@ unsigned next(std::string_view text, std::size_t& at) {
 }
 
 bool isEqual(unsigned a, unsigned b) {
-    const auto lower = [](unsigned c) { return c >= 'A' && c <= 'Z' ? c | 0x20 : c; };
-    return a == b || (a < 0x80 && b < 0x80 && lower(a) == lower(b));
+    return a == b || (a < 0x80 && b < 0x80 && toLowerChar(static_cast<char>(a)) == toLowerChar(static_cast<char>(b)));
 }
 
 /// A pattern and a text, compared from left to right. Where a part behind a `%` does not fit, it is tried one character

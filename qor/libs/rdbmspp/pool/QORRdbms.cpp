@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/ASFaults.h"
@@ -47,10 +48,8 @@ struct Settings {
     std::uint64_t generation = 0;
 };
 
-bool containsSqlite(std::string text) {
-    for (char& c : text)
-        c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-    return text.find("sqlite") != std::string::npos;
+bool containsSqlite(std::string_view text) {
+    return toLowerText(text).find("sqlite") != std::string::npos;
 }
 
 bool isInMemory(const std::string& database) {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
 #include "rdbmspp/engine/AException.h"
@@ -45,50 +46,12 @@ bool readDouble(std::string_view text, double& value) {
     return std::isfinite(value);
 }
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-int twoDigits(const char* at) {
-    return isDigit(at[0]) && isDigit(at[1]) ? (at[0] - '0') * 10 + (at[1] - '0') : -1;
-}
-
-int daysOfMonth(int year, int month) {
-    constexpr int days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    const bool leap = year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
-    return month == 2 && leap ? 29 : days[month - 1];
-}
-
-std::int64_t daysSinceEpoch(int year, int month, int day) {
-    const int y = month <= 2 ? year - 1 : year;
-    const int era = (y >= 0 ? y : y - 399) / 400;
-    const int yearOfEra = y - era * 400;
-    const int dayOfYear = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
-    const int dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
-    return static_cast<std::int64_t>(era) * 146097 + dayOfEra - 719468;
-}
-
-// The form that the database keeps, read without the general reader's cost: most columns of most rows have it.
-bool readDbTime(std::string_view text, std::int64_t& seconds) {
-    if (text.size() != dbTimeLength) return false;
-    const char* t = text.data();
-    if (t[4] != '-' || t[7] != '-' || t[10] != ' ' || t[13] != ':' || t[16] != ':') return false;
-    const int century = twoDigits(t), years = twoDigits(t + 2), month = twoDigits(t + 5), day = twoDigits(t + 8);
-    const int hour = twoDigits(t + 11), minute = twoDigits(t + 14), second = twoDigits(t + 17);
-    if (century < 0 || years < 0 || month < 1 || month > 12 || day < 1) return false;
-    if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 59) return false;
-    const int year = century * 100 + years;
-    if (day > daysOfMonth(year, month)) return false;
-    seconds = ((daysSinceEpoch(year, month, day) * 24 + hour) * 60 + minute) * 60 + second;
-    return true;
-}
-
 bool isCanonicalGuid(std::string_view text) {
     if (text.size() != guidLength) return false;
     for (std::size_t i = 0; i < guidLength; ++i) {
         const char c = text[i];
         const bool hyphen = i == 8 || i == 13 || i == 18 || i == 23;
-        if (hyphen ? c != '-' : !(isDigit(c) || (c >= 'a' && c <= 'f'))) return false;
+        if (hyphen ? c != '-' : !(isDigitChar(c) || (c >= 'a' && c <= 'f'))) return false;
     }
     return true;
 }
@@ -241,10 +204,6 @@ std::string_view ASTime::text(ASTextBuffer& scratch) const {
 
 void ASTime::take(std::string_view stored) {
     m_raw = stored;
-    if (readDbTime(stored, m_value)) {
-        m_state = State::Value;
-        return;
-    }
     const auto seconds = parseTime(stored);
     m_value = seconds.value_or(-1);
     m_state = seconds ? State::Value : State::Raw;

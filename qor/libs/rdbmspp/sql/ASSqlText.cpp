@@ -4,6 +4,8 @@
 #include <array>
 #include <vector>
 
+#include "QORCommon/QORAscii.h"
+
 namespace QOR {
 
 namespace {
@@ -17,10 +19,6 @@ std::size_t behindQuoted(std::string_view sql, std::size_t at) {
         ++at;
     }
     return sql.size();
-}
-
-bool isWord(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
 
 // Entries that an opening bracket and what stands before it hold, by the token before it.
@@ -46,7 +44,7 @@ bool isSingleTerm(std::string_view sql) noexcept {
         }
         if (c == '(') ++depth;
         if (c == ')' && depth > 0) --depth;
-        if (depth == 0 && !isWord(c) && c != ')' && c != '.') return false;
+        if (depth == 0 && !isWordChar(c) && c != ')' && c != '.') return false;
         ++at;
     }
     return true;
@@ -86,8 +84,8 @@ std::size_t parserDepthOf(std::string_view sql) noexcept {
         std::size_t end = at + 1;
         if (c == '\'' || c == '"') {
             end = behindQuoted(sql, at);
-        } else if (isWord(c)) {
-            while (end < sql.size() && isWord(sql[end]))
+        } else if (isWordChar(c)) {
+            while (end < sql.size() && isWordChar(sql[end]))
                 ++end;
             const std::string_view word = sql.substr(at, end - at);
             if (word == "SELECT") {

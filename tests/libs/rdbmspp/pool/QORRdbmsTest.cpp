@@ -326,7 +326,7 @@ TEST_F(QORRdbmsTest, WhatCannotBeOpenedIsNamed) {
         {"Driver=SQLite3;Database=" + m_folder.file("no/such/folder.db"), "folder.db",
          "the folder \"" + m_folder.file("no/such") + "\" does not exist"},
         {"Driver=SQLite3;Database=" + m_folder.file("no.db"), "no.db", "file is not a database"},
-        {"Driver=SQLite3;Database=" + m_folder.file(""), "qor-rdbms", "it is a folder"},
+        {"Driver=SQLite3;Database=" + m_folder.file(""), "qor-test", "it is a folder"},
         {"Driver=NoSuchDriver;Database=x.db", "NoSuchDriver", "file not found"},
     };
     for (const auto& c : cases) {

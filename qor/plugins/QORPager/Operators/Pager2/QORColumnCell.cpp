@@ -3,6 +3,7 @@
 #include <array>
 #include <string_view>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
@@ -55,7 +56,7 @@ constexpr std::array<AggregatingFunction, 5> aggregatingFunctions{{
 }};
 
 const AggregatingFunction& aggregatingFunction(const std::string& name) {
-    const std::string lowered = toLowerAscii(name);
+    const std::string lowered = toLowerText(name);
     for (const AggregatingFunction& candidate : aggregatingFunctions) {
         if (candidate.name == lowered) return candidate;
     }

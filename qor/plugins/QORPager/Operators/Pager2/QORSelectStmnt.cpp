@@ -2,6 +2,7 @@
 
 #include <cassert>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
@@ -126,16 +127,16 @@ void SelectStmnt::refuseExecution(std::string reason) {
 
 SelectStmnt& SelectStmnt::getSelectStmntByName(const std::string& name) {
     if (name.empty()) return *this;
-    const std::string wanted = toLowerAscii(name);
+    const std::string wanted = toLowerText(name);
     for (SelectStmnt* statement = this; statement != nullptr; statement = statement->m_parent) {
-        if (toLowerAscii(statement->m_viewName) == wanted) return *statement;
+        if (toLowerText(statement->m_viewName) == wanted) return *statement;
     }
     throwException(errFailure, "invalid view \"" + name + "\"", pager2SourcePath, __LINE__);
 }
 
 const SelectStmnt::MetaColumnsMap& SelectStmnt::getTableMeta(const std::string& view) {
     m_views = getMetaTablesMap();
-    const auto found = m_views->find(toLowerAscii(view));
+    const auto found = m_views->find(toLowerText(view));
     if (found == m_views->end()) {
         throwException(errFailure, "invalid view \"" + view + "\"", pager2SourcePath, __LINE__);
     }

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <utility>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORNumbers.h"
@@ -74,10 +75,10 @@ ColumnType typeOfColumn(const std::string& view, const std::string& column, cons
 
 void addColumn(MetaTablesMap& views, const SchemaTable& row) {
     const std::string view = row.viewName->Str();
-    const std::string lowered = toLowerAscii(view);
+    const std::string lowered = toLowerText(view);
     const std::string column = row.name->Str();
     MetaColumn meta;
-    meta.type = typeOfColumn(lowered, column, toLowerAscii(row.type->Str()));
+    meta.type = typeOfColumn(lowered, column, toLowerText(row.type->Str()));
     if (isTextType(meta.type)) meta.length = static_cast<std::uint32_t>(std::max(row.length->value(), 0));
     MetaColumnsMap& columns = views[lowered];
     if (columns.viewName.empty()) columns.viewName = view;
@@ -147,7 +148,7 @@ bool areObjectColumnsValid(const std::string& name, const MetaColumnsMap& view) 
 std::set<std::string, std::less<>> storedColumnsOf(ViewCaches& cache, const std::string& view) {
     const std::lock_guard<std::mutex> lock(cache.metadataMutex);
     if (!cache.metadata) return {};
-    const auto found = cache.metadata->find(toLowerAscii(view));
+    const auto found = cache.metadata->find(toLowerText(view));
     return found == cache.metadata->end() ? std::set<std::string, std::less<>>() : found->second.storedColumns;
 }
 
@@ -184,14 +185,6 @@ std::optional<ColumnType> columnTypeFromName(std::string_view typeName) {
                                            [&](const auto& candidate) { return candidate.first == typeName; });
     if (found == typeNames.end()) return std::nullopt;
     return found->second;
-}
-
-std::string toLowerAscii(std::string_view text) {
-    std::string lowered(text);
-    for (char& letter : lowered) {
-        if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
-    }
-    return lowered;
 }
 
 std::shared_ptr<const MetaTablesMap> SelectStmnt::getMetaTablesMap() {

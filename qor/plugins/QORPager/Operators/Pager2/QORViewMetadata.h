@@ -39,9 +39,6 @@ using MetaTablesMap = std::map<std::string, MetaColumnsMap, std::less<>>;
 /// The column type behind a database's type name in lower case; empty for a name that is not known.
 std::optional<ColumnType> columnTypeFromName(std::string_view typeName);
 
-/// ASCII letters in lower case.
-std::string toLowerAscii(std::string_view text);
-
 namespace test {
 /// Forgets what was learned, as if the process had just started. Only while no request runs.
 void forgetMetadata();

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
@@ -183,7 +184,7 @@ ColumnCell SelectStmnt::funcExpr(QORBinaryIterator it) {
     nextSibling(it);
     const ColumnCell operand = primaryExpr(it);
     expectNoFurther(it, "more than one arguments are not allowed", __LINE__);
-    const std::string function = toLowerAscii(name);
+    const std::string function = toLowerText(name);
     if (function == "upper") return {operand.upper(), true};
     if (function == "lower") return {operand.lower(), true};
     refuse("unsupported function", __LINE__);

@@ -48,14 +48,15 @@ public:
     void setVocabulary(QORPtr<const QORVocMap> vocabulary) { vocCacheLocal()->setVocabulary(std::move(vocabulary)); }
     void useShippedVocabulary() {
         QORVocReader reader;
-        if (!reader.readFile(QOR_PROJECT_DIR "/packaging/vocabulary.xml")) throw std::runtime_error(reader.mistakes().front().reason);
+        if (!reader.readFile(QOR_PROJECT_DIR "/packaging/vocabulary.xml"))
+            throw std::runtime_error(reader.mistakes().front().reason);
         setVocabulary(reader.vocabulary());
     }
 
     ScopedEnvCache envs;
 
 private:
-    TemporaryFolder m_folder;
+    test::TemporaryDirectory m_folder;
 };
 
 /// One client of "pager".

@@ -290,7 +290,7 @@ protected:
                    ") insert into things select i, printf('%0200d', i) from n");
     }
 
-    TemporaryFolder folder;
+    test::TemporaryDirectory folder;
     Pager2Client client;
 };
 

@@ -83,7 +83,7 @@ public:
     }
 
 private:
-    TemporaryFolder m_folder;
+    test::TemporaryDirectory m_folder;
 
 public:
     DirectDatabase direct;
