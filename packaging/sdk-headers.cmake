@@ -36,8 +36,10 @@ set(QOR_SDK_HEADERS
   QORMessage/QORTags.h
   QORMessage/QORXml.h
   rdbmspp/engine/AException.h
+  rdbmspp/engine/ASEngine.h
   rdbmspp/sql/ASAttribute.h
   rdbmspp/sql/ASComparison.h
   rdbmspp/sql/ASCursor.h
   rdbmspp/sql/ASData.h
+  rdbmspp/sql/ASSelect.h
   rdbmspp/pool/QORRdbms.h)

@@ -105,10 +105,6 @@ const ASDialect& ASDialect::of(ASEngine engine) noexcept {
     return engine == ASEngine::PostgreSQL ? postgres : sqlite;
 }
 
-const ASDialect& ASDialect::current() {
-    return of(QORRdbms::instance().engine());
-}
-
 std::string ASDialect::epochSeconds(std::string_view expression) const {
     if (engine == ASEngine::SQLite) return sqliteEpochSeconds(expression);
     return "CAST(floor(extract(epoch FROM " + std::string(expression) + ")) AS bigint)";

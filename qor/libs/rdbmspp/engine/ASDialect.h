@@ -1,5 +1,6 @@
 /// \file
-/// The differences between database engines, in one table. Everything else in this layer is the same for all.
+/// The differences between database engines, in one table. Everything else in this layer is the same for all. Whoever
+/// writes SQL is given the dialect to write it in.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +8,8 @@
 #include <string_view>
 
 #include "QORCommon/QORExport.h"
-#include "rdbmspp/pool/QORRdbms.h"
+#include "rdbmspp/engine/AException.h"
+#include "rdbmspp/engine/ASEngine.h"
 
 namespace QOR {
 
@@ -41,8 +43,6 @@ struct QOR_API ASDialect {
     const char* viewColumns;
 
     static const ASDialect& of(ASEngine engine) noexcept;
-    /// The dialect of the configured database; SQLite's before there is one.
-    static const ASDialect& current();
 
     /// `expression` (a column) as its seconds since the epoch, null where it holds no time.
     std::string epochSeconds(std::string_view expression) const;

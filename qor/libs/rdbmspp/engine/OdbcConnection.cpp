@@ -13,7 +13,7 @@
 #include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/engine/ASFaults.h"
-#include "rdbmspp/sql/ASValue.h"
+#include "rdbmspp/engine/ASValue.h"
 
 namespace QOR {
 

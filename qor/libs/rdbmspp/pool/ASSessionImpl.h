@@ -15,7 +15,6 @@
 #include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/engine/OdbcConnection.h"
 #include "rdbmspp/pool/QORRdbms.h"
-#include "rdbmspp/sql/ASSqlBuilder.h"
 
 namespace QOR {
 
@@ -156,7 +155,7 @@ struct ASSession::Impl {
     ASConnectionSource source;
     OdbcConnection connection;
     const ASDialect* dialect;
-    ASSqlBuilder builder;
+    std::string spareText;  ///< of the last select that was written, whose memory the next one uses
     ASStatementCache<OdbcStatement> selects;
     ASStatementCache<ASStatement> statements;
     void openStreaming();

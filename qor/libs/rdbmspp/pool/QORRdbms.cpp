@@ -23,12 +23,12 @@
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/ASFaults.h"
+#include "rdbmspp/engine/ASValue.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
 #include "rdbmspp/engine/SqliteEngine.h"
 #include "rdbmspp/engine/SqliteTriggers.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
 #include "rdbmspp/pool/ASWriterQueue.h"
-#include "rdbmspp/sql/ASValue.h"
 
 namespace QOR {
 
@@ -260,8 +260,7 @@ void ASStatement::reset() {
 ASSession::Impl::Impl(const ASConnectionSource& from)
     : source(from),
       connection(source.string, source.database),
-      dialect(&ASDialect::of(engineOf(connection.engineName()))),
-      builder(*dialect, ASPurpose::Execution) {
+      dialect(&ASDialect::of(engineOf(connection.engineName()))) {
     setUp(connection);
 }
 
@@ -804,6 +803,10 @@ const ASDatabaseOptions& QORRdbms::options() const {
 
 ASEngine QORRdbms::engine() const {
     return m_impl->engine.load(std::memory_order_relaxed);
+}
+
+const ASDialect& QORRdbms::dialect() const {
+    return ASDialect::of(engine());
 }
 
 bool QORRdbms::isConfigured() const {

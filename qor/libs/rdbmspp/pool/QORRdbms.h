@@ -10,6 +10,7 @@
 
 #include "QORCommon/QORExport.h"
 #include "rdbmspp/engine/AException.h"
+#include "rdbmspp/engine/ASEngine.h"
 
 namespace QOR {
 
@@ -25,10 +26,8 @@ struct ASDatabaseOptions {
     unsigned busyTimeoutMs = 5000;  ///< how long a database that another program has locked is waited for
 };
 
-/// Which engine answers, as the dialect table knows it.
-enum class ASEngine { SQLite, PostgreSQL };
-
 class ASStatement;
+struct ASDialect;
 
 /// A connection in use by one thread. Obtained from a transaction; owned by the pool.
 class QOR_API ASSession {
@@ -105,6 +104,8 @@ public:
     void configure(const ASDatabaseOptions& options);
     const ASDatabaseOptions& options() const;
     ASEngine engine() const;
+    /// How the configured database's SQL is written; SQLite's before there is one.
+    const ASDialect& dialect() const;
     bool isConfigured() const;
     /// How many requests wait for a connection now.
     std::size_t waiting() const;

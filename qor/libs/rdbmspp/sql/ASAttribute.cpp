@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "rdbmspp/engine/AException.h"
 #include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
@@ -25,26 +24,25 @@ ASComparison compare(const ASAttribute& left, Node::Op op, const ASData& right) 
     auto node = std::make_shared<Node>(Node::Kind::Value);
     node->op = op;
     node->first = left;
-    node->value = ASValue::of(right);
+    node->value = valueOf(right);
     return ASComparison(std::move(node));
 }
 
 ASComparison compare(const ASData& left, Node::Op op, const ASData& right) {
     auto node = std::make_shared<Node>(Node::Kind::Values);
     node->op = op;
-    node->value = ASValue::of(left);
-    node->other = ASValue::of(right);
+    node->value = valueOf(left);
+    node->other = valueOf(right);
     return ASComparison(std::move(node));
 }
 
 // Rendered at once, so that a column inside is qualified by what it is tied to now.
 ASAttribute call(const char* function, const ASAttribute& attribute) {
-    ASSqlBuilder builder(ASDialect::current(), ASPurpose::Reading);
-    builder.append(function);
-    builder.append("(");
-    builder.operand(attribute);
-    builder.append(")");
-    return ASAttribute(ASAttribute::Raw::Expression, std::move(builder).takeText());
+    std::string sql = function;
+    sql += '(';
+    appendOperand(sql, attribute);
+    sql += ')';
+    return ASAttribute(ASAttribute::Raw::Expression, std::move(sql));
 }
 
 }  // namespace
@@ -62,6 +60,11 @@ ASAttribute::ASAttribute(Raw kind, std::string sql) : m_impl(std::make_shared<Im
     m_impl->text = std::move(sql);
 }
 
+ASAttribute::ASAttribute(std::shared_ptr<const ASNestedSelect> select) : m_impl(std::make_shared<Impl>()) {
+    m_impl->kind = Impl::Kind::Select;
+    m_impl->nested = std::move(select);
+}
+
 const std::string& ASAttribute::name() const noexcept {
     return m_impl->text;
 }
@@ -73,6 +76,9 @@ bool ASAttribute::isColumn() const noexcept {
 }
 bool ASAttribute::isSelect() const noexcept {
     return m_impl->kind == Impl::Kind::Select;
+}
+const std::shared_ptr<const ASNestedSelect>& ASAttribute::nestedSelect() const noexcept {
+    return m_impl->nested;
 }
 const ASDataPtr& ASAttribute::data() const noexcept {
     return m_impl->data;
@@ -91,10 +97,11 @@ void ASAttribute::Register(ASDomainPtr domain) {
 }
 
 std::string ASAttribute::Query() const {
+    if (m_impl->nested) return m_impl->nested->Query();
     if (!isColumn()) return m_impl->text;
-    ASSqlBuilder builder(ASDialect::current(), ASPurpose::Reading);
-    builder.column(*this);
-    return std::move(builder).takeText();
+    std::string sql;
+    appendColumn(sql, *this);
+    return sql;
 }
 
 ASComparison ASAttribute::Like(const ASAttribute& attribute, std::string_view pattern, char escape) {
@@ -125,6 +132,14 @@ ASComparison ASAttribute::In(const ASAttribute& attribute, std::string_view list
     auto node = std::make_shared<Node>(Node::Kind::In);
     node->first = attribute;
     node->value = ASValue::ofText(list);
+    return ASComparison(std::move(node));
+}
+
+ASComparison ASAttribute::In(const ASAttribute& attribute, const ASAttribute& select) {
+    if (!select.nestedSelect()) return In(attribute, select.name());
+    auto node = std::make_shared<Node>(Node::Kind::In);
+    node->first = attribute;
+    node->second = select;
     return ASComparison(std::move(node));
 }
 
@@ -222,7 +237,11 @@ ASGroupAttribute::Function ASGroupAttribute::function() const noexcept {
 }
 
 std::string ASGroupAttribute::Query() const {
-    ASSqlBuilder builder(ASDialect::current(), ASPurpose::Reading);
+    return Query(ASDialect::of(ASEngine::SQLite));
+}
+
+std::string ASGroupAttribute::Query(const ASDialect& dialect) const {
+    ASSqlBuilder builder(dialect, ASPurpose::Reading);
     builder.aggregate(*this);
     return std::move(builder).takeText();
 }

@@ -15,6 +15,9 @@
 
 namespace QOR {
 
+struct ASDialect;
+class ASNestedSelect;
+
 /// A view or table that is selected from. Immutable and shared.
 class QOR_API ASDomain {
 public:
@@ -64,11 +67,15 @@ public:
     ASAttribute(std::string column, ASType type);
     /// SQL that this program wrote. \param sql never text of a client
     ASAttribute(Raw kind, std::string sql);
+    /// A select in the place of an operand. \param select never null
+    explicit ASAttribute(std::shared_ptr<const ASNestedSelect> select);
 
     const std::string& name() const noexcept;
     ASType type() const noexcept;
     bool isColumn() const noexcept;
     bool isSelect() const noexcept;
+    /// Null for what is no select, and for one that is text.
+    const std::shared_ptr<const ASNestedSelect>& nestedSelect() const noexcept;
 
     /// Binds a receiver to the column and ties the column to its domain. Copies made before share the effect.
     void Register(ASDataPtr data, ASDomainPtr domain);
@@ -77,7 +84,7 @@ public:
     const ASDataPtr& data() const noexcept;
     const ASDomainPtr& domain() const noexcept;
 
-    /// The expression as SQL text.
+    /// The expression as SQL text, which is the same in every dialect.
     std::string Query() const;
 
     /// `pattern`: '%' any run of characters, '_' any one; ASCII letters match in either case. `escape` 0: none.
@@ -86,6 +93,8 @@ public:
     static ASComparison Between(const ASAttribute& attribute, const ASAttribute& low, const ASAttribute& high);
     /// `list`: SQL of the items, joined with ", "; or of one select. Written by this program from quoted literals.
     static ASComparison In(const ASAttribute& attribute, std::string_view list);
+    /// \param select an attribute that is one
+    static ASComparison In(const ASAttribute& attribute, const ASAttribute& select);
     static ASComparison IsNull(const ASAttribute& attribute);
     static ASAttribute Lower(const ASAttribute& attribute);
     static ASAttribute Upper(const ASAttribute& attribute);
@@ -129,7 +138,9 @@ public:
     const ASDataPtr& data() const noexcept;
     const ASDomainPtr& domain() const noexcept;
     Function function() const noexcept;
+    /// The aggregate as SQL text; without a dialect, as SQLite has it.
     std::string Query() const;
+    std::string Query(const ASDialect& dialect) const;
 
 private:
     friend class ASSqlBuilder;

@@ -51,7 +51,11 @@ ASComparison::ASComparison(std::string sql) {
 }
 
 std::string ASComparison::Query() const {
-    ASSqlBuilder builder(ASDialect::current(), ASPurpose::Reading);
+    return Query(ASDialect::of(ASEngine::SQLite));
+}
+
+std::string ASComparison::Query(const ASDialect& dialect) const {
+    ASSqlBuilder builder(dialect, ASPurpose::Reading);
     builder.condition(*this);
     return std::move(builder).takeText();
 }

@@ -9,6 +9,8 @@
 
 namespace QOR {
 
+struct ASDialect;
+
 /// A condition over rows, or none (default-constructed). "a && none" is a; "!none" is none.
 /// Rendered so that every engine takes it: chains of one operator stand flat, a not of a not is the condition itself.
 class QOR_API ASComparison {
@@ -18,8 +20,9 @@ public:
     explicit ASComparison(std::string sql);
 
     bool empty() const noexcept { return m_node == nullptr; }
-    /// The condition as SQL text, values as literals; "" for none.
+    /// The condition as SQL text, values as literals; "" for none. Without a dialect, as SQLite has it.
     std::string Query() const;
+    std::string Query(const ASDialect& dialect) const;
 
     /// Take their left side by value: move it in, and a chain grows in place.
     friend QOR_API ASComparison operator&&(ASComparison left, const ASComparison& right);

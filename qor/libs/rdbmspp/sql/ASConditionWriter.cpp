@@ -23,8 +23,8 @@ constexpr Index none = UINT32_MAX;
 constexpr Index groupSize = 100;
 // Beside a deep part, fewer do: every level of it has the terms of its chain on top.
 constexpr Index turnedGroupSize = 8;
-// What the natural order may cost the parser before the condition is turned. A select that is nested in another gives
-// its text away without knowing how deep it will stand, so it stays modest.
+// What the natural order may cost the parser before the condition is turned. A select that is nested in another does
+// not know how deep it will stand, so it stays modest.
 constexpr std::size_t naturalDepth = 24;
 // A condition that shares its parts could otherwise grow without bound when it is laid out.
 constexpr std::size_t maxTerms = 5'000'000;
@@ -65,7 +65,9 @@ struct Part {
 };
 
 std::size_t depthOf(const ASAttribute& operand) {
-    return operand.isColumn() ? costOfColumn : costOfBracket + parserDepthOf(operand.name());
+    if (operand.isColumn()) return costOfColumn;
+    const auto& select = operand.nestedSelect();
+    return costOfBracket + (select ? select->parserDepth() : parserDepthOf(operand.name()));
 }
 
 // Operands are read one after the other; what was read of the comparison before one is held meanwhile.
@@ -332,6 +334,7 @@ void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
             break;
         case Node::Kind::In:
             if (node.opaque) return writeOpaqueIn(b, node);
+            if (node.second) return b.in(*node.first, *node.second->nestedSelect(), negated);
             if (node.untyped) b.append(b.dialect().untyped);
             b.in(*node.first, node.value.text, negated);
             break;

@@ -3,14 +3,12 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <optional>
 #include <utility>
 #include <vector>
 
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
 #include "rdbmspp/sql/ASNodes.h"
-#include "rdbmspp/sql/ASRestriction.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
 
 namespace QOR {
@@ -83,35 +81,6 @@ bool ASCursor::isDocument(const ASData& data) noexcept {
            (data.type() == ASType::VarChar && static_cast<const ASVStr&>(data).capacity() <= 1);
 }
 
-ASProject& ASProject::operator<<(const ASAttribute& attribute) {
-    m_items.push_back(std::make_shared<const Item>(Item{attribute, std::nullopt}));
-    return *this;
-}
-
-ASProject& ASProject::operator<<(const ASGroupAttribute& attribute) {
-    m_items.push_back(std::make_shared<const Item>(Item{std::nullopt, attribute}));
-    return *this;
-}
-
-ASProject& ASFilter::Project() {
-    m_project = ASProject();
-    return m_project;
-}
-
-ASProject& ASFilter::DistinctProject() {
-    m_project = ASProject();
-    m_project.m_distinct = true;
-    return m_project;
-}
-
-void ASFilter::Set(const ASComparison& condition) {
-    m_condition = condition;
-}
-
-void ASFilter::Restrict(const ASComparison& access) {
-    m_access = access;
-}
-
 struct ASCursor::Impl {
     struct Column {
         ASData* data;
@@ -127,15 +96,11 @@ struct ASCursor::Impl {
     void bind(const ASProject& project);
     void take(std::size_t index);
     bool isOneRow() const;
-    std::string query(ASPurpose purpose) const;
     bool holdsDocuments() const;
 
     ASSession& session;
-    ASFilter filter;
+    ASSelect select;
     ASComparison where;  ///< what is run; the parameters point into it
-    std::int32_t limit = 0;
-    std::int32_t offset = 0;
-    std::optional<ASOrder> order;
     ASStatementLease statement;
     std::vector<Column> columns;
     std::int64_t amount = 0;
@@ -146,17 +111,8 @@ ASCursor::ASCursor(ASSession& session) : m_impl(std::make_unique<Impl>(session))
 
 ASCursor::~ASCursor() = default;
 
-ASFilter& ASCursor::Filter() noexcept {
-    return m_impl->filter;
-}
-
-void ASCursor::Limit(std::int32_t size, std::int32_t offset) {
-    m_impl->limit = size;
-    m_impl->offset = offset > 0 ? offset : 0;
-}
-
-void ASCursor::Order(const ASOrder& order) {
-    m_impl->order = order;
+ASSelect& ASCursor::Select() noexcept {
+    return m_impl->select;
 }
 
 bool ASCursor::Fetch() {
@@ -175,17 +131,7 @@ std::int64_t ASCursor::GetAmount() const noexcept {
 }
 
 std::string ASCursor::Query() const {
-    return m_impl->query(ASPurpose::Reading);
-}
-
-std::string ASCursor::NestedQuery() const {
-    return m_impl->query(ASPurpose::Nested);
-}
-
-std::string ASCursor::Impl::query(ASPurpose purpose) const {
-    ASSqlBuilder builder(*session.impl().dialect, purpose);
-    builder.select(filter, restricted(filter.m_access, filter.m_condition), limit, offset, order);
-    return std::move(builder).takeText();
+    return m_impl->select.Query(*m_impl->session.impl().dialect);
 }
 
 bool ASCursor::Impl::next() {
@@ -217,21 +163,24 @@ void ASCursor::Impl::run() {
 void ASCursor::Impl::start(bool exactSums) {
     auto& s = session.impl();
     // Sums are all there before the first row is handed out, so that they can be taken again.
-    const bool streams = s.isLong() || (s.mayStream() && isLong(limit, holdsDocuments()) && !isOneRow() && !adds());
-    s.builder.reset(streams ? ASPurpose::Streaming : ASPurpose::Execution, exactSums);
-    where = restricted(filter.m_access, filter.m_condition);
-    s.builder.select(filter, where, limit, offset, order);
-    auto running = streams ? s.leaseStreaming(s.builder.text()) : s.lease(s.builder.text());
-    const auto& values = s.builder.parameters();
+    const bool streams =
+        s.isLong() || (s.mayStream() && isLong(select.m_limit, holdsDocuments()) && !isOneRow() && !adds());
+    ASSqlBuilder builder(*s.dialect, streams ? ASPurpose::Streaming : ASPurpose::Execution, exactSums,
+                         std::move(s.spareText));
+    where = select.where();
+    builder.select(select, where);
+    auto running = streams ? s.leaseStreaming(builder.text()) : s.lease(builder.text());
+    const auto& values = builder.parameters();
     for (std::size_t i = 0; i < values.size(); ++i)
         running->set(i, *values[i]);
+    s.spareText = std::move(builder).takeText();
     statement = std::move(running);
-    bind(filter.m_project);
+    bind(select.m_filter.m_project);
     statement->execute();
 }
 
 bool ASCursor::Impl::adds() const {
-    const auto& items = filter.m_project.m_items;
+    const auto& items = select.m_filter.m_project.m_items;
     return std::any_of(items.begin(), items.end(), [](const auto& item) {
         return item->group && item->group->function() == ASGroupAttribute::Function::Sum;
     });
@@ -239,12 +188,12 @@ bool ASCursor::Impl::adds() const {
 
 // Aggregates alone: their values are the statement's to reuse, and nothing is gained by streaming.
 bool ASCursor::Impl::isOneRow() const {
-    const auto& items = filter.m_project.m_items;
+    const auto& items = select.m_filter.m_project.m_items;
     return std::all_of(items.begin(), items.end(), [](const auto& item) { return item->group.has_value(); });
 }
 
 bool ASCursor::Impl::holdsDocuments() const {
-    const auto& items = filter.m_project.m_items;
+    const auto& items = select.m_filter.m_project.m_items;
     return std::any_of(items.begin(), items.end(), [](const auto& item) {
         const ASData* const data = item->data();
         return data != nullptr && isDocument(*data);
@@ -278,8 +227,8 @@ void ASCursor::Impl::take(std::size_t index) {
         if (isBeyond64Bits(stored)) {
             throw AException(std::string("a sum is beyond 64 bits of ") + session.impl().dialect->name);
         }
-        throw AException(column.sum->Query() + " is " + std::string(stored) + ", which is no integer of " +
-                         (column.data->type() == ASType::Int ? "32" : "64") + " bits");
+        throw AException(column.sum->Query(*session.impl().dialect) + " is " + std::string(stored) +
+                         ", which is no integer of " + (column.data->type() == ASType::Int ? "32" : "64") + " bits");
     }
 }
 

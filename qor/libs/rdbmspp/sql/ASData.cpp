@@ -7,10 +7,8 @@
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
-#include "rdbmspp/engine/AException.h"
-#include "rdbmspp/engine/ASDialect.h"
+#include "rdbmspp/engine/ASValue.h"
 #include "rdbmspp/sql/ASNodes.h"
-#include "rdbmspp/sql/ASValue.h"
 
 namespace QOR {
 
@@ -65,9 +63,9 @@ std::string ASData::Str() const {
     return std::string(text(scratch));
 }
 
-std::string ASData::asSQLLiteral() const {
+std::string ASData::asSQLLiteral(const ASDialect& dialect) const {
     std::string out;
-    ASValue::of(*this).appendLiteral(out, ASDialect::current());
+    valueOf(*this).appendLiteral(out, dialect);
     return out;
 }
 
@@ -209,97 +207,34 @@ void ASTime::take(std::string_view stored) {
     m_state = seconds ? State::Value : State::Raw;
 }
 
-ASValue ASValue::ofText(std::string_view text) {
-    ASValue value;
-    value.kind = Kind::Text;
-    value.text = text;
-    return value;
-}
-
-ASValue ASValue::ofInteger(std::int64_t number) {
-    ASValue value;
-    value.kind = Kind::Integer;
-    value.integer = number;
-    return value;
-}
-
-ASValue ASValue::of(const ASData& data) {
+ASValue valueOf(const ASData& data) {
     if (data.isNull()) return {};
     ASTextBuffer scratch;
-    if (data.isRaw()) return ofText(data.text(scratch));
+    if (data.isRaw()) return ASValue::ofText(data.text(scratch));
     switch (data.type()) {
         case ASType::Int:
-            return ofInteger(static_cast<const ASInt&>(data).value());
+            return ASValue::ofInteger(static_cast<const ASInt&>(data).value());
         case ASType::BigInt:
-            return ofInteger(static_cast<const ASInt64&>(data).value());
+            return ASValue::ofInteger(static_cast<const ASInt64&>(data).value());
         case ASType::Double: {
             ASValue value;
-            value.kind = Kind::Real;
+            value.kind = ASValue::Kind::Real;
             value.real = static_cast<const ASDouble&>(data).value();
             return value;
         }
         case ASType::DateTime:
-            return ofText(time2dbstr(static_cast<const ASTime&>(data).value()));
+            return ASValue::ofText(time2dbstr(static_cast<const ASTime&>(data).value()));
         case ASType::Blob: {
-            ASValue value = ofText(data.text(scratch));
-            value.kind = Kind::Binary;
+            ASValue value = ASValue::ofText(data.text(scratch));
+            value.kind = ASValue::Kind::Binary;
             return value;
         }
         case ASType::VarChar:
         case ASType::Char:
         case ASType::Guid:
-            return ofText(data.text(scratch));
+            return ASValue::ofText(data.text(scratch));
     }
     return {};
-}
-
-void ASValue::appendLiteral(std::string& out, const ASDialect& dialect) const {
-    ASTextBuffer scratch;
-    switch (kind) {
-        case Kind::Null:
-            out += "NULL";
-            break;
-        case Kind::Integer:
-            // The smallest number has no literal of its own: its digits alone are one too many.
-            if (integer == INT64_MIN) {
-                out += "(-9223372036854775807 - 1)";
-            } else {
-                out += printTo(scratch, integer);
-            }
-            break;
-        case Kind::Real:
-            if (std::isfinite(real)) {
-                out += doubleToStr(real);
-            } else {
-                out += std::isnan(real) ? "NULL" : real > 0 ? "9e999" : "-9e999";
-            }
-            break;
-        case Kind::Text:
-            appendQuoted(out, text, '\'');
-            break;
-        case Kind::Binary:
-            out += dialect.binaryLiteral(text);
-            break;
-    }
-}
-
-void refuseNul(std::string_view text) {
-    if (text.find('\0') != std::string_view::npos) {
-        throw AException("a text with a NUL byte cannot be sent to the database");
-    }
-}
-
-void appendQuoted(std::string& out, std::string_view text, char quote) {
-    refuseNul(text);
-    out += quote;
-    std::size_t from = 0;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        if (text[at] != quote) continue;
-        out.append(text, from, at + 1 - from);
-        from = at;
-    }
-    out.append(text, from);
-    out += quote;
 }
 
 }  // namespace QOR

@@ -17,6 +17,7 @@ namespace QOR {
 
 class ASAttribute;
 class ASComparison;
+struct ASDialect;
 
 /// Bytes of a binary value. Owns them.
 class RealBlob {
@@ -68,7 +69,7 @@ public:
     std::string Str() const;
 
     /// The value as the statement's text has to hold it: a quoted literal or a number; NULL for null.
-    std::string asSQLLiteral() const;
+    std::string asSQLLiteral(const ASDialect& dialect) const;
 
     /// Takes what the database returned for one row, as text (blobs: as bytes). The bytes stay where they are until
     /// the next fetch. An aggregate's value that is a number of another size than the type's is an AException.

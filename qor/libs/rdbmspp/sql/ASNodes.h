@@ -7,19 +7,23 @@
 #include <string>
 #include <vector>
 
+#include "rdbmspp/engine/ASValue.h"
 #include "rdbmspp/sql/ASAttribute.h"
 #include "rdbmspp/sql/ASComparison.h"
-#include "rdbmspp/sql/ASCursor.h"
-#include "rdbmspp/sql/ASValue.h"
+#include "rdbmspp/sql/ASSelect.h"
 
 namespace QOR {
+
+/// A value as it travels to the database.
+ASValue valueOf(const ASData& data);
 
 struct ASAttribute::Impl {
     enum class Kind : unsigned char { Column, Expression, Select };
 
     Kind kind = Kind::Column;
     ASType type = ASType::VarChar;
-    std::string text;  ///< the column's name, or SQL
+    std::string text;  ///< the column's name, or SQL; of a select only where it is text already
+    std::shared_ptr<const ASNestedSelect> nested;
     ASDataPtr data;
     ASDomainPtr domain;
 };
@@ -46,7 +50,7 @@ struct ASComparison::Node {
         LikeText,       ///< first like value
         LikeAttribute,  ///< first like second
         Between,        ///< first between second and third
-        In,             ///< first in (value.text)
+        In,             ///< first in (value.text), or in the select that second is
         IsNull,         ///< first
     };
     enum class Op : unsigned char { Eq, Ne, Gt, Ge, Lt, Le };

@@ -41,7 +41,7 @@ bool isPlainTerm(const Node& node) {
         case Node::Kind::Between:
             return isStored(*node.first) && isStoredOrLiteral(*node.second) && isStoredOrLiteral(*node.third);
         case Node::Kind::In:
-            return isStored(*node.first) && isLiteralList(node.value.text);
+            return !node.second && isStored(*node.first) && isLiteralList(node.value.text);
         default:
             return false;
     }

@@ -42,53 +42,60 @@ bool hasNoNumber(Function function, ASType type) {
 
 }  // namespace
 
-ASSqlBuilder::ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose) : m_dialect(dialect), m_purpose(purpose) {}
-
-void ASSqlBuilder::reset(ASPurpose purpose, bool exactSums) {
-    m_purpose = purpose;
-    m_exactSums = exactSums;
-    m_text.clear();
-    m_parameters.clear();
+void appendColumn(std::string& out, const ASAttribute& column) {
+    if (const auto& domain = column.domain()) {
+        appendQuoted(out, domain->reference(), '"');
+        out += '.';
+    }
+    appendQuoted(out, column.name(), '"');
 }
 
-void ASSqlBuilder::select(const ASFilter& filter, const ASComparison& where, std::int32_t limit, std::int32_t offset,
-                          const std::optional<ASOrder>& order) {
-    const ASProject& project = filter.m_project;
-    append(project.m_distinct ? "SELECT DISTINCT " : "SELECT ");
-    projection(project);
-    from(project);
+void appendOperand(std::string& out, const ASAttribute& attribute) {
+    if (attribute.isColumn()) return appendColumn(out, attribute);
+    const std::string sql = attribute.Query();
+    const bool brackets = attribute.isSelect() || !isSingleTerm(sql);
+    if (brackets) out += '(';
+    out += sql;
+    if (brackets) out += ')';
+}
+
+ASSqlBuilder::ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose, bool exactSums, std::string spare)
+    : m_dialect(dialect), m_purpose(purpose), m_exactSums(exactSums), m_text(std::move(spare)) {
+    m_text.clear();
+}
+
+void ASSqlBuilder::select(const ASSelect& select, const ASComparison& where) {
+    const ASFilter& filter = select.m_filter;
+    append(filter.m_project.m_distinct ? "SELECT DISTINCT " : "SELECT ");
+    projection(filter.m_project);
+    from(filter.m_project);
     if (!filter.m_condition.empty()) checkCondition(m_dialect, *filter.m_condition.node());
     if (!where.empty()) {
         append(" WHERE ");
         condition(where);
     }
-    groupBy(project);
-    if (order) orderBy(*order);
-    if (limit > 0) page(limit, offset);
+    groupBy(filter.m_project);
+    if (select.m_order) orderBy(*select.m_order);
+    if (select.m_limit > 0) page(select.m_limit, select.m_offset);
+}
+
+// Its values are literals, so that nothing of it has to outlive this.
+void ASSqlBuilder::nested(const ASNestedSelect& nested) {
+    const ASPurpose outer = std::exchange(m_purpose, ASPurpose::Nested);
+    select(nested.select(), nested.select().where());
+    m_purpose = outer;
 }
 
 void ASSqlBuilder::condition(const ASComparison& condition) {
     if (!condition.empty()) writeCondition(*this, *condition.node());
 }
 
-void ASSqlBuilder::column(const ASAttribute& attribute) {
-    if (const auto& domain = attribute.domain()) {
-        identifier(domain->reference());
-        append(".");
-    }
-    identifier(attribute.name());
-}
-
 void ASSqlBuilder::operand(const ASAttribute& attribute) {
-    if (attribute.isColumn()) {
-        column(attribute);
-        return;
-    }
-    const std::string& sql = attribute.name();
-    const bool brackets = attribute.isSelect() || !isSingleTerm(sql);
-    if (brackets) append("(");
-    append(sql);
-    if (brackets) append(")");
+    const auto& select = attribute.nestedSelect();
+    if (!select) return appendOperand(m_text, attribute);
+    append("(");
+    nested(*select);
+    append(")");
 }
 
 void ASSqlBuilder::aggregate(const ASGroupAttribute& attribute) {
@@ -146,10 +153,20 @@ void ASSqlBuilder::value(const ASValue& value) {
     append("?");
 }
 
-void ASSqlBuilder::in(const ASAttribute& attribute, std::string_view list, bool negated) {
+void ASSqlBuilder::openIn(const ASAttribute& attribute, bool negated) {
     operand(attribute);
     append(negated ? " NOT IN (" : " IN (");
+}
+
+void ASSqlBuilder::in(const ASAttribute& attribute, std::string_view list, bool negated) {
+    openIn(attribute, negated);
     append(list);
+    append(")");
+}
+
+void ASSqlBuilder::in(const ASAttribute& attribute, const ASNestedSelect& select, bool negated) {
+    openIn(attribute, negated);
+    nested(select);
     append(")");
 }
 
@@ -217,7 +234,7 @@ void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
 void ASSqlBuilder::projectedAggregate(const ASGroupAttribute& attribute) {
     const auto& data = attribute.data();
     if (isExecuted() && data && data->type() == ASType::Double) {
-        append(m_dialect.exactDouble(isExactSum(attribute) ? exactSum(attribute) : attribute.Query()));
+        append(m_dialect.exactDouble(isExactSum(attribute) ? exactSum(attribute) : attribute.Query(m_dialect)));
     } else {
         aggregate(attribute);
     }

@@ -9,10 +9,15 @@
 #include <vector>
 
 #include "rdbmspp/engine/ASDialect.h"
-#include "rdbmspp/sql/ASCursor.h"
-#include "rdbmspp/sql/ASValue.h"
+#include "rdbmspp/engine/ASValue.h"
+#include "rdbmspp/sql/ASSelect.h"
 
 namespace QOR {
+
+/// A column, qualified where it belongs to a domain.
+void appendColumn(std::string& out, const ASAttribute& column);
+/// An attribute where an operand stands: a select, or SQL that would fall apart there, in brackets.
+void appendOperand(std::string& out, const ASAttribute& attribute);
 
 /// What a text is written for.
 enum class ASPurpose : unsigned char {
@@ -27,26 +32,26 @@ enum class ASPurpose : unsigned char {
 /// point into the conditions rendered, which must outlive their use. Used by one thread.
 class ASSqlBuilder {
 public:
-    ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose);
-    /// Starts again, keeping the memory. \param exactSums sums that do not fail on numbers which add up beyond 64 bits
-    /// on the way or in the end; they cost several times as much
-    void reset(ASPurpose purpose, bool exactSums = false);
+    /// \param exactSums sums that do not fail on numbers which add up beyond 64 bits on the way or in the end; they
+    /// cost several times as much \param spare a text whose memory is used
+    ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose, bool exactSums = false, std::string spare = {});
 
     /// A whole select. \throws AException when nothing with a domain is projected, or the engine cannot take it
-    /// \param where the filter's condition, restricted as the filter says
-    void select(const ASFilter& filter, const ASComparison& where, std::int32_t limit, std::int32_t offset,
-                const std::optional<ASOrder>& order);
+    /// \param where the select's condition, restricted as it says
+    void select(const ASSelect& select, const ASComparison& where);
+    /// A select that stands in another one's condition.
+    void nested(const ASNestedSelect& nested);
     /// A condition; nothing for none.
     void condition(const ASComparison& condition);
 
     void append(std::string_view sql) { m_text += sql; }
-    void column(const ASAttribute& attribute);
-    /// An attribute where an operand stands: a select, or SQL that would fall apart there, in brackets.
+    void column(const ASAttribute& attribute) { appendColumn(m_text, attribute); }
     void operand(const ASAttribute& attribute);
     void aggregate(const ASGroupAttribute& attribute);
     void value(const ASValue& value);
     void identifier(std::string_view name) { appendQuoted(m_text, name, '"'); }
     void in(const ASAttribute& attribute, std::string_view list, bool negated);
+    void in(const ASAttribute& attribute, const ASNestedSelect& select, bool negated);
     void like(const ASAttribute& attribute, const ASAttribute* column, const ASValue& pattern, char escape,
               bool negated);
 
@@ -68,10 +73,11 @@ private:
     void groupBy(const ASProject& project);
     void orderBy(const ASOrder& order);
     void page(std::int32_t limit, std::int32_t offset);
+    void openIn(const ASAttribute& attribute, bool negated);
 
     const ASDialect& m_dialect;
     ASPurpose m_purpose;
-    bool m_exactSums = false;
+    bool m_exactSums;
     std::string m_text;
     std::vector<const ASValue*> m_parameters;
     ASValue m_limit;

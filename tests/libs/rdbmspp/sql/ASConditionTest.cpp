@@ -4,6 +4,7 @@
 #include <random>
 
 #include "libs/rdbmspp/DatabaseFixture.h"
+#include "rdbmspp/engine/ASDialect.h"
 
 namespace QOR::test {
 namespace {
@@ -157,20 +158,35 @@ TEST_F(ASCondition, WideChainsAtEveryOfFortyLevelsAreTaken) {
 }
 
 TEST_F(ASCondition, NestedSelectsAreTakenAsDeepAsTheEngineDoes) {
-    QORRdbmsTran transaction(ASAccess::ReadOne);
+    const ASDialect& dialect = ASDialect::of(ASEngine::SQLite);
     ASComparison condition = is(3);
+    ASComparison ofTexts = is(3);
     for (int level = 0; level < 10; ++level) {
-        ASCursor inner(*transaction);
+        ASSelect inner;
         inner.Filter().Project() << a.attribute;
         inner.Filter().Set(condition);
-        condition = ASAttribute::In(a.attribute, inner.Query());
+        condition = ASAttribute::In(a.attribute, ASAttribute(std::make_shared<const ASNestedSelect>(inner, dialect)));
+        inner.Filter().Set(ofTexts);
+        ofTexts = ASAttribute::In(a.attribute, inner.Query(dialect));
     }
-    ASCursor cursor(*transaction);
-    cursor.Filter().Project() << b.attribute;
-    cursor.Filter().Set(condition);
-    ASSERT_TRUE(cursor.Fetch());
-    EXPECT_EQ(b.data->Str(), "name3");
-    EXPECT_FALSE(cursor.Fetch());
+    EXPECT_EQ(condition.Query(), ofTexts.Query());
+    for (const ASComparison& each : {condition, ofTexts})
+        EXPECT_EQ(select(b.attribute, each), std::vector<std::string>{"name3"});
+}
+
+TEST_F(ASCondition, NestedSelectsThatAreTooDeepAreRefusedInOurWords) {
+    const auto nest = [&](int levels) {
+        ASComparison condition = is(3);
+        for (int level = 0; level < levels; ++level) {
+            ASSelect inner;
+            inner.Filter().Project() << a.attribute;
+            inner.Filter().Set(condition);
+            condition = ASAttribute::In(a.attribute, ASAttribute(std::make_shared<const ASNestedSelect>(
+                                                         inner, ASDialect::of(ASEngine::SQLite))));
+        }
+        return condition;
+    };
+    EXPECT_EQ(failure([&] { nest(30); }), "the condition is nested too deeply for SQLite");
 }
 
 TEST_F(ASCondition, NestedSelectBelowFortyLevelsIsTaken) {

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "libs/rdbmspp/DatabaseFixture.h"
+#include "rdbmspp/engine/ASDialect.h"
 
 namespace QOR::test {
 namespace {
@@ -100,12 +101,12 @@ TEST(ASData, Literals) {
         {std::make_shared<ASInt>(), "NULL"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(c.data->asSQLLiteral(), c.literal);
+        EXPECT_EQ(c.data->asSQLLiteral(ASDialect::of(ASEngine::SQLite)), c.literal);
 }
 
 TEST(ASData, NulByteIsRefusedInLiterals) {
     const ASVStr text(10, std::string_view("a\0b", 3));
-    EXPECT_THROW(text.asSQLLiteral(), AException);
+    EXPECT_THROW(text.asSQLLiteral(ASDialect::of(ASEngine::SQLite)), AException);
     EXPECT_THROW(ASSession::quoteIdentifier(std::string_view("a\0b", 3)), AException);
 }
 

@@ -1,5 +1,6 @@
 // The SQL that is written, word for word.
 #include "libs/rdbmspp/DatabaseFixture.h"
+#include "rdbmspp/engine/ASDialect.h"
 
 namespace QOR::test {
 namespace {
@@ -145,6 +146,65 @@ TEST_F(ASSqlText, Selects) {
                   c.Filter().Project() << other;
               }),
               R"(SELECT "w"."a" FROM "v" AS "w")");
+}
+
+TEST_F(ASSqlText, IsWrittenInTheDialectThatIsPassedWhateverDatabaseIsOpen) {
+    const ASDialect& sqlite = ASDialect::of(ASEngine::SQLite);
+    const ASDialect& postgres = ASDialect::of(ASEngine::PostgreSQL);
+    const ASComparison like = ASAttribute::Like(b.attribute, "a%", 0);
+    EXPECT_EQ(like.Query(sqlite), R"("v"."b" LIKE 'a%')");
+    EXPECT_EQ(like.Query(postgres), R"("v"."b" ILIKE 'a%' ESCAPE '')");
+    const ASGroupAttribute oldest(ASGroupAttribute::Function::Min, w.attribute);
+    EXPECT_EQ(oldest.Query(postgres), R"(min(CAST(floor(extract(epoch FROM "v"."w")) AS bigint)))");
+    const ASRealBlob bytes(RealBlob("A", 1));
+    EXPECT_EQ(bytes.asSQLLiteral(sqlite), "x'41'");
+    EXPECT_EQ(bytes.asSQLLiteral(postgres), R"('\x41')");
+    ASSelect select;
+    select.Filter().Project() << b.attribute;
+    select.Filter().Set(like);
+    select.Order(ASOrder(b.attribute));
+    EXPECT_EQ(select.Query(sqlite), R"(SELECT "v"."b" FROM "v" WHERE "v"."b" LIKE 'a%' ORDER BY "v"."b")");
+    EXPECT_EQ(select.Query(postgres), R"(SELECT "v"."b" FROM "v" WHERE "v"."b" ILIKE 'a%' ESCAPE '')"
+                                      R"( ORDER BY "v"."b" COLLATE "C" NULLS FIRST)");
+}
+
+TEST_F(ASSqlText, NestedSelectsAreWrittenWhereTheyStandInTheDialectOfTheWhole) {
+    for (const ASEngine engine : {ASEngine::SQLite, ASEngine::PostgreSQL}) {
+        const ASDialect& dialect = ASDialect::of(engine);
+        ASSelect inner;
+        ASGroupAttribute sum(ASGroupAttribute::Function::Sum, a.attribute);
+        sum.Register(std::make_shared<ASInt64>(), v);
+        inner.Filter().Project() << sum;
+        inner.Filter().Set(ASAttribute::Like(b.attribute, "a%", 0));
+        inner.Limit(3, 1);
+        const auto nested = std::make_shared<const ASNestedSelect>(inner, dialect);
+        const std::string text = nested->Query();
+        EXPECT_NE(text.find(dialect.like), std::string::npos) << text;
+        EXPECT_NE(text.find(dialect.wholeSum(a.attribute.Query())), std::string::npos) << text;
+        EXPECT_TRUE(text.ends_with(" LIMIT 3 OFFSET 1")) << text;
+        const ASAttribute operand(nested);
+        EXPECT_EQ(operand.Query(), text);
+        EXPECT_EQ((operand == ASInt(5)).Query(dialect), "(" + text + ") = 5");
+        const ASComparison in = ASAttribute::In(a.attribute, operand);
+        EXPECT_EQ(in.Query(dialect), R"("v"."a" IN ()" + text + ")");
+        EXPECT_EQ(ASAttribute::In(a.attribute, ASAttribute(ASAttribute::Raw::Select, "SELECT 1")).Query(dialect),
+                  R"("v"."a" IN (SELECT 1))");
+        ASSelect outer;
+        outer.Filter().Project() << a.attribute;
+        outer.Filter().Set(in);
+        outer.Limit(20, 40);
+        EXPECT_EQ(outer.Query(dialect),
+                  R"(SELECT "v"."a" FROM "v" WHERE "v"."a" IN ()" + text + ") LIMIT 20 OFFSET 40");
+    }
+}
+
+TEST_F(ASSqlText, ANestedSelectThatTheEngineCannotTakeIsRefusedAsItIsMade) {
+    ASSelect select;
+    select.Filter().Project() << b.attribute;
+    select.Filter().Set(ASAttribute::Like(b.attribute, std::string(50001, '%'), 0));
+    EXPECT_EQ(failure([&] { ASNestedSelect(select, ASDialect::of(ASEngine::SQLite)); }),
+              "a pattern of LIKE has 50001 bytes; SQLite takes 50000");
+    EXPECT_NO_THROW(ASNestedSelect(select, ASDialect::of(ASEngine::PostgreSQL)));
 }
 
 TEST_F(ASSqlText, SelectWithoutViewOrColumnsIsRefused) {

@@ -85,9 +85,9 @@ ColumnCell::ColumnCell(ASDomainPtr domain, const std::string& column, const std:
     m_data->Bind(*m_attribute);
 }
 
-ColumnCell::ColumnCell(std::string text, bool isSql, ASAttribute::Raw kind) {
+ColumnCell::ColumnCell(std::string text, bool isSql) {
     if (isSql) {
-        m_attribute.emplace(kind, std::move(text));
+        m_attribute.emplace(ASAttribute::Raw::Expression, std::move(text));
     } else {
         m_value = std::move(text);
     }
@@ -122,6 +122,7 @@ ASComparison ColumnCell::between(const ColumnCell& low, const ColumnCell& high) 
 }
 
 ASComparison ColumnCell::inOne(const ColumnCell& item) const {
+    if (item.m_attribute && item.m_attribute->isSelect()) return ASAttribute::In(getAttrValue(), *item.m_attribute);
     return ASAttribute::In(getAttrValue(), item.asSQLString());
 }
 

@@ -3,14 +3,17 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "QORPager/Operators/Pager2/QORViewMetadata.h"
 #include "rdbmspp/sql/ASAttribute.h"
 #include "rdbmspp/sql/ASComparison.h"
 #include "rdbmspp/sql/ASData.h"
+#include "rdbmspp/sql/ASSelect.h"
 
 namespace QOR {
 
@@ -24,8 +27,10 @@ public:
     ColumnCell(ASDomainPtr domain, const std::string& column, const std::string& displayName, ColumnType type,
                std::uint32_t length, const std::string& function);
     /// A literal of the request, which has no type of its own: it takes that of what it is compared with. Or, when
-    /// `isSql`, SQL that this program wrote, of the given kind.
-    ColumnCell(std::string text, bool isSql, ASAttribute::Raw kind = ASAttribute::Raw::Expression);
+    /// `isSql`, an expression that this program wrote.
+    ColumnCell(std::string text, bool isSql);
+    /// A nested select, never null.
+    explicit ColumnCell(std::shared_ptr<const ASNestedSelect> select) : m_attribute(std::in_place, std::move(select)) {}
 
     ASComparison eq(const ColumnCell& other) const;
     ASComparison ne(const ColumnCell& other) const;

@@ -32,7 +32,12 @@ void SelectStmnt::prepareAccessCheck(QORRdbmsTran&) const {
 }
 
 void SelectStmnt::prepareCursor(ASCursor& cursor) const {
-    ASProject& projection = m_distinct ? cursor.Filter().DistinctProject() : cursor.Filter().Project();
+    cursor.Select() = toSelect();
+}
+
+ASSelect SelectStmnt::toSelect() const {
+    ASSelect select;
+    ASProject& projection = m_distinct ? select.Filter().DistinctProject() : select.Filter().Project();
     for (const auto& [key, cell] : m_outputFields) {
         if (cell.getAggrAttr()) {
             projection << *cell.getAggrAttr();
@@ -40,14 +45,15 @@ void SelectStmnt::prepareCursor(ASCursor& cursor) const {
             projection << *cell.getAttr();
         }
     }
-    restrict(cursor.Filter());
-    if (m_pageSize > 0) cursor.Limit(m_pageSize, std::max(m_firstRow, 0));
-    if (m_sortColumns.empty()) return;
+    restrict(select.Filter());
+    if (m_pageSize > 0) select.Limit(m_pageSize, std::max(m_firstRow, 0));
+    if (m_sortColumns.empty()) return select;
     auto entry = m_sortColumns.begin();
     ASOrder order = orderOf(entry->second.first, entry->second.second);
     for (++entry; entry != m_sortColumns.end(); ++entry)
         order << orderOf(entry->second.first, entry->second.second);
-    cursor.Order(order);
+    select.Order(order);
+    return select;
 }
 
 /// Rows and their count see one state of the database; rows alone see one in any case. Sums are read as a whole, since
@@ -129,10 +135,7 @@ bool SelectStmnt::countUnlimited(ASSession& database, std::int64_t& total) const
 }
 
 std::string SelectStmnt::asSQLString() const {
-    QORRdbmsTran transaction(ASAccess::ReadOne);
-    ASCursor cursor(*transaction);
-    prepareCursor(cursor);
-    return m_parent == nullptr ? cursor.Query() : cursor.NestedQuery();
+    return m_parent == nullptr ? toSelect().Query(m_dialect) : ASNestedSelect(toSelect(), m_dialect).Query();
 }
 
 }  // namespace QOR

@@ -19,7 +19,8 @@ constexpr const char* securableObjectColumn = "securableObjId";
 
 }  // namespace
 
-SelectStmnt::SelectStmnt(QORBinaryIterator it, SelectStmnt* parent) : m_parent(parent) {
+SelectStmnt::SelectStmnt(QORBinaryIterator it, SelectStmnt* parent)
+    : m_parent(parent), m_dialect(parent != nullptr ? parent->m_dialect : QORRdbms::instance().dialect()) {
     if (it.curID() != tag::select) refuse("select is absent", __LINE__);
     m_countWanted = it.seekPresence(tag::statistics) == 0;
     m_distinct = it.seekPresence(tag::distinct) == 0;

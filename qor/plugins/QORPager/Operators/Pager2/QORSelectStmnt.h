@@ -45,6 +45,7 @@ public:
     std::string asSQLString() const;
     /// Projection, condition, limit and order.
     void prepareCursor(ASCursor& cursor) const;
+    ASSelect toSelect() const;
     /// Counts the matching rows without limit. \returns false when the count gave no row
     bool countUnlimited(ASSession& database, std::int64_t& total) const;
 
@@ -132,6 +133,7 @@ private:
     void writeCounts(QORBinaryIterator& out, ASSession& database, const ASCursor& cursor) const;
 
     SelectStmnt* m_parent;
+    const ASDialect& m_dialect;  ///< that of the database when the outermost statement was read
     bool m_countWanted = false;
     bool m_distinct = false;
     int m_pageSize = 0;

@@ -195,7 +195,7 @@ ColumnCell SelectStmnt::selectExpr(const QORBinaryIterator& it) {
     const std::size_t fields = nested.m_outputFields.size();
     // No select can be compared with an operand then, but what else is wrong with the request is said first.
     if (fields != 1) refuseExecution("a nested select must have one field, it has " + std::to_string(fields));
-    return {nested.asSQLString(), true, ASAttribute::Raw::Select};
+    return ColumnCell(std::make_shared<const ASNestedSelect>(nested.toSelect(), m_dialect));
 }
 
 }  // namespace QOR

@@ -189,6 +189,21 @@ INSTANTIATE_TEST_SUITE_P(
             true}),
     [](const auto& tested) { return std::string(tested.param.name); });
 
+TEST_F(Values, AStatementIsReadAndWrittenWithoutAConnection) {
+    const QORClientContextScope scope(restricted({{0, 1, QOREID(*QORGUIDBase::parse(guidA))}}));
+    QORMessage request;
+    readElement(
+        R"(["select",[["view","vSecurePair"],["field","title"],["where",[["in",[["field","title"],)"
+        R"(["select",[["view","vSecure"],["field","title"],["where",[["like",[["field","title"],["value","a%"]]]]]]]]]]]]])",
+        request);
+    QORBinaryIterator it = request.root();
+    it.firstChild();
+    const std::string sql = SelectStmnt(it, nullptr).asSQLString();
+    QORRdbms::instance().shutdown();
+    EXPECT_EQ(SelectStmnt(it, nullptr).asSQLString(), sql);
+    database.reopen();
+}
+
 // ---- the handler ----------------------------------------------------------------------------------------------------
 
 TEST_F(Values, HandlerRefusesMissingCursors) {

@@ -8,7 +8,6 @@
 
 namespace QOR {
 
-class ASData;
 struct ASDialect;
 
 /// Times and GUIDs travel as texts in the form in which the database keeps them.
@@ -20,7 +19,6 @@ struct ASValue {
     double real = 0;
     std::string text;
 
-    static ASValue of(const ASData& data);
     static ASValue ofText(std::string_view text);
     static ASValue ofInteger(std::int64_t value);
 

@@ -1,0 +1,99 @@
+/// \file
+/// ASSelect: one select over one domain, as a value. ASProject is what it selects, ASFilter that and its condition.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "QORCommon/QORExport.h"
+#include "rdbmspp/sql/ASAttribute.h"
+#include "rdbmspp/sql/ASComparison.h"
+
+namespace QOR {
+
+struct ASDialect;
+
+/// The list of what is selected. `project << a << b`. Plain columns beside aggregates are grouped by.
+class QOR_API ASProject {
+public:
+    ASProject& operator<<(const ASAttribute& attribute);
+    ASProject& operator<<(const ASGroupAttribute& attribute);
+
+private:
+    friend class ASFilter;
+    friend class ASSqlBuilder;
+    friend class ASCursor;
+    struct Item;
+    std::vector<std::shared_ptr<const Item>> m_items;
+    bool m_distinct = false;
+};
+
+class QOR_API ASFilter {
+public:
+    /// Starts an empty projection, without or with removal of equal rows.
+    ASProject& Project();
+    ASProject& DistinctProject();
+    /// Replaces the condition.
+    void Set(const ASComparison& condition);
+    /// Replaces what restricts the rows; none: all. Rows outside are not there for whatever is selected: the condition
+    /// is asked of none of them, so that no failure of it tells of them.
+    void Restrict(const ASComparison& access);
+
+private:
+    friend class ASSqlBuilder;
+    friend class ASCursor;
+    friend class ASSelect;
+    ASProject m_project;
+    ASComparison m_condition;
+    ASComparison m_access;
+};
+
+/// Belongs to no connection: it is run by an ASCursor, and written in the dialect that it is given. A value type whose
+/// copies share what they refer to; one thread at a time.
+class QOR_API ASSelect {
+public:
+    ASFilter& Filter() noexcept { return m_filter; }
+    /// At most `size` rows from row `offset` (0-based) on. \param size above 0 \param offset 0 or more
+    void Limit(std::int32_t size, std::int32_t offset);
+    void Order(const ASOrder& order);
+
+    /// The select as SQL text, all values as literals. \throws AException for what the engine cannot take
+    std::string Query(const ASDialect& dialect) const;
+
+private:
+    friend class ASSqlBuilder;
+    friend class ASCursor;
+    /// The condition of the rows that there are.
+    ASComparison where() const;
+
+    ASFilter m_filter;
+    std::int32_t m_limit = 0;
+    std::int32_t m_offset = 0;
+    std::optional<ASOrder> m_order;
+};
+
+/// A select that stands in the condition of another one, where its one column is compared with columns. It is written
+/// where it stands, when the other one is; what that one has to know of it beforehand is found out here. Immutable and
+/// shared.
+class QOR_API ASNestedSelect {
+public:
+    /// \throws AException for what the engine of the dialect cannot take
+    ASNestedSelect(ASSelect select, const ASDialect& dialect);
+
+    const ASSelect& select() const noexcept { return m_select; }
+    /// How many entries of its stack the engine's parser holds at most while it reads the select.
+    std::size_t parserDepth() const noexcept { return m_parserDepth; }
+    /// The select as SQL text, as it stands in the other one's.
+    std::string Query() const;
+
+private:
+    ASSelect m_select;
+    const ASDialect& m_dialect;
+    std::size_t m_parserDepth;
+};
+
+}  // namespace QOR
