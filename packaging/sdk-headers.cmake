@@ -42,4 +42,5 @@ set(QOR_SDK_HEADERS
   rdbmspp/sql/ASCursor.h
   rdbmspp/sql/ASData.h
   rdbmspp/sql/ASSelect.h
+  rdbmspp/sql/ASTable.h
   rdbmspp/pool/QORRdbms.h)

@@ -1,5 +1,6 @@
 #include "QORDBSchema/QORDBSchema.h"
 
+#include <array>
 #include <chrono>
 #include <optional>
 #include <string_view>
@@ -23,14 +24,11 @@ constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORDBSchema";
 /// What tells a database of ours from another program's that happens to have a table of the same name.
 constexpr std::string_view mark = "QORPager host database";
 
-/// The steps in order; the first leads to version 1. Made when it is needed, as the steps are other units' objects.
-const std::vector<QORSchemaStep>& steps() {
-    static const std::vector<QORSchemaStep> all{{inventorySchema}, {logSchema},    {counterSchema},
-                                                documentSchema,    {upkeepSchema}, {requestSchema}};
-    return all;
-}
+/// The steps in order; the first leads to version 1.
+constexpr std::array steps{&inventorySchema, &logSchema,    &counterSchema,
+                           &documentSchema,  &upkeepSchema, &requestSchema};
 
-constexpr int latestVersion = 6;
+constexpr int latestVersion = static_cast<int>(steps.size());
 
 bool hasRows(ASStatement& statement) {
     statement.execute();
@@ -97,7 +95,7 @@ void createMark(ASSession& session) {
 }
 
 void applyStep(ASSession& session, int version) {
-    const QORSchemaStep& step = steps().at(static_cast<std::size_t>(version) - 1);
+    const QORSchemaStep& step = *steps.at(static_cast<std::size_t>(version) - 1);
     for (const char* statement : step.statements)
         session.execute(statement);
     if (step.work != nullptr) step.work(session);
@@ -168,8 +166,8 @@ struct Part {
 /// Those that all steps together leave.
 std::vector<Part> partsOfSchema() {
     std::vector<Part> parts;
-    for (const QORSchemaStep& step : steps()) {
-        for (const std::string_view sql : step.statements) {
+    for (const QORSchemaStep* const step : steps) {
+        for (const std::string_view sql : step->statements) {
             for (const std::string_view kind : {"TRIGGER ", "INDEX "}) {
                 const std::string creates = "CREATE " + std::string(kind);
                 const std::string drops = "DROP " + std::string(kind);

@@ -94,6 +94,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const std::span<const char* const> counterSchema = statements;
+const QORSchemaStep counterSchema{statements};
 
 }  // namespace QOR

@@ -75,6 +75,6 @@ FROM qor_backup)sql",
 
 }  // namespace
 
-const std::span<const char* const> inventorySchema = statements;
+const QORSchemaStep inventorySchema{statements};
 
 }  // namespace QOR

@@ -62,6 +62,6 @@ FROM qor_event)sql",
 
 }  // namespace
 
-const std::span<const char* const> logSchema = statements;
+const QORSchemaStep logSchema{statements};
 
 }  // namespace QOR

@@ -23,6 +23,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const std::span<const char* const> requestSchema = statements;
+const QORSchemaStep requestSchema{statements};
 
 }  // namespace QOR

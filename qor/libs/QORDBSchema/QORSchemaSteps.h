@@ -16,16 +16,16 @@ struct QORSchemaStep {
 };
 
 /// Environments, their addresses and their backups.
-extern const std::span<const char* const> inventorySchema;
+extern const QORSchemaStep inventorySchema;
 /// Operations, the environments that they touch, and events.
-extern const std::span<const char* const> logSchema;
+extern const QORSchemaStep logSchema;
 /// Counters of the logs' records.
-extern const std::span<const char* const> counterSchema;
+extern const QORSchemaStep counterSchema;
 /// Which documents cannot be read; documents that were stored with something behind them are mended.
 extern const QORSchemaStep documentSchema;
 /// Counters that the database keeps itself, and whose are an operation's.
-extern const std::span<const char* const> upkeepSchema;
+extern const QORSchemaStep upkeepSchema;
 /// Requests that may be sent again, and the database's own identity.
-extern const std::span<const char* const> requestSchema;
+extern const QORSchemaStep requestSchema;
 
 }  // namespace QOR

@@ -253,6 +253,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const std::span<const char* const> upkeepSchema = statements;
+const QORSchemaStep upkeepSchema{statements};
 
 }  // namespace QOR

@@ -3,6 +3,7 @@
 #include "QORCommon/QORLogger.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "rdbmspp/sql/ASCursor.h"
 
 namespace QOR {
 namespace {
@@ -76,23 +77,9 @@ std::string schemaTableSql(const std::vector<std::string>& without) {
     return sql + order;
 }
 
-SchemaTable::MetaData::MetaData()
-    : viewName("viewName", ASType::VarChar),
-      name("name", ASType::VarChar),
-      type("type", ASType::VarChar),
-      length("length", ASType::Int),
-      charSet("charSet", ASType::VarChar),
-      collation("collation", ASType::VarChar) {}
-
 SchemaTable::SchemaTable(const std::string& sql)
-    : domain(ASDomain::derived(sql, "SchemaTable")), position("position", ASType::Int) {
-    metaData.viewName.Register(viewName, domain);
-    metaData.name.Register(name, domain);
-    metaData.type.Register(type, domain);
-    metaData.length.Register(length, domain);
-    metaData.charSet.Register(charSet, domain);
-    metaData.collation.Register(collation, domain);
-    position.Register(domain);
+    : metaData(ASDomain::derived(sql, "SchemaTable")), position("position", ASType::Int) {
+    position.Register(metaData.domain());
 }
 
 SchemaTable::SchemaTable() : SchemaTable((requireSqlite(QORRdbms::instance().engine()), schemaTableSql({}))) {}
@@ -107,8 +94,7 @@ ASOrder SchemaTable::order() const {
 }
 
 void selectAllAttributes(ASProject& project, const SchemaTable& table) {
-    project << table.metaData.viewName << table.metaData.name << table.metaData.type << table.metaData.length
-            << table.metaData.charSet << table.metaData.collation;
+    table.metaData.selectAll(project);
 }
 
 std::vector<QORViewColumn> readViews(ASSession& session) {
@@ -118,7 +104,8 @@ std::vector<QORViewColumn> readViews(ASSession& session) {
     cursor.Order(table.order());
     std::vector<QORViewColumn> columns;
     while (cursor.Fetch()) {
-        columns.push_back({table.viewName->Str(), table.name->Str(), table.type->Str(), table.length->value()});
+        const auto& row = table.metaData;
+        columns.push_back({row.viewName->Str(), row.name->Str(), row.type->Str(), row.length->value()});
     }
     return columns;
 }

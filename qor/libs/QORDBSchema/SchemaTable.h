@@ -2,15 +2,16 @@
 /// SchemaTable: what views the database has, and their columns, as the database itself tells.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "QORCommon/QORExport.h"
 #include "rdbmspp/sql/ASAttribute.h"
-#include "rdbmspp/sql/ASCursor.h"
 #include "rdbmspp/sql/ASData.h"
+#include "rdbmspp/sql/ASTable.h"
 
 namespace QOR {
 
@@ -27,28 +28,19 @@ struct QOR_API SchemaTable {
     /// fail the whole select; it is logged and left out.
     explicit SchemaTable(ASSession& session);
 
-    /// The attributes, each bound to the data object of its name below.
-    struct QOR_API MetaData {
-        MetaData();
-        ASAttribute viewName;
-        ASAttribute name;
-        ASAttribute type;
-        ASAttribute length;
-        ASAttribute charSet;
-        ASAttribute collation;
+    struct MetaData : ASTable {
+        explicit MetaData(ASDomainPtr domain) : ASTable(std::move(domain)) {}
+        ASColumn<ASVStr> viewName{*this, "viewName", capacity};
+        ASColumn<ASVStr> name{*this, "name", capacity};
+        /// In lower case, without its length; empty for an expression, whose type the engine does not tell.
+        ASColumn<ASVStr> type{*this, "type", capacity};
+        /// As declared, 0 when it is not.
+        ASColumn<ASInt> length{*this, "length"};
+        ASColumn<ASVStr> charSet{*this, "charSet", capacity};
+        ASColumn<ASVStr> collation{*this, "collation", capacity};
     };
 
-    ASDomainPtr domain;
     MetaData metaData;
-
-    std::shared_ptr<ASVStr> viewName = std::make_shared<ASVStr>(128);
-    std::shared_ptr<ASVStr> name = std::make_shared<ASVStr>(128);
-    /// In lower case, without its length; empty for an expression, whose type the engine does not tell.
-    std::shared_ptr<ASVStr> type = std::make_shared<ASVStr>(128);
-    /// As declared, 0 when it is not.
-    std::shared_ptr<ASInt> length = std::make_shared<ASInt>();
-    std::shared_ptr<ASVStr> charSet = std::make_shared<ASVStr>(128);
-    std::shared_ptr<ASVStr> collation = std::make_shared<ASVStr>(128);
 
     /// Where the column stands in its view, counted from 0: a sort key, which is not projected.
     ASAttribute position;
@@ -57,6 +49,7 @@ struct QOR_API SchemaTable {
     ASOrder order() const;
 
 private:
+    static constexpr std::size_t capacity = 128;
     explicit SchemaTable(const std::string& sql);
 };
 

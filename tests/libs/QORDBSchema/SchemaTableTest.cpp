@@ -2,6 +2,7 @@
 
 #include "QORCommon/QORLogger.h"
 #include "rdbmspp/engine/AException.h"
+#include "rdbmspp/sql/ASCursor.h"
 #include "support/HostDatabase.h"
 
 namespace QOR {
@@ -106,7 +107,7 @@ TEST(SchemaTableTest, SixAttributesAreProjectedInOrderEachIntoItsDataObject) {
     runSql("CREATE VIEW v AS SELECT a FROM t");
     QORRdbmsTran tran(ASAccess::ReadOne);
     const SchemaTable table;
-    EXPECT_EQ(table.domain->name(), "SchemaTable");
+    EXPECT_EQ(table.metaData.domain()->name(), "SchemaTable");
     ASCursor cursor(*tran);
     selectAllAttributes(cursor.Filter().Project(), table);
     EXPECT_EQ(cursor.Query().find("SELECT \"SchemaTable\".\"viewName\", \"SchemaTable\".\"name\", "
@@ -115,12 +116,12 @@ TEST(SchemaTableTest, SixAttributesAreProjectedInOrderEachIntoItsDataObject) {
               0U)
         << cursor.Query();
     ASSERT_TRUE(cursor.Fetch());
-    EXPECT_EQ(table.viewName->Str(), "v");
-    EXPECT_EQ(table.name->Str(), "a");
-    EXPECT_EQ(table.type->Str(), "nvarchar");
-    EXPECT_EQ(table.length->value(), 7);
-    EXPECT_EQ(table.charSet->Str(), "UTF-8");
-    EXPECT_EQ(table.collation->Str(), "BINARY");
+    EXPECT_EQ(table.metaData.viewName->Str(), "v");
+    EXPECT_EQ(table.metaData.name->Str(), "a");
+    EXPECT_EQ(table.metaData.type->Str(), "nvarchar");
+    EXPECT_EQ(table.metaData.length->value(), 7);
+    EXPECT_EQ(table.metaData.charSet->Str(), "UTF-8");
+    EXPECT_EQ(table.metaData.collation->Str(), "BINARY");
     EXPECT_FALSE(cursor.Fetch());
 }
 

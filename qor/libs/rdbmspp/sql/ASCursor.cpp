@@ -32,9 +32,8 @@ OdbcColumn layoutOf(const ASData* data) {
     if (!data) return {false, bytesOfNumber};
     switch (data->type()) {
         case ASType::VarChar:
-            return {false, expectedText(static_cast<const ASVStr*>(data)->capacity())};
         case ASType::Char:
-            return {false, expectedText(static_cast<const ASStr*>(data)->capacity())};
+            return {false, expectedText(static_cast<const ASText*>(data)->capacity())};
         case ASType::Guid:
             return {false, bytesOfGuid};
         case ASType::Blob:

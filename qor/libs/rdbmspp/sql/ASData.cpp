@@ -75,32 +75,17 @@ void ASData::Bind(ASAttribute& attribute) {
     if (receiver.get() != this) receiver = ASDataPtr(ASDataPtr(), this);
 }
 
-ASVStr::ASVStr(std::size_t capacity, std::string_view value)
-    : ASData(ASType::VarChar), m_capacity(capacity), m_value(value) {
+ASText::ASText(ASType type, std::size_t capacity, std::string_view value)
+    : ASData(type), m_capacity(capacity), m_value(value) {
     m_raw = m_value;
     m_state = State::Value;
 }
 
-std::string_view ASVStr::text(ASTextBuffer&) const {
+std::string_view ASText::text(ASTextBuffer&) const {
     return isNull() ? std::string_view() : m_raw;
 }
 
-void ASVStr::take(std::string_view stored) {
-    m_raw = stored;
-    m_state = State::Value;
-}
-
-ASStr::ASStr(std::size_t capacity, std::string_view value)
-    : ASData(ASType::Char), m_capacity(capacity), m_value(value) {
-    m_raw = m_value;
-    m_state = State::Value;
-}
-
-std::string_view ASStr::text(ASTextBuffer&) const {
-    return isNull() ? std::string_view() : m_raw;
-}
-
-void ASStr::take(std::string_view stored) {
+void ASText::take(std::string_view stored) {
     m_raw = stored;
     m_state = State::Value;
 }

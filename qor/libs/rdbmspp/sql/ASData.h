@@ -98,33 +98,35 @@ protected:
 
 using ASDataPtr = std::shared_ptr<ASData>;
 
-/// Text of variable length. The capacity sizes fetch buffers (characters, terminator included); it never cuts a
-/// value. A capacity of 1 means that no length was declared.
-class QOR_API ASVStr final : public ASData {
+/// A text. The capacity sizes fetch buffers (characters, terminator included); it never cuts a value. A capacity of 1
+/// means that no length was declared.
+class QOR_API ASText : public ASData {
 public:
-    explicit ASVStr(std::size_t capacity) : ASData(ASType::VarChar), m_capacity(capacity) {}
-    ASVStr(std::size_t capacity, std::string_view value);
     std::size_t capacity() const noexcept { return m_capacity; }
-    std::string_view text(ASTextBuffer& scratch) const override;
-    void take(std::string_view stored) override;
+    std::string_view text(ASTextBuffer& scratch) const final;
+    void take(std::string_view stored) final;
+
+protected:
+    ASText(ASType type, std::size_t capacity) : ASData(type), m_capacity(capacity) {}
+    ASText(ASType type, std::size_t capacity, std::string_view value);
 
 private:
     std::size_t m_capacity;
     std::string m_value;
 };
 
-/// Text of fixed length; otherwise as ASVStr.
-class QOR_API ASStr final : public ASData {
+/// Text of variable length.
+class QOR_API ASVStr final : public ASText {
 public:
-    explicit ASStr(std::size_t capacity) : ASData(ASType::Char), m_capacity(capacity) {}
-    ASStr(std::size_t capacity, std::string_view value);
-    std::size_t capacity() const noexcept { return m_capacity; }
-    std::string_view text(ASTextBuffer& scratch) const override;
-    void take(std::string_view stored) override;
+    explicit ASVStr(std::size_t capacity) : ASText(ASType::VarChar, capacity) {}
+    ASVStr(std::size_t capacity, std::string_view value) : ASText(ASType::VarChar, capacity, value) {}
+};
 
-private:
-    std::size_t m_capacity;
-    std::string m_value;
+/// Text of fixed length.
+class QOR_API ASStr final : public ASText {
+public:
+    explicit ASStr(std::size_t capacity) : ASText(ASType::Char, capacity) {}
+    ASStr(std::size_t capacity, std::string_view value) : ASText(ASType::Char, capacity, value) {}
 };
 
 class QOR_API ASInt final : public ASData {

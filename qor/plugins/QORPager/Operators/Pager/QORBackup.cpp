@@ -1,19 +1,18 @@
 #include "QORPager/Operators/Pager/QORBackup.h"
 
 #include <array>
+#include <memory>
 #include <set>
 #include <utility>
 
 #include "QORLibAgent/QORSecurity.h"
 #include "QORPager/QORFieldGetters.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "rdbmspp/sql/ASCursor.h"
 
 namespace QOR {
 
 namespace {
-
-/// Characters of columns with a declared length, the terminator included; others are read in pieces.
-constexpr std::size_t noDeclaredLength = 1;
 
 /// Bytes that a document takes when it is read, for each of its text.
 constexpr std::size_t memoryOfDocumentByte = 4;
@@ -28,7 +27,7 @@ ASComparison accessCondition(const QORBackupTable& table) {
         list += ASSession::quoteLiteral(eid.toString());
     }
     if (list.empty()) return ASComparison("1 = 0");
-    return ASAttribute::In(table.metaData.eid, list);
+    return ASAttribute::In(table.eid, list);
 }
 
 /// How the value of a field is read from a backup.
@@ -52,50 +51,11 @@ std::string QORBackup::getEnvTitle() const {
     return title == nullptr ? std::string() : title->toString();
 }
 
-QORBackupTable::MetaData::MetaData()
-    : id("id", ASType::VarChar),
-      eid("eid", ASType::Guid),
-      storageEid("storage_eid", ASType::Guid),
-      time("time", ASType::DateTime),
-      size("size", ASType::BigInt),
-      type("type", ASType::Int),
-      description("description", ASType::VarChar),
-      name("name", ASType::VarChar),
-      hostname("hostname", ASType::VarChar),
-      info("info", ASType::Blob) {}
-
-QORBackupTable::QORBackupTable()
-    : domain(std::make_shared<ASDomain>("vBackupInfo", "")),
-      id(std::make_shared<ASVStr>(129)),
-      eid(std::make_shared<ASGuid>()),
-      storageEid(std::make_shared<ASGuid>()),
-      time(std::make_shared<ASTime>()),
-      size(std::make_shared<ASInt64>()),
-      type(std::make_shared<ASInt>()),
-      description(std::make_shared<ASVStr>(noDeclaredLength)),
-      name(std::make_shared<ASVStr>(256)),
-      hostname(std::make_shared<ASVStr>(256)),
-      info(std::make_shared<ASRealBlob>()) {
-    metaData.id.Register(id, domain);
-    metaData.eid.Register(eid, domain);
-    metaData.storageEid.Register(storageEid, domain);
-    metaData.time.Register(time, domain);
-    metaData.size.Register(size, domain);
-    metaData.type.Register(type, domain);
-    metaData.description.Register(description, domain);
-    metaData.name.Register(name, domain);
-    metaData.hostname.Register(hostname, domain);
-    metaData.info.Register(info, domain);
-}
-
-void QORBackupTable::selectAllAttributes(ASProject& project) const {
-    project << metaData.id << metaData.eid << metaData.storageEid << metaData.time << metaData.size << metaData.type
-            << metaData.description << metaData.name << metaData.hostname << metaData.info;
-}
+QORBackupTable::QORBackupTable() : ASTable(std::make_shared<ASDomain>("vBackupInfo", "")) {}
 
 ASOrder QORBackupTable::order() const {
-    ASOrder keys = -ASOrder(metaData.time);
-    keys << ASOrder(metaData.id);
+    ASOrder keys = -ASOrder(time);
+    keys << ASOrder(id);
     return keys;
 }
 
@@ -118,11 +78,11 @@ QORBackup makeQORBackupInfo(const QORBackupTable& table) {
 void getBackups(const QORBackupTable& table, const ASComparison& condition, std::vector<QORBackup>& backups,
                 const QOREID& storageEid) {
     ASComparison all = condition;
-    if (storageEid.isValid()) all = std::move(all) && (table.metaData.storageEid == ASGuid(storageEid));
+    if (storageEid.isValid()) all = std::move(all) && (table.storageEid.attribute() == ASGuid(storageEid));
     all = std::move(all) && accessCondition(table);
     QORRdbmsTran transaction(ASAccess::ReadOne);
     ASCursor cursor(*transaction);
-    table.selectAllAttributes(cursor.Filter().Project());
+    table.selectAll(cursor.Filter().Project());
     if (!all.empty()) cursor.Filter().Set(all);
     cursor.Order(table.order());
     while (cursor.Fetch())

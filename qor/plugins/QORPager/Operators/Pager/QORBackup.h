@@ -2,6 +2,7 @@
 /// Backups as the host's database lists them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -10,9 +11,7 @@
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORMemory.h"
 #include "QORLibAgent/QORInfo.h"
-#include "rdbmspp/sql/ASAttribute.h"
-#include "rdbmspp/sql/ASCursor.h"
-#include "rdbmspp/sql/ASData.h"
+#include "rdbmspp/sql/ASTable.h"
 
 namespace QOR {
 
@@ -32,30 +31,24 @@ struct QORBackup {
     std::string getEnvTitle() const;
 };
 
-/// The view "vBackupInfo" for one select: its columns and the data objects that a cursor fetches into.
-struct QORBackupTable {
+/// The view "vBackupInfo" for one select.
+struct QORBackupTable : ASTable {
     QORBackupTable();
 
-    ASDomainPtr domain;
-    std::shared_ptr<ASVStr> id;
-    std::shared_ptr<ASGuid> eid;
-    std::shared_ptr<ASGuid> storageEid;
-    std::shared_ptr<ASTime> time;
-    std::shared_ptr<ASInt64> size;
-    std::shared_ptr<ASInt> type;
-    std::shared_ptr<ASVStr> description;
-    std::shared_ptr<ASVStr> name;
-    std::shared_ptr<ASVStr> hostname;
-    std::shared_ptr<ASRealBlob> info;
+    /// Characters of columns with a declared length, the terminator included; others are read in pieces.
+    static constexpr std::size_t noDeclaredLength = 1;
 
-    /// The attributes, each bound to the data object of its name.
-    struct MetaData {
-        MetaData();
-        ASAttribute id, eid, storageEid, time, size, type, description, name, hostname, info;
-    };
-    MetaData metaData;
+    ASColumn<ASVStr> id{*this, "id", 129};
+    ASColumn<ASGuid> eid{*this, "eid"};
+    ASColumn<ASGuid> storageEid{*this, "storage_eid"};
+    ASColumn<ASTime> time{*this, "time"};
+    ASColumn<ASInt64> size{*this, "size"};
+    ASColumn<ASInt> type{*this, "type"};
+    ASColumn<ASVStr> description{*this, "description", noDeclaredLength};
+    ASColumn<ASVStr> name{*this, "name", 256};
+    ASColumn<ASVStr> hostname{*this, "hostname", 256};
+    ASColumn<ASRealBlob> info{*this, "info"};
 
-    void selectAllAttributes(ASProject& project) const;
     /// Newest first; those of one second by their identifiers.
     ASOrder order() const;
 };

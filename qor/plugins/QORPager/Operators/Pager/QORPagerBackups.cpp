@@ -30,8 +30,8 @@ public:
 
     /// Tries what a filter may ask for, in turn, and stops at the first that ran.
     void fetch() {
-        static_cast<void>(fetchByFieldLike("pager.backup.info.name", m_table.metaData.name) != 0 ||
-                          fetchByFieldLike("pager.backup.info.hostname", m_table.metaData.hostname) != 0 ||
+        static_cast<void>(fetchByFieldLike("pager.backup.info.name", m_table.name) != 0 ||
+                          fetchByFieldLike("pager.backup.info.hostname", m_table.hostname) != 0 ||
                           fetchByInfo("pager.backup.info.veid", ttEqual, "veid") != 0 ||
                           fetchByInfo("pager.backup.info.ip", ttLike, "ip") != 0 || fetchByDate() != 0);
     }
@@ -74,7 +74,7 @@ int BackupQuery::fetchByDate() {
     const std::optional<std::int32_t> to = readSeconds(*upper);
     const std::optional<std::int32_t> from = readSeconds(*lower);
     if (!to || !from) return 0;
-    const ASAttribute& time = m_table.metaData.time;
+    const ASAttribute& time = m_table.time;
     return run(time <= ASTime(*to) && time >= ASTime(*from), m_backups);
 }
 

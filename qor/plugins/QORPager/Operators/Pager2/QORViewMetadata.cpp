@@ -73,7 +73,7 @@ ColumnType typeOfColumn(const std::string& view, const std::string& column, cons
     return ColumnType::VarChar;
 }
 
-void addColumn(MetaTablesMap& views, const SchemaTable& row) {
+void addColumn(MetaTablesMap& views, const SchemaTable::MetaData& row) {
     const std::string view = row.viewName->Str();
     const std::string lowered = toLowerText(view);
     const std::string column = row.name->Str();
@@ -88,11 +88,11 @@ void addColumn(MetaTablesMap& views, const SchemaTable& row) {
 std::shared_ptr<const MetaTablesMap> loadViews() {
     auto views = std::make_shared<MetaTablesMap>();
     QORRdbmsTran transaction(ASAccess::Read);
-    const SchemaTable row(*transaction);
+    const SchemaTable schema(*transaction);
     ASCursor cursor(*transaction);
-    selectAllAttributes(cursor.Filter().Project(), row);
+    selectAllAttributes(cursor.Filter().Project(), schema);
     while (cursor.Fetch())
-        addColumn(*views, row);
+        addColumn(*views, schema.metaData);
     if (!SelectStmnt::isSecurityNeeded()) return views;
     SelectStmnt::validateSecurableViews(*views);
     for (auto& [name, view] : *views) {
