@@ -68,8 +68,8 @@ std::vector<Machine> makeMachines(std::size_t environments) {
 
 QORPtr<const QOREnv> toEnv(std::size_t number, const Machine& machine) {
     QOREnvConfigData data;
-    data.hostname = machine.hostname;
-    data.os.name = machine.os;
+    data[QOREnvMember::Hostname] = machine.hostname;
+    data[QOREnvMember::OsName] = machine.os;
     data.addresses = {{"10.0.0.1"}};
     data.further.add("boot_time", "1700000000");
     data.further.add("memory", std::to_string(machine.memory));

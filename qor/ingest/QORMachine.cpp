@@ -116,53 +116,58 @@ std::string machineId(const std::filesystem::path& root) {
     return {};
 }
 
-void add(QORInfo& document, const char* name, const std::optional<std::string>& value) {
-    if (value) document.add(name, *value);
+using Texts = std::map<QOREnvMember, std::optional<std::string>>;
+
+/// Adds the members of a group that are known.
+void addMembers(QORInfo& document, std::string_view group, const Texts& texts) {
+    for (const QOREnvMemberRow& row : envMembers) {
+        if (row.group != group) continue;
+        const auto text = texts.find(row.member);
+        if (text != texts.end() && text->second) document.add(std::string(row.name), *text->second);
+    }
 }
 
-/// The members as a record that came as a line would have them.
-QORInfo documentOf(const QORConfigRecord& config) {
-    QORInfo document;
-    add(document, "name", config.name);
-    add(document, "description", config.description);
-    add(document, "domain", config.domain);
-    add(document, "hostname", config.hostname);
-    add(document, "architecture", config.architecture);
-    add(document, "type", config.type);
-    QORInfo os("os");
-    add(os, "name", config.osName);
-    add(os, "platform", config.osPlatform);
-    add(os, "version", config.osVersion);
-    add(os, "kernel", config.osKernel);
-    document.add(std::move(os));
-    for (const std::string& address : config.addresses)
-        document.add("ip", address);
-    if (config.memory) document.add("memory", std::to_string(*config.memory));
-    if (config.bootTime) document.add("boot_time", std::to_string(*config.bootTime));
-    return document;
-}
-
-QORConfigRecord describeConfig(const std::filesystem::path& root, const std::string& hostname) {
+Texts describeTexts(const std::filesystem::path& root, const std::string& hostname) {
+    using Member = QOREnvMember;
     utsname system{};
     uname(&system);
     auto release = readRelease(root);
-    QORConfigRecord config;
-    config.name = orNothing(hostname);
-    config.description = orNothing(release["PRETTY_NAME"]);
-    const std::size_t dot = hostname.find('.');
-    if (dot != std::string::npos) config.domain = orNothing(hostname.substr(dot + 1));
-    config.hostname = orNothing(hostname);
-    config.architecture = orNothing(system.machine);
-    config.type = "host";
-    config.osName = orNothing(release.contains("NAME") ? release["NAME"] : system.sysname);
-    config.osPlatform = "linux";
-    config.osVersion = orNothing(release["VERSION_ID"]);
     const std::string kernel = firstLine(root / "proc/sys/kernel/osrelease");
-    config.osKernel = orNothing(kernel.empty() ? system.release : kernel);
-    config.addresses = machineAddresses();
-    if (const auto kib = procNumber(root / "proc/meminfo", "MemTotal:")) config.memory = *kib / 1024;
-    config.bootTime = procNumber(root / "proc/stat", "btime ");
-    config.document = documentOf(config);
+    const std::size_t dot = hostname.find('.');
+    return {
+        {Member::Name, orNothing(hostname)},
+        {Member::Description, orNothing(release["PRETTY_NAME"])},
+        {Member::Domain, dot == std::string::npos ? std::nullopt : orNothing(hostname.substr(dot + 1))},
+        {Member::Hostname, orNothing(hostname)},
+        {Member::Architecture, orNothing(system.machine)},
+        {Member::Type, "host"},
+        {Member::OsName, orNothing(release.contains("NAME") ? release["NAME"] : system.sysname)},
+        {Member::OsPlatform, "linux"},
+        {Member::OsVersion, orNothing(release["VERSION_ID"])},
+        {Member::OsKernel, orNothing(kernel.empty() ? system.release : kernel)},
+    };
+}
+
+/// As a record that came as a line would have it.
+QORConfigRecord describeConfig(const std::filesystem::path& root, const std::string& hostname) {
+    const Texts texts = describeTexts(root, hostname);
+    QORInfo document;
+    addMembers(document, {}, texts);
+    QORInfo os("os");
+    addMembers(os, os.name(), texts);
+    document.add(std::move(os));
+    const std::vector<std::string> addresses = machineAddresses();
+    for (const std::string& address : addresses)
+        document.add("ip", address);
+    std::optional<std::int64_t> memory = procNumber(root / "proc/meminfo", "MemTotal:");
+    if (memory) *memory /= 1024;
+    if (memory) document.add("memory", std::to_string(*memory));
+    const std::optional<std::int64_t> bootTime = procNumber(root / "proc/stat", "btime ");
+    if (bootTime) document.add("boot_time", std::to_string(*bootTime));
+    QORConfigRecord config(std::move(document));
+    config.addresses = addresses;
+    config.memory = memory;
+    config.bootTime = bootTime;
     return config;
 }
 

@@ -5,6 +5,7 @@
 #include <limits>
 #include <set>
 #include <span>
+#include <vector>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
@@ -16,10 +17,6 @@ namespace QOR {
 namespace {
 
 constexpr const char* sourcePath = "qor/ingest/QORRecords";
-
-// Times outside these years have no form of 19 characters, which is what the database orders by.
-constexpr std::int64_t firstSecond = -62167219200;  // 0000-01-01 00:00:00
-constexpr std::int64_t lastSecond = 253402300799;   // 9999-12-31 23:59:59
 
 [[noreturn]] void refuse(const std::string& reason) {
     throw QORException(errBadRequest, reason, sourcePath, __LINE__);
@@ -89,7 +86,7 @@ std::optional<std::int64_t> toTime(const JsonValue& value) {
     std::optional<std::int64_t> seconds;
     if (value.type == JsonType::Number) seconds = parseInt64(value.text);
     if (value.type == JsonType::String) seconds = parseTime(value.text);
-    if (seconds && (*seconds < firstSecond || *seconds > lastSecond)) seconds.reset();
+    if (seconds && (*seconds < firstDbSecond || *seconds > lastDbSecond)) seconds.reset();
     return seconds;
 }
 
@@ -229,6 +226,8 @@ struct Member {
     std::string_view name;
     void (*read)(Record& record, const Named& member);
     bool required = false;
+    void (*readText)(Record& record, const Named& member, QOREnvMember which) = nullptr;  ///< instead of read
+    QOREnvMember which{};
 };
 
 /// Gives every member of the object to its reader. \param open members without a reader are passed over
@@ -246,7 +245,8 @@ void readMembers(const Named& object, std::span<const Member<Record>> members, b
         const std::uint32_t bit = 1U << (found - members.begin());
         if ((seen & bit) != 0) refuse("member " + quoteText(name) + " is there twice");
         seen |= bit;
-        found->read(record, {object.tree, *child, object.prefix});
+        const Named member{object.tree, *child, object.prefix};
+        found->readText != nullptr ? found->readText(record, member, found->which) : found->read(record, member);
     }
     for (std::size_t i = 0; i < members.size(); ++i) {
         if (members[i].required && (seen & (1U << i)) == 0) {
@@ -257,43 +257,55 @@ void readMembers(const Named& object, std::span<const Member<Record>> members, b
 
 void ignoreKind(auto&, const Named&) {}
 
-constexpr Member<QORConfigRecord> osMembers[] = {
-    {"name", [](QORConfigRecord& r, const Named& m) { r.osName = readText(m); }},
-    {"platform", [](QORConfigRecord& r, const Named& m) { r.osPlatform = readText(m); }},
-    {"version", [](QORConfigRecord& r, const Named& m) { r.osVersion = readText(m); }},
-    {"kernel", [](QORConfigRecord& r, const Named& m) { r.osKernel = readText(m); }},
-};
+using ConfigMember = Member<QORConfigRecord>;
+
+// The document holds the text.
+void checkText(QORConfigRecord& record, const Named& member, QOREnvMember which) {
+    record.nulls[static_cast<std::size_t>(which)] = !readText(member);
+}
+
+void readOs(QORConfigRecord& record, const Named& member);
+
+/// The members of a group, the named texts first.
+std::vector<ConfigMember> configMembersOf(std::string_view group, std::vector<ConfigMember> others) {
+    std::vector<ConfigMember> members;
+    for (const QOREnvMemberRow& row : envMembers) {
+        if (row.group == group) members.push_back({row.name, nullptr, false, checkText, row.member});
+    }
+    members.insert(members.end(), others.begin(), others.end());
+    return members;
+}
+
+constexpr std::string_view osGroup = "os";
+
+const std::vector<ConfigMember>& configMembers() {
+    static const std::vector<ConfigMember> members =
+        configMembersOf({}, {
+                                {osGroup, readOs},
+                                {"ip", [](QORConfigRecord& r, const Named& m) { r.addresses = readTexts(m); }},
+                                {"memory",
+                                 [](QORConfigRecord& r, const Named& m) {
+                                     if (m.value.type == JsonType::Number) r.memory = parseInt64(m.value.text);
+                                 }},
+                                {"boot_time", [](QORConfigRecord& r, const Named& m) { r.bootTime = toTime(m.value); }},
+                            });
+    return members;
+}
 
 void readOs(QORConfigRecord& record, const Named& member) {
+    static const std::vector<ConfigMember> members = configMembersOf(osGroup, {});
     if (member.isNull()) return;
     if (member.value.type != JsonType::Object) member.refuseAs("an object");
     const std::string prefix = std::string(member.prefix) + "os.";
-    readMembers<QORConfigRecord>({member.tree, member.value, prefix}, osMembers, true, record);
+    readMembers<QORConfigRecord>({member.tree, member.value, prefix}, members, true, record);
 }
-
-constexpr Member<QORConfigRecord> configMembers[] = {
-    {"name", [](QORConfigRecord& r, const Named& m) { r.name = readText(m); }},
-    {"description", [](QORConfigRecord& r, const Named& m) { r.description = readText(m); }},
-    {"domain", [](QORConfigRecord& r, const Named& m) { r.domain = readText(m); }},
-    {"hostname", [](QORConfigRecord& r, const Named& m) { r.hostname = readText(m); }},
-    {"architecture", [](QORConfigRecord& r, const Named& m) { r.architecture = readText(m); }},
-    {"type", [](QORConfigRecord& r, const Named& m) { r.type = readText(m); }},
-    {"os", readOs},
-    {"ip", [](QORConfigRecord& r, const Named& m) { r.addresses = readTexts(m); }},
-    {"memory",
-     [](QORConfigRecord& r, const Named& m) {
-         if (m.value.type == JsonType::Number) r.memory = parseInt64(m.value.text);
-     }},
-    {"boot_time", [](QORConfigRecord& r, const Named& m) { r.bootTime = toTime(m.value); }},
-};
 
 std::optional<QORConfigRecord> readConfig(const Named& member) {
     auto document = readInfo(member);
     if (!document) return std::nullopt;
-    QORConfigRecord record;
+    QORConfigRecord record(std::move(*document));
     const std::string prefix = std::string(member.value.name) + ".";
-    readMembers<QORConfigRecord>({member.tree, member.value, prefix}, configMembers, true, record);
-    record.document = std::move(*document);
+    readMembers<QORConfigRecord>({member.tree, member.value, prefix}, configMembers(), true, record);
     return record;
 }
 

@@ -2,16 +2,19 @@
 /// Records on the way in: what a line of NDJSON says, checked and typed.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
 #include "QORCommon/QORGuid.h"
+#include "QORLibAgent/QOREnv.h"
 #include "QORLibAgent/QORInfo.h"
 
 namespace QOR {
@@ -22,23 +25,25 @@ constexpr std::size_t recordKindCount = 4;
 /// "environment", "operation", "event", "backup".
 std::string_view recordKindName(QORRecordKind kind);
 
-/// A configuration or virtual configuration. A member that the record lacks is empty; `document` holds all members,
-/// those beyond the named ones too.
+/// A configuration or virtual configuration: what the record gave. The configuration made of it cannot stand for it,
+/// because that knows no null beside the empty text, and no empty address.
 struct QORConfigRecord {
-    std::optional<std::string> name;
-    std::optional<std::string> description;
-    std::optional<std::string> domain;
-    std::optional<std::string> hostname;
-    std::optional<std::string> architecture;
-    std::optional<std::string> type;
-    std::optional<std::string> osName;
-    std::optional<std::string> osPlatform;
-    std::optional<std::string> osVersion;
-    std::optional<std::string> osKernel;
-    std::vector<std::string> addresses;
-    std::optional<std::int64_t> memory;    ///< MiB, where a member "memory" is a whole number
-    std::optional<std::int64_t> bootTime;  ///< seconds since the epoch, where a member "boot_time" is a time
-    QORInfo document;
+    QORConfigRecord() : QORConfigRecord(QORInfo()) {}
+    explicit QORConfigRecord(QORInfo members)
+        : document(std::move(members)), config(makeQORPtr<QOREnvConfig>(QOREnvConfigData::fromDocument(document))) {}
+
+    /// What the record gave; empty where it lacks the member or gave null.
+    const std::optional<std::string>& text(QOREnvMember member) const {
+        static const std::optional<std::string> none;
+        return nulls[static_cast<std::size_t>(member)] ? none : config->text(member);
+    }
+
+    QORInfo document;                          ///< all members, those beyond the named ones too
+    QORPtr<const QOREnvConfig> config;         ///< what the document says; never null
+    std::array<bool, envMemberCount> nulls{};  ///< members that were given as null
+    std::vector<std::string> addresses;        ///< as given
+    std::optional<std::int64_t> memory;        ///< MiB, where a member "memory" is a whole number
+    std::optional<std::int64_t> bootTime;      ///< seconds since the epoch, where a member "boot_time" is a time
 };
 
 struct QOREnvironmentRecord {

@@ -1,6 +1,8 @@
 #include "ingest/RecordWriter.h"
 
 #include <chrono>
+#include <initializer_list>
+#include <utility>
 
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
@@ -10,24 +12,10 @@
 namespace QOR {
 namespace {
 
-constexpr std::string_view insertEnvironment =
-    "INSERT INTO qor_environment (parent_eid, title, state, transition, name, description, domain, hostname, "
-    "architecture, type, os_name, os_platform, os_version, os_kernel, ip, memory, boot_time, config, virtual_config, "
-    "updated, eid) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (eid) DO NOTHING";
-constexpr std::string_view updateEnvironment =
-    "UPDATE qor_environment SET parent_eid = ?, title = ?, state = ?, transition = ?, name = ?, description = ?, "
-    "domain = ?, hostname = ?, architecture = ?, type = ?, os_name = ?, os_platform = ?, os_version = ?, "
-    "os_kernel = ?, ip = ?, memory = ?, boot_time = ?, config = ?, virtual_config = ?, updated = ? WHERE eid = ?";
 constexpr std::string_view deleteAddresses = "DELETE FROM qor_environment_address WHERE eid = ?";
 constexpr std::string_view insertAddress =
     "INSERT INTO qor_environment_address (eid, source, position, address) VALUES (?, ?, ?, ?)";
 
-constexpr std::string_view insertOperation =
-    "INSERT INTO qor_operation (parent_id, op, status, time, eid, package, version, message, id, seq) "
-    "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (id) DO NOTHING";
-constexpr std::string_view updateOperation =
-    "UPDATE qor_operation SET parent_id = ?, op = ?, status = ?, time = ?, eid = ?, package = ?, version = ?, "
-    "message = ? WHERE id = ?";
 constexpr std::string_view selectOperation = "SELECT seq, status, message, time, eid FROM qor_operation WHERE id = ?";
 constexpr std::string_view selectTouched = "SELECT eid FROM qor_operation_environment WHERE operation = ?";
 constexpr std::string_view deleteTouched = "DELETE FROM qor_operation_environment WHERE operation = ?";
@@ -40,16 +28,7 @@ constexpr std::string_view insertManyTouched =
     "FROM (SELECT ? AS operation, ? AS own, ? AS time) o CROSS JOIN json_each(?) e";
 constexpr const char* lastOperation = "SELECT coalesce(max(seq), 0) FROM qor_operation";
 
-constexpr std::string_view insertEvent =
-    "INSERT INTO qor_event (seq, time, eid, source, category, info) VALUES (?, ?, ?, ?, ?, ?)";
 constexpr const char* lastEvent = "SELECT coalesce(max(seq), 0) FROM qor_event";
-
-constexpr std::string_view insertBackup =
-    "INSERT INTO qor_backup (eid, storage_eid, time, size, type, description, name, hostname, info, id) "
-    "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (id) DO NOTHING";
-constexpr std::string_view updateBackup =
-    "UPDATE qor_backup SET eid = ?, storage_eid = ?, time = ?, size = ?, type = ?, description = ?, name = ?, "
-    "hostname = ?, info = ? WHERE id = ?";
 
 std::int64_t now() {
     return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
@@ -79,67 +58,180 @@ std::optional<std::string> parameterText(const std::optional<QORInfo>& info, std
     return parameter->value();
 }
 
-void bindEnvironment(ASStatement& statement, const QOREnvironmentRecord& record) {
+/// A column that something is stored in, and what is stored there.
+template <class Stored>
+struct Column {
+    std::string_view name;
+    void (*bind)(QORBinder& to, const Stored& stored);
+    /// Instead of that, for one column a member of the configuration.
+    void (*bindMember)(QORBinder& to, const Stored& stored, QOREnvMember member) = nullptr;
+    QOREnvMember member{};
+};
+
+/// The statements that store something in a table, made of its columns.
+template <class Stored>
+class Table {
+public:
+    using Columns = std::vector<Column<Stored>>;
+
+    /// \param key the column by which a record is found again, none for records that are only added \param arrival
+    /// columns that a record keeps from its first arrival
+    Table(const std::string& name, Columns columns, Columns key, Columns arrival)
+        : m_columns(std::move(columns)), m_key(std::move(key)), m_arrival(std::move(arrival)) {
+        std::string names;
+        std::string values;
+        for (const Columns* part : {&m_columns, &m_key, &m_arrival}) {
+            for (const Column<Stored>& column : *part) {
+                names += (names.empty() ? "" : ", ") + std::string(column.name);
+                values += values.empty() ? "?" : ", ?";
+            }
+        }
+        m_insert = "INSERT INTO " + name + " (" + names + ") VALUES (" + values + ")";
+        if (m_key.empty()) return;
+        const std::string keyName(m_key.front().name);
+        m_insert += " ON CONFLICT (" + keyName + ") DO NOTHING";
+        m_update = "UPDATE " + name + " SET ";
+        for (const Column<Stored>& column : m_columns)
+            m_update += (&column == m_columns.data() ? "" : ", ") + std::string(column.name) + " = ?";
+        m_update += " WHERE " + keyName + " = ?";
+    }
+
+    /// \returns false when there is one with its key already, which stays as it is
+    bool insert(ASSession& session, const Stored& stored) const {
+        run(session, m_insert, stored, {&m_columns, &m_key, &m_arrival});
+        return session.changes() > 0;
+    }
+    void update(ASSession& session, const Stored& stored) const {
+        run(session, m_update, stored, {&m_columns, &m_key});
+    }
+
+private:
+    static void run(ASSession& session, const std::string& sql, const Stored& stored,
+                    std::initializer_list<const Columns*> parts) {
+        ASStatement& statement = session.prepare(sql);
+        QORBinder to(statement);
+        for (const Columns* part : parts) {
+            for (const Column<Stored>& column : *part) {
+                column.bindMember != nullptr ? column.bindMember(to, stored, column.member) : column.bind(to, stored);
+            }
+        }
+        statement.execute();
+    }
+
+    Columns m_columns;
+    Columns m_key;
+    Columns m_arrival;
+    std::string m_insert;
+    std::string m_update;
+};
+
+const QORConfigRecord& configOf(const QOREnvironmentRecord& record) {
     static const QORConfigRecord none;
-    const QORConfigRecord& config = record.config ? *record.config : none;
-    QORBinder(statement)
-        .eid(record.parentEid)
-        .text(record.title)
-        .integer(record.state)
-        .integer(record.transition)
-        .text(config.name)
-        .text(config.description)
-        .text(config.domain)
-        .text(config.hostname)
-        .text(config.architecture)
-        .text(config.type)
-        .text(config.osName)
-        .text(config.osPlatform)
-        .text(config.osVersion)
-        .text(config.osKernel)
-        .text(firstAddress(config))
-        .integer(config.memory)
-        .time(config.bootTime)
-        .text(documentOf(record.config))
-        .text(documentOf(record.virtualConfig))
-        .time(now())
-        .eid(record.eid);
+    return record.config ? *record.config : none;
 }
 
-QORBinder bindOperation(ASStatement& statement, const QOROperationRecord& record,
-                        const std::optional<std::string>& message) {
-    auto package = parameterText(record.message, "package/name");
-    if (!package) package = parameterText(record.message, "package");
-    QORBinder binder(statement);
-    binder.text(record.parentId)
-        .text(record.op)
-        .integer(record.status)
-        .time(record.time)
-        .eid(record.eid)
-        .text(package)
-        .text(parameterText(record.message, "package/version"))
-        .text(message)
-        .text(record.id);
-    return binder;
+void bindConfigText(QORBinder& to, const QOREnvironmentRecord& record, QOREnvMember member) {
+    to.text(configOf(record).text(member));
 }
 
-void bindBackup(ASStatement& statement, const QORBackupRecord& record) {
-    QORBinder(statement)
-        .eid(record.eid)
-        .eid(record.storageEid)
-        .time(record.time)
-        .integer(record.size)
-        .integer(record.type)
-        .text(record.description)
-        .text(record.name)
-        .text(record.hostname)
-        .bytes(serialized(record.info))
-        .text(record.id);
+const Table<QOREnvironmentRecord>& environments() {
+    using Record = QOREnvironmentRecord;
+    static const auto table = [] {
+        Table<Record>::Columns columns{
+            {"parent_eid", [](QORBinder& to, const Record& r) { to.eid(r.parentEid); }},
+            {"title", [](QORBinder& to, const Record& r) { to.text(r.title); }},
+            {"state", [](QORBinder& to, const Record& r) { to.integer(r.state); }},
+            {"transition", [](QORBinder& to, const Record& r) { to.integer(r.transition); }},
+            {"ip", [](QORBinder& to, const Record& r) { to.text(firstAddress(configOf(r))); }},
+            {"memory", [](QORBinder& to, const Record& r) { to.integer(configOf(r).memory); }},
+            {"boot_time", [](QORBinder& to, const Record& r) { to.time(configOf(r).bootTime); }},
+            {"config", [](QORBinder& to, const Record& r) { to.text(documentOf(r.config)); }},
+            {"virtual_config", [](QORBinder& to, const Record& r) { to.text(documentOf(r.virtualConfig)); }},
+            {"updated", [](QORBinder& to, const Record&) { to.time(now()); }},
+        };
+        for (const QOREnvMemberRow& row : envMembers)
+            columns.push_back({row.column, nullptr, bindConfigText, row.member});
+        return Table<Record>("qor_environment", std::move(columns),
+                             {{"eid", [](QORBinder& to, const Record& r) { to.eid(r.eid); }}}, {});
+    }();
+    return table;
+}
+
+/// An operation with what its columns are made of.
+struct StoredOperation {
+    explicit StoredOperation(const QOROperationRecord& from)
+        : record(from), message(serialized(from.message)), package(parameterText(from.message, "package/name")) {
+        if (!package) package = parameterText(from.message, "package");
+    }
+
+    const QOROperationRecord& record;
+    std::optional<std::string> message;
+    std::optional<std::string> package;
+    std::int64_t sequence = 0;
+};
+
+const Table<StoredOperation>& operations() {
+    using Stored = StoredOperation;
+    static const Table<Stored> table(
+        "qor_operation",
+        {
+            {"parent_id", [](QORBinder& to, const Stored& s) { to.text(s.record.parentId); }},
+            {"op", [](QORBinder& to, const Stored& s) { to.text(s.record.op); }},
+            {"status", [](QORBinder& to, const Stored& s) { to.integer(s.record.status); }},
+            {"time", [](QORBinder& to, const Stored& s) { to.time(s.record.time); }},
+            {"eid", [](QORBinder& to, const Stored& s) { to.eid(s.record.eid); }},
+            {"package", [](QORBinder& to, const Stored& s) { to.text(s.package); }},
+            {"version",
+             [](QORBinder& to, const Stored& s) { to.text(parameterText(s.record.message, "package/version")); }},
+            {"message", [](QORBinder& to, const Stored& s) { to.text(s.message); }},
+        },
+        {{"id", [](QORBinder& to, const Stored& s) { to.text(s.record.id); }}},
+        {{"seq", [](QORBinder& to, const Stored& s) { to.integer(s.sequence); }}});
+    return table;
+}
+
+struct StoredEvent {
+    const QOREventRecord& record;
+    std::int64_t sequence;
+};
+
+const Table<StoredEvent>& events() {
+    using Stored = StoredEvent;
+    static const Table<Stored> table(
+        "qor_event",
+        {
+            {"seq", [](QORBinder& to, const Stored& s) { to.integer(s.sequence); }},
+            {"time", [](QORBinder& to, const Stored& s) { to.time(s.record.time); }},
+            {"eid", [](QORBinder& to, const Stored& s) { to.eid(s.record.eid); }},
+            {"source", [](QORBinder& to, const Stored& s) { to.text(s.record.source); }},
+            {"category", [](QORBinder& to, const Stored& s) { to.text(s.record.category); }},
+            {"info", [](QORBinder& to, const Stored& s) { to.text(serialized(s.record.info)); }},
+        },
+        {}, {});
+    return table;
+}
+
+const Table<QORBackupRecord>& backups() {
+    using Record = QORBackupRecord;
+    static const Table<Record> table(
+        "qor_backup",
+        {
+            {"eid", [](QORBinder& to, const Record& r) { to.eid(r.eid); }},
+            {"storage_eid", [](QORBinder& to, const Record& r) { to.eid(r.storageEid); }},
+            {"time", [](QORBinder& to, const Record& r) { to.time(r.time); }},
+            {"size", [](QORBinder& to, const Record& r) { to.integer(r.size); }},
+            {"type", [](QORBinder& to, const Record& r) { to.integer(r.type); }},
+            {"description", [](QORBinder& to, const Record& r) { to.text(r.description); }},
+            {"name", [](QORBinder& to, const Record& r) { to.text(r.name); }},
+            {"hostname", [](QORBinder& to, const Record& r) { to.text(r.hostname); }},
+            {"info", [](QORBinder& to, const Record& r) { to.bytes(serialized(r.info)); }},
+        },
+        {{"id", [](QORBinder& to, const Record& r) { to.text(r.id); }}}, {});
+    return table;
 }
 
 QORPtr<const QOREnvConfig> toConfig(const std::optional<QORConfigRecord>& config) {
-    if (!config) return nullptr;
-    return makeQORPtr<QOREnvConfig>(QOREnvConfigData::fromDocument(config->document));
+    return config ? config->config : nullptr;
 }
 
 QORPtr<const QOREnv> toEnvironment(const QOREnvironmentRecord& record) {
@@ -163,14 +255,9 @@ void RecordWriter::finish() {
 }
 
 QORStored RecordWriter::put(const QOREnvironmentRecord& record) {
-    ASStatement& insert = m_session.prepare(insertEnvironment);
-    bindEnvironment(insert, record);
-    insert.execute();
-    const bool added = m_session.changes() > 0;
+    const bool added = environments().insert(m_session, record);
     if (!added) {
-        ASStatement& update = m_session.prepare(updateEnvironment);
-        bindEnvironment(update, record);
-        update.execute();
+        environments().update(m_session, record);
         m_replaced["qor_environment"].push_back(record.eid.toString());
         ASStatement& clear = m_session.prepare(deleteAddresses);
         QORBinder(clear).eid(record.eid);
@@ -193,15 +280,12 @@ void RecordWriter::putAddresses(const QOREID& eid, std::int64_t source, const st
 }
 
 QORStored RecordWriter::put(const QOROperationRecord& record) {
-    const auto message = serialized(record.message);
-    if (m_keepEqual && isEqual(record, message)) return QORStored::Unchanged;
+    StoredOperation stored(record);
+    if (m_keepEqual && isEqual(record, stored.message)) return QORStored::Unchanged;
     m_counters.begin();
-    const std::int64_t sequence = nextSequence(m_lastOperation, lastOperation);
-    ASStatement& insert = m_session.prepare(insertOperation);
-    bindOperation(insert, record, message).integer(sequence);
-    insert.execute();
-    if (m_session.changes() > 0) {
-        putTouched(sequence, record);
+    stored.sequence = nextSequence(m_lastOperation, lastOperation);
+    if (operations().insert(m_session, stored)) {
+        putTouched(stored.sequence, record);
         return QORStored::Added;
     }
     --m_lastOperation;  // the number was not used: the operation keeps that of its first arrival
@@ -209,9 +293,7 @@ QORStored RecordWriter::put(const QOROperationRecord& record) {
     ASStatement& clear = m_session.prepare(deleteTouched);
     QORBinder(clear).integer(kept);
     clear.execute();
-    ASStatement& update = m_session.prepare(updateOperation);
-    bindOperation(update, record, message);
-    update.execute();
+    operations().update(m_session, stored);
     putTouched(kept, record);
     m_replaced["qor_operation"].push_back(record.id);
     return QORStored::Replaced;
@@ -287,28 +369,14 @@ std::int64_t RecordWriter::nextSequence(std::int64_t& last, const char* select) 
 
 QORStored RecordWriter::put(const QOREventRecord& record) {
     m_counters.begin();
-    const std::int64_t sequence = nextSequence(m_lastEvent, lastEvent);
-    ASStatement& insert = m_session.prepare(insertEvent);
-    QORBinder(insert)
-        .integer(sequence)
-        .time(record.time)
-        .eid(record.eid)
-        .text(record.source)
-        .text(record.category)
-        .text(serialized(record.info));
-    insert.execute();
+    events().insert(m_session, {record, nextSequence(m_lastEvent, lastEvent)});
     if (m_counters.counts() && record.category) m_counters.addEvent(record.time, record.eid, *record.category);
     return QORStored::Added;
 }
 
 QORStored RecordWriter::put(const QORBackupRecord& record) {
-    ASStatement& insert = m_session.prepare(insertBackup);
-    bindBackup(insert, record);
-    insert.execute();
-    if (m_session.changes() > 0) return QORStored::Added;
-    ASStatement& update = m_session.prepare(updateBackup);
-    bindBackup(update, record);
-    update.execute();
+    if (backups().insert(m_session, record)) return QORStored::Added;
+    backups().update(m_session, record);
     m_replaced["qor_backup"].push_back(record.id);
     return QORStored::Replaced;
 }

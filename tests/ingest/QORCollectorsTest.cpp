@@ -54,13 +54,13 @@ TEST_F(QORCollectorsTest, TheMachineIsDescribedFromItsFiles) {
     EXPECT_EQ(record.title, "box.example.com");
     EXPECT_EQ(record.state, 6);
     ASSERT_TRUE(record.config);
-    EXPECT_EQ(record.config->hostname, "box.example.com");
-    EXPECT_EQ(record.config->domain, "example.com");
-    EXPECT_EQ(record.config->description, "Test OS 12");
-    EXPECT_EQ(record.config->osName, "Test \"OS\"");
-    EXPECT_EQ(record.config->osVersion, "12");
-    EXPECT_EQ(record.config->osPlatform, "linux");
-    EXPECT_EQ(record.config->osKernel, "6.1.0-test");
+    EXPECT_EQ(record.config->text(QOREnvMember::Hostname), "box.example.com");
+    EXPECT_EQ(record.config->text(QOREnvMember::Domain), "example.com");
+    EXPECT_EQ(record.config->text(QOREnvMember::Description), "Test OS 12");
+    EXPECT_EQ(record.config->text(QOREnvMember::OsName), "Test \"OS\"");
+    EXPECT_EQ(record.config->text(QOREnvMember::OsVersion), "12");
+    EXPECT_EQ(record.config->text(QOREnvMember::OsPlatform), "linux");
+    EXPECT_EQ(record.config->text(QOREnvMember::OsKernel), "6.1.0-test");
     EXPECT_EQ(record.config->memory, 2048);
     EXPECT_EQ(record.config->bootTime, 1704067200);
     EXPECT_EQ(record.config->document.getParameterByPath("os/kernel"), "6.1.0-test");
@@ -92,7 +92,7 @@ TEST_F(QORCollectorsTest, WhatCannotBeFoundIsLeftOut) {
     ASSERT_TRUE(record.config);
     EXPECT_EQ(record.config->memory, std::nullopt);
     EXPECT_EQ(record.config->bootTime, std::nullopt);
-    EXPECT_EQ(record.config->osVersion, std::nullopt);
+    EXPECT_EQ(record.config->text(QOREnvMember::OsVersion), std::nullopt);
 }
 
 TEST_F(QORCollectorsTest, MachineAndOperationsAreStored) {

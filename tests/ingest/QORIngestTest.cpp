@@ -5,11 +5,14 @@
 
 #include <condition_variable>
 #include <csignal>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <sstream>
 #include <thread>
 
+#include "QORLibAgent/QOREnvCache.h"
+#include "QORLibAgent/QORSecurity.h"
 #include "rdbmspp/engine/AException.h"
 #include "support/HostDatabase.h"
 
@@ -73,6 +76,38 @@ TEST_F(QORIngestTest, EveryKindIsStoredInItsForm) {
                         11),
               (std::vector<Row>{{"b-1", eidA, "<null>", "2024-02-29 12:00:00", "5000000000", "1", "<null>", "<null>",
                                  "<null>", "blob", "<info><veid>101</veid></info>"}}));
+}
+
+TEST_F(QORIngestTest, EveryMemberOfAConfigurationReachesItsColumnAndTheEnvironment) {
+    std::string members;
+    std::string os;
+    std::string columns;
+    Row texts;
+    for (const QOREnvMemberRow& row : envMembers) {
+        std::string& group = row.group.empty() ? members : os;
+        texts.push_back("text of " + std::string(row.column));
+        group += "\"" + std::string(row.name) + "\":\"" + texts.back() + "\",";
+        columns += (columns.empty() ? "" : ", ") + std::string(row.column);
+    }
+    os.pop_back();
+    QOREnvCache cache;
+    setEnvCache(&cache);
+    const auto result = m_ingest.importBatch(std::string(R"({"kind":"environment","eid":")") + eidA +
+                                             "\",\"config\":{" + members + "\"os\":{" + os + "}}}");
+    EXPECT_EQ(result.accepted(), 1U);
+    EXPECT_EQ(queryRows("SELECT " + columns + " FROM vEnvironment", envMemberCount), (std::vector<Row>{texts}));
+    const auto everybody = std::make_shared<QORClientContext>();
+    everybody->fullAccess = true;
+    const QORClientContextScope scope(everybody);
+    const auto stored = cache.getEnvCopy(QOREID(*QORGUIDBase::parse(eidA)));
+    QOREnvCache read;
+    read.load();
+    const auto again = read.getEnvCopy(QOREID(*QORGUIDBase::parse(eidA)));
+    ASSERT_TRUE(stored && again);
+    for (std::size_t i = 0; i < envMemberCount; ++i) {
+        EXPECT_EQ(stored->getConfig()->text(envMembers[i].member), texts[i]);
+        EXPECT_EQ(again->getConfig()->text(envMembers[i].member), texts[i]);
+    }
 }
 
 TEST_F(QORIngestTest, DocumentsOfBackupsAreNeitherCutNorMixed) {

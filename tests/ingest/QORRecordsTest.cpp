@@ -40,25 +40,43 @@ TEST(QORRecordsTest, AnEnvironmentWithEverything) {
     EXPECT_EQ(record.state, 6);
     EXPECT_EQ(record.transition, -1);
     ASSERT_TRUE(record.config);
-    EXPECT_EQ(record.config->name, "n");
-    EXPECT_EQ(record.config->description, "d");
-    EXPECT_EQ(record.config->domain, "example.com");
-    EXPECT_EQ(record.config->hostname, "web1");
-    EXPECT_EQ(record.config->architecture, "x86_64");
-    EXPECT_EQ(record.config->type, "host");
-    EXPECT_EQ(record.config->osName, "Debian");
-    EXPECT_EQ(record.config->osPlatform, "linux");
-    EXPECT_EQ(record.config->osVersion, "12");
-    EXPECT_EQ(record.config->osKernel, "6.1");
+    EXPECT_EQ(record.config->text(QOREnvMember::Name), "n");
+    EXPECT_EQ(record.config->text(QOREnvMember::Description), "d");
+    EXPECT_EQ(record.config->text(QOREnvMember::Domain), "example.com");
+    EXPECT_EQ(record.config->text(QOREnvMember::Hostname), "web1");
+    EXPECT_EQ(record.config->text(QOREnvMember::Architecture), "x86_64");
+    EXPECT_EQ(record.config->text(QOREnvMember::Type), "host");
+    EXPECT_EQ(record.config->text(QOREnvMember::OsName), "Debian");
+    EXPECT_EQ(record.config->text(QOREnvMember::OsPlatform), "linux");
+    EXPECT_EQ(record.config->text(QOREnvMember::OsVersion), "12");
+    EXPECT_EQ(record.config->text(QOREnvMember::OsKernel), "6.1");
     EXPECT_EQ(record.config->addresses, (std::vector<std::string>{"10.0.0.1", "10.0.0.2"}));
     EXPECT_EQ(record.config->memory, 2048);
     EXPECT_EQ(record.config->bootTime, 1704067200);
     EXPECT_EQ(record.config->document.getParameterByPath("os/version"), "12");
     EXPECT_EQ(record.config->document.children().back().value(), "b");
     ASSERT_TRUE(record.virtualConfig);
-    EXPECT_EQ(record.virtualConfig->hostname, "inner");
-    EXPECT_EQ(record.virtualConfig->name, std::nullopt);
+    EXPECT_EQ(record.virtualConfig->text(QOREnvMember::Hostname), "inner");
+    EXPECT_EQ(record.virtualConfig->text(QOREnvMember::Name), std::nullopt);
     EXPECT_EQ(record.virtualConfig->document.getParameterByPath("base_sample_id"), "s");
+}
+
+TEST(QORRecordsTest, NullIsNoTextInAColumnAndTheEmptyOneInTheConfiguration) {
+    const auto record = parsed<QOREnvironmentRecord>(
+        std::string(R"({"kind":"environment","eid":")") + eidA +
+        R"(","config":{"name":null,"domain":"","os":{"kernel":null,"version":""},"ip":["","10.0.0.1"]}})");
+    ASSERT_TRUE(record.config);
+    EXPECT_EQ(record.config->text(QOREnvMember::Name), std::nullopt);
+    EXPECT_EQ(record.config->text(QOREnvMember::Domain), "");
+    EXPECT_EQ(record.config->text(QOREnvMember::OsKernel), std::nullopt);
+    EXPECT_EQ(record.config->text(QOREnvMember::OsVersion), "");
+    EXPECT_EQ(record.config->text(QOREnvMember::Hostname), std::nullopt);
+    EXPECT_EQ(record.config->addresses, (std::vector<std::string>{"", "10.0.0.1"}));
+    const QOREnvConfig& config = *record.config->config;
+    for (const QOREnvMember member : {QOREnvMember::Name, QOREnvMember::Domain, QOREnvMember::OsKernel})
+        EXPECT_EQ(config.text(member), "");
+    EXPECT_EQ(config.text(QOREnvMember::Hostname), std::nullopt);
+    EXPECT_EQ(config.addresses(), (std::vector<std::string>{"10.0.0.1"}));
 }
 
 TEST(QORRecordsTest, AnEnvironmentWithTheLeast) {

@@ -17,6 +17,11 @@ QOR_API std::string time2str(std::int64_t seconds);
 /// "YYYY-MM-DD HH:MM:SS", the form in which the database keeps times; 19 characters for years 0 to 9999.
 QOR_API std::string time2dbstr(std::int64_t seconds);
 
+/// The times that have 19 characters there, which is what the database orders by: "0000-01-01 00:00:00" to
+/// "9999-12-31 23:59:59".
+inline constexpr std::int64_t firstDbSecond = -62167219200;
+inline constexpr std::int64_t lastDbSecond = 253402300799;
+
 /// Reads a date "YYYY-MM-DD", or a date and a time separated by 'T' or one space: "HH:MM" or "HH:MM:SS", an optional
 /// fraction of a second after '.' (read and ignored), then optionally 'Z' or an offset "+HH:MM", "+HHMM" or "+HH"
 /// (or with '-'). Without an offset the time is UTC. The calendar is checked.

@@ -1,6 +1,6 @@
 #include "QORLibAgent/QOREnv.h"
 
-#include <array>
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -14,39 +14,13 @@ namespace {
 constexpr std::string_view osMember = "os";
 constexpr std::string_view addressMember = "ip";
 
-struct TextMember {
-    std::string_view name;
-    std::optional<std::string> QOREnvConfigData::*value;
-};
-
-constexpr std::array<TextMember, 6> textMembers{{
-    {"name", &QOREnvConfigData::name},
-    {"description", &QOREnvConfigData::description},
-    {"domain", &QOREnvConfigData::domain},
-    {"hostname", &QOREnvConfigData::hostname},
-    {"architecture", &QOREnvConfigData::architecture},
-    {"type", &QOREnvConfigData::type},
-}};
-
-struct OsMember {
-    std::string_view name;
-    std::optional<std::string> QOROSInfo::*value;
-};
-
-constexpr std::array<OsMember, 4> osMembers{{
-    {"name", &QOROSInfo::name},
-    {"platform", &QOROSInfo::platform},
-    {"version", &QOROSInfo::version},
-    {"kernel", &QOROSInfo::kernel},
-}};
-
-/// Takes the parameter when it is one of the members and the first of its name.
-template <class Owner, class Members>
-bool takeMember(const QORInfo& parameter, const Members& members, Owner& owner) {
-    for (const auto& member : members) {
-        if (member.name != parameter.name() || !parameter.children().empty()) continue;
-        if (owner.*member.value) return false;
-        owner.*member.value = parameter.value();
+/// Takes the parameter when it is one of the group's members and the first of its name.
+bool takeMember(const QORInfo& parameter, std::string_view group, QOREnvConfigData& config) {
+    for (const QOREnvMemberRow& row : envMembers) {
+        if (row.group != group || row.name != parameter.name() || !parameter.children().empty()) continue;
+        auto& text = config[row.member];
+        if (text) return false;
+        text = parameter.value();
         return true;
     }
     return false;
@@ -55,7 +29,7 @@ bool takeMember(const QORInfo& parameter, const Members& members, Owner& owner) 
 void takeOs(const QORInfo& os, QOREnvConfigData& config) {
     QORInfo further{std::string(osMember)};
     for (const QORInfo& parameter : os.children()) {
-        if (!takeMember(parameter, osMembers, config.os)) further.add(parameter);
+        if (!takeMember(parameter, osMember, config)) further.add(parameter);
     }
     if (!further.children().empty()) config.further.add(std::move(further));
 }
@@ -68,7 +42,12 @@ void takeParameter(const QORInfo& parameter, QOREnvConfigData& config) {
         config.addresses->push_back(parameter.value());
         return;
     }
-    if (!takeMember(parameter, textMembers, config)) config.further.add(parameter);
+    if (!takeMember(parameter, {}, config)) config.further.add(parameter);
+}
+
+bool hasMember(const QOREnvConfig& config, std::string_view group) {
+    return std::any_of(envMembers.begin(), envMembers.end(),
+                       [&](const QOREnvMemberRow& row) { return row.group == group && config.text(row.member); });
 }
 
 /// Puts parts of an environment under a cursor; remembers whether any did not fit.
@@ -115,13 +94,8 @@ public:
     }
 
     void config(const QOREnvConfig& config) {
-        text("name", config.name());
-        text("description", config.description());
-        text("domain", config.domain());
-        text("hostname", config.hostname());
-        text("architecture", config.architecture());
-        text("type", config.type());
-        os(config.os(), config.further().getParameter(osMember));
+        members(config, {});
+        os(config, config.further().getParameter(osMember));
         if (config.addresses()) {
             for (const std::string& address : *config.addresses())
                 text(addressMember, std::string_view(address));
@@ -154,11 +128,16 @@ private:
         if (m_fits) check(m_at.seekUp());
     }
 
-    void os(const QOROSInfo& os, const QORInfo* further) {
-        if (os == QOROSInfo() && further == nullptr) return;
+    void members(const QOREnvConfig& config, std::string_view group) {
+        for (const QOREnvMemberRow& row : envMembers) {
+            if (row.group == group) text(row.name, config.text(row.member));
+        }
+    }
+
+    void os(const QOREnvConfig& config, const QORInfo* further) {
+        if (!hasMember(config, osMember) && further == nullptr) return;
         inside(osMember, [&] {
-            for (const OsMember& member : osMembers)
-                text(member.name, os.*member.value);
+            members(config, osMember);
             if (further != nullptr) content(*further);
         });
     }

@@ -3,10 +3,13 @@
 /// configurations. Immutable once made and shared by reference counting, so that any thread may read one.
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "QORCommon/QORExport.h"
@@ -19,31 +22,65 @@ namespace QOR {
 
 class QORMessageIterator;
 
-/// What is known of an operating system.
-struct QOROSInfo {
-    std::optional<std::string> name;
-    std::optional<std::string> platform;
-    std::optional<std::string> version;
-    std::optional<std::string> kernel;
-
-    friend bool operator==(const QOROSInfo&, const QOROSInfo&) = default;
+/// The members of a configuration that are texts with a place of their own.
+enum class QOREnvMember : std::uint8_t {
+    Name,
+    Description,
+    Domain,
+    Hostname,
+    Architecture,
+    Type,
+    OsName,
+    OsPlatform,
+    OsVersion,
+    OsKernel,
+    Count,  ///< how many there are
 };
+
+/// How one of them is called.
+struct QOREnvMemberRow {
+    QOREnvMember member;
+    std::string_view group;   ///< the member that it is a member of, "" for none
+    std::string_view name;    ///< in its group
+    std::string_view column;  ///< of the table of environments
+};
+
+/// All of them, in the order in which they are written, a group in one piece. Reading, checking, writing and storing
+/// them is made of these rows: a new member is an enumerator and a row here, and a step of the schema for its column.
+inline constexpr std::size_t envMemberCount = static_cast<std::size_t>(QOREnvMember::Count);
+inline constexpr std::array<QOREnvMemberRow, envMemberCount> envMembers{{
+    {QOREnvMember::Name, "", "name", "name"},
+    {QOREnvMember::Description, "", "description", "description"},
+    {QOREnvMember::Domain, "", "domain", "domain"},
+    {QOREnvMember::Hostname, "", "hostname", "hostname"},
+    {QOREnvMember::Architecture, "", "architecture", "architecture"},
+    {QOREnvMember::Type, "", "type", "type"},
+    {QOREnvMember::OsName, "os", "name", "os_name"},
+    {QOREnvMember::OsPlatform, "os", "platform", "os_platform"},
+    {QOREnvMember::OsVersion, "os", "version", "os_version"},
+    {QOREnvMember::OsKernel, "os", "kernel", "os_kernel"},
+}};
+
+/// Whether each row stands in the place of its member.
+constexpr bool areEnvMembersInOrder() {
+    for (std::size_t i = 0; i < envMemberCount; ++i) {
+        if (envMembers[i].member != static_cast<QOREnvMember>(i)) return false;
+    }
+    return true;
+}
+static_assert(areEnvMembersInOrder());
 
 /// A configuration while it is put together. A member that is not known is empty.
 struct QOREnvConfigData {
-    std::optional<std::string> name;
-    std::optional<std::string> description;
-    std::optional<std::string> domain;
-    std::optional<std::string> hostname;
-    std::optional<std::string> architecture;
-    std::optional<std::string> type;
-    QOROSInfo os;
+    std::array<std::optional<std::string>, envMemberCount> texts;
     std::optional<std::vector<std::string>> addresses;
     QORInfo further;  ///< the members beyond these: the children of a nameless document, "os" among them when the
                       ///< operating system has further members
 
-    /// Reads a configuration from the document that holds all its members: name, description, domain, hostname,
-    /// architecture, type, os with name, platform, version and kernel, ip (once an address), and any others.
+    std::optional<std::string>& operator[](QOREnvMember member) { return texts[static_cast<std::size_t>(member)]; }
+
+    /// Reads a configuration from the document that holds all its members: those of envMembers, ip (once an address),
+    /// and any others.
     QOR_API static QOREnvConfigData fromDocument(const QORInfo& document);
 
     friend bool operator==(const QOREnvConfigData&, const QOREnvConfigData&) = default;
@@ -57,14 +94,9 @@ public:
     explicit QOREnvConfig(QOREnvConfigData data) : m_data(std::move(data)) {}
     ~QOREnvConfig() override;
 
-    const std::optional<std::string>& name() const noexcept { return m_data.name; }
-    const std::optional<std::string>& description() const noexcept { return m_data.description; }
-    const std::optional<std::string>& domain() const noexcept { return m_data.domain; }
-    const std::optional<std::string>& hostname() const noexcept { return m_data.hostname; }
-    const std::optional<std::string>& architecture() const noexcept { return m_data.architecture; }
-    /// The name of the type, e.g. "container".
-    const std::optional<std::string>& type() const noexcept { return m_data.type; }
-    const QOROSInfo& os() const noexcept { return m_data.os; }
+    const std::optional<std::string>& text(QOREnvMember member) const noexcept {
+        return m_data.texts[static_cast<std::size_t>(member)];
+    }
     /// In the order in which they were configured.
     const std::optional<std::vector<std::string>>& addresses() const noexcept { return m_data.addresses; }
     /// Members beyond these.
@@ -115,10 +147,10 @@ private:
 
 /// Appends the environment as a child `id` (usually tag::env) of the current element, with children eid, parent_eid,
 /// title, state, transition, config and virtual_config. A configuration's children bear the names of its members:
-/// name, description, domain, hostname, architecture, type, os (name, platform, version, kernel), ip once an address,
-/// then the further members, nested as they are. What is not known is left out. The cursor stays where it is.
-/// A member without a name has no element. The message must allow for QORInfo::maxDepth and four levels more.
-/// \returns 0; non-zero when it does not fit, with the cursor somewhere in what was appended so far
+/// those of envMembers in their order, ip once an address, then the further members, nested as they are. What is not
+/// known is left out. The cursor stays where it is. A member without a name has no element. The message must allow for
+/// QORInfo::maxDepth and four levels more. \returns 0; non-zero when it does not fit, with the cursor somewhere in what
+/// was appended so far
 QOR_API int putObj(QORMessageIterator& at, QORTag id, const QOREnv& env);
 
 /// Appends an info document as a child `id`: its parameters are nested elements of their names, its text the text.

@@ -37,11 +37,9 @@ inline constexpr QORFieldGetter getFieldValueEnvTitle = getFieldValueOfView<view
 inline constexpr QORFieldGetter getFieldValueEnvState = getFieldValueOfView<viewEnvState>;
 inline constexpr QORFieldGetter getFieldValueEnvTransition = getFieldValueOfView<viewEnvTransition>;
 
-/// Properties of a configuration, and of its operating system.
-template <QOREnvConfigOf ConfigOf, auto Property>
-inline constexpr QORFieldGetter getConfigValue = getFieldValueOfView<viewConfigValue<ConfigOf, Property>>;
-template <QOREnvConfigOf ConfigOf, auto Property>
-inline constexpr QORFieldGetter getConfigOSValue = getFieldValueOfView<viewConfigOSValue<ConfigOf, Property>>;
+/// Members of a configuration.
+template <QOREnvConfigOf ConfigOf, QOREnvMember Member>
+inline constexpr QORFieldGetter getConfigValue = getFieldValueOfView<viewConfigValue<ConfigOf, Member>>;
 
 /// The address at the index.
 std::string getIP(const std::optional<std::vector<std::string>>& addresses, bool& last, int index);
@@ -57,30 +55,30 @@ std::string getConfigIP(const QORArg& row, const QORField*, bool& last, int inde
 template <QOREnvConfigOf ConfigOf>
 inline constexpr QORFieldGetter getConfigIPText = getFieldValueOfView<viewConfigIP<ConfigOf>>;
 
-inline constexpr QORFieldGetter getFieldValueConfigName = getConfigValue<configOf, &QOREnvConfig::name>;
-inline constexpr QORFieldGetter getFieldValueConfigDescription = getConfigValue<configOf, &QOREnvConfig::description>;
-inline constexpr QORFieldGetter getFieldValueConfigDomain = getConfigValue<configOf, &QOREnvConfig::domain>;
-inline constexpr QORFieldGetter getFieldValueConfigHostname = getConfigValue<configOf, &QOREnvConfig::hostname>;
-inline constexpr QORFieldGetter getFieldValueConfigArchitecture = getConfigValue<configOf, &QOREnvConfig::architecture>;
-inline constexpr QORFieldGetter getFieldValueConfigType = getConfigValue<configOf, &QOREnvConfig::type>;
-inline constexpr QORFieldGetter getFieldValueConfigOSname = getConfigOSValue<configOf, &QOROSInfo::name>;
-inline constexpr QORFieldGetter getFieldValueConfigOSplatform = getConfigOSValue<configOf, &QOROSInfo::platform>;
-inline constexpr QORFieldGetter getFieldValueConfigOSversion = getConfigOSValue<configOf, &QOROSInfo::version>;
-inline constexpr QORFieldGetter getFieldValueConfigOSkernel = getConfigOSValue<configOf, &QOROSInfo::kernel>;
+inline constexpr QORFieldGetter getFieldValueConfigName = getConfigValue<configOf, QOREnvMember::Name>;
+inline constexpr QORFieldGetter getFieldValueConfigDescription = getConfigValue<configOf, QOREnvMember::Description>;
+inline constexpr QORFieldGetter getFieldValueConfigDomain = getConfigValue<configOf, QOREnvMember::Domain>;
+inline constexpr QORFieldGetter getFieldValueConfigHostname = getConfigValue<configOf, QOREnvMember::Hostname>;
+inline constexpr QORFieldGetter getFieldValueConfigArchitecture = getConfigValue<configOf, QOREnvMember::Architecture>;
+inline constexpr QORFieldGetter getFieldValueConfigType = getConfigValue<configOf, QOREnvMember::Type>;
+inline constexpr QORFieldGetter getFieldValueConfigOSname = getConfigValue<configOf, QOREnvMember::OsName>;
+inline constexpr QORFieldGetter getFieldValueConfigOSplatform = getConfigValue<configOf, QOREnvMember::OsPlatform>;
+inline constexpr QORFieldGetter getFieldValueConfigOSversion = getConfigValue<configOf, QOREnvMember::OsVersion>;
+inline constexpr QORFieldGetter getFieldValueConfigOSkernel = getConfigValue<configOf, QOREnvMember::OsKernel>;
 inline constexpr QORFieldGetter getFieldValueConfigIPText = getConfigIPText<configOf>;
 inline constexpr QORFieldGetter getFieldValueConfigIP = getConfigIP<configOf>;
 
-inline constexpr QORFieldGetter getFieldValueVConfigName = getConfigValue<vconfigOf, &QOREnvConfig::name>;
-inline constexpr QORFieldGetter getFieldValueVConfigDescription = getConfigValue<vconfigOf, &QOREnvConfig::description>;
-inline constexpr QORFieldGetter getFieldValueVConfigDomain = getConfigValue<vconfigOf, &QOREnvConfig::domain>;
-inline constexpr QORFieldGetter getFieldValueVConfigHostname = getConfigValue<vconfigOf, &QOREnvConfig::hostname>;
+inline constexpr QORFieldGetter getFieldValueVConfigName = getConfigValue<vconfigOf, QOREnvMember::Name>;
+inline constexpr QORFieldGetter getFieldValueVConfigDescription = getConfigValue<vconfigOf, QOREnvMember::Description>;
+inline constexpr QORFieldGetter getFieldValueVConfigDomain = getConfigValue<vconfigOf, QOREnvMember::Domain>;
+inline constexpr QORFieldGetter getFieldValueVConfigHostname = getConfigValue<vconfigOf, QOREnvMember::Hostname>;
 inline constexpr QORFieldGetter getFieldValueVConfigArchitecture =
-    getConfigValue<vconfigOf, &QOREnvConfig::architecture>;
-inline constexpr QORFieldGetter getFieldValueVConfigType = getConfigValue<vconfigOf, &QOREnvConfig::type>;
-inline constexpr QORFieldGetter getFieldValueVConfigOSname = getConfigOSValue<vconfigOf, &QOROSInfo::name>;
-inline constexpr QORFieldGetter getFieldValueVConfigOSplatform = getConfigOSValue<vconfigOf, &QOROSInfo::platform>;
-inline constexpr QORFieldGetter getFieldValueVConfigOSversion = getConfigOSValue<vconfigOf, &QOROSInfo::version>;
-inline constexpr QORFieldGetter getFieldValueVConfigOSkernel = getConfigOSValue<vconfigOf, &QOROSInfo::kernel>;
+    getConfigValue<vconfigOf, QOREnvMember::Architecture>;
+inline constexpr QORFieldGetter getFieldValueVConfigType = getConfigValue<vconfigOf, QOREnvMember::Type>;
+inline constexpr QORFieldGetter getFieldValueVConfigOSname = getConfigValue<vconfigOf, QOREnvMember::OsName>;
+inline constexpr QORFieldGetter getFieldValueVConfigOSplatform = getConfigValue<vconfigOf, QOREnvMember::OsPlatform>;
+inline constexpr QORFieldGetter getFieldValueVConfigOSversion = getConfigValue<vconfigOf, QOREnvMember::OsVersion>;
+inline constexpr QORFieldGetter getFieldValueVConfigOSkernel = getConfigValue<vconfigOf, QOREnvMember::OsKernel>;
 inline constexpr QORFieldGetter getFieldValueVConfigIPText = getConfigIPText<vconfigOf>;
 inline constexpr QORFieldGetter getFieldValueVConfigIP = getConfigIP<vconfigOf>;
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
+#include <utility>
 
 #include "QORLibAgent/QOREnvCache.h"
 #include "QORPager/QORFieldGetters.h"
@@ -91,9 +93,9 @@ template <QOREnvConfigOf ConfigOf, auto Property>
 const void* placeOfConfigValue(const QOREnv& env) {
     return &std::invoke(Property, *(env.*ConfigOf)());
 }
-template <QOREnvConfigOf ConfigOf, auto Property>
-const void* placeOfConfigOSValue(const QOREnv& env) {
-    return &std::invoke(Property, (env.*ConfigOf)()->os());
+template <QOREnvConfigOf ConfigOf, QOREnvMember Member>
+const void* placeOfMember(const QOREnv& env) {
+    return &(env.*ConfigOf)()->text(Member);
 }
 
 /// How the fields of one getter are read.
@@ -103,27 +105,20 @@ struct ViewRow {
     PlaceOf place = nullptr;
 };
 
-template <QOREnvConfigOf ConfigOf, auto Property>
-constexpr ViewRow configRow{getConfigValue<ConfigOf, Property>, viewConfigValue<ConfigOf, Property>,
-                            placeOfConfigValue<ConfigOf, Property>};
-template <QOREnvConfigOf ConfigOf, auto Property>
-constexpr ViewRow configOSRow{getConfigOSValue<ConfigOf, Property>, viewConfigOSValue<ConfigOf, Property>,
-                              placeOfConfigOSValue<ConfigOf, Property>};
+template <QOREnvConfigOf ConfigOf, QOREnvMember Member>
+constexpr ViewRow configRow{getConfigValue<ConfigOf, Member>, viewConfigValue<ConfigOf, Member>,
+                            placeOfMember<ConfigOf, Member>};
+template <QOREnvConfigOf ConfigOf, std::size_t... member>
+constexpr auto makeConfigRows(std::index_sequence<member...>) {
+    constexpr PlaceOf addresses = placeOfConfigValue<ConfigOf, &QOREnvConfig::addresses>;
+    return std::array{
+        configRow<ConfigOf, static_cast<QOREnvMember>(member)>...,
+        ViewRow{getConfigIPText<ConfigOf>, viewConfigIP<ConfigOf>, addresses},
+        ViewRow{getConfigIP<ConfigOf>, viewConfigIP<ConfigOf>, addresses},
+    };
+}
 template <QOREnvConfigOf ConfigOf>
-constexpr std::array<ViewRow, 12> configRows{{
-    configRow<ConfigOf, &QOREnvConfig::name>,
-    configRow<ConfigOf, &QOREnvConfig::description>,
-    configRow<ConfigOf, &QOREnvConfig::domain>,
-    configRow<ConfigOf, &QOREnvConfig::hostname>,
-    configRow<ConfigOf, &QOREnvConfig::architecture>,
-    configRow<ConfigOf, &QOREnvConfig::type>,
-    configOSRow<ConfigOf, &QOROSInfo::name>,
-    configOSRow<ConfigOf, &QOROSInfo::platform>,
-    configOSRow<ConfigOf, &QOROSInfo::version>,
-    configOSRow<ConfigOf, &QOROSInfo::kernel>,
-    {getConfigIPText<ConfigOf>, viewConfigIP<ConfigOf>, placeOfConfigValue<ConfigOf, &QOREnvConfig::addresses>},
-    {getConfigIP<ConfigOf>, viewConfigIP<ConfigOf>, placeOfConfigValue<ConfigOf, &QOREnvConfig::addresses>},
-}};
+constexpr auto configRows = makeConfigRows<ConfigOf>(std::make_index_sequence<envMemberCount>());
 
 constexpr std::array<ViewRow, 7> envRows{{
     {getFieldValueEID, viewEID},
@@ -165,7 +160,8 @@ std::string_view viewParentHostname(const QOREnv& env, QORViewScratch& scratch) 
     const QOREnvCache* const cache = envCache();
     if (!env.getParentEID().isValid() || cache == nullptr) return {};
     scratch.held = cache->getEnvCopy(env.getParentEID());
-    return scratch.held == nullptr ? std::string_view() : fieldView(scratch.held->getConfig()->hostname());
+    return scratch.held == nullptr ? std::string_view()
+                                   : fieldView(scratch.held->getConfig()->text(QOREnvMember::Hostname));
 }
 
 std::string_view viewEnvTitle(const QOREnv& env, QORViewScratch&) {

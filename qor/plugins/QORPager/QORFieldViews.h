@@ -4,7 +4,6 @@
 #pragma once
 
 #include <array>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -52,16 +51,10 @@ struct QORFurtherMember {
 };
 QORFurtherMember findFurtherMember(const QOREnv& env, const QORField& field);
 
-/// A property of a configuration.
-template <QOREnvConfigOf ConfigOf, auto Property>
+/// A member of a configuration.
+template <QOREnvConfigOf ConfigOf, QOREnvMember Member>
 std::string_view viewConfigValue(const QOREnv& env, QORViewScratch&) {
-    return fieldView(std::invoke(Property, *(env.*ConfigOf)()));
-}
-
-/// A property of a configuration's operating system.
-template <QOREnvConfigOf ConfigOf, auto Property>
-std::string_view viewConfigOSValue(const QOREnv& env, QORViewScratch&) {
-    return fieldView(std::invoke(Property, (env.*ConfigOf)()->os()));
+    return fieldView((env.*ConfigOf)()->text(Member));
 }
 
 /// The first address of a configuration.

@@ -60,12 +60,12 @@ void expectExample(const QOREnv& env) {
     EXPECT_EQ(env.getTitle(), "web");
     EXPECT_EQ(env.getStatus().state, 6);
     EXPECT_EQ(env.getStatus().transition, 1);
-    EXPECT_EQ(env.getConfig()->hostname(), "web1");
-    EXPECT_EQ(env.getConfig()->domain(), std::nullopt);
-    EXPECT_EQ(env.getConfig()->os().kernel, "6.1");
+    EXPECT_EQ(env.getConfig()->text(QOREnvMember::Hostname), "web1");
+    EXPECT_EQ(env.getConfig()->text(QOREnvMember::Domain), std::nullopt);
+    EXPECT_EQ(env.getConfig()->text(QOREnvMember::OsKernel), "6.1");
     ASSERT_TRUE(env.getConfig()->addresses());
     EXPECT_THAT(*env.getConfig()->addresses(), ElementsAre("10.0.0.1", "10.0.0.2"));
-    EXPECT_EQ(env.getVirtualConfig()->name(), "v");
+    EXPECT_EQ(env.getVirtualConfig()->text(QOREnvMember::Name), "v");
     EXPECT_EQ(env.getVirtualConfig()->addresses(), std::nullopt);
 }
 

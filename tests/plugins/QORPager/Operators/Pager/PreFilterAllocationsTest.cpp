@@ -16,8 +16,8 @@ namespace {
 QORPtr<const QOREnv> envWithLongTexts(int number) {
     const std::string tail = std::to_string(number) + std::string(static_cast<std::size_t>(20 + number % 200), 'x');
     QOREnvConfigData data;
-    data.hostname = (number % 2 == 0 ? "web" : "mail") + tail;
-    data.os.name = "an operating system with a long name " + tail;
+    data[QOREnvMember::Hostname] = (number % 2 == 0 ? "web" : "mail") + tail;
+    data[QOREnvMember::OsName] = "an operating system with a long name " + tail;
     data.addresses = {{"2001:0db8:0000:0000:0000:0000:0000:" + std::to_string(number), "10.0.0.1"}};
     data.further.add("memory", std::to_string(number * 1000));
     data.further.add("note", "a note " + tail);

@@ -31,13 +31,16 @@ inline QORInfo parameter(std::string name, std::vector<std::pair<std::string, st
 /// A configuration whose texts all begin with the prefix.
 inline QORPtr<const QOREnvConfig> fullConfig(const std::string& prefix) {
     QOREnvConfigData data;
-    data.name = prefix + "name";
-    data.description = prefix + "description";
-    data.domain = prefix + "domain";
-    data.hostname = prefix + "hostname";
-    data.architecture = prefix + "architecture";
-    data.type = prefix + "type";
-    data.os = {prefix + "os", prefix + "platform", prefix + "version", prefix + "kernel"};
+    data[QOREnvMember::Name] = prefix + "name";
+    data[QOREnvMember::Description] = prefix + "description";
+    data[QOREnvMember::Domain] = prefix + "domain";
+    data[QOREnvMember::Hostname] = prefix + "hostname";
+    data[QOREnvMember::Architecture] = prefix + "architecture";
+    data[QOREnvMember::Type] = prefix + "type";
+    data[QOREnvMember::OsName] = prefix + "os";
+    data[QOREnvMember::OsPlatform] = prefix + "platform";
+    data[QOREnvMember::OsVersion] = prefix + "version";
+    data[QOREnvMember::OsKernel] = prefix + "kernel";
     data.addresses = {{prefix + "1", prefix + "2", prefix + "3"}};
     data.further.add("base_sample_id", prefix + "sample");
     data.further.add("base_snapshot_id", prefix + "snapshot");
