@@ -312,7 +312,6 @@ QORPruneStep compact() {
     return {static_cast<std::uint64_t>(std::max<std::int64_t>(before - after, 0) * size), false};
 }
 
-constexpr std::int64_t endOfTime = 253402300799;  // 9999-12-31 23:59:59
 constexpr const char* logs[] = {"qor_operation", "qor_event"};
 
 std::int64_t now() {
@@ -334,7 +333,7 @@ void keepRecords(std::uint64_t records, const std::stop_token& stop) {
             reading([&](ASSession& session) { return number(session, "SELECT count(*) FROM " + std::string(log)); });
         std::int64_t surplus = count - static_cast<std::int64_t>(records);
         while (surplus > 0 && !stop.stop_requested()) {
-            const std::uint64_t removed = removeOldest(log, endOfTime, std::min(surplus, recordsOfTransaction));
+            const std::uint64_t removed = removeOldest(log, lastDbSecond, std::min(surplus, recordsOfTransaction));
             if (removed == 0) break;
             surplus -= static_cast<std::int64_t>(removed);
         }
@@ -359,7 +358,7 @@ std::pair<std::uint64_t, std::string> usage() {
 void keepBytes(std::uint64_t bytes, const std::stop_token& stop) {
     while (!stop.stop_requested()) {
         const auto [used, log] = usage();
-        if (used <= bytes || log.empty() || removeOldest(log, endOfTime) == 0) return;
+        if (used <= bytes || log.empty() || removeOldest(log, lastDbSecond) == 0) return;
     }
 }
 

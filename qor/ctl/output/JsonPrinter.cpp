@@ -11,56 +11,11 @@ void appendBinary(std::string_view bytes, std::string& out) {
     out += "\"}";
 }
 
-void appendEscaped(char c, std::string& out) {
-    switch (c) {
-        case '"':
-            out += "\\\"";
-            return;
-        case '\\':
-            out += "\\\\";
-            return;
-        case '\n':
-            out += "\\n";
-            return;
-        case '\r':
-            out += "\\r";
-            return;
-        case '\t':
-            out += "\\t";
-            return;
-        default:
-            break;
-    }
-    constexpr std::string_view digits = "0123456789abcdef";
-    const auto byte = static_cast<unsigned char>(c);
-    out += "\\u00";
-    out += digits[byte >> 4U];
-    out += digits[byte & 15U];
-}
-
-constexpr bool isPlain(char c) {
-    return static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\';
-}
-
-/// \pre UTF-8
-void appendString(std::string_view text, std::string& out) {
-    out += '"';
-    for (std::size_t at = 0; at < text.size();) {
-        std::size_t end = at;
-        while (end < text.size() && isPlain(text[end]))
-            ++end;
-        out.append(text, at, end - at);
-        if (end < text.size()) appendEscaped(text[end++], out);
-        at = end;
-    }
-    out += '"';
-}
-
 }  // namespace
 
 void appendJsonText(std::string_view text, std::string& out) {
     if (isUtf8(text))
-        appendString(text, out);
+        appendJsonString(text, out);
     else
         appendBinary(text, out);
 }
@@ -69,7 +24,7 @@ void JsonPrinter::begin(std::span<const std::string> names) {
     for (const std::string& name : names) {
         std::string member;
         // A member's name is a string in any case; what is not UTF-8 is shown as people see it.
-        appendString(isUtf8(name) ? name : quoteText(name), member);
+        appendJsonString(isUtf8(name) ? name : quoteText(name), member);
         m_members.push_back(member + ":");
     }
     m_out << (m_withCounts ? "{\"rows\":[" : "[");

@@ -1,5 +1,6 @@
 #include "QORCommon/QORText.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -52,22 +53,18 @@ std::size_t sequenceLength(std::string_view text, std::size_t at) noexcept {
     return length;
 }
 
-void appendEscape(std::uint8_t byte, std::string& out) {
+/// A byte behind a backslash. \param prefix of one that is written as two hexadecimal digits
+void appendEscape(std::uint8_t byte, std::string_view prefix, std::string& out) {
     constexpr std::string_view digits = "0123456789abcdef";
-    switch (byte) {
-        case '\n':
-            out += "\\n";
-            return;
-        case '\r':
-            out += "\\r";
-            return;
-        case '\t':
-            out += "\\t";
-            return;
-        default:
-            break;
+    constexpr std::string_view plain = "\n\r\t\"\\";
+    constexpr std::string_view letters = "nrt\"\\";
+    out += '\\';
+    const std::size_t known = plain.find(static_cast<char>(byte));
+    if (known != std::string_view::npos) {
+        out += letters[known];
+        return;
     }
-    out += "\\x";
+    out += prefix;
     out += digits[byte >> 4];
     out += digits[byte & 15];
 }
@@ -112,7 +109,7 @@ std::string quoteText(std::string_view text, std::size_t most) {
             break;
         }
         if (length == 0 || byte < 0x20 || byte == 0x7F) {
-            appendEscape(byte, out);
+            appendEscape(byte, "x", out);
             ++at;
             continue;
         }
@@ -122,6 +119,18 @@ std::string quoteText(std::string_view text, std::size_t most) {
     }
     out += '"';
     return out;
+}
+
+void appendJsonString(std::string_view text, std::string& out) {
+    const auto isPlain = [](char c) { return static_cast<std::uint8_t>(c) >= 0x20 && c != '"' && c != '\\'; };
+    out += '"';
+    for (auto from = text.begin(); from != text.end();) {
+        const auto end = std::find_if_not(from, text.end(), isPlain);
+        out.append(from, end);
+        from = end;
+        if (from != text.end()) appendEscape(static_cast<std::uint8_t>(*from++), "u00", out);
+    }
+    out += '"';
 }
 
 void appendBase64(std::string_view bytes, std::string& out) {

@@ -20,6 +20,9 @@ QOR_API std::size_t utf8Prefix(std::string_view text) noexcept;
 /// UTF-8 are escaped; a text of more than `most` bytes is cut there and ends in "...".
 QOR_API std::string quoteText(std::string_view text, std::size_t most = 80);
 
+/// Appends the text as a string of JSON. \pre UTF-8
+QOR_API void appendJsonString(std::string_view text, std::string& out);
+
 /// Appends base64 (RFC 4648, padded, no line ends).
 QOR_API void appendBase64(std::string_view bytes, std::string& out);
 /// The bytes of a padded base64 text; empty when it is not one. Blanks and line ends are not part of it.

@@ -5,6 +5,7 @@
 #include <span>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORBinder.h"
 
@@ -124,27 +125,9 @@ const CounterSql& sqlOf(QORLogKind kind) {
     return kind == QORLogKind::Operations ? operationSql : eventSql;
 }
 
-/// Times as the database has them: years from 0 to 9999.
+/// A time that the database can have.
 std::string boundText(std::int64_t second) {
-    constexpr std::int64_t firstSecond = -62167219200;
-    constexpr std::int64_t lastSecond = 253402300799;
-    return time2dbstr(std::clamp(second, firstSecond, lastSecond));
-}
-
-void appendJsonText(std::string& out, std::string_view text) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    out += '"';
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == '"' || byte == '\\') {
-            out += "\\u00";
-            out += digits[byte >> 4];
-            out += digits[byte & 15];
-        } else {
-            out += c;
-        }
-    }
-    out += '"';
+    return time2dbstr(std::clamp(second, firstDbSecond, lastDbSecond));
 }
 
 /// Adds a text to an array, which is always whole.
@@ -152,7 +135,7 @@ void appendToArray(std::string& json, std::string_view text) {
     if (json.empty()) json = "[]";
     json.pop_back();
     if (json.size() > 1) json += ',';
-    appendJsonText(json, text);
+    appendJsonString(text, json);
     json += ']';
 }
 
@@ -169,7 +152,7 @@ std::string toJson(std::span<const Entry> entries) {
     for (const Entry& entry : entries) {
         if (json.size() > 1) json += ',';
         json += '[';
-        appendJsonText(json, *entry.scope);
+        appendJsonString(*entry.scope, json);
         json += ',' + std::to_string(levels[entry.level]) + ',' + std::to_string(entry.bucket) + ',' +
                 std::to_string(entry.change);
         if (entry.level > 0) {

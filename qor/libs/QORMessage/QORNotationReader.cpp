@@ -48,7 +48,8 @@ struct Event {
     bool is(EventKind wanted) const { return kind == wanted; }
 };
 
-/// Takes the steps of one document. Throws a Fault for a step that has no place there.
+/// Takes the steps of one document. The readers look alike where they say what each of their states takes: that is the
+/// grammar of their documents, and no two are the same. Throws a Fault for a step that has no place there.
 class EventReader {
 public:
     virtual void take(const Event& event) = 0;

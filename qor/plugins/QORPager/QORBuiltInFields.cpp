@@ -11,6 +11,7 @@ using enum TCursorType;
 using enum TValueType;
 using enum FieldStructType;
 
+// A configuration and a virtual configuration have the same members, each of which is a field of its own.
 constexpr std::array<QORBuiltInField, 51> fields{{
     {"pager.env.eid", Env, getFieldValueEID},
     {"pager.env.parent_eid", Env, getFieldValueParentEID},

@@ -42,6 +42,7 @@ void replaceValue(TBaseValue*& operand, T* replacement) {
 
 }  // namespace
 
+// The defaults of the base class, a function an operator, as derived classes override them.
 TBaseValue::~TBaseValue() = default;
 bool TBaseValue::setValueFromString(const std::string& /*text*/) {
     return true;

@@ -17,6 +17,8 @@ class TExpressionEvaluation;
 /// returns a new value, which the caller owns.
 using TEvaluatorMethod = TBaseValue* (TExpressionEvaluation::*)();
 
+// The numbers of these enumerations are contracts, so that each stands beside its name.
+
 enum TTokenClass : int {
     tcNumber = 0,
     tcString = 1,

@@ -53,6 +53,19 @@ TEST(Utf8, EverythingElseIsNot) {
     }
 }
 
+TEST(JsonString, EscapesWhatJsonWantsEscapedAndNothingElse) {
+    const auto written = [](std::string_view text) {
+        std::string out = "x";
+        QOR::appendJsonString(text, out);
+        return out;
+    };
+    EXPECT_EQ(written(""), "x\"\"");
+    EXPECT_EQ(written("plain / M\xC3\xBCnchen \x7F"), "x\"plain / M\xC3\xBCnchen \x7F\"");
+    EXPECT_EQ(written("a\"b\\c"), "x\"a\\\"b\\\\c\"");
+    EXPECT_EQ(written("\n\r\t"), "x\"\\n\\r\\t\"");
+    EXPECT_EQ(written(std::string_view("\0\x1F", 2)), "x\"\\u0000\\u001f\"");
+}
+
 TEST(Quote, ShowsTheTextInQuotes) {
     EXPECT_EQ(quoteText(""), "\"\"");
     EXPECT_EQ(quoteText("web1"), "\"web1\"");

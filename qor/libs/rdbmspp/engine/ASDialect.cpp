@@ -18,6 +18,7 @@ constexpr char postgresViewColumns[] =
 // let it use an index; behind the plus sign, which changes nothing else, it is no bare parameter any more.
 //
 // SQLite: its parser keeps 100 entries, of which a select itself takes a few; an expression has 1,000 levels.
+// An engine is a row with every member named, so that the rows look alike and the compiler finds what one lacks.
 const ASDialect sqlite{
     .engine = ASEngine::SQLite,
     .name = "SQLite",

@@ -156,6 +156,7 @@ ASAttribute ASAttribute::Upper(const ASAttribute& attribute) {
     return call("upper", attribute);
 }
 
+// A function an operator for each pair of operands: the language has no table of operators.
 ASComparison operator==(const ASAttribute& l, const ASAttribute& r) {
     return compare(l, Node::Op::Eq, r);
 }
