@@ -108,6 +108,64 @@ TEST_F(EndlessViews, ManyOfThemKeepNobodyOutForGood) {
     EXPECT_EQ(HttpClient(agent.socketPath()).message(select("small")), small);
 }
 
+/// Health and refusals need no worker: with every worker of both lanes taken for good they are given, and a select
+/// that was sent before them is not answered to the end.
+TEST(AgentDeadline, WithoutAFreeWorkerHealthAndRefusalsAreGiven) {
+    AgentProcess agent({.more = {"--deadline", "3600", "--threads", "2", "--user-requests", "2", "--grace", "0"}});
+    ASSERT_EQ(agent.stop(), 0);
+    QORRdbms::instance().configure({agent.connectionString()});
+    {
+        QORRdbmsTran transaction(ASAccess::Write);
+        transaction->execute("CREATE TABLE n (i INT)");
+        transaction->execute(
+            "INSERT INTO n WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c WHERE i < 3000) SELECT i "
+            "FROM c");
+        transaction->execute("CREATE VIEW small AS SELECT i FROM n");
+        transaction->execute("CREATE VIEW vain AS SELECT a.i FROM n a, n b, n c, n d WHERE a.i + b.i + c.i + d.i < 0");
+        transaction.commit();
+    }
+    agent.start();
+    {
+        QORRdbmsTran lock(ASAccess::Write);
+        std::vector<HttpClient> busy;
+        for (int number = 0; number < 8; ++number) {
+            busy.emplace_back(agent.socketPath());
+            busy.back().send(number % 2 == 0
+                                 ? HttpClient::compose("POST", "/v1/messages", select("vain"))
+                                 : HttpClient::compose("POST", "/v1/records", "{\"kind\":\"event\",\"time\":1}\n"));
+        }
+        HttpClient waiting(agent.socketPath());
+        waiting.send(HttpClient::compose("POST", "/v1/messages", select("small")));
+        HttpClient client(agent.socketPath());
+        for (int round = 0; round < 20; ++round) {
+            EXPECT_THAT(client.get("/v1/health").body, HasSubstr(R"("status")"));
+            EXPECT_EQ(client.get("/v1/nothing").status, 404);
+            EXPECT_EQ(client.get("/v1/messages").status, 405);
+        }
+        EXPECT_EQ(agent.stop(), 0) << agent.log();
+        const auto answer = waiting.receive();
+        EXPECT_EQ(answer.status, 503) << "a worker was free: " << answer.body;
+        EXPECT_THAT(answer.body, HasSubstr("the agent is stopping"));
+    }
+    QORRdbms::instance().shutdown();
+}
+
+TEST_F(EndlessViews, AtTheEndOfTheGraceRequestsAreToldToEndAndAnsweredSo) {
+    AgentProcess agent(settings(database, {"--deadline", "3600", "--threads", "2", "--grace", "0"}));
+    std::vector<HttpClient> clients;
+    for (int number = 0; number < 3; ++number) {  // of which one at least waits for its turn
+        clients.emplace_back(agent.socketPath());
+        clients.back().send(HttpClient::compose("POST", "/v1/messages", select("vain")));
+    }
+    EXPECT_EQ(HttpClient(agent.socketPath()).get("/v1/health").status, 200);  // read after those before it
+    EXPECT_EQ(agent.stop(), 0) << "no request had to be given up";
+    std::string answers;
+    for (HttpClient& client : clients)
+        answers += client.receive().body;
+    EXPECT_THAT(answers, HasSubstr(R"({"code":408,"message":"the agent is stopping"})"));
+    EXPECT_THAT(agent.log(), HasSubstr("3 requests are told to end"));
+}
+
 TEST(AgentDeadline, AFilterOverManyEnvironmentsEnds) {
     AgentProcess agent;
     HttpClient client(agent.socketPath());

@@ -104,6 +104,17 @@ TEST(AgentStop, ARequestThatOutlastsTheGraceIsGivenUp) {
     EXPECT_THAT(agent.log(), Not(HasSubstr("probe unloaded")));
 }
 
+TEST(AgentStop, ARequestWhoseClientHasGoneIsNotWaitedForAnyLonger) {
+    AgentProcess agent(withProbe({"--grace", "0"}));
+    {
+        HttpClient slow(agent.socketPath());
+        slow.send(sleepRequest("60000"));
+        awaitLog(agent, "probe sleeps");
+    }
+    HttpClient(agent.socketPath()).get("/v1/health");
+    EXPECT_EQ(agent.stop(), 1);
+}
+
 TEST(AgentStop, ASecondSignalEndsTheGrace) {
     AgentProcess agent(withProbe());
     HttpClient slow(agent.socketPath());

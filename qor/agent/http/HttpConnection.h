@@ -108,10 +108,7 @@ public:
         awaitRequest();
     }
 
-    /// True while a worker runs a request of this connection.
-    bool isWorking() const noexcept { return m_working; }
-
-    /// True while that worker's reply is being sent already.
+    /// True while a worker's reply is being sent, and the worker is not yet done.
     bool isStreaming() const noexcept { return m_working && m_streaming; }
 
     /// Ends the connection, whatever it is doing; a request that a worker runs is told to end.
@@ -128,6 +125,15 @@ public:
         if (!m_working) dropHandler();
         if (std::exchange(m_counted, false)) m_owner.requestEnded();
         m_owner.connectionClosed(*this);
+    }
+
+    /// Tells a request that waits or is worked on to end: its client is answered so, as far as it listens.
+    void endRequest() {
+        if (m_closed || !m_control) return;
+        m_control->cancel(QORRequestControl::End::Stopping);
+        if (m_working) return;
+        m_owner.stopWaiting(*this);
+        turnDown("the agent is stopping");
     }
 
     // ---- What the owner calls when something that was waited for has come, or has not.

@@ -6,7 +6,6 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <iterator>
 #include <list>
 #include <map>
 #include <unordered_map>
@@ -28,6 +27,8 @@ constexpr const char* sourcePath = "qor/agent/http/HttpServer";
 constexpr auto acceptPause = std::chrono::milliseconds(100);
 /// How often it is looked at what waits and what takes long, while something does.
 constexpr auto waitingPause = std::chrono::milliseconds(20);
+/// For requests that have been told to end, to do so.
+constexpr auto endingTime = std::chrono::seconds(2);
 
 std::size_t atLeastOne(std::size_t number) {
     return std::max<std::size_t>(number, 1);
@@ -151,6 +152,7 @@ public:
         FairQueue<Waiter>& turns = m_lanes[indexOf(lane)].turns;
         turns.giveBack(connection.identity().key, 1);
         grantTurns(turns);
+        if (m_stopping) finishWhenIdle();
     }
     WorkerPool& workers(HttpLane lane) override { return m_lanes[indexOf(lane)].workers; }
     void stopWaiting(HttpConnection& connection) override {
@@ -328,7 +330,12 @@ private:
     }
 
     void finishWhenIdle() {
-        if (m_inFlight == 0) finish();
+        if (m_inFlight == 0 && !isAnyoneWorking()) finish();
+    }
+
+    /// A worker may still be in a request whose connection is closed.
+    bool isAnyoneWorking() const {
+        return std::any_of(m_lanes.begin(), m_lanes.end(), [](const Lane& lane) { return lane.turns.used() > 0; });
     }
 
     void finish() {
@@ -346,22 +353,34 @@ private:
 
     /// A worker that sends while it works ends when it cannot send.
     void closeStreams() {
-        std::vector<HttpConnection*> streaming;
-        std::copy_if(m_connections.begin(), m_connections.end(), std::back_inserter(streaming),
-                     [](auto* each) { return each->isStreaming(); });
-        for (HttpConnection* connection : streaming)
-            connection->close();
+        for (HttpConnection* connection : connectionsNow()) {
+            if (connection->isStreaming()) connection->close();
+        }
     }
 
-    /// Waits no longer. Replies that their clients do not take can be dropped; requests that run cannot be ended.
+    /// What is done to a connection may end it.
+    std::vector<HttpConnection*> connectionsNow() const { return {m_connections.begin(), m_connections.end()}; }
+
+    /// Waits no longer: replies that their clients do not take are dropped, requests are told to end. Those that listen
+    /// do so in moments; the others are given up then.
     void abandon() {
         if (m_finishing) return;
-        logMessage(0, module, sourcePath, "stop", "%zu requests are given up", m_inFlight);
+        if (std::exchange(m_ending, true)) return giveUp();
+        logMessage(1, module, sourcePath, "stop", "%zu requests are told to end", m_inFlight);
+        for (HttpConnection* connection : connectionsNow())
+            connection->endRequest();
         closeStreams();
-        if (std::none_of(m_connections.begin(), m_connections.end(), [](auto* each) { return each->isWorking(); })) {
-            finish();
-            return;
-        }
+        if (!isAnyoneWorking()) return finish();
+        m_graceTimer.expires_after(endingTime);
+        m_graceTimer.async_wait([this](beast::error_code cancelled) {
+            if (!cancelled) giveUp();
+        });
+    }
+
+    void giveUp() {
+        if (m_finishing) return;
+        if (!isAnyoneWorking()) return finish();
+        logMessage(0, module, sourcePath, "stop", "%zu requests are given up", m_inFlight);
         m_abandoned = true;
         m_io.stop();
     }
@@ -386,6 +405,7 @@ private:
     bool m_granting = false;
     bool m_watching = false;
     bool m_stopping = false;
+    bool m_ending = false;  ///< requests have been told to end
     bool m_finishing = false;
     bool m_abandoned = false;
 };

@@ -60,13 +60,13 @@ public:
     HttpServer& operator=(const HttpServer&) = delete;
 
     /// Serves until stop() has been called and what was in flight is answered; then every handler is gone, and so is
-    /// the socket's name. Replies that are not taken within the grace are dropped. \returns false when a request still
-    /// ran at the end of the grace: a worker thread may then still be in it, and the process should end without
-    /// waiting for it
+    /// the socket's name. At the end of the grace requests that still run are told to end, and replies that are not
+    /// taken are dropped. \returns false when a request does not listen: a worker thread may then still be in it, and
+    /// the process should end without waiting for it
     bool run();
 
-    /// No new connections; requests that run are finished and answered, later ones on open connections get 503. From
-    /// the second call on nothing is waited for. Any thread may call it.
+    /// No new connections; requests that run are finished and answered, later ones on open connections get 503. The
+    /// second call ends the grace, the third waits for nothing. Any thread may call it.
     void stop();
 
     /// Open connections. Any thread.

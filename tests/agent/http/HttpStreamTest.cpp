@@ -31,9 +31,9 @@ public:
     }
     std::string errorBody(unsigned status, std::string_view) override { return std::to_string(status); }
 
-    std::promise<void> goOn;   ///< lets "/halting" send its second piece
-    std::atomic<int> sent{0};  ///< pieces of "/endless"
-    std::promise<bool> ended;  ///< of "/endless" and "/working": true because the client had gone
+    std::promise<void> goOn;                     ///< lets "/halting" send its second piece
+    std::atomic<int> sent{0};                    ///< pieces of "/endless"
+    std::promise<QORRequestControl::End> ended;  ///< of "/endless" and "/working"
 
 private:
     class Handler final : public HttpClientHandler {
@@ -60,12 +60,12 @@ private:
                 const std::string piece(pieceSize, 'x');
                 while (stream.send(piece))
                     ++m_application.sent;
-                m_application.ended.set_value(QORRequestControl::current()->ended() == QORRequestControl::End::Gone);
+                m_application.ended.set_value(QORRequestControl::current()->ended());
             } else if (request.path == "/working") {
                 ++m_application.sent;
                 while (!QORRequestControl::current()->expired())
                     std::this_thread::sleep_for(1ms);
-                m_application.ended.set_value(QORRequestControl::current()->ended() == QORRequestControl::End::Gone);
+                m_application.ended.set_value(QORRequestControl::current()->ended());
             }
             return {200, "whole"};
         }
@@ -163,7 +163,7 @@ TEST_F(HttpStream, WaitsForAReaderThatIsSlow) {
     EXPECT_LT(awaitStandstill(), 100) << "what the system buffers, and a few";
     EXPECT_EQ(connect().get("/other").body, "whole") << "others are served meanwhile";
     client.close();
-    EXPECT_TRUE(application.ended.get_future().get());
+    EXPECT_EQ(application.ended.get_future().get(), QORRequestControl::End::Gone);
 }
 
 TEST_F(HttpStream, AReaderThatTakesNothingForLongIsGivenUp) {
@@ -171,7 +171,7 @@ TEST_F(HttpStream, AReaderThatTakesNothingForLongIsGivenUp) {
     start();
     HttpClient client = connect();
     client.send(HttpClient::compose("GET", "/endless"));
-    EXPECT_TRUE(application.ended.get_future().get());
+    EXPECT_EQ(application.ended.get_future().get(), QORRequestControl::End::Gone);
 }
 
 TEST_F(HttpStream, AClientThatGoesEndsItsStream) {
@@ -181,7 +181,7 @@ TEST_F(HttpStream, AClientThatGoesEndsItsStream) {
         client.send(HttpClient::compose("GET", "/endless"));
         client.awaitBytes();
     }
-    EXPECT_TRUE(application.ended.get_future().get());
+    EXPECT_EQ(application.ended.get_future().get(), QORRequestControl::End::Gone);
 }
 
 TEST_F(HttpStream, AClientThatGoesEndsARequestThatHasNothingToSendYet) {
@@ -192,7 +192,7 @@ TEST_F(HttpStream, AClientThatGoesEndsARequestThatHasNothingToSendYet) {
         while (application.sent == 0)
             std::this_thread::sleep_for(1ms);
     }
-    EXPECT_TRUE(application.ended.get_future().get());
+    EXPECT_EQ(application.ended.get_future().get(), QORRequestControl::End::Gone);
 }
 
 TEST_F(HttpStream, AClientThatOnlySendsNoMoreIsAnswered) {
@@ -213,7 +213,7 @@ TEST_F(HttpStream, AStreamThatNobodyTakesDoesNotKeepTheServerFromStopping) {
     client.awaitBytes();
     awaitStandstill();
     EXPECT_TRUE(stop());
-    EXPECT_TRUE(application.ended.get_future().get());
+    EXPECT_EQ(application.ended.get_future().get(), QORRequestControl::End::Stopping);
 }
 
 }  // namespace
