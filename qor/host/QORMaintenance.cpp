@@ -15,6 +15,7 @@
 #include "QORDBSchema/QORStoredDocuments.h"
 #include "QORLibAgent/QORLogCheck.h"
 #include "host/QORPlainNumber.h"
+#include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
@@ -81,6 +82,7 @@ Findings checkIntegrity(bool mend) {
         writing([](ASSession& session) { session.execute("REINDEX"); });
         after = reading(integrityFaults);
     }
+    if (after.empty()) ASFaults::instance().sound();
     Findings findings;
     for (const std::string& fault : before) {
         const bool mended = std::find(after.begin(), after.end(), fault) == after.end();

@@ -178,6 +178,59 @@ TEST(AgentFaults, ReadersAndHealthGoOnWhileAllWritersWait) {
         EXPECT_THAT(writer.receive().body, HasSubstr(R"("accepted":1)"));
 }
 
+/// The page in which a small table lies, damaged and mended by hand.
+class TablePage {
+public:
+    TablePage(std::filesystem::path file, const std::string& table) : m_file(std::move(file)) {
+        SqliteFile database(m_file);
+        const std::size_t size = std::stoul(database.cell("PRAGMA page_size"));
+        m_begin =
+            size * (std::stoul(database.cell("SELECT rootpage FROM sqlite_master WHERE name = '" + table + "'")) - 1);
+        m_bytes.resize(size);
+        std::ifstream(m_file, std::ios::binary)
+            .seekg(static_cast<std::streamoff>(m_begin))
+            .read(m_bytes.data(), static_cast<std::streamsize>(size));
+    }
+    void damage() const { write(std::string(m_bytes.size(), 'x')); }
+    void mend() const { write(m_bytes); }
+
+private:
+    void write(const std::string& bytes) const {
+        std::fstream file(m_file, std::ios::binary | std::ios::in | std::ios::out);
+        file.seekp(static_cast<std::streamoff>(m_begin))
+            .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+
+    std::filesystem::path m_file;
+    std::size_t m_begin = 0;
+    std::string m_bytes;
+};
+
+TEST(AgentFaults, CorruptionIsSaidUntilTheWholeFileIsFoundSound) {
+    AgentProcess agent;
+    EXPECT_THAT(HttpClient(agent.socketPath()).post("/v1/records", event("old")).body, HasSubstr(R"("accepted":1)"));
+    EXPECT_EQ(agent.stop(), 0);
+    const TablePage page(agent.databasePath(), "qor_event");
+    page.damage();
+    agent.start();
+    HttpClient client(agent.socketPath());
+    const auto corrupt = AllOf(HasSubstr(R"("status":"failing")"), HasSubstr(R"("fault":"corrupt")"));
+    EXPECT_THAT(client.message(
+                    R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],[1741,"source"]]]})"),
+                HasSubstr("malformed"));
+    EXPECT_THAT(client.get("/v1/health").body, corrupt);
+    EXPECT_THAT(client.post("/v1/records", R"({"kind":"backup","id":"b","time":1})").body,
+                HasSubstr(R"("accepted":1)"));
+    EXPECT_THAT(client.get("/v1/health").body, corrupt) << "what was written is elsewhere";
+    EXPECT_THAT(client.post("/v1/check?part=integrity", "").body, Not(HasSubstr(R"({"findings":[]})")));
+    EXPECT_THAT(client.get("/v1/health").body, corrupt);
+    page.mend();
+    SqliteFile(agent.databasePath()).run("UPDATE qor_backup SET size = 2");  // so that nobody goes on with old pages
+    EXPECT_THAT(client.post("/v1/check?part=integrity", "").body, HasSubstr(R"({"findings":[]})"));
+    EXPECT_THAT(client.get("/v1/health").body, HasSubstr(R"("status":"ok")"));
+    EXPECT_THAT(agent.log(), HasSubstr("\"corrupt\" has ended"));
+}
+
 class ChangedFile : public testing::Test {
 protected:
     std::string ask() {

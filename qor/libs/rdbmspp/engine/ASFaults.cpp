@@ -105,7 +105,11 @@ void ASFaults::report(const AException& failure, const SqliteComplaint& complain
 }
 
 void ASFaults::wrote() noexcept {
-    if (any()) end(ASFault::Full, ASFault::Corrupt);
+    if (any()) end(ASFault::Full, ASFault::Reading);
+}
+
+void ASFaults::sound() noexcept {
+    if (any()) end(ASFault::Corrupt, ASFault::Corrupt);
 }
 
 void ASFaults::read() noexcept {

@@ -46,8 +46,11 @@ public:
     /// What a failure of the database tells; nothing where it is the statement that failed.
     /// \param reading it happened to a connection that never writes
     void report(const AException& failure, const SqliteComplaint& complaint, bool reading) noexcept;
-    /// A transaction that wrote was committed and reached the disk: all is well but what only finding the file ends.
+    /// A transaction that wrote was committed and reached the disk. That the file is there, or makes sense in other
+    /// places than those that were touched, it does not prove.
     void wrote() noexcept;
+    /// The engine has looked at the whole file and found nothing wrong in it.
+    void sound() noexcept;
     /// A statement was run.
     void read() noexcept;
     /// The file is there, and is the one that it was.
