@@ -10,7 +10,6 @@
 #include <boost/beast/http/buffer_body.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
-#include <boost/beast/http/string_body.hpp>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -22,11 +21,10 @@
 #include <system_error>
 #include <thread>
 
-#include "QORCommon/QORException.h"
 #include "QORCommon/QORGuid.h"
-#include "QORMessage/QORNotation.h"
 #include "backend/AgentReplies.h"
 #include "host/QORHostPaths.h"
+#include "host/QORPlainNumber.h"
 #include "process/CtlError.h"
 
 namespace QOR {
@@ -40,6 +38,11 @@ constexpr std::size_t sendBlock = 64 * 1024;
 /// An agent that is started again is waited for: 12 seconds in all.
 constexpr auto firstPause = std::chrono::milliseconds(100);
 constexpr auto lastPause = std::chrono::milliseconds(6400);
+/// How often a request is asked again that was turned down, and the longest that is waited for it.
+constexpr unsigned mostRepeats = 5;
+constexpr std::uint64_t longestWait = 60;  // seconds
+/// Bytes of requests that were sent and have no answer yet.
+constexpr std::size_t mostAhead = std::size_t{16} << 20;
 /// Answers may be of any size. Not boost::none, which this version of Beast takes for less than any announced length.
 constexpr std::uint64_t anySize = std::numeric_limits<std::uint64_t>::max();
 
@@ -64,7 +67,31 @@ bool isBlank(std::string_view line) {
     return line.find_first_not_of(" \t") == std::string_view::npos;
 }
 
+/// How patient somebody is who is told to come again later.
+class Patience {
+public:
+    /// Waits as long as was asked. \returns false when nothing was asked, or no more is waited
+    bool wait(const std::optional<std::uint64_t>& seconds) {
+        if (!seconds || *seconds > longestWait || m_left == 0) return false;
+        --m_left;
+        std::this_thread::sleep_for(std::chrono::seconds(*seconds));
+        return true;
+    }
+
+private:
+    unsigned m_left = mostRepeats;
+};
+
 }  // namespace
+
+struct AgentBackend::Request {
+    std::string_view method;
+    std::string target;
+    std::string_view body{};
+    std::string fields{};  ///< further ones, each with its line's end
+    /// It changes nothing, or is stored once however often it comes.
+    bool repeatable = true;
+};
 
 /// The socket and what has been read ahead from it. One thread may send while another receives.
 class AgentBackend::Connection {
@@ -96,25 +123,13 @@ public:
     }
 
     /// Sends a request. An agent that refuses it while it is still being sent has its answer read all the same.
-    void sendRequest(std::string_view method, std::string_view target, std::string_view body,
-                     std::string_view fields = {}) {
+    void sendRequest(const Request& request) {
         try {
-            send(requestHead(method, target, body.size(), fields));
-            send(body);
+            send(requestHead(request.method, request.target, request.body.size(), request.fields));
+            send(request.body);
         } catch (const CtlError&) {
             m_sendFailed = true;
         }
-    }
-
-    /// The next answer's body.
-    std::string receive() {
-        http::response_parser<http::string_body> parser;
-        parser.body_limit(anySize);
-        boost::system::error_code error;
-        http::read(m_socket, m_ahead, parser, error);
-        if (error) lost(describe(error));
-        m_closing = !parser.get().keep_alive();
-        return std::move(parser.get().body());
     }
 
     template <class Parser>
@@ -123,6 +138,7 @@ public:
         boost::system::error_code error;
         http::read_header(m_socket, m_ahead, parser, error);
         if (error) lost(describe(error));
+        m_closing = !parser.get().keep_alive();
     }
     /// A part of an answer that has begun: without its end it is an error, not a shorter answer.
     template <class Parser>
@@ -136,6 +152,8 @@ public:
 
     /// True when the agent said that it answers nothing more on this connection.
     bool isClosing() const noexcept { return m_closing; }
+    /// Room for what is read of an answer.
+    std::string& block() noexcept { return m_block; }
     /// Wakes whoever sends or receives.
     void abandon() {
         boost::system::error_code ignored;
@@ -152,6 +170,7 @@ private:
     asio::io_context m_context{1};
     Protocol::socket m_socket;
     boost::beast::flat_buffer m_ahead;
+    std::string m_block = std::string(sendBlock, '\0');
     bool m_closing = false;
     bool m_sendFailed = false;
 };
@@ -161,29 +180,46 @@ class AgentBackend::Source final : public AnswerSource {
 public:
     explicit Source(Connection& connection) : m_connection(connection) { m_connection.readHeader(m_parser); }
 
+    /// The seconds after which the agent, which did nothing for this request, wants to be asked again.
+    std::optional<std::uint64_t> retryAfter() const {
+        const auto& head = m_parser.get();
+        if (head.result() != http::status::service_unavailable) return std::nullopt;
+        const auto seconds = head[http::field::retry_after];
+        return readPlainNumber({seconds.data(), seconds.size()}, {0, std::numeric_limits<std::uint32_t>::max()});
+    }
+
     std::string_view read() override {
         while (!m_parser.is_done()) {
             auto& body = m_parser.get().body();
-            body.data = m_block.data();
-            body.size = m_block.size();
+            std::string& block = m_connection.block();
+            body.data = block.data();
+            body.size = block.size();
             m_connection.readSome(m_parser);
-            const std::size_t got = m_block.size() - body.size;
-            if (got > 0) return {m_block.data(), got};
+            const std::size_t got = block.size() - body.size;
+            if (got > 0) return {block.data(), got};
         }
         return {};
+    }
+
+    std::string readAll() {
+        std::string text;
+        for (std::string_view piece = read(); !piece.empty(); piece = read())
+            text += piece;
+        return text;
     }
 
 private:
     Connection& m_connection;
     http::response_parser<http::buffer_body> m_parser;
-    std::string m_block = std::string(sendBlock, '\0');
 };
 
-/// Lines on their way: one thread reads and sends them, the other receives the answers in the same order.
+/// Lines on their way: one thread reads and sends them, the other receives the answers in the same order. What the
+/// agent turns down meanwhile is asked again on another connection, in its turn.
 class AgentBackend::Pipeline {
 public:
-    Pipeline(Connection& connection, int input)
-        : m_connection(connection),
+    Pipeline(AgentBackend& backend, int input)
+        : m_backend(backend),
+          m_connection(*backend.m_connection),
           m_stop(::eventfd(0, EFD_CLOEXEC)),
           m_lines(input, m_stop, requestLimit),
           m_sender([this] { sendAll(); }) {}
@@ -192,35 +228,56 @@ public:
         const std::uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = ::write(m_stop, &one, sizeof one);
         if (!m_finished) m_connection.abandon();
+        {
+            const std::lock_guard lock(m_mutex);
+            m_givenUp = true;
+            m_changed.notify_all();
+        }
         m_sender.join();
         ::close(m_stop);
     }
     Pipeline(const Pipeline&) = delete;
     Pipeline& operator=(const Pipeline&) = delete;
 
-    void receiveAll(const TakeAnswer& take) {
-        while (const std::optional<std::string> answer = nextAnswer())
-            take(*answer, isIdle());
+    void receiveAll(LineAnswers& answers) {
+        while (const std::optional<Line> line = nextLine()) {
+            if (line->refused) {
+                answers.piece(refusalOfLongLine());
+            } else {
+                const auto source = answerTo(line->request);
+                for (std::string_view piece = source->read(); !piece.empty(); piece = source->read())
+                    answers.piece(piece);
+            }
+            answers.end(isIdle());
+        }
         m_finished = true;
     }
 
 private:
-    /// What stands for a request in the order of the answers: nothing when the agent answers it.
-    using Expected = std::optional<std::string>;
+    /// A line that has been read, and was sent unless it was refused here.
+    struct Line {
+        std::string request{};
+        bool refused = false;
+    };
 
-    void expect(Expected expected) {
-        const std::lock_guard lock(m_mutex);
-        m_expected.push_back(std::move(expected));
-        m_changed.notify_one();
+    static Request requestOf(std::string_view line) { return {"POST", "/v1/messages?stream=true", line}; }
+
+    /// Waits while too much is on its way. \returns false when nobody wants it any more
+    bool expect(Line line) {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_givenUp || m_ahead <= mostAhead; });
+        m_ahead += line.request.size();
+        m_expected.push_back(std::move(line));
+        m_changed.notify_all();
+        return !m_givenUp;
     }
 
     void sendAll() {
         std::string block;
         try {
-            while (m_lines.next() == LineInput::Got::Line) {
-                addRequest(block);
+            while (m_lines.next() == LineInput::Got::Line && addRequest(block)) {
                 if (block.size() >= sendBlock || !m_lines.isReady()) {
-                    m_connection.send(block);
+                    send(block);
                     block.clear();
                 }
             }
@@ -229,36 +286,54 @@ private:
         }
         const std::lock_guard lock(m_mutex);
         m_ended = true;
-        m_changed.notify_one();
+        m_changed.notify_all();
     }
 
-    void addRequest(std::string& block) {
-        const std::string_view line = m_lines.line();
-        if (isBlank(line)) return;
-        if (m_lines.isCut()) {
-            std::string answer;
-            writeErrorResponse(errBadRequest, "the line is longer than a request may be", answer);
-            return expect(std::move(answer));
+    /// Why the agent takes no more is told by its answers.
+    void send(std::string_view block) {
+        if (m_sendFailed) return;
+        try {
+            m_connection.send(block);
+        } catch (const CtlError&) {
+            m_sendFailed = true;
         }
-        block += requestHead("POST", "/v1/messages", line.size());
+    }
+
+    bool addRequest(std::string& block) {
+        const std::string_view line = m_lines.line();
+        if (isBlank(line)) return true;
+        if (m_lines.isCut()) return expect({{}, true});
+        const Request request = requestOf(line);
+        block += requestHead(request.method, request.target, line.size());
         block += line;
-        expect(std::nullopt);
+        return expect({std::string(line)});
     }
 
     /// Empty at the end of the input.
-    std::optional<std::string> nextAnswer() {
+    std::optional<Line> nextLine() {
         std::unique_lock lock(m_mutex);
         m_changed.wait(lock, [this] { return !m_expected.empty() || m_ended; });
         if (m_expected.empty()) {
             if (m_failure) std::rethrow_exception(m_failure);
             return std::nullopt;
         }
-        const Expected expected = std::move(m_expected.front());
+        Line line = std::move(m_expected.front());
         m_expected.pop_front();
-        lock.unlock();
-        if (expected) return expected;
-        if (m_connection.isClosing()) m_connection.lost("it answers no more requests");
-        return m_connection.receive();
+        m_ahead -= line.request.size();
+        m_changed.notify_all();
+        return line;
+    }
+
+    std::unique_ptr<Source> answerTo(const std::string& request) {
+        if (!m_connection.isClosing()) {
+            auto source = std::make_unique<Source>(m_connection);
+            if (!source->retryAfter()) return source;
+            source->readAll();
+            m_turnedDown = true;
+        }
+        if (!m_turnedDown) m_connection.lost("it answers no more requests");
+        if (!m_again) m_again = std::make_unique<AgentBackend>(m_backend.m_socket);
+        return m_again->open(requestOf(request));
     }
 
     bool isIdle() {
@@ -266,14 +341,20 @@ private:
         return m_expected.empty();
     }
 
+    AgentBackend& m_backend;
     Connection& m_connection;
     const int m_stop;
-    LineInput m_lines;  // the sender's alone
+    LineInput m_lines;          // the sender's alone
+    bool m_sendFailed = false;  // the sender's alone
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::deque<Expected> m_expected;  // guarded by m_mutex
-    bool m_ended = false;             // guarded by m_mutex
-    std::exception_ptr m_failure;     // written before m_ended
+    std::deque<Line> m_expected;   // guarded by m_mutex
+    std::size_t m_ahead = 0;       // guarded by m_mutex; bytes of m_expected
+    bool m_ended = false;          // guarded by m_mutex
+    bool m_givenUp = false;        // guarded by m_mutex
+    std::exception_ptr m_failure;  // written before m_ended
+    bool m_turnedDown = false;
+    std::unique_ptr<AgentBackend> m_again;  // for what was turned down
     bool m_finished = false;
     std::thread m_sender;
 };
@@ -284,32 +365,44 @@ AgentBackend::AgentBackend(const std::string& socket)
 
 AgentBackend::~AgentBackend() = default;
 
+std::unique_ptr<AgentBackend::Source> AgentBackend::open(const Request& request) {
+    Patience patience;
+    for (;;) {
+        if (!m_connection) m_connection = std::make_unique<Connection>(m_socket);
+        m_connection->sendRequest(request);
+        auto source = std::make_unique<Source>(*m_connection);
+        if (!request.repeatable || !patience.wait(source->retryAfter())) return source;
+        source->readAll();
+        if (m_connection->isClosing()) m_connection.reset();
+    }
+}
+
+std::string AgentBackend::exchange(const Request& request) {
+    return open(request)->readAll();
+}
+
 /// Root has full access everywhere and need not ask.
 bool AgentBackend::seesEnvironments() {
-    if (::geteuid() == 0) return true;
-    m_connection->sendRequest("GET", "/v1/health", "");
-    return readAccess(m_connection->receive());
+    return ::geteuid() == 0 || readAccess(exchange({"GET", "/v1/health"}));
 }
 
+/// Messages only ask.
 std::unique_ptr<AnswerSource> AgentBackend::ask(std::string_view request) {
-    m_connection->sendRequest("POST", "/v1/messages?stream=true", request);
-    return std::make_unique<Source>(*m_connection);
+    return open({"POST", "/v1/messages?stream=true", request});
 }
 
-void AgentBackend::answerLines(int input, const TakeAnswer& take) {
-    Pipeline pipeline(*m_connection, input);
-    pipeline.receiveAll(take);
+void AgentBackend::answerLines(int input, LineAnswers& answers) {
+    Pipeline pipeline(*this, input);
+    pipeline.receiveAll(answers);
 }
 
 /// A batch whose answer is lost may have been stored, and may be sent again: under its key the agent stores it once.
 QORIngestResult AgentBackend::importBatch(std::string_view lines, std::uint64_t firstLine) {
-    const std::string target = "/v1/records?first-line=" + std::to_string(firstLine);
-    const std::string key = "Idempotency-Key: " + QORGUIDBase::random().toString() + "\r\n";
+    const Request batch{"POST", "/v1/records?first-line=" + std::to_string(firstLine), lines,
+                        "Idempotency-Key: " + QORGUIDBase::random().toString() + "\r\n"};
     for (auto pause = firstPause;; pause *= 2) {
         try {
-            if (!m_connection) m_connection = std::make_unique<Connection>(m_socket);
-            m_connection->sendRequest("POST", target, lines, key);
-            return readIngestReply(m_connection->receive());
+            return readIngestReply(exchange(batch));
         } catch (const CtlError& error) {
             if (error.exit() != CtlExit::NoConnection || pause > lastPause) throw;
         }
@@ -320,35 +413,31 @@ QORIngestResult AgentBackend::importBatch(std::string_view lines, std::uint64_t 
 
 /// The agent collects to the end, whether somebody waits or not.
 QORCollectResult AgentBackend::collect(const std::stop_token&) {
-    m_connection->sendRequest("POST", "/v1/collect", "");
-    return readCollectReply(m_connection->receive());
+    return readCollectReply(exchange({.method = "POST", .target = "/v1/collect", .repeatable = false}));
 }
 
 std::vector<QORViewColumn> AgentBackend::views() {
-    m_connection->sendRequest("GET", "/v1/views", "");
-    return readViewsReply(m_connection->receive());
+    return readViewsReply(exchange({"GET", "/v1/views"}));
 }
 
 BackendStatus AgentBackend::status() {
-    m_connection->sendRequest("GET", "/v1/status", "");
-    const QORDatabaseStatus database = readStatusReply(m_connection->receive());
-    m_connection->sendRequest("GET", "/v1/health", "");
-    return {readHealthReply(m_connection->receive()), database};
+    const QORDatabaseStatus database = readStatusReply(exchange({"GET", "/v1/status"}));
+    return {readHealthReply(exchange({"GET", "/v1/health"})), database};
 }
 
 std::vector<QORCheckFinding> AgentBackend::check(const std::string& part, bool mend) {
-    m_connection->sendRequest("POST", "/v1/check?part=" + part + (mend ? "&mend=1" : ""), "");
-    return readCheckReply(m_connection->receive());
+    return readCheckReply(exchange(
+        {.method = "POST", .target = "/v1/check?part=" + part + (mend ? "&mend=1" : ""), .repeatable = !mend}));
 }
 
 Backend::Pruned AgentBackend::prune(const std::string& kind, std::int64_t before) {
-    m_connection->sendRequest("POST", "/v1/prune?what=" + kind + "&before=" + std::to_string(before), "");
-    return readPruneReply(m_connection->receive());
+    return readPruneReply(exchange({.method = "POST",
+                                    .target = "/v1/prune?what=" + kind + "&before=" + std::to_string(before),
+                                    .repeatable = false}));
 }
 
 QORPtr<const QORVocMap> AgentBackend::vocabulary() {
-    m_connection->sendRequest("GET", "/v1/vocabulary", "");
-    return readVocabularyReply(m_connection->receive());
+    return readVocabularyReply(exchange({"GET", "/v1/vocabulary"}));
 }
 
 }  // namespace QOR

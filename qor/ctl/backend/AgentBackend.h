@@ -1,5 +1,6 @@
 /// \file
-/// The agent, over HTTP/1.1 on its unix socket. The connection is kept from request to request.
+/// The agent, over HTTP/1.1 on its unix socket. The connection is kept from request to request. A request that may be
+/// asked again, and that the agent turns down for a while, is asked again, a few times and as much later as it says.
 #pragma once
 
 #include "backend/Backend.h"
@@ -15,7 +16,7 @@ public:
     bool seesEnvironments() override;
     std::unique_ptr<AnswerSource> ask(std::string_view request) override;
     /// A thread of its own sends the requests ahead, so that neither side waits for the other.
-    void answerLines(int input, const TakeAnswer& take) override;
+    void answerLines(int input, LineAnswers& answers) override;
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;
@@ -28,6 +29,13 @@ private:
     class Connection;
     class Source;
     class Pipeline;
+    struct Request;
+
+    /// Sends a request, again where that may be. \returns the answer, whose body is to be read
+    std::unique_ptr<Source> open(const Request& request);
+    /// \returns the answer's body
+    std::string exchange(const Request& request);
+
     const std::string m_socket;
     std::unique_ptr<Connection> m_connection;  // null while an agent that was lost is not found again
 };

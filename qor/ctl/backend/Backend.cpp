@@ -1,10 +1,18 @@
 #include "backend/Backend.h"
 
+#include "QORCommon/QORException.h"
+#include "QORMessage/QORNotation.h"
 #include "backend/AgentBackend.h"
 #include "backend/StandaloneBackend.h"
 #include "process/CtlError.h"
 
 namespace QOR {
+
+std::string Backend::refusalOfLongLine() {
+    std::string answer;
+    writeErrorResponse(errBadRequest, "the line is longer than a request may be", answer);
+    return answer;
+}
 
 std::unique_ptr<Backend> makeBackend(const ConnectionOptions& options, BackendUse use) {
     if (options.standalone && !options.socket.empty())

@@ -59,12 +59,18 @@ public:
     /// before the next request.
     virtual std::unique_ptr<AnswerSource> ask(std::string_view request) = 0;
 
-    /// \param idle true when no further answer is on its way
-    using TakeAnswer = std::function<void(std::string_view answer, bool idle)>;
-    /// Answers each line in turn until the input ends, each answer within the limits of answers that are sent as a
-    /// whole; blank lines are passed over. `take` is called on this thread;
-    /// requests may be sent ahead of the answers. What `take` throws ends it.
-    virtual void answerLines(int input, const TakeAnswer& take) = 0;
+    /// Where the answers to lines go, on the calling thread. What it throws ends them.
+    class LineAnswers {
+    public:
+        virtual ~LineAnswers() = default;
+        /// A piece of the present answer.
+        virtual void piece(std::string_view text) = 0;
+        /// The present answer is complete. \param idle no further one is on its way
+        virtual void end(bool idle) = 0;
+    };
+    /// Answers each line in turn until the input ends, with answers of any size; blank lines are passed over. Requests
+    /// may be sent ahead of the answers.
+    virtual void answerLines(int input, LineAnswers& answers) = 0;
 
     /// Stores NDJSON records. A line that is refused is part of the result.
     virtual QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) = 0;
@@ -87,6 +93,10 @@ public:
 
     /// Bytes that one request may have.
     static constexpr std::size_t requestLimit = std::size_t{64} << 20;
+
+protected:
+    /// The answer to a line that is longer than that.
+    static std::string refusalOfLongLine();
 };
 
 /// What a command is going to do, which decides how a standalone host opens its database.

@@ -9,7 +9,6 @@
 
 #include "QORCommon/QORException.h"
 #include "QORDBSchema/QORDBSchema.h"
-#include "QORMessage/QORNotation.h"
 #include "host/QORHost.h"
 #include "host/QORVocabularyFiles.h"
 #include "process/CtlError.h"
@@ -109,16 +108,37 @@ std::unique_ptr<AnswerSource> StandaloneBackend::ask(std::string_view request) {
     return std::make_unique<Source>(m_host->router(), *m_session, std::string(request));
 }
 
-void StandaloneBackend::answerLines(int input, const TakeAnswer& take) {
+namespace {
+
+/// Answers one line. What the reader of the answer throws does not pass through the plug-in, which would take it for a
+/// failure of its own.
+void answerLine(QORRouter& router, QORClientSession& session, std::string_view line, Backend::LineAnswers& answers) {
+    std::exception_ptr failure;
+    const QORRouter::Streamed streamed = router.stream(session, line, [&](std::string_view piece) {
+        try {
+            answers.piece(piece);
+            return true;
+        } catch (...) {
+            failure = std::current_exception();
+            return false;
+        }
+    });
+    if (failure) std::rethrow_exception(failure);
+    if (!streamed.whole) throw CtlError(CtlExit::AnsweredError, "the answer broke off in the middle");
+    answers.piece(streamed.answer.text);
+}
+
+}  // namespace
+
+void StandaloneBackend::answerLines(int input, LineAnswers& answers) {
     LineInput lines(input, -1, requestLimit);
     while (lines.next() == LineInput::Got::Line) {
         if (lines.line().find_first_not_of(" \t") == std::string_view::npos) continue;
-        std::string answer;
         if (lines.isCut())
-            writeErrorResponse(errBadRequest, "the line is longer than a request may be", answer);
+            answers.piece(refusalOfLongLine());
         else
-            answer = m_host->router().handle(*m_session, lines.line());
-        take(answer, !lines.isReady());
+            answerLine(m_host->router(), *m_session, lines.line(), answers);
+        answers.end(!lines.isReady());
     }
 }
 

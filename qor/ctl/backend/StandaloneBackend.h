@@ -16,7 +16,7 @@ public:
 
     bool seesEnvironments() override { return true; }
     std::unique_ptr<AnswerSource> ask(std::string_view request) override;
-    void answerLines(int input, const TakeAnswer& take) override;
+    void answerLines(int input, LineAnswers& answers) override;
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;

@@ -38,15 +38,23 @@ void runOne(Backend& backend, const std::string& request, Output& out) {
     if (error) throw CtlError::answered(error->code, error->message);
 }
 
-/// Errors are answers among the others here, for the reader of the lines to see.
+/// A line for each answer. Errors are answers among the others here, for the reader of the lines to see.
+class AnswerLines final : public Backend::LineAnswers {
+public:
+    explicit AnswerLines(Output& out) : m_out(out) {}
+    void piece(std::string_view text) override { m_out << text; }
+    void end(bool idle) override {
+        m_out << "\n";
+        if (idle) m_out.flush();
+    }
+
+private:
+    Output& m_out;
+};
+
 void runLines(Backend& backend, const InputFile& input, Output& out) {
-    backend.answerLines(input.descriptor(), [&](std::string_view answer, bool idle) {
-        out.buffer().append(answer) += '\n';
-        if (idle)
-            out.flush();
-        else
-            out.settle();
-    });
+    AnswerLines answers(out);
+    backend.answerLines(input.descriptor(), answers);
     out.flush();
 }
 
