@@ -36,9 +36,12 @@ protected:
         ASSERT_EQ(result.status, 0) << result.err;
     }
     std::filesystem::path file() const { return m_agent ? m_agent->databasePath() : m_directory / "own.db"; }
+    Words whereIsIt() const {
+        if (m_agent) return {"--socket", m_agent->socketPath()};
+        return {"--standalone", "--database", "Driver=SQLite3;Database=" + file().string()};
+    }
     CtlResult run(Words arguments, std::string_view input = {}) const {
-        const Words where = m_agent ? Words{"--socket", m_agent->socketPath()}
-                                    : Words{"--standalone", "--database", "Driver=SQLite3;Database=" + file().string()};
+        const Words where = whereIsIt();
         arguments.insert(arguments.end(), where.begin(), where.end());
         return runCtl(arguments, input);
     }
@@ -98,6 +101,39 @@ TEST_P(Maintenance, PruningRemovesWhatIsOlderAndThePagesAfterItAreRight) {
     EXPECT_EQ(run({"check"}).status, 0);
 }
 
+TEST_P(Maintenance, AnInterruptedPruneLeavesWholeTransactionsAndRightCounters) {
+    constexpr int all = 20000;
+    std::string more;
+    for (int number = 0; number < all; ++number)
+        more += R"({"kind":"operation","id":"o)" + std::to_string(number) + R"(","time":)" +
+                std::to_string(1700000000 + number) + "}\n";
+    Words command{ctlProgram(), "prune", "--before", "2100-01-01", "--operations"};
+    const Words where = whereIsIt();
+    command.insert(command.end(), where.begin(), where.end());
+    SqliteFile database(file());
+    const auto left = [&] { return std::stoi(database.cell("SELECT count(*) FROM qor_operation")); };
+    int total = 0;
+    CtlResult result;
+    while (total == 0) {  // a prune that was done before the signal came is no proof
+        ASSERT_EQ(run({"import"}, more).status, 0);
+        CtlProcess prune(command);
+        while (left() == all) {
+        }
+        prune.signal(SIGINT);
+        result = prune.finish();
+        total = left();
+    }
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("stopped; what was removed stays removed"));
+    EXPECT_EQ(total % 500, 0) << "a transaction was left in the middle";
+    EXPECT_THAT(result.out, HasSubstr("operations: " + std::to_string(all - total) + " removed\n"));
+    EXPECT_EQ(lastTwo(total), "pager.op_log.id\r\no" + std::to_string(all - total + 1) + "\r\no" +
+                                  std::to_string(all - total) + "\r\n");
+    EXPECT_EQ(run({"check"}).status, 0);
+    EXPECT_EQ(run({"prune", "--before", "2100-01-01", "--operations"}).status, 0) << "it can be gone on with";
+    EXPECT_EQ(left(), 0);
+}
+
 TEST_P(Maintenance, PrunedSpaceIsGivenBack) {
     const int before = std::stoi(SqliteFile(file()).cell("PRAGMA page_count"));
     ASSERT_EQ(run({"prune", "--before", "1s"}).status, 0);
@@ -136,26 +172,77 @@ TEST(LongMaintenance, HasNoDeadlineWhileOtherRequestsHaveOne) {
     EXPECT_THAT(pruned.out, HasSubstr("operations: 10 removed"));
 }
 
-TEST(Retention, AnAgentKeepsAsMuchAsItIsTold) {
-    const TemporaryDirectory directory;
-    const std::filesystem::path file = directory / "agent.db";
-    const std::string database = "Driver=SQLite3;Database=" + file.string();
-    ASSERT_EQ(
-        runCtl({"sample", "--operations", "800", "--events", "300", "--standalone", "--database", database}).status, 0);
-    AgentSettings settings;
-    settings.database = database;
-    settings.more = {"--keep-records", "200"};
-    const AgentProcess agent(settings);
-    const auto counts = [&] {
-        return SqliteFile(file).cell(
-            "SELECT (SELECT count(*) FROM qor_operation) || ' ' || (SELECT count(*) FROM qor_event)");
-    };
-    while (counts() != "200 200")
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(runCtl({"check", "--socket", agent.socketPath()}).status, 0);
+/// A database with operations and events, of which an agent is told what to keep.
+class Retention : public testing::Test {
+protected:
+    static constexpr std::int64_t day = 86400;
+
+    void SetUp() override {
+        std::string lines = R"({"kind":"backup","id":"kept","time":1})"
+                            "\n";
+        const std::int64_t now =
+            std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+                .count();
+        for (int number = 0; number < 2000; ++number) {
+            const std::string n = std::to_string(number);
+            const std::string time = std::to_string(now - number * (day / 10) - day / 20);
+            lines += R"({"kind":"operation","id":"o)" + n + R"(","time":)" + time + R"(,"message":{"a":")" +
+                     std::string(500, 'x') + "\"}}\n" + R"({"kind":"event","source":"e)" + n +
+                     R"(","category":"env_status","time":)" + time + "}\n";
+        }
+        const CtlResult result = runCtl({"import", "--standalone", "--database", m_settings.database}, lines);
+        ASSERT_EQ(result.status, 0) << result.err;
+    }
+    std::string cell(const std::string& sql) const { return SqliteFile(m_file).cell(sql); }
+    std::string counts() const {
+        return cell("SELECT (SELECT count(*) FROM qor_operation) || ' ' || (SELECT count(*) FROM qor_event)");
+    }
+    int usedBytes() const {
+        SqliteFile file(m_file);
+        return (std::stoi(file.cell("PRAGMA page_count")) - std::stoi(file.cell("PRAGMA freelist_count"))) *
+               std::stoi(file.cell("PRAGMA page_size"));
+    }
+    /// Runs an agent until the condition holds and nothing is left to give back.
+    template <class Condition>
+    void keep(Words options, Condition condition) {
+        m_settings.more = std::move(options);
+        const AgentProcess agent(m_settings);
+        while (!condition() || cell("PRAGMA freelist_count") != "0")
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const CtlResult check = runCtl({"check", "--socket", agent.socketPath()});
+        EXPECT_EQ(check.status, 0) << check.out;
+        EXPECT_EQ(cell("SELECT count(*) FROM qor_backup"), "1") << "backups exist elsewhere";
+        const CtlResult page =
+            runCtl({"rows", "-f", "pager.op_log.id", "--limit", "2", "-o", "csv", "--socket", agent.socketPath()});
+        EXPECT_EQ(page.out, "pager.op_log.id\r\no0\r\no1\r\n") << "the newest stay";
+    }
+
+    TemporaryDirectory m_directory;
+    std::filesystem::path m_file = m_directory / "agent.db";
+    AgentSettings m_settings{.database = "Driver=SQLite3;Database=" + m_file.string()};
+};
+
+TEST_F(Retention, AnAgentKeepsAsManyRecordsAsItIsTold) {
+    keep({"--keep-records", "200"}, [&] { return counts() == "200 200"; });
 }
 
-TEST(Retention, AgesThatAreNoneAreRefused) {
+TEST_F(Retention, AnAgentKeepsRecordsAsLongAsItIsTold) {
+    keep({"--keep-age", "30d"}, [&] { return counts() == "300 300"; });
+}
+
+TEST_F(Retention, AnAgentKeepsAsManyBytesAsItIsTold) {
+    const int most = usedBytes() / 2;
+    keep({"--keep-size", std::to_string(most)}, [&] { return usedBytes() <= most; });
+    EXPECT_GT(std::stoi(cell("SELECT count(*) FROM qor_operation")), 200) << "no more goes than has to";
+    EXPECT_EQ(cell("SELECT max(source <> '') FROM qor_event"), "1");
+}
+
+TEST_F(Retention, TheStrictestOfSeveralCounts) {
+    keep({"--keep-age", "30d", "--keep-records", "250", "--keep-size", "1000000000"},
+         [&] { return counts() == "250 250"; });
+}
+
+TEST(RetentionOptions, AgesThatAreNoneAreRefused) {
     for (const char* age : {"soon", "5", "-3d"}) {
         CtlProcess agent({(programDirectory() / "qor-agent").string(), std::string("--keep-age=") + age});
         const CtlResult result = agent.finish();
