@@ -8,11 +8,13 @@
 #include <set>
 
 #include "QORCommon/QORException.h"
+#include "QORLibAgent/QOREnvCache.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
 #include "host/QORHost.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "selfcheck/QORSecurityCopies.h"
+#include "selfcheck/QORSecurityPagerRequests.h"
 #include "selfcheck/QORSecurityRequests.h"
 
 namespace QOR {
@@ -24,6 +26,7 @@ constexpr std::size_t fewestClients = 4;
 constexpr std::size_t mostClients = 16;
 constexpr std::size_t mostEids = 50;
 constexpr std::size_t keptDifferences = 5;
+constexpr const char* wholeName = "whole.db";
 
 // ---- answers --------------------------------------------------------------------------------------------------------
 
@@ -86,8 +89,8 @@ bool isSameRow(const Row& left, const Row& right) {
 
 // ---- requests -------------------------------------------------------------------------------------------------------
 
-std::string envelope(const std::string& body, const std::set<std::string>* eids) {
-    std::string text = R"({"operator":"pager2","request":"select",)";
+std::string envelope(const QORSecurityRequest& request, const std::set<std::string>* eids) {
+    std::string text = std::string(R"({"operator":")") + request.operatorName + R"(","request":"select",)";
     if (eids != nullptr) {
         text += R"("client":{"fullAccess":false,"sids":[)";
         for (const std::string& eid : *eids) {
@@ -98,7 +101,7 @@ std::string envelope(const std::string& body, const std::set<std::string>* eids)
         }
         text += "]},";
     }
-    return text + R"("body":)" + body + "}";
+    return text + R"("body":)" + request.body + "}";
 }
 
 /// An error's text without what it quotes.
@@ -116,7 +119,7 @@ class Check {
 public:
     Check(const std::filesystem::path& database, const QORSecurityCheckOptions& options)
         : m_options(options), m_random(options.seed) {
-        copyDatabase(database, m_folder.path() / "whole.db");
+        copyDatabase(database, m_folder.path() / wholeName);
         learn();
         start();
     }
@@ -134,10 +137,12 @@ public:
 
 private:
     void learn() {
-        QORCheckedDatabase whole(m_folder.path() / "whole.db", true);
+        QORCheckedDatabase whole(m_folder.path() / wholeName, true);
         m_views = checkedViews(whole);
         if (m_views.empty()) throw QORException(errFailure, "the database has no view to ask", sourcePath, __LINE__);
         m_objects = checkedObjects(whole, m_views);
+        m_ownDatabase = isHostDatabase(whole);
+        m_samples.emplace(m_views);
         for (const QORCheckedView& view : m_views)
             (view.objects.empty() ? m_report.openViews : m_report.restrictedViews).push_back(view.name);
     }
@@ -151,11 +156,10 @@ private:
 
     void start() {
         QORHostOptions options;
-        options.database = databaseOptions("whole.db");
+        options.database = databaseOptions(wholeName);
         options.schemaMode = QORSchemaMode::Reading;
         options.plugInDirectory = m_options.plugIns;
         m_host = std::make_unique<QORHost>(std::move(options));
-        m_session = m_host->newSession(fullAccessContext());
     }
 
     /// The first client stands for nothing, the last for as many environments as may be, the others for a few.
@@ -168,36 +172,57 @@ private:
         return eids;
     }
 
+    /// Half of the requests are for "pager" where the database has what that selects from.
+    std::vector<QORSecurityRequest> makeRequests(std::size_t count, const std::map<std::string, std::size_t>& sizes) {
+        QORSecurityRequests views(m_views, sizes, m_random());
+        QORPagerRequests pager(*m_samples, m_random());
+        std::vector<QORSecurityRequest> made;
+        for (std::size_t i = 0; i < count; ++i)
+            made.push_back(m_ownDatabase && i % 2 == 1 ? pager.next() : views.next());
+        return made;
+    }
+
+    /// On a session of their own: names that an identity has used are known to its later requests.
+    std::vector<std::string> answersOf(const std::string& database, const std::vector<QORSecurityRequest>& asked,
+                                       const std::set<std::string>* eids) {
+        QORRdbms::instance().configure(databaseOptions(database));
+        envCache()->load();
+        const auto session = m_host->newSession(fullAccessContext());
+        std::vector<std::string> answers;
+        for (const QORSecurityRequest& request : asked)
+            answers.push_back(m_host->router().handle(*session, envelope(request, eids)));
+        return answers;
+    }
+
     void askAs(const std::set<std::string>& eids, std::size_t requests) {
         const std::string part = "part" + std::to_string(m_parts++) + ".db";
-        const auto sizes = makeVisiblePart(m_folder.path() / "whole.db", m_folder.path() / part, m_views, eids);
-        QORSecurityRequests made(m_views, sizes, m_random());
-        std::vector<QORSecurityRequest> asked;
-        std::vector<std::string> restricted;
-        QORRdbms::instance().configure(databaseOptions("whole.db"));
-        for (std::size_t i = 0; i < requests; ++i) {
-            asked.push_back(made.next());
-            restricted.push_back(m_host->router().handle(*m_session, envelope(asked.back().body, &eids)));
-        }
-        QORRdbms::instance().configure(databaseOptions(part));
-        for (std::size_t i = 0; i < requests; ++i) {
-            take(asked[i], eids, restricted[i], m_host->router().handle(*m_session, envelope(asked[i].body, nullptr)));
-        }
+        const auto sizes = makeVisiblePart(m_folder.path() / wholeName, m_folder.path() / part, m_views, eids);
+        const std::vector<QORSecurityRequest> asked = makeRequests(requests, sizes);
+        const std::vector<std::string> restricted = answersOf(wholeName, asked, &eids);
+        const std::vector<std::string> expected = answersOf(part, asked, nullptr);
+        for (std::size_t i = 0; i < requests; ++i)
+            take(asked[i], eids, restricted[i], expected[i]);
         m_report.requests += requests;
     }
 
     void take(const QORSecurityRequest& request, const std::set<std::string>& eids, const std::string& restricted,
               const std::string& expected) {
+        ++m_report.operators[request.operatorName];
         for (const char* const shape : request.shapes)
             ++m_report.shapes[shape];
         const Answer answer = parsed(expected);
         m_report.rows += answer.rows.size();
-        if (isSameAnswer(restricted, expected, request.ordered)) {
+        if (isSame(request.order, restricted, expected)) {
             if (answer.error) ++m_report.errors[kindOf(answer.error->message)];
             return;
         }
         if (m_report.different++ < keptDifferences)
-            m_report.differences.push_back({envelope(request.body, &eids), restricted, expected});
+            m_report.differences.push_back({envelope(request, &eids), restricted, expected});
+    }
+
+    static bool isSame(QORSecurityRequest::Order order, const std::string& left, const std::string& right) {
+        if (order == QORSecurityRequest::Order::Exact) return left == right;
+        return isSameAnswer(left, right, order == QORSecurityRequest::Order::Settled);
     }
 
     const QORSecurityCheckOptions& m_options;
@@ -205,10 +230,11 @@ private:
     QORPrivateFolder m_folder;
     std::vector<QORCheckedView> m_views;
     std::vector<std::string> m_objects;
+    bool m_ownDatabase = false;
+    std::optional<QORPagerSamples> m_samples;
     QORSecurityReport m_report;
     unsigned m_parts = 0;
     std::unique_ptr<QORHost> m_host;
-    std::unique_ptr<QORClientSession> m_session;  ///< gone before the host
 };
 
 }  // namespace

@@ -33,9 +33,10 @@ struct QORSecurityReport {
     std::size_t clients = 0;
     std::size_t rows = 0;  ///< in all answers that were compared
     std::vector<std::string> restrictedViews;
-    std::vector<std::string> openViews;         ///< securable by nobody: everybody sees them whole
-    std::map<std::string, std::size_t> shapes;  ///< requests that had each
-    std::map<std::string, std::size_t> errors;  ///< texts of errors that both answered, literals left out
+    std::vector<std::string> openViews;            ///< securable by nobody: everybody sees them whole
+    std::map<std::string, std::size_t> operators;  ///< requests to each
+    std::map<std::string, std::size_t> shapes;     ///< requests that had each
+    std::map<std::string, std::size_t> errors;     ///< texts of errors that both answered, literals left out
     std::size_t different = 0;
     std::vector<QORSecurityDifference> differences;  ///< the first few
 };

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <system_error>
 
 #include "QORCommon/QORException.h"
@@ -36,7 +38,39 @@ std::string columnList(const QORCheckedView& view, bool withTypes) {
     return list;
 }
 
+/// The host's tables of records; `owner`: the column with the environment that one belongs to. An operation is there
+/// before what it touches.
+struct RecordTable {
+    const char* name;
+    const char* owner;
+};
+constexpr RecordTable recordTables[] = {
+    {"qor_environment", "eid"}, {"qor_operation", "eid"}, {"qor_operation_environment", "own"}, {"qor_event", "eid"}};
+
+/// The host's tables with what keeps their counters, empty, then the records of the environments: so that everything
+/// which is kept beside them is that of a host which never knew others.
+void copyRecords(QORCheckedDatabase& target, const std::set<std::string>& eids) {
+    for (const auto& part : target.rows("SELECT sql FROM whole.sqlite_master WHERE substr(tbl_name, 1, 4) = 'qor_' AND "
+                                        "type <> 'view' AND sql IS NOT NULL ORDER BY CASE type WHEN 'table' THEN 0 "
+                                        "WHEN 'index' THEN 1 ELSE 2 END"))
+        target.run(part.front());
+    for (const RecordTable& table : recordTables) {
+        std::string columns;
+        for (const auto& column : target.rows("SELECT name FROM pragma_table_info(" + quotedText(table.name) + ")"))
+            columns += (columns.empty() ? "" : ", ") + quotedName(column.front());
+        target.run("INSERT INTO main." + std::string(table.name) + " (" + columns + ") SELECT " + columns +
+                   " FROM whole." + table.name + " WHERE " + table.owner + " IN (" + quotedList(eids) + ")");
+    }
+}
+
 }  // namespace
+
+bool isHostDatabase(QORCheckedDatabase& database) {
+    return std::all_of(std::begin(recordTables), std::end(recordTables), [&](const RecordTable& table) {
+        return !database.rows("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = " + quotedText(table.name))
+                    .empty();
+    });
+}
 
 QORPrivateFolder::QORPrivateFolder() {
     std::string name = (std::filesystem::temp_directory_path() / "qor-check-XXXXXX").string();
@@ -83,6 +117,8 @@ std::map<std::string, std::size_t> makeVisiblePart(const std::filesystem::path& 
         target.run("CREATE VIEW " + quotedName(view.name) + " AS SELECT * FROM " + table);
         sizes[view.name] = std::stoul(target.rows("SELECT count(*) FROM " + table).front().front());
     }
+    QORCheckedDatabase source(whole, true);
+    if (isHostDatabase(source)) copyRecords(target, eids);
     target.run("COMMIT; DETACH whole");
     return sizes;
 }

@@ -29,9 +29,12 @@ private:
 /// Copies the database, which is opened for reading only. \throws QORException 1
 void copyDatabase(const std::filesystem::path& from, const std::filesystem::path& to);
 
-/// Makes a database of the same views, each of which holds the rows that a client of the environments may see and
-/// nothing else is there: no other row, and no table behind the views. \returns rows of each view, by name; a view that
-/// cannot be read as far as the client sees it is left out
+/// Whether a database has the tables that operator "pager" selects from.
+bool isHostDatabase(QORCheckedDatabase& database);
+
+/// Makes a database of the same views, each of which holds the rows that a client of the environments may see, and of
+/// the host's own tables, with the client's records. Nothing else is there: no other row, and no table behind other
+/// views. \returns rows of each view, by name; a view that cannot be read as far as the client sees it is left out
 std::map<std::string, std::size_t> makeVisiblePart(const std::filesystem::path& whole,
                                                    const std::filesystem::path& part,
                                                    const std::vector<QORCheckedView>& views,

@@ -1,8 +1,7 @@
 #include "selfcheck/QORSecurityRequests.h"
 
 #include <algorithm>
-
-#include "QORMessage/QORNotation.h"
+#include <string_view>
 
 namespace QOR {
 namespace {
@@ -16,23 +15,6 @@ constexpr std::size_t deepest = 3;      // selects within each other
 
 bool isBytes(const QORCheckedColumn& column) {
     return column.type == "text" || column.type == "image" || column.type == "longblob" || column.type == "binary";
-}
-
-/// `["name", child, ...]` of elements that are already written.
-std::string element(std::string_view name, std::string_view children) {
-    std::string text = "[\"";
-    text += name;
-    text += "\"";
-    if (!children.empty()) (((text += ",[") += children) += "]");
-    return text + "]";
-}
-
-std::string leaf(std::string_view name, std::string_view value) {
-    std::string text = "[\"";
-    text += name;
-    text += "\",";
-    writeNotationText(value, text);
-    return text + "]";
 }
 
 const Words& numbers() {
@@ -99,7 +81,7 @@ const Words& functions() {
 
 QORSecurityRequests::QORSecurityRequests(const std::vector<QORCheckedView>& views,
                                          const std::map<std::string, std::size_t>& sizes, std::uint64_t seed)
-    : m_sizes(sizes), m_random(seed) {
+    : m_sizes(sizes), m_dice(seed) {
     for (const QORCheckedView& view : views) {
         if (!m_sizes.contains(view.name) || view.columns.empty()) continue;
         // What is restricted is asked more often than what everybody sees.
@@ -107,13 +89,9 @@ QORSecurityRequests::QORSecurityRequests(const std::vector<QORCheckedView>& view
     }
 }
 
-void QORSecurityRequests::note(const char* shape) {
-    if (std::find(m_request.shapes.begin(), m_request.shapes.end(), shape) == m_request.shapes.end())
-        m_request.shapes.push_back(shape);
-}
-
 QORSecurityRequest QORSecurityRequests::next() {
     m_request = {};
+    m_request.operatorName = "pager2";
     if (m_views.empty()) return m_request;
     m_request.body = select({});
     if (m_request.shapes.empty()) note("plain");
@@ -125,29 +103,30 @@ std::string QORSecurityRequests::select(const std::vector<Level>& around) {
     const QORCheckedView* const view = nested ? nestedView(around) : pick(m_views);
     Words outputs;
     bool grouped = false;
-    std::string body = leaf("view", view->name) + "," + fields(*view, nested, outputs, grouped);
+    std::string body = noteLeaf("view", view->name) + "," + fields(*view, nested, outputs, grouped);
     const bool distinct = chance(15);
     if (distinct) body += ",[\"distinct\"]";
     if (distinct) note("distinct");
     if (chance(80)) {
         std::vector<Level> levels = around;
         levels.push_back({view, !nested});
-        body += "," + element("where", condition(levels, nested ? 2 : 4));
+        body += "," + noteElement("where", condition(levels, nested ? 2 : 4));
     }
     const bool paged = (!nested && m_sizes[view->name] > pagedFrom && !grouped) || chance(25);
     if (paged) {
         note("page");
-        body += "," + element("limit", leaf("size", std::to_string(1 + number(30))) +
-                                           (chance(50) ? "," + leaf("offset", std::to_string(number(12))) : ""));
+        body +=
+            "," + noteElement("limit", noteLeaf("size", std::to_string(1 + number(30))) +
+                                           (chance(50) ? "," + noteLeaf("offset", std::to_string(number(12))) : ""));
     }
     if (paged || chance(40)) {
         const bool total = paged || chance(50);
         body += sorting(*view, outputs, total, grouped || distinct);
-        if (!nested) m_request.ordered = total;
+        if (!nested && total) m_request.order = QORSecurityRequest::Order::Settled;
         note("sort");
     }
     if (chance(30)) body += ",[\"statistics\"]";
-    return element("select", body);
+    return noteElement("select", body);
 }
 
 std::string QORSecurityRequests::fields(const QORCheckedView& view, bool nested, Words& outputs, bool& grouped) {
@@ -162,13 +141,14 @@ std::string QORSecurityRequests::fields(const QORCheckedView& view, bool nested,
         outputs.push_back(column.name);
         if (!written.empty()) written += ",";
         if (!chance(nested ? 30 : 18)) {
-            written += chance(10) ? element("field", leaf("name", column.name)) : leaf("field", column.name);
+            written +=
+                chance(10) ? noteElement("field", noteLeaf("name", column.name)) : noteLeaf("field", column.name);
             continue;
         }
         note(nested ? "nested aggregate" : "aggregate");
         grouped = true;
-        written +=
-            element("field", element("function", leaf("name", pick(functions())) + "," + leaf("field", column.name)));
+        written += noteElement("field", noteElement("function", noteLeaf("name", pick(functions())) + "," +
+                                                                    noteLeaf("field", column.name)));
     }
     return written;
 }
@@ -181,7 +161,7 @@ std::string QORSecurityRequests::sorting(const QORCheckedView& view, const Words
     if (total && !grouped && chance(30)) keys.push_back(pick(view.columns).name);
     std::string written;
     for (const std::string& key : keys)
-        written += "," + element("sort", leaf("field", key) + (chance(50) ? ",[\"descending\"]" : ""));
+        written += "," + noteElement("sort", noteLeaf("field", key) + (chance(50) ? ",[\"descending\"]" : ""));
     return written;
 }
 
@@ -191,9 +171,9 @@ std::string QORSecurityRequests::condition(const std::vector<Level>& levels, int
         std::string terms;
         for (std::uint64_t terms_left = 1 + number(3) + (kind == 0); terms_left > 0; --terms_left)
             terms += (terms.empty() ? "" : ",") + condition(levels, depth - 1);
-        return element(kind % 2 ? "and" : "or", terms);
+        return noteElement(kind % 2 ? "and" : "or", terms);
     }
-    if (kind == 4) return element("not", condition(levels, depth - 1));
+    if (kind == 4) return noteElement("not", condition(levels, depth - 1));
     return comparison(levels);
 }
 
@@ -208,11 +188,11 @@ std::string QORSecurityRequests::comparison(const std::vector<Level>& levels) {
         case 2: {
             note("between");
             const std::string first = operand(levels, &column);
-            return element("between", first + "," + literal(view, column) + "," + literal(view, column));
+            return noteElement("between", first + "," + literal(view, column) + "," + literal(view, column));
         }
         case 3:
             note("is null");
-            return element("is_null", operand(levels, &column));
+            return noteElement("is_null", operand(levels, &column));
         case 4:
         case 5:
         case 6:
@@ -224,7 +204,7 @@ std::string QORSecurityRequests::comparison(const std::vector<Level>& levels) {
     const std::string left = operand(levels, &column);
     const QORCheckedColumn* other = column;
     const std::string right = chance(20) ? operand(levels, &other) : literal(view, column);
-    return element(pick(operators), chance(85) ? left + "," + right : right + "," + left);
+    return noteElement(pick(operators), chance(85) ? left + "," + right : right + "," + left);
 }
 
 std::string QORSecurityRequests::likeCondition(const std::vector<Level>& levels) {
@@ -240,15 +220,15 @@ std::string QORSecurityRequests::likeCondition(const std::vector<Level>& levels)
             break;
         case 1:
             note("pattern of a function");
-            operands += element(
-                "function", leaf("name", chance(50) ? "upper" : "lower") + "," + leaf("value", pattern(view, column)));
+            operands += noteElement("function", noteLeaf("name", chance(50) ? "upper" : "lower") + "," +
+                                                    noteLeaf("value", pattern(view, column)));
             break;
         default:
-            operands += leaf("value", pattern(view, column));
+            operands += noteLeaf("value", pattern(view, column));
             break;
     }
-    if (chance(25)) operands += "," + leaf("escape", chance(70) ? "!" : (chance(50) ? "%" : "\\"));
-    return element("like", operands);
+    if (chance(25)) operands += "," + noteLeaf("escape", chance(70) ? "!" : (chance(50) ? "%" : "\\"));
+    return noteElement("like", operands);
 }
 
 std::string QORSecurityRequests::list(const std::vector<Level>& levels) {
@@ -264,7 +244,7 @@ std::string QORSecurityRequests::list(const std::vector<Level>& levels) {
             items += "," + literal(view, column);
         }
     }
-    return element("in", items);
+    return noteElement("in", items);
 }
 
 std::string QORSecurityRequests::operand(const std::vector<Level>& levels, const QORCheckedColumn** column) {
@@ -281,10 +261,10 @@ std::string QORSecurityRequests::operand(const std::vector<Level>& levels, const
     }
     const QORCheckedColumn& chosen = comparable(*level->view);
     *column = &chosen;
-    const std::string field = leaf("field", name + chosen.name);
+    const std::string field = noteLeaf("field", name + chosen.name);
     if (!chance(15)) return field;
     note("function");
-    return element("function", leaf("name", chance(50) ? "upper" : "lower") + "," + field);
+    return noteElement("function", noteLeaf("name", chance(50) ? "upper" : "lower") + "," + field);
 }
 
 const QORCheckedColumn& QORSecurityRequests::comparable(const QORCheckedView& view) {
@@ -306,7 +286,7 @@ const QORCheckedView* QORSecurityRequests::nestedView(const std::vector<Level>& 
 }
 
 std::string QORSecurityRequests::literal(const QORCheckedView& view, const QORCheckedColumn* column) {
-    return leaf("value", textFor(view, column));
+    return noteLeaf("value", textFor(view, column));
 }
 
 std::string QORSecurityRequests::textFor(const QORCheckedView& view, const QORCheckedColumn* column) {

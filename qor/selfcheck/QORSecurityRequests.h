@@ -1,24 +1,17 @@
 /// \file
 /// Made-up requests that use the whole grammar of "pager2", with values that rows hold, hidden rows among them, and
-/// with what engines stumble over. A request of another operator would be one more shape here.
+/// with what engines stumble over.
 #pragma once
 
 #include <cstdint>
 #include <map>
-#include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "selfcheck/QORSecurityRequest.h"
 #include "selfcheck/QORSecurityViews.h"
 
 namespace QOR {
-
-struct QORSecurityRequest {
-    std::string body;                 ///< the select element in message notation
-    std::vector<const char*> shapes;  ///< what it has: "nested", "aggregate", ...
-    bool ordered = false;             ///< the order of its rows is settled by what it asks
-};
 
 /// The same requests for the same views, sizes and seed. Whatever it makes has one right answer: where a page is cut
 /// out, the rows are ordered by all that is selected.
@@ -35,13 +28,6 @@ private:
         bool outermost;
     };
 
-    std::uint64_t number(std::uint64_t below) { return m_random() % below; }
-    bool chance(unsigned percent) { return number(100) < percent; }
-    template <class T>
-    const T& pick(const std::vector<T>& from) {
-        return from[number(from.size())];
-    }
-
     std::string select(const std::vector<Level>& around);
     std::string fields(const QORCheckedView& view, bool nested, std::vector<std::string>& outputs, bool& grouped);
     std::string sorting(const QORCheckedView& view, const std::vector<std::string>& outputs, bool total, bool grouped);
@@ -55,11 +41,17 @@ private:
     std::string pattern(const QORCheckedView& view, const QORCheckedColumn* column);
     const QORCheckedColumn& comparable(const QORCheckedView& view);
     const QORCheckedView* nestedView(const std::vector<Level>& levels);
-    void note(const char* shape);
+    std::uint64_t number(std::uint64_t below) { return m_dice.number(below); }
+    bool chance(unsigned percent) { return m_dice.chance(percent); }
+    template <class Container>
+    const auto& pick(const Container& from) {
+        return m_dice.pick(from);
+    }
+    void note(const char* shape) { noteShape(m_request, shape); }
 
     std::vector<const QORCheckedView*> m_views;
     std::map<std::string, std::size_t> m_sizes;
-    std::mt19937_64 m_random;
+    QORSecurityDice m_dice;
     QORSecurityRequest m_request;
 };
 

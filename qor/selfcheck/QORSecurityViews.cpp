@@ -136,11 +136,16 @@ std::string quotedText(const std::string& text) {
     return quoted + '\'';
 }
 
+std::string quotedList(const std::set<std::string>& texts) {
+    std::string list;
+    for (const std::string& text : texts)
+        list += (list.empty() ? "" : ",") + quotedText(text);
+    return list;
+}
+
 std::string QORCheckedView::access(const std::set<std::string>& eids) const {
     if (objects.empty()) return "1";
-    std::string list;
-    for (const std::string& eid : eids)
-        list += (list.empty() ? "" : ",") + quotedText(eid);
+    const std::string list = quotedList(eids);
     std::string condition;
     for (const std::string& column : objects)
         condition += (condition.empty() ? "" : " OR ") + quotedName(column) + " IN (" + list + ")";

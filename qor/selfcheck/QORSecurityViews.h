@@ -36,6 +36,8 @@ private:
 /// `"name"` and `'text'` with the quotes inside doubled.
 std::string quotedName(const std::string& name);
 std::string quotedText(const std::string& text);
+/// `'text','text'`.
+std::string quotedList(const std::set<std::string>& texts);
 
 struct QORCheckedColumn {
     std::string name;

@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "QORCommon/QORException.h"
 #include "ctl/CtlProcess.h"
 #include "selfcheck/QORSecurityCopies.h"
@@ -99,6 +101,104 @@ TEST_F(SecurityCheck, HiddenRowsThatProvokeErrorsTellNothing) {
         EXPECT_GT(report.shapes.count(shape) > 0 ? report.shapes.at(shape) : 0, requests / 200) << shape;
     }
     EXPECT_FALSE(report.errors.empty());
+}
+
+/// The host's own database, which both operators select from. Records of environments 0 to 2 are harmless; those of the
+/// others hold what a filter cannot be evaluated with, patterns for whatever is compared with them, documents of any
+/// size, and touch each other's environments. There are so many records in so little time that counters are split.
+class OwnDatabaseCheck : public SecurityCheck {
+protected:
+    OwnDatabaseCheck() : m_own("Driver=SQLite3;Database=" + own().string()) {
+        const test::CtlResult result = test::runCtl({"import", "--standalone", "--database", m_own}, records());
+        EXPECT_EQ(result.status, 0) << result.err;
+    }
+    std::filesystem::path own() const { return m_folder / "own.db"; }
+
+    static std::string guid(unsigned number) {
+        return "0000000" + std::to_string(number) + "-0000-4000-8000-000000000000";
+    }
+    /// Of a record; of none for every seventh.
+    static std::string owner(unsigned record) {
+        return record % 7 == 6 ? std::string() : R"(,"eid":")" + guid(record % 7) + "\"";
+    }
+    static bool isHostile(unsigned record) { return record % 7 >= 3; }
+
+    static std::string records() {
+        std::string lines;
+        for (unsigned i = 0; i < 6; ++i) {
+            const std::string number = std::to_string(i);
+            lines += R"({"kind":"environment","eid":")" + guid(i) + R"(","parent_eid":")" + guid((i + 4) % 6) +
+                     R"(","title":")" + (i < 3 ? "title " + number : std::string(60, '%')) + R"(","state":)" + number +
+                     R"(,"config":{"name":"n)" + number + R"(","hostname":"h)" + number + R"(","memory":")" +
+                     std::string(i < 3    ? "1024"
+                                 : i == 3 ? "0"
+                                 : i == 4 ? "much"
+                                          : "") +
+                     R"(","ip":["10.0.0.)" + number + "\"]}}\n";
+        }
+        for (unsigned i = 0; i < 420; ++i) {
+            const std::string number = std::to_string(i);
+            const std::string time = std::to_string(1700000000 + i % 5 * 100000 + i % 11);
+            const std::string text = isHostile(i) ? "100%_" + number : "text " + std::to_string(i % 9);
+            lines += R"({"kind":"operation","id":"o)" + number + R"(","time":)" + time + owner(i) + R"(,"eids":[")" +
+                     guid(i % 6) + R"(",")" + guid((i / 3) % 6) + R"("],"op":"op)" + std::to_string(i % 4) +
+                     R"(","status":)" + number + R"(,"message":{"a":")" + text + R"(","env":{"eid":")" +
+                     guid((i + 1) % 6) + R"("},"source_env":{"title":"of )" + number + R"("}}})" + "\n" +
+                     R"({"kind":"event","source":"e)" + number + R"(","time":)" + time + owner(i / 2) +
+                     R"(,"category":")" + std::array{"env_status", "resource_alert", "other"}[i % 3] +
+                     R"(","info":{"secret":")" + text + "\"}}\n";
+        }
+        for (unsigned i = 0; i < 140; ++i) {
+            const std::string number = std::to_string(i % 9);
+            lines += R"({"kind":"backup","id":"b)" + std::to_string(i) + R"(","time":)" +
+                     std::to_string(1700000000 + i % 50) + owner(i) + R"(,"storage_eid":")" + guid(i % 6) +
+                     R"(","name":"n)" + (isHostile(i) ? std::string(200, '%') : number) + R"(","hostname":"h)" +
+                     number + R"(","description":")" + std::string(i % 35 == 3 ? 60000 : 3, '%') +
+                     R"(","info":{"title":"t)" + number + R"(","veid":")" + number + R"(","ip":"10.0.0.)" + number +
+                     "\"}}\n";
+        }
+        return lines;
+    }
+
+    std::string m_own;
+};
+
+TEST_F(OwnDatabaseCheck, BothOperatorsTellNothingOfHiddenRows) {
+    QORSecurityCheckOptions options;
+    options.requests = requests / 2;
+    options.seed = 3;
+    const QORSecurityReport report = checkSecurity(own(), options);
+    EXPECT_EQ(report.different, 0U) << told(report);
+    EXPECT_EQ(report.restrictedViews, (std::vector<std::string>{"vBackupInfo", "vEnvironment", "vEventLog", "vOpLog"}));
+    EXPECT_EQ(report.operators.at("pager"), options.requests / 2);
+    EXPECT_EQ(report.operators.at("pager2"), options.requests / 2);
+    for (const char* const shape : {"pager: operation log", "pager: event log", "pager: backups", "pager: filter",
+                                    "pager: page", "pager: statistics", "pager: sort", "pager: category",
+                                    "pager: environment", "pager: time", "pager: environments in the filter",
+                                    "pager: like", "pager: division", "pager: comparison", "pager: trouble"}) {
+        EXPECT_GT(report.shapes.count(shape) > 0 ? report.shapes.at(shape) : 0, options.requests / 200) << shape;
+    }
+    // Both what every client is told and what depends on the rows that one may see.
+    EXPECT_THAT(report.errors, ::testing::Contains(::testing::Key("Pager evaluating error: Division by zero")));
+    EXPECT_THAT(report.errors, ::testing::Contains(::testing::Key("Pager evaluating error: Invalid type")));
+}
+
+TEST_F(OwnDatabaseCheck, APartIsADatabaseOfTheClientsRecordsAlone) {
+    const QORPrivateFolder folder;
+    QORCheckedDatabase whole(own(), true);
+    const auto views = checkedViews(whole);
+    EXPECT_TRUE(isHostDatabase(whole));
+    makeVisiblePart(own(), folder.path() / "part.db", views, {guid(1), guid(4)});
+    QORCheckedDatabase part(folder.path() / "part.db", true);
+    for (const char* const table : {"qor_operation", "qor_event", "qor_environment"}) {
+        EXPECT_EQ(part.rows(std::string("SELECT DISTINCT eid FROM ") + table + " ORDER BY 1"),
+                  (std::vector<std::vector<std::string>>{{guid(1)}, {guid(4)}}))
+            << table;
+    }
+    EXPECT_EQ(part.rows("SELECT n FROM qor_operation_count WHERE scope = '' AND level = 24"),
+              (std::vector<std::vector<std::string>>{{"120"}}));
+    EXPECT_EQ(part.rows("SELECT DISTINCT own FROM qor_operation_environment ORDER BY 1"),
+              (std::vector<std::vector<std::string>>{{guid(1)}, {guid(4)}}));
 }
 
 TEST_F(SecurityCheck, TheCommandSaysWhatItTriedAndLeavesTheDatabaseAlone) {

@@ -29,6 +29,8 @@ void print(const QORSecurityReport& report, FileOutput& out) {
     line("Views that everybody sees whole: " + joined(report.openViews));
     line(std::to_string(report.requests) + " requests of " + std::to_string(report.clients) + " clients, answered by " +
          std::to_string(report.rows) + " rows, of which");
+    for (const auto& [name, count] : report.operators)
+        line("  " + std::to_string(count) + " to operator " + name);
     for (const auto& [shape, count] : report.shapes)
         line("  " + std::to_string(count) + " with " + shape);
     for (const auto& [error, count] : report.errors)
