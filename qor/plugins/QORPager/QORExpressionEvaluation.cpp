@@ -78,6 +78,7 @@ void TExpressionEvaluation::forgetExpression() {
     clearResult();
     m_program = {};
     m_specialProgram = {};
+    m_buffers = {};
     TExpressionEvaluationParser::forgetExpression();
 }
 
@@ -92,11 +93,12 @@ std::vector<const TToken*> TExpressionEvaluation::postfixOrder() const {
 template <class Order>
 void TExpressionEvaluation::compile(ProgramSlot& slot, Order order) {
     slot.program.emplace(order());
+    m_buffers = {};  // what long texts of the former filter took is not this one's to keep
     slot.version = version();
 }
 
 void TExpressionEvaluation::run(ProgramSlot& slot) {
-    if (const TErrorType code = slot.program->run(m_result); code != etNoErrors) {
+    if (const TErrorType code = slot.program->run(m_buffers, m_result); code != etNoErrors) {
         setError(code);
     } else if (m_result.type == TValueType::String) {
         holdResult();

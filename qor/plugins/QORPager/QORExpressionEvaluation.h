@@ -124,7 +124,7 @@ private:
         Owned left;
         Owned right;
     };
-    /// A program, and the state of the parser that it was made from.
+    /// A program, and the version of the expression that it was made from.
     struct ProgramSlot {
         std::optional<TExpressionProgram> program;
         std::size_t version = 0;
@@ -160,6 +160,7 @@ private:
     std::string m_resultHolding;  ///< the bytes of a result that is a text
     ProgramSlot m_program;
     ProgramSlot m_specialProgram;
+    TProgramBuffers m_buffers;  ///< of whichever program is run
 };
 
 }  // namespace QOR

@@ -12,47 +12,10 @@
 namespace QOR {
 namespace {
 
+/// Orders of two operands; the orders for which a comparison holds are some of them together.
 constexpr std::uint8_t smaller = 1;
 constexpr std::uint8_t equal = 2;
 constexpr std::uint8_t greater = 4;
-
-/// The orders of its operands for which a comparison holds; none for what is no comparison.
-constexpr std::uint8_t ordersOf(TTokenType type) noexcept {
-    switch (type) {
-        case ttGreater:
-            return greater;
-        case ttGreaterOrEqual:
-            return greater | equal;
-        case ttLower:
-            return smaller;
-        case ttLowerOrEqual:
-            return smaller | equal;
-        case ttEqual:
-            return equal;
-        case ttNotEqual:
-            return smaller | greater;
-        case ttLeftBracket:
-        case ttRightBracket:
-        case ttComma:
-        case ttOr:
-        case ttAnd:
-        case ttNot:
-        case ttLike:
-        case ttAdd:
-        case ttSub:
-        case ttMul:
-        case ttDiv:
-        case ttUnaryMinus:
-        case ttIn:
-        case ttUnit:
-        case ttRecursive:
-        case ttUnassigned:
-        case ttFunction:
-        case ttNone:
-            break;
-    }
-    return 0;
-}
 
 constexpr TTextCase caseOf(TFunctionKind kind) noexcept {
     switch (kind) {
@@ -108,7 +71,6 @@ public:
         m_operands.clear();
         m_program.m_code.reserve(m_tokens.size());
         walk(true);
-        m_program.m_stack.resize(m_deepest);
     }
 
 private:
@@ -137,7 +99,7 @@ private:
             known.constant = &token;
         }
         m_operands.push_back(known);
-        m_deepest = std::max(m_deepest, m_operands.size());
+        m_program.m_deepest = std::max(m_program.m_deepest, m_operands.size());
         if (!emitting) return;
         Instruction push;
         push.left = leaf(token, known.type);
@@ -239,7 +201,6 @@ private:
     std::vector<Known> m_operands;
     std::vector<std::size_t> m_openJumps;
     std::size_t m_at = 0;
-    std::size_t m_deepest = 1;
 };
 
 TExpressionProgram::TExpressionProgram(const std::vector<const TToken*>& tokens) {
@@ -332,17 +293,25 @@ TExpressionProgram::Plan TExpressionProgram::planBinary(const TToken& token, con
             plan.instruction.op = Op::In;
             return plan;
         case ttAdd:
+            return planArithmetic(Op::Add, left, right);
         case ttSub:
+            return planArithmetic(Op::Subtract, left, right);
         case ttMul:
+            return planArithmetic(Op::Multiply, left, right);
         case ttDiv:
-            return planArithmetic(token, left, right);
+            return planDivision(left, right);
         case ttGreater:
+            return planComparison(greater, left, right);
         case ttGreaterOrEqual:
+            return planComparison(greater | equal, left, right);
         case ttLower:
+            return planComparison(smaller, left, right);
         case ttLowerOrEqual:
+            return planComparison(smaller | equal, left, right);
         case ttEqual:
+            return planComparison(equal, left, right);
         case ttNotEqual:
-            return planComparison(token, left, right);
+            return planComparison(smaller | greater, left, right);
         case ttLeftBracket:
         case ttRightBracket:
         case ttComma:
@@ -358,21 +327,22 @@ TExpressionProgram::Plan TExpressionProgram::planBinary(const TToken& token, con
     return planFailure(etEvaluation);
 }
 
-TExpressionProgram::Plan TExpressionProgram::planArithmetic(const TToken& token, const Known& left,
-                                                            const Known& right) {
+TExpressionProgram::Plan TExpressionProgram::planDivision(const Known& left, const Known& right) {
+    if (left.type != TValueType::Integer || right.type != TValueType::Integer) return planFailure(etInvalidType);
+    Plan plan = planArithmetic(Op::Divide, left, right);
+    plan.safe = right.constant != nullptr && readInteger(right.constant->text) != 0;
+    return plan;
+}
+
+TExpressionProgram::Plan TExpressionProgram::planArithmetic(Op operation, const Known& left, const Known& right) {
     Plan plan;
     plan.instruction.left.type = left.type;
     plan.instruction.right.type = right.type;
-    const bool integers = left.type == TValueType::Integer && right.type == TValueType::Integer;
-    if (token.type == ttDiv) {
-        if (!integers) return planFailure(etInvalidType);
-        plan.instruction.op = Op::Divide;
+    const auto areBoth = [&](TValueType type) { return left.type == type && right.type == type; };
+    if (areBoth(TValueType::Integer)) {
+        plan.instruction.op = operation;
         plan.result = TValueType::Integer;
-        plan.safe = right.constant != nullptr && readInteger(right.constant->text) != 0;
-    } else if (integers) {
-        plan.instruction.op = token.type == ttAdd ? Op::Add : token.type == ttSub ? Op::Subtract : Op::Multiply;
-        plan.result = TValueType::Integer;
-    } else if (token.type == ttAdd && left.type == TValueType::String && right.type == TValueType::String) {
+    } else if (operation == Op::Add && areBoth(TValueType::String)) {
         plan.instruction.op = Op::Concatenate;
         plan.result = TValueType::String;
     } else {
@@ -383,11 +353,12 @@ TExpressionProgram::Plan TExpressionProgram::planArithmetic(const TToken& token,
 }
 
 /// Comparisons, with the operands brought to one type as the comparison policies do it.
-TExpressionProgram::Plan TExpressionProgram::planComparison(const TToken& token, const Known& left,
+/// \param orders of its operands for which the comparison holds
+TExpressionProgram::Plan TExpressionProgram::planComparison(std::uint8_t orders, const Known& left,
                                                             const Known& right) {
     Plan plan;
     Instruction& instruction = plan.instruction;
-    instruction.orders = ordersOf(token.type);
+    instruction.orders = orders;
     instruction.left.type = left.type;
     instruction.right.type = right.type;
     const auto has = [&](TValueType type) { return left.type == type || right.type == type; };
@@ -427,7 +398,8 @@ std::int32_t TExpressionProgram::number(const Source& source, TOperand*& top) no
 }
 
 /// \returns false when a text is not the number that it has to be
-bool TExpressionProgram::convertedNumber(const Source& source, TOperand*& top, std::int32_t& out) {
+bool TExpressionProgram::convertedNumber(const Source& source, TTextPool& pool, TOperand*& top,
+                                         std::int32_t& out) const {
     if (source.type != TValueType::String) {
         out = number(source, top);
         if (source.convert == Convert::ToBoolean) out = out != 0;
@@ -445,10 +417,10 @@ bool TExpressionProgram::convertedNumber(const Source& source, TOperand*& top, s
         if (!whole) return false;
         out = *whole;
     } else {
-        m_pool.settle(operand);
+        pool.settle(operand);
         out = EqualityPolicy::countsAsTrue(operand.text);
     }
-    m_pool.release(operand);
+    pool.release(operand);
     return true;
 }
 
@@ -458,11 +430,11 @@ std::string_view TExpressionProgram::leafText(const Source& source) const noexce
     return m_texts[static_cast<std::size_t>(source.number)];
 }
 
-TOperand TExpressionProgram::text(const Source& source, TOperand*& top) noexcept {
+TOperand TExpressionProgram::text(const Source& source, TOperand*& top) const noexcept {
     return source.from == From::Stack ? *--top : TOperand::ofText(leafText(source));
 }
 
-TOperand TExpressionProgram::operand(const Source& source, TOperand*& top) noexcept {
+TOperand TExpressionProgram::operand(const Source& source, TOperand*& top) const noexcept {
     switch (source.type) {
         case TValueType::Boolean:
             return TOperand::ofBoolean(number(source, top) != 0);
@@ -481,7 +453,7 @@ void TExpressionProgram::drop(const Source& source, TOperand*& top) noexcept {
     if (source.from == From::Stack) --top;
 }
 
-int TExpressionProgram::compareTexts(const Instruction& instruction, TOperand*& top) {
+int TExpressionProgram::compareTexts(const Instruction& instruction, TTextPool& pool, TOperand*& top) const {
     if (instruction.left.from != From::Stack && instruction.right.from != From::Stack) {
         const std::string_view left = leafText(instruction.left);
         const std::string_view right = leafText(instruction.right);
@@ -489,45 +461,47 @@ int TExpressionProgram::compareTexts(const Instruction& instruction, TOperand*& 
     }
     TOperand right = text(instruction.right, top);
     TOperand left = text(instruction.left, top);
-    if (right.buffer != TOperand::noBuffer) m_pool.settle(right);
-    if (left.buffer != TOperand::noBuffer) m_pool.settle(left);
+    if (right.buffer != TOperand::noBuffer) pool.settle(right);
+    if (left.buffer != TOperand::noBuffer) pool.settle(left);
     const int order =
         isEquality(instruction.orders) ? (equalTexts(left, right) ? 0 : 1) : QOR::compareTexts(left, right);
-    m_pool.release(right);
-    m_pool.release(left);
+    pool.release(right);
+    pool.release(left);
     return order;
 }
 
-bool TExpressionProgram::like(const Instruction& instruction, TOperand*& top) {
+bool TExpressionProgram::like(const Instruction& instruction, TTextPool& pool, TOperand*& top) const {
     if (instruction.left.from != From::Stack && instruction.right.from != From::Stack) {
         return matchLike(leafText(instruction.left), leafText(instruction.right));
     }
     TOperand pattern = text(instruction.right, top);
     TOperand subject = text(instruction.left, top);
-    m_pool.settle(pattern);
-    m_pool.settle(subject);
+    pool.settle(pattern);
+    pool.settle(subject);
     const bool matches = matchLike(subject.text, pattern.text);
-    m_pool.release(pattern);
-    m_pool.release(subject);
+    pool.release(pattern);
+    pool.release(subject);
     return matches;
 }
 
-void TExpressionProgram::changeCase(const Instruction& instruction, TOperand*& top) {
+void TExpressionProgram::changeCase(const Instruction& instruction, TOperand*& top) const {
     TOperand operand = text(instruction.left, top);
     operand.textCase = instruction.textCase;
     *top++ = operand;
 }
 
-void TExpressionProgram::concatenate(const Instruction& instruction, TOperand*& top) {
+void TExpressionProgram::concatenate(const Instruction& instruction, TTextPool& pool, TOperand*& top) const {
     TOperand right = text(instruction.right, top);
     TOperand left = text(instruction.left, top);
-    m_pool.concatenate(left, right);
+    pool.concatenate(left, right);
     *top++ = left;
 }
 
-TErrorType TExpressionProgram::run(TOperand& result) {
-    m_pool.reset();
-    TOperand* top = m_stack.data();
+TErrorType TExpressionProgram::run(TProgramBuffers& buffers, TOperand& result) const {
+    TTextPool& pool = buffers.pool;
+    pool.reset();
+    if (buffers.stack.size() < m_deepest) buffers.stack.resize(m_deepest);
+    TOperand* top = buffers.stack.data();
     // What reads a number or a boolean from the stack reads nothing else of the operand.
     const auto push = [&top](TValueType type, std::int32_t value) {
         top->type = type;
@@ -578,20 +552,20 @@ TErrorType TExpressionProgram::run(TOperand& result) {
             case Op::CompareNumbers: {
                 std::int32_t right = 0;
                 std::int32_t left = 0;
-                if (!convertedNumber(at->right, top, right) || !convertedNumber(at->left, top, left)) {
+                if (!convertedNumber(at->right, pool, top, right) || !convertedNumber(at->left, pool, top, left)) {
                     return etInvalidType;
                 }
                 pushBoolean(holds(at->orders, orderOf(left, right)));
                 break;
             }
             case Op::CompareTexts:
-                pushBoolean(holds(at->orders, compareTexts(*at, top)));
+                pushBoolean(holds(at->orders, compareTexts(*at, pool, top)));
                 break;
             case Op::Like:
-                pushBoolean(like(*at, top));
+                pushBoolean(like(*at, pool, top));
                 break;
             case Op::Concatenate:
-                concatenate(*at, top);
+                concatenate(*at, pool, top);
                 break;
             case Op::Add: {
                 const std::int32_t right = number(at->right, top);
@@ -640,10 +614,10 @@ TErrorType TExpressionProgram::run(TOperand& result) {
         }
     }
     // Part by part, as it was written: reading it whole would wait for the parts to come together.
-    const TOperand& value = m_stack.front();
+    const TOperand& value = buffers.stack.front();
     if (value.type == TValueType::String) {
         result = value;
-        m_pool.settle(result);
+        pool.settle(result);
     } else {
         result.type = value.type;
         result.number = value.number;

@@ -12,7 +12,12 @@
 
 namespace QOR {
 
-class TExpressionEvaluation;
+/// What running programs needs besides them: operands and texts on their way. Keeps its memory from run to run,
+/// whichever program is run, so that rows do not allocate.
+struct TProgramBuffers {
+    std::vector<TOperand> stack;  ///< as long as the deepest run has needed
+    TTextPool pool;
+};
 
 /// A sequence of tokens in the order of evaluation, resolved once for the types that its names are bound to: constants
 /// are read, names are places of bound values, operators are chosen by the types of their operands, and what is certain
@@ -22,17 +27,17 @@ class TExpressionEvaluation;
 /// Both sides of "and" and "or" count, as far as anyone can tell: the right side is left out when the left one decides
 /// and nothing in the right one can fail.
 ///
-/// Refers to the tokens and to the identifier table; valid only while neither is changed and no name that it reads is
-/// bound to a value of another type. Values may change between runs. Reuses its memory from run to run, so it is used
-/// by one thread at a time.
+/// Unchanging once it is made. Refers to the tokens and to the identifier table; valid only while neither is changed
+/// and no name that it reads is bound to a value of another type. Values may change between runs.
 class TExpressionProgram {
 public:
     explicit TExpressionProgram(const std::vector<const TToken*>& tokens);
 
-    /// Evaluates with what is bound now. \param result the value; its text lives until the next run or until its name
-    /// is bound again \returns etNoErrors, or the error that evaluating meets first; `result` is unchanged then
-    /// \throws std::out_of_range as matchLike; the program can be run again
-    TErrorType run(TOperand& result);
+    /// Evaluates with what is bound now, by one thread at a time: the bound values are not guarded, nor are the
+    /// buffers. \param result the value; its text lives until the buffers are used again or until its name is bound
+    /// again \returns etNoErrors, or the error that evaluating meets first; `result` is unchanged then \throws
+    /// std::out_of_range as matchLike; program and buffers can be used again
+    TErrorType run(TProgramBuffers& buffers, TOperand& result) const;
 
 private:
     enum class Op : std::uint8_t {
@@ -101,27 +106,27 @@ private:
     static Plan planUnary(const TToken& token, const Known& operand);
     static Plan planFunction(TFunctionKind kind, const Known& operand, Plan plan);
     static Plan planBinary(const TToken& token, const Known& left, const Known& right);
-    static Plan planComparison(const TToken& token, const Known& left, const Known& right);
-    static Plan planArithmetic(const TToken& token, const Known& left, const Known& right);
+    static Plan planComparison(std::uint8_t orders, const Known& left, const Known& right);
+    static Plan planArithmetic(Op operation, const Known& left, const Known& right);
+    static Plan planDivision(const Known& left, const Known& right);
     static Plan planFailure(TErrorType code);
 
     static void specialize(Instruction& instruction, const std::vector<std::string_view>& texts) noexcept;
 
-    std::int32_t number(const Source& source, TOperand*& top) noexcept;
-    bool convertedNumber(const Source& source, TOperand*& top, std::int32_t& out);
+    static std::int32_t number(const Source& source, TOperand*& top) noexcept;
+    bool convertedNumber(const Source& source, TTextPool& pool, TOperand*& top, std::int32_t& out) const;
     std::string_view leafText(const Source& source) const noexcept;
-    TOperand text(const Source& source, TOperand*& top) noexcept;
-    TOperand operand(const Source& source, TOperand*& top) noexcept;
-    void drop(const Source& source, TOperand*& top) noexcept;
-    int compareTexts(const Instruction& instruction, TOperand*& top);
-    bool like(const Instruction& instruction, TOperand*& top);
-    void changeCase(const Instruction& instruction, TOperand*& top);
-    void concatenate(const Instruction& instruction, TOperand*& top);
+    TOperand text(const Source& source, TOperand*& top) const noexcept;
+    TOperand operand(const Source& source, TOperand*& top) const noexcept;
+    static void drop(const Source& source, TOperand*& top) noexcept;
+    int compareTexts(const Instruction& instruction, TTextPool& pool, TOperand*& top) const;
+    bool like(const Instruction& instruction, TTextPool& pool, TOperand*& top) const;
+    void changeCase(const Instruction& instruction, TOperand*& top) const;
+    void concatenate(const Instruction& instruction, TTextPool& pool, TOperand*& top) const;
 
     std::vector<Instruction> m_code;
     std::vector<std::string_view> m_texts;
-    std::vector<TOperand> m_stack;  ///< as long as the deepest run needs
-    TTextPool m_pool;
+    std::size_t m_deepest = 1;  ///< operands on the stack at once
 };
 
 }  // namespace QOR
