@@ -154,10 +154,10 @@ QORPtr<const QOREnvList> QOREnvCache::current() const {
 
 QORPtr<const QOREnvList> QOREnvCache::getEnvList() const {
     QORPtr<const QOREnvList> all = current();
-    const QORClientContextPtr client = QORAccessChecker::getClientContext();
-    if (QORAccessChecker::hasFullAccess(client)) return all;
+    const QORRowAccess access = QORRowAccess::current();
+    if (access.isFull()) return all;
     std::vector<Env> own;
-    for (const QOREID& eid : client->objects()) {
+    for (const QOREID& eid : access.owners()) {
         if (Env env = all->find(eid)) own.push_back(std::move(env));
     }
     Chunks chunks;
@@ -166,9 +166,7 @@ QORPtr<const QOREnvList> QOREnvCache::getEnvList() const {
 }
 
 QORPtr<const QOREnv> QOREnvCache::getEnvCopy(const QOREID& eid) const {
-    const QORClientContextPtr client = QORAccessChecker::getClientContext();
-    if (!QORAccessChecker::hasFullAccess(client) && !client->objects().contains(eid)) return nullptr;
-    return current()->find(eid);
+    return QORRowAccess::current().sees(eid) ? current()->find(eid) : nullptr;
 }
 
 void QOREnvCache::update(std::vector<QORPtr<const QOREnv>> envs) {

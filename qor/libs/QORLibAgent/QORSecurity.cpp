@@ -78,10 +78,11 @@ bool QORAccessChecker::hasFullAccess(const QORClientContextPtr& context) {
 }
 
 int QORAccessChecker::accessCheck(const QORClientContextPtr& context, const std::set<QOREID>& eids, int, int) {
-    if (context->fullAccess) return accessGranted;
-    const std::set<QOREID> objects = context->objects();
-    if (objects.empty()) return accessNoIdentity;
-    return std::includes(objects.begin(), objects.end(), eids.begin(), eids.end()) ? accessGranted : accessRefused;
+    const QORRowAccess access(*context);
+    if (access.isFull()) return accessGranted;
+    if (access.owners().empty()) return accessNoIdentity;
+    const bool all = std::all_of(eids.begin(), eids.end(), [&](const QOREID& eid) { return access.sees(eid); });
+    return all ? accessGranted : accessRefused;
 }
 
 }  // namespace QOR

@@ -93,9 +93,11 @@ private:
     QORClientContextPtr m_previous;
 };
 
-/// Which records a client may see, the one definition for operators, logs and counters: those of every environment with
-/// full access, else those that belong to one of the environments that its identities stand for. A record that only
-/// mentions or touches such an environment belongs to another, and one that belongs to none is for full access only.
+/// Which records a client may see, the one definition for operators, logs, counters and the cache of environments:
+/// those of every environment with full access, else those that belong to one of the environments that its identities
+/// stand for. An environment belongs to itself. A record that only mentions or touches such an environment belongs to
+/// another, and one that belongs to none is for full access only. Whoever reads records for a client asks this, and
+/// nothing else.
 class QOR_API QORRowAccess {
 public:
     explicit QORRowAccess(const QORClientContext& client);
@@ -103,7 +105,7 @@ public:
     static QORRowAccess current();
 
     bool isFull() const noexcept { return m_full; }
-    /// Whose records are seen; of no meaning with full access.
+    /// Whose records are seen, in the order of the identifiers; of no meaning with full access.
     const std::set<QOREID>& owners() const noexcept { return m_owners; }
     /// \param owner the environment that a record belongs to, invalid for none
     bool sees(const QOREID& owner) const { return m_full || m_owners.contains(owner); }

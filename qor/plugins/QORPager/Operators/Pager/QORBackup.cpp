@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "QORLibAgent/QORSecurity.h"
+#include "QORPager/Operators/QORAccessCondition.h"
 #include "QORPager/QORFieldGetters.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "rdbmspp/sql/ASCursor.h"
@@ -16,19 +17,6 @@ namespace {
 
 /// Bytes that a document takes when it is read, for each of its text.
 constexpr std::size_t memoryOfDocumentByte = 4;
-
-/// What restricts the rows to those that the client of the calling thread may see; empty for one that may see all.
-ASComparison accessCondition(const QORBackupTable& table) {
-    const QORRowAccess access = QORRowAccess::current();
-    if (access.isFull()) return {};
-    std::string list;
-    for (const QOREID& eid : access.owners()) {
-        if (!list.empty()) list += ", ";
-        list += ASSession::quoteLiteral(eid.toString());
-    }
-    if (list.empty()) return ASComparison("1 = 0");
-    return ASAttribute::In(table.eid, list);
-}
 
 /// How the value of a field is read from a backup.
 struct ValueRow {
@@ -79,7 +67,7 @@ void getBackups(const QORBackupTable& table, const ASComparison& condition, std:
                 const QOREID& storageEid) {
     ASComparison all = condition;
     if (storageEid.isValid()) all = std::move(all) && (table.storageEid.attribute() == ASGuid(storageEid));
-    all = std::move(all) && accessCondition(table);
+    all = std::move(all) && accessCondition(QORRowAccess::current(), {table.eid});
     QORRdbmsTran transaction(ASAccess::ReadOne);
     ASCursor cursor(*transaction);
     table.selectAll(cursor.Filter().Project());

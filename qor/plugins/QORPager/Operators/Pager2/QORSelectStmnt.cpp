@@ -5,6 +5,7 @@
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORLibAgent/QORSecurity.h"
+#include "QORPager/Operators/QORAccessCondition.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
 
 namespace QOR {
@@ -183,29 +184,12 @@ void SelectStmnt::getSecurableObjFields(std::list<std::string>& names) const {
 ASComparison SelectStmnt::accessCheckExpr(int operationId) const {
     // Every operation is bound to the same objects; which one it is matters only to who registers it.
     static_cast<void>(operationId);
-    const auto token = QORToken::getCurrent();
-    std::string list;
-    const auto append = [&list](const QORSID& sid) {
-        QOREID eid;
-        if (!extractObjIdFromSID(sid, eid)) return;
-        if (!list.empty()) list += ",";
-        list += "'" + eid.toString() + "'";
-    };
-    const QORSIDPtr& own = token->ownSID();
-    if (own) append(*own);
-    for (const QORSIDPtr& sid : token->sids()) {
-        if (!own || !sid->equals(*own)) append(*sid);
-    }
-
-    ASComparison condition;
-    if (!list.empty()) {
-        const ColumnCell objects(std::move(list), true);
-        std::list<std::string> names;
-        getSecurableObjFields(names);
-        for (const std::string& name : names)
-            condition = std::move(condition) || getColumn(name).inOne(objects);
-    }
-    return condition.empty() ? ASComparison("1 = 0") : condition;
+    std::list<std::string> names;
+    getSecurableObjFields(names);
+    std::vector<ASAttribute> owners;
+    for (const std::string& name : names)
+        owners.push_back(getColumn(name).getAttrValue());
+    return accessCondition(QORRowAccess::current(), owners);
 }
 
 void SelectStmnt::registerOperationId(int operationId) {

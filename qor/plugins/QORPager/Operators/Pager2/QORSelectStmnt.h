@@ -79,8 +79,6 @@ public:
 
     /// True when the client that the calling thread serves lacks full access.
     static bool isSecurityNeeded();
-    /// Which environment an identity stands for. \returns false, with eid unchanged, when it stands for none
-    static bool extractObjIdFromSID(const QORSID& sid, QOREID& eid);
     /// The names of the view's object columns, in order.
     void getSecurableObjFields(std::list<std::string>& names) const;
     /// The condition that a row belongs to an object of the client's identities.

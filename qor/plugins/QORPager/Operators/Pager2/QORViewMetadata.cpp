@@ -221,11 +221,7 @@ void SelectStmnt::validateSecurableViews(MetaTablesMap& views) {
 }
 
 bool SelectStmnt::isSecurityNeeded() {
-    return !QORAccessChecker::hasFullAccess(QORAccessChecker::getClientContext());
-}
-
-bool SelectStmnt::extractObjIdFromSID(const QORSID& sid, QOREID& eid) {
-    return QOR::extractObjIdFromSID(sid, eid);
+    return !QORRowAccess::current().isFull();
 }
 
 ASDomainPtr SelectStmnt::getDomain(const std::string& view) {
