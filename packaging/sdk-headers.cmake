@@ -25,6 +25,7 @@ set(QOR_SDK_HEADERS
   QORLibAgent/QORLogs.h
   QORLibAgent/QORSecurity.h
   QORLibLocal/QORVocabulary.h
+  QORLibLocal/QORVocabularyRules.h
   QORMessage/QORAnswer.h
   QORMessage/QORBinaryIterator.h
   QORMessage/QORMessage.h

@@ -16,6 +16,7 @@
 
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
+#include "QORFunctionality/QOROpFactory.h"
 #include "agent/MemoryKeeper.h"
 #include "agent/SignalWatch.h"
 #include "agent/api/AgentApplication.h"
@@ -25,6 +26,7 @@
 #include "host/QORHostPaths.h"
 #include "host/QORMaintenance.h"
 #include "host/QORNumberOption.h"
+#include "host/QORPlugInLoader.h"
 #include "host/QORVocabularyFiles.h"
 
 namespace {
@@ -227,10 +229,18 @@ QORHostOptions hostOptions(const Settings& settings) {
 }
 
 int checkConfig(const Settings& settings) {
-    const QORVocabularyFiles files = readVocabularyFiles(settings.vocabulary);
+    // The plug-ins know what the vocabulary may hold.
+    QORPlugInLoader plugIns;
+    const std::filesystem::path folder =
+        settings.plugIns.empty() ? defaultPlugInDirectory() : std::filesystem::path(settings.plugIns);
+    const auto refused = plugIns.loadDirectory(folder);
+    for (const QORPlugInLoader::Refusal& refusal : refused)
+        std::fprintf(stderr, "%s\n", refusal.reason.c_str());
+    const QORVocabularyFiles files =
+        readVocabularyFiles(settings.vocabulary, QOROpFactoryRegistry::instance().vocabulary());
     for (const QORVocMistake& mistake : files.mistakes)
         std::fprintf(stderr, "%s\n", mistake.text().c_str());
-    if (!files.mistakes.empty()) return EXIT_FAILURE;
+    if (!files.mistakes.empty() || !refused.empty()) return EXIT_FAILURE;
     for (const auto& file : files.read)
         std::printf("%s: no mistakes\n", file.c_str());
     return EXIT_SUCCESS;

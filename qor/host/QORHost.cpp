@@ -16,16 +16,18 @@ void QORHost::prepareProcess() {
 
 QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
     if (m_options.plugInDirectory.empty()) m_options.plugInDirectory = defaultPlugInDirectory();
-    vocCacheLocal()->setVocabulary(usableVocabulary(m_options.vocabularyFile));
-    if (m_options.exclusive && !m_options.database.readOnly) m_lock.emplace(m_options.database.connectionString);
-    QORDBSchema::open(m_options.database, m_options.schemaMode);
-    m_environments.load();
-    setEnvCache(&m_environments);
+    // First, because they know what the vocabulary may hold.
     m_refused = m_plugIns.loadDirectory(m_options.plugInDirectory);
     if (m_plugIns.plugIns().empty()) {
         logMessage(1, "QORHost", "qor/host/QORHost", "QORHost", "no plug-in was loaded from %s",
                    m_options.plugInDirectory.c_str());
     }
+    vocCacheLocal()->setVocabulary(
+        usableVocabulary(m_options.vocabularyFile, QOROpFactoryRegistry::instance().vocabulary()));
+    if (m_options.exclusive && !m_options.database.readOnly) m_lock.emplace(m_options.database.connectionString);
+    QORDBSchema::open(m_options.database, m_options.schemaMode);
+    m_environments.load();
+    setEnvCache(&m_environments);
     m_router = std::make_unique<QORRouter>(
         m_options.prime ? QOROpFactoryRegistry::instance().names() : std::vector<std::string>(), QORMessageLimits(),
         m_options.answers);

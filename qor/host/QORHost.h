@@ -45,10 +45,10 @@ public:
     /// Must be the first thing that a process does: settles what can be set only before the database's first use.
     static void prepareProcess();
 
-    /// Reads the vocabulary, opens the database, loads its environments into the cache, loads the plug-ins and, when
-    /// asked to, primes them. Mistakes in the vocabulary that leave it usable, a plug-in that is refused and a priming
-    /// request that fails are logged; the host works without.
-    /// \throws QORException, AException naming what cannot be opened, or is another host's
+    /// Loads the plug-ins, reads the vocabulary, opens the database, loads its environments into the cache and, when
+    /// asked to, primes the plug-ins. Mistakes in the vocabulary that leave it usable, a plug-in that is refused and a
+    /// priming request that fails are logged; the host works without. \throws QORException, AException naming what
+    /// cannot be opened, or is another host's
     explicit QORHost(QORHostOptions options);
     /// Unloads the plug-ins, then closes the database.
     ~QORHost();

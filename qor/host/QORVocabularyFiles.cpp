@@ -1,6 +1,7 @@
 #include "host/QORVocabularyFiles.h"
 
 #include <system_error>
+#include <utility>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
@@ -13,8 +14,8 @@ constexpr const char* sourcePath = "qor/host/QORVocabularyFiles";
 
 }  // namespace
 
-QORVocabularyFiles readVocabularyFiles(const std::filesystem::path& named) {
-    QORVocReader reader;
+QORVocabularyFiles readVocabularyFiles(const std::filesystem::path& named, std::vector<QORVocCategoryRule> rules) {
+    QORVocReader reader(std::move(rules));
     QORVocabularyFiles files;
     const auto read = [&](const std::filesystem::path& file) {
         if (reader.readFile(file)) files.read.push_back(file);
@@ -28,8 +29,8 @@ QORVocabularyFiles readVocabularyFiles(const std::filesystem::path& named) {
     return files;
 }
 
-QORPtr<const QORVocMap> usableVocabulary(const std::filesystem::path& named) {
-    const QORVocabularyFiles files = readVocabularyFiles(named);
+QORPtr<const QORVocMap> usableVocabulary(const std::filesystem::path& named, std::vector<QORVocCategoryRule> rules) {
+    const QORVocabularyFiles files = readVocabularyFiles(named, std::move(rules));
     for (const QORVocMistake& mistake : files.mistakes) {
         if (mistake.fatal) throw QORException(errFailure, mistake.text(), sourcePath, __LINE__);
         logMessage(1, "QORHost", sourcePath, __func__, "%s", mistake.text().c_str());

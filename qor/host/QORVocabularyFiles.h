@@ -16,10 +16,11 @@ struct QORVocabularyFiles {
 };
 
 /// \param named empty for none. A host without the shipped file has no vocabulary but this
-QORVocabularyFiles readVocabularyFiles(const std::filesystem::path& named);
+/// \param rules of those who read the vocabulary; what breaks them is a mistake
+QORVocabularyFiles readVocabularyFiles(const std::filesystem::path& named, std::vector<QORVocCategoryRule> rules);
 
 /// The same for a host that is about to work with it: mistakes are logged.
 /// \throws QORException 1 telling why a file cannot be used
-QORPtr<const QORVocMap> usableVocabulary(const std::filesystem::path& named);
+QORPtr<const QORVocMap> usableVocabulary(const std::filesystem::path& named, std::vector<QORVocCategoryRule> rules);
 
 }  // namespace QOR

@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORDBSchema/QORDBSchema.h"
+#include "QORPager/QORPagerVocabulary.h"
 #include "host/QORHost.h"
 #include "host/QORVocabularyFiles.h"
 #include "process/CtlError.h"
@@ -88,7 +89,9 @@ StandaloneBackend::StandaloneBackend(const ConnectionOptions& options, BackendUs
     try {
         if (use != BackendUse::Ask) {
             QORDBSchema::open(host.database, host.schemaMode);
-            if (use == BackendUse::Inspect) vocCacheLocal()->setVocabulary(usableVocabulary(options.config));
+            if (use == BackendUse::Inspect)
+                vocCacheLocal()->setVocabulary(
+                    usableVocabulary(options.config, {pagerVocabulary().begin(), pagerVocabulary().end()}));
             return;
         }
         m_host = std::make_unique<QORHost>(std::move(host));

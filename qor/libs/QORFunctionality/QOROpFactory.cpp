@@ -33,6 +33,14 @@ std::vector<std::string> QOROpFactoryRegistry::names() const {
     return result;
 }
 
+std::vector<QORVocCategoryRule> QOROpFactoryRegistry::vocabulary() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<QORVocCategoryRule> rules;
+    for (const QOROpFactory* factory : m_factories)
+        rules.insert(rules.end(), factory->vocabulary().begin(), factory->vocabulary().end());
+    return rules;
+}
+
 void QOROpFactoryRegistry::add(QOROpFactory* factory) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_factories.push_back(factory);

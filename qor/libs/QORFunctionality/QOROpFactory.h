@@ -3,6 +3,7 @@
 #pragma once
 
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "QORCommon/QORReferenceCounter.h"
 #include "QORFunctionality/QORAccesser.h"
 #include "QORFunctionality/QOROperator.h"
+#include "QORLibLocal/QORVocabularyRules.h"
 
 namespace QOR {
 
@@ -43,21 +45,25 @@ public:
     QOROpFactory& operator=(const QOROpFactory&) = delete;
 
     const std::string& name() const noexcept { return m_name; }
-    /// The number given at registration; the host keeps it and attaches no meaning to it.
+    /// The number given at registration, for those who list factories: requests name operators by their names alone.
     int value() const noexcept { return m_value; }
     /// What the operator is to be asked before any client asks; null when it does not matter who is first. Lives as
     /// long as the plug-in.
     const QOROpPriming* priming() const noexcept { return m_priming; }
+    /// What the operator reads from the configuration vocabulary. Lives as long as the plug-in.
+    std::span<const QORVocCategoryRule> vocabulary() const noexcept { return m_vocabulary; }
 
 protected:
     /// \param name by which requests address the operator
     QOROpFactory(const char* name, int value);
     void setPriming(const QOROpPriming* priming) noexcept { m_priming = priming; }
+    void setVocabulary(std::span<const QORVocCategoryRule> rules) noexcept { m_vocabulary = rules; }
 
 private:
     const std::string m_name;
     const int m_value;
     const QOROpPriming* m_priming = nullptr;
+    std::span<const QORVocCategoryRule> m_vocabulary;
 };
 
 /// All factories of the process, in the order in which they were made. Thread-safe.
@@ -67,6 +73,8 @@ public:
     /// The factory of that name (the first made, should there be several); null when there is none.
     QORPtr<QOROpFactory> find(const std::string& name) const;
     std::vector<std::string> names() const;
+    /// The vocabulary rules of all of them, in the order of the factories.
+    std::vector<QORVocCategoryRule> vocabulary() const;
 
 private:
     friend class QOROpFactory;
@@ -78,7 +86,7 @@ private:
 };
 
 /// The factory of an operator class. `Pooled` selects accessors from a pool with the three limits. A class that has a
-/// static member `priming` is registered with it.
+/// static member `priming` is registered with it, and so is one with a static function `vocabulary()`.
 template <class Operator, class Number, Number Idle, Number Most, Number Step, bool Pooled>
 class QOROperatorFactory : public QOROpFactory {
     static_assert(Pooled, "operators are reached through pooled accessors");
@@ -87,6 +95,7 @@ public:
     /// \param ns the namespace number given to every operator
     QOROperatorFactory(const char* name, int ns, int value) : QOROpFactory(name, value), m_ns(ns) {
         if constexpr (requires { Operator::priming; }) setPriming(&Operator::priming);
+        if constexpr (requires { Operator::vocabulary(); }) setVocabulary(Operator::vocabulary());
     }
 
     QORPtr<QOROperatorPrototype> newOperator() override {

@@ -17,41 +17,37 @@
 namespace QOR {
 namespace {
 
-constexpr std::string_view fieldsCategory = "pager_fields";
-constexpr std::string_view cachesCategory = "pager_caches";
-
-/// What a category's parameters may hold.
-struct CategoryRule {
-    std::string_view name;
-    std::span<const std::string_view> required;
-    std::span<const std::string_view> optional;
-    std::span<const std::string_view> integers;
-    std::span<const std::string_view> marks;
-};
-
-constexpr std::array<std::string_view, 1> sourceOnly{"source"};
-constexpr std::array<std::string_view, 3> fieldValues{"value", "type", "cache"};
-constexpr std::array<std::string_view, 2> fieldMarks{"multi", "base64"};
-constexpr std::array<std::string_view, 4> cacheValues{"info_prefix", "info_path", "sync_timeout", "security_operation"};
-constexpr std::array<std::string_view, 2> cacheIntegers{"sync_timeout", "security_operation"};
-constexpr std::array<std::string_view, 6> typeWords{"string", "int", "ipaddress", "date", "time", "boolean"};
-
-constexpr std::array<CategoryRule, 2> rules{{
-    {fieldsCategory, sourceOnly, fieldValues, {}, fieldMarks},
-    {cachesCategory, sourceOnly, cacheValues, cacheIntegers, {}},
-}};
-
 template <class Range>
 bool contains(const Range& range, std::string_view text) {
     return std::find(std::begin(range), std::end(range), text) != std::end(range);
 }
 
+std::string_view nameOf(std::string_view word) {
+    return word;
+}
+std::string_view nameOf(const QORVocValueRule& rule) {
+    return rule.key;
+}
+std::string_view nameOf(const QORVocCategoryRule& rule) {
+    return rule.name;
+}
+
+/// The rule of that name; null when there is none.
+template <class Rules>
+auto findRule(const Rules& rules, std::string_view name) {
+    const auto found =
+        std::find_if(std::begin(rules), std::end(rules), [name](const auto& rule) { return nameOf(rule) == name; });
+    return found == std::end(rules) ? nullptr : &*found;
+}
+
 template <class Range>
-std::string listed(const Range& range) {
+std::string listed(const Range& range, std::string_view beforeLast = ", ") {
     std::string text;
-    for (const std::string_view one : range) {
-        if (!text.empty()) text += ", ";
-        text += one;
+    std::size_t left = std::size(range);
+    for (const auto& one : range) {
+        if (!text.empty()) text += left == 1 ? beforeLast : ", ";
+        text += nameOf(one);
+        --left;
     }
     return text;
 }
@@ -104,9 +100,9 @@ Identifiers noIdentifiers(std::uint64_t& steps) {
 /// Reads one text into a vocabulary of its own.
 class FileReader {
 public:
-    FileReader(std::string_view xml, const std::string& file, std::vector<QORVocMistake>& mistakes,
-               std::uint64_t& steps)
-        : m_xml(xml), m_file(file), m_mistakes(mistakes), m_steps(steps), m_lines(xml, steps) {}
+    FileReader(std::string_view xml, const std::string& file, std::span<const QORVocCategoryRule> rules,
+               std::vector<QORVocMistake>& mistakes, std::uint64_t& steps)
+        : m_xml(xml), m_file(file), m_rules(rules), m_mistakes(mistakes), m_steps(steps), m_lines(xml, steps) {}
 
     bool read(QORVocMap& out) {
         pugi::xml_document document;
@@ -169,12 +165,9 @@ private:
         checkAttributes(node, {"name"});
         const std::string name = node.attribute("name").value();
         if (name.empty()) return wrong(node, "a category needs a name");
-        const auto* const rule =
-            std::find_if(rules.begin(), rules.end(), [&](const CategoryRule& one) { return one.name == name; });
-        if (rule == rules.end()) {
-            wrong(node, "unknown category " + quoteText(name) + "; known are " + std::string(fieldsCategory) + " and " +
-                            std::string(cachesCategory));
-        }
+        const QORVocCategoryRule* const rule = findRule(m_rules, name);
+        if (rule == nullptr && !m_rules.empty())
+            wrong(node, "unknown category " + quoteText(name) + "; known are " + listed(m_rules, " and "));
         QORVocMap::Category& category = out.category(name);
         for (const pugi::xml_node& child : node.children()) {
             if (!isContent(child)) continue;
@@ -184,7 +177,7 @@ private:
             }
             QORVocParameter parameter = readParameter(child);
             Identifiers& known = m_known.try_emplace(name, noIdentifiers(m_steps)).first->second;
-            check(child, parameter, known, rule == rules.end() ? nullptr : rule);
+            check(child, parameter, known, rule);
             category.push_back(std::move(parameter));
         }
     }
@@ -234,7 +227,7 @@ private:
 
     /// \param known the identifiers before it in its category
     void check(const pugi::xml_node& node, const QORVocParameter& parameter, Identifiers& known,
-               const CategoryRule* rule) {
+               const QORVocCategoryRule* rule) {
         if (parameter.id.empty()) {
             wrong(node, "a parameter needs an id; this one is passed over");
         } else if (!known.emplace(parameter.id, 0).second) {
@@ -242,35 +235,48 @@ private:
         }
         if (rule == nullptr) return;
         checkAttributes(node, {"id"}, rule->marks);
-        for (const std::string_view key : rule->required) {
-            const std::string* const text = valueOf(parameter, key);
+        for (const QORVocValueRule& value : rule->values) {
+            if (!value.required) continue;
+            const std::string* const text = valueOf(parameter, value.key);
             if (text == nullptr) {
-                wrong(node, quoteText(parameter.id) + " has no <" + std::string(key) + ">; it is passed over");
+                wrong(node, quoteText(parameter.id) + " has no <" + std::string(value.key) + ">; it is passed over");
             } else if (text->empty()) {
-                wrong(node, "<" + std::string(key) + "> of " + quoteText(parameter.id) + " is empty");
+                wrong(node, "<" + std::string(value.key) + "> of " + quoteText(parameter.id) + " is empty");
             }
         }
         for (const auto& [key, text] : parameter.values)
             checkValue(node, parameter, *rule, key, text);
     }
 
-    void checkValue(const pugi::xml_node& node, const QORVocParameter& parameter, const CategoryRule& rule,
+    void checkValue(const pugi::xml_node& node, const QORVocParameter& parameter, const QORVocCategoryRule& rule,
                     const std::string& key, const std::string& text) {
         const std::string named = "<" + key + "> of " + quoteText(parameter.id);
         const pugi::xml_node child = node.child(key.c_str());
-        if (!contains(rule.required, key) && !contains(rule.optional, key)) {
-            wrong(child, named + ": " + std::string(rule.name) + " has no such value; known are " +
-                             listed(rule.required) + ", " + listed(rule.optional));
-        } else if (contains(rule.integers, key) && !parseInt32(text)) {
-            wrong(child, named + ": " + quoteText(text) + " is not an integer of 32 bits");
-        } else if (key == "type" && !text.empty() && !contains(typeWords, text)) {
+        const QORVocValueRule* const value = findRule(rule.values, key);
+        if (value == nullptr) {
             wrong(child,
-                  named + ": unknown type " + quoteText(text) + ", read as string; known are " + listed(typeWords));
+                  named + ": " + std::string(rule.name) + " has no such value; known are " + listed(rule.values));
+            return;
+        }
+        switch (value->kind) {
+            case QORVocValueRule::Kind::Integer:
+                if (!parseInt32(text)) wrong(child, named + ": " + quoteText(text) + " is not an integer of 32 bits");
+                break;
+            case QORVocValueRule::Kind::Word:
+                if (!text.empty() && !contains(value->words, text))
+                    wrong(child, named + ": unknown " + key + " " + quoteText(text) + ", read as " +
+                                     std::string(value->words.front()) + "; known are " + listed(value->words));
+                break;
+            case QORVocValueRule::Kind::Text:
+            case QORVocValueRule::Kind::Reference:  // looked at when all files are there
+            case QORVocValueRule::Kind::Unique:
+                break;
         }
     }
 
     std::string_view m_xml;
     const std::string& m_file;
+    std::span<const QORVocCategoryRule> m_rules;
     std::vector<QORVocMistake>& m_mistakes;
     std::uint64_t& m_steps;
     LineIndex m_lines;
@@ -301,7 +307,8 @@ std::string QORVocMistake::text() const {
     return file + ":" + (line == 0 ? std::string() : std::to_string(line) + ":") + " " + reason;
 }
 
-QORVocReader::QORVocReader() : m_vocabulary(makeQORPtr<QORVocMap>()) {}
+QORVocReader::QORVocReader(std::vector<QORVocCategoryRule> rules)
+    : m_rules(std::move(rules)), m_vocabulary(makeQORPtr<QORVocMap>()) {}
 QORVocReader::~QORVocReader() = default;
 
 bool QORVocReader::readFile(const std::filesystem::path& file) {
@@ -328,40 +335,52 @@ bool QORVocReader::readText(std::string_view xml, const std::string& file) {
         return false;
     }
     const QORPtr<QORVocMap> own = makeQORPtr<QORVocMap>();
-    if (!FileReader(xml, file, m_mistakes, m_steps).read(*own)) return false;
+    if (!FileReader(xml, file, m_rules, m_mistakes, m_steps).read(*own)) return false;
     const QORPtr<QORVocMap> together = makeQORPtr<QORVocMap>(*m_vocabulary);
     merge(*own, *together, m_steps);
     m_vocabulary = together;
     return true;
 }
 
-void QORVocReader::checkTogether() {
+const QORVocMap::Category& QORVocReader::parametersOf(std::string_view category) const {
     static const QORVocMap::Category none;
-    const auto categoryOf = [this](std::string_view name) -> const QORVocMap::Category& {
-        const auto found = m_vocabulary->categories().find(name);
-        return found == m_vocabulary->categories().end() ? none : found->second;
-    };
-    const QORVocMap::Category& caches = categoryOf(cachesCategory);
+    const auto found = m_vocabulary->categories().find(category);
+    return found == m_vocabulary->categories().end() ? none : found->second;
+}
+
+void QORVocReader::checkTogether() {
+    for (const QORVocCategoryRule& category : m_rules) {
+        for (const QORVocValueRule& value : category.values) {
+            if (value.kind == QORVocValueRule::Kind::Reference) checkReferences(category, value);
+            if (value.kind == QORVocValueRule::Kind::Unique) checkUnique(category, value);
+        }
+    }
+}
+
+void QORVocReader::checkReferences(const QORVocCategoryRule& category, const QORVocValueRule& value) {
     std::set<std::string_view> known;
-    for (const QORVocParameter& cache : caches)
-        known.insert(cache.id);
-    for (const QORVocParameter& field : categoryOf(fieldsCategory)) {
-        const std::string* const cache = valueOf(field, "cache");
-        if (cache == nullptr || known.contains(*cache)) continue;
-        m_mistakes.push_back({field.file, field.line,
-                              "<cache> of " + quoteText(field.id) + ": " + quoteText(*cache) + " is not among " +
-                                  std::string(cachesCategory),
+    for (const QORVocParameter& parameter : parametersOf(value.refersTo))
+        known.insert(parameter.id);
+    for (const QORVocParameter& parameter : parametersOf(category.name)) {
+        const std::string* const referred = valueOf(parameter, value.key);
+        if (referred == nullptr || known.contains(*referred)) continue;
+        m_mistakes.push_back({parameter.file, parameter.line,
+                              "<" + std::string(value.key) + "> of " + quoteText(parameter.id) + ": " +
+                                  quoteText(*referred) + " is not among " + std::string(value.refersTo),
                               false});
     }
-    std::map<std::string, std::string> prefixes;
-    for (const QORVocParameter& cache : caches) {
-        const std::string* const prefix = valueOf(cache, "info_prefix");
-        if (prefix == nullptr || prefix->empty()) continue;
-        const auto [first, isNew] = prefixes.emplace(*prefix, cache.id);
-        if (isNew || first->second == cache.id) continue;
-        m_mistakes.push_back({cache.file, cache.line,
-                              "<info_prefix> of " + quoteText(cache.id) + ": " + quoteText(*prefix) + " is that of " +
-                                  quoteText(first->second) + " already",
+}
+
+void QORVocReader::checkUnique(const QORVocCategoryRule& category, const QORVocValueRule& value) {
+    std::map<std::string, std::string> owners;
+    for (const QORVocParameter& parameter : parametersOf(category.name)) {
+        const std::string* const text = valueOf(parameter, value.key);
+        if (text == nullptr || text->empty()) continue;
+        const auto [first, isNew] = owners.emplace(*text, parameter.id);
+        if (isNew || first->second == parameter.id) continue;
+        m_mistakes.push_back({parameter.file, parameter.line,
+                              "<" + std::string(value.key) + "> of " + quoteText(parameter.id) + ": " +
+                                  quoteText(*text) + " is that of " + quoteText(first->second) + " already",
                               false});
     }
 }

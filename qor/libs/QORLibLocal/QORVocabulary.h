@@ -4,16 +4,17 @@
 /// A vocabulary file is XML:
 ///
 ///     <vocabulary>
-///       <category name="pager_caches">
-///         <parameter id="backups">
-///           <source>vBackupInfo</source>
-///           <info_prefix>pager.backup.</info_prefix>
+///       <category name="colours">
+///         <parameter id="sky" multi="">
+///           <source>env/title</source>
+///           <type>string</type>
 ///         </parameter>
 ///       </category>
 ///     </vocabulary>
 ///
-/// A parameter's values are its elements; those that have a number in the tag dictionary (source, value, type, cache)
-/// can be asked for by it. Its marks are attributes: multi and base64 count by being there, whatever they say.
+/// A parameter's values are its elements; those that have a number in the tag dictionary can be asked for by it. Its
+/// marks are attributes, which count by being there, whatever they say. What categories there are, and what they may
+/// hold, is told by those who read them (QORVocabularyRules.h).
 #pragma once
 
 #include <cstddef>
@@ -28,6 +29,7 @@
 
 #include "QORCommon/QORExport.h"
 #include "QORCommon/QORReferenceCounter.h"
+#include "QORLibLocal/QORVocabularyRules.h"
 #include "QORMessage/QORTags.h"
 
 namespace QOR {
@@ -104,7 +106,9 @@ struct QORVocMistake {
 /// category under the same identifier, others come behind.
 class QOR_API QORVocReader {
 public:
-    QORVocReader();
+    /// \param rules of those who are going to read the vocabulary, in use until the reader goes. Without any, what
+    /// categories hold is taken as it is
+    explicit QORVocReader(std::vector<QORVocCategoryRule> rules = {});
     ~QORVocReader();
     QORVocReader(const QORVocReader&) = delete;
     QORVocReader& operator=(const QORVocReader&) = delete;
@@ -130,6 +134,11 @@ public:
     std::uint64_t steps() const noexcept { return m_steps; }
 
 private:
+    const QORVocMap::Category& parametersOf(std::string_view category) const;
+    void checkReferences(const QORVocCategoryRule& category, const QORVocValueRule& value);
+    void checkUnique(const QORVocCategoryRule& category, const QORVocValueRule& value);
+
+    std::vector<QORVocCategoryRule> m_rules;
     QORPtr<QORVocMap> m_vocabulary;
     std::uint64_t m_steps = 0;
     std::vector<QORVocMistake> m_mistakes;

@@ -27,6 +27,15 @@ constexpr std::array<TypeRow, 7> typeRows{{
     {"boolean", TValueType::Boolean, boolean_less},
 }};
 
+constexpr auto words = [] {
+    std::array<std::string_view, typeRows.size() - 1> named{};
+    std::size_t count = 0;
+    for (const TypeRow& row : typeRows)
+        if (!row.word.empty()) named[count++] = row.word;
+    return named;
+}();
+static_assert(!words.back().empty());
+
 const TypeRow* findType(TValueType type) noexcept {
     for (const TypeRow& row : typeRows) {
         if (row.type == type) return &row;
@@ -41,6 +50,10 @@ TValueType typeFromString(std::string_view word) noexcept {
         if (row.word == word) return row.type;
     }
     return TValueType::String;
+}
+
+std::span<const std::string_view> typeWords() noexcept {
+    return words;
 }
 
 std::string_view typeToString(TValueType type) noexcept {

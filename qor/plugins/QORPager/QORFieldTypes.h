@@ -2,6 +2,7 @@
 /// The enumerations that fields, rows and filter values share. The numbers are contract: never renumber.
 #pragma once
 
+#include <span>
 #include <string_view>
 
 namespace QOR {
@@ -35,6 +36,9 @@ enum class FieldStructType : int {
 /// The value type for a type word of the configuration: "string", "int", "ipaddress", "date", "time", "boolean" or
 /// the empty word (String). Case-sensitive; any other word is String.
 TValueType typeFromString(std::string_view word) noexcept;
+
+/// The words, the one that any other word is read as first.
+std::span<const std::string_view> typeWords() noexcept;
 
 /// The word of the configuration for a type of fields; "" for the types that no field has.
 std::string_view typeToString(TValueType type) noexcept;

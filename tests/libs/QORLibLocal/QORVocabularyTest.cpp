@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "QORMessage/QORTags.h"
+#include "QORPager/QORPagerVocabulary.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QOR::test {
@@ -15,8 +16,14 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
+/// A reader that knows what operator "pager" reads.
+class PagerReader : public QORVocReader {
+public:
+    PagerReader() : QORVocReader({pagerVocabulary().begin(), pagerVocabulary().end()}) {}
+};
+
 std::vector<std::string> mistakesOf(const std::string& xml) {
-    QORVocReader reader;
+    PagerReader reader;
     reader.readText(xml, "f.xml");
     reader.checkTogether();
     std::vector<std::string> texts;
@@ -105,6 +112,40 @@ TEST(VocabularyTest, ALaterFileReplacesAndAdds) {
     EXPECT_THAT(found, ElementsAre("a4", "b2", "c3"));
 }
 
+TEST(VocabularyTest, WithoutRulesWhatCategoriesHoldIsTakenAsItIs) {
+    QORVocReader reader;
+    EXPECT_TRUE(
+        reader.readText("<vocabulary><category name=\"colours\"><parameter id=\"sky\" deep=\"\"><blue>1</blue>"
+                        "</parameter></category></vocabulary>",
+                        "f.xml"));
+    reader.checkTogether();
+    EXPECT_THAT(reader.mistakes(), IsEmpty());
+    QORVocIterator at;
+    EXPECT_EQ(reader.vocabulary()->readCategory("colours", at), 0);
+}
+
+TEST(VocabularyTest, OneCategorysRulesAreNotAnothers) {
+    static constexpr QORVocValueRule values[] = {
+        {.key = "shade", .kind = QORVocValueRule::Kind::Integer, .required = true},
+        {.key = "like", .kind = QORVocValueRule::Kind::Reference, .refersTo = "colours"},
+    };
+    static constexpr std::string_view marks[] = {"deep"};
+    QORVocReader reader({{"colours", values, marks}});
+    reader.readText(
+        "<vocabulary><category name=\"colours\">\n<parameter id=\"sky\" deep=\"\"><shade>x</shade></parameter>\n"
+        "<parameter id=\"sea\"><like>land</like></parameter></category>\n"
+        "<category name=\"pager_fields\"/></vocabulary>",
+        "f.xml");
+    reader.checkTogether();
+    std::vector<std::string> texts;
+    for (const QORVocMistake& mistake : reader.mistakes())
+        texts.push_back(mistake.text());
+    EXPECT_THAT(texts, ElementsAre("f.xml:2: <shade> of \"sky\": \"x\" is not an integer of 32 bits",
+                                   "f.xml:3: \"sea\" has no <shade>; it is passed over",
+                                   "f.xml:4: unknown category \"pager_fields\"; known are colours",
+                                   "f.xml:3: <like> of \"sea\": \"land\" is not among colours"));
+}
+
 TEST(VocabularyTest, MistakesAreNamedWithTheirLine) {
     EXPECT_THAT(mistakesOf(inFields("<parameter id=\"a\"><source>x</source></parameter>")), IsEmpty());
     EXPECT_THAT(mistakesOf(inFields("\n<parameter id=\"a\"/>")),
@@ -164,7 +205,7 @@ std::string manyFields(int count) {
 
 TEST(VocabularyTest, ReadingTakesWorkInProportionToTheFields) {
     const auto steps = [](int count) {
-        QORVocReader reader;
+        PagerReader reader;
         EXPECT_TRUE(reader.readText(manyFields(count), "one"));
         EXPECT_TRUE(reader.readText(manyFields(count), "two"));
         reader.checkTogether();
@@ -179,7 +220,7 @@ TEST(VocabularyTest, ReadingTakesWorkInProportionToTheFields) {
 }
 
 TEST(VocabularyTest, MistakesInLargeFilesAreInTheirLines) {
-    QORVocReader reader;
+    PagerReader reader;
     ASSERT_TRUE(reader.readText(manyFields(100), "one"));
     ASSERT_EQ(reader.mistakes().size(), 25U);
     const std::size_t first = reader.mistakes().front().line;

@@ -19,6 +19,7 @@
 #include "QORPager/Operators/QORIndex.h"
 #include "QORPager/QORExpressionEvaluation.h"
 #include "QORPager/QORFieldSet.h"
+#include "QORPager/QORPagerVocabulary.h"
 
 namespace QOR {
 
@@ -55,6 +56,9 @@ public:
     /// Request "select": `request` stands on the select element, the row set is appended at `response`. A failure adds
     /// one error entry and ends the request; what was written before it stays.
     void select(QORMessageIterator* request, QORMessageIterator* response);
+
+    /// What it reads from the vocabulary; comes with its registration.
+    static std::span<const QORVocCategoryRule> vocabulary() noexcept { return pagerVocabulary(); }
 
     const QORFieldSet& fields() const noexcept { return m_fieldSet; }
     const CacheInfoMap& caches() const noexcept { return m_caches; }
