@@ -62,8 +62,10 @@ public:
     struct MethodDescriptor {
         const char* name;
         Handler handler;
-        int first;   ///< kept as registered; the host schedules every method alike
-        int second;  ///< kept as registered
+        /// Two numbers by which an operator may rank its requests. They are the operator's to give and to read: the
+        /// host serves requests in the order in which they come.
+        int first;
+        int second;
     };
 
     /// Makes the row of a handler that a derived class declares.

@@ -22,7 +22,7 @@ using TEvaluatorMethod = TBaseValue* (TExpressionEvaluation::*)();
 enum TTokenClass : int {
     tcNumber = 0,
     tcString = 1,
-    tcReserved = 2,  ///< never produced
+    tcReserved = 2,  ///< a free place: no token is of it, and the classes behind it keep their numbers
     tcIdentifier = 3,
     tcBracket = 4,   ///< "(", ")" and ","
     tcOperator = 5,  ///< operators and function calls
@@ -50,7 +50,7 @@ enum TTokenType : int {
     ttIn = 18,
     ttUnit = 19,
     ttRecursive = 20,
-    ttUnassigned = 21,  ///< belongs to no operator
+    ttUnassigned = 21,  ///< a free place, as tcReserved
     ttFunction = 22,
     ttNone = 23,  ///< operands
 };
@@ -85,7 +85,7 @@ enum TErrorType : int {
     etOperatorExpected = 10,
     etUnterminatedString = 11,
     etEvaluation = 12,
-    // 13 has no message and is never raised.
+    // 13 is a free place: whoever reads errors by their codes finds those behind it where they were.
     etInvalidType = 14,
     etDivisionByZero = 15,
     etPowerBaseIsZero = 16,

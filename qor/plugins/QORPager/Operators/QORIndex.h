@@ -11,7 +11,9 @@ namespace QOR {
 
 class QORMessageIterator;
 
-/// Orders rows by one field.
+/// Orders rows by one field. For a source that has to hold its rows before it writes the first of them; those that
+/// there are write rows as they come, in an order of their own, and leave sorting to the views. Used by the request
+/// that collects the rows, and gone with it.
 class QORFieldIndex {
 public:
     /// Sorts the rows by the field; without a field they stay as they were collected. Values are read from the rows at

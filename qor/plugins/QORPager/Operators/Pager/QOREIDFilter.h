@@ -13,7 +13,9 @@ class QOREnv;
 /// Identifiers of environments in their order. Most come in that order, and there may be very many.
 using QOREIDList = boost::container::flat_set<QOREID>;
 
-/// Lets every environment through until a set of them is given.
+/// Lets every environment through until a set of them is given. A request fills one when its filter says something
+/// about environments, so that what the filter cannot be evaluated on is told; a source that narrows its rows by
+/// environments would ask it. Logs and backups name one environment each by a constant of their own, and do not.
 class QOREIDFilter {
 public:
     /// \param securityOperation that the client must be allowed on all environments of the set; 0: none

@@ -8,7 +8,9 @@ namespace QOR {
 
 /// Codes of PagerErrors. Contract: never renumber.
 enum PagerErrorCode : int {
-    pagerDatabaseError = 3101,    ///< takes the database's text; no request raises it
+    /// Takes the database's text. For a source that has nothing to say without the database: backups go on to the next
+    /// thing that the filter asks for, and the logs fail in their own words (errFailure).
+    pagerDatabaseError = 3101,
     pagerUnknownField = 3111,     ///< takes the field's name as the request spells it
     pagerParsingError = 3151,     ///< takes the parser's message or a complaint about the filter
     pagerEvaluatingError = 3152,  ///< takes the evaluator's message
