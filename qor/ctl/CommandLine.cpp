@@ -16,6 +16,7 @@
 #include "host/QORNumberOption.h"
 #include "process/CtlError.h"
 #include "process/TiedValues.h"
+#include "rows/RowsAdvice.h"
 
 namespace QOR {
 namespace {
@@ -35,12 +36,8 @@ constexpr const char* whereNote =
     "Sort keys apply in the order of their names.\n";
 
 constexpr const char* rowsNote =
-    "Logs come newest first and take these conditions: the time (<=, >=), the environment (...parameter.env.eid =), "
-    "for\n"
-    "events the categories, written without blanks: pager.event_log.category='resource_alert' or ...='env_status'.\n"
-    "Backups are found by name, host name, veid, address or a span of time. Everything else has no effect; qorctl "
-    "says\n"
-    "so, and which view does it.\n";
+    "Logs and backups come newest first. Of the filter they take these conditions; everything else has no effect, and\n"
+    "qorctl says so, and which view does it.\n";
 
 /// As many as a page's size and offset in a request can say.
 constexpr std::uint64_t mostRows = std::numeric_limits<std::int32_t>::max();
@@ -187,7 +184,7 @@ private:
             ->type_name("EID");
         addPrinting(*app, m_rowsPrint);
         addConnection(*app, false);
-        app->footer(std::string(rowsNote) + "\n" + exitNote);
+        app->footer(std::string(rowsNote) + describeSources() + "\n" + exitNote);
     }
 
     void addFields() {

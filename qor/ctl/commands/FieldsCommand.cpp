@@ -3,26 +3,13 @@
 #include <algorithm>
 #include <array>
 
-#include "QORPager/QORFieldSet.h"
+#include "QORPager/QORSources.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "filter/FilterNames.h"
 
 namespace QOR {
 namespace {
-
-std::string_view sourceName(TCursorType type) {
-    switch (type) {
-        case TCursorType::Env:
-            return "environments";
-        case TCursorType::OpLog:
-            return "operation log";
-        case TCursorType::EventLog:
-            return "event log";
-        case TCursorType::Info:
-            return "backups";
-    }
-    return "";
-}
 
 /// Prints a line a field.
 class FieldPrinter {
@@ -37,7 +24,8 @@ public:
             m_prefixes.empty() || std::any_of(m_prefixes.begin(), m_prefixes.end(),
                                               [name](const std::string& prefix) { return name.starts_with(prefix); });
         if (!wanted) return;
-        const std::array<Cell, 4> cells{text(name), text(sourceName(source)), text(type), text(list ? "list" : "one")};
+        const std::array<Cell, 4> cells{text(name), text(sourceOf(source).title), text(type),
+                                        text(list ? "list" : "one")};
         m_rows.row(cells);
     }
     /// Every name that begins so.
@@ -53,33 +41,21 @@ private:
     const std::vector<std::string>& m_prefixes;
 };
 
-void printCaches(const QORVocMap& vocabulary, FieldPrinter& printer) {
-    QORVocIterator entry;
-    if (vocabulary.readCategory("pager_caches", entry) != 0 || entry.firstParameter() != 0) return;
-    do {
-        std::string prefix;
-        if (entry.getString("info_prefix", prefix) == 0 && !prefix.empty())
-            printer.printPrefix(prefix, TCursorType::Info);
-    } while (entry.nextParameter() == 0);
-}
-
 }  // namespace
 
 void runFields(const ConnectionOptions& connection, const FieldsOptions& options) {
     const auto backend = makeBackend(connection, BackendUse::Inspect);
-    const QORPtr<const QORVocMap> vocabulary = backend->vocabulary();
-    vocCacheLocal()->setVocabulary(vocabulary);
-    QORFieldSet fields;
-    fields.init(nullptr);
+    const FilterNames names(backend->vocabulary());
 
     FileOutput out(STDOUT_FILENO);
     const auto rows = makePrinter(options.print, false, out);
     FieldPrinter printer(*rows, options.prefixes);
-    for (const QORField& field : fields)
+    for (const QORField& field : names.fields())
         printer.print(field.name, field.cursorType, typeToString(field.valueType), field.isMulty());
-    printer.printPrefix("pager.op_log.parameter.", TCursorType::OpLog);
-    printer.printPrefix("pager.event_log.parameter.", TCursorType::EventLog);
-    printCaches(*vocabulary, printer);
+    for (const QORSource& source : pagerSources()) {
+        for (const auto& [prefix, description] : names.fields().prefixes())
+            if (description.cursorType == source.cursorType) printer.printPrefix(prefix, source.cursorType);
+    }
     printer.end();
     out.flush();
 }

@@ -15,10 +15,12 @@ namespace QOR {
 /// \returns an exit code: 0, or 1 when a line was invalid
 int runFilterLines(std::istream& in, std::ostream& out);
 
+class FilterNames;
+
 /// Describes one filter to a person: its tree, the fields it uses, and the constants that each data source can take
-/// from it. The fields that every agent has are declared, and names below "pager.backup." as an agent with the default
-/// configuration declares them. Dates beside the time fields are rewritten first, as a request would do it.
+/// from it. Dates beside the time fields are rewritten first, as a request would do it.
+/// \param names that the filter may hold
 /// \returns an exit code: 0, or 1 when the filter cannot be parsed; then `err` says why and where
-int runFilterPerson(std::string_view text, std::ostream& out, std::ostream& err);
+int runFilterPerson(std::string_view text, const FilterNames& names, std::ostream& out, std::ostream& err);
 
 }  // namespace QOR

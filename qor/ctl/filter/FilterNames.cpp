@@ -1,51 +1,19 @@
 #include "filter/FilterNames.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <numeric>
 #include <utility>
 
-#include "QORPager/QORBuiltInFields.h"
-#include "QORPager/QORExpressionText.h"
+#include "QORCommon/QORAscii.h"
+#include "QORPager/QORFilterNames.h"
+#include "QORPager/QORSources.h"
 
 namespace QOR {
 namespace {
 
-/// A prefix whose names are parameters of an info document. The first two are always registered, the last one by the
-/// default configuration.
-struct Prefix {
-    std::string_view text;
-    TCursorType cursorType;
-};
-constexpr std::array<Prefix, 3> prefixes{{
-    {"pager.op_log.parameter.", TCursorType::OpLog},
-    {"pager.event_log.parameter.", TCursorType::EventLog},
-    {"pager.backup.", TCursorType::Info},
-}};
-
 constexpr std::size_t mostSuggestions = 3;
 constexpr std::size_t longestName = 200;  ///< longer names resemble none
-
-const Prefix* findPrefix(std::string_view lowerName) noexcept {
-    for (const Prefix& prefix : prefixes) {
-        if (lowerName.size() > prefix.text.size() && lowerName.starts_with(prefix.text)) return &prefix;
-    }
-    return nullptr;
-}
-
-std::string_view sourceName(TCursorType cursorType) noexcept {
-    switch (cursorType) {
-        case TCursorType::Env:
-            return "environments";
-        case TCursorType::OpLog:
-            return "operation log";
-        case TCursorType::EventLog:
-            return "event log";
-        default:
-            return "backups";
-    }
-}
 
 std::string_view typeName(TValueType type) noexcept {
     switch (type) {
@@ -61,18 +29,7 @@ std::string_view typeName(TValueType type) noexcept {
 }
 
 std::string describe(TValueType type, TCursorType cursorType) {
-    return std::string(typeName(type)).append(", ").append(sourceName(cursorType));
-}
-
-void declare(TExpressionEvaluation& evaluator, const QORBuiltInField& field) {
-    const bool special = field.cursorType == TCursorType::Env;
-    if (field.valueType == TValueType::Boolean) {
-        evaluator.setIdentifier(field.name, true, special);
-    } else if (field.valueType == TValueType::Integer) {
-        evaluator.setIdentifier(field.name, 0, special);
-    } else {
-        evaluator.setIdentifier(field.name, "", special);
-    }
+    return std::string(typeName(type)).append(", ").append(sourceOf(cursorType).title);
 }
 
 /// Changes of one character, and swaps of two neighbours, that lead from one text to the other.
@@ -107,30 +64,54 @@ std::size_t distance(std::string_view written, std::string_view declared) {
 
 }  // namespace
 
-void declareNames(TExpressionEvaluation& evaluator, std::string_view text) {
-    for (const QORBuiltInField& field : builtInFields())
-        declare(evaluator, field);
-    const auto isNameChar = [](char ch) { return isAlphaChar(ch) || isDigitChar(ch) || ch == '_' || ch == '.'; };
-    for (auto begin = text.begin(); begin != text.end();) {
-        begin = std::find_if(begin, text.end(), isNameChar);
-        const auto end = std::find_if_not(begin, text.end(), isNameChar);
-        const std::string name = toLowerText({begin, end});
-        if (findPrefix(name) != nullptr) evaluator.setIdentifier(name, "", false);
-        begin = end;
+FilterNames::FilterNames(const QORPtr<const QORVocMap>& vocabulary) {
+    m_fields.registerPrefixes();
+    if (vocabulary == nullptr) {
+        for (const QORSource& source : pagerSources()) {
+            if (source.prefixIsConfigured)
+                m_fields.registerPrefix(std::string(source.parameterPrefix), source.cursorType, "");
+        }
     }
+    vocCacheLocal()->setVocabulary(vocabulary);
+    m_fields.init(nullptr);
+    CacheInfoMap caches;
+    readCachesFromVoc(caches);
+    m_fields.registerCaches(caches);
 }
 
-std::string describeName(std::string_view name) {
-    const std::string lowerName = toLowerText(name);
-    if (lowerName == "true" || lowerName == "false") return "boolean constant";
-    for (const QORBuiltInField& field : builtInFields()) {
-        if (toLowerText(field.name) == lowerName) return describe(field.valueType, field.cursorType);
-    }
-    const Prefix* const prefix = findPrefix(lowerName);
-    return prefix == nullptr ? std::string() : describe(TValueType::String, prefix->cursorType);
+const QORField* FilterNames::find(std::string_view name) const {
+    const auto exact = m_fields.find(name);
+    if (exact != m_fields.end()) return &*exact;
+    const auto found = std::find_if(m_fields.begin(), m_fields.end(),
+                                    [name](const QORField& field) { return isSameWord(field.name, name); });
+    return found == m_fields.end() ? nullptr : &*found;
 }
 
-std::vector<std::string_view> nearestNames(std::string_view name) {
+const std::string* FilterNames::findPrefix(std::string_view name) const {
+    for (const auto& [prefix, description] : m_fields.prefixes()) {
+        if (isSameWord(prefix, name.substr(0, prefix.size()))) return &prefix;
+    }
+    return nullptr;
+}
+
+void FilterNames::declare(TExpressionEvaluation& evaluator, std::string_view text) const {
+    for (const QORField& field : m_fields)
+        evaluator.declareIdentifier(field.name, field.valueType, field.cursorType == TCursorType::Env);
+    forEachName(text, [&](std::string_view name) {
+        if (find(name) == nullptr && findPrefix(name) != nullptr)
+            evaluator.declareIdentifier(name, TValueType::String, false);
+    });
+}
+
+std::string FilterNames::describe(std::string_view name) const {
+    if (isSameWord(name, "true") || isSameWord(name, "false")) return "boolean constant";
+    if (const QORField* const field = find(name)) return QOR::describe(field->valueType, field->cursorType);
+    const std::string* const prefix = findPrefix(name);
+    return prefix == nullptr ? std::string()
+                             : QOR::describe(TValueType::String, m_fields.prefixes().at(*prefix).cursorType);
+}
+
+std::vector<std::string_view> FilterNames::nearest(std::string_view name) const {
     if (name.size() > longestName) return {};
     const std::string written = toLowerText(name);
     const std::size_t most = 1 + written.size() / 3;
@@ -139,7 +120,7 @@ std::vector<std::string_view> nearestNames(std::string_view name) {
         const std::size_t far = distance(written, declared);
         if (far <= most) candidates.emplace_back(far, declared);
     };
-    for (const QORBuiltInField& field : builtInFields())
+    for (const QORField& field : m_fields)
         consider(field.name);
     consider("true");
     consider("false");
@@ -152,6 +133,17 @@ std::vector<std::string_view> nearestNames(std::string_view name) {
         names.push_back(declared);
     }
     return names;
+}
+
+std::string FilterNames::spell(std::string_view name) const {
+    if (const QORField* const field = find(name)) return field->name;
+    // Parameters that a source looks for by name are known whole; of others the prefix is.
+    for (const QORSource& source : pagerSources()) {
+        for (const QORSourceConstant& constant : source.constants)
+            if (source.isParameter(constant.name) && isSameWord(constant.name, name)) return std::string(constant.name);
+    }
+    const std::string* const prefix = findPrefix(name);
+    return prefix == nullptr ? std::string(name) : *prefix + std::string(name.substr(prefix->size()));
 }
 
 }  // namespace QOR

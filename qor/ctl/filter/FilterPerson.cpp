@@ -1,12 +1,12 @@
 // The inspector's mode for people.
 #include <algorithm>
-#include <array>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "QORPager/QORDateTimeRewrite.h"
 #include "QORPager/QORExpressionEvaluation.h"
+#include "QORPager/QORSources.h"
 #include "filter/FilterInspector.h"
 #include "filter/FilterNames.h"
 #include "filter/FilterTree.h"
@@ -18,43 +18,6 @@ namespace {
 
 constexpr std::size_t longestMessage = 100;  ///< columns
 
-/// A constant that a data source takes from a filter instead of evaluating it.
-struct WantedConstant {
-    std::string_view source;
-    std::string_view name;
-    TTokenType type;
-    std::string_view meaning;
-};
-
-constexpr std::string_view environments = "environments";
-constexpr std::string_view operationLog = "operation log";
-constexpr std::string_view eventLog = "event log";
-constexpr std::string_view backups = "backups";
-constexpr std::array sources{environments, operationLog, eventLog, backups};
-
-constexpr std::array<WantedConstant, 14> wantedConstants{{
-    {environments, "pager.env.eid.InPlaceholder", ttIn, "unit that the environments belong to"},
-    {operationLog, "pager.op_log.parameter.env.eid", ttEqual, "environment"},
-    {operationLog, "pager.op_log.time", ttLowerOrEqual, "latest time"},
-    {operationLog, "pager.op_log.time", ttGreaterOrEqual, "earliest time"},
-    {eventLog, "pager.event_log.parameter.env.eid", ttEqual, "environment"},
-    {eventLog, "pager.event_log.time", ttLowerOrEqual, "latest time"},
-    {eventLog, "pager.event_log.time", ttGreaterOrEqual, "earliest time"},
-    {backups, "pager.backup.storage_eid", ttEqual, "storage"},
-    {backups, "pager.backup.info.name", ttLike, "name"},
-    {backups, "pager.backup.info.hostname", ttLike, "host name"},
-    {backups, "pager.backup.info.veid", ttEqual, "container"},
-    {backups, "pager.backup.info.ip", ttLike, "address"},
-    {backups, "pager.backup.time", ttLowerOrEqual, "latest time"},
-    {backups, "pager.backup.time", ttGreaterOrEqual, "earliest time"},
-}};
-
-/// The event log looks for these words of the filter as they stand, blanks included.
-constexpr std::array categoryTexts{
-    std::string_view("pager.event_log.category='resource_alert'"),
-    std::string_view("pager.event_log.category='env_status'"),
-};
-
 void appendSection(std::string_view title, std::string& out) {
     out.append("\n").append(title).append("\n");
 }
@@ -63,13 +26,6 @@ std::string visible(std::string_view text) {
     std::string out;
     appendVisible(text, out);
     return out;
-}
-
-std::string_view spelling(TTokenType type) {
-    for (const TOperatorRow& row : operatorRows()) {
-        if (row.entry.type == type) return row.text;
-    }
-    return {};
 }
 
 /// What is wrong with a sequence whose operators and operands do not go together, and where. The tree only knows that
@@ -101,7 +57,7 @@ WhereError explainStructure(const TExpressionEvaluation& evaluator) {
             "not (not x)"};
 }
 
-std::string explainError(TExpressionEvaluation& evaluator) {
+std::string explainError(TExpressionEvaluation& evaluator, const FilterNames& names) {
     const TErrorType code = evaluator.getErrorCode();
     const std::string message = cutToWidth(visible(evaluator.getErrorMessage()), longestMessage);
     if (code == etOperatorExpected) {
@@ -111,72 +67,58 @@ std::string explainError(TExpressionEvaluation& evaluator) {
     std::string out = describeWhereError(evaluator.getExpression(), {evaluator.getErrorPosition(), message});
     if (code == etUndeclaredIdentifier) {
         const std::string_view name = std::string_view(evaluator.getErrorDetail());
-        const std::vector<std::string_view> names = nearestNames(name);
-        for (const std::string_view nearest : names) {
-            out.append(nearest == names.front() ? "did you mean " : "          or ").append(nearest).append("\n");
+        const std::vector<std::string_view> near = names.nearest(name);
+        for (const std::string_view nearest : near) {
+            out.append(nearest == near.front() ? "did you mean " : "          or ").append(nearest).append("\n");
         }
     }
     return out;
 }
 
-void describeFields(const TExpressionEvaluation& evaluator, std::string& out) {
+void describeFields(const TExpressionEvaluation& evaluator, const FilterNames& names, std::string& out) {
     appendSection("Fields used", out);
     std::size_t width = 0;
-    const auto& names = evaluator.usedIdentifiers();
-    for (const std::string& name : names)
+    const auto& used = evaluator.usedIdentifiers();
+    for (const std::string& name : used)
         width = std::max(width, textWidth(visible(name)));
-    for (const std::string& name : names) {
+    for (const std::string& name : used) {
         const std::string shown = visible(name);
         out.append("  ").append(shown).append(width - textWidth(shown) + 2, ' ');
-        out.append(describeName(name)).append("\n");
+        out.append(names.describe(name)).append("\n");
     }
-    if (names.empty()) out += "  none\n";
+    if (used.empty()) out += "  none\n";
 }
 
 /// What one data source takes from the filter, a line each.
-std::vector<std::string> takenConstants(TExpressionEvaluation& evaluator, std::string_view source) {
+std::vector<std::string> takenConstants(TExpressionEvaluation& evaluator, const QORSource& source) {
     std::vector<std::string> lines;
-    for (const WantedConstant& wanted : wantedConstants) {
-        if (wanted.source != source) continue;
+    for (const QORSourceConstant& wanted : source.constants) {
         bool found = false;
-        const std::string constant = evaluator.extractConstByIdentifierAndOperation(wanted.name, wanted.type, found);
+        const std::string constant =
+            evaluator.extractConstByIdentifierAndOperation(wanted.name, wanted.operation, found);
         if (!found) continue;
         lines.push_back(std::string(wanted.meaning) + ": " + std::string(wanted.name) + " " +
-                        std::string(spelling(wanted.type)) + " " + visible(constant));
+                        std::string(spellingOf(wanted.operation)) + " " + visible(constant));
     }
-    if (source != eventLog) return lines;
-    for (const std::string_view category : categoryTexts) {
-        if (evaluator.getExpression().find(category) != std::string::npos) {
-            lines.push_back("category: " + std::string(category));
-        }
+    for (const QORSourceCategory& category : source.categories) {
+        if (evaluator.getExpression().find(category.filterText) != std::string::npos)
+            lines.push_back("category: " + std::string(category.filterText));
     }
     return lines;
 }
 
-/// The filter as the backups read it: with every "lower" taken out of the text.
-std::string withoutLower(std::string_view text) {
-    constexpr std::string_view word = "lower";
-    std::string out;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t found = std::min(text.find(word, at), text.size());
-        out.append(text.substr(at, found - at));
-        at = found + word.size();
-    }
-    return out;
-}
-
-void describeConstants(TExpressionEvaluation& evaluator, std::string& out) {
+void describeConstants(TExpressionEvaluation& evaluator, const FilterNames& names, std::string& out) {
     appendSection("Constants that each data source takes from it", out);
     const std::string text = evaluator.getExpression();
-    TExpressionEvaluation backupEvaluator(withoutLower(text));
-    declareNames(backupEvaluator, text);
-    for (const std::string_view source : sources) {
-        TExpressionEvaluation& reader = source == backups ? backupEvaluator : evaluator;
+    TExpressionEvaluation withoutCase(withoutLower(text));
+    names.declare(withoutCase, text);
+    for (const QORSource& source : pagerSources()) {
+        TExpressionEvaluation& reader = source.ignoresCase ? withoutCase : evaluator;
         std::vector<std::string> lines = takenConstants(reader, source);
         if (lines.empty()) lines.emplace_back(reader.isError() ? "cannot read it without \"lower\"" : "none");
-        std::string_view title = source;
+        std::string_view title = source.title;
         for (const std::string& line : lines) {
-            out.append("  ").append(title).append(operationLog.size() - title.size() + 2, ' ');
+            out.append("  ").append(title).append(longestSourceTitle() - title.size() + 2, ' ');
             out.append(line).append("\n");
             title = {};
         }
@@ -198,12 +140,12 @@ void describeParts(TExpressionEvaluation& evaluator, std::string& out) {
 
 }  // namespace
 
-int runFilterPerson(std::string_view text, std::ostream& out, std::ostream& err) {
+int runFilterPerson(std::string_view text, const FilterNames& names, std::ostream& out, std::ostream& err) {
     TExpressionEvaluation evaluator(text);
-    declareNames(evaluator, text);
+    names.declare(evaluator, text);
     const TNode* tree = evaluator.buildTree();
     if (tree == nullptr) {
-        err << explainError(evaluator);
+        err << explainError(evaluator, names);
         return 1;
     }
     std::string rewritten(text);
@@ -217,14 +159,14 @@ int runFilterPerson(std::string_view text, std::ostream& out, std::ostream& err)
         evaluator.setExpression(rewritten);
         tree = evaluator.buildTree();
         if (tree == nullptr) {
-            err << answer << explainError(evaluator);
+            err << answer << explainError(evaluator, names);
             return 1;
         }
     }
-    answer += drawTree(*tree);
+    answer += drawTree(*tree, names);
     describeParts(evaluator, answer);
-    describeFields(evaluator, answer);
-    describeConstants(evaluator, answer);
+    describeFields(evaluator, names, answer);
+    describeConstants(evaluator, names, answer);
     if (!isBoolean(tree->token())) answer += "\nThe result is not a boolean: no request can filter by it.\n";
     out << answer;
     return 0;

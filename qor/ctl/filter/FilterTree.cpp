@@ -10,12 +10,12 @@ namespace {
 
 constexpr std::size_t deepestLevel = 24;
 
-std::string label(const TToken& token) {
+std::string label(const TToken& token, const FilterNames& names) {
     std::string out;
     switch (token.tokenClass) {
         case tcIdentifier: {
             appendVisible(token.text, out);
-            const std::string description = describeName(token.text);
+            const std::string description = names.describe(token.text);
             return description.empty() ? out : out + "  (" + description + ")";
         }
         case tcOperator:
@@ -38,7 +38,7 @@ std::string writeConstant(const TToken& token) {
     return out + "'";
 }
 
-std::string drawTree(const TNode& tree) {
+std::string drawTree(const TNode& tree, const FilterNames& names) {
     struct Item {
         const TNode* node;
         std::size_t level;
@@ -59,7 +59,7 @@ std::string drawTree(const TNode& tree) {
             out += "... (" + std::to_string(item.node->postOrder().size()) + " more)\n";
             continue;
         }
-        out.append(label(item.node->token())).append("\n");
+        out.append(label(item.node->token(), names)).append("\n");
         // The first child is the rightmost operand, so pushing in order leaves the left one on top.
         bool last = true;
         for (const TNode& child : item.node->children()) {

@@ -13,4 +13,7 @@ namespace QOR {
 /// A sentence for each part of the request that has no effect, and the command that does what was meant.
 std::vector<std::string> adviseOnRows(const RowsOptions& options);
 
+/// What each source takes from a filter, a line each.
+std::string describeSources();
+
 }  // namespace QOR

@@ -6,6 +6,7 @@
 
 #include "QORCommon/QORTime.h"
 #include "QORPager/QORExpressionText.h"
+#include "QORPager/QORSources.h"
 
 namespace QOR {
 namespace {
@@ -92,7 +93,10 @@ bool doTransformDateTime(std::string& text, const std::string& name) {
 }
 
 bool transformDateTime(std::string& where) {
-    return doTransformDateTime(where, "pager.op_log.time") && doTransformDateTime(where, "pager.event_log.time");
+    const auto rewrite = [&where](TCursorType log) {
+        return doTransformDateTime(where, std::string(sourceOf(log).constant(QORConstantUse::Latest).name));
+    };
+    return rewrite(TCursorType::OpLog) && rewrite(TCursorType::EventLog);
 }
 
 }  // namespace QOR

@@ -6,7 +6,7 @@
 
 namespace QOR {
 
-/// Replaces every single-quoted date/time literal that stands beside "pager.op_log.time" or "pager.event_log.time",
+/// Replaces every single-quoted date/time literal that stands beside the time field of a log,
 /// with nothing between them but blanks and comparison characters, by its seconds since the epoch, so that the filter
 /// compares integers. \returns false, the text being of no use then, when such a literal is no time (str2time) or
 /// negative, and when a bare number stands in its place

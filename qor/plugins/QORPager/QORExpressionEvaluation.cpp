@@ -54,6 +54,25 @@ bool TExpressionEvaluation::setIdentifier(std::string_view name, std::string_vie
     return true;
 }
 
+bool TExpressionEvaluation::declareIdentifier(std::string_view name, TValueType type, bool special) {
+    switch (type) {
+        case TValueType::Boolean:
+            return setIdentifier(name, true, special);
+        case TValueType::Integer:
+            return setIdentifier(name, 0, special);
+        case TValueType::String:
+        case TValueType::Date:
+        case TValueType::IPAddress:
+        case TValueType::Time:
+            return setIdentifier(name, "", special);
+        case TValueType::Empty:
+        case TValueType::Invalid:
+            break;
+    }
+    assert(false);
+    return false;
+}
+
 bool TExpressionEvaluation::prepare() {
     parse();
     return isError();

@@ -44,6 +44,9 @@ public:
     bool setIdentifier(std::string_view name, bool value, bool special);
     bool setIdentifier(std::string_view name, const char* value, bool special);
     bool setIdentifier(std::string_view name, std::string_view value, bool special);
+    /// Binds a name to what a field of the type holds before a row is read: true, 0 or the empty text.
+    /// \pre the type is one of fields
+    bool declareIdentifier(std::string_view name, TValueType type, bool special);
 
     /// Parse, or build the tree of a part, unless that is done. \returns whether an error is set
     bool prepare();
@@ -109,7 +112,7 @@ public:
     TBaseValue* operatorSub();
     TBaseValue* operatorMul();
     TBaseValue* operatorDiv();
-    /// No spelling of the language leads here.
+    /// For callers that push operands and call methods themselves: the language has no spelling of it.
     TBaseValue* operatorPower();
     TBaseValue* operatorUnaryMinus();
     /// True whatever the operands are: "in" only carries the name of a unit to the caller, which restricts the rows.

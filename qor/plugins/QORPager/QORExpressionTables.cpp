@@ -140,6 +140,12 @@ TFunctionKind kindOf(const TToken& token) noexcept {
     return functionOf(token).kind;
 }
 
+std::string_view spellingOf(TTokenType type) noexcept {
+    const auto* const row = std::find_if(operators.begin(), operators.end(),
+                                         [type](const TOperatorRow& one) { return one.entry.type == type; });
+    return row == operators.end() ? std::string_view() : row->text;
+}
+
 int arityOf(const TToken& token) noexcept {
     if (token.tokenClass != tcOperator) return 0;
     if (token.type == ttFunction) return functionOf(token).info.argumentCount;

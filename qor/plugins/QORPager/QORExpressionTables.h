@@ -55,6 +55,9 @@ const TFunctionInfo* findFunction(std::string_view text) noexcept;
 /// What the function does that a token calls. \pre the token is one of a function call
 TFunctionKind kindOf(const TToken& token) noexcept;
 
+/// How an operator is written, the first way of those that there are; "" for what is none.
+std::string_view spellingOf(TTokenType type) noexcept;
+
 /// How many operands a token of a postfix sequence takes; -1 for what cannot be evaluated ("unit", "recursive").
 int arityOf(const TToken& token) noexcept;
 

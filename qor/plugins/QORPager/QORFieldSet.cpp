@@ -7,6 +7,8 @@
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORPager/QORBuiltInFields.h"
 #include "QORPager/QORFieldGetters.h"
+#include "QORPager/QORPagerVocabulary.h"
+#include "QORPager/QORSources.h"
 
 namespace QOR {
 
@@ -75,7 +77,7 @@ void QORFieldSet::addBuiltIns() {
 void QORFieldSet::readFieldsFromVoc() {
     const QORPtr<const QORVocMap> vocabulary = vocCacheLocal()->getVocabulary();
     QORVocIterator entry;
-    if (vocabulary == nullptr || vocabulary->readCategory("pager_fields", entry) != 0) return;
+    if (vocabulary == nullptr || vocabulary->readCategory(fieldsCategory, entry) != 0) return;
     if (entry.firstParameter() != 0) return;
     do {
         if (std::optional<QORField> field = declaredField(entry, m_accessProvider)) m_fields.insert(std::move(*field));
@@ -85,6 +87,19 @@ void QORFieldSet::readFieldsFromVoc() {
 int QORFieldSet::registerPrefix(std::string prefix, TCursorType cursorType, std::string cacheName) {
     m_prefixes.insert_or_assign(std::move(prefix), InfoPrefixDescription{cursorType, std::move(cacheName)});
     return 0;
+}
+
+void QORFieldSet::registerPrefixes() {
+    for (const QORSource& source : pagerSources()) {
+        if (!source.parameterPrefix.empty() && !source.prefixIsConfigured)
+            registerPrefix(std::string(source.parameterPrefix), source.cursorType, "");
+    }
+}
+
+void QORFieldSet::registerCaches(const CacheInfoMap& caches) {
+    for (const auto& [id, cache] : caches) {
+        if (!cache.info_prefix.empty()) registerPrefix(cache.info_prefix, TCursorType::Info, id);
+    }
 }
 
 QORFieldSet::Prefixes::const_iterator QORFieldSet::findPrefix(std::string_view name) const {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "QORFunctionality/QORAccess.h"
+#include "QORPager/QORCaches.h"
 #include "QORPager/QORField.h"
 
 namespace QOR {
@@ -52,6 +53,11 @@ public:
     /// Makes names that begin with the prefix fields on demand; replaces what the prefix stood for before. \returns 0
     int registerPrefix(std::string prefix, TCursorType cursorType, std::string cacheName);
 
+    /// Registers the prefixes that are there whatever the configuration says.
+    void registerPrefixes();
+    /// Registers the prefixes of caches, by their identifiers; a cache without one has none.
+    void registerCaches(const CacheInfoMap& caches);
+
     /// The field of exactly that name, case and all; end() when there is none.
     Position find(std::string_view name) const { return m_fields.find(name); }
     /// Makes the field that the name stands for by the first prefix, in byte order, that it begins with; the one
@@ -61,6 +67,9 @@ public:
     bool hasPrefix(std::string_view name) const { return findPrefix(name) != m_prefixes.end(); }
     /// Registers the parameter at `path` of the row's info document. A name that is there already keeps its field.
     Position addInfoField(std::string name, TCursorType cursorType, std::string path, std::string cacheName);
+
+    using Prefixes = std::map<std::string, InfoPrefixDescription, std::less<>>;
+    const Prefixes& prefixes() const noexcept { return m_prefixes; }
 
     /// In the order of the names.
     Position begin() const noexcept { return m_fields.begin(); }
@@ -74,7 +83,6 @@ public:
     std::vector<std::string> takeDemanded();
 
 private:
-    using Prefixes = std::map<std::string, InfoPrefixDescription, std::less<>>;
     Prefixes::const_iterator findPrefix(std::string_view name) const;
     void addBuiltIns();
 

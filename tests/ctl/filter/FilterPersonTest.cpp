@@ -21,7 +21,7 @@ struct Answer {
 Answer describe(std::string_view text) {
     std::ostringstream out;
     std::ostringstream err;
-    const int exitCode = runFilterPerson(text, out, err);
+    const int exitCode = runFilterPerson(text, FilterNames(), out, err);
     return {exitCode, out.str(), err.str()};
 }
 
@@ -165,10 +165,11 @@ TEST(FilterPerson, DeepTreesAreCutWhereTheyLeaveTheScreen) {
 
 TEST(FilterPerson, NearestNamesForgiveTyping) {
     using Names = std::vector<std::string_view>;
-    EXPECT_EQ(nearestNames("pager.env.eid2"), (Names{"pager.env.eid"}));
-    EXPECT_EQ(nearestNames("PAGER.OP_LOG.STATSU"), (Names{"pager.op_log.status"}));
-    EXPECT_EQ(nearestNames("tru"), (Names{"true"}));
-    EXPECT_EQ(nearestNames(std::string(100000, 'x')), Names{});
+    const FilterNames names;
+    EXPECT_EQ(names.nearest("pager.env.eid2"), (Names{"pager.env.eid"}));
+    EXPECT_EQ(names.nearest("PAGER.OP_LOG.STATSU"), (Names{"pager.op_log.status"}));
+    EXPECT_EQ(names.nearest("tru"), (Names{"true"}));
+    EXPECT_EQ(names.nearest(std::string(100000, 'x')), Names{});
 }
 
 }  // namespace

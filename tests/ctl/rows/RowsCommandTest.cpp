@@ -2,6 +2,7 @@
 // told about conditions that have no effect.
 #include <fstream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@
 namespace QOR::test {
 namespace {
 
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -117,6 +119,29 @@ TEST_P(RowsCommand, NamesInFiltersMatchInAnyCase) {
               "pager.event_log.source\r\ncpu\r\n");
     EXPECT_EQ(outputOf({"rows", "-f", "pager.backup.id", "--where", "PAGER.BACKUP.INFO.NAME like 'W%'", "-o", "csv"}),
               "pager.backup.id\r\nk\r\n");
+}
+
+TEST_P(RowsCommand, NamesThatFieldsListsMayStandInFiltersEverywhere) {
+    std::istringstream listed(outputOf({"fields", "-o", "csv"}));
+    std::string all;
+    std::string ofRows;
+    std::string line;
+    std::getline(listed, line);
+    while (std::getline(listed, line)) {
+        std::string name = line.substr(0, line.find(','));
+        if (name.back() == '*') name.pop_back();  // the shortest name that begins with a prefix
+        const std::string condition = name + " = " + name;
+        all += (all.empty() ? "" : " and ") + condition;
+        // Stands only beside the unit that the language puts there.
+        if (name != "pager.env.eid.InPlaceholder") ofRows += (ofRows.empty() ? "" : " and ") + condition;
+    }
+    for (const char* name : {"my.field", "pager.env.config.memory", "pager.backup.", "pager.op_log.parameter."})
+        EXPECT_THAT(all, HasSubstr(std::string(name) + " = " + name));
+    const CtlResult shown = runCtl({"filter", "--config", vocabulary(), all});
+    EXPECT_EQ(shown.status, 0) << shown.err;
+    EXPECT_THAT(shown.out, ContainsRegex("my.field +integer, environments"));
+    const CtlResult asked = run({"rows", "-f", "pager.event_log.source", "--where", ofRows});
+    EXPECT_EQ(asked.status, 0) << asked.err;
 }
 
 TEST_P(RowsCommand, AsksAsAnotherClientWhoSeesOperationsOfItsOwnButNoneThatOnlyTouchIt) {

@@ -1,8 +1,6 @@
 #include "QORPager/Operators/QORPagerOperator.h"
 
-#include <cassert>
 #include <iterator>
-#include <limits>
 #include <utility>
 
 #include "QORFunctionality/QORAccess.h"
@@ -31,35 +29,18 @@ QORPtr<QOROpFactory> factoryQORPagerOperatorPrototype =
 
 namespace {
 
-/// Of rows, after a request has ended.
-constexpr int everyRow = std::numeric_limits<std::int32_t>::max();
-
 /// Bytes of a compiled filter that may stay until the next one is compiled.
 constexpr std::size_t mostKeptFilter = std::size_t{256} << 10;
 
-/// One entry of the caches' category; none when it lacks an identifier or a name.
-std::optional<std::pair<std::string, CacheInfo>> readCache(const QORVocIterator& entry) {
-    std::string id;
-    CacheInfo cache;
-    if (entry.getID(id) != 0 || entry.getValue(cache.name, tag::source) != 0) return std::nullopt;
-    static_cast<void>(entry.getString("info_prefix", cache.info_prefix));
-    static_cast<void>(entry.getString("info_path", cache.info_path));
-    static_cast<void>(entry.getInt("sync_timeout", cache.sync_timeout));
-    static_cast<void>(entry.getInt("security_operation", cache.security_operation));
-    return std::pair(std::move(id), std::move(cache));
-}
-
 }  // namespace
 
-QORPagerOperatorPrototype::QORPagerOperatorPrototype()
-    : m_limitSize(everyRow), m_limitOffset(0), m_evaluator(std::in_place) {
+QORPagerOperatorPrototype::QORPagerOperatorPrototype() : m_evaluator(std::in_place) {
     static const MethodDescriptor table[] = {
         method("select", &QORPagerOperatorPrototype::select, 100, 0),
         {"", nullptr, 0, 0},
     };
     registerMethods(table);
-    m_fieldSet.registerPrefix("pager.op_log.parameter.", TCursorType::OpLog, "");
-    m_fieldSet.registerPrefix("pager.event_log.parameter.", TCursorType::EventLog, "");
+    m_fieldSet.registerPrefixes();
 }
 
 QORPagerOperatorPrototype::~QORPagerOperatorPrototype() = default;
@@ -69,41 +50,12 @@ void QORPagerOperatorPrototype::init() {
     readCachesFromVoc(m_caches);
     m_fieldSet.init(QOROpSyncAccessPrototype::createInstance("", this));
     initIdentifiers();
-    for (const auto& [key, cache] : m_caches) {
-        if (!cache.info_prefix.empty()) m_fieldSet.registerPrefix(cache.info_prefix, TCursorType::Info, key);
-    }
-}
-
-void QORPagerOperatorPrototype::readCachesFromVoc(CacheInfoMap& caches) {
-    const QORPtr<const QORVocMap> vocabulary = vocCacheLocal()->getVocabulary();
-    QORVocIterator entry;
-    if (vocabulary == nullptr || vocabulary->readCategory("pager_caches", entry) != 0) return;
-    if (entry.firstParameter() != 0) return;
-    do {
-        if (auto cache = readCache(entry)) caches.insert_or_assign(std::move(cache->first), std::move(cache->second));
-    } while (entry.nextParameter() == 0);
+    m_fieldSet.registerCaches(m_caches);
 }
 
 void QORPagerOperatorPrototype::initIdentifiers() {
-    for (const QORField& field : m_fieldSet) {
-        const bool special = field.cursorType == TCursorType::Env;
-        switch (field.valueType) {
-            case TValueType::Boolean:
-                m_evaluator->setIdentifier(field.name, true, special);
-                break;
-            case TValueType::Integer:
-                m_evaluator->setIdentifier(field.name, 0, special);
-                break;
-            case TValueType::String:
-            case TValueType::Date:
-            case TValueType::IPAddress:
-            case TValueType::Time:
-                m_evaluator->setIdentifier(field.name, "", special);
-                break;
-            default:
-                assert(false);
-        }
-    }
+    for (const QORField& field : m_fieldSet)
+        m_evaluator->declareIdentifier(field.name, field.valueType, field.cursorType == TCursorType::Env);
 }
 
 void QORPagerOperatorPrototype::resetEvaluator() {
@@ -112,17 +64,7 @@ void QORPagerOperatorPrototype::resetEvaluator() {
 }
 
 void QORPagerOperatorPrototype::stopCallback() {
-    m_limitSize = everyRow;
-    m_limitOffset = 0;
-    m_sortOrder.clear();
-    m_selectFields.clear();
-    m_whereFields.clear();
-    m_fieldIndex = QORFieldIndex();
-    m_envList.reset();
-    m_access.reset();
-    m_inPlaceholderList.clear();
-    m_where = std::string();
-    m_whereGiven = false;
+    m_request = {};
     if (m_evaluator->expressionMemory() > mostKeptFilter) m_evaluator->forgetExpression();
 }
 

@@ -11,12 +11,12 @@
 
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORFunctionality/QOROperator.h"
-#include "QORLibAgent/QOREnvCache.h"
 #include "QORLibAgent/QORLogs.h"
 #include "QORPager/Operators/Pager/QOREIDFilter.h"
 #include "QORPager/Operators/Pager/QORFilterConstants.h"
 #include "QORPager/Operators/Pager/QORKnownNames.h"
-#include "QORPager/Operators/QORIndex.h"
+#include "QORPager/Operators/Pager/QORPagerRequest.h"
+#include "QORPager/QORCaches.h"
 #include "QORPager/QORExpressionEvaluation.h"
 #include "QORPager/QORFieldSet.h"
 #include "QORPager/QORPagerVocabulary.h"
@@ -27,18 +27,6 @@ class QORRowSet;
 
 /// The path that log lines of this operator carry, whichever of its files writes them.
 inline constexpr const char* pagerSourcePath = "qor/plugins/QORPager/Operators/QORPagerOperator";
-
-/// One cache that the configuration names. Requests use its prefix only; the rest is kept as it was read.
-struct CacheInfo {
-    std::string name;
-    std::string info_prefix;
-    std::string info_path;
-    int sync_timeout = -1;  ///< -1: not configured
-    int security_operation = 0;
-};
-
-/// Caches by the identifier of their entry in the configuration.
-using CacheInfoMap = std::map<std::string, CacheInfo>;
 
 /// The host calls init() once, then select() and stopCallback() in turn, disconnect() when the client goes, never two
 /// at once. What a request left behind ends with stopCallback(), but for the filter that was compiled last, which the
@@ -62,19 +50,10 @@ public:
 
     const QORFieldSet& fields() const noexcept { return m_fieldSet; }
     const CacheInfoMap& caches() const noexcept { return m_caches; }
-    int limitSize() const noexcept { return m_limitSize; }
-    int limitOffset() const noexcept { return m_limitOffset; }
-
-    /// Adds the caches that the host's vocabulary names; an entry without an identifier or a name is passed over.
-    static void readCachesFromVoc(CacheInfoMap& caches);
+    int limitSize() const noexcept { return m_request.limitSize; }
+    int limitOffset() const noexcept { return m_request.limitOffset; }
 
 private:
-    /// Sort keys by field: whether the order is descending.
-    struct FieldNameLess {
-        bool operator()(const QORField* a, const QORField* b) const noexcept { return *a < *b; }
-    };
-    using SortOrder = std::map<const QORField*, bool, FieldNameLess>;
-
     // Start-up.
     void resetEvaluator();
     void initIdentifiers();
@@ -94,35 +73,18 @@ private:
     int fillInfoCursor(QORMessageIterator& response, QOREIDFilter& filter);
 
     // Sources.
-    QORFilterConstants constants() { return QORFilterConstants(m_whereGiven ? &*m_evaluator : nullptr); }
+    QORFilterConstants constants() { return QORFilterConstants(m_request.whereGiven ? &*m_evaluator : nullptr); }
     void selectOpLogs(QORMessageIterator& response);
     void selectEventLogs(QORMessageIterator& response);
     void selectBackups(QORMessageIterator& response);
-    std::int64_t fetchOplog(const QOREnvSelection& envs, int from, int to, QORRowSet& rowSet, std::int64_t& total);
-    std::int64_t fetchEvents(const QOREnvSelection& envs, int from, int to, const char* category, QORRowSet& rowSet,
-                             std::int64_t& total);
+    std::int64_t fetchOplog(const QORLogSpan& span, QORRowSet& rowSet, std::int64_t& total);
+    std::int64_t fetchEvents(const QORLogSpan& span, std::string_view category, QORRowSet& rowSet, std::int64_t& total);
 
     QORFieldSet m_fieldSet;
     QORKnownNames m_knownNames;
     CacheInfoMap m_caches;
-    std::vector<const QORField*> m_selectFields;
-    std::vector<const QORField*> m_whereFields;  ///< without the placeholder
-    SortOrder m_sortOrder;
-    bool m_statisticsWanted = false;
-    bool m_statisticsValue = true;  ///< what the element says; nothing depends on it
-    bool m_hasWhere = false;        ///< a filter that names a field is in force
-    bool m_whereGiven = false;      ///< the evaluator holds this request's filter
-    std::string m_where;            ///< after the rewriting of dates
-    int m_limitSize;
-    int m_limitOffset;
     std::optional<TExpressionEvaluation> m_evaluator;
-    QORPtr<const QOREnvList> m_envList;
-    QORPtr<QORLocalAccess> m_access;
-    int m_cursorType = 0;
-    bool m_envFieldSelected = false;
-    bool m_envFieldInWhere = false;
-    std::string m_inPlaceholderList;
-    QORFieldIndex m_fieldIndex;
+    QORPagerRequest m_request;
 };
 
 /// Made while the module is loaded, released while it is unloaded.

@@ -8,6 +8,7 @@
 #include "QORLibAgent/QORSecurity.h"
 #include "QORPager/Operators/QORAccessCondition.h"
 #include "QORPager/QORFieldGetters.h"
+#include "QORPager/QORSources.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "rdbmspp/sql/ASCursor.h"
 
@@ -18,18 +19,18 @@ namespace {
 /// Bytes that a document takes when it is read, for each of its text.
 constexpr std::size_t memoryOfDocumentByte = 4;
 
-/// How the value of a field is read from a backup.
+/// How the value of a field is read from a backup, by the field's name without the source's prefix.
 struct ValueRow {
     std::string_view name;
     std::string (*read)(const QORBackup&);
 };
 constexpr std::array<ValueRow, 6> values{{
-    {"pager.backup.id", [](const QORBackup& backup) { return backup.id; }},
-    {"pager.backup.type", [](const QORBackup& backup) { return std::to_string(backup.type); }},
-    {"pager.backup.size", [](const QORBackup& backup) { return std::to_string(backup.size); }},
-    {"pager.backup.description", [](const QORBackup& backup) { return backup.description; }},
-    {"pager.backup.eid", [](const QORBackup& backup) { return fieldText(backup.eid); }},
-    {"pager.backup.info.title", [](const QORBackup& backup) { return backup.getEnvTitle(); }},
+    {"id", [](const QORBackup& backup) { return backup.id; }},
+    {"type", [](const QORBackup& backup) { return std::to_string(backup.type); }},
+    {"size", [](const QORBackup& backup) { return std::to_string(backup.size); }},
+    {"description", [](const QORBackup& backup) { return backup.description; }},
+    {"eid", [](const QORBackup& backup) { return fieldText(backup.eid); }},
+    {"info.title", [](const QORBackup& backup) { return backup.getEnvTitle(); }},
 }};
 
 }  // namespace
@@ -78,8 +79,10 @@ void getBackups(const QORBackupTable& table, const ASComparison& condition, std:
 }
 
 std::string getBackupValue(const QORBackup& backup, std::string_view name) {
+    const std::string_view prefix = sourceOf(TCursorType::Info).namePrefix;
+    if (!name.starts_with(prefix)) return {};
     for (const ValueRow& row : values) {
-        if (row.name == name) return row.read(backup);
+        if (row.name == name.substr(prefix.size())) return row.read(backup);
     }
     return {};
 }

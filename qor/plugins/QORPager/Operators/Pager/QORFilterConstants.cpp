@@ -40,6 +40,15 @@ int QORFilterConstants::timeBound(std::string_view name, TTokenType type, int ab
     return text ? readSaturated(*text) : absent;
 }
 
+QORLogSpan QORFilterConstants::span(const QORSource& log) const {
+    const auto bound = [&](QORConstantUse use, int absent) {
+        const QORSourceConstant& constant = log.constant(use);
+        return timeBound(constant.name, constant.operation, absent);
+    };
+    return {environments(log.constant(QORConstantUse::Environment).name), bound(QORConstantUse::Earliest, 0),
+            bound(QORConstantUse::Latest, Limits::max())};
+}
+
 std::int32_t readSaturated(std::string_view text) noexcept {
     std::size_t at = 0;
     while (at < text.size() && isSpaceChar(text[at]))

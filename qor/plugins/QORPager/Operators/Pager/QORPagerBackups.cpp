@@ -1,8 +1,6 @@
 // The source of operator "pager" that reads backups: one constant of the filter becomes a condition of the database,
 // and every backup that satisfies it is a row.
 
-#include <algorithm>
-#include <array>
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
@@ -26,20 +24,23 @@ namespace {
 class BackupQuery {
 public:
     explicit BackupQuery(const QORFilterConstants& filter)
-        : m_filter(filter), m_storage(filter.environments("pager.backup.storage_eid")) {}
+        : m_filter(filter), m_storage(filter.environments(source().constant(QORConstantUse::Storage).name)) {}
 
     /// Tries what a filter may ask for, in turn, and stops at the first that ran.
     void fetch() {
-        static_cast<void>(fetchByFieldLike("pager.backup.info.name", m_table.name) != 0 ||
-                          fetchByFieldLike("pager.backup.info.hostname", m_table.hostname) != 0 ||
-                          fetchByInfo("pager.backup.info.veid", ttEqual, "veid") != 0 ||
-                          fetchByInfo("pager.backup.info.ip", ttLike, "ip") != 0 || fetchByDate() != 0);
+        for (const QORSourceConstant& constant : source().constants) {
+            if (constant.turn == QORConstantTurn::Alternative && fetchBy(constant) != 0) return;
+        }
+        fetchByDate();
     }
     const std::vector<QORBackup>& backups() const noexcept { return m_backups; }
 
 private:
-    int fetchByFieldLike(std::string_view identifier, const ASAttribute& attribute);
-    int fetchByInfo(std::string_view identifier, TTokenType operation, std::string_view infoKey);
+    static const QORSource& source() { return sourceOf(TCursorType::Info); }
+
+    int fetchBy(const QORSourceConstant& constant);
+    int fetchByFieldLike(const QORSourceConstant& constant, const ASAttribute& attribute);
+    int fetchByInfo(const QORSourceConstant& constant, std::string_view infoKey);
     int fetchByDate();
     int run(const ASComparison& condition, std::vector<QORBackup>& backups);
 
@@ -62,14 +63,34 @@ int BackupQuery::run(const ASComparison& condition, std::vector<QORBackup>& back
     }
 }
 
-int BackupQuery::fetchByFieldLike(std::string_view identifier, const ASAttribute& attribute) {
-    const std::optional<std::string> pattern = m_filter.find(identifier, ttLike);
+int BackupQuery::fetchBy(const QORSourceConstant& constant) {
+    switch (constant.use) {
+        case QORConstantUse::Name:
+            return fetchByFieldLike(constant, m_table.name);
+        case QORConstantUse::HostName:
+            return fetchByFieldLike(constant, m_table.hostname);
+        case QORConstantUse::Container:
+            return fetchByInfo(constant, "veid");
+        case QORConstantUse::Address:
+            return fetchByInfo(constant, "ip");
+        case QORConstantUse::Unit:
+        case QORConstantUse::Environment:
+        case QORConstantUse::Storage:
+        case QORConstantUse::Latest:
+        case QORConstantUse::Earliest:
+            break;  // do not find backups by themselves
+    }
+    return 0;
+}
+
+int BackupQuery::fetchByFieldLike(const QORSourceConstant& constant, const ASAttribute& attribute) {
+    const std::optional<std::string> pattern = m_filter.find(constant);
     return pattern ? run(ASAttribute::Like(attribute, *pattern, 0), m_backups) : 0;
 }
 
 int BackupQuery::fetchByDate() {
-    const std::optional<std::string> upper = m_filter.find("pager.backup.time", ttLowerOrEqual);
-    const std::optional<std::string> lower = m_filter.find("pager.backup.time", ttGreaterOrEqual);
+    const std::optional<std::string> upper = m_filter.find(source().constant(QORConstantUse::Latest));
+    const std::optional<std::string> lower = m_filter.find(source().constant(QORConstantUse::Earliest));
     if (!upper || !lower) return 0;
     const std::optional<std::int32_t> to = readSeconds(*upper);
     const std::optional<std::int32_t> from = readSeconds(*lower);
@@ -79,10 +100,10 @@ int BackupQuery::fetchByDate() {
 }
 
 /// By a parameter of the info document, which the database cannot look into.
-int BackupQuery::fetchByInfo(std::string_view identifier, TTokenType operation, std::string_view infoKey) {
-    std::optional<std::string> wanted = m_filter.find(identifier, operation);
+int BackupQuery::fetchByInfo(const QORSourceConstant& constant, std::string_view infoKey) {
+    std::optional<std::string> wanted = m_filter.find(constant);
     if (!wanted) return 0;
-    const bool part = operation == ttLike;
+    const bool part = constant.operation == ttLike;
     if (part) std::erase(*wanted, '%');
     std::vector<QORBackup> all;
     if (run(ASComparison(), all) == 0) return 0;
@@ -95,20 +116,6 @@ int BackupQuery::fetchByInfo(std::string_view identifier, TTokenType operation, 
     return 1;
 }
 
-/// The database compares without regard to case, so that lowering it is left out of conditions. One pass from left to
-/// right: what becomes the word by it stays.
-std::string withoutLower(std::string_view text) {
-    constexpr std::string_view word = "lower";
-    std::string rest;
-    rest.reserve(text.size());
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t found = std::min(text.find(word, at), text.size());
-        rest.append(text, at, found - at);
-        at = found + word.size();
-    }
-    return rest;
-}
-
 /// A field of times shows the backup's own, whatever its name is.
 void writeBackUpInfoSqlRow(const QORBackup& backup, QORRowSet& rowSet) {
     rowSet.writeValues([&](const QORField& field) {
@@ -119,12 +126,12 @@ void writeBackUpInfoSqlRow(const QORBackup& backup, QORRowSet& rowSet) {
 }  // namespace
 
 void QORPagerOperatorPrototype::selectBackups(QORMessageIterator& response) {
-    m_evaluator->setExpression(withoutLower(m_where));
+    m_evaluator->setExpression(withoutLower(m_request.where));
     if (m_evaluator->prepareSpecial()) {
         addError(&response, PagerErrors, pagerParsingError, withoutNuls(m_evaluator->getErrorMessage()).c_str());
         return;
     }
-    QORRowSet rowSet(response, m_selectFields);
+    QORRowSet rowSet(response, m_request.selectFields);
     const QORFilterConstants filter(&*m_evaluator);
     BackupQuery query(filter);
     query.fetch();
@@ -134,7 +141,7 @@ void QORPagerOperatorPrototype::selectBackups(QORMessageIterator& response) {
         writeBackUpInfoSqlRow(backup, rowSet);
     }
     const auto count = static_cast<std::int64_t>(query.backups().size());
-    if (m_statisticsWanted) rowSet.writeStatistics(count, count);
+    if (m_request.statisticsWanted) rowSet.writeStatistics(count, count);
 }
 
 }  // namespace QOR

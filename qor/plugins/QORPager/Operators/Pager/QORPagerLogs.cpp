@@ -1,7 +1,6 @@
 // The sources of operator "pager" that read the logs. The filter only supplies constants; the host's log agents find
 // the records, in their own order.
 
-#include <array>
 #include <limits>
 #include <utility>
 
@@ -19,18 +18,6 @@ namespace QOR {
 namespace {
 
 constexpr int everyRecord = std::numeric_limits<std::int32_t>::max();
-constexpr int beginningOfTime = 0;
-constexpr int endOfTime = std::numeric_limits<std::int32_t>::max();
-
-/// The categories that can be asked for, and the text by which a filter does so.
-struct CategoryRow {
-    std::string_view filterText;
-    const char* category;
-};
-constexpr std::array<CategoryRow, 2> categories{{
-    {"pager.event_log.category='resource_alert'", "resource_alert"},
-    {"pager.event_log.category='env_status'", "env_status"},
-}};
 
 /// A log could not be read.
 class LogRefusal : public QORException {
@@ -94,67 +81,64 @@ std::int64_t writePage(QORLogResult<Record>& records, ArgCSP (*makeRow)(const Re
 }  // namespace
 
 /// Adds the number of records found to `total`. \returns the number of rows written
-std::int64_t QORPagerOperatorPrototype::fetchOplog(const QOREnvSelection& envs, int from, int to, QORRowSet& rowSet,
-                                                   std::int64_t& total) {
+std::int64_t QORPagerOperatorPrototype::fetchOplog(const QORLogSpan& span, QORRowSet& rowSet, std::int64_t& total) {
     QOROpLogAgent agent;
     QOROpLogResult records;
-    if (agent.getOps(records, envs, m_access, "", "", 0, 0, everyRecord, from, to) != 0) {
+    if (agent.getOps(records, span.envs, m_request.access, "", "", 0, 0, everyRecord, span.from, span.to) != 0) {
         QORRequestControl::checkCurrent();
         throw LogRefusal(getErrorMessage());
     }
-    const std::int64_t written = writePage(records, parseOpLogSqlRow, m_limitSize, m_limitOffset, rowSet);
+    const std::int64_t written =
+        writePage(records, parseOpLogSqlRow, m_request.limitSize, m_request.limitOffset, rowSet);
     total += static_cast<std::int64_t>(records.size());
     return written;
 }
 
-std::int64_t QORPagerOperatorPrototype::fetchEvents(const QOREnvSelection& envs, int from, int to, const char* category,
+std::int64_t QORPagerOperatorPrototype::fetchEvents(const QORLogSpan& span, std::string_view category,
                                                     QORRowSet& rowSet, std::int64_t& total) {
     QOREventLogAgent agent;
     QOREventLogResult records;
-    if (agent.getEvents(records, envs, 0, everyRecord, m_access, category, 0, from, to) != 0) {
+    if (agent.getEvents(records, span.envs, 0, everyRecord, m_request.access, std::string(category), 0, span.from,
+                        span.to) != 0) {
         QORRequestControl::checkCurrent();
         throw LogRefusal(getErrorMessage());
     }
-    const std::int64_t written = writePage(records, parseEventsLogSqlRow, m_limitSize, m_limitOffset, rowSet);
+    const std::int64_t written =
+        writePage(records, parseEventsLogSqlRow, m_request.limitSize, m_request.limitOffset, rowSet);
     total += static_cast<std::int64_t>(records.size());
     return written;
 }
 
 void QORPagerOperatorPrototype::selectOpLogs(QORMessageIterator& response) {
-    if (m_envFieldSelected || m_envFieldInWhere) {
+    if (m_request.envFieldSelected || m_request.envFieldInWhere) {
         addError(&response, PagerErrors, pagerEvaluatingError, "joins with env_info table are forbidden");
         return;
     }
-    const QORFilterConstants filter = constants();
-    const QOREnvSelection envs = filter.environments("pager.op_log.parameter.env.eid");
-    const int to = filter.timeBound("pager.op_log.time", ttLowerOrEqual, endOfTime);
-    const int from = filter.timeBound("pager.op_log.time", ttGreaterOrEqual, beginningOfTime);
-    QORRowSet rowSet(response, m_selectFields);
+    const QORLogSpan span = constants().span(sourceOf(TCursorType::OpLog));
+    QORRowSet rowSet(response, m_request.selectFields);
     try {
-        m_access = getLocalAccess();
+        m_request.access = getLocalAccess();
         std::int64_t total = 0;
-        const std::int64_t written = fetchOplog(envs, from, to, rowSet, total);
-        if (m_statisticsWanted) rowSet.writeStatistics(written, total);
+        const std::int64_t written = fetchOplog(span, rowSet, total);
+        if (m_request.statisticsWanted) rowSet.writeStatistics(written, total);
     } catch (const LogRefusal& refusal) {
         addError(&response, PagerErrors, errFailure, refusal.what());
     }
 }
 
 void QORPagerOperatorPrototype::selectEventLogs(QORMessageIterator& response) {
-    const QORFilterConstants filter = constants();
-    const QOREnvSelection envs = filter.environments("pager.event_log.parameter.env.eid");
-    const int to = filter.timeBound("pager.event_log.time", ttLowerOrEqual, endOfTime);
-    const int from = filter.timeBound("pager.event_log.time", ttGreaterOrEqual, beginningOfTime);
-    QORRowSet rowSet(response, m_selectFields);
+    const QORSource& log = sourceOf(TCursorType::EventLog);
+    const QORLogSpan span = constants().span(log);
+    QORRowSet rowSet(response, m_request.selectFields);
     try {
-        m_access = getLocalAccess();
+        m_request.access = getLocalAccess();
         std::int64_t written = 0;
         std::int64_t total = 0;
-        for (const CategoryRow& row : categories) {
-            if (m_where.find(row.filterText) == std::string::npos) continue;
-            written += fetchEvents(envs, from, to, row.category, rowSet, total);
+        for (const QORSourceCategory& category : log.categories) {
+            if (m_request.where.find(category.filterText) == std::string::npos) continue;
+            written += fetchEvents(span, category.name, rowSet, total);
         }
-        if (m_statisticsWanted) rowSet.writeStatistics(written, total);
+        if (m_request.statisticsWanted) rowSet.writeStatistics(written, total);
     } catch (const LogRefusal& refusal) {
         addError(&response, PagerErrors, errFailure, refusal.what());
     }

@@ -15,6 +15,7 @@
 #include "QORPager/QORArg.h"
 #include "QORPager/QORDateTimeRewrite.h"
 #include "QORPager/QORFilterNames.h"
+#include "QORPager/QORSources.h"
 
 namespace QOR {
 
@@ -22,11 +23,8 @@ namespace {
 
 constexpr int failed = -1;
 
-/// The name by which a filter restricts environments to a unit.
-constexpr const char* placeholderName = "pager.env.eid.InPlaceholder";
-
 /// Rows of this cursor type are environments as well; no field of the catalogue has it.
-constexpr int envInfoCursor = 32;
+constexpr auto envInfoCursor = static_cast<TCursorType>(32);
 
 int complain(QORMessageIterator& response, const char* text) {
     QOROperatorFunctionalPrototype::addError(&response, QORErrors, errBadRequest, text);
@@ -68,66 +66,62 @@ void QORPagerOperatorPrototype::answer(QORMessageIterator& request, QORMessageIt
         addError(&response, QORErrors, errNoEnvCache);
         return;
     }
+    m_request = {};
     useNamesOf(QORAccessChecker::getClientContext());
-    m_envList = cache->getEnvList();
-    if (parseIn(request, response) != 0 || m_envList == nullptr) return;
+    m_request.envList = cache->getEnvList();
+    if (parseIn(request, response) != 0 || m_request.envList == nullptr) return;
     QOREIDFilter filter(0);
-    const bool aboutEnvs = m_cursorType == static_cast<int>(TCursorType::Env);
-    if (!aboutEnvs && (m_envFieldInWhere || m_envFieldSelected) && fillInfoCursor(response, filter) != 0) return;
-    switch (m_cursorType) {
-        case static_cast<int>(TCursorType::EventLog):
+    const bool aboutEnvs = m_request.cursorType == TCursorType::Env;
+    if (!aboutEnvs && (m_request.envFieldInWhere || m_request.envFieldSelected) &&
+        fillInfoCursor(response, filter) != 0)
+        return;
+    switch (m_request.cursorType) {
+        case TCursorType::EventLog:
             selectEventLogs(response);
             break;
-        case static_cast<int>(TCursorType::Info):
+        case TCursorType::Info:
             selectBackups(response);
             break;
-        case static_cast<int>(TCursorType::OpLog):
+        case TCursorType::OpLog:
             selectOpLogs(response);
             break;
-        default:
+        case TCursorType::Env:
             break;  // environments are not listed by themselves
     }
 }
 
 int QORPagerOperatorPrototype::parseIn(QORMessageIterator& request, QORMessageIterator& response) {
-    m_envFieldSelected = false;
-    m_envFieldInWhere = false;
-    m_cursorType = static_cast<int>(TCursorType::Env);
-    m_where.clear();
-    m_whereGiven = false;
-    int statistics = 1;
-    m_statisticsWanted = request.getValue(statistics, tag::statistics) == 0;
-    m_statisticsValue = statistics != 0;
+    int statistics = 0;  // any number asks for the counts
+    m_request.statisticsWanted = request.getValue(statistics, tag::statistics) == 0;
     if (readLimit(request, response) != 0 || readFields(request, response) != 0) return failed;
     if (readSort(request, response) != 0) return failed;
     return readWhere(request, response);
 }
 
 int QORPagerOperatorPrototype::readLimit(const QORMessageIterator& request, QORMessageIterator& response) {
-    m_limitOffset = -1;
-    m_limitSize = -1;
+    m_request.limitOffset = QORPagerRequest::notAsked;
+    m_request.limitSize = QORPagerRequest::notAsked;
     const auto at = request.clone();
     if (at->firstChild(tag::limit) != 0) return 0;
-    if (at->getValue(m_limitSize, tag::size) != 0) {
+    if (at->getValue(m_request.limitSize, tag::size) != 0) {
         response.reset();
         response.addChild(tag::reply);
         return complain(response, "limit/size is absent");
     }
-    static_cast<void>(at->getValue(m_limitOffset, tag::offset));
+    static_cast<void>(at->getValue(m_request.limitOffset, tag::offset));
     return 0;
 }
 
 int QORPagerOperatorPrototype::readFields(const QORMessageIterator& request, QORMessageIterator& response) {
     const auto at = request.clone();
     if (at->firstChild(tag::field) != 0) return complain(response, "field is absent");
-    m_selectFields.clear();
     std::string cacheName;
     do {
         std::string name;
         if (at->getValue(name) != 0) return complain(response, "invalid field");
         QORFieldSet::Position field;
         if (findField(name, field, response) != 0) return failed;
-        m_selectFields.push_back(&*field);
+        m_request.selectFields.push_back(&*field);
         if (selectField(*field, cacheName, response) != 0) return failed;
     } while (at->nextSibling(tag::field) == 0);
     return 0;
@@ -149,20 +143,18 @@ int QORPagerOperatorPrototype::findField(std::string_view name, QORFieldSet::Pos
 int QORPagerOperatorPrototype::selectField(const QORField& field, std::string& cacheName,
                                            QORMessageIterator& response) {
     if (field.cursorType == TCursorType::Env) {
-        m_envFieldSelected = true;
+        m_request.envFieldSelected = true;
         return 0;
     }
-    const int cursorType = static_cast<int>(field.cursorType);
-    const bool otherSource = m_cursorType != static_cast<int>(TCursorType::Env) && m_cursorType != cursorType;
-    const bool otherCache = m_cursorType == static_cast<int>(TCursorType::Info) && field.cacheName != cacheName;
+    const bool otherSource = m_request.cursorType != TCursorType::Env && m_request.cursorType != field.cursorType;
+    const bool otherCache = m_request.cursorType == TCursorType::Info && field.cacheName != cacheName;
     if (otherSource || otherCache) return refuse(response, pagerParsingError, "Can't select from multiply tables");
-    m_cursorType = cursorType;
+    m_request.cursorType = field.cursorType;
     cacheName = field.cacheName;
     return 0;
 }
 
 int QORPagerOperatorPrototype::readSort(const QORMessageIterator& request, QORMessageIterator& response) {
-    m_sortOrder.clear();
     const auto at = request.clone();
     for (int found = at->firstChild(tag::sort); found == 0; found = at->nextSibling(tag::sort)) {
         std::string name;
@@ -172,41 +164,41 @@ int QORPagerOperatorPrototype::readSort(const QORMessageIterator& request, QORMe
         }
         const QORFieldSet::Position field = m_fieldSet.find(name);
         if (field == m_fieldSet.end()) return refuse(response, pagerUnknownField, name);
-        m_sortOrder[&*field] = at->seekPresence(tag::descending) == 0;
+        m_request.sortOrder[&*field] = at->seekPresence(tag::descending) == 0;
     }
     return 0;
 }
 
 int QORPagerOperatorPrototype::readWhere(const QORMessageIterator& request, QORMessageIterator& response) {
-    m_whereFields.clear();
-    m_inPlaceholderList.clear();
-    m_hasWhere = request.seekPresence(tag::where) == 0;
-    if (!m_hasWhere) return 0;
-    if (request.getValue(m_where, tag::where) != 0) return complain(response, "invalid where");
-    if (!transformDateTime(m_where)) return complain(response, "invalid date/time format in where");
-    if (declareNames(m_where, response) != 0) return failed;
-    m_evaluator->setExpression(m_where);
+    m_request.hasWhere = request.seekPresence(tag::where) == 0;
+    if (!m_request.hasWhere) return 0;
+    if (request.getValue(m_request.where, tag::where) != 0) return complain(response, "invalid where");
+    if (!transformDateTime(m_request.where)) return complain(response, "invalid date/time format in where");
+    if (declareNames(m_request.where, response) != 0) return failed;
+    m_evaluator->setExpression(m_request.where);
     if (m_evaluator->prepareSpecial()) return refuse(response, pagerParsingError, m_evaluator->getErrorMessage());
-    m_whereGiven = true;
+    m_request.whereGiven = true;
     // In the order of the names, which is that of the catalogue.
     for (const std::string& name : m_evaluator->usedIdentifiers()) {
         const QORFieldSet::Position field = m_fieldSet.find(name);
         if (field != m_fieldSet.end() && useWhereField(*field, response) != 0) return failed;
     }
-    m_hasWhere = !m_whereFields.empty();
+    m_request.hasWhere = !m_request.whereFields.empty();
     return 0;
 }
 
 int QORPagerOperatorPrototype::useWhereField(const QORField& field, QORMessageIterator& response) {
-    const bool aboutEnvs = m_cursorType == static_cast<int>(TCursorType::Env);
-    if (static_cast<int>(field.cursorType) == envInfoCursor && aboutEnvs) m_cursorType = envInfoCursor;
-    if (field.cursorType == TCursorType::Env) m_envFieldInWhere = true;
-    if (field.name != placeholderName) {
-        m_whereFields.push_back(&field);
+    const QORSourceConstant& placeholder = sourceOf(TCursorType::Env).constant(QORConstantUse::Unit);
+    const bool aboutEnvs = m_request.cursorType == TCursorType::Env;
+    if (field.cursorType == envInfoCursor && aboutEnvs) m_request.cursorType = envInfoCursor;
+    if (field.cursorType == TCursorType::Env) m_request.envFieldInWhere = true;
+    if (field.name != placeholder.name) {
+        m_request.whereFields.push_back(&field);
         return 0;
     }
     bool found = false;
-    m_inPlaceholderList = m_evaluator->extractConstByIdentifierAndOperation(field.name, ttIn, found);
+    m_request.inPlaceholderList =
+        m_evaluator->extractConstByIdentifierAndOperation(field.name, placeholder.operation, found);
     if (found) return 0;
     return refuse(response, pagerParsingError,
                   "incorrect <in> expression: cannot find <in> expression for InPlaceholder");
@@ -225,12 +217,13 @@ int QORPagerOperatorPrototype::declareNames(std::string_view where, QORMessageIt
 /// Gives the filter the environments that pass the environment part of the request's; all where it has no such part.
 int QORPagerOperatorPrototype::fillInfoCursor(QORMessageIterator& response, QOREIDFilter& filter) {
     QOREIDList passing;
-    if (m_hasWhere && !m_evaluator->onlyNotSpecial()) {
-        QOREnvPreFilter preFilter(*m_evaluator, m_whereFields);
-        if (preFilter.run(*m_envList, passing) != 0) return refuse(response, pagerEvaluatingError, preFilter.error());
+    if (m_request.hasWhere && !m_evaluator->onlyNotSpecial()) {
+        QOREnvPreFilter preFilter(*m_evaluator, m_request.whereFields);
+        if (preFilter.run(*m_request.envList, passing) != 0)
+            return refuse(response, pagerEvaluatingError, preFilter.error());
     } else {
-        passing.reserve(m_envList->size());
-        for (const QORPtr<const QOREnv>& env : *m_envList)
+        passing.reserve(m_request.envList->size());
+        for (const QORPtr<const QOREnv>& env : *m_request.envList)
             passing.insert(passing.end(), env->getEID());
     }
     filter.set(std::move(passing));

@@ -72,7 +72,7 @@ TEST_F(Operator, AReplacedCacheIsTheLaterOne) {
     CacheInfoMap caches;
     caches["bare"].info_path = "old";
     const ScopedVocabulary scope(vocabulary);
-    QORPagerOperatorPrototype::readCachesFromVoc(caches);
+    readCachesFromVoc(caches);
     EXPECT_EQ(caches.at("bare").info_path, "");
     EXPECT_EQ(caches.size(), 3U);
 }
