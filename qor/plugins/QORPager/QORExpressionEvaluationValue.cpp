@@ -1,6 +1,7 @@
 #include "QORPager/QORExpressionEvaluationValue.h"
 
 #include <memory>
+#include <utility>
 
 #include "QORPager/QORExpressionText.h"
 
@@ -36,8 +37,7 @@ TBaseValue* testBoth(Value* left, TBaseValue* right, Test test) {
 
 template <class T>
 void replaceValue(TBaseValue*& operand, T* replacement) {
-    delete operand;
-    operand = replacement;
+    const Owned old(std::exchange(operand, replacement));
 }
 
 }  // namespace

@@ -687,9 +687,10 @@ bool isOnReadOnlyFileSystem(const std::string& file) {
 std::string immutableName(const std::string& file) {
     static constexpr char digits[] = "0123456789ABCDEF";
     std::string name = "file:";
-    for (const unsigned char c : std::filesystem::absolute(file).string()) {
+    for (const char letter : std::filesystem::absolute(file).string()) {
+        const auto c = static_cast<unsigned char>(letter);
         if (std::isalnum(c) != 0 || c == '/' || c == '.' || c == '-' || c == '_') {
-            name += static_cast<char>(c);
+            name += letter;
         } else {
             name += {'%', digits[c >> 4], digits[c & 15]};
         }
