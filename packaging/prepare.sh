@@ -7,6 +7,7 @@ packages=(
     libboost-dev libpugixml-dev rapidjson-dev                # messages and HTTP
     libspdlog-dev libfmt-dev libcli11-dev libssl-dev zlib1g-dev
     libgtest-dev libgmock-dev libbenchmark-dev               # tests and benchmarks
+    python3 curl sqlite3 patch               # checks, and what the documents' examples call
     ca-certificates git
 )
 
@@ -29,11 +30,11 @@ install_packages() {
         >/dev/null
 }
 
-# build PRESET [TARGET...]: configures (once) and builds; quick when nothing changed.
+# build PRESET [TARGET...]: configures (once, and when the presets change) and builds; quick when nothing changed.
 build() {
     local preset=$1
     shift
-    if [ ! -f "build/$preset/build.ninja" ]; then
+    if [ ! "build/$preset/build.ninja" -nt CMakePresets.json ]; then
         say "configuring build/$preset"
         cmake --preset "$preset" >"/tmp/qor-configure-$$.log" 2>&1 || {
             cat "/tmp/qor-configure-$$.log" >&2
