@@ -7,6 +7,7 @@
 
 namespace QOR {
 
+/// Overrides what the standalone backend does, in the same order.
 class AgentBackend final : public Backend {
 public:
     /// Connects. \param socket empty: where an agent of this user or of the machine listens

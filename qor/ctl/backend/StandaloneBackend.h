@@ -9,6 +9,7 @@ namespace QOR {
 class QORHost;
 class QORClientSession;
 
+/// Overrides what the agent's backend does, in the same order.
 class StandaloneBackend final : public Backend {
 public:
     StandaloneBackend(const ConnectionOptions& options, BackendUse use);

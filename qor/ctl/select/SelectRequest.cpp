@@ -1,12 +1,12 @@
 #include "select/SelectRequest.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "process/CtlError.h"
+#include "select/RequestPage.h"
 #include "where/FieldSpec.h"
 #include "where/WhereError.h"
 #include "where/WhereParser.h"
@@ -14,16 +14,11 @@
 namespace QOR {
 namespace {
 
-constexpr std::int64_t mostRows = std::numeric_limits<std::int32_t>::max();
 /// Levels that select and where elements take of a message.
 constexpr std::size_t levelsAboveCondition = 2;
 /// A SID that stands for an environment: principal 0 of type 1.
 constexpr int environmentPrincipal = 0;
 constexpr int environmentPrincipalType = 1;
-
-void require(int status) {
-    if (status != 0) throw CtlError::usage("the request is larger than a message may be");
-}
 
 class SelectBuilder {
 public:
@@ -33,8 +28,8 @@ public:
     SelectRequest build() {
         m_request.envelope.operatorName = "pager2";
         m_request.envelope.requestName = "select";
-        require(m_at.addChild(tag::select));
-        require(m_at.putValue(m_options.view, tag::view));
+        requireRoom(m_at.addChild(tag::select));
+        requireRoom(m_at.putValue(m_options.view, tag::view));
         for (const std::string& field : m_options.fields)
             addField(field);
         if (m_options.distinct) addFlag(tag::distinct);
@@ -42,7 +37,7 @@ public:
         for (const std::string& sort : m_options.sort)
             addSort(sort);
         noteSortOrder();
-        addLimit();
+        addPage(m_at, m_options.limit, m_options.offset);
         if (m_options.count) addFlag(tag::statistics);
         addClient();
         return std::move(m_request);
@@ -50,8 +45,8 @@ public:
 
 private:
     void addFlag(QORTag flag) {
-        require(m_at.addChild(flag));
-        require(m_at.seekUp());
+        requireRoom(m_at.addChild(flag));
+        requireRoom(m_at.seekUp());
     }
 
     /// The answer knows a column by its name alone, so two fields over one column would be one.
@@ -69,21 +64,21 @@ private:
                                   " is asked for in two ways; an answer holds it once, so ask in two requests");
         }
         if (field.function.empty()) {
-            require(m_at.putValue(field.column, tag::field));
+            requireRoom(m_at.putValue(field.column, tag::field));
         } else {
-            require(m_at.addChild(tag::field));
-            require(m_at.addChild(tag::function));
-            require(m_at.putValue(field.function, tag::name));
-            require(m_at.putValue(field.column, tag::field));
-            require(m_at.seekUp());
-            require(m_at.seekUp());
+            requireRoom(m_at.addChild(tag::field));
+            requireRoom(m_at.addChild(tag::function));
+            requireRoom(m_at.putValue(field.function, tag::name));
+            requireRoom(m_at.putValue(field.column, tag::field));
+            requireRoom(m_at.seekUp());
+            requireRoom(m_at.seekUp());
         }
         m_request.columns.push_back(field.column);
         m_fields.push_back(std::move(field));
     }
 
     void addWhere(const std::string& text) {
-        require(m_at.addChild(tag::where));
+        requireRoom(m_at.addChild(tag::where));
         try {
             const std::size_t levels = m_request.envelope.body.limits().depth - levelsAboveCondition;
             parseWhere(text, m_options.view, levels, m_at, m_types);
@@ -92,7 +87,7 @@ private:
         } catch (const QORException& error) {
             throw CtlError::usage("--where: " + error.message());
         }
-        require(m_at.seekUp());
+        requireRoom(m_at.seekUp());
     }
 
     void addSort(std::string_view text) {
@@ -104,10 +99,10 @@ private:
             throw CtlError::usage("sorting by " + quoteText(text) + " needs it among the fields (-f)");
         if (std::find(m_sort.begin(), m_sort.end(), key.column) != m_sort.end())
             throw CtlError::usage("the sort key " + quoteText(key.column) + " is given twice");
-        require(m_at.addChild(tag::sort));
-        require(m_at.putValue(key.column, tag::field));
+        requireRoom(m_at.addChild(tag::sort));
+        requireRoom(m_at.putValue(key.column, tag::field));
         if (descending) addFlag(tag::descending);
-        require(m_at.seekUp());
+        requireRoom(m_at.seekUp());
         m_sort.push_back(key.column);
     }
 
@@ -120,20 +115,6 @@ private:
         for (std::size_t at = 1; at < order.size(); ++at)
             note += ", then " + quoteText(order[at]);
         m_request.notes.push_back(std::move(note));
-    }
-
-    /// An offset alone asks for all that follows: the operator takes an offset only with a size.
-    void addLimit() {
-        const std::int64_t limit = m_options.limit == 0 && m_options.offset > 0 ? mostRows : m_options.limit;
-        if (limit < 0 || limit > mostRows)
-            throw CtlError::usage("--limit must lie between 0 and " + std::to_string(mostRows));
-        if (m_options.offset < 0 || m_options.offset > mostRows)
-            throw CtlError::usage("--offset must lie between 0 and " + std::to_string(mostRows));
-        if (limit == 0) return;
-        require(m_at.addChild(tag::limit));
-        require(m_at.putInt(static_cast<std::int32_t>(limit), tag::size));
-        if (m_options.offset > 0) require(m_at.putInt(static_cast<std::int32_t>(m_options.offset), tag::offset));
-        require(m_at.seekUp());
     }
 
     void addClient() { m_request.envelope.client = makeClient(m_options.client); }
