@@ -8,7 +8,6 @@
 namespace QOR {
 namespace {
 
-constexpr unsigned badRequest = 400;
 constexpr unsigned payloadTooLarge = 413;
 constexpr unsigned headTooLarge = 431;
 constexpr unsigned notImplemented = 501;

@@ -512,7 +512,7 @@ std::string Parser::readName(const char* what) {
 
 }  // namespace
 
-void parseWhere(std::string_view text, std::string_view view, std::size_t levels, QORBinaryIterator out,
+void parseWhere(std::string_view text, std::string_view view, std::size_t levels, const QORBinaryIterator& out,
                 const ColumnTypes& types) {
     Parser parser(text, view, levels, types);
     const Id condition = parser.readWhole();

@@ -30,7 +30,7 @@ namespace QOR {
 /// \param types asked only for columns that literals of an in-list or of between stand beside; none: those stay as
 /// they are spelled
 /// \throws WhereError naming the place in `text` and what was expected there
-void parseWhere(std::string_view text, std::string_view view, std::size_t levels, QORBinaryIterator out,
+void parseWhere(std::string_view text, std::string_view view, std::size_t levels, const QORBinaryIterator& out,
                 const ColumnTypes& types = {});
 
 }  // namespace QOR

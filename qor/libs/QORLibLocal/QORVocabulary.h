@@ -79,6 +79,8 @@ public:
     using Category = std::vector<QORVocParameter>;
 
     QORVocMap() = default;
+    // g++ warns of a copy that does not name its base.
+    // NOLINTNEXTLINE(readability-redundant-member-init)
     QORVocMap(const QORVocMap& other) : QORReferenceCounter(), m_categories(other.m_categories) {}
     ~QORVocMap() override;
 
