@@ -9,7 +9,7 @@ nearest CMakeLists.txt above it. Then
 
 - an include of another target's header needs that target among the libraries that the including one links itself;
 - a header that other targets include may itself include only what its target links publicly;
-- what a library links, it includes something of;
+- what a library links, it includes something of, or an object library that it links does: their objects go together;
 - targets do not link in a circle.
 
 Exit status 0 when all of it holds; otherwise each breach is a line on standard error.
@@ -145,7 +145,8 @@ def check(lines, root):
         if target.kind not in ("STATIC_LIBRARY", "OBJECT_LIBRARY"):
             continue  # programs, modules and libqor.so are what their layers are linked into
         for link in sorted(target.links):
-            if (target.name, link) not in used:
+            beside = any(targets[other].kind == "OBJECT_LIBRARY" and link in targets[other].links for other in target.links)
+            if (target.name, link) not in used and not beside:
                 complaints.append(f"{target.name} links {link} and includes nothing of it")
     check_circles(targets, complaints)
     return complaints

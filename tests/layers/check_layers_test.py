@@ -76,6 +76,13 @@ class LayerTest(unittest.TestCase):
         tree.target("low", "qor/libs/low", ["Low.cpp"]).target("upper", "qor/upper", ["Up.cpp"], low="public")
         self.assertEqual(tree.complaints(), ["upper links low and includes nothing of it"])
 
+    def test_objects_that_a_linked_library_needs_may_be_linked_beside_it(self):
+        tree = self.tree({**LOWER, **UPPER, "qor/top/Top.cpp": '#include "upper/Up.h"\n'})
+        tree.target("low", "qor/libs/low", ["Low.cpp"], "OBJECT_LIBRARY")
+        tree.target("upper", "qor/upper", ["Up.cpp"], "OBJECT_LIBRARY", low="public")
+        tree.target("top", "qor/top", ["Top.cpp"], upper="private", low="private")
+        self.assertEqual(tree.complaints(), [])
+
     def test_a_circle_is_named(self):
         tree = self.tree({**LOWER, **UPPER, "qor/libs/low/Low.cpp": '#include "upper/Up.h"\n'})
         tree.target("low", "qor/libs/low", ["Low.cpp"], upper="private")
