@@ -150,12 +150,6 @@ void TTextPool::release(const TOperand& operand) {
     if (operand.buffer != TOperand::noBuffer) m_free.push_back(operand.buffer);
 }
 
-TOperand TTextPool::keep(std::string_view text) {
-    TOperand operand = TOperand::ofText(text);
-    own(operand);
-    return operand;
-}
-
 void TTextPool::settle(TOperand& operand) {
     if (operand.buffer == TOperand::noBuffer && operand.textCase == TTextCase::AsIs) return;
     own(operand);

@@ -102,8 +102,6 @@ public:
     void release(const TOperand& operand);
     /// left becomes left followed by right; both are texts, and right is consumed.
     void concatenate(TOperand& left, TOperand& right);
-    /// A text that outlives the object it is read from.
-    TOperand keep(std::string_view text);
 
 private:
     /// Makes the operand's text one of the pool, with its case still to be applied.

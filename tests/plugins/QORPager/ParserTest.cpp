@@ -238,6 +238,12 @@ TEST(ExpressionParser, ClearedNamesAreUndeclaredInAParsedTextToo) {
     EXPECT_EQ(evaluator->getErrorMessage(), "Undeclared identifier: true");
 }
 
+TEST(ExpressionParser, TheBoundsOfTheTextAreItsOwn) {
+    const auto evaluator = makeEvaluator("a = 1");
+    EXPECT_EQ(std::string(evaluator->getBegin(), evaluator->getEnd()), evaluator->getExpression());
+    EXPECT_EQ(evaluator->getExpression(), "a = 1");
+}
+
 TEST(ExpressionParser, ParsingDropsTreesAndProgramsOfTheOldSequence) {
     const auto evaluator = makeEvaluator("sp = 1 and a = 1");
     EXPECT_EQ(evaluator->getInfixSpecial(), "sp = 1");

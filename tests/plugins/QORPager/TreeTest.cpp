@@ -164,6 +164,7 @@ const ConstantCase constantCases[] = {
     {"a <= 5", "a", 11, "5"},
     {"s like 'x%'", "s", 12, "x%"},
     {"a = b", "a", 8, nullptr},
+    {"b = a", "a", 8, nullptr},
     {"a = 1 + 2", "a", 8, nullptr},
     {"not (a = 1)", "a", 8, nullptr},
     {"not (a = 1) and b = 2", "a", 8, nullptr},

@@ -154,9 +154,10 @@ struct SetCase {
 };
 
 const SetCase setCases[] = {
-    {"", "0", "false"},    {"1", "1", "true"},    {"true", "0", "true"},    {"True", "0", "true"},
-    {"TRUE", "0", "true"}, {"yes", "0", "false"}, {"12abc", "12", "false"}, {"01", "1", "false"},
-    {" 1", "1", "false"},  {"0", "0", "false"},   {"truely", "0", "false"}, {"-7", "-7", "false"},
+    {"", "0", "false"},     {"1", "1", "true"},    {"true", "0", "true"},    {"True", "0", "true"},
+    {"TRUE", "0", "true"},  {"yes", "0", "false"}, {"12abc", "12", "false"}, {"01", "1", "false"},
+    {" 1", "1", "false"},   {"0", "0", "false"},   {"truely", "0", "false"}, {"-7", "-7", "false"},
+    {"trux", "0", "false"},
 };
 
 TEST(ExpressionValue, ValuesTakeTheTextsOfFields) {

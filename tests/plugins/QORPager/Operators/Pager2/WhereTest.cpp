@@ -64,6 +64,8 @@ constexpr Complaint complaints[] = {
      "cannot read escape character"},
     {"EscapeBeyondAscii", R"(["like",[["field","name"],["value","a"],["escape","\u00e4"]]])", 400,
      "cannot read escape character"},
+    {"EscapeOfOneByteBeyondAscii", R"(["like",[["field","name"],["value","a"],["escape",{"base64":"5A=="}]]])", 400,
+     "cannot read escape character"},
     {"EscapeIsReadBeforeAFourthChild", R"(["like",[["field","name"],["value","a"],["escape","!!"],["value","b"]]])",
      400, "cannot read escape character"},
     {"BetweenWithTwoOperands", R"(["between",[["field","id"],["value","1"]]])", 400, incorrect},
