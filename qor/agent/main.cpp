@@ -152,7 +152,9 @@ void declareRetention(CLI::App& app, QORRetentionOptions& keep) {
 void declareOptions(CLI::App& app, Settings& settings) {
     app.set_version_flag("--version", QOR_VERSION);
     app.add_option("--database", settings.database,
-                   "ODBC connection string (default: " + defaultConnectionString() + ")");
+                   "SQLite's file, or an ODBC connection string (default: " +
+                       (defaultStateDirectory() / "agent.db").string() + ")")
+        ->transform(connectionStringOf);
     app.add_flag("--read-only", settings.readOnly, "write nothing; any database is read as it is");
     app.add_option("--socket", settings.socket, "where to listen (default: " + defaultSocketPath().string() + ")");
     app.add_option("--socket-group", settings.server.socketGroup, "the group whose members may connect")

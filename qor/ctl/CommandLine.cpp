@@ -13,6 +13,7 @@
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "filter/FilterCommand.h"
+#include "host/QORHostPaths.h"
 #include "host/QORNumberOption.h"
 #include "process/CtlError.h"
 #include "process/TiedValues.h"
@@ -108,7 +109,10 @@ private:
         app.add_option("--socket", m_connection.socket, "the agent's socket (default: this user's agent's)")
             ->group(group);
         app.add_flag("--standalone", m_connection.standalone, "no agent: answer in this process")->group(group);
-        app.add_option("--database", m_connection.database, "ODBC connection string, with --standalone")->group(group);
+        app.add_option("--database", m_connection.database,
+                       "SQLite's file, or an ODBC connection string, with --standalone")
+            ->transform(connectionStringOf)
+            ->group(group);
         if (!stores)
             app.add_flag("--read-only", m_connection.readOnly, "never write to the database, with --standalone")
                 ->group(group);

@@ -61,8 +61,19 @@ fs::path defaultStateDirectory() {
     return homeDirectory() / ".local" / "state" / "qor";
 }
 
+std::string sqliteConnectionString(const fs::path& file) {
+    const std::string name = file.string();
+    return "Driver=SQLite3;Database=" + (name.find(';') == std::string::npos ? name : "{" + name + "}");
+}
+
+std::string connectionStringOf(const std::string& database) {
+    const std::size_t equals = database.find('=');
+    const bool isPath = equals == std::string::npos || database.find('/') < equals;
+    return database.empty() || !isPath ? database : sqliteConnectionString(database);
+}
+
 std::string defaultConnectionString() {
-    return "Driver=SQLite3;Database=" + (defaultStateDirectory() / "agent.db").string();
+    return sqliteConnectionString(defaultStateDirectory() / "agent.db");
 }
 
 fs::path defaultSocketPath() {

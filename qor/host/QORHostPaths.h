@@ -21,7 +21,14 @@ std::filesystem::path defaultVocabularyFile();
 /// Where the database is kept: /var/lib/qor for root, else $XDG_STATE_HOME/qor or ~/.local/state/qor.
 std::filesystem::path defaultStateDirectory();
 
-/// `Driver=SQLite3;Database=<state directory>/agent.db`
+/// The connection to a file of SQLite's: `Driver=SQLite3;Database=<file>`
+std::string sqliteConnectionString(const std::filesystem::path& file);
+
+/// What somebody means who names a database: an ODBC connection string, `name=value;...`, is taken as it stands,
+/// anything else is the path of a file of SQLite's. "" stays "".
+std::string connectionStringOf(const std::string& database);
+
+/// The connection to `<state directory>/agent.db`.
 std::string defaultConnectionString();
 
 /// Where an agent of this user listens: /run/qor/agent.sock for root, else $XDG_RUNTIME_DIR/qor/agent.sock, or

@@ -12,6 +12,7 @@
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
 #include "host/QORHost.h"
+#include "host/QORHostPaths.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "selfcheck/QORSecurityCopies.h"
 #include "selfcheck/QORSecurityPagerRequests.h"
@@ -149,7 +150,7 @@ private:
 
     ASDatabaseOptions databaseOptions(const std::string& name) const {
         ASDatabaseOptions options;
-        options.connectionString = "Driver=SQLite3;Database=" + (m_folder.path() / name).string();
+        options.connectionString = sqliteConnectionString(m_folder.path() / name);
         options.readOnly = true;
         return options;
     }

@@ -218,10 +218,11 @@ TEST_F(SecurityCheck, TheCommandSaysWhatItTriedAndLeavesTheDatabaseAlone) {
 TEST_F(SecurityCheck, TheCommandNeedsADatabaseThatIsThere) {
     EXPECT_EQ(test::runCtl({"self-check", "security"}).status, 2);
     EXPECT_EQ(test::runCtl({"self-check", "security", "--requests", "0"}).status, 2);
-    const auto missing = test::runCtl({"self-check", "security", "--standalone", "--database",
-                                       "Driver=SQLite3;Database=" + (m_folder / "no.db").string()});
-    EXPECT_EQ(missing.status, 1);
+    const auto missing =
+        test::runCtl({"self-check", "security", "--standalone", "--database", (m_folder / "no.db").string()});
+    EXPECT_EQ(missing.status, 3);
     EXPECT_THAT(missing.err, HasSubstr("no.db"));
+    EXPECT_THAT(missing.err, HasSubstr("there is no such file"));
     EXPECT_FALSE(std::filesystem::exists(m_folder / "no.db"));
 }
 

@@ -23,8 +23,7 @@ std::unique_ptr<Backend> makeBackend(const ConnectionOptions& options, BackendUs
         return std::make_unique<AgentBackend>(options.socket);
     }
     if (options.database.empty())
-        throw CtlError::usage(
-            "--standalone needs a database, for example --database \"Driver=SQLite3;Database=./agent.db\"");
+        throw CtlError::usage("--standalone needs a database, for example --database ./agent.db");
     if (options.readOnly && use == BackendUse::Store)
         throw CtlError::usage("--read-only and a command that stores records exclude each other");
     return std::make_unique<StandaloneBackend>(options, use);

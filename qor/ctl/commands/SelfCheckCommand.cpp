@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "QORDBSchema/QORDBSchema.h"
+#include "backend/Backend.h"
 #include "commands/Commands.h"
 #include "output/Output.h"
 #include "selfcheck/QORSecurityCheck.h"
@@ -48,10 +49,13 @@ void print(const QORSecurityReport& report, FileOutput& out) {
 void runSelfCheckSecurity(const ConnectionOptions& connection, const SecurityCommandOptions& options) {
     if (!connection.standalone || connection.database.empty()) {
         throw CtlError::usage(
-            "self-check needs the database itself: --standalone --database \"Driver=SQLite3;Database=FILE\"; an agent "
-            "may "
-            "serve it meanwhile, it is only read");
+            "self-check needs the database itself: --standalone --database FILE; an agent may serve it meanwhile, it "
+            "is "
+            "only read");
     }
+    ConnectionOptions reading = connection;
+    reading.readOnly = true;
+    makeBackend(reading, BackendUse::Inspect);
     QORSecurityCheckOptions check;
     check.requests = options.requests;
     check.seed = options.seed;

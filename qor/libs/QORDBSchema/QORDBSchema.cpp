@@ -234,8 +234,8 @@ QORSchemaReport QORDBSchema::open(const ASDatabaseOptions& options, QORSchemaMod
 }
 
 QORSchemaReport QORDBSchema::openDatabase(const ASDatabaseOptions& options, QORSchemaMode mode) {
-    if (options.readOnly) return openReadOnly(options);
     const QORDatabaseFile file(options.connectionString);
+    if (options.readOnly) return openReadOnly(options);
     // Who only asks makes no database: where none is, a name was mistaken.
     const bool makes = mode == QORSchemaMode::Own;
     if (!makes && !file.exists()) refuseEmpty(databaseName(options.connectionString), false);

@@ -8,8 +8,10 @@
 #include <string_view>
 
 #include "QORCommon/QORAscii.h"
+#include "QORCommon/QORException.h"
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORText.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
 
 namespace QOR {
@@ -28,7 +30,14 @@ QORDatabaseFile::QORDatabaseFile(const std::string& connectionString) {
     const OdbcConnectionString parts(connectionString);
     const std::string database = parts.get("Database");
     const bool isFile = !database.empty() && database.front() != ':' && !database.starts_with("file:");
-    if (isFile && isSqlite(parts.get("Driver"))) m_path = database;
+    if (!isFile || !isSqlite(parts.get("Driver"))) return;
+    if (database.find(';') != std::string::npos) {
+        throw QORException(errFailure,
+                           "database " + quoteText(database, 1024) +
+                               ": the name of its file holds a semicolon, which no connection string can hold",
+                           "qor/libs/QORDBSchema/QORDatabaseFile", __LINE__);
+    }
+    m_path = database;
 }
 
 bool QORDatabaseFile::exists() const {

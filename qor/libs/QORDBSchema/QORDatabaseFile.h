@@ -10,6 +10,7 @@ namespace QOR {
 /// by a data source) has none, and every call does nothing.
 class QORDatabaseFile {
 public:
+    /// \throws QORException 1 for a name that the driver would cut at its semicolon
     explicit QORDatabaseFile(const std::string& connectionString);
 
     const std::string& path() const noexcept { return m_path; }

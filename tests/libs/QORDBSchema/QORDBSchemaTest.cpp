@@ -73,6 +73,22 @@ TEST(QORDBSchemaTest, AMissingOrEmptyDatabaseIsNotCreatedToAskIt) {
     EXPECT_EQ(std::filesystem::file_size(database.file()), 0U);
 }
 
+TEST(QORDBSchemaTest, AFileWhoseNameWouldBeCutIsRefused) {
+    const test::TemporaryDirectory folder;
+    ASDatabaseOptions options;
+    options.connectionString = "Driver=SQLite3;Database={" + (folder.path() / "a;b.db").string() + "}";
+    for (const bool readOnly : {false, true}) {
+        options.readOnly = readOnly;
+        try {
+            QORDBSchema::open(options, QORSchemaMode::Own);
+            ADD_FAILURE() << "opened";
+        } catch (const QORException& error) {
+            EXPECT_THAT(error.what(), testing::HasSubstr("a;b.db\": the name of its file holds a semicolon"));
+        }
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+}
+
 TEST(QORDBSchemaTest, FilesOfTheDatabaseAreForTheirUserAlone) {
     const auto modeOf = [](const std::filesystem::path& file) {
         return static_cast<unsigned>(std::filesystem::status(file).permissions());
