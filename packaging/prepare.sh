@@ -6,10 +6,13 @@ packages=(
     unixodbc-dev unixodbc libsqliteodbc libsqlite3-dev       # the database
     libboost-dev libpugixml-dev rapidjson-dev                # messages and HTTP
     libspdlog-dev libfmt-dev libcli11-dev libssl-dev zlib1g-dev
-    libgtest-dev libgmock-dev libbenchmark-dev               # tests and benchmarks
+    libgtest-dev libgmock-dev libbenchmark-dev libpq-dev     # tests and benchmarks
     python3 curl sqlite3 patch               # checks, and what the documents' examples call
     ca-certificates git
 )
+
+# What the tests run beside the program.
+test_packages=(postgresql-15 odbc-postgresql)
 
 say() {
     if [ -t 2 ]; then printf '\033[1m==> %s\033[0m\n' "$*" >&2; else printf '==> %s\n' "$*" >&2; fi

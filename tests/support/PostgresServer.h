@@ -1,0 +1,92 @@
+/// \file
+/// A PostgreSQL server of a test program's own, and the engine's own connections to prepare its databases and to
+/// compare with.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace QOR::test {
+
+/// One connection through the engine's own library, without a driver. Used by one thread at a time.
+class PostgresConnection {
+public:
+    /// \param conninfo in the library's form \throws std::runtime_error with its reason
+    explicit PostgresConnection(const std::string& conninfo);
+    ~PostgresConnection();
+    PostgresConnection(const PostgresConnection&) = delete;
+    PostgresConnection& operator=(const PostgresConnection&) = delete;
+
+    /// Runs statements. \throws std::runtime_error when one is not taken
+    void run(const std::string& sql);
+    /// Rows of a select as texts, nulls as "(null)". \throws std::runtime_error
+    std::vector<std::vector<std::string>> rows(const std::string& sql);
+    /// The only cell of a select of one row.
+    std::string cell(const std::string& sql) { return rows(sql).at(0).at(0); }
+
+private:
+    void* m_connection;
+};
+
+/// Listens on a socket in a temporary folder of its own and nowhere else, as an unprivileged user where the test runs
+/// as root. It promises nothing about power cuts. Its databases order and fold texts by the rules of a language, so
+/// that what has to go by bytes does so because it was told to. It ends, and its folder goes, with the process that
+/// started it, however that ends.
+class PostgresServer {
+public:
+    /// The program's one server, started at the first call. Tests that stop it start it again.
+    static PostgresServer& shared();
+
+    PostgresServer();
+    ~PostgresServer();
+    PostgresServer(const PostgresServer&) = delete;
+    PostgresServer& operator=(const PostgresServer&) = delete;
+
+    /// Makes a database and \returns its name. Without tables.
+    std::string createDatabase();
+    /// Drops it, with whoever is connected.
+    void dropDatabase(const std::string& name);
+    /// What a driver is told to get to a database.
+    std::string connectionString(const std::string& database) const;
+    /// The same for the engine's own library.
+    std::string conninfo(const std::string& database) const;
+
+    /// Ends the server as a crash does: nobody is told.
+    void crash() { tell("crash"); }
+    /// Starts it again, and waits until it takes connections.
+    void start() { tell("start"); }
+    /// Who looks after the server: when that process's input ends, it stops the server and removes the folder.
+    pid_t keeper() const noexcept { return m_keeper; }
+    const std::string& folder() const noexcept { return m_folder; }
+
+private:
+    void tell(const std::string& command);
+    void waitFor(const std::string& answer);
+
+    std::string m_folder;
+    pid_t m_keeper = -1;
+    int m_commands = -1;
+    int m_answers = -1;
+    unsigned m_databases = 0;
+};
+
+/// A database for one test.
+class PostgresDatabase {
+public:
+    PostgresDatabase() : m_name(PostgresServer::shared().createDatabase()) {}
+    ~PostgresDatabase();
+    PostgresDatabase(const PostgresDatabase&) = delete;
+    PostgresDatabase& operator=(const PostgresDatabase&) = delete;
+
+    const std::string& name() const noexcept { return m_name; }
+    std::string connectionString() const { return PostgresServer::shared().connectionString(m_name); }
+    /// The engine's own connection to it.
+    PostgresConnection connect() const { return PostgresConnection(PostgresServer::shared().conninfo(m_name)); }
+
+private:
+    std::string m_name;
+};
+
+}  // namespace QOR::test
