@@ -15,6 +15,7 @@
 #include "support/Figures.h"
 #include "support/HttpClient.h"
 #include "support/LargeView.h"
+#include "support/LongTexts.h"
 #include "support/ResidentMemory.h"
 
 namespace {
@@ -30,19 +31,6 @@ constexpr const char* rowsRequest =
 constexpr const char* pageRequest =
     R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vMany"],[1741,"id"],[1741,"name"],)"
     R"([1377,[[1024,"20"]]]]]})";
-
-std::string repeated(std::string_view part, std::size_t bytes) {
-    std::string text;
-    text.reserve(bytes + part.size());
-    while (text.size() < bytes)
-        text += part;
-    return text;
-}
-
-std::string filterRequest(std::size_t bytes) {
-    return R"({"operator":"pager","request":"select","body":[1740,[[1741,"pager.op_log.op"],[1742,")" +
-           repeated("pager.op_log.status = 1 or ", bytes) + R"(pager.op_log.status = 2"]]]})";
-}
 
 struct Sizes {
     int rows;

@@ -6,14 +6,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
+#include <numeric>
 #include <string>
 #include <vector>
 
 #include "QORDBSchema/QORDBSchema.h"
-#include "QORLibAgent/QORSecurity.h"
 #include "ingest/QORIngest.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "support/ClientContexts.h"
 #include "support/Figures.h"
 
 namespace QOR::bench {
@@ -22,13 +22,8 @@ inline constexpr std::int64_t firstSecond = 1600000000;
 inline constexpr std::int64_t year = 365 * 86400;
 inline constexpr unsigned environments = 100;
 
-inline QOREID eidOf(std::uint64_t number) {
-    std::string digits = std::to_string(number);
-    digits.insert(0, 12 - std::min<std::size_t>(digits.size(), 12), '0');
-    QOREID eid;
-    eid.fromString("6ba7b810-9dad-11d1-80b4-" + digits);
-    return eid;
-}
+using test::eidOf;
+using test::fullAccess;
 
 /// Environments run on a few hosts, which some of their operations touch too.
 inline QOREID hostOf(std::uint64_t environment) {
@@ -76,20 +71,11 @@ inline void openEmpty(const std::filesystem::path& file) {
     QORDBSchema::open(optionsOf(file), QORSchemaMode::Own);
 }
 
-inline QORClientContextPtr fullAccess() {
-    auto context = std::make_shared<QORClientContext>();
-    context->fullAccess = true;
-    return context;
-}
-
 /// A client whose identities stand for environments from 0 on.
 inline QORClientContextPtr accessTo(unsigned count) {
-    QORToken::SidSet sids;
-    for (unsigned number = 0; number < count; ++number)
-        sids.insert(std::make_shared<QORLocalSID>(0, 1, eidOf(number)));
-    auto context = std::make_shared<QORClientContext>();
-    context->token = std::make_shared<QORToken>(nullptr, std::move(sids));
-    return context;
+    std::vector<unsigned> numbers(count);
+    std::iota(numbers.begin(), numbers.end(), 0U);
+    return test::accessTo(numbers);
 }
 
 }  // namespace QOR::bench

@@ -3,14 +3,10 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-#include "QORFunctionality/QOROpFactory.h"
-#include "QORLibAgent/QORSecurity.h"
-#include "QORMessage/QORBinaryIterator.h"
-#include "QORMessage/QORNotation.h"
+#include "support/OperatorClient.h"
 
 namespace QOR::bench {
 
@@ -19,22 +15,12 @@ public:
     /// \param requests select elements in message notation
     Pager2Client(QORClientContextPtr context, const std::vector<std::string>& requests)
         : m_requests(requests.size()), m_context(std::move(context)) {
-        const auto factory = QOROpFactoryRegistry::instance().find("pager2");
-        m_accesser = factory->newAccesser(factory->newOperator());
         for (std::size_t index = 0; index < requests.size(); ++index)
             readElement(requests[index], m_requests[index]);
     }
 
-    /// The answer's tree takes the place of the one before, whose memory is kept, as a host does between requests.
-    const QORMessage& ask(std::size_t request) {
-        const QORClientContextScope scope(m_context);
-        m_response.clear();
-        QORBinaryIterator in = m_requests[request].root();
-        in.firstChild();
-        QORBinaryIterator out = m_response.root();
-        m_accesser->request("select", &in, &out);
-        return m_response;
-    }
+    /// The answer's tree takes the place of the one before.
+    const QORMessage& ask(std::size_t request) { return m_client.answerTo(m_requests[request], m_context); }
 
     /// The same in message notation.
     std::string answer(std::size_t request) {
@@ -46,8 +32,7 @@ public:
 private:
     std::vector<QORMessage> m_requests;
     QORClientContextPtr m_context;
-    QORPtr<QORAccesserPrototype> m_accesser;
-    QORMessage m_response;
+    test::OperatorClient m_client{"pager2"};
 };
 
 }  // namespace QOR::bench

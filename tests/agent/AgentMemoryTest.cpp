@@ -12,6 +12,7 @@
 #include "support/AgentProcess.h"
 #include "support/HttpClient.h"
 #include "support/LargeView.h"
+#include "support/LongTexts.h"
 #include "support/ResidentMemory.h"
 
 namespace QOR {
@@ -20,7 +21,9 @@ namespace {
 using namespace std::chrono_literals;
 using test::AgentProcess;
 using test::AgentSettings;
+using test::filterRequest;
 using test::HttpClient;
+using test::repeatedToBytes;
 using testing::HasSubstr;
 
 constexpr std::size_t mebi = std::size_t{1} << 20;
@@ -31,23 +34,9 @@ AgentSettings settings(std::vector<std::string> more) {
     return settings;
 }
 
-std::string repeated(std::string_view part, std::size_t bytes) {
-    std::string text;
-    text.reserve(bytes + part.size());
-    while (text.size() < bytes)
-        text += part;
-    return text;
-}
-
-/// Asks for a filter of that many bytes.
-std::string filter(std::size_t bytes) {
-    return R"({"operator":"pager","request":"select","body":[1740,[[1741,"pager.op_log.op"],[1742,")" +
-           repeated("pager.op_log.status = 1 or ", bytes) + R"(pager.op_log.status = 2"]]]})";
-}
-
 /// A request of many elements, none of which means anything.
 std::string elements(std::size_t bytes) {
-    return R"({"operator":"pager2","request":"select","body":[1740,[[1])" + repeated(",[1]", bytes) + "]]}";
+    return R"({"operator":"pager2","request":"select","body":[1740,[[1])" + repeatedToBytes(",[1]", bytes) + "]]}";
 }
 
 std::string messageOf(const std::string& answer) {
@@ -58,9 +47,9 @@ std::string messageOf(const std::string& answer) {
 TEST(AgentMemory, AFilterBeyondTheMemoryOfARequestIsRefusedByName) {
     const AgentProcess agent(settings({"--request-memory", "16777216"}));
     HttpClient client(agent.socketPath());
-    EXPECT_EQ(messageOf(client.message(filter(2 * mebi))),
+    EXPECT_EQ(messageOf(client.message(filterRequest(2 * mebi))),
               "the filter does not fit into memory: one request (--request-memory) may hold 16 MiB");
-    EXPECT_EQ(messageOf(client.message(filter(1000))), "no error") << "the next one is";
+    EXPECT_EQ(messageOf(client.message(filterRequest(1000))), "no error") << "the next one is";
 }
 
 TEST(AgentMemory, AMessageBeyondTheMemoryOfARequestIsRefusedByName) {
@@ -100,8 +89,8 @@ TEST(AgentMemory, WhatAStormHasUsedIsGivenBack) {
             std::launch::async, [&agent, request, target] { HttpClient(agent.socketPath()).post(target, request); }));
     };
     for (int number = 0; number < 2; ++number) {
-        ask(filter(16 * mebi));
-        ask(filter(mebi));
+        ask(filterRequest(16 * mebi));
+        ask(filterRequest(mebi));
         ask(elements(8 * mebi));
         ask(elements(2 * mebi));
         ask(rows);

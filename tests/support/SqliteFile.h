@@ -42,7 +42,7 @@ public:
         if (!tries(sql)) throw std::runtime_error(m_complaint + " in " + sql);
     }
 
-    /// Rows of a select as texts, nulls as "(null)".
+    /// Rows of a select as texts, nulls as "<null>".
     std::vector<std::vector<std::string>> rows(const std::string& sql) {
         sqlite3_stmt* statement = nullptr;
         if (sqlite3_prepare_v2(m_database, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
@@ -54,7 +54,8 @@ public:
             std::vector<std::string>& row = all.emplace_back();
             for (int column = 0; column < sqlite3_column_count(statement); ++column) {
                 const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
-                row.emplace_back(text != nullptr ? text : "(null)");
+                const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
+                row.push_back(text != nullptr ? std::string(text, size) : "<null>");
             }
         }
         sqlite3_finalize(statement);

@@ -11,10 +11,13 @@
 
 #include "QORMessage/QORMessage.h"
 #include "QORMessage/QORNotation.h"
+#include "support/LongTexts.h"
 #include "where/WhereError.h"
 
 namespace QOR {
 namespace {
+
+using test::repeated;
 
 constexpr std::size_t levels = 62;
 
@@ -232,29 +235,22 @@ const Case mistakes[] = {
 };
 INSTANTIATE_TEST_SUITE_P(WhereParser, Mistake, testing::ValuesIn(mistakes));
 
-std::string repeat(std::string_view text, std::size_t times) {
-    std::string out;
-    for (std::size_t at = 0; at < times; ++at)
-        out += text;
-    return out;
-}
-
 TEST(WhereParser, LongChainsStayFlat) {
-    const std::string tree = parsed("a=0" + repeat(" and a=1", 100'000));
+    const std::string tree = parsed("a=0" + repeated(" and a=1", 100'000));
     EXPECT_TRUE(tree.starts_with("(and (eq a '0') (eq a '1') (eq a '1')"));
     EXPECT_EQ(tree.size(), std::string("(and (eq a '0'))").size() + 100'000 * std::string(" (eq a '1')").size());
 }
 
 TEST(WhereParser, ChainsThatLeanRightStayFlat) {
-    const std::string tree = parsed(repeat("a=1 or (", 50'000) + "a=2" + repeat(")", 50'000));
+    const std::string tree = parsed(repeated("a=1 or (", 50'000) + "a=2" + repeated(")", 50'000));
     EXPECT_TRUE(tree.starts_with("(or (eq a '1') (eq a '1')"));
     EXPECT_TRUE(tree.ends_with(" (eq a '1') (eq a '2'))"));
 }
 
 TEST(WhereParser, ParenthesesAndNotsCostNoDepth) {
-    EXPECT_EQ(parsed(repeat("(", 100'000) + "a = 1" + repeat(")", 100'000)), "(eq a '1')");
-    EXPECT_EQ(parsed("a = " + repeat("(", 100'000) + "1" + repeat(")", 100'000)), "(eq a '1')");
-    EXPECT_EQ(parsed(repeat("not ", 100'000) + "a = 1"), "(eq a '1')");
+    EXPECT_EQ(parsed(repeated("(", 100'000) + "a = 1" + repeated(")", 100'000)), "(eq a '1')");
+    EXPECT_EQ(parsed("a = " + repeated("(", 100'000) + "1" + repeated(")", 100'000)), "(eq a '1')");
+    EXPECT_EQ(parsed(repeated("not ", 100'000) + "a = 1"), "(eq a '1')");
 }
 
 /// `a=1 and (a=1 or (a=1 and ... a=1))`, which takes an element a level.
@@ -262,7 +258,7 @@ std::string alternation(std::size_t depth) {
     std::string text;
     for (std::size_t at = 0; at < depth; ++at)
         text += at % 2 == 0 ? "a=1 and (" : "a=1 or (";
-    return text + "a=1" + repeat(")", depth);
+    return text + "a=1" + repeated(")", depth);
 }
 
 TEST(WhereParser, DepthEndsWhereMessagesEnd) {
@@ -274,12 +270,12 @@ TEST(WhereParser, DepthEndsWhereMessagesEnd) {
 
 TEST(WhereParser, FunctionsAndSelectsCountAgainstDepth) {
     EXPECT_TRUE(
-        parsed(repeat("upper(", 1000) + "a" + repeat(")", 1000) + " = 1").ends_with("a request takes 62 levels"));
-    EXPECT_TRUE(parsed(repeat("a in (select a from w where ", 20) + "a=1" + repeat(")", 20)).starts_with("(in a "));
-    EXPECT_TRUE(parsed(repeat("a in (select a from w where ", 21) + "a=1" + repeat(")", 21))
+        parsed(repeated("upper(", 1000) + "a" + repeated(")", 1000) + " = 1").ends_with("a request takes 62 levels"));
+    EXPECT_TRUE(parsed(repeated("a in (select a from w where ", 20) + "a=1" + repeated(")", 20)).starts_with("(in a "));
+    EXPECT_TRUE(parsed(repeated("a in (select a from w where ", 21) + "a=1" + repeated(")", 21))
                     .ends_with("a request takes 62 levels"));
     EXPECT_TRUE(
-        parsed(repeat("a in (select a from w where ", 100'000)).ends_with("selects are nested too deeply here"));
+        parsed(repeated("a in (select a from w where ", 100'000)).ends_with("selects are nested too deeply here"));
 }
 
 /// Makes conditions at random: the text, as a person might write it, and the tree that it must become.
@@ -535,7 +531,7 @@ TEST(WhereError, OfSeveralLinesOnlyThatOfThePlaceIsShown) {
 }
 
 TEST(WhereError, LongLinesAreCutAroundThePlace) {
-    const std::string text = repeat("a = 1 and ", 20) + "b = )" + repeat(" and c = 1", 20);
+    const std::string text = repeated("a = 1 and ", 20) + "b = )" + repeated(" and c = 1", 20);
     EXPECT_EQ(shown(text, 40),
               "expected a column or a value, found \")\" at character 205\n"
               "  ...d a = 1 and b = ) and c = 1 and ...\n"

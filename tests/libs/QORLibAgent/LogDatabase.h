@@ -1,5 +1,5 @@
 /// \file
-/// A database of the host's own for each test, filled through the host's intake, and clients of different rights.
+/// A database of the host's own for each test, filled through the host's intake.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -16,32 +16,10 @@
 #include "QORLibAgent/QORSecurity.h"
 #include "ingest/QORIngest.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "support/ClientContexts.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QOR::test {
-
-inline QOREID eidOf(unsigned number) {
-    QOREID eid;
-    char text[40];
-    std::snprintf(text, sizeof text, "6ba7b810-9dad-11d1-80b4-%012u", number);
-    eid.fromString(text);
-    return eid;
-}
-
-/// A client with full access, or one whose identities stand for some environments.
-inline QORClientContextPtr fullAccess() {
-    auto context = std::make_shared<QORClientContext>();
-    context->fullAccess = true;
-    return context;
-}
-inline QORClientContextPtr accessTo(const std::vector<unsigned>& environments) {
-    QORToken::SidSet sids;
-    for (const unsigned number : environments)
-        sids.insert(std::make_shared<QORLocalSID>(0, 1, eidOf(number)));
-    auto context = std::make_shared<QORClientContext>();
-    context->token = std::make_shared<QORToken>(nullptr, std::move(sids));
-    return context;
-}
 
 class LogDatabaseTest : public ::testing::Test {
 protected:

@@ -9,6 +9,7 @@
 #include "QORMessage/QORNotation.h"
 #include "QORMessage/QORXml.h"
 #include "Trees.h"
+#include "support/LongTexts.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ using QOR::QORMessage;
 using QOR::readRequest;
 using QOR::readResponse;
 using QOR::readXml;
+using QOR::test::repeated;
 using QOR::test::treeOf;
 
 constexpr const char* request =
@@ -27,25 +29,18 @@ constexpr const char* xml =
     "<?xml version=\"1.0\"?><select><!-- c --><view>a&amp;b&#x41;</view><tag id=\"5\" encoding=\"base64\">AA==</tag>"
     "<field><![CDATA[<>]]></field></select>";
 
-std::string repeat(std::string_view text, std::size_t count) {
-    std::string out;
-    for (std::size_t i = 0; i < count; ++i)
-        out += text;
-    return out;
-}
-
 TEST(Hostile, NestedBracketsAreRefusedAtTheDepthLimit) {
     constexpr std::size_t count = 100000;
-    for (const std::string& text :
-         {repeat("[", count), repeat("[1,", count), repeat("[1,[", count), repeat("[1,[", count) + repeat("]]", count),
-          repeat("{", count), repeat("{\"body\":", count), "{\"body\":" + repeat("[1,[", count),
-          "{\"client\":" + repeat("[", count), "{\"response\":" + repeat("[", count)}) {
+    for (const std::string& text : {repeated("[", count), repeated("[1,", count), repeated("[1,[", count),
+                                    repeated("[1,[", count) + repeated("]]", count), repeated("{", count),
+                                    repeated("{\"body\":", count), "{\"body\":" + repeated("[1,[", count),
+                                    "{\"client\":" + repeated("[", count), "{\"response\":" + repeated("[", count)}) {
         EXPECT_THROW(treeOf(text), QORException);
         EXPECT_THROW(readRequest(text), QORException);
         EXPECT_THROW(readResponse(text), QORException);
     }
     try {
-        treeOf(repeat("[1,[", count));
+        treeOf(repeated("[1,[", count));
     } catch (const QORException& error) {
         EXPECT_EQ(error.message(), "invalid message at byte 257: elements are nested deeper than 64 levels");
     }
@@ -54,7 +49,7 @@ TEST(Hostile, NestedBracketsAreRefusedAtTheDepthLimit) {
 TEST(Hostile, NestedElementsOfXmlAreRefusedAtTheDepthLimit) {
     constexpr std::size_t count = 100000;
     for (const std::string& text :
-         {repeat("<row>", count), repeat("<row>", count) + repeat("</row>", count), repeat("<", count)}) {
+         {repeated("<row>", count), repeated("<row>", count) + repeated("</row>", count), repeated("<", count)}) {
         QORMessage message;
         EXPECT_THROW(readXml(text, message), QORException);
         EXPECT_TRUE(message.empty());
@@ -64,10 +59,10 @@ TEST(Hostile, NestedElementsOfXmlAreRefusedAtTheDepthLimit) {
 TEST(Hostile, ManyElementsAreRefusedAtTheLimit) {
     QOR::QORMessageLimits limits;
     limits.nodes = 1000;
-    const std::string rows = repeat(",[1739]", 100000);
+    const std::string rows = repeated(",[1739]", 100000);
     QORMessage message(limits);
     EXPECT_THROW(readElement("[1744,[[1739]" + rows + "]]", message), QORException);
-    EXPECT_THROW(readXml("<row_set>" + repeat("<row/>", 100000) + "</row_set>", message), QORException);
+    EXPECT_THROW(readXml("<row_set>" + repeated("<row/>", 100000) + "</row_set>", message), QORException);
     EXPECT_TRUE(message.empty());
 }
 

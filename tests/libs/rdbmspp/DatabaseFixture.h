@@ -91,9 +91,9 @@ inline Column column(const ASDomainPtr& domain, const std::string& name, ASType 
     return made;
 }
 
-/// A cell as text; "(null)" for null.
+/// A cell as text; "<null>" for null.
 inline std::string cell(const ASData& data) {
-    return data.isNull() ? "(null)" : data.Str();
+    return data.isNull() ? "<null>" : data.Str();
 }
 
 /// All rows of one column, or of an aggregate.

@@ -4,20 +4,13 @@
 #include <string>
 
 #include "plugins/QORPager/Evaluations.h"
+#include "support/LongTexts.h"
 
 namespace QOR::test {
 namespace {
 
 constexpr std::size_t many = 100000;
 constexpr std::size_t megabyte = std::size_t{1} << 20U;
-
-std::string repeat(std::size_t count, std::string_view text) {
-    std::string out;
-    out.reserve(count * text.size());
-    for (std::size_t i = 0; i < count; ++i)
-        out += text;
-    return out;
-}
 
 struct Results {
     Outcome postfix;
@@ -43,75 +36,75 @@ Results readAll(const std::string& text) {
 }
 
 TEST(HostileTexts, DeepBrackets) {
-    const Results closed = readAll(repeat(many, "(") + "a" + repeat(many, ")"));
+    const Results closed = readAll(repeated("(", many) + "a" + repeated(")", many));
     EXPECT_EQ(closed.postfix, value("1"));
     EXPECT_EQ(closed.infix, "a");
-    EXPECT_EQ(readAll(repeat(megabyte, "(")).postfix, failure(etUnexpectedLeftBracket));
-    EXPECT_EQ(readAll(repeat(many, "(") + "a" + repeat(many + 1, ")")).postfix, failure(etUnexpectedRightBracket));
+    EXPECT_EQ(readAll(repeated("(", megabyte)).postfix, failure(etUnexpectedLeftBracket));
+    EXPECT_EQ(readAll(repeated("(", many) + "a" + repeated(")", many + 1)).postfix, failure(etUnexpectedRightBracket));
 }
 
 TEST(HostileTexts, DeepTreesToTheLeftAndToTheRight) {
-    const Results left = readAll("sp = 1" + repeat(many, " and a = 1"));
+    const Results left = readAll("sp = 1" + repeated(" and a = 1", many));
     EXPECT_EQ(left.postfix, value("true"));
     EXPECT_EQ(left.byMethods, value("true"));
     EXPECT_EQ(left.special, value("true"));
-    const Results right = readAll("sp = 1" + repeat(many, " and (a = 1") + repeat(many, ")"));
+    const Results right = readAll("sp = 1" + repeated(" and (a = 1", many) + repeated(")", many));
     EXPECT_EQ(right.postfix, value("true"));
     EXPECT_EQ(right.byMethods, value("true"));
     EXPECT_EQ(right.special, value("true"));
 }
 
 TEST(HostileTexts, DeepPrefixes) {
-    const Results nots = readAll(repeat(many, "not (") + "sp = 1" + repeat(many, ")"));
+    const Results nots = readAll(repeated("not (", many) + "sp = 1" + repeated(")", many));
     EXPECT_EQ(nots.postfix, value("true"));
     EXPECT_EQ(nots.special, value("true"));
-    const Results minuses = readAll(repeat(many + 1, "-(") + "sp" + repeat(many + 1, ")"));
+    const Results minuses = readAll(repeated("-(", many + 1) + "sp" + repeated(")", many + 1));
     EXPECT_EQ(minuses.postfix, value("-1"));
     EXPECT_EQ(minuses.byMethods, value("-1"));
     EXPECT_EQ(minuses.special, value("-1"));
-    const Results functions = readAll(repeat(many, "upper(lower(") + "sq" + repeat(many, "))"));
+    const Results functions = readAll(repeated("upper(lower(", many) + "sq" + repeated("))", many));
     EXPECT_EQ(functions.postfix, value("ABC"));
     EXPECT_EQ(functions.special, value("ABC"));
-    EXPECT_EQ(readAll(repeat(many, "not ") + "flag").special, failure(etOperatorExpected));
-    EXPECT_EQ(readAll(repeat(many, "- ") + "a").postfix, failure(etEvaluation));
+    EXPECT_EQ(readAll(repeated("not ", many) + "flag").special, failure(etOperatorExpected));
+    EXPECT_EQ(readAll(repeated("- ", many) + "a").postfix, failure(etEvaluation));
 }
 
 TEST(HostileTexts, MixedPartsNestedDeeply) {
-    const Results results = readAll(repeat(many / 2, "not (sp = 1 and a = 1 or ") + "flag" + repeat(many / 2, ")"));
+    const Results results = readAll(repeated("not (sp = 1 and a = 1 or ", many / 2) + "flag" + repeated(")", many / 2));
     EXPECT_FALSE(results.postfix.threw);
     EXPECT_EQ(results.postfix, results.byMethods);
     EXPECT_EQ(results.special.code, etNoErrors);
 }
 
 TEST(HostileTexts, ConcatenationsLeaningEitherWay) {
-    const Results left = readAll("'abcde'" + repeat(many, "+'abcde'"));
-    EXPECT_EQ(left.postfix.text, repeat(many + 1, "abcde"));
-    const std::string right = repeat(many, "'ab'+(") + "'z'" + repeat(many, ")");
-    EXPECT_EQ(makeEvaluator(right)->toString(), repeat(many, "ab") + "z");
-    const std::string cases = repeat(many / 2, "upper('ab'+lower('Cd'+") + "'z'" + repeat(many / 2, "))");
-    EXPECT_EQ(makeEvaluator(cases)->toString(), repeat(many / 2, "ABCD") + "Z");
-    const std::string inner = repeat(many / 2, "'ab'+upper('Cd'+") + "'z'" + repeat(many / 2, ")");
-    EXPECT_EQ(makeEvaluator(inner)->toString(), "ab" + repeat(many / 2 - 1, "CDAB") + "CDZ");
+    const Results left = readAll("'abcde'" + repeated("+'abcde'", many));
+    EXPECT_EQ(left.postfix.text, repeated("abcde", many + 1));
+    const std::string right = repeated("'ab'+(", many) + "'z'" + repeated(")", many);
+    EXPECT_EQ(makeEvaluator(right)->toString(), repeated("ab", many) + "z");
+    const std::string cases = repeated("upper('ab'+lower('Cd'+", many / 2) + "'z'" + repeated("))", many / 2);
+    EXPECT_EQ(makeEvaluator(cases)->toString(), repeated("ABCD", many / 2) + "Z");
+    const std::string inner = repeated("'ab'+upper('Cd'+", many / 2) + "'z'" + repeated(")", many / 2);
+    EXPECT_EQ(makeEvaluator(inner)->toString(), "ab" + repeated("CDAB", many / 2 - 1) + "CDZ");
 }
 
 TEST(HostileTexts, UnterminatedEverything) {
     for (const std::string text : {"'", "\"", "(", "upper(", "a = '", "a and", "not", "-", "a in", "pager.env.eid in (",
                                    "pager.env.eid in (unit '", "upper(upper(", "a <", "a !", ",", "upper(a,"}) {
         EXPECT_EQ(readAll(text).postfix.text, "Error") << text;
-        EXPECT_EQ(readAll(repeat(1001, text)).postfix.text, "Error") << text;
+        EXPECT_EQ(readAll(repeated(text, 1001)).postfix.text, "Error") << text;
     }
-    EXPECT_EQ(readAll("'" + repeat(megabyte, "x")).postfix, failure(etUnterminatedString));
-    EXPECT_EQ(readAll("'" + repeat(megabyte, "''")).postfix, failure(etUnterminatedString));
+    EXPECT_EQ(readAll("'" + repeated("x", megabyte)).postfix, failure(etUnterminatedString));
+    EXPECT_EQ(readAll("'" + repeated("''", megabyte)).postfix, failure(etUnterminatedString));
 }
 
 TEST(HostileTexts, LongTokens) {
-    EXPECT_EQ(readAll(repeat(megabyte, "9")).postfix, value("-1"));
-    EXPECT_EQ(readAll(repeat(megabyte, "x")).postfix, failure(etUndeclaredIdentifier));
-    EXPECT_EQ(readAll(repeat(megabyte, "x") + "(1)").postfix, failure(etUnknownFunction));
-    EXPECT_EQ(readAll(repeat(megabyte, " ") + "a").postfix, value("1"));
-    EXPECT_EQ(readAll(repeat(megabyte, "#")).postfix, failure(etUnknownSymbol));
-    const std::string as = repeat(megabyte / 2, "a");
-    EXPECT_EQ(readAll("'" + as + "' like '%" + repeat(megabyte / 4, "a") + "b%'").postfix, value("false"));
+    EXPECT_EQ(readAll(repeated("9", megabyte)).postfix, value("-1"));
+    EXPECT_EQ(readAll(repeated("x", megabyte)).postfix, failure(etUndeclaredIdentifier));
+    EXPECT_EQ(readAll(repeated("x", megabyte) + "(1)").postfix, failure(etUnknownFunction));
+    EXPECT_EQ(readAll(repeated(" ", megabyte) + "a").postfix, value("1"));
+    EXPECT_EQ(readAll(repeated("#", megabyte)).postfix, failure(etUnknownSymbol));
+    const std::string as = repeated("a", megabyte / 2);
+    EXPECT_EQ(readAll("'" + as + "' like '%" + repeated("a", megabyte / 4) + "b%'").postfix, value("false"));
 }
 
 TEST(HostileTexts, EveryByteAlone) {

@@ -91,7 +91,7 @@ TEST_F(SqliteLikeTest, WhatCannotBeComparedIsSaid) {
     EXPECT_EQ(Engine(":memory:")
                   .rows("SELECT NULL LIKE 'a', 'a' LIKE NULL, 'a' LIKE 'a' ESCAPE NULL, 12 LIKE '1_', "
                         "x'61' LIKE 'a'"),
-              (std::vector<std::vector<std::string>>{{"(null)", "(null)", "(null)", "1", "0"}}));
+              (std::vector<std::vector<std::string>>{{"<null>", "<null>", "<null>", "1", "0"}}));
 }
 
 TEST_F(SqliteLikeTest, OneComparisonEndsWithItsRequest) {

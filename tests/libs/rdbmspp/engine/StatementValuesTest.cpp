@@ -164,11 +164,11 @@ TEST_F(StatementValuesTest, ParametersOfTheLastTransactionAreForgotten) {
     }
     EXPECT_THAT(Engine(path()).rows("SELECT typeof(v), length(v), typeof(w), length(w) FROM t ORDER BY i"),
                 ::testing::ElementsAre(std::vector<std::string>{"blob", "8", "text", "8"},
-                                       std::vector<std::string>{"null", "(null)", "null", "(null)"},
+                                       std::vector<std::string>{"null", "<null>", "null", "<null>"},
                                        std::vector<std::string>{"blob", "70000", "text", "70000"},
-                                       std::vector<std::string>{"null", "(null)", "null", "(null)"},
+                                       std::vector<std::string>{"null", "<null>", "null", "<null>"},
                                        std::vector<std::string>{"blob", "8", "text", "8"},
-                                       std::vector<std::string>{"null", "(null)", "null", "(null)"}));
+                                       std::vector<std::string>{"null", "<null>", "null", "<null>"}));
 }
 
 TEST_F(StatementValuesTest, TextWithNulByteIsRefusedAsItWouldBeReadCut) {
@@ -186,8 +186,8 @@ protected:
         auto all = lengths();
         random.shuffle(all);
         for (std::size_t row = 0; row < all.size(); ++row) {
-            texts.push_back(row % 7 == 3 ? "(null)" : random.text(all[row]));
-            bytes.push_back(row % 5 == 2 ? "(null)" : random.bytes(all[all.size() - 1 - row]));
+            texts.push_back(row % 7 == 3 ? "<null>" : random.text(all[row]));
+            bytes.push_back(row % 5 == 2 ? "<null>" : random.bytes(all[all.size() - 1 - row]));
         }
         open("CREATE TABLE t (i INT, s NVARCHAR, b IMAGE); CREATE VIEW v AS SELECT i, s, b FROM t");
         QORRdbmsTran transaction(ASAccess::Write);
@@ -216,8 +216,8 @@ TEST_F(ReadingTest, HostStatementReadsEveryValueWhole) {
         query.execute();
         std::vector<std::string> readTexts, readBytes;
         while (query.fetch()) {
-            readTexts.emplace_back(query.isNull(1) ? "(null)" : query.text(1));
-            readBytes.emplace_back(query.isNull(2) ? "(null)" : query.bytes(2));
+            readTexts.emplace_back(query.isNull(1) ? "<null>" : query.text(1));
+            readBytes.emplace_back(query.isNull(2) ? "<null>" : query.bytes(2));
         }
         EXPECT_EQ(readTexts, texts);
         EXPECT_EQ(readBytes, bytes);

@@ -4,6 +4,7 @@
 #include <random>
 
 #include "libs/rdbmspp/DatabaseFixture.h"
+#include "support/LongTexts.h"
 
 namespace QOR::test {
 namespace {
@@ -37,16 +38,9 @@ TEST_P(ASCursorValue, ComesOutAsItIs) {
     const auto v = domainOf("v");
     const Column value = column(v, "c", c.type);
     const ASOrder byKey(column(v, "k", ASType::Int).attribute);
-    const auto expected = ElementsAre(c.text, "(null)", c.text);
+    const auto expected = ElementsAre(c.text, "<null>", c.text);
     EXPECT_THAT(select(value.attribute, {}, {byKey}), expected) << "all rows";
     EXPECT_THAT(select(value.attribute, {}, {byKey}, 20), expected) << "a page";
-}
-
-std::string repeated(const std::string& text, int times) {
-    std::string out;
-    for (int i = 0; i < times; ++i)
-        out += text;
-    return out;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -244,8 +238,8 @@ TEST_F(ASCursorRows, LikeRules) {
 }
 
 TEST_F(ASCursorRows, NullsAreTheSmallestAndTextsSortByBytes) {
-    EXPECT_THAT(select(s.attribute, {}, {ASOrder(s.attribute)}), ElementsAre("(null)", "", "Beta", "alpha", "b_ta%"));
-    EXPECT_THAT(select(s.attribute, {}, {-ASOrder(s.attribute)}), ElementsAre("b_ta%", "alpha", "Beta", "", "(null)"));
+    EXPECT_THAT(select(s.attribute, {}, {ASOrder(s.attribute)}), ElementsAre("<null>", "", "Beta", "alpha", "b_ta%"));
+    EXPECT_THAT(select(s.attribute, {}, {-ASOrder(s.attribute)}), ElementsAre("b_ta%", "alpha", "Beta", "", "<null>"));
     ASOrder order(n.attribute);
     order << -ASOrder(id.attribute);
     EXPECT_THAT(select(id.attribute, {}, {order}), ElementsAre("3", "5", "4", "1", "2"));
@@ -268,12 +262,12 @@ TEST_F(ASCursorRows, Aggregates) {
     EXPECT_THAT(aggregate(Function::Count, n, ASType::BigInt), ElementsAre("4"));
     EXPECT_THAT(aggregate(Function::Max, d, ASType::Double), ElementsAre("2.5"));
     EXPECT_THAT(aggregate(Function::Sum, d, ASType::Double, id.attribute != ASInt(4)), ElementsAre("4.1"));
-    EXPECT_THAT(aggregate(Function::Min, s, ASType::Double), ElementsAre("(null)"));
-    EXPECT_THAT(aggregate(Function::Max, g, ASType::Double), ElementsAre("(null)"));
-    EXPECT_THAT(aggregate(Function::Sum, g, ASType::Double), ElementsAre("(null)"));
-    EXPECT_THAT(aggregate(Function::Average, g, ASType::Double), ElementsAre("(null)"));
+    EXPECT_THAT(aggregate(Function::Min, s, ASType::Double), ElementsAre("<null>"));
+    EXPECT_THAT(aggregate(Function::Max, g, ASType::Double), ElementsAre("<null>"));
+    EXPECT_THAT(aggregate(Function::Sum, g, ASType::Double), ElementsAre("<null>"));
+    EXPECT_THAT(aggregate(Function::Average, g, ASType::Double), ElementsAre("<null>"));
     EXPECT_THAT(aggregate(Function::Sum, s, ASType::Double), ElementsAre("0"));
-    EXPECT_THAT(aggregate(Function::Sum, n, ASType::Int, ASComparison("1 = 0")), ElementsAre("(null)"));
+    EXPECT_THAT(aggregate(Function::Sum, n, ASType::Int, ASComparison("1 = 0")), ElementsAre("<null>"));
     ASGroupAttribute all;
     all.Register(std::make_shared<ASInt64>(), v);
     EXPECT_THAT(select(all), ElementsAre("5"));
@@ -284,7 +278,7 @@ TEST_F(ASCursorRows, AggregatesOfTimesAreSeconds) {
     EXPECT_THAT(aggregate(Function::Max, w, ASType::Double), ElementsAre("1704319200"));
     EXPECT_THAT(aggregate(Function::Average, w, ASType::Double, id.attribute < ASInt(3)), ElementsAre("1704110400"));
     EXPECT_THAT(aggregate(Function::Count, w, ASType::BigInt), ElementsAre("4"));
-    EXPECT_THAT(aggregate(Function::Max, w, ASType::Double, id.attribute == ASInt(5)), ElementsAre("(null)"));
+    EXPECT_THAT(aggregate(Function::Max, w, ASType::Double, id.attribute == ASInt(5)), ElementsAre("<null>"));
 }
 
 TEST_F(ASCursorRows, PlainColumnsBesideAggregatesAreGroupedBy) {
@@ -299,7 +293,7 @@ TEST_F(ASCursorRows, PlainColumnsBesideAggregatesAreGroupedBy) {
     std::vector<std::string> rows;
     while (cursor.Fetch())
         rows.push_back(cell(*n.data) + ":" + cell(*count.data()));
-    EXPECT_THAT(rows, ElementsAre("10:2", "(null):1", "-5:1", "20:1"));
+    EXPECT_THAT(rows, ElementsAre("10:2", "<null>:1", "-5:1", "20:1"));
 }
 
 TEST_F(ASCursorRows, DistinctDropsEqualRows) {
@@ -310,7 +304,7 @@ TEST_F(ASCursorRows, DistinctDropsEqualRows) {
     std::vector<std::string> rows;
     while (cursor.Fetch())
         rows.push_back(cell(*n.data));
-    EXPECT_THAT(rows, ElementsAre("(null)", "-5", "10", "20"));
+    EXPECT_THAT(rows, ElementsAre("<null>", "-5", "10", "20"));
 }
 
 TEST_F(ASCursorRows, TwoCursorsOnOneSessionRunSideBySide) {

@@ -185,7 +185,7 @@ TEST_F(Backups, AClientWithoutFullAccessFindsItsOwn) {
 }
 
 TEST_F(Backups, ADatabaseThatFailsFindsNothingAndIsNoError) {
-    DirectDatabase(host.file()).run("DROP VIEW \"vBackupInfo\"");
+    SqliteFile(host.file()).run("DROP VIEW \"vBackupInfo\"");
     EXPECT_EQ(found("pager.backup.info.name like '%'"), "");
     EXPECT_EQ(found("pager.backup.info.ip like '%'"), "");
 }

@@ -253,7 +253,7 @@ TEST_F(Logs, ARequestWithoutAFilterHasNoConstantsOfAnEarlierOne) {
 }
 
 TEST_F(Logs, ARefusalIsOneErrorAndTheEndOfTheRequest) {
-    DirectDatabase database(host.file());
+    SqliteFile database(host.file());
     database.run("ALTER TABLE qor_event RENAME TO hidden_event");
     database.run("ALTER TABLE qor_operation RENAME TO hidden_operation");
     const Answer events = ask("pager.event_log.source", std::string(alerts) + " or " + statuses, "");

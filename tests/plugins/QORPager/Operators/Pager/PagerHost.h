@@ -60,42 +60,11 @@ private:
 };
 
 /// One client of "pager".
-class PagerClient {
+class PagerClient : public OperatorClient {
 public:
-    PagerClient() : m_factory(QOROpFactoryRegistry::instance().find("pager")) {
-        m_operator = m_factory->newOperator();
-        m_operator->init();
-        m_accesser = m_factory->newAccesser(m_operator);
-    }
+    PagerClient() : OperatorClient("pager") {}
 
-    /// \param body the select element in message notation \returns the answer in message notation
-    std::string ask(std::string_view body, const QORClientContextPtr& as = fullAccess()) {
-        const QORClientContextScope scope(as);
-        QORMessage request;
-        readElement(body, request);
-        QORMessage response;
-        QORBinaryIterator in = request.root();
-        in.firstChild();
-        QORBinaryIterator out = response.root();
-        m_accesser->request("select", &in, &out);
-        std::string text;
-        writeResponse(response, text);
-        return text;
-    }
-
-    /// The code and the text of the error in the answer; "" when there is none.
-    std::string errorOf(std::string_view body, const QORClientContextPtr& as = fullAccess()) {
-        const QORResponse response = readResponse(ask(body, as));
-        return response.error ? std::to_string(response.error->code) + " " + response.error->message : std::string();
-    }
-
-    QORPagerOperatorPrototype& op() { return dynamic_cast<QORPagerOperatorPrototype&>(*m_operator); }
-    void disconnect() { m_operator->disconnect(m_accesser.get()); }
-
-private:
-    QORPtr<QOROpFactory> m_factory;
-    QORPtr<QOROperatorPrototype> m_operator;
-    QORPtr<QORAccesserPrototype> m_accesser;
+    QORPagerOperatorPrototype& op() { return dynamic_cast<QORPagerOperatorPrototype&>(object()); }
 };
 
 }  // namespace QOR::test

@@ -299,7 +299,7 @@ protected:
         return response.error.has_value();
     }
     void fill(int rows) {
-        DirectDatabase direct(folder.path() / "agent.db");
+        SqliteFile direct(folder.path() / "agent.db");
         direct.run("create table things(id int, text nvarchar(400)); create view vThings as select * from things");
         direct.run("with recursive n(i) as (select 1 union all select i + 1 from n where i < " + std::to_string(rows) +
                    ") insert into things select i, printf('%0200d', i) from n");
@@ -314,7 +314,7 @@ TEST_F(FailingDatabase, LockedGivesAnErrorAndAWorkingNextRequest) {
     openDatabase(folder.path() / "agent.db", true);  // without a write-ahead log, so that a writer locks readers out
     test::forgetMetadata();
     EXPECT_FALSE(isError(ask()));
-    DirectDatabase other(folder.path() / "agent.db");
+    SqliteFile other(folder.path() / "agent.db");
     other.run("begin exclusive");
     EXPECT_TRUE(isError(ask()));
     other.run("rollback");
@@ -325,7 +325,7 @@ TEST_F(FailingDatabase, MetadataThatCannotBeReadIsReadByTheNextRequest) {
     fill(3);
     openDatabase(folder.path() / "agent.db", true);
     test::forgetMetadata();
-    DirectDatabase other(folder.path() / "agent.db");
+    SqliteFile other(folder.path() / "agent.db");
     other.run("begin exclusive");
     EXPECT_TRUE(isError(ask()));
     other.run("rollback");
@@ -335,7 +335,7 @@ TEST_F(FailingDatabase, MetadataThatCannotBeReadIsReadByTheNextRequest) {
 TEST_F(FailingDatabase, CorruptPagesInTheMiddleGiveAnErrorWithoutHalfARowSet) {
     fill(20000);
     {
-        DirectDatabase direct(folder.path() / "agent.db");
+        SqliteFile direct(folder.path() / "agent.db");
         direct.run("pragma wal_checkpoint(truncate)");
     }
     const auto file = folder.path() / "agent.db";
@@ -361,7 +361,7 @@ TEST_F(FailingDatabase, ATableThatWentAwayGivesAnErrorAndAWorkingNextRequest) {
     fill(3);
     open();
     EXPECT_FALSE(isError(ask()));
-    DirectDatabase direct(folder.path() / "agent.db");
+    SqliteFile direct(folder.path() / "agent.db");
     direct.run("alter table things rename to others");
     direct.run("drop view vThings");
     EXPECT_TRUE(isError(ask()));
@@ -373,7 +373,7 @@ TEST_F(FailingDatabase, ATableThatWentAwayGivesAnErrorAndAWorkingNextRequest) {
 TEST_F(FailingDatabase, ReadOnlyFilesCanBeRead) {
     fill(3);
     {
-        DirectDatabase direct(folder.path() / "agent.db");
+        SqliteFile direct(folder.path() / "agent.db");
         direct.run("pragma journal_mode=delete");
     }
     std::filesystem::permissions(folder.path() / "agent.db", std::filesystem::perms::owner_read);

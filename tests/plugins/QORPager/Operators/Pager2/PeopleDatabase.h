@@ -86,7 +86,7 @@ private:
     test::TemporaryDirectory m_folder;
 
 public:
-    DirectDatabase direct;
+    SqliteFile direct;
 };
 
 /// A fixture whose metadata was loaded by a client without full access, as an agent does before it listens.
