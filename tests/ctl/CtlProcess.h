@@ -24,6 +24,9 @@
 
 namespace QOR::test {
 
+/// A command and its arguments.
+using Words = std::vector<std::string>;
+
 struct CtlResult {
     int status = -1;  ///< the exit status, or minus the number of the signal that ended it
     std::string out{};
@@ -33,7 +36,7 @@ struct CtlResult {
 /// A running program with pipes at standard input and standard output; standard error goes to a file.
 class CtlProcess {
 public:
-    explicit CtlProcess(const std::vector<std::string>& command) {
+    explicit CtlProcess(const Words& command) {
         int in[2];
         int out[2];
         if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("cannot make a pipe");
@@ -129,7 +132,7 @@ inline std::string ctlProgram() {
 }
 
 /// Runs qorctl to its end.
-inline CtlResult runCtl(std::vector<std::string> arguments, std::string_view input = {}) {
+inline CtlResult runCtl(Words arguments, std::string_view input = {}) {
     ::signal(SIGPIPE, SIG_IGN);
     arguments.insert(arguments.begin(), ctlProgram());
     CtlProcess process(arguments);

@@ -3,13 +3,11 @@
 #include <sys/ioctl.h>
 
 #include <fstream>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "ctl/CtlProcess.h"
+#include "ctl/BothWays.h"
 #include "rdbmspp/pool/QORRdbms.h"
-#include "support/AgentProcess.h"
 #include "support/SqliteFile.h"
 
 namespace QOR::test {
@@ -18,7 +16,6 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
-using Words = std::vector<std::string>;
 
 constexpr const char* first = "11111111-1111-1111-1111-111111111111";
 constexpr const char* second = "22222222-2222-2222-2222-222222222222";
@@ -32,39 +29,16 @@ const std::string records =
 {"kind":"operation","id":"c","op":"install","status":0,"time":"2024-01-03 10:00:00","eid":"22222222-2222-2222-2222-222222222222"}
 )";
 
-enum class Way { Agent, Standalone };
-
-/// A database with the records above, and qorctl pointed at it one way or the other.
-class Command : public testing::TestWithParam<Way> {
+/// A database with the records above.
+class Command : public BothWays {
 protected:
     void SetUp() override {
-        if (GetParam() == Way::Agent) m_agent.emplace();
+        begin();
         const CtlResult result = run({"import"}, records);
         ASSERT_EQ(result.status, 0) << result.err;
     }
-
-    Words where(Words arguments) const {
-        const Words connection =
-            m_agent ? Words{"--socket", m_agent->socketPath()} : Words{"--standalone", "--database", database()};
-        arguments.insert(arguments.end(), connection.begin(), connection.end());
-        return arguments;
-    }
-    std::string database() const { return "Driver=SQLite3;Database=" + (m_directory / "own.db").string(); }
-    CtlResult run(const Words& arguments, std::string_view input = {}) const { return runCtl(where(arguments), input); }
-
-    /// The output of a command that must succeed and have nothing else to say.
-    std::string outputOf(const Words& arguments) const {
-        const CtlResult result = run(arguments);
-        EXPECT_EQ(result.status, 0);
-        EXPECT_EQ(result.err, "");
-        return result.out;
-    }
-
-    TemporaryDirectory m_directory;
-    std::optional<AgentProcess> m_agent;
 };
-INSTANTIATE_TEST_SUITE_P(Ctl, Command, testing::Values(Way::Agent, Way::Standalone),
-                         [](const auto& way) { return way.param == Way::Agent ? "Agent" : "Standalone"; });
+INSTANTIATE_TEST_SUITE_P(Ctl, Command, bothWays, nameOfWay);
 
 TEST_P(Command, ImportGivesUpOnWhatIsNoFileOfRecords) {
     std::string lines = R"({"kind":"event","time":1})"
@@ -84,10 +58,9 @@ TEST_P(Command, StatusTellsOfTheDatabaseAndWhatCannotBeReadInIt) {
     EXPECT_THAT(sound, HasSubstr("engine,SQLite\r\n"));
     EXPECT_THAT(sound, EndsWith("unreadable documents,0\r\n"));
     EXPECT_EQ(m_agent.has_value(), sound.find("agent,ok\r\n") != std::string::npos) << sound;
-    SqliteFile(m_agent ? m_agent->databasePath() : m_directory / "own.db")
-        .run(
-            "INSERT INTO qor_unreadable_document VALUES ('qor_backup', 'info', 1), ('qor_backup', 'info', 2), "
-            "('qor_event', 'info', 1)");
+    SqliteFile(file()).run(
+        "INSERT INTO qor_unreadable_document VALUES ('qor_backup', 'info', 1), ('qor_backup', 'info', 2), "
+        "('qor_event', 'info', 1)");
     EXPECT_THAT(
         outputOf({"status", "-o", "csv"}),
         EndsWith("unreadable documents,3\r\nunreadable in qor_backup.info,2\r\nunreadable in qor_event.info,1\r\n"));

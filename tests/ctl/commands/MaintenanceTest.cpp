@@ -1,12 +1,10 @@
 // Looking after the database: check and prune, over a real agent and in qorctl's own process, and what an agent keeps.
 #include <chrono>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ctl/CtlProcess.h"
-#include "support/AgentProcess.h"
+#include "ctl/BothWays.h"
 #include "support/SqliteFile.h"
 
 namespace QOR::test {
@@ -14,14 +12,11 @@ namespace {
 
 using testing::HasSubstr;
 using testing::Not;
-using Words = std::vector<std::string>;
 
-enum class Way { Agent, Standalone };
-
-class Maintenance : public testing::TestWithParam<Way> {
+class Maintenance : public BothWays {
 protected:
     void SetUp() override {
-        if (GetParam() == Way::Agent) m_agent.emplace();
+        begin();
         std::string lines;
         for (int number = 0; number < 3000; ++number) {
             const std::string n = std::to_string(number);
@@ -35,25 +30,12 @@ protected:
         const CtlResult result = run({"import"}, lines);
         ASSERT_EQ(result.status, 0) << result.err;
     }
-    std::filesystem::path file() const { return m_agent ? m_agent->databasePath() : m_directory / "own.db"; }
-    Words whereIsIt() const {
-        if (m_agent) return {"--socket", m_agent->socketPath()};
-        return {"--standalone", "--database", "Driver=SQLite3;Database=" + file().string()};
-    }
-    CtlResult run(Words arguments, std::string_view input = {}) const {
-        const Words where = whereIsIt();
-        arguments.insert(arguments.end(), where.begin(), where.end());
-        return runCtl(arguments, input);
-    }
     /// Identifiers of the last two operations of the log, as pages have them.
     std::string lastTwo(int total) const {
         return run({"rows", "-f", "pager.op_log.id", "--limit", "2", "--offset", std::to_string(total - 2), "-o",
                     "csv"})
             .out;
     }
-
-    std::optional<AgentProcess> m_agent;
-    TemporaryDirectory m_directory;
 };
 
 TEST_P(Maintenance, ASoundDatabaseHasNoFaults) {
@@ -107,9 +89,7 @@ TEST_P(Maintenance, AnInterruptedPruneLeavesWholeTransactionsAndRightCounters) {
     for (int number = 0; number < all; ++number)
         more += R"({"kind":"operation","id":"o)" + std::to_string(number) + R"(","time":)" +
                 std::to_string(1700000000 + number) + "}\n";
-    Words command{ctlProgram(), "prune", "--before", "2100-01-01", "--operations"};
-    const Words where = whereIsIt();
-    command.insert(command.end(), where.begin(), where.end());
+    const Words command = where({ctlProgram(), "prune", "--before", "2100-01-01", "--operations"});
     SqliteFile database(file());
     const auto left = [&] { return std::stoi(database.cell("SELECT count(*) FROM qor_operation")); };
     int total = 0;
@@ -151,8 +131,7 @@ TEST_P(Maintenance, WhatCannotBeMeantIsRefused) {
     EXPECT_EQ(SqliteFile(file()).cell("SELECT count(*) FROM qor_operation"), "3000");
 }
 
-INSTANTIATE_TEST_SUITE_P(Ways, Maintenance, testing::Values(Way::Agent, Way::Standalone),
-                         [](const auto& way) { return way.param == Way::Agent ? "Agent" : "Standalone"; });
+INSTANTIATE_TEST_SUITE_P(Ways, Maintenance, bothWays, nameOfWay);
 
 TEST(LongMaintenance, HasNoDeadlineWhileOtherRequestsHaveOne) {
     AgentSettings settings;

@@ -13,11 +13,10 @@ namespace QOR {
 namespace {
 
 using test::runProgram;
+using test::Words;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
-
-using Words = std::vector<std::string>;
 
 struct NumberOption {
     Words command;

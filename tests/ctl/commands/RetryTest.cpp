@@ -12,7 +12,6 @@ namespace QOR::test {
 namespace {
 
 using testing::HasSubstr;
-using Words = std::vector<std::string>;
 
 /// An agent with one worker, which works in vain, and room for one request to wait, which one takes.
 class BusyAgent : public testing::Test {

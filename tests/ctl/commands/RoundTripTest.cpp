@@ -22,7 +22,6 @@
 namespace QOR::test {
 namespace {
 
-using Words = std::vector<std::string>;
 /// Rows in an order of their own, so that they can be compared however they came.
 using Rows = std::vector<std::vector<std::optional<std::string>>>;
 

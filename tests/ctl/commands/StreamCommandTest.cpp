@@ -1,10 +1,8 @@
 // Exports through qorctl: rows without bound, and errors in the middle that nobody can take for the end.
 #include <csignal>
-#include <optional>
 #include <string>
 
-#include "ctl/CtlProcess.h"
-#include "support/AgentProcess.h"
+#include "ctl/BothWays.h"
 #include "support/LargeView.h"
 
 namespace QOR::test {
@@ -12,7 +10,6 @@ namespace {
 
 using testing::HasSubstr;
 using testing::StartsWith;
-using Words = std::vector<std::string>;
 
 constexpr int rows = 250'000;
 constexpr int brokenAt = 150'000;
@@ -21,31 +18,14 @@ std::size_t linesOf(const std::string& text) {
     return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
-enum class Way { Agent, Standalone };
-
-class StreamCommand : public testing::TestWithParam<Way> {
+class StreamCommand : public BothWays {
 protected:
     void SetUp() override {
-        makeLargeView(m_directory / "large.db", rows, brokenAt);
-        if (GetParam() != Way::Agent) return;
-        AgentSettings settings;
-        settings.database = database();
-        settings.more = {"--read-only"};
-        m_agent.emplace(settings);
+        makeLargeView(file(), rows, brokenAt);
+        begin({"--read-only"});
     }
-    std::string database() const { return "Driver=SQLite3;Database=" + (m_directory / "large.db").string(); }
-    Words where(Words arguments) const {
-        const Words connection = m_agent ? Words{"--socket", m_agent->socketPath()}
-                                         : Words{"--standalone", "--read-only", "--database", database()};
-        arguments.insert(arguments.end(), connection.begin(), connection.end());
-        return arguments;
-    }
-
-    TemporaryDirectory m_directory;
-    std::optional<AgentProcess> m_agent;
 };
-INSTANTIATE_TEST_SUITE_P(Ctl, StreamCommand, testing::Values(Way::Agent, Way::Standalone),
-                         [](const auto& way) { return way.param == Way::Agent ? "Agent" : "Standalone"; });
+INSTANTIATE_TEST_SUITE_P(Ctl, StreamCommand, bothWays, nameOfWay);
 
 TEST_P(StreamCommand, MoreRowsThanAnAnswerMayHaveAreExported) {
     const CtlResult result = runCtl(where({"select", "--view", "vMany", "-f", "id", "name", "-o", "csv", "--count"}));

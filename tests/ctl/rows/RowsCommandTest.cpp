@@ -1,14 +1,12 @@
 // qorctl rows and qorctl fields, against a real agent and with the host in qorctl's own process; and what a person is
 // told about conditions that have no effect.
 #include <fstream>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "ctl/CtlProcess.h"
+#include "ctl/BothWays.h"
 #include "rows/RowsAdvice.h"
-#include "support/AgentProcess.h"
 
 namespace QOR::test {
 namespace {
@@ -18,7 +16,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
-using Words = std::vector<std::string>;
 
 const std::string records =
     R"({"kind":"operation","id":"a","op":"install","status":0,"time":"2024-01-01 10:00:00","eid":"11111111-1111-1111-1111-111111111111","eids":["11111111-1111-1111-1111-111111111111","22222222-2222-2222-2222-222222222222"]}
@@ -27,47 +24,19 @@ const std::string records =
 {"kind":"backup","id":"k","time":"2024-01-03 10:00:00","name":"web","size":5}
 )";
 
-enum class Way { Agent, Standalone };
-
-class RowsCommand : public testing::TestWithParam<Way> {
+class RowsCommand : public BothWays {
 protected:
     void SetUp() override {
         std::ofstream(vocabulary())
             << R"(<vocabulary><category name="pager_fields"><parameter id="my.field">)"
                R"(<source>env/config/mine</source><type>int</type></parameter></category></vocabulary>)";
-        if (GetParam() == Way::Agent) {
-            AgentSettings settings;
-            settings.more = {"--config", vocabulary()};
-            m_agent.emplace(settings);
-        }
-        Words import = connection();
-        import.insert(import.begin(), "import");
-        const CtlResult result = runCtl(import, records);
+        begin({"--config", vocabulary()});
+        const CtlResult result = run({"import"}, records);
         ASSERT_EQ(result.status, 0) << result.err;
     }
     std::string vocabulary() const { return (m_directory / "my.xml").string(); }
-    Words connection() const {
-        if (m_agent) return {"--socket", m_agent->socketPath()};
-        return {"--standalone", "--database", "Driver=SQLite3;Database=" + (m_directory / "own.db").string(),
-                "--config", vocabulary()};
-    }
-    CtlResult run(Words arguments) const {
-        const Words to = connection();
-        arguments.insert(arguments.end(), to.begin(), to.end());
-        return runCtl(arguments);
-    }
-    std::string outputOf(const Words& arguments) const {
-        const CtlResult result = run(arguments);
-        EXPECT_EQ(result.status, 0);
-        EXPECT_EQ(result.err, "");
-        return result.out;
-    }
-
-    TemporaryDirectory m_directory;
-    std::optional<AgentProcess> m_agent;
 };
-INSTANTIATE_TEST_SUITE_P(Ctl, RowsCommand, testing::Values(Way::Agent, Way::Standalone),
-                         [](const auto& way) { return way.param == Way::Agent ? "Agent" : "Standalone"; });
+INSTANTIATE_TEST_SUITE_P(Ctl, RowsCommand, bothWays, nameOfWay);
 
 TEST_P(RowsCommand, PrintsATable) {
     EXPECT_EQ(outputOf({"rows", "-f", "pager.op_log.id", "-f", "pager.op_log.status", "--count"}),
