@@ -1,6 +1,5 @@
 #include "QORDBSchema/QORDBSchema.h"
 
-#include <array>
 #include <chrono>
 #include <optional>
 #include <string_view>
@@ -11,7 +10,7 @@
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORDatabaseFile.h"
-#include "QORDBSchema/QORSchemaSteps.h"
+#include "QORDBSchema/QORSchemaEngine.h"
 #include "QORDBSchema/QORStoredDocuments.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
@@ -24,11 +23,11 @@ constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORDBSchema";
 /// What tells a database of ours from another program's that happens to have a table of the same name.
 constexpr std::string_view mark = "QORPager host database";
 
-/// The steps in order; the first leads to version 1.
-constexpr std::array steps{&inventorySchema, &logSchema,    &counterSchema,
-                           &documentSchema,  &upkeepSchema, &requestSchema};
+constexpr int latestVersion = 6;
 
-constexpr int latestVersion = static_cast<int>(steps.size());
+const QORSchemaEngine& engineOf(const ASSession& session) {
+    return QORSchemaEngine::of(session.engine());
+}
 
 bool hasRows(ASStatement& statement) {
     statement.execute();
@@ -39,12 +38,7 @@ bool hasRows(ASStatement& statement) {
 
 /// The version of a database that bears our mark.
 std::optional<int> markedVersion(ASSession& session) {
-    ASStatement& table = session.prepare(
-        "SELECT count(*) FROM pragma_table_info('qor_schema_version') WHERE name IN ('version', 'mark')");
-    table.execute();
-    const bool readable = table.fetch() && table.integer(1) == 2;
-    table.close();
-    if (!readable) return std::nullopt;
+    if (!hasRows(session.prepare(engineOf(session).hasMark))) return std::nullopt;
     ASStatement& newest =
         session.prepare("SELECT version FROM qor_schema_version WHERE mark = ? ORDER BY version DESC LIMIT 1");
     newest.bind(1, mark);
@@ -78,29 +72,22 @@ std::optional<int> markedVersion(ASSession& session) {
                        sourcePath, __LINE__);
 }
 
-void requireSqlite(ASSession& session) {
-    if (session.engine() != ASEngine::SQLite) throw AException("the host's tables can be kept in SQLite only");
-}
-
 std::int64_t now() {
     return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
 
 void createMark(ASSession& session) {
-    session.execute(
-        "CREATE TABLE qor_schema_version (version int NOT NULL PRIMARY KEY, mark nvarchar(64) NOT NULL, "
-        "applied datetime NOT NULL)");
-    session.execute("CREATE VIEW \"SchemaTable\" AS " + schemaTableSql({}));
+    session.execute(engineOf(session).markTable);
+    session.execute("CREATE VIEW \"SchemaTable\" AS " + schemaTableSql(session.engine(), {}));
 }
 
-void applyStep(ASSession& session, int version) {
-    const QORSchemaStep& step = *steps.at(static_cast<std::size_t>(version) - 1);
-    for (const char* statement : step.statements)
+void applyStep(ASSession& session, const QORVersionedStep& next) {
+    for (const char* statement : next.step->statements)
         session.execute(statement);
-    if (step.work != nullptr) step.work(session);
+    if (next.step->work != nullptr) next.step->work(session);
     session.prepare("INSERT INTO qor_schema_version (version, mark, applied) VALUES (?, ?, ?)")
-        .bind(1, std::int64_t{version})
+        .bind(1, std::int64_t{next.version})
         .bind(2, mark)
         .bind(3, time2dbstr(now()))
         .execute();
@@ -140,9 +127,8 @@ QORSchemaReport openReadOnly(ASDatabaseOptions options) {
 /// From now on a connection to another database, which has taken this one's place, is refused.
 void expectThisDatabase() {
     QORRdbmsTran tran(ASAccess::Read);
-    if (tran->engine() != ASEngine::SQLite) return;
     constexpr const char* identity = "SELECT id FROM qor_database";
-    if (!hasRows(tran->prepare("SELECT 1 FROM pragma_table_info('qor_database') WHERE name = 'id'"))) return;
+    if (!hasRows(tran->prepare(engineOf(*tran).hasIdentity))) return;
     ASStatement& select = tran->prepare(identity);
     select.execute();
     if (select.fetch()) QORRdbms::instance().expect(identity, std::string(select.text(1)));
@@ -157,36 +143,23 @@ void warnOfDocuments(const std::string& database) {
                database.c_str(), describe(*unreadable).c_str());
 }
 
-/// A trigger or an index of the schema.
-struct Part {
-    std::string_view name;
-    std::string_view sql;
-};
-
-/// Those that all steps together leave.
-std::vector<Part> partsOfSchema() {
-    std::vector<Part> parts;
-    for (const QORSchemaStep* const step : steps) {
-        for (const std::string_view sql : step->statements) {
-            for (const std::string_view kind : {"TRIGGER ", "INDEX "}) {
-                const std::string creates = "CREATE " + std::string(kind);
-                const std::string drops = "DROP " + std::string(kind);
+/// The triggers, indexes and functions that all steps together leave.
+std::vector<QORSchemaPart> partsOfSchema(const QORSchemaEngine& engine) {
+    std::vector<QORSchemaPart> parts;
+    for (const QORVersionedStep& one : engine.steps) {
+        for (const std::string_view sql : one.step->statements) {
+            for (const std::string_view creates : engine.parts) {
+                const std::string drops = "DROP" + std::string(creates.substr(creates.find(' ')));
                 const bool makes = sql.starts_with(creates);
                 if (!makes && !sql.starts_with(drops)) continue;
                 const std::string_view rest = sql.substr((makes ? creates : drops).size());
-                const std::string_view name = rest.substr(0, rest.find(' '));
-                std::erase_if(parts, [&](const Part& one) { return one.name == name; });
+                const std::string_view name = rest.substr(0, rest.find_first_of(" ("));
+                std::erase_if(parts, [&](const QORSchemaPart& part) { return part.name == name; });
                 if (makes) parts.push_back({name, sql});
             }
         }
     }
     return parts;
-}
-
-bool isThere(ASSession& session, const Part& part) {
-    ASStatement& select = session.prepare("SELECT 1 FROM sqlite_master WHERE name = ? AND sql = ?");
-    select.bind(1, part.name).bind(2, part.sql);
-    return hasRows(select);
 }
 
 /// A database can be told only while it is empty, or by writing all of it anew, that its file is to shrink.
@@ -207,22 +180,22 @@ int QORDBSchema::currentVersion() noexcept {
 }
 
 QORSchemaState QORDBSchema::inspect(ASSession& session) {
-    if (session.engine() != ASEngine::SQLite) return {QORSchemaState::Kind::Foreign, 0};
     if (const auto version = markedVersion(session)) return {QORSchemaState::Kind::Ours, *version};
-    const bool any =
-        hasRows(session.prepare("SELECT 1 FROM sqlite_master WHERE substr(name, 1, 7) <> 'sqlite_' LIMIT 1"));
+    const bool any = hasRows(session.prepare(engineOf(session).hasAnything));
     return {any ? QORSchemaState::Kind::Foreign : QORSchemaState::Kind::Empty, 0};
 }
 
 int QORDBSchema::migrate(ASSession& session, int version) {
-    requireSqlite(session);
+    const QORSchemaEngine& engine = engineOf(session);
+    if (*engine.alone != '\0') session.execute(engine.alone);
     const QORSchemaState found = inspect(session);
     const std::string database = databaseName(QORRdbms::instance().options().connectionString);
     if (isForeign(found)) refuseForeign(database);
     if (found.version > latestVersion) refuseNewer(database, found.version);
     if (found.kind == QORSchemaState::Kind::Empty) createMark(session);
-    for (int step = found.version + 1; step <= version; ++step)
-        applyStep(session, step);
+    for (const QORVersionedStep& next : engine.steps) {
+        if (next.version > found.version && next.version <= version) applyStep(session, next);
+    }
     return found.version;
 }
 
@@ -276,19 +249,21 @@ void QORDBSchema::prepareManyWrites(ASSession& session) {
 
 std::vector<std::string> QORDBSchema::missingParts(ASSession& session) {
     std::vector<std::string> missing;
-    for (const Part& part : partsOfSchema()) {
-        if (!isThere(session, part)) missing.emplace_back(part.name);
+    const QORSchemaEngine& engine = engineOf(session);
+    for (const QORSchemaPart& part : partsOfSchema(engine)) {
+        if (!engine.isThere(session, part)) missing.emplace_back(part.name);
     }
     return missing;
 }
 
 void QORDBSchema::restoreParts(ASSession& session) {
-    for (const Part& part : partsOfSchema()) {
-        if (isThere(session, part)) continue;
-        const std::string name = ASSession::quoteIdentifier(part.name);
-        session.execute((part.sql.starts_with("CREATE TRIGGER") ? "DROP TRIGGER IF EXISTS " : "DROP INDEX IF EXISTS ") +
-                        name);
-        session.execute(part.sql);
+    const QORSchemaEngine& engine = engineOf(session);
+    for (const QORSchemaPart& part : partsOfSchema(engine)) {
+        if (engine.isThere(session, part)) continue;
+        const std::string removal = engine.removal(part);
+        if (!removal.empty()) session.execute(removal);
+        session.execute(removal.empty() ? "CREATE OR REPLACE" + std::string(part.sql.substr(part.sql.find(' ')))
+                                        : std::string(part.sql));
     }
 }
 

@@ -11,7 +11,7 @@ class ASSession;
 
 /// What leads to one version, within the caller's transaction.
 struct QORSchemaStep {
-    std::span<const char* const> statements;     ///< in SQLite's dialect, run first
+    std::span<const char* const> statements;     ///< in the engine's dialect, run first
     void (*work)(ASSession& session) = nullptr;  ///< what statements cannot do; null for nothing. Throws to give up
 };
 

@@ -10,7 +10,7 @@ namespace {
 
 // 'nvarchar(64)' is the type nvarchar with the length 64; a cast reads the digits and stops at what follows them.
 // 'decimal(10,2)' has the length 10. What is no 31-bit number is no length.
-constexpr const char* select =
+constexpr const char* sqliteSelect =
     "SELECT m.name AS \"viewName\", c.name AS \"name\","
     " lower(trim(CASE WHEN instr(c.type, '(') > 0 THEN substr(c.type, 1, instr(c.type, '(') - 1) ELSE c.type END))"
     " AS \"type\","
@@ -20,14 +20,39 @@ constexpr const char* select =
     " FROM sqlite_master m JOIN pragma_table_info(m.name) c"
     " WHERE m.type = 'view' AND lower(m.name) <> 'schematable'";
 
-constexpr const char* order = " ORDER BY m.name, c.cid";
+constexpr const char* sqliteOrder = " ORDER BY m.name, c.cid";
+
+// Views and materialised views that a bare name finds, whichever schema of the search path they are in. A domain is
+// what it is made of. Types have the names that clients know them by; one that they know nothing like keeps its own.
+// The length of a text or a number lies above the four bytes that its modifier counts.
+constexpr const char* postgresSelect =
+    "SELECT CAST(c.relname AS text) AS \"viewName\", CAST(a.attname AS text) AS \"name\","
+    " CASE t.typname WHEN 'uuid' THEN 'uniqueidentifier' WHEN 'text' THEN 'nvarchar' WHEN 'varchar' THEN 'nvarchar'"
+    " WHEN 'name' THEN 'nvarchar' WHEN 'bpchar' THEN 'char' WHEN 'int2' THEN 'smallint' WHEN 'int4' THEN 'int'"
+    " WHEN 'int8' THEN 'bigint' WHEN 'bool' THEN 'bit' WHEN 'float4' THEN 'float' WHEN 'float8' THEN 'double'"
+    " WHEN 'numeric' THEN 'decimal' WHEN 'timestamp' THEN 'datetime' WHEN 'timestamptz' THEN 'datetime'"
+    " WHEN 'date' THEN 'datetime' WHEN 'bytea' THEN 'image' ELSE CAST(t.typname AS text) END AS \"type\","
+    " CASE WHEN t.typname IN ('varchar', 'bpchar') AND a.atttypmod > 4 THEN a.atttypmod - 4"
+    " WHEN t.typname = 'numeric' AND a.atttypmod > 4 THEN ((a.atttypmod - 4) >> 16) & 65535 ELSE 0 END AS \"length\","
+    " CAST('UTF-8' AS text) AS \"charSet\", CAST('BINARY' AS text) AS \"collation\","
+    " CAST(a.attnum - 1 AS int) AS \"position\""
+    " FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace"
+    " JOIN pg_attribute a ON a.attrelid = c.oid AND a.attnum > 0 AND NOT a.attisdropped"
+    " JOIN pg_type d ON d.oid = a.atttypid"
+    " JOIN pg_type t ON t.oid = CASE WHEN d.typtype = 'd' THEN d.typbasetype ELSE d.oid END"
+    " WHERE c.relkind IN ('v', 'm') AND pg_table_is_visible(c.oid)"
+    " AND n.nspname NOT LIKE 'pg\\_%' AND n.nspname <> 'information_schema' AND lower(c.relname) <> 'schematable'";
+
+constexpr const char* postgresOrder = " ORDER BY CAST(c.relname AS text) COLLATE \"C\", a.attnum";
 
 /// Views of which the engine cannot tell the columns. The select over all of them fails at the first such view, so
 /// usually one attempt says that there is none.
 std::vector<std::string> unreadableViews(ASSession& session) {
     std::vector<std::string> bad;
+    // A view of PostgreSQL's cannot outlive what it selects from.
+    if (session.engine() != ASEngine::SQLite) return bad;
     try {
-        ASStatement& all = session.prepare(std::string("SELECT count(*) FROM (") + select + ")");
+        ASStatement& all = session.prepare(std::string("SELECT count(*) FROM (") + sqliteSelect + ")");
         all.execute();
         all.fetch();
         all.close();
@@ -58,23 +83,20 @@ std::vector<std::string> unreadableViews(ASSession& session) {
     return bad;
 }
 
-void requireSqlite(ASEngine engine) {
-    if (engine != ASEngine::SQLite) throw AException("the views of this database engine cannot be listed");
-}
-
 }  // namespace
 
-std::string schemaTableSql(const std::vector<std::string>& without) {
-    std::string sql = select;
+std::string schemaTableSql(ASEngine engine, const std::vector<std::string>& without) {
+    const bool sqlite = engine == ASEngine::SQLite;
+    std::string sql = sqlite ? sqliteSelect : postgresSelect;
     if (!without.empty()) {
-        sql += " AND m.name NOT IN (";
+        sql += sqlite ? " AND m.name NOT IN (" : " AND c.relname NOT IN (";
         for (std::size_t i = 0; i < without.size(); ++i) {
             if (i > 0) sql += ", ";
             sql += ASSession::quoteLiteral(without[i]);
         }
         sql += ')';
     }
-    return sql + order;
+    return sql + (sqlite ? sqliteOrder : postgresOrder);
 }
 
 SchemaTable::SchemaTable(const std::string& sql)
@@ -82,10 +104,10 @@ SchemaTable::SchemaTable(const std::string& sql)
     position.Register(metaData.domain());
 }
 
-SchemaTable::SchemaTable() : SchemaTable((requireSqlite(QORRdbms::instance().engine()), schemaTableSql({}))) {}
+SchemaTable::SchemaTable() : SchemaTable(schemaTableSql(QORRdbms::instance().engine(), {})) {}
 
 SchemaTable::SchemaTable(ASSession& session)
-    : SchemaTable((requireSqlite(session.engine()), schemaTableSql(unreadableViews(session)))) {}
+    : SchemaTable(schemaTableSql(session.engine(), unreadableViews(session))) {}
 
 ASOrder SchemaTable::order() const {
     ASOrder keys(metaData.viewName);

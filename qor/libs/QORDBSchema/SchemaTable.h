@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "QORCommon/QORExport.h"
+#include "rdbmspp/engine/ASEngine.h"
 #include "rdbmspp/sql/ASAttribute.h"
 #include "rdbmspp/sql/ASData.h"
 #include "rdbmspp/sql/ASTable.h"
@@ -67,7 +68,8 @@ struct QORViewColumn {
 /// Every column of every view, in SchemaTable's order. \throws AException
 QOR_API std::vector<QORViewColumn> readViews(ASSession& session);
 
-/// The select behind SchemaTable, with a column position beside the six. \param without names of views to leave out
-std::string schemaTableSql(const std::vector<std::string>& without);
+/// The select behind SchemaTable, with a column position beside the six, in an engine's dialect. \param without names
+/// of views to leave out
+std::string schemaTableSql(ASEngine engine, const std::vector<std::string>& without);
 
 }  // namespace QOR

@@ -1,0 +1,15 @@
+/// \file
+/// The schema for PostgreSQL, where it begins with what the steps for SQLite lead to. Later versions are steps of their
+/// own here as they are there.
+#pragma once
+
+#include "QORDBSchema/QORSchemaSteps.h"
+
+namespace QOR {
+
+/// Tables, indexes and views.
+extern const QORSchemaStep postgresTables;
+/// The counters of the logs, and the triggers that keep them and whatever else has to follow a table.
+extern const QORSchemaStep postgresUpkeep;
+
+}  // namespace QOR

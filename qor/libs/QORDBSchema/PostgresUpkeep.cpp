@@ -1,0 +1,219 @@
+#include "QORDBSchema/PostgresSchema.h"
+
+namespace QOR {
+namespace {
+
+// Counters as the steps for SQLite describe them: scopes, levels, buckets that are split when they hold more than 256.
+// Here they are kept by functions of the database, for statements as a whole.
+//
+// LOG_count_change(scopes, seconds, changes)  what happened to the counters; a scope and second may stand once only
+// LOG_count_split(scopes, seconds)            splits the buckets around them that have come to hold too much
+// LOG_count(changes)                          both, for a JSON array of [scope, second, change]
+//
+// A bucket is split when all changes to it have been told: what lies in it is then counted from the records, among them
+// those whose changes were told. A transaction that has not told its changes yet is not seen by the others, and finds
+// the bucket split when it does. That needs each statement to see what was committed before it: transactions that
+// write run at READ COMMITTED.
+//
+// The counter of all records is one row, for which writers wait until its holder commits. Whoever brings many records
+// sets qor.counted for the transaction, so that triggers leave it alone, and calls LOG_count() last. Rows are changed
+// in the order of their keys, one level after the other, so that writers never wait for each other in a circle.
+
+#define QOR_FUNCTION(signature, result, body) \
+    "CREATE FUNCTION " signature " RETURNS " result " LANGUAGE plpgsql SET search_path FROM CURRENT AS $$ " body " $$"
+
+#define QOR_CHANGED "unnest(scopes, seconds, changes) AS t (scope, second, change)"
+#define QOR_PLACES "unnest(scopes, seconds) AS t (scope, second)"
+#define QOR_ADD " ON CONFLICT (scope, level, bucket) DO UPDATE SET n = c.n + excluded.n; "
+
+#define QOR_COUNTERS(log) \
+    "CREATE TABLE " log "_count (scope text COLLATE \"C\" NOT NULL, level int NOT NULL, bucket bigint NOT NULL, "      \
+    "n bigint NOT NULL, split int NOT NULL DEFAULT 0, PRIMARY KEY (scope, level, bucket)) WITH (fillfactor = 70)",     \
+        QOR_FUNCTION(                                                                                                  \
+            log "_count_change(scopes text[], seconds bigint[], changes bigint[])", "void",                            \
+            "DECLARE wide int := 24; BEGIN "                                                                           \
+            "INSERT INTO " log "_count AS c (scope, level, bucket, n) SELECT t.scope, 24, t.second >> 24, "            \
+            "sum(t.change)::bigint FROM " QOR_CHANGED " GROUP BY 1, 3 ORDER BY 1, 3" QOR_ADD                           \
+            "WHILE wide > 0 LOOP "                                                                                     \
+            "INSERT INTO " log "_count AS c (scope, level, bucket, n) SELECT t.scope, wide - 4, "                      \
+            "t.second >> (wide - 4), sum(t.change)::bigint FROM " QOR_CHANGED " JOIN " log                             \
+            "_count p ON p.scope = t.scope AND p.level = wide AND p.bucket = t.second >> wide AND p.split = 1 "        \
+            "GROUP BY 1, 3 ORDER BY 1, 3" QOR_ADD                                                                      \
+            "EXIT WHEN NOT FOUND; wide := wide - 4; END LOOP; "                                                        \
+            "IF 0 > ANY (changes) THEN DELETE FROM " log "_count c USING " QOR_PLACES                                  \
+            " CROSS JOIN generate_series(0, 24, 4) AS l (level) WHERE c.scope = t.scope AND c.level = l.level "        \
+            "AND c.bucket = t.second >> l.level AND c.n = 0; END IF; END"),                                            \
+        QOR_FUNCTION(                                                                                                  \
+            log "_count_split(scopes text[], seconds bigint[])", "void",                                               \
+            "DECLARE wide int := 24; f record; BEGIN "                                                                 \
+            "WHILE wide > 0 LOOP "                                                                                     \
+            "FOR f IN SELECT DISTINCT c.scope, c.bucket FROM " QOR_PLACES " JOIN " log                                 \
+            "_count c ON c.scope = t.scope AND c.level = wide AND c.bucket = t.second >> wide "                        \
+            "WHERE c.split = 0 AND c.n > 256 ORDER BY 1, 2 LOOP "                                                      \
+            "UPDATE " log "_count SET split = 1 WHERE scope = f.scope AND level = wide AND bucket = f.bucket; "        \
+            "INSERT INTO " log "_count (scope, level, bucket, n) SELECT f.scope, wide - 4, s >> (wide - 4), count(*) " \
+            "FROM " log "_seconds(f.scope, f.bucket << wide, ((f.bucket + 1) << wide) - 1) AS s "                      \
+            "GROUP BY 3 ORDER BY 3 ON CONFLICT (scope, level, bucket) DO UPDATE SET n = excluded.n; END LOOP; "        \
+            "EXIT WHEN NOT EXISTS (SELECT FROM " QOR_PLACES " JOIN " log                                               \
+            "_count c ON c.scope = t.scope AND c.level = wide AND c.bucket = t.second >> wide WHERE c.split = 1); "    \
+            "wide := wide - 4; END LOOP; END"),                                                                        \
+        QOR_FUNCTION(log "_count(told jsonb)", "void",                                                                 \
+                     "DECLARE scopes text[]; seconds bigint[]; changes bigint[]; BEGIN "                               \
+                     "SELECT array_agg(e->>0), array_agg((e->>1)::bigint), array_agg((e->>2)::bigint) "                \
+                     "INTO scopes, seconds, changes FROM jsonb_array_elements(told) AS e; "                            \
+                     "IF scopes IS NULL THEN RETURN; END IF; "                                                         \
+                     "PERFORM " log "_count_change(scopes, seconds, changes); "                                        \
+                     "IF 0 < ANY (changes) THEN PERFORM " log "_count_split(scopes, seconds); END IF; END"),           \
+        QOR_FUNCTION(log "_recount(counted text)", "void",                                                             \
+                     "DECLARE told record; BEGIN DELETE FROM " log "_count WHERE scope = counted; "                    \
+                     "FOR told IN " QOR_BLOCKS("SELECT counted AS scope, s AS second, 1 AS change FROM " log           \
+                     "_seconds(counted, NULL, NULL) AS s") " LOOP "                                                    \
+                     "PERFORM " log "_count_change(told.scopes, told.seconds, told.changes); END LOOP; "               \
+                     "FOR told IN " QOR_BLOCKS("SELECT counted AS scope, s AS second, 1 AS change FROM " log           \
+                     "_seconds(counted, NULL, NULL) AS s") " LOOP "                                                    \
+                     "PERFORM " log "_count_split(told.scopes, told.seconds); END LOOP; END")
+
+// Changes added up, so many at a time that an array can hold them.
+#define QOR_BLOCKS(rows)                                                                                   \
+    "SELECT array_agg(g.scope) AS scopes, array_agg(g.second) AS seconds, array_agg(g.change) AS changes " \
+    "FROM (SELECT u.scope, u.second, sum(u.change)::bigint AS change, "                                    \
+    "(row_number() OVER (ORDER BY u.scope, u.second) - 1) / 100000 AS block FROM (" rows                   \
+    ") u GROUP BY u.scope, u.second HAVING sum(u.change) <> 0) g GROUP BY g.block ORDER BY g.block"
+
+// A statement's changes, told when it has ended. Most have one block, which need not be looked for again to be split.
+#define QOR_TELL(log, rows) \
+    "blocks := 0; FOR told IN " QOR_BLOCKS(rows) " LOOP blocks := blocks + 1; last := told; "                  \
+    "PERFORM " log "_count_change(told.scopes, told.seconds, told.changes); END LOOP; "                        \
+    "IF blocks = 1 THEN PERFORM " log "_count_split(last.scopes, last.seconds); "                              \
+    "ELSIF blocks > 1 THEN FOR told IN " QOR_BLOCKS(rows) " LOOP "                                             \
+    "PERFORM " log "_count_split(told.scopes, told.seconds); END LOOP; END IF; "
+
+#define QOR_TELLING(name, log, rowsOf, afterwards) \
+    QOR_FUNCTION(name "()", "trigger",                                                                             \
+                 "DECLARE told record; last record; blocks int; BEGIN IF TG_OP = 'INSERT' THEN " QOR_TELL( \
+                     log, rowsOf("came", "1")) "ELSIF TG_OP = 'DELETE' THEN " QOR_TELL(log, rowsOf("gone", "-1"))  \
+                     "ELSE " QOR_TELL(log, rowsOf("came", "1") " UNION ALL " rowsOf("gone", "-1"))                 \
+                         "END IF; " afterwards "RETURN NULL; END")
+
+#define QOR_SECOND "extract(epoch FROM time)::bigint AS second"
+#define QOR_OPERATIONS(rows, change)                                                                                 \
+    "SELECT '' AS scope, " QOR_SECOND ", " change " AS change FROM " rows " UNION ALL SELECT eid::text, " QOR_SECOND \
+    ", " change " FROM " rows " WHERE eid IS NOT NULL"
+#define QOR_TOUCHED(rows, change)                                                                             \
+    "SELECT '>' || eid::text AS scope, " QOR_SECOND ", " change " AS change FROM " rows                       \
+    " WHERE eid IS DISTINCT FROM own UNION ALL SELECT own::text || '>' || eid::text, " QOR_SECOND ", " change \
+    " FROM " rows " WHERE eid <> own"
+#define QOR_EVENTS(rows, change)                                                                                 \
+    "SELECT '/' || category AS scope, " QOR_SECOND ", " change " AS change FROM " rows                           \
+    " WHERE category <> '' UNION ALL SELECT eid::text || '/' || category, " QOR_SECOND ", " change " FROM " rows \
+    " WHERE category <> '' AND eid IS NOT NULL"
+
+// Rows of the environments that operations touch have the time and the environment of their operation.
+#define QOR_OTHER_THAN_OPERATION(rows) \
+    rows " r JOIN qor_operation o ON o.seq = r.operation WHERE (r.time, r.own) IS DISTINCT FROM (o.time, o.eid)"
+#define QOR_FOLLOW_OPERATION \
+    "IF TG_OP <> 'DELETE' THEN IF EXISTS (SELECT FROM " QOR_OTHER_THAN_OPERATION("came") ") THEN "           \
+    "UPDATE qor_operation_environment e SET time = o.time, own = o.eid FROM came r JOIN qor_operation o "    \
+    "ON o.seq = r.operation WHERE e.operation = r.operation AND e.eid = r.eid "                              \
+    "AND (e.time, e.own) IS DISTINCT FROM (o.time, o.eid); END IF; END IF; "
+#define QOR_LEAD_TOUCHED                                                                       \
+    "IF TG_OP = 'UPDATE' THEN IF EXISTS (SELECT FROM came o JOIN qor_operation_environment e " \
+    "ON e.operation = o.seq WHERE (e.time, e.own) IS DISTINCT FROM (o.time, o.eid)) THEN "     \
+    "UPDATE qor_operation_environment e SET time = o.time, own = o.eid FROM came o "           \
+    "WHERE e.operation = o.seq AND (e.time, e.own) IS DISTINCT FROM (o.time, o.eid); END IF; END IF; "
+
+#define QOR_UNLESS_COUNTED " FOR EACH STATEMENT WHEN (current_setting('qor.counted', true) IS DISTINCT FROM 'on') "
+#define QOR_TRIGGERS(table, name, function)                                                                       \
+    "CREATE TRIGGER " name "_came AFTER INSERT ON " table " REFERENCING NEW TABLE AS came" QOR_UNLESS_COUNTED     \
+    "EXECUTE FUNCTION " function "()",                                                                            \
+        "CREATE TRIGGER " name "_gone AFTER DELETE ON " table " REFERENCING OLD TABLE AS gone" QOR_UNLESS_COUNTED \
+        "EXECUTE FUNCTION " function "()",                                                                        \
+        "CREATE TRIGGER " name "_changed AFTER UPDATE ON " table                                                  \
+        " REFERENCING OLD TABLE AS gone NEW TABLE AS came" QOR_UNLESS_COUNTED "EXECUTE FUNCTION " function "()"
+
+#define QOR_EMPTIED(table, name, work)                                     \
+    QOR_FUNCTION(name "()", "trigger", "BEGIN " work " RETURN NULL; END"), \
+        "CREATE TRIGGER " name " AFTER TRUNCATE ON " table " FOR EACH STATEMENT EXECUTE FUNCTION " name "()"
+
+// A document that was replaced or removed is no unreadable one any more.
+#define QOR_FORGET(table, key, part, condition)                                                           \
+    "DELETE FROM qor_unreadable_document d USING gone g WHERE d.source = '" table "' AND d.part = '" part \
+    "' AND d.record = g." key "::text" condition "; "
+#define QOR_STAYS(table, key, part) \
+    " AND NOT EXISTS (SELECT FROM came c WHERE c." key " = g." key " AND c." part " IS NOT DISTINCT FROM g." part ")"
+#define QOR_FORGETTING(table, name, forgetRemoved, forgetReplaced)                                             \
+    QOR_FUNCTION(name "()", "trigger",                                                                         \
+                 "BEGIN IF NOT EXISTS (SELECT FROM qor_unreadable_document) THEN RETURN NULL; END IF; "        \
+                 "IF TG_OP = 'DELETE' THEN " forgetRemoved "ELSE " forgetReplaced "END IF; RETURN NULL; END"), \
+        "CREATE TRIGGER " name "_removed AFTER DELETE ON " table                                               \
+        " REFERENCING OLD TABLE AS gone FOR EACH STATEMENT EXECUTE FUNCTION " name "()",                       \
+        "CREATE TRIGGER " name "_replaced AFTER UPDATE ON " table                                              \
+        " REFERENCING OLD TABLE AS gone NEW TABLE AS came FOR EACH STATEMENT EXECUTE FUNCTION " name "()"
+#define QOR_FORGETTING_ONE(table, part)                                           \
+    QOR_FORGETTING(table, table "_documents", QOR_FORGET(table, "seq", part, ""), \
+                   QOR_FORGET(table, "seq", part, QOR_STAYS(table, "seq", part)))
+
+constexpr const char* statements[] = {
+    // The second's time, brought between the first and the last that there are.
+    "CREATE FUNCTION qor_time(second bigint) RETURNS timestamp LANGUAGE sql IMMUTABLE AS $$ "
+    "SELECT '1970-01-01 00:00:00'::timestamp + make_interval(secs => least(greatest(second, -62135596800), "
+    "253402300799)) $$",
+
+    // The seconds of a scope's records, of all of them where no span is given.
+    QOR_FUNCTION("qor_operation_seconds(scope text, first bigint, last bigint)", "SETOF bigint",
+                 "DECLARE f timestamp := qor_time(coalesce(first, -62135596800)); "
+                 "l timestamp := qor_time(coalesce(last, 253402300799)); BEGIN "
+                 "IF scope = '' THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint FROM qor_operation r "
+                 "WHERE r.time BETWEEN f AND l; "
+                 "ELSIF length(scope) = 36 THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                 "FROM qor_operation r WHERE r.eid = scope::uuid AND r.time BETWEEN f AND l; "
+                 "ELSIF length(scope) = 37 THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                 "FROM qor_operation_environment r WHERE r.eid = substr(scope, 2)::uuid "
+                 "AND r.eid IS DISTINCT FROM r.own AND r.time BETWEEN f AND l; "
+                 "ELSIF length(scope) = 73 THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                 "FROM qor_operation_environment r WHERE r.eid = substr(scope, 38)::uuid "
+                 "AND r.own = substr(scope, 1, 36)::uuid AND r.eid <> r.own AND r.time BETWEEN f AND l; "
+                 "END IF; END"),
+    QOR_FUNCTION("qor_event_seconds(scope text, first bigint, last bigint)", "SETOF bigint",
+                 "DECLARE f timestamp := qor_time(coalesce(first, -62135596800)); "
+                 "l timestamp := qor_time(coalesce(last, 253402300799)); BEGIN "
+                 "IF substr(scope, 1, 1) = '/' THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                 "FROM qor_event r WHERE r.category = substr(scope, 2) AND r.time BETWEEN f AND l; "
+                 "ELSIF substr(scope, 37, 1) = '/' THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                 "FROM qor_event r WHERE r.category = substr(scope, 38) AND r.eid = substr(scope, 1, 36)::uuid "
+                 "AND r.time BETWEEN f AND l; END IF; END"),
+    QOR_COUNTERS("qor_operation"),
+    QOR_COUNTERS("qor_event"),
+
+    QOR_TELLING("qor_operation_tell", "qor_operation", QOR_OPERATIONS, QOR_LEAD_TOUCHED),
+    QOR_TELLING("qor_touched_tell", "qor_operation", QOR_TOUCHED, QOR_FOLLOW_OPERATION),
+    QOR_TELLING("qor_event_tell", "qor_event", QOR_EVENTS, ""),
+    QOR_TRIGGERS("qor_operation", "qor_operation", "qor_operation_tell"),
+    QOR_TRIGGERS("qor_operation_environment", "qor_touched", "qor_touched_tell"),
+    QOR_TRIGGERS("qor_event", "qor_event", "qor_event_tell"),
+
+    QOR_FORGETTING_ONE("qor_operation", "message"),
+    QOR_FORGETTING_ONE("qor_event", "info"),
+    QOR_FORGETTING_ONE("qor_backup", "info"),
+    QOR_FORGETTING(
+        "qor_environment", "qor_environment_documents",
+        QOR_FORGET("qor_environment", "eid", "config", "") QOR_FORGET("qor_environment", "eid", "virtual_config", ""),
+        QOR_FORGET("qor_environment", "eid", "config", QOR_STAYS("qor_environment", "eid", "config")) QOR_FORGET(
+            "qor_environment", "eid", "virtual_config", QOR_STAYS("qor_environment", "eid", "virtual_config"))),
+
+    QOR_EMPTIED("qor_operation", "qor_operation_emptied",
+                "DELETE FROM qor_operation_count; DELETE FROM qor_unreadable_document WHERE source = 'qor_operation';"),
+    QOR_EMPTIED("qor_operation_environment", "qor_touched_emptied",
+                "DELETE FROM qor_operation_count WHERE length(scope) > 36;"),
+    QOR_EMPTIED("qor_event", "qor_event_emptied",
+                "DELETE FROM qor_event_count; DELETE FROM qor_unreadable_document WHERE source = 'qor_event';"),
+    QOR_EMPTIED("qor_backup", "qor_backup_emptied", "DELETE FROM qor_unreadable_document WHERE source = 'qor_backup';"),
+    QOR_EMPTIED("qor_environment", "qor_environment_emptied",
+                "DELETE FROM qor_unreadable_document WHERE source = 'qor_environment';"),
+};
+
+}  // namespace
+
+const QORSchemaStep postgresUpkeep{statements};
+
+}  // namespace QOR

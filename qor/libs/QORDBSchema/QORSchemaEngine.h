@@ -1,0 +1,48 @@
+/// \file
+/// What differs between engines about the host's schema: its steps, and how an engine tells what there is. Everything
+/// else about it is the same for all.
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "QORDBSchema/QORSchemaSteps.h"
+#include "rdbmspp/engine/ASEngine.h"
+
+namespace QOR {
+
+class ASSession;
+
+/// A trigger, an index or a function of the schema. The texts live as long as the program.
+struct QORSchemaPart {
+    std::string_view name;
+    std::string_view sql;  ///< makes it
+};
+
+/// A step and the version that it leads to. The first leads from nothing, each other one from the version of the one
+/// before it.
+struct QORVersionedStep {
+    int version;
+    const QORSchemaStep* step;
+};
+
+/// One engine. Immutable, of static storage. Statements run within the caller's transaction.
+struct QORSchemaEngine {
+    std::span<const QORVersionedStep> steps;
+    std::span<const std::string_view> parts;  ///< how statements that make a part begin: "CREATE INDEX "
+    const char* alone;                        ///< lets one transaction at a time change the schema; "" where each does
+    const char* markTable;                    ///< makes the table that tells the host's databases from others
+    const char* hasMark;                      ///< a row where that table is there, with its columns
+    const char* hasIdentity;                  ///< a row where the database's identity is kept
+    const char* hasAnything;                  ///< a row where there is any table or view
+    /// Whether a part is there and as its statement makes it, as far as the engine tells.
+    bool (*isThere)(ASSession& session, const QORSchemaPart& part);
+    /// A statement that removes a part, if it is there, so that it can be made; "" for a part that is replaced instead.
+    std::string (*removal)(const QORSchemaPart& part);
+
+    static const QORSchemaEngine& of(ASEngine engine) noexcept;
+    int latestVersion() const noexcept { return steps.back().version; }
+};
+
+}  // namespace QOR
