@@ -241,12 +241,12 @@ TEST_F(LargeAnswers, RowsBeforeAnErrorAreAnsweredWhereTheyStay) {
 }
 
 TEST_F(LargeAnswers, AStreamHasNoBounds) {
-    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) { writeRows(out, 20'000, "text"); };
+    served.behaviour.select = [](QORMessageIterator&, QORMessageIterator& out) { writeRows(out, 60'000, "text"); };
     const Got got = stream();
     EXPECT_TRUE(got.end.whole);
     EXPECT_TRUE(got.end.answer.text.empty());
     EXPECT_GT(got.pieces, 3);
-    EXPECT_EQ(readResponse(got.text).response.nodeCount(), 1U + 1 + 20'000 * 2);
+    EXPECT_EQ(readResponse(got.text).response.nodeCount(), 1U + 1 + 60'000 * 2);
 }
 
 TEST_F(LargeAnswers, TheFirstRowOfAStreamLeavesAtOnce) {

@@ -32,8 +32,8 @@ const QORMessageNode* nextOf(const QORMessageNode* node) noexcept {
 
 QORAnswerFormat::~QORAnswerFormat() = default;
 
-bool isErrorEntry(const QORMessageNode& node) noexcept {
-    return node.tag == tag::error && childWith(node, tag::errorCode) != nullptr;
+bool holdsErrorCode(const QORMessageNode& node) noexcept {
+    return childWith(node, tag::errorCode) != nullptr;
 }
 
 bool findError(const QORMessage& message, QORAnswerError& error) {
@@ -58,9 +58,25 @@ QORAnswerWriter::~QORAnswerWriter() {
 }
 
 bool QORAnswerWriter::takeRow(const QORMessageNode& row) noexcept {
+    return take([&] {
+        giveUpTo(*row.parent, &row);
+        m_format.child(row);
+    });
+}
+
+bool QORAnswerWriter::takeValues(const QORMessageNode& rowSet, std::span<const QORRowValue> values) noexcept {
+    return take([&] {
+        giveUpTo(rowSet, nullptr);
+        m_format.row(values);
+    });
+}
+
+template <class Give>
+bool QORAnswerWriter::take(Give give) noexcept {
     if (m_afterRow == nullptr || m_failure) return false;
     try {
-        giveRow(row);
+        give();
+        ++m_rows;
         return m_afterRow(m_rows);
     } catch (...) {
         m_failure = std::current_exception();
@@ -68,11 +84,9 @@ bool QORAnswerWriter::takeRow(const QORMessageNode& row) noexcept {
     }
 }
 
-void QORAnswerWriter::giveRow(const QORMessageNode& row) {
-    if (!m_open || m_rowSet != row.parent) open(*row.parent);
-    giveChildren(&row);
-    m_format.child(row);
-    ++m_rows;
+void QORAnswerWriter::giveUpTo(const QORMessageNode& rowSet, const QORMessageNode* row) {
+    if (!m_open || m_rowSet != &rowSet) open(rowSet);
+    giveChildren(row);
 }
 
 void QORAnswerWriter::open(const QORMessageNode& rowSet) {

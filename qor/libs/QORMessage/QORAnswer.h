@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -27,7 +28,8 @@ using QORAnswerOutput = std::function<bool(std::string_view block)>;
 
 /// How an answer is spelled. Called in this order: (element | (openRows child* closeRows))* end, each row set with its
 /// children in their order: what names the columns, the rows (tag::row), the counts. Nodes are the message's and valid
-/// during the call; error entries within them (isErrorEntry()) are not to be spelled but in end().
+/// during the call, as are the values of a row; error entries within them (isErrorEntry()) are not to be spelled but in
+/// end().
 class QOR_API QORAnswerFormat {
 public:
     virtual ~QORAnswerFormat();
@@ -36,6 +38,8 @@ public:
     /// A row set begins. Its children are given one by one.
     virtual void openRows(const QORMessageNode& rowSet) = 0;
     virtual void child(const QORMessageNode& child) = 0;
+    /// A row that has no elements: spelled as a child tag::row with these values, tag::value each.
+    virtual void row(std::span<const QORRowValue> values) = 0;
     virtual void closeRows() = 0;
     /// The answer is whole, or ends with an error; then everything is handed over.
     /// \param error null: none
@@ -44,8 +48,13 @@ public:
     virtual void flush() = 0;
 };
 
-/// Whether the element is an error entry of a response, as addError() of operators writes it.
-QOR_API bool isErrorEntry(const QORMessageNode& node) noexcept;
+/// Whether an element named as errors are holds what error entries do.
+QOR_API bool holdsErrorCode(const QORMessageNode& node) noexcept;
+/// Whether the element is an error entry of a response, as addError() of operators writes it. Asked of every element
+/// of every row, so that the answer, no, is found without a call.
+inline bool isErrorEntry(const QORMessageNode& node) noexcept {
+    return node.tag == tag::error && holdsErrorCode(node);
+}
 /// The first error entry of a message, in its order; false when it has none.
 QOR_API bool findError(const QORMessage& message, QORAnswerError& error);
 
@@ -75,7 +84,11 @@ public:
 
 private:
     bool takeRow(const QORMessageNode& row) noexcept override;
-    void giveRow(const QORMessageNode& row);
+    bool takeValues(const QORMessageNode& rowSet, std::span<const QORRowValue> values) noexcept override;
+    template <class Give>
+    bool take(Give give) noexcept;
+    /// Gives what stands before a row.
+    void giveUpTo(const QORMessageNode& rowSet, const QORMessageNode* row);
     void open(const QORMessageNode& rowSet);
     /// Gives the children of the open row set that stand before `until` (null: all) and were not given yet.
     void giveChildren(const QORMessageNode* until);

@@ -50,6 +50,10 @@ public:
     int putInt64(std::int64_t value, QORTag id = 0) override;
     int putBinary(const void* data, std::size_t size, QORTag id = 0) override;
     int removeChildren(QORTag id) override;
+    /// Has a row (tag::row) of values (tag::value) taken from where they lie, where rows are handed over anyway (see
+    /// QORMessageStore::setRowTaker()): its elements, which would be gone at once, are never made.
+    /// \returns false when the row has to be written: rows stay here, or it would reach a limit
+    bool giveRow(std::span<const QORRowValue> values) noexcept { return store().giveValues(*m_node, values); }
 
     /// The last child of the current element, for dropChildrenAfter(); null when there is none.
     const QORMessageNode* mark() const noexcept { return m_node->lastChild; }

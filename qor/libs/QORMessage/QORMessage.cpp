@@ -113,6 +113,22 @@ void QORMessageStore::giveRow() noexcept {
     m_used = m_beforeRow.used;
 }
 
+/// What the elements of the row would take has to be there, as if they were stored.
+bool QORMessageStore::giveValues(const QORMessageNode& rowSet, std::span<const QORRowValue> values) noexcept {
+    if (!handsRowsOver(rowSet)) return false;
+    endRow();
+    const std::size_t nodes = values.size() + 1;
+    std::size_t bytes = 0;
+    for (const QORRowValue& value : values)
+        bytes += value.bytes.size();
+    if (rowSet.kind != QORValueKind::None || rowSet.depth + 2U > m_limits.depth || m_nodes > m_mostNodes ||
+        nodes > m_mostNodes - m_nodes || !hasBytesLeft(bytes)) {
+        return false;
+    }
+    if (!m_rowTaker->takeValues(rowSet, values)) m_mostNodes = 0;
+    return true;
+}
+
 void QORMessageStore::forget(const QORMessageNode& top) noexcept {
     const QORMessageNode* node = &top;
     for (;;) {

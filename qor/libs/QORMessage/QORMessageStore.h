@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,12 +46,21 @@ struct QORMessageNode {
     QORMessageNode* next;  ///< next sibling
 };
 
+/// A value of a row that is handed over without its elements.
+struct QORRowValue {
+    std::string_view bytes;
+    QORValueKind kind = QORValueKind::None;
+};
+
 /// Takes the rows of an answer while it is written.
 class QORRowTaker {
 public:
     /// A row that is complete, within its row set; gone when this returns. Must not throw.
     /// \returns false to take no more: whatever is written from then on fails
     virtual bool takeRow(const QORMessageNode& row) noexcept = 0;
+    /// The same for a row that was never stored and stands at the end of the row set, its values those of elements
+    /// tag::value. They are gone when this returns.
+    virtual bool takeValues(const QORMessageNode& rowSet, std::span<const QORRowValue> values) noexcept = 0;
 
 protected:
     ~QORRowTaker() = default;
@@ -85,6 +95,9 @@ public:
         if (m_openRow != nullptr) giveRow();
     }
 
+    /// See QORBinaryIterator::giveRow().
+    bool giveValues(const QORMessageNode& rowSet, std::span<const QORRowValue> values) noexcept;
+
     bool isDeepest(const QORMessageNode& parent) const noexcept { return parent.depth >= m_limits.depth; }
     bool hasNodesLeft() const noexcept { return m_nodes < m_mostNodes; }
     bool hasBytesLeft(std::size_t size) const noexcept { return size <= m_limits.bytes - m_bytes; }
@@ -101,9 +114,7 @@ public:
 
     /// Appends an element below `parent`; null when the parent has a value, a limit is reached, or there is no memory.
     QORMessageNode* addNode(QORMessageNode& parent, QORTag tag) {
-        if (m_rowTaker != nullptr && tag == tag::row && parent.depth == 1 && parent.tag == tag::rowSet) {
-            beginRow(parent);
-        }
+        if (tag == tag::row && handsRowsOver(parent)) beginRow(parent);
         if (parent.kind != QORValueKind::None || isDeepest(parent) || !hasNodesLeft()) return nullptr;
         void* const memory = take(sizeof(QORMessageNode));
         if (memory == nullptr) return nullptr;
@@ -163,6 +174,9 @@ private:
         return memory;
     }
     bool nextBlock(std::size_t size);
+    bool handsRowsOver(const QORMessageNode& parent) const noexcept {
+        return m_rowTaker != nullptr && parent.depth == 1 && parent.tag == tag::rowSet;
+    }
     void beginRow(QORMessageNode& rowSet) noexcept;
     void openRow(QORMessageNode& row) noexcept {
         m_openRow = &row;

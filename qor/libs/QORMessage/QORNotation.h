@@ -66,8 +66,8 @@ QOR_API void writeResponse(const QORMessage& response, std::string& out);
 /// The same in blocks of about 64 KiB, for answers that should not be in memory twice.
 QOR_API void writeResponse(const QORMessage& response, const QORTextSink& sink);
 
-/// The same, piece by piece, for an answer that leaves while it is written: in blocks of about 64 KiB, or when flushed.
-/// Once the output takes no more, nothing is handed over.
+/// The same, piece by piece, for an answer that leaves while it is written: in blocks of about 256 KiB, or when
+/// flushed. Once the output takes no more, nothing is handed over.
 QOR_API std::unique_ptr<QORAnswerFormat> makeNotationAnswer(QORAnswerOutput output);
 
 /// Appends the text as notation writes it: a JSON string, or `{"base64":"..."}` where its bytes are not UTF-8.

@@ -1,8 +1,11 @@
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <span>
 #include <utility>
 
 #include "QORCommon/QORException.h"
@@ -21,7 +24,13 @@ namespace {
 /// that escapes, and is the faster one (write/notation beside write/notation-rapidjson in bench/message).
 class BlockWriter {
 public:
-    explicit BlockWriter(QORAnswerOutput output) : m_output(std::move(output)) {}
+    explicit BlockWriter(QORAnswerOutput output, std::size_t blockSize = std::size_t{64} << 10)
+        : m_output(std::move(output)),
+          m_buffer(std::make_unique_for_overwrite<char[]>(blockSize)),
+          m_at(m_buffer.get()),
+          m_end(m_at + blockSize) {
+        m_tags.fill(spell(0));
+    }
 
     void put(char c) {
         reserve(1);
@@ -41,6 +50,18 @@ public:
         reserve(mostDigits);
         m_at = std::to_chars(m_at, m_at + mostDigits, value).ptr;
     }
+
+    /// The beginning of an element, "[TAG,": what follows is up to whoever knows what the element holds.
+    void putTag(QORTag tag) {
+        Tag& known = m_tags[tag % m_tags.size()];
+        if (known.tag != tag) known = spell(tag);
+        reserve(sizeof known.text);
+        std::memcpy(m_at, known.text, sizeof known.text);
+        m_at += known.size;
+    }
+
+    /// Takes the comma back that putTag() has just written.
+    void dropComma() { --m_at; }
 
     /// A JSON string, or a base64 object where the bytes are not UTF-8.
     void putText(std::string_view text) {
@@ -81,10 +102,24 @@ public:
     }
 
 private:
-    static constexpr std::size_t blockSize = std::size_t{64} << 10;
     static constexpr std::size_t pieceSize = 1024;
     static constexpr std::size_t mostEscape = 6;  ///< bytes that one byte of a text may become, as in \u0001
     static constexpr std::size_t mostDigits = 20;
+
+    /// A tag as it is written. Few tags make up most of an answer, so what they come to is kept.
+    struct Tag {
+        QORTag tag;
+        std::uint8_t size;
+        char text[16];  ///< copied whole, which takes no call
+    };
+
+    static Tag spell(QORTag tag) {
+        Tag spelled{tag, 0, {'['}};
+        char* const end = std::to_chars(spelled.text + 1, std::end(spelled.text), tag).ptr;
+        *end = ',';
+        spelled.size = static_cast<std::uint8_t>(end + 1 - spelled.text);
+        return spelled;
+    }
 
     void reserve(std::size_t size) {
         if (static_cast<std::size_t>(m_end - m_at) < size) flush();
@@ -114,23 +149,45 @@ private:
         return ((word - ones * 0x20) | (quote - ones) | (backslash - ones) | word) & high;
     }
 
+    /// Copies from the front as far as nothing needs more than that, in words, of which the last overlaps the one
+    /// before. A text of a few bytes is left to the caller. \returns how many bytes
+    static std::size_t copyPlain(char* at, const char* from, const char* end) {
+        const auto size = static_cast<std::size_t>(end - from);
+        std::size_t done = 0;
+        std::uint64_t word;
+        for (; size - done >= sizeof word; done += sizeof word) {
+            std::memcpy(&word, from + done, sizeof word);
+            if (special(word) != 0) return done;
+            std::memcpy(at + done, &word, sizeof word);
+        }
+        if (done == size) return size;
+        if (done > 0) {  // the last word overlaps what has been copied
+            std::memcpy(&word, end - sizeof word, sizeof word);
+            if (special(word) != 0) return done;
+            std::memcpy(at + size - sizeof word, &word, sizeof word);
+            return size;
+        }
+        std::uint32_t halves[2];
+        if (size < sizeof halves[0]) return 0;
+        std::memcpy(&halves[0], from, sizeof halves[0]);
+        std::memcpy(&halves[1], end - sizeof halves[1], sizeof halves[1]);
+        if (special(halves[0] | std::uint64_t{halves[1]} << 32) != 0) return 0;
+        std::memcpy(at, &halves[0], sizeof halves[0]);
+        std::memcpy(at + size - sizeof halves[1], &halves[1], sizeof halves[1]);
+        return size;
+    }
+
     /// Writes the text with escapes and returns the end; null when it holds bytes above 127 and `check` refuses it.
     template <class Check>
     static char* escape(char* at, std::string_view text, Check check) {
         const char* from = text.data();
         const char* const end = from + text.size();
         bool checked = false;
-        while (from != end) {
-            std::uint64_t word;
-            if (end - from >= static_cast<std::ptrdiff_t>(sizeof word)) {
-                std::memcpy(&word, from, sizeof word);
-                if (special(word) == 0) {
-                    std::memcpy(at, &word, sizeof word);
-                    at += sizeof word;
-                    from += sizeof word;
-                    continue;
-                }
-            }
+        for (;;) {
+            const std::size_t plain = copyPlain(at, from, end);
+            at += plain;
+            from += plain;
+            if (from == end) break;
             const auto byte = static_cast<unsigned char>(*from++);
             if (byte >= 0x80 && !checked) {
                 if (!check()) return nullptr;
@@ -180,10 +237,11 @@ private:
     }
 
     const QORAnswerOutput m_output;
-    bool m_taken = true;  ///< until the output takes no more
-    std::unique_ptr<char[]> m_buffer = std::make_unique_for_overwrite<char[]>(blockSize);
-    char* m_at = m_buffer.get();
-    char* const m_end = m_buffer.get() + blockSize;
+    bool m_taken = true;        ///< until the output takes no more
+    std::array<Tag, 8> m_tags;  ///< each at its remainder
+    std::unique_ptr<char[]> m_buffer;
+    char* m_at;
+    char* const m_end;
 };
 
 /// Writes elements as notation, error entries left out if so asked.
@@ -209,6 +267,20 @@ public:
         }
     }
 
+    /// A row as its elements would be written.
+    void writeRow(std::span<const QORRowValue> values) {
+        m_out.putTag(tag::row);
+        if (values.empty()) m_out.dropComma();
+        for (const QORRowValue& value : values) {
+            m_out.put(&value == values.data() ? '[' : ',');
+            m_out.putTag(tag::value);
+            value.kind == QORValueKind::None ? m_out.dropComma() : putValue(value.bytes, value.kind);
+            m_out.put(']');
+        }
+        if (!values.empty()) m_out.put(']');
+        m_out.put(']');
+    }
+
     /// The children of a root, separated by commas.
     void writeChildren(const QORMessageNode& root) {
         for (const QORMessageNode* node = shown(root.firstChild); node != nullptr;) {
@@ -221,17 +293,18 @@ public:
 private:
     /// Writes an element up to its children and returns the first of them; null when it has none.
     const QORMessageNode* open(const QORMessageNode& node) {
-        m_out.put('[');
-        m_out.putNumber(node.tag);
+        m_out.putTag(node.tag);
         if (node.kind == QORValueKind::None) {
             const QORMessageNode* const child = shown(node.firstChild);
-            if (child != nullptr) m_out.put(",[");
+            child != nullptr ? m_out.put('[') : m_out.dropComma();
             return child;
         }
-        m_out.put(',');
-        const std::string_view value(node.data, node.size);
-        node.kind == QORValueKind::Text ? m_out.putText(value) : m_out.putBinary(value);
+        putValue({node.data, node.size}, node.kind);
         return nullptr;
+    }
+
+    void putValue(std::string_view value, QORValueKind kind) {
+        kind == QORValueKind::Text ? m_out.putText(value) : m_out.putBinary(value);
     }
 
     /// The first element to write from `node` on along its siblings.
@@ -299,7 +372,7 @@ void putResponse(const QORMessage& response, BlockWriter& out) {
 /// An answer that is written as it comes.
 class NotationAnswer final : public QORAnswerFormat {
 public:
-    explicit NotationAnswer(QORAnswerOutput output) : m_out(std::move(output)), m_tree(m_out, true) {
+    explicit NotationAnswer(QORAnswerOutput output) : m_out(std::move(output), blockSize), m_tree(m_out, true) {
         m_out.put("{\"response\":[");
     }
 
@@ -309,14 +382,17 @@ public:
     }
     void openRows(const QORMessageNode& rowSet) override {
         separate();
-        m_out.put('[');
-        m_out.putNumber(rowSet.tag);
+        m_out.putTag(rowSet.tag);
+        m_out.dropComma();
         m_childless = true;
     }
     void child(const QORMessageNode& child) override {
-        m_childless ? m_out.put(",[") : m_out.put(',');
-        m_childless = false;
+        beginChild();
         m_tree.writeElement(child);
+    }
+    void row(std::span<const QORRowValue> values) override {
+        beginChild();
+        m_tree.writeRow(values);
     }
     void closeRows() override { m_childless ? m_out.put(']') : m_out.put("]]"); }
     void end(const QORAnswerError* error) override {
@@ -331,6 +407,13 @@ public:
     void flush() override { m_out.flush(); }
 
 private:
+    /// A block that leaves wakes who sends it and who reads it, which costs more than writing some hundred rows.
+    static constexpr std::size_t blockSize = std::size_t{256} << 10;
+
+    void beginChild() {
+        m_childless ? m_out.put(",[") : m_out.put(',');
+        m_childless = false;
+    }
     void separate() {
         if (!std::exchange(m_first, false)) m_out.put(',');
     }

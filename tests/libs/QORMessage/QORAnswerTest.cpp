@@ -5,6 +5,8 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "QORMessage/QORBinaryIterator.h"
@@ -141,6 +143,118 @@ TEST(Answer, IsSpelledAsIfItHadBeenKept) {
         const std::string expected = whole(write);
         EXPECT_EQ(Streamed(write).text, expected);
     }
+}
+
+constexpr QORRowValue null{};
+QORRowValue text(std::string_view bytes) {
+    return {bytes, QORValueKind::Text};
+}
+QORRowValue binary(std::string_view bytes) {
+    return {bytes, QORValueKind::Binary};
+}
+
+void writeElements(QORBinaryIterator& at, const std::vector<QORRowValue>& values) {
+    ASSERT_EQ(at.addChild(tag::row), 0);
+    for (const QORRowValue& value : values) {
+        ASSERT_EQ(at.addChild(tag::value), 0);
+        if (value.kind == QORValueKind::Text) {
+            ASSERT_EQ(at.putValue(value.bytes), 0);
+        } else if (value.kind == QORValueKind::Binary) {
+            ASSERT_EQ(at.putBinary(value.bytes.data(), value.bytes.size()), 0);
+        }
+        at.seekUp();
+    }
+    at.seekUp();
+}
+
+TEST(Answer, ARowGivenWholeIsSpelledAsItsElementsAre) {
+    const std::string longText(3000, '"');
+    const std::vector<std::vector<QORRowValue>> rows = {
+        {},
+        {text("1"), null, text("")},
+        {null},
+        {binary({"\0\1", 2}), text("\"quoted\"\n"), text("\xff no text"), binary("")},
+        {text(longText), text("\xc3\xa9")},
+    };
+    using WriteRow = std::function<void(QORBinaryIterator&, const std::vector<QORRowValue>&)>;
+    const auto answerOf = [&](const WriteRow& writeRow) {
+        return [&rows, writeRow](QORBinaryIterator& at) {
+            at.putValue("before", tag::value);
+            at.addChild(tag::rowSet);
+            at.putValue("a", tag::name);
+            for (const auto& row : rows)
+                writeRow(at, row);
+            at.putValue("between rows", tag::name);
+            writeElements(at, {text("in elements")});
+            writeRow(at, {text("behind")});
+            writeError(at, 7, "within the row set");
+            at.seekUp();
+            at.addChild(tag::rowSet);
+            writeRow(at, {text("another row set")});
+            at.seekUp();
+        };
+    };
+    const Streamed given(answerOf(
+        [](QORBinaryIterator& at, const std::vector<QORRowValue>& values) { EXPECT_TRUE(at.giveRow(values)); }));
+    EXPECT_EQ(given.text, whole(answerOf(writeElements)));
+    EXPECT_EQ(given.rows, static_cast<std::int64_t>(rows.size()) + 3);
+}
+
+TEST(Answer, ARowIsNotGivenWhereRowsStay) {
+    QORMessage message;
+    QORBinaryIterator at = message.root();
+    at.addChild(tag::rowSet);
+    EXPECT_FALSE(at.giveRow(std::vector{text("x")})) << "nobody takes rows";
+    EXPECT_EQ(message.nodeCount(), 1U);
+    const Streamed answer([](QORBinaryIterator& beside) {
+        EXPECT_FALSE(beside.giveRow(std::vector{text("beside")}));
+        beside.addChild(tag::reply);
+        EXPECT_FALSE(beside.giveRow(std::vector{text("elsewhere")}));
+        beside.addChild(tag::rowSet);
+        EXPECT_FALSE(beside.giveRow(std::vector{text("below")}));
+        beside.reset();
+        beside.putValue("a text", tag::rowSet);
+        beside.firstChild(tag::rowSet);
+        EXPECT_FALSE(beside.giveRow(std::vector{text("below a text")}));
+    });
+    EXPECT_EQ(answer.rows, 0);
+}
+
+/// How many rows of two values of 5 bytes a message takes that has these limits.
+std::pair<int, int> givenAndWritten(const QORMessageLimits& limits) {
+    std::pair<int, int> counts;
+    for (int* const count : {&counts.first, &counts.second}) {
+        QORMessage message(limits);
+        const auto format = makeNotationAnswer([](std::string_view) { return true; });
+        const QORAnswerWriter writer(message, *format, [](std::int64_t rows) { return rows < 10; });
+        QORBinaryIterator at = message.root();
+        at.addChild(tag::rowSet);
+        const std::vector values{text("12345"), text("67890")};
+        const auto write = [&] {
+            const bool done = at.addChild(tag::row) == 0 && at.putValue("12345", tag::value) == 0 &&
+                              at.putValue("67890", tag::value) == 0;
+            at.seekUp();
+            return done;
+        };
+        while (count == &counts.first ? at.giveRow(values) : write())
+            ++*count;
+    }
+    return counts;
+}
+
+TEST(Answer, ARowIsGivenWithinTheLimitsThatItsElementsWouldMeet) {
+    const auto with = [](auto member, auto value) {
+        QORMessageLimits limits;
+        limits.*member = value;
+        return givenAndWritten(limits);
+    };
+    const std::pair all(10, 10), none(0, 0);
+    EXPECT_EQ(with(&QORMessageLimits::nodes, 4U), all);
+    EXPECT_EQ(with(&QORMessageLimits::nodes, 3U), none);
+    EXPECT_EQ(with(&QORMessageLimits::bytes, 10U), all);
+    EXPECT_EQ(with(&QORMessageLimits::bytes, 9U), none);
+    EXPECT_EQ(with(&QORMessageLimits::depth, 3U), all);
+    EXPECT_EQ(with(&QORMessageLimits::depth, 2U), none);
 }
 
 TEST(Answer, TakesTheMemoryOfOneRow) {

@@ -20,6 +20,49 @@ void expectWritten(int result) {
     if (result != 0) throwException(errFailure, "cannot put value in output message", pager2SourcePath, __LINE__);
 }
 
+/// The row that a cursor has fetched, as the answer has it.
+class OutputRow {
+public:
+    void add(const ASData& data) {
+        m_columns.push_back({&data, {}});
+        m_values.emplace_back();
+    }
+
+    void write(QORBinaryIterator& out) {
+        for (std::size_t i = 0; i < m_columns.size(); ++i)
+            m_values[i] = valueOf(m_columns[i]);
+        if (!out.giveRow(m_values)) writeElements(out);
+    }
+
+private:
+    struct Column {
+        const ASData* data;
+        ASTextBuffer scratch;  ///< of the present row's text
+    };
+
+    static QORRowValue valueOf(Column& column) {
+        const ASData& data = *column.data;
+        if (data.isNull()) return {};
+        const bool bytes = data.type() == ColumnType::Blob;
+        return {data.text(column.scratch), bytes ? QORValueKind::Binary : QORValueKind::Text};
+    }
+
+    void writeElements(QORBinaryIterator& out) const {
+        addChild(out, tag::row);
+        for (const QORRowValue& value : m_values) {
+            addChild(out, tag::value);
+            if (value.kind == QORValueKind::Binary)
+                expectWritten(out.putBinary(value.bytes.data(), value.bytes.size()));
+            if (value.kind == QORValueKind::Text) expectWritten(out.putValue(value.bytes));
+            out.seekUp();
+        }
+        out.seekUp();
+    }
+
+    std::vector<Column> m_columns;
+    std::vector<QORRowValue> m_values;
+};
+
 ASOrder orderOf(const ColumnCell& cell, bool descending) {
     const ASOrder ascending = cell.getAggrAttr() ? ASOrder(*cell.getAggrAttr()) : ASOrder(*cell.getAttr());
     return descending ? -ascending : ascending;
@@ -80,12 +123,11 @@ void SelectStmnt::execute(QORBinaryIterator& out) {
 
     addChild(out, tag::rowSet);
     writeColumnNames(out);
-    std::vector<const ColumnCell*> cells;
-    cells.reserve(m_outputFields.size());
+    OutputRow row;
     for (const auto& [key, cell] : m_outputFields)
-        cells.push_back(&cell);
+        row.add(*cell.getData());
     while (cursor.Fetch())
-        writeRow(out, cells);
+        row.write(out);
     if (m_countWanted) writeCounts(out, *transaction, cursor);
     out.seekUp();
 }
@@ -96,22 +138,6 @@ void SelectStmnt::writeColumnNames(QORBinaryIterator& out) const {
         expectWritten(out.putValue(cell.displayName()));
         out.seekUp();
     }
-}
-
-void SelectStmnt::writeRow(QORBinaryIterator& out, const std::vector<const ColumnCell*>& cells) const {
-    ASTextBuffer scratch;
-    addChild(out, tag::row);
-    for (const ColumnCell* cell : cells) {
-        addChild(out, tag::value);
-        const ASData& data = *cell->getData();
-        if (!data.isNull()) {
-            const std::string_view text = data.text(scratch);
-            expectWritten(data.type() == ColumnType::Blob ? out.putBinary(text.data(), text.size())
-                                                          : out.putValue(text));
-        }
-        out.seekUp();
-    }
-    out.seekUp();
 }
 
 void SelectStmnt::writeCounts(QORBinaryIterator& out, ASSession& database, const ASCursor& cursor) const {

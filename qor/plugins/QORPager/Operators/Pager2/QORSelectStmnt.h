@@ -127,7 +127,6 @@ private:
     ASAccess access() const;
     void prepareAccessCheck(QORRdbmsTran& transaction) const;
     void writeColumnNames(QORBinaryIterator& out) const;
-    void writeRow(QORBinaryIterator& out, const std::vector<const ColumnCell*>& cells) const;
     void writeCounts(QORBinaryIterator& out, ASSession& database, const ASCursor& cursor) const;
 
     SelectStmnt* m_parent;
