@@ -108,9 +108,12 @@ std::optional<std::int64_t> scanOffset(Scanner& scan) {
     return west ? -ahead : ahead;
 }
 
-/// The number that two digits are, -1 for anything else.
-int twoDigits(const char* at) {
-    return isDigitChar(at[0]) && isDigitChar(at[1]) ? (at[0] - '0') * 10 + (at[1] - '0') : -1;
+/// The number that two digits are; `wrong` becomes true for anything else.
+int twoDigits(const char* at, bool& wrong) {
+    const unsigned tens = static_cast<unsigned char>(at[0]) - static_cast<unsigned>('0');
+    const unsigned ones = static_cast<unsigned char>(at[1]) - static_cast<unsigned>('0');
+    wrong |= (tens > 9) | (ones > 9);
+    return static_cast<int>(tens * 10 + ones);
 }
 
 /// "YYYY-MM-DD HH:MM:SS", the form in which databases keep times, read at a fraction of the scanner's cost: most
@@ -120,11 +123,12 @@ std::optional<std::int64_t> readDbForm(std::string_view text) {
     if (text.size() != length) return std::nullopt;
     const char* t = text.data();
     if (t[4] != '-' || t[7] != '-' || t[10] != ' ' || t[13] != ':' || t[16] != ':') return std::nullopt;
-    const int century = twoDigits(t), years = twoDigits(t + 2), month = twoDigits(t + 5), day = twoDigits(t + 8);
-    const int hour = twoDigits(t + 11), minute = twoDigits(t + 14), second = twoDigits(t + 17);
-    if (century < 0 || years < 0 || month < 0 || day < 0) return std::nullopt;
-    if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 59) return std::nullopt;
-    const auto date = dayOf(century * 100 + years, month, day);
+    bool wrong = false;
+    const int year = twoDigits(t, wrong) * 100 + twoDigits(t + 2, wrong);
+    const int month = twoDigits(t + 5, wrong), day = twoDigits(t + 8, wrong);
+    const int hour = twoDigits(t + 11, wrong), minute = twoDigits(t + 14, wrong), second = twoDigits(t + 17, wrong);
+    if (wrong || hour > 23 || minute > 59 || second > 59) return std::nullopt;
+    const auto date = dayOf(year, month, day);
     if (!date) return std::nullopt;
     return ((*date * 24 + hour) * 60 + minute) * 60 + second;
 }

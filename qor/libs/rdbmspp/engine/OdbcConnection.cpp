@@ -22,7 +22,7 @@ namespace {
 // The driver fills the whole of a bound buffer at every fetch, so a wide one costs more than reading the few long
 // values once again. Buffers grow to what a statement's results turn out to need.
 constexpr std::size_t smallestBuffer = 32;
-constexpr std::size_t firstBufferAtMost = 128;
+constexpr std::size_t firstBufferAtMost = 64;
 constexpr std::size_t largestBuffer = 1024;
 // A value whose length the driver does not tell is read in pieces that double.
 constexpr std::size_t firstPiece = 64 * 1024;
@@ -371,8 +371,8 @@ bool OdbcStatement::isNull(std::size_t column) const noexcept {
 
 std::string_view OdbcStatement::value(std::size_t column) const noexcept {
     const Column& c = *m_columns[column];
-    if (c.indicator <= 0) return {};
-    const auto length = static_cast<std::size_t>(c.indicator);
+    if (c.indicator == SQL_NULL_DATA) return {};
+    const auto length = static_cast<std::size_t>(std::max<SQLLEN>(c.indicator, 0));
     if (length > c.room()) return c.whole;
     return {c.buffer.data(), length};
 }

@@ -51,7 +51,7 @@ public:
     void execute();
     bool fetch();
     bool isNull(std::size_t column) const noexcept;
-    /// Valid until the next fetch or close.
+    /// Valid until the next fetch or close. Null, and nothing else, has no address (data()).
     std::string_view value(std::size_t column) const noexcept;
     std::int64_t changes();
     void close() noexcept;

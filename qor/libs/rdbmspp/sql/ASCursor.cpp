@@ -216,11 +216,11 @@ void ASCursor::Impl::bind(const ASProject& project) {
 void ASCursor::Impl::take(std::size_t index) {
     const Column& column = columns[index];
     if (!column.data) return;
-    if (statement->isNull(index)) {
+    const std::string_view stored = statement->value(index);
+    if (stored.data() == nullptr) {
         column.data->setNull();
         return;
     }
-    const std::string_view stored = statement->value(index);
     column.data->take(stored);
     if (column.sum && column.data->isRaw() && isNumber(stored) && !takeWholeReal(*column.data, stored)) {
         if (isBeyond64Bits(stored)) {

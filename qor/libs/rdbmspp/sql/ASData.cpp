@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstring>
 
-#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
 #include "rdbmspp/engine/ASValue.h"
@@ -44,14 +43,19 @@ bool readDouble(std::string_view text, double& value) {
     return std::isfinite(value);
 }
 
+/// Counts before it decides: nearly every text that is asked about is a GUID, and a loop that never leaves early is
+/// the faster one.
 bool isCanonicalGuid(std::string_view text) {
     if (text.size() != guidLength) return false;
+    if (text[8] != '-' || text[13] != '-' || text[18] != '-' || text[23] != '-') return false;
+    std::uint8_t digits = 0;
     for (std::size_t i = 0; i < guidLength; ++i) {
-        const char c = text[i];
-        const bool hyphen = i == 8 || i == 13 || i == 18 || i == 23;
-        if (hyphen ? c != '-' : !(isDigitChar(c) || (c >= 'a' && c <= 'f'))) return false;
+        const auto c = static_cast<std::uint8_t>(text[i]);
+        const bool decimal = static_cast<std::uint8_t>(c - '0') < 10;
+        const bool letter = static_cast<std::uint8_t>(c - 'a') < 6;
+        digits = static_cast<std::uint8_t>(digits + (decimal | letter));
     }
-    return true;
+    return digits == guidLength - 4;
 }
 
 }  // namespace
