@@ -64,6 +64,7 @@ std::size_t distance(std::string_view written, std::string_view declared) {
 
 }  // namespace
 
+// The operator's own steps at its start, but for the host that its fields ask to resolve what records refer to.
 FilterNames::FilterNames(const QORPtr<const QORVocMap>& vocabulary) {
     m_fields.registerPrefixes();
     if (vocabulary == nullptr) {
@@ -95,8 +96,7 @@ const std::string* FilterNames::findPrefix(std::string_view name) const {
 }
 
 void FilterNames::declare(TExpressionEvaluation& evaluator, std::string_view text) const {
-    for (const QORField& field : m_fields)
-        evaluator.declareIdentifier(field.name, field.valueType, field.cursorType == TCursorType::Env);
+    m_fields.declareIn(evaluator);
     forEachName(text, [&](std::string_view name) {
         if (find(name) == nullptr && findPrefix(name) != nullptr)
             evaluator.declareIdentifier(name, TValueType::String, false);

@@ -67,6 +67,8 @@ private:
             if (constant.turn == turn) m_expected.push_back(&constant);
     }
 
+    /// What the turns of constants mean to a source that reads records is asked of the filter alone here: there is no
+    /// database whose failure makes the source go on with the next alternative.
     void expectCondition() {
         for (const QORSourceConstant& constant : m_source.constants) {
             if (constant.turn != QORConstantTurn::Alternative) continue;

@@ -6,6 +6,7 @@
 
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORPager/QORBuiltInFields.h"
+#include "QORPager/QORExpressionEvaluation.h"
 #include "QORPager/QORFieldGetters.h"
 #include "QORPager/QORPagerVocabulary.h"
 #include "QORPager/QORSources.h"
@@ -100,6 +101,11 @@ void QORFieldSet::registerCaches(const CacheInfoMap& caches) {
     for (const auto& [id, cache] : caches) {
         if (!cache.info_prefix.empty()) registerPrefix(cache.info_prefix, TCursorType::Info, id);
     }
+}
+
+void QORFieldSet::declareIn(TExpressionEvaluation& filter) const {
+    for (const QORField& field : m_fields)
+        filter.declareIdentifier(field.name, field.valueType, field.cursorType == TCursorType::Env);
 }
 
 QORFieldSet::Prefixes::const_iterator QORFieldSet::findPrefix(std::string_view name) const {

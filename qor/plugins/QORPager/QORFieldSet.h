@@ -15,6 +15,8 @@
 
 namespace QOR {
 
+class TExpressionEvaluation;
+
 /// What names under a prefix stand for.
 struct InfoPrefixDescription {
     TCursorType cursorType;
@@ -67,6 +69,9 @@ public:
     bool hasPrefix(std::string_view name) const { return findPrefix(name) != m_prefixes.end(); }
     /// Registers the parameter at `path` of the row's info document. A name that is there already keeps its field.
     Position addInfoField(std::string name, TCursorType cursorType, std::string path, std::string cacheName);
+
+    /// Declares every field to a filter, those of environments as special.
+    void declareIn(TExpressionEvaluation& filter) const;
 
     using Prefixes = std::map<std::string, InfoPrefixDescription, std::less<>>;
     const Prefixes& prefixes() const noexcept { return m_prefixes; }

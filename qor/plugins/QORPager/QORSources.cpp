@@ -10,6 +10,7 @@ namespace {
 using Turn = QORConstantTurn;
 using Use = QORConstantUse;
 
+// A table for what each source has of a kind. They look alike, and each says something else.
 constexpr std::array<QORSourceConstant, 1> environmentConstants{{
     {"pager.env.eid.InPlaceholder", ttIn, Use::Unit, "unit that the environments belong to"},
 }};

@@ -54,8 +54,7 @@ void QORPagerOperatorPrototype::init() {
 }
 
 void QORPagerOperatorPrototype::initIdentifiers() {
-    for (const QORField& field : m_fieldSet)
-        m_evaluator->declareIdentifier(field.name, field.valueType, field.cursorType == TCursorType::Env);
+    m_fieldSet.declareIn(*m_evaluator);
 }
 
 void QORPagerOperatorPrototype::resetEvaluator() {
