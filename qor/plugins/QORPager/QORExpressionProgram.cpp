@@ -174,7 +174,7 @@ private:
 
     /// Constants and names are read where they are used: a push just before an operator becomes its operand.
     void takeLeaf(Source& operand) {
-        if (code().empty() || code().back().op != Op::Push) return;
+        if (code().back().op != Op::Push) return;  // an operand is there, so that something has made it
         const Convert convert = operand.convert;
         operand = code().back().left;
         operand.convert = convert;
@@ -453,8 +453,11 @@ void TExpressionProgram::drop(const Source& source, TOperand*& top) noexcept {
     if (source.from == From::Stack) --top;
 }
 
+// Where the left operand is read in its place, the right one is too: the code before an operator ends with what is on
+// its right.
+
 int TExpressionProgram::compareTexts(const Instruction& instruction, TTextPool& pool, TOperand*& top) const {
-    if (instruction.left.from != From::Stack && instruction.right.from != From::Stack) {
+    if (instruction.left.from != From::Stack) {
         const std::string_view left = leafText(instruction.left);
         const std::string_view right = leafText(instruction.right);
         return isEquality(instruction.orders) ? (left == right ? 0 : 1) : left.compare(right);
@@ -471,7 +474,7 @@ int TExpressionProgram::compareTexts(const Instruction& instruction, TTextPool& 
 }
 
 bool TExpressionProgram::like(const Instruction& instruction, TTextPool& pool, TOperand*& top) const {
-    if (instruction.left.from != From::Stack && instruction.right.from != From::Stack) {
+    if (instruction.left.from != From::Stack) {
         return matchLike(leafText(instruction.left), leafText(instruction.right));
     }
     TOperand pattern = text(instruction.right, top);

@@ -42,6 +42,7 @@ const RewriteCase rewriteCases[] = {
     {"x and 5 =! pager.op_log.time", "x and 5 =! pager.op_log.time"},
     {"x and '1970-01-02' =! pager.op_log.time", "x and '1970-01-02' =! pager.op_log.time"},
     // The first four characters are never part of a literal on the left.
+    {"'' = ! pager.op_log.time = '1970-01-02'", "'' = ! pager.op_log.time = 86400"},
     {"'1970-01-02' = pager.op_log.time", "'1970-01-02' = pager.op_log.time"},
     {"   '1970-01-02' = pager.op_log.time", "   '1970-01-02' = pager.op_log.time"},
     {"    '1970-01-02' = pager.op_log.time", "    86400 = pager.op_log.time"},

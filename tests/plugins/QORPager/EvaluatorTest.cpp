@@ -225,6 +225,7 @@ TEST(ExpressionEvaluator, PowerHasNoSpellingButAMethod) {
     EXPECT_EQ(power(new TIntegerValue(0), new TIntegerValue(2)), 0);
     EXPECT_EQ(power(new TIntegerValue(2), new TIntegerValue(0)), 1);
     EXPECT_EQ(power(new TIntegerValue(2), new TStringValue("2")), -1014);
+    EXPECT_EQ(power(new TStringValue("2"), new TIntegerValue(2)), -1014);
 }
 
 TEST(ExpressionEvaluator, ReturnedTextsLiveUntilTheNextOne) {
@@ -259,6 +260,7 @@ TEST(ExpressionEvaluator, ANodeThatFailsLeavesNoOperandBehind) {
     evaluator->pushOperand(new TIntegerValue(7));
     EXPECT_EQ(evaluator->getNodeValue(*evaluator->buildTree()), nullptr);
     EXPECT_EQ(evaluator->getErrorCode(), etInvalidType);
+    EXPECT_EQ(evaluator->getNodeValue(evaluator->buildTree()->children().front()), nullptr) << "an error stays set";
     evaluator->clearError();
     const std::unique_ptr<TBaseValue> sum(evaluator->operatorAdd());
     EXPECT_EQ(TIntegerValue::getValue(sum.get()), 12) << "what was there before is still on top";
@@ -271,6 +273,18 @@ TEST(ExpressionEvaluator, ANodeIsEvaluatedOnTopOfOtherOperands) {
     const std::unique_ptr<TBaseValue> product(evaluator->operatorMul());
     EXPECT_EQ(TIntegerValue::getValue(product.get()), 12);
     EXPECT_FALSE(evaluator->isError());
+}
+
+TEST(ExpressionEvaluator, ANameOfEveryTypeHasAValueBeforeARowIsRead) {
+    const auto declared = [](TValueType type) {
+        TExpressionEvaluation evaluator("x");
+        EXPECT_TRUE(evaluator.declareIdentifier("x", type, false));
+        return evaluator.toString();
+    };
+    EXPECT_EQ(declared(TValueType::Boolean), "true");
+    EXPECT_EQ(declared(TValueType::Integer), "0");
+    for (const TValueType type : {TValueType::String, TValueType::Date, TValueType::IPAddress, TValueType::Time})
+        EXPECT_EQ(declared(type), "");
 }
 
 TEST(ExpressionEvaluator, ValuesWithoutAClassAreInvalid) {

@@ -64,6 +64,13 @@ TEST(ExpressionTables, OperatorsAreWhatTheyAre) {
     }
 }
 
+TEST(ExpressionTables, OperatorsAreSpeltTheFirstWayOfThoseThatThereAre) {
+    EXPECT_EQ(spellingOf(ttLike), "like");
+    EXPECT_EQ(spellingOf(ttNotEqual), "<>");
+    EXPECT_EQ(spellingOf(ttFunction), "");
+    EXPECT_EQ(spellingOf(ttNone), "");
+}
+
 TEST(ExpressionTables, FunctionsAreUpperAndLower) {
     EXPECT_EQ(functionRows().size(), 2U);
     ASSERT_NE(findFunction("upper"), nullptr);

@@ -24,12 +24,13 @@ ASComparison chain(Node::Kind kind, ASComparison left, const ASComparison& right
 
 }  // namespace
 
-// A chain of many terms is a deep tree; the pointers' own destructors would go down it by recursion.
+// A chain of many terms is a deep tree; the pointers' own destructors would go down it by recursion. What has parts has
+// a left one.
 ASComparison::Node::~Node() {
-    if (!left && !right) return;
+    if (!left) return;
     std::vector<std::shared_ptr<Node>> doomed;
     const auto collect = [&doomed](std::shared_ptr<Node>& child) {
-        if (child && child.use_count() == 1 && (child->left || child->right)) doomed.push_back(std::move(child));
+        if (child && child.use_count() == 1 && child->left) doomed.push_back(std::move(child));
     };
     collect(left);
     collect(right);

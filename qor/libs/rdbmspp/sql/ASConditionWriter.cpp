@@ -259,7 +259,7 @@ const char* operatorText(Node::Op op) {
         case Node::Op::Le:
             break;
     }
-    return op == Node::Op::Le ? " <= " : " = ";
+    return " <= ";
 }
 
 Node::Op opposite(Node::Op op) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -43,29 +44,26 @@ OdbcColumn layoutOf(const ASData* data) {
     }
 }
 
-bool isNumber(std::string_view text) {
-    double value = 0;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-    return result.ptr == text.data() + text.size() && result.ec != std::errc::invalid_argument;
+/// A sum as the engine tells it; infinite when no double holds it.
+double sumOf(std::string_view stored) {
+    double value = std::numeric_limits<double>::infinity();
+    std::from_chars(stored.data(), stored.data() + stored.size(), value);
+    return value;
 }
 
 constexpr const char* overflowText = "integer overflow";  // the engine's
 
-bool isBeyond64Bits(std::string_view number) {
+bool isBeyond64Bits(double sum) {
     constexpr double limit = 9223372036854775808.0;
-    double value = 0;
-    const auto result = std::from_chars(number.data(), number.data() + number.size(), value);
-    return result.ec == std::errc::result_out_of_range || std::fabs(value) >= limit;
+    return std::fabs(sum) >= limit;
 }
 
 // A text among integers counts as 0 and makes the engine add in floating point; the sum is a whole number all the same.
 // Beyond 2^53 it may have been rounded, and is no such number any more.
-bool takeWholeReal(ASData& data, std::string_view stored) {
+bool takeWholeReal(ASData& data, double sum) {
     constexpr double exact = 9007199254740992.0;
-    double value = 0;
-    std::from_chars(stored.data(), stored.data() + stored.size(), value);
-    if (!(std::fabs(value) <= exact) || std::trunc(value) != value) return false;
-    data.take(std::to_string(static_cast<std::int64_t>(value)));
+    if (!(std::fabs(sum) <= exact) || std::trunc(sum) != sum) return false;
+    data.take(std::to_string(static_cast<std::int64_t>(sum)));
     return !data.isRaw();
 }
 
@@ -222,13 +220,14 @@ void ASCursor::Impl::take(std::size_t index) {
         return;
     }
     column.data->take(stored);
-    if (column.sum && column.data->isRaw() && isNumber(stored) && !takeWholeReal(*column.data, stored)) {
-        if (isBeyond64Bits(stored)) {
-            throw AException(std::string("a sum is beyond 64 bits of ") + session.impl().dialect->name);
-        }
-        throw AException(column.sum->Query(*session.impl().dialect) + " is " + std::string(stored) +
-                         ", which is no integer of " + (column.data->type() == ASType::Int ? "32" : "64") + " bits");
+    if (!column.sum || !column.data->isRaw()) return;
+    const double sum = sumOf(stored);
+    if (takeWholeReal(*column.data, sum)) return;
+    if (isBeyond64Bits(sum)) {
+        throw AException(std::string("a sum is beyond 64 bits of ") + session.impl().dialect->name);
     }
+    throw AException(column.sum->Query(*session.impl().dialect) + " is " + std::string(stored) +
+                     ", which is no integer of " + (column.data->type() == ASType::Int ? "32" : "64") + " bits");
 }
 
 }  // namespace QOR

@@ -82,8 +82,7 @@ ASComparison opaque(const std::shared_ptr<Node>& term) {
 }
 
 bool isGuidList(const Node& node) {
-    return node.kind == Node::Kind::In && isGuid(*node.first) && node.first->isColumn() &&
-           isLiteralList(node.value.text);
+    return node.kind == Node::Kind::In && isGuid(*node.first) && isLiteralList(node.value.text);
 }
 
 /// The same access, to be asked of each row by itself: GUIDs are texts in the columns and in the list, but for the type

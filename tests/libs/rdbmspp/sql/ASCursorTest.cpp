@@ -398,12 +398,14 @@ TEST_F(ASCursorRows, ASumThatIsBeyondItsTypeOnlyOnTheWayIsExact) {
 TEST_F(ASCursorRows, SumBeyondItsTypeIsAFailureAndNeverAWrongNumber) {
     Engine(path()).run(
         "CREATE TABLE big (n INT, m BIGINT);"
-        "INSERT INTO big VALUES (2000000000, 9223372036854775807), (2000000000, 1);"
+        "INSERT INTO big VALUES (2000000000, 9223372036854775807), (2000000000, 1), (1, 2.5);"
         "CREATE VIEW vBig AS SELECT * FROM big");
     const auto big = domainOf("vBig");
     const Column narrow = column(big, "n", ASType::Int), wide = column(big, "m", ASType::BigInt);
     EXPECT_EQ(failure([&] { aggregate(Function::Sum, narrow, ASType::Int); }),
-              "sum(\"vBig\".\"n\") is 4000000000, which is no integer of 32 bits");
+              "sum(\"vBig\".\"n\") is 4000000001, which is no integer of 32 bits");
+    EXPECT_EQ(failure([&] { aggregate(Function::Sum, wide, ASType::BigInt, wide.attribute < ASInt(9)); }),
+              "sum(\"vBig\".\"m\") is 3.5, which is no integer of 64 bits");
     EXPECT_EQ(failure([&] { aggregate(Function::Sum, wide, ASType::BigInt); }), "a sum is beyond 64 bits of SQLite");
     EXPECT_THAT(aggregate(Function::Max, wide, ASType::BigInt), ElementsAre("9223372036854775807"));
     EXPECT_THAT(aggregate(Function::Sum, narrow, ASType::Int, wide.attribute == ASInt(1)), ElementsAre("2000000000"));
@@ -421,6 +423,24 @@ TEST_F(ASCursorRows, FailureNamesItsCauseAndTheNextSelectWorks) {
         EXPECT_EQ(error.statement(), R"(SELECT "v"."missing" FROM "v")");
     }
     EXPECT_EQ(ids({}).size(), 5u);
+}
+
+TEST_F(ASCursorRows, WhatHasNoReceiverIsPassedOver) {
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASCursor cursor(*transaction);
+    const ASAttribute expression = ASAttribute::Upper(s.attribute);
+    cursor.Filter().Project() << s.attribute << expression;
+    cursor.Order(-ASOrder(expression));
+    EXPECT_TRUE(cursor.Fetch());
+    EXPECT_EQ(s.data->Str(), "b_ta%");
+    ASCursor sums(*transaction);
+    const ASGroupAttribute sum(Function::Sum, n.attribute);
+    ASGroupAttribute count;
+    const auto counted = std::make_shared<ASInt>();
+    count.Register(counted, v);
+    sums.Filter().Project() << sum << count;
+    EXPECT_TRUE(sums.Fetch());
+    EXPECT_EQ(counted->value(), 5);
 }
 
 TEST_F(ASCursorRows, CursorGivesNothingAfterItsEnd) {

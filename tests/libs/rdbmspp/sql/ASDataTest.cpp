@@ -52,7 +52,10 @@ INSTANTIATE_TEST_SUITE_P(
         TakeCase{"GuidUpper", ASType::Guid, "{6BA7B810-9DAD-41D1-80B4-00C04FD430C8}",
                  "6ba7b810-9dad-41d1-80b4-00c04fd430c8", false},
         TakeCase{"GuidOther", ASType::Guid, "6ba7b810", "6ba7b810", true},
+        TakeCase{"GuidOfOtherLetters", ASType::Guid, "6ba7b810-9dad-41d1-80b4-00c04fd430cg",
+                 "6ba7b810-9dad-41d1-80b4-00c04fd430cg", true},
         TakeCase{"Time", ASType::DateTime, "2024-02-29 23:59:59", "2024-02-29T23:59:59+0000", false},
+        TakeCase{"TimeOfTheSameLength", ASType::DateTime, "2024-02-29T23:59:59", "2024-02-29T23:59:59+0000", false},
         TakeCase{"TimeOtherForm", ASType::DateTime, "2024-01-01T02:00:00+02:00", "2024-01-01T00:00:00+0000", false},
         TakeCase{"TimeDateOnly", ASType::DateTime, "2024-01-01", "2024-01-01T00:00:00+0000", false},
         TakeCase{"TimeBeforeEpoch", ASType::DateTime, "1969-12-31 23:59:59", "1969-12-31T23:59:59+0000", false},
@@ -78,7 +81,10 @@ TEST(ASData, TimeHasItsSeconds) {
 TEST(ASData, GuidIsReadWhenItIsAskedFor) {
     ASGuid guid;
     guid.take("6ba7b810-9dad-41d1-80b4-00c04fd430c8");
-    EXPECT_EQ(guid.value(), *Guid::parse("6ba7b810-9dad-41d1-80b4-00c04fd430c8"));
+    const Guid expected = *Guid::parse("6ba7b810-9dad-41d1-80b4-00c04fd430c8");
+    EXPECT_EQ(guid.value(), expected);
+    EXPECT_EQ(guid.value(), expected);
+    EXPECT_EQ(ASGuid(expected).value(), expected);
 }
 
 struct LiteralCase {
@@ -102,6 +108,12 @@ TEST(ASData, Literals) {
     };
     for (const auto& c : cases)
         EXPECT_EQ(c.data->asSQLLiteral(ASDialect::of(ASEngine::SQLite)), c.literal);
+}
+
+TEST(ASData, WhatIsOfAnotherFormIsComparedAsItStands) {
+    ASInt number;
+    number.take("it's");
+    EXPECT_EQ((ASAttribute("a", ASType::Int) == number).Query(), R"("a" = 'it''s')");
 }
 
 TEST(ASData, NulByteIsRefusedInLiterals) {

@@ -60,14 +60,20 @@ TEST_F(ASRestricted, PlainComparisonsOfStoredColumnsStandOutsideTheGuard) {
         {a.attribute < b.attribute, O + R"( AND "v"."a" < "v"."b")"},
         {ASAttribute::Between(b.attribute, literal, literal), O + R"( AND "v"."b" BETWEEN 'it''s' AND 'it''s')"},
         {ASAttribute::In(b.attribute, "'a', 'it''s'"), O + R"( AND "v"."b" IN ('a', 'it''s'))"},
+        {ASData::EQ(ASInt(1), ASInt(2)), O + " AND 1 = 2"},
         {computed, O + guard + R"("v"."x" = 1 END)"},
         {computed && one, O + R"( AND "v"."a" = 1)" + guard + R"("v"."x" = 1 END)"},
         {one || computed, O + guard + R"("v"."a" = 1 OR "v"."x" = 1 END)"},
         {ASAttribute::In(a.attribute, "SELECT 1"), O + guard + R"("v"."a" IN (SELECT 1) END)"},
         {ASAttribute::In(a.attribute, "'1', lower('x')"), O + guard + R"("v"."a" IN ('1', lower('x')) END)"},
         {ASAttribute::In(a.attribute, "'1', \"v\".\"x\""), O + guard + R"("v"."a" IN ('1', "v"."x") END)"},
+        {ASAttribute::In(a.attribute, ""), O + guard + R"("v"."a" IN () END)"},
+        {ASAttribute::In(a.attribute, "'1' || '2'"), O + guard + R"("v"."a" IN ('1' || '2') END)"},
+        {ASAttribute::In(a.attribute, "'1',"), O + guard + R"("v"."a" IN ('1',) END)"},
         {ASAttribute::Between(a.attribute, literal, x.attribute),
          O + guard + R"("v"."a" BETWEEN 'it''s' AND "v"."x" END)"},
+        {ASAttribute::Between(a.attribute, x.attribute, literal),
+         O + guard + R"("v"."a" BETWEEN "v"."x" AND 'it''s' END)"},
         {ASAttribute::Like(b.attribute, "o%", 0), O + guard + R"("v"."b" LIKE 'o%' END)"},
         {ASAttribute::Lower(b.attribute) == ASVStr(4, "one"), O + guard + R"(lower("v"."b") = 'one' END)"},
         {one && ASAttribute::Like(b.attribute, "o%", 0) && computed,
@@ -132,7 +138,17 @@ TEST_F(ASRestricted, TheEngineCannotConcludeFromAnEqualityThatTheGuardIsTrue) {
         "TEXT) AND CASE WHEN +\"w\".\"g\" IN ('A') THEN \"w\".\"x\" <> '7' END");
 }
 
+TEST_F(ASRestricted, AnAccessThatIsNoListOfTextsIsAskedAsItIs) {
+    const Column g = column(v, "o", ASType::Guid);
+    own = ASAttribute::In(g.attribute, "SELECT 'A'");
+    EXPECT_EQ(query(x.attribute == ASInt(1)),
+              R"("v"."o" IN (SELECT 'A') AND CASE WHEN "v"."o" IN (SELECT 'A') THEN "v"."x" = 1 END)");
+}
+
 TEST_F(ASRestricted, AColumnOfWhichNothingIsKnownStandsInside) {
+    EXPECT_EQ(query(ASAttribute("a", ASType::Int) == ASInt(1)),
+              R"("v"."o" IN ('1') AND CASE WHEN "v"."o" IN ('1') THEN "a" = 1 END)")
+        << "nor its view";
     const Column unknown = column(domainOf("v"), "a", ASType::Int);
     EXPECT_EQ(query(unknown.attribute == ASInt(1)),
               R"("v"."o" IN ('1') AND CASE WHEN "v"."o" IN ('1') THEN "v"."a" = 1 END)");

@@ -48,13 +48,44 @@ TEST_F(ASSqlText, Comparisons) {
         {ASAttribute::In(A, "'1', '2'"), R"("v"."a" IN ('1', '2'))"},
         {ASAttribute::IsNull(B), R"("v"."b" IS NULL)"},
         {ASComparison("1 = 0"), "1 = 0"},
+        {ASComparison(""), ""},
         {ASAttribute::IsNull(ASAttribute::Lower(ASAttribute::Upper(B))), R"(lower(upper("v"."b")) IS NULL)"},
         {ASAttribute(ASAttribute::Raw::Select, "SELECT 1") == five, "(SELECT 1) = 5"},
         {ASAttribute(ASAttribute::Raw::Expression, "1 + 1") == five, "(1 + 1) = 5"},
-        {ASAttribute(ASAttribute::Raw::Expression, "'a b (c'") == text, "'a b (c' = 'it''s'"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(c.condition.Query(), c.sql);
+}
+
+TEST_F(ASSqlText, WhatIsNoSingleTermStandsInBrackets) {
+    const ASInt five(5);
+    const std::pair<const char*, const char*> cases[] = {
+        {"1 + 1", "(1 + 1) = 5"},
+        {"'a b (c'", "'a b (c' = 5"},
+        {"f(a, g(b) + 1)", "f(a, g(b) + 1) = 5"},
+        {"v.c", "v.c = 5"},
+        // Brackets and quotes that do not match are not mended: the engine refuses the whole.
+        {"'a b", "'a b = 5"},
+        {"a) + (b", "(a) + (b) = 5"},
+    };
+    for (const auto& [expression, sql] : cases)
+        EXPECT_EQ((ASAttribute(ASAttribute::Raw::Expression, expression) == five).Query(), sql);
+}
+
+TEST_F(ASSqlText, TextsOfPatternsAreFoundInCalls) {
+    const ASDialect& dialect = ASDialect::of(ASEngine::SQLite);
+    const auto pattern = [&](const std::string& sql) {
+        ASSelect select;
+        select.Filter().Project() << b.attribute;
+        select.Filter().Set(ASAttribute::Like(b.attribute, ASAttribute(ASAttribute::Raw::Expression, sql), 0));
+        return ASNestedSelect(select, dialect).Query();
+    };
+    const std::string begin = R"(SELECT "v"."b" FROM "v" WHERE "v"."b" LIKE )";
+    // One whose length is known needs no bound.
+    for (const char* literal : {"'a%'", "''", "upper('it''s')", "lower(upper('a'))"})
+        EXPECT_EQ(pattern(literal), begin + literal);
+    for (const char* other : {"a", "'a' || b", "upper(a) || 'b'", "upper(b)"})
+        EXPECT_EQ(pattern(other), begin + dialect.boundedPattern(other));
 }
 
 TEST_F(ASSqlText, Combinations) {
@@ -81,6 +112,8 @@ TEST_F(ASSqlText, Combinations) {
         {!p && !(q || r), "NOT (" + P + ") AND NOT (" + Q + " OR " + R + ")"},
         {p && ASComparison("1 = 0"), P + " AND (1 = 0)"},
         {!ASComparison("1 = 0 OR 1"), "NOT (1 = 0 OR 1)"},
+        {p && ASComparison("(1 = 0)"), P + " AND ((1 = 0))"},
+        {p && ASComparison("1 = 0) END"), P + " AND (1 = 0) END)"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(c.condition.Query(), c.sql);
@@ -102,6 +135,9 @@ TEST_F(ASSqlText, AttributesAndAggregates) {
     EXPECT_EQ(ASGroupAttribute(F::Max, x.attribute).Query(), "max(NULL)");
     EXPECT_EQ(ASGroupAttribute(F::Sum, g.attribute).Query(), "sum(NULL)");
     EXPECT_EQ(ASGroupAttribute(F::Count, w.attribute).Query(), R"(count("v"."w"))");
+    ASGroupAttribute untied(F::Sum, ASAttribute("a", ASType::Int));
+    untied.Register(std::make_shared<ASInt>(), nullptr);
+    EXPECT_EQ(untied.Query(), R"(sum("a"))");
 }
 
 TEST_F(ASSqlText, RegistrationReachesCopiesMadeBefore) {
@@ -196,6 +232,14 @@ TEST_F(ASSqlText, NestedSelectsAreWrittenWhereTheyStandInTheDialectOfTheWhole) {
         EXPECT_EQ(outer.Query(dialect),
                   R"(SELECT "v"."a" FROM "v" WHERE "v"."a" IN ()" + text + ") LIMIT 20 OFFSET 40");
     }
+}
+
+TEST_F(ASSqlText, ANestedSelectMayCountRows) {
+    ASSelect inner;
+    ASGroupAttribute count;
+    count.Register(std::make_shared<ASInt64>(), v);
+    inner.Filter().Project() << count;
+    EXPECT_EQ(ASNestedSelect(inner, ASDialect::of(ASEngine::SQLite)).Query(), R"(SELECT count(*) FROM "v")");
 }
 
 TEST_F(ASSqlText, ANestedSelectThatTheEngineCannotTakeIsRefusedAsItIsMade) {

@@ -130,6 +130,12 @@ TEST(ColumnCells, OfLiteralsAreTextsAndOfSqlAreExpressions) {
     EXPECT_EQ(sql.colType(), ColumnType{});
 }
 
+TEST(ColumnCells, AnItemOfAListIsALiteralOrSql) {
+    const ColumnCell name(SelectStmnt::getDomain("vPeople"), "name", "", ColumnType::VarChar, 20, "");
+    EXPECT_EQ(name.inOne(ColumnCell(std::string("O'Hara"), false)).Query(), R"("vPeople"."name" IN ('O''Hara'))");
+    EXPECT_EQ(name.inOne(ColumnCell(std::string("'a','b'"), true)).Query(), R"("vPeople"."name" IN ('a','b'))");
+}
+
 TEST(ColumnCells, BindTheirDataAggregatesToo) {
     const ASDomainPtr domain = SelectStmnt::getDomain("vPeople");
     const ColumnCell column(domain, "score", "", ColumnType::Double, 0, "");
