@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <csignal>
 #include <memory>
@@ -183,6 +184,47 @@ TEST_F(QORIngestTest, AnOperationReplacesTheOneWithItsIdAndKeepsItsPlaceInTheOrd
                                 {"3", "third", "<null>", "0", "1970-01-01 00:01:40", "<null>"}}));
     EXPECT_EQ(queryRows("SELECT operation, position, eid, time FROM qor_operation_environment", 4),
               (std::vector<Row>{{"1", "0", eidB, "1970-01-01 00:03:20"}}));
+}
+
+// Of every column, so that one that is added later has its turn too.
+TEST_F(QORIngestTest, AReplacedRecordHasNothingOfTheOneBefore) {
+    const std::string eid(eidA, 35);  // but for its last digit
+    std::string members;
+    std::string os;
+    for (const QOREnvMemberRow& row : envMembers)
+        (row.group.empty() ? members : os) += "\"" + std::string(row.name) + "\":\"x\",";
+    const struct {
+        std::string table;
+        std::string key;
+        std::string begin;  ///< with an identifier, but for its last character
+        std::string full;
+    } kinds[] = {
+        {"qor_environment", "eid", R"({"kind":"environment","eid":")" + eid,
+         R"(,"parent_eid":")" + std::string(eidB) + R"(","title":"x","state":6,"transition":1,"config":{)" + members +
+             "\"os\":{" + os.substr(0, os.size() - 1) +
+             R"(},"ip":["10.0.0.1"],"memory":5,"boot_time":5},"virtual_config":{"ip":["10.0.0.2"]})"},
+        {"qor_operation", "id", R"({"kind":"operation","time":1,"id":"x)",
+         R"(,"parent_id":"x","op":"x","status":1,"eid":")" + std::string(eidB) +
+             R"(","message":{"package":{"name":"x","version":"x"}})"},
+        {"qor_backup", "id", R"({"kind":"backup","time":1,"id":"x)",
+         R"(,"eid":")" + std::string(eidB) + R"(","storage_eid":")" + eidB +
+             R"(","size":1,"type":1,"description":"x","name":"x","hostname":"x","info":{"x":"x"})"},
+    };
+    for (const auto& kind : kinds) {
+        const std::string columns = queryText("SELECT group_concat(name, ', ') FROM pragma_table_info('" + kind.table +
+                                              "') WHERE name NOT IN ('seq', 'time', 'updated', '" + kind.key + "')");
+        const auto rows = [&] {
+            return queryRows("SELECT " + columns + " FROM " + kind.table + " ORDER BY " + kind.key,
+                             static_cast<unsigned>(1 + std::count(columns.begin(), columns.end(), ',')));
+        };
+        EXPECT_EQ(m_ingest.importBatch(kind.begin + "1\"" + kind.full + "}\n" + kind.begin + "2\"}").accepted(), 2U);
+        const auto before = rows();
+        for (std::size_t column = 0; column < before[0].size(); ++column)
+            EXPECT_NE(before[0][column], before[1][column]) << kind.table << ", column " << column << " of " << columns;
+        EXPECT_EQ(m_ingest.importBatch(kind.begin + "1\"}").total().replaced, 1U);
+        const auto after = rows();
+        EXPECT_EQ(after[0], after[1]) << kind.table << ": " << columns;
+    }
 }
 
 TEST_F(QORIngestTest, TheEnvironmentsThatAnOperationTouchesAreThoseOfItsList) {
