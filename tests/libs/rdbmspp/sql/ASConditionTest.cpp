@@ -197,6 +197,32 @@ TEST_F(ASCondition, NestedSelectBelowFortyLevelsIsTaken) {
     EXPECT_EQ(count(condition), 1u);
 }
 
+// What is deep is turned so that it has no nots above comparisons.
+TEST_F(ASCondition, BelowANotThatIsTurnedAComparisonBecomesItsOpposite) {
+    const ASAttribute low(ASAttribute::Raw::Expression, "10");
+    const ASAttribute high(ASAttribute::Raw::Expression, "20");
+    const ASInt middle(20);
+    const std::pair<ASComparison, std::size_t> cases[] = {
+        {a.attribute == middle, 1},
+        {a.attribute != middle, 44},
+        {a.attribute > middle, 26},
+        {a.attribute >= middle, 27},
+        {a.attribute < middle, 18},
+        {a.attribute <= middle, 19},
+        {ASAttribute::Between(a.attribute, low, high), 10},
+        {ASAttribute::In(a.attribute, "'1', '2'"), 2},
+        {ASComparison("a > 20"), 26},
+        {ASAttribute::Like(a.attribute, "1_", 0), 9},
+    };
+    for (const auto& [condition, rows] : cases) {
+        ASComparison turned = !condition;
+        for (int level = 0; level < 30; ++level)
+            turned = level % 2 ? ASComparison("1 = 1") && turned : ASComparison("1 = 0") || turned;
+        EXPECT_EQ(count(condition), rows) << condition.Query();
+        EXPECT_EQ(count(turned), 45 - rows) << "but for those that are null: " << turned.Query();
+    }
+}
+
 TEST_F(ASCondition, TooDeepIsRefusedInOurWords) {
     ASComparison condition = is(3);
     for (int level = 0; level < 5000; ++level) {

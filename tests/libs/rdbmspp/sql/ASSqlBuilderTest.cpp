@@ -113,6 +113,7 @@ TEST_F(ASSqlText, Combinations) {
         {p && ASComparison("1 = 0"), P + " AND (1 = 0)"},
         {!ASComparison("1 = 0 OR 1"), "NOT (1 = 0 OR 1)"},
         {p && ASComparison("(1 = 0)"), P + " AND ((1 = 0))"},
+        {p && ASComparison("EXISTS (SELECT 1 WHERE (NOT (1)))"), P + " AND (EXISTS (SELECT 1 WHERE (NOT (1))))"},
         {p && ASComparison("1 = 0) END"), P + " AND (1 = 0) END)"},
     };
     for (const auto& c : cases)
@@ -195,6 +196,8 @@ TEST_F(ASSqlText, IsWrittenInTheDialectThatIsPassedWhateverDatabaseIsOpen) {
     const ASRealBlob bytes(RealBlob("A", 1));
     EXPECT_EQ(bytes.asSQLLiteral(sqlite), "x'41'");
     EXPECT_EQ(bytes.asSQLLiteral(postgres), R"('\x41')");
+    EXPECT_EQ((x.attribute == bytes).Query(sqlite), R"("v"."x" = x'41')");
+    EXPECT_EQ((x.attribute == bytes).Query(postgres), R"("v"."x" = '\x41')");
     ASSelect select;
     select.Filter().Project() << b.attribute;
     select.Filter().Set(like);
