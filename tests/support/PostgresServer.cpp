@@ -126,7 +126,7 @@ std::vector<std::vector<std::string>> PostgresConnection::rows(const std::string
         auto& cells = all.emplace_back();
         for (int column = 0; column < PQnfields(result.get()); ++column) {
             const bool null = PQgetisnull(result.get(), row, column) != 0;
-            cells.emplace_back(null ? "(null)" : PQgetvalue(result.get(), row, column));
+            cells.emplace_back(null ? "<null>" : PQgetvalue(result.get(), row, column));
         }
     }
     return all;

@@ -21,7 +21,7 @@ public:
 
     /// Runs statements. \throws std::runtime_error when one is not taken
     void run(const std::string& sql);
-    /// Rows of a select as texts, nulls as "(null)". \throws std::runtime_error
+    /// Rows of a select as texts, nulls as "<null>". \throws std::runtime_error
     std::vector<std::vector<std::string>> rows(const std::string& sql);
     /// The only cell of a select of one row.
     std::string cell(const std::string& sql) { return rows(sql).at(0).at(0); }

@@ -6,11 +6,12 @@
 
 namespace QOR {
 
-AException::AException(std::string text, std::string sqlState, int nativeCode, std::string statement)
+AException::AException(std::string text, std::string sqlState, int nativeCode, std::string statement, ASFailure failure)
     : m_text(withoutNuls(std::move(text))),
       m_sqlState(std::move(sqlState)),
       m_nativeCode(nativeCode),
-      m_statement(std::move(statement)) {}
+      m_statement(std::move(statement)),
+      m_failure(failure) {}
 
 AException::AException(const AException&) = default;
 

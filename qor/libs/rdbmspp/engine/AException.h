@@ -4,8 +4,10 @@
 
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "QORCommon/QORExport.h"
+#include "rdbmspp/engine/ASFailure.h"
 
 namespace QOR {
 
@@ -14,9 +16,11 @@ class QOR_API AException : public std::exception {
 public:
     /// \param text the driver's text, or ours
     /// \param sqlState five characters, empty when the failure is ours
-    /// \param nativeCode the engine's own code; with SQLite the only one that tells failures apart
+    /// \param nativeCode the engine's own code
     /// \param statement the text that was being prepared or run, empty when there is none
-    AException(std::string text, std::string sqlState = {}, int nativeCode = 0, std::string statement = {});
+    /// \param failure what it means
+    AException(std::string text, std::string sqlState = {}, int nativeCode = 0, std::string statement = {},
+               ASFailure failure = ASFailure::Statement);
     AException(const AException&);
     ~AException() override;
 
@@ -26,12 +30,18 @@ public:
     const std::string& sqlState() const noexcept { return m_sqlState; }
     int nativeCode() const noexcept { return m_nativeCode; }
     const std::string& statement() const noexcept { return m_statement; }
+    ASFailure failure() const noexcept { return m_failure; }
+    /// The same failure in other words.
+    AException reworded(std::string text) const {
+        return {std::move(text), m_sqlState, m_nativeCode, m_statement, m_failure};
+    }
 
 private:
     std::string m_text;
     std::string m_sqlState;
     int m_nativeCode;
     std::string m_statement;
+    ASFailure m_failure;
 };
 
 }  // namespace QOR

@@ -37,7 +37,14 @@ const ASDialect sqlite{
     .opaqueBegin = "CAST(",
     .opaqueEnd = " AS TEXT)",
     .untyped = "+",
+    .alwaysInTransaction = false,
+    .failureAborts = false,
     .statementTimeout = "",
+    .lockTimeout = "",
+    .mark = "",
+    .selectMark = "",
+    .transactionId = "",
+    .transactionOutcome = "",
     .maxParameters = 1000,
     .maxLikePattern = 50000,
     .parserDepth = 100,
@@ -63,7 +70,14 @@ const ASDialect postgres{
     .opaqueBegin = "",
     .opaqueEnd = "",
     .untyped = "",
-    .statementTimeout = "SET statement_timeout = ",
+    .alwaysInTransaction = true,
+    .failureAborts = true,
+    .statementTimeout = "SET LOCAL statement_timeout = ",
+    .lockTimeout = "SET LOCAL lock_timeout = ",
+    .mark = "SET LOCAL qor.transaction = ",
+    .selectMark = "SELECT current_setting('qor.transaction', true)",
+    .transactionId = "SELECT pg_current_xact_id_if_assigned()::text",
+    .transactionOutcome = "SELECT pg_xact_status(CAST(CAST(? AS text) AS xid8))",
     .maxParameters = 1000,
     .maxLikePattern = 0,
     .parserDepth = 0,
@@ -102,8 +116,124 @@ std::string sqliteExactDouble(const std::string& e) {
 
 }  // namespace
 
+namespace {
+
+// SQLite's driver says HY000 for everything; the first eight bits of its native code are the engine's.
+ASFailure sqliteFailure(std::string_view state, int native) noexcept {
+    switch (native & 0xff) {
+        case 3:
+            return ASFailure::Denied;
+        case 5:
+        case 6:
+            return ASFailure::Locked;
+        case 7:   // no memory
+        case 15:  // the locks of its log
+            return ASFailure::Memory;
+        case 8:
+            return ASFailure::ReadOnly;
+        case 9:
+            return ASFailure::Ended;
+        case 10:
+            return ASFailure::InputOutput;
+        case 11:
+        case 26:  // no database at all
+            return ASFailure::Corrupt;
+        case 13:
+            return ASFailure::Full;
+        case 14:  // cannot be opened
+            return ASFailure::Unreachable;
+        default:
+            return state.starts_with("08") ? ASFailure::Unreachable : ASFailure::Statement;
+    }
+}
+
+/// A SQLSTATE, or the beginning of those of a class.
+struct StateMeaning {
+    std::string_view state;
+    ASFailure failure;
+};
+
+constexpr StateMeaning postgresStates[] = {
+    {"08", ASFailure::Unreachable},
+    {"57P01", ASFailure::Unreachable},  // the administrator, or the end of the server
+    {"57P02", ASFailure::Unreachable},
+    {"57P03", ASFailure::Unreachable},
+    {"57P05", ASFailure::Unreachable},
+    {"25P03", ASFailure::Unreachable},
+    {"57014", ASFailure::Ended},
+    {"55P03", ASFailure::Locked},
+    {"40001", ASFailure::Undone},
+    {"40P01", ASFailure::Undone},
+    {"0A000", ASFailure::Stale},  // of others of this state the same statement fails again, which is what is told then
+    {"26000", ASFailure::Stale},
+    {"25P02", ASFailure::Aborted},
+    {"25006", ASFailure::ReadOnly},
+    {"42501", ASFailure::Denied},
+    {"53100", ASFailure::Full},
+    {"53", ASFailure::Memory},
+    {"58", ASFailure::InputOutput},
+    {"XX001", ASFailure::Corrupt},
+    {"XX002", ASFailure::Corrupt},
+};
+
+ASFailure postgresFailure(std::string_view state) noexcept {
+    for (const auto& [begin, failure] : postgresStates) {
+        if (state.starts_with(begin)) return failure;
+    }
+    return ASFailure::Statement;
+}
+
+// SQLite's driver puts the native code behind: "no such table: t (1)".
+std::string_view withoutCode(std::string_view text, int native) {
+    const std::string code = " (" + std::to_string(native) + ")";
+    if (text.ends_with(code)) text.remove_suffix(code.size());
+    return text;
+}
+
+// PostgreSQL's says on lines of their own what it was doing, and the engine on others which rows were in the way. What
+// a value looked like that could not be understood may be a row's as well.
+std::string_view withoutDetails(std::string_view text, std::string_view state) {
+    text = text.substr(0, text.find('\n'));
+    while (text.ends_with(';') || text.ends_with('\r'))
+        text.remove_suffix(1);
+    for (const std::string_view severity : {"ERROR: ", "FATAL: "}) {
+        if (text.starts_with(severity)) text.remove_prefix(severity.size());
+    }
+    while (text.starts_with(' '))
+        text.remove_prefix(1);
+    if (state.starts_with("22")) text = text.substr(0, text.find(": \""));
+    return text;
+}
+
+}  // namespace
+
 const ASDialect& ASDialect::of(ASEngine engine) noexcept {
     return engine == ASEngine::PostgreSQL ? postgres : sqlite;
+}
+
+const ASDialect& ASDialect::named(std::string_view name) noexcept {
+    return name.starts_with(postgres.odbcName) ? postgres : sqlite;
+}
+
+ASFailure ASDialect::failureOf(std::string_view state, int native) const noexcept {
+    return engine == ASEngine::SQLite ? sqliteFailure(state, native) : postgresFailure(state);
+}
+
+// SQLite's driver is closed after whatever is not the statement's own fault. A server survives its disk and the
+// connections to it with it.
+bool ASDialect::leavesDoubt(ASFailure failure) const noexcept {
+    if (failure == ASFailure::Unreachable) return true;
+    if (engine != ASEngine::SQLite) return false;
+    return failure == ASFailure::Full || failure == ASFailure::InputOutput || failure == ASFailure::Corrupt ||
+           failure == ASFailure::Memory;
+}
+
+std::string ASDialect::plainText(std::string_view message, std::string_view state, int native) const {
+    const std::string_view whole = message;
+    while (message.starts_with('[') && message.find(']') != std::string_view::npos)
+        message.remove_prefix(message.find(']') + 1);
+    message = engine == ASEngine::SQLite ? withoutCode(message, native) : withoutDetails(message, state);
+    return std::string(message.empty() ? whole : message);
 }
 
 std::string ASDialect::epochSeconds(std::string_view expression) const {
@@ -160,7 +290,7 @@ AException ASDialect::explained(const AException& error) const {
     };
     for (const auto& text : texts) {
         if (error.text().find(text.engine) == std::string::npos) continue;
-        return AException(std::string(text.ours) + name, error.sqlState(), error.nativeCode(), error.statement());
+        return error.reworded(std::string(text.ours) + name);
     }
     return error;
 }

@@ -10,6 +10,7 @@
 #include "QORCommon/QORExport.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/engine/ASEngine.h"
+#include "rdbmspp/engine/ASFailure.h"
 
 namespace QOR {
 
@@ -17,7 +18,7 @@ namespace QOR {
 struct QOR_API ASDialect {
     ASEngine engine;
     const char* name;        ///< as people write it
-    const char* odbcName;    ///< begins the driver's SQL_DBMS_NAME
+    const char* odbcName;    ///< begins the driver's SQL_DBMS_NAME, and stands in the names of its drivers
     const char* beginRead;   ///< several selects that see one state
     const char* beginWrite;  ///< takes the write lock at once, where the engine has one
     const char* commit;
@@ -33,16 +34,38 @@ struct QOR_API ASDialect {
     const char* opaqueEnd;    ///< literal in the column's place elsewhere; empty where it does not anyway
     const char* untyped;  ///< in front of a column, so that it is compared with texts as a text; empty where a literal
                           ///< is read as the column's type once, and not for each row
-    const char* statementTimeout;  ///< bounds the statements behind it, milliseconds follow, 0 for none; empty where
-                                   ///< the layer ends them itself
-    std::size_t maxParameters;     ///< of one statement; further values stand in its text
-    std::size_t maxLikePattern;    ///< bytes; 0: unlimited
-    std::size_t parserDepth;       ///< entries of the parser's stack; 0: unlimited
-    std::size_t expressionDepth;   ///< levels of an expression; 0: unlimited
+    /// Whether a single select stands in a transaction too, because only that keeps it from writing.
+    bool alwaysInTransaction;
+    /// Whether a statement that fails ends its transaction, of which the engine then commits nothing without a word.
+    bool failureAborts;
+    /// Bounds of what follows in the transaction, milliseconds follow, 0 for none; empty where the layer itself ends
+    /// statements and waits for locks.
+    const char* statementTimeout;
+    const char* lockTimeout;
+    /// Marks a transaction, the mark follows; and a select of the mark. Empty where rows that are handed out as they
+    /// come cannot end too early.
+    const char* mark;
+    const char* selectMark;
+    /// A select of the identifier under which the engine keeps what becomes of the transaction, null where it has
+    /// written nothing; and one of what became of a transaction. Empty where a commit cannot be lost on its way.
+    const char* transactionId;
+    const char* transactionOutcome;
+    std::size_t maxParameters;    ///< of one statement; further values stand in its text
+    std::size_t maxLikePattern;   ///< bytes; 0: unlimited
+    std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
+    std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited
     /// A select of three columns, view name, column name and declared type, one row for each column of each view.
     const char* viewColumns;
 
     static const ASDialect& of(ASEngine engine) noexcept;
+    /// That of the engine behind a driver. \param name as the driver tells it (SQL_DBMS_NAME)
+    static const ASDialect& named(std::string_view name) noexcept;
+    /// What the engine's codes mean. \param state SQLSTATE \param native the driver's native code
+    ASFailure failureOf(std::string_view state, int native) const noexcept;
+    /// Whether a connection is not to be used any more after such a failure.
+    bool leavesDoubt(ASFailure failure) const noexcept;
+    /// A message without what the driver puts around it, and without values of rows.
+    std::string plainText(std::string_view message, std::string_view state, int native) const;
 
     /// `expression` (a column) as its seconds since the epoch, null where it holds no time.
     std::string epochSeconds(std::string_view expression) const;

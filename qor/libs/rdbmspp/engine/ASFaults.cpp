@@ -18,18 +18,6 @@ constexpr const char* sourcePath = "qor/libs/rdbmspp/engine/ASFaults";
 constexpr std::array<const char*, 7> names{"full",    "locked",  "synchronisation", "writing",
                                            "reading", "corrupt", "missing"};
 
-// Native codes of SQLite.
-enum Native {
-    busy = 5,
-    lockedTable = 6,
-    readOnly = 8,
-    inputOutput = 10,
-    corrupt = 11,
-    full = 13,
-    cannotOpen = 14,
-    noDatabase = 26
-};
-
 // Reasons that change all the time are not worth a line each.
 constexpr auto betweenLines = std::chrono::seconds(10);
 
@@ -37,21 +25,34 @@ std::size_t indexOf(ASFault fault) {
     return static_cast<std::size_t>(fault);
 }
 
-ASFault faultOf(int native, const SqliteComplaint& complaint, bool reading) {
-    if (native == corrupt || native == noDatabase) return ASFault::Corrupt;
-    if (reading || native == cannotOpen) return ASFault::Reading;
+ASFault faultOf(ASFailure failure, const SqliteComplaint& complaint, bool reading) {
+    if (failure == ASFailure::Corrupt) return ASFault::Corrupt;
+    if (reading || failure == ASFailure::Unreachable) return ASFault::Reading;
     if (complaint.isFull()) return ASFault::Full;
     if (complaint.isSynchronisation()) return ASFault::Synchronisation;
-    switch (native) {
-        case busy:
-        case lockedTable:
+    switch (failure) {
+        case ASFailure::Locked:
             return ASFault::Locked;
-        case full:
+        case ASFailure::Full:
             return ASFault::Full;
-        case readOnly:
+        case ASFailure::ReadOnly:
             return ASFault::Writing;
         default:
             return complaint.isReading() ? ASFault::Reading : ASFault::Writing;
+    }
+}
+
+bool tellsOfTheDatabase(ASFailure failure) {
+    switch (failure) {
+        case ASFailure::Locked:
+        case ASFailure::ReadOnly:
+        case ASFailure::InputOutput:
+        case ASFailure::Corrupt:
+        case ASFailure::Full:
+        case ASFailure::Unreachable:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -82,23 +83,11 @@ void ASFaults::report(ASFault fault, const std::string& reason) noexcept {
 
 void ASFaults::report(const AException& failure, const SqliteComplaint& complaint, bool reading) noexcept {
     try {
-        switch (failure.nativeCode() & 0xff) {
-            case busy:
-            case lockedTable:
-            case readOnly:
-            case inputOutput:
-            case corrupt:
-            case full:
-            case cannotOpen:
-            case noDatabase:
-                break;
-            default:
-                return;
-        }
+        if (!tellsOfTheDatabase(failure.failure())) return;
         std::string reason = failure.text();
         if (complaint.systemError != 0) reason += ": " + std::generic_category().message(complaint.systemError);
         if (!complaint.text.empty()) reason += " (" + complaint.text + ")";
-        report(faultOf(failure.nativeCode() & 0xff, complaint, reading), reason);
+        report(faultOf(failure.failure(), complaint, reading), reason);
     } catch (const std::exception& exception) {
         logMessage(0, module, sourcePath, "report", "%s", exception.what());
     }

@@ -6,14 +6,17 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <optional>
 #include <type_traits>
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/engine/ASValue.h"
+#include "rdbmspp/engine/StatementWatch.h"
 
 namespace QOR {
 
@@ -63,43 +66,28 @@ struct FreeStatement {
 };
 using StatementHandle = std::unique_ptr<std::remove_pointer_t<SQLHSTMT>, FreeStatement>;
 
-template <std::size_t size>
-bool isOneOf(const int (&codes)[size], int code) {
-    return std::find(std::begin(codes), std::end(codes), code & 0xff) != std::end(codes);
-}
-
-// Native codes of SQLite (its driver's SQLSTATE says nothing) after which a connection is closed and a new one tried:
-// no memory, input or output failed, corrupt, full, cannot open, protocol, no database.
-constexpr int doubtful[] = {7, 10, 11, 13, 14, 15, 26};
-// And those that tell of the database and not of the statement: no permission, locked by another, read-only.
-constexpr int unavailable[] = {3, 5, 6, 8};
-// The lock of another was waited for in vain; somebody wants the statement to end.
-constexpr int locked[] = {5, 6};
-constexpr int interrupted = 9;
-constexpr int readOnly = 8;
-// PostgreSQL's for a statement that was ended.
-constexpr const char* cancelled = "57014";
-
-bool leavesDoubt(const Diagnosis& d) {
-    return d.state.starts_with("08") || isOneOf(doubtful, d.native);
-}
-
-// Drivers put their names in front and SQLite's the native code behind: "[SQLite]no such table: t (1)".
-std::string plainText(const Diagnosis& d) {
-    std::string_view text = d.text;
-    while (text.starts_with('[') && text.find(']') != std::string_view::npos)
-        text.remove_prefix(text.find(']') + 1);
-    const std::string code = " (" + std::to_string(d.native) + ")";
-    if (text.ends_with(code)) text.remove_suffix(code.size());
-    return std::string(text.empty() ? std::string_view(d.text) : text);
+// Failures that tell of the database and not of the statement.
+bool isOfTheDatabase(ASFailure failure) {
+    return failure == ASFailure::Denied || failure == ASFailure::Locked || failure == ASFailure::ReadOnly;
 }
 
 // Where the request has ended, that is the reason, and what it waited for is told beside it.
 void endRequest(const AException& failure) {
     const QORRequestControl* const control = QORRequestControl::current();
     if (control == nullptr || !control->expired()) return;
-    if (failure.nativeCode() == interrupted || failure.sqlState() == cancelled) control->check();
-    if (isOneOf(locked, failure.nativeCode())) throw QORException(errDeadline, control->text() + ": " + failure.text());
+    if (failure.failure() == ASFailure::Ended) control->check();
+    if (failure.failure() == ASFailure::Locked) {
+        throw QORException(errDeadline, control->text() + ": " + failure.text());
+    }
+}
+
+/// What ends a statement with the request of the calling thread, where the engine does not ask.
+using Watched = std::optional<StatementWatch::Running>;
+
+void watch(Watched& watched, const ASDialect& dialect, SQLHSTMT handle) {
+    if (*dialect.statementTimeout == '\0') return;
+    if (auto control = QORRequestControl::shareCurrent())
+        watched.emplace(std::move(control), [handle] { SQLCancel(handle); });
 }
 
 }  // namespace
@@ -110,7 +98,8 @@ int OdbcConnection::patiently(short type, void* handle, Call call) {
     for (;;) {
         const int rc = call();
         if (SQL_SUCCEEDED(rc) || rc == SQL_NO_DATA || m_sqlite == nullptr) return rc;
-        if (!isOneOf(locked, diagnose(type, handle).native) || !m_wait.turn()) return rc;
+        const Diagnosis d = diagnose(type, handle);
+        if (m_dialect->failureOf(d.state, d.native) != ASFailure::Locked || !m_wait.turn()) return rc;
     }
 }
 
@@ -140,7 +129,8 @@ struct OdbcStatement::Column {
 
 OdbcStatement::OdbcStatement(OdbcConnection& connection, std::string sql)
     : m_connection(connection), m_sql(std::move(sql)) {
-    m_connection.begin();
+    m_connection.starting();
+    m_prepared = m_connection.m_stale;
     SQLHSTMT allocated = nullptr;
     m_connection.check(SQLAllocHandle(SQL_HANDLE_STMT, m_connection.m_handle, &allocated), SQL_HANDLE_DBC,
                        m_connection.m_handle, m_sql);
@@ -177,7 +167,9 @@ void OdbcStatement::setInteger(std::size_t index, std::int64_t value) {
     if (p.bound != Bound::Integer) bindParameter(index, Bound::Integer);
 }
 
+// Other drivers than SQLite's write the digits of a double themselves, and fewer than it has.
 void OdbcStatement::setReal(std::size_t index, double value) {
+    if (m_connection.m_sqlite == nullptr) return setText(index, doubleToStr(value));
     Parameter& p = parameter(index);
     p.real = value;
     p.indicator = 0;
@@ -289,31 +281,55 @@ int OdbcStatement::bindColumn(std::size_t index) noexcept {
 
 void OdbcStatement::execute() {
     close();
-    m_connection.begin();
-    if (m_unprepared) prepareAgain();
+    m_connection.starting();
+    if (m_unprepared || m_prepared != m_connection.m_stale) prepareAgain();
+    try {
+        run();
+    } catch (const AException& error) {
+        if (error.failure() != ASFailure::Stale || !m_connection.beginAgain()) throw;
+        prepareAgain();
+        run();
+    }
+    ASFaults::instance().read();
+}
+
+void OdbcStatement::run() {
     for (auto& column : m_columns)
         column->indicator = SQL_NULL_DATA;  // what is not read from this result is not left from another
     m_open = true;
     m_rowsLeft = false;
-    check(m_connection.patiently(SQL_HANDLE_STMT, m_handle, [this] { return SQLExecute(m_handle); }));
+    {
+        Watched watched;
+        watch(watched, m_connection.dialect(), m_handle);
+        check(m_connection.patiently(SQL_HANDLE_STMT, m_handle, [this] { return SQLExecute(m_handle); }));
+    }
     m_rowsLeft = true;
-    ASFaults::instance().read();
+    m_connection.m_answered = true;
 }
 
 void OdbcStatement::prepareAgain() {
+    m_open = false;
+    SQLFreeStmt(m_handle, SQL_CLOSE);
     check(SQLPrepare(m_handle, chars(m_sql), static_cast<SQLINTEGER>(m_sql.size())));
     for (std::size_t i = 0; i < m_columns.size(); ++i)
         check(bindColumn(i));
     m_unprepared = false;
+    m_prepared = m_connection.m_stale;
 }
 
 // A result that lies in memory already is fetched without the engine, which therefore ends nothing.
 bool OdbcStatement::fetch() {
     if ((++m_fetches & 63) == 0) QORRequestControl::checkCurrent();
-    const SQLRETURN rc = SQLFetch(m_handle);
+    SQLRETURN rc = SQL_SUCCESS;
+    {
+        Watched watched;
+        if (m_connection.streams()) watch(watched, m_connection.dialect(), m_handle);
+        rc = SQLFetch(m_handle);
+    }
     if (rc == SQL_SUCCESS) return true;
     if (rc == SQL_NO_DATA) {
         m_rowsLeft = false;
+        if (m_connection.streams()) m_connection.confirmEnd();
         return false;
     }
     m_rowsLeft = SQL_SUCCEEDED(rc);
@@ -388,7 +404,7 @@ std::int64_t OdbcStatement::changes() {
 void OdbcStatement::close() noexcept {
     if (!m_open) return;
     m_open = false;
-    const bool streams = m_parameters.empty() && !m_columns.empty();
+    const bool streams = m_connection.m_sqlite != nullptr && m_parameters.empty() && !m_columns.empty();
     const bool unfinished = m_rowsLeft && streams && SQLFetch(m_handle) != SQL_NO_DATA;
     SQLFreeStmt(m_handle, SQL_CLOSE);
     if (!unfinished) return;
@@ -404,24 +420,31 @@ void OdbcConnection::check(int rc, short type, void* handle, const std::string& 
     if (SQL_SUCCEEDED(rc) || rc == SQL_NO_DATA) return;
     if (rc == SQL_INVALID_HANDLE) throw AException("an ODBC handle is invalid", "HY000", 0, statement);
     Diagnosis d = diagnose(type, handle);
-    std::string text = plainText(d);
-    const bool doubt = leavesDoubt(d);
+    std::string text = m_dialect->plainText(d.text, d.state, d.native);
+    const ASFailure meaning = m_dialect->failureOf(d.state, d.native);
+    const bool doubt = m_dialect->leavesDoubt(meaning);
     if (doubt) m_broken = true;
-    if (m_connected && (doubt || isOneOf(unavailable, d.native))) text = "database \"" + m_database + "\": " + text;
-    const AException failure(std::move(text), std::move(d.state), d.native, statement);
-    if (m_connected && !(m_reading && d.native == readOnly))
+    if (m_connected && m_sqlite == nullptr && meaning == ASFailure::Unreachable) m_lost = true;
+    if (m_connected && (doubt || isOfTheDatabase(meaning))) text = "database \"" + m_database + "\": " + text;
+    const AException failure(std::move(text), std::move(d.state), d.native, statement, meaning);
+    if (!m_begin.empty() && m_dialect->failureAborts && m_abortedBy.empty()) m_abortedBy = failure.text();
+    if (m_connected && !(isForReading() && meaning == ASFailure::ReadOnly))
         ASFaults::instance().report(failure, takeSqliteComplaint(), m_reading);
     endRequest(failure);
     throw failure;
 }
 
-void OdbcConnection::begin() noexcept {
+bool OdbcConnection::isForReading() const noexcept {
+    return m_reading || (m_dialect->alwaysInTransaction && m_begin.starts_with(m_dialect->beginRead));
+}
+
+void OdbcConnection::starting() noexcept {
     m_wait.begin();
     takeSqliteComplaint();
 }
 
 OdbcConnection::OdbcConnection(const std::string& connectionString, std::string database)
-    : m_database(std::move(database)) {
+    : m_database(std::move(database)), m_dialect(&ASDialect::of(ASEngine::SQLite)) {
     try {
         connect(connectionString);
     } catch (...) {
@@ -453,7 +476,7 @@ void OdbcConnection::connect(const std::string& connectionString) {
     SQLSMALLINT length = 0;
     check(SQLGetInfo(m_handle, SQL_DBMS_NAME, name.data(), static_cast<SQLSMALLINT>(name.size()), &length),
           SQL_HANDLE_DBC, m_handle, {});
-    m_engineName = name.data();
+    m_dialect = &ASDialect::named(name.data());
 }
 
 void OdbcConnection::disconnect() noexcept {
@@ -464,11 +487,13 @@ void OdbcConnection::disconnect() noexcept {
 
 std::int64_t OdbcConnection::execute(std::string_view sql) {
     const std::string text(sql);
-    begin();
+    starting();
     SQLHSTMT allocated = nullptr;
     check(SQLAllocHandle(SQL_HANDLE_STMT, m_handle, &allocated), SQL_HANDLE_DBC, m_handle, text);
     const StatementHandle handle(allocated);
     const auto run = [&] { return SQLExecDirect(allocated, chars(text), static_cast<SQLINTEGER>(text.size())); };
+    Watched watched;
+    watch(watched, *m_dialect, allocated);
     check(patiently(SQL_HANDLE_STMT, allocated, run), SQL_HANDLE_STMT, allocated, text);
     SQLSMALLINT columns = 0;
     check(SQLNumResultCols(allocated, &columns), SQL_HANDLE_STMT, allocated, text);
@@ -476,11 +501,60 @@ std::int64_t OdbcConnection::execute(std::string_view sql) {
         SQLRETURN rc = SQL_SUCCESS;
         while (rc != SQL_NO_DATA)
             check(rc = SQLFetch(allocated), SQL_HANDLE_STMT, allocated, text);
+        m_answered = true;
         return 0;
     }
     SQLLEN rows = 0;
     check(SQLRowCount(allocated, &rows), SQL_HANDLE_STMT, allocated, text);
+    m_answered = true;
     return rows;
+}
+
+void OdbcConnection::beginTransaction(std::string sql, bool marked) {
+    endTransaction();
+    std::string mark;
+    if (marked && *m_dialect->mark != '\0') {
+        mark = std::to_string(++m_marks);
+        sql += std::string("; ") + m_dialect->mark + mark;
+    }
+    execute(sql);
+    m_begin = std::move(sql);
+    m_mark = std::move(mark);
+    m_answered = false;
+}
+
+void OdbcConnection::endTransaction() noexcept {
+    m_begin.clear();
+    m_mark.clear();
+    m_abortedBy.clear();
+}
+
+// The engine says the same of every later run of what does not fit any more, and of other statements of the connection.
+bool OdbcConnection::beginAgain() {
+    ++m_stale;
+    if (m_begin.empty()) return true;
+    if (m_answered) return false;
+    std::string mark = std::move(m_mark);
+    std::string begin = std::move(m_begin);
+    execute(m_dialect->rollback);
+    beginTransaction(std::move(begin));
+    m_mark = std::move(mark);
+    return true;
+}
+
+std::string OdbcConnection::selectText(const std::string& sql) {
+    OdbcStatement select(*this, sql);
+    select.bindTextColumns();
+    select.execute();
+    return select.fetch() ? std::string(select.value(0)) : std::string();
+}
+
+// Rows that are handed out as they come belong to a cursor, which is gone without a word when its transaction is.
+void OdbcConnection::confirmEnd() {
+    const std::string mark = std::exchange(m_mark, {});
+    const std::string found = selectText(m_dialect->selectMark);
+    m_mark = mark;
+    if (found != mark) throw AException("the result was cut off: its transaction has ended before it");
 }
 
 }  // namespace QOR

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/engine/SqliteEngine.h"
 
 namespace QOR {
@@ -71,6 +72,7 @@ private:
     int tryBind(std::size_t index, Bound kind) noexcept;
     int bindColumn(std::size_t index) noexcept;
     void prepareAgain();
+    void run();
     void readLong(std::size_t index);
     void widen(std::size_t index);
     void check(int result);
@@ -81,6 +83,7 @@ private:
     bool m_open = false;
     unsigned m_fetches = 0;
     bool m_unprepared = false;                             ///< preparing it anew has failed
+    unsigned m_prepared = 0;                               ///< the connection's count of stale statements at that time
     bool m_rowsLeft = false;                               ///< the end of the running result has not been met
     std::vector<std::unique_ptr<Parameter>> m_parameters;  // the driver holds their addresses
     std::vector<std::unique_ptr<Column>> m_columns;
@@ -99,10 +102,18 @@ public:
     OdbcConnection(const OdbcConnection&) = delete;
     OdbcConnection& operator=(const OdbcConnection&) = delete;
 
-    /// The engine's name as the driver tells it.
-    const std::string& engineName() const noexcept { return m_engineName; }
+    const ASDialect& dialect() const noexcept { return *m_dialect; }
     /// Runs a statement without parameters and drops its result. \returns rows changed
     std::int64_t execute(std::string_view sql);
+    /// The only cell of a select, empty for null or no row.
+    std::string selectText(const std::string& sql);
+    /// Begins a transaction. \param sql how, in one text \param marked whether rows are handed out in it as they come,
+    /// so that their end has to be told from the transaction's
+    void beginTransaction(std::string sql, bool marked = false);
+    /// Forgets what is known of the transaction, which somebody has ended.
+    void endTransaction() noexcept;
+    /// Why the engine will commit nothing of the transaction although it says it has; empty: it will.
+    const std::string& abortedBy() const noexcept { return m_abortedBy; }
     /// How long a lock of others is waited for, at most.
     void setPatience(std::chrono::milliseconds patience) noexcept { m_wait.setPatience(patience); }
     /// It is for reading alone, and says so when something is to be written: that is no fault of the database.
@@ -111,6 +122,8 @@ public:
     bool isInTransaction() const noexcept { return m_sqlite == nullptr || isInSqliteTransaction(*m_sqlite); }
     /// Whether a failure has left it in doubt.
     bool isBroken() const noexcept { return m_broken; }
+    /// Whether the other end has gone, and so the others of its time probably have too.
+    bool isLost() const noexcept { return m_lost; }
     void setBroken() noexcept { m_broken = true; }
 
 private:
@@ -120,7 +133,15 @@ private:
     void connect(const std::string& connectionString);
     void disconnect() noexcept;
     /// A statement is about to run.
-    void begin() noexcept;
+    void starting() noexcept;
+    /// The end of rows that are handed out as they come: makes sure that it is one.
+    void confirmEnd();
+    /// Begins the transaction anew, for a statement that failed before anything was answered in it. \returns false when
+    /// that cannot be done
+    bool beginAgain();
+    /// Whether nothing may be written now, so that a refusal to write is no fault of the database.
+    bool isForReading() const noexcept;
+    bool streams() const noexcept { return !m_mark.empty(); }
     /// Calls again while somebody else's lock is in the way, as long as the patience lasts. \returns SQLRETURN
     template <class Call>
     int patiently(short type, void* handle, Call call);
@@ -132,8 +153,15 @@ private:
     bool m_connected = false;
     bool m_broken = false;
     bool m_reading = false;
+    bool m_lost = false;
+    bool m_answered = false;  ///< a statement of the transaction has run
+    unsigned m_marks = 0;
+    unsigned m_stale = 0;  ///< how often a prepared statement did not fit the database any more
+    std::string m_begin;   ///< what began the transaction; empty: there is none
+    std::string m_mark;    ///< of the transaction, where it can be told from others; empty elsewhere
+    std::string m_abortedBy;
     std::string m_database;
-    std::string m_engineName;
+    const ASDialect* m_dialect;
 };
 
 }  // namespace QOR

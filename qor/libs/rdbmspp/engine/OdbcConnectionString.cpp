@@ -65,6 +65,13 @@ void OdbcConnectionString::set(std::string_view name, std::string_view value) {
     m_parts.emplace_back(name, value);
 }
 
+std::vector<std::string> OdbcConnectionString::names() const {
+    std::vector<std::string> names;
+    for (const auto& part : m_parts)
+        names.push_back(part.first);
+    return names;
+}
+
 std::string OdbcConnectionString::text() const {
     std::string out;
     for (const auto& [name, value] : m_parts) {

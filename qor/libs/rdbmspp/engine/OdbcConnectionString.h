@@ -24,6 +24,8 @@ public:
     /// Takes a value out. \returns it, or `otherwise` when there is none
     std::string take(std::string_view name, std::string_view otherwise);
     std::string text() const;
+    /// In their order.
+    std::vector<std::string> names() const;
 
 private:
     std::vector<std::pair<std::string, std::string>> m_parts;

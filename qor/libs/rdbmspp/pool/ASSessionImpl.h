@@ -112,6 +112,7 @@ struct ASStatement::Impl {
     explicit Impl(OdbcConnection& connection, std::string_view sql);
 
     OdbcStatement statement;
+    const ASDialect& dialect;
     std::int64_t* changes = nullptr;
     bool columnsBound = false;
     std::string decoded;
@@ -140,12 +141,16 @@ struct ASSession::Impl {
     /// The same on the streaming connection, which must be there (mayStream()).
     ASStatementLease leaseStreaming(const std::string& sql);
     bool mayStream() const noexcept { return !inTransaction && !source.streamingString.empty(); }
+    /// Begins a transaction on the connection.
+    void begin(bool writing);
+    std::string transactionId();
     /// Begins a transaction on the streaming connection, where all cursors run until it ends. \returns false when there
     /// is no such connection
     bool beginLong();
     void endLong() noexcept;
     bool isLong() const noexcept { return inLong; }
     bool isBroken() const noexcept { return connection.isBroken() || (streaming && streaming->isBroken()); }
+    bool isLost() const noexcept { return connection.isLost() || (streaming && streaming->isLost()); }
     std::unique_ptr<OdbcConnection> connectStreaming() const;
     void setUp(OdbcConnection& opened) const;
     void setJournal(OdbcConnection& opened) const;
@@ -166,6 +171,7 @@ struct ASSession::Impl {
     bool inLong = false;
     std::int64_t changes = 0;
     std::uint64_t generation = 0;
+    std::uint64_t time = 0;  ///< when it was opened, counted in losses of connections
 };
 
 }  // namespace QOR

@@ -15,7 +15,6 @@ using Clock = std::chrono::steady_clock;
 
 // A request that is cancelled cannot wake whoever waits for it; this is how soon it is noticed.
 constexpr auto lookInterval = std::chrono::milliseconds(50);
-constexpr int locked = 5;
 
 void refuseEnded(const std::string& database) {
     const QORRequestControl* const control = QORRequestControl::current();
@@ -47,7 +46,7 @@ ASWriterQueue::Turn ASWriterQueue::take(std::chrono::milliseconds patience, cons
         if (!await(lock, waiter, patience)) {
             std::erase(m_waiters, &waiter);
             refuseEnded(database);
-            throw AException("database \"" + database + "\": database is locked", "HY000", locked);
+            throw AException("database \"" + database + "\": database is locked", "HY000", 0, {}, ASFailure::Locked);
         }
     }
     m_taken = true;

@@ -15,7 +15,9 @@
 #include <filesystem>
 #include <limits>
 #include <mutex>
+#include <optional>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -25,6 +27,7 @@
 #include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/engine/ASValue.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
+#include "rdbmspp/engine/PostgresEngine.h"
 #include "rdbmspp/engine/SqliteEngine.h"
 #include "rdbmspp/engine/SqliteTriggers.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
@@ -48,8 +51,13 @@ struct Settings {
     std::uint64_t generation = 0;
 };
 
-bool containsSqlite(std::string_view text) {
-    return toLowerText(text).find("sqlite") != std::string::npos;
+// As the driver's name tells before there is a connection; that of a data source may tell nothing.
+std::optional<ASEngine> engineOfDriver(const std::string& driver) {
+    const std::string lowered = toLowerText(driver);
+    for (const ASEngine engine : {ASEngine::SQLite, ASEngine::PostgreSQL}) {
+        if (lowered.find(toLowerText(ASDialect::of(engine).odbcName)) != std::string::npos) return engine;
+    }
+    return std::nullopt;
 }
 
 bool isInMemory(const std::string& database) {
@@ -89,6 +97,13 @@ void addSqliteDefaults(OdbcConnectionString& string, Settings& settings) {
     }
 }
 
+void addPostgresDefaults(OdbcConnectionString& string, Settings& settings) {
+    settlePostgres(string);
+    settings.source.patience = std::chrono::milliseconds(settings.options.busyTimeoutMs);
+    settings.source.setup = {postgresScript(settings.source.patience)};
+    settings.source.streamingString = postgresStreaming(string);
+}
+
 // What is wrong with the path; the driver does not tell.
 std::string faultOf(const std::filesystem::path& file, bool mayBeCreated) {
     std::error_code ignored;
@@ -108,9 +123,9 @@ std::string faultOf(const std::filesystem::path& file, bool mayBeCreated) {
 AException cannotOpen(const Settings& settings, const AException& error) {
     std::string text = "cannot open the database \"" + settings.database + "\" with the driver \"" + settings.driver +
                        "\": " + error.text();
-    const bool file = containsSqlite(settings.driver) && !isInMemory(settings.database);
+    const bool file = engineOfDriver(settings.driver) == ASEngine::SQLite && !isInMemory(settings.database);
     if (file && error.text() == "connect failed") text += faultOf(settings.database, settings.mayCreate);
-    return AException(std::move(text), error.sqlState(), error.nativeCode(), error.statement());
+    return error.reworded(std::move(text));
 }
 
 // The driver opens a file without looking into it.
@@ -129,8 +144,7 @@ std::unique_ptr<ASSession> open(const Settings& settings) {
 }
 
 [[noreturn]] void refuseFile(const Settings& settings, const char* reason) {
-    constexpr int cannotOpenFile = 14;
-    AException failure("database \"" + settings.database + "\": " + reason, "HY000", cannotOpenFile);
+    AException failure("database \"" + settings.database + "\": " + reason, "HY000", 0, {}, ASFailure::Unreachable);
     ASFaults::instance().report(ASFault::Missing, failure.text());
     throw failure;
 }
@@ -149,10 +163,6 @@ void checkFile(const Settings& settings) {
                    "its file changes although it lies on a file system for reading only; start the program again");
     }
     ASFaults::instance().found();
-}
-
-ASEngine engineOf(const std::string& name) {
-    return name.starts_with(ASDialect::of(ASEngine::PostgreSQL).odbcName) ? ASEngine::PostgreSQL : ASEngine::SQLite;
 }
 
 thread_local unsigned heldByThread = 0;
@@ -175,7 +185,8 @@ ASFileIdentity ASFileIdentity::of(const std::string& path) noexcept {
 
 // --- statements ------------------------------------------------------------------------------------------------
 
-ASStatement::Impl::Impl(OdbcConnection& connection, std::string_view sql) : statement(connection, std::string(sql)) {}
+ASStatement::Impl::Impl(OdbcConnection& connection, std::string_view sql)
+    : statement(connection, std::string(sql)), dialect(connection.dialect()) {}
 
 ASStatement::ASStatement(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
 ASStatement::~ASStatement() = default;
@@ -234,14 +245,17 @@ std::int64_t ASStatement::integer(unsigned column) const {
     throw AException("\"" + std::string(stored) + "\" is no integer", {}, 0, m_impl->statement.sql());
 }
 
-// The driver writes bytes as the literal X'...'.
+// SQLite's driver writes bytes as the literal X'...', PostgreSQL's as bare digits.
 std::string_view ASStatement::bytes(unsigned column) const {
-    const std::string_view stored = text(column);
-    if (stored.size() < 3 || !stored.starts_with("X'") || stored.back() != '\'') return stored;
+    std::string_view digits = text(column);
+    if (m_impl->dialect.engine == ASEngine::SQLite) {
+        if (digits.size() < 3 || !digits.starts_with("X'") || digits.back() != '\'') return digits;
+        digits = digits.substr(2, digits.size() - 3);
+    }
     const auto digit = [](char c) { return c <= '9' ? c - '0' : (c | 32) - 'a' + 10; };
     m_impl->decoded.clear();
-    for (std::size_t i = 2; i + 2 < stored.size(); i += 2) {
-        m_impl->decoded += static_cast<char>(digit(stored[i]) << 4 | digit(stored[i + 1]));
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+        m_impl->decoded += static_cast<char>(digit(digits[i]) << 4 | digit(digits[i + 1]));
     }
     return m_impl->decoded;
 }
@@ -258,20 +272,17 @@ void ASStatement::reset() {
 // --- sessions --------------------------------------------------------------------------------------------------
 
 ASSession::Impl::Impl(const ASConnectionSource& from)
-    : source(from),
-      connection(source.string, source.database),
-      dialect(&ASDialect::of(engineOf(connection.engineName()))) {
+    : source(from), connection(source.string, source.database), dialect(&connection.dialect()) {
     setUp(connection);
 }
 
 // A journal cannot be changed while others have the database open; it is as good as it was.
 void ASSession::Impl::setJournal(OdbcConnection& opened) const {
-    constexpr int locked = 5;
     if (source.journal.empty()) return;
     try {
         opened.execute(source.journal);
     } catch (const AException& error) {
-        if (error.nativeCode() != locked) throw;
+        if (error.failure() != ASFailure::Locked) throw;
     }
 }
 
@@ -312,8 +323,7 @@ std::unique_ptr<OdbcConnection> ASSession::Impl::connectStreaming() const {
     try {
         return std::make_unique<OdbcConnection>(source.streamingString, source.database);
     } catch (const AException& error) {
-        AException failure("database \"" + source.database + "\": " + error.text(), error.sqlState(),
-                           error.nativeCode());
+        const AException failure = error.reworded("database \"" + source.database + "\": " + error.text());
         ASFaults::instance().report(ASFault::Reading, failure.text());
         throw failure;
     }
@@ -332,17 +342,45 @@ ASStatementLease ASSession::Impl::leaseStreaming(const std::string& sql) {
     return leaseFrom(streamed, *streaming, sql);
 }
 
+namespace {
+
+// What bounds the transaction in the engine itself, beside the watch that ends its statements: for an agent that is
+// gone, say. A writer that serves a request waits for locks as long as the request may go on.
+std::string bounds(const ASDialect& dialect) {
+    constexpr auto margin = std::chrono::seconds(1);
+    const QORRequestControl* const control = QORRequestControl::current();
+    if (*dialect.statementTimeout == '\0' || control == nullptr) return {};
+    if (control->deadline() == QORRequestControl::Clock::time_point::max()) return {};
+    const auto left = control->deadline() - QORRequestControl::Clock::now() + margin;
+    const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
+    return std::string("; ") + dialect.statementTimeout +
+           std::to_string(std::clamp<std::int64_t>(milliseconds, 1, 1 << 30)) + "; " + dialect.lockTimeout + "0";
+}
+
+}  // namespace
+
+// Empty where nothing was written, or where the engine keeps none.
+std::string ASSession::Impl::transactionId() {
+    return *dialect->transactionId == '\0' ? std::string() : connection.selectText(dialect->transactionId);
+}
+
+void ASSession::Impl::begin(bool writing) {
+    connection.beginTransaction((writing ? dialect->beginWrite : dialect->beginRead) + bounds(*dialect));
+}
+
 // A transaction that is begun by its statement does not keep the driver from handing out rows one by one.
 bool ASSession::Impl::beginLong() {
     if (source.streamingString.empty()) return false;
+    if (inLong) return true;
     openStreaming();
-    streaming->execute(dialect->beginRead);
+    streaming->beginTransaction(dialect->beginRead + bounds(*dialect), true);
     inLong = true;
     return true;
 }
 
 void ASSession::Impl::endLong() noexcept {
     if (!std::exchange(inLong, false)) return;
+    streaming->endTransaction();
     try {
         streaming->execute(dialect->rollback);
     } catch (const std::exception&) {
@@ -421,10 +459,13 @@ struct QORRdbms::Impl {
     void release(std::unique_ptr<ASSession> session) noexcept;
     void giveUpPlace() noexcept;
     std::unique_ptr<ASSession> takeIdle();
+    void forgetOthers(ASSession& lost) noexcept;
     std::unique_ptr<ASSession> openChecked(const Settings& used);
     void mayWrite();
     void wrote();
     void undo(ASSession& failed, const AException& error) noexcept;
+    void settleLost(const std::string& transaction, const AException& lost);
+    std::string outcomeOf(const Settings& used, const std::string& transaction);
     void settle(const Settings& used);
     bool isCurrent(const ASSession::Impl& session) const;
     void replace(Settings settings, std::unique_ptr<ASSession> first);
@@ -436,6 +477,7 @@ struct QORRdbms::Impl {
     std::deque<Waiter*> waiters;                        // guarded by mutex
     unsigned places = 0;                                // guarded by mutex; open or being opened
     std::uint64_t generation = 0;                       // guarded by mutex
+    std::uint64_t losses = 0;                           // guarded by mutex; of connections to a server
     std::atomic<ASEngine> engine{ASEngine::SQLite};
     ASWriterQueue writers;
 
@@ -472,8 +514,7 @@ void QORRdbms::Impl::settle(const Settings& used) {
 
 // After a commit that failed, for whatever reason that leaves it open what is on the disk.
 void QORRdbms::Impl::undo(ASSession& failed, const AException& error) noexcept {
-    constexpr int inputOutput = 10;
-    if (error.nativeCode() != inputOutput || failed.engine() != ASEngine::SQLite) return;
+    if (error.failure() != ASFailure::InputOutput || failed.engine() != ASEngine::SQLite) return;
     unsettled = true;
     try {
         doubt = error.text();
@@ -494,14 +535,13 @@ void QORRdbms::Impl::undo(ASSession& failed, const AException& error) noexcept {
 void QORRdbms::Impl::wrote() {
     const SqliteComplaint complaint = takeSqliteComplaint();
     if (complaint.code == 0) return ASFaults::instance().wrote();
-    constexpr int inputOutput = 10;
-    ASFaults::instance().report(AException("the log cannot be worked into the database", "HY000", inputOutput),
-                                complaint, false);
+    ASFaults::instance().report(
+        AException("the log cannot be worked into the database", "HY000", 0, {}, ASFailure::InputOutput), complaint,
+        false);
 }
 
 // Refuses to write while it is in doubt what has been written, and tries to end that doubt.
 void QORRdbms::Impl::mayWrite() {
-    constexpr int inputOutput = 10;
     std::shared_ptr<const Settings> used;
     {
         const std::lock_guard lock(mutex);
@@ -517,11 +557,49 @@ void QORRdbms::Impl::mayWrite() {
     throw AException(
         "database \"" + used->database +
             "\": nothing is stored until its disk works again, since a commit could not be synchronised: " + doubt,
-        "HY000", inputOutput);
+        "HY000", 0, {}, ASFailure::InputOutput);
+}
+
+std::string QORRdbms::Impl::outcomeOf(const Settings& used, const std::string& transaction) {
+    auto session = openChecked(used);
+    ASStatement& outcome = session->prepare(session->impl().dialect->transactionOutcome);
+    outcome.bind(1, transaction);
+    outcome.execute();
+    return outcome.fetch() ? std::string(outcome.text(1)) : std::string();
+}
+
+// A commit whose answer was lost on its way was carried out or was not, and the engine knows. Returns when it was.
+void QORRdbms::Impl::settleLost(const std::string& transaction, const AException& lost) {
+    constexpr auto betweenLooks = std::chrono::milliseconds(20);
+    const QORRequestScope unbounded(nullptr);
+    std::shared_ptr<const Settings> used;
+    {
+        const std::lock_guard lock(mutex);
+        used = settings;
+    }
+    if (!used) throw lost;
+    const auto until = QORRequestControl::Clock::now() + used->source.patience;
+    std::string reason;
+    do {
+        std::string answer;
+        try {
+            answer = outcomeOf(*used, transaction);
+        } catch (const AException& error) {
+            reason = "; " + error.text();
+            // One that the engine has not heard of was not stored before it was started again.
+            if (error.failure() == ASFailure::Statement) answer = "aborted";
+        }
+        if (answer == "committed") return;
+        if (answer == "aborted") throw lost.reworded(lost.text() + "; nothing was committed");
+        std::this_thread::sleep_for(betweenLooks);
+    } while (QORRequestControl::Clock::now() < until);
+    throw AException("database \"" + used->database +
+                         "\": it is not known whether the transaction was committed: " + lost.text() + reason,
+                     lost.sqlState(), lost.nativeCode(), {}, ASFailure::Undecided);
 }
 
 bool QORRdbms::Impl::isCurrent(const ASSession::Impl& session) const {
-    return settings && session.generation == settings->generation && !session.isBroken();
+    return settings && session.generation == settings->generation && session.time == losses && !session.isBroken();
 }
 
 std::unique_ptr<ASSession> QORRdbms::Impl::takeIdle() {
@@ -531,10 +609,26 @@ std::unique_ptr<ASSession> QORRdbms::Impl::takeIdle() {
     return session;
 }
 
+// Whatever has ended one connection to a server has ended the others of its time: they are not tried one by one.
+void QORRdbms::Impl::forgetOthers(ASSession& lost) noexcept {
+    std::vector<std::unique_ptr<ASSession>> closing;
+    const std::lock_guard lock(mutex);
+    if (!lost.impl().isLost() || lost.impl().time != losses) return;
+    ++losses;
+    closing.swap(idle);
+    places -= static_cast<unsigned>(closing.size());
+}
+
 std::unique_ptr<ASSession> QORRdbms::Impl::openChecked(const Settings& used) {
     std::unique_ptr<ASSession> session;
     try {
+        std::uint64_t time = 0;
+        {
+            const std::lock_guard lock(mutex);
+            time = losses;
+        }
         session = open(used);
+        session->impl().time = time;
     } catch (const AException& error) {
         ASFaults::instance().report(ASFault::Reading, error.text());
         throw;
@@ -552,8 +646,7 @@ std::unique_ptr<ASSession> QORRdbms::Impl::openChecked(const Settings& used) {
         if (proof.fetch()) found = proof.text(1);
         proof.close();
     } catch (const AException& error) {
-        constexpr int statementFailed = 1;
-        if (error.nativeCode() != statementFailed) throw;
+        if (error.failure() != ASFailure::Statement) throw;
     }
     if (found != expected->value) refuseFile(used, "what is in its file was replaced");
     return session;
@@ -632,6 +725,7 @@ void QORRdbms::Impl::giveUpPlace() noexcept {
 }
 
 void QORRdbms::Impl::release(std::unique_ptr<ASSession> session) noexcept {
+    forgetOthers(*session);
     {
         const std::lock_guard lock(mutex);
         if (isCurrent(session->impl())) {
@@ -701,12 +795,12 @@ std::string immutableName(const std::string& file) {
 // A database with a log keeps an index of it in a file of its own, for which there is no place here. A log that is
 // there would have to be read; without one nothing is missing, and nobody writes to a file system for reading only.
 bool mayBeImmutable(const Settings& settings) {
-    return settings.options.readOnly && isOnReadOnlyFileSystem(settings.database) &&
-           ASFileIdentity::of(settings.database + "-wal").size == 0;
+    return settings.engine == ASEngine::SQLite && settings.options.readOnly &&
+           isOnReadOnlyFileSystem(settings.database) && ASFileIdentity::of(settings.database + "-wal").size == 0;
 }
 
 std::string adviceFor(const Settings& settings) {
-    if (!settings.options.readOnly || isInMemory(settings.database)) return {};
+    if (settings.engine != ASEngine::SQLite || !settings.options.readOnly || isInMemory(settings.database)) return {};
     const bool log = ASFileIdentity::of(settings.database + "-wal").size > 0;
     if (log && isOnReadOnlyFileSystem(settings.database)) {
         return ": its log \"" + settings.database +
@@ -722,15 +816,19 @@ std::string adviceFor(const Settings& settings) {
 
 /// Opens a connection and makes sure that there is a database behind it.
 std::unique_ptr<ASSession> openAndProbe(Settings& settings, OdbcConnectionString& string) {
-    const auto attempt = [&](bool sqlite) {
-        if (sqlite) addSqliteDefaults(string, settings);
+    const OdbcConnectionString asked = string;
+    const auto attempt = [&](std::optional<ASEngine> engine) {
+        string = asked;
+        if (engine == ASEngine::SQLite) addSqliteDefaults(string, settings);
+        if (engine == ASEngine::PostgreSQL) addPostgresDefaults(string, settings);
         settings.source.string = string.text();
-        settings.source.queryOnly = sqlite && settings.options.readOnly;
+        settings.source.queryOnly = engine && settings.options.readOnly;
         return open(settings);
     };
-    const bool sqlite = containsSqlite(settings.driver);
-    auto first = attempt(sqlite);
-    if (!sqlite && first->engine() == ASEngine::SQLite) first = attempt(true);  // a data source by another name
+    std::optional<ASEngine> engine = engineOfDriver(settings.driver);
+    auto first = attempt(engine);
+    settings.engine = first->engine();
+    if (engine != settings.engine) first = attempt(settings.engine);
     try {
         probe(first->impl());
     } catch (const AException& error) {
@@ -744,8 +842,7 @@ std::unique_ptr<ASSession> openFirst(Settings& settings, OdbcConnectionString& s
         return openAndProbe(settings, string);
     } catch (const AException& error) {
         if (!mayBeImmutable(settings)) {
-            throw AException(error.text() + adviceFor(settings), error.sqlState(), error.nativeCode(),
-                             error.statement());
+            throw error.reworded(error.text() + adviceFor(settings));
         }
     }
     settings.immutable = true;
@@ -778,7 +875,6 @@ void QORRdbms::configure(const ASDatabaseOptions& options) {
         settings.generation = ++m_impl->generation;
     }
     auto first = openFirst(settings, string);
-    settings.engine = first->engine();
     if (settings.engine == ASEngine::SQLite && isInMemory(settings.database)) {
         settings.options.maxConnections = settings.options.idleConnections = 1;
     } else if (settings.engine == ASEngine::SQLite) {
@@ -828,6 +924,24 @@ void QORRdbms::shutdown() {
     m_impl->settings.reset();
 }
 
+void QORRdbms::write(const std::function<void(ASSession&)>& work) {
+    constexpr unsigned mostRuns = 4;
+    constexpr auto pause = std::chrono::milliseconds(5);
+    for (unsigned runs = 1;; ++runs) {
+        try {
+            QORRdbmsTran transaction(ASAccess::Write);
+            work(*transaction);
+            transaction.commit();
+            return;
+        } catch (const AException& error) {
+            const bool lost = error.failure() == ASFailure::Unreachable && runs == 1;
+            if (!lost && (error.failure() != ASFailure::Undone || runs == mostRuns)) throw;
+        }
+        std::this_thread::sleep_for(pause * runs);
+        QORRequestControl::checkCurrent();
+    }
+}
+
 std::size_t QORRdbms::waitingWriters() const {
     return m_impl->writers.waiting();
 }
@@ -853,32 +967,36 @@ namespace {
 
 // A request waits for another program's lock as long as it may go on, and every now and then it is told that it does.
 void beginWriting(ASSession& session) {
-    constexpr int locked = 5;
     const QORRequestControl* const control = QORRequestControl::current();
     const bool bounded = control != nullptr && control->deadline() != QORRequestControl::Clock::time_point::max();
     for (;;) {
         try {
-            session.execute(session.impl().dialect->beginWrite);
+            session.impl().begin(true);
             return;
         } catch (const AException& error) {
-            if (!bounded || error.nativeCode() != locked) throw;
+            if (!bounded || error.failure() != ASFailure::Locked) throw;
         }
     }
 }
 
-// The engine's own bound, where it has one, for what no handler can end.
-void boundStatements(ASSession& session) {
-    const char* const begins = session.impl().dialect->statementTimeout;
-    const QORRequestControl* const control = QORRequestControl::current();
-    if (*begins == '\0' || control == nullptr) return;
-    const bool bounded = control->deadline() != QORRequestControl::Clock::time_point::max();
-    const auto left = control->deadline() - QORRequestControl::Clock::now();
-    const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
-    session.execute(begins + std::to_string(bounded ? std::clamp<std::int64_t>(milliseconds, 1, 1 << 30) : 0));
+/// \returns whether there is a transaction on the session's own connection
+bool begin(ASSession& session, ASAccess access) {
+    auto& impl = session.impl();
+    impl.inTransaction = access != ASAccess::ReadOne;
+    if (access == ASAccess::ReadOne && !impl.dialect->alwaysInTransaction) return false;
+    if (access == ASAccess::ReadLong && impl.beginLong()) return false;
+    if (access == ASAccess::Write) {
+        beginWriting(session);
+    } else {
+        impl.begin(false);
+    }
+    return true;
 }
 
 }  // namespace
 
+// A connection to a server may have been lost while it lay idle, which its first use tells. Nothing was done on it by
+// then, and the others of its time are gone with it, so that the next one is new.
 QORRdbmsTran::QORRdbmsTran(ASAccess access) : m_impl(std::make_unique<Impl>()) {
     auto& pool = *QORRdbms::instance().m_impl;
     m_impl->writes = access == ASAccess::Write;
@@ -886,25 +1004,20 @@ QORRdbmsTran::QORRdbmsTran(ASAccess access) : m_impl(std::make_unique<Impl>()) {
         m_impl->turn = pool.takeTurn();
         pool.mayWrite();
     }
-    m_impl->session = pool.acquire();
-    m_session = m_impl->session.get();
-    countHeld(true);
-    m_session->impl().inTransaction = access != ASAccess::ReadOne;
-    try {
-        boundStatements(*m_session);
-        if (access == ASAccess::ReadOne) return;
-        if (access == ASAccess::ReadLong && m_session->impl().beginLong()) return;
-        if (m_impl->writes) {
-            beginWriting(*m_session);
-        } else {
-            m_session->execute(m_session->impl().dialect->beginRead);
+    for (bool again = false;; again = true) {
+        m_impl->session = pool.acquire();
+        m_session = m_impl->session.get();
+        countHeld(true);
+        try {
+            m_impl->active = begin(*m_session, access);
+            return;
+        } catch (...) {
+            const bool lost = m_session->impl().isLost();
+            countHeld(false);
+            pool.release(std::move(m_impl->session));
+            if (!lost || again) throw;
         }
-    } catch (...) {
-        countHeld(false);
-        pool.release(std::move(m_impl->session));
-        throw;
     }
-    m_impl->active = true;
 }
 
 QORRdbmsTran::~QORRdbmsTran() {
@@ -912,6 +1025,7 @@ QORRdbmsTran::~QORRdbmsTran() {
     auto& impl = m_session->impl();
     impl.tidy();
     impl.endLong();
+    impl.connection.endTransaction();
     if (m_impl->active && impl.connection.isInTransaction()) {
         try {
             m_session->execute(impl.dialect->rollback);
@@ -926,13 +1040,23 @@ QORRdbmsTran::~QORRdbmsTran() {
 void QORRdbmsTran::commit() {
     if (!m_impl->active) return;
     auto& pool = *QORRdbms::instance().m_impl;
+    auto& impl = m_session->impl();
+    if (!impl.connection.abortedBy().empty()) {
+        throw AException("nothing was committed, since a statement had failed: " + impl.connection.abortedBy(), "25P02",
+                         0, {}, ASFailure::Aborted);
+    }
+    const std::string transaction = m_impl->writes ? impl.transactionId() : std::string();
     try {
-        m_session->execute(m_session->impl().dialect->commit);
+        m_session->execute(impl.dialect->commit);
     } catch (const AException& error) {
-        if (m_impl->writes) pool.undo(*m_session, error);
-        throw;
+        if (transaction.empty() || error.failure() != ASFailure::Unreachable) {
+            if (m_impl->writes) pool.undo(*m_session, error);
+            throw;
+        }
+        pool.settleLost(transaction, error);
     }
     m_impl->active = false;
+    impl.connection.endTransaction();
     if (!m_impl->writes) return;
     pool.wrote();
     m_impl->turn = {};

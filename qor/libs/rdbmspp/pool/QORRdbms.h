@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -114,6 +115,10 @@ public:
     /// From now on a connection counts as one to this database only when `select` answers `value`: a file that was
     /// emptied or written over in place has the same name, and may well have the same tables.
     void expect(std::string select, std::string value);
+    /// Runs `work` in a transaction that writes, and commits it. Where the engine undoes the transaction for another
+    /// one's sake, or the connection is lost and nothing was committed, it is run again, a few times: what it does
+    /// beside the database has to bear that. \throws what it throws, and what QORRdbmsTran does
+    void write(const std::function<void(ASSession&)>& work);
     /// Closes idle connections; those in use close when they come back.
     void shutdown();
 

@@ -350,7 +350,7 @@ TEST_F(QORRdbmsTest, LockedDatabaseIsAFailureAndTheNextRequestWorks) {
             insert(3);
             FAIL();
         } catch (const AException& error) {
-            EXPECT_EQ(error.nativeCode(), 5);
+            EXPECT_EQ(error.failure(), ASFailure::Locked);
             EXPECT_EQ(error.text(), "database \"" + path() + "\": database is locked");
         }
         EXPECT_EQ(all().size(), 2u);

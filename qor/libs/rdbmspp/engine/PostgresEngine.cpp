@@ -1,0 +1,88 @@
+#include "rdbmspp/engine/PostgresEngine.h"
+
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
+#include "QORCommon/QORAscii.h"
+#include "rdbmspp/engine/AException.h"
+#include "rdbmspp/engine/OdbcConnectionString.h"
+
+namespace QOR {
+
+namespace {
+
+struct Setting {
+    const char* name;
+    const char* value;
+};
+
+// The driver would otherwise put a savepoint around each statement and let a transaction go on, and commit, after one
+// failed (Protocol); change line ends and truth values (LFConversion, TrueIsMinus1); read through cursors that cost a
+// page twice its time (UseDeclareFetch); or write into statements what they shall not have (Parse, RowVersioning,
+// UpdatableCursors).
+constexpr Setting settings[] = {
+    {"Protocol", "7.4-0"}, {"UseServerSidePrepare", "1"}, {"UseDeclareFetch", "0"}, {"LFConversion", "0"},
+    {"TrueIsMinus1", "0"}, {"UpdatableCursors", "0"},     {"RowVersioning", "0"},   {"ShowOidColumn", "0"},
+    {"Parse", "0"},        {"UnknownSizes", "0"},         {"ReadOnly", "0"},
+};
+
+// A server that does not answer any more is given up after some seconds. What the administrator says counts.
+constexpr Setting clientSettings[] = {
+    {"application_name", "qor"},  {"connect_timeout", "3"},  {"keepalives_idle", "5"},
+    {"keepalives_interval", "2"}, {"keepalives_count", "2"}, {"tcp_user_timeout", "10000"},
+};
+
+// Rows that are asked for at once by whoever reads many.
+constexpr const char* rowsAtOnce = "10000";
+
+[[noreturn]] void refuse(const std::string& what) {
+    throw AException("the connection string " + what);
+}
+
+// "A1=..." is Protocol, "CX=..." several at once: a letter and a digit, or these two.
+bool isAbbreviation(std::string_view name) {
+    if (name.size() != 2) return false;
+    const char letter = static_cast<char>(name[0] | 0x20);
+    return letter >= 'a' && letter <= 'd' && (isDigitChar(name[1]) || (letter == 'c' && (name[1] | 0x20) == 'x'));
+}
+
+void refuseAbbreviations(const OdbcConnectionString& string) {
+    for (const std::string& name : string.names()) {
+        if (isAbbreviation(name))
+            refuse("abbreviates a setting of the driver as \"" + name + "\"; its full name says what is meant");
+    }
+}
+
+}  // namespace
+
+void settlePostgres(OdbcConnectionString& string) {
+    refuseAbbreviations(string);
+    for (const auto& [name, value] : settings) {
+        if (string.has(name) && !isSameWord(string.get(name), value)) {
+            refuse("says " + std::string(name) + "=" + string.get(name) + ", which has to be " + value);
+        }
+        string.set(name, value);
+    }
+    if (string.has("ConnSettings")) {
+        refuse("says ConnSettings; what a session shall find set belongs to its role (ALTER ROLE ... SET ...)");
+    }
+    std::string client;
+    for (const auto& [name, value] : clientSettings)
+        client += std::string(name) + "=" + value + " ";
+    string.set("pqopt", "{" + client + string.get("pqopt") + "}");  // of two of a name the later one counts
+}
+
+std::string postgresStreaming(OdbcConnectionString string) {
+    string.set("UseDeclareFetch", "1");
+    string.set("Fetch", rowsAtOnce);
+    return string.text();
+}
+
+std::string postgresScript(std::chrono::milliseconds patience) {
+    return "SET standard_conforming_strings = on; SET bytea_output = 'hex'; SET IntervalStyle = 'postgres'; "
+           "SET TimeZone = 'UTC'; SET client_min_messages = error; SET lock_timeout = " +
+           std::to_string(std::min<std::chrono::milliseconds::rep>(patience.count(), 1 << 30));
+}
+
+}  // namespace QOR

@@ -1,0 +1,23 @@
+/// \file
+/// Internal: how PostgreSQL's driver is told to behave, so that what it hands on is what the engine said.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace QOR {
+
+class OdbcConnectionString;
+
+/// Adds what this layer relies on. \throws AException for a setting that says otherwise, by its name, and for one of
+/// the driver's abbreviations, which say the same without being seen
+void settlePostgres(OdbcConnectionString& string);
+
+/// The connection string of connections whose rows are handed out as they come.
+std::string postgresStreaming(OdbcConnectionString string);
+
+/// What makes a session's texts, times and waiting what this layer takes them for, whatever the server, the role and
+/// the connection string say. Run before anything else. \param patience with locks of others
+std::string postgresScript(std::chrono::milliseconds patience);
+
+}  // namespace QOR

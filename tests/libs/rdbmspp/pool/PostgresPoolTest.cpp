@@ -1,0 +1,325 @@
+// A server is not a file: connections to it get lost, others undo one's transactions, and what the driver says of a
+// transaction is not always so.
+#include <chrono>
+#include <future>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORRequestControl.h"
+#include "libs/rdbmspp/PostgresFixture.h"
+#include "support/PostgresGate.h"
+
+namespace QOR::test {
+namespace {
+
+using std::chrono::milliseconds;
+using ::testing::AnyOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class PostgresPool : public PostgresTest {
+protected:
+    std::string connections() const {
+        return engine().cell(
+            "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database()"
+            " AND pid <> pg_backend_pid()");
+    }
+    void endConnections() const {
+        engine().rows(
+            "SELECT pg_terminate_backend(pid, 10000) FROM pg_stat_activity WHERE datname = current_database()"
+            " AND pid <> pg_backend_pid()");
+    }
+    /// Has several connections lie idle.
+    static void openSome(std::size_t count) {
+        std::vector<std::unique_ptr<QORRdbmsTran>> transactions;
+        for (std::size_t i = 0; i < count; ++i)
+            transactions.push_back(std::make_unique<QORRdbmsTran>());
+    }
+};
+
+TEST_F(PostgresPool, ASessionMeansWhatTheLayerMeansWhateverServerAndRoleSay) {
+    const std::string role = "ALTER DATABASE " + database.name() + " SET ";
+    engine().run(role + "standard_conforming_strings = off;" + role + "TimeZone = 'Asia/Tokyo';" + role +
+                 "bytea_output = escape;" + role + "IntervalStyle = iso_8601;" + role + "extra_float_digits = -5");
+    open();
+    EXPECT_EQ(cell("SHOW standard_conforming_strings"), "on");
+    EXPECT_EQ(cell("SHOW TimeZone"), "UTC");
+    EXPECT_EQ(cell("SHOW bytea_output"), "hex");
+    EXPECT_EQ(cell("SHOW IntervalStyle"), "postgres");
+    EXPECT_EQ(cell("SHOW application_name"), "qor");
+    EXPECT_EQ(cell("SELECT 0.1::float8 + 0.2::float8"), "0.30000000000000004");
+}
+
+TEST_F(PostgresPool, WhatTheAdministratorTellsTheClientLibraryCounts) {
+    open(";pqopt={application_name=mine}");
+    EXPECT_EQ(cell("SHOW application_name"), "mine");
+}
+
+TEST_F(PostgresPool, ASettingThatContradictsTheLayerIsRefusedByItsName) {
+    EXPECT_THAT(failureOf([&] { open(";Protocol=7.4-1"); }).text(), HasSubstr("Protocol=7.4-1, which has to be 7.4-0"));
+    EXPECT_THAT(failureOf([&] { open(";usedeclarefetch=1"); }).text(), HasSubstr("UseDeclareFetch=1"));
+    EXPECT_THAT(failureOf([&] { open(";ConnSettings=set+x"); }).text(), HasSubstr("ConnSettings"));
+    EXPECT_THAT(failureOf([&] { open(";A1=7.4-2"); }).text(), HasSubstr("\"A1\""));
+    EXPECT_THAT(failureOf([&] { open(";cx=1"); }).text(), HasSubstr("\"cx\""));
+    open(";Protocol=7.4-0;LFConversion=0");
+    EXPECT_EQ(cell("SELECT 1"), "1");
+}
+
+TEST_F(PostgresPool, ADatabaseThatIsNotThereIsNamed) {
+    ASDatabaseOptions none = options();
+    none.connectionString = PostgresServer::shared().connectionString("nowhere");
+    const AException failure = failureOf([&] { QORRdbms::instance().configure(none); });
+    EXPECT_EQ(failure.failure(), ASFailure::Unreachable);
+    EXPECT_THAT(failure.text(),
+                HasSubstr("cannot open the database \"nowhere\" with the driver \"PostgreSQL Unicode\""));
+    EXPECT_THAT(failure.text(), HasSubstr("does not exist"));
+}
+
+TEST_F(PostgresPool, ATransactionOfWhichAStatementFailedCommitsNothingAndSaysSo) {
+    prepare("CREATE TABLE t (i int PRIMARY KEY)");
+    const AException failure = failureOf([] {
+        QORRdbmsTran transaction(ASAccess::Write);
+        transaction->execute("INSERT INTO t VALUES (1)");
+        EXPECT_EQ(failureOf([&] { transaction->execute("INSERT INTO t VALUES (1)"); }).sqlState(), "23505");
+        EXPECT_EQ(failureOf([&] { transaction->execute("INSERT INTO t VALUES (2)"); }).failure(), ASFailure::Aborted);
+        transaction.commit();
+    });
+    EXPECT_EQ(failure.failure(), ASFailure::Aborted);
+    EXPECT_THAT(failure.text(), HasSubstr("duplicate key"));
+    EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "0");
+    write("INSERT INTO t VALUES (3)");
+    EXPECT_EQ(engine().cell("SELECT i FROM t"), "3") << "the connection is as good as before";
+}
+
+TEST_F(PostgresPool, AFailureSpeaksOfTheStatementAndNotOfRows) {
+    prepare("CREATE TABLE t (s text PRIMARY KEY); INSERT INTO t VALUES ('secret'), ('12x')");
+    const AException twice = failureOf([] { write("INSERT INTO t VALUES ('secret')"); });
+    EXPECT_EQ(twice.text(), "duplicate key value violates unique constraint \"t_pkey\"");
+    const AException unreadable = failureOf([] { cell("SELECT s::int FROM t WHERE s <> 'secret'"); });
+    EXPECT_EQ(unreadable.text(), "invalid input syntax for type integer");
+    EXPECT_EQ(failureOf([] { cell("SELECT * FROM nowhere"); }).text(), "relation \"nowhere\" does not exist");
+}
+
+TEST_F(PostgresPool, NoReadCanBeMadeToWrite) {
+    prepare(
+        "CREATE TABLE t (i int); CREATE FUNCTION f() RETURNS int LANGUAGE sql AS 'INSERT INTO t VALUES (1) RETURNING "
+        "i';"
+        "CREATE VIEW v AS SELECT f() AS i");
+    for (const ASAccess access : {ASAccess::ReadOne, ASAccess::Read}) {
+        EXPECT_EQ(failureOf([&] { cell("SELECT i FROM v", access); }).failure(), ASFailure::ReadOnly);
+        EXPECT_EQ(failureOf([&] {
+                      QORRdbmsTran transaction(access);
+                      ASStatement& undo =
+                          transaction->prepare("SELECT set_config('transaction_read_only', 'off', false)");
+                      undo.execute();
+                  }).sqlState(),
+                  "25001");
+    }
+    EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "0");
+}
+
+TEST_F(PostgresPool, ADatabaseThatIsOpenedForReadingIsNeverWritten) {
+    engine().run("CREATE TABLE t (i int)");
+    ASDatabaseOptions reading = options();
+    reading.readOnly = true;
+    QORRdbms::instance().configure(reading);
+    EXPECT_EQ(failureOf([] { write("INSERT INTO t VALUES (1)"); }).failure(), ASFailure::ReadOnly);
+    EXPECT_EQ(cell("SELECT count(*) FROM t"), "0");
+}
+
+TEST_F(PostgresPool, SeveralSelectsSeeOneState) {
+    prepare("CREATE TABLE t (i int)");
+    QORRdbmsTran transaction(ASAccess::Read);
+    ASStatement& count = transaction->prepare("SELECT count(*) FROM t");
+    for (const char* sql : {"INSERT INTO t VALUES (1)", "INSERT INTO t VALUES (2)"}) {
+        count.execute();
+        ASSERT_TRUE(count.fetch());
+        EXPECT_EQ(count.integer(1), 0);
+        engine().run(sql);
+    }
+}
+
+TEST_F(PostgresPool, ConnectionsThatWereEndedAreReplacedBeforeARequestNotices) {
+    open();
+    openSome(5);
+    ASSERT_EQ(connections(), "5");
+    endConnections();
+    EXPECT_EQ(cell("SELECT 1"), "1");
+    EXPECT_EQ(connections(), "1") << "the other four are not tried one by one";
+    endConnections();
+    prepare("CREATE TABLE t (i int)");
+    endConnections();
+    write("INSERT INTO t VALUES (1)");
+    EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "1");
+}
+
+TEST_F(PostgresPool, AServerThatWasDownIsUsedAgainWithoutANewStart) {
+    open();
+    openSome(3);
+    PostgresServer::shared().crash();
+    const AException failure = failureOf([] { cell("SELECT 1"); });
+    PostgresServer::shared().start();
+    EXPECT_EQ(failure.failure(), ASFailure::Unreachable);
+    EXPECT_THAT(failure.text(), HasSubstr("database \"" + database.name() + "\""));
+    EXPECT_EQ(cell("SELECT 1"), "1");
+}
+
+TEST_F(PostgresPool, AConnectionThatIsLostWithinATransactionIsAFailureOfIt) {
+    prepare("CREATE TABLE t (i int)");
+    const AException failure = failureOf([&] {
+        QORRdbmsTran transaction(ASAccess::Write);
+        transaction->execute("INSERT INTO t VALUES (1)");
+        endConnections();
+        transaction->execute("INSERT INTO t VALUES (2)");
+        transaction.commit();
+    });
+    EXPECT_EQ(failure.failure(), ASFailure::Unreachable);
+    EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "0");
+    write("INSERT INTO t VALUES (3)");
+    EXPECT_EQ(engine().cell("SELECT i FROM t"), "3");
+}
+
+TEST_F(PostgresPool, ACommitWhoseAnswerIsLostIsSettled) {
+    engine().run("CREATE TABLE t (i int)");
+    PostgresGate gate(PostgresServer::shared().folder());
+    ASDatabaseOptions through = options();
+    through.connectionString =
+        "Driver=PostgreSQL Unicode;Server=" + gate.folder() + ";Port=5432;Database=" + database.name() + ";UID=qor";
+    QORRdbms::instance().configure(through);
+    gate.loseAnswerTo("COMMIT");
+    write("INSERT INTO t VALUES (1)");
+    EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "1");
+    gate.loseRequest("COMMIT");
+    const AException failure = failureOf([] { write("INSERT INTO t VALUES (2)"); });
+    EXPECT_EQ(failure.failure(), ASFailure::Unreachable);
+    EXPECT_THAT(failure.text(), HasSubstr("nothing was committed"));
+    EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "1");
+    EXPECT_EQ(cell("SELECT count(*) FROM t"), "1");
+    gate.loseAnswerTo("COMMIT");
+    gate.close();
+    EXPECT_EQ(failureOf([] { write("INSERT INTO t VALUES (3)"); }).failure(), ASFailure::Undecided);
+}
+
+TEST_F(PostgresPool, ATransactionThatIsUndoneForAnotherOnesSakeIsRunAgain) {
+    prepare("CREATE TABLE t (i int PRIMARY KEY, n int); INSERT INTO t VALUES (1, 0), (2, 0)");
+    PostgresConnection other = engine();
+    other.run("SET deadlock_timeout = '60s'; BEGIN; UPDATE t SET n = n + 10 WHERE i = 2");
+    unsigned runs = 0;
+    std::future<void> waiting;
+    QORRdbms::instance().write([&](ASSession& session) {
+        session.execute("SET LOCAL deadlock_timeout = '1ms'; SET LOCAL lock_timeout = 0");
+        session.execute("UPDATE t SET n = n + 1 WHERE i = 1");
+        if (++runs == 1) {
+            waiting = std::async(std::launch::async, [&] { other.run("UPDATE t SET n = n + 10 WHERE i = 1; COMMIT"); });
+            while (engine().cell("SELECT count(*) FROM pg_locks WHERE NOT granted") == "0")
+                std::this_thread::sleep_for(milliseconds(1));
+        }
+        session.execute("UPDATE t SET n = n + 1 WHERE i = 2");
+    });
+    waiting.get();
+    EXPECT_EQ(runs, 2U);
+    EXPECT_EQ(engine().cell("SELECT string_agg(n::text, ' ' ORDER BY i) FROM t"), "11 11");
+}
+
+TEST_F(PostgresPool, ALockIsWaitedForAsLongAsTheOptionsSay) {
+    prepare("CREATE TABLE t (i int); INSERT INTO t VALUES (1)");
+    PostgresConnection other = engine();
+    other.run("BEGIN; UPDATE t SET i = 2");
+    const AException failure = failureOf([] { write("UPDATE t SET i = 3"); });
+    EXPECT_EQ(failure.failure(), ASFailure::Locked);
+    EXPECT_THAT(failure.text(), HasSubstr("lock timeout"));
+    other.run("COMMIT");
+    write("UPDATE t SET i = 3");
+}
+
+TEST_F(PostgresPool, AStatementEndsWithItsRequest) {
+    open();
+    const auto ended = [](auto call) {
+        try {
+            call();
+        } catch (const QORException& error) {
+            EXPECT_EQ(error.code(), errDeadline);
+            return error.message();
+        }
+        return std::string("done");
+    };
+    {
+        const QORRequestScope scope(std::make_shared<QORRequestControl>(milliseconds(100)));
+        EXPECT_EQ(ended([] { cell("SELECT pg_sleep(600)"); }), "the request's deadline of 100 ms has passed");
+    }
+    const auto control = std::make_shared<QORRequestControl>();
+    const QORRequestScope scope(control);
+    const auto client = std::async(std::launch::async, [&] {
+        while (engine().cell("SELECT count(*) FROM pg_stat_activity WHERE query LIKE 'SELECT pg_sleep(700)%'") == "0")
+            std::this_thread::sleep_for(milliseconds(1));
+        control->cancel(QORRequestControl::End::Gone);
+    });
+    EXPECT_NE(ended([] { cell("SELECT pg_sleep(700)"); }), "done");
+    client.wait();
+    const QORRequestScope none(nullptr);
+    EXPECT_EQ(cell("SELECT 1"), "1");
+    EXPECT_EQ(connections(), "1") << "the connection is as good as before";
+}
+
+TEST_F(PostgresPool, AStatementWhoseViewHasChangedIsPreparedAgain) {
+    prepare("CREATE VIEW v AS SELECT 1 AS i, 'a'::text AS s");
+    const auto both = [] {
+        QORRdbmsTran transaction(ASAccess::Read);
+        std::string all;
+        for (const char* sql : {"SELECT * FROM v", "SELECT * FROM v ORDER BY 1"}) {
+            ASStatement& statement = transaction->prepare(sql);
+            statement.execute();
+            all += statement.fetch() ? std::string(statement.text(1)) + " " : "- ";
+            statement.close();
+        }
+        return all;
+    };
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(both(), "1 1 ");
+    engine().run("DROP VIEW v; CREATE VIEW v AS SELECT 'b'::text AS i, 2.5::numeric AS s");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(both(), "b b ");
+}
+
+TEST_F(PostgresPool, ValuesComeAndGoExactly) {
+    prepare("CREATE TABLE t (d float8, b bytea, s text, n bigint, x numeric)");
+    const std::string longText(300'000, 'x');
+    const std::string bytes("\0\x01X'00'\xff", 8);
+    {
+        QORRdbmsTran transaction(ASAccess::Write);
+        transaction->prepare("INSERT INTO t VALUES (?, ?, ?, ?, ?)")
+            .bind(1, 0.1 + 0.2)
+            .bindBinary(2, bytes)
+            .bind(3, longText)
+            .bind(4, std::int64_t{-9223372036854775807 - 1})
+            .bind(5, "12345678901234567890123456.789")
+            .execute();
+        EXPECT_EQ(transaction->changes(), 1);
+        transaction.commit();
+    }
+    QORRdbmsTran transaction;
+    ASStatement& row = transaction->prepare("SELECT d, b, s, n, x FROM t");
+    row.execute();
+    ASSERT_TRUE(row.fetch());
+    EXPECT_EQ(row.text(1), "0.30000000000000004");
+    EXPECT_EQ(row.bytes(2), bytes);
+    EXPECT_EQ(row.text(3), longText);
+    EXPECT_EQ(row.integer(4), -9223372036854775807 - 1);
+    EXPECT_EQ(row.text(5), "12345678901234567890123456.789");
+}
+
+TEST_F(PostgresPool, AStatementThatChangesNothingIsNoFailure) {
+    prepare("CREATE TABLE t (i int)");
+    QORRdbmsTran transaction(ASAccess::Write);
+    ASStatement& none = transaction->prepare("UPDATE t SET i = ? WHERE i = 7");
+    none.bind(1, std::int64_t{1}).execute();
+    EXPECT_EQ(transaction->changes(), 0);
+    transaction->execute("DELETE FROM t");
+    transaction.commit();
+}
+
+}  // namespace
+}  // namespace QOR::test
