@@ -37,6 +37,7 @@ set(QOR_SDK_HEADERS
   QORMessage/QORTags.h
   QORMessage/QORXml.h
   rdbmspp/engine/AException.h
+  rdbmspp/engine/ASFailure.h
   rdbmspp/engine/ASEngine.h
   rdbmspp/sql/ASAttribute.h
   rdbmspp/sql/ASComparison.h

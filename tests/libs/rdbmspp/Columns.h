@@ -1,5 +1,5 @@
 /// \file
-/// Columns with receivers, and what they receive.
+/// Columns with receivers, what they receive, and what a call fails with.
 #pragma once
 
 #include <memory>
@@ -10,6 +10,17 @@
 #include "rdbmspp/sql/ASCursor.h"
 
 namespace QOR::test {
+
+/// The text of the AException that the call throws.
+template <class Call>
+std::string failure(Call call) {
+    try {
+        call();
+    } catch (const AException& error) {
+        return error.text();
+    }
+    return "(no failure)";
+}
 
 /// A column with its receiver.
 struct Column {

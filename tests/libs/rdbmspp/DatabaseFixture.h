@@ -37,16 +37,6 @@ protected:
         Engine(path()).run(sql);
         open();
     }
-    /// The text of the AException that the call throws.
-    template <class Call>
-    static std::string failure(Call call) {
-        try {
-            call();
-        } catch (const AException& error) {
-            return error.text();
-        }
-        return "(no failure)";
-    }
 
     test::TemporaryDirectory m_folder;
 };

@@ -4,16 +4,6 @@ namespace QOR {
 
 namespace {
 
-constexpr char sqliteViewColumns[] =
-    "SELECT m.name, c.name, c.type FROM sqlite_master AS m JOIN pragma_table_info(m.name) AS c "
-    "WHERE m.type = 'view' ORDER BY m.name, c.cid";
-
-constexpr char postgresViewColumns[] =
-    "SELECT table_name, column_name, data_type FROM information_schema.columns "
-    "WHERE table_schema = current_schema() AND table_name IN "
-    "(SELECT table_name FROM information_schema.views WHERE table_schema = current_schema()) "
-    "ORDER BY table_name, ordinal_position";
-
 // A bare parameter as a pattern makes SQLite compile the statement again at each execution, because the pattern might
 // let it use an index; behind the plus sign, which changes nothing else, it is no bare parameter any more.
 //
@@ -33,6 +23,7 @@ const ASDialect sqlite{
     .nullsAscending = "",
     .nullsDescending = "",
     .byteOrder = "",
+    .typed = false,
     .queryOnly = "PRAGMA query_only = 1",
     .opaqueBegin = "CAST(",
     .opaqueEnd = " AS TEXT)",
@@ -49,7 +40,6 @@ const ASDialect sqlite{
     .maxLikePattern = 50000,
     .parserDepth = 100,
     .expressionDepth = 1000,
-    .viewColumns = sqliteViewColumns,
 };
 
 const ASDialect postgres{
@@ -66,6 +56,7 @@ const ASDialect postgres{
     .nullsAscending = " NULLS FIRST",
     .nullsDescending = " NULLS LAST",
     .byteOrder = " COLLATE \"C\"",
+    .typed = true,
     .queryOnly = "SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY",
     .opaqueBegin = "",
     .opaqueEnd = "",
@@ -78,11 +69,10 @@ const ASDialect postgres{
     .selectMark = "SELECT current_setting('qor.transaction', true)",
     .transactionId = "SELECT pg_current_xact_id_if_assigned()::text",
     .transactionOutcome = "SELECT pg_xact_status(CAST(CAST(? AS text) AS xid8))",
-    .maxParameters = 1000,
+    .maxParameters = 30000,  // the protocol counts them in 16 bits
     .maxLikePattern = 0,
     .parserDepth = 0,
     .expressionDepth = 0,
-    .viewColumns = postgresViewColumns,
 };
 
 void appendHex(std::string& out, std::string_view bytes) {
@@ -238,12 +228,21 @@ std::string ASDialect::plainText(std::string_view message, std::string_view stat
 
 std::string ASDialect::epochSeconds(std::string_view expression) const {
     if (engine == ASEngine::SQLite) return sqliteEpochSeconds(expression);
-    return "CAST(floor(extract(epoch FROM " + std::string(expression) + ")) AS bigint)";
+    const std::string c(expression);
+    return "CASE WHEN " + c + " >= '0001-01-01' AND " + c + " < '10000-01-01' THEN CAST(floor(extract(epoch FROM " + c +
+           ")) AS bigint) END";
 }
 
 std::string ASDialect::exactDouble(std::string_view expression) const {
     const std::string e(expression);
     return engine == ASEngine::SQLite ? sqliteExactDouble(e) : e;
+}
+
+std::string ASDialect::exactDecimal(std::string_view expression) const {
+    constexpr const char* digitsOfADouble = "15";
+    const std::string text = "CAST(trim_scale(" + std::string(expression) + ") AS text)";
+    return text + " || CASE WHEN length(ltrim(translate(" + text + ", '-.', ''), '0')) > " + digitsOfADouble +
+           " THEN '=' ELSE '' END";
 }
 
 // SQLite's driver hands bytes over as the literal X'...', and so takes a text of that look for bytes.
@@ -287,6 +286,7 @@ AException ASDialect::explained(const AException& error) const {
         {"LIKE or GLOB pattern too complex", "a pattern of LIKE is too long for "},
         {"too many SQL variables", "the select holds too many values for "},
         {"integer overflow", "a sum is beyond 64 bits of "},
+        {"stack depth limit exceeded", "the condition is nested too deeply for "},
     };
     for (const auto& text : texts) {
         if (error.text().find(text.engine) == std::string::npos) continue;

@@ -28,7 +28,9 @@ struct QOR_API ASDialect {
     const char* noEscape;        ///< what has to follow a pattern without escape character
     const char* nullsAscending;  ///< makes null the smallest value; empty where it is already
     const char* nullsDescending;
-    const char* byteOrder;    ///< makes a text sort by its bytes; empty where it does already
+    const char* byteOrder;  ///< makes a text sort by its bytes; empty where it does already
+    /// Whether only values of one type compare with each other, and a parameter is taken for whatever stands beside it.
+    bool typed;
     const char* queryOnly;    ///< makes a connection refuse to write
     const char* opaqueBegin;  ///< around a text literal, so that `column = literal` does not make the engine put the
     const char* opaqueEnd;    ///< literal in the column's place elsewhere; empty where it does not anyway
@@ -54,9 +56,6 @@ struct QOR_API ASDialect {
     std::size_t maxLikePattern;   ///< bytes; 0: unlimited
     std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
     std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited
-    /// A select of three columns, view name, column name and declared type, one row for each column of each view.
-    const char* viewColumns;
-
     static const ASDialect& of(ASEngine engine) noexcept;
     /// That of the engine behind a driver. \param name as the driver tells it (SQL_DBMS_NAME)
     static const ASDialect& named(std::string_view name) noexcept;
@@ -73,6 +72,8 @@ struct QOR_API ASDialect {
     std::string exactDouble(std::string_view expression) const;
     /// A selected column of bytes so that the driver does not take a text for them.
     std::string exactBytes(std::string_view expression) const;
+    /// A selected decimal number: its digits, and "=" behind them where they are more than a double holds.
+    std::string exactDecimal(std::string_view expression) const;
     /// The sum of a column of whole numbers: exact within 64 bits, of floating point beyond, null for no values. Never
     /// fails.
     std::string wholeSum(std::string_view expression) const;

@@ -338,7 +338,11 @@ void ASSession::Impl::openStreaming() {
 }
 
 ASStatementLease ASSession::Impl::leaseStreaming(const std::string& sql) {
-    openStreaming();
+    if (dialect->alwaysInTransaction) {
+        beginLong();
+    } else {
+        openStreaming();
+    }
     return leaseFrom(streamed, *streaming, sql);
 }
 

@@ -237,6 +237,10 @@ ASGroupAttribute::Function ASGroupAttribute::function() const noexcept {
     return m_impl->function;
 }
 
+const ASAttribute* ASGroupAttribute::aggregated() const noexcept {
+    return m_impl->attribute ? &*m_impl->attribute : nullptr;
+}
+
 std::string ASGroupAttribute::Query() const {
     return Query(ASDialect::of(ASEngine::SQLite));
 }

@@ -2,6 +2,7 @@
 /// What a select can name: columns, raw SQL expressions, and aggregates over them; the domain they belong to.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -17,6 +18,18 @@ namespace QOR {
 
 struct ASDialect;
 class ASNestedSelect;
+
+/// What a column's type is in its engine, where that is not what its ASType says.
+enum class ASStorage : unsigned char {
+    Usual,
+    Boolean,    ///< of an Int
+    Decimal,    ///< of a Double
+    ZonedTime,  ///< of a DateTime
+    Other,      ///< of a VarChar: a type that is no text, but has a text form
+};
+
+/// By the names of columns; those that are not there are usual.
+using ASStorages = std::map<std::string, ASStorage, std::less<>>;
 
 /// A view or table that is selected from. Immutable and shared.
 class QOR_API ASDomain {
@@ -40,19 +53,26 @@ public:
     const std::string& derivedSql() const noexcept { return m_derivedSql; }
 
     /// A view of which it is known which columns are stored: reading one computes nothing, so that it cannot fail.
-    static std::shared_ptr<const ASDomain> view(std::string name, std::set<std::string, std::less<>> storedColumns) {
+    static std::shared_ptr<const ASDomain> view(std::string name, std::set<std::string, std::less<>> storedColumns,
+                                                ASStorages storages = {}) {
         auto domain = std::make_shared<ASDomain>(std::move(name), std::string());
         domain->m_storedColumns = std::move(storedColumns);
+        domain->m_storages = std::move(storages);
         return domain;
     }
     /// False also where nothing is known of the column.
     bool isStored(std::string_view column) const { return m_storedColumns.contains(column); }
+    ASStorage storageOf(std::string_view column) const {
+        const auto found = m_storages.find(column);
+        return found == m_storages.end() ? ASStorage::Usual : found->second;
+    }
 
 private:
     std::string m_name;
     std::string m_secondName;
     std::string m_derivedSql;
     std::set<std::string, std::less<>> m_storedColumns;
+    ASStorages m_storages;
 };
 
 using ASDomainPtr = std::shared_ptr<const ASDomain>;
@@ -138,6 +158,8 @@ public:
     const ASDataPtr& data() const noexcept;
     const ASDomainPtr& domain() const noexcept;
     Function function() const noexcept;
+    /// What is aggregated; null for the count of all rows.
+    const ASAttribute* aggregated() const noexcept;
     /// The aggregate as SQL text; without a dialect, as SQLite has it.
     std::string Query() const;
     std::string Query(const ASDialect& dialect) const;

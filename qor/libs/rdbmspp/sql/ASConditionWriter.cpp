@@ -9,6 +9,7 @@
 #include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
 #include "rdbmspp/sql/ASSqlText.h"
+#include "rdbmspp/sql/ASTypedTerms.h"
 
 namespace QOR {
 
@@ -244,24 +245,6 @@ void Layout::sortByDepth(Part& part) {
     part.first = deepest;
 }
 
-const char* operatorText(Node::Op op) {
-    switch (op) {
-        case Node::Op::Eq:
-            return " = ";
-        case Node::Op::Ne:
-            return " <> ";
-        case Node::Op::Gt:
-            return " > ";
-        case Node::Op::Ge:
-            return " >= ";
-        case Node::Op::Lt:
-            return " < ";
-        case Node::Op::Le:
-            break;
-    }
-    return " <= ";
-}
-
 Node::Op opposite(Node::Op op) {
     switch (op) {
         case Node::Op::Eq:
@@ -297,6 +280,7 @@ void writeOpaqueIn(ASSqlBuilder& b, const Node& node) {
 }
 
 void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
+    if (b.dialect().typed) return ASTypedTerms(b).term(node, negated);
     const char* op = operatorText(negated ? opposite(node.op) : node.op);
     switch (node.kind) {
         case Node::Kind::Raw:

@@ -131,7 +131,13 @@ std::string_view ASDouble::text(ASTextBuffer& scratch) const {
     return isNull() ? std::string_view() : m_raw;
 }
 
+// "NUMBER=" is how ASDialect::exactDecimal() selects what is more than a double holds.
 void ASDouble::take(std::string_view stored) {
+    if (stored.ends_with('=')) {
+        m_raw = stored.substr(0, stored.size() - 1);
+        m_state = State::Raw;
+        return;
+    }
     m_raw = stored;
     m_state = readDouble(stored, m_value) ? State::Value : State::Raw;
 }

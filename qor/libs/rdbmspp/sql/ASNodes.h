@@ -77,9 +77,19 @@ struct ASComparison::Node {
     ASValue other;
 };
 
+/// As it stands between two operands.
+constexpr const char* operatorText(ASComparison::Node::Op op) {
+    constexpr const char* texts[] = {" = ", " <> ", " > ", " >= ", " < ", " <= "};  // in the order of Op
+    return texts[static_cast<unsigned>(op)];
+}
+
 struct ASProject::Item {
     std::optional<ASAttribute> attribute;
     std::optional<ASGroupAttribute> group;
+
+    /// Whether it selects the same column or aggregate.
+    bool isSame(const std::optional<ASAttribute>& otherAttribute,
+                const std::optional<ASGroupAttribute>& otherGroup) const;
 
     ASData* data() const { return group ? group->data().get() : attribute->data().get(); }
     const ASDomain* domain() const { return group ? group->domain().get() : attribute->domain().get(); }

@@ -9,6 +9,12 @@
 
 namespace QOR {
 
+bool ASProject::Item::isSame(const std::optional<ASAttribute>& otherAttribute,
+                             const std::optional<ASGroupAttribute>& otherGroup) const {
+    if (group) return otherGroup && group->Query() == otherGroup->Query();
+    return otherAttribute && attribute->Query() == otherAttribute->Query();
+}
+
 ASProject& ASProject::operator<<(const ASAttribute& attribute) {
     m_items.push_back(std::make_shared<const Item>(Item{attribute, std::nullopt}));
     return *this;
@@ -51,6 +57,11 @@ std::string ASSelect::Query(const ASDialect& dialect) const {
     ASSqlBuilder builder(dialect, ASPurpose::Reading);
     builder.select(*this, where());
     return std::move(builder).takeText();
+}
+
+const ASProject::Item* ASSelect::firstSelected() const noexcept {
+    const auto& items = m_filter.m_project.m_items;
+    return items.empty() ? nullptr : items.front().get();
 }
 
 ASComparison ASSelect::where() const {

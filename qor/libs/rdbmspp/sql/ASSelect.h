@@ -20,14 +20,15 @@ struct ASDialect;
 /// The list of what is selected. `project << a << b`. Plain columns beside aggregates are grouped by.
 class QOR_API ASProject {
 public:
+    struct Item;
     ASProject& operator<<(const ASAttribute& attribute);
     ASProject& operator<<(const ASGroupAttribute& attribute);
 
 private:
     friend class ASFilter;
+    friend class ASSelect;
     friend class ASSqlBuilder;
     friend class ASCursor;
-    struct Item;
     std::vector<std::shared_ptr<const Item>> m_items;
     bool m_distinct = false;
 };
@@ -63,6 +64,8 @@ public:
 
     /// The select as SQL text, all values as literals. \throws AException for what the engine cannot take
     std::string Query(const ASDialect& dialect) const;
+    /// The first of what is selected, null when nothing is; only rdbmspp looks inside.
+    const ASProject::Item* firstSelected() const noexcept;
 
 private:
     friend class ASSqlBuilder;

@@ -1,11 +1,13 @@
 #include "rdbmspp/sql/ASSqlBuilder.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/sql/ASConditionWriter.h"
 #include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASSqlText.h"
+#include "rdbmspp/sql/ASTypedTerms.h"
 
 namespace QOR {
 
@@ -40,6 +42,19 @@ bool hasNoNumber(Function function, ASType type) {
     return (function == Function::Min || function == Function::Max) && (isText(type) || type == ASType::Blob);
 }
 
+const char* typeOf(const ASValue& value) {
+    switch (value.kind) {
+        case ASValue::Kind::Integer:
+            return "bigint";
+        case ASValue::Kind::Real:
+            return "float8";
+        case ASValue::Kind::Binary:
+            return "bytea";
+        default:
+            return "text";
+    }
+}
+
 }  // namespace
 
 void appendColumn(std::string& out, const ASAttribute& column) {
@@ -60,14 +75,27 @@ void appendOperand(std::string& out, const ASAttribute& attribute) {
 }
 
 ASSqlBuilder::ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose, bool exactSums, std::string spare)
-    : m_dialect(dialect), m_purpose(purpose), m_exactSums(exactSums), m_text(std::move(spare)) {
+    : m_dialect(dialect),
+      m_purpose(purpose),
+      m_executes(isExecuted()),
+      m_exactSums(exactSums),
+      m_text(std::move(spare)) {
     m_text.clear();
 }
 
 void ASSqlBuilder::select(const ASSelect& select, const ASComparison& where) {
     const ASFilter& filter = select.m_filter;
+    if (m_dialect.typed && m_executes && filter.m_project.m_distinct) return distinct(select, where);
     append(filter.m_project.m_distinct ? "SELECT DISTINCT " : "SELECT ");
     projection(filter.m_project);
+    rows(select, where);
+    if (select.m_order) orderBy(*select.m_order);
+    if (select.m_limit > 0) page(select.m_limit, select.m_offset);
+}
+
+/// Which rows and groups are selected.
+void ASSqlBuilder::rows(const ASSelect& select, const ASComparison& where) {
+    const ASFilter& filter = select.m_filter;
     from(filter.m_project);
     if (!filter.m_condition.empty()) checkCondition(m_dialect, *filter.m_condition.node());
     if (!where.empty()) {
@@ -75,14 +103,72 @@ void ASSqlBuilder::select(const ASSelect& select, const ASComparison& where) {
         condition(where);
     }
     groupBy(filter.m_project);
-    if (select.m_order) orderBy(*select.m_order);
+}
+
+// Such an engine sorts distinct rows only by what is written in the list of what is selected, to the letter. So they
+// are made distinct first, and then read and sorted.
+void ASSqlBuilder::distinct(const ASSelect& select, const ASComparison& where) {
+    constexpr const char* inner = "distinctRows";
+    const auto& items = select.m_filter.m_project.m_items;
+    std::vector<ASAttribute> columns;
+    ASStorages storages;
+    for (const auto& item : items) {
+        const bool column = item->attribute && item->attribute->isColumn() && item->attribute->domain();
+        const ASType type = column ? item->attribute->type() : ASType::VarChar;
+        columns.emplace_back("c" + std::to_string(columns.size()), type == ASType::Char ? ASType::VarChar : type);
+        if (!column) continue;
+        const ASStorage storage = item->attribute->domain()->storageOf(item->attribute->name());
+        if (storage == ASStorage::Decimal || storage == ASStorage::ZonedTime) {
+            storages.emplace(columns.back().name(), storage);
+        }
+    }
+    const auto domain = ASDomain::view(inner, {}, std::move(storages));
+    append("SELECT ");
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        columns[i].Register(domain);
+        if (i > 0) append(", ");
+        projectedAttribute(columns[i]);
+    }
+    append(" FROM (SELECT DISTINCT ");
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if (i > 0) append(", ");
+        distinctItem(*items[i]);
+        append(" AS ");
+        identifier(columns[i].name());
+    }
+    rows(select, where);
+    append(") AS ");
+    identifier(inner);
+    const char* separator = " ORDER BY ";
+    for (const auto& key :
+         select.m_order ? select.m_order->m_keys : std::vector<std::shared_ptr<const ASOrder::Key>>()) {
+        const auto same = [&](const auto& item) { return item->isSame(key->attribute, key->group); };
+        const auto found = std::find_if(items.begin(), items.end(), same);
+        if (found == items.end()) {
+            throw AException(std::string(m_dialect.name) + " sorts distinct rows only by what is selected of them");
+        }
+        append(separator);
+        separator = ", ";
+        column(columns[static_cast<std::size_t>(found - items.begin())]);
+        direction(key->descending);
+    }
     if (select.m_limit > 0) page(select.m_limit, select.m_offset);
 }
 
-// Its values are literals, so that nothing of it has to outlive this.
+void ASSqlBuilder::distinctItem(const ASProject::Item& item) {
+    if (item.group) return aggregate(*item.group);
+    operand(*item.attribute);
+    if (!item.attribute->isColumn() || isText(item.attribute->type())) append(m_dialect.byteOrder);
+}
+
+// Where its values are literals, nothing of it has to outlive this.
 void ASSqlBuilder::nested(const ASNestedSelect& nested) {
     const ASPurpose outer = std::exchange(m_purpose, ASPurpose::Nested);
-    select(nested.select(), nested.select().where());
+    if (m_dialect.typed) {
+        select(nested.select(), m_conditions.emplace_back(nested.select().where()));
+    } else {
+        select(nested.select(), nested.select().where());
+    }
     m_purpose = outer;
 }
 
@@ -91,6 +177,7 @@ void ASSqlBuilder::condition(const ASComparison& condition) {
 }
 
 void ASSqlBuilder::operand(const ASAttribute& attribute) {
+    if (m_dialect.typed) return ASTypedTerms(*this).operand(attribute);
     const auto& select = attribute.nestedSelect();
     if (!select) return appendOperand(m_text, attribute);
     append("(");
@@ -100,6 +187,8 @@ void ASSqlBuilder::operand(const ASAttribute& attribute) {
 
 void ASSqlBuilder::aggregate(const ASGroupAttribute& attribute) {
     const auto& impl = *attribute.m_impl;
+    if (m_dialect.typed && impl.attribute)
+        return ASTypedTerms(*this).aggregate(attribute, m_purpose == ASPurpose::Nested);
     if (m_purpose == ASPurpose::Nested && impl.attribute) return nestedAggregate(attribute);
     if (isExactSum(attribute)) return append(exactSum(attribute));
     append(functionName(impl.function));
@@ -143,10 +232,29 @@ std::string ASSqlBuilder::exactSum(const ASGroupAttribute& attribute) const {
 }
 
 void ASSqlBuilder::value(const ASValue& value) {
+    if (m_dialect.typed) return typedValue(value, typeOf(value));
     if (m_purpose != ASPurpose::Execution || m_parameters.size() >= m_dialect.maxParameters) {
         value.appendLiteral(m_text, m_dialect);
         return;
     }
+    parameter(value);
+}
+
+// Only as a parameter: the engine runs several statements in one text, so nothing that was asked for is ever part of
+// it. A parameter's type would be taken from what stands beside it.
+void ASSqlBuilder::typedValue(const ASValue& value, const char* type) {
+    if (!m_executes) return value.appendLiteral(m_text, m_dialect);
+    if (m_parameters.size() >= m_dialect.maxParameters) {
+        throw AException(std::string("the select holds too many values for ") + m_dialect.name);
+    }
+    append("CAST(");
+    parameter(value);
+    append(" AS ");
+    append(type);
+    append(")");
+}
+
+void ASSqlBuilder::parameter(const ASValue& value) {
     // A literal could not hold it; nor may a parameter, so that one text means one thing everywhere.
     if (value.kind == ASValue::Kind::Text) refuseNul(value.text);
     m_parameters.push_back(&value);
@@ -221,10 +329,11 @@ void ASSqlBuilder::projection(const ASProject& project) {
 // a nested select it has to be one.
 void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
     if (isExecuted() && attribute.isColumn()) {
+        if (m_dialect.typed) return ASTypedTerms(*this).projected(attribute);
         if (attribute.type() == ASType::Double) return append(m_dialect.exactDouble(attribute.Query()));
         if (attribute.type() == ASType::Blob) return append(m_dialect.exactBytes(attribute.Query()));
     }
-    if (attribute.isColumn()) {
+    if (attribute.isColumn() && !(m_dialect.typed && m_purpose == ASPurpose::Nested)) {
         column(attribute);
     } else {
         operand(attribute);
@@ -233,7 +342,7 @@ void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
 
 void ASSqlBuilder::projectedAggregate(const ASGroupAttribute& attribute) {
     const auto& data = attribute.data();
-    if (isExecuted() && data && data->type() == ASType::Double) {
+    if (!m_dialect.typed && isExecuted() && data && data->type() == ASType::Double) {
         append(m_dialect.exactDouble(isExactSum(attribute) ? exactSum(attribute) : attribute.Query(m_dialect)));
     } else {
         aggregate(attribute);
@@ -286,20 +395,22 @@ void ASSqlBuilder::orderBy(const ASOrder& order) {
             operand(*key->attribute);
             if (key->attribute->isColumn() && isText(key->attribute->type())) append(m_dialect.byteOrder);
         }
-        if (key->descending) append(" DESC");
-        append(key->descending ? m_dialect.nullsDescending : m_dialect.nullsAscending);
+        direction(key->descending);
     }
+}
+
+void ASSqlBuilder::direction(bool descending) {
+    if (descending) append(" DESC");
+    append(descending ? m_dialect.nullsDescending : m_dialect.nullsAscending);
 }
 
 // As parameters, so that all pages of one select are one prepared statement.
 void ASSqlBuilder::page(std::int32_t limit, std::int32_t offset) {
-    m_limit = ASValue::ofInteger(limit);
-    m_offset = ASValue::ofInteger(offset);
     append(" LIMIT ");
-    value(m_limit);
+    value(keep(ASValue::ofInteger(limit)));
     if (m_purpose != ASPurpose::Execution && offset == 0) return;
     append(" OFFSET ");
-    value(m_offset);
+    value(keep(ASValue::ofInteger(offset)));
 }
 
 }  // namespace QOR

@@ -2,14 +2,18 @@
 /// Internal: writes selects and conditions as SQL for one engine.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/engine/ASValue.h"
+#include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASSelect.h"
 
 namespace QOR {
@@ -49,6 +53,10 @@ public:
     void operand(const ASAttribute& attribute);
     void aggregate(const ASGroupAttribute& attribute);
     void value(const ASValue& value);
+    /// The same as a value of this type of the engine's.
+    void typedValue(const ASValue& value, const char* type);
+    /// Holds a value as long as the builder lives.
+    const ASValue& keep(ASValue value) { return m_kept.emplace_back(std::move(value)); }
     void identifier(std::string_view name) { appendQuoted(m_text, name, '"'); }
     void in(const ASAttribute& attribute, std::string_view list, bool negated);
     void in(const ASAttribute& attribute, const ASNestedSelect& select, bool negated);
@@ -62,7 +70,12 @@ public:
 
 private:
     bool isExecuted() const noexcept { return m_purpose == ASPurpose::Execution || m_purpose == ASPurpose::Streaming; }
+    void parameter(const ASValue& value);
     void likeColumn(const ASAttribute& pattern);
+    void distinct(const ASSelect& select, const ASComparison& where);
+    void distinctItem(const ASProject::Item& item);
+    void rows(const ASSelect& select, const ASComparison& where);
+    void direction(bool descending);
     void nestedAggregate(const ASGroupAttribute& attribute);
     bool isExactSum(const ASGroupAttribute& attribute) const;
     std::string exactSum(const ASGroupAttribute& attribute) const;
@@ -77,11 +90,12 @@ private:
 
     const ASDialect& m_dialect;
     ASPurpose m_purpose;
+    const bool m_executes;
     bool m_exactSums;
     std::string m_text;
     std::vector<const ASValue*> m_parameters;
-    ASValue m_limit;
-    ASValue m_offset;
+    std::deque<ASValue> m_kept;
+    std::deque<ASComparison> m_conditions;  ///< of nested selects, whose values are parameters
 };
 
 }  // namespace QOR

@@ -73,6 +73,58 @@ std::optional<std::size_t> literalLength(std::string_view sql) noexcept {
     return sql.size() - static_cast<std::size_t>(std::count(sql.begin(), sql.end(), '\'')) / 2;
 }
 
+std::optional<std::string> literalText(std::string_view sql) {
+    if (sql.size() < 2 || sql.front() != '\'' || behindQuoted(sql, 0) != sql.size() || sql.back() != '\'') {
+        return std::nullopt;
+    }
+    std::string text;
+    sql = sql.substr(1, sql.size() - 2);
+    for (std::size_t at = 0; at < sql.size(); ++at) {
+        text += sql[at];
+        if (sql[at] == '\'') ++at;  // stands twice
+    }
+    return text;
+}
+
+std::vector<std::string_view> listItems(std::string_view sql) {
+    std::vector<std::string_view> items;
+    std::size_t from = 0;
+    std::size_t depth = 0;
+    for (std::size_t at = 0; at < sql.size();) {
+        const char c = sql[at];
+        if (c == '\'' || c == '"') {
+            at = behindQuoted(sql, at);
+            continue;
+        }
+        if (c == '(') ++depth;
+        if (c == ')' && depth > 0) --depth;
+        ++at;
+        if (c != ',' || depth > 0) continue;
+        items.push_back(sql.substr(from, at - 1 - from));
+        while (at < sql.size() && sql[at] == ' ')
+            ++at;
+        from = at;
+    }
+    items.push_back(sql.substr(from));
+    return items;
+}
+
+std::optional<std::string> backslashPattern(std::string_view pattern, char escape) {
+    constexpr std::string_view special = "%_\\";
+    std::string out;
+    for (std::size_t at = 0; at < pattern.size(); ++at) {
+        char c = pattern[at];
+        const bool escaped = escape != 0 && c == escape;
+        if (escaped) {
+            if (++at == pattern.size()) return std::nullopt;
+            c = pattern[at];
+        }
+        if (c == '\\' || (escaped && special.find(c) != std::string_view::npos)) out += '\\';
+        out += c;
+    }
+    return out;
+}
+
 std::size_t parserDepthOf(std::string_view sql) noexcept {
     std::size_t now = 0;
     std::size_t deepest = 0;

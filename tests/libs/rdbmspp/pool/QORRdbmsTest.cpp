@@ -464,18 +464,5 @@ TEST_F(QORRdbmsTest, DatabaseInMemoryIsOneDatabase) {
     EXPECT_THAT(all(), ElementsAre("4"));
 }
 
-TEST_F(QORRdbmsTest, ViewsAreLearnedFromTheDialectsSelect) {
-    open(schema);
-    QORRdbmsTran transaction(ASAccess::ReadOne);
-    auto& columns = transaction->prepare(ASDialect::of(transaction->engine()).viewColumns);
-    columns.execute();
-    std::vector<std::string> found;
-    while (columns.fetch()) {
-        found.push_back(std::string(columns.text(1)) + "." + std::string(columns.text(2)) + " " +
-                        std::string(columns.text(3)));
-    }
-    EXPECT_THAT(found, ElementsAre("v.a INT", "v.s NVARCHAR(20)"));
-}
-
 }  // namespace
 }  // namespace QOR::test
