@@ -53,6 +53,13 @@ TEST(Sources, NameTheirOwnFieldsOnly) {
     }
 }
 
+TEST(Sources, CallColumnsByTheLastPartOfTheFieldsName) {
+    for (const QORSource& source : pagerSources()) {
+        for (const QORSourceColumn& column : source.columns)
+            EXPECT_EQ(column.column, column.field.substr(column.field.rfind('.') + 1)) << column.field;
+    }
+}
+
 TEST(Sources, TakeTheUnitUnderTheNameThatTheParserGivesIt) {
     const QORSourceConstant& unit = sourceOf(TCursorType::Env).constant(QORConstantUse::Unit);
     TExpressionEvaluation filter("pager.env.eid in (unit 'north', recursive)");
