@@ -35,7 +35,9 @@ constexpr const char* postgresSelect =
     " CASE WHEN t.typname IN ('varchar', 'bpchar') AND a.atttypmod > 4 THEN a.atttypmod - 4"
     " WHEN t.typname = 'numeric' AND a.atttypmod > 4 THEN ((a.atttypmod - 4) >> 16) & 65535 ELSE 0 END AS \"length\","
     " CAST('UTF-8' AS text) AS \"charSet\", CAST('BINARY' AS text) AS \"collation\","
-    " CAST(a.attnum - 1 AS int) AS \"position\""
+    " CAST(a.attnum - 1 AS int) AS \"position\"";
+
+constexpr const char* postgresFrom =
     " FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace"
     " JOIN pg_attribute a ON a.attrelid = c.oid AND a.attnum > 0 AND NOT a.attisdropped"
     " JOIN pg_type d ON d.oid = a.atttypid"
@@ -87,7 +89,7 @@ std::vector<std::string> unreadableViews(ASSession& session) {
 
 std::string schemaTableSql(ASEngine engine, const std::vector<std::string>& without) {
     const bool sqlite = engine == ASEngine::SQLite;
-    std::string sql = sqlite ? sqliteSelect : postgresSelect;
+    std::string sql = sqlite ? sqliteSelect : std::string(postgresSelect) + postgresFrom;
     if (!without.empty()) {
         sql += sqlite ? " AND m.name NOT IN (" : " AND c.relname NOT IN (";
         for (std::size_t i = 0; i < without.size(); ++i) {
@@ -108,6 +110,27 @@ SchemaTable::SchemaTable() : SchemaTable(schemaTableSql(QORRdbms::instance().eng
 
 SchemaTable::SchemaTable(ASSession& session)
     : SchemaTable(schemaTableSql(session.engine(), unreadableViews(session))) {}
+
+// Those that SchemaTable knows by a name that says all, or by none and that are texts anyway, are left out.
+std::map<std::string, ASStorages, std::less<>> columnStorages(ASSession& session) {
+    std::map<std::string, ASStorages, std::less<>> storages;
+    if (session.engine() != ASEngine::PostgreSQL) return storages;
+    ASStatement& columns = session.prepare(
+        std::string("SELECT CAST(c.relname AS text), CAST(a.attname AS text), CAST(t.typname AS text)") + postgresFrom +
+        " AND t.typname NOT IN ('uuid', 'text', 'varchar', 'bpchar', 'int2', 'int4', 'int8', 'float4', 'float8',"
+        " 'timestamp', 'date', 'bytea')");
+    columns.execute();
+    while (columns.fetch()) {
+        const std::string_view type = columns.text(3);
+        const ASStorage storage = type == "bool"          ? ASStorage::Boolean
+                                  : type == "numeric"     ? ASStorage::Decimal
+                                  : type == "timestamptz" ? ASStorage::ZonedTime
+                                                          : ASStorage::Other;
+        storages[std::string(columns.text(1))].emplace(columns.text(2), storage);
+    }
+    columns.close();
+    return storages;
+}
 
 ASOrder SchemaTable::order() const {
     ASOrder keys(metaData.viewName);

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,6 +68,10 @@ struct QORViewColumn {
 
 /// Every column of every view, in SchemaTable's order. \throws AException
 QOR_API std::vector<QORViewColumn> readViews(ASSession& session);
+
+/// The columns of views, by view, whose type says less than a statement has to know of them; none for an engine that
+/// compares whatever it finds. \throws AException
+QOR_API std::map<std::string, ASStorages, std::less<>> columnStorages(ASSession& session);
 
 /// The select behind SchemaTable, with a column position beside the six, in an engine's dialect. \param without names
 /// of views to leave out

@@ -241,7 +241,7 @@ std::string ASDialect::exactDouble(std::string_view expression) const {
 std::string ASDialect::exactDecimal(std::string_view expression) const {
     constexpr const char* digitsOfADouble = "15";
     const std::string text = "CAST(trim_scale(" + std::string(expression) + ") AS text)";
-    return text + " || CASE WHEN length(ltrim(translate(" + text + ", '-.', ''), '0')) > " + digitsOfADouble +
+    return text + " || CASE WHEN length(btrim(translate(" + text + ", '-.', ''), '0')) > " + digitsOfADouble +
            " THEN '=' ELSE '' END";
 }
 

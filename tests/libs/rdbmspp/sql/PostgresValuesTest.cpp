@@ -66,7 +66,7 @@ TEST_F(PostgresValues, DatesAreTheBeginningsOfTheirDays) {
 TEST_F(PostgresValues, DecimalsKeepEveryDigit) {
     read("numeric", "(12345678901234567890.12345), (0.10), (1.5e300), (-0.000000000000000000001), ('NaN'), (100)");
     EXPECT_THAT(stored(ASType::Double, ASStorage::Decimal),
-                ElementsAre("12345678901234567890.12345", "0.1", "15" + std::string(299, '0'), "-1e-21", "NaN", "100"));
+                ElementsAre("12345678901234567890.12345", "0.1", "1.5e+300", "-1e-21", "NaN", "100"));
     const auto v = ASDomain::view("v", {}, {{"c", ASStorage::Decimal}});
     const Column c = column(v, "c", ASType::Double);
     const Column id = column(v, "id", ASType::Int);

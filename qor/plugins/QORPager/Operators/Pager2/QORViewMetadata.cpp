@@ -93,6 +93,8 @@ std::shared_ptr<const MetaTablesMap> loadViews() {
     selectAllAttributes(cursor.Filter().Project(), schema);
     while (cursor.Fetch())
         addColumn(*views, schema.metaData);
+    for (auto& [name, storages] : columnStorages(*transaction))
+        (*views)[toLowerText(name)].storages.merge(storages);
     if (!SelectStmnt::isSecurityNeeded()) return views;
     SelectStmnt::validateSecurableViews(*views);
     for (auto& [name, view] : *views) {
@@ -144,12 +146,13 @@ bool areObjectColumnsValid(const std::string& name, const MetaColumnsMap& view) 
     return false;
 }
 
-/// Those of the view as it was learned; none before.
-std::set<std::string, std::less<>> storedColumnsOf(ViewCaches& cache, const std::string& view) {
+/// With what was learned of the view's columns; nothing before.
+ASDomainPtr newDomain(ViewCaches& cache, const std::string& view) {
     const std::lock_guard<std::mutex> lock(cache.metadataMutex);
-    if (!cache.metadata) return {};
+    if (!cache.metadata) return ASDomain::view(view, {});
     const auto found = cache.metadata->find(toLowerText(view));
-    return found == cache.metadata->end() ? std::set<std::string, std::less<>>() : found->second.storedColumns;
+    if (found == cache.metadata->end()) return ASDomain::view(view, {});
+    return ASDomain::view(view, found->second.storedColumns, found->second.storages);
 }
 
 std::int64_t timeOf(const std::string& text) {
@@ -226,10 +229,10 @@ bool SelectStmnt::isSecurityNeeded() {
 
 ASDomainPtr SelectStmnt::getDomain(const std::string& view) {
     ViewCaches& cache = caches();
-    auto stored = storedColumnsOf(cache, view);
+    auto made = newDomain(cache, view);
     const std::lock_guard<std::mutex> lock(cache.domainMutex);
     ASDomainPtr& domain = cache.domains[view];
-    if (!domain) domain = ASDomain::view(view, std::move(stored));
+    if (!domain) domain = std::move(made);
     return domain;
 }
 

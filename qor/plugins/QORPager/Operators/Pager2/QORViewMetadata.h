@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "rdbmspp/sql/ASData.h"
+#include "rdbmspp/sql/ASAttribute.h"
 
 namespace QOR {
 
@@ -31,6 +31,7 @@ struct MetaColumnsMap {
     int securityOperationId = 0;                             ///< 0: the view is not securable
     std::string viewName;                                    ///< as the database spells it
     std::set<std::string, std::less<>> storedColumns;        ///< columns known to be read without computing anything
+    ASStorages storages;                                     ///< of columns whose type does not say all
 };
 
 /// All views, by lower-cased name.
