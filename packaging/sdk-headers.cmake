@@ -39,6 +39,7 @@ set(QOR_SDK_HEADERS
   rdbmspp/engine/AException.h
   rdbmspp/engine/ASFailure.h
   rdbmspp/engine/ASEngine.h
+  rdbmspp/engine/ASTriggers.h
   rdbmspp/sql/ASAttribute.h
   rdbmspp/sql/ASComparison.h
   rdbmspp/sql/ASCursor.h

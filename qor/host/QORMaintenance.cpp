@@ -251,14 +251,15 @@ void discountOperation(ASSession& session, std::int64_t sequence, QORLogCounters
 std::uint64_t removeOldest(const std::string& table, std::int64_t before, std::int64_t most = recordsOfTransaction) {
     QORRdbmsTran tran(ASAccess::Write);
     QORLogCounters counters(*tran);
-    if (table != "qor_backup") counters.begin();
     const std::vector<std::int64_t> sequences = takeOldest(*tran, table, before, most, counters);
     if (table == "qor_operation" && counters.counts()) {
         for (const std::int64_t sequence : sequences)
             discountOperation(*tran, sequence, counters);
     }
     const std::string json = toJson(sequences);
-    const auto run = [&](const std::string& sql) { tran->prepare(sql).bind(1, std::string_view(json)).execute(); };
+    const auto run = [&](const std::string& sql) {
+        tran->prepare(sql).bind(1, std::string_view(json)).execute(ASTriggers::Skip);
+    };
     if (table == "qor_operation")
         run("DELETE FROM qor_operation_environment WHERE operation IN (SELECT value FROM json_each(?))");
     run("DELETE FROM " + table + " WHERE seq IN (SELECT value FROM json_each(?))");

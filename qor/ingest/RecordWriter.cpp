@@ -115,7 +115,7 @@ private:
                 column.bindMember != nullptr ? column.bindMember(to, stored, column.member) : column.bind(to, stored);
             }
         }
-        statement.execute();
+        statement.execute(ASTriggers::Skip);
     }
 
     Columns m_columns;
@@ -261,7 +261,7 @@ QORStored RecordWriter::put(const QOREnvironmentRecord& record) {
         m_replaced["qor_environment"].push_back(record.eid.toString());
         ASStatement& clear = m_session.prepare(deleteAddresses);
         QORBinder(clear).eid(record.eid);
-        clear.execute();
+        clear.execute(ASTriggers::Skip);
     }
     putAddresses(record.eid, 0, record.config);
     putAddresses(record.eid, 1, record.virtualConfig);
@@ -275,14 +275,13 @@ void RecordWriter::putAddresses(const QOREID& eid, std::int64_t source, const st
     for (const std::string& address : config->addresses) {
         ASStatement& insert = m_session.prepare(insertAddress);
         QORBinder(insert).eid(eid).integer(source).integer(position++).text(address);
-        insert.execute();
+        insert.execute(ASTriggers::Skip);
     }
 }
 
 QORStored RecordWriter::put(const QOROperationRecord& record) {
     StoredOperation stored(record);
     if (m_keepEqual && isEqual(record, stored.message)) return QORStored::Unchanged;
-    m_counters.begin();
     stored.sequence = nextSequence(m_lastOperation, lastOperation);
     if (operations().insert(m_session, stored)) {
         putTouched(stored.sequence, record);
@@ -292,7 +291,7 @@ QORStored RecordWriter::put(const QOROperationRecord& record) {
     const std::int64_t kept = discount(record.id);
     ASStatement& clear = m_session.prepare(deleteTouched);
     QORBinder(clear).integer(kept);
-    clear.execute();
+    clear.execute(ASTriggers::Skip);
     operations().update(m_session, stored);
     putTouched(kept, record);
     m_replaced["qor_operation"].push_back(record.id);
@@ -341,7 +340,7 @@ void RecordWriter::putTouched(std::int64_t operation, const QOROperationRecord& 
     if (record.eids.empty()) return;
     ASStatement& insert = m_session.prepare(insertTouched);
     QORBinder(insert).integer(operation).integer(0).eid(record.eid).time(record.time).eid(record.eids.front());
-    insert.execute();
+    insert.execute(ASTriggers::Skip);
 }
 
 void RecordWriter::putManyTouched(std::int64_t operation, const QOROperationRecord& record) {
@@ -354,7 +353,7 @@ void RecordWriter::putManyTouched(std::int64_t operation, const QOROperationReco
     json += ']';
     ASStatement& insert = m_session.prepare(insertManyTouched);
     QORBinder(insert).integer(operation).eid(record.eid).time(record.time).text(json);
-    insert.execute();
+    insert.execute(ASTriggers::Skip);
 }
 
 std::int64_t RecordWriter::nextSequence(std::int64_t& last, const char* select) {
@@ -368,7 +367,6 @@ std::int64_t RecordWriter::nextSequence(std::int64_t& last, const char* select) 
 }
 
 QORStored RecordWriter::put(const QOREventRecord& record) {
-    m_counters.begin();
     events().insert(m_session, {record, nextSequence(m_lastEvent, lastEvent)});
     if (m_counters.counts() && record.category) m_counters.addEvent(record.time, record.eid, *record.category);
     return QORStored::Added;

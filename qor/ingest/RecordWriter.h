@@ -19,7 +19,8 @@ namespace QOR {
 enum class QORStored { Added, Replaced, Unchanged };
 
 /// Lives within one transaction for writing, whose write lock lets it give out arrival numbers. Statements are
-/// prepared once a connection and reused. \throws AException from every method
+/// prepared once a connection and reused. They skip triggers: what these do for other programs, counting and
+/// forgetting, is done here. \throws AException from every method
 class RecordWriter {
 public:
     /// \param keepEqual an operation that is stored already, with the same status and message, is left alone
@@ -53,7 +54,7 @@ private:
     std::int64_t m_lastOperation = -1;  // not yet asked for
     std::int64_t m_lastEvent = -1;
     std::map<std::string_view, std::vector<std::string>> m_replaced;  // by table
-    QORLogCounters m_counters;                                        // for as long as operations and events are stored
+    QORLogCounters m_counters;
     std::vector<QORPtr<const QOREnv>> m_environments;
 };
 

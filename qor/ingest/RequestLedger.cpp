@@ -101,6 +101,8 @@ std::optional<QORIngestResult> RequestLedger::find(ASSession& session) const {
     return result;
 }
 
+// The table has no triggers. The records of the transaction were stored without any, and to fire those that there are
+// not would have all of the connection's statements prepared anew, and once more for the next records.
 void RequestLedger::put(ASSession& session, const QORIngestResult& result, bool isNew) const {
     ASStatement& store = session.prepare(
         isNew ? "INSERT INTO qor_request (last_line, result, time, digest, key) VALUES (?, ?, ?, ?, ?)"
@@ -111,12 +113,12 @@ void RequestLedger::put(ASSession& session, const QORIngestResult& result, bool 
         .bind(3, now())
         .bind(4, std::string_view(m_request.digest))
         .bind(5, std::string_view(m_request.key))
-        .execute();
+        .execute(ASTriggers::Skip);
     if (!isNew) return;
-    session.prepare("DELETE FROM qor_request WHERE time < ?").bind(1, now() - keptSeconds).execute();
+    session.prepare("DELETE FROM qor_request WHERE time < ?").bind(1, now() - keptSeconds).execute(ASTriggers::Skip);
     session.prepare("DELETE FROM qor_request WHERE rowid <= (SELECT max(rowid) FROM qor_request) - ?")
         .bind(1, keptRequests)
-        .execute();
+        .execute(ASTriggers::Skip);
 }
 
 }  // namespace QOR

@@ -70,13 +70,12 @@ TEST_F(RequestLedgerTest, ARequestThatIsSentAgainHasItsAnswerAgain) {
 TEST_F(RequestLedgerTest, ARequestThatWasBrokenOffGoesOnWhereItWas) {
     for (const int room : {0, 3, 6, 8}) {
         runSql("DELETE FROM qor_event");
-        runSql("CREATE TRIGGER full BEFORE INSERT ON qor_event WHEN (SELECT count(*) FROM qor_event) >= " +
-               std::to_string(room) + " BEGIN SELECT RAISE(ABORT, 'no room'); END");
+        test::failBeyondEvent(room);
         const std::string key = "room-" + std::to_string(room);
         const auto first = send(lines, 1, key);
         EXPECT_EQ(first.accepted(), static_cast<std::uint64_t>(room));
         EXPECT_EQ(first.failure.has_value(), room < 8);
-        runSql("DROP TRIGGER full");
+        runSql("DROP INDEX full");
         expectWhole(send(lines, 1, key));
         EXPECT_EQ(queryText(events), "8") << room;
     }

@@ -18,8 +18,8 @@ namespace {
 // Below the level of the widest buckets there is a counter only where the bucket around it is split, and a counter
 // that has come to 0 is removed, so that logs which are kept short leave none behind.
 //
-// The host itself changes the logs with triggers switched off on its connection, and counts by itself, for many records
-// at once: QORLogCounters, with which what is here must agree.
+// The host itself changes the logs by statements that skip triggers, and counts by itself, for many records at once:
+// QORLogCounters, with which what is here must agree.
 //
 // Triggers run with the conflict handling of the statement that fired them: an INSERT OR IGNORE makes every insert
 // within them ignore conflicts. So they rely on ON CONFLICT clauses, which win. And REPLACE removes records without

@@ -72,10 +72,11 @@ std::vector<std::string> piecesOf(std::size_t form, const std::string& scope) {
 
 /// The statements for one log; they differ in the table.
 struct CounterSql {
-    std::string_view put;
-    std::string_view splitting;
+    std::string_view find;
+    std::string_view insert;
+    std::string_view update;
+    std::string_view remove;
     std::string_view markSplit;
-    std::string_view removeEmpty;
     std::string_view removeScope;
     std::string_view edges;
     std::string_view widest;
@@ -84,36 +85,30 @@ struct CounterSql {
     std::string_view notSplit;
 };
 
-#define QOR_COUNTER_SQL(table)                                                                                       \
-    CounterSql {                                                                                                     \
-        "INSERT INTO " table                                                                                         \
-        " (scope, level, bucket, n) SELECT j.value->>0, j.value->>1, j.value->>2, j.value->>3 FROM json_each(?) j "  \
-        "WHERE j.value->>4 IS NULL OR EXISTS (SELECT 1 FROM " table                                                  \
-        " p WHERE p.scope = j.value->>0 AND p.level = j.value->>4 AND p.bucket = j.value->>5 AND p.split = 1) "      \
-        "ON CONFLICT (scope, level, bucket) DO UPDATE SET n = n + excluded.n",                                       \
-            "SELECT j.key, c.split FROM json_each(?) j CROSS JOIN " table                                            \
-            " c ON c.scope = j.value->>0 AND c.level = j.value->>1 AND c.bucket = j.value->>2 "                      \
-            "WHERE c.split = 1 OR c.n > ?",                                                                          \
-            "UPDATE " table " SET split = 1 WHERE scope = ? AND level = ? AND bucket = ?",                           \
-            "DELETE FROM " table                                                                                     \
-            " WHERE n = 0 AND (scope, level, bucket) IN (SELECT value->>0, value->>1, value->>2 FROM json_each(?))", \
-            "DELETE FROM " table " WHERE scope = ?",                                                                 \
-            "SELECT coalesce(sum(CASE WHEN c.bucket > low AND c.bucket < high THEN c.n END), 0), "                   \
-            "coalesce(sum(CASE WHEN c.bucket = low AND c.split = 0 THEN c.n END), 0), "                              \
-            "coalesce(sum(CASE WHEN c.bucket = low AND c.split = 1 THEN c.n END), 0), "                              \
-            "coalesce(sum(CASE WHEN c.bucket = high AND c.split = 0 THEN c.n END), 0), "                             \
-            "coalesce(sum(CASE WHEN c.bucket = high AND c.split = 1 THEN c.n END), 0) "                              \
-            "FROM (SELECT ? AS low, ? AS high) CROSS JOIN json_each(?) j CROSS JOIN " table                          \
-            " c ON c.scope = j.value AND c.level = ? AND c.bucket BETWEEN low AND high",                             \
-            "SELECT c.bucket, sum(c.n) FROM json_each(?) j CROSS JOIN " table                                        \
-            " c ON c.scope = j.value AND c.level = ? GROUP BY c.bucket ORDER BY c.bucket DESC",                      \
-            "SELECT c.bucket AS bucket, c.n AS n FROM json_each(?) j CROSS JOIN " table                              \
-            " p ON p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1 CROSS JOIN " table             \
-            " c ON c.scope = p.scope AND c.level = ? AND c.bucket BETWEEN ? AND ?",                                  \
-            " CROSS JOIN " table                                                                                     \
-            " c ON c.scope = j.value AND c.level = ? AND c.bucket = ? AND c.split = 0 AND c.n > 0",                  \
-            "NOT EXISTS (SELECT 1 FROM " table                                                                       \
-            " p WHERE p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1)"                           \
+#define QOR_COUNTER_SQL(table)                                                                           \
+    CounterSql {                                                                                         \
+        "SELECT n, split FROM " table " WHERE scope = ? AND level = ? AND bucket = ?",                   \
+            "INSERT INTO " table " (n, scope, level, bucket) VALUES (?, ?, ?, ?)",                       \
+            "UPDATE " table " SET n = ? WHERE scope = ? AND level = ? AND bucket = ?",                   \
+            "DELETE FROM " table " WHERE scope = ? AND level = ? AND bucket = ?",                        \
+            "UPDATE " table " SET split = 1 WHERE scope = ? AND level = ? AND bucket = ?",               \
+            "DELETE FROM " table " WHERE scope = ?",                                                     \
+            "SELECT coalesce(sum(CASE WHEN c.bucket > low AND c.bucket < high THEN c.n END), 0), "       \
+            "coalesce(sum(CASE WHEN c.bucket = low AND c.split = 0 THEN c.n END), 0), "                  \
+            "coalesce(sum(CASE WHEN c.bucket = low AND c.split = 1 THEN c.n END), 0), "                  \
+            "coalesce(sum(CASE WHEN c.bucket = high AND c.split = 0 THEN c.n END), 0), "                 \
+            "coalesce(sum(CASE WHEN c.bucket = high AND c.split = 1 THEN c.n END), 0) "                  \
+            "FROM (SELECT ? AS low, ? AS high) CROSS JOIN json_each(?) j CROSS JOIN " table              \
+            " c ON c.scope = j.value AND c.level = ? AND c.bucket BETWEEN low AND high",                 \
+            "SELECT c.bucket, sum(c.n) FROM json_each(?) j CROSS JOIN " table                            \
+            " c ON c.scope = j.value AND c.level = ? GROUP BY c.bucket ORDER BY c.bucket DESC",          \
+            "SELECT c.bucket AS bucket, c.n AS n FROM json_each(?) j CROSS JOIN " table                  \
+            " p ON p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1 CROSS JOIN " table \
+            " c ON c.scope = p.scope AND c.level = ? AND c.bucket BETWEEN ? AND ?",                      \
+            " CROSS JOIN " table                                                                         \
+            " c ON c.scope = j.value AND c.level = ? AND c.bucket = ? AND c.split = 0 AND c.n > 0",      \
+            "NOT EXISTS (SELECT 1 FROM " table                                                           \
+            " p WHERE p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1)"               \
     }
 
 constexpr CounterSql operationSql = QOR_COUNTER_SQL("qor_operation_count");
@@ -139,71 +134,48 @@ void appendToArray(std::string& json, std::string_view text) {
     json += ']';
 }
 
-/// A counter that is to change.
-struct Entry {
+/// A counter.
+struct Bucket {
     const std::string* scope;
     std::size_t level;
-    std::int64_t bucket;
-    std::int64_t change;
+    std::int64_t number;
+
+    std::int64_t first() const { return number * (std::int64_t{1} << levels[level]); }
+    std::int64_t last() const { return first() + (std::int64_t{1} << levels[level]) - 1; }
 };
 
-std::string toJson(std::span<const Entry> entries) {
-    std::string json = "[";
-    for (const Entry& entry : entries) {
-        if (json.size() > 1) json += ',';
-        json += '[';
-        appendJsonString(*entry.scope, json);
-        json += ',' + std::to_string(levels[entry.level]) + ',' + std::to_string(entry.bucket) + ',' +
-                std::to_string(entry.change);
-        if (entry.level > 0) {
-            const int wider = levels[entry.level - 1];
-            json += ',' + std::to_string(wider) + ',' + std::to_string(entry.bucket >> (wider - levels[entry.level]));
-        }
-        json += ']';
-    }
-    return json += ']';
+void bind(QORBinder& to, const Bucket& bucket) {
+    to.text(*bucket.scope).integer(levels[bucket.level]).integer(bucket.number);
 }
 
-/// Writes the counters of one log.
+/// Writes the counters of one log, each with a statement of its own: statements that are kept prepared cost less than
+/// one that takes many counters out of a list.
 class CounterWriter {
 public:
     CounterWriter(ASSession& session, QORLogKind kind) : m_session(session), m_kind(kind), m_sql(sqlOf(kind)) {}
 
-    /// Changes counters; those below a bucket that is not split are passed over. \returns those of the entries whose
-    /// buckets were split before
-    std::vector<Entry> put(std::span<const Entry> entries) {
-        std::vector<Entry> split;
-        if (entries.empty()) return split;
-        const std::string json = toJson(entries);
-        m_session.prepare(m_sql.put).bind(1, std::string_view(json)).execute();
-        ASStatement& select = m_session.prepare(m_sql.splitting);
-        select.bind(1, std::string_view(json)).bind(2, splitAbove);
-        select.execute();
-        while (select.fetch()) {
-            const Entry& entry = entries[static_cast<std::size_t>(select.integer(1))];
-            if (select.integer(2) != 0) {
-                split.push_back(entry);
-            } else if (entry.level + 1 < levels.size()) {
-                m_full.push_back(entry);
-            }
+    /// Changes the counters of a scope. \param scope outlives this \param changes in the order of their seconds
+    void put(const std::string& scope, std::span<const std::pair<std::int64_t, int>> changes, std::size_t level = 0) {
+        while (!changes.empty()) {
+            const Bucket bucket{&scope, level, changes.front().first >> levels[level]};
+            const std::int64_t last = bucket.last();
+            std::int64_t sum = 0;
+            std::size_t within = 0;
+            for (; within < changes.size() && changes[within].first <= last; ++within)
+                sum += changes[within].second;
+            if (put(bucket, sum)) put(scope, changes.first(within), level + 1);
+            changes = changes.subspan(within);
         }
-        select.close();
-        return split;
     }
 
     /// Splits the buckets that have become too full.
     void split() {
         while (!m_full.empty()) {
-            const Entry full = m_full.back();
+            const Bucket full = m_full.back();
             m_full.pop_back();
-            splitBucket(full);
+            run(m_sql.markSplit, full);
+            putRecords(*full.scope, full.level + 1, full.first(), full.last());
         }
-    }
-
-    /// Removes those of the counters that have come to 0.
-    void removeEmpty(std::span<const Entry> entries) {
-        if (entries.empty()) return;
-        m_session.prepare(m_sql.removeEmpty).bind(1, std::string_view(toJson(entries))).execute();
     }
 
     /// The counters of the records from one second to another at a level.
@@ -218,88 +190,63 @@ public:
         for (const std::string& parameter : records.parameters)
             binder.text(parameter);
         select.execute();
-        std::vector<Entry> parts;
+        std::vector<std::pair<std::int64_t, std::int64_t>> counts;
         while (select.fetch())
-            parts.push_back({&scope, level, select.integer(1), select.integer(2)});
+            counts.emplace_back(select.integer(1), select.integer(2));
         select.close();
-        put(parts);
+        for (const auto& [number, count] : counts)
+            put({&scope, level, number}, count);
     }
 
 private:
-    void splitBucket(const Entry& full) {
-        ASStatement& mark = m_session.prepare(m_sql.markSplit);
-        QORBinder(mark).text(*full.scope).integer(levels[full.level]).integer(full.bucket);
-        mark.execute();
-        const std::int64_t first = full.bucket << levels[full.level];
-        putRecords(*full.scope, full.level + 1, first, first + (std::int64_t{1} << levels[full.level]) - 1);
+    /// What a counter says; nothing where there is none.
+    struct State {
+        std::int64_t n = 0;
+        bool split = false;
+    };
+
+    /// \returns whether the bucket is split, so that those within it change as well
+    bool put(const Bucket& bucket, std::int64_t change) {
+        const std::optional<State> before = find(bucket);
+        if (!before) {
+            // Where nothing is counted nothing can be taken away; the counters were wrong before.
+            if (change > 0) run(m_sql.insert, bucket, change);
+        } else if (before->n + change == 0) {
+            run(m_sql.remove, bucket);
+        } else if (change != 0) {
+            run(m_sql.update, bucket, before->n + change);
+        }
+        const State state = before.value_or(State{});
+        const bool narrowest = bucket.level + 1 == levels.size();
+        if (!state.split && !narrowest && state.n + change > splitAbove) m_full.push_back(bucket);
+        return state.split && !narrowest;
+    }
+
+    std::optional<State> find(const Bucket& bucket) {
+        ASStatement& select = m_session.prepare(m_sql.find);
+        QORBinder to(select);
+        bind(to, bucket);
+        select.execute();
+        std::optional<State> state;
+        if (select.fetch()) state = State{select.integer(1), select.integer(2) != 0};
+        select.close();
+        return state;
+    }
+
+    /// \param n where the statement sets it
+    void run(std::string_view sql, const Bucket& bucket, std::optional<std::int64_t> n = {}) {
+        ASStatement& statement = m_session.prepare(sql);
+        QORBinder to(statement);
+        if (n) to.integer(*n);
+        bind(to, bucket);
+        statement.execute(ASTriggers::Skip);
     }
 
     ASSession& m_session;
     QORLogKind m_kind;
     const CounterSql& m_sql;
-    std::vector<Entry> m_full;
+    std::vector<Bucket> m_full;
 };
-
-/// The changes of a log's scopes at one level.
-template <class Changes>
-std::vector<Entry> entriesOf(const Changes& changes, std::size_t level) {
-    std::vector<Entry> entries;
-    for (const auto& [scope, seconds] : changes) {
-        const std::size_t own = entries.size();
-        for (const auto& [second, change] : seconds) {
-            if (change == 0) continue;
-            const std::int64_t bucket = second >> levels[level];
-            if (entries.size() > own && entries.back().bucket == bucket) {
-                entries.back().change += change;
-            } else {
-                entries.push_back({&scope, level, bucket, change});
-            }
-        }
-    }
-    return entries;
-}
-
-/// Drops the entries that lie in none of the wider buckets. Both are in the same order.
-void keepWithin(const std::vector<Entry>& wider, std::vector<Entry>& entries) {
-    std::set<std::pair<const std::string*, std::int64_t>> within;
-    for (const Entry& entry : wider)
-        within.emplace(entry.scope, entry.bucket);
-    std::erase_if(entries, [&](const Entry& entry) {
-        return !within.contains({entry.scope, entry.bucket >> (levels[entry.level - 1] - levels[entry.level])});
-    });
-}
-
-/// Few changes are written at all levels at once: statements cost more than counters then.
-constexpr std::size_t fewChanges = 64;
-
-template <class Changes>
-void writeChanges(ASSession& session, QORLogKind kind, const Changes& changes) {
-    CounterWriter writer(session, kind);
-    std::vector<std::vector<Entry>> written;
-    std::vector<Entry> entries = entriesOf(changes, 0);
-    if (entries.size() <= fewChanges / levels.size()) {
-        for (std::size_t level = 1; level < levels.size(); ++level) {
-            const std::vector<Entry> finer = entriesOf(changes, level);
-            entries.insert(entries.end(), finer.begin(), finer.end());
-        }
-        writer.put(entries);
-        written.push_back(std::move(entries));
-    } else {
-        for (std::size_t level = 0; level < levels.size() && !entries.empty(); ++level) {
-            const std::vector<Entry> split = writer.put(entries);
-            written.push_back(std::move(entries));
-            if (level + 1 == levels.size()) break;
-            entries = entriesOf(changes, level + 1);
-            keepWithin(split, entries);
-        }
-    }
-    // A counter can come to 0 only where something was taken away.
-    for (std::vector<Entry>& one : written) {
-        std::erase_if(one, [](const Entry& entry) { return entry.change > 0; });
-        writer.removeEmpty(one);
-    }
-    writer.split();
-}
 
 }  // namespace
 
@@ -327,16 +274,9 @@ std::string eventScope(const QOREID& eid, std::string_view category) {
     return eid.toString() + categoryMark + std::string(category);
 }
 
-QORLogCounters::~QORLogCounters() {
-    if (m_counts) m_session.setTriggers(true);
-}
-
-void QORLogCounters::begin() {
-    if (!m_counts) m_counts = m_session.setTriggers(false);
-}
-
 void QORLogCounters::add(QORLogKind kind, const std::string& scope, std::int64_t second, int change) {
-    m_changes[static_cast<std::size_t>(kind)][scope][second] += change;
+    m_session.setOwing(true);
+    m_scopes[static_cast<std::size_t>(kind)][scope].emplace_back(second, change);
 }
 
 void QORLogCounters::addOperation(std::int64_t second, const QOREID& own, const std::vector<QOREID>& touched,
@@ -357,25 +297,25 @@ void QORLogCounters::addEvent(std::int64_t second, const QOREID& eid, std::strin
 }
 
 void QORLogCounters::finish() {
-    if (!m_counts) return;
     for (const QORLogKind kind : {QORLogKind::Operations, QORLogKind::Events}) {
-        Changes& changes = m_changes[static_cast<std::size_t>(kind)];
-        if (!changes.empty()) writeChanges(m_session, kind, changes);
-        changes.clear();
+        Scopes& scopes = m_scopes[static_cast<std::size_t>(kind)];
+        CounterWriter writer(m_session, kind);
+        for (auto& [scope, changes] : scopes) {
+            std::sort(changes.begin(), changes.end());
+            writer.put(scope, changes);
+        }
+        writer.split();
+        scopes.clear();
     }
-    m_session.setTriggers(true);
-    m_counts = false;
+    m_session.setOwing(false);
 }
 
 void QORLogCounters::recount(ASSession& session, QORLogKind kind, const std::string& scope) {
-    QORLogCounters counters(session);
-    counters.begin();
-    session.prepare(sqlOf(kind).removeScope).bind(1, std::string_view(scope)).execute();
-    if (!formOf(kind, scope)) return counters.finish();
+    session.prepare(sqlOf(kind).removeScope).bind(1, std::string_view(scope)).execute(ASTriggers::Skip);
+    if (!formOf(kind, scope)) return;
     CounterWriter writer(session, kind);
     writer.putRecords(scope, 0, std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max());
     writer.split();
-    counters.finish();
 }
 
 void QORLogScopes::add(const std::string& scope) {

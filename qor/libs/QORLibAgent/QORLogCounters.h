@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -39,43 +38,39 @@ QOR_API std::string touchedScope(const QOREID& own, const QOREID& touched);
 QOR_API std::string allEventsScope(std::string_view category);
 QOR_API std::string eventScope(const QOREID& eid, std::string_view category);
 
-/// Counts what a transaction does to the logs, instead of the database, and writes it all at once.
+/// Counts what statements do to the logs that skip triggers (ASTriggers::Skip), instead of the database, and writes it
+/// all at once. What other statements of the same transaction do before and after that the database counts as ever; in
+/// between they are refused (ASSession::setOwing()), as is a commit.
 /// \throws AException from every method that writes
 class QOR_API QORLogCounters {
 public:
     /// The transaction must be for writing, and outlive this.
     explicit QORLogCounters(ASSession& session) : m_session(session) {}
-
-    /// The database counts again; the transaction must not be committed unless finish() was called.
-    ~QORLogCounters();
     QORLogCounters(const QORLogCounters&) = delete;
     QORLogCounters& operator=(const QORLogCounters&) = delete;
 
-    /// From here to finish() the database does not count, where it can be told so: what happens to the logs must be
-    /// told while counts() is true.
-    void begin();
-    bool counts() const noexcept { return m_counts; }
+    /// Whether what is done without triggers must be told here. Where they cannot be skipped the database counts.
+    bool counts() const noexcept { return m_session.skipsTriggers(); }
 
     /// An operation. \param own its environment, invalid for none \param touched the environments of its list
     /// \param change 1 for one that is there now, -1 for one that is not any more
     void addOperation(std::int64_t second, const QOREID& own, const std::vector<QOREID>& touched, int change = 1);
     void addEvent(std::int64_t second, const QOREID& eid, std::string_view category, int change = 1);
 
-    /// Writes what was told and lets the database count again. The records must be in their tables.
+    /// Writes what was told. The records must be in their tables.
     void finish();
 
     /// Counts a scope anew, from its records; what is no scope loses its counters.
     static void recount(ASSession& session, QORLogKind kind, const std::string& scope);
 
 private:
-    using Seconds = std::map<std::int64_t, std::int64_t>;
-    using Changes = std::map<std::string, Seconds, std::less<>>;
+    /// By scope: in which seconds there are how many more.
+    using Scopes = std::map<std::string, std::vector<std::pair<std::int64_t, int>>, std::less<>>;
 
     void add(QORLogKind kind, const std::string& scope, std::int64_t second, int change);
 
     ASSession& m_session;
-    bool m_counts = false;
-    std::array<Changes, 2> m_changes;  // by QORLogKind
+    std::array<Scopes, 2> m_scopes;  // by QORLogKind
 };
 
 /// Where a record stands in its log: newest first, of one second the latest arrival first.

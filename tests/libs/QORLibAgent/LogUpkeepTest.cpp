@@ -7,6 +7,7 @@
 #include "LogDatabase.h"
 #include "QORFunctionality/QORAccess.h"
 #include "QORLibAgent/QORLogCheck.h"
+#include "ingest/RecordWriter.h"
 #include "support/HostDatabase.h"
 #include "support/SqliteFile.h"
 
@@ -178,6 +179,70 @@ TEST_F(LogUpkeepTest, TheHostsOwnConnectionsCountStatementsThatDoNotSayThatTheyC
     runSql("UPDATE qor_event SET category = 'resource_alert' WHERE seq % 7 = 0");
     expectCountersAgree();
     expectPagesAsPlainSql();
+}
+
+QOROperationRecord operationOf(const std::string& id, std::int64_t time, unsigned own, unsigned touched) {
+    QOROperationRecord record;
+    record.id = id;
+    record.time = time;
+    record.eid = eidOf(own);
+    record.eids.push_back(eidOf(touched));
+    return record;
+}
+
+TEST_F(LogUpkeepTest, OthersMayChangeTheLogsInTheTransactionOfAWriterBeforeAndBehindIt) {
+    fill();
+    {
+        QORRdbmsTran tran(ASAccess::Write);
+        tran->execute("DELETE FROM qor_operation WHERE seq % 5 = 0");
+        RecordWriter writer(*tran, false);
+        for (int i = 0; i < 300; ++i)
+            writer.store(operationOf("new-" + std::to_string(i), 1700000000 + i / 50, 2, 3));
+        EXPECT_THROW(tran->execute("DELETE FROM qor_operation WHERE seq % 7 = 0"), AException)
+            << "the counters of what was stored are still to be written";
+        EXPECT_THROW(tran.commit(), AException);
+        writer.finish();
+        tran->execute("DELETE FROM qor_operation WHERE seq % 7 = 0");
+        tran.commit();
+    }
+    expectCountersAgree();
+    expectPagesAsPlainSql();
+}
+
+TEST_F(LogUpkeepTest, TheDatabaseCountsAgainBehindAWriterThatDidNotComeToItsEnd) {
+    ASDatabaseOptions one = options();
+    one.maxConnections = 1;
+    QORDBSchema::open(one, QORSchemaMode::Own);
+    store({operationOf("kept", 1700000000, 1, 2)});
+    {
+        QORRdbmsTran tran(ASAccess::Write);
+        RecordWriter writer(*tran, false);
+        writer.store(operationOf("lost", 1700000000, 1, 2));
+        writer.store(operationOf("kept", 1800000000, 3, 4));
+    }
+    runSql("UPDATE qor_operation SET eid = '" + guid(5) + "' WHERE id = 'kept'");
+    runSql("INSERT INTO qor_event (time, category) VALUES ('2024-01-01 00:00:00', 'new')");
+    expectCountersAgree();
+    expectPagesAsPlainSql();
+    EXPECT_THAT(operations(accessTo({5}), QOREnvSelection::all()), ElementsAre("kept"));
+}
+
+TEST_F(LogUpkeepTest, OperationsThatMoveInTimeLeaveNoCounterBehind) {
+    std::vector<QORRecord> records;
+    for (int i = 0; i < 900; ++i)
+        records.emplace_back(operationOf("op-" + std::to_string(i), 1700000000 + i / 100, 1, 2));
+    store(records);
+    EXPECT_NE(queryText("SELECT sum(split) FROM qor_operation_count"), "0");
+    for (const int step : {1, 2, 5000, 40000000}) {
+        for (QORRecord& record : records)
+            std::get<QOROperationRecord>(record).time += step;
+        store(records);
+        SCOPED_TRACE("moved by " + std::to_string(step));
+        expectCountersAgree();
+        expectPagesAsPlainSql();
+    }
+    runSql("DELETE FROM qor_operation");
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_operation_count"), "0");
 }
 
 TEST_F(LogUpkeepTest, OperationsThatAnotherProgramStoresAreFoundLikeAllOthers) {

@@ -10,6 +10,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
@@ -65,6 +66,25 @@ struct FreeStatement {
     void operator()(SQLHSTMT handle) const noexcept { SQLFreeHandle(SQL_HANDLE_STMT, handle); }
 };
 using StatementHandle = std::unique_ptr<std::remove_pointer_t<SQLHSTMT>, FreeStatement>;
+
+// What begins otherwise may fire triggers.
+constexpr std::string_view quietWords[] = {"select", "pragma", "begin", "commit", "rollback", "savepoint", "release"};
+constexpr std::string_view changingWords[] = {"insert", "update", "delete", "replace"};
+
+template <std::size_t size>
+bool beginsWith(std::string_view sql, const std::string_view (&words)[size]) {
+    const auto* const first = std::find_if_not(sql.begin(), sql.end(), isSpaceChar);
+    const auto* const last = std::find_if_not(first, sql.end(), isWordChar);
+    return std::any_of(std::begin(words), std::end(words), [&](std::string_view word) {
+        return isSameWord({first, last}, word);
+    });
+}
+
+// SQLite's driver keeps compiled what it takes for a select, and compiles anything else anew at each execution, for
+// longer than most changes take. It takes for a select whatever begins with WITH.
+std::string keptBySqliteDriver(const std::string& sql) {
+    return beginsWith(sql, changingWords) ? "WITH qor_kept AS (SELECT 1) " + sql : sql;
+}
 
 // Failures that tell of the database and not of the statement.
 bool isOfTheDatabase(ASFailure failure) {
@@ -128,20 +148,24 @@ struct OdbcStatement::Column {
 };
 
 OdbcStatement::OdbcStatement(OdbcConnection& connection, std::string sql)
-    : m_connection(connection), m_sql(std::move(sql)) {
+    : m_connection(connection), m_sql(std::move(sql)), m_mayFire(!beginsWith(m_sql, quietWords)) {
     m_connection.starting();
     m_prepared = m_connection.m_stale;
     SQLHSTMT allocated = nullptr;
     m_connection.check(SQLAllocHandle(SQL_HANDLE_STMT, m_connection.m_handle, &allocated), SQL_HANDLE_DBC,
                        m_connection.m_handle, m_sql);
     StatementHandle handle(allocated);
-    m_connection.check(SQLPrepare(allocated, chars(m_sql), static_cast<SQLINTEGER>(m_sql.size())), SQL_HANDLE_STMT,
-                       allocated, m_sql);
+    m_connection.check(prepare(allocated), SQL_HANDLE_STMT, allocated, m_sql);
     m_handle = handle.release();
 }
 
 OdbcStatement::~OdbcStatement() {
     SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
+}
+
+int OdbcStatement::prepare(void* handle) const {
+    const std::string text = m_connection.m_sqlite == nullptr ? m_sql : keptBySqliteDriver(m_sql);
+    return SQLPrepare(handle, chars(text), static_cast<SQLINTEGER>(text.size()));
 }
 
 void OdbcStatement::check(int result) {
@@ -279,9 +303,10 @@ int OdbcStatement::bindColumn(std::size_t index) noexcept {
                       static_cast<SQLLEN>(c.buffer.size()), &c.indicator);
 }
 
-void OdbcStatement::execute() {
+void OdbcStatement::execute(ASTriggers triggers) {
     close();
     m_connection.starting();
+    if (m_mayFire) m_connection.setTriggers(triggers);
     if (m_unprepared || m_prepared != m_connection.m_stale) prepareAgain();
     try {
         run();
@@ -310,7 +335,7 @@ void OdbcStatement::run() {
 void OdbcStatement::prepareAgain() {
     m_open = false;
     SQLFreeStmt(m_handle, SQL_CLOSE);
-    check(SQLPrepare(m_handle, chars(m_sql), static_cast<SQLINTEGER>(m_sql.size())));
+    check(prepare(m_handle));
     for (std::size_t i = 0; i < m_columns.size(); ++i)
         check(bindColumn(i));
     m_unprepared = false;
@@ -393,7 +418,9 @@ std::string_view OdbcStatement::value(std::size_t column) const noexcept {
     return {c.buffer.data(), length};
 }
 
+// What SQLite's driver takes for a select has changed nothing, as it sees it.
 std::int64_t OdbcStatement::changes() {
+    if (m_mayFire && m_connection.m_sqlite != nullptr) return sqliteChanges(*m_connection.m_sqlite);
     SQLLEN rows = 0;
     check(SQLRowCount(m_handle, &rows));
     return rows;
@@ -443,6 +470,18 @@ void OdbcConnection::starting() noexcept {
     takeSqliteComplaint();
 }
 
+void OdbcConnection::setTriggers(ASTriggers triggers) {
+    if (m_owing && triggers == ASTriggers::Fire) {
+        throw AException("triggers cannot fire before what is owed for those that were skipped is written");
+    }
+    if (m_triggers == triggers || m_sqlite == nullptr) return;
+    if (!setSqliteTriggers(*m_sqlite, triggers)) {
+        m_broken = true;
+        throw AException("triggers cannot be switched");
+    }
+    m_triggers = triggers;
+}
+
 OdbcConnection::OdbcConnection(const std::string& connectionString, std::string database)
     : m_database(std::move(database)), m_dialect(&ASDialect::of(ASEngine::SQLite)) {
     try {
@@ -488,6 +527,7 @@ void OdbcConnection::disconnect() noexcept {
 std::int64_t OdbcConnection::execute(std::string_view sql) {
     const std::string text(sql);
     starting();
+    if (!beginsWith(text, quietWords)) setTriggers(ASTriggers::Fire);
     SQLHSTMT allocated = nullptr;
     check(SQLAllocHandle(SQL_HANDLE_STMT, m_handle, &allocated), SQL_HANDLE_DBC, m_handle, text);
     const StatementHandle handle(allocated);

@@ -26,7 +26,8 @@ struct OdbcColumn {
     friend bool operator==(const OdbcColumn&, const OdbcColumn&) = default;
 };
 
-/// A prepared statement. Parameters and columns are bound to memory that it owns and stay so for as long as it fits.
+/// A prepared statement, which the engine compiles once. Parameters and columns are bound to memory that it owns and
+/// stay so for as long as it fits.
 /// Used by one thread. Indexes begin at 0. Failures are AExceptions.
 class OdbcStatement {
 public:
@@ -49,7 +50,7 @@ public:
     void bindTextColumns();
     std::size_t columns() const noexcept { return m_columns.size(); }
 
-    void execute();
+    void execute(ASTriggers triggers = ASTriggers::Fire);
     bool fetch();
     bool isNull(std::size_t column) const noexcept;
     /// Valid until the next fetch or close. Null, and nothing else, has no address (data()).
@@ -71,6 +72,7 @@ private:
     void bindParameter(std::size_t index, Bound kind);
     int tryBind(std::size_t index, Bound kind) noexcept;
     int bindColumn(std::size_t index) noexcept;
+    int prepare(void* handle) const;
     void prepareAgain();
     void run();
     void readLong(std::size_t index);
@@ -79,6 +81,7 @@ private:
 
     OdbcConnection& m_connection;
     std::string m_sql;
+    bool m_mayFire;  ///< triggers
     void* m_handle = nullptr;
     bool m_open = false;
     unsigned m_fetches = 0;
@@ -103,7 +106,7 @@ public:
     OdbcConnection& operator=(const OdbcConnection&) = delete;
 
     const ASDialect& dialect() const noexcept { return *m_dialect; }
-    /// Runs a statement without parameters and drops its result. \returns rows changed
+    /// Runs a statement without parameters and drops its result; triggers fire. \returns rows changed
     std::int64_t execute(std::string_view sql);
     /// The only cell of a select, empty for null or no row.
     std::string selectText(const std::string& sql);
@@ -118,6 +121,11 @@ public:
     void setPatience(std::chrono::milliseconds patience) noexcept { m_wait.setPatience(patience); }
     /// It is for reading alone, and says so when something is to be written: that is no fault of the database.
     void setReading() noexcept { m_reading = true; }
+    /// Whether statements can be run without triggers.
+    bool skipsTriggers() const noexcept { return m_sqlite != nullptr; }
+    /// While something is owed for statements that skipped triggers, none that may fire any runs.
+    void setOwing(bool owing) noexcept { m_owing = owing; }
+    bool isOwing() const noexcept { return m_owing; }
     /// Whether a transaction is open as the engine sees it; true where it does not tell.
     bool isInTransaction() const noexcept { return m_sqlite == nullptr || isInSqliteTransaction(*m_sqlite); }
     /// Whether a failure has left it in doubt.
@@ -134,6 +142,8 @@ private:
     void disconnect() noexcept;
     /// A statement is about to run.
     void starting() noexcept;
+    /// And it may fire triggers.
+    void setTriggers(ASTriggers triggers);
     /// The end of rows that are handed out as they come: makes sure that it is one.
     void confirmEnd();
     /// Begins the transaction anew, for a statement that failed before anything was answered in it. \returns false when
@@ -160,6 +170,8 @@ private:
     std::string m_begin;   ///< what began the transaction; empty: there is none
     std::string m_mark;    ///< of the transaction, where it can be told from others; empty elsewhere
     std::string m_abortedBy;
+    ASTriggers m_triggers = ASTriggers::Fire;
+    bool m_owing = false;
     std::string m_database;
     const ASDialect* m_dialect;
 };

@@ -140,4 +140,13 @@ bool isInSqliteTransaction(sqlite3& connection) noexcept {
     return sqlite3_get_autocommit(&connection) == 0;
 }
 
+std::int64_t sqliteChanges(sqlite3& connection) noexcept {
+    return sqlite3_changes64(&connection);
+}
+
+bool setSqliteTriggers(sqlite3& connection, ASTriggers triggers) noexcept {
+    const int fire = triggers == ASTriggers::Fire ? 1 : 0;
+    return sqlite3_db_config(&connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, fire, nullptr) == SQLITE_OK;
+}
+
 }  // namespace QOR

@@ -7,7 +7,10 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
+
+#include "rdbmspp/engine/ASTriggers.h"
 
 struct sqlite3;
 
@@ -72,5 +75,10 @@ private:
 void setSqliteWait(sqlite3& connection, SqliteWait& wait) noexcept;
 /// Whether a transaction is open: after some failures the engine has ended it by itself.
 bool isInSqliteTransaction(sqlite3& connection) noexcept;
+/// Rows that the last statement which changes any has changed.
+std::int64_t sqliteChanges(sqlite3& connection) noexcept;
+/// Whether statements fire triggers. They are compiled with them or without, so that all of a connection are compiled
+/// anew when they run next after it has changed. \returns false when the engine refuses
+bool setSqliteTriggers(sqlite3& connection, ASTriggers triggers) noexcept;
 
 }  // namespace QOR

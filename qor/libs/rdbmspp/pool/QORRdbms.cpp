@@ -29,7 +29,6 @@
 #include "rdbmspp/engine/OdbcConnectionString.h"
 #include "rdbmspp/engine/PostgresEngine.h"
 #include "rdbmspp/engine/SqliteEngine.h"
-#include "rdbmspp/engine/SqliteTriggers.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
 #include "rdbmspp/pool/ASWriterQueue.h"
 
@@ -217,12 +216,12 @@ ASStatement& ASStatement::bindNull(unsigned index) {
     return *this;
 }
 
-void ASStatement::execute() {
+void ASStatement::execute(ASTriggers triggers) {
     if (!m_impl->columnsBound) {
         m_impl->statement.bindTextColumns();
         m_impl->columnsBound = true;
     }
-    m_impl->statement.execute();
+    m_impl->statement.execute(triggers);
     if (m_impl->statement.columns() == 0) *m_impl->changes = m_impl->statement.changes();
 }
 
@@ -411,15 +410,12 @@ void ASSession::execute(std::string_view sql) {
     m_impl->changes = m_impl->connection.execute(sql);
 }
 
-bool ASSession::setTriggers(bool on) noexcept {
-    if (engine() != ASEngine::SQLite || !hasSqliteTriggerSwitch()) return false;
-    try {
-        m_impl->connection.execute(on ? sqliteTriggersOn : sqliteTriggersOff);
-        return true;
-    } catch (const std::exception&) {
-        m_impl->connection.setBroken();
-        return false;
-    }
+bool ASSession::skipsTriggers() const noexcept {
+    return m_impl->connection.skipsTriggers();
+}
+
+void ASSession::setOwing(bool owing) noexcept {
+    m_impl->connection.setOwing(owing);
 }
 
 ASStatement& ASSession::prepare(std::string_view sql) {
@@ -951,11 +947,7 @@ std::size_t QORRdbms::waitingWriters() const {
 }
 
 void QORRdbms::prepareProcess() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        prepareSqlite();
-        prepareSqliteTriggers();
-    });
+    prepareSqlite();
 }
 
 // --- transactions ----------------------------------------------------------------------------------------------
@@ -1030,6 +1022,7 @@ QORRdbmsTran::~QORRdbmsTran() {
     impl.tidy();
     impl.endLong();
     impl.connection.endTransaction();
+    impl.connection.setOwing(false);
     if (m_impl->active && impl.connection.isInTransaction()) {
         try {
             m_session->execute(impl.dialect->rollback);
@@ -1043,6 +1036,9 @@ QORRdbmsTran::~QORRdbmsTran() {
 
 void QORRdbmsTran::commit() {
     if (!m_impl->active) return;
+    if (m_session->impl().connection.isOwing()) {
+        throw AException("nothing is committed before what is owed for triggers that were skipped is written");
+    }
     auto& pool = *QORRdbms::instance().m_impl;
     auto& impl = m_session->impl();
     if (!impl.connection.abortedBy().empty()) {

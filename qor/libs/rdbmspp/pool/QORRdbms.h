@@ -12,6 +12,7 @@
 #include "QORCommon/QORExport.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/engine/ASEngine.h"
+#include "rdbmspp/engine/ASTriggers.h"
 
 namespace QOR {
 
@@ -36,9 +37,11 @@ public:
     ASEngine engine() const noexcept;
     /// Runs one statement of the host's own without results (or whose results do not matter).
     void execute(std::string_view sql);
-    /// Whether statements of this connection fire triggers. Whoever switches them off does himself what they are for,
-    /// and switches them on again before the transaction ends. \returns false where that cannot be done: they are on
-    bool setTriggers(bool on) noexcept;
+    /// Whether a statement can be run without triggers here.
+    bool skipsTriggers() const noexcept;
+    /// Who skipped triggers has still to write what they would have written. Until he has, a statement that may fire
+    /// triggers, which would find the half of it, is an AException, and so is a commit. Forgotten with the transaction.
+    void setOwing(bool owing) noexcept;
     /// A prepared statement, kept by the connection under its text and reused; reset to no parameters, not running.
     /// The reference is valid until the same text is prepared again on this session or the transaction ends.
     ASStatement& prepare(std::string_view sql);
@@ -67,7 +70,9 @@ public:
     ASStatement& bind(unsigned index, double value);
     ASStatement& bindBinary(unsigned index, std::string_view bytes);
     ASStatement& bindNull(unsigned index);
-    void execute();
+    /// Statements that fire triggers and statements that skip them should not take turns: at each change the
+    /// connection's statements are prepared anew.
+    void execute(ASTriggers triggers = ASTriggers::Fire);
     bool fetch();
     bool isNull(unsigned column) const;
     /// The column as text; valid until the next fetch or execute.
