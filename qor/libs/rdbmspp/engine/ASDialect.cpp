@@ -1,5 +1,7 @@
 #include "rdbmspp/engine/ASDialect.h"
 
+#include "rdbmspp/engine/SqliteAmong.h"
+
 namespace QOR {
 
 namespace {
@@ -28,6 +30,7 @@ const ASDialect sqlite{
     .opaqueBegin = "CAST(",
     .opaqueEnd = " AS TEXT)",
     .untyped = "+",
+    .among = sqliteAmong,
     .alwaysInTransaction = false,
     .failureAborts = false,
     .statementTimeout = "",
@@ -61,6 +64,7 @@ const ASDialect postgres{
     .opaqueBegin = "",
     .opaqueEnd = "",
     .untyped = "",
+    .among = "",
     .alwaysInTransaction = true,
     .failureAborts = true,
     .statementTimeout = "SET LOCAL statement_timeout = ",

@@ -36,6 +36,9 @@ struct QOR_API ASDialect {
     const char* opaqueEnd;    ///< literal in the column's place elsewhere; empty where it does not anyway
     const char* untyped;  ///< in front of a column, so that it is compared with texts as a text; empty where a literal
                           ///< is read as the column's type once, and not for each row
+    /// A function of a column and many GUIDs in one text, which asks for them as `untyped` does, but faster; empty
+    /// where there is none.
+    const char* among;
     /// Whether a single select stands in a transaction too, because only that keeps it from writing.
     bool alwaysInTransaction;
     /// Whether a statement that fails ends its transaction, of which the engine then commits nothing without a word.

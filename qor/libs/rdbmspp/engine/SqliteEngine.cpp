@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "QORCommon/QORRequestControl.h"
+#include "rdbmspp/engine/SqliteAmong.h"
 #include "rdbmspp/engine/SqliteLike.h"
 
 namespace QOR {
@@ -67,6 +68,7 @@ struct SqliteHooks {
     static int opened(sqlite3* connection, const char**, const void*) {
         sqlite3_progress_handler(connection, stepsBetweenLooks, &endsRequest, nullptr);
         replaceSqliteLike(*connection);
+        addSqliteAmong(*connection);
         if (openingOfThread != nullptr) openingOfThread->m_opened = connection;
         return SQLITE_OK;
     }

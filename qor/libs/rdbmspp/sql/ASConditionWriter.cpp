@@ -35,8 +35,8 @@ constexpr std::size_t costOfOperator = 2;  // "a AND"
 constexpr std::size_t costOfBracket = 1;   // "("
 constexpr std::size_t costOfNot = 2;       // "NOT ("
 constexpr std::size_t costOfColumn = 3;    // "v"."c"
-constexpr std::size_t costOfSign = 1;      // "+"
 constexpr std::size_t costOfSelect = 6;    // what the select itself holds while its condition is read
+constexpr std::size_t costOfAmong = 4;     // "qor_among(", and a comma
 constexpr std::size_t costOfWhen = 3;      // "CASE WHEN"
 constexpr std::size_t costOfThen = 5;      // "CASE WHEN a THEN"
 // What a restriction puts around a condition: a guard, in brackets of its own and of its group, in a longer chain.
@@ -55,6 +55,7 @@ struct Part {
     Index last = none;
     Index next = none;
     Index children = 0;
+    bool asked = false;      ///< a guard whose condition has a CASE of its own
     bool grouped = false;    ///< a chain whose terms stand in brackets of groupSize
     Index ungrouped = 0;     ///< terms before the first group
     std::size_t depth = 0;   ///< entries of the parser's stack above the part's own start
@@ -80,7 +81,7 @@ std::size_t depthOfTerm(const Node& node) {
         case Node::Kind::Raw:
             return costOfNot + parserDepthOf(node.value.text);
         case Node::Kind::In:
-            if (node.untyped) depth += costOfSign;
+            if (node.untyped) depth += costOfAmong;
             return std::max(depth, costOfOperator + costOfBracket + parserDepthOf(node.value.text));
         case Node::Kind::LikeAttribute:
             return depth + costOfOperator + costOfPattern;
@@ -95,7 +96,8 @@ class Layout {
 public:
     enum class Form { Natural, Turned };
 
-    Layout(const Node& root, Form form) : m_form(form) {
+    /// \param asks whether what stands behind guards has a CASE of its own
+    Layout(const Node& root, Form form, bool asks) : m_form(form), m_asks(asks) {
         lay(root);
         for (std::size_t i = m_parts.size(); i-- > 0;)
             measure(m_parts[i]);
@@ -121,6 +123,7 @@ private:
     void sortByDepth(Part& part);
 
     Form m_form;
+    bool m_asks;
     std::vector<Part> m_parts;
     std::vector<Pending> m_pending;
 };
@@ -186,6 +189,7 @@ void Layout::layChain(const Pending& pending) {
 void Layout::layGuard(const Pending& pending) {
     Part part;
     part.kind = Node::Kind::Guard;
+    part.asked = m_asks;
     const Index index = add(pending, part);
     m_pending.push_back({pending.node->right.get(), index, false});
     m_pending.push_back({pending.node->left.get(), index, false});
@@ -199,8 +203,9 @@ void Layout::measure(Part& part) {
         part.depth = costOfNot + m_parts[part.first].depth;
         part.height = 1 + m_parts[part.first].height;
     } else if (part.kind == Node::Kind::Guard) {
-        part.depth = std::max(costOfWhen + m_parts[part.first].depth, costOfThen + m_parts[part.last].depth);
-        part.height = 1 + std::max(m_parts[part.first].height, m_parts[part.last].height);
+        part.depth = std::max(costOfWhen + m_parts[part.first].depth,
+                              costOfThen + (part.asked ? costOfWhen : 0) + m_parts[part.last].depth);
+        part.height = 1 + std::max(m_parts[part.first].height, m_parts[part.last].height + (part.asked ? 1 : 0));
     } else {
         if (m_form == Form::Turned) sortByDepth(part);
         group(part);
@@ -279,6 +284,25 @@ void writeOpaqueIn(ASSqlBuilder& b, const Node& node) {
     b.append(b.dialect().opaqueEnd);
 }
 
+/// As texts, whatever type is declared for the column. A list of one or two items is no list to SQLite but comparisons.
+void writeUntypedIn(ASSqlBuilder& b, const Node& node, bool negated) {
+    constexpr std::size_t guidLength = 36;
+    constexpr std::size_t fewItems = 2;
+    const ASDialect& dialect = b.dialect();
+    const std::string items = *dialect.among == 0 ? std::string() : joinedItems(node.value.text, guidLength);
+    if (items.size() <= fewItems * guidLength) {
+        b.append(dialect.untyped);
+        return b.in(*node.first, node.value.text, negated);
+    }
+    if (negated) b.append("NOT ");
+    b.append(dialect.among);
+    b.append("(");
+    b.operand(*node.first);
+    b.append(", '");
+    b.append(items);
+    b.append("')");
+}
+
 void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
     if (b.dialect().typed) return ASTypedTerms(b).term(node, negated);
     const char* op = operatorText(negated ? opposite(node.op) : node.op);
@@ -319,7 +343,7 @@ void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
         case Node::Kind::In:
             if (node.opaque) return writeOpaqueIn(b, node);
             if (node.second) return b.in(*node.first, *node.second->nestedSelect(), negated);
-            if (node.untyped) b.append(b.dialect().untyped);
+            if (node.untyped) return writeUntypedIn(b, node, negated);
             b.in(*node.first, node.value.text, negated);
             break;
         case Node::Kind::IsNull:
@@ -400,7 +424,7 @@ void Writer::step() {
 void Writer::separate(const Frame& frame) {
     const Part& part = m_parts[frame.part];
     if (part.kind == Node::Kind::Guard) {
-        if (frame.written > 0) m_builder.append(" THEN ");
+        if (frame.written > 0) m_builder.append(part.asked ? " THEN CASE WHEN " : " THEN ");
         return;
     }
     const bool group = part.startsGroup(frame.written);
@@ -414,7 +438,8 @@ void Writer::separate(const Frame& frame) {
 void Writer::close(const Frame& frame) {
     if (m_parts[frame.part].grouped) m_builder.append(")");
     if (frame.brackets) m_builder.append(")");
-    if (m_parts[frame.part].kind == Node::Kind::Guard) m_builder.append(" END");
+    if (m_parts[frame.part].kind == Node::Kind::Guard)
+        m_builder.append(m_parts[frame.part].asked ? " THEN 1 = 1 END END" : " END");
 }
 
 void refuse(const ASDialect& dialect) {
@@ -423,25 +448,30 @@ void refuse(const ASDialect& dialect) {
 
 }  // namespace
 
+// Where there is room for it, what stands behind a guard has a CASE of its own: as a value SQLite would have to tell
+// false from null, which costs a nested select further searches. Of a select that is nested nobody knows the room.
 void writeCondition(ASSqlBuilder& builder, const Node& root) {
     if (root.kind == Node::Kind::Raw) return builder.append(root.value.text);
     const ASDialect& dialect = builder.dialect();
-    const Layout natural(root, Layout::Form::Natural);
+    const bool asks = !builder.isNested();
+    const Layout natural(root, Layout::Form::Natural, asks);
     const bool shallow = natural.depth() <= naturalDepth && natural.height() <= dialect.expressionDepth / 2;
     if (dialect.parserDepth == 0 || shallow) {
         Writer(builder, natural.parts()).write();
         return;
     }
-    const Layout turned(root, Layout::Form::Turned);
-    if (turned.depth() + costOfSelect > dialect.parserDepth || turned.height() > dialect.expressionDepth) {
-        refuse(dialect);
-    }
+    const auto fits = [&dialect](const Layout& layout) {
+        return layout.depth() + costOfSelect <= dialect.parserDepth && layout.height() <= dialect.expressionDepth;
+    };
+    Layout turned(root, Layout::Form::Turned, asks);
+    if (asks && !fits(turned)) turned = Layout(root, Layout::Form::Turned, false);
+    if (!fits(turned)) refuse(dialect);
     Writer(builder, turned.parts()).write();
 }
 
 void checkCondition(const ASDialect& dialect, const Node& root) {
     if (dialect.parserDepth == 0 || root.kind == Node::Kind::Raw) return;
-    const Layout turned(root, Layout::Form::Turned);
+    const Layout turned(root, Layout::Form::Turned, false);
     if (turned.depth() + costOfSelect + depthOfRestriction > dialect.parserDepth ||
         turned.height() + heightOfRestriction > dialect.expressionDepth) {
         refuse(dialect);

@@ -9,7 +9,8 @@ namespace QOR {
 /// `condition` for the rows that `access` lets through. An engine is free to evaluate the terms of a conjunction in any
 /// order, so `access AND condition` may ask the condition of rows outside, and what it fails on there, or how long it
 /// takes, tells of them. Here every engine's rule that a CASE evaluates the branch it takes and no other stands between
-/// them: `access AND plain AND CASE WHEN access THEN rest END`, where
+/// them: `access AND plain AND CASE WHEN access THEN rest END`, with a CASE around the rest too (see
+/// ASConditionWriter.cpp), where
 ///
 /// - `access` stands in front as well, so that an index finds the rows;
 /// - `rest` is what the condition holds beside its plain terms. It may hold nested selects: one that does not name this

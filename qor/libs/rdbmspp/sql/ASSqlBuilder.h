@@ -67,6 +67,8 @@ public:
     std::string takeText() && { return std::move(m_text); }
     const std::vector<const ASValue*>& parameters() const noexcept { return m_parameters; }
     const ASDialect& dialect() const noexcept { return m_dialect; }
+    /// What is written stands within another select.
+    bool isNested() const noexcept { return m_purpose == ASPurpose::Nested; }
 
 private:
     bool isExecuted() const noexcept { return m_purpose == ASPurpose::Execution || m_purpose == ASPurpose::Streaming; }

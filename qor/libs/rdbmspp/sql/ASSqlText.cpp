@@ -62,6 +62,19 @@ bool isLiteralList(std::string_view sql) noexcept {
     }
 }
 
+std::string joinedItems(std::string_view list, std::size_t size) {
+    std::string items;
+    if (!isLiteralList(list)) return items;
+    while (!list.empty()) {
+        const std::size_t end = behindQuoted(list, 0);
+        const std::string_view item = list.substr(1, end - 2);
+        if (item.size() != size || item.find('\'') != std::string_view::npos) return {};
+        items += item;
+        list.remove_prefix(std::min(list.find('\'', end), list.size()));
+    }
+    return items;
+}
+
 std::optional<std::size_t> literalLength(std::string_view sql) noexcept {
     constexpr std::size_t callLength = 6;  // of "upper(" and "lower("
     while (sql.starts_with("upper(") || sql.starts_with("lower(")) {

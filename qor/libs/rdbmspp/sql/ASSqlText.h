@@ -16,6 +16,10 @@ bool isSingleTerm(std::string_view sql) noexcept;
 /// Whether the text is quoted literals only, joined with commas.
 bool isLiteralList(std::string_view sql) noexcept;
 
+/// The items of a list of quoted literals one behind the other; empty where one of them has another length than `size`
+/// or holds a quote.
+std::string joinedItems(std::string_view list, std::size_t size);
+
 /// The bytes of a text that is one quoted literal, or a call upon calls of functions that keep the length of one; empty
 /// for any other text.
 std::optional<std::size_t> literalLength(std::string_view sql) noexcept;
