@@ -114,9 +114,12 @@ Env readEnv(const ASStatement& row) {
 }
 
 bool hasTable(ASSession& session) {
-    if (session.engine() != ASEngine::SQLite) return false;
     ASStatement& find = session.prepare(
-        "SELECT count(*) FROM pragma_table_info('qor_environment') WHERE name IN ('eid', 'config', 'virtual_config')");
+        session.engine() == ASEngine::SQLite
+            ? "SELECT count(*) FROM pragma_table_info('qor_environment') "
+              "WHERE name IN ('eid', 'config', 'virtual_config')"
+            : "SELECT count(*) FROM information_schema.columns WHERE table_schema = current_schema() "
+              "AND table_name = 'qor_environment' AND column_name IN ('eid', 'config', 'virtual_config')");
     find.execute();
     const bool found = find.fetch() && find.integer(1) == 3;
     find.close();

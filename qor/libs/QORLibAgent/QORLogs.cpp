@@ -11,6 +11,7 @@
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORLogCounters.h"
 #include "QORLibAgent/QORSecurity.h"
+#include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
@@ -129,15 +130,18 @@ QOREvent readRecord(const ASStatement& row, QOREvent*) {
     return event;
 }
 
-constexpr std::string_view operationColumns =
-    "SELECT o.seq, o.time, o.id, o.parent_id, o.op, o.status, o.eid, o.message, "
-    "(SELECT group_concat(e.eid, ' ') FROM qor_operation_environment e WHERE e.operation = o.seq AND e.position >= 0) "
-    "FROM (";
-constexpr std::string_view operationOrder =
-    ") p CROSS JOIN qor_operation o ON o.seq = p.seq "
-    "ORDER BY o.time DESC, o.seq DESC";
-constexpr std::string_view eventColumns = "SELECT o.seq, o.time, o.eid, o.source, o.category, o.info FROM (";
-constexpr std::string_view eventOrder = ") p CROSS JOIN qor_event o ON o.seq = p.seq ORDER BY o.time DESC, o.seq DESC";
+/// The select of a page of a log's records, around the select that finds them by arrival and time. The order says where
+/// nulls go, though there are none: an index serves no other.
+std::string pageSql(const ASDialect& dialect, QORLogKind kind, const std::string& records) {
+    const bool operations = kind == QORLogKind::Operations;
+    const std::string columns =
+        operations ? "o.id, o.parent_id, o.op, o.status, o.eid, o.message, (SELECT " + dialect.joinedGuids("e.eid") +
+                         " FROM qor_operation_environment e WHERE e.operation = o.seq AND e.position >= 0)"
+                   : "o.eid, o.source, o.category, o.info";
+    return "SELECT o.seq, o.time, " + columns + " FROM (SELECT seq FROM (" + records +
+           ") r ORDER BY time DESC NULLS LAST, seq DESC LIMIT ? OFFSET ?) p" + dialect.lookUp +
+           (operations ? "qor_operation" : "qor_event") + " o ON o.seq = p.seq ORDER BY o.time DESC, o.seq DESC";
+}
 
 /// Some scopes of one log and a span of time: what is asked, in the database's terms. Everything is read in one
 /// transaction, so that sizes, positions and records fit together.
@@ -166,7 +170,7 @@ public:
         m_walks = true;
         m_last.reset();
         const QORLogScopes::Records records = m_scopes.records(m_from, m_to);
-        ASStatement& select = m_tran->prepare("SELECT count(*) FROM (" + records.sql + ")");
+        ASStatement& select = m_tran->prepare("SELECT count(*) FROM (" + records.sql + ") r");
         bindAll(select, records);
         select.execute();
         m_size = select.fetch() ? static_cast<std::uint64_t>(select.integer(1)) : 0;
@@ -203,8 +207,6 @@ private:
     /// Requests tell times in 32 bits; where those end, counters need no closer look.
     static constexpr std::int64_t endOfRequests = std::numeric_limits<std::int32_t>::max();
 
-    bool isOperations() const { return m_kind == QORLogKind::Operations; }
-
     /// Records that are newer than the span.
     std::uint64_t above() {
         if (!m_above) m_above = m_scopes.count(m_to + 1, QORLogScopes::endOfTime);
@@ -233,10 +235,7 @@ private:
     ASStatement& selectFrom(std::int64_t first, std::int64_t last, std::uint64_t skip, std::size_t most,
                             const QORLogMark* behind) {
         const QORLogScopes::Records records = m_scopes.records(first, last, behind);
-        ASStatement& statement =
-            m_tran->prepare(std::string(isOperations() ? operationColumns : eventColumns) + "SELECT seq FROM (" +
-                            records.sql + ") ORDER BY time DESC, seq DESC LIMIT ? OFFSET ?" +
-                            std::string(isOperations() ? operationOrder : eventOrder));
+        ASStatement& statement = m_tran->prepare(pageSql(ASDialect::of(m_tran->engine()), m_kind, records.sql));
         unsigned index = bindAll(statement, records);
         statement.bind(++index, static_cast<std::int64_t>(most));
         statement.bind(++index, static_cast<std::int64_t>(skip));

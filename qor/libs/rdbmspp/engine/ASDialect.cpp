@@ -43,6 +43,8 @@ const ASDialect sqlite{
     .maxLikePattern = 50000,
     .parserDepth = 100,
     .expressionDepth = 1000,
+    .lookUp = " CROSS JOIN ",
+    .eachText = "json_each(?) j",
 };
 
 const ASDialect postgres{
@@ -77,6 +79,10 @@ const ASDialect postgres{
     .maxLikePattern = 0,
     .parserDepth = 0,
     .expressionDepth = 0,
+    .lookUp = " JOIN ",
+    .eachText =
+        "(SELECT e.place - 1 AS key, e.value AS value FROM jsonb_array_elements_text(CAST(? AS jsonb)) "
+        "WITH ORDINALITY AS e (value, place)) j",
 };
 
 void appendHex(std::string& out, std::string_view bytes) {
@@ -297,6 +303,22 @@ AException ASDialect::explained(const AException& error) const {
         return error.reworded(std::string(text.ours) + name);
     }
     return error;
+}
+
+std::string ASDialect::guid(std::string_view expression) const {
+    const std::string e(expression);
+    return engine == ASEngine::SQLite ? e : "CAST(" + e + " AS uuid)";
+}
+
+std::string ASDialect::storedSeconds(std::string_view expression) const {
+    const std::string e(expression);
+    return engine == ASEngine::SQLite ? "CAST(strftime('%s', " + e + ") AS INTEGER)"
+                                      : "CAST(extract(epoch FROM " + e + ") AS bigint)";
+}
+
+std::string ASDialect::joinedGuids(std::string_view expression) const {
+    const std::string e(expression);
+    return engine == ASEngine::SQLite ? "group_concat(" + e + ", ' ')" : "string_agg(CAST(" + e + " AS text), ' ')";
 }
 
 std::string ASDialect::binaryLiteral(std::string_view bytes) const {

@@ -59,6 +59,12 @@ struct QOR_API ASDialect {
     std::size_t maxLikePattern;   ///< bytes; 0: unlimited
     std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
     std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited
+    /// For statements over tables whose columns have the engine's own types. Joins two of them, so that the second is
+    /// looked up for the rows of the first.
+    const char* lookUp;
+    /// Rows `j` of the texts of a JSON array, which is a parameter: columns key, the place from 0, and value.
+    const char* eachText;
+
     static const ASDialect& of(ASEngine engine) noexcept;
     /// That of the engine behind a driver. \param name as the driver tells it (SQL_DBMS_NAME)
     static const ASDialect& named(std::string_view name) noexcept;
@@ -86,6 +92,12 @@ struct QOR_API ASDialect {
     std::string boundedPattern(std::string_view expression) const;
     /// A failure in words about the request where the engine speaks of its own workings.
     AException explained(const AException& error) const;
+    /// A text that is a GUID as a value of a column of GUIDs.
+    std::string guid(std::string_view expression) const;
+    /// The seconds since the epoch of a time that has its column's own form.
+    std::string storedSeconds(std::string_view expression) const;
+    /// The texts of a group's GUIDs, blanks between them.
+    std::string joinedGuids(std::string_view expression) const;
     /// A literal of bytes.
     std::string binaryLiteral(std::string_view bytes) const;
 };
