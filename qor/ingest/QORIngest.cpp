@@ -12,6 +12,8 @@
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORLibAgent/QOREnvCache.h"
 #include "ingest/LineReader.h"
+#include "ingest/RecordBatch.h"
+#include "ingest/RecordTables.h"
 #include "ingest/RecordWriter.h"
 #include "ingest/RequestLedger.h"
 #include "rdbmspp/engine/AException.h"
@@ -49,6 +51,16 @@ std::unique_lock<std::mutex> lockCache(std::span<const QORRecord> batch) {
     const bool any = std::any_of(batch.begin(), batch.end(),
                                  [](const QORRecord& record) { return kindOf(record) == QORRecordKind::Environment; });
     return cache != nullptr && any ? cache->lockForWriting() : std::unique_lock<std::mutex>();
+}
+
+/// As the cache has them.
+std::vector<QORPtr<const QOREnv>> environmentsOf(std::span<const QORRecord> batch) {
+    std::vector<QORPtr<const QOREnv>> environments;
+    for (const QORRecord& record : batch) {
+        if (const auto* environment = std::get_if<QOREnvironmentRecord>(&record))
+            environments.push_back(toEnvironment(*environment));
+    }
+    return environments;
 }
 
 bool isBlank(std::string_view line) {
@@ -177,13 +189,17 @@ private:
             if (m_ledger && wasStoredMeanwhile(*tran, lastLine)) return;
             const auto caching = lockCache(batch);
             if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(*tran);
-            RecordWriter writer(*tran, keepEqual);
-            for (const QORRecord& record : batch)
-                count(counts[record.index()], writer.store(record));
-            writer.finish();
+            if (tran->engine() == ASEngine::SQLite) {
+                RecordWriter writer(*tran, keepEqual);
+                for (const QORRecord& record : batch)
+                    count(counts[record.index()], writer.store(record));
+                writer.finish();
+            } else {
+                counts = storeTogether(*tran, batch, keepEqual);
+            }
             if (m_ledger) m_ledger->put(*tran, resultWith(counts), !m_isKnown);
             tran.commit();
-            if (caching) envCache()->update(writer.takeEnvironments());
+            if (caching) envCache()->update(environmentsOf(batch));
         } catch (const AException& error) {
             m_result.failure = QORIngestFailure{firstLine, lastLine, error.text()};
             return;

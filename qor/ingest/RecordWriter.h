@@ -32,8 +32,6 @@ public:
     /// What belongs to the records as a whole: the counters of the logs, and what is known of documents that are no
     /// more. Before the transaction is committed.
     void finish();
-    /// The environments that were stored, for the cache once the transaction is committed.
-    std::vector<QORPtr<const QOREnv>> takeEnvironments() { return std::move(m_environments); }
 
 private:
     QORStored put(const QOREnvironmentRecord& record);
@@ -55,7 +53,6 @@ private:
     std::int64_t m_lastEvent = -1;
     std::map<std::string_view, std::vector<std::string>> m_replaced;  // by table
     QORLogCounters m_counters;
-    std::vector<QORPtr<const QOREnv>> m_environments;
 };
 
 }  // namespace QOR
