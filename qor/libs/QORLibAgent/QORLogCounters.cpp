@@ -8,6 +8,7 @@
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORBinder.h"
+#include "rdbmspp/engine/ASDialect.h"
 
 namespace QOR {
 namespace {
@@ -28,18 +29,18 @@ struct Form {
     std::string_view table;
     std::string_view seq;   ///< the column of the arrival
     std::string_view one;   ///< what finds the records of one scope, with its pieces as parameters
-    std::string_view each;  ///< the same for the scope j.value
+    std::string_view each;  ///< the same for the scope j.value; <...> is a text that is a GUID
 };
 constexpr std::array<Form, 6> forms{{
-    {"qor_operation", "seq", "1", "1"},
-    {"qor_operation", "seq", "r.eid = ?", "r.eid = j.value"},
-    {"qor_operation_environment", "operation", "r.eid = ? AND r.eid IS NOT r.own",
-     "r.eid = substr(j.value, 2) AND r.eid IS NOT r.own"},
+    {"qor_operation", "seq", "1 = 1", "1 = 1"},
+    {"qor_operation", "seq", "r.eid = ?", "r.eid = <j.value>"},
+    {"qor_operation_environment", "operation", "r.eid = ? AND r.eid IS DISTINCT FROM r.own",
+     "r.eid = <substr(j.value, 2)> AND r.eid IS DISTINCT FROM r.own"},
     {"qor_operation_environment", "operation", "r.eid = ? AND r.own = ? AND r.eid <> r.own",
-     "r.eid = substr(j.value, 38) AND r.own = substr(j.value, 1, 36) AND r.eid <> r.own"},
+     "r.eid = <substr(j.value, 38)> AND r.own = <substr(j.value, 1, 36)> AND r.eid <> r.own"},
     {"qor_event", "seq", "r.category = ?", "r.category = substr(j.value, 2)"},
     {"qor_event", "seq", "r.category = ? AND r.eid = ?",
-     "r.category = substr(j.value, 38) AND r.eid = substr(j.value, 1, 36)"},
+     "r.category = substr(j.value, 38) AND r.eid = <substr(j.value, 1, 36)>"},
 }};
 
 /// Nothing for a text that is no scope.
@@ -78,37 +79,16 @@ struct CounterSql {
     std::string_view remove;
     std::string_view markSplit;
     std::string_view removeScope;
-    std::string_view edges;
-    std::string_view widest;
-    std::string_view finer;
-    std::string_view unsplit;  ///< the scopes whose bucket is whole, to be joined with j
-    std::string_view notSplit;
 };
 
-#define QOR_COUNTER_SQL(table)                                                                           \
-    CounterSql {                                                                                         \
-        "SELECT n, split FROM " table " WHERE scope = ? AND level = ? AND bucket = ?",                   \
-            "INSERT INTO " table " (n, scope, level, bucket) VALUES (?, ?, ?, ?)",                       \
-            "UPDATE " table " SET n = ? WHERE scope = ? AND level = ? AND bucket = ?",                   \
-            "DELETE FROM " table " WHERE scope = ? AND level = ? AND bucket = ?",                        \
-            "UPDATE " table " SET split = 1 WHERE scope = ? AND level = ? AND bucket = ?",               \
-            "DELETE FROM " table " WHERE scope = ?",                                                     \
-            "SELECT coalesce(sum(CASE WHEN c.bucket > low AND c.bucket < high THEN c.n END), 0), "       \
-            "coalesce(sum(CASE WHEN c.bucket = low AND c.split = 0 THEN c.n END), 0), "                  \
-            "coalesce(sum(CASE WHEN c.bucket = low AND c.split = 1 THEN c.n END), 0), "                  \
-            "coalesce(sum(CASE WHEN c.bucket = high AND c.split = 0 THEN c.n END), 0), "                 \
-            "coalesce(sum(CASE WHEN c.bucket = high AND c.split = 1 THEN c.n END), 0) "                  \
-            "FROM (SELECT ? AS low, ? AS high) CROSS JOIN json_each(?) j CROSS JOIN " table              \
-            " c ON c.scope = j.value AND c.level = ? AND c.bucket BETWEEN low AND high",                 \
-            "SELECT c.bucket, sum(c.n) FROM json_each(?) j CROSS JOIN " table                            \
-            " c ON c.scope = j.value AND c.level = ? GROUP BY c.bucket ORDER BY c.bucket DESC",          \
-            "SELECT c.bucket AS bucket, c.n AS n FROM json_each(?) j CROSS JOIN " table                  \
-            " p ON p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1 CROSS JOIN " table \
-            " c ON c.scope = p.scope AND c.level = ? AND c.bucket BETWEEN ? AND ?",                      \
-            " CROSS JOIN " table                                                                         \
-            " c ON c.scope = j.value AND c.level = ? AND c.bucket = ? AND c.split = 0 AND c.n > 0",      \
-            "NOT EXISTS (SELECT 1 FROM " table                                                           \
-            " p WHERE p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1)"               \
+#define QOR_COUNTER_SQL(table)                                                             \
+    CounterSql {                                                                           \
+        "SELECT n, split FROM " table " WHERE scope = ? AND level = ? AND bucket = ?",     \
+            "INSERT INTO " table " (n, scope, level, bucket) VALUES (?, ?, ?, ?)",         \
+            "UPDATE " table " SET n = ? WHERE scope = ? AND level = ? AND bucket = ?",     \
+            "DELETE FROM " table " WHERE scope = ? AND level = ? AND bucket = ?",          \
+            "UPDATE " table " SET split = 1 WHERE scope = ? AND level = ? AND bucket = ?", \
+            "DELETE FROM " table " WHERE scope = ?"                                        \
     }
 
 constexpr CounterSql operationSql = QOR_COUNTER_SQL("qor_operation_count");
@@ -120,9 +100,68 @@ const CounterSql& sqlOf(QORLogKind kind) {
     return kind == QORLogKind::Operations ? operationSql : eventSql;
 }
 
+/// The statements that read the counters of one log, as an engine takes them.
+struct ScopesSql {
+    ScopesSql(const ASDialect& dialect, const std::string& table) {
+        const std::string each = dialect.eachText;
+        const std::string lookUp = dialect.lookUp + table;
+        const auto sum = [](const std::string& condition) {
+            return "coalesce(sum(CASE WHEN " + condition + " THEN c.n END), 0)";
+        };
+        edges = "SELECT " + sum("c.bucket > low AND c.bucket < high") + ", " + sum("c.bucket = low AND c.split = 0") +
+                ", " + sum("c.bucket = low AND c.split = 1") + ", " + sum("c.bucket = high AND c.split = 0") + ", " +
+                sum("c.bucket = high AND c.split = 1") +
+                " FROM (SELECT CAST(? AS bigint) AS low, CAST(? AS bigint) AS high) e CROSS JOIN " + each + lookUp +
+                " c ON c.scope = j.value AND c.level = ? AND c.bucket BETWEEN low AND high";
+        widest = "SELECT c.bucket, sum(c.n) FROM " + each + lookUp +
+                 " c ON c.scope = j.value AND c.level = ? GROUP BY c.bucket ORDER BY c.bucket DESC";
+        finer = "SELECT c.bucket AS bucket, c.n AS n FROM " + each + lookUp +
+                " p ON p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1" + lookUp +
+                " c ON c.scope = p.scope AND c.level = ? AND c.bucket BETWEEN ? AND ?";
+        unsplit = lookUp + " c ON c.scope = j.value AND c.level = ? AND c.bucket = ? AND c.split = 0 AND c.n > 0";
+        notSplit = "NOT EXISTS (SELECT 1 FROM " + table +
+                   " p WHERE p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1)";
+    }
+
+    std::string edges;
+    std::string widest;
+    std::string finer;
+    std::string unsplit;  ///< the scopes whose bucket is whole, to be joined with j
+    std::string notSplit;
+};
+
+const ScopesSql& scopesSql(const ASDialect& dialect, QORLogKind kind) {
+    const auto make = [](ASEngine engine) {
+        return std::array{ScopesSql(ASDialect::of(engine), "qor_operation_count"),
+                          ScopesSql(ASDialect::of(engine), "qor_event_count")};
+    };
+    static const auto sqlite = make(ASEngine::SQLite);
+    static const auto postgres = make(ASEngine::PostgreSQL);
+    return (dialect.engine == ASEngine::SQLite ? sqlite : postgres)[static_cast<std::size_t>(kind)];
+}
+
+/// The condition that finds the records of the scope j.value.
+std::string eachOf(const ASDialect& dialect, const Form& form) {
+    std::string sql;
+    std::string_view rest = form.each;
+    for (std::size_t at = rest.find('<'); at != std::string_view::npos; at = rest.find('<')) {
+        // A condition that two columns differ is no text between marks.
+        if (rest.substr(at, 2) == "<>") {
+            sql += rest.substr(0, at + 2);
+            rest.remove_prefix(at + 2);
+            continue;
+        }
+        const std::size_t end = rest.find('>', at);
+        sql += rest.substr(0, at);
+        sql += dialect.guid(rest.substr(at + 1, end - at - 1));
+        rest.remove_prefix(end + 1);
+    }
+    return sql += rest;
+}
+
 /// A time that the database can have.
-std::string boundText(std::int64_t second) {
-    return time2dbstr(std::clamp(second, firstDbSecond, lastDbSecond));
+std::string boundText(const ASDialect& dialect, std::int64_t second) {
+    return time2dbstr(std::clamp(second, dialect.firstSecond, lastDbSecond));
 }
 
 /// Adds a text to an array, which is always whole.
@@ -184,7 +223,7 @@ public:
         scopes.add(scope);
         const QORLogScopes::Records records = scopes.records(from, to);
         ASStatement& select = m_session.prepare("SELECT CAST(strftime('%s', time) AS INTEGER) >> ?, count(*) FROM (" +
-                                                records.sql + ") WHERE time = datetime(time) GROUP BY 1");
+                                                records.sql + ") r WHERE time = datetime(time) GROUP BY 1");
         QORBinder binder(select);
         binder.integer(levels[level]);
         for (const std::string& parameter : records.parameters)
@@ -318,6 +357,9 @@ void QORLogCounters::recount(ASSession& session, QORLogKind kind, const std::str
     writer.split();
 }
 
+QORLogScopes::QORLogScopes(ASSession& session, QORLogKind kind)
+    : m_session(session), m_dialect(ASDialect::of(session.engine())), m_kind(kind) {}
+
 void QORLogScopes::add(const std::string& scope) {
     const auto known = formOf(m_kind, scope);
     if (!known) throw QORException(errFailure, "\"" + scope + "\" is no scope of a log", sourcePath, __LINE__);
@@ -339,7 +381,7 @@ std::uint64_t QORLogScopes::countWithin(std::size_t level, std::int64_t from, st
     const int width = levels[level];
     const std::int64_t first = from >> width;
     const std::int64_t last = to >> width;
-    ASStatement& select = m_session.prepare(sqlOf(m_kind).edges);
+    ASStatement& select = m_session.prepare(scopesSql(m_dialect, m_kind).edges);
     QORBinder(select).integer(first).integer(last).text(m_json).integer(width);
     select.execute();
     if (!select.fetch()) throw QORException(errFailure, "a sum of counters is missing", sourcePath, __LINE__);
@@ -368,15 +410,16 @@ std::uint64_t QORLogScopes::countWhole(std::size_t level, std::int64_t bucket, s
     std::uint64_t records = 0;
     for (const Part& part : m_parts) {
         const Form& form = forms[part.form];
-        ASStatement& select = m_session.prepare(
-            "SELECT count(*) FROM json_each(?) j" + std::string(sqlOf(m_kind).unsplit) + " CROSS JOIN " +
-            std::string(form.table) + " r ON " + std::string(form.each) + " AND r.time BETWEEN ? AND ?");
+        ASStatement& select =
+            m_session.prepare(std::string("SELECT count(*) FROM ") + m_dialect.eachText +
+                              scopesSql(m_dialect, m_kind).unsplit + m_dialect.lookUp + std::string(form.table) +
+                              " r ON " + eachOf(m_dialect, form) + " AND r.time BETWEEN ? AND ?");
         QORBinder(select)
             .text(part.json)
             .integer(levels[level])
             .integer(bucket)
-            .text(boundText(from))
-            .text(boundText(to));
+            .text(boundText(m_dialect, from))
+            .text(boundText(m_dialect, to));
         select.execute();
         if (select.fetch()) records += static_cast<std::uint64_t>(select.integer(1));
         select.close();
@@ -398,7 +441,7 @@ std::vector<std::pair<std::int64_t, std::uint64_t>> fetchBuckets(ASStatement& se
 }  // namespace
 
 std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::widest() {
-    ASStatement& select = m_session.prepare(sqlOf(m_kind).widest);
+    ASStatement& select = m_session.prepare(scopesSql(m_dialect, m_kind).widest);
     QORBinder(select).text(m_json).integer(levels[0]);
     return fetchBuckets(select);
 }
@@ -410,21 +453,21 @@ std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::finer(std::siz
     const int next = levels[level + 1];
     const std::int64_t first = bucket << width;
     const std::int64_t last = first + (std::int64_t{1} << width) - 1;
-    std::string sql = "SELECT bucket, sum(n) FROM (" + std::string(sqlOf(m_kind).finer);
+    std::string sql = "SELECT bucket, sum(n) FROM (" + scopesSql(m_dialect, m_kind).finer;
     for (const Part& part : m_parts) {
         const Form& form = forms[part.form];
-        sql += " UNION ALL SELECT CAST(strftime('%s', r.time) AS INTEGER) >> ?, 1 FROM json_each(?) j CROSS JOIN ";
-        sql.append(form.table).append(" r ON ").append(form.each).append(" AND r.time BETWEEN ? AND ? WHERE ");
-        sql += sqlOf(m_kind).notSplit;
+        sql += " UNION ALL SELECT " + m_dialect.storedSeconds("r.time") + " >> ?, 1 FROM " + m_dialect.eachText +
+               m_dialect.lookUp + std::string(form.table) + " r ON " + eachOf(m_dialect, form) +
+               " AND r.time BETWEEN ? AND ? WHERE " + scopesSql(m_dialect, m_kind).notSplit;
     }
-    ASStatement& select = m_session.prepare(sql + ") WHERE bucket IS NOT NULL GROUP BY bucket ORDER BY bucket DESC");
+    ASStatement& select = m_session.prepare(sql + ") b WHERE bucket IS NOT NULL GROUP BY bucket ORDER BY bucket DESC");
     QORBinder binder(select);
     binder.text(m_json).integer(width).integer(bucket).integer(next).integer(first >> next).integer(last >> next);
     for (const Part& part : m_parts)
         binder.integer(next)
             .text(part.json)
-            .text(boundText(first))
-            .text(boundText(last))
+            .text(boundText(m_dialect, first))
+            .text(boundText(m_dialect, last))
             .integer(width)
             .integer(bucket);
     return fetchBuckets(select);
@@ -458,16 +501,17 @@ QORLogScopes::Records QORLogScopes::records(std::int64_t from, std::int64_t to, 
             for (std::string& piece : piecesOf(part.form, part.first))
                 records.parameters.push_back(std::move(piece));
         } else {
-            records.sql.append("json_each(?) j CROSS JOIN ").append(form.table).append(" r WHERE ").append(form.each);
+            records.sql.append(m_dialect.eachText).append(" CROSS JOIN ").append(form.table).append(" r WHERE ");
+            records.sql += eachOf(m_dialect, form);
             records.parameters.push_back(part.json);
         }
         records.sql.append(" AND r.time >= ? AND ");
-        records.parameters.push_back(boundText(from));
+        records.parameters.push_back(boundText(m_dialect, from));
         if (behind == nullptr) {
             records.sql += "r.time <= ?";
-            records.parameters.push_back(boundText(to));
+            records.parameters.push_back(boundText(m_dialect, to));
         } else {
-            records.sql.append("(r.time, r.").append(form.seq).append(") < (?, CAST(? AS INTEGER))");
+            records.sql.append("(r.time, r.").append(form.seq).append(") < (?, CAST(? AS bigint))");
             records.parameters.push_back(behind->time);
             records.parameters.push_back(std::to_string(behind->seq));
         }

@@ -96,7 +96,7 @@ public:
         std::vector<std::string> parameters;
     };
 
-    QORLogScopes(ASSession& session, QORLogKind kind) : m_session(session), m_kind(kind) {}
+    QORLogScopes(ASSession& session, QORLogKind kind);
 
     void add(const std::string& scope);
     bool empty() const noexcept { return m_count == 0; }
@@ -135,6 +135,7 @@ private:
     std::vector<std::pair<std::int64_t, std::uint64_t>> finer(std::size_t level, std::int64_t bucket);
 
     ASSession& m_session;
+    const ASDialect& m_dialect;
     QORLogKind m_kind;
     std::size_t m_count = 0;
     std::string m_json;  ///< all scopes

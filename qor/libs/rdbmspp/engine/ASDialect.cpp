@@ -45,6 +45,7 @@ const ASDialect sqlite{
     .expressionDepth = 1000,
     .lookUp = " CROSS JOIN ",
     .eachText = "json_each(?) j",
+    .firstSecond = -62167219200,
 };
 
 const ASDialect postgres{
@@ -83,6 +84,7 @@ const ASDialect postgres{
     .eachText =
         "(SELECT e.place - 1 AS key, e.value AS value FROM jsonb_array_elements_text(CAST(? AS jsonb)) "
         "WITH ORDINALITY AS e (value, place)) j",
+    .firstSecond = -62135596800,
 };
 
 void appendHex(std::string& out, std::string_view bytes) {
