@@ -103,13 +103,13 @@ TEST_F(QORCollectorsTest, MachineAndOperationsAreStored) {
     EXPECT_EQ(result.stored.of(QORRecordKind::Environment).added, 1U);
     EXPECT_EQ(result.stored.of(QORRecordKind::Operation).added, 2U);
     EXPECT_EQ(result.malformed, 1U);
-    EXPECT_EQ(queryRows("SELECT hostname, memory, boot_time FROM vEnvironment", 3),
+    EXPECT_EQ(queryRows("SELECT hostname, memory, boot_time FROM \"vEnvironment\"", 3),
               (std::vector<Row>{{"box.example.com", "2048", "2024-01-01 00:00:00"}}));
-    EXPECT_EQ(queryRows("SELECT op, package, version, status FROM vOpLog ORDER BY time", 4),
+    EXPECT_EQ(queryRows("SELECT op, package, version, status FROM \"vOpLog\" ORDER BY time", 4),
               (std::vector<Row>{{"install", "curl", "7.88", "0"}, {"configure", "curl", "7.88", "2"}}));
-    EXPECT_EQ(queryText("SELECT count(*) FROM vOpLog o JOIN vEnvironment e ON o.eid = e.eid"), "2");
-    const std::string eid = queryText("SELECT eid FROM vEnvironment");
-    EXPECT_EQ(queryText("SELECT message FROM vOpLog WHERE op = 'configure'"),
+    EXPECT_EQ(queryText("SELECT count(*) FROM \"vOpLog\" o JOIN vEnvironment e ON o.eid = e.eid"), "2");
+    const std::string eid = queryText("SELECT eid FROM \"vEnvironment\"");
+    EXPECT_EQ(queryText("SELECT message FROM \"vOpLog\" WHERE op = 'configure'"),
               "<info><package><name>curl</name><version>7.88</version><architecture>amd64</architecture>"
               "<state>half-configured</state></package><env><eid>" +
                   eid + "</eid></env><source_env><eid>" + eid +
@@ -157,7 +157,7 @@ TEST_F(QORCollectorsTest, TheSameLinesOfTwoMachinesAreTwoOperations) {
     run();
     write("etc/machine-id", "ffffffffffffffffffffffffffffffff\n");
     EXPECT_EQ(run().stored.of(QORRecordKind::Operation).added, 2U);
-    EXPECT_EQ(queryText("SELECT count(*) FROM vOpLog"), "4");
+    EXPECT_EQ(queryText("SELECT count(*) FROM \"vOpLog\""), "4");
 }
 
 TEST_F(QORCollectorsTest, ADatabaseThatTakesNothingIsReported) {
@@ -175,10 +175,10 @@ TEST(QORCollectorsOfThisMachine, RowsAreReal) {
     EXPECT_EQ(first.stored.of(QORRecordKind::Environment).added, 1U);
     utsname system{};
     ASSERT_EQ(uname(&system), 0);
-    EXPECT_EQ(queryRows("SELECT hostname, architecture, os_kernel FROM vEnvironment", 3),
+    EXPECT_EQ(queryRows("SELECT hostname, architecture, os_kernel FROM \"vEnvironment\"", 3),
               (std::vector<Row>{{system.nodename, system.machine, system.release}}));
-    EXPECT_GT(std::stoll(queryText("SELECT memory FROM vEnvironment")), 0);
-    EXPECT_EQ(queryText("SELECT count(*) FROM vOpLog"), std::to_string(readPackageLog().actions.size()));
+    EXPECT_GT(std::stoll(queryText("SELECT memory FROM \"vEnvironment\"")), 0);
+    EXPECT_EQ(queryText("SELECT count(*) FROM \"vOpLog\""), std::to_string(readPackageLog().actions.size()));
     const auto again = collect();
     EXPECT_EQ(again.stored.total().added, 0U);
     EXPECT_EQ(again.stored.of(QORRecordKind::Operation).replaced, 0U);

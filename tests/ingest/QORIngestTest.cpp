@@ -57,7 +57,7 @@ TEST_F(QORIngestTest, EveryKindIsStoredInItsForm) {
     EXPECT_EQ(result.refused, 0U);
     EXPECT_EQ(result.lastLine, 4U);
     EXPECT_EQ(queryRows("SELECT eid, parent_eid, title, state, transition, hostname, os_name, ip, memory, boot_time, "
-                        "config, virtual_config, securableObjId FROM vEnvironment",
+                        "config, virtual_config, securableObjId FROM \"vEnvironment\"",
                         13),
               (std::vector<Row>{{eidA, "<null>", "web 1", "6", "0", "web1", "Debian", "10.0.0.1", "512",
                                  "1970-01-01 00:00:00",
@@ -66,14 +66,14 @@ TEST_F(QORIngestTest, EveryKindIsStoredInItsForm) {
                                  "<info><ip>10.1.0.1</ip></info>", eidA}}));
     EXPECT_EQ(queryRows("SELECT source, position, address FROM qor_environment_address ORDER BY 1, 2", 3),
               (std::vector<Row>{{"0", "0", "10.0.0.1"}, {"0", "1", "10.0.0.2"}, {"1", "0", "10.1.0.1"}}));
-    EXPECT_EQ(queryRows("SELECT id, parent_id, op, status, time, eid, package, version, message FROM vOpLog", 9),
+    EXPECT_EQ(queryRows("SELECT id, parent_id, op, status, time, eid, package, version, message FROM \"vOpLog\"", 9),
               (std::vector<Row>{{"op-1", "<null>", "install", "0", "2024-02-29 12:00:00", eidA, "curl", "7.88",
                                  "<info><package><name>curl</name><version>7.88</version></package></info>"}}));
-    EXPECT_EQ(queryRows("SELECT id, time, eid, source, category, info FROM vEventLog", 6),
+    EXPECT_EQ(queryRows("SELECT id, time, eid, source, category, info FROM \"vEventLog\"", 6),
               (std::vector<Row>{
                   {"1", "2024-02-29 12:00:00", eidA, "agent", "env_status", "<info><new_state>6</new_state></info>"}}));
     EXPECT_EQ(queryRows("SELECT id, eid, storage_eid, time, size, type, description, name, hostname, typeof(info), "
-                        "CAST(info AS nvarchar) FROM vBackupInfo",
+                        "CAST(info AS nvarchar) FROM \"vBackupInfo\"",
                         11),
               (std::vector<Row>{{"b-1", eidA, "<null>", "2024-02-29 12:00:00", "5000000000", "1", "<null>", "<null>",
                                  "<null>", "blob", "<info><veid>101</veid></info>"}}));
@@ -96,7 +96,7 @@ TEST_F(QORIngestTest, EveryMemberOfAConfigurationReachesItsColumnAndTheEnvironme
     const auto result = m_ingest.importBatch(std::string(R"({"kind":"environment","eid":")") + eidA +
                                              "\",\"config\":{" + members + "\"os\":{" + os + "}}}");
     EXPECT_EQ(result.accepted(), 1U);
-    EXPECT_EQ(queryRows("SELECT " + columns + " FROM vEnvironment", envMemberCount), (std::vector<Row>{texts}));
+    EXPECT_EQ(queryRows("SELECT " + columns + " FROM \"vEnvironment\"", envMemberCount), (std::vector<Row>{texts}));
     const auto everybody = std::make_shared<QORClientContext>();
     everybody->fullAccess = true;
     const QORClientContextScope scope(everybody);
@@ -120,7 +120,7 @@ TEST_F(QORIngestTest, DocumentsOfBackupsAreNeitherCutNorMixed) {
                          "\n" +
                          line("c", "another"));
     m_ingest.importBatch(line("a2", "short") + line("b", "longer than before, and then some"));
-    EXPECT_EQ(queryRows("SELECT id, CAST(info AS nvarchar) FROM vBackupInfo ORDER BY id", 2),
+    EXPECT_EQ(queryRows("SELECT id, CAST(info AS nvarchar) FROM \"vBackupInfo\" ORDER BY id", 2),
               (std::vector<Row>{{"a1", "<info><title>x</title></info>"},
                                 {"a2", "<info><title>short</title></info>"},
                                 {"b", "<info><title>longer than before, and then some</title></info>"},
@@ -152,11 +152,11 @@ TEST_F(QORIngestTest, LinesThatAreNoRecordsEndTheReadingAfterAWhile) {
 TEST_F(QORIngestTest, SecurityColumnsHoldTheNumberInTheirName) {
     m_ingest.importBatch(std::string(R"({"kind":"environment","eid":")") + eidA + "\"}\n" + operationLine("a", 1) +
                          eventLine(1) + R"({"kind":"backup","id":"b","time":1})");
-    EXPECT_EQ(queryText("SELECT securityOperation_1 FROM vEnvironment"), "1");
-    EXPECT_EQ(queryText("SELECT securityOperation_2 FROM vOpLog"), "2");
-    EXPECT_EQ(queryText("SELECT securityOperation_3 FROM vEventLog"), "3");
-    EXPECT_EQ(queryText("SELECT securityOperation_4 FROM vBackupInfo"), "4");
-    EXPECT_EQ(queryText("SELECT securableObjId FROM vOpLog"), "<null>");
+    EXPECT_EQ(queryText("SELECT securityOperation_1 FROM \"vEnvironment\""), "1");
+    EXPECT_EQ(queryText("SELECT securityOperation_2 FROM \"vOpLog\""), "2");
+    EXPECT_EQ(queryText("SELECT securityOperation_3 FROM \"vEventLog\""), "3");
+    EXPECT_EQ(queryText("SELECT securityOperation_4 FROM \"vBackupInfo\""), "4");
+    EXPECT_EQ(queryText("SELECT securableObjId FROM \"vOpLog\""), "<null>");
 }
 
 TEST_F(QORIngestTest, AnEnvironmentReplacesTheOneWithItsEid) {
@@ -165,7 +165,7 @@ TEST_F(QORIngestTest, AnEnvironmentReplacesTheOneWithItsEid) {
     const auto result = m_ingest.importBatch(eid + R"(,"title":"new","config":{"ip":["3.3.3.3"]}})");
     EXPECT_EQ(result.of(QORRecordKind::Environment).added, 0U);
     EXPECT_EQ(result.of(QORRecordKind::Environment).replaced, 1U);
-    EXPECT_EQ(queryRows("SELECT title, state, hostname, ip FROM vEnvironment", 4),
+    EXPECT_EQ(queryRows("SELECT title, state, hostname, ip FROM \"vEnvironment\"", 4),
               (std::vector<Row>{{"new", "0", "<null>", "3.3.3.3"}}));
     EXPECT_EQ(queryRows("SELECT address FROM qor_environment_address", 1), (std::vector<Row>{{"3.3.3.3"}}));
 }
@@ -292,14 +292,14 @@ TEST_F(QORIngestTest, EventsAreAppended) {
     m_ingest.importBatch(eventLine(1) + eventLine(1));
     const auto result = m_ingest.importBatch(eventLine(1));
     EXPECT_EQ(result.of(QORRecordKind::Event).added, 1U);
-    EXPECT_EQ(queryRows("SELECT id FROM vEventLog ORDER BY id", 1), (std::vector<Row>{{"1"}, {"2"}, {"3"}}));
+    EXPECT_EQ(queryRows("SELECT id FROM \"vEventLog\" ORDER BY id", 1), (std::vector<Row>{{"1"}, {"2"}, {"3"}}));
 }
 
 TEST_F(QORIngestTest, ABackupReplacesTheOneWithItsId) {
     m_ingest.importBatch(R"({"kind":"backup","id":"b","time":1,"size":1,"name":"old","info":{"veid":"1"}})");
     const auto result = m_ingest.importBatch(R"({"kind":"backup","id":"b","time":2,"size":2})");
     EXPECT_EQ(result.of(QORRecordKind::Backup).replaced, 1U);
-    EXPECT_EQ(queryRows("SELECT id, time, size, name, info FROM vBackupInfo", 5),
+    EXPECT_EQ(queryRows("SELECT id, time, size, name, info FROM \"vBackupInfo\"", 5),
               (std::vector<Row>{{"b", "1970-01-01 00:00:02", "2", "<null>", "<null>"}}));
 }
 
@@ -469,15 +469,15 @@ TEST_F(QORIngestTest, TextsOfEveryKindComeBackAsTheyWere) {
             for (std::size_t at; (at = expected.find(escaped)) != std::string::npos;)
                 expected.replace(at, 2, plain);
         }
-        EXPECT_EQ(queryText("SELECT name FROM vBackupInfo"), expected);
+        EXPECT_EQ(queryText("SELECT name FROM \"vBackupInfo\""), expected);
     }
 }
 
 TEST_F(QORIngestTest, LongTextsAreNotCut) {
     const std::string text(100000, 'x');
     m_ingest.importBatch(R"({"kind":"event","time":1,"source":")" + text + R"(","info":{"p":")" + text + "\"}}");
-    EXPECT_EQ(queryText("SELECT source FROM vEventLog"), text);
-    EXPECT_EQ(queryText("SELECT info FROM vEventLog"), "<info><p>" + text + "</p></info>");
+    EXPECT_EQ(queryText("SELECT source FROM \"vEventLog\""), text);
+    EXPECT_EQ(queryText("SELECT info FROM \"vEventLog\""), "<info><p>" + text + "</p></info>");
 }
 
 TEST_F(QORIngestTest, TwoImportsAtOnceTakeTurns) {
@@ -535,7 +535,7 @@ TEST(QORIngestKilled, WhatWasAcknowledgedIsThere) {
     }
     ::close(report[0]);
     database.open();
-    const std::uint64_t found = std::stoull(queryText("SELECT count(*) FROM vEventLog"));
+    const std::uint64_t found = std::stoull(queryText("SELECT count(*) FROM \"vEventLog\""));
     EXPECT_GE(found, acknowledged);
     EXPECT_EQ(found % 50, 0U) << "batches are stored whole";
 }

@@ -131,8 +131,8 @@ TEST(QORSampleDataTest, EverythingIsAcceptedAndImportingAgainReplaces) {
     EXPECT_EQ(again.of(QORRecordKind::Operation).replaced, 300U);
     EXPECT_EQ(again.of(QORRecordKind::Event).added, 200U);
     EXPECT_EQ(again.of(QORRecordKind::Backup).replaced, 100U);
-    EXPECT_EQ(queryText("SELECT count(*) FROM vOpLog"), "300");
-    EXPECT_EQ(queryText("SELECT count(*) FROM vEventLog"), "400");
+    EXPECT_EQ(queryText("SELECT count(*) FROM \"vOpLog\""), "300");
+    EXPECT_EQ(queryText("SELECT count(*) FROM \"vEventLog\""), "400");
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 
 #include "QORDBSchema/QORDBSchema.h"
 #include "rdbmspp/pool/QORRdbms.h"
-#include "support/TemporaryDirectory.h"
+#include "support/TestDatabase.h"
 
 namespace QOR::test {
 
@@ -49,17 +49,17 @@ inline std::string queryText(const std::string& sql) {
     return rows.empty() ? "<no row>" : rows.front().front();
 }
 
-/// A file name in a folder of its own; the file itself appears with the first configure() or open().
+/// A database of its own; a file of SQLite's itself appears with the first configure() or open().
 class HostDatabase {
 public:
     ~HostDatabase() { QORRdbms::instance().shutdown(); }
 
-    std::filesystem::path file() const { return m_folder / "agent.db"; }
-    const TemporaryDirectory& folder() const { return m_folder; }
+    std::filesystem::path file() const { return m_database.file(); }
+    const TemporaryDirectory& folder() const { return m_database.folder(); }
 
     ASDatabaseOptions options(bool readOnly = false) const {
         ASDatabaseOptions options;
-        options.connectionString = "Driver=SQLite3;Database=" + file().string();
+        options.connectionString = m_database.connectionString();
         options.readOnly = readOnly;
         options.busyTimeoutMs = 5000;
         return options;
@@ -71,7 +71,7 @@ public:
     }
 
 private:
-    TemporaryDirectory m_folder;
+    TestDatabase m_database;
 };
 
 }  // namespace QOR::test

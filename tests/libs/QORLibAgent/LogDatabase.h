@@ -17,7 +17,7 @@
 #include "ingest/QORIngest.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/ClientContexts.h"
-#include "support/TemporaryDirectory.h"
+#include "support/TestDatabase.h"
 
 namespace QOR::test {
 
@@ -27,10 +27,10 @@ protected:
     void SetUp() override { open(); }
     void TearDown() override { QORRdbms::instance().shutdown(); }
 
-    std::string path() const { return (m_folder / "agent.db").string(); }
+    std::string path() const { return m_database.file().string(); }
     ASDatabaseOptions options() const {
         ASDatabaseOptions options;
-        options.connectionString = "Driver=SQLite3;Database=" + path();
+        options.connectionString = m_database.connectionString();
         return options;
     }
     void open() { QORDBSchema::open(options(), QORSchemaMode::Own); }
@@ -41,7 +41,7 @@ protected:
     }
     static QORIngestResult import(const std::string& lines) { return QORIngest().importBatch(lines); }
 
-    TemporaryDirectory m_folder;
+    TestDatabase m_database;
 };
 
 }  // namespace QOR::test

@@ -17,6 +17,7 @@
 #include "plugins/QORPager/Operators/Pager/PagerAnswer.h"
 #include "plugins/QORPager/Operators/Pager/Rows.h"
 #include "support/Pager2Harness.h"
+#include "support/TestDatabase.h"
 
 namespace QOR::test {
 
@@ -24,7 +25,7 @@ class PagerHost {
 public:
     PagerHost() {
         ASDatabaseOptions options;
-        options.connectionString = "Driver=SQLite3;Database=" + file().string();
+        options.connectionString = m_database.connectionString();
         QORDBSchema::open(options, QORSchemaMode::Own);
         const QORClientContextScope scope(fullAccess());
         envs.cache.load();
@@ -36,7 +37,7 @@ public:
     PagerHost(const PagerHost&) = delete;
     PagerHost& operator=(const PagerHost&) = delete;
 
-    std::filesystem::path file() const { return m_folder.path() / "agent.db"; }
+    std::filesystem::path file() const { return m_database.file(); }
 
     /// Records, a line each.
     void import(std::string_view lines) {
@@ -56,7 +57,7 @@ public:
     ScopedEnvCache envs;
 
 private:
-    test::TemporaryDirectory m_folder;
+    TestDatabase m_database;
 };
 
 /// One client of "pager".
