@@ -68,7 +68,19 @@ void writing(Work work) {
 
 using Findings = std::vector<QORCheckFinding>;
 
+bool isSqlite(ASSession& session) {
+    return session.engine() == ASEngine::SQLite;
+}
+
+// PostgreSQL has no check of its own that reads everything; what it has met in the meantime it remembers.
 std::vector<std::string> integrityFaults(ASSession& session) {
+    if (!isSqlite(session)) {
+        return texts(session,
+                     "SELECT checksum_failures || ' pages had another checksum than they should' FROM pg_stat_database "
+                     "WHERE datname = current_database() AND checksum_failures > 0 UNION ALL "
+                     "SELECT 'the index ' || CAST(CAST(indexrelid AS regclass) AS text) || ' is not finished' "
+                     "FROM pg_index WHERE NOT indisvalid");
+    }
     std::vector<std::string> faults = texts(session, "PRAGMA integrity_check(100)");
     std::erase(faults, "ok");
     return faults;
@@ -79,7 +91,9 @@ Findings checkIntegrity(bool mend) {
     const auto before = reading(integrityFaults);
     std::vector<std::string> after = before;
     if (mend && !before.empty()) {
-        writing([](ASSession& session) { session.execute("REINDEX"); });
+        writing([](ASSession& session) {
+            if (isSqlite(session)) session.execute("REINDEX");
+        });
         after = reading(integrityFaults);
     }
     if (after.empty()) ASFaults::instance().sound();
@@ -100,8 +114,16 @@ Findings checkSchema(bool mend) {
 }
 
 Findings checkForeignKeys(bool mend) {
-    constexpr std::string_view rows = "SELECT \"table\" FROM pragma_foreign_key_check";
-    const auto tables = reading([&](ASSession& session) { return texts(session, rows); });
+    const auto strays = [](ASSession& session) {
+        return texts(session,
+                     isSqlite(session)
+                         ? "SELECT \"table\" FROM pragma_foreign_key_check"
+                         : "SELECT 'qor_environment_address' FROM qor_environment_address a WHERE NOT EXISTS "
+                           "(SELECT FROM qor_environment e WHERE e.eid = a.eid) UNION ALL "
+                           "SELECT 'qor_operation_environment' FROM qor_operation_environment e WHERE NOT EXISTS "
+                           "(SELECT FROM qor_operation o WHERE o.seq = e.operation)");
+    };
+    const auto tables = reading(strays);
     if (tables.empty()) return {};
     if (mend) {
         writing([](ASSession& session) {
@@ -111,7 +133,7 @@ Findings checkForeignKeys(bool mend) {
                 "WHERE e.eid = qor_environment_address.eid)");
         });
     }
-    const auto left = mend ? reading([&](ASSession& session) { return texts(session, rows); }) : tables;
+    const auto left = mend ? reading(strays) : tables;
     Findings findings;
     for (auto table = tables.begin(); table != tables.end();) {
         const auto count = std::count(table, tables.end(), *table);
@@ -247,9 +269,25 @@ void discountOperation(ASSession& session, std::int64_t sequence, QORLogCounters
     counters.addOperation(*second, own, touched, -1);
 }
 
+/// Where the database counts by itself and knows what belongs to a record.
+std::uint64_t removeWithAll(ASSession& session, const std::string& table, std::int64_t before, std::int64_t most) {
+    session
+        .prepare("DELETE FROM " + table + " WHERE seq IN (SELECT seq FROM " + table +
+                 " WHERE time < ? ORDER BY time NULLS FIRST, seq LIMIT ?)")
+        .bind(1, std::string_view(time2dbstr(before)))
+        .bind(2, most)
+        .execute();
+    return static_cast<std::uint64_t>(session.changes());
+}
+
 /// One transaction. \returns how many records it removed
 std::uint64_t removeOldest(const std::string& table, std::int64_t before, std::int64_t most = recordsOfTransaction) {
     QORRdbmsTran tran(ASAccess::Write);
+    if (!isSqlite(*tran)) {
+        const std::uint64_t removed = removeWithAll(*tran, table, before, most);
+        tran.commit();
+        return removed;
+    }
     QORLogCounters counters(*tran);
     const std::vector<std::int64_t> sequences = takeOldest(*tran, table, before, most, counters);
     if (table == "qor_operation" && counters.counts()) {
@@ -284,8 +322,9 @@ QORPruneStep pruneTable(const std::string& table, std::int64_t before) {
 constexpr std::string_view freePages = "SELECT freelist_count FROM pragma_freelist_count";
 constexpr std::string_view pageSize = "SELECT page_size FROM pragma_page_size";
 
+/// PostgreSQL clears up after itself, when it has time to.
 bool givesSpaceBack(ASSession& session) {
-    return number(session, "SELECT auto_vacuum FROM pragma_auto_vacuum") == 2;
+    return isSqlite(session) && number(session, "SELECT auto_vacuum FROM pragma_auto_vacuum") == 2;
 }
 
 QORPruneStep giveSpaceBack() {
@@ -303,11 +342,15 @@ QORPruneStep giveSpaceBack() {
 /// The file shrinks when its log has been worked into it.
 void workLogIn() {
     QORRdbmsTran tran(ASAccess::ReadOne);
-    tran->execute("PRAGMA wal_checkpoint(PASSIVE)");
+    if (isSqlite(*tran)) tran->execute("PRAGMA wal_checkpoint(PASSIVE)");
 }
 
 QORPruneStep compact() {
     QORRdbmsTran tran(ASAccess::ReadOne);
+    if (!isSqlite(*tran)) {
+        throw QORException(errBadRequest, "PostgreSQL writes tables anew itself: VACUUM FULL, by their owner",
+                           sourcePath, __LINE__);
+    }
     const std::int64_t before = number(*tran, "SELECT page_count FROM pragma_page_count");
     QORDBSchema::makeShrinkable(*tran);
     const std::int64_t after = number(*tran, "SELECT page_count FROM pragma_page_count");
@@ -343,18 +386,29 @@ void keepRecords(std::uint64_t records, const std::stop_token& stop) {
     }
 }
 
+// What PostgreSQL's files take says little: room that was given up stays theirs. So records count, as long as the
+// newest are, and with what indexes have of each.
+constexpr std::string_view bytesOfLogs =
+    "SELECT CAST(coalesce(sum(n * (size + 200)), 0) AS bigint) FROM ("
+    "SELECT (SELECT count(*) FROM qor_operation) AS n, (SELECT avg(pg_column_size(o.*)) FROM (SELECT * FROM "
+    "qor_operation ORDER BY time DESC NULLS LAST, seq DESC LIMIT 1000) o) AS size UNION ALL "
+    "SELECT (SELECT count(*) FROM qor_event), (SELECT avg(pg_column_size(o.*)) FROM (SELECT * FROM "
+    "qor_event ORDER BY time DESC NULLS LAST, seq DESC LIMIT 1000) o)) s";
+
 /// Bytes that are in use, and the log with the oldest record; empty when neither has any.
 std::pair<std::uint64_t, std::string> usage() {
     return reading([](ASSession& session) {
-        const std::int64_t pages =
-            number(session, "SELECT page_count FROM pragma_page_count") - number(session, freePages);
+        const std::int64_t bytes =
+            isSqlite(session)
+                ? (number(session, "SELECT page_count FROM pragma_page_count") - number(session, freePages)) *
+                      number(session, pageSize)
+                : number(session, bytesOfLogs);
         const auto oldest =
             texts(session,
                   "SELECT log FROM (SELECT 'qor_operation' AS log, min(time) AS time FROM qor_operation "
-                  "UNION ALL SELECT 'qor_event', min(time) FROM qor_event) WHERE time IS NOT NULL "
+                  "UNION ALL SELECT 'qor_event', min(time) FROM qor_event) o WHERE time IS NOT NULL "
                   "ORDER BY time LIMIT 1");
-        return std::pair(static_cast<std::uint64_t>(pages * number(session, pageSize)),
-                         oldest.empty() ? std::string() : oldest.front());
+        return std::pair(static_cast<std::uint64_t>(bytes), oldest.empty() ? std::string() : oldest.front());
     });
 }
 
@@ -455,7 +509,7 @@ std::optional<std::int64_t> parseAge(std::string_view text) {
 
 std::uint64_t strandedBytes() {
     return reading([](ASSession& session) {
-        if (givesSpaceBack(session)) return std::uint64_t{0};
+        if (!isSqlite(session) || givesSpaceBack(session)) return std::uint64_t{0};
         return static_cast<std::uint64_t>(number(session, freePages) * number(session, pageSize));
     });
 }

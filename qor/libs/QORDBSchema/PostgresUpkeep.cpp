@@ -95,6 +95,9 @@ namespace {
                      "ELSE " QOR_TELL(log, rowsOf("came", "1") " UNION ALL " rowsOf("gone", "-1"))                 \
                          "END IF; " afterwards "RETURN NULL; END")
 
+#define QOR_GUID "[0-9a-f]{8}-([0-9a-f]{4}-){3}[0-9a-f]{12}"
+#define QOR_UNLESS_SCOPE(pattern) "IF scope !~ '^" pattern "' THEN RETURN; END IF; "
+
 #define QOR_SECOND "extract(epoch FROM time)::bigint AS second"
 #define QOR_OPERATIONS(rows, change)                                                                                 \
     "SELECT '' AS scope, " QOR_SECOND ", " change " AS change FROM " rows " UNION ALL SELECT eid::text, " QOR_SECOND \
@@ -159,29 +162,33 @@ constexpr const char* statements[] = {
     "SELECT '1970-01-01 00:00:00'::timestamp + make_interval(secs => least(greatest(second, -62135596800), "
     "253402300799)) $$",
 
-    // The seconds of a scope's records, of all of them where no span is given.
-    QOR_FUNCTION("qor_operation_seconds(scope text, first bigint, last bigint)", "SETOF bigint",
-                 "DECLARE f timestamp := qor_time(coalesce(first, -62135596800)); "
-                 "l timestamp := qor_time(coalesce(last, 253402300799)); BEGIN "
-                 "IF scope = '' THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint FROM qor_operation r "
-                 "WHERE r.time BETWEEN f AND l; "
-                 "ELSIF length(scope) = 36 THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
-                 "FROM qor_operation r WHERE r.eid = scope::uuid AND r.time BETWEEN f AND l; "
-                 "ELSIF length(scope) = 37 THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
-                 "FROM qor_operation_environment r WHERE r.eid = substr(scope, 2)::uuid "
-                 "AND r.eid IS DISTINCT FROM r.own AND r.time BETWEEN f AND l; "
-                 "ELSIF length(scope) = 73 THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
-                 "FROM qor_operation_environment r WHERE r.eid = substr(scope, 38)::uuid "
-                 "AND r.own = substr(scope, 1, 36)::uuid AND r.eid <> r.own AND r.time BETWEEN f AND l; "
-                 "END IF; END"),
-    QOR_FUNCTION("qor_event_seconds(scope text, first bigint, last bigint)", "SETOF bigint",
-                 "DECLARE f timestamp := qor_time(coalesce(first, -62135596800)); "
-                 "l timestamp := qor_time(coalesce(last, 253402300799)); BEGIN "
-                 "IF substr(scope, 1, 1) = '/' THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
-                 "FROM qor_event r WHERE r.category = substr(scope, 2) AND r.time BETWEEN f AND l; "
-                 "ELSIF substr(scope, 37, 1) = '/' THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
-                 "FROM qor_event r WHERE r.category = substr(scope, 38) AND r.eid = substr(scope, 1, 36)::uuid "
-                 "AND r.time BETWEEN f AND l; END IF; END"),
+    // The seconds of a scope's records, of all of them where no span is given; none of a text that is no scope.
+    QOR_FUNCTION(
+        "qor_operation_seconds(scope text, first bigint, last bigint)", "SETOF bigint",
+        "DECLARE f timestamp := qor_time(coalesce(first, -62135596800)); "
+        "l timestamp := qor_time(coalesce(last, 253402300799)); BEGIN " QOR_UNLESS_SCOPE(
+            "(" QOR_GUID ")?(>" QOR_GUID
+            ")?$") "IF scope = '' THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint FROM qor_operation r "
+                   "WHERE r.time BETWEEN f AND l; "
+                   "ELSIF length(scope) = 36 THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                   "FROM qor_operation r WHERE r.eid = scope::uuid AND r.time BETWEEN f AND l; "
+                   "ELSIF length(scope) = 37 THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                   "FROM qor_operation_environment r WHERE r.eid = substr(scope, 2)::uuid "
+                   "AND r.eid IS DISTINCT FROM r.own AND r.time BETWEEN f AND l; "
+                   "ELSIF length(scope) = 73 THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                   "FROM qor_operation_environment r WHERE r.eid = substr(scope, 38)::uuid "
+                   "AND r.own = substr(scope, 1, 36)::uuid AND r.eid <> r.own AND r.time BETWEEN f AND l; "
+                   "END IF; END"),
+    QOR_FUNCTION(
+        "qor_event_seconds(scope text, first bigint, last bigint)", "SETOF bigint",
+        "DECLARE f timestamp := qor_time(coalesce(first, -62135596800)); "
+        "l timestamp := qor_time(coalesce(last, 253402300799)); BEGIN " QOR_UNLESS_SCOPE(
+            "(" QOR_GUID
+            ")?/") "IF substr(scope, 1, 1) = '/' THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                   "FROM qor_event r WHERE r.category = substr(scope, 2) AND r.time BETWEEN f AND l; "
+                   "ELSIF substr(scope, 37, 1) = '/' THEN RETURN QUERY SELECT extract(epoch FROM r.time)::bigint "
+                   "FROM qor_event r WHERE r.category = substr(scope, 38) AND r.eid = substr(scope, 1, 36)::uuid "
+                   "AND r.time BETWEEN f AND l; END IF; END"),
     QOR_COUNTERS("qor_operation"),
     QOR_COUNTERS("qor_event"),
 

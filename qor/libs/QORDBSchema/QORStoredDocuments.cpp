@@ -11,29 +11,37 @@
 namespace QOR {
 namespace {
 
-/// Where documents are kept. Each table has a rowid to walk along, and a key that stays with a record whatever the
-/// engine does to its rowid.
+/// Where documents are kept. Each table has a number to walk along, and a key that stays with a record whatever the
+/// engine does to that.
 struct Place {
     const char* table;
     const char* column;
+    const char* number;
     const char* key;
     bool bytes;  ///< else text
 };
 
 constexpr std::array<Place, 5> places{{
-    {"qor_environment", "config", "eid", false},
-    {"qor_environment", "virtual_config", "eid", false},
-    {"qor_operation", "message", "seq", false},
-    {"qor_event", "info", "seq", false},
-    {"qor_backup", "info", "seq", true},
+    {"qor_environment", "config", "rowid", "eid", false},
+    {"qor_environment", "virtual_config", "rowid", "eid", false},
+    {"qor_operation", "message", "seq", "seq", false},
+    {"qor_event", "info", "seq", "seq", false},
+    {"qor_backup", "info", "seq", "seq", true},
 }};
 
 constexpr std::int64_t recordsOfStep = 1000;
 constexpr std::int64_t bytesOfStep = 4 * 1024 * 1024;
 constexpr int firstVersion = 4;  ///< of the schema that has the table
 
-/// The statement for a place: $t, $c and $k stand for its table, column and key.
-std::string forPlace(const Place& place, std::string_view pattern) {
+/// The statement for a place: $t, $c, $n and $k stand for its table, column, number and key, $s for the key as what is
+/// remembered has it, $b for the document's bytes.
+std::string forPlace(ASSession& session, const Place& place, std::string_view pattern) {
+    const bool sqlite = session.engine() == ASEngine::SQLite;
+    const std::string column = place.column;
+    const std::string key = place.key;
+    const std::string bytes = sqlite        ? "CAST(" + column + " AS BLOB)"
+                              : place.bytes ? column
+                                            : "convert_to(" + column + ", 'UTF8')";
     std::string sql;
     for (std::size_t i = 0; i < pattern.size(); ++i) {
         if (pattern[i] != '$' || i + 1 == pattern.size()) {
@@ -41,7 +49,13 @@ std::string forPlace(const Place& place, std::string_view pattern) {
             continue;
         }
         const char what = pattern[++i];
-        sql += what == 't' ? place.table : what == 'c' ? place.column : place.key;
+        sql += what == 't'   ? place.table
+               : what == 'c' ? column
+               : what == 'n' ? place.number
+               : what == 'k' ? key
+               : what == 'b' ? bytes
+               : sqlite      ? key
+                             : "CAST(" + key + " AS text)";
     }
     return sql;
 }
@@ -66,30 +80,32 @@ Document look(std::string_view text) {
 
 void forget(ASSession& session, const Place& place, std::int64_t after, std::int64_t last) {
     session
-        .prepare(forPlace(place,
+        .prepare(forPlace(session, place,
                           "DELETE FROM qor_unreadable_document WHERE source = '$t' AND part = '$c' AND record IN "
-                          "(SELECT $k FROM $t WHERE rowid > ? AND rowid <= ?)"))
+                          "(SELECT $s FROM $t WHERE $n > ? AND $n <= ?)"))
         .bind(1, after)
         .bind(2, last)
         .execute();
 }
 
-void remember(ASSession& session, const Place& place, std::int64_t rowid) {
+void remember(ASSession& session, const Place& place, std::int64_t number) {
     session
-        .prepare(forPlace(place,
+        .prepare(forPlace(session, place,
                           "INSERT INTO qor_unreadable_document (source, part, record) "
-                          "SELECT '$t', '$c', $k FROM $t WHERE rowid = ?"))
-        .bind(1, rowid)
+                          "SELECT '$t', '$c', $s FROM $t WHERE $n = ?"))
+        .bind(1, number)
         .execute();
 }
 
-void trim(ASSession& session, const Place& place, std::int64_t rowid, std::size_t length) {
+void trim(ASSession& session, const Place& place, std::int64_t number, std::size_t length) {
+    const char* const text = session.engine() == ASEngine::SQLite
+                                 ? "UPDATE $t SET $c = CAST(substr($b, 1, ?) AS TEXT) "
+                                 : "UPDATE $t SET $c = convert_from(substr($b, 1, ?), 'UTF8') ";
     session
-        .prepare(forPlace(
-            place, place.bytes ? "UPDATE $t SET $c = substr($c, 1, ?) WHERE rowid = ?"
-                               : "UPDATE $t SET $c = CAST(substr(CAST($c AS BLOB), 1, ?) AS TEXT) WHERE rowid = ?"))
+        .prepare(forPlace(session, place,
+                          std::string(place.bytes ? "UPDATE $t SET $c = substr($c, 1, ?) " : text) + "WHERE $n = ?"))
         .bind(1, static_cast<std::int64_t>(length))
-        .bind(2, rowid)
+        .bind(2, number)
         .execute();
 }
 
@@ -162,9 +178,8 @@ bool QORDocumentCheck::step(ASSession& session) {
 // Found by the lengths, so that what is read together has a bound.
 QORDocumentCheck::Range QORDocumentCheck::nextRange(ASSession& session) const {
     ASStatement& select =
-        session.prepare(forPlace(places[m_current],
-                                 "SELECT rowid, length(CAST($c AS BLOB)) FROM $t WHERE rowid > ? AND $c IS NOT NULL "
-                                 "ORDER BY rowid LIMIT ?"));
+        session.prepare(forPlace(session, places[m_current],
+                                 "SELECT $n, length($b) FROM $t WHERE $n > ? AND $c IS NOT NULL ORDER BY $n LIMIT ?"));
     select.bind(1, m_last).bind(2, recordsOfStep).execute();
     Range range;
     std::int64_t bytes = 0;
@@ -181,8 +196,8 @@ void QORDocumentCheck::check(ASSession& session, const Range& range) {
     const Place& place = places[m_current];
     Column found = m_columns[m_current];
     std::vector<std::pair<std::int64_t, Document>> bad;
-    ASStatement& select = session.prepare(
-        forPlace(place, "SELECT rowid, CAST($c AS BLOB) FROM $t WHERE rowid > ? AND rowid <= ? AND $c IS NOT NULL"));
+    ASStatement& select =
+        session.prepare(forPlace(session, place, "SELECT $n, $b FROM $t WHERE $n > ? AND $n <= ? AND $c IS NOT NULL"));
     select.bind(1, m_last).bind(2, range.last).execute();
     while (select.fetch()) {
         ++found.read;
@@ -191,14 +206,14 @@ void QORDocumentCheck::check(ASSession& session, const Range& range) {
     }
     select.close();
     if (m_mode == Mode::Mend) forget(session, place, m_last, range.last);
-    for (const auto& [rowid, document] : bad) {
+    for (const auto& [number, document] : bad) {
         const bool surplus = document.finding == Finding::Surplus;
         ++(surplus ? found.trimmed : found.unreadable);
         if (m_mode == Mode::Look) continue;
         if (surplus) {
-            trim(session, place, rowid, document.length);
+            trim(session, place, number, document.length);
         } else {
-            remember(session, place, rowid);
+            remember(session, place, number);
         }
     }
     m_columns[m_current] = std::move(found);

@@ -20,8 +20,9 @@ constexpr CheckedForm operationForms[] = {
     {"c.scope = ''", "qor_operation r WHERE 1", "''", "qor_operation WHERE 1", ""},
     {"length(c.scope) = 36", "qor_operation r WHERE r.eid = c.scope", "eid", "qor_operation WHERE length(eid) = 36",
      " GROUP BY eid"},
-    {"length(c.scope) = 37", "qor_operation_environment r WHERE r.eid = substr(c.scope, 2) AND r.eid IS NOT r.own",
-     "'>' || eid", "qor_operation_environment WHERE eid IS NOT own AND length(eid) = 36", " GROUP BY eid"},
+    {"length(c.scope) = 37",
+     "qor_operation_environment r WHERE r.eid = substr(c.scope, 2) AND r.eid IS DISTINCT FROM r.own", "'>' || eid",
+     "qor_operation_environment WHERE eid IS DISTINCT FROM own AND length(eid) = 36", " GROUP BY eid"},
     {"length(c.scope) = 73",
      "qor_operation_environment r WHERE r.eid = substr(c.scope, 38) AND r.own = substr(c.scope, 1, 36) "
      "AND r.eid <> r.own",
@@ -87,13 +88,43 @@ void addWrongParts(ASSession& session, const std::string& counters, std::set<std
               scopes);
 }
 
+// The database counts all records anew, level by level, and compares: it has the memory that sorting them takes.
+constexpr std::string_view operationScopes =
+    "SELECT '' AS scope, extract(epoch FROM time)::bigint AS s FROM qor_operation "
+    "UNION ALL SELECT eid::text, extract(epoch FROM time)::bigint FROM qor_operation WHERE eid IS NOT NULL "
+    "UNION ALL SELECT '>' || eid::text, extract(epoch FROM time)::bigint FROM qor_operation_environment "
+    "WHERE eid IS DISTINCT FROM own "
+    "UNION ALL SELECT own::text || '>' || eid::text, extract(epoch FROM time)::bigint FROM qor_operation_environment "
+    "WHERE eid <> own";
+constexpr std::string_view eventScopes =
+    "SELECT '/' || category AS scope, extract(epoch FROM time)::bigint AS s FROM qor_event WHERE category <> '' "
+    "UNION ALL SELECT eid::text || '/' || category, extract(epoch FROM time)::bigint FROM qor_event "
+    "WHERE category <> '' AND eid IS NOT NULL";
+
+std::vector<std::string> findInPostgres(ASSession& session, QORLogKind kind) {
+    const bool operations = kind == QORLogKind::Operations;
+    const std::string counters = operations ? "qor_operation_count" : "qor_event_count";
+    std::set<std::string> scopes;
+    addScopes(session,
+              "SELECT DISTINCT coalesce(c.scope, r.scope) FROM " + counters +
+                  " c FULL JOIN (SELECT t.scope, l.level, t.s >> l.level AS bucket, count(*) AS n FROM (" +
+                  std::string(operations ? operationScopes : eventScopes) +
+                  ") t CROSS JOIN generate_series(0, 24, 4) AS l (level) GROUP BY 1, 2, 3) r "
+                  "ON r.scope = c.scope AND r.level = c.level AND r.bucket = c.bucket "
+                  "WHERE c.n <> r.n OR r.n IS NULL OR (c.n IS NULL AND r.level = 24)",
+              scopes);
+    addWrongParts(session, counters, scopes);
+    return {scopes.begin(), scopes.end()};
+}
+
 constexpr std::string_view inStep =
     "(SELECT 1 FROM qor_operation o WHERE o.seq = qor_operation_environment.operation "
-    "AND o.time = qor_operation_environment.time AND o.eid IS qor_operation_environment.own)";
+    "AND o.time = qor_operation_environment.time AND o.eid IS NOT DISTINCT FROM qor_operation_environment.own)";
 
 }  // namespace
 
 std::vector<std::string> findMiscountedScopes(ASSession& session, QORLogKind kind) {
+    if (session.engine() != ASEngine::SQLite) return findInPostgres(session, kind);
     const bool operations = kind == QORLogKind::Operations;
     const std::string counters = operations ? "qor_operation_count" : "qor_event_count";
     const std::span<const CheckedForm> forms =
@@ -126,6 +157,7 @@ void mendStrayTouched(ASSession& session) {
 }
 
 std::uint64_t countUnreadableTimes(ASSession& session, QORLogKind kind) {
+    if (session.engine() != ASEngine::SQLite) return 0;  // a column of times holds nothing else
     ASStatement& select = session.prepare("SELECT count(*) FROM " +
                                           std::string(kind == QORLogKind::Operations ? "qor_operation" : "qor_event") +
                                           " WHERE time IS NOT datetime(time)");

@@ -350,6 +350,14 @@ void QORLogCounters::finish() {
 }
 
 void QORLogCounters::recount(ASSession& session, QORLogKind kind, const std::string& scope) {
+    if (session.engine() != ASEngine::SQLite) {
+        ASStatement& counting =
+            session.prepare(kind == QORLogKind::Operations ? "SELECT qor_operation_recount(CAST(? AS text))"
+                                                           : "SELECT qor_event_recount(CAST(? AS text))");
+        counting.bind(1, std::string_view(scope)).execute();
+        counting.close();
+        return;
+    }
     session.prepare(sqlOf(kind).removeScope).bind(1, std::string_view(scope)).execute(ASTriggers::Skip);
     if (!formOf(kind, scope)) return;
     CounterWriter writer(session, kind);
