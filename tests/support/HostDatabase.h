@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,13 +20,6 @@ inline void runSql(const std::string& sql) {
     QORRdbmsTran tran(ASAccess::Write);
     tran->execute(sql);
     tran.commit();
-}
-
-/// Has the engine fail ("malformed JSON") where an event comes whose arrival is beyond that; a trigger would not be
-/// asked. Until the index "full" is dropped.
-inline void failBeyondEvent(int most) {
-    runSql("CREATE INDEX full ON qor_event (json(CASE WHEN seq > " + std::to_string(most) +
-           " THEN 'full' ELSE '0' END))");
 }
 
 /// Rows of a select on the configured database as texts, nulls as "<null>".
@@ -47,6 +41,23 @@ inline std::vector<Row> queryRows(const std::string& sql, unsigned columns) {
 inline std::string queryText(const std::string& sql) {
     const auto rows = queryRows(sql, 1);
     return rows.empty() ? "<no row>" : rows.front().front();
+}
+
+/// Makes the table of events refuse those that are more than so many; or takes the bound away. The host's own
+/// statements fire no triggers of SQLite's, but they fill its indexes.
+inline void limitEvents(std::optional<int> most) {
+    const bool sqlite = testEngine() == ASEngine::SQLite;
+    runSql(sqlite ? "DROP INDEX IF EXISTS limited" : "DROP TRIGGER IF EXISTS limited ON qor_event");
+    if (!most) return;
+    const std::string number = std::to_string(*most);
+    if (sqlite)
+        return runSql("CREATE INDEX limited ON qor_event (json(CASE WHEN seq > " + number +
+                      " THEN 'no room' ELSE '0' END))");
+    runSql(
+        "CREATE OR REPLACE FUNCTION limit_events() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+        "IF (SELECT count(*) FROM qor_event) >= " +
+        number + " THEN RAISE 'no room'; END IF; RETURN NEW; END $$");
+    runSql("CREATE TRIGGER limited BEFORE INSERT ON qor_event FOR EACH ROW EXECUTE FUNCTION limit_events()");
 }
 
 /// A database of its own; a file of SQLite's itself appears with the first configure() or open().

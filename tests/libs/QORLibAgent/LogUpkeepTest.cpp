@@ -93,6 +93,12 @@ void expectCountersAgree() {
 
 class LogUpkeepTest : public LogDatabaseTest {
 protected:
+    // Its programs and databases are SQLite's; tests/libs/QORDBSchema has those of PostgreSQL's schema.
+    void SetUp() override {
+        QOR_ONLY_ON(ASEngine::SQLite);
+        LogDatabaseTest::SetUp();
+    }
+
     /// A database as version 3 of the schema left it, from its dump.
     void loadVersion3() {
         QORRdbms::instance().shutdown();

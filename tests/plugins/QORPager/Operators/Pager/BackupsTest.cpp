@@ -185,7 +185,7 @@ TEST_F(Backups, AClientWithoutFullAccessFindsItsOwn) {
 }
 
 TEST_F(Backups, ADatabaseThatFailsFindsNothingAndIsNoError) {
-    SqliteFile(host.file()).run("DROP VIEW \"vBackupInfo\"");
+    host.run("DROP VIEW \"vBackupInfo\"");
     EXPECT_EQ(found("pager.backup.info.name like '%'"), "");
     EXPECT_EQ(found("pager.backup.info.ip like '%'"), "");
 }

@@ -253,16 +253,15 @@ TEST_F(Logs, ARequestWithoutAFilterHasNoConstantsOfAnEarlierOne) {
 }
 
 TEST_F(Logs, ARefusalIsOneErrorAndTheEndOfTheRequest) {
-    SqliteFile database(host.file());
-    database.run("ALTER TABLE qor_event RENAME TO hidden_event");
-    database.run("ALTER TABLE qor_operation RENAME TO hidden_operation");
+    host.run("ALTER TABLE qor_event RENAME TO hidden_event");
+    host.run("ALTER TABLE qor_operation RENAME TO hidden_operation");
     const Answer events = ask("pager.event_log.source", std::string(alerts) + " or " + statuses, "");
     EXPECT_THAT(events.error, StartsWith("1 "));
     EXPECT_THAT(events.rows, IsEmpty());
     EXPECT_EQ(events.counts, std::nullopt);
     const std::string text = client.ask(Ask{{"pager.op_log.id"}, {}, counts}.body());
     EXPECT_THAT(text, StartsWith(R"({"response":[[1744,[[1082,[[1026,"pager.op_log.id"]]]]]],"error":{"code":1,)"));
-    database.run("ALTER TABLE hidden_operation RENAME TO qor_operation");
+    host.run("ALTER TABLE hidden_operation RENAME TO qor_operation");
     EXPECT_EQ(ask("pager.op_log.id", {}, "").error, "");
 }
 

@@ -39,6 +39,13 @@ public:
 
     std::filesystem::path file() const { return m_database.file(); }
 
+    /// Changes its database as another program does.
+    void run(const std::string& sql) const {
+        QORRdbmsTran tran(ASAccess::Write);
+        tran->execute(sql);
+        tran.commit();
+    }
+
     /// Records, a line each.
     void import(std::string_view lines) {
         const QORIngestResult result = QORIngest().importBatch(lines);
