@@ -107,7 +107,7 @@ TEST_F(QORCollectorsTest, MachineAndOperationsAreStored) {
               (std::vector<Row>{{"box.example.com", "2048", "2024-01-01 00:00:00"}}));
     EXPECT_EQ(queryRows("SELECT op, package, version, status FROM \"vOpLog\" ORDER BY time", 4),
               (std::vector<Row>{{"install", "curl", "7.88", "0"}, {"configure", "curl", "7.88", "2"}}));
-    EXPECT_EQ(queryText("SELECT count(*) FROM \"vOpLog\" o JOIN vEnvironment e ON o.eid = e.eid"), "2");
+    EXPECT_EQ(queryText("SELECT count(*) FROM \"vOpLog\" o JOIN \"vEnvironment\" e ON o.eid = e.eid"), "2");
     const std::string eid = queryText("SELECT eid FROM \"vEnvironment\"");
     EXPECT_EQ(queryText("SELECT message FROM \"vOpLog\" WHERE op = 'configure'"),
               "<info><package><name>curl</name><version>7.88</version><architecture>amd64</architecture>"

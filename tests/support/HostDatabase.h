@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "QORCommon/QORGuid.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/TestDatabase.h"
@@ -22,7 +23,13 @@ inline void runSql(const std::string& sql) {
     tran.commit();
 }
 
-/// Rows of a select on the configured database as texts, nulls as "<null>".
+/// A driver may tell GUIDs in upper case.
+inline std::string inLowerCase(std::string_view text) {
+    QOREID guid;
+    return guid.fromString(text) ? guid.toString() : std::string(text);
+}
+
+/// Rows of a select on the configured database as texts, nulls as "<null>", GUIDs in lower case.
 inline std::vector<Row> queryRows(const std::string& sql, unsigned columns) {
     QORRdbmsTran tran(ASAccess::ReadOne);
     ASStatement& statement = tran->prepare(sql);
@@ -31,7 +38,7 @@ inline std::vector<Row> queryRows(const std::string& sql, unsigned columns) {
     while (statement.fetch()) {
         Row& row = rows.emplace_back();
         for (unsigned column = 1; column <= columns; ++column) {
-            row.push_back(statement.isNull(column) ? "<null>" : std::string(statement.text(column)));
+            row.push_back(statement.isNull(column) ? "<null>" : inLowerCase(statement.text(column)));
         }
     }
     statement.close();

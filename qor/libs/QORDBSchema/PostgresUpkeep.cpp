@@ -8,16 +8,15 @@ namespace {
 //
 // LOG_count_change(scopes, seconds, changes)  what happened to the counters; a scope and second may stand once only
 // LOG_count_split(scopes, seconds)            splits the buckets around them that have come to hold too much
-// LOG_count(changes)                          both, for a JSON array of [scope, second, change]
+// LOG_recount(scope)                          counts a scope from its records
 //
 // A bucket is split when all changes to it have been told: what lies in it is then counted from the records, among them
 // those whose changes were told. A transaction that has not told its changes yet is not seen by the others, and finds
 // the bucket split when it does. That needs each statement to see what was committed before it: transactions that
 // write run at READ COMMITTED.
 //
-// The counter of all records is one row, for which writers wait until its holder commits. Whoever brings many records
-// sets qor.counted for the transaction, so that triggers leave it alone, and calls LOG_count() last. Rows are changed
-// in the order of their keys, one level after the other, so that writers never wait for each other in a circle.
+// Counters are changed in the order of their keys, one level after the other, so that writers do not wait for each
+// other in a circle. That of all records is one row, for which they wait until its holder commits.
 
 #define QOR_FUNCTION(signature, result, body) \
     "CREATE FUNCTION " signature " RETURNS " result " LANGUAGE plpgsql SET search_path FROM CURRENT AS $$ " body " $$"
@@ -57,13 +56,6 @@ namespace {
             "EXIT WHEN NOT EXISTS (SELECT FROM " QOR_PLACES " JOIN " log                                               \
             "_count c ON c.scope = t.scope AND c.level = wide AND c.bucket = t.second >> wide WHERE c.split = 1); "    \
             "wide := wide - 4; END LOOP; END"),                                                                        \
-        QOR_FUNCTION(log "_count(told jsonb)", "void",                                                                 \
-                     "DECLARE scopes text[]; seconds bigint[]; changes bigint[]; BEGIN "                               \
-                     "SELECT array_agg(e->>0), array_agg((e->>1)::bigint), array_agg((e->>2)::bigint) "                \
-                     "INTO scopes, seconds, changes FROM jsonb_array_elements(told) AS e; "                            \
-                     "IF scopes IS NULL THEN RETURN; END IF; "                                                         \
-                     "PERFORM " log "_count_change(scopes, seconds, changes); "                                        \
-                     "IF 0 < ANY (changes) THEN PERFORM " log "_count_split(scopes, seconds); END IF; END"),           \
         QOR_FUNCTION(log "_recount(counted text)", "void",                                                             \
                      "DECLARE told record; BEGIN DELETE FROM " log "_count WHERE scope = counted; "                    \
                      "FOR told IN " QOR_BLOCKS("SELECT counted AS scope, s AS second, 1 AS change FROM " log           \
@@ -125,14 +117,15 @@ namespace {
     "UPDATE qor_operation_environment e SET time = o.time, own = o.eid FROM came o "           \
     "WHERE e.operation = o.seq AND (e.time, e.own) IS DISTINCT FROM (o.time, o.eid); END IF; END IF; "
 
-#define QOR_UNLESS_COUNTED " FOR EACH STATEMENT WHEN (current_setting('qor.counted', true) IS DISTINCT FROM 'on') "
-#define QOR_TRIGGERS(table, name, function)                                                                       \
-    "CREATE TRIGGER " name "_came AFTER INSERT ON " table " REFERENCING NEW TABLE AS came" QOR_UNLESS_COUNTED     \
-    "EXECUTE FUNCTION " function "()",                                                                            \
-        "CREATE TRIGGER " name "_gone AFTER DELETE ON " table " REFERENCING OLD TABLE AS gone" QOR_UNLESS_COUNTED \
-        "EXECUTE FUNCTION " function "()",                                                                        \
-        "CREATE TRIGGER " name "_changed AFTER UPDATE ON " table                                                  \
-        " REFERENCING OLD TABLE AS gone NEW TABLE AS came" QOR_UNLESS_COUNTED "EXECUTE FUNCTION " function "()"
+#define QOR_TRIGGERS(table, name, function)                      \
+    "CREATE TRIGGER " name "_came AFTER INSERT ON " table        \
+    " REFERENCING NEW TABLE AS came FOR EACH STATEMENT "         \
+    "EXECUTE FUNCTION " function "()",                           \
+        "CREATE TRIGGER " name "_gone AFTER DELETE ON " table    \
+        " REFERENCING OLD TABLE AS gone FOR EACH STATEMENT "     \
+        "EXECUTE FUNCTION " function "()",                       \
+        "CREATE TRIGGER " name "_changed AFTER UPDATE ON " table \
+        " REFERENCING OLD TABLE AS gone NEW TABLE AS came FOR EACH STATEMENT EXECUTE FUNCTION " function "()"
 
 #define QOR_EMPTIED(table, name, work)                                     \
     QOR_FUNCTION(name "()", "trigger", "BEGIN " work " RETURN NULL; END"), \
