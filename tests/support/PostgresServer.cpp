@@ -232,3 +232,9 @@ PostgresDatabase::~PostgresDatabase() {
 }
 
 }  // namespace QOR::test
+
+// Asked by the leak checker where a build has one: the driver forgets some bytes of its own after some failures.
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
+extern "C" const char* __lsan_default_suppressions() {
+    return "leak:psqlodbcw.so\n";
+}

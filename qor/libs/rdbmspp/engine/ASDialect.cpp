@@ -283,7 +283,7 @@ std::string ASDialect::realSum(std::string_view expression) const {
 }
 
 std::string ASDialect::boundedPattern(std::string_view expression) const {
-    const std::string p(expression);
+    std::string p(expression);
     if (maxLikePattern == 0) return p;
     return "CASE WHEN length(CAST(" + p + " AS BLOB)) <= " + std::to_string(maxLikePattern) + " THEN " + p + " END";
 }
