@@ -222,8 +222,8 @@ public:
         QORLogScopes scopes(m_session, m_kind);
         scopes.add(scope);
         const QORLogScopes::Records records = scopes.records(from, to);
-        ASStatement& select = m_session.prepare("SELECT CAST(strftime('%s', time) AS INTEGER) >> ?, count(*) FROM (" +
-                                                records.sql + ") r WHERE time = datetime(time) GROUP BY 1");
+        ASStatement& select = m_session.prepare("SELECT qor_second(time) >> ? AS number, count(*) FROM (" +
+                                                records.sql + ") r GROUP BY number HAVING number IS NOT NULL");
         QORBinder binder(select);
         binder.integer(levels[level]);
         for (const std::string& parameter : records.parameters)

@@ -14,6 +14,7 @@
 #include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/SqliteAmong.h"
 #include "rdbmspp/engine/SqliteLike.h"
+#include "rdbmspp/engine/SqliteSecond.h"
 
 namespace QOR {
 
@@ -69,6 +70,7 @@ struct SqliteHooks {
         sqlite3_progress_handler(connection, stepsBetweenLooks, &endsRequest, nullptr);
         replaceSqliteLike(*connection);
         addSqliteAmong(*connection);
+        addSqliteSecond(*connection);
         if (openingOfThread != nullptr) openingOfThread->m_opened = connection;
         return SQLITE_OK;
     }
