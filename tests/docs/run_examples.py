@@ -32,7 +32,7 @@ import time
 from collections import Counter
 
 PAGES = ["README.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/odbc-drivers.md", "docs/operations.md",
-         "docs/records.md", "docs/requests.md", "docs/rows.md", "docs/views.md", "bench/README.md",
+         "docs/postgresql.md", "docs/records.md", "docs/requests.md", "docs/rows.md", "docs/views.md", "bench/README.md",
          "bench/filter/README.md", "fuzz/README.md"]
 KINDS = {"sh", "console", "json", "sh installed", "sh project", "sh form", "json form", "text", "cpp", "cmake",
          "sh walk", "console walk", "diff"}

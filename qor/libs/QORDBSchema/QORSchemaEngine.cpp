@@ -71,6 +71,51 @@ std::string removalFromPostgres(const QORSchemaPart& part) {
     return "DROP TRIGGER IF EXISTS " + name + " ON " + std::string(between(part.sql, " ON ", " "));
 }
 
+// 'nvarchar(64)' is the type nvarchar with the length 64; a cast reads the digits and stops at what follows them.
+// 'decimal(10,2)' has the length 10. What is no 31-bit number is no length.
+constexpr const char* sqliteViewColumns =
+    "SELECT m.name AS \"viewName\", c.name AS \"name\","
+    " lower(trim(CASE WHEN instr(c.type, '(') > 0 THEN substr(c.type, 1, instr(c.type, '(') - 1) ELSE c.type END))"
+    " AS \"type\","
+    " CASE WHEN instr(c.type, '(') > 0 AND CAST(substr(c.type, instr(c.type, '(') + 1) AS INTEGER)"
+    " BETWEEN 0 AND 2147483647 THEN CAST(substr(c.type, instr(c.type, '(') + 1) AS INTEGER) ELSE 0 END AS \"length\","
+    " 'UTF-8' AS \"charSet\", 'BINARY' AS \"collation\", c.cid AS \"position\""
+    " FROM sqlite_master m JOIN pragma_table_info(m.name) c"
+    " WHERE m.type = 'view' AND lower(m.name) <> 'schematable'";
+
+constexpr const char* sqliteViewOrder = " ORDER BY m.name, c.cid";
+
+#define QOR_POSTGRES_VIEWS                                                                   \
+    " FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace"                         \
+    " JOIN pg_attribute a ON a.attrelid = c.oid AND a.attnum > 0 AND NOT a.attisdropped"     \
+    " JOIN pg_type d ON d.oid = a.atttypid"                                                  \
+    " JOIN pg_type t ON t.oid = CASE WHEN d.typtype = 'd' THEN d.typbasetype ELSE d.oid END" \
+    " WHERE c.relkind IN ('v', 'm') AND pg_table_is_visible(c.oid)"                          \
+    " AND n.nspname NOT LIKE 'pg\\_%' AND n.nspname <> 'information_schema' AND lower(c.relname) <> 'schematable'"
+
+// Views and materialised views that a bare name finds, whichever schema of the search path they are in. A domain is
+// what it is made of. Types have the names that clients know them by; one that they know nothing like keeps its own.
+// The length of a text or a number lies above the four bytes that its modifier counts.
+constexpr const char* postgresViewColumns =
+    "SELECT CAST(c.relname AS text) AS \"viewName\", CAST(a.attname AS text) AS \"name\","
+    " CASE t.typname WHEN 'uuid' THEN 'uniqueidentifier' WHEN 'text' THEN 'nvarchar' WHEN 'varchar' THEN 'nvarchar'"
+    " WHEN 'name' THEN 'nvarchar' WHEN 'bpchar' THEN 'char' WHEN 'int2' THEN 'smallint' WHEN 'int4' THEN 'int'"
+    " WHEN 'int8' THEN 'bigint' WHEN 'bool' THEN 'bit' WHEN 'float4' THEN 'float' WHEN 'float8' THEN 'double'"
+    " WHEN 'numeric' THEN 'decimal' WHEN 'timestamp' THEN 'datetime' WHEN 'timestamptz' THEN 'datetime'"
+    " WHEN 'date' THEN 'datetime' WHEN 'bytea' THEN 'image' ELSE CAST(t.typname AS text) END AS \"type\","
+    " CASE WHEN t.typname IN ('varchar', 'bpchar') AND a.atttypmod > 4 THEN a.atttypmod - 4"
+    " WHEN t.typname = 'numeric' AND a.atttypmod > 4 THEN ((a.atttypmod - 4) >> 16) & 65535 ELSE 0 END AS \"length\","
+    " CAST('UTF-8' AS text) AS \"charSet\", CAST('BINARY' AS text) AS \"collation\","
+    " CAST(a.attnum - 1 AS int) AS \"position\"" QOR_POSTGRES_VIEWS;
+
+// Those that the select above gives a name that says all, or none, being texts anyway, are left out.
+constexpr const char* postgresColumnTypes =
+    "SELECT CAST(c.relname AS text), CAST(a.attname AS text), CAST(t.typname AS text)" QOR_POSTGRES_VIEWS
+    " AND t.typname NOT IN ('uuid', 'text', 'varchar', 'bpchar', 'int2', 'int4', 'int8', 'float4', 'float8',"
+    " 'timestamp', 'date', 'bytea')";
+
+constexpr const char* postgresViewOrder = " ORDER BY CAST(c.relname AS text) COLLATE \"C\", a.attnum";
+
 constexpr QORSchemaEngine sqlite{
     .steps = sqliteSteps,
     .parts = sqliteParts,
@@ -83,6 +128,10 @@ constexpr QORSchemaEngine sqlite{
         "GROUP BY 1 HAVING count(*) = 2",
     .hasIdentity = "SELECT 1 FROM pragma_table_info('qor_database') WHERE name = 'id'",
     .hasAnything = "SELECT 1 FROM sqlite_master WHERE substr(name, 1, 7) <> 'sqlite_' LIMIT 1",
+    .viewColumns = sqliteViewColumns,
+    .viewName = "m.name",
+    .viewOrder = sqliteViewOrder,
+    .columnTypes = "",
     .isThere = isThereInSqlite,
     .removal = removalFromSqlite,
 };
@@ -105,6 +154,10 @@ constexpr QORSchemaEngine postgres{
         "SELECT 1 FROM pg_class c WHERE c.relnamespace = CAST(current_schema() AS regnamespace) "
         "AND c.relkind IN ('r', 'p', 'v', 'm', 'f') AND NOT EXISTS (SELECT 1 FROM pg_depend d WHERE d.objid = c.oid "
         "AND d.classid = CAST('pg_class' AS regclass) AND d.deptype = 'e') LIMIT 1",
+    .viewColumns = postgresViewColumns,
+    .viewName = "c.relname",
+    .viewOrder = postgresViewOrder,
+    .columnTypes = postgresColumnTypes,
     .isThere = isThereInPostgres,
     .removal = removalFromPostgres,
 };

@@ -36,6 +36,12 @@ struct QORSchemaEngine {
     const char* hasMark;                      ///< a row where that table is there, with its columns
     const char* hasIdentity;                  ///< a row where the database's identity is kept
     const char* hasAnything;                  ///< a row where there is any table or view
+    const char* viewColumns;                  ///< the select behind SchemaTable, without its order
+    const char* viewName;                     ///< in it, a view's name
+    const char* viewOrder;
+    /// A select of view, column and the engine's own type, for columns that are stored otherwise than their type in
+    /// SchemaTable tells; "" where there are none.
+    const char* columnTypes;
     /// Whether a part is there and as its statement makes it, as far as the engine tells.
     bool (*isThere)(ASSession& session, const QORSchemaPart& part);
     /// A statement that removes a part, if it is there, so that it can be made; "" for a part that is replaced instead.
