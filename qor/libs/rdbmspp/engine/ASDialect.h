@@ -38,7 +38,7 @@ struct QOR_API ASDialect {
     const char* untyped;  ///< in front of a column, so that it is compared with texts as a text; empty where a literal
                           ///< is read as the column's type once, and not for each row
     /// A function of a column and many GUIDs in one text, which asks for them as `untyped` does, but faster; empty
-    /// where there is none.
+    /// of a typed engine.
     const char* among;
     /// Whether a single select stands in a transaction too, because only that keeps it from writing.
     bool alwaysInTransaction;
@@ -57,7 +57,7 @@ struct QOR_API ASDialect {
     const char* transactionId;
     const char* transactionOutcome;
     std::size_t maxParameters;    ///< of one statement; further values stand in its text
-    std::size_t maxLikePattern;   ///< bytes; 0: unlimited
+    std::size_t maxLikePattern;   ///< bytes; 0, of a typed engine only: unlimited
     std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
     std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited
     /// For statements over tables whose columns have the engine's own types. Joins two of them, so that the second is

@@ -285,16 +285,16 @@ void writeOpaqueIn(ASSqlBuilder& b, const Node& node) {
 }
 
 /// As texts, whatever type is declared for the column. A list of one or two items is no list to SQLite but comparisons.
-void writeUntypedIn(ASSqlBuilder& b, const Node& node, bool negated) {
+/// It is a term of a restriction, which negates none.
+void writeUntypedIn(ASSqlBuilder& b, const Node& node) {
     constexpr std::size_t guidLength = 36;
     constexpr std::size_t fewItems = 2;
     const ASDialect& dialect = b.dialect();
-    const std::string items = *dialect.among == 0 ? std::string() : joinedItems(node.value.text, guidLength);
+    const std::string items = joinedItems(node.value.text, guidLength);
     if (items.size() <= fewItems * guidLength) {
         b.append(dialect.untyped);
-        return b.in(*node.first, node.value.text, negated);
+        return b.in(*node.first, node.value.text, false);
     }
-    if (negated) b.append("NOT ");
     b.append(dialect.among);
     b.append("(");
     b.operand(*node.first);
@@ -303,8 +303,9 @@ void writeUntypedIn(ASSqlBuilder& b, const Node& node, bool negated) {
     b.append("')");
 }
 
+// Nothing is turned for an engine that tells types apart: its parser takes a condition of any depth.
 void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
-    if (b.dialect().typed) return ASTypedTerms(b).term(node, negated);
+    if (b.dialect().typed) return ASTypedTerms(b).term(node);
     const char* op = operatorText(negated ? opposite(node.op) : node.op);
     switch (node.kind) {
         case Node::Kind::Raw:
@@ -343,7 +344,7 @@ void writeTerm(ASSqlBuilder& b, const Node& node, bool negated) {
         case Node::Kind::In:
             if (node.opaque) return writeOpaqueIn(b, node);
             if (node.second) return b.in(*node.first, *node.second->nestedSelect(), negated);
-            if (node.untyped) return writeUntypedIn(b, node, negated);
+            if (node.untyped) return writeUntypedIn(b, node);
             b.in(*node.first, node.value.text, negated);
             break;
         case Node::Kind::IsNull:

@@ -59,11 +59,6 @@ std::string ASSelect::Query(const ASDialect& dialect) const {
     return std::move(builder).takeText();
 }
 
-const ASProject::Item* ASSelect::firstSelected() const noexcept {
-    const auto& items = m_filter.m_project.m_items;
-    return items.empty() ? nullptr : items.front().get();
-}
-
 ASComparison ASSelect::where() const {
     return restricted(m_filter.m_access, m_filter.m_condition);
 }

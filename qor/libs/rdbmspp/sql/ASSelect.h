@@ -64,8 +64,8 @@ public:
 
     /// The select as SQL text, all values as literals. \throws AException for what the engine cannot take
     std::string Query(const ASDialect& dialect) const;
-    /// The first of what is selected, null when nothing is; only rdbmspp looks inside.
-    const ASProject::Item* firstSelected() const noexcept;
+    /// The first of what is selected, which something has to be; only rdbmspp looks inside.
+    const ASProject::Item& firstSelected() const noexcept { return *m_filter.m_project.m_items.front(); }
 
 private:
     friend class ASSqlBuilder;
@@ -84,7 +84,7 @@ private:
 /// shared.
 class QOR_API ASNestedSelect {
 public:
-    /// \throws AException for what the engine of the dialect cannot take
+    /// \throws AException for what the engine of the dialect cannot take, and for what selects nothing
     ASNestedSelect(ASSelect select, const ASDialect& dialect);
 
     const ASSelect& select() const noexcept { return m_select; }

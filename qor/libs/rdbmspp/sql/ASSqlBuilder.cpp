@@ -42,19 +42,6 @@ bool hasNoNumber(Function function, ASType type) {
     return (function == Function::Min || function == Function::Max) && (isText(type) || type == ASType::Blob);
 }
 
-const char* typeOf(const ASValue& value) {
-    switch (value.kind) {
-        case ASValue::Kind::Integer:
-            return "bigint";
-        case ASValue::Kind::Real:
-            return "float8";
-        case ASValue::Kind::Binary:
-            return "bytea";
-        default:
-            return "text";
-    }
-}
-
 }  // namespace
 
 void appendColumn(std::string& out, const ASAttribute& column) {
@@ -232,7 +219,6 @@ std::string ASSqlBuilder::exactSum(const ASGroupAttribute& attribute) const {
 }
 
 void ASSqlBuilder::value(const ASValue& value) {
-    if (m_dialect.typed) return typedValue(value, typeOf(value));
     if (m_purpose != ASPurpose::Execution || m_parameters.size() >= m_dialect.maxParameters) {
         value.appendLiteral(m_text, m_dialect);
         return;
@@ -283,7 +269,7 @@ void ASSqlBuilder::like(const ASAttribute& attribute, const ASAttribute* column,
     if (static_cast<unsigned char>(escape) > 127) throw AException("the escape character of LIKE has to be ASCII");
     // Of a literal in a function too, so that it does not depend on the rows whether a request is refused.
     const std::size_t length = column ? literalLength(column->Query()).value_or(0) : pattern.text.size();
-    if (m_dialect.maxLikePattern != 0 && length > m_dialect.maxLikePattern) {
+    if (length > m_dialect.maxLikePattern) {
         throw AException("a pattern of LIKE has " + std::to_string(length) + " bytes; " + m_dialect.name + " takes " +
                          std::to_string(m_dialect.maxLikePattern));
     }
@@ -407,10 +393,15 @@ void ASSqlBuilder::direction(bool descending) {
 // As parameters, so that all pages of one select are one prepared statement.
 void ASSqlBuilder::page(std::int32_t limit, std::int32_t offset) {
     append(" LIMIT ");
-    value(keep(ASValue::ofInteger(limit)));
+    pageNumber(limit);
     if (m_purpose != ASPurpose::Execution && offset == 0) return;
     append(" OFFSET ");
-    value(keep(ASValue::ofInteger(offset)));
+    pageNumber(offset);
+}
+
+void ASSqlBuilder::pageNumber(std::int32_t number) {
+    const ASValue& kept = keep(ASValue::ofInteger(number));
+    m_dialect.typed ? typedValue(kept, "bigint") : value(kept);
 }
 
 }  // namespace QOR

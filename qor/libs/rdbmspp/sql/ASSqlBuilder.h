@@ -52,8 +52,9 @@ public:
     void column(const ASAttribute& attribute) { appendColumn(m_text, attribute); }
     void operand(const ASAttribute& attribute);
     void aggregate(const ASGroupAttribute& attribute);
+    /// Only for an engine that is not typed.
     void value(const ASValue& value);
-    /// The same as a value of this type of the engine's.
+    /// For one that is: a value of this type of the engine's.
     void typedValue(const ASValue& value, const char* type);
     /// Holds a value as long as the builder lives.
     const ASValue& keep(ASValue value) { return m_kept.emplace_back(std::move(value)); }
@@ -88,6 +89,7 @@ private:
     void groupBy(const ASProject& project);
     void orderBy(const ASOrder& order);
     void page(std::int32_t limit, std::int32_t offset);
+    void pageNumber(std::int32_t number);
     void openIn(const ASAttribute& attribute, bool negated);
 
     const ASDialect& m_dialect;

@@ -64,7 +64,6 @@ bool isLiteralList(std::string_view sql) noexcept {
 
 std::string joinedItems(std::string_view list, std::size_t size) {
     std::string items;
-    if (!isLiteralList(list)) return items;
     while (!list.empty()) {
         const std::size_t end = behindQuoted(list, 0);
         const std::string_view item = list.substr(1, end - 2);

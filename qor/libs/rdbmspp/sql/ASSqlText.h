@@ -16,8 +16,8 @@ bool isSingleTerm(std::string_view sql) noexcept;
 /// Whether the text is quoted literals only, joined with commas.
 bool isLiteralList(std::string_view sql) noexcept;
 
-/// The items of a list of quoted literals one behind the other; empty where one of them has another length than `size`
-/// or holds a quote.
+/// The items of a list that isLiteralList(), one behind the other; empty where one of them has another length than
+/// `size` or holds a quote.
 std::string joinedItems(std::string_view list, std::size_t size);
 
 /// The bytes of a text that is one quoted literal, or a call upon calls of functions that keep the length of one; empty

@@ -44,12 +44,11 @@ Family familyOf(ASType type) {
 }
 
 Family familyOf(const ASNestedSelect& select) {
-    const auto* const first = select.select().firstSelected();
-    if (first == nullptr) return Family::Text;
-    if (!first->group) return first->attribute->isColumn() ? familyOf(first->attribute->type()) : Family::Text;
-    const auto function = first->group->function();
+    const ASProject::Item& first = select.select().firstSelected();
+    if (!first.group) return first.attribute->isColumn() ? familyOf(first.attribute->type()) : Family::Text;
+    const auto function = first.group->function();
     const bool ofTheColumn = function == ASGroupAttribute::Function::Min || function == ASGroupAttribute::Function::Max;
-    return ofTheColumn ? familyOf(first->group->aggregated()->type()) : Family::Number;
+    return ofTheColumn ? familyOf(first.group->aggregated()->type()) : Family::Number;
 }
 
 ASStorage storageOf(const ASAttribute& column) {
@@ -103,18 +102,7 @@ bool isNumber(std::string_view text) {
     double value = 0;
     const char* const begin = number.data() + (number.front() == '+' ? 1 : 0);
     const auto result = std::from_chars(begin, number.data() + number.size(), value);
-    return result.ptr == number.data() + number.size() && result.ec != std::errc::invalid_argument;
-}
-
-std::string textOf(const ASValue& value) {
-    switch (value.kind) {
-        case ASValue::Kind::Integer:
-            return std::to_string(value.integer);
-        case ASValue::Kind::Real:
-            return doubleToStr(value.real);
-        default:
-            return value.text;
-    }
+    return result.ptr == number.data() + number.size();
 }
 
 /// The number that a text begins with, as SQLite adds texts.
@@ -185,33 +173,25 @@ void ASTypedTerms::operand(const ASAttribute& attribute) {
 
 // The driver changes times that it cannot hold into others, and a number's receiver is a double, which holds fifteen
 // digits of any number: one with more is marked and stays the text that it is.
-void ASTypedTerms::projected(const ASAttribute& attribute) {
-    if (!attribute.isColumn()) return operand(attribute);
-    const ASStorage storage = storageOf(attribute);
-    if (attribute.type() == ASType::DateTime) {
+void ASTypedTerms::projected(const ASAttribute& column) {
+    const ASStorage storage = storageOf(column);
+    if (column.type() == ASType::DateTime) {
         m_builder.append("CAST(");
-        m_builder.column(attribute);
+        m_builder.column(column);
         return m_builder.append(storage == ASStorage::ZonedTime ? " AT TIME ZONE 'UTC' AS text)" : " AS text)");
     }
-    if (attribute.type() == ASType::Double && storage == ASStorage::Decimal) {
-        return m_builder.append(m_builder.dialect().exactDecimal(attribute.Query()));
+    if (column.type() == ASType::Double && storage == ASStorage::Decimal) {
+        return m_builder.append(m_builder.dialect().exactDecimal(column.Query()));
     }
-    operand(attribute);
+    operand(column);
 }
 
-// The opposite of what is unknown is unknown too, whichever way it is written.
-void ASTypedTerms::term(const Node& node, bool negated) {
-    const bool brackets = negated || node.kind == Node::Kind::Raw;
-    if (negated) m_builder.append("NOT ");
-    if (brackets) m_builder.append("(");
-    positive(node);
-    if (brackets) m_builder.append(")");
-}
-
-void ASTypedTerms::positive(const Node& node) {
+void ASTypedTerms::term(const Node& node) {
     switch (node.kind) {
         case Node::Kind::Raw:
-            return m_builder.append(node.value.text);
+            m_builder.append("(");
+            m_builder.append(node.value.text);
+            return m_builder.append(")");
         case Node::Kind::Attributes:
             return compare(sideOf(*node.first), node.op, sideOf(*node.second));
         case Node::Kind::Value: {
@@ -231,8 +211,11 @@ void ASTypedTerms::positive(const Node& node) {
         case Node::Kind::IsNull:
             operand(*node.first);
             return m_builder.append(" IS NULL");
-        default:
-            return;
+        case Node::Kind::And:
+        case Node::Kind::Or:
+        case Node::Kind::Not:
+        case Node::Kind::Guard:
+            break;
     }
 }
 
@@ -268,7 +251,8 @@ void ASTypedTerms::compareWithValue(const Side& left, Node::Op op, const ASValue
 void ASTypedTerms::compareNumber(const Side& left, Node::Op op, const ASValue& value) {
     const bool exact = left.whole || left.storage == ASStorage::Decimal;
     if (value.kind == ASValue::Kind::Integer) return compareWhole(left, op, value.integer);
-    const std::string text(trimmed(textOf(value)));
+    const bool real = value.kind == ASValue::Kind::Real;
+    const std::string text = real ? doubleToStr(value.real) : std::string(trimmed(value.text));
     if (value.kind == ASValue::Kind::Text) {
         if (!isNumber(text)) return known(left, holds(op, true));
         if (const auto whole = parseInt64(text)) {
@@ -376,7 +360,7 @@ void ASTypedTerms::side(const Side& side) {
 void ASTypedTerms::sideAsText(const Side& side) {
     if (side.family == Family::Text) {
         this->side(side);
-    } else if (side.attribute && side.attribute->isColumn()) {
+    } else if (side.attribute->isColumn()) {
         if (side.family == Family::Time) {
             projected(*side.attribute);
         } else {
@@ -423,9 +407,7 @@ void ASTypedTerms::in(const Node& node) {
 
 // One parameter for all literals: a statement of many parameters is slow to read, and they are bounded.
 bool ASTypedTerms::inArray(const Side& left, const std::vector<std::string_view>& items) {
-    if (items.size() < longList || left.value || (left.family != Family::Guid && left.family != Family::Text)) {
-        return false;
-    }
+    if (items.size() < longList || (left.family != Family::Guid && left.family != Family::Text)) return false;
     std::string array = "{";
     for (const std::string_view item : items) {
         const auto text = literalText(item);

@@ -21,12 +21,12 @@ class ASTypedTerms {
 public:
     explicit ASTypedTerms(ASSqlBuilder& builder) noexcept : m_builder(builder) {}
 
-    /// A comparison, or its opposite.
-    void term(const ASComparison::Node& node, bool negated);
+    /// A comparison.
+    void term(const ASComparison::Node& node);
     /// What is compared, sorted or grouped: a column as what its type is taken for, a call, a select.
     void operand(const ASAttribute& attribute);
-    /// The same as the driver has to be given it, so that it hands on what is stored.
-    void projected(const ASAttribute& attribute);
+    /// A column as the driver has to be given it, so that it hands on what is stored.
+    void projected(const ASAttribute& column);
 
     /// An aggregate over an attribute. \param nested whether its result is compared and not read
     void aggregate(const ASGroupAttribute& attribute, bool nested);
@@ -35,7 +35,6 @@ private:
     struct Side;
     using Node = ASComparison::Node;
 
-    void positive(const Node& node);
     void compare(const Side& left, Node::Op op, const Side& right);
     void compareWithValue(const Side& left, Node::Op op, const ASValue& value);
     void compareNumber(const Side& left, Node::Op op, const ASValue& value);

@@ -167,6 +167,29 @@ TEST_P(ASCursorRows, PlainColumnsBesideAggregatesAreGroupedBy) {
     EXPECT_THAT(rows, ElementsAre("10:2", "<null>:1", "-5:1", "20:1"));
 }
 
+TEST_P(ASCursorRows, SumsOfGroupsComeOutAsRowsAndAsAPage) {
+    ASGroupAttribute sum(Function::Sum, id.attribute);
+    sum.Register(std::make_shared<ASInt64>(), v);
+    for (const int limit : {0, 20}) {
+        QORRdbmsTran transaction(ASAccess::ReadOne);
+        ASCursor cursor(*transaction);
+        cursor.Filter().Project() << n.attribute << sum;
+        cursor.Order(ASOrder(n.attribute));
+        if (limit > 0) cursor.Limit(limit, 0);
+        std::vector<std::string> rows;
+        while (cursor.Fetch())
+            rows.push_back(cell(*n.data) + ":" + cell(*sum.data()));
+        EXPECT_THAT(rows, ElementsAre("<null>:3", "-5:5", "10:5", "20:2")) << limit;
+    }
+}
+
+TEST_P(ASCursorRows, ASumOfNoColumnFailsAsAnyOtherSelectOfIt) {
+    const Column none = column(v, "none", ASType::BigInt);
+    const std::string reason = failure([&] { select(none.attribute); });
+    EXPECT_NE(reason.find("none"), std::string::npos) << reason;
+    EXPECT_EQ(failure([&] { aggregate(Function::Sum, none, ASType::BigInt); }), reason);
+}
+
 TEST_P(ASCursorRows, DistinctDropsEqualRows) {
     QORRdbmsTran transaction(ASAccess::ReadOne);
     ASCursor cursor(*transaction);
@@ -176,6 +199,57 @@ TEST_P(ASCursorRows, DistinctDropsEqualRows) {
     while (cursor.Fetch())
         rows.push_back(cell(*n.data));
     EXPECT_THAT(rows, ElementsAre("<null>", "-5", "10", "20"));
+}
+
+TEST_P(ASCursorRows, DistinctRowsOfColumnsExpressionsAndAggregatesAreSortedByEach) {
+    const ASAttribute folded = ASAttribute::Upper(s.attribute);
+    const ASAttribute unqualified("d", ASType::Double);
+    ASGroupAttribute count;
+    count.Register(std::make_shared<ASInt64>(), v);
+    ASGroupAttribute greatest(Function::Max, id.attribute);
+    greatest.Register(std::make_shared<ASInt64>(), v);
+    const auto rows = [&](auto project, const std::vector<ASOrder>& order) {
+        QORRdbmsTran transaction(ASAccess::ReadOne);
+        ASCursor cursor(*transaction);
+        project(cursor.Filter().DistinctProject());
+        if (!order.empty()) cursor.Order(order.front());
+        std::string all;
+        while (cursor.Fetch())
+            all += cell(*n.data) + ":" + cell(*greatest.data()) + ":" + cell(*count.data()) + " ";
+        return all;
+    };
+    const auto groups = [&](ASProject& project) { project << greatest << n.attribute << count; };
+    EXPECT_EQ(rows(groups, {ASOrder(n.attribute)}), "<null>:3:1 -5:5:1 10:4:2 20:2:1 ");
+    EXPECT_EQ(rows(groups, {-ASOrder(greatest)}), "-5:5:1 10:4:2 <null>:3:1 20:2:1 ");
+    ASOrder byBoth(count);
+    byBoth << -ASOrder(n.attribute);
+    EXPECT_EQ(rows(groups, {byBoth}), "20:2:1 -5:5:1 <null>:3:1 10:4:2 ");
+    EXPECT_EQ(rows(groups, {}).size(), std::string("<null>:3:1 -5:5:1 10:4:2 20:2:1 ").size());
+    const auto plain = [&](ASProject& project) { project << n.attribute << folded << unqualified; };
+    greatest.data()->setNull();
+    count.data()->setNull();
+    EXPECT_EQ(rows(plain, {-ASOrder(folded)}),
+              "10:<null>:<null> 20:<null>:<null> 10:<null>:<null> -5:<null>:<null> "
+              "<null>:<null>:<null> ");
+    EXPECT_EQ(rows(plain, {ASOrder(unqualified)}),
+              "<null>:<null>:<null> 10:<null>:<null> -5:<null>:<null> "
+              "10:<null>:<null> 20:<null>:<null> ");
+}
+
+TEST_P(ASCursorRows, DistinctRowsAreSortedOnlyByWhatIsSelectedWhereTheEngineAsksForThat) {
+    const auto sorted = [&](const ASOrder& order) {
+        return failure([&] {
+            QORRdbmsTran transaction(ASAccess::ReadOne);
+            ASCursor cursor(*transaction);
+            cursor.Filter().DistinctProject() << n.attribute;
+            cursor.Order(order);
+            cursor.Fetch();
+        });
+    };
+    const std::string expected =
+        isPostgres() ? "PostgreSQL sorts distinct rows only by what is selected of them" : "(no failure)";
+    EXPECT_EQ(sorted(ASOrder(id.attribute)), expected);
+    EXPECT_EQ(sorted(ASOrder(n.attribute)), "(no failure)");
 }
 
 TEST_P(ASCursorRows, TwoCursorsOnOneSessionRunSideBySide) {

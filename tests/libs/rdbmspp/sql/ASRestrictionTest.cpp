@@ -161,6 +161,49 @@ TEST_F(ASRestricted, ManyGuidsAreOneTextThatAFunctionLooksInto) {
     EXPECT_EQ(rows, "12");
 }
 
+// From either the engine could conclude what the GUID is, or that the access holds.
+TEST_F(ASRestricted, AGuidBelowANotOrBesideAColumnStandsInside) {
+    const Column g = column(v, "o", ASType::Guid);
+    const ASComparison isOne = a.attribute == ASInt(1);
+    const ASComparison inList = ASAttribute::In(g.attribute, "'A', 'B'");
+    const std::string O = R"("v"."o" IN ('1'))";
+    const std::string end = " THEN 1 = 1 END END";
+    const std::string guard = O + " AND CASE WHEN " + O + " THEN CASE WHEN ";
+    const struct {
+        ASComparison condition;
+        std::string sql;
+    } cases[] = {
+        {a.attribute == g.attribute, guard + R"("v"."a" = "v"."o")" + end},
+        {g.attribute == a.attribute, guard + R"("v"."o" = "v"."a")" + end},
+        {a.attribute == x.attribute, guard + R"("v"."a" = "v"."x")" + end},
+        {!(g.attribute != ASVStr(2, "A")), guard + R"(NOT ("v"."o" <> 'A'))" + end},
+        {!inList, guard + R"(NOT ("v"."o" IN ('A', 'B')))" + end},
+        {!(isOne || inList), guard + R"(NOT ("v"."a" = 1 OR "v"."o" IN ('A', 'B')))" + end},
+        {inList, O + R"( AND "v"."o" IN ('A', 'B'))"},
+        {!ASAttribute::IsNull(g.attribute), O + R"( AND NOT ("v"."o" IS NULL))"},
+        {!ASAttribute::In(b.attribute, "'A'"), O + R"( AND NOT ("v"."b" IN ('A')))"},
+        {!(isOne || ASAttribute::IsNull(g.attribute)), O + R"( AND NOT ("v"."a" = 1 OR "v"."o" IS NULL))"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(query(c.condition), c.sql);
+}
+
+TEST_F(ASRestricted, AnAccessThatIsNoListIsAskedAsItIs) {
+    own = o.attribute == ASInt(1);
+    EXPECT_EQ(query(x.attribute == ASInt(1)),
+              R"("v"."o" = 1 AND CASE WHEN "v"."o" = 1 THEN CASE WHEN "v"."x" = 1 THEN 1 = 1 END END)");
+}
+
+TEST_F(ASRestricted, TextsWithQuotesStayAList) {
+    const Column g = column(v, "o", ASType::Guid);
+    const std::string guid = "'aaaaaaaa-0000-4000-8000-000000000001'";
+    const std::string quoted = "'aaaaaaaa-0000-4000-8000-000000000''1'";
+    const std::string list = guid + ", " + guid + ", " + quoted;
+    own = ASAttribute::In(g.attribute, list);
+    EXPECT_EQ(query(x.attribute == ASInt(1)), R"("v"."o" IN ()" + list + R"() AND CASE WHEN +"v"."o" IN ()" + list +
+                                                  R"() THEN CASE WHEN "v"."x" = 1 THEN 1 = 1 END END)");
+}
+
 TEST_F(ASRestricted, AnAccessThatIsNoListOfTextsIsAskedAsItIs) {
     const Column g = column(v, "o", ASType::Guid);
     own = ASAttribute::In(g.attribute, "SELECT 'A'");

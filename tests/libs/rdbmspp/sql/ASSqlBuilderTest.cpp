@@ -128,6 +128,7 @@ TEST_F(ASSqlText, AttributesAndAggregates) {
     EXPECT_EQ(ASAttribute(ASAttribute::Raw::Select, "SELECT 1").Query(), "SELECT 1");
     using F = ASGroupAttribute::Function;
     EXPECT_EQ(ASGroupAttribute().Query(), "count(*)");
+    EXPECT_EQ(ASGroupAttribute().aggregated(), nullptr);
     EXPECT_EQ(ASGroupAttribute(F::Count, g.attribute).Query(), R"(count("v"."g"))");
     EXPECT_EQ(ASGroupAttribute(F::Sum, a.attribute).Query(), R"(sum("v"."a"))");
     EXPECT_EQ(ASGroupAttribute(F::Average, d.attribute).Query(), R"(avg("v"."d"))");

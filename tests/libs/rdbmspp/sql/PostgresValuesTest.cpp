@@ -48,14 +48,23 @@ TEST_F(PostgresValues, TimesThatHaveNoPlaceInTheUsualFormAreUnreadableAndNotOthe
 }
 
 TEST_F(PostgresValues, TimesWithAZoneAreUtc) {
-    read("timestamptz", "('2024-02-29 12:00:00+03'), ('infinity')");
-    EXPECT_THAT(stored(ASType::DateTime, ASStorage::ZonedTime), ElementsAre("2024-02-29T09:00:00+0000", "infinity"));
+    read("timestamptz", "('2024-02-29 12:00:00+03'), ('infinity'), ('10000-01-01 00:00:00+00')");
+    EXPECT_THAT(stored(ASType::DateTime, ASStorage::ZonedTime),
+                ElementsAre("2024-02-29T09:00:00+0000", "infinity", "10000-01-01 00:00:00"));
     const auto v = ASDomain::view("v", {}, {{"c", ASStorage::ZonedTime}});
     const Column c = column(v, "c", ASType::DateTime);
     const Column id = column(v, "id", ASType::Int);
     EXPECT_THAT(select(id.attribute, c.attribute == ASTime(1709197200)), ElementsAre("1"));
     EXPECT_THAT(select(id.attribute, ASAttribute::In(c.attribute, "'2024-02-29 09:00:00'")), ElementsAre("1"));
     EXPECT_THAT(select(id.attribute, ASAttribute::Like(c.attribute, "2024-02-29 09%", 0)), ElementsAre("1"));
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASCursor cursor(*transaction);
+    cursor.Filter().DistinctProject() << c.attribute;
+    cursor.Order(ASOrder(c.attribute));
+    std::string distinct;
+    while (cursor.Fetch())
+        distinct += c.data->Str() + "|";
+    EXPECT_EQ(distinct, "2024-02-29T09:00:00+0000|10000-01-01 00:00:00|infinity|");
 }
 
 TEST_F(PostgresValues, DatesAreTheBeginningsOfTheirDays) {
