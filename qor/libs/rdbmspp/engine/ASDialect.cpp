@@ -163,6 +163,7 @@ constexpr StateMeaning postgresStates[] = {
     {"57P05", ASFailure::Unreachable},
     {"25P03", ASFailure::Unreachable},
     {"57014", ASFailure::Ended},
+    {"HY010", ASFailure::Ended},  // the driver manager's: another thread ended the statement between two of its rows
     {"55P03", ASFailure::Locked},
     {"40001", ASFailure::Undone},
     {"40P01", ASFailure::Undone},
