@@ -86,10 +86,11 @@ std::string storeManySql(const std::string& table, const std::vector<RecordColum
     for (const auto& [name, kind] : columns) {
         const std::string column(name);
         const char* const comma = names.empty() ? "" : ", ";
-        names += comma + column;
-        values += comma + (kind == Bytes ? "decode(r." + column + ", 'hex')" : "r." + column);
-        types += comma + column + ' ' + typeOf(kind);
-        if (name != key) changes += (changes.empty() ? "" : ", ") + column + " = excluded." + column;
+        names.append(comma).append(column);
+        values.append(comma).append(kind == Bytes ? "decode(r." + column + ", 'hex')" : "r." + column);
+        types.append(comma).append(column).append(" ").append(typeOf(kind));
+        if (name != key)
+            changes.append(changes.empty() ? "" : ", ").append(column).append(" = excluded.").append(column);
     }
     // A row that was replaced bears the transaction that did it.
     return "WITH stored AS (INSERT INTO " + table + " (" + names + ") SELECT " + values +

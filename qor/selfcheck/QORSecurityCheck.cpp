@@ -190,6 +190,7 @@ private:
         envCache()->load();
         const auto session = m_host->newSession(fullAccessContext());
         std::vector<std::string> answers;
+        answers.reserve(asked.size());
         for (const QORSecurityRequest& request : asked)
             answers.push_back(m_host->router().handle(*session, envelope(request, eids)));
         return answers;

@@ -23,7 +23,7 @@ constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORDBSchema";
 /// What tells a database of ours from another program's that happens to have a table of the same name.
 constexpr std::string_view mark = "QORPager host database";
 
-constexpr int latestVersion = 6;
+const int latestVersion = QORSchemaEngine::of(ASEngine::SQLite).latestVersion();
 
 const QORSchemaEngine& engineOf(const ASSession& session) {
     return QORSchemaEngine::of(session.engine());

@@ -15,9 +15,11 @@ bool hasRows(ASStatement& statement) {
     return found;
 }
 
-constexpr std::array sqliteSteps{QORVersionedStep{1, &inventorySchema}, QORVersionedStep{2, &logSchema},
-                                 QORVersionedStep{3, &counterSchema},   QORVersionedStep{4, &documentSchema},
-                                 QORVersionedStep{5, &upkeepSchema},    QORVersionedStep{6, &requestSchema}};
+/// Each leads to its version.
+constexpr std::array sqliteSteps{
+    QORVersionedStep{1, &inventorySchema}, QORVersionedStep{2, &logSchema},    QORVersionedStep{3, &counterSchema},
+    QORVersionedStep{4, &documentSchema},  QORVersionedStep{5, &upkeepSchema}, QORVersionedStep{6, &requestSchema},
+};
 constexpr std::array<std::string_view, 2> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX "};
 
 bool isThereInSqlite(ASSession& session, const QORSchemaPart& part) {
@@ -31,7 +33,11 @@ std::string removalFromSqlite(const QORSchemaPart& part) {
            ASSession::quoteIdentifier(part.name);
 }
 
-constexpr std::array postgresSteps{QORVersionedStep{5, &postgresTables}, QORVersionedStep{6, &postgresUpkeep}};
+constexpr std::array postgresSteps{
+    QORVersionedStep{5, &postgresTables},
+    QORVersionedStep{6, &postgresUpkeep},
+};
+static_assert(sqliteSteps.back().version == postgresSteps.back().version);
 constexpr std::array<std::string_view, 4> postgresParts{"CREATE FUNCTION ", "CREATE TRIGGER ", "CREATE INDEX ",
                                                         "CREATE UNIQUE INDEX "};
 

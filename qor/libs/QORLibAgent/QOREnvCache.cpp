@@ -57,8 +57,11 @@ std::vector<Env> merged(const Chunk& chunk, std::vector<Env>::iterator change, s
     for (const Env& env : chunk) {
         while (change != end && byEid(*change, env))
             result.push_back(std::move(*change++));
-        const bool replaced = change != end && (*change)->getEID() == env->getEID();
-        result.push_back(replaced ? std::move(*change++) : env);
+        if (change != end && (*change)->getEID() == env->getEID()) {
+            result.push_back(std::move(*change++));
+        } else {
+            result.push_back(env);
+        }
     }
     std::move(change, end, std::back_inserter(result));
     return result;
