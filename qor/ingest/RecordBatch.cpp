@@ -35,8 +35,11 @@ void appendElement(std::string& array, std::string_view text) {
     appendJsonString(text, array);
 }
 
-void run(ASSession& session, std::string_view sql, const std::string& array) {
-    if (!array.empty()) session.prepare(sql).bind(1, std::string_view(array + ']')).execute();
+/// \param array without its end; nothing is run for an empty one
+void run(ASSession& session, std::string_view sql, std::string array) {
+    if (array.empty()) return;
+    array += ']';
+    session.prepare(sql).bind(1, std::string_view(array)).execute();
 }
 
 /// The records of one kind: the last of each identifier, in the order in which the first ones came.
@@ -92,9 +95,9 @@ QORIngestCounts storeEnvironments(ASSession& session, const Latest<QOREnvironmen
         }
     }
     if (rows.empty()) return {};
-    const std::uint64_t added = environmentTable().storeMany(session, rows);
-    if (added < environments.records().size()) run(session, removeAddresses, eids);
-    run(session, storeAddresses, addresses);
+    const std::uint64_t added = environmentTable().storeMany(session, std::move(rows));
+    if (added < environments.records().size()) run(session, removeAddresses, std::move(eids));
+    run(session, storeAddresses, std::move(addresses));
     return environments.counts(added);
 }
 
@@ -102,14 +105,14 @@ QORIngestCounts storeBackups(ASSession& session, const Latest<QORBackupRecord>& 
     std::string rows;
     for (const QORBackupRecord* record : backups.records())
         backupTable().append(rows, *record);
-    return rows.empty() ? QORIngestCounts() : backups.counts(backupTable().storeMany(session, rows));
+    return rows.empty() ? QORIngestCounts() : backups.counts(backupTable().storeMany(session, std::move(rows)));
 }
 
 QORIngestCounts storeEvents(ASSession& session, const std::vector<const QOREventRecord*>& events) {
     std::string rows;
     for (const QOREventRecord* record : events)
         eventTable().append(rows, {*record, 0});
-    return rows.empty() ? QORIngestCounts() : QORIngestCounts{eventTable().storeMany(session, rows), 0, 0};
+    return rows.empty() ? QORIngestCounts() : QORIngestCounts{eventTable().storeMany(session, std::move(rows)), 0, 0};
 }
 
 QORIngestCounts storeOperations(ASSession& session, const Latest<QOROperationRecord>& operations,
@@ -133,9 +136,9 @@ QORIngestCounts storeOperations(ASSession& session, const Latest<QOROperationRec
         row.end();
     }
     if (rows.empty()) return {0, 0, unchanged};
-    const std::uint64_t added = operationTable().storeMany(session, rows);
-    if (added < operations.records().size()) run(session, removeTouched, ids);
-    run(session, storeTouched, touched);
+    const std::uint64_t added = operationTable().storeMany(session, std::move(rows));
+    if (added < operations.records().size()) run(session, removeTouched, std::move(ids));
+    run(session, storeTouched, std::move(touched));
     return operations.counts(added, unchanged);
 }
 

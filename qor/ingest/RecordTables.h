@@ -141,9 +141,10 @@ public:
         row.end();
     }
     /// No two of the rows have the same key. \param rows the array without its end \returns how many were new
-    std::uint64_t storeMany(ASSession& session, const std::string& rows) const {
+    std::uint64_t storeMany(ASSession& session, std::string rows) const {
+        rows += ']';
         ASStatement& statement = session.prepare(m_storeMany);
-        statement.bind(1, std::string_view(rows + ']')).execute();
+        statement.bind(1, std::string_view(rows)).execute();
         const std::uint64_t added = statement.fetch() ? static_cast<std::uint64_t>(statement.integer(1)) : 0;
         statement.close();
         return added;

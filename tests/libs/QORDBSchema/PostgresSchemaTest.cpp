@@ -26,48 +26,44 @@ using testing::IsEmpty;
 
 using Rows = std::vector<std::vector<std::string>>;
 
-/// The counters that disagree with the records, found from the records alone.
-constexpr const char* wrongOperationCounters = R"sql(
-WITH records AS (
+/// Scope and second of every record that counts, found from the records alone.
+constexpr const char* operationRecords = R"sql(
     SELECT '' AS scope, extract(epoch FROM time)::bigint AS s FROM qor_operation
     UNION ALL SELECT eid::text, extract(epoch FROM time)::bigint FROM qor_operation WHERE eid IS NOT NULL
     UNION ALL SELECT '>' || e.eid::text, extract(epoch FROM o.time)::bigint
         FROM qor_operation_environment e JOIN qor_operation o ON o.seq = e.operation WHERE e.eid IS DISTINCT FROM o.eid
     UNION ALL SELECT o.eid::text || '>' || e.eid::text, extract(epoch FROM o.time)::bigint
         FROM qor_operation_environment e JOIN qor_operation o ON o.seq = e.operation WHERE e.eid <> o.eid
-), counted AS (
-    SELECT scope, level, s >> level AS bucket, count(*) AS n FROM records, generate_series(0, 24, 4) AS level
-    GROUP BY 1, 2, 3
-)
-SELECT 'differs', c.scope, c.level, c.bucket, c.n, r.n FROM qor_operation_count c
-    LEFT JOIN counted r USING (scope, level, bucket) WHERE c.n IS DISTINCT FROM r.n
-UNION ALL SELECT 'missing', r.scope, r.level, r.bucket, 0, r.n FROM counted r
-    LEFT JOIN qor_operation_count c USING (scope, level, bucket)
-    LEFT JOIN qor_operation_count p ON p.scope = r.scope AND p.level = r.level + 4 AND p.bucket = r.bucket >> 4
-    WHERE c.n IS NULL AND (r.level = 24 OR p.split = 1)
-UNION ALL SELECT 'stray', c.scope, c.level, c.bucket, c.n, 0 FROM qor_operation_count c WHERE c.level < 24 AND NOT EXISTS (
-    SELECT FROM qor_operation_count p
-    WHERE p.scope = c.scope AND p.level = c.level + 4 AND p.bucket = c.bucket >> 4 AND p.split = 1)
-UNION ALL SELECT 'full', c.scope, c.level, c.bucket, c.n, 0 FROM qor_operation_count c
-    WHERE c.level > 0 AND c.split = 0 AND c.n > 256
 )sql";
-
-constexpr const char* wrongEventCounters = R"sql(
-WITH records AS (
+constexpr const char* eventRecords = R"sql(
     SELECT '/' || category AS scope, extract(epoch FROM time)::bigint AS s FROM qor_event WHERE category <> ''
     UNION ALL SELECT eid::text || '/' || category, extract(epoch FROM time)::bigint FROM qor_event
         WHERE category <> '' AND eid IS NOT NULL
-), counted AS (
+)sql";
+
+/// Selects the counters of a table that disagree with such records, or with each other.
+std::string wrongCounters(const std::string& counters, const std::string& records) {
+    return "WITH records AS (" + records + R"sql(), counted AS (
     SELECT scope, level, s >> level AS bucket, count(*) AS n FROM records, generate_series(0, 24, 4) AS level
     GROUP BY 1, 2, 3
-)
-SELECT 'differs', c.scope, c.level, c.bucket, c.n, r.n FROM qor_event_count c
+), counters AS (SELECT * FROM )sql" +
+           counters + R"sql()
+SELECT 'differs', c.scope, c.level, c.bucket, c.n, r.n FROM counters c
     LEFT JOIN counted r USING (scope, level, bucket) WHERE c.n IS DISTINCT FROM r.n
 UNION ALL SELECT 'missing', r.scope, r.level, r.bucket, 0, r.n FROM counted r
-    LEFT JOIN qor_event_count c USING (scope, level, bucket)
-    LEFT JOIN qor_event_count p ON p.scope = r.scope AND p.level = r.level + 4 AND p.bucket = r.bucket >> 4
+    LEFT JOIN counters c USING (scope, level, bucket)
+    LEFT JOIN counters p ON p.scope = r.scope AND p.level = r.level + 4 AND p.bucket = r.bucket >> 4
     WHERE c.n IS NULL AND (r.level = 24 OR p.split = 1)
+UNION ALL SELECT 'stray', c.scope, c.level, c.bucket, c.n, 0 FROM counters c WHERE c.level < 24 AND NOT EXISTS (
+    SELECT FROM counters p
+    WHERE p.scope = c.scope AND p.level = c.level + 4 AND p.bucket = c.bucket >> 4 AND p.split = 1)
+UNION ALL SELECT 'full', c.scope, c.level, c.bucket, c.n, 0 FROM counters c
+    WHERE c.level > 0 AND c.split = 0 AND c.n > 256
 )sql";
+}
+
+const std::string wrongOperationCounters = wrongCounters("qor_operation_count", operationRecords);
+const std::string wrongEventCounters = wrongCounters("qor_event_count", eventRecords);
 
 int exitStatusOf(pid_t child) {
     int status = 0;

@@ -32,9 +32,10 @@ constexpr std::size_t costOfCase = 5;    // CASE, its operand, WHEN, a condition
 constexpr std::size_t costOfSelect = 5;  // SELECT, its distinct flag, its columns, FROM, WHERE
 constexpr std::size_t costOfTerm = 5;    // a comparison with a qualified column
 
-}  // namespace
-
-bool isSingleTerm(std::string_view sql) noexcept {
+/// Visits the characters that stand in no quotes and in no brackets; a bracket that opens is inside, one that closes is
+/// not. \returns false as soon as the visit does, with the character and its place
+template <class Visit>
+bool walkOutside(std::string_view sql, Visit visit) {
     std::size_t depth = 0;
     for (std::size_t at = 0; at < sql.size();) {
         const char c = sql[at];
@@ -44,10 +45,16 @@ bool isSingleTerm(std::string_view sql) noexcept {
         }
         if (c == '(') ++depth;
         if (c == ')' && depth > 0) --depth;
-        if (depth == 0 && !isWordChar(c) && c != ')' && c != '.') return false;
+        if (depth == 0 && !visit(c, at)) return false;
         ++at;
     }
     return true;
+}
+
+}  // namespace
+
+bool isSingleTerm(std::string_view sql) noexcept {
+    return walkOutside(sql, [](char c, std::size_t) { return isWordChar(c) || c == ')' || c == '.'; });
 }
 
 bool isLiteralList(std::string_view sql) noexcept {
@@ -101,22 +108,12 @@ std::optional<std::string> literalText(std::string_view sql) {
 std::vector<std::string_view> listItems(std::string_view sql) {
     std::vector<std::string_view> items;
     std::size_t from = 0;
-    std::size_t depth = 0;
-    for (std::size_t at = 0; at < sql.size();) {
-        const char c = sql[at];
-        if (c == '\'' || c == '"') {
-            at = behindQuoted(sql, at);
-            continue;
-        }
-        if (c == '(') ++depth;
-        if (c == ')' && depth > 0) --depth;
-        ++at;
-        if (c != ',' || depth > 0) continue;
-        items.push_back(sql.substr(from, at - 1 - from));
-        while (at < sql.size() && sql[at] == ' ')
-            ++at;
-        from = at;
-    }
+    walkOutside(sql, [&](char c, std::size_t at) {
+        if (c != ',') return true;
+        items.push_back(sql.substr(from, at - from));
+        from = std::min(sql.find_first_not_of(' ', at + 1), sql.size());
+        return true;
+    });
     items.push_back(sql.substr(from));
     return items;
 }
