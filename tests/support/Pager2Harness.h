@@ -1,8 +1,7 @@
 /// \file
-/// Runs requests of operator "pager2" in this process, through its factory, against a real SQLite file over ODBC.
+/// Runs requests of operator "pager2" in this process, through its factory, against a real database over ODBC.
 #pragma once
 
-#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -12,8 +11,7 @@
 #include "QORMessage/QORNotation.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/OperatorClient.h"
-#include "support/SqliteFile.h"
-#include "support/TemporaryDirectory.h"
+#include "support/TestDatabase.h"
 
 namespace QOR::test {
 
@@ -49,10 +47,10 @@ inline std::vector<std::vector<std::string>> valuesOf(std::string_view answer) {
     return rows;
 }
 
-/// Points the process's database at the file.
-inline void openDatabase(const std::filesystem::path& file, bool readOnly = false) {
+/// Points the process's database at the test's.
+inline void openDatabase(const TestDatabase& database, bool readOnly = false) {
     ASDatabaseOptions options;
-    options.connectionString = "Driver=SQLite3;Database=" + file.string();
+    options.connectionString = database.connectionString();
     options.readOnly = readOnly;
     options.busyTimeoutMs = 200;
     QORRdbms::instance().configure(options);

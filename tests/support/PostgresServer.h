@@ -83,7 +83,8 @@ public:
     const std::string& name() const noexcept { return m_name; }
     std::string connectionString() const { return PostgresServer::shared().connectionString(m_name); }
     /// The engine's own connection to it.
-    PostgresConnection connect() const { return PostgresConnection(PostgresServer::shared().conninfo(m_name)); }
+    PostgresConnection connect() const { return PostgresConnection(conninfo()); }
+    std::string conninfo() const { return PostgresServer::shared().conninfo(m_name); }
 
 private:
     std::string m_name;

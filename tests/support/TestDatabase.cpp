@@ -26,4 +26,9 @@ std::filesystem::path TestDatabase::file() const {
     return m_folder / "agent.db";
 }
 
+std::string TestDatabase::conninfo() const {
+    if (!m_postgres) throw std::logic_error("the test's database has no server");
+    return m_postgres->conninfo();
+}
+
 }  // namespace QOR::test

@@ -29,6 +29,8 @@ public:
     std::string connectionString() const;
     /// SQLite's. \throws std::logic_error on another engine
     std::filesystem::path file() const;
+    /// PostgreSQL's, for the engine's own library. \throws std::logic_error on another engine
+    std::string conninfo() const;
     /// A folder of the test's own, in which the file is.
     const TemporaryDirectory& folder() const { return m_folder; }
 

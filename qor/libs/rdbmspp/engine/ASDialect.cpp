@@ -76,8 +76,8 @@ const ASDialect postgres{
     .selectMark = "SELECT current_setting('qor.transaction', true)",
     .transactionId = "SELECT pg_current_xact_id_if_assigned()::text",
     .transactionOutcome = "SELECT pg_xact_status(CAST(CAST(? AS text) AS xid8))",
-    .maxParameters = 30000,  // the protocol counts them in 16 bits
-    .maxLikePattern = 0,
+    .maxParameters = 30000,   // the protocol counts them in 16 bits
+    .maxLikePattern = 50000,  // takes any; but what one engine answers the other answers too
     .parserDepth = 0,
     .expressionDepth = 0,
     .lookUp = " JOIN ",
@@ -284,8 +284,7 @@ std::string ASDialect::realSum(std::string_view expression) const {
 }
 
 std::string ASDialect::boundedPattern(std::string_view expression) const {
-    std::string p(expression);
-    if (maxLikePattern == 0) return p;
+    const std::string p(expression);
     return "CASE WHEN length(CAST(" + p + " AS BLOB)) <= " + std::to_string(maxLikePattern) + " THEN " + p + " END";
 }
 

@@ -57,7 +57,7 @@ struct QOR_API ASDialect {
     const char* transactionId;
     const char* transactionOutcome;
     std::size_t maxParameters;    ///< of one statement; further values stand in its text
-    std::size_t maxLikePattern;   ///< bytes; 0, of a typed engine only: unlimited
+    std::size_t maxLikePattern;   ///< bytes
     std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
     std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited
     /// For statements over tables whose columns have the engine's own types. Joins two of them, so that the second is
@@ -90,7 +90,8 @@ struct QOR_API ASDialect {
     std::string wholeSum(std::string_view expression) const;
     /// The sum of any other column, null for no values.
     std::string realSum(std::string_view expression) const;
-    /// A pattern of LIKE that is no literal: null where it is longer than the engine takes.
+    /// A pattern of LIKE that is no literal: null where it is longer than the engine takes. Of an engine that is not
+    /// typed.
     std::string boundedPattern(std::string_view expression) const;
     /// A failure in words about the request where the engine speaks of its own workings.
     AException explained(const AException& error) const;

@@ -264,15 +264,18 @@ void ASSqlBuilder::in(const ASAttribute& attribute, const ASNestedSelect& select
     append(")");
 }
 
+// Of a literal in a function too, so that it does not depend on the rows whether a request is refused.
+void ASSqlBuilder::checkPattern(const ASAttribute* column, const ASValue& pattern, char escape) const {
+    if (static_cast<unsigned char>(escape) > 127) throw AException("the escape character of LIKE has to be ASCII");
+    const std::size_t length = column ? literalLength(column->Query()).value_or(0) : pattern.text.size();
+    if (length <= m_dialect.maxLikePattern) return;
+    throw AException("a pattern of LIKE has " + std::to_string(length) + " bytes; " + m_dialect.name + " takes " +
+                     std::to_string(m_dialect.maxLikePattern));
+}
+
 void ASSqlBuilder::like(const ASAttribute& attribute, const ASAttribute* column, const ASValue& pattern, char escape,
                         bool negated) {
-    if (static_cast<unsigned char>(escape) > 127) throw AException("the escape character of LIKE has to be ASCII");
-    // Of a literal in a function too, so that it does not depend on the rows whether a request is refused.
-    const std::size_t length = column ? literalLength(column->Query()).value_or(0) : pattern.text.size();
-    if (length > m_dialect.maxLikePattern) {
-        throw AException("a pattern of LIKE has " + std::to_string(length) + " bytes; " + m_dialect.name + " takes " +
-                         std::to_string(m_dialect.maxLikePattern));
-    }
+    checkPattern(column, pattern, escape);
     operand(attribute);
     if (negated) append(" NOT");
     append(m_dialect.like);
@@ -311,19 +314,15 @@ void ASSqlBuilder::projection(const ASProject& project) {
     if (first) throw AException("nothing is selected");
 }
 
-// Only what is executed takes the driver's ways of reading into account; a text form shows the plain column, and as
-// a nested select it has to be one.
+// Only what is executed takes the driver's ways of reading into account; a text form and a nested select show the
+// column as it is compared and grouped by.
 void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
     if (isExecuted() && attribute.isColumn()) {
         if (m_dialect.typed) return ASTypedTerms(*this).projected(attribute);
         if (attribute.type() == ASType::Double) return append(m_dialect.exactDouble(attribute.Query()));
         if (attribute.type() == ASType::Blob) return append(m_dialect.exactBytes(attribute.Query()));
     }
-    if (attribute.isColumn() && !(m_dialect.typed && m_purpose == ASPurpose::Nested)) {
-        column(attribute);
-    } else {
-        operand(attribute);
-    }
+    operand(attribute);
 }
 
 void ASSqlBuilder::projectedAggregate(const ASGroupAttribute& attribute) {

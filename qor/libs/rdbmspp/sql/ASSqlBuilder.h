@@ -61,6 +61,9 @@ public:
     void identifier(std::string_view name) { appendQuoted(m_text, name, '"'); }
     void in(const ASAttribute& attribute, std::string_view list, bool negated);
     void in(const ASAttribute& attribute, const ASNestedSelect& select, bool negated);
+    /// \param column a pattern that is no literal, or null \throws AException for a pattern that is longer than is
+    /// taken, or an escape character that cannot be one
+    void checkPattern(const ASAttribute* column, const ASValue& pattern, char escape) const;
     void like(const ASAttribute& attribute, const ASAttribute* column, const ASValue& pattern, char escape,
               bool negated);
 

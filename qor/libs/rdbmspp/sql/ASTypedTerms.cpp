@@ -445,8 +445,8 @@ void ASTypedTerms::inSelect(const Side& left, const ASAttribute& select) {
 }
 
 void ASTypedTerms::like(const Node& node) {
-    if (static_cast<unsigned char>(node.escape) > 127) throw AException("the escape character of LIKE has to be ASCII");
     const ASAttribute* const column = node.kind == Node::Kind::LikeAttribute ? &*node.second : nullptr;
+    m_builder.checkPattern(column, node.value, node.escape);
     const auto literal = column && !column->isColumn() ? literalText(column->name()) : std::nullopt;
     if (column && !literal) return likeColumn(node);
     const Side left = sideOf(*node.first);
@@ -457,30 +457,40 @@ void ASTypedTerms::like(const Node& node) {
     m_builder.typedValue(m_builder.keep(ASValue::ofText(*pattern)), "text");
 }
 
+// A row's pattern that is longer than is taken is not known to match.
+void ASTypedTerms::pattern(const Side& side) {
+    if (!side.attribute->isColumn() && literalLength(side.attribute->name())) return sideAsText(side);
+    m_builder.append("CASE WHEN octet_length(");
+    sideAsText(side);
+    m_builder.append(") <= " + std::to_string(m_builder.dialect().maxLikePattern) + " THEN ");
+    sideAsText(side);
+    m_builder.append(" END");
+}
+
 // A pattern that ends in the middle of an escape matches nothing; the engine would fail on the row.
 void ASTypedTerms::likeColumn(const Node& node) {
-    const Side pattern = sideOf(*node.second);
+    const Side column = sideOf(*node.second);
     if (node.escape == 0) {
         sideAsText(sideOf(*node.first));
         m_builder.append(m_builder.dialect().like);
-        sideAsText(pattern);
+        pattern(column);
         return m_builder.append(m_builder.dialect().noEscape);
     }
     const ASValue& escape = m_builder.keep(ASValue::ofText(std::string_view(&node.escape, 1)));
     m_builder.append("CASE WHEN (length(");
-    sideAsText(pattern);
+    sideAsText(column);
     m_builder.append(") - length(rtrim(");
-    sideAsText(pattern);
+    sideAsText(column);
     m_builder.append(", ");
     m_builder.typedValue(escape, "text");
     m_builder.append("))) % 2 = 0 THEN ");
     sideAsText(sideOf(*node.first));
     m_builder.append(m_builder.dialect().like);
-    sideAsText(pattern);
+    pattern(column);
     m_builder.append(" ESCAPE ");
     m_builder.typedValue(escape, "text");
     m_builder.append(" WHEN ");
-    sideAsText(pattern);
+    pattern(column);
     m_builder.append(" IS NOT NULL THEN FALSE END");
 }
 

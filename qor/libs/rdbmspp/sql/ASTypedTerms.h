@@ -53,6 +53,7 @@ private:
     void inSelect(const Side& left, const ASAttribute& select);
     void like(const Node& node);
     void likeColumn(const Node& node);
+    void pattern(const Side& side);
     void expression(std::string_view sql);
     std::string written(const ASAttribute& attribute);
     const ASValue* literal(std::string_view sql);

@@ -105,6 +105,11 @@ constexpr const char* conditions[] = {
 
 class Pager2Engines : public ::testing::Test {
 protected:
+    static void open(const std::string& connectionString) {
+        ASDatabaseOptions options;
+        options.connectionString = connectionString;
+        QORRdbms::instance().configure(options);
+    }
     static std::map<std::string, std::string> answers() {
         test::forgetMetadata();
         setLogLevel(0);
@@ -146,13 +151,11 @@ TEST_F(Pager2Engines, AnswerEveryRequestAlike) {
     QORRdbms::prepareProcess();
     const TemporaryDirectory folder;
     SqliteFile(folder / "people.db").run(std::string(sqliteTables) + rows + views);
-    openDatabase(folder / "people.db");
+    open("Driver=SQLite3;Database=" + folder.file("people.db"));
     const auto expected = answers();
     const PostgresDatabase database;
     database.connect().run(std::string(postgresTables) + rows + views);
-    ASDatabaseOptions options;
-    options.connectionString = database.connectionString();
-    QORRdbms::instance().configure(options);
+    open(database.connectionString());
     const auto found = answers();
     EXPECT_GT(expected.size(), 100U);
     for (const auto& [request, answer] : expected)

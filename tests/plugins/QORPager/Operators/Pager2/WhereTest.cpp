@@ -152,6 +152,8 @@ class WhereConditions : public Pager2Test, public ::testing::WithParamInterface<
 TEST_P(WhereConditions, LetsTheSameRowsThroughAsSqlWrittenByHand) {
     const std::string ids = idsOf(valuesOf(client.ask(selectWhere(GetParam().condition))));
     EXPECT_EQ(ids, GetParam().ids);
+    // What PostgreSQL makes of these words is another matter: there case counts, and types do not meet.
+    if (testEngine() != ASEngine::SQLite) return;
     EXPECT_EQ(ids, idsOf(database.direct.rows(std::string("select id from people p where ") + GetParam().sql +
                                               " order by id")));
 }
@@ -404,14 +406,14 @@ TEST_P(HostileTexts, GiveAnErrorOrNoRowsAndChangeNothing) {
             R"(["in",[["field","name"],["select",[["view","vNames"],["field","name"],["where",[["eq",[["field","name"],["value",)" +
             text + "]]]]]]]]]]]]]",
     };
-    const auto before = database.direct.rows("select count(*), (select count(*) from sqlite_master) from people");
+    const auto before = database.state();
     for (const std::string& request : requests) {
         const QORResponse answer = readResponse(client.ask(request));
         if (!answer.error) {
             EXPECT_TRUE(valuesOf(client.ask(request)).empty()) << request;
         }
     }
-    EXPECT_EQ(database.direct.rows("select count(*), (select count(*) from sqlite_master) from people"), before);
+    EXPECT_EQ(database.state(), before);
 }
 
 INSTANTIATE_TEST_SUITE_P(Texts, HostileTexts,

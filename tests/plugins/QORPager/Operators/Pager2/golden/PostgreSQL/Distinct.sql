@@ -1,0 +1,1 @@
+SELECT DISTINCT CAST("vPeople"."flag" AS int) FROM "vPeople"

@@ -1,0 +1,1 @@
+SELECT "vPeople"."id" FROM "vPeople" WHERE "vPeople"."name" = 'O''Hara' AND "vPeople"."small" > 5 AND "vPeople"."born" >= '2024-01-01 00:00:00' AND "vPeople"."guid" <> 'aaaaaaaa-0000-0000-0000-000000000001' AND "vPeople"."score" > '1.5'

@@ -1,0 +1,1 @@
+SELECT "vPeople"."id" FROM "vPeople" WHERE "vPeople"."id" IN (SELECT "vNames"."id" FROM "vNames" WHERE "vNames"."name" COLLATE "C" ILIKE 'a\%%') OR (CASE WHEN "vPeople"."id" IS NOT NULL THEN FALSE END)

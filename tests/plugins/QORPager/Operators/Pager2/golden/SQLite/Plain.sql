@@ -1,0 +1,1 @@
+SELECT "vPeople"."id", "vPeople"."name" FROM "vPeople"
