@@ -1,5 +1,7 @@
 #include "QORCommon/QORRequestControl.h"
 
+#include <sched.h>
+
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -12,6 +14,13 @@ namespace {
 constexpr const char* sourcePath = "qor/libs/QORCommon/QORRequestControl";
 
 using Clock = QORRequestControl::Clock;
+/// From when on a request is one that takes long, and how long it then computes at a time. A thread that wakes up to
+/// answer somebody else has the processor when its share allows it; beside threads that only compute, of which the
+/// system moves one to another processor now and then, that is up to some turns of the scheduler later, of 4 ms each.
+/// One that yields gives up its claim, so that whoever wakes up comes next. It costs a system call at a time.
+constexpr auto longRequest = std::chrono::milliseconds(20);
+constexpr auto computedAtATime = std::chrono::microseconds(500);
+
 constexpr Clock::rep never = std::numeric_limits<Clock::rep>::max();
 
 thread_local std::shared_ptr<QORRequestControl> servedByThread;
@@ -31,7 +40,10 @@ std::string durationText(std::int64_t milliseconds) {
 }  // namespace
 
 QORRequestControl::QORRequestControl(std::chrono::milliseconds limit)
-    : m_limit(limit), m_renewed(limit.count() > 0 ? readingAt(m_begin, limit) : never), m_fixed(never) {}
+    : m_limit(limit),
+      m_renewed(limit.count() > 0 ? readingAt(m_begin, limit) : never),
+      m_fixed(never),
+      m_yields(m_begin + longRequest) {}
 
 void QORRequestControl::limitTo(std::chrono::milliseconds limit) noexcept {
     const Ticks end = readingAt(m_begin, limit);
@@ -54,9 +66,23 @@ void QORRequestControl::cancel(End reason) noexcept {
     m_end.compare_exchange_strong(none, reason, std::memory_order_acq_rel);
 }
 
+bool QORRequestControl::mayGoOn() noexcept {
+    Clock::time_point now = Clock::now();
+    if (now >= m_yields) {
+        ::sched_yield();
+        now = Clock::now();
+        m_yields = now + computedAtATime;
+    }
+    return endedAt(now) == End::None;
+}
+
 QORRequestControl::End QORRequestControl::ended() const noexcept {
+    return endedAt(Clock::now());
+}
+
+QORRequestControl::End QORRequestControl::endedAt(Clock::time_point now) const noexcept {
     const End end = m_end.load(std::memory_order_acquire);
-    if (end != End::None || Clock::now() < deadline()) return end;
+    if (end != End::None || now < deadline()) return end;
     End none = End::None;
     return m_end.compare_exchange_strong(none, End::Deadline, std::memory_order_acq_rel) ? End::Deadline : none;
 }
@@ -109,7 +135,7 @@ QORRequestScope::~QORRequestScope() {
 void QORRequestWatch::look() {
     constexpr unsigned longestStride = 256;
     constexpr auto shortTime = std::chrono::microseconds(200);
-    m_control->check();
+    if (!m_control->mayGoOn()) m_control->check();
     const auto now = Clock::now();
     m_stride = now - m_last < shortTime ? std::min(m_stride * 2, longestStride) : std::max(m_stride / 2, 1U);
     m_last = now;

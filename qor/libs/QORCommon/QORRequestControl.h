@@ -51,6 +51,9 @@ public:
     /// Whether the request has ended, and why. Costs a look at the clock.
     End ended() const noexcept;
     bool expired() const noexcept { return ended() != End::None; }
+    /// For the one thread that works for the request, where it holds nothing that others need to go on: lets others
+    /// have the processor from time to time once the request has taken long. \returns !expired()
+    bool mayGoOn() noexcept;
     /// When it ends unless it is cancelled; Clock::time_point::max() when there is no such time.
     Clock::time_point deadline() const noexcept;
     /// Why it has ended, for people: "the request's deadline of 30 s has passed". Empty while it has not.
@@ -68,12 +71,15 @@ public:
 private:
     using Ticks = Clock::rep;
 
+    End endedAt(Clock::time_point now) const noexcept;
+
     const Clock::time_point m_begin = Clock::now();
     const std::chrono::milliseconds m_limit;
     std::atomic<Ticks> m_renewed;          // end by m_limit
     std::atomic<Ticks> m_fixed;            // end by limitTo()
     std::atomic<std::int64_t> m_asked{0};  // milliseconds behind m_fixed
     mutable std::atomic<End> m_end{End::None};
+    Clock::time_point m_yields;  // when mayGoOn() lets others have the processor next
 };
 
 /// Makes a request that of the calling thread for as long as the object lives. Scopes nest; null: none.
@@ -88,9 +94,9 @@ private:
     std::shared_ptr<QORRequestControl> m_previous;
 };
 
-/// For loops whose turns may be too short to look at the clock in each, or long: asks at least at every 256th, and more
-/// often where turns take their time. A value of the loop's own thread, which must not outlive the scope that was
-/// current when it was made.
+/// For loops whose turns may be too short to look at the clock in each, or long: asks mayGoOn() at least at every
+/// 256th, and more often where turns take their time. A value of the loop's own thread, which must not outlive the
+/// scope that was current when it was made.
 class QOR_API QORRequestWatch {
 public:
     QORRequestWatch() noexcept : m_control(QORRequestControl::current()) {}

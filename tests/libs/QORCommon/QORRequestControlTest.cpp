@@ -31,6 +31,20 @@ TEST(QORRequestControl, EndsAtItsLimitAndNamesIt) {
     EXPECT_EQ(control.text(), "the request's deadline of 20 ms has passed");
 }
 
+TEST(QORRequestControl, WorkMayGoOnUntilTheRequestEnds) {
+    QORRequestControl endless;
+    EXPECT_TRUE(endless.mayGoOn());
+    std::this_thread::sleep_for(milliseconds(30));  // a long request by now
+    EXPECT_TRUE(endless.mayGoOn());
+    endless.cancel(End::Gone);
+    EXPECT_FALSE(endless.mayGoOn());
+
+    QORRequestControl limited(milliseconds(30));
+    while (limited.mayGoOn()) {
+    }
+    EXPECT_EQ(limited.ended(), End::Deadline);
+}
+
 TEST(QORRequestControl, WholeSecondsAreNamedAsSuch) {
     QORRequestControl control(hours(1));
     control.limitTo(milliseconds(1000));

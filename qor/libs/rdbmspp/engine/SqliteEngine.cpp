@@ -31,8 +31,8 @@ thread_local SqliteOpening* openingOfThread = nullptr;
 thread_local SqliteComplaint complaintOfThread;
 
 int endsRequest(void*) {
-    const QORRequestControl* const control = QORRequestControl::current();
-    return control != nullptr && control->expired() ? 1 : 0;
+    QORRequestControl* const control = QORRequestControl::current();
+    return control != nullptr && !control->mayGoOn() ? 1 : 0;
 }
 
 int waitsForLock(void* wait, int) {

@@ -58,8 +58,8 @@ public:
         unsigned work = 0;
         while (m_at < m_text.size()) {
             if (++work >= worksBetweenLooks) {
-                const QORRequestControl* const control = QORRequestControl::current();
-                if (control != nullptr && control->expired()) return Result::Ended;
+                QORRequestControl* const control = QORRequestControl::current();
+                if (control != nullptr && !control->mayGoOn()) return Result::Ended;
                 work = 0;
             }
             if (step()) continue;
