@@ -224,6 +224,7 @@ QORHostOptions hostOptions(const Settings& settings) {
     options.database.readOnly = settings.readOnly;
     options.schemaMode = settings.readOnly ? QORSchemaMode::Reading : QORSchemaMode::Own;
     options.exclusive = true;
+    options.follows = true;
     options.plugInDirectory = settings.plugIns;
     options.vocabularyFile = settings.vocabulary;
     options.answers = settings.answers;

@@ -7,9 +7,10 @@
 
 namespace QOR {
 
-/// Held by a host that keeps its records in a database, for as long as it does: another one would not know of records
-/// that it did not take in itself. Programs that only read, or bring records and end, do without. The lock is one on
-/// the file "<database>.lock", which stays behind; the system lets go of it when its holder ends, however it ends.
+/// Held by a host that keeps its records in a database file, for as long as it does: two that were started on one file
+/// were started by mistake, and each would remove old records by its own rules. Programs that only read, or bring
+/// records and end, do without. The lock is one on the file "<database>.lock", which stays behind; the system lets go
+/// of it when its holder ends, however it ends.
 class QORDatabaseLock {
 public:
     /// \param connectionString whose database is locked; nothing is done for one that is no file

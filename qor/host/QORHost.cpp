@@ -32,9 +32,11 @@ QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
         m_options.prime ? QOROpFactoryRegistry::instance().names() : std::vector<std::string>(), QORMessageLimits(),
         m_options.answers);
     m_router->prime();
+    if (m_options.follows) m_follower.emplace(m_environments);
 }
 
 QORHost::~QORHost() {
+    m_follower.reset();
     m_router.reset();
     m_plugIns.unloadAll();
     setEnvCache(nullptr);

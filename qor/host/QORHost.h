@@ -13,6 +13,7 @@
 #include "QORLibAgent/QORSecurity.h"
 #include "host/QORClientSession.h"
 #include "host/QORDatabaseLock.h"
+#include "host/QOREnvFollower.h"
 #include "host/QORPlugInLoader.h"
 #include "host/QORRouter.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -35,8 +36,10 @@ struct QORHostOptions {
     /// Of answers that are not streamed.
     QORAnswerLimits answers{};
     /// The database is this host's alone to keep: another one with the same wish is refused, as is this one when there
-    /// is another. Not with database.readOnly.
+    /// is another. Not with database.readOnly, and not where the database is a server's, which any number may use.
     bool exclusive = false;
+    /// The host lasts: what others change of the environments is taken in within a second.
+    bool follows = false;
 };
 
 /// The host in a process; at most one at a time. All sessions must be gone before it is.
@@ -69,6 +72,7 @@ private:
     QORPlugInLoader m_plugIns;
     std::vector<QORPlugInLoader::Refusal> m_refused;
     std::unique_ptr<QORRouter> m_router;
+    std::optional<QOREnvFollower> m_follower;
 };
 
 }  // namespace QOR

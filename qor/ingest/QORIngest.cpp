@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/QORDBSchema.h"
@@ -45,22 +45,19 @@ void addCounts(QORIngestCounts& to, const QORIngestCounts& more) {
 // A few records are stored faster without preparations.
 constexpr std::size_t manyRecords = 100;
 
-/// Held while environments are stored and made known, when there are any and there is someone to tell.
-std::unique_lock<std::mutex> lockCache(std::span<const QORRecord> batch) {
+/// What the batch brought of environments is known to this process at once; to others that have them in memory soon.
+/// It is stored by now: when it cannot be read, the cache takes it in at the next opportunity.
+void refreshCache(std::span<const QORRecord> batch) {
     QOREnvCache* const cache = envCache();
     const bool any = std::any_of(batch.begin(), batch.end(),
                                  [](const QORRecord& record) { return kindOf(record) == QORRecordKind::Environment; });
-    return cache != nullptr && any ? cache->lockForWriting() : std::unique_lock<std::mutex>();
-}
-
-/// As the cache has them.
-std::vector<QORPtr<const QOREnv>> environmentsOf(std::span<const QORRecord> batch) {
-    std::vector<QORPtr<const QOREnv>> environments;
-    for (const QORRecord& record : batch) {
-        if (const auto* environment = std::get_if<QOREnvironmentRecord>(&record))
-            environments.push_back(toEnvironment(*environment));
+    if (cache == nullptr || !any) return;
+    try {
+        cache->refresh();
+    } catch (const AException& error) {
+        logMessage(1, "QORIngest", "qor/ingest/QORIngest", __func__,
+                   "environments that were stored cannot be read back yet: %s", error.what());
     }
-    return environments;
 }
 
 bool isBlank(std::string_view line) {
@@ -187,7 +184,6 @@ private:
         try {
             QORRdbmsTran tran(ASAccess::Write);
             if (m_ledger && wasStoredMeanwhile(*tran, lastLine)) return;
-            const auto caching = lockCache(batch);
             if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(*tran);
             if (tran->engine() == ASEngine::SQLite) {
                 RecordWriter writer(*tran, keepEqual);
@@ -199,7 +195,6 @@ private:
             }
             if (m_ledger) m_ledger->put(*tran, resultWith(counts), !m_isKnown);
             tran.commit();
-            if (caching) envCache()->update(environmentsOf(batch));
         } catch (const AException& error) {
             m_result.failure = QORIngestFailure{firstLine, lastLine, error.text()};
             return;
@@ -208,6 +203,7 @@ private:
             m_result.failure = QORIngestFailure{firstLine, lastLine, error.message()};
             return;
         }
+        refreshCache(batch);
         for (std::size_t kind = 0; kind < counts.size(); ++kind)
             addCounts(m_result.counts[kind], counts[kind]);
         if (m_ledger) {

@@ -42,10 +42,6 @@ std::optional<std::string> configText(const QOREnvironmentRecord& record, QOREnv
     return configOf(record).text(member);
 }
 
-QORPtr<const QOREnvConfig> toConfig(const std::optional<QORConfigRecord>& config) {
-    return config ? config->config : nullptr;
-}
-
 constexpr auto Text = RecordColumnKind::Text;
 constexpr auto Integer = RecordColumnKind::Integer;
 constexpr auto Guid = RecordColumnKind::Guid;
@@ -179,12 +175,6 @@ const RecordTable<QORBackupRecord>& backupTable() {
         },
         {{"id", Text, [](auto& to, const Record& r) { to.text(r.id); }}}, {});
     return table;
-}
-
-QORPtr<const QOREnv> toEnvironment(const QOREnvironmentRecord& record) {
-    return makeQORPtr<QOREnv>(record.eid, record.parentEid, record.title,
-                              QOREnv::Status{record.state, record.transition}, toConfig(record.config),
-                              toConfig(record.virtualConfig));
 }
 
 }  // namespace QOR

@@ -191,7 +191,4 @@ const RecordTable<StoredOperation>& operationTable();
 const RecordTable<StoredEvent>& eventTable();
 const RecordTable<QORBackupRecord>& backupTable();
 
-/// As the cache has it.
-QORPtr<const QOREnv> toEnvironment(const QOREnvironmentRecord& record);
-
 }  // namespace QOR

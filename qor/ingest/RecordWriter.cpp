@@ -5,6 +5,7 @@
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORStoredDocuments.h"
 #include "QORLibAgent/QORBinder.h"
+#include "QORLibAgent/QOREnvTable.h"
 #include "ingest/RecordTables.h"
 
 namespace QOR {
@@ -38,15 +39,17 @@ void RecordWriter::finish() {
     if (m_counters.counts()) {
         for (const auto& [table, ids] : m_replaced)
             forgetUnreadableDocuments(m_session, table, ids);
+        noteChangedEnvironments(m_session, m_environments);
     }
     m_counters.finish();
 }
 
 QORStored RecordWriter::put(const QOREnvironmentRecord& record) {
     const bool added = environmentTable().insert(m_session, record);
+    m_environments.push_back(record.eid.toString());
     if (!added) {
         environmentTable().update(m_session, record);
-        m_replaced["qor_environment"].push_back(record.eid.toString());
+        m_replaced["qor_environment"].push_back(m_environments.back());
         ASStatement& clear = m_session.prepare(deleteAddresses);
         QORBinder(clear).eid(record.eid);
         clear.execute(ASTriggers::Skip);

@@ -29,8 +29,8 @@ public:
 
     QORStored store(const QORRecord& record);
 
-    /// What belongs to the records as a whole: the counters of the logs, and what is known of documents that are no
-    /// more. Before the transaction is committed.
+    /// What belongs to the records as a whole: the counters of the logs, what is known of documents that are no more,
+    /// and which environments changed. Before the transaction is committed.
     void finish();
 
 private:
@@ -52,6 +52,7 @@ private:
     std::int64_t m_lastOperation = -1;  // not yet asked for
     std::int64_t m_lastEvent = -1;
     std::map<std::string_view, std::vector<std::string>> m_replaced;  // by table
+    std::vector<std::string> m_environments;                          // that were stored
     QORLogCounters m_counters;
 };
 

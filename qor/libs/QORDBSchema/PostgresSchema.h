@@ -11,5 +11,7 @@ namespace QOR {
 extern const QORSchemaStep postgresTables;
 /// The counters of the logs, and the triggers that keep them and whatever else has to follow a table.
 extern const QORSchemaStep postgresUpkeep;
+/// The number of the latest change, and the latest changes of environments.
+extern const QORSchemaStep postgresChanges;
 
 }  // namespace QOR

@@ -19,6 +19,7 @@ bool hasRows(ASStatement& statement) {
 constexpr std::array sqliteSteps{
     QORVersionedStep{1, &inventorySchema}, QORVersionedStep{2, &logSchema},    QORVersionedStep{3, &counterSchema},
     QORVersionedStep{4, &documentSchema},  QORVersionedStep{5, &upkeepSchema}, QORVersionedStep{6, &requestSchema},
+    QORVersionedStep{7, &changeSchema},
 };
 constexpr std::array<std::string_view, 2> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX "};
 
@@ -36,10 +37,15 @@ std::string removalFromSqlite(const QORSchemaPart& part) {
 constexpr std::array postgresSteps{
     QORVersionedStep{5, &postgresTables},
     QORVersionedStep{6, &postgresUpkeep},
+    QORVersionedStep{7, &postgresChanges},
 };
 static_assert(sqliteSteps.back().version == postgresSteps.back().version);
-constexpr std::array<std::string_view, 4> postgresParts{"CREATE FUNCTION ", "CREATE TRIGGER ", "CREATE INDEX ",
-                                                        "CREATE UNIQUE INDEX "};
+constexpr std::array<std::string_view, 5> postgresParts{
+    "CREATE FUNCTION ", "CREATE TRIGGER ", "CREATE CONSTRAINT TRIGGER ", "CREATE INDEX ", "CREATE UNIQUE INDEX "};
+
+bool isTrigger(const QORSchemaPart& part) {
+    return part.sql.substr(0, part.sql.find(part.name)).ends_with(" TRIGGER ");
+}
 
 /// What stands between two marks of a statement, "" where they do not.
 std::string_view between(std::string_view sql, std::string_view begin, std::string_view end) {
@@ -60,7 +66,7 @@ bool isThereInPostgres(ASSession& session, const QORSchemaPart& part) {
         return hasRows(select);
     }
     ASStatement& select = session.prepare(
-        part.sql.starts_with("CREATE TRIGGER ")
+        isTrigger(part)
             ? "SELECT 1 FROM pg_trigger t JOIN pg_class c ON c.oid = t.tgrelid WHERE t.tgname = CAST(? AS text) AND "
               "c.relnamespace = CAST(current_schema() AS regnamespace) AND t.tgenabled IN ('O', 'A')"
             : "SELECT 1 FROM pg_class c JOIN pg_index i ON i.indexrelid = c.oid WHERE c.relname = CAST(? AS text) AND "
@@ -73,7 +79,7 @@ std::string removalFromPostgres(const QORSchemaPart& part) {
     // Triggers depend on functions, which are therefore replaced as they stand.
     if (part.sql.starts_with("CREATE FUNCTION ")) return {};
     const std::string name = ASSession::quoteIdentifier(part.name);
-    if (!part.sql.starts_with("CREATE TRIGGER ")) return "DROP INDEX IF EXISTS " + name;
+    if (!isTrigger(part)) return "DROP INDEX IF EXISTS " + name;
     return "DROP TRIGGER IF EXISTS " + name + " ON " + std::string(between(part.sql, " ON ", " "));
 }
 

@@ -27,5 +27,7 @@ extern const QORSchemaStep documentSchema;
 extern const QORSchemaStep upkeepSchema;
 /// Requests that may be sent again, and the database's own identity.
 extern const QORSchemaStep requestSchema;
+/// The number of the latest change, and the latest changes of environments.
+extern const QORSchemaStep changeSchema;
 
 }  // namespace QOR

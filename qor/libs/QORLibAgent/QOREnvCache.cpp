@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <atomic>
 #include <iterator>
-#include <optional>
-#include <string_view>
 #include <utility>
 
+#include "QORCommon/QORRequestControl.h"
+#include "QORLibAgent/QOREnvTable.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -23,21 +23,41 @@ constexpr std::size_t largestChunk = 512;
 
 std::atomic<QOREnvCache*> theCache{nullptr};
 
-bool byEid(const Env& a, const Env& b) {
-    return a->getEID() < b->getEID();
+bool byEid(const QOREnvChange& a, const QOREnvChange& b) {
+    return a.eid < b.eid;
 }
 
-/// In order, the last of those with one identifier kept.
-void sortUnique(std::vector<Env>& envs) {
-    std::erase(envs, nullptr);
-    std::stable_sort(envs.begin(), envs.end(), byEid);
+/// In order, the last of those of one environment kept.
+void sortUnique(std::vector<QOREnvChange>& changes) {
+    std::stable_sort(changes.begin(), changes.end(), byEid);
     std::size_t kept = 0;
-    for (std::size_t i = 0; i < envs.size(); ++i) {
-        if (i + 1 < envs.size() && envs[i]->getEID() == envs[i + 1]->getEID()) continue;
-        if (kept != i) envs[kept] = std::move(envs[i]);
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        if (i + 1 < changes.size() && changes[i].eid == changes[i + 1].eid) continue;
+        if (kept != i) changes[kept] = std::move(changes[i]);
         ++kept;
     }
-    envs.resize(kept);
+    changes.resize(kept);
+}
+
+/// Those that are there.
+std::vector<Env> environmentsOf(std::vector<QOREnvChange>&& changes) {
+    std::vector<Env> envs;
+    envs.reserve(changes.size());
+    for (QOREnvChange& change : changes) {
+        if (change.env) envs.push_back(std::move(change.env));
+    }
+    return envs;
+}
+
+std::vector<QOREnvChange> changesOf(std::vector<Env>&& envs) {
+    std::vector<QOREnvChange> changes;
+    changes.reserve(envs.size());
+    for (Env& env : envs) {
+        if (!env) continue;
+        const QOREID eid = env->getEID();
+        changes.push_back({eid, std::move(env)});
+    }
+    return changes;
 }
 
 /// Appends sorted environments as chunks of the usual size.
@@ -50,83 +70,55 @@ void appendChunks(std::vector<Env>&& envs, Chunks& chunks) {
     }
 }
 
+using Change = std::vector<QOREnvChange>::iterator;
+
 /// The chunk with the changes put in; both are sorted.
-std::vector<Env> merged(const Chunk& chunk, std::vector<Env>::iterator change, std::vector<Env>::iterator end) {
+std::vector<Env> merged(const Chunk& chunk, Change change, Change end) {
     std::vector<Env> result;
     result.reserve(chunk.size() + static_cast<std::size_t>(end - change));
+    const auto take = [&] {
+        if (change->env) result.push_back(std::move(change->env));
+        ++change;
+    };
     for (const Env& env : chunk) {
-        while (change != end && byEid(*change, env))
-            result.push_back(std::move(*change++));
-        if (change != end && (*change)->getEID() == env->getEID()) {
-            result.push_back(std::move(*change++));
+        while (change != end && change->eid < env->getEID())
+            take();
+        if (change != end && change->eid == env->getEID()) {
+            take();
         } else {
             result.push_back(env);
         }
     }
-    std::move(change, end, std::back_inserter(result));
+    while (change != end)
+        take();
     return result;
 }
 
 /// The chunks with sorted changes put in. Chunks that nothing changes in are shared.
-Chunks withChanges(const Chunks& chunks, std::vector<Env>& changes) {
+Chunks withChanges(const Chunks& chunks, std::vector<QOREnvChange>& changes) {
     Chunks result;
     result.reserve(chunks.size() + 1);
     auto change = changes.begin();
     for (std::size_t i = 0; i < chunks.size(); ++i) {
         // A change before the first environment of the next chunk belongs here.
-        const auto end = i + 1 == chunks.size()
-                             ? changes.end()
-                             : std::lower_bound(change, changes.end(), chunks[i + 1]->front(), byEid);
+        const auto end =
+            i + 1 == chunks.size()
+                ? changes.end()
+                : std::lower_bound(change, changes.end(), chunks[i + 1]->front(),
+                                   [](const QOREnvChange& one, const Env& env) { return one.eid < env->getEID(); });
         if (change == end) {
             result.push_back(chunks[i]);
             continue;
         }
         std::vector<Env> envs = merged(*chunks[i], change, end);
         change = end;
-        if (envs.size() <= largestChunk) {
-            result.push_back(std::make_shared<const Chunk>(std::move(envs)));
-        } else {
+        if (envs.size() > largestChunk) {
             appendChunks(std::move(envs), result);
+        } else if (!envs.empty()) {
+            result.push_back(std::make_shared<const Chunk>(std::move(envs)));
         }
     }
     return result;
-}
-
-QOREID toEid(std::string_view text) {
-    QOREID eid;
-    eid.fromString(text);
-    return eid;
-}
-
-QORPtr<const QOREnvConfig> readConfig(const ASStatement& row, unsigned column) {
-    if (row.isNull(column)) return nullptr;
-    QORInfo document;
-    if (document.deserializeFromString(row.text(column)) != 0) return nullptr;
-    return makeQORPtr<QOREnvConfig>(QOREnvConfigData::fromDocument(document));
-}
-
-std::optional<std::string> readText(const ASStatement& row, unsigned column) {
-    if (row.isNull(column)) return std::nullopt;
-    return std::string(row.text(column));
-}
-
-Env readEnv(const ASStatement& row) {
-    const QOREnv::Status status{static_cast<int>(row.integer(4)), static_cast<int>(row.integer(5))};
-    return makeQORPtr<QOREnv>(toEid(row.text(1)), row.isNull(2) ? QOREID() : toEid(row.text(2)), readText(row, 3),
-                              status, readConfig(row, 6), readConfig(row, 7));
-}
-
-bool hasTable(ASSession& session) {
-    ASStatement& find = session.prepare(
-        session.engine() == ASEngine::SQLite
-            ? "SELECT count(*) FROM pragma_table_info('qor_environment') "
-              "WHERE name IN ('eid', 'config', 'virtual_config')"
-            : "SELECT count(*) FROM information_schema.columns WHERE table_schema = current_schema() "
-              "AND table_name = 'qor_environment' AND column_name IN ('eid', 'config', 'virtual_config')");
-    find.execute();
-    const bool found = find.fetch() && find.integer(1) == 3;
-    find.close();
-    return found;
 }
 
 }  // namespace
@@ -176,43 +168,60 @@ QORPtr<const QOREnv> QOREnvCache::getEnvCopy(const QOREID& eid) const {
 }
 
 void QOREnvCache::update(std::vector<QORPtr<const QOREnv>> envs) {
-    sortUnique(envs);
-    if (envs.empty()) return;
+    change(changesOf(std::move(envs)));
+}
+
+void QOREnvCache::change(std::vector<QOREnvChange> changes) {
+    sortUnique(changes);
+    if (changes.empty()) return;
     QORPtr<const QOREnvList> before;  // outlives the lock: letting go of the last snapshot takes time
     const std::scoped_lock lock(m_mutex);
     before = m_list;
     Chunks chunks;
     if (before->empty()) {
-        appendChunks(std::move(envs), chunks);
+        appendChunks(environmentsOf(std::move(changes)), chunks);
     } else {
-        chunks = withChanges(before->chunks(), envs);
+        chunks = withChanges(before->chunks(), changes);
     }
     m_list = makeQORPtr<QOREnvList>(std::move(chunks));
 }
 
 void QOREnvCache::replace(std::vector<QORPtr<const QOREnv>> envs) {
-    sortUnique(envs);
+    replaceAll(changesOf(std::move(envs)));
+}
+
+void QOREnvCache::replaceAll(std::vector<QOREnvChange> all) {
+    sortUnique(all);
     Chunks chunks;
-    appendChunks(std::move(envs), chunks);
+    appendChunks(environmentsOf(std::move(all)), chunks);
     QORPtr<const QOREnvList> list = makeQORPtr<QOREnvList>(std::move(chunks));
     const std::scoped_lock lock(m_mutex);
     m_list.swap(list);
 }
 
 void QOREnvCache::load() {
-    const auto writing = lockForWriting();
-    std::vector<Env> envs;
+    const std::scoped_lock reading(m_reading);
+    read(std::nullopt);
+}
+
+void QOREnvCache::refresh() {
+    const std::scoped_lock reading(m_reading);
+    if (!m_unnumbered) read(m_number);
+}
+
+void QOREnvCache::read(std::optional<std::int64_t> since) {
+    // What is half read is of no use to the next request either.
+    const QORRequestScope unbounded(nullptr);
     QORRdbmsTran tran(ASAccess::Read);
-    if (hasTable(*tran)) {
-        ASStatement& select = tran->prepare(
-            "SELECT eid, parent_eid, title, state, transition, config, virtual_config FROM qor_environment");
-        select.execute();
-        while (select.fetch())
-            envs.push_back(readEnv(select));
-        select.close();
-    }
+    QOREnvState state = readEnvironments(*tran, since, std::max(current()->size() / 2, usualChunk));
     tran.commit();
-    replace(std::move(envs));
+    if (state.whole) {
+        replaceAll(std::move(state.changes));
+    } else {
+        change(std::move(state.changes));
+    }
+    m_number = state.number;
+    m_unnumbered = !state.number;
 }
 
 QOREnvCache* envCache() noexcept {

@@ -3,10 +3,11 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <mutex>
-#include <set>
+#include <optional>
 #include <vector>
 
 #include "QORCommon/QORExport.h"
@@ -14,6 +15,8 @@
 #include "QORLibAgent/QOREnv.h"
 
 namespace QOR {
+
+struct QOREnvChange;
 
 /// Environments in the order of their identifiers. Immutable, so that a request may keep one while the cache goes on
 /// changing: what did not change is shared between snapshots.
@@ -96,16 +99,21 @@ public:
     /// Reads all environments from the host's database, in place of everything. A database that is not the host's
     /// own has none. \throws AException
     void load();
-
-    /// Whoever writes environments to the database takes this within the transaction and holds it until the cache is
-    /// up to date, so that the cache sees changes in the order in which they were committed. Nobody waits for the
-    /// database with it.
-    std::unique_lock<std::mutex> lockForWriting() { return std::unique_lock(m_writing); }
+    /// Takes in what has become of the environments in the database since it was read last, whoever changed them: what
+    /// was committed before the call is known after it. Costs one short select where nothing has. After a failure the
+    /// cache is what it was, and the next call takes in what this one did not. Not within a transaction of the calling
+    /// thread's that writes; whatever request the thread serves, it is not broken off. \throws AException
+    void refresh();
 
 private:
     QORPtr<const QOREnvList> current() const;
+    void change(std::vector<QOREnvChange> changes);
+    void replaceAll(std::vector<QOREnvChange> all);
+    void read(std::optional<std::int64_t> since);
 
-    std::mutex m_writing;
+    std::mutex m_reading;                  // held while the database is read and until the list is what was read
+    bool m_unnumbered = false;             // guarded by m_reading; the database numbers no changes
+    std::optional<std::int64_t> m_number;  // guarded by m_reading; of the state that was read last
     mutable std::mutex m_mutex;
     QORPtr<const QOREnvList> m_list;  // guarded by m_mutex; never null
 };

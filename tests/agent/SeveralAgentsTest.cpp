@@ -1,0 +1,92 @@
+// What one program does to a database, agents that were told nothing of it know soon.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "support/AgentProcess.h"
+#include "support/HostDatabase.h"
+#include "support/HttpClient.h"
+
+namespace QOR::test {
+namespace {
+
+constexpr const char* eid = "11111111-1111-1111-1111-111111111111";
+
+std::string environment() {
+    return R"({"kind":"environment","eid":")" + std::string(eid) + "\"}\n";
+}
+
+AgentSettings on(const TestDatabase& database) {
+    AgentSettings settings;
+    settings.database = database.connectionString();
+    return settings;
+}
+
+/// Of a file one agent alone is the keeper; a server has any number of them.
+AgentSettings beside(const TestDatabase& database) {
+    AgentSettings settings = on(database);
+    if (testEngine() == ASEngine::SQLite) settings.more = {"--read-only"};
+    return settings;
+}
+
+/// Whether operator "pager" has any environment in memory: what cannot be evaluated is refused when the first one
+/// comes.
+bool knowsAny(const AgentProcess& agent) {
+    const std::string answer =
+        HttpClient(agent.socketPath())
+            .message(R"({"operator":"pager","request":"select","body":[1740,[[1741,"pager.event_log.category"],)"
+                     R"([1742,"pager.event_log.category='env_status' and 1 / pager.env.title > 0"]]]})");
+    const bool refused = answer.find("Invalid type") != std::string::npos;
+    EXPECT_TRUE(refused || answer.find("error") == std::string::npos) << answer;
+    return refused;
+}
+
+/// A test that waits in vain ends with the program's time.
+void awaitThat(bool known, const AgentProcess& agent) {
+    while (knowsAny(agent) != known)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+TEST(SeveralAgents, WhatOneStoresTheOthersKnowSoonAndItselfAtOnce) {
+    const TestDatabase database;
+    const AgentProcess first(on(database));
+    const AgentProcess second(beside(database));
+    EXPECT_FALSE(knowsAny(first));
+    EXPECT_FALSE(knowsAny(second));
+    HttpClient(first.socketPath()).post("/v1/records", environment());
+    EXPECT_TRUE(knowsAny(first));
+    awaitThat(true, second);
+}
+
+TEST(SeveralAgents, WhatProgramsDoThatAreNoAgentsIsKnownSoon) {
+    const TestDatabase database;
+    const AgentProcess agent(on(database));
+    const std::string file = (agent.directory() / "records.ndjson").string();
+    std::ofstream(file) << environment();
+    const auto [status, output] = runProgram({(programDirectory() / "qorctl").string(), "import", "--standalone",
+                                              "--database", database.connectionString(), file});
+    EXPECT_EQ(status, 0) << output;
+    awaitThat(true, agent);
+    QORRdbms::instance().configure({.connectionString = database.connectionString()});
+    runSql("DELETE FROM qor_environment");
+    QORRdbms::instance().shutdown();
+    awaitThat(false, agent);
+}
+
+TEST(SeveralAgents, AnyNumberMayWriteToAServer) {
+    QOR_ONLY_ON(ASEngine::PostgreSQL);
+    const TestDatabase database;
+    const AgentProcess first(on(database));
+    const AgentProcess second(on(database));
+    HttpClient(second.socketPath()).post("/v1/records", environment());
+    EXPECT_TRUE(knowsAny(second));
+    HttpClient(first.socketPath()).post("/v1/records", environment());
+    EXPECT_TRUE(knowsAny(first));
+}
+
+}  // namespace
+}  // namespace QOR::test
