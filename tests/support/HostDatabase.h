@@ -23,13 +23,7 @@ inline void runSql(const std::string& sql) {
     tran.commit();
 }
 
-/// A driver may tell GUIDs in upper case.
-inline std::string inLowerCase(std::string_view text) {
-    QOREID guid;
-    return guid.fromString(text) ? guid.toString() : std::string(text);
-}
-
-/// Rows of a select on the configured database as texts, nulls as "<null>", GUIDs in lower case.
+/// Rows of a select on the configured database as texts, nulls as "<null>".
 inline std::vector<Row> queryRows(const std::string& sql, unsigned columns) {
     QORRdbmsTran tran(ASAccess::ReadOne);
     ASStatement& statement = tran->prepare(sql);
@@ -38,7 +32,7 @@ inline std::vector<Row> queryRows(const std::string& sql, unsigned columns) {
     while (statement.fetch()) {
         Row& row = rows.emplace_back();
         for (unsigned column = 1; column <= columns; ++column) {
-            row.push_back(statement.isNull(column) ? "<null>" : inLowerCase(statement.text(column)));
+            row.push_back(statement.isNull(column) ? "<null>" : std::string(statement.text(column)));
         }
     }
     statement.close();

@@ -106,14 +106,16 @@ std::string sqliteEpochSeconds(std::string_view column) {
            c + ", -2) ELSE " + c + " END) AS INTEGER) END";
 }
 
-// SQLite's own text form of a number ends after 15 digits. Its printf gives as many as it is asked for, but scales by
-// a rounded 1e100; numbers from there on are brought below it by a power of 2, which is exact, and say so.
+// SQLite's own text form of a number ends after 15 digits; whole numbers it keeps as such in columns of decimals. Its
+// printf gives as many as it is asked for, but scales by a rounded 1e100; numbers from there on are brought below it by
+// a power of 2, which is exact, and say so.
 std::string sqliteExactDouble(const std::string& e) {
     return "CASE typeof(" + e + ") WHEN 'real' THEN CASE WHEN abs(" + e + ") < 1e100 THEN printf('%!.20g', " + e +
            ") WHEN " + e + " - " + e + " = 0 THEN printf('%!.20g', " + e +
            " / (1.0 * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60)"
            " * (1 << 60) * (1 << 60) * (1 << 60) * (1 << 60))) || '*2^720' ELSE " +
-           e + " END ELSE " + e + " END";
+           e + " END WHEN 'integer' THEN " + e + " || CASE WHEN length(trim(replace(" + e +
+           ", '-', ''), '0')) > 15 THEN '=' ELSE '' END ELSE " + e + " END";
 }
 
 }  // namespace
@@ -281,6 +283,31 @@ std::string ASDialect::realSum(std::string_view expression) const {
     const std::string c(expression);
     if (engine != ASEngine::SQLite) return "sum(" + c + ")";
     return "CASE WHEN count(" + c + ") > 0 THEN total(" + c + ") END";
+}
+
+std::string ASDialect::decimalSum(std::string_view expression) const {
+    return "qor_decimal_sum(" + std::string(expression) + ")";
+}
+
+std::string ASDialect::comparedDecimalSum(std::string_view expression) const {
+    return "CAST(rtrim(" + decimalSum(expression) + ", '=') AS NUMERIC)";
+}
+
+std::string ASDialect::decimalAverage(std::string_view expression) const {
+    return "qor_decimal_average(" + std::string(expression) + ")";
+}
+
+// The engine's own cast keeps fifteen digits. From 2^53 on all numbers are whole, and their texts are rounded.
+std::string ASDialect::exactNumeric(std::string_view expression) const {
+    const std::string e(expression);
+    return "CASE WHEN abs(" + e + ") >= 9007199254740992 AND abs(" + e + ") < 9223372036854775808 THEN CAST(CAST(" + e +
+           " AS bigint) AS numeric) ELSE CAST(CAST(" + e + " AS text) AS numeric) END";
+}
+
+std::string ASDialect::realText(std::string_view expression) const {
+    const std::string e(expression);
+    return "CASE WHEN abs(" + e + ") <= 1.7976931348623157e308 THEN regexp_replace(CAST(CAST(CAST(" + e +
+           " AS numeric) AS float8) AS text), '^(-?[0-9]+)(e|$)', '\\1.0\\2') ELSE CAST(" + e + " AS text) END";
 }
 
 std::string ASDialect::boundedPattern(std::string_view expression) const {

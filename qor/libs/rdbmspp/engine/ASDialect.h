@@ -79,7 +79,8 @@ struct QOR_API ASDialect {
 
     /// `expression` (a column) as its seconds since the epoch, null where it holds no time.
     std::string epochSeconds(std::string_view expression) const;
-    /// A selected column of floating point so that the driver hands out every digit.
+    /// A selected column of floating point so that the driver hands out every digit; whole numbers among them as
+    /// exactDecimal() does.
     std::string exactDouble(std::string_view expression) const;
     /// A selected column of bytes so that the driver does not take a text for them.
     std::string exactBytes(std::string_view expression) const;
@@ -90,6 +91,17 @@ struct QOR_API ASDialect {
     std::string wholeSum(std::string_view expression) const;
     /// The sum of any other column, null for no values.
     std::string realSum(std::string_view expression) const;
+    /// The sum of a column of decimal numbers, exact, in the form of exactDecimal(); or as a number to compare with.
+    /// And the average, a number of floating point. Null for no values. Of an engine that is not typed.
+    std::string decimalSum(std::string_view expression) const;
+    std::string comparedDecimalSum(std::string_view expression) const;
+    std::string decimalAverage(std::string_view expression) const;
+    /// A number of floating point as the decimal number that it is compared with others as: whole numbers to their last
+    /// digit, others as they are written. Of a typed engine.
+    std::string exactNumeric(std::string_view expression) const;
+    /// A number of floating point as the text that other engines compare with patterns and fold: fifteen digits, and a
+    /// point in any. Of a typed engine.
+    std::string realText(std::string_view expression) const;
     /// A pattern of LIKE that is no literal: null where it is longer than the engine takes. Of an engine that is not
     /// typed.
     std::string boundedPattern(std::string_view expression) const;

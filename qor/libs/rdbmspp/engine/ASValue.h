@@ -17,7 +17,7 @@ struct ASValue {
     Kind kind = Kind::Null;
     std::int64_t integer = 0;
     double real = 0;
-    std::string text;
+    std::string text;  ///< of a Real, as somebody wrote it; empty: nobody did
 
     static ASValue ofText(std::string_view text);
     static ASValue ofInteger(std::int64_t value);

@@ -279,6 +279,7 @@ int OdbcStatement::tryBind(std::size_t index, Bound kind) noexcept {
 void OdbcStatement::bindColumns(const std::vector<OdbcColumn>& columns) {
     if (m_layout == columns && m_columns.size() == columns.size()) return;
     m_layout.clear();  // until all of them are bound
+    m_described = false;
     check(SQLFreeStmt(m_handle, SQL_UNBIND));
     m_columns.clear();
     for (const OdbcColumn& wanted : columns) {
@@ -339,6 +340,7 @@ void OdbcStatement::prepareAgain() {
     for (std::size_t i = 0; i < m_columns.size(); ++i)
         check(bindColumn(i));
     m_unprepared = false;
+    m_described = false;
     m_prepared = m_connection.m_stale;
 }
 
@@ -351,7 +353,10 @@ bool OdbcStatement::fetch() {
         if (m_connection.streams()) watch(watched, m_connection.dialect(), m_handle);
         rc = SQLFetch(m_handle);
     }
-    if (rc == SQL_SUCCESS) return true;
+    if (rc == SQL_SUCCESS) {
+        lowerGuids();
+        return true;
+    }
     if (rc == SQL_NO_DATA) {
         m_rowsLeft = false;
         if (m_connection.streams()) m_connection.confirmEnd();
@@ -362,7 +367,29 @@ bool OdbcStatement::fetch() {
     for (std::size_t i = 0; i < m_columns.size(); ++i) {
         if (m_columns[i]->isCut()) readLong(i);
     }
+    lowerGuids();
     return true;
+}
+
+// PostgreSQL's driver tells GUIDs in capitals. Which columns are GUIDs it knows by itself once there are rows.
+void OdbcStatement::lowerGuids() {
+    if (m_connection.m_sqlite != nullptr) return;
+    if (!m_described) {
+        m_guids.clear();
+        for (std::size_t i = 0; i < m_columns.size(); ++i) {
+            SQLLEN type = 0;
+            check(SQLColAttribute(m_handle, static_cast<SQLUSMALLINT>(i + 1), SQL_DESC_CONCISE_TYPE, nullptr, 0,
+                                  nullptr, &type));
+            if (type == SQL_GUID) m_guids.push_back(i);
+        }
+        m_described = true;
+    }
+    for (const std::size_t index : m_guids) {
+        Column& c = *m_columns[index];
+        if (c.indicator <= 0 || c.isCut()) continue;
+        for (SQLLEN at = 0; at < c.indicator; ++at)
+            c.buffer[static_cast<std::size_t>(at)] = toLowerChar(c.buffer[static_cast<std::size_t>(at)]);
+    }
 }
 
 // The driver hands a bound column out again from its beginning. SQLite's looks for the end of a text anew at every

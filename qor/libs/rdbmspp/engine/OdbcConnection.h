@@ -76,6 +76,7 @@ private:
     void prepareAgain();
     void run();
     void readLong(std::size_t index);
+    void lowerGuids();
     void widen(std::size_t index);
     void check(int result);
 
@@ -91,6 +92,8 @@ private:
     std::vector<std::unique_ptr<Parameter>> m_parameters;  // the driver holds their addresses
     std::vector<std::unique_ptr<Column>> m_columns;
     std::vector<OdbcColumn> m_layout;
+    bool m_described = false;          ///< the driver has told which columns are GUIDs
+    std::vector<std::size_t> m_guids;  ///< where it has
 };
 
 /// One connection with an environment of its own. Used by one thread at a time. What it runs ends with the request that

@@ -13,6 +13,7 @@
 
 #include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/SqliteAmong.h"
+#include "rdbmspp/engine/SqliteDecimal.h"
 #include "rdbmspp/engine/SqliteLike.h"
 #include "rdbmspp/engine/SqliteSecond.h"
 
@@ -70,6 +71,7 @@ struct SqliteHooks {
         sqlite3_progress_handler(connection, stepsBetweenLooks, &endsRequest, nullptr);
         replaceSqliteLike(*connection);
         addSqliteAmong(*connection);
+        addSqliteDecimal(*connection);
         addSqliteSecond(*connection);
         if (openingOfThread != nullptr) openingOfThread->m_opened = connection;
         return SQLITE_OK;

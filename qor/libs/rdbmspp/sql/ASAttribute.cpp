@@ -5,6 +5,7 @@
 #include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
+#include "rdbmspp/sql/ASSqlText.h"
 
 namespace QOR {
 
@@ -36,13 +37,12 @@ ASComparison compare(const ASData& left, Node::Op op, const ASData& right) {
     return ASComparison(std::move(node));
 }
 
-// Rendered at once, so that a column inside is qualified by what it is tied to now.
-ASAttribute call(const char* function, const ASAttribute& attribute) {
+std::string callOf(const char* function, const ASAttribute& attribute) {
     std::string sql = function;
     sql += '(';
     appendOperand(sql, attribute);
     sql += ')';
-    return ASAttribute(ASAttribute::Raw::Expression, std::move(sql));
+    return sql;
 }
 
 }  // namespace
@@ -135,6 +135,18 @@ ASComparison ASAttribute::In(const ASAttribute& attribute, std::string_view list
     return ASComparison(std::move(node));
 }
 
+ASComparison ASAttribute::In(const ASAttribute& attribute, const std::vector<ASAttribute>& items) {
+    auto node = std::make_shared<Node>(Node::Kind::In);
+    node->first = attribute;
+    for (const ASAttribute& item : items) {
+        if (!node->value.text.empty()) node->value.text += ", ";
+        node->value.text += item.Query();
+    }
+    node->value.kind = ASValue::Kind::Text;
+    if (!isLiteralList(node->value.text)) node->items = items;
+    return ASComparison(std::move(node));
+}
+
 ASComparison ASAttribute::In(const ASAttribute& attribute, const ASAttribute& select) {
     if (!select.nestedSelect()) return In(attribute, select.name());
     auto node = std::make_shared<Node>(Node::Kind::In);
@@ -149,11 +161,25 @@ ASComparison ASAttribute::IsNull(const ASAttribute& attribute) {
     return ASComparison(std::move(node));
 }
 
+// Rendered at once, so that a column inside is qualified by what it is tied to now.
+ASAttribute ASAttribute::call(const char* function, const ASAttribute& attribute) {
+    ASAttribute made(Raw::Expression, callOf(function, attribute));
+    ASAttribute operand(attribute);
+    operand.m_impl = std::make_shared<Impl>(*attribute.m_impl);
+    made.m_impl->operand = std::make_shared<const ASAttribute>(std::move(operand));
+    return made;
+}
 ASAttribute ASAttribute::Lower(const ASAttribute& attribute) {
     return call("lower", attribute);
 }
 ASAttribute ASAttribute::Upper(const ASAttribute& attribute) {
     return call("upper", attribute);
+}
+ASStorage ASAttribute::storage() const {
+    return isColumn() && m_impl->domain ? m_impl->domain->storageOf(m_impl->text) : ASStorage::Usual;
+}
+const ASAttribute* ASAttribute::operand() const noexcept {
+    return m_impl->operand.get();
 }
 
 // A function an operator for each pair of operands: the language has no table of operators.

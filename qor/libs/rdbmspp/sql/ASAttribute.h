@@ -103,6 +103,10 @@ public:
     void Register(ASDomainPtr domain);
     const ASDataPtr& data() const noexcept;
     const ASDomainPtr& domain() const noexcept;
+    /// What a column is in its engine.
+    ASStorage storage() const;
+    /// What Lower() or Upper() was asked of; null for what is neither.
+    const ASAttribute* operand() const noexcept;
 
     /// The expression as SQL text, which is the same in every dialect.
     std::string Query() const;
@@ -113,6 +117,8 @@ public:
     static ASComparison Between(const ASAttribute& attribute, const ASAttribute& low, const ASAttribute& high);
     /// `list`: SQL of the items, joined with ", "; or of one select. Written by this program from quoted literals.
     static ASComparison In(const ASAttribute& attribute, std::string_view list);
+    /// Literals, columns and calls; one at least.
+    static ASComparison In(const ASAttribute& attribute, const std::vector<ASAttribute>& items);
     /// \param select an attribute that is one
     static ASComparison In(const ASAttribute& attribute, const ASAttribute& select);
     static ASComparison IsNull(const ASAttribute& attribute);
@@ -123,6 +129,7 @@ private:
     friend class ASData;
     friend class ASGroupAttribute;
     friend class ASSqlBuilder;
+    static ASAttribute call(const char* function, const ASAttribute& attribute);
     struct Impl;
     std::shared_ptr<Impl> m_impl;
 };

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "QORCommon/QORNumbers.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
@@ -268,8 +269,15 @@ Node::Op opposite(Node::Op op) {
     return Node::Op::Gt;
 }
 
+// A column of decimals keeps whole numbers that no number of floating point is.
+const ASValue& exactValue(ASSqlBuilder& b, const Node& node) {
+    if (node.value.kind != ASValue::Kind::Real || node.first->storage() != ASStorage::Decimal) return node.value;
+    const auto whole = parseInt64(node.value.text);
+    return whole ? b.keep(ASValue::ofInteger(*whole)) : node.value;
+}
+
 void writeValue(ASSqlBuilder& b, const Node& node) {
-    if (!node.opaque) return b.value(node.value);
+    if (!node.opaque) return b.value(exactValue(b, node));
     b.append(b.dialect().opaqueBegin);
     b.value(node.value);
     b.append(b.dialect().opaqueEnd);

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
@@ -126,6 +127,10 @@ ASDouble::ASDouble(double value) : ASData(ASType::Double), m_value(value) {
     m_state = State::Value;
 }
 
+ASDouble::ASDouble(double value, std::string spelled) : ASDouble(value) {
+    m_spelled = std::move(spelled);
+}
+
 std::string_view ASDouble::text(ASTextBuffer& scratch) const {
     if (m_state == State::Value) return copyTo(scratch, doubleToStr(m_value));
     return isNull() ? std::string_view() : m_raw;
@@ -215,6 +220,7 @@ ASValue valueOf(const ASData& data) {
             ASValue value;
             value.kind = ASValue::Kind::Real;
             value.real = static_cast<const ASDouble&>(data).value();
+            value.text = static_cast<const ASDouble&>(data).m_spelled;
             return value;
         }
         case ASType::DateTime:

@@ -18,6 +18,7 @@ namespace QOR {
 class ASAttribute;
 class ASComparison;
 struct ASDialect;
+struct ASValue;
 
 /// Bytes of a binary value. Owns them.
 class RealBlob {
@@ -157,12 +158,16 @@ class QOR_API ASDouble final : public ASData {
 public:
     ASDouble() : ASData(ASType::Double) {}
     explicit ASDouble(double value);
+    /// \param spelled the number as it was written, which a column of decimal numbers is compared with
+    ASDouble(double value, std::string spelled);
     double value() const noexcept { return m_value; }
     std::string_view text(ASTextBuffer& scratch) const override;
     void take(std::string_view stored) override;
 
 private:
+    friend ASValue valueOf(const ASData& data);
     double m_value = 0;
+    std::string m_spelled;
 };
 
 class QOR_API ASGuid final : public ASData {

@@ -24,6 +24,7 @@ struct ASAttribute::Impl {
     ASType type = ASType::VarChar;
     std::string text;  ///< the column's name, or SQL; of a select only where it is text already
     std::shared_ptr<const ASNestedSelect> nested;
+    std::shared_ptr<const ASAttribute> operand;  ///< of a call, which the text begins with
     ASDataPtr data;
     ASDomainPtr domain;
 };
@@ -50,8 +51,8 @@ struct ASComparison::Node {
         LikeText,       ///< first like value
         LikeAttribute,  ///< first like second
         Between,        ///< first between second and third
-        In,             ///< first in (value.text), or in the select that second is
-        IsNull,         ///< first
+        In,      ///< first in (value.text), which items are where one is no literal, or in the select that second is
+        IsNull,  ///< first
     };
     enum class Op : unsigned char { Eq, Ne, Gt, Ge, Lt, Le };
 
@@ -73,6 +74,7 @@ struct ASComparison::Node {
     std::optional<ASAttribute> first;
     std::optional<ASAttribute> second;
     std::optional<ASAttribute> third;
+    std::vector<ASAttribute> items;
     ASValue value;
     ASValue other;
 };

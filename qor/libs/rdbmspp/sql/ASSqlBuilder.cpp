@@ -92,6 +92,14 @@ void ASSqlBuilder::rows(const ASSelect& select, const ASComparison& where) {
     groupBy(filter.m_project);
 }
 
+/// The column whose values an item selects, null where it selects others.
+const ASAttribute* ASSqlBuilder::columnIn(const ASProject::Item& item) {
+    if (!item.group) return item.attribute->isColumn() ? &*item.attribute : nullptr;
+    const ASAttribute* const column = item.group->aggregated();
+    const bool exact = item.group->function() != Function::Count && item.group->function() != Function::Average;
+    return exact && column != nullptr && column->storage() == ASStorage::Decimal ? column : nullptr;
+}
+
 // Such an engine sorts distinct rows only by what is written in the list of what is selected, to the letter. So they
 // are made distinct first, and then read and sorted.
 void ASSqlBuilder::distinct(const ASSelect& select, const ASComparison& where) {
@@ -100,11 +108,11 @@ void ASSqlBuilder::distinct(const ASSelect& select, const ASComparison& where) {
     std::vector<ASAttribute> columns;
     ASStorages storages;
     for (const auto& item : items) {
-        const bool column = item->attribute && item->attribute->isColumn() && item->attribute->domain();
-        const ASType type = column ? item->attribute->type() : ASType::VarChar;
+        const ASAttribute* const column = columnIn(*item);
+        const ASType type = column ? column->type() : ASType::VarChar;
         columns.emplace_back("c" + std::to_string(columns.size()), type == ASType::Char ? ASType::VarChar : type);
         if (!column) continue;
-        const ASStorage storage = item->attribute->domain()->storageOf(item->attribute->name());
+        const ASStorage storage = column->storage();
         if (storage == ASStorage::Decimal || storage == ASStorage::ZonedTime) {
             storages.emplace(columns.back().name(), storage);
         }
@@ -172,10 +180,11 @@ void ASSqlBuilder::operand(const ASAttribute& attribute) {
     append(")");
 }
 
-void ASSqlBuilder::aggregate(const ASGroupAttribute& attribute) {
+void ASSqlBuilder::aggregate(const ASGroupAttribute& attribute, bool projected) {
     const auto& impl = *attribute.m_impl;
     if (m_dialect.typed && impl.attribute)
-        return ASTypedTerms(*this).aggregate(attribute, m_purpose == ASPurpose::Nested);
+        return ASTypedTerms(*this).aggregate(attribute, m_purpose == ASPurpose::Nested, projected);
+    if (isDecimalSum(attribute)) return append(decimalSum(attribute, projected));
     if (m_purpose == ASPurpose::Nested && impl.attribute) return nestedAggregate(attribute);
     if (isExactSum(attribute)) return append(exactSum(attribute));
     append(functionName(impl.function));
@@ -204,6 +213,21 @@ void ASSqlBuilder::nestedAggregate(const ASGroupAttribute& attribute) {
     append(functionName(impl.function));
     append(operand);
     append(")");
+}
+
+bool ASSqlBuilder::isDecimalSum(const ASGroupAttribute& attribute) const {
+    const auto& impl = *attribute.m_impl;
+    const bool adds = impl.function == Function::Sum || impl.function == Function::Average;
+    return adds && impl.attribute->storage() == ASStorage::Decimal;
+}
+
+std::string ASSqlBuilder::decimalSum(const ASGroupAttribute& attribute, bool projected) const {
+    const std::string column = attribute.m_impl->attribute->Query();
+    if (attribute.m_impl->function == Function::Average) {
+        const std::string average = m_dialect.decimalAverage(column);
+        return projected ? m_dialect.exactDouble(average) : average;
+    }
+    return projected ? m_dialect.decimalSum(column) : m_dialect.comparedDecimalSum(column);
 }
 
 bool ASSqlBuilder::isExactSum(const ASGroupAttribute& attribute) const {
@@ -327,10 +351,10 @@ void ASSqlBuilder::projectedAttribute(const ASAttribute& attribute) {
 
 void ASSqlBuilder::projectedAggregate(const ASGroupAttribute& attribute) {
     const auto& data = attribute.data();
-    if (!m_dialect.typed && isExecuted() && data && data->type() == ASType::Double) {
+    if (!m_dialect.typed && isExecuted() && data && data->type() == ASType::Double && !isDecimalSum(attribute)) {
         append(m_dialect.exactDouble(isExactSum(attribute) ? exactSum(attribute) : attribute.Query(m_dialect)));
     } else {
-        aggregate(attribute);
+        aggregate(attribute, isExecuted());
     }
 }
 

@@ -51,7 +51,8 @@ public:
     void append(std::string_view sql) { m_text += sql; }
     void column(const ASAttribute& attribute) { appendColumn(m_text, attribute); }
     void operand(const ASAttribute& attribute);
-    void aggregate(const ASGroupAttribute& attribute);
+    /// \param projected whether it is given to the driver
+    void aggregate(const ASGroupAttribute& attribute, bool projected = false);
     /// Only for an engine that is not typed.
     void value(const ASValue& value);
     /// For one that is: a value of this type of the engine's.
@@ -79,10 +80,13 @@ private:
     void parameter(const ASValue& value);
     void likeColumn(const ASAttribute& pattern);
     void distinct(const ASSelect& select, const ASComparison& where);
+    static const ASAttribute* columnIn(const ASProject::Item& item);
     void distinctItem(const ASProject::Item& item);
     void rows(const ASSelect& select, const ASComparison& where);
     void direction(bool descending);
     void nestedAggregate(const ASGroupAttribute& attribute);
+    bool isDecimalSum(const ASGroupAttribute& attribute) const;
+    std::string decimalSum(const ASGroupAttribute& attribute, bool projected) const;
     bool isExactSum(const ASGroupAttribute& attribute) const;
     std::string exactSum(const ASGroupAttribute& attribute) const;
     void projection(const ASProject& project);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "QORCommon/QORAscii.h"
@@ -20,7 +21,7 @@ namespace {
 using Node = ASComparison::Node;
 
 /// Types whose values compare with each other.
-enum class Family { Number, Text, Guid, Time };
+enum class Family { Number, Text, Guid, Time, Bytes };
 
 // As texts SQLite reads for numbers.
 constexpr const char* numberPattern = R"('^\s*[-+]?(\d+\.?\d*|\.\d+)([eE][-+]?\d{1,3})?\s*$')";
@@ -38,6 +39,8 @@ Family familyOf(ASType type) {
             return Family::Guid;
         case ASType::DateTime:
             return Family::Time;
+        case ASType::Blob:
+            return Family::Bytes;
         default:
             return Family::Text;
     }
@@ -51,8 +54,18 @@ Family familyOf(const ASNestedSelect& select) {
     return ofTheColumn ? familyOf(first.group->aggregated()->type()) : Family::Number;
 }
 
-ASStorage storageOf(const ASAttribute& column) {
-    return column.domain() ? column.domain()->storageOf(column.name()) : ASStorage::Usual;
+/// Of floating point, which the engine would make of whatever stands beside it.
+bool isReal(const ASAttribute& attribute) {
+    return attribute.isColumn() && attribute.type() == ASType::Double && attribute.storage() != ASStorage::Decimal;
+}
+
+bool isReal(const ASNestedSelect& select) {
+    const ASProject::Item& first = select.select().firstSelected();
+    if (!first.group) return isReal(*first.attribute);
+    const auto function = first.group->function();
+    if (function == ASGroupAttribute::Function::Count) return false;
+    if (function == ASGroupAttribute::Function::Average || isReal(*first.group->aggregated())) return true;
+    return function == ASGroupAttribute::Function::Sum && familyOf(first.group->aggregated()->type()) == Family::Text;
 }
 
 bool isOrder(Node::Op op) {
@@ -131,6 +144,7 @@ struct ASTypedTerms::Side {
     std::string_view sql{};                  ///< text of an expression
     ASStorage storage = ASStorage::Usual;
     bool whole = false;  ///< a column of whole numbers
+    bool real = false;   ///< of floating point
 };
 
 ASTypedTerms::Side ASTypedTerms::sideOf(const ASAttribute& attribute) {
@@ -138,10 +152,12 @@ ASTypedTerms::Side ASTypedTerms::sideOf(const ASAttribute& attribute) {
     made.attribute = &attribute;
     if (attribute.isColumn()) {
         made.family = familyOf(attribute.type());
-        made.storage = storageOf(attribute);
+        made.storage = attribute.storage();
+        made.real = isReal(attribute);
         made.whole = attribute.type() == ASType::Int || attribute.type() == ASType::BigInt;
     } else if (attribute.nestedSelect()) {
         made.family = familyOf(*attribute.nestedSelect());
+        made.real = isReal(*attribute.nestedSelect());
     } else if (const ASValue* const value = literal(attribute.name())) {
         made.attribute = nullptr;
         made.value = value;
@@ -162,8 +178,9 @@ void ASTypedTerms::operand(const ASAttribute& attribute) {
         attribute.nestedSelect() ? m_builder.nested(*attribute.nestedSelect()) : m_builder.append(attribute.name());
         return m_builder.append(")");
     }
+    if (attribute.operand() != nullptr) return call(attribute);
     if (!attribute.isColumn()) return expression(attribute.name());
-    const ASStorage storage = storageOf(attribute);
+    const ASStorage storage = attribute.storage();
     const bool text = attribute.type() == ASType::Char || storage == ASStorage::Other;
     const char* const cast = text ? " AS text)" : storage == ASStorage::Boolean ? " AS int)" : nullptr;
     if (cast != nullptr) m_builder.append("CAST(");
@@ -174,7 +191,7 @@ void ASTypedTerms::operand(const ASAttribute& attribute) {
 // The driver changes times that it cannot hold into others, and a number's receiver is a double, which holds fifteen
 // digits of any number: one with more is marked and stays the text that it is.
 void ASTypedTerms::projected(const ASAttribute& column) {
-    const ASStorage storage = storageOf(column);
+    const ASStorage storage = column.storage();
     if (column.type() == ASType::DateTime) {
         m_builder.append("CAST(");
         m_builder.column(column);
@@ -224,6 +241,11 @@ void ASTypedTerms::compare(const Side& left, Node::Op op, const Side& right) {
     if (left.value) return compareWithValue(right, mirrored(op), *left.value);
     if (right.value) return compareWithValue(left, op, *right.value);
     if (left.family != right.family) return compareMixed(left, op, right);
+    if (left.real != right.real) {
+        sideAsNumeric(left);
+        m_builder.append(operatorText(op));
+        return sideAsNumeric(right);
+    }
     side(left);
     // Two columns may have orders of their own, between which the engine does not choose.
     if (left.family == Family::Text) m_builder.append(m_builder.dialect().byteOrder);
@@ -233,8 +255,12 @@ void ASTypedTerms::compare(const Side& left, Node::Op op, const Side& right) {
 
 void ASTypedTerms::compareWithValue(const Side& left, Node::Op op, const ASValue& value) {
     if (value.kind == ASValue::Kind::Null) return m_builder.append("CAST(NULL AS boolean)");
-    if (value.kind == ASValue::Kind::Binary) return binary(left, op, value, "bytea");
+    // Bytes are greater than all else.
+    const bool bytes = value.kind == ASValue::Kind::Binary;
+    if (bytes != (left.family == Family::Bytes)) return known(left, holds(op, bytes));
     switch (left.family) {
+        case Family::Bytes:
+            return binary(left, op, value, "bytea");
         case Family::Number:
             return compareNumber(left, op, value);
         case Family::Guid:
@@ -252,7 +278,8 @@ void ASTypedTerms::compareNumber(const Side& left, Node::Op op, const ASValue& v
     const bool exact = left.whole || left.storage == ASStorage::Decimal;
     if (value.kind == ASValue::Kind::Integer) return compareWhole(left, op, value.integer);
     const bool real = value.kind == ASValue::Kind::Real;
-    const std::string text = real ? doubleToStr(value.real) : std::string(trimmed(value.text));
+    const bool spelled = !real || (exact && !value.text.empty());
+    const std::string text = spelled ? std::string(trimmed(value.text)) : doubleToStr(value.real);
     if (value.kind == ASValue::Kind::Text) {
         if (!isNumber(text)) return known(left, holds(op, true));
         if (const auto whole = parseInt64(text)) {
@@ -319,13 +346,35 @@ void ASTypedTerms::binary(const Side& left, Node::Op op, const ASValue& value, c
 
 // A text beside a number is read as one where it looks like it, and is greater elsewhere; all else compares as texts.
 void ASTypedTerms::compareMixed(const Side& left, Node::Op op, const Side& right) {
+    if (left.family == Family::Bytes || right.family == Family::Bytes) {
+        m_builder.append("CASE WHEN ");
+        side(left);
+        m_builder.append(" IS NOT NULL AND ");
+        side(right);
+        return m_builder.append(holds(op, right.family == Family::Bytes) ? " IS NOT NULL THEN TRUE END"
+                                                                         : " IS NOT NULL THEN FALSE END");
+    }
     const bool numberLeft = left.family == Family::Number;
-    if (!numberLeft && right.family != Family::Number) {
+    if (left.family == Family::Text || (!numberLeft && right.family == Family::Number)) {
+        return compareMixed(right, mirrored(op), left);
+    }
+    // Times and GUIDs stand in columns that read a text that looks like a number as one, which is less than they are.
+    const bool reads = !numberLeft && right.family == Family::Text && left.attribute->isColumn();
+    if (reads) {
+        m_builder.append("CASE WHEN ");
+        side(left);
+        m_builder.append(" IS NOT NULL AND ");
+        sideAsText(right);
+        m_builder.append(" ~ ");
+        m_builder.append(numberPattern);
+        m_builder.append(holds(op, false) ? " THEN TRUE ELSE " : " THEN FALSE ELSE ");
+    }
+    if (!numberLeft) {
         sideAsText(left);
         m_builder.append(operatorText(op));
-        return sideAsText(right);
+        sideAsText(right);
+        return m_builder.append(reads ? " END" : "");
     }
-    if (!numberLeft) return compareMixed(right, mirrored(op), left);
     m_builder.append("CASE WHEN ");
     side(left);
     m_builder.append(" IS NULL OR ");
@@ -334,9 +383,8 @@ void ASTypedTerms::compareMixed(const Side& left, Node::Op op, const Side& right
     sideAsText(right);
     m_builder.append(" ~ ");
     m_builder.append(numberPattern);
-    m_builder.append(" THEN CAST(");
-    side(left);
-    m_builder.append(" AS numeric)");
+    m_builder.append(" THEN ");
+    sideAsNumeric(left);
     m_builder.append(operatorText(op));
     m_builder.append("CAST(");
     sideAsText(right);
@@ -357,17 +405,28 @@ void ASTypedTerms::side(const Side& side) {
     expression(side.sql);
 }
 
+// A number beside numbers of other kinds.
+void ASTypedTerms::sideAsNumeric(const Side& side) {
+    if (side.real) {
+        m_builder.append(m_builder.dialect().exactNumeric(written(*side.attribute)));
+    } else {
+        m_builder.append("CAST(");
+        this->side(side);
+        m_builder.append(" AS numeric)");
+    }
+}
+
 void ASTypedTerms::sideAsText(const Side& side) {
     if (side.family == Family::Text) {
         this->side(side);
-    } else if (side.attribute->isColumn()) {
-        if (side.family == Family::Time) {
-            projected(*side.attribute);
-        } else {
-            m_builder.append("CAST(");
-            operand(*side.attribute);
-            m_builder.append(" AS text)");
-        }
+    } else if (side.attribute->isColumn() && side.family == Family::Time) {
+        projected(*side.attribute);
+    } else if (side.attribute->isColumn() && side.real) {
+        m_builder.append("(" + m_builder.dialect().realText(written(*side.attribute)) + ")");
+    } else if (side.storage == ASStorage::Decimal) {
+        m_builder.append("CAST(trim_scale(");
+        this->side(side);
+        m_builder.append(") AS text)");
     } else {
         m_builder.append("CAST(");
         this->side(side);
@@ -388,6 +447,7 @@ void ASTypedTerms::between(const Node& node) {
 void ASTypedTerms::in(const Node& node) {
     const Side left = sideOf(*node.first);
     if (node.second) return inSelect(left, *node.second);
+    if (!node.items.empty()) return inItems(left, node.items);
     if (node.value.text.starts_with("SELECT ")) {
         side(left);
         return m_builder.append(" IN (" + node.value.text + ")");
@@ -401,6 +461,30 @@ void ASTypedTerms::in(const Node& node) {
         item.value = literal(items[i]);
         item.sql = items[i];
         compare(left, Node::Op::Eq, item);
+    }
+    m_builder.append(")");
+}
+
+// What a text is looked for in is read as texts, and what is no column is not read as anything else: there '10' is
+// no 10.
+void ASTypedTerms::inItems(const Side& left, const std::vector<ASAttribute>& items) {
+    const char* separator = "(";
+    for (const ASAttribute& attribute : items) {
+        m_builder.append(std::exchange(separator, " OR "));
+        const Side item = sideOf(attribute);
+        if (left.family != Family::Text || item.value != nullptr || item.family != Family::Number) {
+            compare(left, Node::Op::Eq, item);
+        } else if (left.attribute != nullptr && left.attribute->isColumn()) {
+            sideAsText(left);
+            m_builder.append(operatorText(Node::Op::Eq));
+            sideAsText(item);
+        } else {
+            m_builder.append("CASE WHEN ");
+            side(left);
+            m_builder.append(" IS NOT NULL AND ");
+            side(item);
+            m_builder.append(" IS NOT NULL THEN FALSE END");
+        }
     }
     m_builder.append(")");
 }
@@ -431,6 +515,14 @@ bool ASTypedTerms::inArray(const Side& left, const std::vector<std::string_view>
 void ASTypedTerms::inSelect(const Side& left, const ASAttribute& select) {
     const ASNestedSelect& nested = *select.nestedSelect();
     const Family family = left.value ? Family::Text : left.family;
+    if (family == Family::Number && familyOf(nested) == Family::Number && left.real != isReal(nested)) {
+        sideAsNumeric(left);
+        m_builder.append(" IN (SELECT " + (isReal(nested) ? m_builder.dialect().exactNumeric("item") : "item") +
+                         " FROM (");
+        m_builder.nested(nested);
+        return m_builder.append(") AS items(item))");
+    }
+    if ((family == Family::Number) != (familyOf(nested) == Family::Number)) return inSelectOfOthers(left, nested);
     if (family == familyOf(nested)) {
         side(left);
         if (family == Family::Text) m_builder.append(m_builder.dialect().byteOrder);
@@ -440,6 +532,41 @@ void ASTypedTerms::inSelect(const Side& left, const ASAttribute& select) {
     }
     sideAsText(left);
     m_builder.append(" IN (SELECT CAST(item AS text) FROM (");
+    m_builder.nested(nested);
+    m_builder.append(") AS items(item))");
+}
+
+/// The number that a text looks like, one that equals no other where it looks like none.
+template <class Write>
+void ASTypedTerms::numberIn(const Write& text) {
+    m_builder.append("CASE WHEN ");
+    text();
+    m_builder.append(std::string(" ~ ") + numberPattern + " THEN CAST(");
+    text();
+    m_builder.append(" AS numeric) WHEN ");
+    text();
+    m_builder.append(" IS NOT NULL THEN CAST('NaN' AS numeric) END");
+}
+
+// Numbers among others. What looks like a number is read as one beside a column of numbers; a text that no column holds
+// is nothing that was counted or added up.
+void ASTypedTerms::inSelectOfOthers(const Side& left, const ASNestedSelect& nested) {
+    const bool ofColumn = !nested.select().firstSelected().group;
+    const bool isColumn = left.attribute != nullptr && left.attribute->isColumn();
+    if (left.family == Family::Number) {
+        sideAsNumeric(left);
+        m_builder.append(" IN (SELECT ");
+        numberIn([this] { m_builder.append("CAST(item AS text)"); });
+    } else if (left.family == Family::Text && ofColumn) {
+        numberIn([&] { sideAsText(left); });
+        m_builder.append(" IN (SELECT ");
+        m_builder.append(isReal(nested) ? m_builder.dialect().exactNumeric("item") : "CAST(item AS numeric)");
+    } else {
+        sideAsText(left);
+        m_builder.append(isColumn ? " IN (SELECT CAST(item AS text)"
+                                  : " || '.' IN (SELECT CASE WHEN item IS NOT NULL THEN '' END");
+    }
+    m_builder.append(" FROM (");
     m_builder.nested(nested);
     m_builder.append(") AS items(item))");
 }
@@ -503,7 +630,7 @@ std::string ASTypedTerms::written(const ASAttribute& attribute) {
 // Sums of whole numbers and of decimals are exact, and their averages are made of those. Smallest and greatest texts
 // and GUIDs have no place in a number, so that they are selected as null, but a select that is nested compares with
 // them.
-void ASTypedTerms::aggregate(const ASGroupAttribute& attribute, bool nested) {
+void ASTypedTerms::aggregate(const ASGroupAttribute& attribute, bool nested, bool projected) {
     using Function = ASGroupAttribute::Function;
     const Function function = attribute.function();
     const ASAttribute& over = *attribute.aggregated();
@@ -526,8 +653,20 @@ void ASTypedTerms::aggregate(const ASGroupAttribute& attribute, bool nested) {
         return m_builder.append("CAST(sum(" + operand + ") AS float8) / nullif(count(" + operand + "), 0)");
     }
     const std::string sql = (function == Function::Sum ? "sum(" : edge) + operand + ")";
-    const bool decimal = what.storage == ASStorage::Decimal && !nested;
+    const bool decimal = what.storage == ASStorage::Decimal && projected;
     m_builder.append(decimal ? m_builder.dialect().exactDecimal(sql) : sql);
+}
+
+// Calls upon calls, of a text or of what is read as one.
+void ASTypedTerms::call(const ASAttribute& attribute) {
+    constexpr std::size_t nameLength = 6;  // "lower("
+    std::size_t calls = 0;
+    const ASAttribute* inner = &attribute;
+    for (; inner->operand() != nullptr; inner = inner->operand(), ++calls)
+        m_builder.append(std::string_view(inner->name()).substr(0, nameLength));
+    sideAsText(sideOf(*inner));
+    for (; calls > 0; --calls)
+        m_builder.append(")");
 }
 
 // Calls upon calls of what folds letters, around a literal or a column.

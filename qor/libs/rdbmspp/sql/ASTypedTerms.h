@@ -28,8 +28,9 @@ public:
     /// A column as the driver has to be given it, so that it hands on what is stored.
     void projected(const ASAttribute& column);
 
-    /// An aggregate over an attribute. \param nested whether its result is compared and not read
-    void aggregate(const ASGroupAttribute& attribute, bool nested);
+    /// An aggregate over an attribute. \param nested whether its result is compared with others and not read
+    /// \param projected whether it is given to the driver, and not sorted by
+    void aggregate(const ASGroupAttribute& attribute, bool nested, bool projected);
 
 private:
     struct Side;
@@ -46,14 +47,20 @@ private:
     void known(const Side& side, bool answer);
     void side(const Side& side);
     void sideAsText(const Side& side);
+    void sideAsNumeric(const Side& side);
     void binary(const Side& left, Node::Op op, const ASValue& value, const char* type);
     void between(const Node& node);
     void in(const Node& node);
+    void inItems(const Side& left, const std::vector<ASAttribute>& items);
     bool inArray(const Side& left, const std::vector<std::string_view>& items);
     void inSelect(const Side& left, const ASAttribute& select);
+    void inSelectOfOthers(const Side& left, const ASNestedSelect& nested);
+    template <class Write>
+    void numberIn(const Write& text);
     void like(const Node& node);
     void likeColumn(const Node& node);
     void pattern(const Side& side);
+    void call(const ASAttribute& attribute);
     void expression(std::string_view sql);
     std::string written(const ASAttribute& attribute);
     const ASValue* literal(std::string_view sql);

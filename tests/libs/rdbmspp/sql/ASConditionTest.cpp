@@ -276,10 +276,9 @@ TEST_P(ASCondition, MoreParametersThanAStatementTakesBecomeLiterals) {
 }
 
 TEST_P(ASCondition, LongPatternIsRefusedInOurWords) {
-    if (isPostgres()) GTEST_SKIP() << "takes them";
     EXPECT_EQ(count(ASAttribute::Like(b.attribute, std::string(50000, '%'), 0)), 50u);
     EXPECT_EQ(failure([&] { count(ASAttribute::Like(b.attribute, std::string(50001, '%'), 0)); }),
-              "a pattern of LIKE has 50001 bytes; SQLite takes 50000");
+              std::string("a pattern of LIKE has 50001 bytes; ") + dialect().name + " takes 50000");
 }
 
 TEST_P(ASCondition, NulByteIsRefusedInOurWords) {

@@ -107,6 +107,14 @@ TEST_F(PostgresValues, TypesThatAreNoTextsAreReadAndComparedAsTheirTexts) {
 TEST_F(PostgresValues, GuidsAreInLowerCase) {
     read("uuid", "('6BA7B810-9DAD-41D1-80B4-00C04FD430C8')");
     EXPECT_THAT(stored(ASType::Guid), ElementsAre("6ba7b810-9dad-41d1-80b4-00c04fd430c8"));
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASStatement& statement = transaction->prepare("SELECT 'A', c, 'B', NULL FROM t");
+    statement.execute();
+    ASSERT_TRUE(statement.fetch());
+    EXPECT_EQ(statement.text(1), "A");
+    EXPECT_EQ(statement.text(2), "6ba7b810-9dad-41d1-80b4-00c04fd430c8");
+    EXPECT_EQ(statement.text(3), "B");
+    EXPECT_TRUE(statement.isNull(4));
 }
 
 TEST_F(PostgresValues, BytesAndLongTextsComeOutWhole) {

@@ -128,15 +128,14 @@ ASComparison ColumnCell::inOne(const ColumnCell& item) const {
 
 ASComparison ColumnCell::inList(const std::vector<ColumnCell>& items) const {
     ASComparison condition;
-    std::string list;
+    std::vector<ASAttribute> list;
     for (const ColumnCell& item : items) {
         // Beside other items a select would be read as one scalar, so it gets an "in" of its own.
         if (item.m_attribute && item.m_attribute->isSelect()) {
             condition = std::move(condition) || inOne(item);
             continue;
         }
-        if (!list.empty()) list += ", ";
-        list += item.asSQLString();
+        list.push_back(item.getAttrValue());
     }
     if (list.empty()) return condition;
     return std::move(condition) || ASAttribute::In(getAttrValue(), list);

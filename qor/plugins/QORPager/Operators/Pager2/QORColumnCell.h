@@ -29,6 +29,8 @@ public:
     /// A literal of the request, which has no type of its own: it takes that of what it is compared with. Or, when
     /// `isSql`, an expression that this program wrote.
     ColumnCell(std::string text, bool isSql);
+    /// A call of a function.
+    explicit ColumnCell(ASAttribute call) : m_attribute(std::move(call)) {}
     /// A nested select, never null.
     explicit ColumnCell(std::shared_ptr<const ASNestedSelect> select) : m_attribute(std::in_place, std::move(select)) {}
 

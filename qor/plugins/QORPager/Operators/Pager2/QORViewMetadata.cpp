@@ -77,12 +77,14 @@ void addColumn(MetaTablesMap& views, const SchemaTable::MetaData& row) {
     const std::string view = row.viewName->Str();
     const std::string lowered = toLowerText(view);
     const std::string column = row.name->Str();
+    const std::string type = toLowerText(row.type->Str());
     MetaColumn meta;
-    meta.type = typeOfColumn(lowered, column, toLowerText(row.type->Str()));
+    meta.type = typeOfColumn(lowered, column, type);
     if (isTextType(meta.type)) meta.length = static_cast<std::uint32_t>(std::max(row.length->value(), 0));
     MetaColumnsMap& columns = views[lowered];
     if (columns.viewName.empty()) columns.viewName = view;
     columns.columns.emplace(column, meta);
+    if (type == "decimal") columns.storages.emplace(column, ASStorage::Decimal);
 }
 
 std::shared_ptr<const MetaTablesMap> loadViews() {
@@ -258,7 +260,8 @@ ASDataPtr SelectStmnt::interpret(ColumnType type, const std::string* text, std::
         case ColumnType::BigInt:
             return make<ASInt64>(text, [](const std::string& value) { return strToLonglong(value); });
         case ColumnType::Double:
-            return make<ASDouble>(text, [](const std::string& value) { return strToDouble(value); });
+            if (text == nullptr) return std::make_shared<ASDouble>();
+            return std::make_shared<ASDouble>(strToDouble(*text), *text);
         case ColumnType::Guid:
             return make<ASGuid>(text, guidOf);
         case ColumnType::Blob:

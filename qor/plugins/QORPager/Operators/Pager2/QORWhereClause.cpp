@@ -185,8 +185,8 @@ ColumnCell SelectStmnt::funcExpr(QORBinaryIterator it) {
     const ColumnCell operand = primaryExpr(it);
     expectNoFurther(it, "more than one arguments are not allowed", __LINE__);
     const std::string function = toLowerText(name);
-    if (function == "upper") return {operand.upper(), true};
-    if (function == "lower") return {operand.lower(), true};
+    if (function == "upper") return ColumnCell(ASAttribute::Upper(operand.getAttrValue()));
+    if (function == "lower") return ColumnCell(ASAttribute::Lower(operand.getAttrValue()));
     refuse("unsupported function", __LINE__);
 }
 
