@@ -68,6 +68,7 @@ public:
         addImport();
         addSample();
         addCollect();
+        addCopy();
         addSelfCheck();
         addFilterCommand(m_app, m_filterExit);
     }
@@ -279,6 +280,18 @@ private:
         addConnection(*app, true);
     }
 
+    void addCopy() {
+        CLI::App* const app = command("copy", "Move a database into another one, of the same engine or of another",
+                                      [this] { runCopy(m_copy); });
+        const auto database = [app](const char* name, std::string& value, const char* description) {
+            app->add_option(name, value, description)->required()->transform(connectionStringOf)->type_name("DATABASE");
+        };
+        database("--from", m_copy.from, "SQLite's file, or an ODBC connection string; it is only read");
+        database("--to", m_copy.to, "likewise; without records, or what the same copy has begun to fill");
+        app->add_flag("--progress", m_copy.progress, "show progress even where standard error is no terminal");
+        app->footer(std::string("Ended at any point, the same command goes on where it stood.\n") + exitNote);
+    }
+
     void addSelfCheck() {
         CLI::App* const app = m_app.add_subcommand("self-check", "Proofs about this program, on copies of a database");
         app->require_subcommand(1);
@@ -313,6 +326,7 @@ private:
     PruneOptions m_prune;
     ImportOptions m_import;
     SampleCommandOptions m_sample;
+    CopyCommandOptions m_copy;
     SecurityCommandOptions m_security;
     std::function<void()> m_run;
     int m_filterExit = 0;

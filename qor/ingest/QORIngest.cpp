@@ -1,10 +1,9 @@
 #include "ingest/QORIngest.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <memory>
 
+#include "QORCommon/QORDigest.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
@@ -253,19 +252,7 @@ QORIngestRequest::QORIngestRequest(std::string_view requestKey, std::string_view
         throw QORException(errBadRequest, "Idempotency-Key: " + quoteText(key) + " is not 1 to " +
                                               std::to_string(longestKey) + " visible characters of ASCII");
     }
-    const std::string number = std::to_string(firstLine) + "\n";
-    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-    std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
-    unsigned size = 0;
-    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1 ||
-        EVP_DigestUpdate(context.get(), number.data(), number.size()) != 1 ||
-        EVP_DigestUpdate(context.get(), lines.data(), lines.size()) != 1 ||
-        EVP_DigestFinal_ex(context.get(), bytes.data(), &size) != 1) {
-        throw QORException(errFailure, "the digest of a request cannot be computed");
-    }
-    static constexpr char digits[] = "0123456789abcdef";
-    for (unsigned i = 0; i < size; ++i)
-        digest += {digits[bytes[i] >> 4], digits[bytes[i] & 15]};
+    digest = QORDigest().add(std::to_string(firstLine) + "\n").add(lines).hex();
 }
 
 QORIngest::QORIngest(QORIngestOptions options) : m_options(options) {}

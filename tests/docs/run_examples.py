@@ -32,7 +32,7 @@ import time
 from collections import Counter
 
 PAGES = ["README.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/odbc-drivers.md", "docs/operations.md",
-         "docs/postgresql.md", "docs/records.md", "docs/requests.md", "docs/rows.md", "docs/views.md", "bench/README.md",
+         "docs/postgresql.md", "docs/records.md", "docs/requests.md", "docs/rows.md", "docs/scale.md", "docs/views.md", "bench/README.md",
          "bench/filter/README.md", "fuzz/README.md"]
 KINDS = {"sh", "console", "json", "sh installed", "sh project", "sh form", "json form", "text", "cpp", "cmake",
          "sh walk", "console walk", "diff"}
@@ -115,7 +115,7 @@ class Machine:
         self.database = "Driver=SQLite3;Database=" + self.path("state/agent.db")
         os.symlink(os.path.join(programs, "qor-agent"), self.path("bin/qor-agent"))
         self._write("bin/qorctl", "#!/bin/sh\n"
-                    'case " $* " in *" --socket "* | *" --standalone "* | " filter "*) ;; '
+                    'case " $* " in *" --socket "* | *" --standalone "* | " filter "* | " copy "*) ;; '
                     f"*) set -- \"$@\" --socket '{self.socket}' ;; esac\n"
                     f"exec '{programs}/qorctl' \"$@\"\n")
         os.chmod(self.path("bin/qorctl"), 0o755)

@@ -73,6 +73,12 @@ struct PruneOptions {
     bool progress = false;  ///< also where standard error is no terminal
 };
 
+struct CopyCommandOptions {
+    std::string from;  ///< connection strings
+    std::string to;
+    bool progress = false;  ///< also where standard error is no terminal
+};
+
 void runSelect(const ConnectionOptions& connection, const SelectOptions& options, const PrintOptions& print);
 void runRows(const ConnectionOptions& connection, const RowsOptions& options, const PrintOptions& print);
 void runRequest(const ConnectionOptions& connection, const RequestOptions& options);
@@ -84,6 +90,8 @@ void runPrune(const ConnectionOptions& connection, const PruneOptions& options);
 void runImport(const ConnectionOptions& connection, const ImportOptions& options);
 void runSample(const ConnectionOptions& connection, const SampleCommandOptions& options);
 void runCollect(const ConnectionOptions& connection);
+/// Moves a database into another one, both of which it opens itself.
+void runCopy(const CopyCommandOptions& options);
 /// Proves on a copy of the database that row security holds. Throws AnsweredError when it does not.
 void runSelfCheckSecurity(const ConnectionOptions& connection, const SecurityCommandOptions& options);
 

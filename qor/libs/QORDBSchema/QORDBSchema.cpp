@@ -72,6 +72,14 @@ std::optional<int> markedVersion(ASSession& session) {
                        sourcePath, __LINE__);
 }
 
+[[noreturn]] void refuseFilling(const std::string& database) {
+    throw QORException(errFailure,
+                       "database " + quoteText(database, 1024) +
+                           " holds a part of another one: a copy into it has not ended. Give the same \"qorctl copy\" "
+                           "again, which goes on where it stood, or make the database anew",
+                       sourcePath, __LINE__);
+}
+
 std::int64_t now() {
     return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
@@ -121,6 +129,7 @@ QORSchemaReport openReadOnly(ASDatabaseOptions options) {
     options.readOnly = true;
     QORRdbms::instance().configure(options);
     const QORSchemaState state = inspectDatabase();
+    if (state.filling) refuseFilling(QORDBSchema::databaseName(options.connectionString));
     return {state, state.version, true};
 }
 
@@ -180,9 +189,11 @@ int QORDBSchema::currentVersion() noexcept {
 }
 
 QORSchemaState QORDBSchema::inspect(ASSession& session) {
-    if (const auto version = markedVersion(session)) return {QORSchemaState::Kind::Ours, *version};
-    const bool any = hasRows(session.prepare(engineOf(session).hasAnything));
-    return {any ? QORSchemaState::Kind::Foreign : QORSchemaState::Kind::Empty, 0};
+    const QORSchemaEngine& engine = engineOf(session);
+    if (const auto version = markedVersion(session))
+        return {QORSchemaState::Kind::Ours, *version, hasRows(session.prepare(engine.isFilling))};
+    const bool any = hasRows(session.prepare(engine.hasAnything));
+    return {any ? QORSchemaState::Kind::Foreign : QORSchemaState::Kind::Empty, 0, false};
 }
 
 int QORDBSchema::migrate(ASSession& session, int version) {
@@ -192,6 +203,7 @@ int QORDBSchema::migrate(ASSession& session, int version) {
     const std::string database = databaseName(QORRdbms::instance().options().connectionString);
     if (isForeign(found)) refuseForeign(database);
     if (found.version > latestVersion) refuseNewer(database, found.version);
+    if (found.filling && found.version < latestVersion) refuseFilling(database);
     if (found.kind == QORSchemaState::Kind::Empty) createMark(session);
     for (const QORVersionedStep& next : engine.steps) {
         if (next.version > found.version && next.version <= version) applyStep(session, next);
@@ -210,16 +222,18 @@ QORSchemaReport QORDBSchema::openDatabase(const ASDatabaseOptions& options, QORS
     const QORDatabaseFile file(options.connectionString);
     if (options.readOnly) return openReadOnly(options);
     // Who only asks makes no database: where none is, a name was mistaken.
-    const bool makes = mode == QORSchemaMode::Own;
+    const bool makes = mode != QORSchemaMode::Reading;
     if (!makes && !file.exists()) refuseEmpty(databaseName(options.connectionString), false);
     file.check();
     // Merely opening a database for writing may change its file (its journal), so another program's is looked at first.
     const auto found = lookReadOnly(options);
     if (found && isForeign(*found)) {
-        if (mode == QORSchemaMode::Own) refuseForeign(databaseName(options.connectionString));
+        if (makes) refuseForeign(databaseName(options.connectionString));
         return openReadOnly(options);
     }
     if (found && found->version > latestVersion) refuseNewer(databaseName(options.connectionString), found->version);
+    if (found && found->filling && mode != QORSchemaMode::Filling)
+        refuseFilling(databaseName(options.connectionString));
     if (!makes && found && found->kind == QORSchemaState::Kind::Empty)
         refuseEmpty(databaseName(options.connectionString), true);
     if (makes) file.create();
@@ -265,6 +279,37 @@ void QORDBSchema::restoreParts(ASSession& session) {
         session.execute(removal.empty() ? "CREATE OR REPLACE" + std::string(part.sql.substr(part.sql.find(' ')))
                                         : std::string(part.sql));
     }
+}
+
+void QORDBSchema::beginFilling(ASSession& session) {
+    session.execute(
+        "CREATE TABLE qor_copy (part text NOT NULL PRIMARY KEY, records bigint NOT NULL, digest text NOT NULL)");
+    const QORSchemaEngine& engine = engineOf(session);
+    for (const QORSchemaPart& part : partsOfSchema(engine)) {
+        const std::string removal = engine.removal(part);
+        if (!removal.empty()) session.execute(removal);
+    }
+}
+
+void QORDBSchema::completeFilling(ASSession& session) {
+    restoreParts(session);
+    const QORSchemaEngine& engine = engineOf(session);
+    if (*engine.afterFilling == '\0') return;
+    std::vector<std::string> statements;
+    ASStatement& select = session.prepare(engine.afterFilling);
+    select.execute();
+    while (select.fetch())
+        statements.emplace_back(select.text(1));
+    select.close();
+    for (const std::string& statement : statements)
+        session.execute(statement);
+}
+
+void QORDBSchema::endFilling(ASSession& session) {
+    session.execute("DROP TABLE qor_copy");
+    // Whoever has the environments in memory has to read them anew.
+    session.execute("INSERT INTO qor_environment_change (n, environments) SELECT n + 1, NULL FROM qor_change");
+    session.execute("UPDATE qor_change SET n = n + 1");
 }
 
 void QORDBSchema::makeShrinkable(ASSession& session) {

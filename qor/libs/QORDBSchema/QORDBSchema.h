@@ -19,6 +19,7 @@ namespace QOR {
 enum class QORSchemaMode {
     Own,      ///< keep records in it: another program's database is refused
     Reading,  ///< answer questions from it: another program's database is read as it is, and nothing is written to it
+    Filling,  ///< as Own, for a copy of another database: also one that such a copy has left unfinished
 };
 
 /// What a database was found to be.
@@ -29,7 +30,8 @@ struct QORSchemaState {
         Foreign,  ///< another program's
     };
     Kind kind = Kind::Empty;
-    int version = 0;  ///< of the host's schema; 0 unless Ours
+    int version = 0;       ///< of the host's schema; 0 unless Ours
+    bool filling = false;  ///< a copy of another database has begun to fill it, and not ended
 };
 
 /// What open() did.
@@ -50,7 +52,8 @@ public:
     /// be read are counted in the log. With options.readOnly nothing is ever written. In mode Own the files are made,
     /// or become, readable to their user alone. \throws QORException 1 for a database that is newer than this program,
     /// another program's in mode Own, missing or empty in mode Reading, or whose files another user has put there; the
-    /// text names the database. \throws AException when the database cannot be opened, read or written
+    /// text names the database. So it does for one that is being filled, unless in mode Filling.
+    /// \throws AException when the database cannot be opened, read or written
     static QORSchemaReport open(const ASDatabaseOptions& options, QORSchemaMode mode);
 
     /// Looks without writing.
@@ -68,6 +71,16 @@ public:
     static std::vector<std::string> missingParts(ASSession& session);
     /// Makes them anew, within the caller's transaction, which must be for writing.
     static void restoreParts(ASSession& session);
+
+    /// Makes a database of ours ready to be filled by a copy, within the caller's transaction: without triggers, which
+    /// would do again what was done, and without indexes, which are made faster when all is there. Until endFilling()
+    /// everybody else refuses it. Makes the table qor_copy (part, records, digest), for who fills to keep what it
+    /// needs.
+    static void beginFilling(ASSession& session);
+    /// When all records are there: makes the parts, and lets those that come from now on arrive behind them.
+    static void completeFilling(ASSession& session);
+    /// Takes the refusal, and qor_copy, away again.
+    static void endFilling(ASSession& session);
 
     /// Writes the file anew, without what is free in it, so that it can be made smaller from then on as records are
     /// removed. Not within a transaction; as long as the file is large, writers wait. \throws AException

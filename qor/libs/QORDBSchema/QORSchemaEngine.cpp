@@ -128,6 +128,16 @@ constexpr const char* postgresColumnTypes =
 
 constexpr const char* postgresViewOrder = " ORDER BY CAST(c.relname AS text) COLLATE \"C\", a.attnum";
 
+// A table whose key is none of its columns keeps the order of arrival in its rowid, which has a column of its own in
+// other engines. Columns that are computed are none.
+constexpr const char* sqliteTableColumns =
+    "SELECT m.name, c.name, lower(CASE WHEN instr(c.type, '(') > 0 THEN substr(c.type, 1, instr(c.type, '(') - 1) "
+    "ELSE c.type END), c.pk, c.cid FROM sqlite_master m JOIN pragma_table_xinfo(m.name) c "
+    "WHERE m.type = 'table' AND substr(m.name, 1, 4) = 'qor_' AND c.hidden = 0 UNION ALL "
+    "SELECT l.name, 'rowid', 'integer', 0, -1 FROM pragma_table_list l WHERE l.schema = 'main' AND l.type = 'table' "
+    "AND l.wr = 0 AND substr(l.name, 1, 4) = 'qor_' AND NOT EXISTS (SELECT 1 FROM pragma_table_xinfo(l.name) k "
+    "WHERE k.pk = 1 AND lower(k.type) = 'integer') ORDER BY 1, 5";
+
 constexpr QORSchemaEngine sqlite{
     .steps = sqliteSteps,
     .parts = sqliteParts,
@@ -139,7 +149,13 @@ constexpr QORSchemaEngine sqlite{
         "SELECT 1 FROM pragma_table_info('qor_schema_version') WHERE name IN ('version', 'mark') "
         "GROUP BY 1 HAVING count(*) = 2",
     .hasIdentity = "SELECT 1 FROM pragma_table_info('qor_database') WHERE name = 'id'",
+    .isFilling = "SELECT 1 FROM pragma_table_info('qor_copy') LIMIT 1",
     .hasAnything = "SELECT 1 FROM sqlite_master WHERE substr(name, 1, 7) <> 'sqlite_' LIMIT 1",
+    .tableColumns = sqliteTableColumns,
+    .references =
+        "SELECT DISTINCT m.name, f.\"table\" FROM sqlite_master m JOIN pragma_foreign_key_list(m.name) f "
+        "WHERE m.type = 'table'",
+    .afterFilling = "",
     .viewColumns = sqliteViewColumns,
     .viewName = "m.name",
     .viewOrder = sqliteViewOrder,
@@ -162,10 +178,30 @@ constexpr QORSchemaEngine postgres{
     .hasIdentity =
         "SELECT 1 FROM information_schema.columns WHERE table_schema = current_schema() "
         "AND table_name = 'qor_database' AND column_name = 'id'",
+    .isFilling =
+        "SELECT 1 FROM pg_class WHERE relnamespace = CAST(current_schema() AS regnamespace) AND relname = 'qor_copy'",
     .hasAnything =
         "SELECT 1 FROM pg_class c WHERE c.relnamespace = CAST(current_schema() AS regnamespace) "
         "AND c.relkind IN ('r', 'p', 'v', 'm', 'f') AND NOT EXISTS (SELECT 1 FROM pg_depend d WHERE d.objid = c.oid "
         "AND d.classid = CAST('pg_class' AS regclass) AND d.deptype = 'e') LIMIT 1",
+    .tableColumns =
+        "SELECT CAST(c.relname AS text), CAST(a.attname AS text), CAST(t.typname AS text), "
+        "coalesce((SELECT k.place FROM unnest(CAST(i.indkey AS int2[])) WITH ORDINALITY k (number, place) "
+        "WHERE k.number = a.attnum), 0) FROM pg_class c JOIN pg_attribute a ON a.attrelid = c.oid AND a.attnum > 0 "
+        "AND NOT a.attisdropped AND a.attgenerated = '' JOIN pg_type t ON t.oid = a.atttypid "
+        "LEFT JOIN pg_index i ON i.indrelid = c.oid AND i.indisprimary WHERE c.relkind = 'r' "
+        "AND c.relnamespace = CAST(current_schema() AS regnamespace) AND c.relname LIKE 'qor\\_%' "
+        "ORDER BY CAST(c.relname AS text) COLLATE \"C\", a.attnum",
+    .references =
+        "SELECT DISTINCT CAST(c.relname AS text), CAST(r.relname AS text) FROM pg_constraint f "
+        "JOIN pg_class c ON c.oid = f.conrelid JOIN pg_class r ON r.oid = f.confrelid WHERE f.contype = 'f' "
+        "AND c.relnamespace = CAST(current_schema() AS regnamespace)",
+    .afterFilling =
+        "SELECT format('SELECT setval(pg_get_serial_sequence(%L, %L), max(%I)) FROM %I HAVING max(%3$I) IS NOT NULL', "
+        "c.relname, a.attname, a.attname, c.relname) FROM pg_class c JOIN pg_attribute a ON a.attrelid = c.oid "
+        "AND a.attidentity <> '' WHERE c.relkind = 'r' AND c.relnamespace = CAST(current_schema() AS regnamespace) "
+        "UNION ALL SELECT format('ANALYZE %I', c.relname) FROM pg_class c WHERE c.relkind = 'r' "
+        "AND c.relnamespace = CAST(current_schema() AS regnamespace) AND c.relname LIKE 'qor\\_%'",
     .viewColumns = postgresViewColumns,
     .viewName = "c.relname",
     .viewOrder = postgresViewOrder,

@@ -35,9 +35,13 @@ struct QORSchemaEngine {
     const char* markTable;                    ///< makes the table that tells the host's databases from others
     const char* hasMark;                      ///< a row where that table is there, with its columns
     const char* hasIdentity;                  ///< a row where the database's identity is kept
+    const char* isFilling;                    ///< a row where there is the table of an unfinished copy
     const char* hasAnything;                  ///< a row where there is any table or view
-    const char* viewColumns;                  ///< the select behind SchemaTable, without its order
-    const char* viewName;                     ///< in it, a view's name
+    const char* tableColumns;  ///< a select behind readTables(): table, column, type, place in the key from 1, or 0
+    const char* references;    ///< a select of tables and those that they refer to
+    const char* afterFilling;  ///< a select of statements to run when tables have been filled; "" where there are none
+    const char* viewColumns;   ///< the select behind SchemaTable, without its order
+    const char* viewName;      ///< in it, a view's name
     const char* viewOrder;
     /// A select of view, column and the engine's own type, for columns that are stored otherwise than their type in
     /// SchemaTable tells; "" where there are none.

@@ -475,7 +475,8 @@ void OdbcConnection::check(int rc, short type, void* handle, const std::string& 
     if (rc == SQL_INVALID_HANDLE) throw AException("an ODBC handle is invalid", "HY000", 0, statement);
     Diagnosis d = diagnose(type, handle);
     std::string text = m_dialect->plainText(d.text, d.state, d.native);
-    const ASFailure meaning = m_dialect->failureOf(d.state, d.native);
+    ASFailure meaning = m_dialect->failureOf(d.state, d.native);
+    if (meaning == ASFailure::Statement && isDead()) meaning = ASFailure::Unreachable;
     const bool doubt = m_dialect->leavesDoubt(meaning);
     if (doubt) m_broken = true;
     if (m_connected && m_sqlite == nullptr && meaning == ASFailure::Unreachable) m_lost = true;
@@ -486,6 +487,14 @@ void OdbcConnection::check(int rc, short type, void* handle, const std::string& 
         ASFaults::instance().report(failure, takeSqliteComplaint(), m_reading);
     endRequest(failure);
     throw failure;
+}
+
+// PostgreSQL's driver says HY000 of some of what it was doing when the server went away.
+bool OdbcConnection::isDead() const noexcept {
+    if (!m_connected || m_sqlite != nullptr) return false;
+    SQLUINTEGER dead = SQL_CD_FALSE;
+    return SQL_SUCCEEDED(SQLGetConnectAttr(m_handle, SQL_ATTR_CONNECTION_DEAD, &dead, 0, nullptr)) &&
+           dead == SQL_CD_TRUE;
 }
 
 bool OdbcConnection::isForReading() const noexcept {

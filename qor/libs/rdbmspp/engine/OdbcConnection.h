@@ -154,6 +154,7 @@ private:
     bool beginAgain();
     /// Whether nothing may be written now, so that a refusal to write is no fault of the database.
     bool isForReading() const noexcept;
+    bool isDead() const noexcept;
     bool streams() const noexcept { return !m_mark.empty(); }
     /// Calls again while somebody else's lock is in the way, as long as the patience lasts. \returns SQLRETURN
     template <class Call>

@@ -119,9 +119,20 @@ std::string faultOf(const std::filesystem::path& file, bool mayBeCreated) {
     return {};
 }
 
+// What a library wrote for a terminal.
+std::string onOneLine(std::string_view text) {
+    std::string line;
+    for (const char letter : text) {
+        const bool blank = letter == '\n' || letter == '\t' || letter == ' ';
+        if (!blank || (!line.empty() && line.back() != ' ')) line += blank ? ' ' : letter;
+    }
+    if (line.ends_with(' ')) line.pop_back();
+    return line;
+}
+
 AException cannotOpen(const Settings& settings, const AException& error) {
     std::string text = "cannot open the database \"" + settings.database + "\" with the driver \"" + settings.driver +
-                       "\": " + error.text();
+                       "\": " + onOneLine(error.text());
     const bool file = engineOfDriver(settings.driver) == ASEngine::SQLite && !isInMemory(settings.database);
     if (file && error.text() == "connect failed") text += faultOf(settings.database, settings.mayCreate);
     return error.reworded(std::move(text));
@@ -929,7 +940,7 @@ void QORRdbms::write(const std::function<void(ASSession&)>& work) {
     constexpr auto pause = std::chrono::milliseconds(5);
     for (unsigned runs = 1;; ++runs) {
         try {
-            QORRdbmsTran transaction(ASAccess::Write);
+            QORRdbmsTran transaction(*this, ASAccess::Write);
             work(*transaction);
             transaction.commit();
             return;
@@ -953,6 +964,9 @@ void QORRdbms::prepareProcess() {
 // --- transactions ----------------------------------------------------------------------------------------------
 
 struct QORRdbmsTran::Impl {
+    explicit Impl(QORRdbms::Impl& from) : pool(from) {}
+
+    QORRdbms::Impl& pool;
     ASWriterQueue::Turn turn;
     std::unique_ptr<ASSession> session;
     bool active = false;
@@ -993,8 +1007,8 @@ bool begin(ASSession& session, ASAccess access) {
 
 // A connection to a server may have been lost while it lay idle, which its first use tells. Nothing was done on it by
 // then, and the others of its time are gone with it, so that the next one is new.
-QORRdbmsTran::QORRdbmsTran(ASAccess access) : m_impl(std::make_unique<Impl>()) {
-    auto& pool = *QORRdbms::instance().m_impl;
+QORRdbmsTran::QORRdbmsTran(QORRdbms& database, ASAccess access) : m_impl(std::make_unique<Impl>(*database.m_impl)) {
+    auto& pool = m_impl->pool;
     m_impl->writes = access == ASAccess::Write;
     if (m_impl->writes) {
         m_impl->turn = pool.takeTurn();
@@ -1031,7 +1045,7 @@ QORRdbmsTran::~QORRdbmsTran() {
         }
     }
     countHeld(false);
-    QORRdbms::instance().m_impl->release(std::move(m_impl->session));
+    m_impl->pool.release(std::move(m_impl->session));
 }
 
 void QORRdbmsTran::commit() {
@@ -1039,7 +1053,7 @@ void QORRdbmsTran::commit() {
     if (m_session->impl().connection.isOwing()) {
         throw AException("nothing is committed before what is owed for triggers that were skipped is written");
     }
-    auto& pool = *QORRdbms::instance().m_impl;
+    auto& pool = m_impl->pool;
     auto& impl = m_session->impl();
     if (!impl.connection.abortedBy().empty()) {
         throw AException("nothing was committed, since a statement had failed: " + impl.connection.abortedBy(), "25P02",

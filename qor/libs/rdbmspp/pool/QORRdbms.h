@@ -1,6 +1,6 @@
 /// \file
-/// The host's database: one per process, a pool of connections, transactions on them, and plain statements for the
-/// host's own SQL.
+/// Databases: the host's, of which a process has one, and others; pools of connections, transactions on them, and plain
+/// statements for the host's own SQL.
 #pragma once
 
 #include <cstdint>
@@ -93,7 +93,8 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
-/// The process's database. Thread-safe.
+/// A database. Thread-safe. instance() is the one that the process serves; whoever needs another one besides makes an
+/// object of his own, which outlives its transactions.
 ///
 /// What a thread does for a request (QORRequestControl) ends with that request, be it waiting for a connection, for its
 /// turn to write or for another program's lock, running a statement or fetching: then a QORException errDeadline is
@@ -105,6 +106,10 @@ private:
 class QOR_API QORRdbms {
 public:
     static QORRdbms& instance();
+    QORRdbms();
+    ~QORRdbms();
+    QORRdbms(const QORRdbms&) = delete;
+    QORRdbms& operator=(const QORRdbms&) = delete;
     /// Sets where the database is and makes sure that it can be opened; closes what was open before.
     /// \throws AException naming driver, database and reason
     void configure(const ASDatabaseOptions& options);
@@ -131,8 +136,6 @@ public:
     static void prepareProcess();
 
 private:
-    QORRdbms();
-    ~QORRdbms();
     friend class QORRdbmsTran;
     struct Impl;
     std::unique_ptr<Impl> m_impl;
@@ -155,7 +158,8 @@ enum class ASAccess {
 /// it.
 class QOR_API QORRdbmsTran {
 public:
-    explicit QORRdbmsTran(ASAccess access = ASAccess::Read);
+    explicit QORRdbmsTran(ASAccess access = ASAccess::Read) : QORRdbmsTran(QORRdbms::instance(), access) {}
+    QORRdbmsTran(QORRdbms& database, ASAccess access);
     ~QORRdbmsTran();
     QORRdbmsTran(const QORRdbmsTran&) = delete;
     QORRdbmsTran& operator=(const QORRdbmsTran&) = delete;
