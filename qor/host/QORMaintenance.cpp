@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <iterator>
 #include <mutex>
 #include <utility>
@@ -59,11 +60,9 @@ auto reading(Work work) {
     QORRdbmsTran tran(ASAccess::Read);
     return work(*tran);
 }
-template <class Work>
-void writing(Work work) {
-    QORRdbmsTran tran(ASAccess::Write);
-    work(*tran);
-    tran.commit();
+/// It may have to be run again: what it found before this returns is not true yet.
+void writing(const std::function<void(ASSession&)>& work) {
+    QORRdbms::instance().write(work);
 }
 
 using Findings = std::vector<QORCheckFinding>;
@@ -148,9 +147,13 @@ Findings checkForeignKeys(bool mend) {
 Findings checkDocuments(bool mend) {
     QORDocumentCheck check(mend ? QORDocumentCheck::Mode::Mend : QORDocumentCheck::Mode::Look);
     for (bool more = true; more;) {
-        QORRdbmsTran tran(mend ? ASAccess::Write : ASAccess::Read);
-        more = check.step(*tran);
-        tran.commit();
+        QORDocumentCheck next = check;
+        const auto step = [&](ASSession& session) {
+            next = check;
+            more = next.step(session);
+        };
+        mend ? writing(step) : reading(step);
+        check = std::move(next);
     }
     Findings findings;
     for (const QORDocumentCheck::Column& column : check.columns()) {
@@ -280,23 +283,17 @@ std::uint64_t removeWithAll(ASSession& session, const std::string& table, std::i
     return static_cast<std::uint64_t>(session.changes());
 }
 
-/// One transaction. \returns how many records it removed
-std::uint64_t removeOldest(const std::string& table, std::int64_t before, std::int64_t most = recordsOfTransaction) {
-    QORRdbmsTran tran(ASAccess::Write);
-    if (!isSqlite(*tran)) {
-        const std::uint64_t removed = removeWithAll(*tran, table, before, most);
-        tran.commit();
-        return removed;
-    }
-    QORLogCounters counters(*tran);
-    const std::vector<std::int64_t> sequences = takeOldest(*tran, table, before, most, counters);
+/// Where the host counts, and sees to what belongs to a record.
+std::uint64_t removeAndCount(ASSession& session, const std::string& table, std::int64_t before, std::int64_t most) {
+    QORLogCounters counters(session);
+    const std::vector<std::int64_t> sequences = takeOldest(session, table, before, most, counters);
     if (table == "qor_operation" && counters.counts()) {
         for (const std::int64_t sequence : sequences)
-            discountOperation(*tran, sequence, counters);
+            discountOperation(session, sequence, counters);
     }
     const std::string json = toJson(sequences);
     const auto run = [&](const std::string& sql) {
-        tran->prepare(sql).bind(1, std::string_view(json)).execute(ASTriggers::Skip);
+        session.prepare(sql).bind(1, std::string_view(json)).execute(ASTriggers::Skip);
     };
     if (table == "qor_operation")
         run("DELETE FROM qor_operation_environment WHERE operation IN (SELECT value FROM json_each(?))");
@@ -304,8 +301,17 @@ std::uint64_t removeOldest(const std::string& table, std::int64_t before, std::i
     run("DELETE FROM qor_unreadable_document WHERE source = '" + table +
         "' AND record IN (SELECT value FROM json_each(?))");
     counters.finish();
-    tran.commit();
     return sequences.size();
+}
+
+/// One transaction. \returns how many records it removed
+std::uint64_t removeOldest(const std::string& table, std::int64_t before, std::int64_t most = recordsOfTransaction) {
+    std::uint64_t removed = 0;
+    writing([&](ASSession& session) {
+        removed = isSqlite(session) ? removeAndCount(session, table, before, most)
+                                    : removeWithAll(session, table, before, most);
+    });
+    return removed;
 }
 
 QORPruneStep pruneTable(const std::string& table, std::int64_t before) {
@@ -328,15 +334,16 @@ bool givesSpaceBack(ASSession& session) {
 }
 
 QORPruneStep giveSpaceBack() {
-    QORRdbmsTran tran(ASAccess::Write);
-    if (!givesSpaceBack(*tran)) return {};
-    const std::int64_t before = number(*tran, freePages);
-    if (before == 0) return {};
-    tran->execute("PRAGMA incremental_vacuum(" + std::to_string(pagesOfStep) + ")");
-    const std::int64_t after = number(*tran, freePages);
-    const std::int64_t size = number(*tran, pageSize);
-    tran.commit();
-    return {static_cast<std::uint64_t>((before - after) * size), after > 0 && after < before};
+    QORPruneStep step;
+    writing([&](ASSession& session) {
+        step = {};
+        const std::int64_t before = givesSpaceBack(session) ? number(session, freePages) : 0;
+        if (before == 0) return;
+        session.execute("PRAGMA incremental_vacuum(" + std::to_string(pagesOfStep) + ")");
+        const std::int64_t after = number(session, freePages);
+        step = {static_cast<std::uint64_t>((before - after) * number(session, pageSize)), after > 0 && after < before};
+    });
+    return step;
 }
 
 /// The file shrinks when its log has been worked into it.

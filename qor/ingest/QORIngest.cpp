@@ -59,6 +59,17 @@ void refreshCache(std::span<const QORRecord> batch) {
     }
 }
 
+/// Record by record where that costs less.
+RecordBatchCounts storeBatch(ASSession& session, std::span<const QORRecord> batch, bool keepEqual) {
+    if (session.engine() != ASEngine::SQLite) return storeTogether(session, batch, keepEqual);
+    RecordBatchCounts counts;
+    RecordWriter writer(session, keepEqual);
+    for (const QORRecord& record : batch)
+        count(counts[record.index()], writer.store(record));
+    writer.finish();
+    return counts;
+}
+
 bool isBlank(std::string_view line) {
     return line.find_first_not_of(" \t") == std::string_view::npos;
 }
@@ -177,23 +188,19 @@ private:
         m_batchBytes = 0;
     }
 
-    /// One transaction. Counts are added once it is committed.
+    /// One transaction, which may have to be run again: what is known here changes once it is committed.
     void write(std::span<const QORRecord> batch, bool keepEqual, std::uint64_t firstLine, std::uint64_t lastLine) {
-        std::array<QORIngestCounts, recordKindCount> counts;
+        RecordBatchCounts counts;
+        std::optional<QORIngestResult> elsewhere;
         try {
-            QORRdbmsTran tran(ASAccess::Write);
-            if (m_ledger && wasStoredMeanwhile(*tran, lastLine)) return;
-            if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(*tran);
-            if (tran->engine() == ASEngine::SQLite) {
-                RecordWriter writer(*tran, keepEqual);
-                for (const QORRecord& record : batch)
-                    count(counts[record.index()], writer.store(record));
-                writer.finish();
-            } else {
-                counts = storeTogether(*tran, batch, keepEqual);
-            }
-            if (m_ledger) m_ledger->put(*tran, resultWith(counts), !m_isKnown);
-            tran.commit();
+            QORRdbms::instance().write([&](ASSession& session) {
+                counts = {};
+                elsewhere = m_ledger ? storedElsewhere(session, lastLine) : std::nullopt;
+                if (elsewhere) return;
+                if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(session);
+                counts = storeBatch(session, batch, keepEqual);
+                if (m_ledger) m_ledger->put(session, resultWith(counts), !m_isKnown);
+            });
         } catch (const AException& error) {
             m_result.failure = QORIngestFailure{firstLine, lastLine, error.text()};
             return;
@@ -203,6 +210,7 @@ private:
             return;
         }
         refreshCache(batch);
+        if (elsewhere) return goOnFrom(std::move(elsewhere));
         for (std::size_t kind = 0; kind < counts.size(); ++kind)
             addCounts(m_result.counts[kind], counts[kind]);
         if (m_ledger) {
@@ -212,23 +220,24 @@ private:
         if (m_progress) m_progress(m_result);
     }
 
-    QORIngestResult resultWith(const std::array<QORIngestCounts, recordKindCount>& counts) const {
+    QORIngestResult resultWith(const RecordBatchCounts& counts) const {
         QORIngestResult result = m_result;
         for (std::size_t kind = 0; kind < counts.size(); ++kind)
             addCounts(result.counts[kind], counts[kind]);
         return result;
     }
 
-    /// An earlier attempt at the same request may still have been at work while this one began.
-    bool wasStoredMeanwhile(ASSession& session, std::uint64_t lastLine) {
+    /// Another attempt at the same request may be at work, in this process or another one: this one waits for its
+    /// batch. \returns what has become of the request where that went further than is known here
+    std::optional<QORIngestResult> storedElsewhere(ASSession& session, std::uint64_t lastLine) const {
+        m_ledger->lock(session);
         std::optional<QORIngestResult> known = m_ledger->find(session);
         const std::uint64_t storedLine = known ? known->lastLine : 0;
-        if (known.has_value() == m_isKnown && storedLine == m_doneLine) return false;
+        if (known.has_value() == m_isKnown && storedLine == m_doneLine) return std::nullopt;
         if (storedLine < lastLine) {
             throw QORException(errSameRequest, "a request with this Idempotency-Key is being worked on");
         }
-        goOnFrom(std::move(known));
-        return true;
+        return known;
     }
 
     const QORIngestOptions& m_options;

@@ -79,6 +79,15 @@ QORIngestResult resultOf(std::string_view text, const std::string& key) {
 
 }  // namespace
 
+// SQLite has one transaction write at a time anyway.
+void RequestLedger::lock(ASSession& session) const {
+    if (session.engine() == ASEngine::SQLite) return;
+    ASStatement& wait =
+        session.prepare("SELECT pg_advisory_xact_lock(hashtextextended('qor request ' || CAST(? AS text), 0))");
+    wait.bind(1, std::string_view(m_request.key)).execute();
+    wait.close();
+}
+
 std::optional<QORIngestResult> RequestLedger::find(ASSession& session) const {
     ASStatement& select = session.prepare("SELECT digest, last_line, result FROM qor_request WHERE key = ?");
     select.bind(1, std::string_view(m_request.key)).execute();

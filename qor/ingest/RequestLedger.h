@@ -20,6 +20,8 @@ public:
     /// \param request whose key has been checked
     explicit RequestLedger(const QORIngestRequest& request) : m_request(request) {}
 
+    /// Waits until nobody else is at work on the request, and keeps others waiting until the transaction ends.
+    void lock(ASSession& session) const;
     /// What has become of the request so far; nothing when it is new. `lastLine` is the line up to which it is stored.
     /// \throws QORException 422 when the key belongs to a request with another content
     std::optional<QORIngestResult> find(ASSession& session) const;

@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <fstream>
+#include <future>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -86,6 +88,35 @@ TEST(SeveralAgents, AnyNumberMayWriteToAServer) {
     EXPECT_TRUE(knowsAny(second));
     HttpClient(first.socketPath()).post("/v1/records", environment());
     EXPECT_TRUE(knowsAny(first));
+}
+
+TEST(SeveralAgents, AttemptsAtOneRequestAtTheSameTimeStoreItOnceAndAnswerAlike) {
+    const TestDatabase database;
+    const AgentProcess first(on(database));
+    std::optional<AgentProcess> another;
+    if (testEngine() == ASEngine::PostgreSQL) another.emplace(on(database));
+    const AgentProcess& second = another ? *another : first;
+    std::string lines;
+    for (int number = 0; number < 3500; ++number)
+        lines += number % 500 == 3 ? "bad line\n" : R"({"kind":"event","time":)" + std::to_string(number) + "}\n";
+    for (int round = 1; round <= 8; ++round) {
+        const auto send = [&](const AgentProcess& agent) {
+            return HttpClient(agent.socketPath())
+                .request("POST", "/v1/records", lines, "Idempotency-Key: key-" + std::to_string(round) + "\r\n");
+        };
+        auto one = std::async(std::launch::async, [&] { return send(first); });
+        const auto other = send(second);
+        const auto answer = one.get();
+        EXPECT_EQ(answer.status, 200) << answer.body;
+        EXPECT_EQ(answer.body, other.body);
+        EXPECT_THAT(answer.body, ::testing::HasSubstr(R"("accepted":3493,)"));
+        EXPECT_EQ(send(second).body, answer.body);
+        const std::string count = R"([1040,")" + std::to_string(3493 * round) + R"("])";
+        EXPECT_THAT(HttpClient(first.socketPath())
+                        .message(R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],)"
+                                 R"([1741,"id"],[1377,[[1024,"1"]]],[1259]]]})"),
+                    ::testing::HasSubstr(count));
+    }
 }
 
 }  // namespace

@@ -242,9 +242,7 @@ QORSchemaReport QORDBSchema::openDatabase(const ASDatabaseOptions& options, QORS
     QORSchemaReport report{found.value_or(QORSchemaState()), latestVersion, false};
     if (found && found->kind == QORSchemaState::Kind::Ours && found->version == latestVersion) return report;
     if (report.found.kind == QORSchemaState::Kind::Empty) makeNewShrinkable();
-    QORRdbmsTran tran(ASAccess::Write);
-    report.found.version = migrate(*tran);
-    tran.commit();
+    QORRdbms::instance().write([&](ASSession& session) { report.found.version = migrate(session); });
     if (report.found.version < latestVersion) {
         logMessage(2, "QORDBSchema", sourcePath, __func__, "Database '%s': schema version %d, was %d",
                    databaseName(options.connectionString).c_str(), latestVersion, report.found.version);

@@ -935,21 +935,50 @@ void QORRdbms::shutdown() {
     m_impl->settings.reset();
 }
 
+namespace {
+
+/// Decides whether a transaction that failed is run again.
+class Rerun {
+public:
+    Rerun(const ASDialect& dialect, std::chrono::milliseconds patience)
+        : m_mayBeAway(*dialect.transactionOutcome != '\0'), m_patience(patience) {}
+
+    bool isWorthwhile(const AException& error) {
+        if (error.failure() == ASFailure::Undone) return ++m_undone < mostUndone;
+        if (error.failure() != ASFailure::Unreachable || !m_mayBeAway) return false;
+        const auto now = QORRequestControl::Clock::now();
+        if (m_away == QORRequestControl::Clock::time_point::max()) m_away = now;
+        return now - m_away < m_patience;
+    }
+    /// Writers that undid each other do not meet again at once.
+    void pause() const {
+        constexpr auto step = std::chrono::milliseconds(10);
+        std::this_thread::sleep_for(step * (m_undone + 1));
+        QORRequestControl::checkCurrent();
+    }
+
+private:
+    static constexpr unsigned mostUndone = 8;
+
+    bool m_mayBeAway;  ///< a server, which may be started again; a file that is gone is none
+    std::chrono::milliseconds m_patience;
+    unsigned m_undone = 0;
+    QORRequestControl::Clock::time_point m_away = QORRequestControl::Clock::time_point::max();
+};
+
+}  // namespace
+
 void QORRdbms::write(const std::function<void(ASSession&)>& work) {
-    constexpr unsigned mostRuns = 4;
-    constexpr auto pause = std::chrono::milliseconds(5);
-    for (unsigned runs = 1;; ++runs) {
+    Rerun rerun(dialect(), std::chrono::milliseconds(options().busyTimeoutMs));
+    for (;; rerun.pause()) {
         try {
             QORRdbmsTran transaction(*this, ASAccess::Write);
             work(*transaction);
             transaction.commit();
             return;
         } catch (const AException& error) {
-            const bool lost = error.failure() == ASFailure::Unreachable && runs == 1;
-            if (!lost && (error.failure() != ASFailure::Undone || runs == mostRuns)) throw;
+            if (!rerun.isWorthwhile(error)) throw;
         }
-        std::this_thread::sleep_for(pause * runs);
-        QORRequestControl::checkCurrent();
     }
 }
 

@@ -126,8 +126,10 @@ public:
     /// emptied or written over in place has the same name, and may well have the same tables.
     void expect(std::string select, std::string value);
     /// Runs `work` in a transaction that writes, and commits it. Where the engine undoes the transaction for another
-    /// one's sake, or the connection is lost and nothing was committed, it is run again, a few times: what it does
-    /// beside the database has to bear that. \throws what it throws, and what QORRdbmsTran does
+    /// one's sake it is run again, some times; where the server cannot be reached, or no longer, and nothing was
+    /// committed, until it has been away for busyTimeoutMs or the request ends. So what `work` does beside the database
+    /// has to bear that, and nobody believes what it found before this returns. \throws what it throws, and what
+    /// QORRdbmsTran does
     void write(const std::function<void(ASSession&)>& work);
     /// Closes idle connections; those in use close when they come back.
     void shutdown();
