@@ -12,7 +12,7 @@ packages=(
 )
 
 # What the tests run beside the program.
-test_packages=(postgresql-15 odbc-postgresql)
+test_packages=(postgresql-15 odbc-postgresql openssl)
 
 say() {
     if [ -t 2 ]; then printf '\033[1m==> %s\033[0m\n' "$*" >&2; else printf '==> %s\n' "$*" >&2; fi

@@ -10,12 +10,16 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <iostream>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORPasswords.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "agent/MemoryKeeper.h"
 #include "agent/SignalWatch.h"
@@ -286,10 +290,16 @@ int parseAndServe(int argc, char** argv) {
     Settings settings;
     CLI::App app("Hosts the plug-ins of this machine and answers its clients over a unix socket.", "qor-agent");
     declareOptions(app, settings);
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    hidePasswords(argc, argv);
+    std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
     try {
-        app.parse(argc, argv);
+        app.parse(arguments);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? EXIT_SUCCESS : badUsage;
+        std::ostringstream complaint;
+        const bool done = app.exit(error, std::cout, complaint) == 0;
+        std::cerr << withoutPasswords(complaint.str()) << std::flush;
+        return done ? EXIT_SUCCESS : badUsage;
     }
     return settings.checkConfig ? checkConfig(settings) : serve(settings);
 }

@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORPasswords.h"
 #include "QORCommon/QORText.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
@@ -81,7 +82,7 @@ public:
         } catch (const CLI::ParseError& error) {
             // Help and version are thrown as well, with the status 0.
             if (error.get_exit_code() == 0) return m_app.exit(error);
-            throw CtlError::usage(complaint(error));
+            throw CtlError::usage(withoutPasswords(complaint(error)));
         }
         if (!m_run) return m_filterExit;
         m_run();

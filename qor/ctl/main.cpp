@@ -1,12 +1,18 @@
 // qorctl: the command-line client.
 #include <signal.h>
 
+#include <string>
+#include <vector>
+
 #include "CommandLine.h"
+#include "QORCommon/QORPasswords.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 int main(int argc, char** argv) {
     QOR::QORRdbms::prepareProcess();
     // A reader that has seen enough is noticed where the output is written.
     ::signal(SIGPIPE, SIG_IGN);
-    return QOR::runCommandLine({argv + 1, argv + argc});
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    QOR::hidePasswords(argc, argv);
+    return QOR::runCommandLine(arguments);
 }

@@ -109,6 +109,12 @@ TEST_F(Package, ServiceKeepsItsStateToItselfAndItsSocketForItsGroup) {
     EXPECT_THAT(contentsOf(prefix() / "lib/sysusers.d/qor.conf"), HasSubstr("\ng qor - -\n"));
 }
 
+TEST_F(Package, ServiceWaitsForADatabaseThatComesLaterThanTheAgent) {
+    const std::string unit = contentsOf(installed("qor-agent.service"));
+    EXPECT_THAT(unit, AllOf(HasSubstr("\nRestart=on-failure\nRestartSec=5\n"), HasSubstr("\nStartLimitIntervalSec=0\n"),
+                            HasSubstr("network-online.target postgresql.service\n")));
+}
+
 TEST_F(Package, ThePagerExportsItsEntryPointsAlone) {
     const auto [status, output] =
         test::runProgram({QOR_TEST_NM, "--dynamic", "--defined-only", installed("libQORPager.so").string()});

@@ -27,12 +27,12 @@ constexpr const char* user = "qor";
 // Runs beside the server and outlives the test by the moment that it takes to clean up: the end of its input is the end
 // of the test, whichever way that came.
 constexpr const char* keeperScript = R"sh(
-programs=$1 folder=$2 user=$3
+programs=$1 folder=$2 user=$3 port=$4
 server=
 start() {
     "$programs/postgres" -D "$folder/data" >>"$folder/log" 2>&1 </dev/null &
     server=$!
-    until "$programs/pg_isready" -q -h "$folder" -p 5432 -d postgres; do
+    until "$programs/pg_isready" -q -h "$folder" -p "$port" -d postgres; do
         kill -0 "$server" 2>/dev/null || { echo "failed: $(tail -n 3 "$folder/log" | tr '\n' ' ')"; return; }
         sleep 0.02
     done
@@ -47,6 +47,7 @@ trap 'stop; rm -rf "$folder"' EXIT
 if "$programs/initdb" -D "$folder/data" -U "$user" --auth=trust --no-sync --no-instructions --encoding=UTF8 \
     --locale=C.UTF-8 --locale-provider=icu --icu-locale=en >"$folder/log" 2>&1 </dev/null; then
     cat >>"$folder/data/postgresql.conf" <<END
+port = $port
 listen_addresses = ''
 unix_socket_directories = '$folder'
 fsync = off
@@ -137,14 +138,15 @@ PostgresServer& PostgresServer::shared() {
     return server;
 }
 
-PostgresServer::PostgresServer() {
+PostgresServer::PostgresServer(int port) : m_port(port) {
     if (!std::filesystem::exists(std::string(programs) + "/postgres")) {
         throw std::runtime_error("there is no PostgreSQL in " + std::string(programs) +
                                  ": its tests need the packages that ./test installs");
     }
     m_folder = "/tmp/qor-test-XXXXXX";
     if (::mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("cannot make a temporary folder");
-    std::vector<std::string> command{"sh", "-c", keeperScript, "keeper", programs, m_folder, user};
+    std::vector<std::string> command{"sh",     "-c",     keeperScript, "keeper",
+                                     programs, m_folder, user,         std::to_string(m_port)};
     if (::geteuid() == 0) {
         const passwd* const owner = unprivileged();
         if (::chown(m_folder.c_str(), owner->pw_uid, owner->pw_gid) != 0) {
@@ -216,11 +218,12 @@ void PostgresServer::dropDatabase(const std::string& name) {
 }
 
 std::string PostgresServer::connectionString(const std::string& database) const {
-    return "Driver=PostgreSQL Unicode;Server=" + m_folder + ";Port=5432;Database=" + database + ";UID=" + user;
+    return "Driver=PostgreSQL Unicode;Server=" + m_folder + ";Port=" + std::to_string(m_port) +
+           ";Database=" + database + ";UID=" + user;
 }
 
 std::string PostgresServer::conninfo(const std::string& database) const {
-    return "host=" + m_folder + " port=5432 user=" + user + " dbname=" + database;
+    return "host=" + m_folder + " port=" + std::to_string(m_port) + " user=" + user + " dbname=" + database;
 }
 
 PostgresDatabase::~PostgresDatabase() {

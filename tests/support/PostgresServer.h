@@ -39,7 +39,8 @@ public:
     /// The program's one server, started at the first call. Tests that stop it start it again.
     static PostgresServer& shared();
 
-    PostgresServer();
+    /// \param port a part of the name of its socket
+    explicit PostgresServer(int port = 5432);
     ~PostgresServer();
     PostgresServer(const PostgresServer&) = delete;
     PostgresServer& operator=(const PostgresServer&) = delete;
@@ -65,6 +66,7 @@ private:
     void tell(const std::string& command);
     void waitFor(const std::string& answer);
 
+    int m_port;
     std::string m_folder;
     pid_t m_keeper = -1;
     int m_commands = -1;

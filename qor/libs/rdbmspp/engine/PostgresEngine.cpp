@@ -33,6 +33,35 @@ constexpr Setting clientSettings[] = {
     {"keepalives_interval", "2"}, {"keepalives_count", "2"}, {"tcp_user_timeout", "10000"},
 };
 
+struct Advice {
+    const char* reason;  ///< a part of what the engine or its library says
+    const char* advice;
+};
+
+constexpr const char* nameAuthority =
+    ": name the file with the certificate of the authority that has signed the server's, in PEM: "
+    "pqopt={sslrootcert=FILE}, PGSSLROOTCERT, or ~/.postgresql/root.crt";
+
+// In their order; of a reason that says several things the first counts.
+constexpr Advice advices[] = {
+    {"certificate verify failed", nameAuthority},
+    {"root certificate file", nameAuthority},
+    {"does not match host name", ": Server has to be one of the names in the server's certificate"},
+    {"server does not support SSL",
+     ": switch it on there (ssl = on in postgresql.conf), or leave SSLmode out where nobody can listen"},
+    {"no pg_hba.conf entry", ": the server's pg_hba.conf has to let this role in from here"},
+    {"Peer authentication failed",
+     ": over a socket the role has to bear the name of this program's user, or the server's pg_hba.conf to say "
+     "scram-sha-256 for it"},
+    {"no password supplied",
+     ": put it into ~/.pgpass or the file that PGPASSFILE names (HOST:PORT:DATABASE:ROLE:PASSWORD, mode 0600), or "
+     "behind "
+     "PWD="},
+    {"password authentication failed",
+     ": PWD, or the line of ~/.pgpass or of the file that PGPASSFILE names, is wrong"},
+    {"Connection refused", ": start the server, or correct Server and Port"},
+};
+
 // Rows that are asked for at once by whoever reads many.
 constexpr const char* rowsAtOnce = "10000";
 
@@ -83,6 +112,13 @@ std::string postgresScript(std::chrono::milliseconds patience) {
     return "SET standard_conforming_strings = on; SET bytea_output = 'hex'; SET IntervalStyle = 'postgres'; "
            "SET TimeZone = 'UTC'; SET client_min_messages = error; SET lock_timeout = " +
            std::to_string(std::min<std::chrono::milliseconds::rep>(patience.count(), 1 << 30));
+}
+
+std::string postgresAdvice(const std::string& reason) {
+    for (const auto& [part, advice] : advices) {
+        if (reason.find(part) != std::string::npos) return advice;
+    }
+    return {};
 }
 
 }  // namespace QOR

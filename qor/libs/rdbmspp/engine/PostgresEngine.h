@@ -20,4 +20,7 @@ std::string postgresStreaming(OdbcConnectionString string);
 /// the connection string say. Run before anything else. \param patience with locks of others
 std::string postgresScript(std::chrono::milliseconds patience);
 
+/// What to do where a connection cannot be opened, to be put behind the reason; "" where the reason says it.
+std::string postgresAdvice(const std::string& reason);
+
 }  // namespace QOR

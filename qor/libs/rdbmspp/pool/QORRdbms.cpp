@@ -119,14 +119,15 @@ std::string faultOf(const std::filesystem::path& file, bool mayBeCreated) {
     return {};
 }
 
-// What a library wrote for a terminal.
+// What a library wrote for a terminal, a sentence a line.
 std::string onOneLine(std::string_view text) {
     std::string line;
-    for (const char letter : text) {
-        const bool blank = letter == '\n' || letter == '\t' || letter == ' ';
-        if (!blank || (!line.empty() && line.back() != ' ')) line += blank ? ' ' : letter;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find('\n', at), text.size());
+        const std::size_t begin = text.find_first_not_of(" \t", at);
+        if (begin < end) line += (line.empty() ? "" : ". ") + std::string(text.substr(begin, end - begin));
+        at = end + 1;
     }
-    if (line.ends_with(' ')) line.pop_back();
     return line;
 }
 
@@ -810,7 +811,24 @@ bool mayBeImmutable(const Settings& settings) {
            isOnReadOnlyFileSystem(settings.database) && ASFileIdentity::of(settings.database + "-wal").size == 0;
 }
 
-std::string adviceFor(const Settings& settings) {
+// The driver manager says which file it did not find, not what would bring it.
+std::string adviceForDriver(const std::string& driver, const std::string& reason) {
+    if (reason.find("Data source name not found") != std::string::npos)
+        return ": neither odbc.ini nor the user's .odbc.ini has a data source of this name";
+    if (reason.find("Can't open lib") == std::string::npos) return {};
+    const std::optional<ASEngine> engine = engineOfDriver(driver);
+    if (engine == ASEngine::SQLite)
+        return ": the driver is not installed; on Debian it is in the package libsqliteodbc, and is called \"SQLite3\"";
+    if (engine == ASEngine::PostgreSQL)
+        return ": the driver is not installed; on Debian it is in the package odbc-postgresql, and is called "
+               "\"PostgreSQL Unicode\"";
+    return ": there is no driver of this name (\"odbcinst -q -d\" lists those that there are); on Debian the package "
+           "libsqliteodbc brings \"SQLite3\", odbc-postgresql \"PostgreSQL Unicode\"";
+}
+
+std::string adviceFor(const Settings& settings, const std::string& reason) {
+    if (std::string advice = adviceForDriver(settings.driver, reason); !advice.empty()) return advice;
+    if (engineOfDriver(settings.driver) == ASEngine::PostgreSQL) return postgresAdvice(reason);
     if (settings.engine != ASEngine::SQLite || !settings.options.readOnly || isInMemory(settings.database)) return {};
     const bool log = ASFileIdentity::of(settings.database + "-wal").size > 0;
     if (log && isOnReadOnlyFileSystem(settings.database)) {
@@ -853,7 +871,7 @@ std::unique_ptr<ASSession> openFirst(Settings& settings, OdbcConnectionString& s
         return openAndProbe(settings, string);
     } catch (const AException& error) {
         if (!mayBeImmutable(settings)) {
-            throw error.reworded(error.text() + adviceFor(settings));
+            throw error.reworded(error.text() + adviceFor(settings, error.text()));
         }
     }
     settings.immutable = true;

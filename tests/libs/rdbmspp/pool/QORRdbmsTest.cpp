@@ -341,6 +341,41 @@ TEST_F(QORRdbmsTest, WhatCannotBeOpenedIsNamed) {
     EXPECT_EQ(all().size(), 2u);
 }
 
+TEST_F(QORRdbmsTest, ADriverThatIsNotInstalledIsNamedWithThePackageThatBringsIt) {
+    const struct {
+        std::string connection;
+        std::string advice;
+    } cases[] = {
+        {"Driver=SQLite9;Database=x.db", "on Debian it is in the package libsqliteodbc, and is called \"SQLite3\""},
+        {"Driver=PostgreSQL Runes;Server=x;Database=x",
+         "on Debian it is in the package odbc-postgresql, and is called \"PostgreSQL Unicode\""},
+        {"Driver=Nope;Database=x", "there is no driver of this name (\"odbcinst -q -d\" lists those that there are)"},
+        {"DSN=nope", "neither odbc.ini nor the user's .odbc.ini has a data source of this name"},
+    };
+    for (const auto& c : cases) {
+        auto wrong = options();
+        wrong.connectionString = c.connection;
+        EXPECT_THAT(failure([&] { QORRdbms::instance().configure(wrong); }), HasSubstr(c.advice)) << c.connection;
+    }
+}
+
+TEST_F(QORRdbmsTest, AnotherDatabaseBesideTheProcesssOwnIsReadAndWrittenOnItsOwn) {
+    open(schema);
+    QORRdbms other;
+    auto elsewhere = options();
+    elsewhere.connectionString = "Driver=SQLite3;Database=" + m_folder.file("other.db");
+    other.configure(elsewhere);
+    other.write([](ASSession& session) { session.execute("CREATE TABLE t (a INT)"); });
+    const QORRdbmsTran there(other, ASAccess::Write);
+    insert(3);
+    EXPECT_EQ(all().size(), 3u);
+    QORRdbmsTran reading(other, ASAccess::Read);
+    ASStatement& count = reading->prepare("SELECT count(*) FROM t");
+    count.execute();
+    ASSERT_TRUE(count.fetch());
+    EXPECT_EQ(count.integer(1), 0);
+}
+
 TEST_F(QORRdbmsTest, LockedDatabaseIsAFailureAndTheNextRequestWorks) {
     open(schema);
     {
