@@ -62,8 +62,19 @@ std::optional<std::string> readText(const Named& member) {
     return std::string(member.value.text);
 }
 
-std::string readIdentifier(const Named& member) {
+/// A text that an index holds, which takes no more of it in every engine.
+std::optional<std::string> readIndexed(const Named& member) {
+    constexpr std::size_t most = 2000;
     auto text = readText(member);
+    if (text && text->size() > most) {
+        refuse("member " + quoteText(std::string(member.prefix) + std::string(member.value.name)) + " has " +
+               std::to_string(text->size()) + " bytes; what is searched by has at most " + std::to_string(most));
+    }
+    return text;
+}
+
+std::string readIdentifier(const Named& member) {
+    auto text = readIndexed(member);
     if (!text || text->empty()) member.refuseAs("an identifier");
     return std::move(*text);
 }
@@ -136,7 +147,7 @@ std::vector<std::string> readTexts(const Named& member) {
     for (auto item = member.tree.firstChild(member.value); item; item = member.tree.nextSibling(*item)) {
         JsonValue named = *item;
         named.name = member.value.name;
-        auto text = readText({member.tree, named, member.prefix});
+        auto text = readIndexed({member.tree, named, member.prefix});
         if (!text) member.refuseAs("an array of texts without null");
         texts.push_back(std::move(*text));
     }
@@ -261,7 +272,8 @@ using ConfigMember = Member<QORConfigRecord>;
 
 // The document holds the text.
 void checkText(QORConfigRecord& record, const Named& member, QOREnvMember which) {
-    record.nulls[static_cast<std::size_t>(which)] = !readText(member);
+    record.nulls[static_cast<std::size_t>(which)] =
+        !(which == QOREnvMember::Hostname ? readIndexed(member) : readText(member));
 }
 
 void readOs(QORConfigRecord& record, const Named& member);
@@ -337,7 +349,7 @@ constexpr Member<QOREventRecord> eventMembers[] = {
     {"time", [](QOREventRecord& r, const Named& m) { r.time = readTime(m); }, true},
     {"eid", [](QOREventRecord& r, const Named& m) { r.eid = readEid(m); }},
     {"source", [](QOREventRecord& r, const Named& m) { r.source = readText(m); }},
-    {"category", [](QOREventRecord& r, const Named& m) { r.category = readText(m); }},
+    {"category", [](QOREventRecord& r, const Named& m) { r.category = readIndexed(m); }},
     {"info", [](QOREventRecord& r, const Named& m) { r.info = readInfo(m); }},
 };
 

@@ -102,8 +102,9 @@ inline QORRecordKind kindOf(const QORRecord& record) {
 /// A line is one JSON object with a member "kind". Required are an environment's eid, an operation's id and time, an
 /// event's time, a backup's id and time; any other member may be absent or null, which is a missing value (0 for
 /// numbers). What is there must be of its type: texts are texts, numbers whole and in range, times whole seconds or a
-/// text for parseTime from the year 0 to 9999, GUIDs what the GUID parser takes ("" is none). Members that a kind does
-/// not have are refused, but for those of configurations, which are kept in the document.
+/// text for parseTime from the year 1 to 9999, GUIDs what the GUID parser takes ("" is none). Members that a kind does
+/// not have are refused, but for those of configurations, which are kept in the document. Identifiers, categories,
+/// hostnames and addresses have at most 2,000 bytes.
 ///
 /// Info documents: an object becomes parameters, an array repeats its parameter (an array in an array has parameters
 /// "item"), numbers, true and false are the text that JSON has for them, null is the empty text.
