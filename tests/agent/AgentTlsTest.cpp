@@ -176,6 +176,15 @@ TEST(AgentOverTls, IsRefusedByItselfWhereTheServerHasAnotherName) {
                             Not(HasSubstr(password))));
 }
 
+TEST(AgentOverTls, IsEncryptedWhereTheServerOffersItAndNothingWasSaid) {
+    const std::string whole = server().withPassword();
+    const std::string database = whole.substr(0, whole.find(";SSLmode=")) + whole.substr(whole.find(";PWD="));
+    AgentSettings settings;
+    settings.database = database;
+    const AgentProcess agent(settings);
+    EXPECT_EQ(runCtl({"status", "--socket", agent.socketPath()}).status, 0) << "it lets nobody in without";
+}
+
 TEST(AgentOverTls, SaysWhichFileWithAuthoritiesIsMissing) {
     EXPECT_THAT(refusalOf(server().connection({}, "missing")),
                 AllOf(HasSubstr("missing.crt"), HasSubstr("name the file with the certificate of the authority")));

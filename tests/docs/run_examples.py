@@ -10,6 +10,7 @@ says what it is:
     console         commands behind `$ ` and what they print; a line `...` stands for any lines
     json            a request, which is answered without an error; a record, which is stored; or the answer of the request
                     in front of it
+    sh postgresql, console postgresql   likewise, with a PostgreSQL server in place of the installed one
     sh installed    commands that need an installed system or its plug-in; not run
     sh project      the project's own scripts; their options and presets have to exist
     sh form, json form   with a part left out; not run
@@ -34,7 +35,7 @@ from collections import Counter
 PAGES = ["README.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/odbc-drivers.md", "docs/operations.md",
          "docs/postgresql.md", "docs/records.md", "docs/requests.md", "docs/rows.md", "docs/scale.md", "docs/views.md", "bench/README.md",
          "bench/filter/README.md", "fuzz/README.md"]
-KINDS = {"sh", "console", "json", "sh installed", "sh project", "sh form", "json form", "text", "cpp", "cmake",
+KINDS = {"sh", "console", "json", "sh postgresql", "console postgresql", "sh installed", "sh project", "sh form", "json form", "text", "cpp", "cmake",
          "sh walk", "console walk", "diff"}
 SAMPLE = ["--environments", "50", "--operations", "1000", "--events", "500", "--backups", "100", "--seed", "1"]
 SECONDS = 300  # for one example; sanitizers are slow
@@ -102,6 +103,38 @@ def matches(expected, printed):
     return bool(printed) and expected[0] == printed[0] and matches(expected[1:], printed[1:])
 
 
+class PostgresServer:
+    """A server of the page's own, on a socket in a folder of its own. It ends with this process, however that ends."""
+
+    PROGRAMS = "/usr/lib/postgresql/15/bin"
+
+    def __init__(self):
+        self.folder = tempfile.mkdtemp(prefix="qor-docs-")
+        self._drop = []
+        if os.geteuid() == 0:
+            shutil.chown(self.folder, "postgres", "postgres")
+            self._drop = ["--reuid=postgres", "--regid=postgres", "--clear-groups"]
+        data = os.path.join(self.folder, "data")
+        self._run(["initdb", "-D", data, "-U", "postgres", "--auth=trust", "--no-sync", "--encoding=UTF8", "--locale=C.UTF-8"])
+        self._process = subprocess.Popen(["setpriv", "--pdeathsig=QUIT"] + self._drop + ["--", f"{self.PROGRAMS}/postgres", "-D", data, "-k",
+                                          self.folder, "-c", "listen_addresses=", "-c", "fsync=off"], cwd="/", stdout=subprocess.DEVNULL,
+                                         stderr=subprocess.DEVNULL)
+        for _ in range(SECONDS * 10):
+            if subprocess.run(["pg_isready", "-q", "-h", self.folder], check=False).returncode == 0:
+                return
+            time.sleep(0.1)
+        raise Failure("the PostgreSQL server does not start")
+
+    def _run(self, command):
+        subprocess.run(["setpriv"] + self._drop + ["--", f"{self.PROGRAMS}/{command[0]}"] + command[1:], cwd="/", check=True,
+                       capture_output=True, timeout=SECONDS)
+
+    def close(self):
+        self._process.send_signal(signal.SIGQUIT)
+        self._process.wait(timeout=SECONDS)
+        shutil.rmtree(self.folder)
+
+
 class Machine:
     """A folder with an agent and a sample database, in which a page's examples run."""
 
@@ -119,6 +152,10 @@ class Machine:
                     f"*) set -- \"$@\" --socket '{self.socket}' ;; esac\n"
                     f"exec '{programs}/qorctl' \"$@\"\n")
         os.chmod(self.path("bin/qorctl"), 0o755)
+        # Whose user a command runs as is the server's business; here it lets everybody in.
+        self._write("bin/sudo", "#!/bin/sh\nwhile [ \"$1\" = -u ]; do shift 2; done\nexec \"$@\"\n")
+        os.chmod(self.path("bin/sudo"), 0o755)
+        self.postgres = None
         self._write("work/records.ndjson", records)
         self.environment = dict(os.environ, PATH=self.path("bin") + ":" + os.environ["PATH"], COLUMNS="120", LC_ALL="C.UTF-8")
         subprocess.run([f"{programs}/qorctl", "sample", "--standalone", "--database", self.database] + SAMPLE, check=True,
@@ -132,7 +169,14 @@ class Machine:
         if b"listening" not in self._agent.stdout.readline():
             raise Failure("the agent does not start: " + self._read("agent.log"))
 
+    def need_postgres(self):
+        if self.postgres is None:
+            self.postgres = PostgresServer()
+            self.environment.update(PGHOST=self.postgres.folder, PGUSER="postgres")
+
     def close(self):
+        if self.postgres is not None:
+            self.postgres.close()
         self._agent.terminate()
         status = self._agent.wait(timeout=SECONDS)
         log = self._read("agent.log")
@@ -147,6 +191,8 @@ class Machine:
         """(status, lines printed) of a shell command; whatever it left in the background is ended."""
         for installed, here in (("/run/qor", "run"), ("/var/lib/qor", "state"), ("/var/backups", "backups")):
             command = command.replace(installed, self.path(here))
+        if self.postgres is not None:
+            command = command.replace("/var/run/postgresql", self.postgres.folder)
         process = subprocess.Popen(["bash", "-c", "set -euo pipefail\n" + command], cwd=self.path("work"), env=self.environment,
                                    stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, start_new_session=True, **more)
         try:
@@ -211,9 +257,12 @@ class Examples:
         machine = None
         for block in blocks:
             self.counts[block.kind] += 1
-            if block.kind in ("sh", "console", "json") and machine is None:
+            postgres = block.kind.endswith(" postgresql")
+            if (block.kind in ("sh", "console", "json") or postgres) and machine is None:
                 machine = Machine(self.programs, self._records())
             try:
+                if postgres:
+                    machine.need_postgres()
                 self._run(block, machine)
             except (Failure, ValueError, subprocess.SubprocessError) as failure:
                 self.failures.append(f"{block.where}: {failure}")
@@ -221,9 +270,9 @@ class Examples:
             machine.close()
 
     def _run(self, block, machine):
-        if block.kind == "sh":
+        if block.kind in ("sh", "sh postgresql"):
             self._commands(block, machine)
-        elif block.kind == "console":
+        elif block.kind in ("console", "console postgresql"):
             self._console(block, machine)
         elif block.kind == "json":
             self._json(block, machine)

@@ -96,6 +96,8 @@ void settlePostgres(OdbcConnectionString& string) {
     if (string.has("ConnSettings")) {
         refuse("says ConnSettings; what a session shall find set belongs to its role (ALTER ROLE ... SET ...)");
     }
+    // The driver would talk in the clear even where the server can do better.
+    string.setDefault("SSLmode", "prefer");
     std::string client;
     for (const auto& [name, value] : clientSettings)
         client += std::string(name) + "=" + value + " ";
