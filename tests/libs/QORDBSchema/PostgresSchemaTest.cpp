@@ -153,13 +153,14 @@ TEST_F(PostgresSchema, PartsThatWereLostOrSwitchedOffAreFoundAndMadeAnew) {
     own.run("DROP INDEX qor_operation_time");
     own.run("ALTER TABLE qor_event DISABLE TRIGGER qor_event_came");
     own.run("DROP TRIGGER qor_operation_gone ON qor_operation");
+    own.run("DROP TRIGGER qor_environment_change_numbered ON qor_environment_change");
     own.run(
         "CREATE OR REPLACE FUNCTION qor_operation_recount(counted text) RETURNS void LANGUAGE plpgsql AS $$ BEGIN END "
         "$$");
     QORRdbmsTran tran(ASAccess::Write);
     EXPECT_THAT(QORDBSchema::missingParts(*tran),
                 testing::UnorderedElementsAre("qor_operation_time", "qor_event_came", "qor_operation_gone",
-                                              "qor_operation_recount"));
+                                              "qor_operation_recount", "qor_environment_change_numbered"));
     QORDBSchema::restoreParts(*tran);
     EXPECT_THAT(QORDBSchema::missingParts(*tran), IsEmpty());
     tran.commit();
