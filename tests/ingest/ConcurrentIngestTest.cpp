@@ -193,10 +193,10 @@ TEST_F(ConcurrentIngestTest, AttemptsAtOneRequestAtTheSameTimeStoreItOnceAndAnsw
         for (int number = 0; number < 60; ++number)
             lines += number % 9 == 4 ? "bad line\n" : event(number);
         const QORIngestRequest request("key-" + std::to_string(round), lines, 1);
-        std::vector<std::future<QORIngestResult>> attempts;
-        for (int i = 0; i < 4; ++i) {
-            attempts.push_back(
-                std::async(std::launch::async, [&] { return QORIngest(options).importBatch(lines, 1, &request); }));
+        std::vector<std::future<QORIngestResult>> attempts(4);
+        for (auto& attempt : attempts) {
+            attempt =
+                std::async(std::launch::async, [&] { return QORIngest(options).importBatch(lines, 1, &request); });
         }
         for (auto& attempt : attempts) {
             const QORIngestResult result = attempt.get();
