@@ -43,7 +43,7 @@ struct Pair {
 std::string identityOf(ASSession& session) {
     ASStatement& select = session.prepare("SELECT id FROM qor_database");
     select.execute();
-    const std::string id(select.fetch() ? select.text(1) : std::string_view());
+    std::string id(select.fetch() ? select.text(1) : std::string_view());
     select.close();
     return id;
 }

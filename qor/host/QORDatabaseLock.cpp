@@ -11,7 +11,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
-#include "QORDBSchema/QORDBSchema.h"
+#include "QORDBSchema/QORDatabaseFile.h"
 
 namespace QOR {
 namespace {
@@ -21,8 +21,8 @@ constexpr mode_t lockMode = 0600;
 
 /// One name for the file, whatever way leads to it.
 std::filesystem::path fileOf(const std::string& connectionString) {
-    const std::string name = QORDBSchema::databaseName(connectionString);
-    if (name.empty() || name.starts_with(":memory:") || name.starts_with("file:")) return {};
+    const std::string name = QORDatabaseFile(connectionString).path();
+    if (name.empty()) return {};
     std::error_code error;
     auto path = std::filesystem::weakly_canonical(name, error);
     return error || !std::filesystem::is_directory(path.parent_path(), error) ? std::filesystem::path() : path;

@@ -4,11 +4,13 @@
 
 #include <string>
 
+#include "QORCommon/QORExport.h"
+
 namespace QOR {
 
 /// The files behind a connection string. A database that is no file (another engine's, or one that the string names
 /// by a data source) has none, and every call does nothing.
-class QORDatabaseFile {
+class QOR_API QORDatabaseFile {
 public:
     /// \throws QORException 1 for a name that the driver would cut at its semicolon
     explicit QORDatabaseFile(const std::string& connectionString);
