@@ -115,7 +115,7 @@ void run(Figures& figures) {
     const Sizes sizes = figures.smallest() ? Sizes{10'000, mebi / 4, mebi / 4, 20, 0s}
                                            : Sizes{1'000'000, 20 * mebi, 3 * mebi, 3000, 10s};
     const TemporaryDirectory folder;
-    makeLargeView(folder / "large.db", sizes.rows, sizes.rows);
+    makeLargeView("Driver=SQLite3;Database=" + (folder / "large.db").string(), sizes.rows, sizes.rows);
     const std::string database = (folder / "large.db").string();
     Storm own("", database, sizes);
     own.rage();

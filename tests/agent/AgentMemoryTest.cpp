@@ -70,10 +70,10 @@ TEST(AgentMemory, WhatAllMayHoldIsNamedToo) {
 }
 
 TEST(AgentMemory, WhatAStormHasUsedIsGivenBack) {
-    test::TemporaryDirectory folder;
-    test::makeLargeView(folder / "large.db", 100'000, 50'000);
+    const test::TestDatabase database;
+    test::makeLargeView(database.connectionString(), 100'000, 50'000);
     AgentSettings settings;
-    settings.database = "Driver=SQLite3;Database=" + (folder / "large.db").string();
+    settings.database = database.connectionString();
     settings.more = {"--read-only"};
     const AgentProcess agent(settings);
     const std::string rows =

@@ -43,21 +43,20 @@ std::size_t occurrences(const std::string& text, std::string_view what) {
 class AgentStream : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        folder = new test::TemporaryDirectory;
-        test::makeLargeView(database(), rows, brokenAt);
+        database = new test::TestDatabase;
+        test::makeLargeView(database->connectionString(), rows, brokenAt);
     }
-    static void TearDownTestSuite() { delete folder; }
-    static std::filesystem::path database() { return *folder / "large.db"; }
+    static void TearDownTestSuite() { delete database; }
 
     static AgentSettings settings(std::vector<std::string> more = {}) {
         AgentSettings settings;
-        settings.database = "Driver=SQLite3;Database=" + database().string();
+        settings.database = database->connectionString();
         settings.more = std::move(more);
         settings.more.push_back("--read-only");
         return settings;
     }
 
-    static inline test::TemporaryDirectory* folder = nullptr;
+    static inline test::TestDatabase* database = nullptr;
 };
 
 TEST_F(AgentStream, AnAnswerWithTooManyRowsIsRefusedAndSaysHowToGetThem) {

@@ -13,6 +13,7 @@
 
 #include "ctl/CtlProcess.h"
 #include "support/AgentProcess.h"
+#include "support/DirectDatabase.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QOR::test {
@@ -38,8 +39,9 @@ protected:
         m_agent.emplace(std::move(settings));
     }
 
-    std::filesystem::path file() const { return m_directory / "own.db"; }
-    std::string database() const { return "Driver=SQLite3;Database=" + file().string(); }
+    std::filesystem::path file() const { return m_database.file(); }
+    std::string database() const { return m_database.connectionString(); }
+    DirectDatabase direct() const { return DirectDatabase(m_database); }
 
     /// The arguments, and behind them those that say where the database is.
     Words where(Words arguments) const {
@@ -60,6 +62,7 @@ protected:
     }
 
     TemporaryDirectory m_directory;
+    TestDatabase m_database;
     std::optional<AgentProcess> m_agent;
 
 private:

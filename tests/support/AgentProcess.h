@@ -14,6 +14,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TestDatabase.h"
 
 namespace QOR::test {
 
@@ -21,7 +22,8 @@ namespace QOR::test {
 struct AgentSettings {
     std::filesystem::path program{};  ///< default: qor-agent beside the test
     std::filesystem::path plugIns{};  ///< default: the agent's own
-    std::string database{};           ///< a connection string; default: agent.db in the folder
+    std::string database{};           ///< a connection string; default: agent.db in the folder, or a database of the
+                                      ///< tests' other engine
     std::filesystem::path socket{};   ///< default: agent.sock in the folder
     std::vector<std::string> more{};  ///< further arguments
 };
@@ -32,7 +34,10 @@ public:
     explicit AgentProcess(AgentSettings settings = {}) : m_settings(std::move(settings)) {
         if (m_settings.program.empty()) m_settings.program = programDirectory() / "qor-agent";
         if (m_settings.socket.empty()) m_settings.socket = m_directory / "agent.sock";
-        if (m_settings.database.empty()) m_settings.database = connectionString();
+        if (m_settings.database.empty()) {
+            if (testEngine() == ASEngine::PostgreSQL) m_postgres = std::make_unique<PostgresDatabase>();
+            m_settings.database = connectionString();
+        }
         start();
     }
     /// Stops it, unless that was done. An agent that does not end well has failed the test, whatever it answered:
@@ -72,9 +77,12 @@ public:
 
     const std::filesystem::path& directory() const { return m_directory.path(); }
     std::string socketPath() const { return m_settings.socket.string(); }
+    /// SQLite's.
     std::filesystem::path databasePath() const { return m_directory / "agent.db"; }
     /// Of the default database, as the agent got it.
-    std::string connectionString() const { return "Driver=SQLite3;Database=" + databasePath().string(); }
+    std::string connectionString() const {
+        return m_postgres ? m_postgres->connectionString() : "Driver=SQLite3;Database=" + databasePath().string();
+    }
     std::string output() const { return m_child->output(); }
 
     /// Everything that it has logged.
@@ -96,6 +104,7 @@ public:
 
 private:
     TemporaryDirectory m_directory;
+    std::unique_ptr<PostgresDatabase> m_postgres;
     AgentSettings m_settings;
     std::unique_ptr<ChildProcess> m_child;
 };

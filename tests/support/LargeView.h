@@ -2,7 +2,6 @@
 /// A database whose view has many rows, and one of which reading fails in the middle.
 #pragma once
 
-#include <filesystem>
 #include <string>
 
 #include "rdbmspp/pool/QORRdbms.h"
@@ -12,12 +11,13 @@ namespace QOR::test {
 
 /// Views: vMany (id, name), `rows` rows with ids from 1 on; vBroken, the same up to the row `brokenAt`, which cannot be
 /// read.
-inline void makeLargeView(const std::filesystem::path& file, int rows, int brokenAt) {
+inline void makeLargeView(const std::string& connectionString, int rows, int brokenAt) {
     QORRdbms::prepareProcess();
     ASDatabaseOptions options;
-    options.connectionString = "Driver=SQLite3;Database=" + file.string();
+    options.connectionString = connectionString;
     QORRdbms::instance().configure(options);
-    runSql("CREATE TABLE many (id INTEGER PRIMARY KEY, name nvarchar(64))");
+    const bool sqlite = QORRdbms::instance().engine() == ASEngine::SQLite;
+    runSql("CREATE TABLE many (id INTEGER PRIMARY KEY, name " + std::string(sqlite ? "nvarchar" : "varchar") + "(64))");
     runSql("INSERT INTO many WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " +
            std::to_string(rows) + ") SELECT i, 'this is row number ' || i FROM n");
     runSql("CREATE VIEW \"vMany\" AS SELECT id, name FROM many");

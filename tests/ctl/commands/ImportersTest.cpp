@@ -6,7 +6,7 @@
 
 #include "ctl/CtlProcess.h"
 #include "support/AgentProcess.h"
-#include "support/SqliteFile.h"
+#include "support/DirectDatabase.h"
 
 namespace QOR::test {
 namespace {
@@ -32,10 +32,12 @@ std::string recordsOf(int importer) {
 }
 
 TEST(Importers, ManyAtOnceStoreEveryRecordOnceAndNoneIsRefused) {
-    const AgentProcess agent;
+    const TestDatabase stored;
+    const AgentProcess agent({.database = stored.connectionString()});
     const TemporaryDirectory directory;
-    SqliteFile database(agent.databasePath());
-    database.run("BEGIN IMMEDIATE");  // until all of them have come
+    DirectDatabase database(stored);
+    database.run(
+        oneOf("BEGIN IMMEDIATE", "BEGIN; LOCK TABLE qor_operation IN EXCLUSIVE MODE"));  // until all of them have come
     std::vector<std::unique_ptr<CtlProcess>> processes;
     for (int importer = 0; importer < importers; ++importer) {
         const std::string file = (directory / std::to_string(importer)).string();

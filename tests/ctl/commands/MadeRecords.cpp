@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "QORCommon/QORTime.h"
+#include "support/TestDatabase.h"
 
 namespace QOR::test {
 namespace {
@@ -91,6 +92,15 @@ std::optional<std::string> RecordMaker::maybeText() {
     return below(5) == 0 ? std::nullopt : std::optional(text(false));
 }
 
+// PostgreSQL's indexes take no more.
+std::string RecordMaker::indexedText() {
+    constexpr std::size_t longest = 2600;
+    std::string made = text(false);
+    while (testEngine() == ASEngine::PostgreSQL && made.size() > longest)
+        made = text(false);
+    return made;
+}
+
 std::string RecordMaker::guid() {
     std::string made = "00000000-0000-4000-8000-000000000000";
     for (char& c : made)
@@ -144,7 +154,7 @@ QORInfo RecordMaker::configuration(Members& json, MadeRecord& record, bool colum
         if (columns) record.row[name] = value;
     };
     for (const char* name : {"name", "description", "domain", "hostname", "architecture", "type"}) {
-        const auto value = maybeText();
+        const auto value = std::string_view(name) != "hostname" ? maybeText() : std::optional(indexedText());
         members.text(name, value);
         if (value) info.add(name, *value);
         column(name, value);
@@ -159,8 +169,8 @@ QORInfo RecordMaker::configuration(Members& json, MadeRecord& record, bool colum
     }
     members.add("os", os.object());
     info.add(std::move(system));
-    const std::string first = text(false);
-    const std::string second = text(false);
+    const std::string first = indexedText();
+    const std::string second = indexedText();
     members.add("ip", "[" + jsonText(first) + "," + jsonText(second) + "]");
     info.add("ip", first).add("ip", second);
     column("ip", first);
@@ -235,7 +245,7 @@ MadeRecord RecordMaker::event(unsigned) {
     json.text("eid", eid);
     const auto source = maybeText();
     json.text("source", source);
-    const std::string category = below(2) == 0 ? "env_status" : text(false);
+    const std::string category = below(2) == 0 ? "env_status" : indexedText();
     json.text("category", category);
     record.row = {{"time", time2str(when)}, {"eid", eid}, {"source", source}, {"category", category}};
     record.row["info"] = std::nullopt;

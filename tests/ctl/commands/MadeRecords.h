@@ -44,6 +44,8 @@ private:
     std::string character(bool nul);
     std::string text(bool nul);
     std::optional<std::string> maybeText();
+    /// Of a member that the database has an index for.
+    std::string indexedText();
     std::string guid();
     std::int64_t time();
     /// \param package with the parameters that have columns

@@ -4,9 +4,9 @@
 
 #include "ctl/CtlProcess.h"
 #include "support/AgentProcess.h"
+#include "support/DirectDatabase.h"
 #include "support/HttpClient.h"
 #include "support/LargeView.h"
-#include "support/SqliteFile.h"
 
 namespace QOR::test {
 namespace {
@@ -16,13 +16,13 @@ using testing::HasSubstr;
 /// An agent with one worker, which works in vain, and room for one request to wait, which one takes.
 class BusyAgent : public testing::Test {
 protected:
-    static AgentSettings settings(const std::filesystem::path& file) {
-        SqliteFile(file).run(
+    static AgentSettings settings(const TestDatabase& database) {
+        DirectDatabase(database).run(
             "CREATE TABLE n (i INT); INSERT INTO n WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c "
             "WHERE i < 3000) SELECT i FROM c; CREATE VIEW small AS SELECT i FROM n WHERE i < 3; "
             "CREATE VIEW vain AS SELECT a.i FROM n a, n b, n c, n d WHERE a.i + b.i + c.i + d.i < 0");
         AgentSettings settings;
-        settings.database = "Driver=SQLite3;Database=" + file.string();
+        settings.database = database.connectionString();
         settings.more = {"--read-only", "--threads", "1", "--user-waiting", "1", "--grace", "0"};
         return settings;
     }
@@ -46,8 +46,8 @@ protected:
         return runCtl(arguments, input);
     }
 
-    TemporaryDirectory m_directory;
-    AgentProcess m_agent{settings(m_directory / "foreign.db")};
+    TestDatabase m_database;
+    AgentProcess m_agent{settings(m_database)};
     HttpClient m_working{m_agent.socketPath()};
     HttpClient m_waiting{m_agent.socketPath()};
 };
@@ -80,9 +80,9 @@ TEST_F(BusyAgent, ItIsAskedAFewTimesAndNoMore) {
 
 /// Lines have answers of any size, as single requests have.
 TEST(RequestLines, AnswersMayHaveMoreRowsThanAMessage) {
-    TemporaryDirectory directory;
-    makeLargeView(directory / "large.db", 250'000, 150'000);
-    const std::string database = "Driver=SQLite3;Database=" + (directory / "large.db").string();
+    const TestDatabase made;
+    const std::string database = made.connectionString();
+    makeLargeView(database, 250'000, 150'000);
     AgentSettings settings;
     settings.database = database;
     settings.more = {"--read-only"};

@@ -244,8 +244,8 @@ std::string linesOf(const std::vector<MadeRecord>& records) {
     return lines;
 }
 
-Words standalone(const std::filesystem::path& file) {
-    return {"--standalone", "--database", "Driver=SQLite3;Database=" + file.string()};
+Words standalone(const std::string& database) {
+    return {"--standalone", "--database", database};
 }
 
 CtlResult runOn(Words arguments, const Words& connection, std::string_view input = {}) {
@@ -253,17 +253,17 @@ CtlResult runOn(Words arguments, const Words& connection, std::string_view input
     return runCtl(std::move(arguments), input);
 }
 
-void importStandalone(const std::filesystem::path& file) {
+void importStandalone(const std::string& database) {
     for (const auto* generation : {&made().first, &made().second}) {
-        const CtlResult result = runOn({"import"}, standalone(file), linesOf(*generation));
+        const CtlResult result = runOn({"import"}, standalone(database), linesOf(*generation));
         ASSERT_EQ(result.status, 0) << result.err;
     }
 }
 
 /// One record in a transaction, in this process.
-void importSingly(const std::filesystem::path& file) {
+void importSingly(const std::string& database) {
     ASDatabaseOptions options;
-    options.connectionString = "Driver=SQLite3;Database=" + file.string();
+    options.connectionString = database;
     QORDBSchema::open(options, QORSchemaMode::Own);
     QORIngestOptions singly;
     singly.batchRecords = 1;
@@ -301,14 +301,14 @@ protected:
         m_agent = std::make_unique<AgentProcess>();
         const bool agent = GetParam() == In::Together || GetParam() == In::OneByOne;
         if (!agent) m_agent->stop();
-        if (GetParam() == In::Standalone) importStandalone(m_agent->databasePath());
-        if (GetParam() == In::Singly) importSingly(m_agent->databasePath());
+        if (GetParam() == In::Standalone) importStandalone(m_agent->connectionString());
+        if (GetParam() == In::Singly) importSingly(m_agent->connectionString());
         if (GetParam() == In::Together) sendTogether(m_agent->socketPath());
         if (GetParam() == In::OneByOne) sendSingly(m_agent->socketPath());
         if (!agent) m_agent->start();
     }
     std::vector<Words> connections() const {
-        return {{"--socket", m_agent->socketPath()}, standalone(m_agent->databasePath())};
+        return {{"--socket", m_agent->socketPath()}, standalone(m_agent->connectionString())};
     }
     std::string ask(const std::string& request) const { return HttpClient(m_agent->socketPath()).message(request); }
 
@@ -426,8 +426,8 @@ TEST_P(RoundTrip, LinesGiveWhatWasStored) {
 }
 
 TEST(Times, TheSecondBeforeTheEpochGoesInAndOutAndIsFound) {
-    const TemporaryDirectory folder;
-    const Words connection = standalone(folder / "agent.db");
+    const TestDatabase database;
+    const Words connection = standalone(database.connectionString());
     EXPECT_EQ(runOn({"import"}, connection,
                     R"({"kind":"operation","id":"at","time":"1969-12-31 23:59:59"})"
                     "\n"
@@ -468,8 +468,11 @@ TEST(Bytes, OfEveryValueSurviveInDocuments) {
         records.emplace_back(event);
     }
     EXPECT_EQ(QORIngest().store(records, false).accepted(), records.size());
-    for (const char* select : {"SELECT message FROM vOpLog ORDER BY id", "SELECT info FROM vEventLog ORDER BY id",
-                               "SELECT CAST(info AS nvarchar) FROM vBackupInfo ORDER BY id"}) {
+    const std::string ofBackups =
+        testEngine() == ASEngine::SQLite ? "CAST(info AS nvarchar)" : "convert_from(info, 'UTF8')";
+    for (const std::string& select : {std::string(R"(SELECT message FROM "vOpLog" ORDER BY id)"),
+                                      std::string(R"(SELECT info FROM "vEventLog" ORDER BY id)"),
+                                      "SELECT " + ofBackups + R"( FROM "vBackupInfo" ORDER BY id)"}) {
         const auto rows = queryRows(select, 1);
         ASSERT_EQ(rows.size(), documents.size());
         for (std::size_t row = 0; row < rows.size(); ++row) {
@@ -503,9 +506,9 @@ TEST(Nul, IsRefusedByNameInTextsAndKeptInDocuments) {
         EXPECT_THAT(reason(line), testing::AllOf(testing::HasSubstr(member), testing::HasSubstr("without NUL")));
     }
     EXPECT_EQ(reason(R"({"kind":"operation","id":"a","time":1,"message":{"package":"x\u0000y","\u0000":"z"}})"), "");
-    EXPECT_EQ(queryText("SELECT coalesce(package, 'none') FROM vOpLog"), "none");
+    EXPECT_EQ(queryText("SELECT coalesce(package, 'none') FROM \"vOpLog\""), "none");
     QORInfo read;
-    ASSERT_EQ(read.deserializeFromString(queryText("SELECT message FROM vOpLog")), 0);
+    ASSERT_EQ(read.deserializeFromString(queryText("SELECT message FROM \"vOpLog\"")), 0);
     EXPECT_EQ(read.getParameterByPath("package"), std::string("x\0y", 3));
     EXPECT_EQ(read.getParameterByPath(std::string_view("\0", 1)), "z");
 }
