@@ -8,6 +8,7 @@
 #include "QORMessage/QORNotation.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/AgentProcess.h"
+#include "support/DirectDatabase.h"
 #include "support/HttpClient.h"
 
 namespace QOR {
@@ -66,24 +67,25 @@ TEST(AgentPager, ServesBothOperators) {
 class ForeignDatabase : public testing::Test {
 protected:
     void SetUp() override {
-        QORRdbms::instance().configure({"Driver=SQLite3;Database=" + path.string()});
-        QORRdbmsTran transaction(ASAccess::Write);
-        transaction->execute("create table person (name nvarchar(64), age int)");
-        transaction->execute("insert into person values ('Ada', 36)");
-        transaction->execute("create view vPerson as select name, age from person");
-        transaction.commit();
+        direct().run("create table person (name " + text +
+                     "(64), age int); insert into person values ('Ada', 36); "
+                     "create view \"vPerson\" as select name, age from person");
     }
-    void TearDown() override { QORRdbms::instance().shutdown(); }
+    test::DirectDatabase direct() const { return test::DirectDatabase(database); }
+    /// What there is in it.
+    std::string contents() const {
+        return direct().cell(test::oneOf("select group_concat(name || coalesce(sql, '')) from sqlite_master",
+                                         "select string_agg(relname, ' ' order by relname) from pg_class"));
+    }
 
-    test::TemporaryDirectory directory;
-    std::filesystem::path path = directory / "foreign.db";
+    const std::string text = test::oneOf("nvarchar", "varchar");
+    test::TestDatabase database;
 };
 
 TEST_F(ForeignDatabase, IsReadWithoutBeingWrittenTo) {
-    QORRdbms::instance().shutdown();
-    const auto size = std::filesystem::file_size(path);
+    const std::string before = contents();
     AgentSettings settings;
-    settings.database = "Driver=SQLite3;Database=" + path.string();
+    settings.database = database.connectionString();
     settings.more = {"--read-only"};
     const AgentProcess agent(settings);
     HttpClient client(agent.socketPath());
@@ -94,22 +96,16 @@ TEST_F(ForeignDatabase, IsReadWithoutBeingWrittenTo) {
     }
     EXPECT_THAT(client.get("/v1/views").body, HasSubstr(R"({"name":"vPerson","columns":[{"name":"name",)"));
     EXPECT_THAT(client.get("/v1/health").body, HasSubstr(R"("status":"ok")"));
-    EXPECT_EQ(std::filesystem::file_size(path), size);
+    EXPECT_EQ(contents(), before);
 }
 
 TEST_F(ForeignDatabase, IsPrimedWhateverItsViewsAre) {
-    {
-        QORRdbmsTran transaction(ASAccess::Write);
-        transaction->execute("create table secret (name nvarchar(64), owner uniqueidentifier)");
-        transaction->execute(std::string("insert into secret values ('Ada', '") + one + "'), ('Bob', '" + two + "')");
-        transaction->execute(
-            "create view vEnvironment as select name, 0 as \"securityOperation_2\", owner as \"securableObjId\" "
-            "from secret");
-        transaction.commit();
-    }
-    QORRdbms::instance().shutdown();
+    direct().run("create table secret (name " + text + "(64), owner " + test::oneOf("uniqueidentifier", "uuid") +
+                 "); insert into secret values ('Ada', '" + one + "'), ('Bob', '" + two +
+                 "'); create view \"vEnvironment\" as select name, 0 as \"securityOperation_2\", owner as "
+                 "\"securableObjId\" from secret");
     AgentSettings settings;
-    settings.database = "Driver=SQLite3;Database=" + path.string();
+    settings.database = database.connectionString();
     settings.more = {"--read-only"};
     const AgentProcess agent(settings);
     HttpClient client(agent.socketPath());
@@ -124,14 +120,13 @@ TEST_F(ForeignDatabase, IsPrimedWhateverItsViewsAre) {
 }
 
 TEST_F(ForeignDatabase, IsNotTakenForTheAgentsOwn) {
-    QORRdbms::instance().shutdown();
     AgentSettings settings;
-    settings.database = "Driver=SQLite3;Database=" + path.string();
+    settings.database = database.connectionString();
     try {
         const AgentProcess agent(settings);
         FAIL() << "started";
     } catch (const std::runtime_error& error) {
-        EXPECT_THAT(error.what(), AllOf(HasSubstr(path.string()), HasSubstr("--read-only")));
+        EXPECT_THAT(error.what(), AllOf(HasSubstr(test::oneOf("agent.db", "test_")), HasSubstr("--read-only")));
     }
 }
 

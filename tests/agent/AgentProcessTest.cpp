@@ -12,6 +12,7 @@
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
 #include "support/AgentProcess.h"
+#include "support/DirectDatabase.h"
 #include "support/HttpClient.h"
 
 namespace QOR {
@@ -235,8 +236,8 @@ TEST_F(Agent, HealthTellsWhatIsLoaded) {
 TEST_F(Agent, StatusTellsOfTheDatabase) {
     const HttpAnswer answer = connect().get("/v1/status");
     EXPECT_EQ(answer.status, 200);
-    EXPECT_THAT(answer.body, AllOf(HasSubstr(R"("engine":"SQLite","schema":)"), HasSubstr(R"(,"readOnly":false})"),
-                                   HasSubstr(R"("unreadable":[])")));
+    EXPECT_THAT(answer.body, AllOf(HasSubstr(R"("engine":")" + test::oneOf("SQLite", "PostgreSQL") + R"(","schema":)"),
+                                   HasSubstr(R"(,"readOnly":false})"), HasSubstr(R"("unreadable":[])")));
 }
 
 TEST_F(Agent, ViewsAreListedWithTheirColumns) {

@@ -10,6 +10,7 @@
 
 #include "QORMessage/QORNotation.h"
 #include "support/AgentProcess.h"
+#include "support/DirectDatabase.h"
 #include "support/HttpClient.h"
 #include "support/LargeView.h"
 #include "support/ResidentMemory.h"
@@ -99,9 +100,13 @@ TEST_F(AgentStream, AnErrorInTheMiddleStandsBehindTheRowsThatHaveLeft) {
     const AgentProcess agent(settings());
     HttpClient client(agent.socketPath());
     const std::string answer = client.post(streamed, request("vBroken")).body;
-    EXPECT_EQ(occurrences(answer, "[1739,"), static_cast<std::size_t>(brokenAt - 1));
+    // Of PostgreSQL's, rows that come together fail together.
+    const std::size_t together = test::testEngine() == ASEngine::SQLite ? 0 : 40'000;
+    EXPECT_LE(occurrences(answer, "[1739,"), static_cast<std::size_t>(brokenAt - 1));
+    EXPECT_GE(occurrences(answer, "[1739,") + together, static_cast<std::size_t>(brokenAt - 1));
     EXPECT_THAT(answer.substr(answer.size() - 100),
-                HasSubstr(R"("error":{"code":1,"message":"a sum is beyond 64 bits of SQLite"}})"));
+                HasSubstr(R"("error":{"code":1,"message":")" +
+                          test::oneOf("a sum is beyond 64 bits of SQLite", "bigint out of range") + "\"}}"));
     const auto whole = readResponse(client.message(
         request("vBroken", R"(,[1377,[[1024,"50000"],[1087,")" + std::to_string(brokenAt - 10) + "\"]]]")));
     EXPECT_TRUE(whole.error);

@@ -3,7 +3,6 @@
 #include <string_view>
 
 #include "QORCommon/QORTime.h"
-#include "support/TestDatabase.h"
 
 namespace QOR::test {
 namespace {
@@ -92,11 +91,10 @@ std::optional<std::string> RecordMaker::maybeText() {
     return below(5) == 0 ? std::nullopt : std::optional(text(false));
 }
 
-// PostgreSQL's indexes take no more.
 std::string RecordMaker::indexedText() {
-    constexpr std::size_t longest = 2600;
+    constexpr std::size_t longest = 2000;
     std::string made = text(false);
-    while (testEngine() == ASEngine::PostgreSQL && made.size() > longest)
+    while (made.size() > longest)
         made = text(false);
     return made;
 }

@@ -44,7 +44,7 @@ private:
     std::string character(bool nul);
     std::string text(bool nul);
     std::optional<std::string> maybeText();
-    /// Of a member that the database has an index for.
+    /// Of a member that is searched by, of the length that is taken.
     std::string indexedText();
     std::string guid();
     std::int64_t time();
