@@ -141,22 +141,26 @@ std::size_t significant(std::string_view text) {
     return count;
 }
 
-/// The engine clears the memory that it gives to an aggregate, in which there is room for where the sum is.
-DecimalSum** sumOf(sqlite3_context* context, int size) {
-    return static_cast<DecimalSum**>(sqlite3_aggregate_context(context, size));
+/// What the engine keeps for an aggregate, in memory that it has cleared.
+struct Kept {
+    DecimalSum* sum;
+};
+
+Kept* keptOf(sqlite3_context* context, int size) {
+    return static_cast<Kept*>(sqlite3_aggregate_context(context, size));
 }
 
 void step(sqlite3_context* context, int, sqlite3_value** values) {
     if (sqlite3_value_type(values[0]) == SQLITE_NULL) return;
-    DecimalSum** const sum = sumOf(context, sizeof(DecimalSum*));
+    Kept* const kept = keptOf(context, sizeof(Kept));
     try {
-        if (sum == nullptr) throw std::bad_alloc();
-        if (*sum == nullptr) *sum = new DecimalSum;
-        (*sum)->count();
+        if (kept == nullptr) throw std::bad_alloc();
+        if (kept->sum == nullptr) kept->sum = std::make_unique<DecimalSum>().release();
+        kept->sum->count();
         if (sqlite3_value_numeric_type(values[0]) == SQLITE_INTEGER) {
-            (*sum)->add(static_cast<std::int64_t>(sqlite3_value_int64(values[0])));
+            kept->sum->add(static_cast<std::int64_t>(sqlite3_value_int64(values[0])));
         } else {
-            (*sum)->add(sqlite3_value_double(values[0]));
+            kept->sum->add(sqlite3_value_double(values[0]));
         }
     } catch (const std::bad_alloc&) {
         sqlite3_result_error_nomem(context);
@@ -180,9 +184,9 @@ void tell(sqlite3_context* context, const DecimalSum& sum, Result wanted) {
 
 template <Result wanted>
 void finish(sqlite3_context* context) {
-    DecimalSum** const sum = sumOf(context, 0);
-    if (sum == nullptr || *sum == nullptr) return;
-    const std::unique_ptr<DecimalSum> owned(std::exchange(*sum, nullptr));
+    Kept* const kept = keptOf(context, 0);
+    if (kept == nullptr || kept->sum == nullptr) return;
+    const std::unique_ptr<DecimalSum> owned(std::exchange(kept->sum, nullptr));
     try {
         tell(context, *owned, wanted);
     } catch (const std::bad_alloc&) {
