@@ -242,7 +242,7 @@ private:
 
     const QORIngestOptions& m_options;
     const QORIngestProgress& m_progress;
-    QORRecordParser m_parser;
+    QORRecordParser m_parser{QORRecordBounds::of(QORRdbms::instance().dialect())};
     std::vector<QORRecord> m_batch;
     std::size_t m_batchBytes = 0;
     std::uint64_t m_firstLine = 0;

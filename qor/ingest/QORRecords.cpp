@@ -47,6 +47,7 @@ struct Named {
     const JsonTree& tree;
     const JsonValue& value;
     std::string_view prefix;
+    const QORRecordBounds& bounds;
 
     [[noreturn]] void refuseAs(const std::string& wanted) const {
         refuse("member " + quoteText(std::string(prefix) + std::string(value.name)) + ": " + describe(value) +
@@ -62,13 +63,13 @@ std::optional<std::string> readText(const Named& member) {
     return std::string(member.value.text);
 }
 
-/// A text that an index holds, which takes no more of it in every engine.
+/// A text that an index holds.
 std::optional<std::string> readIndexed(const Named& member) {
-    constexpr std::size_t most = 2000;
     auto text = readText(member);
-    if (text && text->size() > most) {
+    if (text && text->size() > member.bounds.longestIndexed) {
         refuse("member " + quoteText(std::string(member.prefix) + std::string(member.value.name)) + " has " +
-               std::to_string(text->size()) + " bytes; what is searched by has at most " + std::to_string(most));
+               std::to_string(text->size()) + " bytes; what is searched by has at most " +
+               std::to_string(member.bounds.longestIndexed) + " in this database");
     }
     return text;
 }
@@ -93,16 +94,16 @@ std::int64_t readSize(const Named& member) {
     return *number;
 }
 
-std::optional<std::int64_t> toTime(const JsonValue& value) {
+std::optional<std::int64_t> toTime(const Named& member) {
     std::optional<std::int64_t> seconds;
-    if (value.type == JsonType::Number) seconds = parseInt64(value.text);
-    if (value.type == JsonType::String) seconds = parseTime(value.text);
-    if (seconds && (*seconds < firstDbSecond || *seconds > lastDbSecond)) seconds.reset();
+    if (member.value.type == JsonType::Number) seconds = parseInt64(member.value.text);
+    if (member.value.type == JsonType::String) seconds = parseTime(member.value.text);
+    if (seconds && (*seconds < member.bounds.firstSecond || *seconds > lastDbSecond)) seconds.reset();
     return seconds;
 }
 
 std::int64_t readTime(const Named& member) {
-    const auto seconds = toTime(member.value);
+    const auto seconds = toTime(member);
     if (!seconds) member.refuseAs("a time (whole seconds since 1970, or a text such as \"2024-01-31T12:00:00Z\")");
     return *seconds;
 }
@@ -129,7 +130,7 @@ std::vector<QOREID> readEids(const Named& member) {
     for (auto item = member.tree.firstChild(member.value); item; item = member.tree.nextSibling(*item)) {
         JsonValue named = *item;
         named.name = member.value.name;
-        const QOREID eid = readRequiredEid({member.tree, named, member.prefix});
+        const QOREID eid = readRequiredEid({member.tree, named, member.prefix, member.bounds});
         if (!known.insert(eid).second) continue;
         if (eids.size() == QOROperationRecord::mostEids) {
             refuse("member " + quoteText(std::string(member.prefix) + std::string(member.value.name)) +
@@ -147,7 +148,7 @@ std::vector<std::string> readTexts(const Named& member) {
     for (auto item = member.tree.firstChild(member.value); item; item = member.tree.nextSibling(*item)) {
         JsonValue named = *item;
         named.name = member.value.name;
-        auto text = readIndexed({member.tree, named, member.prefix});
+        auto text = readIndexed({member.tree, named, member.prefix, member.bounds});
         if (!text) member.refuseAs("an array of texts without null");
         texts.push_back(std::move(*text));
     }
@@ -256,7 +257,7 @@ void readMembers(const Named& object, std::span<const Member<Record>> members, b
         const std::uint32_t bit = 1U << (found - members.begin());
         if ((seen & bit) != 0) refuse("member " + quoteText(name) + " is there twice");
         seen |= bit;
-        const Named member{object.tree, *child, object.prefix};
+        const Named member{object.tree, *child, object.prefix, object.bounds};
         found->readText != nullptr ? found->readText(record, member, found->which) : found->read(record, member);
     }
     for (std::size_t i = 0; i < members.size(); ++i) {
@@ -299,7 +300,7 @@ const std::vector<ConfigMember>& configMembers() {
                                  [](QORConfigRecord& r, const Named& m) {
                                      if (m.value.type == JsonType::Number) r.memory = parseInt64(m.value.text);
                                  }},
-                                {"boot_time", [](QORConfigRecord& r, const Named& m) { r.bootTime = toTime(m.value); }},
+                                {"boot_time", [](QORConfigRecord& r, const Named& m) { r.bootTime = toTime(m); }},
                             });
     return members;
 }
@@ -309,7 +310,7 @@ void readOs(QORConfigRecord& record, const Named& member) {
     if (member.isNull()) return;
     if (member.value.type != JsonType::Object) member.refuseAs("an object");
     const std::string prefix = std::string(member.prefix) + "os.";
-    readMembers<QORConfigRecord>({member.tree, member.value, prefix}, members, true, record);
+    readMembers<QORConfigRecord>({member.tree, member.value, prefix, member.bounds}, members, true, record);
 }
 
 std::optional<QORConfigRecord> readConfig(const Named& member) {
@@ -317,7 +318,7 @@ std::optional<QORConfigRecord> readConfig(const Named& member) {
     if (!document) return std::nullopt;
     QORConfigRecord record(std::move(*document));
     const std::string prefix = std::string(member.value.name) + ".";
-    readMembers<QORConfigRecord>({member.tree, member.value, prefix}, configMembers(), true, record);
+    readMembers<QORConfigRecord>({member.tree, member.value, prefix, member.bounds}, configMembers(), true, record);
     return record;
 }
 
@@ -396,15 +397,20 @@ std::string_view recordKindName(QORRecordKind kind) {
 
 struct QORRecordParser::Impl {
     JsonTree tree;
+    const QORRecordBounds bounds;
 };
 
-QORRecordParser::QORRecordParser() : m_impl(std::make_unique<Impl>()) {}
+QORRecordBounds QORRecordBounds::of(const ASDialect& dialect) noexcept {
+    return {dialect.firstSecond, dialect.longestIndexed};
+}
+
+QORRecordParser::QORRecordParser(const QORRecordBounds& bounds) : m_impl(std::make_unique<Impl>(JsonTree(), bounds)) {}
 QORRecordParser::~QORRecordParser() = default;
 
 QORRecord QORRecordParser::parse(std::string_view line) {
     const JsonValue& root = m_impl->tree.parse(line);
     if (root.type != JsonType::Object) refuse("a record is a JSON object, not " + describe(root));
-    const Named object{m_impl->tree, root, {}};
+    const Named object{m_impl->tree, root, {}, m_impl->bounds};
     switch (readKind(object)) {
         case QORRecordKind::Environment:
             return readRecord(object, environmentMembers);

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,8 +15,10 @@
 #include <vector>
 
 #include "QORCommon/QORGuid.h"
+#include "QORCommon/QORTime.h"
 #include "QORLibAgent/QOREnv.h"
 #include "QORLibAgent/QORInfo.h"
+#include "rdbmspp/engine/ASDialect.h"
 
 namespace QOR {
 
@@ -97,20 +100,29 @@ inline QORRecordKind kindOf(const QORRecord& record) {
     return static_cast<QORRecordKind>(record.index());
 }
 
+/// What a database can keep.
+struct QORRecordBounds {
+    std::int64_t firstSecond = firstDbSecond;  ///< since the epoch
+    /// Bytes of identifiers, categories, hostnames and addresses, which indexes hold.
+    std::size_t longestIndexed = std::numeric_limits<std::size_t>::max();
+
+    static QORRecordBounds of(const ASDialect& dialect) noexcept;
+};
+
 /// Reads lines. Keeps its buffers from line to line; one thread at a time.
 ///
 /// A line is one JSON object with a member "kind". Required are an environment's eid, an operation's id and time, an
 /// event's time, a backup's id and time; any other member may be absent or null, which is a missing value (0 for
 /// numbers). What is there must be of its type: texts are texts, numbers whole and in range, times whole seconds or a
-/// text for parseTime from the year 1 to 9999, GUIDs what the GUID parser takes ("" is none). Members that a kind does
-/// not have are refused, but for those of configurations, which are kept in the document. Identifiers, categories,
-/// hostnames and addresses have at most 2,000 bytes.
+/// text for parseTime from the year 0 to 9999, GUIDs what the GUID parser takes ("" is none); the database may have
+/// narrower bounds. Members that a kind does not have are refused, but for those of configurations, which are kept in
+/// the document.
 ///
 /// Info documents: an object becomes parameters, an array repeats its parameter (an array in an array has parameters
 /// "item"), numbers, true and false are the text that JSON has for them, null is the empty text.
 class QORRecordParser {
 public:
-    QORRecordParser();
+    explicit QORRecordParser(const QORRecordBounds& bounds = {});
     ~QORRecordParser();
     QORRecordParser(const QORRecordParser&) = delete;
     QORRecordParser& operator=(const QORRecordParser&) = delete;

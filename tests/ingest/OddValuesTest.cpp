@@ -1,5 +1,5 @@
-// What one engine takes the other takes too, and both keep the same text; what one cannot keep is refused on both, and
-// never fails the batch that it came with.
+// What both engines can keep they take alike, and keep the same text. What one cannot keep it refuses for what it is,
+// and the batch that it came with is stored.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -29,6 +29,7 @@ struct OddLine {
     std::string refusal{};  ///< what its reason holds; empty where it is taken
     std::string select{};   ///< asks for what is kept
     std::string kept{};
+    bool sqliteKeeps = false;  ///< all of it, so that the refusal is PostgreSQL's alone
 };
 
 std::string operationWith(const std::string& members) {
@@ -46,19 +47,21 @@ const std::vector<OddLine>& oddLines() {
         const std::string time = "SELECT time FROM \"vEventLog\"";
         const std::string most = randomText(2000);
         const std::string more = most + "x";
-        const std::string tooLong = "has 2001 bytes; what is searched by has at most 2000";
+        const std::string tooLong = "has 2001 bytes; what is searched by has at most 2000 in this database";
         const auto quoted = [](const std::string& text) { return "\"" + text + "\""; };
         return std::vector<OddLine>{
             {"FirstYear", eventAt(R"("0001-01-01 00:00:00")"), "", time, "0001-01-01 00:00:00"},
-            {"YearNought", eventAt(R"("0000-12-31 23:59:59")"), "is not a time"},
-            {"YearNoughtInSeconds", eventAt("-62135596801"), "is not a time"},
+            {"YearNought", eventAt(R"("0000-12-31 23:59:59")"), "is not a time", time, "0000-12-31 23:59:59", true},
+            {"YearNoughtInSeconds", eventAt("-62135596801"), "is not a time", time, "0000-12-31 23:59:59", true},
+            {"BeforeYearNought", eventAt("-62167219201"), "is not a time"},
             {"LastYear", eventAt(R"("9999-12-31 23:59:59")"), "", time, "9999-12-31 23:59:59"},
             {"BeyondTheLastYear", eventAt("253402300800"), "is not a time"},
             {"MostSeconds", eventAt("9223372036854775807"), "is not a time"},
             {"MoreThanSeconds", eventAt("9223372036854775808"), "is not a time"},
             {"Infinity", eventAt(R"("infinity")"), "is not a time"},
             {"BootTimeOfYearNought", environmentWith(R"("boot_time":"0000-01-01")"), "",
-             "SELECT boot_time FROM \"vEnvironment\"", "<null>"},
+             "SELECT boot_time FROM \"vEnvironment\"",
+             testEngine() == ASEngine::SQLite ? "0000-01-01 00:00:00" : "<null>"},
 
             {"NulInAnIdentifier", R"({"kind":"operation","id":"a\u0000b","time":1})", "without NUL"},
             {"NulInAText", operationWith(R"("op":"a\u0000b")"), "without NUL"},
@@ -101,20 +104,25 @@ const std::vector<OddLine>& oddLines() {
 
             {"LongestIdentifier", R"({"kind":"operation","id":)" + quoted(most) + R"(,"time":1})", "",
              "SELECT id FROM \"vOpLog\"", most},
-            {"LongerIdentifier", R"({"kind":"operation","id":)" + quoted(more) + R"(,"time":1})", tooLong},
+            {"LongerIdentifier", R"({"kind":"operation","id":)" + quoted(more) + R"(,"time":1})", tooLong,
+             "SELECT id FROM \"vOpLog\"", more, true},
             {"LongestBackup", R"({"kind":"backup","id":)" + quoted(most) + R"(,"time":1})", "",
              "SELECT id FROM \"vBackupInfo\"", most},
-            {"LongerBackup", R"({"kind":"backup","id":)" + quoted(more) + R"(,"time":1})", tooLong},
+            {"LongerBackup", R"({"kind":"backup","id":)" + quoted(more) + R"(,"time":1})", tooLong,
+             "SELECT id FROM \"vBackupInfo\"", more, true},
             {"LongestCategory",
              R"({"kind":"event","time":1,"eid":")" + eidOf(1).toString() + R"(","category":)" + quoted(most) + "}", "",
              "SELECT category FROM \"vEventLog\"", most},
-            {"LongerCategory", R"({"kind":"event","time":1,"category":)" + quoted(more) + "}", tooLong},
+            {"LongerCategory", R"({"kind":"event","time":1,"category":)" + quoted(more) + "}", tooLong,
+             "SELECT category FROM \"vEventLog\"", more, true},
             {"LongestHostname", environmentWith("\"hostname\":" + quoted(most)), "",
              "SELECT hostname FROM \"vEnvironment\"", most},
-            {"LongerHostname", environmentWith("\"hostname\":" + quoted(more)), tooLong},
+            {"LongerHostname", environmentWith("\"hostname\":" + quoted(more)), tooLong,
+             "SELECT hostname FROM \"vEnvironment\"", more, true},
             {"LongestAddress", environmentWith("\"ip\":[" + quoted(most) + "]"), "", "SELECT ip FROM \"vEnvironment\"",
              most},
-            {"LongerAddress", environmentWith("\"ip\":[" + quoted(more) + "]"), tooLong},
+            {"LongerAddress", environmentWith("\"ip\":[" + quoted(more) + "]"), tooLong,
+             "SELECT ip FROM \"vEnvironment\"", more, true},
             {"LongText", operationWith("\"op\":" + quoted(more)), "", "SELECT op FROM \"vOpLog\"", more},
         };
     }();
@@ -131,7 +139,7 @@ TEST_P(OddValues, AreTakenOrRefusedAndKeptAlikeOnEveryEngine) {
                                                            "\n" +
                                                            odd.line + "\n");
     ASSERT_FALSE(result.failure) << result.failure->reason;
-    if (!odd.refusal.empty()) {
+    if (!odd.refusal.empty() && !(odd.sqliteKeeps && testEngine() == ASEngine::SQLite)) {
         EXPECT_EQ(result.accepted(), 1U);
         ASSERT_EQ(result.refusedLines.size(), 1U);
         EXPECT_THAT(result.refusedLines[0].reason, ::testing::HasSubstr(odd.refusal));

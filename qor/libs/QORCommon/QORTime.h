@@ -17,9 +17,9 @@ QOR_API std::string time2str(std::int64_t seconds);
 /// "YYYY-MM-DD HH:MM:SS", the form in which the database keeps times; 19 characters for years 0 to 9999.
 QOR_API std::string time2dbstr(std::int64_t seconds);
 
-/// The times that every database can keep, all of them with 19 characters: "0001-01-01 00:00:00" to
-/// "9999-12-31 23:59:59". Some know no year 0.
-inline constexpr std::int64_t firstDbSecond = -62135596800;
+/// The times that have 19 characters there, which is what the database orders by: "0000-01-01 00:00:00" to
+/// "9999-12-31 23:59:59".
+inline constexpr std::int64_t firstDbSecond = -62167219200;
 inline constexpr std::int64_t lastDbSecond = 253402300799;
 
 /// Reads a date "YYYY-MM-DD", or a date and a time separated by 'T' or one space: "HH:MM" or "HH:MM:SS", an optional

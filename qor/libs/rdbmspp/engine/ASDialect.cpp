@@ -1,5 +1,7 @@
 #include "rdbmspp/engine/ASDialect.h"
 
+#include <limits>
+
 #include "rdbmspp/engine/SqliteAmong.h"
 
 namespace QOR {
@@ -46,6 +48,7 @@ const ASDialect sqlite{
     .lookUp = " CROSS JOIN ",
     .eachText = "json_each(?) j",
     .firstSecond = -62167219200,
+    .longestIndexed = std::numeric_limits<std::size_t>::max(),
 };
 
 const ASDialect postgres{
@@ -85,6 +88,7 @@ const ASDialect postgres{
         "(SELECT e.place - 1 AS key, e.value AS value FROM jsonb_array_elements_text(CAST(? AS jsonb)) "
         "WITH ORDINALITY AS e (value, place)) j",
     .firstSecond = -62135596800,
+    .longestIndexed = 2000,  // of the 2,704 bytes of an entry, in which other columns stand too
 };
 
 void appendHex(std::string& out, std::string_view bytes) {

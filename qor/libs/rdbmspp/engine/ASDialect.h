@@ -65,7 +65,8 @@ struct QOR_API ASDialect {
     const char* lookUp;
     /// Rows `j` of the texts of a JSON array, which is a parameter: columns key, the place from 0, and value.
     const char* eachText;
-    std::int64_t firstSecond;  ///< since the epoch, of the first year that a time can have
+    std::int64_t firstSecond;    ///< since the epoch, of the first year that a time can have
+    std::size_t longestIndexed;  ///< bytes of a text that an index is sure to hold
 
     static const ASDialect& of(ASEngine engine) noexcept;
     /// That of the engine behind a driver. \param name as the driver tells it (SQL_DBMS_NAME)
