@@ -2,11 +2,13 @@
 /// A way to a PostgreSQL server on which things get lost.
 #pragma once
 
+#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -48,6 +50,12 @@ public:
     void loseAnswerTo(std::string_view text) { set(text, true); }
     /// The next request with this text does not reach the server.
     void loseRequest(std::string_view text) { set(text, false); }
+    /// What was asked since the last call, in order: the text of each simple request, and "prepared" for what else the
+    /// server was made to answer. Each is a way there and back.
+    std::vector<std::string> asked() {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_asked, {});
+    }
     /// Lets nobody in any more; whoever is in stays.
     void close() {
         if (m_listener < 0) return;
@@ -85,10 +93,29 @@ private:
             m_handing.emplace_back([this, client] { handOn(client); });
         }
     }
+    /// Takes what it can of messages out of what a client says, of which the first has no letter.
+    void listen(std::string& said, bool& begun) {
+        constexpr std::size_t lengthBytes = 4;
+        for (;;) {
+            const std::size_t letters = begun ? 1 : 0;
+            if (said.size() < letters + lengthBytes) return;
+            std::uint32_t length = 0;
+            std::memcpy(&length, said.data() + letters, lengthBytes);
+            const std::size_t whole = letters + ntohl(length);
+            if (said.size() < whole) return;
+            const std::lock_guard lock(m_mutex);
+            if (begun && said[0] == 'Q') m_asked.emplace_back(said.data() + letters + lengthBytes);
+            if (begun && said[0] == 'S') m_asked.emplace_back("prepared");
+            begun = true;
+            said.erase(0, whole);
+        }
+    }
     void handOn(int client) {
         const int server = newSocket();
         const sockaddr_un address = addressOf(m_server);
         bool losing = false;
+        bool begun = false;
+        std::string said;
         if (::connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             pollfd ends[] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
             char bytes[65536];
@@ -96,6 +123,7 @@ private:
                 const bool asked = ends[0].revents != 0;
                 const ssize_t size = ::read(asked ? client : server, bytes, sizeof bytes);
                 if (size <= 0 || (losing && !asked)) break;
+                if (asked) listen(said.append(bytes, static_cast<std::size_t>(size)), begun);
                 const int lost = asked ? isLost({bytes, static_cast<std::size_t>(size)}) : 0;
                 if (lost == 1) break;
                 if (lost == 2) losing = true;
@@ -112,8 +140,9 @@ private:
     std::thread m_accepting;
     std::vector<std::thread> m_handing;  // the accepting thread's until it has ended
     std::mutex m_mutex;
-    std::string m_lost;     // guarded by m_mutex
-    bool m_answer = false;  // guarded by m_mutex
+    std::string m_lost;                // guarded by m_mutex
+    bool m_answer = false;             // guarded by m_mutex
+    std::vector<std::string> m_asked;  // guarded by m_mutex
 };
 
 }  // namespace QOR::test

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "QORCommon/QORLogger.h"
+#include "QORDBSchema/PostgresStoredColumns.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -45,25 +46,29 @@ bool computesNothing(ASSession& session, const std::string& view, const std::str
     return harmless && results == 1;
 }
 
+QORStoredColumns ofSqlite(ASSession& session, const std::string& view, const std::vector<std::string>& columns) {
+    QORStoredColumns stored;
+    std::string all;
+    for (const std::string& column : columns)
+        all += (all.empty() ? "" : ", ") + ASSession::quoteIdentifier(column);
+    if (computesNothing(session, view, all)) return {{columns.begin(), columns.end()}, true};
+    for (const std::string& column : columns)
+        if (computesNothing(session, view, ASSession::quoteIdentifier(column))) stored.names.insert(column);
+    return stored;
+}
+
 }  // namespace
 
-std::set<std::string, std::less<>> storedColumns(ASSession& session, const std::string& view,
-                                                 const std::vector<std::string>& columns) {
-    std::set<std::string, std::less<>> stored;
-    if (session.engine() != ASEngine::SQLite || columns.empty()) return stored;
+QORStoredColumns storedColumns(ASSession& session, const std::string& view, const std::vector<std::string>& columns) {
+    if (columns.empty()) return {};
     try {
-        std::string all;
-        for (const std::string& column : columns)
-            all += (all.empty() ? "" : ", ") + ASSession::quoteIdentifier(column);
-        if (computesNothing(session, view, all)) return {columns.begin(), columns.end()};
-        for (const std::string& column : columns)
-            if (computesNothing(session, view, ASSession::quoteIdentifier(column))) stored.insert(column);
+        return session.engine() == ASEngine::SQLite ? ofSqlite(session, view, columns)
+                                                    : storedInPostgres(session, view, columns);
     } catch (const AException& error) {
         logMessage(3, "QORDBSchema", "qor/libs/QORDBSchema/QORStoredColumns", "storedColumns",
                    "What view %s computes is not told: %s", view.c_str(), error.what());
-        stored.clear();
     }
-    return stored;
+    return {};
 }
 
 }  // namespace QOR

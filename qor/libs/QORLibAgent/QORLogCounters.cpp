@@ -104,23 +104,27 @@ const CounterSql& sqlOf(QORLogKind kind) {
 struct ScopesSql {
     ScopesSql(const ASDialect& dialect, const std::string& table) {
         const std::string each = dialect.eachText;
-        const std::string lookUp = dialect.lookUp + table;
+        const auto counters = [&](std::string_view alias, std::string_view condition, std::string_view per) {
+            return dialect.lookUp(table, alias, condition, per);
+        };
         const auto sum = [](const std::string& condition) {
             return "coalesce(sum(CASE WHEN " + condition + " THEN c.n END), 0)";
         };
         edges = "SELECT " + sum("c.bucket > low AND c.bucket < high") + ", " + sum("c.bucket = low AND c.split = 0") +
                 ", " + sum("c.bucket = low AND c.split = 1") + ", " + sum("c.bucket = high AND c.split = 0") + ", " +
                 sum("c.bucket = high AND c.split = 1") +
-                " FROM (SELECT CAST(? AS bigint) AS low, CAST(? AS bigint) AS high) e CROSS JOIN " + each + lookUp +
-                " c ON c.scope = j.value AND c.level = ? AND c.bucket BETWEEN low AND high";
-        widest = "SELECT c.bucket, sum(c.n) FROM " + each + lookUp +
-                 " c ON c.scope = j.value AND c.level = ? GROUP BY c.bucket ORDER BY c.bucket DESC";
-        finer = "SELECT c.bucket AS bucket, c.n AS n FROM " + each + lookUp +
-                " p ON p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1" + lookUp +
-                " c ON c.scope = p.scope AND c.level = ? AND c.bucket BETWEEN ? AND ?";
-        unsplit = lookUp + " c ON c.scope = j.value AND c.level = ? AND c.bucket = ? AND c.split = 0 AND c.n > 0";
-        notSplit = "NOT EXISTS (SELECT 1 FROM " + table +
-                   " p WHERE p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1)";
+                " FROM (SELECT CAST(? AS bigint) AS low, CAST(? AS bigint) AS high) e CROSS JOIN " + each +
+                counters("c", "c.scope = j.value AND c.level = ? AND c.bucket BETWEEN low AND high", "j.value");
+        widest = "SELECT c.bucket, sum(c.n) FROM " + each +
+                 counters("c", "c.scope = j.value AND c.level = ?", "j.value") +
+                 " GROUP BY c.bucket ORDER BY c.bucket DESC";
+        finer = "SELECT c.bucket AS bucket, c.n AS n FROM " + each +
+                counters("p", "p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1", "j.value") +
+                counters("c", "c.scope = p.scope AND c.level = ? AND c.bucket BETWEEN ? AND ?", "p.scope");
+        unsplit =
+            counters("c", "c.scope = j.value AND c.level = ? AND c.bucket = ? AND c.split = 0 AND c.n > 0", "j.value");
+        notSplit = dialect.none("FROM " + table +
+                                " p WHERE p.scope = j.value AND p.level = ? AND p.bucket = ? AND p.split = 1");
     }
 
     std::string edges;
@@ -418,10 +422,9 @@ std::uint64_t QORLogScopes::countWhole(std::size_t level, std::int64_t bucket, s
     std::uint64_t records = 0;
     for (const Part& part : m_parts) {
         const Form& form = forms[part.form];
-        ASStatement& select =
-            m_session.prepare(std::string("SELECT count(*) FROM ") + m_dialect.eachText +
-                              scopesSql(m_dialect, m_kind).unsplit + m_dialect.lookUp + std::string(form.table) +
-                              " r ON " + eachOf(m_dialect, form) + " AND r.time BETWEEN ? AND ?");
+        ASStatement& select = m_session.prepare(
+            std::string("SELECT count(*) FROM ") + m_dialect.eachText + scopesSql(m_dialect, m_kind).unsplit +
+            m_dialect.lookUp(form.table, "r", eachOf(m_dialect, form) + " AND r.time BETWEEN ? AND ?", "c.n"));
         QORBinder(select)
             .text(part.json)
             .integer(levels[level])
@@ -465,8 +468,10 @@ std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::finer(std::siz
     for (const Part& part : m_parts) {
         const Form& form = forms[part.form];
         sql += " UNION ALL SELECT " + m_dialect.storedSeconds("r.time") + " >> ?, 1 FROM " + m_dialect.eachText +
-               m_dialect.lookUp + std::string(form.table) + " r ON " + eachOf(m_dialect, form) +
-               " AND r.time BETWEEN ? AND ? WHERE " + scopesSql(m_dialect, m_kind).notSplit;
+               m_dialect.lookUp(
+                   form.table, "r",
+                   eachOf(m_dialect, form) + " AND r.time BETWEEN ? AND ? AND " + scopesSql(m_dialect, m_kind).notSplit,
+                   "j.value");
     }
     ASStatement& select = m_session.prepare(sql + ") b WHERE bucket IS NOT NULL GROUP BY bucket ORDER BY bucket DESC");
     QORBinder binder(select);

@@ -139,8 +139,9 @@ std::string pageSql(const ASDialect& dialect, QORLogKind kind, const std::string
                          " FROM qor_operation_environment e WHERE e.operation = o.seq AND e.position >= 0)"
                    : "o.eid, o.source, o.category, o.info";
     return "SELECT o.seq, o.time, " + columns + " FROM (SELECT seq FROM (" + records +
-           ") r ORDER BY time DESC NULLS LAST, seq DESC LIMIT ? OFFSET ?) p" + dialect.lookUp +
-           (operations ? "qor_operation" : "qor_event") + " o ON o.seq = p.seq ORDER BY o.time DESC, o.seq DESC";
+           ") r ORDER BY time DESC NULLS LAST, seq DESC LIMIT ? OFFSET ?) p" +
+           dialect.lookUp(operations ? "qor_operation" : "qor_event", "o", "o.seq = p.seq", "p.seq") +
+           " ORDER BY o.time DESC, o.seq DESC";
 }
 
 /// Some scopes of one log and a span of time: what is asked, in the database's terms. Everything is read in one

@@ -16,7 +16,7 @@ Names storedOf(const std::string& view) {
     for (const QORViewColumn& column : readViews(*tran)) {
         if (column.view == view) columns.push_back(column.column);
     }
-    return storedColumns(*tran, view, columns);
+    return storedColumns(*tran, view, columns).names;
 }
 
 class StoredColumns : public ::testing::Test {
@@ -70,13 +70,13 @@ TEST_F(StoredColumns, OfTheHostsOwnViewsAreAll) {
         for (const QORViewColumn& column : readViews(*tran)) {
             if (column.view == view) all.insert(column.column);
         }
-        EXPECT_EQ(storedColumns(*tran, view, {all.begin(), all.end()}), all) << view;
+        EXPECT_EQ(storedColumns(*tran, view, {all.begin(), all.end()}).names, all) << view;
     }
 }
 
 TEST_F(StoredColumns, OfAViewThatIsNotThereAreNone) {
     QORRdbmsTran tran(ASAccess::Read);
-    EXPECT_EQ(storedColumns(*tran, "nowhere", {"a"}), Names{});
+    EXPECT_EQ(storedColumns(*tran, "nowhere", {"a"}).names, Names{});
 }
 
 }  // namespace

@@ -37,6 +37,8 @@ const ASDialect sqlite{
     .failureAborts = false,
     .statementTimeout = "",
     .lockTimeout = "",
+    .setLocal = "",
+    .setSession = "",
     .mark = "",
     .selectMark = "",
     .transactionId = "",
@@ -45,7 +47,6 @@ const ASDialect sqlite{
     .maxLikePattern = 50000,
     .parserDepth = 100,
     .expressionDepth = 1000,
-    .lookUp = " CROSS JOIN ",
     .eachText = "json_each(?) j",
     .firstSecond = -62167219200,
     .longestIndexed = std::numeric_limits<std::size_t>::max(),
@@ -56,7 +57,7 @@ const ASDialect postgres{
     .name = "PostgreSQL",
     .odbcName = "PostgreSQL",
     .beginRead = "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY",
-    .beginWrite = "BEGIN",
+    .beginWrite = "BEGIN READ WRITE",
     .commit = "COMMIT",
     .rollback = "ROLLBACK",
     .like = " ILIKE ",
@@ -73,8 +74,10 @@ const ASDialect postgres{
     .among = "",
     .alwaysInTransaction = true,
     .failureAborts = true,
-    .statementTimeout = "SET LOCAL statement_timeout = ",
-    .lockTimeout = "SET LOCAL lock_timeout = ",
+    .statementTimeout = "statement_timeout = ",
+    .lockTimeout = "lock_timeout = ",
+    .setLocal = "SET LOCAL ",
+    .setSession = "SET ",
     .mark = "SET LOCAL qor.transaction = ",
     .selectMark = "SELECT current_setting('qor.transaction', true)",
     .transactionId = "SELECT pg_current_xact_id_if_assigned()::text",
@@ -83,7 +86,6 @@ const ASDialect postgres{
     .maxLikePattern = 50000,  // takes any; but what one engine answers the other answers too
     .parserDepth = 0,
     .expressionDepth = 0,
-    .lookUp = " JOIN ",
     .eachText =
         "(SELECT e.place - 1 AS key, e.value AS value FROM jsonb_array_elements_text(CAST(? AS jsonb)) "
         "WITH ORDINALITY AS e (value, place)) j",
@@ -352,6 +354,23 @@ std::string ASDialect::storedSeconds(std::string_view expression) const {
 std::string ASDialect::joinedGuids(std::string_view expression) const {
     const std::string e(expression);
     return engine == ASEngine::SQLite ? "group_concat(" + e + ", ' ')" : "string_agg(CAST(" + e + " AS text), ' ')";
+}
+
+// SQLite keeps the order of what CROSS JOIN joins. PostgreSQL has to keep it where the second names the first, and does
+// not dissolve a select that may leave rows out.
+std::string ASDialect::lookUp(std::string_view table, std::string_view alias, std::string_view condition,
+                              std::string_view per) const {
+    const std::string named = std::string(table) + " " + std::string(alias);
+    const std::string asked(condition);
+    if (engine == ASEngine::SQLite) return " CROSS JOIN " + named + " ON " + asked;
+    return " CROSS JOIN LATERAL (SELECT * FROM " + named + " WHERE " + asked + " AND " + std::string(per) +
+           " IS NOT NULL OFFSET 0) " + std::string(alias);
+}
+
+// PostgreSQL would make a join of the one, in an order of its choice.
+std::string ASDialect::none(std::string_view fromAndWhere) const {
+    const std::string rows(fromAndWhere);
+    return engine == ASEngine::SQLite ? "NOT EXISTS (SELECT 1 " + rows + ")" : "(SELECT count(*) " + rows + ") = 0";
 }
 
 std::string ASDialect::binaryLiteral(std::string_view bytes) const {

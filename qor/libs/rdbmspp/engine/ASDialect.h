@@ -21,7 +21,8 @@ struct QOR_API ASDialect {
     const char* name;        ///< as people write it
     const char* odbcName;    ///< begins the driver's SQL_DBMS_NAME, and stands in the names of its drivers
     const char* beginRead;   ///< several selects that see one state
-    const char* beginWrite;  ///< takes the write lock at once, where the engine has one
+    const char* beginWrite;  ///< takes the write lock at once, where the engine has one; never for a session that is
+                             ///< opened for reading where `alwaysInTransaction`
     const char* commit;
     const char* rollback;
     const char* like;            ///< the operator that ignores the case of ASCII letters
@@ -40,14 +41,17 @@ struct QOR_API ASDialect {
     /// A function of a column and many GUIDs in one text, which asks for them as `untyped` does, but faster; empty
     /// of a typed engine.
     const char* among;
-    /// Whether a single select stands in a transaction too, because only that keeps it from writing.
+    /// Whether a single select stands in a transaction too, because only that keeps whatever the database computes for
+    /// it from writing. One that computes nothing needs none.
     bool alwaysInTransaction;
     /// Whether a statement that fails ends its transaction, of which the engine then commits nothing without a word.
     bool failureAborts;
-    /// Bounds of what follows in the transaction, milliseconds follow, 0 for none; empty where the layer itself ends
-    /// statements and waits for locks.
+    /// Bounds of what follows, behind setLocal in the transaction and behind setSession until something else is said:
+    /// milliseconds follow, 0 for none; empty where the layer itself ends statements and waits for locks.
     const char* statementTimeout;
     const char* lockTimeout;
+    const char* setLocal;
+    const char* setSession;
     /// Marks a transaction, the mark follows; and a select of the mark. Empty where rows that are handed out as they
     /// come cannot end too early.
     const char* mark;
@@ -60,9 +64,7 @@ struct QOR_API ASDialect {
     std::size_t maxLikePattern;   ///< bytes
     std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
     std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited
-    /// For statements over tables whose columns have the engine's own types. Joins two of them, so that the second is
-    /// looked up for the rows of the first.
-    const char* lookUp;
+    /// For statements over tables whose columns have the engine's own types, as the functions below from guid() on.
     /// Rows `j` of the texts of a JSON array, which is a parameter: columns key, the place from 0, and value.
     const char* eachText;
     std::int64_t firstSecond;    ///< since the epoch, of the first year that a time can have
@@ -114,6 +116,13 @@ struct QOR_API ASDialect {
     std::string storedSeconds(std::string_view expression) const;
     /// The texts of a group's GUIDs, blanks between them.
     std::string joinedGuids(std::string_view expression) const;
+    /// Joins a table, so that its rows are looked up for each row of what stands in front of it, and in no other order:
+    /// how many those are, the engine cannot know. \param per a column in front that is never null, the last one where
+    /// there are several
+    std::string lookUp(std::string_view table, std::string_view alias, std::string_view condition,
+                       std::string_view per) const;
+    /// That a select has no rows, which is asked once and not for each row.
+    std::string none(std::string_view fromAndWhere) const;
     /// A literal of bytes.
     std::string binaryLiteral(std::string_view bytes) const;
 };

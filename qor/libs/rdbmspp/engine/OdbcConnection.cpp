@@ -498,7 +498,8 @@ bool OdbcConnection::isDead() const noexcept {
 }
 
 bool OdbcConnection::isForReading() const noexcept {
-    return m_reading || (m_dialect->alwaysInTransaction && m_begin.starts_with(m_dialect->beginRead));
+    return m_reading ||
+           (m_dialect->alwaysInTransaction && (m_begin.empty() || m_begin.starts_with(m_dialect->beginRead)));
 }
 
 void OdbcConnection::starting() noexcept {

@@ -152,9 +152,10 @@ private:
     /// Begins the transaction anew, for a statement that failed before anything was answered in it. \returns false when
     /// that cannot be done
     bool beginAgain();
+    /// Whether the other end is known to have gone.
+    bool isDead() const noexcept;
     /// Whether nothing may be written now, so that a refusal to write is no fault of the database.
     bool isForReading() const noexcept;
-    bool isDead() const noexcept;
     bool streams() const noexcept { return !m_mark.empty(); }
     /// Calls again while somebody else's lock is in the way, as long as the patience lasts. \returns SQLRETURN
     template <class Call>

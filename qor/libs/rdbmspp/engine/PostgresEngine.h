@@ -16,8 +16,10 @@ void settlePostgres(OdbcConnectionString& string);
 /// The connection string of connections whose rows are handed out as they come.
 std::string postgresStreaming(OdbcConnectionString string);
 
-/// What makes a session's texts, times and waiting what this layer takes them for, whatever the server, the role and
-/// the connection string say. Run before anything else. \param patience with locks of others
+/// What makes a session's texts, times, waiting and writing what this layer takes them for, whatever the server, the
+/// role and the connection string say: only a transaction that says so writes. And what makes it
+/// quick. Run before anything else. \param
+/// patience with locks of others
 std::string postgresScript(std::chrono::milliseconds patience);
 
 /// What to do where a connection cannot be opened, to be put behind the reason; "" where the reason says it.

@@ -143,6 +143,26 @@ struct ASSession::Impl {
     bool mayStream() const noexcept { return !inTransaction && !source.streamingString.empty(); }
     /// Begins a transaction on the connection.
     void begin(bool writing);
+    /// What is done from now on is a single read, of which nobody knows yet whether it computes anything. One that does
+    /// begins a transaction first.
+    void beginSingle() noexcept;
+    /// The single read's statement is about to run. \param computes whether the database computes something for it
+    /// that could write
+    void readySingle(bool computes);
+    /// Whether the single read has failed for no other reason than that the connection was lost while it lay idle.
+    bool wasLostIdle() const noexcept { return single && untouched && isLost(); }
+    /// Does what a single read begins with, and once more where a new connection helps. References to what the session
+    /// was made of do not outlive this.
+    template <class Work>
+    static void doSingle(ASSession& session, Work work) {
+        try {
+            return work();
+        } catch (const AException&) {
+            if (!session.impl().wasLostIdle()) throw;
+        }
+        replaceLost(session);
+        work();
+    }
     std::string transactionId();
     /// Begins a transaction on the streaming connection, where all cursors run until it ends. \returns false when there
     /// is no such connection
@@ -164,11 +184,16 @@ struct ASSession::Impl {
     ASStatementCache<OdbcStatement> selects;
     ASStatementCache<ASStatement> statements;
     void openStreaming();
+    static void replaceLost(ASSession& session);
 
     std::unique_ptr<OdbcConnection> streaming;  ///< opened when it is first needed
     ASStatementCache<OdbcStatement> streamed;
     bool inTransaction = false;
     bool inLong = false;
+    bool single = false;     ///< a single read that has not needed a transaction so far
+    bool untouched = false;  ///< and nothing of it was answered
+    bool begun = false;      ///< it has needed one
+    std::int64_t bound = 0;  ///< of the session's statements, milliseconds; 0: none
     std::int64_t changes = 0;
     std::uint64_t generation = 0;
     std::uint64_t time = 0;  ///< when it was opened, counted in losses of connections

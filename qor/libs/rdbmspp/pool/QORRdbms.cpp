@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
@@ -359,17 +360,29 @@ ASStatementLease ASSession::Impl::leaseStreaming(const std::string& sql) {
 
 namespace {
 
-// What bounds the transaction in the engine itself, beside the watch that ends its statements: for an agent that is
-// gone, say. A writer that serves a request waits for locks as long as the request may go on.
-std::string bounds(const ASDialect& dialect) {
+constexpr std::int64_t longestBound = 1 << 30;
+
+/// What bounds the thread's request in the engine itself, beside the watch that ends its statements: for an agent that
+/// is gone, say. Milliseconds; 0: nothing does.
+std::int64_t boundOfRequest(const ASDialect& dialect) {
     constexpr auto margin = std::chrono::seconds(1);
     const QORRequestControl* const control = QORRequestControl::current();
-    if (*dialect.statementTimeout == '\0' || control == nullptr) return {};
-    if (control->deadline() == QORRequestControl::Clock::time_point::max()) return {};
+    if (*dialect.statementTimeout == '\0' || control == nullptr) return 0;
+    if (control->deadline() == QORRequestControl::Clock::time_point::max()) return 0;
     const auto left = control->deadline() - QORRequestControl::Clock::now() + margin;
     const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
-    return std::string("; ") + dialect.statementTimeout +
-           std::to_string(std::clamp<std::int64_t>(milliseconds, 1, 1 << 30)) + "; " + dialect.lockTimeout + "0";
+    return std::clamp<std::int64_t>(milliseconds, 1, longestBound);
+}
+
+std::string timeouts(const ASDialect& dialect, const char* set, std::int64_t statement, std::int64_t lock) {
+    return set + (dialect.statementTimeout + std::to_string(statement)) + "; " + set +
+           (dialect.lockTimeout + std::to_string(std::min(lock, longestBound)));
+}
+
+/// Who serves a request waits for locks as long as the request may go on.
+std::string boundsOfRequest(const ASDialect& dialect) {
+    const std::int64_t bound = boundOfRequest(dialect);
+    return bound == 0 ? std::string() : "; " + timeouts(dialect, dialect.setLocal, bound, 0);
 }
 
 }  // namespace
@@ -380,7 +393,33 @@ std::string ASSession::Impl::transactionId() {
 }
 
 void ASSession::Impl::begin(bool writing) {
-    connection.beginTransaction((writing ? dialect->beginWrite : dialect->beginRead) + bounds(*dialect));
+    const bool writes = writing && !(source.queryOnly && dialect->alwaysInTransaction);
+    std::string bounds = boundsOfRequest(*dialect);
+    if (bounds.empty() && bound != 0) bounds = "; " + timeouts(*dialect, dialect->setLocal, 0, source.patience.count());
+    connection.beginTransaction((writes ? dialect->beginWrite : dialect->beginRead) + bounds);
+}
+
+void ASSession::Impl::beginSingle() noexcept {
+    single = true;
+    untouched = true;
+}
+
+// The session's own bounds hold for single reads that have no transaction. Requests mostly have the same deadline, so
+// that they are seldom said anew: they may be wide of it, since they are not what ends a request.
+void ASSession::Impl::readySingle(bool computes) {
+    constexpr std::int64_t wide = 64'000;
+    if (!single) return;
+    if (computes) {
+        begin(false);
+        single = untouched = false;
+        begun = true;
+        return;
+    }
+    const std::int64_t needed = boundOfRequest(*dialect);
+    if (needed == 0 ? bound == 0 : bound >= needed && bound <= std::max(4 * needed, wide)) return;
+    const auto next = needed == 0 ? 0 : static_cast<std::int64_t>(std::bit_ceil(static_cast<std::uint64_t>(needed)));
+    connection.execute(timeouts(*dialect, dialect->setSession, next, needed == 0 ? source.patience.count() : 0));
+    bound = next;
 }
 
 // A transaction that is begun by its statement does not keep the driver from handing out rows one by one.
@@ -388,7 +427,7 @@ bool ASSession::Impl::beginLong() {
     if (source.streamingString.empty()) return false;
     if (inLong) return true;
     openStreaming();
-    streaming->beginTransaction(dialect->beginRead + bounds(*dialect), true);
+    streaming->beginTransaction(dialect->beginRead + boundsOfRequest(*dialect), true);
     inLong = true;
     return true;
 }
@@ -418,7 +457,13 @@ ASEngine ASSession::engine() const noexcept {
     return m_impl->dialect->engine;
 }
 
+// What the host's own statements compute is not looked into.
+void ASSession::ready() {
+    if (m_impl->single) Impl::doSingle(*this, [this] { m_impl->readySingle(true); });
+}
+
 void ASSession::execute(std::string_view sql) {
+    ready();
     m_impl->changes = m_impl->connection.execute(sql);
 }
 
@@ -431,6 +476,7 @@ void ASSession::setOwing(bool owing) noexcept {
 }
 
 ASStatement& ASSession::prepare(std::string_view sql) {
+    ready();
     if (auto* entry = m_impl->statements.find(sql)) {
         entry->statement->reset();
         return *entry->statement;
@@ -662,6 +708,21 @@ std::unique_ptr<ASSession> QORRdbms::Impl::openChecked(const Settings& used) {
     }
     if (found != expected->value) refuseFile(used, "what is in its file was replaced");
     return session;
+}
+
+// Whatever ended it has ended the others of its time. Nothing of the old session is in use: nothing was answered on it.
+void ASSession::Impl::replaceLost(ASSession& session) {
+    auto& pool = *QORRdbms::instance().m_impl;
+    pool.forgetOthers(session);
+    std::shared_ptr<const Settings> used;
+    {
+        const std::lock_guard lock(pool.mutex);
+        used = pool.settings;
+    }
+    if (!used) throw AException("no database is configured");
+    auto fresh = pool.openChecked(*used);
+    fresh->m_impl->beginSingle();
+    session.m_impl.swap(fresh->m_impl);
 }
 
 // Waits for a session, or for a place to open one, as long as the request may go on. A request that is cancelled
@@ -1040,7 +1101,10 @@ void beginWriting(ASSession& session) {
 bool begin(ASSession& session, ASAccess access) {
     auto& impl = session.impl();
     impl.inTransaction = access != ASAccess::ReadOne;
-    if (access == ASAccess::ReadOne && !impl.dialect->alwaysInTransaction) return false;
+    if (access == ASAccess::ReadOne) {
+        if (impl.dialect->alwaysInTransaction) impl.beginSingle();
+        return false;
+    }
     if (access == ASAccess::ReadLong && impl.beginLong()) return false;
     if (access == ASAccess::Write) {
         beginWriting(session);
@@ -1084,7 +1148,9 @@ QORRdbmsTran::~QORRdbmsTran() {
     impl.endLong();
     impl.connection.endTransaction();
     impl.connection.setOwing(false);
-    if (m_impl->active && impl.connection.isInTransaction()) {
+    impl.single = false;
+    const bool active = std::exchange(impl.begun, false) || m_impl->active;
+    if (active && impl.connection.isInTransaction()) {
         try {
             m_session->execute(impl.dialect->rollback);
         } catch (const std::exception&) {

@@ -58,6 +58,7 @@ public:
     Impl& impl() noexcept { return *m_impl; }
 
 private:
+    void ready();
     std::unique_ptr<Impl> m_impl;
 };
 
@@ -139,13 +140,15 @@ public:
 
 private:
     friend class QORRdbmsTran;
+    friend class ASSession;
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };
 
 /// What a transaction is for, which decides what is opened on the connection.
 enum class ASAccess {
-    ReadOne,   ///< a single select: consistent in itself, no transaction on the wire
+    ReadOne,   ///< a single select: consistent in itself, no transaction on the wire, but where the database computes
+               ///< something for it that only a transaction keeps from writing
     Read,      ///< several selects that see one state
     ReadLong,  ///< the same for cursors alone, of which one may have a result of any length: rows are read as they are
                ///< fetched, where the engine can. Plain statements of the session are outside of it

@@ -53,13 +53,17 @@ public:
     const std::string& derivedSql() const noexcept { return m_derivedSql; }
 
     /// A view of which it is known which columns are stored: reading one computes nothing, so that it cannot fail.
+    /// \param handsOutOnly see handsOutOnly()
     static std::shared_ptr<const ASDomain> view(std::string name, std::set<std::string, std::less<>> storedColumns,
-                                                ASStorages storages = {}) {
+                                                ASStorages storages = {}, bool handsOutOnly = false) {
         auto domain = std::make_shared<ASDomain>(std::move(name), std::string());
         domain->m_storedColumns = std::move(storedColumns);
         domain->m_storages = std::move(storages);
+        domain->m_handsOutOnly = handsOutOnly;
         return domain;
     }
+    /// Whether it is known that the database computes nothing at all for who selects from the view.
+    bool handsOutOnly() const noexcept { return m_handsOutOnly; }
     /// False also where nothing is known of the column.
     bool isStored(std::string_view column) const { return m_storedColumns.contains(column); }
     ASStorage storageOf(std::string_view column) const {
@@ -73,6 +77,7 @@ private:
     std::string m_derivedSql;
     std::set<std::string, std::less<>> m_storedColumns;
     ASStorages m_storages;
+    bool m_handsOutOnly = false;
 };
 
 using ASDomainPtr = std::shared_ptr<const ASDomain>;

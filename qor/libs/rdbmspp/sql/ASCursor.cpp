@@ -21,9 +21,10 @@ constexpr std::size_t bytesOfNumber = 24;
 constexpr std::size_t bytesOfGuid = 36;
 constexpr std::size_t bytesOfUndeclared = 64;
 // Results that may be longer are worth a statement of their own for each set of values. Rows that hold documents may be
-// large, however few they are.
-constexpr std::int32_t manyRows = 1000;
-constexpr std::int32_t manyDocuments = 16;
+// large, however few they are. A server's driver needs a cursor for what it does not read whole, which costs a page
+// several times what it takes otherwise.
+constexpr std::int32_t documentsAtOnce = 15;
+constexpr std::int32_t textsAtOnce = 100;
 
 std::size_t expectedText(std::size_t capacity) {
     return capacity > 1 ? (capacity - 1) * bytesOfCharacter : bytesOfUndeclared;
@@ -69,13 +70,11 @@ bool takeWholeReal(ASData& data, double sum) {
 
 }  // namespace
 
-bool ASCursor::isLong(std::int32_t limit, bool documents) noexcept {
-    return limit <= 0 || limit >= (documents ? manyDocuments : manyRows);
-}
-
-bool ASCursor::isDocument(const ASData& data) noexcept {
-    return data.type() == ASType::Blob ||
-           (data.type() == ASType::VarChar && static_cast<const ASVStr&>(data).capacity() <= 1);
+std::int32_t ASCursor::rowsAtOnce(const ASData& data, const ASDialect& dialect) noexcept {
+    if (data.type() == ASType::Blob) return documentsAtOnce;
+    const bool anyLength = data.type() == ASType::VarChar && static_cast<const ASVStr&>(data).capacity() <= 1;
+    if (!anyLength) return mostRowsAtOnce;
+    return dialect.typed ? textsAtOnce : documentsAtOnce;
 }
 
 struct ASCursor::Impl {
@@ -88,12 +87,13 @@ struct ASCursor::Impl {
 
     bool next();
     void run();
+    void attempt();
     void start(bool exactSums);
     bool adds() const;
     void bind(const ASProject& project);
     void take(std::size_t index);
     bool isOneRow() const;
-    bool holdsDocuments() const;
+    std::int32_t atOnce() const;
 
     ASSession& session;
     ASSelect select;
@@ -148,24 +148,33 @@ bool ASCursor::Impl::next() {
 // is answered does not: the sums are taken again so that only what they come to in the end counts.
 void ASCursor::Impl::run() {
     try {
-        start(false);
+        ASSession::Impl::doSingle(session, [this] { attempt(); });
     } catch (const AException& error) {
         if (!adds() || error.text().find(overflowText) == std::string::npos) throw;
+        start(true);
+    }
+}
+
+// What was begun does not outlive the failure, since the session may be made anew.
+void ASCursor::Impl::attempt() {
+    try {
+        start(false);
+    } catch (...) {
         statement = ASStatementLease();
         columns.clear();
-        start(true);
+        throw;
     }
 }
 
 void ASCursor::Impl::start(bool exactSums) {
     auto& s = session.impl();
     // Sums are all there before the first row is handed out, so that they can be taken again.
-    const bool streams =
-        s.isLong() || (s.mayStream() && isLong(select.m_limit, holdsDocuments()) && !isOneRow() && !adds());
+    const bool streams = s.isLong() || (s.mayStream() && isLong(select.m_limit, atOnce()) && !isOneRow() && !adds());
     ASSqlBuilder builder(*s.dialect, streams ? ASPurpose::Streaming : ASPurpose::Execution, exactSums,
                          std::move(s.spareText));
-    where = select.where();
+    where = select.where(*s.dialect);
     builder.select(select, where);
+    if (!streams) s.readySingle(builder.computes());
     auto running = streams ? s.leaseStreaming(builder.text()) : s.lease(builder.text());
     const auto& values = builder.parameters();
     for (std::size_t i = 0; i < values.size(); ++i)
@@ -174,6 +183,7 @@ void ASCursor::Impl::start(bool exactSums) {
     statement = std::move(running);
     bind(select.m_filter.m_project);
     statement->execute();
+    s.untouched = false;
 }
 
 bool ASCursor::Impl::adds() const {
@@ -189,12 +199,12 @@ bool ASCursor::Impl::isOneRow() const {
     return std::all_of(items.begin(), items.end(), [](const auto& item) { return item->group.has_value(); });
 }
 
-bool ASCursor::Impl::holdsDocuments() const {
-    const auto& items = select.m_filter.m_project.m_items;
-    return std::any_of(items.begin(), items.end(), [](const auto& item) {
-        const ASData* const data = item->data();
-        return data != nullptr && isDocument(*data);
-    });
+std::int32_t ASCursor::Impl::atOnce() const {
+    std::int32_t rows = mostRowsAtOnce;
+    for (const auto& item : select.m_filter.m_project.m_items) {
+        if (const ASData* const data = item->data()) rows = std::min(rows, rowsAtOnce(*data, *session.impl().dialect));
+    }
+    return rows;
 }
 
 void ASCursor::Impl::bind(const ASProject& project) {

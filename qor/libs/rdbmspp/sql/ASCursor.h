@@ -13,6 +13,7 @@
 namespace QOR {
 
 class ASSession;
+struct ASDialect;
 
 /// Runs on the session it was made on and must not outlive it. Not shared between threads. Errors: AException.
 class QOR_API ASCursor {
@@ -37,10 +38,13 @@ public:
     std::string Query() const;
 
     /// Whether a result may be so long that it is worth reading it as it is fetched (ASAccess::ReadLong).
-    /// \param limit rows; 0 or less: no limit \param documents whether rows hold a document
-    static bool isLong(std::int32_t limit, bool documents) noexcept;
-    /// Whether values of the object may be of any length: bytes, or a text without a declared length.
-    static bool isDocument(const ASData& data) noexcept;
+    /// \param limit rows; 0 or less: no limit \param atOnce the fewest of those that its columns allow
+    static bool isLong(std::int32_t limit, std::int32_t atOnce) noexcept { return limit <= 0 || limit > atOnce; }
+    /// How many rows with such a column are read at once, whole: few where values may be of any length. Those are bytes
+    /// and texts without a declared length, which a typed engine's texts mostly are, however short.
+    static std::int32_t rowsAtOnce(const ASData& data, const ASDialect& dialect) noexcept;
+    /// The same where nothing of any length is selected.
+    static constexpr std::int32_t mostRowsAtOnce = 999;
 
 private:
     struct Impl;

@@ -1,7 +1,10 @@
 #include "rdbmspp/sql/ASRestriction.h"
 
+#include <algorithm>
 #include <vector>
 
+#include "QORCommon/QORNumbers.h"
+#include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASSqlText.h"
 
@@ -29,19 +32,40 @@ bool tellsAGuid(const Node& node) {
     return (node.kind == Node::Kind::Value || node.kind == Node::Kind::In) && isGuid(*node.first);
 }
 
-bool isPlainTerm(const Node& node) {
+/// Of a typed engine: whether the literals are compared with the column as values of its kind. A whole number beside a
+/// fraction is made a decimal number first.
+bool areOfKind(const ASAttribute& column, const std::vector<std::string_view>& literals) {
+    if (column.type() != ASType::Int && column.type() != ASType::BigInt) return true;
+    return std::all_of(literals.begin(), literals.end(), [](std::string_view sql) {
+        const auto text = literalText(sql);
+        return parseInt64(text ? *text : sql).has_value();
+    });
+}
+
+bool isOfKind(const ASAttribute& column, const ASValue& value) {
+    if (value.kind == ASValue::Kind::Binary) return false;
+    if (column.type() != ASType::Int && column.type() != ASType::BigInt) return true;
+    return value.kind == ASValue::Kind::Integer || (value.kind == ASValue::Kind::Text && parseInt64(value.text));
+}
+
+bool isPlainTerm(const Node& node, bool typed) {
     switch (node.kind) {
         case Node::Kind::Value:
+            return isStored(*node.first) && (!typed || isOfKind(*node.first, node.value));
         case Node::Kind::IsNull:
             return isStored(*node.first);
         case Node::Kind::Values:
             return true;
         case Node::Kind::Attributes:
-            return !tellsAGuid(node) && isStored(*node.first) && isStored(*node.second);
+            return !typed && !tellsAGuid(node) && isStored(*node.first) && isStored(*node.second);
         case Node::Kind::Between:
-            return isStored(*node.first) && isStoredOrLiteral(*node.second) && isStoredOrLiteral(*node.third);
+            if (!isStored(*node.first) || !isStoredOrLiteral(*node.second) || !isStoredOrLiteral(*node.third))
+                return false;
+            return !typed || (!node.second->isColumn() && !node.third->isColumn() &&
+                              areOfKind(*node.first, {node.second->name(), node.third->name()}));
         case Node::Kind::In:
-            return !node.second && isStored(*node.first) && isLiteralList(node.value.text);
+            return !node.second && isStored(*node.first) && isLiteralList(node.value.text) &&
+                   (!typed || areOfKind(*node.first, listItems(node.value.text)));
         default:
             return false;
     }
@@ -49,7 +73,7 @@ bool isPlainTerm(const Node& node) {
 
 // A chain of many terms is a deep tree, so nothing here goes down it by recursion. Below a not, a comparison may turn
 // into the opposite one of a conjunction.
-bool isPlain(const Node& root) {
+bool isPlain(const Node& root, bool typed) {
     struct Pending {
         const Node* node;
         bool belowNot;
@@ -62,7 +86,7 @@ bool isPlain(const Node& root) {
             const bool below = belowNot || node->kind == Node::Kind::Not;
             if (node->right) pending.push_back({node->right.get(), below});
             pending.push_back({node->left.get(), below});
-        } else if (!isPlainTerm(*node) || (belowNot && tellsAGuid(*node))) {
+        } else if (!isPlainTerm(*node, typed) || (belowNot && tellsAGuid(*node))) {
             return false;
         }
     }
@@ -122,12 +146,12 @@ std::vector<std::shared_ptr<Node>> termsOf(const ASComparison& condition) {
 
 }  // namespace
 
-ASComparison restricted(const ASComparison& access, const ASComparison& condition) {
+ASComparison restricted(const ASDialect& dialect, const ASComparison& access, const ASComparison& condition) {
     if (access.empty()) return condition;
     ASComparison outside = opaque(access.node());
     ASComparison rest;
     for (const auto& term : termsOf(condition)) {
-        if (isPlain(*term)) {
+        if (isPlain(*term, dialect.typed)) {
             outside = std::move(outside) && opaque(term);
         } else {
             rest = std::move(rest) && ASComparison(term);

@@ -6,6 +6,8 @@
 
 namespace QOR {
 
+struct ASDialect;
+
 /// `condition` for the rows that `access` lets through. An engine is free to evaluate the terms of a conjunction in any
 /// order, so `access AND condition` may ask the condition of rows outside, and what it fails on there, or how long it
 /// takes, tells of them. Here every engine's rule that a CASE evaluates the branch it takes and no other stands between
@@ -19,13 +21,14 @@ namespace QOR {
 ///   columns with literals and with each other. They stand outside the CASE because an index serves them only there,
 ///   and may do so because they cannot fail: a stored column is read without computing anything
 ///   (ASDomain::isStored()), and SQLite compares any two stored values by storage class, after an affinity that turns
-///   what it cannot convert into nothing else. PostgreSQL converts literals to the column's type while it plans, before
-///   it sees a row, but columns of different types by casts, which may fail on a row; there no column counts as stored.
+///   what it cannot convert into nothing else. A typed engine compares columns of different types by casts, which may
+///   fail on a row: there no two columns are compared outside, and a column only with literals that are sent as its own
+///   kind, for which the engine's comparisons fail for no value (ASDomain::isStored() knows of no others there).
 ///   A conjunction says of `column = literal` that the column is that literal in all its other terms, and SQLite acts
 ///   on it: `access` inside the CASE would become `literal IN (...)`, true of every row. It does so with literals that
 ///   have no affinity only; so an equality outside with a GUID, which the object columns and all their other names are,
 ///   is written with one that has. Everything else stays inside: like (its time is the row's to choose, and a pattern
 ///   may be bad), functions, nested selects, and columns that a view computes.
-ASComparison restricted(const ASComparison& access, const ASComparison& condition);
+ASComparison restricted(const ASDialect& dialect, const ASComparison& access, const ASComparison& condition);
 
 }  // namespace QOR

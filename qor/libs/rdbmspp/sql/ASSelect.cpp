@@ -55,12 +55,12 @@ void ASSelect::Order(const ASOrder& order) {
 
 std::string ASSelect::Query(const ASDialect& dialect) const {
     ASSqlBuilder builder(dialect, ASPurpose::Reading);
-    builder.select(*this, where());
+    builder.select(*this, where(dialect));
     return std::move(builder).takeText();
 }
 
-ASComparison ASSelect::where() const {
-    return restricted(m_filter.m_access, m_filter.m_condition);
+ASComparison ASSelect::where(const ASDialect& dialect) const {
+    return restricted(dialect, m_filter.m_access, m_filter.m_condition);
 }
 
 ASNestedSelect::ASNestedSelect(ASSelect select, const ASDialect& dialect)

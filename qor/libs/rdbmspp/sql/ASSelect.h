@@ -71,7 +71,7 @@ private:
     friend class ASSqlBuilder;
     friend class ASCursor;
     /// The condition of the rows that there are.
-    ASComparison where() const;
+    ASComparison where(const ASDialect& dialect) const;
 
     ASFilter m_filter;
     std::int32_t m_limit = 0;

@@ -160,9 +160,9 @@ void ASSqlBuilder::distinctItem(const ASProject::Item& item) {
 void ASSqlBuilder::nested(const ASNestedSelect& nested) {
     const ASPurpose outer = std::exchange(m_purpose, ASPurpose::Nested);
     if (m_dialect.typed) {
-        select(nested.select(), m_conditions.emplace_back(nested.select().where()));
+        select(nested.select(), m_conditions.emplace_back(nested.select().where(m_dialect)));
     } else {
-        select(nested.select(), nested.select().where());
+        select(nested.select(), nested.select().where(m_dialect));
     }
     m_purpose = outer;
 }
@@ -362,6 +362,7 @@ void ASSqlBuilder::from(const ASProject& project) {
     for (const auto& item : project.m_items) {
         const ASDomain* domain = item->domain();
         if (!domain) continue;
+        m_computes = m_computes || !domain->handsOutOnly();
         append(" FROM ");
         if (!domain->derivedSql().empty()) {
             append("(");

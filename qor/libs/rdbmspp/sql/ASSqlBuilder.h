@@ -49,6 +49,11 @@ public:
     void condition(const ASComparison& condition);
 
     void append(std::string_view sql) { m_text += sql; }
+    /// SQL of the host's own in a text of its own, into which nobody looks.
+    void appendRaw(std::string_view sql) {
+        append(sql);
+        m_computes = true;
+    }
     void column(const ASAttribute& attribute) { appendColumn(m_text, attribute); }
     void operand(const ASAttribute& attribute);
     /// \param projected whether it is given to the driver
@@ -71,6 +76,8 @@ public:
     const std::string& text() const noexcept { return m_text; }
     std::string takeText() && { return std::move(m_text); }
     const std::vector<const ASValue*>& parameters() const noexcept { return m_parameters; }
+    /// Whether what is selected from may compute something: a view that is not known to only hand out what is stored.
+    bool computes() const noexcept { return m_computes; }
     const ASDialect& dialect() const noexcept { return m_dialect; }
     /// What is written stands within another select.
     bool isNested() const noexcept { return m_purpose == ASPurpose::Nested; }
@@ -103,6 +110,7 @@ private:
     ASPurpose m_purpose;
     const bool m_executes;
     bool m_exactSums;
+    bool m_computes = false;
     std::string m_text;
     std::vector<const ASValue*> m_parameters;
     std::deque<ASValue> m_kept;

@@ -175,7 +175,7 @@ const ASValue* ASTypedTerms::literal(std::string_view sql) {
 void ASTypedTerms::operand(const ASAttribute& attribute) {
     if (attribute.isSelect()) {
         m_builder.append("(");
-        attribute.nestedSelect() ? m_builder.nested(*attribute.nestedSelect()) : m_builder.append(attribute.name());
+        attribute.nestedSelect() ? m_builder.nested(*attribute.nestedSelect()) : m_builder.appendRaw(attribute.name());
         return m_builder.append(")");
     }
     if (attribute.operand() != nullptr) return call(attribute);
@@ -207,7 +207,7 @@ void ASTypedTerms::term(const Node& node) {
     switch (node.kind) {
         case Node::Kind::Raw:
             m_builder.append("(");
-            m_builder.append(node.value.text);
+            m_builder.appendRaw(node.value.text);
             return m_builder.append(")");
         case Node::Kind::Attributes:
             return compare(sideOf(*node.first), node.op, sideOf(*node.second));
@@ -450,7 +450,9 @@ void ASTypedTerms::in(const Node& node) {
     if (!node.items.empty()) return inItems(left, node.items);
     if (node.value.text.starts_with("SELECT ")) {
         side(left);
-        return m_builder.append(" IN (" + node.value.text + ")");
+        m_builder.append(" IN (");
+        m_builder.appendRaw(node.value.text);
+        return m_builder.append(")");
     }
     const std::vector<std::string_view> items = listItems(node.value.text);
     if (inArray(left, items)) return;
@@ -624,6 +626,7 @@ void ASTypedTerms::likeColumn(const Node& node) {
 std::string ASTypedTerms::written(const ASAttribute& attribute) {
     ASSqlBuilder builder(m_builder.dialect(), ASPurpose::Reading);
     ASTypedTerms(builder).operand(attribute);
+    if (builder.computes()) m_builder.appendRaw({});
     return std::move(builder).takeText();
 }
 
@@ -689,7 +692,7 @@ void ASTypedTerms::expression(std::string_view sql) {
         m_builder.append(sql);
         m_builder.append(" AS text)");
     } else {
-        m_builder.append(sql);
+        m_builder.appendRaw(sql);
     }
     for (; calls > 0; --calls) {
         m_builder.append(m_builder.dialect().byteOrder);

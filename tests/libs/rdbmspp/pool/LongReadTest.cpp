@@ -1,5 +1,6 @@
 // Transactions for results of any length: rows come as they are fetched, and what belongs together sees one state.
 #include "libs/rdbmspp/DatabaseFixture.h"
+#include "rdbmspp/engine/ASDialect.h"
 #include "support/ResidentMemory.h"
 
 namespace QOR::test {
@@ -93,16 +94,19 @@ TEST_F(LongRead, ADatabaseInMemoryReadsItTheUsualWay) {
 }
 
 TEST(LongResult, IsOneOfManyRowsOrOfSomeDocuments) {
-    EXPECT_TRUE(ASCursor::isLong(0, false));
-    EXPECT_TRUE(ASCursor::isLong(-1, false));
-    EXPECT_FALSE(ASCursor::isLong(999, false));
-    EXPECT_TRUE(ASCursor::isLong(1000, false));
-    EXPECT_FALSE(ASCursor::isLong(15, true));
-    EXPECT_TRUE(ASCursor::isLong(16, true));
-    EXPECT_TRUE(ASCursor::isDocument(ASRealBlob()));
-    EXPECT_TRUE(ASCursor::isDocument(ASVStr(1)));
-    EXPECT_FALSE(ASCursor::isDocument(ASVStr(21)));
-    EXPECT_FALSE(ASCursor::isDocument(ASInt()));
+    EXPECT_TRUE(ASCursor::isLong(0, 999));
+    EXPECT_TRUE(ASCursor::isLong(-1, 999));
+    EXPECT_FALSE(ASCursor::isLong(999, 999));
+    EXPECT_TRUE(ASCursor::isLong(1000, 999));
+    const ASDialect& sqlite = ASDialect::of(ASEngine::SQLite);
+    const ASDialect& postgres = ASDialect::of(ASEngine::PostgreSQL);
+    EXPECT_EQ(ASCursor::rowsAtOnce(ASRealBlob(), sqlite), 15);
+    EXPECT_EQ(ASCursor::rowsAtOnce(ASVStr(1), sqlite), 15);
+    EXPECT_EQ(ASCursor::rowsAtOnce(ASVStr(21), sqlite), 999);
+    EXPECT_EQ(ASCursor::rowsAtOnce(ASInt(), sqlite), 999);
+    EXPECT_EQ(ASCursor::rowsAtOnce(ASRealBlob(), postgres), 15);
+    EXPECT_EQ(ASCursor::rowsAtOnce(ASVStr(1), postgres), 100) << "texts there have no declared length as a rule";
+    EXPECT_EQ(ASCursor::rowsAtOnce(ASVStr(21), postgres), 999);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORRequestControl.h"
+#include "libs/rdbmspp/Columns.h"
 #include "libs/rdbmspp/PostgresFixture.h"
 #include "support/PostgresGate.h"
 
@@ -17,6 +18,8 @@ namespace {
 
 using std::chrono::milliseconds;
 using ::testing::AnyOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -31,6 +34,21 @@ protected:
         engine().rows(
             "SELECT pg_terminate_backend(pid, 10000) FROM pg_stat_activity WHERE datname = current_database()"
             " AND pid <> pg_backend_pid()");
+    }
+    /// The only cell of a view's column i by a single read. \param known whether it is known to compute nothing
+    static std::string single(const std::string& view, bool known) {
+        QORRdbmsTran transaction(ASAccess::ReadOne);
+        const Column i = column(ASDomain::view(view, {}, {}, known), "i", ASType::Int);
+        ASCursor cursor(*transaction);
+        cursor.Filter().Project() << i.attribute;
+        cursor.Limit(20, 0);
+        return cursor.Fetch() ? test::cell(*i.data) : "(no row)";
+    }
+    void openThrough(const PostgresGate& gate) const {
+        ASDatabaseOptions through = options();
+        through.connectionString =
+            "Driver=PostgreSQL Unicode;Server=" + gate.folder() + ";Port=5432;Database=" + database.name() + ";UID=qor";
+        QORRdbms::instance().configure(through);
     }
     /// Has several connections lie idle.
     static void openSome(std::size_t count) {
@@ -121,6 +139,96 @@ TEST_F(PostgresPool, NoReadCanBeMadeToWrite) {
     EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "0");
 }
 
+TEST_F(PostgresPool, NoReadWithoutATransactionCanBeMadeToWrite) {
+    prepare(
+        "CREATE TABLE t (i int); CREATE FUNCTION f() RETURNS int LANGUAGE sql AS 'INSERT INTO t VALUES (1) RETURNING "
+        "i'; CREATE VIEW v AS SELECT f() AS i;"
+        "CREATE VIEW u AS SELECT length(set_config('transaction_read_only', 'off', false)) AS i;"
+        "CREATE VIEW w AS SELECT length(set_config('default_transaction_read_only', 'off', false)) AS i");
+    // As if nothing were computed in them.
+    EXPECT_EQ(failureOf([] { single("v", true); }).failure(), ASFailure::ReadOnly);
+    EXPECT_EQ(failureOf([] { single("u", true); }).sqlState(), "25001");
+    // What is computed is undone with the transaction that it gets.
+    EXPECT_EQ(single("w", false), "3");
+    EXPECT_EQ(failureOf([] { single("v", true); }).failure(), ASFailure::ReadOnly);
+    EXPECT_EQ(cell("SELECT current_setting('default_transaction_read_only')"), "on");
+    EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "0");
+}
+
+TEST_F(PostgresPool, ASingleReadThatComputesNothingIsOneWayThereAndBack) {
+    engine().run("CREATE TABLE t (i int); INSERT INTO t VALUES (7); CREATE VIEW v AS SELECT i FROM t");
+    PostgresGate gate(PostgresServer::shared().folder());
+    openThrough(gate);
+    for (const bool known : {true, false})
+        EXPECT_EQ(single("v", known), "7");
+    gate.asked();
+    EXPECT_EQ(single("v", true), "7");
+    EXPECT_THAT(gate.asked(), ElementsAre("prepared"));
+    EXPECT_EQ(single("v", false), "7");
+    EXPECT_THAT(gate.asked(), ElementsAre("BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY", "prepared", "ROLLBACK"));
+    EXPECT_EQ(cell("SELECT i FROM v"), "7");
+    EXPECT_THAT(gate.asked(), Contains(HasSubstr("READ ONLY"))) << "nobody knows what the host's own text computes";
+    const QORRequestScope scope(std::make_shared<QORRequestControl>(std::chrono::seconds(30)));
+    EXPECT_EQ(single("v", true), "7");
+    EXPECT_THAT(gate.asked(), ElementsAre("SET statement_timeout = 32768; SET lock_timeout = 0", "prepared"));
+    EXPECT_EQ(single("v", true), "7");
+    EXPECT_THAT(gate.asked(), ElementsAre("prepared")) << "the bound of one request serves the next";
+    QORRdbms::instance().shutdown();
+}
+
+TEST_F(PostgresPool, WhatBoundsOneRequestBoundsNobodyElse) {
+    prepare(
+        "CREATE VIEW v AS SELECT CAST(extract(epoch FROM CAST(current_setting('statement_timeout') AS interval)) AS "
+        "int) AS i");
+    const auto within = [](std::chrono::seconds deadline, bool known) {
+        const QORRequestScope scope(std::make_shared<QORRequestControl>(deadline));
+        return single("v", known);
+    };
+    EXPECT_EQ(single("v", true), "0");
+    EXPECT_EQ(within(std::chrono::seconds(60), true), "66");
+    EXPECT_EQ(single("v", false), "0") << "a transaction of nobody's request";
+    EXPECT_EQ(within(std::chrono::seconds(60), true), "66");
+    EXPECT_EQ(within(std::chrono::seconds(2), true), "4") << "much wider than the request is not kept";
+    EXPECT_EQ(within(std::chrono::seconds(600), true), "1049");
+    EXPECT_EQ(single("v", true), "0");
+    EXPECT_EQ(cell("SHOW lock_timeout"), "200ms");
+}
+
+TEST_F(PostgresPool, ASingleReadOnAConnectionThatWasEndedIsDoneOnANewOne) {
+    prepare("CREATE TABLE t (i int); INSERT INTO t VALUES (7); CREATE VIEW v AS SELECT i FROM t");
+    for (const bool known : {true, false}) {
+        openSome(5);
+        EXPECT_EQ(single("v", known), "7");
+        endConnections();
+        EXPECT_EQ(single("v", known), "7");
+        EXPECT_EQ(connections(), "1") << "the other four are not tried one by one";
+        endConnections();
+        EXPECT_EQ(cell("SELECT i FROM v"), "7");
+    }
+    openSome(2);
+    PostgresServer::shared().crash();
+    const AException failure = failureOf([] { single("v", true); });
+    PostgresServer::shared().start();
+    EXPECT_EQ(failure.failure(), ASFailure::Unreachable);
+    EXPECT_EQ(single("v", true), "7");
+}
+
+TEST_F(PostgresPool, ASingleReadThatHasBegunIsNotDoneAgain) {
+    prepare("CREATE TABLE t (i int); INSERT INTO t VALUES (7); CREATE VIEW v AS SELECT i FROM t");
+    const AException failure = failureOf([&] {
+        QORRdbmsTran transaction(ASAccess::ReadOne);
+        const Column i = column(ASDomain::view("v", {}, {}, true), "i", ASType::Int);
+        for (int run = 0; run < 2; ++run) {
+            ASCursor cursor(*transaction);
+            cursor.Filter().Project() << i.attribute;
+            cursor.Limit(20, 0);
+            cursor.Fetch();
+            endConnections();
+        }
+    });
+    EXPECT_EQ(failure.failure(), ASFailure::Unreachable);
+}
+
 TEST_F(PostgresPool, ADatabaseThatIsOpenedForReadingIsNeverWritten) {
     engine().run("CREATE TABLE t (i int)");
     ASDatabaseOptions reading = options();
@@ -185,10 +293,7 @@ TEST_F(PostgresPool, AConnectionThatIsLostWithinATransactionIsAFailureOfIt) {
 TEST_F(PostgresPool, ACommitWhoseAnswerIsLostIsSettled) {
     engine().run("CREATE TABLE t (i int)");
     PostgresGate gate(PostgresServer::shared().folder());
-    ASDatabaseOptions through = options();
-    through.connectionString =
-        "Driver=PostgreSQL Unicode;Server=" + gate.folder() + ";Port=5432;Database=" + database.name() + ";UID=qor";
-    QORRdbms::instance().configure(through);
+    openThrough(gate);
     gate.loseAnswerTo("COMMIT");
     write("INSERT INTO t VALUES (1)");
     EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "1");

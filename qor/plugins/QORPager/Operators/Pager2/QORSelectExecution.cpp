@@ -107,11 +107,11 @@ ASAccess SelectStmnt::access() const {
         return field.second.getAggrAttr() && field.second.getAggrAttr()->function() == ASGroupAttribute::Function::Sum;
     });
     if (sums) return ASAccess::Read;
-    const bool documents = std::any_of(m_outputFields.begin(), m_outputFields.end(), [](const auto& field) {
-        const auto data = field.second.getData();
-        return data != nullptr && ASCursor::isDocument(*data);
-    });
-    return ASCursor::isLong(m_pageSize, documents) ? ASAccess::ReadLong : ASAccess::Read;
+    std::int32_t atOnce = ASCursor::mostRowsAtOnce;
+    for (const auto& [key, cell] : m_outputFields) {
+        if (const auto data = cell.getData()) atOnce = std::min(atOnce, ASCursor::rowsAtOnce(*data, m_dialect));
+    }
+    return ASCursor::isLong(m_pageSize, atOnce) ? ASAccess::ReadLong : ASAccess::Read;
 }
 
 void SelectStmnt::execute(QORBinaryIterator& out) {

@@ -87,23 +87,29 @@ void addColumn(MetaTablesMap& views, const SchemaTable::MetaData& row) {
     if (type == "decimal") columns.storages.emplace(column, ASStorage::Decimal);
 }
 
-std::shared_ptr<const MetaTablesMap> loadViews() {
-    auto views = std::make_shared<MetaTablesMap>();
+void readViewsInto(MetaTablesMap& views) {
     QORRdbmsTran transaction(ASAccess::Read);
     const SchemaTable schema(*transaction);
     ASCursor cursor(*transaction);
     selectAllAttributes(cursor.Filter().Project(), schema);
     while (cursor.Fetch())
-        addColumn(*views, schema.metaData);
+        addColumn(views, schema.metaData);
     for (auto& [name, storages] : columnStorages(*transaction))
-        (*views)[toLowerText(name)].storages.merge(storages);
+        views[toLowerText(name)].storages.merge(storages);
+}
+
+// Each view on its own: of one that the engine fails on, nothing is known, but of the others all the same.
+std::shared_ptr<const MetaTablesMap> loadViews() {
+    auto views = std::make_shared<MetaTablesMap>();
+    readViewsInto(*views);
     if (!SelectStmnt::isSecurityNeeded()) return views;
     SelectStmnt::validateSecurableViews(*views);
     for (auto& [name, view] : *views) {
         std::vector<std::string> columns;
         for (const auto& [column, meta] : view.columns)
             columns.push_back(column);
-        view.storedColumns = storedColumns(*transaction, view.viewName, columns);
+        QORRdbmsTran transaction(ASAccess::Read);
+        view.reading = storedColumns(*transaction, view.viewName, columns);
     }
     return views;
 }
@@ -154,7 +160,8 @@ ASDomainPtr newDomain(ViewCaches& cache, const std::string& view) {
     if (!cache.metadata) return ASDomain::view(view, {});
     const auto found = cache.metadata->find(toLowerText(view));
     if (found == cache.metadata->end()) return ASDomain::view(view, {});
-    return ASDomain::view(view, found->second.storedColumns, found->second.storages);
+    const MetaColumnsMap& known = found->second;
+    return ASDomain::view(view, known.reading.names, known.storages, known.reading.handsOutOnly);
 }
 
 std::int64_t timeOf(const std::string& text) {

@@ -8,10 +8,10 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 
+#include "QORDBSchema/QORStoredColumns.h"
 #include "rdbmspp/sql/ASAttribute.h"
 
 namespace QOR {
@@ -30,7 +30,7 @@ struct MetaColumnsMap {
     std::map<std::string, MetaColumn, std::less<>> columns;  ///< by exact name
     int securityOperationId = 0;                             ///< 0: the view is not securable
     std::string viewName;                                    ///< as the database spells it
-    std::set<std::string, std::less<>> storedColumns;        ///< columns known to be read without computing anything
+    QORStoredColumns reading;                                ///< what is known of reading it
     ASStorages storages;                                     ///< of columns whose type does not say all
 };
 
