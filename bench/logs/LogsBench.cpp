@@ -8,16 +8,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <limits>
 #include <string>
 #include <vector>
 
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORDBSchema.h"
-#include "QORFunctionality/QORAccess.h"
-#include "QORLibAgent/QORLogs.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "support/LogPages.h"
 #include "support/Operations.h"
 #include "support/TemporaryDirectory.h"
 
@@ -25,8 +23,6 @@ namespace {
 
 using namespace QOR;
 using namespace QOR::bench;
-
-constexpr int forever = std::numeric_limits<int>::max();
 
 /// A log that an older version of the schema holds, made by the database itself, which is soon done; opening it counts
 /// it.
@@ -60,34 +56,6 @@ void fill(const std::filesystem::path& file, std::uint64_t size) {
     QORDBSchema::open(optionsOf(file), QORSchemaMode::Own);
     std::printf("opened %s after %.0f s\n", file.filename().c_str(), secondsSince(start));
     std::fflush(stdout);
-}
-
-struct Question {
-    const char* name;
-    unsigned owners;  ///< whose records the client may see, environments from 0 on; 0 for full access
-    QOREnvSelection envs;
-    int from;
-    int to;
-};
-
-std::size_t askTotal(const Question& question) {
-    QOROpLogResult result;
-    check(
-        QOROpLogAgent().getOps(result, question.envs, nullptr, "", "", 0, 0, forever, question.from, question.to) == 0,
-        getErrorMessage());
-    return result.size();
-}
-
-/// The page as the source of the operation log reads it. \returns the identifiers
-std::vector<std::string> askPage(const Question& question, std::size_t offset) {
-    QOROpLogResult result;
-    check(
-        QOROpLogAgent().getOps(result, question.envs, nullptr, "", "", 0, 0, forever, question.from, question.to) == 0,
-        getErrorMessage());
-    std::vector<std::string> ids;
-    for (std::size_t i = offset; i < std::min(offset + 20, result.size()); ++i)
-        ids.push_back(result.at(i).id);
-    return ids;
 }
 
 /// What SQL has for the question, as a condition on qor_operation o.

@@ -1,0 +1,10 @@
+# A PostgreSQL server for the tests and benchmarks that want one, and the engine's own library to compare with.
+include_guard(GLOBAL)
+find_library(QOR_LIBPQ pq REQUIRED)
+find_path(QOR_LIBPQ_INCLUDE libpq-fe.h PATH_SUFFIXES postgresql REQUIRED)
+add_library(qor_test_postgres STATIC EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/PostgresServer.cpp
+                                                      ${CMAKE_CURRENT_LIST_DIR}/TestDatabase.cpp)
+target_include_directories(qor_test_postgres PUBLIC ${PROJECT_SOURCE_DIR}/tests
+                           PRIVATE ${QOR_LIBPQ_INCLUDE} ${PROJECT_SOURCE_DIR}/qor/libs)
+target_link_libraries(qor_test_postgres PRIVATE qor_flags ${QOR_LIBPQ})
+target_compile_options(qor_test_postgres PRIVATE ${QOR_TEST_OPTIONS})
