@@ -72,6 +72,8 @@ bool isOrder(Node::Op op) {
     return op != Node::Op::Eq && op != Node::Op::Ne;
 }
 
+// The same comparison with its sides exchanged. What is true when it is not (opposite(), where conditions are written)
+// is a switch of the same shape about something else.
 Node::Op mirrored(Node::Op op) {
     switch (op) {
         case Node::Op::Gt:
