@@ -13,5 +13,7 @@ extern const QORSchemaStep postgresTables;
 extern const QORSchemaStep postgresUpkeep;
 /// The number of the latest change, and the latest changes of environments.
 extern const QORSchemaStep postgresChanges;
+/// Which servers the records are spread over, and what a server has to know of it.
+extern const QORSchemaStep postgresServers;
 
 }  // namespace QOR

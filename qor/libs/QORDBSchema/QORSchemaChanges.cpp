@@ -34,5 +34,6 @@ constexpr const char* statements[] = {
 }  // namespace
 
 const QORSchemaStep changeSchema{statements};
+const QORSchemaStep serverSchema{};
 
 }  // namespace QOR

@@ -29,5 +29,7 @@ extern const QORSchemaStep upkeepSchema;
 extern const QORSchemaStep requestSchema;
 /// The number of the latest change, and the latest changes of environments.
 extern const QORSchemaStep changeSchema;
+/// Nothing: a file's records are not spread over servers.
+extern const QORSchemaStep serverSchema;
 
 }  // namespace QOR

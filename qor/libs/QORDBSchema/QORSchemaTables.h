@@ -35,8 +35,9 @@ struct QORSchemaTable {
 };
 
 /// The tables that hold records and what is kept about them, those that others refer to before the others. Without
-/// those that a database has for itself: its version, its identity, what triggers note down for a moment or for who
-/// follows its changes. \throws QORException 1 for a column of a type that no step of the schema gives; AException
+/// those that a database has for itself: its version, its identity, its servers, what triggers note down for a moment
+/// or for who follows its changes. \throws QORException 1 for a column of a type that no step of the schema gives;
+/// AException
 QOR_API std::vector<QORSchemaTable> readTables(ASSession& session);
 
 }  // namespace QOR

@@ -114,6 +114,23 @@ TEST_F(PostgresSchema, OpeningAgainChangesNothing) {
     EXPECT_EQ(own.cell("SELECT string_agg(oid::text, ' ' ORDER BY oid) FROM pg_class"), before);
 }
 
+TEST_F(PostgresSchema, EachOlderVersionIsBroughtUpToDateAndKeepsItsRecords) {
+    for (const int version : {5, 6, 7}) {
+        PostgresDatabase database;
+        QORRdbms::instance().configure({.connectionString = database.connectionString()});
+        QORRdbms::instance().write([&](ASSession& session) { QORDBSchema::migrate(session, version); });
+        PostgresConnection own = database.connect();
+        own.run("INSERT INTO qor_event (time, eid, info) VALUES ('2024-05-01', " + eid(1) + ", 'kept')");
+        const QORSchemaReport report =
+            QORDBSchema::open({.connectionString = database.connectionString()}, QORSchemaMode::Own);
+        EXPECT_EQ(report.found.version, version);
+        EXPECT_EQ(own.rows("SELECT id, info FROM \"vEventLog\""), (Rows{{"1", "kept"}}));
+        EXPECT_EQ(own.rows("SELECT epoch FROM qor_placement"), (Rows{{"0"}})) << version;
+        QORRdbmsTran tran(ASAccess::Read);
+        EXPECT_THAT(QORDBSchema::missingParts(*tran), IsEmpty()) << version;
+    }
+}
+
 TEST_F(PostgresSchema, AnotherProgramsDatabaseIsRefusedForKeepingRecords) {
     PostgresConnection own = connect();
     own.run("CREATE TABLE theirs (n int)");
