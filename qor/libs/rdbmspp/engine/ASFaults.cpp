@@ -112,21 +112,24 @@ void ASFaults::found() noexcept {
 void ASFaults::end(ASFault first, ASFault last) noexcept {
     for (std::size_t kind = indexOf(first); kind <= indexOf(last); ++kind) {
         std::uint64_t count = 0;
+        std::string database;
         {
             const std::lock_guard lock(m_mutex);
             count = std::exchange(m_entries[kind].count, 0);
+            database = m_database;
         }
         if (count == 0) continue;
-        logMessage(1, module, sourcePath, "end", "the database works again: \"%s\" has ended after %llu failures",
-                   names[kind], static_cast<unsigned long long>(count));
+        logMessage(1, module, sourcePath, "end", "the database%s works again: \"%s\" has ended after %llu failures",
+                   database.c_str(), names[kind], static_cast<unsigned long long>(count));
     }
     const std::lock_guard lock(m_mutex);
     const auto lasts = [](const Entry& entry) { return entry.count > 0; };
     m_any.store(std::any_of(m_entries.begin(), m_entries.end(), lasts), std::memory_order_relaxed);
 }
 
-void ASFaults::forget() noexcept {
+void ASFaults::forget(const std::string& database) noexcept {
     const std::lock_guard lock(m_mutex);
+    m_database = database.empty() ? database : " " + database;
     for (Entry& entry : m_entries)
         entry.count = 0;
     m_any.store(false, std::memory_order_relaxed);

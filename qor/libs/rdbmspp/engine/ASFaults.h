@@ -28,8 +28,9 @@ enum class ASFault {
     Missing,          ///< the file is gone, or another one has its name
 };
 
-/// The faults of the process's database. The first failure of a kind is logged at level 0, those after it are
-/// counted; what changes and ends is logged again. Thread-safe; nobody waits for a log line or the database here.
+/// The faults of a database; instance() has those of the process's own. The first failure of a kind is logged at level
+/// 0, those after it are counted; what changes and ends is logged again. Thread-safe; nobody waits for a log line or
+/// the database here.
 class QOR_API ASFaults {
 public:
     static ASFaults& instance();
@@ -55,8 +56,9 @@ public:
     void read() noexcept;
     /// The file is there, and is the one that it was.
     void found() noexcept;
-    /// Another database is in use: its predecessor's faults are no longer of interest.
-    void forget() noexcept;
+    /// Another database is in use: its predecessor's faults are no longer of interest. \param database how people know
+    /// it where there are several, empty for the only one
+    void forget(const std::string& database = {}) noexcept;
 
     /// In the order of ASFault; empty when all is well.
     std::vector<State> current() const;
@@ -76,6 +78,7 @@ private:
 
     mutable std::mutex m_mutex;
     std::array<Entry, kinds> m_entries;  // guarded by m_mutex
+    std::string m_database;              // guarded by m_mutex
     std::atomic<bool> m_any{false};
 };
 

@@ -316,7 +316,7 @@ void OdbcStatement::execute(ASTriggers triggers) {
         prepareAgain();
         run();
     }
-    ASFaults::instance().read();
+    m_connection.m_faults.read();
 }
 
 void OdbcStatement::run() {
@@ -484,7 +484,7 @@ void OdbcConnection::check(int rc, short type, void* handle, const std::string& 
     const AException failure(std::move(text), std::move(d.state), d.native, statement, meaning);
     if (!m_begin.empty() && m_dialect->failureAborts && m_abortedBy.empty()) m_abortedBy = failure.text();
     if (m_connected && !(isForReading() && meaning == ASFailure::ReadOnly))
-        ASFaults::instance().report(failure, takeSqliteComplaint(), m_reading);
+        m_faults.report(failure, takeSqliteComplaint(), m_reading);
     endRequest(failure);
     throw failure;
 }
@@ -519,8 +519,8 @@ void OdbcConnection::setTriggers(ASTriggers triggers) {
     m_triggers = triggers;
 }
 
-OdbcConnection::OdbcConnection(const std::string& connectionString, std::string database)
-    : m_database(std::move(database)), m_dialect(&ASDialect::of(ASEngine::SQLite)) {
+OdbcConnection::OdbcConnection(const std::string& connectionString, std::string database, ASFaults& faults)
+    : m_database(std::move(database)), m_faults(faults), m_dialect(&ASDialect::of(ASEngine::SQLite)) {
     try {
         connect(connectionString);
     } catch (...) {

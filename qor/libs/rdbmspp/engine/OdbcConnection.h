@@ -16,6 +16,7 @@
 namespace QOR {
 
 struct ASValue;
+class ASFaults;
 class OdbcConnection;
 
 /// How a column of a result is read.
@@ -98,12 +99,13 @@ private:
 
 /// One connection with an environment of its own. Used by one thread at a time. What it runs ends with the request that
 /// the calling thread serves: that is a QORException errDeadline, which leaves the connection as good as before.
-/// Failures of the database are told to ASFaults.
+/// Failures of the database are told to its ASFaults.
 class OdbcConnection {
 public:
     /// \param database its name for people, told where the database and not the statement is at fault
+    /// \param faults of that database, which outlive the connection
     /// \throws AException with the driver's text
-    OdbcConnection(const std::string& connectionString, std::string database);
+    OdbcConnection(const std::string& connectionString, std::string database, ASFaults& faults);
     ~OdbcConnection();
     OdbcConnection(const OdbcConnection&) = delete;
     OdbcConnection& operator=(const OdbcConnection&) = delete;
@@ -178,6 +180,7 @@ private:
     ASTriggers m_triggers = ASTriggers::Fire;
     bool m_owing = false;
     std::string m_database;
+    ASFaults& m_faults;
     const ASDialect* m_dialect;
 };
 

@@ -124,6 +124,7 @@ struct ASConnectionSource {
     std::string string;
     std::string streamingString;     ///< of connections whose rows come one by one; empty: there are none
     std::string database;            ///< its name for people
+    ASFaults* faults = nullptr;      ///< the database's; never null once connections are opened
     std::vector<std::string> setup;  ///< run on each connection first; those of the engine that the driver would
                                      ///< run too, but without telling when one fails
     std::string journal;             ///< the statement that sets its mode; empty where it is left as it is
@@ -195,6 +196,7 @@ struct ASSession::Impl {
     bool begun = false;      ///< it has needed one
     std::int64_t bound = 0;  ///< of the session's statements, milliseconds; 0: none
     std::int64_t changes = 0;
+    QORRdbms::Impl* pool = nullptr;  ///< whose it is
     std::uint64_t generation = 0;
     std::uint64_t time = 0;  ///< when it was opened, counted in losses of connections
 };

@@ -133,8 +133,8 @@ std::string onOneLine(std::string_view text) {
 }
 
 AException cannotOpen(const Settings& settings, const AException& error) {
-    std::string text = "cannot open the database \"" + settings.database + "\" with the driver \"" + settings.driver +
-                       "\": " + onOneLine(error.text());
+    std::string text = "cannot open the database \"" + settings.source.database + "\" with the driver \"" +
+                       settings.driver + "\": " + onOneLine(error.text());
     const bool file = engineOfDriver(settings.driver) == ASEngine::SQLite && !isInMemory(settings.database);
     if (file && error.text() == "connect failed") text += faultOf(settings.database, settings.mayCreate);
     return error.reworded(std::move(text));
@@ -157,7 +157,7 @@ std::unique_ptr<ASSession> open(const Settings& settings) {
 
 [[noreturn]] void refuseFile(const Settings& settings, const char* reason) {
     AException failure("database \"" + settings.database + "\": " + reason, "HY000", 0, {}, ASFailure::Unreachable);
-    ASFaults::instance().report(ASFault::Missing, failure.text());
+    settings.source.faults->report(ASFault::Missing, failure.text());
     throw failure;
 }
 
@@ -174,7 +174,7 @@ void checkFile(const Settings& settings) {
         refuseFile(settings,
                    "its file changes although it lies on a file system for reading only; start the program again");
     }
-    ASFaults::instance().found();
+    settings.source.faults->found();
 }
 
 thread_local unsigned heldByThread = 0;
@@ -284,7 +284,7 @@ void ASStatement::reset() {
 // --- sessions --------------------------------------------------------------------------------------------------
 
 ASSession::Impl::Impl(const ASConnectionSource& from)
-    : source(from), connection(source.string, source.database), dialect(&connection.dialect()) {
+    : source(from), connection(source.string, source.database, *source.faults), dialect(&connection.dialect()) {
     setUp(connection);
 }
 
@@ -333,10 +333,10 @@ ASStatementLease ASSession::Impl::lease(const std::string& sql) {
 // A failure to open a database that was open before is a fault of it.
 std::unique_ptr<OdbcConnection> ASSession::Impl::connectStreaming() const {
     try {
-        return std::make_unique<OdbcConnection>(source.streamingString, source.database);
+        return std::make_unique<OdbcConnection>(source.streamingString, source.database, *source.faults);
     } catch (const AException& error) {
         const AException failure = error.reworded("database \"" + source.database + "\": " + error.text());
-        ASFaults::instance().report(ASFault::Reading, failure.text());
+        source.faults->report(ASFault::Reading, failure.text());
         throw failure;
     }
 }
@@ -505,6 +505,8 @@ std::string ASSession::quoteLiteral(std::string_view text) {
 // --- the pool --------------------------------------------------------------------------------------------------
 
 struct QORRdbms::Impl {
+    explicit Impl(ASFaults* shared) : faults(shared == nullptr ? ownFaults : *shared) {}
+
     struct Waiter {
         std::condition_variable ready;
         bool granted = false;
@@ -528,6 +530,8 @@ struct QORRdbms::Impl {
     bool isCurrent(const ASSession::Impl& session) const;
     void replace(Settings settings, std::unique_ptr<ASSession> first);
 
+    ASFaults ownFaults;
+    ASFaults& faults;
     mutable std::mutex mutex;
     std::shared_ptr<const Settings> settings;           // guarded by mutex
     std::vector<std::shared_ptr<const Settings>> past;  // guarded by mutex; options() hands out references
@@ -567,7 +571,7 @@ void QORRdbms::Impl::settle(const Settings& used) {
     takeSqliteComplaint();
     session->execute(dialect.commit);
     unsettled = false;
-    ASFaults::instance().wrote();
+    faults.wrote();
 }
 
 // After a commit that failed, for whatever reason that leaves it open what is on the disk.
@@ -592,10 +596,9 @@ void QORRdbms::Impl::undo(ASSession& failed, const AException& error) noexcept {
 // The log is worked into the file behind a commit; a failure there is nobody's but has to be heard.
 void QORRdbms::Impl::wrote() {
     const SqliteComplaint complaint = takeSqliteComplaint();
-    if (complaint.code == 0) return ASFaults::instance().wrote();
-    ASFaults::instance().report(
-        AException("the log cannot be worked into the database", "HY000", 0, {}, ASFailure::InputOutput), complaint,
-        false);
+    if (complaint.code == 0) return faults.wrote();
+    faults.report(AException("the log cannot be worked into the database", "HY000", 0, {}, ASFailure::InputOutput),
+                  complaint, false);
 }
 
 // Refuses to write while it is in doubt what has been written, and tries to end that doubt.
@@ -651,7 +654,7 @@ void QORRdbms::Impl::settleLost(const std::string& transaction, const AException
         if (answer == "aborted") throw lost.reworded(lost.text() + "; nothing was committed");
         std::this_thread::sleep_for(betweenLooks);
     } while (QORRequestControl::Clock::now() < until);
-    throw AException("database \"" + used->database +
+    throw AException("database \"" + used->source.database +
                          "\": it is not known whether the transaction was committed: " + lost.text() + reason,
                      lost.sqlState(), lost.nativeCode(), {}, ASFailure::Undecided);
 }
@@ -687,8 +690,9 @@ std::unique_ptr<ASSession> QORRdbms::Impl::openChecked(const Settings& used) {
         }
         session = open(used);
         session->impl().time = time;
+        session->impl().pool = this;
     } catch (const AException& error) {
-        ASFaults::instance().report(ASFault::Reading, error.text());
+        faults.report(ASFault::Reading, error.text());
         throw;
     }
     std::shared_ptr<const Expectation> expected;
@@ -712,7 +716,7 @@ std::unique_ptr<ASSession> QORRdbms::Impl::openChecked(const Settings& used) {
 
 // Whatever ended it has ended the others of its time. Nothing of the old session is in use: nothing was answered on it.
 void ASSession::Impl::replaceLost(ASSession& session) {
-    auto& pool = *QORRdbms::instance().m_impl;
+    auto& pool = *session.m_impl->pool;
     pool.forgetOthers(session);
     std::shared_ptr<const Settings> used;
     {
@@ -751,7 +755,7 @@ ASWriterQueue::Turn QORRdbms::Impl::takeTurn() {
         used = settings;
     }
     if (!used) throw AException("no database is configured");
-    return writers.take(used->source.patience, used->database);
+    return writers.take(used->source.patience, used->source.database);
 }
 
 std::unique_ptr<ASSession> QORRdbms::Impl::acquire() {
@@ -829,17 +833,20 @@ void QORRdbms::Impl::replace(Settings next, std::unique_ptr<ASSession> first) {
         engine.store(next.engine, std::memory_order_relaxed);
         settings = std::make_shared<const Settings>(std::move(next));
         past.push_back(settings);
-        ++places;
+        faults.forget(settings->options.name);
+        if (first) ++places;
     }
-    ASFaults::instance().forget();
+    if (!first) return;
+    first->impl().pool = this;
     release(std::move(first));
 }
 
-QORRdbms::QORRdbms() : m_impl(std::make_unique<Impl>()) {}
+QORRdbms::QORRdbms() : m_impl(std::make_unique<Impl>(nullptr)) {}
+QORRdbms::QORRdbms(ASFaults& faults) : m_impl(std::make_unique<Impl>(&faults)) {}
 QORRdbms::~QORRdbms() = default;
 
 QORRdbms& QORRdbms::instance() {
-    static QORRdbms database;
+    static QORRdbms database(ASFaults::instance());
     return database;
 }
 
@@ -904,15 +911,19 @@ std::string adviceFor(const Settings& settings, const std::string& reason) {
            "\" may be written to, or while another program has it open";
 }
 
+void addDefaults(Settings& settings, OdbcConnectionString& string, std::optional<ASEngine> engine) {
+    if (engine == ASEngine::SQLite) addSqliteDefaults(string, settings);
+    if (engine == ASEngine::PostgreSQL) addPostgresDefaults(string, settings);
+    settings.source.string = string.text();
+    settings.source.queryOnly = engine && settings.options.readOnly;
+}
+
 /// Opens a connection and makes sure that there is a database behind it.
 std::unique_ptr<ASSession> openAndProbe(Settings& settings, OdbcConnectionString& string) {
     const OdbcConnectionString asked = string;
     const auto attempt = [&](std::optional<ASEngine> engine) {
         string = asked;
-        if (engine == ASEngine::SQLite) addSqliteDefaults(string, settings);
-        if (engine == ASEngine::PostgreSQL) addPostgresDefaults(string, settings);
-        settings.source.string = string.text();
-        settings.source.queryOnly = engine && settings.options.readOnly;
+        addDefaults(settings, string, engine);
         return open(settings);
     };
     std::optional<ASEngine> engine = engineOfDriver(settings.driver);
@@ -958,11 +969,18 @@ void QORRdbms::configure(const ASDatabaseOptions& options) {
     settings.options = options;
     settings.options.maxConnections = std::max(options.maxConnections, 1u);
     settings.driver = string.get(string.has("Driver") ? "Driver" : "DSN");
-    settings.database = settings.source.database = string.get("Database");
+    settings.database = string.get("Database");
+    settings.source.database = options.name.empty() ? settings.database : options.name;
+    settings.source.faults = &m_impl->faults;
     settings.mayCreate = !options.readOnly;
     {
         const std::lock_guard lock(m_impl->mutex);
         settings.generation = ++m_impl->generation;
+    }
+    if (options.mayBeAway && engineOfDriver(settings.driver) == ASEngine::PostgreSQL) {
+        settings.engine = ASEngine::PostgreSQL;
+        addDefaults(settings, string, settings.engine);
+        return m_impl->replace(std::move(settings), nullptr);
     }
     auto first = openFirst(settings, string);
     if (settings.engine == ASEngine::SQLite && isInMemory(settings.database)) {
@@ -999,6 +1017,15 @@ const ASDialect& QORRdbms::dialect() const {
 bool QORRdbms::isConfigured() const {
     const std::lock_guard lock(m_impl->mutex);
     return m_impl->settings != nullptr;
+}
+
+std::uint64_t QORRdbms::generation() const {
+    const std::lock_guard lock(m_impl->mutex);
+    return m_impl->settings ? m_impl->settings->generation : 0;
+}
+
+ASFaults& QORRdbms::faults() const {
+    return m_impl->faults;
 }
 
 std::size_t QORRdbms::waiting() const {

@@ -18,16 +18,19 @@ namespace QOR {
 
 /// How to reach the database.
 struct ASDatabaseOptions {
-    std::string connectionString;   ///< ODBC's, e.g. "Driver=SQLite3;Database=./agent.db"
-    bool readOnly = false;          ///< nothing is ever written, not even a missing database created. On a file system
-                                    ///< that is mounted read-only, a file without a log beside it is taken for
-                                    ///< unchanging; it is refused as soon as it turns out to change
-    unsigned idleConnections = 8;   ///< kept open when unused
-    unsigned maxConnections = 64;   ///< in use at once; a request beyond waits. One that reads a long result of
-                                    ///< SQLite without a transaction opens a second one beside its own
+    std::string connectionString;  ///< ODBC's, e.g. "Driver=SQLite3;Database=./agent.db"
+    std::string name;              ///< for people, where several are in use; empty: what the string calls it
+    bool mayBeAway = false;        ///< a server that cannot be reached when it is configured: whoever uses it finds out
+    bool readOnly = false;         ///< nothing is ever written, not even a missing database created. On a file system
+                                   ///< that is mounted read-only, a file without a log beside it is taken for
+                                   ///< unchanging; it is refused as soon as it turns out to change
+    unsigned idleConnections = 8;  ///< kept open when unused
+    unsigned maxConnections = 64;  ///< in use at once; a request beyond waits. One that reads a long result of
+                                   ///< SQLite without a transaction opens a second one beside its own
     unsigned busyTimeoutMs = 5000;  ///< how long a database that another program has locked is waited for
 };
 
+class ASFaults;
 class ASStatement;
 struct ASDialect;
 
@@ -111,7 +114,8 @@ public:
     ~QORRdbms();
     QORRdbms(const QORRdbms&) = delete;
     QORRdbms& operator=(const QORRdbms&) = delete;
-    /// Sets where the database is and makes sure that it can be opened; closes what was open before.
+    /// Sets where the database is and makes sure that it can be opened, unless options.mayBeAway; closes what was open
+    /// before.
     /// \throws AException naming driver, database and reason
     void configure(const ASDatabaseOptions& options);
     const ASDatabaseOptions& options() const;
@@ -119,6 +123,10 @@ public:
     /// How the configured database's SQL is written; SQLite's before there is one.
     const ASDialect& dialect() const;
     bool isConfigured() const;
+    /// Grows with each configure(); 0 while nothing is configured.
+    std::uint64_t generation() const;
+    /// What is wrong with this database now. That of instance() is ASFaults::instance().
+    ASFaults& faults() const;
     /// How many requests wait for a connection now.
     std::size_t waiting() const;
     /// How many wait for their turn to write.
@@ -141,6 +149,7 @@ public:
 private:
     friend class QORRdbmsTran;
     friend class ASSession;
+    explicit QORRdbms(ASFaults& faults);
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };

@@ -1,0 +1,185 @@
+#include "QORServers/QORServers.h"
+
+#include <optional>
+#include <utility>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORText.h"
+#include "rdbmspp/engine/OdbcConnectionString.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* sourcePath = "qor/libs/QORServers/QORServers";
+
+/// Whether this database can say so, and this role may ask it.
+bool canDivide(ASSession& session) {
+    ASStatement& select = session.prepare(
+        "SELECT CASE WHEN has_table_privilege(to_regclass('qor_placement'), 'SELECT') "
+        "AND has_table_privilege(to_regclass('qor_server'), 'SELECT') THEN 1 ELSE 0 END");
+    select.execute();
+    const bool can = select.fetch() && select.integer(1) == 1;
+    select.close();
+    return can;
+}
+
+std::int64_t readEpoch(ASSession& session) {
+    ASStatement& select = session.prepare("SELECT epoch FROM qor_placement");
+    select.execute();
+    const std::int64_t epoch = select.fetch() ? select.integer(1) : 0;
+    select.close();
+    return epoch;
+}
+
+std::vector<QORServer> readServers(ASSession& session) {
+    std::vector<QORServer> servers;
+    ASStatement& select =
+        session.prepare("SELECT name, number, connection, modulus, remainder FROM qor_server ORDER BY number");
+    select.execute();
+    while (select.fetch()) {
+        servers.push_back({std::string(select.text(1)), static_cast<int>(select.integer(2)),
+                           std::string(select.text(3)), static_cast<std::uint64_t>(select.integer(4)),
+                           static_cast<std::uint64_t>(select.integer(5))});
+    }
+    select.close();
+    return servers;
+}
+
+/// A server of another kind of machine would look for records elsewhere than this program puts them.
+void checkHash(ASSession& session) {
+    constexpr std::string_view eid = "01234567-89ab-4cde-8f01-23456789abcd";
+    ASStatement& select = session.prepare("SELECT uuid_hash_extended(CAST(? AS uuid), CAST(? AS bigint))");
+    select.bind(1, eid).bind(2, static_cast<std::int64_t>(QORPlacement::seedOfPartitions)).execute();
+    const bool same = select.fetch() && static_cast<std::uint64_t>(select.integer(1)) + QORPlacement::combining ==
+                                            QORPlacement::hash(QOREID(*QORGUIDBase::parse(eid)));
+    select.close();
+    if (!same)
+        throw QORException(errFailure,
+                           "the database divides environments by another hash than this program: its server runs on "
+                           "another kind of machine",
+                           sourcePath, __LINE__);
+}
+
+/// Who somebody is and how he proves it is home's, unless the server's string says otherwise.
+std::string connectionString(const QORServer& server, const std::string& home) {
+    const OdbcConnectionString from(home);
+    OdbcConnectionString string(server.connection);
+    for (const char* name : {"UID", "PWD"}) {
+        if (from.has(name)) string.setDefault(name, from.get(name));
+    }
+    return string.text();
+}
+
+}  // namespace
+
+QORServers& QORServers::instance() {
+    static QORServers servers;
+    return servers;
+}
+
+std::shared_ptr<const QORPlacement> QORServers::placement() {
+    QORRdbms& home = QORRdbms::instance();
+    const std::uint64_t generation = home.generation();
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_placement && m_generation == generation) return m_placement;
+    }
+    return read(generation);
+}
+
+std::shared_ptr<const QORPlacement> QORServers::read(std::uint64_t generation) {
+    auto found = std::make_shared<const QORPlacement>();
+    bool divides = false;
+    if (QORRdbms::instance().engine() == ASEngine::PostgreSQL && generation != 0) {
+        QORRdbmsTran tran(ASAccess::Read);
+        divides = canDivide(*tran);
+        if (divides) {
+            std::vector<QORServer> servers = readServers(*tran);
+            if (!servers.empty()) checkHash(*tran);
+            found = std::make_shared<const QORPlacement>(readEpoch(*tran), std::move(servers));
+        }
+    }
+    const std::lock_guard lock(m_mutex);
+    if (m_generation != generation) {
+        for (auto& [name, database] : m_databases)
+            retire(database);
+        m_databases.clear();
+    }
+    m_generation = generation;
+    m_divides = divides;
+    return m_placement = std::move(found);
+}
+
+std::shared_ptr<const QORPlacement> QORServers::refresh() {
+    const auto known = placement();
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_divides) return known;
+    }
+    const std::uint64_t generation = QORRdbms::instance().generation();
+    std::int64_t epoch = 0;
+    {
+        QORRdbmsTran tran(ASAccess::ReadOne);
+        epoch = readEpoch(*tran);
+    }
+    return epoch == known->epoch() ? known : read(generation);
+}
+
+// Its idle connections are closed; whoever uses one goes on.
+void QORServers::retire(Database& database) {
+    if (!database.database) return;
+    database.database->shutdown();
+    m_retired.push_back(std::move(database.database));
+}
+
+QORRdbms& QORServers::database(std::string_view name) {
+    const auto servers = placement();
+    const QORServer* const server = servers->find(name);
+    if (server == nullptr)
+        throw QORException(errFailure, "there is no server " + quoteText(name), sourcePath, __LINE__);
+    ASDatabaseOptions options = QORRdbms::instance().options();
+    options.connectionString = connectionString(*server, options.connectionString);
+    options.name = server->name;
+    options.mayBeAway = true;
+    const std::lock_guard lock(m_mutex);
+    Database& kept = m_databases[server->name];
+    if (kept.database && kept.connection == options.connectionString) return *kept.database;
+    retire(kept);
+    auto fresh = std::make_unique<QORRdbms>();
+    fresh->configure(options);
+    kept = {options.connectionString, std::move(fresh)};
+    return *kept.database;
+}
+
+AException QORServers::naming(std::string_view name, const AException& failure) {
+    const std::string quoted = '"' + std::string(name) + '"';
+    if (failure.text().find(quoted) != std::string::npos) return failure;
+    return failure.reworded("server " + quoted + ": " + failure.text());
+}
+
+void QORServers::run(const QORServer& server, const std::function<void(QORRdbms&)>& work) {
+    try {
+        work(database(server.name));
+    } catch (const AException& failure) {
+        throw naming(server.name, failure);
+    }
+}
+
+std::vector<std::pair<std::string, QORRdbms*>> QORServers::used() {
+    const std::lock_guard lock(m_mutex);
+    std::vector<std::pair<std::string, QORRdbms*>> all;
+    for (const auto& [name, database] : m_databases)
+        all.emplace_back(name, database.database.get());
+    return all;
+}
+
+void QORServers::close() {
+    const std::lock_guard lock(m_mutex);
+    m_databases.clear();
+    m_retired.clear();
+    m_placement.reset();
+    m_divides = false;
+    m_generation = 0;
+}
+
+}  // namespace QOR

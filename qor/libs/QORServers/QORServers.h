@@ -1,0 +1,64 @@
+/// \file
+/// QORServers: the databases that share the process's records among them, beside its own.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "QORCommon/QORExport.h"
+#include "QORServers/QORPlacement.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+
+/// The process's database, QORRdbms::instance(), is their home: it says which servers there are and what each has, and
+/// keeps what is not divided. Thread-safe.
+class QOR_API QORServers {
+public:
+    static QORServers& instance();
+
+    /// The division as it was read last; read when it was not yet, or home has been configured anew. Never null;
+    /// without servers where there are none, as on other engines. Costs a look at home's database only when it is read.
+    /// \throws AException \throws QORException 1 for a division that makes no sense
+    std::shared_ptr<const QORPlacement> placement();
+    /// Reads it anew where it has changed. \returns it \throws as placement()
+    std::shared_ptr<const QORPlacement> refresh();
+
+    /// A server's database, with the options of home's. It is not connected to by that: a server that cannot be reached
+    /// is an AException of whoever uses it, which names it. Valid until close().
+    /// \throws QORException 1 when there is no server of the name
+    QORRdbms& database(std::string_view name);
+    /// Does something with a server's database. Each failure names the server. \throws what `work` does
+    void run(const QORServer& server, const std::function<void(QORRdbms&)>& work);
+    /// The failure with the server's name in it.
+    static AException naming(std::string_view name, const AException& failure);
+
+    /// Those that have been used, for whoever reports on them.
+    std::vector<std::pair<std::string, QORRdbms*>> used();
+    /// Closes everything. Nobody uses a server's database any more.
+    void close();
+
+private:
+    struct Database {
+        std::string connection;
+        std::unique_ptr<QORRdbms> database;
+    };
+
+    std::shared_ptr<const QORPlacement> read(std::uint64_t generation);
+    void retire(Database& database);
+
+    std::mutex m_mutex;
+    std::uint64_t m_generation = 0;                   // guarded by m_mutex; of home
+    bool m_divides = false;                           // guarded by m_mutex; home can say that there are servers
+    std::shared_ptr<const QORPlacement> m_placement;  // guarded by m_mutex; null until it is read
+    std::map<std::string, Database, std::less<>> m_databases;  // guarded by m_mutex
+    std::vector<std::unique_ptr<QORRdbms>> m_retired;          // guarded by m_mutex; somebody may still use them
+};
+
+}  // namespace QOR
