@@ -38,8 +38,16 @@ start() {
     done
     echo ready
 }
+tell() {
+    kill "$1" "$server" 2>/dev/null
+    for process in /proc/[0-9]*; do
+        read -r line 2>/dev/null <"$process/stat" || continue
+        set -- "$1" ${line##*) }
+        [ "$3" != "$server" ] || kill "$1" "${process#/proc/}" 2>/dev/null
+    done
+}
 stop() {
-    [ -z "$server" ] || kill -QUIT "$server" 2>/dev/null
+    [ -z "$server" ] || { tell -CONT; kill -QUIT "$server" 2>/dev/null; }
     wait "$server" 2>/dev/null
     server=
 }
@@ -67,6 +75,8 @@ while read -r command; do
     case $command in
         crash) stop; echo crashed ;;
         start) start ;;
+        suspend) tell -STOP; echo suspended ;;
+        resume) tell -CONT; echo resumed ;;
     esac
 done
 )sh";
@@ -187,12 +197,12 @@ PostgresServer::~PostgresServer() {
     ::close(m_answers);
 }
 
-void PostgresServer::tell(const std::string& command) {
+void PostgresServer::tell(const std::string& command, const std::string& answer) {
     const std::string line = command + "\n";
     if (::write(m_commands, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         throw std::runtime_error("nobody looks after the server any more");
     }
-    waitFor(command == "start" ? "ready" : "crashed");
+    waitFor(answer);
 }
 
 void PostgresServer::waitFor(const std::string& answer) {

@@ -55,15 +55,18 @@ public:
     std::string conninfo(const std::string& database) const;
 
     /// Ends the server as a crash does: nobody is told.
-    void crash() { tell("crash"); }
+    void crash() { tell("crash", "crashed"); }
     /// Starts it again, and waits until it takes connections.
-    void start() { tell("start"); }
+    void start() { tell("start", "ready"); }
+    /// Has all of its processes hang: the system goes on taking what is sent to them.
+    void suspend() { tell("suspend", "suspended"); }
+    void resume() { tell("resume", "resumed"); }
     /// Who looks after the server: when that process's input ends, it stops the server and removes the folder.
     pid_t keeper() const noexcept { return m_keeper; }
     const std::string& folder() const noexcept { return m_folder; }
 
 private:
-    void tell(const std::string& command);
+    void tell(const std::string& command, const std::string& answer);
     void waitFor(const std::string& answer);
 
     int m_port;

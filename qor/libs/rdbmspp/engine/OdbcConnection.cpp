@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <optional>
 #include <type_traits>
 #include <utility>
 
@@ -91,26 +90,30 @@ bool isOfTheDatabase(ASFailure failure) {
     return failure == ASFailure::Denied || failure == ASFailure::Locked || failure == ASFailure::ReadOnly;
 }
 
+}  // namespace
+
 // Where the request has ended, that is the reason, and what it waited for is told beside it.
-void endRequest(const AException& failure) {
+void OdbcConnection::endRequest(const AException& failure) const {
     const QORRequestControl* const control = QORRequestControl::current();
     if (control == nullptr || !control->expired()) return;
     if (failure.failure() == ASFailure::Ended) control->check();
-    if (failure.failure() == ASFailure::Locked) {
-        throw QORException(errDeadline, control->text() + ": " + failure.text());
-    }
+    std::string reason;
+    if (failure.failure() == ASFailure::Locked) reason = failure.text();
+    if (m_disconnected) reason = "database \"" + m_database + "\" does not answer";
+    if (!reason.empty()) throw QORException(errDeadline, control->text() + ": " + reason);
 }
 
-/// What ends a statement with the request of the calling thread, where the engine does not ask.
-using Watched = std::optional<StatementWatch::Running>;
-
-void watch(Watched& watched, const ASDialect& dialect, SQLHSTMT handle) {
-    if (*dialect.statementTimeout == '\0') return;
-    if (auto control = QORRequestControl::shareCurrent())
-        watched.emplace(std::move(control), [handle] { SQLCancel(handle); });
+template <class Call>
+int OdbcConnection::watched(void* statement, Call call) {
+    auto control = m_sqlite == nullptr ? QORRequestControl::shareCurrent() : nullptr;
+    if (!control) return call();
+    const StatementWatch::Running running(std::move(control), [statement] {
+        if (statement != nullptr) SQLCancel(statement);
+    });
+    const int rc = call();
+    if (running.isDisconnected()) m_disconnected = m_broken = true;
+    return rc;
 }
-
-}  // namespace
 
 // The engine does not always wait where it finds a lock: not while another program changes the journal, for one.
 template <class Call>
@@ -159,8 +162,9 @@ OdbcStatement::OdbcStatement(OdbcConnection& connection, std::string sql)
     m_handle = handle.release();
 }
 
+// PostgreSQL's driver tells the server, and waits for its word.
 OdbcStatement::~OdbcStatement() {
-    SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
+    m_connection.watched(nullptr, [this] { return SQLFreeHandle(SQL_HANDLE_STMT, m_handle); });
 }
 
 int OdbcStatement::prepare(void* handle) const {
@@ -294,7 +298,7 @@ void OdbcStatement::bindColumns(const std::vector<OdbcColumn>& columns) {
 
 void OdbcStatement::bindTextColumns() {
     SQLSMALLINT count = 0;
-    check(SQLNumResultCols(m_handle, &count));
+    check(m_connection.watched(m_handle, [&] { return SQLNumResultCols(m_handle, &count); }));
     bindColumns(std::vector<OdbcColumn>(static_cast<std::size_t>(count), OdbcColumn{false, firstBufferAtMost}));
 }
 
@@ -324,11 +328,9 @@ void OdbcStatement::run() {
         column->indicator = SQL_NULL_DATA;  // what is not read from this result is not left from another
     m_open = true;
     m_rowsLeft = false;
-    {
-        Watched watched;
-        watch(watched, m_connection.dialect(), m_handle);
-        check(m_connection.patiently(SQL_HANDLE_STMT, m_handle, [this] { return SQLExecute(m_handle); }));
-    }
+    check(m_connection.watched(m_handle, [this] {
+        return m_connection.patiently(SQL_HANDLE_STMT, m_handle, [this] { return SQLExecute(m_handle); });
+    }));
     m_rowsLeft = true;
     m_connection.m_answered = true;
 }
@@ -347,12 +349,8 @@ void OdbcStatement::prepareAgain() {
 // A result that lies in memory already is fetched without the engine, which therefore ends nothing.
 bool OdbcStatement::fetch() {
     if ((++m_fetches & 63) == 0) QORRequestControl::checkCurrent();
-    SQLRETURN rc = SQL_SUCCESS;
-    {
-        Watched watched;
-        if (m_connection.streams()) watch(watched, m_connection.dialect(), m_handle);
-        rc = SQLFetch(m_handle);
-    }
+    const auto next = [this] { return SQLFetch(m_handle); };
+    const int rc = m_connection.streams() ? m_connection.watched(m_handle, next) : next();
     if (rc == SQL_SUCCESS) {
         lowerGuids();
         return true;
@@ -460,7 +458,8 @@ void OdbcStatement::close() noexcept {
     m_open = false;
     const bool streams = m_connection.m_sqlite != nullptr && m_parameters.empty() && !m_columns.empty();
     const bool unfinished = m_rowsLeft && streams && SQLFetch(m_handle) != SQL_NO_DATA;
-    SQLFreeStmt(m_handle, SQL_CLOSE);
+    const auto end = [this] { return SQLFreeStmt(m_handle, SQL_CLOSE); };
+    m_connection.streams() ? m_connection.watched(nullptr, end) : end();
     if (!unfinished) return;
     try {
         prepareAgain();
@@ -479,7 +478,7 @@ void OdbcConnection::check(int rc, short type, void* handle, const std::string& 
     if (meaning == ASFailure::Statement && isDead()) meaning = ASFailure::Unreachable;
     const bool doubt = m_dialect->leavesDoubt(meaning);
     if (doubt) m_broken = true;
-    if (m_connected && m_sqlite == nullptr && meaning == ASFailure::Unreachable) m_lost = true;
+    if (m_connected && m_sqlite == nullptr && meaning == ASFailure::Unreachable && !m_disconnected) m_lost = true;
     if (m_connected && (doubt || isOfTheDatabase(meaning))) text = "database \"" + m_database + "\": " + text;
     const AException failure(std::move(text), std::move(d.state), d.native, statement, meaning);
     if (!m_begin.empty() && m_dialect->failureAborts && m_abortedBy.empty()) m_abortedBy = failure.text();
@@ -542,9 +541,12 @@ void OdbcConnection::connect(const std::string& connectionString) {
     check(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, version, 0), SQL_HANDLE_ENV, m_environment, {});
     check(SQLAllocHandle(SQL_HANDLE_DBC, m_environment, &m_handle), SQL_HANDLE_ENV, m_environment, {});
     const SqliteOpening opening;
-    check(SQLDriverConnect(m_handle, nullptr, chars(connectionString),
-                           static_cast<SQLSMALLINT>(connectionString.size()), nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT),
-          SQL_HANDLE_DBC, m_handle, {});
+    const auto open = [&] {
+        return SQLDriverConnect(m_handle, nullptr, chars(connectionString),
+                                static_cast<SQLSMALLINT>(connectionString.size()), nullptr, 0, nullptr,
+                                SQL_DRIVER_NOPROMPT);
+    };
+    check(watched(nullptr, open), SQL_HANDLE_DBC, m_handle, {});
     m_connected = true;
     m_sqlite = opening.opened();
     if (m_sqlite != nullptr) setSqliteWait(*m_sqlite, m_wait);
@@ -569,9 +571,8 @@ std::int64_t OdbcConnection::execute(std::string_view sql) {
     check(SQLAllocHandle(SQL_HANDLE_STMT, m_handle, &allocated), SQL_HANDLE_DBC, m_handle, text);
     const StatementHandle handle(allocated);
     const auto run = [&] { return SQLExecDirect(allocated, chars(text), static_cast<SQLINTEGER>(text.size())); };
-    Watched watched;
-    watch(watched, *m_dialect, allocated);
-    check(patiently(SQL_HANDLE_STMT, allocated, run), SQL_HANDLE_STMT, allocated, text);
+    const auto runPatiently = [&] { return patiently(SQL_HANDLE_STMT, allocated, run); };
+    check(watched(allocated, runPatiently), SQL_HANDLE_STMT, allocated, text);
     SQLSMALLINT columns = 0;
     check(SQLNumResultCols(allocated, &columns), SQL_HANDLE_STMT, allocated, text);
     if (columns > 0) {  // where rows are handed out as they come, nothing has happened before the first is asked for

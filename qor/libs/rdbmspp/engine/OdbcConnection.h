@@ -98,8 +98,9 @@ private:
 };
 
 /// One connection with an environment of its own. Used by one thread at a time. What it runs ends with the request that
-/// the calling thread serves: that is a QORException errDeadline, which leaves the connection as good as before.
-/// Failures of the database are told to its ASFaults.
+/// the calling thread serves: that is a QORException errDeadline, which leaves the connection as good as before, unless
+/// the server does not answer any more: then the connection is broken. Failures of the database are told to its
+/// ASFaults.
 class OdbcConnection {
 public:
     /// \param database its name for people, told where the database and not the statement is at fault
@@ -159,6 +160,12 @@ private:
     /// Whether nothing may be written now, so that a refusal to write is no fault of the database.
     bool isForReading() const noexcept;
     bool streams() const noexcept { return !m_mark.empty(); }
+    /// Throws where the request of the calling thread has ended, and that is what a failure means.
+    void endRequest(const AException& failure) const;
+    /// Makes a call that waits for the server, which ends with the request of the calling thread. \param statement what
+    /// it runs, null for none \returns what it returns
+    template <class Call>
+    int watched(void* statement, Call call);
     /// Calls again while somebody else's lock is in the way, as long as the patience lasts. \returns SQLRETURN
     template <class Call>
     int patiently(short type, void* handle, Call call);
@@ -171,7 +178,8 @@ private:
     bool m_broken = false;
     bool m_reading = false;
     bool m_lost = false;
-    bool m_answered = false;  ///< a statement of the transaction has run
+    bool m_disconnected = false;  ///< by this end, because a request ended and the server did not answer
+    bool m_answered = false;      ///< a statement of the transaction has run
     unsigned m_marks = 0;
     unsigned m_stale = 0;  ///< how often a prepared statement did not fit the database any more
     std::string m_begin;   ///< what began the transaction; empty: there is none

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/engine/OdbcConnection.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -165,6 +166,8 @@ struct ASSession::Impl {
         work();
     }
     std::string transactionId();
+    /// For the end of what the session has left behind; null where nobody has to be waited for.
+    std::shared_ptr<QORRequestControl> timeToTidy(std::chrono::milliseconds limit) const;
     /// Begins a transaction on the streaming connection, where all cursors run until it ends. \returns false when there
     /// is no such connection
     bool beginLong();

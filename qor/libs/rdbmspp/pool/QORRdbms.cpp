@@ -387,6 +387,11 @@ std::string boundsOfRequest(const ASDialect& dialect) {
 
 }  // namespace
 
+// A server may hang even then.
+std::shared_ptr<QORRequestControl> ASSession::Impl::timeToTidy(std::chrono::milliseconds limit) const {
+    return dialect->alwaysInTransaction ? std::make_shared<QORRequestControl>(limit) : nullptr;
+}
+
 // Empty where nothing was written, or where the engine keeps none.
 std::string ASSession::Impl::transactionId() {
     return *dialect->transactionId == '\0' ? std::string() : connection.selectText(dialect->transactionId);
@@ -451,7 +456,11 @@ void ASSession::Impl::tidy() {
 }
 
 ASSession::ASSession(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
-ASSession::~ASSession() = default;
+ASSession::~ASSession() {
+    constexpr auto atOnce = std::chrono::milliseconds(1);
+    const QORRequestScope tidying(m_impl->timeToTidy(atOnce));
+    m_impl.reset();
+}
 
 ASEngine ASSession::engine() const noexcept {
     return m_impl->dialect->engine;
@@ -1169,8 +1178,9 @@ QORRdbmsTran::QORRdbmsTran(QORRdbms& database, ASAccess access) : m_impl(std::ma
 }
 
 QORRdbmsTran::~QORRdbmsTran() {
-    const QORRequestScope unbounded(nullptr);  // what has ended has to be tidied up all the same
     auto& impl = m_session->impl();
+    const QORRequestScope tidying(
+        impl.timeToTidy(impl.source.patience));  // what has ended has to be tidied up all the same
     impl.tidy();
     impl.endLong();
     impl.connection.endTransaction();

@@ -369,6 +369,72 @@ TEST_F(PostgresPool, AStatementEndsWithItsRequest) {
     EXPECT_EQ(connections(), "1") << "the connection is as good as before";
 }
 
+/// A server whose processes hang, for as long as the object lives.
+class Suspended {
+public:
+    Suspended() { PostgresServer::shared().suspend(); }
+    ~Suspended() { PostgresServer::shared().resume(); }
+    Suspended(const Suspended&) = delete;
+    Suspended& operator=(const Suspended&) = delete;
+};
+
+/// What a request of 100 ms is told in the end.
+template <class Work>
+std::string toldInTime(Work work) {
+    const QORRequestScope scope(std::make_shared<QORRequestControl>(milliseconds(100)));
+    try {
+        work();
+    } catch (const QORException& error) {
+        EXPECT_EQ(error.code(), errDeadline);
+        return error.message();
+    }
+    return "(no failure)";
+}
+
+TEST_F(PostgresPool, AServerThatHangsIsWaitedForAsLongAsTheRequestMayGoOn) {
+    prepare("CREATE TABLE t (i int); INSERT INTO t VALUES (1)");
+    openSome(3);
+    const std::string told =
+        "the request's deadline of 100 ms has passed: database \"" + database.name() + "\" does not answer";
+    {
+        const Suspended suspended;
+        EXPECT_EQ(toldInTime([] { cell("SELECT i FROM t"); }), told) << "a statement";
+        EXPECT_EQ(toldInTime([] { QORRdbmsTran transaction(ASAccess::Read); }), told) << "a transaction's beginning";
+        EXPECT_EQ(toldInTime([] { QORRdbmsTran transaction(ASAccess::Write); }), told);
+        EXPECT_THAT(toldInTime([] { cell("SELECT i FROM t"); }), HasSubstr("does not answer")) << "a new connection";
+    }
+    EXPECT_EQ(cell("SELECT i FROM t"), "1");
+    write("INSERT INTO t VALUES (2)");
+    EXPECT_EQ(engine().cell("SELECT count(*) FROM t"), "2");
+}
+
+TEST_F(PostgresPool, AServerThatBeginsToHangWithinATransactionKeepsNobody) {
+    prepare("CREATE TABLE t (i int); INSERT INTO t VALUES (1)");
+    EXPECT_THAT(toldInTime([] {
+                    QORRdbmsTran transaction(ASAccess::Write);
+                    transaction->execute("INSERT INTO t VALUES (2)");
+                    const Suspended suspended;
+                    transaction->execute("INSERT INTO t VALUES (3)");
+                    transaction.commit();
+                }),
+                HasSubstr("does not answer"));
+    {
+        auto transaction = std::make_unique<QORRdbmsTran>(ASAccess::Write);
+        (*transaction)->execute("INSERT INTO t VALUES (4)");
+        const Suspended suspended;
+        transaction.reset();
+    }
+    EXPECT_EQ(cell("SELECT count(*) FROM t"), "1");
+}
+
+TEST_F(PostgresPool, ConnectionsToAServerThatHangsAreClosedWithoutIt) {
+    open();
+    for (const char* sql : {"SELECT 1", "SELECT 2", "SELECT 3"})
+        cell(sql);
+    const Suspended suspended;
+    QORRdbms::instance().shutdown();
+}
+
 TEST_F(PostgresPool, AStatementWhoseViewHasChangedIsPreparedAgain) {
     prepare("CREATE VIEW v AS SELECT 1 AS i, 'a'::text AS s");
     const auto both = [] {
