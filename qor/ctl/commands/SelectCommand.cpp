@@ -3,9 +3,9 @@
 #include <utility>
 
 #include "QORCommon/QORAscii.h"
+#include "QORQuery/QORQueryField.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
-#include "where/FieldSpec.h"
 
 namespace QOR {
 namespace {

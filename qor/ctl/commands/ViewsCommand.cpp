@@ -5,9 +5,9 @@
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORText.h"
+#include "QORQuery/QORQueryField.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
-#include "where/FieldSpec.h"
 
 namespace QOR {
 namespace {

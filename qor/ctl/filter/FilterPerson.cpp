@@ -10,8 +10,8 @@
 #include "filter/FilterInspector.h"
 #include "filter/FilterNames.h"
 #include "filter/FilterTree.h"
+#include "output/QueryErrorText.h"
 #include "output/TextWidth.h"
-#include "where/WhereError.h"
 
 namespace QOR {
 namespace {
@@ -30,7 +30,7 @@ std::string visible(std::string_view text) {
 
 /// What is wrong with a sequence whose operators and operands do not go together, and where. The tree only knows that
 /// they do not; in the order of the text it shows.
-WhereError explainStructure(const TExpressionEvaluation& evaluator) {
+QORQueryError explainStructure(const TExpressionEvaluation& evaluator) {
     std::vector<const TToken*> tokens;
     for (const TToken& token : evaluator.postfix())
         tokens.push_back(&token);
@@ -61,10 +61,10 @@ std::string explainError(TExpressionEvaluation& evaluator, const FilterNames& na
     const TErrorType code = evaluator.getErrorCode();
     const std::string message = cutToWidth(visible(evaluator.getErrorMessage()), longestMessage);
     if (code == etOperatorExpected) {
-        const WhereError place = explainStructure(evaluator);
-        return describeWhereError(evaluator.getExpression(), {place.offset(), message + ": " + place.what()});
+        const QORQueryError place = explainStructure(evaluator);
+        return describeQueryError(evaluator.getExpression(), {place.offset(), message + ": " + place.what()});
     }
-    std::string out = describeWhereError(evaluator.getExpression(), {evaluator.getErrorPosition(), message});
+    std::string out = describeQueryError(evaluator.getExpression(), {evaluator.getErrorPosition(), message});
     if (code == etUndeclaredIdentifier) {
         const std::string_view name = std::string_view(evaluator.getErrorDetail());
         const std::vector<std::string_view> near = names.nearest(name);

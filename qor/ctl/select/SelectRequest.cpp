@@ -5,11 +5,11 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORBinaryIterator.h"
+#include "QORQuery/QORCondition.h"
+#include "QORQuery/QORQueryField.h"
+#include "output/QueryErrorText.h"
 #include "process/CtlError.h"
 #include "select/RequestPage.h"
-#include "where/FieldSpec.h"
-#include "where/WhereError.h"
-#include "where/WhereParser.h"
 
 namespace QOR {
 namespace {
@@ -22,7 +22,7 @@ constexpr int environmentPrincipalType = 1;
 
 class SelectBuilder {
 public:
-    SelectBuilder(const SelectOptions& options, const ColumnTypes& types)
+    SelectBuilder(const SelectOptions& options, const QORColumnTypes& types)
         : m_options(options), m_types(types), m_at(m_request.envelope.body.root()) {}
 
     SelectRequest build() {
@@ -51,13 +51,13 @@ private:
 
     /// The answer knows a column by its name alone, so two fields over one column would be one.
     void addField(const std::string& text) {
-        FieldSpec field = parseFieldSpec(text);
+        QORQueryField field = parseQueryField(text);
         if (field.column.empty()) throw CtlError::usage("a field has no name: " + quoteText(text));
         if (!field.function.empty() && field.column == "*")
             throw CtlError::usage(quoteText(text) + ": an aggregate needs a column, for example " + field.function +
                                   "(eid)");
         const auto before = std::find_if(m_fields.begin(), m_fields.end(),
-                                         [&](const FieldSpec& other) { return other.column == field.column; });
+                                         [&](const QORQueryField& other) { return other.column == field.column; });
         if (before != m_fields.end()) {
             if (*before == field) return;
             throw CtlError::usage("the column " + quoteText(field.column) +
@@ -81,9 +81,9 @@ private:
         requireRoom(m_at.addChild(tag::where));
         try {
             const std::size_t levels = m_request.envelope.body.limits().depth - levelsAboveCondition;
-            parseWhere(text, m_options.view, levels, m_at, m_types);
-        } catch (const WhereError& error) {
-            throw CtlError::usage("--where: " + describeWhereError(text, error));
+            parseCondition(text, m_options.view, levels, m_at, m_types);
+        } catch (const QORQueryError& error) {
+            throw CtlError::usage("--where: " + describeQueryError(text, error));
         } catch (const QORException& error) {
             throw CtlError::usage("--where: " + error.message());
         }
@@ -93,7 +93,7 @@ private:
     void addSort(std::string_view text) {
         const bool descending = text.starts_with('-');
         if (descending) text.remove_prefix(1);
-        const FieldSpec key = parseFieldSpec(text);
+        const QORQueryField key = parseQueryField(text);
         if (key.column.empty()) throw CtlError::usage("a sort key has no name");
         if (!key.function.empty() && std::find(m_fields.begin(), m_fields.end(), key) == m_fields.end())
             throw CtlError::usage("sorting by " + quoteText(text) + " needs it among the fields (-f)");
@@ -120,10 +120,10 @@ private:
     void addClient() { m_request.envelope.client = makeClient(m_options.client); }
 
     const SelectOptions& m_options;
-    const ColumnTypes& m_types;
+    const QORColumnTypes& m_types;
     SelectRequest m_request;
     QORBinaryIterator m_at;
-    std::vector<FieldSpec> m_fields;
+    std::vector<QORQueryField> m_fields;
     std::vector<std::string> m_sort;
 };
 
@@ -143,7 +143,7 @@ std::optional<QORClientDescription> makeClient(const std::vector<std::string>& e
     return client;
 }
 
-SelectRequest makeSelectRequest(const SelectOptions& options, const ColumnTypes& types) {
+SelectRequest makeSelectRequest(const SelectOptions& options, const QORColumnTypes& types) {
     return SelectBuilder(options, types).build();
 }
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "QORMessage/QORNotation.h"
-#include "where/StoredForm.h"
+#include "QORQuery/QORStoredForm.h"
 
 namespace QOR {
 
@@ -38,8 +38,8 @@ struct SelectRequest {
 /// \throws CtlError BadUsage naming what is no environment
 std::optional<QORClientDescription> makeClient(const std::vector<std::string>& eids);
 
-/// \param types see parseWhere()
+/// \param types see parseCondition()
 /// \throws CtlError BadUsage naming the option that cannot be meant; for the condition the text shows the place
-SelectRequest makeSelectRequest(const SelectOptions& options, const ColumnTypes& types = {});
+SelectRequest makeSelectRequest(const SelectOptions& options, const QORColumnTypes& types = {});
 
 }  // namespace QOR

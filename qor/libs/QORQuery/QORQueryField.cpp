@@ -1,4 +1,4 @@
-#include "where/FieldSpec.h"
+#include "QORQuery/QORQueryField.h"
 
 #include <algorithm>
 
@@ -28,7 +28,7 @@ std::string unquoteName(std::string_view text) {
     return name;
 }
 
-FieldSpec parseFieldSpec(std::string_view text) {
+QORQueryField parseQueryField(std::string_view text) {
     const std::string_view trimmed = trim(text);
     const std::size_t open = trimmed.find('(');
     if (open == std::string_view::npos || open == 0 || trimmed.back() != ')') return {unquoteName(text), ""};

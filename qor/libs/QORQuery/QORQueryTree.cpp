@@ -1,4 +1,4 @@
-#include "where/WhereTree.h"
+#include "QORQuery/QORQueryTree.h"
 
 #include <algorithm>
 
@@ -13,12 +13,12 @@ void require(int status) {
 
 }  // namespace
 
-WhereTree::Id WhereTree::add(Node node) {
+QORQueryTree::Id QORQueryTree::add(Node node) {
     m_nodes.push_back(std::move(node));
     return static_cast<Id>(m_nodes.size() - 1);
 }
 
-WhereTree::Id WhereTree::leaf(QORTag tag, std::string text) {
+QORQueryTree::Id QORQueryTree::leaf(QORTag tag, std::string text) {
     Node node;
     node.tag = tag;
     node.hasText = true;
@@ -26,20 +26,20 @@ WhereTree::Id WhereTree::leaf(QORTag tag, std::string text) {
     return add(std::move(node));
 }
 
-WhereTree::Id WhereTree::node(QORTag tag) {
+QORQueryTree::Id QORQueryTree::node(QORTag tag) {
     Node node;
     node.tag = tag;
     return add(std::move(node));
 }
 
-void WhereTree::append(Id parent, Id child) {
+void QORQueryTree::append(Id parent, Id child) {
     Node& node = m_nodes[parent];
     (node.last == none ? node.first : m_nodes[node.last].next) = child;
     node.last = child;
     node.height = std::max(node.height, m_nodes[child].height + 1);
 }
 
-void WhereTree::adopt(Id to, Id from) {
+void QORQueryTree::adopt(Id to, Id from) {
     Node& target = m_nodes[to];
     Node& source = m_nodes[from];
     (target.last == none ? target.first : m_nodes[target.last].next) = source.first;
@@ -48,7 +48,7 @@ void WhereTree::adopt(Id to, Id from) {
     source.first = source.last = none;
 }
 
-void WhereTree::write(Id id, QORBinaryIterator out) const {
+void QORQueryTree::write(Id id, QORBinaryIterator out) const {
     const Node& node = m_nodes[id];
     if (node.hasText) return require(out.putValue(node.text, node.tag));
     require(out.addChild(node.tag));

@@ -1,4 +1,4 @@
-#include "where/WhereParser.h"
+#include "QORQuery/QORCondition.h"
 
 #include <algorithm>
 #include <map>
@@ -10,15 +10,15 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
-#include "where/FieldSpec.h"
-#include "where/WhereError.h"
-#include "where/WhereLexer.h"
-#include "where/WhereTree.h"
+#include "QORQuery/QORQueryError.h"
+#include "QORQuery/QORQueryField.h"
+#include "QORQuery/QORQueryLexer.h"
+#include "QORQuery/QORQueryTree.h"
 
 namespace QOR {
 namespace {
 
-using Id = WhereTree::Id;
+using Id = QORQueryTree::Id;
 
 struct ComparisonSign {
     std::string_view sign;
@@ -32,7 +32,7 @@ constexpr ComparisonSign comparisonSigns[] = {
 constexpr std::string_view reservedWords[] = {"and", "or",   "not",    "like", "in",    "between",
                                               "is",  "null", "select", "from", "where", "escape"};
 
-bool isReserved(const WhereToken& token) {
+bool isReserved(const QORQueryToken& token) {
     return std::any_of(std::begin(reservedWords), std::end(reservedWords),
                        [&](std::string_view word) { return token.isWord(word); });
 }
@@ -41,15 +41,15 @@ bool isReserved(const WhereToken& token) {
 /// allows. Only nested selects are read by recursion; `nestedSelects` bounds them.
 class Parser {
 public:
-    Parser(std::string_view text, std::string_view view, std::size_t levels, const ColumnTypes& types)
+    Parser(std::string_view text, std::string_view view, std::size_t levels, const QORColumnTypes& types)
         : m_lexer(text), m_view(view), m_levels(levels), m_types(types) {}
 
     Id readWhole() {
         const Id condition = readCondition();
-        if (peek().kind != WhereTokenKind::End) unexpected("\"and\", \"or\" or the end of the text");
+        if (peek().kind != QORQueryTokenKind::End) unexpected("\"and\", \"or\" or the end of the text");
         return condition;
     }
-    const WhereTree& tree() const { return m_tree; }
+    const QORQueryTree& tree() const { return m_tree; }
 
 private:
     static constexpr unsigned nestedSelects = 24;
@@ -66,7 +66,7 @@ private:
     using Stack = std::vector<Pending>;
 
     // ---- tokens -------------------------------------------------------------------------------------------------
-    const WhereToken& peek() const { return m_lexer.peek(); }
+    const QORQueryToken& peek() const { return m_lexer.peek(); }
     bool takeWord(std::string_view word) {
         if (!peek().isWord(word)) return false;
         m_lexer.take();
@@ -78,7 +78,7 @@ private:
         return true;
     }
     [[noreturn]] void unexpected(const std::string& expected) const {
-        throw WhereError(peek().offset, "expected " + expected + ", found " + describeToken(peek()));
+        throw QORQueryError(peek().offset, "expected " + expected + ", found " + describeToken(peek()));
     }
     void needWord(std::string_view word) {
         if (!takeWord(word)) unexpected("\"" + std::string(word) + "\"");
@@ -90,8 +90,8 @@ private:
     // ---- building -----------------------------------------------------------------------------------------------
     Id checked(Id id, std::size_t offset) const {
         if (m_tree.height(id) > m_levels)
-            throw WhereError(offset, "the condition is nested too deeply here; a request takes " +
-                                         std::to_string(m_levels) + " levels");
+            throw QORQueryError(offset, "the condition is nested too deeply here; a request takes " +
+                                            std::to_string(m_levels) + " levels");
         return id;
     }
     Id build(QORTag tag, std::initializer_list<Id> children, std::size_t offset) {
@@ -146,13 +146,13 @@ private:
     bool isFunctionNext() const;
     std::string readName(const char* what);
 
-    WhereLexer m_lexer;
+    QORQueryLexer m_lexer;
     std::string m_view;  ///< of the innermost select
     std::size_t m_levels;
-    const ColumnTypes& m_types;
+    const QORColumnTypes& m_types;
     std::map<Id, std::size_t> m_literals;  ///< where each stands in the text
     unsigned m_nesting = 0;
-    WhereTree m_tree;
+    QORQueryTree m_tree;
 };
 
 /// Combines what stands on the stack above `lowest` with the condition to its right.
@@ -174,9 +174,9 @@ Parser::Item Parser::readTerm(Stack& stack) {
     for (;;) {
         const std::size_t offset = peek().offset;
         if (takeWord("not"))
-            stack.push_back({Pending::Not, offset, WhereTree::none});
+            stack.push_back({Pending::Not, offset, QORQueryTree::none});
         else if (takeSymbol("("))
-            stack.push_back({Pending::Parenthesis, offset, WhereTree::none});
+            stack.push_back({Pending::Parenthesis, offset, QORQueryTree::none});
         else
             return {readPrimary(), false};
     }
@@ -205,8 +205,8 @@ Id Parser::readCondition() {
         } else {
             item.id = reduce(stack, item.id, Pending::Or);
             if (stack.empty()) return item.id;
-            if (peek().kind == WhereTokenKind::End)
-                throw WhereError(stack.back().offset, "the parenthesis that opens here is never closed");
+            if (peek().kind == QORQueryTokenKind::End)
+                throw QORQueryError(stack.back().offset, "the parenthesis that opens here is never closed");
             if (!takeSymbol(")")) unexpected("\"and\", \"or\" or \")\"");
             stack.pop_back();
         }
@@ -214,16 +214,16 @@ Id Parser::readCondition() {
 }
 
 Id Parser::readComparison(Id left, bool inParenthesis) {
-    const WhereToken& next = peek();
+    const QORQueryToken& next = peek();
     const std::size_t offset = next.offset;
     for (const ComparisonSign& comparison : comparisonSigns) {
         if (!takeSymbol(comparison.sign)) continue;
         if (peek().isWord("null"))
-            throw WhereError(peek().offset, "nothing equals null; write \"is null\" or \"is not null\"");
+            throw QORQueryError(peek().offset, "nothing equals null; write \"is null\" or \"is not null\"");
         return build(comparison.tag, {left, readOperand()}, offset);
     }
     if (next.isSymbol("+") || next.isSymbol("-"))
-        throw WhereError(offset, "a condition does not calculate; expected a comparison");
+        throw QORQueryError(offset, "a condition does not calculate; expected a comparison");
     if (takeWord("is")) return readIs(left, offset);
     return readNegatable(left, inParenthesis);
 }
@@ -232,7 +232,7 @@ Id Parser::readNegatable(Id left, bool inParenthesis) {
     const std::size_t notOffset = peek().offset;
     const bool negated = takeWord("not");
     const std::size_t offset = peek().offset;
-    Id condition = WhereTree::none;
+    Id condition = QORQueryTree::none;
     if (takeWord("like"))
         condition = readLike(left, offset);
     else if (takeWord("between"))
@@ -250,7 +250,7 @@ Id Parser::readNegatable(Id left, bool inParenthesis) {
 Id Parser::readLike(Id left, std::size_t offset) {
     const Id pattern = readOperand();
     if (!takeWord("escape")) return build(tag::like, {left, pattern}, offset);
-    const bool isText = peek().kind == WhereTokenKind::Text;
+    const bool isText = peek().kind == QORQueryTokenKind::Text;
     if (!isText || peek().text.size() != 1 || static_cast<unsigned char>(peek().text[0]) >= 0x80)
         unexpected("one ASCII character in single quotes");
     return build(tag::like, {left, pattern, m_tree.leaf(tag::escape, m_lexer.take().text)}, offset);
@@ -277,7 +277,7 @@ Id Parser::readIn(Id left, std::size_t offset) {
     do {
         m_tree.append(condition, peek().isWord("select") ? readSelect() : readOperand());
     } while (takeSymbol(","));
-    if (peek().kind == WhereTokenKind::End) throw WhereError(open, "the list that opens here is never closed");
+    if (peek().kind == QORQueryTokenKind::End) throw QORQueryError(open, "the list that opens here is never closed");
     if (!takeSymbol(")")) unexpected("\",\" or \")\"");
     return store(checked(condition, offset));
 }
@@ -289,20 +289,20 @@ Id Parser::store(Id condition) {
     const Id first = m_tree.firstChild(condition);
     const auto isLiteral = [this](Id id) { return m_tree.tag(id) == tag::value; };
     bool any = false;
-    for (Id id = first; id != WhereTree::none; id = m_tree.nextSibling(id))
+    for (Id id = first; id != QORQueryTree::none; id = m_tree.nextSibling(id))
         any = any || isLiteral(id);
     if (!any || !m_types) return condition;
     std::string type = typeOf(first);
     if (isLiteral(first)) {
-        for (Id id = first; type.empty() && id != WhereTree::none; id = m_tree.nextSibling(id))
+        for (Id id = first; type.empty() && id != QORQueryTree::none; id = m_tree.nextSibling(id))
             type = typeOf(id);
     }
-    for (Id id = first; id != WhereTree::none; id = m_tree.nextSibling(id)) {
+    for (Id id = first; id != QORQueryTree::none; id = m_tree.nextSibling(id)) {
         if (!isLiteral(id)) continue;
         try {
             m_tree.setText(id, storedForm(type, m_tree.text(id)));
         } catch (const QORException& error) {
-            throw WhereError(m_literals.at(id), error.message());
+            throw QORQueryError(m_literals.at(id), error.message());
         }
     }
     return condition;
@@ -324,7 +324,7 @@ std::string Parser::typeOfSelect(Id select) const {
     const Id view = m_tree.firstChild(select);
     const Id field = m_tree.nextSibling(view);
     const Id function = m_tree.firstChild(field);
-    if (function == WhereTree::none) return m_types(m_tree.text(view), m_tree.text(field));
+    if (function == QORQueryTree::none) return m_types(m_tree.text(view), m_tree.text(field));
     const Id name = m_tree.firstChild(function);
     const std::string& aggregate = m_tree.text(name);
     if (aggregate == "count") return "bigint";
@@ -342,18 +342,18 @@ Id Parser::literal(std::string text, std::size_t offset) {
 
 Id Parser::readSelect() {
     const std::size_t offset = m_lexer.take().offset;
-    if (++m_nesting > nestedSelects) throw WhereError(offset, "selects are nested too deeply here");
+    if (++m_nesting > nestedSelects) throw QORQueryError(offset, "selects are nested too deeply here");
     const bool distinct = takeWord("distinct");
     std::string column;
     std::string qualifier;
     const std::size_t fieldOffset = peek().offset;
     const Id field = readOutputField(column, qualifier);
-    if (peek().isSymbol(",")) throw WhereError(peek().offset, "a select in a list has one column");
+    if (peek().isSymbol(",")) throw QORQueryError(peek().offset, "a select in a list has one column");
     needWord("from");
     std::string view = readName("a view");
     if (!qualifier.empty() && !isSameWord(qualifier, view))
-        throw WhereError(fieldOffset,
-                         quoteText(qualifier) + " is not the view that this select reads, which is " + quoteText(view));
+        throw QORQueryError(
+            fieldOffset, quoteText(qualifier) + " is not the view that this select reads, which is " + quoteText(view));
     const Id select = build(tag::select, {m_tree.leaf(tag::view, view), field}, offset);
     if (distinct) m_tree.append(select, m_tree.node(tag::distinct));
     if (takeWord("where")) {
@@ -369,8 +369,8 @@ Id Parser::readSelect() {
 }
 
 Id Parser::readOutputField(std::string& column, std::string& qualifier) {
-    if (peek().isSymbol("*")) throw WhereError(peek().offset, "a select in a list has one column");
-    const bool isFunction = peek().kind == WhereTokenKind::Word && m_lexer.isFollowedBy('(');
+    if (peek().isSymbol("*")) throw QORQueryError(peek().offset, "a select in a list has one column");
+    const bool isFunction = peek().kind == QORQueryTokenKind::Word && m_lexer.isFollowedBy('(');
     std::string function;
     if (isFunction) {
         function = m_lexer.take().text;
@@ -410,17 +410,17 @@ void Parser::readLimit(Id select) {
 }
 
 std::string Parser::readWholeNumber() {
-    const WhereToken& next = peek();
+    const QORQueryToken& next = peek();
     // A leading zero would be taken for octal by some and for nothing by others.
     const bool isPlain = next.text.size() == 1 || !next.text.starts_with('0');
-    if (next.kind != WhereTokenKind::Number || !isPlain || !parseInt32(next.text)) unexpected("a number of rows");
+    if (next.kind != QORQueryTokenKind::Number || !isPlain || !parseInt32(next.text)) unexpected("a number of rows");
     return m_lexer.take().text;
 }
 
 // ---- operands ---------------------------------------------------------------------------------------------------
 
 bool Parser::isFunctionNext() const {
-    return peek().kind == WhereTokenKind::Word && m_lexer.isFollowedBy('(');
+    return peek().kind == QORQueryTokenKind::Word && m_lexer.isFollowedBy('(');
 }
 
 /// An operand that may stand in parentheses.
@@ -446,7 +446,7 @@ Id Parser::readFunctions(bool allowParentheses) {
             wrappers.push_back({"", offset});
         } else if (isFunctionNext() && !isReserved(peek())) {
             if (!peek().isWord("upper") && !peek().isWord("lower"))
-                throw WhereError(
+                throw QORQueryError(
                     offset, "a condition knows the functions upper() and lower() only, found " + describeToken(peek()));
             wrappers.push_back({m_lexer.take().isWord("upper") ? "upper" : "lower", offset});
             needSymbol("(");
@@ -455,11 +455,11 @@ Id Parser::readFunctions(bool allowParentheses) {
         }
     }
     const std::size_t begin = peek().offset;
-    Id operand = peek().kind == WhereTokenKind::Text ? literal(m_lexer.take().text, begin) : readNumber();
-    if (operand == WhereTree::none) operand = readField();
+    Id operand = peek().kind == QORQueryTokenKind::Text ? literal(m_lexer.take().text, begin) : readNumber();
+    if (operand == QORQueryTree::none) operand = readField();
     for (; !wrappers.empty(); wrappers.pop_back()) {
-        if (peek().kind == WhereTokenKind::End)
-            throw WhereError(wrappers.back().offset, "the parenthesis of this operand is never closed");
+        if (peek().kind == QORQueryTokenKind::End)
+            throw QORQueryError(wrappers.back().offset, "the parenthesis of this operand is never closed");
         needSymbol(")");
         const Wrapper& wrapper = wrappers.back();
         if (!wrapper.function.empty())
@@ -474,46 +474,47 @@ Id Parser::readNumber() {
     std::string sign;
     if (peek().isSymbol("-") || peek().isSymbol("+")) {
         sign = m_lexer.take().text == "-" ? "-" : "";
-        if (peek().kind != WhereTokenKind::Number) unexpected("a number after the sign");
+        if (peek().kind != QORQueryTokenKind::Number) unexpected("a number after the sign");
     }
-    if (peek().kind != WhereTokenKind::Number) return WhereTree::none;
+    if (peek().kind != QORQueryTokenKind::Number) return QORQueryTree::none;
     const std::string digits = m_lexer.take().text;
     return literal(sign + (digits.starts_with('.') ? "0" : "") + digits, offset);
 }
 
 Id Parser::readField() {
     const std::size_t offset = peek().offset;
-    if (peek().isWord("select")) throw WhereError(offset, "a nested select can stand only in the list of \"in\"");
+    if (peek().isWord("select")) throw QORQueryError(offset, "a nested select can stand only in the list of \"in\"");
     std::string first = readName("a column or a value");
     if (takeSymbol(".")) {
         if (first.find('.') != std::string::npos)
-            throw WhereError(offset, "a view whose name holds a point cannot qualify a column");
+            throw QORQueryError(offset, "a view whose name holds a point cannot qualify a column");
         std::string column = readName("a column");
-        if (peek().isSymbol(".")) throw WhereError(peek().offset, "a column is named as \"column\" or \"view.column\"");
+        if (peek().isSymbol("."))
+            throw QORQueryError(peek().offset, "a column is named as \"column\" or \"view.column\"");
         return m_tree.leaf(tag::field, first + "." + column);
     }
     // The first point of a field's text ends the view's name, so a column that holds one is named with its view.
     if (first.find('.') == std::string::npos) return m_tree.leaf(tag::field, std::move(first));
     if (m_view.find('.') != std::string::npos)
-        throw WhereError(offset,
-                         "a column whose name holds a point cannot be named, since that of its view holds one too");
+        throw QORQueryError(offset,
+                            "a column whose name holds a point cannot be named, since that of its view holds one too");
     return m_tree.leaf(tag::field, m_view + "." + first);
 }
 
 std::string Parser::readName(const char* what) {
-    const WhereToken& next = peek();
-    if (next.kind == WhereTokenKind::Quoted) return m_lexer.take().text;
-    if (next.kind != WhereTokenKind::Word) unexpected(what);
+    const QORQueryToken& next = peek();
+    if (next.kind == QORQueryTokenKind::Quoted) return m_lexer.take().text;
+    if (next.kind != QORQueryTokenKind::Word) unexpected(what);
     if (isReserved(next))
-        throw WhereError(next.offset, "expected " + std::string(what) + ", found the word " + describeToken(next) +
-                                          "; a name spelled like it stands in double quotes");
+        throw QORQueryError(next.offset, "expected " + std::string(what) + ", found the word " + describeToken(next) +
+                                             "; a name spelled like it stands in double quotes");
     return m_lexer.take().text;
 }
 
 }  // namespace
 
-void parseWhere(std::string_view text, std::string_view view, std::size_t levels, const QORBinaryIterator& out,
-                const ColumnTypes& types) {
+void parseCondition(std::string_view text, std::string_view view, std::size_t levels, const QORBinaryIterator& out,
+                    const QORColumnTypes& types) {
     Parser parser(text, view, levels, types);
     const Id condition = parser.readWhole();
     parser.tree().write(condition, out);

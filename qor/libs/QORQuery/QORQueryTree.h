@@ -15,12 +15,12 @@
 namespace QOR {
 
 /// Elements of a where tree. One thread; nodes live as long as the tree.
-class WhereTree {
+class QORQueryTree {
 public:
     using Id = std::uint32_t;
     static constexpr Id none = 0;
 
-    WhereTree() : m_nodes(1) {}
+    QORQueryTree() : m_nodes(1) {}
 
     /// A leaf with a text.
     Id leaf(QORTag tag, std::string text);

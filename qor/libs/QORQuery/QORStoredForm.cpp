@@ -1,4 +1,4 @@
-#include "where/StoredForm.h"
+#include "QORQuery/QORStoredForm.h"
 
 #include <algorithm>
 

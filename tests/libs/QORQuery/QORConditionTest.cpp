@@ -1,8 +1,8 @@
-// Row conditions: what they become, and what a mistake looks like.
+// Row conditions: what they become, and where a mistake is.
 //
 // Trees are written tersely: a field is its name, a value stands in single quotes, an escape behind a tilde, any other
 // element is (name child ...).
-#include "where/WhereParser.h"
+#include "QORQuery/QORCondition.h"
 
 #include <iterator>
 #include <random>
@@ -11,8 +11,8 @@
 
 #include "QORMessage/QORMessage.h"
 #include "QORMessage/QORNotation.h"
+#include "QORQuery/QORQueryError.h"
 #include "support/LongTexts.h"
-#include "where/WhereError.h"
 
 namespace QOR {
 namespace {
@@ -51,8 +51,8 @@ std::string parsed(std::string_view text, std::string_view view = "v") {
     QORBinaryIterator at = message.root();
     at.addChild(tag::where);
     try {
-        parseWhere(text, view, levels, at);
-    } catch (const WhereError& error) {
+        parseCondition(text, view, levels, at);
+    } catch (const QORQueryError& error) {
         return std::to_string(error.offset()) + ": " + error.what();
     }
     std::string out;
@@ -60,19 +60,6 @@ std::string parsed(std::string_view text, std::string_view view = "v") {
     for (const QORMessageNode* child = where->firstChild; child != nullptr; child = child->next)
         print(*child, out);
     return out;
-}
-
-/// A mistake as the person sees it.
-std::string shown(std::string_view text, std::size_t width = 78) {
-    QORMessage message;
-    QORBinaryIterator at = message.root();
-    at.addChild(tag::where);
-    try {
-        parseWhere(text, "v", levels, at);
-    } catch (const WhereError& error) {
-        return describeWhereError(text, error, width);
-    }
-    return "no mistake";
 }
 
 struct Case {
@@ -157,7 +144,7 @@ const Case conditions[] = {
     {"selects nest", "a in (select b from w where c in (select d from x where e = v.f))",
      "(in a (select w b (where (in c (select x d (where (eq e v.f)))))))"},
 };
-INSTANTIATE_TEST_SUITE_P(WhereParser, Condition, testing::ValuesIn(conditions));
+INSTANTIATE_TEST_SUITE_P(QORCondition, Condition, testing::ValuesIn(conditions));
 
 class Mistake : public testing::TestWithParam<Case> {};
 
@@ -233,21 +220,21 @@ const Case mistakes[] = {
     {"a limit with a leading zero", "a in (select b from w limit 010)", "28: expected a number of rows, found \"010\""},
     {"a limit that is none", "a in (select b from w limit x)", "28: expected a number of rows, found \"x\""},
 };
-INSTANTIATE_TEST_SUITE_P(WhereParser, Mistake, testing::ValuesIn(mistakes));
+INSTANTIATE_TEST_SUITE_P(QORCondition, Mistake, testing::ValuesIn(mistakes));
 
-TEST(WhereParser, LongChainsStayFlat) {
+TEST(QORCondition, LongChainsStayFlat) {
     const std::string tree = parsed("a=0" + repeated(" and a=1", 100'000));
     EXPECT_TRUE(tree.starts_with("(and (eq a '0') (eq a '1') (eq a '1')"));
     EXPECT_EQ(tree.size(), std::string("(and (eq a '0'))").size() + 100'000 * std::string(" (eq a '1')").size());
 }
 
-TEST(WhereParser, ChainsThatLeanRightStayFlat) {
+TEST(QORCondition, ChainsThatLeanRightStayFlat) {
     const std::string tree = parsed(repeated("a=1 or (", 50'000) + "a=2" + repeated(")", 50'000));
     EXPECT_TRUE(tree.starts_with("(or (eq a '1') (eq a '1')"));
     EXPECT_TRUE(tree.ends_with(" (eq a '1') (eq a '2'))"));
 }
 
-TEST(WhereParser, ParenthesesAndNotsCostNoDepth) {
+TEST(QORCondition, ParenthesesAndNotsCostNoDepth) {
     EXPECT_EQ(parsed(repeated("(", 100'000) + "a = 1" + repeated(")", 100'000)), "(eq a '1')");
     EXPECT_EQ(parsed("a = " + repeated("(", 100'000) + "1" + repeated(")", 100'000)), "(eq a '1')");
     EXPECT_EQ(parsed(repeated("not ", 100'000) + "a = 1"), "(eq a '1')");
@@ -261,14 +248,14 @@ std::string alternation(std::size_t depth) {
     return text + "a=1" + repeated(")", depth);
 }
 
-TEST(WhereParser, DepthEndsWhereMessagesEnd) {
+TEST(QORCondition, DepthEndsWhereMessagesEnd) {
     // The innermost comparison takes two levels, itself and its operands.
     EXPECT_TRUE(parsed(alternation(levels - 2)).starts_with("(and "));
     EXPECT_EQ(parsed(alternation(levels - 1)), "4: the condition is nested too deeply here; a request takes 62 levels");
     EXPECT_TRUE(parsed(alternation(50'000)).ends_with("nested too deeply here; a request takes 62 levels"));
 }
 
-TEST(WhereParser, FunctionsAndSelectsCountAgainstDepth) {
+TEST(QORCondition, FunctionsAndSelectsCountAgainstDepth) {
     EXPECT_TRUE(
         parsed(repeated("upper(", 1000) + "a" + repeated(")", 1000) + " = 1").ends_with("a request takes 62 levels"));
     EXPECT_TRUE(parsed(repeated("a in (select a from w where ", 20) + "a=1" + repeated(")", 20)).starts_with("(in a "));
@@ -383,14 +370,14 @@ private:
     std::minstd_rand m_random;
 };
 
-TEST(WhereParser, ConditionsMadeAtRandomBecomeTheirTrees) {
+TEST(QORCondition, ConditionsMadeAtRandomBecomeTheirTrees) {
     for (unsigned seed = 1; seed <= 3000; ++seed) {
         const ConditionMaker::Made made = ConditionMaker(seed).make(1 + seed % 6);
         EXPECT_EQ(parsed(made.text), made.tree) << made.text;
     }
 }
 
-TEST(WhereParser, WhateverIsCutOffOrSwappedIsReadOrRefusedWithAPlaceInTheText) {
+TEST(QORCondition, WhateverIsCutOffOrSwappedIsReadOrRefusedWithAPlaceInTheText) {
     for (unsigned seed = 1; seed <= 50; ++seed) {
         const std::string text = ConditionMaker(seed).make(3).text;
         std::minstd_rand random(seed);
@@ -401,17 +388,16 @@ TEST(WhereParser, WhateverIsCutOffOrSwappedIsReadOrRefusedWithAPlaceInTheText) {
                 const std::string tree = parsed(damaged);
                 if (tree.starts_with("(")) continue;
                 EXPECT_LE(std::stoul(tree), damaged.size()) << damaged;
-                EXPECT_FALSE(shown(damaged).empty());
             }
         }
     }
 }
 
-TEST(WhereParser, TreeIsWrittenAsMessagesAre) {
+TEST(QORCondition, TreeIsWrittenAsMessagesAre) {
     QORMessage message;
     QORBinaryIterator at = message.root();
     at.addChild(tag::where);
-    parseWhere("not a = 'x' or upper(b) in (1)", "v", levels, at);
+    parseCondition("not a = 'x' or upper(b) in (1)", "v", levels, at);
     std::string json;
     writeElement(*message.rootNode(), json);
     EXPECT_EQ(json, R"([1742,[[2236,[[2237,[[2225,[[1741,"a"],[1018,"x"]]]]],)"
@@ -431,13 +417,13 @@ std::string typeOf(std::string_view view, std::string_view column) {
 }
 
 /// As parsed(), for views v and w whose columns have types.
-std::string stored(std::string_view text, const ColumnTypes& types = typeOf) {
+std::string stored(std::string_view text, const QORColumnTypes& types = typeOf) {
     QORMessage message;
     QORBinaryIterator at = message.root();
     at.addChild(tag::where);
     try {
-        parseWhere(text, "v", levels, at, types);
-    } catch (const WhereError& error) {
+        parseCondition(text, "v", levels, at, types);
+    } catch (const QORQueryError& error) {
         return std::to_string(error.offset()) + ": " + error.what();
     }
     std::string out;
@@ -445,7 +431,7 @@ std::string stored(std::string_view text, const ColumnTypes& types = typeOf) {
     return out;
 }
 
-TEST(WhereParser, LiteralsOfListsAndBoundsTakeTheStoredForm) {
+TEST(QORCondition, LiteralsOfListsAndBoundsTakeTheStoredForm) {
     const Case table[] = {
         {"bounds of a time", "time between '2024-05-01T00:00:00+0000' and '2024-05-01T12:00:00+02:00'",
          "(between time '2024-05-01 00:00:00' '2024-05-01 10:00:00')"},
@@ -481,9 +467,9 @@ TEST(WhereParser, LiteralsOfListsAndBoundsTakeTheStoredForm) {
         EXPECT_EQ(stored(each.text), each.tree) << each.rule;
 }
 
-TEST(WhereParser, TypesAreAskedForOnlyWhereTheyMatter) {
+TEST(QORCondition, TypesAreAskedForOnlyWhereTheyMatter) {
     int asked = 0;
-    const ColumnTypes types = [&](std::string_view, std::string_view) {
+    const QORColumnTypes types = [&](std::string_view, std::string_view) {
         ++asked;
         return std::string();
     };
@@ -491,58 +477,6 @@ TEST(WhereParser, TypesAreAskedForOnlyWhereTheyMatter) {
     EXPECT_EQ(asked, 0);
     stored("a in (1)", types);
     EXPECT_EQ(asked, 1);
-}
-
-// ---- how mistakes are shown -------------------------------------------------------------------------------------
-
-TEST(WhereError, CaretStandsBeneathThePlace) {
-    EXPECT_EQ(shown("a = ) and b = 2"),
-              "expected a column or a value, found \")\" at character 5\n"
-              "  a = ) and b = 2\n"
-              "      ^\n");
-}
-
-TEST(WhereError, CaretStandsBehindTheEnd) {
-    EXPECT_EQ(shown("a ="),
-              "expected a column or a value, found the end of the text at character 4\n"
-              "  a =\n"
-              "     ^\n");
-}
-
-TEST(WhereError, TabsAreOneBlankWide) {
-    EXPECT_EQ(shown("\ta\t= )"),
-              "expected a column or a value, found \")\" at character 6\n"
-              "   a = )\n"
-              "       ^\n");
-}
-
-TEST(WhereError, WideCharactersMoveTheCaret) {
-    EXPECT_EQ(shown("a = '\xE4\xB8\x89\xE4\xB8\x89' or )"),
-              "expected a column or a value, found \")\" at character 13\n"
-              "  a = '\xE4\xB8\x89\xE4\xB8\x89' or )\n"
-              "                ^\n");
-}
-
-TEST(WhereError, OfSeveralLinesOnlyThatOfThePlaceIsShown) {
-    EXPECT_EQ(shown("a = 1\n  and b = )\nor c = 2"),
-              "expected a column or a value, found \")\" at character 11 of line 2\n"
-              "    and b = )\n"
-              "            ^\n");
-}
-
-TEST(WhereError, LongLinesAreCutAroundThePlace) {
-    const std::string text = repeated("a = 1 and ", 20) + "b = )" + repeated(" and c = 1", 20);
-    EXPECT_EQ(shown(text, 40),
-              "expected a column or a value, found \")\" at character 205\n"
-              "  ...d a = 1 and b = ) and c = 1 and ...\n"
-              "                     ^\n");
-}
-
-TEST(WhereError, ControlCharactersAreMadeVisible) {
-    EXPECT_EQ(shown("a = '\x1b[31m' or )"),
-              "expected a column or a value, found \")\" at character 16\n"
-              "  a = '\\x1b[31m' or )\n"
-              "                    ^\n");
 }
 
 }  // namespace

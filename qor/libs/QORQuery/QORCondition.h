@@ -19,8 +19,9 @@
 #include <cstddef>
 #include <string_view>
 
+#include "QORCommon/QORExport.h"
 #include "QORMessage/QORBinaryIterator.h"
-#include "where/StoredForm.h"
+#include "QORQuery/QORStoredForm.h"
 
 namespace QOR {
 
@@ -29,8 +30,8 @@ namespace QOR {
 /// \param levels how many levels of elements the condition may take
 /// \param types asked only for columns that literals of an in-list or of between stand beside; none: those stay as
 /// they are spelled
-/// \throws WhereError naming the place in `text` and what was expected there
-void parseWhere(std::string_view text, std::string_view view, std::size_t levels, const QORBinaryIterator& out,
-                const ColumnTypes& types = {});
+/// \throws QORQueryError naming the place in `text` and what was expected there
+QOR_API void parseCondition(std::string_view text, std::string_view view, std::size_t levels,
+                            const QORBinaryIterator& out, const QORColumnTypes& types = {});
 
 }  // namespace QOR

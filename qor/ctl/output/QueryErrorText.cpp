@@ -1,4 +1,4 @@
-#include "where/WhereError.h"
+#include "output/QueryErrorText.h"
 
 #include <algorithm>
 
@@ -40,7 +40,7 @@ std::string describePlace(std::string_view text, std::size_t lineBegin, std::siz
 
 }  // namespace
 
-std::string describeWhereError(std::string_view text, const WhereError& error, std::size_t width) {
+std::string describeQueryError(std::string_view text, const QORQueryError& error, std::size_t width) {
     const std::size_t offset = std::min(error.offset(), text.size());
     const std::size_t before = offset == 0 ? std::string_view::npos : text.rfind('\n', offset - 1);
     const std::size_t begin = before == std::string_view::npos ? 0 : before + 1;

@@ -1,10 +1,10 @@
-#include "where/WhereLexer.h"
+#include "QORQuery/QORQueryLexer.h"
 
 #include <algorithm>
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORText.h"
-#include "where/WhereError.h"
+#include "QORQuery/QORQueryError.h"
 
 namespace QOR {
 namespace {
@@ -44,57 +44,57 @@ std::string adviceFor(std::string_view text, std::size_t position) {
 
 }  // namespace
 
-bool WhereToken::isWord(std::string_view keyword) const {
-    return kind == WhereTokenKind::Word && isSameWord(spelled, keyword);
+bool QORQueryToken::isWord(std::string_view keyword) const {
+    return kind == QORQueryTokenKind::Word && isSameWord(spelled, keyword);
 }
 
-WhereLexer::WhereLexer(std::string_view text) : m_text(text) {
+QORQueryLexer::QORQueryLexer(std::string_view text) : m_text(text) {
     read();
 }
 
-WhereToken WhereLexer::take() {
-    WhereToken taken = std::move(m_token);
+QORQueryToken QORQueryLexer::take() {
+    QORQueryToken taken = std::move(m_token);
     m_token = {};
     read();
     return taken;
 }
 
-bool WhereLexer::isFollowedBy(char character) const noexcept {
+bool QORQueryLexer::isFollowedBy(char character) const noexcept {
     const auto next = std::find_if_not(m_text.begin() + static_cast<std::ptrdiff_t>(m_position), m_text.end(), isBlank);
     return next != m_text.end() && *next == character;
 }
 
-void WhereLexer::read() {
+void QORQueryLexer::read() {
     while (m_position < m_text.size() && isBlank(m_text[m_position]))
         ++m_position;
     m_token.offset = m_position;
-    if (m_position == m_text.size()) return finish(WhereTokenKind::End, m_position);
+    if (m_position == m_text.size()) return finish(QORQueryTokenKind::End, m_position);
     const char c = m_text[m_position];
     const bool startsFraction = c == '.' && m_position + 1 < m_text.size() && isDigitChar(m_text[m_position + 1]);
     // A point directly behind a name belongs to "view.column", even where a digit follows.
     const bool afterName = m_position > 0 && (isWordPart(m_text[m_position - 1]) || m_text[m_position - 1] == '"');
     if (isWordStart(c)) return readWord();
     if (isDigitChar(c) || (startsFraction && !afterName)) return readNumber();
-    if (c == '\'') return readQuoted(c, WhereTokenKind::Text);
-    if (c == '"') return readQuoted(c, WhereTokenKind::Quoted);
+    if (c == '\'') return readQuoted(c, QORQueryTokenKind::Text);
+    if (c == '"') return readQuoted(c, QORQueryTokenKind::Quoted);
     readSymbol();
 }
 
-void WhereLexer::finish(WhereTokenKind kind, std::size_t end) {
+void QORQueryLexer::finish(QORQueryTokenKind kind, std::size_t end) {
     m_token.kind = kind;
     m_token.spelled = m_text.substr(m_token.offset, end - m_token.offset);
-    if (m_token.text.empty() && kind != WhereTokenKind::Text) m_token.text = m_token.spelled;
+    if (m_token.text.empty() && kind != QORQueryTokenKind::Text) m_token.text = m_token.spelled;
     m_position = end;
 }
 
-void WhereLexer::readWord() {
+void QORQueryLexer::readWord() {
     std::size_t end = m_position;
     while (end < m_text.size() && isWordPart(m_text[end]))
         ++end;
-    finish(WhereTokenKind::Word, end);
+    finish(QORQueryTokenKind::Word, end);
 }
 
-void WhereLexer::readNumber() {
+void QORQueryLexer::readNumber() {
     std::size_t end = m_position;
     const auto digits = [&] {
         const std::size_t begin = end;
@@ -113,44 +113,44 @@ void WhereLexer::readNumber() {
         good = digits();
     }
     if (good && (end == m_text.size() || (!isWordPart(m_text[end]) && m_text[end] != '.')))
-        return finish(WhereTokenKind::Number, end);
+        return finish(QORQueryTokenKind::Number, end);
     while (end < m_text.size() && (isWordPart(m_text[end]) || m_text[end] == '.'))
         ++end;
-    throw WhereError(m_token.offset, quoteText(m_text.substr(m_token.offset, end - m_token.offset)) +
-                                         " is not a number; a text is written in single quotes");
+    throw QORQueryError(m_token.offset, quoteText(m_text.substr(m_token.offset, end - m_token.offset)) +
+                                            " is not a number; a text is written in single quotes");
 }
 
-void WhereLexer::readQuoted(char quote, WhereTokenKind kind) {
+void QORQueryLexer::readQuoted(char quote, QORQueryTokenKind kind) {
     std::string& text = m_token.text;
     for (std::size_t from = m_position + 1;;) {
         const std::size_t end = m_text.find(quote, from);
         if (end == std::string_view::npos)
-            throw WhereError(m_token.offset, kind == WhereTokenKind::Text
-                                                 ? "the text that begins here has no closing single quote"
-                                                 : "the name that begins here has no closing double quote");
+            throw QORQueryError(m_token.offset, kind == QORQueryTokenKind::Text
+                                                    ? "the text that begins here has no closing single quote"
+                                                    : "the name that begins here has no closing double quote");
         text.append(m_text, from, end - from);
         if (end + 1 < m_text.size() && m_text[end + 1] == quote) {
             text += quote;
             from = end + 2;
             continue;
         }
-        if (kind == WhereTokenKind::Quoted && text.empty()) throw WhereError(m_token.offset, "the name is empty");
+        if (kind == QORQueryTokenKind::Quoted && text.empty()) throw QORQueryError(m_token.offset, "the name is empty");
         return finish(kind, end + 1);
     }
 }
 
-void WhereLexer::readSymbol() {
+void QORQueryLexer::readSymbol() {
     const std::string_view rest = m_text.substr(m_position);
     if (!rest.starts_with("=="))
         for (const std::string_view symbol : symbols)
-            if (rest.starts_with(symbol)) return finish(WhereTokenKind::Symbol, m_position + symbol.size());
-    throw WhereError(m_position, adviceFor(m_text, m_position));
+            if (rest.starts_with(symbol)) return finish(QORQueryTokenKind::Symbol, m_position + symbol.size());
+    throw QORQueryError(m_position, adviceFor(m_text, m_position));
 }
 
-std::string describeToken(const WhereToken& token) {
-    if (token.kind == WhereTokenKind::End) return "the end of the text";
-    if (token.kind == WhereTokenKind::Text) return "the text " + quoteText(token.text, 40);
-    if (token.kind == WhereTokenKind::Quoted) return "the name " + quoteText(token.text, 40);
+std::string describeToken(const QORQueryToken& token) {
+    if (token.kind == QORQueryTokenKind::End) return "the end of the text";
+    if (token.kind == QORQueryTokenKind::Text) return "the text " + quoteText(token.text, 40);
+    if (token.kind == QORQueryTokenKind::Quoted) return "the name " + quoteText(token.text, 40);
     return quoteText(token.spelled, 40);
 }
 

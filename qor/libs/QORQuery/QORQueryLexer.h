@@ -7,9 +7,11 @@
 #include <string>
 #include <string_view>
 
+#include "QORCommon/QORExport.h"
+
 namespace QOR {
 
-enum class WhereTokenKind : std::uint8_t {
+enum class QORQueryTokenKind : std::uint8_t {
     End,
     Word,    ///< a bare name or keyword
     Quoted,  ///< a name in double quotes
@@ -18,27 +20,27 @@ enum class WhereTokenKind : std::uint8_t {
     Symbol,  ///< an operator or a punctuation mark
 };
 
-struct WhereToken {
-    WhereTokenKind kind = WhereTokenKind::End;
+struct QORQueryToken {
+    QORQueryTokenKind kind = QORQueryTokenKind::End;
     std::size_t offset = 0;    ///< bytes before it
     std::string_view spelled;  ///< as it stands in the text, quotes included
     std::string text;          ///< what it means: quotes removed and undoubled
 
-    bool isSymbol(std::string_view symbol) const { return kind == WhereTokenKind::Symbol && spelled == symbol; }
+    bool isSymbol(std::string_view symbol) const { return kind == QORQueryTokenKind::Symbol && spelled == symbol; }
     /// A bare word compared without regard to the case of ASCII letters; `keyword` is in lower case.
     bool isWord(std::string_view keyword) const;
     std::size_t end() const { return offset + spelled.size(); }
 };
 
 /// Cuts a text into tokens, one token of look-ahead and one beyond. The text must outlive the lexer and its tokens.
-class WhereLexer {
+class QOR_API QORQueryLexer {
 public:
-    explicit WhereLexer(std::string_view text);
+    explicit QORQueryLexer(std::string_view text);
 
     /// The token that stands next.
-    const WhereToken& peek() const noexcept { return m_token; }
-    /// Takes it and reads the one after it. \throws WhereError for what is no token
-    WhereToken take();
+    const QORQueryToken& peek() const noexcept { return m_token; }
+    /// Takes it and reads the one after it. \throws QORQueryError for what is no token
+    QORQueryToken take();
     /// True when the byte that follows the token that stands next, blanks aside, is `character`.
     bool isFollowedBy(char character) const noexcept;
     std::string_view text() const noexcept { return m_text; }
@@ -47,16 +49,16 @@ private:
     void read();
     void readWord();
     void readNumber();
-    void readQuoted(char quote, WhereTokenKind kind);
+    void readQuoted(char quote, QORQueryTokenKind kind);
     void readSymbol();
-    void finish(WhereTokenKind kind, std::size_t end);
+    void finish(QORQueryTokenKind kind, std::size_t end);
 
     std::string_view m_text;
     std::size_t m_position = 0;
-    WhereToken m_token;
+    QORQueryToken m_token;
 };
 
 /// How a token is named in a message: `"and"`, or the end of the text.
-std::string describeToken(const WhereToken& token);
+std::string describeToken(const QORQueryToken& token);
 
 }  // namespace QOR
