@@ -20,6 +20,7 @@
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORPasswords.h"
+#include "QORCommon/QORRelativeTime.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "agent/MemoryKeeper.h"
 #include "agent/SignalWatch.h"
@@ -138,7 +139,7 @@ void declareRetention(CLI::App& app, QORRetentionOptions& keep) {
     app.add_option_function<std::string>(
            "--keep-age",
            [&keep](const std::string& text) {
-               keep.seconds = parseAge(text);
+               keep.seconds = parseDuration(text);
                if (!keep.seconds)
                    throw CLI::ValidationError("--keep-age", "\"" + text + "\" is no age (90s, 45m, 12h, 30d, 8w)");
            },

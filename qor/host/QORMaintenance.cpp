@@ -15,7 +15,6 @@
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORDBSchema/QORStoredDocuments.h"
 #include "QORLibAgent/QORLogCheck.h"
-#include "host/QORPlainNumber.h"
 #include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -367,13 +366,8 @@ QORPruneStep compact() {
 
 constexpr const char* logs[] = {"qor_operation", "qor_event"};
 
-std::int64_t now() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
 void keepAge(std::int64_t seconds, const std::stop_token& stop) {
-    const std::int64_t before = now() - seconds;
+    const std::int64_t before = currentTime() - seconds;
     for (const char* log : logs) {
         while (!stop.stop_requested() && removeOldest(log, before) != 0) {
         }
@@ -499,19 +493,6 @@ QORRetention::QORRetention(const QORRetentionOptions& options) {
             woken.wait_for(lock, stop, std::chrono::minutes(1), [] { return false; });
         }
     });
-}
-
-std::optional<std::int64_t> parseAge(std::string_view text) {
-    constexpr std::int64_t mostSeconds = std::int64_t{10000} * 366 * 86400;
-    constexpr std::pair<char, std::int64_t> units[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}, {'w', 604800}};
-    if (text.empty()) return std::nullopt;
-    const auto* const unit =
-        std::find_if(std::begin(units), std::end(units), [&](const auto& one) { return one.first == text.back(); });
-    if (unit == std::end(units)) return std::nullopt;
-    const auto number =
-        readPlainNumber(text.substr(0, text.size() - 1), {0, static_cast<std::uint64_t>(mostSeconds / unit->second)});
-    if (!number) return std::nullopt;
-    return static_cast<std::int64_t>(*number) * unit->second;
 }
 
 std::uint64_t strandedBytes() {

@@ -63,9 +63,6 @@ private:
     std::jthread m_thread;
 };
 
-/// Seconds of an age such as "90s", "45m", "12h", "30d" or "8w"; nothing for any other text.
-std::optional<std::int64_t> parseAge(std::string_view text);
-
 /// Bytes in the file that hold nothing and cannot be given back: other records will use them. Of a database that was
 /// made before version 5 of the schema, until it is compacted.
 std::uint64_t strandedBytes();

@@ -1,14 +1,9 @@
 #include "ingest/RecordTables.h"
 
-#include <chrono>
+#include "QORCommon/QORTime.h"
 
 namespace QOR {
 namespace {
-
-std::int64_t now() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 std::optional<std::string> serialized(const std::optional<QORInfo>& info) {
     if (!info) return std::nullopt;
@@ -113,7 +108,7 @@ const RecordTable<QOREnvironmentRecord>& environmentTable() {
             {"boot_time", Time, [](auto& to, const Record& r) { to.time(configOf(r).bootTime); }},
             {"config", Text, [](auto& to, const Record& r) { to.text(documentOf(r.config)); }},
             {"virtual_config", Text, [](auto& to, const Record& r) { to.text(documentOf(r.virtualConfig)); }},
-            {"updated", Time, [](auto& to, const Record&) { to.time(now()); }},
+            {"updated", Time, [](auto& to, const Record&) { to.time(currentTime()); }},
         };
         for (const QOREnvMemberRow& row : envMembers)
             columns.emplace_back(row.column, configText, row.member);

@@ -4,10 +4,9 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
-#include <chrono>
-
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
+#include "QORCommon/QORTime.h"
 
 namespace QOR {
 namespace {
@@ -15,11 +14,6 @@ namespace {
 constexpr const char* sourcePath = "qor/ingest/RequestLedger";
 constexpr std::int64_t keptSeconds = 24 * 60 * 60;
 constexpr std::int64_t keptRequests = 10'000;
-
-std::int64_t now() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 /// `{"counts":[[added,replaced,unchanged],...],"refused":n,"lines":[[line,"reason"],...]}`
 std::string textOf(const QORIngestResult& result) {
@@ -119,12 +113,14 @@ void RequestLedger::put(ASSession& session, const QORIngestResult& result, bool 
     const std::string text = textOf(result);
     store.bind(1, static_cast<std::int64_t>(result.lastLine))
         .bind(2, std::string_view(text))
-        .bind(3, now())
+        .bind(3, currentTime())
         .bind(4, std::string_view(m_request.digest))
         .bind(5, std::string_view(m_request.key))
         .execute(ASTriggers::Skip);
     if (!isNew) return;
-    session.prepare("DELETE FROM qor_request WHERE time < ?").bind(1, now() - keptSeconds).execute(ASTriggers::Skip);
+    session.prepare("DELETE FROM qor_request WHERE time < ?")
+        .bind(1, currentTime() - keptSeconds)
+        .execute(ASTriggers::Skip);
     session.prepare("DELETE FROM qor_request WHERE rowid <= (SELECT max(rowid) FROM qor_request) - ?")
         .bind(1, keptRequests)
         .execute(ASTriggers::Skip);

@@ -119,14 +119,5 @@ TEST_F(MaintainedDatabase, IsWrittenAnewByItsOwnerAloneOnAServer) {
               "400 PostgreSQL writes tables anew itself: VACUUM FULL, by their owner");
 }
 
-TEST(Maintenance, AgesHaveAUnit) {
-    const std::pair<const char*, std::int64_t> ages[] = {{"0s", 0},      {"90s", 90},      {"45m", 2700},
-                                                         {"12h", 43200}, {"30d", 2592000}, {"8w", 4838400}};
-    for (const auto& [text, seconds] : ages)
-        EXPECT_EQ(parseAge(text), seconds) << text;
-    for (const char* text : {"", "s", "5", "5y", "-5s", "1.5h", " 5s", "99999999999d"})
-        EXPECT_EQ(parseAge(text), std::nullopt) << text;
-}
-
 }  // namespace
 }  // namespace QOR::test

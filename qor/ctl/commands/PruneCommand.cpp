@@ -1,8 +1,8 @@
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 
+#include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "commands/Commands.h"
@@ -11,13 +11,8 @@
 namespace QOR {
 namespace {
 
-std::int64_t now() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
 std::int64_t secondsBefore(const std::string& text) {
-    if (const auto age = parseAge(text)) return now() - *age;
+    if (const auto age = parseDuration(text)) return currentTime() - *age;
     if (const auto time = parseTime(text)) return *time;
     throw CtlError::usage("--before: " + quoteText(text) +
                           " is neither a time (2024-01-31, 2024-01-31T12:00:00Z) nor an age (90s, 45m, 12h, 30d, 8w)");

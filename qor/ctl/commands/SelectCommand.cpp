@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "QORCommon/QORAscii.h"
+#include "QORCommon/QORTime.h"
 #include "QORQuery/QORQueryField.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
@@ -37,8 +38,9 @@ private:
 
 void runSelect(const ConnectionOptions& connection, const SelectOptions& options, const PrintOptions& print) {
     LazyBackend backend(connection);
-    SelectRequest request = makeSelectRequest(
-        options, [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
+    SelectRequest request =
+        makeSelectRequest(options, currentTime(),
+                          [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
     for (const std::string& note : request.notes)
         tellPerson("note: " + note);
     std::string json;

@@ -22,8 +22,8 @@ constexpr int environmentPrincipalType = 1;
 
 class SelectBuilder {
 public:
-    SelectBuilder(const SelectOptions& options, const QORColumnTypes& types)
-        : m_options(options), m_types(types), m_at(m_request.envelope.body.root()) {}
+    SelectBuilder(const SelectOptions& options, std::int64_t now, const QORColumnTypes& types)
+        : m_options(options), m_now(now), m_types(types), m_at(m_request.envelope.body.root()) {}
 
     SelectRequest build() {
         m_request.envelope.operatorName = "pager2";
@@ -81,7 +81,7 @@ private:
         requireRoom(m_at.addChild(tag::where));
         try {
             const std::size_t levels = m_request.envelope.body.limits().depth - levelsAboveCondition;
-            parseCondition(text, m_options.view, levels, m_at, m_types);
+            parseCondition(text, {.view = m_options.view, .levels = levels, .types = m_types, .now = m_now}, m_at);
         } catch (const QORQueryError& error) {
             throw CtlError::usage("--where: " + describeQueryError(text, error));
         } catch (const QORException& error) {
@@ -120,6 +120,7 @@ private:
     void addClient() { m_request.envelope.client = makeClient(m_options.client); }
 
     const SelectOptions& m_options;
+    std::int64_t m_now;
     const QORColumnTypes& m_types;
     SelectRequest m_request;
     QORBinaryIterator m_at;
@@ -143,8 +144,8 @@ std::optional<QORClientDescription> makeClient(const std::vector<std::string>& e
     return client;
 }
 
-SelectRequest makeSelectRequest(const SelectOptions& options, const QORColumnTypes& types) {
-    return SelectBuilder(options, types).build();
+SelectRequest makeSelectRequest(const SelectOptions& options, std::int64_t now, const QORColumnTypes& types) {
+    return SelectBuilder(options, now, types).build();
 }
 
 }  // namespace QOR

@@ -38,8 +38,8 @@ struct SelectRequest {
 /// \throws CtlError BadUsage naming what is no environment
 std::optional<QORClientDescription> makeClient(const std::vector<std::string>& eids);
 
-/// \param types see parseCondition()
+/// \param now what times of the condition are told from \param types see QORConditionOptions
 /// \throws CtlError BadUsage naming the option that cannot be meant; for the condition the text shows the place
-SelectRequest makeSelectRequest(const SelectOptions& options, const QORColumnTypes& types = {});
+SelectRequest makeSelectRequest(const SelectOptions& options, std::int64_t now, const QORColumnTypes& types = {});
 
 }  // namespace QOR

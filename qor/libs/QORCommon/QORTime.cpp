@@ -191,6 +191,11 @@ std::string format(std::int64_t seconds, char separator, std::string_view suffix
 
 }  // namespace
 
+std::int64_t currentTime() noexcept {
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
 std::string time2str(std::int64_t seconds) {
     return format(seconds, 'T', "+0000");
 }

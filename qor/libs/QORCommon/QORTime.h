@@ -11,6 +11,9 @@
 
 namespace QOR {
 
+/// The time now, by the system's clock.
+QOR_API std::int64_t currentTime() noexcept;
+
 /// "YYYY-MM-DDTHH:MM:SS+0000". Years below 0 or beyond 9999 are written with as many characters as they need.
 QOR_API std::string time2str(std::int64_t seconds);
 

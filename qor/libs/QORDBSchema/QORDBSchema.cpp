@@ -1,6 +1,5 @@
 #include "QORDBSchema/QORDBSchema.h"
 
-#include <chrono>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -80,11 +79,6 @@ std::optional<int> markedVersion(ASSession& session) {
                        sourcePath, __LINE__);
 }
 
-std::int64_t now() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
 void createMark(ASSession& session) {
     session.execute(engineOf(session).markTable);
     session.execute("CREATE VIEW \"SchemaTable\" AS " + schemaTableSql(session.engine(), {}));
@@ -97,7 +91,7 @@ void applyStep(ASSession& session, const QORVersionedStep& next) {
     session.prepare("INSERT INTO qor_schema_version (version, mark, applied) VALUES (?, ?, ?)")
         .bind(1, std::int64_t{next.version})
         .bind(2, mark)
-        .bind(3, time2dbstr(now()))
+        .bind(3, time2dbstr(currentTime()))
         .execute();
 }
 

@@ -8,15 +8,22 @@
 /// where COLUMN may be an aggregate such as max(time). Keywords are matched without regard to case and bind as in SQL:
 /// comparisons tighter than not, not tighter than and, and tighter than or.
 ///
+/// Values that depend on who asks and when are settled while reading: `now()` and what is told from it
+/// (`now() - 7d + 12h`), `current_eid()`. Beside a column of times, texts that tell a time from now (`'yesterday'`,
+/// `'-7d'`, see parseRelativeTime()) and durations with a sign (`-7d`) are times too; a duration (`90m`) is its seconds
+/// everywhere else.
+///
 /// Items of an in-list and bounds of between, which a request compares as they are spelled, are brought into the form
 /// in which the column beside them stores its values, or refused as an equation refuses them. Beside upper() and
 /// lower(), whose result is a text, they stay as they are.
 ///
 /// Chains of and (or) become one element, whatever their parentheses, and a double not vanishes, so that only real
-/// alternation counts against the depth of messages.
+/// alternation counts against the depth of messages. Such a tree is printed as a text that reads back as the same tree.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "QORCommon/QORExport.h"
@@ -25,13 +32,23 @@
 
 namespace QOR {
 
+struct QORConditionOptions {
+    std::string view;        ///< that is asked; it qualifies columns whose own names hold a point
+    std::size_t levels = 0;  ///< of elements that the condition may take
+    /// Asked only where it matters: for columns that literals of an in-list or of between, durations or texts that
+    /// tell a time from now stand beside. None: those stay as they are spelled.
+    QORColumnTypes types{};
+    std::int64_t now = 0;      ///< seconds since the epoch
+    std::string currentEid{};  ///< the environment that the asker stands for; empty when there is none
+};
+
 /// Appends the condition below the element that `out` stands on, which is a where element.
-/// \param view the view that is asked, which qualifies columns whose own names hold a point
-/// \param levels how many levels of elements the condition may take
-/// \param types asked only for columns that literals of an in-list or of between stand beside; none: those stay as
-/// they are spelled
 /// \throws QORQueryError naming the place in `text` and what was expected there
-QOR_API void parseCondition(std::string_view text, std::string_view view, std::size_t levels,
-                            const QORBinaryIterator& out, const QORColumnTypes& types = {});
+QOR_API void parseCondition(std::string_view text, const QORConditionOptions& options, const QORBinaryIterator& out);
+
+/// The condition that an element holds, the child of a where element, as a text that parseCondition() reads. Of chains
+/// within chains of the same kind, and of a not below a not, it gives what they mean: these are read as one.
+/// \throws QORException 400 for an element that no condition as text becomes
+QOR_API std::string printCondition(const QORMessageNode& condition);
 
 }  // namespace QOR

@@ -9,7 +9,9 @@
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORText.h"
+#include "QORCommon/QORTime.h"
 #include "QORQuery/QORQueryError.h"
 #include "QORQuery/QORQueryField.h"
 #include "QORQuery/QORQueryLexer.h"
@@ -28,21 +30,16 @@ constexpr ComparisonSign comparisonSigns[] = {
     {"=", tag::eq}, {"<>", tag::ne}, {"!=", tag::ne}, {"<", tag::lt}, {"<=", tag::le}, {">", tag::gt}, {">=", tag::ge},
 };
 
-/// Words that are no column names unless they stand in double quotes.
-constexpr std::string_view reservedWords[] = {"and", "or",   "not",    "like", "in",    "between",
-                                              "is",  "null", "select", "from", "where", "escape"};
-
 bool isReserved(const QORQueryToken& token) {
-    return std::any_of(std::begin(reservedWords), std::end(reservedWords),
-                       [&](std::string_view word) { return token.isWord(word); });
+    return token.kind == QORQueryTokenKind::Word && isReservedWord(token.text);
 }
 
 /// Reads by operator precedence with a stack of its own, so that parentheses and nots may be as deep as memory
 /// allows. Only nested selects are read by recursion; `nestedSelects` bounds them.
 class Parser {
 public:
-    Parser(std::string_view text, std::string_view view, std::size_t levels, const QORColumnTypes& types)
-        : m_lexer(text), m_view(view), m_levels(levels), m_types(types) {}
+    Parser(std::string_view text, const QORConditionOptions& options)
+        : m_lexer(text), m_options(options), m_view(options.view) {}
 
     Id readWhole() {
         const Id condition = readCondition();
@@ -89,9 +86,9 @@ private:
 
     // ---- building -----------------------------------------------------------------------------------------------
     Id checked(Id id, std::size_t offset) const {
-        if (m_tree.height(id) > m_levels)
+        if (m_tree.height(id) > m_options.levels)
             throw QORQueryError(offset, "the condition is nested too deeply here; a request takes " +
-                                            std::to_string(m_levels) + " levels");
+                                            std::to_string(m_options.levels) + " levels");
         return id;
     }
     Id build(QORTag tag, std::initializer_list<Id> children, std::size_t offset) {
@@ -131,7 +128,14 @@ private:
     std::string readWholeNumber();
 
     // ---- stored forms -------------------------------------------------------------------------------------------
+    Id relate(Id condition);
     Id store(Id condition);
+    template <class Of>
+    Id bring(Id condition, Of formOf);
+    bool isRelative(Id literal) const;
+    std::string timeOf(Id literal) const;
+    std::string timeFromNow(std::int64_t seconds, std::size_t offset) const;
+    bool isLiteral(Id id) const { return m_tree.tag(id) == tag::value; }
     std::string typeOf(Id operand) const;
     std::string typeOfColumn(const std::string& field) const;
     std::string typeOfSelect(Id select) const;
@@ -141,16 +145,18 @@ private:
     Id readOperand();
     Id readPrimary();
     Id readNumber();
+    Id readNow();
+    Id readCurrentEid();
     Id readField();
     Id readFunctions(bool allowParentheses);
     bool isFunctionNext() const;
     std::string readName(const char* what);
 
     QORQueryLexer m_lexer;
-    std::string m_view;  ///< of the innermost select
-    std::size_t m_levels;
-    const QORColumnTypes& m_types;
-    std::map<Id, std::size_t> m_literals;  ///< where each stands in the text
+    const QORConditionOptions& m_options;
+    std::string m_view;                      ///< of the innermost select
+    std::map<Id, std::size_t> m_literals;    ///< where each stands in the text
+    std::map<Id, std::int64_t> m_durations;  ///< of these, those that were spelled as durations: their seconds
     unsigned m_nesting = 0;
     QORQueryTree m_tree;
 };
@@ -220,7 +226,7 @@ Id Parser::readComparison(Id left, bool inParenthesis) {
         if (!takeSymbol(comparison.sign)) continue;
         if (peek().isWord("null"))
             throw QORQueryError(peek().offset, "nothing equals null; write \"is null\" or \"is not null\"");
-        return build(comparison.tag, {left, readOperand()}, offset);
+        return relate(build(comparison.tag, {left, readOperand()}, offset));
     }
     if (next.isSymbol("+") || next.isSymbol("-"))
         throw QORQueryError(offset, "a condition does not calculate; expected a comparison");
@@ -284,28 +290,66 @@ Id Parser::readIn(Id left, std::size_t offset) {
 
 // ---- stored forms -----------------------------------------------------------------------------------------------
 
-/// Brings the literals among the operands of a condition into the form of the first operand that has a type.
-Id Parser::store(Id condition) {
+/// Has the literals among the operands of a condition take the form that `formOf` gives for the type of the first
+/// operand that has one.
+template <class Of>
+Id Parser::bring(Id condition, Of formOf) {
     const Id first = m_tree.firstChild(condition);
-    const auto isLiteral = [this](Id id) { return m_tree.tag(id) == tag::value; };
-    bool any = false;
-    for (Id id = first; id != QORQueryTree::none; id = m_tree.nextSibling(id))
-        any = any || isLiteral(id);
-    if (!any || !m_types) return condition;
     std::string type = typeOf(first);
     if (isLiteral(first)) {
         for (Id id = first; type.empty() && id != QORQueryTree::none; id = m_tree.nextSibling(id))
             type = typeOf(id);
     }
     for (Id id = first; id != QORQueryTree::none; id = m_tree.nextSibling(id)) {
-        if (!isLiteral(id)) continue;
+        if (isLiteral(id)) m_tree.setText(id, formOf(type, id));
+    }
+    return condition;
+}
+
+/// Beside a column of times, what tells a time from now becomes that time.
+Id Parser::relate(Id condition) {
+    bool any = false;
+    for (Id id = m_tree.firstChild(condition); id != QORQueryTree::none; id = m_tree.nextSibling(id))
+        any = any || isRelative(id);
+    if (!any || !m_options.types) return condition;
+    return bring(condition, [this](std::string_view type, Id id) {
+        return isTimeType(type) && isRelative(id) ? timeOf(id) : m_tree.text(id);
+    });
+}
+
+/// Brings the literals into the form in which the column beside them stores its values.
+Id Parser::store(Id condition) {
+    bool any = false;
+    for (Id id = m_tree.firstChild(condition); id != QORQueryTree::none; id = m_tree.nextSibling(id))
+        any = any || isLiteral(id);
+    if (!any || !m_options.types) return condition;
+    return bring(condition, [this](std::string_view type, Id id) {
+        if (isTimeType(type) && isRelative(id)) return timeOf(id);
         try {
-            m_tree.setText(id, storedForm(type, m_tree.text(id)));
+            return storedForm(type, m_tree.text(id));
         } catch (const QORException& error) {
             throw QORQueryError(m_literals.at(id), error.message());
         }
-    }
-    return condition;
+    });
+}
+
+bool Parser::isRelative(Id literal) const {
+    if (!isLiteral(literal)) return false;
+    return m_durations.contains(literal) || parseRelativeTime(m_tree.text(literal), m_options.now);
+}
+
+std::string Parser::timeOf(Id literal) const {
+    const auto duration = m_durations.find(literal);
+    if (duration == m_durations.end()) return time2dbstr(*parseRelativeTime(m_tree.text(literal), m_options.now));
+    return timeFromNow(duration->second, m_literals.at(literal));
+}
+
+/// A time so many seconds from now.
+std::string Parser::timeFromNow(std::int64_t seconds, std::size_t offset) const {
+    const std::int64_t time = m_options.now + seconds;
+    if (time < firstDbSecond || time > lastDbSecond)
+        throw QORQueryError(offset, "this time is before the year 0 or after the year 9999");
+    return time2dbstr(time);
 }
 
 /// The declared type of a column or of a nested select's; empty for what is compared as a text.
@@ -316,20 +360,20 @@ std::string Parser::typeOf(Id operand) const {
 
 std::string Parser::typeOfColumn(const std::string& field) const {
     const std::size_t point = field.find('.');
-    return point == std::string::npos ? m_types(m_view, field)
-                                      : m_types(field.substr(0, point), field.substr(point + 1));
+    return point == std::string::npos ? m_options.types(m_view, field)
+                                      : m_options.types(field.substr(0, point), field.substr(point + 1));
 }
 
 std::string Parser::typeOfSelect(Id select) const {
     const Id view = m_tree.firstChild(select);
     const Id field = m_tree.nextSibling(view);
     const Id function = m_tree.firstChild(field);
-    if (function == QORQueryTree::none) return m_types(m_tree.text(view), m_tree.text(field));
+    if (function == QORQueryTree::none) return m_options.types(m_tree.text(view), m_tree.text(field));
     const Id name = m_tree.firstChild(function);
     const std::string& aggregate = m_tree.text(name);
     if (aggregate == "count") return "bigint";
     if (aggregate == "average") return "double";
-    return m_types(m_tree.text(view), m_tree.text(m_tree.nextSibling(name)));
+    return m_options.types(m_tree.text(view), m_tree.text(m_tree.nextSibling(name)));
 }
 
 Id Parser::literal(std::string text, std::size_t offset) {
@@ -445,9 +489,11 @@ Id Parser::readFunctions(bool allowParentheses) {
         if ((allowParentheses || !wrappers.empty()) && takeSymbol("(")) {
             wrappers.push_back({"", offset});
         } else if (isFunctionNext() && !isReserved(peek())) {
+            if (peek().isWord("now") || peek().isWord("current_eid")) break;
             if (!peek().isWord("upper") && !peek().isWord("lower"))
                 throw QORQueryError(
-                    offset, "a condition knows the functions upper() and lower() only, found " + describeToken(peek()));
+                    offset, "a condition knows the functions upper(), lower(), now() and current_eid() only, found " +
+                                describeToken(peek()));
             wrappers.push_back({m_lexer.take().isWord("upper") ? "upper" : "lower", offset});
             needSymbol("(");
         } else {
@@ -456,6 +502,10 @@ Id Parser::readFunctions(bool allowParentheses) {
     }
     const std::size_t begin = peek().offset;
     Id operand = peek().kind == QORQueryTokenKind::Text ? literal(m_lexer.take().text, begin) : readNumber();
+    if (operand == QORQueryTree::none && isFunctionNext()) {
+        if (peek().isWord("now")) operand = readNow();
+        if (peek().isWord("current_eid")) operand = readCurrentEid();
+    }
     if (operand == QORQueryTree::none) operand = readField();
     for (; !wrappers.empty(); wrappers.pop_back()) {
         if (peek().kind == QORQueryTokenKind::End)
@@ -468,17 +518,52 @@ Id Parser::readFunctions(bool allowParentheses) {
     return operand;
 }
 
-/// A number with its sign; none when no number begins here.
+/// A number or a duration with its sign; none when neither begins here.
 Id Parser::readNumber() {
     const std::size_t offset = peek().offset;
+    const auto isNumber = [this] {
+        return peek().kind == QORQueryTokenKind::Number || peek().kind == QORQueryTokenKind::Duration;
+    };
     std::string sign;
+    bool isSigned = false;
     if (peek().isSymbol("-") || peek().isSymbol("+")) {
         sign = m_lexer.take().text == "-" ? "-" : "";
-        if (peek().kind != QORQueryTokenKind::Number) unexpected("a number after the sign");
+        isSigned = true;
+        if (!isNumber()) unexpected("a number after the sign");
     }
-    if (peek().kind != QORQueryTokenKind::Number) return QORQueryTree::none;
-    const std::string digits = m_lexer.take().text;
-    return literal(sign + (digits.starts_with('.') ? "0" : "") + digits, offset);
+    if (!isNumber()) return QORQueryTree::none;
+    const QORQueryToken number = m_lexer.take();
+    if (number.kind == QORQueryTokenKind::Number)
+        return literal(sign + (number.text.starts_with('.') ? "0" : "") + number.text, offset);
+    const std::int64_t seconds = (sign.empty() ? 1 : -1) * *parseDuration(number.text);
+    const Id id = literal(std::to_string(seconds), offset);
+    if (isSigned) m_durations[id] = seconds;
+    return id;
+}
+
+/// now(), and durations behind it.
+Id Parser::readNow() {
+    const std::size_t offset = m_lexer.take().offset;
+    needSymbol("(");
+    needSymbol(")");
+    std::int64_t seconds = 0;
+    while (peek().isSymbol("+") || peek().isSymbol("-")) {
+        const bool before = m_lexer.take().text == "-";
+        if (peek().kind != QORQueryTokenKind::Duration) unexpected("a duration such as 7d, 12h or 30m");
+        const std::int64_t duration = *parseDuration(m_lexer.take().text);
+        seconds += before ? -duration : duration;
+        timeFromNow(seconds, offset);
+    }
+    return literal(timeFromNow(seconds, offset), offset);
+}
+
+Id Parser::readCurrentEid() {
+    const std::size_t offset = m_lexer.take().offset;
+    needSymbol("(");
+    needSymbol(")");
+    if (m_options.currentEid.empty())
+        throw QORQueryError(offset, "who asks stands for no environment, so that current_eid() is none");
+    return literal(m_options.currentEid, offset);
 }
 
 Id Parser::readField() {
@@ -513,9 +598,8 @@ std::string Parser::readName(const char* what) {
 
 }  // namespace
 
-void parseCondition(std::string_view text, std::string_view view, std::size_t levels, const QORBinaryIterator& out,
-                    const QORColumnTypes& types) {
-    Parser parser(text, view, levels, types);
+void parseCondition(std::string_view text, const QORConditionOptions& options, const QORBinaryIterator& out) {
+    Parser parser(text, options);
     const Id condition = parser.readWhole();
     parser.tree().write(condition, out);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "QORCommon/QORAscii.h"
+#include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORText.h"
 #include "QORQuery/QORQueryError.h"
 
@@ -24,6 +25,16 @@ constexpr bool isWordPart(char c) {
 
 /// Longer ones first.
 constexpr std::string_view symbols[] = {"<>", "!=", "<=", ">=", "=", "<", ">", "(", ")", ",", ".", "+", "-"};
+
+constexpr std::string_view reservedWords[] = {"and", "or",   "not",    "like", "in",    "between",
+                                              "is",  "null", "select", "from", "where", "escape"};
+
+std::string quoted(std::string_view text, char quote) {
+    std::string out(1, quote);
+    for (const char c : text)
+        out.append(c == quote ? 2 : 1, c);
+    return out += quote;
+}
 
 /// The bytes of the character at `position`: what is no token is shown whole.
 std::string_view characterAt(std::string_view text, std::size_t position) {
@@ -116,8 +127,11 @@ void QORQueryLexer::readNumber() {
         return finish(QORQueryTokenKind::Number, end);
     while (end < m_text.size() && (isWordPart(m_text[end]) || m_text[end] == '.'))
         ++end;
-    throw QORQueryError(m_token.offset, quoteText(m_text.substr(m_token.offset, end - m_token.offset)) +
-                                            " is not a number; a text is written in single quotes");
+    const std::string_view spelled = m_text.substr(m_token.offset, end - m_token.offset);
+    if (parseDuration(spelled)) return finish(QORQueryTokenKind::Duration, end);
+    throw QORQueryError(
+        m_token.offset,
+        quoteText(spelled) + " is neither a number nor a duration such as 7d; a text is written in single quotes");
 }
 
 void QORQueryLexer::readQuoted(char quote, QORQueryTokenKind kind) {
@@ -145,6 +159,31 @@ void QORQueryLexer::readSymbol() {
         for (const std::string_view symbol : symbols)
             if (rest.starts_with(symbol)) return finish(QORQueryTokenKind::Symbol, m_position + symbol.size());
     throw QORQueryError(m_position, adviceFor(m_text, m_position));
+}
+
+bool isReservedWord(std::string_view word) noexcept {
+    return std::any_of(std::begin(reservedWords), std::end(reservedWords),
+                       [&](std::string_view reserved) { return isSameWord(word, reserved); });
+}
+
+std::string spellName(std::string_view name) {
+    const bool isWord = isWordStart(name.front()) && std::all_of(name.begin(), name.end(), isWordPart);
+    return isWord && !isReservedWord(name) ? std::string(name) : quoted(name, '"');
+}
+
+std::string spellText(std::string_view text) {
+    return quoted(text, '\'');
+}
+
+bool isSpelledNumber(std::string_view text) noexcept {
+    if (text.starts_with('-')) text.remove_prefix(1);
+    const std::size_t point = text.find('.');
+    const std::string_view whole = text.substr(0, point);
+    const std::string_view fraction = point == std::string_view::npos ? "0" : text.substr(point + 1);
+    const auto areDigits = [](std::string_view digits) {
+        return !digits.empty() && std::all_of(digits.begin(), digits.end(), isDigitChar);
+    };
+    return areDigits(whole) && areDigits(fraction);
 }
 
 std::string describeToken(const QORQueryToken& token) {

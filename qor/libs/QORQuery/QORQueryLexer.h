@@ -13,11 +13,12 @@ namespace QOR {
 
 enum class QORQueryTokenKind : std::uint8_t {
     End,
-    Word,    ///< a bare name or keyword
-    Quoted,  ///< a name in double quotes
-    Text,    ///< a text in single quotes
-    Number,  ///< digits, with fraction and exponent, without sign
-    Symbol,  ///< an operator or a punctuation mark
+    Word,      ///< a bare name or keyword
+    Quoted,    ///< a name in double quotes
+    Text,      ///< a text in single quotes
+    Number,    ///< digits, with fraction and exponent, without sign
+    Duration,  ///< as parseDuration() reads it
+    Symbol,    ///< an operator or a punctuation mark
 };
 
 struct QORQueryToken {
@@ -57,6 +58,15 @@ private:
     std::size_t m_position = 0;
     QORQueryToken m_token;
 };
+
+/// Whether a word is no name unless it stands in double quotes.
+bool isReservedWord(std::string_view word) noexcept;
+/// A name as the lexer reads it back: as it stands, or in double quotes. \pre not empty
+std::string spellName(std::string_view name);
+/// A text in single quotes.
+std::string spellText(std::string_view text);
+/// Whether a text is read back from its own spelling as one number.
+bool isSpelledNumber(std::string_view text) noexcept;
 
 /// How a token is named in a message: `"and"`, or the end of the text.
 std::string describeToken(const QORQueryToken& token);

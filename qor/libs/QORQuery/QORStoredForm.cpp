@@ -40,20 +40,31 @@ struct Form {
     std::string (*of)(const std::string& literal);
 };
 
+constexpr std::string_view timeType = "datetime";
+
 /// Types of columns that are compared as something else than texts.
 constexpr Form forms[] = {
-    {"datetime", timeForm},   {"uniqueidentifier", guidForm}, {"int", integerForm}, {"smallint", integerForm},
+    {timeType, timeForm},     {"uniqueidentifier", guidForm}, {"int", integerForm}, {"smallint", integerForm},
     {"tinyint", integerForm}, {"bit", integerForm},           {"bigint", longForm}, {"float", doubleForm},
     {"decimal", doubleForm},  {"double", doubleForm},
 };
 
+/// A type without its length.
+std::string nameOf(std::string_view type) {
+    return toLowerText(type.substr(0, type.find_first_of(" (")));
+}
+
 }  // namespace
 
 std::string storedForm(std::string_view type, const std::string& literal) {
-    const std::string name = toLowerText(type.substr(0, type.find_first_of(" (")));
+    const std::string name = nameOf(type);
     const auto* const found =
         std::find_if(std::begin(forms), std::end(forms), [&](const Form& form) { return form.type == name; });
     return found == std::end(forms) ? literal : found->of(literal);
+}
+
+bool isTimeType(std::string_view type) {
+    return nameOf(type) == timeType;
 }
 
 }  // namespace QOR

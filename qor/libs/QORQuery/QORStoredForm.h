@@ -19,4 +19,7 @@ using QORColumnTypes = std::function<std::string(std::string_view view, std::str
 /// \throws QORException 400 for a text that is no such value, with the message that an equation of the two would have
 QOR_API std::string storedForm(std::string_view type, const std::string& literal);
 
+/// Whether values of that type are times.
+QOR_API bool isTimeType(std::string_view type);
+
 }  // namespace QOR

@@ -19,7 +19,7 @@ std::string shown(std::string_view text, std::size_t width = 78) {
     QORBinaryIterator at = message.root();
     at.addChild(tag::where);
     try {
-        parseCondition(text, "v", 62, at);
+        parseCondition(text, {.view = "v", .levels = 62}, at);
     } catch (const QORQueryError& error) {
         return describeQueryError(text, error, width);
     }

@@ -18,13 +18,13 @@ SelectOptions ask(std::vector<std::string> fields) {
 
 std::string requestOf(const SelectOptions& options) {
     std::string json;
-    writeRequest(makeSelectRequest(options).envelope, json);
+    writeRequest(makeSelectRequest(options, 0).envelope, json);
     return json;
 }
 
 std::string complaintOf(const SelectOptions& options) {
     try {
-        makeSelectRequest(options);
+        makeSelectRequest(options, 0);
     } catch (const CtlError& error) {
         EXPECT_EQ(error.exit(), CtlExit::BadUsage);
         return error.what();
@@ -51,7 +51,7 @@ TEST(SelectRequest, HoldsEveryPart) {
               body(R"([1741,"op"],[1741,[[2222,[[1026,"count"],[1741,"eid"]]]]],[2293],)"
                    R"([1742,[[2226,[[1741,"status"],[1018,"0"]]]]],)"
                    R"([1743,[[1741,"op"]]],[1743,[[1741,"eid"],[1378]]],[1377,[[1024,"20"],[1087,"40"]]],[1259])"));
-    EXPECT_EQ(makeSelectRequest(options).columns, (std::vector<std::string>{"op", "eid"}));
+    EXPECT_EQ(makeSelectRequest(options, 0).columns, (std::vector<std::string>{"op", "eid"}));
 }
 
 TEST(SelectRequest, OffsetAloneAsksForAllThatFollows) {
@@ -67,7 +67,7 @@ TEST(SelectRequest, FieldSpellings) {
 }
 
 TEST(SelectRequest, AFieldGivenTwiceIsAskedForOnce) {
-    const SelectRequest request = makeSelectRequest(ask({"op", "eid", "op"}));
+    const SelectRequest request = makeSelectRequest(ask({"op", "eid", "op"}), 0);
     EXPECT_EQ(request.columns, (std::vector<std::string>{"op", "eid"}));
 }
 
@@ -84,9 +84,9 @@ TEST(SelectRequest, ClientIsNamedByItsEnvironments) {
 TEST(SelectRequest, SortKeysOutOfTheirOrderAreNoted) {
     SelectOptions options = ask({"op"});
     options.sort = {"a", "-b"};
-    EXPECT_TRUE(makeSelectRequest(options).notes.empty());
+    EXPECT_TRUE(makeSelectRequest(options, 0).notes.empty());
     options.sort = {"time", "-op"};
-    EXPECT_EQ(makeSelectRequest(options).notes,
+    EXPECT_EQ(makeSelectRequest(options, 0).notes,
               std::vector<std::string>{"sort keys apply in the order of their names: by \"op\", then \"time\""});
 }
 
@@ -126,7 +126,7 @@ TEST(SelectRequest, TextsThatAreNotUtf8TravelUnharmed) {
     SelectOptions options = ask({"op"});
     options.where = "op = '\xFF'";
     std::string json;
-    writeRequest(makeSelectRequest(options).envelope, json);
+    writeRequest(makeSelectRequest(options, 0).envelope, json);
     EXPECT_NE(json.find(R"([1018,{"base64":"/w=="}])"), std::string::npos);
 }
 

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORTime.h"
 #include "QORMessage/QORMessage.h"
 #include "QORMessage/QORNotation.h"
 #include "QORQuery/QORQueryError.h"
@@ -51,7 +53,7 @@ std::string parsed(std::string_view text, std::string_view view = "v") {
     QORBinaryIterator at = message.root();
     at.addChild(tag::where);
     try {
-        parseCondition(text, view, levels, at);
+        parseCondition(text, {.view = std::string(view), .levels = levels}, at);
     } catch (const QORQueryError& error) {
         return std::to_string(error.offset()) + ": " + error.what();
     }
@@ -179,9 +181,12 @@ const Case mistakes[] = {
     {"a stray character", "a = #", "4: \"#\" has no meaning here"},
     {"a stray character of several bytes", "\xE2\x82\xAC",
      "3: expected a comparison (=, <>, <, <=, >, >=, like, in, between, is), found the end of the text"},
-    {"no number", "a = 12ab", "4: \"12ab\" is not a number; a text is written in single quotes"},
-    {"no number either", "a = 1.2.3", "4: \"1.2.3\" is not a number; a text is written in single quotes"},
-    {"an unfinished exponent", "a = 1e", "4: \"1e\" is not a number; a text is written in single quotes"},
+    {"no number", "a = 12ab",
+     "4: \"12ab\" is neither a number nor a duration such as 7d; a text is written in single quotes"},
+    {"no number either", "a = 1.2.3",
+     "4: \"1.2.3\" is neither a number nor a duration such as 7d; a text is written in single quotes"},
+    {"an unfinished exponent", "a = 1e",
+     "4: \"1e\" is neither a number nor a duration such as 7d; a text is written in single quotes"},
     {"a sign alone", "a = -b", "5: expected a number after the sign, found \"b\""},
     {"arithmetic", "a + 1 = 2", "2: a condition does not calculate; expected a comparison"},
     {"equal to null", "a = null", "4: nothing equals null; write \"is null\" or \"is not null\""},
@@ -202,7 +207,7 @@ const Case mistakes[] = {
     {"escape without text", "a like 'x' escape",
      "17: expected one ASCII character in single quotes, found the end of the text"},
     {"unknown function", "count(a) > 1",
-     "0: a condition knows the functions upper() and lower() only, found \"count\""},
+     "0: a condition knows the functions upper(), lower(), now() and current_eid() only, found \"count\""},
     {"function of nothing", "upper() = 1", "6: expected a column or a value, found \")\""},
     {"function of two", "upper(a, b) = 1", "7: expected \")\", found \",\""},
     {"open function", "upper(a", "0: the parenthesis of this operand is never closed"},
@@ -397,7 +402,7 @@ TEST(QORCondition, TreeIsWrittenAsMessagesAre) {
     QORMessage message;
     QORBinaryIterator at = message.root();
     at.addChild(tag::where);
-    parseCondition("not a = 'x' or upper(b) in (1)", "v", levels, at);
+    parseCondition("not a = 'x' or upper(b) in (1)", {.view = "v", .levels = levels}, at);
     std::string json;
     writeElement(*message.rootNode(), json);
     EXPECT_EQ(json, R"([1742,[[2236,[[2237,[[2225,[[1741,"a"],[1018,"x"]]]]],)"
@@ -405,6 +410,9 @@ TEST(QORCondition, TreeIsWrittenAsMessagesAre) {
 }
 
 // ---- stored forms -----------------------------------------------------------------------------------------------
+
+constexpr const char* now = "2024-05-02 10:30:00";
+constexpr const char* currentEid = "75693551-cf81-461c-bb3e-0ec3b6dcc016";
 
 std::string typeOf(std::string_view view, std::string_view column) {
     if (view != "v" && view != "w") return {};
@@ -422,7 +430,8 @@ std::string stored(std::string_view text, const QORColumnTypes& types = typeOf) 
     QORBinaryIterator at = message.root();
     at.addChild(tag::where);
     try {
-        parseCondition(text, "v", levels, at, types);
+        parseCondition(
+            text, {.view = "v", .levels = levels, .types = types, .now = str2time(now), .currentEid = currentEid}, at);
     } catch (const QORQueryError& error) {
         return std::to_string(error.offset()) + ": " + error.what();
     }
@@ -457,14 +466,54 @@ TEST(QORCondition, LiteralsOfListsAndBoundsTakeTheStoredForm) {
          "(in '2024-05-01 00:00:00' (select w (field (function max time))))"},
         {"beside a nested count", "'7' in (select count(time) from w)",
          "(in '7' (select w (field (function count time))))"},
-        {"no time", "name = 'x' and time between 'yesterday' and '2024-05-01'",
-         "28: \"yesterday\" is not a date or time"},
+        {"no time", "name = 'x' and time between 'last week' and '2024-05-01'",
+         "28: \"last week\" is not a date or time"},
         {"no GUID", "eid in ('75693551-cf81-461c-bb3e-0ec3b6dcc016', 'x')", "48: \"x\" is not a GUID"},
         {"no integer", "n in (1.5)", "6: \"1.5\" is not an integer of 32 bits"},
         {"an equation", "time = '2024-05-01'", "(eq time '2024-05-01')"},
     };
     for (const Case& each : table)
         EXPECT_EQ(stored(each.text), each.tree) << each.rule;
+}
+
+TEST(QORCondition, TimesAreToldFromNow) {
+    const Case table[] = {
+        {"now", "time < now()", "(lt time '2024-05-02 10:30:00')"},
+        {"durations before it", "time > NOW ( ) - 7d", "(gt time '2024-04-25 10:30:00')"},
+        {"several", "time between now()-1w+1d and now()", "(between time '2024-04-26 10:30:00' '2024-05-02 10:30:00')"},
+        {"in parentheses", "time > (now() - 1h)", "(gt time '2024-05-02 09:30:00')"},
+        {"on the left", "now() - 1d12h <= time", "(le '2024-04-30 22:30:00' time)"},
+        {"without a column", "now() = name", "(eq '2024-05-02 10:30:00' name)"},
+        {"words", "time >= 'yesterday' and time < 'Today'",
+         "(and (ge time '2024-05-01 00:00:00') (lt time '2024-05-02 00:00:00'))"},
+        {"words in a list", "time in ('today', '2024-05-01')", "(in time '2024-05-02 00:00:00' '2024-05-01 00:00:00')"},
+        {"words beside a text", "name = 'yesterday' or name in ('now')", "(or (eq name 'yesterday') (in name 'now'))"},
+        {"words beside a function", "upper(time) = 'now'", "(eq (function upper time) 'now')"},
+        {"words in patterns", "time like 'now'", "(like time 'now')"},
+        {"words of a nested select", "eid in (select eid from w where time > '-1d')",
+         "(in eid (select w eid (where (gt time '2024-05-01 10:30:00'))))"},
+        {"durations with a sign", "time > -7d and time < + 1h",
+         "(and (gt time '2024-04-25 10:30:00') (lt time '2024-05-02 11:30:00'))"},
+        {"durations with a sign elsewhere", "n = -1m or n in (+1h)", "(or (eq n '-60') (in n '3600'))"},
+        {"durations", "n > 90m and big between 0s and 1w", "(and (gt n '5400') (between big '0' '604800'))"},
+        {"a column called now", "now = 1 and current_eid = 2", "(and (eq now '1') (eq current_eid '2'))"},
+        {"a duration is no time", "time in (7d)", "9: \"604800\" is not a date or time"},
+        {"nothing in now", "time > now(1)", "11: expected \")\", found \"1\""},
+        {"a number after it", "time > now() - 7", "15: expected a duration such as 7d, 12h or 30m, found \"7\""},
+        {"nothing after it", "time > now() -",
+         "14: expected a duration such as 7d, 12h or 30m, found the end of the text"},
+        {"too long ago", "time > now() - 2025w - 3660000d + 3660000d",
+         "7: this time is before the year 0 or after the year 9999"},
+        {"also with a sign", "time > -3660000d", "7: this time is before the year 0 or after the year 9999"},
+    };
+    for (const Case& each : table)
+        EXPECT_EQ(stored(each.text), each.tree) << each.rule;
+}
+
+TEST(QORCondition, KnowsWhoAsks) {
+    EXPECT_EQ(stored("eid = current_eid()"), "(eq eid '75693551-cf81-461c-bb3e-0ec3b6dcc016')");
+    EXPECT_EQ(stored("Current_EID() in (eid)"), "(in '75693551-cf81-461c-bb3e-0ec3b6dcc016' eid)");
+    EXPECT_EQ(parsed("a = current_eid()"), "4: who asks stands for no environment, so that current_eid() is none");
 }
 
 TEST(QORCondition, TypesAreAskedForOnlyWhereTheyMatter) {
@@ -475,8 +524,245 @@ TEST(QORCondition, TypesAreAskedForOnlyWhereTheyMatter) {
     };
     stored("a = 1 and b like 'x' and c in (select d from w) and e between f and g and upper(h) in (1)", types);
     EXPECT_EQ(asked, 0);
-    stored("a in (1)", types);
+    stored("a > now() - 7d and b = 7d and c = 'nowhere'", types);
+    EXPECT_EQ(asked, 0);
+    stored("a > -7d", types);
     EXPECT_EQ(asked, 1);
+    stored("a in (1)", types);
+    EXPECT_EQ(asked, 2);
+}
+
+// ---- printing ---------------------------------------------------------------------------------------------------
+
+/// The condition of a where element that notation describes, as a text; or why it has none.
+std::string printed(std::string_view notation) {
+    QORRequestEnvelope request =
+        readRequest(R"({"operator":"o","request":"r","body":[1742,[)" + std::string(notation) + "]]}");
+    try {
+        return printCondition(*request.body.rootNode()->firstChild->firstChild);
+    } catch (const QORException& error) {
+        return std::to_string(error.code()) + " " + error.message();
+    }
+}
+
+/// The text that a condition is printed as, which must become the same tree.
+std::string reprinted(std::string_view text, std::string_view view = "v") {
+    QORMessage message;
+    QORBinaryIterator at = message.root();
+    at.addChild(tag::where);
+    parseCondition(text, {.view = std::string(view), .levels = levels}, at);
+    const std::string again = printCondition(*message.rootNode()->firstChild->firstChild);
+    EXPECT_EQ(parsed(again, view), parsed(text, view)) << again;
+    return again;
+}
+
+TEST(ConditionPrinter, EveryConditionThatIsReadIsPrintedAsOneThatBecomesTheSameTree) {
+    for (const Case& each : conditions)
+        reprinted(each.text);
+}
+
+TEST(ConditionPrinter, WritesWhatAPersonWouldWrite) {
+    const std::pair<const char*, const char*> texts[] = {
+        {"a=1 AND(b<>'x')", "a = 1 and b <> 'x'"},
+        {"(a=1 or b=2)and not(c=3 and d=4)", "(a = 1 or b = 2) and not (c = 3 and d = 4)"},
+        {"a=1 or (b=2 and c=3)", "a = 1 or b = 2 and c = 3"},
+        {"not (a like 'x!%' escape '!')", "a not like 'x!%' escape '!'"},
+        {"not (a in (1, 'y')) and not (a is null)", "a not in (1, 'y') and a is not null"},
+        {"not a between -1.5 and 1e5", "a not between -1.5 and '1e5'"},
+        {"not a = 1", "not a = 1"},
+        {"\"And\" = 'it''s' and \"a\"\"b\" = 007", "\"And\" = 'it''s' and \"a\"\"b\" = 007"},
+        {"w.\"a b\" = v.größe", "w.\"a b\" = v.größe"},
+        {"upper(lower(a)) = ''", "upper(lower(a)) = ''"},
+        {"a in (select avg(b) from w)", "a in (select average(b) from w)"},
+        {"a in (select distinct \"b.c\" from \"w.x\" where d = 1 order by e desc, f asc limit 5 offset 2)",
+         "a in (select distinct \"b.c\" from \"w.x\" where d = 1 order by e desc, f limit 5 offset 2)"},
+    };
+    for (const auto& [text, again] : texts)
+        EXPECT_EQ(reprinted(text), again);
+}
+
+TEST(ConditionPrinter, ColumnsWithPointsComeBackWithTheirView) {
+    EXPECT_EQ(reprinted("\"env.name\" = 1"), "v.\"env.name\" = 1");
+}
+
+TEST(ConditionPrinter, ConditionsMadeAtRandomBecomeTheSameTreesAgain) {
+    for (unsigned seed = 1; seed <= 3000; ++seed)
+        reprinted(ConditionMaker(seed).make(1 + seed % 6).text);
+}
+
+/// Makes trees as parsing leaves them, of names and texts that no person would choose.
+class TreeMaker {
+public:
+    explicit TreeMaker(unsigned seed) : m_random(seed) {}
+
+    void condition(QORBinaryIterator out, unsigned depth, QORTag parent = 0) {
+        const unsigned kind = depth == 0 ? 9 : pick(10);
+        if (kind < 2 && parent != tag::logicalAnd) return chain(out, tag::logicalAnd, depth);
+        if (kind < 4 && parent != tag::logicalOr) return chain(out, tag::logicalOr, depth);
+        if (kind == 4 && parent != tag::logicalNot) {
+            out.addChild(tag::logicalNot);
+            return condition(out, depth - 1, tag::logicalNot);
+        }
+        comparison(out, depth);
+    }
+
+private:
+    unsigned pick(unsigned count) { return static_cast<unsigned>(m_random() % count); }
+
+    void chain(QORBinaryIterator out, QORTag tag, unsigned depth) {
+        out.addChild(tag);
+        const unsigned count = 2 + pick(3);
+        for (unsigned at = 0; at < count; ++at)
+            condition(out, depth - 1, tag);
+    }
+
+    void comparison(QORBinaryIterator out, unsigned depth) {
+        static constexpr QORTag signs[] = {tag::eq, tag::ne, tag::lt, tag::le, tag::gt, tag::ge};
+        const unsigned kind = pick(10);
+        if (kind < 6) {
+            out.addChild(signs[kind]);
+            operand(out, 2);
+            return operand(out, 2);
+        }
+        static constexpr QORTag others[] = {tag::like, tag::between, tag::isNull, tag::in};
+        out.addChild(others[kind - 6]);
+        operand(out, 2);
+        if (kind == 8) return;
+        operand(out, 2);
+        if (kind == 6 && pick(2) == 0) out.putValue(std::string(1, static_cast<char>(1 + pick(127))), tag::escape);
+        if (kind == 7) operand(out, 2);
+        if (kind == 9 && depth > 0) select(out, depth - 1);
+    }
+
+    void operand(QORBinaryIterator out, unsigned depth) {
+        const unsigned kind = pick(depth == 0 ? 2 : 3);
+        if (kind == 0) {
+            out.putValue(text(), tag::value);
+        } else if (kind == 1) {
+            const std::string column = name();
+            out.putValue(pick(2) == 0 && column.find('.') == std::string::npos ? column : plainName() + "." + column,
+                         tag::field);
+        } else {
+            out.addChild(tag::function);
+            out.putValue(pick(2) == 0 ? "upper" : "lower", tag::name);
+            operand(out, depth - 1);
+        }
+    }
+
+    void select(QORBinaryIterator out, unsigned depth) {
+        out.addChild(tag::select);
+        out.putValue(name(), tag::view);
+        QORBinaryIterator field = out;
+        if (pick(2) == 0) {
+            out.putValue(name(), tag::field);
+        } else {
+            field.addChild(tag::field);
+            field.addChild(tag::function);
+            field.putValue("count", tag::name);
+            field.putValue(name(), tag::field);
+        }
+        if (pick(2) == 0) {
+            QORBinaryIterator flag = out;
+            flag.addChild(tag::distinct);
+        }
+        if (pick(2) == 0) {
+            QORBinaryIterator where = out;
+            where.addChild(tag::where);
+            condition(where, depth);
+        }
+        for (unsigned keys = pick(3); keys > 0; --keys) {
+            QORBinaryIterator sort = out;
+            sort.addChild(tag::sort);
+            sort.putValue(name(), tag::field);
+            if (pick(2) == 0) sort.addChild(tag::descending);
+        }
+        if (pick(2) == 0) {
+            QORBinaryIterator limit = out;
+            limit.addChild(tag::limit);
+            limit.putValue(std::to_string(pick(1000)), tag::size);
+            if (pick(2) == 0) limit.putValue(std::to_string(pick(1000)), tag::offset);
+        }
+    }
+
+    /// Never empty; now and then with a point in it.
+    std::string name() { return pick(4) == 0 ? plainName() + "." + plainName() : plainName(); }
+    std::string plainName() {
+        static const std::string names[] = {"a",           "time",  "and", "Select", "null", "upper", "now",
+                                            "current_eid", "limit", "1a",  "a b",    "\"",   "a\"b",  "größe",
+                                            "'",           "-",     "7d",  "desc",   "\n",   "a$1"};
+        return names[pick(std::size(names))];
+    }
+    std::string text() {
+        static const std::string texts[] = {"",    "x",   "it's", "'",  "12",  "-12",  "1.5",   "-0",
+                                            "007", "1e5", "+1",   ".5", "5.",  "-",    "--1",   "now",
+                                            "-7d", "\n",  "\xFF", "a%", "1 2", "null", "\"x\"", "'' or 1 = 1"};
+        return texts[pick(std::size(texts))];
+    }
+
+    std::minstd_rand m_random;
+};
+
+TEST(ConditionPrinter, TreesMadeAtRandomArePrintedAsTextsThatBecomeThem) {
+    for (unsigned seed = 1; seed <= 5000; ++seed) {
+        QORMessage message;
+        QORBinaryIterator where = message.root();
+        where.addChild(tag::where);
+        TreeMaker(seed).condition(where, 1 + seed % 5);
+        const QORMessageNode& made = *message.rootNode()->firstChild->firstChild;
+        std::string tree;
+        print(made, tree);
+        const std::string text = printCondition(made);
+        ASSERT_EQ(parsed(text), tree) << "seed " << seed << ": " << text;
+    }
+}
+
+TEST(ConditionPrinter, WhatIsReadAsOneIsPrintedAsOne) {
+    EXPECT_EQ(printed(R"(["and",[["and",[["is_null",[["field","a"]]]]],["is_null",[["field","b"]]]]])"),
+              "a is null and b is null");
+    EXPECT_EQ(printed(R"(["not",[["not",[["is_null",[["field","a"]]]]]]])"), "not a is not null");
+}
+
+TEST(ConditionPrinter, WhatNoTextBecomesIsRefused) {
+    const std::pair<const char*, const char*> trees[] = {
+        {R"(["and",[]])", "400 the element \"and\" is empty"},
+        {R"(["not",[["is_null",[["field","a"]]],["is_null",[["field","a"]]]]])",
+         "400 the element \"is_null\" is one too many"},
+        {R"(["field","a"])", "400 the element \"field\" is empty"},
+        {R"(["row",[["field","a"]]])", "400 the element \"row\" is no condition"},
+        {R"(["eq",[["field","a"]]])", "400 the element \"eq\" lacks an operand"},
+        {R"(["eq",[["field","a"],["value","1"],["value","2"]]])", "400 the element \"value\" is one too many"},
+        {R"(["eq",[["field",""],["value","1"]]])", "400 the element \"field\" holds no name"},
+        {R"(["eq",[["field","a."],["value","1"]]])", "400 the element \"field\" lacks the name of a view or a column"},
+        {R"(["eq",[["field",".a"],["value","1"]]])", "400 the element \"field\" lacks the name of a view or a column"},
+        {R"(["eq",[["field","a"],["value"]]])", "400 the element \"value\" holds no text"},
+        {R"(["eq",[["field","a"],["select",[["view","w"],["field","b"]]]]])",
+         "400 the element \"select\" is no operand"},
+        {R"(["eq",[["field","a"],["function",[["name","count"],["field","b"]]]]])",
+         "400 the element \"function\" is neither upper nor lower"},
+        {R"(["eq",[["field","a"],["function",[["field","b"]]]]])",
+         "400 the element \"function\" is neither upper nor lower"},
+        {R"(["like",[["field","a"],["value","x"],["value","!"]]])", "400 the element \"value\" is no escape"},
+        {R"(["like",[["field","a"],["value","x"],["escape","ab"]]])",
+         "400 the element \"escape\" is not one character of ASCII"},
+        {R"(["in",[["field","a"]]])", "400 the element \"in\" lacks an operand"},
+        {R"(["in",[["field","a"],["select",[["field","b"]]]]])", "400 the element \"select\" lacks \"view\""},
+        {R"(["in",[["field","a"],["select",[["view","w"],["field","b"],["field","c"]]]]])",
+         "400 the element \"field\" is one too many"},
+        {R"(["in",[["field","a"],["select",[["view","w"],["field","b"],["statistics"]]]]])",
+         "400 the element \"statistics\" is no part of a nested select"},
+        {R"(["in",[["field","a"],["select",[["view","w"],["field",[["function",[["name","avg"],["field","b"]]]]]]]]])",
+         "400 the element \"field\" has a function that cannot be spelled"},
+        {R"(["in",[["field","a"],["select",[["view","w"],["field",[["function",[["name","a b"],["field","b"]]]]]]]]])",
+         "400 the element \"field\" has a function that cannot be spelled"},
+        {R"(["in",[["field","a"],["select",[["view","w"],["field",[["value","b"]]]]]]])",
+         "400 the element \"field\" has a function that cannot be spelled"},
+        {R"(["in",[["field","a"],["select",[["view","w"],["field","b"],["limit",[["size","-1"]]]]]]])",
+         "400 the element \"size\" is no number of rows"},
+        {R"(["in",[["field","a"],["select",[["view","w"],["field","b"],["limit",[["size","010"]]]]]]])",
+         "400 the element \"size\" is no number of rows"},
+    };
+    for (const auto& [tree, reason] : trees)
+        EXPECT_EQ(printed(tree), reason) << tree;
 }
 
 }  // namespace
