@@ -19,7 +19,7 @@ namespace QOR {
 /// How to reach the database.
 struct ASDatabaseOptions {
     std::string connectionString;  ///< ODBC's, e.g. "Driver=SQLite3;Database=./agent.db"
-    std::string name;              ///< for people, where several are in use; empty: what the string calls it
+    std::string name{};            ///< for people, where several are in use; empty: what the string calls it
     bool mayBeAway = false;        ///< a server that cannot be reached when it is configured: whoever uses it finds out
     bool readOnly = false;         ///< nothing is ever written, not even a missing database created. On a file system
                                    ///< that is mounted read-only, a file without a log beside it is taken for
