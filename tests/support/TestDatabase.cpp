@@ -13,8 +13,34 @@ ASEngine testEngine() {
     throw std::logic_error("QOR_TEST_ENGINE names no engine: " + std::string(name));
 }
 
+bool hasTestServers() {
+    const char* const servers = std::getenv("QOR_TEST_SERVERS");
+    return servers != nullptr && *servers != '\0';
+}
+
+namespace {
+
+class OneServer : public TestPlace {
+public:
+    std::string connectionString() const override { return m_database.connectionString(); }
+    std::string conninfo() const override { return m_database.conninfo(); }
+
+private:
+    PostgresDatabase m_database;
+};
+
+}  // namespace
+
+TestDatabase::Maker& TestDatabase::makerOfServers() {
+    static Maker maker = []() -> std::unique_ptr<TestPlace> {
+        throw std::logic_error("the test program is not linked with what makes servers");
+    };
+    return maker;
+}
+
 TestDatabase::TestDatabase() {
-    if (testEngine() == ASEngine::PostgreSQL) m_postgres = std::make_unique<PostgresDatabase>();
+    if (testEngine() != ASEngine::PostgreSQL) return;
+    m_postgres = hasTestServers() ? makerOfServers()() : std::make_unique<OneServer>();
 }
 
 std::string TestDatabase::connectionString() const {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -21,10 +22,31 @@ ASEngine testEngine();
         if (::QOR::test::testEngine() != (engine)) GTEST_SKIP() << "is about another engine"; \
     } while (false)
 
-/// Empty and without any schema; for SQLite a name of a file that does not exist yet.
+/// Whether the tests' databases are spread over servers: QOR_TEST_SERVERS in the environment is not empty.
+bool hasTestServers();
+
+/// For what is not so where records lie with several servers.
+#define QOR_NOT_WITH_SERVERS(reason)                                 \
+    do {                                                             \
+        if (::QOR::test::hasTestServers()) GTEST_SKIP() << (reason); \
+    } while (false)
+
+/// A database that is reached by strings, and goes with its object.
+class TestPlace {
+public:
+    virtual ~TestPlace() = default;
+    virtual std::string connectionString() const = 0;
+    virtual std::string conninfo() const = 0;
+};
+
+/// Empty and without any schema; for SQLite a name of a file that does not exist yet. With servers it is home of some
+/// of its own, made by what ShardedPostgres.cpp registers.
 class TestDatabase {
 public:
     TestDatabase();
+
+    using Maker = std::function<std::unique_ptr<TestPlace>()>;
+    static Maker& makerOfServers();
 
     std::string connectionString() const;
     /// SQLite's. \throws std::logic_error on another engine
@@ -36,7 +58,7 @@ public:
 
 private:
     TemporaryDirectory m_folder;
-    std::unique_ptr<PostgresDatabase> m_postgres;
+    std::unique_ptr<TestPlace> m_postgres;
 };
 
 }  // namespace QOR::test

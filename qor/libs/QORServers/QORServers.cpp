@@ -60,17 +60,16 @@ void checkHash(ASSession& session) {
                            sourcePath, __LINE__);
 }
 
-/// Who somebody is and how he proves it is home's, unless the server's string says otherwise.
-std::string connectionString(const QORServer& server, const std::string& home) {
+}  // namespace
+
+std::string QORServers::connectionString(const std::string& server, const std::string& home) {
     const OdbcConnectionString from(home);
-    OdbcConnectionString string(server.connection);
+    OdbcConnectionString string(server);
     for (const char* name : {"UID", "PWD"}) {
-        if (from.has(name)) string.setDefault(name, from.get(name));
+        if (from.has(name)) string.setDefault(name, '{' + from.get(name) + '}');  // it may have a semicolon in it
     }
     return string.text();
 }
-
-}  // namespace
 
 QORServers& QORServers::instance() {
     static QORServers servers;
@@ -138,7 +137,7 @@ QORRdbms& QORServers::database(std::string_view name) {
     if (server == nullptr)
         throw QORException(errFailure, "there is no server " + quoteText(name), sourcePath, __LINE__);
     ASDatabaseOptions options = QORRdbms::instance().options();
-    options.connectionString = connectionString(*server, options.connectionString);
+    options.connectionString = connectionString(server->connection, options.connectionString);
     options.name = server->name;
     options.mayBeAway = true;
     const std::lock_guard lock(m_mutex);

@@ -41,6 +41,8 @@ public:
 
     /// Those that have been used, for whoever reports on them.
     std::vector<std::pair<std::string, QORRdbms*>> used();
+    /// A server's connection string with what it leaves out: who somebody is, and how he proves it, is home's.
+    static std::string connectionString(const std::string& server, const std::string& home);
     /// Closes everything. Nobody uses a server's database any more.
     void close();
 

@@ -1,5 +1,5 @@
 /// \file
-/// Internal: an ODBC connection string taken apart.
+/// An ODBC connection string taken apart.
 #pragma once
 
 #include <string>
@@ -7,10 +7,12 @@
 #include <utility>
 #include <vector>
 
+#include "QORCommon/QORExport.h"
+
 namespace QOR {
 
 /// Names and values in their order; names compare without regard to case, the first of a name counts.
-class OdbcConnectionString {
+class QOR_API OdbcConnectionString {
 public:
     /// Reads `name=value;...`; a value in braces may hold semicolons.
     explicit OdbcConnectionString(std::string_view text);
