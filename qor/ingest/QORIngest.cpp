@@ -10,11 +10,13 @@
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORLibAgent/QOREnvCache.h"
+#include "QORServers/QORServers.h"
 #include "ingest/LineReader.h"
 #include "ingest/RecordBatch.h"
 #include "ingest/RecordTables.h"
 #include "ingest/RecordWriter.h"
 #include "ingest/RequestLedger.h"
+#include "ingest/SpreadBatch.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -35,11 +37,8 @@ void count(QORIngestCounts& counts, QORStored stored) {
     }
 }
 
-void addCounts(QORIngestCounts& to, const QORIngestCounts& more) {
-    to.added += more.added;
-    to.replaced += more.replaced;
-    to.unchanged += more.unchanged;
-}
+/// What a table says of whose records servers keep instead.
+constexpr std::string_view keptByServers = "QOR01";
 
 // A few records are stored faster without preparations.
 constexpr std::size_t manyRecords = 100;
@@ -61,8 +60,13 @@ void refreshCache(std::span<const QORRecord> batch) {
 
 /// Record by record where that costs less.
 RecordBatchCounts storeBatch(ASSession& session, std::span<const QORRecord> batch, bool keepEqual) {
-    if (session.engine() != ASEngine::SQLite) return storeTogether(session, batch, keepEqual);
     RecordBatchCounts counts;
+    if (session.engine() != ASEngine::SQLite) {
+        std::vector<ArrivedRecord> records;
+        for (const QORRecord& record : batch)
+            records.push_back({&record});
+        return storeTogether(session, records, keepEqual);
+    }
     RecordWriter writer(session, keepEqual);
     for (const QORRecord& record : batch)
         count(counts[record.index()], writer.store(record));
@@ -75,6 +79,12 @@ bool isBlank(std::string_view line) {
 }
 
 }  // namespace
+
+void addCounts(QORIngestCounts& to, const QORIngestCounts& more) {
+    to.added += more.added;
+    to.replaced += more.replaced;
+    to.unchanged += more.unchanged;
+}
 
 QORIngestCounts QORIngestResult::total() const {
     QORIngestCounts sum;
@@ -101,7 +111,11 @@ void QORIngestResult::merge(const QORIngestResult& other) {
 /// One import: the batch that is being filled, and the result so far.
 class QORIngest::Run {
 public:
-    Run(const QORIngestOptions& options, const QORIngestProgress& progress, const QORIngestRequest* request = nullptr)
+    /// One behind which nothing is left to be cleared up by others.
+    Run(const QORIngestOptions& options, const QORIngestProgress& progress)
+        : m_options(options), m_progress(progress), m_clearsAll(true) {}
+    /// \param request null for one that is not sent again
+    Run(const QORIngestOptions& options, const QORIngestProgress& progress, const QORIngestRequest* request)
         : m_options(options), m_progress(progress) {
         if (request == nullptr) return;
         m_ledger.emplace(*request);
@@ -114,6 +128,7 @@ public:
         while (!m_result.failure && !isStopped(stop) && !hasEnded(m_result.lastLine + 1) && lines.next())
             takeLine(lines);
         flush();
+        if (m_spread) SpreadBatch::clearUp(m_clearsAll);
         return std::move(m_result);
     }
 
@@ -122,9 +137,13 @@ public:
             const auto batch =
                 records.subspan(at, std::min(std::max<std::size_t>(m_options.batchRecords, 1), records.size() - at));
             m_result.lastLine = at + batch.size();
-            write(batch, keepEqual, at + 1, m_result.lastLine);
+            for (std::size_t i = 0; i < batch.size(); ++i)
+                m_lines.push_back(at + i + 1);
+            write(batch, keepEqual);
+            m_lines.clear();
             at += batch.size();
         }
+        if (m_spread) SpreadBatch::clearUp(m_clearsAll);
         return std::move(m_result);
     }
 
@@ -147,7 +166,6 @@ private:
         if (!known) return;
         m_result = std::move(*known);
         m_doneLine = m_result.lastLine;
-        m_isKnown = true;
     }
 
     void takeLine(const LineReader& lines) {
@@ -163,7 +181,7 @@ private:
             return refuse(error.message());
         }
         m_refusedInARow = 0;
-        if (m_batch.size() == 1) m_firstLine = lines.number();
+        m_lines.push_back(lines.number());
         m_batchBytes += lines.line().size();
         if (m_batch.size() >= m_options.batchRecords || m_batchBytes >= m_options.batchBytes) flush();
     }
@@ -183,41 +201,96 @@ private:
 
     void flush() {
         if (m_batch.empty() || m_result.failure) return;
-        write(m_batch, false, m_firstLine, m_result.lastLine);
+        write(m_batch, false);
         m_batch.clear();
+        m_lines.clear();
         m_batchBytes = 0;
     }
 
-    /// One transaction, which may have to be run again: what is known here changes once it is committed.
-    void write(std::span<const QORRecord> batch, bool keepEqual, std::uint64_t firstLine, std::uint64_t lastLine) {
+    /// What became of a batch, or of the whole request where somebody else has gone further with it.
+    struct Written {
         RecordBatchCounts counts;
         std::optional<QORIngestResult> elsewhere;
+    };
+
+    void write(std::span<const QORRecord> batch, bool keepEqual) {
+        const std::uint64_t lastLine = m_result.lastLine;
+        Written written;
         try {
-            QORRdbms::instance().write([&](ASSession& session) {
-                counts = {};
-                elsewhere = m_ledger ? storedElsewhere(session, lastLine) : std::nullopt;
-                if (elsewhere) return;
-                if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(session);
-                counts = storeBatch(session, batch, keepEqual);
-                if (m_ledger) m_ledger->put(session, resultWith(counts), !m_isKnown);
-            });
+            written = writeWhereItBelongs(batch, keepEqual, lastLine);
         } catch (const AException& error) {
-            m_result.failure = QORIngestFailure{firstLine, lastLine, error.text()};
+            m_result.failure = QORIngestFailure{m_lines.front(), lastLine, error.text()};
             return;
         } catch (const QORException& error) {
             if (error.code() != errDeadline) throw;
-            m_result.failure = QORIngestFailure{firstLine, lastLine, error.message()};
+            m_result.failure = QORIngestFailure{m_lines.front(), lastLine, error.message()};
             return;
         }
         refreshCache(batch);
-        if (elsewhere) return goOnFrom(std::move(elsewhere));
-        for (std::size_t kind = 0; kind < counts.size(); ++kind)
-            addCounts(m_result.counts[kind], counts[kind]);
-        if (m_ledger) {
-            m_doneLine = lastLine;
-            m_isKnown = true;
-        }
+        if (written.elsewhere) return goOnFrom(std::move(written.elsewhere));
+        for (std::size_t kind = 0; kind < written.counts.size(); ++kind)
+            addCounts(m_result.counts[kind], written.counts[kind]);
+        if (m_ledger) m_doneLine = lastLine;
         if (m_progress) m_progress(m_result);
+    }
+
+    /// A database whose records have been spread since it was looked at says so.
+    Written writeWhereItBelongs(std::span<const QORRecord> batch, bool keepEqual, std::uint64_t lastLine) {
+        auto placement = QORServers::instance().placement();
+        if (!placement->none()) return writeSpread(std::move(placement), batch, keepEqual, lastLine);
+        try {
+            return writeHere(batch, keepEqual, lastLine);
+        } catch (const AException& error) {
+            if (error.sqlState() != keptByServers) throw;
+            placement = QORServers::instance().refresh();
+            if (placement->none()) throw;
+        }
+        return writeSpread(std::move(placement), batch, keepEqual, lastLine);
+    }
+
+    /// One transaction, which may have to be run again: what is known here changes once it is committed.
+    Written writeHere(std::span<const QORRecord> batch, bool keepEqual, std::uint64_t lastLine) const {
+        Written written;
+        QORRdbms::instance().write([&](ASSession& session) {
+            written = {};
+            const bool isNew = isNewRequest(session, lastLine, written.elsewhere);
+            if (written.elsewhere) return;
+            if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(session);
+            written.counts = storeBatch(session, batch, keepEqual);
+            if (m_ledger) m_ledger->put(session, resultWith(written.counts), isNew);
+        });
+        return written;
+    }
+
+    /// A transaction at home before the parts, so that they have what they need, and one behind them, so that what is
+    /// known there of the request is what has been stored everywhere.
+    Written writeSpread(std::shared_ptr<const QORPlacement> placement, std::span<const QORRecord> batch, bool keepEqual,
+                        std::uint64_t lastLine) {
+        m_spread = true;
+        Written written;
+        SpreadBatch spread(std::move(placement), batch, m_lines, keepEqual);
+        QORRdbms::instance().write([&](ASSession& home) {
+            written = {};
+            const bool isNew = isNewRequest(home, lastLine, written.elsewhere);
+            if (written.elsewhere) return;
+            if (isNew) m_ledger->put(home, {}, true);
+            spread.storeAtHome(home);
+        });
+        if (written.elsewhere) return written;
+        spread.storeParts(m_ledger ? &*m_ledger : nullptr, m_doneLine);
+        written.counts = spread.counts();
+        if (!m_ledger) return written;
+        QORRdbms::instance().write([&](ASSession& home) {
+            written.elsewhere.reset();
+            m_ledger->lock(home);
+            std::optional<QORIngestResult> known = m_ledger->find(home);
+            if (known && known->lastLine >= lastLine) {
+                written.elsewhere = std::move(known);
+            } else {
+                m_ledger->put(home, resultWith(written.counts), !known);
+            }
+        });
+        return written;
     }
 
     QORIngestResult resultWith(const RecordBatchCounts& counts) const {
@@ -228,16 +301,19 @@ private:
     }
 
     /// Another attempt at the same request may be at work, in this process or another one: this one waits for its
-    /// batch. \returns what has become of the request where that went further than is known here
-    std::optional<QORIngestResult> storedElsewhere(ASSession& session, std::uint64_t lastLine) const {
+    /// batch. \param elsewhere what has become of the request where that went further than is known here
+    /// \returns whether nobody has noted anything of it yet
+    bool isNewRequest(ASSession& session, std::uint64_t lastLine, std::optional<QORIngestResult>& elsewhere) const {
+        if (!m_ledger) return false;
         m_ledger->lock(session);
         std::optional<QORIngestResult> known = m_ledger->find(session);
         const std::uint64_t storedLine = known ? known->lastLine : 0;
-        if (known.has_value() == m_isKnown && storedLine == m_doneLine) return std::nullopt;
+        if (storedLine == m_doneLine) return !known;
         if (storedLine < lastLine) {
             throw QORException(errSameRequest, "a request with this Idempotency-Key is being worked on");
         }
-        return known;
+        elsewhere = std::move(known);
+        return false;
     }
 
     const QORIngestOptions& m_options;
@@ -245,12 +321,13 @@ private:
     QORRecordParser m_parser{QORRecordBounds::of(QORRdbms::instance().dialect())};
     std::vector<QORRecord> m_batch;
     std::size_t m_batchBytes = 0;
-    std::uint64_t m_firstLine = 0;
+    std::vector<std::uint64_t> m_lines;  ///< of the batch's records
     std::uint64_t m_refusedInARow = 0;
     QORIngestResult m_result;
     std::optional<RequestLedger> m_ledger;
     std::uint64_t m_doneLine = 0;  ///< up to here the request is stored
-    bool m_isKnown = false;        ///< to the ledger
+    bool m_spread = false;         ///< servers have stored parts of it
+    bool m_clearsAll = false;      ///< that they need not keep, at once
 };
 
 QORIngestRequest::QORIngestRequest(std::string_view requestKey, std::string_view lines, std::uint64_t firstLine)

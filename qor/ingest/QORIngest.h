@@ -33,6 +33,8 @@ struct QORIngestCounts {
     std::uint64_t unchanged = 0;  ///< by store() with keepEqual only: was there already
 };
 
+void addCounts(QORIngestCounts& to, const QORIngestCounts& more);
+
 struct QORRefusedLine {
     std::uint64_t line = 0;
     std::string reason;

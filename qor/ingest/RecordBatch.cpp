@@ -46,18 +46,24 @@ void run(ASSession& session, std::string_view sql, std::string array) {
 template <class Record>
 class Latest {
 public:
+    struct One {
+        const Record* record;
+        std::int64_t number;
+    };
+
     template <class Key>
-    void add(const Key& key, const Record& record) {
+    void add(const Key& key, const Record& record, std::int64_t number) {
         const auto [place, isNew] = m_places.try_emplace(std::string(key), m_records.size());
         if (isNew) {
-            m_records.push_back(&record);
+            m_records.push_back({&record, number});
         } else {
-            m_records[place->second] = &record;
+            m_records[place->second].record = &record;
         }
         ++m_count;
     }
 
-    const std::vector<const Record*>& records() const noexcept { return m_records; }
+    const std::vector<One>& records() const noexcept { return m_records; }
+    bool isNumbered() const noexcept { return !m_records.empty() && m_records.front().number != 0; }
     /// \param added how many of the records that are stored were new
     QORIngestCounts counts(std::uint64_t added, std::uint64_t unchanged = 0) const {
         return {added, m_count - added, unchanged};
@@ -65,7 +71,7 @@ public:
 
 private:
     std::map<std::string, std::size_t, std::less<>> m_places;
-    std::vector<const Record*> m_records;
+    std::vector<One> m_records;
     std::uint64_t m_count = 0;
 };
 
@@ -73,7 +79,7 @@ QORIngestCounts storeEnvironments(ASSession& session, const Latest<QOREnvironmen
     std::string rows;
     std::string eids;
     std::string addresses;
-    for (const QOREnvironmentRecord* record : environments.records()) {
+    for (const auto& [record, number] : environments.records()) {
         environmentTable().append(rows, *record);
         appendElement(eids, record->eid.toString());
         for (const auto& [source, config] : {std::pair(0, &record->config), std::pair(1, &record->virtualConfig)}) {
@@ -103,16 +109,18 @@ QORIngestCounts storeEnvironments(ASSession& session, const Latest<QOREnvironmen
 
 QORIngestCounts storeBackups(ASSession& session, const Latest<QORBackupRecord>& backups) {
     std::string rows;
-    for (const QORBackupRecord* record : backups.records())
-        backupTable().append(rows, *record);
-    return rows.empty() ? QORIngestCounts() : backups.counts(backupTable().storeMany(session, std::move(rows)));
+    for (const auto& [record, number] : backups.records())
+        backupTable().append(rows, *record, number);
+    if (rows.empty()) return {};
+    return backups.counts(backupTable().storeMany(session, std::move(rows), backups.isNumbered()));
 }
 
-QORIngestCounts storeEvents(ASSession& session, const std::vector<const QOREventRecord*>& events) {
+QORIngestCounts storeEvents(ASSession& session, const std::vector<ArrivedRecord>& events) {
     std::string rows;
-    for (const QOREventRecord* record : events)
-        eventTable().append(rows, {*record, 0});
-    return rows.empty() ? QORIngestCounts() : QORIngestCounts{eventTable().storeMany(session, std::move(rows)), 0, 0};
+    for (const ArrivedRecord& event : events)
+        eventTable().append(rows, {std::get<QOREventRecord>(*event.record), 0}, event.number);
+    if (rows.empty()) return {};
+    return {eventTable().storeMany(session, std::move(rows), events.front().number != 0), 0, 0};
 }
 
 QORIngestCounts storeOperations(ASSession& session, const Latest<QOROperationRecord>& operations,
@@ -120,8 +128,8 @@ QORIngestCounts storeOperations(ASSession& session, const Latest<QOROperationRec
     std::string rows;
     std::string ids;
     std::string touched;
-    for (const QOROperationRecord* record : operations.records()) {
-        operationTable().append(rows, StoredOperation(*record));
+    for (const auto& [record, number] : operations.records()) {
+        operationTable().append(rows, StoredOperation(*record), number);
         appendElement(ids, record->id);
         if (record->eids.empty()) continue;
         touched += touched.empty() ? '[' : ',';
@@ -136,7 +144,7 @@ QORIngestCounts storeOperations(ASSession& session, const Latest<QOROperationRec
         row.end();
     }
     if (rows.empty()) return {0, 0, unchanged};
-    const std::uint64_t added = operationTable().storeMany(session, std::move(rows));
+    const std::uint64_t added = operationTable().storeMany(session, std::move(rows), operations.isNumbered());
     if (added < operations.records().size()) run(session, removeTouched, std::move(ids));
     run(session, storeTouched, std::move(touched));
     return operations.counts(added, unchanged);
@@ -145,10 +153,10 @@ QORIngestCounts storeOperations(ASSession& session, const Latest<QOROperationRec
 /// Leaves out operations that are what they were when their turn comes.
 class Equal {
 public:
-    Equal(ASSession& session, std::span<const QORRecord> records) {
+    Equal(ASSession& session, std::span<const ArrivedRecord> records) {
         std::string ids;
-        for (const QORRecord& record : records) {
-            if (const auto* operation = std::get_if<QOROperationRecord>(&record)) appendElement(ids, operation->id);
+        for (const ArrivedRecord& one : records) {
+            if (const auto* operation = std::get_if<QOROperationRecord>(one.record)) appendElement(ids, operation->id);
         }
         if (ids.empty()) return;
         ASStatement& select = session.prepare(selectStored);
@@ -176,25 +184,26 @@ private:
 
 }  // namespace
 
-RecordBatchCounts storeTogether(ASSession& session, std::span<const QORRecord> records, bool keepEqual) {
+RecordBatchCounts storeTogether(ASSession& session, std::span<const ArrivedRecord> records, bool keepEqual) {
     Latest<QOREnvironmentRecord> environments;
     Latest<QOROperationRecord> operations;
     Latest<QORBackupRecord> backups;
-    std::vector<const QOREventRecord*> events;
+    std::vector<ArrivedRecord> events;
     std::uint64_t unchanged = 0;
     std::optional<Equal> equal;
     if (keepEqual) equal.emplace(session, records);
-    for (const QORRecord& record : records) {
+    for (const ArrivedRecord& one : records) {
+        const QORRecord& record = *one.record;
         if (const auto* environment = std::get_if<QOREnvironmentRecord>(&record)) {
-            environments.add(environment->eid.toString(), *environment);
+            environments.add(environment->eid.toString(), *environment, 0);
         } else if (const auto* backup = std::get_if<QORBackupRecord>(&record)) {
-            backups.add(backup->id, *backup);
-        } else if (const auto* event = std::get_if<QOREventRecord>(&record)) {
-            events.push_back(event);
+            backups.add(backup->id, *backup, one.number);
+        } else if (kindOf(record) == QORRecordKind::Event) {
+            events.push_back(one);
         } else if (const auto& operation = std::get<QOROperationRecord>(record); equal && equal->take(operation)) {
             ++unchanged;
         } else {
-            operations.add(operation.id, operation);
+            operations.add(operation.id, operation, one.number);
         }
     }
     // The logs last: others wait for the counters of all their records until this transaction ends.

@@ -80,7 +80,7 @@ std::string storeManySql(const std::string& table, const std::vector<RecordColum
         names.append(comma).append(column);
         values.append(comma).append(kind == Bytes ? "decode(r." + column + ", 'hex')" : "r." + column);
         types.append(comma).append(column).append(" ").append(typeOf(kind));
-        if (name != key)
+        if (name != key && name != arrivalColumn)
             changes.append(changes.empty() ? "" : ", ").append(column).append(" = excluded.").append(column);
     }
     // A row that was replaced bears the transaction that did it.

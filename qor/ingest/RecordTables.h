@@ -86,8 +86,12 @@ struct RecordColumnName {
     RecordColumnKind kind;
 };
 
-/// A statement whose only parameter is a JSON array of rows. What has a key takes the place of what has the same.
-/// \returns one row with one column from it: how many rows were new. \param key "" for rows that are only added
+/// The number of a record's arrival, in the tables of records that many are stored in at once.
+inline constexpr std::string_view arrivalColumn = "seq";
+
+/// A statement whose only parameter is a JSON array of rows. What has a key takes the place of what has the same, and
+/// keeps that one's arrivalColumn. \returns one row with one column from it: how many rows were new. \param key "" for
+/// rows that are only added
 std::string storeManySql(const std::string& table, const std::vector<RecordColumnName>& columns, std::string_view key);
 
 /// The statements that store something in a table. Immutable.
@@ -112,6 +116,8 @@ public:
         }
         const std::string keyName(m_key.empty() ? std::string_view() : m_key.front().name);
         m_storeMany = storeManySql(name, many, keyName);
+        many.push_back({arrivalColumn, RecordColumnKind::Integer});
+        m_storeNumbered = storeManySql(name, many, keyName);
         m_insert = "INSERT INTO " + name + " (" + names + ") VALUES (" + values + ")";
         if (m_key.empty()) return;
         m_insert += " ON CONFLICT (" + keyName + ") DO NOTHING";
@@ -130,20 +136,25 @@ public:
         run(session, m_update, stored, {&m_columns, &m_key});
     }
 
-    /// Adds a row to the array that storeMany() takes.
-    void append(std::string& rows, const Stored& stored) const {
+    /// Adds a row to the array that storeMany() takes. \param number of its arrival; 0: the database gives one out
+    void append(std::string& rows, const Stored& stored, std::int64_t number = 0) const {
         rows += rows.empty() ? '[' : ',';
         RecordJson row(rows);
         for (const Columns* part : {&m_columns, &m_key}) {
             for (const RecordColumn<Stored>& column : *part)
                 column.put(row, stored);
         }
+        if (number != 0) {
+            row.column(arrivalColumn);
+            row.integer(number);
+        }
         row.end();
     }
-    /// No two of the rows have the same key. \param rows the array without its end \returns how many were new
-    std::uint64_t storeMany(ASSession& session, std::string rows) const {
+    /// No two of the rows have the same key. \param rows the array without its end \param numbered all of them are,
+    /// else none is \returns how many were new
+    std::uint64_t storeMany(ASSession& session, std::string rows, bool numbered = false) const {
         rows += ']';
-        ASStatement& statement = session.prepare(m_storeMany);
+        ASStatement& statement = session.prepare(numbered ? m_storeNumbered : m_storeMany);
         statement.bind(1, std::string_view(rows)).execute();
         const std::uint64_t added = statement.fetch() ? static_cast<std::uint64_t>(statement.integer(1)) : 0;
         statement.close();
@@ -168,6 +179,7 @@ private:
     std::string m_insert;
     std::string m_update;
     std::string m_storeMany;
+    std::string m_storeNumbered;
 };
 
 /// An operation with what its columns are made of. Refers to the record.

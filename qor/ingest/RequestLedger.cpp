@@ -78,28 +78,27 @@ void RequestLedger::lock(ASSession& session) const {
     if (session.engine() == ASEngine::SQLite) return;
     ASStatement& wait =
         session.prepare("SELECT pg_advisory_xact_lock(hashtextextended('qor request ' || CAST(? AS text), 0))");
-    wait.bind(1, std::string_view(m_request.key)).execute();
+    wait.bind(1, std::string_view(m_key)).execute();
     wait.close();
 }
 
 std::optional<QORIngestResult> RequestLedger::find(ASSession& session) const {
     ASStatement& select = session.prepare("SELECT digest, last_line, result FROM qor_request WHERE key = ?");
-    select.bind(1, std::string_view(m_request.key)).execute();
+    select.bind(1, std::string_view(m_key)).execute();
     if (!select.fetch()) {
         select.close();
         return std::nullopt;
     }
-    const bool same = select.text(1) == m_request.digest;
+    const bool same = select.text(1) == m_digest;
     const auto lastLine = static_cast<std::uint64_t>(select.integer(2));
     const std::string text(select.text(3));
     select.close();
     if (!same) {
-        throw QORException(
-            errOtherContent,
-            "the Idempotency-Key " + quoteText(m_request.key) + " belongs to a request with another content",
-            sourcePath);
+        throw QORException(errOtherContent,
+                           "the Idempotency-Key " + quoteText(m_key) + " belongs to a request with another content",
+                           sourcePath);
     }
-    QORIngestResult result = resultOf(text, m_request.key);
+    QORIngestResult result = resultOf(text, m_key);
     result.lastLine = lastLine;
     return result;
 }
@@ -114,8 +113,8 @@ void RequestLedger::put(ASSession& session, const QORIngestResult& result, bool 
     store.bind(1, static_cast<std::int64_t>(result.lastLine))
         .bind(2, std::string_view(text))
         .bind(3, currentTime())
-        .bind(4, std::string_view(m_request.digest))
-        .bind(5, std::string_view(m_request.key))
+        .bind(4, std::string_view(m_digest))
+        .bind(5, std::string_view(m_key))
         .execute(ASTriggers::Skip);
     if (!isNew) return;
     session.prepare("DELETE FROM qor_request WHERE time < ?")

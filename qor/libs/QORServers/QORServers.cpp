@@ -103,6 +103,7 @@ std::shared_ptr<const QORPlacement> QORServers::read(std::uint64_t generation) {
         for (auto& [name, database] : m_databases)
             retire(database);
         m_databases.clear();
+        m_away.clear();
     }
     m_generation = generation;
     m_divides = divides;
@@ -164,6 +165,18 @@ void QORServers::run(const QORServer& server, const std::function<void(QORRdbms&
     }
 }
 
+bool QORServers::isAway(std::string_view name) const {
+    constexpr auto believed = std::chrono::seconds(5);
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_away.find(name);
+    return found != m_away.end() && std::chrono::steady_clock::now() - found->second < believed;
+}
+
+void QORServers::noteAway(std::string_view name) {
+    const std::lock_guard lock(m_mutex);
+    m_away[std::string(name)] = std::chrono::steady_clock::now();
+}
+
 std::vector<std::pair<std::string, QORRdbms*>> QORServers::used() {
     const std::lock_guard lock(m_mutex);
     std::vector<std::pair<std::string, QORRdbms*>> all;
@@ -176,6 +189,7 @@ void QORServers::close() {
     const std::lock_guard lock(m_mutex);
     m_databases.clear();
     m_retired.clear();
+    m_away.clear();
     m_placement.reset();
     m_divides = false;
     m_generation = 0;

@@ -2,6 +2,7 @@
 /// QORServers: the databases that share the process's records among them, beside its own.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -39,6 +40,10 @@ public:
     /// The failure with the server's name in it.
     static AException naming(std::string_view name, const AException& failure);
 
+    /// Whether the server was found away some seconds ago: whoever can do without it for now need not try.
+    bool isAway(std::string_view name) const;
+    void noteAway(std::string_view name);
+
     /// Those that have been used, for whoever reports on them.
     std::vector<std::pair<std::string, QORRdbms*>> used();
     /// A server's connection string with what it leaves out: who somebody is, and how he proves it, is home's.
@@ -55,12 +60,13 @@ private:
     std::shared_ptr<const QORPlacement> read(std::uint64_t generation);
     void retire(Database& database);
 
-    std::mutex m_mutex;
+    mutable std::mutex m_mutex;
     std::uint64_t m_generation = 0;                   // guarded by m_mutex; of home
     bool m_divides = false;                           // guarded by m_mutex; home can say that there are servers
     std::shared_ptr<const QORPlacement> m_placement;  // guarded by m_mutex; null until it is read
-    std::map<std::string, Database, std::less<>> m_databases;  // guarded by m_mutex
-    std::vector<std::unique_ptr<QORRdbms>> m_retired;          // guarded by m_mutex; somebody may still use them
+    std::map<std::string, Database, std::less<>> m_databases;                          // guarded by m_mutex
+    std::map<std::string, std::chrono::steady_clock::time_point, std::less<>> m_away;  // guarded by m_mutex
+    std::vector<std::unique_ptr<QORRdbms>> m_retired;  // guarded by m_mutex; somebody may still use them
 };
 
 }  // namespace QOR

@@ -1,0 +1,189 @@
+#include "ingest/ServerRemovals.h"
+
+#include <algorithm>
+
+#include "QORCommon/QORText.h"
+
+namespace QOR {
+namespace {
+
+/// For all servers but the one that keeps the note.
+constexpr std::string_view everybodyElse = "*";
+
+constexpr std::string_view insertNote = "INSERT INTO qor_removal (server, source, ids) VALUES (?, ?, ?) RETURNING id";
+constexpr std::string_view selectNotes = "SELECT source, ids FROM qor_removal WHERE server IN (?, ?) ORDER BY id";
+constexpr std::string_view selectFound =
+    "SELECT 0, o.id, o.seq FROM qor_operation o WHERE o.id IN "
+    "(SELECT value ->> 0 FROM json_array_elements(CAST(? AS json))) UNION ALL "
+    "SELECT 1, b.id, b.seq FROM qor_backup b WHERE b.id IN "
+    "(SELECT value ->> 0 FROM json_array_elements(CAST(? AS json))) UNION ALL "
+    "SELECT 2, CAST(h.remainder AS text), h.modulus FROM qor_held h";
+
+std::string deleteEarlier(std::string_view table) {
+    return "DELETE FROM " + std::string(table) +
+           " t USING (SELECT value ->> 0 AS id, CAST(value ->> 1 AS bigint) AS number "
+           "FROM json_array_elements(CAST(? AS json))) r WHERE t.id = r.id AND t.seq < r.number";
+}
+
+/// The same statements whatever a note says.
+std::string_view checkedTable(std::string_view table) {
+    for (const IdentifiedTable one : {IdentifiedTable::Operations, IdentifiedTable::Backups}) {
+        if (table == nameOf(one)) return nameOf(one);
+    }
+    throw AException("a note of arrivals names the table " + quoteText(table) + ", which has no identifiers");
+}
+
+}  // namespace
+
+std::string_view nameOf(IdentifiedTable table) {
+    return table == IdentifiedTable::Operations ? "qor_operation" : "qor_backup";
+}
+
+void ArrivedIds::add(std::string_view id, std::int64_t number) {
+    m_text += m_text.empty() ? "[[" : ",[";
+    appendJsonString(id, m_text);
+    m_text += ',' + std::to_string(number) + ']';
+}
+
+std::int64_t noteArrivals(ASSession& session, IdentifiedTable table, std::string_view ids) {
+    ASStatement& insert = session.prepare(insertNote);
+    insert.bind(1, everybodyElse).bind(2, nameOf(table)).bind(3, ids).execute();
+    const std::int64_t note = insert.fetch() ? insert.integer(1) : 0;
+    insert.close();
+    return note;
+}
+
+bool findRecords(ASSession& session, const QORServer& here, std::string_view operations, std::string_view backups,
+                 std::vector<FoundRecord>& found) {
+    constexpr std::int64_t ofServer = 2;
+    bool same = false;
+    ASStatement& select = session.prepare(selectFound);
+    select.bind(1, operations).bind(2, backups).execute();
+    while (select.fetch()) {
+        if (select.integer(1) == ofServer) {
+            same = select.text(2) == std::to_string(here.remainder) &&
+                   select.integer(3) == static_cast<std::int64_t>(here.modulus);
+            continue;
+        }
+        found.push_back({select.integer(1) == 0 ? IdentifiedTable::Operations : IdentifiedTable::Backups,
+                         std::string(select.text(2)), select.integer(3)});
+    }
+    select.close();
+    return same;
+}
+
+void removeEarlier(ASSession& session, std::string_view table, std::string_view ids) {
+    session.prepare(deleteEarlier(checkedTable(table))).bind(1, ids).execute();
+}
+
+void removeNoted(const QORServer& from, const QORServer& to) {
+    std::vector<std::pair<std::string, std::string>> notes;
+    QORServers& servers = QORServers::instance();
+    servers.run(from, [&](QORRdbms& database) {
+        QORRdbmsTran tran(database, ASAccess::ReadOne);
+        ASStatement& select = tran->prepare(selectNotes);
+        select.bind(1, std::string_view(to.name)).bind(2, everybodyElse).execute();
+        while (select.fetch())
+            notes.emplace_back(select.text(1), select.text(2));
+        select.close();
+    });
+    if (notes.empty()) return;
+    servers.run(to, [&](QORRdbms& database) {
+        database.write([&](ASSession& session) {
+            for (const auto& [table, ids] : notes)
+                removeEarlier(session, table, ids);
+        });
+    });
+}
+
+// --- what is left to clear up ----------------------------------------------------------------------------------
+
+ServerLeftovers& ServerLeftovers::instance() {
+    static ServerLeftovers leftovers;
+    return leftovers;
+}
+
+// Names and numbers of another home's servers mean others.
+void ServerLeftovers::ofThisHome() {
+    const std::uint64_t home = QORRdbms::instance().generation();
+    if (home == m_home) return;
+    m_home = home;
+    m_shares.clear();
+    m_keys.clear();
+}
+
+void ServerLeftovers::addNote(std::string_view server, std::int64_t id) {
+    const std::lock_guard lock(m_mutex);
+    ofThisHome();
+    m_shares[std::string(server)].notes.push_back(id);
+}
+
+std::string ServerLeftovers::takeKey(const std::string& digest) {
+    const std::lock_guard lock(m_mutex);
+    ofThisHome();
+    std::string key = "batch " + digest;
+    for (unsigned turn = 2; m_keys.count(key) != 0; ++turn)
+        key = "batch " + digest + ' ' + std::to_string(turn);
+    m_keys[key] = 0;
+    return key;
+}
+
+void ServerLeftovers::release(const std::string& key) {
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_keys.find(key);
+    if (found != m_keys.end() && found->second == 0) m_keys.erase(found);
+}
+
+void ServerLeftovers::addKey(std::string_view server, const std::string& key) {
+    const std::lock_guard lock(m_mutex);
+    ofThisHome();
+    m_shares[std::string(server)].keys.push_back(key);
+    ++m_keys[key];
+}
+
+ServerLeftovers::Share ServerLeftovers::of(std::string_view server) {
+    const std::lock_guard lock(m_mutex);
+    ofThisHome();
+    const auto found = m_shares.find(server);
+    return found == m_shares.end() ? Share() : found->second;
+}
+
+void ServerLeftovers::remove(ASSession& session, const Share& share) {
+    std::string notes;
+    for (const std::int64_t note : share.notes)
+        notes += (notes.empty() ? "[" : ",") + std::to_string(note);
+    if (!notes.empty()) {
+        notes += ']';
+        session
+            .prepare(
+                "DELETE FROM qor_removal WHERE id IN "
+                "(SELECT CAST(value AS bigint) FROM json_array_elements_text(CAST(? AS json)))")
+            .bind(1, std::string_view(notes))
+            .execute();
+    }
+    for (const std::string& key : share.keys)
+        session.prepare("DELETE FROM qor_request WHERE key = ?").bind(1, std::string_view(key)).execute();
+}
+
+void ServerLeftovers::removed(std::string_view server, const Share& share) {
+    const std::lock_guard lock(m_mutex);
+    ofThisHome();
+    Share& left = m_shares[std::string(server)];
+    for (const std::int64_t note : share.notes)
+        std::erase(left.notes, note);
+    for (const std::string& key : share.keys) {
+        if (std::erase(left.keys, key) == 0) continue;
+        const auto found = m_keys.find(key);
+        if (found != m_keys.end() && --found->second == 0) m_keys.erase(found);
+    }
+}
+
+void ServerLeftovers::flush(const QORServer& server) {
+    const Share share = of(server.name);
+    if (share.empty()) return;
+    QORServers::instance().run(
+        server, [&](QORRdbms& database) { database.write([&](ASSession& session) { remove(session, share); }); });
+    removed(server.name, share);
+}
+
+}  // namespace QOR

@@ -1,0 +1,92 @@
+/// \file
+/// Records with identifiers that came to one server while another one has an earlier record under the same identifier:
+/// how those others are found and removed, also by somebody else later.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "QORServers/QORServers.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+
+/// The tables whose records have identifiers.
+enum class IdentifiedTable { Operations, Backups };
+std::string_view nameOf(IdentifiedTable table);
+
+/// Records of a table by their identifiers, with the numbers of their arrivals.
+class ArrivedIds {
+public:
+    void add(std::string_view id, std::int64_t number);
+    bool empty() const noexcept { return m_text.empty(); }
+    /// `[["id",number],...]`
+    std::string text() const { return m_text.empty() ? "[]" : m_text + ']'; }
+
+private:
+    std::string m_text;
+};
+
+/// Keeps with records that are stored, in the same transaction, that others must have no earlier ones of these
+/// identifiers. \returns what it is kept under \param ids as ArrivedIds gives them
+std::int64_t noteArrivals(ASSession& session, IdentifiedTable table, std::string_view ids);
+
+/// A record as it is elsewhere.
+struct FoundRecord {
+    IdentifiedTable table;
+    std::string id;
+    std::int64_t number;
+};
+/// Which of these records there are here, with whatever number. \param here the server that it should be
+/// \returns whether it is; if not, environments have moved, and what is not found here may be elsewhere
+bool findRecords(ASSession& session, const QORServer& here, std::string_view operations, std::string_view backups,
+                 std::vector<FoundRecord>& found);
+/// Removes records that came before those of `ids`.
+void removeEarlier(ASSession& session, std::string_view table, std::string_view ids);
+
+/// What `from` has noted and nobody has taken away yet is done on `to`. It may be done again at any time: what comes
+/// later has a greater number. \throws AException
+void removeNoted(const QORServer& from, const QORServer& to);
+
+/// What a process still has to clear up on servers, with the next transaction that writes there. Thread-safe.
+class ServerLeftovers {
+public:
+    static ServerLeftovers& instance();
+
+    /// Notes of arrivals that have been seen to on all other servers.
+    void addNote(std::string_view server, std::int64_t id);
+    /// A key of this process's own choice under which a batch of this content is stored, which no other batch of its
+    /// has now. Until release(), or until removed() after addKey().
+    std::string takeKey(const std::string& digest);
+    void release(const std::string& key);
+    /// The batch is stored: the server need not know its key any more.
+    void addKey(std::string_view server, const std::string& key);
+
+    struct Share {
+        std::vector<std::int64_t> notes;
+        std::vector<std::string> keys;
+        bool empty() const noexcept { return notes.empty() && keys.empty(); }
+    };
+    /// What there is for a server; it stays until it is told to be removed.
+    Share of(std::string_view server);
+    /// Removes it there, in the caller's transaction.
+    static void remove(ASSession& session, const Share& share);
+    /// That transaction is committed.
+    void removed(std::string_view server, const Share& share);
+    /// Removes what there is for a server, in a transaction of its own. \throws AException
+    void flush(const QORServer& server);
+
+private:
+    void ofThisHome();
+
+    std::mutex m_mutex;
+    std::uint64_t m_home = 0;                             // guarded by m_mutex; the generation that the rest belongs to
+    std::map<std::string, Share, std::less<>> m_shares;   // guarded by m_mutex; by server
+    std::map<std::string, unsigned, std::less<>> m_keys;  // guarded by m_mutex; in use, and by how many servers still
+};
+
+}  // namespace QOR

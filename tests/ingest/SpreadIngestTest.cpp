@@ -1,0 +1,341 @@
+// Batches whose records several servers keep: each part is with its server, the whole is stored once.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "QORCommon/QORException.h"
+#include "QORServers/QORServers.h"
+#include "ingest/QORIngest.h"
+#include "ingest/ServerRemovals.h"
+#include "support/HostDatabase.h"
+#include "support/ShardedPostgres.h"
+
+namespace QOR::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::UnorderedElementsAre;
+
+std::string event(int time, const QOREID& eid, const std::string& category = "c") {
+    return R"({"kind":"event","time":)" + std::to_string(time) + R"(,"category":")" + category + R"(","eid":")" +
+           eid.toString() + "\"}\n";
+}
+
+std::string operation(const std::string& id, const QOREID& eid, int status = 0,
+                      const std::vector<QOREID>& touched = {}) {
+    std::string eids;
+    for (const QOREID& one : touched)
+        eids += (eids.empty() ? "\"" : ",\"") + one.toString() + "\"";
+    return R"({"kind":"operation","id":")" + id + R"(","time":1700000000,"status":)" + std::to_string(status) +
+           R"(,"eid":")" + eid.toString() + R"(","eids":[)" + eids + "]}\n";
+}
+
+std::string backup(const std::string& id, const QOREID& eid) {
+    return R"({"kind":"backup","id":")" + id + R"(","time":1700000000,"eid":")" + eid.toString() + "\"}\n";
+}
+
+std::string environment(const QOREID& eid, const std::string& title) {
+    return R"({"kind":"environment","eid":")" + eid.toString() + R"(","title":")" + title + "\"}\n";
+}
+
+class SpreadIngestTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        QORRdbms::prepareProcess();
+        s_servers = std::make_unique<ShardedPostgres>();
+    }
+    static void TearDownTestSuite() { s_servers.reset(); }
+
+    void SetUp() override {
+        for (unsigned number = 1; number <= 3; ++number) {
+            at(number).run(
+                "TRUNCATE qor_operation, qor_operation_environment, qor_event, qor_backup; "
+                "DELETE FROM qor_request; DELETE FROM qor_removal");
+        }
+        home().run("DELETE FROM qor_environment; DELETE FROM qor_request; DELETE FROM qor_touched_server");
+        ASDatabaseOptions options;
+        options.connectionString = s_servers->connectionString();
+        options.busyTimeoutMs = 1000;
+        QORRdbms::instance().configure(options);
+    }
+    void TearDown() override {
+        QORServers::instance().close();
+        QORRdbms::instance().shutdown();
+    }
+
+    static PostgresConnection at(unsigned number) { return PostgresConnection(s_servers->conninfo(number)); }
+    static PostgresConnection home() { return PostgresConnection(s_servers->conninfo()); }
+    /// The nth environment that a server keeps.
+    static QOREID on(unsigned number, unsigned nth = 1) {
+        const auto placement = QORServers::instance().placement();
+        for (unsigned candidate = 1;; ++candidate) {
+            const QOREID eid(QORGUIDBase::fromName(QORGUIDBase(), "environment " + std::to_string(candidate)));
+            if (placement->of(eid).number == static_cast<int>(number) && --nth == 0) return eid;
+        }
+    }
+    static QORIngestResult send(const std::string& lines, const std::string& key = {}) {
+        if (key.empty()) return QORIngest().importBatch(lines);
+        const QORIngestRequest request(key, lines, 1);
+        return QORIngest().importBatch(lines, 1, &request);
+    }
+    static void expectStored(const QORIngestResult& result, std::uint64_t added, std::uint64_t replaced = 0) {
+        EXPECT_FALSE(result.failure) << result.failure->reason;
+        EXPECT_EQ(result.total().added, added);
+        EXPECT_EQ(result.total().replaced, replaced);
+    }
+    /// A cell of each server.
+    static std::vector<std::string> each(const std::string& select) {
+        std::vector<std::string> cells;
+        for (unsigned number = 1; number <= 3; ++number)
+            cells.push_back(at(number).cell(select));
+        return cells;
+    }
+    static std::vector<std::string> events() { return each("SELECT count(*) FROM qor_event"); }
+    static std::vector<std::string> operations() {
+        return each("SELECT coalesce(string_agg(id || ':' || status, ' ' ORDER BY id), '') FROM qor_operation");
+    }
+    /// Makes a server refuse records of a table; or takes that back.
+    static void refuse(unsigned number, bool refused, const std::string& table = "qor_event") {
+        at(number).run("DROP TRIGGER IF EXISTS refused ON " + table);
+        if (!refused) return;
+        at(number).run(
+            "CREATE OR REPLACE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+            "RAISE 'no room'; END $$; CREATE TRIGGER refused BEFORE INSERT ON " +
+            table + " FOR EACH ROW EXECUTE FUNCTION refuse()");
+    }
+
+    static std::unique_ptr<ShardedPostgres> s_servers;
+};
+std::unique_ptr<ShardedPostgres> SpreadIngestTest::s_servers;
+
+TEST_F(SpreadIngestTest, EachRecordIsWithTheServerOfItsEnvironmentAndEnvironmentsAreAtHome) {
+    std::string lines;
+    for (unsigned number = 1; number <= 3; ++number) {
+        const std::string name = std::to_string(number);
+        lines += environment(on(number), name) + event(100, on(number)) + operation("o" + name, on(number)) +
+                 backup("b" + name, on(number));
+    }
+    expectStored(send(lines), 12);
+    EXPECT_THAT(events(), ElementsAre("1", "1", "1"));
+    EXPECT_THAT(operations(), ElementsAre("o1:0", "o2:0", "o3:0"));
+    EXPECT_THAT(each("SELECT string_agg(id, ' ') FROM qor_backup"), ElementsAre("b1", "b2", "b3"));
+    EXPECT_EQ(home().cell("SELECT count(*) FROM qor_environment"), "3");
+    EXPECT_THAT(each("SELECT sum(n) FROM qor_event_count WHERE scope = '/c' AND level = 24"),
+                ElementsAre("1", "1", "1"));
+}
+
+TEST_F(SpreadIngestTest, RecordsWithoutEnvironmentHaveAServerToo) {
+    expectStored(send(R"({"kind":"event","time":1})"
+                      "\n"
+                      R"({"kind":"operation","id":"o","time":1})"),
+                 2);
+    const unsigned server = static_cast<unsigned>(QORServers::instance().placement()->of(QOREID()).number);
+    EXPECT_EQ(at(server).cell("SELECT count(*) FROM qor_event"), "1");
+    EXPECT_EQ(at(server).cell("SELECT count(*) FROM qor_operation"), "1");
+}
+
+TEST_F(SpreadIngestTest, NumbersOfArrivalAreInTheOrderOfTheLinesOverAllServers) {
+    std::string lines;
+    for (int i = 0; i < 30; ++i)
+        lines += event(100, on(static_cast<unsigned>(i % 3) + 1), "c" + std::to_string(10 + i));
+    expectStored(send(lines), 30);
+    expectStored(send(event(100, on(2), "later")), 1);
+    std::map<long, std::string> arrived;
+    for (unsigned number = 1; number <= 3; ++number) {
+        for (const auto& row : at(number).rows("SELECT seq, category FROM qor_event"))
+            arrived[std::stol(row[0])] = row[1];
+    }
+    ASSERT_EQ(arrived.size(), 31U);
+    std::string before;
+    for (const auto& [number, category] : arrived) {
+        EXPECT_LT(before, category);
+        before = category;
+    }
+}
+
+TEST_F(SpreadIngestTest, WithinOneBatchTheLastRecordStaysWhereverTheFirstWentTo) {
+    expectStored(send(operation("o", on(1), 1) + operation("o", on(2), 2) + operation("o", on(3), 3)), 1, 2);
+    EXPECT_THAT(operations(), ElementsAre("", "", "o:3"));
+}
+
+TEST_F(SpreadIngestTest, AnOperationThatChangesItsEnvironmentIsNoLongerWhereItWas) {
+    expectStored(send(operation("o", on(1), 1) + backup("b", on(1))), 2);
+    expectStored(send(operation("o", on(2), 2) + backup("b", on(3))), 0, 2);
+    EXPECT_THAT(operations(), ElementsAre("", "o:2", ""));
+    EXPECT_THAT(each("SELECT count(*) FROM qor_backup"), ElementsAre("0", "0", "1"));
+    expectStored(send(operation("o", on(1), 3)), 0, 1);
+    EXPECT_THAT(operations(), ElementsAre("o:3", "", ""));
+    EXPECT_THAT(each("SELECT coalesce(sum(n), 0) FROM qor_operation_count WHERE scope = '' AND level = 24"),
+                ElementsAre("1", "0", "0"));
+}
+
+TEST_F(SpreadIngestTest, WhatAServerCouldNotBeToldIsKeptForIt) {
+    expectStored(send(operation("o", on(1), 1) + operation("p", on(1), 1)), 2);
+    ShardedPostgres::server(3).crash();
+    expectStored(send(operation("o", on(2), 2)), 0, 1);
+    EXPECT_EQ(at(1).cell("SELECT count(*) FROM qor_operation"), "1");
+    EXPECT_EQ(at(2).cell("SELECT ids FROM qor_removal").substr(0, 6), R"([["o",)");
+    ShardedPostgres::server(3).start();
+}
+
+// What another agent has noted but not yet done would remove the record that was just stored.
+TEST_F(SpreadIngestTest, AnOldNoteRemovesNoRecordThatCameLater) {
+    expectStored(send(operation("o", on(1), 1)), 1);
+    expectStored(send(operation("o", on(2), 2)), 0, 1);
+    // As if the agent had ended before it told server 1, and the operation was still there.
+    const std::string number = at(2).cell("SELECT seq FROM qor_operation");
+    at(1).run("INSERT INTO qor_operation (seq, id, status, time, eid) VALUES (" +
+              std::to_string(std::stol(number) - 1) + ", 'o', 1, '2024-01-01', '" + on(1).toString() + "')");
+    expectStored(send(operation("o", on(1), 3)), 0, 1);
+    EXPECT_THAT(operations(), ElementsAre("o:3", "", ""));
+    const auto placement = QORServers::instance().placement();
+    at(2).run("INSERT INTO qor_removal (server, source, ids) VALUES ('*', 'qor_operation', '[[\"o\"," + number +
+              "]]')");
+    removeNoted(placement->servers()[1], placement->servers()[0]);
+    EXPECT_THAT(operations(), ElementsAre("o:3", "", ""));
+}
+
+TEST_F(SpreadIngestTest, HomeKnowsWhichServersHaveOperationsThatTouchAnEnvironment) {
+    expectStored(send(operation("o", on(1), 0, {on(1), on(2), on(3, 2)}) + operation("p", on(1), 0, {on(1)})), 2);
+    EXPECT_THAT(home().rows("SELECT eid, server FROM qor_touched_server"),
+                UnorderedElementsAre(ElementsAre(on(2).toString(), "s1"), ElementsAre(on(3, 2).toString(), "s1")));
+}
+
+TEST_F(SpreadIngestTest, ARequestWithAKeyIsStoredOnce) {
+    std::string lines = environment(on(1), "title");
+    for (unsigned number = 1; number <= 3; ++number)
+        lines += event(1, on(number));
+    for (int attempt = 0; attempt < 3; ++attempt)
+        expectStored(send(lines, "key"), 4);
+    EXPECT_THAT(events(), ElementsAre("1", "1", "1"));
+    expectStored(send(lines, "other"), 3, 1);
+    EXPECT_THAT(events(), ElementsAre("2", "2", "2"));
+    EXPECT_THROW(send(lines + event(2, on(1)), "key"), QORException);
+}
+
+TEST_F(SpreadIngestTest, ARequestThatFailedAtOneServerIsCompletedWithoutDoublingWhatTheOthersStored) {
+    std::string lines;
+    for (int i = 0; i < 30; ++i)
+        lines += event(i, on(static_cast<unsigned>(i % 3) + 1));
+    for (const std::string key : {"key", ""}) {
+        SetUp();
+        refuse(2, true);
+        const auto failed = send(lines, key);
+        ASSERT_TRUE(failed.failure);
+        EXPECT_THAT(failed.failure->reason, HasSubstr("server \"s2\": "));
+        EXPECT_EQ(failed.accepted(), 0U);
+        EXPECT_THAT(events(), ElementsAre("10", "0", "10"));
+        refuse(2, false);
+        expectStored(send(lines, key), 30);
+        EXPECT_THAT(events(), ElementsAre("10", "10", "10"));
+    }
+}
+
+TEST_F(SpreadIngestTest, TheSameEventsWithoutAKeyAreStoredAsOftenAsTheyAreSent) {
+    const std::string lines = event(1, on(1)) + event(1, on(2));
+    expectStored(send(lines), 2);
+    expectStored(send(lines), 2);
+    EXPECT_THAT(events(), ElementsAre("2", "2", "0"));
+    EXPECT_THAT(each("SELECT count(*) FROM qor_request"), ElementsAre("0", "0", "0"));
+    std::string many;
+    for (int i = 0; i < 4; ++i)
+        many += lines;
+    QORIngestOptions options;
+    options.batchRecords = 2;
+    expectStored(QORIngest(options).importBatch(many), 8);
+    EXPECT_THAT(events(), ElementsAre("6", "6", "0"));
+}
+
+// What each server has it knows by line, so that later portions may be others.
+TEST_F(SpreadIngestTest, ARequestOfSeveralBatchesGoesOnWhereItFailed) {
+    for (const std::size_t portion : {6U, 4U, 5U}) {
+        SetUp();
+        std::string lines;
+        for (int i = 0; i < 12; ++i)
+            lines += event(i, on(static_cast<unsigned>(i % 3) + 1));
+        const QORIngestRequest request("key", lines, 1);
+        QORIngestOptions options;
+        options.batchRecords = 6;
+        at(3).run(
+            "CREATE FUNCTION refuse_later() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN IF NEW.time > '1970-01-01 "
+            "00:00:07' "
+            "THEN RAISE 'no room'; END IF; RETURN NEW; END $$; CREATE TRIGGER refuse_later BEFORE INSERT ON qor_event "
+            "FOR EACH ROW EXECUTE FUNCTION refuse_later()");
+        const auto failed = QORIngest(options).importBatch(lines, 1, &request);
+        EXPECT_EQ(failed.accepted(), 6U);
+        ASSERT_TRUE(failed.failure);
+        EXPECT_EQ(failed.failure->firstLine, 7U);
+        at(3).run("DROP TRIGGER refuse_later ON qor_event; DROP FUNCTION refuse_later()");
+        options.batchRecords = portion;
+        const auto result = QORIngest(options).importBatch(lines, 1, &request);
+        EXPECT_FALSE(result.failure);
+        EXPECT_EQ(result.lastLine, 12U);
+        if (portion == 6) expectStored(result, 12);
+        EXPECT_THAT(events(), ElementsAre("4", "4", "4"));
+    }
+}
+
+TEST_F(SpreadIngestTest, AttemptsAtOneRequestAtTheSameTimeStoreItOnceAndAnswerAlike) {
+    std::string lines;
+    for (int i = 0; i < 300; ++i)
+        lines += event(i, on(static_cast<unsigned>(i % 3) + 1));
+    std::vector<std::future<QORIngestResult>> attempts;
+    for (int i = 0; i < 6; ++i)
+        attempts.push_back(std::async(std::launch::async, [&] { return send(lines, "key"); }));
+    for (auto& attempt : attempts)
+        expectStored(attempt.get(), 300);
+    EXPECT_THAT(events(), ElementsAre("100", "100", "100"));
+}
+
+TEST_F(SpreadIngestTest, AServerThatIsAwayIsNamedAndOthersGoOn) {
+    ShardedPostgres::server(2).crash();
+    const auto failed = send(event(1, on(2)));
+    ASSERT_TRUE(failed.failure);
+    EXPECT_THAT(failed.failure->reason, HasSubstr("\"s2\""));
+    expectStored(send(event(1, on(1)) + event(1, on(3))), 2);
+    expectStored(send(operation("o", on(1)) + backup("b", on(3))), 2);
+    ShardedPostgres::server(2).start();
+    expectStored(send(event(1, on(2))), 1);
+    EXPECT_THAT(events(), ElementsAre("1", "1", "1"));
+}
+
+// Environments that have moved since the placement was read.
+TEST_F(SpreadIngestTest, WhatAServerNoLongerKeepsGoesToTheOneThatDoes) {
+    const QOREID moved = on(2);
+    const std::string stays = environment(on(1), "t") + event(1, on(1));
+    QORServers::instance().placement();
+    PostgresConnection second = at(2);
+    PostgresConnection third = at(3);
+    // They change places; home says so a moment later.
+    second.run("UPDATE qor_held SET remainder = 2");
+    third.run("UPDATE qor_held SET remainder = 1");
+    auto stored = std::async(std::launch::async, [&] { return send(stays + event(1, moved), "key"); });
+    home().run(
+        "SELECT pg_sleep(0.2); UPDATE qor_server SET remainder = 3 - remainder WHERE name <> 's1'; "
+        "UPDATE qor_placement SET epoch = epoch + 1");
+    expectStored(stored.get(), 3);
+    EXPECT_THAT(events(), ElementsAre("1", "0", "1"));
+    second.run("UPDATE qor_held SET remainder = 1");
+    third.run("UPDATE qor_held SET remainder = 2");
+    home().run(
+        "UPDATE qor_server SET remainder = 3 - remainder WHERE name <> 's1'; "
+        "UPDATE qor_placement SET epoch = epoch + 1");
+}
+
+TEST_F(SpreadIngestTest, AServerThatKeepsSomethingElseForGoodIsNamed) {
+    at(2).run("UPDATE qor_held SET modulus = 6");
+    const auto failed = send(event(1, on(2)));
+    ASSERT_TRUE(failed.failure);
+    EXPECT_THAT(failed.failure->reason, HasSubstr("server \"s2\" keeps other environments"));
+    at(2).run("UPDATE qor_held SET modulus = 3");
+}
+
+}  // namespace
+}  // namespace QOR::test
