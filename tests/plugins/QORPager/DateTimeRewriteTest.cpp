@@ -46,6 +46,7 @@ const RewriteCase rewriteCases[] = {
     {"'1970-01-02' = pager.op_log.time", "'1970-01-02' = pager.op_log.time"},
     {"   '1970-01-02' = pager.op_log.time", "   '1970-01-02' = pager.op_log.time"},
     {"    '1970-01-02' = pager.op_log.time", "    86400 = pager.op_log.time"},
+    {"flag ' = pager.op_log.time = '1970-01-02'", "flag ' = pager.op_log.time = 86400"},
     {"5 = pager.op_log.time", "5 = pager.op_log.time"},
     {"  5 = pager.op_log.time", "  5 = pager.op_log.time"},
     {"'' = pager.op_log.time", "'' = pager.op_log.time"},

@@ -53,6 +53,12 @@ TEST(Sources, NameTheirOwnFieldsOnly) {
     }
 }
 
+TEST(Sources, HaveParametersUnderTheirPrefixWhereTheyHaveOne) {
+    EXPECT_TRUE(sourceOf(TCursorType::OpLog).isParameter("pager.op_log.parameter.env.eid"));
+    EXPECT_FALSE(sourceOf(TCursorType::OpLog).isParameter("pager.op_log.time"));
+    EXPECT_FALSE(sourceOf(TCursorType::Env).isParameter("pager.env.eid"));
+}
+
 TEST(Sources, CallColumnsByTheLastPartOfTheFieldsName) {
     for (const QORSource& source : pagerSources()) {
         for (const QORSourceColumn& column : source.columns)

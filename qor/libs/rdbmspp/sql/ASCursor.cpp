@@ -214,8 +214,8 @@ void ASCursor::Impl::bind(const ASProject& project) {
     for (const auto& item : project.m_items) {
         ASData* data = item->data();
         layout.push_back(layoutOf(data));
-        const bool sum = item->group && data && item->group->function() == ASGroupAttribute::Function::Sum &&
-                         (data->type() == ASType::Int || data->type() == ASType::BigInt);
+        const bool sum =
+            item->group && data && item->group->function() == ASGroupAttribute::Function::Sum && isWhole(data->type());
         columns.push_back({data, sum ? &*item->group : nullptr});
     }
     statement->bindColumns(layout);

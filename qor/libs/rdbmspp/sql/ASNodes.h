@@ -17,6 +17,11 @@ namespace QOR {
 /// A value as it travels to the database.
 ASValue valueOf(const ASData& data);
 
+/// Whether values of the type are whole numbers.
+constexpr bool isWhole(ASType type) {
+    return type == ASType::Int || type == ASType::BigInt;
+}
+
 struct ASAttribute::Impl {
     enum class Kind : unsigned char { Column, Expression, Select };
 

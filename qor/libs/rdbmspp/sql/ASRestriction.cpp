@@ -35,16 +35,16 @@ bool tellsAGuid(const Node& node) {
 /// Of a typed engine: whether the literals are compared with the column as values of its kind. A whole number beside a
 /// fraction is made a decimal number first.
 bool areOfKind(const ASAttribute& column, const std::vector<std::string_view>& literals) {
-    if (column.type() != ASType::Int && column.type() != ASType::BigInt) return true;
+    if (!isWhole(column.type())) return true;
     return std::all_of(literals.begin(), literals.end(), [](std::string_view sql) {
         const auto text = literalText(sql);
-        return parseInt64(text ? *text : sql).has_value();
+        return text && parseInt64(*text);
     });
 }
 
 bool isOfKind(const ASAttribute& column, const ASValue& value) {
     if (value.kind == ASValue::Kind::Binary) return false;
-    if (column.type() != ASType::Int && column.type() != ASType::BigInt) return true;
+    if (!isWhole(column.type())) return true;
     return value.kind == ASValue::Kind::Integer || (value.kind == ASValue::Kind::Text && parseInt64(value.text));
 }
 

@@ -95,9 +95,10 @@ void ASSqlBuilder::rows(const ASSelect& select, const ASComparison& where) {
 /// The column whose values an item selects, null where it selects others.
 const ASAttribute* ASSqlBuilder::columnIn(const ASProject::Item& item) {
     if (!item.group) return item.attribute->isColumn() ? &*item.attribute : nullptr;
-    const ASAttribute* const column = item.group->aggregated();
     const bool exact = item.group->function() != Function::Count && item.group->function() != Function::Average;
-    return exact && column != nullptr && column->storage() == ASStorage::Decimal ? column : nullptr;
+    if (!exact) return nullptr;
+    const ASAttribute* const column = item.group->aggregated();  // of nothing are counts only
+    return column->storage() == ASStorage::Decimal ? column : nullptr;
 }
 
 // Such an engine sorts distinct rows only by what is written in the list of what is selected, to the letter. So they
@@ -238,8 +239,7 @@ bool ASSqlBuilder::isExactSum(const ASGroupAttribute& attribute) const {
 
 std::string ASSqlBuilder::exactSum(const ASGroupAttribute& attribute) const {
     const ASAttribute& column = *attribute.m_impl->attribute;
-    const bool whole = column.type() == ASType::Int || column.type() == ASType::BigInt;
-    return whole ? m_dialect.wholeSum(column.Query()) : m_dialect.realSum(column.Query());
+    return isWhole(column.type()) ? m_dialect.wholeSum(column.Query()) : m_dialect.realSum(column.Query());
 }
 
 void ASSqlBuilder::value(const ASValue& value) {

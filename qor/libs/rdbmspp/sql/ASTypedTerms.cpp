@@ -156,7 +156,7 @@ ASTypedTerms::Side ASTypedTerms::sideOf(const ASAttribute& attribute) {
         made.family = familyOf(attribute.type());
         made.storage = attribute.storage();
         made.real = isReal(attribute);
-        made.whole = attribute.type() == ASType::Int || attribute.type() == ASType::BigInt;
+        made.whole = isWhole(attribute.type());
     } else if (attribute.nestedSelect()) {
         made.family = familyOf(*attribute.nestedSelect());
         made.real = isReal(*attribute.nestedSelect());
@@ -340,8 +340,7 @@ void ASTypedTerms::compareValues(const ASValue& left, Node::Op op, const ASValue
 void ASTypedTerms::binary(const Side& left, Node::Op op, const ASValue& value, const char* type) {
     side(left);
     // An index of another order than that of bytes still serves an equality.
-    if (left.family == Family::Text && isOrder(op) && value.kind != ASValue::Kind::Binary)
-        m_builder.append(m_builder.dialect().byteOrder);
+    if (left.family == Family::Text && isOrder(op)) m_builder.append(m_builder.dialect().byteOrder);
     m_builder.append(operatorText(op));
     m_builder.typedValue(value, type);
 }

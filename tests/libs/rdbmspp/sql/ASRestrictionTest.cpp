@@ -1,5 +1,6 @@
 // A restricted filter: how it is written, and that the condition is asked of no row outside.
 #include "libs/rdbmspp/DatabaseFixture.h"
+#include "rdbmspp/engine/ASDialect.h"
 
 namespace QOR::test {
 namespace {
@@ -219,6 +220,53 @@ TEST_F(ASRestricted, AColumnOfWhichNothingIsKnownStandsInside) {
     const Column unknown = column(domainOf("v"), "a", ASType::Int);
     EXPECT_EQ(query(unknown.attribute == ASInt(1)),
               R"("v"."o" IN ('1') AND CASE WHEN "v"."o" IN ('1') THEN CASE WHEN "v"."a" = 1 THEN 1 = 1 END END)");
+}
+
+// Where it compares values of different kinds a typed engine casts, which may fail on a row.
+TEST_F(ASRestricted, ATypedEngineIsAskedOutsideForValuesOfTheColumnsKindOnly) {
+    const ASDialect& postgres = ASDialect::of(ASEngine::PostgreSQL);
+    const Column m = column(ASDomain::view("v", {"m"}), "m", ASType::BigInt);
+    const auto raw = [](const char* sql) { return ASAttribute(ASAttribute::Raw::Expression, sql); };
+    const auto isOutside = [&](const ASComparison& condition) {
+        ASSelect select;
+        select.Filter().Project() << b.attribute;
+        select.Filter().Set(condition);
+        select.Filter().Restrict(own);
+        return select.Query(postgres).find("CASE") == std::string::npos;
+    };
+    const ASComparison outside[] = {
+        a.attribute == ASInt(1),
+        a.attribute<ASVStr(4, "7"), m.attribute == ASInt64(1), m.attribute == ASVStr(4, "7"),
+                    b.attribute == ASVStr(4, "x"), b.attribute>
+            ASInt(5),
+        ASAttribute::IsNull(a.attribute),
+        ASData::EQ(ASInt(1), ASVStr(4, "x")),
+        ASAttribute::In(a.attribute, "'1', '2'"),
+        ASAttribute::In(b.attribute, "'1', 'x'"),
+        ASAttribute::Between(m.attribute, raw("'1'"), raw("'2'")),
+        ASAttribute::Between(b.attribute, raw("'1'"), raw("'x'")),
+    };
+    const ASComparison inside[] = {
+        a.attribute == ASDouble(1.5),
+        a.attribute == ASVStr(4, "1.5"),
+        a.attribute == ASInt(),
+        a.attribute == ASRealBlob(RealBlob("7", 1)),
+        b.attribute == ASRealBlob(RealBlob("7", 1)),
+        m.attribute < ASDouble(1.5),
+        m.attribute == ASVStr(4, "x"),
+        a.attribute == m.attribute,
+        b.attribute == b.attribute,
+        ASAttribute::In(a.attribute, "'1', '1.5'"),
+        ASAttribute::In(m.attribute, "'x'"),
+        ASAttribute::Between(m.attribute, raw("'1'"), raw("'x'")),
+        ASAttribute::Between(m.attribute, raw("'1'"), raw("'1', '2'")),
+        ASAttribute::Between(a.attribute, a.attribute, raw("'1'")),
+        ASAttribute::Between(b.attribute, raw("'1'"), b.attribute),
+    };
+    for (const ASComparison& condition : outside)
+        EXPECT_TRUE(isOutside(condition)) << condition.Query();
+    for (const ASComparison& condition : inside)
+        EXPECT_FALSE(isOutside(condition)) << condition.Query();
 }
 
 TEST_F(ASRestricted, TheConditionIsAskedOfNoRowOutside) {

@@ -133,6 +133,7 @@ TEST_F(ASSqlText, AttributesAndAggregates) {
     EXPECT_EQ(ASGroupAttribute(F::Sum, a.attribute).Query(), R"(sum("v"."a"))");
     EXPECT_EQ(ASGroupAttribute(F::Average, d.attribute).Query(), R"(avg("v"."d"))");
     EXPECT_EQ(ASGroupAttribute(F::Sum, b.attribute).Query(), R"(sum("v"."b"))");
+    EXPECT_EQ(ASGroupAttribute(F::Sum, ASAttribute(ASAttribute::Raw::Expression, "1 + 1")).Query(), "sum((1 + 1))");
     EXPECT_EQ(ASGroupAttribute(F::Min, b.attribute).Query(), "min(NULL)");
     EXPECT_EQ(ASGroupAttribute(F::Max, x.attribute).Query(), "max(NULL)");
     EXPECT_EQ(ASGroupAttribute(F::Sum, g.attribute).Query(), "sum(NULL)");

@@ -56,6 +56,15 @@ TEST_F(ASTypedText, ListsAreTakenApartAtTheirCommas) {
     EXPECT_EQ(in("'a' || 'b'"), R"(("v"."s" COLLATE "C" = 'a' || 'b'))");
 }
 
+TEST_F(ASTypedText, WhatASelectComputesIsComparedAsAText) {
+    ASAttribute computed = raw("'B'");
+    computed.Register(v);
+    ASSelect select;
+    select.Filter().Project() << computed;
+    const ASAttribute nested(std::make_shared<const ASNestedSelect>(select, postgres));
+    EXPECT_EQ((s.attribute == nested).Query(postgres), R"("v"."s" COLLATE "C" = (SELECT 'B' FROM "v"))");
+}
+
 TEST_F(ASTypedText, AnEscapeOfMoreThanAsciiIsRefused) {
     EXPECT_EQ(failure([&] { ASAttribute::Like(s.attribute, "a", '\xc3').Query(postgres); }),
               "the escape character of LIKE has to be ASCII");

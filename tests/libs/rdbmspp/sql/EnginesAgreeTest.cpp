@@ -311,6 +311,16 @@ TEST_F(EnginesAgree, AboutListsOfLiteralsColumnsAndCalls) {
         answers["long"] = ids(ASAttribute::In(literal("B"), many));
         answers["select"] = ids(ASAttribute::In(literal("B"), nested(s)));
         answers["select of none"] = ids(ASAttribute::In(literal("no text there"), nested(s)));
+        const ASAttribute& n = columns[0].attribute;
+        ASGroupAttribute count(Function::Count, n);
+        count.Register(makeData(ASType::BigInt), v);
+        for (const char* text : {"10", "8", "1e1", "B"}) {
+            const std::string question = std::string(text) + " in ";
+            answers[question + "columns"] =
+                ids(ASAttribute::In(literal(text), std::vector<ASAttribute>{n, s, id.attribute}));
+            answers[question + "numbers"] = ids(ASAttribute::In(literal(text), nested(n)));
+            answers[question + "a count"] = ids(ASAttribute::In(literal(text), nested(count)));
+        }
         answers["literal of a select"] = ids(ASAttribute::In(c, "SELECT 'ab'"));
     });
 }

@@ -136,6 +136,13 @@ TEST(ColumnCells, AnItemOfAListIsALiteralOrSql) {
     EXPECT_EQ(name.inOne(ColumnCell(std::string("'a','b'"), true)).Query(), R"("vPeople"."name" IN ('a','b'))");
 }
 
+TEST(ColumnCells, AreFoldedAsSqlText) {
+    const ColumnCell name(SelectStmnt::getDomain("vPeople"), "name", "", ColumnType::VarChar, 20, "");
+    EXPECT_EQ(name.lower(), R"(lower("vPeople"."name"))");
+    EXPECT_EQ(name.upper(), R"(upper("vPeople"."name"))");
+    EXPECT_EQ(ColumnCell(std::string("O'Hara"), false).upper(), "upper('O''Hara')");
+}
+
 TEST(ColumnCells, BindTheirDataAggregatesToo) {
     const ASDomainPtr domain = SelectStmnt::getDomain("vPeople");
     const ColumnCell column(domain, "score", "", ColumnType::Double, 0, "");
