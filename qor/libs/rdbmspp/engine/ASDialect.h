@@ -95,7 +95,8 @@ struct QOR_API ASDialect {
     /// The sum of any other column, null for no values.
     std::string realSum(std::string_view expression) const;
     /// The sum of a column of decimal numbers, exact, in the form of exactDecimal(); or as a number to compare with.
-    /// And the average, a number of floating point. Null for no values. Of an engine that is not typed.
+    /// And the average, a number of floating point, of whole numbers too. Null for no values. Of an engine that is not
+    /// typed.
     std::string decimalSum(std::string_view expression) const;
     std::string comparedDecimalSum(std::string_view expression) const;
     std::string decimalAverage(std::string_view expression) const;

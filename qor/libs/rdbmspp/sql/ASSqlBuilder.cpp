@@ -216,8 +216,11 @@ void ASSqlBuilder::nestedAggregate(const ASGroupAttribute& attribute) {
     append(")");
 }
 
+// An engine that adds in floating point for an average rounds whole numbers beyond 2^53, and in what order is its
+// choice.
 bool ASSqlBuilder::isDecimalSum(const ASGroupAttribute& attribute) const {
     const auto& impl = *attribute.m_impl;
+    if (impl.function == Function::Average && isWhole(impl.attribute->type())) return true;
     const bool adds = impl.function == Function::Sum || impl.function == Function::Average;
     return adds && impl.attribute->storage() == ASStorage::Decimal;
 }

@@ -77,6 +77,19 @@ TEST_P(ExactNumbers, SumsOfAnySizeAreThoseOfTheDigits) {
     EXPECT_THAT(aggregate(Function::Sum), ElementsAre("995.0000001"));
 }
 
+TEST_P(ExactNumbers, AveragesOfWholeNumbersAreMadeOfTheirExactSums) {
+    ASGroupAttribute average(Function::Average, m.attribute);
+    average.Register(makeData(ASType::Double), v);
+    EXPECT_THAT(select(average), ElementsAre("<null>"));
+    run("INSERT INTO t (id, m) VALUES (1, 9007199254740993), (2, -1), (3, NULL)");
+    EXPECT_THAT(select(average), ElementsAre("4503599627370496"));
+    run("INSERT INTO t (id, m) VALUES (4, 9223372036854775807), (5, 9223372036854775807), (6, 1)");
+    EXPECT_THAT(select(average), ElementsAre("3.6911502545928586e+18"));
+    run("DELETE FROM t WHERE id IN (4, 5); UPDATE t SET m = 9007199254740994 WHERE id = 1;"
+        "INSERT INTO t (id, m) VALUES (7, 1), (8, 1)");
+    EXPECT_THAT(select(average), ElementsAre("1801439850948199.2"));
+}
+
 TEST_P(ExactNumbers, SumsAreSortedAsNumbers) {
     run("INSERT INTO t (id, x, m) VALUES (1, 9.5, 1), (2, 100, 2), (3, 0.5, 1), (4, -3, 3), (5, 9007199254740993, 4)");
     ASGroupAttribute sum(Function::Sum, x.attribute);
