@@ -404,7 +404,8 @@ QORRecordBounds QORRecordBounds::of(const ASDialect& dialect) noexcept {
     return {dialect.firstSecond, dialect.longestIndexed};
 }
 
-QORRecordParser::QORRecordParser(const QORRecordBounds& bounds) : m_impl(std::make_unique<Impl>(Impl{JsonTree(), bounds})) {}
+QORRecordParser::QORRecordParser(const QORRecordBounds& bounds)
+    : m_impl(std::make_unique<Impl>(Impl{JsonTree(), bounds})) {}
 QORRecordParser::~QORRecordParser() = default;
 
 QORRecord QORRecordParser::parse(std::string_view line) {
