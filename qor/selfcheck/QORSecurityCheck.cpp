@@ -12,7 +12,6 @@
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
 #include "host/QORHost.h"
-#include "host/QORHostPaths.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "selfcheck/QORSecurityCopies.h"
 #include "selfcheck/QORSecurityPagerRequests.h"
@@ -27,7 +26,7 @@ constexpr std::size_t fewestClients = 4;
 constexpr std::size_t mostClients = 16;
 constexpr std::size_t mostEids = 50;
 constexpr std::size_t keptDifferences = 5;
-constexpr const char* wholeName = "whole.db";
+constexpr unsigned mostAttempts = 20;  // at what differs, where others may write meanwhile
 
 // ---- answers --------------------------------------------------------------------------------------------------------
 
@@ -118,9 +117,8 @@ std::string kindOf(const std::string& message) {
 
 class Check {
 public:
-    Check(const std::filesystem::path& database, const QORSecurityCheckOptions& options)
-        : m_options(options), m_random(options.seed) {
-        copyDatabase(database, m_folder.path() / wholeName);
+    Check(const std::string& connectionString, const QORSecurityCheckOptions& options)
+        : m_options(options), m_random(options.seed), m_copies(QORSecurityCopies::of(connectionString)) {
         learn();
         start();
     }
@@ -138,26 +136,19 @@ public:
 
 private:
     void learn() {
-        QORCheckedDatabase whole(m_folder.path() / wholeName, true);
+        QORCheckedDatabase& whole = m_copies->whole();
         m_views = checkedViews(whole);
         if (m_views.empty()) throw QORException(errFailure, "the database has no view to ask", sourcePath, __LINE__);
         m_objects = checkedObjects(whole, m_views);
-        m_ownDatabase = isHostDatabase(whole);
+        m_ownDatabase = whole.isHostDatabase();
         m_samples.emplace(m_views);
         for (const QORCheckedView& view : m_views)
             (view.objects.empty() ? m_report.openViews : m_report.restrictedViews).push_back(view.name);
     }
 
-    ASDatabaseOptions databaseOptions(const std::string& name) const {
-        ASDatabaseOptions options;
-        options.connectionString = sqliteConnectionString(m_folder.path() / name);
-        options.readOnly = true;
-        return options;
-    }
-
     void start() {
         QORHostOptions options;
-        options.database = databaseOptions(wholeName);
+        options.database = m_copies->wholeOptions();
         options.schemaMode = QORSchemaMode::Reading;
         options.plugInDirectory = m_options.plugIns;
         m_host = std::make_unique<QORHost>(std::move(options));
@@ -183,10 +174,15 @@ private:
         return made;
     }
 
+    struct Answers {
+        std::string restricted;  ///< what the client was given
+        std::string expected;    ///< what full access was given by the client's part
+    };
+
     /// On a session of their own: names that an identity has used are known to its later requests.
-    std::vector<std::string> answersOf(const std::string& database, const std::vector<QORSecurityRequest>& asked,
+    std::vector<std::string> answersOf(const ASDatabaseOptions& database, const std::vector<QORSecurityRequest>& asked,
                                        const std::set<std::string>* eids) {
-        QORRdbms::instance().configure(databaseOptions(database));
+        QORRdbms::instance().configure(database);
         envCache()->load();
         const auto session = m_host->newSession(fullAccessContext());
         std::vector<std::string> answers;
@@ -197,29 +193,58 @@ private:
     }
 
     void askAs(const std::set<std::string>& eids, std::size_t requests) {
-        const std::string part = "part" + std::to_string(m_parts++) + ".db";
-        const auto sizes = makeVisiblePart(m_folder.path() / wholeName, m_folder.path() / part, m_views, eids);
-        const std::vector<QORSecurityRequest> asked = makeRequests(requests, sizes);
-        const std::vector<std::string> restricted = answersOf(wholeName, asked, &eids);
-        const std::vector<std::string> expected = answersOf(part, asked, nullptr);
-        for (std::size_t i = 0; i < requests; ++i)
-            take(asked[i], eids, restricted[i], expected[i]);
+        const QORVisiblePart part = m_copies->makePart(m_views, eids);
+        std::vector<QORSecurityRequest> asked = makeRequests(requests, part.sizes);
+        std::vector<std::string> restricted = answersOf(m_copies->wholeOptions(), asked, &eids);
+        std::vector<std::string> expected = answersOf(part.database, asked, nullptr);
+        std::vector<QORSecurityRequest> doubtful;
+        for (std::size_t i = 0; i < asked.size(); ++i) {
+            const Answers answers{std::move(restricted[i]), std::move(expected[i])};
+            if (m_copies->mayChange() && !isSame(asked[i].order, answers.restricted, answers.expected)) {
+                doubtful.push_back(std::move(asked[i]));
+            } else {
+                take(asked[i], eids, answers);
+            }
+        }
+        settle(std::move(doubtful), eids);
         m_report.requests += requests;
     }
 
-    void take(const QORSecurityRequest& request, const std::set<std::string>& eids, const std::string& restricted,
-              const std::string& expected) {
+    /// Asks again, of a part made anew, until the client is answered the same before and after that is made: then
+    /// nobody has written what the answer depends on meanwhile.
+    void settle(std::vector<QORSecurityRequest> asked, const std::set<std::string>& eids) {
+        for (unsigned attempt = 1; !asked.empty(); ++attempt) {
+            const std::vector<std::string> before = answersOf(m_copies->wholeOptions(), asked, &eids);
+            const QORVisiblePart part = m_copies->makePart(m_views, eids);
+            const std::vector<std::string> expected = answersOf(part.database, asked, nullptr);
+            const std::vector<std::string> after = answersOf(m_copies->wholeOptions(), asked, &eids);
+            std::vector<QORSecurityRequest> again;
+            for (std::size_t i = 0; i < asked.size(); ++i) {
+                const auto same = [&](const auto& left, const auto& right) {
+                    return isSame(asked[i].order, left[i], right[i]);
+                };
+                if (same(before, after) || same(after, expected) || attempt == mostAttempts) {
+                    take(asked[i], eids, {after[i], expected[i]});
+                } else {
+                    again.push_back(std::move(asked[i]));
+                }
+            }
+            asked = std::move(again);
+        }
+    }
+
+    void take(const QORSecurityRequest& request, const std::set<std::string>& eids, const Answers& answers) {
         ++m_report.operators[request.operatorName];
         for (const char* const shape : request.shapes)
             ++m_report.shapes[shape];
-        const Answer answer = parsed(expected);
+        const Answer answer = parsed(answers.expected);
         m_report.rows += answer.rows.size();
-        if (isSame(request.order, restricted, expected)) {
+        if (isSame(request.order, answers.restricted, answers.expected)) {
             if (answer.error) ++m_report.errors[kindOf(answer.error->message)];
             return;
         }
         if (m_report.different++ < keptDifferences)
-            m_report.differences.push_back({envelope(request, &eids), restricted, expected});
+            m_report.differences.push_back({envelope(request, &eids), answers.restricted, answers.expected});
     }
 
     static bool isSame(QORSecurityRequest::Order order, const std::string& left, const std::string& right) {
@@ -229,13 +254,12 @@ private:
 
     const QORSecurityCheckOptions& m_options;
     std::mt19937_64 m_random;
-    QORPrivateFolder m_folder;
+    std::unique_ptr<QORSecurityCopies> m_copies;
     std::vector<QORCheckedView> m_views;
     std::vector<std::string> m_objects;
     bool m_ownDatabase = false;
     std::optional<QORPagerSamples> m_samples;
     QORSecurityReport m_report;
-    unsigned m_parts = 0;
     std::unique_ptr<QORHost> m_host;
 };
 
@@ -256,8 +280,8 @@ bool isSameAnswer(const std::string& left, const std::string& right, bool ordere
     return std::equal(a.rows.begin(), a.rows.end(), b.rows.begin(), isSameRow);
 }
 
-QORSecurityReport checkSecurity(const std::filesystem::path& database, const QORSecurityCheckOptions& options) {
-    return Check(database, options).run();
+QORSecurityReport checkSecurity(const std::string& connectionString, const QORSecurityCheckOptions& options) {
+    return Check(connectionString, options).run();
 }
 
 }  // namespace QOR

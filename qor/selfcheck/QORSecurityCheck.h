@@ -44,9 +44,12 @@ struct QORSecurityReport {
 /// Whether two answers in message notation say the same. \param ordered false: rows in any order
 bool isSameAnswer(const std::string& left, const std::string& right, bool ordered);
 
-/// Copies the database (a file of SQLite, which is only read) into a private folder, makes of the copy a part for each
-/// of some clients, and asks. The process must host nothing else meanwhile: it is the whole host for that time.
-/// \throws QORException when the database cannot be read or copied, or nothing in it can be asked
-QORSecurityReport checkSecurity(const std::filesystem::path& database, const QORSecurityCheckOptions& options);
+/// Makes of the database a part for each of some clients, and asks. A file of SQLite is only read; it is copied into a
+/// private folder first. A database on a server is asked where it is, and has the parts one after the other in a schema
+/// of its own, "qor_check_...", which the role must be allowed to create; what differs there is asked again of a part
+/// made anew, so that what others write meanwhile does not count. The process must host nothing else: it is the whole
+/// host for that time. \throws QORException when the database cannot be read or copied, or nothing in it can be asked;
+/// AException
+QORSecurityReport checkSecurity(const std::string& connectionString, const QORSecurityCheckOptions& options);
 
 }  // namespace QOR

@@ -1,43 +1,66 @@
 /// \file
-/// The databases that the security check asks: a copy of the whole one, and one for each client of what it may see.
+/// The databases that the security check asks: the whole one, and one for each client of what it may see.
 #pragma once
 
-#include <filesystem>
+#include <array>
+#include <cstddef>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "rdbmspp/pool/QORRdbms.h"
 #include "selfcheck/QORSecurityViews.h"
 
 namespace QOR {
 
-/// A folder of mode 0700 below the system's folder of temporary files; gone with the object, and everything in it.
-class QORPrivateFolder {
-public:
-    /// \throws QORException 1
-    QORPrivateFolder();
-    ~QORPrivateFolder();
-    QORPrivateFolder(const QORPrivateFolder&) = delete;
-    QORPrivateFolder& operator=(const QORPrivateFolder&) = delete;
-    const std::filesystem::path& path() const noexcept { return m_path; }
-
-private:
-    std::filesystem::path m_path;
+/// A database of the same views, each of which holds the rows that a client may see, and of the host's own tables, with
+/// the client's records, if the whole one has them. Nothing else is there: no other row, and no table behind other
+/// views.
+struct QORVisiblePart {
+    ASDatabaseOptions database;
+    std::map<std::string, std::size_t> sizes;  ///< rows of each view; one that cannot be read as far as the client sees
+                                               ///< it is left out
 };
 
-/// Copies the database, which is opened for reading only. \throws QORException 1
-void copyDatabase(const std::filesystem::path& from, const std::filesystem::path& to);
+/// One engine's way to make them. One thread.
+class QORSecurityCopies {
+public:
+    /// Chosen by the connection string. \throws QORException 1, AException: the database cannot be opened or copied
+    static std::unique_ptr<QORSecurityCopies> of(const std::string& connectionString);
 
-/// Whether a database has the tables that operator "pager" selects from.
-bool isHostDatabase(QORCheckedDatabase& database);
+    QORSecurityCopies() = default;
+    virtual ~QORSecurityCopies() = default;
+    QORSecurityCopies(const QORSecurityCopies&) = delete;
+    QORSecurityCopies& operator=(const QORSecurityCopies&) = delete;
 
-/// Makes a database of the same views, each of which holds the rows that a client of the environments may see, and of
-/// the host's own tables, with the client's records. Nothing else is there: no other row, and no table behind other
-/// views. \returns rows of each view, by name; a view that cannot be read as far as the client sees it is left out
-std::map<std::string, std::size_t> makeVisiblePart(const std::filesystem::path& whole,
-                                                   const std::filesystem::path& part,
-                                                   const std::vector<QORCheckedView>& views,
-                                                   const std::set<std::string>& eids);
+    virtual QORCheckedDatabase& whole() = 0;
+    /// How hosts reach the whole database, for reading only.
+    virtual ASDatabaseOptions wholeOptions() const = 0;
+    /// Whether others may write to the whole one meanwhile, so that a part is one of a moment that has gone by.
+    virtual bool mayChange() const noexcept = 0;
+    /// In the place of the part before, which is gone. \throws QORException 1
+    virtual QORVisiblePart makePart(const std::vector<QORCheckedView>& views, const std::set<std::string>& eids) = 0;
+};
+
+/// The host's tables of records; `owner`: the column with the environment that one belongs to. An operation is there
+/// before what it touches.
+struct QORRecordTable {
+    const char* name;
+    const char* owner;
+};
+inline constexpr std::array<QORRecordTable, 4> checkedTables{{
+    {"qor_environment", "eid"},
+    {"qor_operation", "eid"},
+    {"qor_operation_environment", "own"},
+    {"qor_event", "eid"},
+}};
+
+/// The name of the table in a part that a view's rows lie in.
+std::string rowsOf(const QORCheckedView& view);
+/// `"name", "name"`: what a view's columns are selected by.
+std::string columnsOf(const QORCheckedView& view);
 
 }  // namespace QOR

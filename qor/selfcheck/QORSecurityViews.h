@@ -3,35 +3,11 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-struct sqlite3;
-
 namespace QOR {
-
-/// The engine's own connection to a database file. One thread.
-class QORCheckedDatabase {
-public:
-    /// \throws QORException 1 naming the file and the reason
-    QORCheckedDatabase(const std::filesystem::path& file, bool readOnly);
-    ~QORCheckedDatabase();
-    QORCheckedDatabase(const QORCheckedDatabase&) = delete;
-    QORCheckedDatabase& operator=(const QORCheckedDatabase&) = delete;
-
-    /// Runs statements without results. \throws QORException 1
-    void run(const std::string& sql);
-    /// The first `most` rows of a select as texts, nulls as empty texts. \throws QORException 1
-    std::vector<std::vector<std::string>> rows(const std::string& sql, std::size_t most = SIZE_MAX);
-    /// Copies the whole database, as it is at one moment, into `target`. \throws QORException 1
-    void copyTo(QORCheckedDatabase& target);
-
-private:
-    sqlite3* m_database = nullptr;
-};
 
 /// `"name"` and `'text'` with the quotes inside doubled.
 std::string quotedName(const std::string& name);
@@ -41,7 +17,7 @@ std::string quotedList(const std::set<std::string>& texts);
 
 struct QORCheckedColumn {
     std::string name;
-    std::string type;                  ///< as declared, without its length, in lower case
+    std::string type;                  ///< as operators know it: as declared, without its length, in lower case
     std::string declared;              ///< as declared
     std::vector<std::string> samples;  ///< some values of all rows, whoever may see them
 };
@@ -53,6 +29,29 @@ struct QORCheckedView {
 
     /// The condition that a row belongs to one of the environments.
     std::string access(const std::set<std::string>& eids) const;
+};
+
+/// A connection to a database that is checked. One thread.
+class QORCheckedDatabase {
+public:
+    QORCheckedDatabase() = default;
+    virtual ~QORCheckedDatabase() = default;
+    QORCheckedDatabase(const QORCheckedDatabase&) = delete;
+    QORCheckedDatabase& operator=(const QORCheckedDatabase&) = delete;
+
+    /// Runs a statement without results. \throws QORException 1
+    virtual void run(const std::string& sql) = 0;
+    /// The first column of the first `most` rows of a select as texts, nulls as empty texts. \throws QORException 1
+    std::vector<std::string> values(const std::string& sql, std::size_t most = SIZE_MAX) { return select(sql, most); }
+    /// An expression of the value of a column as a text.
+    virtual std::string textOf(const std::string& expression) const = 0;
+    /// Every view that can be read, by name, with the names and types of its columns alone. \throws QORException 1
+    virtual std::vector<QORCheckedView> listViews() = 0;
+    /// Whether there are the tables that operator "pager" selects from, so that a part can have its own of them.
+    virtual bool isHostDatabase() = 0;
+
+private:
+    virtual std::vector<std::string> select(const std::string& sql, std::size_t most) = 0;
 };
 
 /// Every view that can be read, with samples. \throws QORException 1

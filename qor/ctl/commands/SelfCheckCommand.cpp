@@ -2,7 +2,6 @@
 
 #include <cstdio>
 
-#include "QORDBSchema/QORDBSchema.h"
 #include "backend/Backend.h"
 #include "commands/Commands.h"
 #include "output/Output.h"
@@ -49,9 +48,8 @@ void print(const QORSecurityReport& report, FileOutput& out) {
 void runSelfCheckSecurity(const ConnectionOptions& connection, const SecurityCommandOptions& options) {
     if (!connection.standalone || connection.database.empty()) {
         throw CtlError::usage(
-            "self-check needs the database itself: --standalone --database FILE; an agent may serve it meanwhile, it "
-            "is "
-            "only read");
+            "self-check needs the database itself: --standalone --database DATABASE; an agent may serve it meanwhile, "
+            "its records are only read");
     }
     ConnectionOptions reading = connection;
     reading.readOnly = true;
@@ -63,7 +61,7 @@ void runSelfCheckSecurity(const ConnectionOptions& connection, const SecurityCom
     if (::isatty(STDERR_FILENO) == 1) {
         check.progress = [&](std::size_t done) { std::fprintf(stderr, "%zu of %zu\n", done, options.requests); };
     }
-    const QORSecurityReport report = checkSecurity(QORDBSchema::databaseName(connection.database), check);
+    const QORSecurityReport report = checkSecurity(connection.database, check);
     FileOutput out(STDOUT_FILENO);
     print(report, out);
     out.flush();

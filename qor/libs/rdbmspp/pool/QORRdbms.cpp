@@ -101,6 +101,8 @@ void addPostgresDefaults(OdbcConnectionString& string, Settings& settings) {
     settlePostgres(string);
     settings.source.patience = std::chrono::milliseconds(settings.options.busyTimeoutMs);
     settings.source.setup = {postgresScript(settings.source.patience)};
+    const std::string& schema = settings.options.schema;
+    if (!schema.empty()) settings.source.setup.push_back("SET search_path = " + ASSession::quoteIdentifier(schema));
     settings.source.streamingString = postgresStreaming(string);
 }
 

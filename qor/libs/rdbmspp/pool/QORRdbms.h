@@ -28,6 +28,7 @@ struct ASDatabaseOptions {
     unsigned maxConnections = 64;  ///< in use at once; a request beyond waits. One that reads a long result of
                                    ///< SQLite without a transaction opens a second one beside its own
     unsigned busyTimeoutMs = 5000;  ///< how long a database that another program has locked is waited for
+    std::string schema{};           ///< PostgreSQL's that bare names are found in; empty: those of the role's path
 };
 
 class ASFaults;
