@@ -97,14 +97,7 @@ class Ours {
 public:
     Ours() { m_options.batchRecords = batchSize; }
     /// \returns seconds
-    double store(std::uint64_t count) {
-        const std::vector<QORRecord> records = makeBatch(m_stored, count, span);
-        m_stored += records.size();
-        return wallSeconds([&] {
-            const QORIngestResult result = QORIngest(m_options).store(records, false);
-            check(!result.failure && result.accepted() == records.size(), "the records were not stored");
-        });
-    }
+    double store(std::uint64_t count) { return storeNext(m_options, m_stored, count, span); }
 
 private:
     QORIngestOptions m_options;

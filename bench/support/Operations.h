@@ -59,6 +59,17 @@ inline std::vector<QORRecord> makeBatch(std::uint64_t first, std::uint64_t count
     return batch;
 }
 
+/// Stores the operations that come behind those `stored` ones. \returns seconds
+inline double storeNext(const QORIngestOptions& options, std::uint64_t& stored, std::uint64_t count,
+                        std::uint64_t size) {
+    const std::vector<QORRecord> records = makeBatch(stored, count, size);
+    stored += records.size();
+    return wallSeconds([&] {
+        const QORIngestResult result = QORIngest(options).store(records, false);
+        check(!result.failure && result.accepted() == records.size(), "the records were not stored");
+    });
+}
+
 inline ASDatabaseOptions optionsOf(const std::filesystem::path& file) {
     ASDatabaseOptions options;
     options.connectionString = "Driver=SQLite3;Database=" + file.string();
