@@ -104,7 +104,7 @@ public:
     }
 
 private:
-    static constexpr int patience = 60'000;  ///< milliseconds; sanitizers are slow, a hang must still end
+    static constexpr int patience = 240'000;  ///< ms; what is not optimised is slow, a hang must still end
 
     std::string errorFile() const { return (m_directory / "stderr").string(); }
 
