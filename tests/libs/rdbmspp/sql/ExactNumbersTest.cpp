@@ -155,6 +155,7 @@ TEST_P(ExactNumbers, BytesAreGreaterThanTexts) {
     EXPECT_THAT(ids(p.attribute > s.attribute), ElementsAre("2"));
     EXPECT_THAT(ids(p.attribute <= s.attribute), ElementsAre());
     EXPECT_THAT(ids(s.attribute < p.attribute), ElementsAre("2"));
+    EXPECT_THAT(ids(id.attribute < p.attribute), ElementsAre("2", "3"));
     EXPECT_THAT(ids(s.attribute == p.attribute), ElementsAre());
 }
 
