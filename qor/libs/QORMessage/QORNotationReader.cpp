@@ -424,6 +424,8 @@ private:
     Members m_sidMembers;
 };
 
+// Envelopes of requests and of answers are read in the same manner, a state a member: each reader's switch is the list
+// of its own members, and a shared one would hide what belongs to which.
 class RequestReader final : public EventReader {
 public:
     explicit RequestReader(QORRequestEnvelope& request) : m_request(request), m_body(request.body) {}
