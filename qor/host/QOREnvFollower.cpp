@@ -7,6 +7,7 @@
 #include <stop_token>
 
 #include "QORCommon/QORLogger.h"
+#include "QORServers/QORServers.h"
 
 namespace QOR {
 namespace {
@@ -23,6 +24,7 @@ void follow(QOREnvCache& cache, const std::stop_token& stop) {
         if (stop.stop_requested()) return;
         try {
             cache.refresh();
+            QORServers::instance().refresh();
             if (failing) logMessage(2, "QORHost", sourcePath, __func__, "changed environments are taken in again");
             failing = false;
         } catch (const std::exception& failure) {

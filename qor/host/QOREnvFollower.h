@@ -1,5 +1,6 @@
 /// \file
-/// Keeps the cache of environments up to date with a database that others change too.
+/// Keeps the cache of environments, and the placement of their records, up to date with a database that others change
+/// too.
 #pragma once
 
 #include <thread>

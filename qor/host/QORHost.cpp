@@ -5,6 +5,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORLibLocal/QORVocabulary.h"
+#include "QORServers/QORServers.h"
 #include "host/QORHostPaths.h"
 #include "host/QORVocabularyFiles.h"
 
@@ -32,15 +33,20 @@ QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
         m_options.prime ? QOROpFactoryRegistry::instance().names() : std::vector<std::string>(), QORMessageLimits(),
         m_options.answers);
     m_router->prime();
-    if (m_options.follows) m_follower.emplace(m_environments);
+    if (!m_options.follows) return;
+    m_follower.emplace(m_environments);
+    const bool writes = !QORRdbms::instance().options().readOnly;
+    if (writes && QORRdbms::instance().engine() == ASEngine::PostgreSQL) m_serverFollower.emplace();
 }
 
 QORHost::~QORHost() {
+    m_serverFollower.reset();
     m_follower.reset();
     m_router.reset();
     m_plugIns.unloadAll();
     setEnvCache(nullptr);
     vocCacheLocal()->setVocabulary(nullptr);
+    QORServers::instance().close();
     QORRdbms::instance().shutdown();
 }
 

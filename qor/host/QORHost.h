@@ -16,6 +16,7 @@
 #include "host/QOREnvFollower.h"
 #include "host/QORPlugInLoader.h"
 #include "host/QORRouter.h"
+#include "ingest/ServerFollower.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
@@ -38,7 +39,8 @@ struct QORHostOptions {
     /// The database is this host's alone to keep: another one with the same wish is refused, as is this one when there
     /// is another. Not with database.readOnly, and not where the database is a server's, which any number may use.
     bool exclusive = false;
-    /// The host lasts: what others change of the environments is taken in within a second.
+    /// The host lasts: what others change of the environments is taken in within a second, and servers that keep
+    /// records are looked after.
     bool follows = false;
 };
 
@@ -73,6 +75,7 @@ private:
     std::vector<QORPlugInLoader::Refusal> m_refused;
     std::unique_ptr<QORRouter> m_router;
     std::optional<QOREnvFollower> m_follower;
+    std::optional<ServerFollower> m_serverFollower;
 };
 
 }  // namespace QOR

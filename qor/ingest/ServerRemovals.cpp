@@ -1,6 +1,7 @@
 #include "ingest/ServerRemovals.h"
 
-#include <algorithm>
+#include <limits>
+#include <utility>
 
 #include "QORCommon/QORText.h"
 
@@ -11,7 +12,9 @@ namespace {
 constexpr std::string_view everybodyElse = "*";
 
 constexpr std::string_view insertNote = "INSERT INTO qor_removal (server, source, ids) VALUES (?, ?, ?) RETURNING id";
-constexpr std::string_view selectNotes = "SELECT source, ids FROM qor_removal WHERE server IN (?, ?) ORDER BY id";
+/// Not more at once than memory can hold.
+constexpr std::string_view selectNotes =
+    "SELECT id, server, source, ids FROM qor_removal WHERE id <= ? ORDER BY id LIMIT 200";
 constexpr std::string_view selectFound =
     "SELECT 0, o.id, o.seq FROM qor_operation o WHERE o.id IN "
     "(SELECT value ->> 0 FROM json_array_elements(CAST(? AS json))) UNION ALL "
@@ -19,18 +22,13 @@ constexpr std::string_view selectFound =
     "(SELECT value ->> 0 FROM json_array_elements(CAST(? AS json))) UNION ALL "
     "SELECT 2, CAST(h.remainder AS text), h.modulus FROM qor_held h";
 
+/// The same statements whatever a note says.
 std::string deleteEarlier(std::string_view table) {
+    if (table != nameOf(IdentifiedTable::Operations) && table != nameOf(IdentifiedTable::Backups))
+        throw AException("a note of arrivals names the table " + quoteText(table) + ", which has no identifiers");
     return "DELETE FROM " + std::string(table) +
            " t USING (SELECT value ->> 0 AS id, CAST(value ->> 1 AS bigint) AS number "
            "FROM json_array_elements(CAST(? AS json))) r WHERE t.id = r.id AND t.seq < r.number";
-}
-
-/// The same statements whatever a note says.
-std::string_view checkedTable(std::string_view table) {
-    for (const IdentifiedTable one : {IdentifiedTable::Operations, IdentifiedTable::Backups}) {
-        if (table == nameOf(one)) return nameOf(one);
-    }
-    throw AException("a note of arrivals names the table " + quoteText(table) + ", which has no identifiers");
 }
 
 }  // namespace
@@ -72,28 +70,59 @@ bool findRecords(ASSession& session, const QORServer& here, std::string_view ope
     return same;
 }
 
-void removeEarlier(ASSession& session, std::string_view table, std::string_view ids) {
-    session.prepare(deleteEarlier(checkedTable(table))).bind(1, ids).execute();
+bool holds(ASSession& session, const QORServer& here) {
+    ASStatement& select = session.prepare("SELECT modulus, remainder FROM qor_held FOR SHARE");
+    select.execute();
+    const bool same = select.fetch() && select.integer(1) == static_cast<std::int64_t>(here.modulus) &&
+                      select.integer(2) == static_cast<std::int64_t>(here.remainder);
+    select.close();
+    return same;
 }
 
-void removeNoted(const QORServer& from, const QORServer& to) {
-    std::vector<std::pair<std::string, std::string>> notes;
-    QORServers& servers = QORServers::instance();
-    servers.run(from, [&](QORRdbms& database) {
+bool ArrivalNote::isFor(const QORServer& other) const {
+    return server == everybodyElse || server == other.name;
+}
+
+std::vector<ArrivalNote> readNotes(const QORServer& from, std::int64_t last) {
+    std::vector<ArrivalNote> notes;
+    QORServers::instance().run(from, [&](QORRdbms& database) {
         QORRdbmsTran tran(database, ASAccess::ReadOne);
         ASStatement& select = tran->prepare(selectNotes);
-        select.bind(1, std::string_view(to.name)).bind(2, everybodyElse).execute();
-        while (select.fetch())
-            notes.emplace_back(select.text(1), select.text(2));
+        select.bind(1, last).execute();
+        while (select.fetch()) {
+            notes.push_back({select.integer(1), std::string(select.text(2)), std::string(select.text(3)),
+                             std::string(select.text(4))});
+        }
         select.close();
     });
-    if (notes.empty()) return;
-    servers.run(to, [&](QORRdbms& database) {
+    return notes;
+}
+
+std::int64_t lastNote(const QORServer& from) {
+    std::int64_t last = 0;
+    QORServers::instance().run(from, [&](QORRdbms& database) {
+        QORRdbmsTran tran(database, ASAccess::ReadOne);
+        ASStatement& select = tran->prepare("SELECT coalesce(max(id), 0) FROM qor_removal");
+        select.execute();
+        if (select.fetch()) last = select.integer(1);
+        select.close();
+    });
+    return last;
+}
+
+bool removeEarlier(const QORServer& at, const std::vector<ArrivalNote>& notes) {
+    bool held = true;
+    QORServers::instance().run(at, [&](QORRdbms& database) {
         database.write([&](ASSession& session) {
-            for (const auto& [table, ids] : notes)
-                removeEarlier(session, table, ids);
+            held = holds(session, at);
+            if (!held) return;
+            for (const ArrivalNote& note : notes) {
+                if (note.isFor(at))
+                    session.prepare(deleteEarlier(note.table)).bind(1, std::string_view(note.ids)).execute();
+            }
         });
     });
+    return held;
 }
 
 // --- what is left to clear up ----------------------------------------------------------------------------------

@@ -45,12 +45,26 @@ struct FoundRecord {
 /// \returns whether it is; if not, environments have moved, and what is not found here may be elsewhere
 bool findRecords(ASSession& session, const QORServer& here, std::string_view operations, std::string_view backups,
                  std::vector<FoundRecord>& found);
-/// Removes records that came before those of `ids`.
-void removeEarlier(ASSession& session, std::string_view table, std::string_view ids);
+/// Whether the server has what the placement says. It keeps that until the caller's transaction ends.
+bool holds(ASSession& session, const QORServer& here);
 
-/// What `from` has noted and nobody has taken away yet is done on `to`. It may be done again at any time: what comes
-/// later has a greater number. \throws AException
-void removeNoted(const QORServer& from, const QORServer& to);
+/// A note of arrivals.
+struct ArrivalNote {
+    std::int64_t id;
+    std::string server;  ///< whom it is for
+    std::string table;
+    std::string ids;
+
+    bool isFor(const QORServer& server) const;
+};
+/// What a server has noted and nobody has taken away yet. \param last the last one that is of interest
+std::vector<ArrivalNote> readNotes(const QORServer& from, std::int64_t last);
+std::int64_t lastNote(const QORServer& from);
+
+/// Removes records at a server that came before those of the notes that are for it. That may be done again at any time:
+/// what comes later has a greater number. \returns whether the server has what the placement says; if not, the records
+/// may have moved, and nothing is done \throws AException
+bool removeEarlier(const QORServer& at, const std::vector<ArrivalNote>& notes);
 
 /// What a process still has to clear up on servers, with the next transaction that writes there. Thread-safe.
 class ServerLeftovers {

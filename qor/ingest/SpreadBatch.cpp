@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <limits>
 #include <set>
 #include <string>
 #include <thread>
@@ -66,16 +67,6 @@ void forAllAtOnce(Items& items, Work work) {
     for (const std::exception_ptr& failure : failures) {
         if (failure) std::rethrow_exception(failure);
     }
-}
-
-/// Whether the server has what the placement says. It keeps that until the caller's transaction ends.
-bool holds(ASSession& session, const QORServer& server) {
-    ASStatement& select = session.prepare("SELECT modulus, remainder FROM qor_held FOR SHARE");
-    select.execute();
-    const bool same = select.fetch() && select.integer(1) == static_cast<std::int64_t>(server.modulus) &&
-                      select.integer(2) == static_cast<std::int64_t>(server.remainder);
-    select.close();
-    return same;
 }
 
 /// In their order: who writes asks for them one batch at a time, so that a later batch has later ones.
@@ -381,7 +372,7 @@ void SpreadBatch::removeElsewhere(const std::vector<Part>& stored) {
     forAllAtOnce(looks, [](Look& look) {
         look.answered = askOther(look.server, look.operations.text(), look.backups.text(), look.found);
     });
-    for (const Look& look : looks)
+    for (Look& look : looks)
         compare(look, places);
     for (const Part& part : stored) {
         const bool seenTo = std::all_of(looks.begin(), looks.end(), [&](const Look& look) {
@@ -394,15 +385,17 @@ void SpreadBatch::removeElsewhere(const std::vector<Part>& stored) {
 }
 
 // Somebody who has not heard of this record yet may be about to remove it for the sake of the one that was found: that
-// is done first, and the record is stored once more, now with a greater number than all of that.
-void SpreadBatch::compare(const Look& look, const Places& places) {
+// is done first, and the record is stored once more, now with a greater number than all of that. Where environments
+// move meanwhile, the note stays for who sees to it later.
+void SpreadBatch::compare(Look& look, const Places& places) {
     for (const FoundRecord& found : look.found) {
         const Place& place = places.at({found.table, found.id});
         const std::int64_t number = place.record->number;
         if (found.number == number) continue;  // it has just been moved there
         const bool earlier = found.number < number;
         if (earlier) {
-            removeNoted(look.server, place.part->server);
+            const auto notes = readNotes(look.server, std::numeric_limits<std::int64_t>::max());
+            look.answered = look.answered && removeEarlier(place.part->server, notes);
             storeAll({*place.record}, nullptr);
             QORIngestCounts& counts = of(m_counts, kindOf(*place.record->record));
             if (counts.added > 0) {
@@ -410,12 +403,11 @@ void SpreadBatch::compare(const Look& look, const Places& places) {
                 ++counts.replaced;
             }
         }
+        const QORServer& loser = earlier ? look.server : place.part->server;
         ArrivedIds ids;
         ids.add(found.id, std::max(found.number, number));
-        const QORServer& loser = earlier ? look.server : place.part->server;
-        QORServers::instance().run(loser, [&](QORRdbms& database) {
-            database.write([&](ASSession& session) { removeEarlier(session, nameOf(found.table), ids.text()); });
-        });
+        const ArrivalNote note{0, loser.name, std::string(nameOf(found.table)), ids.text()};
+        look.answered = look.answered && removeEarlier(loser, {note});
     }
 }
 

@@ -74,7 +74,7 @@ private:
     void storeUnless(ASSession& session, Part& part, const RequestLedger& ledger) const;
     void awaitOtherPlacement(const QORServer& server);
     void removeElsewhere(const std::vector<Part>& stored);
-    void compare(const Look& look, const Places& places);
+    void compare(Look& look, const Places& places);
 
     std::shared_ptr<const QORPlacement> m_placement;
     bool m_keepEqual;

@@ -208,6 +208,8 @@ int QORDBSchema::migrate(ASSession& session, int version) {
 QORSchemaReport QORDBSchema::open(const ASDatabaseOptions& options, QORSchemaMode mode) {
     const QORSchemaReport report = openDatabase(options, mode);
     expectThisDatabase();
+    if (mode == QORSchemaMode::Own && !report.readOnly)
+        migrateServers(report.found.kind == QORSchemaState::Kind::Ours && report.found.version < latestVersion);
     warnOfDocuments(databaseName(options.connectionString));
     return report;
 }

@@ -41,6 +41,8 @@ struct QORSchemaReport {
     bool readOnly = false;  ///< the connections are for reading only
 };
 
+struct QORServer;
+
 class QOR_API QORDBSchema {
 public:
     /// The version that this program writes.
@@ -49,10 +51,11 @@ public:
     /// Makes QORRdbms ready for use: finds out what the database is without writing to it, then, unless
     /// options.readOnly, migrates an older version and, in mode Own, creates what is missing, all in one transaction
     /// that takes the write lock first; programs that start together wait for each other. Stored documents that cannot
-    /// be read are counted in the log. With options.readOnly nothing is ever written. In mode Own the files are made,
-    /// or become, readable to their user alone. \throws QORException 1 for a database that is newer than this program,
-    /// another program's in mode Own, missing or empty in mode Reading, or whose files another user has put there; the
-    /// text names the database. So it does for one that is being filled, unless in mode Filling.
+    /// be read are counted in the log. In mode Own servers that keep its records are brought up to date likewise, those
+    /// that can be reached; of the others the log tells. With options.readOnly nothing is ever written. In mode Own the
+    /// files are made, or become, readable to their user alone. \throws QORException 1 for a database that is newer
+    /// than this program, another program's in mode Own, missing or empty in mode Reading, or whose files another user
+    /// has put there; the text names the database. So it does for one that is being filled, unless in mode Filling.
     /// \throws AException when the database cannot be opened, read or written
     static QORSchemaReport open(const ASDatabaseOptions& options, QORSchemaMode mode);
 
@@ -62,6 +65,10 @@ public:
     /// Brings an empty database or an older one of ours to a version, within the caller's transaction, which must be
     /// for writing. \returns the version found \throws as open() in mode Own
     static int migrate(ASSession& session, int version = currentVersion());
+
+    /// Brings the database of a server that keeps records of the process's database to the version that this program
+    /// writes. \throws QORException 1 when it is newer, or none of this host's; the text names the server. AException
+    static void migrateServer(const QORServer& server);
 
     /// Fits the session's connection for transactions of many records: room for the pages that they touch, and a
     /// longer log before it is worked into the file. It stays so; durability is what it was.
@@ -91,6 +98,7 @@ public:
     static std::string databaseName(const std::string& connectionString);
 
 private:
+    static void migrateServers(bool homeChanged);
     static QORSchemaReport openDatabase(const ASDatabaseOptions& options, QORSchemaMode mode);
 };
 

@@ -1,0 +1,99 @@
+#include "ingest/ServerFollower.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <stop_token>
+#include <vector>
+
+#include "QORCommon/QORLogger.h"
+#include "QORCommon/QORRequestControl.h"
+#include "QORDBSchema/QORDBSchema.h"
+#include "ingest/EnvironmentCopies.h"
+#include "ingest/ServerRemovals.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* sourcePath = "qor/ingest/ServerFollower";
+constexpr auto betweenTurns = std::chrono::seconds(1);
+/// For a server: one that hangs does not keep the others waiting for long.
+constexpr auto longestVisit = std::chrono::seconds(10);
+
+}  // namespace
+
+void ServerUpkeep::turn() {
+    QORServers& servers = QORServers::instance();
+    const auto placement = servers.refresh();
+    for (const QORServer& server : placement->servers()) {
+        if (servers.isAway(server.name)) continue;
+        const QORRequestScope bounded(std::make_shared<QORRequestControl>(longestVisit));
+        try {
+            visit(*placement, server);
+            if (m_failing.erase(server.name) != 0)
+                logMessage(2, "QORIngest", sourcePath, __func__, "server \"%s\" is followed again",
+                           server.name.c_str());
+        } catch (const std::exception& failure) {
+            servers.noteAway(server.name);
+            m_current.erase(server.name);
+            if (m_failing.insert(server.name).second)
+                logMessage(1, "QORIngest", sourcePath, __func__, "server \"%s\" cannot be followed: %s",
+                           server.name.c_str(), failure.what());
+        }
+    }
+}
+
+void ServerUpkeep::visit(const QORPlacement& placement, const QORServer& server) {
+    if (m_current.count(server.name) == 0) QORDBSchema::migrateServer(server);
+    m_current.insert(server.name);
+    copyEnvironments(server);
+    ServerLeftovers::instance().flush(server);
+    seeToNotes(placement, server);
+}
+
+// Those that were there at the turn before: the newest are of batches that are still being stored. A note stays until
+// all whom it is for have done what it says, under the placement that holds when it is deleted.
+void ServerUpkeep::seeToNotes(const QORPlacement& placement, const QORServer& from) {
+    const auto seen = m_seen.find(from.name);
+    const std::int64_t last = seen == m_seen.end() ? 0 : seen->second;
+    m_seen[from.name] = lastNote(from);
+    const std::vector<ArrivalNote> notes = last == 0 ? std::vector<ArrivalNote>() : readNotes(from, last);
+    if (notes.empty()) return;
+    bool all = true;
+    for (const QORServer& to : placement.servers()) {
+        if (to.number == from.number) continue;
+        all = all && !QORServers::instance().isAway(to.name) && removeEarlier(to, notes);
+    }
+    if (!all || QORServers::instance().refresh()->epoch() != placement.epoch()) return;
+    ServerLeftovers::Share done;
+    for (const ArrivalNote& note : notes)
+        done.notes.push_back(note.id);
+    QORServers::instance().run(from, [&](QORRdbms& database) {
+        database.write([&](ASSession& session) { ServerLeftovers::remove(session, done); });
+    });
+}
+
+ServerFollower::ServerFollower()
+    : m_thread([](const std::stop_token& stop) {
+          std::mutex mutex;
+          std::condition_variable_any woken;
+          std::unique_lock lock(mutex);
+          ServerUpkeep upkeep;
+          bool failing = false;
+          while (!woken.wait_for(lock, stop, betweenTurns, [&] { return stop.stop_requested(); })) {
+              if (stop.stop_requested()) return;
+              try {
+                  upkeep.turn();
+                  failing = false;
+              } catch (const std::exception& failure) {
+                  if (!failing)
+                      logMessage(1, "QORIngest", sourcePath, "ServerFollower", "servers cannot be followed: %s",
+                                 failure.what());
+                  failing = true;
+              }
+          }
+      }) {}
+
+}  // namespace QOR
