@@ -48,6 +48,22 @@ std::string identityOf(ASSession& session) {
     return id;
 }
 
+/// A database whose records servers keep has none itself, and a server has only some of them.
+void requireWhole(ASSession& session, const std::string& what, const std::string& connection) {
+    if (session.engine() != ASEngine::PostgreSQL) return;
+    ASStatement& select = session.prepare("SELECT (SELECT count(*) FROM qor_server), (SELECT count(*) FROM qor_held)");
+    select.execute();
+    const bool found = select.fetch();
+    const bool isHome = found && select.integer(1) != 0;
+    const bool isServer = found && select.integer(2) != 0;
+    select.close();
+    if (isHome)
+        refuse(what, connection,
+               "has its records with several servers, which are not copied: back up and restore it and its servers by "
+               "the engine's own means. Records that shall be spread are copied first, and spread where they are then");
+    if (isServer) refuse(what, connection, "is a server that keeps a part of the records of another database");
+}
+
 void requireCopyable(ASSession& session, const std::string& connection) {
     const QORSchemaState state = QORDBSchema::inspect(session);
     const int current = QORDBSchema::currentVersion();
@@ -55,7 +71,7 @@ void requireCopyable(ASSession& session, const std::string& connection) {
     if (state.kind == QORSchemaState::Kind::Foreign)
         refuse("source", connection, "is another program's: it holds tables or views that are not this host's");
     if (state.filling) refuse("source", connection, "holds a part of another database: a copy into it has not ended");
-    if (state.version == current) return;
+    if (state.version == current) return requireWhole(session, "source", connection);
     const std::string versions = "has version " + std::to_string(state.version) +
                                  " of the schema, and this program copies version " + std::to_string(current);
     if (state.version > current) refuse("source", connection, versions + ": use the newer program that wrote it");
@@ -151,6 +167,7 @@ private:
     /// Makes sure that the target is fit. \returns what an earlier run has noted, nothing where there was none
     std::map<std::string, CopySum> prepare() {
         QORRdbmsTran target(ASAccess::Read);
+        requireWhole(*target, "target", m_options.to);
         m_tables = pairTables(readTables(*m_session), readTables(*target));
         if (QORDBSchema::inspect(*target).filling) return readNotes(*target);
         if (identityOf(*target) == identityOf(*m_session))

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <functional>
 #include <iterator>
 #include <mutex>
@@ -15,6 +16,7 @@
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORDBSchema/QORStoredDocuments.h"
 #include "QORLibAgent/QORLogCheck.h"
+#include "QORServers/QORServers.h"
 #include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -27,13 +29,6 @@ constexpr const char* sourcePath = "qor/host/QORMaintenance";
 constexpr std::int64_t recordsOfTransaction = 500;
 constexpr unsigned transactionsOfStep = 10;
 constexpr std::int64_t pagesOfStep = 2000;
-
-void requireOurs(ASSession& session) {
-    const QORSchemaState state = QORDBSchema::inspect(session);
-    if (state.kind == QORSchemaState::Kind::Ours && state.version == QORDBSchema::currentVersion()) return;
-    throw QORException(errBadRequest, "the database is not one that this program keeps records in", sourcePath,
-                       __LINE__);
-}
 
 std::int64_t number(ASSession& session, std::string_view sql) {
     ASStatement& select = session.prepare(sql);
@@ -53,15 +48,70 @@ std::vector<std::string> texts(ASSession& session, std::string_view sql) {
     return found;
 }
 
-/// Runs in a transaction of its own.
-template <class Work>
-auto reading(Work work) {
-    QORRdbmsTran tran(ASAccess::Read);
-    return work(*tran);
+/// A database that is looked after: the process's own, or that of a server that keeps records of it.
+class Place {
+public:
+    Place() : m_database(&QORRdbms::instance()) {}
+    explicit Place(const QORServer& server)
+        : m_server(server), m_database(&QORServers::instance().database(server.name)) {}
+
+    /// Nothing for the process's own.
+    const std::optional<QORServer>& server() const noexcept { return m_server; }
+    QORRdbms& database() const noexcept { return *m_database; }
+    /// Runs in a transaction of its own. Failures name the server.
+    template <class Work>
+    auto reading(Work work) const {
+        return named([&] {
+            QORRdbmsTran tran(*m_database, ASAccess::Read);
+            return work(*tran);
+        });
+    }
+    /// It may have to be run again: what it found before this returns is not true yet.
+    void writing(const std::function<void(ASSession&)>& work) const {
+        named([&] { m_database->write(work); });
+    }
+    std::string named(const std::string& text) const {
+        return m_server ? "server \"" + m_server->name + "\": " + text : text;
+    }
+    void requireOurs() const {
+        const QORSchemaState state = reading([](ASSession& session) { return QORDBSchema::inspect(session); });
+        if (state.kind == QORSchemaState::Kind::Ours && state.version == QORDBSchema::currentVersion()) return;
+        throw QORException(errBadRequest, named("the database is not one that this program keeps records in"),
+                           sourcePath, __LINE__);
+    }
+
+private:
+    template <class Work>
+    auto named(Work work) const -> decltype(work()) {
+        try {
+            return work();
+        } catch (const AException& failure) {
+            if (!m_server) throw;
+            throw QORServers::naming(m_server->name, failure);
+        }
+    }
+
+    std::optional<QORServer> m_server;
+    QORRdbms* m_database;
+};
+using Places = std::vector<Place>;
+
+Places servers() {
+    Places all;
+    for (const QORServer& server : QORServers::instance().refresh()->servers())
+        all.emplace_back(server);
+    return all;
 }
-/// It may have to be run again: what it found before this returns is not true yet.
-void writing(const std::function<void(ASSession&)>& work) {
-    QORRdbms::instance().write(work);
+Places everywhere() {
+    Places all = servers();
+    all.insert(all.begin(), Place());
+    return all;
+}
+/// Where records are.
+Places withRecords() {
+    Places all = servers();
+    if (all.empty()) all.emplace_back();
+    return all;
 }
 
 using Findings = std::vector<QORCheckFinding>;
@@ -85,16 +135,16 @@ std::vector<std::string> integrityFaults(ASSession& session) {
 }
 
 /// Indexes can be made anew from their tables; a table has nothing to be made from.
-Findings checkIntegrity(bool mend) {
-    const auto before = reading(integrityFaults);
+Findings checkIntegrity(const Place& place, bool mend) {
+    const auto before = place.reading(integrityFaults);
     std::vector<std::string> after = before;
     if (mend && !before.empty()) {
-        writing([](ASSession& session) {
+        place.writing([](ASSession& session) {
             if (isSqlite(session)) session.execute("REINDEX");
         });
-        after = reading(integrityFaults);
+        after = place.reading(integrityFaults);
     }
-    if (after.empty()) ASFaults::instance().sound();
+    if (after.empty()) place.database().faults().sound();
     Findings findings;
     for (const std::string& fault : before) {
         const bool mended = std::find(after.begin(), after.end(), fault) == after.end();
@@ -103,15 +153,24 @@ Findings checkIntegrity(bool mend) {
     return findings;
 }
 
-Findings checkSchema(bool mend) {
+Findings checkSchema(const Place& place, bool mend) {
     Findings findings;
-    for (const std::string& name : reading([](ASSession& session) { return QORDBSchema::missingParts(session); }))
+    for (const std::string& name : place.reading([](ASSession& session) { return QORDBSchema::missingParts(session); }))
         findings.push_back({name + " is missing or not what it was", mend});
-    if (mend && !findings.empty()) writing([](ASSession& session) { QORDBSchema::restoreParts(session); });
+    if (mend && !findings.empty()) place.writing([](ASSession& session) { QORDBSchema::restoreParts(session); });
+    if (const auto& server = place.server()) {
+        const auto held = place.reading(
+            [](ASSession& session) { return texts(session, "SELECT remainder || ' of ' || modulus FROM qor_held"); });
+        const std::string expected = std::to_string(server->remainder) + " of " + std::to_string(server->modulus);
+        if (held != std::vector{expected})
+            findings.push_back({"keeps the environments of remainder " + (held.empty() ? "none" : held.front()) +
+                                    ", and is taken for that of " + expected,
+                                false});
+    }
     return findings;
 }
 
-Findings checkForeignKeys(bool mend) {
+Findings findStrayRows(const Place& place, bool mend) {
     const auto strays = [](ASSession& session) {
         return texts(session,
                      isSqlite(session)
@@ -121,17 +180,17 @@ Findings checkForeignKeys(bool mend) {
                            "SELECT 'qor_operation_environment' FROM qor_operation_environment e WHERE NOT EXISTS "
                            "(SELECT FROM qor_operation o WHERE o.seq = e.operation)");
     };
-    const auto tables = reading(strays);
+    const auto tables = place.reading(strays);
     if (tables.empty()) return {};
     if (mend) {
-        writing([](ASSession& session) {
+        place.writing([](ASSession& session) {
             mendStrayTouched(session);
             session.execute(
                 "DELETE FROM qor_environment_address WHERE NOT EXISTS (SELECT 1 FROM qor_environment e "
                 "WHERE e.eid = qor_environment_address.eid)");
         });
     }
-    const auto left = mend ? reading(strays) : tables;
+    const auto left = mend ? place.reading(strays) : tables;
     Findings findings;
     for (auto table = tables.begin(); table != tables.end();) {
         const auto count = std::count(table, tables.end(), *table);
@@ -143,7 +202,31 @@ Findings checkForeignKeys(bool mend) {
     return findings;
 }
 
-Findings checkDocuments(bool mend) {
+/// Records that nobody looks for where they are.
+Findings checkPlacement(const Place& place) {
+    Findings findings;
+    const auto& server = place.server();
+    if (!server) return findings;
+    const std::string held = "satisfies_hash_partition(CAST('qor_spread' AS regclass), " +
+                             std::to_string(server->modulus) + ", " + std::to_string(server->remainder) + ", eid)";
+    for (const std::string table : {"qor_operation", "qor_event", "qor_backup"}) {
+        const std::int64_t strays = place.reading([&](ASSession& session) {
+            return number(session, "SELECT count(*) FROM " + table + " WHERE NOT " + held);
+        });
+        if (strays != 0)
+            findings.push_back({std::to_string(strays) + " records of " + table + " belong to another server", false});
+    }
+    return findings;
+}
+
+Findings checkForeignKeys(const Place& place, bool mend) {
+    Findings findings = findStrayRows(place, mend);
+    for (QORCheckFinding& finding : checkPlacement(place))
+        findings.push_back(std::move(finding));
+    return findings;
+}
+
+Findings checkDocuments(const Place& place, bool mend) {
     QORDocumentCheck check(mend ? QORDocumentCheck::Mode::Mend : QORDocumentCheck::Mode::Look);
     for (bool more = true; more;) {
         QORDocumentCheck next = check;
@@ -151,7 +234,7 @@ Findings checkDocuments(bool mend) {
             next = check;
             more = next.step(session);
         };
-        mend ? writing(step) : reading(step);
+        mend ? place.writing(step) : place.reading(step);
         check = std::move(next);
     }
     Findings findings;
@@ -169,12 +252,14 @@ std::string tableOf(QORLogKind kind) {
     return kind == QORLogKind::Operations ? "qor_operation" : "qor_event";
 }
 
-void checkTimes(QORLogKind kind, bool mend, Findings& findings) {
-    const auto count = [&] { return reading([&](ASSession& session) { return countUnreadableTimes(session, kind); }); };
+void checkTimes(const Place& place, QORLogKind kind, bool mend, Findings& findings) {
+    const auto count = [&] {
+        return place.reading([&](ASSession& session) { return countUnreadableTimes(session, kind); });
+    };
     const std::uint64_t before = count();
     if (before == 0) return;
     if (mend) {
-        writing([&](ASSession& session) {
+        place.writing([&](ASSession& session) {
             session.execute("UPDATE " + tableOf(kind) + " SET time = datetime(time) WHERE time <> datetime(time)");
         });
     }
@@ -183,24 +268,24 @@ void checkTimes(QORLogKind kind, bool mend, Findings& findings) {
                         mend && count() == 0});
 }
 
-void checkTouched(bool mend, Findings& findings) {
-    const std::uint64_t stray = reading(countStrayTouched);
+void checkTouched(const Place& place, bool mend, Findings& findings) {
+    const std::uint64_t stray = place.reading(countStrayTouched);
     if (stray == 0) return;
-    if (mend) writing(mendStrayTouched);
+    if (mend) place.writing(mendStrayTouched);
     findings.push_back(
         {std::to_string(stray) + " rows of qor_operation_environment differ from their operation", mend});
 }
 
-Findings checkCounters(bool mend) {
+Findings checkCounters(const Place& place, bool mend) {
     Findings findings;
-    checkTouched(mend, findings);
+    checkTouched(place, mend, findings);
     for (const QORLogKind kind : {QORLogKind::Operations, QORLogKind::Events}) {
-        checkTimes(kind, mend, findings);
-        const auto wrong = reading([&](ASSession& session) { return findMiscountedScopes(session, kind); });
+        checkTimes(place, kind, mend, findings);
+        const auto wrong = place.reading([&](ASSession& session) { return findMiscountedScopes(session, kind); });
         if (wrong.empty()) continue;
         if (mend) {
             for (const std::string& scope : wrong)
-                writing([&](ASSession& session) { QORLogCounters::recount(session, kind, scope); });
+                place.writing([&](ASSession& session) { QORLogCounters::recount(session, kind, scope); });
         }
         findings.push_back(
             {std::to_string(wrong.size()) + " groups of records of " + tableOf(kind) + " are counted wrong", mend});
@@ -210,7 +295,7 @@ Findings checkCounters(bool mend) {
 
 struct Part {
     const char* name;
-    Findings (*check)(bool mend);
+    Findings (*check)(const Place& place, bool mend);
 };
 constexpr Part parts[] = {{"integrity", &checkIntegrity},
                           {"schema", &checkSchema},
@@ -304,24 +389,46 @@ std::uint64_t removeAndCount(ASSession& session, const std::string& table, std::
 }
 
 /// One transaction. \returns how many records it removed
-std::uint64_t removeOldest(const std::string& table, std::int64_t before, std::int64_t most = recordsOfTransaction) {
+std::uint64_t removeOldest(const Place& place, const std::string& table, std::int64_t before,
+                           std::int64_t most = recordsOfTransaction) {
     std::uint64_t removed = 0;
-    writing([&](ASSession& session) {
+    place.writing([&](ASSession& session) {
         removed = isSqlite(session) ? removeAndCount(session, table, before, most)
                                     : removeWithAll(session, table, before, most);
     });
     return removed;
 }
 
-QORPruneStep pruneTable(const std::string& table, std::int64_t before) {
+QORPruneStep pruneTable(const Place& place, const std::string& table, std::int64_t before) {
     QORPruneStep step;
     step.more = true;
     for (unsigned i = 0; i < transactionsOfStep && step.more; ++i) {
-        const std::uint64_t removed = removeOldest(table, before);
+        const std::uint64_t removed = removeOldest(place, table, before);
         step.done += removed;
         step.more = removed == static_cast<std::uint64_t>(recordsOfTransaction);
     }
     return step;
+}
+
+/// One after the other. A server that cannot be reached keeps no other from being done; it is told of when nothing else
+/// is left to do.
+QORPruneStep pruneEverywhere(const std::string& table, std::int64_t before) {
+    QORPruneStep all;
+    std::exception_ptr failure;
+    for (const Place& place : withRecords()) {
+        try {
+            const QORPruneStep step = pruneTable(place, table, before);
+            all.done += step.done;
+            all.more = step.more;
+        } catch (const AException&) {
+            if (!failure) failure = std::current_exception();
+        }
+        if (all.more) return all;
+    }
+    if (!failure) return all;
+    if (all.done == 0) std::rethrow_exception(failure);
+    all.more = true;
+    return all;
 }
 
 constexpr std::string_view freePages = "SELECT freelist_count FROM pragma_freelist_count";
@@ -334,7 +441,7 @@ bool givesSpaceBack(ASSession& session) {
 
 QORPruneStep giveSpaceBack() {
     QORPruneStep step;
-    writing([&](ASSession& session) {
+    Place().writing([&](ASSession& session) {
         step = {};
         const std::int64_t before = givesSpaceBack(session) ? number(session, freePages) : 0;
         if (before == 0) return;
@@ -366,21 +473,60 @@ QORPruneStep compact() {
 
 constexpr const char* logs[] = {"qor_operation", "qor_event"};
 
-void keepAge(std::int64_t seconds, const std::stop_token& stop) {
-    const std::int64_t before = currentTime() - seconds;
-    for (const char* log : logs) {
-        while (!stop.stop_requested() && removeOldest(log, before) != 0) {
+/// Of each of the two logs, with all places that have records of it. What fails at one is told when the others are
+/// done.
+void forAll(const Places& places, const std::function<void(const Place&)>& work) {
+    std::exception_ptr failure;
+    for (const Place& place : places) {
+        try {
+            work(place);
+        } catch (const AException&) {
+            if (!failure) failure = std::current_exception();
         }
     }
+    if (failure) std::rethrow_exception(failure);
+}
+
+void keepAge(std::int64_t seconds, const std::stop_token& stop) {
+    const std::int64_t before = currentTime() - seconds;
+    forAll(withRecords(), [&](const Place& place) {
+        for (const char* log : logs) {
+            while (!stop.stop_requested() && removeOldest(place, log, before) != 0) {
+            }
+        }
+    });
+}
+
+std::optional<std::int64_t> oldestSecond(const Place& place, const std::string& log) {
+    const auto time = place.reading([&](ASSession& session) { return texts(session, "SELECT min(time) FROM " + log); });
+    return time.empty() || time.front().empty() ? std::nullopt : parseTime(time.front());
+}
+
+/// Removes records of the place where the oldest is, so many at most and none that is younger than the oldest
+/// elsewhere. \returns how many; 0 when there are none
+std::uint64_t removeOldestOfAll(const Places& places, const std::string& log, std::int64_t most) {
+    if (places.size() == 1) return removeOldest(places.front(), log, lastDbSecond, most);
+    std::vector<std::pair<std::int64_t, const Place*>> oldest;
+    for (const Place& place : places) {
+        if (const auto second = oldestSecond(place, log)) oldest.emplace_back(*second, &place);
+    }
+    if (oldest.empty()) return 0;
+    std::sort(oldest.begin(), oldest.end());
+    const std::int64_t before = oldest.size() == 1 ? lastDbSecond : oldest[1].first + 1;
+    return removeOldest(*oldest.front().second, log, before, most);
 }
 
 void keepRecords(std::uint64_t records, const std::stop_token& stop) {
+    const Places places = withRecords();
     for (const char* log : logs) {
-        const std::int64_t count =
-            reading([&](ASSession& session) { return number(session, "SELECT count(*) FROM " + std::string(log)); });
+        std::int64_t count = 0;
+        for (const Place& place : places) {
+            count += place.reading(
+                [&](ASSession& session) { return number(session, "SELECT count(*) FROM " + std::string(log)); });
+        }
         std::int64_t surplus = count - static_cast<std::int64_t>(records);
         while (surplus > 0 && !stop.stop_requested()) {
-            const std::uint64_t removed = removeOldest(log, lastDbSecond, std::min(surplus, recordsOfTransaction));
+            const std::uint64_t removed = removeOldestOfAll(places, log, std::min(surplus, recordsOfTransaction));
             if (removed == 0) break;
             surplus -= static_cast<std::int64_t>(removed);
         }
@@ -396,27 +542,38 @@ constexpr std::string_view bytesOfLogs =
     "SELECT (SELECT count(*) FROM qor_event), (SELECT avg(pg_column_size(o.*)) FROM (SELECT * FROM "
     "qor_event ORDER BY time DESC NULLS LAST, seq DESC LIMIT 1000) o)) s";
 
-/// Bytes that are in use, and the log with the oldest record; empty when neither has any.
-std::pair<std::uint64_t, std::string> usage() {
-    return reading([](ASSession& session) {
+std::uint64_t usage(const Place& place) {
+    return place.reading([](ASSession& session) {
         const std::int64_t bytes =
             isSqlite(session)
                 ? (number(session, "SELECT page_count FROM pragma_page_count") - number(session, freePages)) *
                       number(session, pageSize)
                 : number(session, bytesOfLogs);
-        const auto oldest =
-            texts(session,
-                  "SELECT log FROM (SELECT 'qor_operation' AS log, min(time) AS time FROM qor_operation "
-                  "UNION ALL SELECT 'qor_event', min(time) FROM qor_event) o WHERE time IS NOT NULL "
-                  "ORDER BY time LIMIT 1");
-        return std::pair(static_cast<std::uint64_t>(bytes), oldest.empty() ? std::string() : oldest.front());
+        return static_cast<std::uint64_t>(bytes);
     });
 }
 
+/// The log with the oldest record; empty when neither has any.
+std::string oldestLog(const Places& places) {
+    std::optional<std::pair<std::int64_t, std::string>> oldest;
+    for (const char* log : logs) {
+        for (const Place& place : places) {
+            const auto second = oldestSecond(place, log);
+            if (second && (!oldest || *second < oldest->first)) oldest.emplace(*second, log);
+        }
+    }
+    return oldest ? oldest->second : std::string();
+}
+
 void keepBytes(std::uint64_t bytes, const std::stop_token& stop) {
+    const Places places = withRecords();
     while (!stop.stop_requested()) {
-        const auto [used, log] = usage();
-        if (used <= bytes || log.empty() || removeOldest(log, lastDbSecond) == 0) return;
+        std::uint64_t used = 0;
+        for (const Place& place : places)
+            used += usage(place);
+        if (used <= bytes) return;
+        const std::string log = oldestLog(places);
+        if (log.empty() || removeOldestOfAll(places, log, recordsOfTransaction) == 0) return;
     }
 }
 
@@ -437,11 +594,18 @@ std::vector<QORCheckFinding> checkDatabase(std::string_view part, bool mend) {
         std::find_if(std::begin(parts), std::end(parts), [&](const Part& one) { return one.name == part; });
     if (found == std::end(parts))
         throw QORException(errBadRequest, "there is no part " + quoteText(part) + " to check", sourcePath, __LINE__);
-    reading([](ASSession& session) {
-        requireOurs(session);
-        return true;
-    });
-    return found->check(mend);
+    Findings findings;
+    for (const Place& place : everywhere()) {
+        try {
+            place.requireOurs();
+            for (const QORCheckFinding& one : found->check(place, mend))
+                findings.push_back({place.named(one.text), one.mended});
+        } catch (const AException& failure) {
+            if (!place.server()) throw;
+            findings.push_back({failure.text(), false});
+        }
+    }
+    return findings;
 }
 
 const std::vector<std::string>& pruneKinds() {
@@ -450,13 +614,10 @@ const std::vector<std::string>& pruneKinds() {
 }
 
 QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before) {
-    reading([](ASSession& session) {
-        requireOurs(session);
-        return true;
-    });
-    if (kind == "operations") return pruneTable("qor_operation", before);
-    if (kind == "events") return pruneTable("qor_event", before);
-    if (kind == "backups") return pruneTable("qor_backup", before);
+    Place().requireOurs();
+    if (kind == "operations") return pruneEverywhere("qor_operation", before);
+    if (kind == "events") return pruneEverywhere("qor_event", before);
+    if (kind == "backups") return pruneEverywhere("qor_backup", before);
     if (kind == "compact") return compact();
     if (kind != "space") throw QORException(errBadRequest, quoteText(kind) + " cannot be pruned", sourcePath, __LINE__);
     const QORPruneStep step = giveSpaceBack();
@@ -496,7 +657,7 @@ QORRetention::QORRetention(const QORRetentionOptions& options) {
 }
 
 std::uint64_t strandedBytes() {
-    return reading([](ASSession& session) {
+    return Place().reading([](ASSession& session) {
         if (!isSqlite(session) || givesSpaceBack(session)) return std::uint64_t{0};
         return static_cast<std::uint64_t>(number(session, freePages) * number(session, pageSize));
     });

@@ -1,7 +1,7 @@
 /// \file
 /// Looking after the host's database: finding and mending what is wrong in it, removing what is old, giving space back.
 /// Each call is a part of the work, in transactions of its own, so that clients are served beside it and whoever asks
-/// may stop in between.
+/// may stop in between. Where servers keep the records, it is done at each of them, and what is said of one names it.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,8 @@ struct QORCheckFinding {
 /// What can be looked at, in the order in which it should be.
 const std::vector<std::string>& checkParts();
 
-/// Looks at one part of the database. \param mend also mend what can be mended
+/// Looks at one part of the database. A server that cannot be reached is a finding. \param mend also mend what can be
+/// mended
 /// \throws QORException 400 for a part that there is not, or a database that is not the host's; AException
 std::vector<QORCheckFinding> checkDatabase(std::string_view part, bool mend);
 
@@ -36,9 +37,10 @@ struct QORPruneStep {
 /// system; "compact": the file is written anew, so that all space can be given back, now and later.
 const std::vector<std::string>& pruneKinds();
 
-/// Removes some of the records that are older, by their time, the oldest first, or gives some space back.
-/// \param before seconds since the epoch; of no meaning for space
-/// \throws QORException 400 for a kind that there is not, or a database that is not the host's; AException
+/// Removes some of the records that are older, by their time, the oldest first, or gives some space back. Of several
+/// servers one after the other is done; one that cannot be reached is an AException when nothing is left to do
+/// elsewhere. \param before seconds since the epoch; of no meaning for space \throws QORException 400 for a kind that
+/// there is not, or a database that is not the host's; AException
 QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before);
 
 /// What the logs may hold; backups are records of things that exist elsewhere, and stay.

@@ -15,6 +15,7 @@
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORMessage/QORNotation.h"
+#include "QORServers/QORServers.h"
 #include "agent/api/AgentJson.h"
 #include "agent/api/AgentMaintenance.h"
 #include "agent/api/AgentRecords.h"
@@ -153,8 +154,23 @@ void writeUnreadable(JsonWriter& json, const std::optional<std::vector<QORUnread
     json.EndArray();
 }
 
+void writeServers(JsonWriter& json, const std::vector<QORServerStatus>& servers) {
+    writeKey(json, "servers");
+    json.StartArray();
+    for (const QORServerStatus& server : servers) {
+        json.StartObject();
+        writeMember(json, "name", server.name);
+        writeKey(json, "schema");
+        json.Int(server.schemaVersion);
+        writeMember(json, "failure", server.failure);
+        json.EndObject();
+    }
+    json.EndArray();
+}
+
 /// `{"database":{"name":"...","engine":"SQLite","schema":4,"readOnly":false},"unreadable":[{"table":"...",
-/// "column":"...","count":1},...]}`; unreadable is null where nobody has looked.
+/// "column":"...","count":1},...]}`; unreadable is null where nobody has looked. Where servers keep the records, also
+/// `"servers":[{"name":"s1","schema":8,"failure":""},...]`.
 std::string statusText() {
     const QORDatabaseStatus status = readDatabaseStatus();
     rapidjson::StringBuffer buffer;
@@ -171,6 +187,7 @@ std::string statusText() {
     json.EndObject();
     writeKey(json, "unreadable");
     writeUnreadable(json, status.unreadable);
+    if (!status.servers.empty()) writeServers(json, status.servers);
     json.EndObject();
     return {buffer.GetString(), buffer.GetSize()};
 }
@@ -350,7 +367,11 @@ std::string AgentApplication::errorBody(unsigned status, std::string_view messag
 }
 
 std::string AgentApplication::healthText(bool fullAccess) const {
-    const std::vector<ASFaults::State> faults = ASFaults::instance().current();
+    std::vector<ASFaults::State> faults = ASFaults::instance().current();
+    for (const auto& [name, server] : QORServers::instance().used()) {
+        for (ASFaults::State& fault : server->faults().current())
+            faults.push_back(std::move(fault));
+    }
     const bool sound = m_host.refusedPlugIns().empty() && m_host.router().isPrimed();
     const auto uptime = std::chrono::steady_clock::now() - m_start;
     rapidjson::StringBuffer buffer;

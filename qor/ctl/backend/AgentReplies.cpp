@@ -128,6 +128,11 @@ QORDatabaseStatus readStatusReply(std::string_view json) {
     status.schemaVersion = static_cast<int>(numberOf(database, "schema"));
     const Value& readOnly = member(database, "readOnly");
     status.readOnly = readOnly.IsBool() && readOnly.GetBool();
+    if (document.HasMember("servers")) {
+        for (const Value& server : arrayOf(document, "servers").GetArray())
+            status.servers.push_back({textOf(member(server, "name")), static_cast<int>(numberOf(server, "schema")),
+                                      textOf(member(server, "failure"))});
+    }
     if (member(document, "unreadable").IsNull()) return status;
     auto& columns = status.unreadable.emplace();
     for (const Value& column : arrayOf(document, "unreadable").GetArray())

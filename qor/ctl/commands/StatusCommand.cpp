@@ -28,6 +28,9 @@ void addDatabase(StatusLines& lines, const QORDatabaseStatus& database) {
     lines.add("schema version",
               database.schemaVersion == 0 ? "none: another program's" : std::to_string(database.schemaVersion));
     lines.add("read-only", database.readOnly ? "yes" : "no");
+    for (const QORServerStatus& server : database.servers)
+        lines.add("server " + server.name,
+                  server.failure.empty() ? "schema version " + std::to_string(server.schemaVersion) : server.failure);
 }
 
 void addDocuments(StatusLines& lines, const QORDatabaseStatus& database) {
