@@ -122,8 +122,15 @@ const char* copyTypeOf(QORSchemaColumnKind kind) noexcept {
     }
 }
 
-CopyReader::CopyReader(ASSession& session, const QORSchemaTable& table, Key after)
-    : m_session(session), m_table(table), m_after(std::move(after)) {}
+CopyReader::CopyReader(ASSession& session, const QORSchemaTable& table, Key after, std::string condition)
+    : m_session(session), m_table(table), m_after(std::move(after)), m_condition(std::move(condition)) {}
+
+/// \param conditions besides that of the rows
+std::string CopyReader::where(std::string conditions) const {
+    if (!m_after.empty()) conditions += (conditions.empty() ? "" : " AND ") + keyIs(m_session, m_table, ">");
+    if (!m_condition.empty()) conditions += (conditions.empty() ? "(" : " AND (") + m_condition + ")";
+    return conditions.empty() ? conditions : " WHERE " + conditions;
+}
 
 CopyReader::Key CopyReader::last(ASSession& session, const QORSchemaTable& table) {
     ASStatement& select = session.prepare("SELECT " + keyValues(session, table) + " FROM " + table.name +
@@ -158,10 +165,9 @@ void CopyReader::bindKey(ASStatement& statement, unsigned first, const Key& key)
 /// The key up to which the next rows are not too much at once; nothing at the end of the table.
 std::optional<CopyReader::Key> CopyReader::findEnd() {
     const std::size_t keySize = m_table.key.size();
-    ASStatement& select =
-        m_session.prepare("SELECT " + keyValues(m_session, m_table) + ", " + sizeOf(m_session, m_table) + " FROM " +
-                          m_table.name + (m_after.empty() ? "" : " WHERE " + keyIs(m_session, m_table, ">")) +
-                          keyOrder(m_session, m_table, "") + " LIMIT " + std::to_string(rowsAtOnce));
+    ASStatement& select = m_session.prepare("SELECT " + keyValues(m_session, m_table) + ", " +
+                                            sizeOf(m_session, m_table) + " FROM " + m_table.name + where({}) +
+                                            keyOrder(m_session, m_table, "") + " LIMIT " + std::to_string(rowsAtOnce));
     bindKey(select, 1, m_after);
     select.execute();
     std::optional<Key> end;
@@ -183,9 +189,7 @@ bool CopyReader::next(CopyRows& rows) {
     for (const QORSchemaColumn& column : m_table.columns)
         list += selected(m_session, column) + ", ";
     ASStatement& select = m_session.prepare("SELECT " + list + sizeOf(m_session, m_table) + " FROM " + m_table.name +
-                                            " WHERE " + keyIs(m_session, m_table, "<=") +
-                                            (m_after.empty() ? "" : " AND " + keyIs(m_session, m_table, ">")) +
-                                            keyOrder(m_session, m_table, ""));
+                                            where(keyIs(m_session, m_table, "<=")) + keyOrder(m_session, m_table, ""));
     bindKey(select, 1, *end);
     bindKey(select, 1 + static_cast<unsigned>(end->size()), m_after);
     select.execute();

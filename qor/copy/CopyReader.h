@@ -25,7 +25,8 @@ public:
     using Key = std::vector<std::string>;
 
     /// \param after the row behind which it begins; empty: at the beginning
-    CopyReader(ASSession& session, const QORSchemaTable& table, Key after = {});
+    /// \param condition in the engine's dialect, which rows are read; empty: all
+    CopyReader(ASSession& session, const QORSchemaTable& table, Key after = {}, std::string condition = {});
 
     /// Takes the next rows in place of what `rows` holds: at most 4,000, of which all but one together have at most 4
     /// MiB. \returns false at the end \throws QORException 1 naming the row for a value that is not what its column is
@@ -39,6 +40,7 @@ public:
 
 private:
     std::optional<Key> findEnd();
+    std::string where(std::string conditions) const;
     void bindKey(ASStatement& statement, unsigned first, const Key& key) const;
     void take(ASStatement& row, CopyRows& rows) const;
     [[noreturn]] void refuse(const ASStatement& row, const QORSchemaColumn* column, const std::string& reason) const;
@@ -46,6 +48,7 @@ private:
     ASSession& m_session;
     const QORSchemaTable& m_table;
     Key m_after;
+    std::string m_condition;
 };
 
 }  // namespace QOR

@@ -1,5 +1,7 @@
 #include "copy/CopyWriter.h"
 
+#include <algorithm>
+
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
 #include "copy/CopyReader.h"
@@ -65,6 +67,12 @@ void append(RecordJson& row, Kind kind, std::optional<std::string_view> value) {
     }
 }
 
+void runWith(ASSession& session, const std::string& sql, const std::string& json) {
+    ASStatement& statement = session.prepare(sql);
+    statement.bind(1, std::string_view(json)).execute();
+    statement.reset();
+}
+
 }  // namespace
 
 CopyWriter::CopyWriter(ASEngine engine, const QORSchemaTable& table)
@@ -92,7 +100,7 @@ void CopyWriter::writeEach(ASSession& session, const CopyRows& rows) const {
     insert.reset();
 }
 
-void CopyWriter::writeTogether(ASSession& session, const CopyRows& rows) const {
+std::string CopyWriter::jsonOf(const CopyRows& rows) const {
     std::string json = "[";
     for (std::size_t row = 0; row < rows.size(); ++row) {
         if (row > 0) json += ',';
@@ -104,9 +112,23 @@ void CopyWriter::writeTogether(ASSession& session, const CopyRows& rows) const {
         object.end();
     }
     json += ']';
-    ASStatement& insert = session.prepare(m_sql);
-    insert.bind(1, std::string_view(json)).execute();
-    insert.reset();
+    return json;
+}
+
+void CopyWriter::writeTogether(ASSession& session, const CopyRows& rows) const {
+    runWith(session, m_sql, jsonOf(rows));
+}
+
+void CopyWriter::replace(ASSession& session, const CopyRows& rows, const std::vector<std::string>& columns) const {
+    const std::string json = jsonOf(rows);
+    for (const QORSchemaColumn& column : m_table.columns) {
+        if (std::find(columns.begin(), columns.end(), column.name) == columns.end()) continue;
+        runWith(session,
+                "DELETE FROM " + m_table.name + " t USING json_to_recordset(CAST(? AS json)) AS r (" + column.name +
+                    " " + copyTypeOf(column.kind) + ") WHERE t." + column.name + " = r." + column.name,
+                json);
+    }
+    runWith(session, m_sql, json);
 }
 
 }  // namespace QOR

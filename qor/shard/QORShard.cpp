@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "QORCommon/QORText.h"
@@ -12,6 +13,7 @@
 #include "shard/ShardCheck.h"
 #include "shard/ShardDatabase.h"
 #include "shard/ShardForeign.h"
+#include "shard/ShardMove.h"
 
 namespace QOR {
 namespace {
@@ -65,31 +67,50 @@ public:
         m_identity = m_home.identity();
         requireRights();
         openServers();
+        requireSplit();
     }
 
     QORShardReport run() {
         QORShardReport report;
         for (Place& place : m_places)
             prepare(place);
-        requireEmptyHome();
-        const std::size_t known = countKnown();
-        if (known == 0) {
-            placeFirst();
-            report.done.push_back("spread over " + std::to_string(m_places.size()) + " servers");
-        } else if (known < m_places.size()) {
-            m_home.refuse("has " + std::to_string(known) + " servers: adding one is not possible yet");
+        try {
+            make(report);
+        } catch (const ShardStopped&) {
+            report.stopped = true;
+            return report;
         }
-        settle();
-        for (Place& place : m_places) {
-            auto faults = checkServer(m_home, place.database, place.row);
-            std::move(faults.begin(), faults.end(), std::back_inserter(report.faults));
-        }
-        auto faults = checkHome(m_home);
-        std::move(faults.begin(), faults.end(), std::back_inserter(report.faults));
+        check(report.faults);
         return report;
     }
 
 private:
+    void make(QORShardReport& report) {
+        if (countKnown() == 0) {
+            placeFirst();
+            report.done.push_back("spread over " + std::to_string(m_places.size()) + " servers");
+        }
+        for (Place& place : m_places) {
+            if (place.row.number != 0) continue;
+            const Place& source = add(place);
+            report.done.push_back("server " + quoteText(place.row.name) + " has half of the environments of " +
+                                  quoteText(source.row.name));
+        }
+        for (Place& place : m_places)
+            watch(place.database, false, m_options.stop);
+        alone(
+            m_home, settling(), [] {}, m_options.stop);
+    }
+
+    void check(std::vector<std::string>& faults) {
+        const auto take = [&](const std::vector<std::string>& more) {
+            faults.insert(faults.end(), more.begin(), more.end());
+        };
+        for (Place& place : m_places)
+            take(checkServer(m_home, place.database, place.row));
+        take(checkHome(m_home));
+    }
+
     void requireRights() {
         const std::string role = m_home.cell("SELECT quote_ident(current_user)");
         const std::string mayMake = m_home.cell("SELECT rolsuper FROM pg_roles WHERE rolname = current_user");
@@ -142,6 +163,14 @@ private:
                           ", which is not named any more: it holds records, and no server can be taken away");
     }
 
+    void requireSplit() const {
+        if (m_options.split.empty()) return;
+        const bool known = std::any_of(m_places.begin(), m_places.end(), [&](const Place& place) {
+            return place.row.number != 0 && place.row.name == m_options.split;
+        });
+        if (!known) m_home.refuse("has no server " + quoteText(m_options.split) + " that could give environments away");
+    }
+
     std::size_t countKnown() const {
         return static_cast<std::size_t>(
             std::count_if(m_places.begin(), m_places.end(), [](const Place& place) { return place.row.number != 0; }));
@@ -168,36 +197,117 @@ private:
             database.refuse("holds records of its own: a server begins with a database without any");
     }
 
-    void requireEmptyHome() {
-        if (holdsRecords(m_home)) m_home.refuse("holds records: spreading these is not possible yet");
-    }
-
+    /// The records that home has go to all servers.
     void placeFirst() {
         const auto modulus = static_cast<std::int64_t>(m_places.size());
-        int number = 0;
+        std::vector<ShardWay> ways;
         for (Place& place : m_places) {
-            place.row.number = ++number;
+            place.row.number = static_cast<int>(ways.size()) + 1;
             place.row.modulus = modulus;
-            place.row.remainder = number - 1;
+            place.row.remainder = place.row.number - 1;
             begin(place, 1);
+            ways.push_back({place.row.name, &place.database, shareOf(place.row)});
         }
         raiseArrival();
         m_changed = true;
+        ShardMove move(m_home, m_home, std::move(ways), {}, hooks({}));
+        move.copy();
+        move.finishHome(settling());
+        m_changed = false;
+    }
+
+    /// Gives a new server half of the environments of one that there is. \returns that one
+    const Place& add(Place& place) {
+        Place& source = sourceFor(place);
+        place.row.number = 1 + std::max_element(m_places.begin(), m_places.end(), [](const auto& a, const auto& b) {
+                                   return a.row.number < b.row.number;
+                               })->row.number;
+        place.row.modulus = source.row.modulus * 2;
+        place.row.remainder = source.row.remainder + source.row.modulus;
+        QORSpreadServer rest = source.row;
+        rest.modulus = place.row.modulus;
+        const std::int64_t epoch = std::stoll(m_home.cell("SELECT epoch FROM qor_placement")) + 1;
+        if (place.database.cell("SELECT count(*) FROM qor_held") == "0") begin(place, epoch);
+        m_changed = true;
+        const auto settle = [&, settled = settling()](ASSession& home) {
+            source.row = rest;
+            settled(home);
+        };
+        if (source.database.cell("SELECT modulus FROM qor_held") == std::to_string(rest.modulus)) {
+            // An earlier run was ended after the records had gone and before home said so.
+            alone(
+                m_home, settle, [] {}, m_options.stop);
+        } else {
+            ShardMove move(m_home, source.database, {{place.row.name, &place.database, shareOf(place.row)}},
+                           {{rest.name, shareOf(rest)}}, hooks(place.row.name));
+            move.copy();
+            move.finish([](ASSession& session) { session.execute("SELECT 1 FROM qor_held FOR UPDATE"); },
+                        [&](ASSession& session) { hold(session, rest, epoch); }, settle);
+        }
+        m_changed = false;
+        return source;
+    }
+
+    /// Which server gives to a new one: the one that has begun to, the one that was asked for, or the largest.
+    Place& sourceFor(Place& place) {
+        const auto held = place.database.rows("SELECT modulus, remainder FROM qor_held", 2);
+        Place* chosen = nullptr;
+        std::int64_t most = -1;
+        for (Place& one : m_places) {
+            if (one.row.number == 0) continue;
+            if (!held.empty()) {
+                if (std::stoll(held[0][0]) == one.row.modulus * 2 &&
+                    std::stoll(held[0][1]) == one.row.remainder + one.row.modulus)
+                    return one;
+            } else if (!m_options.split.empty()) {
+                if (one.row.name == m_options.split) return one;
+            } else if (const std::int64_t records = recordsOf(one); records > most) {
+                most = records;
+                chosen = &one;
+            }
+        }
+        if (chosen == nullptr)
+            place.database.refuse("was begun for environments that no server has any more: make it anew, empty");
+        return *chosen;
+    }
+
+    static std::int64_t recordsOf(Place& place) {
+        return std::stoll(
+            place.database.cell("SELECT (SELECT count(*) FROM qor_operation) + (SELECT count(*) FROM qor_event) + "
+                                "(SELECT count(*) FROM qor_backup)"));
+    }
+
+    static ShardShare shareOf(const QORSpreadServer& row) { return {row.modulus, row.remainder}; }
+
+    ShardMoveHooks hooks(const std::string& to) const {
+        return {[this, to](std::uint64_t records, std::uint64_t of, std::uint64_t resumed) {
+                    if (m_options.progress) m_options.progress({to, records, of, resumed});
+                },
+                m_options.stop};
+    }
+
+    /// In place: who waits for the row finds it again, as it is then.
+    void hold(ASSession& session, const QORSpreadServer& row, std::int64_t epoch) const {
+        const auto run = [&](const char* sql) {
+            session.prepare(sql)
+                .bind(1, epoch)
+                .bind(2, row.modulus)
+                .bind(3, row.remainder)
+                .bind(4, std::string_view(m_identity))
+                .execute();
+        };
+        const bool has = readCell(session, "SELECT count(*) FROM qor_held") != "0";
+        run(has ? "UPDATE qor_held SET epoch = CAST(? AS bigint), modulus = CAST(? AS int), remainder = CAST(? AS "
+                  "int), "
+                  "home = CAST(? AS text)"
+                : "INSERT INTO qor_held (epoch, modulus, remainder, home) VALUES (CAST(? AS bigint), CAST(? AS int), "
+                  "CAST(? AS int), CAST(? AS text))");
     }
 
     /// What a server holds from now on, without any records yet.
     void begin(Place& place, std::int64_t epoch) {
         place.database.write([&](ASSession& session) {
-            session.execute("DELETE FROM qor_held");
-            session
-                .prepare(
-                    "INSERT INTO qor_held (epoch, modulus, remainder, home) VALUES (CAST(? AS bigint), "
-                    "CAST(? AS int), CAST(? AS int), CAST(? AS text))")
-                .bind(1, epoch)
-                .bind(2, place.row.modulus)
-                .bind(3, place.row.remainder)
-                .bind(4, std::string_view(m_identity))
-                .execute();
+            hold(session, place.row, epoch);
             session.execute("DELETE FROM qor_followed");
             session.execute("INSERT INTO qor_followed (n) VALUES (-1)");
             for (const char* const table : {"qor_operation", "qor_event", "qor_backup"})
@@ -206,20 +316,23 @@ private:
         });
     }
 
-    /// Agents number records behind all that there are.
+    /// Agents number records behind all that there are and were.
     void raiseArrival() {
         m_home.write([](ASSession& home) {
-            readCell(home,
-                     "SELECT setval('qor_arrival', greatest(a.last_value, s.last)) FROM qor_arrival a, (SELECT "
-                     "max(last_value) AS last FROM pg_sequences WHERE schemaname = CAST(current_schema() AS text) AND "
-                     "sequencename LIKE 'qor\\_%\\_seq\\_seq') s WHERE s.last IS NOT NULL");
+            std::string last =
+                "coalesce((SELECT max(last_value) FROM pg_sequences WHERE schemaname = CAST(current_schema() "
+                "AS text) AND sequencename LIKE 'qor\\_%\\_seq\\_seq'), 0)";
+            for (const char* const table : {"qor_operation", "qor_event", "qor_backup"})
+                last += ", coalesce((SELECT max(seq) FROM " + std::string(table) + "), 0)";
+            readCell(home, "SELECT setval('qor_arrival', greatest(last_value, " + last + ")) FROM qor_arrival");
         });
     }
 
-    /// The rights of readers at the servers, and everything at home, in one transaction.
-    void settle() {
+    /// Gives readers their rights at the servers. \returns what makes everything at home as it has to be
+    std::function<void(ASSession&)> settling() {
         std::vector<std::string> servers;
         for (Place& place : m_places) {
+            if (place.row.number == 0) continue;
             ShardReader reader{place.file.reader, place.file.readerPassword};
             if (reader.role.empty()) {
                 reader.role = place.database.cell("SELECT CAST(current_user AS text)");
@@ -229,15 +342,15 @@ private:
             const auto more = foreignServerStatements(place.row.name, place.database.connection(), reader);
             servers.insert(servers.end(), more.begin(), more.end());
         }
-        m_home.write([&](ASSession& home) {
+        return [this, servers = std::move(servers)](ASSession& home) {
             for (const std::string& statement : servers)
                 home.execute(statement);
-            for (const Place& place : m_places)
-                note(home, place.row);
+            for (const Place& place : m_places) {
+                if (place.row.number != 0) note(home, place.row);
+            }
             remakeSpread(home);
             if (m_changed) home.execute("UPDATE qor_placement SET epoch = epoch + 1");
-        });
-        m_changed = false;
+        };
     }
 
     static void allow(Place& place, const std::string& role) {

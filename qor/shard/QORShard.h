@@ -2,6 +2,7 @@
 /// Spreads a database's records over several servers, adds servers, and checks them.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -11,13 +12,25 @@
 
 namespace QOR {
 
+/// How far a move of records is.
+struct QORShardProgress {
+    std::string to;  ///< the server that they go to; empty: to all
+    std::uint64_t records = 0;
+    std::uint64_t of = 0;
+    std::uint64_t resumed = 0;  ///< of those done, by earlier runs
+};
+
 struct QORShardOptions {
     std::string home;                  ///< connection string of the database that agents are pointed at
     std::vector<ShardServer> servers;  ///< all of them, those that there are already too
+    std::string split{};  ///< the server that gives half of its environments to a new one; empty: the largest
+    std::function<void(const QORShardProgress&)> progress{};  ///< called now and then
+    std::function<bool()> stop{};  ///< asked now and then; when it is true the move ends, to be gone on with
 };
 
 struct QORShardReport {
     std::vector<std::string> done;    ///< what was made, a line each; none when all was there
+    bool stopped = false;             ///< the rest is still to do
     std::vector<std::string> faults;  ///< what is not as it should be, a line each
 };
 

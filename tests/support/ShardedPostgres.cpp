@@ -61,8 +61,8 @@ std::string ShardedPostgres::file(unsigned servers) const {
     return text;
 }
 
-void ShardedPostgres::spread(unsigned servers) const {
-    QORShard shard({.home = connectionString(), .servers = parseShardFile(file(servers), "servers")});
+void ShardedPostgres::spread(unsigned servers, const std::string& split) const {
+    QORShard shard({.home = connectionString(), .servers = parseShardFile(file(servers), "servers"), .split = split});
     const QORShardReport report = shard.run();
     std::string faults;
     for (const std::string& fault : report.faults)

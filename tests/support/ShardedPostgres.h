@@ -36,9 +36,9 @@ public:
     /// The server itself, to crash, suspend and start; the first one has home too.
     static PostgresServer& server(unsigned number);
 
-    /// Makes or completes the set-up, as `qorctl database shard` does with the first so many. \throws what that throws;
-    /// std::runtime_error with its faults
-    void spread(unsigned servers) const;
+    /// Makes or completes the set-up, as `qorctl database shard` does with the first so many. \param split the server
+    /// that gives to a new one; empty: the largest \throws what that throws; std::runtime_error with its faults
+    void spread(unsigned servers, const std::string& split = {}) const;
 
 private:
     std::string m_home;

@@ -1,0 +1,83 @@
+/// \file
+/// Moves records from one database to others while both are in use.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "shard/ShardDatabase.h"
+#include "shard/ShardRecords.h"
+
+namespace QOR {
+
+/// Where some of the records go.
+struct ShardWay {
+    std::string name;  ///< of the server
+    ShardDatabase* target;
+    ShardShare share;
+};
+
+/// Whose records are the source's afterwards; none for a source that gives all away.
+struct ShardRest {
+    std::string name;
+    ShardShare share;
+};
+
+/// What is told of it while it goes on.
+struct ShardMoveHooks {
+    std::function<void(std::uint64_t records, std::uint64_t of, std::uint64_t resumed)> progress;
+    std::function<bool()> stop;  ///< true: the move is to end, to be gone on with
+};
+
+/// Thrown when it was asked to end.
+class ShardStopped {};
+
+/// Copies first, with everybody at work and what changes meanwhile noted in the source; then it has everybody wait for
+/// the last changes, and for the switch. Ended at any point, another one goes on. Everything throws QORException,
+/// AException and ShardStopped.
+class ShardMove {
+public:
+    ShardMove(ShardDatabase& home, ShardDatabase& source, std::vector<ShardWay> ways, std::vector<ShardRest> rest,
+              ShardMoveHooks hooks);
+
+    /// Takes nearly everything to where it goes; the source keeps it.
+    void copy();
+    /// Gives the rest of the way, and with it the records, away: from then on they are there and not here.
+    /// \param close keeps others from writing, within the source's transaction \param leave what else is to be done in
+    /// it \param place says so at home, within its transaction
+    void finish(const std::function<void(ASSession&)>& close, const std::function<void(ASSession&)>& leave,
+                const std::function<void(ASSession&)>& place);
+    /// The same for a source that is home, in one transaction there.
+    void finishHome(const std::function<void(ASSession&)>& place);
+
+private:
+    void requireFit();
+    void followAll(ASSession& source);
+    void settleRest(ASSession& source);
+    void noteTouched(ASSession& source, const std::string& condition);
+    void noteTouchedBy(ASSession& source, const std::vector<std::int64_t>& numbers);
+    void took(std::uint64_t records);
+
+    ShardDatabase& m_home;
+    ShardDatabase& m_source;
+    std::vector<ShardWay> m_ways;
+    std::vector<ShardRest> m_rest;
+    ShardMoveHooks m_hooks;
+    std::vector<ShardRecords> m_records;  ///< of each way
+    ASSession* m_atHome = nullptr;        ///< in whose transaction home is told, while the source is home
+    std::uint64_t m_done = 0;
+    std::uint64_t m_of = 0;
+    std::uint64_t m_resumed = 0;
+};
+
+/// Runs `work` in a transaction at home in which nobody reads through it, once that is possible without keeping readers
+/// waiting for long. \param before run when all that can fail but home's commit has been done \param stop as above
+void alone(ShardDatabase& home, const std::function<void(ASSession&)>& work, const std::function<void()>& before,
+           const std::function<bool()>& stop);
+
+/// Begins or ends to note what changes in a database, likewise without keeping writers waiting for long.
+void watch(ShardDatabase& source, bool on, const std::function<bool()>& stop);
+
+}  // namespace QOR

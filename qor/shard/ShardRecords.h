@@ -1,0 +1,60 @@
+/// \file
+/// Takes the records of some environments from one database to another.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "QORDBSchema/QORSchemaTables.h"
+#include "shard/ShardDatabase.h"
+#include "shard/ShardWatch.h"
+
+namespace QOR {
+
+/// Whose records: those of environments whose hash leaves the remainder.
+struct ShardShare {
+    std::int64_t modulus = 1;
+    std::int64_t remainder = 0;
+
+    /// The condition on a column that says so.
+    std::string holds(const std::string& column) const;
+};
+
+/// Both databases are of this version. What it copies takes the place of what has come there of the same records
+/// before, so that everything here may be done again. Used by one thread. Everything throws QORException and
+/// AException.
+class ShardRecords {
+public:
+    /// \param took told now and then how many records were copied since the last time; it may throw to end the copying
+    ShardRecords(ShardDatabase& target, ShardShare share, std::function<void(std::uint64_t)> took);
+
+    /// Copies everything behind what is there already, as the session's transaction sees it.
+    void copyAll(ASSession& source);
+    /// Follows changes of the source, likewise.
+    void follow(ASSession& source, const ShardChanges& changes);
+    /// What is known of their documents.
+    void copyDocuments(ASSession& source);
+    /// How far requests have been stored, in place of what the target has of it.
+    void copyRequests(ASSession& source);
+    std::uint64_t count(ASSession& source) const;
+    /// Removes them from a database.
+    void remove(ASSession& source) const;
+    /// How many the target has.
+    std::uint64_t countThere();
+
+private:
+    struct Batch;
+    void copyTable(ASSession& source, const std::string& name, const std::string& condition, const std::string& gone);
+    void takeTouched(ASSession& source, Batch& batch) const;
+    void put(const std::string& name, const Batch& batch, const std::string& gone);
+    const QORSchemaTable& table(const std::string& name) const;
+
+    ShardDatabase& m_target;
+    ShardShare m_share;
+    std::function<void(std::uint64_t)> m_took;
+    std::vector<QORSchemaTable> m_tables;
+};
+
+}  // namespace QOR
