@@ -73,6 +73,7 @@ public:
         addSample();
         addCollect();
         addCopy();
+        addDatabase();
         addSelfCheck();
         addFilterCommand(m_app, m_filterExit);
     }
@@ -296,6 +297,35 @@ private:
         app->footer(std::string("Ended at any point, the same command goes on where it stood.\n") + exitNote);
     }
 
+    void addDatabase() {
+        CLI::App* const app = m_app.add_subcommand("database", "Where records are kept");
+        app->require_subcommand(1);
+        app->footer(exitNote);
+        CLI::App* const shard = app->add_subcommand(
+            "shard", "Spread a PostgreSQL database's records over several servers, add servers, check them");
+        shard->callback([this] { m_run = [this] { runShard(m_shard); }; });
+        shard
+            ->add_option("--database", m_shard.home,
+                         "ODBC connection string of the database that agents are pointed at")
+            ->required()
+            ->transform(connectionStringOf)
+            ->type_name("DATABASE");
+        shard->add_option("--servers", m_shard.servers, "names them, all of them: NAME CONNECTION-STRING, a line each")
+            ->required()
+            ->type_name("FILE");
+        shard
+            ->add_option("--split", m_shard.split,
+                         "the server that gives half of its environments to a new one; by default the one with most "
+                         "records")
+            ->type_name("NAME");
+        shard->add_flag("--print", m_shard.print, "only print the statements that set all up, and run none");
+        shard->add_flag("--progress", m_shard.progress, "show progress even where standard error is no terminal");
+        shard->footer(
+            std::string("Ended at any point, the same command goes on where it stood. Given again when all is "
+                        "done, it checks.\n") +
+            exitNote);
+    }
+
     void addSelfCheck() {
         CLI::App* const app = m_app.add_subcommand("self-check", "Proofs about this program, on copies of a database");
         app->require_subcommand(1);
@@ -331,6 +361,7 @@ private:
     ImportOptions m_import;
     SampleCommandOptions m_sample;
     CopyCommandOptions m_copy;
+    ShardCommandOptions m_shard;
     SecurityCommandOptions m_security;
     std::function<void()> m_run;
     int m_filterExit = 0;

@@ -1,12 +1,14 @@
 #include "shard/QORShard.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <optional>
 #include <string_view>
 #include <utility>
 
 #include "QORCommon/QORText.h"
+#include "QORDBSchema/QORDBSchema.h"
 #include "QORDBSchema/QORSpreadSchema.h"
 #include "QORServers/QORServers.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
@@ -29,6 +31,9 @@ std::string inQuotes(const std::string& text) {
     return ASSession::quoteLiteral(text);
 }
 
+/// Tables whose records have numbers of their own.
+constexpr std::array numbered{"qor_operation", "qor_event", "qor_backup"};
+
 /// Numbers that a server gives to what other programs store there are its alone, and above those that agents give.
 constexpr int numberBits = 44;
 
@@ -39,19 +44,37 @@ bool holdsRecords(ShardDatabase& database) {
     });
 }
 
-void note(ASSession& home, const QORSpreadServer& server) {
-    home.prepare(
-            "INSERT INTO qor_server (name, number, connection, schema, modulus, remainder) VALUES (CAST(? AS text), "
-            "CAST(? AS int), CAST(? AS text), CAST(? AS text), CAST(? AS int), CAST(? AS int)) ON CONFLICT (name) DO "
-            "UPDATE SET connection = excluded.connection, schema = excluded.schema, modulus = excluded.modulus, "
-            "remainder = excluded.remainder")
-        .bind(1, std::string_view(server.name))
-        .bind(2, std::int64_t{server.number})
-        .bind(3, std::string_view(server.connection))
-        .bind(4, std::string_view(server.schema))
-        .bind(5, server.modulus)
-        .bind(6, server.remainder)
-        .execute();
+std::string noteStatement(const QORSpreadServer& server) {
+    return "INSERT INTO qor_server (name, number, connection, schema, modulus, remainder) VALUES (" +
+           inQuotes(server.name) + ", " + std::to_string(server.number) + ", " + inQuotes(server.connection) + ", " +
+           inQuotes(server.schema) + ", " + std::to_string(server.modulus) + ", " + std::to_string(server.remainder) +
+           ") ON CONFLICT (name) DO UPDATE SET connection = excluded.connection, schema = excluded.schema, "
+           "modulus = excluded.modulus, remainder = excluded.remainder";
+}
+
+std::string holdStatement(const QORSpreadServer& server, std::int64_t epoch, const std::string& home) {
+    return "INSERT INTO qor_held (epoch, modulus, remainder, home) VALUES (" + std::to_string(epoch) + ", " +
+           std::to_string(server.modulus) + ", " + std::to_string(server.remainder) + ", " + inQuotes(home) + ")";
+}
+
+/// What a server without any records begins with.
+std::vector<std::string> beginStatements(const QORSpreadServer& server, std::int64_t epoch, const std::string& home) {
+    std::vector<std::string> statements{"DELETE FROM qor_held", holdStatement(server, epoch, home),
+                                        "DELETE FROM qor_followed", "INSERT INTO qor_followed (n) VALUES (-1)"};
+    for (const char* const table : numbered)
+        statements.push_back("ALTER TABLE " + std::string(table) + " ALTER COLUMN seq RESTART WITH " +
+                             std::to_string(std::int64_t{server.number} << numberBits));
+    return statements;
+}
+
+/// Agents number records behind all that there are and were.
+std::string arrivalStatement() {
+    std::string last =
+        "coalesce((SELECT max(last_value) FROM pg_sequences WHERE schemaname = CAST(current_schema() AS text) AND "
+        "sequencename LIKE 'qor\\_%\\_seq\\_seq'), 0)";
+    for (const char* const table : numbered)
+        last += ", coalesce((SELECT max(seq) FROM " + std::string(table) + "), 0)";
+    return "SELECT setval('qor_arrival', greatest(last_value, " + last + ")) FROM qor_arrival";
 }
 
 }  // namespace
@@ -208,7 +231,7 @@ private:
             begin(place, 1);
             ways.push_back({place.row.name, &place.database, shareOf(place.row)});
         }
-        raiseArrival();
+        m_home.write([](ASSession& home) { home.execute(arrivalStatement()); });
         m_changed = true;
         ShardMove move(m_home, m_home, std::move(ways), {}, hooks({}));
         move.copy();
@@ -288,65 +311,41 @@ private:
 
     /// In place: who waits for the row finds it again, as it is then.
     void hold(ASSession& session, const QORSpreadServer& row, std::int64_t epoch) const {
-        const auto run = [&](const char* sql) {
-            session.prepare(sql)
-                .bind(1, epoch)
-                .bind(2, row.modulus)
-                .bind(3, row.remainder)
-                .bind(4, std::string_view(m_identity))
-                .execute();
-        };
-        const bool has = readCell(session, "SELECT count(*) FROM qor_held") != "0";
-        run(has ? "UPDATE qor_held SET epoch = CAST(? AS bigint), modulus = CAST(? AS int), remainder = CAST(? AS "
-                  "int), "
-                  "home = CAST(? AS text)"
-                : "INSERT INTO qor_held (epoch, modulus, remainder, home) VALUES (CAST(? AS bigint), CAST(? AS int), "
-                  "CAST(? AS int), CAST(? AS text))");
+        session.execute("UPDATE qor_held SET epoch = " + std::to_string(epoch) + ", modulus = " +
+                        std::to_string(row.modulus) + ", remainder = " + std::to_string(row.remainder));
     }
 
     /// What a server holds from now on, without any records yet.
     void begin(Place& place, std::int64_t epoch) {
         place.database.write([&](ASSession& session) {
-            hold(session, place.row, epoch);
-            session.execute("DELETE FROM qor_followed");
-            session.execute("INSERT INTO qor_followed (n) VALUES (-1)");
-            for (const char* const table : {"qor_operation", "qor_event", "qor_backup"})
-                session.execute("ALTER TABLE " + std::string(table) + " ALTER COLUMN seq RESTART WITH " +
-                                std::to_string(std::int64_t{place.row.number} << numberBits));
-        });
-    }
-
-    /// Agents number records behind all that there are and were.
-    void raiseArrival() {
-        m_home.write([](ASSession& home) {
-            std::string last =
-                "coalesce((SELECT max(last_value) FROM pg_sequences WHERE schemaname = CAST(current_schema() "
-                "AS text) AND sequencename LIKE 'qor\\_%\\_seq\\_seq'), 0)";
-            for (const char* const table : {"qor_operation", "qor_event", "qor_backup"})
-                last += ", coalesce((SELECT max(seq) FROM " + std::string(table) + "), 0)";
-            readCell(home, "SELECT setval('qor_arrival', greatest(last_value, " + last + ")) FROM qor_arrival");
+            for (const std::string& statement : beginStatements(place.row, epoch, m_identity))
+                session.execute(statement);
         });
     }
 
     /// Gives readers their rights at the servers. \returns what makes everything at home as it has to be
     std::function<void(ASSession&)> settling() {
-        std::vector<std::string> servers;
+        std::vector<ShardForeign> servers;
         for (Place& place : m_places) {
             if (place.row.number == 0) continue;
             ShardReader reader{place.file.reader, place.file.readerPassword};
             if (reader.role.empty()) {
                 reader.role = place.database.cell("SELECT CAST(current_user AS text)");
+                reader.password = OdbcConnectionString(place.database.connection()).get("PWD");
             } else {
                 allow(place, reader.role);
             }
-            const auto more = foreignServerStatements(place.row.name, place.database.connection(), reader);
+            const auto more = foreignServers(place.row.name, place.database.connection(), reader);
             servers.insert(servers.end(), more.begin(), more.end());
         }
         return [this, servers = std::move(servers)](ASSession& home) {
-            for (const std::string& statement : servers)
-                home.execute(statement);
+            for (const ShardForeign& server : servers) {
+                if (server.isThere(home)) continue;
+                for (const std::string& statement : server.statements())
+                    home.execute(statement);
+            }
             for (const Place& place : m_places) {
-                if (place.row.number != 0) note(home, place.row);
+                if (place.row.number != 0) home.execute(noteStatement(place.row));
             }
             remakeSpread(home);
             if (m_changed) home.execute("UPDATE qor_placement SET epoch = epoch + 1");
@@ -371,6 +370,50 @@ private:
     std::map<std::string, std::string> m_identities;  ///< by names of servers
     bool m_changed = false;                           ///< the placement, since it was written down
 };
+
+std::vector<std::string> QORShard::script(const QORShardOptions& options) {
+    ShardDatabase home("home", options.home);
+    QORRdbmsTran tran(home.rdbms(), ASAccess::Read);
+    if (QORDBSchema::inspect(*tran).version != QORDBSchema::currentVersion())
+        home.refuse("is not one of this program's and of this version yet: have an agent open it once");
+    if (!readSpreadServers(*tran).empty())
+        home.refuse("has servers: adding one moves records, which takes more than statements");
+    const std::string identity = readCell(*tran, "SELECT id FROM qor_database");
+    const std::string role = readCell(*tran, "SELECT CAST(current_user AS text)");
+    std::vector<std::string> lines;
+    const auto add = [&](const std::vector<std::string>& statements) {
+        for (const std::string& statement : statements)
+            lines.push_back(statement + ';');
+    };
+    std::vector<QORSpreadServer> rows;
+    std::vector<std::string> ways;
+    for (const ShardServer& server : options.servers) {
+        const int number = static_cast<int>(rows.size()) + 1;
+        const std::string whole = QORServers::connectionString(server.connection, options.home);
+        const OdbcConnectionString connection(whole);
+        rows.push_back({server.name, number, server.connection, "public",
+                        static_cast<std::int64_t>(options.servers.size()), number - 1});
+        lines.push_back("-- server " + server.name + ": database " + connection.get("Database") + " at " +
+                        connection.get("Server"));
+        add(QORDBSchema::postgresStatements());
+        add(beginStatements(rows.back(), 1, identity));
+        ShardReader reader{server.reader, server.readerPassword};
+        if (!reader.role.empty()) add(readerGrants("public", reader.role));
+        if (reader.role.empty()) reader.role = connection.has("UID") ? connection.get("UID") : role;
+        for (const ShardForeign& way : foreignServers(server.name, whole, reader)) {
+            const auto more = way.statements();
+            ways.insert(ways.end(), more.begin(), more.end());
+        }
+    }
+    lines.push_back("-- home, in one transaction, while it holds no records");
+    add({"BEGIN", "CREATE EXTENSION IF NOT EXISTS postgres_fdw"});
+    add(ways);
+    for (const QORSpreadServer& row : rows)
+        add({noteStatement(row)});
+    add(spreadStatements(*tran, rows));
+    add({arrivalStatement(), "UPDATE qor_placement SET epoch = epoch + 1", "COMMIT"});
+    return lines;
+}
 
 QORShard::QORShard(QORShardOptions options) : m_impl(std::make_unique<Impl>(std::move(options))) {}
 QORShard::~QORShard() = default;

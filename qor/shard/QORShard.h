@@ -47,6 +47,10 @@ public:
     /// \throws QORException 1 naming what is in the way, and what an administrator has to do; AException
     QORShardReport run();
 
+    /// The statements of a first set-up, with what each is for; none is run, and no server is asked. Home exists.
+    /// \throws as run()
+    static std::vector<std::string> script(const QORShardOptions& options);
+
 private:
     class Impl;
     std::unique_ptr<Impl> m_impl;

@@ -16,6 +16,13 @@ std::string columnsSql(const std::string& schema, const std::string& table) {
            ASSession::quoteLiteral(schema) + " AND c.relname = " + ASSession::quoteLiteral(table);
 }
 
+/// The engine lets an ordinary role read elsewhere by a password alone.
+std::string adviceFor(const std::string& reason) {
+    if (reason.find("password") == std::string::npos) return {};
+    return ". Give the reader a password (Reader=ROLE;ReaderPWD=...), or have a superuser say at home: ALTER USER "
+           "MAPPING FOR PUBLIC SERVER ... OPTIONS (ADD password_required 'false')";
+}
+
 class ServerCheck {
 public:
     ServerCheck(ShardDatabase& home, ShardDatabase& database, const QORSpreadServer& server)
@@ -69,7 +76,7 @@ private:
             try {
                 m_home.cell("SELECT count(*) FROM (SELECT 1 FROM " + name + " LIMIT 1) AS one");
             } catch (const AException& error) {
-                fault("home cannot read " + name + ": " + error.text());
+                fault("home cannot read " + name + ": " + error.text() + adviceFor(error.text()));
                 return;
             }
         }

@@ -6,6 +6,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
+#include "QORDBSchema/QORSchemaRows.h"
 #include "QORDBSchema/QORSpreadSchema.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -13,7 +14,7 @@
 namespace QOR {
 namespace {
 
-using Options = std::vector<std::pair<std::string, std::string>>;
+using Options = ShardForeign::Options;
 
 struct Word {
     const char* odbc;
@@ -87,25 +88,44 @@ std::string optionList(const Options& options) {
     return " OPTIONS (" + list + ")";
 }
 
+/// As the engine keeps them.
+std::string lines(const Options& options) {
+    std::string text;
+    for (const auto& [name, value] : options)
+        text += (text.empty() ? "" : "\n") + name + '=' + value;
+    return text;
+}
+
 }  // namespace
 
-std::vector<std::string> foreignServerStatements(const std::string& name, const std::string& connection,
-                                                 const ShardReader& reader) {
-    std::vector<std::string> statements;
+std::vector<ShardForeign> foreignServers(const std::string& name, const std::string& connection,
+                                         const ShardReader& reader) {
+    std::vector<ShardForeign> servers;
     for (const bool isLong : {false, true}) {
-        const std::string server = "qor_" + name + (isLong ? "_long" : "");
-        Options way = wayTo(connection);
-        set(way, "application_name", server);
-        set(way, "options", std::string(readOnly) + (isLong ? "" : firstRows));
-        set(way, "fetch_size", isLong ? "10000" : "100");
-        set(way, "async_capable", "true");
-        statements.push_back("DROP SERVER IF EXISTS " + server + " CASCADE");
-        statements.push_back("CREATE SERVER " + server + " FOREIGN DATA WRAPPER postgres_fdw" + optionList(way));
-        Options who{{"user", reader.role}};
-        if (!reader.password.empty()) who.emplace_back("password", reader.password);
-        statements.push_back("CREATE USER MAPPING FOR PUBLIC SERVER " + server + optionList(who));
+        ShardForeign server{"qor_" + name + (isLong ? "_long" : ""), wayTo(connection), {{"user", reader.role}}};
+        set(server.way, "application_name", server.name);
+        set(server.way, "options", std::string(readOnly) + (isLong ? "" : firstRows));
+        set(server.way, "fetch_size", isLong ? "10000" : "100");
+        set(server.way, "async_capable", "true");
+        if (!reader.password.empty()) server.who.emplace_back("password", reader.password);
+        servers.push_back(std::move(server));
     }
-    return statements;
+    return servers;
+}
+
+std::vector<std::string> ShardForeign::statements() const {
+    return {"DROP SERVER IF EXISTS " + name + " CASCADE",
+            "CREATE SERVER " + name + " FOREIGN DATA WRAPPER postgres_fdw" + optionList(way),
+            "CREATE USER MAPPING FOR PUBLIC SERVER " + name + optionList(who)};
+}
+
+bool ShardForeign::isThere(ASSession& home) const {
+    const std::string named = " WHERE srvname = " + ASSession::quoteLiteral(name);
+    return readCell(home, "SELECT array_to_string(srvoptions, chr(10)) FROM pg_foreign_server" + named) == lines(way) &&
+           readCell(home,
+                    "SELECT array_to_string(array_remove(umoptions, 'password_required=false'), chr(10)) FROM "
+                    "pg_user_mappings" +
+                        named + " AND umuser = 0") == lines(who);
 }
 
 std::vector<std::string> readerGrants(const std::string& schema, const std::string& role) {

@@ -79,6 +79,14 @@ struct CopyCommandOptions {
     bool progress = false;  ///< also where standard error is no terminal
 };
 
+struct ShardCommandOptions {
+    std::string home;     ///< connection string
+    std::string servers;  ///< the file that names them
+    std::string split;
+    bool print = false;
+    bool progress = false;  ///< also where standard error is no terminal
+};
+
 void runSelect(const ConnectionOptions& connection, const SelectOptions& options, const PrintOptions& print);
 void runRows(const ConnectionOptions& connection, const RowsOptions& options, const PrintOptions& print);
 void runRequest(const ConnectionOptions& connection, const RequestOptions& options);
@@ -92,6 +100,8 @@ void runSample(const ConnectionOptions& connection, const SampleCommandOptions& 
 void runCollect(const ConnectionOptions& connection);
 /// Moves a database into another one, both of which it opens itself.
 void runCopy(const CopyCommandOptions& options);
+/// Spreads a database's records over servers, or checks that they are.
+void runShard(const ShardCommandOptions& options);
 /// Proves on a copy of the database that row security holds. Throws AnsweredError when it does not.
 void runSelfCheckSecurity(const ConnectionOptions& connection, const SecurityCommandOptions& options);
 

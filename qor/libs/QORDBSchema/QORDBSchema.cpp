@@ -205,6 +205,18 @@ int QORDBSchema::migrate(ASSession& session, int version) {
     return found.version;
 }
 
+std::vector<std::string> QORDBSchema::postgresStatements() {
+    const QORSchemaEngine& engine = QORSchemaEngine::of(ASEngine::PostgreSQL);
+    std::vector<std::string> statements{engine.markTable,
+                                        "CREATE VIEW \"SchemaTable\" AS " + schemaTableSql(ASEngine::PostgreSQL, {})};
+    for (const QORVersionedStep& step : engine.steps) {
+        statements.insert(statements.end(), step.step->statements.begin(), step.step->statements.end());
+        statements.push_back("INSERT INTO qor_schema_version (version, mark, applied) VALUES (" +
+                             std::to_string(step.version) + ", " + ASSession::quoteLiteral(mark) + ", now())");
+    }
+    return statements;
+}
+
 QORSchemaReport QORDBSchema::open(const ASDatabaseOptions& options, QORSchemaMode mode) {
     const QORSchemaReport report = openDatabase(options, mode);
     expectThisDatabase();

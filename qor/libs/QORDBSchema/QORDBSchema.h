@@ -70,6 +70,9 @@ public:
     /// writes. \throws QORException 1 when it is newer, or none of this host's; the text names the server. AException
     static void migrateServer(const QORServer& server);
 
+    /// What migrate() runs on an empty database of PostgreSQL's, for who runs it by other means.
+    static std::vector<std::string> postgresStatements();
+
     /// Fits the session's connection for transactions of many records: room for the pages that they touch, and a
     /// longer log before it is worked into the file. It stays so; durability is what it was.
     static void prepareManyWrites(ASSession& session);

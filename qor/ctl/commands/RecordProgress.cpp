@@ -1,0 +1,45 @@
+#include "commands/RecordProgress.h"
+
+#include <unistd.h>
+
+#include <iostream>
+
+namespace QOR {
+namespace {
+
+std::string textOf(std::string text, std::uint64_t records, std::uint64_t of, std::uint64_t resumed, double seconds) {
+    if (of == 0) return text;
+    text += ": " + std::to_string(records * 100 / of) + "%, " + std::to_string(records) + " of " + std::to_string(of) +
+            " records";
+    const auto done = static_cast<double>(records - resumed);
+    if (seconds <= 0 || done <= 0) return text;
+    const double rate = done / seconds;
+    const auto left = static_cast<std::uint64_t>(static_cast<double>(of - records) / rate);
+    return text + ", " + std::to_string(static_cast<std::uint64_t>(rate)) + " a second, " + std::to_string(left) +
+           " s left";
+}
+
+}  // namespace
+
+RecordProgress::RecordProgress(bool asked) : m_terminal(::isatty(STDERR_FILENO) != 0), m_shows(asked || m_terminal) {}
+
+void RecordProgress::tell(const std::string& part, std::uint64_t records, std::uint64_t of, std::uint64_t resumed) {
+    if (!m_shows) return;
+    const auto now = Clock::now();
+    const bool begins = part != m_part || !m_any;
+    if (begins) m_began = now;
+    const Clock::duration pace = m_terminal ? std::chrono::milliseconds(100) : std::chrono::milliseconds(1000);
+    if (!begins && records != of && now - m_last < pace) return;
+    m_part = part;
+    m_any = true;
+    m_last = now;
+    const std::string text = textOf(part, records, of, resumed, std::chrono::duration<double>(now - m_began).count());
+    std::cerr << (m_terminal ? "\r\x1b[K" : "") << text << (m_terminal ? "" : "\n") << std::flush;
+}
+
+void RecordProgress::clear() {
+    if (m_terminal && m_any) std::cerr << "\r\x1b[K" << std::flush;
+    m_any = false;
+}
+
+}  // namespace QOR

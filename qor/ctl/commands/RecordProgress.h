@@ -1,0 +1,36 @@
+/// \file
+/// How far the moving of records is, for a person who waits.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace QOR {
+
+/// On a terminal one line that is written over; elsewhere, when asked for, a line now and then. To standard error.
+class RecordProgress {
+public:
+    /// \param asked also where there is no terminal
+    explicit RecordProgress(bool asked);
+    ~RecordProgress() { clear(); }
+    RecordProgress(const RecordProgress&) = delete;
+    RecordProgress& operator=(const RecordProgress&) = delete;
+
+    /// \param part what is going on; another one begins anew \param of 0: nothing can be told of how far it is
+    /// \param resumed those of `records` that earlier runs have done
+    void tell(const std::string& part, std::uint64_t records, std::uint64_t of, std::uint64_t resumed);
+    void clear();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    bool m_terminal;
+    bool m_shows;
+    bool m_any = false;
+    std::string m_part;
+    Clock::time_point m_began;
+    Clock::time_point m_last;
+};
+
+}  // namespace QOR
