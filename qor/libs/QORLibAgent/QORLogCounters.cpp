@@ -1,6 +1,7 @@
 #include "QORLibAgent/QORLogCounters.h"
 
 #include <algorithm>
+#include <functional>
 #include <limits>
 #include <span>
 
@@ -438,10 +439,8 @@ std::uint64_t QORLogScopes::countWhole(std::size_t level, std::int64_t bucket, s
     return records;
 }
 
-namespace {
-
-std::vector<std::pair<std::int64_t, std::uint64_t>> fetchBuckets(ASStatement& select) {
-    std::vector<std::pair<std::int64_t, std::uint64_t>> buckets;
+QORLogScopes::Buckets QORLogScopes::fetchBuckets(ASStatement& select) {
+    Buckets buckets;
     select.execute();
     while (select.fetch())
         buckets.emplace_back(select.integer(1), static_cast<std::uint64_t>(select.integer(2)));
@@ -449,9 +448,7 @@ std::vector<std::pair<std::int64_t, std::uint64_t>> fetchBuckets(ASStatement& se
     return buckets;
 }
 
-}  // namespace
-
-std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::widest() {
+QORLogScopes::Buckets QORLogScopes::widest() {
     ASStatement& select = m_session.prepare(scopesSql(m_dialect, m_kind).widest);
     QORBinder(select).text(m_json).integer(levels[0]);
     return fetchBuckets(select);
@@ -459,7 +456,7 @@ std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::widest() {
 
 /// What a bucket holds, by the buckets of the next level: their counters where it is split, the records themselves
 /// where it is not.
-std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::finer(std::size_t level, std::int64_t bucket) {
+QORLogScopes::Buckets QORLogScopes::finer(std::size_t level, std::int64_t bucket) {
     const int width = levels[level];
     const int next = levels[level + 1];
     const std::int64_t first = bucket << width;
@@ -486,10 +483,25 @@ std::vector<std::pair<std::int64_t, std::uint64_t>> QORLogScopes::finer(std::siz
     return fetchBuckets(select);
 }
 
-std::optional<QORLogScopes::Place> QORLogScopes::find(std::uint64_t position, std::uint64_t enough) {
+/// The counters of all together.
+template <class Ask>
+QORLogScopes::Buckets QORLogScopes::bucketsOf(const std::vector<QORLogScopes*>& parts, Ask ask) {
+    if (parts.size() == 1) return ask(*parts.front());
+    std::map<std::int64_t, std::uint64_t, std::greater<>> sums;
+    for (QORLogScopes* const part : parts) {
+        for (const auto& [bucket, records] : ask(*part))
+            sums[bucket] += records;
+    }
+    return {sums.begin(), sums.end()};
+}
+
+std::optional<QORLogScopes::Place> QORLogScopes::find(const std::vector<QORLogScopes*>& parts, std::uint64_t position,
+                                                      std::uint64_t enough) {
     Place place{std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max(), 0, 0};
     for (std::size_t level = 0; level < levels.size(); ++level) {
-        const auto buckets = level == 0 ? widest() : finer(level - 1, place.first >> levels[level - 1]);
+        const auto buckets = bucketsOf(parts, [&](QORLogScopes& part) {
+            return level == 0 ? part.widest() : part.finer(level - 1, place.first >> levels[level - 1]);
+        });
         auto found = buckets.begin();
         for (; found != buckets.end() && place.newer + found->second <= position; ++found)
             place.newer += found->second;

@@ -77,6 +77,11 @@ private:
 struct QORLogMark {
     std::int64_t seq = 0;
     std::string time;  ///< in the database's form
+
+    /// In the order of the log.
+    friend bool operator<(const QORLogMark& left, const QORLogMark& right) {
+        return left.time != right.time ? left.time > right.time : left.seq > right.seq;
+    }
 };
 
 /// The records of some scopes of one log, read within a transaction. No two of the scopes may have a record in common.
@@ -107,7 +112,10 @@ public:
     /// Where the record lies that `position` records are newer than. Nothing when there is none: then the position
     /// lies beyond the end, or the counters do not agree with the records.
     /// \param enough a span that holds so few records need not be narrowed
-    std::optional<Place> find(std::uint64_t position, std::uint64_t enough);
+    std::optional<Place> find(std::uint64_t position, std::uint64_t enough) { return find({this}, position, enough); }
+    /// The same among the records of one log that lie in several databases.
+    static std::optional<Place> find(const std::vector<QORLogScopes*>& parts, std::uint64_t position,
+                                     std::uint64_t enough);
     /// The records from one second to another. \param behind of these, those that come after this one in the log
     Records records(std::int64_t from, std::int64_t to, const QORLogMark* behind = nullptr) const;
 
@@ -131,8 +139,13 @@ private:
     std::uint64_t countWithin(std::size_t level, std::int64_t from, std::int64_t to);
     std::uint64_t countPart(std::size_t level, const Edge& edge, std::int64_t from, std::int64_t to);
     std::uint64_t countWhole(std::size_t level, std::int64_t bucket, std::int64_t from, std::int64_t to);
-    std::vector<std::pair<std::int64_t, std::uint64_t>> widest();
-    std::vector<std::pair<std::int64_t, std::uint64_t>> finer(std::size_t level, std::int64_t bucket);
+    /// Counters of one level, the latest first.
+    using Buckets = std::vector<std::pair<std::int64_t, std::uint64_t>>;
+    Buckets widest();
+    Buckets finer(std::size_t level, std::int64_t bucket);
+    template <class Ask>
+    static Buckets bucketsOf(const std::vector<QORLogScopes*>& parts, Ask ask);
+    static Buckets fetchBuckets(ASStatement& select);
 
     ASSession& m_session;
     const ASDialect& m_dialect;

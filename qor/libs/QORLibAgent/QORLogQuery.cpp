@@ -1,0 +1,293 @@
+#include "QORLibAgent/QORLogQuery.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <map>
+#include <set>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORRequestControl.h"
+#include "QORServers/QORServers.h"
+#include "rdbmspp/engine/ASDialect.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORLogQuery";
+
+/// Up to here skipping records is cheaper than finding out where to begin.
+constexpr std::uint64_t skippable = 200;
+/// A span that holds no more records is read without looking for a narrower one: of one scope they come in order, of
+/// several they have to be sorted.
+constexpr std::uint64_t skippedOfOne = 256;
+constexpr std::uint64_t sorted = 2048;
+/// Requests tell times in 32 bits; where those end, counters need no closer look.
+constexpr std::int64_t endOfRequests = std::numeric_limits<std::int32_t>::max();
+
+constexpr const char* newestFirst = " r ORDER BY time DESC NULLS LAST, seq DESC LIMIT ?";
+
+/// The select of a page of a log's records, around the select that finds them by arrival and time. The order says where
+/// nulls go, though there are none: an index serves no other.
+std::string pageSql(const ASDialect& dialect, QORLogKind kind, const std::string& records) {
+    const bool operations = kind == QORLogKind::Operations;
+    const std::string columns =
+        operations ? "o.id, o.parent_id, o.op, o.status, o.eid, o.message, (SELECT " + dialect.joinedGuids("e.eid") +
+                         " FROM qor_operation_environment e WHERE e.operation = o.seq AND e.position >= 0)"
+                   : "o.eid, o.source, o.category, o.info";
+    return "SELECT o.seq, o.time, " + columns + " FROM (SELECT seq FROM (" + records + ")" + newestFirst +
+           " OFFSET ?) p" + dialect.lookUp(operations ? "qor_operation" : "qor_event", "o", "o.seq = p.seq", "p.seq") +
+           " ORDER BY o.time DESC, o.seq DESC";
+}
+
+unsigned bindAll(ASStatement& statement, const QORLogScopes::Records& records) {
+    unsigned index = 0;
+    for (const std::string& parameter : records.parameters)
+        statement.bind(++index, std::string_view(parameter));
+    return index;
+}
+
+/// The servers that keep operations of others which touch an environment. One that the placement does not know keeps
+/// nothing any more.
+std::set<const QORServer*> serversTouching(const QORPlacement& placement, const QOREID& eid) {
+    std::set<const QORServer*> servers;
+    QORRdbmsTran home(ASAccess::Read);
+    const ASDialect& dialect = ASDialect::of(home->engine());
+    ASStatement& select = home->prepare("SELECT server FROM qor_touched_server WHERE eid = " + dialect.guid("?"));
+    select.bind(1, eid.toString()).execute();
+    while (select.fetch()) {
+        if (const QORServer* const server = placement.find(select.text(1))) servers.insert(server);
+    }
+    select.close();
+    return servers;
+}
+
+std::set<const QORServer*> serversOf(const QORPlacement& placement, const QORLogScope& scope) {
+    std::set<const QORServer*> servers;
+    if (scope.where == QORLogScope::Where::Everywhere) {
+        for (const QORServer& server : placement.servers())
+            servers.insert(&server);
+        return servers;
+    }
+    if (scope.where == QORLogScope::Where::Touching) servers = serversTouching(placement, scope.eid);
+    servers.insert(&placement.of(scope.eid));
+    return servers;
+}
+
+/// Whether the server keeps what the placement says, in the state that the transaction sees.
+bool holds(ASSession& session, const QORServer& server) {
+    ASStatement& select = session.prepare("SELECT modulus, remainder FROM qor_held");
+    select.execute();
+    const bool same = select.fetch() && static_cast<std::uint64_t>(select.integer(1)) == server.modulus &&
+                      static_cast<std::uint64_t>(select.integer(2)) == server.remainder;
+    select.close();
+    return same;
+}
+
+}  // namespace
+
+QORLogQuery::QORLogQuery(QORLogKind kind, const std::vector<QORLogScope>& scopes, std::int64_t from, std::int64_t to)
+    : m_kind(kind), m_from(from), m_to(to) {
+    constexpr auto betweenLooks = std::chrono::milliseconds(20);
+    constexpr auto longestMove = std::chrono::seconds(10);
+    const auto until = QORRequestControl::Clock::now() + longestMove;
+    m_placement = QORServers::instance().placement();
+    while (!open(scopes)) {
+        QORRequestControl::checkCurrent();
+        if (QORRequestControl::Clock::now() >= until)
+            throw QORException(errFailure, "the servers do not keep what the database says that they keep", sourcePath,
+                               __LINE__);
+        std::this_thread::sleep_for(betweenLooks);
+        m_placement = QORServers::instance().refresh();
+    }
+}
+
+/// \returns false where environments are just being moved
+bool QORLogQuery::open(const std::vector<QORLogScope>& scopes) {
+    m_parts.clear();
+    std::map<int, std::pair<const QORServer*, std::vector<std::string>>> byNumber;
+    if (m_placement->none()) {
+        std::vector<std::string> names;
+        for (const QORLogScope& scope : scopes)
+            names.push_back(scope.name);
+        addPart(nullptr, QORRdbms::instance(), names);
+        return true;
+    }
+    for (const QORLogScope& scope : scopes) {
+        for (const QORServer* const server : serversOf(*m_placement, scope)) {
+            auto& [of, names] = byNumber[server->number];
+            of = server;
+            names.push_back(scope.name);
+        }
+    }
+    return std::all_of(byNumber.begin(), byNumber.end(),
+                       [&](const auto& one) { return openOn(*one.second.first, one.second.second); });
+}
+
+bool QORLogQuery::openOn(const QORServer& server, const std::vector<std::string>& scopes) {
+    bool same = false;
+    QORServers::instance().run(server, [&](QORRdbms& database) {
+        addPart(&server, database, scopes);
+        same = holds(*m_parts.back()->tran, server);
+    });
+    return same;
+}
+
+void QORLogQuery::addPart(const QORServer* server, QORRdbms& database, const std::vector<std::string>& scopes) {
+    auto part = std::make_unique<Part>(server, database, m_kind);
+    for (const std::string& scope : scopes)
+        part->scopes.add(scope);
+    m_parts.push_back(std::move(part));
+}
+
+template <class Work>
+void QORLogQuery::ask(const Part& part, Work work) {
+    try {
+        work();
+    } catch (const AException& failure) {
+        if (part.server == nullptr) throw;
+        throw QORServers::naming(part.server->name, failure);
+    }
+}
+
+template <class Work>
+std::uint64_t QORLogQuery::sum(Work work) {
+    std::uint64_t all = 0;
+    for (const auto& part : m_parts)
+        ask(*part, [&] { all += work(*part); });
+    return all;
+}
+
+std::uint64_t QORLogQuery::countOf(std::int64_t from, std::int64_t to) {
+    return sum([&](Part& part) { return part.scopes.count(from, to); });
+}
+
+void QORLogQuery::count() {
+    if (m_to == endOfRequests) {
+        m_size = countOf(m_from, m_to);
+        return;
+    }
+    // What is newer than the span is wanted for positions too, and each of the two has one end to look at.
+    const std::uint64_t all = countOf(m_from, QORLogScopes::endOfTime);
+    m_size = all - std::min(all, above());
+}
+
+void QORLogQuery::walk() {
+    m_walks = true;
+    m_last.reset();
+    m_size = sum([&](Part& part) {
+        const QORLogScopes::Records records = part.scopes.records(m_from, m_to);
+        ASStatement& select = part.tran->prepare("SELECT count(*) FROM (" + records.sql + ") r");
+        bindAll(select, records);
+        select.execute();
+        const std::uint64_t found = select.fetch() ? static_cast<std::uint64_t>(select.integer(1)) : 0;
+        select.close();
+        return found;
+    });
+}
+
+std::vector<ASStatement*> QORLogQuery::select(std::uint64_t position, std::size_t most) {
+    std::optional<QORLogMark> behind;
+    if (position == m_nextPosition) behind = m_last;
+    const auto start = behind ? Place{m_to, 0} : startOf(position);
+    if (!start) return {};
+    const auto first = beginning(position + most - 1);
+    if (!first) return {};
+    Place place = *start;
+    if (m_parts.size() > 1 && place.skip > 0) {
+        behind = markBefore(*first, place);
+        if (!behind) return {};
+        place.skip = 0;
+    }
+    std::vector<ASStatement*> results;
+    for (const auto& part : m_parts)
+        ask(*part, [&] { results.push_back(&selectFrom(*part, *first, place, most, behind ? &*behind : nullptr)); });
+    return results;
+}
+
+void QORLogQuery::setRead(std::uint64_t nextPosition, QORLogMark last) {
+    m_nextPosition = nextPosition;
+    m_last = std::move(last);
+}
+
+QORLogMark QORLogQuery::markOf(const ASStatement& row) {
+    return {row.integer(1), std::string(row.text(2))};
+}
+
+/// From which second on, going back, to skip how many records. Nothing when the counters do not know.
+std::optional<QORLogQuery::Place> QORLogQuery::startOf(std::uint64_t position) {
+    const bool looksFor = !m_walks && position > skippable && !isShort();
+    if (!looksFor) return Place{m_to, position};
+    const auto place = find(above() + position);
+    if (!place) return std::nullopt;
+    if (place->last >= m_to) return Place{m_to, position};
+    return Place{place->last, above() + position - place->newer};
+}
+
+std::optional<QORLogScopes::Place> QORLogQuery::find(std::uint64_t position) {
+    std::vector<QORLogScopes*> scopes;
+    for (const auto& part : m_parts)
+        scopes.push_back(&part->scopes);
+    return QORLogScopes::find(scopes, position, isSingle() ? skippedOfOne : sorted);
+}
+
+/// Records that are newer than the span.
+std::uint64_t QORLogQuery::above() {
+    if (!m_above) m_above = countOf(m_to + 1, QORLogScopes::endOfTime);
+    return *m_above;
+}
+
+bool QORLogQuery::isSingle() const {
+    return std::all_of(m_parts.begin(), m_parts.end(), [](const auto& part) { return part->scopes.isSingle(); });
+}
+
+/// Whether all records are as soon sorted as looked for.
+bool QORLogQuery::isShort() const {
+    return !isSingle() && m_size <= sorted;
+}
+
+/// The second before which nothing lies down to a position. Records of one scope come in order and are read as far as
+/// they are wanted; those of several are all looked at before the first is known.
+std::optional<std::int64_t> QORLogQuery::beginning(std::uint64_t position) {
+    if (m_walks || isSingle() || isShort()) return m_from;
+    const auto place = find(above() + position);
+    if (!place) return std::nullopt;
+    return std::max(m_from, place->first);
+}
+
+/// The last of the records that are skipped. How many of them each database has is not known, so that each may have
+/// all.
+std::optional<QORLogMark> QORLogQuery::markBefore(std::int64_t first, const Place& place) {
+    std::vector<QORLogMark> marks;
+    for (const auto& part : m_parts) {
+        ask(*part, [&] {
+            const QORLogScopes::Records records = part->scopes.records(first, place.last);
+            ASStatement& select = part->tran->prepare("SELECT seq, time FROM (" + records.sql + ")" + newestFirst);
+            const unsigned index = bindAll(select, records);
+            select.bind(index + 1, static_cast<std::int64_t>(place.skip)).execute();
+            while (select.fetch())
+                marks.push_back(markOf(select));
+            select.close();
+        });
+    }
+    if (marks.size() < place.skip) return std::nullopt;
+    const auto last = marks.begin() + static_cast<std::ptrdiff_t>(place.skip) - 1;
+    std::nth_element(marks.begin(), last, marks.end());
+    return *last;
+}
+
+ASStatement& QORLogQuery::selectFrom(Part& part, std::int64_t first, const Place& place, std::size_t most,
+                                     const QORLogMark* behind) const {
+    const QORLogScopes::Records records = part.scopes.records(first, place.last, behind);
+    ASStatement& statement = part.tran->prepare(pageSql(ASDialect::of(part.tran->engine()), m_kind, records.sql));
+    const unsigned index = bindAll(statement, records);
+    statement.bind(index + 1, static_cast<std::int64_t>(most));
+    statement.bind(index + 2, static_cast<std::int64_t>(place.skip));
+    statement.execute();
+    return statement;
+}
+
+}  // namespace QOR
