@@ -52,6 +52,10 @@ struct QOR_API ASDialect {
     const char* lockTimeout;
     const char* setLocal;
     const char* setSession;
+    /// Behind setLocal or setSession: has whatever hands out rows of another server ask it for them in order, rather
+    /// than sort them all itself where it takes them for few; and has it decide again. Of an engine that is typed.
+    const char* orderedElsewhere;
+    const char* orderedAnywhere;
     /// Marks a transaction, the mark follows; and a select of the mark. Empty where rows that are handed out as they
     /// come cannot end too early.
     const char* mark;

@@ -151,6 +151,8 @@ struct ASSession::Impl {
     /// The single read's statement is about to run. \param computes whether the database computes something for it
     /// that could write
     void readySingle(bool computes);
+    /// The next statement reads rows of other servers, or does not.
+    void setElsewhere(bool elsewhere);
     /// Whether the single read has failed for no other reason than that the connection was lost while it lay idle.
     bool wasLostIdle() const noexcept { return single && untouched && isLost(); }
     /// Does what a single read begins with, and once more where a new connection helps. References to what the session
@@ -194,10 +196,12 @@ struct ASSession::Impl {
     ASStatementCache<OdbcStatement> streamed;
     bool inTransaction = false;
     bool inLong = false;
-    bool single = false;     ///< a single read that has not needed a transaction so far
-    bool untouched = false;  ///< and nothing of it was answered
-    bool begun = false;      ///< it has needed one
-    std::int64_t bound = 0;  ///< of the session's statements, milliseconds; 0: none
+    bool single = false;        ///< a single read that has not needed a transaction so far
+    bool untouched = false;     ///< and nothing of it was answered
+    bool begun = false;         ///< it has needed one
+    bool elsewhere = false;     ///< single reads read rows of other servers
+    bool elsewhereNow = false;  ///< so does what is read in the transaction
+    std::int64_t bound = 0;     ///< of the session's statements, milliseconds; 0: none
     std::int64_t changes = 0;
     QORRdbms::Impl* pool = nullptr;  ///< whose it is
     std::uint64_t generation = 0;

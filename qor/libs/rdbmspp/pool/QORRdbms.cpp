@@ -429,6 +429,16 @@ void ASSession::Impl::readySingle(bool computes) {
     bound = next;
 }
 
+// What a transaction sets goes with it.
+void ASSession::Impl::setElsewhere(bool now) {
+    if (inLong || !dialect->typed) return;
+    bool& known = single ? elsewhere : elsewhereNow;
+    if (known == now) return;
+    connection.execute((single ? dialect->setSession : dialect->setLocal) +
+                       std::string(now ? dialect->orderedElsewhere : dialect->orderedAnywhere));
+    known = now;
+}
+
 // A transaction that is begun by its statement does not keep the driver from handing out rows one by one.
 bool ASSession::Impl::beginLong() {
     if (source.streamingString.empty()) return false;
@@ -1099,6 +1109,18 @@ void QORRdbms::write(const std::function<void(ASSession&)>& work) {
     }
 }
 
+void QORRdbms::read(ASAccess access, const std::function<void(ASSession&)>& work) {
+    Rerun rerun(dialect(), std::chrono::milliseconds(options().busyTimeoutMs));
+    for (;; rerun.pause()) {
+        try {
+            QORRdbmsTran transaction(*this, access);
+            return work(*transaction);
+        } catch (const AException& error) {
+            if (error.failure() != ASFailure::Undone || !rerun.isWorthwhile(error)) throw;
+        }
+    }
+}
+
 std::size_t QORRdbms::waitingWriters() const {
     return m_impl->writers.waiting();
 }
@@ -1187,7 +1209,7 @@ QORRdbmsTran::~QORRdbmsTran() {
     impl.endLong();
     impl.connection.endTransaction();
     impl.connection.setOwing(false);
-    impl.single = false;
+    impl.single = impl.elsewhereNow = false;
     const bool active = std::exchange(impl.begun, false) || m_impl->active;
     if (active && impl.connection.isInTransaction()) {
         try {

@@ -33,6 +33,7 @@ struct ASDatabaseOptions {
 
 class ASFaults;
 class ASStatement;
+enum class ASAccess;
 struct ASDialect;
 
 /// A connection in use by one thread. Obtained from a transaction; owned by the pool.
@@ -141,6 +142,8 @@ public:
     /// has to bear that, and nobody believes what it found before this returns. \throws what it throws, and what
     /// QORRdbmsTran does
     void write(const std::function<void(ASSession&)>& work);
+    /// Runs `work` in a transaction that reads, and again, some times, where that was undone. \throws as write()
+    void read(ASAccess access, const std::function<void(ASSession&)>& work);
     /// Closes idle connections; those in use close when they come back.
     void shutdown();
 

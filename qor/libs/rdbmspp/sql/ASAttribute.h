@@ -18,6 +18,7 @@ namespace QOR {
 
 struct ASDialect;
 class ASNestedSelect;
+class ASSpread;
 
 /// What a column's type is in its engine, where that is not what its ASType says.
 enum class ASStorage : unsigned char {
@@ -53,17 +54,21 @@ public:
     const std::string& derivedSql() const noexcept { return m_derivedSql; }
 
     /// A view of which it is known which columns are stored: reading one computes nothing, so that it cannot fail.
-    /// \param handsOutOnly see handsOutOnly()
+    /// \param handsOutOnly see handsOutOnly() \param spread see spread(); outlives the domain
     static std::shared_ptr<const ASDomain> view(std::string name, std::set<std::string, std::less<>> storedColumns,
-                                                ASStorages storages = {}, bool handsOutOnly = false) {
+                                                ASStorages storages = {}, bool handsOutOnly = false,
+                                                ASSpread* spread = nullptr) {
         auto domain = std::make_shared<ASDomain>(std::move(name), std::string());
         domain->m_storedColumns = std::move(storedColumns);
         domain->m_storages = std::move(storages);
         domain->m_handsOutOnly = handsOutOnly;
+        domain->m_spread = spread;
         return domain;
     }
     /// Whether it is known that the database computes nothing at all for who selects from the view.
     bool handsOutOnly() const noexcept { return m_handsOutOnly; }
+    /// Who knows where its rows lie; null where they never lie elsewhere.
+    ASSpread* spread() const noexcept { return m_spread; }
     /// False also where nothing is known of the column.
     bool isStored(std::string_view column) const { return m_storedColumns.contains(column); }
     ASStorage storageOf(std::string_view column) const {
@@ -78,6 +83,7 @@ private:
     std::set<std::string, std::less<>> m_storedColumns;
     ASStorages m_storages;
     bool m_handsOutOnly = false;
+    ASSpread* m_spread = nullptr;
 };
 
 using ASDomainPtr = std::shared_ptr<const ASDomain>;

@@ -175,6 +175,7 @@ void ASCursor::Impl::start(bool exactSums) {
     where = select.where(*s.dialect);
     builder.select(select, where);
     if (!streams) s.readySingle(builder.computes());
+    if (!streams) s.setElsewhere(builder.isElsewhere());
     auto running = streams ? s.leaseStreaming(builder.text()) : s.lease(builder.text());
     const auto& values = builder.parameters();
     for (std::size_t i = 0; i < values.size(); ++i)
@@ -184,6 +185,9 @@ void ASCursor::Impl::start(bool exactSums) {
     bind(select.m_filter.m_project);
     statement->execute();
     s.untouched = false;
+    if (!builder.isCurrent()) {
+        throw AException("rows have just been moved from one place to another", "40001", 0, {}, ASFailure::Undone);
+    }
 }
 
 bool ASCursor::Impl::adds() const {

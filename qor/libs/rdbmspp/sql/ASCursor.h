@@ -31,6 +31,8 @@ public:
     void Order(const ASOrder& order) { Select().Order(order); }
 
     /// The next row into the data objects of the projection; runs the select at the first call. False at the end.
+    /// \throws AException, of ASFailure::Undone where rows were just moved to other places (ASSpread): the transaction
+    /// has to be begun anew
     bool Fetch();
     /// Rows fetched so far.
     std::int64_t GetAmount() const noexcept;

@@ -15,6 +15,13 @@ bool ASProject::Item::isSame(const std::optional<ASAttribute>& otherAttribute,
     return otherAttribute && attribute->Query() == otherAttribute->Query();
 }
 
+const ASDomain* ASProject::domain() const noexcept {
+    for (const auto& item : m_items) {
+        if (const ASDomain* const domain = item->domain()) return domain;
+    }
+    return nullptr;
+}
+
 ASProject& ASProject::operator<<(const ASAttribute& attribute) {
     m_items.push_back(std::make_shared<const Item>(Item{attribute, std::nullopt}));
     return *this;

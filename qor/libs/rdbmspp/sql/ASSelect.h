@@ -29,6 +29,8 @@ private:
     friend class ASSelect;
     friend class ASSqlBuilder;
     friend class ASCursor;
+    /// What is selected from; null for nothing.
+    const ASDomain* domain() const noexcept;
     std::vector<std::shared_ptr<const Item>> m_items;
     bool m_distinct = false;
 };

@@ -72,6 +72,7 @@ ASSqlBuilder::ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose, bool exa
 
 void ASSqlBuilder::select(const ASSelect& select, const ASComparison& where) {
     const ASFilter& filter = select.m_filter;
+    if (m_executes && m_purpose != ASPurpose::Nested && spread(select, where)) return;
     if (m_dialect.typed && m_executes && filter.m_project.m_distinct) return distinct(select, where);
     append(filter.m_project.m_distinct ? "SELECT DISTINCT " : "SELECT ");
     projection(filter.m_project);
@@ -83,13 +84,16 @@ void ASSqlBuilder::select(const ASSelect& select, const ASComparison& where) {
 /// Which rows and groups are selected.
 void ASSqlBuilder::rows(const ASSelect& select, const ASComparison& where) {
     const ASFilter& filter = select.m_filter;
-    from(filter.m_project);
-    if (!filter.m_condition.empty()) checkCondition(m_dialect, *filter.m_condition.node());
-    if (!where.empty()) {
-        append(" WHERE ");
-        condition(where);
-    }
+    from(filter.m_project, where);
+    filtered(filter, where);
     groupBy(filter.m_project);
+}
+
+void ASSqlBuilder::filtered(const ASFilter& filter, const ASComparison& where) {
+    if (!filter.m_condition.empty()) checkCondition(m_dialect, *filter.m_condition.node());
+    if (where.empty()) return;
+    append(" WHERE ");
+    condition(where);
 }
 
 /// The column whose values an item selects, null where it selects others.
@@ -361,25 +365,22 @@ void ASSqlBuilder::projectedAggregate(const ASGroupAttribute& attribute) {
     }
 }
 
-void ASSqlBuilder::from(const ASProject& project) {
-    for (const auto& item : project.m_items) {
-        const ASDomain* domain = item->domain();
-        if (!domain) continue;
-        m_computes = m_computes || !domain->handsOutOnly();
-        append(" FROM ");
-        if (!domain->derivedSql().empty()) {
-            append("(");
-            append(domain->derivedSql());
-            append(") AS ");
-        }
+void ASSqlBuilder::from(const ASProject& project, const ASComparison& where) {
+    const ASDomain* const domain = project.domain();
+    if (domain == nullptr) throw AException("a select needs a view or table to select from");
+    m_computes = m_computes || !domain->handsOutOnly();
+    append(" FROM ");
+    if (!domain->derivedSql().empty()) {
+        append("(");
+        append(domain->derivedSql());
+        append(") AS ");
         identifier(domain->name());
-        if (!domain->secondName().empty()) {
-            append(" AS ");
-            identifier(domain->secondName());
-        }
-        return;
+    } else {
+        fromView(*domain, where);
     }
-    throw AException("a select needs a view or table to select from");
+    if (domain->secondName().empty()) return;
+    append(" AS ");
+    identifier(domain->secondName());
 }
 
 void ASSqlBuilder::groupBy(const ASProject& project) {

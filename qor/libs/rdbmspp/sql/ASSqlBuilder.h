@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +16,7 @@
 #include "rdbmspp/engine/ASValue.h"
 #include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASSelect.h"
+#include "rdbmspp/sql/ASSpread.h"
 
 namespace QOR {
 
@@ -79,6 +81,11 @@ public:
     /// Whether what is selected from may compute something: a view that is not known to only hand out what is stored.
     bool computes() const noexcept { return m_computes; }
     const ASDialect& dialect() const noexcept { return m_dialect; }
+    /// Whether some rows are looked for elsewhere than in the database itself.
+    bool isElsewhere() const noexcept { return m_elsewhere; }
+    /// Whether rows still lie where they are looked for: asked once the statement has begun, for until it ends they
+    /// stay. \throws AException
+    bool isCurrent() const { return !m_elsewhere || m_spread->isCurrent(*m_places); }
     /// What is written stands within another select.
     bool isNested() const noexcept { return m_purpose == ASPurpose::Nested; }
 
@@ -99,7 +106,21 @@ private:
     void projection(const ASProject& project);
     void projectedAttribute(const ASAttribute& attribute);
     void projectedAggregate(const ASGroupAttribute& attribute);
-    void from(const ASProject& project);
+    void from(const ASProject& project, const ASComparison& where);
+    void fromView(const ASDomain& domain, const ASComparison& where);
+    const ASPlaces* placesOf(const ASDomain& domain);
+    void placed(const ASDomain& domain, const std::string& schema);
+    bool isPage(const ASSelect& select) const;
+    static bool isCount(const ASSelect& select);
+    bool spread(const ASSelect& select, const ASComparison& where);
+    void spreadPage(const ASSelect& select, const ASComparison& where, const ASDomain& domain,
+                    const std::vector<std::size_t>& places);
+    void spreadCount(const ASSelect& select, const ASComparison& where, const ASDomain& domain,
+                     const std::vector<std::size_t>& places);
+    template <class Write>
+    void together(const ASDomain& domain, const std::vector<std::size_t>& places, Write write);
+    void placeRows(const ASFilter& filter, const ASComparison& where, const ASDomain& domain, std::size_t place);
+    void filtered(const ASFilter& filter, const ASComparison& where);
     void groupBy(const ASProject& project);
     void orderBy(const ASOrder& order);
     void page(std::int32_t limit, std::int32_t offset);
@@ -114,7 +135,10 @@ private:
     std::string m_text;
     std::vector<const ASValue*> m_parameters;
     std::deque<ASValue> m_kept;
-    std::deque<ASComparison> m_conditions;  ///< of nested selects, whose values are parameters
+    bool m_elsewhere = false;
+    ASSpread* m_spread = nullptr;
+    std::shared_ptr<const ASPlaces> m_places;  ///< of m_spread, where rows are looked for
+    std::deque<ASComparison> m_conditions;     ///< of nested selects, whose values are parameters
 };
 
 }  // namespace QOR

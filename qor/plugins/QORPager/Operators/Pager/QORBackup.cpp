@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "QORDBSchema/QORSpreadViews.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "QORPager/Operators/QORAccessCondition.h"
 #include "QORPager/QORFieldGetters.h"
@@ -40,7 +41,7 @@ std::string QORBackup::getEnvTitle() const {
     return title == nullptr ? std::string() : title->toString();
 }
 
-QORBackupTable::QORBackupTable() : ASTable(std::make_shared<ASDomain>("vBackupInfo", "")) {}
+QORBackupTable::QORBackupTable() : ASTable(ASDomain::view("vBackupInfo", {}, {}, false, &QORSpreadViews::instance())) {}
 
 ASOrder QORBackupTable::order() const {
     ASOrder keys = -ASOrder(time);
@@ -69,13 +70,14 @@ void getBackups(const QORBackupTable& table, const ASComparison& condition, std:
     ASComparison all = condition;
     if (storageEid.isValid()) all = std::move(all) && (table.storageEid.attribute() == ASGuid(storageEid));
     all = std::move(all) && accessCondition(QORRowAccess::current(), {table.eid});
-    QORRdbmsTran transaction(ASAccess::ReadOne);
-    ASCursor cursor(*transaction);
-    table.selectAll(cursor.Filter().Project());
-    if (!all.empty()) cursor.Filter().Set(all);
-    cursor.Order(table.order());
-    while (cursor.Fetch())
-        backups.push_back(makeQORBackupInfo(table));
+    QORRdbms::instance().read(ASAccess::ReadOne, [&](ASSession& session) {
+        ASCursor cursor(session);
+        table.selectAll(cursor.Filter().Project());
+        if (!all.empty()) cursor.Filter().Set(all);
+        cursor.Order(table.order());
+        while (cursor.Fetch())
+            backups.push_back(makeQORBackupInfo(table));
+    });
 }
 
 std::string getBackupValue(const QORBackup& backup, std::string_view name) {

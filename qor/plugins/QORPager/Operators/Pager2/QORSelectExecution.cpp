@@ -70,7 +70,7 @@ ASOrder orderOf(const ColumnCell& cell, bool descending) {
 
 }  // namespace
 
-void SelectStmnt::prepareAccessCheck(QORRdbmsTran&) const {
+void SelectStmnt::prepareAccessCheck(ASSession&) const {
     // The restriction is part of the where condition; nothing has to be set up in the database for it.
 }
 
@@ -116,19 +116,28 @@ ASAccess SelectStmnt::access() const {
 
 void SelectStmnt::execute(QORBinaryIterator& out) {
     if (!m_refusal.empty()) throwException(errFailure, m_refusal, pager2SourcePath, __LINE__);
-    QORRdbmsTran transaction(access());
-    prepareAccessCheck(transaction);
-    ASCursor cursor(*transaction);
-    prepareCursor(cursor);
+    QORRdbms::instance().read(access(), [&](ASSession& database) { write(out, database); });
+}
 
+// Until the first row is there the select may be run anew.
+void SelectStmnt::write(QORBinaryIterator& out, ASSession& database) const {
+    prepareAccessCheck(database);
+    ASCursor cursor(database);
+    prepareCursor(cursor);
+    bool more = cursor.Fetch();
     addChild(out, tag::rowSet);
     writeColumnNames(out);
     OutputRow row;
     for (const auto& [key, cell] : m_outputFields)
         row.add(*cell.getData());
-    while (cursor.Fetch())
-        row.write(out);
-    if (m_countWanted) writeCounts(out, *transaction, cursor);
+    try {
+        for (; more; more = cursor.Fetch())
+            row.write(out);
+        if (m_countWanted) writeCounts(out, database, cursor);
+    } catch (const AException& failure) {
+        if (failure.failure() != ASFailure::Undone) throw;
+        throw AException(failure.text(), failure.sqlState(), failure.nativeCode());
+    }
     out.seekUp();
 }
 

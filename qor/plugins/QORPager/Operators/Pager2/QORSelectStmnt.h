@@ -125,7 +125,8 @@ private:
 
     // Output (QORSelectExecution.cpp).
     ASAccess access() const;
-    void prepareAccessCheck(QORRdbmsTran& transaction) const;
+    void prepareAccessCheck(ASSession& database) const;
+    void write(QORBinaryIterator& out, ASSession& database) const;
     void writeColumnNames(QORBinaryIterator& out) const;
     void writeCounts(QORBinaryIterator& out, ASSession& database, const ASCursor& cursor) const;
 

@@ -11,6 +11,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORSpreadViews.h"
 #include "QORDBSchema/QORStoredColumns.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibAgent/QORSecurity.h"
@@ -157,11 +158,12 @@ bool areObjectColumnsValid(const std::string& name, const MetaColumnsMap& view) 
 /// With what was learned of the view's columns; nothing before.
 ASDomainPtr newDomain(ViewCaches& cache, const std::string& view) {
     const std::lock_guard<std::mutex> lock(cache.metadataMutex);
-    if (!cache.metadata) return ASDomain::view(view, {});
+    QORSpreadViews* const spread = &QORSpreadViews::instance();
+    if (!cache.metadata) return ASDomain::view(view, {}, {}, false, spread);
     const auto found = cache.metadata->find(toLowerText(view));
-    if (found == cache.metadata->end()) return ASDomain::view(view, {});
+    if (found == cache.metadata->end()) return ASDomain::view(view, {}, {}, false, spread);
     const MetaColumnsMap& known = found->second;
-    return ASDomain::view(view, known.reading.names, known.storages, known.reading.handsOutOnly);
+    return ASDomain::view(view, known.reading.names, known.storages, known.reading.handsOutOnly, spread);
 }
 
 std::int64_t timeOf(const std::string& text) {

@@ -16,12 +16,6 @@ namespace QOR::test {
 /// The same requests for the same seed.
 class MadeSelects {
 public:
-    explicit MadeSelects(std::uint64_t seed) : m_dice(seed) {}
-
-    /// A select whose rows have one order: it is sorted by all that it selects.
-    std::string next() { return select({}); }
-
-private:
     enum class Kind { Whole, Real, Decimal, Text, Guid, Time };
     struct Column {
         const char* name;
@@ -31,6 +25,13 @@ private:
         const char* name;
         std::vector<Column> columns;
     };
+
+    explicit MadeSelects(std::uint64_t seed, const std::vector<View>& over = views()) : m_dice(seed), m_views(over) {}
+
+    /// A select whose rows have one order: it is sorted by all that it selects.
+    std::string next() { return select({}); }
+
+private:
     using Views = std::vector<const View*>;
     using Words = std::vector<std::string>;
 
@@ -188,7 +189,7 @@ private:
     }
 
     std::string select(const Views& around) {
-        const View& view = pick(views());
+        const View& view = pick(m_views);
         const bool nested = !around.empty();
         std::string fields;
         std::string sorts;
@@ -281,6 +282,7 @@ private:
     }
 
     std::mt19937_64 m_dice;
+    const std::vector<View>& m_views;
 };
 
 }  // namespace QOR::test

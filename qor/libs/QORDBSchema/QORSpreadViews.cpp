@@ -1,0 +1,93 @@
+#include "QORDBSchema/QORSpreadViews.h"
+
+#include <array>
+#include <set>
+#include <utility>
+
+#include "QORCommon/QORGuid.h"
+#include "QORDBSchema/QORSchemaRows.h"
+#include "QORServers/QORServers.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+namespace {
+
+/// The host's own views call the environment that a record belongs to by these names.
+constexpr std::array<std::string_view, 2> keys{"eid", "securableObjId"};
+
+std::string schemaOfServer(const QORServer& server) {
+    return "qor_at_" + server.name;
+}
+
+constexpr const char* schemaOfServers = "qor_all";
+
+std::set<std::string, std::less<>> viewsOf(ASSession& home, const std::string& schema) {
+    std::set<std::string, std::less<>> views;
+    for (auto& row : readRows(home,
+                              "SELECT CAST(relname AS text) FROM pg_class WHERE relkind = 'v' AND relnamespace = "
+                              "to_regnamespace(" +
+                                  ASSession::quoteLiteral(ASSession::quoteIdentifier(schema)) + ")",
+                              1))
+        views.insert(std::move(row.front()));
+    return views;
+}
+
+}  // namespace
+
+class QORSpreadViews::Places : public ASPlaces {
+public:
+    explicit Places(std::shared_ptr<const QORPlacement> placement) : m_placement(std::move(placement)) {
+        QORRdbmsTran home(ASAccess::Read);
+        m_all = viewsOf(*home, schemaOfServers);
+        m_each = viewsOf(*home, schemaOfServer(m_placement->servers().front()));
+    }
+
+    const std::shared_ptr<const QORPlacement>& placement() const noexcept { return m_placement; }
+
+    std::size_t count() const noexcept override { return m_placement->servers().size(); }
+    std::string schemaOf(std::size_t place, bool longRead) const override {
+        return schemaOfServer(m_placement->servers()[place]) + suffix(longRead);
+    }
+    std::string schemaOfAll(bool longRead) const override { return schemaOfServers + suffix(longRead); }
+    bool hasAll(std::string_view view) const override { return m_all.contains(view); }
+    bool hasEach(std::string_view view) const override { return m_each.contains(view); }
+    bool isKey(std::string_view view, std::string_view column) const override {
+        return hasEach(view) && (column == keys[0] || column == keys[1]);
+    }
+    /// An identifier that stands for none may still be stored by somebody.
+    std::optional<std::size_t> placeOf(const std::optional<std::string>& key) const override {
+        QOREID eid;
+        if (key && (!eid.fromString(*key) || !eid.isValid())) return std::nullopt;
+        return static_cast<std::size_t>(&m_placement->of(eid) - m_placement->servers().data());
+    }
+
+private:
+    static std::string suffix(bool longRead) { return longRead ? "_long" : ""; }
+
+    std::shared_ptr<const QORPlacement> m_placement;
+    std::set<std::string, std::less<>> m_all;
+    std::set<std::string, std::less<>> m_each;
+};
+
+QORSpreadViews& QORSpreadViews::instance() {
+    static QORSpreadViews views;
+    return views;
+}
+
+std::shared_ptr<const ASPlaces> QORSpreadViews::places() {
+    auto placement = QORServers::instance().placement();
+    if (placement->none()) return nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_places && m_places->placement() == placement) return m_places;
+    }
+    auto fresh = std::make_shared<const Places>(std::move(placement));
+    const std::lock_guard lock(m_mutex);
+    return m_places = std::move(fresh);
+}
+
+bool QORSpreadViews::isCurrent(const ASPlaces& places) {
+    return QORServers::instance().refresh() == static_cast<const Places&>(places).placement();
+}
+
+}  // namespace QOR
