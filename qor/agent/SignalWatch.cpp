@@ -90,7 +90,7 @@ void SignalWatch::react(int number) const {
             m_reactions.stop();
             break;
         case SIGHUP:
-            m_reactions.reopenLog();
+            m_reactions.readAnew();
             break;
         default:
             logMessage(1, "QORAgent", sourcePath, __func__, "signal %d (%s) means nothing to the agent", number,

@@ -12,7 +12,7 @@ namespace QOR {
 /// | signal                 |                                                                                   |
 /// |------------------------|-----------------------------------------------------------------------------------|
 /// | TERM, INT, QUIT        | stop                                                                              |
-/// | HUP                    | reopen the log                                                                    |
+/// | HUP                    | read anew what may have changed: the log is another file, certificates are new    |
 /// | PIPE, XFSZ             | nothing: the call that met the closed pipe or the full file has the error         |
 /// | TSTP, TTIN, TTOU       | nothing: a stopped agent would answer nobody                                      |
 /// | ABRT and those of      | what the system does with them: the program is broken, or somebody wants to see   |
@@ -26,7 +26,7 @@ public:
 
     struct Reactions {
         std::function<void()> stop;
-        std::function<void()> reopenLog;
+        std::function<void()> readAnew;
     };
 
     /// Signals that came since block() are answered now. Reactions are called one at a time, on the watch's thread.

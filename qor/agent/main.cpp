@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "QORCommon/QORAgentAddress.h"
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORPasswords.h"
@@ -27,6 +28,7 @@
 #include "agent/api/AgentApplication.h"
 #include "agent/http/HttpServer.h"
 #include "agent/http/LocalListener.h"
+#include "agent/http/TcpListener.h"
 #include "host/QORHost.h"
 #include "host/QORHostPaths.h"
 #include "host/QORMaintenance.h"
@@ -45,6 +47,8 @@ struct Settings {
     int logLevel = 2;
     std::string plugIns;
     std::string socket;
+    std::vector<std::string> listen;
+    HttpCertificateFiles tls;
     std::string vocabulary;
     bool checkConfig = false;
     QORRetentionOptions keep;
@@ -154,6 +158,33 @@ void declareRetention(CLI::App& app, QORRetentionOptions& keep) {
         ->group(group);
 }
 
+/// Where clients come, and how they know whom they have met.
+void declareListening(CLI::App& app, Settings& settings) {
+    const char* const group = "Listening";
+    app.add_option("--socket", settings.socket,
+                   "as --listen unix:PATH (default: " + defaultSocketPath().string() + ", unless --listen is given)")
+        ->type_name("PATH")
+        ->group(group);
+    app.add_option("--socket-group", settings.server.socketGroup, "the group whose members may connect to it")
+        ->type_name("NAME")
+        ->group(group);
+    app.add_option("--listen", settings.listen,
+                   "unix:PATH, http://127.0.0.1:PORT or https://ADDRESS:PORT; may be given several times")
+        ->type_name("ADDRESS")
+        ->allow_extra_args(false)
+        ->group(group);
+    app.add_option("--tls-certificate", settings.tls.certificate, "for https: the certificate and its chain (PEM)")
+        ->type_name("FILE")
+        ->group(group);
+    app.add_option("--tls-key", settings.tls.key, "for https: the certificate's key (PEM)")
+        ->type_name("FILE")
+        ->group(group);
+    app.add_option("--tls-client-ca", settings.tls.clientAuthority,
+                   "for https: ask clients for a certificate of this authority; they may have none")
+        ->type_name("FILE")
+        ->group(group);
+}
+
 void declareOptions(CLI::App& app, Settings& settings) {
     app.set_version_flag("--version", QOR_VERSION);
     app.add_option("--database", settings.database,
@@ -161,9 +192,7 @@ void declareOptions(CLI::App& app, Settings& settings) {
                        (defaultStateDirectory() / "agent.db").string() + ")")
         ->transform(connectionStringOf);
     app.add_flag("--read-only", settings.readOnly, "write nothing; any database is read as it is");
-    app.add_option("--socket", settings.socket, "where to listen (default: " + defaultSocketPath().string() + ")");
-    app.add_option("--socket-group", settings.server.socketGroup, "the group whose members may connect")
-        ->type_name("NAME");
+    declareListening(app, settings);
     app.add_option("--plugins", settings.plugIns,
                    "folder of the plug-ins (default: " + defaultPlugInDirectory().string() + ")");
     app.add_option("--config", settings.vocabulary, "a vocabulary file: configured fields and caches");
@@ -193,9 +222,37 @@ void makeStateDirectory() {
     }
 }
 
+void decideListening(Settings& settings) {
+    std::vector<QORAgentAddress>& addresses = settings.server.listen;
+    if (!settings.socket.empty()) addresses.push_back(unixAddress(settings.socket));
+    for (const std::string& text : settings.listen)
+        addresses.push_back(readAgentAddress(text));
+    if (addresses.empty()) addresses.push_back(unixAddress(defaultSocketPath()));
+    const bool secure = std::any_of(addresses.begin(), addresses.end(), [](const QORAgentAddress& address) {
+        return address.scheme == QORAgentAddress::Scheme::Https;
+    });
+    const HttpCertificateFiles& files = settings.tls;
+    if (secure && (files.certificate.empty() || files.key.empty()))
+        throw std::runtime_error("--listen https://... needs --tls-certificate and --tls-key");
+    if (!secure && !(files.certificate + files.key + files.clientAuthority).empty())
+        throw std::runtime_error("--tls-certificate, --tls-key and --tls-client-ca are for --listen https://...");
+    if (secure) settings.server.certificates = std::make_shared<HttpCertificates>(files);
+}
+
+/// Of two agents, the second is told whose address it is before it is told whose database.
+void checkAddresses(const std::vector<QORAgentAddress>& addresses) {
+    for (const QORAgentAddress& address : addresses) {
+        if (address.isUnix()) {
+            const LocalListener free(address.path);
+        } else {
+            const TcpListener free(address);
+        }
+    }
+}
+
 /// The defaults lie in the state folder, which the agent makes for itself; places that were named must exist.
 void applyDefaults(Settings& settings) {
-    settings.server.socketPath = settings.socket.empty() ? defaultSocketPath() : std::filesystem::path(settings.socket);
+    decideListening(settings);
     if (!settings.database.empty()) return;
     settings.database = defaultConnectionString();
     if (settings.readOnly) return;
@@ -221,6 +278,29 @@ void reopenLog(const std::string& path) {
     } catch (const std::exception& exception) {
         logMessage(0, "QORAgent", "qor/agent/main", "reopenLog", "%s; the old one is written on", exception.what());
     }
+}
+
+/// A certificate is replaced before it expires; with files that do not fit, the one that is there is better than none.
+void readAnew(const Settings& settings) {
+    reopenLog(settings.logFile);
+    if (!settings.server.certificates) return;
+    try {
+        settings.server.certificates->reload();
+        logMessage(2, "QORAgent", "qor/agent/main", "readAnew", "the certificates have been read anew");
+    } catch (const std::exception& exception) {
+        logMessage(0, "QORAgent", "qor/agent/main", "readAnew", "%s; the certificates stay as they were",
+                   exception.what());
+    }
+}
+
+/// A unix socket is named by its path alone.
+void announce(const std::vector<QORAgentAddress>& addresses) {
+    for (const QORAgentAddress& address : addresses) {
+        const std::string where = address.isUnix() ? address.path : address.text();
+        std::printf("qor-agent listening on %s\n", where.c_str());
+        logMessage(2, "QORAgent", "qor/agent/main", "serve", "listening on %s", where.c_str());
+    }
+    std::fflush(stdout);
 }
 
 QORHostOptions hostOptions(const Settings& settings) {
@@ -264,19 +344,15 @@ int serve(Settings& settings) {
     fitConnections(settings.server);
     if (settings.keep.any() && settings.readOnly)
         throw std::runtime_error("--read-only: nothing can be removed for --keep-age, --keep-records or --keep-size");
-    // Of two agents, the second is told whose socket it is before it is told whose database.
-    { const LocalListener free(settings.server.socketPath); }
+    checkAddresses(settings.server.listen);
     QORHost host(hostOptions(settings));
     const QORRetention retention(settings.keep);
     AgentApplication application(host, settings.memory);
     HttpServer server(settings.server, application);
     application.setConnectionCounter([&server] { return server.connections(); });
-    const SignalWatch signals({[&server] { server.stop(); }, [&settings] { reopenLog(settings.logFile); }});
+    const SignalWatch signals({[&server] { server.stop(); }, [&settings] { readAnew(settings); }});
     const MemoryKeeper memory;
-    const std::string path = settings.server.socketPath.string();
-    std::printf("qor-agent listening on %s\n", path.c_str());
-    std::fflush(stdout);
-    logMessage(2, "QORAgent", "qor/agent/main", "serve", "listening on %s", path.c_str());
+    announce(server.addresses());
     if (!server.run()) {
         // Threads are still at work in plug-ins; unloading those beneath them would be worse than leaving at once.
         logMessage(0, "QORAgent", "qor/agent/main", "serve", "requests did not end in time");
@@ -289,7 +365,8 @@ int serve(Settings& settings) {
 int parseAndServe(int argc, char** argv) {
     constexpr int badUsage = 2;
     Settings settings;
-    CLI::App app("Hosts the plug-ins of this machine and answers its clients over a unix socket.", "qor-agent");
+    CLI::App app("Hosts the plug-ins of this machine and answers its clients over a unix socket, TCP or TLS.",
+                 "qor-agent");
     declareOptions(app, settings);
     std::vector<std::string> arguments(argv + 1, argv + argc);
     hidePasswords(argc, argv);

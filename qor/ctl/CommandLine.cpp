@@ -114,6 +114,13 @@ private:
         const char* const group = "Connection";
         app.add_option("--socket", m_connection.socket, "the agent's socket (default: this user's agent's)")
             ->group(group);
+        app.add_option("--agent", m_connection.agent, "an agent elsewhere: http://HOST:PORT or https://HOST:PORT")
+            ->type_name("ADDRESS")
+            ->group(group);
+        app.add_option("--ca", m_connection.ca,
+                       "the authority whose certificate the agent has, in place of the system's")
+            ->type_name("FILE")
+            ->group(group);
         app.add_flag("--standalone", m_connection.standalone, "no agent: answer in this process")->group(group);
         app.add_option("--database", m_connection.database,
                        "SQLite's file, or an ODBC connection string, with --standalone")

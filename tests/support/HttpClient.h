@@ -1,7 +1,9 @@
 /// \file
-/// A small HTTP/1.1 client over a unix socket, close enough to the wire to send what no proper client would.
+/// A small HTTP/1.1 client over a unix socket, TCP or what else carries bytes, close enough to the wire to send what no
+/// proper client would.
 #pragma once
 
+#include <netdb.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -12,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -25,6 +28,34 @@ struct HttpAnswer {
     std::string body{};
 };
 
+/// What carries bytes over a socket in another form than its own.
+class HttpWire {
+public:
+    virtual ~HttpWire() = default;
+    /// Both as send(2) and recv(2).
+    virtual ssize_t send(const char* bytes, std::size_t size) = 0;
+    virtual ssize_t receive(char* bytes, std::size_t size) = 0;
+    virtual void finishSending() = 0;
+};
+
+/// A connected TCP socket. Closing it resets the connection, as a client ends that has gone for good.
+inline int connectTcp(const std::string& host, int port) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICHOST;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+        throw std::runtime_error(host + " is no address");
+    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, ::freeaddrinfo);
+    const int made = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const linger reset{1, 0};
+    ::setsockopt(made, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    if (::connect(made, found->ai_addr, found->ai_addrlen) == 0) return made;
+    const std::string reason = std::strerror(errno);
+    ::close(made);
+    throw std::runtime_error("cannot connect to " + host + ":" + std::to_string(port) + ": " + reason);
+}
+
 /// One connection. Fails by exception; a silence of a minute is a failure.
 class HttpClient {
 public:
@@ -33,18 +64,23 @@ public:
         address.sun_family = AF_UNIX;
         if (socketPath.size() >= sizeof address.sun_path) throw std::runtime_error("socket path too long");
         std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size());
-        const timeval patience{60, 0};
-        ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        ::setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+        bePatient();
         if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
             const std::string reason = std::strerror(errno);
             ::close(m_socket);
             throw std::runtime_error("cannot connect to " + socketPath + ": " + reason);
         }
     }
+    /// Takes a connected socket over.
+    explicit HttpClient(int socket, std::unique_ptr<HttpWire> wire = nullptr)
+        : m_socket(socket), m_wire(std::move(wire)) {
+        bePatient();
+    }
     ~HttpClient() { close(); }
     HttpClient(HttpClient&& other) noexcept
-        : m_socket(std::exchange(other.m_socket, -1)), m_buffer(std::move(other.m_buffer)) {}
+        : m_socket(std::exchange(other.m_socket, -1)),
+          m_wire(std::move(other.m_wire)),
+          m_buffer(std::move(other.m_buffer)) {}
     HttpClient& operator=(HttpClient&&) = delete;
 
     /// One request, one answer.
@@ -68,14 +104,18 @@ public:
     /// Bytes as they are. \returns false when the other side has closed
     bool send(std::string_view bytes) {
         while (!bytes.empty()) {
-            const ssize_t sent = ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            const ssize_t sent = m_wire ? m_wire->send(bytes.data(), bytes.size())
+                                        : ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
             if (sent <= 0) return false;
             bytes.remove_prefix(static_cast<std::size_t>(sent));
         }
         return true;
     }
     /// No more will be sent.
-    void finishSending() { ::shutdown(m_socket, SHUT_WR); }
+    void finishSending() {
+        if (m_wire) m_wire->finishSending();
+        ::shutdown(m_socket, SHUT_WR);
+    }
 
     /// The next answer, interim ones left out unless asked for.
     HttpAnswer receive(bool bodyless = false, bool interim = false) {
@@ -101,11 +141,17 @@ public:
     }
 
 private:
+    void bePatient() const {
+        const timeval patience{60, 0};
+        ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        ::setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    }
+
     bool readSome() {
         char bytes[65536];
         ssize_t size = 0;
         do {
-            size = ::recv(m_socket, bytes, sizeof bytes, 0);
+            size = m_wire ? m_wire->receive(bytes, sizeof bytes) : ::recv(m_socket, bytes, sizeof bytes, 0);
         } while (size < 0 && errno == EINTR);
         if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) throw std::runtime_error("no answer");
         if (size <= 0) return false;
@@ -165,6 +211,7 @@ private:
     }
 
     int m_socket;
+    std::unique_ptr<HttpWire> m_wire;  // null: the socket's own bytes
     std::string m_buffer;
 };
 

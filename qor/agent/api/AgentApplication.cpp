@@ -30,6 +30,7 @@ namespace {
 
 constexpr unsigned ok = 200;
 constexpr unsigned badRequest = 400;
+constexpr unsigned unauthorized = 401;
 constexpr unsigned forbidden = 403;
 constexpr unsigned notFound = 404;
 constexpr unsigned methodNotAllowed = 405;
@@ -223,8 +224,8 @@ bool wantsStream(std::string_view query) {
     return wanted;
 }
 
-bool hasFullAccess(const std::optional<HttpPeerCredentials>& peer) {
-    return peer && (peer->uid == 0 || peer->uid == ::geteuid());
+bool hasFullAccess(const HttpPeer& peer) {
+    return peer.credentials && (peer.credentials->uid == 0 || peer.credentials->uid == ::geteuid());
 }
 
 /// One connection.
@@ -265,18 +266,19 @@ private:
     std::unique_ptr<QORClientSession> m_session;
 };
 
-enum class Access { Anybody, Full };
+enum class Access { Everybody, Anybody, Full };  ///< the first also over TCP, where the system vouches for nobody
 
 struct Route {
     std::string_view path;
     std::string_view method;
     Access access;
     HttpLane lane;
-    HttpReply (AgentClient::*answer)(const HttpRequest&);  ///< none: answered at once, see plan()
+    HttpReply (AgentClient::*answer)(const HttpRequest&);  ///< none: answered at once by the other one
+    HttpReply (AgentApplication::*now)(const HttpPeer&) const = nullptr;
 };
 
 const Route* find(std::string_view path) {
-    static constexpr std::array<Route, 9> routes{{
+    static constexpr std::array<Route, 11> routes{{
         {"/v1/messages", "POST", Access::Anybody, HttpLane::Reading, &AgentClient::messages},
         {"/v1/records", "POST", Access::Full, HttpLane::Writing, &AgentClient::records},
         {"/v1/collect", "POST", Access::Full, HttpLane::Writing, &AgentClient::collect},
@@ -285,7 +287,9 @@ const Route* find(std::string_view path) {
         {"/v1/views", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::views},
         {"/v1/vocabulary", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::vocabulary},
         {"/v1/status", "GET", Access::Full, HttpLane::Reading, &AgentClient::status},
-        {"/v1/health", "GET", Access::Anybody, HttpLane::Reading, nullptr},
+        {"/v1/health", "GET", Access::Anybody, HttpLane::Reading, nullptr, &AgentApplication::health},
+        {"/health/ready", "GET", Access::Anybody, HttpLane::Reading, nullptr, &AgentApplication::ready},
+        {"/health/live", "GET", Access::Everybody, HttpLane::Reading, nullptr, &AgentApplication::live},
     }};
     for (const Route& route : routes) {
         if (route.path == path) return &route;
@@ -293,8 +297,16 @@ const Route* find(std::string_view path) {
     return nullptr;
 }
 
+/// Also for paths that there are not, so that nobody learns which there are.
+HttpReply whoIsThere() {
+    HttpReply reply = errorReply(unauthorized, "over TCP everybody has to say who he is");
+    reply.authenticate = "Bearer realm=\"qor-agent\"";
+    return reply;
+}
+
 /// Why a request is not taken; nothing when it is.
-std::optional<HttpReply> refusal(const Route* route, const HttpRequest& request, bool fullAccess) {
+std::optional<HttpReply> refusal(const Route* route, const HttpRequest& request, const HttpPeer& peer) {
+    if (peer.overTcp && (route == nullptr || route->access != Access::Everybody)) return whoIsThere();
     if (route == nullptr) return errorReply(notFound, "there is nothing at " + std::string(request.path));
     const bool headOfGet = route->method == "GET" && request.method == "HEAD";
     if (request.method != route->method && !headOfGet) {
@@ -303,7 +315,7 @@ std::optional<HttpReply> refusal(const Route* route, const HttpRequest& request,
         reply.allow = route->method == "GET" ? "GET, HEAD" : route->method;
         return reply;
     }
-    if (route->access == Access::Full && !fullAccess)
+    if (route->access == Access::Full && !hasFullAccess(peer))
         return errorReply(forbidden, std::string(route->path) + " is for connections with full access");
     return std::nullopt;
 }
@@ -328,6 +340,16 @@ HttpReply AgentClient::handle(const HttpRequest& request) {
     return reply;
 }
 
+/// Of the database, and of the servers that keep records for it.
+std::vector<ASFaults::State> allFaults() {
+    std::vector<ASFaults::State> faults = ASFaults::instance().current();
+    for (const auto& [name, server] : QORServers::instance().used()) {
+        for (ASFaults::State& fault : server->faults().current())
+            faults.push_back(std::move(fault));
+    }
+    return faults;
+}
+
 }  // namespace
 
 AgentApplication::AgentApplication(QORHost& host, const AgentMemory& memory)
@@ -341,15 +363,15 @@ QORMemoryAccountPtr AgentApplication::newAccount() {
     return std::make_shared<QORMemoryAccount>(m_memory, m_requestMemory, "one request (--request-memory)");
 }
 
-HttpIdentity AgentApplication::identify(const std::optional<HttpPeerCredentials>& peer) {
-    return {peer ? "uid:" + std::to_string(peer->uid) : "unknown", hasFullAccess(peer)};
+HttpIdentity AgentApplication::identify(const HttpPeer& peer) {
+    return {HttpApplication::identify(peer).key, hasFullAccess(peer)};
 }
 
-HttpPlan AgentApplication::plan(const HttpRequest& head, const std::optional<HttpPeerCredentials>& peer) {
+HttpPlan AgentApplication::plan(const HttpRequest& head, const HttpPeer& peer) {
     const Route* const route = find(head.path);
     HttpPlan plan;
-    plan.reply = refusal(route, head, hasFullAccess(peer));
-    if (!plan.reply && route->answer == nullptr) plan.reply = HttpReply{ok, healthText(hasFullAccess(peer))};
+    plan.reply = refusal(route, head, peer);
+    if (!plan.reply && route->answer == nullptr) plan.reply = (this->*route->now)(peer);
     if (plan.reply) {
         logReply(head, *plan.reply);
     } else {
@@ -358,7 +380,7 @@ HttpPlan AgentApplication::plan(const HttpRequest& head, const std::optional<Htt
     return plan;
 }
 
-std::unique_ptr<HttpClientHandler> AgentApplication::connect(const std::optional<HttpPeerCredentials>& peer) {
+std::unique_ptr<HttpClientHandler> AgentApplication::connect(const HttpPeer& peer) {
     return std::make_unique<AgentClient>(*this, m_host, hasFullAccess(peer));
 }
 
@@ -366,24 +388,32 @@ std::string AgentApplication::errorBody(unsigned status, std::string_view messag
     return errorReply(status, message).body;
 }
 
-std::string AgentApplication::healthText(bool fullAccess) const {
-    std::vector<ASFaults::State> faults = ASFaults::instance().current();
-    for (const auto& [name, server] : QORServers::instance().used()) {
-        for (ASFaults::State& fault : server->faults().current())
-            faults.push_back(std::move(fault));
-    }
-    const bool sound = m_host.refusedPlugIns().empty() && m_host.router().isPrimed();
+const char* AgentApplication::condition() const {
+    if (!allFaults().empty()) return "failing";
+    return m_host.refusedPlugIns().empty() && m_host.router().isPrimed() ? "ok" : "degraded";
+}
+
+HttpReply AgentApplication::live(const HttpPeer&) const {
+    return {ok, R"({"status":"live"})"};
+}
+
+HttpReply AgentApplication::ready(const HttpPeer&) const {
+    const std::string_view now = condition();
+    return {now == "ok" ? ok : unavailable, R"({"status":")" + std::string(now) + R"("})"};
+}
+
+HttpReply AgentApplication::health(const HttpPeer& peer) const {
     const auto uptime = std::chrono::steady_clock::now() - m_start;
     rapidjson::StringBuffer buffer;
     JsonWriter json(buffer);
     json.StartObject();
     writeKey(json, "status");
-    writeText(json, !faults.empty() ? "failing" : sound ? "ok" : "degraded");
+    writeText(json, condition());
     writeKey(json, "version");
     writeText(json, QOR_VERSION);
     writeKey(json, "uptime");
     json.Int64(std::chrono::duration_cast<std::chrono::seconds>(uptime).count());
-    writeMember(json, "access", fullAccess ? "full" : "none");
+    writeMember(json, "access", hasFullAccess(peer) ? "full" : "none");
     writeKey(json, "connections");
     json.Uint64(m_connections());
     writeKey(json, "operators");
@@ -403,11 +433,11 @@ std::string AgentApplication::healthText(bool fullAccess) const {
     json.EndArray();
     writeKey(json, "faults");
     json.StartArray();
-    for (const ASFaults::State& fault : faults)
+    for (const ASFaults::State& fault : allFaults())
         writeFault(json, fault);
     json.EndArray();
     json.EndObject();
-    return {buffer.GetString(), buffer.GetSize()};
+    return {ok, {buffer.GetString(), buffer.GetSize()}};
 }
 
 }  // namespace QOR

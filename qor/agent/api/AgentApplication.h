@@ -10,10 +10,13 @@
 /// | GET /v1/views          | anybody       | the database's views and their columns                              |
 /// | GET /v1/status         | full access   | what the database is, and which stored documents cannot be read     |
 /// | GET /v1/health         | anybody       | what the agent is made of and how it does                           |
+/// | GET /health/ready      | anybody       | 200 when it answers everything, 503 while something fails           |
+/// | GET /health/live       | anybody, also | 200                                                                 |
+/// |                        | over TCP      |                                                                     |
 ///
-/// Anything else is 404 or 405. These refusals and the health are given without a worker, whatever the workers do.
-/// Every error body is an answer in message notation without elements, whose code is the HTTP status where the error is
-/// HTTP's.
+/// Anything else is 404 or 405, and whoever comes over TCP without having said who he is gets 401. These refusals and
+/// the health are given without a worker, whatever the workers do. Every error body is an answer in message notation
+/// without elements, whose code is the HTTP status where the error is HTTP's.
 #pragma once
 
 #include <chrono>
@@ -49,17 +52,20 @@ public:
     /// Where the number of open connections comes from, for /v1/health. Before the first connection.
     void setConnectionCounter(std::function<std::size_t()> counter) { m_connections = std::move(counter); }
 
-    HttpIdentity identify(const std::optional<HttpPeerCredentials>& peer) override;
-    HttpPlan plan(const HttpRequest& head, const std::optional<HttpPeerCredentials>& peer) override;
-    std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) override;
+    HttpIdentity identify(const HttpPeer& peer) override;
+    HttpPlan plan(const HttpRequest& head, const HttpPeer& peer) override;
+    std::unique_ptr<HttpClientHandler> connect(const HttpPeer& peer) override;
     std::string errorBody(unsigned status, std::string_view message) override;
 
-    /// \param fullAccess of who asks
-    std::string healthText(bool fullAccess) const;
+    HttpReply live(const HttpPeer& peer) const;
+    HttpReply ready(const HttpPeer& peer) const;
+    HttpReply health(const HttpPeer& peer) const;
     /// An account for the request that comes next.
     QORMemoryAccountPtr newAccount();
 
 private:
+    const char* condition() const;
+
     QORHost& m_host;
     const std::size_t m_requestMemory;
     QORMemoryBudget m_memory;

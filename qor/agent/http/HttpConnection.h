@@ -2,15 +2,17 @@
 /// One connection of the HTTP server. Included by HttpServer.cpp alone: the HTTP library is expensive to compile.
 #pragma once
 
+#include <netdb.h>
+#include <openssl/err.h>
+#include <openssl/sslerr.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
-#include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/ssl/error.hpp>
 #include <boost/asio/write.hpp>
-#include <boost/beast/core/basic_stream.hpp>
 #include <boost/beast/core/buffers_suffix.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/http.hpp>
@@ -31,13 +33,12 @@
 #include "agent/http/HttpOutgoing.h"
 #include "agent/http/HttpRequestReader.h"
 #include "agent/http/HttpServer.h"
+#include "agent/http/HttpTransport.h"
 #include "agent/http/WorkerPool.h"
 
 namespace QOR {
 
-namespace beast = boost::beast;
 namespace http = boost::beast::http;
-namespace net = boost::asio;
 
 class HttpConnection;
 
@@ -51,6 +52,8 @@ public:
     virtual void requestBegan() = 0;
     virtual void requestEnded() = 0;
     virtual void connectionClosed(HttpConnection& connection) = 0;
+    /// A client that is no use to the server, nor the server to it: a line in the log, now and then.
+    virtual void connectionFailed(const HttpConnection& connection, const std::string& why) = 0;
 
     /// The connection waits for a request, and may be closed to make room; until it is busy.
     virtual void connectionIdle(HttpConnection& connection) = 0;
@@ -78,26 +81,25 @@ protected:
 /// on the server's thread. Lives as long as an operation of it is under way.
 class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
 public:
-    using Socket = net::local::stream_protocol::socket;
+    using Socket = HttpTransport::Protocol::socket;
 
-    HttpConnection(Socket socket, HttpConnectionOwner& owner)
+    /// \param tls null: none is spoken
+    HttpConnection(Socket socket, HttpTransport::Context tls, HttpConnectionOwner& owner)
         : m_owner(owner),
-          m_stream(std::move(socket)),
-          m_peer(credentialsOf(m_stream.socket().native_handle())),
+          m_stream(std::move(socket), std::move(tls)),
+          m_peer(peerOf(m_stream.socket().native_handle())),
           m_identity(owner.application().identify(m_peer)),
           m_input(firstRead) {}
 
+    const HttpPeer& peer() const noexcept { return m_peer; }
     const HttpIdentity& identity() const noexcept { return m_identity; }
 
-    /// Answers that there is no room, as far as the client takes it at once, and ends. In place of start().
+    /// Answers that there is no room, as far as the client takes it at once, and ends. In place of start(). A client
+    /// that speaks TLS is not answered: to be heard by it, a handshake would have to find room.
     void turnAway(const std::string& message) {
-        const std::string body = m_owner.application().errorBody(503, message);
-        const std::string answer =
-            "HTTP/1.1 503 Service Unavailable\r\nServer: qor-agent\r\nRetry-After: " + std::to_string(retryAfter) +
-            "\r\nConnection: close\r\nContent-Type: application/json\r\nContent-Length: " +
-            std::to_string(body.size()) + "\r\n\r\n" + body;
-        [[maybe_unused]] const ssize_t sent =
-            ::send(m_stream.socket().native_handle(), answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (!m_stream.isSecure())
+            sendPlain("503 Service Unavailable\r\nRetry-After: " + std::to_string(retryAfter),
+                      m_owner.application().errorBody(503, message));
         m_closed = true;
         beast::error_code ignored;
         m_stream.socket().close(ignored);
@@ -105,7 +107,11 @@ public:
 
     void start() {
         watchPeer();
-        awaitRequest();
+        if (m_stream.isSecure()) {
+            shakeHands();
+        } else {
+            awaitRequest();
+        }
     }
 
     /// True while a worker's reply is being sent, and the worker is not yet done.
@@ -153,18 +159,79 @@ public:
     void turnExpired() { turnDown("the request waited too long for its turn; it was not run"); }
 
 private:
-    using Stream = beast::basic_stream<net::local::stream_protocol>;
     using Response = http::response<http::string_body>;
     static constexpr std::size_t firstRead = std::size_t{8} << 10;
     static constexpr std::size_t bodyRead = std::size_t{64} << 10;
     static constexpr auto lingerTime = std::chrono::seconds(5);
     static constexpr unsigned retryAfter = 1;  // seconds
 
+    /// The first byte of a client that speaks TLS, and of no request.
+    static constexpr char tlsRecord = 0x16;
+
+    static HttpPeer peerOf(int fd) {
+        int domain = 0;
+        socklen_t size = sizeof domain;
+        const bool local = ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX;
+        if (local) return {credentialsOf(fd), false, {}};
+        return {std::nullopt, true, addressOf(fd)};
+    }
+
     static std::optional<HttpPeerCredentials> credentialsOf(int fd) {
         ucred peer{};
         socklen_t size = sizeof peer;
         if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || size != sizeof peer) return std::nullopt;
         return HttpPeerCredentials{peer.pid, peer.uid, peer.gid};
+    }
+
+    /// Nothing of a client that has gone already.
+    static std::string addressOf(int fd) {
+        sockaddr_storage peer{};
+        socklen_t size = sizeof peer;
+        char host[NI_MAXHOST];
+        if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0 ||
+            ::getnameinfo(reinterpret_cast<const sockaddr*>(&peer), size, host, sizeof host, nullptr, 0,
+                          NI_NUMERICHOST) != 0)
+            return {};
+        return host;
+    }
+
+    // ---- the beginning ------------------------------------------------------------------------------------------
+    void shakeHands() {
+        m_stream.expires_after(m_owner.options().handshakeTimeout);
+        m_stream.async_handshake([self = shared_from_this()](beast::error_code error) {
+            if (!self->m_closed) self->onHandsShaken(error);
+        });
+    }
+
+    void onHandsShaken(beast::error_code error) {
+        if (!error) {
+            awaitRequest();
+            return;
+        }
+        const bool isHttp = error.category() == net::error::get_ssl_category() &&
+                            ERR_GET_REASON(static_cast<unsigned long>(error.value())) == SSL_R_HTTP_REQUEST;
+        m_owner.connectionFailed(*this, isHttp ? "it speaks http at an address for https" : handshakeFault(error));
+        if (!isHttp) {
+            close();
+            return;
+        }
+        sendPlain("400 Bad Request", m_owner.application().errorBody(400, "https is spoken here, not http"));
+        lingerRaw();
+    }
+
+    static std::string handshakeFault(beast::error_code error) {
+        if (error == beast::error::timeout) return "its handshake took too long";
+        return "no handshake with it: " + error.message();
+    }
+
+    /// As far as the client takes it at once, and past TLS.
+    void sendPlain(const std::string& status, const std::string& body) {
+        const std::string answer = "HTTP/1.1 " + status +
+                                   "\r\nServer: qor-agent\r\nConnection: close\r\nContent-Type: application/json"
+                                   "\r\nContent-Length: " +
+                                   std::to_string(body.size()) + "\r\n\r\n" + body;
+        [[maybe_unused]] const ssize_t sent =
+            ::send(m_stream.socket().native_handle(), answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
 
     /// A completion handler that keeps the connection alive.
@@ -221,7 +288,7 @@ private:
 
     void onRead(beast::error_code error, std::size_t size) {
         if (error) {
-            close();
+            onReadFailed(error);
             return;
         }
         m_end = size;
@@ -233,7 +300,23 @@ private:
         }
     }
 
+    /// A client that says goodbye is given one too, as TLS wants it.
+    void onReadFailed(beast::error_code error) {
+        if (error != net::error::eof || !m_stream.isSecure()) {
+            close();
+            return;
+        }
+        if (std::exchange(m_idle, false)) m_owner.connectionBusy(*this);
+        dropRequest();
+        beginLinger();
+    }
+
     void beginHead() {
+        if (m_input[m_begin] == tlsRecord && m_reader->isEmpty()) {
+            m_owner.connectionFailed(*this, "it speaks TLS where none is spoken");
+            close();
+            return;
+        }
         m_stream.expires_after(m_owner.options().headerTimeout);
         readOn();
     }
@@ -471,6 +554,7 @@ private:
         m_response.emplace(static_cast<http::status>(reply.status), m_version);
         m_response->set(http::field::server, "qor-agent");
         m_response->set(http::field::content_type, reply.contentType);
+        if (!reply.authenticate.empty()) m_response->set(http::field::www_authenticate, reply.authenticate);
         if (!reply.allow.empty()) m_response->set(http::field::allow, reply.allow);
         if (reply.retryAfter > 0) m_response->set(http::field::retry_after, std::to_string(reply.retryAfter));
         m_response->keep_alive(m_keepAlive);
@@ -551,7 +635,11 @@ private:
             return;
         }
         m_writingPiece = true;
-        m_unwritten.emplace(Frame{net::buffer(m_frame), net::buffer(m_piece), net::buffer(m_frameEnd)});
+        const net::const_buffer frame = net::buffer(m_frame);
+        const net::const_buffer piece = net::buffer(m_piece);
+        const net::const_buffer end = net::buffer(m_frameEnd);
+        // Of buffers that begin with an empty one, TLS would write that alone.
+        m_unwritten.emplace(frame.size() > 0 ? Frame{frame, piece, end} : Frame{piece, end, frame});
         writePieceSome();
     }
 
@@ -561,7 +649,14 @@ private:
         return std::string(text, end) + "\r\n";
     }
 
+    /// The answer to HEAD and the end of an answer without chunks are no bytes, which TLS would wait to write.
     void writePieceSome() {
+        if (net::buffer_size(*m_unwritten) == 0) {
+            net::post(m_stream.get_executor(), [self = shared_from_this()] {
+                if (!self->m_closed) self->onPieceWritten({}, 0);
+            });
+            return;
+        }
         m_stream.expires_after(m_owner.options().writeTimeout);
         m_stream.async_write_some(*m_unwritten, then(&HttpConnection::onPieceWritten));
     }
@@ -601,6 +696,22 @@ private:
 
     /// A client that is still sending would lose the reply if the connection were closed at once.
     void beginLinger() {
+        if (!m_stream.isSecure()) {
+            lingerRaw();
+            return;
+        }
+        m_stream.expires_after(lingerTime);
+        m_stream.async_finish([self = shared_from_this()](beast::error_code error) {
+            if (self->m_closed) return;
+            if (error == beast::error::timeout) {
+                self->close();
+            } else {
+                self->lingerRaw();
+            }
+        });
+    }
+
+    void lingerRaw() {
         beast::error_code ignored;
         m_stream.socket().shutdown(net::socket_base::shutdown_send, ignored);
         m_input.resize(firstRead);
@@ -608,7 +719,7 @@ private:
         linger();
     }
 
-    void linger() { m_stream.async_read_some(net::buffer(m_input), then(&HttpConnection::onLingered)); }
+    void linger() { m_stream.async_read_raw(net::buffer(m_input), then(&HttpConnection::onLingered)); }
 
     void onLingered(beast::error_code error, std::size_t) {
         if (error) {
@@ -626,8 +737,8 @@ private:
     }
 
     HttpConnectionOwner& m_owner;
-    Stream m_stream;
-    const std::optional<HttpPeerCredentials> m_peer;
+    HttpTransport m_stream;
+    const HttpPeer m_peer;
     const HttpIdentity m_identity;
     std::unique_ptr<HttpClientHandler> m_handler;  // the worker's while m_working, else the server thread's
     std::vector<char> m_input;                     // what has been read: m_begin to m_end is not yet taken

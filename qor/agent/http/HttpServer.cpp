@@ -1,8 +1,11 @@
 #include "agent/http/HttpServer.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <boost/asio/basic_socket_acceptor.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -13,10 +16,12 @@
 #include <utility>
 #include <vector>
 
+#include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
 #include "agent/http/FairQueue.h"
 #include "agent/http/HttpConnection.h"
 #include "agent/http/LocalListener.h"
+#include "agent/http/TcpListener.h"
 
 namespace QOR {
 namespace {
@@ -27,6 +32,8 @@ constexpr const char* sourcePath = "qor/agent/http/HttpServer";
 constexpr auto acceptPause = std::chrono::milliseconds(100);
 /// How often it is looked at what waits and what takes long, while something does.
 constexpr auto waitingPause = std::chrono::milliseconds(20);
+/// Clients that are of no use may come as often as they like: between two lines about them passes at least as much.
+constexpr auto failurePause = std::chrono::minutes(1);
 /// For requests that have been told to end, to do so.
 constexpr auto endingTime = std::chrono::seconds(2);
 
@@ -45,13 +52,24 @@ FairQueueLimits bodyLimits(const HttpServerOptions& options) {
     return {std::max(options.bodyMemory, mine), mine, options.maxConnections, options.maxConnections};
 }
 
-}  // namespace
-
-HttpIdentity HttpApplication::identify(const std::optional<HttpPeerCredentials>& peer) {
-    return {peer ? "uid:" + std::to_string(peer->uid) : "unknown", peer && peer->uid == 0};
+/// Of an IPv6 address the half that names a network: who has one address there can have all.
+std::string networkOf(const std::string& address) {
+    in6_addr network{};
+    char text[INET6_ADDRSTRLEN];
+    if (::inet_pton(AF_INET6, address.substr(0, address.find('%')).c_str(), &network) != 1) return address;
+    std::fill_n(std::begin(network.s6_addr) + 8, 8, std::uint8_t{0});
+    return ::inet_ntop(AF_INET6, &network, text, sizeof text) == nullptr ? address : std::string(text) + "/64";
 }
 
-HttpPlan HttpApplication::plan(const HttpRequest&, const std::optional<HttpPeerCredentials>&) {
+}  // namespace
+
+HttpIdentity HttpApplication::identify(const HttpPeer& peer) {
+    if (peer.overTcp) return {"address:" + networkOf(peer.address), false};
+    const bool root = peer.credentials && peer.credentials->uid == 0;
+    return {peer.credentials ? "uid:" + std::to_string(peer.credentials->uid) : "unknown", root};
+}
+
+HttpPlan HttpApplication::plan(const HttpRequest&, const HttpPeer&) {
     return {};
 }
 
@@ -63,18 +81,19 @@ public:
     Impl(const HttpServerOptions& options, HttpApplication& application)
         : m_options(options),
           m_application(application),
-          m_listener(options.socketPath, options.socketGroup),
           m_bodies(bodyLimits(options)),
           m_lanes{Lane(options, atLeastOne(options.threads)), Lane(options, atLeastOne(options.writers))},
-          m_acceptor(m_io, net::local::stream_protocol(), m_listener.releaseSocket()),
           m_graceTimer(m_io),
-          m_acceptTimer(m_io),
           m_waitingTimer(m_io),
-          m_work(m_io.get_executor()) {}
+          m_work(m_io.get_executor()) {
+        for (const QORAgentAddress& address : m_options.listen)
+            listen(address);
+    }
 
     bool run() {
         preferShortWaits();
-        accept();
+        for (const auto& listener : m_listeners)
+            accept(*listener);
         for (bool ended = false; !ended;) {
             try {
                 m_io.run();
@@ -87,7 +106,8 @@ public:
             for (Lane& lane : m_lanes)
                 lane.workers.join();
         }
-        m_listener.removeNames();
+        for (const auto& listener : m_listeners)
+            if (listener->names) listener->names->removeNames();
         return !m_abandoned;
     }
 
@@ -95,6 +115,7 @@ public:
         net::post(m_io, [this] { beginStop(); });
     }
 
+    const std::vector<QORAgentAddress>& addresses() const noexcept { return m_addresses; }
     std::size_t connections() const noexcept { return m_count.load(std::memory_order_relaxed); }
 
     // ---- HttpConnectionOwner
@@ -112,6 +133,15 @@ public:
         m_count.store(m_connections.size(), std::memory_order_relaxed);
         const auto account = m_accounts.find(connection.identity().key);
         if (--account->second.connections == 0) m_accounts.erase(account);
+    }
+    void connectionFailed(const HttpConnection& connection, const std::string& why) override {
+        const auto now = std::chrono::steady_clock::now();
+        ++m_failures;
+        if (m_failureTold && now - *m_failureTold < failurePause) return;
+        m_failureTold = now;
+        const HttpPeer& peer = connection.peer();
+        logMessage(1, module, sourcePath, "connectionFailed", "a client%s%s is left: %s (%zu such clients so far)",
+                   peer.overTcp ? " at " : "", peer.address.c_str(), why.c_str(), m_failures);
     }
     void connectionIdle(HttpConnection& connection) override {
         auto& idle = m_accounts[connection.identity().key].idle;
@@ -180,6 +210,14 @@ private:
         WorkerPool workers;
     };
 
+    /// One of the sockets that clients connect to.
+    struct Listener {
+        net::basic_socket_acceptor<HttpTransport::Protocol> acceptor;
+        net::steady_timer pause;               ///< after a connection that could not be accepted
+        std::unique_ptr<LocalListener> names;  ///< of a unix socket
+        bool secure = false;
+    };
+
     /// The connections of an identity.
     struct Account {
         std::size_t connections = 0;
@@ -245,15 +283,39 @@ private:
     }
 
     // ---- connections --------------------------------------------------------------------------------------------
-    void accept() {
-        m_acceptor.async_accept([this](beast::error_code error, HttpConnection::Socket socket) {
+    void listen(const QORAgentAddress& address) {
+        using Protocol = HttpTransport::Protocol;
+        using Acceptor = net::basic_socket_acceptor<Protocol>;
+        std::unique_ptr<LocalListener> names;
+        if (address.isUnix()) {
+            names = std::make_unique<LocalListener>(address.path, m_options.socketGroup);
+            const int socket = names->releaseSocket();
+            m_addresses.push_back(address);
+            add({Acceptor(m_io, Protocol(AF_UNIX, 0), socket), net::steady_timer(m_io), std::move(names), false});
+            return;
+        }
+        const bool secure = address.scheme == QORAgentAddress::Scheme::Https;
+        if (secure && !m_options.certificates)
+            throw QORException(errFailure, "cannot listen at " + address.text() + ": there is no certificate",
+                               sourcePath);
+        TcpListener listener(address);
+        m_addresses.push_back(listener.address());
+        add({Acceptor(m_io, Protocol(listener.family(), IPPROTO_TCP), listener.releaseSocket()),
+             net::steady_timer(m_io), nullptr, secure});
+    }
+
+    void add(Listener listener) { m_listeners.push_back(std::make_unique<Listener>(std::move(listener))); }
+
+    void accept(Listener& listener) {
+        listener.acceptor.async_accept([this, &listener](beast::error_code error, HttpConnection::Socket socket) {
             if (m_stopping) return;
             if (error) {
-                acceptLater(error);
+                acceptLater(listener, error);
                 return;
             }
-            welcome(std::make_shared<HttpConnection>(std::move(socket), *this));
-            accept();
+            welcome(std::make_shared<HttpConnection>(
+                std::move(socket), listener.secure ? m_options.certificates->current() : nullptr, *this));
+            accept(listener);
         });
     }
 
@@ -303,12 +365,12 @@ private:
         return true;
     }
 
-    void acceptLater(beast::error_code error) {
+    void acceptLater(Listener& listener, beast::error_code error) {
         logMessage(1, module, sourcePath, "accept", "cannot accept a connection: %s", error.message().c_str());
         makeRoom({});
-        m_acceptTimer.expires_after(acceptPause);
-        m_acceptTimer.async_wait([this](beast::error_code cancelled) {
-            if (!cancelled && !m_stopping) accept();
+        listener.pause.expires_after(acceptPause);
+        listener.pause.async_wait([this, &listener](beast::error_code cancelled) {
+            if (!cancelled && !m_stopping) accept(listener);
         });
     }
 
@@ -318,9 +380,11 @@ private:
             return;
         }
         m_stopping = true;
-        beast::error_code ignored;
-        m_acceptor.close(ignored);
-        m_acceptTimer.cancel();
+        for (const auto& listener : m_listeners) {
+            beast::error_code ignored;
+            listener->acceptor.close(ignored);
+            listener->pause.cancel();
+        }
         m_graceTimer.expires_after(m_options.grace);
         m_graceTimer.async_wait([this](beast::error_code cancelled) {
             if (!cancelled) abandon();
@@ -387,14 +451,13 @@ private:
 
     const HttpServerOptions m_options;
     HttpApplication& m_application;
-    LocalListener m_listener;
     // The workers go first: what they still hold of a connection posts to m_io.
     net::io_context m_io{1};
     FairQueue<BodyWaiter> m_bodies;
     std::array<Lane, httpLaneCount> m_lanes;
-    net::local::stream_protocol::acceptor m_acceptor;
+    std::vector<std::unique_ptr<Listener>> m_listeners;
+    std::vector<QORAgentAddress> m_addresses;  // of the listeners, in their order
     net::steady_timer m_graceTimer;
-    net::steady_timer m_acceptTimer;
     net::steady_timer m_waitingTimer;
     net::executor_work_guard<net::io_context::executor_type> m_work;
     std::unordered_set<HttpConnection*> m_connections;  // each keeps itself alive
@@ -402,6 +465,8 @@ private:
     std::unordered_map<HttpConnection*, std::list<HttpConnection*>::iterator> m_idle;
     std::atomic<std::size_t> m_count{0};
     std::size_t m_inFlight = 0;
+    std::size_t m_failures = 0;  ///< clients that were of no use
+    std::optional<std::chrono::steady_clock::time_point> m_failureTold;
     bool m_granting = false;
     bool m_watching = false;
     bool m_stopping = false;
@@ -421,6 +486,10 @@ bool HttpServer::run() {
 
 void HttpServer::stop() {
     m_impl->stop();
+}
+
+const std::vector<QORAgentAddress>& HttpServer::addresses() const noexcept {
+    return m_impl->addresses();
 }
 
 std::size_t HttpServer::connections() const noexcept {

@@ -1,20 +1,24 @@
 /// \file
-/// HTTP/1.1 over a unix stream socket.
+/// HTTP/1.1 over unix sockets, TCP and TLS.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
-#include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "QORCommon/QORAgentAddress.h"
+#include "agent/http/HttpCertificates.h"
 #include "agent/http/HttpTypes.h"
 
 namespace QOR {
 
 struct HttpServerOptions {
-    std::filesystem::path socketPath;
-    std::string socketGroup{};             ///< whose members may connect; empty: the socket keeps the process's group
+    std::vector<QORAgentAddress> listen{};  ///< all of these at once
+    std::string socketGroup{};  ///< whose members may connect to unix sockets; empty: these keep the process's group
+    std::shared_ptr<HttpCertificates> certificates{};  ///< shared with who has them read anew; needed for https
+
     std::size_t threads = 16;              ///< requests that are answered at once
     std::size_t writers = 4;               ///< requests of the writing lane, beside those
     std::size_t requestsPerIdentity = 0;   ///< of one identity that are answered at once; 0: half of the threads
@@ -32,9 +36,10 @@ struct HttpServerOptions {
     std::size_t bodyMemoryPerIdentity = std::size_t{128} << 20;     ///< of one identity
     std::chrono::milliseconds bodyWait = std::chrono::seconds(30);  ///< for that memory
 
-    std::chrono::milliseconds idleTimeout = std::chrono::hours(1);       ///< between requests
-    std::chrono::milliseconds headerTimeout = std::chrono::seconds(30);  ///< from a request's first byte to its body
-    std::chrono::milliseconds bodyTimeout = std::chrono::seconds(10);    ///< spans in which a body is measured
+    std::chrono::milliseconds handshakeTimeout = std::chrono::seconds(10);  ///< of TLS
+    std::chrono::milliseconds idleTimeout = std::chrono::hours(1);          ///< between requests
+    std::chrono::milliseconds headerTimeout = std::chrono::seconds(30);     ///< from a request's first byte to its body
+    std::chrono::milliseconds bodyTimeout = std::chrono::seconds(10);       ///< spans in which a body is measured
     std::size_t bodyRate = std::size_t{16} << 10;  ///< bytes a second that each span brings, or the body's end
     std::chrono::milliseconds writeTimeout = std::chrono::seconds(60);  ///< without a byte of the reply taken
     std::chrono::milliseconds deadline = std::chrono::seconds(30);  ///< for an answer, from the whole request on; one
@@ -51,16 +56,16 @@ struct HttpServerOptions {
 /// is closed. What finds no room is answered 503 with Retry-After.
 class HttpServer {
 public:
-    /// Takes the socket; clients may connect from now on and are served by run().
+    /// Takes the sockets; clients may connect from now on and are served by run().
     /// \param application must outlive the server
-    /// \throws QORException errFailure when the socket cannot be had
+    /// \throws QORException errFailure when one of the sockets cannot be had; none is taken then
     HttpServer(const HttpServerOptions& options, HttpApplication& application);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    /// Serves until stop() has been called and what was in flight is answered; then every handler is gone, and so is
-    /// the socket's name. At the end of the grace requests that still run are told to end, and replies that are not
+    /// Serves until stop() has been called and what was in flight is answered; then every handler is gone, and so are
+    /// the sockets' names. At the end of the grace requests that still run are told to end, and replies that are not
     /// taken are dropped. \returns false when a request does not listen: a worker thread may then still be in it, and
     /// the process should end without waiting for it
     bool run();
@@ -68,6 +73,9 @@ public:
     /// No new connections; requests that run are finished and answered, later ones on open connections get 503. The
     /// second call ends the grace, the third waits for nothing. Any thread may call it.
     void stop();
+
+    /// Where it listens, in the order of the options, with the ports that were taken. Any thread.
+    const std::vector<QORAgentAddress>& addresses() const noexcept;
 
     /// Open connections. Any thread.
     std::size_t connections() const noexcept;

@@ -25,9 +25,16 @@ struct HttpPeerCredentials {
     gid_t gid;
 };
 
+/// Who is at the other end of a connection, before he has said anything.
+struct HttpPeer {
+    std::optional<HttpPeerCredentials> credentials{};  ///< of a local connection, when the system tells
+    bool overTcp = false;                              ///< the system vouches for nobody
+    std::string address{};                             ///< over TCP, in digits, without its port
+};
+
 /// On whose account a connection is: limits are counted and turns are taken by it.
 struct HttpIdentity {
-    std::string key;        ///< equal for connections that share their limits, for example "uid:1000"
+    std::string key;        ///< equal for connections that share their limits: "uid:1000", "address:192.0.2.7"
     bool reserved = false;  ///< may also use the connections that are kept free for those who look after the agent
 };
 
@@ -65,9 +72,10 @@ struct HttpReply {
     unsigned status = 200;
     std::string body;
     std::string contentType = "application/json";
-    std::string allow{};       ///< value of the header Allow; empty: none
-    unsigned retryAfter = 0;   ///< seconds, value of the header Retry-After; 0: none
-    QORMemoryCharge memory{};  ///< what the body counts for, until it is sent
+    std::string allow{};         ///< value of the header Allow; empty: none
+    unsigned retryAfter = 0;     ///< seconds, value of the header Retry-After; 0: none
+    std::string authenticate{};  ///< value of the header WWW-Authenticate; empty: none
+    QORMemoryCharge memory{};    ///< what the body counts for, until it is sent
 };
 
 /// Workers that a request waits for. What waits for one lane does not hold up another.
@@ -101,14 +109,15 @@ protected:
 class HttpApplication {
 public:
     virtual ~HttpApplication();
-    /// \param peer empty when the system does not tell who it is
-    virtual std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) = 0;
-    /// Whose a connection is; as often as it is asked the same for the same peer. Called on the server's thread.
-    virtual HttpIdentity identify(const std::optional<HttpPeerCredentials>& peer);
+    virtual std::unique_ptr<HttpClientHandler> connect(const HttpPeer& peer) = 0;
+    /// Whose a connection is; as often as it is asked the same for the same peer. Called on the server's thread. Unless
+    /// it is told otherwise: its user's, or over TCP its address's, for IPv6 its network's, whose addresses one client
+    /// may have all of.
+    virtual HttpIdentity identify(const HttpPeer& peer);
     /// Where a request goes, or its reply when that takes no time: a refusal, what is known without asking anybody.
     /// Called on the server's thread, which serves everybody: must not wait for anything.
     /// \param head the request without its body
-    virtual HttpPlan plan(const HttpRequest& head, const std::optional<HttpPeerCredentials>& peer);
+    virtual HttpPlan plan(const HttpRequest& head, const HttpPeer& peer);
     /// The body of a reply that the server itself gives (an error of the protocol, a refusal).
     virtual std::string errorBody(unsigned status, std::string_view message) = 0;
 

@@ -4,13 +4,12 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/buffer_body.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -18,12 +17,12 @@
 #include <limits>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <system_error>
 #include <thread>
 
 #include "QORCommon/QORGuid.h"
 #include "backend/AgentReplies.h"
-#include "host/QORHostPaths.h"
 #include "host/QORPlainNumber.h"
 #include "process/CtlError.h"
 
@@ -32,7 +31,6 @@ namespace {
 
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
-using Protocol = asio::local::stream_protocol;
 
 constexpr std::size_t sendBlock = 64 * 1024;
 /// An agent that is started again is waited for: 12 seconds in all.
@@ -48,10 +46,11 @@ constexpr std::uint64_t anySize = std::numeric_limits<std::uint64_t>::max();
 
 /// A request's line and headers; the body follows.
 /// \param fields further ones, each with its line's end
-std::string requestHead(std::string_view method, std::string_view target, std::size_t size,
+std::string requestHead(std::string_view host, std::string_view method, std::string_view target, std::size_t size,
                         std::string_view fields = {}) {
     std::string head;
-    head.append(method).append(" ").append(target).append(" HTTP/1.1\r\nHost: localhost\r\n").append(fields);
+    head.append(method).append(" ").append(target).append(" HTTP/1.1\r\nHost: ").append(host).append("\r\n");
+    head.append(fields);
     if (method == "POST")
         head.append("Content-Type: application/json\r\nContent-Length: ").append(std::to_string(size)).append("\r\n");
     return head += "\r\n";
@@ -66,6 +65,35 @@ std::string describe(const boost::system::error_code& error) {
 bool isBlank(std::string_view line) {
     return line.find_first_not_of(" \t") == std::string_view::npos;
 }
+
+/// A channel as the HTTP library reads from one.
+class ReadStream {
+public:
+    explicit ReadStream(AgentChannel& channel) : m_channel(channel) {}
+
+    template <class Buffers>
+    std::size_t read_some(const Buffers& buffers, boost::system::error_code& error) {
+        const asio::mutable_buffer room = *asio::buffer_sequence_begin(buffers);
+        try {
+            const std::size_t got = m_channel.receive({static_cast<char*>(room.data()), room.size()});
+            error = got == 0 ? asio::error::eof : boost::system::error_code();
+            return got;
+        } catch (const std::system_error& failure) {
+            error.assign(failure.code().value(), boost::system::generic_category());
+            return 0;
+        }
+    }
+    template <class Buffers>
+    std::size_t read_some(const Buffers& buffers) {
+        boost::system::error_code error;
+        const std::size_t got = read_some(buffers, error);
+        if (error) throw boost::system::system_error(error);
+        return got;
+    }
+
+private:
+    AgentChannel& m_channel;
+};
 
 /// How patient somebody is who is told to come again later.
 class Patience {
@@ -93,39 +121,30 @@ struct AgentBackend::Request {
     bool repeatable = true;
 };
 
-/// The socket and what has been read ahead from it. One thread may send while another receives.
+/// A channel and what has been read ahead from it. One thread may send while another receives.
 class AgentBackend::Connection {
 public:
-    explicit Connection(const std::string& path) : m_path(path), m_socket(m_context) {
-        boost::system::error_code error;
-        // An address that is too long for a socket is no error code but an exception.
-        try {
-            m_socket.connect(Protocol::endpoint(path), error);
-        } catch (const boost::system::system_error& failure) {
-            error = failure.code();
-        }
-        if (!error) return;
-        std::string advice =
-            "start it (qor-agent), name its socket (--socket), or work without one (--standalone "
-            "--database CONNECTION-STRING)";
-        if (error == boost::system::errc::permission_denied) advice = "ask to be let into the socket's group";
-        throw CtlError::noConnection("no agent answers at " + path + ": " + error.message() + "; " + advice);
-    }
+    explicit Connection(const AgentPlace& place)
+        : m_name(place.name()),
+          m_host(place.address.isUnix() ? "localhost" : place.address.authority()),
+          m_channel(place) {}
 
     void send(std::string_view bytes) {
-        while (!bytes.empty()) {
-            const ssize_t sent = ::send(m_socket.native_handle(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            if (sent >= 0)
-                bytes.remove_prefix(static_cast<std::size_t>(sent));
-            else if (errno != EINTR)
-                lost(std::generic_category().message(errno));
+        try {
+            m_channel.send(bytes);
+        } catch (const std::system_error& failure) {
+            lost(failure.code().message());
         }
+    }
+
+    std::string headOf(const Request& request) const {
+        return requestHead(m_host, request.method, request.target, request.body.size(), request.fields);
     }
 
     /// Sends a request. An agent that refuses it while it is still being sent has its answer read all the same.
     void sendRequest(const Request& request) {
         try {
-            send(requestHead(request.method, request.target, request.body.size(), request.fields));
+            send(headOf(request));
             send(request.body);
         } catch (const CtlError&) {
             m_sendFailed = true;
@@ -136,7 +155,7 @@ public:
     void readHeader(Parser& parser) {
         parser.body_limit(anySize);
         boost::system::error_code error;
-        http::read_header(m_socket, m_ahead, parser, error);
+        http::read_header(m_stream, m_ahead, parser, error);
         if (error) lost(describe(error));
         m_closing = !parser.get().keep_alive();
     }
@@ -144,10 +163,10 @@ public:
     template <class Parser>
     void readSome(Parser& parser) {
         boost::system::error_code error;
-        http::read(m_socket, m_ahead, parser, error);
+        http::read(m_stream, m_ahead, parser, error);
         if (!error || error == http::error::need_buffer) return;
         throw CtlError(CtlExit::AnsweredError,
-                       "the answer of the agent at " + m_path + " broke off: " + describe(error));
+                       "the answer of the agent at " + m_name + " broke off: " + describe(error));
     }
 
     /// True when the agent said that it answers nothing more on this connection.
@@ -155,20 +174,18 @@ public:
     /// Room for what is read of an answer.
     std::string& block() noexcept { return m_block; }
     /// Wakes whoever sends or receives.
-    void abandon() {
-        boost::system::error_code ignored;
-        m_socket.shutdown(Protocol::socket::shutdown_both, ignored);
-    }
+    void abandon() { m_channel.abandon(); }
 
     [[noreturn]] void lost(const std::string& reason) const {
-        throw CtlError::noConnection("lost the agent at " + m_path + ": " + reason +
+        throw CtlError::noConnection("lost the agent at " + m_name + ": " + reason +
                                      (m_sendFailed ? " while it was being asked" : ""));
     }
 
 private:
-    std::string m_path;
-    asio::io_context m_context{1};
-    Protocol::socket m_socket;
+    const std::string m_name;
+    const std::string m_host;
+    AgentChannel m_channel;
+    ReadStream m_stream{m_channel};
     boost::beast::flat_buffer m_ahead;
     std::string m_block = std::string(sendBlock, '\0');
     bool m_closing = false;
@@ -304,7 +321,7 @@ private:
         if (isBlank(line)) return true;
         if (m_lines.isCut()) return expect({{}, true});
         const Request request = requestOf(line);
-        block += requestHead(request.method, request.target, line.size());
+        block += m_connection.headOf(request);
         block += line;
         return expect({std::string(line)});
     }
@@ -332,7 +349,7 @@ private:
             m_turnedDown = true;
         }
         if (!m_turnedDown) m_connection.lost("it answers no more requests");
-        if (!m_again) m_again = std::make_unique<AgentBackend>(m_backend.m_socket);
+        if (!m_again) m_again = std::make_unique<AgentBackend>(m_backend.m_place);
         return m_again->open(requestOf(request));
     }
 
@@ -359,16 +376,15 @@ private:
     std::thread m_sender;
 };
 
-AgentBackend::AgentBackend(const std::string& socket)
-    : m_socket(socket.empty() ? defaultClientSocketPath().string() : socket),
-      m_connection(std::make_unique<Connection>(m_socket)) {}
+AgentBackend::AgentBackend(AgentPlace place)
+    : m_place(std::move(place)), m_connection(std::make_unique<Connection>(m_place)) {}
 
 AgentBackend::~AgentBackend() = default;
 
 std::unique_ptr<AgentBackend::Source> AgentBackend::open(const Request& request) {
     Patience patience;
     for (;;) {
-        if (!m_connection) m_connection = std::make_unique<Connection>(m_socket);
+        if (!m_connection) m_connection = std::make_unique<Connection>(m_place);
         m_connection->sendRequest(request);
         auto source = std::make_unique<Source>(*m_connection);
         if (!request.repeatable || !patience.wait(source->retryAfter())) return source;
@@ -381,9 +397,9 @@ std::string AgentBackend::exchange(const Request& request) {
     return open(request)->readAll();
 }
 
-/// Root has full access everywhere and need not ask.
+/// Root has full access on every socket of its machine and need not ask.
 bool AgentBackend::seesEnvironments() {
-    return ::geteuid() == 0 || readAccess(exchange({"GET", "/v1/health"}));
+    return (m_place.address.isUnix() && ::geteuid() == 0) || readAccess(exchange({"GET", "/v1/health"}));
 }
 
 /// Messages only ask.

@@ -1,8 +1,9 @@
 /// \file
-/// The agent, over HTTP/1.1 on its unix socket. The connection is kept from request to request. A request that may be
+/// The agent, over HTTP/1.1. The connection is kept from request to request. A request that may be
 /// asked again, and that the agent turns down for a while, is asked again, a few times and as much later as it says.
 #pragma once
 
+#include "backend/AgentChannel.h"
 #include "backend/Backend.h"
 
 namespace QOR {
@@ -10,8 +11,8 @@ namespace QOR {
 /// Overrides what the standalone backend does, in the same order.
 class AgentBackend final : public Backend {
 public:
-    /// Connects. \param socket empty: where an agent of this user or of the machine listens
-    explicit AgentBackend(const std::string& socket);
+    /// Connects.
+    explicit AgentBackend(AgentPlace place);
     ~AgentBackend() override;
 
     bool seesEnvironments() override;
@@ -37,7 +38,7 @@ private:
     /// \returns the answer's body
     std::string exchange(const Request& request);
 
-    const std::string m_socket;
+    const AgentPlace m_place;
     std::unique_ptr<Connection> m_connection;  // null while an agent that was lost is not found again
 };
 

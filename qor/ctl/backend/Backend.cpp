@@ -4,9 +4,32 @@
 #include "QORMessage/QORNotation.h"
 #include "backend/AgentBackend.h"
 #include "backend/StandaloneBackend.h"
+#include "host/QORHostPaths.h"
 #include "process/CtlError.h"
 
 namespace QOR {
+namespace {
+
+QORAgentAddress addressOf(const ConnectionOptions& options) {
+    if (options.agent.empty())
+        return unixAddress(options.socket.empty() ? defaultClientSocketPath().string() : options.socket);
+    try {
+        return readAgentAddress(options.agent);
+    } catch (const QORException& exception) {
+        throw CtlError::usage("--agent: " + exception.message());
+    }
+}
+
+AgentPlace placeOf(const ConnectionOptions& options) {
+    if (!options.socket.empty() && !options.agent.empty())
+        throw CtlError::usage("--socket and --agent exclude each other");
+    const QORAgentAddress address = addressOf(options);
+    if (!options.ca.empty() && address.scheme != QORAgentAddress::Scheme::Https)
+        throw CtlError::usage("--ca needs --agent https://HOST:PORT");
+    return {address, options.ca};
+}
+
+}  // namespace
 
 std::string Backend::refusalOfLongLine() {
     std::string answer;
@@ -15,12 +38,14 @@ std::string Backend::refusalOfLongLine() {
 }
 
 std::unique_ptr<Backend> makeBackend(const ConnectionOptions& options, BackendUse use) {
-    if (options.standalone && !options.socket.empty())
-        throw CtlError::usage("--socket and --standalone exclude each other");
+    const bool named = !options.socket.empty() || !options.agent.empty() || !options.ca.empty();
+    if (options.standalone && named)
+        throw CtlError::usage((options.socket.empty() ? options.agent.empty() ? "--ca" : "--agent" : "--socket") +
+                              std::string(" and --standalone exclude each other"));
     if (!options.standalone) {
         if (!options.database.empty() || options.readOnly || !options.config.empty() || !options.plugIns.empty())
             throw CtlError::usage("--database, --read-only, --config and --plugins need --standalone");
-        return std::make_unique<AgentBackend>(options.socket);
+        return std::make_unique<AgentBackend>(placeOf(options));
     }
     if (options.database.empty())
         throw CtlError::usage("--standalone needs a database, for example --database ./agent.db");

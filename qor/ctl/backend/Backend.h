@@ -24,7 +24,9 @@ namespace QOR {
 
 /// Where to find who answers, as given on the command line.
 struct ConnectionOptions {
-    std::string socket;  ///< empty: where an agent of this user or of the machine listens
+    std::string socket;  ///< of an agent; empty: where one of this user or of the machine listens
+    std::string agent;   ///< its address, in place of the socket
+    std::string ca;      ///< file of the certificates that are believed, for an address with https
     bool standalone = false;
     std::string database;  ///< ODBC connection string, standalone only
     bool readOnly = false;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -17,6 +18,8 @@
 #include "agent/http/HttpServer.h"
 #include "support/HttpClient.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TestCertificates.h"
+#include "support/TlsWire.h"
 
 namespace QOR::test {
 
@@ -51,19 +54,19 @@ private:
 /// Echoes bodies; some paths do more.
 class EchoApplication final : public HttpApplication {
 public:
-    HttpIdentity identify(const std::optional<HttpPeerCredentials>&) override {
+    HttpIdentity identify(const HttpPeer&) override {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_identity;
     }
-    HttpPlan plan(const HttpRequest& head, const std::optional<HttpPeerCredentials>&) override {
+    HttpPlan plan(const HttpRequest& head, const HttpPeer&) override {
         HttpPlan plan;
         if (head.path == "/now") plan.reply = HttpReply{200, "now"};
         if (head.path == "/no") plan.reply = HttpReply{404, "no"};
         if (head.path.starts_with("/write")) plan.lane = HttpLane::Writing;
         return plan;
     }
-    std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>& peer) override {
-        if (peer) lastUid = peer->uid;
+    std::unique_ptr<HttpClientHandler> connect(const HttpPeer& peer) override {
+        if (peer.credentials) lastUid = peer.credentials->uid;
         ++connected;
         return std::make_unique<Handler>(*this);
     }
@@ -120,11 +123,30 @@ private:
     std::vector<std::string> m_handled;
 };
 
+/// What clients reach the server over: each test holds over all of them, and runs once over each.
+enum class Over { Unix, Tcp, Tls };
+
+inline Over testedOver() {
+    const char* const set = std::getenv("QOR_TEST_HTTP_OVER");
+    const std::string_view name = set == nullptr ? "unix" : set;
+    if (name == "unix") return Over::Unix;
+    if (name == "tcp") return Over::Tcp;
+    if (name == "tls") return Over::Tls;
+    throw std::runtime_error("QOR_TEST_HTTP_OVER is unix, tcp or tls");
+}
+
 /// A server with an application of the test's, from start() to stop() or the test's end.
 template <class Application>
 class HttpServing : public testing::Test {
 protected:
-    HttpServing() { options.socketPath = directory / "http.sock"; }
+    HttpServing() {
+        options.listen = {over == Over::Unix ? unixAddress(directory / "http.sock")
+                                             : QORAgentAddress{scheme(over), {}, "127.0.0.1", 0}};
+        if (over != Over::Tls) return;
+        const TestCertificates& files = certificates();
+        options.certificates =
+            std::make_shared<HttpCertificates>(HttpCertificateFiles{files.certificate("server"), files.key("server")});
+    }
     ~HttpServing() override {
         if (server) stop();
     }
@@ -140,7 +162,22 @@ protected:
         server.reset();
         return answered;
     }
-    HttpClient connect() const { return HttpClient(options.socketPath.string()); }
+    HttpClient connect() const {
+        if (over == Over::Unix) return HttpClient(options.listen.front().path);
+        const int socket = connectTcp("127.0.0.1", server->addresses().front().port);
+        if (over == Over::Tcp) return HttpClient(socket);
+        return HttpClient(socket, std::make_unique<TlsWire>(socket, TlsFiles{certificates().certificate("authority")}));
+    }
+    static QORAgentAddress::Scheme scheme(Over over) {
+        return over == Over::Tls ? QORAgentAddress::Scheme::Https : QORAgentAddress::Scheme::Http;
+    }
+    /// Made once: that takes longer than most tests.
+    static const TestCertificates& certificates() {
+        static const TestCertificates made;
+        return made;
+    }
+
+    const Over over = testedOver();
 
     TemporaryDirectory directory;
     HttpServerOptions options;

@@ -26,9 +26,7 @@ constexpr std::size_t pieceSize = std::size_t{64} << 10;
 /// What clients ask for is made piece by piece; what became of it can be waited for.
 class StreamApplication final : public HttpApplication {
 public:
-    std::unique_ptr<HttpClientHandler> connect(const std::optional<HttpPeerCredentials>&) override {
-        return std::make_unique<Handler>(*this);
-    }
+    std::unique_ptr<HttpClientHandler> connect(const HttpPeer&) override { return std::make_unique<Handler>(*this); }
     std::string errorBody(unsigned status, std::string_view) override { return std::to_string(status); }
 
     std::promise<void> goOn;                     ///< lets "/halting" send its second piece
