@@ -34,5 +34,6 @@ void measurePages(Figures& figures, const Log& log);
 void measureTotals(Figures& figures, const Log& small, const Log& large);
 void measureStream(Figures& figures, const Log& log);
 void measureIngest(Figures& figures);
+void measureWriters(Figures& figures);
 
 }  // namespace QOR::bench

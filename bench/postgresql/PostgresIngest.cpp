@@ -3,6 +3,7 @@
 #include <array>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "QORCommon/QORTime.h"
@@ -38,15 +39,18 @@ Texts textsOf(const QOROperationRecord& record, std::uint64_t sequence) {
     return texts;
 }
 
+void dropTriggers(PostgresConnection&& connection) {
+    connection.run(
+        "DO $$ DECLARE t record; BEGIN FOR t IN SELECT tgname, tgrelid::regclass AS of FROM pg_trigger "
+        "WHERE NOT tgisinternal LOOP EXECUTE format('DROP TRIGGER %I ON %s', t.tgname, t.of); END LOOP; END $$");
+}
+
 /// The same rows into the same tables with the same indexes, by prepared inserts and nothing else: nothing is counted.
 class Bare {
 public:
     explicit Bare(const PostgresDatabase& database)
         : m_connection(PQconnectdb(PostgresServer::shared().conninfo(database.name()).c_str())) {
-        succeed(PQexec(m_connection.get(),
-                       "DO $$ DECLARE t record; BEGIN FOR t IN SELECT tgname, tgrelid::regclass AS of FROM pg_trigger "
-                       "WHERE NOT tgisinternal LOOP EXECUTE format('DROP TRIGGER %I ON %s', t.tgname, t.of); END LOOP; "
-                       "END $$"));
+        dropTriggers(database.connect());
         succeed(PQprepare(m_connection.get(), "operation",
                           "INSERT INTO qor_operation (seq, id, op, status, time, eid, message) "
                           "VALUES ($1, $2, $3, $4, $5, $6, $7)",
@@ -104,6 +108,53 @@ private:
     std::uint64_t m_stored = 0;
 };
 
+/// Some who store at the same time, each the records of environments of his own, as agents do.
+class Writers {
+public:
+    static constexpr unsigned number = 4;
+
+    explicit Writers(bool counted) {
+        if (!counted) dropTriggers(m_log.database().connect());
+    }
+    /// \returns seconds
+    double store(std::uint64_t each) {
+        m_log.open();
+        std::vector<std::vector<QORRecord>> batches;
+        for (unsigned writer = 0; writer < number; ++writer)
+            batches.push_back(recordsOf(writer, each));
+        m_stored += each;
+        return wallSeconds([&] {
+            std::vector<std::jthread> threads;
+            for (const auto& batch : batches)
+                threads.emplace_back([&batch] { storeAll(batch); });
+        });
+    }
+    std::uint64_t stored() const noexcept { return number * m_stored; }
+    const PostgresDatabase& database() const noexcept { return m_log.database(); }
+
+private:
+    std::vector<QORRecord> recordsOf(unsigned writer, std::uint64_t count) const {
+        constexpr unsigned own = 20;
+        std::vector<QORRecord> records = makeBatch(m_stored, count, span);
+        for (std::size_t i = 0; i < records.size(); ++i) {
+            auto& operation = std::get<QOROperationRecord>(records[i]);
+            operation.id += '-' + std::to_string(writer);
+            operation.eid = eidOf(environments + own * writer + i % own);
+            operation.eids.clear();
+        }
+        return records;
+    }
+    static void storeAll(const std::vector<QORRecord>& records) {
+        QORIngestOptions options;
+        options.batchRecords = batchSize;
+        const QORIngestResult result = QORIngest(options).store(records, false);
+        check(!result.failure && result.accepted() == records.size(), "the records were not stored");
+    }
+
+    const Log m_log{0};
+    std::uint64_t m_stored = 0;
+};
+
 std::string content(const PostgresDatabase& database) {
     return database.connect().cell(
         "SELECT count(*) || ' ' || min(id) || ' ' || max(id) || ' ' || sum(status) || ' ' || max(time) || ' ' || "
@@ -111,6 +162,19 @@ std::string content(const PostgresDatabase& database) {
 }
 
 }  // namespace
+
+void measureWriters(Figures& figures) {
+    Writers bare(false);
+    Writers counted(true);
+    const std::uint64_t each = (figures.smallest() ? 1 : 10) * batchSize;
+    const Turns turns = takeTurns(
+        figures.smallest() ? 1 : 9, [&] { return bare.store(each); }, [&] { return counted.store(each); });
+    check(counted.database().connect().cell("SELECT sum(n) FROM qor_operation_count WHERE scope = '' AND level = 24") ==
+              std::to_string(counted.stored()),
+          "the counters are wrong");
+    figures.printRates("operations of 4 writers, beside the same uncounted", turns,
+                       static_cast<double>(Writers::number * each), Goal::atLeast(0.5));
+}
 
 void measureIngest(Figures& figures) {
     const Log bareLog(0);

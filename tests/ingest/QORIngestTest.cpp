@@ -432,6 +432,7 @@ TEST_F(QORIngestTest, ALockedDatabaseEndsTheRunAndNamesTheLinesThatAreNotStored)
     const auto lockFromAnotherThread = [&] {
         other = std::jthread([&] {
             QORRdbmsTran tran(ASAccess::Write);
+            if (test::testEngine() == ASEngine::PostgreSQL) tran->execute("LOCK TABLE qor_event");
             std::unique_lock guard(mutex);
             locked = true;
             changed.notify_all();

@@ -15,5 +15,7 @@ extern const QORSchemaStep postgresUpkeep;
 extern const QORSchemaStep postgresChanges;
 /// Which servers the records are spread over, and what a server has to know of it.
 extern const QORSchemaStep postgresServers;
+/// The counters are changed at the end of a transaction.
+extern const QORSchemaStep postgresCounting;
 
 }  // namespace QOR

@@ -212,8 +212,132 @@ constexpr const char* statements[] = {
                 "DELETE FROM qor_unreadable_document WHERE source = 'qor_environment';"),
 };
 
+// ---- counted when a transaction ends --------------------------------------------------------------------------------
+//
+// Counters are changed as the last thing in a transaction, those that all records share at the very end, so that
+// writers wait for each other no longer than that takes. What statements changed is noted down until then in a table
+// that only the transaction itself sees anything in; it survives nothing, and has not to. A trigger that is put off to
+// the commit tells the counters all of it at once.
+//
+// LOG_count_change(scopes, seconds, changes)  as before, and finds the buckets that have come to hold too much
+// LOG_count_split(scopes, levels, buckets)    splits those
+// qor_count_due_tell()                        tells the counters what is noted
+
+#define QOR_BUCKETS(wide) "array_fill(" wide ", ARRAY[cardinality("
+
+#define QOR_COUNTERS_AT_END(log) \
+    "DROP FUNCTION " log "_count_change(text[], bigint[], bigint[])",                                                  \
+        "DROP FUNCTION " log "_count_split(text[], bigint[])", "DROP FUNCTION " log "_recount(text)",                  \
+        QOR_FUNCTION(log "_count_change(scopes text[], seconds bigint[], changes bigint[], OUT full_scopes text[], "   \
+                         "OUT full_levels int[], OUT full_buckets bigint[])",                                          \
+                     "record",                                                                                         \
+                     "DECLARE wide int := 24; done record; BEGIN LOOP "                                                \
+                     "WITH told AS (INSERT INTO " log "_count AS c (scope, level, bucket, n) "                         \
+                     "SELECT g.scope, wide, g.bucket, g.change FROM (SELECT t.scope COLLATE \"C\" AS scope, "          \
+                     "t.second >> wide AS bucket, sum(t.change)::bigint AS change FROM " QOR_CHANGED                   \
+                     " GROUP BY 1, 2) g WHERE wide = 24 OR EXISTS (SELECT FROM " log                                   \
+                     "_count p WHERE p.scope = g.scope AND p.level = wide + 4 AND p.bucket = g.bucket >> 4 "           \
+                     "AND p.split = 1) ORDER BY 1, 3 ON CONFLICT (scope, level, bucket) "                              \
+                     "DO UPDATE SET n = c.n + excluded.n RETURNING c.scope, c.bucket, c.n, c.split) "                  \
+                     "SELECT bool_or(split = 1) AS deeper, array_agg(scope) FILTER (WHERE split = 0 AND n > 256) "     \
+                     "AS scopes, array_agg(bucket) FILTER (WHERE split = 0 AND n > 256) AS buckets INTO done "         \
+                     "FROM told; "                                                                                     \
+                     "IF wide > 0 AND done.scopes IS NOT NULL THEN full_scopes := full_scopes || done.scopes; "        \
+                     "full_levels := full_levels || " QOR_BUCKETS("wide") "done.scopes)]); "                           \
+                     "full_buckets := full_buckets || done.buckets; END IF; "                                          \
+                     "EXIT WHEN wide = 0 OR done.deeper IS NOT TRUE; wide := wide - 4; END LOOP; "                     \
+                     "IF 0 > ANY (changes) THEN DELETE FROM " log "_count c USING " QOR_PLACES                         \
+                     " CROSS JOIN generate_series(0, 24, 4) AS l (level) WHERE c.scope = t.scope "                     \
+                     "AND c.level = l.level AND c.bucket = t.second >> l.level AND c.n = 0; END IF; END"),             \
+        QOR_FUNCTION(log "_count_split(scopes text[], levels int[], buckets bigint[])", "void",                        \
+                     "DECLARE f record; finer bigint[]; s text[]; l int[]; b bigint[]; BEGIN "                         \
+                     "WHILE cardinality(scopes) > 0 LOOP s := NULL; l := NULL; b := NULL; "                            \
+                     "FOR f IN SELECT DISTINCT t.scope COLLATE \"C\" AS scope, t.level, t.bucket "                     \
+                     "FROM unnest(scopes, levels, buckets) AS t (scope, level, bucket) ORDER BY 1, 2 DESC, 3 LOOP "    \
+                     "UPDATE " log "_count SET split = 1 WHERE scope = f.scope AND level = f.level "                   \
+                     "AND bucket = f.bucket AND split = 0 AND n > 256; CONTINUE WHEN NOT FOUND; "                      \
+                     "WITH put AS (INSERT INTO " log "_count (scope, level, bucket, n) SELECT f.scope, f.level - 4, "  \
+                     "x >> (f.level - 4), count(*) FROM " log                                                          \
+                     "_seconds(f.scope, f.bucket << f.level, ((f.bucket + 1) << f.level) - 1) AS x GROUP BY 3 "        \
+                     "ORDER BY 3 ON CONFLICT (scope, level, bucket) DO UPDATE SET n = excluded.n "                     \
+                     "RETURNING bucket, n) SELECT array_agg(bucket) INTO finer FROM put WHERE n > 256; "               \
+                     "IF f.level > 4 AND finer IS NOT NULL THEN "                                                      \
+                     "s := s || " QOR_BUCKETS("f.scope") "finer)]); l := l || " QOR_BUCKETS("f.level - 4") "finer)]); "\
+                     "b := b || finer; END IF; END LOOP; scopes := s; levels := l; buckets := b; END LOOP; END"),      \
+        QOR_FUNCTION(log "_recount(counted text)", "void",                                                             \
+                     "DECLARE told record; f record; s text[]; l int[]; b bigint[]; BEGIN "                            \
+                     "PERFORM qor_count_due_tell(); DELETE FROM " log "_count WHERE scope = counted; "                 \
+                     "FOR told IN " QOR_BLOCKS("SELECT counted AS scope, x AS second, 1 AS change FROM " log           \
+                     "_seconds(counted, NULL, NULL) AS x") " LOOP " QOR_TELL_BLOCK(log) "END LOOP; PERFORM " log       \
+                     "_count_split(s, l, b); END")
+
+#define QOR_TELL_BLOCK(log)                                    \
+    "SELECT * INTO f FROM " log                                \
+    "_count_change(told.scopes, told.seconds, told.changes); " \
+    "s := s || f.full_scopes; l := l || f.full_levels; b := b || f.full_buckets; "
+
+// Of one log, what is noted of the scopes that all records share, or of the others.
+#define QOR_TELL_DUE(log) \
+    "s := NULL; l := NULL; b := NULL; FOR told IN " QOR_BLOCKS(                                                       \
+        "SELECT t.scope COLLATE \"C\" AS scope, t.second, t.change FROM qor_count_due d "                             \
+        "CROSS JOIN unnest(d.scopes, d.seconds, d.changes) AS t (scope, second, change) WHERE d.log = '" log          \
+        "' AND (t.scope = '' OR left(t.scope, 1) = '/') = shared") " LOOP " QOR_TELL_BLOCK(log) "END LOOP; "          \
+                                                                                                "PERFORM " log        \
+                                                                                                "_count_split(s, l, " \
+                                                                                                "b); "
+
+#define QOR_NOTE(log, rows)                                                                                      \
+    "INSERT INTO qor_count_due (log, scopes, seconds, changes) SELECT '" log                                     \
+    "', array_agg(g.scope), array_agg(g.second), array_agg(g.change) FROM (SELECT u.scope, u.second, u.change, " \
+    "(row_number() OVER () - 1) / 100000 AS block FROM (SELECT a.scope COLLATE \"C\" AS scope, a.second, "       \
+    "sum(a.change)::bigint AS change FROM (" rows                                                                \
+    ") a GROUP BY 1, 2 HAVING sum(a.change) <> 0) u) g GROUP BY g.block; "
+
+#define QOR_NOTING(table, name, log, rowsOf, afterwards) \
+    "DROP TRIGGER " name "_came ON " table, "DROP TRIGGER " name "_gone ON " table,                                    \
+        "DROP TRIGGER " name "_changed ON " table, "DROP FUNCTION " name "_tell()",                                    \
+        QOR_FUNCTION(name "_tell()", "trigger",                                                                        \
+                     "BEGIN IF TG_OP = 'INSERT' THEN " QOR_NOTE(log, rowsOf("came", "1"))                              \
+                     "ELSIF TG_OP = 'DELETE' THEN " QOR_NOTE(log, rowsOf("gone", "-1"))                                \
+                     "ELSE " QOR_NOTE(log, rowsOf("came", "1") " UNION ALL " rowsOf("gone", "-1"))                     \
+                     "END IF; " afterwards "RETURN NULL; END"),                                                        \
+        QOR_TRIGGERS(table, name, name "_tell")
+
+#define QOR_TELL_BEFORE_TRUNCATE(table)                           \
+    "CREATE TRIGGER " table "_emptying BEFORE TRUNCATE ON " table \
+    " FOR EACH STATEMENT EXECUTE FUNCTION qor_count_due_first()"
+
+constexpr const char* countingStatements[] = {
+    // Arrays as they are: compressing what is read once costs more than it saves.
+    "CREATE UNLOGGED TABLE qor_count_due (id bigint GENERATED ALWAYS AS IDENTITY PRIMARY KEY, "
+    "log text COLLATE \"C\" NOT NULL, scopes text[] NOT NULL, seconds bigint[] NOT NULL, changes bigint[] NOT NULL)",
+    "ALTER TABLE qor_count_due ALTER scopes SET STORAGE EXTERNAL, ALTER seconds SET STORAGE EXTERNAL, "
+    "ALTER changes SET STORAGE EXTERNAL",
+    QOR_COUNTERS_AT_END("qor_operation"),
+    QOR_COUNTERS_AT_END("qor_event"),
+    QOR_FUNCTION("qor_count_due_tell()", "void",
+                 "DECLARE shared boolean; told record; f record; s text[]; l int[]; b bigint[]; BEGIN "
+                 "IF NOT EXISTS (SELECT FROM qor_count_due) THEN RETURN; END IF; "
+                 "FOREACH shared IN ARRAY '{f,t}'::boolean[] LOOP " QOR_TELL_DUE("qor_event")
+                     QOR_TELL_DUE("qor_operation") "END LOOP; DELETE FROM qor_count_due; END"),
+    QOR_FUNCTION("qor_count_due_last()", "trigger",
+                 "BEGIN IF EXISTS (SELECT FROM qor_count_due WHERE id = NEW.id) THEN PERFORM qor_count_due_tell(); "
+                 "END IF; RETURN NULL; END"),
+    "CREATE CONSTRAINT TRIGGER qor_count_due_told AFTER INSERT ON qor_count_due DEFERRABLE INITIALLY DEFERRED "
+    "FOR EACH ROW EXECUTE FUNCTION qor_count_due_last()",
+    // Counters of a table that is emptied are removed; what its records did before has to be told first.
+    QOR_FUNCTION("qor_count_due_first()", "trigger", "BEGIN PERFORM qor_count_due_tell(); RETURN NULL; END"),
+    QOR_TELL_BEFORE_TRUNCATE("qor_operation"),
+    QOR_TELL_BEFORE_TRUNCATE("qor_operation_environment"),
+    QOR_TELL_BEFORE_TRUNCATE("qor_event"),
+    QOR_NOTING("qor_operation", "qor_operation", "qor_operation", QOR_OPERATIONS, QOR_LEAD_TOUCHED),
+    QOR_NOTING("qor_operation_environment", "qor_touched", "qor_operation", QOR_TOUCHED, QOR_FOLLOW_OPERATION),
+    QOR_NOTING("qor_event", "qor_event", "qor_event", QOR_EVENTS, ""),
+};
+
 }  // namespace
 
 const QORSchemaStep postgresUpkeep{statements};
+const QORSchemaStep postgresCounting{countingStatements};
 
 }  // namespace QOR

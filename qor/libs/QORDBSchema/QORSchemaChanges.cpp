@@ -35,5 +35,6 @@ constexpr const char* statements[] = {
 
 const QORSchemaStep changeSchema{statements};
 const QORSchemaStep serverSchema{};
+const QORSchemaStep countingSchema{};
 
 }  // namespace QOR

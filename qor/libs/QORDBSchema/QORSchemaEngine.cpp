@@ -19,7 +19,7 @@ bool hasRows(ASStatement& statement) {
 constexpr std::array sqliteSteps{
     QORVersionedStep{1, &inventorySchema}, QORVersionedStep{2, &logSchema},    QORVersionedStep{3, &counterSchema},
     QORVersionedStep{4, &documentSchema},  QORVersionedStep{5, &upkeepSchema}, QORVersionedStep{6, &requestSchema},
-    QORVersionedStep{7, &changeSchema},    QORVersionedStep{8, &serverSchema},
+    QORVersionedStep{7, &changeSchema},    QORVersionedStep{8, &serverSchema}, QORVersionedStep{9, &countingSchema},
 };
 constexpr std::array<std::string_view, 2> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX "};
 
@@ -35,10 +35,9 @@ std::string removalFromSqlite(const QORSchemaPart& part) {
 }
 
 constexpr std::array postgresSteps{
-    QORVersionedStep{5, &postgresTables},
-    QORVersionedStep{6, &postgresUpkeep},
-    QORVersionedStep{7, &postgresChanges},
-    QORVersionedStep{8, &postgresServers},
+    QORVersionedStep{5, &postgresTables},   QORVersionedStep{6, &postgresUpkeep},
+    QORVersionedStep{7, &postgresChanges},  QORVersionedStep{8, &postgresServers},
+    QORVersionedStep{9, &postgresCounting},
 };
 static_assert(sqliteSteps.back().version == postgresSteps.back().version);
 constexpr std::array<std::string_view, 5> postgresParts{

@@ -31,5 +31,7 @@ extern const QORSchemaStep requestSchema;
 extern const QORSchemaStep changeSchema;
 /// Nothing: a file's records are not spread over servers.
 extern const QORSchemaStep serverSchema;
+/// Nothing: who writes to a file is alone.
+extern const QORSchemaStep countingSchema;
 
 }  // namespace QOR

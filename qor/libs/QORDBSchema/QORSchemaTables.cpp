@@ -16,14 +16,14 @@ namespace {
 constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORSchemaTables";
 
 /// A database's own.
-constexpr std::array<std::string_view, 15> ownTables{"qor_change",         "qor_environment_change",
+constexpr std::array<std::string_view, 16> ownTables{"qor_change",         "qor_environment_change",
                                                      "qor_schema_version", "qor_database",
                                                      "qor_copy",           "qor_operation_change",
                                                      "qor_event_change",   "qor_log_replaced",
                                                      "qor_server",         "qor_placement",
                                                      "qor_touched_server", "qor_held",
                                                      "qor_followed",       "qor_removal",
-                                                     "qor_moved"};
+                                                     "qor_moved",          "qor_count_due"};
 
 struct TypeKind {
     std::string_view type;

@@ -335,6 +335,59 @@ TEST_F(PostgresSchema, WhatWasRolledBackIsNotCounted) {
     EXPECT_EQ(own.cell("SELECT n FROM qor_operation_count WHERE scope = '' AND level = 24"), "1");
 }
 
+TEST_F(PostgresSchema, WhoHasStoredRecordsKeepsNobodyWaitingUntilItsCommit) {
+    open();
+    PostgresConnection one = connect();
+    PostgresConnection other = connect();
+    one.run("BEGIN");
+    one.run("INSERT INTO qor_operation (id, status, time, eid) VALUES ('a', 0, '2024-05-01', " + eid(1) + ")");
+    one.run("INSERT INTO qor_event (time, eid, category) VALUES ('2024-05-01', " + eid(1) + ", 'c')");
+    other.run("SET lock_timeout = 1");
+    other.run("INSERT INTO qor_operation (id, status, time, eid) VALUES ('b', 0, '2024-05-01', " + eid(1) + ")");
+    other.run("INSERT INTO qor_event (time, eid, category) VALUES ('2024-05-01', " + eid(1) + ", 'c')");
+    one.run("COMMIT");
+    EXPECT_EQ(one.rows(wrongOperationCounters), Rows());
+    EXPECT_EQ(one.rows(wrongEventCounters), Rows());
+    EXPECT_EQ(one.cell("SELECT n FROM qor_operation_count WHERE scope = '' AND level = 24"), "2");
+    EXPECT_EQ(one.cell("SELECT count(*) FROM qor_count_due"), "0");
+}
+
+TEST_F(PostgresSchema, WhatATransactionDoesIsCountedOnceWhateverElseItDoes) {
+    open();
+    PostgresConnection own = connect();
+    const std::string record = "INSERT INTO qor_operation (id, status, time) VALUES ('";
+    for (const std::string between :
+         {"SELECT 1",
+          "SAVEPOINT s; INSERT INTO qor_operation (id, status, time) VALUES ('c', 0, '2024-05-01'); ROLLBACK TO s",
+          "TRUNCATE qor_operation, qor_operation_environment", "SELECT qor_operation_recount('')",
+          "SET CONSTRAINTS ALL IMMEDIATE", "DELETE FROM qor_operation",
+          "UPDATE qor_operation SET time = '2024-06-01'"}) {
+        own.run("TRUNCATE qor_operation, qor_operation_environment");
+        own.run("BEGIN");
+        own.run(record + "a', 0, '2024-05-01')");
+        own.run(between);
+        own.run(record + "b', 0, '2024-05-01')");
+        own.run("COMMIT");
+        EXPECT_EQ(own.rows(wrongOperationCounters), Rows()) << between;
+        EXPECT_EQ(own.cell("SELECT count(*) FROM qor_count_due"), "0") << between;
+    }
+}
+
+TEST_F(PostgresSchema, CountersOfAnOlderVersionAreGoneOnWith) {
+    constexpr int before = 8;  // counters were changed by each statement
+    QORRdbms::instance().configure({.connectionString = m_database.connectionString()});
+    QORRdbms::instance().write([](ASSession& session) { QORDBSchema::migrate(session, before); });
+    PostgresConnection own = connect();
+    Changes changes(5);
+    for (int i = 0; i < 20; ++i)
+        own.run(changes.next());
+    EXPECT_EQ(open().found.version, before);
+    for (int i = 0; i < 20; ++i)
+        own.run(changes.next());
+    EXPECT_EQ(own.rows(wrongOperationCounters), Rows());
+    EXPECT_EQ(own.rows(wrongEventCounters), Rows());
+}
+
 TEST_F(PostgresSchema, WritersMeetWithoutWaitingInACircle) {
     open();
     std::vector<pid_t> children;

@@ -769,6 +769,7 @@ std::unique_ptr<ASSession> QORRdbms::Impl::await(std::unique_lock<std::mutex>& l
     return std::move(waiter.session);
 }
 
+// A server lets several write at a time, and its own locks are served in turn.
 ASWriterQueue::Turn QORRdbms::Impl::takeTurn() {
     std::shared_ptr<const Settings> used;
     {
@@ -776,6 +777,7 @@ ASWriterQueue::Turn QORRdbms::Impl::takeTurn() {
         used = settings;
     }
     if (!used) throw AException("no database is configured");
+    if (used->engine == ASEngine::PostgreSQL) return {};
     return writers.take(used->source.patience, used->source.database);
 }
 

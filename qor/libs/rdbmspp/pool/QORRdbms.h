@@ -131,7 +131,7 @@ public:
     ASFaults& faults() const;
     /// How many requests wait for a connection now.
     std::size_t waiting() const;
-    /// How many wait for their turn to write.
+    /// How many wait for their turn to write, where one writes at a time.
     std::size_t waitingWriters() const;
     /// From now on a connection counts as one to this database only when `select` answers `value`: a file that was
     /// emptied or written over in place has the same name, and may well have the same tables.
@@ -165,7 +165,7 @@ enum class ASAccess {
     Read,      ///< several selects that see one state
     ReadLong,  ///< the same for cursors alone, of which one may have a result of any length: rows are read as they are
                ///< fetched, where the engine can. Plain statements of the session are outside of it
-    Write,     ///< takes the write lock at once. One writes at a time, the others wait in the order in which they came
+    Write,     ///< takes the write lock, if there is one, at once: then one writes at a time, the others wait in turn
 };
 
 /// A transaction on a pooled connection. Rolls back unless committed; ends with the object. A connection whose state
