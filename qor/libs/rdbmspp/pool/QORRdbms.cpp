@@ -30,6 +30,7 @@
 #include "rdbmspp/engine/OdbcConnectionString.h"
 #include "rdbmspp/engine/PostgresEngine.h"
 #include "rdbmspp/engine/SqliteEngine.h"
+#include "rdbmspp/engine/StatementWatch.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
 #include "rdbmspp/pool/ASWriterQueue.h"
 
@@ -526,7 +527,9 @@ std::string ASSession::quoteLiteral(std::string_view text) {
 // --- the pool --------------------------------------------------------------------------------------------------
 
 struct QORRdbms::Impl {
-    explicit Impl(ASFaults* shared) : faults(shared == nullptr ? ownFaults : *shared) {}
+    // Connections end with their database, at the latest when the process does. What watches their statements has to be
+    // there until then, and so is made before.
+    explicit Impl(ASFaults* shared) : faults(shared == nullptr ? ownFaults : *shared) { StatementWatch::instance(); }
 
     struct Waiter {
         std::condition_variable ready;
