@@ -22,13 +22,15 @@ constexpr std::string_view selectFound =
     "(SELECT value ->> 0 FROM json_array_elements(CAST(? AS json))) UNION ALL "
     "SELECT 2, CAST(h.remainder AS text), h.modulus FROM qor_held h";
 
+constexpr std::string_view earlierOnes =
+    "(SELECT value ->> 0 AS id, CAST(value ->> 1 AS bigint) AS number FROM json_array_elements(CAST(? AS json))) r "
+    "WHERE t.id = r.id AND t.seq < r.number";
+
 /// The same statements whatever a note says.
 std::string deleteEarlier(std::string_view table) {
     if (table != nameOf(IdentifiedTable::Operations) && table != nameOf(IdentifiedTable::Backups))
         throw AException("a note of arrivals names the table " + quoteText(table) + ", which has no identifiers");
-    return "DELETE FROM " + std::string(table) +
-           " t USING (SELECT value ->> 0 AS id, CAST(value ->> 1 AS bigint) AS number "
-           "FROM json_array_elements(CAST(? AS json))) r WHERE t.id = r.id AND t.seq < r.number";
+    return "DELETE FROM " + std::string(table) + " t USING " + std::string(earlierOnes);
 }
 
 }  // namespace
@@ -49,6 +51,12 @@ std::int64_t noteArrivals(ASSession& session, IdentifiedTable table, std::string
     const std::int64_t note = insert.fetch() ? insert.integer(1) : 0;
     insert.close();
     return note;
+}
+
+void renumber(ASSession& session, IdentifiedTable table, std::string_view ids) {
+    session.prepare("UPDATE " + std::string(nameOf(table)) + " t SET seq = r.number FROM " + std::string(earlierOnes))
+        .bind(1, ids)
+        .execute();
 }
 
 bool findRecords(ASSession& session, const QORServer& here, std::string_view operations, std::string_view backups,

@@ -35,6 +35,9 @@ private:
 /// identifiers. \returns what it is kept under \param ids as ArrivedIds gives them
 std::int64_t noteArrivals(ASSession& session, IdentifiedTable table, std::string_view ids);
 
+/// Gives these records the numbers of `ids` where theirs are smaller: from then on no earlier note can remove them.
+void renumber(ASSession& session, IdentifiedTable table, std::string_view ids);
+
 /// A record as it is elsewhere.
 struct FoundRecord {
     IdentifiedTable table;

@@ -195,27 +195,30 @@ void SpreadBatch::nameBatch(const std::vector<Part>& parts) {
 
 void SpreadBatch::storeParts(const RequestLedger* ledger, std::uint64_t doneLine) {
     m_doneLine = doneLine;
-    const std::vector<Part> stored = storeAll(m_records, ledger);
+    const std::vector<Part> stored = storeAll(m_records, ledger, isAnyAway());
     for (const Part& part : stored) {
         for (std::size_t kind = 0; kind < recordKindCount; ++kind)
             addCounts(m_counts[kind], part.counts[kind]);
     }
-    if (m_ownLedger) {
-        for (const Part& part : stored) {
-            if (std::any_of(part.records.begin(), part.records.end(), isEvent))
-                ServerLeftovers::instance().addKey(part.server.name, m_ownKey);
-        }
-    }
     removeElsewhere(stored);
+    // Not before: what fails up to here has the batch sent again.
+    if (!m_ownLedger) return;
+    for (const Part& part : stored) {
+        if (std::any_of(part.records.begin(), part.records.end(), isEvent))
+            ServerLeftovers::instance().addKey(part.server.name, m_ownKey);
+    }
 }
 
 // Environments may move while this goes on: what their server refuses for that goes to the one that has them now.
-std::vector<SpreadBatch::Part> SpreadBatch::storeAll(std::vector<ArrivedRecord> left, const RequestLedger* ledger) {
+std::vector<SpreadBatch::Part> SpreadBatch::storeAll(std::vector<ArrivedRecord> left, const RequestLedger* ledger,
+                                                     bool renumbering) {
     std::vector<Part> stored;
     while (!left.empty()) {
         std::vector<Part> parts = split(left);
         left.clear();
         if (ledger == nullptr) nameBatch(parts);
+        for (Part& part : parts)
+            part.renumbered = renumbering;
         forAllAtOnce(parts, [&](Part& part) { storePart(part, ledger); });
         const QORServer* moved = nullptr;
         for (Part& part : parts) {
@@ -250,8 +253,10 @@ void SpreadBatch::storePart(Part& part, const RequestLedger* ledger) const {
                 if (const auto identifier = identifierOf(*arrived.record))
                     ids[identifier->first].add(identifier->second, arrived.number);
             }
-            for (const auto& [table, arrived] : ids)
+            for (const auto& [table, arrived] : ids) {
+                if (part.renumbered) renumber(session, table, arrived.text());
                 part.notes.push_back(noteArrivals(session, table, arrived.text()));
+            }
         });
     });
     if (!part.moved) leftovers.removed(part.server.name, share);
@@ -302,7 +307,8 @@ void SpreadBatch::awaitOtherPlacement(const QORServer& server) {
         if (m_placement->epoch() != epoch && !m_placement->none()) break;
         if (QORRequestControl::Clock::now() >= until) {
             throw AException("server \"" + server.name +
-                             "\" keeps other environments than the database says that it does");
+                             "\" keeps other environments than the database says that it does: if it is being split, "
+                             "give the same \"qorctl database shard\" again");
         }
         QORRequestControl::checkCurrent();
         std::this_thread::sleep_for(betweenLooks);
@@ -375,13 +381,32 @@ void SpreadBatch::removeElsewhere(const std::vector<Part>& stored) {
     for (Look& look : looks)
         compare(look, places);
     for (const Part& part : stored) {
-        const bool seenTo = std::all_of(looks.begin(), looks.end(), [&](const Look& look) {
+        const bool allAsked = std::all_of(looks.begin(), looks.end(), [&](const Look& look) {
             return look.answered || look.server.number == part.server.number;
         });
-        if (!seenTo) continue;
+        if (!allAsked) {
+            keepFromNotes(part);
+            continue;
+        }
         for (const std::int64_t note : part.notes)
             ServerLeftovers::instance().addNote(part.server.name, note);
     }
+}
+
+// A server that cannot be asked may have noted that earlier records are to be removed here, and these may still have
+// the numbers of such ones: that costs them their place among those of their second.
+void SpreadBatch::keepFromNotes(const Part& part) {
+    if (part.renumbered) return;
+    std::vector<ArrivedRecord> identified;
+    std::copy_if(part.records.begin(), part.records.end(), std::back_inserter(identified),
+                 [](const ArrivedRecord& arrived) { return identifierOf(*arrived.record).has_value(); });
+    storeAll(std::move(identified), nullptr, true);
+}
+
+bool SpreadBatch::isAnyAway() const {
+    const std::vector<QORServer>& servers = m_placement->servers();
+    return std::any_of(servers.begin(), servers.end(),
+                       [](const QORServer& server) { return QORServers::instance().isAway(server.name); });
 }
 
 // Somebody who has not heard of this record yet may be about to remove it for the sake of the one that was found: that
@@ -396,7 +421,7 @@ void SpreadBatch::compare(Look& look, const Places& places) {
         if (earlier) {
             const auto notes = readNotes(look.server, std::numeric_limits<std::int64_t>::max());
             look.answered = look.answered && removeEarlier(place.part->server, notes);
-            storeAll({*place.record}, nullptr);
+            storeAll({*place.record}, nullptr, true);
             QORIngestCounts& counts = of(m_counts, kindOf(*place.record->record));
             if (counts.added > 0) {
                 --counts.added;
@@ -417,7 +442,7 @@ void SpreadBatch::clearUp(bool all) {
         if (!all && ServerLeftovers::instance().of(server.name).keys.empty()) continue;
         try {
             ServerLeftovers::instance().flush(server);
-        } catch (const AException& failure) {
+        } catch (const std::exception& failure) {
             logMessage(1, "QORIngest", sourcePath, __func__, "notes are left behind for now: %s", failure.what());
         }
     }

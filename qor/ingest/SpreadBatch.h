@@ -54,6 +54,7 @@ private:
         RecordBatchCounts counts;
         std::vector<std::int64_t> notes;  ///< for the other servers, that they must have no earlier records
         bool moved = false;               ///< the server does not have these environments, or no longer
+        bool renumbered = false;          ///< its records have the batch's numbers, also where they were there before
     };
     /// What a server was asked about records of others.
     struct Look;
@@ -69,12 +70,14 @@ private:
     std::vector<Part> split(const std::vector<ArrivedRecord>& records) const;
     void nameBatch(const std::vector<Part>& parts);
     /// \returns the parts as they were stored
-    std::vector<Part> storeAll(std::vector<ArrivedRecord> left, const RequestLedger* ledger);
+    std::vector<Part> storeAll(std::vector<ArrivedRecord> left, const RequestLedger* ledger, bool renumbering);
     void storePart(Part& part, const RequestLedger* ledger) const;
     void storeUnless(ASSession& session, Part& part, const RequestLedger& ledger) const;
     void awaitOtherPlacement(const QORServer& server);
     void removeElsewhere(const std::vector<Part>& stored);
     void compare(Look& look, const Places& places);
+    void keepFromNotes(const Part& part);
+    bool isAnyAway() const;
 
     std::shared_ptr<const QORPlacement> m_placement;
     bool m_keepEqual;

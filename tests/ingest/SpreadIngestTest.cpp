@@ -107,6 +107,25 @@ TEST_F(SpreadIngestTest, AnOldNoteRemovesNoRecordThatCameLater) {
     EXPECT_THAT(operations(), ElementsAre("o:3", "", ""));
 }
 
+// The one that has it now is away, and what it noted for the one that had it first is done when it is back.
+TEST_F(SpreadIngestTest, ARecordThatReturnsWhileAServerIsAwayIsNotRemovedByWhatThatNoted) {
+    expectStored(send(operation("o", on(1), 1)), 1);
+    const std::string first = at(1).cell("SELECT seq FROM qor_operation");
+    expectStored(send(operation("o", on(2), 2)), 0, 1);
+    at(1).run("INSERT INTO qor_operation (seq, id, status, time, eid) VALUES (" + first + ", 'o', 1, '2024-01-01', '" +
+              on(1).toString() + "')");
+    ShardedPostgres::server(2).crash();
+    expectStored(send(operation("o", on(1), 3)), 0, 1);
+    ShardedPostgres::server(2).start();
+    const auto placement = QORServers::instance().placement();
+    const QORServer& one = placement->servers()[0];
+    const QORServer& two = placement->servers()[1];
+    const auto notesOfOne = readNotes(one, 1'000'000'000);
+    EXPECT_TRUE(removeEarlier(one, readNotes(two, 1'000'000'000)));
+    EXPECT_TRUE(removeEarlier(two, notesOfOne));
+    EXPECT_THAT(operations(), ElementsAre("o:3", "", ""));
+}
+
 TEST_F(SpreadIngestTest, HomeKnowsWhichServersHaveOperationsThatTouchAnEnvironment) {
     expectStored(send(operation("o", on(1), 0, {on(1), on(2), on(3, 2)}) + operation("p", on(1), 0, {on(1)})), 2);
     EXPECT_THAT(home().rows("SELECT eid, server FROM qor_touched_server"),
