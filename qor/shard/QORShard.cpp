@@ -175,7 +175,7 @@ private:
             }
             row.name = server.name;
             OdbcConnectionString connection(server.connection);
-            connection.setDefault("Driver", '{' + OdbcConnectionString(m_options.home).get("Driver") + '}');
+            connection.setDefault("Driver", OdbcConnectionString(m_options.home).get("Driver"));
             row.connection = connection.text();
             m_places.push_back({server, row,
                                 ShardDatabase("server " + quoteText(server.name),

@@ -34,8 +34,9 @@ struct QORShardReport {
     std::vector<std::string> faults;  ///< what is not as it should be, a line each
 };
 
-/// Sets up what is missing and checks what is there; run again it goes on where it was ended. One at a time for a home,
-/// used by one thread.
+/// Like a copy of a database (copy/QORDatabaseCopy.h) it reports how far it is and may be ended; but its databases are
+/// in use all the while, and what it makes is not finished once and for all: it sets up what is missing and checks what
+/// is there; run again it goes on where it was ended. One at a time for a home, used by one thread.
 class QORShard {
 public:
     /// Opens home and the servers. \throws QORException 1 for databases that are not fit for it; AException

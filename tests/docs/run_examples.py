@@ -148,7 +148,7 @@ class Machine:
         self.database = "Driver=SQLite3;Database=" + self.path("state/agent.db")
         os.symlink(os.path.join(programs, "qor-agent"), self.path("bin/qor-agent"))
         self._write("bin/qorctl", "#!/bin/sh\n"
-                    'case " $* " in *" --socket "* | *" --standalone "* | " filter "* | " copy "*) ;; '
+                    'case " $* " in *" --socket "* | *" --standalone "* | " filter "* | " copy "* | " database "*) ;; '
                     f"*) set -- \"$@\" --socket '{self.socket}' ;; esac\n"
                     f"exec '{programs}/qorctl' \"$@\"\n")
         os.chmod(self.path("bin/qorctl"), 0o755)

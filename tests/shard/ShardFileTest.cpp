@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "QORCommon/QORException.h"
+#include "QORServers/QORServers.h"
 
 namespace QOR::test {
 namespace {
@@ -48,6 +49,12 @@ TEST(ShardFile, IsRefusedByItsLine) {
                 HasSubstr("line 2: the name \"s1\" stands"));
     EXPECT_THAT(refusalOf("s1 Server=a;Database=b\ns2 Server=a;Database=b"),
                 HasSubstr("line 2: \"s2\" is the same database as \"s1\""));
+}
+
+TEST(ShardFile, LeavesOutWhoIsMeantWhereThatIsWhoHomeKnows) {
+    EXPECT_EQ(QORServers::connectionString("Server=a;Database=b;", "Driver=d;UID=u;PWD={p;q}"),
+              "Server=a;Database=b;UID=u;PWD={p;q};");
+    EXPECT_EQ(QORServers::connectionString("Server=a;UID=v;", "Driver=d;UID=u"), "Server=a;UID=v;");
 }
 
 }  // namespace

@@ -166,7 +166,7 @@ TEST_F(ShardMove, EndedBetweenTheTwoCommitsTheSameCommandGoesOn) {
 /// An agent's way to store: by the placement, behind the fence, again where that has changed.
 class Writer {
 public:
-    explicit Writer(const ShardedPostgres& database) : m_database(database), m_home(database.conninfo()) {
+    explicit Writer(const ShardedPostgres& database) : m_home(database.conninfo()) {
         for (unsigned number = 1; number <= database.size(); ++number)
             m_servers.push_back(std::make_unique<PostgresConnection>(database.conninfo(number)));
     }
@@ -201,7 +201,6 @@ public:
     int again = 0;  ///< how often it was too late
 
 private:
-    const ShardedPostgres& m_database;
     PostgresConnection m_home;
     std::vector<std::unique_ptr<PostgresConnection>> m_servers;
 };

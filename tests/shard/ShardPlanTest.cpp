@@ -26,7 +26,9 @@ protected:
     }
     static void TearDownTestSuite() { delete database; }
 
-    void SetUp() override { m_home.run("SET search_path = qor_all, public; SET plan_cache_mode = force_custom_plan; SET enable_sort = off"); }
+    void SetUp() override {
+        m_home.run("SET search_path = qor_all, public; SET plan_cache_mode = force_custom_plan; SET enable_sort = off");
+    }
 
     std::string plan(const std::string& select) {
         std::string text;

@@ -1,13 +1,12 @@
 #include <unistd.h>
 
-#include "QORCommon/QORException.h"
 #include "commands/Commands.h"
+#include "commands/MovingErrors.h"
 #include "commands/Printing.h"
 #include "commands/RecordProgress.h"
 #include "copy/QORDatabaseCopy.h"
 #include "output/Output.h"
 #include "process/Interrupt.h"
-#include "rdbmspp/engine/AException.h"
 
 namespace QOR {
 namespace {
@@ -44,17 +43,6 @@ std::unique_ptr<QORDatabaseCopy> open(QORCopyOptions options) {
     }
 }
 
-QORCopyReport run(QORDatabaseCopy& copy) {
-    try {
-        return copy.run();
-    } catch (const AException& error) {
-        const bool isAway = error.failure() == ASFailure::Unreachable || error.failure() == ASFailure::Undecided;
-        throw CtlError(isAway ? CtlExit::NoConnection : CtlExit::AnsweredError, error.text() + "; " + goesOn);
-    } catch (const QORException& error) {
-        throw CtlError(CtlExit::AnsweredError, error.message());
-    }
-}
-
 void print(const QORCopyReport& report) {
     FileOutput out(STDOUT_FILENO);
     std::uint64_t records = 0;
@@ -78,7 +66,10 @@ void runCopy(const CopyCommandOptions& options) {
         progress.tell(nameOf(now.part), now.records, now.of, now.resumed);
     };
     copy.stop = [&] { return interrupt.isRequested(); };
-    const QORCopyReport report = run(*open(std::move(copy)));
+    const QORCopyReport report = [&] {
+        const auto opened = open(std::move(copy));
+        return endingWell(goesOn, [&] { return opened->run(); });
+    }();
     progress.clear();
     if (report.stopped) throw CtlError(CtlExit::AnsweredError, std::string("stopped; ") + goesOn);
     print(report);

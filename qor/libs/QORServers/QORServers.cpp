@@ -65,9 +65,9 @@ void checkHash(ASSession& session) {
 std::string QORServers::connectionString(const std::string& server, const std::string& home) {
     const OdbcConnectionString from(home);
     OdbcConnectionString string(server);
-    for (const char* name : {"UID", "PWD"}) {
-        if (from.has(name)) string.setDefault(name, '{' + from.get(name) + '}');  // it may have a semicolon in it
-    }
+    if (from.has("UID")) string.setDefault("UID", from.get("UID"));
+    // A password may have a semicolon in it; the driver takes braces off it, and off no other value.
+    if (from.has("PWD")) string.setDefault("PWD", '{' + from.get("PWD") + '}');
     return string.text();
 }
 
