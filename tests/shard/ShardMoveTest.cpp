@@ -129,14 +129,14 @@ bool spreadFor(const ShardedPostgres& database, unsigned servers, int millisecon
 }
 
 TEST_F(ShardMove, KilledAtAnyPointTheSameCommandGoesOn) {
-    fillHome(6000);
+    fillHome(3000);
     PostgresConnection home(m_database.conninfo());
     const Rows before = recordsOf(home, "");
     std::mt19937 random(7);
     for (const unsigned servers : {2U, 3U}) {
-        int wait = 100;
+        int wait = 300;
         while (!spreadFor(m_database, servers, wait))
-            wait += 50 + static_cast<int>(random() % 100);
+            wait += 150 + static_cast<int>(random() % 200);
         m_database.spread(servers);
         EXPECT_EQ(recordsOf(home, "qor_all."), before) << servers;
         expectSound(servers);
