@@ -231,10 +231,16 @@ TEST_F(ShardMove, ClientsStoreAndAskMeanwhileAndNothingIsLostOrDoubled) {
             ++asked;
         }
     });
-    m_database.spread(3);
+    std::string failure;
+    try {
+        m_database.spread(3);
+    } catch (const std::exception& error) {
+        failure = error.what();
+    }
     ended = true;
     writer.join();
     reader.join();
+    ASSERT_EQ(failure, "");
     EXPECT_EQ(trouble, "");
     EXPECT_GT(asked, 0);
     PostgresConnection home(m_database.conninfo());
