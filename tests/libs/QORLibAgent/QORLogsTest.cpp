@@ -6,6 +6,7 @@
 
 #include "LogDatabase.h"
 #include "QORFunctionality/QORAccess.h"
+#include "QORServers/QORServers.h"
 
 namespace QOR::test {
 namespace {
@@ -224,6 +225,7 @@ TEST_F(QORLogsTest, WhatCannotBeAskedIsRefusedWithAReason) {
 }
 
 TEST_F(QORLogsTest, AFailingDatabaseIsAFailureOfTheAgent) {
+    if (hasTestServers()) GTEST_SKIP() << "breaks the process's own database, which has no records then";
     {
         QORRdbmsTran tran(ASAccess::Write);
         tran->execute("DROP TABLE qor_operation_count");
@@ -269,6 +271,9 @@ public:
                                        [&](const QOROperationRecord& one) { return one.id == record.id; });
         if (same == m_records.end()) {
             m_records.push_back(record);
+        } else if (isElsewhere(same->eid, record.eid)) {
+            m_records.erase(same);
+            m_records.push_back(record);
         } else {
             *same = record;
         }
@@ -295,6 +300,12 @@ public:
     }
 
 private:
+    /// A record that comes to another server has arrived anew there.
+    static bool isElsewhere(const QOREID& before, const QOREID& now) {
+        const auto placement = QORServers::instance().placement();
+        return !placement->none() && !(placement->of(before) == placement->of(now));
+    }
+
     std::vector<QOROperationRecord> m_records;
 };
 
@@ -327,6 +338,7 @@ TEST_F(QORLogsTest, SizesAndPositionsAgreeWithALogThatIsWalked) {
     constexpr unsigned environments = 4;
     for (unsigned round = 0; round < 8; ++round) {
         std::vector<QORRecord> batch;
+        std::set<std::string> ofBatch;
         // Few records and many are counted in different ways.
         const unsigned records = round % 4 == 3 ? 3 : 900;
         for (unsigned i = 0; i < records; ++i) {
@@ -338,6 +350,8 @@ TEST_F(QORLogsTest, SizesAndPositionsAgreeWithALogThatIsWalked) {
             std::sort(touched.begin(), touched.end());
             touched.erase(std::unique(touched.begin(), touched.end()), touched.end());
             const QOROperationRecord record = operation(id, time(), random() % (environments + 1), touched);
+            // What a batch says last counts, and where a record was before the batch: the model knows no batches.
+            if (hasTestServers() && !ofBatch.insert(id).second) continue;
             model.put(record);
             batch.emplace_back(record);
         }

@@ -476,6 +476,10 @@ void OdbcConnection::check(int rc, short type, void* handle, const std::string& 
     std::string text = m_dialect->plainText(d.text, d.state, d.native);
     ASFailure meaning = m_dialect->failureOf(d.state, d.native);
     if (meaning == ASFailure::Statement && isDead()) meaning = ASFailure::Unreachable;
+    // Of a server that this one asks, it says what its driver says of itself.
+    if (meaning == ASFailure::Unreachable && m_connected && m_sqlite == nullptr && d.state.starts_with("08") &&
+        !m_disconnected && !isDead())
+        meaning = ASFailure::Statement;
     const bool doubt = m_dialect->leavesDoubt(meaning);
     if (doubt) m_broken = true;
     if (m_connected && m_sqlite == nullptr && meaning == ASFailure::Unreachable && !m_disconnected) m_lost = true;

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "QORCommon/QORException.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
 #include "rdbmspp/sql/ASNodes.h"
@@ -183,7 +184,13 @@ void ASCursor::Impl::start(bool exactSums) {
     s.spareText = std::move(builder).takeText();
     statement = std::move(running);
     bind(select.m_filter.m_project);
-    statement->execute();
+    try {
+        statement->execute();
+    } catch (const QORException& ended) {
+        // Which of the places is to blame the engine does not tell; often there is but one.
+        if (!builder.isElsewhere()) throw;
+        throw QORException(ended.code(), ended.message() + " (rows of " + builder.asked() + " were asked for)");
+    }
     s.untouched = false;
     if (!builder.isCurrent()) {
         throw AException("rows have just been moved from one place to another", "40001", 0, {}, ASFailure::Undone);

@@ -78,7 +78,7 @@ const ASPlaces* ASSqlBuilder::placesOf(const ASDomain& domain) {
 }
 
 void ASSqlBuilder::placed(const ASDomain& domain, const std::string& schema) {
-    m_elsewhere = true;
+    if (m_asked.find(schema) == std::string::npos) m_asked += (m_asked.empty() ? "" : ", ") + schema;
     identifier(schema);
     append(".");
     identifier(domain.name());

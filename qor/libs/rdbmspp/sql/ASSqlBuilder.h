@@ -82,10 +82,12 @@ public:
     bool computes() const noexcept { return m_computes; }
     const ASDialect& dialect() const noexcept { return m_dialect; }
     /// Whether some rows are looked for elsewhere than in the database itself.
-    bool isElsewhere() const noexcept { return m_elsewhere; }
+    bool isElsewhere() const noexcept { return !m_asked.empty(); }
+    /// The schemas in which they are looked for, for people.
+    const std::string& asked() const noexcept { return m_asked; }
     /// Whether rows still lie where they are looked for: asked once the statement has begun, for until it ends they
     /// stay. \throws AException
-    bool isCurrent() const { return !m_elsewhere || m_spread->isCurrent(*m_places); }
+    bool isCurrent() const { return !isElsewhere() || m_spread->isCurrent(*m_places); }
     /// What is written stands within another select.
     bool isNested() const noexcept { return m_purpose == ASPurpose::Nested; }
 
@@ -135,7 +137,7 @@ private:
     std::string m_text;
     std::vector<const ASValue*> m_parameters;
     std::deque<ASValue> m_kept;
-    bool m_elsewhere = false;
+    std::string m_asked;
     ASSpread* m_spread = nullptr;
     std::shared_ptr<const ASPlaces> m_places;  ///< of m_spread, where rows are looked for
     std::deque<ASComparison> m_conditions;     ///< of nested selects, whose values are parameters

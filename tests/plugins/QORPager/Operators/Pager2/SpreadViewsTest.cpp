@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORRequestControl.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORServers/QORServers.h"
@@ -19,6 +20,7 @@ namespace QOR::test {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::AnyOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -264,6 +266,57 @@ TEST_F(SpreadViews, APageFarBackIsTakenFromAllAsItIsNeeded) {
     const std::string plan = planOf(page("", R"(["size","20"],["offset","20000"])"), "20, 20000");
     EXPECT_THAT(plan, AllOf(HasSubstr("Merge Append"), Not(HasSubstr("LIMIT 20"))));
     EXPECT_EQ(valuesOf(Pager2Client().ask(page("", R"(["size","20"],["offset","190"])"))).size(), 10U);
+}
+
+/// An environment whose records a server keeps that is not home's.
+const char* environmentOf(int server) {
+    const auto placement = QORServers::instance().placement();
+    for (const char* eid :
+         {guidA, guidB, guidC, "ffffffff-ffff-ffff-ffff-ffffffffffff", "11111111-1111-1111-1111-111111111111"}) {
+        if (placement->of(QOREID(*QORGUIDBase::parse(eid))).number == server) return eid;
+    }
+    throw std::logic_error("no environment is there");
+}
+
+std::string pageOf(const char* eid) {
+    return page(R"(,["where",[["eq",[["field","eid"],["value",")" + std::string(eid) + R"("]]]]])");
+}
+
+TEST_F(SpreadViews, AServerThatIsDownFailsThoseWhoNeedItAndNobodyElse) {
+    openSpread();
+    Pager2Client client;
+    const std::string needed = pageOf(environmentOf(3));
+    const std::string other = pageOf(environmentOf(1));
+    EXPECT_EQ(client.errorOf(needed), "");
+    ShardedPostgres::server(3).crash();
+    EXPECT_THAT(client.errorOf(needed), HasSubstr("qor_s3"));
+    EXPECT_THAT(client.errorOf(page("")), HasSubstr("qor_s3"));
+    EXPECT_EQ(client.errorOf(other), "");
+    ShardedPostgres::server(3).start();
+    EXPECT_EQ(client.errorOf(needed), "");
+    EXPECT_EQ(client.errorOf(page(R"(,["statistics"])")), "");
+}
+
+TEST_F(SpreadViews, AServerThatHangsIsWaitedForAsLongAsTheRequestMayGoOn) {
+    openSpread();
+    Pager2Client client;
+    const std::string needed = pageOf(environmentOf(3));
+    const std::string other = pageOf(environmentOf(1));
+    EXPECT_EQ(client.errorOf(needed), "");
+    ShardedPostgres::server(3).suspend();
+    const auto inTime = [&](const std::string& request) {
+        const QORRequestScope scope(std::make_shared<QORRequestControl>(std::chrono::milliseconds(300)));
+        return client.errorOf(request);
+    };
+    // Where home had to connect first, it may be the one that gives up.
+    const auto named = AnyOf(HasSubstr("rows of qor_at_s3 were asked for"), HasSubstr("qor_s3"));
+    EXPECT_THAT(inTime(needed), named);
+    EXPECT_EQ(client.errorOf(other), "");
+    EXPECT_THAT(inTime(page("")), AnyOf(named, HasSubstr("qor_at_s3")));
+    EXPECT_EQ(client.errorOf(other), "");
+    ShardedPostgres::server(3).resume();
+    EXPECT_EQ(client.errorOf(needed), "");
+    EXPECT_EQ(client.errorOf(page("")), "");
 }
 
 }  // namespace
