@@ -43,13 +43,16 @@ protected:
     static void SetUpTestSuite() {
         QORRdbms::prepareProcess();
         s_servers = std::make_unique<ShardedPostgres>();
+        // What was acknowledged shall be there after a crash, from the first commit on.
         for (unsigned number = 1; number <= 3; ++number) {
-            PostgresConnection server = at(number);
-            // What was acknowledged is there after a crash; and servers that log the least forget in one how far a
-            // sequence was that was made, and used, since the last checkpoint.
-            server.run("ALTER SYSTEM SET synchronous_commit = on");
-            server.run("SELECT pg_reload_conf()");
-            server.run("CHECKPOINT");
+            {
+                PostgresConnection server = at(number);
+                server.run("ALTER SYSTEM SET synchronous_commit = on");
+                server.run("ALTER SYSTEM SET wal_level = replica");
+                server.run("CHECKPOINT");
+            }
+            ShardedPostgres::server(number).crash();
+            ShardedPostgres::server(number).start();
         }
     }
     static void TearDownTestSuite() { s_servers.reset(); }
