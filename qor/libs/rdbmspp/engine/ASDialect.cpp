@@ -86,7 +86,7 @@ const ASDialect postgres{
     .selectMark = "SELECT current_setting('qor.transaction', true)",
     .transactionId = "SELECT pg_current_xact_id_if_assigned()::text",
     .transactionOutcome = "SELECT pg_xact_status(CAST(CAST(? AS text) AS xid8))",
-    .maxParameters = 30000,   // the protocol counts them in 16 bits
+    .maxParameters = 7000,    // the client takes a description of more than 30,000 bytes for garbage
     .maxLikePattern = 50000,  // takes any; but what one engine answers the other answers too
     .parserDepth = 0,
     .expressionDepth = 0,

@@ -98,9 +98,7 @@ void ASSqlBuilder::fromView(const ASDomain& domain, const ASComparison& where) {
         append("SELECT * FROM ");
         placed(domain, places->schemaOf(place, longRead));
     }
-    append(")");
-    if (!domain.secondName().empty()) return;
-    append(" AS ");
+    append(") AS ");
     identifier(domain.name());
 }
 
@@ -164,10 +162,6 @@ void ASSqlBuilder::placeRows(const ASFilter& filter, const ASComparison& where, 
                              std::size_t place) {
     append(" FROM ");
     placed(domain, m_places->schemaOf(place, m_purpose == ASPurpose::Streaming));
-    if (!domain.secondName().empty()) {
-        append(" AS ");
-        identifier(domain.secondName());
-    }
     filtered(filter, where);
 }
 
