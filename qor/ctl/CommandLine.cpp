@@ -67,6 +67,8 @@ public:
         addViews();
         addFields();
         addStatus();
+        addIdentity();
+        addToken();
         addCheck();
         addPrune();
         addImport();
@@ -116,6 +118,9 @@ private:
             ->group(group);
         app.add_option("--agent", m_connection.agent, "an agent elsewhere: http://HOST:PORT or https://HOST:PORT")
             ->type_name("ADDRESS")
+            ->group(group);
+        app.add_option("--token-file", m_connection.tokenFile, "the file that holds the token to show to the agent")
+            ->type_name("FILE")
             ->group(group);
         app.add_option("--ca", m_connection.ca,
                        "the authority whose certificate the agent has, in place of the system's")
@@ -237,6 +242,72 @@ private:
         addConnection(*app, false);
     }
 
+    /// A command of a group of them.
+    CLI::App* part(CLI::App& group, const char* name, const char* description, std::function<void()> run) {
+        CLI::App* const app = group.add_subcommand(name, description);
+        app->callback([this, run = std::move(run)] { m_run = run; });
+        app->footer(exitNote);
+        return app;
+    }
+
+    void addIdentity() {
+        CLI::App& group = *m_app.add_subcommand("identity", "Who may ask, and what each may see");
+        group.require_subcommand(1);
+        group.footer(exitNote);
+        CLI::App* const add =
+            part(group, "add", "Add an identity", [this] { runIdentityAdd(m_connection, m_identity); });
+        add->add_option("name", m_identity.name, "what it is called")->required();
+        add->add_option("--kind", m_identity.kind, "user, group, token or certificate")
+            ->required()
+            ->check(CLI::IsMember({"user", "group", "token", "certificate"}))
+            ->type_name("KIND");
+        add->add_option("--subject", m_identity.subject,
+                        "the system's name of the user or group, or the certificate's common name (default: the name)")
+            ->type_name("TEXT");
+        CLI::Option* const full = add->add_flag("--full", m_identity.fullAccess, "full access");
+        add->add_option("-e,--environment", m_identity.environments, "an environment it stands for, the first its own")
+            ->type_name("EID")
+            ->excludes(full);
+        add->add_option("--below", m_identity.below, "one that it stands for with all that are below it")
+            ->type_name("EID")
+            ->excludes(full);
+        addConnection(*add, true);
+        CLI::App* const list = part(group, "list", "All identities",
+                                    [this] { runIdentityList(m_connection, m_identity, m_identityPrint); });
+        addPrinting(*list, m_identityPrint);
+        addConnection(*list, false);
+        CLI::App* const show =
+            part(group, "show", "One identity", [this] { runIdentityList(m_connection, m_identity, m_identityPrint); });
+        show->add_option("name", m_identity.name)->required();
+        addPrinting(*show, m_identityPrint);
+        addConnection(*show, false);
+        CLI::App* const remove = part(group, "remove", "Remove an identity and its tokens",
+                                      [this] { runIdentityRemove(m_connection, m_identity); });
+        remove->add_option("name", m_identity.name)->required();
+        addConnection(*remove, true);
+    }
+
+    void addToken() {
+        CLI::App& group = *m_app.add_subcommand("token", "Tokens of identities");
+        group.require_subcommand(1);
+        group.footer(exitNote);
+        CLI::App* const create =
+            part(group, "create", "Make a token and print it, once", [this] { runTokenCreate(m_connection, m_token); });
+        create->add_option("name", m_token.name, "of an identity of the kind token")->required();
+        create->add_option("--expires", m_token.expires, "after so long (90d); else never")->type_name("AGE");
+        addConnection(*create, true);
+        CLI::App* const list = part(group, "list", "Tokens by their beginnings",
+                                    [this] { runTokenList(m_connection, m_token, m_identityPrint); });
+        list->add_option("name", m_token.name, "only this identity's");
+        addPrinting(*list, m_identityPrint);
+        addConnection(*list, false);
+        CLI::App* const revoke =
+            part(group, "revoke", "Revoke an identity's tokens", [this] { runTokenRevoke(m_connection, m_token); });
+        revoke->add_option("name", m_token.name)->required();
+        revoke->add_option("--id", m_token.id, "only this one")->type_name("ID");
+        addConnection(*revoke, true);
+    }
+
     void addCheck() {
         CLI::App* const app = command("check", "Whether the database is sound: its file, its documents, its counters",
                                       [this] { runCheck(m_connection, m_check); });
@@ -355,6 +426,9 @@ private:
 
     CLI::App m_app{"Asks the agent of this machine, or a database directly.", "qorctl"};
     ConnectionOptions m_connection;
+    IdentityOptions m_identity;
+    TokenOptions m_token;
+    PrintOptions m_identityPrint;
     SelectOptions m_select;
     PrintOptions m_selectPrint;
     RowsOptions m_rows;

@@ -16,6 +16,7 @@
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORMessage/QORNotation.h"
 #include "QORServers/QORServers.h"
+#include "agent/api/AgentIdentities.h"
 #include "agent/api/AgentJson.h"
 #include "agent/api/AgentMaintenance.h"
 #include "agent/api/AgentRecords.h"
@@ -49,6 +50,7 @@ HttpReply errorReply(unsigned status, std::string_view message) {
 
 unsigned statusOf(int code) {
     if (code == errDeadline) return unavailable;
+    if (code == static_cast<int>(notFound)) return notFound;
     if (code == errOtherContent || code == errSameRequest) return static_cast<unsigned>(code);
     return code == errBadRequest ? badRequest : failed;
 }
@@ -224,24 +226,32 @@ bool wantsStream(std::string_view query) {
     return wanted;
 }
 
-bool hasFullAccess(const HttpPeer& peer) {
-    return peer.credentials && (peer.credentials->uid == 0 || peer.credentials->uid == ::geteuid());
+/// Operators are told that a client has gone only when it is another one, not whenever an environment changes.
+bool sameRights(const QORClientContext& a, const QORClientContext& b) {
+    const auto own = [](const QORClientContext& context) {
+        QOREID eid;
+        if (context.token->ownSID()) extractObjIdFromSID(*context.token->ownSID(), eid);
+        return eid;
+    };
+    return a.fullAccess == b.fullAccess && own(a) == own(b) && a.objects() == b.objects();
+}
+
+const AgentRequester& requesterOf(const HttpRequest& request) {
+    return static_cast<const AgentRequester&>(*request.requester);
 }
 
 /// One connection.
 class AgentClient final : public HttpClientHandler {
 public:
-    AgentClient(AgentApplication& application, QORHost& host, bool fullAccess)
-        : m_application(application),
-          m_host(host),
-          m_session(host.newSession(fullAccess ? fullAccessContext() : noAccessContext())) {}
+    AgentClient(AgentApplication& application, QORHost& host) : m_application(application), m_host(host) {}
 
     HttpReply handle(const HttpRequest& request) override;
 
     HttpReply messages(const HttpRequest& request) {
-        if (!wantsStream(request.query)) return replyOf(m_host.router().answer(*m_session, request.body));
+        QORClientSession& session = sessionFor(requesterOf(request));
+        if (!wantsStream(request.query)) return replyOf(m_host.router().answer(session, request.body));
         QORRouter::Streamed streamed = m_host.router().stream(
-            *m_session, request.body, [&](std::string_view piece) { return request.stream->send(piece); });
+            session, request.body, [&](std::string_view piece) { return request.stream->send(piece); });
         if (!streamed.whole) throw QORException(errFailure, "the answer broke off in the middle");
         return replyOf(std::move(streamed.answer));
     }
@@ -259,8 +269,25 @@ public:
     HttpReply views(const HttpRequest&) { return {ok, viewsText()}; }
     HttpReply vocabulary(const HttpRequest&) { return {ok, vocabularyText()}; }
     HttpReply status(const HttpRequest&) { return {ok, statusText()}; }
+    HttpReply identities(const HttpRequest&) { return {ok, identitiesText()}; }
+    HttpReply addAnIdentity(const HttpRequest& request) { return changed(runAddIdentity(request.body)); }
+    HttpReply removeAnIdentity(const HttpRequest& request) { return changed(runRemoveIdentity(request.body)); }
+    HttpReply createAToken(const HttpRequest& request) { return changed(runCreateToken(request.body)); }
+    HttpReply revokeSomeTokens(const HttpRequest& request) { return changed(runRevokeTokens(request.body)); }
 
 private:
+    QORClientSession& sessionFor(const AgentRequester& requester) {
+        QORClientContextPtr context = m_application.access().contextOf(requester);
+        if (!m_session || !sameRights(*m_session->context(), *context))
+            m_session = m_host.newSession(std::move(context));
+        return *m_session;
+    }
+    /// What has changed holds from the answer on.
+    HttpReply changed(std::string text) {
+        m_application.access().refresh();
+        return {ok, std::move(text)};
+    }
+
     AgentApplication& m_application;
     QORHost& m_host;
     std::unique_ptr<QORClientSession> m_session;
@@ -274,11 +301,11 @@ struct Route {
     Access access;
     HttpLane lane;
     HttpReply (AgentClient::*answer)(const HttpRequest&);  ///< none: answered at once by the other one
-    HttpReply (AgentApplication::*now)(const HttpPeer&) const = nullptr;
+    HttpReply (AgentApplication::*now)(bool fullAccess) const = nullptr;
 };
 
 const Route* find(std::string_view path) {
-    static constexpr std::array<Route, 11> routes{{
+    static constexpr std::array<Route, 16> routes{{
         {"/v1/messages", "POST", Access::Anybody, HttpLane::Reading, &AgentClient::messages},
         {"/v1/records", "POST", Access::Full, HttpLane::Writing, &AgentClient::records},
         {"/v1/collect", "POST", Access::Full, HttpLane::Writing, &AgentClient::collect},
@@ -287,6 +314,11 @@ const Route* find(std::string_view path) {
         {"/v1/views", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::views},
         {"/v1/vocabulary", "GET", Access::Anybody, HttpLane::Reading, &AgentClient::vocabulary},
         {"/v1/status", "GET", Access::Full, HttpLane::Reading, &AgentClient::status},
+        {"/v1/identities", "GET", Access::Full, HttpLane::Reading, &AgentClient::identities},
+        {"/v1/identities/add", "POST", Access::Full, HttpLane::Writing, &AgentClient::addAnIdentity},
+        {"/v1/identities/remove", "POST", Access::Full, HttpLane::Writing, &AgentClient::removeAnIdentity},
+        {"/v1/tokens/create", "POST", Access::Full, HttpLane::Writing, &AgentClient::createAToken},
+        {"/v1/tokens/revoke", "POST", Access::Full, HttpLane::Writing, &AgentClient::revokeSomeTokens},
         {"/v1/health", "GET", Access::Anybody, HttpLane::Reading, nullptr, &AgentApplication::health},
         {"/health/ready", "GET", Access::Anybody, HttpLane::Reading, nullptr, &AgentApplication::ready},
         {"/health/live", "GET", Access::Everybody, HttpLane::Reading, nullptr, &AgentApplication::live},
@@ -298,15 +330,14 @@ const Route* find(std::string_view path) {
 }
 
 /// Also for paths that there are not, so that nobody learns which there are.
-HttpReply whoIsThere() {
-    HttpReply reply = errorReply(unauthorized, "over TCP everybody has to say who he is");
-    reply.authenticate = "Bearer realm=\"qor-agent\"";
+HttpReply notLetIn(unsigned status, const std::string& message) {
+    HttpReply reply = errorReply(status, message);
+    if (status == unauthorized) reply.authenticate = "Bearer realm=\"qor-agent\"";
     return reply;
 }
 
 /// Why a request is not taken; nothing when it is.
-std::optional<HttpReply> refusal(const Route* route, const HttpRequest& request, const HttpPeer& peer) {
-    if (peer.overTcp && (route == nullptr || route->access != Access::Everybody)) return whoIsThere();
+std::optional<HttpReply> refusal(const Route* route, const HttpRequest& request, bool fullAccess) {
     if (route == nullptr) return errorReply(notFound, "there is nothing at " + std::string(request.path));
     const bool headOfGet = route->method == "GET" && request.method == "HEAD";
     if (request.method != route->method && !headOfGet) {
@@ -315,7 +346,7 @@ std::optional<HttpReply> refusal(const Route* route, const HttpRequest& request,
         reply.allow = route->method == "GET" ? "GET, HEAD" : route->method;
         return reply;
     }
-    if (route->access == Access::Full && !hasFullAccess(peer))
+    if (route->access == Access::Full && !fullAccess)
         return errorReply(forbidden, std::string(route->path) + " is for connections with full access");
     return std::nullopt;
 }
@@ -328,6 +359,7 @@ void logReply(const HttpRequest& request, const HttpReply& reply) {
 
 HttpReply AgentClient::handle(const HttpRequest& request) {
     const QORMemoryScope memory(m_application.newAccount());
+    const AgentAccess::Running running(m_application.access(), requesterOf(request));
     HttpReply reply;
     try {
         reply = (this->*find(request.path)->answer)(request);
@@ -354,6 +386,7 @@ std::vector<ASFaults::State> allFaults() {
 
 AgentApplication::AgentApplication(QORHost& host, const AgentMemory& memory)
     : m_host(host),
+      m_access(!QORRdbms::instance().options().readOnly),
       m_requestMemory(memory.oneRequest),
       m_memory(memory.allRequests, "all requests together (--memory)") {}
 
@@ -364,14 +397,27 @@ QORMemoryAccountPtr AgentApplication::newAccount() {
 }
 
 HttpIdentity AgentApplication::identify(const HttpPeer& peer) {
-    return {HttpApplication::identify(peer).key, hasFullAccess(peer)};
+    const bool root = peer.credentials && (peer.credentials->uid == 0 || peer.credentials->uid == ::geteuid());
+    return {HttpApplication::identify(peer).key, root};
 }
 
 HttpPlan AgentApplication::plan(const HttpRequest& head, const HttpPeer& peer) {
     const Route* const route = find(head.path);
     HttpPlan plan;
-    plan.reply = refusal(route, head, peer);
-    if (!plan.reply && route->answer == nullptr) plan.reply = (this->*route->now)(peer);
+    bool fullAccess = false;
+    if (route == nullptr || route->access != Access::Everybody) {
+        AgentAccess::Decision decision = m_access.decide(head, peer);
+        if (!decision.requester) {
+            plan.reply = notLetIn(decision.status, decision.message);
+            plan.delay = decision.delay;
+            logReply(head, *plan.reply);
+            return plan;
+        }
+        fullAccess = decision.requester->fullAccess;
+        plan.requester = std::move(decision.requester);
+    }
+    plan.reply = refusal(route, head, fullAccess);
+    if (!plan.reply && route->answer == nullptr) plan.reply = (this->*route->now)(fullAccess);
     if (plan.reply) {
         logReply(head, *plan.reply);
     } else {
@@ -380,8 +426,8 @@ HttpPlan AgentApplication::plan(const HttpRequest& head, const HttpPeer& peer) {
     return plan;
 }
 
-std::unique_ptr<HttpClientHandler> AgentApplication::connect(const HttpPeer& peer) {
-    return std::make_unique<AgentClient>(*this, m_host, hasFullAccess(peer));
+std::unique_ptr<HttpClientHandler> AgentApplication::connect(const HttpPeer&) {
+    return std::make_unique<AgentClient>(*this, m_host);
 }
 
 std::string AgentApplication::errorBody(unsigned status, std::string_view message) {
@@ -393,16 +439,16 @@ const char* AgentApplication::condition() const {
     return m_host.refusedPlugIns().empty() && m_host.router().isPrimed() ? "ok" : "degraded";
 }
 
-HttpReply AgentApplication::live(const HttpPeer&) const {
+HttpReply AgentApplication::live(bool) const {
     return {ok, R"({"status":"live"})"};
 }
 
-HttpReply AgentApplication::ready(const HttpPeer&) const {
+HttpReply AgentApplication::ready(bool) const {
     const std::string_view now = condition();
     return {now == "ok" ? ok : unavailable, R"({"status":")" + std::string(now) + R"("})"};
 }
 
-HttpReply AgentApplication::health(const HttpPeer& peer) const {
+HttpReply AgentApplication::health(bool fullAccess) const {
     const auto uptime = std::chrono::steady_clock::now() - m_start;
     rapidjson::StringBuffer buffer;
     JsonWriter json(buffer);
@@ -413,7 +459,7 @@ HttpReply AgentApplication::health(const HttpPeer& peer) const {
     writeText(json, QOR_VERSION);
     writeKey(json, "uptime");
     json.Int64(std::chrono::duration_cast<std::chrono::seconds>(uptime).count());
-    writeMember(json, "access", hasFullAccess(peer) ? "full" : "none");
+    writeMember(json, "access", fullAccess ? "full" : "none");
     writeKey(json, "connections");
     json.Uint64(m_connections());
     writeKey(json, "operators");

@@ -9,6 +9,9 @@
 /// | POST /v1/collect       | full access   | the collectors run now: counts                                      |
 /// | GET /v1/views          | anybody       | the database's views and their columns                              |
 /// | GET /v1/status         | full access   | what the database is, and which stored documents cannot be read     |
+/// | GET /v1/identities     | full access   | who may ask, what each may see, and which tokens there are          |
+/// | POST /v1/identities/add, /remove        | full access   |                                                    |
+/// | POST /v1/tokens/create, /revoke         | full access   | the former tells the token, once                   |
 /// | GET /v1/health         | anybody       | what the agent is made of and how it does                           |
 /// | GET /health/ready      | anybody       | 200 when it answers everything, 503 while something fails           |
 /// | GET /health/live       | anybody, also | 200                                                                 |
@@ -28,6 +31,7 @@
 #include <string_view>
 
 #include "QORCommon/QORMemory.h"
+#include "agent/api/AgentAccess.h"
 #include "agent/http/HttpTypes.h"
 
 namespace QOR {
@@ -40,9 +44,10 @@ struct AgentMemory {
     std::size_t allRequests = std::size_t{1} << 30;
 };
 
-/// The identity of a connection is decided once, by who the system says is at its other end: root and the agent's own
-/// user have full access; anybody else, and a peer of whom the system says nothing, has none and stands for no
-/// environment. One connection is one client: it has its own operator objects for as long as it lasts. Thread-safe.
+/// Who asks is decided for each request when its head has been read (AgentAccess): by the token that it shows, or by
+/// who the system says is at the other end, or by the certificate that was shown. Root and the agent's own user have
+/// full access; somebody without an entry stands for no environment. One connection is one client: it has its own
+/// operator objects for as long as it lasts. Thread-safe.
 class AgentApplication final : public HttpApplication {
 public:
     /// \param host must outlive the application
@@ -57,9 +62,11 @@ public:
     std::unique_ptr<HttpClientHandler> connect(const HttpPeer& peer) override;
     std::string errorBody(unsigned status, std::string_view message) override;
 
-    HttpReply live(const HttpPeer& peer) const;
-    HttpReply ready(const HttpPeer& peer) const;
-    HttpReply health(const HttpPeer& peer) const;
+    HttpReply live(bool fullAccess) const;
+    HttpReply ready(bool fullAccess) const;
+    /// \param fullAccess of who asks
+    HttpReply health(bool fullAccess) const;
+    AgentAccess& access() noexcept { return m_access; }
     /// An account for the request that comes next.
     QORMemoryAccountPtr newAccount();
 
@@ -67,6 +74,7 @@ private:
     const char* condition() const;
 
     QORHost& m_host;
+    AgentAccess m_access;
     const std::size_t m_requestMemory;
     QORMemoryBudget m_memory;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };

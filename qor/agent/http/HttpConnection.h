@@ -12,6 +12,7 @@
 #include <array>
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl/error.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/buffers_suffix.hpp>
 #include <boost/beast/core/error.hpp>
@@ -126,6 +127,7 @@ public:
         beast::error_code ignored;
         m_stream.socket().close(ignored);
         m_stream.cancel();
+        m_delay.reset();
         m_owner.stopWaiting(*this);
         if (!m_working) dropRequest();
         if (!m_working) dropHandler();
@@ -180,7 +182,22 @@ private:
         ucred peer{};
         socklen_t size = sizeof peer;
         if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || size != sizeof peer) return std::nullopt;
-        return HttpPeerCredentials{peer.pid, peer.uid, peer.gid};
+        return HttpPeerCredentials{peer.pid, peer.uid, peer.gid, groupsOf(fd, peer.gid)};
+    }
+
+    static std::vector<gid_t> groupsOf(int fd, gid_t own) {
+        std::vector<gid_t> groups(64);
+        socklen_t size = 0;
+        for (bool fits = false; !fits;) {
+            size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+            fits = ::getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) == 0;
+            if (!fits && errno != ERANGE) size = 0;
+            if (!fits && errno != ERANGE) break;
+            groups.resize(std::max<std::size_t>(groups.size(), size / sizeof(gid_t)));
+        }
+        groups.resize(size / sizeof(gid_t));
+        groups.push_back(own);
+        return groups;
     }
 
     /// Nothing of a client that has gone already.
@@ -205,6 +222,7 @@ private:
 
     void onHandsShaken(beast::error_code error) {
         if (!error) {
+            m_peer.certificate = m_stream.clientName();
             awaitRequest();
             return;
         }
@@ -359,7 +377,7 @@ private:
             count();
             m_keepAlive = m_keepAlive && !hasBody;  // what follows would be taken for a request
             dropRequest();
-            write(std::move(*m_plan.reply));
+            writeLater(std::move(*m_plan.reply), m_plan.delay);
         } else if (hasBody) {
             prepareBody();
         } else {
@@ -492,6 +510,7 @@ private:
             if (!m_handler) m_handler = m_owner.application().connect(m_peer);
             HttpRequest handled = request();
             handled.stream = &stream;
+            handled.requester = m_plan.requester.get();
             HttpReply reply = m_handler->handle(handled);
             if (stream.hasBegun() && reply.status != 200) return std::nullopt;
             return reply;
@@ -546,6 +565,19 @@ private:
         dropRequest();
         if (!m_counted) count();
         write(std::move(reply));
+    }
+
+    void writeLater(HttpReply reply, std::chrono::milliseconds delay) {
+        if (delay == std::chrono::milliseconds::zero()) {
+            write(std::move(reply));
+            return;
+        }
+        m_stream.expires_never();
+        m_delay = std::make_unique<net::steady_timer>(m_stream.get_executor(), delay);
+        m_delay->async_wait([self = shared_from_this(),
+                             kept = std::make_shared<HttpReply>(std::move(reply))](beast::error_code cancelled) {
+            if (!cancelled && !self->m_closed) self->write(std::move(*kept));
+        });
     }
 
     // ---- writing ------------------------------------------------------------------------------------------------
@@ -738,7 +770,7 @@ private:
 
     HttpConnectionOwner& m_owner;
     HttpTransport m_stream;
-    const HttpPeer m_peer;
+    HttpPeer m_peer;  // does not change behind the handshake
     const HttpIdentity m_identity;
     std::unique_ptr<HttpClientHandler> m_handler;  // the worker's while m_working, else the server thread's
     std::vector<char> m_input;                     // what has been read: m_begin to m_end is not yet taken
@@ -746,6 +778,7 @@ private:
     std::size_t m_end = 0;
     std::optional<HttpRequestReader> m_reader;  // the worker reads it while m_working
     HttpPlan m_plan;
+    std::unique_ptr<net::steady_timer> m_delay;    // of a reply that comes later
     std::size_t m_bodyMemory = 0;                  // what the owner has granted for the body
     std::size_t m_spanBytes = 0;                   // of the body, in the present span of time
     std::shared_ptr<QORRequestControl> m_control;  // of the request that waits for its turn or is worked on

@@ -73,6 +73,7 @@ HttpPlan HttpApplication::plan(const HttpRequest&, const HttpPeer&) {
     return {};
 }
 
+HttpRequester::~HttpRequester() = default;
 HttpClientHandler::~HttpClientHandler() = default;
 HttpApplication::~HttpApplication() = default;
 

@@ -2,12 +2,16 @@
 /// The bytes of a connection, over a unix socket, TCP, or TLS. Included by HttpConnection.h alone.
 #pragma once
 
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
 #include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/core/basic_stream.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <memory>
+#include <string>
 #include <utility>
 
 namespace QOR {
@@ -43,6 +47,23 @@ public:
     template <class Handler>
     void async_handshake(Handler&& handler) {
         m_tls->async_handshake(net::ssl::stream_base::server, std::forward<Handler>(handler));
+    }
+
+    /// The common name of the certificate that the client has shown, once the handshake has verified it; or empty.
+    std::string clientName() const {
+        const std::unique_ptr<X509, void (*)(X509*)> shown(::SSL_get1_peer_certificate(m_tls->native_handle()),
+                                                           &::X509_free);
+        if (!shown || ::SSL_get_verify_result(m_tls->native_handle()) != X509_V_OK) return {};
+        const X509_NAME* const subject = ::X509_get_subject_name(shown.get());
+        const int place = ::X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
+        if (place < 0) return {};
+        unsigned char* text = nullptr;
+        const int size =
+            ::ASN1_STRING_to_UTF8(&text, ::X509_NAME_ENTRY_get_data(::X509_NAME_get_entry(subject, place)));
+        if (size < 0) return {};
+        std::string name(reinterpret_cast<const char*>(text), static_cast<std::size_t>(size));
+        ::OPENSSL_free(text);
+        return name;
     }
 
     template <class Buffers, class Handler>

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -23,6 +24,7 @@ struct HttpPeerCredentials {
     pid_t pid;
     uid_t uid;
     gid_t gid;
+    std::vector<gid_t> groups{};  ///< all that it is in, gid among them
 };
 
 /// Who is at the other end of a connection, before he has said anything.
@@ -30,6 +32,8 @@ struct HttpPeer {
     std::optional<HttpPeerCredentials> credentials{};  ///< of a local connection, when the system tells
     bool overTcp = false;                              ///< the system vouches for nobody
     std::string address{};                             ///< over TCP, in digits, without its port
+    std::string
+        certificate{};  ///< over TLS, the common name of the certificate that he has shown and that was verified
 };
 
 /// On whose account a connection is: limits are counted and turns are taken by it.
@@ -55,6 +59,14 @@ protected:
     ~HttpReplyStream() = default;
 };
 
+/// What the application has found out of who asks, from plan() to handle().
+struct HttpRequester {
+    HttpRequester() = default;
+    HttpRequester(const HttpRequester&) = default;
+    HttpRequester& operator=(const HttpRequester&) = default;
+    virtual ~HttpRequester();
+};
+
 /// A request. Views are valid during the call that is handed the request.
 struct HttpRequest {
     std::string_view method;
@@ -62,6 +74,7 @@ struct HttpRequest {
     std::string_view query;  ///< behind it
     std::string_view body{};
     std::span<const HttpField> fields{};
+    const HttpRequester* requester = nullptr;  ///< from the request's plan
     HttpReplyStream* stream = nullptr;  ///< for a reply that is not to be in memory as a whole; while it is handled
 
     /// The first field of that name, which is matched without regard to case; empty when there is none.
@@ -88,7 +101,9 @@ constexpr std::size_t httpLaneCount = 2;
 /// What becomes of a request, decided from its head.
 struct HttpPlan {
     HttpLane lane = HttpLane::Reading;
-    std::optional<HttpReply> reply{};  ///< given at once in place of asking a handler; the body is not looked at
+    std::optional<HttpReply> reply{};    ///< given in place of asking a handler; the body is not looked at
+    std::chrono::milliseconds delay{0};  ///< before that reply, which holds up nobody else
+    std::shared_ptr<const HttpRequester> requester{};  ///< for the handler
 };
 
 /// The application's side of one connection. Made when the connection is accepted and destroyed when it has closed;

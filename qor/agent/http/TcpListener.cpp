@@ -23,8 +23,8 @@ Addresses resolve(const QORAgentAddress& address) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
     addrinfo* found = nullptr;
-    ::getaddrinfo(address.host.c_str(), std::to_string(address.port).c_str(), &hints, &found);
-    return {found, ::freeaddrinfo};
+    const int unknown = ::getaddrinfo(address.host.c_str(), std::to_string(address.port).c_str(), &hints, &found);
+    return {unknown == 0 ? found : nullptr, ::freeaddrinfo};
 }
 
 bool isLoopback(const sockaddr& address) {

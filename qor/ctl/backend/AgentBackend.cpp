@@ -126,7 +126,8 @@ class AgentBackend::Connection {
 public:
     explicit Connection(const AgentPlace& place)
         : m_name(place.name()),
-          m_host(place.address.isUnix() ? "localhost" : place.address.authority()),
+          m_host((place.address.isUnix() ? "localhost" : place.address.authority()) +
+                 (place.token.empty() ? "" : "\r\nAuthorization: Bearer " + place.token)),
           m_channel(place) {}
 
     void send(std::string_view bytes) {
@@ -183,7 +184,7 @@ public:
 
 private:
     const std::string m_name;
-    const std::string m_host;
+    const std::string m_host;  ///< and what else is the same in each request's head
     AgentChannel m_channel;
     ReadStream m_stream{m_channel};
     boost::beast::flat_buffer m_ahead;
@@ -399,7 +400,8 @@ std::string AgentBackend::exchange(const Request& request) {
 
 /// Root has full access on every socket of its machine and need not ask.
 bool AgentBackend::seesEnvironments() {
-    return (m_place.address.isUnix() && ::geteuid() == 0) || readAccess(exchange({"GET", "/v1/health"}));
+    return (m_place.address.isUnix() && m_place.token.empty() && ::geteuid() == 0) ||
+           readAccess(exchange({"GET", "/v1/health"}));
 }
 
 /// Messages only ask.
@@ -450,6 +452,30 @@ Backend::Pruned AgentBackend::prune(const std::string& kind, std::int64_t before
     return readPruneReply(exchange({.method = "POST",
                                     .target = "/v1/prune?what=" + kind + "&before=" + std::to_string(before),
                                     .repeatable = false}));
+}
+
+QORIdentityList AgentBackend::identities() {
+    return readIdentitiesReply(exchange({"GET", "/v1/identities"}));
+}
+
+std::string AgentBackend::change(const std::string& target, const std::string& body) {
+    return exchange({.method = "POST", .target = target, .body = body, .repeatable = false});
+}
+
+void AgentBackend::addIdentity(const QORIdentity& identity) {
+    readChangeReply(change("/v1/identities/add", writeIdentity(identity)), "added");
+}
+
+void AgentBackend::removeIdentity(const std::string& name) {
+    readChangeReply(change("/v1/identities/remove", writeTokenRequest({name})), "removed");
+}
+
+std::string AgentBackend::createToken(const QORTokenRequest& request) {
+    return readTokenReply(change("/v1/tokens/create", writeTokenRequest(request)));
+}
+
+std::uint64_t AgentBackend::revokeTokens(const QORTokenRequest& request) {
+    return readRevokedReply(change("/v1/tokens/revoke", writeTokenRequest(request)));
 }
 
 QORPtr<const QORVocMap> AgentBackend::vocabulary() {

@@ -26,6 +26,11 @@ public:
     BackendStatus status() override;
     std::vector<QORCheckFinding> check(const std::string& part, bool mend) override;
     Pruned prune(const std::string& kind, std::int64_t before) override;
+    QORIdentityList identities() override;
+    void addIdentity(const QORIdentity& identity) override;
+    void removeIdentity(const std::string& name) override;
+    std::string createToken(const QORTokenRequest& request) override;
+    std::uint64_t revokeTokens(const QORTokenRequest& request) override;
 
 private:
     class Connection;
@@ -35,6 +40,7 @@ private:
 
     /// Sends a request, again where that may be. \returns the answer, whose body is to be read
     std::unique_ptr<Source> open(const Request& request);
+    std::string change(const std::string& target, const std::string& body);
     /// \returns the answer's body
     std::string exchange(const Request& request);
 

@@ -17,6 +17,8 @@ struct AgentPlace {
     QORAgentAddress address{};
     std::string authority{};  ///< file of the certificates that are believed; empty: the system's
 
+    std::string token{};  ///< that is shown to it; empty: none
+
     /// As it is called in messages: a unix socket by its path alone.
     std::string name() const { return address.isUnix() ? address.path : address.text(); }
 };

@@ -2,6 +2,7 @@
 
 #include <rapidjson/document.h>
 
+#include "QORCommon/QORException.h"
 #include "process/CtlError.h"
 
 namespace QOR {
@@ -155,6 +156,27 @@ Backend::Pruned readPruneReply(std::string_view json) {
     const Document document = parse(json, "more");
     const Value& more = member(document, "more");
     return {{numberOf(document, "done"), more.IsBool() && more.GetBool()}, numberOf(document, "stranded")};
+}
+
+QORIdentityList readIdentitiesReply(std::string_view json) {
+    parse(json, "identities");
+    try {
+        return readIdentityList(json);
+    } catch (const QORException&) {
+        unreadable();
+    }
+}
+
+void readChangeReply(std::string_view json, const char* key) {
+    member(parse(json, key), key);
+}
+
+std::string readTokenReply(std::string_view json) {
+    return textOf(member(parse(json, "token"), "token"));
+}
+
+std::uint64_t readRevokedReply(std::string_view json) {
+    return numberOf(parse(json, "revoked"), "revoked");
 }
 
 AgentHealth readHealthReply(std::string_view json) {

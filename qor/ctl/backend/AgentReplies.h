@@ -26,5 +26,10 @@ QORDatabaseStatus readStatusReply(std::string_view json);
 AgentHealth readHealthReply(std::string_view json);
 std::vector<QORCheckFinding> readCheckReply(std::string_view json);
 Backend::Pruned readPruneReply(std::string_view json);
+QORIdentityList readIdentitiesReply(std::string_view json);
+/// Of a change: `key` is what says that it was made.
+void readChangeReply(std::string_view json, const char* key);
+std::string readTokenReply(std::string_view json);
+std::uint64_t readRevokedReply(std::string_view json);
 
 }  // namespace QOR

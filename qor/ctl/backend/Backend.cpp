@@ -1,5 +1,8 @@
 #include "backend/Backend.h"
 
+#include <algorithm>
+#include <fstream>
+
 #include "QORCommon/QORException.h"
 #include "QORMessage/QORNotation.h"
 #include "backend/AgentBackend.h"
@@ -20,13 +23,24 @@ QORAgentAddress addressOf(const ConnectionOptions& options) {
     }
 }
 
+/// A token on a command line could be read by everybody on the machine.
+std::string tokenOf(const std::string& file) {
+    if (file.empty()) return {};
+    std::ifstream stream(file);
+    std::string token;
+    std::getline(stream, token);
+    const bool plain = std::all_of(token.begin(), token.end(), [](char c) { return c > ' ' && c < 0x7f; });
+    if (token.empty() || !plain) throw CtlError::usage("--token-file: " + file + " holds no token in its first line");
+    return token;
+}
+
 AgentPlace placeOf(const ConnectionOptions& options) {
     if (!options.socket.empty() && !options.agent.empty())
         throw CtlError::usage("--socket and --agent exclude each other");
     const QORAgentAddress address = addressOf(options);
     if (!options.ca.empty() && address.scheme != QORAgentAddress::Scheme::Https)
         throw CtlError::usage("--ca needs --agent https://HOST:PORT");
-    return {address, options.ca};
+    return {address, options.ca, tokenOf(options.tokenFile)};
 }
 
 }  // namespace
@@ -38,10 +52,12 @@ std::string Backend::refusalOfLongLine() {
 }
 
 std::unique_ptr<Backend> makeBackend(const ConnectionOptions& options, BackendUse use) {
-    const bool named = !options.socket.empty() || !options.agent.empty() || !options.ca.empty();
+    const bool named =
+        !options.socket.empty() || !options.agent.empty() || !options.ca.empty() || !options.tokenFile.empty();
     if (options.standalone && named)
-        throw CtlError::usage((options.socket.empty() ? options.agent.empty() ? "--ca" : "--agent" : "--socket") +
-                              std::string(" and --standalone exclude each other"));
+        throw CtlError::usage(
+            (options.socket.empty() ? options.agent.empty() ? "--ca or --token-file" : "--agent" : "--socket") +
+            std::string(" and --standalone exclude each other"));
     if (!options.standalone) {
         if (!options.database.empty() || options.readOnly || !options.config.empty() || !options.plugIns.empty())
             throw CtlError::usage("--database, --read-only, --config and --plugins need --standalone");

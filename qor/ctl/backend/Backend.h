@@ -14,6 +14,7 @@
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibLocal/QORVocabulary.h"
 #include "answer/AnswerReader.h"
+#include "host/QORIdentityForms.h"
 #include "host/QORMaintenance.h"
 #include "host/QORStatus.h"
 #include "ingest/QORCollectors.h"
@@ -24,9 +25,10 @@ namespace QOR {
 
 /// Where to find who answers, as given on the command line.
 struct ConnectionOptions {
-    std::string socket;  ///< of an agent; empty: where one of this user or of the machine listens
-    std::string agent;   ///< its address, in place of the socket
-    std::string ca;      ///< file of the certificates that are believed, for an address with https
+    std::string socket;     ///< of an agent; empty: where one of this user or of the machine listens
+    std::string agent;      ///< its address, in place of the socket
+    std::string tokenFile;  ///< holds the token that is shown to the agent; empty: none is
+    std::string ca;         ///< file of the certificates that are believed, for an address with https
     bool standalone = false;
     std::string database;  ///< ODBC connection string, standalone only
     bool readOnly = false;
@@ -85,6 +87,16 @@ public:
 
     /// Looks at one part of the database, see checkParts(). For clients with full access, as prune() is.
     virtual std::vector<QORCheckFinding> check(const std::string& part, bool mend) = 0;
+
+    /// For clients with full access, as all that follows of identities. Of tokens there is no more than their
+    /// beginning.
+    virtual QORIdentityList identities() = 0;
+    virtual void addIdentity(const QORIdentity& identity) = 0;
+    virtual void removeIdentity(const std::string& name) = 0;
+    /// \returns the token
+    virtual std::string createToken(const QORTokenRequest& request) = 0;
+    /// \returns how many
+    virtual std::uint64_t revokeTokens(const QORTokenRequest& request) = 0;
 
     struct Pruned {
         QORPruneStep step;

@@ -182,6 +182,42 @@ Backend::Pruned StandaloneBackend::prune(const std::string& kind, std::int64_t b
     }
 }
 
+namespace {
+
+/// What fails is answered as an agent would.
+template <class Work>
+auto answered(Work&& work) {
+    try {
+        return work();
+    } catch (const QORException& error) {
+        throw CtlError::answered(error.code(), error.message());
+    } catch (const std::exception& error) {
+        throw CtlError::answered(errFailure, error.what());
+    }
+}
+
+}  // namespace
+
+QORIdentityList StandaloneBackend::identities() {
+    return answered([] { return readIdentities(); });
+}
+
+void StandaloneBackend::addIdentity(const QORIdentity& identity) {
+    answered([&] { QOR::addIdentity(identity); });
+}
+
+void StandaloneBackend::removeIdentity(const std::string& name) {
+    answered([&] { QOR::removeIdentity(name); });
+}
+
+std::string StandaloneBackend::createToken(const QORTokenRequest& request) {
+    return answered([&] { return QOR::createToken(request.name, request.expires); });
+}
+
+std::uint64_t StandaloneBackend::revokeTokens(const QORTokenRequest& request) {
+    return answered([&] { return std::uint64_t{QOR::revokeTokens(request.name, request.id)}; });
+}
+
 std::vector<QORViewColumn> StandaloneBackend::views() {
     try {
         QORRdbmsTran transaction(ASAccess::Read);

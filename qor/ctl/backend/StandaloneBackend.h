@@ -25,6 +25,11 @@ public:
     BackendStatus status() override;
     std::vector<QORCheckFinding> check(const std::string& part, bool mend) override;
     Pruned prune(const std::string& kind, std::int64_t before) override;
+    QORIdentityList identities() override;
+    void addIdentity(const QORIdentity& identity) override;
+    void removeIdentity(const std::string& name) override;
+    std::string createToken(const QORTokenRequest& request) override;
+    std::uint64_t revokeTokens(const QORTokenRequest& request) override;
 
 private:
     class Source;

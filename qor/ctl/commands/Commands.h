@@ -87,6 +87,21 @@ struct ShardCommandOptions {
     bool progress = false;  ///< also where standard error is no terminal
 };
 
+struct IdentityOptions {
+    std::string name;  ///< listing: empty for all
+    std::string kind;
+    std::string subject;  ///< empty: the name
+    bool fullAccess = false;
+    std::vector<std::string> environments;
+    std::vector<std::string> below;  ///< with all that are below them
+};
+
+struct TokenOptions {
+    std::string name;     ///< of the identity; listing: empty for all
+    std::string expires;  ///< an age; empty: never
+    std::string id;       ///< empty: all of the identity's
+};
+
 void runSelect(const ConnectionOptions& connection, const SelectOptions& options, const PrintOptions& print);
 void runRows(const ConnectionOptions& connection, const RowsOptions& options, const PrintOptions& print);
 void runRequest(const ConnectionOptions& connection, const RequestOptions& options);
@@ -97,6 +112,12 @@ void runCheck(const ConnectionOptions& connection, const CheckOptions& options);
 void runPrune(const ConnectionOptions& connection, const PruneOptions& options);
 void runImport(const ConnectionOptions& connection, const ImportOptions& options);
 void runSample(const ConnectionOptions& connection, const SampleCommandOptions& options);
+void runIdentityAdd(const ConnectionOptions& connection, const IdentityOptions& options);
+void runIdentityList(const ConnectionOptions& connection, const IdentityOptions& options, const PrintOptions& form);
+void runIdentityRemove(const ConnectionOptions& connection, const IdentityOptions& options);
+void runTokenCreate(const ConnectionOptions& connection, const TokenOptions& options);
+void runTokenList(const ConnectionOptions& connection, const TokenOptions& options, const PrintOptions& form);
+void runTokenRevoke(const ConnectionOptions& connection, const TokenOptions& options);
 void runCollect(const ConnectionOptions& connection);
 /// Moves a database into another one, both of which it opens itself.
 void runCopy(const CopyCommandOptions& options);

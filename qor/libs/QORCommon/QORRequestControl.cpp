@@ -105,6 +105,8 @@ std::string QORRequestControl::text() const {
             return "the client has gone";
         case End::Stopping:
             return "the agent is stopping";
+        case End::Revoked:
+            return "who asked may no longer see what he saw";
     }
     return {};
 }

@@ -29,6 +29,7 @@ public:
         Deadline,  ///< its time is up
         Gone,      ///< its client has gone
         Stopping,  ///< the process is about to end
+        Revoked,   ///< who asked may no longer see what it shows
     };
 
     /// \param limit how long the request may take, from now on; 0 or less: as long as it likes

@@ -17,5 +17,7 @@ extern const QORSchemaStep postgresChanges;
 extern const QORSchemaStep postgresServers;
 /// The counters are changed at the end of a transaction.
 extern const QORSchemaStep postgresCounting;
+/// Who may ask, and what each may see.
+extern const QORSchemaStep postgresIdentities;
 
 }  // namespace QOR

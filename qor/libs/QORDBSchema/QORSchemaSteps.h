@@ -33,5 +33,7 @@ extern const QORSchemaStep changeSchema;
 extern const QORSchemaStep serverSchema;
 /// Nothing: who writes to a file is alone.
 extern const QORSchemaStep countingSchema;
+/// Who may ask, and what each may see.
+extern const QORSchemaStep identitySchema;
 
 }  // namespace QOR

@@ -6,6 +6,7 @@
 
 #include "QORCommon/QORText.h"
 #include "QORLibAgent/QORBinder.h"
+#include "QORLibAgent/QORHostTables.h"
 #include "rdbmspp/engine/ASDialect.h"
 
 namespace QOR {
@@ -36,20 +37,6 @@ QOREnvChange readEnv(const ASStatement& row) {
     const QOREID eid = toEid(row.text(1));
     return {eid, makeQORPtr<QOREnv>(eid, row.isNull(2) ? QOREID() : toEid(row.text(2)), readText(row, 3), status,
                                     readConfig(row, 6), readConfig(row, 7))};
-}
-
-/// Other people's databases, and older ones of ours that are only read, lack some tables or all of them.
-bool hasColumns(ASSession& session, std::string_view table, const std::string& names, std::int64_t count) {
-    ASStatement& find =
-        session.prepare(session.engine() == ASEngine::SQLite
-                            ? "SELECT count(*) FROM pragma_table_info(?) WHERE name IN (" + names + ")"
-                            : "SELECT count(*) FROM information_schema.columns WHERE table_schema = current_schema() "
-                              "AND table_name = CAST(? AS text) AND column_name IN (" +
-                                  names + ")");
-    find.bind(1, table).execute();
-    const bool found = find.fetch() && find.integer(1) == count;
-    find.close();
-    return found;
 }
 
 std::optional<std::int64_t> numberOf(ASSession& session) {
