@@ -50,6 +50,11 @@ public:
     void loseAnswerTo(std::string_view text) { set(text, true); }
     /// The next request with this text does not reach the server.
     void loseRequest(std::string_view text) { set(text, false); }
+    /// Runs when something has been lost, before anybody knows.
+    void onLoss(std::function<void()> work) {
+        const std::lock_guard lock(m_mutex);
+        m_onLoss = std::move(work);
+    }
     /// What was asked since the last call, in order: the text of each simple request, and "prepared" for what else the
     /// server was made to answer. Each is a way there and back.
     std::vector<std::string> asked() {
@@ -110,6 +115,14 @@ private:
             said.erase(0, whole);
         }
     }
+    void lose() {
+        std::function<void()> work;
+        {
+            const std::lock_guard lock(m_mutex);
+            work = std::exchange(m_onLoss, {});
+        }
+        if (work) work();
+    }
     void handOn(int client) {
         const int server = newSocket();
         const sockaddr_un address = addressOf(m_server);
@@ -122,9 +135,11 @@ private:
             while (::poll(ends, 2, -1) > 0) {
                 const bool asked = ends[0].revents != 0;
                 const ssize_t size = ::read(asked ? client : server, bytes, sizeof bytes);
+                if (losing && !asked) lose();
                 if (size <= 0 || (losing && !asked)) break;
                 if (asked) listen(said.append(bytes, static_cast<std::size_t>(size)), begun);
                 const int lost = asked ? isLost({bytes, static_cast<std::size_t>(size)}) : 0;
+                if (lost == 1) lose();
                 if (lost == 1) break;
                 if (lost == 2) losing = true;
                 if (::send(asked ? server : client, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL) != size) break;
@@ -143,6 +158,7 @@ private:
     std::string m_lost;                // guarded by m_mutex
     bool m_answer = false;             // guarded by m_mutex
     std::vector<std::string> m_asked;  // guarded by m_mutex
+    std::function<void()> m_onLoss;    // guarded by m_mutex
 };
 
 }  // namespace QOR::test

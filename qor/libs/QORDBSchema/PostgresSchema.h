@@ -19,5 +19,7 @@ extern const QORSchemaStep postgresServers;
 extern const QORSchemaStep postgresCounting;
 /// Who may ask, and what each may see.
 extern const QORSchemaStep postgresIdentities;
+/// Which transactions were committed.
+extern const QORSchemaStep postgresCommits;
 
 }  // namespace QOR

@@ -36,5 +36,6 @@ constexpr const char* statements[] = {
 const QORSchemaStep changeSchema{statements};
 const QORSchemaStep serverSchema{};
 const QORSchemaStep countingSchema{};
+const QORSchemaStep commitSchema{};
 
 }  // namespace QOR

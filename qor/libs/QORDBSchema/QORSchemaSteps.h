@@ -35,5 +35,7 @@ extern const QORSchemaStep serverSchema;
 extern const QORSchemaStep countingSchema;
 /// Who may ask, and what each may see.
 extern const QORSchemaStep identitySchema;
+/// Nothing: a file's commits do not get lost.
+extern const QORSchemaStep commitSchema;
 
 }  // namespace QOR

@@ -113,9 +113,9 @@ TEST_P(Command, ListsAndBoundsFindWhatEquationsFind) {
     EXPECT_EQ(idsWhere("time in ('" + begin + "')"), only);
     EXPECT_EQ(idsWhere("time between '" + begin + "' and '" + begin + "'"), only);
     EXPECT_EQ(idsWhere("id in (select id from vOpLog where time in ('" + begin + "'))"), only);
-    const CtlResult refused = run({"select", "--view", "vOpLog", "-f", "id", "--where", "time in ('yesterday')"});
+    const CtlResult refused = run({"select", "--view", "vOpLog", "-f", "id", "--where", "time in ('last week')"});
     EXPECT_EQ(refused.status, 2);
-    EXPECT_THAT(refused.err, HasSubstr("\"yesterday\" is not a date or time at character 10\n"));
+    EXPECT_THAT(refused.err, HasSubstr("\"last week\" is not a date or time at character 10\n"));
 }
 
 TEST_P(Command, AClientThatStandsForNoEnvironmentIsToldSo) {

@@ -45,7 +45,12 @@ const ASDialect sqlite{
     .selectMark = "",
     .transactionId = "",
     .transactionOutcome = "",
+    .keepsTokens = "",
+    .leaveToken = "",
+    .findToken = "",
+    .forgetTokens = "",
     .maxParameters = 1000,
+    .maxDescribed = 1000,
     .maxLikePattern = 50000,
     .parserDepth = 100,
     .expressionDepth = 1000,
@@ -86,7 +91,18 @@ const ASDialect postgres{
     .selectMark = "SELECT current_setting('qor.transaction', true)",
     .transactionId = "SELECT pg_current_xact_id_if_assigned()::text",
     .transactionOutcome = "SELECT pg_xact_status(CAST(CAST(? AS text) AS xid8))",
-    .maxParameters = 7000,    // the client takes a description of more than 30,000 bytes for garbage
+    .keepsTokens =
+        "SELECT CAST(has_table_privilege(to_regclass('qor_commit'), 'SELECT') AND has_table_privilege("
+        "to_regclass('qor_commit'), 'INSERT') AND has_table_privilege(to_regclass('qor_commit'), 'DELETE') AS text)",
+    .leaveToken =
+        "INSERT INTO qor_commit (token) SELECT CAST(? AS text) WHERE pg_current_xact_id_if_assigned() IS NOT NULL "
+        "RETURNING CAST(pg_current_xact_id() AS text)",
+    .findToken = "SELECT 1 FROM qor_commit WHERE token = CAST(? AS text)",
+    .forgetTokens =
+        "DELETE FROM qor_commit WHERE token IN (SELECT token FROM qor_commit WHERE time < now() - interval '1 hour' "
+        "ORDER BY time LIMIT 10000 FOR UPDATE SKIP LOCKED)",
+    .maxParameters = 30000,   // the protocol counts them in 16 bits
+    .maxDescribed = 7000,     // the client takes a description of more than 30,000 bytes for garbage
     .maxLikePattern = 50000,  // takes any; but what one engine answers the other answers too
     .parserDepth = 0,
     .expressionDepth = 0,

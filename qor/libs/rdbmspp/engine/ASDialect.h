@@ -64,7 +64,15 @@ struct QOR_API ASDialect {
     /// written nothing; and one of what became of a transaction. Empty where a commit cannot be lost on its way.
     const char* transactionId;
     const char* transactionOutcome;
+    /// The engine may give an identifier out again after a crash, so transactions leave tokens where the database has
+    /// a place for them: whether it has, as "true"; leaves the token `?` where something was written, and selects the
+    /// identifier; selects something where the transaction that left the token `?` was committed; forgets old ones.
+    const char* keepsTokens;
+    const char* leaveToken;
+    const char* findToken;
+    const char* forgetTokens;
     std::size_t maxParameters;    ///< of one statement; further values stand in its text
+    std::size_t maxDescribed;     ///< the same of one whose rows do not come as they are read
     std::size_t maxLikePattern;   ///< bytes
     std::size_t parserDepth;      ///< entries of the parser's stack; 0: unlimited
     std::size_t expressionDepth;  ///< levels of an expression; 0: unlimited

@@ -133,6 +133,12 @@ struct ASConnectionSource {
     bool queryOnly = false;
 };
 
+/// By what a transaction is known after its commit; nothing where it has written nothing.
+struct ASCommitToken {
+    std::string transaction;  ///< the engine's identifier
+    std::string token;        ///< empty where the database keeps none
+};
+
 struct ASSession::Impl {
     static constexpr std::size_t keptStatements = 64;
 
@@ -167,7 +173,7 @@ struct ASSession::Impl {
         replaceLost(session);
         work();
     }
-    std::string transactionId();
+    ASCommitToken leaveToken(ASSession& session);
     /// For the end of what the session has left behind; null where nobody has to be waited for.
     std::shared_ptr<QORRequestControl> timeToTidy(std::chrono::milliseconds limit) const;
     /// Begins a transaction on the streaming connection, where all cursors run until it ends. \returns false when there
@@ -203,6 +209,7 @@ struct ASSession::Impl {
     bool elsewhereNow = false;  ///< so does what is read in the transaction
     std::int64_t bound = 0;     ///< of the session's statements, milliseconds; 0: none
     std::int64_t changes = 0;
+    bool keepsTokens = false;        ///< known to do so; else it is looked at again
     QORRdbms::Impl* pool = nullptr;  ///< whose it is
     std::uint64_t generation = 0;
     std::uint64_t time = 0;  ///< when it was opened, counted in losses of connections

@@ -17,6 +17,7 @@
 #include <limits>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -395,9 +396,21 @@ std::shared_ptr<QORRequestControl> ASSession::Impl::timeToTidy(std::chrono::mill
     return dialect->alwaysInTransaction ? std::make_shared<QORRequestControl>(limit) : nullptr;
 }
 
-// Empty where nothing was written, or where the engine keeps none.
-std::string ASSession::Impl::transactionId() {
-    return *dialect->transactionId == '\0' ? std::string() : connection.selectText(dialect->transactionId);
+// Nothing where the engine keeps nothing of a transaction either.
+ASCommitToken ASSession::Impl::leaveToken(ASSession& session) {
+    constexpr std::uint64_t betweenForgetting = 256;
+    if (*dialect->transactionId == '\0') return {};
+    keepsTokens = keepsTokens || connection.selectText(dialect->keepsTokens) == "true";
+    if (!keepsTokens) return {connection.selectText(dialect->transactionId), {}};
+    std::random_device random;
+    const std::uint64_t number = (std::uint64_t{random()} << 32) | random();
+    if (number % betweenForgetting == 0) session.execute(dialect->forgetTokens);
+    ASCommitToken left{{}, std::to_string(number)};
+    ASStatement& leaving = session.prepare(dialect->leaveToken);
+    leaving.bind(1, std::string_view(left.token)).execute();
+    if (leaving.fetch()) left.transaction = leaving.text(1);
+    leaving.close();
+    return left;
 }
 
 void ASSession::Impl::begin(bool writing) {
@@ -548,8 +561,8 @@ struct QORRdbms::Impl {
     void mayWrite();
     void wrote();
     void undo(ASSession& failed, const AException& error) noexcept;
-    void settleLost(const std::string& transaction, const AException& lost);
-    std::string outcomeOf(const Settings& used, const std::string& transaction);
+    void settleLost(const ASCommitToken& left, const AException& lost);
+    std::string outcomeOf(const Settings& used, const ASCommitToken& left);
     void settle(const Settings& used);
     bool isCurrent(const ASSession::Impl& session) const;
     void replace(Settings settings, std::unique_ptr<ASSession> first);
@@ -645,16 +658,32 @@ void QORRdbms::Impl::mayWrite() {
         "HY000", 0, {}, ASFailure::InputOutput);
 }
 
-std::string QORRdbms::Impl::outcomeOf(const Settings& used, const std::string& transaction) {
+// What the engine says of the identifier may be said of a later transaction. But while none with it is at work, what
+// the token says is final.
+std::string QORRdbms::Impl::outcomeOf(const Settings& used, const ASCommitToken& left) {
     auto session = openChecked(used);
-    ASStatement& outcome = session->prepare(session->impl().dialect->transactionOutcome);
-    outcome.bind(1, transaction);
-    outcome.execute();
-    return outcome.fetch() ? std::string(outcome.text(1)) : std::string();
+    const ASDialect& dialect = *session->impl().dialect;
+    std::string answer = "aborted";
+    try {
+        ASStatement& outcome = session->prepare(dialect.transactionOutcome);
+        outcome.bind(1, left.transaction);
+        outcome.execute();
+        answer = outcome.fetch() ? std::string(outcome.text(1)) : std::string();
+        outcome.close();
+    } catch (const AException& error) {
+        // One that the engine has not heard of was not stored before it was started again.
+        if (error.failure() != ASFailure::Statement) throw;
+        session = openChecked(used);
+    }
+    if (left.token.empty() || answer == "in progress") return answer;
+    ASStatement& find = session->prepare(dialect.findToken);
+    find.bind(1, left.token);
+    find.execute();
+    return find.fetch() ? "committed" : "aborted";
 }
 
 // A commit whose answer was lost on its way was carried out or was not, and the engine knows. Returns when it was.
-void QORRdbms::Impl::settleLost(const std::string& transaction, const AException& lost) {
+void QORRdbms::Impl::settleLost(const ASCommitToken& left, const AException& lost) {
     constexpr auto betweenLooks = std::chrono::milliseconds(20);
     const QORRequestScope unbounded(nullptr);
     std::shared_ptr<const Settings> used;
@@ -668,11 +697,9 @@ void QORRdbms::Impl::settleLost(const std::string& transaction, const AException
     do {
         std::string answer;
         try {
-            answer = outcomeOf(*used, transaction);
+            answer = outcomeOf(*used, left);
         } catch (const AException& error) {
             reason = "; " + error.text();
-            // One that the engine has not heard of was not stored before it was started again.
-            if (error.failure() == ASFailure::Statement) answer = "aborted";
         }
         if (answer == "committed") return;
         if (answer == "aborted") throw lost.reworded(lost.text() + "; nothing was committed");
@@ -1238,15 +1265,15 @@ void QORRdbmsTran::commit() {
         throw AException("nothing was committed, since a statement had failed: " + impl.connection.abortedBy(), "25P02",
                          0, {}, ASFailure::Aborted);
     }
-    const std::string transaction = m_impl->writes ? impl.transactionId() : std::string();
+    const ASCommitToken left = m_impl->writes ? impl.leaveToken(*m_session) : ASCommitToken();
     try {
         m_session->execute(impl.dialect->commit);
     } catch (const AException& error) {
-        if (transaction.empty() || error.failure() != ASFailure::Unreachable) {
+        if (left.transaction.empty() || error.failure() != ASFailure::Unreachable) {
             if (m_impl->writes) pool.undo(*m_session, error);
             throw;
         }
-        pool.settleLost(transaction, error);
+        pool.settleLost(left, error);
     }
     m_impl->active = false;
     impl.connection.endTransaction();

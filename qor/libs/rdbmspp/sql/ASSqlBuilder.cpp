@@ -261,7 +261,8 @@ void ASSqlBuilder::value(const ASValue& value) {
 // it. A parameter's type would be taken from what stands beside it.
 void ASSqlBuilder::typedValue(const ASValue& value, const char* type) {
     if (!m_executes) return value.appendLiteral(m_text, m_dialect);
-    if (m_parameters.size() >= m_dialect.maxParameters) {
+    const std::size_t most = m_purpose == ASPurpose::Streaming ? m_dialect.maxParameters : m_dialect.maxDescribed;
+    if (m_parameters.size() >= most) {
         throw AException(std::string("the select holds too many values for ") + m_dialect.name);
     }
     append("CAST(");

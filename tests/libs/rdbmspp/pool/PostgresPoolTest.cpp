@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORDBSchema/QORDBSchema.h"
 #include "libs/rdbmspp/Columns.h"
 #include "libs/rdbmspp/PostgresFixture.h"
 #include "support/PostgresGate.h"
@@ -290,8 +291,20 @@ TEST_F(PostgresPool, AConnectionThatIsLostWithinATransactionIsAFailureOfIt) {
     EXPECT_EQ(engine().cell("SELECT i FROM t"), "3");
 }
 
-TEST_F(PostgresPool, ACommitWhoseAnswerIsLostIsSettled) {
-    engine().run("CREATE TABLE t (i int)");
+class LostCommit : public PostgresPool, public ::testing::WithParamInterface<bool> {
+protected:
+    /// With tokens or without.
+    void SetUp() override {
+        if (GetParam()) {
+            QORDBSchema::open(options(), QORSchemaMode::Own);
+            QORRdbms::instance().shutdown();
+        }
+        engine().run("CREATE TABLE t (i int)");
+    }
+};
+INSTANTIATE_TEST_SUITE_P(PostgresPool, LostCommit, ::testing::Bool());
+
+TEST_P(LostCommit, IsSettled) {
     PostgresGate gate(PostgresServer::shared().folder());
     openThrough(gate);
     gate.loseAnswerTo("COMMIT");
@@ -306,6 +319,55 @@ TEST_F(PostgresPool, ACommitWhoseAnswerIsLostIsSettled) {
     gate.loseAnswerTo("COMMIT");
     gate.close();
     EXPECT_EQ(failureOf([] { write("INSERT INTO t VALUES (3)"); }).failure(), ASFailure::Undecided);
+}
+
+TEST_F(PostgresPool, ATransactionThatACrashTookIsNotTakenForTheOneThatGotItsNumber) {
+    QORDBSchema::open(options(), QORSchemaMode::Own);
+    engine().run("CREATE TABLE t (i int)");
+    engine().run("CHECKPOINT");
+    PostgresGate gate(PostgresServer::shared().folder());
+    openThrough(gate);
+    unsigned taken = 0;
+    for (int attempt = 0; attempt < 5 && taken == 0; ++attempt) {
+        std::string lost;
+        gate.onLoss([&] {
+            PostgresServer::shared().crash();
+            PostgresServer::shared().start();
+            // What the engine had not written to the disk yet it has not heard of.
+            while (std::stoll(engine().cell("SELECT pg_snapshot_xmax(pg_current_snapshot())")) <= std::stoll(lost)) {
+                if (engine().cell("INSERT INTO t VALUES (0) RETURNING pg_current_xact_id()") == lost) ++taken;
+            }
+        });
+        gate.loseRequest("COMMIT");
+        const AException failure = failureOf([&] {
+            QORRdbmsTran transaction(ASAccess::Write);
+            ASStatement& insert = transaction->prepare("INSERT INTO t VALUES (1) RETURNING pg_current_xact_id()");
+            insert.execute();
+            ASSERT_TRUE(insert.fetch());
+            lost = insert.text(1);
+            insert.close();
+            transaction.commit();
+        });
+        EXPECT_EQ(failure.failure(), ASFailure::Unreachable) << failure.text();
+        EXPECT_EQ(engine().cell("SELECT count(*) FROM t WHERE i = 1"), "0");
+    }
+    EXPECT_GT(taken, 0U) << "nothing was tested: the engine gave no number out again";
+}
+
+TEST_F(PostgresPool, TokensOfCommitsAreLeftByWhoWritesAndGoAfterAnHour) {
+    QORDBSchema::open(options(), QORSchemaMode::Own);
+    const auto tokens = [&] { return std::stoi(engine().cell("SELECT count(*) FROM qor_commit")); };
+    const int before = tokens();
+    write("INSERT INTO qor_change (n) VALUES (1)");
+    EXPECT_EQ(tokens(), before + 1);
+    write("SELECT 1");
+    EXPECT_EQ(tokens(), before + 1) << "nothing was written";
+    engine().run(
+        "INSERT INTO qor_commit (token, time) SELECT 'old' || i, now() - interval '2 hours' FROM "
+        "generate_series(1, 1000) i");
+    for (int i = 0; i < 5000 && tokens() > 1000; ++i)
+        write("UPDATE qor_change SET n = n + 1");
+    EXPECT_EQ(engine().cell("SELECT count(*) FROM qor_commit WHERE token LIKE 'old%'"), "0");
 }
 
 TEST_F(PostgresPool, ATransactionThatIsUndoneForAnotherOnesSakeIsRunAgain) {
