@@ -172,6 +172,7 @@ std::vector<SpreadBatch::Part> SpreadBatch::split(const std::vector<ArrivedRecor
         part.records.push_back(arrived);
     }
     std::vector<Part> all;
+    all.reserve(parts.size());
     for (auto& [number, part] : parts)
         all.push_back(std::move(part));
     return all;

@@ -133,7 +133,13 @@ std::vector<std::string> checkHome(ShardDatabase& home) {
             faults.push_back(home.what() + ": " + name + " holds records itself, which nobody sees");
         for (const char* const all : {"qor_all", "qor_all_long"}) {
             if (home.cell(columnsSql(all, name)) != home.cell(columnsSql(schema, name)))
-                faults.push_back(home.what() + ": " + all + '.' + name + " has other columns than " + name);
+                faults.emplace_back(home.what())
+                    .append(": ")
+                    .append(all)
+                    .append(".")
+                    .append(name)
+                    .append(" has other columns than ")
+                    .append(name);
         }
         if (home.cell("SELECT count(*) FROM pg_trigger WHERE tgrelid = CAST('" + name +
                       "' AS regclass) AND tgname = 'qor_elsewhere' AND tgenabled IN ('O', 'A')") == "0")

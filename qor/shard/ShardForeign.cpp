@@ -92,7 +92,7 @@ std::string optionList(const Options& options) {
 std::string lines(const Options& options) {
     std::string text;
     for (const auto& [name, value] : options)
-        text += (text.empty() ? "" : "\n") + name + '=' + value;
+        text.append(text.empty() ? "" : "\n").append(name).append("=").append(value);
     return text;
 }
 
@@ -133,7 +133,7 @@ std::vector<std::string> readerGrants(const std::string& schema, const std::stri
     const std::string to = " TO " + ASSession::quoteIdentifier(role);
     std::vector<std::string> statements{"GRANT USAGE ON SCHEMA " + in + to};
     for (const QORSpreadTable& table : spreadTables())
-        statements.push_back("GRANT SELECT ON " + in + '.' + table.name + to);
+        statements.emplace_back("GRANT SELECT ON ").append(in).append(".").append(table.name).append(to);
     return statements;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <initializer_list>
 #include <string_view>
 
 #include "QORDBSchema/QORSchemaRows.h"
@@ -9,6 +10,13 @@
 
 namespace QOR {
 namespace {
+
+std::string joined(std::initializer_list<std::string_view> pieces) {
+    std::string text;
+    for (const std::string_view piece : pieces)
+        text += piece;
+    return text;
+}
 
 constexpr std::array tables{
     QORSpreadTable{"qor_operation", "eid"},
@@ -128,13 +136,12 @@ private:
         add("CREATE SCHEMA " + schema);
         for (const QORSpreadTable& table : tables) {
             const std::string name = schema + '.' + table.name;
-            add("CREATE FOREIGN TABLE " + name + " PARTITION OF " + all + '.' + table.name +
-                " FOR VALUES WITH (MODULUS " + std::to_string(server.modulus) + ", REMAINDER " +
-                std::to_string(server.remainder) + ") SERVER qor_" + server.name + std::string(suffix) +
-                " OPTIONS (schema_name " + literal(server.schema) + ", table_name " + literal(table.name) + ")");
-            const std::string key = table.key;
-            add("CREATE TRIGGER qor_stays BEFORE UPDATE ON " + name + " FOR EACH ROW WHEN (OLD." + key +
-                " IS DISTINCT FROM NEW." + key + ") EXECUTE FUNCTION " + all + ".qor_stays()");
+            add(joined({"CREATE FOREIGN TABLE ", name, " PARTITION OF ", all, ".", table.name,
+                        " FOR VALUES WITH (MODULUS ", std::to_string(server.modulus), ", REMAINDER ",
+                        std::to_string(server.remainder), ") SERVER qor_", server.name, suffix,
+                        " OPTIONS (schema_name ", literal(server.schema), ", table_name ", literal(table.name), ")"}));
+            add(joined({"CREATE TRIGGER qor_stays BEFORE UPDATE ON ", name, " FOR EACH ROW WHEN (OLD.", table.key,
+                        " IS DISTINCT FROM NEW.", table.key, ") EXECUTE FUNCTION ", all, ".qor_stays()"}));
             grant(schema, table.name);
         }
         makeViews(schema, [](const View& view) {
@@ -169,7 +176,7 @@ private:
         std::sort(roles.begin(), roles.end());
         roles.erase(std::unique(roles.begin(), roles.end()), roles.end());
         for (const std::string& role : roles)
-            add("GRANT USAGE ON SCHEMA " + schema + " TO " + role);
+            add(joined({"GRANT USAGE ON SCHEMA ", schema, " TO ", role}));
     }
 
     /// Nobody looks there for records any more.

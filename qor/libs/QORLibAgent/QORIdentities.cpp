@@ -241,7 +241,7 @@ std::string createToken(const std::string& name, std::optional<std::int64_t> exp
     std::array<unsigned char, tokenBytes> random{};
     if (::RAND_bytes(random.data(), static_cast<int>(random.size())) != 1)
         refuse(errFailure, "the system has no random bytes for a token");
-    const std::string token = std::string(tokenPrefix) + hexOf(random);
+    std::string token = std::string(tokenPrefix) + hexOf(random);
     QORRdbmsTran tran(ASAccess::Write);
     needTables(*tran);
     const std::optional<QORIdentityKind> kind = kindOf(*tran, name);

@@ -111,6 +111,7 @@ bool QORLogQuery::open(const std::vector<QORLogScope>& scopes) {
     std::map<int, std::pair<const QORServer*, std::vector<std::string>>> byNumber;
     if (m_placement->none()) {
         std::vector<std::string> names;
+        names.reserve(scopes.size());
         for (const QORLogScope& scope : scopes)
             names.push_back(scope.name);
         addPart(nullptr, QORRdbms::instance(), names);

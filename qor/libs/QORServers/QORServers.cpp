@@ -111,7 +111,7 @@ std::shared_ptr<const QORPlacement> QORServers::read(std::uint64_t generation) {
 }
 
 std::shared_ptr<const QORPlacement> QORServers::refresh() {
-    const auto known = placement();
+    auto known = placement();
     {
         const std::lock_guard lock(m_mutex);
         if (!m_divides) return known;
