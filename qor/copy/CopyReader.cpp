@@ -7,6 +7,7 @@
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORSchemaRows.h"
 
 namespace QOR {
 namespace {
@@ -143,11 +144,7 @@ CopyReader::Key CopyReader::last(ASSession& session, const QORSchemaTable& table
 }
 
 std::uint64_t CopyReader::count(ASSession& session, const QORSchemaTable& table) {
-    ASStatement& select = session.prepare("SELECT count(*) FROM " + table.name);
-    select.execute();
-    const std::int64_t records = select.fetch() ? select.integer(1) : 0;
-    select.close();
-    return static_cast<std::uint64_t>(records);
+    return static_cast<std::uint64_t>(readNumber(session, "SELECT count(*) FROM " + table.name));
 }
 
 void CopyReader::bindKey(ASStatement& statement, unsigned first, const Key& key) const {

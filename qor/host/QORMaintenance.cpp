@@ -14,6 +14,7 @@
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORDBSchema.h"
+#include "QORDBSchema/QORSchemaRows.h"
 #include "QORDBSchema/QORStoredDocuments.h"
 #include "QORLibAgent/QORLogCheck.h"
 #include "QORServers/QORServers.h"
@@ -29,14 +30,6 @@ constexpr const char* sourcePath = "qor/host/QORMaintenance";
 constexpr std::int64_t recordsOfTransaction = 500;
 constexpr unsigned transactionsOfStep = 10;
 constexpr std::int64_t pagesOfStep = 2000;
-
-std::int64_t number(ASSession& session, std::string_view sql) {
-    ASStatement& select = session.prepare(sql);
-    select.execute();
-    const std::int64_t value = select.fetch() ? select.integer(1) : 0;
-    select.close();
-    return value;
-}
 
 std::vector<std::string> texts(ASSession& session, std::string_view sql) {
     ASStatement& select = session.prepare(sql);
@@ -211,7 +204,7 @@ Findings checkPlacement(const Place& place) {
                              std::to_string(server->modulus) + ", " + std::to_string(server->remainder) + ", eid)";
     for (const std::string table : {"qor_operation", "qor_event", "qor_backup"}) {
         const std::int64_t strays = place.reading([&](ASSession& session) {
-            return number(session, "SELECT count(*) FROM " + table + " WHERE NOT " + held);
+            return readNumber(session, "SELECT count(*) FROM " + table + " WHERE NOT " + held);
         });
         if (strays != 0)
             findings.push_back({std::to_string(strays) + " records of " + table + " belong to another server", false});
@@ -436,18 +429,19 @@ constexpr std::string_view pageSize = "SELECT page_size FROM pragma_page_size";
 
 /// PostgreSQL clears up after itself, when it has time to.
 bool givesSpaceBack(ASSession& session) {
-    return isSqlite(session) && number(session, "SELECT auto_vacuum FROM pragma_auto_vacuum") == 2;
+    return isSqlite(session) && readNumber(session, "SELECT auto_vacuum FROM pragma_auto_vacuum") == 2;
 }
 
 QORPruneStep giveSpaceBack() {
     QORPruneStep step;
     Place().writing([&](ASSession& session) {
         step = {};
-        const std::int64_t before = givesSpaceBack(session) ? number(session, freePages) : 0;
+        const std::int64_t before = givesSpaceBack(session) ? readNumber(session, freePages) : 0;
         if (before == 0) return;
         session.execute("PRAGMA incremental_vacuum(" + std::to_string(pagesOfStep) + ")");
-        const std::int64_t after = number(session, freePages);
-        step = {static_cast<std::uint64_t>((before - after) * number(session, pageSize)), after > 0 && after < before};
+        const std::int64_t after = readNumber(session, freePages);
+        step = {static_cast<std::uint64_t>((before - after) * readNumber(session, pageSize)),
+                after > 0 && after < before};
     });
     return step;
 }
@@ -464,10 +458,10 @@ QORPruneStep compact() {
         throw QORException(errBadRequest, "PostgreSQL writes tables anew itself: VACUUM FULL, by their owner",
                            sourcePath, __LINE__);
     }
-    const std::int64_t before = number(*tran, "SELECT page_count FROM pragma_page_count");
+    const std::int64_t before = readNumber(*tran, "SELECT page_count FROM pragma_page_count");
     QORDBSchema::makeShrinkable(*tran);
-    const std::int64_t after = number(*tran, "SELECT page_count FROM pragma_page_count");
-    const std::int64_t size = number(*tran, pageSize);
+    const std::int64_t after = readNumber(*tran, "SELECT page_count FROM pragma_page_count");
+    const std::int64_t size = readNumber(*tran, pageSize);
     return {static_cast<std::uint64_t>(std::max<std::int64_t>(before - after, 0) * size), false};
 }
 
@@ -522,7 +516,7 @@ void keepRecords(std::uint64_t records, const std::stop_token& stop) {
         std::int64_t count = 0;
         for (const Place& place : places) {
             count += place.reading(
-                [&](ASSession& session) { return number(session, "SELECT count(*) FROM " + std::string(log)); });
+                [&](ASSession& session) { return readNumber(session, "SELECT count(*) FROM " + std::string(log)); });
         }
         std::int64_t surplus = count - static_cast<std::int64_t>(records);
         while (surplus > 0 && !stop.stop_requested()) {
@@ -546,9 +540,9 @@ std::uint64_t usage(const Place& place) {
     return place.reading([](ASSession& session) {
         const std::int64_t bytes =
             isSqlite(session)
-                ? (number(session, "SELECT page_count FROM pragma_page_count") - number(session, freePages)) *
-                      number(session, pageSize)
-                : number(session, bytesOfLogs);
+                ? (readNumber(session, "SELECT page_count FROM pragma_page_count") - readNumber(session, freePages)) *
+                      readNumber(session, pageSize)
+                : readNumber(session, bytesOfLogs);
         return static_cast<std::uint64_t>(bytes);
     });
 }
@@ -659,7 +653,7 @@ QORRetention::QORRetention(const QORRetentionOptions& options) {
 std::uint64_t strandedBytes() {
     return Place().reading([](ASSession& session) {
         if (!isSqlite(session) || givesSpaceBack(session)) return std::uint64_t{0};
-        return static_cast<std::uint64_t>(number(session, freePages) * number(session, pageSize));
+        return static_cast<std::uint64_t>(readNumber(session, freePages) * readNumber(session, pageSize));
     });
 }
 

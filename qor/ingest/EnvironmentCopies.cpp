@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORCommon/QORText.h"
+#include "QORDBSchema/QORSchemaRows.h"
 
 namespace QOR {
 namespace {
@@ -17,14 +18,6 @@ constexpr std::int64_t atOnce = 500;
 
 constexpr std::string_view changedSince =
     "SELECT environments FROM qor_environment_change WHERE n > ? ORDER BY n NULLS FIRST";
-
-std::int64_t number(ASSession& session, std::string_view sql) {
-    ASStatement& select = session.prepare(sql);
-    select.execute();
-    const std::int64_t value = select.fetch() ? select.integer(1) : 0;
-    select.close();
-    return value;
-}
 
 /// What has changed; whole: all of them, and there are no others.
 struct Changes {
@@ -40,7 +33,7 @@ void appendEid(std::string_view eid, std::string& eids) {
 /// The latest changes alone are kept.
 Changes changesSince(ASSession& home, std::int64_t since) {
     Changes changes;
-    const std::int64_t oldest = number(home, "SELECT coalesce(min(n), 0) FROM qor_environment_change");
+    const std::int64_t oldest = readNumber(home, "SELECT coalesce(min(n), 0) FROM qor_environment_change");
     changes.whole = since < 0 || since < oldest;
     if (!changes.whole) {
         ASStatement& select = home.prepare(changedSince);
@@ -126,10 +119,10 @@ private:
 
 void copyEnvironments(const QORServer& to) {
     QORRdbmsTran home(ASAccess::Read);
-    const std::int64_t now = number(*home, "SELECT coalesce(max(n), 0) FROM qor_change");
+    const std::int64_t now = readNumber(*home, "SELECT coalesce(max(n), 0) FROM qor_change");
     QORServers::instance().run(to, [&](QORRdbms& database) {
         const auto known = [](ASSession& session, std::string_view lock) {
-            return number(session, "SELECT n FROM qor_followed" + std::string(lock));
+            return readNumber(session, "SELECT n FROM qor_followed" + std::string(lock));
         };
         {
             QORRdbmsTran look(database, ASAccess::ReadOne);

@@ -22,4 +22,12 @@ std::string readCell(ASSession& session, std::string_view sql) {
     return rows.empty() ? std::string() : rows.front().front();
 }
 
+std::int64_t readNumber(ASSession& session, std::string_view sql) {
+    ASStatement& select = session.prepare(sql);
+    select.execute();
+    const std::int64_t number = select.fetch() ? select.integer(1) : 0;
+    select.close();
+    return number;
+}
+
 }  // namespace QOR
