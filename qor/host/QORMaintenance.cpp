@@ -203,9 +203,9 @@ Findings checkPlacement(const Place& place) {
     const std::string held = "satisfies_hash_partition(CAST('qor_spread' AS regclass), " +
                              std::to_string(server->modulus) + ", " + std::to_string(server->remainder) + ", eid)";
     for (const std::string table : {"qor_operation", "qor_event", "qor_backup"}) {
-        const std::int64_t strays = place.reading([&](ASSession& session) {
-            return readNumber(session, "SELECT count(*) FROM " + table + " WHERE NOT " + held);
-        });
+        std::string count = "SELECT count(*) FROM ";
+        count.append(table).append(" WHERE NOT ").append(held);
+        const std::int64_t strays = place.reading([&](ASSession& session) { return readNumber(session, count); });
         if (strays != 0)
             findings.push_back({std::to_string(strays) + " records of " + table + " belong to another server", false});
     }
