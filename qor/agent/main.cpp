@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "QORCommon/QORAgentAddress.h"
+#include "QORCommon/QORException.h"
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORPasswords.h"
@@ -158,6 +159,14 @@ void declareRetention(CLI::App& app, QORRetentionOptions& keep) {
         ->group(group);
 }
 
+void addOrigin(HttpOrigins& origins, const std::string& origin) {
+    try {
+        origins.add(origin);
+    } catch (const QORException& exception) {
+        throw CLI::ValidationError("--allow-origin", exception.message());
+    }
+}
+
 /// Where clients come, and how they know whom they have met.
 void declareListening(CLI::App& app, Settings& settings) {
     const char* const group = "Listening";
@@ -182,6 +191,16 @@ void declareListening(CLI::App& app, Settings& settings) {
     app.add_option("--tls-client-ca", settings.tls.clientAuthority,
                    "for https: ask clients for a certificate of this authority; they may have none")
         ->type_name("FILE")
+        ->group(group);
+    app.add_option_function<std::vector<std::string>>(
+           "--allow-origin",
+           [&settings](const std::vector<std::string>& origins) {
+               for (const std::string& origin : origins)
+                   addOrigin(settings.server.origins, origin);
+           },
+           "a web page of this origin may ask, from a browser; may be given several times (default: none may)")
+        ->type_name("ORIGIN")
+        ->allow_extra_args(false)
         ->group(group);
 }
 

@@ -127,6 +127,41 @@ public:
         return answer;
     }
 
+    /// The head of an answer alone.
+    HttpAnswer receiveHead() {
+        HttpAnswer answer;
+        const std::string status = takeLine();
+        if (status.rfind("HTTP/1.", 0) != 0 || status.size() < 12) throw std::runtime_error("no HTTP: " + status);
+        answer.status = std::stoi(status.substr(9, 3));
+        for (std::string line = takeLine(); !line.empty(); line = takeLine()) {
+            const std::size_t colon = line.find(':');
+            std::string name = line.substr(0, colon);
+            std::transform(name.begin(), name.end(), name.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+            answer.headers[name] = line.substr(std::min(line.find_first_not_of(' ', colon + 1), line.size()));
+        }
+        return answer;
+    }
+
+    /// What belongs to it.
+    void receiveBody(HttpAnswer& answer) {
+        if (const auto length = answer.headers.find("content-length"); length != answer.headers.end()) {
+            answer.body = take(std::stoull(length->second));
+            return;
+        }
+        if (answer.headers["transfer-encoding"] != "chunked") return;
+        for (std::string chunk = receiveChunk(); !chunk.empty(); chunk = receiveChunk())
+            answer.body += chunk;
+    }
+
+    /// The next chunk of a body in chunks; the last one is empty.
+    std::string receiveChunk() {
+        const std::size_t size = std::stoull(takeLine(), nullptr, 16);
+        std::string chunk = take(size);
+        takeLine();
+        return chunk;
+    }
+
     /// Waits until something of an answer has arrived. \returns false when the other side has closed
     bool awaitBytes() { return !m_buffer.empty() || readSome(); }
 
@@ -180,34 +215,6 @@ private:
         std::string line = take(end);
         take(2);
         return line;
-    }
-
-    HttpAnswer receiveHead() {
-        HttpAnswer answer;
-        const std::string status = takeLine();
-        if (status.rfind("HTTP/1.", 0) != 0 || status.size() < 12) throw std::runtime_error("no HTTP: " + status);
-        answer.status = std::stoi(status.substr(9, 3));
-        for (std::string line = takeLine(); !line.empty(); line = takeLine()) {
-            const std::size_t colon = line.find(':');
-            std::string name = line.substr(0, colon);
-            std::transform(name.begin(), name.end(), name.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-            answer.headers[name] = line.substr(std::min(line.find_first_not_of(' ', colon + 1), line.size()));
-        }
-        return answer;
-    }
-
-    void receiveBody(HttpAnswer& answer) {
-        if (const auto length = answer.headers.find("content-length"); length != answer.headers.end()) {
-            answer.body = take(std::stoull(length->second));
-            return;
-        }
-        if (answer.headers["transfer-encoding"] != "chunked") return;
-        for (std::size_t size = 1; size != 0;) {
-            size = std::stoull(takeLine(), nullptr, 16);
-            answer.body += take(size);
-            takeLine();
-        }
     }
 
     int m_socket;

@@ -31,6 +31,8 @@
 
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
+#include "agent/http/HttpGzip.h"
+#include "agent/http/HttpNegotiation.h"
 #include "agent/http/HttpOutgoing.h"
 #include "agent/http/HttpRequestReader.h"
 #include "agent/http/HttpServer.h"
@@ -285,6 +287,7 @@ private:
         m_reader.emplace(m_owner.options().headerLimit, m_owner.options().bodyLimit);
         m_version = 11;
         m_bodyless = false;
+        m_originFields.clear();
         if (m_begin < m_end) {
             beginHead();
             return;
@@ -371,7 +374,11 @@ private:
             refuse(503, "the agent is stopping");
             return;
         }
-        m_plan = plan();
+        const HttpRequest head = request();
+        m_originFields = m_owner.options().origins.fieldsFor(head);
+        m_plan = {};
+        m_plan.reply = m_owner.options().origins.preflight(head);
+        if (!m_plan.reply) m_plan = plan(head);
         const bool hasBody = !m_reader->bodyLength() || *m_reader->bodyLength() > 0;
         if (m_plan.reply) {
             count();
@@ -386,9 +393,9 @@ private:
         }
     }
 
-    HttpPlan plan() {
+    HttpPlan plan(const HttpRequest& head) {
         try {
-            return m_owner.application().plan(request(), m_peer);
+            return m_owner.application().plan(head, m_peer);
         } catch (const std::exception& exception) {
             logMessage(0, "QORAgent", "qor/agent/http/HttpConnection", "plan", "%s", exception.what());
             return {HttpLane::Reading, HttpReply{500, m_owner.application().errorBody(500, exception.what())}};
@@ -505,14 +512,20 @@ private:
     /// Runs on a worker. \returns nothing when a reply that had begun cannot be ended
     std::optional<HttpReply> answer() {
         const QORRequestScope scope(m_control);
-        ReplyStream stream(*this);
+        HttpRequest handled = request();
+        ReplyStream stream(*this, acceptsGzip(handled));
         try {
             if (!m_handler) m_handler = m_owner.application().connect(m_peer);
-            HttpRequest handled = request();
             handled.stream = &stream;
             handled.requester = m_plan.requester.get();
             HttpReply reply = m_handler->handle(handled);
-            if (stream.hasBegun() && reply.status != 200) return std::nullopt;
+            if (!stream.hasBegun()) {
+                negotiate(handled, reply);
+            } else if (reply.status != 200) {
+                return std::nullopt;
+            } else {
+                stream.finish();
+            }
             return reply;
         } catch (const std::exception& exception) {
             logMessage(0, "QORAgent", "qor/agent/http/HttpConnection", "answer", "%s", exception.what());
@@ -585,16 +598,25 @@ private:
         m_keepAlive = m_keepAlive && !m_owner.isStopping();
         m_response.emplace(static_cast<http::status>(reply.status), m_version);
         m_response->set(http::field::server, "qor-agent");
-        m_response->set(http::field::content_type, reply.contentType);
+        const bool hasContent = reply.status != 204 && reply.status != 304;
+        if (hasContent) m_response->set(http::field::content_type, reply.contentType);
+        addFields(*m_response, reply.fields);
+        addFields(*m_response, m_originFields);
         if (!reply.authenticate.empty()) m_response->set(http::field::www_authenticate, reply.authenticate);
         if (!reply.allow.empty()) m_response->set(http::field::allow, reply.allow);
         if (reply.retryAfter > 0) m_response->set(http::field::retry_after, std::to_string(reply.retryAfter));
         m_response->keep_alive(m_keepAlive);
-        m_response->content_length(reply.body.size());
+        if (hasContent) m_response->content_length(reply.body.size());
         if (!m_bodyless) m_response->body() = std::move(reply.body);
         m_replyMemory = std::move(reply.memory);
         m_serializer.emplace(*m_response);
         writeSome();
+    }
+
+    template <class Head>
+    static void addFields(Head& head, const HttpFields& fields) {
+        for (const auto& [name, value] : fields)
+            head.insert(name, value);
     }
 
     void writeSome() {
@@ -613,22 +635,52 @@ private:
     }
 
     // ---- a reply that leaves while it is made ---------------------------------------------------------------------
+    /// What the head of a reply says that leaves while it is made. The worker's up to the first piece.
+    struct StreamHead {
+        std::string contentType = HttpReply().contentType;
+        HttpFields fields{};
+    };
+
     /// A worker's end of it.
     class ReplyStream final : public HttpReplyStream {
     public:
-        explicit ReplyStream(HttpConnection& connection) : m_connection(connection) {}
+        ReplyStream(HttpConnection& connection, bool gzip) : m_connection(connection), m_wantsGzip(gzip) {
+            m_connection.m_streamHead = {};
+        }
         bool hasBegun() const noexcept { return m_begun; }
+        void describe(std::string contentType, HttpFields fields) override {
+            m_connection.m_streamHead = {std::move(contentType), std::move(fields)};
+        }
         bool send(std::string_view piece) override {
             if (piece.empty()) return !m_connection.m_outgoing.isClosed();
+            if (!m_begun) begin();
+            return push(m_gzip ? m_gzip->add(piece) : std::string(piece));
+        }
+        /// Behind the last piece.
+        void finish() {
+            if (m_gzip) push(m_gzip->finish());
+        }
+
+    private:
+        void begin() {
             m_begun = true;
-            if (!m_connection.m_outgoing.push(std::string(piece))) return false;
+            StreamHead& head = m_connection.m_streamHead;
+            if (!isWorthGzip(head.contentType)) return;
+            head.fields.emplace_back("Vary", "Accept-Encoding");
+            if (!m_wantsGzip) return;
+            head.fields.emplace_back("Content-Encoding", "gzip");
+            m_gzip = std::make_unique<HttpGzip>();
+        }
+        bool push(std::string piece) {
+            if (!m_connection.m_outgoing.push(std::move(piece))) return false;
             net::post(m_connection.m_stream.get_executor(),
                       [self = m_connection.shared_from_this()] { self->onPieceReady(); });
             return true;
         }
 
-    private:
         HttpConnection& m_connection;
+        const bool m_wantsGzip;
+        std::unique_ptr<HttpGzip> m_gzip;
         bool m_begun = false;
     };
 
@@ -642,7 +694,9 @@ private:
         m_keepAlive = m_keepAlive && !m_owner.isStopping() && m_version >= 11;
         http::response<http::empty_body> head(http::status::ok, m_version);
         head.set(http::field::server, "qor-agent");
-        head.set(http::field::content_type, HttpReply().contentType);
+        head.set(http::field::content_type, m_streamHead.contentType);
+        addFields(head, m_streamHead.fields);
+        addFields(head, m_originFields);
         head.keep_alive(m_keepAlive);
         if (m_version >= 11) head.chunked(true);
         std::ostringstream text;
@@ -778,6 +832,8 @@ private:
     std::size_t m_end = 0;
     std::optional<HttpRequestReader> m_reader;  // the worker reads it while m_working
     HttpPlan m_plan;
+    HttpFields m_originFields;                     // of the reply to the present request
+    StreamHead m_streamHead;                       // the worker's up to the first piece
     std::unique_ptr<net::steady_timer> m_delay;    // of a reply that comes later
     std::size_t m_bodyMemory = 0;                  // what the owner has granted for the body
     std::size_t m_spanBytes = 0;                   // of the body, in the present span of time

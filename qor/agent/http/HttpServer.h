@@ -10,6 +10,7 @@
 
 #include "QORCommon/QORAgentAddress.h"
 #include "agent/http/HttpCertificates.h"
+#include "agent/http/HttpOrigins.h"
 #include "agent/http/HttpTypes.h"
 
 namespace QOR {
@@ -18,6 +19,7 @@ struct HttpServerOptions {
     std::vector<QORAgentAddress> listen{};  ///< all of these at once
     std::string socketGroup{};  ///< whose members may connect to unix sockets; empty: these keep the process's group
     std::shared_ptr<HttpCertificates> certificates{};  ///< shared with who has them read anew; needed for https
+    HttpOrigins origins{};                             ///< of web pages that may ask
 
     std::size_t threads = 16;              ///< requests that are answered at once
     std::size_t writers = 4;               ///< requests of the writing lane, beside those

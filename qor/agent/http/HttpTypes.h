@@ -48,9 +48,14 @@ struct HttpField {
     std::string_view value;
 };
 
+/// Fields of a reply's head, in their order: names and values.
+using HttpFields = std::vector<std::pair<std::string, std::string>>;
+
 /// A reply that leaves while it is made. Used by the thread that handles the request, during the call.
 class HttpReplyStream {
 public:
+    /// What the head says; before the first piece. Unless told, the stream is JSON.
+    virtual void describe(std::string contentType, HttpFields fields = {}) = 0;
     /// Sends a piece of the body; the first piece sends the head, status 200, before it. Waits while the client takes
     /// nothing, within the server's limits. \returns false when the client has gone: nothing is sent any more
     virtual bool send(std::string_view piece) = 0;
@@ -89,6 +94,8 @@ struct HttpReply {
     unsigned retryAfter = 0;     ///< seconds, value of the header Retry-After; 0: none
     std::string authenticate{};  ///< value of the header WWW-Authenticate; empty: none
     QORMemoryCharge memory{};    ///< what the body counts for, until it is sent
+    HttpFields fields{};         ///< further ones of the head
+    bool revalidated = false;    ///< what a client may keep and ask again for: it gets a tag, and 304 if it has it
 };
 
 /// Workers that a request waits for. What waits for one lane does not hold up another.

@@ -103,12 +103,19 @@ private:
             if (request.path == "/throw") throw std::runtime_error("thrown");
             if (request.path == "/big") return {200, std::string(std::stoul(std::string(request.body)), 'b')};
             if (request.path == "/number") return {200, std::to_string(m_requests)};
+            if (request.path == "/kept") return kept(std::string(request.query));
             if (request.path == "/teapot") return {418, "{}", "text/plain", "POST"};
             return {200, std::string(request.method) + " " + std::string(request.path) + " " +
                              std::string(request.query) + " " + std::string(request.body)};
         }
 
     private:
+        static HttpReply kept(std::string body) {
+            HttpReply reply{200, std::move(body)};
+            reply.revalidated = true;
+            return reply;
+        }
+
         EchoApplication& m_application;
         int m_requests = 0;
     };

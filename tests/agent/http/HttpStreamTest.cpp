@@ -12,6 +12,7 @@
 
 #include "HttpServerFixture.h"
 #include "QORCommon/QORRequestControl.h"
+#include "support/Unpacked.h"
 
 namespace QOR {
 namespace {
@@ -48,6 +49,9 @@ private:
                 stream.send("first");
                 m_application.goOn.get_future().wait();
                 stream.send("second");
+            } else if (request.path == "/events") {
+                stream.describe("text/event-stream; charset=utf-8", {{"Cache-Control", "no-store"}});
+                stream.send("first");
             } else if (request.path == "/throwing") {
                 stream.send("first");
                 throw std::runtime_error("no more");
@@ -118,6 +122,47 @@ TEST_F(HttpStream, ThePiecesArriveWhileTheRestIsMade) {
     EXPECT_TRUE(client.awaitBytes());
     application.goOn.set_value();
     EXPECT_EQ(client.receive().body, "firstsecond");
+}
+
+TEST_F(HttpStream, WhatItIsStandsInItsHead) {
+    start();
+    HttpClient client = connect();
+    const HttpAnswer events = client.request("GET", "/events", {}, "Accept-Encoding: gzip\r\n");
+    EXPECT_EQ(events.headers.at("content-type"), "text/event-stream; charset=utf-8");
+    EXPECT_EQ(events.headers.at("cache-control"), "no-store");
+    EXPECT_EQ(events.headers.count("content-encoding"), 0U) << "which are small and not to be held back";
+    EXPECT_EQ(events.body, "first");
+    const HttpAnswer pieces = client.get("/pieces?1");
+    EXPECT_EQ(pieces.headers.at("content-type"), "application/json") << "as it is for the next one again";
+    EXPECT_EQ(pieces.headers.count("cache-control"), 0U);
+    EXPECT_EQ(pieces.headers.at("vary"), "Accept-Encoding");
+}
+
+TEST_F(HttpStream, InGzipThePiecesLeaveAsTheyAreMadeToo) {
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("GET", "/halting", {}, "Accept-Encoding: gzip\r\n"));
+    HttpAnswer answer = client.receiveHead();
+    EXPECT_EQ(answer.headers.at("content-encoding"), "gzip");
+    const std::string first = client.receiveChunk();
+    EXPECT_EQ(test::unpacked(first), "first") << "without what comes behind it";
+    application.goOn.set_value();
+    std::string all = first;
+    for (std::string chunk = client.receiveChunk(); !chunk.empty(); chunk = client.receiveChunk())
+        all += chunk;
+    EXPECT_EQ(test::unpackedWhole(all), "firstsecond");
+    const HttpAnswer large = client.request("GET", "/pieces?40", {}, "Accept-Encoding: gzip\r\n");
+    EXPECT_LT(large.body.size(), pieceSize);
+    EXPECT_EQ(test::unpackedWhole(large.body).size(), 40 * pieceSize);
+}
+
+TEST_F(HttpStream, InGzipAFailureInTheMiddleBreaksTheConnectionToo) {
+    start();
+    HttpClient client = connect();
+    client.send(HttpClient::compose("GET", "/throwing", {}, "Accept-Encoding: gzip\r\n"));
+    client.receiveHead();
+    EXPECT_EQ(test::unpacked(client.receiveChunk()), "first");
+    EXPECT_THROW(client.receiveChunk(), std::runtime_error);
 }
 
 TEST_F(HttpStream, RequestsBehindAStreamAreAnsweredInOrder) {
