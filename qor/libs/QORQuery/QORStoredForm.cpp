@@ -49,22 +49,21 @@ constexpr Form forms[] = {
     {"decimal", doubleForm},  {"double", doubleForm},
 };
 
-/// A type without its length.
-std::string nameOf(std::string_view type) {
+}  // namespace
+
+std::string typeName(std::string_view type) {
     return toLowerText(type.substr(0, type.find_first_of(" (")));
 }
 
-}  // namespace
-
 std::string storedForm(std::string_view type, const std::string& literal) {
-    const std::string name = nameOf(type);
+    const std::string name = typeName(type);
     const auto* const found =
         std::find_if(std::begin(forms), std::end(forms), [&](const Form& form) { return form.type == name; });
     return found == std::end(forms) ? literal : found->of(literal);
 }
 
 bool isTimeType(std::string_view type) {
-    return nameOf(type) == timeType;
+    return typeName(type) == timeType;
 }
 
 }  // namespace QOR

@@ -19,6 +19,9 @@ using QORColumnTypes = std::function<std::string(std::string_view view, std::str
 /// \throws QORException 400 for a text that is no such value, with the message that an equation of the two would have
 QOR_API std::string storedForm(std::string_view type, const std::string& literal);
 
+/// A type in lower case, without its length.
+QOR_API std::string typeName(std::string_view type);
+
 /// Whether values of that type are times.
 QOR_API bool isTimeType(std::string_view type);
 
