@@ -16,7 +16,7 @@ struct TypeKind {
 };
 
 constexpr TypeKind kinds[] = {
-    {"datetime", QORColumnKind::Time},    {"uniqueidentifier", QORColumnKind::Guid},
+    {"datetime", QORColumnKind::Time},    {"uniqueidentifier", QORColumnKind::Identifier},
     {"int", QORColumnKind::Integer},      {"bigint", QORColumnKind::Integer},
     {"smallint", QORColumnKind::Integer}, {"tinyint", QORColumnKind::Integer},
     {"bit", QORColumnKind::Integer},      {"float", QORColumnKind::Number},

@@ -13,10 +13,10 @@ namespace QOR {
 /// An answer tells all values but bytes as texts; the kind says what such a text is.
 enum class QORColumnKind : std::uint8_t {
     Text,
-    Integer,  ///< a whole number of at most 64 bits
-    Number,   ///< a decimal or floating-point number, or the word for what is none
-    Time,     ///< UTC, "2024-05-01T10:15:00+0000"
-    Guid,
+    Integer,     ///< a whole number of at most 64 bits
+    Number,      ///< a decimal or floating-point number, or the word for what is none
+    Time,        ///< UTC, "2024-05-01T10:15:00+0000"
+    Identifier,  ///< a GUID
     Bytes,
 };
 

@@ -8,7 +8,7 @@ TEST(ColumnKind, IsThatOfTheDeclaredTypeWhateverItsLengthAndCase) {
     EXPECT_EQ(columnKindOf("nvarchar(64)"), QORColumnKind::Text);
     EXPECT_EQ(columnKindOf("DateTime"), QORColumnKind::Time);
     EXPECT_EQ(columnKindOf("decimal(10,2)"), QORColumnKind::Number);
-    EXPECT_EQ(columnKindOf("uniqueidentifier"), QORColumnKind::Guid);
+    EXPECT_EQ(columnKindOf("uniqueidentifier"), QORColumnKind::Identifier);
     EXPECT_EQ(columnKindOf("text"), QORColumnKind::Bytes);
     EXPECT_EQ(columnKindOf("geometry"), QORColumnKind::Text);
     EXPECT_EQ(columnKindOf(""), QORColumnKind::Text);
@@ -30,7 +30,7 @@ TEST(ColumnKind, WordsAreThoseOfTheInterface) {
     EXPECT_EQ(wordOf(QORColumnKind::Integer), "integer");
     EXPECT_EQ(wordOf(QORColumnKind::Number), "number");
     EXPECT_EQ(wordOf(QORColumnKind::Time), "time");
-    EXPECT_EQ(wordOf(QORColumnKind::Guid), "guid");
+    EXPECT_EQ(wordOf(QORColumnKind::Identifier), "guid");
     EXPECT_EQ(wordOf(QORColumnKind::Bytes), "bytes");
 }
 
