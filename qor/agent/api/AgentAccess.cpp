@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "QORCommon/QORAscii.h"
+#include "QORCommon/QORDigest.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"

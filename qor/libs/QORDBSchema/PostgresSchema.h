@@ -21,5 +21,7 @@ extern const QORSchemaStep postgresCounting;
 extern const QORSchemaStep postgresIdentities;
 /// Which transactions were committed.
 extern const QORSchemaStep postgresCommits;
+/// What all agents on the database know, and nobody else.
+extern const QORSchemaStep postgresSecrets;
 
 }  // namespace QOR

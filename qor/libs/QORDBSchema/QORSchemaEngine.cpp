@@ -20,7 +20,7 @@ constexpr std::array sqliteSteps{
     QORVersionedStep{1, &inventorySchema}, QORVersionedStep{2, &logSchema},     QORVersionedStep{3, &counterSchema},
     QORVersionedStep{4, &documentSchema},  QORVersionedStep{5, &upkeepSchema},  QORVersionedStep{6, &requestSchema},
     QORVersionedStep{7, &changeSchema},    QORVersionedStep{8, &serverSchema},  QORVersionedStep{9, &countingSchema},
-    QORVersionedStep{10, &identitySchema}, QORVersionedStep{11, &commitSchema},
+    QORVersionedStep{10, &identitySchema}, QORVersionedStep{11, &commitSchema}, QORVersionedStep{12, &secretSchema},
 };
 constexpr std::array<std::string_view, 2> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX "};
 
@@ -39,7 +39,7 @@ constexpr std::array postgresSteps{
     QORVersionedStep{5, &postgresTables},   QORVersionedStep{6, &postgresUpkeep},
     QORVersionedStep{7, &postgresChanges},  QORVersionedStep{8, &postgresServers},
     QORVersionedStep{9, &postgresCounting}, QORVersionedStep{10, &postgresIdentities},
-    QORVersionedStep{11, &postgresCommits},
+    QORVersionedStep{11, &postgresCommits}, QORVersionedStep{12, &postgresSecrets},
 };
 static_assert(sqliteSteps.back().version == postgresSteps.back().version);
 constexpr std::array<std::string_view, 5> postgresParts{

@@ -37,5 +37,7 @@ extern const QORSchemaStep countingSchema;
 extern const QORSchemaStep identitySchema;
 /// Nothing: a file's commits do not get lost.
 extern const QORSchemaStep commitSchema;
+/// What all agents on the database know, and nobody else.
+extern const QORSchemaStep secretSchema;
 
 }  // namespace QOR

@@ -1,10 +1,6 @@
 #include "QORLibAgent/QORIdentities.h"
 
-#include <openssl/crypto.h>
-#include <openssl/rand.h>
-
 #include <algorithm>
-#include <array>
 #include <set>
 #include <utility>
 
@@ -78,16 +74,6 @@ void checkFree(ASSession& session, const QORIdentity& identity) {
     if (!other.empty())
         refuse(errBadRequest, "the " + std::string(nameOf(identity.kind)) + " " + quoteText(identity.subject) +
                                   " is the identity " + quoteText(other));
-}
-
-std::string hexOf(const std::array<unsigned char, tokenBytes>& bytes) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        text += digits[byte >> 4U];
-        text += digits[byte & 15U];
-    }
-    return text;
 }
 
 void removeRows(ASSession& session, const char* sql, const std::string& which) {
@@ -238,10 +224,7 @@ void removeIdentity(const std::string& name) {
 }
 
 std::string createToken(const std::string& name, std::optional<std::int64_t> expires) {
-    std::array<unsigned char, tokenBytes> random{};
-    if (::RAND_bytes(random.data(), static_cast<int>(random.size())) != 1)
-        refuse(errFailure, "the system has no random bytes for a token");
-    std::string token = std::string(tokenPrefix) + hexOf(random);
+    std::string token = std::string(tokenPrefix) + hexOf(randomBytes(tokenBytes));
     QORRdbmsTran tran(ASAccess::Write);
     needTables(*tran);
     const std::optional<QORIdentityKind> kind = kindOf(*tran, name);
@@ -285,10 +268,6 @@ void noteTokenUses(const std::map<std::string, std::int64_t>& uses) {
 
 std::string digestOfToken(std::string_view token) {
     return QORDigest().add(token).hex();
-}
-
-bool isSameDigest(std::string_view a, std::string_view b) noexcept {
-    return a.size() == b.size() && ::CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
 QORClientContextPtr contextOf(const QORIdentity& identity, const QOREnvList& envs) {

@@ -75,8 +75,6 @@ QOR_API void noteTokenUses(const std::map<std::string, std::int64_t>& uses);
 
 /// What is kept of a token.
 QOR_API std::string digestOfToken(std::string_view token);
-/// In a time that tells nothing of where they differ.
-QOR_API bool isSameDigest(std::string_view a, std::string_view b) noexcept;
 
 /// What an identity may see: the one place where identities become what the rest of the host asks.
 /// \param envs the environments, in whose tree is looked for those below others

@@ -60,7 +60,16 @@ constexpr FixedName fixedNames[] = {
     {tag::logicalNot, "not"},
     {tag::distinct, "distinct"},
     {tag::escape, "escape"},
+    {tag::ordered, "ordered"},
+    {tag::after, "after"},
+    {tag::count, "count"},
     {tag::deadline, "deadline"},
+    {tag::exact, "exact"},
+    {tag::next, "next"},
+    {tag::exactness, "exactness"},
+    {tag::changed, "changed"},
+    {tag::most, "most"},
+    {tag::spent, "spent"},
 };
 
 constexpr bool byNumber(const FixedName& a, const FixedName& b) {

@@ -55,7 +55,16 @@ inline constexpr QORTag logicalOr = 2236;
 inline constexpr QORTag logicalNot = 2237;
 inline constexpr QORTag distinct = 2293;
 inline constexpr QORTag escape = 2301;
+inline constexpr QORTag ordered = 2401;
+inline constexpr QORTag after = 2402;
+inline constexpr QORTag count = 2403;
 inline constexpr QORTag deadline = 2404;
+inline constexpr QORTag exact = 2405;
+inline constexpr QORTag next = 2411;
+inline constexpr QORTag exactness = 2412;
+inline constexpr QORTag changed = 2413;
+inline constexpr QORTag most = 2414;
+inline constexpr QORTag spent = 2415;
 
 /// Names without a number of their own are interned from here up; the first are reserved for the host itself.
 inline constexpr QORTag firstInterned = 1000000;

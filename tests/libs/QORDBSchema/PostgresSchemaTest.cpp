@@ -115,7 +115,7 @@ TEST_F(PostgresSchema, OpeningAgainChangesNothing) {
 }
 
 TEST_F(PostgresSchema, EachOlderVersionIsBroughtUpToDateAndKeepsItsRecords) {
-    for (const int version : {5, 6, 7}) {
+    for (const int version : {5, 6, 7, 11}) {
         PostgresDatabase database;
         QORRdbms::instance().configure({.connectionString = database.connectionString()});
         QORRdbms::instance().write([&](ASSession& session) { QORDBSchema::migrate(session, version); });
@@ -126,6 +126,7 @@ TEST_F(PostgresSchema, EachOlderVersionIsBroughtUpToDateAndKeepsItsRecords) {
         EXPECT_EQ(report.found.version, version);
         EXPECT_EQ(own.rows("SELECT id, info FROM \"vEventLog\""), (Rows{{"1", "kept"}}));
         EXPECT_EQ(own.rows("SELECT epoch FROM qor_placement"), (Rows{{"0"}})) << version;
+        EXPECT_EQ(own.rows("SELECT purpose FROM qor_secret WHERE secret ~ '^[0-9a-f]{64}$'"), (Rows{{"pages"}}));
         QORRdbmsTran tran(ASAccess::Read);
         EXPECT_THAT(QORDBSchema::missingParts(*tran), IsEmpty()) << version;
     }

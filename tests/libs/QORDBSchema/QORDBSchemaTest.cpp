@@ -58,6 +58,8 @@ TEST(QORDBSchemaTest, AMissingDatabaseIsCreatedToKeepRecordsIn) {
     EXPECT_FALSE(report.readOnly);
     EXPECT_EQ(queryText("SELECT count(*) FROM vEnvironment"), "0");
     EXPECT_EQ(queryText("SELECT count(*) FROM vOpLog"), "0");
+    EXPECT_EQ(queryText("SELECT purpose FROM qor_secret WHERE length(secret) = 64 AND secret NOT GLOB '*[^0-9a-f]*'"),
+              "pages");
     EXPECT_EQ(queryText("SELECT count(*) FROM vEventLog"), "0");
     EXPECT_EQ(queryText("SELECT count(*) FROM vBackupInfo"), "0");
 }
@@ -171,6 +173,18 @@ TEST(QORDBSchemaTest, AnOlderVersionIsMigratedAndKeepsItsRecords) {
     EXPECT_EQ(queryText("SELECT hostname FROM vEnvironment"), "web1");
     EXPECT_EQ(queryText("SELECT count(*) FROM vOpLog"), "0");
     EXPECT_EQ(queryText("SELECT max(version) FROM qor_schema_version"), std::to_string(QORDBSchema::currentVersion()));
+}
+
+TEST(QORDBSchemaTest, EachDatabaseHasASecretOfItsOwn) {
+    const auto secretOf = [](const HostDatabase& database) {
+        database.open();
+        return queryText("SELECT secret FROM qor_secret");
+    };
+    const HostDatabase one;
+    const HostDatabase other;
+    const std::string secret = secretOf(one);
+    EXPECT_NE(secret, secretOf(other));
+    EXPECT_EQ(secret, secretOf(one)) << "opened again";
 }
 
 TEST(QORDBSchemaTest, AMigrationThatFailsLeavesTheOlderVersionWhole) {

@@ -1,0 +1,85 @@
+#include "QORCommon/QORSeal.h"
+
+#include <openssl/evp.h>
+
+#include <array>
+#include <memory>
+
+#include "QORCommon/QORDigest.h"
+#include "QORCommon/QORException.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::size_t saltBytes = 16;
+constexpr int tagBytes = 16;
+/// A key is used once, so that what else would tell its uses apart is the same for all.
+constexpr std::array<unsigned char, 12> noNonce{};
+
+void require(int result) {
+    if (result != 1) throw QORException(errFailure, "bytes cannot be sealed", "qor/libs/QORCommon/QORSeal");
+}
+
+const unsigned char* bytesOf(std::string_view text) noexcept {
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+unsigned char* bytesOf(std::string& text, std::size_t from) noexcept {
+    return reinterpret_cast<unsigned char*>(text.data() + from);
+}
+
+/// One text under the key of one salt.
+class Cipher {
+public:
+    Cipher(std::string_view secret, std::string_view salt, bool encrypts) {
+        const std::string key = keyedDigest(secret, salt);
+        require(m_context ? ::EVP_CipherInit_ex(m_context.get(), ::EVP_aes_256_gcm(), nullptr, bytesOf(key),
+                                                noNonce.data(), encrypts ? 1 : 0)
+                          : 0);
+    }
+    /// Writes as many bytes as there are.
+    void run(std::string_view bytes, unsigned char* out) {
+        int size = 0;
+        require(::EVP_CipherUpdate(m_context.get(), out, &size, bytesOf(bytes), static_cast<int>(bytes.size())));
+    }
+    bool end() {
+        std::array<unsigned char, EVP_MAX_BLOCK_LENGTH> none{};
+        int size = 0;
+        return ::EVP_CipherFinal_ex(m_context.get(), none.data(), &size) == 1;
+    }
+    void getTag(unsigned char* out) {
+        require(::EVP_CIPHER_CTX_ctrl(m_context.get(), EVP_CTRL_GCM_GET_TAG, tagBytes, out));
+    }
+    void setTag(std::string tag) {
+        require(::EVP_CIPHER_CTX_ctrl(m_context.get(), EVP_CTRL_GCM_SET_TAG, tagBytes, tag.data()));
+    }
+
+private:
+    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> m_context{::EVP_CIPHER_CTX_new(),
+                                                                              &EVP_CIPHER_CTX_free};
+};
+
+}  // namespace
+
+std::string sealBytes(std::string_view secret, std::string_view bytes) {
+    std::string sealed = randomBytes(saltBytes);
+    Cipher cipher(secret, sealed, true);
+    sealed.resize(saltBytes + bytes.size() + tagBytes);
+    cipher.run(bytes, bytesOf(sealed, saltBytes));
+    require(cipher.end() ? 1 : 0);
+    cipher.getTag(bytesOf(sealed, saltBytes + bytes.size()));
+    return sealed;
+}
+
+std::optional<std::string> openBytes(std::string_view secret, std::string_view sealed) {
+    if (sealed.size() < saltBytes + tagBytes) return std::nullopt;
+    const std::string_view hidden = sealed.substr(saltBytes, sealed.size() - saltBytes - tagBytes);
+    Cipher cipher(secret, sealed.substr(0, saltBytes), false);
+    std::string bytes(hidden.size(), '\0');
+    cipher.run(hidden, bytesOf(bytes, 0));
+    cipher.setTag(std::string(sealed.substr(sealed.size() - tagBytes)));
+    if (!cipher.end()) return std::nullopt;
+    return bytes;
+}
+
+}  // namespace QOR
