@@ -95,6 +95,18 @@ void declareShares(CLI::App& app, HttpServerOptions& server) {
     addNumber(app, "--user-requests", {1, 1024}, "of these, of one user, by default half",
               store(server.requestsPerIdentity))
         ->group(group);
+    addNumber(app, "--streams", {1, 1024}, "answers of any size that are streamed at once, by default 8",
+              store(server.streams))
+        ->group(group);
+    addNumber(app, "--user-streams", {1, 1024}, "of these, of one user, by default half",
+              store(server.streamsPerIdentity))
+        ->group(group);
+    addNumber(app, "--followers", {1, 4096}, "requests that follow what comes, at once, by default 64",
+              store(server.followers))
+        ->group(group);
+    addNumber(app, "--user-followers", {1, 4096}, "of these, of one user, by default half",
+              store(server.followersPerIdentity))
+        ->group(group);
     addNumber(app, "--waiting", {0, 1'000'000}, "requests that may wait for their turn, by default 1024",
               store(server.waiting))
         ->group(group);
@@ -116,6 +128,28 @@ void declareShares(CLI::App& app, HttpServerOptions& server) {
         ->group(group);
     addNumber(app, "--body-rate", {0, mostBytes}, "bytes a second that a body must bring, by default 16384",
               store(server.bodyRate))
+        ->group(group);
+}
+
+/// How slow clients may be.
+void declareTimes(CLI::App& app, HttpServerOptions& server) {
+    constexpr std::uint64_t aDay = 86400;
+    const char* const group = "Slow clients";
+    addNumber(app, "--header-bytes", {1024, std::uint64_t{1} << 20},
+              "bytes that a request's line and fields may have, by default 16384", store(server.headerLimit))
+        ->group(group);
+    addNumber(app, "--handshake-time", {1, aDay}, "seconds for a handshake of TLS, by default 10",
+              storeSeconds(server.handshakeTimeout))
+        ->group(group);
+    addNumber(app, "--header-time", {1, aDay}, "seconds from a request's first byte to its last field, by default 30",
+              storeSeconds(server.headerTimeout))
+        ->group(group);
+    addNumber(app, "--idle-time", {1, aDay}, "seconds that a connection may wait for a request, by default 3600",
+              storeSeconds(server.idleTimeout))
+        ->group(group);
+    addNumber(app, "--write-time", {1, aDay},
+              "seconds in which a client has to take something of its answer, by default 60",
+              storeSeconds(server.writeTimeout))
         ->group(group);
 }
 
@@ -218,6 +252,7 @@ void declareOptions(CLI::App& app, Settings& settings) {
     app.add_flag("--check-config", settings.checkConfig, "say what is wrong with the vocabulary, then end");
     declareRetention(app, settings.keep);
     declareShares(app, settings.server);
+    declareTimes(app, settings.server);
     declareMemory(app, settings);
     addNumber(app, "--deadline", {1, 86400},
               "seconds that a request may take, by default 30; it may ask for less itself",

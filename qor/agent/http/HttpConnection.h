@@ -32,6 +32,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
 #include "agent/http/HttpGzip.h"
+#include "agent/http/HttpLimits.h"
 #include "agent/http/HttpNegotiation.h"
 #include "agent/http/HttpOutgoing.h"
 #include "agent/http/HttpRequestReader.h"
@@ -57,6 +58,8 @@ public:
     virtual void connectionClosed(HttpConnection& connection) = 0;
     /// A client that is no use to the server, nor the server to it: a line in the log, now and then.
     virtual void connectionFailed(const HttpConnection& connection, const std::string& why) = 0;
+    /// A client has met one of its limits.
+    virtual void limitMet(HttpLimit limit) = 0;
 
     /// The connection waits for a request, and may be closed to make room; until it is busy.
     virtual void connectionIdle(HttpConnection& connection) = 0;
@@ -69,8 +72,8 @@ public:
     virtual bool takeBodyMemory(const HttpConnection& connection, std::size_t bytes) = 0;
     virtual void giveBodyMemory(const HttpConnection& connection, std::size_t bytes) = 0;
 
-    /// A worker for a request: turnGranted() or turnExpired() follows. \returns false when too many wait already
-    virtual bool awaitTurn(HttpConnection& connection, HttpLane lane) = 0;
+    /// A worker for a request: turnGranted() or turnExpired() follows, unless there is no room to wait.
+    virtual std::optional<HttpLimit> awaitTurn(HttpConnection& connection, HttpLane lane) = 0;
     virtual void giveTurn(const HttpConnection& connection, HttpLane lane) = 0;
     virtual WorkerPool& workers(HttpLane lane) = 0;
     /// Neither of the two is waited for any more.
@@ -86,23 +89,29 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
 public:
     using Socket = HttpTransport::Protocol::socket;
 
-    /// \param tls null: none is spoken
-    HttpConnection(Socket socket, HttpTransport::Context tls, HttpConnectionOwner& owner)
+    /// \param listener the owner's number of where the client came \param tls null: none is spoken
+    HttpConnection(Socket socket, std::size_t listener, HttpTransport::Context tls, HttpConnectionOwner& owner)
         : m_owner(owner),
+          m_listener(listener),
           m_stream(std::move(socket), std::move(tls)),
           m_peer(peerOf(m_stream.socket().native_handle())),
           m_identity(owner.application().identify(m_peer)),
           m_input(firstRead) {}
 
     const HttpPeer& peer() const noexcept { return m_peer; }
+    std::size_t listener() const noexcept { return m_listener; }
     const HttpIdentity& identity() const noexcept { return m_identity; }
 
     /// Answers that there is no room, as far as the client takes it at once, and ends. In place of start(). A client
     /// that speaks TLS is not answered: to be heard by it, a handshake would have to find room.
-    void turnAway(const std::string& message) {
+    void turnAway(HttpLimit limit) {
+        m_owner.limitMet(limit);
+        const HttpLimitAnswer told = answerTo(limit, m_owner.options());
         if (!m_stream.isSecure())
-            sendPlain("503 Service Unavailable\r\nRetry-After: " + std::to_string(retryAfter),
-                      m_owner.application().errorBody(503, message));
+            sendPlain(std::to_string(told.status) +
+                          (told.status == 429 ? " Too Many Requests" : " Service Unavailable") +
+                          "\r\nRetry-After: " + std::to_string(retryAfter),
+                      m_owner.application().errorBody(told.status, told.message));
         m_closed = true;
         beast::error_code ignored;
         m_stream.socket().close(ignored);
@@ -131,8 +140,11 @@ public:
         m_stream.cancel();
         m_delay.reset();
         m_owner.stopWaiting(*this);
-        if (!m_working) dropRequest();
-        if (!m_working) dropHandler();
+        if (!m_working) {
+            dropRequest();
+            dropHandler();
+            tellEnd(m_broken ? HttpEnd::How::BrokenOff : HttpEnd::How::Gone);
+        }
         if (std::exchange(m_counted, false)) m_owner.requestEnded();
         m_owner.connectionClosed(*this);
     }
@@ -152,7 +164,7 @@ public:
         m_reader->reserveBody(m_bodyMemory);
         sendContinue();
     }
-    void bodyExpired() { turnDown("no memory for the body became free in time"); }
+    void bodyExpired() { end(limited(HttpLimit::BodyMemory)); }
     void turnGranted() {
         m_working = true;
         m_owner.workers(m_plan.lane).post([self = shared_from_this()] {
@@ -160,7 +172,7 @@ public:
             net::post(self->m_stream.get_executor(), [self, reply] { self->onAnswered(std::move(*reply)); });
         });
     }
-    void turnExpired() { turnDown("the request waited too long for its turn; it was not run"); }
+    void turnExpired() { end(limited(m_plan.lane == HttpLane::Streaming ? HttpLimit::Streams : HttpLimit::Deadline)); }
 
 private:
     using Response = http::response<http::string_body>;
@@ -239,9 +251,14 @@ private:
         lingerRaw();
     }
 
-    static std::string handshakeFault(beast::error_code error) {
+    std::string handshakeFault(beast::error_code error) {
+        noteTimeout(error, HttpLimit::HandshakeTime);
         if (error == beast::error::timeout) return "its handshake took too long";
         return "no handshake with it: " + error.message();
+    }
+
+    void noteTimeout(beast::error_code error, HttpLimit limit) {
+        if (error == beast::error::timeout) m_owner.limitMet(limit);
     }
 
     /// As far as the client takes it at once, and past TLS.
@@ -323,6 +340,8 @@ private:
 
     /// A client that says goodbye is given one too, as TLS wants it.
     void onReadFailed(beast::error_code error) {
+        const bool inBody = m_reader->state() == HttpRequestReader::State::Body;
+        noteTimeout(error, m_idle ? HttpLimit::IdleTime : inBody ? HttpLimit::BodyRate : HttpLimit::HeaderTime);
         if (error != net::error::eof || !m_stream.isSecure()) {
             close();
             return;
@@ -349,6 +368,7 @@ private:
         m_begin += size;
         switch (m_reader->state()) {
             case HttpRequestReader::State::Failed:
+                noteRefused(m_reader->failure().status);
                 refuse(m_reader->failure().status, m_reader->failure().message);
                 break;
             case HttpRequestReader::State::HeadDone:
@@ -366,6 +386,11 @@ private:
         }
     }
 
+    void noteRefused(unsigned status) {
+        if (status == 431) m_owner.limitMet(HttpLimit::HeaderBytes);
+        if (status == 413) m_owner.limitMet(HttpLimit::BodyLimit);
+    }
+
     void onHead() {
         m_version = m_reader->version();
         m_keepAlive = m_reader->keepAlive();
@@ -374,11 +399,13 @@ private:
             refuse(503, "the agent is stopping");
             return;
         }
+        m_account.emplace();
         const HttpRequest head = request();
         m_originFields = m_owner.options().origins.fieldsFor(head);
         m_plan = {};
         m_plan.reply = m_owner.options().origins.preflight(head);
         if (!m_plan.reply) m_plan = plan(head);
+        m_account->trace = std::move(m_plan.trace);
         const bool hasBody = !m_reader->bodyLength() || *m_reader->bodyLength() > 0;
         if (m_plan.reply) {
             count();
@@ -414,7 +441,7 @@ private:
         if (length <= m_owner.options().freeBody) {
             sendContinue();
         } else if (!m_owner.awaitBodyMemory(*this, static_cast<std::size_t>(length))) {
-            turnDown("too many bodies wait for memory");
+            end(limited(HttpLimit::BodyMemory));
         }
     }
 
@@ -464,7 +491,7 @@ private:
         if (m_reader->bodyLength() || size <= std::max(m_owner.options().freeBody, m_bodyMemory)) return true;
         const std::size_t more = std::min(std::max(size, m_bodyMemory), m_owner.options().bodyLimit - m_bodyMemory);
         if (!m_owner.takeBodyMemory(*this, more)) {
-            turnDown("there is no memory for the body now");
+            end(limited(HttpLimit::BodyMemory));
             return false;
         }
         m_bodyMemory += more;
@@ -491,9 +518,10 @@ private:
             return;
         }
         m_outgoing.open();
-        if (m_owner.awaitTurn(*this, m_plan.lane)) return;
+        const std::optional<HttpLimit> full = m_owner.awaitTurn(*this, m_plan.lane);
+        if (!full) return;
         dropRequest();
-        write(unavailable("too many requests wait for their turn"));
+        write(limited(*full));
     }
 
     /// The request as far as it has been read. Views into the reader.
@@ -518,6 +546,7 @@ private:
             if (!m_handler) m_handler = m_owner.application().connect(m_peer);
             handled.stream = &stream;
             handled.requester = m_plan.requester.get();
+            handled.trace = m_account->trace.get();
             HttpReply reply = m_handler->handle(handled);
             if (!stream.hasBegun()) {
                 negotiate(handled, reply);
@@ -540,9 +569,11 @@ private:
         dropRequest();
         if (m_closed) {
             dropHandler();
+            tellEnd(HttpEnd::How::Gone);
             return;
         }
         if (!reply) {
+            m_broken = true;
             close();
         } else if (m_streaming) {
             m_streamEnds = true;
@@ -565,16 +596,23 @@ private:
     }
 
     /// The same when it may be tried again.
-    void turnDown(const char* message) { end(unavailable(message)); }
+    void turnDown(const char* message) { end(again({503, m_owner.application().errorBody(503, message)})); }
 
-    HttpReply unavailable(const char* message) const {
-        HttpReply reply{503, m_owner.application().errorBody(503, message)};
+    /// What has no room, for the time being.
+    HttpReply limited(HttpLimit limit) const {
+        m_owner.limitMet(limit);
+        const HttpLimitAnswer told = answerTo(limit, m_owner.options());
+        return again({told.status, m_owner.application().errorBody(told.status, told.message)});
+    }
+
+    static HttpReply again(HttpReply reply) {
         reply.retryAfter = retryAfter;
         return reply;
     }
 
     void end(HttpReply reply) {
         m_keepAlive = false;
+        if (!m_account) m_account.emplace();
         dropRequest();
         if (!m_counted) count();
         write(std::move(reply));
@@ -596,6 +634,8 @@ private:
     // ---- writing ------------------------------------------------------------------------------------------------
     void write(HttpReply reply) {
         m_keepAlive = m_keepAlive && !m_owner.isStopping();
+        m_account->status = reply.status;
+        if (!m_bodyless) m_account->bytes = reply.body.size();
         m_response.emplace(static_cast<http::status>(reply.status), m_version);
         m_response->set(http::field::server, "qor-agent");
         const bool hasContent = reply.status != 204 && reply.status != 304;
@@ -626,6 +666,7 @@ private:
 
     void onWritten(beast::error_code error, std::size_t) {
         if (error) {
+            noteTimeout(error, HttpLimit::WriteTime);
             close();
         } else if (!m_serializer->is_done()) {
             writeSome();
@@ -692,6 +733,7 @@ private:
 
     void beginStream() {
         m_keepAlive = m_keepAlive && !m_owner.isStopping() && m_version >= 11;
+        m_account->status = 200;
         http::response<http::empty_body> head(http::status::ok, m_version);
         head.set(http::field::server, "qor-agent");
         head.set(http::field::content_type, m_streamHead.contentType);
@@ -711,6 +753,7 @@ private:
         m_piece.clear();
         if (m_outgoing.pop(m_piece)) {
             if (m_bodyless) m_piece.clear();
+            m_account->bytes += m_piece.size();
             if (chunked && !m_piece.empty()) m_frame += chunkSize(m_piece.size());
             m_frameEnd = chunked && !m_piece.empty() ? "\r\n" : "";
         } else if (std::exchange(m_streamEnds, false)) {
@@ -749,6 +792,7 @@ private:
 
     void onPieceWritten(beast::error_code error, std::size_t size) {
         if (error) {
+            noteTimeout(error, HttpLimit::WriteTime);
             close();
             return;
         }
@@ -766,7 +810,18 @@ private:
         }
     }
 
+    /// Of the request that has been read or refused last, once.
+    void tellEnd(HttpEnd::How how) {
+        if (!m_account) return;
+        const auto time = std::chrono::steady_clock::now() - m_account->began;
+        m_owner.application().ended(
+            {how, m_account->status, m_account->bytes, std::chrono::duration_cast<std::chrono::microseconds>(time)},
+            m_peer, m_account->trace.get());
+        m_account.reset();
+    }
+
     void onReplied() {
+        tellEnd(HttpEnd::How::Answered);
         m_serializer.reset();
         m_response.reset();
         m_replyMemory.release();
@@ -823,6 +878,7 @@ private:
     }
 
     HttpConnectionOwner& m_owner;
+    const std::size_t m_listener;
     HttpTransport m_stream;
     HttpPeer m_peer;  // does not change behind the handshake
     const HttpIdentity m_identity;
@@ -832,6 +888,14 @@ private:
     std::size_t m_end = 0;
     std::optional<HttpRequestReader> m_reader;  // the worker reads it while m_working
     HttpPlan m_plan;
+    /// What is told of a request at its end.
+    struct Account {
+        std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
+        unsigned status = 0;
+        std::size_t bytes = 0;
+        std::shared_ptr<HttpTrace> trace{};
+    };
+    std::optional<Account> m_account;
     HttpFields m_originFields;                     // of the reply to the present request
     StreamHead m_streamHead;                       // the worker's up to the first piece
     std::unique_ptr<net::steady_timer> m_delay;    // of a reply that comes later
@@ -856,6 +920,7 @@ private:
     bool m_counted = false;
     bool m_closed = false;
     bool m_peerGone = false;
+    bool m_broken = false;
     bool m_streaming = false;   ///< the head of a streamed reply is on its way, its end is not
     bool m_streamEnds = false;  ///< no piece will come behind those that wait
     bool m_writingPiece = false;

@@ -41,8 +41,9 @@ std::size_t atLeastOne(std::size_t number) {
     return std::max<std::size_t>(number, 1);
 }
 
-FairQueueLimits turnLimits(const HttpServerOptions& options, std::size_t workers) {
-    const std::size_t mine = options.requestsPerIdentity == 0 ? workers / 2 : options.requestsPerIdentity;
+/// \param perIdentity 0: half of them
+FairQueueLimits turnLimits(const HttpServerOptions& options, std::size_t workers, std::size_t perIdentity) {
+    const std::size_t mine = perIdentity == 0 ? workers / 2 : perIdentity;
     return {workers, std::clamp<std::size_t>(mine, 1, workers), options.waiting, options.waitingPerIdentity};
 }
 
@@ -73,6 +74,10 @@ HttpPlan HttpApplication::plan(const HttpRequest&, const HttpPeer&) {
     return {};
 }
 
+void HttpApplication::ended(const HttpEnd&, const HttpPeer&, HttpTrace*) {}
+
+HttpTrace::~HttpTrace() = default;
+
 HttpRequester::~HttpRequester() = default;
 HttpClientHandler::~HttpClientHandler() = default;
 HttpApplication::~HttpApplication() = default;
@@ -83,7 +88,10 @@ public:
         : m_options(options),
           m_application(application),
           m_bodies(bodyLimits(options)),
-          m_lanes{Lane(options, atLeastOne(options.threads)), Lane(options, atLeastOne(options.writers))},
+          m_lanes{Lane(options, options.threads, options.requestsPerIdentity),
+                  Lane(options, options.writers, options.requestsPerIdentity),
+                  Lane(options, options.streams, options.streamsPerIdentity),
+                  Lane(options, options.followers, options.followersPerIdentity)},
           m_graceTimer(m_io),
           m_waitingTimer(m_io),
           m_work(m_io.get_executor()) {
@@ -93,8 +101,8 @@ public:
 
     bool run() {
         preferShortWaits();
-        for (const auto& listener : m_listeners)
-            accept(*listener);
+        for (std::size_t number = 0; number < m_listeners.size(); ++number)
+            accept(number);
         for (bool ended = false; !ended;) {
             try {
                 m_io.run();
@@ -119,6 +127,20 @@ public:
     const std::vector<QORAgentAddress>& addresses() const noexcept { return m_addresses; }
     std::size_t connections() const noexcept { return m_count.load(std::memory_order_relaxed); }
 
+    HttpCounts counts() const {
+        HttpCounts counts = m_counts;
+        for (const auto& listener : m_listeners)
+            counts.listeners.push_back({listener->address, listener->open, listener->accepted});
+        for (std::size_t lane = 0; lane < httpLaneCount; ++lane) {
+            const FairQueue<Waiter>& turns = m_lanes[lane].turns;
+            counts.lanes[lane] = {turns.limits().inAll, turns.used(), turns.waiting()};
+        }
+        counts.idle = m_idle.size();
+        counts.bodyMemory = m_bodies.used();
+        counts.bodiesWaiting = m_bodies.waiting();
+        return counts;
+    }
+
     // ---- HttpConnectionOwner
     const HttpServerOptions& options() const override { return m_options; }
     HttpApplication& application() override { return m_application; }
@@ -131,19 +153,22 @@ public:
     void connectionClosed(HttpConnection& connection) override {
         connectionBusy(connection);
         m_connections.erase(&connection);
+        --m_listeners[connection.listener()]->open;
         m_count.store(m_connections.size(), std::memory_order_relaxed);
         const auto account = m_accounts.find(connection.identity().key);
         if (--account->second.connections == 0) m_accounts.erase(account);
     }
     void connectionFailed(const HttpConnection& connection, const std::string& why) override {
         const auto now = std::chrono::steady_clock::now();
-        ++m_failures;
+        ++m_counts.useless;
         if (m_failureTold && now - *m_failureTold < failurePause) return;
         m_failureTold = now;
         const HttpPeer& peer = connection.peer();
         logMessage(1, module, sourcePath, "connectionFailed", "a client%s%s is left: %s (%zu such clients so far)",
-                   peer.overTcp ? " at " : "", peer.address.c_str(), why.c_str(), m_failures);
+                   peer.overTcp ? " at " : "", peer.address.c_str(), why.c_str(),
+                   static_cast<std::size_t>(m_counts.useless));
     }
+    void limitMet(HttpLimit limit) override { ++m_counts.met(limit); }
     void connectionIdle(HttpConnection& connection) override {
         auto& idle = m_accounts[connection.identity().key].idle;
         m_idle[&connection] = idle.insert(idle.end(), &connection);
@@ -171,13 +196,17 @@ public:
         grantBodies();
     }
 
-    bool awaitTurn(HttpConnection& connection, HttpLane lane) override {
+    std::optional<HttpLimit> awaitTurn(HttpConnection& connection, HttpLane lane) override {
         FairQueue<Waiter>& turns = m_lanes[indexOf(lane)].turns;
-        const auto until = std::chrono::steady_clock::now() + m_options.deadline;
-        if (!turns.enter(connection.identity().key, connection.shared_from_this(), 1, until)) return false;
+        const std::string& key = connection.identity().key;
+        const Waiter waiter = connection.shared_from_this();
+        if (!turns.enter(key, waiter, 1, std::chrono::steady_clock::now() + m_options.deadline))
+            return turns.waiting() >= turns.limits().waitingInAll ? HttpLimit::Waiting : HttpLimit::UserWaiting;
         grantTurns(turns);
+        if (lane == HttpLane::Following && turns.remove(key, waiter))
+            return turns.used() >= turns.limits().inAll ? HttpLimit::Followers : HttpLimit::UserFollowers;
         watchWaiting();
-        return true;
+        return std::nullopt;
     }
     void giveTurn(const HttpConnection& connection, HttpLane lane) override {
         FairQueue<Waiter>& turns = m_lanes[indexOf(lane)].turns;
@@ -205,8 +234,8 @@ private:
     };
 
     struct Lane {
-        Lane(const HttpServerOptions& options, std::size_t threads)
-            : turns(turnLimits(options, threads)), workers(threads) {}
+        Lane(const HttpServerOptions& options, std::size_t threads, std::size_t perIdentity)
+            : turns(turnLimits(options, atLeastOne(threads), perIdentity)), workers(atLeastOne(threads)) {}
         FairQueue<Waiter> turns;
         WorkerPool workers;
     };
@@ -217,6 +246,9 @@ private:
         net::steady_timer pause;               ///< after a connection that could not be accepted
         std::unique_ptr<LocalListener> names;  ///< of a unix socket
         bool secure = false;
+        std::string address{};
+        std::size_t open = 0;
+        std::uint64_t accepted = 0;
     };
 
     /// The connections of an identity.
@@ -305,18 +337,25 @@ private:
              net::steady_timer(m_io), nullptr, secure});
     }
 
-    void add(Listener listener) { m_listeners.push_back(std::make_unique<Listener>(std::move(listener))); }
+    void add(Listener listener) {
+        const QORAgentAddress& address = m_addresses.back();
+        listener.address = address.isUnix() ? "unix:" + address.path : address.text();
+        m_listeners.push_back(std::make_unique<Listener>(std::move(listener)));
+    }
 
-    void accept(Listener& listener) {
-        listener.acceptor.async_accept([this, &listener](beast::error_code error, HttpConnection::Socket socket) {
+    void accept(std::size_t number) {
+        Listener& listener = *m_listeners[number];
+        listener.acceptor.async_accept([this, number](beast::error_code error, HttpConnection::Socket socket) {
             if (m_stopping) return;
             if (error) {
-                acceptLater(listener, error);
+                acceptLater(number, error);
                 return;
             }
-            welcome(std::make_shared<HttpConnection>(
-                std::move(socket), listener.secure ? m_options.certificates->current() : nullptr, *this));
-            accept(listener);
+            Listener& from = *m_listeners[number];
+            ++from.accepted;
+            welcome(std::make_shared<HttpConnection>(std::move(socket), number,
+                                                     from.secure ? m_options.certificates->current() : nullptr, *this));
+            accept(number);
         });
     }
 
@@ -324,15 +363,16 @@ private:
         const HttpIdentity& identity = connection->identity();
         const std::size_t mine = connectionsOf(identity.key);
         if (mine >= m_options.connectionsPerIdentity && !closeIdleOf(identity.key)) {
-            connection->turnAway("this user has " + std::to_string(mine) + " connections, and all of them are busy");
+            connection->turnAway(HttpLimit::UserConnections);
             return;
         }
         if (m_connections.size() >= room(identity) && !makeRoom(identity.key)) {
-            connection->turnAway("all " + std::to_string(m_options.maxConnections) + " connections are in use");
+            connection->turnAway(HttpLimit::Connections);
             return;
         }
         ++m_accounts[identity.key].connections;
         m_connections.insert(connection.get());
+        ++m_listeners[connection->listener()]->open;
         m_count.store(m_connections.size(), std::memory_order_relaxed);
         connection->start();
     }
@@ -366,12 +406,13 @@ private:
         return true;
     }
 
-    void acceptLater(Listener& listener, beast::error_code error) {
+    void acceptLater(std::size_t number, beast::error_code error) {
+        Listener& listener = *m_listeners[number];
         logMessage(1, module, sourcePath, "accept", "cannot accept a connection: %s", error.message().c_str());
         makeRoom({});
         listener.pause.expires_after(acceptPause);
-        listener.pause.async_wait([this, &listener](beast::error_code cancelled) {
-            if (!cancelled && !m_stopping) accept(listener);
+        listener.pause.async_wait([this, number](beast::error_code cancelled) {
+            if (!cancelled && !m_stopping) accept(number);
         });
     }
 
@@ -466,7 +507,7 @@ private:
     std::unordered_map<HttpConnection*, std::list<HttpConnection*>::iterator> m_idle;
     std::atomic<std::size_t> m_count{0};
     std::size_t m_inFlight = 0;
-    std::size_t m_failures = 0;  ///< clients that were of no use
+    HttpCounts m_counts;  // what is counted up; the rest is looked at when it is asked for
     std::optional<std::chrono::steady_clock::time_point> m_failureTold;
     bool m_granting = false;
     bool m_watching = false;
@@ -495,6 +536,10 @@ const std::vector<QORAgentAddress>& HttpServer::addresses() const noexcept {
 
 std::size_t HttpServer::connections() const noexcept {
     return m_impl->connections();
+}
+
+HttpCounts HttpServer::counts() const {
+    return m_impl->counts();
 }
 
 }  // namespace QOR

@@ -10,6 +10,7 @@
 
 #include "QORCommon/QORAgentAddress.h"
 #include "agent/http/HttpCertificates.h"
+#include "agent/http/HttpLimits.h"
 #include "agent/http/HttpOrigins.h"
 #include "agent/http/HttpTypes.h"
 
@@ -23,7 +24,11 @@ struct HttpServerOptions {
 
     std::size_t threads = 16;              ///< requests that are answered at once
     std::size_t writers = 4;               ///< requests of the writing lane, beside those
-    std::size_t requestsPerIdentity = 0;   ///< of one identity that are answered at once; 0: half of the threads
+    std::size_t streams = 8;               ///< answers of any size that are made at once, beside those
+    std::size_t followers = 64;            ///< requests that go on until their clients leave, beside those
+    std::size_t requestsPerIdentity = 0;   ///< of one identity that are answered at once; 0: half of them
+    std::size_t streamsPerIdentity = 0;    ///< likewise
+    std::size_t followersPerIdentity = 0;  ///< likewise
     std::size_t waitingPerIdentity = 256;  ///< of one identity that wait for their turn; more are turned down
     std::size_t waiting = 1024;            ///< in all that wait for their turn
 
@@ -55,7 +60,7 @@ struct HttpServerOptions {
 ///
 /// Clients share by identity, not by connection: identities take turns for workers and for the memory of large bodies,
 /// none may have all of either, and when there are too many connections the longest idle one of whoever has the most
-/// is closed. What finds no room is answered 503 with Retry-After.
+/// is closed. What finds no room is answered 503, or 429 where it is the identity's own doing, with Retry-After.
 class HttpServer {
 public:
     /// Takes the sockets; clients may connect from now on and are served by run().
@@ -81,6 +86,8 @@ public:
 
     /// Open connections. Any thread.
     std::size_t connections() const noexcept;
+    /// The server's own thread: while it asks the application.
+    HttpCounts counts() const;
 
 private:
     class Impl;

@@ -72,6 +72,28 @@ struct HttpRequester {
     virtual ~HttpRequester();
 };
 
+/// What the application keeps of one request: made in plan(), written while it is handled, read in ended(). By one
+/// thread at a time.
+struct HttpTrace {
+    HttpTrace() = default;
+    HttpTrace(const HttpTrace&) = delete;
+    HttpTrace& operator=(const HttpTrace&) = delete;
+    virtual ~HttpTrace();
+};
+
+/// What became of a request.
+struct HttpEnd {
+    enum class How : std::uint8_t {
+        Answered,   ///< the whole reply has left
+        BrokenOff,  ///< the application could not end a reply that had begun
+        Gone,       ///< the client left, or took nothing any more, before the end
+    };
+    How how = How::Answered;
+    unsigned status = 0;                ///< of the reply; 0: there was none
+    std::size_t bytes = 0;              ///< of the reply's body, as they went over the wire
+    std::chrono::microseconds time{0};  ///< since its head had been read
+};
+
 /// A request. Views are valid during the call that is handed the request.
 struct HttpRequest {
     std::string_view method;
@@ -80,6 +102,7 @@ struct HttpRequest {
     std::string_view body{};
     std::span<const HttpField> fields{};
     const HttpRequester* requester = nullptr;  ///< from the request's plan
+    HttpTrace* trace = nullptr;                ///< likewise; while it is handled
     HttpReplyStream* stream = nullptr;  ///< for a reply that is not to be in memory as a whole; while it is handled
 
     /// The first field of that name, which is matched without regard to case; empty when there is none.
@@ -100,10 +123,12 @@ struct HttpReply {
 
 /// Workers that a request waits for. What waits for one lane does not hold up another.
 enum class HttpLane : std::uint8_t {
-    Reading,  ///< asks only
-    Writing,  ///< stores something, and may wait for others that do
+    Reading,    ///< asks only
+    Writing,    ///< stores something, and may wait for others that do
+    Streaming,  ///< asks for an answer of any size, which its client may take slowly
+    Following,  ///< goes on until its client leaves; never waits for its turn, but is turned down at once
 };
-constexpr std::size_t httpLaneCount = 2;
+constexpr std::size_t httpLaneCount = 4;
 
 /// What becomes of a request, decided from its head.
 struct HttpPlan {
@@ -111,6 +136,7 @@ struct HttpPlan {
     std::optional<HttpReply> reply{};    ///< given in place of asking a handler; the body is not looked at
     std::chrono::milliseconds delay{0};  ///< before that reply, which holds up nobody else
     std::shared_ptr<const HttpRequester> requester{};  ///< for the handler
+    std::shared_ptr<HttpTrace> trace{};                ///< likewise, and for ended()
 };
 
 /// The application's side of one connection. Made when the connection is accepted and destroyed when it has closed;
@@ -142,6 +168,11 @@ public:
     virtual HttpPlan plan(const HttpRequest& head, const HttpPeer& peer);
     /// The body of a reply that the server itself gives (an error of the protocol, a refusal).
     virtual std::string errorBody(unsigned status, std::string_view message) = 0;
+
+    /// A request is over: called on the server's thread, which must not wait. Also for what is refused because it is no
+    /// HTTP, or because the server is stopping.
+    /// \param trace null where plan() was not asked, or made none
+    virtual void ended(const HttpEnd& end, const HttpPeer& peer, HttpTrace* trace);
 
 protected:
     HttpApplication() = default;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <system_error>
 #include <utility>
 
 namespace QOR {
@@ -69,13 +70,15 @@ void preferShortWaits() noexcept {
     askForSlice(0, shortSlice);
 }
 
-WorkerPool::WorkerPool(std::size_t threads) {
+WorkerPool::WorkerPool(std::size_t threads) : m_most(threads) {
     mayGiveWay();
-    m_threads.reserve(threads);
-    for (std::size_t number = 0; number < threads; ++number) {
-        Worker& worker = m_workers.emplace_back();
-        m_threads.emplace_back([this, &worker] { work(worker); });
-    }
+    addThread();
+}
+
+/// With m_mutex held, once there is another thread.
+void WorkerPool::addThread() {
+    Worker& worker = m_workers.emplace_back();
+    m_threads.emplace_back([this, &worker] { work(worker); });
 }
 
 WorkerPool::~WorkerPool() {
@@ -86,6 +89,12 @@ void WorkerPool::post(Task task) {
     {
         const std::lock_guard lock(m_mutex);
         m_tasks.push_back(std::move(task));
+        try {
+            if (m_tasks.size() > m_free && m_threads.size() < m_most) addThread();
+        } catch (const std::system_error&) {
+            // The system gives no more threads; those that there are take the task.
+            m_workers.pop_back();
+        }
     }
     m_changed.notify_one();
 }
@@ -102,6 +111,7 @@ void WorkerPool::join() {
 
 void WorkerPool::attendToLongTasks() noexcept {
     const Clock::time_point now = Clock::now();
+    const std::lock_guard all(m_mutex);
     for (Worker& worker : m_workers) {
         const std::lock_guard lock(worker.mutex);
         if (!worker.isBusy || worker.isLong || now - worker.since < longTask) continue;
@@ -127,7 +137,9 @@ void WorkerPool::work(Worker& worker) {
     preferShortWaits();
     for (;;) {
         std::unique_lock lock(m_mutex);
+        ++m_free;
         m_changed.wait(lock, [this] { return !m_tasks.empty() || m_ending; });
+        --m_free;
         if (m_tasks.empty()) return;
         const Task task = std::move(m_tasks.front());
         m_tasks.pop_front();

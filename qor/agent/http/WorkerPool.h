@@ -17,7 +17,8 @@ namespace QOR {
 /// threads whose work is short and waited for; where the system knows no such wish, nothing happens.
 void preferShortWaits() noexcept;
 
-/// A fixed number of threads. Tasks begin in the order in which they were posted. Thread-safe, but for join().
+/// Threads up to a number, each made when there is a task and none to take it. Tasks begin in the order in which they
+/// were posted. Thread-safe, but for join().
 ///
 /// While a task is short its thread has preferShortWaits(); one that takes long gives way to others until its end, as
 /// far as the system lets it come back from there, so that long tasks do not hold up short ones when there are more
@@ -26,6 +27,7 @@ class WorkerPool {
 public:
     using Task = std::function<void()>;
 
+    /// \param threads at most; one of them is there from the beginning
     explicit WorkerPool(std::size_t threads);
     /// As join().
     ~WorkerPool();
@@ -51,16 +53,19 @@ private:
         Clock::time_point since{};
     };
 
+    void addThread();
     void work(Worker& worker);
     static void begin(Worker& worker) noexcept;
     static void end(Worker& worker) noexcept;
 
+    const std::size_t m_most;
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::deque<Task> m_tasks;  // guarded by m_mutex
-    bool m_ending = false;     // guarded by m_mutex
-    std::deque<Worker> m_workers;
-    std::vector<std::thread> m_threads;
+    std::deque<Task> m_tasks;            // guarded by m_mutex
+    bool m_ending = false;               // guarded by m_mutex
+    std::size_t m_free = 0;              // guarded by m_mutex; threads that wait for tasks
+    std::deque<Worker> m_workers;        // guarded by m_mutex
+    std::vector<std::thread> m_threads;  // guarded by m_mutex
 };
 
 }  // namespace QOR

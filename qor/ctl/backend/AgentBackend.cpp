@@ -201,7 +201,8 @@ public:
     /// The seconds after which the agent, which did nothing for this request, wants to be asked again.
     std::optional<std::uint64_t> retryAfter() const {
         const auto& head = m_parser.get();
-        if (head.result() != http::status::service_unavailable) return std::nullopt;
+        if (head.result() != http::status::service_unavailable && head.result() != http::status::too_many_requests)
+            return std::nullopt;
         const auto seconds = head[http::field::retry_after];
         return readPlainNumber({seconds.data(), seconds.size()}, {0, std::numeric_limits<std::uint32_t>::max()});
     }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
+#include <deque>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -63,6 +64,8 @@ public:
         if (head.path == "/now") plan.reply = HttpReply{200, "now"};
         if (head.path == "/no") plan.reply = HttpReply{404, "no"};
         if (head.path.starts_with("/write")) plan.lane = HttpLane::Writing;
+        if (head.path.starts_with("/follow")) plan.lane = HttpLane::Following;
+        if (head.path.starts_with("/stream")) plan.lane = HttpLane::Streaming;
         return plan;
     }
     std::unique_ptr<HttpClientHandler> connect(const HttpPeer& peer) override {
@@ -86,6 +89,24 @@ public:
         return m_handled;
     }
 
+    void ended(const HttpEnd& end, const HttpPeer&, HttpTrace*) override {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_ends.push_back(end);
+        m_changed.notify_all();
+    }
+    /// What became of the next request; waits for its end.
+    HttpEnd nextEnd() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return !m_ends.empty(); });
+        const HttpEnd end = m_ends.front();
+        m_ends.pop_front();
+        return end;
+    }
+    bool hasNoEnd() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_ends.empty();
+    }
+
     Gate gate;
     std::atomic<int> connected{0};
     std::atomic<int> gone{0};
@@ -99,7 +120,7 @@ private:
         HttpReply handle(const HttpRequest& request) override {
             ++m_requests;
             m_application.note(std::string(request.path));
-            if (request.path == "/wait" || request.path == "/write/wait") m_application.gate.pass();
+            if (request.path.ends_with("/wait")) m_application.gate.pass();
             if (request.path == "/throw") throw std::runtime_error("thrown");
             if (request.path == "/big") return {200, std::string(std::stoul(std::string(request.body)), 'b')};
             if (request.path == "/number") return {200, std::to_string(m_requests)};
@@ -128,6 +149,8 @@ private:
     std::mutex m_mutex;
     HttpIdentity m_identity{"tester", true};
     std::vector<std::string> m_handled;
+    std::deque<HttpEnd> m_ends;
+    std::condition_variable m_changed;
 };
 
 /// What clients reach the server over: each test holds over all of them, and runs once over each.

@@ -36,9 +36,9 @@ protected:
         return client;
     }
 
-    /// Asks over and over until the server says that somebody waits there.
-    static void expectUnavailable(const HttpAnswer& answer, const char* text) {
-        EXPECT_EQ(answer.status, 503);
+    /// \param status 429 where it is his own doing
+    static void expectUnavailable(const HttpAnswer& answer, const char* text, int status = 503) {
+        EXPECT_EQ(answer.status, status);
         EXPECT_EQ(answer.headers.at("retry-after"), "1");
         EXPECT_THAT(answer.body, HasSubstr(text));
     }
@@ -127,7 +127,7 @@ TEST_F(HttpSharingTest, MoreThanMayWaitAreTurnedDownAndMayTryAgain) {
         connectAs("y");
     }
     HttpClient third = connectAs("a");
-    expectUnavailable(third.get("/third"), "too many requests wait");
+    expectUnavailable(third.get("/third"), "too many requests of this user wait for their turn (--user-waiting)", 429);
     EXPECT_EQ(third.get("/now").status, 200) << "its connection goes on";
     EXPECT_EQ(connectAs("b").get("/b").status, 200) << "others are not concerned";
     application.gate.open();
@@ -205,7 +205,8 @@ TEST_F(HttpSharingTest, AConnectionBeyondThatFindsNobodyIdleIsTurnedAway) {
     application.setIdentity({"a", false});
     HttpClient third = connect();
     third.send(HttpClient::compose("GET", "/third"));
-    expectUnavailable(third.receive(), "this user has 2 connections");
+    expectUnavailable(third.receive(), "this user has 2 connections, and all of them are busy (--user-connections)",
+                      429);
     EXPECT_TRUE(third.isClosed());
     half.send("\r\n");
     application.gate.open();
@@ -309,7 +310,7 @@ TEST_F(HttpSharingTest, AChunkedBodyTakesMemoryAsItGrowsOrIsTurnedDown) {
         half.send("POST /half HTTP/1.1\r\nContent-Length: 900000\r\n\r\nx");
         HttpClient client = connectAs("a");
         client.send(head + chunk + chunk + chunk);
-        expectUnavailable(client.receive(), "there is no memory for the body now");
+        expectUnavailable(client.receive(), "no memory for the body became free in time");
         EXPECT_TRUE(client.isClosed());
     }
     HttpClient client = connectAs("a");

@@ -6,7 +6,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <future>
+#include <mutex>
+#include <set>
 #include <vector>
 
 namespace QOR {
@@ -25,6 +28,36 @@ TEST(WorkerPool, TasksBeginInTheirOrderAndAllAreRun) {
     }
     ASSERT_EQ(ran.size(), 100U);
     EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+}
+
+TEST(WorkerPool, ThereAreAsManyThreadsAsTasksThatRunAndNoMoreThanMayBe) {
+    constexpr int most = 4;
+    WorkerPool pool(most);
+    std::promise<void> gate;
+    const std::shared_future<void> open = gate.get_future().share();
+    std::mutex mutex;
+    std::condition_variable changed;
+    int running = 0;
+    std::set<int> threads;
+    for (int number = 0; number < 2 * most; ++number) {
+        pool.post([&] {
+            {
+                const std::lock_guard lock(mutex);
+                ++running;
+                threads.insert(static_cast<int>(::gettid()));
+            }
+            changed.notify_all();
+            open.wait();
+        });
+    }
+    {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return running == most; });
+    }
+    gate.set_value();
+    pool.join();
+    EXPECT_EQ(running, 2 * most);
+    EXPECT_EQ(threads.size(), static_cast<std::size_t>(most));
 }
 
 TEST(WorkerPool, ALongTaskGivesWayAndItsThreadComesBack) {

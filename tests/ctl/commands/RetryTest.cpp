@@ -38,7 +38,7 @@ protected:
             EXPECT_EQ(HttpClient(m_agent.socketPath()).get("/v1/health").status, 200);
         }
         const HttpAnswer refused = HttpClient(m_agent.socketPath()).post("/v1/messages", select("small"));
-        EXPECT_EQ(refused.status, 503);
+        EXPECT_EQ(refused.status, 429);
         EXPECT_EQ(refused.headers.at("retry-after"), "1");
     }
     CtlResult run(Words arguments, std::string_view input = {}) const {
@@ -75,7 +75,7 @@ TEST_F(BusyAgent, ItIsAskedAFewTimesAndNoMore) {
     occupy("3600000");
     const CtlResult result = run({"select", "--view", "small", "-f", "i"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr("too many requests wait for their turn"));
+    EXPECT_THAT(result.err, HasSubstr("too many requests of this user wait for their turn"));
 }
 
 /// Lines have answers of any size, as single requests have.
