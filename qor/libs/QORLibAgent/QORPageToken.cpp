@@ -191,9 +191,9 @@ std::string urlBytes(std::string_view text) {
     return std::move(*bytes);
 }
 
-/// How many rows, from where on, and how they are counted.
+/// How many rows, from where on, when, and how they are counted.
 bool differsFromPageToPage(QORTag tag) noexcept {
-    constexpr std::array<QORTag, 5> such{tag::limit, tag::after, tag::count, tag::deadline, tag::statistics};
+    constexpr std::array<QORTag, 6> such{tag::limit, tag::after, tag::count, tag::deadline, tag::statistics, tag::now};
     return std::find(such.begin(), such.end(), tag) != such.end();
 }
 

@@ -65,6 +65,7 @@ constexpr FixedName fixedNames[] = {
     {tag::count, "count"},
     {tag::deadline, "deadline"},
     {tag::exact, "exact"},
+    {tag::now, "now"},
     {tag::next, "next"},
     {tag::exactness, "exactness"},
     {tag::changed, "changed"},

@@ -137,7 +137,7 @@ TEST(Question, IsTheSameHoweverItsPagesAreAskedFor) {
     const std::string digest = digestOf(R"([1740,[[1009,"vOpLog"],[1741,"id"]]])");
     for (const char* same : {
              R"([1740,[[1009,"vOpLog"],[1741,"id"],[1377,[[1024,"20"],[1087,"3"]]]]])",
-             R"([1740,[[2402,"x"],[1009,"vOpLog"],[2403,"exact"],[1741,"id"],[2404,"100"],[1259]]])",
+             R"([1740,[[2402,"x"],[1009,"vOpLog"],[2403,"exact"],[1741,"id"],[2404,"100"],[2406,"7"],[1259]]])",
          })
         EXPECT_EQ(digestOf(same), digest) << same;
 }

@@ -31,8 +31,8 @@ TEST(Tags, NumbersOfTheContract) {
         {2227, "gt"},         {2228, "ge"},       {2229, "lt"},         {2230, "le"},      {2231, "like"},
         {2232, "between"},    {2233, "is_null"},  {2234, "in"},         {2235, "and"},     {2236, "or"},
         {2237, "not"},        {2293, "distinct"}, {2301, "escape"},     {2401, "ordered"}, {2402, "after"},
-        {2403, "count"},      {2404, "deadline"}, {2405, "exact"},      {2411, "next"},    {2412, "exactness"},
-        {2413, "changed"},    {2414, "most"},     {2415, "spent"},
+        {2403, "count"},      {2404, "deadline"}, {2405, "exact"},      {2406, "now"},     {2411, "next"},
+        {2412, "exactness"},  {2413, "changed"},  {2414, "most"},       {2415, "spent"},
     };
     for (const auto& row : table) {
         EXPECT_EQ(dictionary().find(row.name), row.id) << row.name;
