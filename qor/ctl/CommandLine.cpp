@@ -113,6 +113,8 @@ private:
 
     /// Everywhere the same variables, so that the options may stand before the command or behind it.
     void addConnection(CLI::App& app, bool stores) {
+        app.add_flag_callback(
+            "-q,--quiet", [] { setQuiet(true); }, "no notes beside what is asked for");
         const char* const group = "Connection";
         app.add_option("--socket", m_connection.socket, "the agent's socket (default: this user's agent's)")
             ->group(group);
@@ -152,6 +154,11 @@ private:
                "-o,--output", [&print](const std::string& name) { print.form = findRowForm(name); }, help)
             ->check(CLI::IsMember(names))
             ->type_name("FORMAT");
+        app.add_option("--template", print.pattern,
+                       "a line for each row, filled in: '{time}\\t{op}'; {{ and }} are braces")
+            ->type_name("PATTERN")
+            ->excludes("--output");
+        app.add_flag("--no-header{false}", print.header, "no line of names above the rows");
         addNumber(app, "--width", {0, mostColumns},
                   "columns that a table may take, 0 for any number, by default the terminal's",
                   [&print](std::uint64_t columns) { print.width = columns; });

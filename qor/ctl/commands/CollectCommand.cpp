@@ -49,9 +49,8 @@ void runCollect(const ConnectionOptions& connection) {
     bool interrupted = false;
     const QORCollectResult result = connection.standalone ? collectHere(*backend, interrupted) : backend->collect({});
     for (const std::string& file : result.unreadable)
-        tellPerson("note: " + file);
-    if (result.malformed > 0)
-        tellPerson("note: " + std::to_string(result.malformed) + " lines of the package log make no sense");
+        tellNote(file);
+    if (result.malformed > 0) tellNote(std::to_string(result.malformed) + " lines of the package log make no sense");
     FileOutput out(STDOUT_FILENO);
     out << describeCounts(result.stored);
     out.flush();

@@ -21,6 +21,8 @@ namespace QOR {
 struct PrintOptions {
     const RowForm* form = &rowForms().front();
     std::optional<std::size_t> width;  ///< of tables; absent: the terminal's, none where there is no terminal
+    bool header = true;
+    std::optional<std::string> pattern{};  ///< in place of the form, see makeTemplatePrinter()
 };
 
 struct RequestOptions {

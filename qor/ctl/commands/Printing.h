@@ -12,13 +12,17 @@
 namespace QOR {
 
 /// A printer onto standard output's buffer, fitted to the terminal where there is one.
-std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out);
+std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out, ColumnKinds kinds = {});
+
+/// Whether numbers of the output look other than texts, so that it has to be known which columns hold some.
+bool tellsKinds(const PrintOptions& print);
 
 /// Asks, and prints what is answered onto standard output, counts that the form has no place for beside it.
 /// \param columns in the order in which they were asked for; empty: as the answer has them
+/// \param kinds of columns, where tellsKinds()
 /// \throws CtlError AnsweredError when the answer holds an error; the rows before it are printed then
 void printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
-                 std::vector<std::string> columns = {});
+                 std::vector<std::string> columns = {}, ColumnKinds kinds = {});
 
 /// Tells a client that stands for no environment so: its answers lack rows, and nothing else would say why.
 /// \param client what --client says; empty: oneself
@@ -26,5 +30,10 @@ void tellOfNoEnvironment(Backend& backend, const std::vector<std::string>& clien
 
 /// A line to standard error, behind "qorctl: ".
 void tellPerson(std::string_view text);
+
+/// The same for what a person may like to know, unless he wants no notes.
+void tellNote(std::string_view text);
+/// For the whole process, before the command runs.
+void setQuiet(bool quiet) noexcept;
 
 }  // namespace QOR

@@ -1,7 +1,9 @@
 #include <memory>
+#include <utility>
 
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "filter/FilterNames.h"
 #include "rows/FilterSpelling.h"
 #include "rows/RowsAdvice.h"
 
@@ -19,11 +21,13 @@ void runRows(const ConnectionOptions& connection, const RowsOptions& asked, cons
     QORRequestEnvelope request = makeRowsRequest(options);
     writeRequest(request, json);
     for (const std::string& note : adviseOnRows(options))
-        tellPerson("note: " + note);
+        tellNote(note);
 
     if (!backend) backend = makeBackend(connection, BackendUse::Ask);
+    ColumnKinds kinds;
+    if (tellsKinds(print)) kinds = FilterNames(backend->vocabulary()).kindsOf(options.fields);
     tellOfNoEnvironment(*backend, options.client);
-    printAnswer(*backend, json, print, options.count);
+    printAnswer(*backend, json, print, options.count, {}, std::move(kinds));
 }
 
 }  // namespace QOR

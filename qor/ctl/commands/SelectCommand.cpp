@@ -42,12 +42,17 @@ void runSelect(const ConnectionOptions& connection, const SelectOptions& options
         makeSelectRequest(options, currentTime(),
                           [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
     for (const std::string& note : request.notes)
-        tellPerson("note: " + note);
+        tellNote(note);
     std::string json;
     writeRequest(request.envelope, json);
 
     tellOfNoEnvironment(backend.get(), options.client);
-    printAnswer(backend.get(), json, print, options.count, std::move(request.columns));
+    ColumnKinds kinds;
+    for (const QORQueryField& field : request.fields) {
+        if (!tellsKinds(print)) break;
+        kinds[field.column] = columnKindOf(field, backend.typeOf(options.view, field.column));
+    }
+    printAnswer(backend.get(), json, print, options.count, std::move(request.columns), std::move(kinds));
 }
 
 }  // namespace QOR

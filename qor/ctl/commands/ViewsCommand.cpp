@@ -36,7 +36,7 @@ void runViews(const ConnectionOptions& connection, const ViewsOptions& options) 
     requireAll(options.views, columns);
 
     FileOutput out(STDOUT_FILENO);
-    const auto printer = makePrinter(options.print, false, out);
+    const auto printer = makePrinter(options.print, false, out, {{"length", QORColumnKind::Integer}});
     const std::array<std::string, 4> names{"view", "column", "type", "length"};
     printer->begin(names);
     for (const QORViewColumn& column : columns) {

@@ -135,6 +135,17 @@ std::vector<std::string_view> FilterNames::nearest(std::string_view name) const 
     return names;
 }
 
+std::map<std::string, QORColumnKind, std::less<>> FilterNames::kindsOf(const std::vector<std::string>& names) const {
+    std::map<std::string, QORColumnKind, std::less<>> kinds;
+    for (const std::string& name : names) {
+        const QORField* const field = find(name);
+        if (field == nullptr || field->isMulty()) continue;
+        if (field->valueType == TValueType::Integer) kinds[name] = QORColumnKind::Integer;
+        if (field->valueType == TValueType::Time) kinds[name] = QORColumnKind::Time;
+    }
+    return kinds;
+}
+
 std::string FilterNames::spell(std::string_view name) const {
     if (const QORField* const field = find(name)) return field->name;
     // Parameters that a source looks for by name are known whole; of others the prefix is.

@@ -3,6 +3,8 @@
 /// names or lists fields asks here, so that no two of them disagree.
 #pragma once
 
+#include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,6 +12,7 @@
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORPager/QORExpressionEvaluation.h"
 #include "QORPager/QORFieldSet.h"
+#include "QORQuery/QORColumnKind.h"
 
 namespace QOR {
 
@@ -29,6 +32,8 @@ public:
     std::string describe(std::string_view name) const;
     /// The declared names that one could have meant by an undeclared one, the nearest first, at most three.
     std::vector<std::string_view> nearest(std::string_view name) const;
+    /// What the fields of these names hold, for those that are known to hold one value that is no text.
+    std::map<std::string, QORColumnKind, std::less<>> kindsOf(const std::vector<std::string>& names) const;
     /// The name as the operator spells it, as far as it is known; any other as it is.
     std::string spell(std::string_view name) const;
 

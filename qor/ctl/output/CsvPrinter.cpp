@@ -1,5 +1,7 @@
 #include "output/CsvPrinter.h"
 
+#include <algorithm>
+
 #include "QORCommon/QORText.h"
 
 namespace QOR {
@@ -24,9 +26,24 @@ void appendField(std::string_view text, std::string& out) {
     out += '"';
 }
 
+void appendEscaped(std::string_view text, std::string& out) {
+    constexpr std::string_view special = "\\\t\n\r";
+    constexpr std::string_view letters = "\\tnr";
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t next = std::min(text.find_first_of(special, at), text.size());
+        out += text.substr(at, next - at);
+        if (next < text.size()) {
+            out += '\\';
+            out += letters[special.find(text[next])];
+        }
+        at = next + 1;
+    }
+}
+
 }  // namespace
 
 void CsvPrinter::begin(std::span<const std::string> names) {
+    if (!m_header) return;
     std::string& buffer = m_out.buffer();
     for (std::size_t at = 0; at < names.size(); ++at) {
         if (at > 0) buffer += ',';
@@ -51,5 +68,30 @@ void CsvPrinter::row(std::span<const Cell> cells) {
 }
 
 void CsvPrinter::end(const std::optional<RowCounts>&) {}
+
+void TsvPrinter::begin(std::span<const std::string> names) {
+    if (!m_header) return;
+    std::string& buffer = m_out.buffer();
+    for (std::size_t at = 0; at < names.size(); ++at) {
+        if (at > 0) buffer += '\t';
+        appendEscaped(names[at], buffer);
+    }
+    buffer += '\n';
+}
+
+void TsvPrinter::row(std::span<const Cell> cells) {
+    std::string& buffer = m_out.buffer();
+    for (std::size_t at = 0; at < cells.size(); ++at) {
+        if (at > 0) buffer += '\t';
+        if (cells[at].kind == Cell::Kind::Null)
+            buffer += "\\N";
+        else if (cells[at].kind == Cell::Kind::Binary)
+            appendBase64(cells[at].bytes, buffer);
+        else
+            appendEscaped(cells[at].bytes, buffer);
+    }
+    buffer += '\n';
+    m_out.settle();
+}
 
 }  // namespace QOR

@@ -1,5 +1,6 @@
 #include "output/JsonPrinter.h"
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORText.h"
 
 namespace QOR {
@@ -11,6 +12,32 @@ void appendBinary(std::string_view bytes, std::string& out) {
     out += "\"}";
 }
 
+/// Whether JSON has a number that is spelled so: -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
+bool isJsonNumber(std::string_view text) {
+    std::size_t at = 0;
+    const auto digits = [&] {
+        const std::size_t from = at;
+        while (at < text.size() && isDigitChar(text[at]))
+            ++at;
+        return at - from;
+    };
+    const auto take = [&](std::string_view any) {
+        const bool is = at < text.size() && any.find(text[at]) != std::string_view::npos;
+        at += is ? 1 : 0;
+        return is;
+    };
+    take("-");
+    const bool zero = at < text.size() && text[at] == '0';
+    const std::size_t whole = digits();
+    if (whole == 0 || (zero && whole > 1)) return false;
+    if (take(".") && digits() == 0) return false;
+    if (take("eE")) {
+        take("+-");
+        if (digits() == 0) return false;
+    }
+    return at == text.size();
+}
+
 }  // namespace
 
 void appendJsonText(std::string_view text, std::string& out) {
@@ -20,31 +47,62 @@ void appendJsonText(std::string_view text, std::string& out) {
         appendBinary(text, out);
 }
 
-void JsonPrinter::begin(std::span<const std::string> names) {
+void appendJsonValue(const Cell& cell, QORColumnKind kind, std::string& out) {
+    const bool mayBeNumber = kind == QORColumnKind::Integer || kind == QORColumnKind::Number;
+    if (cell.kind == Cell::Kind::Null)
+        out += "null";
+    else if (cell.kind == Cell::Kind::Binary)
+        appendBinary(cell.bytes, out);
+    else if (mayBeNumber && isJsonNumber(cell.bytes))
+        out += cell.bytes;
+    else
+        appendJsonText(cell.bytes, out);
+}
+
+std::vector<QORColumnKind> kindsOf(std::span<const std::string> names, const ColumnKinds& kinds) {
+    std::vector<QORColumnKind> found;
+    for (const std::string& name : names) {
+        const auto known = kinds.find(name);
+        found.push_back(known == kinds.end() ? QORColumnKind::Text : known->second);
+    }
+    return found;
+}
+
+void JsonObjects::begin(std::span<const std::string> names, const ColumnKinds& kinds) {
+    m_kinds = kindsOf(names, kinds);
     for (const std::string& name : names) {
         std::string member;
         // A member's name is a string in any case; what is not UTF-8 is shown as people see it.
         appendJsonString(isUtf8(name) ? name : quoteText(name), member);
         m_members.push_back(member + ":");
     }
+}
+
+void JsonObjects::append(std::span<const Cell> cells, std::string& out) const {
+    out += '{';
+    for (std::size_t at = 0; at < cells.size(); ++at) {
+        if (at > 0) out += ',';
+        out += m_members[at];
+        appendJsonValue(cells[at], m_kinds[at], out);
+    }
+    out += '}';
+}
+
+void JsonPrinter::begin(std::span<const std::string> names) {
+    m_objects.begin(names, m_kinds);
     m_out << (m_withCounts ? "{\"rows\":[" : "[");
 }
 
 void JsonPrinter::row(std::span<const Cell> cells) {
-    std::string& buffer = m_out.buffer();
-    buffer += m_any ? ",\n{" : "\n{";
+    m_out.buffer() += m_any ? ",\n" : "\n";
     m_any = true;
-    for (std::size_t at = 0; at < cells.size(); ++at) {
-        if (at > 0) buffer += ',';
-        buffer += m_members[at];
-        if (cells[at].kind == Cell::Kind::Null)
-            buffer += "null";
-        else if (cells[at].kind == Cell::Kind::Binary)
-            appendBinary(cells[at].bytes, buffer);
-        else
-            appendJsonText(cells[at].bytes, buffer);
-    }
-    buffer += '}';
+    m_objects.append(cells, m_out.buffer());
+    m_out.settle();
+}
+
+void NdjsonPrinter::row(std::span<const Cell> cells) {
+    m_objects.append(cells, m_out.buffer());
+    m_out.buffer() += '\n';
     m_out.settle();
 }
 

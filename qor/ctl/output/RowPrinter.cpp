@@ -7,24 +7,34 @@
 #include "output/JsonPrinter.h"
 #include "output/TablePrinter.h"
 #include "output/XmlPrinter.h"
+#include "output/YamlPrinter.h"
 
 namespace QOR {
 namespace {
 
+template <class Printer>
+std::unique_ptr<RowSink> make(const RowPrinterOptions& options, Output& out) {
+    return std::make_unique<Printer>(options, out);
+}
+
 constexpr RowForm forms[] = {
     {.name = "table",
      .makePrinter = [](const RowPrinterOptions& options, Output& out) -> std::unique_ptr<RowSink> {
-         return std::make_unique<TablePrinter>(options.width, out);
+         return std::make_unique<TablePrinter>(options.width, options.header, out);
      }},
-    {.name = "json",
+    {.name = "wide",
      .makePrinter = [](const RowPrinterOptions& options, Output& out) -> std::unique_ptr<RowSink> {
-         return std::make_unique<JsonPrinter>(options.counts, out);
+         return std::make_unique<TablePrinter>(0, options.header, out);
      }},
-    {.name = "csv",
+    {.name = "record",
      .makePrinter = [](const RowPrinterOptions&, Output& out) -> std::unique_ptr<RowSink> {
-         return std::make_unique<CsvPrinter>(out);
-     },
-     .holdsCounts = false},
+         return std::make_unique<RecordPrinter>(out);
+     }},
+    {.name = "json", .makePrinter = make<JsonPrinter>, .tellsKinds = true},
+    {.name = "ndjson", .makePrinter = make<NdjsonPrinter>, .holdsCounts = false, .tellsKinds = true},
+    {.name = "csv", .makePrinter = make<CsvPrinter>, .holdsCounts = false},
+    {.name = "tsv", .makePrinter = make<TsvPrinter>, .holdsCounts = false},
+    {.name = "yaml", .makePrinter = make<YamlPrinter>, .holdsCounts = false, .tellsKinds = true},
     {.name = "xml",
      .makePrinter = [](const RowPrinterOptions&, Output& out) -> std::unique_ptr<RowSink> {
          return std::make_unique<XmlPrinter>(out);

@@ -4,12 +4,15 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "QORQuery/QORColumnKind.h"
 #include "output/Output.h"
 
 namespace QOR {
@@ -37,9 +40,14 @@ public:
     virtual void end(const std::optional<RowCounts>& counts) = 0;
 };
 
+/// What is known of columns by their names in the answer; of all others, that they hold texts.
+using ColumnKinds = std::map<std::string, QORColumnKind, std::less<>>;
+
 struct RowPrinterOptions {
     std::size_t width = 0;  ///< columns of the terminal that tables are fitted to; 0 cuts nothing
     bool counts = false;    ///< counts were asked for: JSON is then an object that holds them beside the rows
+    bool header = true;     ///< a line of names above the rows, where the form has one
+    ColumnKinds kinds{};    ///< for forms that tell numbers from texts
 };
 
 /// A form that rows are printed in.
@@ -49,21 +57,33 @@ struct RowForm {
     std::unique_ptr<RowSink> (*makePrinter)(const RowPrinterOptions& options, Output& out);
     bool holdsCounts = true;  ///< else counts are told beside it, so that nothing but rows is in the output
     bool isAnswer = false;    ///< the answer itself: its columns stand where the answer has them
+    bool tellsKinds = false;  ///< numbers look other than texts
 };
 
 /// All forms, the first of which is taken when nobody says which. They live as long as the process.
 ///
 /// - Table: aligned columns, numbers to the right, a null as "-"; what would disturb a terminal is made visible and
 ///   what does not fit is cut. Widths are settled by the first 10,000 rows. Counts stand beneath.
-/// - Json: an array with an object a row; values are texts as the answer has them, null is null, binary values and
-///   texts that are not UTF-8 are {"base64":"..."}. With counts {"rows":[...],"count":n,"total":m}.
+/// - Wide: the same, nothing cut.
+/// - Record: a field a line, name and value, an empty line between rows; nothing is cut.
+/// - Json: an array with an object a row; numbers are numbers, everything else is a text as the answer has it, null is
+///   null, binary values and texts that are not UTF-8 are {"base64":"..."}. With counts
+///   {"rows":[...],"count":n,"total":m}.
+/// - Ndjson: such an object a line. Counts stand beside it.
 /// - Csv: RFC 4180 with a header line; a null is an empty field, an empty text "", binary values are base64. Counts
-/// stand
-///   beside it.
+///   stand beside it.
+/// - Tsv: tabs between fields; backslash, tab, line feed and carriage return as \\, \t, \n, \r, a null as \N, binary
+///   values as base64. Counts stand beside it.
+/// - Yaml: a list with a mapping a row, values as in JSON, binary ones tagged !!binary. Counts stand beside it.
 /// - Xml: the answer's row set in the XML form of messages, an element of it a line.
 std::span<const RowForm> rowForms();
 /// \returns the form of that name, null when there is none
 const RowForm* findRowForm(std::string_view name);
+/// A printer that fills a pattern in for each row: {NAME} becomes the column's value (nothing for a null), {{ and }}
+/// are braces, \\n, \\t and \\\\ what they are in C; a line ends behind each row unless the pattern ends with \\n
+/// itself. \throws CtlError BadUsage for a pattern that is not well formed, and from begin() for a column that is not
+/// there
+std::unique_ptr<RowSink> makeTemplatePrinter(std::string_view pattern, Output& out);
 
 /// "10 of 400 rows".
 std::string describeCounts(const RowCounts& counts);

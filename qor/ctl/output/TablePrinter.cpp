@@ -24,6 +24,16 @@ void appendHex(std::string_view bytes, std::string& out) {
     if (bytes.size() > binaryBytesShown) out += "...";
 }
 
+void renderCell(const Cell& cell, std::string& value) {
+    value.clear();
+    if (cell.kind == Cell::Kind::Null)
+        value = nullSign;
+    else if (cell.kind == Cell::Kind::Binary)
+        appendHex(cell.bytes, value);
+    else
+        appendVisible(cell.bytes, value);
+}
+
 void appendPadded(std::string_view text, std::size_t width, bool right, std::string& out) {
     const std::size_t taken = textWidth(text);
     const std::size_t blanks = taken < width ? width - taken : 0;
@@ -42,23 +52,15 @@ void TablePrinter::begin(std::span<const std::string> names) {
     for (const std::string& name : names) {
         Column column;
         appendVisible(name, column.name);
-        column.width = textWidth(column.name);
+        column.width = m_header ? textWidth(column.name) : 0;
         m_columns.push_back(std::move(column));
     }
     m_values.resize(m_columns.size());
 }
 
 void TablePrinter::render(std::span<const Cell> cells) {
-    for (std::size_t at = 0; at < cells.size(); ++at) {
-        std::string& value = m_values[at];
-        value.clear();
-        if (cells[at].kind == Cell::Kind::Null)
-            value = nullSign;
-        else if (cells[at].kind == Cell::Kind::Binary)
-            appendHex(cells[at].bytes, value);
-        else
-            appendVisible(cells[at].bytes, value);
-    }
+    for (std::size_t at = 0; at < cells.size(); ++at)
+        renderCell(cells[at], m_values[at]);
 }
 
 void TablePrinter::row(std::span<const Cell> cells) {
@@ -79,7 +81,7 @@ void TablePrinter::row(std::span<const Cell> cells) {
 void TablePrinter::settleColumns() {
     m_settled = true;
     m_blocks = !fitColumns();
-    if (!m_blocks) printHeader();
+    if (!m_blocks && m_header) printHeader();
     printHeldRows();
 }
 
@@ -177,8 +179,35 @@ void TablePrinter::end(const std::optional<RowCounts>& counts) {
     if (!m_settled) settleColumns();
     if (counts)
         m_out << (m_rows > 0 ? "\n" : "") << describeCounts(*counts) << "\n";
-    else if (m_rows == 0 && !m_columns.empty())
+    else if (m_rows == 0 && !m_columns.empty() && m_header)
         m_out << "no rows\n";
+}
+
+void RecordPrinter::begin(std::span<const std::string> names) {
+    std::size_t widest = 0;
+    for (const std::string& name : names) {
+        appendVisible(name, m_names.emplace_back());
+        widest = std::max(widest, textWidth(m_names.back()));
+    }
+    for (std::string& name : m_names)
+        name.append(widest - textWidth(name) + gap.size(), ' ');
+}
+
+void RecordPrinter::row(std::span<const Cell> cells) {
+    if (m_any) m_out.buffer() += '\n';
+    m_any = true;
+    for (std::size_t at = 0; at < cells.size(); ++at) {
+        renderCell(cells[at], m_value);
+        const std::size_t begin = m_out.buffer().size();
+        m_out.buffer().append(m_names[at]).append(m_value);
+        m_out.buffer().erase(std::max(begin, m_out.buffer().find_last_not_of(' ') + 1));
+        m_out.buffer() += '\n';
+    }
+    m_out.settle();
+}
+
+void RecordPrinter::end(const std::optional<RowCounts>& counts) {
+    if (counts) m_out << (m_any ? "\n" : "") << describeCounts(*counts) << "\n";
 }
 
 }  // namespace QOR

@@ -15,7 +15,7 @@ namespace QOR {
 class TablePrinter final : public RowSink {
 public:
     /// \param width columns to fit into, 0 for as many as are needed
-    TablePrinter(std::size_t width, Output& out) : m_width(width), m_out(out) {}
+    TablePrinter(std::size_t width, bool header, Output& out) : m_width(width), m_header(header), m_out(out) {}
     void begin(std::span<const std::string> names) override;
     void row(std::span<const Cell> cells) override;
     void end(const std::optional<RowCounts>& counts) override;
@@ -38,6 +38,7 @@ private:
     bool alignsRight(const Column& column) const { return column.numbers && column.any; }
 
     std::size_t m_width;
+    bool m_header;
     Output& m_out;
     std::vector<Column> m_columns;
     std::vector<std::string> m_held;  ///< rendered values of the rows held back, row by row
@@ -46,6 +47,21 @@ private:
     bool m_settled = false;
     bool m_blocks = false;
     bool m_anyBlock = false;
+};
+
+/// A field a line, whole, and an empty line between rows.
+class RecordPrinter final : public RowSink {
+public:
+    explicit RecordPrinter(Output& out) : m_out(out) {}
+    void begin(std::span<const std::string> names) override;
+    void row(std::span<const Cell> cells) override;
+    void end(const std::optional<RowCounts>& counts) override;
+
+private:
+    Output& m_out;
+    std::vector<std::string> m_names;  ///< padded to one width
+    std::string m_value;
+    bool m_any = false;
 };
 
 }  // namespace QOR

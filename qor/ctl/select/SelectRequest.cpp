@@ -40,6 +40,7 @@ public:
         addPage(m_at, m_options.limit, m_options.offset);
         if (m_options.count) addFlag(tag::statistics);
         addClient();
+        m_request.fields = std::move(m_fields);
         return std::move(m_request);
     }
 

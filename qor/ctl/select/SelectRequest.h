@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORMessage/QORNotation.h"
+#include "QORQuery/QORQueryField.h"
 #include "QORQuery/QORStoredForm.h"
 
 namespace QOR {
@@ -30,8 +31,9 @@ struct SelectOptions {
 /// A request, and how its answer is put before the person.
 struct SelectRequest {
     QORRequestEnvelope envelope;
-    std::vector<std::string> columns;  ///< names of the answer's columns in the order they were asked for
-    std::vector<std::string> notes;    ///< what the person should know about the request
+    std::vector<std::string> columns;   ///< names of the answer's columns in the order they were asked for
+    std::vector<QORQueryField> fields;  ///< what each of them holds
+    std::vector<std::string> notes;     ///< what the person should know about the request
 };
 
 /// The client that --client describes; empty when nothing is given.

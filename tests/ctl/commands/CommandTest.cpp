@@ -86,6 +86,34 @@ TEST_P(Command, SelectPrintsATable) {
               "2 of 3 rows\n");
 }
 
+TEST_P(Command, RowsComeInTheFormThatIsAskedFor) {
+    const auto select = [&](std::vector<std::string> form) {
+        std::vector<std::string> arguments{"select", "--view", "vOpLog",  "-f",       "id",
+                                           "-f",     "status", "--where", "id <> 'c'"};
+        arguments.insert(arguments.end(), form.begin(), form.end());
+        return outputOf(arguments);
+    };
+    EXPECT_EQ(select({"-o", "ndjson", "--sort", "id"}), "{\"id\":\"a\",\"status\":0}\n{\"id\":\"b\",\"status\":7}\n");
+    EXPECT_EQ(select({"-o", "yaml", "--sort", "id"}), "- id: a\n  status: 0\n- id: b\n  status: 7\n");
+    EXPECT_EQ(select({"-o", "tsv", "--sort", "id"}), "id\tstatus\na\t0\nb\t7\n");
+    EXPECT_EQ(select({"-o", "tsv", "--sort", "id", "--no-header"}), "a\t0\nb\t7\n");
+    EXPECT_EQ(select({"--no-header", "--sort", "id"}), "a  0\nb  7\n");
+    EXPECT_EQ(select({"-o", "record", "--sort", "id"}), "id      a\nstatus  0\n\nid      b\nstatus  7\n");
+    EXPECT_EQ(select({"--template", "{status}: {id}", "--sort", "id"}), "0: a\n7: b\n");
+    EXPECT_EQ(outputOf({"rows", "-f", "pager.op_log.status", "-o", "ndjson", "--limit", "1"}),
+              "{\"pager.op_log.status\":0}\n");
+}
+
+TEST_P(Command, QuietTellsNothingBesideTheRows) {
+    const std::vector<std::string> arguments{"select", "--view", "vOpLog", "-f", "id", "--client", "none", "-o", "csv"};
+    EXPECT_THAT(run(arguments).err, HasSubstr("note: "));
+    std::vector<std::string> quiet = arguments;
+    quiet.emplace_back("-q");
+    const CtlResult result = run(quiet);
+    EXPECT_EQ(result.out, "id\r\n");
+    EXPECT_EQ(result.err, "");
+}
+
 TEST_P(Command, SelectTakesEveryPartOfARequest) {
     EXPECT_EQ(
         outputOf({"select", "--view", "VOPLOG", "-f", "id", "--where",
@@ -94,7 +122,7 @@ TEST_P(Command, SelectTakesEveryPartOfARequest) {
     EXPECT_EQ(outputOf({"select", "--view", "vOpLog", "-f", "op", "--distinct", "--sort", "op", "-o", "csv"}),
               "op\r\ninstall\r\nremove\r\n");
     EXPECT_EQ(outputOf({"select", "--view", "vOpLog", "-f", "op", "-f", "count(id)", "--sort", "-op", "-o", "json"}),
-              "[\n{\"op\":\"remove\",\"id\":\"1\"},\n{\"op\":\"install\",\"id\":\"2\"}\n]\n");
+              "[\n{\"op\":\"remove\",\"id\":1},\n{\"op\":\"install\",\"id\":2}\n]\n");
     EXPECT_EQ(outputOf({"select", "--view", "vOpLog", "-f", "id", "--sort=id", "--offset", "1", "-o", "csv"}),
               "id\r\nb\r\nc\r\n");
     EXPECT_EQ(outputOf({"select", "--view", "vEnvironment", "-f", "hostname", "--where",
@@ -531,7 +559,7 @@ TEST_F(Standalone, BadUsageIsToldApart) {
         {{"select", "-f", "a"}, "--view is required"},
         {{"select", "--view", "v"}, "--field is required"},
         {{"select", "--view", "v", "-f", "a", "--bad"}, "--bad"},
-        {{"select", "--view", "v", "-f", "a", "-o", "yaml"}, "yaml"},
+        {{"select", "--view", "v", "-f", "a", "-o", "yml"}, "yml"},
         {{"select", "--view", "v", "-f", "a", "--limit", "x"}, "--limit"},
         {{"select", "--view", "v", "-f", "a", "--limit", "-1"}, "--limit must lie between 0 and 2147483647"},
         {{"select", "--view", "v", "-f", "a", "--where", "a = )"}, "\n  a = )\n      ^\n"},

@@ -1,10 +1,12 @@
 // What rows look like in each form.
 #include "output/RowPrinter.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "output/TextWidth.h"
+#include "process/CtlError.h"
 
 namespace QOR {
 namespace {
@@ -19,15 +21,29 @@ const Cell null{};
 
 using Rows = std::vector<std::vector<Cell>>;
 
-std::string printed(std::string_view form, const std::vector<std::string>& names, const Rows& rows,
-                    const std::optional<RowCounts>& counts = std::nullopt, std::size_t width = 0) {
+std::string print(const std::function<std::unique_ptr<RowSink>(Output&)>& makePrinter,
+                  const std::vector<std::string>& names, const Rows& rows, const std::optional<RowCounts>& counts) {
     TextOutput out;
-    const auto printer = findRowForm(form)->makePrinter({width, counts.has_value()}, out);
+    const auto printer = makePrinter(out);
     printer->begin(names);
     for (const auto& row : rows)
         printer->row(row);
     printer->end(counts);
     return out.text();
+}
+
+std::string printedWith(const RowPrinterOptions& options, std::string_view form, const std::vector<std::string>& names,
+                        const Rows& rows, const std::optional<RowCounts>& counts = std::nullopt) {
+    return print([&](Output& out) { return findRowForm(form)->makePrinter(options, out); }, names, rows, counts);
+}
+
+std::string filledIn(std::string_view pattern, const std::vector<std::string>& names, const Rows& rows) {
+    return print([&](Output& out) { return makeTemplatePrinter(pattern, out); }, names, rows, std::nullopt);
+}
+
+std::string printed(std::string_view form, const std::vector<std::string>& names, const Rows& rows,
+                    const std::optional<RowCounts>& counts = std::nullopt, std::size_t width = 0) {
+    return printedWith({width, counts.has_value()}, form, names, rows, counts);
 }
 
 std::string table(const std::vector<std::string>& names, const Rows& rows, std::size_t width = 0) {
@@ -122,6 +138,43 @@ TEST(Table, CountsStandBeneath) {
     EXPECT_EQ(printed("table", {"a"}, {}), "a\n-\nno rows\n");
 }
 
+TEST(Table, WithoutHeaderHasRowsAlone) {
+    EXPECT_EQ(printedWith({.header = false}, "table", {"a long name", "b"}, {{text("1"), text("x")}}), "1  x\n");
+    EXPECT_EQ(printedWith({.header = false}, "table", {"a"}, {}), "");
+}
+
+TEST(Wide, IsATableOfWhichNothingIsCut) {
+    const std::string longText(500, 'x');
+    EXPECT_EQ(printed("wide", {"a"}, {{text(longText)}}, std::nullopt, 20),
+              "a\n" + std::string(500, '-') + "\n" + longText + "\n");
+}
+
+TEST(Record, HasAFieldALineAndAnEmptyLineBetweenRows) {
+    EXPECT_EQ(printed("record", {"id", "a name"}, {{text("1"), text("x\ny")}, {null, text("")}}, RowCounts{2, 9}, 10),
+              "id      1\n"
+              "a name  x\\ny\n"
+              "\n"
+              "id      -\n"
+              "a name\n"
+              "\n"
+              "2 of 9 rows\n");
+    EXPECT_EQ(printed("record", {"a"}, {}), "");
+}
+
+TEST(Csv, WithoutHeaderBeginsWithTheFirstRow) {
+    EXPECT_EQ(printedWith({.header = false}, "csv", {"a"}, {{text("x")}}), "x\r\n");
+}
+
+TEST(Tsv, IsALineARowWhateverTheValuesHold) {
+    EXPECT_EQ(printed("tsv", {"a", "b\tc"},
+                      {{text("x\ty\n\r\\"), null}, {text(""), binary("\xFF")}, {text("\\N"), text("\xC3\xA9")}}),
+              "a\tb\\tc\n"
+              "x\\ty\\n\\r\\\\\t\\N\n"
+              "\t/w==\n"
+              "\\\\N\t\xC3\xA9\n");
+    EXPECT_EQ(printedWith({.header = false}, "tsv", {"a"}, {{text("x")}}), "x\n");
+}
+
 TEST(Csv, IsExact) {
     EXPECT_EQ(printed("csv", {"a", "b,c", "q\"q"},
                       {{text("plain"), text("a,b"), text("say \"hi\"")},
@@ -145,6 +198,78 @@ TEST(Json, IsExact) {
         "{\"a\":\"\\\"\\n\\t\\r\",\"b\\\"c\":{\"base64\":\"/w==\"}},\n"
         "{\"a\":\"\\u0001\\u001f\\\\/\xE2\x80\xA8\",\"b\\\"c\":{\"base64\":\"/w==\"}}\n]\n");
     EXPECT_EQ(printed("json", names, {}), "[]\n");
+}
+
+const ColumnKinds numbers{
+    {"n", QORColumnKind::Integer}, {"size", QORColumnKind::Integer}, {"d", QORColumnKind::Number}};
+
+TEST(Json, NumbersAreNumbersAsTheyAreSpelled) {
+    EXPECT_EQ(printedWith({.kinds = numbers}, "json", {"n", "d", "t"},
+                          {{text("9223372036854775807"), text("-0.5e+300"), text("12")},
+                           {null, text("0"), text("")},
+                           {text("-1"), text("1E5"), null}}),
+              "[\n{\"n\":9223372036854775807,\"d\":-0.5e+300,\"t\":\"12\"},\n"
+              "{\"n\":null,\"d\":0,\"t\":\"\"},\n"
+              "{\"n\":-1,\"d\":1E5,\"t\":null}\n]\n");
+}
+
+TEST(Json, WhatIsNoNumberOfJsonIsATextAmongNumbers) {
+    for (const std::string value : {"", "-", "NaN", "Infinity", "01", "-01", "1.", ".5", "1e", "1e+", "+1", " 1", "1 ",
+                                    "0x10", "1,5", "1.5.5", "--1"})
+        EXPECT_EQ(printedWith({.kinds = numbers}, "ndjson", {"d"}, {{text(value)}}), "{\"d\":\"" + value + "\"}\n");
+}
+
+TEST(Ndjson, IsAnObjectALine) {
+    EXPECT_EQ(printedWith({.kinds = numbers}, "ndjson", {"n", "t"}, {{text("1"), text("a\nb")}, {null, binary("\xFF")}},
+                          RowCounts{2, 2}),
+              "{\"n\":1,\"t\":\"a\\nb\"}\n"
+              "{\"n\":null,\"t\":{\"base64\":\"/w==\"}}\n");
+    EXPECT_EQ(printed("ndjson", {"a"}, {}), "");
+}
+
+TEST(Yaml, IsAListOfMappings) {
+    EXPECT_EQ(printedWith({.kinds = numbers}, "yaml", {"size", "some text"},
+                          {{text("1"), text("web-1.example")}, {null, text("a: b")}, {text("NaN"), binary("\xFF")}}),
+              "- size: 1\n"
+              "  \"some text\": web-1.example\n"
+              "- size: null\n"
+              "  \"some text\": \"a: b\"\n"
+              "- size: \"NaN\"\n"
+              "  \"some text\": !!binary \"/w==\"\n");
+    EXPECT_EQ(printed("yaml", {"a"}, {}), "[]\n");
+}
+
+TEST(Yaml, TextsThatMeanSomethingElseAreQuoted) {
+    for (const std::string value :
+         {"no",  "Yes",        "NULL", "true", "off", "y",  "~",  "1",  "-1", "1.5", "",    "- a", "#x",
+          "a b", "2024-05-01", "0x1f", ".inf", "*a",  "&a", "!a", "%a", "@a", "a:",  "[a]", "{a}"})
+        EXPECT_EQ(printed("yaml", {"t"}, {{text(value)}}), "- t: \"" + value + "\"\n");
+    EXPECT_EQ(printed("yaml", {"t"}, {{text("a\x7f\xC2\x85\xC2\xA0\n\"")}}), "- t: \"a\\x7F\\x85\xC2\xA0\\n\\\"\"\n");
+    EXPECT_EQ(printed("yaml", {"t"}, {{text("\xFF")}}), "- t: !!binary \"/w==\"\n");
+}
+
+TEST(Template, IsFilledInForEachRow) {
+    const Rows rows{{text("install"), text("tar"), null}, {text("a{b}"), binary("\xFF"), text("2")}};
+    const std::vector<std::string> names{"op", "package", "n"};
+    EXPECT_EQ(filledIn("{op}\\t{{{package}}}\\\\{n}", names, rows), "install\t{tar}\\\na{b}\t{/w==}\\2\n");
+    EXPECT_EQ(filledIn("{op}\\n\\n", names, rows), "install\n\na{b}\n\n");
+    EXPECT_EQ(filledIn("", names, rows), "\n\n");
+}
+
+TEST(Template, MistakesAreNamed) {
+    const auto mistake = [](std::string_view pattern) {
+        try {
+            return filledIn(pattern, {"op", "n"}, {});
+        } catch (const CtlError& error) {
+            EXPECT_EQ(error.exit(), CtlExit::BadUsage);
+            return std::string(error.what());
+        }
+    };
+    EXPECT_EQ(mistake("{op"), "--template: the } is missing behind {op");
+    EXPECT_EQ(mistake("op}"), "--template: a } that ends nothing (}} is a brace)");
+    EXPECT_EQ(mistake("\\x"), "--template: \\x means nothing; there are \\n, \\t and \\\\");
+    EXPECT_EQ(mistake("{x}"), "--template: the answer has no column \"x\"; it has op, n");
+    EXPECT_EQ(mistake("\\"), "--template: a \\ at the end means nothing; there are \\n, \\t and \\\\");
 }
 
 TEST(Json, CountsStandBesideTheRows) {
