@@ -45,7 +45,8 @@ QOR_API QORPageToken openPageToken(std::string_view text);
 QOR_API void preparePageTokens();
 
 /// A text that stands for the question that a select element asks: all of it, but for how many rows are wanted, from
-/// where on, how they are counted and when that was, which may differ from page to page. \param select stands on the select element
+/// where on, how they are counted and when that was, which may differ from page to page. \param select stands on the
+/// select element
 QOR_API std::string questionDigest(const QORBinaryIterator& select);
 
 }  // namespace QOR
