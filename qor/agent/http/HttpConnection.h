@@ -158,6 +158,11 @@ public:
         turnDown("the agent is stopping");
     }
 
+    /// The same for a request that would never end by itself.
+    void endFollowing() {
+        if (m_plan.lane == HttpLane::Following) endRequest();
+    }
+
     // ---- What the owner calls when something that was waited for has come, or has not.
     void bodyGranted(std::size_t bytes) {
         m_bodyMemory += bytes;

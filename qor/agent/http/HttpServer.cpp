@@ -298,8 +298,10 @@ private:
         });
     }
 
+    /// Those that follow wait for nothing, and take long in any case.
     bool isAnythingToWatch() const {
-        return m_bodies.waiting() > 0 || std::any_of(m_lanes.begin(), m_lanes.end(), [](const Lane& lane) {
+        const auto last = m_lanes.begin() + indexOf(HttpLane::Following);
+        return m_bodies.waiting() > 0 || std::any_of(m_lanes.begin(), last, [](const Lane& lane) {
                    return lane.turns.waiting() > 0 || lane.turns.used() > 0;
                });
     }
@@ -432,6 +434,8 @@ private:
             if (!cancelled) abandon();
         });
         logMessage(2, module, sourcePath, "stop", "stopping; %zu requests are in flight", m_inFlight);
+        for (HttpConnection* connection : connectionsNow())
+            connection->endFollowing();
         finishWhenIdle();
     }
 

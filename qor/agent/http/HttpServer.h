@@ -77,8 +77,9 @@ public:
     /// the process should end without waiting for it
     bool run();
 
-    /// No new connections; requests that run are finished and answered, later ones on open connections get 503. The
-    /// second call ends the grace, the third waits for nothing. Any thread may call it.
+    /// No new connections; requests that run are finished and answered, those that follow are told to end, later ones
+    /// on open connections get 503. The second call ends the grace, the third waits for nothing. Any thread may call
+    /// it.
     void stop();
 
     /// Where it listens, in the order of the options, with the ports that were taken. Any thread.
