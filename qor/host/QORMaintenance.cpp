@@ -17,6 +17,7 @@
 #include "QORDBSchema/QORSchemaRows.h"
 #include "QORDBSchema/QORStoredDocuments.h"
 #include "QORLibAgent/QORLogCheck.h"
+#include "QORLibAgent/QORRecordChanges.h"
 #include "QORServers/QORServers.h"
 #include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -269,9 +270,24 @@ void checkTouched(const Place& place, bool mend, Findings& findings) {
         {std::to_string(stray) + " rows of qor_operation_environment differ from their operation", mend});
 }
 
+/// A number that was given out already would be that of another change.
+void checkSequence(const Place& place, bool mend, Findings& findings) {
+    constexpr const char* behind =
+        "SELECT coalesce((SELECT max(n + last - first) FROM qor_record_change), 0) - (SELECT n FROM qor_record_number)";
+    if (place.reading([](ASSession& session) { return readNumber(session, behind); }) <= 0) return;
+    if (mend) {
+        place.writing([](ASSession& session) {
+            session.execute(
+                "UPDATE qor_record_number SET n = (SELECT max(c.n + c.last - c.first) FROM qor_record_change c)");
+        });
+    }
+    findings.push_back({"the sequence of changed records is longer than its number tells", mend});
+}
+
 Findings checkCounters(const Place& place, bool mend) {
     Findings findings;
     checkTouched(place, mend, findings);
+    checkSequence(place, mend, findings);
     for (const QORLogKind kind : {QORLogKind::Operations, QORLogKind::Events}) {
         checkTimes(place, kind, mend, findings);
         const auto wrong = place.reading([&](ASSession& session) { return findMiscountedScopes(session, kind); });
@@ -403,6 +419,11 @@ QORPruneStep pruneTable(const Place& place, const std::string& table, std::int64
     return step;
 }
 
+/// What tells of records that are no more is of no use to anybody.
+void trimSequence(const Place& place) {
+    place.writing(trimRecordChanges);
+}
+
 /// One after the other. A server that cannot be reached keeps no other from being done; it is told of when nothing else
 /// is left to do.
 QORPruneStep pruneEverywhere(const std::string& table, std::int64_t before) {
@@ -413,6 +434,7 @@ QORPruneStep pruneEverywhere(const std::string& table, std::int64_t before) {
             const QORPruneStep step = pruneTable(place, table, before);
             all.done += step.done;
             all.more = step.more;
+            if (!step.more) trimSequence(place);
         } catch (const AException&) {
             if (!failure) failure = std::current_exception();
         }
@@ -623,6 +645,7 @@ void pruneLogs(const QORRetentionOptions& options, const std::stop_token& stop) 
     if (options.seconds) keepAge(*options.seconds, stop);
     if (options.records) keepRecords(*options.records, stop);
     if (options.bytes) keepBytes(*options.bytes, stop);
+    forAll(withRecords(), trimSequence);
     bool gave = false;
     while (!stop.stop_requested()) {
         const QORPruneStep step = giveSpaceBack();
@@ -633,19 +656,22 @@ void pruneLogs(const QORRetentionOptions& options, const std::stop_token& stop) 
 }
 
 QORRetention::QORRetention(const QORRetentionOptions& options) {
-    if (!options.any()) return;
+    if (QORRdbms::instance().options().readOnly) return;
     m_thread = std::jthread([options](const std::stop_token& stop) {
         std::mutex mutex;
         std::condition_variable_any woken;
         std::unique_lock lock(mutex);
+        const std::chrono::minutes pause(options.any() ? 1 : 60);
+        // Who has just started has better things to do.
+        if (!options.any()) woken.wait_for(lock, stop, pause, [] { return false; });
         while (!stop.stop_requested()) {
             try {
-                pruneLogs(options, stop);
+                options.any() ? pruneLogs(options, stop) : forAll(withRecords(), trimSequence);
             } catch (const std::exception& failure) {
                 logMessage(1, "QORHost", sourcePath, "QORRetention", "old records could not be removed: %s",
                            failure.what());
             }
-            woken.wait_for(lock, stop, std::chrono::minutes(1), [] { return false; });
+            woken.wait_for(lock, stop, pause, [] { return false; });
         }
     });
 }

@@ -56,7 +56,9 @@ struct QORRetentionOptions {
 /// \throws AException
 void pruneLogs(const QORRetentionOptions& options, const std::stop_token& stop);
 
-/// Prunes the logs at once and then every minute, for as long as it lives. What fails is logged, and tried again.
+/// Prunes the logs at once and then every minute, for as long as it lives; where they may hold everything, it only
+/// looks after the sequence of changed records, every hour. Does nothing to a database that is only read. What fails is
+/// logged, and tried again.
 class QORRetention {
 public:
     explicit QORRetention(const QORRetentionOptions& options);

@@ -9,6 +9,7 @@
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/QORDBSchema.h"
+#include "QORLibAgent/QORChangeWatch.h"
 #include "QORLibAgent/QOREnvCache.h"
 #include "QORServers/QORServers.h"
 #include "ingest/LineReader.h"
@@ -226,6 +227,7 @@ private:
             m_result.failure = QORIngestFailure{m_lines.front(), lastLine, error.message()};
             return;
         }
+        QORChangeWatch::noteStored();
         refreshCache(batch);
         if (written.elsewhere) return goOnFrom(std::move(written.elsewhere));
         for (std::size_t kind = 0; kind < written.counts.size(); ++kind)

@@ -40,6 +40,9 @@ void RecordWriter::finish() {
         for (const auto& [table, ids] : m_replaced)
             forgetUnreadableDocuments(m_session, table, ids);
         noteChangedEnvironments(m_session, m_environments);
+        for (const std::string& eid : m_environments)
+            m_notes.addEnvironment(eid);
+        m_notes.finish(m_session);
     }
     m_counters.finish();
 }
@@ -75,6 +78,7 @@ QORStored RecordWriter::put(const QOROperationRecord& record) {
     stored.sequence = nextSequence(m_lastOperation, lastOperation);
     if (operationTable().insert(m_session, stored)) {
         putTouched(stored.sequence, record);
+        m_notes.add(QORChangeKind::Operation, stored.sequence);
         return QORStored::Added;
     }
     --m_lastOperation;  // the number was not used: the operation keeps that of its first arrival
@@ -84,6 +88,7 @@ QORStored RecordWriter::put(const QOROperationRecord& record) {
     clear.execute(ASTriggers::Skip);
     operationTable().update(m_session, stored);
     putTouched(kept, record);
+    m_notes.add(QORChangeKind::Operation, kept);
     m_replaced["qor_operation"].push_back(record.id);
     return QORStored::Replaced;
 }
@@ -157,16 +162,29 @@ std::int64_t RecordWriter::nextSequence(std::int64_t& last, const char* select) 
 }
 
 QORStored RecordWriter::put(const QOREventRecord& record) {
-    eventTable().insert(m_session, {record, nextSequence(m_lastEvent, lastEvent)});
+    const std::int64_t sequence = nextSequence(m_lastEvent, lastEvent);
+    eventTable().insert(m_session, {record, sequence});
+    m_notes.add(QORChangeKind::Event, sequence);
     if (m_counters.counts() && record.category) m_counters.addEvent(record.time, record.eid, *record.category);
     return QORStored::Added;
 }
 
 QORStored RecordWriter::put(const QORBackupRecord& record) {
-    if (backupTable().insert(m_session, record)) return QORStored::Added;
-    backupTable().update(m_session, record);
+    const bool added = backupTable().insert(m_session, record);
+    if (!added) backupTable().update(m_session, record);
+    noteBackup(record.id);
+    if (added) return QORStored::Added;
     m_replaced["qor_backup"].push_back(record.id);
     return QORStored::Replaced;
+}
+
+void RecordWriter::noteBackup(const std::string& id) {
+    if (!m_counters.counts()) return;
+    ASStatement& select = m_session.prepare("SELECT seq FROM qor_backup WHERE id = ?");
+    QORBinder(select).text(id);
+    select.execute();
+    if (select.fetch()) m_notes.add(QORChangeKind::Backup, select.integer(1));
+    select.close();
 }
 
 }  // namespace QOR

@@ -10,6 +10,7 @@
 
 #include "QORLibAgent/QOREnv.h"
 #include "QORLibAgent/QORLogCounters.h"
+#include "QORLibAgent/QORRecordChanges.h"
 #include "ingest/QORRecords.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -30,7 +31,7 @@ public:
     QORStored store(const QORRecord& record);
 
     /// What belongs to the records as a whole: the counters of the logs, what is known of documents that are no more,
-    /// and which environments changed. Before the transaction is committed.
+    /// which environments changed, and the sequence of changed records. Before the transaction is committed.
     void finish();
 
 private:
@@ -44,6 +45,7 @@ private:
     void putManyTouched(std::int64_t operation, const QOROperationRecord& record);
     /// Takes an operation that is about to be replaced out of what is counted here. \returns its sequence number
     std::int64_t discount(const std::string& operationId);
+    void noteBackup(const std::string& id);
     bool isEqual(const QOROperationRecord& record, const std::optional<std::string>& message);
     std::int64_t nextSequence(std::int64_t& last, const char* select);
 
@@ -54,6 +56,7 @@ private:
     std::map<std::string_view, std::vector<std::string>> m_replaced;  // by table
     std::vector<std::string> m_environments;                          // that were stored
     QORLogCounters m_counters;
+    QORRecordNotes m_notes;
 };
 
 }  // namespace QOR

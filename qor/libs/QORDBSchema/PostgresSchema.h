@@ -23,5 +23,10 @@ extern const QORSchemaStep postgresIdentities;
 extern const QORSchemaStep postgresCommits;
 /// What all agents on the database know, and nobody else.
 extern const QORSchemaStep postgresSecrets;
+/// Tells the sequence of changed records of all that there are, where it tells of none. No step, but a part of the
+/// next.
+extern const QORSchemaStep postgresSequenceFilling;
+/// Which records changed, in the order of the commits.
+extern const QORSchemaStep postgresSequence;
 
 }  // namespace QOR

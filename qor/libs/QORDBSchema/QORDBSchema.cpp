@@ -316,6 +316,8 @@ void QORDBSchema::endFilling(ASSession& session) {
     // Whoever has the environments in memory has to read them anew.
     session.execute("INSERT INTO qor_environment_change (n, environments) SELECT n + 1, NULL FROM qor_change");
     session.execute("UPDATE qor_change SET n = n + 1");
+    for (const char* const statement : engineOf(session).sequenceFilling->statements)
+        session.execute(statement);
 }
 
 void QORDBSchema::makeShrinkable(ASSession& session) {

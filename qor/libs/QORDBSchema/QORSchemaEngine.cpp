@@ -21,6 +21,7 @@ constexpr std::array sqliteSteps{
     QORVersionedStep{4, &documentSchema},  QORVersionedStep{5, &upkeepSchema},  QORVersionedStep{6, &requestSchema},
     QORVersionedStep{7, &changeSchema},    QORVersionedStep{8, &serverSchema},  QORVersionedStep{9, &countingSchema},
     QORVersionedStep{10, &identitySchema}, QORVersionedStep{11, &commitSchema}, QORVersionedStep{12, &secretSchema},
+    QORVersionedStep{13, &sequenceSchema},
 };
 constexpr std::array<std::string_view, 2> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX "};
 
@@ -36,10 +37,11 @@ std::string removalFromSqlite(const QORSchemaPart& part) {
 }
 
 constexpr std::array postgresSteps{
-    QORVersionedStep{5, &postgresTables},   QORVersionedStep{6, &postgresUpkeep},
-    QORVersionedStep{7, &postgresChanges},  QORVersionedStep{8, &postgresServers},
-    QORVersionedStep{9, &postgresCounting}, QORVersionedStep{10, &postgresIdentities},
-    QORVersionedStep{11, &postgresCommits}, QORVersionedStep{12, &postgresSecrets},
+    QORVersionedStep{5, &postgresTables},    QORVersionedStep{6, &postgresUpkeep},
+    QORVersionedStep{7, &postgresChanges},   QORVersionedStep{8, &postgresServers},
+    QORVersionedStep{9, &postgresCounting},  QORVersionedStep{10, &postgresIdentities},
+    QORVersionedStep{11, &postgresCommits},  QORVersionedStep{12, &postgresSecrets},
+    QORVersionedStep{13, &postgresSequence},
 };
 static_assert(sqliteSteps.back().version == postgresSteps.back().version);
 constexpr std::array<std::string_view, 5> postgresParts{
@@ -157,6 +159,7 @@ constexpr QORSchemaEngine sqlite{
     .references =
         "SELECT DISTINCT m.name, f.\"table\" FROM sqlite_master m JOIN pragma_foreign_key_list(m.name) f "
         "WHERE m.type = 'table'",
+    .sequenceFilling = &sequenceFilling,
     .afterFilling = "",
     .viewColumns = sqliteViewColumns,
     .viewName = "m.name",
@@ -198,6 +201,7 @@ constexpr QORSchemaEngine postgres{
         "SELECT DISTINCT CAST(c.relname AS text), CAST(r.relname AS text) FROM pg_constraint f "
         "JOIN pg_class c ON c.oid = f.conrelid JOIN pg_class r ON r.oid = f.confrelid WHERE f.contype = 'f' "
         "AND c.relnamespace = CAST(current_schema() AS regnamespace)",
+    .sequenceFilling = &postgresSequenceFilling,
     .afterFilling =
         "SELECT format('SELECT setval(pg_get_serial_sequence(%L, %L), max(%I)) FROM %I HAVING max(%3$I) IS NOT NULL', "
         "c.relname, a.attname, a.attname, c.relname) FROM pg_class c JOIN pg_attribute a ON a.attrelid = c.oid "

@@ -39,6 +39,8 @@ struct QORSchemaEngine {
     const char* hasAnything;                  ///< a row where there is any table or view
     const char* tableColumns;  ///< a select behind readTables(): table, column, type, place in the key from 1, or 0
     const char* references;    ///< a select of tables and those that they refer to
+    /// Tells the sequence of changed records, which tells of none, of all that there are.
+    const QORSchemaStep* sequenceFilling;
     const char* afterFilling;  ///< a select of statements to run when tables have been filled; "" where there are none
     const char* viewColumns;   ///< the select behind SchemaTable, without its order
     const char* viewName;      ///< in it, a view's name

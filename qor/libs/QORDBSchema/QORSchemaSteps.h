@@ -39,5 +39,10 @@ extern const QORSchemaStep identitySchema;
 extern const QORSchemaStep commitSchema;
 /// What all agents on the database know, and nobody else.
 extern const QORSchemaStep secretSchema;
+/// Tells the sequence of changed records of all that there are, where it tells of none. No step, but a part of the
+/// next.
+extern const QORSchemaStep sequenceFilling;
+/// Which records changed, in the order of the commits.
+extern const QORSchemaStep sequenceSchema;
 
 }  // namespace QOR
