@@ -57,7 +57,7 @@ class CommandLine {
 public:
     CommandLine() {
         m_app.require_subcommand(1);
-        m_app.set_version_flag("--version", QOR_VERSION);
+        m_app.set_version_flag("-V,--version", QOR_VERSION);
         m_app.set_help_all_flag("--help-all", "Print the help of every command and exit");
         m_app.footer(exitNote);
         addConnection(m_app, false);
@@ -158,10 +158,37 @@ private:
                        "a line for each row, filled in: '{time}\\t{op}'; {{ and }} are braces")
             ->type_name("PATTERN")
             ->excludes("--output");
+        addLook(app, print);
         app.add_flag("--no-header{false}", print.header, "no line of names above the rows");
         addNumber(app, "--width", {0, mostColumns},
                   "columns that a table may take, 0 for any number, by default the terminal's",
                   [&print](std::uint64_t columns) { print.width = columns; });
+    }
+
+    /// What makes rows readable for people.
+    static void addLook(CLI::App& app, PrintOptions& print) {
+        app.add_option_function<std::string>(
+               "--color",
+               [&print](const std::string& when) {
+                   print.colours = when == "auto" ? std::nullopt : std::optional(when == "always");
+               },
+               "colours: auto (default; on a terminal, unless NO_COLOR is set), always or never")
+            ->check(CLI::IsMember({"auto", "always", "never"}))
+            ->type_name("WHEN");
+        app.add_option_function<std::string>(
+               "--times",
+               [&print](const std::string& form) {
+                   print.times = form == "iso"     ? TimeForm::Answered
+                                 : form == "short" ? TimeForm::Short
+                                                   : TimeForm::Relative;
+               },
+               "times of tables: short (default on a terminal), relative or iso (default elsewhere)")
+            ->check(CLI::IsMember({"short", "relative", "iso"}))
+            ->type_name("FORM");
+        app.add_option("--tz", print.zone,
+                       "zone of times in tables: local (default of short), UTC (default of iso) or a name")
+            ->type_name("ZONE");
+        app.add_flag("--no-pager{false}", print.pages, "long tables roll by on a terminal");
     }
 
     static void addPage(CLI::App& app, std::int64_t& limit, std::int64_t& offset) {

@@ -23,6 +23,10 @@ struct PrintOptions {
     std::optional<std::size_t> width;  ///< of tables; absent: the terminal's, none where there is no terminal
     bool header = true;
     std::optional<std::string> pattern{};  ///< in place of the form, see makeTemplatePrinter()
+    std::optional<bool> colours{};         ///< absent: on a terminal that has some, unless NO_COLOR is set
+    std::optional<TimeForm> times{};       ///< in tables; absent: short on a terminal, as answered elsewhere
+    std::optional<std::string> zone{};     ///< of times in tables, see useZone()
+    bool pages = true;                     ///< on a terminal, through a pager
 };
 
 struct RequestOptions {

@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 
@@ -47,7 +45,8 @@ void runFields(const ConnectionOptions& connection, const FieldsOptions& options
     const auto backend = makeBackend(connection, BackendUse::Inspect);
     const FilterNames names(backend->vocabulary());
 
-    FileOutput out(STDOUT_FILENO);
+    const auto output = openOutput(options.print);
+    Output& out = *output;
     const auto rows = makePrinter(options.print, false, out);
     FieldPrinter printer(*rows, options.prefixes);
     for (const QORField& field : names.fields())

@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -32,7 +30,8 @@ std::string accessOf(const QORIdentity& identity) {
 template <std::size_t columns>
 void print(const PrintOptions& options, const std::array<std::string, columns>& names,
            const std::vector<std::array<std::string, columns>>& rows) {
-    FileOutput out(STDOUT_FILENO);
+    const auto output = openOutput(options);
+    Output& out = *output;
     const auto printer = makePrinter(options, false, out);
     printer->begin(names);
     for (const auto& row : rows) {

@@ -2,15 +2,31 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <iostream>
 #include <utility>
 
+#include "QORCommon/QORTime.h"
+#include "output/Pager.h"
 #include "output/TextWidth.h"
 
 namespace QOR {
 namespace {
 
 bool wantsNoNotes = false;
+
+/// Unless somebody wants no colours, or the terminal has none.
+bool mayColour() {
+    const char* const none = std::getenv("NO_COLOR");
+    const char* const terminal = std::getenv("TERM");
+    return (none == nullptr || *none == '\0') && terminal != nullptr && std::string_view(terminal) != "dumb";
+}
+
+TimeForm timesOf(const PrintOptions& print, bool onTerminal) {
+    if (print.times) return *print.times == TimeForm::Answered && print.zone ? TimeForm::Full : *print.times;
+    if (onTerminal) return TimeForm::Short;
+    return print.zone ? TimeForm::Full : TimeForm::Answered;
+}
 
 /// Remembers the counts for a form that has no place for them.
 class CountKeeper final : public RowSink {
@@ -30,19 +46,38 @@ private:
 
 }  // namespace
 
+std::unique_ptr<Output> openOutput(const PrintOptions& print) {
+    const bool pages = print.pages && !print.pattern && print.form->isForPeople;
+    return std::make_unique<PagedOutput>(pages ? pagerCommand() : std::nullopt);
+}
+
 std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out, ColumnKinds kinds) {
     if (print.pattern) return makeTemplatePrinter(*print.pattern, out);
-    const std::size_t width = print.width ? *print.width : terminalWidth(STDOUT_FILENO);
-    return print.form->makePrinter({width, counts, print.header, std::move(kinds)}, out);
+    const bool forPeople = print.form->isForPeople;
+    const bool onTerminal = ::isatty(STDOUT_FILENO) != 0;
+    if (forPeople && print.zone) useZone(*print.zone);
+    RowPrinterOptions options;
+    options.width = print.width ? *print.width : terminalWidth(STDOUT_FILENO);
+    options.counts = counts;
+    options.header = print.header;
+    options.colours = forPeople && print.colours.value_or(onTerminal && mayColour());
+    options.prefixes = onTerminal;
+    options.times = timesOf(print, onTerminal);
+    options.now = currentTime();
+    options.kinds = std::move(kinds);
+    return print.form->makePrinter(options, out);
 }
 
 bool tellsKinds(const PrintOptions& print) {
-    return !print.pattern && print.form->tellsKinds;
+    if (print.pattern) return false;
+    if (!print.form->isForPeople) return print.form->tellsKinds;
+    return ::isatty(STDOUT_FILENO) != 0 || print.times || print.zone;
 }
 
 void printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
                  std::vector<std::string> columns, ColumnKinds kinds) {
-    FileOutput out(STDOUT_FILENO);
+    const auto output = openOutput(print);
+    Output& out = *output;
     const auto printer = makePrinter(print, counts, out, std::move(kinds));
     CountKeeper keeper(*printer);
     const bool asAnswered = columns.empty() || (print.form->isAnswer && !print.pattern);

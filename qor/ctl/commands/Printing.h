@@ -11,10 +11,13 @@
 
 namespace QOR {
 
+/// Where rows are printed: standard output, through a pager where a person reads them.
+std::unique_ptr<Output> openOutput(const PrintOptions& print);
+
 /// A printer onto standard output's buffer, fitted to the terminal where there is one.
 std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out, ColumnKinds kinds = {});
 
-/// Whether numbers of the output look other than texts, so that it has to be known which columns hold some.
+/// Whether values look other by what they are, so that it has to be known what columns hold.
 bool tellsKinds(const PrintOptions& print);
 
 /// Asks, and prints what is answered onto standard output, counts that the form has no place for beside it.

@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <array>
 
 #include "commands/Commands.h"
@@ -47,7 +45,8 @@ void addDocuments(StatusLines& lines, const QORDatabaseStatus& database) {
 
 void runStatus(const ConnectionOptions& connection, const PrintOptions& print) {
     const BackendStatus status = makeBackend(connection, BackendUse::Inspect)->status();
-    FileOutput out(STDOUT_FILENO);
+    const auto output = openOutput(print);
+    Output& out = *output;
     const auto printer = makePrinter(print, false, out);
     StatusLines lines(*printer);
     if (status.agent) {

@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 
@@ -35,7 +33,8 @@ void runViews(const ConnectionOptions& connection, const ViewsOptions& options) 
     const std::vector<QORViewColumn> columns = backend->views();
     requireAll(options.views, columns);
 
-    FileOutput out(STDOUT_FILENO);
+    const auto output = openOutput(options.print);
+    Output& out = *output;
     const auto printer = makePrinter(options.print, false, out, {{"length", QORColumnKind::Integer}});
     const std::array<std::string, 4> names{"view", "column", "type", "length"};
     printer->begin(names);

@@ -59,15 +59,6 @@ void appendJsonValue(const Cell& cell, QORColumnKind kind, std::string& out) {
         appendJsonText(cell.bytes, out);
 }
 
-std::vector<QORColumnKind> kindsOf(std::span<const std::string> names, const ColumnKinds& kinds) {
-    std::vector<QORColumnKind> found;
-    for (const std::string& name : names) {
-        const auto known = kinds.find(name);
-        found.push_back(known == kinds.end() ? QORColumnKind::Text : known->second);
-    }
-    return found;
-}
-
 void JsonObjects::begin(std::span<const std::string> names, const ColumnKinds& kinds) {
     m_kinds = kindsOf(names, kinds);
     for (const std::string& name : names) {

@@ -16,8 +16,6 @@ void appendJsonText(std::string_view text, std::string& out);
 
 /// Appends a value: null, a number where the column holds such and the text is one that JSON has, or else a text.
 void appendJsonValue(const Cell& cell, QORColumnKind kind, std::string& out);
-/// The kind of each column.
-std::vector<QORColumnKind> kindsOf(std::span<const std::string> names, const ColumnKinds& kinds);
 
 /// Writes rows as JSON objects.
 class JsonObjects {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "output/CsvPrinter.h"
 #include "output/JsonPrinter.h"
@@ -18,18 +19,16 @@ std::unique_ptr<RowSink> make(const RowPrinterOptions& options, Output& out) {
 }
 
 constexpr RowForm forms[] = {
-    {.name = "table",
-     .makePrinter = [](const RowPrinterOptions& options, Output& out) -> std::unique_ptr<RowSink> {
-         return std::make_unique<TablePrinter>(options.width, options.header, out);
-     }},
+    {.name = "table", .makePrinter = make<TablePrinter>, .isForPeople = true},
     {.name = "wide",
      .makePrinter = [](const RowPrinterOptions& options, Output& out) -> std::unique_ptr<RowSink> {
-         return std::make_unique<TablePrinter>(0, options.header, out);
-     }},
-    {.name = "record",
-     .makePrinter = [](const RowPrinterOptions&, Output& out) -> std::unique_ptr<RowSink> {
-         return std::make_unique<RecordPrinter>(out);
-     }},
+         RowPrinterOptions uncut = options;
+         uncut.width = 0;
+         uncut.prefixes = false;
+         return std::make_unique<TablePrinter>(std::move(uncut), out);
+     },
+     .isForPeople = true},
+    {.name = "record", .makePrinter = make<RecordPrinter>, .isForPeople = true},
     {.name = "json", .makePrinter = make<JsonPrinter>, .tellsKinds = true},
     {.name = "ndjson", .makePrinter = make<NdjsonPrinter>, .holdsCounts = false, .tellsKinds = true},
     {.name = "csv", .makePrinter = make<CsvPrinter>, .holdsCounts = false},
@@ -52,6 +51,15 @@ const RowForm* findRowForm(std::string_view name) {
     const auto found =
         std::find_if(std::begin(forms), std::end(forms), [&](const RowForm& form) { return form.name == name; });
     return found == std::end(forms) ? nullptr : found;
+}
+
+std::vector<QORColumnKind> kindsOf(std::span<const std::string> names, const ColumnKinds& kinds) {
+    std::vector<QORColumnKind> found;
+    for (const std::string& name : names) {
+        const auto known = kinds.find(name);
+        found.push_back(known == kinds.end() ? QORColumnKind::Text : known->second);
+    }
+    return found;
 }
 
 std::string describeCounts(const RowCounts& counts) {

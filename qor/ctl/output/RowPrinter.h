@@ -11,9 +11,11 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "QORQuery/QORColumnKind.h"
 #include "output/Output.h"
+#include "output/PersonTimes.h"
 
 namespace QOR {
 
@@ -47,7 +49,11 @@ struct RowPrinterOptions {
     std::size_t width = 0;  ///< columns of the terminal that tables are fitted to; 0 cuts nothing
     bool counts = false;    ///< counts were asked for: JSON is then an object that holds them beside the rows
     bool header = true;     ///< a line of names above the rows, where the form has one
-    ColumnKinds kinds{};    ///< for forms that tell numbers from texts
+    bool colours = false;   ///< of tables and records
+    bool prefixes = false;  ///< GUIDs of tables as far as they can be told apart
+    TimeForm times = TimeForm::Answered;
+    std::int64_t now = 0;  ///< seconds since the epoch, what relative times are told from
+    ColumnKinds kinds{};   ///< for forms that tell numbers from texts
 };
 
 /// A form that rows are printed in.
@@ -55,9 +61,10 @@ struct RowForm {
     std::string_view name;  ///< as people give it
     /// Onto `out`, which must outlive the printer.
     std::unique_ptr<RowSink> (*makePrinter)(const RowPrinterOptions& options, Output& out);
-    bool holdsCounts = true;  ///< else counts are told beside it, so that nothing but rows is in the output
-    bool isAnswer = false;    ///< the answer itself: its columns stand where the answer has them
-    bool tellsKinds = false;  ///< numbers look other than texts
+    bool holdsCounts = true;   ///< else counts are told beside it, so that nothing but rows is in the output
+    bool isAnswer = false;     ///< the answer itself: its columns stand where the answer has them
+    bool tellsKinds = false;   ///< numbers look other than texts
+    bool isForPeople = false;  ///< may be coloured, and times be told as people read them
 };
 
 /// All forms, the first of which is taken when nobody says which. They live as long as the process.
@@ -84,6 +91,9 @@ const RowForm* findRowForm(std::string_view name);
 /// itself. \throws CtlError BadUsage for a pattern that is not well formed, and from begin() for a column that is not
 /// there
 std::unique_ptr<RowSink> makeTemplatePrinter(std::string_view pattern, Output& out);
+
+/// The kind of each column.
+std::vector<QORColumnKind> kindsOf(std::span<const std::string> names, const ColumnKinds& kinds);
 
 /// "10 of 400 rows".
 std::string describeCounts(const RowCounts& counts);

@@ -1,6 +1,7 @@
 #include "output/TablePrinter.h"
 
 #include <algorithm>
+#include <array>
 
 #include "QORCommon/QORNumbers.h"
 #include "output/TextWidth.h"
@@ -10,6 +11,7 @@ namespace {
 
 constexpr std::size_t rowsHeldBack = 10'000;
 constexpr std::size_t leastColumnWidth = 4;
+constexpr std::size_t guidLength = 36;
 constexpr std::string_view gap = "  ";
 constexpr std::string_view nullSign = "-";
 constexpr std::size_t binaryBytesShown = 64;
@@ -24,14 +26,33 @@ void appendHex(std::string_view bytes, std::string& out) {
     if (bytes.size() > binaryBytesShown) out += "...";
 }
 
-void renderCell(const Cell& cell, std::string& value) {
+constexpr std::string_view bold = "\x1b[1m";
+constexpr std::string_view faint = "\x1b[2m";
+constexpr std::string_view plain = "\x1b[0m";
+
+/// Lengths at which a GUID may be cut: in front of its hyphens.
+constexpr std::array<std::size_t, 4> prefixLengths{8, 13, 18, 23};
+
+void renderCell(const Cell& cell, QORColumnKind kind, const RowPrinterOptions& options, std::string& value) {
     value.clear();
     if (cell.kind == Cell::Kind::Null)
         value = nullSign;
     else if (cell.kind == Cell::Kind::Binary)
         appendHex(cell.bytes, value);
+    else if (kind == QORColumnKind::Time)
+        appendVisible(showTime(cell.bytes, options.times, options.now), value);
     else
         appendVisible(cell.bytes, value);
+}
+
+/// In a colour, where there are colours and there is something to see.
+void appendColoured(std::string_view text, std::string_view colour, bool colours, std::string& out) {
+    const std::size_t end = text.find_last_not_of(' ') + 1;
+    if (!colours || end == 0) {
+        out += text;
+        return;
+    }
+    out.append(colour).append(text.substr(0, end)).append(plain).append(text.substr(end));
 }
 
 void appendPadded(std::string_view text, std::size_t width, bool right, std::string& out) {
@@ -52,15 +73,18 @@ void TablePrinter::begin(std::span<const std::string> names) {
     for (const std::string& name : names) {
         Column column;
         appendVisible(name, column.name);
-        column.width = m_header ? textWidth(column.name) : 0;
+        column.width = m_options.header ? textWidth(column.name) : 0;
         m_columns.push_back(std::move(column));
     }
     m_values.resize(m_columns.size());
+    const std::vector<QORColumnKind> kinds = kindsOf(names, m_options.kinds);
+    for (std::size_t at = 0; at < m_columns.size(); ++at)
+        m_columns[at].kind = kinds[at];
 }
 
 void TablePrinter::render(std::span<const Cell> cells) {
     for (std::size_t at = 0; at < cells.size(); ++at)
-        renderCell(cells[at], m_values[at]);
+        renderCell(cells[at], m_columns[at].kind, m_options, m_values[at]);
 }
 
 void TablePrinter::row(std::span<const Cell> cells) {
@@ -80,14 +104,46 @@ void TablePrinter::row(std::span<const Cell> cells) {
 
 void TablePrinter::settleColumns() {
     m_settled = true;
+    if (m_options.prefixes && m_rows < rowsHeldBack) shortenIdentifiers();
     m_blocks = !fitColumns();
-    if (!m_blocks && m_header) printHeader();
+    if (!m_blocks && m_options.header) printHeader();
     printHeldRows();
+}
+
+/// Where all rows are known, so that no later one is taken for an earlier: to the first length at which all GUIDs of
+/// the table that differ still do.
+void TablePrinter::shortenIdentifiers() {
+    std::vector<std::string*> shown;
+    for (std::size_t at = 0; at < m_held.size(); ++at) {
+        const Column& column = m_columns[at % m_columns.size()];
+        if (column.kind == QORColumnKind::Identifier && m_held[at].size() == guidLength) shown.push_back(&m_held[at]);
+    }
+    std::vector<std::string_view> guids(shown.size());
+    std::transform(shown.begin(), shown.end(), guids.begin(),
+                   [](const std::string* guid) { return std::string_view(*guid); });
+    std::sort(guids.begin(), guids.end());
+    guids.erase(std::unique(guids.begin(), guids.end()), guids.end());
+    const auto tellsApart = [&](std::size_t length) {
+        return std::adjacent_find(guids.begin(), guids.end(), [length](std::string_view a, std::string_view b) {
+                   return a.substr(0, length) == b.substr(0, length);
+               }) == guids.end();
+    };
+    const auto* const length = std::find_if(prefixLengths.begin(), prefixLengths.end(), tellsApart);
+    if (length == prefixLengths.end()) return;
+    for (std::string* const guid : shown)
+        guid->resize(*length);
+    for (std::size_t at = 0; at < m_columns.size(); ++at) {
+        Column& column = m_columns[at];
+        if (column.kind != QORColumnKind::Identifier) continue;
+        column.width = m_options.header ? textWidth(column.name) : 0;
+        for (std::size_t value = at; value < m_held.size(); value += m_columns.size())
+            column.width = std::max(column.width, textWidth(m_held[value]));
+    }
 }
 
 /// Takes from the widest columns until the line fits. False when it cannot be made to.
 bool TablePrinter::fitColumns() {
-    if (m_width == 0 || m_columns.empty()) return true;
+    if (width() == 0 || m_columns.empty()) return true;
     const std::size_t gaps = gap.size() * (m_columns.size() - 1);
     std::size_t needed = gaps;
     std::size_t least = gaps;
@@ -95,8 +151,8 @@ bool TablePrinter::fitColumns() {
         needed += column.width;
         least += std::min(column.width, leastColumnWidth);
     }
-    if (least > m_width) return false;
-    if (needed <= m_width) return true;
+    if (least > width()) return false;
+    if (needed <= width()) return true;
     // The widest common bound under which all fit; what rounding leaves over goes to the first columns it helps.
     std::size_t bound = leastColumnWidth;
     const auto taken = [&](std::size_t most) {
@@ -105,9 +161,9 @@ bool TablePrinter::fitColumns() {
             sum += std::min(column.width, most);
         return sum;
     };
-    while (taken(bound + 1) <= m_width)
+    while (taken(bound + 1) <= width())
         ++bound;
-    std::size_t left = m_width - taken(bound);
+    std::size_t left = width() - taken(bound);
     for (Column& column : m_columns) {
         if (column.width <= bound) continue;
         column.width = bound + (left > 0 ? 1 : 0);
@@ -121,12 +177,20 @@ void TablePrinter::printHeader() {
     std::string rules;
     for (const Column& column : m_columns) {
         if (!names.empty()) names += gap, rules += gap;
-        const std::string name = m_width == 0 ? column.name : cutToWidth(column.name, column.width);
+        const std::string name = width() == 0 ? column.name : cutToWidth(column.name, column.width);
         appendPadded(name, column.width, alignsRight(column), names);
         rules.append(column.width, '-');
     }
     dropTrailingBlanks(names);
-    m_out << names << "\n" << rules << "\n";
+    appendColoured(names, bold, m_options.colours, m_out.buffer());
+    m_out << "\n" << rules << "\n";
+}
+
+void TablePrinter::printPadded(std::string_view text, const Column& column) {
+    std::string padded;
+    appendPadded(text, column.width, alignsRight(column), padded);
+    const bool isFaint = m_options.colours && text == nullSign;
+    appendColoured(padded, faint, isFaint, m_out.buffer());
 }
 
 void TablePrinter::printHeldRows() {
@@ -146,10 +210,7 @@ void TablePrinter::printLine(std::span<const std::string> values) {
     for (std::size_t at = 0; at < values.size(); ++at) {
         const Column& column = m_columns[at];
         if (at > 0) buffer += gap;
-        if (m_width == 0)
-            appendPadded(values[at], column.width, alignsRight(column), buffer);
-        else
-            appendPadded(cutToWidth(values[at], column.width), column.width, alignsRight(column), buffer);
+        printPadded(width() == 0 ? values[at] : cutToWidth(values[at], column.width), column);
     }
     const std::size_t last = buffer.find_last_not_of(' ');
     buffer.erase(last == std::string::npos || last < begin ? begin : last + 1);
@@ -161,14 +222,16 @@ void TablePrinter::printBlock(std::span<const std::string> values) {
     std::size_t widest = 0;
     for (const Column& column : m_columns)
         widest = std::max(widest, textWidth(column.name));
-    widest = std::min(widest, m_width / 2);
+    widest = std::min(widest, width() / 2);
     if (m_anyBlock) m_out << "\n";
     m_anyBlock = true;
     for (std::size_t at = 0; at < values.size(); ++at) {
+        std::string name;
+        appendPadded(cutToWidth(m_columns[at].name, std::max<std::size_t>(widest, 1)), widest, false, name);
         std::string line;
-        appendPadded(cutToWidth(m_columns[at].name, std::max<std::size_t>(widest, 1)), widest, false, line);
+        appendColoured(name, bold, m_options.colours, line);
         line += gap;
-        const std::size_t room = m_width > widest + gap.size() ? m_width - widest - gap.size() : 1;
+        const std::size_t room = width() > widest + gap.size() ? width() - widest - gap.size() : 1;
         line += cutToWidth(values[at], room);
         dropTrailingBlanks(line);
         m_out << line << "\n";
@@ -179,7 +242,7 @@ void TablePrinter::end(const std::optional<RowCounts>& counts) {
     if (!m_settled) settleColumns();
     if (counts)
         m_out << (m_rows > 0 ? "\n" : "") << describeCounts(*counts) << "\n";
-    else if (m_rows == 0 && !m_columns.empty() && m_header)
+    else if (m_rows == 0 && !m_columns.empty() && m_options.header)
         m_out << "no rows\n";
 }
 
@@ -191,15 +254,17 @@ void RecordPrinter::begin(std::span<const std::string> names) {
     }
     for (std::string& name : m_names)
         name.append(widest - textWidth(name) + gap.size(), ' ');
+    m_kinds = kindsOf(names, m_options.kinds);
 }
 
 void RecordPrinter::row(std::span<const Cell> cells) {
     if (m_any) m_out.buffer() += '\n';
     m_any = true;
     for (std::size_t at = 0; at < cells.size(); ++at) {
-        renderCell(cells[at], m_value);
+        renderCell(cells[at], m_kinds[at], m_options, m_value);
         const std::size_t begin = m_out.buffer().size();
-        m_out.buffer().append(m_names[at]).append(m_value);
+        appendColoured(m_names[at], bold, m_options.colours, m_out.buffer());
+        m_out.buffer().append(m_value);
         m_out.buffer().erase(std::max(begin, m_out.buffer().find_last_not_of(' ') + 1));
         m_out.buffer() += '\n';
     }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "output/RowPrinter.h"
@@ -14,8 +16,7 @@ namespace QOR {
 /// width, each row becomes a block of lines, a column a line.
 class TablePrinter final : public RowSink {
 public:
-    /// \param width columns to fit into, 0 for as many as are needed
-    TablePrinter(std::size_t width, bool header, Output& out) : m_width(width), m_header(header), m_out(out) {}
+    TablePrinter(RowPrinterOptions options, Output& out) : m_options(std::move(options)), m_out(out) {}
     void begin(std::span<const std::string> names) override;
     void row(std::span<const Cell> cells) override;
     void end(const std::optional<RowCounts>& counts) override;
@@ -24,21 +25,24 @@ private:
     struct Column {
         std::string name;
         std::size_t width = 0;
+        QORColumnKind kind = QORColumnKind::Text;
         bool numbers = true;  ///< nothing but numbers and nulls so far
         bool any = false;     ///< a value that is not null
     };
 
     void render(std::span<const Cell> cells);
     void settleColumns();
+    void shortenIdentifiers();
     bool fitColumns();
     void printHeader();
     void printHeldRows();
     void printLine(std::span<const std::string> values);
     void printBlock(std::span<const std::string> values);
+    void printPadded(std::string_view text, const Column& column);
     bool alignsRight(const Column& column) const { return column.numbers && column.any; }
+    std::size_t width() const { return m_options.width; }
 
-    std::size_t m_width;
-    bool m_header;
+    RowPrinterOptions m_options;
     Output& m_out;
     std::vector<Column> m_columns;
     std::vector<std::string> m_held;  ///< rendered values of the rows held back, row by row
@@ -52,14 +56,16 @@ private:
 /// A field a line, whole, and an empty line between rows.
 class RecordPrinter final : public RowSink {
 public:
-    explicit RecordPrinter(Output& out) : m_out(out) {}
+    RecordPrinter(RowPrinterOptions options, Output& out) : m_options(std::move(options)), m_out(out) {}
     void begin(std::span<const std::string> names) override;
     void row(std::span<const Cell> cells) override;
     void end(const std::optional<RowCounts>& counts) override;
 
 private:
+    RowPrinterOptions m_options;
     Output& m_out;
     std::vector<std::string> m_names;  ///< padded to one width
+    std::vector<QORColumnKind> m_kinds;
     std::string m_value;
     bool m_any = false;
 };

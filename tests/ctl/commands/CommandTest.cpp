@@ -394,11 +394,16 @@ TEST_P(Command, AReaderThatHasSeenEnoughIsNoError) {
     EXPECT_EQ(result.err, "");
 }
 
-TEST_P(Command, ATableFitsItsTerminal) {
+struct TerminalResult {
+    int status;
+    std::string out;  ///< both streams, lines end with CR LF
+};
+
+/// Runs qorctl on a terminal of 10 lines. \param variables "NAME=VALUE" of its environment
+TerminalResult runOnTerminal(Words command, unsigned short columns, Words variables) {
     ::winsize size{};
-    size.ws_col = 30;
+    size.ws_col = columns;
     size.ws_row = 10;
-    Words command = where({"select", "--view", "vOpLog", "-f", "id", "message", "--where", "id = 'a'"});
     command.insert(command.begin(), ctlProgram());
     std::vector<char*> arguments;
     for (std::string& word : command)
@@ -406,9 +411,11 @@ TEST_P(Command, ATableFitsItsTerminal) {
     arguments.push_back(nullptr);
     int terminal = -1;
     const pid_t child = ::forkpty(&terminal, nullptr, nullptr, &size);
-    ASSERT_GE(child, 0);
     if (child == 0) {
-        ::unsetenv("COLUMNS");
+        for (const char* const variable : {"COLUMNS", "NO_COLOR", "PAGER", "QOR_PAGER", "TERM", "TZ"})
+            ::unsetenv(variable);
+        for (std::string& variable : variables)
+            ::putenv(variable.data());
         ::execv(arguments[0], arguments.data());
         ::_exit(127);
     }
@@ -419,11 +426,67 @@ TEST_P(Command, ATableFitsItsTerminal) {
     int status = 0;
     ::waitpid(child, &status, 0);
     ::close(terminal);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(out,
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+TEST_P(Command, ATableFitsItsTerminal) {
+    const TerminalResult result =
+        runOnTerminal(where({"select", "--view", "vOpLog", "-f", "id", "message", "--where", "id = 'a'"}), 30,
+                      {"QOR_PAGER=", "TERM=dumb"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out,
               "id  message\r\n"
               "--  --------------------------\r\n"
               "a   <info><package><name>zlib\xE2\x80\xA6\r\n");
+}
+
+TEST_P(Command, ATableOnATerminalIsForPeople) {
+    const Words select = where({"select", "--view", "vOpLog", "-f", "time", "package", "eid", "--sort", "time"});
+    EXPECT_EQ(runOnTerminal(select, 80, {"QOR_PAGER=cat", "TERM=xterm", "TZ=QOR-2"}).out,
+              "\x1b[1mtime                 package  eid\x1b[0m\r\n"
+              "-------------------  -------  --------\r\n"
+              "2024-01-01 12:00:00  zlib     11111111\r\n"
+              "2024-01-02 12:00:00  \x1b[2m-\x1b[0m        11111111\r\n"
+              "2024-01-03 12:00:00  \x1b[2m-\x1b[0m        22222222\r\n");
+    EXPECT_THAT(runOnTerminal(select, 80, {"QOR_PAGER=", "TERM=xterm", "NO_COLOR=1"}).out,
+                testing::Not(HasSubstr("\x1b")));
+    Words wide = select;
+    wide.insert(wide.end(), {"-o", "wide", "--color", "never", "--times", "iso"});
+    EXPECT_THAT(runOnTerminal(wide, 20, {"QOR_PAGER="}).out,
+                HasSubstr("2024-01-02T10:00:00+0000  -        11111111-1111-1111-1111-111111111111\r\n"));
+    Words machine = select;
+    machine.insert(machine.end(), {"-o", "csv"});
+    EXPECT_THAT(
+        runOnTerminal(machine, 80, {"QOR_PAGER=false", "TERM=xterm"}).out,
+        StartsWith("time,package,eid\r\r\n2024-01-01T10:00:00+0000,zlib,11111111-1111-1111-1111-111111111111\r\r\n"));
+}
+
+TEST_P(Command, LongTablesGoThroughThePersonsPager) {
+    const Words select =
+        where({"select", "--view", "vOpLog", "-f", "op", "--no-header", "--sort", "op", "--times", "iso"});
+    EXPECT_EQ(runOnTerminal(select, 80, {"PAGER=tr a-z A-Z"}).out, "INSTALL\r\nINSTALL\r\nREMOVE\r\n");
+    EXPECT_EQ(runOnTerminal(select, 80, {"PAGER=tr a-z A-Z", "QOR_PAGER=cat"}).out, "install\r\ninstall\r\nremove\r\n");
+    Words without = select;
+    without.emplace_back("--no-pager");
+    EXPECT_EQ(runOnTerminal(without, 80, {"PAGER=tr a-z A-Z"}).out, "install\r\ninstall\r\nremove\r\n");
+    const TerminalResult left = runOnTerminal(select, 80, {"PAGER=true"});
+    EXPECT_EQ(left.status, 0);
+    EXPECT_EQ(left.out, "");
+}
+
+TEST_P(Command, TimesOfTablesAreToldInTheZoneThatIsAskedFor) {
+    const auto select = [&](Words more) {
+        Words arguments{"select", "--view", "vOpLog", "-f", "time", "--where", "id = 'a'", "--no-header"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return outputOf(arguments);
+    };
+    EXPECT_EQ(select({}), "2024-01-01T10:00:00+0000\n");
+    EXPECT_EQ(select({"--tz", "UTC"}), "2024-01-01T10:00:00+0000\n");
+    EXPECT_EQ(select({"--tz", "UTC", "--times", "short"}), "2024-01-01 10:00:00\n");
+    EXPECT_THAT(select({"--times", "relative"}), testing::MatchesRegex("[0-9]+ y ago\n"));
+    EXPECT_EQ(select({"--times", "short", "--tz", "UTC", "-o", "csv"}), "2024-01-01T10:00:00+0000\r\n");
+    EXPECT_THAT(run({"select", "--view", "vOpLog", "-f", "time", "--tz", "../etc/passwd"}).err,
+                HasSubstr("there is no time zone \"../etc/passwd\""));
 }
 
 // ---- what does not depend on who answers ------------------------------------------------------------------------

@@ -143,6 +143,60 @@ TEST(Table, WithoutHeaderHasRowsAlone) {
     EXPECT_EQ(printedWith({.header = false}, "table", {"a"}, {}), "");
 }
 
+const ColumnKinds identifiers{{"eid", QORColumnKind::Identifier}, {"parent", QORColumnKind::Identifier}};
+const std::string guidA = "11111111-2222-3333-4444-555555555555";
+const std::string guidB = "11111111-2222-9999-4444-555555555555";
+const std::string guidC = "aaaaaaaa-2222-9999-4444-555555555555";
+
+TEST(Table, IdentifiersAreCutAsFarAsAllOfTheTableCanBeToldApart) {
+    const RowPrinterOptions options{.prefixes = true, .kinds = identifiers};
+    EXPECT_EQ(printedWith(options, "table", {"eid", "parent"}, {{text(guidA), null}, {text(guidC), text(guidA)}}),
+              "eid       parent\n"
+              "--------  --------\n"
+              "11111111  -\n"
+              "aaaaaaaa  11111111\n");
+    EXPECT_EQ(printedWith(options, "table", {"eid", "parent"}, {{text(guidA), null}, {text(guidC), text(guidB)}}),
+              "eid                 parent\n"
+              "------------------  ------------------\n"
+              "11111111-2222-3333  -\n"
+              "aaaaaaaa-2222-9999  11111111-2222-9999\n");
+    EXPECT_EQ(printedWith(options, "table", {"title"}, {{text(guidA)}}),
+              "title\n" + std::string(36, '-') + "\n" + guidA + "\n");
+}
+
+TEST(Table, IdentifiersStayWholeWhereAPrefixCannotTellThem) {
+    const RowPrinterOptions options{.header = false, .prefixes = true, .kinds = identifiers};
+    std::string last = guidA;
+    last.back() = '6';
+    EXPECT_EQ(printedWith(options, "table", {"eid"}, {{text(guidA)}, {text(last)}}), guidA + "\n" + last + "\n");
+    // Later rows might hold any other, so a table that is printed as its rows come is left as it is.
+    const std::string many = printedWith(options, "table", {"eid"}, Rows(10'001, {text(guidA)}));
+    EXPECT_TRUE(many.starts_with(guidA + "\n"));
+    EXPECT_EQ(printedWith(options, "wide", {"eid"}, {{text(guidA)}}), guidA + "\n");
+}
+
+TEST(Table, TimesAreShownInTheFormThatIsAskedFor) {
+    const auto shown = [](TimeForm form, std::string_view time) {
+        return printedWith(
+            {.header = false, .times = form, .now = 1'714'558'500, .kinds = {{"t", QORColumnKind::Time}}}, "table",
+            {"t"}, {{text(time)}});
+    };
+    EXPECT_EQ(shown(TimeForm::Answered, "2024-05-01T10:15:00+0000"), "2024-05-01T10:15:00+0000\n");
+    EXPECT_EQ(shown(TimeForm::Relative, "2024-05-01T10:15:00+0000"), "now\n");
+    EXPECT_EQ(shown(TimeForm::Relative, "2024-05-01T10:14:01+0000"), "59 s ago\n");
+    EXPECT_EQ(shown(TimeForm::Relative, "2024-05-01T10:14:00+0000"), "1 min ago\n");
+    EXPECT_EQ(shown(TimeForm::Relative, "2024-05-03T10:14:59+0000"), "in 1 d\n");
+    EXPECT_EQ(shown(TimeForm::Relative, "1999-05-01T10:15:00+0000"), "25 y ago\n");
+    EXPECT_EQ(shown(TimeForm::Relative, "some day"), "some day\n");
+}
+
+TEST(Table, ColoursMarkNamesAndNulls) {
+    EXPECT_EQ(printedWith({.colours = true}, "table", {"a", "b"}, {{null, text("x")}}),
+              "\x1b[1ma  b\x1b[0m\n-  -\n\x1b[2m-\x1b[0m  x\n");
+    EXPECT_EQ(printedWith({.colours = true}, "record", {"a", "bc"}, {{text("1"), text("x")}}),
+              "\x1b[1ma\x1b[0m   1\n\x1b[1mbc\x1b[0m  x\n");
+}
+
 TEST(Wide, IsATableOfWhichNothingIsCut) {
     const std::string longText(500, 'x');
     EXPECT_EQ(printed("wide", {"a"}, {{text(longText)}}, std::nullopt, 20),

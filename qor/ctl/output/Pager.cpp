@@ -1,0 +1,106 @@
+#include "output/Pager.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+
+namespace QOR {
+namespace {
+
+/// Ends when all fits on the screen, shows colours, leaves what it showed, does not wrap tables.
+constexpr const char* usualOptions = "FRSX";
+
+bool isOnPath(std::string_view program) {
+    const char* const path = std::getenv("PATH");
+    std::string_view left = path == nullptr ? "/usr/bin:/bin" : path;
+    while (!left.empty()) {
+        const std::string_view folder = left.substr(0, left.find(':'));
+        left.remove_prefix(std::min(folder.size() + 1, left.size()));
+        std::string file(folder);
+        file.append("/").append(program);
+        if (::access(file.c_str(), X_OK) == 0) return true;
+    }
+    return false;
+}
+
+// What a signal handler may touch.
+std::atomic<pid_t> pager{-1};
+std::atomic<int> terminal{-1};  ///< what standard output was
+static_assert(std::atomic<pid_t>::is_always_lock_free);
+
+/// The pager has read all when nobody holds the other end of its pipe.
+void waitForPager() {
+    ::dup2(terminal, STDOUT_FILENO);
+    ::close(terminal);
+    while (::waitpid(pager, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+/// The pager gets the same signal from the terminal, and may have a use of its own for it.
+extern "C" void endWithPager(int number) {
+    waitForPager();
+    ::_exit(128 + number);
+}
+
+}  // namespace
+
+std::optional<std::string> pagerCommand() {
+    if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) return std::nullopt;
+    for (const char* const variable : {"QOR_PAGER", "PAGER"}) {
+        const char* const command = std::getenv(variable);
+        if (command == nullptr) continue;
+        return *command == '\0' || std::string_view(command) == "cat" ? std::nullopt
+                                                                      : std::optional(std::string(command));
+    }
+    return isOnPath("less") ? std::optional<std::string>("less") : std::nullopt;
+}
+
+Pager::Pager(const std::string& command) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return;
+    ::setenv("LESS", usualOptions, 0);
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
+    std::string shell = "/bin/sh";
+    std::string option = "-c";
+    std::string text = "exec " + command;
+    std::array<char*, 4> arguments{shell.data(), option.data(), text.data(), nullptr};
+    pid_t child = -1;
+    const int error = ::posix_spawn(&child, shell.c_str(), &actions, nullptr, arguments.data(), environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    ::close(ends[0]);
+    if (error == 0) {
+        pager = child;
+        terminal = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+        ::dup2(ends[1], STDOUT_FILENO);
+        for (const int number : {SIGINT, SIGTERM})
+            ::signal(number, endWithPager);
+        m_runs = true;
+    }
+    ::close(ends[1]);
+}
+
+Pager::~Pager() {
+    if (!m_runs) return;
+    waitForPager();
+    for (const int number : {SIGINT, SIGTERM})
+        ::signal(number, SIG_DFL);
+}
+
+void PagedOutput::write(std::string_view block) {
+    if (m_command) m_pager.emplace(*std::exchange(m_command, std::nullopt));
+    m_file << block;
+    m_file.flush();
+}
+
+}  // namespace QOR
