@@ -22,7 +22,8 @@ struct QORPageToken {
     std::int64_t now = 0;                         ///< seconds since the epoch at the first page: what relative times
                                                   ///< are relative to
     std::uint64_t change = 0;                     ///< the database's number of changes at the first page
-    std::int64_t offset = -1;                     ///< rows to leave out, where there is no key; else -1
+    std::int64_t offset = -1;                     ///< rows before the place, which is all that tells it where there is
+                                                  ///< no key; -1: not known
     std::vector<std::optional<std::string>> key;  ///< values of the sort keys of the last row, in their order; null:
                                                   ///< none. Any bytes
 

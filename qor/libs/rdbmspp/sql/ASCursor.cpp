@@ -91,7 +91,7 @@ struct ASCursor::Impl {
     void attempt();
     void start(bool exactSums);
     bool adds() const;
-    void bind(const ASProject& project);
+    void bind();
     void take(std::size_t index);
     bool isOneRow() const;
     std::int32_t atOnce() const;
@@ -183,7 +183,7 @@ void ASCursor::Impl::start(bool exactSums) {
         running->set(i, *values[i]);
     s.spareText = std::move(builder).takeText();
     statement = std::move(running);
-    bind(select.m_filter.m_project);
+    bind();
     try {
         statement->execute();
     } catch (const QORException& ended) {
@@ -207,7 +207,8 @@ bool ASCursor::Impl::adds() const {
 // Aggregates alone: their values are the statement's to reuse, and nothing is gained by streaming.
 bool ASCursor::Impl::isOneRow() const {
     const auto& items = select.m_filter.m_project.m_items;
-    return std::all_of(items.begin(), items.end(), [](const auto& item) { return item->group.has_value(); });
+    return select.m_count ||
+           std::all_of(items.begin(), items.end(), [](const auto& item) { return item->group.has_value(); });
 }
 
 std::int32_t ASCursor::Impl::atOnce() const {
@@ -218,11 +219,17 @@ std::int32_t ASCursor::Impl::atOnce() const {
     return rows;
 }
 
-void ASCursor::Impl::bind(const ASProject& project) {
+void ASCursor::Impl::bind() {
     std::vector<OdbcColumn> layout;
-    layout.reserve(project.m_items.size());
-    columns.reserve(project.m_items.size());
-    for (const auto& item : project.m_items) {
+    if (select.m_count) {
+        layout.push_back(layoutOf(select.m_count.get()));
+        columns.push_back({select.m_count.get(), nullptr});
+        return statement->bindColumns(layout);
+    }
+    const auto& items = select.m_filter.m_project.m_items;
+    layout.reserve(items.size());
+    columns.reserve(items.size());
+    for (const auto& item : items) {
         ASData* data = item->data();
         layout.push_back(layoutOf(data));
         const bool sum =

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "QORCommon/QORExport.h"
@@ -63,6 +64,9 @@ public:
     /// At most `size` rows from row `offset` (0-based) on. \param size above 0 \param offset 0 or more
     void Limit(std::int32_t size, std::int32_t offset);
     void Order(const ASOrder& order);
+    /// Selects how many rows there would be: one row with one number. Rows beyond a limit are not looked at.
+    /// \param receiver never null
+    void Count(std::shared_ptr<ASInt64> receiver) { m_count = std::move(receiver); }
 
     /// The select as SQL text, all values as literals. \throws AException for what the engine cannot take
     std::string Query(const ASDialect& dialect) const;
@@ -79,6 +83,7 @@ private:
     std::int32_t m_limit = 0;
     std::int32_t m_offset = 0;
     std::optional<ASOrder> m_order;
+    std::shared_ptr<ASInt64> m_count;  ///< null: rows are selected
 };
 
 /// A select that stands in the condition of another one, where its one column is compared with columns. It is written

@@ -71,6 +71,13 @@ ASSqlBuilder::ASSqlBuilder(const ASDialect& dialect, ASPurpose purpose, bool exa
 }
 
 void ASSqlBuilder::select(const ASSelect& select, const ASComparison& where) {
+    if (!select.m_count) return selected(select, where);
+    append("SELECT count(*) FROM (");
+    selected(select, where);
+    append(") AS \"counted\"");
+}
+
+void ASSqlBuilder::selected(const ASSelect& select, const ASComparison& where) {
     const ASFilter& filter = select.m_filter;
     if (m_executes && m_purpose != ASPurpose::Nested && spread(select, where)) return;
     if (m_dialect.typed && m_executes && filter.m_project.m_distinct) return distinct(select, where);

@@ -94,6 +94,7 @@ public:
 private:
     bool isExecuted() const noexcept { return m_purpose == ASPurpose::Execution || m_purpose == ASPurpose::Streaming; }
     void parameter(const ASValue& value);
+    void selected(const ASSelect& select, const ASComparison& where);
     void likeColumn(const ASAttribute& pattern);
     void distinct(const ASSelect& select, const ASComparison& where);
     static const ASAttribute* columnIn(const ASProject::Item& item);

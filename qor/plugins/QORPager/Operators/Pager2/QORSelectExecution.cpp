@@ -1,6 +1,7 @@
 // Running a select and writing its result element.
 
 #include <algorithm>
+#include <limits>
 
 #include "QORCommon/QORException.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
@@ -10,18 +11,25 @@ namespace QOR {
 
 namespace {
 
-void addChild(QORBinaryIterator& out, QORTag id) {
-    if (out.addChild(id) != 0) {
-        throwException(errFailure, "cannot create new child in output message", pager2SourcePath, __LINE__);
+void project(ASProject& projection, const ColumnCell& cell) {
+    if (cell.getAggrAttr()) {
+        projection << *cell.getAggrAttr();
+    } else {
+        projection << *cell.getAttr();
     }
 }
 
-void expectWritten(int result) {
-    if (result != 0) throwException(errFailure, "cannot put value in output message", pager2SourcePath, __LINE__);
+template <class SortColumn>
+ASOrder orderOf(const SortColumn& column) {
+    const ColumnCell& cell = column.cell;
+    const ASOrder ascending = cell.getAggrAttr() ? ASOrder(*cell.getAggrAttr()) : ASOrder(*cell.getAttr());
+    return column.descending ? -ascending : ascending;
 }
 
+}  // namespace
+
 /// The row that a cursor has fetched, as the answer has it.
-class OutputRow {
+class SelectStmnt::OutputRow {
 public:
     void add(const ASData& data) {
         m_columns.push_back({&data, {}});
@@ -48,9 +56,9 @@ private:
     }
 
     void writeElements(QORBinaryIterator& out) const {
-        addChild(out, tag::row);
+        expectAdded(out.addChild(tag::row));
         for (const QORRowValue& value : m_values) {
-            addChild(out, tag::value);
+            expectAdded(out.addChild(tag::value));
             if (value.kind == QORValueKind::Binary)
                 expectWritten(out.putBinary(value.bytes.data(), value.bytes.size()));
             if (value.kind == QORValueKind::Text) expectWritten(out.putValue(value.bytes));
@@ -63,13 +71,6 @@ private:
     std::vector<QORRowValue> m_values;
 };
 
-ASOrder orderOf(const ColumnCell& cell, bool descending) {
-    const ASOrder ascending = cell.getAggrAttr() ? ASOrder(*cell.getAggrAttr()) : ASOrder(*cell.getAttr());
-    return descending ? -ascending : ascending;
-}
-
-}  // namespace
-
 void SelectStmnt::prepareAccessCheck(ASSession&) const {
     // The restriction is part of the where condition; nothing has to be set up in the database for it.
 }
@@ -78,23 +79,23 @@ void SelectStmnt::prepareCursor(ASCursor& cursor) const {
     cursor.Select() = toSelect();
 }
 
-ASSelect SelectStmnt::toSelect() const {
+ASSelect SelectStmnt::toSelect(const ASComparison& behind, std::int64_t most, std::int64_t offset) const {
     ASSelect select;
     ASProject& projection = m_distinct ? select.Filter().DistinctProject() : select.Filter().Project();
-    for (const auto& [key, cell] : m_outputFields) {
-        if (cell.getAggrAttr()) {
-            projection << *cell.getAggrAttr();
-        } else {
-            projection << *cell.getAttr();
-        }
+    for (const OutputField& field : m_outputFields)
+        project(projection, field.cell);
+    for (const SortColumn& column : m_sortColumns) {
+        if (column.isHidden) project(projection, column.cell);
     }
-    restrict(select.Filter());
-    if (m_pageSize > 0) select.Limit(m_pageSize, std::max(m_firstRow, 0));
+    restrict(select.Filter(), behind);
+    constexpr std::int64_t largest = std::numeric_limits<std::int32_t>::max();
+    if (most > 0)
+        select.Limit(static_cast<std::int32_t>(std::min(most, largest)),
+                     static_cast<std::int32_t>(std::min(offset, largest)));
     if (m_sortColumns.empty()) return select;
-    auto entry = m_sortColumns.begin();
-    ASOrder order = orderOf(entry->second.first, entry->second.second);
-    for (++entry; entry != m_sortColumns.end(); ++entry)
-        order << orderOf(entry->second.first, entry->second.second);
+    ASOrder order = orderOf(m_sortColumns.front());
+    for (std::size_t i = 1; i < m_sortColumns.size(); ++i)
+        order << orderOf(m_sortColumns[i]);
     select.Order(order);
     return select;
 }
@@ -102,71 +103,81 @@ ASSelect SelectStmnt::toSelect() const {
 /// Rows and their count see one state of the database; rows alone see one in any case. Sums are read as a whole, since
 /// they may have to be taken twice.
 ASAccess SelectStmnt::access() const {
-    if (!m_countWanted) return ASAccess::ReadOne;
-    const bool sums = std::any_of(m_outputFields.begin(), m_outputFields.end(), [](const auto& field) {
-        return field.second.getAggrAttr() && field.second.getAggrAttr()->function() == ASGroupAttribute::Function::Sum;
+    if (isPaged()) return ASAccess::Read;
+    if (m_counting == Counting::None || m_counting == Counting::PageOnly) return ASAccess::ReadOne;
+    const bool sums = std::any_of(m_outputFields.begin(), m_outputFields.end(), [](const OutputField& field) {
+        const auto& aggregate = field.cell.getAggrAttr();
+        return aggregate && aggregate->function() == ASGroupAttribute::Function::Sum;
     });
     if (sums) return ASAccess::Read;
     std::int32_t atOnce = ASCursor::mostRowsAtOnce;
-    for (const auto& [key, cell] : m_outputFields) {
-        if (const auto data = cell.getData()) atOnce = std::min(atOnce, ASCursor::rowsAtOnce(*data, m_dialect));
+    for (const OutputField& field : m_outputFields) {
+        if (const auto data = field.cell.getData()) atOnce = std::min(atOnce, ASCursor::rowsAtOnce(*data, m_dialect));
     }
     return ASCursor::isLong(m_pageSize, atOnce) ? ASAccess::ReadLong : ASAccess::Read;
 }
 
 void SelectStmnt::execute(QORBinaryIterator& out) {
     if (!m_refusal.empty()) throwException(errFailure, m_refusal, pager2SourcePath, __LINE__);
+    if (isPaged()) preparePageTokens();
     QORRdbms::instance().read(access(), [&](ASSession& database) { write(out, database); });
 }
 
-// Until the first row is there the select may be run anew.
 void SelectStmnt::write(QORBinaryIterator& out, ASSession& database) const {
     prepareAccessCheck(database);
-    ASCursor cursor(database);
-    prepareCursor(cursor);
-    bool more = cursor.Fetch();
-    addChild(out, tag::rowSet);
-    writeColumnNames(out);
-    OutputRow row;
-    for (const auto& [key, cell] : m_outputFields)
-        row.add(*cell.getData());
+    bool begun = false;
     try {
-        for (; more; more = cursor.Fetch())
-            row.write(out);
-        if (m_countWanted) writeCounts(out, database, cursor);
+        const Page page = writeRows(out, database, begun);
+        // A count that takes too long ends the transaction, so it is the last thing.
+        if (m_counting != Counting::None) writeCounts(out, database, page);
+        if (isPaged()) writeNext(out, page, std::nullopt);
     } catch (const AException& failure) {
-        if (failure.failure() != ASFailure::Undone) throw;
+        if (!begun || failure.failure() != ASFailure::Undone) throw;
         throw AException(failure.text(), failure.sqlState(), failure.nativeCode());
     }
     out.seekUp();
 }
 
-void SelectStmnt::writeColumnNames(QORBinaryIterator& out) const {
-    for (const auto& [key, cell] : m_outputFields) {
-        addChild(out, tag::name);
-        expectWritten(out.putValue(cell.displayName()));
+// Until the first row is there the select may be run anew. One row more than the page has tells whether it is the last.
+SelectStmnt::Page SelectStmnt::writeRows(QORBinaryIterator& out, ASSession& database, bool& begun) const {
+    Page page;
+    OutputRow row;
+    for (const OutputField& field : m_outputFields)
+        row.add(*field.cell.getData());
+    const std::int64_t offset = m_after && m_after->key.empty() ? m_after->offset : std::max(m_firstRow, 0);
+    for (const ASComparison& behind : behindAfter()) {
+        ASCursor cursor(database);
+        cursor.Select() = isPaged() ? toSelect(behind, std::int64_t{m_pageSize} + 1 - page.rows, offset) : toSelect();
+        bool more = cursor.Fetch();
+        if (!begun) writeBegin(out);
+        begun = true;
+        for (; more; more = cursor.Fetch()) {
+            page.isLast = !isPaged() || page.rows < m_pageSize;
+            if (!page.isLast) return page;
+            row.write(out);
+            if (++page.rows == m_pageSize && isPaged()) page.key = keyOfRow();
+        }
+    }
+    return page;
+}
+
+void SelectStmnt::writeBegin(QORBinaryIterator& out) const {
+    expectAdded(out.addChild(tag::rowSet));
+    for (const OutputField& field : m_outputFields) {
+        expectAdded(out.addChild(tag::name));
+        expectWritten(out.putValue(field.cell.displayName()));
         out.seekUp();
     }
 }
 
-void SelectStmnt::writeCounts(QORBinaryIterator& out, ASSession& database, const ASCursor& cursor) const {
-    std::int64_t total = 0;
-    const bool counted = countUnlimited(database, total);
-    expectWritten(out.putInt(counted ? static_cast<std::int32_t>(cursor.GetAmount()) : 0, tag::statistics));
-    expectWritten(out.putInt64(counted ? total : 0, tag::total));
+void SelectStmnt::expectAdded(int result) {
+    if (result != 0) {
+        throwException(errFailure, "cannot create new child in output message", pager2SourcePath, __LINE__);
+    }
 }
 
-bool SelectStmnt::countUnlimited(ASSession& database, std::int64_t& total) const {
-    const auto count = std::make_shared<ASInt64>();
-    ASGroupAttribute allRows;
-    allRows.Register(count, m_domain);
-    ASCursor cursor(database);
-    ASProject& projection = m_distinct ? cursor.Filter().DistinctProject() : cursor.Filter().Project();
-    projection << allRows;
-    restrict(cursor.Filter());
-    if (!cursor.Fetch()) return false;
-    total = count->value();
-    return true;
+void SelectStmnt::expectWritten(int result) {
+    if (result != 0) throwException(errFailure, "cannot put value in output message", pager2SourcePath, __LINE__);
 }
 
 std::string SelectStmnt::asSQLString() const {

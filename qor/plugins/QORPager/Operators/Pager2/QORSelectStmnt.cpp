@@ -1,9 +1,12 @@
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 
+#include <algorithm>
 #include <cassert>
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORText.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "QORPager/Operators/QORAccessCondition.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
@@ -14,8 +17,18 @@ namespace {
 
 constexpr const char* securableObjectColumn = "securableObjId";
 
-[[noreturn]] void refuse(const char* message, int line) {
+[[noreturn]] void refuse(const std::string& message, int line) {
     throwException(errBadRequest, message, pager2SourcePath, line);
+}
+
+/// In the order of their names, of those with the same name the first alone.
+template <class Element>
+void putInOrder(std::vector<Element>& elements, std::string Element::*name) {
+    std::stable_sort(elements.begin(), elements.end(),
+                     [name](const Element& a, const Element& b) { return a.*name < b.*name; });
+    const auto end = std::unique(elements.begin(), elements.end(),
+                                 [name](const Element& a, const Element& b) { return a.*name == b.*name; });
+    elements.erase(end, elements.end());
 }
 
 }  // namespace
@@ -23,14 +36,48 @@ constexpr const char* securableObjectColumn = "securableObjId";
 SelectStmnt::SelectStmnt(QORBinaryIterator it, SelectStmnt* parent)
     : m_parent(parent), m_dialect(parent != nullptr ? parent->m_dialect : QORRdbms::instance().dialect()) {
     if (it.curID() != tag::select) refuse("select is absent", __LINE__);
-    m_countWanted = it.seekPresence(tag::statistics) == 0;
+    if (it.seekPresence(tag::statistics) == 0) m_counting = Counting::Legacy;
     m_distinct = it.seekPresence(tag::distinct) == 0;
+    readElements(it);
     readLimit(it);
     const int operationId = readView(it);
     readFields(it);
     readSort(it);
+    if (m_ordered) completeOrder();
+    readAfter(it);
     readWhere(it);
     restrictAccess(operationId);
+}
+
+/// Those that belong to what is answered, and so to the outermost select alone.
+void SelectStmnt::readElements(const QORBinaryIterator& it) {
+    m_ordered = it.seekPresence(tag::ordered) == 0;
+    const bool pages = m_ordered || it.seekPresence(tag::after) == 0 || it.seekPresence(tag::count) == 0;
+    if (pages && m_parent != nullptr) refuse("ordered, after and count belong to the outermost select", __LINE__);
+    readCount(it);
+}
+
+void SelectStmnt::readCount(const QORBinaryIterator& it) {
+    if (it.seekPresence(tag::count) != 0) return;
+    constexpr std::string_view unit = "ms";
+    constexpr std::int64_t longest = 3'600'000;
+    std::string text;
+    it.getValue(text, tag::count);
+    if (text == "none") {
+        m_counting = Counting::PageOnly;
+    } else if (text == "capped") {
+        m_counting = Counting::Capped;
+    } else if (text == "exact") {
+        m_counting = Counting::Exact;
+    } else {
+        const auto number = text.ends_with(unit)
+                                ? parseInt64(std::string_view(text).substr(0, text.size() - unit.size()))
+                                : std::nullopt;
+        if (!number || *number < 1 || *number > longest)
+            refuse("count: " + quoteText(text) + " is none of none, capped, exact and a time such as 200ms", __LINE__);
+        m_counting = Counting::Within;
+        m_countTime = std::chrono::milliseconds(*number);
+    }
 }
 
 void SelectStmnt::readLimit(QORBinaryIterator& it) {
@@ -61,6 +108,7 @@ void SelectStmnt::readFields(QORBinaryIterator& it) {
         readField(it);
     } while (it.nextSibling(tag::field) == 0);
     it.seekUp();
+    if (!m_ordered) putInOrder(m_outputFields, &OutputField::key);
 }
 
 void SelectStmnt::readField(QORBinaryIterator& it) {
@@ -81,11 +129,12 @@ void SelectStmnt::readField(QORBinaryIterator& it) {
         // The name beside a function takes the place of the function's own field.
         if (column.empty()) column = std::move(aggregated);
         displayName = std::move(fieldName);
+        if (m_ordered && displayName.empty()) displayName = toLowerText(function) + '(' + column + ')';
     } else if (column.empty() && it.getValue(column) != 0) {
         refuse("invalid simple field", __LINE__);
     }
     ColumnCell cell = getAggrColumn(column, displayName, function);
-    m_outputFields.emplace(std::move(column), std::move(cell));
+    m_outputFields.push_back({std::move(column), std::move(cell)});
 }
 
 void SelectStmnt::readSort(QORBinaryIterator& it) {
@@ -94,11 +143,24 @@ void SelectStmnt::readSort(QORBinaryIterator& it) {
         std::string name;
         if (it.getValue(name, tag::field) != 0) refuse("sort/field is absent", __LINE__);
         const bool descending = it.seekPresence(tag::descending) == 0;
-        const auto output = m_outputFields.find(name);
-        ColumnCell cell = output != m_outputFields.end() ? output->second : getColumn(name);
-        m_sortColumns.emplace(std::move(name), std::make_pair(std::move(cell), descending));
+        const OutputField* const output = findOutput(name);
+        ColumnCell cell = output != nullptr ? output->cell : getColumn(name);
+        if (m_ordered && output == nullptr && (m_distinct || isGrouped()))
+            refuse("sort: " + quoteText(name) +
+                       " is not among the fields, and distinct or grouped rows are sorted by "
+                       "nothing else",
+                   __LINE__);
+        m_sortColumns.push_back({std::move(name), std::move(cell), descending, false, false});
     } while (it.nextSibling(tag::sort) == 0);
     it.seekUp();
+    if (!m_ordered) putInOrder(m_sortColumns, &SortColumn::name);
+}
+
+const SelectStmnt::OutputField* SelectStmnt::findOutput(const std::string& name) const {
+    const auto found = std::find_if(m_outputFields.begin(), m_outputFields.end(), [&](const OutputField& field) {
+        return (m_ordered ? field.cell.displayName() : field.key) == name;
+    });
+    return found == m_outputFields.end() ? nullptr : &*found;
 }
 
 void SelectStmnt::readWhere(QORBinaryIterator& it) {
@@ -115,8 +177,10 @@ void SelectStmnt::restrictAccess(int operationId) {
     registerOperationId(operationId);
 }
 
-void SelectStmnt::restrict(ASFilter& filter) const {
-    if (!m_where.empty()) filter.Set(m_where);
+/// \param behind where the page begins; none: at the beginning
+void SelectStmnt::restrict(ASFilter& filter, const ASComparison& behind) const {
+    const ASComparison where = m_where && behind;
+    if (!where.empty()) filter.Set(where);
     if (!m_access.empty()) filter.Restrict(m_access);
 }
 

@@ -4,17 +4,25 @@
 /// The request's grammar, by tag: select (1740) with the presence flags statistics (1259) and distinct (2293), limit
 /// (1377: size 1024, offset 1087), view (1009), one or more fields (1741: a text, or name 1026, or function 2222 with
 /// name 1026 and field 1741), sort (1743: field 1741, descending 1378), where (1742).
+///
+/// Of the outermost select alone also: ordered (2401), with which columns and sort keys keep the request's order, rows
+/// that are equal in them have one too, and a page tells where the next one begins; after (2402, such a place); count
+/// (2403, how far rows are counted); now (2406, the moment that relative times were told from).
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "QORLibAgent/QORPageToken.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORPager/Operators/Pager2/QORColumnCell.h"
@@ -45,7 +53,7 @@ public:
     std::string asSQLString() const;
     /// Projection, condition, limit and order.
     void prepareCursor(ASCursor& cursor) const;
-    ASSelect toSelect() const;
+    ASSelect toSelect() const { return toSelect({}, m_pageSize, std::max(m_firstRow, 0)); }
     /// Counts the matching rows without limit. \returns false when the count gave no row
     bool countUnlimited(ASSession& database, std::int64_t& total) const;
 
@@ -88,17 +96,49 @@ public:
     const std::set<int>& registeredOperationIds() const noexcept { return m_operationIds; }
 
 private:
-    using OutputFields = std::map<std::string, ColumnCell>;
-    using SortColumns = std::map<std::string, std::pair<ColumnCell, bool>>;
+    /// A column of the answer, by the name that it goes by in the request.
+    struct OutputField {
+        std::string key;
+        ColumnCell cell;
+    };
+    struct SortColumn {
+        std::string name;
+        ColumnCell cell;
+        bool descending = false;
+        bool isNeverNull = false;
+        bool isHidden = false;  ///< it is selected, but not answered
+    };
+    enum class Counting { None, Legacy, PageOnly, Capped, Exact, Within };
+    /// How many rows there are on all pages together.
+    struct Total {
+        std::int64_t least = 0;
+        std::optional<std::int64_t> most{};  ///< nothing: nobody knows
+        bool isExact() const noexcept { return most == least; }
+    };
 
+    void readElements(const QORBinaryIterator& it);
+    void readCount(const QORBinaryIterator& it);
     void readLimit(QORBinaryIterator& it);
     int readView(QORBinaryIterator& it);
     void readFields(QORBinaryIterator& it);
     void readField(QORBinaryIterator& it);
     void readSort(QORBinaryIterator& it);
+    const OutputField* findOutput(const std::string& name) const;
     void readWhere(QORBinaryIterator& it);
+
+    // Ordered selects (QORSelectPage.cpp).
+    bool isPaged() const noexcept { return m_ordered && m_pageSize > 0; }
+    bool isGrouped() const;
+    void completeOrder();
+    void addTieBreaker(const std::string& name, const ColumnCell& cell, bool isNeverNull);
+    bool isSeekable(const SortColumn& column) const;
+    void readAfter(const QORBinaryIterator& it);
+    std::vector<ASComparison> behindAfter() const;
+    std::optional<std::vector<std::optional<std::string>>> keyOfRow() const;
+    std::int64_t rowsBefore() const noexcept;
+
     void restrictAccess(int operationId);
-    void restrict(ASFilter& filter) const;
+    void restrict(ASFilter& filter, const ASComparison& behind) const;
     /// Notes on the outermost statement why it cannot be run.
     void refuseExecution(std::string reason);
     const MetaColumnsMap& getTableMeta(const std::string& view);
@@ -124,20 +164,46 @@ private:
     static char escapeExpr(const QORBinaryIterator& it);
 
     // Output (QORSelectExecution.cpp).
+    class OutputRow;
+    /// What became of a page.
+    struct Page {
+        std::int64_t rows = 0;
+        bool isLast = true;
+        std::optional<std::vector<std::optional<std::string>>> key{};  ///< of the last row
+    };
+
     ASAccess access() const;
     void prepareAccessCheck(ASSession& database) const;
+    ASSelect toSelect(const ASComparison& behind, std::int64_t most, std::int64_t offset) const;
     void write(QORBinaryIterator& out, ASSession& database) const;
-    void writeColumnNames(QORBinaryIterator& out) const;
-    void writeCounts(QORBinaryIterator& out, ASSession& database, const ASCursor& cursor) const;
+    /// \param begun set once something was written
+    Page writeRows(QORBinaryIterator& out, ASSession& database, bool& begun) const;
+    void writeBegin(QORBinaryIterator& out) const;
+    void writeNext(QORBinaryIterator& out, const Page& page, std::optional<bool> changed) const;
+    static void expectAdded(int result);
+    static void expectWritten(int result);
+
+    // Counts (QORSelectCounts.cpp).
+    void writeCounts(QORBinaryIterator& out, ASSession& database, const Page& page) const;
+    Total countRows(ASSession& database, const Page& page) const;
+    Total countWithin(ASSession& database, const Page& page) const;
+    std::int64_t countUpTo(ASSession& database, std::int64_t most) const;
+    std::optional<std::int64_t> mostRows(ASSession& database) const;
 
     SelectStmnt* m_parent;
     const ASDialect& m_dialect;  ///< that of the database when the outermost statement was read
-    bool m_countWanted = false;
+    Counting m_counting = Counting::None;
+    std::chrono::milliseconds m_countTime{};  ///< of Counting::Within
     bool m_distinct = false;
+    bool m_ordered = false;
     int m_pageSize = 0;
     int m_firstRow = 0;
-    OutputFields m_outputFields;
-    SortColumns m_sortColumns;
+    std::vector<OutputField> m_outputFields;  ///< in the answer's order
+    std::vector<SortColumn> m_sortColumns;    ///< the first is the primary one
+    /// Of an ordered select: the sort keys tell its rows apart, and all of them can be compared with.
+    bool m_seeks = false;
+    std::optional<QORPageToken> m_after;  ///< the place that the page begins behind
+    QORPageToken m_next;                  ///< what each token of this question says, but for the place
     ASDomainPtr m_domain;
     ASComparison m_where;   ///< what the client asked for
     ASComparison m_access;  ///< which rows there are for this client; none: all

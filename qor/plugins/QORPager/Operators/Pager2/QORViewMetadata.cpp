@@ -11,6 +11,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORDBSchema.h"
 #include "QORDBSchema/QORSpreadViews.h"
 #include "QORDBSchema/QORStoredColumns.h"
 #include "QORDBSchema/SchemaTable.h"
@@ -48,6 +49,14 @@ constexpr const char* operationPrefix = "securityOperation_";
 constexpr const char* securableObjectColumn = "securableObjId";
 /// Operation identifiers that the host's security knows run from 1 to this one.
 constexpr long lastOperationId = 2000008;
+
+/// What tells the rows of the host's own views apart.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 4> ownKeys{{
+    {"vEnvironment", "eid"},
+    {"vOpLog", "id"},
+    {"vEventLog", "id"},
+    {"vBackupInfo", "id"},
+}};
 
 /// The per-process caches and their locks.
 struct ViewCaches {
@@ -88,6 +97,13 @@ void addColumn(MetaTablesMap& views, const SchemaTable::MetaData& row) {
     if (type == "decimal") columns.storages.emplace(column, ASStorage::Decimal);
 }
 
+void nameKeys(MetaTablesMap& views) {
+    for (const auto& [view, key] : ownKeys) {
+        const auto found = views.find(toLowerText(view));
+        if (found != views.end() && found->second.viewName == view) found->second.key = key;
+    }
+}
+
 void readViewsInto(MetaTablesMap& views) {
     QORRdbmsTran transaction(ASAccess::Read);
     const SchemaTable schema(*transaction);
@@ -97,6 +113,7 @@ void readViewsInto(MetaTablesMap& views) {
         addColumn(views, schema.metaData);
     for (auto& [name, storages] : columnStorages(*transaction))
         views[toLowerText(name)].storages.merge(storages);
+    if (QORDBSchema::inspect(*transaction).kind == QORSchemaState::Kind::Ours) nameKeys(views);
 }
 
 // Each view on its own: of one that the engine fails on, nothing is known, but of the others all the same.

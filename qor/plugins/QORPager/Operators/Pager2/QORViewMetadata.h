@@ -32,6 +32,7 @@ struct MetaColumnsMap {
     std::string viewName;                                    ///< as the database spells it
     QORStoredColumns reading;                                ///< what is known of reading it
     ASStorages storages;                                     ///< of columns whose type does not say all
+    std::string key;  ///< a column that tells its rows apart and is never null; "" where none is known to
 };
 
 /// All views, by lower-cased name.
