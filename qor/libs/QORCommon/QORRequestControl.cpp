@@ -87,20 +87,38 @@ QORRequestControl::End QORRequestControl::endedAt(Clock::time_point now) const n
     return m_end.compare_exchange_strong(none, End::Deadline, std::memory_order_acq_rel) ? End::Deadline : none;
 }
 
+QORRequestControl::Ticks QORRequestControl::dueTicks() const noexcept {
+    return std::min(m_renewed.load(std::memory_order_relaxed), m_fixed.load(std::memory_order_relaxed));
+}
+
 Clock::time_point QORRequestControl::deadline() const noexcept {
-    const Ticks end = std::min(m_renewed.load(std::memory_order_relaxed), m_fixed.load(std::memory_order_relaxed));
-    return Clock::time_point(Clock::duration(end));
+    const Ticks due = dueTicks();
+    const Ticks grace = m_grace.load(std::memory_order_relaxed);
+    const Ticks end = due < never - grace ? due + grace : never;
+    return Clock::time_point(Clock::duration(std::max(end, m_graced.load(std::memory_order_relaxed))));
+}
+
+void QORRequestControl::grantGrace(std::chrono::milliseconds more) noexcept {
+    m_graced.store(readingAt(Clock::now(), more), std::memory_order_relaxed);
+    m_grace.store(std::chrono::duration_cast<Clock::duration>(more).count(), std::memory_order_relaxed);
+}
+
+bool QORRequestControl::isDue() const noexcept {
+    return Clock::now().time_since_epoch().count() >= dueTicks();
+}
+
+std::string QORRequestControl::dueText() const {
+    const bool asked = m_fixed.load(std::memory_order_relaxed) <= m_renewed.load(std::memory_order_relaxed);
+    const std::int64_t limit = asked ? m_asked.load(std::memory_order_relaxed) : m_limit.count();
+    return "the request's deadline of " + durationText(limit) + " has passed";
 }
 
 std::string QORRequestControl::text() const {
     switch (ended()) {
         case End::None:
             return {};
-        case End::Deadline: {
-            const bool asked = m_fixed.load(std::memory_order_relaxed) <= m_renewed.load(std::memory_order_relaxed);
-            const std::int64_t limit = asked ? m_asked.load(std::memory_order_relaxed) : m_limit.count();
-            return "the request's deadline of " + durationText(limit) + " has passed";
-        }
+        case End::Deadline:
+            return dueText();
         case End::Gone:
             return "the client has gone";
         case End::Stopping:

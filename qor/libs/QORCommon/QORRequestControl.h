@@ -46,6 +46,13 @@ public:
     /// Takes the request's limit away, for good: for work of an administrator that takes as long as the database is
     /// large. What limitTo() has set stays, and cancel() still ends it.
     void lift() noexcept;
+    /// For who answers what there is when the deadline comes, rather than an error: from now on the request ends only
+    /// so much later than its deadline, or than now where that is later, and who works for it stops by isDue(). Before
+    /// anything asks whether it has ended. \param more above 0
+    void grantGrace(std::chrono::milliseconds more) noexcept;
+    /// Whether the deadline has passed, whatever grace there is behind it; and what text() says of that.
+    bool isDue() const noexcept;
+    std::string dueText() const;
     /// Ends the request. \param reason not None
     void cancel(End reason) noexcept;
 
@@ -55,7 +62,7 @@ public:
     /// For the one thread that works for the request, where it holds nothing that others need to go on: lets others
     /// have the processor from time to time once the request has taken long. \returns !expired()
     bool mayGoOn() noexcept;
-    /// When it ends unless it is cancelled; Clock::time_point::max() when there is no such time.
+    /// When it ends unless it is cancelled, the grace included; Clock::time_point::max() when there is no such time.
     Clock::time_point deadline() const noexcept;
     /// Why it has ended, for people: "the request's deadline of 30 s has passed". Empty while it has not.
     std::string text() const;
@@ -73,12 +80,15 @@ private:
     using Ticks = Clock::rep;
 
     End endedAt(Clock::time_point now) const noexcept;
+    Ticks dueTicks() const noexcept;
 
     const Clock::time_point m_begin = Clock::now();
     const std::chrono::milliseconds m_limit;
     std::atomic<Ticks> m_renewed;          // end by m_limit
     std::atomic<Ticks> m_fixed;            // end by limitTo()
     std::atomic<std::int64_t> m_asked{0};  // milliseconds behind m_fixed
+    std::atomic<Ticks> m_grace{0};
+    std::atomic<Ticks> m_graced{0};  // the earliest end with grace
     mutable std::atomic<End> m_end{End::None};
     Clock::time_point m_yields;  // when mayGoOn() lets others have the processor next
 };

@@ -32,7 +32,7 @@ struct Form {
     std::string_view one;   ///< what finds the records of one scope, with its pieces as parameters
     std::string_view each;  ///< the same for the scope j.value; <...> is a text that is a GUID
 };
-constexpr std::array<Form, 6> forms{{
+constexpr std::array<Form, 8> forms{{
     {"qor_operation", "seq", "1 = 1", "1 = 1"},
     {"qor_operation", "seq", "r.eid = ?", "r.eid = <j.value>"},
     {"qor_operation_environment", "operation", "r.eid = ? AND r.eid IS DISTINCT FROM r.own",
@@ -42,13 +42,19 @@ constexpr std::array<Form, 6> forms{{
     {"qor_event", "seq", "r.category = ?", "r.category = substr(j.value, 2)"},
     {"qor_event", "seq", "r.category = ? AND r.eid = ?",
      "r.category = substr(j.value, 38) AND r.eid = <substr(j.value, 1, 36)>"},
+    {"qor_event", "seq", "1 = 1", "1 = 1"},
+    {"qor_event", "seq", "r.eid = ?", "r.eid = <j.value>"},
 }};
+/// The forms from here on have no counters.
+constexpr std::size_t uncounted = 6;
 
 /// Nothing for a text that is no scope.
 std::optional<std::size_t> formOf(QORLogKind kind, std::string_view scope) {
     if (kind == QORLogKind::Events) {
         if (scope.starts_with(categoryMark)) return 4;
         if (scope.size() > guidLength && scope[guidLength] == categoryMark) return 5;
+        if (scope.empty()) return 6;
+        if (scope.size() == guidLength) return 7;
         return std::nullopt;
     }
     if (scope.empty()) return 0;
@@ -61,8 +67,10 @@ std::optional<std::size_t> formOf(QORLogKind kind, std::string_view scope) {
 std::vector<std::string> piecesOf(std::size_t form, const std::string& scope) {
     switch (form) {
         case 0:
+        case 6:
             return {};
         case 1:
+        case 7:
             return {scope};
         case 2:
         case 4:
@@ -318,6 +326,14 @@ std::string eventScope(const QOREID& eid, std::string_view category) {
     return eid.toString() + categoryMark + std::string(category);
 }
 
+std::string anyEventsScope() {
+    return {};
+}
+
+std::string anyEventScope(const QOREID& eid) {
+    return eid.toString();
+}
+
 void QORLogCounters::add(QORLogKind kind, const std::string& scope, std::int64_t second, int change) {
     m_session.setOwing(true);
     m_scopes[static_cast<std::size_t>(kind)][scope].emplace_back(second, change);
@@ -364,7 +380,8 @@ void QORLogCounters::recount(ASSession& session, QORLogKind kind, const std::str
         return;
     }
     session.prepare(sqlOf(kind).removeScope).bind(1, std::string_view(scope)).execute(ASTriggers::Skip);
-    if (!formOf(kind, scope)) return;
+    const auto form = formOf(kind, scope);
+    if (!form || *form >= uncounted) return;
     CounterWriter writer(session, kind);
     writer.putRecords(scope, 0, std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max());
     writer.split();
@@ -381,12 +398,34 @@ void QORLogScopes::add(const std::string& scope) {
     if (part == m_parts.end()) part = m_parts.insert(m_parts.end(), {form, scope, {}, 0});
     appendToArray(part->json, scope);
     appendToArray(m_json, scope);
+    m_scopes.emplace_back(form, scope);
     ++part->scopes;
     ++m_count;
 }
 
 std::uint64_t QORLogScopes::count(std::int64_t from, std::int64_t to) {
     return from > to ? 0 : countWithin(0, from, to);
+}
+
+std::uint64_t QORLogScopes::tally(std::int64_t from, std::int64_t to) {
+    const bool counted =
+        std::all_of(m_scopes.begin(), m_scopes.end(), [](const auto& scope) { return scope.first < uncounted; });
+    if (counted) return count(from, to);
+    std::uint64_t records = 0;
+    for (const auto& [form, scope] : m_scopes) {
+        // The scopes of one category each, which begin with this one's name and the mark.
+        std::string first = scope + categoryMark;
+        ASStatement& select = m_session.prepare(
+            "SELECT coalesce(sum(n), 0) FROM qor_event_count WHERE scope >= ? AND scope < ? AND level = ?");
+        QORBinder binder(select);
+        binder.text(first);
+        ++first.back();
+        binder.text(first).integer(levels[0]);
+        select.execute();
+        if (select.fetch()) records += static_cast<std::uint64_t>(select.integer(1));
+        select.close();
+    }
+    return records;
 }
 
 /// Sums the buckets that lie in the span, and looks into the first and the last where they lie in it in part.
@@ -512,6 +551,47 @@ std::optional<QORLogScopes::Place> QORLogScopes::find(const std::vector<QORLogSc
         if (place.inside <= enough) break;
     }
     return place;
+}
+
+std::vector<QORLogScopes::Records> QORLogScopes::firstRecords(std::int64_t from, std::int64_t to,
+                                                              const QORLogMark* behind, QORLogOrder order,
+                                                              std::size_t most) const {
+    constexpr std::size_t scopesAtOnce = 50;  // an engine takes a union of some hundreds
+    const bool newest = order == QORLogOrder::NewestFirst;
+    const std::string ordered =
+        (newest ? " ORDER BY time DESC NULLS LAST, seq DESC LIMIT " : " ORDER BY time NULLS FIRST, seq LIMIT ") +
+        std::to_string(most);
+    std::vector<Records> groups;
+    for (std::size_t at = 0; at < m_scopes.size(); ++at) {
+        if (at % scopesAtOnce == 0) groups.emplace_back();
+        Records& group = groups.back();
+        const auto& [number, scope] = m_scopes[at];
+        const Form& form = forms[number];
+        const std::string seq = "r." + std::string(form.seq);
+        if (!group.sql.empty()) group.sql += " UNION ALL ";
+        group.sql.append("SELECT seq, time FROM (SELECT ").append(seq).append(" AS seq, r.time AS time FROM ");
+        group.sql.append(form.table).append(" r WHERE ").append(form.one);
+        for (std::string& piece : piecesOf(number, scope))
+            group.parameters.push_back(std::move(piece));
+        // Of two bounds at one end an engine may choose the wider one.
+        if (newest || behind == nullptr) {
+            group.sql += " AND r.time >= ?";
+            group.parameters.push_back(boundText(m_dialect, from));
+        }
+        if (!newest || behind == nullptr) {
+            group.sql += " AND r.time <= ?";
+            group.parameters.push_back(boundText(m_dialect, to));
+        }
+        if (behind != nullptr) {
+            group.sql.append(" AND (r.time, ").append(seq).append(newest ? ") < " : ") > ");
+            group.sql += "(?, CAST(? AS bigint))";
+            group.parameters.push_back(behind->time);
+            group.parameters.push_back(std::to_string(behind->seq));
+        }
+        group.sql.append(ordered).append(") s");
+        group.sql += std::to_string(at % scopesAtOnce);
+    }
+    return groups;
 }
 
 QORLogScopes::Records QORLogScopes::records(std::int64_t from, std::int64_t to, const QORLogMark* behind) const {

@@ -27,6 +27,9 @@ namespace QOR {
 /// Which of the two logs.
 enum class QORLogKind { Operations, Events };
 
+/// Which way a log is gone through.
+enum class QORLogOrder { NewestFirst, OldestFirst };
+
 /// Names of scopes. Those of different environments have no record in common.
 QOR_API std::string allOperationsScope();
 /// Operations that belong to an environment.
@@ -37,6 +40,9 @@ QOR_API std::string touchedScope(const QOREID& touched);
 QOR_API std::string touchedScope(const QOREID& own, const QOREID& touched);
 QOR_API std::string allEventsScope(std::string_view category);
 QOR_API std::string eventScope(const QOREID& eid, std::string_view category);
+/// Events of any category and of none, which nobody counts: of everybody, and of one environment.
+QOR_API std::string anyEventsScope();
+QOR_API std::string anyEventScope(const QOREID& eid);
 
 /// Counts what statements do to the logs that skip triggers (ASTriggers::Skip), instead of the database, and writes it
 /// all at once. What other statements of the same transaction do before and after that the database counts as ever; in
@@ -109,6 +115,9 @@ public:
 
     /// Records from one second to another, both included.
     std::uint64_t count(std::int64_t from, std::int64_t to);
+    /// A number that is another one once records were added or removed, as far as counters tell: of events of any
+    /// category it takes no notice of the span, nor of those that have none.
+    std::uint64_t tally(std::int64_t from, std::int64_t to);
     /// Where the record lies that `position` records are newer than. Nothing when there is none: then the position
     /// lies beyond the end, or the counters do not agree with the records.
     /// \param enough a span that holds so few records need not be narrowed
@@ -118,6 +127,11 @@ public:
                                      std::uint64_t enough);
     /// The records from one second to another. \param behind of these, those that come after this one in the log
     Records records(std::int64_t from, std::int64_t to, const QORLogMark* behind = nullptr) const;
+
+    /// The first `most` records from one second to another, in order, a select for each of as few groups of scopes as
+    /// may be: what comes first of all of them is among what comes first of each. Each scope is read no further.
+    std::vector<Records> firstRecords(std::int64_t from, std::int64_t to, const QORLogMark* behind, QORLogOrder order,
+                                      std::size_t most) const;
 
     /// The latest second that counts.
     static constexpr std::int64_t endOfTime = (std::int64_t{1} << 40) - 1;
@@ -151,7 +165,8 @@ private:
     const ASDialect& m_dialect;
     QORLogKind m_kind;
     std::size_t m_count = 0;
-    std::string m_json;  ///< all scopes
+    std::vector<std::pair<std::size_t, std::string>> m_scopes;  ///< with their forms
+    std::string m_json;                                         ///< all scopes
     std::vector<Part> m_parts;
 };
 

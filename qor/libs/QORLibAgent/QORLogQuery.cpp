@@ -30,16 +30,26 @@ constexpr std::int64_t endOfRequests = std::numeric_limits<std::int32_t>::max();
 
 constexpr const char* newestFirst = " r ORDER BY time DESC NULLS LAST, seq DESC LIMIT ?";
 
-/// The select of a page of a log's records, around the select that finds them by arrival and time. The order says where
-/// nulls go, though there are none: an index serves no other.
-std::string pageSql(const ASDialect& dialect, QORLogKind kind, const std::string& records) {
+const char* orderText(QORLogOrder order) {
+    return order == QORLogOrder::NewestFirst ? " r ORDER BY time DESC NULLS LAST, seq DESC"
+                                             : " r ORDER BY time NULLS FIRST, seq";
+}
+
+/// The select of what there is of records, around one of the column seq, p, that finds them.
+std::string recordsSql(const ASDialect& dialect, QORLogKind kind, const std::string& found) {
     const bool operations = kind == QORLogKind::Operations;
     const std::string columns =
         operations ? "o.id, o.parent_id, o.op, o.status, o.eid, o.message, (SELECT " + dialect.joinedGuids("e.eid") +
                          " FROM qor_operation_environment e WHERE e.operation = o.seq AND e.position >= 0)"
                    : "o.eid, o.source, o.category, o.info";
-    return "SELECT o.seq, o.time, " + columns + " FROM (SELECT seq FROM (" + records + ")" + newestFirst +
-           " OFFSET ?) p" + dialect.lookUp(operations ? "qor_operation" : "qor_event", "o", "o.seq = p.seq", "p.seq") +
+    return "SELECT o.seq, o.time, " + columns + " FROM " + found + " p" +
+           dialect.lookUp(operations ? "qor_operation" : "qor_event", "o", "o.seq = p.seq", "p.seq");
+}
+
+/// The select of a page of a log's records, around the select that finds them by arrival and time. The order says where
+/// nulls go, though there are none: an index serves no other.
+std::string pageSql(const ASDialect& dialect, QORLogKind kind, const std::string& records) {
+    return recordsSql(dialect, kind, "(SELECT seq FROM (" + records + ")" + newestFirst + " OFFSET ?)") +
            " ORDER BY o.time DESC, o.seq DESC";
 }
 
@@ -176,6 +186,10 @@ void QORLogQuery::count() {
     m_size = all - std::min(all, above());
 }
 
+std::uint64_t QORLogQuery::tally() {
+    return sum([&](Part& part) { return part.scopes.tally(m_from, m_to); });
+}
+
 void QORLogQuery::walk() {
     m_walks = true;
     m_last.reset();
@@ -212,6 +226,42 @@ std::vector<ASStatement*> QORLogQuery::select(std::uint64_t position, std::size_
 void QORLogQuery::setRead(std::uint64_t nextPosition, QORLogMark last) {
     m_nextPosition = nextPosition;
     m_last = std::move(last);
+}
+
+void QORLogQuery::selectFirst(const QORLogMark* behind, QORLogOrder order, std::size_t most,
+                              const std::function<void(ASStatement&)>& read) {
+    const std::string limit = std::string(orderText(order)) + " LIMIT " + std::to_string(most) + ")";
+    for (const auto& part : m_parts) {
+        ask(*part, [&] {
+            const ASDialect& dialect = ASDialect::of(part->tran->engine());
+            for (const auto& group : part->scopes.firstRecords(m_from, m_to, behind, order, most)) {
+                ASStatement& select =
+                    part->tran->prepare(recordsSql(dialect, m_kind, "(SELECT seq FROM (" + group.sql + ")" + limit));
+                bindAll(select, group);
+                select.execute();
+                read(select);
+                select.close();
+            }
+        });
+    }
+}
+
+void QORLogQuery::selectThese(const std::vector<std::int64_t>& numbers, const std::function<void(ASStatement&)>& read) {
+    std::string list;
+    for (const std::int64_t number : numbers)
+        list.append(list.empty() ? "[\"" : ",\"").append(std::to_string(number)).append("\"");
+    if (list.empty()) return;
+    list += ']';
+    for (const auto& part : m_parts) {
+        ask(*part, [&] {
+            const ASDialect& dialect = ASDialect::of(part->tran->engine());
+            ASStatement& select = part->tran->prepare(recordsSql(
+                dialect, m_kind, std::string("(SELECT CAST(j.value AS bigint) AS seq FROM ") + dialect.eachText + ")"));
+            select.bind(1, std::string_view(list)).execute();
+            read(select);
+            select.close();
+        });
+    }
 }
 
 QORLogMark QORLogQuery::markOf(const ASStatement& row) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,6 +42,9 @@ public:
     void count();
     std::uint64_t size() const noexcept { return m_size; }
 
+    /// As QORLogScopes::tally().
+    std::uint64_t tally();
+
     /// Does without the counters from now on, which do not agree with the records. Tells the size anew.
     void walk();
     bool walks() const noexcept { return m_walks; }
@@ -51,6 +55,13 @@ public:
     std::vector<ASStatement*> select(std::uint64_t position, std::size_t most);
     /// Tells which records were read, so that reading on is cheap.
     void setRead(std::uint64_t nextPosition, QORLogMark last);
+
+    /// Selects the first `most` records, or those behind a mark, without asking for a position. \param read called with
+    /// a result, which it reads, for each database or a part of one: what comes first of all is among what it is given
+    void selectFirst(const QORLogMark* behind, QORLogOrder order, std::size_t most,
+                     const std::function<void(ASStatement&)>& read);
+    /// Selects records by their numbers of arrival, in any order and whatever scope they are of.
+    void selectThese(const std::vector<std::int64_t>& numbers, const std::function<void(ASStatement&)>& read);
 
     /// Of a row of a result.
     static QORLogMark markOf(const ASStatement& row);

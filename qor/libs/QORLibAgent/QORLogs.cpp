@@ -4,6 +4,7 @@
 #include <limits>
 #include <optional>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "QORCommon/QORException.h"
@@ -25,7 +26,8 @@ thread_local std::string lastFailure;
 /// that belong to it or touch it; another client has, of the records that it may see at all, the same.
 class Wanted {
 public:
-    Wanted(QORLogKind kind, const QOREnvSelection& selection, std::string category)
+    /// \param category of events; nothing: any, and none
+    Wanted(QORLogKind kind, const QOREnvSelection& selection, std::optional<std::string> category)
         : m_kind(kind), m_category(std::move(category)) {
         const QORRowAccess access = QORRowAccess::current();
         if (selection.isNone()) return;
@@ -43,11 +45,12 @@ private:
     using Where = QORLogScope::Where;
 
     QORLogScope all() const {
-        return {m_kind == QORLogKind::Operations ? allOperationsScope() : allEventsScope(m_category)};
+        if (m_kind == QORLogKind::Operations) return {allOperationsScope()};
+        return {m_category ? allEventsScope(*m_category) : anyEventsScope()};
     }
     QORLogScope of(const QOREID& owner) const {
-        return {m_kind == QORLogKind::Operations ? operationScope(owner) : eventScope(owner, m_category),
-                Where::WithOwner, owner};
+        if (m_kind == QORLogKind::Operations) return {operationScope(owner), Where::WithOwner, owner};
+        return {m_category ? eventScope(owner, *m_category) : anyEventScope(owner), Where::WithOwner, owner};
     }
     void addAll(const QORRowAccess& access) {
         if (access.isFull()) return m_scopes.push_back(all());
@@ -66,7 +69,7 @@ private:
     }
 
     QORLogKind m_kind;
-    std::string m_category;
+    std::optional<std::string> m_category;
     std::vector<QORLogScope> m_scopes;
 };
 
@@ -231,6 +234,87 @@ int QOREventLogAgent::getEvents(QOREventLogResult& result, const QOREnvSelection
     if (category.empty() || flags != 0) return fail("events are found by category, environment and time only");
     return fill(result, {QORLogKind::Events, envs, category, first, most, from, to});
 }
+
+template <class Record>
+QORLogWalk<Record>::QORLogWalk(const QORLogSpanOfTime& span)
+    : m_order(span.order), m_counted(std::is_same_v<Record, QORRequestProgressData> || span.category) {
+    constexpr QORLogKind kind =
+        std::is_same_v<Record, QORRequestProgressData> ? QORLogKind::Operations : QORLogKind::Events;
+    const Wanted wanted(kind, span.envs, span.category);
+    if (wanted.scopes().empty() || span.from > span.to) return;
+    m_query = std::make_unique<QORLogQuery>(kind, wanted.scopes(), span.from, span.to);
+}
+
+template <class Record>
+QORLogWalk<Record>::~QORLogWalk() = default;
+
+template <class Record>
+std::vector<QORLogFound<Record>> QORLogWalk<Record>::read(const QORLogMark* behind, std::size_t most) {
+    return readIn(m_order, behind, most);
+}
+
+template <class Record>
+std::vector<QORLogFound<Record>> QORLogWalk<Record>::readIn(QORLogOrder order, const QORLogMark* behind,
+                                                            std::size_t most) {
+    std::vector<QORLogFound<Record>> found;
+    if (m_query == nullptr) return found;
+    m_query->selectFirst(behind, order, most, [&](ASStatement& rows) {
+        while (rows.fetch())
+            found.push_back({QORLogQuery::markOf(rows), readRecord(rows, static_cast<Record*>(nullptr))});
+    });
+    const auto newer = [](const auto& left, const auto& right) { return left.mark < right.mark; };
+    const auto older = [](const auto& left, const auto& right) { return right.mark < left.mark; };
+    if (order == QORLogOrder::NewestFirst) {
+        std::sort(found.begin(), found.end(), newer);
+    } else {
+        std::sort(found.begin(), found.end(), older);
+    }
+    if (found.size() > most) found.resize(most);
+    return found;
+}
+
+template <class Record>
+std::vector<QORLogFound<Record>> QORLogWalk<Record>::find(const std::vector<std::int64_t>& numbers) {
+    std::vector<QORLogFound<Record>> found;
+    if (m_query == nullptr) return found;
+    const QORRowAccess access = QORRowAccess::current();
+    m_query->selectThese(numbers, [&](ASStatement& rows) {
+        while (rows.fetch()) {
+            Record record = readRecord(rows, static_cast<Record*>(nullptr));
+            if (access.sees(record.eid)) found.push_back({QORLogQuery::markOf(rows), std::move(record)});
+        }
+    });
+    return found;
+}
+
+template <class Record>
+std::uint64_t QORLogWalk<Record>::count() {
+    if (m_query == nullptr) return 0;
+    if (m_counted) {
+        m_query->count();
+    } else {
+        m_query->walk();
+    }
+    return m_query->size();
+}
+
+template <class Record>
+std::uint64_t QORLogWalk<Record>::tally() {
+    return m_query == nullptr ? 0 : m_query->tally();
+}
+
+template <class Record>
+std::vector<QORLogMark> QORLogWalk<Record>::ends() {
+    std::vector<QORLogMark> marks;
+    for (const QORLogOrder order : {QORLogOrder::NewestFirst, QORLogOrder::OldestFirst}) {
+        for (auto& found : readIn(order, nullptr, 1))
+            marks.push_back(std::move(found.mark));
+    }
+    return marks;
+}
+
+template class QORLogWalk<QORRequestProgressData>;
+template class QORLogWalk<QOREvent>;
 
 const char* getErrorMessage() noexcept {
     return lastFailure.c_str();

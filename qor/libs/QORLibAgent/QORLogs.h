@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -19,13 +20,14 @@
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORReferenceCounter.h"
 #include "QORLibAgent/QORInfo.h"
+#include "QORLibAgent/QORLogCounters.h"
 
 namespace QOR {
 
 class QORLocalAccess;
 
 /// One record of the operation log.
-struct QORRequestProgressData {
+struct QOR_API QORRequestProgressData {
     std::string id;
     std::string parentId;
     std::string op;
@@ -37,7 +39,7 @@ struct QORRequestProgressData {
 };
 
 /// One record of the event log.
-struct QOREvent {
+struct QOR_API QOREvent {
     std::int64_t time = 0;  ///< seconds since the epoch
     QOREID eid;             ///< the environment that it belongs to; invalid for none
     std::string source;
@@ -163,6 +165,59 @@ public:
 private:
     QOREID m_owner;
 };
+
+/// Which records of a log are gone through, and from which end.
+struct QORLogSpanOfTime {
+    QOREnvSelection envs = QOREnvSelection::all();
+    std::optional<std::string> category{};  ///< of events, exactly; nothing: any, and none
+    std::int64_t from = 0;                  ///< seconds since the epoch, both included
+    std::int64_t to = 0;
+    QORLogOrder order = QORLogOrder::NewestFirst;
+};
+
+/// A record, and where it stands in its log.
+template <class Record>
+struct QORLogFound {
+    QORLogMark mark;
+    Record record;
+};
+
+class QORLogQuery;
+
+/// Goes through a log in the order of time, records of one second in that of arrival, a piece at a time. No position is
+/// ever looked for, so that a piece costs the same wherever it begins. Sees the log as it was when this was made, and
+/// only what the calling thread's client may see; keeps a connection to the database, or to each, meanwhile. One
+/// thread. \tparam Record QORRequestProgressData or QOREvent \throws AException, QORException from every method
+template <class Record>
+class QOR_API QORLogWalk {
+public:
+    explicit QORLogWalk(const QORLogSpanOfTime& span);
+    ~QORLogWalk();
+    QORLogWalk(const QORLogWalk&) = delete;
+    QORLogWalk& operator=(const QORLogWalk&) = delete;
+
+    /// The first records, or those behind a mark, which need not be a record's; fewer than `most` at the end.
+    std::vector<QORLogFound<Record>> read(const QORLogMark* behind, std::size_t most);
+    /// Those of these records that there are, whatever span is gone through, but for those that the client may not see.
+    std::vector<QORLogFound<Record>> find(const std::vector<std::int64_t>& numbers);
+    /// How many records there are, from the counters where there are such; else they are counted.
+    std::uint64_t count();
+    /// A number that is another one once records were added or removed; events of no category, and anything where as
+    /// many come as go, may escape it.
+    std::uint64_t tally();
+    /// The newest record and the oldest one; nothing of an empty log.
+    std::vector<QORLogMark> ends();
+
+private:
+    std::vector<QORLogFound<Record>> readIn(QORLogOrder order, const QORLogMark* behind, std::size_t most);
+
+    QORLogOrder m_order;
+    bool m_counted;
+    std::unique_ptr<QORLogQuery> m_query;  ///< null where nothing can be found
+};
+
+extern template class QORLogWalk<QORRequestProgressData>;
+extern template class QORLogWalk<QOREvent>;
 
 /// Why the calling thread's last call to a log agent failed; "" when it did not.
 QOR_API const char* getErrorMessage() noexcept;
