@@ -73,6 +73,13 @@ bool TExpressionEvaluation::declareIdentifier(std::string_view name, TValueType 
     return false;
 }
 
+void TExpressionEvaluation::setShortSubjects(TShortSubject shortSubjects) {
+    if (shortSubjects == m_shortSubjects) return;
+    m_shortSubjects = shortSubjects;
+    m_program = {};
+    m_specialProgram = {};
+}
+
 bool TExpressionEvaluation::prepare() {
     parse();
     return isError();
@@ -111,7 +118,7 @@ std::vector<const TToken*> TExpressionEvaluation::postfixOrder() const {
 
 template <class Order>
 void TExpressionEvaluation::compile(ProgramSlot& slot, Order order) {
-    slot.program.emplace(order());
+    slot.program.emplace(order(), m_shortSubjects);
     m_buffers = {};  // what long texts of the former filter took is not this one's to keep
     slot.version = version();
 }

@@ -48,6 +48,9 @@ public:
     /// \pre the type is one of fields
     bool declareIdentifier(std::string_view name, TValueType type, bool special);
 
+    /// What evaluate() makes of subjects that are shorter than a pattern; by default they throw.
+    void setShortSubjects(TShortSubject shortSubjects);
+
     /// Parse, or build the tree of a part, unless that is done. \returns whether an error is set
     bool prepare();
     bool prepareSpecial();
@@ -163,6 +166,7 @@ private:
     std::string m_resultHolding;  ///< the bytes of a result that is a text
     ProgramSlot m_program;
     ProgramSlot m_specialProgram;
+    TShortSubject m_shortSubjects = TShortSubject::Throws;
     TProgramBuffers m_buffers;  ///< of whichever program is run
 };
 

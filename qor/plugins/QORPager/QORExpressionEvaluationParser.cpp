@@ -85,6 +85,22 @@ bool TExpressionEvaluationParser::parse() {
     return m_parsed || doParse();
 }
 
+void TExpressionEvaluationParser::changeComparedConstants(
+    const std::function<void(const TToken& name, TToken& constant)>& change) {
+    const auto isConstant = [](const TToken& token) {
+        return token.tokenClass == tcString || token.tokenClass == tcNumber;
+    };
+    // An operand that is a single token stands right before its operator, or before the other operand that is one.
+    for (std::size_t at = 2; at < m_postfix.size(); ++at) {
+        if (m_postfix[at].tokenClass != tcOperator || !isComparison(m_postfix[at].type)) continue;
+        TToken& left = m_postfix[at - 2];
+        TToken& right = m_postfix[at - 1];
+        if (left.tokenClass == tcIdentifier && isConstant(right)) change(left, right);
+        if (right.tokenClass == tcIdentifier && isConstant(left)) change(right, left);
+    }
+    ++m_version;
+}
+
 std::string TExpressionEvaluationParser::getPostfix() {
     doParse();
     std::string text;

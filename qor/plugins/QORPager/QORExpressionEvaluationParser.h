@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -116,6 +117,10 @@ public:
     /// Whether the expression has no identifier of the other kind; false after an error.
     bool onlySpecial();
     bool onlyNotSpecial();
+
+    /// Has `change` see every comparison of a name with a constant, in either order, of the text that was parsed; it
+    /// may give the constant another text or class. What is evaluated from then on compares with that.
+    void changeComparedConstants(const std::function<void(const TToken& name, TToken& constant)>& change);
 
     /// The constant that the name is compared with under the operator. \param found whether there is one
     std::string extractConstByIdentifierAndOperation(std::string_view name, TTokenType type, bool& found);

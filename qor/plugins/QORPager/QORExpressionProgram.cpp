@@ -203,7 +203,8 @@ private:
     std::size_t m_at = 0;
 };
 
-TExpressionProgram::TExpressionProgram(const std::vector<const TToken*>& tokens) {
+TExpressionProgram::TExpressionProgram(const std::vector<const TToken*>& tokens, TShortSubject shortSubjects)
+    : m_shortSubjects(shortSubjects) {
     Compiler(*this, tokens).compile();
 }
 
@@ -473,18 +474,24 @@ int TExpressionProgram::compareTexts(const Instruction& instruction, TTextPool& 
     return order;
 }
 
+bool TExpressionProgram::matches(std::string_view subject, std::string_view pattern) const {
+    const bool tooShort = pattern.size() > subject.size() + 1 && pattern.front() == '%' && pattern.back() != '%';
+    if (tooShort && m_shortSubjects == TShortSubject::DoesNotMatch) return false;
+    return matchLike(subject, pattern);
+}
+
 bool TExpressionProgram::like(const Instruction& instruction, TTextPool& pool, TOperand*& top) const {
     if (instruction.left.from != From::Stack) {
-        return matchLike(leafText(instruction.left), leafText(instruction.right));
+        return matches(leafText(instruction.left), leafText(instruction.right));
     }
     TOperand pattern = text(instruction.right, top);
     TOperand subject = text(instruction.left, top);
     pool.settle(pattern);
     pool.settle(subject);
-    const bool matches = matchLike(subject.text, pattern.text);
+    const bool matched = matches(subject.text, pattern.text);
     pool.release(pattern);
     pool.release(subject);
-    return matches;
+    return matched;
 }
 
 void TExpressionProgram::changeCase(const Instruction& instruction, TOperand*& top) const {

@@ -19,6 +19,12 @@ struct TProgramBuffers {
     TTextPool pool;
 };
 
+/// What becomes of a like whose pattern has a leading wildcard only, and is longer than the subject behind it.
+enum class TShortSubject {
+    Throws,        ///< std::out_of_range
+    DoesNotMatch,  ///< it is false, like any other that does not match
+};
+
 /// A sequence of tokens in the order of evaluation, resolved once for the types that its names are bound to: constants
 /// are read, names are places of bound values, operators are chosen by the types of their operands, and what is certain
 /// to fail is known. Running it gives what calling the operator table's methods token by token gives, errors and
@@ -31,7 +37,8 @@ struct TProgramBuffers {
 /// and no name that it reads is bound to a value of another type. Values may change between runs.
 class TExpressionProgram {
 public:
-    explicit TExpressionProgram(const std::vector<const TToken*>& tokens);
+    explicit TExpressionProgram(const std::vector<const TToken*>& tokens,
+                                TShortSubject shortSubjects = TShortSubject::Throws);
 
     /// Evaluates with what is bound now, by one thread at a time: the bound values are not guarded, nor are the
     /// buffers. \param result the value; its text lives until the buffers are used again or until its name is bound
@@ -120,6 +127,7 @@ private:
     TOperand operand(const Source& source, TOperand*& top) const noexcept;
     static void drop(const Source& source, TOperand*& top) noexcept;
     int compareTexts(const Instruction& instruction, TTextPool& pool, TOperand*& top) const;
+    bool matches(std::string_view subject, std::string_view pattern) const;
     bool like(const Instruction& instruction, TTextPool& pool, TOperand*& top) const;
     void changeCase(const Instruction& instruction, TOperand*& top) const;
     void concatenate(const Instruction& instruction, TTextPool& pool, TOperand*& top) const;
@@ -127,6 +135,7 @@ private:
     std::vector<Instruction> m_code;
     std::vector<std::string_view> m_texts;
     std::size_t m_deepest = 1;  ///< operands on the stack at once
+    TShortSubject m_shortSubjects;
 };
 
 }  // namespace QOR

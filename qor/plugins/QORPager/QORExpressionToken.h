@@ -55,6 +55,11 @@ enum TTokenType : int {
     ttNone = 23,  ///< operands
 };
 
+/// Whether the operator compares two values by their order.
+constexpr bool isComparison(TTokenType type) noexcept {
+    return type >= ttGreater && type <= ttLowerOrEqual;
+}
+
 /// Higher binds tighter.
 enum TTokenPriority : int {
     tpNone = 0,

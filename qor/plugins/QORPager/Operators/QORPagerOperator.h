@@ -63,9 +63,11 @@ private:
     void answer(QORMessageIterator& request, QORMessageIterator& response);
     int parseIn(QORMessageIterator& request, QORMessageIterator& response);
     int readLimit(const QORMessageIterator& request, QORMessageIterator& response);
+    int readExact(const QORMessageIterator& request, QORMessageIterator& response);
     int readFields(const QORMessageIterator& request, QORMessageIterator& response);
     int selectField(const QORField& field, std::string& cacheName, QORMessageIterator& response);
     int readSort(const QORMessageIterator& request, QORMessageIterator& response);
+    int addSortKey(const QORField& field, bool descending, QORMessageIterator& response);
     int readWhere(const QORMessageIterator& request, QORMessageIterator& response);
     int useWhereField(const QORField& field, QORMessageIterator& response);
     int findField(std::string_view name, QORFieldSet::Position& field, QORMessageIterator& response);
@@ -77,6 +79,7 @@ private:
     void selectOpLogs(QORMessageIterator& response);
     void selectEventLogs(QORMessageIterator& response);
     void selectBackups(QORMessageIterator& response);
+    void selectExact(const QORMessageIterator& request, QORMessageIterator& response);
     std::int64_t fetchOplog(const QORLogSpan& span, QORRowSet& rowSet, std::int64_t& total);
     std::int64_t fetchEvents(const QORLogSpan& span, std::string_view category, QORRowSet& rowSet, std::int64_t& total);
 

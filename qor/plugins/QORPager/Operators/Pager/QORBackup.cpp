@@ -1,10 +1,12 @@
 #include "QORPager/Operators/Pager/QORBackup.h"
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <set>
 #include <utility>
 
+#include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORSpreadViews.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "QORPager/Operators/QORAccessCondition.h"
@@ -33,8 +35,28 @@ constexpr std::array<ValueRow, 6> values{{
     {"eid", [](const QORBackup& backup) { return fieldText(backup.eid); }},
     {"info.title", [](const QORBackup& backup) { return backup.getEnvTitle(); }},
 }};
+constexpr std::array<ValueRow, 3> foundBy{{
+    {"storage_eid", [](const QORBackup& backup) { return fieldText(backup.storage_eid); }},
+    {"info.name", [](const QORBackup& backup) { return backup.name; }},
+    {"info.hostname", [](const QORBackup& backup) { return backup.hostname; }},
+}};
+constexpr std::string_view parameterPrefix = "info.";
+
+template <class Rows>
+const ValueRow* findValue(const Rows& rows, std::string_view name) {
+    const auto found = std::find_if(rows.begin(), rows.end(), [name](const ValueRow& row) { return row.name == name; });
+    return found == rows.end() ? nullptr : &*found;
+}
+
+/// What stands behind the source's prefix; "" for a name without it.
+std::string_view plainName(std::string_view name) {
+    const std::string_view prefix = sourceOf(TCursorType::Info).namePrefix;
+    return name.starts_with(prefix) ? name.substr(prefix.size()) : std::string_view();
+}
 
 }  // namespace
+
+QORBackupArg::~QORBackupArg() = default;
 
 std::string QORBackup::getEnvTitle() const {
     const QORInfo* const title = info.getParameter("title");
@@ -62,6 +84,8 @@ QORBackup makeQORBackupInfo(const QORBackupTable& table) {
     if (!table.eid->isNull()) backup.eid = QOREID(table.eid->value());
     backup.description = table.description->Str();
     if (!table.storageEid->isNull()) backup.storage_eid = QOREID(table.storageEid->value());
+    backup.name = table.name->Str();
+    backup.hostname = table.hostname->Str();
     return backup;
 }
 
@@ -81,12 +105,20 @@ void getBackups(const QORBackupTable& table, const ASComparison& condition, std:
 }
 
 std::string getBackupValue(const QORBackup& backup, std::string_view name) {
-    const std::string_view prefix = sourceOf(TCursorType::Info).namePrefix;
-    if (!name.starts_with(prefix)) return {};
-    for (const ValueRow& row : values) {
-        if (row.name == name.substr(prefix.size())) return row.read(backup);
-    }
-    return {};
+    const ValueRow* const row = findValue(values, plainName(name));
+    return row == nullptr ? std::string() : row->read(backup);
+}
+
+std::string getStoredValue(const QORBackup& backup, const QORField& field) {
+    if (field.valueType == TValueType::Time) return time2str(backup.time);
+    const std::string_view name = plainName(field.name);
+    const ValueRow* row = findValue(values, name);
+    if (row == nullptr) row = findValue(foundBy, name);
+    if (row != nullptr) return row->read(backup);
+    if (!name.starts_with(parameterPrefix)) return {};
+    std::string path(name.substr(parameterPrefix.size()));
+    std::replace(path.begin(), path.end(), '.', '/');
+    return backup.info.getParameterByPath(path);
 }
 
 }  // namespace QOR

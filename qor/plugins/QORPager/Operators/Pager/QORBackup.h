@@ -6,11 +6,14 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORMemory.h"
 #include "QORLibAgent/QORInfo.h"
+#include "QORPager/QORArg.h"
+#include "QORPager/QORField.h"
 #include "rdbmspp/sql/ASTable.h"
 
 namespace QOR {
@@ -25,10 +28,23 @@ struct QORBackup {
     QOREID eid;
     std::string description;
     QOREID storage_eid;
+    std::string name;
+    std::string hostname;
     QORMemoryCharge memory;  ///< what the backup counts for the request that collects it
 
     /// The title of the environment when the backup was made, "" when the backup does not tell.
     std::string getEnvTitle() const;
+};
+
+/// A backup as a row.
+class QORBackupArg final : public QORArg {
+public:
+    QORBackupArg(QORPtr<const QOREnv> environment, QORBackup of)
+        : QORArg(std::move(environment)), backup(std::move(of)) {}
+    ~QORBackupArg() override;
+    const QORInfo& getInfo() const override { return backup.info; }
+
+    QORBackup backup;
 };
 
 /// The view "vBackupInfo" for one select.
@@ -65,5 +81,8 @@ void getBackups(const QORBackupTable& table, const ASComparison& condition, std:
 
 /// The value of a field of backups; "" for a name that is none.
 std::string getBackupValue(const QORBackup& backup, std::string_view name);
+
+/// The value of a field, with those that backups are found by and all parameters of the info document.
+std::string getStoredValue(const QORBackup& backup, const QORField& field);
 
 }  // namespace QOR

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORPager/QORArg.h"
 
@@ -101,10 +102,12 @@ bool checkMulty(TExpressionEvaluation& evaluator, const QORArg& row, const std::
     if (isSatisfied(evaluator)) return true;
     if (index >= fields.size()) return false;
     const QORField& field = *fields[index];
+    const TIdentifierHandle handle = evaluator.bindingHandle(toLowerText(field.name));
     bool last = false;
     for (int value = 0; !last; ++value) {
-        last = true;  // single values leave it alone
-        evaluator.setIdentifierFromString(field.name, field.getValue(row, last, value));
+        QORRequestControl::checkCurrent();  // combinations are many where several fields have many values
+        last = true;                        // single values leave it alone
+        TExpressionEvaluation::setFromText(handle, field.getValue(row, last, value));
         if (checkMulty(evaluator, row, fields, index + 1)) return true;
     }
     return false;

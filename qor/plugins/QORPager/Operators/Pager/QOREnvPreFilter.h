@@ -48,13 +48,12 @@ private:
     std::string m_error;
 };
 
-/// For a source that evaluates the filter on its rows: fields of several values have no single one to bind. The sources
-/// that there are take constants from the filter and ask it of no row. Binds names of the evaluator, so the caller must
-/// own it for the time, as a request does.
+/// For who evaluates the filter on rows: fields of several values have no single one to bind. Binds names of the
+/// evaluator, so the caller must own it for the time, as a request does.
 ///
 /// Whether some combination of the values of a row's fields satisfies the evaluator's filter, the values of
 /// `fields[index]` and of those behind it being tried in turn. What the filter says of the row as it is bound counts
-/// first. \returns false, too, when the filter cannot be evaluated
+/// first. \returns false, too, when the filter cannot be evaluated \throws QORException errDeadline
 bool checkMulty(TExpressionEvaluation& evaluator, const QORArg& row, const std::vector<const QORField*>& fields,
                 std::size_t index);
 

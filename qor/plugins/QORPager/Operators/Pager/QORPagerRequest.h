@@ -4,11 +4,13 @@
 
 #include <limits>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "QORFunctionality/QORAccess.h"
 #include "QORLibAgent/QOREnvCache.h"
+#include "QORPager/Operators/Pager/QORExactPage.h"
 #include "QORPager/Operators/QORIndex.h"
 #include "QORPager/QORField.h"
 
@@ -23,13 +25,20 @@ struct QORPagerRequest {
     struct FieldNameLess {
         bool operator()(const QORField* a, const QORField* b) const noexcept { return *a < *b; }
     };
-    /// Sort keys by field: whether the order is descending. No source sorts: they are checked, so that a request that
-    /// names what is no field is told.
+    /// Sort keys by field: whether the order is descending. Unless the request is exact no source sorts: they are
+    /// checked, so that a request that names what is no field is told.
     using SortOrder = std::map<const QORField*, bool, FieldNameLess>;
 
     std::vector<const QORField*> selectFields;  ///< in the order of the columns
     std::vector<const QORField*> whereFields;   ///< that the filter uses, without the placeholder
     SortOrder sortOrder;
+    /// What an exact request has besides.
+    struct Exact {
+        std::vector<QORSortKey> sortKeys;  ///< in the order of the request
+        std::optional<std::string> after;  ///< a page token
+        std::optional<QORCountLimit> count;
+    };
+    std::optional<Exact> exact;
     bool statisticsWanted = false;
     bool hasWhere = false;    ///< a filter that names a field is in force
     bool whereGiven = false;  ///< the evaluator holds this request's filter

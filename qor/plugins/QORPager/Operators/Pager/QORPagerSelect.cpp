@@ -6,6 +6,7 @@
 
 #include "QORCommon/QORNulBytes.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORText.h"
 #include "QORFunctionality/QORAccess.h"
 #include "QORMessage/QORMessageIterator.h"
 #include "QORPager/Operators/Pager/QOREnvPreFilter.h"
@@ -53,7 +54,12 @@ void QORPagerOperatorPrototype::select(QORMessageIterator* request, QORMessageIt
         // Rows that are cut off somewhere would pass for an answer.
         response->removeChildren(tag::rowSet);
         addError(response, QORErrors, errFailure, exception.what());
+    } catch (const QORFilterFailure& failure) {
+        addError(response, PagerErrors, pagerEvaluatingError, withoutNuls(failure.message()).c_str());
     } catch (const std::exception& exception) {
+        const auto* const refusal = dynamic_cast<const QORException*>(&exception);
+        const int code = m_request.exact && refusal != nullptr ? refusal->code() : errFailure;
+        if (code == errBadRequest || code == errDeadline) return addError(response, QORErrors, code, exception.what());
         const QORRequestControl* const control = QORRequestControl::current();
         const bool ended = control != nullptr && control->expired();
         addError(response, QORErrors, ended ? errDeadline : errFailure, exception.what());
@@ -70,6 +76,7 @@ void QORPagerOperatorPrototype::answer(QORMessageIterator& request, QORMessageIt
     useNamesOf(QORAccessChecker::getClientContext());
     m_request.envList = cache->getEnvList();
     if (parseIn(request, response) != 0 || m_request.envList == nullptr) return;
+    if (m_request.exact) return selectExact(request, response);
     QOREIDFilter filter(0);
     const bool aboutEnvs = m_request.cursorType == TCursorType::Env;
     if (!aboutEnvs && (m_request.envFieldInWhere || m_request.envFieldSelected) &&
@@ -93,8 +100,8 @@ void QORPagerOperatorPrototype::answer(QORMessageIterator& request, QORMessageIt
 int QORPagerOperatorPrototype::parseIn(QORMessageIterator& request, QORMessageIterator& response) {
     int statistics = 0;  // any number asks for the counts
     m_request.statisticsWanted = request.getValue(statistics, tag::statistics) == 0;
-    if (readLimit(request, response) != 0 || readFields(request, response) != 0) return failed;
-    if (readSort(request, response) != 0) return failed;
+    if (readLimit(request, response) != 0 || readExact(request, response) != 0) return failed;
+    if (readFields(request, response) != 0 || readSort(request, response) != 0) return failed;
     return readWhere(request, response);
 }
 
@@ -110,6 +117,27 @@ int QORPagerOperatorPrototype::readLimit(const QORMessageIterator& request, QORM
     }
     static_cast<void>(at->getValue(m_request.limitOffset, tag::offset));
     return 0;
+}
+
+int QORPagerOperatorPrototype::readExact(const QORMessageIterator& request, QORMessageIterator& response) {
+    const bool isExact = request.seekPresence(tag::exact) == 0;
+    const bool hasAfter = request.seekPresence(tag::after) == 0;
+    const bool hasCount = request.seekPresence(tag::count) == 0;
+    if (!isExact) return hasAfter || hasCount ? complain(response, "after and count are for exact requests") : 0;
+    QORPagerRequest::Exact& exact = m_request.exact.emplace();
+    std::string text;
+    if (hasCount) {
+        static_cast<void>(request.getValue(text, tag::count));
+        exact.count = QORCountLimit::read(text);
+        if (!exact.count)
+            return complain(
+                response,
+                ("count: " + quoteText(text) + " is none of none, capped, exact and a time such as 200ms").c_str());
+    }
+    if (!hasAfter) return 0;
+    static_cast<void>(request.getValue(exact.after.emplace(), tag::after));
+    if (m_request.limitOffset == QORPagerRequest::notAsked) return 0;
+    return complain(response, "after: the page token says where the page begins, so an offset cannot be given");
 }
 
 int QORPagerOperatorPrototype::readFields(const QORMessageIterator& request, QORMessageIterator& response) {
@@ -162,10 +190,22 @@ int QORPagerOperatorPrototype::readSort(const QORMessageIterator& request, QORMe
             response.reset();
             return complain(response, "sort/field is absent");
         }
-        const QORFieldSet::Position field = m_fieldSet.find(name);
+        const bool descending = at->seekPresence(tag::descending) == 0;
+        QORFieldSet::Position field = m_fieldSet.find(name);
+        if (m_request.exact && findField(name, field, response) != 0) return failed;
         if (field == m_fieldSet.end()) return refuse(response, pagerUnknownField, name);
-        m_request.sortOrder[&*field] = at->seekPresence(tag::descending) == 0;
+        m_request.sortOrder[&*field] = descending;
+        if (m_request.exact && addSortKey(*field, descending, response) != 0) return failed;
     }
+    return 0;
+}
+
+int QORPagerOperatorPrototype::addSortKey(const QORField& field, bool descending, QORMessageIterator& response) {
+    if (field.cursorType != TCursorType::Env && field.cursorType != m_request.cursorType)
+        return refuse(response, pagerParsingError, "Can't sort by a field of another table: " + field.name);
+    if (!QORSortValue::hasOrder(field))
+        return refuse(response, pagerParsingError, "Can't sort by a date, which has no order: " + field.name);
+    m_request.exact->sortKeys.push_back({&field, descending});
     return 0;
 }
 

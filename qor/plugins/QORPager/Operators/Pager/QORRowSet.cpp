@@ -54,9 +54,22 @@ void QORRowSet::closeRow() {
     m_at->seekUp();
 }
 
+void QORRowSet::writeText(QORTag what, std::string_view text) {
+    expectWritten(m_at->putValue(text, what));
+}
+
+void QORRowSet::writeNumber(QORTag what, std::int64_t number) {
+    expectWritten(m_at->putInt64(number, what));
+}
+
+void QORRowSet::writeFlag(QORTag what) {
+    expectWritten(m_at->addChild(what));
+    m_at->seekUp();
+}
+
 void QORRowSet::writeStatistics(std::int64_t written, std::int64_t total) {
-    expectWritten(m_at->putInt64(written, tag::statistics));
-    expectWritten(m_at->putInt64(total, tag::total));
+    writeNumber(tag::statistics, written);
+    writeNumber(tag::total, total);
 }
 
 }  // namespace QOR

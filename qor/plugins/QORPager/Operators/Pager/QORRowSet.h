@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
+#include "QORMessage/QORTags.h"
 #include "QORPager/QORArg.h"
 #include "QORPager/QORField.h"
 
@@ -40,6 +41,10 @@ public:
             writeValue(valueOf(*field));
         closeRow();
     }
+    /// Something that is told behind the rows.
+    void writeText(QORTag what, std::string_view text);
+    void writeNumber(QORTag what, std::int64_t number);
+    void writeFlag(QORTag what);
     /// The numbers of rows that were written, and that there are without a limit.
     void writeStatistics(std::int64_t written, std::int64_t total);
 
