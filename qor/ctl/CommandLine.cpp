@@ -19,6 +19,7 @@
 #include "process/CtlError.h"
 #include "process/TiedValues.h"
 #include "rows/RowsAdvice.h"
+#include "select/RequestPage.h"
 
 namespace QOR {
 namespace {
@@ -204,14 +205,19 @@ private:
     }
 
     void addSelect() {
-        CLI::App* const app =
-            command("select", "Rows of a view", [this] { runSelect(m_connection, m_select, m_selectPrint); });
-        app->add_option("--view", m_select.view, "the view that is asked")->required();
-        app->add_option("-f,--field", m_select.fields, "a column, or an aggregate over one: count(eid); repeatable")
+        CLI::App* const app = command("select", "Rows of a view", [this] {
+            m_select.fields = splitFields(m_select.fields);
+            m_select.sort = splitFields(m_select.sort);
+            runSelect(m_connection, m_select, m_selectPrint);
+        });
+        app->add_option("view,--view", m_select.view, "the view that is asked")->required();
+        app->add_option(
+               "-f,--field", m_select.fields,
+               "columns, or aggregates over one: count(eid); with commas between them or repeated; '*' for all")
             ->required()
             ->type_name("FIELD");
         app->add_option("--where", m_select.where, "a condition that the rows must meet")->type_name("CONDITION");
-        app->add_option("--sort", m_select.sort, "a field to sort by, behind '-' for descending order; repeatable")
+        app->add_option("--sort", m_select.sort, "fields to sort by, behind '-' for descending order, as -f has them")
             ->type_name("[-]FIELD");
         addPage(*app, m_select.limit, m_select.offset);
         app->add_flag("--count", m_select.count, "also how many rows there are in the page and in all");
@@ -226,13 +232,16 @@ private:
     }
 
     void addRows() {
-        CLI::App* const app = command("rows", "Rows of the operation log, the event log or the backups",
-                                      [this] { runRows(m_connection, m_rows, m_rowsPrint); });
-        app->add_option("-f,--field", m_rows.fields, "a field, see qorctl fields; repeatable")
+        CLI::App* const app = command("rows", "Rows of the operation log, the event log or the backups", [this] {
+            m_rows.fields = splitFields(m_rows.fields);
+            m_rows.sort = splitFields(m_rows.sort);
+            runRows(m_connection, m_rows, m_rowsPrint);
+        });
+        app->add_option("-f,--field", m_rows.fields, "fields, see qorctl fields; with commas between them or repeated")
             ->required()
             ->type_name("FIELD");
         app->add_option("--where", m_rows.where, "a filter, see qorctl filter")->type_name("FILTER");
-        app->add_option("--sort", m_rows.sort, "a field to sort by, behind '-' for descending order; repeatable")
+        app->add_option("--sort", m_rows.sort, "fields to sort by, behind '-' for descending order, as -f has them")
             ->type_name("[-]FIELD");
         addPage(*app, m_rows.limit, m_rows.offset);
         app->add_flag("--count", m_rows.count, "also how many rows there are in the page and in all");

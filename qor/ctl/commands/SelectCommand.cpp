@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -22,22 +23,52 @@ public:
     }
 
     std::string typeOf(std::string_view view, std::string_view column) {
-        if (!m_columns) m_columns = get().views();
-        for (const QORViewColumn& each : *m_columns)
+        for (const QORViewColumn& each : columns())
             if (isSameWord(each.view, view) && each.column == column) return each.type;
         return {};
     }
 
+    /// All of a view, in their order; none for a view that is not known.
+    std::vector<std::string> columnsOf(std::string_view view) {
+        std::vector<std::string> names;
+        for (const QORViewColumn& each : columns())
+            if (isSameWord(each.view, view)) names.push_back(each.column);
+        return names;
+    }
+
 private:
+    const std::vector<QORViewColumn>& columns() {
+        if (!m_columns) m_columns = get().views();
+        return *m_columns;
+    }
+
     const ConnectionOptions& m_connection;
     std::unique_ptr<Backend> m_backend;
     std::optional<std::vector<QORViewColumn>> m_columns;
 };
 
+/// A field "*" is all columns that are not asked for beside it. Of a view that is not known it stays, so that whoever
+/// answers says so.
+void expandFields(SelectOptions& options, LazyBackend& backend) {
+    const auto all = std::find(options.fields.begin(), options.fields.end(), "*");
+    if (all == options.fields.end()) return;
+    std::vector<std::string> fields(options.fields.begin(), all);
+    for (const std::string& column : backend.columnsOf(options.view)) {
+        const std::string quoted = quoteName(column);
+        const auto isAsked = [&](const std::string& field) { return parseQueryField(field).column == column; };
+        if (std::none_of(options.fields.begin(), options.fields.end(), isAsked)) fields.push_back(quoted);
+    }
+    if (fields.empty()) return;
+    fields.insert(fields.end(), all + 1, options.fields.end());
+    options.fields = std::move(fields);
+}
+
 }  // namespace
 
-void runSelect(const ConnectionOptions& connection, const SelectOptions& options, const PrintOptions& print) {
+void runSelect(const ConnectionOptions& connection, const SelectOptions& asked, const PrintOptions& print) {
     LazyBackend backend(connection);
+    SelectOptions options = asked;
+    expandFields(options, backend);
     SelectRequest request =
         makeSelectRequest(options, currentTime(),
                           [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });

@@ -1,8 +1,10 @@
 #include "select/RequestPage.h"
 
 #include <limits>
-#include <string>
+#include <string_view>
 
+#include "QORCommon/QORText.h"
+#include "QORQuery/QORQueryField.h"
 #include "process/CtlError.h"
 
 namespace QOR {
@@ -19,6 +21,17 @@ void requireRows(const char* option, std::int64_t rows) {
 
 void requireRoom(int status) {
     if (status != 0) throw CtlError::usage("the request is larger than a message may be");
+}
+
+std::vector<std::string> splitFields(const std::vector<std::string>& lists) {
+    std::vector<std::string> fields;
+    for (const std::string& list : lists) {
+        for (const std::string_view field : splitQueryList(list)) {
+            if (field.empty()) throw CtlError::usage("a field has no name: " + quoteText(list));
+            fields.emplace_back(field);
+        }
+    }
+    return fields;
 }
 
 void addPage(QORBinaryIterator& at, std::int64_t limit, std::int64_t offset) {

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "QORMessage/QORBinaryIterator.h"
 
@@ -14,5 +16,9 @@ void requireRoom(int status);
 /// Adds which page is asked for. An offset alone asks for all that follows: the operators take an offset only with a
 /// size. \param limit,offset 0 for none \throws CtlError BadUsage naming the option that is out of range
 void addPage(QORBinaryIterator& at, std::int64_t limit, std::int64_t offset);
+
+/// Fields as people list them: several of them in one text stand between commas, which names in double quotes may hold.
+/// \throws CtlError BadUsage where a name is missing
+std::vector<std::string> splitFields(const std::vector<std::string>& lists);
 
 }  // namespace QOR

@@ -28,6 +28,26 @@ std::string unquoteName(std::string_view text) {
     return name;
 }
 
+std::string quoteName(std::string_view name) {
+    std::string quoted = "\"";
+    for (const char c : name)
+        quoted.append(c == '"' ? 2 : 1, c);
+    return quoted + '"';
+}
+
+std::vector<std::string_view> splitQueryList(std::string_view text) {
+    std::vector<std::string_view> items;
+    bool quoted = false;
+    std::size_t begin = 0;
+    for (std::size_t at = 0; at <= text.size(); ++at) {
+        if (at < text.size() && text[at] == '"') quoted = !quoted;
+        if (at < text.size() && (quoted || text[at] != ',')) continue;
+        items.push_back(trim(text.substr(begin, at - begin)));
+        begin = at + 1;
+    }
+    return items;
+}
+
 QORQueryField parseQueryField(std::string_view text) {
     const std::string_view trimmed = trim(text);
     const std::size_t open = trimmed.find('(');

@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "QORCommon/QORExport.h"
 
@@ -25,5 +26,11 @@ QOR_API std::string aggregateName(std::string_view function);
 
 /// A name in double quotes without them (two inside stand for one); any other text unchanged.
 QOR_API std::string unquoteName(std::string_view text);
+/// The name in double quotes, so that it is read back as it is.
+QOR_API std::string quoteName(std::string_view name);
+
+/// The items of a list that has commas between them, without blanks around them; a comma between double quotes belongs
+/// to a name. At least one; where a name is missing, it is empty. Parts of the text.
+QOR_API std::vector<std::string_view> splitQueryList(std::string_view text);
 
 }  // namespace QOR

@@ -104,6 +104,25 @@ TEST_P(Command, RowsComeInTheFormThatIsAskedFor) {
               "{\"pager.op_log.status\":0}\n");
 }
 
+TEST_P(Command, FieldsStandBetweenCommasBehindTheView) {
+    const std::string rows = "op,id\r\ninstall,c\r\ninstall,a\r\n";
+    EXPECT_EQ(outputOf({"select", "vOpLog", "-f", "op, \"id\"", "--sort", "op, -time", "--limit", "2", "-o", "csv"}),
+              rows);
+    EXPECT_EQ(outputOf({"rows", "-f", "pager.op_log.status,pager.op_log.time", "--limit", "1", "-o", "csv"}),
+              "pager.op_log.status,pager.op_log.time\r\n0,2024-01-03T10:00:00+0000\r\n");
+    const CtlResult missing = run({"select", "vOpLog", "-f", "op,,id"});
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_EQ(missing.err, "qorctl: a field has no name: \"op,,id\"\n");
+}
+
+TEST_P(Command, AStarIsAllColumnsOfTheView) {
+    const std::string all = outputOf({"select", "vEventLog", "-f", "*", "-o", "csv"});
+    EXPECT_EQ(all, "id,time,eid,source,category,info,securityOperation_3,securableObjId\r\n");
+    EXPECT_EQ(outputOf({"select", "vEventLog", "-f", "time,*", "-o", "csv"}),
+              "time,id,eid,source,category,info,securityOperation_3,securableObjId\r\n");
+    EXPECT_THAT(run({"select", "vNone", "-f", "*"}).err, HasSubstr("invalid view \"vNone\""));
+}
+
 TEST_P(Command, QuietTellsNothingBesideTheRows) {
     const std::vector<std::string> arguments{"select", "--view", "vOpLog", "-f", "id", "--client", "none", "-o", "csv"};
     EXPECT_THAT(run(arguments).err, HasSubstr("note: "));
