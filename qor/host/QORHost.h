@@ -62,7 +62,7 @@ public:
 
     /// \param own what the client may see
     std::unique_ptr<QORClientSession> newSession(QORClientContextPtr own) const;
-    QORRouter& router() noexcept { return *m_router; }
+    QORRouter& router() const noexcept { return *m_router; }
     const QORPlugInLoader& plugIns() const noexcept { return m_plugIns; }
     const std::vector<QORPlugInLoader::Refusal>& refusedPlugIns() const noexcept { return m_refused; }
     const QORHostOptions& options() const noexcept { return m_options; }

@@ -1,25 +1,10 @@
 /// \file
-/// What the agent answers over HTTP.
+/// The agent's application over HTTP: what becomes of a request is decided here when its head has been read. Its routes
+/// stand in AgentRoutes, what they answer in the files beside it.
 ///
-/// | request                | who           | answer                                                              |
-/// |------------------------|---------------|---------------------------------------------------------------------|
-/// | POST /v1/messages      | anybody       | the answer to one request in message notation; an operator's errors |
-/// |                        |               | are part of it (200), a body that is no request is 400              |
-/// | POST /v1/records       | full access   | NDJSON records taken in: counts and the refused lines               |
-/// | POST /v1/collect       | full access   | the collectors run now: counts                                      |
-/// | GET /v1/views          | anybody       | the database's views and their columns                              |
-/// | GET /v1/status         | full access   | what the database is, and which stored documents cannot be read     |
-/// | GET /v1/identities     | full access   | who may ask, what each may see, and which tokens there are          |
-/// | POST /v1/identities/add, /remove        | full access   |                                                    |
-/// | POST /v1/tokens/create, /revoke         | full access   | the former tells the token, once                   |
-/// | GET /v1/health         | anybody       | what the agent is made of and how it does                           |
-/// | GET /health/ready      | anybody       | 200 when it answers everything, 503 while something fails           |
-/// | GET /health/live       | anybody, also | 200                                                                 |
-/// |                        | over TCP      |                                                                     |
-///
-/// Anything else is 404 or 405, and whoever comes over TCP without having said who he is gets 401. These refusals and
-/// the health are given without a worker, whatever the workers do. Every error body is an answer in message notation
-/// without elements, whose code is the HTTP status where the error is HTTP's.
+/// Anything that is no route is 404 or 405, and whoever comes over TCP without having said who he is gets 401. These
+/// refusals and the health are given without a worker, whatever the workers do. Whatever is answered with a status of
+/// 400 or more is a problem document (AgentProblem), but for what /v1/messages answers, which is notation.
 #pragma once
 
 #include <chrono>
@@ -60,19 +45,17 @@ public:
     HttpIdentity identify(const HttpPeer& peer) override;
     HttpPlan plan(const HttpRequest& head, const HttpPeer& peer) override;
     std::unique_ptr<HttpClientHandler> connect(const HttpPeer& peer) override;
-    std::string errorBody(unsigned status, std::string_view message) override;
+    HttpReply errorReply(unsigned status, std::string_view message) override;
 
-    HttpReply live(bool fullAccess) const;
-    HttpReply ready(bool fullAccess) const;
-    /// \param fullAccess of who asks
-    HttpReply health(bool fullAccess) const;
+    QORHost& host() const noexcept { return m_host; }
     AgentAccess& access() noexcept { return m_access; }
+    std::chrono::steady_clock::duration uptime() const { return std::chrono::steady_clock::now() - m_start; }
+    /// Open ones.
+    std::size_t connections() const { return m_connections(); }
     /// An account for the request that comes next.
     QORMemoryAccountPtr newAccount();
 
 private:
-    const char* condition() const;
-
     QORHost& m_host;
     AgentAccess m_access;
     const std::size_t m_requestMemory;
@@ -80,5 +63,8 @@ private:
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };
     const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 };
+
+/// A line of detail in the log.
+void logReply(const HttpRequest& request, const HttpReply& reply);
 
 }  // namespace QOR

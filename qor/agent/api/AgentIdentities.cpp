@@ -1,48 +1,49 @@
 #include "agent/api/AgentIdentities.h"
 
+#include <string>
+#include <utility>
+
+#include "agent/api/AgentApplication.h"
 #include "agent/api/AgentJson.h"
 #include "host/QORIdentityForms.h"
 
 namespace QOR {
 namespace {
 
-/// `{"key":"text"}`
-std::string oneMember(std::string_view key, std::string_view text) {
-    rapidjson::StringBuffer buffer;
-    JsonWriter json(buffer);
-    json.StartObject();
-    writeKey(json, key);
-    writeText(json, text);
-    json.EndObject();
-    return {buffer.GetString(), buffer.GetSize()};
+/// `{"key":"text"}`, of a change.
+HttpReply changed(AgentCall& call, std::string_view key, std::string_view text) {
+    call.application.access().refresh();
+    return {200, writtenObject([&](JsonWriter& json) { writeMember(json, key, text); })};
 }
 
 }  // namespace
 
-std::string identitiesText() {
-    return writeIdentityList(readIdentities());
+HttpReply answerIdentities(AgentCall&) {
+    return {200, writeIdentityList(readIdentities())};
 }
 
-std::string runAddIdentity(std::string_view body) {
-    const QORIdentity identity = readIdentity(body);
+HttpReply answerAddIdentity(AgentCall& call) {
+    const QORIdentity identity = readIdentity(call.request.body);
     addIdentity(identity);
-    return oneMember("added", identity.name);
+    return changed(call, "added", identity.name);
 }
 
-std::string runRemoveIdentity(std::string_view body) {
-    const std::string name = readTokenRequest(body).name;
+HttpReply answerRemoveIdentity(AgentCall& call) {
+    const std::string name = readTokenRequest(call.request.body).name;
     removeIdentity(name);
-    return oneMember("removed", name);
+    return changed(call, "removed", name);
 }
 
-std::string runCreateToken(std::string_view body) {
-    const QORTokenRequest request = readTokenRequest(body);
-    return oneMember("token", createToken(request.name, request.expires));
+HttpReply answerCreateToken(AgentCall& call) {
+    const QORTokenRequest request = readTokenRequest(call.request.body);
+    return changed(call, "token", createToken(request.name, request.expires));
 }
 
-std::string runRevokeTokens(std::string_view body) {
-    const QORTokenRequest request = readTokenRequest(body);
-    return R"({"revoked":)" + std::to_string(revokeTokens(request.name, request.id)) + "}";
+HttpReply answerRevokeTokens(AgentCall& call) {
+    const QORTokenRequest request = readTokenRequest(call.request.body);
+    const auto revoked = revokeTokens(request.name, request.id);
+    call.application.access().refresh();
+    return {200, R"({"revoked":)" + std::to_string(revoked) + "}"};
 }
 
 }  // namespace QOR

@@ -5,6 +5,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <string>
 #include <string_view>
 
 namespace QOR {
@@ -17,6 +18,22 @@ inline void writeText(JsonWriter& json, std::string_view text) {
 
 inline void writeKey(JsonWriter& json, std::string_view key) {
     json.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+}
+
+inline void writeMember(JsonWriter& json, std::string_view key, std::string_view text) {
+    writeKey(json, key);
+    writeText(json, text);
+}
+
+/// An object whose members `members` writes.
+template <class Members>
+std::string writtenObject(Members&& members) {
+    rapidjson::StringBuffer buffer;
+    JsonWriter json(buffer);
+    json.StartObject();
+    members(json);
+    json.EndObject();
+    return {buffer.GetString(), buffer.GetSize()};
 }
 
 }  // namespace QOR

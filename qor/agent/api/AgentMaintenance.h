@@ -1,20 +1,34 @@
 /// \file
-/// Routes that look after the database: checking it, and removing what is old.
+/// Routes that look after the database: checking it, and removing what is old. Thread-safe.
 #pragma once
 
-#include <string>
-#include <string_view>
+#include <array>
+
+#include "agent/api/AgentCall.h"
 
 namespace QOR {
 
-/// \param query part=NAME and, to mend what can be mended, mend=1
-/// \returns `{"findings":[{"text":"...","mended":false},...]}`
-/// \throws QORException, AException
-std::string runCheck(std::string_view query);
+inline constexpr std::array<std::string_view, 2> noOrYes{"0", "1"};
 
-/// \param query what=KIND and, for records, before=SECONDS since the epoch
-/// \returns `{"done":500,"more":true,"stranded":0}`: records removed or bytes given back, whether to ask again, and
-/// bytes that cannot be given back \throws QORException, AException
-std::string runPrune(std::string_view query);
+inline constexpr std::array checkParameters{
+    AgentParameter{.name = "part",
+                   .meaning = "of the database: integrity, schema, foreign-keys, documents or counters"},
+    AgentParameter{.name = "mend",
+                   .kind = AgentParameter::Kind::Choice,
+                   .meaning = "1: what can be mended is",
+                   .choices = noOrYes,
+                   .fallback = "0"},
+};
+inline constexpr std::array pruneParameters{
+    AgentParameter{.name = "what", .meaning = "operations, events, backups, space or compact"},
+    AgentParameter{.name = "before", .meaning = "seconds since the epoch: records that are older go"},
+};
+
+/// `{"findings":[{"text":"...","mended":false},...]}` \throws QORException, AException
+HttpReply answerCheck(AgentCall& call);
+
+/// `{"done":500,"more":true,"stranded":0}`: records removed or bytes given back, whether to ask again, and bytes that
+/// cannot be given back \throws QORException, AException
+HttpReply answerPrune(AgentCall& call);
 
 }  // namespace QOR

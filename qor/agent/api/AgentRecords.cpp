@@ -1,43 +1,25 @@
 #include "agent/api/AgentRecords.h"
 
-#include <algorithm>
 #include <cstdint>
+#include <optional>
 
 #include "QORCommon/QORException.h"
-#include "QORCommon/QORText.h"
 #include "agent/api/AgentJson.h"
-#include "host/QORPlainNumber.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/agent/api/AgentRecords";
-
 void writeNumber(JsonWriter& json, const char* key, std::uint64_t value) {
     json.Key(key);
     json.Uint64(value);
 }
 
-std::uint64_t firstLineOf(std::string_view query) {
-    std::uint64_t firstLine = 1;
-    while (!query.empty()) {
-        const std::string_view parameter = query.substr(0, query.find('&'));
-        query.remove_prefix(std::min(parameter.size() + 1, query.size()));
-        constexpr std::string_view name = "first-line=";
-        if (!parameter.starts_with(name)) {
-            throw QORException(errBadRequest, "unknown parameter " + quoteText(parameter), sourcePath);
-        }
-        const auto number = readPlainNumber(parameter.substr(name.size()), {1, mostNumber});
-        if (!number) {
-            throw QORException(errBadRequest,
-                               "first-line: " + quoteText(parameter.substr(name.size())) + " is no line number",
-                               sourcePath);
-        }
-        firstLine = *number;
-    }
-    return firstLine;
+/// The key under which a request may be sent again. A field without a value is a key too, and refused as such.
+std::optional<std::string_view> keyOf(const HttpRequest& request) {
+    const std::string_view key = request.field("Idempotency-Key");
+    return key.data() == nullptr ? std::nullopt : std::optional(key);
 }
 
 void writeCounts(JsonWriter& json, const QORIngestResult& result) {
@@ -96,33 +78,27 @@ void writeResult(JsonWriter& json, const QORIngestResult& result) {
 
 }  // namespace
 
-std::string takeRecords(std::string_view ndjson, std::string_view query, std::optional<std::string_view> key) {
-    const std::uint64_t firstLine = firstLineOf(query);
+HttpReply answerRecords(AgentCall& call) {
+    const std::string_view ndjson = call.request.body;
+    const std::uint64_t firstLine = call.parameters.number("first-line").value_or(1);
+    const std::optional<std::string_view> key = keyOf(call.request);
     std::optional<QORIngestRequest> request;
     if (key) request.emplace(*key, ndjson, firstLine);
     const QORIngestResult result = QORIngest().importBatch(ndjson, firstLine, request ? &*request : nullptr);
-    rapidjson::StringBuffer buffer;
-    JsonWriter json(buffer);
-    json.StartObject();
-    writeResult(json, result);
-    json.EndObject();
-    return {buffer.GetString(), buffer.GetSize()};
+    return {200, writtenObject([&](JsonWriter& json) { writeResult(json, result); })};
 }
 
-std::string runCollectors() {
+HttpReply answerCollect(AgentCall&) {
     const QORCollectResult result = collect();
-    rapidjson::StringBuffer buffer;
-    JsonWriter json(buffer);
-    json.StartObject();
-    writeResult(json, result.stored);
-    writeNumber(json, "malformed", result.malformed);
-    json.Key("unreadable");
-    json.StartArray();
-    for (const std::string& file : result.unreadable)
-        writeText(json, file);
-    json.EndArray();
-    json.EndObject();
-    return {buffer.GetString(), buffer.GetSize()};
+    return {200, writtenObject([&](JsonWriter& json) {
+                writeResult(json, result.stored);
+                writeNumber(json, "malformed", result.malformed);
+                json.Key("unreadable");
+                json.StartArray();
+                for (const std::string& file : result.unreadable)
+                    writeText(json, file);
+                json.EndArray();
+            })};
 }
 
 }  // namespace QOR

@@ -11,20 +11,27 @@
 /// "error":{"code":1,"message":"..."} beside it; nothing from firstLine on is stored.
 #pragma once
 
-#include <optional>
-#include <string>
-#include <string_view>
+#include <array>
+
+#include "agent/api/AgentCall.h"
 
 namespace QOR {
 
-/// Takes in NDJSON records. \param query the request's parameters: `first-line=N` numbers the first line (default 1)
-/// \param key under which the client may send the same again without doubling anything; empty for none
-/// \throws QORException 400 for a parameter that is unknown or no line number and for a key that is none, 422 for a key
-/// of another content, 409 for one whose request is being worked on
-std::string takeRecords(std::string_view ndjson, std::string_view query, std::optional<std::string_view> key);
+inline constexpr std::array recordParameters{
+    AgentParameter{.name = "first-line",
+                   .kind = AgentParameter::Kind::Number,
+                   .meaning = "the number of the body's first line, for the lines that the answer names",
+                   .range = {1, mostNumber},
+                   .fallback = "1"},
+};
+
+/// Takes in NDJSON records, under the key of the field Idempotency-Key that the client may send the same again with.
+/// \throws QORException 400 for a key that is none, 422 for a key of another content, 409 for one whose request is
+/// being worked on
+HttpReply answerRecords(AgentCall& call);
 
 /// Collects what this machine can tell about itself. The same counts, and beside them "malformed":n, lines of the
 /// logs that could not be understood, and "unreadable":["..."], logs that could not be read; no lines are refused.
-std::string runCollectors();
+HttpReply answerCollect(AgentCall& call);
 
 }  // namespace QOR

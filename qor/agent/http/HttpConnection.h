@@ -111,7 +111,7 @@ public:
             sendPlain(std::to_string(told.status) +
                           (told.status == 429 ? " Too Many Requests" : " Service Unavailable") +
                           "\r\nRetry-After: " + std::to_string(retryAfter),
-                      m_owner.application().errorBody(told.status, told.message));
+                      m_owner.application().errorReply(told.status, told.message));
         m_closed = true;
         beast::error_code ignored;
         m_stream.socket().close(ignored);
@@ -252,7 +252,7 @@ private:
             close();
             return;
         }
-        sendPlain("400 Bad Request", m_owner.application().errorBody(400, "https is spoken here, not http"));
+        sendPlain("400 Bad Request", m_owner.application().errorReply(400, "https is spoken here, not http"));
         lingerRaw();
     }
 
@@ -267,11 +267,11 @@ private:
     }
 
     /// As far as the client takes it at once, and past TLS.
-    void sendPlain(const std::string& status, const std::string& body) {
+    void sendPlain(const std::string& status, const HttpReply& reply) {
         const std::string answer = "HTTP/1.1 " + status +
-                                   "\r\nServer: qor-agent\r\nConnection: close\r\nContent-Type: application/json"
-                                   "\r\nContent-Length: " +
-                                   std::to_string(body.size()) + "\r\n\r\n" + body;
+                                   "\r\nServer: qor-agent\r\nConnection: close\r\nContent-Type: " +
+                                   reply.contentType + "\r\nContent-Length: " + std::to_string(reply.body.size()) +
+                                   "\r\n\r\n" + reply.body;
         [[maybe_unused]] const ssize_t sent =
             ::send(m_stream.socket().native_handle(), answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
@@ -430,7 +430,7 @@ private:
             return m_owner.application().plan(head, m_peer);
         } catch (const std::exception& exception) {
             logMessage(0, "QORAgent", "qor/agent/http/HttpConnection", "plan", "%s", exception.what());
-            return {HttpLane::Reading, HttpReply{500, m_owner.application().errorBody(500, exception.what())}};
+            return {HttpLane::Reading, m_owner.application().errorReply(500, exception.what())};
         }
     }
 
@@ -564,7 +564,7 @@ private:
         } catch (const std::exception& exception) {
             logMessage(0, "QORAgent", "qor/agent/http/HttpConnection", "answer", "%s", exception.what());
             if (stream.hasBegun()) return std::nullopt;
-            return HttpReply{500, m_owner.application().errorBody(500, exception.what())};
+            return m_owner.application().errorReply(500, exception.what());
         }
     }
 
@@ -597,17 +597,17 @@ private:
 
     /// Answers without asking the application, and ends the connection: its next byte may be anything.
     void refuse(unsigned status, const std::string& message) {
-        end({status, m_owner.application().errorBody(status, message)});
+        end(m_owner.application().errorReply(status, message));
     }
 
     /// The same when it may be tried again.
-    void turnDown(const char* message) { end(again({503, m_owner.application().errorBody(503, message)})); }
+    void turnDown(const char* message) { end(again(m_owner.application().errorReply(503, message))); }
 
     /// What has no room, for the time being.
     HttpReply limited(HttpLimit limit) const {
         m_owner.limitMet(limit);
         const HttpLimitAnswer told = answerTo(limit, m_owner.options());
-        return again({told.status, m_owner.application().errorBody(told.status, told.message)});
+        return again(m_owner.application().errorReply(told.status, told.message));
     }
 
     static HttpReply again(HttpReply reply) {

@@ -166,8 +166,8 @@ public:
     /// Called on the server's thread, which serves everybody: must not wait for anything.
     /// \param head the request without its body
     virtual HttpPlan plan(const HttpRequest& head, const HttpPeer& peer);
-    /// The body of a reply that the server itself gives (an error of the protocol, a refusal).
-    virtual std::string errorBody(unsigned status, std::string_view message) = 0;
+    /// A reply that the server itself gives: an error of the protocol, a refusal.
+    virtual HttpReply errorReply(unsigned status, std::string_view message) = 0;
 
     /// A request is over: called on the server's thread, which must not wait. Also for what is refused because it is no
     /// HTTP, or because the server is stopping.

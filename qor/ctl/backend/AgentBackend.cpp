@@ -193,10 +193,14 @@ private:
     bool m_sendFailed = false;
 };
 
-/// An answer's body as it arrives.
+/// An answer's body as it arrives; of a problem, the answer that stands in its place.
 class AgentBackend::Source final : public AnswerSource {
 public:
-    explicit Source(Connection& connection) : m_connection(connection) { m_connection.readHeader(m_parser); }
+    explicit Source(Connection& connection) : m_connection(connection) {
+        m_connection.readHeader(m_parser);
+        const auto type = m_parser.get()[http::field::content_type];
+        if (type == "application/problem+json") m_problem.emplace(notationOfProblem(bodyText()));
+    }
 
     /// The seconds after which the agent, which did nothing for this request, wants to be asked again.
     std::optional<std::uint64_t> retryAfter() const {
@@ -207,7 +211,12 @@ public:
         return readPlainNumber({seconds.data(), seconds.size()}, {0, std::numeric_limits<std::uint32_t>::max()});
     }
 
-    std::string_view read() override {
+    std::string_view read() override { return m_problem ? m_problem->read() : body(); }
+
+    std::string readAll() { return m_problem ? std::string(m_problem->read()) : bodyText(); }
+
+private:
+    std::string_view body() {
         while (!m_parser.is_done()) {
             auto& body = m_parser.get().body();
             std::string& block = m_connection.block();
@@ -220,16 +229,16 @@ public:
         return {};
     }
 
-    std::string readAll() {
+    std::string bodyText() {
         std::string text;
-        for (std::string_view piece = read(); !piece.empty(); piece = read())
+        for (std::string_view piece = body(); !piece.empty(); piece = body())
             text += piece;
         return text;
     }
 
-private:
     Connection& m_connection;
     http::response_parser<http::buffer_body> m_parser;
+    std::optional<TextSource> m_problem;
 };
 
 /// Lines on their way: one thread reads and sends them, the other receives the answers in the same order. What the

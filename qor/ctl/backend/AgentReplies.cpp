@@ -3,6 +3,8 @@
 #include <rapidjson/document.h>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORRequestControl.h"
+#include "QORMessage/QORNotation.h"
 #include "process/CtlError.h"
 
 namespace QOR {
@@ -74,6 +76,21 @@ QORIngestResult ingestResult(const Document& document) {
 }
 
 }  // namespace
+
+std::string notationOfProblem(std::string_view json) {
+    Document document;
+    document.Parse<rapidjson::kParseIterativeFlag>(json.data(), json.size());
+    if (document.HasParseError()) unreadable();
+    const Value* const detail = find(document, "detail");
+    const Value* const word = find(document, "code");
+    int code = static_cast<int>(numberOf(document, "status"));
+    // These have numbers of their own among the errors of requests.
+    if (code == 500) code = errFailure;
+    if (word != nullptr && textOf(*word) == "deadline") code = errDeadline;
+    std::string answer;
+    writeErrorResponse(code, textOf(detail == nullptr ? member(document, "title") : *detail), answer);
+    return answer;
+}
 
 QORIngestResult readIngestReply(std::string_view json) {
     return ingestResult(parse(json, "counts"));

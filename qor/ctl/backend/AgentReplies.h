@@ -2,6 +2,7 @@
 /// What the agent answers beside messages, read back into the structures that a host in this process gives.
 #pragma once
 
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -12,6 +13,10 @@
 #include "ingest/QORIngest.h"
 
 namespace QOR {
+
+/// What stands in place of a problem document (RFC 9457) for those who read answers: an answer in message notation whose
+/// error is the problem.
+std::string notationOfProblem(std::string_view json);
 
 /// Each throws CtlError AnsweredError: with the answer's own error when it holds one in place of what was asked for,
 /// else saying that it cannot be read. An error beside counts is left to the counts' `failure`.

@@ -1,19 +1,14 @@
 #include "filter/FilterNames.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <numeric>
-#include <utility>
 
 #include "QORCommon/QORAscii.h"
+#include "QORCommon/QORNearestName.h"
 #include "QORPager/QORFilterNames.h"
 #include "QORPager/QORSources.h"
 
 namespace QOR {
 namespace {
-
-constexpr std::size_t mostSuggestions = 3;
-constexpr std::size_t longestName = 200;  ///< longer names resemble none
 
 std::string_view typeName(TValueType type) noexcept {
     switch (type) {
@@ -30,36 +25,6 @@ std::string_view typeName(TValueType type) noexcept {
 
 std::string describe(TValueType type, TCursorType cursorType) {
     return std::string(typeName(type)).append(", ").append(sourceOf(cursorType).title);
-}
-
-/// Changes of one character, and swaps of two neighbours, that lead from one text to the other.
-std::size_t editDistance(std::string_view from, std::string_view to) {
-    std::vector<std::size_t> before(to.size() + 1);
-    std::vector<std::size_t> last(to.size() + 1);
-    std::vector<std::size_t> row(to.size() + 1);
-    std::iota(last.begin(), last.end(), std::size_t{0});
-    for (std::size_t i = 1; i <= from.size(); ++i) {
-        row[0] = i;
-        for (std::size_t j = 1; j <= to.size(); ++j) {
-            const std::size_t change = from[i - 1] == to[j - 1] ? 0 : 1;
-            row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + change});
-            const bool swapped = i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1];
-            if (swapped) row[j] = std::min(row[j], before[j - 2] + 1);
-        }
-        before.swap(last);
-        last.swap(row);
-    }
-    return last[to.size()];
-}
-
-/// How far a declared name is from one that was written. Leaving the beginning of a path out counts little.
-std::size_t distance(std::string_view written, std::string_view declared) {
-    const std::string lower = toLowerText(declared);
-    std::size_t nearest = editDistance(written, lower);
-    for (std::size_t dot = lower.find('.'); dot != std::string::npos; dot = lower.find('.', dot + 1)) {
-        nearest = std::min(nearest, editDistance(written, std::string_view(lower).substr(dot + 1)) + 1);
-    }
-    return nearest;
 }
 
 }  // namespace
@@ -112,27 +77,11 @@ std::string FilterNames::describe(std::string_view name) const {
 }
 
 std::vector<std::string_view> FilterNames::nearest(std::string_view name) const {
-    if (name.size() > longestName) return {};
-    const std::string written = toLowerText(name);
-    const std::size_t most = 1 + written.size() / 3;
-    std::vector<std::pair<std::size_t, std::string_view>> candidates;
-    const auto consider = [&](std::string_view declared) {
-        const std::size_t far = distance(written, declared);
-        if (far <= most) candidates.emplace_back(far, declared);
-    };
-    for (const QORField& field : m_fields)
-        consider(field.name);
-    consider("true");
-    consider("false");
-    std::stable_sort(candidates.begin(), candidates.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
     std::vector<std::string_view> names;
-    for (const auto& [far, declared] : candidates) {
-        // Much better ones make the others noise.
-        if (names.size() == mostSuggestions || far > candidates.front().first + 1) break;
-        names.push_back(declared);
-    }
-    return names;
+    for (const QORField& field : m_fields)
+        names.emplace_back(field.name);
+    names.insert(names.end(), {"true", "false"});
+    return nearestNames(name, names);
 }
 
 std::map<std::string, QORColumnKind, std::less<>> FilterNames::kindsOf(const std::vector<std::string>& names) const {

@@ -73,8 +73,9 @@ public:
         ++connected;
         return std::make_unique<Handler>(*this);
     }
-    std::string errorBody(unsigned status, std::string_view message) override {
-        return "{\"status\":" + std::to_string(status) + ",\"message\":\"" + std::string(message) + "\"}";
+    HttpReply errorReply(unsigned status, std::string_view message) override {
+        return {status, "{\"status\":" + std::to_string(status) + ",\"message\":\"" + std::string(message) + "\"}",
+                "application/problem+json"};
     }
 
     /// Whose the connections are that are accepted from now on.

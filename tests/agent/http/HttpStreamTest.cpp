@@ -28,7 +28,7 @@ constexpr std::size_t pieceSize = std::size_t{64} << 10;
 class StreamApplication final : public HttpApplication {
 public:
     std::unique_ptr<HttpClientHandler> connect(const HttpPeer&) override { return std::make_unique<Handler>(*this); }
-    std::string errorBody(unsigned status, std::string_view) override { return std::to_string(status); }
+    HttpReply errorReply(unsigned status, std::string_view) override { return {status, std::to_string(status)}; }
 
     std::promise<void> goOn;                     ///< lets "/halting" send its second piece
     std::atomic<int> sent{0};                    ///< pieces of "/endless"

@@ -1,0 +1,222 @@
+#include "agent/api/AgentRoutes.h"
+
+#include <algorithm>
+#include <array>
+
+#include "QORCommon/QORAscii.h"
+#include "QORCommon/QORText.h"
+#include "agent/api/AgentAccept.h"
+#include "agent/api/AgentDescriptions.h"
+#include "agent/api/AgentHealth.h"
+#include "agent/api/AgentIdentities.h"
+#include "agent/api/AgentMaintenance.h"
+#include "agent/api/AgentMessages.h"
+#include "agent/api/AgentProblem.h"
+#include "agent/api/AgentRecords.h"
+#include "agent/api/AgentViews.h"
+
+namespace QOR {
+namespace {
+
+constexpr std::array<std::string_view, 1> json{"application/json"};
+/// What clients say that were not told what to say is taken too.
+constexpr std::array<std::string_view, 2> jsonBody{"application/json", "application/x-www-form-urlencoded"};
+constexpr std::array<std::string_view, 6> recordsBody{"application/x-ndjson", "application/ndjson",
+                                                      "application/json",     "application/octet-stream",
+                                                      "text/plain",           "application/x-www-form-urlencoded"};
+
+constexpr auto writing = HttpLane::Writing;
+constexpr auto reading = HttpLane::Reading;
+constexpr auto full = AgentReach::Full;
+constexpr auto anybody = AgentReach::Anybody;
+
+constexpr std::array routes{
+    AgentRoute{.path = "/v1/messages",
+               .method = "POST",
+               .summary = "One request in message notation in, its answer out",
+               .answer = answerMessage,
+               .parameters = messageParameters,
+               .types = json,
+               .body = jsonBody,
+               .inNotation = true},
+    AgentRoute{.path = "/v1/records",
+               .method = "POST",
+               .reach = full,
+               .lane = writing,
+               .summary = "Records in, a line each",
+               .answer = answerRecords,
+               .parameters = recordParameters,
+               .types = json,
+               .body = recordsBody},
+    AgentRoute{.path = "/v1/collect",
+               .method = "POST",
+               .reach = full,
+               .lane = writing,
+               .summary = "The collectors run now",
+               .answer = answerCollect,
+               .types = json},
+    AgentRoute{.path = "/v1/check",
+               .method = "POST",
+               .reach = full,
+               .lane = writing,
+               .summary = "What is wrong with a part of the database",
+               .answer = answerCheck,
+               .parameters = checkParameters,
+               .types = json},
+    AgentRoute{.path = "/v1/prune",
+               .method = "POST",
+               .reach = full,
+               .lane = writing,
+               .summary = "Removes a part of what is old",
+               .answer = answerPrune,
+               .parameters = pruneParameters,
+               .types = json},
+    AgentRoute{.path = "/v1/views",
+               .method = "GET",
+               .summary = "All views with their columns",
+               .answer = answerViews,
+               .types = json},
+    AgentRoute{.path = "/v1/vocabulary",
+               .method = "GET",
+               .summary = "What the configuration tells plug-ins",
+               .answer = answerVocabulary,
+               .types = json},
+    AgentRoute{.path = "/v1/status",
+               .method = "GET",
+               .reach = full,
+               .summary = "What the database is, and which stored documents cannot be read",
+               .answer = answerStatus,
+               .types = json},
+    AgentRoute{.path = "/v1/identities",
+               .method = "GET",
+               .reach = full,
+               .summary = "Who may ask, what each may see, and which tokens there are",
+               .answer = answerIdentities,
+               .types = json},
+    AgentRoute{.path = "/v1/identities/add",
+               .method = "POST",
+               .reach = full,
+               .lane = writing,
+               .summary = "An identity more",
+               .answer = answerAddIdentity,
+               .types = json,
+               .body = jsonBody},
+    AgentRoute{.path = "/v1/identities/remove",
+               .method = "POST",
+               .reach = full,
+               .lane = writing,
+               .summary = "An identity less, and its tokens",
+               .answer = answerRemoveIdentity,
+               .types = json,
+               .body = jsonBody},
+    AgentRoute{.path = "/v1/tokens/create",
+               .method = "POST",
+               .reach = full,
+               .lane = writing,
+               .summary = "A token, which is told once",
+               .answer = answerCreateToken,
+               .types = json,
+               .body = jsonBody},
+    AgentRoute{.path = "/v1/tokens/revoke",
+               .method = "POST",
+               .reach = full,
+               .lane = writing,
+               .summary = "One token or all of an identity hold no more",
+               .answer = answerRevokeTokens,
+               .types = json,
+               .body = jsonBody},
+    AgentRoute{.path = "/v1/health",
+               .method = "GET",
+               .summary = "What the agent is made of and how it does",
+               .now = healthNow,
+               .types = json},
+    AgentRoute{.path = "/health/ready",
+               .method = "GET",
+               .summary = "Whether it answers everything",
+               .now = readyNow,
+               .types = json},
+    AgentRoute{.path = "/health/live",
+               .method = "GET",
+               .reach = AgentReach::Everybody,
+               .summary = "Whether it is there",
+               .now = liveNow,
+               .types = json},
+};
+
+std::string_view takePart(std::string_view& path) noexcept {
+    const std::string_view part = path.substr(0, path.find('/', 1));
+    path.remove_prefix(part.size());
+    return part;
+}
+
+bool isPath(std::string_view pattern, std::string_view path, std::vector<std::string_view>& names) {
+    if (pattern.find('{') == std::string_view::npos) return pattern == path;
+    names.clear();
+    while (!pattern.empty() && !path.empty()) {
+        const std::string_view wanted = takePart(pattern);
+        const std::string_view given = takePart(path);
+        if (!wanted.starts_with("/{")) {
+            if (wanted != given) return false;
+        } else if (given.size() < 2) {
+            return false;
+        } else {
+            names.push_back(given.substr(1));
+        }
+    }
+    return pattern.empty() && path.empty();
+}
+
+std::string joined(std::span<const std::string_view> texts) {
+    std::string all;
+    for (const std::string_view text : texts)
+        all.append(all.empty() ? "" : ", ").append(text);
+    return all;
+}
+
+bool takesFormatOf(const AgentRoute& route, const HttpRequest& request) {
+    return route.hasFormat && ("&" + std::string(request.query)).find("&format=") != std::string::npos;
+}
+
+}  // namespace
+
+std::span<const AgentRoute> agentRoutes() {
+    return routes;
+}
+
+AgentRouteMatch findRoute(std::string_view path, std::string_view method) {
+    AgentRouteMatch match;
+    const std::string_view wanted = method == "HEAD" ? "GET" : method;
+    for (const AgentRoute& route : routes) {
+        std::vector<std::string_view> names;
+        if (!isPath(route.path, path, names)) continue;
+        match.allow.append(match.allow.empty() ? "" : ", ").append(route.method);
+        if (route.method == "GET") match.allow += ", HEAD";
+        if (route.method != wanted) continue;
+        match.route = &route;
+        match.names = std::move(names);
+        return match;
+    }
+    return match;
+}
+
+std::optional<HttpReply> refusalOfTypes(const AgentRoute& route, const HttpRequest& request) {
+    if (!takesFormatOf(route, request) && !acceptedType(request, route.types)) {
+        HttpReply reply = problemReply({.status = 406,
+                                        .detail = std::string(route.path) + " is answered as " + joined(route.types),
+                                        .found = std::string(request.field("Accept")),
+                                        .expected = joined(route.types)});
+        return reply;
+    }
+    const std::string_view type = request.field("Content-Type");
+    if (route.body.empty() || type.data() == nullptr) return std::nullopt;
+    const bool taken = std::any_of(route.body.begin(), route.body.end(),
+                                   [&](std::string_view one) { return isSameWord(one, mediaTypeOf(type)); });
+    if (taken) return std::nullopt;
+    return problemReply(
+        {.status = 415,
+         .detail = std::string(route.path) + " reads " + std::string(route.body.front()) + ", not " + quoteText(type),
+         .found = std::string(type),
+         .expected = std::string(route.body.front())});
+}
+
+}  // namespace QOR
