@@ -8,10 +8,13 @@
 
 namespace QOR {
 
+inline constexpr std::array<std::string_view, 2> trueOrFalse{"true", "false"};
+
 inline constexpr std::array messageParameters{
     AgentParameter{.name = "stream",
-                   .kind = AgentParameter::Kind::Flag,
+                   .kind = AgentParameter::Kind::Choice,
                    .meaning = "the answer leaves while it is made, of any size",
+                   .choices = trueOrFalse,
                    .fallback = "false"},
 };
 

@@ -38,7 +38,8 @@ std::string joined(std::span<const std::string_view> words) {
     return text;
 }
 
-const AgentParameter& lookUp(const std::string& name, std::span<const AgentParameter> known) {
+/// \param spelled as the request has it
+const AgentParameter& lookUp(const std::string& name, std::string_view spelled, std::span<const AgentParameter> known) {
     const auto found =
         std::find_if(known.begin(), known.end(), [&](const AgentParameter& one) { return one.name == name; });
     if (found != known.end()) return *found;
@@ -46,7 +47,7 @@ const AgentParameter& lookUp(const std::string& name, std::span<const AgentParam
     for (const AgentParameter& one : known)
         names.push_back(one.name);
     const std::vector<std::string_view> near = nearestNames(name, names);
-    throwProblem({.detail = "unknown parameter " + quoteText(name),
+    throwProblem({.detail = "unknown parameter " + quoteText(spelled),
                   .code = "unknown_parameter",
                   .parameter = name,
                   .expected = joined(names),
@@ -132,7 +133,7 @@ AgentParameters AgentParameters::ofQuery(std::string_view query, std::span<const
         const std::size_t equals = std::min(one.find('='), one.size());
         std::string name = percentDecoded(one.substr(0, equals), "", true);
         std::string value = percentDecoded(one.substr(std::min(equals + 1, one.size())), name, true);
-        parameters.add(std::move(name), std::move(value), known);
+        parameters.add(lookUp(name, one, known), std::move(value));
     }
     parameters.requireAll(known);
     return parameters;
@@ -150,21 +151,22 @@ AgentParameters AgentParameters::ofBody(std::string_view json, std::span<const A
     if (!document.IsObject())
         throwProblem({.detail = "the body is no object of JSON", .code = "bad_body", .expected = "an object"});
     AgentParameters parameters;
+    std::set<std::string> seen;  // also what is null
     for (const auto& member : document.GetObject()) {
         std::string name(member.name.GetString(), member.name.GetStringLength());
-        const AgentParameter& parameter = lookUp(name, known);
-        if (parameters.has(name) || document.FindMember(member.name) != &member) refuse(name, name + " is given twice");
+        const AgentParameter& parameter = lookUp(name, name, known);
+        if (!seen.insert(name).second) refuse(name, name + " is given twice");
         if (member.value.IsNull()) continue;
         std::string value = textOf(parameter, member.value);
         if (value.find('\0') != std::string::npos) refuse(name, quoteText(value) + " holds a NUL");
-        parameters.add(std::move(name), std::move(value), known);
+        parameters.add(parameter, std::move(value));
     }
     parameters.requireAll(known);
     return parameters;
 }
 
-void AgentParameters::add(std::string name, std::string value, std::span<const AgentParameter> known) {
-    const AgentParameter& parameter = lookUp(name, known);
+void AgentParameters::add(const AgentParameter& parameter, std::string value) {
+    std::string name(parameter.name);
     if (has(name)) refuse(name, name + " is given twice");
     check(parameter, value);
     m_values.emplace(std::move(name), std::move(value));

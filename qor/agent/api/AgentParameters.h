@@ -52,7 +52,7 @@ public:
     bool flag(std::string_view name) const { return has(name) && text(name) != "false"; }
 
 private:
-    void add(std::string name, std::string value, std::span<const AgentParameter> known);
+    void add(const AgentParameter& parameter, std::string value);
     void requireAll(std::span<const AgentParameter> known) const;
 
     std::map<std::string, std::string, std::less<>> m_values;
