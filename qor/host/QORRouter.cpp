@@ -1,7 +1,5 @@
 #include "host/QORRouter.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <chrono>
 #include <exception>
@@ -14,6 +12,7 @@
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
+#include "host/QORAnswerText.h"
 #include "host/QORClientSession.h"
 
 namespace QOR {
@@ -90,7 +89,7 @@ public:
 /// An answer that is kept until it is whole.
 class QORRouter::Whole final : public Destination {
 public:
-    explicit Whole(const QORAnswerLimits& limits) : m_limits(limits) {}
+    explicit Whole(const QORAnswerLimits& limits) : m_limits(limits), m_text(limits.bytes) {}
 
     QORAnswerFormat& begin() override {
         m_format = makeNotationAnswer([this](std::string_view block) { return take(block); });
@@ -104,6 +103,8 @@ public:
         if (m_excess.empty() && error != nullptr) return fail(error->code, error->message, true);
         if (m_excess.empty()) writer.finish();
         if (!m_excess.empty()) return fail(errFailure, m_excess + elsewhere, true);
+        m_answer.text = m_text.takeText();
+        m_answer.memory = m_text.takeMemory();
         if (!writer.isTakenBack()) return;
         m_answer.text.clear();
         writeResponse(message, m_answer.text);
@@ -120,23 +121,13 @@ private:
         ": ask for it in parts (limit with size and offset), or as a stream (stream=true)";
 
     bool take(std::string_view block) {
-        std::string& text = m_answer.text;
-        const std::size_t size = text.size() + block.size();
-        if (size > m_limits.bytes) {
-            m_excess = "the answer is larger than " + describeBytes(m_limits.bytes);
-            return false;
-        }
-        if (size > text.capacity()) {
-            const std::size_t room = std::max(size, std::min(text.capacity() * 2, m_limits.bytes));
-            m_answer.memory.add(room, "the answer");
-            text.reserve(room);
-            m_answer.memory.set(room, "the answer");
-        }
-        text.append(block);
-        return true;
+        if (m_text.add(block)) return true;
+        m_excess = "the answer is larger than " + describeBytes(m_limits.bytes);
+        return false;
     }
 
     const QORAnswerLimits& m_limits;
+    QORAnswerText m_text;
     Answer m_answer;
     std::unique_ptr<QORAnswerFormat> m_format;
     std::string m_excess;
@@ -152,8 +143,7 @@ public:
         return *m_format;
     }
     bool goesOn(std::int64_t rows) override {
-        // Blocks fill up fast or the rows are slow in coming: then they are not kept waiting for company.
-        if (rows == 1 || now() - m_lastLeft > patience) m_format->flush();
+        if (m_pace.isDue(rows)) m_format->flush();
         return !m_refused;
     }
     void end(QORAnswerWriter& writer, const QORMessage&, const QORAnswerError* error) override {
@@ -172,31 +162,38 @@ public:
     }
 
 private:
-    static constexpr auto patience = std::chrono::milliseconds(20);
-
-    /// Exact to some milliseconds, and read in a fraction of the time of the exact clock: every row asks.
-    static std::chrono::nanoseconds now() {
-        timespec time{};
-        ::clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
-        return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-    }
-
     bool take(std::string_view block) {
         m_begun = true;
         m_refused = m_refused || !m_output(block);
         if (m_refused) return false;
         if (QORRequestControl* const control = QORRequestControl::current()) control->renew();
-        m_lastLeft = now();
+        m_pace.left();
         return true;
     }
 
     const QORAnswerOutput& m_output;
     Answer m_answer;
     std::unique_ptr<QORAnswerFormat> m_format;
-    std::chrono::nanoseconds m_lastLeft = now();
+    QORStreamPace m_pace;
     bool m_begun = false;
     bool m_refused = false;
     bool m_ended = false;
+};
+
+/// An answer in a format of somebody else's.
+class QORRouter::Direct final : public Destination {
+public:
+    Direct(QORAnswerFormat& format, const QORAnswerWriter::AfterRow& afterRow)
+        : m_format(format), m_afterRow(afterRow) {}
+
+    QORAnswerFormat& begin() override { return m_format; }
+    bool goesOn(std::int64_t rows) override { return m_afterRow(rows); }
+    void end(QORAnswerWriter& writer, const QORMessage&, const QORAnswerError* error) override { writer.finish(error); }
+    void fail(int code, std::string_view message, bool) override { throw QORException(code, std::string(message)); }
+
+private:
+    QORAnswerFormat& m_format;
+    const QORAnswerWriter::AfterRow& m_afterRow;
 };
 
 QORRouter::QORRouter(const std::vector<std::string>& primed, const QORMessageLimits& limits,
@@ -226,6 +223,12 @@ QORRouter::Streamed QORRouter::stream(QORClientSession& session, std::string_vie
         stream.fail(errFailure, "out of memory", true);
     }
     return stream.takeStreamed();
+}
+
+void QORRouter::ask(QORClientSession& session, QORRequestEnvelope& request, QORAnswerFormat& format,
+                    const QORAnswerWriter::AfterRow& afterRow) {
+    Direct direct(format, afterRow);
+    run(session, request, direct);
 }
 
 /// Every failure becomes one of the destination; what it throws then is for want of memory.

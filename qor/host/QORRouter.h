@@ -53,6 +53,11 @@ public:
     /// by and by. Each time something was taken, the deadline of the thread's request begins anew. An error after the
     /// first row stands behind the rows. \param output may wait for its reader
     Streamed stream(QORClientSession& session, std::string_view json, const QORAnswerOutput& output);
+    /// Has an operator answer a request that is at hand as a tree. The answer goes to `format` while it is written, its
+    /// errors to the format's end(); what format and `afterRow` throw is thrown.
+    /// \throws QORException for a client that the request may not name, and for an operator that cannot be primed
+    void ask(QORClientSession& session, QORRequestEnvelope& request, QORAnswerFormat& format,
+             const QORAnswerWriter::AfterRow& afterRow);
     /// The answer's text alone.
     std::string handle(QORClientSession& session, std::string_view json) { return answer(session, json).text; }
 
@@ -64,6 +69,7 @@ public:
 private:
     class Whole;
     class Stream;
+    class Direct;
     /// What becomes of an answer that is being written.
     class Destination;
 

@@ -39,6 +39,17 @@ std::optional<HttpReply> refusal(const AgentRouteMatch& match, const HttpRequest
     return refusalOfTypes(*match.route, request);
 }
 
+/// What is answered without a worker.
+HttpReply answerNow(const AgentApplication& application, const AgentRoute& route, const HttpRequest& request,
+                    bool fullAccess) {
+    try {
+        AgentParameters::ofQuery(request.query, route.parameters);
+        return route.now(application, fullAccess);
+    } catch (const AgentProblemException& exception) {
+        return problemReply(exception.problem());
+    }
+}
+
 }  // namespace
 
 AgentApplication::AgentApplication(QORHost& host, const AgentMemory& memory)
@@ -74,7 +85,7 @@ HttpPlan AgentApplication::plan(const HttpRequest& head, const HttpPeer& peer) {
         plan.requester = std::move(decision.requester);
     }
     plan.reply = refusal(match, head, fullAccess);
-    if (!plan.reply && match.route->answer == nullptr) plan.reply = match.route->now(*this, fullAccess);
+    if (!plan.reply && match.route->answer == nullptr) plan.reply = answerNow(*this, *match.route, head, fullAccess);
     if (plan.reply) {
         logReply(head, *plan.reply);
     } else {

@@ -23,8 +23,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "QORCommon/QORExport.h"
 #include "QORMessage/QORBinaryIterator.h"
@@ -32,12 +34,19 @@
 
 namespace QOR {
 
+/// The names of a view's columns, which stay as long as the reading lasts; null where there is no such view. The view's
+/// name may be in any case.
+using QORViewColumns = std::function<const std::vector<std::string>*(std::string_view view)>;
+
 struct QORConditionOptions {
     std::string view;        ///< that is asked; it qualifies columns whose own names hold a point
     std::size_t levels = 0;  ///< of elements that the condition may take
     /// Asked only where it matters: for columns that literals of an in-list or of between, durations or texts that
     /// tell a time from now stand beside. None: those stay as they are spelled.
     QORColumnTypes types{};
+    /// Asked for each column and view that is named, so that one that there is not is a mistake of the text. None:
+    /// names are taken as they are.
+    QORViewColumns columns{};
     std::int64_t now = 0;      ///< seconds since the epoch
     std::string currentEid{};  ///< the environment that the asker stands for; empty when there is none
 };

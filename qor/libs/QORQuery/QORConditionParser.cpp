@@ -8,6 +8,7 @@
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORNearestName.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORText.h"
@@ -75,13 +76,31 @@ private:
         return true;
     }
     [[noreturn]] void unexpected(const std::string& expected) const {
-        throw QORQueryError(peek().offset, "expected " + expected + ", found " + describeToken(peek()));
+        throw QORQueryError(peek().offset, "expected " + expected + ", found " + describeToken(peek()),
+                            {std::string(peek().spelled), expected, {}});
     }
     void needWord(std::string_view word) {
         if (!takeWord(word)) unexpected("\"" + std::string(word) + "\"");
     }
     void needSymbol(std::string_view symbol) {
         if (!takeSymbol(symbol)) unexpected("\"" + std::string(symbol) + "\"");
+    }
+
+    /// The columns of a view that is named. \returns null where nobody asks whether there is one
+    const std::vector<std::string>* needView(const std::string& view, std::size_t offset) const {
+        if (!m_options.columns) return nullptr;
+        const std::vector<std::string>* const columns = m_options.columns(view);
+        if (columns == nullptr)
+            throw QORQueryError(offset, "there is no view " + quoteText(view), {view, "a view", {}});
+        return columns;
+    }
+    void needColumn(const std::string& view, const std::string& column, std::size_t offset) const {
+        const std::vector<std::string>* const columns = needView(view, offset);
+        if (columns == nullptr || std::find(columns->begin(), columns->end(), column) != columns->end()) return;
+        const std::vector<std::string_view> names(columns->begin(), columns->end());
+        const std::vector<std::string_view> near = nearestNames(column, names);
+        throw QORQueryError(offset, "view " + quoteText(view) + " has no column " + quoteText(column),
+                            {column, "a column of " + view, near.empty() ? std::string() : std::string(near.front())});
     }
 
     // ---- building -----------------------------------------------------------------------------------------------
@@ -123,7 +142,7 @@ private:
     Id reduce(Stack& stack, Id condition, Pending::Kind lowest);
     Id readSelect();
     Id readOutputField(std::string& column, std::string& qualifier);
-    void readOrder(Id select);
+    void readOrder(Id select, const std::string& view);
     void readLimit(Id select);
     std::string readWholeNumber();
 
@@ -394,7 +413,10 @@ Id Parser::readSelect() {
     const Id field = readOutputField(column, qualifier);
     if (peek().isSymbol(",")) throw QORQueryError(peek().offset, "a select in a list has one column");
     needWord("from");
+    const std::size_t viewOffset = peek().offset;
     std::string view = readName("a view");
+    needView(view, viewOffset);
+    needColumn(view, column, fieldOffset);
     if (!qualifier.empty() && !isSameWord(qualifier, view))
         throw QORQueryError(
             fieldOffset, quoteText(qualifier) + " is not the view that this select reads, which is " + quoteText(view));
@@ -405,7 +427,7 @@ Id Parser::readSelect() {
         m_tree.append(select, build(tag::where, {readCondition()}, offset));
         std::swap(m_view, view);
     }
-    if (takeWord("order")) readOrder(select);
+    if (takeWord("order")) readOrder(select, view);
     if (takeWord("limit")) readLimit(select);
     if (!peek().isSymbol(",") && !peek().isSymbol(")")) unexpected("\")\" at the end of the nested select");
     --m_nesting;
@@ -433,11 +455,14 @@ Id Parser::readOutputField(std::string& column, std::string& qualifier) {
     return build(tag::field, {inner}, 0);
 }
 
-void Parser::readOrder(Id select) {
+void Parser::readOrder(Id select, const std::string& view) {
     needWord("by");
     do {
         const Id sort = m_tree.node(tag::sort);
-        m_tree.append(sort, m_tree.leaf(tag::field, readName("a column")));
+        const std::size_t offset = peek().offset;
+        std::string column = readName("a column");
+        needColumn(view, column, offset);
+        m_tree.append(sort, m_tree.leaf(tag::field, std::move(column)));
         if (takeWord("desc"))
             m_tree.append(sort, m_tree.node(tag::descending));
         else
@@ -576,8 +601,10 @@ Id Parser::readField() {
         std::string column = readName("a column");
         if (peek().isSymbol("."))
             throw QORQueryError(peek().offset, "a column is named as \"column\" or \"view.column\"");
+        needColumn(first, column, offset);
         return m_tree.leaf(tag::field, first + "." + column);
     }
+    needColumn(m_view, first, offset);
     // The first point of a field's text ends the view's name, so a column that holds one is named with its view.
     if (first.find('.') == std::string::npos) return m_tree.leaf(tag::field, std::move(first));
     if (m_view.find('.') != std::string::npos)
