@@ -17,6 +17,7 @@
 
 #include "QORCommon/QORMemory.h"
 #include "agent/api/AgentAccess.h"
+#include "agent/api/AgentViews.h"
 #include "agent/http/HttpTypes.h"
 
 namespace QOR {
@@ -49,6 +50,7 @@ public:
 
     QORHost& host() const noexcept { return m_host; }
     AgentAccess& access() noexcept { return m_access; }
+    AgentViews& views() noexcept { return m_views; }
     std::chrono::steady_clock::duration uptime() const { return std::chrono::steady_clock::now() - m_start; }
     /// Open ones.
     std::size_t connections() const { return m_connections(); }
@@ -58,6 +60,7 @@ public:
 private:
     QORHost& m_host;
     AgentAccess m_access;
+    AgentViews m_views;
     const std::size_t m_requestMemory;
     QORMemoryBudget m_memory;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };

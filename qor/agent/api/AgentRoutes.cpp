@@ -13,6 +13,7 @@
 #include "agent/api/AgentMessages.h"
 #include "agent/api/AgentProblem.h"
 #include "agent/api/AgentRecords.h"
+#include "agent/api/AgentRows.h"
 #include "agent/api/AgentViews.h"
 
 namespace QOR {
@@ -76,6 +77,13 @@ constexpr std::array routes{
                .summary = "All views with their columns",
                .answer = answerViews,
                .types = json},
+    AgentRoute{.path = "/v1/views/{view}/rows",
+               .method = "GET",
+               .summary = "Rows of a view, a page or all of them",
+               .answer = answerViewRows,
+               .parameters = viewRowsParameters,
+               .types = agentFormatTypes,
+               .hasFormat = true},
     AgentRoute{.path = "/v1/vocabulary",
                .method = "GET",
                .summary = "What the configuration tells plug-ins",

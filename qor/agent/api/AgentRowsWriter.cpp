@@ -107,7 +107,7 @@ void writeTextValue(Json& json, std::string_view text) {
 void writeOne(Json& json, const AgentColumn& column, const QORRowValue& value) {
     const bool isNumber = column.kind == QORColumnKind::Integer || column.kind == QORColumnKind::Number;
     if (isNumber && isJsonNumber(value.bytes)) return writeRaw(json, value.bytes, rapidjson::kNumberType);
-    if (column.kind == QORColumnKind::Text || column.kind == QORColumnKind::Guid)
+    if (column.kind == QORColumnKind::Text || column.kind == QORColumnKind::Identifier)
         return writeTextValue(json, value.bytes);
     writeTextValue(json, plainText(column, value));
 }

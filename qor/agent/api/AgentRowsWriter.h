@@ -50,7 +50,7 @@ inline constexpr std::array<std::string_view, 5> agentFormatTypes{
 /// numbers are numbers with all their digits; what a number cannot say in JSON is a text ("NaN", "Infinity",
 /// "-Infinity"). Times are RFC 3339 with `Z`. Bytes, and texts that are not UTF-8, are `{"base64":"..."}` for texts and
 /// base64 for columns of bytes. Lists are arrays.
-/// NDJSON: an object a row, of two columns of a name the last one; the last line is `{"page":{...}}`.
+/// NDJSON: an object a row; the last line is `{"page":{...}}`.
 /// CSV: RFC 4180 with the names in the first line; an empty field is null, an empty text is `""`.
 /// XML: `<answer><columns><column name="" type=""/></columns><rows><row><v>..</v><v null="true"/></row></rows><page/>`.
 /// Notation: as operators answer.

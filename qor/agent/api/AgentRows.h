@@ -1,0 +1,42 @@
+/// \file
+/// Pages and streams of rows. Thread-safe.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "agent/api/AgentCall.h"
+#include "agent/api/AgentRowsWriter.h"
+#include "agent/api/AgentSelect.h"
+
+namespace QOR {
+
+/// In what form an answer leaves.
+struct AgentRowsForm {
+    AgentFormat format = AgentFormat::Json;
+    bool stream = false;  ///< all rows, while they are read
+};
+
+/// By the parameter `format`, else by Accept. \throws AgentProblemException 406
+AgentRowsForm rowsFormOf(const AgentCall& call, const AgentParameters& parameters);
+
+/// Has whoever gives rows write them, and makes the reply: whole, or sent through the request's stream, where a failure
+/// behind the first byte breaks the connection.
+/// \param give writes everything to the writer; calls what it is handed after each row, with the number of rows so far,
+/// and ends when that is false
+HttpReply replyWithRows(
+    AgentCall& call, const AgentRowsForm& form,
+    const std::function<void(AgentRowsWriter& writer, const std::function<bool(std::int64_t rows)>& afterRow)>& give);
+
+/// Asks an operator and gives the rows that it answers.
+/// \param columns of the answer \param names what the operator calls them
+HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QORRequestEnvelope& request,
+                          std::vector<AgentColumn> columns, std::vector<std::string> names);
+
+/// GET /v1/views/{view}/rows
+HttpReply answerViewRows(AgentCall& call);
+/// The same for a view and parameters from elsewhere.
+HttpReply viewRows(AgentCall& call, std::string_view view, const AgentParameters& parameters);
+
+}  // namespace QOR

@@ -1,0 +1,286 @@
+#include "agent/api/AgentSelect.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "QORCommon/QORAscii.h"
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORNearestName.h"
+#include "QORCommon/QORText.h"
+#include "QORCommon/QORTime.h"
+#include "QORLibAgent/QORPageToken.h"
+#include "QORQuery/QORCondition.h"
+#include "QORQuery/QORQueryError.h"
+#include "QORQuery/QORQueryField.h"
+#include "agent/api/AgentProblem.h"
+
+namespace QOR {
+namespace {
+
+/// Levels that select and where elements take of a message.
+constexpr std::size_t levelsAboveCondition = 2;
+constexpr std::array<std::string_view, 5> aggregates{"count", "sum", "average", "min", "max"};
+
+/// Characters before a byte of a text.
+std::size_t charactersBefore(std::string_view text, std::size_t offset) {
+    const std::string_view before = text.substr(0, std::min(offset, text.size()));
+    return static_cast<std::size_t>(std::count_if(
+        before.begin(), before.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
+}
+
+std::string nearestOf(std::string_view name, const std::vector<std::string_view>& names) {
+    const std::vector<std::string_view> near = nearestNames(name, names);
+    return near.empty() ? std::string() : std::string(near.front());
+}
+
+std::string_view trimmed(std::string_view text) {
+    while (!text.empty() && isSpaceChar(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && isSpaceChar(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
+
+/// What an aggregate is called in answers.
+std::string labelOf(const QORQueryField& field) {
+    return field.function.empty() ? field.column : field.function + "(" + field.column + ")";
+}
+
+class SelectBuilder {
+public:
+    SelectBuilder(const AgentViews::List& views, const AgentView& view, const AgentParameters& parameters,
+                  const AgentSelectContext& context)
+        : m_views(views),
+          m_view(view),
+          m_parameters(parameters),
+          m_context(context),
+          m_at(m_select.envelope.body.root()) {}
+
+    AgentSelect build() {
+        m_select.envelope.operatorName = "pager2";
+        m_select.envelope.requestName = "select";
+        requireRoom(m_at.addChild(tag::select));
+        requireRoom(m_at.putValue(m_view.name, tag::view));
+        addFields();
+        if (m_parameters.flag("distinct")) addFlag(tag::distinct);
+        if (m_parameters.has("where")) addWhere(m_parameters.text("where"));
+        addSort();
+        addPage(m_at, m_parameters, m_context.all);
+        return std::move(m_select);
+    }
+
+private:
+    void addFlag(QORTag flag) {
+        requireRoom(m_at.addChild(flag));
+        requireRoom(m_at.seekUp());
+    }
+
+    void addFields() {
+        if (!m_parameters.has("fields")) {
+            for (const AgentViewColumn& column : m_view.columns)
+                if (column.kind != QORColumnKind::Bytes && !column.ofRowSecurity) addField({column.name, ""}, column);
+            return;
+        }
+        for (const AgentListItem& item : splitList(m_parameters, "fields")) {
+            if (item.text == "*") {
+                for (const AgentViewColumn& column : m_view.columns)
+                    addField({column.name, ""}, column);
+            } else {
+                QORQueryField field = readField("fields", item, item.text);
+                addField(field, *m_view.find(field.column));
+            }
+        }
+    }
+
+    /// \param text of the item, or a part of it
+    QORQueryField readField(std::string_view parameter, const AgentListItem& item, std::string_view text) const {
+        QORQueryField field = parseQueryField(text);
+        const std::string function = toLowerText(field.function);
+        if (!function.empty() && std::find(aggregates.begin(), aggregates.end(), function) == aggregates.end())
+            refuse(parameter, item, "unknown_function", "there is no function " + quoteText(field.function),
+                   field.function, "count, sum, average, min or max",
+                   nearestOf(function, {aggregates.begin(), aggregates.end()}));
+        field.function = function;
+        if (m_view.find(field.column) != nullptr) return field;
+        const std::vector<std::string_view> names(m_view.names.begin(), m_view.names.end());
+        refuse(parameter, item, "unknown_column",
+               "view " + quoteText(m_view.name) + " has no column " + quoteText(field.column), field.column,
+               "a column of " + m_view.name, nearestOf(field.column, names));
+    }
+
+    [[noreturn]] void refuse(std::string_view parameter, const AgentListItem& item, std::string_view code,
+                             std::string detail, std::string_view found, std::string expected,
+                             std::string suggestion) const {
+        throwProblem({.detail = std::string(parameter) + ": " + std::move(detail),
+                      .code = code,
+                      .parameter = std::string(parameter),
+                      .position = charactersBefore(m_parameters.text(parameter), item.offset),
+                      .found = std::string(found),
+                      .expected = std::move(expected),
+                      .suggestion = std::move(suggestion)});
+    }
+
+    void addField(const QORQueryField& field, const AgentViewColumn& column) {
+        if (field.function.empty()) {
+            requireRoom(m_at.putValue(field.column, tag::field));
+        } else {
+            requireRoom(m_at.addChild(tag::field));
+            requireRoom(m_at.addChild(tag::function));
+            requireRoom(m_at.putValue(field.function, tag::name));
+            requireRoom(m_at.putValue(field.column, tag::field));
+            requireRoom(m_at.seekUp());
+            requireRoom(m_at.seekUp());
+        }
+        m_select.columns.push_back({labelOf(field), columnKindOf(field, column.type)});
+        m_select.names.push_back(labelOf(field));
+    }
+
+    void addSort() {
+        std::set<std::string> before;
+        if (!m_parameters.has("sort")) return;
+        for (const AgentListItem& item : splitList(m_parameters, "sort")) {
+            const bool descending = item.text.starts_with('-');
+            const QORQueryField field = readField("sort", item, trimmed(item.text.substr(descending ? 1 : 0)));
+            const std::string label = labelOf(field);
+            if (!before.insert(label).second)
+                refuse("sort", item, "bad_parameter", quoteText(label) + " is given twice", label, "", "");
+            if (!field.function.empty() && !isAsked(label))
+                refuse("sort", item, "bad_parameter", "sorting by " + quoteText(label) + " needs it among the fields",
+                       label, "one of the fields", "");
+            requireRoom(m_at.addChild(tag::sort));
+            requireRoom(m_at.putValue(label, tag::field));
+            if (descending) addFlag(tag::descending);
+            requireRoom(m_at.seekUp());
+        }
+    }
+
+    bool isAsked(const std::string& label) const {
+        return std::find(m_select.names.begin(), m_select.names.end(), label) != m_select.names.end();
+    }
+
+    void addWhere(std::string_view text) {
+        requireRoom(m_at.addChild(tag::where));
+        const auto find = [this](std::string_view view) -> const AgentView* {
+            const auto found = m_views.find(view);
+            return found == m_views.end() ? nullptr : &found->second;
+        };
+        QORConditionOptions options;
+        options.view = m_view.name;
+        options.levels = m_select.envelope.body.limits().depth - levelsAboveCondition;
+        options.now = nowOf(m_parameters);
+        options.currentEid = m_context.currentEid;
+        options.types = [&](std::string_view view, std::string_view column) {
+            const AgentView* const known = find(view);
+            const AgentViewColumn* const one = known == nullptr ? nullptr : known->find(column);
+            return one == nullptr ? std::string() : one->type;
+        };
+        options.columns = [&](std::string_view view) {
+            const AgentView* const known = find(view);
+            return known == nullptr ? nullptr : &known->names;
+        };
+        try {
+            parseCondition(text, options, m_at);
+        } catch (const QORQueryError& error) {
+            throwProblem({.detail = std::string("where: ") + error.what(),
+                          .code = "bad_condition",
+                          .parameter = "where",
+                          .position = charactersBefore(text, error.offset()),
+                          .found = error.detail().found,
+                          .expected = error.detail().expected,
+                          .suggestion = error.detail().suggestion});
+        } catch (const QORException& error) {
+            throwProblem({.detail = "where: " + error.message(), .code = "bad_condition", .parameter = "where"});
+        }
+        requireRoom(m_at.seekUp());
+    }
+
+    const AgentViews::List& m_views;
+    const AgentView& m_view;
+    const AgentParameters& m_parameters;
+    const AgentSelectContext& m_context;
+    AgentSelect m_select;
+    QORBinaryIterator m_at;
+};
+
+/// none, capped, exact, or a number of milliseconds.
+bool isCount(std::string_view text) {
+    if (text == "none" || text == "capped" || text == "exact") return true;
+    return text.ends_with("ms") && readPlainNumber(text.substr(0, text.size() - 2), {1, 3'600'000});
+}
+
+}  // namespace
+
+void requireRoom(int status) {
+    if (status != 0) throwProblem({.detail = "the request is larger than a message may be", .code = "too_large"});
+}
+
+std::vector<AgentListItem> splitList(const AgentParameters& parameters, std::string_view name) {
+    const std::string_view text = parameters.text(name);
+    std::vector<AgentListItem> items;
+    bool quoted = false;
+    std::size_t begin = 0;
+    for (std::size_t at = 0; at <= text.size(); ++at) {
+        if (at < text.size() && text[at] == '"') quoted = !quoted;
+        if (at < text.size() && (quoted || text[at] != ',')) continue;
+        const std::string_view item = trimmed(text.substr(begin, at - begin));
+        if (item.empty())
+            throwProblem({.detail = std::string(name) + ": a name is missing between the commas",
+                          .code = "bad_parameter",
+                          .parameter = std::string(name),
+                          .position = charactersBefore(text, begin)});
+        items.push_back({item, static_cast<std::size_t>(item.data() - text.data())});
+        begin = at + 1;
+    }
+    return items;
+}
+
+std::uint64_t rowsWanted(const AgentParameters& parameters, bool all) {
+    return parameters.number("limit").value_or(all ? 0 : usualPage);
+}
+
+std::int64_t nowOf(const AgentParameters& parameters) {
+    if (!parameters.has("after")) return currentTime();
+    try {
+        return openPageToken(parameters.text("after")).now;
+    } catch (const QORException& error) {
+        throwProblem({.detail = "after: " + error.message(), .code = "bad_token", .parameter = "after"});
+    }
+}
+
+void addPage(QORBinaryIterator& at, const AgentParameters& parameters, bool all) {
+    const std::string_view count = parameters.text("count");
+    if (parameters.has("count") && !isCount(count))
+        throwProblem(
+            {.detail = "count is none, capped, exact, or a time in milliseconds such as 200ms, not " + quoteText(count),
+             .code = "bad_parameter",
+             .parameter = "count",
+             .found = std::string(count),
+             .expected = "none, capped, exact or 200ms"});
+    if (parameters.has("after") && parameters.has("offset"))
+        throwProblem({.detail = "offset: the page's token (after) says where the page begins already",
+                      .code = "bad_parameter",
+                      .parameter = "offset"});
+    requireRoom(at.addChild(tag::ordered));
+    requireRoom(at.seekUp());
+    const std::uint64_t limit = rowsWanted(parameters, all);
+    const std::uint64_t offset = parameters.number("offset").value_or(0);
+    if (limit > 0 || offset > 0) {
+        requireRoom(at.addChild(tag::limit));
+        requireRoom(at.putInt(static_cast<std::int32_t>(limit == 0 ? offsetParameter.range.most : limit), tag::size));
+        if (offset > 0) requireRoom(at.putInt(static_cast<std::int32_t>(offset), tag::offset));
+        requireRoom(at.seekUp());
+    }
+    if (parameters.has("after")) {
+        nowOf(parameters);  // a token that is none is told of by its parameter
+        requireRoom(at.putValue(parameters.text("after"), tag::after));
+    }
+    if (parameters.has("count") && count != "none") requireRoom(at.putValue(count, tag::count));
+}
+
+AgentSelect makeViewSelect(const AgentViews::List& views, const AgentView& view, const AgentParameters& parameters,
+                           const AgentSelectContext& context) {
+    return SelectBuilder(views, view, parameters, context).build();
+}
+
+}  // namespace QOR
