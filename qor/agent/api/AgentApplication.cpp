@@ -50,6 +50,17 @@ HttpReply answerNow(const AgentApplication& application, const AgentRoute& route
     }
 }
 
+/// Of parameters that are none the worker tells.
+HttpLane laneOf(const AgentRoute& route, const HttpRequest& head) {
+    if (route.streams == nullptr) return route.lane;
+    try {
+        const bool streams = route.streams(head, AgentParameters::ofQuery(head.query, route.parameters));
+        return streams ? HttpLane::Streaming : route.lane;
+    } catch (const AgentProblemException&) {
+        return route.lane;
+    }
+}
+
 }  // namespace
 
 AgentApplication::AgentApplication(QORHost& host, const AgentMemory& memory)
@@ -89,7 +100,7 @@ HttpPlan AgentApplication::plan(const HttpRequest& head, const HttpPeer& peer) {
     if (plan.reply) {
         logReply(head, *plan.reply);
     } else {
-        plan.lane = match.route->lane;
+        plan.lane = laneOf(*match.route, head);
     }
     return plan;
 }

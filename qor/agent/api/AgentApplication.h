@@ -17,6 +17,7 @@
 
 #include "QORCommon/QORMemory.h"
 #include "agent/api/AgentAccess.h"
+#include "agent/api/AgentFields.h"
 #include "agent/api/AgentViews.h"
 #include "agent/http/HttpTypes.h"
 
@@ -51,6 +52,7 @@ public:
     QORHost& host() const noexcept { return m_host; }
     AgentAccess& access() noexcept { return m_access; }
     AgentViews& views() noexcept { return m_views; }
+    AgentFields& fields() noexcept { return m_fields; }
     std::chrono::steady_clock::duration uptime() const { return std::chrono::steady_clock::now() - m_start; }
     /// Open ones.
     std::size_t connections() const { return m_connections(); }
@@ -61,6 +63,7 @@ private:
     QORHost& m_host;
     AgentAccess m_access;
     AgentViews m_views;
+    AgentFields m_fields;
     const std::size_t m_requestMemory;
     QORMemoryBudget m_memory;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };

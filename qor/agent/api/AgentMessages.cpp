@@ -24,4 +24,8 @@ HttpReply answerMessage(AgentCall& call) {
     return replyOf(std::move(streamed.answer));
 }
 
+bool streamsMessage(const HttpRequest&, const AgentParameters& parameters) {
+    return parameters.flag("stream");
+}
+
 }  // namespace QOR

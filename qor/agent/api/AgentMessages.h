@@ -22,4 +22,6 @@ inline constexpr std::array messageParameters{
 /// is 400.
 HttpReply answerMessage(AgentCall& call);
 
+bool streamsMessage(const HttpRequest& head, const AgentParameters& parameters);
+
 }  // namespace QOR

@@ -44,6 +44,11 @@ public:
     /// text as in a query; null is as good as absent. \throws AgentProblemException as ofQuery
     static AgentParameters ofBody(std::string_view json, std::span<const AgentParameter> known);
 
+    /// Takes over what others say of one, if they do.
+    void take(const AgentParameters& others, std::string_view name) {
+        if (others.has(name)) m_values.insert_or_assign(std::string(name), std::string(others.text(name)));
+    }
+
     bool has(std::string_view name) const { return m_values.find(name) != m_values.end(); }
     /// As it was given; empty when it was not.
     std::string_view text(std::string_view name) const;

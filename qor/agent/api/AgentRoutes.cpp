@@ -7,11 +7,13 @@
 #include "QORCommon/QORText.h"
 #include "agent/api/AgentAccept.h"
 #include "agent/api/AgentDescriptions.h"
+#include "agent/api/AgentFields.h"
 #include "agent/api/AgentHealth.h"
 #include "agent/api/AgentIdentities.h"
 #include "agent/api/AgentMaintenance.h"
 #include "agent/api/AgentMessages.h"
 #include "agent/api/AgentProblem.h"
+#include "agent/api/AgentQuery.h"
 #include "agent/api/AgentRecords.h"
 #include "agent/api/AgentRows.h"
 #include "agent/api/AgentViews.h"
@@ -39,6 +41,7 @@ constexpr std::array routes{
                .parameters = messageParameters,
                .types = json,
                .body = jsonBody,
+               .streams = streamsMessage,
                .inNotation = true},
     AgentRoute{.path = "/v1/records",
                .method = "POST",
@@ -83,7 +86,31 @@ constexpr std::array routes{
                .answer = answerViewRows,
                .parameters = viewRowsParameters,
                .types = agentFormatTypes,
-               .hasFormat = true},
+               .hasFormat = true,
+               .streams = streamsRows},
+    AgentRoute{.path = "/v1/fields",
+               .method = "GET",
+               .summary = "The fields of what the agent has at hand",
+               .answer = answerFields,
+               .types = json},
+    AgentRoute{.path = "/v1/rows",
+               .method = "GET",
+               .summary = "Rows of what the agent has at hand, by its fields",
+               .answer = answerSourceRows,
+               .parameters = sourceRowsParameters,
+               .types = agentFormatTypes,
+               .hasFormat = true,
+               .streams = streamsRows},
+    AgentRoute{.path = "/v1/query",
+               .method = "POST",
+               .summary = "Rows of a view or of a source, asked for by a body",
+               .answer = answerQuery,
+               .parameters = queryParameters,
+               .types = agentFormatTypes,
+               .hasFormat = true,
+               .body = jsonBody,
+               .members = queryMembers,
+               .streams = streamsQuery},
     AgentRoute{.path = "/v1/vocabulary",
                .method = "GET",
                .summary = "What the configuration tells plug-ins",

@@ -39,8 +39,11 @@ struct AgentRoute {
     std::span<const std::string_view> types{};  ///< of its answers, the first where the client does not say
     /// How a client asks for another of the types than Accept says: with the parameter `format`.
     bool hasFormat = false;
-    std::span<const std::string_view> body{};  ///< types of the body that it reads, the first is the usual one
-    bool inNotation = false;                   ///< errors of its own are answers in message notation
+    std::span<const std::string_view> body{};   ///< types of the body that it reads, the first is the usual one
+    std::span<const AgentParameter> members{};  ///< of the body, where it is an object that is read by them
+    /// Whether an answer may be of any size, so that it needs a worker of those for streams. None: never.
+    bool (*streams)(const HttpRequest& head, const AgentParameters& parameters) = nullptr;
+    bool inNotation = false;  ///< errors of its own are answers in message notation
 };
 
 std::span<const AgentRoute> agentRoutes();

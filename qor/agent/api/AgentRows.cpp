@@ -1,6 +1,7 @@
 #include "agent/api/AgentRows.h"
 
 #include <algorithm>
+#include <deque>
 #include <optional>
 #include <utility>
 
@@ -36,6 +37,9 @@ public:
         switch (child.tag) {
             case tag::name:
                 m_names.emplace_back(valueOf(child));
+                break;
+            case tag::cell:
+                m_names.push_back(nameIn(child));
                 break;
             case tag::row:
                 rowOfElements(child);
@@ -93,11 +97,33 @@ private:
         m_writer.begin(std::move(m_columns));
     }
 
+    /// The name of a column that stands in a cell, or for a list in one within.
+    static std::string nameIn(const QORMessageNode& cell) {
+        const QORMessageNode* child = cell.firstChild;
+        if (child != nullptr && child->tag == tag::cell) child = child->firstChild;
+        return child == nullptr ? std::string() : std::string(valueOf(*child));
+    }
+
     void rowOfElements(const QORMessageNode& row) {
         std::vector<QORRowValue> values;
+        std::deque<std::string> lists;
         for (const QORMessageNode* value = row.firstChild; value != nullptr; value = value->next)
-            values.push_back({valueOf(*value), value->kind});
+            values.push_back(value->tag == tag::cell ? valueIn(*value, lists)
+                                                     : QORRowValue{valueOf(*value), value->kind});
         this->row(values);
+    }
+
+    /// The value in a cell, or the values of the cells within as one. \param lists where texts are put together
+    static QORRowValue valueIn(const QORMessageNode& cell, std::deque<std::string>& lists) {
+        const QORMessageNode* child = cell.firstChild;
+        if (child == nullptr) return {};
+        if (child->tag == tag::value) return {valueOf(*child), child->kind};
+        std::string& list = lists.emplace_back();
+        for (; child != nullptr; child = child->next) {
+            if (!list.empty()) list += AgentRowsWriter::listSeparator;
+            if (child->firstChild != nullptr) list += valueOf(*child->firstChild);
+        }
+        return {list, QORValueKind::Text};
     }
 
     AgentRowsWriter& m_writer;
@@ -118,6 +144,11 @@ std::string currentEidOf(AgentCall& call) {
     return eid.toString();
 }
 
+/// Codes of errors that operators have beside the host's own.
+constexpr int unknownField = 3111;
+constexpr int unreadableFilter = 3151;
+constexpr int failingFilter = 3152;
+
 const HttpFields variesByAccept{{"Vary", "Accept"}};
 
 constexpr std::string_view howToGetTheRest =
@@ -125,18 +156,22 @@ constexpr std::string_view howToGetTheRest =
 
 }  // namespace
 
-AgentRowsForm rowsFormOf(const AgentCall& call, const AgentParameters& parameters) {
+AgentRowsForm rowsFormOf(const HttpRequest& request, const AgentParameters& parameters) {
     AgentRowsForm form;
     if (parameters.has("format")) {
         const auto* const word = std::find(agentFormatWords.begin(), agentFormatWords.end(), parameters.text("format"));
         form.format = static_cast<AgentFormat>(word - agentFormatWords.begin());
-    } else if (const auto place = acceptedType(call.request, agentFormatTypes)) {
+    } else if (const auto place = acceptedType(request, agentFormatTypes)) {
         form.format = static_cast<AgentFormat>(*place);
     } else {
         throwProblem({.status = 406, .detail = "rows are answered as JSON, NDJSON, CSV, XML or notation"});
     }
     form.stream = form.format == AgentFormat::Ndjson && !parameters.has("limit");
     return form;
+}
+
+bool streamsRows(const HttpRequest& head, const AgentParameters& parameters) {
+    return rowsFormOf(head, parameters).stream;
 }
 
 HttpReply replyWithRows(
@@ -181,7 +216,7 @@ HttpReply replyWithRows(
 
 HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QORRequestEnvelope& request,
                           std::vector<AgentColumn> columns, std::vector<std::string> names) {
-    const AgentRowsForm form = rowsFormOf(call, parameters);
+    const AgentRowsForm form = rowsFormOf(call.request, parameters);
     try {
         return replyWithRows(call, form, [&](AgentRowsWriter& writer, const auto& afterRow) {
             OperatorRows rows(writer, std::move(columns), std::move(names));
@@ -189,7 +224,23 @@ HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QO
         });
     } catch (const QORException& error) {
         AgentProblem problem = problemOf(error);
-        if (problem.status == 400 && parameters.has("where")) {
+        switch (error.code()) {
+            case unknownField:
+                problem.status = 400;
+                problem.code = "unknown_field";
+                break;
+            case unreadableFilter:
+                problem.status = 400;
+                break;
+            case failingFilter:
+                problem.status = 422;
+                problem.code = "failing_condition";
+                problem.parameter = "where";
+                break;
+            default:
+                break;
+        }
+        if (problem.status == 400 && problem.code.empty() && parameters.has("where")) {
             problem.code = "bad_condition";
             problem.parameter = "where";
         }
@@ -199,7 +250,7 @@ HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QO
 
 HttpReply viewRows(AgentCall& call, std::string_view view, const AgentParameters& parameters) {
     const auto views = call.application.views().listWith(view);
-    const AgentRowsForm form = rowsFormOf(call, parameters);
+    const AgentRowsForm form = rowsFormOf(call.request, parameters);
     AgentSelectContext context;
     context.all = form.stream;
     if (parameters.has("where")) context.currentEid = currentEidOf(call);

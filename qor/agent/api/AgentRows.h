@@ -19,7 +19,8 @@ struct AgentRowsForm {
 };
 
 /// By the parameter `format`, else by Accept. \throws AgentProblemException 406
-AgentRowsForm rowsFormOf(const AgentCall& call, const AgentParameters& parameters);
+AgentRowsForm rowsFormOf(const HttpRequest& request, const AgentParameters& parameters);
+bool streamsRows(const HttpRequest& head, const AgentParameters& parameters);
 
 /// Has whoever gives rows write them, and makes the reply: whole, or sent through the request's stream, where a failure
 /// behind the first byte breaks the connection.

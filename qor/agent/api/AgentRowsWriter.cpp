@@ -109,6 +109,14 @@ void writeOne(Json& json, const AgentColumn& column, const QORRowValue& value) {
     if (isNumber && isJsonNumber(value.bytes)) return writeRaw(json, value.bytes, rapidjson::kNumberType);
     if (column.kind == QORColumnKind::Text || column.kind == QORColumnKind::Identifier)
         return writeTextValue(json, value.bytes);
+    if (value.bytes.empty()) {  // how sources tell that there is none
+        json.Null();
+        return;
+    }
+    if (column.kind == QORColumnKind::Integer && (value.bytes == "true" || value.bytes == "false")) {
+        json.Int(value.bytes == "true" ? 1 : 0);
+        return;
+    }
     writeTextValue(json, plainText(column, value));
 }
 

@@ -22,13 +22,6 @@ namespace {
 constexpr std::size_t levelsAboveCondition = 2;
 constexpr std::array<std::string_view, 5> aggregates{"count", "sum", "average", "min", "max"};
 
-/// Characters before a byte of a text.
-std::size_t charactersBefore(std::string_view text, std::size_t offset) {
-    const std::string_view before = text.substr(0, std::min(offset, text.size()));
-    return static_cast<std::size_t>(std::count_if(
-        before.begin(), before.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
-}
-
 std::string nearestOf(std::string_view name, const std::vector<std::string_view>& names) {
     const std::vector<std::string_view> near = nearestNames(name, names);
     return near.empty() ? std::string() : std::string(near.front());
@@ -63,7 +56,7 @@ public:
         requireRoom(m_at.addChild(tag::select));
         requireRoom(m_at.putValue(m_view.name, tag::view));
         addFields();
-        if (m_parameters.flag("distinct")) addFlag(tag::distinct);
+        if (m_parameters.flag("distinct")) addFlag(m_at, tag::distinct);
         if (m_parameters.has("where")) addWhere(m_parameters.text("where"));
         addSort();
         addPage(m_at, m_parameters, m_context.all);
@@ -71,11 +64,6 @@ public:
     }
 
 private:
-    void addFlag(QORTag flag) {
-        requireRoom(m_at.addChild(flag));
-        requireRoom(m_at.seekUp());
-    }
-
     void addFields() {
         if (!m_parameters.has("fields")) {
             for (const AgentViewColumn& column : m_view.columns)
@@ -150,7 +138,7 @@ private:
                        label, "one of the fields", "");
             requireRoom(m_at.addChild(tag::sort));
             requireRoom(m_at.putValue(label, tag::field));
-            if (descending) addFlag(tag::descending);
+            if (descending) addFlag(m_at, tag::descending);
             requireRoom(m_at.seekUp());
         }
     }
@@ -211,6 +199,17 @@ bool isCount(std::string_view text) {
 
 }  // namespace
 
+std::size_t charactersBefore(std::string_view text, std::size_t offset) {
+    const std::string_view before = text.substr(0, std::min(offset, text.size()));
+    return static_cast<std::size_t>(std::count_if(
+        before.begin(), before.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
+}
+
+void addFlag(QORBinaryIterator& at, QORTag flag) {
+    requireRoom(at.addChild(flag));
+    requireRoom(at.seekUp());
+}
+
 void requireRoom(int status) {
     if (status != 0) throwProblem({.detail = "the request is larger than a message may be", .code = "too_large"});
 }
@@ -261,8 +260,7 @@ void addPage(QORBinaryIterator& at, const AgentParameters& parameters, bool all)
         throwProblem({.detail = "offset: the page's token (after) says where the page begins already",
                       .code = "bad_parameter",
                       .parameter = "offset"});
-    requireRoom(at.addChild(tag::ordered));
-    requireRoom(at.seekUp());
+    addFlag(at, tag::ordered);
     const std::uint64_t limit = rowsWanted(parameters, all);
     const std::uint64_t offset = parameters.number("offset").value_or(0);
     if (limit > 0 || offset > 0) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
 #include "agent/api/AgentParameters.h"
 #include "agent/api/AgentRowsWriter.h"
@@ -99,6 +100,12 @@ std::vector<AgentListItem> splitList(const AgentParameters& parameters, std::str
 /// Elements of the page, the same for all operators: limit with size and offset, after, count, ordered.
 /// \throws AgentProblemException for what cannot be meant together
 void addPage(QORBinaryIterator& at, const AgentParameters& parameters, bool all);
+
+/// Adds an element without text or children.
+void addFlag(QORBinaryIterator& at, QORTag flag);
+
+/// Characters before a byte of a text.
+std::size_t charactersBefore(std::string_view text, std::size_t offset);
 
 /// \param status what a cursor answered \throws AgentProblemException when there was no room
 void requireRoom(int status);

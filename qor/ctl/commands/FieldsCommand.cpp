@@ -1,7 +1,10 @@
 #include <algorithm>
 #include <array>
+#include <string>
+#include <string_view>
+#include <vector>
 
-#include "QORPager/QORSources.h"
+#include "QORPager/QORFieldList.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "filter/FilterNames.h"
@@ -17,18 +20,15 @@ public:
         m_rows.begin(names);
     }
 
-    void print(std::string_view name, TCursorType source, std::string_view type, bool list) {
+    void print(const QOROpField& field) {
+        const std::string name = field.prefix ? field.name + "*" : field.name;
         const bool wanted =
             m_prefixes.empty() || std::any_of(m_prefixes.begin(), m_prefixes.end(),
-                                              [name](const std::string& prefix) { return name.starts_with(prefix); });
+                                              [&](const std::string& prefix) { return name.starts_with(prefix); });
         if (!wanted) return;
-        const std::array<Cell, 4> cells{text(name), text(sourceOf(source).title), text(type),
-                                        text(list ? "list" : "one")};
+        const std::array<Cell, 4> cells{text(name), text(field.title), text(field.type),
+                                        text(field.list ? "list" : "one")};
         m_rows.row(cells);
-    }
-    /// Every name that begins so.
-    void printPrefix(std::string_view prefix, TCursorType source) {
-        print(std::string(prefix) + "*", source, typeToString(TValueType::String), false);
     }
     void end() { m_rows.end(std::nullopt); }
 
@@ -49,12 +49,8 @@ void runFields(const ConnectionOptions& connection, const FieldsOptions& options
     Output& out = *output;
     const auto rows = makePrinter(options.print, false, out);
     FieldPrinter printer(*rows, options.prefixes);
-    for (const QORField& field : names.fields())
-        printer.print(field.name, field.cursorType, typeToString(field.valueType), field.isMulty());
-    for (const QORSource& source : pagerSources()) {
-        for (const auto& [prefix, description] : names.fields().prefixes())
-            if (description.cursorType == source.cursorType) printer.printPrefix(prefix, source.cursorType);
-    }
+    for (const QOROpField& field : listFields(names.fields()))
+        printer.print(field);
     printer.end();
     out.flush();
 }

@@ -30,6 +30,16 @@ struct QOROpPriming {
     Result (*judge)(const std::string& error);
 };
 
+/// A field that requests to an operator may name, for whoever lists fields or explains them.
+struct QOROpField {
+    std::string name;
+    std::string_view source;  ///< what its rows are: "operations"; of static storage, as all views here
+    std::string_view title;   ///< where they come from, for people: "operation log"
+    std::string_view type;    ///< "string", "int", "boolean", "time", "date" or "ipaddress"
+    bool list = false;        ///< a row may have several values
+    bool prefix = false;      ///< every name that begins so is such a field
+};
+
 /// Makes the operators of one name. Making the object makes it known to the registry, destroying it forgets it; both
 /// happen while a plug-in is loaded or unloaded. Thread-safe.
 class QOR_API QOROpFactory : public virtual QORReferenceCounter {
@@ -52,18 +62,25 @@ public:
     const QOROpPriming* priming() const noexcept { return m_priming; }
     /// What the operator reads from the configuration vocabulary. Lives as long as the plug-in.
     std::span<const QORVocCategoryRule> vocabulary() const noexcept { return m_vocabulary; }
+    /// The fields that its requests may name with the vocabulary as it is now, by name, then the prefixes; none for an
+    /// operator that has no fields of its own. Only while the plug-in is loaded.
+    std::vector<QOROpField> fields() const { return m_fields == nullptr ? std::vector<QOROpField>() : m_fields(); }
 
 protected:
+    using FieldLister = std::vector<QOROpField> (*)();
+
     /// \param name by which requests address the operator
     QOROpFactory(const char* name, int value);
     void setPriming(const QOROpPriming* priming) noexcept { m_priming = priming; }
     void setVocabulary(std::span<const QORVocCategoryRule> rules) noexcept { m_vocabulary = rules; }
+    void setFields(FieldLister lister) noexcept { m_fields = lister; }
 
 private:
     const std::string m_name;
     const int m_value;
     const QOROpPriming* m_priming = nullptr;
     std::span<const QORVocCategoryRule> m_vocabulary;
+    FieldLister m_fields = nullptr;
 };
 
 /// All factories of the process, in the order in which they were made. Thread-safe.
@@ -86,7 +103,8 @@ private:
 };
 
 /// The factory of an operator class. `Pooled` selects accessors from a pool with the three limits. A class that has a
-/// static member `priming` is registered with it, and so is one with a static function `vocabulary()`.
+/// static member `priming` is registered with it, and so is one with static functions `vocabulary()` and
+/// `listFields()`.
 template <class Operator, class Number, Number Idle, Number Most, Number Step, bool Pooled>
 class QOROperatorFactory : public QOROpFactory {
     static_assert(Pooled, "operators are reached through pooled accessors");
@@ -96,6 +114,7 @@ public:
     QOROperatorFactory(const char* name, int ns, int value) : QOROpFactory(name, value), m_ns(ns) {
         if constexpr (requires { Operator::priming; }) setPriming(&Operator::priming);
         if constexpr (requires { Operator::vocabulary(); }) setVocabulary(Operator::vocabulary());
+        if constexpr (requires { Operator::listFields(); }) setFields(&Operator::listFields);
     }
 
     QORPtr<QOROperatorPrototype> newOperator() override {

@@ -18,6 +18,7 @@
 #include "QORPager/Operators/Pager/QORPagerRequest.h"
 #include "QORPager/QORCaches.h"
 #include "QORPager/QORExpressionEvaluation.h"
+#include "QORPager/QORFieldList.h"
 #include "QORPager/QORFieldSet.h"
 #include "QORPager/QORPagerVocabulary.h"
 
@@ -47,6 +48,8 @@ public:
 
     /// What it reads from the vocabulary; comes with its registration.
     static std::span<const QORVocCategoryRule> vocabulary() noexcept { return pagerVocabulary(); }
+    /// What its requests may name; comes with it too.
+    static std::vector<QOROpField> listFields() { return listConfiguredFields(); }
 
     const QORFieldSet& fields() const noexcept { return m_fieldSet; }
     const CacheInfoMap& caches() const noexcept { return m_caches; }
