@@ -102,7 +102,9 @@ std::string statusText() {
 }  // namespace
 
 HttpReply answerVocabulary(AgentCall&) {
-    return {200, vocabularyText()};
+    HttpReply reply{200, vocabularyText()};
+    reply.revalidated = true;
+    return reply;
 }
 
 HttpReply answerStatus(AgentCall&) {

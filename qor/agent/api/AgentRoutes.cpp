@@ -12,6 +12,7 @@
 #include "agent/api/AgentIdentities.h"
 #include "agent/api/AgentMaintenance.h"
 #include "agent/api/AgentMessages.h"
+#include "agent/api/AgentOpenApi.h"
 #include "agent/api/AgentProblem.h"
 #include "agent/api/AgentQuery.h"
 #include "agent/api/AgentRecords.h"
@@ -79,6 +80,11 @@ constexpr std::array routes{
                .method = "GET",
                .summary = "All views with their columns",
                .answer = answerViews,
+               .types = json},
+    AgentRoute{.path = "/v1/views/{view}",
+               .method = "GET",
+               .summary = "A view: its columns, what they mean, and what it is sorted and filtered by without effort",
+               .answer = answerView,
                .types = json},
     AgentRoute{.path = "/v1/views/{view}/rows",
                .method = "GET",
@@ -160,6 +166,11 @@ constexpr std::array routes{
                .answer = answerRevokeTokens,
                .types = json,
                .body = jsonBody},
+    AgentRoute{.path = "/v1/openapi.json",
+               .method = "GET",
+               .summary = "This description",
+               .answer = answerOpenApi,
+               .types = json},
     AgentRoute{.path = "/v1/health",
                .method = "GET",
                .summary = "What the agent is made of and how it does",

@@ -181,6 +181,7 @@ private:
             throwProblem({.detail = "where: " + error.message(), .code = "bad_condition", .parameter = "where"});
         }
         requireRoom(m_at.seekUp());
+        if (!m_parameters.has("after")) requireRoom(m_at.putValue(std::to_string(options.now), tag::now));
     }
 
     const AgentViews::List& m_views;

@@ -6,7 +6,9 @@
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORNearestName.h"
 #include "QORCommon/QORText.h"
+#include "QORDBSchema/QORViewDescriptions.h"
 #include "QORDBSchema/SchemaTable.h"
+#include "agent/api/AgentApplication.h"
 #include "agent/api/AgentJson.h"
 #include "agent/api/AgentProblem.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -39,6 +41,43 @@ void writeColumn(JsonWriter& json, const QORViewColumn& column) {
     writeKey(json, "length");
     json.Int(column.length);
     json.EndObject();
+}
+
+bool isSecurable(const AgentView& view) {
+    const auto has = [&](std::string_view begin) {
+        return std::any_of(view.names.begin(), view.names.end(),
+                           [&](const std::string& name) { return name.starts_with(begin); });
+    };
+    return has("securityOperation_") && has("securableObjId");
+}
+
+void writeDescription(JsonWriter& json, const AgentView& view, const AgentViewColumn& column, bool indexed) {
+    json.StartObject();
+    writeMember(json, "name", column.name);
+    writeMember(json, "type", wordOf(column.kind));
+    writeMember(json, "declared", column.type);
+    writeKey(json, "length");
+    json.Int(column.length);
+    writeMember(json, "meaning", viewColumnMeaning(view.name, column.name));
+    writeKey(json, "indexed");
+    json.Bool(indexed);
+    json.EndObject();
+}
+
+void writeIndexes(JsonWriter& json, const std::vector<QORViewIndex>& indexes) {
+    writeKey(json, "indexes");
+    json.StartArray();
+    for (const QORViewIndex& index : indexes) {
+        json.StartObject();
+        writeMember(json, "name", index.name);
+        writeKey(json, "columns");
+        json.StartArray();
+        for (const std::string& column : index.columns)
+            writeText(json, column);
+        json.EndArray();
+        json.EndObject();
+    }
+    json.EndArray();
 }
 
 [[noreturn]] void refuseView(const AgentViews::List& list, std::string_view view) {
@@ -98,6 +137,34 @@ HttpReply answerViews(AgentCall&) {
             json.EndObject();
         }
         json.EndArray();
+    });
+    return reply;
+}
+
+HttpReply answerView(AgentCall& call) {
+    const auto views = call.application.views().listWith(call.names.front());
+    const AgentView& view = views->find(call.names.front())->second;
+    const std::vector<QORViewIndex> indexes = [&] {
+        QORRdbmsTran transaction(ASAccess::Read);
+        return viewIndexes(*transaction, view.name);
+    }();
+    HttpReply reply;
+    reply.revalidated = true;
+    reply.body = writtenObject([&](JsonWriter& json) {
+        writeMember(json, "name", view.name);
+        writeMember(json, "meaning", viewMeaning(view.name));
+        writeKey(json, "securable");
+        json.Bool(isSecurable(view));
+        writeKey(json, "columns");
+        json.StartArray();
+        for (const AgentViewColumn& column : view.columns) {
+            const bool indexed = std::any_of(indexes.begin(), indexes.end(), [&](const QORViewIndex& index) {
+                return index.columns.front() == column.name;
+            });
+            writeDescription(json, view, column, indexed);
+        }
+        json.EndArray();
+        writeIndexes(json, indexes);
     });
     return reply;
 }

@@ -53,4 +53,9 @@ private:
 /// `{"views":[{"name":"...","columns":[{"name":"...","type":"...","length":0},...]},...]}`, as the database is now.
 HttpReply answerViews(AgentCall& call);
 
+/// `{"name":"vOpLog","meaning":"...","securable":true,"columns":[{"name":"op","type":"text","declared":"nvarchar",
+/// "length":128,"meaning":"...","indexed":false},...],"indexes":[{"name":"...","columns":["time"]},...]}`. A column is
+/// indexed when an index begins with it: conditions on it and sorting by it need not read all rows.
+HttpReply answerView(AgentCall& call);
+
 }  // namespace QOR

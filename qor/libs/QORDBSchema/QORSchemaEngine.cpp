@@ -156,6 +156,10 @@ constexpr QORSchemaEngine sqlite{
     .isFilling = "SELECT 1 FROM pragma_table_info('qor_copy') LIMIT 1",
     .hasAnything = "SELECT 1 FROM sqlite_master WHERE substr(name, 1, 7) <> 'sqlite_' LIMIT 1",
     .tableColumns = sqliteTableColumns,
+    .indexes =
+        "SELECT t.name, i.name, c.name FROM sqlite_schema t JOIN pragma_index_list(t.name) i "
+        "JOIN pragma_index_info(i.name) c WHERE t.type = 'table' AND substr(t.name, 1, 4) = 'qor_' "
+        "AND i.partial = 0 ORDER BY t.name, i.name, c.seqno",
     .references =
         "SELECT DISTINCT m.name, f.\"table\" FROM sqlite_master m JOIN pragma_foreign_key_list(m.name) f "
         "WHERE m.type = 'table'",
@@ -197,6 +201,13 @@ constexpr QORSchemaEngine postgres{
         "LEFT JOIN pg_index i ON i.indrelid = c.oid AND i.indisprimary WHERE c.relkind = 'r' "
         "AND c.relnamespace = CAST(current_schema() AS regnamespace) AND c.relname LIKE 'qor\\_%' "
         "ORDER BY CAST(c.relname AS text) COLLATE \"C\", a.attnum",
+    .indexes =
+        "SELECT t.relname::text, i.relname::text, a.attname::text FROM pg_index x "
+        "JOIN pg_class t ON t.oid = x.indrelid JOIN pg_class i ON i.oid = x.indexrelid "
+        "CROSS JOIN LATERAL unnest(x.indkey::int2[]) WITH ORDINALITY k (n, place) "
+        "JOIN pg_attribute a ON a.attrelid = t.oid AND a.attnum = k.n "
+        "WHERE t.relnamespace = current_schema()::regnamespace AND left(t.relname, 4) = 'qor_' "
+        "AND x.indpred IS NULL ORDER BY 1, 2, k.place",
     .references =
         "SELECT DISTINCT CAST(c.relname AS text), CAST(r.relname AS text) FROM pg_constraint f "
         "JOIN pg_class c ON c.oid = f.conrelid JOIN pg_class r ON r.oid = f.confrelid WHERE f.contype = 'f' "
