@@ -39,22 +39,22 @@ const QOROpField& need(AgentFields& fields, std::string_view parameter, std::str
                   .suggestion = near.empty() ? std::string() : std::string(near.front())});
 }
 
-/// Also that all are of one source: the fields of a row's document stand beside those of others.
+/// Fields of several sources in one question the operator refuses; some stand beside those of others.
 void addFields(AgentFields& fields, const AgentParameters& parameters, QORBinaryIterator& at, AgentSelect& select) {
+    const std::string_view source = parameters.text("source");
+    bool any = source.empty();
     for (const AgentListItem& item : splitList(parameters, "fields")) {
         const QOROpField& field = need(fields, "fields", item.text, parameters);
-        const std::string_view source = parameters.text("source");
-        if (!source.empty() && source != field.source)
-            throwProblem({.detail = "fields: " + quoteText(item.text) + " is a field of " + std::string(field.source) +
-                                    ", not of " + std::string(source),
-                          .code = "bad_parameter",
-                          .parameter = "fields",
-                          .found = std::string(field.source),
-                          .expected = std::string(source)});
+        any = any || source == field.source;
         requireRoom(at.putValue(item.text, tag::field));
         select.columns.push_back({std::string(item.text), kindOf(field.type), field.list});
         select.names.emplace_back(item.text);
     }
+    if (any) return;
+    throwProblem({.detail = "fields: none of them is a field of " + quoteText(source),
+                  .code = "bad_parameter",
+                  .parameter = "fields",
+                  .expected = "fields of the source, see /v1/fields"});
 }
 
 void addSort(AgentFields& fields, const AgentParameters& parameters, QORBinaryIterator& at) {

@@ -1,0 +1,129 @@
+// The description of the agent's routes, and whether they are as it says.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/AgentProcess.h"
+#include "support/ChildProcess.h"
+#include "support/HttpClient.h"
+#include "support/Json.h"
+
+namespace QOR {
+namespace {
+
+using test::HttpAnswer;
+using test::HttpClient;
+using test::jsonAt;
+
+class AgentOpenApi : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        agent = new test::AgentProcess;
+        text = new std::string(HttpClient(agent->socketPath()).get("/v1/openapi.json").body);
+    }
+    static void TearDownTestSuite() {
+        delete agent;
+        delete text;
+    }
+
+    /// A path with something in the places of its names.
+    static std::string targetOf(std::string path) {
+        const std::size_t open = path.find('{');
+        if (open != std::string::npos) path.replace(open, path.find('}') - open + 1, "vOpLog");
+        return path;
+    }
+    static std::string upper(std::string text) {
+        for (char& c : text)
+            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        return text;
+    }
+
+    static inline test::AgentProcess* agent = nullptr;
+    static inline std::string* text = nullptr;
+};
+
+TEST_F(AgentOpenApi, IsOneThatAValidatorAccepts) {
+    const std::filesystem::path file = agent->directory() / "openapi.json";
+    std::ofstream(file) << *text;
+    const char* const chosen = std::getenv("QOR_TEST_PYTHON");
+    const std::string python = chosen == nullptr ? "python3" : chosen;
+    test::ChildProcess look({"/usr/bin/env", python, "-c", "import openapi_spec_validator"});
+    if (look.wait() != 0) GTEST_SKIP() << "openapi-spec-validator is not installed; ./test installs it";
+    test::ChildProcess validator({"/usr/bin/env", python, "-m", "openapi_spec_validator", file.string()});
+    const int status = validator.wait();
+    EXPECT_EQ(status, 0) << validator.output();
+}
+
+TEST_F(AgentOpenApi, EveryPathIsThereAndHasTheMethodsThatItSays) {
+    const rapidjson::Document document = test::readJson(*text);
+    HttpClient client(agent->socketPath());
+    for (const auto& path : document["paths"].GetObject()) {
+        std::set<std::string> methods;
+        for (const auto& operation : path.value.GetObject())
+            methods.insert(upper(operation.name.GetString()));
+        const HttpAnswer answer = client.request("TRACE", targetOf(path.name.GetString()));
+        EXPECT_EQ(answer.status, 405) << path.name.GetString();
+        for (const std::string& method : methods)
+            EXPECT_THAT(answer.headers.at("allow"), testing::HasSubstr(method)) << path.name.GetString();
+    }
+}
+
+TEST_F(AgentOpenApi, EveryParameterIsTakenAndNoOther) {
+    const rapidjson::Document document = test::readJson(*text);
+    for (const auto& path : document["paths"].GetObject()) {
+        for (const auto& operation : path.value.GetObject()) {
+            const std::string method = upper(operation.name.GetString());
+            const std::string target = targetOf(path.name.GetString());
+            const auto refused = [&](const std::string& query) {
+                const HttpAnswer answer = HttpClient(agent->socketPath()).request(method, target + query);
+                return answer.status == 400 && answer.body.find("unknown parameter") != std::string::npos;
+            };
+            EXPECT_TRUE(refused("?no-such-parameter=1")) << method << target;
+            for (const auto& parameter : operation.value["parameters"].GetArray()) {
+                if (parameter["in"] != "query") continue;
+                const std::string name = parameter["name"].GetString();
+                EXPECT_FALSE(refused("?" + name + "=%20")) << method << target << name;
+            }
+        }
+    }
+}
+
+TEST_F(AgentOpenApi, WhatRoutesAnswerIsWhatItSays) {
+    const rapidjson::Document document = test::readJson(*text);
+    const std::set<std::string> changing{"/v1/collect", "/v1/check", "/v1/prune"};
+    for (const auto& path : document["paths"].GetObject()) {
+        if (changing.count(path.name.GetString()) != 0) continue;
+        for (const auto& operation : path.value.GetObject()) {
+            const std::string method = upper(operation.name.GetString());
+            const std::string target = targetOf(path.name.GetString());
+            for (const char* query : {"", "?no-such-parameter=1"}) {
+                const HttpAnswer answer = HttpClient(agent->socketPath()).request(method, target + query);
+                const std::string status = std::to_string(answer.status);
+                const auto& responses = operation.value["responses"];
+                ASSERT_TRUE(responses.HasMember(status.c_str())) << method << target << query << ' ' << answer.body;
+                const std::string type = answer.headers.at("content-type");
+                if (target == "/v1/messages" && answer.status == 400) continue;  // in notation, whatever is wrong
+                EXPECT_TRUE(responses[status.c_str()]["content"].HasMember(type.c_str())) << method << target << type;
+            }
+        }
+    }
+}
+
+TEST_F(AgentOpenApi, EveryFormOfRowsIsDescribed) {
+    const rapidjson::Document document = test::readJson(*text);
+    const auto& content = document["paths"]["/v1/views/{view}/rows"]["get"]["responses"]["200"]["content"];
+    for (const char* format : {"json", "ndjson", "csv", "xml", "notation"}) {
+        const HttpAnswer answer =
+            HttpClient(agent->socketPath()).get(std::string("/v1/views/vOpLog/rows?limit=1&format=") + format);
+        EXPECT_EQ(answer.status, 200) << answer.body;
+        EXPECT_TRUE(content.HasMember(answer.headers.at("content-type").c_str())) << format;
+    }
+}
+
+}  // namespace
+}  // namespace QOR
