@@ -12,7 +12,17 @@ packages=(
 )
 
 # What the tests run beside the program.
-test_packages=(postgresql-15 odbc-postgresql openssl)
+test_packages=(postgresql-15 odbc-postgresql openssl nodejs python3-venv)
+
+# What validates the agent's description of its routes; Debian has no package of it.
+install_validator() {
+    export QOR_TEST_PYTHON=python3
+    "$QOR_TEST_PYTHON" -c 'import openapi_spec_validator' 2>/dev/null && return 0
+    QOR_TEST_PYTHON=$PWD/build/tools/python/bin/python3
+    [ -x "$QOR_TEST_PYTHON" ] && "$QOR_TEST_PYTHON" -c 'import openapi_spec_validator' 2>/dev/null && return 0
+    say "installing openapi-spec-validator"
+    python3 -m venv build/tools/python && build/tools/python/bin/pip install -q openapi-spec-validator
+}
 
 say() {
     if [ -t 2 ]; then printf '\033[1m==> %s\033[0m\n' "$*" >&2; else printf '==> %s\n' "$*" >&2; fi

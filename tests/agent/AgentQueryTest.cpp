@@ -22,7 +22,7 @@ constexpr const char* eid = "0b9f6a52-33a0-4c55-9d0c-0d4a3c1f2e10";
 
 std::string records() {
     const std::string begin =
-        R"(,"eids":[")" + std::string(eid) + R"("],"message":{"package":{"name":"curl"}}})" + "\n";
+        R"(,"eids":[")" + std::string(eid) + R"(",")" + other + R"("],"message":{"package":{"name":"curl"}}})" + "\n";
     return R"({"kind":"environment","eid":")" + std::string(eid) +
            R"(","title":"web","state":6,"transition":0,"config":{"name":"web1"}})" + "\n" +
            R"({"kind":"operation","id":"1","op":"install","status":0,"time":1714557600)" + begin +

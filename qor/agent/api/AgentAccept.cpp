@@ -8,14 +8,6 @@
 namespace QOR {
 namespace {
 
-std::string_view trimmed(std::string_view text) noexcept {
-    while (!text.empty() && isSpaceChar(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && isSpaceChar(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
-
 /// The part before the separator, which is taken off.
 std::string_view takePart(std::string_view& text, char separator) noexcept {
     const std::string_view part = text.substr(0, text.find(separator));
@@ -60,6 +52,14 @@ private:
 };
 
 }  // namespace
+
+std::string_view trimmed(std::string_view text) noexcept {
+    while (!text.empty() && isSpaceChar(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && isSpaceChar(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
 
 std::optional<std::size_t> acceptedType(const HttpRequest& request, std::span<const std::string_view> offered) {
     const auto isAccept = [](const HttpField& field) { return isSameWord(field.name, "Accept"); };

@@ -18,4 +18,7 @@ std::optional<std::size_t> acceptedType(const HttpRequest& request, std::span<co
 /// The type that a field names, without its parameters: "application/json".
 std::string_view mediaTypeOf(std::string_view value) noexcept;
 
+/// Without the blanks around it.
+std::string_view trimmed(std::string_view text) noexcept;
+
 }  // namespace QOR

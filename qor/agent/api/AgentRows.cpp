@@ -166,7 +166,7 @@ AgentRowsForm rowsFormOf(const HttpRequest& request, const AgentParameters& para
     } else {
         throwProblem({.status = 406, .detail = "rows are answered as JSON, NDJSON, CSV, XML or notation"});
     }
-    form.stream = form.format == AgentFormat::Ndjson && !parameters.has("limit");
+    form.stream = form.format == AgentFormat::Ndjson && !parameters.has("limit") && !parameters.has("after");
     return form;
 }
 
@@ -240,9 +240,11 @@ HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QO
             default:
                 break;
         }
-        if (problem.status == 400 && problem.code.empty() && parameters.has("where")) {
-            problem.code = "bad_condition";
-            problem.parameter = "where";
+        // All else has been checked before: what an operator refuses then is what it alone can judge.
+        if (problem.status == 400 && problem.code.empty()) {
+            const bool page = parameters.has("after");
+            if (page || parameters.has("where")) problem.code = page ? "bad_token" : "bad_condition";
+            if (page || parameters.has("where")) problem.parameter = page ? "after" : "where";
         }
         throwProblem(std::move(problem));
     }

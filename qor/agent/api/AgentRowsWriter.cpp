@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "QORCommon/QORAscii.h"
+#include "QORCommon/QORJsonNumber.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORXmlText.h"
 #include "QORMessage/QORTags.h"
@@ -35,33 +36,6 @@ void writeName(Json& json, std::string_view name) {
 }
 void writeRaw(Json& json, std::string_view value, rapidjson::Type type) {
     json.RawValue(value.data(), value.size(), type);
-}
-
-std::size_t skipDigits(std::string_view text, std::size_t at) noexcept {
-    while (at < text.size() && isDigitChar(text[at]))
-        ++at;
-    return at;
-}
-
-/// Whether the text is a number as JSON spells them.
-bool isJsonNumber(std::string_view text) noexcept {
-    std::size_t at = text.starts_with('-') ? 1 : 0;
-    const std::size_t whole = skipDigits(text, at);
-    if (whole == at || (text[at] == '0' && whole > at + 1)) return false;
-    at = whole;
-    if (at < text.size() && text[at] == '.') {
-        const std::size_t end = skipDigits(text, at + 1);
-        if (end == at + 1) return false;
-        at = end;
-    }
-    if (at < text.size() && (text[at] == 'e' || text[at] == 'E')) {
-        ++at;
-        if (at < text.size() && (text[at] == '+' || text[at] == '-')) ++at;
-        const std::size_t end = skipDigits(text, at);
-        if (end == at) return false;
-        at = end;
-    }
-    return at == text.size();
 }
 
 /// What no number of JSON says, spelled as other programs do.

@@ -13,6 +13,7 @@
 #include "QORQuery/QORCondition.h"
 #include "QORQuery/QORQueryError.h"
 #include "QORQuery/QORQueryField.h"
+#include "agent/api/AgentAccept.h"
 #include "agent/api/AgentProblem.h"
 
 namespace QOR {
@@ -25,14 +26,6 @@ constexpr std::array<std::string_view, 5> aggregates{"count", "sum", "average", 
 std::string nearestOf(std::string_view name, const std::vector<std::string_view>& names) {
     const std::vector<std::string_view> near = nearestNames(name, names);
     return near.empty() ? std::string() : std::string(near.front());
-}
-
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && isSpaceChar(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && isSpaceChar(text.back()))
-        text.remove_suffix(1);
-    return text;
 }
 
 /// What an aggregate is called in answers.
