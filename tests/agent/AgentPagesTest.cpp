@@ -74,12 +74,6 @@ TEST_F(AgentPages, TheirTokensLeadThroughAllRowsOnce) {
     EXPECT_EQ(seen.size(), static_cast<std::size_t>(operations));
 }
 
-TEST_F(AgentPages, TellWhetherRowsHaveChangedSinceTheFirst) {
-    const std::string token = tokenOf(get("fields=id&limit=3"));
-    EXPECT_EQ(jsonAt(get("fields=id&limit=3").body, "page/changed"), "");
-    EXPECT_EQ(jsonAt(get("fields=id&limit=3&after=" + token).body, "page/changed"), "false");
-}
-
 TEST_F(AgentPages, ATokenIsOfItsQuestionAndOfThisDatabase) {
     const std::string token = tokenOf(get("fields=id&sort=id&limit=3"));
     EXPECT_EQ(get("fields=id&sort=id&limit=5&format=csv&after=" + token).status, 200) << "these may differ";
