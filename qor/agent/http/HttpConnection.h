@@ -269,9 +269,8 @@ private:
     /// As far as the client takes it at once, and past TLS.
     void sendPlain(const std::string& status, const HttpReply& reply) {
         const std::string answer = "HTTP/1.1 " + status +
-                                   "\r\nServer: qor-agent\r\nConnection: close\r\nContent-Type: " +
-                                   reply.contentType + "\r\nContent-Length: " + std::to_string(reply.body.size()) +
-                                   "\r\n\r\n" + reply.body;
+                                   "\r\nServer: qor-agent\r\nConnection: close\r\nContent-Type: " + reply.contentType +
+                                   "\r\nContent-Length: " + std::to_string(reply.body.size()) + "\r\n\r\n" + reply.body;
         [[maybe_unused]] const ssize_t sent =
             ::send(m_stream.socket().native_handle(), answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
@@ -596,9 +595,7 @@ private:
     }
 
     /// Answers without asking the application, and ends the connection: its next byte may be anything.
-    void refuse(unsigned status, const std::string& message) {
-        end(m_owner.application().errorReply(status, message));
-    }
+    void refuse(unsigned status, const std::string& message) { end(m_owner.application().errorReply(status, message)); }
 
     /// The same when it may be tried again.
     void turnDown(const char* message) { end(again(m_owner.application().errorReply(503, message))); }

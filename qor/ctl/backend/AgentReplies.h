@@ -14,8 +14,8 @@
 
 namespace QOR {
 
-/// What stands in place of a problem document (RFC 9457) for those who read answers: an answer in message notation whose
-/// error is the problem.
+/// What stands in place of a problem document (RFC 9457) for those who read answers: an answer in message notation
+/// whose error is the problem.
 std::string notationOfProblem(std::string_view json);
 
 /// Each throws CtlError AnsweredError: with the answer's own error when it holds one in place of what was asked for,

@@ -40,7 +40,7 @@ struct QORSchemaEngine {
     const char* tableColumns;  ///< a select behind readTables(): table, column, type, place in the key from 1, or 0
     /// A select of the host's tables, their indexes over all rows, and the columns of these in their order.
     const char* indexes;
-    const char* references;    ///< a select of tables and those that they refer to
+    const char* references;  ///< a select of tables and those that they refer to
     /// Tells the sequence of changed records, which tells of none, of all that there are.
     const QORSchemaStep* sequenceFilling;
     const char* afterFilling;  ///< a select of statements to run when tables have been filled; "" where there are none
