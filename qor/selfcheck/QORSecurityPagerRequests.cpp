@@ -90,11 +90,21 @@ std::string QORPagerRequests::field(Source source) {
 
 std::string QORPagerRequests::rest(Source source) {
     std::string written;
+    const bool exact = chance(40);
+    if (exact) {
+        note("pager: exact");
+        written += ",[\"exact\"]";
+    }
     if (chance(50)) written += "," + limit();
-    if (chance(15)) {
+    for (unsigned left = exact ? 3 : 1; left > 0 && chance(exact ? 50 : 15); --left) {
         note("pager: sort");
         const std::string key = chance(3) ? std::string() : noteLeaf("field", field(source));
         written += "," + noteElement("sort", key + (chance(50) && !key.empty() ? ",[\"descending\"]" : ""));
+    }
+    if (chance(exact ? 40 : 1)) {
+        note("pager: count");
+        static constexpr const char* ways[] = {"none", "capped", "exact", "60000ms", "some"};
+        written += "," + noteLeaf("count", pick(ways));
     }
     if (chance(92)) {
         note("pager: filter");

@@ -232,10 +232,11 @@ TEST_F(OwnDatabaseCheck, BothOperatorsTellNothingOfHiddenRows) {
     EXPECT_EQ(report.restrictedViews, (std::vector<std::string>{"vBackupInfo", "vEnvironment", "vEventLog", "vOpLog"}));
     EXPECT_EQ(report.operators.at("pager"), options.requests / 2);
     EXPECT_EQ(report.operators.at("pager2"), options.requests / 2);
-    for (const char* const shape : {"pager: operation log", "pager: event log", "pager: backups", "pager: filter",
-                                    "pager: page", "pager: statistics", "pager: sort", "pager: category",
-                                    "pager: environment", "pager: time", "pager: environments in the filter",
-                                    "pager: like", "pager: division", "pager: comparison", "pager: trouble"}) {
+    for (const char* const shape :
+         {"pager: operation log", "pager: event log", "pager: backups", "pager: filter", "pager: page",
+          "pager: statistics", "pager: sort", "pager: category", "pager: environment", "pager: time",
+          "pager: environments in the filter", "pager: like", "pager: division", "pager: comparison", "pager: trouble",
+          "pager: exact", "pager: count"}) {
         EXPECT_GT(report.shapes.count(shape) > 0 ? report.shapes.at(shape) : 0, options.requests / 200) << shape;
     }
     // Both what every client is told and what depends on the rows that one may see.
