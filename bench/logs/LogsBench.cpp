@@ -1,10 +1,12 @@
 // The log of operations: how long a page of 20 with its total takes from logs of different sizes, beside plain SQL on
-// the same tables (`count(*)`, and `order by ... limit ... offset ...`).
+// the same tables (`count(*)`, and `order by ... limit ... offset ...`); and the last page behind a record, as page
+// tokens ask for it, beside the first one.
 //
 //     bench_logs [--smallest] [--check] [FOLDER [OPERATIONS...]]
 //
 // The default is a folder that is removed afterwards, and logs of 10000 and 1000000; a log that is in a named folder
 // already is used. Ten million take 5 GB and some minutes to make.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -13,6 +15,7 @@
 
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORDBSchema.h"
+#include "QORLibAgent/QORLogs.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/LogPages.h"
@@ -108,6 +111,43 @@ void measurePage(Figures& figures, const std::string& name, const Question& ques
     figures.print(name + ", beside plain SQL", "", turns.ratio, "ratio", Goal::atMost(2));
 }
 
+/// The page of 20 behind a record, as a page token asks for it.
+std::vector<std::string> askBehind(const Question& question, const QORLogMark* mark) {
+    QORLogWalk<QORRequestProgressData> walk({.envs = question.envs, .from = question.from, .to = question.to});
+    std::vector<std::string> ids;
+    for (auto& found : walk.read(mark, 20))
+        ids.push_back(std::move(found.record.id));
+    return ids;
+}
+
+/// Where the record stands that so many are newer than.
+QORLogMark markAt(const Question& question, std::size_t position) {
+    QORLogWalk<QORRequestProgressData> walk({.envs = question.envs, .from = question.from, .to = question.to});
+    QORLogMark mark;
+    for (std::size_t left = position + 1; left > 0;) {
+        const auto found = walk.read(left == position + 1 ? nullptr : &mark, std::min<std::size_t>(left, 5000));
+        check(!found.empty(), "the log is shorter than it was");
+        mark = found.back().mark;
+        left -= found.size();
+    }
+    return mark;
+}
+
+/// A page from a token costs the same at any depth.
+void measureDepth(Figures& figures, const std::string& name, const Question& question, std::size_t total) {
+    if (total < 100) return;
+    const std::size_t deep = total - 21;
+    const QORLogMark mark = markAt(question, deep - 1);
+    std::size_t sqlTotal = 0;
+    check(askBehind(question, &mark) == askSql(question, deep, sqlTotal), "the pages differ");
+    const auto first = [&] { return processorSecondsEach(5, [&] { askBehind(question, nullptr); }); };
+    const auto last = [&] { return processorSecondsEach(5, [&] { askBehind(question, &mark); }); };
+    const Turns turns = takeTurns(figures.smallest() ? 1 : 51, first, last);
+    figures.print(name + ", behind a record", "behind " + std::to_string(deep), turns.ours * 1e6, " us",
+                  Goal::atMost(5000));
+    figures.print(name + ", beside the first page", "", turns.ratio, "ratio", Goal::atMost(1.5));
+}
+
 void benchPages(Figures& figures, const std::filesystem::path& file, std::uint64_t size) {
     fill(file, size);
     constexpr int quarter = static_cast<int>(year / 4);
@@ -123,6 +163,7 @@ void benchPages(Figures& figures, const std::filesystem::path& file, std::uint64
           Question{"of 20, one touched", 20, eidOf(7), 0, forever}}) {
         const QORClientContextScope scope(question.owners == 0 ? fullAccess() : accessTo(question.owners));
         const std::size_t total = askTotal(question);
+        measureDepth(figures, std::to_string(size) + " " + question.name, question, total);
         const std::size_t thousandth = std::min<std::size_t>(20'000, total / 2);
         for (const std::size_t offset : {std::size_t{0}, thousandth, total / 2, total > 20 ? total - 20 : 0})
             measurePage(figures, std::to_string(size) + " " + question.name, question, total, offset);
