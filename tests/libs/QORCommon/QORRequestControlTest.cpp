@@ -104,6 +104,36 @@ TEST(QORRequestControl, ALiftedLimitIsGoneForGoodButNotWhatWasAskedFor) {
     EXPECT_EQ(control.ended(), QORRequestControl::End::Gone);
 }
 
+TEST(QORRequestControl, WithGraceItIsDueAtItsDeadlineAndEndsLater) {
+    QORRequestControl control(milliseconds(10));
+    control.grantGrace(hours(1));
+    EXPECT_FALSE(control.isDue());
+    while (!control.isDue())
+        std::this_thread::sleep_for(milliseconds(1));
+    EXPECT_EQ(control.ended(), End::None);
+    EXPECT_TRUE(control.mayGoOn());
+    EXPECT_EQ(control.dueText(), "the request's deadline of 10 ms has passed");
+    EXPECT_GT(control.deadline(), QORRequestControl::Clock::now() + std::chrono::minutes(50));
+    control.cancel(End::Gone);
+    EXPECT_EQ(control.ended(), End::Gone) << "grace is for deadlines alone";
+}
+
+TEST(QORRequestControl, GraceEndsToo) {
+    QORRequestControl control;
+    control.limitTo(milliseconds(1));
+    control.grantGrace(milliseconds(10));
+    waitForEnd(control);
+    EXPECT_EQ(control.ended(), End::Deadline);
+    EXPECT_EQ(control.text(), "the request's deadline of 1 ms has passed");
+}
+
+TEST(QORRequestControl, WithoutALimitItIsNeverDue) {
+    QORRequestControl control;
+    control.grantGrace(milliseconds(1));
+    EXPECT_FALSE(control.isDue());
+    EXPECT_EQ(control.deadline(), QORRequestControl::Clock::time_point::max());
+}
+
 TEST(QORRequestControl, WhatHasEndedStaysEndedForItsFirstReason) {
     QORRequestControl control(milliseconds(1));
     waitForEnd(control);

@@ -12,6 +12,8 @@ namespace {
 
 constexpr std::size_t firstPiece = 32;
 constexpr std::size_t largestPiece = 512;
+/// Of the documents of one piece, about: where they are large, pieces are small.
+constexpr std::size_t pieceBytes = std::size_t{4} << 20;
 /// The beginning of a key that is an exact request's.
 constexpr std::string_view form = "exact";
 
@@ -26,6 +28,15 @@ std::size_t memoryOf(const QORInfo& info) {
     for (const QORInfo& child : info.children())
         bytes += memoryOf(child);
     return bytes;
+}
+
+/// How many rows are read next after a piece.
+std::size_t nextPiece(std::size_t most, const std::vector<QORFoundRow>& piece) {
+    std::size_t bytes = 0;
+    for (const QORFoundRow& found : piece)
+        bytes += memoryOf(found.row->getInfo());
+    if (bytes > pieceBytes) return std::max<std::size_t>(most / 4, 1);
+    return bytes > pieceBytes / 4 ? most : std::min(most * 2, largestPiece);
 }
 
 void askFilter(QORExactFilter& filter, const QORRowSource& source, const QORFoundRow& found) {
@@ -191,7 +202,7 @@ bool QORExactPage::readOn() {
         if (m_wholly) m_total = m_matched;
         return false;
     }
-    m_piece = std::min(m_piece * 2, largestPiece);
+    m_piece = nextPiece(m_piece, piece);
     if (!isDue() || isFull()) return true;
     stop();
     return false;
@@ -372,7 +383,8 @@ private:
 
     void look() {
         std::optional<QORRowPlace> read;
-        for (std::size_t most = firstPiece;; most = std::min(most * 2, largestPiece)) {
+        std::size_t most = firstPiece;
+        for (;;) {
             const std::vector<QORFoundRow> piece = m_source.read(read ? &*read : nullptr, most);
             for (const QORFoundRow& found : piece) {
                 m_watch.check();
@@ -382,6 +394,7 @@ private:
             if (m_count.exact) return;
             if (isUp()) return bound();
             read = piece.back().place;
+            most = nextPiece(most, piece);
         }
     }
 
