@@ -42,8 +42,11 @@ constexpr const char* whereNote =
     "Sort keys apply in the order of their names.\n";
 
 constexpr const char* rowsNote =
-    "Logs and backups come newest first. Of the filter they take these conditions; everything else has no effect, and\n"
-    "qorctl says so, and which view does it.\n";
+    "Rows are those for which the whole filter holds, in the order of the sort keys; without one logs and backups "
+    "come\n"
+    "newest first. With --narrow, logs and backups take only these conditions of the filter, and no order; qorctl "
+    "says\n"
+    "what has no effect then.\n";
 
 /// As many as a page's size and offset in a request can say.
 constexpr std::uint64_t mostRows = std::numeric_limits<std::int32_t>::max();
@@ -232,7 +235,7 @@ private:
     }
 
     void addRows() {
-        CLI::App* const app = command("rows", "Rows of the operation log, the event log or the backups", [this] {
+        CLI::App* const app = command("rows", "Rows of the logs, the backups or the environments", [this] {
             m_rows.fields = splitFields(m_rows.fields);
             m_rows.sort = splitFields(m_rows.sort);
             runRows(m_connection, m_rows, m_rowsPrint);
@@ -245,6 +248,7 @@ private:
             ->type_name("[-]FIELD");
         addPage(*app, m_rows.limit, m_rows.offset);
         app->add_flag("--count", m_rows.count, "also how many rows there are in the page and in all");
+        app->add_flag("--narrow", m_rows.narrow, "only what the source finds rows by, see below, and its own order");
         app->add_option("--client", m_rows.client, "ask as a client without full access, as for select")
             ->type_name("EID");
         addPrinting(*app, m_rowsPrint);

@@ -75,8 +75,14 @@ public:
             m_rowCount = parseInt64(bytes);
         } else if (isPath(tag::total)) {
             m_totalCount = parseInt64(bytes);
+        } else if (isPath(tag::exactness)) {
+            m_isBound = bytes != "exact";
+        } else if (isPath(tag::next)) {
+            m_hasNext = !bytes.empty();
         }
     }
+
+    bool hasNext() const noexcept { return m_hasNext; }
 
     void close() {
         if (isRow()) giveRow();
@@ -126,7 +132,7 @@ private:
     void giveEnd() {
         begin();
         std::optional<RowCounts> counts;
-        if (m_rowCount && m_totalCount) counts = RowCounts{*m_rowCount, *m_totalCount};
+        if (m_rowCount && m_totalCount) counts = RowCounts{*m_rowCount, *m_totalCount, m_isBound};
         m_rows.end(counts);
     }
 
@@ -138,6 +144,8 @@ private:
     std::vector<Cell> m_views;
     std::optional<std::int64_t> m_rowCount;
     std::optional<std::int64_t> m_totalCount;
+    bool m_isBound = false;
+    bool m_hasNext = false;
     bool m_begun = false;
 };
 
@@ -243,6 +251,7 @@ public:
 
     bool isDone() const { return m_state == State::Done; }
     std::optional<AnsweredError>& error() { return m_error; }
+    bool hasNext() const noexcept { return m_elements.hasNext(); }
 
 private:
     enum class State {
@@ -292,7 +301,7 @@ private:
 
 }  // namespace
 
-std::optional<AnsweredError> readAnswer(AnswerSource& source, RowSink& rows) {
+std::optional<AnsweredError> readAnswer(AnswerSource& source, RowSink& rows, bool* hasNext) {
     PieceStream stream(source);
     AnswerHandler handler(rows);
     rapidjson::Reader reader;
@@ -303,6 +312,7 @@ std::optional<AnsweredError> readAnswer(AnswerSource& source, RowSink& rows) {
                                                                    ? "it is no message notation"
                                                                    : rapidjson::GetParseError_En(result.Code())) +
                                                    " (at byte " + std::to_string(result.Offset()) + ")");
+    if (hasNext != nullptr) *hasNext = handler.hasNext();
     return std::move(handler.error());
 }
 

@@ -40,9 +40,10 @@ struct AnsweredError {
 
 /// Several values of one cell come as one text, ", " between them.
 /// Hands the rows of the answer to `rows` as they come (nothing, not even begin, when the answer has no row set).
+/// \param hasNext set to whether the answer names a page behind it; null: of no interest
 /// \returns the answer's error, if it has one
 /// \throws CtlError AnsweredError when the bytes are no answer
-std::optional<AnsweredError> readAnswer(AnswerSource& source, RowSink& rows);
+std::optional<AnsweredError> readAnswer(AnswerSource& source, RowSink& rows, bool* hasNext = nullptr);
 
 /// Passes columns on in the order in which they were asked for, whatever the answer's is: an answer has them in the
 /// order of their names.

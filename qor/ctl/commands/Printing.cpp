@@ -28,16 +28,20 @@ TimeForm timesOf(const PrintOptions& print, bool onTerminal) {
     return print.zone ? TimeForm::Full : TimeForm::Answered;
 }
 
-/// Remembers the counts for a form that has no place for them.
+/// Counts rows, and remembers the counts for a form that has no place for them.
 class CountKeeper final : public RowSink {
 public:
     explicit CountKeeper(RowSink& next) : m_next(next) {}
     void begin(std::span<const std::string> names) override { m_next.begin(names); }
-    void row(std::span<const Cell> cells) override { m_next.row(cells); }
+    void row(std::span<const Cell> cells) override {
+        ++rows;
+        m_next.row(cells);
+    }
     void end(const std::optional<RowCounts>& given) override {
         counts = given;
         m_next.end(given);
     }
+    std::int64_t rows = 0;
     std::optional<RowCounts> counts;
 
 private:
@@ -74,8 +78,8 @@ bool tellsKinds(const PrintOptions& print) {
     return ::isatty(STDOUT_FILENO) != 0 || print.times || print.zone;
 }
 
-void printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
-                 std::vector<std::string> columns, ColumnKinds kinds) {
+PrintedAnswer printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
+                          std::vector<std::string> columns, ColumnKinds kinds) {
     const auto output = openOutput(print);
     Output& out = *output;
     const auto printer = makePrinter(print, counts, out, std::move(kinds));
@@ -84,11 +88,15 @@ void printAnswer(Backend& backend, const std::string& request, const PrintOption
     ColumnOrder ordered(std::move(columns), keeper);
 
     const auto answer = backend.ask(request);
-    const auto error = readAnswer(*answer, asAnswered ? static_cast<RowSink&>(keeper) : ordered);
+    PrintedAnswer printed;
+    const auto error = readAnswer(*answer, asAnswered ? static_cast<RowSink&>(keeper) : ordered, &printed.hasNext);
     out.flush();  // the rows before an error too: they have been answered
     if (error) throw CtlError::answered(error->code, error->message);
-    const bool holdsCounts = print.form->holdsCounts && !print.pattern;
+    // Of forms for programs none says that a total is a bound.
+    const bool holdsCounts = print.form->holdsCounts && !print.pattern && (!keeper.counts || !keeper.counts->isBound);
     if (keeper.counts && !holdsCounts) tellPerson(describeCounts(*keeper.counts));
+    printed.rows = keeper.rows;
+    return printed;
 }
 
 void tellOfNoEnvironment(Backend& backend, const std::vector<std::string>& client) {

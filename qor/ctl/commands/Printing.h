@@ -20,12 +20,18 @@ std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Out
 /// Whether values look other by what they are, so that it has to be known what columns hold.
 bool tellsKinds(const PrintOptions& print);
 
+/// What was printed.
+struct PrintedAnswer {
+    std::int64_t rows = 0;
+    bool hasNext = false;  ///< the answer names a page behind it
+};
+
 /// Asks, and prints what is answered onto standard output, counts that the form has no place for beside it.
 /// \param columns in the order in which they were asked for; empty: as the answer has them
 /// \param kinds of columns, where tellsKinds()
 /// \throws CtlError AnsweredError when the answer holds an error; the rows before it are printed then
-void printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
-                 std::vector<std::string> columns = {}, ColumnKinds kinds = {});
+PrintedAnswer printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
+                          std::vector<std::string> columns = {}, ColumnKinds kinds = {});
 
 /// Tells a client that stands for no environment so: its answers lack rows, and nothing else would say why.
 /// \param client what --client says; empty: oneself

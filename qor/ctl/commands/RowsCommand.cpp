@@ -27,7 +27,9 @@ void runRows(const ConnectionOptions& connection, const RowsOptions& asked, cons
     ColumnKinds kinds;
     if (tellsKinds(print)) kinds = FilterNames(backend->vocabulary()).kindsOf(options.fields);
     tellOfNoEnvironment(*backend, options.client);
-    printAnswer(*backend, json, print, options.count, {}, std::move(kinds));
+    const PrintedAnswer printed = printAnswer(*backend, json, print, options.count, {}, std::move(kinds));
+    if (printed.hasNext && printed.rows < options.limit)
+        tellNote("the request's deadline came before the page was full; more rows follow these");
 }
 
 }  // namespace QOR

@@ -63,7 +63,8 @@ std::vector<QORColumnKind> kindsOf(std::span<const std::string> names, const Col
 }
 
 std::string describeCounts(const RowCounts& counts) {
-    return std::to_string(counts.rows) + " of " + std::to_string(counts.total) + (counts.total == 1 ? " row" : " rows");
+    return std::to_string(counts.rows) + (counts.isBound ? " of at least " : " of ") + std::to_string(counts.total) +
+           (counts.total == 1 ? " row" : " rows");
 }
 
 }  // namespace QOR

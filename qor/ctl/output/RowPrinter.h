@@ -30,6 +30,7 @@ struct Cell {
 struct RowCounts {
     std::int64_t rows = 0;   ///< of this page
     std::int64_t total = 0;  ///< of all that match
+    bool isBound = false;    ///< there are as many at least
 };
 
 /// Takes the rows of one answer in turn: begin once, then rows, then end. One thread.

@@ -148,7 +148,7 @@ std::string selectCommand(const RowsOptions& options, const QORSource& source) {
 
 std::vector<std::string> adviseOnRows(const RowsOptions& options) {
     std::vector<std::string> advice;
-    const QORSource* const source = sourceOf(options.fields);
+    const QORSource* const source = options.narrow ? sourceOf(options.fields) : nullptr;
     if (source == nullptr) return advice;
     const std::string noun(source->noun);
     if (!source->hasRows) {
@@ -166,7 +166,8 @@ std::vector<std::string> adviseOnRows(const RowsOptions& options) {
                              std::string(source->categories.back().filterText) + "\"");
     }
     if (!advice.empty())
-        advice.push_back("the view " + std::string(source->view) + " does it: " + selectCommand(options, *source));
+        advice.push_back("without --narrow it has, and the view " + std::string(source->view) +
+                         " does it too: " + selectCommand(options, *source));
     return advice;
 }
 

@@ -1,6 +1,6 @@
 /// \file
-/// What a person should know about a request for rows: the sources of operator "pager" take a few constants from the
-/// filter, do not sort, and leave everything else to the views.
+/// What a person should know about a request for rows that is not exact: the sources of operator "pager" take a few
+/// constants from the filter, do not sort, and leave everything else to exact requests and to the views.
 #pragma once
 
 #include <string>
@@ -10,7 +10,8 @@
 
 namespace QOR {
 
-/// A sentence for each part of the request that has no effect, and the command that does what was meant.
+/// A sentence for each part of the request that has no effect, and the command that does what was meant; nothing of an
+/// exact request, of which every part has one.
 std::vector<std::string> adviseOnRows(const RowsOptions& options);
 
 /// What each source takes from a filter, a line each.

@@ -38,6 +38,10 @@ QORRequestEnvelope makeRowsRequest(const RowsOptions& options) {
         addSort(at, sort);
     addPage(at, options.limit, options.offset);
     if (options.count) requireRoom(at.putInt(1, tag::statistics));
+    if (!options.narrow) {
+        requireRoom(at.addChild(tag::exact));
+        requireRoom(at.seekUp());
+    }
     return envelope;
 }
 

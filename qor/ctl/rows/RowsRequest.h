@@ -19,6 +19,7 @@ struct RowsOptions {
     std::int64_t limit = 0;         ///< rows of the page, 0 for all
     std::int64_t offset = 0;        ///< rows before the page
     bool count = false;
+    bool narrow = false;              ///< rows are those that the source finds, not those for which the filter holds
     std::vector<std::string> client;  ///< as SelectOptions::client
 };
 

@@ -88,6 +88,27 @@ TEST(AnswerReader, OtherElementsArePassedOver) {
     EXPECT_EQ(record.text, "a | end");
 }
 
+TEST(AnswerReader, TellsABoundFromATotalAndWhetherAPageFollows) {
+    const auto read = [](const std::string& rest, bool& hasNext) {
+        TextSource source(R"({"response":[[1744,[[1026,"a"],[1259,"3"],[1040,"400"])" + rest + "]]]}");
+        struct : RowSink {
+            void begin(std::span<const std::string>) override {}
+            void row(std::span<const Cell>) override {}
+            void end(const std::optional<RowCounts>& given) override { text = describeCounts(given.value()); }
+            std::string text;
+        } sink;
+        EXPECT_FALSE(readAnswer(source, sink, &hasNext));
+        return sink.text;
+    };
+    bool hasNext = true;
+    EXPECT_EQ(read(R"(,[2412,"exact"],[2411])", hasNext), "3 of 400 rows");
+    EXPECT_FALSE(hasNext);
+    EXPECT_EQ(read(R"(,[2412,"at_least"],[2411,"token"],[2413,"false"])", hasNext), "3 of at least 400 rows");
+    EXPECT_TRUE(hasNext);
+    EXPECT_EQ(read("", hasNext), "3 of 400 rows");
+    EXPECT_FALSE(hasNext);
+}
+
 TEST(AnswerReader, WhatIsNoAnswerIsRefusedWhereverItEnds) {
     for (std::size_t size = 0; size < answer.size(); ++size) {
         TextSource source(answer.substr(0, size));

@@ -66,7 +66,7 @@ TEST_P(RowsCommand, PrintsPagesAndCounts) {
                         "-o", "csv"}),
               "pager.event_log.source\r\ncpu\r\n");
     EXPECT_EQ(outputOf({"rows", "-f", "pager.backup.id", "pager.backup.time", "--where",
-                        "pager.backup.info.name like 'W%'", "-o", "csv"}),
+                        "pager.backup.info.name like 'w%'", "-o", "csv"}),
               "pager.backup.id,pager.backup.time\r\nk,2024-01-03T10:00:00+0000\r\n");
 }
 
@@ -86,7 +86,7 @@ TEST_P(RowsCommand, NamesInFiltersMatchInAnyCase) {
     EXPECT_EQ(outputOf({"rows", "-f", "pager.event_log.source", "--where", "PAGER.event_log.CATEGORY='resource_alert'",
                         "-o", "csv"}),
               "pager.event_log.source\r\ncpu\r\n");
-    EXPECT_EQ(outputOf({"rows", "-f", "pager.backup.id", "--where", "PAGER.BACKUP.INFO.NAME like 'W%'", "-o", "csv"}),
+    EXPECT_EQ(outputOf({"rows", "-f", "pager.backup.id", "--where", "PAGER.BACKUP.INFO.NAME like 'w%'", "-o", "csv"}),
               "pager.backup.id\r\nk\r\n");
 }
 
@@ -129,11 +129,26 @@ TEST_P(RowsCommand, EndsWithTheAnswersError) {
 }
 
 TEST_P(RowsCommand, SaysWhatHasNoEffectAndWhatDoesIt) {
-    const CtlResult result = run({"rows", "-f", "pager.op_log.id", "--sort", "-pager.op_log.status", "-o", "csv"});
+    const CtlResult result =
+        run({"rows", "-f", "pager.op_log.id", "--sort", "pager.op_log.status", "--narrow", "-o", "csv"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "pager.op_log.id\r\nb\r\na\r\n");
     EXPECT_THAT(result.err, HasSubstr("--sort has no effect"));
-    EXPECT_THAT(result.err, HasSubstr("qorctl select --view vOpLog -f id --sort -status"));
+    EXPECT_THAT(result.err, HasSubstr("qorctl select --view vOpLog -f id --sort status"));
+}
+
+TEST_P(RowsCommand, AFilterMeansWhatItSaysAndRowsAreSorted) {
+    const CtlResult failed =
+        run({"rows", "-f", "pager.op_log.id", "--where", "pager.op_log.status != 0", "--count", "-o", "csv"});
+    EXPECT_EQ(failed.out, "pager.op_log.id\r\nb\r\n");
+    EXPECT_THAT(failed.err, HasSubstr("1 of 1 row"));
+    EXPECT_THAT(failed.err, testing::Not(HasSubstr("no effect")));
+    EXPECT_EQ(outputOf({"rows", "-f", "pager.op_log.id", "--sort", "pager.op_log.status", "-o", "csv"}),
+              "pager.op_log.id\r\na\r\nb\r\n");
+    EXPECT_EQ(
+        run({"rows", "-f", "pager.op_log.id", "--where", "pager.op_log.status != 0", "--narrow", "-o", "csv"}).out,
+        "pager.op_log.id\r\nb\r\na\r\n");
+    EXPECT_EQ(outputOf({"rows", "-f", "pager.event_log.source", "-o", "csv"}), "pager.event_log.source\r\ncpu\r\n");
 }
 
 TEST_P(RowsCommand, FieldsListsWhatCanBeAskedFor) {
@@ -188,6 +203,8 @@ TEST(RowsAdvice, TellsConditionsThatHaveNoEffect) {
         RowsOptions options;
         options.fields = {row.field};
         options.where = row.where;
+        EXPECT_THAT(adviseOnRows(options), IsEmpty()) << "all of an exact request has an effect";
+        options.narrow = true;
         if (row.wholly) {
             EXPECT_THAT(adviseOnRows(options), IsEmpty()) << row.where;
         } else {
@@ -200,6 +217,7 @@ TEST(RowsAdvice, TellsConditionsThatHaveNoEffect) {
 
 TEST(RowsAdvice, NamesTheViewOfTheSource) {
     RowsOptions options;
+    options.narrow = true;
     options.fields = {"pager.env.title", "pager.env.eid"};
     EXPECT_THAT(adviseOnRows(options), ElementsAre(HasSubstr("environments are not listed"),
                                                    HasSubstr("qorctl select --view vEnvironment -f title -f eid")));
