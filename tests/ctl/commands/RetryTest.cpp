@@ -23,21 +23,23 @@ protected:
             "CREATE VIEW vain AS SELECT a.i FROM n a, n b, n c, n d WHERE a.i + b.i + c.i + d.i < 0");
         AgentSettings settings;
         settings.database = database.connectionString();
-        settings.more = {"--read-only", "--threads", "1", "--user-waiting", "1", "--grace", "0"};
+        settings.more = {"--read-only", "--threads", "1", "--streams", "1", "--user-waiting", "1", "--grace", "0"};
         return settings;
     }
     static std::string select(const std::string& view, const std::string& more = {}) {
         return R"({"operator":"pager2","request":"select","body":[1740,[[1009,")" + view +
                R"("],[1741,"i"],[1743,[[1741,"i"]]])" + more + "]]}";
     }
+    /// As the client asks.
+    static constexpr const char* streamed = "/v1/messages?stream=true";
+
     void occupy(const std::string& milliseconds) {
         for (HttpClient* const client : {&m_working, &m_waiting}) {
-            client->send(
-                HttpClient::compose("POST", "/v1/messages", select("vain", R"(,[2404,")" + milliseconds + "\"]")));
+            client->send(HttpClient::compose("POST", streamed, select("vain", R"(,[2404,")" + milliseconds + "\"]")));
             // Read behind it on the server's one thread.
             EXPECT_EQ(HttpClient(m_agent.socketPath()).get("/v1/health").status, 200);
         }
-        const HttpAnswer refused = HttpClient(m_agent.socketPath()).post("/v1/messages", select("small"));
+        const HttpAnswer refused = HttpClient(m_agent.socketPath()).post(streamed, select("small"));
         EXPECT_EQ(refused.status, 429);
         EXPECT_EQ(refused.headers.at("retry-after"), "1");
     }

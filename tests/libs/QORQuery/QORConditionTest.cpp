@@ -4,6 +4,9 @@
 // element is (name child ...).
 #include "QORQuery/QORCondition.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <iterator>
 #include <random>
 #include <string>
@@ -530,6 +533,45 @@ TEST(QORCondition, TypesAreAskedForOnlyWhereTheyMatter) {
     EXPECT_EQ(asked, 1);
     stored("a in (1)", types);
     EXPECT_EQ(asked, 2);
+}
+
+/// Where a mistake is and what its detail says: "offset found|expected|suggestion", of two views v (a, title) and w
+/// (b).
+std::string mistake(std::string_view text) {
+    static const std::vector<std::string> v{"a", "title"};
+    static const std::vector<std::string> w{"b"};
+    QORConditionOptions options{.view = "v", .levels = levels};
+    options.columns = [](std::string_view view) { return view == "v" ? &v : view == "w" ? &w : nullptr; };
+    QORMessage message;
+    QORBinaryIterator at = message.root();
+    at.addChild(tag::where);
+    try {
+        parseCondition(text, options, at);
+    } catch (const QORQueryError& error) {
+        const QORQueryDetail& detail = error.detail();
+        return std::to_string(error.offset()) + " " + detail.found + "|" + detail.expected + "|" + detail.suggestion;
+    }
+    return "none";
+}
+
+TEST(QORCondition, NamesThatThereAreNotAreMistakesWhereNamesAreKnown) {
+    EXPECT_EQ(mistake("a = 1 and v.title = 'x' and a in (select b from w where b = v.a order by b)"), "none");
+    EXPECT_EQ(mistake("a = 1 and titel = 2"), "10 titel|a column of v|title");
+    EXPECT_EQ(mistake("\"TITLE\" = 2"), "0 TITLE|a column of v|title");
+    EXPECT_EQ(mistake("v.b = 1"), "0 b|a column of v|a");
+    EXPECT_EQ(mistake("x.a = 1"), "0 x|a view|");
+    EXPECT_EQ(mistake("a in (select a from w)"), "13 a|a column of w|b");
+    EXPECT_EQ(mistake("a in (select max(a) from w)"), "13 a|a column of w|b") << "the function's place";
+    EXPECT_EQ(mistake("a in (select b from u)"), "20 u|a view|");
+    EXPECT_EQ(mistake("a in (select b from w where a = 1)"), "28 a|a column of w|b");
+    EXPECT_EQ(mistake("a in (select b from w order by a)"), "31 a|a column of w|b");
+    EXPECT_EQ(parsed("nothing.known = 1"), "(eq nothing.known '1')");
+}
+
+TEST(QORCondition, MistakesTellWhatStandsThereAndWhatWouldDo) {
+    EXPECT_EQ(mistake("a = )"), "4 )|a column or a value|");
+    EXPECT_THAT(mistake("a"), testing::StartsWith("1 |a comparison"));
+    EXPECT_EQ(mistake("a in 5"), "5 5|\"(\" and a list|");
 }
 
 // ---- printing ---------------------------------------------------------------------------------------------------
