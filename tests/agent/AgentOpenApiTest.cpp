@@ -62,29 +62,29 @@ TEST_F(AgentOpenApi, IsOneThatAValidatorAccepts) {
 TEST_F(AgentOpenApi, EveryPathIsThereAndHasTheMethodsThatItSays) {
     const rapidjson::Document document = test::readJson(*text);
     HttpClient client(agent->socketPath());
-    for (const auto& path : document["paths"].GetObject()) {
+    for (const auto* const path : test::membersOf(document["paths"])) {
         std::set<std::string> methods;
-        for (const auto& operation : path.value.GetObject())
-            methods.insert(upper(operation.name.GetString()));
-        const HttpAnswer answer = client.request("TRACE", targetOf(path.name.GetString()));
-        EXPECT_EQ(answer.status, 405) << path.name.GetString();
+        for (const auto* const operation : test::membersOf(path->value))
+            methods.insert(upper(operation->name.GetString()));
+        const HttpAnswer answer = client.request("TRACE", targetOf(path->name.GetString()));
+        EXPECT_EQ(answer.status, 405) << path->name.GetString();
         for (const std::string& method : methods)
-            EXPECT_THAT(answer.headers.at("allow"), testing::HasSubstr(method)) << path.name.GetString();
+            EXPECT_THAT(answer.headers.at("allow"), testing::HasSubstr(method)) << path->name.GetString();
     }
 }
 
 TEST_F(AgentOpenApi, EveryParameterIsTakenAndNoOther) {
     const rapidjson::Document document = test::readJson(*text);
-    for (const auto& path : document["paths"].GetObject()) {
-        for (const auto& operation : path.value.GetObject()) {
-            const std::string method = upper(operation.name.GetString());
-            const std::string target = targetOf(path.name.GetString());
+    for (const auto* const path : test::membersOf(document["paths"])) {
+        for (const auto* const operation : test::membersOf(path->value)) {
+            const std::string method = upper(operation->name.GetString());
+            const std::string target = targetOf(path->name.GetString());
             const auto refused = [&](const std::string& query) {
                 const HttpAnswer answer = HttpClient(agent->socketPath()).request(method, target + query);
                 return answer.status == 400 && answer.body.find("unknown parameter") != std::string::npos;
             };
             EXPECT_TRUE(refused("?no-such-parameter=1")) << method << target;
-            for (const auto& parameter : operation.value["parameters"].GetArray()) {
+            for (const auto& parameter : operation->value["parameters"].GetArray()) {
                 if (parameter["in"] != "query") continue;
                 const std::string name = parameter["name"].GetString();
                 EXPECT_FALSE(refused("?" + name + "=%20")) << method << target << name;
@@ -96,15 +96,15 @@ TEST_F(AgentOpenApi, EveryParameterIsTakenAndNoOther) {
 TEST_F(AgentOpenApi, WhatRoutesAnswerIsWhatItSays) {
     const rapidjson::Document document = test::readJson(*text);
     const std::set<std::string> changing{"/v1/collect", "/v1/check", "/v1/prune"};
-    for (const auto& path : document["paths"].GetObject()) {
-        if (changing.count(path.name.GetString()) != 0) continue;
-        for (const auto& operation : path.value.GetObject()) {
-            const std::string method = upper(operation.name.GetString());
-            const std::string target = targetOf(path.name.GetString());
+    for (const auto* const path : test::membersOf(document["paths"])) {
+        if (changing.count(path->name.GetString()) != 0) continue;
+        for (const auto* const operation : test::membersOf(path->value)) {
+            const std::string method = upper(operation->name.GetString());
+            const std::string target = targetOf(path->name.GetString());
             for (const char* query : {"", "?no-such-parameter=1"}) {
                 const HttpAnswer answer = HttpClient(agent->socketPath()).request(method, target + query);
                 const std::string status = std::to_string(answer.status);
-                const auto& responses = operation.value["responses"];
+                const auto& responses = operation->value["responses"];
                 ASSERT_TRUE(responses.HasMember(status.c_str())) << method << target << query << ' ' << answer.body;
                 const std::string type = answer.headers.at("content-type");
                 if (target == "/v1/messages" && answer.status == 400) continue;  // in notation, whatever is wrong

@@ -70,11 +70,24 @@ TEST_F(AgentQuery, RowsByFieldsHaveTypesAndLists) {
 TEST_F(AgentQuery, TheFilterIsTakenAsItStands) {
     const HttpAnswer answer = get("/v1/rows?fields=pager.op_log.id&where=pager.op_log.status%20!=%200");
     ASSERT_EQ(answer.status, 200) << answer.body;
-    EXPECT_THAT(answer.body, HasSubstr(R"(["2"])"));
+    EXPECT_EQ(jsonAt(answer.body, "rows"), R"([["2"]])") << "it means what it says";
     const HttpAnswer broken = get("/v1/rows?fields=pager.op_log.id&where=pager.op_log.status%20!=");
     EXPECT_EQ(broken.status, 400);
     EXPECT_EQ(jsonAt(broken.body, "code"), R"("bad_condition")") << broken.body;
     EXPECT_EQ(jsonAt(broken.body, "parameter"), R"("where")");
+}
+
+TEST_F(AgentQuery, PagesOfRowsByFieldsGoOnFromTheirTokens) {
+    const std::string question = "/v1/rows?fields=pager.op_log.id&sort=-pager.op_log.time&limit=1&count=exact";
+    const HttpAnswer first = get(question);
+    EXPECT_EQ(jsonAt(first.body, "rows"), R"([["2"]])") << first.body;
+    EXPECT_THAT(first.body, HasSubstr(R"("total":2,"exactness":"exact")"));
+    const std::string token = jsonAt(first.body, "page/next");
+    ASSERT_GT(token.size(), 4U) << first.body;
+    const HttpAnswer second = get(question + "&after=" + token.substr(1, token.size() - 2));
+    EXPECT_EQ(jsonAt(second.body, "rows"), R"([["1"]])") << second.body;
+    const HttpAnswer strange = get(question + "&after=x" + token.substr(1, token.size() - 2));
+    EXPECT_EQ(jsonAt(strange.body, "code"), R"("bad_token")") << strange.body;
 }
 
 TEST_F(AgentQuery, AFieldThatThereIsNotIsNamedWithTheNearest) {
@@ -86,6 +99,7 @@ TEST_F(AgentQuery, AFieldThatThereIsNotIsNamedWithTheNearest) {
     EXPECT_EQ(jsonAt(get("/v1/rows").body, "code"), R"("missing_parameter")");
     EXPECT_EQ(jsonAt(get("/v1/rows?fields=pager.op_log.id&sort=-pager.nothing.here").body, "parameter"), R"("sort")");
     EXPECT_EQ(get("/v1/rows?fields=pager.op_log.id&distinct").status, 400);
+    EXPECT_EQ(get("/v1/rows?fields=pager.op_log.id,pager.event_log.id").status, 400) << "of two sources";
 }
 
 TEST_F(AgentQuery, BodiesAskTheSameQuestions) {

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace QOR::test {
 
@@ -19,6 +20,14 @@ inline rapidjson::Document readJson(std::string_view text) {
                                                                                                text.size());
     if (document.HasParseError()) throw std::runtime_error("no JSON: " + std::string(text.substr(0, 1000)));
     return document;
+}
+
+/// The members of an object, for a loop: the library's own iterators are ambiguous to some compilers.
+inline std::vector<const rapidjson::Value::Member*> membersOf(const rapidjson::Value& object) {
+    std::vector<const rapidjson::Value::Member*> members;
+    for (rapidjson::SizeType at = 0; at < object.MemberCount(); ++at)
+        members.push_back(&object.MemberBegin()[at]);
+    return members;
 }
 
 /// The value at a path of members and places, "page/next", "rows/0/1", as JSON spells it; "" where there is none.

@@ -152,7 +152,8 @@ AgentParameters AgentParameters::ofBody(std::string_view json, std::span<const A
         throwProblem({.detail = "the body is no object of JSON", .code = "bad_body", .expected = "an object"});
     AgentParameters parameters;
     std::set<std::string> seen;  // also what is null
-    for (const auto& member : document.GetObject()) {
+    for (rapidjson::SizeType at = 0; at < document.MemberCount(); ++at) {
+        const auto& member = document.MemberBegin()[at];
         std::string name(member.name.GetString(), member.name.GetStringLength());
         const AgentParameter& parameter = lookUp(name, name, known);
         if (!seen.insert(name).second) refuse(name, name + " is given twice");

@@ -12,7 +12,8 @@ namespace QOR {
 /// Members of the body: those of both kinds of questions, and which it is.
 inline constexpr std::array queryMembers{
     AgentParameter{.name = "view", .meaning = "the view that is asked, by condition on its columns"},
-    AgentParameter{.name = "source", .meaning = "in place of a view: operations, events or backups, by their fields"},
+    AgentParameter{.name = "source",
+                   .meaning = "in place of a view: environments, operations, events or backups, by their fields"},
     fieldsParameter,
     AgentParameter{.name = "where", .meaning = "the condition, or for a source the filter"},
     sortParameter,
