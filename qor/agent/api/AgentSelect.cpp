@@ -211,19 +211,14 @@ void requireRoom(int status) {
 std::vector<AgentListItem> splitList(const AgentParameters& parameters, std::string_view name) {
     const std::string_view text = parameters.text(name);
     std::vector<AgentListItem> items;
-    bool quoted = false;
-    std::size_t begin = 0;
-    for (std::size_t at = 0; at <= text.size(); ++at) {
-        if (at < text.size() && text[at] == '"') quoted = !quoted;
-        if (at < text.size() && (quoted || text[at] != ',')) continue;
-        const std::string_view item = trimmed(text.substr(begin, at - begin));
+    for (const std::string_view item : splitQueryList(text)) {
+        const auto offset = static_cast<std::size_t>(item.data() - text.data());
         if (item.empty())
             throwProblem({.detail = std::string(name) + ": a name is missing between the commas",
                           .code = "bad_parameter",
                           .parameter = std::string(name),
-                          .position = charactersBefore(text, begin)});
-        items.push_back({item, static_cast<std::size_t>(item.data() - text.data())});
-        begin = at + 1;
+                          .position = charactersBefore(text, offset)});
+        items.push_back({item, offset});
     }
     return items;
 }
