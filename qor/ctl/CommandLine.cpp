@@ -35,11 +35,9 @@ constexpr const char* whereNote =
     "7d,\n"
     "time > -7d, time >= 'yesterday' (now, today, yesterday, tomorrow; 90s, 45m, 12h, 30d, 8w, 1d12h; days begin in "
     "UTC).\n\n"
-    "Columns are printed in the order they are asked for; an answer holds a column once, under its own name, also for "
-    "an\n"
-    "aggregate such as -f 'count(eid)' (count, sum, avg, min, max). A table shows a null as \"-\"; csv and json are "
-    "exact.\n"
-    "Sort keys apply in the order of their names.\n";
+    "Aggregates are count, sum, avg, min and max: -f 'op,count(id)'; the plain columns beside them are what is grouped "
+    "by.\n"
+    "A table shows a null as \"-\"; the other forms are exact.\n";
 
 constexpr const char* rowsNote =
     "Rows are those for which the whole filter holds, in the order of the sort keys; without one logs and backups "

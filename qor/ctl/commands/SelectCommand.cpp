@@ -72,18 +72,17 @@ void runSelect(const ConnectionOptions& connection, const SelectOptions& asked, 
     SelectRequest request =
         makeSelectRequest(options, currentTime(),
                           [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
-    for (const std::string& note : request.notes)
-        tellNote(note);
     std::string json;
     writeRequest(request.envelope, json);
 
     tellOfNoEnvironment(backend.get(), options.client);
     ColumnKinds kinds;
-    for (const QORQueryField& field : request.fields) {
-        if (!tellsKinds(print)) break;
-        kinds[field.column] = columnKindOf(field, backend.typeOf(options.view, field.column));
+    std::vector<std::string> names;
+    for (const auto& [name, field] : request.columns) {
+        if (tellsKinds(print)) kinds[name] = columnKindOf(field, backend.typeOf(options.view, field.column));
+        if (!request.ordered) names.push_back(name);
     }
-    printAnswer(backend.get(), json, print, options.count, std::move(request.columns), std::move(kinds));
+    printAnswer(backend.get(), json, print, options.count, std::move(names), std::move(kinds));
 }
 
 }  // namespace QOR

@@ -32,15 +32,19 @@ public:
         requireRoom(m_at.putValue(m_options.view, tag::view));
         for (const std::string& field : m_options.fields)
             addField(field);
+        m_request.ordered = isOrdered();
+        if (m_request.ordered) addFlag(tag::ordered);
         if (m_options.distinct) addFlag(tag::distinct);
         if (m_options.where) addWhere(*m_options.where);
         for (const std::string& sort : m_options.sort)
             addSort(sort);
-        noteSortOrder();
         addPage(m_at, m_options.limit, m_options.offset);
         if (m_options.count) addFlag(tag::statistics);
         addClient();
-        m_request.fields = std::move(m_fields);
+        for (QORQueryField& field : m_fields) {
+            std::string name = m_request.ordered ? answerName(field) : field.column;
+            m_request.columns.push_back({std::move(name), std::move(field)});
+        }
         return std::move(m_request);
     }
 
@@ -50,20 +54,21 @@ private:
         requireRoom(m_at.seekUp());
     }
 
-    /// The answer knows a column by its name alone, so two fields over one column would be one.
+    /// An answer keeps the request's order where it is told to. All rows of a view, in any order, come without, since
+    /// an order costs time and memory.
+    bool isOrdered() const {
+        if (!m_options.sort.empty() || m_options.limit > 0 || m_options.offset > 0) return true;
+        return std::any_of(m_fields.begin(), m_fields.end(), [this](const QORQueryField& field) {
+            return !field.function.empty() || std::count(m_fields.begin(), m_fields.end(), field) > 1;
+        });
+    }
+
     void addField(const std::string& text) {
         QORQueryField field = parseQueryField(text);
         if (field.column.empty()) throw CtlError::usage("a field has no name: " + quoteText(text));
         if (!field.function.empty() && field.column == "*")
             throw CtlError::usage(quoteText(text) + ": an aggregate needs a column, for example " + field.function +
                                   "(eid)");
-        const auto before = std::find_if(m_fields.begin(), m_fields.end(),
-                                         [&](const QORQueryField& other) { return other.column == field.column; });
-        if (before != m_fields.end()) {
-            if (*before == field) return;
-            throw CtlError::usage("the column " + quoteText(field.column) +
-                                  " is asked for in two ways; an answer holds it once, so ask in two requests");
-        }
         if (field.function.empty()) {
             requireRoom(m_at.putValue(field.column, tag::field));
         } else {
@@ -74,7 +79,6 @@ private:
             requireRoom(m_at.seekUp());
             requireRoom(m_at.seekUp());
         }
-        m_request.columns.push_back(field.column);
         m_fields.push_back(std::move(field));
     }
 
@@ -98,24 +102,14 @@ private:
         if (key.column.empty()) throw CtlError::usage("a sort key has no name");
         if (!key.function.empty() && std::find(m_fields.begin(), m_fields.end(), key) == m_fields.end())
             throw CtlError::usage("sorting by " + quoteText(text) + " needs it among the fields (-f)");
-        if (std::find(m_sort.begin(), m_sort.end(), key.column) != m_sort.end())
-            throw CtlError::usage("the sort key " + quoteText(key.column) + " is given twice");
+        const std::string name = answerName(key);
+        if (std::find(m_sort.begin(), m_sort.end(), name) != m_sort.end())
+            throw CtlError::usage("the sort key " + quoteText(name) + " is given twice");
         requireRoom(m_at.addChild(tag::sort));
-        requireRoom(m_at.putValue(key.column, tag::field));
+        requireRoom(m_at.putValue(name, tag::field));
         if (descending) addFlag(tag::descending);
         requireRoom(m_at.seekUp());
-        m_sort.push_back(key.column);
-    }
-
-    /// Sort keys apply in the order of their names, which is part of the operator's contract.
-    void noteSortOrder() {
-        if (std::is_sorted(m_sort.begin(), m_sort.end())) return;
-        std::vector<std::string> order = m_sort;
-        std::sort(order.begin(), order.end());
-        std::string note = "sort keys apply in the order of their names: by " + quoteText(order.front());
-        for (std::size_t at = 1; at < order.size(); ++at)
-            note += ", then " + quoteText(order[at]);
-        m_request.notes.push_back(std::move(note));
+        m_sort.push_back(name);
     }
 
     void addClient() { m_request.envelope.client = makeClient(m_options.client); }

@@ -31,9 +31,12 @@ struct SelectOptions {
 /// A request, and how its answer is put before the person.
 struct SelectRequest {
     QORRequestEnvelope envelope;
-    std::vector<std::string> columns;   ///< names of the answer's columns in the order they were asked for
-    std::vector<QORQueryField> fields;  ///< what each of them holds
-    std::vector<std::string> notes;     ///< what the person should know about the request
+    struct Column {
+        std::string name;  ///< in the answer
+        QORQueryField field;
+    };
+    std::vector<Column> columns;  ///< as they were asked for
+    bool ordered = false;         ///< the answer has them so; else in the order of their names
 };
 
 /// The client that --client describes; empty when nothing is given.

@@ -57,6 +57,10 @@ QORQueryField parseQueryField(std::string_view text) {
     return {unquoteName(trim(trimmed.substr(open + 1, trimmed.size() - open - 2))), aggregateName(function)};
 }
 
+std::string answerName(const QORQueryField& field) {
+    return field.function.empty() ? field.column : toLowerText(field.function) + '(' + field.column + ')';
+}
+
 std::string aggregateName(std::string_view function) {
     return isSameWord(function, "avg") ? "average" : std::string(function);
 }

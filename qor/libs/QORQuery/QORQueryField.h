@@ -21,6 +21,9 @@ struct QORQueryField {
 /// stands.
 QOR_API QORQueryField parseQueryField(std::string_view text);
 
+/// The name of the field's column in an ordered answer: the column's, or "count(id)".
+QOR_API std::string answerName(const QORQueryField& field);
+
 /// The name of an aggregate in a request: SQL's "avg" is "average", others are passed on as they are spelled.
 QOR_API std::string aggregateName(std::string_view function);
 
