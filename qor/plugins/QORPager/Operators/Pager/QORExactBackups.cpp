@@ -71,7 +71,7 @@ private:
         const ASAttribute& time = m_table.time;
         const ASAttribute& id = m_table.id;
         const ASTime second(str2time(place.time));
-        const ASComparison past = order().newestFirst ? time < second : time > second;
+        ASComparison past = order().newestFirst ? time < second : time > second;
         if (place.key.empty()) return past;
         const ASVStr key(place.key.size() + 1, place.key);
         const ASComparison behind = time == second && (order().keyDescending ? id < key : id > key);

@@ -303,6 +303,27 @@ TEST_F(ExactPages, RightsAreTheAskersAndNotTheTokens) {
     EXPECT_EQ(idsOf("", pageOf(3) + ",[2402,\"" + *token + "\"]", restricted({})), "");
 }
 
+TEST_F(ExactPages, WhatAPageThatWasCutOffHadFoundIsShownToNobodyElse) {
+    host.import(operations(1, 600));
+    // What is found first stays first.
+    const std::string page = sortBy("pager.op_log.status", true) + pageOf(6);
+    std::optional<std::string> token;
+    {
+        const auto control = std::make_shared<QORRequestControl>(std::chrono::milliseconds(1));
+        waitFor(*control);
+        const QORRequestScope scope(control);
+        const std::string cut = ask("pager.op_log.status = 0", page);
+        EXPECT_EQ(firstCells(readAnswer(cut)), "");
+        token = told(cut, tag::next);
+    }
+    ASSERT_TRUE(token);
+    const std::string rest = page + ",[2402,\"" + *token + "\"]";
+    EXPECT_EQ(idsOf("pager.op_log.status = 0", rest), idsOf("pager.op_log.status = 0", page));
+    const auto asB = restricted({QORLocalSID(0, 1, eid(eidB))});
+    for (const auto& row : readAnswer(ask("pager.op_log.status = 0", rest, asB)).rows)
+        EXPECT_EQ(std::stoi(row.front().substr(1)) % 3, 1) << row.front() << " is not eidB's";
+}
+
 TEST_F(ExactPages, AFilterIsNotAskedOfRowsThatTheClientMayNotSee) {
     const std::string number = R"(,"message":{"n":"12"})";
     const std::string text = R"(,"message":{"n":"twelve"})";
