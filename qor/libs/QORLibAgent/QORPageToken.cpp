@@ -146,6 +146,7 @@ std::string packed(const QORPageToken& token) {
     packer.signedNumber(token.now);
     packer.fixedNumber(token.change);
     packer.signedNumber(token.offset);
+    packer.signedNumber(token.records);
     for (const std::optional<std::string>& value : token.key) {
         packer.letter(value ? 'v' : 'n');
         if (value) packer.text(*value);
@@ -161,6 +162,7 @@ QORPageToken unpacked(std::string_view bytes) {
     token.now = unpacker.signedNumber();
     token.change = unpacker.fixedNumber();
     token.offset = unpacker.signedNumber();
+    token.records = unpacker.signedNumber();
     while (!unpacker.atEnd()) {
         if (unpacker.letter() == 'v') {
             token.key.emplace_back(unpacker.text());

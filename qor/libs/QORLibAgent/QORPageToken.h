@@ -26,6 +26,8 @@ struct QORPageToken {
                                                   ///< no key; -1: not known
     std::vector<std::optional<std::string>> key;  ///< values of the sort keys of the last row, in their order; null:
                                                   ///< none. Any bytes
+    std::int64_t records = -1;                    ///< how many records there were at the first page that the asker may
+                                                  ///< see; -1: not known
 
     bool operator==(const QORPageToken&) const = default;
 };

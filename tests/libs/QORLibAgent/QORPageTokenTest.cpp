@@ -18,7 +18,7 @@ using namespace std::string_literals;
 constexpr const char* refusal = "the page token is not one of this database's";
 
 QORPageToken anyToken() {
-    return {"question", 1700000000, 42, -1, {"web1", std::nullopt, ""s, "\0\xff'"s, std::string(2000, 'x')}};
+    return {"question", 1700000000, 42, -1, {"web1", std::nullopt, ""s, "\0\xff'"s, std::string(2000, 'x')}, 17};
 }
 
 std::string refusalOf(std::string_view text) {
@@ -38,8 +38,9 @@ TEST_F(PageToken, IsOpenedAsItWasSealed) {
     constexpr auto largest = std::numeric_limits<std::int64_t>::max();
     constexpr auto most = std::numeric_limits<std::uint64_t>::max();
     for (const QORPageToken& token :
-         {QORPageToken(), anyToken(), QORPageToken{"q", smallest, most, largest, {std::nullopt}},
-          QORPageToken{"", largest, 0, smallest, {""}}, QORPageToken{std::string(300, 'q'), -1, 127, 128, {}}})
+         {QORPageToken(), anyToken(), QORPageToken{"q", smallest, most, largest, {std::nullopt}, smallest},
+          QORPageToken{"", largest, 0, smallest, {""}, largest},
+          QORPageToken{std::string(300, 'q'), -1, 127, 128, {}, 0}})
         EXPECT_EQ(openPageToken(sealPageToken(token)), token);
 }
 
@@ -70,7 +71,7 @@ TEST_F(PageToken, ShowsNothingOfWhatItHolds) {
 }
 
 TEST_F(PageToken, IsRefusedWhenAnythingOfItChanged) {
-    const std::string text = sealPageToken({"question", 7, 8, 9, {"key"}});
+    const std::string text = sealPageToken({"question", 7, 8, 9, {"key"}, 10});
     ASSERT_EQ(refusalOf(text), "");
     for (std::size_t i = 0; i < text.size(); ++i) {
         std::string other = text;

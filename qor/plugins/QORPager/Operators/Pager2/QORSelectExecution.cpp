@@ -127,10 +127,11 @@ void SelectStmnt::write(QORBinaryIterator& out, ASSession& database) const {
     prepareAccessCheck(database);
     bool begun = false;
     try {
-        const Page page = writeRows(out, database, begun);
-        // A count that takes too long ends the transaction, so it is the last thing.
+        Page page = writeRows(out, database, begun);
+        if (isPaged()) finishPage(database, page);
+        // A count that takes too long ends the transaction, so nothing is asked for behind it.
         if (m_counting != Counting::None) writeCounts(out, database, page);
-        if (isPaged()) writeNext(out, page, std::nullopt);
+        if (isPaged()) writeNext(out, page);
     } catch (const AException& failure) {
         if (!begun || failure.failure() != ASFailure::Undone) throw;
         throw AException(failure.text(), failure.sqlState(), failure.nativeCode());

@@ -11,9 +11,11 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORTime.h"
+#include "QORLibAgent/QORRecordState.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
 #include "rdbmspp/engine/ASDialect.h"
+#include "rdbmspp/sql/ASSpread.h"
 
 namespace QOR {
 
@@ -175,6 +177,7 @@ void SelectStmnt::readAfter(const QORBinaryIterator& it) {
         refuse("after: the page lies too far back", __LINE__);
     m_next.now = m_after->now;
     m_next.change = m_after->change;
+    m_next.records = m_after->records;
 }
 
 /// What is behind the page token, part by part; without one, or where it holds no key, all.
@@ -213,16 +216,37 @@ std::int64_t SelectStmnt::rowsBefore() const noexcept {
     return m_after ? m_after->offset : std::max(m_firstRow, 0);
 }
 
-void SelectStmnt::writeNext(QORBinaryIterator& out, const Page& page, std::optional<bool> changed) const {
+/// Of rows in other places, and of what other views show, nobody knows.
+bool SelectStmnt::knowsChanges() const {
+    if (!m_columns->records || m_nests) return false;
+    // Who does without full access sees rows of others where the view is not known to be securable.
+    if (m_access.empty() && !QORRowAccess::current().isFull()) return false;
+    return m_domain->spread() == nullptr || m_domain->spread()->places() == nullptr;
+}
+
+bool SelectStmnt::hasChanged(ASSession& database) const {
+    if (m_after->records < 0 || !knowsChanges()) return true;
+    return hasChangedSince(database, *m_columns->records, QORRowAccess::current(),
+                           {static_cast<std::int64_t>(m_after->change), m_after->records});
+}
+
+void SelectStmnt::finishPage(ASSession& database, Page& page) const {
+    if (m_after) page.changed = hasChanged(database);
+    if (page.isLast) return;
+    page.next = m_next;
+    page.next.offset = rowsBefore() + page.rows;
+    if (page.key) page.next.key = *page.key;
+    if (m_after || !knowsChanges()) return;
+    const QORRecordState state = recordState(database, *m_columns->records, QORRowAccess::current());
+    page.next.change = static_cast<std::uint64_t>(state.change);
+    page.next.records = state.records;
+}
+
+void SelectStmnt::writeNext(QORBinaryIterator& out, const Page& page) const {
     expectAdded(out.addChild(tag::next));
-    if (!page.isLast) {
-        QORPageToken token = m_next;
-        token.offset = rowsBefore() + page.rows;
-        if (page.key) token.key = *page.key;
-        expectWritten(out.putValue(sealPageToken(token)));
-    }
+    if (!page.isLast) expectWritten(out.putValue(sealPageToken(page.next)));
     out.seekUp();
-    if (changed) expectWritten(out.putValue(*changed ? "true" : "false", tag::changed));
+    if (page.changed) expectWritten(out.putValue(*page.changed ? "true" : "false", tag::changed));
 }
 
 }  // namespace QOR

@@ -136,6 +136,8 @@ private:
     std::vector<ASComparison> behindAfter() const;
     std::optional<std::vector<std::optional<std::string>>> keyOfRow() const;
     std::int64_t rowsBefore() const noexcept;
+    bool knowsChanges() const;
+    bool hasChanged(ASSession& database) const;
 
     void restrictAccess(int operationId);
     void restrict(ASFilter& filter, const ASComparison& behind) const;
@@ -170,6 +172,8 @@ private:
         std::int64_t rows = 0;
         bool isLast = true;
         std::optional<std::vector<std::optional<std::string>>> key{};  ///< of the last row
+        QORPageToken next{};                                           ///< where this is not the last one
+        std::optional<bool> changed{};  ///< since the first page, where this is another one
     };
 
     ASAccess access() const;
@@ -179,7 +183,8 @@ private:
     /// \param begun set once something was written
     Page writeRows(QORBinaryIterator& out, ASSession& database, bool& begun) const;
     void writeBegin(QORBinaryIterator& out) const;
-    void writeNext(QORBinaryIterator& out, const Page& page, std::optional<bool> changed) const;
+    void finishPage(ASSession& database, Page& page) const;
+    void writeNext(QORBinaryIterator& out, const Page& page) const;
     static void expectAdded(int result);
     static void expectWritten(int result);
 
@@ -204,6 +209,7 @@ private:
     bool m_seeks = false;
     std::optional<QORPageToken> m_after;  ///< the place that the page begins behind
     QORPageToken m_next;                  ///< what each token of this question says, but for the place
+    bool m_nests = false;                 ///< other selects stand in the condition
     ASDomainPtr m_domain;
     ASComparison m_where;   ///< what the client asked for
     ASComparison m_access;  ///< which rows there are for this client; none: all

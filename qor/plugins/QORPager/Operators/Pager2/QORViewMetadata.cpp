@@ -50,13 +50,18 @@ constexpr const char* securableObjectColumn = "securableObjId";
 /// Operation identifiers that the host's security knows run from 1 to this one.
 constexpr long lastOperationId = 2000008;
 
-/// What tells the rows of the host's own views apart.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 4> ownKeys{{
-    {"vEnvironment", "eid"},
-    {"vOpLog", "id"},
-    {"vEventLog", "id"},
-    {"vBackupInfo", "id"},
-}};
+/// The host's own views: what tells their rows apart, and what these are.
+struct OwnView {
+    std::string_view name;
+    std::string_view key;
+    QORChangeKind records;
+};
+constexpr OwnView ownViews[] = {
+    {"vEnvironment", "eid", QORChangeKind::Environment},
+    {"vOpLog", "id", QORChangeKind::Operation},
+    {"vEventLog", "id", QORChangeKind::Event},
+    {"vBackupInfo", "id", QORChangeKind::Backup},
+};
 
 /// The per-process caches and their locks.
 struct ViewCaches {
@@ -97,10 +102,12 @@ void addColumn(MetaTablesMap& views, const SchemaTable::MetaData& row) {
     if (type == "decimal") columns.storages.emplace(column, ASStorage::Decimal);
 }
 
-void nameKeys(MetaTablesMap& views) {
-    for (const auto& [view, key] : ownKeys) {
-        const auto found = views.find(toLowerText(view));
-        if (found != views.end() && found->second.viewName == view) found->second.key = key;
+void knowOwnViews(MetaTablesMap& views, bool tellsChanges) {
+    for (const OwnView& own : ownViews) {
+        const auto found = views.find(toLowerText(own.name));
+        if (found == views.end() || found->second.viewName != own.name) continue;
+        found->second.key = own.key;
+        if (tellsChanges) found->second.records = own.records;
     }
 }
 
@@ -113,7 +120,8 @@ void readViewsInto(MetaTablesMap& views) {
         addColumn(views, schema.metaData);
     for (auto& [name, storages] : columnStorages(*transaction))
         views[toLowerText(name)].storages.merge(storages);
-    if (QORDBSchema::inspect(*transaction).kind == QORSchemaState::Kind::Ours) nameKeys(views);
+    if (QORDBSchema::inspect(*transaction).kind == QORSchemaState::Kind::Ours)
+        knowOwnViews(views, keepsRecordChanges(*transaction));
 }
 
 // Each view on its own: of one that the engine fails on, nothing is known, but of the others all the same.

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "QORDBSchema/QORStoredColumns.h"
+#include "QORLibAgent/QORRecordChanges.h"
 #include "rdbmspp/sql/ASAttribute.h"
 
 namespace QOR {
@@ -33,6 +34,7 @@ struct MetaColumnsMap {
     QORStoredColumns reading;                                ///< what is known of reading it
     ASStorages storages;                                     ///< of columns whose type does not say all
     std::string key;  ///< a column that tells its rows apart and is never null; "" where none is known to
+    std::optional<QORChangeKind> records{};  ///< what the sequence of changes tells of its rows; none: nothing
 };
 
 /// All views, by lower-cased name.

@@ -191,6 +191,7 @@ ColumnCell SelectStmnt::funcExpr(QORBinaryIterator it) {
 }
 
 ColumnCell SelectStmnt::selectExpr(const QORBinaryIterator& it) {
+    m_nests = true;
     const SelectStmnt nested(it, this);
     const std::size_t fields = nested.m_outputFields.size();
     // No select can be compared with an operand then, but what else is wrong with the request is said first.

@@ -412,6 +412,135 @@ TEST_F(PageTest, ATokenKeepsTheMomentThatTimesWereToldFrom) {
     EXPECT_LE(openPageToken(other).now, currentTime());
 }
 
+/// What a page of a question says of changes since the first one.
+class ChangedTest : public PageTest {
+protected:
+    void begin(const QORClientContextPtr& as) {
+        m_tokens.clear();
+        for (const Question& question : questions)
+            m_tokens.push_back(ask(question.page(1), as).next());
+        expect(as, {false, false, false, false});
+    }
+    /// \param changed of environments, operations, events, backups
+    void expect(const QORClientContextPtr& as, const std::vector<bool>& changed) {
+        for (std::size_t i = 0; i < questions.size(); ++i) {
+            const Answer second = ask(questions[i].page(1, m_tokens[i]), as);
+            EXPECT_EQ(second.get(tag::changed), changed[i] || hasTestServers() ? "true" : "false") << i;
+            ASSERT_NE(second.next(), "");
+            EXPECT_EQ(ask(questions[i].page(1, second.next()), as).get(tag::changed), second.get(tag::changed))
+                << "the third page too tells of what was since the first";
+        }
+    }
+    static void operation(const std::string& id, unsigned environment) {
+        import(R"({"kind":"operation","id":")" + id + R"(","op":"x","status":0,"time":"2024-05-01 10:00:02","eid":")" +
+               eidOf(environment).toString() + "\"}\n");
+    }
+
+    const std::vector<Question> questions{Question("vEnvironment").field("eid"), Question("vOpLog").field("id"),
+                                          Question("vEventLog").field("id"), Question("vBackupInfo").field("id")};
+
+private:
+    std::vector<std::string> m_tokens;
+};
+
+TEST_F(ChangedTest, IsToldOfWhatCameWasReplacedOrWent) {
+    fill(60);
+    const auto all = fullAccess();
+    begin(all);
+    operation("new", 2);
+    expect(all, {false, true, false, false});
+    begin(all);
+    operation("new", 2);
+    expect(all, {false, true, false, false});
+    begin(all);
+    import(R"({"kind":"event","time":"2024-05-01 10:00:02","source":"x"})"
+           "\n");
+    expect(all, {false, false, true, false});
+    begin(all);
+    import(R"({"kind":"backup","id":"new","eid":")" + eidOf(2).toString() +
+           R"(","time":"2024-05-01 10:00:02","size":1,"type":1})"
+           "\n");
+    expect(all, {false, false, false, true});
+    begin(all);
+    import(R"({"kind":"environment","eid":")" + eidOf(2).toString() +
+           R"(","state":7})"
+           "\n");
+    expect(all, {true, false, false, false});
+    if (hasTestServers()) return;
+    begin(all);
+    runSql("DELETE FROM qor_operation WHERE id = 'new'");
+    expect(all, {false, true, false, false});
+    begin(all);
+    runSql("DELETE FROM qor_event WHERE category = 'a'");
+    expect(all, {false, false, true, false});
+    begin(all);
+    runSql("DELETE FROM qor_event WHERE category IS NULL OR category = ''");
+    expect(all, {false, false, true, false});
+    begin(all);
+    runSql("DELETE FROM qor_backup WHERE id = 'new'");
+    expect(all, {false, false, false, true});
+    begin(all);
+    runSql("DELETE FROM qor_environment WHERE eid = '" + eidOf(7).toString() + "'");
+    expect(all, {true, false, false, false});
+    begin(all);
+    runSql("UPDATE qor_event SET source = 'other' WHERE source = 'a'");
+    expect(all, {false, false, true, false});
+}
+
+TEST_F(ChangedTest, IsNotToldOfWhatTheAskerMayNotSee) {
+    fill(60);
+    const auto mine = accessTo({1, 2, 5});
+    begin(mine);
+    operation("new", 3);
+    import(R"({"kind":"event","time":"2024-05-01 10:00:02","eid":")" + eidOf(4).toString() +
+           R"(","source":"x"})"
+           "\n");
+    import(R"({"kind":"event","time":"2024-05-01 10:00:02","source":"x"})"
+           "\n");
+    import(R"({"kind":"backup","id":"new","eid":")" + eidOf(3).toString() +
+           R"(","time":"2024-05-01 10:00:02","size":1,"type":1})"
+           "\n");
+    import(R"({"kind":"environment","eid":")" + eidOf(3).toString() +
+           R"(","state":7})"
+           "\n");
+    expect(mine, {false, false, false, false});
+    operation("mine", 2);
+    expect(mine, {false, true, false, false});
+    if (hasTestServers()) return;
+    begin(mine);
+    runSql("DELETE FROM qor_operation WHERE eid = '" + eidOf(3).toString() + "'");
+    runSql("DELETE FROM qor_backup WHERE eid = '" + eidOf(3).toString() + "'");
+    runSql("DELETE FROM qor_event WHERE eid IS NULL");
+    runSql("DELETE FROM qor_environment WHERE eid = '" + eidOf(7).toString() + "'");
+    expect(mine, {false, false, false, false});
+    runSql("UPDATE qor_operation SET eid = '" + eidOf(3).toString() + "' WHERE id = 'mine'");
+    expect(mine, {false, true, false, false});
+    begin(mine);
+    import(R"({"kind":"event","time":"2024-05-01 10:00:02","eid":")" + eidOf(1).toString() +
+           R"(","source":"x"})"
+           "\n");
+    import(R"({"kind":"environment","eid":")" + eidOf(2).toString() +
+           R"(","state":7})"
+           "\n");
+    expect(mine, {true, false, true, false});
+}
+
+TEST_F(ChangedTest, MayBeWhereNobodyKnows) {
+    fill(10);
+    const Question nested = Question("vOpLog").field("id").with(
+        R"([1742,[[2234,[[1741,"status"],[1740,[[1009,"vOpLog"],[1741,"status"]]]]]]])");
+    const std::string token = ask(nested.page(1)).next();
+    EXPECT_EQ(ask(nested.page(1, token)).get(tag::changed), "true") << "of what the other view shows";
+    EXPECT_EQ(ask(nested.page(1)).get(tag::changed), "<absent>") << "on the first page";
+    if (hasTestServers()) return;
+    const Question question = Question("vOpLog").field("id");
+    const std::string old = ask(question.page(1)).next();
+    runSql("DELETE FROM qor_record_change");
+    runSql("UPDATE qor_record_number SET n = n + 5");
+    runSql("INSERT INTO qor_record_change (n, kind, first, last) SELECT n, 2, 1, 1 FROM qor_record_number");
+    EXPECT_EQ(ask(question.page(1, old)).get(tag::changed), "true") << "entries are forgotten";
+}
+
 TEST_F(PageTest, CountsGoAsFarAsTheyWereAskedTo) {
     fill(30);
     const Question question = Question("vOpLog").field("id");
