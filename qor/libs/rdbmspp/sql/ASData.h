@@ -68,8 +68,8 @@ public:
     /// must live as long.
     virtual std::string_view text(ASTextBuffer& scratch) const = 0;
     std::string Str() const;
-    /// The same as it was fetched, "" for null; valid as text() is.
-    std::string_view fetched() const noexcept { return isNull() ? std::string_view() : m_raw; }
+    /// The same as it was fetched; of what was fetched and is not null. Valid as text() is.
+    std::string_view fetched() const noexcept { return m_raw; }
 
     /// The value as the statement's text has to hold it: a quoted literal or a number; NULL for null.
     std::string asSQLLiteral(const ASDialect& dialect) const;

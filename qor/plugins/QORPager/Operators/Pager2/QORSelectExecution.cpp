@@ -139,16 +139,22 @@ void SelectStmnt::write(QORBinaryIterator& out, ASSession& database) const {
     out.seekUp();
 }
 
-// Until the first row is there the select may be run anew. One row more than the page has tells whether it is the last.
+// One row more than the page has tells whether it is the last.
+ASSelect SelectStmnt::toPart(const ASComparison& behind, std::int64_t written) const {
+    if (!isPaged()) return toSelect();
+    const std::int64_t offset = m_after && m_after->key.empty() ? m_after->offset : std::max(m_firstRow, 0);
+    return toSelect(behind, std::int64_t{m_pageSize} + 1 - written, offset);
+}
+
+// Until the first row is there the select may be run anew.
 SelectStmnt::Page SelectStmnt::writeRows(QORBinaryIterator& out, ASSession& database, bool& begun) const {
     Page page;
     OutputRow row;
     for (const OutputField& field : m_outputFields)
         row.add(*field.cell.getData());
-    const std::int64_t offset = m_after && m_after->key.empty() ? m_after->offset : std::max(m_firstRow, 0);
     for (const ASComparison& behind : behindAfter()) {
         ASCursor cursor(database);
-        cursor.Select() = isPaged() ? toSelect(behind, std::int64_t{m_pageSize} + 1 - page.rows, offset) : toSelect();
+        cursor.Select() = toPart(behind, page.rows);
         bool more = cursor.Fetch();
         if (!begun) writeBegin(out);
         begun = true;
@@ -183,6 +189,13 @@ void SelectStmnt::expectWritten(int result) {
 
 std::string SelectStmnt::asSQLString() const {
     return m_parent == nullptr ? toSelect().Query(m_dialect) : ASNestedSelect(toSelect(), m_dialect).Query();
+}
+
+std::vector<std::string> SelectStmnt::asSQLStrings() const {
+    std::vector<std::string> texts;
+    for (const ASComparison& behind : behindAfter())
+        texts.push_back(toPart(behind, 0).Query(m_dialect));
+    return texts;
 }
 
 }  // namespace QOR

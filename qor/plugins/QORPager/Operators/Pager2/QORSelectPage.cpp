@@ -117,14 +117,12 @@ void SelectStmnt::completeOrder() {
         if (std::none_of(m_sortColumns.begin(), m_sortColumns.end(), same)) m_sortColumns.push_back(std::move(column));
     }
     const std::string& key = m_columns->key;
-    for (SortColumn& column : m_sortColumns)
-        column.isNeverNull = !key.empty() && column.name == key;
     if (m_distinct || isGrouped()) {
         for (const OutputField& field : m_outputFields) {
-            if (!field.cell.getAggrAttr()) addTieBreaker(field.key, field.cell, false);
+            if (!field.cell.getAggrAttr()) addTieBreaker(field.key, field.cell);
         }
     } else if (!key.empty()) {
-        addTieBreaker(key, getColumn(key), true);
+        addTieBreaker(key, getColumn(key));
     }
     const bool complete = m_distinct || isGrouped() || !key.empty();
     m_seeks = complete && std::all_of(m_sortColumns.begin(), m_sortColumns.end(),
@@ -143,11 +141,11 @@ void SelectStmnt::completeOrder() {
 }
 
 /// In the direction of the last sort key, in which an index may have both.
-void SelectStmnt::addTieBreaker(const std::string& name, const ColumnCell& cell, bool isNeverNull) {
+void SelectStmnt::addTieBreaker(const std::string& name, const ColumnCell& cell) {
     const auto same = [&](const SortColumn& column) { return !column.cell.getAggrAttr() && column.name == name; };
     if (std::any_of(m_sortColumns.begin(), m_sortColumns.end(), same)) return;
     const bool descending = !m_sortColumns.empty() && m_sortColumns.back().descending;
-    m_sortColumns.push_back({name, cell, descending, isNeverNull, false});
+    m_sortColumns.push_back({name, cell, descending, false});
 }
 
 /// Whether rows can be asked for that come behind a value of the column.
@@ -189,7 +187,9 @@ std::vector<ASComparison> SelectStmnt::behindAfter() const {
         const std::optional<std::string>& text = m_after->key[i];
         ASDataPtr value = interpret(column.cell.colType(), nullptr, text ? text->size() : 0);
         if (text) value->take(*text);
-        keys.push_back({&*column.cell.getAttr(), column.descending, column.isNeverNull, std::move(value)});
+        const auto* const meta = getColumnMetaEx(column.name);
+        const bool isNeverNull = meta != nullptr && meta->second.isNeverNull;
+        keys.push_back({&*column.cell.getAttr(), column.descending, isNeverNull, std::move(value)});
     }
     return Parts(std::move(keys)).get();
 }

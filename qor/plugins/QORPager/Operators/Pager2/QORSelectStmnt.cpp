@@ -150,7 +150,7 @@ void SelectStmnt::readSort(QORBinaryIterator& it) {
                        " is not among the fields, and distinct or grouped rows are sorted by "
                        "nothing else",
                    __LINE__);
-        m_sortColumns.push_back({std::move(name), std::move(cell), descending, false, false});
+        m_sortColumns.push_back({std::move(name), std::move(cell), descending, false});
     } while (it.nextSibling(tag::sort) == 0);
     it.seekUp();
     if (!m_ordered) putInOrder(m_sortColumns, &SortColumn::name);

@@ -51,6 +51,9 @@ public:
     void execute(QORBinaryIterator& out);
     /// The statement as SQL text, access restriction included; of a nested one, as it stands in the other's condition.
     std::string asSQLString() const;
+    /// The selects that its page comes from, as SQL text, in the order in which they are run until the page is full:
+    /// one, but mostly of a page behind a page token.
+    std::vector<std::string> asSQLStrings() const;
     /// Projection, condition, limit and order.
     void prepareCursor(ASCursor& cursor) const;
     ASSelect toSelect() const { return toSelect({}, m_pageSize, std::max(m_firstRow, 0)); }
@@ -105,7 +108,6 @@ private:
         std::string name;
         ColumnCell cell;
         bool descending = false;
-        bool isNeverNull = false;
         bool isHidden = false;  ///< it is selected, but not answered
     };
     enum class Counting { None, Legacy, PageOnly, Capped, Exact, Within };
@@ -130,7 +132,7 @@ private:
     bool isPaged() const noexcept { return m_ordered && m_pageSize > 0; }
     bool isGrouped() const;
     void completeOrder();
-    void addTieBreaker(const std::string& name, const ColumnCell& cell, bool isNeverNull);
+    void addTieBreaker(const std::string& name, const ColumnCell& cell);
     bool isSeekable(const SortColumn& column) const;
     void readAfter(const QORBinaryIterator& it);
     std::vector<ASComparison> behindAfter() const;
@@ -179,6 +181,8 @@ private:
     ASAccess access() const;
     void prepareAccessCheck(ASSession& database) const;
     ASSelect toSelect(const ASComparison& behind, std::int64_t most, std::int64_t offset) const;
+    /// Behind the page token, which may say that by an offset. \param written rows of the page that are there already
+    ASSelect toPart(const ASComparison& behind, std::int64_t written) const;
     void write(QORBinaryIterator& out, ASSession& database) const;
     /// \param begun set once something was written
     Page writeRows(QORBinaryIterator& out, ASSession& database, bool& begun) const;

@@ -50,17 +50,17 @@ constexpr const char* securableObjectColumn = "securableObjId";
 /// Operation identifiers that the host's security knows run from 1 to this one.
 constexpr long lastOperationId = 2000008;
 
-/// The host's own views: what tells their rows apart, and what these are.
+/// The host's own views: the columns that are never null, of which the first tells rows apart, and what these are.
 struct OwnView {
     std::string_view name;
-    std::string_view key;
+    std::array<std::string_view, 4> neverNull;
     QORChangeKind records;
 };
 constexpr OwnView ownViews[] = {
-    {"vEnvironment", "eid", QORChangeKind::Environment},
-    {"vOpLog", "id", QORChangeKind::Operation},
-    {"vEventLog", "id", QORChangeKind::Event},
-    {"vBackupInfo", "id", QORChangeKind::Backup},
+    {"vEnvironment", {"eid", "state", "transition", "updated"}, QORChangeKind::Environment},
+    {"vOpLog", {"id", "status", "time"}, QORChangeKind::Operation},
+    {"vEventLog", {"id", "time"}, QORChangeKind::Event},
+    {"vBackupInfo", {"id", "time", "size", "type"}, QORChangeKind::Backup},
 };
 
 /// The per-process caches and their locks.
@@ -106,7 +106,11 @@ void knowOwnViews(MetaTablesMap& views, bool tellsChanges) {
     for (const OwnView& own : ownViews) {
         const auto found = views.find(toLowerText(own.name));
         if (found == views.end() || found->second.viewName != own.name) continue;
-        found->second.key = own.key;
+        found->second.key = own.neverNull.front();
+        for (const std::string_view name : own.neverNull) {
+            const auto column = found->second.columns.find(name);
+            if (column != found->second.columns.end()) column->second.isNeverNull = true;
+        }
         if (tellsChanges) found->second.records = own.records;
     }
 }

@@ -24,6 +24,7 @@ using ColumnType = ASType;
 struct MetaColumn {
     ColumnType type = ColumnType::VarChar;
     std::uint32_t length = 0;
+    bool isNeverNull = false;  ///< as far as is known
 };
 
 /// One view.

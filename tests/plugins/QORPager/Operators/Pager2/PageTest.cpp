@@ -5,6 +5,7 @@
 
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORPageToken.h"
+#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORPager/Operators/Pager2/QORViewMetadata.h"
 #include "libs/QORLibAgent/LogDatabase.h"
 #include "support/HostDatabase.h"
@@ -17,6 +18,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::SizeIs;
 
 using Rows = std::vector<std::vector<std::string>>;
@@ -146,6 +148,16 @@ protected:
         }
         const QORIngestResult result = import(lines);
         ASSERT_FALSE(result.failure) << result.failure->reason;
+    }
+
+    /// Rows of statements of its own. \param values with n, a number from 1 on
+    static void storeNumbered(const std::string& table, const std::string& values, unsigned count) {
+        const std::string last = std::to_string(count);
+        runSql("INSERT INTO " + table + " SELECT " + values + " FROM " +
+               (testEngine() == ASEngine::SQLite
+                    ? "(WITH RECURSIVE g(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM g WHERE n < " + last +
+                          ") SELECT n FROM g)"
+                    : "(SELECT i::text AS n FROM generate_series(1, " + last + ") AS g (i)) r"));
     }
 
     Pager2Client client;
@@ -412,6 +424,76 @@ TEST_F(PageTest, ATokenKeepsTheMomentThatTimesWereToldFrom) {
     EXPECT_LE(openPageToken(other).now, currentTime());
 }
 
+/// How the engine finds a page behind a token.
+class PagePlan : public PageTest {
+protected:
+    /// The plans of the selects that the second page comes from.
+    std::vector<std::string> plansOf(const Question& question, const QORClientContextPtr& as) {
+        QORMessage request;
+        readElement(question.page(20, ask(question.page(20), as).next()), request);
+        QORBinaryIterator select = request.root();
+        select.firstChild();
+        const QORClientContextScope scope(as);
+        std::vector<std::string> plans;
+        for (const std::string& sql : SelectStmnt(select, nullptr).asSQLStrings())
+            plans.push_back(sql + "\n" + planOf(sql));
+        return plans;
+    }
+
+private:
+    static std::string planOf(const std::string& sql) {
+        const bool sqlite = testEngine() == ASEngine::SQLite;
+        QORRdbmsTran tran(ASAccess::Read);
+        if (!sqlite) tran->execute("SET LOCAL enable_seqscan = off");
+        ASStatement& explain = tran->prepare((sqlite ? "EXPLAIN QUERY PLAN " : "EXPLAIN (COSTS OFF) ") + sql);
+        explain.execute();
+        std::string plan;
+        while (explain.fetch())
+            plan.append(explain.text(sqlite ? 4 : 1)).append("\n");
+        explain.close();
+        return plan;
+    }
+};
+
+TEST_F(PagePlan, SeeksAnIndexAndSortsNoMoreThanWhatIsEqual) {
+    QOR_NOT_WITH_SERVERS("is about one database");
+    const bool sqlite = testEngine() == ASEngine::SQLite;
+    fill(900);
+    if (!sqlite) runSql("ANALYZE");
+    const std::string mine = R"([1742,[[2225,[[1741,"eid"],[1018,")" + eidOf(2).toString() + R"("]]]]])";
+    const auto all = fullAccess();
+    for (const auto& [question, as] : std::vector<std::pair<Question, QORClientContextPtr>>{
+             {Question("vOpLog").field("id").sort("time", true), all},
+             {Question("vOpLog").field("op").sort("time"), all},
+             {Question("vOpLog").field("id"), all},
+             {Question("vOpLog").field("id").sort("id", true), all},
+             {Question("vOpLog").field("id").with(mine).sort("time", true), all},
+             {Question("vOpLog").field("id").with(mine).sort("time", true), accessTo({2})},
+             {Question("vOpLog").field("id").sort("time", true), accessTo({2})},
+             {Question("vOpLog").field("id").sort("eid").sort("time"), all},
+             {Question("vOpLog").field("id").sort("eid", true).sort("time", true), all},
+             {Question("vEventLog").field("source").sort("time", true), all},
+             {Question("vEventLog").field("source"), all},
+             {Question("vEventLog").field("source").sort("category").sort("time"), all},
+             {Question("vBackupInfo").field("name").sort("time"), all},
+             {Question("vBackupInfo").field("name").sort("storage_eid").sort("time"), all}}) {
+        for (const std::string& plan : plansOf(question, as)) {
+            // Where nulls end, one page passes over them.
+            if (plan.find("NOT (") != std::string::npos) continue;
+            EXPECT_THAT(plan, Not(HasSubstr("OFFSET")));
+            if (sqlite) {
+                EXPECT_THAT(plan, HasSubstr("SEARCH"));
+                EXPECT_THAT(plan, Not(HasSubstr("SCAN")));
+                EXPECT_THAT(plan, Not(HasSubstr("TEMP B-TREE FOR ORDER BY")));
+            } else {
+                EXPECT_THAT(plan, HasSubstr("Index Cond"));
+                EXPECT_THAT(plan, Not(HasSubstr("Seq Scan")));
+                EXPECT_THAT(plan, Not(::testing::ContainsRegex("(^|\n)( *-> *)?Sort")));
+            }
+        }
+    }
+}
+
 /// What a page of a question says of changes since the first one.
 class ChangedTest : public PageTest {
 protected:
@@ -575,6 +657,8 @@ TEST_F(PageTest, CountsAreOfTheRowsThatAllPagesHave) {
         for (const char* count : {"capped", "exact", "60000ms"}) {
             const Answer answer = ask(question.page(2, {}, ",[2403,\"" + std::string(count) + "\"]"));
             EXPECT_EQ(answer.get(tag::total), rows) << question.text() << count;
+            const Answer whole = ask(Question(question).with("[2403,\"" + std::string(count) + "\"]").text());
+            EXPECT_EQ(whole.get(tag::total), rows) << question.text() << count;
             EXPECT_EQ(answer.get(tag::exactness), "exact");
         }
     }
@@ -582,13 +666,7 @@ TEST_F(PageTest, CountsAreOfTheRowsThatAllPagesHave) {
 
 TEST_F(PageTest, ACappedCountEndsAtItsCap) {
     QOR_NOT_WITH_SERVERS("stores records by statements of its own");
-    const bool sqlite = testEngine() == ASEngine::SQLite;
-    const std::string numbers =
-        sqlite
-            ? " FROM (WITH RECURSIVE g(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM g WHERE n < 10001) SELECT n FROM g)"
-            : " FROM generate_series(1, 10001) AS g (n)";
-    runSql("INSERT INTO qor_event (time, source) SELECT '2024-05-01 10:00:00', n" +
-           std::string(sqlite ? "" : "::text") + numbers);
+    storeNumbered("qor_event (time, source)", "'2024-05-01 10:00:00', n", 10001);
     const Question question = Question("vEventLog").field("source");
     const Answer above = ask(question.page(1, {}, R"(,[2403,"capped"])"));
     EXPECT_EQ(above.get(tag::total), "10000");
@@ -599,6 +677,33 @@ TEST_F(PageTest, ACappedCountEndsAtItsCap) {
     EXPECT_EQ(at.get(tag::exactness), "exact");
     // With a thousand, eight thousand and 64,000 as steps, all are counted in the end.
     EXPECT_EQ(ask(question.page(1, {}, R"(,[2403,"60000ms"])")).get(tag::total), "10000");
+}
+
+TEST_F(PageTest, ACountThatTakesTooLongTellsBounds) {
+    QOR_NOT_WITH_SERVERS("stores records by statements of its own");
+    const std::string eid = ", '" + eidOf(1).toString() + "'";
+    storeNumbered("qor_operation (id, op, status, time, eid)", "n, n, 1, '2024-05-01 10:00:00'" + eid, 3000);
+    storeNumbered("qor_event (time, source, eid)", "'2024-05-01 10:00:00', n" + eid, 3000);
+    runSql("DELETE FROM qor_event WHERE source = '7'");
+    // Each event has to be compared with each operation.
+    const Question question =
+        Question("vEventLog")
+            .field("source")
+            .with(R"([1742,[[2234,[[1741,"source"],[1740,[[1009,"vOpLog"],[1741,"op"],[1742,[[2231,)"
+                  R"([[1741,"op"],[1741,"vEventLog.source"]]]]]]]]]]])");
+    const Answer answer = ask(question.page(2, {}, R"(,[2403,"5ms"])"));
+    EXPECT_THAT(answer.tags(),
+                ElementsAre(tag::statistics, tag::total, tag::exactness, tag::most, tag::spent, tag::next));
+    EXPECT_EQ(answer.get(tag::exactness), "between");
+    EXPECT_GE(std::stoi(answer.get(tag::total)), 3) << "there is a further page";
+    EXPECT_LE(std::stoi(answer.get(tag::total)), 2999);
+    EXPECT_EQ(answer.get(tag::most), "3000");
+    EXPECT_GT(std::stoi(answer.get(tag::spent)), 0);
+    const Answer further = ask(question.page(2, answer.next(), R"(,[2403,"5ms"])"));
+    EXPECT_THAT(further.rows, SizeIs(2));
+    EXPECT_EQ(further.get(tag::changed), "true");
+    const Answer mine = ask(question.page(2, {}, R"(,[2403,"5ms"])"), accessTo({1}));
+    EXPECT_EQ(mine.get(tag::exactness), "at_least") << "how many records others have is not told";
 }
 
 TEST_F(PageTest, ACountThatIsNoneIsRefused) {
