@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,6 +11,8 @@
 #include "support/AgentProcess.h"
 #include "support/HttpClient.h"
 #include "support/Json.h"
+#include "support/LargeView.h"
+#include "support/ResidentMemory.h"
 
 namespace QOR {
 namespace {
@@ -234,6 +238,56 @@ TEST_F(AgentRows, AreOnlyThoseThatTheAskerMaySee) {
     const HttpAnswer none = get("/v1/views/vOpLog/rows?limit=5", "X-Qor-As: other\r\n");
     EXPECT_EQ(none.status, 200) << none.body;
     EXPECT_EQ(jsonAt(none.body, "rows"), "[]");
+}
+
+/// Views of any size, and one that fails in the middle.
+class AgentRowsStream : public testing::Test {
+protected:
+    static constexpr int rows = 300'000;
+
+    AgentRowsStream() { test::makeLargeView(m_database.connectionString(), rows, 200'000); }
+    test::AgentSettings settings(std::vector<std::string> more = {}) const {
+        test::AgentSettings settings;
+        settings.database = m_database.connectionString();
+        settings.more = std::move(more);
+        settings.more.push_back("--read-only");
+        return settings;
+    }
+    static constexpr const char* ndjson = "Accept: application/x-ndjson\r\n";
+
+private:
+    test::TestDatabase m_database;
+};
+
+TEST_F(AgentRowsStream, AFailureBehindTheFirstRowBreaksTheConnection) {
+    const test::AgentProcess agent(settings());
+    HttpClient client(agent.socketPath());
+    EXPECT_THROW(client.request("GET", "/v1/views/vBroken/rows?fields=id,name", {}, ndjson), std::runtime_error);
+    const HttpAnswer page =
+        HttpClient(agent.socketPath()).get("/v1/views/vBroken/rows?fields=id,name&limit=20&offset=199990");
+    EXPECT_EQ(page.status, 500) << "a page is an error alone";
+    EXPECT_EQ(page.headers.at("content-type"), "application/problem+json");
+}
+
+TEST_F(AgentRowsStream, AllRowsOfALargeViewComeAndTheAgentStaysSmall) {
+    const test::AgentProcess agent(settings());
+    HttpClient client(agent.socketPath());
+    client.request("GET", "/v1/views/vMany/rows?limit=10", {}, ndjson);
+    const std::size_t before = test::residentBytes(agent.pid());
+    const HttpAnswer answer = client.request("GET", "/v1/views/vMany/rows", {}, ndjson);
+    EXPECT_EQ(std::count(answer.body.begin(), answer.body.end(), '\n'), rows + 1);
+    EXPECT_THAT(answer.body, testing::EndsWith("{\"page\":{\"returned\":300000}}\n"));
+    if (test::residentMemoryTells) {
+        EXPECT_LT(test::residentBytes(agent.pid()), before + answer.body.size() / 2);
+    }
+}
+
+TEST_F(AgentRowsStream, APageThatIsTooLargeSaysHowToGetItsRows) {
+    const test::AgentProcess agent(settings({"--answer-bytes", "65536"}));
+    const HttpAnswer answer = HttpClient(agent.socketPath()).get("/v1/views/vMany/rows?limit=10000");
+    EXPECT_EQ(answer.status, 422);
+    EXPECT_EQ(jsonAt(answer.body, "code"), R"("answer_too_large")");
+    EXPECT_THAT(answer.body, HasSubstr("application/x-ndjson"));
 }
 
 }  // namespace

@@ -30,9 +30,7 @@ constexpr std::array<std::string_view, 6> recordsBody{"application/x-ndjson", "a
                                                       "text/plain",           "application/x-www-form-urlencoded"};
 
 constexpr auto writing = HttpLane::Writing;
-constexpr auto reading = HttpLane::Reading;
 constexpr auto full = AgentReach::Full;
-constexpr auto anybody = AgentReach::Anybody;
 
 constexpr std::array routes{
     AgentRoute{.path = "/v1/messages",
