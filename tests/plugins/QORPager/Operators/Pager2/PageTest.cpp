@@ -260,6 +260,21 @@ TEST_F(PageTest, PagesMakeTheWholeWhateverIsAsked) {
     }
 }
 
+TEST_F(PageTest, NullsInAnyKeyAreReachedFromEitherSide) {
+    fill(60);
+    for (int way = 0; way < 4; ++way) {
+        const Question question = Question("vOpLog")
+                                      .field("op")
+                                      .field("parent_id")
+                                      .with("[2293]")
+                                      .sort("op", way % 2 == 0)
+                                      .sort("parent_id", way < 2);
+        const Rows all = ask(question.text()).rows;
+        for (const int size : {1, 2, 5})
+            EXPECT_EQ(walk(question, size), all) << question.text() << size;
+    }
+}
+
 TEST_F(PageTest, RowsThatStayComeOnceWhateverComesAndGoesBetweenPages) {
     QOR_NOT_WITH_SERVERS("removes records by statements of its own");
     fill(80);
