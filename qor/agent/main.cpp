@@ -56,6 +56,7 @@ struct Settings {
     HttpServerOptions server;
     QORAnswerLimits answers;
     AgentMemory memory;
+    AgentFollowSettings following;
 };
 
 /// Every client costs a descriptor, every query one or two more; the usual soft limit is meant for programs that
@@ -150,6 +151,20 @@ void declareTimes(CLI::App& app, HttpServerOptions& server) {
     addNumber(app, "--write-time", {1, aDay},
               "seconds in which a client has to take something of its answer, by default 60",
               storeSeconds(server.writeTimeout))
+        ->group(group);
+}
+
+/// How those are treated who follow what comes.
+void declareFollowing(CLI::App& app, AgentFollowSettings& following) {
+    constexpr std::uint64_t aDay = 86400;
+    const char* const group = "Followers";
+    addNumber(app, "--follow-heartbeat", {1, aDay},
+              "seconds of silence behind which a follower is told where it stands, by default 15",
+              storeSeconds(following.heartbeat))
+        ->group(group);
+    addNumber(app, "--follow-patience", {1, aDay},
+              "seconds that a follower may take for what it is sent, by default 15; then it ends",
+              storeSeconds(following.patience))
         ->group(group);
 }
 
@@ -253,6 +268,7 @@ void declareOptions(CLI::App& app, Settings& settings) {
     declareRetention(app, settings.keep);
     declareShares(app, settings.server);
     declareTimes(app, settings.server);
+    declareFollowing(app, settings.following);
     declareMemory(app, settings);
     addNumber(app, "--deadline", {1, 86400},
               "seconds that a request may take, by default 30; it may ask for less itself",
@@ -402,6 +418,7 @@ int serve(Settings& settings) {
     QORHost host(hostOptions(settings));
     const QORRetention retention(settings.keep);
     AgentApplication application(host, settings.memory);
+    application.setFollowing(settings.following);
     HttpServer server(settings.server, application);
     application.setConnectionCounter([&server] { return server.connections(); });
     const SignalWatch signals({[&server] { server.stop(); }, [&settings] { readAnew(settings); }});

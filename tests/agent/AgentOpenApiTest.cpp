@@ -101,10 +101,13 @@ TEST_F(AgentOpenApi, WhatRoutesAnswerIsWhatItSays) {
         for (const auto* const operation : test::membersOf(path->value)) {
             const std::string method = upper(operation->name.GetString());
             const std::string target = targetOf(path->name.GetString());
+            const auto& responses = operation->value["responses"];
+            const bool goesOn = jsonAt(responses, "200/content").find("text/event-stream") != std::string::npos;
             for (const char* query : {"", "?no-such-parameter=1"}) {
-                const HttpAnswer answer = HttpClient(agent->socketPath()).request(method, target + query);
+                // What never ends is looked at by its head.
+                const HttpAnswer answer =
+                    HttpClient(agent->socketPath()).request(goesOn ? "HEAD" : method, target + query);
                 const std::string status = std::to_string(answer.status);
-                const auto& responses = operation->value["responses"];
                 ASSERT_TRUE(responses.HasMember(status.c_str())) << method << target << query << ' ' << answer.body;
                 const std::string type = answer.headers.at("content-type");
                 if (target == "/v1/messages" && answer.status == 400) continue;  // in notation, whatever is wrong

@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "QORCommon/QORMemory.h"
+#include "QORLibAgent/QORChangeWatch.h"
 #include "agent/api/AgentAccess.h"
 #include "agent/api/AgentFields.h"
 #include "agent/api/AgentViews.h"
@@ -31,6 +32,12 @@ struct AgentMemory {
     std::size_t allRequests = std::size_t{1} << 30;
 };
 
+/// How the agent treats those who follow.
+struct AgentFollowSettings {
+    std::chrono::milliseconds heartbeat = std::chrono::seconds(15);  ///< the longest silence
+    std::chrono::milliseconds patience = std::chrono::seconds(15);   ///< for a client to take what it is sent
+};
+
 /// Who asks is decided for each request when its head has been read (AgentAccess): by the token that it shows, or by
 /// who the system says is at the other end, or by the certificate that was shown. Root and the agent's own user have
 /// full access; somebody without an entry stands for no environment. One connection is one client: it has its own
@@ -44,6 +51,9 @@ public:
     /// Where the number of open connections comes from, for /v1/health. Before the first connection.
     void setConnectionCounter(std::function<std::size_t()> counter) { m_connections = std::move(counter); }
 
+    /// Before the first connection.
+    void setFollowing(const AgentFollowSettings& settings) { m_following = settings; }
+
     HttpIdentity identify(const HttpPeer& peer) override;
     HttpPlan plan(const HttpRequest& head, const HttpPeer& peer) override;
     std::unique_ptr<HttpClientHandler> connect(const HttpPeer& peer) override;
@@ -53,6 +63,9 @@ public:
     AgentAccess& access() noexcept { return m_access; }
     AgentViews& views() noexcept { return m_views; }
     AgentFields& fields() noexcept { return m_fields; }
+    /// Tells those who follow that there is something new.
+    QORChangeWatch& changes() noexcept { return m_changes; }
+    const AgentFollowSettings& followSettings() const noexcept { return m_following; }
     std::chrono::steady_clock::duration uptime() const { return std::chrono::steady_clock::now() - m_start; }
     /// Open ones.
     std::size_t connections() const { return m_connections(); }
@@ -64,6 +77,8 @@ private:
     AgentAccess m_access;
     AgentViews m_views;
     AgentFields m_fields;
+    QORChangeWatch m_changes;
+    AgentFollowSettings m_following{};
     const std::size_t m_requestMemory;
     QORMemoryBudget m_memory;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };

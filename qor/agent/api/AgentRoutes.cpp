@@ -8,6 +8,7 @@
 #include "agent/api/AgentAccept.h"
 #include "agent/api/AgentDescriptions.h"
 #include "agent/api/AgentFields.h"
+#include "agent/api/AgentFollow.h"
 #include "agent/api/AgentHealth.h"
 #include "agent/api/AgentIdentities.h"
 #include "agent/api/AgentMaintenance.h"
@@ -17,6 +18,7 @@
 #include "agent/api/AgentQuery.h"
 #include "agent/api/AgentRecords.h"
 #include "agent/api/AgentRows.h"
+#include "agent/api/AgentTimeline.h"
 #include "agent/api/AgentViews.h"
 
 namespace QOR {
@@ -115,6 +117,20 @@ constexpr std::array routes{
                .body = jsonBody,
                .members = queryMembers,
                .streams = streamsQuery},
+    AgentRoute{.path = "/v1/timeline",
+               .method = "GET",
+               .summary = "Operations, events and backups in the order of their time",
+               .answer = answerTimeline,
+               .parameters = timelineParameters,
+               .types = agentFormatTypes,
+               .hasFormat = true},
+    AgentRoute{.path = "/v1/follow",
+               .method = "GET",
+               .lane = HttpLane::Following,
+               .summary = "What came since, then what comes, as server-sent events",
+               .answer = answerFollow,
+               .parameters = followParameters,
+               .types = followTypes},
     AgentRoute{.path = "/v1/vocabulary",
                .method = "GET",
                .summary = "What the configuration tells plug-ins",

@@ -136,14 +136,6 @@ private:
     bool m_begun = false;
 };
 
-/// The environment that the client stands for itself, as text.
-std::string currentEidOf(AgentCall& call) {
-    const QORClientContextPtr context = call.session().context();
-    QOREID eid;
-    if (!context->token->ownSID() || !extractObjIdFromSID(*context->token->ownSID(), eid)) return {};
-    return eid.toString();
-}
-
 /// Codes of errors that operators have beside the host's own.
 constexpr int unknownField = 3111;
 constexpr int unreadableFilter = 3151;
@@ -155,6 +147,19 @@ constexpr std::string_view howToGetTheRest =
     ": ask for fewer rows (limit), fewer fields, or for all as a stream (Accept: application/x-ndjson, without limit)";
 
 }  // namespace
+
+std::string currentEidOf(AgentCall& call) {
+    const QORClientContextPtr context = call.session().context();
+    QOREID eid;
+    if (!context->token->ownSID() || !extractObjIdFromSID(*context->token->ownSID(), eid)) return {};
+    return eid.toString();
+}
+
+void giveOperatorRows(AgentCall& call, AgentSelect& select, AgentRowsWriter& writer,
+                      const std::function<bool(std::int64_t rows)>& afterRow) {
+    OperatorRows rows(writer, std::move(select.columns), std::move(select.names));
+    call.host.router().ask(call.session(), select.envelope, rows, afterRow);
+}
 
 AgentRowsForm rowsFormOf(const HttpRequest& request, const AgentParameters& parameters) {
     AgentRowsForm form;

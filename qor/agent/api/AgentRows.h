@@ -35,6 +35,13 @@ HttpReply replyWithRows(
 HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QORRequestEnvelope& request,
                           std::vector<AgentColumn> columns, std::vector<std::string> names);
 
+/// The same to a writer of somebody else's. \throws QORException for an error of the operator
+void giveOperatorRows(AgentCall& call, AgentSelect& select, AgentRowsWriter& writer,
+                      const std::function<bool(std::int64_t rows)>& afterRow);
+
+/// The environment that the client stands for itself, as text; empty for none.
+std::string currentEidOf(AgentCall& call);
+
 /// GET /v1/views/{view}/rows
 HttpReply answerViewRows(AgentCall& call);
 /// The same for a view and parameters from elsewhere.

@@ -149,7 +149,7 @@ private:
         QORConditionOptions options;
         options.view = m_view.name;
         options.levels = m_select.envelope.body.limits().depth - levelsAboveCondition;
-        options.now = nowOf(m_parameters);
+        options.now = m_context.now ? *m_context.now : nowOf(m_parameters);
         options.currentEid = m_context.currentEid;
         options.types = [&](std::string_view view, std::string_view column) {
             const AgentView* const known = find(view);

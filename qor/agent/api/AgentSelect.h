@@ -71,8 +71,9 @@ inline constexpr std::array viewRowsParameters{
 
 /// What the request is made for.
 struct AgentSelectContext {
-    std::string currentEid{};  ///< the environment that the asker stands for; empty: none
-    bool all = false;          ///< without a limit all rows are wanted, not a page
+    std::string currentEid{};           ///< the environment that the asker stands for; empty: none
+    bool all = false;                   ///< without a limit all rows are wanted, not a page
+    std::optional<std::int64_t> now{};  ///< seconds that relative times are told from; empty: nowOf() the parameters
 };
 
 /// A request and how its answer is read.

@@ -2,6 +2,7 @@
 #include "QORLibAgent/QORRecordChanges.h"
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <random>
 #include <string>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "LogDatabase.h"
+#include "QORLibAgent/QORChangeWatch.h"
 #include "support/HostDatabase.h"
 
 namespace QOR::test {
@@ -414,6 +416,31 @@ TEST_F(RecordChanges, NobodyMissesAnythingWhileManyWrite) {
     EXPECT_EQ(queryText("SELECT n - (SELECT sum(last - first + 1) FROM qor_record_change) FROM qor_record_number"),
               "0");
     EXPECT_EQ(queryText("SELECT count(*) FROM qor_record_due"), "0");
+}
+
+TEST_F(RecordChanges, WakeThoseWhoWaitWhoeverMakesThem) {
+    QORChangeWatch watch;
+    std::atomic<int> woken = 0;
+    std::vector<std::jthread> waiting;
+    for (int i = 0; i < 3; ++i) {
+        waiting.emplace_back([&] {
+            QORChangeReader reader(allKinds);
+            for (std::size_t records = 0; records < 2;) {
+                const std::uint64_t seen = watch.seen();
+                const std::size_t more = readOn(reader).size();
+                records += more;
+                if (more == 0) watch.await(seen, std::chrono::minutes(5));
+            }
+            ++woken;
+        });
+    }
+    import(R"({"kind":"event","time":1})"
+           "\n");
+    runSql(event("of another program"));
+    waiting.clear();
+    EXPECT_EQ(woken, 3);
+    std::jthread last([&] { watch.await(watch.seen(), std::chrono::minutes(5)); });
+    watch.stop();
 }
 
 TEST_F(RecordChanges, OfADatabaseOfAnEarlierVersionAreAllThatItHolds) {
