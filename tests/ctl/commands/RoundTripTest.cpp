@@ -169,7 +169,7 @@ std::optional<std::string> textOrBytes(const rapidjson::Value& value) {
 
 Rows rowsOfJson(const std::string& text, const Words& columns) {
     rapidjson::Document document;
-    document.Parse(text.data(), text.size());
+    document.Parse<rapidjson::kParseNumbersAsStringsFlag>(text.data(), text.size());  // as they are spelled
     Rows rows;
     for (const auto& object : document.GetArray()) {
         auto& row = rows.emplace_back();
