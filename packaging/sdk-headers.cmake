@@ -22,6 +22,7 @@ set(QOR_SDK_HEADERS
   QORLibAgent/QOREnv.h
   QORLibAgent/QOREnvCache.h
   QORLibAgent/QORInfo.h
+  QORLibAgent/QORLogOrder.h
   QORLibAgent/QORLogs.h
   QORLibAgent/QORSecurity.h
   QORLibLocal/QORVocabulary.h

@@ -20,15 +20,10 @@
 
 #include "QORCommon/QORExport.h"
 #include "QORCommon/QORGuid.h"
+#include "QORLibAgent/QORLogOrder.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
-
-/// Which of the two logs.
-enum class QORLogKind { Operations, Events };
-
-/// Which way a log is gone through.
-enum class QORLogOrder { NewestFirst, OldestFirst };
 
 /// Names of scopes. Those of different environments have no record in common.
 QOR_API std::string allOperationsScope();
@@ -77,17 +72,6 @@ private:
 
     ASSession& m_session;
     std::array<Scopes, 2> m_scopes;  // by QORLogKind
-};
-
-/// Where a record stands in its log: newest first, of one second the latest arrival first.
-struct QORLogMark {
-    std::int64_t seq = 0;
-    std::string time;  ///< in the database's form
-
-    /// In the order of the log.
-    friend bool operator<(const QORLogMark& left, const QORLogMark& right) {
-        return left.time != right.time ? left.time > right.time : left.seq > right.seq;
-    }
 };
 
 /// The records of some scopes of one log, read within a transaction. No two of the scopes may have a record in common.

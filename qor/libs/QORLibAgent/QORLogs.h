@@ -20,7 +20,7 @@
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORReferenceCounter.h"
 #include "QORLibAgent/QORInfo.h"
-#include "QORLibAgent/QORLogCounters.h"
+#include "QORLibAgent/QORLogOrder.h"
 
 namespace QOR {
 
