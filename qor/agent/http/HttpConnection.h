@@ -892,6 +892,7 @@ private:
     HttpPlan m_plan;
     /// What is told of a request at its end.
     struct Account {
+        Account() {}  // within a class, members' values count as a constructor's only when it is complete
         std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
         unsigned status = 0;
         std::size_t bytes = 0;
