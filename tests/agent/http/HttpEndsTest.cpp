@@ -53,6 +53,9 @@ TEST_F(HttpServerEnds, AClientThatGoesIsToldOfWhenTheWorkForItHasEnded) {
         client.close();
     }
     EXPECT_TRUE(application.hasNoEnd());
+    // What is read behind the end of that connection is answered when the server knows of it.
+    connect().get("/now");
+    expectEnd(How::Answered, 200, 3);
     application.gate.open();
     expectEnd(How::Gone, 0, 0);
 }
