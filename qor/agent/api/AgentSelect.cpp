@@ -28,11 +28,6 @@ std::string nearestOf(std::string_view name, const std::vector<std::string_view>
     return near.empty() ? std::string() : std::string(near.front());
 }
 
-/// What an aggregate is called in answers.
-std::string labelOf(const QORQueryField& field) {
-    return field.function.empty() ? field.column : field.function + "(" + field.column + ")";
-}
-
 class SelectBuilder {
 public:
     SelectBuilder(const AgentViews::List& views, const AgentView& view, const AgentParameters& parameters,
@@ -103,18 +98,9 @@ private:
     }
 
     void addField(const QORQueryField& field, const AgentViewColumn& column) {
-        if (field.function.empty()) {
-            requireRoom(m_at.putValue(field.column, tag::field));
-        } else {
-            requireRoom(m_at.addChild(tag::field));
-            requireRoom(m_at.addChild(tag::function));
-            requireRoom(m_at.putValue(field.function, tag::name));
-            requireRoom(m_at.putValue(field.column, tag::field));
-            requireRoom(m_at.seekUp());
-            requireRoom(m_at.seekUp());
-        }
-        m_select.columns.push_back({labelOf(field), columnKindOf(field, column.type)});
-        m_select.names.push_back(labelOf(field));
+        requireRoom(putQueryField(m_at, field));
+        m_select.columns.push_back({answerName(field), columnKindOf(field, column.type)});
+        m_select.names.push_back(answerName(field));
     }
 
     void addSort() {
@@ -123,7 +109,7 @@ private:
         for (const AgentListItem& item : splitList(m_parameters, "sort")) {
             const bool descending = item.text.starts_with('-');
             const QORQueryField field = readField("sort", item, trimmed(item.text.substr(descending ? 1 : 0)));
-            const std::string label = labelOf(field);
+            const std::string label = answerName(field);
             if (!before.insert(label).second)
                 refuse("sort", item, "bad_parameter", quoteText(label) + " is given twice", label, "", "");
             if (!field.function.empty() && !isAsked(label))

@@ -69,16 +69,7 @@ private:
         if (!field.function.empty() && field.column == "*")
             throw CtlError::usage(quoteText(text) + ": an aggregate needs a column, for example " + field.function +
                                   "(eid)");
-        if (field.function.empty()) {
-            requireRoom(m_at.putValue(field.column, tag::field));
-        } else {
-            requireRoom(m_at.addChild(tag::field));
-            requireRoom(m_at.addChild(tag::function));
-            requireRoom(m_at.putValue(field.function, tag::name));
-            requireRoom(m_at.putValue(field.column, tag::field));
-            requireRoom(m_at.seekUp());
-            requireRoom(m_at.seekUp());
-        }
+        requireRoom(putQueryField(m_at, field));
         m_fields.push_back(std::move(field));
     }
 

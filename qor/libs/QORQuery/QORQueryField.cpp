@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "QORCommon/QORAscii.h"
+#include "QORMessage/QORBinaryIterator.h"
 
 namespace QOR {
 namespace {
@@ -55,6 +56,16 @@ QORQueryField parseQueryField(std::string_view text) {
     const std::string_view function = trim(trimmed.substr(0, open));
     if (function.empty() || !std::all_of(function.begin(), function.end(), isWordChar)) return {unquoteName(text), ""};
     return {unquoteName(trim(trimmed.substr(open + 1, trimmed.size() - open - 2))), aggregateName(function)};
+}
+
+int putQueryField(QORBinaryIterator& select, const QORQueryField& field) {
+    if (field.function.empty()) return select.putValue(field.column, tag::field);
+    if (const int failed = select.addChild(tag::field)) return failed;
+    if (const int failed = select.addChild(tag::function)) return failed;
+    if (const int failed = select.putValue(field.function, tag::name)) return failed;
+    if (const int failed = select.putValue(field.column, tag::field)) return failed;
+    if (const int failed = select.seekUp()) return failed;
+    return select.seekUp();
 }
 
 std::string answerName(const QORQueryField& field) {

@@ -10,6 +10,8 @@
 
 namespace QOR {
 
+class QORBinaryIterator;
+
 /// A column, or an aggregate over one.
 struct QORQueryField {
     std::string column;
@@ -20,6 +22,10 @@ struct QORQueryField {
 /// `column`, `"any column"` or `function(column)`; anything that has none of these forms is the name of a column as it
 /// stands.
 QOR_API QORQueryField parseQueryField(std::string_view text);
+
+/// Adds the field to the select element that the cursor stands on. \returns 0, or else what the cursor answered that
+/// had no room; the element is then to be thrown away
+QOR_API int putQueryField(QORBinaryIterator& select, const QORQueryField& field);
 
 /// The name of the field's column in an ordered answer: the column's, or "count(id)".
 QOR_API std::string answerName(const QORQueryField& field);
