@@ -62,6 +62,10 @@ public:
     /// For the one thread that works for the request, where it holds nothing that others need to go on: lets others
     /// have the processor from time to time once the request has taken long. \returns !expired()
     bool mayGoOn() noexcept;
+    /// Something that the request needs is away or kept by others for now: whatever comes of it, the same request may
+    /// succeed later.
+    void noteOutage() noexcept { m_outage.store(true, std::memory_order_relaxed); }
+    bool metOutage() const noexcept { return m_outage.load(std::memory_order_relaxed); }
     /// When it ends unless it is cancelled, the grace included; Clock::time_point::max() when there is no such time.
     Clock::time_point deadline() const noexcept;
     /// Why it has ended, for people: "the request's deadline of 30 s has passed". Empty while it has not.
@@ -90,6 +94,7 @@ private:
     std::atomic<Ticks> m_grace{0};
     std::atomic<Ticks> m_graced{0};  // the earliest end with grace
     mutable std::atomic<End> m_end{End::None};
+    std::atomic<bool> m_outage{false};
     Clock::time_point m_yields;  // when mayGoOn() lets others have the processor next
 };
 

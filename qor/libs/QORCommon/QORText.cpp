@@ -176,4 +176,10 @@ std::optional<std::string> parseBase64(std::string_view text) {
     return out;
 }
 
+std::size_t charactersBefore(std::string_view text, std::size_t offset) noexcept {
+    const std::string_view before = text.substr(0, std::min(offset, text.size()));
+    return static_cast<std::size_t>(std::count_if(
+        before.begin(), before.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
+}
+
 }  // namespace QOR

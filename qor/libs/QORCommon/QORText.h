@@ -28,4 +28,7 @@ QOR_API void appendBase64(std::string_view bytes, std::string& out);
 /// The bytes of a padded base64 text; empty when it is not one. Blanks and line ends are not part of it.
 QOR_API std::optional<std::string> parseBase64(std::string_view text);
 
+/// Characters of UTF-8 that stand before a byte of a text.
+QOR_API std::size_t charactersBefore(std::string_view text, std::size_t offset) noexcept;
+
 }  // namespace QOR

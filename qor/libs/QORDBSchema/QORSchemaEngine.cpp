@@ -21,7 +21,7 @@ constexpr std::array sqliteSteps{
     QORVersionedStep{4, &documentSchema},  QORVersionedStep{5, &upkeepSchema},  QORVersionedStep{6, &requestSchema},
     QORVersionedStep{7, &changeSchema},    QORVersionedStep{8, &serverSchema},  QORVersionedStep{9, &countingSchema},
     QORVersionedStep{10, &identitySchema}, QORVersionedStep{11, &commitSchema}, QORVersionedStep{12, &secretSchema},
-    QORVersionedStep{13, &sequenceSchema},
+    QORVersionedStep{13, &sequenceSchema}, QORVersionedStep{14, &writerSchema},
 };
 constexpr std::array<std::string_view, 2> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX "};
 
@@ -41,7 +41,7 @@ constexpr std::array postgresSteps{
     QORVersionedStep{7, &postgresChanges},   QORVersionedStep{8, &postgresServers},
     QORVersionedStep{9, &postgresCounting},  QORVersionedStep{10, &postgresIdentities},
     QORVersionedStep{11, &postgresCommits},  QORVersionedStep{12, &postgresSecrets},
-    QORVersionedStep{13, &postgresSequence},
+    QORVersionedStep{13, &postgresSequence}, QORVersionedStep{14, &writerSchema},
 };
 static_assert(sqliteSteps.back().version == postgresSteps.back().version);
 constexpr std::array<std::string_view, 5> postgresParts{

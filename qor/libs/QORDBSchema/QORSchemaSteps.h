@@ -44,5 +44,7 @@ extern const QORSchemaStep secretSchema;
 extern const QORSchemaStep sequenceFilling;
 /// Which records changed, in the order of the commits.
 extern const QORSchemaStep sequenceSchema;
+/// About which environments somebody may store records. The same for each engine.
+extern const QORSchemaStep writerSchema;
 
 }  // namespace QOR

@@ -87,14 +87,16 @@ struct View {
     std::string_view meaning;
     std::string_view table;
     std::span<const Column> columns;
+    std::string_view main;  ///< names of columns with a comma behind each
 };
 
 constexpr std::array views{
     View{"vEnvironment", "One row an environment: a host, a container, a virtual machine.", "qor_environment",
-         environmentColumns},
-    View{"vOpLog", "One row an operation, such as an action on a package.", "qor_operation", operationColumns},
-    View{"vEventLog", "One row an event.", "qor_event", eventColumns},
-    View{"vBackupInfo", "One row a backup.", "qor_backup", backupColumns},
+         environmentColumns, "eid,hostname,os_name,os_version,ip,memory,state,"},
+    View{"vOpLog", "One row an operation, such as an action on a package.", "qor_operation", operationColumns,
+         "time,eid,op,package,version,status,"},
+    View{"vEventLog", "One row an event.", "qor_event", eventColumns, "time,eid,category,source,"},
+    View{"vBackupInfo", "One row a backup.", "qor_backup", backupColumns, "time,eid,name,size,type,storage_eid,"},
 };
 
 const View* find(std::string_view name) noexcept {
@@ -126,6 +128,25 @@ std::string_view viewColumnMeaning(std::string_view view, std::string_view colum
     if (found == nullptr) return {};
     for (const Column& one : found->columns)
         if (one.name == column) return one.meaning;
+    return {};
+}
+
+std::vector<std::string_view> viewMainColumns(std::string_view view) {
+    const View* const found = find(view);
+    std::vector<std::string_view> names;
+    std::string_view rest = found == nullptr ? std::string_view() : found->main;
+    while (!rest.empty()) {
+        names.push_back(rest.substr(0, rest.find(',')));
+        rest.remove_prefix(names.back().size() + 1);
+    }
+    return names;
+}
+
+std::vector<std::string> viewColumnValues(std::string_view view, std::string_view column) {
+    // What the collector of the package log makes of its lines; and the categories that filters ask for by name.
+    if (view == "vOpLog" && column == "op")
+        return {"install", "upgrade", "configure", "trigproc", "remove", "purge", "disappear"};
+    if (view == "vEventLog" && column == "category") return {"resource_alert", "env_status"};
     return {};
 }
 

@@ -19,6 +19,14 @@ QOR_API std::string_view viewMeaning(std::string_view view) noexcept;
 /// What the column holds, for people; empty for one that is not the host's. Constants of the program.
 QOR_API std::string_view viewColumnMeaning(std::string_view view, std::string_view column) noexcept;
 
+/// The columns that tell most of one of the host's views, in the order in which people read them; none for other views.
+/// Constants of the program.
+QOR_API std::vector<std::string_view> viewMainColumns(std::string_view view);
+
+/// The words that the host itself stores in the column, where they are few and always the same; records that come from
+/// elsewhere may have others.
+QOR_API std::vector<std::string> viewColumnValues(std::string_view view, std::string_view column);
+
 /// An index below a view.
 struct QORViewIndex {
     std::string name;

@@ -1,7 +1,6 @@
 #include "QORLibAgent/QORIdentities.h"
 
 #include <algorithm>
-#include <set>
 #include <utility>
 
 #include "QORCommon/QORDigest.h"
@@ -97,15 +96,18 @@ std::vector<QORTokenEntry> readTokens(ASSession& session) {
 }
 
 void readEnvironmentsOf(ASSession& session, std::vector<QORIdentity>& identities) {
-    ASStatement& select =
-        session.prepare("SELECT name, eid, below FROM qor_identity_environment ORDER BY name, position");
+    // A database that is only read may be of a version without writers.
+    const bool knowsWriters = hasColumns(session, "qor_identity_environment", "'writes'", 1);
+    ASStatement& select = session.prepare(
+        knowsWriters ? "SELECT name, eid, below, writes FROM qor_identity_environment ORDER BY name, position"
+                     : "SELECT name, eid, below, 0 FROM qor_identity_environment ORDER BY name, position");
     select.execute();
     while (select.fetch()) {
         const auto place = std::lower_bound(identities.begin(), identities.end(), select.text(1),
                                             [](const QORIdentity& a, std::string_view name) { return a.name < name; });
         QOREID eid;
         if (place == identities.end() || place->name != select.text(1) || !eid.fromString(select.text(2))) continue;
-        place->environments.push_back({eid, select.integer(3) != 0});
+        place->environments.push_back({eid, select.integer(3) != 0, select.integer(4) != 0});
     }
     select.close();
 }
@@ -150,6 +152,14 @@ std::optional<QORIdentityKind> findIdentityKind(std::string_view name) noexcept 
         if (text == name) return kind;
     }
     return std::nullopt;
+}
+
+QORWriteScope writeScopeOf(const QORIdentity& identity) {
+    QORWriteScope scope{identity.name};
+    for (const QORIdentityEnvironment& environment : identity.environments) {
+        if (environment.writes) (environment.below ? scope.subtrees : scope.single).insert(environment.eid);
+    }
+    return scope;
 }
 
 std::optional<std::int64_t> identityNumber() {
@@ -200,13 +210,14 @@ void addIdentity(const QORIdentity& identity) {
     insert.execute();
     std::int64_t position = 0;
     for (const QORIdentityEnvironment& environment : identity.environments) {
-        ASStatement& add =
-            tran->prepare("INSERT INTO qor_identity_environment (name, position, eid, below) VALUES (?, ?, ?, ?)");
+        ASStatement& add = tran->prepare(
+            "INSERT INTO qor_identity_environment (name, position, eid, below, writes) VALUES (?, ?, ?, ?, ?)");
         QORBinder(add)
             .text(identity.name)
             .integer(position++)
             .eid(environment.eid)
-            .integer(std::int64_t{environment.below});
+            .integer(std::int64_t{environment.below})
+            .integer(std::int64_t{environment.writes});
         add.execute();
     }
     tran.commit();

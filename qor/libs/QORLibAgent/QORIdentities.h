@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,7 +26,8 @@ QOR_API std::optional<QORIdentityKind> findIdentityKind(std::string_view name) n
 /// An environment that somebody stands for.
 struct QORIdentityEnvironment {
     QOREID eid;
-    bool below = false;  ///< and all that are below it in the tree of parents, as that is when he asks
+    bool below = false;   ///< and all that are below it in the tree of parents, as that is when he asks
+    bool writes = false;  ///< and he may store records about it, and about those below it if he stands for them
     bool operator==(const QORIdentityEnvironment&) const = default;
 };
 
@@ -54,6 +56,15 @@ struct QORIdentityList {
     std::vector<QORIdentity> identities;  ///< in the order of their names
     std::vector<QORTokenEntry> tokens;    ///< in the order of their identities' names, the oldest first
 };
+
+/// About which environments somebody without full access may store records. A value.
+struct QORWriteScope {
+    std::string name;             ///< of his identity
+    std::set<QOREID> single{};    ///< about these
+    std::set<QOREID> subtrees{};  ///< about these and all that are below them
+    bool empty() const noexcept { return single.empty() && subtrees.empty(); }
+};
+QOR_API QORWriteScope writeScopeOf(const QORIdentity& identity);
 
 /// The number that grows with each change of the list; nothing where the database keeps no identities, as other
 /// programs' and old ones that are only read. \throws AException

@@ -195,7 +195,8 @@ std::string urlBytes(std::string_view text) {
 
 /// How many rows, from where on, when, and how they are counted.
 bool differsFromPageToPage(QORTag tag) noexcept {
-    constexpr std::array<QORTag, 6> such{tag::limit, tag::after, tag::count, tag::deadline, tag::statistics, tag::now};
+    constexpr std::array<QORTag, 7> such{tag::limit,      tag::after, tag::count,  tag::deadline,
+                                         tag::statistics, tag::now,   tag::explain};
     return std::find(such.begin(), such.end(), tag) != such.end();
 }
 
@@ -226,6 +227,10 @@ QORPageToken openPageToken(std::string_view text) {
     const std::optional<std::string> bytes = openBytes(theKey().get(), urlBytes(text));
     if (!bytes) refuse();
     return unpacked(*bytes);
+}
+
+std::string sharedSecretFor(std::string_view purpose) {
+    return hexOf(keyedDigest(theKey().get(), purpose));
 }
 
 void preparePageTokens() {

@@ -47,6 +47,10 @@ QOR_API QORPageToken openPageToken(std::string_view text);
 /// \throws AException when the database cannot be read
 QOR_API void preparePageTokens();
 
+/// A key of the same making for something else that all agents on the database shall know again. Any thread.
+/// \param purpose tells it from others \throws AException as preparePageTokens()
+QOR_API std::string sharedSecretFor(std::string_view purpose);
+
 /// A text that stands for the question that a select element asks: all of it, but for how many rows are wanted, from
 /// where on, how they are counted and when that was, which may differ from page to page. \param select stands on the
 /// select element

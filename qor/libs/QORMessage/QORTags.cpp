@@ -66,6 +66,7 @@ constexpr FixedName fixedNames[] = {
     {tag::deadline, "deadline"},
     {tag::exact, "exact"},
     {tag::now, "now"},
+    {tag::explain, "explain"},
     {tag::next, "next"},
     {tag::exactness, "exactness"},
     {tag::changed, "changed"},

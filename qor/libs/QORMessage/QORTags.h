@@ -61,6 +61,7 @@ inline constexpr QORTag count = 2403;
 inline constexpr QORTag deadline = 2404;
 inline constexpr QORTag exact = 2405;
 inline constexpr QORTag now = 2406;
+inline constexpr QORTag explain = 2407;
 inline constexpr QORTag next = 2411;
 inline constexpr QORTag exactness = 2412;
 inline constexpr QORTag changed = 2413;

@@ -38,6 +38,20 @@ namespace QOR {
 /// name may be in any case.
 using QORViewColumns = std::function<const std::vector<std::string>*(std::string_view view)>;
 
+/// Where an element of a condition stands in the text that it was read from, and how a literal was spelled there.
+struct QORConditionPlace {
+    static constexpr std::size_t nowhere = static_cast<std::size_t>(-1);
+    enum class Literal : std::uint8_t {
+        None,
+        Text,
+        Number,
+        Computed,  ///< told from now, or from who asks
+    };
+    std::size_t offset = nowhere;  ///< bytes before it; columns, literals and functions have one
+    Literal literal = Literal::None;
+    std::string spelled{};  ///< a literal's value before it took the form of the column beside it
+};
+
 struct QORConditionOptions {
     std::string view;        ///< that is asked; it qualifies columns whose own names hold a point
     std::size_t levels = 0;  ///< of elements that the condition may take
@@ -49,15 +63,24 @@ struct QORConditionOptions {
     QORViewColumns columns{};
     std::int64_t now = 0;      ///< seconds since the epoch
     std::string currentEid{};  ///< the environment that the asker stands for; empty when there is none
+    /// Takes a place for each element of the condition, an element before its children. None: nobody asks for them.
+    std::vector<QORConditionPlace>* places = nullptr;
 };
 
 /// Appends the condition below the element that `out` stands on, which is a where element.
 /// \throws QORQueryError naming the place in `text` and what was expected there
 QOR_API void parseCondition(std::string_view text, const QORConditionOptions& options, const QORBinaryIterator& out);
 
+enum class QORConditionLiterals : std::uint8_t {
+    Shown,
+    Masked,  ///< `?` in their places, one for all that stand side by side: for logs, which shall not tell what they
+             ///< hold
+};
+
 /// The condition that an element holds, the child of a where element, as a text that parseCondition() reads. Of chains
 /// within chains of the same kind, and of a not below a not, it gives what they mean: these are read as one.
 /// \throws QORException 400 for an element that no condition as text becomes
-QOR_API std::string printCondition(const QORMessageNode& condition);
+QOR_API std::string printCondition(const QORMessageNode& condition,
+                                   QORConditionLiterals literals = QORConditionLiterals::Shown);
 
 }  // namespace QOR

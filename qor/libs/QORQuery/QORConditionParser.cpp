@@ -22,6 +22,7 @@ namespace QOR {
 namespace {
 
 using Id = QORQueryTree::Id;
+using Literal = QORConditionPlace::Literal;
 
 struct ComparisonSign {
     std::string_view sign;
@@ -48,6 +49,13 @@ public:
         return condition;
     }
     const QORQueryTree& tree() const { return m_tree; }
+    /// The places of the condition and of all that is below it. Its height bounds how deep this goes.
+    void tellPlaces(Id id) const {
+        const auto found = m_places.find(id);
+        m_options.places->push_back(found == m_places.end() ? QORConditionPlace() : found->second);
+        for (Id child = m_tree.firstChild(id); child != QORQueryTree::none; child = m_tree.nextSibling(child))
+            tellPlaces(child);
+    }
 
 private:
     static constexpr unsigned nestedSelects = 24;
@@ -158,7 +166,8 @@ private:
     std::string typeOf(Id operand) const;
     std::string typeOfColumn(const std::string& field) const;
     std::string typeOfSelect(Id select) const;
-    Id literal(std::string text, std::size_t offset);
+    Id literal(std::string text, std::size_t offset, Literal spelled);
+    Id placed(Id id, QORConditionPlace place);
 
     // ---- operands -----------------------------------------------------------------------------------------------
     Id readOperand();
@@ -173,9 +182,10 @@ private:
 
     QORQueryLexer m_lexer;
     const QORConditionOptions& m_options;
-    std::string m_view;                      ///< of the innermost select
-    std::map<Id, std::size_t> m_literals;    ///< where each stands in the text
-    std::map<Id, std::int64_t> m_durations;  ///< of these, those that were spelled as durations: their seconds
+    std::string m_view;                        ///< of the innermost select
+    std::map<Id, std::size_t> m_literals;      ///< where each stands in the text
+    std::map<Id, std::int64_t> m_durations;    ///< of these, those that were spelled as durations: their seconds
+    std::map<Id, QORConditionPlace> m_places;  ///< empty where nobody asks for them
     unsigned m_nesting = 0;
     QORQueryTree m_tree;
 };
@@ -395,9 +405,14 @@ std::string Parser::typeOfSelect(Id select) const {
     return m_options.types(m_tree.text(view), m_tree.text(m_tree.nextSibling(name)));
 }
 
-Id Parser::literal(std::string text, std::size_t offset) {
+Id Parser::literal(std::string text, std::size_t offset, Literal spelled) {
     const Id id = m_tree.leaf(tag::value, std::move(text));
     m_literals[id] = offset;
+    return placed(id, {offset, spelled, m_tree.text(id)});
+}
+
+Id Parser::placed(Id id, QORConditionPlace place) {
+    if (m_options.places != nullptr) m_places[id] = std::move(place);
     return id;
 }
 
@@ -526,7 +541,8 @@ Id Parser::readFunctions(bool allowParentheses) {
         }
     }
     const std::size_t begin = peek().offset;
-    Id operand = peek().kind == QORQueryTokenKind::Text ? literal(m_lexer.take().text, begin) : readNumber();
+    Id operand =
+        peek().kind == QORQueryTokenKind::Text ? literal(m_lexer.take().text, begin, Literal::Text) : readNumber();
     if (operand == QORQueryTree::none && isFunctionNext()) {
         if (peek().isWord("now")) operand = readNow();
         if (peek().isWord("current_eid")) operand = readCurrentEid();
@@ -538,7 +554,8 @@ Id Parser::readFunctions(bool allowParentheses) {
         needSymbol(")");
         const Wrapper& wrapper = wrappers.back();
         if (!wrapper.function.empty())
-            operand = build(tag::function, {m_tree.leaf(tag::name, wrapper.function), operand}, wrapper.offset);
+            operand = placed(build(tag::function, {m_tree.leaf(tag::name, wrapper.function), operand}, wrapper.offset),
+                             {wrapper.offset});
     }
     return operand;
 }
@@ -559,9 +576,9 @@ Id Parser::readNumber() {
     if (!isNumber()) return QORQueryTree::none;
     const QORQueryToken number = m_lexer.take();
     if (number.kind == QORQueryTokenKind::Number)
-        return literal(sign + (number.text.starts_with('.') ? "0" : "") + number.text, offset);
+        return literal(sign + (number.text.starts_with('.') ? "0" : "") + number.text, offset, Literal::Number);
     const std::int64_t seconds = (sign.empty() ? 1 : -1) * *parseDuration(number.text);
-    const Id id = literal(std::to_string(seconds), offset);
+    const Id id = literal(std::to_string(seconds), offset, Literal::Computed);
     if (isSigned) m_durations[id] = seconds;
     return id;
 }
@@ -579,7 +596,7 @@ Id Parser::readNow() {
         seconds += before ? -duration : duration;
         timeFromNow(seconds, offset);
     }
-    return literal(timeFromNow(seconds, offset), offset);
+    return literal(timeFromNow(seconds, offset), offset, Literal::Computed);
 }
 
 Id Parser::readCurrentEid() {
@@ -588,7 +605,7 @@ Id Parser::readCurrentEid() {
     needSymbol(")");
     if (m_options.currentEid.empty())
         throw QORQueryError(offset, "who asks stands for no environment, so that current_eid() is none");
-    return literal(m_options.currentEid, offset);
+    return literal(m_options.currentEid, offset, Literal::Computed);
 }
 
 Id Parser::readField() {
@@ -602,15 +619,15 @@ Id Parser::readField() {
         if (peek().isSymbol("."))
             throw QORQueryError(peek().offset, "a column is named as \"column\" or \"view.column\"");
         needColumn(first, column, offset);
-        return m_tree.leaf(tag::field, first + "." + column);
+        return placed(m_tree.leaf(tag::field, first + "." + column), {offset});
     }
     needColumn(m_view, first, offset);
     // The first point of a field's text ends the view's name, so a column that holds one is named with its view.
-    if (first.find('.') == std::string::npos) return m_tree.leaf(tag::field, std::move(first));
+    if (first.find('.') == std::string::npos) return placed(m_tree.leaf(tag::field, std::move(first)), {offset});
     if (m_view.find('.') != std::string::npos)
         throw QORQueryError(offset,
                             "a column whose name holds a point cannot be named, since that of its view holds one too");
-    return m_tree.leaf(tag::field, m_view + "." + first);
+    return placed(m_tree.leaf(tag::field, m_view + "." + first), {offset});
 }
 
 std::string Parser::readName(const char* what) {
@@ -629,6 +646,7 @@ void parseCondition(std::string_view text, const QORConditionOptions& options, c
     Parser parser(text, options);
     const Id condition = parser.readWhole();
     parser.tree().write(condition, out);
+    if (options.places != nullptr) parser.tellPlaces(condition);
 }
 
 }  // namespace QOR

@@ -41,6 +41,7 @@ std::string_view nameOf(const Node& node) {
 /// Prints by recursion, which the depth of messages bounds.
 class Printer {
 public:
+    explicit Printer(QORConditionLiterals literals) : m_masks(literals == QORConditionLiterals::Masked) {}
     std::string take() { return std::move(m_out); }
 
     void condition(const Node& node, Strength place) {
@@ -122,7 +123,7 @@ private:
         const std::string_view character = textOf(escape);
         if (character.size() != 1 || static_cast<unsigned char>(character[0]) >= 0x80)
             refuse(escape, "is not one character of ASCII");
-        m_out.append(" escape ") += spellText(character);
+        m_out.append(" escape ") += m_masks ? "?" : spellText(character);
     }
 
     void between(const Node& left, std::string_view no) {
@@ -141,6 +142,7 @@ private:
         m_out.append(" ").append(no) += "in (";
         const Node* item = &following(left);
         for (; item != nullptr; item = item->next) {
+            if (m_masks && item->tag == tag::value && m_out.back() == '?') continue;
             if (m_out.back() != '(') m_out += ", ";
             if (item->tag == tag::select)
                 select(*item);
@@ -164,7 +166,13 @@ private:
         }
     }
 
-    void value(std::string_view text) { m_out += isSpelledNumber(text) ? std::string(text) : spellText(text); }
+    void value(std::string_view text) {
+        if (m_masks) {
+            m_out += '?';
+            return;
+        }
+        m_out += isSpelledNumber(text) ? std::string(text) : spellText(text);
+    }
 
     /// The first point of a field's text ends the view's name.
     void field(const Node& node) {
@@ -279,13 +287,14 @@ private:
         return *found;
     }
 
+    const bool m_masks;
     std::string m_out;
 };
 
 }  // namespace
 
-std::string printCondition(const QORMessageNode& condition) {
-    Printer printer;
+std::string printCondition(const QORMessageNode& condition, QORConditionLiterals literals) {
+    Printer printer(literals);
     printer.condition(condition, Strength::Or);
     return printer.take();
 }

@@ -115,7 +115,7 @@ TEST_F(PostgresSchema, OpeningAgainChangesNothing) {
 }
 
 TEST_F(PostgresSchema, EachOlderVersionIsBroughtUpToDateAndKeepsItsRecords) {
-    for (const int version : {5, 6, 7, 11}) {
+    for (const int version : {5, 6, 7, 11, 13}) {
         PostgresDatabase database;
         QORRdbms::instance().configure({.connectionString = database.connectionString()});
         QORRdbms::instance().write([&](ASSession& session) { QORDBSchema::migrate(session, version); });

@@ -175,6 +175,23 @@ TEST(QORDBSchemaTest, AnOlderVersionIsMigratedAndKeepsItsRecords) {
     EXPECT_EQ(queryText("SELECT max(version) FROM qor_schema_version"), std::to_string(QORDBSchema::currentVersion()));
 }
 
+TEST(QORDBSchemaTest, WhoStoodForAnEnvironmentDoesNotWriteAboutItAfterwards) {
+    const HostDatabase database;
+    database.configure();
+    {
+        QORRdbmsTran tran(ASAccess::Write);
+        QORDBSchema::migrate(*tran, 13);
+        tran->execute("INSERT INTO qor_identity (name, kind, subject, full_access) VALUES ('x', 3, 'x', 0)");
+        tran->execute(
+            std::string("INSERT INTO qor_identity_environment (name, position, eid, below) VALUES ('x', 0, '") + eid +
+            "', 1)");
+        tran.commit();
+    }
+    database.open();
+    EXPECT_EQ(queryRows("SELECT name, eid, below, writes FROM qor_identity_environment", 4),
+              (std::vector<test::Row>{{"x", eid, "1", "0"}}));
+}
+
 TEST(QORDBSchemaTest, EachDatabaseHasASecretOfItsOwn) {
     const auto secretOf = [](const HostDatabase& database) {
         database.open();

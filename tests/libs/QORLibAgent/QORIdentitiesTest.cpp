@@ -58,7 +58,7 @@ protected:
         }
         return 0;
     }
-    QORIdentity reader{"reader", Kind::Token, "reader", false, {{eidOf(2), true}, {eidOf(1), false}}};
+    QORIdentity reader{"reader", Kind::Token, "reader", false, {{eidOf(2), true, true}, {eidOf(1), false}}};
     QORIdentity admin{"admin", Kind::User, "root", true, {}};
 };
 
@@ -69,6 +69,23 @@ TEST_F(IdentitiesTest, AreReadAsTheyWereAdded) {
     removeIdentity("reader");
     EXPECT_THAT(readIdentities().identities, ElementsAre(admin));
     EXPECT_EQ(queryText("SELECT count(*) FROM qor_identity_environment"), "0");
+}
+
+TEST(IdentityScope, IsOfTheEnvironmentsThatMayBeWrittenAbout) {
+    const QORWriteScope scope = writeScopeOf(
+        {"x", Kind::Token, "x", false, {{eidOf(1), false, true}, {eidOf(2), true, true}, {eidOf(3), true, false}}});
+    EXPECT_EQ(scope.name, "x");
+    EXPECT_THAT(scope.single, UnorderedElementsAre(eidOf(1)));
+    EXPECT_THAT(scope.subtrees, UnorderedElementsAre(eidOf(2)));
+    EXPECT_TRUE(writeScopeOf({"x", Kind::Token, "x", false, {{eidOf(3), true, false}}}).empty());
+}
+
+TEST_F(IdentitiesTest, WhereNothingIsKnownOfWritersNobodyIsOne) {
+    addIdentity(reader);
+    ASSERT_TRUE(readIdentities().identities.at(0).environments.at(0).writes);
+    runSql("ALTER TABLE qor_identity_environment DROP COLUMN writes");
+    EXPECT_THAT(readIdentities().identities.at(0).environments,
+                ElementsAre(QORIdentityEnvironment{eidOf(2), true}, QORIdentityEnvironment{eidOf(1), false}));
 }
 
 TEST_F(IdentitiesTest, OfATokenTheDatabaseHasTheDigestAlone) {

@@ -23,16 +23,16 @@ TEST(Tags, NumbersOfTheContract) {
         QORTag id;
         const char* name;
     } table[] = {
-        {1007, "type"},       {1009, "view"},     {1018, "value"},      {1024, "size"},    {1026, "name"},
-        {1040, "total"},      {1082, "cell"},     {1087, "offset"},     {1156, "source"},  {1224, "message"},
-        {1259, "statistics"}, {1377, "limit"},    {1378, "descending"}, {1493, "cache"},   {1624, "env"},
-        {1738, "reply"},      {1739, "row"},      {1740, "select"},     {1741, "field"},   {1742, "where"},
-        {1743, "sort"},       {1744, "row_set"},  {2222, "function"},   {2225, "eq"},      {2226, "ne"},
-        {2227, "gt"},         {2228, "ge"},       {2229, "lt"},         {2230, "le"},      {2231, "like"},
-        {2232, "between"},    {2233, "is_null"},  {2234, "in"},         {2235, "and"},     {2236, "or"},
-        {2237, "not"},        {2293, "distinct"}, {2301, "escape"},     {2401, "ordered"}, {2402, "after"},
-        {2403, "count"},      {2404, "deadline"}, {2405, "exact"},      {2406, "now"},     {2411, "next"},
-        {2412, "exactness"},  {2413, "changed"},  {2414, "most"},       {2415, "spent"},
+        {1007, "type"},       {1009, "view"},      {1018, "value"},      {1024, "size"},    {1026, "name"},
+        {1040, "total"},      {1082, "cell"},      {1087, "offset"},     {1156, "source"},  {1224, "message"},
+        {1259, "statistics"}, {1377, "limit"},     {1378, "descending"}, {1493, "cache"},   {1624, "env"},
+        {1738, "reply"},      {1739, "row"},       {1740, "select"},     {1741, "field"},   {1742, "where"},
+        {1743, "sort"},       {1744, "row_set"},   {2222, "function"},   {2225, "eq"},      {2226, "ne"},
+        {2227, "gt"},         {2228, "ge"},        {2229, "lt"},         {2230, "le"},      {2231, "like"},
+        {2232, "between"},    {2233, "is_null"},   {2234, "in"},         {2235, "and"},     {2236, "or"},
+        {2237, "not"},        {2293, "distinct"},  {2301, "escape"},     {2401, "ordered"}, {2402, "after"},
+        {2403, "count"},      {2404, "deadline"},  {2405, "exact"},      {2406, "now"},     {2407, "explain"},
+        {2411, "next"},       {2412, "exactness"}, {2413, "changed"},    {2414, "most"},    {2415, "spent"},
     };
     for (const auto& row : table) {
         EXPECT_EQ(dictionary().find(row.name), row.id) << row.name;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "QORCommon/QORNulBytes.h"
+#include "QORCommon/QORRequestControl.h"
 
 namespace QOR {
 
@@ -11,7 +12,10 @@ AException::AException(std::string text, std::string sqlState, int nativeCode, s
       m_sqlState(std::move(sqlState)),
       m_nativeCode(nativeCode),
       m_statement(std::move(statement)),
-      m_failure(failure) {}
+      m_failure(failure) {
+    QORRequestControl* const control = isOutage(failure) ? QORRequestControl::current() : nullptr;
+    if (control != nullptr) control->noteOutage();
+}
 
 AException::AException(const AException&) = default;
 

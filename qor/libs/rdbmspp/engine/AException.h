@@ -11,7 +11,8 @@
 
 namespace QOR {
 
-/// What went wrong, as the driver told it. Immutable, copyable.
+/// What went wrong, as the driver told it. Immutable, copyable. The request of the thread that makes one is told of
+/// outages, which who answers it has no other way to know: operators turn failures into texts.
 class QOR_API AException : public std::exception {
 public:
     /// \param text the driver's text, or ours

@@ -22,4 +22,10 @@ enum class ASFailure : unsigned char {
     Undecided,    ///< a commit was sent, and nobody can say whether it was carried out
 };
 
+/// Whether nothing is wrong with what was asked for or is stored, so that it may well be done later.
+constexpr bool isOutage(ASFailure failure) noexcept {
+    return failure == ASFailure::Unreachable || failure == ASFailure::Locked || failure == ASFailure::Undone ||
+           failure == ASFailure::Memory;
+}
+
 }  // namespace QOR

@@ -1086,6 +1086,11 @@ std::size_t QORRdbms::waiting() const {
     return m_impl->waiters.size();
 }
 
+QORRdbms::Connections QORRdbms::connections() const {
+    const std::lock_guard lock(m_impl->mutex);
+    return {m_impl->places, m_impl->idle.size()};
+}
+
 void QORRdbms::shutdown() {
     std::vector<std::unique_ptr<ASSession>> closing;
     const std::lock_guard lock(m_impl->mutex);

@@ -131,6 +131,11 @@ public:
     ASFaults& faults() const;
     /// How many requests wait for a connection now.
     std::size_t waiting() const;
+    struct Connections {
+        std::size_t open = 0;  ///< or being opened
+        std::size_t idle = 0;  ///< of these
+    };
+    Connections connections() const;
     /// How many wait for their turn to write, where one writes at a time.
     std::size_t waitingWriters() const;
     /// From now on a connection counts as one to this database only when `select` answers `value`: a file that was

@@ -16,7 +16,9 @@
 
 namespace QOR {
 
+class ASSession;
 struct ASDialect;
+struct ASPlan;
 
 /// The list of what is selected. `project << a << b`. Plain columns beside aggregates are grouped by.
 class QOR_API ASProject {
@@ -76,6 +78,7 @@ public:
 private:
     friend class ASSqlBuilder;
     friend class ASCursor;
+    friend ASPlan explainSelect(ASSession& session, const ASSelect& select);
     /// The condition of the rows that there are.
     ASComparison where(const ASDialect& dialect) const;
 

@@ -59,6 +59,23 @@ TEST_F(PostgresLongRead, RowsAndTheirCountSeeOneState) {
     EXPECT_EQ(total->value(), many);
 }
 
+/// A connection for long results would be opened for one row.
+TEST_F(PostgresLongRead, IsNotWhatOnlyCountsRows) {
+    const char* const connections =
+        "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND pid <> pg_backend_pid()"
+        " AND backend_type = 'client backend'";
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    const std::string before = engine().rows(connections).at(0).at(0);
+    const auto total = std::make_shared<ASInt64>();
+    ASCursor cursor(*transaction);
+    project(cursor);
+    cursor.Select().Count(total);
+    ASSERT_TRUE(cursor.Fetch());
+    EXPECT_EQ(total->value(), many);
+    EXPECT_FALSE(cursor.Fetch());
+    EXPECT_EQ(engine().rows(connections).at(0).at(0), before);
+}
+
 TEST_F(PostgresLongRead, OneThatIsCutOffByTheFailureOfAnotherIsAFailure) {
     engine().run("CREATE VIEW bad AS SELECT 1 / (i - i) AS i FROM t");
     QORRdbmsTran transaction(ASAccess::ReadLong);
