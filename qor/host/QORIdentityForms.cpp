@@ -5,6 +5,7 @@
 #include <rapidjson/writer.h>
 
 #include <set>
+#include <utility>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"
@@ -30,7 +31,7 @@ Document read(std::string_view body, const std::set<std::string_view>& known) {
     Document document;
     document.Parse<rapidjson::kParseIterativeFlag>(body.data(), body.size());
     if (document.HasParseError() || !document.IsObject()) refuse("the body is no JSON object");
-    for (const auto& member : document.GetObject()) {
+    for (const auto& member : std::as_const(document).GetObject()) {
         const std::string_view name(member.name.GetString(), member.name.GetStringLength());
         if (!known.contains(name)) refuse("unknown member " + quoteText(std::string(name)));
     }
@@ -51,14 +52,21 @@ std::optional<std::int64_t> secondsOf(const Value& object, const char* name) {
     return found->value.GetInt64();
 }
 
+/// False where it is absent.
+bool flagOf(const Value& object, const char* name) {
+    const auto found = object.FindMember(name);
+    if (found == object.MemberEnd()) return false;
+    if (!found->value.IsBool()) refuse(std::string(name) + " is neither true nor false");
+    return found->value.GetBool();
+}
+
 QORIdentityEnvironment environmentOf(const Value& value) {
     if (!value.IsObject()) refuse("an environment is an object with eid and below");
     const std::string text = textOf(value, "eid");
     QORIdentityEnvironment environment;
     if (!environment.eid.fromString(text)) refuse(quoteText(text) + " is no identifier of an environment");
-    const auto below = value.FindMember("below");
-    if (below != value.MemberEnd() && !below->value.IsBool()) refuse("below is neither true nor false");
-    environment.below = below != value.MemberEnd() && below->value.GetBool();
+    environment.below = flagOf(value, "below");
+    environment.writes = flagOf(value, "writes");
     return environment;
 }
 
@@ -110,6 +118,8 @@ void writeOne(Writer& json, const QORIdentity& identity) {
         writeMember(json, "eid", environment.eid.toString());
         writeKey(json, "below");
         json.Bool(environment.below);
+        writeKey(json, "writes");
+        json.Bool(environment.writes);
         json.EndObject();
     }
     json.EndArray();

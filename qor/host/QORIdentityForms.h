@@ -12,7 +12,7 @@ namespace QOR {
 
 /// `{"identities":[IDENTITY,...],"tokens":[{"id":"...","name":"...","created":0,"expires":null,"lastUse":null},...]}`
 /// with IDENTITY `{"name":"...","kind":"user","subject":"...","access":"environments","environments":[{"eid":"...",
-/// "below":true},...]}`; access is "full" or "environments", times are seconds since the epoch.
+/// "below":true,"writes":false},...]}`; access is "full" or "environments", times are seconds since the epoch.
 std::string writeIdentityList(const QORIdentityList& list);
 /// Of tokens nothing but the beginning of the digest is known then. \throws QORException errBadRequest
 QORIdentityList readIdentityList(std::string_view json);

@@ -14,6 +14,7 @@
 #include "QORMessage/QORNotation.h"
 #include "host/QORAnswerText.h"
 #include "host/QORClientSession.h"
+#include "host/QORRequestNotes.h"
 
 namespace QOR {
 namespace {
@@ -50,6 +51,7 @@ std::optional<QORAnswerError> runOperator(QORClientSession& session, const QORCl
     QORBinaryIterator response = message.root();
     try {
         limitByRequest(in);
+        if (QORRequestNotes* const notes = QORRequestNotes::current()) notes->asked(request.operatorName, in);
         switch (session.run(identity, request.operatorName, request.requestName, in, response)) {
             case QORClientSession::Outcome::Done:
                 return std::nullopt;
@@ -69,6 +71,18 @@ std::optional<QORAnswerError> runOperator(QORClientSession& session, const QORCl
         return QORAnswerError{errFailure, "unknown failure"};
     }
     return std::nullopt;
+}
+
+void noteAnswer(const QORMessage& message, const std::optional<QORAnswerError>& error, std::int64_t rows) {
+    QORRequestNotes* const notes = QORRequestNotes::current();
+    if (notes == nullptr) return;
+    notes->rows += rows;
+    QORAnswerError entry{};
+    if (error) {
+        notes->error = error->code;
+    } else if (findError(message, entry)) {
+        notes->error = entry.code;
+    }
 }
 
 }  // namespace
@@ -264,6 +278,7 @@ void QORRouter::run(QORClientSession& session, QORRequestEnvelope& request, Dest
         QORAnswerWriter writer(message, destination.begin(),
                                [&](std::int64_t rows) { return destination.goesOn(rows); });
         std::optional<QORAnswerError> error = runOperator(session, identity, request, message);
+        noteAnswer(message, error, writer.isTakenBack() ? 0 : writer.rows());
         if (!message.refusal().empty()) error = QORAnswerError{errFailure, message.refusal()};
         destination.end(writer, message, error ? &*error : nullptr);
     });

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <numeric>
 
 #include "QORCommon/QORDigest.h"
 #include "QORCommon/QORException.h"
@@ -14,6 +15,7 @@
 #include "QORServers/QORServers.h"
 #include "ingest/LineReader.h"
 #include "ingest/RecordBatch.h"
+#include "ingest/RecordRights.h"
 #include "ingest/RecordTables.h"
 #include "ingest/RecordWriter.h"
 #include "ingest/RequestLedger.h"
@@ -75,6 +77,24 @@ RecordBatchCounts storeBatch(ASSession& session, std::span<const QORRecord> batc
     return counts;
 }
 
+void addOwnersAtServers(const QORPlacement& placement, std::span<const QORRecord> batch, StoredOwners& owners) {
+    for (const QORServer& server : placement.servers()) {
+        QORServers::instance().run(server, [&](QORRdbms& database) {
+            QORRdbmsTran tran(database, ASAccess::Read);
+            owners.read(*tran, batch, false);
+        });
+    }
+}
+
+/// Where several write at a time, somebody else may have stored a record of a batch after it was judged.
+void checkNothingCame(const RecordBatchCounts& counts, std::span<const QORRecord> batch, const StoredOwners& owners) {
+    std::uint64_t added = 0;
+    for (const QORRecordKind kind : {QORRecordKind::Environment, QORRecordKind::Operation, QORRecordKind::Backup})
+        added += counts[static_cast<std::size_t>(kind)].added;
+    if (added != owners.newOnes(batch))
+        throw AException("others stored the same records meanwhile", {}, 0, {}, ASFailure::Undone);
+}
+
 bool isBlank(std::string_view line) {
     return line.find_first_not_of(" \t") == std::string_view::npos;
 }
@@ -124,6 +144,33 @@ public:
         goOnFrom(m_ledger->find(*tran));
     }
 
+    /// Of a request of which a part may not be stored, nothing is. \throws QORException errForbidden
+    void judge(LineReader lines) {
+        RecordRights rights(*m_options.scope);
+        std::vector<QORRecord> records;
+        std::vector<std::uint64_t> numbers;
+        for (bool more = true; more;) {
+            more = lines.next();
+            if (more && !lines.tooLong() && !isBlank(lines.line())) {
+                try {
+                    records.push_back(m_parser.parse(lines.line()));
+                    numbers.push_back(lines.number());
+                } catch (const QORException&) {  // it is refused when its turn comes
+                }
+            }
+            if (more && records.size() < m_options.batchRecords) continue;
+            judge(rights, records, numbers);
+            records.clear();
+            numbers.clear();
+        }
+    }
+    void judge(std::span<const QORRecord> records) {
+        std::vector<std::uint64_t> numbers(records.size());
+        std::iota(numbers.begin(), numbers.end(), 1);
+        RecordRights rights(*m_options.scope);
+        judge(rights, records, numbers);
+    }
+
     /// Reads and stores until the end, a failure or a stop.
     QORIngestResult run(LineReader& lines, const std::stop_token& stop) {
         while (!m_result.failure && !isStopped(stop) && !hasEnded(m_result.lastLine + 1) && lines.next())
@@ -149,6 +196,23 @@ public:
     }
 
 private:
+    static void judge(RecordRights& rights, std::span<const QORRecord> records,
+                      std::span<const std::uint64_t> numbers) {
+        if (records.empty()) return;
+        StoredOwners owners;
+        const auto placement = QORServers::instance().placement();
+        if (!placement->none()) addOwnersAtServers(*placement, records, owners);
+        QORRdbmsTran home(ASAccess::Read);
+        owners.read(*home, records, false);
+        rights.check(*home, records, numbers, owners);
+    }
+
+    /// Once more, where nothing changes until they are stored. \param owners what other servers tell, and then home too
+    void judgeAgain(ASSession& home, std::span<const QORRecord> batch, StoredOwners& owners) const {
+        owners.read(home, batch, true);
+        RecordRights(*m_options.scope).check(home, batch, m_lines, owners);
+    }
+
     bool isStopped(const std::stop_token& stop) {
         m_result.stopped = stop.stop_requested();
         return m_result.stopped;
@@ -223,7 +287,8 @@ private:
             m_result.failure = QORIngestFailure{m_lines.front(), lastLine, error.text()};
             return;
         } catch (const QORException& error) {
-            if (error.code() != errDeadline) throw;
+            const bool partly = error.code() == errForbidden && m_result.accepted() > 0;
+            if (error.code() != errDeadline && !partly) throw;
             m_result.failure = QORIngestFailure{m_lines.front(), lastLine, error.message()};
             return;
         }
@@ -257,8 +322,11 @@ private:
             written = {};
             const bool isNew = isNewRequest(session, lastLine, written.elsewhere);
             if (written.elsewhere) return;
+            StoredOwners owners;
+            if (m_options.scope != nullptr) judgeAgain(session, batch, owners);
             if (batch.size() >= manyRecords) QORDBSchema::prepareManyWrites(session);
             written.counts = storeBatch(session, batch, keepEqual);
+            if (m_options.scope != nullptr) checkNothingCame(written.counts, batch, owners);
             if (m_ledger) m_ledger->put(session, resultWith(written.counts), isNew);
         });
         return written;
@@ -270,11 +338,14 @@ private:
                         std::uint64_t lastLine) {
         m_spread = true;
         Written written;
+        StoredOwners elsewhere;
+        if (m_options.scope != nullptr) addOwnersAtServers(*placement, batch, elsewhere);
         SpreadBatch spread(std::move(placement), batch, m_lines, keepEqual);
         QORRdbms::instance().write([&](ASSession& home) {
             written = {};
             const bool isNew = isNewRequest(home, lastLine, written.elsewhere);
             if (written.elsewhere) return;
+            if (StoredOwners owners = elsewhere; m_options.scope != nullptr) judgeAgain(home, batch, owners);
             if (isNew) m_ledger->put(home, {}, true);
             spread.storeAtHome(home);
         });
@@ -332,7 +403,8 @@ private:
     bool m_clearsAll = false;      ///< that they need not keep, at once
 };
 
-QORIngestRequest::QORIngestRequest(std::string_view requestKey, std::string_view lines, std::uint64_t firstLine)
+QORIngestRequest::QORIngestRequest(std::string_view requestKey, std::string_view lines, std::uint64_t firstLine,
+                                   std::string_view owner)
     : key(requestKey) {
     constexpr std::size_t longestKey = 255;
     const bool visible = std::all_of(key.begin(), key.end(), [](char c) { return c > ' ' && c < '\x7f'; });
@@ -341,6 +413,8 @@ QORIngestRequest::QORIngestRequest(std::string_view requestKey, std::string_view
                                               std::to_string(longestKey) + " visible characters of ASCII");
     }
     digest = QORDigest().add(std::to_string(firstLine) + "\n").add(lines).hex();
+    // No key holds a blank, so that nobody's is like another one's.
+    if (!owner.empty()) key.insert(0, std::string(owner) + " ");
 }
 
 QORIngest::QORIngest(QORIngestOptions options) : m_options(options) {}
@@ -355,12 +429,16 @@ QORIngestResult QORIngest::importBatch(std::string_view lines, std::uint64_t fir
                                        const QORIngestRequest* request) {
     LineReader reader(lines, m_options.maxLineBytes, firstLine);
     const QORIngestProgress none;
-    return Run(m_options, none, request).run(reader, {});
+    Run run(m_options, none, request);
+    if (m_options.scope != nullptr) run.judge(LineReader(lines, m_options.maxLineBytes, firstLine));
+    return run.run(reader, {});
 }
 
 QORIngestResult QORIngest::store(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop) {
     const QORIngestProgress none;
-    return Run(m_options, none).run(records, keepEqual, stop);
+    Run run(m_options, none);
+    if (m_options.scope != nullptr) run.judge(records);
+    return run.run(records, keepEqual, stop);
 }
 
 }  // namespace QOR

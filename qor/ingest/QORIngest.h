@@ -18,12 +18,17 @@
 
 namespace QOR {
 
+struct QORWriteScope;
+
 struct QORIngestOptions {
     std::size_t batchRecords = 1000;              ///< records in one transaction, at least 1
     std::size_t batchBytes = 8 * 1024 * 1024;     ///< of lines in one transaction, which bounds the memory it takes
     std::size_t maxLineBytes = 16 * 1024 * 1024;  ///< a longer line is refused
     std::size_t refusedKept = 1000;               ///< refused lines that the result names; all are counted
     std::uint64_t refusedInARow = 100'000;        ///< after so many the rest is not read: these are no records
+    /// About which environments the sender may store records, who outlives the run; null: about all. Of a request in
+    /// which one record is about another nothing is stored \throws QORException errForbidden that names it
+    const QORWriteScope* scope = nullptr;
 };
 
 /// What became of the records of one kind.
@@ -73,9 +78,11 @@ inline constexpr int errSameRequest = 409;
 /// A request that may be sent again: under the same key it is stored once.
 struct QORIngestRequest {
     /// \param key 1 to 255 visible characters of ASCII, chosen by the client
+    /// \param owner whose keys are not others'; empty for those of full access
     /// \param lines what it brings, the first of which has this number
     /// \throws QORException 400 for another key
-    QORIngestRequest(std::string_view key, std::string_view lines, std::uint64_t firstLine);
+    QORIngestRequest(std::string_view key, std::string_view lines, std::uint64_t firstLine,
+                     std::string_view owner = {});
 
     std::string key;
     std::string digest;

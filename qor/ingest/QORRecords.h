@@ -22,6 +22,9 @@
 
 namespace QOR {
 
+/// The code of the exception for records that their sender may not store.
+inline constexpr int errForbidden = 403;
+
 /// In the order of QORRecord's alternatives.
 enum class QORRecordKind : std::size_t { Environment, Operation, Event, Backup };
 constexpr std::size_t recordKindCount = 4;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
+#include "QORLibAgent/QORIdentities.h"
 #include "ingest/ServerRemovals.h"
 #include "ingest/SpreadTest.h"
 
@@ -34,6 +35,33 @@ TEST_F(SpreadIngestTest, EachRecordIsWithTheServerOfItsEnvironmentAndEnvironment
     EXPECT_EQ(home().cell("SELECT count(*) FROM qor_environment"), "3");
     EXPECT_THAT(each("SELECT sum(n) FROM qor_event_count WHERE scope = '/c' AND level = 24"),
                 ElementsAre("1", "1", "1"));
+}
+
+TEST_F(SpreadIngestTest, WhoMayWriteAboutSomeEnvironmentsReplacesNoOthersWhereverTheyAre) {
+    expectStored(send(operation("theirs", on(2)) + backup("theirs", on(3)) + event(1, on(3, 2))), 3);
+    const QORWriteScope scope{"writer", {on(1), on(2, 2)}, {on(1, 2)}};
+    const auto sendAs = [&](const std::string& lines) { return QORIngest({.scope = &scope}).importBatch(lines); };
+    const auto refusal = [&](const std::string& lines) -> std::string {
+        try {
+            sendAs(lines);
+        } catch (const QORException& exception) {
+            return std::to_string(exception.code()) + " " + exception.message();
+        }
+        return "stored";
+    };
+    const std::string fine = event(1, on(1)) + event(1, on(2, 2));
+    EXPECT_THAT(refusal(fine + operation("theirs", on(1))), HasSubstr("403 line 3: the operation \"theirs\" takes"));
+    EXPECT_THAT(refusal(fine + backup("theirs", on(1))), HasSubstr("403 line 3: the backup \"theirs\" takes"));
+    EXPECT_THAT(refusal(fine + event(1, on(3))), HasSubstr("403 line 3: the event is about"));
+    const auto below = [](const QOREID& eid, const QOREID& parent) {
+        return R"({"kind":"environment","eid":")" + eid.toString() + R"(","parent_eid":")" + parent.toString() +
+               "\"}\n";
+    };
+    EXPECT_THAT(refusal(fine + below(on(3, 2), on(1, 2))), HasSubstr("there are records about it already"));
+    EXPECT_THAT(events(), ElementsAre("0", "0", "1")) << "nothing of what was refused";
+    expectStored(sendAs(fine + below(on(3, 3), on(1, 2)) + event(1, on(3, 3)) + operation("mine", on(3, 3))), 5);
+    expectStored(sendAs(operation("mine", on(1))), 0, 1);
+    EXPECT_THAT(events(), ElementsAre("1", "1", "2"));
 }
 
 TEST_F(SpreadIngestTest, RecordsWithoutEnvironmentHaveAServerToo) {
