@@ -74,7 +74,6 @@ bool TExpressionEvaluation::declareIdentifier(std::string_view name, TValueType 
 }
 
 void TExpressionEvaluation::setShortSubjects(TShortSubject shortSubjects) {
-    if (shortSubjects == m_shortSubjects) return;
     m_shortSubjects = shortSubjects;
     m_program = {};
     m_specialProgram = {};

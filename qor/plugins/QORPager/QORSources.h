@@ -77,6 +77,8 @@ struct QORSource {
     std::span<const QORSourceConstant> constants;   ///< in the order in which they are looked for
     std::span<const QORSourceCategory> categories;  ///< in the order of the rows; without any, rows have none
     std::span<const QORSourceColumn> columns;
+    /// Names without the prefix of what is shown where nobody says what, with commas between them.
+    std::string_view shown;
 
     /// The constant of that use. \pre there is one
     const QORSourceConstant& constant(QORConstantUse use) const noexcept;

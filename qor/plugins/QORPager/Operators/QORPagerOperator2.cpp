@@ -33,6 +33,7 @@ void answer(QORMessageIterator* in, QORMessageIterator* out) {
     }
     SelectStmnt statement(*request, nullptr);
     QORBinaryIterator position = *response;
+    if (request->seekPresence(tag::explain) == 0) return statement.explain(position);
     statement.execute(position);
 }
 

@@ -120,7 +120,7 @@ void QORExactFilter::findConjuncts() {
             for (const TNode& child : node.children())
                 open.push_back(&child);
         } else if (!addConjunct(node)) {
-            m_conjunction = false;
+            m_others.push_back(&node);
         }
     }
 }

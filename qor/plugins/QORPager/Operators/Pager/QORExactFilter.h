@@ -42,7 +42,9 @@ public:
 
     const std::vector<QORConjunct>& conjuncts() const noexcept { return m_conjuncts; }
     /// Whether the conjuncts say all that it says.
-    bool isConjunction() const noexcept { return m_conjunction; }
+    bool isConjunction() const noexcept { return m_others.empty(); }
+    /// What else it says, part by part; of the evaluator's tree.
+    const std::vector<const TNode*>& others() const noexcept { return m_others; }
 
 private:
     struct Binding {
@@ -61,7 +63,7 @@ private:
     std::vector<Binding> m_bindings;
     std::vector<const QORField*> m_several;  ///< those that have more than one value in the row
     std::vector<QORConjunct> m_conjuncts;
-    bool m_conjunction = true;
+    std::vector<const TNode*> m_others;
     std::string m_error;
 };
 

@@ -15,6 +15,7 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORMemory.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORLibAgent/QORCountLimit.h"
 #include "QORPager/Operators/Pager/QORExactFilter.h"
 #include "QORPager/Operators/Pager/QORRowOrder.h"
 #include "QORPager/Operators/Pager/QORRowSource.h"
@@ -132,18 +133,6 @@ private:
     std::size_t m_piece;
     std::optional<QORExactPosition> m_next;
     std::optional<std::uint64_t> m_total;
-};
-
-/// How far rows are to be counted.
-struct QORCountLimit {
-    enum class Kind { Nothing, Capped, Exact, Timed };
-
-    Kind kind = Kind::Exact;
-    std::chrono::milliseconds time{0};
-
-    static constexpr std::uint64_t cap = 10'000;
-    /// "none", "capped", "exact" or "<N>ms". \returns nothing for another text
-    static std::optional<QORCountLimit> read(std::string_view text);
 };
 
 /// How many rows there are.

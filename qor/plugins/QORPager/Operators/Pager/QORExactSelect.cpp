@@ -8,6 +8,7 @@
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORPageToken.h"
 #include "QORMessage/QORBinaryIterator.h"
+#include "QORPager/Operators/Pager/QORExactExplain.h"
 #include "QORPager/Operators/Pager/QORExactPage.h"
 #include "QORPager/Operators/Pager/QORNarrowing.h"
 #include "QORPager/Operators/Pager/QORRowSet.h"
@@ -70,6 +71,14 @@ struct Plan {
     QORReadOrder reading;
     QORRowGrouping grouping = QORRowGrouping::Row;
 };
+
+/// Of a field that has one value as the filter sees it.
+std::optional<TValueType> singleType(const QORFieldSet& known, QORExactFields& fields, std::string_view name) {
+    const auto found = known.find(name);
+    if (found == known.end()) return std::nullopt;
+    const QORField& field = fields.filtered(*found);
+    return field.isMulty() ? std::nullopt : std::optional(field.valueType);
+}
 
 const QORBinaryIterator& binary(const QORMessageIterator& request) {
     const auto* const iterator = dynamic_cast<const QORBinaryIterator*>(&request);
@@ -159,6 +168,15 @@ void QORPagerOperatorPrototype::selectExact(const QORMessageIterator& request, Q
     const Plan plan(keys, kind);
     const std::unique_ptr<QORRowSource> source =
         makeSource(m_request.cursorType, {narrowing, plan.reading, m_request.envList});
+    if (m_request.explains) {
+        std::string where;
+        static_cast<void>(request.getValue(where, tag::where));
+        const QORExplanation explanation =
+            explainExact({kind, filter, narrowing, *source, plan.grouping, where},
+                         [&](std::string_view name) { return singleType(m_fieldSet, fields, name); });
+        if (explanation.write(response) != 0) throw QORResponseFull();
+        return;
+    }
 
     QORExactPageOptions options{.order = plan.order, .grouping = plan.grouping, .isEveryRow = narrowing.isAll};
     if (m_request.limitSize > 0) options.size = m_request.limitSize;

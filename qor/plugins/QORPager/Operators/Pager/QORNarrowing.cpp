@@ -76,9 +76,10 @@ QORNarrowing QORNarrowing::of(const QORExactFilter& filter, const QORSource& sou
     QORNarrowing narrowing;
     Narrower narrower(narrowing, source);
     narrowing.isAll = filter.isConjunction();
-    for (const QORConjunct& conjunct : filter.conjuncts()) {
-        if (!narrower.take(conjunct)) narrowing.isAll = false;
+    for (std::size_t i = 0; i < filter.conjuncts().size(); ++i) {
+        if (!narrower.take(filter.conjuncts()[i])) narrowing.left.push_back(i);
     }
+    narrowing.isAll = narrowing.isAll && narrowing.left.empty();
     narrowing.nothing = narrowing.from > narrowing.to;
     return narrowing;
 }

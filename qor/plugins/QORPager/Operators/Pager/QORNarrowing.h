@@ -2,9 +2,11 @@
 /// What an exact request need not read.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORTime.h"
@@ -23,6 +25,7 @@ struct QORNarrowing {
     std::optional<std::string> category{};
     /// A record that has all this satisfies the filter: it need not be asked.
     bool isAll = true;
+    std::vector<std::size_t> left{};  ///< which of the filter's conjuncts are not in it
 
     static QORNarrowing of(const QORExactFilter& filter, const QORSource& source);
 };

@@ -39,6 +39,7 @@ struct QORPagerRequest {
         std::optional<QORCountLimit> count;
     };
     std::optional<Exact> exact;
+    bool explains = false;  ///< it asks what would become of it, and is exact
     bool statisticsWanted = false;
     bool hasWhere = false;    ///< a filter that names a field is in force
     bool whereGiven = false;  ///< the evaluator holds this request's filter

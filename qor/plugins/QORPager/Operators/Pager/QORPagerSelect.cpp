@@ -123,6 +123,8 @@ int QORPagerOperatorPrototype::readExact(const QORMessageIterator& request, QORM
     const bool isExact = request.seekPresence(tag::exact) == 0;
     const bool hasAfter = request.seekPresence(tag::after) == 0;
     const bool hasCount = request.seekPresence(tag::count) == 0;
+    m_request.explains = request.seekPresence(tag::explain) == 0;
+    if (!isExact && m_request.explains) return complain(response, "explain is for exact requests");
     if (!isExact) return hasAfter || hasCount ? complain(response, "after and count are for exact requests") : 0;
     QORPagerRequest::Exact& exact = m_request.exact.emplace();
     std::string text;

@@ -3,6 +3,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORLibAgent/QORCountLimit.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
 #include "rdbmspp/sql/ASSpread.h"
@@ -13,7 +14,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::int64_t cap = 10'000;
+constexpr auto cap = static_cast<std::int64_t>(QORCountLimit::cap);
 /// Of a count within a time: what is counted first, and how many times more each time. What was counted before is
 /// counted again, which costs a seventh.
 constexpr std::int64_t firstStep = 1'000;

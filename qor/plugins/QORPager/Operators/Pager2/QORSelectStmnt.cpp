@@ -5,8 +5,8 @@
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
-#include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
+#include "QORLibAgent/QORCountLimit.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "QORPager/Operators/QORAccessCondition.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
@@ -59,24 +59,25 @@ void SelectStmnt::readElements(const QORBinaryIterator& it) {
 
 void SelectStmnt::readCount(const QORBinaryIterator& it) {
     if (it.seekPresence(tag::count) != 0) return;
-    constexpr std::string_view unit = "ms";
-    constexpr std::int64_t longest = 3'600'000;
     std::string text;
     it.getValue(text, tag::count);
-    if (text == "none") {
-        m_counting = Counting::PageOnly;
-    } else if (text == "capped") {
-        m_counting = Counting::Capped;
-    } else if (text == "exact") {
-        m_counting = Counting::Exact;
-    } else {
-        const auto number = text.ends_with(unit)
-                                ? parseInt64(std::string_view(text).substr(0, text.size() - unit.size()))
-                                : std::nullopt;
-        if (!number || *number < 1 || *number > longest)
-            refuse("count: " + quoteText(text) + " is none of none, capped, exact and a time such as 200ms", __LINE__);
-        m_counting = Counting::Within;
-        m_countTime = std::chrono::milliseconds(*number);
+    const std::optional<QORCountLimit> limit = QORCountLimit::read(text);
+    if (!limit)
+        refuse("count: " + quoteText(text) + " is none of none, capped, exact and a time such as 200ms", __LINE__);
+    m_countTime = limit->time;
+    switch (limit->kind) {
+        case QORCountLimit::Kind::Nothing:
+            m_counting = Counting::PageOnly;
+            break;
+        case QORCountLimit::Kind::Capped:
+            m_counting = Counting::Capped;
+            break;
+        case QORCountLimit::Kind::Exact:
+            m_counting = Counting::Exact;
+            break;
+        case QORCountLimit::Kind::Timed:
+            m_counting = Counting::Within;
+            break;
     }
 }
 

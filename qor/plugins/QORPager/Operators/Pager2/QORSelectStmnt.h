@@ -7,7 +7,8 @@
 ///
 /// Of the outermost select alone also: ordered (2401), with which columns and sort keys keep the request's order, rows
 /// that are equal in them have one too, and a page tells where the next one begins; after (2402, such a place); count
-/// (2403, how far rows are counted); now (2406, the moment that relative times were told from).
+/// (2403, how far rows are counted); now (2406, the moment that relative times were told from). Explain (2407) asks
+/// what would become of it; whoever finds it there calls explain() in place of execute().
 #pragma once
 
 #include <algorithm>
@@ -32,6 +33,8 @@
 
 namespace QOR {
 
+struct QORExplanation;
+
 /// Belongs to the thread and the client that made it. A nested select refers to its enclosing one, which must outlive
 /// it. Depth of recursion is that of the request message, which its limits bound.
 class SelectStmnt {
@@ -49,6 +52,8 @@ public:
     /// Runs the statement and appends the result element. Leaves `out` where it stood.
     /// \throws QORException, AException; what was written so far stays for the caller to remove
     void execute(QORBinaryIterator& out);
+    /// Appends what would become of it in place of that (QORExplanation), running nothing of it. The same errors.
+    void explain(QORBinaryIterator& out);
     /// The statement as SQL text, access restriction included; of a nested one, as it stands in the other's condition.
     std::string asSQLString() const;
     /// The selects that its page comes from, as SQL text, in the order in which they are run until the page is full:
@@ -191,6 +196,8 @@ private:
     void writeNext(QORBinaryIterator& out, const Page& page) const;
     static void expectAdded(int result);
     static void expectWritten(int result);
+
+    void explainStatements(ASSession& database, QORExplanation& explanation) const;
 
     // Counts (QORSelectCounts.cpp).
     void writeCounts(QORBinaryIterator& out, ASSession& database, const Page& page) const;
