@@ -27,6 +27,7 @@
 #include "agent/MemoryKeeper.h"
 #include "agent/SignalWatch.h"
 #include "agent/api/AgentApplication.h"
+#include "agent/api/AgentAudit.h"
 #include "agent/http/HttpServer.h"
 #include "agent/http/LocalListener.h"
 #include "agent/http/TcpListener.h"
@@ -57,6 +58,7 @@ struct Settings {
     QORAnswerLimits answers;
     AgentMemory memory;
     AgentFollowSettings following;
+    AgentAudit::Options audit;
 };
 
 /// Every client costs a descriptor, every query one or two more; the usual soft limit is meant for programs that
@@ -276,6 +278,11 @@ void declareOptions(CLI::App& app, Settings& settings) {
     addNumber(app, "--grace", {0, 3600},
               "seconds that requests in flight are given when the agent is told to stop, by default 30",
               storeSeconds(settings.server.grace));
+    app.add_option("--audit", settings.audit.target,
+                   "a line for each request: who asked what; append it to this file, or \"journal\" (default: none)")
+        ->type_name("FILE|journal");
+    app.add_flag("--audit-literals", settings.audit.literals,
+                 "show what conditions compare with, which the audit else leaves out");
     app.add_option("--log-file", settings.logFile, "append log lines to this file (default: standard error)");
     addNumber(app, "--log-level", {0, 5}, "0 failures, 1 warnings, 2 events, 3 progress, 4 detail, 5 all; by default 2",
               store(settings.logLevel));
@@ -351,8 +358,9 @@ void reopenLog(const std::string& path) {
 }
 
 /// A certificate is replaced before it expires; with files that do not fit, the one that is there is better than none.
-void readAnew(const Settings& settings) {
+void readAnew(const Settings& settings, AgentAudit* audit) {
     reopenLog(settings.logFile);
+    if (audit != nullptr) audit->reopen();
     if (!settings.server.certificates) return;
     try {
         settings.server.certificates->reload();
@@ -417,11 +425,14 @@ int serve(Settings& settings) {
     checkAddresses(settings.server.listen);
     QORHost host(hostOptions(settings));
     const QORRetention retention(settings.keep);
+    std::optional<AgentAudit> audit;
+    if (!settings.audit.target.empty()) audit.emplace(settings.audit);
     AgentApplication application(host, settings.memory);
     application.setFollowing(settings.following);
+    application.setAudit(audit ? &*audit : nullptr);
     HttpServer server(settings.server, application);
-    application.setConnectionCounter([&server] { return server.connections(); });
-    const SignalWatch signals({[&server] { server.stop(); }, [&settings] { readAnew(settings); }});
+    application.setCounters([&server] { return server.connections(); }, [&server] { return server.counts(); });
+    const SignalWatch signals({[&server] { server.stop(); }, [&] { readAnew(settings, audit ? &*audit : nullptr); }});
     const MemoryKeeper memory;
     announce(server.addresses());
     if (!server.run()) {

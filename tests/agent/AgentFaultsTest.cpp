@@ -150,6 +150,7 @@ TEST(AgentFaults, ALockThatIsKeptIsHeard) {
         SqliteFile locker(agent.databasePath());
         locker.run("BEGIN IMMEDIATE");
         EXPECT_THAT(client.post("/v1/records", event("late")).body, HasSubstr("database is locked"));
+        EXPECT_EQ(client.post("/v1/identities/add", R"({"name":"x","kind":"token"})").status, 503);
         EXPECT_THAT(client.get("/v1/health").body,
                     AllOf(HasSubstr(R"("status":"failing")"), HasSubstr(R"("fault":"locked")")));
         EXPECT_EQ(occurrences(agent.log(), "database is locked"), 1U);
@@ -218,6 +219,7 @@ TEST(AgentFaults, CorruptionIsSaidUntilTheWholeFileIsFoundSound) {
     EXPECT_THAT(client.message(
                     R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],[1741,"source"]]]})"),
                 HasSubstr("malformed"));
+    EXPECT_EQ(client.get("/v1/views/vEventLog/rows").status, 500) << "that does not pass by itself";
     EXPECT_THAT(client.get("/v1/health").body, corrupt);
     EXPECT_THAT(client.post("/v1/records", R"({"kind":"backup","id":"b","time":1})").body,
                 HasSubstr(R"("accepted":1)"));
@@ -239,6 +241,12 @@ protected:
     }
     std::string send() { return HttpClient(agent.socketPath()).post("/v1/records", event("new")).body; }
     void expectRefused(const std::string& reason) {
+        for (const char* target : {"/v1/views/vEventLog/rows", "/v1/rows?fields=pager.op_log.id", "/v1/status"}) {
+            const test::HttpAnswer rows = HttpClient(agent.socketPath()).get(target);
+            EXPECT_EQ(rows.status, 503) << target << rows.body;
+            EXPECT_THAT(rows.body, AllOf(HasSubstr(R"("code":"database_away")"), HasSubstr(reason)));
+            EXPECT_EQ(rows.headers.at("retry-after"), "2");
+        }
         EXPECT_THAT(ask(), HasSubstr(reason));
         EXPECT_THAT(send(), AllOf(HasSubstr(R"("accepted":0)"), HasSubstr(reason)));
         EXPECT_THAT(HttpClient(agent.socketPath()).get("/v1/health").body,

@@ -37,10 +37,10 @@ protected:
         if (open != std::string::npos) path.replace(open, path.find('}') - open + 1, "vOpLog");
         return path;
     }
-    static std::string upper(std::string text) {
-        for (char& c : text)
+    static std::string upper(std::string word) {
+        for (char& c : word)
             c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-        return text;
+        return word;
     }
 
     static inline test::AgentProcess* agent = nullptr;

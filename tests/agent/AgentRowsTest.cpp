@@ -194,7 +194,9 @@ TEST_F(AgentRows, MistakesAreNamedWithTheirPlace) {
              {"where=" + escaped("status = = 1"), "bad_condition", "where", "9", "=", ""},
              {"where=" + escaped("id in (select ide from vOpLog)"), "bad_condition", "where", "14", "ide", "id"},
              {"where=" + escaped("id in (select id from vNothing)"), "bad_condition", "where", "22", "vNothing", ""},
-             {"where=" + escaped("status = 'many'"), "bad_condition", "where", "", "", ""},
+             {"where=" + escaped("op = 'ü' or status = 'many'"), "bad_condition", "where", "22", "many", ""},
+             {"where=" + escaped("eid = 'many' or op = 'many'"), "bad_condition", "where", "", "", ""},
+             {"fields=op&distinct&sort=time", "bad_parameter", "sort", "0", "time", ""},
              {"where=", "bad_condition", "where", "0", "", ""},
              {"count=all", "bad_parameter", "count", "", "all", ""},
              {"count=0ms", "bad_parameter", "count", "", "0ms", ""},
@@ -213,6 +215,29 @@ TEST_F(AgentRows, MistakesAreNamedWithTheirPlace) {
         EXPECT_EQ(jsonAt(answer.body, "position"), row.position) << row.query << answer.body;
         EXPECT_EQ(jsonAt(answer.body, "found"), quoted(row.found)) << row.query;
         EXPECT_EQ(jsonAt(answer.body, "suggestion"), quoted(row.suggestion)) << row.query;
+    }
+}
+
+TEST_F(AgentRows, WhatAnOperatorRefusesIsNamedWithItsPlaceToo) {
+    struct Row {
+        std::string query;
+        const char* code;
+        const char* parameter;
+        const char* position;
+        const char* suggestion;
+    };
+    for (const Row& row : std::vector<Row>{
+             {"where=" + escaped("true and pager.op_log.statsu == 1"), "\"unknown_field\"", "\"where\"", "9",
+              "\"pager.op_log.status\""},
+             {"sort=pager.op_log.id,pager.event_log.time&where=true", "\"bad_parameter\"", "\"sort\"", "16", ""},
+             {"where=" + escaped("1 =="), "\"bad_condition\"", "\"where\"", "", ""},
+         }) {
+        const HttpAnswer answer = connect().get("/v1/rows?fields=pager.op_log.id&" + row.query);
+        EXPECT_EQ(answer.status, 400) << row.query << ' ' << answer.body;
+        EXPECT_EQ(jsonAt(answer.body, "code"), row.code) << answer.body;
+        EXPECT_EQ(jsonAt(answer.body, "parameter"), row.parameter) << answer.body;
+        EXPECT_EQ(jsonAt(answer.body, "position"), row.position) << answer.body;
+        EXPECT_EQ(jsonAt(answer.body, "suggestion"), row.suggestion) << answer.body;
     }
 }
 

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "agent/RecordLines.h"
 #include "ctl/CtlProcess.h"
 #include "support/AgentProcess.h"
 #include "support/HostDatabase.h"
@@ -29,10 +30,6 @@ constexpr const char* parent = "11111111-1111-1111-1111-111111111111";
 constexpr const char* child = "22222222-2222-2222-2222-222222222222";
 constexpr const char* other = "33333333-3333-3333-3333-333333333333";
 
-std::string environment(const std::string& eid, const std::string& above = {}) {
-    return R"({"kind":"environment","eid":")" + eid + '"' + (above.empty() ? "" : R"(,"parent_eid":")" + above + '"') +
-           "}\n";
-}
 std::string event(const std::string& eid) {
     return R"({"kind":"event","time":1,"eid":")" + eid + R"(","source":"of )" + eid.substr(0, 1) + "\"}\n";
 }

@@ -69,7 +69,7 @@ std::optional<std::size_t> acceptedType(const HttpRequest& request, std::span<co
     for (std::size_t place = 0; place < offered.size(); ++place) {
         Liking liking;
         for (const HttpField& field : request.fields) {
-            if (isAccept(field)) liking.hear(field.value, offered[place]);
+            if (isAccept(field)) liking.hear(field.value, mediaTypeOf(offered[place]));
         }
         if (liking.quality() <= most) continue;
         most = liking.quality();

@@ -65,8 +65,10 @@ std::shared_ptr<const QORIdentity> together(const std::vector<std::shared_ptr<co
         all->fullAccess = all->fullAccess || one->fullAccess;
         if (one != groups.front()) all->name += "+" + one->name;
         for (const QORIdentityEnvironment& environment : one->environments) {
-            const auto same = std::find_if(all->environments.begin(), all->environments.end(),
-                                           [&](const auto& mine) { return mine.eid == environment.eid; });
+            // A right of one group is not widened by how far another one's reaches.
+            const auto same = std::find_if(all->environments.begin(), all->environments.end(), [&](const auto& mine) {
+                return mine.eid == environment.eid && mine.writes == environment.writes;
+            });
             if (same == all->environments.end()) {
                 all->environments.push_back(environment);
             } else {
@@ -187,21 +189,15 @@ AgentAccess::Decision AgentAccess::decide(const HttpRequest& head, const HttpPee
     const SnapshotPtr snapshot = current();
     auto requester = std::make_shared<AgentRequester>();
     requester->peer = peer;
-    constexpr std::string_view scheme = "bearer ";
-    const std::string_view shown = head.field("Authorization");
-    if (shown.data() != nullptr) {
-        const auto fields = std::count_if(head.fields.begin(), head.fields.end(), [](const HttpField& field) {
-            return toLowerText(field.name) == "authorization";
-        });
-        if (fields > 1) return {nullptr, badRequest, "there is more than one Authorization", {}};
-        if (toLowerText(shown.substr(0, scheme.size())) != scheme)
-            return refuse(peer, "Authorization is \"Bearer TOKEN\"");
-        requester->digest = digestOfToken(shown.substr(scheme.size()));
-    }
+    if (std::optional<Decision> refused = readCredentials(head, peer, *requester)) return std::move(*refused);
     if (!snapshot->resolve(*requester)) {
-        return refuse(peer, shown.data() != nullptr ? "the token is unknown, revoked or expired"
-                                                    : "over TCP everybody has to say who he is");
+        return refuse(peer, requester->byCookie          ? "the session's token was revoked or has expired"
+                            : !requester->digest.empty() ? "the token is unknown, revoked or expired"
+                                                         : "over TCP everybody has to say who he is");
     }
+    if (requester->identity) requester->name = requester->identity->name;
+    if (const auto token = snapshot->tokens.find(requester->digest); token != snapshot->tokens.end())
+        requester->expires = token->second.expires;
     if (!requester->digest.empty()) noteUse(requester->digest);
     const std::string_view as = head.field("X-Qor-As");
     if (as.data() == nullptr) return {requester, 0, {}, {}};
@@ -213,6 +209,33 @@ AgentAccess::Decision AgentAccess::decide(const HttpRequest& head, const HttpPee
     requester->identity = other->second;
     requester->fullAccess = other->second->fullAccess;
     return {requester, 0, {}, {}};
+}
+
+std::optional<AgentAccess::Decision> AgentAccess::readCredentials(const HttpRequest& head, const HttpPeer& peer,
+                                                                  AgentRequester& requester) {
+    constexpr std::string_view scheme = "bearer ";
+    const std::string_view shown = head.field("Authorization");
+    if (shown.data() != nullptr) {
+        const auto fields = std::count_if(head.fields.begin(), head.fields.end(), [](const HttpField& field) {
+            return toLowerText(field.name) == "authorization";
+        });
+        if (fields > 1) return Decision{nullptr, badRequest, "there is more than one Authorization", {}};
+        if (toLowerText(shown.substr(0, scheme.size())) != scheme)
+            return refuse(peer, "Authorization is \"Bearer TOKEN\"");
+        requester.digest = digestOfToken(shown.substr(scheme.size()));
+        return std::nullopt;
+    }
+    const std::optional<std::string_view> cookie = sessionCookieOf(head);
+    if (!cookie) return Decision{nullptr, badRequest, "there is more than one cookie of a session", {}};
+    if (cookie->data() == nullptr) return std::nullopt;
+    const std::optional<AgentSession> session = m_sessions.of(*cookie);
+    if (!session) return refuse(peer, "the session is over, or is none of this database's");
+    const bool asksOnly = head.method == "GET" || head.method == "HEAD" || head.method == "OPTIONS";
+    if (!asksOnly && !isSameDigest(head.field("X-Qor-Csrf"), m_sessions.csrfOf(*cookie)))
+        return Decision{nullptr, forbidden, "with a session, this needs X-Qor-Csrf, which GET /v1/session tells", {}};
+    requester.digest = session->digest;
+    requester.byCookie = true;
+    return std::nullopt;
 }
 
 /// Guessing is slowed down by those who guess; who has a token that holds is never held up.

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "QORLibAgent/QORIdentities.h"
+#include "agent/api/AgentSessions.h"
 #include "agent/http/HttpTypes.h"
 
 namespace QOR {
@@ -25,8 +26,11 @@ struct AgentRequester final : HttpRequester {
     std::shared_ptr<const QORIdentity> identity;  ///< what he is as an entry says it; null: there is none
     bool fullAccess = false;
     HttpPeer peer{};
-    std::string digest{};  ///< of the token that he showed
-    std::string as{};      ///< whom he asks as
+    std::string digest{};                   ///< of the token that he showed, or that his session began with
+    bool byCookie = false;                  ///< he showed the cookie of a session
+    std::optional<std::int64_t> expires{};  ///< that token
+    std::string name{};                     ///< of his own identity; empty: he has none
+    std::string as{};                       ///< whom he asks as
 };
 
 /// Identities as the database keeps them, followed four times a second. What is decided holds for one request; what a
@@ -45,8 +49,14 @@ public:
         std::string message{};
         std::chrono::milliseconds delay{0};  ///< before he is told
     };
-    /// Asks nobody: neither the database nor the system.
+    /// Asks nobody: neither the database nor the system. A request that shows a session's cookie and may change
+    /// something must show that it comes from the session's own page (X-Qor-Csrf) too.
     Decision decide(const HttpRequest& head, const HttpPeer& peer);
+
+    AgentSessions& sessions() noexcept { return m_sessions; }
+
+    /// How many were not let in. Where decide() may be called.
+    std::size_t refusals() const noexcept { return m_failed; }
 
     /// What he may see. May look at all environments.
     QORClientContextPtr contextOf(const AgentRequester& requester);
@@ -83,6 +93,8 @@ private:
     };
 
     SnapshotPtr current() const;
+    /// Whose token or session a request shows, if any. \returns a refusal, or nothing
+    std::optional<Decision> readCredentials(const HttpRequest& head, const HttpPeer& peer, AgentRequester& requester);
     Decision refuse(const HttpPeer& peer, const std::string& message);
     void noteUse(const std::string& digest);
     void publish(SnapshotPtr snapshot);
@@ -91,6 +103,7 @@ private:
     void storeUses();
 
     const bool m_writes;
+    AgentSessions m_sessions;
     std::mutex m_refreshing;
     mutable std::mutex m_mutex;
     SnapshotPtr m_snapshot;                                              // guarded by m_mutex

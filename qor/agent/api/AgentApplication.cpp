@@ -5,9 +5,11 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
+#include "agent/api/AgentAudit.h"
 #include "agent/api/AgentClient.h"
 #include "agent/api/AgentProblem.h"
 #include "agent/api/AgentRoutes.h"
+#include "agent/api/AgentTrace.h"
 #include "host/QORHost.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -21,10 +23,30 @@ HttpReply notLetIn(const AgentAccess::Decision& decision) {
     return reply;
 }
 
+/// What may be asked of a path, or of all that there are.
+HttpReply optionsOf(std::string_view methods) {
+    HttpReply reply{204, {}};
+    reply.allow = methods;
+    return reply;
+}
+
+/// Why somebody may not use a route; empty when he may. \param requester null for who has not said who he is
+std::string_view objection(AgentReach reach, const AgentRequester* requester) {
+    if (reach == AgentReach::Everybody || reach == AgentReach::Anybody) return {};
+    if (requester != nullptr && requester->fullAccess) return {};
+    if (reach == AgentReach::Full) return " is for connections with full access";
+    const bool writes = requester != nullptr && requester->identity && !writeScopeOf(*requester->identity).empty();
+    return writes ? std::string_view() : " needs full access, or the right to write about environments";
+}
+
 /// Why a request is not taken; nothing when it is.
-std::optional<HttpReply> refusal(const AgentRouteMatch& match, const HttpRequest& request, bool fullAccess) {
+std::optional<HttpReply> refusal(const AgentRouteMatch& match, const HttpRequest& request,
+                                 const AgentRequester* requester) {
+    const bool asksWhat = request.method == "OPTIONS";
+    if (asksWhat && request.path == "*") return optionsOf("GET, HEAD, POST, DELETE, OPTIONS");
     if (match.allow.empty())
         return problemReply({.status = 404, .detail = "there is nothing at " + std::string(request.path)});
+    if (asksWhat) return optionsOf(match.allow);
     if (match.route == nullptr) {
         HttpReply reply = problemReply({.status = 405,
                                         .detail = std::string(request.path) + " takes " + match.allow + " only",
@@ -33,9 +55,8 @@ std::optional<HttpReply> refusal(const AgentRouteMatch& match, const HttpRequest
         reply.allow = match.allow;
         return reply;
     }
-    if (match.route->reach == AgentReach::Full && !fullAccess)
-        return problemReply(
-            {.status = 403, .detail = std::string(match.route->path) + " is for connections with full access"});
+    if (const std::string_view why = objection(match.route->reach, requester); !why.empty())
+        return problemReply({.status = 403, .detail = std::string(match.route->path).append(why)});
     return refusalOfTypes(*match.route, request);
 }
 
@@ -81,7 +102,20 @@ HttpIdentity AgentApplication::identify(const HttpPeer& peer) {
 }
 
 HttpPlan AgentApplication::plan(const HttpRequest& head, const HttpPeer& peer) {
+    auto trace = std::make_shared<AgentTrace>();
+    trace->method = knownMethod(head.method);
+    if (m_audit != nullptr) {
+        trace->notes.conditions =
+            m_audit->showsLiterals() ? QORRequestNotes::Conditions::Whole : QORRequestNotes::Conditions::Masked;
+    }
+    HttpPlan plan = planned(head, peer, *trace);
+    plan.trace = std::move(trace);
+    return plan;
+}
+
+HttpPlan AgentApplication::planned(const HttpRequest& head, const HttpPeer& peer, AgentTrace& trace) {
     const AgentRouteMatch match = findRoute(head.path, head.method);
+    if (match.route != nullptr) trace.route = match.route->path;
     HttpPlan plan;
     bool fullAccess = false;
     if (match.route == nullptr || match.route->reach != AgentReach::Everybody) {
@@ -93,9 +127,13 @@ HttpPlan AgentApplication::plan(const HttpRequest& head, const HttpPeer& peer) {
             return plan;
         }
         fullAccess = decision.requester->fullAccess;
+        trace.who = decision.requester->name;
+        trace.as = decision.requester->as;
+        if (!trace.who.empty() && (peer.overTcp || !decision.requester->digest.empty()))
+            plan.account = "identity:" + trace.who;
         plan.requester = std::move(decision.requester);
     }
-    plan.reply = refusal(match, head, fullAccess);
+    plan.reply = refusal(match, head, static_cast<const AgentRequester*>(plan.requester.get()));
     if (!plan.reply && match.route->answer == nullptr) plan.reply = answerNow(*this, *match.route, head, fullAccess);
     if (plan.reply) {
         logReply(head, *plan.reply);
@@ -111,6 +149,12 @@ std::unique_ptr<HttpClientHandler> AgentApplication::connect(const HttpPeer&) {
 
 HttpReply AgentApplication::errorReply(unsigned status, std::string_view message) {
     return problemReply({.status = status, .detail = std::string(message)});
+}
+
+void AgentApplication::ended(const HttpEnd& end, const HttpPeer& peer, HttpTrace* trace) {
+    const auto* const known = static_cast<const AgentTrace*>(trace);
+    m_metrics.count(end, known);
+    if (m_audit != nullptr) m_audit->add(auditLine(end, peer, known));
 }
 
 void logReply(const HttpRequest& request, const HttpReply& reply) {

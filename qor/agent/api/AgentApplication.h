@@ -19,12 +19,15 @@
 #include "QORLibAgent/QORChangeWatch.h"
 #include "agent/api/AgentAccess.h"
 #include "agent/api/AgentFields.h"
+#include "agent/api/AgentMetrics.h"
 #include "agent/api/AgentViews.h"
 #include "agent/http/HttpTypes.h"
 
 namespace QOR {
 
 class QORHost;
+class AgentAudit;
+struct AgentTrace;
 
 /// How much memory requests may hold, in bytes. What has no room is refused with an error that names the setting.
 struct AgentMemory {
@@ -48,8 +51,14 @@ public:
     explicit AgentApplication(QORHost& host, const AgentMemory& memory = {});
     ~AgentApplication() override;
 
-    /// Where the number of open connections comes from, for /v1/health. Before the first connection.
-    void setConnectionCounter(std::function<std::size_t()> counter) { m_connections = std::move(counter); }
+    /// Where the number of open connections comes from, for /v1/health, and the server's other counts, which it is
+    /// asked for on the server's thread. Before the first connection.
+    void setCounters(std::function<std::size_t()> connections, std::function<HttpCounts()> counts) {
+        m_connections = std::move(connections);
+        m_counts = std::move(counts);
+    }
+    /// Before the first connection. \param audit outlives the application; null: nobody wants one
+    void setAudit(AgentAudit* audit) noexcept { m_audit = audit; }
 
     /// Before the first connection.
     void setFollowing(const AgentFollowSettings& settings) { m_following = settings; }
@@ -58,6 +67,7 @@ public:
     HttpPlan plan(const HttpRequest& head, const HttpPeer& peer) override;
     std::unique_ptr<HttpClientHandler> connect(const HttpPeer& peer) override;
     HttpReply errorReply(unsigned status, std::string_view message) override;
+    void ended(const HttpEnd& end, const HttpPeer& peer, HttpTrace* trace) override;
 
     QORHost& host() const noexcept { return m_host; }
     AgentAccess& access() noexcept { return m_access; }
@@ -69,10 +79,14 @@ public:
     std::chrono::steady_clock::duration uptime() const { return std::chrono::steady_clock::now() - m_start; }
     /// Open ones.
     std::size_t connections() const { return m_connections(); }
+    /// All that is known in numbers. The server's thread alone.
+    void writeMetrics(PrometheusText& text) const;
     /// An account for the request that comes next.
     QORMemoryAccountPtr newAccount();
 
 private:
+    HttpPlan planned(const HttpRequest& head, const HttpPeer& peer, AgentTrace& trace);
+
     QORHost& m_host;
     AgentAccess m_access;
     AgentViews m_views;
@@ -82,6 +96,9 @@ private:
     const std::size_t m_requestMemory;
     QORMemoryBudget m_memory;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };
+    std::function<HttpCounts()> m_counts = [] { return HttpCounts(); };
+    AgentAudit* m_audit = nullptr;
+    AgentMetrics m_metrics;  // the server's thread's
     const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 };
 

@@ -9,6 +9,7 @@
 #include "agent/api/AgentCall.h"
 #include "agent/api/AgentProblem.h"
 #include "agent/api/AgentRoutes.h"
+#include "agent/api/AgentTrace.h"
 
 namespace QOR {
 namespace {
@@ -41,7 +42,7 @@ HttpReply answer(AgentCall& call) {
     } catch (const QORException& exception) {
         return replyOf(route, problemOf(exception), exception.code());
     } catch (const std::exception& exception) {
-        return replyOf(route, {.status = 500, .detail = exception.what()}, errFailure);
+        return replyOf(route, failureProblem(exception.what()), errFailure);
     }
 }
 
@@ -53,6 +54,7 @@ const AgentRequester& AgentCall::requester() const noexcept {
 
 HttpReply AgentClient::handle(const HttpRequest& request) {
     const QORMemoryScope memory(m_application.newAccount());
+    const QORRequestNotesScope notes(&static_cast<AgentTrace*>(request.trace)->notes);
     const auto& requester = static_cast<const AgentRequester&>(*request.requester);
     const AgentAccess::Running running(m_application.access(), requester);
     const AgentRouteMatch match = findRoute(request.path, request.method);

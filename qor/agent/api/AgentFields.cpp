@@ -25,10 +25,6 @@ QORColumnKind kindOf(std::string_view type) noexcept {
 const QOROpField& need(AgentFields& fields, std::string_view parameter, std::string_view name,
                        const AgentParameters& parameters) {
     if (const QOROpField* const field = fields.find(name)) return *field;
-    std::vector<std::string_view> names;
-    for (const QOROpField& field : fields.all())
-        if (!field.prefix) names.emplace_back(field.name);
-    const std::vector<std::string_view> near = nearestNames(name, names);
     const std::string_view text = parameters.text(parameter);
     throwProblem({.detail = std::string(parameter) + ": there is no field " + quoteText(name),
                   .code = "unknown_field",
@@ -36,7 +32,7 @@ const QOROpField& need(AgentFields& fields, std::string_view parameter, std::str
                   .position = charactersBefore(text, static_cast<std::size_t>(name.data() - text.data())),
                   .found = std::string(name),
                   .expected = "one of /v1/fields",
-                  .suggestion = near.empty() ? std::string() : std::string(near.front())});
+                  .suggestion = fields.nearest(name)});
 }
 
 /// Fields of several sources in one question the operator refuses; some stand beside those of others.
@@ -91,6 +87,14 @@ const QOROpField* AgentFields::find(std::string_view name) {
     return found == fields.end() ? nullptr : &*found;
 }
 
+std::string AgentFields::nearest(std::string_view name) {
+    std::vector<std::string_view> names;
+    for (const QOROpField& field : all())
+        if (!field.prefix) names.emplace_back(field.name);
+    const std::vector<std::string_view> near = nearestNames(name, names);
+    return near.empty() ? std::string() : std::string(near.front());
+}
+
 HttpReply answerFields(AgentCall& call) {
     HttpReply reply;
     reply.revalidated = true;
@@ -113,9 +117,8 @@ HttpReply answerFields(AgentCall& call) {
     return reply;
 }
 
-HttpReply sourceRows(AgentCall& call, const AgentParameters& parameters) {
+AgentSelect sourceSelect(AgentCall& call, const AgentParameters& parameters, bool all) {
     AgentFields& fields = call.application.fields();
-    const AgentRowsForm form = rowsFormOf(call.request, parameters);
     AgentSelect select;
     select.envelope.operatorName = operatorName;
     select.envelope.requestName = "select";
@@ -125,7 +128,12 @@ HttpReply sourceRows(AgentCall& call, const AgentParameters& parameters) {
     if (parameters.has("where")) requireRoom(at.putValue(parameters.text("where"), tag::where));
     addSort(fields, parameters, at);
     addFlag(at, tag::exact);
-    addPage(at, parameters, form.stream);
+    addPage(at, parameters, all);
+    return select;
+}
+
+HttpReply sourceRows(AgentCall& call, const AgentParameters& parameters) {
+    AgentSelect select = sourceSelect(call, parameters, rowsFormOf(call.request, parameters).stream);
     return replyOfOperator(call, parameters, select.envelope, std::move(select.columns), std::move(select.names));
 }
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -21,6 +22,8 @@ public:
     const std::vector<QOROpField>& all();
     /// The field of that name, or the prefix that it begins with; null for none.
     const QOROpField* find(std::string_view name);
+    /// The name most like this one; empty where none is like it.
+    std::string nearest(std::string_view name);
 
 private:
     std::mutex m_mutex;
@@ -45,6 +48,9 @@ inline constexpr std::array sourceRowsParameters{
 
 /// `{"fields":[{"name":"pager.op_log.id","source":"operations","type":"text","list":false,"prefix":false},...]}`
 HttpReply answerFields(AgentCall& call);
+
+/// The question of operator "pager" that the parameters ask. \param all rows, where there is no limit
+AgentSelect sourceSelect(AgentCall& call, const AgentParameters& parameters, bool all);
 
 /// GET /v1/rows
 HttpReply answerSourceRows(AgentCall& call);

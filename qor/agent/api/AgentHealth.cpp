@@ -85,4 +85,19 @@ HttpReply healthNow(const AgentApplication& application, bool fullAccess) {
             })};
 }
 
+HttpReply metricsNow(const AgentApplication& application, bool) {
+    PrometheusText text;
+    application.writeMetrics(text);
+    text.family("qor_faults", PrometheusText::Type::Gauge, "What fails now, and how often it was met, by its name.");
+    for (const ASFaults::State& fault : ASFaults::instance().current())
+        text.sample(fault.count, {{"fault", fault.name}, {"server", ""}});
+    for (const auto& [name, server] : QORServers::instance().used()) {
+        for (const ASFaults::State& fault : server->faults().current())
+            text.sample(fault.count, {{"fault", fault.name}, {"server", name}});
+    }
+    HttpReply reply{200, text.text()};
+    reply.contentType = PrometheusText::contentType;
+    return reply;
+}
+
 }  // namespace QOR

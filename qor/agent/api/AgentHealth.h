@@ -14,5 +14,7 @@ HttpReply liveNow(const AgentApplication& application, bool fullAccess);
 HttpReply readyNow(const AgentApplication& application, bool fullAccess);
 /// What the agent is made of, and what fails. \param fullAccess of who asks
 HttpReply healthNow(const AgentApplication& application, bool fullAccess);
+/// All of it in numbers.
+HttpReply metricsNow(const AgentApplication& application, bool fullAccess);
 
 }  // namespace QOR

@@ -175,7 +175,8 @@ std::map<unsigned, std::string_view> problemsOf(const AgentRoute& route) {
     if (route.reach != AgentReach::Everybody) problems[401] = "Nobody knows who asks";
     if (route.reach != AgentReach::Everybody) problems[403] = "Who asks may not";
     if (route.path.find('{') != std::string_view::npos || route.path.starts_with("/v1/tokens/") ||
-        route.path == "/v1/query" || route.path == "/v1/identities/remove")
+        route.path == "/v1/query" || route.path == "/v1/explain" || route.path == "/v1/identities/remove" ||
+        (route.path == "/v1/session" && route.method != "POST"))
         problems[404] = "There is nothing of that name";
     if (!route.body.empty()) {
         problems[413] = "The body is too large";

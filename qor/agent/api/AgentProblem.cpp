@@ -47,6 +47,9 @@ const Status& lookUp(unsigned status) {
     return found == statuses.end() ? unknown : *found;
 }
 
+/// Seconds that a server takes to come back; who waited for a lock has waited about as long already.
+constexpr unsigned afterOutage = 2;
+
 /// Messages hold what others say, a driver for instance, in whatever bytes.
 void writeAny(JsonWriter& json, std::string_view key, const std::string& text) {
     if (text.empty()) return;
@@ -59,18 +62,24 @@ void throwProblem(AgentProblem problem) {
     throw AgentProblemException(std::move(problem));
 }
 
+AgentProblem failureProblem(std::string detail) {
+    const QORRequestControl* const control = QORRequestControl::current();
+    if (control == nullptr || !control->metOutage()) return {.status = 500, .detail = std::move(detail)};
+    return {.status = 503, .detail = std::move(detail), .code = "database_away", .retryAfter = afterOutage};
+}
+
 AgentProblem problemOf(const QORException& exception) {
-    AgentProblem problem{.status = 500, .detail = exception.message()};
+    AgentProblem problem = failureProblem(exception.message());
     switch (exception.code()) {
         case errDeadline:
-            problem.status = 503;
-            problem.code = "deadline";
+            problem = {.status = 503, .detail = exception.message(), .code = "deadline"};
             break;
         case errBadRequest:
+        case errForbidden:
         case 404:
         case errOtherContent:
         case errSameRequest:
-            problem.status = static_cast<unsigned>(exception.code());
+            problem = {.status = static_cast<unsigned>(exception.code()), .detail = exception.message()};
             break;
         default:
             break;
@@ -82,7 +91,7 @@ HttpReply problemReply(const AgentProblem& problem) {
     HttpReply reply;
     reply.status = problem.status;
     reply.contentType = "application/problem+json";
-    if (problem.status == 429 || problem.status == 503) reply.retryAfter = 1;
+    if (problem.status == 429 || problem.status == 503) reply.retryAfter = problem.retryAfter;
     reply.body = writtenObject([&](JsonWriter& json) {
         const Status& status = lookUp(problem.status);
         writeMember(json, "title", status.title);

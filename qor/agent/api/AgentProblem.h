@@ -28,6 +28,7 @@ struct AgentProblem {
     std::string found{};                    ///< there
     std::string expected{};                 ///< there
     std::string suggestion{};               ///< the nearest thing that would do
+    unsigned retryAfter = 1;                ///< seconds, of 429 and 503: when to come again
 };
 
 /// A problem that ends the answering of a request.
@@ -45,6 +46,9 @@ private:
 
 /// What an exception of the host means over HTTP.
 AgentProblem problemOf(const QORException& exception);
+
+/// What failed within: 503 when the database is away or busy for now, else 500. Of the request that the thread serves.
+AgentProblem failureProblem(std::string detail);
 
 /// The document with its status; 503 and 429 say when to come again.
 HttpReply problemReply(const AgentProblem& problem);

@@ -21,17 +21,21 @@ void refuseForSources(const AgentParameters& members) {
 
 }  // namespace
 
-HttpReply answerQuery(AgentCall& call) {
+AgentParameters readQuestion(const AgentCall& call) {
     AgentParameters members = AgentParameters::ofBody(call.request.body, queryMembers);
-    members.take(call.parameters, "format");
     if (members.has("view") == members.has("source"))
         throwProblem({.detail = "a question is about a view or a source: give one of them",
                       .code = members.has("view") ? "bad_parameter" : "missing_parameter",
                       .parameter = "view",
                       .expected = "view or source"});
-    if (members.has("view")) return viewRows(call, members.text("view"), members);
-    refuseForSources(members);
-    return sourceRows(call, members);
+    if (members.has("source")) refuseForSources(members);
+    return members;
+}
+
+HttpReply answerQuery(AgentCall& call) {
+    AgentParameters members = readQuestion(call);
+    members.take(call.parameters, "format");
+    return members.has("view") ? viewRows(call, members.text("view"), members) : sourceRows(call, members);
 }
 
 /// Whether it has a limit is told by its body.

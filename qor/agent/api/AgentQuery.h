@@ -26,6 +26,10 @@ inline constexpr std::array queryMembers{
 
 inline constexpr std::array queryParameters{formatParameter};
 
+/// The members of a question. \throws AgentProblemException for a body that is none, or asks about nothing or two
+/// things
+AgentParameters readQuestion(const AgentCall& call);
+
 /// POST /v1/query
 HttpReply answerQuery(AgentCall& call);
 bool streamsQuery(const HttpRequest& head, const AgentParameters& parameters);

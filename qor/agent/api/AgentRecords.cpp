@@ -4,7 +4,9 @@
 #include <optional>
 
 #include "QORCommon/QORException.h"
+#include "agent/api/AgentAccess.h"
 #include "agent/api/AgentJson.h"
+#include "host/QORRequestNotes.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"
 
@@ -20,6 +22,17 @@ void writeNumber(JsonWriter& json, const char* key, std::uint64_t value) {
 std::optional<std::string_view> keyOf(const HttpRequest& request) {
     const std::string_view key = request.field("Idempotency-Key");
     return key.data() == nullptr ? std::nullopt : std::optional(key);
+}
+
+/// Of full access: empty, and nobody asks.
+QORWriteScope scopeOf(const AgentRequester& requester) {
+    return requester.fullAccess || !requester.identity ? QORWriteScope() : writeScopeOf(*requester.identity);
+}
+
+QORIngestOptions optionsOf(const AgentRequester& requester, const QORWriteScope& scope) {
+    QORIngestOptions options;
+    if (!requester.fullAccess) options.scope = &scope;
+    return options;
 }
 
 void writeCounts(JsonWriter& json, const QORIngestResult& result) {
@@ -69,6 +82,10 @@ void writeFailure(JsonWriter& json, const QORIngestFailure& failure) {
 }
 
 void writeResult(JsonWriter& json, const QORIngestResult& result) {
+    if (QORRequestNotes* const notes = QORRequestNotes::current()) {
+        notes->stored += result.accepted();
+        notes->refused += result.refused;
+    }
     writeNumber(json, "accepted", result.accepted());
     writeCounts(json, result);
     writeNumber(json, "lastLine", result.lastLine);
@@ -83,13 +100,16 @@ HttpReply answerRecords(AgentCall& call) {
     const std::uint64_t firstLine = call.parameters.number("first-line").value_or(1);
     const std::optional<std::string_view> key = keyOf(call.request);
     std::optional<QORIngestRequest> request;
-    if (key) request.emplace(*key, ndjson, firstLine);
-    const QORIngestResult result = QORIngest().importBatch(ndjson, firstLine, request ? &*request : nullptr);
+    const QORWriteScope scope = scopeOf(call.requester());
+    if (key) request.emplace(*key, ndjson, firstLine, scope.name);
+    const QORIngestResult result =
+        QORIngest(optionsOf(call.requester(), scope)).importBatch(ndjson, firstLine, request ? &*request : nullptr);
     return {200, writtenObject([&](JsonWriter& json) { writeResult(json, result); })};
 }
 
-HttpReply answerCollect(AgentCall&) {
-    const QORCollectResult result = collect();
+HttpReply answerCollect(AgentCall& call) {
+    const QORWriteScope scope = scopeOf(call.requester());
+    const QORCollectResult result = collect({.ingest = optionsOf(call.requester(), scope)});
     return {200, writtenObject([&](JsonWriter& json) {
                 writeResult(json, result.stored);
                 writeNumber(json, "malformed", result.malformed);

@@ -9,6 +9,9 @@
 /// "refused" names the first lines of those that "refusedCount" counts. When the database stops taking records, there
 /// is also "failure":{"firstLine":n,"lastLine":m,"reason":"..."}, the lines of the batch that it did not take, with
 /// "error":{"code":1,"message":"..."} beside it; nothing from firstLine on is stored.
+///
+/// Without full access records are about environments that the requester's identity may write about, or nothing of the
+/// request is stored: 403, which names the line.
 #pragma once
 
 #include <array>

@@ -7,6 +7,7 @@
 #include "QORCommon/QORText.h"
 #include "agent/api/AgentAccept.h"
 #include "agent/api/AgentDescriptions.h"
+#include "agent/api/AgentExplain.h"
 #include "agent/api/AgentFields.h"
 #include "agent/api/AgentFollow.h"
 #include "agent/api/AgentHealth.h"
@@ -18,8 +19,10 @@
 #include "agent/api/AgentQuery.h"
 #include "agent/api/AgentRecords.h"
 #include "agent/api/AgentRows.h"
+#include "agent/api/AgentSessions.h"
 #include "agent/api/AgentTimeline.h"
 #include "agent/api/AgentViews.h"
+#include "agent/api/PrometheusText.h"
 
 namespace QOR {
 namespace {
@@ -30,6 +33,8 @@ constexpr std::array<std::string_view, 2> jsonBody{"application/json", "applicat
 constexpr std::array<std::string_view, 6> recordsBody{"application/x-ndjson", "application/ndjson",
                                                       "application/json",     "application/octet-stream",
                                                       "text/plain",           "application/x-www-form-urlencoded"};
+
+constexpr std::array<std::string_view, 1> prometheus{PrometheusText::contentType};
 
 constexpr auto writing = HttpLane::Writing;
 constexpr auto full = AgentReach::Full;
@@ -46,7 +51,7 @@ constexpr std::array routes{
                .inNotation = true},
     AgentRoute{.path = "/v1/records",
                .method = "POST",
-               .reach = full,
+               .reach = AgentReach::Writers,
                .lane = writing,
                .summary = "Records in, a line each",
                .answer = answerRecords,
@@ -55,7 +60,7 @@ constexpr std::array routes{
                .body = recordsBody},
     AgentRoute{.path = "/v1/collect",
                .method = "POST",
-               .reach = full,
+               .reach = AgentReach::Writers,
                .lane = writing,
                .summary = "The collectors run now",
                .answer = answerCollect,
@@ -117,6 +122,13 @@ constexpr std::array routes{
                .body = jsonBody,
                .members = queryMembers,
                .streams = streamsQuery},
+    AgentRoute{.path = "/v1/explain",
+               .method = "POST",
+               .summary = "What would become of a question that /v1/query takes, which is not run",
+               .answer = answerExplain,
+               .types = json,
+               .body = jsonBody,
+               .members = queryMembers},
     AgentRoute{.path = "/v1/timeline",
                .method = "GET",
                .summary = "Operations, events and backups in the order of their time",
@@ -141,6 +153,21 @@ constexpr std::array routes{
                .reach = full,
                .summary = "What the database is, and which stored documents cannot be read",
                .answer = answerStatus,
+               .types = json},
+    AgentRoute{.path = "/v1/session",
+               .method = "POST",
+               .summary = "Begins a session with the token that is shown: a cookie, and what changes need beside it",
+               .answer = answerBeginSession,
+               .types = json},
+    AgentRoute{.path = "/v1/session",
+               .method = "GET",
+               .summary = "Whose session it is, until when, and what changes need beside its cookie",
+               .answer = answerSession,
+               .types = json},
+    AgentRoute{.path = "/v1/session",
+               .method = "DELETE",
+               .summary = "Ends the session",
+               .answer = answerEndSession,
                .types = json},
     AgentRoute{.path = "/v1/identities",
                .method = "GET",
@@ -201,6 +228,12 @@ constexpr std::array routes{
                .summary = "Whether it is there",
                .now = liveNow,
                .types = json},
+    AgentRoute{.path = "/metrics",
+               .method = "GET",
+               .reach = full,
+               .summary = "The agent in numbers, in Prometheus's text format",
+               .now = metricsNow,
+               .types = prometheus},
 };
 
 std::string_view takePart(std::string_view& path) noexcept {
@@ -256,6 +289,7 @@ AgentRouteMatch findRoute(std::string_view path, std::string_view method) {
         match.names = std::move(names);
         return match;
     }
+    if (!match.allow.empty()) match.allow += ", OPTIONS";
     return match;
 }
 

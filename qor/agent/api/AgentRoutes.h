@@ -20,7 +20,8 @@ struct AgentCall;
 enum class AgentReach : std::uint8_t {
     Everybody,  ///< also who comes over TCP and does not say who he is
     Anybody,
-    Full,  ///< who has full access
+    Writers,  ///< who may store records, about some environments or all
+    Full,     ///< who has full access
 };
 
 /// Of static storage.

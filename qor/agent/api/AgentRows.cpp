@@ -13,6 +13,7 @@
 #include "QORMessage/QORAnswer.h"
 #include "agent/api/AgentAccept.h"
 #include "agent/api/AgentApplication.h"
+#include "agent/api/AgentOperatorProblem.h"
 #include "agent/api/AgentProblem.h"
 #include "agent/api/AgentRoutes.h"
 #include "host/QORAnswerText.h"
@@ -136,11 +137,6 @@ private:
     bool m_begun = false;
 };
 
-/// Codes of errors that operators have beside the host's own.
-constexpr int unknownField = 3111;
-constexpr int unreadableFilter = 3151;
-constexpr int failingFilter = 3152;
-
 const HttpFields variesByAccept{{"Vary", "Accept"}};
 
 constexpr std::string_view howToGetTheRest =
@@ -219,6 +215,13 @@ HttpReply replyWithRows(
     return reply;
 }
 
+void refuseAsOperator(AgentCall& call, const QORRequestEnvelope& request, const QORException& error,
+                      const AgentParameters& parameters) {
+    throwProblem(problemOfOperator(error, parameters, [&](std::string_view name) {
+        return request.operatorName == "pager" ? call.application.fields().nearest(name) : std::string();
+    }));
+}
+
 HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QORRequestEnvelope& request,
                           std::vector<AgentColumn> columns, std::vector<std::string> names) {
     const AgentRowsForm form = rowsFormOf(call.request, parameters);
@@ -228,39 +231,20 @@ HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QO
             call.host.router().ask(call.session(), request, rows, afterRow);
         });
     } catch (const QORException& error) {
-        AgentProblem problem = problemOf(error);
-        switch (error.code()) {
-            case unknownField:
-                problem.status = 400;
-                problem.code = "unknown_field";
-                break;
-            case unreadableFilter:
-                problem.status = 400;
-                break;
-            case failingFilter:
-                problem.status = 422;
-                problem.code = "failing_condition";
-                problem.parameter = "where";
-                break;
-            default:
-                break;
-        }
-        // All else has been checked before: what an operator refuses then is what it alone can judge.
-        if (problem.status == 400 && problem.code.empty()) {
-            const bool page = parameters.has("after");
-            if (page || parameters.has("where")) problem.code = page ? "bad_token" : "bad_condition";
-            if (page || parameters.has("where")) problem.parameter = page ? "after" : "where";
-        }
-        throwProblem(std::move(problem));
+        refuseAsOperator(call, request, error, parameters);
     }
+}
+
+AgentSelectContext selectContext(AgentCall& call, const AgentParameters& parameters, bool all) {
+    AgentSelectContext context;
+    context.all = all;
+    if (parameters.has("where")) context.currentEid = currentEidOf(call);
+    return context;
 }
 
 HttpReply viewRows(AgentCall& call, std::string_view view, const AgentParameters& parameters) {
     const auto views = call.application.views().listWith(view);
-    const AgentRowsForm form = rowsFormOf(call.request, parameters);
-    AgentSelectContext context;
-    context.all = form.stream;
-    if (parameters.has("where")) context.currentEid = currentEidOf(call);
+    const AgentSelectContext context = selectContext(call, parameters, rowsFormOf(call.request, parameters).stream);
     AgentSelect select = makeViewSelect(*views, views->find(view)->second, parameters, context);
     return replyOfOperator(call, parameters, select.envelope, std::move(select.columns), std::move(select.names));
 }

@@ -12,6 +12,8 @@
 
 namespace QOR {
 
+class QORException;
+
 /// In what form an answer leaves.
 struct AgentRowsForm {
     AgentFormat format = AgentFormat::Json;
@@ -34,6 +36,13 @@ HttpReply replyWithRows(
 /// \param columns of the answer \param names what the operator calls them
 HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QORRequestEnvelope& request,
                           std::vector<AgentColumn> columns, std::vector<std::string> names);
+
+/// What an operator's error means over HTTP, whose parameters have been checked before.
+[[noreturn]] void refuseAsOperator(AgentCall& call, const QORRequestEnvelope& request, const QORException& error,
+                                   const AgentParameters& parameters);
+
+/// What a question about a view is made for.
+AgentSelectContext selectContext(AgentCall& call, const AgentParameters& parameters, bool all);
 
 /// The same to a writer of somebody else's. \throws QORException for an error of the operator
 void giveOperatorRows(AgentCall& call, AgentSelect& select, AgentRowsWriter& writer,

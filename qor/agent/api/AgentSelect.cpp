@@ -9,6 +9,7 @@
 #include "QORCommon/QORNearestName.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
+#include "QORLibAgent/QORCountLimit.h"
 #include "QORLibAgent/QORPageToken.h"
 #include "QORQuery/QORCondition.h"
 #include "QORQuery/QORQueryError.h"
@@ -128,24 +129,7 @@ private:
 
     void addWhere(std::string_view text) {
         requireRoom(m_at.addChild(tag::where));
-        const auto find = [this](std::string_view view) -> const AgentView* {
-            const auto found = m_views.find(view);
-            return found == m_views.end() ? nullptr : &found->second;
-        };
-        QORConditionOptions options;
-        options.view = m_view.name;
-        options.levels = m_select.envelope.body.limits().depth - levelsAboveCondition;
-        options.now = m_context.now ? *m_context.now : nowOf(m_parameters);
-        options.currentEid = m_context.currentEid;
-        options.types = [&](std::string_view view, std::string_view column) {
-            const AgentView* const known = find(view);
-            const AgentViewColumn* const one = known == nullptr ? nullptr : known->find(column);
-            return one == nullptr ? std::string() : one->type;
-        };
-        options.columns = [&](std::string_view view) {
-            const AgentView* const known = find(view);
-            return known == nullptr ? nullptr : &known->names;
-        };
+        const QORConditionOptions options = conditionOptions(m_views, m_view, m_parameters, m_context);
         try {
             parseCondition(text, options, m_at);
         } catch (const QORQueryError& error) {
@@ -171,18 +155,30 @@ private:
     QORBinaryIterator m_at;
 };
 
-/// none, capped, exact, or a number of milliseconds.
-bool isCount(std::string_view text) {
-    if (text == "none" || text == "capped" || text == "exact") return true;
-    return text.ends_with("ms") && readPlainNumber(text.substr(0, text.size() - 2), {1, 3'600'000});
+const AgentView* findView(const AgentViews::List& views, std::string_view view) {
+    const auto found = views.find(view);
+    return found == views.end() ? nullptr : &found->second;
 }
 
 }  // namespace
 
-std::size_t charactersBefore(std::string_view text, std::size_t offset) {
-    const std::string_view before = text.substr(0, std::min(offset, text.size()));
-    return static_cast<std::size_t>(std::count_if(
-        before.begin(), before.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
+QORConditionOptions conditionOptions(const AgentViews::List& views, const AgentView& view,
+                                     const AgentParameters& parameters, const AgentSelectContext& context) {
+    QORConditionOptions options;
+    options.view = view.name;
+    options.levels = QORMessageLimits().depth - levelsAboveCondition;
+    options.now = context.now ? *context.now : nowOf(parameters);
+    options.currentEid = context.currentEid;
+    options.types = [&views](std::string_view asked, std::string_view column) {
+        const AgentView* const known = findView(views, asked);
+        const AgentViewColumn* const one = known == nullptr ? nullptr : known->find(column);
+        return one == nullptr ? std::string() : one->type;
+    };
+    options.columns = [&views](std::string_view asked) {
+        const AgentView* const known = findView(views, asked);
+        return known == nullptr ? nullptr : &known->names;
+    };
+    return options;
 }
 
 void addFlag(QORBinaryIterator& at, QORTag flag) {
@@ -224,7 +220,7 @@ std::int64_t nowOf(const AgentParameters& parameters) {
 
 void addPage(QORBinaryIterator& at, const AgentParameters& parameters, bool all) {
     const std::string_view count = parameters.text("count");
-    if (parameters.has("count") && !isCount(count))
+    if (parameters.has("count") && !QORCountLimit::read(count))
         throwProblem(
             {.detail = "count is none, capped, exact, or a time in milliseconds such as 200ms, not " + quoteText(count),
              .code = "bad_parameter",

@@ -10,6 +10,7 @@
 
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
+#include "QORQuery/QORCondition.h"
 #include "agent/api/AgentParameters.h"
 #include "agent/api/AgentRowsWriter.h"
 #include "agent/api/AgentViews.h"
@@ -83,6 +84,11 @@ struct AgentSelect {
     std::vector<std::string> names;    ///< what the operator calls them
 };
 
+/// How the condition of a question is read. \param views must outlive what is returned
+/// \throws AgentProblemException for a token that is none
+QORConditionOptions conditionOptions(const AgentViews::List& views, const AgentView& view,
+                                     const AgentParameters& parameters, const AgentSelectContext& context);
+
 /// \throws AgentProblemException naming the parameter that cannot be meant, for the condition the place in it
 AgentSelect makeViewSelect(const AgentViews::List& views, const AgentView& view, const AgentParameters& parameters,
                            const AgentSelectContext& context);
@@ -104,9 +110,6 @@ void addPage(QORBinaryIterator& at, const AgentParameters& parameters, bool all)
 
 /// Adds an element without text or children.
 void addFlag(QORBinaryIterator& at, QORTag flag);
-
-/// Characters before a byte of a text.
-std::size_t charactersBefore(std::string_view text, std::size_t offset);
 
 /// \param status what a cursor answered \throws AgentProblemException when there was no room
 void requireRoom(int status);

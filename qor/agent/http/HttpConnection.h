@@ -60,10 +60,15 @@ public:
     virtual void connectionFailed(const HttpConnection& connection, const std::string& why) = 0;
     /// A client has met one of its limits.
     virtual void limitMet(HttpLimit limit) = 0;
+    /// After how many seconds a request that was not taken has a turn, by how long those before it take.
+    virtual unsigned secondsUntilTurn(HttpLane lane) const = 0;
 
     /// The connection waits for a request, and may be closed to make room; until it is busy.
-    virtual void connectionIdle(HttpConnection& connection) = 0;
+    /// \param first before all others: nobody loses anything by it
+    virtual void connectionIdle(HttpConnection& connection, bool first) = 0;
     virtual void connectionBusy(HttpConnection& connection) = 0;
+    /// The connection counts as another's from now on. \returns false when that one has as many as he may
+    virtual bool connectionBelongs(HttpConnection& connection, const std::string& key) = 0;
 
     /// Memory for a body: bodyGranted() is called as soon as there is enough, bodyExpired() when it takes too long.
     /// \returns false when too many wait already
@@ -74,7 +79,9 @@ public:
 
     /// A worker for a request: turnGranted() or turnExpired() follows, unless there is no room to wait.
     virtual std::optional<HttpLimit> awaitTurn(HttpConnection& connection, HttpLane lane) = 0;
-    virtual void giveTurn(const HttpConnection& connection, HttpLane lane) = 0;
+    /// \param taken how long the turn has lasted
+    virtual void giveTurn(const HttpConnection& connection, HttpLane lane,
+                          std::chrono::steady_clock::duration taken) = 0;
     virtual WorkerPool& workers(HttpLane lane) = 0;
     /// Neither of the two is waited for any more.
     virtual void stopWaiting(HttpConnection& connection) = 0;
@@ -94,13 +101,16 @@ public:
         : m_owner(owner),
           m_listener(listener),
           m_stream(std::move(socket), std::move(tls)),
-          m_peer(peerOf(m_stream.socket().native_handle())),
+          m_peer(peerOf(m_stream.socket().native_handle(), m_stream.isSecure())),
           m_identity(owner.application().identify(m_peer)),
+          m_peerKey(m_identity.key),
           m_input(firstRead) {}
 
     const HttpPeer& peer() const noexcept { return m_peer; }
     std::size_t listener() const noexcept { return m_listener; }
     const HttpIdentity& identity() const noexcept { return m_identity; }
+    /// The owner's, who counts.
+    void setAccount(std::string key) { m_identity.key = std::move(key); }
 
     /// Answers that there is no room, as far as the client takes it at once, and ends. In place of start(). A client
     /// that speaks TLS is not answered: to be heard by it, a handshake would have to find room.
@@ -110,7 +120,7 @@ public:
         if (!m_stream.isSecure())
             sendPlain(std::to_string(told.status) +
                           (told.status == 429 ? " Too Many Requests" : " Service Unavailable") +
-                          "\r\nRetry-After: " + std::to_string(retryAfter),
+                          "\r\nRetry-After: " + std::to_string(m_owner.secondsUntilTurn(HttpLane::Reading)),
                       m_owner.application().errorReply(told.status, told.message));
         m_closed = true;
         beast::error_code ignored;
@@ -172,6 +182,7 @@ public:
     void bodyExpired() { end(limited(HttpLimit::BodyMemory)); }
     void turnGranted() {
         m_working = true;
+        m_turnBegan = std::chrono::steady_clock::now();
         m_owner.workers(m_plan.lane).post([self = shared_from_this()] {
             auto reply = std::make_shared<std::optional<HttpReply>>(self->answer());
             net::post(self->m_stream.get_executor(), [self, reply] { self->onAnswered(std::move(*reply)); });
@@ -184,17 +195,21 @@ private:
     static constexpr std::size_t firstRead = std::size_t{8} << 10;
     static constexpr std::size_t bodyRead = std::size_t{64} << 10;
     static constexpr auto lingerTime = std::chrono::seconds(5);
-    static constexpr unsigned retryAfter = 1;  // seconds
+    static constexpr unsigned stoppingTime = 5;  // seconds, until another one may have begun
 
     /// The first byte of a client that speaks TLS, and of no request.
     static constexpr char tlsRecord = 0x16;
 
-    static HttpPeer peerOf(int fd) {
+    static HttpPeer peerOf(int fd, bool secure) {
         int domain = 0;
         socklen_t size = sizeof domain;
         const bool local = ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX;
-        if (local) return {credentialsOf(fd), false, {}};
-        return {std::nullopt, true, addressOf(fd)};
+        HttpPeer peer;
+        peer.overTcp = !local;
+        peer.secure = secure;
+        if (local) peer.credentials = credentialsOf(fd);
+        if (!local) peer.address = addressOf(fd);
+        return peer;
     }
 
     static std::optional<HttpPeerCredentials> credentialsOf(int fd) {
@@ -317,7 +332,7 @@ private:
         m_input.shrink_to_fit();
         // The first byte of a request may be long in coming; what follows it may not.
         m_idle = true;
-        m_owner.connectionIdle(*this);
+        m_owner.connectionIdle(*this, false);
         m_stream.expires_after(m_owner.options().idleTimeout);
         read();
     }
@@ -400,7 +415,7 @@ private:
         m_keepAlive = m_reader->keepAlive();
         m_bodyless = m_reader->method() == "HEAD";
         if (m_owner.isStopping()) {
-            refuse(503, "the agent is stopping");
+            turnDown("the agent is stopping");
             return;
         }
         m_account.emplace();
@@ -410,6 +425,11 @@ private:
         m_plan.reply = m_owner.options().origins.preflight(head);
         if (!m_plan.reply) m_plan = plan(head);
         m_account->trace = std::move(m_plan.trace);
+        const std::string& key = m_plan.account.empty() ? m_peerKey : m_plan.account;
+        if (key != m_identity.key && !m_owner.connectionBelongs(*this, key)) {
+            end(limited(HttpLimit::UserConnections));
+            return;
+        }
         const bool hasBody = !m_reader->bodyLength() || *m_reader->bodyLength() > 0;
         if (m_plan.reply) {
             count();
@@ -569,7 +589,7 @@ private:
 
     void onAnswered(std::optional<HttpReply> reply) {
         m_working = false;
-        m_owner.giveTurn(*this, m_plan.lane);
+        m_owner.giveTurn(*this, m_plan.lane, std::chrono::steady_clock::now() - m_turnBegan);
         dropRequest();
         if (m_closed) {
             dropHandler();
@@ -598,17 +618,18 @@ private:
     void refuse(unsigned status, const std::string& message) { end(m_owner.application().errorReply(status, message)); }
 
     /// The same when it may be tried again.
-    void turnDown(const char* message) { end(again(m_owner.application().errorReply(503, message))); }
+    void turnDown(const char* message) { end(again(m_owner.application().errorReply(503, message), stoppingTime)); }
 
     /// What has no room, for the time being.
     HttpReply limited(HttpLimit limit) const {
         m_owner.limitMet(limit);
         const HttpLimitAnswer told = answerTo(limit, m_owner.options());
-        return again(m_owner.application().errorReply(told.status, told.message));
+        return again(m_owner.application().errorReply(told.status, told.message),
+                     m_owner.secondsUntilTurn(m_plan.lane));
     }
 
-    static HttpReply again(HttpReply reply) {
-        reply.retryAfter = retryAfter;
+    static HttpReply again(HttpReply reply, unsigned seconds) {
+        reply.retryAfter = seconds;
         return reply;
     }
 
@@ -626,10 +647,14 @@ private:
             return;
         }
         m_stream.expires_never();
+        // Who is kept waiting for a refusal takes nobody's room.
+        m_owner.connectionIdle(*this, true);
         m_delay = std::make_unique<net::steady_timer>(m_stream.get_executor(), delay);
         m_delay->async_wait([self = shared_from_this(),
                              kept = std::make_shared<HttpReply>(std::move(reply))](beast::error_code cancelled) {
-            if (!cancelled && !self->m_closed) self->write(std::move(*kept));
+            if (cancelled || self->m_closed) return;
+            self->m_owner.connectionBusy(*self);
+            self->write(std::move(*kept));
         });
     }
 
@@ -882,8 +907,9 @@ private:
     HttpConnectionOwner& m_owner;
     const std::size_t m_listener;
     HttpTransport m_stream;
-    HttpPeer m_peer;  // does not change behind the handshake
-    const HttpIdentity m_identity;
+    HttpPeer m_peer;                               // does not change behind the handshake
+    HttpIdentity m_identity;                       // does not change while it waits for a turn or for memory
+    const std::string m_peerKey;                   // whose it is while nobody has said who he is
     std::unique_ptr<HttpClientHandler> m_handler;  // the worker's while m_working, else the server thread's
     std::vector<char> m_input;                     // what has been read: m_begin to m_end is not yet taken
     std::size_t m_begin = 0;
@@ -920,6 +946,7 @@ private:
     bool m_expectsContinue = false;
     bool m_idle = false;
     bool m_working = false;
+    std::chrono::steady_clock::time_point m_turnBegan{};
     bool m_counted = false;
     bool m_closed = false;
     bool m_peerGone = false;

@@ -9,6 +9,7 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <cmath>
 #include <list>
 #include <map>
 #include <unordered_map>
@@ -155,8 +156,7 @@ public:
         m_connections.erase(&connection);
         --m_listeners[connection.listener()]->open;
         m_count.store(m_connections.size(), std::memory_order_relaxed);
-        const auto account = m_accounts.find(connection.identity().key);
-        if (--account->second.connections == 0) m_accounts.erase(account);
+        leave(connection.identity().key);
     }
     void connectionFailed(const HttpConnection& connection, const std::string& why) override {
         const auto now = std::chrono::steady_clock::now();
@@ -169,15 +169,23 @@ public:
                    static_cast<std::size_t>(m_counts.useless));
     }
     void limitMet(HttpLimit limit) override { ++m_counts.met(limit); }
-    void connectionIdle(HttpConnection& connection) override {
+    void connectionIdle(HttpConnection& connection, bool first) override {
         auto& idle = m_accounts[connection.identity().key].idle;
-        m_idle[&connection] = idle.insert(idle.end(), &connection);
+        m_idle[&connection] = idle.insert(first ? idle.begin() : idle.end(), &connection);
     }
     void connectionBusy(HttpConnection& connection) override {
         const auto place = m_idle.find(&connection);
         if (place == m_idle.end()) return;
         m_accounts[connection.identity().key].idle.erase(place->second);
         m_idle.erase(place);
+    }
+
+    bool connectionBelongs(HttpConnection& connection, const std::string& key) override {
+        if (connectionsOf(key) >= m_options.connectionsPerIdentity && !closeIdleOf(key)) return false;
+        leave(connection.identity().key);
+        connection.setAccount(key);
+        ++m_accounts[key].connections;
+        return true;
     }
 
     bool awaitBodyMemory(HttpConnection& connection, std::size_t bytes) override {
@@ -208,7 +216,17 @@ public:
         watchWaiting();
         return std::nullopt;
     }
-    void giveTurn(const HttpConnection& connection, HttpLane lane) override {
+    unsigned secondsUntilTurn(HttpLane lane) const override {
+        const Lane& asked = m_lanes[indexOf(lane)];
+        const auto before = static_cast<double>(asked.turns.waiting() + 1);
+        const double seconds = asked.usualTurn.count() * before / static_cast<double>(asked.turns.limits().inAll);
+        return static_cast<unsigned>(std::clamp(std::ceil(seconds), 1.0, longestRetry));
+    }
+    void giveTurn(const HttpConnection& connection, HttpLane lane, std::chrono::steady_clock::duration taken) override {
+        // The last dozen or so count.
+        constexpr double newest = 0.1;
+        std::chrono::duration<double>& usual = m_lanes[indexOf(lane)].usualTurn;
+        usual = usual == usual.zero() ? taken : usual * (1 - newest) + std::chrono::duration<double>(taken) * newest;
         FairQueue<Waiter>& turns = m_lanes[indexOf(lane)].turns;
         turns.giveBack(connection.identity().key, 1);
         grantTurns(turns);
@@ -238,7 +256,9 @@ private:
             : turns(turnLimits(options, atLeastOne(threads), perIdentity)), workers(atLeastOne(threads)) {}
         FairQueue<Waiter> turns;
         WorkerPool workers;
+        std::chrono::duration<double> usualTurn{0};  ///< how long one lasts; 0: none has ended
     };
+    static constexpr double longestRetry = 30;  // seconds
 
     /// One of the sockets that clients connect to.
     struct Listener {
@@ -377,6 +397,12 @@ private:
         ++m_listeners[connection->listener()]->open;
         m_count.store(m_connections.size(), std::memory_order_relaxed);
         connection->start();
+    }
+
+    /// A connection of that account less.
+    void leave(const std::string& key) {
+        const auto account = m_accounts.find(key);
+        if (--account->second.connections == 0) m_accounts.erase(account);
     }
 
     std::size_t connectionsOf(const std::string& key) const {

@@ -32,8 +32,8 @@ struct HttpPeer {
     std::optional<HttpPeerCredentials> credentials{};  ///< of a local connection, when the system tells
     bool overTcp = false;                              ///< the system vouches for nobody
     std::string address{};                             ///< over TCP, in digits, without its port
-    std::string
-        certificate{};  ///< over TLS, the common name of the certificate that he has shown and that was verified
+    bool secure = false;                               ///< over TLS
+    std::string certificate{};                         ///< then, the common name of the verified one that he has shown
 };
 
 /// On whose account a connection is: limits are counted and turns are taken by it.
@@ -137,6 +137,7 @@ struct HttpPlan {
     std::chrono::milliseconds delay{0};  ///< before that reply, which holds up nobody else
     std::shared_ptr<const HttpRequester> requester{};  ///< for the handler
     std::shared_ptr<HttpTrace> trace{};                ///< likewise, and for ended()
+    std::string account{};  ///< whose the connection is from here on, see HttpIdentity::key; empty: its peer's
 };
 
 /// The application's side of one connection. Made when the connection is accepted and destroyed when it has closed;

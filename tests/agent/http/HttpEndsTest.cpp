@@ -2,7 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "HttpServerFixture.h"
 
@@ -52,6 +54,8 @@ TEST_F(HttpServerEnds, AClientThatGoesIsToldOfWhenTheWorkForItHasEnded) {
         application.gate.awaitWaiting(1);
         client.close();
     }
+    while (server->connections() > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_TRUE(application.hasNoEnd());
     // What is read behind the end of that connection is answered when the server knows of it.
     connect().get("/now");

@@ -1,0 +1,82 @@
+// All that the agent knows of itself in numbers, put together.
+#include <sys/resource.h>
+
+#include <chrono>
+
+#include "QORCommon/QORMemory.h"
+#include "agent/MemoryKeeper.h"
+#include "agent/api/AgentApplication.h"
+#include "agent/api/AgentAudit.h"
+#include "agent/api/PrometheusText.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+namespace {
+
+using Type = PrometheusText::Type;
+
+void write(PrometheusText& text, const char* name, Type type, const char* help, std::uint64_t value) {
+    text.family(name, type, help);
+    text.sample(value);
+}
+
+double processorSeconds() {
+    rusage used{};
+    ::getrusage(RUSAGE_SELF, &used);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return seconds(used.ru_utime) + seconds(used.ru_stime);
+}
+
+void writeProcess(PrometheusText& text, std::chrono::steady_clock::duration uptime) {
+    text.family("qor_build_info", Type::Gauge, "What was built.");
+    text.sample(std::uint64_t{1}, {{"version", QOR_VERSION}});
+    text.family("qor_uptime_seconds", Type::Gauge, "Time since the start.");
+    text.sample(std::chrono::duration<double>(uptime).count());
+    text.family("process_cpu_seconds_total", Type::Counter, "Processor time that was used.");
+    text.sample(processorSeconds());
+    write(text, "process_resident_memory_bytes", Type::Gauge, "Memory that is in use.", MemoryKeeper::residentBytes());
+}
+
+void writeMemory(PrometheusText& text, const QORMemoryBudget& memory) {
+    write(text, "qor_memory_limit_bytes", Type::Gauge, "Memory that requests may hold.", memory.limit());
+    write(text, "qor_memory_used_bytes", Type::Gauge, "Memory that requests hold.", memory.used());
+    write(text, "qor_memory_peak_bytes", Type::Gauge, "The most that they ever held.", memory.peak());
+    write(text, "qor_memory_refusals_total", Type::Counter, "Requests that would have held too much.",
+          memory.refusals());
+}
+
+void writeDatabase(PrometheusText& text) {
+    const QORRdbms& database = QORRdbms::instance();
+    const QORRdbms::Connections connections = database.connections();
+    write(text, "qor_database_connections", Type::Gauge, "Open connections to the database.", connections.open);
+    write(text, "qor_database_idle_connections", Type::Gauge, "Of these, unused ones.", connections.idle);
+    write(text, "qor_database_connections_limit", Type::Gauge, "How many there may be.",
+          database.options().maxConnections);
+    write(text, "qor_database_waiting", Type::Gauge, "Requests that wait for a connection.", database.waiting());
+    write(text, "qor_database_waiting_writers", Type::Gauge, "Requests that wait for their turn to write.",
+          database.waitingWriters());
+}
+
+void writeAudit(PrometheusText& text, const AgentAudit& audit) {
+    const AgentAudit::Counts counts = audit.counts();
+    write(text, "qor_audit_lines_total", Type::Counter, "Lines of the audit that were written.", counts.written);
+    write(text, "qor_audit_lost_total", Type::Counter, "Lines of the audit that were lost.", counts.lost);
+    write(text, "qor_audit_waiting", Type::Gauge, "Lines of the audit that wait to be written.", counts.waiting);
+}
+
+}  // namespace
+
+void AgentApplication::writeMetrics(PrometheusText& text) const {
+    writeProcess(text, uptime());
+    m_metrics.write(text);
+    writeCounts(text, m_counts());
+    writeMemory(text, m_memory);
+    writeDatabase(text);
+    write(text, "qor_logins_refused_total", Type::Counter, "Requests of clients that were not let in.",
+          m_access.refusals());
+    if (m_audit != nullptr) writeAudit(text, *m_audit);
+}
+
+}  // namespace QOR

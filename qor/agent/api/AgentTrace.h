@@ -1,0 +1,26 @@
+/// \file
+/// What is kept of one request for the numbers and for the audit.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "agent/http/HttpTypes.h"
+#include "host/QORRequestNotes.h"
+
+namespace QOR {
+
+/// Made in plan(), when it is known who asks and for what; the notes are the handler's.
+struct AgentTrace final : HttpTrace {
+    std::string_view
+        method{};              ///< of static storage, as is the route: nothing that a client makes up is kept as a name
+    std::string_view route{};  ///< its pattern; empty: there is no such path
+    std::string who{};         ///< the identity's name; empty: none
+    std::string as{};          ///< the identity that was asked as
+    QORRequestNotes notes{};
+};
+
+/// A method that the agent knows, else "other".
+std::string_view knownMethod(std::string_view method) noexcept;
+
+}  // namespace QOR

@@ -1,0 +1,190 @@
+// Identities that may store records, about environments of theirs and no others.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/RecordLines.h"
+#include "ctl/CtlProcess.h"
+#include "support/AgentProcess.h"
+#include "support/HttpClient.h"
+
+namespace QOR::test {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+
+// own has below, below has lowest; listed is alone, foreign has others.
+constexpr const char* own = "11111111-0000-4000-8000-000000000000";
+constexpr const char* below = "22222222-0000-4000-8000-000000000000";
+constexpr const char* lowest = "33333333-0000-4000-8000-000000000000";
+constexpr const char* listed = "44444444-0000-4000-8000-000000000000";
+constexpr const char* foreign = "55555555-0000-4000-8000-000000000000";
+constexpr const char* fresh = "66666666-0000-4000-8000-000000000000";
+constexpr const char* awaited = "77777777-0000-4000-8000-000000000000";
+constexpr const char* seen = "88888888-0000-4000-8000-000000000000";
+
+std::string event(const std::string& eid) {
+    return R"({"kind":"event","time":1)" + (eid.empty() ? std::string() : R"(,"eid":")" + eid + '"') + "}\n";
+}
+std::string operation(const std::string& id, const std::string& eid, const std::string& touched = {}) {
+    return R"({"kind":"operation","id":")" + id + R"(","time":1,"eid":")" + eid + R"(","eids":[)" +
+           (touched.empty() ? "" : '"' + touched + '"') + "]}\n";
+}
+std::string backup(const std::string& id, const std::string& eid, const std::string& storage = {}) {
+    return R"({"kind":"backup","id":")" + id + R"(","time":1,"eid":")" + eid + '"' +
+           (storage.empty() ? "" : R"(,"storage_eid":")" + storage + '"') + "}\n";
+}
+
+class AgentWritersTest : public testing::Test {
+protected:
+    AgentWritersTest() {
+        const HttpAnswer stored =
+            root.post("/v1/records", environment(own) + environment(below, own) + environment(lowest, below) +
+                                         environment(listed, foreign) + environment(foreign) + environment(seen) +
+                                         operation("theirs", foreign) + operation("touching", own, foreign) +
+                                         backup("theirs", foreign) + event(awaited));
+        EXPECT_THAT(stored.body, HasSubstr(R"("accepted":10,)"));
+        ctl({"identity", "add", "writer", "--kind", "token", "--below", own, "-e", listed, "--write"});
+        token = newToken("writer");
+    }
+    std::string ctl(Words words) const {
+        words.insert(words.begin(), (programDirectory() / "qorctl").string());
+        words.insert(words.end(), {"--socket", agent.socketPath()});
+        const CtlResult result = CtlProcess(words).finish();
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.out;
+    }
+    std::string newToken(const std::string& name) const {
+        const std::string line = ctl({"token", "create", name});
+        return line.substr(0, line.find('\n'));
+    }
+    HttpAnswer send(const std::string& records, const std::string& more = {}, const std::string& as = {}) const {
+        HttpClient client(agent.socketPath());
+        return client.request("POST", "/v1/records", records,
+                              "Authorization: Bearer " + (as.empty() ? token : as) + "\r\n" + more);
+    }
+    void expectTaken(const std::string& records, int count) const {
+        const HttpAnswer answer = send(records);
+        EXPECT_EQ(answer.status, 200) << records;
+        EXPECT_THAT(answer.body, HasSubstr("\"accepted\":" + std::to_string(count) + ",")) << records;
+    }
+    /// \param about what the refusal names
+    void expectRefused(const std::string& records, const std::string& about) const {
+        const std::string before = everything();
+        const HttpAnswer answer = send(records);
+        EXPECT_EQ(answer.status, 403) << records << answer.body;
+        EXPECT_THAT(answer.body,
+                    AllOf(HasSubstr("\"code\":\"forbidden\""), HasSubstr(about), HasSubstr("nothing is stored")));
+        EXPECT_EQ(everything(), before) << records;
+    }
+    std::string everything() const {
+        std::string all;
+        for (const char* target :
+             {"/v1/views/vEnvironment/rows?fields=eid,parent_eid", "/v1/views/vOpLog/rows?fields=id,eid",
+              "/v1/views/vEventLog/rows?fields=id,eid", "/v1/views/vBackupInfo/rows?fields=id,eid"})
+            all += HttpClient(agent.socketPath()).get(target).body + "\n";
+        return all;
+    }
+
+    AgentProcess agent;
+    HttpClient root{agent.socketPath()};
+    std::string token;
+};
+
+TEST_F(AgentWritersTest, RecordsAboutOnesOwnEnvironmentsAreTaken) {
+    expectTaken(event(own) + event(lowest) + event(listed), 3);
+    expectTaken(operation("mine", below, lowest) + backup("mine", listed, foreign), 2);
+    expectTaken(operation("mine", own) + backup("mine", own), 2);
+    EXPECT_THAT(ctl({"identity", "show", "writer"}), HasSubstr(std::string(own) + " and below (writes)"));
+}
+
+TEST_F(AgentWritersTest, ARequestWithARecordAboutAnotherEnvironmentStoresNothing) {
+    expectRefused(event(own) + event(foreign), "line 2: the event is about the environment " + std::string(foreign));
+    expectRefused(event(own) + "no record\n" + operation("o", own, foreign),
+                  "line 3: the operation \\\"o\\\" is about");
+    expectRefused(operation("o", foreign, own), "line 1: the operation");
+    expectRefused(backup("b", foreign), "line 1: the backup");
+    expectRefused(event({}), "is about no environment");
+    expectRefused(event(seen), "line 1: the event");
+    std::string many;
+    for (int line = 0; line < 2500; ++line)
+        many += event(own);
+    expectRefused(many + event(foreign), "line 2501: the event");
+}
+
+TEST_F(AgentWritersTest, ARecordOfAnotherEnvironmentIsNotReplaced) {
+    expectRefused(operation("theirs", own), "takes the place of one");
+    expectRefused(backup("theirs", own), "takes the place of one");
+    expectRefused(operation("touching", own), "takes the place of one");
+    expectTaken(operation("twice", own) + operation("twice", below), 2);
+}
+
+TEST_F(AgentWritersTest, EnvironmentsAreReplacedAndAddedBelowOnesOwn) {
+    expectTaken(environment(own), 1);
+    expectTaken(environment(lowest, below) + environment(listed, foreign), 2);
+    expectTaken(environment(fresh, lowest) + event(fresh) + operation("new", fresh), 3);
+    expectTaken(environment(fresh, own), 1);
+    EXPECT_THAT(everything(), HasSubstr("[\"" + std::string(fresh) + "\",\"" + own + "\"]"));
+}
+
+TEST_F(AgentWritersTest, EnvironmentsOfOthersAreNeitherReplacedNorTakenOver) {
+    expectRefused(environment(foreign), "line 1: the environment " + std::string(foreign) + " is not among");
+    expectRefused(environment(foreign, own), "is not among");
+    expectRefused(environment(fresh), "is new");
+    expectRefused(environment(fresh, foreign), "is new");
+    expectRefused(environment(fresh, listed), "is new");  // it stands for that one alone
+    expectRefused(environment(awaited, own), "there are records about it already");
+    root.post("/v1/records", environment(foreign, fresh));
+    expectRefused(environment(fresh, own), "others are below it already");
+}
+
+TEST_F(AgentWritersTest, EnvironmentsAreMovedWithinOnesOwnAlone) {
+    expectRefused(environment(below, foreign), "may not be moved below " + std::string(foreign));
+    expectRefused(environment(below), "may not be moved from there");
+    expectRefused(environment(own, foreign), "may not be moved below");
+    expectRefused(environment(listed, own), "may not be moved below");  // what is below it would come along
+    expectRefused(environment(listed), "may not be moved");
+    expectTaken(environment(lowest, own), 1);
+}
+
+TEST_F(AgentWritersTest, KeysAreOnesOwn) {
+    const std::string key = "Idempotency-Key: k\r\n";
+    EXPECT_EQ(root.request("POST", "/v1/records", event(foreign), key).status, 200);
+    EXPECT_EQ(send(event(own), key).status, 200);
+    EXPECT_EQ(send(event(own), key).status, 200);
+    EXPECT_EQ(send(event(below), key).status, 422);
+    EXPECT_EQ(root.request("POST", "/v1/records", event(foreign), key).status, 200);
+    EXPECT_THAT(
+        root.get("/v1/views/vEventLog/rows?fields=id&count=exact&where=eid%20%3C%3E%20'" + std::string(awaited) + "'")
+            .body,
+        HasSubstr("\"total\":2,"));
+}
+
+TEST_F(AgentWritersTest, WhoMayOnlyLookStoresNothing) {
+    ctl({"identity", "add", "reader", "--kind", "token", "--below", own});
+    const HttpAnswer answer = send(event(own), {}, newToken("reader"));
+    EXPECT_EQ(answer.status, 403);
+    EXPECT_THAT(answer.body, HasSubstr("needs full access, or the right to write"));
+}
+
+TEST_F(AgentWritersTest, MaintenanceIsForFullAccess) {
+    for (const char* target : {"/v1/check?part=schema", "/v1/prune?what=events&before=5", "/v1/identities/add"}) {
+        HttpClient client(agent.socketPath());
+        EXPECT_EQ(client.request("POST", target, "{}", "Authorization: Bearer " + token + "\r\n").status, 403)
+            << target;
+    }
+}
+
+TEST_F(AgentWritersTest, WhatTheMachineTellsOfItselfIsARecordOfIts) {
+    HttpClient client(agent.socketPath());
+    const HttpAnswer answer = client.request("POST", "/v1/collect", "", "Authorization: Bearer " + token + "\r\n");
+    EXPECT_EQ(answer.status, 403);
+    EXPECT_THAT(answer.body, HasSubstr("line 1: the environment"));
+}
+
+}  // namespace
+}  // namespace QOR::test
