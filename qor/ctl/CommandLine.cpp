@@ -1,21 +1,34 @@
-// The only unit of the client's own that knows of CLI11.
 #include "CommandLine.h"
+
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <sstream>
 
+#include "CommandHelp.h"
+#include "CommandMistakes.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORPasswords.h"
+#include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORText.h"
+#include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORViewDescriptions.h"
+#include "QORPager/QORSources.h"
+#include "QORQuery/QORQueryField.h"
+#include "backend/AgentChoice.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "commands/ShortCommands.h"
 #include "filter/FilterCommand.h"
 #include "host/QORHostPaths.h"
 #include "host/QORNumberOption.h"
+#include "output/Output.h"
+#include "output/TextWidth.h"
 #include "process/CtlError.h"
 #include "process/TiedValues.h"
 #include "rows/RowsAdvice.h"
@@ -25,7 +38,7 @@ namespace QOR {
 namespace {
 
 constexpr const char* exitNote =
-    "Exit status: 0 done, 1 the agent answered with an error, 2 bad usage, 3 no connection.";
+    "Exit status: 0 done, 1 the agent answered with an error, 2 bad usage, 3 no connection, 130 Ctrl-C.";
 
 constexpr const char* whereNote =
     "Conditions (--where) are those of SQL: and, or, not, parentheses, = <> != < <= > >=, [not] like 'a%' [escape "
@@ -48,6 +61,10 @@ constexpr const char* rowsNote =
 
 /// As many as a page's size and offset in a request can say.
 constexpr std::uint64_t mostRows = std::numeric_limits<std::int32_t>::max();
+/// Of a page of the timeline, as the agent takes it.
+constexpr std::uint64_t mostTimeline = 10'000;
+/// Rows that the short commands show where nobody says how many.
+constexpr std::int64_t shortPage = 50;
 constexpr std::uint64_t mostColumns = 100'000;
 /// Of one kind, in a sample.
 constexpr std::uint64_t mostRecords = 1'000'000'000;
@@ -63,14 +80,19 @@ public:
         m_app.set_help_all_flag("--help-all", "Print the help of every command and exit");
         m_app.footer(exitNote);
         addConnection(m_app, false);
+        m_app.parse_complete_callback({});
         addSelect();
         addRows();
+        addShortCommands();
+        addTimeline();
+        addExplain();
         addRequest();
         addViews();
         addFields();
         addStatus();
         addIdentity();
         addToken();
+        addContext();
         addCheck();
         addPrune();
         addImport();
@@ -80,33 +102,40 @@ public:
         addDatabase();
         addSelfCheck();
         addFilterCommand(m_app, m_filterExit);
+        addExamples(m_app);
     }
 
     int run(const std::vector<std::string>& arguments) {
-        std::vector<std::string> reversed = tieValues(arguments);
+        std::vector<std::string> reversed = tieValues(helpAsOption(arguments));
         std::reverse(reversed.begin(), reversed.end());
         try {
             m_app.parse(reversed);
         } catch (const CLI::ParseError& error) {
             // Help and version are thrown as well, with the status 0.
-            if (error.get_exit_code() == 0) return m_app.exit(error);
-            throw CtlError::usage(withoutPasswords(complaint(error)));
+            const bool isUnknown = m_app.get_subcommands().empty() && !m_app.remaining().empty();
+            if (error.get_exit_code() == 0 && !isUnknown) return printHelp(error);
+            throw CtlError::usage(withoutPasswords(describeMistake(m_app, error)));
         }
         if (!m_run) return m_filterExit;
+        if (m_connects) {
+            m_connection = chosenConnection(m_connection);
+            if (const std::string warning = warningOfToken(m_connection); !warning.empty()) tellNote(warning);
+        }
         m_run();
         return static_cast<int>(CtlExit::Done);
     }
 
 private:
-    std::string complaint(const CLI::ParseError& error) const {
-        const std::vector<std::string> unknown = m_app.remaining();
-        const std::string what = m_app.get_subcommands().empty() && !unknown.empty()
-                                     ? "there is no command " + quoteText(unknown.front())
-                                     : error.what();
-        return what + "\nqorctl --help and qorctl COMMAND --help say what there is.";
+    int printHelp(const CLI::ParseError& error) {
+        std::ostringstream text;
+        const int status = m_app.exit(error, text);
+        FileOutput out(STDOUT_FILENO);
+        out << wrapHelp(text.str(), terminalWidth(STDOUT_FILENO));
+        out.flush();
+        return status;
     }
 
-    CLI::App* command(const char* name, const char* description, std::function<void()> run) {
+    CLI::App* command(const std::string& name, const std::string& description, std::function<void()> run) {
         CLI::App* const app = m_app.add_subcommand(name, description);
         app->callback([this, run = std::move(run)] { m_run = run; });
         app->footer(exitNote);
@@ -115,15 +144,21 @@ private:
 
     /// Everywhere the same variables, so that the options may stand before the command or behind it.
     void addConnection(CLI::App& app, bool stores) {
+        app.parse_complete_callback([this] { m_connects = true; });
+        app.add_option("--context", m_connection.context, "an agent or a database by a name, see qorctl context")
+            ->type_name("NAME")
+            ->group("Connection");
         app.add_flag_callback(
             "-q,--quiet", [] { setQuiet(true); }, "no notes beside what is asked for");
         const char* const group = "Connection";
-        app.add_option("--socket", m_connection.socket, "the agent's socket (default: this user's agent's)")
+        app.add_option("--socket", m_connection.socket,
+                       "the agent's socket (default: QOR_AGENT, the current context, this user's agent's)")
             ->group(group);
         app.add_option("--agent", m_connection.agent, "an agent elsewhere: http://HOST:PORT or https://HOST:PORT")
             ->type_name("ADDRESS")
             ->group(group);
-        app.add_option("--token-file", m_connection.tokenFile, "the file that holds the token to show to the agent")
+        app.add_option("--token-file", m_connection.tokenFile,
+                       "the file that holds the token to show to the agent (default: QOR_TOKEN)")
             ->type_name("FILE")
             ->group(group);
         app.add_option("--ca", m_connection.ca,
@@ -154,7 +189,7 @@ private:
         }
         app.add_option_function<std::string>(
                "-o,--output", [&print](const std::string& name) { print.form = findRowForm(name); }, help)
-            ->check(CLI::IsMember(names))
+            ->check(oneOfWords(names))
             ->type_name("FORMAT");
         app.add_option("--template", print.pattern,
                        "a line for each row, filled in: '{time}\\t{op}'; {{ and }} are braces")
@@ -175,7 +210,7 @@ private:
                    print.colours = when == "auto" ? std::nullopt : std::optional(when == "always");
                },
                "colours: auto (default; on a terminal, unless NO_COLOR is set), always or never")
-            ->check(CLI::IsMember({"auto", "always", "never"}))
+            ->check(oneOfWords({"auto", "always", "never"}))
             ->type_name("WHEN");
         app.add_option_function<std::string>(
                "--times",
@@ -185,7 +220,7 @@ private:
                                                    : TimeForm::Relative;
                },
                "times of tables: short (default on a terminal), relative or iso (default elsewhere)")
-            ->check(CLI::IsMember({"short", "relative", "iso"}))
+            ->check(oneOfWords({"short", "relative", "iso"}))
             ->type_name("FORM");
         app.add_option("--tz", print.zone,
                        "zone of times in tables: local (default of short), UTC (default of iso) or a name")
@@ -205,24 +240,138 @@ private:
         app.add_flag("-v,--verbose", report.verbose, "name every refused line");
     }
 
+    static void addBounds(CLI::App& app, TimeBounds& bounds) {
+        app.add_option("--since", bounds.since,
+                       "rows from this time on: 2024-05-01, \"2024-05-01 10:15\", yesterday, -7d")
+            ->type_name("TIME");
+        app.add_option("--until", bounds.until, "rows to this time, which is included")->type_name("TIME");
+    }
+
+    /// Which rows, in which order.
+    static void addSelection(CLI::App& app, SelectOptions& select) {
+        app.add_option("--where", select.where, "a condition that the rows must meet")->type_name("CONDITION");
+        addBounds(app, select.bounds);
+        app.add_option("--sort", select.sort, "fields to sort by, behind '-' for descending order, as -f has them")
+            ->type_name("[-]FIELD");
+    }
+
+    CLI::Option* addWatch(CLI::App& app) {
+        return app
+            .add_option_function<std::string>(
+                "--watch",
+                [this](const std::string& text) {
+                    const auto seconds = parseDuration(text);
+                    if (!seconds || *seconds < 1)
+                        throw CLI::ValidationError("--watch takes a duration such as 2s or 5m, not " + quoteText(text));
+                    m_watch.seconds = seconds;
+                },
+                "ask again after each pause, until Ctrl-C")
+            ->type_name("PAUSE");
+    }
+
+    void addShortCommands() {
+        for (const ShortCommand& each : shortCommands()) {
+            CLI::App* const app =
+                command(std::string(each.name), std::string(each.description), [this, &each] { runShort(each); });
+            app->add_option("-f,--field", m_short.fields,
+                            "columns of " + std::string(each.view) +
+                                " or aggregates over one; with commas between them or repeated; '*' for all (default: "
+                                "those that tell most)")
+                ->type_name("FIELD");
+            addSelection(*app, m_short);
+            addNumber(*app, "--limit", {0, mostRows}, "rows of the page, by default 50, 0 for all",
+                      [this](std::uint64_t rows) { m_short.limit = static_cast<std::int64_t>(rows); });
+            addNumber(*app, "--offset", {0, mostRows}, "rows before the page",
+                      [this](std::uint64_t rows) { m_short.offset = static_cast<std::int64_t>(rows); });
+            app->add_flag("--count", m_short.count, "also how many rows there are in the page and in all");
+            CLI::Option* const client =
+                app->add_option("--client", m_short.client, "ask as a client without full access, as for select")
+                    ->type_name("EID");
+            CLI::Option* const follow =
+                app->add_flag("--follow", m_follows,
+                              "what comes from now on, or since the time of --since; also after "
+                              "the agent was away");
+            follow->excludes(client, addWatch(*app), app->get_option("--limit"), app->get_option("--offset"),
+                             app->get_option("--sort"), app->get_option("--count"), app->get_option("--until"));
+            addPrinting(*app, m_shortPrint);
+            addConnection(*app, false);
+            app->footer("It is qorctl select " + std::string(each.view) + ", which can do more.\n" + exitNote);
+        }
+    }
+
+    void runShort(const ShortCommand& command) {
+        m_short.view = command.view;
+        m_short.fields = splitFields(m_short.fields);
+        m_short.sort = splitFields(m_short.sort);
+        if (m_follows) return follow(command);
+        if (m_short.sort.empty() && !hasAggregates(m_short.fields)) m_short.sort.emplace_back(command.sort);
+        runWatched(m_watch, m_shortPrint,
+                   [this](const PrintOptions& print) { runSelect(m_connection, m_short, print); });
+    }
+
+    static bool hasAggregates(const std::vector<std::string>& fields) {
+        return std::any_of(fields.begin(), fields.end(),
+                           [](const std::string& field) { return !parseQueryField(field).function.empty(); });
+    }
+
+    void follow(const ShortCommand& command) {
+        FollowOptions options;
+        options.source = command.source;
+        options.view = command.view;
+        for (const std::string& field : m_short.fields) {
+            const QORQueryField column = parseQueryField(field);
+            if (!column.function.empty() || column.column == "*")
+                throw CtlError::usage("--follow takes columns, not " + quoteText(field));
+            options.fields.push_back(column.column);
+        }
+        if (options.fields.empty())
+            for (const std::string_view column : viewMainColumns(command.view))
+                options.fields.emplace_back(column);
+        options.where = joinConditions(m_short.where.value_or(""), conditionOf(m_short.bounds, "time", currentTime()));
+        options.fromBeginning = m_short.bounds.since.has_value();
+        runFollow(m_connection, options, m_shortPrint);
+    }
+
+    void addTimeline() {
+        CLI::App* const app =
+            command("timeline", "Operations, events and backups in one list, the newest first", [this] {
+                runWatched(m_watch, m_timelinePrint,
+                           [this](const PrintOptions& print) { runTimeline(m_connection, m_timeline, print); });
+            });
+        addBounds(*app, m_timeline.bounds);
+        app->add_option("-e,--environment", m_timeline.environment, "only of this environment")->type_name("EID");
+        addNumber(*app, "--limit", {1, mostTimeline}, "rows of the page, by default 50",
+                  [this](std::uint64_t rows) { m_timeline.limit = static_cast<std::int64_t>(rows); });
+        addWatch(*app);
+        addPrinting(*app, m_timelinePrint);
+        addConnection(*app, false);
+    }
+
+    static std::vector<std::string> recordNames() {
+        std::vector<std::string> names;
+        for (const QORSource& source : pagerSources())
+            names.emplace_back(source.records);
+        return names;
+    }
+
     void addSelect() {
         CLI::App* const app = command("select", "Rows of a view", [this] {
             m_select.fields = splitFields(m_select.fields);
             m_select.sort = splitFields(m_select.sort);
-            runSelect(m_connection, m_select, m_selectPrint);
+            runWatched(m_watch, m_selectPrint,
+                       [this](const PrintOptions& print) { runSelect(m_connection, m_select, print); });
         });
         app->add_option("view,--view", m_select.view, "the view that is asked")->required();
         app->add_option(
                "-f,--field", m_select.fields,
-               "columns, or aggregates over one: count(eid); with commas between them or repeated; '*' for all")
-            ->required()
+               "columns, or aggregates over one: count(eid); with commas between them or repeated; '*' for all "
+               "(default: those that tell most)")
             ->type_name("FIELD");
-        app->add_option("--where", m_select.where, "a condition that the rows must meet")->type_name("CONDITION");
-        app->add_option("--sort", m_select.sort, "fields to sort by, behind '-' for descending order, as -f has them")
-            ->type_name("[-]FIELD");
+        addSelection(*app, m_select);
         addPage(*app, m_select.limit, m_select.offset);
         app->add_flag("--count", m_select.count, "also how many rows there are in the page and in all");
         app->add_flag("--distinct", m_select.distinct, "each row once");
+        addWatch(*app);
         app->add_option("--client", m_select.client,
                         "ask as a client without full access that stands for this environment (the first is its own "
                         "identity, repeatable), or for \"none\"")
@@ -236,11 +385,19 @@ private:
         CLI::App* const app = command("rows", "Rows of the logs, the backups or the environments", [this] {
             m_rows.fields = splitFields(m_rows.fields);
             m_rows.sort = splitFields(m_rows.sort);
-            runRows(m_connection, m_rows, m_rowsPrint);
+            runWatched(m_watch, m_rowsPrint,
+                       [this](const PrintOptions& print) { runRows(m_connection, m_rows, print); });
         });
-        app->add_option("-f,--field", m_rows.fields, "fields, see qorctl fields; with commas between them or repeated")
-            ->required()
+        app->add_option("records", m_rows.source,
+                        "operations, events, backups or environments; beside them names may be short: time, "
+                        "package.name, env.title")
+            ->check(oneOfWords(recordNames()));
+        app->add_option("-f,--field", m_rows.fields,
+                        "fields, see qorctl fields; with commas between them or repeated (default: those that tell "
+                        "most of the records)")
             ->type_name("FIELD");
+        addBounds(*app, m_rows.bounds);
+        addWatch(*app);
         app->add_option("--where", m_rows.where, "a filter, see qorctl filter")->type_name("FILTER");
         app->add_option("--sort", m_rows.sort, "fields to sort by, behind '-' for descending order, as -f has them")
             ->type_name("[-]FIELD");
@@ -252,6 +409,35 @@ private:
         addPrinting(*app, m_rowsPrint);
         addConnection(*app, false);
         app->footer(std::string(rowsNote) + describeSources() + "\n" + exitNote);
+    }
+
+    void addExplain() {
+        CLI::App* const app = command("explain", "What would become of a select, or of rows by fields", [this] {
+            m_explain.select.fields = splitFields(m_explain.select.fields);
+            m_explain.select.sort = splitFields(m_explain.select.sort);
+            runExplain(m_connection, m_explain);
+        });
+        SelectOptions& select = m_explain.select;
+        app->add_option("about", m_explain.about, "a view, or environments, operations, events or backups")
+            ->required()
+            ->type_name("VIEW|SOURCE");
+        app->add_option("-f,--field", select.fields, "as select or rows has them; of a view all columns without it")
+            ->type_name("FIELD");
+        app->add_option("--where", select.where, "a condition for a view, a filter for a source")
+            ->type_name("CONDITION|FILTER");
+        app->add_option("--sort", select.sort, "as select or rows has it")->type_name("[-]FIELD");
+        addPage(*app, select.limit, select.offset);
+        app->add_flag("--count", select.count, "as select or rows has it; counting is not explained");
+        app->add_flag("--distinct", select.distinct, "each row once; of a view");
+        app->add_option("--client", select.client, "ask as a client without full access, as for select")
+            ->type_name("EID");
+        app->add_option_function<std::string>(
+               "-o,--output", [this](const std::string& form) { m_explain.json = form == "json"; },
+               "text (default) or json")
+            ->check(CLI::IsMember({"text", "json"}))
+            ->type_name("FORM");
+        addConnection(*app, false);
+        app->footer(std::string(whereNote) + "\n" + exitNote);
     }
 
     void addFields() {
@@ -304,7 +490,7 @@ private:
         add->add_option("name", m_identity.name, "what it is called")->required();
         add->add_option("--kind", m_identity.kind, "user, group, token or certificate")
             ->required()
-            ->check(CLI::IsMember({"user", "group", "token", "certificate"}))
+            ->check(oneOfWords({"user", "group", "token", "certificate"}))
             ->type_name("KIND");
         add->add_option("--subject", m_identity.subject,
                         "the system's name of the user or group, or the certificate's common name (default: the name)")
@@ -315,6 +501,8 @@ private:
             ->excludes(full);
         add->add_option("--below", m_identity.below, "one that it stands for with all that are below it")
             ->type_name("EID")
+            ->excludes(full);
+        add->add_flag("--write", m_identity.writes, "records about these environments may be stored too")
             ->excludes(full);
         addConnection(*add, true);
         CLI::App* const list = part(group, "list", "All identities",
@@ -351,6 +539,33 @@ private:
         revoke->add_option("name", m_token.name)->required();
         revoke->add_option("--id", m_token.id, "only this one")->type_name("ID");
         addConnection(*revoke, true);
+    }
+
+    void addContext() {
+        CLI::App& group = *m_app.add_subcommand("context", "Agents and databases by names, and which is asked");
+        group.require_subcommand(1);
+        group.footer(std::string("They are kept in ~/.config/qor/config.toml.\n") + exitNote);
+        CLI::App* const set = part(group, "set", "Give an agent or a database a name",
+                                   [this] { runContextSet(m_contextName, m_context); });
+        set->add_option("name", m_contextName, "what it is called")->required();
+        set->add_option("--agent", m_context.agent, "http://HOST:PORT or https://HOST:PORT")->type_name("ADDRESS");
+        set->add_option("--socket", m_context.socket, "or the agent's socket")->type_name("PATH");
+        set->add_option("--token-file", m_context.tokenFile, "the file that holds the token to show to it")
+            ->type_name("FILE");
+        set->add_option("--ca", m_context.ca, "the authority whose certificate it has")->type_name("FILE");
+        set->add_option("--database", m_context.database,
+                        "or a database without an agent: SQLite's file, or an ODBC connection string")
+            ->type_name("DATABASE");
+        CLI::App* const use = part(group, "use", "Ask this one from now on", [this] { runContextUse(m_contextName); });
+        use->add_option("name", m_contextName)->required();
+        CLI::App* const remove = part(group, "remove", "Forget a name", [this] { runContextRemove(m_contextName); });
+        remove->add_option("name", m_contextName)->required();
+        CLI::App* const list = part(group, "list", "All of them", [this] { runContextList("", m_contextPrint); });
+        addPrinting(*list, m_contextPrint);
+        CLI::App* const show =
+            part(group, "show", "One of them", [this] { runContextShow(m_contextName, m_contextPrint); });
+        show->add_option("name", m_contextName, "by default the one that is asked");
+        addPrinting(*show, m_contextPrint);
     }
 
     void addCheck() {
@@ -469,15 +684,32 @@ private:
             std::string(exitNote));
     }
 
+    static SelectOptions firstPage() {
+        SelectOptions options;
+        options.limit = shortPage;
+        return options;
+    }
+
     CLI::App m_app{"Asks the agent of this machine, or a database directly.", "qorctl"};
     ConnectionOptions m_connection;
+    bool m_connects = false;  ///< the command asks somebody
+    std::string m_contextName;
+    ConnectionOptions m_context;
+    PrintOptions m_contextPrint;
     IdentityOptions m_identity;
     TokenOptions m_token;
     PrintOptions m_identityPrint;
     SelectOptions m_select;
     PrintOptions m_selectPrint;
     RowsOptions m_rows;
+    ExplainOptions m_explain;
     PrintOptions m_rowsPrint;
+    SelectOptions m_short = firstPage();
+    PrintOptions m_shortPrint;
+    bool m_follows = false;
+    TimelineOptions m_timeline;
+    PrintOptions m_timelinePrint;
+    WatchOptions m_watch;
     RequestOptions m_request;
     ViewsOptions m_views;
     FieldsOptions m_fields;

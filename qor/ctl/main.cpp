@@ -6,12 +6,14 @@
 
 #include "CommandLine.h"
 #include "QORCommon/QORPasswords.h"
+#include "process/Interrupt.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 int main(int argc, char** argv) {
     QOR::QORRdbms::prepareProcess();
     // A reader that has seen enough is noticed where the output is written.
     ::signal(SIGPIPE, SIG_IGN);
+    QOR::endOnInterrupt();
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     QOR::hidePasswords(argc, argv);
     return QOR::runCommandLine(arguments);

@@ -87,7 +87,7 @@ TEST_P(CopyFaults, KilledAtAnyPointItIsGoneOnWithAndNothingIsDoubled) {
 TEST_P(CopyFaults, InterruptedItSaysThatItGoesOn) {
     CtlResult result;
     endInTheMiddle(filled(), m_to, SIGINT, &result);
-    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.status, 130);
     EXPECT_EQ(result.err, std::string("qorctl: stopped; ") + goesOn + "\n");
     EXPECT_EQ(copy(filled(), *m_to).status, 0);
     EXPECT_EQ(m_to->contents(), filled().contents());

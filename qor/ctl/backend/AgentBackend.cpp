@@ -160,11 +160,11 @@ public:
         if (error) lost(describe(error));
         m_closing = !parser.get().keep_alive();
     }
-    /// A part of an answer that has begun: without its end it is an error, not a shorter answer.
+    /// What is there of an answer that has begun: without its end it is an error, not a shorter answer.
     template <class Parser>
     void readSome(Parser& parser) {
         boost::system::error_code error;
-        http::read(m_stream, m_ahead, parser, error);
+        http::read_some(m_stream, m_ahead, parser, error);
         if (!error || error == http::error::need_buffer) return;
         throw CtlError(CtlExit::AnsweredError,
                        "the answer of the agent at " + m_name + " broke off: " + describe(error));
@@ -210,6 +210,8 @@ public:
         const auto seconds = head[http::field::retry_after];
         return readPlainNumber({seconds.data(), seconds.size()}, {0, std::numeric_limits<std::uint32_t>::max()});
     }
+
+    bool isProblem() const noexcept { return m_problem.has_value(); }
 
     std::string_view read() override { return m_problem ? m_problem->read() : body(); }
 
@@ -417,6 +419,12 @@ bool AgentBackend::seesEnvironments() {
 /// Messages only ask.
 std::unique_ptr<AnswerSource> AgentBackend::ask(std::string_view request) {
     return open({"POST", "/v1/messages?stream=true", request});
+}
+
+std::unique_ptr<AnswerSource> AgentBackend::get(const std::string& target) {
+    auto source = open({"GET", target});
+    if (source->isProblem()) throwAnsweredError(source->readAll());
+    return source;
 }
 
 void AgentBackend::answerLines(int input, LineAnswers& answers) {

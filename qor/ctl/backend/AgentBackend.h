@@ -17,6 +17,7 @@ public:
 
     bool seesEnvironments() override;
     std::unique_ptr<AnswerSource> ask(std::string_view request) override;
+    std::unique_ptr<AnswerSource> get(const std::string& target) override;
     /// A thread of its own sends the requests ahead, so that neither side waits for the other.
     void answerLines(int input, LineAnswers& answers) override;
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;

@@ -46,6 +46,11 @@ const Value& arrayOf(const Value& object, const char* name) {
     return value;
 }
 
+[[noreturn]] void throwError(const Value& error) {
+    const Value& code = member(error, "code");
+    throw CtlError::answered(code.IsInt() ? code.GetInt() : 0, textOf(member(error, "message")));
+}
+
 /// \param expected a member that an answer has unless it is nothing but an error
 Document parse(std::string_view json, const char* expected) {
     Document document;
@@ -53,8 +58,7 @@ Document parse(std::string_view json, const char* expected) {
     if (document.HasParseError()) unreadable();
     const Value* const error = find(document, "error");
     if (error == nullptr || find(document, expected) != nullptr) return document;
-    const Value& code = member(*error, "code");
-    throw CtlError::answered(code.IsInt() ? code.GetInt() : 0, textOf(member(*error, "message")));
+    throwError(*error);
 }
 
 QORIngestResult ingestResult(const Document& document) {
@@ -87,9 +91,19 @@ std::string notationOfProblem(std::string_view json) {
     // These have numbers of their own among the errors of requests.
     if (code == 500) code = errFailure;
     if (word != nullptr && textOf(*word) == "deadline") code = errDeadline;
+    std::string text = textOf(detail == nullptr ? member(document, "title") : *detail);
+    const Value* const suggestion = find(document, "suggestion");
+    if (suggestion != nullptr) text += "\ndid you mean " + textOf(*suggestion) + "?";
     std::string answer;
-    writeErrorResponse(code, textOf(detail == nullptr ? member(document, "title") : *detail), answer);
+    writeErrorResponse(code, text, answer);
     return answer;
+}
+
+void throwAnsweredError(std::string_view json) {
+    Document document;
+    document.Parse<rapidjson::kParseIterativeFlag>(json.data(), json.size());
+    if (document.HasParseError()) unreadable();
+    throwError(member(document, "error"));
 }
 
 QORIngestResult readIngestReply(std::string_view json) {

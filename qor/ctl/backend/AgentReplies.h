@@ -18,6 +18,9 @@ namespace QOR {
 /// whose error is the problem.
 std::string notationOfProblem(std::string_view json);
 
+/// Throws the error that an answer holds, CtlError AnsweredError.
+[[noreturn]] void throwAnsweredError(std::string_view json);
+
 /// Each throws CtlError AnsweredError: with the answer's own error when it holds one in place of what was asked for,
 /// else saying that it cannot be read. An error beside counts is left to the counts' `failure`.
 QORIngestResult readIngestReply(std::string_view json);

@@ -24,13 +24,19 @@ QORAgentAddress addressOf(const ConnectionOptions& options) {
 }
 
 /// A token on a command line could be read by everybody on the machine.
-std::string tokenOf(const std::string& file) {
-    if (file.empty()) return {};
-    std::ifstream stream(file);
-    std::string token;
-    std::getline(stream, token);
+std::string tokenOf(const ConnectionOptions& options) {
+    std::string token = options.token;
+    if (!options.tokenFile.empty()) {
+        std::ifstream stream(options.tokenFile);
+        std::getline(stream, token);
+    } else if (token.empty()) {
+        return {};
+    }
     const bool plain = std::all_of(token.begin(), token.end(), [](char c) { return c > ' ' && c < 0x7f; });
-    if (token.empty() || !plain) throw CtlError::usage("--token-file: " + file + " holds no token in its first line");
+    if (token.empty() || !plain)
+        throw CtlError::usage(options.tokenFile.empty()
+                                  ? std::string("QOR_TOKEN, or the context's token, is none")
+                                  : "--token-file: " + options.tokenFile + " holds no token in its first line");
     return token;
 }
 
@@ -40,7 +46,7 @@ AgentPlace placeOf(const ConnectionOptions& options) {
     const QORAgentAddress address = addressOf(options);
     if (!options.ca.empty() && address.scheme != QORAgentAddress::Scheme::Https)
         throw CtlError::usage("--ca needs --agent https://HOST:PORT");
-    return {address, options.ca, tokenOf(options.tokenFile)};
+    return {address, options.ca, tokenOf(options)};
 }
 
 }  // namespace

@@ -29,6 +29,8 @@ struct ConnectionOptions {
     std::string agent;      ///< its address, in place of the socket
     std::string tokenFile;  ///< holds the token that is shown to the agent; empty: none is
     std::string ca;         ///< file of the certificates that are believed, for an address with https
+    std::string context;    ///< one of the person's own, see Contexts; empty: none
+    std::string token;      ///< itself, where no file holds it; never from the command line, which everybody can read
     bool standalone = false;
     std::string database;  ///< ODBC connection string, standalone only
     bool readOnly = false;
@@ -62,6 +64,10 @@ public:
     /// Asks one request in message notation. The answer comes as a stream, of any size; it must be read, or given up,
     /// before the next request.
     virtual std::unique_ptr<AnswerSource> ask(std::string_view request) = 0;
+
+    /// What an agent answers at one of its paths. \throws CtlError AnsweredError for a problem; BadUsage without an
+    /// agent
+    virtual std::unique_ptr<AnswerSource> get(const std::string& target) = 0;
 
     /// Where the answers to lines go, on the calling thread. What it throws ends them.
     class LineAnswers {

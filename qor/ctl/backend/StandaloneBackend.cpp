@@ -111,6 +111,10 @@ std::unique_ptr<AnswerSource> StandaloneBackend::ask(std::string_view request) {
     return std::make_unique<Source>(m_host->router(), *m_session, std::string(request));
 }
 
+std::unique_ptr<AnswerSource> StandaloneBackend::get(const std::string&) {
+    throw CtlError::usage("this needs an agent");
+}
+
 namespace {
 
 /// Answers one line. What the reader of the answer throws does not pass through the plug-in, which would take it for a

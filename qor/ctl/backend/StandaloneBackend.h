@@ -17,6 +17,7 @@ public:
 
     bool seesEnvironments() override { return true; }
     std::unique_ptr<AnswerSource> ask(std::string_view request) override;
+    std::unique_ptr<AnswerSource> get(const std::string& target) override;
     void answerLines(int input, LineAnswers& answers) override;
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
     QORCollectResult collect(const std::stop_token& stop) override;

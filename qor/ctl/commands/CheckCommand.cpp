@@ -12,7 +12,7 @@ void runCheck(const ConnectionOptions& connection, const CheckOptions& options) 
     FileOutput out(STDOUT_FILENO);
     std::size_t wrong = 0;
     for (const std::string& part : checkParts()) {
-        if (interrupt.isRequested()) throw CtlError(CtlExit::AnsweredError, "stopped before " + part);
+        if (interrupt.isRequested()) throw CtlError(CtlExit::Interrupted, "stopped before " + part);
         const std::vector<QORCheckFinding> findings = backend->check(part, options.mend);
         if (findings.empty()) out << part << ": sound\n";
         for (const QORCheckFinding& finding : findings) {

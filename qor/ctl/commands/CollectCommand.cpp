@@ -55,7 +55,7 @@ void runCollect(const ConnectionOptions& connection) {
     out << describeCounts(result.stored);
     out.flush();
     if (result.stored.failure) throw CtlError::answered(1, result.stored.failure->reason);
-    if (interrupted) throw CtlError(CtlExit::AnsweredError, "interrupted; the counts are what is stored");
+    if (interrupted) throw CtlError(CtlExit::Interrupted, "interrupted; the counts are what is stored");
 }
 
 }  // namespace QOR

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "process/CtlError.h"
 #include "rows/RowsRequest.h"
 #include "select/SelectRequest.h"
+#include "select/TimeBounds.h"
 
 namespace QOR {
 
@@ -27,6 +29,26 @@ struct PrintOptions {
     std::optional<TimeForm> times{};       ///< in tables; absent: short on a terminal, as answered elsewhere
     std::optional<std::string> zone{};     ///< of times in tables, see useZone()
     bool pages = true;                     ///< on a terminal, through a pager
+};
+
+struct TimelineOptions {
+    TimeBounds bounds{};
+    std::string environment{};  ///< identifier; empty: of all
+    std::int64_t limit = 50;
+};
+
+/// Records as they come.
+struct FollowOptions {
+    std::string source;  ///< "operations", as the agent's streams call them
+    std::string view;    ///< that shows the same records
+    std::vector<std::string> fields;
+    std::string where;           ///< empty: none
+    bool fromBeginning = false;  ///< those first that there are
+};
+
+/// How what a command asks is asked again and again.
+struct WatchOptions {
+    std::optional<std::int64_t> seconds;  ///< absent: once
 };
 
 struct RequestOptions {
@@ -93,6 +115,13 @@ struct ShardCommandOptions {
     bool progress = false;  ///< also where standard error is no terminal
 };
 
+/// What would become of a select or of rows by fields.
+struct ExplainOptions {
+    std::string about;     ///< a view, or environments, operations, events or backups
+    SelectOptions select;  ///< everything but the view; of sources as RowsOptions has it
+    bool json = false;
+};
+
 struct IdentityOptions {
     std::string name;  ///< listing: empty for all
     std::string kind;
@@ -100,6 +129,7 @@ struct IdentityOptions {
     bool fullAccess = false;
     std::vector<std::string> environments;
     std::vector<std::string> below;  ///< with all that are below them
+    bool writes = false;             ///< about both, too
 };
 
 struct TokenOptions {
@@ -110,6 +140,15 @@ struct TokenOptions {
 
 void runSelect(const ConnectionOptions& connection, const SelectOptions& options, const PrintOptions& print);
 void runRows(const ConnectionOptions& connection, const RowsOptions& options, const PrintOptions& print);
+void runTimeline(const ConnectionOptions& connection, const TimelineOptions& options, const PrintOptions& print);
+/// Until it is ended: a lost agent is waited for.
+[[noreturn]] void runFollow(const ConnectionOptions& connection, const FollowOptions& options,
+                            const PrintOptions& print);
+/// Runs a command, again after each pause; on a terminal each time on a cleared screen.
+void runWatched(const WatchOptions& watch, const PrintOptions& print,
+                const std::function<void(const PrintOptions&)>& command);
+/// Warnings are notes, or stand in the JSON.
+void runExplain(const ConnectionOptions& connection, const ExplainOptions& options);
 void runRequest(const ConnectionOptions& connection, const RequestOptions& options);
 void runViews(const ConnectionOptions& connection, const ViewsOptions& options);
 void runFields(const ConnectionOptions& connection, const FieldsOptions& options);
@@ -124,6 +163,14 @@ void runIdentityRemove(const ConnectionOptions& connection, const IdentityOption
 void runTokenCreate(const ConnectionOptions& connection, const TokenOptions& options);
 void runTokenList(const ConnectionOptions& connection, const TokenOptions& options, const PrintOptions& form);
 void runTokenRevoke(const ConnectionOptions& connection, const TokenOptions& options);
+/// Contexts: an agent or a database under a name. \param connection what to keep
+void runContextSet(const std::string& name, const ConnectionOptions& connection);
+void runContextUse(const std::string& name);
+void runContextRemove(const std::string& name);
+/// \param name the only one; empty: all
+void runContextList(const std::string& name, const PrintOptions& print);
+/// \param name empty: the current one
+void runContextShow(const std::string& name, const PrintOptions& print);
 void runCollect(const ConnectionOptions& connection);
 /// Moves a database into another one, both of which it opens itself.
 void runCopy(const CopyCommandOptions& options);

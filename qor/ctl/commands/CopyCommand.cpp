@@ -71,7 +71,7 @@ void runCopy(const CopyCommandOptions& options) {
         return endingWell(goesOn, [&] { return opened->run(); });
     }();
     progress.clear();
-    if (report.stopped) throw CtlError(CtlExit::AnsweredError, std::string("stopped; ") + goesOn);
+    if (report.stopped) throw CtlError(CtlExit::Interrupted, std::string("stopped; ") + goesOn);
     print(report);
     if (!report.changed.empty())
         tellPerson("the source was written to meanwhile, and is not any more what was copied: " +

@@ -4,10 +4,12 @@
 #include <string_view>
 #include <vector>
 
+#include "QORCommon/QORText.h"
 #include "QORPager/QORFieldList.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "filter/FilterNames.h"
+#include "select/SelectAdvice.h"
 
 namespace QOR {
 namespace {
@@ -29,7 +31,9 @@ public:
         const std::array<Cell, 4> cells{text(name), text(field.title), text(field.type),
                                         text(field.list ? "list" : "one")};
         m_rows.row(cells);
+        m_any = true;
     }
+    bool isEmpty() const noexcept { return !m_any; }
     void end() { m_rows.end(std::nullopt); }
 
 private:
@@ -37,6 +41,7 @@ private:
 
     RowSink& m_rows;
     const std::vector<std::string>& m_prefixes;
+    bool m_any = false;
 };
 
 }  // namespace
@@ -53,6 +58,11 @@ void runFields(const ConnectionOptions& connection, const FieldsOptions& options
         printer.print(field);
     printer.end();
     out.flush();
+    if (!printer.isEmpty()) return;
+    for (const std::string& prefix : options.prefixes) {
+        const std::string advice = adviseOnName(prefix, names.nearest(prefix));
+        tellNote("no field begins with " + quoteText(prefix) + (advice.empty() ? "" : "; " + advice));
+    }
 }
 
 }  // namespace QOR

@@ -12,8 +12,8 @@
 namespace QOR {
 namespace {
 
-QORIdentityEnvironment environmentOf(const std::string& text, bool below) {
-    QORIdentityEnvironment environment{{}, below};
+QORIdentityEnvironment environmentOf(const std::string& text, bool below, bool writes) {
+    QORIdentityEnvironment environment{{}, below, writes};
     if (!environment.eid.fromString(text))
         throw CtlError::usage(quoteText(text) + " is no identifier of an environment");
     return environment;
@@ -23,7 +23,8 @@ std::string accessOf(const QORIdentity& identity) {
     if (identity.fullAccess) return "full";
     std::string text;
     for (const QORIdentityEnvironment& environment : identity.environments)
-        text += (text.empty() ? "" : ", ") + environment.eid.toString() + (environment.below ? " and below" : "");
+        text += (text.empty() ? "" : ", ") + environment.eid.toString() + (environment.below ? " and below" : "") +
+                (environment.writes ? " (writes)" : "");
     return text.empty() ? "none" : text;
 }
 
@@ -58,9 +59,9 @@ void runIdentityAdd(const ConnectionOptions& connection, const IdentityOptions& 
     identity.kind = findIdentityKind(options.kind).value_or(QORIdentityKind::Token);
     identity.fullAccess = options.fullAccess;
     for (const std::string& text : options.environments)
-        identity.environments.push_back(environmentOf(text, false));
+        identity.environments.push_back(environmentOf(text, false, options.writes));
     for (const std::string& text : options.below)
-        identity.environments.push_back(environmentOf(text, true));
+        identity.environments.push_back(environmentOf(text, true, options.writes));
     makeBackend(connection, BackendUse::Store)->addIdentity(identity);
 }
 

@@ -2,11 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <utility>
 
 #include "QORCommon/QORTime.h"
+#include "commands/EnvironmentNames.h"
+#include "output/HeldRows.h"
 #include "output/Pager.h"
 #include "output/TextWidth.h"
 
@@ -26,6 +29,16 @@ TimeForm timesOf(const PrintOptions& print, bool onTerminal) {
     if (print.times) return *print.times == TimeForm::Answered && print.zone ? TimeForm::Full : *print.times;
     if (onTerminal) return TimeForm::Short;
     return print.zone ? TimeForm::Full : TimeForm::Answered;
+}
+
+/// As many rows wait for the names of their environments.
+constexpr std::size_t mostNamedRows = 1000;
+
+/// Whether a person at a terminal is shown identifiers.
+bool namesEnvironments(const PrintOptions& print, const ColumnKinds& kinds) {
+    return print.form->isForPeople && !print.pattern && ::isatty(STDOUT_FILENO) != 0 &&
+           std::any_of(kinds.begin(), kinds.end(),
+                       [](const auto& kind) { return kind.second == QORColumnKind::Identifier; });
 }
 
 /// Counts rows, and remembers the counts for a form that has no place for them.
@@ -55,7 +68,8 @@ std::unique_ptr<Output> openOutput(const PrintOptions& print) {
     return std::make_unique<PagedOutput>(pages ? pagerCommand() : std::nullopt);
 }
 
-std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out, ColumnKinds kinds) {
+std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out, ColumnKinds kinds,
+                                     std::shared_ptr<const std::map<std::string, std::string>> environments) {
     if (print.pattern) return makeTemplatePrinter(*print.pattern, out);
     const bool forPeople = print.form->isForPeople;
     const bool onTerminal = ::isatty(STDOUT_FILENO) != 0;
@@ -69,6 +83,7 @@ std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Out
     options.times = timesOf(print, onTerminal);
     options.now = currentTime();
     options.kinds = std::move(kinds);
+    options.environments = std::move(environments);
     return print.form->makePrinter(options, out);
 }
 
@@ -78,18 +93,31 @@ bool tellsKinds(const PrintOptions& print) {
     return ::isatty(STDOUT_FILENO) != 0 || print.times || print.zone;
 }
 
-PrintedAnswer printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
-                          std::vector<std::string> columns, ColumnKinds kinds) {
+PrintedAnswer printRows(const std::function<std::unique_ptr<AnswerSource>()>& ask, Backend& backend,
+                        const PrintOptions& print, AnswerForm form) {
     const auto output = openOutput(print);
     Output& out = *output;
-    const auto printer = makePrinter(print, counts, out, std::move(kinds));
+    const bool names = form.namesEnvironments && namesEnvironments(print, form.kinds);
+    const auto environments = std::make_shared<std::map<std::string, std::string>>();
+    const auto printer = makePrinter(print, form.counts, out, form.kinds, environments);
     CountKeeper keeper(*printer);
-    const bool asAnswered = columns.empty() || (print.form->isAnswer && !print.pattern);
-    ColumnOrder ordered(std::move(columns), keeper);
+    HeldRows held(keeper, names ? mostNamedRows : 0);
+    ColumnNames shown(std::move(form.shown), held);
+    const bool asAnswered = form.columns.empty() || (print.form->isAnswer && !print.pattern);
+    ColumnOrder ordered(std::move(form.columns), shown);
 
-    const auto answer = backend.ask(request);
     PrintedAnswer printed;
-    const auto error = readAnswer(*answer, asAnswered ? static_cast<RowSink&>(keeper) : ordered, &printed.hasNext);
+    std::optional<AnsweredError> error;
+    {
+        const auto answer = ask();
+        RowSink& rows = print.form->isAnswer && !print.pattern ? static_cast<RowSink&>(keeper)
+                        : asAnswered                           ? static_cast<RowSink&>(shown)
+                                                               : ordered;
+        error = readAnswer(*answer, rows, &printed.hasNext);
+    }
+    if (names && !error)
+        *environments = environmentNames(backend, held.valuesOf(QORColumnKind::Identifier, form.kinds), form.client);
+    held.release();
     out.flush();  // the rows before an error too: they have been answered
     if (error) throw CtlError::answered(error->code, error->message);
     // Of forms for programs none says that a total is a bound.

@@ -2,6 +2,8 @@
 /// What commands share about their output.
 #pragma once
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,7 +17,8 @@ namespace QOR {
 std::unique_ptr<Output> openOutput(const PrintOptions& print);
 
 /// A printer onto standard output's buffer, fitted to the terminal where there is one.
-std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out, ColumnKinds kinds = {});
+std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out, ColumnKinds kinds = {},
+                                     std::shared_ptr<const std::map<std::string, std::string>> environments = {});
 
 /// Whether values look other by what they are, so that it has to be known what columns hold.
 bool tellsKinds(const PrintOptions& print);
@@ -26,12 +29,21 @@ struct PrintedAnswer {
     bool hasNext = false;  ///< the answer names a page behind it
 };
 
-/// Asks, and prints what is answered onto standard output, counts that the form has no place for beside it.
-/// \param columns in the order in which they were asked for; empty: as the answer has them
-/// \param kinds of columns, where tellsKinds()
+/// How rows of an answer are shown.
+struct AnswerForm {
+    bool counts = false;
+    std::vector<std::string> columns{};          ///< in the order in which they were asked for; empty: as answered
+    std::map<std::string, std::string> shown{};  ///< other names of columns, by the answer's
+    ColumnKinds kinds{};                         ///< by the names that are shown, where tellsKinds()
+    bool namesEnvironments = true;               ///< beside their identifiers, for a person at a terminal
+    std::vector<std::string> client{};           ///< as SelectOptions::client
+};
+
+/// Prints an answer onto standard output, counts that the form has no place for beside it.
+/// \param ask gives the answer \param backend may be asked more when the answer has been read
 /// \throws CtlError AnsweredError when the answer holds an error; the rows before it are printed then
-PrintedAnswer printAnswer(Backend& backend, const std::string& request, const PrintOptions& print, bool counts,
-                          std::vector<std::string> columns = {}, ColumnKinds kinds = {});
+PrintedAnswer printRows(const std::function<std::unique_ptr<AnswerSource>()>& ask, Backend& backend,
+                        const PrintOptions& print, AnswerForm form);
 
 /// Tells a client that stands for no environment so: its answers lack rows, and nothing else would say why.
 /// \param client what --client says; empty: oneself

@@ -80,7 +80,7 @@ void runPrune(const ConnectionOptions& connection, const PruneOptions& options) 
     }
     const std::uint64_t given = pruning.prune(options.compact ? "compact" : "space", before);
     tell("space: " + std::to_string(given) + " bytes given back");
-    if (pruning.stopped()) throw CtlError(CtlExit::AnsweredError, "stopped; what was removed stays removed");
+    if (pruning.stopped()) throw CtlError(CtlExit::Interrupted, "stopped; what was removed stays removed");
     if (pruning.stranded() != 0) {
         std::fprintf(stderr,
                      "qorctl: %llu bytes stay in the file for later records; \"qorctl prune --compact\" writes it anew "

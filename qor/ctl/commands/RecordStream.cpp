@@ -92,7 +92,7 @@ void RecordStream::report(bool interrupted) {
     if (m_result.failure)
         throw CtlError::answered(1, "records from line " + std::to_string(m_result.failure->firstLine) +
                                         " on are not stored: " + m_result.failure->reason);
-    if (interrupted) throw CtlError(CtlExit::AnsweredError, "interrupted; the counts are what is stored");
+    if (interrupted) throw CtlError(CtlExit::Interrupted, "interrupted; the counts are what is stored");
     if (m_result.refused > 0)
         throw CtlError(CtlExit::AnsweredError, std::to_string(m_result.refused) +
                                                    (m_result.refused == 1 ? " line was" : " lines were") +

@@ -5,9 +5,11 @@
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORTime.h"
+#include "QORDBSchema/QORViewDescriptions.h"
 #include "QORQuery/QORQueryField.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "select/SelectAdvice.h"
 
 namespace QOR {
 namespace {
@@ -29,11 +31,20 @@ public:
     }
 
     /// All of a view, in their order; none for a view that is not known.
-    std::vector<std::string> columnsOf(std::string_view view) {
-        std::vector<std::string> names;
+    std::vector<QORViewColumn> columnsOf(std::string_view view) {
+        std::vector<QORViewColumn> found;
         for (const QORViewColumn& each : columns())
-            if (isSameWord(each.view, view)) names.push_back(each.column);
-        return names;
+            if (isSameWord(each.view, view)) found.push_back(each);
+        return found;
+    }
+
+    /// What helps somebody whose request was refused; nothing where nobody can be asked any more.
+    std::string adviseOn(const SelectOptions& options, std::int64_t now) {
+        try {
+            return adviseOnSelect(options, columns(), now);
+        } catch (const CtlError&) {
+            return adviseOnWriting(options);
+        }
     }
 
 private:
@@ -47,15 +58,61 @@ private:
     std::optional<std::vector<QORViewColumn>> m_columns;
 };
 
+/// Its rows are environments: who reads them needs no names beside identifiers.
+constexpr std::string_view environmentsView = "vEnvironment";
+
+bool isOfRowSecurity(std::string_view column) {
+    return column.starts_with("securityOperation_") || column.starts_with("securableObjId");
+}
+
+/// What is shown of a view where nobody says what: of the host's own its main columns, of others all that people read.
+void addMainFields(SelectOptions& options, LazyBackend& backend) {
+    if (!options.fields.empty()) return;
+    const std::vector<QORViewColumn> columns = backend.columnsOf(options.view);
+    if (columns.empty()) {
+        options.fields = {"*"};  // whoever answers says that there is no such view
+        return;
+    }
+    for (const std::string_view name : viewMainColumns(columns.front().view))
+        options.fields.push_back(quoteName(name));
+    if (!options.fields.empty()) return;
+    for (const QORViewColumn& column : columns) {
+        if (!isOfRowSecurity(column.column) && columnKindOf(column.type) != QORColumnKind::Bytes)
+            options.fields.push_back(quoteName(column.column));
+    }
+}
+
+/// The column that --since and --until mean: that of the name "time", or else the only one of times.
+std::string timeColumnOf(const std::string& view, const std::vector<QORViewColumn>& columns) {
+    std::vector<std::string> times;
+    for (const QORViewColumn& column : columns) {
+        if (columnKindOf(column.type) != QORColumnKind::Time) continue;
+        if (column.column == "time") return column.column;
+        times.push_back(column.column);
+    }
+    if (columns.empty() || times.size() == 1) return times.empty() ? "time" : times.front();
+    throw CtlError::usage("--since and --until need a view with one column of times; " + view + " has " +
+                          (times.empty() ? "none" : std::to_string(times.size()) + ", so name one in --where"));
+}
+
+void addBounds(SelectOptions& options, LazyBackend& backend, std::int64_t now) {
+    if (!options.bounds.any()) return;
+    conditionOf(options.bounds, "time", now);  // what is no time is told before anybody is asked
+    options.within =
+        conditionOf(options.bounds, quoteName(timeColumnOf(options.view, backend.columnsOf(options.view))), now);
+}
+
 /// A field "*" is all columns that are not asked for beside it. Of a view that is not known it stays, so that whoever
 /// answers says so.
 void expandFields(SelectOptions& options, LazyBackend& backend) {
     const auto all = std::find(options.fields.begin(), options.fields.end(), "*");
     if (all == options.fields.end()) return;
     std::vector<std::string> fields(options.fields.begin(), all);
-    for (const std::string& column : backend.columnsOf(options.view)) {
+    for (const auto& [view, column, type, length] : backend.columnsOf(options.view)) {
         const std::string quoted = quoteName(column);
-        const auto isAsked = [&](const std::string& field) { return parseQueryField(field).column == column; };
+        const auto isAsked = [&, &name = column](const std::string& field) {
+            return parseQueryField(field).column == name;
+        };
         if (std::none_of(options.fields.begin(), options.fields.end(), isAsked)) fields.push_back(quoted);
     }
     if (fields.empty()) return;
@@ -63,15 +120,9 @@ void expandFields(SelectOptions& options, LazyBackend& backend) {
     options.fields = std::move(fields);
 }
 
-}  // namespace
-
-void runSelect(const ConnectionOptions& connection, const SelectOptions& asked, const PrintOptions& print) {
-    LazyBackend backend(connection);
-    SelectOptions options = asked;
-    expandFields(options, backend);
-    SelectRequest request =
-        makeSelectRequest(options, currentTime(),
-                          [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
+void askSelect(LazyBackend& backend, const SelectOptions& options, const PrintOptions& print, std::int64_t now) {
+    SelectRequest request = makeSelectRequest(
+        options, now, [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
     std::string json;
     writeRequest(request.envelope, json);
 
@@ -82,7 +133,31 @@ void runSelect(const ConnectionOptions& connection, const SelectOptions& asked, 
         if (tellsKinds(print)) kinds[name] = columnKindOf(field, backend.typeOf(options.view, field.column));
         if (!request.ordered) names.push_back(name);
     }
-    printAnswer(backend.get(), json, print, options.count, std::move(names), std::move(kinds));
+    AnswerForm form;
+    form.counts = options.count;
+    form.columns = std::move(names);
+    form.kinds = std::move(kinds);
+    form.namesEnvironments = !isSameWord(options.view, environmentsView);
+    form.client = options.client;
+    printRows([&] { return backend.get().ask(json); }, backend.get(), print, std::move(form));
+}
+
+}  // namespace
+
+void runSelect(const ConnectionOptions& connection, const SelectOptions& asked, const PrintOptions& print) {
+    LazyBackend backend(connection);
+    SelectOptions options = asked;
+    const std::int64_t now = currentTime();
+    try {
+        addMainFields(options, backend);
+        expandFields(options, backend);
+        addBounds(options, backend, now);
+        askSelect(backend, options, print, now);
+    } catch (const CtlError& error) {
+        if (error.exit() == CtlExit::BadUsage) throw error.advised(adviseOnWriting(options));
+        if (error.exit() != CtlExit::AnsweredError) throw;
+        throw error.advised(backend.adviseOn(options, now));
+    }
 }
 
 }  // namespace QOR

@@ -38,7 +38,7 @@ void runShard(const ShardCommandOptions& options) {
     const QORShardReport report = endingWell(goesOn, [&] { return QORShard(std::move(shard)).run(); });
     progress.clear();
     print(report.done);
-    if (report.stopped) throw CtlError(CtlExit::AnsweredError, std::string("stopped; ") + goesOn);
+    if (report.stopped) throw CtlError(CtlExit::Interrupted, std::string("stopped; ") + goesOn);
     if (report.faults.empty()) return print({"checked: " + std::to_string(servers) + " servers, sound"});
     print(report.faults);
     throw CtlError(CtlExit::AnsweredError, std::to_string(report.faults.size()) + " faults");

@@ -6,6 +6,7 @@
 #include "QORQuery/QORQueryField.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "select/SelectAdvice.h"
 
 namespace QOR {
 namespace {
@@ -15,11 +16,19 @@ bool isWanted(const QORViewColumn& column, const std::vector<std::string>& views
                                         [&](const std::string& view) { return isSameWord(view, column.view); });
 }
 
+std::vector<std::string_view> namesOf(const std::vector<QORViewColumn>& columns) {
+    std::vector<std::string_view> names;
+    for (const QORViewColumn& column : columns)
+        if (std::find(names.begin(), names.end(), column.view) == names.end()) names.emplace_back(column.view);
+    return names;
+}
+
 void requireAll(const std::vector<std::string>& views, const std::vector<QORViewColumn>& columns) {
     for (const std::string& view : views)
         if (std::none_of(columns.begin(), columns.end(),
                          [&](const QORViewColumn& column) { return isSameWord(view, column.view); }))
-            throw CtlError(CtlExit::AnsweredError, "there is no view " + quoteText(view));
+            throw CtlError(CtlExit::AnsweredError, "there is no view " + quoteText(view))
+                .advised(adviseOnName(view, namesOf(columns)));
 }
 
 Cell text(std::string_view bytes) {

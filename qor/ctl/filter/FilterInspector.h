@@ -3,6 +3,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <string>
 #include <string_view>
 
 namespace QOR {
@@ -22,5 +23,8 @@ class FilterNames;
 /// \param names that the filter may hold
 /// \returns an exit code: 0, or 1 when the filter cannot be parsed; then `err` says why and where
 int runFilterPerson(std::string_view text, const FilterNames& names, std::ostream& out, std::ostream& err);
+
+/// Why and where a filter cannot be read, as lines; empty for one that can.
+std::string explainFilter(std::string_view text, const FilterNames& names);
 
 }  // namespace QOR

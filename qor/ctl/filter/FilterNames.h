@@ -28,6 +28,8 @@ public:
     /// Declares the fields with empty values, those of environments as special, and every name of the text that falls
     /// under a prefix.
     void declare(TExpressionEvaluation& evaluator, std::string_view text) const;
+    /// Whether there is a field of just this name; parameters, which are made on demand, are none.
+    bool isField(std::string_view name) const { return find(name) != nullptr; }
     /// "text, environments" for a name that is declared; "" for any other.
     std::string describe(std::string_view name) const;
     /// The declared names that one could have meant by an undeclared one, the nearest first, at most three.

@@ -71,6 +71,8 @@ std::string explainError(TExpressionEvaluation& evaluator, const FilterNames& na
         for (const std::string_view nearest : near) {
             out.append(nearest == near.front() ? "did you mean " : "          or ").append(nearest).append("\n");
         }
+        if (near.empty() && name.find('.') == std::string_view::npos)
+            out.append("a text stands in quotes: '").append(visible(name)).append("'\n");
     }
     return out;
 }
@@ -139,6 +141,12 @@ void describeParts(TExpressionEvaluation& evaluator, std::string& out) {
 }
 
 }  // namespace
+
+std::string explainFilter(std::string_view text, const FilterNames& names) {
+    TExpressionEvaluation evaluator(text);
+    names.declare(evaluator, text);
+    return evaluator.buildTree() == nullptr ? explainError(evaluator, names) : std::string();
+}
 
 int runFilterPerson(std::string_view text, const FilterNames& names, std::ostream& out, std::ostream& err) {
     TExpressionEvaluation evaluator(text);

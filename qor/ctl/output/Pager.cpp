@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "process/Interrupt.h"
+
 namespace QOR {
 namespace {
 
@@ -93,8 +95,8 @@ Pager::Pager(const std::string& command) {
 Pager::~Pager() {
     if (!m_runs) return;
     waitForPager();
-    for (const int number : {SIGINT, SIGTERM})
-        ::signal(number, SIG_DFL);
+    endOnInterrupt();
+    ::signal(SIGTERM, SIG_DFL);
 }
 
 void PagedOutput::write(std::string_view block) {

@@ -19,7 +19,7 @@ std::unique_ptr<RowSink> make(const RowPrinterOptions& options, Output& out) {
 }
 
 constexpr RowForm forms[] = {
-    {.name = "table", .makePrinter = make<TablePrinter>, .isForPeople = true},
+    {.name = "table", .makePrinter = make<TablePrinter>, .isForLines = true, .isForPeople = true},
     {.name = "wide",
      .makePrinter = [](const RowPrinterOptions& options, Output& out) -> std::unique_ptr<RowSink> {
          RowPrinterOptions uncut = options;
@@ -27,12 +27,17 @@ constexpr RowForm forms[] = {
          uncut.prefixes = false;
          return std::make_unique<TablePrinter>(std::move(uncut), out);
      },
+     .isForLines = true,
      .isForPeople = true},
-    {.name = "record", .makePrinter = make<RecordPrinter>, .isForPeople = true},
+    {.name = "record", .makePrinter = make<RecordPrinter>, .isForLines = true, .isForPeople = true},
     {.name = "json", .makePrinter = make<JsonPrinter>, .tellsKinds = true},
-    {.name = "ndjson", .makePrinter = make<NdjsonPrinter>, .holdsCounts = false, .tellsKinds = true},
-    {.name = "csv", .makePrinter = make<CsvPrinter>, .holdsCounts = false},
-    {.name = "tsv", .makePrinter = make<TsvPrinter>, .holdsCounts = false},
+    {.name = "ndjson",
+     .makePrinter = make<NdjsonPrinter>,
+     .holdsCounts = false,
+     .tellsKinds = true,
+     .isForLines = true},
+    {.name = "csv", .makePrinter = make<CsvPrinter>, .holdsCounts = false, .isForLines = true},
+    {.name = "tsv", .makePrinter = make<TsvPrinter>, .holdsCounts = false, .isForLines = true},
     {.name = "yaml", .makePrinter = make<YamlPrinter>, .holdsCounts = false, .tellsKinds = true},
     {.name = "xml",
      .makePrinter = [](const RowPrinterOptions&, Output& out) -> std::unique_ptr<RowSink> {

@@ -41,6 +41,8 @@ public:
     /// \pre as many cells as there are names
     virtual void row(std::span<const Cell> cells) = 0;
     virtual void end(const std::optional<RowCounts>& counts) = 0;
+    /// Nothing is waited for any more to decide how rows look: each is put out as it comes.
+    virtual void settle() {}
 };
 
 /// What is known of columns by their names in the answer; of all others, that they hold texts.
@@ -55,6 +57,9 @@ struct RowPrinterOptions {
     TimeForm times = TimeForm::Answered;
     std::int64_t now = 0;  ///< seconds since the epoch, what relative times are told from
     ColumnKinds kinds{};   ///< for forms that tell numbers from texts
+    /// What environments are called, which people are shown beside their identifiers; may be filled until the first row
+    /// comes. Null: none.
+    std::shared_ptr<const std::map<std::string, std::string>> environments{};
 };
 
 /// A form that rows are printed in.
@@ -65,6 +70,7 @@ struct RowForm {
     bool holdsCounts = true;   ///< else counts are told beside it, so that nothing but rows is in the output
     bool isAnswer = false;     ///< the answer itself: its columns stand where the answer has them
     bool tellsKinds = false;   ///< numbers look other than texts
+    bool isForLines = false;   ///< each row is whole by itself, so that there need be no end
     bool isForPeople = false;  ///< may be coloured, and times be told as people read them
 };
 

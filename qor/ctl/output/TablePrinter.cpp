@@ -11,6 +11,10 @@ namespace {
 
 constexpr std::size_t rowsHeldBack = 10'000;
 constexpr std::size_t leastColumnWidth = 4;
+// Of values that are not known yet.
+constexpr std::size_t timeWidth = 24;
+constexpr std::size_t textLength = 12;
+constexpr std::size_t numberLength = 8;
 constexpr std::size_t guidLength = 36;
 constexpr std::string_view gap = "  ";
 constexpr std::string_view nullSign = "-";
@@ -104,10 +108,43 @@ void TablePrinter::row(std::span<const Cell> cells) {
 
 void TablePrinter::settleColumns() {
     m_settled = true;
+    const std::vector<std::string> names = namesOfHeld();
     if (m_options.prefixes && m_rows < rowsHeldBack) shortenIdentifiers();
+    for (std::size_t at = 0; at < names.size(); ++at)
+        m_held[at] += names[at];
+    measureIdentifiers();
     m_blocks = !fitColumns();
     if (!m_blocks && m_options.header) printHeader();
     printHeldRows();
+}
+
+/// Widths that do for most values, of a table whose rows are not known.
+void TablePrinter::settle() {
+    if (m_settled) return;
+    for (Column& column : m_columns) {
+        const std::size_t typical = column.kind == QORColumnKind::Time         ? timeWidth
+                                    : column.kind == QORColumnKind::Identifier ? guidLength
+                                    : column.kind == QORColumnKind::Text       ? textLength
+                                                                               : numberLength;
+        column.width = std::max(column.width, typical);
+        column.any = true;
+        column.numbers = column.kind == QORColumnKind::Integer || column.kind == QORColumnKind::Number;
+    }
+    settleColumns();
+}
+
+/// What is to be told behind each value that is held.
+std::vector<std::string> TablePrinter::namesOfHeld() const {
+    if (m_options.environments == nullptr || m_options.environments->empty()) return {};
+    std::vector<std::string> names(m_held.size());
+    for (std::size_t at = 0; at < m_held.size(); ++at) {
+        if (m_columns[at % m_columns.size()].kind != QORColumnKind::Identifier) continue;
+        const auto found = m_options.environments->find(m_held[at]);
+        if (found == m_options.environments->end()) continue;
+        names[at] = " ";
+        appendVisible(found->second, names[at]);
+    }
+    return names;
 }
 
 /// Where all rows are known, so that no later one is taken for an earlier: to the first length at which all GUIDs of
@@ -132,9 +169,12 @@ void TablePrinter::shortenIdentifiers() {
     if (length == prefixLengths.end()) return;
     for (std::string* const guid : shown)
         guid->resize(*length);
+}
+
+void TablePrinter::measureIdentifiers() {
     for (std::size_t at = 0; at < m_columns.size(); ++at) {
         Column& column = m_columns[at];
-        if (column.kind != QORColumnKind::Identifier) continue;
+        if (column.kind != QORColumnKind::Identifier || m_held.empty()) continue;
         column.width = m_options.header ? textWidth(column.name) : 0;
         for (std::size_t value = at; value < m_held.size(); value += m_columns.size())
             column.width = std::max(column.width, textWidth(m_held[value]));
@@ -262,6 +302,10 @@ void RecordPrinter::row(std::span<const Cell> cells) {
     m_any = true;
     for (std::size_t at = 0; at < cells.size(); ++at) {
         renderCell(cells[at], m_kinds[at], m_options, m_value);
+        if (m_kinds[at] == QORColumnKind::Identifier && m_options.environments != nullptr) {
+            const auto name = m_options.environments->find(m_value);
+            if (name != m_options.environments->end()) appendVisible(" " + name->second, m_value);
+        }
         const std::size_t begin = m_out.buffer().size();
         appendColoured(m_names[at], bold, m_options.colours, m_out.buffer());
         m_out.buffer().append(m_value);

@@ -20,6 +20,7 @@ public:
     void begin(std::span<const std::string> names) override;
     void row(std::span<const Cell> cells) override;
     void end(const std::optional<RowCounts>& counts) override;
+    void settle() override;
 
 private:
     struct Column {
@@ -32,7 +33,9 @@ private:
 
     void render(std::span<const Cell> cells);
     void settleColumns();
+    std::vector<std::string> namesOfHeld() const;
     void shortenIdentifiers();
+    void measureIdentifiers();
     bool fitColumns();
     void printHeader();
     void printHeldRows();

@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace QOR {
 
@@ -13,6 +14,7 @@ enum class CtlExit : int {
     AnsweredError = 1,  ///< the agent answered with an error, or refused a part of what it was given
     BadUsage = 2,
     NoConnection = 3,
+    Interrupted = 130,  ///< by Ctrl-C; as shells tell it
 };
 
 /// Ends the command. The text goes to stderr as it stands, behind "qorctl: ".
@@ -26,6 +28,14 @@ public:
     /// An error that was answered: "error 400: ...".
     static CtlError answered(int code, const std::string& message) {
         return {CtlExit::AnsweredError, "error " + std::to_string(code) + ": " + message};
+    }
+
+    /// The same with lines behind it that help; itself where there are none.
+    CtlError advised(const std::string& lines) const {
+        return lines.empty()
+                   ? *this
+                   : CtlError(m_exit,
+                              what() + std::string(std::string_view(what()).ends_with('\n') ? "" : "\n") + lines);
     }
 
 private:

@@ -7,6 +7,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "process/CtlError.h"
+
 namespace QOR {
 namespace {
 
@@ -15,18 +17,23 @@ std::atomic<bool> requested{false};
 std::atomic<int> event{-1};
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
-extern "C" void requestStop(int) {
+extern "C" void end(int) {
+    ::_exit(static_cast<int>(CtlExit::Interrupted));
+}
+
+extern "C" void requestStop(int number) {
+    if (requested && number == SIGINT) end(number);
     requested = true;
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(event, &one, sizeof one);
 }
 
-void handle(int number, void (*handler)(int), int flags) {
+void handle(int number, void (*handler)(int), int flags, struct sigaction* before) {
     struct sigaction action {};
     action.sa_handler = handler;
     action.sa_flags = flags;
     ::sigemptyset(&action.sa_mask);
-    ::sigaction(number, &action, nullptr);
+    ::sigaction(number, &action, before);
 }
 
 }  // namespace
@@ -35,14 +42,18 @@ Interrupt::Interrupt() {
     requested = false;
     event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     // Reads and writes on the agent's socket go on; waiting for input ends through the descriptor.
-    for (const int number : {SIGINT, SIGTERM})
-        handle(number, requestStop, static_cast<int>(SA_RESTART | SA_RESETHAND));
+    handle(SIGINT, requestStop, SA_RESTART, &m_before[0]);
+    handle(SIGTERM, requestStop, static_cast<int>(SA_RESTART | SA_RESETHAND), &m_before[1]);
 }
 
 Interrupt::~Interrupt() {
-    for (const int number : {SIGINT, SIGTERM})
-        handle(number, SIG_DFL, 0);
+    ::sigaction(SIGINT, &m_before[0], nullptr);
+    ::sigaction(SIGTERM, &m_before[1], nullptr);
     ::close(event.exchange(-1));
+}
+
+void endOnInterrupt() {
+    handle(SIGINT, end, 0, nullptr);
 }
 
 bool Interrupt::isRequested() const noexcept {

@@ -2,6 +2,8 @@
 /// Ctrl-C for commands that work in batches: the first asks them to stop, the second ends the process as usual.
 #pragma once
 
+#include <csignal>
+
 namespace QOR {
 
 /// While one exists, SIGINT and SIGTERM are taken as the wish to stop. At most one in a process.
@@ -15,6 +17,13 @@ public:
     bool isRequested() const noexcept;
     /// Becomes, and stays, readable with the request.
     int descriptor() const noexcept;
+
+private:
+    struct sigaction m_before[2];
 };
+
+/// From here on Ctrl-C ends the process at once with CtlExit::Interrupted. What it asked ends too: an agent sees that
+/// nobody waits any more.
+void endOnInterrupt();
 
 }  // namespace QOR

@@ -8,7 +8,7 @@
 namespace QOR {
 namespace {
 
-constexpr std::string_view ownValue[] = {"--sort", "--where", "--client"};
+constexpr std::string_view ownValue[] = {"--sort", "--where", "--client", "--since", "--until"};
 constexpr std::string_view shortOptions[] = {"-f", "-o", "-h"};
 
 template <std::size_t N>

@@ -6,26 +6,12 @@
 #include "QORPager/QORExpressionEvaluation.h"
 #include "QORPager/QORFilterNames.h"
 #include "QORPager/QORSources.h"
+#include "filter/FilterInspector.h"
+#include "rows/ShortNames.h"
+#include "select/SelectAdvice.h"
 
 namespace QOR {
 namespace {
-
-/// The source that the fields ask for; null when they are no names that the operator knows sources of.
-const QORSource* sourceOf(const std::vector<std::string>& fields) {
-    const auto isOf = [](const std::string& field, const QORSource& source) {
-        return field.starts_with(source.namePrefix);
-    };
-    const QORSource* withoutRows = nullptr;
-    for (const std::string& field : fields) {
-        for (const QORSource& source : pagerSources())
-            if (source.hasRows && isOf(field, source)) return &source;
-    }
-    for (const QORSource& source : pagerSources()) {
-        const auto isField = [&](const std::string& field) { return isOf(field, source); };
-        if (!source.hasRows && std::all_of(fields.begin(), fields.end(), isField)) withoutRows = &source;
-    }
-    return withoutRows;
-}
 
 bool isConstant(const TToken& token) {
     return token.tokenClass == tcString || token.tokenClass == tcNumber;
@@ -148,7 +134,7 @@ std::string selectCommand(const RowsOptions& options, const QORSource& source) {
 
 std::vector<std::string> adviseOnRows(const RowsOptions& options) {
     std::vector<std::string> advice;
-    const QORSource* const source = options.narrow ? sourceOf(options.fields) : nullptr;
+    const QORSource* const source = options.narrow ? sourceOfFields(options.fields) : nullptr;
     if (source == nullptr) return advice;
     const std::string noun(source->noun);
     if (!source->hasRows) {
@@ -169,6 +155,25 @@ std::vector<std::string> adviseOnRows(const RowsOptions& options) {
         advice.push_back("without --narrow it has, and the view " + std::string(source->view) +
                          " does it too: " + selectCommand(options, *source));
     return advice;
+}
+
+std::string adviseOnRefusedRows(const RowsOptions& options, const FilterNames& names) {
+    std::string lines;
+    const auto addLine = [&lines](const std::string& line) {
+        if (!line.empty()) lines += (lines.empty() || lines.ends_with('\n') ? "" : "\n") + line;
+    };
+    const auto addName = [&](std::string_view name) {
+        if (names.describe(name).empty()) addLine(adviseOnName(name, names.nearest(name)));
+    };
+    for (const std::string& field : options.fields)
+        addName(field);
+    for (const std::string& key : options.sort)
+        addName(std::string_view(key).substr(key.starts_with('-') ? 1 : 0));
+    if (!options.where) return lines;
+    addLine(adviseOnTimes(*options.where));
+    if (const std::string mistake = explainFilter(*options.where, names); !mistake.empty())
+        addLine("--where: " + mistake);
+    return lines;
 }
 
 std::string describeSources() {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "filter/FilterNames.h"
 #include "rows/RowsRequest.h"
 
 namespace QOR {
@@ -13,6 +14,10 @@ namespace QOR {
 /// A sentence for each part of the request that has no effect, and the command that does what was meant; nothing of an
 /// exact request, of which every part has one.
 std::vector<std::string> adviseOnRows(const RowsOptions& options);
+
+/// What helps somebody whose request was refused: names that nothing has, times and texts that are written otherwise.
+/// Lines; empty where nothing is wrong with it that can be seen.
+std::string adviseOnRefusedRows(const RowsOptions& options, const FilterNames& names);
 
 /// What each source takes from a filter, a line each.
 std::string describeSources();

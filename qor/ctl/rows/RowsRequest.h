@@ -8,11 +8,14 @@
 #include <vector>
 
 #include "QORMessage/QORNotation.h"
+#include "select/TimeBounds.h"
 
 namespace QOR {
 
 /// What the person asked for, as typed.
 struct RowsOptions {
+    std::string
+        source{};  ///< the records that are asked for, beside which names may be short; empty: the fields say it
     std::vector<std::string> fields;
     std::optional<std::string> where;
     std::vector<std::string> sort;  ///< a field, behind '-' for descending order
@@ -21,6 +24,7 @@ struct RowsOptions {
     bool count = false;
     bool narrow = false;              ///< rows are those that the source finds, not those for which the filter holds
     std::vector<std::string> client;  ///< as SelectOptions::client
+    TimeBounds bounds{};
 };
 
 /// \throws CtlError BadUsage naming the option that cannot be meant

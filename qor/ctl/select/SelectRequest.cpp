@@ -35,7 +35,7 @@ public:
         m_request.ordered = isOrdered();
         if (m_request.ordered) addFlag(tag::ordered);
         if (m_options.distinct) addFlag(tag::distinct);
-        if (m_options.where) addWhere(*m_options.where);
+        addConditions();
         for (const std::string& sort : m_options.sort)
             addSort(sort);
         addPage(m_at, m_options.limit, m_options.offset);
@@ -73,17 +73,31 @@ private:
         m_fields.push_back(std::move(field));
     }
 
-    void addWhere(const std::string& text) {
+    /// The person's own is read by itself, so that a mistake is shown at its place and nothing of it reaches beyond it.
+    void addConditions() {
+        if (m_options.where && !m_options.within.empty()) {
+            QORMessage apart;
+            QORBinaryIterator at = apart.root();
+            requireRoom(at.addChild(tag::where));
+            readCondition(*m_options.where, at);
+        }
+        if (!m_options.where && m_options.within.empty()) return;
         requireRoom(m_at.addChild(tag::where));
+        readCondition(m_options.within.empty() ? *m_options.where
+                                               : joinConditions(m_options.where.value_or(""), m_options.within),
+                      m_at);
+        requireRoom(m_at.seekUp());
+    }
+
+    void readCondition(const std::string& text, const QORBinaryIterator& at) const {
         try {
             const std::size_t levels = m_request.envelope.body.limits().depth - levelsAboveCondition;
-            parseCondition(text, {.view = m_options.view, .levels = levels, .types = m_types, .now = m_now}, m_at);
+            parseCondition(text, {.view = m_options.view, .levels = levels, .types = m_types, .now = m_now}, at);
         } catch (const QORQueryError& error) {
             throw CtlError::usage("--where: " + describeQueryError(text, error));
         } catch (const QORException& error) {
             throw CtlError::usage("--where: " + error.message());
         }
-        requireRoom(m_at.seekUp());
     }
 
     void addSort(std::string_view text) {

@@ -10,6 +10,7 @@
 #include "QORMessage/QORNotation.h"
 #include "QORQuery/QORQueryField.h"
 #include "QORQuery/QORStoredForm.h"
+#include "select/TimeBounds.h"
 
 namespace QOR {
 
@@ -26,6 +27,8 @@ struct SelectOptions {
     /// Ask as a client without full access that stands for these environments, the first being its own identity; the
     /// word "none" alone is a client without identities. Empty: ask as oneself.
     std::vector<std::string> client;
+    TimeBounds bounds{};
+    std::string within{};  ///< a further condition, which is not the person's own
 };
 
 /// A request, and how its answer is put before the person.

@@ -106,7 +106,9 @@ const ErrorCase errorCases[] = {
     {"1 = 1 and hostname = 'x'",
      "Undeclared identifier: hostname at character 11\n  1 = 1 and hostname = 'x'\n            ^\n"
      "did you mean pager.env.config.hostname\n          or pager.env.vconfig.hostname\n"},
-    {"qqqqqqqqqqqq", "Undeclared identifier: qqqqqqqqqqqq at character 1\n  qqqqqqqqqqqq\n  ^\n"},
+    {"qqqqqqqqqqqq",
+     "Undeclared identifier: qqqqqqqqqqqq at character 1\n  qqqqqqqqqqqq\n  ^\n"
+     "a text stands in quotes: 'qqqqqqqqqqqq'\n"},
     {"(1 = 1) ^ 2", "Unknown symbol: ^ 2 at character 9\n  (1 = 1) ^ 2\n          ^\n"},
     {"true and (1 = 1", "Unexpected left bracket at character 10\n  true and (1 = 1\n           ^\n"},
     {"true true", "Operator or function expected: an operator is missing at character 6\n  true true\n       ^\n"},

@@ -1,0 +1,28 @@
+/// \file
+/// From when to when rows are asked for, as people type it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace QOR {
+
+/// Times as `2024-05-01`, `2024-05-01 10:15:00`, `yesterday` or `-7d`; both are included.
+struct TimeBounds {
+    std::optional<std::string> since{};
+    std::optional<std::string> until{};
+
+    bool any() const noexcept { return since.has_value() || until.has_value(); }
+};
+
+/// A condition, of both languages that rows are asked for in, that a column or field of times lies between them.
+/// \param now seconds since the epoch, what times are told from
+/// \throws CtlError BadUsage for what is no time
+std::string conditionOf(const TimeBounds& bounds, std::string_view name, std::int64_t now);
+
+/// Both conditions; either may be empty.
+std::string joinConditions(std::string_view written, std::string_view further);
+
+}  // namespace QOR

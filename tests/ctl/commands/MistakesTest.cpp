@@ -1,0 +1,83 @@
+// What qorctl says to people who mistyped something.
+#include <string>
+#include <vector>
+
+#include "ctl/BothWays.h"
+
+namespace QOR::test {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class Mistakes : public BothWays {
+protected:
+    void SetUp() override {
+        begin();
+        ASSERT_EQ(run({"import"}, R"({"kind":"event","time":"2024-01-02 10:00:00","source":"cpu"})").status, 0);
+    }
+
+    /// What is told, with the exit status in front.
+    std::string refusalOf(const Words& arguments) const {
+        const CtlResult result = run(arguments);
+        EXPECT_EQ(result.out, "");
+        return std::to_string(result.status) + " " + result.err;
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Ctl, Mistakes, bothWays, nameOfWay);
+
+TEST_P(Mistakes, InNamesOfViewsColumnsAndFieldsAreAnsweredByTheNearest) {
+    EXPECT_EQ(refusalOf({"select", "vOpLg", "-f", "op"}),
+              "1 qorctl: error 1: invalid view \"vOpLg\"\ndid you mean vOpLog?\n");
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "statsu"}), EndsWith("\ndid you mean status?\n"));
+    EXPECT_EQ(refusalOf({"views", "vOpLg"}), "1 qorctl: there is no view \"vOpLg\"\ndid you mean vOpLog?\n");
+    EXPECT_EQ(refusalOf({"views", "x"}),
+              "1 qorctl: there is no view \"x\"\nthere are vBackupInfo, vEnvironment, vEventLog and vOpLog\n");
+    EXPECT_THAT(refusalOf({"rows", "-f", "pager.op_log.statsu"}), EndsWith("\ndid you mean pager.op_log.status?\n"));
+    EXPECT_THAT(refusalOf({"rows", "-f", "pager.op_log.status", "--sort", "pager.op_log.tme"}),
+                EndsWith("\ndid you mean pager.op_log.time?\n"));
+}
+
+TEST_P(Mistakes, InConditionsAreShownAtTheirPlace) {
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--where", "op = install"}),
+                EndsWith("  op = install\n       ^\na text stands in single quotes: 'install'\n"));
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--where", "time > '2024-5-1'"}),
+                EndsWith("\na time is written '2024-05-01' or '2024-05-01 10:15:00'\n"));
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--where", "time between '2024-5-1' and now()"}),
+                EndsWith("\na time is written '2024-05-01' or '2024-05-01 10:15:00'\n"));
+    EXPECT_THAT(refusalOf({"rows", "-f", "pager.op_log.status", "--where", "pager.op_log.statsu = 1"}),
+                EndsWith("  ^\ndid you mean pager.op_log.status\n"));
+    EXPECT_THAT(refusalOf({"rows", "-f", "pager.op_log.status", "--where", "pager.op_log.op = install"}),
+                EndsWith("^\na text stands in quotes: 'install'\n"));
+    EXPECT_THAT(refusalOf({"rows", "-f", "pager.op_log.status", "--where", "pager.op_log.time > 2024-01-01"}),
+                EndsWith("\na time is written '2024-01-01' or '2024-01-01 10:15:00'\n"));
+}
+
+TEST_P(Mistakes, OfDirectionAndBracketAreKnown) {
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--sort", "time", "desc"}), EndsWith("--sort=-time\n"));
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "count(op"}), EndsWith("the bracket is not closed: count(op)\n"));
+}
+
+TEST(CommandLine, NamesWhatACommandOrAnOptionWasMeantToBe) {
+    const std::string help = "\nqorctl --help and qorctl COMMAND --help say what there is.\n";
+    const auto refusalOf = [](const Words& arguments) {
+        const CtlResult result = runCtl(arguments);
+        EXPECT_EQ(result.status, 2);
+        return result.err;
+    };
+    EXPECT_EQ(refusalOf({"selct"}), "qorctl: there is no command \"selct\"\ndid you mean select?" + help);
+    EXPECT_THAT(refusalOf({"qwertz"}), StartsWith("qorctl: there is no command \"qwertz\"\nthere are select, "));
+    EXPECT_EQ(refusalOf({"identity", "ad"}), "qorctl: there is no command \"identity ad\"\ndid you mean add?" + help);
+    EXPECT_EQ(refusalOf({"identity"}), "qorctl: identity needs one of its commands: add, list, show, remove" + help);
+    EXPECT_EQ(refusalOf({"select", "vOpLog", "-f", "op", "--limt", "3"}),
+              "qorctl: select has no option \"--limt\"\ndid you mean --limit?" + help);
+    EXPECT_EQ(refusalOf({"select", "vOpLog", "-f", "op", "--limt=3"}),
+              "qorctl: select has no option \"--limt\"\ndid you mean --limit?" + help);
+    EXPECT_EQ(refusalOf({"--sockt", "x", "status"}),
+              "qorctl: status has no option \"--sockt\"\ndid you mean --socket?" + help);
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "-o", "jsno"}), HasSubstr("\ndid you mean json?"));
+}
+
+}  // namespace
+}  // namespace QOR::test
