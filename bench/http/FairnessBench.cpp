@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -76,19 +75,6 @@ public:
 private:
     std::vector<double> m_times;
 };
-
-/// Seconds of processor time that a process has used.
-double processorSecondsOf(pid_t process) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-    std::string word;
-    std::getline(file, word, ')');
-    for (int skipped = 0; skipped < 11; ++skipped)
-        file >> word;
-    double user = 0;
-    double system = 0;
-    file >> user >> system;
-    return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
-}
 
 void askWithoutEnd(const std::string& socket) {
     for (;;) {

@@ -1,7 +1,10 @@
 #include "support/Figures.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 
 #include "host/QORPlainNumber.h"
 
@@ -30,6 +33,18 @@ double processorSeconds() {
     timespec now{};
     ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+double processorSecondsOf(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string word;
+    std::getline(file, word, ')');
+    for (int skipped = 0; skipped < 11; ++skipped)
+        file >> word;
+    double user = 0;
+    double system = 0;
+    file >> user >> system;
+    return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 double median(std::vector<double> values) {

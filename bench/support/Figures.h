@@ -2,6 +2,7 @@
 /// What every benchmark does alike: its command line, measuring two things in turns, printing a figure beside its goal.
 #pragma once
 
+#include <sys/types.h>
 #include <time.h>
 
 #include <chrono>
@@ -26,6 +27,8 @@ inline double secondsSince(Clock::time_point from) {
 
 /// Processor time of the calling thread: what else the machine does stays out of it.
 double processorSeconds();
+/// What another process has used of it so far, to a hundredth of a second.
+double processorSecondsOf(pid_t process);
 
 double median(std::vector<double> values);
 
