@@ -6,11 +6,13 @@
 #include <memory>
 #include <mutex>
 #include <stop_token>
+#include <utility>
 #include <vector>
 
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORDBSchema/QORDBSchema.h"
+#include "QORDBSchema/QORHandover.h"
 #include "ingest/EnvironmentCopies.h"
 #include "ingest/ServerRemovals.h"
 
@@ -26,6 +28,7 @@ constexpr auto longestVisit = std::chrono::seconds(10);
 
 void ServerUpkeep::turn() {
     QORServers& servers = QORServers::instance();
+    settleLast();
     const auto placement = servers.refresh();
     for (const QORServer& server : placement->servers()) {
         if (servers.isAway(server.name)) continue;
@@ -42,6 +45,19 @@ void ServerUpkeep::turn() {
                 logMessage(1, "QORIngest", sourcePath, __func__, "server \"%s\" cannot be followed: %s",
                            server.name.c_str(), failure.what());
         }
+    }
+}
+
+// Not more than a look at home where nothing is on its way.
+void ServerUpkeep::settleLast() {
+    const QORRequestScope bounded(std::make_shared<QORRequestControl>(longestVisit));
+    try {
+        settleHandover();
+        m_settles = true;
+    } catch (const std::exception& failure) {
+        if (std::exchange(m_settles, false))
+            logMessage(1, "QORIngest", sourcePath, __func__,
+                       "environments are between two servers, and it cannot be settled: %s", failure.what());
     }
 }
 

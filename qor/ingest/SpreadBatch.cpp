@@ -13,6 +13,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
+#include "QORDBSchema/QORHandover.h"
 #include "ingest/RecordTables.h"
 
 namespace QOR {
@@ -304,6 +305,7 @@ void SpreadBatch::awaitOtherPlacement(const QORServer& server) {
     const auto until = QORRequestControl::Clock::now() + patience;
     const std::int64_t epoch = m_placement->epoch();
     for (;;) {
+        settleHandover();
         m_placement = QORServers::instance().refresh();
         if (m_placement->epoch() != epoch && !m_placement->none()) break;
         if (QORRequestControl::Clock::now() >= until) {

@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/QORDBSchema.h"
+#include "QORDBSchema/QORHandover.h"
 #include "QORDBSchema/QORSpreadSchema.h"
 #include "QORServers/QORServers.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
@@ -84,11 +85,10 @@ public:
     explicit Impl(QORShardOptions options) : m_options(std::move(options)), m_home("home", m_options.home) {
         m_home.migrate();
         m_alone.emplace(m_home.rdbms(), ASAccess::Read);
-        if (readCell(**m_alone,
-                     "SELECT pg_try_advisory_xact_lock(hashtextextended('qor shard ' || current_schema(), 0))") != "1")
-            m_home.refuse("is being spread by another program at this moment");
+        if (!takeSpread(**m_alone)) m_home.refuse("is being spread by another program at this moment");
         m_identity = m_home.identity();
         requireRights();
+        settleLast();
         openServers();
         requireSplit();
     }
@@ -118,11 +118,11 @@ private:
             const Place& source = add(place);
             report.done.push_back("server " + quoteText(place.row.name) + " has half of the environments of " +
                                   quoteText(source.row.name));
+            report.waited = std::max(report.waited, m_waited);
         }
         for (Place& place : m_places)
             watch(place.database, false, m_options.stop);
-        alone(
-            m_home, settling(), [] {}, m_options.stop);
+        alone(m_home, settling(), m_options.stop);
     }
 
     void check(std::vector<std::string>& faults) {
@@ -158,6 +158,21 @@ private:
         if (!other.empty())
             m_home.refuse("cannot be spread: the records of the schema " + quoteText(other) +
                           " in the same database are, and one database can spread those of one schema");
+    }
+
+    /// What an earlier run was ended in the middle of.
+    void settleLast() {
+        const auto handover = readHandover(**m_alone);
+        if (!handover) return;
+        for (const QORSpreadServer& server : readSpreadServers(**m_alone)) {
+            if (server.name != handover->source) continue;
+            ShardDatabase source("server " + quoteText(server.name),
+                                 QORServers::connectionString(server.connection, m_options.home));
+            QORRdbmsTran tran(source.rdbms(), ASAccess::Read);
+            if (hasLeft(*tran, *handover))
+                alone(
+                    m_home, [&](ASSession& home) { completeHandover(home, *handover); }, m_options.stop);
+        }
     }
 
     void openServers() {
@@ -251,23 +266,28 @@ private:
         rest.modulus = place.row.modulus;
         const std::int64_t epoch = std::stoll(m_home.cell("SELECT epoch FROM qor_placement")) + 1;
         if (place.database.cell("SELECT count(*) FROM qor_held") == "0") begin(place, epoch);
-        m_changed = true;
-        const auto settle = [&, settled = settling()](ASSession& home) {
-            source.row = rest;
-            settled(home);
+        const QORHandover handover{source.row.name, place.row};
+        const auto noted = [&](ASSession& home) {
+            for (const ShardForeign& server : foreignTo(place)) {
+                if (server.isThere(home)) continue;
+                for (const std::string& statement : server.statements())
+                    home.execute(statement);
+            }
+            noteHandover(home, handover);
         };
+        const auto settle = [&](ASSession& home) { completeHandover(home, handover); };
         if (source.database.cell("SELECT modulus FROM qor_held") == std::to_string(rest.modulus)) {
-            // An earlier run was ended after the records had gone and before home said so.
-            alone(
-                m_home, settle, [] {}, m_options.stop);
+            // An earlier program was ended after the records had gone, and had not noted it.
+            m_home.write(noted);
+            alone(m_home, settle, m_options.stop);
         } else {
             ShardMove move(m_home, source.database, {{place.row.name, &place.database, shareOf(place.row)}},
                            {{rest.name, shareOf(rest)}}, hooks(place.row.name));
             move.copy();
-            move.finish([](ASSession& session) { session.execute("SELECT 1 FROM qor_held FOR UPDATE"); },
-                        [&](ASSession& session) { hold(session, rest, epoch); }, settle);
+            m_home.write(noted);
+            m_waited = move.finish([&](ASSession& session) { hold(session, rest, epoch); }, settle);
         }
-        m_changed = false;
+        source.row = rest;
         return source;
     }
 
@@ -323,19 +343,24 @@ private:
         });
     }
 
-    /// Gives readers their rights at the servers. \returns what makes everything at home as it has to be
+    /// The engine's own servers for one; gives their reader his rights there.
+    static std::vector<ShardForeign> foreignTo(Place& place) {
+        ShardReader reader{place.file.reader, place.file.readerPassword};
+        if (reader.role.empty()) {
+            reader.role = place.database.cell("SELECT CAST(current_user AS text)");
+            reader.password = OdbcConnectionString(place.database.connection()).get("PWD");
+        } else {
+            allow(place, reader.role);
+        }
+        return foreignServers(place.row.name, place.database.connection(), reader);
+    }
+
+    /// \returns what makes everything at home as it has to be
     std::function<void(ASSession&)> settling() {
         std::vector<ShardForeign> servers;
         for (Place& place : m_places) {
             if (place.row.number == 0) continue;
-            ShardReader reader{place.file.reader, place.file.readerPassword};
-            if (reader.role.empty()) {
-                reader.role = place.database.cell("SELECT CAST(current_user AS text)");
-                reader.password = OdbcConnectionString(place.database.connection()).get("PWD");
-            } else {
-                allow(place, reader.role);
-            }
-            const auto more = foreignServers(place.row.name, place.database.connection(), reader);
+            const auto more = foreignTo(place);
             servers.insert(servers.end(), more.begin(), more.end());
         }
         return [this, servers = std::move(servers)](ASSession& home) {
@@ -369,6 +394,7 @@ private:
     std::vector<Place> m_places;
     std::map<std::string, std::string> m_identities;  ///< by names of servers
     bool m_changed = false;                           ///< the placement, since it was written down
+    std::uint64_t m_waited = 0;                       ///< as the report's
 };
 
 std::vector<std::string> QORShard::script(const QORShardOptions& options) {

@@ -31,6 +31,7 @@ struct QORShardOptions {
 struct QORShardReport {
     std::vector<std::string> done;    ///< what was made, a line each; none when all was there
     bool stopped = false;             ///< the rest is still to do
+    std::uint64_t waited = 0;         ///< the most records that were worked on while those who store had to wait
     std::vector<std::string> faults;  ///< what is not as it should be, a line each
 };
 

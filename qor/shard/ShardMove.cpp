@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "QORDBSchema/QORHandover.h"
 #include "QORDBSchema/QORSpreadSchema.h"
 
 namespace QOR {
@@ -21,18 +22,32 @@ constexpr const char* shortWait = "SET LOCAL lock_timeout = '200ms'";
 constexpr std::chrono::milliseconds peace{300};
 constexpr int attempts = 200;
 
-/// \throws ShardStopped; what `attempt` throws, but for locks that were waited for in vain
-void patiently(const ShardDatabase& database, const std::function<bool()>& stop, const std::function<void()>& attempt) {
+bool isBusy(const AException& error) {
+    return error.failure() == ASFailure::Locked || error.failure() == ASFailure::Undone;
+}
+
+/// \param attempt returns false when it would have kept others waiting \throws ShardStopped; what `attempt` throws
+template <class Attempt>
+void again(const ShardDatabase& database, const std::function<bool()>& stop, Attempt attempt) {
     for (int left = attempts; left > 0; --left) {
         if (stop && stop()) throw ShardStopped();
-        try {
-            return attempt();
-        } catch (const AException& error) {
-            if (error.failure() != ASFailure::Locked && error.failure() != ASFailure::Undone) throw;
-        }
+        if (attempt()) return;
         std::this_thread::sleep_for(peace);
     }
     database.refuse("has been in use without a pause for a minute: end what reads or writes there for so long");
+}
+
+/// As again(), where what failed for locks that were waited for in vain would have kept others waiting.
+void patiently(const ShardDatabase& database, const std::function<bool()>& stop, const std::function<void()>& attempt) {
+    again(database, stop, [&] {
+        try {
+            attempt();
+            return true;
+        } catch (const AException& error) {
+            if (!isBusy(error)) throw;
+            return false;
+        }
+    });
 }
 
 /// In pieces that one parameter can hold.
@@ -45,18 +60,14 @@ std::string tableList(const std::string& schema) {
     return list;
 }
 
-/// Everything that readers of records go through at home, where there is any, in the order in which they do: a view,
-/// then its tables, each with its partitions.
-std::string readTablesOf(ASSession& home) {
-    std::string list;
-    for (const QORSchemaRow& row : readRows(
-             home,
-             "SELECT format('%I.%I', n.nspname, c.relname) FROM pg_class c JOIN pg_namespace n ON "
-             "n.oid = c.relnamespace WHERE c.relkind IN ('v', 'p') AND (n.nspname IN ('qor_all', 'qor_all_long') OR "
-             "n.nspname LIKE 'qor\\_at\\_%') ORDER BY c.relkind DESC, 1",
-             1))
-        list += (list.empty() ? "" : ", ") + row.front();
-    return list;
+/// Keeps everybody from changing records, agents and other programs; nothing of the transaction is lost when that would
+/// take too long. \returns false then
+bool closeSource(ASSession& source) {
+    source.execute(shortWait);
+    source.execute("DO $$ BEGIN PERFORM 1 FROM qor_held FOR UPDATE; LOCK TABLE " + tableList("") +
+                   " IN SHARE ROW EXCLUSIVE MODE; PERFORM set_config('qor.closed', 'on', true); "
+                   "EXCEPTION WHEN lock_not_available OR deadlock_detected THEN NULL; END $$");
+    return readCell(source, "SELECT current_setting('qor.closed', true)") == "on";
 }
 
 }  // namespace
@@ -109,22 +120,36 @@ void ShardMove::copy() {
             for (const QORSpreadTable& table : spreadTables())
                 session.execute("ANALYZE " + std::string(table.name));
         });
-    for (int round = 0; round < mostRounds; ++round) {
-        ShardChanges changes;
-        {
-            QORRdbmsTran snapshot(m_source.rdbms(), ASAccess::Read);
-            changes = ShardWatch::read(*snapshot);
-            for (ShardRecords& records : m_records)
-                records.follow(*snapshot, changes);
-            if (const auto found = changes.numbers.find("qor_operation"); found != changes.numbers.end())
-                noteTouchedBy(*snapshot, found->second);
+    followOpenly(false);
+}
+
+/// What has been noted by now. \param leaves the source has begun to remove records \returns how much it was
+std::size_t ShardMove::followSome(bool leaves) {
+    ShardChanges changes;
+    {
+        QORRdbmsTran snapshot(m_source.rdbms(), ASAccess::Read);
+        changes = ShardWatch::read(*snapshot);
+        for (std::size_t i = 0; i < m_records.size(); ++i) {
+            const std::int64_t more = m_records[i].follow(*snapshot, changes);
+            if (!leaves) continue;
+            m_there[i] += more;
+            m_records[i].leave(changes);
         }
-        m_source.write([&](ASSession& session) { ShardWatch::forget(session, changes); });
-        if (changes.entries.size() <= fewChanges) return;
+        if (const auto found = changes.numbers.find("qor_operation"); found != changes.numbers.end())
+            noteTouchedBy(*snapshot, found->second);
+    }
+    m_source.write([&](ASSession& session) { ShardWatch::forget(session, changes); });
+    return changes.entries.size();
+}
+
+void ShardMove::followOpenly(bool leaves) {
+    for (int round = 0; round < mostRounds; ++round) {
+        if (followSome(leaves) <= fewChanges) return;
     }
 }
 
-void ShardMove::followAll(ASSession& source) {
+/// For a source that everybody is kept from.
+void ShardMove::settleAll(ASSession& source) {
     for (ShardChanges changes = ShardWatch::read(source); !changes.empty(); changes = ShardWatch::read(source)) {
         for (ShardRecords& records : m_records)
             records.follow(source, changes);
@@ -132,49 +157,90 @@ void ShardMove::followAll(ASSession& source) {
             noteTouchedBy(source, found->second);
         ShardWatch::forget(source, changes);
     }
-}
-
-void ShardMove::settleRest(ASSession& source) {
-    followAll(source);
     for (std::size_t i = 0; i < m_ways.size(); ++i) {
         m_records[i].copyDocuments(source);
         const std::uint64_t here = m_records[i].count(source);
         const std::uint64_t there = m_records[i].countThere();
-        if (here != there)
-            m_ways[i].target->refuse("has " + std::to_string(there) + " of " + std::to_string(here) + " records of " +
-                                     m_source.what() + ": somebody else has written to it. Make it anew, empty");
+        if (here != there) refuseCount(i, static_cast<std::int64_t>(there), here);
     }
 }
 
-void ShardMove::finish(const std::function<void(ASSession&)>& close, const std::function<void(ASSession&)>& leave,
-                       const std::function<void(ASSession&)>& place) {
+void ShardMove::refuseCount(std::size_t way, std::int64_t there, std::uint64_t here) const {
+    m_ways[way].target->refuse("has " + std::to_string(there) + " of " + std::to_string(here) + " records of " +
+                               m_source.what() + ": somebody else has written to it. Make it anew, empty");
+}
+
+// What the source removes is still there for everybody else until it commits. So nearly all of it can be removed while
+// others are at work, and what they changed meanwhile can be read beside that transaction.
+std::uint64_t ShardMove::finish(const std::function<void(ASSession&)>& leave,
+                                const std::function<void(ASSession&)>& place) {
     patiently(m_source, m_hooks.stop, [&] {
         QORRdbmsTran source(m_source.rdbms(), ASAccess::Write);
-        close(*source);
-        source->execute(shortWait);
-        source->execute("LOCK TABLE " + tableList("") + " IN SHARE ROW EXCLUSIVE MODE");
-        settleRest(*source);
+        ShardWatch::leaveOut(*source);
+        m_there.clear();
+        m_gone.clear();
         for (ShardRecords& records : m_records) {
-            records.copyRequests(*source);
-            records.remove(*source);
+            m_gone.push_back(records.removeMost(*source));
+            m_there.push_back(static_cast<std::int64_t>(records.countThere()));
         }
-        // What was noted is what has just been removed.
-        source->execute("DELETE FROM qor_moved");
-        leave(*source);
+        {
+            QORRdbmsTran snapshot(m_source.rdbms(), ASAccess::Read);
+            for (ShardRecords& records : m_records)
+                records.copyRequests(*snapshot);
+        }
         bool left = false;
-        const auto depart = [&] {
-            if (left) return;
+        const auto commit = [&] {
             source.commit();
             left = true;
         };
         try {
-            alone(m_home, place, depart, m_hooks.stop);
+            again(m_home, m_hooks.stop, [&] {
+                followOpenly(true);
+                return handOver(*source, leave, place, commit);
+            });
         } catch (const AException&) {
             if (!left) throw;
             // Home went away at this very moment. What is said there is all that is missing.
-            alone(m_home, place, [] {}, {});
+            alone(m_home, place, {});
         }
     });
+    return m_waited;
+}
+
+/// \returns false when somebody who writes or reads could not be waited for: everybody goes on
+bool ShardMove::handOver(ASSession& source, const std::function<void(ASSession&)>& leave,
+                         const std::function<void(ASSession&)>& place, const std::function<void()>& commit) {
+    QORRdbmsTran home(m_home.rdbms(), ASAccess::Write);
+    try {
+        lockSpread(*home);
+        place(*home);
+    } catch (const AException& error) {
+        if (!isBusy(error)) throw;
+        return false;
+    }
+    if (!closeSource(source)) return false;
+    m_waited = 0;
+    while (const std::size_t followed = followSome(true))
+        m_waited += followed;
+    settleRest(source);
+    leave(source);
+    commit();
+    home.commit();
+    return true;
+}
+
+void ShardMove::settleRest(ASSession& source) {
+    QORRdbmsTran snapshot(m_source.rdbms(), ASAccess::Read);
+    for (std::size_t i = 0; i < m_ways.size(); ++i) {
+        m_records[i].copyDocuments(*snapshot);
+        m_records[i].copyRequests(*snapshot);
+        const std::uint64_t last = m_records[i].removeLeft(source);
+        m_gone[i] += last;
+        m_waited += last;
+        if (m_there[i] != static_cast<std::int64_t>(m_gone[i])) refuseCount(i, m_there[i], m_gone[i]);
+    }
+    // What was noted is what has just been removed.
+    source.execute("DELETE FROM qor_moved");
 }
 
 void ShardMove::finishHome(const std::function<void(ASSession&)>& place) {
@@ -183,7 +249,7 @@ void ShardMove::finishHome(const std::function<void(ASSession&)>& place) {
         m_atHome = &*home;
         home->execute(shortWait);
         home->execute("LOCK TABLE " + tableList("") + " IN ACCESS EXCLUSIVE MODE");
-        settleRest(*home);
+        settleAll(*home);
         home->execute("TRUNCATE " + tableList(""));
         place(*home);
         ShardWatch::end(*home);
@@ -229,15 +295,11 @@ void ShardMove::noteTouched(ASSession& source, const std::string& condition) {
     }
 }
 
-void alone(ShardDatabase& home, const std::function<void(ASSession&)>& work, const std::function<void()>& before,
-           const std::function<bool()>& stop) {
+void alone(ShardDatabase& home, const std::function<void(ASSession&)>& work, const std::function<bool()>& stop) {
     patiently(home, stop, [&] {
         QORRdbmsTran tran(home.rdbms(), ASAccess::Write);
-        tran->execute(shortWait);
-        if (const std::string tables = readTablesOf(*tran); !tables.empty())
-            tran->execute("LOCK TABLE " + tables + " IN ACCESS EXCLUSIVE MODE");
+        lockSpread(*tran);
         work(*tran);
-        before();
         tran.commit();
     });
 }

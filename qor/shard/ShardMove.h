@@ -44,18 +44,23 @@ public:
 
     /// Takes nearly everything to where it goes; the source keeps it.
     void copy();
-    /// Gives the rest of the way, and with it the records, away: from then on they are there and not here.
-    /// \param close keeps others from writing, within the source's transaction \param leave what else is to be done in
-    /// it \param place says so at home, within its transaction
-    void finish(const std::function<void(ASSession&)>& close, const std::function<void(ASSession&)>& leave,
-                const std::function<void(ASSession&)>& place);
+    /// Gives the rest of the way, and with it the records, away: from then on they are there and not here. Who stores
+    /// at the source, or reads through home, waits only for what has changed at last and the few newest records.
+    /// \param leave what else is to be done in the source's transaction, which decides \param place says so at home,
+    /// within its transaction, which follows \returns how many records were worked on while others waited
+    std::uint64_t finish(const std::function<void(ASSession&)>& leave, const std::function<void(ASSession&)>& place);
     /// The same for a source that is home, in one transaction there.
     void finishHome(const std::function<void(ASSession&)>& place);
 
 private:
     void requireFit();
-    void followAll(ASSession& source);
+    std::size_t followSome(bool leaves);
+    void followOpenly(bool leaves);
+    bool handOver(ASSession& source, const std::function<void(ASSession&)>& leave,
+                  const std::function<void(ASSession&)>& place, const std::function<void()>& commit);
+    void settleAll(ASSession& source);
     void settleRest(ASSession& source);
+    [[noreturn]] void refuseCount(std::size_t way, std::int64_t there, std::uint64_t here) const;
     void noteTouched(ASSession& source, const std::string& condition);
     void noteTouchedBy(ASSession& source, const std::vector<std::int64_t>& numbers);
     void took(std::uint64_t records);
@@ -66,6 +71,9 @@ private:
     std::vector<ShardRest> m_rest;
     ShardMoveHooks m_hooks;
     std::vector<ShardRecords> m_records;  ///< of each way
+    std::vector<std::int64_t> m_there;    ///< how many each target has; while a source gives records away
+    std::vector<std::uint64_t> m_gone;    ///< how many the source has lost to it
+    std::uint64_t m_waited = 0;           ///< what has been done while others waited
     ASSession* m_atHome = nullptr;        ///< in whose transaction home is told, while the source is home
     std::uint64_t m_done = 0;
     std::uint64_t m_of = 0;
@@ -73,9 +81,8 @@ private:
 };
 
 /// Runs `work` in a transaction at home in which nobody reads through it, once that is possible without keeping readers
-/// waiting for long. \param before run when all that can fail but home's commit has been done \param stop as above
-void alone(ShardDatabase& home, const std::function<void(ASSession&)>& work, const std::function<void()>& before,
-           const std::function<bool()>& stop);
+/// waiting for long. \param stop as above
+void alone(ShardDatabase& home, const std::function<void(ASSession&)>& work, const std::function<bool()>& stop);
 
 /// Begins or ends to note what changes in a database, likewise without keeping writers waiting for long.
 void watch(ShardDatabase& source, bool on, const std::function<bool()>& stop);

@@ -21,6 +21,9 @@ constexpr const char* operations = "qor_operation";
 
 constexpr std::size_t numbersAtOnce = 2000;
 
+/// So many of a table are left to the end.
+constexpr std::size_t newest = 200;
+
 std::string listOf(const std::vector<std::int64_t>& numbers, std::size_t from, std::size_t to) {
     std::string list;
     for (std::size_t i = from; i < to; ++i)
@@ -69,15 +72,27 @@ void ShardRecords::copyAll(ASSession& source) {
         copyTable(source, name, {}, {});
 }
 
-void ShardRecords::follow(ASSession& source, const ShardChanges& changes) {
+std::int64_t ShardRecords::follow(ASSession& source, const ShardChanges& changes) {
+    std::int64_t more = 0;
     for (const std::string& name : changes.emptied)
-        m_target.write([&](ASSession& target) { target.execute("DELETE FROM " + name); });
+        m_target.write([&](ASSession& target) {
+            target.execute("DELETE FROM " + name);
+            more -= target.changes();
+        });
     for (const auto& [name, numbers] : changes.numbers) {
         for (std::size_t from = 0; from < numbers.size(); from += numbersAtOnce) {
             const std::string list = listOf(numbers, from, std::min(from + numbersAtOnce, numbers.size()));
+            more -= countThere(name, list);
             copyTable(source, name, among("seq", list), list);
+            more += countThere(name, list);
         }
     }
+    return more;
+}
+
+std::int64_t ShardRecords::countThere(const std::string& name, const std::string& list) {
+    QORRdbmsTran tran(m_target.rdbms(), ASAccess::ReadOne);
+    return readNumber(*tran, "SELECT count(*) FROM " + name + " WHERE " + among("seq", list));
 }
 
 /// Without a condition it begins behind what is there. \param gone numbers of records that are taken away first
@@ -148,19 +163,25 @@ void ShardRecords::copyDocuments(ASSession& source) {
     }
 }
 
+// Of a row the engine knows which transaction has written it.
 void ShardRecords::copyRequests(ASSession& source) {
-    const QORSchemaTable& from = table("qor_request");
-    const CopyWriter writer(ASEngine::PostgreSQL, from);
+    const std::string from = readCell(source,
+                                      "SELECT CAST(CAST(CAST(pg_snapshot_xmin(pg_current_snapshot()) AS text) AS "
+                                      "bigint) % (1::bigint << 32) AS text)");
+    const QORSchemaTable& requests = table("qor_request");
+    const CopyWriter writer(ASEngine::PostgreSQL, requests);
     m_target.write([&](ASSession& target) {
-        target.execute("DELETE FROM qor_request");
-        CopyReader reader(source, from);
-        CopyRows rows(from.columns.size());
+        if (m_requestsFrom.empty()) target.execute("DELETE FROM qor_request");
+        CopyReader reader(source, requests, {},
+                          m_requestsFrom.empty() ? "" : "age(xmin) <= age(CAST('" + m_requestsFrom + "' AS xid))");
+        CopyRows rows(requests.columns.size());
         while (reader.next(rows))
-            writer.write(target, rows);
+            writer.replace(target, rows, {"rowid", "key"});
         target.execute(
             "SELECT setval(pg_get_serial_sequence('qor_request', 'rowid'), max(rowid)) FROM qor_request "
             "HAVING max(rowid) IS NOT NULL");
     });
+    m_requestsFrom = from;
 }
 
 std::uint64_t ShardRecords::count(ASSession& source) const {
@@ -176,11 +197,54 @@ std::uint64_t ShardRecords::countThere() {
     return count(*tran);
 }
 
+std::uint64_t ShardRecords::removeMost(ASSession& source) {
+    std::uint64_t removed = 0;
+    m_left.clear();
+    for (const char* const name : recordTables) {
+        removed += removeFree(source, name);
+        Numbers& left = m_left[name];
+        for (const auto& row :
+             readRows(source, "SELECT seq FROM " + std::string(name) + " WHERE " + m_share.holds("eid"), 1))
+            left.insert(std::stoll(row.front()));
+    }
+    return removed;
+}
+
+// Records that somebody is changing are not waited for: he would be waited for with all that has been removed. Of the
+// newest more are going to be changed, and whoever does would have to wait.
+std::uint64_t ShardRecords::removeFree(ASSession& source, const std::string& name) const {
+    const std::string last = readCell(
+        source, "SELECT seq FROM " + name + " ORDER BY seq DESC OFFSET " + std::to_string(newest) + " LIMIT 1");
+    if (last.empty()) return 0;
+    const std::string free = "WITH free AS MATERIALIZED (SELECT seq FROM " + name + " WHERE " + m_share.holds("eid") +
+                             " AND seq <= " + last + " FOR UPDATE SKIP LOCKED)";
+    const std::string touched =
+        ", touched AS (DELETE FROM " + std::string(touchTable) + " e USING free WHERE e.operation = free.seq)";
+    source.execute(free + (name == operations ? touched : "") + " DELETE FROM " + name +
+                   " r USING free WHERE r.seq = free.seq");
+    return static_cast<std::uint64_t>(source.changes());
+}
+
+void ShardRecords::leave(const ShardChanges& changes) {
+    for (const auto& [name, numbers] : changes.numbers)
+        m_left[name].insert(numbers.begin(), numbers.end());
+}
+
 // What operations touch goes first, in one statement, not for each of them.
-void ShardRecords::remove(ASSession& source) const {
-    source.execute("DELETE FROM " + std::string(touchTable) + " WHERE " + m_share.holds("own"));
-    for (const char* const name : recordTables)
-        source.execute("DELETE FROM " + std::string(name) + " WHERE " + m_share.holds("eid"));
+std::uint64_t ShardRecords::removeLeft(ASSession& source) {
+    std::uint64_t removed = 0;
+    for (const auto& [name, left] : m_left) {
+        const std::vector<std::int64_t> numbers(left.begin(), left.end());
+        for (std::size_t from = 0; from < numbers.size(); from += numbersAtOnce) {
+            const std::string list = listOf(numbers, from, std::min(from + numbersAtOnce, numbers.size()));
+            if (name == operations)
+                source.execute("DELETE FROM " + std::string(touchTable) + " WHERE " + among("operation", list) +
+                               " AND " + m_share.holds("own"));
+            source.execute("DELETE FROM " + name + " WHERE " + among("seq", list) + " AND " + m_share.holds("eid"));
+            removed += static_cast<std::uint64_t>(source.changes());
+        }
+    }
+    return removed;
 }
 
 }  // namespace QOR

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,20 +34,29 @@ public:
 
     /// Copies everything behind what is there already, as the session's transaction sees it.
     void copyAll(ASSession& source);
-    /// Follows changes of the source, likewise.
-    void follow(ASSession& source, const ShardChanges& changes);
+    /// Follows changes of the source, likewise. \returns how many records more the target has now
+    std::int64_t follow(ASSession& source, const ShardChanges& changes);
     /// What is known of their documents.
     void copyDocuments(ASSession& source);
-    /// How far requests have been stored, in place of what the target has of it.
+    /// How far requests have been stored: the first time of all, later of those that have been stored since.
     void copyRequests(ASSession& source);
     std::uint64_t count(ASSession& source) const;
-    /// Removes them from a database.
-    void remove(ASSession& source) const;
+
+    /// Removes them from the source, but for the newest, and those that others are just changing: these are left. Who
+    /// reads does not notice before the transaction ends, nor does who stores other records. \returns how many
+    std::uint64_t removeMost(ASSession& source);
+    /// Of the records with these numbers, those that are the share's are to be removed at the end as well.
+    void leave(const ShardChanges& changes);
+    /// Removes what has been left. \returns how many
+    std::uint64_t removeLeft(ASSession& source);
     /// How many the target has.
     std::uint64_t countThere();
 
 private:
     struct Batch;
+    using Numbers = std::set<std::int64_t>;
+    std::uint64_t removeFree(ASSession& source, const std::string& name) const;
+    std::int64_t countThere(const std::string& name, const std::string& list);
     void copyTable(ASSession& source, const std::string& name, const std::string& condition, const std::string& gone);
     void takeTouched(ASSession& source, Batch& batch) const;
     void put(const std::string& name, const Batch& batch, const std::string& gone);
@@ -55,6 +66,8 @@ private:
     ShardShare m_share;
     std::function<void(std::uint64_t)> m_took;
     std::vector<QORSchemaTable> m_tables;
+    std::map<std::string, Numbers> m_left;  ///< by tables
+    std::string m_requestsFrom;  ///< the oldest transaction whose requests may not have been copied; empty: none were
 };
 
 }  // namespace QOR

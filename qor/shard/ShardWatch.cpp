@@ -38,8 +38,10 @@ std::string triggerSql(const Watched& one, std::string_view event) {
                              : event == "update" ? " REFERENCING OLD TABLE AS gone NEW TABLE AS came"
                                                  : "";
     return "CREATE TRIGGER " + triggerName(std::string(event).c_str()) + " AFTER " + std::string(event) + " ON " +
-           one.table + rows + " FOR EACH STATEMENT EXECUTE FUNCTION qor_moved_note('" + one.source + "', '" +
-           one.number + "')";
+           one.table + rows +
+           " FOR EACH STATEMENT WHEN (current_setting('qor.moving', true) IS DISTINCT FROM 'on') "
+           "EXECUTE FUNCTION qor_moved_note('" +
+           one.source + "', '" + one.number + "')";
 }
 
 // The columns' names differ, so the statement is put together; they are the triggers' own.
@@ -74,6 +76,10 @@ void ShardWatch::end(ASSession& session) {
     }
     session.execute("DROP FUNCTION IF EXISTS qor_moved_note()");
     session.execute("TRUNCATE qor_moved");
+}
+
+void ShardWatch::leaveOut(ASSession& session) {
+    session.execute("SELECT set_config('qor.moving', 'on', true)");
 }
 
 ShardChanges ShardWatch::read(ASSession& session) {

@@ -30,6 +30,8 @@ public:
     static void begin(ASSession& session);
     /// Also forgets what was noted. Nothing when it is off.
     static void end(ASSession& session);
+    /// From now on the session's transaction itself is not noted, until it ends.
+    static void leaveOut(ASSession& session);
     /// The next changes, some thousands at most.
     static ShardChanges read(ASSession& session);
     static void forget(ASSession& session, const ShardChanges& changes);

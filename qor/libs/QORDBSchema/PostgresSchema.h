@@ -28,5 +28,7 @@ extern const QORSchemaStep postgresSecrets;
 extern const QORSchemaStep postgresSequenceFilling;
 /// Which records changed, in the order of the commits.
 extern const QORSchemaStep postgresSequence;
+/// Which server is about to have some of another one's environments.
+extern const QORSchemaStep postgresHandover;
 
 }  // namespace QOR

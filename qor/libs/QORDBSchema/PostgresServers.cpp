@@ -41,8 +41,20 @@ constexpr const char* statements[] = {
     "CREATE TABLE qor_spread (eid uuid) PARTITION BY HASH (eid)",
 };
 
+constexpr const char* handoverStatements[] = {
+    // At home, a row from before the last part of giving environments to a new server until home says who has them:
+    // what
+    // home will say then. Whether they have been given away is told by what the source holds (qor_held), in the
+    // transaction that gives them away; whoever finds the row afterwards says the rest. modulus, remainder: the new
+    // server's; the source keeps its own remainder of the same modulus.
+    "CREATE TABLE qor_handover (source " QOR_TEXT " PRIMARY KEY, name " QOR_TEXT
+    ", number int NOT NULL, connection " QOR_TEXT ", schema " QOR_TEXT
+    ", modulus int NOT NULL, remainder int NOT NULL)",
+};
+
 }  // namespace
 
 const QORSchemaStep postgresServers{statements};
+const QORSchemaStep postgresHandover{handoverStatements};
 
 }  // namespace QOR

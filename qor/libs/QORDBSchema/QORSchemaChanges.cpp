@@ -35,6 +35,7 @@ constexpr const char* statements[] = {
 
 const QORSchemaStep changeSchema{statements};
 const QORSchemaStep serverSchema{};
+const QORSchemaStep handoverSchema{};
 const QORSchemaStep countingSchema{};
 const QORSchemaStep commitSchema{};
 

@@ -21,7 +21,7 @@ constexpr std::array sqliteSteps{
     QORVersionedStep{4, &documentSchema},  QORVersionedStep{5, &upkeepSchema},  QORVersionedStep{6, &requestSchema},
     QORVersionedStep{7, &changeSchema},    QORVersionedStep{8, &serverSchema},  QORVersionedStep{9, &countingSchema},
     QORVersionedStep{10, &identitySchema}, QORVersionedStep{11, &commitSchema}, QORVersionedStep{12, &secretSchema},
-    QORVersionedStep{13, &sequenceSchema}, QORVersionedStep{14, &writerSchema},
+    QORVersionedStep{13, &sequenceSchema}, QORVersionedStep{14, &writerSchema}, QORVersionedStep{15, &handoverSchema},
 };
 constexpr std::array<std::string_view, 2> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX "};
 
@@ -42,6 +42,7 @@ constexpr std::array postgresSteps{
     QORVersionedStep{9, &postgresCounting},  QORVersionedStep{10, &postgresIdentities},
     QORVersionedStep{11, &postgresCommits},  QORVersionedStep{12, &postgresSecrets},
     QORVersionedStep{13, &postgresSequence}, QORVersionedStep{14, &writerSchema},
+    QORVersionedStep{15, &postgresHandover},
 };
 static_assert(sqliteSteps.back().version == postgresSteps.back().version);
 constexpr std::array<std::string_view, 5> postgresParts{

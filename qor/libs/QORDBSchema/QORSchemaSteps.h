@@ -46,5 +46,7 @@ extern const QORSchemaStep sequenceFilling;
 extern const QORSchemaStep sequenceSchema;
 /// About which environments somebody may store records. The same for each engine.
 extern const QORSchemaStep writerSchema;
+/// Nothing: a file's records are not spread over servers.
+extern const QORSchemaStep handoverSchema;
 
 }  // namespace QOR

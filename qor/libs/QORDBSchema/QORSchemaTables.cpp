@@ -17,7 +17,7 @@ constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORSchemaTables";
 
 /// A database's own. Who may see what is in it is decided anew where a copy lies: whoever can read a database can
 /// copy it; what a copy signs it signs with a secret of its own.
-constexpr std::array<std::string_view, 25> ownTables{"qor_change",         "qor_environment_change",
+constexpr std::array<std::string_view, 26> ownTables{"qor_change",         "qor_environment_change",
                                                      "qor_schema_version", "qor_database",
                                                      "qor_copy",           "qor_operation_change",
                                                      "qor_event_change",   "qor_log_replaced",
@@ -29,7 +29,7 @@ constexpr std::array<std::string_view, 25> ownTables{"qor_change",         "qor_
                                                      "qor_token",          "qor_identity_change",
                                                      "qor_commit",         "qor_secret",
                                                      "qor_record_number",  "qor_record_change",
-                                                     "qor_record_due"};
+                                                     "qor_record_due",     "qor_handover"};
 
 struct TypeKind {
     std::string_view type;

@@ -1,10 +1,14 @@
 #include "QORDBSchema/QORSpreadViews.h"
 
 #include <array>
+#include <chrono>
 #include <set>
+#include <thread>
 #include <utility>
 
 #include "QORCommon/QORGuid.h"
+#include "QORCommon/QORRequestControl.h"
+#include "QORDBSchema/QORHandover.h"
 #include "QORDBSchema/QORSchemaRows.h"
 #include "QORServers/QORServers.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -30,6 +34,17 @@ std::set<std::string, std::less<>> viewsOf(ASSession& home, const std::string& s
                               1))
         views.insert(std::move(row.front()));
     return views;
+}
+
+/// Home is locked for a moment by who began it, or by others who read.
+void awaitHandover() {
+    constexpr auto betweenLooks = std::chrono::milliseconds(20);
+    const auto patience = std::chrono::milliseconds(QORRdbms::instance().options().busyTimeoutMs);
+    const auto until = QORRequestControl::Clock::now() + patience;
+    while (!settleHandover() && QORRequestControl::Clock::now() < until) {
+        QORRequestControl::checkCurrent();
+        std::this_thread::sleep_for(betweenLooks);
+    }
 }
 
 }  // namespace
@@ -75,6 +90,7 @@ QORSpreadViews& QORSpreadViews::instance() {
 }
 
 std::shared_ptr<const ASPlaces> QORSpreadViews::places() {
+    if (wasBetween()) awaitHandover();
     auto placement = QORServers::instance().placement();
     if (placement->none()) return nullptr;
     {
@@ -87,7 +103,18 @@ std::shared_ptr<const ASPlaces> QORSpreadViews::places() {
 }
 
 bool QORSpreadViews::isCurrent(const ASPlaces& places) {
-    return QORServers::instance().refresh() == static_cast<const Places&>(places).placement();
+    const QORServers::Look look = QORServers::instance().look();
+    if (look.placement != static_cast<const Places&>(places).placement()) return false;
+    if (!look.handsOver || findHandover() == QORHandoverState::None) return true;
+    // Home is read through by this very thread: it is settled when the statement is written anew.
+    const std::lock_guard lock(m_mutex);
+    m_between = true;
+    return false;
+}
+
+bool QORSpreadViews::wasBetween() {
+    const std::lock_guard lock(m_mutex);
+    return std::exchange(m_between, false);
 }
 
 }  // namespace QOR

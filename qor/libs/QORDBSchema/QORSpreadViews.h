@@ -22,7 +22,10 @@ public:
 private:
     class Places;
 
+    bool wasBetween();
+
     std::mutex m_mutex;
+    bool m_between = false;                  // guarded by m_mutex; a hand-over was found that home does not tell of
     std::shared_ptr<const Places> m_places;  // guarded by m_mutex; the latest that was asked for
 };
 

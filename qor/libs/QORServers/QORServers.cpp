@@ -23,10 +23,28 @@ bool canDivide(ASSession& session) {
     return can;
 }
 
-std::int64_t readEpoch(ASSession& session) {
-    ASStatement& select = session.prepare("SELECT epoch FROM qor_placement");
+/// Who reads an older database finds nothing of that.
+bool canTellHandovers(ASSession& session) {
+    ASStatement& select = session.prepare(
+        "SELECT CASE WHEN has_table_privilege(to_regclass('qor_handover'), 'SELECT') THEN 1 ELSE 0 END");
     select.execute();
-    const std::int64_t epoch = select.fetch() ? select.integer(1) : 0;
+    const bool can = select.fetch() && select.integer(1) == 1;
+    select.close();
+    return can;
+}
+
+struct Epoch {
+    std::int64_t number = 0;
+    bool handsOver = false;
+};
+
+Epoch readEpoch(ASSession& session, bool tellsHandovers) {
+    ASStatement& select =
+        session.prepare(tellsHandovers ? "SELECT epoch, (SELECT count(*) FROM qor_handover) FROM qor_placement"
+                                       : "SELECT epoch, 0 FROM qor_placement");
+    select.execute();
+    Epoch epoch;
+    if (select.fetch()) epoch = {select.integer(1), select.integer(2) != 0};
     select.close();
     return epoch;
 }
@@ -89,13 +107,15 @@ std::shared_ptr<const QORPlacement> QORServers::placement() {
 std::shared_ptr<const QORPlacement> QORServers::read(std::uint64_t generation) {
     auto found = std::make_shared<const QORPlacement>();
     bool divides = false;
+    bool tellsHandovers = false;
     if (QORRdbms::instance().engine() == ASEngine::PostgreSQL && generation != 0) {
         QORRdbmsTran tran(ASAccess::Read);
         divides = canDivide(*tran);
         if (divides) {
             std::vector<QORServer> servers = readServers(*tran);
             if (!servers.empty()) checkHash(*tran);
-            found = std::make_shared<const QORPlacement>(readEpoch(*tran), std::move(servers));
+            tellsHandovers = canTellHandovers(*tran);
+            found = std::make_shared<const QORPlacement>(readEpoch(*tran, false).number, std::move(servers));
         }
     }
     const std::lock_guard lock(m_mutex);
@@ -107,22 +127,25 @@ std::shared_ptr<const QORPlacement> QORServers::read(std::uint64_t generation) {
     }
     m_generation = generation;
     m_divides = divides;
+    m_tellsHandovers = tellsHandovers;
     return m_placement = std::move(found);
 }
 
-std::shared_ptr<const QORPlacement> QORServers::refresh() {
+QORServers::Look QORServers::look() {
     auto known = placement();
+    bool tellsHandovers = false;
     {
         const std::lock_guard lock(m_mutex);
-        if (!m_divides) return known;
+        if (!m_divides) return {known, false};
+        tellsHandovers = m_tellsHandovers;
     }
     const std::uint64_t generation = QORRdbms::instance().generation();
-    std::int64_t epoch = 0;
+    Epoch epoch;
     {
         QORRdbmsTran tran(ASAccess::ReadOne);
-        epoch = readEpoch(*tran);
+        epoch = readEpoch(*tran, tellsHandovers);
     }
-    return epoch == known->epoch() ? known : read(generation);
+    return {epoch.number == known->epoch() ? known : read(generation), epoch.handsOver};
 }
 
 // Its idle connections are closed; whoever uses one goes on.
@@ -192,6 +215,7 @@ void QORServers::close() {
     m_away.clear();
     m_placement.reset();
     m_divides = false;
+    m_tellsHandovers = false;
     m_generation = 0;
 }
 

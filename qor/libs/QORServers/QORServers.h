@@ -29,7 +29,14 @@ public:
     /// \throws AException \throws QORException 1 for a division that makes no sense
     std::shared_ptr<const QORPlacement> placement();
     /// Reads it anew where it has changed. \returns it \throws as placement()
-    std::shared_ptr<const QORPlacement> refresh();
+    std::shared_ptr<const QORPlacement> refresh() { return look().placement; }
+    /// What home says at this moment.
+    struct Look {
+        std::shared_ptr<const QORPlacement> placement;
+        bool handsOver = false;  ///< a server is about to give some of its environments away, or has just done so
+    };
+    /// As refresh().
+    Look look();
 
     /// A server's database, with the options of home's. It is not connected to by that: a server that cannot be reached
     /// is an AException of whoever uses it, which names it. Valid until close().
@@ -63,6 +70,7 @@ private:
     mutable std::mutex m_mutex;
     std::uint64_t m_generation = 0;                   // guarded by m_mutex; of home
     bool m_divides = false;                           // guarded by m_mutex; home can say that there are servers
+    bool m_tellsHandovers = false;                    // guarded by m_mutex; and when they change
     std::shared_ptr<const QORPlacement> m_placement;  // guarded by m_mutex; null until it is read
     std::map<std::string, Database, std::less<>> m_databases;                          // guarded by m_mutex
     std::map<std::string, std::chrono::steady_clock::time_point, std::less<>> m_away;  // guarded by m_mutex
