@@ -404,7 +404,21 @@ void QORLogScopes::add(const std::string& scope) {
 }
 
 std::uint64_t QORLogScopes::count(std::int64_t from, std::int64_t to) {
-    return from > to ? 0 : countWithin(0, from, to);
+    if (from > to) return 0;
+    if (const auto whole = countWidest(from, to)) return *whole;
+    return countWithin(0, from, to);
+}
+
+/// What the widest buckets say by themselves, which are read for positions anyway; nothing where an end of the span
+/// lies within one.
+std::optional<std::uint64_t> QORLogScopes::countWidest(std::int64_t from, std::int64_t to) {
+    const std::int64_t first = from >> levels[0];
+    const std::int64_t last = to >> levels[0];
+    if (first << levels[0] != from || ((last + 1) << levels[0]) - 1 != to) return std::nullopt;
+    std::uint64_t records = 0;
+    for (const auto& [bucket, within] : widest())
+        records += bucket >= first && bucket <= last ? within : 0;
+    return records;
 }
 
 std::uint64_t QORLogScopes::tally(std::int64_t from, std::int64_t to) {
@@ -487,15 +501,25 @@ QORLogScopes::Buckets QORLogScopes::fetchBuckets(ASStatement& select) {
     return buckets;
 }
 
-QORLogScopes::Buckets QORLogScopes::widest() {
-    ASStatement& select = m_session.prepare(scopesSql(m_dialect, m_kind).widest);
-    QORBinder(select).text(m_json).integer(levels[0]);
-    return fetchBuckets(select);
+const QORLogScopes::Buckets& QORLogScopes::widest() {
+    if (!m_widest) {
+        ASStatement& select = m_session.prepare(scopesSql(m_dialect, m_kind).widest);
+        QORBinder(select).text(m_json).integer(levels[0]);
+        m_widest = fetchBuckets(select);
+    }
+    return *m_widest;
+}
+
+/// The buckets of one level within one of the level above. The beginning and the end of a page mostly lie in the same.
+const QORLogScopes::Buckets& QORLogScopes::finer(std::size_t level, std::int64_t bucket) {
+    const std::pair key(level, bucket);
+    const auto known = m_finer.find(key);
+    return known != m_finer.end() ? known->second : m_finer.emplace(key, fetchFiner(level, bucket)).first->second;
 }
 
 /// What a bucket holds, by the buckets of the next level: their counters where it is split, the records themselves
 /// where it is not.
-QORLogScopes::Buckets QORLogScopes::finer(std::size_t level, std::int64_t bucket) {
+QORLogScopes::Buckets QORLogScopes::fetchFiner(std::size_t level, std::int64_t bucket) {
     const int width = levels[level];
     const int next = levels[level + 1];
     const std::int64_t first = bucket << width;
@@ -594,32 +618,39 @@ std::vector<QORLogScopes::Records> QORLogScopes::firstRecords(std::int64_t from,
     return groups;
 }
 
-QORLogScopes::Records QORLogScopes::records(std::int64_t from, std::int64_t to, const QORLogMark* behind) const {
+bool QORLogScopes::limitsEach() const noexcept {
+    return m_dialect.limitsLookUps ||
+           std::all_of(m_parts.begin(), m_parts.end(), [](const Part& part) { return part.scopes == 1; });
+}
+
+QORLogScopes::Records QORLogScopes::records(std::int64_t from, std::int64_t to, const QORLogMark* behind,
+                                            std::size_t each) const {
+    constexpr const char* newest = " ORDER BY r.time DESC NULLS LAST, ";
     Records records;
     for (const Part& part : m_parts) {
         const Form& form = forms[part.form];
+        const std::string seq = "r." + std::string(form.seq);
+        const std::string columns = seq + " AS seq, r.time AS time";
         const bool one = part.scopes == 1;
+        std::string within = one ? std::string(form.one) : eachOf(m_dialect, form);
+        within.append(" AND r.time >= ? AND ");
+        within += behind == nullptr ? "r.time <= ?" : "(r.time, " + seq + ") < (?, CAST(? AS bigint))";
+        const std::string limit = each == 0 ? "" : newest + seq + " DESC LIMIT CAST(? AS bigint)";
         if (!records.sql.empty()) records.sql += " UNION ALL ";
-        records.sql.append("SELECT r.").append(form.seq).append(" AS seq, r.time AS time FROM ");
         if (one) {
-            records.sql.append(form.table).append(" r WHERE ").append(form.one);
+            const std::string rows = "SELECT " + columns + " FROM " + std::string(form.table) + " r WHERE " + within;
+            records.sql += each == 0 ? rows : "SELECT seq, time FROM (" + rows + limit + ") r";
             for (std::string& piece : piecesOf(part.form, part.first))
                 records.parameters.push_back(std::move(piece));
         } else {
-            records.sql.append(m_dialect.eachText).append(" CROSS JOIN ").append(form.table).append(" r WHERE ");
-            records.sql += eachOf(m_dialect, form);
+            records.sql.append("SELECT ").append(columns).append(" FROM ").append(m_dialect.eachText);
+            records.sql += m_dialect.lookUp(form.table, "r", within, "j.value", limit);
             records.parameters.push_back(part.json);
         }
-        records.sql.append(" AND r.time >= ? AND ");
         records.parameters.push_back(boundText(m_dialect, from));
-        if (behind == nullptr) {
-            records.sql += "r.time <= ?";
-            records.parameters.push_back(boundText(m_dialect, to));
-        } else {
-            records.sql.append("(r.time, r.").append(form.seq).append(") < (?, CAST(? AS bigint))");
-            records.parameters.push_back(behind->time);
-            records.parameters.push_back(std::to_string(behind->seq));
-        }
+        records.parameters.push_back(behind == nullptr ? boundText(m_dialect, to) : behind->time);
+        if (behind != nullptr) records.parameters.push_back(std::to_string(behind->seq));
+        if (each != 0) records.parameters.push_back(std::to_string(each));
     }
     return records;
 }

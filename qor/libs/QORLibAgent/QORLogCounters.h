@@ -75,6 +75,7 @@ private:
 };
 
 /// The records of some scopes of one log, read within a transaction. No two of the scopes may have a record in common.
+/// Counters are read once: what the transaction itself changes after the first question is for another object.
 class QOR_API QORLogScopes {
 public:
     /// A span of seconds that holds a record: how many records are newer than those in it, and how many are in it.
@@ -96,6 +97,9 @@ public:
     void add(const std::string& scope);
     bool empty() const noexcept { return m_count == 0; }
     bool isSingle() const noexcept { return m_count == 1; }
+    std::size_t size() const noexcept { return m_count; }
+    /// Whether records() can stop at the first ones of each scope.
+    bool limitsEach() const noexcept;
 
     /// Records from one second to another, both included.
     std::uint64_t count(std::int64_t from, std::int64_t to);
@@ -110,7 +114,8 @@ public:
     static std::optional<Place> find(const std::vector<QORLogScopes*>& parts, std::uint64_t position,
                                      std::uint64_t enough);
     /// The records from one second to another. \param behind of these, those that come after this one in the log
-    Records records(std::int64_t from, std::int64_t to, const QORLogMark* behind = nullptr) const;
+    /// \param each of these, only so many of each scope, the newest; 0 for all. Only where limitsEach()
+    Records records(std::int64_t from, std::int64_t to, const QORLogMark* behind = nullptr, std::size_t each = 0) const;
 
     /// The first `most` records from one second to another, in order, a select for each of as few groups of scopes as
     /// may be: what comes first of all of them is among what comes first of each. Each scope is read no further.
@@ -139,8 +144,10 @@ private:
     std::uint64_t countWhole(std::size_t level, std::int64_t bucket, std::int64_t from, std::int64_t to);
     /// Counters of one level, the latest first.
     using Buckets = std::vector<std::pair<std::int64_t, std::uint64_t>>;
-    Buckets widest();
-    Buckets finer(std::size_t level, std::int64_t bucket);
+    const Buckets& widest();
+    const Buckets& finer(std::size_t level, std::int64_t bucket);
+    Buckets fetchFiner(std::size_t level, std::int64_t bucket);
+    std::optional<std::uint64_t> countWidest(std::int64_t from, std::int64_t to);
     template <class Ask>
     static Buckets bucketsOf(const std::vector<QORLogScopes*>& parts, Ask ask);
     static Buckets fetchBuckets(ASStatement& select);
@@ -152,6 +159,8 @@ private:
     std::vector<std::pair<std::size_t, std::string>> m_scopes;  ///< with their forms
     std::string m_json;                                         ///< all scopes
     std::vector<Part> m_parts;
+    std::optional<Buckets> m_widest;
+    std::map<std::pair<std::size_t, std::int64_t>, Buckets> m_finer;  ///< by the level and number of what they divide
 };
 
 }  // namespace QOR

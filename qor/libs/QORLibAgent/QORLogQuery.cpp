@@ -25,6 +25,10 @@ constexpr std::uint64_t skippable = 200;
 /// several they have to be sorted.
 constexpr std::uint64_t skippedOfOne = 256;
 constexpr std::uint64_t sorted = 2048;
+/// Of many scopes, each may have so many before its counters are divided further: to narrow such a span, all its
+/// records would be read as well.
+constexpr std::uint64_t undividedOfEach = 256;
+constexpr std::uint64_t mostSorted = 16'384;
 /// Requests tell times in 32 bits; where those end, counters need no closer look.
 constexpr std::int64_t endOfRequests = std::numeric_limits<std::int32_t>::max();
 
@@ -209,17 +213,22 @@ std::vector<ASStatement*> QORLogQuery::select(std::uint64_t position, std::size_
     if (position == m_nextPosition) behind = m_last;
     const auto start = behind ? Place{m_to, 0} : startOf(position);
     if (!start) return {};
-    const auto first = beginning(position + most - 1);
+    const bool limited = limitsEach(start->skip + most);
+    const auto first = limited ? m_from : beginning(position + most - 1);
     if (!first) return {};
     Place place = *start;
     if (m_parts.size() > 1 && place.skip > 0) {
-        behind = markBefore(*first, place);
+        behind = markBefore(*first, place, limited ? place.skip : 0);
         if (!behind) return {};
         place.skip = 0;
     }
     std::vector<ASStatement*> results;
     for (const auto& part : m_parts)
-        ask(*part, [&] { results.push_back(&selectFrom(*part, *first, place, most, behind ? &*behind : nullptr)); });
+        ask(*part, [&] {
+            const std::size_t each = limited ? place.skip + most : 0;
+            const auto records = part->scopes.records(*first, place.last, behind ? &*behind : nullptr, each);
+            results.push_back(&selectFrom(*part, records, place.skip, most));
+        });
     return results;
 }
 
@@ -282,7 +291,9 @@ std::optional<QORLogScopes::Place> QORLogQuery::find(std::uint64_t position) {
     std::vector<QORLogScopes*> scopes;
     for (const auto& part : m_parts)
         scopes.push_back(&part->scopes);
-    return QORLogScopes::find(scopes, position, isSingle() ? skippedOfOne : sorted);
+    const std::uint64_t undivided =
+        std::min(undividedOfEach * sum([](Part& part) { return part.scopes.size(); }), mostSorted);
+    return QORLogScopes::find(scopes, position, isSingle() ? skippedOfOne : std::max(sorted, undivided));
 }
 
 /// Records that are newer than the span.
@@ -293,6 +304,13 @@ std::uint64_t QORLogQuery::above() {
 
 bool QORLogQuery::isSingle() const {
     return std::all_of(m_parts.begin(), m_parts.end(), [](const auto& part) { return part->scopes.isSingle(); });
+}
+
+/// Whether the newest of each scope, so many that none of that many of all can be missed, are as soon sorted as what
+/// all of them have in a span that is still to be found.
+bool QORLogQuery::limitsEach(std::uint64_t most) {
+    return !isSingle() && most * sum([](Part& part) { return part.scopes.size(); }) <= sorted &&
+           std::all_of(m_parts.begin(), m_parts.end(), [](const auto& part) { return part->scopes.limitsEach(); });
 }
 
 /// Whether all records are as soon sorted as looked for.
@@ -311,11 +329,11 @@ std::optional<std::int64_t> QORLogQuery::beginning(std::uint64_t position) {
 
 /// The last of the records that are skipped. How many of them each database has is not known, so that each may have
 /// all.
-std::optional<QORLogMark> QORLogQuery::markBefore(std::int64_t first, const Place& place) {
+std::optional<QORLogMark> QORLogQuery::markBefore(std::int64_t first, const Place& place, std::size_t each) {
     std::vector<QORLogMark> marks;
     for (const auto& part : m_parts) {
         ask(*part, [&] {
-            const QORLogScopes::Records records = part->scopes.records(first, place.last);
+            const QORLogScopes::Records records = part->scopes.records(first, place.last, nullptr, each);
             ASStatement& select = part->tran->prepare("SELECT seq, time FROM (" + records.sql + ")" + newestFirst);
             const unsigned index = bindAll(select, records);
             select.bind(index + 1, static_cast<std::int64_t>(place.skip)).execute();
@@ -330,13 +348,12 @@ std::optional<QORLogMark> QORLogQuery::markBefore(std::int64_t first, const Plac
     return *last;
 }
 
-ASStatement& QORLogQuery::selectFrom(Part& part, std::int64_t first, const Place& place, std::size_t most,
-                                     const QORLogMark* behind) const {
-    const QORLogScopes::Records records = part.scopes.records(first, place.last, behind);
+ASStatement& QORLogQuery::selectFrom(Part& part, const QORLogScopes::Records& records, std::uint64_t skip,
+                                     std::size_t most) const {
     ASStatement& statement = part.tran->prepare(pageSql(ASDialect::of(part.tran->engine()), m_kind, records.sql));
     const unsigned index = bindAll(statement, records);
     statement.bind(index + 1, static_cast<std::int64_t>(most));
-    statement.bind(index + 2, static_cast<std::int64_t>(place.skip));
+    statement.bind(index + 2, static_cast<std::int64_t>(skip));
     statement.execute();
     return statement;
 }

@@ -70,7 +70,7 @@ private:
     /// What one database has of it.
     struct Part {
         Part(const QORServer* of, QORRdbms& database, QORLogKind kind)
-            : server(of), tran(database, ASAccess::Read), scopes(*tran, kind) {}
+            : server(of), tran(database, ASAccess::ReadKnown), scopes(*tran, kind) {}
 
         const QORServer* server;  ///< null for the process's own database
         QORRdbmsTran tran;
@@ -95,9 +95,10 @@ private:
     bool isShort() const;
     std::optional<Place> startOf(std::uint64_t position);
     std::optional<std::int64_t> beginning(std::uint64_t position);
-    std::optional<QORLogMark> markBefore(std::int64_t first, const Place& place);
-    ASStatement& selectFrom(Part& part, std::int64_t first, const Place& place, std::size_t most,
-                            const QORLogMark* behind) const;
+    bool limitsEach(std::uint64_t most);
+    std::optional<QORLogMark> markBefore(std::int64_t first, const Place& place, std::size_t each);
+    ASStatement& selectFrom(Part& part, const QORLogScopes::Records& records, std::uint64_t skip,
+                            std::size_t most) const;
 
     QORLogKind m_kind;
     std::int64_t m_from;

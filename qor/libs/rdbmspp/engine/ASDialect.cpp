@@ -18,6 +18,7 @@ const ASDialect sqlite{
     .name = "SQLite",
     .odbcName = "SQLite",
     .beginRead = "BEGIN",
+    .planOnce = "",
     .beginWrite = "BEGIN IMMEDIATE",
     .commit = "COMMIT",
     .rollback = "ROLLBACK",
@@ -33,6 +34,7 @@ const ASDialect sqlite{
     .opaqueEnd = " AS TEXT)",
     .untyped = "+",
     .among = sqliteAmong,
+    .limitsLookUps = false,
     .alwaysInTransaction = false,
     .failureAborts = false,
     .statementTimeout = "",
@@ -64,6 +66,7 @@ const ASDialect postgres{
     .name = "PostgreSQL",
     .odbcName = "PostgreSQL",
     .beginRead = "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY",
+    .planOnce = "; SET LOCAL plan_cache_mode = force_generic_plan",
     .beginWrite = "BEGIN READ WRITE",
     .commit = "COMMIT",
     .rollback = "ROLLBACK",
@@ -79,6 +82,7 @@ const ASDialect postgres{
     .opaqueEnd = "",
     .untyped = "",
     .among = "",
+    .limitsLookUps = true,
     .alwaysInTransaction = true,
     .failureAborts = true,
     .statementTimeout = "statement_timeout = ",
@@ -379,12 +383,12 @@ std::string ASDialect::joinedGuids(std::string_view expression) const {
 // SQLite keeps the order of what CROSS JOIN joins. PostgreSQL has to keep it where the second names the first, and does
 // not dissolve a select that may leave rows out.
 std::string ASDialect::lookUp(std::string_view table, std::string_view alias, std::string_view condition,
-                              std::string_view per) const {
+                              std::string_view per, std::string_view limit) const {
     const std::string named = std::string(table) + " " + std::string(alias);
     const std::string asked(condition);
     if (engine == ASEngine::SQLite) return " CROSS JOIN " + named + " ON " + asked;
     return " CROSS JOIN LATERAL (SELECT * FROM " + named + " WHERE " + asked + " AND " + std::string(per) +
-           " IS NOT NULL OFFSET 0) " + std::string(alias);
+           " IS NOT NULL" + std::string(limit.empty() ? " OFFSET 0" : limit) + ") " + std::string(alias);
 }
 
 // PostgreSQL would make a join of the one, in an order of its choice.

@@ -21,6 +21,8 @@ struct QOR_API ASDialect {
     const char* name;        ///< as people write it
     const char* odbcName;    ///< begins the driver's SQL_DBMS_NAME, and stands in the names of its drivers
     const char* beginRead;   ///< several selects that see one state
+    const char* planOnce;    ///< behind beginRead: statements are planned once, whatever values they get, and not anew
+                             ///< for each execution where values promise a better plan; empty where they are anyway
     const char* beginWrite;  ///< takes the write lock at once, where the engine has one; never for a session that is
                              ///< opened for reading where `alwaysInTransaction`
     const char* commit;
@@ -41,6 +43,8 @@ struct QOR_API ASDialect {
     /// A function of a column and many GUIDs in one text, which asks for them as `untyped` does, but faster; empty
     /// of a typed engine.
     const char* among;
+    /// Whether what is looked up for each row (lookUp()) can end at the first rows.
+    bool limitsLookUps;
     /// Whether a single select stands in a transaction too, because only that keeps whatever the database computes for
     /// it from writing. One that computes nothing needs none.
     bool alwaysInTransaction;
@@ -131,9 +135,10 @@ struct QOR_API ASDialect {
     std::string joinedGuids(std::string_view expression) const;
     /// Joins a table, so that its rows are looked up for each row of what stands in front of it, and in no other order:
     /// how many those are, the engine cannot know. \param per a column in front that is never null, the last one where
-    /// there are several
-    std::string lookUp(std::string_view table, std::string_view alias, std::string_view condition,
-                       std::string_view per) const;
+    /// there are several \param limit " ORDER BY ... LIMIT ...", of the rows that are found for each, where the engine
+    /// can (`limitsLookUps`)
+    std::string lookUp(std::string_view table, std::string_view alias, std::string_view condition, std::string_view per,
+                       std::string_view limit = {}) const;
     /// That a select has no rows, which is asked once and not for each row.
     std::string none(std::string_view fromAndWhere) const;
     /// A literal of bytes.

@@ -66,6 +66,12 @@ struct FreeStatement {
 };
 using StatementHandle = std::unique_ptr<std::remove_pointer_t<SQLHSTMT>, FreeStatement>;
 
+/// Ends a statement's result at the end of a scope; the handle stays.
+struct EndStatement {
+    void operator()(SQLHSTMT handle) const noexcept { SQLFreeStmt(handle, SQL_CLOSE); }
+};
+using EndResult = std::unique_ptr<std::remove_pointer_t<SQLHSTMT>, EndStatement>;
+
 // What begins otherwise may fire triggers.
 constexpr std::string_view quietWords[] = {"select", "pragma", "begin", "commit", "rollback", "savepoint", "release"};
 constexpr std::string_view changingWords[] = {"insert", "update", "delete", "replace"};
@@ -83,6 +89,19 @@ bool beginsWith(std::string_view sql, const std::string_view (&words)[size]) {
 // longer than most changes take. It takes for a select whatever begins with WITH.
 std::string keptBySqliteDriver(const std::string& sql) {
     return beginsWith(sql, changingWords) ? "WITH qor_kept AS (SELECT 1) " + sql : sql;
+}
+
+// Digits and hyphens have the bit already that makes letters small. Eight characters are a word.
+void lowerGuid(char* text, std::size_t length) {
+    constexpr std::uint64_t small = 0x2020202020202020;
+    std::uint64_t word = 0;
+    for (; length >= sizeof(word); text += sizeof(word), length -= sizeof(word)) {
+        std::memcpy(&word, text, sizeof(word));
+        word |= small;
+        std::memcpy(text, &word, sizeof(word));
+    }
+    for (; length > 0; --length)
+        *text++ |= ' ';
 }
 
 // Failures that tell of the database and not of the statement.
@@ -385,8 +404,7 @@ void OdbcStatement::lowerGuids() {
     for (const std::size_t index : m_guids) {
         Column& c = *m_columns[index];
         if (c.indicator <= 0 || c.isCut()) continue;
-        for (SQLLEN at = 0; at < c.indicator; ++at)
-            c.buffer[static_cast<std::size_t>(at)] = toLowerChar(c.buffer[static_cast<std::size_t>(at)]);
+        lowerGuid(c.buffer.data(), static_cast<std::size_t>(c.indicator));
     }
 }
 
@@ -562,6 +580,7 @@ void OdbcConnection::connect(const std::string& connectionString) {
 }
 
 void OdbcConnection::disconnect() noexcept {
+    if (m_direct != nullptr) SQLFreeHandle(SQL_HANDLE_STMT, m_direct);
     if (m_connected) SQLDisconnect(m_handle);
     if (m_handle) SQLFreeHandle(SQL_HANDLE_DBC, m_handle);
     if (m_environment) SQLFreeHandle(SQL_HANDLE_ENV, m_environment);
@@ -571,23 +590,24 @@ std::int64_t OdbcConnection::execute(std::string_view sql) {
     const std::string text(sql);
     starting();
     if (!beginsWith(text, quietWords)) setTriggers(ASTriggers::Fire);
-    SQLHSTMT allocated = nullptr;
-    check(SQLAllocHandle(SQL_HANDLE_STMT, m_handle, &allocated), SQL_HANDLE_DBC, m_handle, text);
-    const StatementHandle handle(allocated);
-    const auto run = [&] { return SQLExecDirect(allocated, chars(text), static_cast<SQLINTEGER>(text.size())); };
-    const auto runPatiently = [&] { return patiently(SQL_HANDLE_STMT, allocated, run); };
-    check(watched(allocated, runPatiently), SQL_HANDLE_STMT, allocated, text);
+    if (m_direct == nullptr) {
+        check(SQLAllocHandle(SQL_HANDLE_STMT, m_handle, &m_direct), SQL_HANDLE_DBC, m_handle, text);
+    }
+    const EndResult ending(m_direct);
+    const auto run = [&] { return SQLExecDirect(m_direct, chars(text), static_cast<SQLINTEGER>(text.size())); };
+    const auto runPatiently = [&] { return patiently(SQL_HANDLE_STMT, m_direct, run); };
+    check(watched(m_direct, runPatiently), SQL_HANDLE_STMT, m_direct, text);
     SQLSMALLINT columns = 0;
-    check(SQLNumResultCols(allocated, &columns), SQL_HANDLE_STMT, allocated, text);
+    check(SQLNumResultCols(m_direct, &columns), SQL_HANDLE_STMT, m_direct, text);
     if (columns > 0) {  // where rows are handed out as they come, nothing has happened before the first is asked for
         SQLRETURN rc = SQL_SUCCESS;
         while (rc != SQL_NO_DATA)
-            check(rc = SQLFetch(allocated), SQL_HANDLE_STMT, allocated, text);
+            check(rc = SQLFetch(m_direct), SQL_HANDLE_STMT, m_direct, text);
         m_answered = true;
         return 0;
     }
     SQLLEN rows = 0;
-    check(SQLRowCount(allocated, &rows), SQL_HANDLE_STMT, allocated, text);
+    check(SQLRowCount(m_direct, &rows), SQL_HANDLE_STMT, m_direct, text);
     m_answered = true;
     return rows;
 }

@@ -172,6 +172,7 @@ private:
 
     void* m_environment = nullptr;
     void* m_handle = nullptr;
+    void* m_direct = nullptr;     // of statements without parameters; to make one costs more than most of them
     sqlite3* m_sqlite = nullptr;  // the driver's, null when it is another engine's
     SqliteWait m_wait;
     bool m_connected = false;

@@ -150,7 +150,7 @@ struct ASSession::Impl {
     ASStatementLease leaseStreaming(const std::string& sql);
     bool mayStream() const noexcept { return !inTransaction && !source.streamingString.empty(); }
     /// Begins a transaction on the connection.
-    void begin(bool writing);
+    void begin(ASAccess access);
     /// What is done from now on is a single read, of which nobody knows yet whether it computes anything. One that does
     /// begins a transaction first.
     void beginSingle() noexcept;

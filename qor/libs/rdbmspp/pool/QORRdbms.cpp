@@ -413,10 +413,11 @@ ASCommitToken ASSession::Impl::leaveToken(ASSession& session) {
     return left;
 }
 
-void ASSession::Impl::begin(bool writing) {
-    const bool writes = writing && !(source.queryOnly && dialect->alwaysInTransaction);
+void ASSession::Impl::begin(ASAccess access) {
+    const bool writes = access == ASAccess::Write && !(source.queryOnly && dialect->alwaysInTransaction);
     std::string bounds = boundsOfRequest(*dialect);
     if (bounds.empty() && bound != 0) bounds = "; " + timeouts(*dialect, dialect->setLocal, 0, source.patience.count());
+    if (access == ASAccess::ReadKnown) bounds = dialect->planOnce + bounds;
     connection.beginTransaction((writes ? dialect->beginWrite : dialect->beginRead) + bounds);
 }
 
@@ -431,7 +432,7 @@ void ASSession::Impl::readySingle(bool computes) {
     constexpr std::int64_t wide = 64'000;
     if (!single) return;
     if (computes) {
-        begin(false);
+        begin(ASAccess::Read);
         single = untouched = false;
         begun = true;
         return;
@@ -1186,7 +1187,7 @@ void beginWriting(ASSession& session) {
     const bool bounded = control != nullptr && control->deadline() != QORRequestControl::Clock::time_point::max();
     for (;;) {
         try {
-            session.impl().begin(true);
+            session.impl().begin(ASAccess::Write);
             return;
         } catch (const AException& error) {
             if (!bounded || error.failure() != ASFailure::Locked) throw;
@@ -1206,7 +1207,7 @@ bool begin(ASSession& session, ASAccess access) {
     if (access == ASAccess::Write) {
         beginWriting(session);
     } else {
-        impl.begin(false);
+        impl.begin(access);
     }
     return true;
 }

@@ -165,12 +165,13 @@ private:
 
 /// What a transaction is for, which decides what is opened on the connection.
 enum class ASAccess {
-    ReadOne,   ///< a single select: consistent in itself, no transaction on the wire, but where the database computes
-               ///< something for it that only a transaction keeps from writing
-    Read,      ///< several selects that see one state
-    ReadLong,  ///< the same for cursors alone, of which one may have a result of any length: rows are read as they are
-               ///< fetched, where the engine can. Plain statements of the session are outside of it
-    Write,     ///< takes the write lock, if there is one, at once: then one writes at a time, the others wait in turn
+    ReadOne,    ///< a single select: consistent in itself, no transaction on the wire, but where the database computes
+                ///< something for it that only a transaction keeps from writing
+    Read,       ///< several selects that see one state
+    ReadKnown,  ///< the same for statements of the host's own that are run in the same way whatever values they get
+    ReadLong,   ///< the same for cursors alone, of which one may have a result of any length: rows are read as they are
+                ///< fetched, where the engine can. Plain statements of the session are outside of it
+    Write,      ///< takes the write lock, if there is one, at once: then one writes at a time, the others wait in turn
 };
 
 /// A transaction on a pooled connection. Rolls back unless committed; ends with the object. A connection whose state

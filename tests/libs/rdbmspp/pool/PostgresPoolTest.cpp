@@ -59,6 +59,30 @@ protected:
     }
 };
 
+// The engine would otherwise plan a statement anew for each value that promises a better plan, for longer than it runs.
+TEST_F(PostgresPool, WhatTheHostKnowsIsPlannedOnceForAllValues) {
+    prepare(
+        "CREATE TABLE t (i int); INSERT INTO t SELECT 7 FROM generate_series(1, 1000); CREATE INDEX ON t (i); "
+        "ANALYZE t");
+    const auto customPlans = [](ASAccess access, const std::string& name) {
+        QORRdbmsTran transaction(access);
+        for (int value = 0; value < 9; ++value) {
+            ASStatement& select =
+                transaction->prepare("SELECT count(*) AS " + name + " FROM t WHERE i < CAST(? AS int)");
+            select.bind(1, std::int64_t{value}).execute();
+            EXPECT_TRUE(select.fetch());
+            select.close();
+        }
+        ASStatement& plans = transaction->prepare(
+            "SELECT custom_plans FROM pg_prepared_statements WHERE statement LIKE 'SELECT count(%) AS " + name + " %'");
+        plans.execute();
+        EXPECT_TRUE(plans.fetch());
+        return plans.integer(1);
+    };
+    EXPECT_EQ(customPlans(ASAccess::ReadKnown, "known"), 0);
+    EXPECT_GE(customPlans(ASAccess::Read, "other"), 5) << "the test would notice";
+}
+
 TEST_F(PostgresPool, ASessionMeansWhatTheLayerMeansWhateverServerAndRoleSay) {
     const std::string role = "ALTER DATABASE " + database.name() + " SET ";
     engine().run(role + "standard_conforming_strings = off;" + role + "TimeZone = 'Asia/Tokyo';" + role +
