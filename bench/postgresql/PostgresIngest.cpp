@@ -45,12 +45,11 @@ void dropTriggers(PostgresConnection&& connection) {
         "WHERE NOT tgisinternal LOOP EXECUTE format('DROP TRIGGER %I ON %s', t.tgname, t.of); END LOOP; END $$");
 }
 
-/// The same rows into the same tables with the same indexes, by prepared inserts and nothing else: nothing is counted.
-class Bare {
+/// Rows by prepared inserts of the engine's own library, one after the other, a thousand operations a transaction.
+class ByLibrary {
 public:
-    explicit Bare(const PostgresDatabase& database)
+    explicit ByLibrary(const PostgresDatabase& database)
         : m_connection(PQconnectdb(PostgresServer::shared().conninfo(database.name()).c_str())) {
-        dropTriggers(database.connect());
         succeed(PQprepare(m_connection.get(), "operation",
                           "INSERT INTO qor_operation (seq, id, op, status, time, eid, message) "
                           "VALUES ($1, $2, $3, $4, $5, $6, $7)",
@@ -61,22 +60,16 @@ public:
                           0, nullptr));
     }
 
-    /// \returns seconds
-    double store(std::uint64_t count) {
-        std::vector<Texts> rows;
-        for (const QORRecord& record : makeBatch(m_stored, count, span))
-            rows.push_back(textsOf(std::get<QOROperationRecord>(record), ++m_stored));
-        return wallSeconds([&] {
-            for (std::size_t at = 0; at < rows.size(); at += batchSize) {
-                succeed(PQexec(m_connection.get(), "BEGIN"));
-                for (std::size_t i = at; i < std::min<std::size_t>(at + batchSize, rows.size()); ++i) {
-                    insert("operation", rows[i].operation);
-                    for (const auto& touched : rows[i].touched)
-                        insert("touched", touched);
-                }
-                succeed(PQexec(m_connection.get(), "COMMIT"));
+    void store(const std::vector<Texts>& rows) {
+        for (std::size_t at = 0; at < rows.size(); at += batchSize) {
+            succeed(PQexec(m_connection.get(), "BEGIN"));
+            for (std::size_t i = at; i < std::min<std::size_t>(at + batchSize, rows.size()); ++i) {
+                insert("operation", rows[i].operation);
+                for (const auto& touched : rows[i].touched)
+                    insert("touched", touched);
             }
-        });
+            succeed(PQexec(m_connection.get(), "COMMIT"));
+        }
     }
 
 private:
@@ -94,6 +87,23 @@ private:
     }
 
     std::unique_ptr<PGconn, Finish> m_connection;
+};
+
+/// The same rows into the same tables with the same indexes, and nothing else: nothing is counted.
+class Bare {
+public:
+    explicit Bare(const PostgresDatabase& database) : m_library(database) { dropTriggers(database.connect()); }
+
+    /// \returns seconds
+    double store(std::uint64_t count) {
+        std::vector<Texts> rows;
+        for (const QORRecord& record : makeBatch(m_stored, count, span))
+            rows.push_back(textsOf(std::get<QOROperationRecord>(record), ++m_stored));
+        return wallSeconds([&] { m_library.store(rows); });
+    }
+
+private:
+    ByLibrary m_library;
     std::uint64_t m_stored = 0;
 };
 
@@ -129,6 +139,23 @@ public:
                 threads.emplace_back([&batch] { storeAll(batch); });
         });
     }
+    /// The same by the library, where each has a connection of his own. \returns seconds
+    double storeByLibrary(std::uint64_t each) {
+        while (m_libraries.size() < number)
+            m_libraries.push_back(std::make_unique<ByLibrary>(m_log.database()));
+        std::vector<std::vector<Texts>> batches(number);
+        for (unsigned writer = 0; writer < number; ++writer) {
+            std::uint64_t sequence = number * m_stored + writer * each;
+            for (const QORRecord& record : recordsOf(writer, each))
+                batches[writer].push_back(textsOf(std::get<QOROperationRecord>(record), ++sequence));
+        }
+        m_stored += each;
+        return wallSeconds([&] {
+            std::vector<std::jthread> threads;
+            for (unsigned writer = 0; writer < number; ++writer)
+                threads.emplace_back([&, writer] { m_libraries[writer]->store(batches[writer]); });
+        });
+    }
     std::uint64_t stored() const noexcept { return number * m_stored; }
     const PostgresDatabase& database() const noexcept { return m_log.database(); }
 
@@ -152,6 +179,7 @@ private:
     }
 
     const Log m_log{0};
+    std::vector<std::unique_ptr<ByLibrary>> m_libraries;
     std::uint64_t m_stored = 0;
 };
 
@@ -164,11 +192,17 @@ std::string content(const PostgresDatabase& database) {
 }  // namespace
 
 void measureWriters(Figures& figures) {
+    Writers library(false);
     Writers bare(false);
     Writers counted(true);
     const std::uint64_t each = (figures.smallest() ? 1 : 10) * batchSize;
+    const unsigned rounds = figures.smallest() ? 1 : 9;
+    const Turns beside = takeTurns(
+        rounds, [&] { return library.storeByLibrary(each); }, [&] { return counted.store(each); });
+    figures.printRates("operations of 4 writers, 1000 a transaction", beside,
+                       static_cast<double>(Writers::number * each), Goal::atLeast(1));
     const Turns turns = takeTurns(
-        figures.smallest() ? 1 : 9, [&] { return bare.store(each); }, [&] { return counted.store(each); });
+        rounds, [&] { return bare.store(each); }, [&] { return counted.store(each); });
     check(counted.database().connect().cell("SELECT sum(n) FROM qor_operation_count WHERE scope = '' AND level = 24") ==
               std::to_string(counted.stored()),
           "the counters are wrong");

@@ -104,7 +104,9 @@ int SelectStmnt::readView(QORBinaryIterator& it) {
 }
 
 void SelectStmnt::readFields(QORBinaryIterator& it) {
+    constexpr std::size_t mostly = 16;
     if (it.firstChild(tag::field) != 0) refuse("fields list is absent", __LINE__);
+    m_outputFields.reserve(mostly);
     do {
         readField(it);
     } while (it.nextSibling(tag::field) == 0);
