@@ -1,10 +1,12 @@
 #include "copy/QORDatabaseCopy.h"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <future>
 #include <map>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "QORCommon/QORException.h"
@@ -16,6 +18,7 @@
 #include "copy/CopyRows.h"
 #include "copy/CopyWriter.h"
 #include "host/QORDatabaseLock.h"
+#include "rdbmspp/engine/OdbcConnectionString.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
@@ -81,6 +84,24 @@ void requireCopyable(ASSession& session, const std::string& connection) {
                "to date (keep a backup of it for the older version)");
 }
 
+/// So that a server tells this program's sessions from those of agents; drivers of files take no notice of it.
+std::string namedApart(const std::string& connection) {
+    OdbcConnectionString string(connection);
+    string.set("pqopt", "{" + string.get("pqopt") + " application_name=qor-copy}");
+    return string.text();
+}
+
+/// Who has a database on a server open goes on asking it and writing to it, whatever happens to its tables.
+std::int64_t openSessions(ASSession& session) {
+    ASStatement& select = session.prepare(
+        "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND usename = current_user "
+        "AND application_name = 'qor'");
+    select.execute();
+    const std::int64_t found = select.fetch() ? select.integer(1) : 0;
+    select.close();
+    return found;
+}
+
 std::vector<Pair> pairTables(std::vector<QORSchemaTable> source, const std::vector<QORSchemaTable>& target) {
     std::vector<Pair> pairs;
     for (QORSchemaTable& from : source) {
@@ -120,12 +141,12 @@ void walk(CopyReader& reader, std::size_t columns, Take take) {
 class QORDatabaseCopy::Impl {
 public:
     explicit Impl(QORCopyOptions options) : m_options(std::move(options)) {
-        m_source.configure({.connectionString = m_options.from, .readOnly = true});
+        m_source.configure({.connectionString = namedApart(m_options.from), .readOnly = true});
         m_snapshot.emplace(m_source, ASAccess::Read);
         m_session = &**m_snapshot;
         requireCopyable(*m_session, m_options.from);
         m_lock.emplace(m_options.to);
-        QORDBSchema::open({.connectionString = m_options.to}, QORSchemaMode::Filling);
+        QORDBSchema::open({.connectionString = namedApart(m_options.to)}, QORSchemaMode::Filling);
     }
     ~Impl() {
         m_snapshot.reset();
@@ -153,8 +174,10 @@ private:
     void copy(QORCopyReport& report) {
         const std::map<std::string, CopySum> known = prepare();
         report.resumed = !known.empty();
+        requireClosed();
         addUpSource();
         known.empty() ? begin() : requireUnchanged(known);
+        requireClosed();  // from here on nobody opens it any more
         copyTables();
         tell(Part::Indexing);
         write([](ASSession& session) { QORDBSchema::completeFilling(session); });
@@ -178,6 +201,26 @@ private:
                        "holds records (" + pair.target.name + "): a copy needs a database without any");
         }
         return {};
+    }
+
+    /// Makes sure that nobody has the target open. A program that has just ended is known to a server for a moment
+    /// more.
+    void requireClosed() const {
+        constexpr auto patience = std::chrono::seconds(3);
+        constexpr auto betweenLooks = std::chrono::milliseconds(50);
+        if (QORRdbms::instance().engine() != ASEngine::PostgreSQL) return;
+        const auto until = std::chrono::steady_clock::now() + patience;
+        for (;;) {
+            std::int64_t others = 0;
+            QORRdbms::instance().read(ASAccess::Read, [&](ASSession& target) { others = openSessions(target); });
+            if (others == 0) return;
+            if (std::chrono::steady_clock::now() >= until)
+                refuse("target", m_options.to,
+                       "is open in an agent or another qorctl, with " + std::to_string(others) +
+                           (others == 1 ? " connection" : " connections") +
+                           ": stop whoever has it; what has been copied stays, and the same command goes on");
+            std::this_thread::sleep_for(betweenLooks);
+        }
     }
 
     std::map<std::string, CopySum> readNotes(ASSession& target) const {

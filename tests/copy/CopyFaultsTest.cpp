@@ -267,6 +267,24 @@ TEST(CopyTarget, ThatAnAgentServesIsRefused) {
     EXPECT_THAT(result.err, HasSubstr("another agent, process " + std::to_string(agent.pid())));
 }
 
+TEST(CopyTarget, ThatAnAgentServesOnAServerIsRefusedUntilItIsStopped) {
+    const Place from(ASEngine::SQLite);
+    const Place to(ASEngine::PostgreSQL);
+    fillSource(from);
+    {
+        AgentSettings settings;
+        settings.database = to.name();
+        const AgentProcess agent(settings);
+        const CtlResult result = runCtl({"copy", "--from", from.name(), "--to", to.name()});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_THAT(result.err, HasSubstr("is open in an agent or another qorctl, with "));
+        EXPECT_EQ(to.count("qor_operation"), 0);
+        EXPECT_EQ(to.cell("SELECT count(*) FROM pg_class WHERE relname = 'qor_copy'"), "0");
+    }
+    const CtlResult result = runCtl({"copy", "--from", from.name(), "--to", to.name()});
+    EXPECT_EQ(result.status, 0) << result.err;
+}
+
 TEST(CopyTarget, WhereTheRoleMayMakeNothingIsRefused) {
     const Place from(ASEngine::SQLite);
     const Place to(ASEngine::PostgreSQL);
