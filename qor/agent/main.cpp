@@ -31,6 +31,7 @@
 #include "agent/http/HttpServer.h"
 #include "agent/http/LocalListener.h"
 #include "agent/http/TcpListener.h"
+#include "forward/QORForwarder.h"
 #include "host/QORHost.h"
 #include "host/QORHostPaths.h"
 #include "host/QORMaintenance.h"
@@ -59,6 +60,9 @@ struct Settings {
     AgentMemory memory;
     AgentFollowSettings following;
     AgentAudit::Options audit;
+    std::string forward;
+    QORForwardOptions forwarding;
+    std::uint64_t forwardKeep = std::uint64_t{1} << 30;
 };
 
 /// Every client costs a descriptor, every query one or two more; the usual soft limit is meant for programs that
@@ -210,6 +214,34 @@ void declareRetention(CLI::App& app, QORRetentionOptions& keep) {
         ->group(group);
 }
 
+/// Where records are sent on to.
+void declareForwarding(CLI::App& app, Settings& settings) {
+    const char* const group = "Sending records on to another agent";
+    CLI::Option* const forward =
+        app.add_option("--forward", settings.forward, "what is stored is sent on to the agent at this address")
+            ->type_name("https://HOST:PORT")
+            ->group(group);
+    app.add_option("--forward-token", settings.forwarding.target.tokenFile,
+                   "the file whose first line is the token that is shown to it")
+        ->type_name("FILE")
+        ->needs(forward)
+        ->group(group);
+    app.add_option("--forward-ca", settings.forwarding.target.authority,
+                   "whose certificates are believed (PEM), in place of the system's authorities")
+        ->type_name("FILE")
+        ->needs(forward)
+        ->group(group);
+    addNumber(app, "--forward-wait", {1, 3600}, "seconds at most until it is tried again, by default 60",
+              storeSeconds(settings.forwarding.longestPause))
+        ->needs(forward)
+        ->group(group);
+    addNumber(app, "--forward-keep", {0, mostNumber},
+              "bytes that the database may use before records are removed that were not sent on, by default 1073741824",
+              store(settings.forwardKeep))
+        ->needs(forward)
+        ->group(group);
+}
+
 void addOrigin(HttpOrigins& origins, const std::string& origin) {
     try {
         origins.add(origin);
@@ -268,6 +300,7 @@ void declareOptions(CLI::App& app, Settings& settings) {
     app.add_option("--config", settings.vocabulary, "a vocabulary file: configured fields and caches");
     app.add_flag("--check-config", settings.checkConfig, "say what is wrong with the vocabulary, then end");
     declareRetention(app, settings.keep);
+    declareForwarding(app, settings);
     declareShares(app, settings.server);
     declareTimes(app, settings.server);
     declareFollowing(app, settings.following);
@@ -316,6 +349,26 @@ void decideListening(Settings& settings) {
     if (secure) settings.server.certificates = std::make_shared<HttpCertificates>(files);
 }
 
+/// A token that goes over a network without TLS is everybody's.
+bool isOfThisMachine(const std::string& host) {
+    return host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
+void decideForwarding(Settings& settings) {
+    if (settings.forward.empty()) return;
+    using Scheme = QORAgentAddress::Scheme;
+    QORAgentAddress& address = settings.forwarding.target.address;
+    address = readAgentAddress(settings.forward);
+    if (address.isUnix()) throw std::runtime_error("--forward: an agent is reached at https://HOST:PORT");
+    if (address.scheme == Scheme::Http && !isOfThisMachine(address.host))
+        throw std::runtime_error("--forward: plain http is for this machine's own programs: name https://" +
+                                 address.authority());
+    if (address.scheme == Scheme::Http && !settings.forwarding.target.authority.empty())
+        throw std::runtime_error("--forward-ca is for --forward https://...");
+    if (settings.readOnly)
+        throw std::runtime_error("--read-only: how far records have been sent on cannot be kept for --forward");
+}
+
 /// Of two agents, the second is told whose address it is before it is told whose database.
 void checkAddresses(const std::vector<QORAgentAddress>& addresses) {
     for (const QORAgentAddress& address : addresses) {
@@ -330,6 +383,7 @@ void checkAddresses(const std::vector<QORAgentAddress>& addresses) {
 /// The defaults lie in the state folder, which the agent makes for itself; places that were named must exist.
 void applyDefaults(Settings& settings) {
     decideListening(settings);
+    decideForwarding(settings);
     if (!settings.database.empty()) return;
     settings.database = defaultConnectionString();
     if (settings.readOnly) return;
@@ -412,6 +466,23 @@ int checkConfig(const Settings& settings) {
     return EXIT_SUCCESS;
 }
 
+/// Records are sent on for as long as it lives.
+class Forwarding {
+public:
+    /// \param forwarder null for none
+    Forwarding(QORForwarder* forwarder, QORChangeWatch& changes) : m_forwarder(forwarder) {
+        if (m_forwarder != nullptr) m_forwarder->start(changes);
+    }
+    ~Forwarding() {
+        if (m_forwarder != nullptr) m_forwarder->stop();
+    }
+    Forwarding(const Forwarding&) = delete;
+    Forwarding& operator=(const Forwarding&) = delete;
+
+private:
+    QORForwarder* m_forwarder;
+};
+
 int serve(Settings& settings) {
     // What the agent keeps is other people's business; the socket has a mode of its own.
     ::umask(S_IRWXG | S_IRWXO);
@@ -424,16 +495,24 @@ int serve(Settings& settings) {
         throw std::runtime_error("--read-only: nothing can be removed for --keep-age, --keep-records or --keep-size");
     checkAddresses(settings.server.listen);
     QORHost host(hostOptions(settings));
+    std::optional<QORForwarder> forwarder;
+    if (!settings.forward.empty()) {
+        forwarder.emplace(settings.forwarding);
+        setPruneHold(QORPruneHold{[&forwarder] { return forwarder->position(); }, settings.forwardKeep});
+    }
     const QORRetention retention(settings.keep);
     std::optional<AgentAudit> audit;
     if (!settings.audit.target.empty()) audit.emplace(settings.audit);
+    settings.memory.unpackedBody = settings.server.bodyLimit;
     AgentApplication application(host, settings.memory);
+    application.setForwarder(forwarder ? &*forwarder : nullptr);
     application.setFollowing(settings.following);
     application.setAudit(audit ? &*audit : nullptr);
     HttpServer server(settings.server, application);
     application.setCounters([&server] { return server.connections(); }, [&server] { return server.counts(); });
     const SignalWatch signals({[&server] { server.stop(); }, [&] { readAnew(settings, audit ? &*audit : nullptr); }});
     const MemoryKeeper memory;
+    const Forwarding forwarding(forwarder ? &*forwarder : nullptr, application.changes());
     announce(server.addresses());
     if (!server.run()) {
         // Threads are still at work in plug-ins; unloading those beneath them would be worse than leaving at once.

@@ -42,6 +42,11 @@ std::vector<std::string> texts(ASSession& session, std::string_view sql) {
     return found;
 }
 
+std::optional<QORPruneHold>& pruneHold() {
+    static std::optional<QORPruneHold> hold;
+    return hold;
+}
+
 /// A database that is looked after: the process's own, or that of a server that keeps records of it.
 class Place {
 public:
@@ -314,10 +319,10 @@ constexpr Part parts[] = {{"integrity", &checkIntegrity},
 
 /// The records that one transaction removes, told to whoever counts.
 std::vector<std::int64_t> takeOldest(ASSession& session, const std::string& table, std::int64_t before,
-                                     std::int64_t most, QORLogCounters& counters) {
+                                     std::int64_t most, const std::string& where, QORLogCounters& counters) {
     const bool events = table == "qor_event";
     ASStatement& select = session.prepare("SELECT seq, time, eid, " + std::string(events ? "category" : "NULL") +
-                                          " FROM " + table + " WHERE time < ? ORDER BY time, seq LIMIT ?");
+                                          " FROM " + table + " WHERE time < ?" + where + " ORDER BY time, seq LIMIT ?");
     select.bind(1, std::string_view(time2dbstr(before))).bind(2, most);
     select.execute();
     std::vector<std::int64_t> sequences;
@@ -366,10 +371,11 @@ void discountOperation(ASSession& session, std::int64_t sequence, QORLogCounters
 }
 
 /// Where the database counts by itself and knows what belongs to a record.
-std::uint64_t removeWithAll(ASSession& session, const std::string& table, std::int64_t before, std::int64_t most) {
+std::uint64_t removeWithAll(ASSession& session, const std::string& table, std::int64_t before, std::int64_t most,
+                            const std::string& where) {
     session
-        .prepare("DELETE FROM " + table + " WHERE seq IN (SELECT seq FROM " + table +
-                 " WHERE time < ? ORDER BY time NULLS FIRST, seq LIMIT ?)")
+        .prepare("DELETE FROM " + table + " WHERE seq IN (SELECT seq FROM " + table + " WHERE time < ?" + where +
+                 " ORDER BY time NULLS FIRST, seq LIMIT ?)")
         .bind(1, std::string_view(time2dbstr(before)))
         .bind(2, most)
         .execute();
@@ -377,9 +383,10 @@ std::uint64_t removeWithAll(ASSession& session, const std::string& table, std::i
 }
 
 /// Where the host counts, and sees to what belongs to a record.
-std::uint64_t removeAndCount(ASSession& session, const std::string& table, std::int64_t before, std::int64_t most) {
+std::uint64_t removeAndCount(ASSession& session, const std::string& table, std::int64_t before, std::int64_t most,
+                             const std::string& where) {
     QORLogCounters counters(session);
-    const std::vector<std::int64_t> sequences = takeOldest(session, table, before, most, counters);
+    const std::vector<std::int64_t> sequences = takeOldest(session, table, before, most, where, counters);
     if (table == "qor_operation" && counters.counts()) {
         for (const std::int64_t sequence : sequences)
             discountOperation(session, sequence, counters);
@@ -397,14 +404,53 @@ std::uint64_t removeAndCount(ASSession& session, const std::string& table, std::
     return sequences.size();
 }
 
+std::int64_t sentUpTo(const Place& place) {
+    const QORChangePosition sent = pruneHold()->sent();
+    const auto at = sent.find(place.server() ? place.server()->name : std::string());
+    return at == sent.end() ? 0 : at->second;
+}
+
+/// Leaves out the records that have not been sent, and those of the same log that came behind the first of them: one
+/// look at the sequence, whatever it is that waits.
+std::string sentOnly(const Place& place, const std::string& table) {
+    const QORChangeKind kind = table == "qor_operation" ? QORChangeKind::Operation
+                               : table == "qor_event"   ? QORChangeKind::Event
+                                                        : QORChangeKind::Backup;
+    const std::string sent = std::to_string(sentUpTo(place));
+    return " AND seq < coalesce((SELECT min(CASE WHEN n <= " + sent + " THEN first + (" + sent +
+           " + 1 - n) ELSE first END) FROM qor_record_change WHERE kind = " +
+           std::to_string(static_cast<std::int64_t>(kind)) + " AND n + (last - first) > " + sent +
+           " AND n >= coalesce((SELECT max(n) FROM qor_record_change WHERE n <= " + sent +
+           "), 0)), 9223372036854775807)";
+}
+
+std::uint64_t removeOldestWhere(const Place& place, const std::string& table, std::int64_t before, std::int64_t most,
+                                const std::string& where) {
+    std::uint64_t removed = 0;
+    place.writing([&](ASSession& session) {
+        removed = isSqlite(session) ? removeAndCount(session, table, before, most, where)
+                                    : removeWithAll(session, table, before, most, where);
+    });
+    return removed;
+}
+
+std::uint64_t usageOfAll();
+
 /// One transaction. \returns how many records it removed
 std::uint64_t removeOldest(const Place& place, const std::string& table, std::int64_t before,
                            std::int64_t most = recordsOfTransaction) {
-    std::uint64_t removed = 0;
-    place.writing([&](ASSession& session) {
-        removed = isSqlite(session) ? removeAndCount(session, table, before, most)
-                                    : removeWithAll(session, table, before, most);
-    });
+    if (!pruneHold()) return removeOldestWhere(place, table, before, most, {});
+    const std::uint64_t sent = removeOldestWhere(place, table, before, most, sentOnly(place, table));
+    if (sent > 0) return sent;
+    const std::uint64_t used = usageOfAll();
+    if (used <= pruneHold()->mostBytes) return 0;
+    const std::uint64_t removed = removeOldestWhere(place, table, before, most, {});
+    if (removed > 0)
+        logMessage(1, "QORHost", sourcePath, __func__,
+                   "%llu records of %s are removed that were not sent on: the database uses %llu bytes, more than "
+                   "%llu (--forward-keep)",
+                   static_cast<unsigned long long>(removed), table.c_str(), static_cast<unsigned long long>(used),
+                   static_cast<unsigned long long>(pruneHold()->mostBytes));
     return removed;
 }
 
@@ -419,8 +465,11 @@ QORPruneStep pruneTable(const Place& place, const std::string& table, std::int64
     return step;
 }
 
-/// What tells of records that are no more is of no use to anybody.
+/// What tells of records that are no more is of no use to anybody. Of a sequence with more changes to send than it
+/// keeps entries, none goes.
 void trimSequence(const Place& place) {
+    constexpr std::int64_t mostToSend = 1'000'000;
+    if (pruneHold() && place.reading(lastRecordChange) - sentUpTo(place) >= mostToSend) return;
     place.writing(trimRecordChanges);
 }
 
@@ -569,6 +618,13 @@ std::uint64_t usage(const Place& place) {
     });
 }
 
+std::uint64_t usageOfAll() {
+    std::uint64_t used = 0;
+    for (const Place& place : withRecords())
+        used += usage(place);
+    return used;
+}
+
 /// The log with the oldest record; empty when neither has any.
 std::string oldestLog(const Places& places) {
     std::optional<std::pair<std::int64_t, std::string>> oldest;
@@ -584,10 +640,7 @@ std::string oldestLog(const Places& places) {
 void keepBytes(std::uint64_t bytes, const std::stop_token& stop) {
     const Places places = withRecords();
     while (!stop.stop_requested()) {
-        std::uint64_t used = 0;
-        for (const Place& place : places)
-            used += usage(place);
-        if (used <= bytes) return;
+        if (usageOfAll() <= bytes) return;
         const std::string log = oldestLog(places);
         if (log.empty() || removeOldestOfAll(places, log, recordsOfTransaction) == 0) return;
     }
@@ -627,6 +680,10 @@ std::vector<QORCheckFinding> checkDatabase(std::string_view part, bool mend) {
 const std::vector<std::string>& pruneKinds() {
     static const std::vector<std::string> names{"operations", "events", "backups", "space", "compact"};
     return names;
+}
+
+void setPruneHold(QORPruneHold hold) {
+    pruneHold() = std::move(hold);
 }
 
 QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before) {

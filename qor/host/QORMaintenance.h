@@ -5,12 +5,15 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "QORLibAgent/QORRecordChanges.h"
 
 namespace QOR {
 
@@ -32,6 +35,18 @@ struct QORPruneStep {
     std::uint64_t done = 0;  ///< records removed, or bytes given back
     bool more = false;       ///< there is more to do: ask again
 };
+
+/// What shall be sent elsewhere before it may go.
+struct QORPruneHold {
+    /// Up to which change everything has been sent. Any thread.
+    std::function<QORChangePosition()> sent;
+    /// Bytes that the database uses from which on the oldest records go all the same, which the log says.
+    std::uint64_t mostBytes = 0;
+};
+
+/// Holds for whatever removes records from here on; before the first of them. Records that changed behind what was
+/// sent stay, and with them those of their log that came later.
+void setPruneHold(QORPruneHold hold);
 
 /// What can be pruned: "operations", "events", "backups"; "space": what records have left is given back to the file
 /// system; "compact": the file is written anew, so that all space can be given back, now and later.

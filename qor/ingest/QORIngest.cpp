@@ -187,7 +187,11 @@ public:
             m_result.lastLine = at + batch.size();
             for (std::size_t i = 0; i < batch.size(); ++i)
                 m_lines.push_back(at + i + 1);
-            write(batch, keepEqual);
+            m_batch.assign(batch.begin(), batch.end());
+            for (QORRecord& record : m_batch)
+                stamp(record);
+            write(m_batch, keepEqual);
+            m_batch.clear();
             m_lines.clear();
             at += batch.size();
         }
@@ -242,6 +246,7 @@ private:
         if (isBlank(lines.line())) return;
         try {
             m_batch.push_back(m_parser.parse(lines.line()));
+            stamp(m_batch.back());
         } catch (const QORException& error) {
             return refuse(error.message());
         }
@@ -249,6 +254,10 @@ private:
         m_lines.push_back(lines.number());
         m_batchBytes += lines.line().size();
         if (m_batch.size() >= m_options.batchRecords || m_batchBytes >= m_options.batchBytes) flush();
+    }
+
+    void stamp(QORRecord& record) const {
+        std::visit([this](QORStampedRecord& one) { one.reporter = m_options.reporter; }, record);
     }
 
     void refuse(std::string reason) {

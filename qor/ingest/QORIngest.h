@@ -29,13 +29,15 @@ struct QORIngestOptions {
     /// About which environments the sender may store records, who outlives the run; null: about all. Of a request in
     /// which one record is about another nothing is stored \throws QORException errForbidden that names it
     const QORWriteScope* scope = nullptr;
+    /// The identity that brings the records, which each of them is stored with; nothing for who needs none.
+    std::optional<std::string> reporter{};
 };
 
 /// What became of the records of one kind.
 struct QORIngestCounts {
     std::uint64_t added = 0;
     std::uint64_t replaced = 0;   ///< took the place of the record with the same identifier
-    std::uint64_t unchanged = 0;  ///< by store() with keepEqual only: was there already
+    std::uint64_t unchanged = 0;  ///< was there already: events with identifiers, and by store() with keepEqual others
 };
 
 void addCounts(QORIngestCounts& to, const QORIngestCounts& more);

@@ -116,6 +116,14 @@ QOREID readEid(const Named& member) {
     return eid;
 }
 
+QORGUIDBase readGuid(const Named& member) {
+    if (member.isNull()) return {};
+    const auto guid =
+        member.value.type == JsonType::String ? QORGUIDBase::parse(member.value.text) : std::optional<QORGUIDBase>();
+    if (!guid || !guid->isValid()) member.refuseAs("a GUID");
+    return *guid;
+}
+
 QOREID readRequiredEid(const Named& member) {
     const QOREID eid = readEid(member);
     if (!eid.isValid()) member.refuseAs("the GUID of an environment");
@@ -347,6 +355,7 @@ constexpr Member<QOROperationRecord> operationMembers[] = {
 
 constexpr Member<QOREventRecord> eventMembers[] = {
     {"kind", ignoreKind},
+    {"id", [](QOREventRecord& r, const Named& m) { r.id = readGuid(m); }},
     {"time", [](QOREventRecord& r, const Named& m) { r.time = readTime(m); }, true},
     {"eid", [](QOREventRecord& r, const Named& m) { r.eid = readEid(m); }},
     {"source", [](QOREventRecord& r, const Named& m) { r.source = readText(m); }},

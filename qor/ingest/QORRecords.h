@@ -52,7 +52,12 @@ struct QORConfigRecord {
     std::optional<std::int64_t> bootTime;      ///< seconds since the epoch, where a member "boot_time" is a time
 };
 
-struct QOREnvironmentRecord {
+/// What belongs to any record and cannot be said by it.
+struct QORStampedRecord {
+    std::optional<std::string> reporter;  ///< the identity that brought it; nothing for who needs none
+};
+
+struct QOREnvironmentRecord : QORStampedRecord {
     QOREID eid;
     QOREID parentEid;  ///< invalid for none
     std::optional<std::string> title;
@@ -62,7 +67,7 @@ struct QOREnvironmentRecord {
     std::optional<QORConfigRecord> virtualConfig;
 };
 
-struct QOROperationRecord {
+struct QOROperationRecord : QORStampedRecord {
     /// More environments than one operation can mean; each of them costs some pages of the database.
     static constexpr std::size_t mostEids = 10000;
 
@@ -76,7 +81,8 @@ struct QOROperationRecord {
     std::optional<QORInfo> message;
 };
 
-struct QOREventRecord {
+struct QOREventRecord : QORStampedRecord {
+    QORGUIDBase id;  ///< by which it is stored once; invalid for none
     std::int64_t time = 0;
     QOREID eid;
     std::optional<std::string> source;
@@ -84,7 +90,7 @@ struct QOREventRecord {
     std::optional<QORInfo> info;
 };
 
-struct QORBackupRecord {
+struct QORBackupRecord : QORStampedRecord {
     std::string id;
     QOREID eid;
     QOREID storageEid;

@@ -120,7 +120,8 @@ QORIngestCounts storeEvents(ASSession& session, const std::vector<ArrivedRecord>
     for (const ArrivedRecord& event : events)
         eventTable().append(rows, {std::get<QOREventRecord>(*event.record), 0}, event.number);
     if (rows.empty()) return {};
-    return {eventTable().storeMany(session, std::move(rows), events.front().number != 0), 0, 0};
+    const std::uint64_t added = eventTable().storeMany(session, std::move(rows), events.front().number != 0);
+    return {added, 0, events.size() - added};
 }
 
 QORIngestCounts storeOperations(ASSession& session, const Latest<QOROperationRecord>& operations,

@@ -69,7 +69,14 @@ void RecordJson::bytes(const std::optional<std::string>& value) {
     m_out += '"';
 }
 
-std::string storeManySql(const std::string& table, const std::vector<RecordColumnName>& columns, std::string_view key) {
+std::string ignoringSql(std::string_view once) {
+    if (once.empty()) return {};
+    const std::string column(once);
+    return " ON CONFLICT (" + column + ") WHERE " + column + " IS NOT NULL DO NOTHING";
+}
+
+std::string storeManySql(const std::string& table, const std::vector<RecordColumnName>& columns, std::string_view key,
+                         std::string_view once) {
     std::string names;
     std::string values;
     std::string types;
@@ -86,7 +93,7 @@ std::string storeManySql(const std::string& table, const std::vector<RecordColum
     // A row that was replaced bears the transaction that did it.
     return "WITH stored AS (INSERT INTO " + table + " (" + names + ") SELECT " + values +
            " FROM json_to_recordset(CAST(? AS json)) AS r (" + types + ")" +
-           (key.empty() ? "" : " ON CONFLICT (" + std::string(key) + ") DO UPDATE SET " + changes) +
+           (key.empty() ? ignoringSql(once) : " ON CONFLICT (" + std::string(key) + ") DO UPDATE SET " + changes) +
            " RETURNING xmax = 0 AS added) SELECT count(*) FROM stored WHERE added";
 }
 
@@ -109,6 +116,7 @@ const RecordTable<QOREnvironmentRecord>& environmentTable() {
             {"config", Text, [](auto& to, const Record& r) { to.text(documentOf(r.config)); }},
             {"virtual_config", Text, [](auto& to, const Record& r) { to.text(documentOf(r.virtualConfig)); }},
             {"updated", Time, [](auto& to, const Record&) { to.time(currentTime()); }},
+            {"reporter", Text, [](auto& to, const Record& r) { to.text(r.reporter); }},
         };
         for (const QOREnvMemberRow& row : envMembers)
             columns.emplace_back(row.column, configText, row.member);
@@ -132,6 +140,7 @@ const RecordTable<StoredOperation>& operationTable() {
             {"version", Text,
              [](auto& to, const Stored& s) { to.text(parameterText(s.record.message, "package/version")); }},
             {"message", Text, [](auto& to, const Stored& s) { to.text(s.message); }},
+            {"reporter", Text, [](auto& to, const Stored& s) { to.text(s.record.reporter); }},
         },
         {{"id", Text, [](auto& to, const Stored& s) { to.text(s.record.id); }}},
         {{"seq", Integer, [](auto& to, const Stored& s) { to.integer(s.sequence); }}});
@@ -148,8 +157,10 @@ const RecordTable<StoredEvent>& eventTable() {
             {"source", Text, [](auto& to, const Stored& s) { to.text(s.record.source); }},
             {"category", Text, [](auto& to, const Stored& s) { to.text(s.record.category); }},
             {"info", Text, [](auto& to, const Stored& s) { to.text(serialized(s.record.info)); }},
+            {"uid", Guid, [](auto& to, const Stored& s) { to.eid(s.record.id); }},
+            {"reporter", Text, [](auto& to, const Stored& s) { to.text(s.record.reporter); }},
         },
-        {}, {{"seq", Integer, [](auto& to, const Stored& s) { to.integer(s.sequence); }}});
+        {}, {{"seq", Integer, [](auto& to, const Stored& s) { to.integer(s.sequence); }}}, "uid");
     return table;
 }
 
@@ -167,6 +178,7 @@ const RecordTable<QORBackupRecord>& backupTable() {
             {"name", Text, [](auto& to, const Record& r) { to.text(r.name); }},
             {"hostname", Text, [](auto& to, const Record& r) { to.text(r.hostname); }},
             {"info", Bytes, [](auto& to, const Record& r) { to.bytes(serialized(r.info)); }},
+            {"reporter", Text, [](auto& to, const Record& r) { to.text(r.reporter); }},
         },
         {{"id", Text, [](auto& to, const Record& r) { to.text(r.id); }}}, {});
     return table;

@@ -36,7 +36,7 @@ public:
     void text(const std::optional<std::string>& value) { value ? text(std::string_view(*value)) : null(); }
     void integer(std::int64_t value) { m_out += std::to_string(value); }
     void integer(const std::optional<std::int64_t>& value) { value ? integer(*value) : null(); }
-    void eid(const QOREID& value) { value.isValid() ? text(value.toString()) : null(); }
+    void eid(const QORGUIDBase& value) { value.isValid() ? text(value.toString()) : null(); }
     void time(std::int64_t seconds) { text(time2dbstr(seconds)); }
     void time(const std::optional<std::int64_t>& seconds) { seconds ? time(*seconds) : null(); }
     void bytes(const std::optional<std::string>& value);
@@ -91,8 +91,12 @@ inline constexpr std::string_view arrivalColumn = "seq";
 
 /// A statement whose only parameter is a JSON array of rows. What has a key takes the place of what has the same, and
 /// keeps that one's arrivalColumn. \returns one row with one column from it: how many rows were new. \param key "" for
-/// rows that are only added
-std::string storeManySql(const std::string& table, const std::vector<RecordColumnName>& columns, std::string_view key);
+/// rows that are only added \param once a column of such rows: of those that have the same in it the first one stays
+std::string storeManySql(const std::string& table, const std::vector<RecordColumnName>& columns, std::string_view key,
+                         std::string_view once);
+
+/// What an INSERT ends with that leaves out what is there already. \param once "" for nothing
+std::string ignoringSql(std::string_view once);
 
 /// The statements that store something in a table. Immutable.
 template <class Stored>
@@ -102,7 +106,8 @@ public:
 
     /// \param key the column by which a record is found again, none for records that are only added \param arrival
     /// columns that a record keeps from its first arrival, which the database gives out itself to many at once
-    RecordTable(const std::string& name, Columns columns, Columns key, Columns arrival)
+    /// \param once among the columns of records that are only added: those that have the same in it are added once
+    RecordTable(const std::string& name, Columns columns, Columns key, Columns arrival, std::string_view once = {})
         : m_columns(std::move(columns)), m_key(std::move(key)), m_arrival(std::move(arrival)) {
         std::string names;
         std::string values;
@@ -115,10 +120,10 @@ public:
             }
         }
         const std::string keyName(m_key.empty() ? std::string_view() : m_key.front().name);
-        m_storeMany = storeManySql(name, many, keyName);
+        m_storeMany = storeManySql(name, many, keyName, once);
         many.push_back({arrivalColumn, RecordColumnKind::Integer});
-        m_storeNumbered = storeManySql(name, many, keyName);
-        m_insert = "INSERT INTO " + name + " (" + names + ") VALUES (" + values + ")";
+        m_storeNumbered = storeManySql(name, many, keyName, once);
+        m_insert = "INSERT INTO " + name + " (" + names + ") VALUES (" + values + ")" + ignoringSql(once);
         if (m_key.empty()) return;
         m_insert += " ON CONFLICT (" + keyName + ") DO NOTHING";
         m_update = "UPDATE " + name + " SET ";
@@ -127,7 +132,7 @@ public:
         m_update += " WHERE " + keyName + " = ?";
     }
 
-    /// \returns false when there is one with its key already, which stays as it is
+    /// \returns false when there is one with its key, or the same to be stored once, already, which stays as it is
     bool insert(ASSession& session, const Stored& stored) const {
         run(session, m_insert, stored, {&m_columns, &m_key, &m_arrival});
         return session.changes() > 0;

@@ -163,7 +163,10 @@ std::int64_t RecordWriter::nextSequence(std::int64_t& last, const char* select) 
 
 QORStored RecordWriter::put(const QOREventRecord& record) {
     const std::int64_t sequence = nextSequence(m_lastEvent, lastEvent);
-    eventTable().insert(m_session, {record, sequence});
+    if (!eventTable().insert(m_session, {record, sequence})) {
+        --m_lastEvent;
+        return QORStored::Unchanged;
+    }
     m_notes.add(QORChangeKind::Event, sequence);
     if (m_counters.counts() && record.category) m_counters.addEvent(record.time, record.eid, *record.category);
     return QORStored::Added;

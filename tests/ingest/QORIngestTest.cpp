@@ -240,7 +240,10 @@ TEST_F(QORIngestTest, AReplacedRecordHasNothingOfTheOneBefore) {
             return queryRows("SELECT " + columns + " FROM " + kind.table + " ORDER BY " + kind.key,
                              static_cast<unsigned>(1 + std::count(columns.begin(), columns.end(), ',')));
         };
-        EXPECT_EQ(m_ingest.importBatch(kind.begin + "1\"" + kind.full + "}\n" + kind.begin + "2\"}").accepted(), 2U);
+        QORIngestOptions reported;
+        reported.reporter = "x";
+        EXPECT_EQ(QORIngest(reported).importBatch(kind.begin + "1\"" + kind.full + "}").accepted(), 1U);
+        EXPECT_EQ(m_ingest.importBatch(kind.begin + "2\"}").accepted(), 1U);
         const auto before = rows();
         for (std::size_t column = 0; column < before[0].size(); ++column)
             EXPECT_NE(before[0][column], before[1][column]) << kind.table << ", column " << column << " of " << columns;
@@ -248,6 +251,23 @@ TEST_F(QORIngestTest, AReplacedRecordHasNothingOfTheOneBefore) {
         const auto after = rows();
         EXPECT_EQ(after[0], after[1]) << kind.table << ": " << columns;
     }
+}
+
+TEST_F(QORIngestTest, AnEventWithAnIdentifierIsStoredOnce) {
+    const std::string first = R"({"kind":"event","time":1,"category":"c","id":"AAAAAAAA-0000-4000-8000-00000000000)";
+    const std::string lines =
+        first + "1\"}\n" + first + "1\"}\n" + R"({"kind":"event","time":1,"category":"c"})" + "\n";
+    auto result = m_ingest.importBatch(lines);
+    EXPECT_EQ(result.of(QORRecordKind::Event).added, 2U);
+    EXPECT_EQ(result.of(QORRecordKind::Event).unchanged, 1U);
+    result = m_ingest.importBatch(lines + first + "2\",\"source\":\"new\"}\n");
+    EXPECT_EQ(result.of(QORRecordKind::Event).added, 2U);
+    EXPECT_EQ(result.of(QORRecordKind::Event).unchanged, 2U);
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_event"), "4");
+    EXPECT_EQ(queryText("SELECT count(DISTINCT uid) FROM qor_event"), "2");
+    EXPECT_EQ(queryText("SELECT sum(last - first + 1) FROM qor_record_change WHERE kind = 2"), "4");
+    EXPECT_EQ(queryText("SELECT max(seq) FROM qor_event WHERE source = 'new'"),
+              queryText("SELECT max(seq) FROM qor_event"));
 }
 
 TEST_F(QORIngestTest, TheEnvironmentsThatAnOperationTouchesAreThoseOfItsList) {

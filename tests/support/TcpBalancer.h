@@ -42,6 +42,11 @@ public:
     TcpBalancer(const TcpBalancer&) = delete;
     TcpBalancer& operator=(const TcpBalancer&) = delete;
 
+    /// An agent listens elsewhere now.
+    void setPort(std::size_t agent, int port) {
+        const std::lock_guard lock(m_mutex);
+        m_ports.at(agent) = port;
+    }
     /// Where clients come.
     int port() const noexcept { return m_port; }
     /// A client's connection to the agent whose turn it is.
@@ -89,7 +94,7 @@ private:
         for (std::size_t turn = 0;; ++turn) {
             const int client = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
             if (client < 0) return;
-            const std::size_t at = turn % m_ports.size();
+            const std::size_t at = turn % m_served.size();
             m_handing.emplace_back([this, client, at] { handOn(client, at); });
         }
     }
@@ -97,7 +102,7 @@ private:
     void handOn(int client, std::size_t at) {
         int agent = -1;
         try {
-            agent = connectTcp("127.0.0.1", m_ports[at]);
+            agent = connectTcp("127.0.0.1", portOf(at));
         } catch (const std::runtime_error&) {
             ::close(client);
             return;
@@ -118,6 +123,11 @@ private:
         m_open.erase(place);
         ::close(client);
         ::close(agent);
+    }
+
+    int portOf(std::size_t at) const {
+        const std::lock_guard lock(m_mutex);
+        return m_ports[at];
     }
 
     static bool pass(int from, int to) {
@@ -149,8 +159,8 @@ private:
         return true;
     }
 
-    const std::vector<int> m_ports;
     mutable std::mutex m_mutex;
+    std::vector<int> m_ports;               // guarded by m_mutex
     std::vector<std::size_t> m_served;      // guarded by m_mutex
     std::list<std::pair<int, int>> m_open;  // guarded by m_mutex
     std::size_t m_losing = 0;               // guarded by m_mutex

@@ -88,6 +88,7 @@ AgentApplication::AgentApplication(QORHost& host, const AgentMemory& memory)
     : m_host(host),
       m_access(!QORRdbms::instance().options().readOnly),
       m_requestMemory(memory.oneRequest),
+      m_bodyLimit(memory.unpackedBody),
       m_memory(memory.allRequests, "all requests together (--memory)") {}
 
 AgentApplication::~AgentApplication() = default;

@@ -27,12 +27,14 @@ namespace QOR {
 
 class QORHost;
 class AgentAudit;
+class QORForwarder;
 struct AgentTrace;
 
 /// How much memory requests may hold, in bytes. What has no room is refused with an error that names the setting.
 struct AgentMemory {
     std::size_t oneRequest = std::size_t{256} << 20;
     std::size_t allRequests = std::size_t{1} << 30;
+    std::size_t unpackedBody = std::size_t{64} << 20;  ///< of a body that came packed
 };
 
 /// How the agent treats those who follow.
@@ -63,6 +65,10 @@ public:
     /// Before the first connection.
     void setFollowing(const AgentFollowSettings& settings) { m_following = settings; }
 
+    /// Before the first connection. \param forwarder outlives the application; null: nothing is sent on
+    void setForwarder(QORForwarder* forwarder) noexcept { m_forwarder = forwarder; }
+    QORForwarder* forwarder() const noexcept { return m_forwarder; }
+
     HttpIdentity identify(const HttpPeer& peer) override;
     HttpPlan plan(const HttpRequest& head, const HttpPeer& peer) override;
     std::unique_ptr<HttpClientHandler> connect(const HttpPeer& peer) override;
@@ -81,6 +87,8 @@ public:
     std::size_t connections() const { return m_connections(); }
     /// All that is known in numbers. The server's thread alone.
     void writeMetrics(PrometheusText& text) const;
+    /// Bytes of a body that came packed, when it is unpacked.
+    std::size_t bodyLimit() const noexcept { return m_bodyLimit; }
     /// An account for the request that comes next.
     QORMemoryAccountPtr newAccount();
 
@@ -94,10 +102,12 @@ private:
     QORChangeWatch m_changes;
     AgentFollowSettings m_following{};
     const std::size_t m_requestMemory;
+    const std::size_t m_bodyLimit;
     QORMemoryBudget m_memory;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };
     std::function<HttpCounts()> m_counts = [] { return HttpCounts(); };
     AgentAudit* m_audit = nullptr;
+    QORForwarder* m_forwarder = nullptr;
     AgentMetrics m_metrics;  // the server's thread's
     const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 };

@@ -4,8 +4,11 @@
 #include <string>
 #include <vector>
 
+#include "QORCommon/QORText.h"
 #include "QORLibLocal/QORVocabulary.h"
+#include "agent/api/AgentApplication.h"
 #include "agent/api/AgentJson.h"
+#include "forward/QORForwarder.h"
 #include "host/QORStatus.h"
 
 namespace QOR {
@@ -81,7 +84,39 @@ void writeServers(JsonWriter& json, const std::vector<QORServerStatus>& servers)
     json.EndArray();
 }
 
-std::string statusText() {
+void writeSecond(JsonWriter& json, std::string_view key, const std::optional<std::int64_t>& second) {
+    writeKey(json, key);
+    second ? json.Int64(*second) : json.Null();
+}
+
+/// What others say comes in whatever bytes.
+std::string readable(const std::string& text) {
+    return isUtf8(text) ? text : quoteText(text, text.size());
+}
+
+void writeForwarding(JsonWriter& json, const QORForwardState& state) {
+    writeKey(json, "forward");
+    json.StartObject();
+    writeMember(json, "target", state.target);
+    writeKey(json, "behind");
+    json.Uint64(state.behind);
+    writeKey(json, "behindSeconds");
+    json.Int64(state.seconds);
+    writeKey(json, "taken");
+    json.Uint64(state.taken);
+    writeKey(json, "refused");
+    json.Uint64(state.refused);
+    writeKey(json, "missing");
+    json.Uint64(state.missing);
+    writeSecond(json, "lastSuccess", state.lastSuccess);
+    writeSecond(json, "lastFailure", state.lastFailure);
+    writeMember(json, "lastError", readable(state.lastError));
+    writeKey(json, "failing");
+    json.Bool(!state.failure.empty());
+    json.EndObject();
+}
+
+std::string statusText(const AgentApplication& application) {
     const QORDatabaseStatus status = readDatabaseStatus();
     return writtenObject([&](JsonWriter& json) {
         writeKey(json, "database");
@@ -96,6 +131,10 @@ std::string statusText() {
         writeKey(json, "unreadable");
         writeUnreadable(json, status.unreadable);
         if (!status.servers.empty()) writeServers(json, status.servers);
+        if (QORForwarder* const forwarder = application.forwarder()) {
+            forwarder->look();
+            writeForwarding(json, forwarder->state());
+        }
     });
 }
 
@@ -107,8 +146,8 @@ HttpReply answerVocabulary(AgentCall&) {
     return reply;
 }
 
-HttpReply answerStatus(AgentCall&) {
-    return {200, statusText()};
+HttpReply answerStatus(AgentCall& call) {
+    return {200, statusText(call.application)};
 }
 
 }  // namespace QOR

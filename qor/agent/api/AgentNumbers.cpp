@@ -8,6 +8,7 @@
 #include "agent/api/AgentApplication.h"
 #include "agent/api/AgentAudit.h"
 #include "agent/api/PrometheusText.h"
+#include "forward/QORForwarder.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
@@ -66,6 +67,19 @@ void writeAudit(PrometheusText& text, const AgentAudit& audit) {
     write(text, "qor_audit_waiting", Type::Gauge, "Lines of the audit that wait to be written.", counts.waiting);
 }
 
+void writeForwarding(PrometheusText& text, const QORForwardState& state) {
+    write(text, "qor_forward_behind", Type::Gauge, "Changes that the other agent has not taken yet.", state.behind);
+    write(text, "qor_forward_behind_seconds", Type::Gauge, "Time since it had taken all of them.",
+          static_cast<std::uint64_t>(state.seconds));
+    write(text, "qor_forward_taken_total", Type::Counter, "Records that it has taken.", state.taken);
+    write(text, "qor_forward_refused", Type::Gauge, "Records that it does not want.", state.refused);
+    write(text, "qor_forward_missing_total", Type::Counter, "Changes that were gone before they could be sent.",
+          state.missing);
+    write(text, "qor_forward_failures_total", Type::Counter, "Attempts that failed.", state.failures);
+    write(text, "qor_forward_last_success_timestamp_seconds", Type::Gauge, "When all went well last; 0: not yet.",
+          static_cast<std::uint64_t>(state.lastSuccess.value_or(0)));
+}
+
 }  // namespace
 
 void AgentApplication::writeMetrics(PrometheusText& text) const {
@@ -77,6 +91,7 @@ void AgentApplication::writeMetrics(PrometheusText& text) const {
     write(text, "qor_logins_refused_total", Type::Counter, "Requests of clients that were not let in.",
           m_access.refusals());
     if (m_audit != nullptr) writeAudit(text, *m_audit);
+    if (m_forwarder != nullptr) writeForwarding(text, m_forwarder->state());
 }
 
 }  // namespace QOR

@@ -7,6 +7,7 @@
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
 #include "agent/api/AgentJson.h"
+#include "agent/http/HttpGunzip.h"
 #include "ingest/QORIngest.h"
 
 namespace QOR {
@@ -79,6 +80,7 @@ AgentProblem problemOf(const QORException& exception) {
         case 404:
         case errOtherContent:
         case errSameRequest:
+        case errTooLarge:
             problem = {.status = static_cast<unsigned>(exception.code()), .detail = exception.message()};
             break;
         default:

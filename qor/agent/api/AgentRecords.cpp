@@ -3,9 +3,12 @@
 #include <cstdint>
 #include <optional>
 
+#include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
 #include "agent/api/AgentAccess.h"
+#include "agent/api/AgentApplication.h"
 #include "agent/api/AgentJson.h"
+#include "agent/http/HttpGunzip.h"
 #include "host/QORRequestNotes.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"
@@ -32,6 +35,8 @@ QORWriteScope scopeOf(const AgentRequester& requester) {
 QORIngestOptions optionsOf(const AgentRequester& requester, const QORWriteScope& scope) {
     QORIngestOptions options;
     if (!requester.fullAccess) options.scope = &scope;
+    const std::string& who = requester.as.empty() ? requester.name : requester.as;
+    if (!who.empty()) options.reporter = who;
     return options;
 }
 
@@ -96,7 +101,10 @@ void writeResult(JsonWriter& json, const QORIngestResult& result) {
 }  // namespace
 
 HttpReply answerRecords(AgentCall& call) {
-    const std::string_view ndjson = call.request.body;
+    HttpUnpackedBody unpacked;
+    const bool packed = isSameWord(call.request.field("Content-Encoding"), "gzip");
+    if (packed) unpacked = gunzip(call.request.body, call.application.bodyLimit());
+    const std::string_view ndjson = packed ? std::string_view(unpacked.text) : call.request.body;
     const std::uint64_t firstLine = call.parameters.number("first-line").value_or(1);
     const std::optional<std::string_view> key = keyOf(call.request);
     std::optional<QORIngestRequest> request;

@@ -57,7 +57,8 @@ constexpr std::array routes{
                .answer = answerRecords,
                .parameters = recordParameters,
                .types = json,
-               .body = recordsBody},
+               .body = recordsBody,
+               .unpacks = true},
     AgentRoute{.path = "/v1/collect",
                .method = "POST",
                .reach = AgentReach::Writers,
@@ -300,6 +301,16 @@ std::optional<HttpReply> refusalOfTypes(const AgentRoute& route, const HttpReque
                                         .found = std::string(request.field("Accept")),
                                         .expected = joined(route.types)});
         return reply;
+    }
+    const std::string_view encoding = request.field("Content-Encoding");
+    const bool plain = encoding.data() == nullptr || isSameWord(encoding, "identity");
+    if (!plain && !(route.unpacks && isSameWord(encoding, "gzip"))) {
+        const std::string expected = route.unpacks ? "gzip" : "none";
+        return problemReply({.status = 415,
+                             .detail = std::string(route.path) + " takes bodies in the encoding " + expected +
+                                       ", not " + quoteText(encoding),
+                             .found = std::string(encoding),
+                             .expected = expected});
     }
     const std::string_view type = request.field("Content-Type");
     if (route.body.empty() || type.data() == nullptr) return std::nullopt;

@@ -41,6 +41,7 @@ struct AgentRoute {
     /// How a client asks for another of the types than Accept says: with the parameter `format`.
     bool hasFormat = false;
     std::span<const std::string_view> body{};   ///< types of the body that it reads, the first is the usual one
+    bool unpacks = false;                       ///< it reads bodies that gzip has packed too
     std::span<const AgentParameter> members{};  ///< of the body, where it is an object that is read by them
     /// Whether an answer may be of any size, so that it needs a worker of those for streams. None: never.
     bool (*streams)(const HttpRequest& head, const AgentParameters& parameters) = nullptr;

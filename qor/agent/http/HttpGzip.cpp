@@ -39,6 +39,10 @@ std::string HttpGzip::add(std::string_view text) {
     return run(text, Z_SYNC_FLUSH);
 }
 
+std::string HttpGzip::put(std::string_view text) {
+    return run(text, Z_NO_FLUSH);
+}
+
 std::string HttpGzip::finish(std::string_view text) {
     return run(text, Z_FINISH);
 }

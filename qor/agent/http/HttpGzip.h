@@ -1,5 +1,5 @@
 /// \file
-/// Answers made smaller on their way.
+/// Texts made smaller on their way.
 #pragma once
 
 #include <memory>
@@ -20,6 +20,8 @@ public:
 
     /// What a reader needs to have all that was added so far: he does not wait for what comes later.
     std::string add(std::string_view text);
+    /// Takes a piece without regard to readers. \returns what there is of the whole so far and has not been returned
+    std::string put(std::string_view text);
     /// The end of it, behind a last piece. Nothing may be added any more.
     std::string finish(std::string_view text = {});
 

@@ -457,8 +457,8 @@ std::vector<QORViewColumn> AgentBackend::views() {
 }
 
 BackendStatus AgentBackend::status() {
-    const QORDatabaseStatus database = readStatusReply(exchange({"GET", "/v1/status"}));
-    return {readHealthReply(exchange({"GET", "/v1/health"})), database};
+    const std::string status = exchange({"GET", "/v1/status"});
+    return {readHealthReply(exchange({"GET", "/v1/health"})), readForwardingReply(status), readStatusReply(status)};
 }
 
 std::vector<QORCheckFinding> AgentBackend::check(const std::string& part, bool mend) {

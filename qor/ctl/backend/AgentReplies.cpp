@@ -173,6 +173,20 @@ QORDatabaseStatus readStatusReply(std::string_view json) {
     return status;
 }
 
+std::optional<AgentForwarding> readForwardingReply(std::string_view json) {
+    const Document document = parse(json, "database");
+    const Value* const forward = find(document, "forward");
+    if (forward == nullptr) return std::nullopt;
+    const auto second = [&](const char* name) -> std::optional<std::int64_t> {
+        const Value& value = member(*forward, name);
+        return value.IsInt64() ? std::optional(value.GetInt64()) : std::nullopt;
+    };
+    return AgentForwarding{
+        textOf(member(*forward, "target")),   numberOf(*forward, "behind"), numberOf(*forward, "behindSeconds"),
+        numberOf(*forward, "refused"),        second("lastSuccess"),        second("lastFailure"),
+        textOf(member(*forward, "lastError"))};
+}
+
 std::vector<QORCheckFinding> readCheckReply(std::string_view json) {
     const Document document = parse(json, "findings");
     std::vector<QORCheckFinding> findings;

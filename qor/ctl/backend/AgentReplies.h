@@ -31,6 +31,8 @@ QORPtr<const QORVocMap> readVocabularyReply(std::string_view json);
 /// asked by anybody who must be told.
 bool readAccess(std::string_view json);
 QORDatabaseStatus readStatusReply(std::string_view json);
+/// From the status; nothing of an agent that sends nothing on.
+std::optional<AgentForwarding> readForwardingReply(std::string_view json);
 AgentHealth readHealthReply(std::string_view json);
 std::vector<QORCheckFinding> readCheckReply(std::string_view json);
 Backend::Pruned readPruneReply(std::string_view json);

@@ -45,8 +45,20 @@ struct AgentHealth {
     std::uint64_t uptime = 0;  ///< seconds
 };
 
+/// How an agent does that sends its records on to another one.
+struct AgentForwarding {
+    std::string target;
+    std::uint64_t behind = 0;   ///< changes that have not been taken yet
+    std::uint64_t seconds = 0;  ///< since all had been
+    std::uint64_t refused = 0;  ///< records that the other agent does not want
+    std::optional<std::int64_t> lastSuccess;
+    std::optional<std::int64_t> lastFailure;
+    std::string lastError;
+};
+
 struct BackendStatus {
-    std::optional<AgentHealth> agent;  ///< absent without an agent
+    std::optional<AgentHealth> agent;           ///< absent without an agent
+    std::optional<AgentForwarding> forwarding;  ///< of an agent that does it
     QORDatabaseStatus database;
 };
 

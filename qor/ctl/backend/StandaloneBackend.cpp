@@ -163,7 +163,7 @@ QORPtr<const QORVocMap> StandaloneBackend::vocabulary() {
 
 BackendStatus StandaloneBackend::status() {
     try {
-        return {std::nullopt, readDatabaseStatus()};
+        return {std::nullopt, std::nullopt, readDatabaseStatus()};
     } catch (const std::exception& error) {
         throw CtlError::answered(errFailure, error.what());
     }

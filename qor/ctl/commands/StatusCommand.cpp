@@ -1,5 +1,6 @@
 #include <array>
 
+#include "QORCommon/QORTime.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 
@@ -41,6 +42,17 @@ void addDocuments(StatusLines& lines, const QORDatabaseStatus& database) {
         lines.add("unreadable in " + column.table + '.' + column.column, column.count);
 }
 
+void addForwarding(StatusLines& lines, const AgentForwarding& forwarding) {
+    lines.add("sends records to", forwarding.target);
+    lines.add("records behind", forwarding.behind);
+    lines.add("seconds behind", forwarding.seconds);
+    lines.add("records refused there", forwarding.refused);
+    lines.add("last success", forwarding.lastSuccess ? time2str(*forwarding.lastSuccess) : "none yet");
+    if (!forwarding.lastFailure) return;
+    lines.add("last failure", time2str(*forwarding.lastFailure));
+    lines.add("last error", forwarding.lastError);
+}
+
 }  // namespace
 
 void runStatus(const ConnectionOptions& connection, const PrintOptions& print) {
@@ -56,6 +68,7 @@ void runStatus(const ConnectionOptions& connection, const PrintOptions& print) {
     }
     addDatabase(lines, status.database);
     addDocuments(lines, status.database);
+    if (status.forwarding) addForwarding(lines, *status.forwarding);
     printer->end(std::nullopt);
     out.flush();
 }

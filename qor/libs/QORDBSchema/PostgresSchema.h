@@ -30,5 +30,7 @@ extern const QORSchemaStep postgresSequenceFilling;
 extern const QORSchemaStep postgresSequence;
 /// Which server is about to have some of another one's environments.
 extern const QORSchemaStep postgresHandover;
+/// Events' identifiers, who brought a record, and how far records have been sent on to others.
+extern const QORSchemaStep postgresForwarding;
 
 }  // namespace QOR

@@ -22,8 +22,9 @@ constexpr std::array sqliteSteps{
     QORVersionedStep{7, &changeSchema},    QORVersionedStep{8, &serverSchema},  QORVersionedStep{9, &countingSchema},
     QORVersionedStep{10, &identitySchema}, QORVersionedStep{11, &commitSchema}, QORVersionedStep{12, &secretSchema},
     QORVersionedStep{13, &sequenceSchema}, QORVersionedStep{14, &writerSchema}, QORVersionedStep{15, &handoverSchema},
+    QORVersionedStep{16, &forwardSchema},
 };
-constexpr std::array<std::string_view, 2> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX "};
+constexpr std::array<std::string_view, 3> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX ", "CREATE UNIQUE INDEX "};
 
 bool isThereInSqlite(ASSession& session, const QORSchemaPart& part) {
     ASStatement& select = session.prepare("SELECT 1 FROM sqlite_master WHERE name = ? AND sql = ?");
@@ -42,7 +43,7 @@ constexpr std::array postgresSteps{
     QORVersionedStep{9, &postgresCounting},  QORVersionedStep{10, &postgresIdentities},
     QORVersionedStep{11, &postgresCommits},  QORVersionedStep{12, &postgresSecrets},
     QORVersionedStep{13, &postgresSequence}, QORVersionedStep{14, &writerSchema},
-    QORVersionedStep{15, &postgresHandover},
+    QORVersionedStep{15, &postgresHandover}, QORVersionedStep{16, &postgresForwarding},
 };
 static_assert(sqliteSteps.back().version == postgresSteps.back().version);
 constexpr std::array<std::string_view, 5> postgresParts{

@@ -48,5 +48,7 @@ extern const QORSchemaStep sequenceSchema;
 extern const QORSchemaStep writerSchema;
 /// Nothing: a file's records are not spread over servers.
 extern const QORSchemaStep handoverSchema;
+/// Events' identifiers, who brought a record, and how far records have been sent on to others.
+extern const QORSchemaStep forwardSchema;
 
 }  // namespace QOR

@@ -17,19 +17,34 @@ constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORSchemaTables";
 
 /// A database's own. Who may see what is in it is decided anew where a copy lies: whoever can read a database can
 /// copy it; what a copy signs it signs with a secret of its own.
-constexpr std::array<std::string_view, 26> ownTables{"qor_change",         "qor_environment_change",
-                                                     "qor_schema_version", "qor_database",
-                                                     "qor_copy",           "qor_operation_change",
-                                                     "qor_event_change",   "qor_log_replaced",
-                                                     "qor_server",         "qor_placement",
-                                                     "qor_touched_server", "qor_held",
-                                                     "qor_followed",       "qor_removal",
-                                                     "qor_moved",          "qor_count_due",
-                                                     "qor_identity",       "qor_identity_environment",
-                                                     "qor_token",          "qor_identity_change",
-                                                     "qor_commit",         "qor_secret",
-                                                     "qor_record_number",  "qor_record_change",
-                                                     "qor_record_due",     "qor_handover"};
+constexpr std::array<std::string_view, 28> ownTables{"qor_change",
+                                                     "qor_environment_change",
+                                                     "qor_schema_version",
+                                                     "qor_database",
+                                                     "qor_copy",
+                                                     "qor_operation_change",
+                                                     "qor_event_change",
+                                                     "qor_log_replaced",
+                                                     "qor_server",
+                                                     "qor_placement",
+                                                     "qor_touched_server",
+                                                     "qor_held",
+                                                     "qor_followed",
+                                                     "qor_removal",
+                                                     "qor_moved",
+                                                     "qor_count_due",
+                                                     "qor_identity",
+                                                     "qor_identity_environment",
+                                                     "qor_token",
+                                                     "qor_identity_change",
+                                                     "qor_commit",
+                                                     "qor_secret",
+                                                     "qor_record_number",
+                                                     "qor_record_change",
+                                                     "qor_record_due",
+                                                     "qor_handover",
+                                                     "qor_forward_position",
+                                                     "qor_forward_refused"};
 
 struct TypeKind {
     std::string_view type;

@@ -18,6 +18,7 @@ struct Column {
 };
 
 constexpr std::string_view security = "row security; the object is `eid`";
+constexpr std::string_view reporter = "the identity that brought the record";
 
 constexpr Column environmentColumns[] = {
     {"eid", "identifier"},
@@ -43,6 +44,7 @@ constexpr Column environmentColumns[] = {
     {"updated", "when the record was stored"},
     {"securityOperation_1", security},
     {"securableObjId", security, "eid"},
+    {"reporter", reporter},
 };
 constexpr Column operationColumns[] = {
     {"id", "identifier"},
@@ -56,6 +58,7 @@ constexpr Column operationColumns[] = {
     {"message", "the info document, as XML"},
     {"securityOperation_2", security},
     {"securableObjId", security, "eid"},
+    {"reporter", reporter},
 };
 constexpr Column eventColumns[] = {
     {"id", "number in the order of arrival", "seq"},
@@ -66,6 +69,7 @@ constexpr Column eventColumns[] = {
     {"info", "the info document, as XML"},
     {"securityOperation_3", security},
     {"securableObjId", security, "eid"},
+    {"reporter", reporter},
 };
 constexpr Column backupColumns[] = {
     {"id", "identifier"},
@@ -80,6 +84,7 @@ constexpr Column backupColumns[] = {
     {"info", "the info document, as XML in bytes; cannot be compared"},
     {"securityOperation_4", security},
     {"securableObjId", security, "eid"},
+    {"reporter", reporter},
 };
 
 struct View {

@@ -30,7 +30,7 @@ public:
         return *this;
     }
     QORBinder& integer(const std::optional<std::int64_t>& value) { return value ? integer(*value) : null(); }
-    QORBinder& eid(const QOREID& value) { return value.isValid() ? text(value.toString()) : null(); }
+    QORBinder& eid(const QORGUIDBase& value) { return value.isValid() ? text(value.toString()) : null(); }
     QORBinder& time(std::int64_t seconds) { return text(time2dbstr(seconds)); }
     QORBinder& time(const std::optional<std::int64_t>& seconds) { return seconds ? time(*seconds) : null(); }
     QORBinder& bytes(const std::optional<std::string>& value) {

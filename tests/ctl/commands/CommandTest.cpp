@@ -117,9 +117,9 @@ TEST_P(Command, FieldsStandBetweenCommasBehindTheView) {
 
 TEST_P(Command, AStarIsAllColumnsOfTheView) {
     const std::string all = outputOf({"select", "vEventLog", "-f", "*", "-o", "csv"});
-    EXPECT_EQ(all, "id,time,eid,source,category,info,securityOperation_3,securableObjId\r\n");
+    EXPECT_EQ(all, "id,time,eid,source,category,info,securityOperation_3,securableObjId,reporter\r\n");
     EXPECT_EQ(outputOf({"select", "vEventLog", "-f", "time,*", "-o", "csv"}),
-              "time,id,eid,source,category,info,securityOperation_3,securableObjId\r\n");
+              "time,id,eid,source,category,info,securityOperation_3,securableObjId,reporter\r\n");
     EXPECT_THAT(run({"select", "vNone", "-f", "*"}).err, HasSubstr("invalid view \"vNone\""));
 }
 

@@ -386,7 +386,7 @@ TEST(QORDBSchemaTest, ViewsHaveTypedColumns) {
         {"vBackupInfo",
          {"id nvarchar 128", "eid uniqueidentifier 0", "storage_eid uniqueidentifier 0", "time datetime 0",
           "size bigint 0", "type int 0", "description nvarchar 0", "name nvarchar 255", "hostname nvarchar 255",
-          "info image 0", "securityOperation_4 int 0", "securableObjId uniqueidentifier 0"}},
+          "info image 0", "securityOperation_4 int 0", "securableObjId uniqueidentifier 0", "reporter nvarchar 255"}},
         {"vEnvironment",
          {"eid uniqueidentifier 0",
           "parent_eid uniqueidentifier 0",
@@ -410,14 +410,16 @@ TEST(QORDBSchemaTest, ViewsHaveTypedColumns) {
           "virtual_config nvarchar 0",
           "updated datetime 0",
           "securityOperation_1 int 0",
-          "securableObjId uniqueidentifier 0"}},
+          "securableObjId uniqueidentifier 0",
+          "reporter nvarchar 255"}},
         {"vEventLog",
          {"id bigint 0", "time datetime 0", "eid uniqueidentifier 0", "source nvarchar 255", "category nvarchar 128",
-          "info nvarchar 0", "securityOperation_3 int 0", "securableObjId uniqueidentifier 0"}},
+          "info nvarchar 0", "securityOperation_3 int 0", "securableObjId uniqueidentifier 0",
+          "reporter nvarchar 255"}},
         {"vOpLog",
          {"id nvarchar 128", "parent_id nvarchar 128", "op nvarchar 128", "status int 0", "time datetime 0",
           "eid uniqueidentifier 0", "package nvarchar 255", "version nvarchar 128", "message nvarchar 0",
-          "securityOperation_2 int 0", "securableObjId uniqueidentifier 0"}},
+          "securityOperation_2 int 0", "securableObjId uniqueidentifier 0", "reporter nvarchar 255"}},
     };
     QORRdbmsTran tran(ASAccess::Read);
     std::vector<std::string> found;

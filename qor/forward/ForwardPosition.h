@@ -1,0 +1,49 @@
+/// \file
+/// How far records have been sent on, kept beside them.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "QORCommon/QORGuid.h"
+#include "QORLibAgent/QORRecordChanges.h"
+
+namespace QOR {
+
+/// A record that the other agent does not want, and why.
+struct ForwardRefused {
+    QORRecordChange record{};
+    std::string reason{};
+};
+
+/// What is known in the process's database of one target. Used by one thread at a time. \throws AException from every
+/// method
+class ForwardPosition {
+public:
+    /// What is kept of refused records at most; then those that were refused first are forgotten.
+    static constexpr std::size_t mostRefused = 10'000;
+
+    explicit ForwardPosition(std::string target) : m_target(std::move(target)) {}
+
+    QORChangePosition read() const;
+    /// What events get their identifiers from: made once for a database, and kept by its copies.
+    static QORGUIDBase stream();
+    /// Everything up to there has been taken, but for what was refused.
+    void store(const QORChangePosition& position, const std::vector<ForwardRefused>& refused) const;
+
+    std::uint64_t countRefused() const;
+    /// Those that were refused first.
+    std::vector<ForwardRefused> refused(std::size_t most) const;
+    /// They have been sent again: `again` those that are still refused.
+    void settle(const std::vector<ForwardRefused>& sent, const std::vector<ForwardRefused>& again) const;
+
+private:
+    void note(ASSession& session, const std::vector<ForwardRefused>& refused) const;
+
+    const std::string m_target;
+};
+
+}  // namespace QOR
