@@ -181,7 +181,7 @@ TEST_F(LogUpkeepTest, TheHostsOwnConnectionsCountStatementsThatDoNotSayThatTheyC
     fill();
     runSql("DELETE FROM qor_operation WHERE seq % 3 = 0");
     runSql("UPDATE qor_operation SET eid = '" + guid(9) + "' WHERE seq % 7 = 0");
-    store({QOREventRecord{5, eidOf(1), "x", "env_status", {}}});
+    store({QOREventRecord{{}, {}, 5, eidOf(1), "x", "env_status", {}}});
     runSql("UPDATE qor_event SET category = 'resource_alert' WHERE seq % 7 = 0");
     expectCountersAgree();
     expectPagesAsPlainSql();
