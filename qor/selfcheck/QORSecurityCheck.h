@@ -37,6 +37,7 @@ struct QORSecurityReport {
     std::map<std::string, std::size_t> operators;  ///< requests to each
     std::map<std::string, std::size_t> shapes;     ///< requests that had each
     std::map<std::string, std::size_t> errors;     ///< texts of errors that both answered, literals left out
+    std::size_t unsettled = 0;  ///< could not be compared: others wrote what they ask about at each attempt
     std::size_t different = 0;
     std::vector<QORSecurityDifference> differences;  ///< the first few
 };
@@ -47,7 +48,8 @@ bool isSameAnswer(const std::string& left, const std::string& right, bool ordere
 /// Makes of the database a part for each of some clients, and asks. A file of SQLite is only read; it is copied into a
 /// private folder first. A database on a server is asked where it is, and has the parts one after the other in a schema
 /// of its own, "qor_check_...", which the role must be allowed to create; what differs there is asked again of a part
-/// made anew, so that what others write meanwhile does not count. The process must host nothing else: it is the whole
+/// made anew, so that what others write meanwhile does not count: where they write at every attempt, a request remains
+/// unsettled. The process must host nothing else: it is the whole
 /// host for that time. \throws QORException when the database cannot be read or copied, or nothing in it can be asked;
 /// AException
 QORSecurityReport checkSecurity(const std::string& connectionString, const QORSecurityCheckOptions& options);

@@ -40,6 +40,10 @@ void print(const QORSecurityReport& report, FileOutput& out) {
         line("  the client was answered " + shown(difference.restricted));
         line("  and should have been    " + shown(difference.expected));
     }
+    if (report.unsettled > 0) {
+        line(std::to_string(report.unsettled) +
+             " requests could not be compared: others wrote what they ask about at every attempt");
+    }
     line(std::to_string(report.different) + " answers differ from what the client's own rows give");
 }
 
