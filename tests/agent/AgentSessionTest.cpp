@@ -66,10 +66,10 @@ protected:
         if (answer.headers["connection"] == "close") client.close();
         return answer.status;
     }
-    /// On a connection of its own.
+    /// On a connection of its own, from an address that has never been refused.
     int once(const std::string& method, const std::string& target, const std::string& headers,
              const std::string& body = {}) const {
-        HttpClient fresh = connect(agent);
+        HttpClient fresh(connectTcp("127.0.0.1", portOf(agent, "http"), unusedLoopbackAddress()));
         return status(fresh, method, target, headers, body);
     }
     static constexpr const char* select =

@@ -3,6 +3,7 @@
 /// proper client would.
 #pragma once
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -38,8 +40,17 @@ public:
     virtual void finishSending() = 0;
 };
 
+/// An address of this machine that no client of this process has come from: who is refused is slowed down by his
+/// address.
+inline std::string unusedLoopbackAddress() {
+    static std::atomic<int> last{1};
+    const int next = ++last;
+    return "127.0." + std::to_string(next / 250) + '.' + std::to_string(next % 250 + 1);
+}
+
 /// A connected TCP socket. Closing it resets the connection, as a client ends that has gone for good.
-inline int connectTcp(const std::string& host, int port) {
+/// \param from this machine's IPv4 address that it comes from; empty: as the system chooses
+inline int connectTcp(const std::string& host, int port, const std::string& from = {}) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICHOST;
@@ -50,6 +61,13 @@ inline int connectTcp(const std::string& host, int port) {
     const int made = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const linger reset{1, 0};
     ::setsockopt(made, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    sockaddr_in source{};
+    source.sin_family = AF_INET;
+    if (!from.empty() && (::inet_pton(AF_INET, from.c_str(), &source.sin_addr) != 1 ||
+                          ::bind(made, reinterpret_cast<const sockaddr*>(&source), sizeof source) != 0)) {
+        ::close(made);
+        throw std::runtime_error("cannot come from " + from);
+    }
     if (::connect(made, found->ai_addr, found->ai_addrlen) == 0) return made;
     const std::string reason = std::strerror(errno);
     ::close(made);
