@@ -544,7 +544,9 @@ template <class Write>
 void ASTypedTerms::numberIn(const Write& text) {
     m_builder.append("CASE WHEN ");
     text();
-    m_builder.append(std::string(" ~ ") + numberPattern + " THEN CAST(");
+    m_builder.append(" ~ ");
+    m_builder.append(numberPattern);
+    m_builder.append(" THEN CAST(");
     text();
     m_builder.append(" AS numeric) WHEN ");
     text();

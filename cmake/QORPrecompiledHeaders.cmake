@@ -1,0 +1,34 @@
+# qor_precompile(<folder> ...): the targets made in these folders and below are compiled with the standard headers that
+# most sources include, compiled once: a fifth of what the compiler does. Sources go on to include what they use; the lint
+# compiles them without.
+set(QOR_PRECOMPILED
+    <algorithm> <array> <atomic> <chrono> <condition_variable> <cstdint> <cstring> <filesystem> <functional> <map> <memory>
+    <mutex> <optional> <set> <sstream> <stdexcept> <string> <string_view> <thread> <unordered_map> <utility> <variant>
+    <vector>)
+
+# One for libraries and one for programs, which the compiler is given other options for.
+function(qor_precompiled_headers)
+  file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/precompiled/main.cpp CONTENT "int main() {}\n")
+  add_library(qor_library_headers OBJECT EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/precompiled/main.cpp)
+  add_executable(qor_program_headers EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/precompiled/main.cpp)
+  foreach(target qor_library_headers qor_program_headers)
+    target_link_libraries(${target} PRIVATE qor_flags)
+    target_precompile_headers(${target} PRIVATE ${QOR_PRECOMPILED})
+  endforeach()
+endfunction()
+
+function(qor_precompile)
+  foreach(folder ${ARGN})
+    get_property(targets DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
+    foreach(target ${targets})
+      get_target_property(kind ${target} TYPE)
+      if(kind STREQUAL "EXECUTABLE")
+        target_precompile_headers(${target} REUSE_FROM qor_program_headers)
+      elseif(NOT kind MATCHES "INTERFACE|UTILITY")
+        target_precompile_headers(${target} REUSE_FROM qor_library_headers)
+      endif()
+    endforeach()
+    get_property(below DIRECTORY ${folder} PROPERTY SUBDIRECTORIES)
+    qor_precompile(${below})
+  endforeach()
+endfunction()
