@@ -41,7 +41,7 @@ FROM qor_operation)sql",
     id, time, eid, source, category, info,
     security_operation AS "securityOperation_3", eid AS "securableObjId", reporter
 FROM qor_event)sql",
-    "CREATE TABLE qor_forward_stream (id uniqueidentifier NOT NULL PRIMARY KEY)",
+    "CREATE TABLE qor_forward_stream (id uniqueidentifier NOT NULL PRIMARY KEY) WITHOUT ROWID",
     R"sql(CREATE TABLE qor_forward_position (
     target nvarchar(255) NOT NULL,
     server nvarchar(128) NOT NULL,
