@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <type_traits>
 #include <utility>
@@ -31,6 +32,11 @@ constexpr std::size_t largestBuffer = 1024;
 constexpr std::size_t firstPiece = 64 * 1024;
 // What one statement keeps between two runs; a longer value's memory is given back.
 constexpr std::size_t keptBytes = 64 * 1024;
+
+// Unless the environment names the clients' encoding, PostgreSQL's driver takes it from the process's locale, which it
+// sets anew for every connection: two threads that connect at once read each other's freed name. It is UTF-8 in any
+// case. Set when the library is loaded, before there are threads.
+[[maybe_unused]] const int encodingOfClients = ::setenv("PGCLIENTENCODING", "UTF8", 1);
 
 struct Diagnosis {
     std::string state;
