@@ -16,6 +16,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "support/TemporaryDirectory.h"
+
 namespace QOR::test {
 namespace {
 
@@ -153,8 +155,7 @@ PostgresServer::PostgresServer(int port) : m_port(port) {
         throw std::runtime_error("there is no PostgreSQL in " + std::string(programs) +
                                  ": its tests need the packages that ./test installs");
     }
-    m_folder = "/tmp/qor-test-XXXXXX";
-    if (::mkdtemp(m_folder.data()) == nullptr) throw std::runtime_error("cannot make a temporary folder");
+    m_folder = makeTemporaryFolder();
     std::vector<std::string> command{"sh",     "-c",     keeperScript, "keeper",
                                      programs, m_folder, user,         std::to_string(m_port)};
     if (::geteuid() == 0) {

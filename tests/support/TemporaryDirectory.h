@@ -9,14 +9,18 @@
 
 namespace QOR::test {
 
-/// An empty folder, removed with everything in it at the end. Its path is short enough for sockets.
+/// Makes an empty folder for its user alone, where the environment (TMPDIR) wants such folders. Its path is short enough
+/// for sockets. \throws std::exception when there can be none
+inline std::string makeTemporaryFolder() {
+    std::string name = (std::filesystem::temp_directory_path() / "qor-test-XXXXXX").string();
+    if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make a temporary folder " + name);
+    return name;
+}
+
+/// An empty folder, removed with everything in it at the end.
 class TemporaryDirectory {
 public:
-    TemporaryDirectory() {
-        std::string name = "/tmp/qor-test-XXXXXX";
-        if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make a temporary folder");
-        m_path = name;
-    }
+    TemporaryDirectory() : m_path(makeTemporaryFolder()) {}
     ~TemporaryDirectory() {
         std::error_code ignored;
         std::filesystem::remove_all(m_path, ignored);
