@@ -133,11 +133,13 @@ TEST_F(FailingDisk, AFailingReadIsSaidUntilOneSucceeds) {
     }
     EXPECT_THAT(HttpClient(agent->socketPath()).post("/v1/records", many).body, HasSubstr(R"("accepted":3000)"));
     fail("read", "");
-    EXPECT_THAT(HttpClient(agent->socketPath())
-                    .message(R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],)"
-                             R"([1741,"info"],[1742,[[2231,[[1741,"info"],[1018,"%none%"]]]]]]]})"),
-                HasSubstr("error"));
-    EXPECT_THAT(health(), HasSubstr(R"("status":"failing")"));
+    // What the agent itself reads now and then, from memory, succeeds in between and ends the fault.
+    do {
+        EXPECT_THAT(HttpClient(agent->socketPath())
+                        .message(R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],)"
+                                 R"([1741,"info"],[1742,[[2231,[[1741,"info"],[1018,"%none%"]]]]]]]})"),
+                    HasSubstr("error"));
+    } while (health().find(R"("status":"failing")") == std::string::npos);
     work();
     EXPECT_THAT(read(), HasSubstr("before"));
     // What the agent itself began to read when nothing could be read may fail after that: the next that is read is
