@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <chrono>
-#include <ctime>
+#include <algorithm>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/AgentProcess.h"
@@ -78,6 +76,26 @@ protected:
         const std::string output = agent.output();
         const int socket = connectTcp("127.0.0.1", std::stoi(output.substr(output.find(text) + text.size())));
         return HttpClient(socket, std::make_unique<TlsWire>(socket, files));
+    }
+
+    /// Sends requests of which there are more than the system keeps, and looks at the answers: of one connection over
+    /// TLS a single thread sends and receives. \param meanwhile when nothing has been received yet
+    template <class Meanwhile, class Look>
+    static void pipeline(HttpClient& client, const std::vector<std::string>& requests, Meanwhile meanwhile, Look look) {
+        constexpr std::size_t ahead = 200;  // requests that have not been answered; the system keeps so many
+        std::size_t sent = 0;
+        const auto sendUpTo = [&](std::size_t end) {
+            std::string some;
+            for (; sent < std::min(end, requests.size()); ++sent)
+                some += requests[sent];
+            client.send(some);
+        };
+        sendUpTo(ahead);
+        meanwhile();
+        for (std::size_t request = 0; request < requests.size(); ++request) {
+            look(request, client.receive());
+            sendUpTo(request + 1 + ahead);
+        }
     }
 
     /// One who has come before, and one who comes now, with a request that takes a worker.
@@ -194,15 +212,14 @@ TEST_P(HostileClients, WhoSendTwoRequestsInOneSendNone) {
 
 TEST_P(HostileClients, FloodsOfRequestsAreAnsweredInOrderBesideOthers) {
     HttpClient client = connect();
-    std::string flood;
-    constexpr int requests = 2000;
-    for (int request = 0; request < requests; ++request)
-        flood += HttpClient::compose("GET", request % 2 == 0 ? "/v1/views" : "/nothing", {}, honestToken);
-    std::thread sending([&] { client.send(flood); });
-    expectHonestIsAnswered();
-    for (int request = 0; request < requests; ++request)
-        ASSERT_EQ(client.receive().status, request % 2 == 0 ? 200 : 404) << request;
-    sending.join();
+    std::vector<std::string> flood;
+    for (int request = 0; request < 2000; ++request)
+        flood.push_back(HttpClient::compose("GET", request % 2 == 0 ? "/v1/views" : "/nothing", {}, honestToken));
+    pipeline(
+        client, flood, [this] { expectHonestIsAnswered(); },
+        [](std::size_t request, const HttpAnswer& answer) {
+            EXPECT_EQ(answer.status, request % 2 == 0 ? 200 : 404) << request;
+        });
 }
 
 TEST_P(HostileClients, BrokenTextsAreRefusedWhereverTheyBreak) {
@@ -255,20 +272,18 @@ TEST_P(HostileClients, EachAnswerIsThatOfTheIdentityThatItsRequestShowed) {
     const std::string tokens[] = {readers[0], readers[1], honestToken};
     const char* const seen[] = {"1", "2", "12"};
     HttpClient client = connect();
-    std::string requests;
-    constexpr std::size_t number = 300;
-    for (std::size_t request = 0; request < number; ++request)
-        requests += HttpClient::compose("POST", "/v1/messages", select(R"(,[1743,[[1741,"source"]]])"),
-                                        tokens[request * 7 % 3]);
-    std::thread sending([&] { client.send(requests); });
-    for (std::size_t request = 0; request < number; ++request) {
-        const HttpAnswer answer = client.receive();
-        std::string digits;
-        for (std::size_t at = 0; (at = answer.body.find("\"of ", at)) != std::string::npos; ++at)
-            digits += answer.body[at + 4];
-        EXPECT_EQ(digits, seen[request * 7 % 3]) << request;
-    }
-    sending.join();
+    std::vector<std::string> requests;
+    for (std::size_t request = 0; request < 300; ++request)
+        requests.push_back(HttpClient::compose("POST", "/v1/messages", select(R"(,[1743,[[1741,"source"]]])"),
+                                               tokens[request * 7 % 3]));
+    pipeline(
+        client, requests, [] {},
+        [&](std::size_t request, const HttpAnswer& answer) {
+            std::string digits;
+            for (std::size_t at = 0; (at = answer.body.find("\"of ", at)) != std::string::npos; ++at)
+                digits += answer.body[at + 4];
+            EXPECT_EQ(digits, seen[request * 7 % 3]) << request;
+        });
     expectHonestIsAnswered();
 }
 

@@ -6,6 +6,7 @@
 #include <openssl/ssl.h>
 #include <signal.h>
 
+#include <cerrno>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -48,6 +49,7 @@ public:
         return ::SSL_write(m_tls.get(), bytes, static_cast<int>(size));
     }
     ssize_t receive(char* bytes, std::size_t size) override {
+        errno = 0;  // a failure of the library's own leaves it as it was
         const int got = ::SSL_read(m_tls.get(), bytes, static_cast<int>(size));
         m_saidGoodbye = ::SSL_get_error(m_tls.get(), got) == SSL_ERROR_ZERO_RETURN;
         ::ERR_clear_error();

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
@@ -173,6 +174,10 @@ protected:
     HttpServing() {
         options.listen = {over == Over::Unix ? unixAddress(directory / "http.sock")
                                              : QORAgentAddress{scheme(over), {}, "127.0.0.1", 0}};
+        // On a busy machine a client may be slow without meaning it. Tests of a time set that one.
+        for (std::chrono::milliseconds* time : {&options.handshakeTimeout, &options.headerTimeout, &options.bodyTimeout,
+                                                &options.writeTimeout, &options.deadline, &options.bodyWait})
+            *time = std::chrono::minutes(10);
         if (over != Over::Tls) return;
         const TestCertificates& files = certificates();
         options.certificates =

@@ -71,11 +71,10 @@ TEST_F(HttpServerTest, PipelinedRequestsAreAnsweredInOrder) {
     for (int number = 0; number < 200; ++number) {
         requests += HttpClient::compose("POST", "/" + std::to_string(number), std::string(100, 'p'));
     }
-    std::thread sender([&] { client.send(requests); });
+    client.send(requests);  // no more than the system keeps for a server that does not read on
     for (int number = 0; number < 200; ++number) {
         EXPECT_THAT(client.receive().body, StartsWith("POST /" + std::to_string(number) + " "));
     }
-    sender.join();
 }
 
 TEST_F(HttpServerTest, ChunkedBodiesAreReadWhole) {

@@ -255,7 +255,7 @@ TEST_F(HttpSharingTest, BodiesThatComeTooSlowlyAreEnded) {
     while (client.send("x"))
         std::this_thread::sleep_for(1ms);
     EXPECT_TRUE(client.isClosed());
-    EXPECT_EQ(connect().post("/", std::string(1'000'000, 'x')).status, 200);
+    EXPECT_EQ(connect().post("/", "x").status, 200) << "what comes at once does not";
 }
 
 TEST_F(HttpSharingTest, LargeBodiesWaitForTheirMemorySmallOnesDoNot) {

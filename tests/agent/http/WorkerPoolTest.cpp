@@ -63,6 +63,7 @@ TEST(WorkerPool, ThereAreAsManyThreadsAsTasksThatRunAndNoMoreThanMayBe) {
 TEST(WorkerPool, ALongTaskGivesWayAndItsThreadComesBack) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root may raise priorities";
     const int before = priority(0);
+    if (before > 9) GTEST_SKIP() << "it has given way already";
     WorkerPool pool(1);
     std::promise<int> started;
     std::atomic<bool> end{false};
