@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "QORMessage/QORBinaryIterator.h"
@@ -129,12 +132,14 @@ TEST_F(Agent, PipelinedMessagesAreAnsweredInOrder) {
 
 TEST_F(Agent, ASlowRequestHoldsUpNobodyElse) {
     HttpClient slow = connect();
-    slow.send(HttpClient::compose("POST", "/v1/messages", probe("sleep", R"([1740,"1000"])")));
-    while (agent.log().find("probe sleeps") == std::string::npos) {
-    }
+    const std::string end = (agent.directory() / "end").string();
+    slow.send(HttpClient::compose("POST", "/v1/messages", probe("wait", "[1740,\"" + end + "\"]")));
+    while (agent.log().find("probe waits") == std::string::npos)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_EQ(connect().get("/v1/health").status, 200);
     EXPECT_EQ(numberOf(connect().message(probe("count")), tag::size), 2) << "the slow one is still there";
-    EXPECT_THAT(slow.receive().body, HasSubstr("slept"));
+    std::ofstream(end) << "";
+    EXPECT_THAT(slow.receive().body, HasSubstr("waited"));
 }
 
 TEST_F(Agent, LargeAnswersArriveWhole) {

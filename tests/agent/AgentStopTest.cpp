@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -32,6 +33,12 @@ AgentSettings withProbe(std::vector<std::string> more = {}) {
 std::string sleepRequest(const std::string& milliseconds) {
     return HttpClient::compose("POST", "/v1/messages",
                                R"({"operator":"probe","request":"sleep","body":[1740,")" + milliseconds + R"("]})");
+}
+
+/// Answered when the file is there.
+std::string waitRequest(const std::filesystem::path& file) {
+    return HttpClient::compose("POST", "/v1/messages",
+                               R"({"operator":"probe","request":"wait","body":[1740,")" + file.string() + R"("]})");
 }
 
 void awaitLog(const AgentProcess& agent, const std::string& text) {
@@ -65,12 +72,13 @@ TEST(AgentStop, IdleClientsDoNotDelayTheEndAndAreDisconnected) {
 }
 
 TEST(AgentStop, ARequestInFlightIsAnsweredAndLaterOnesAreRefused) {
-    AgentProcess agent(withProbe());
+    AgentProcess agent(withProbe({"--grace", "600"}));
     HttpClient open(agent.socketPath());
     open.get("/v1/health");
     HttpClient slow(agent.socketPath());
-    slow.send(sleepRequest("1500"));
-    awaitLog(agent, "probe sleeps");
+    const std::filesystem::path end = agent.directory() / "end";
+    slow.send(waitRequest(end));
+    awaitLog(agent, "probe waits");
     agent.signal(SIGTERM);
     awaitLog(agent, "stopping; 1 requests are in flight");
     const HttpAnswer refused = open.get("/v1/health");
@@ -78,9 +86,10 @@ TEST(AgentStop, ARequestInFlightIsAnsweredAndLaterOnesAreRefused) {
     EXPECT_EQ(refused.headers.at("connection"), "close");
     EXPECT_THAT(refused.body, HasSubstr("the agent is stopping"));
     EXPECT_THROW(HttpClient(agent.socketPath()), std::runtime_error) << "new connections are not taken";
+    std::ofstream(end) << "";
     const HttpAnswer answer = slow.receive();
     EXPECT_EQ(answer.status, 200);
-    EXPECT_THAT(answer.body, HasSubstr("slept"));
+    EXPECT_THAT(answer.body, HasSubstr("waited"));
     expectCleanEnd(agent);
 }
 
@@ -96,7 +105,7 @@ TEST(AgentStop, DisconnectsComeBeforeThePlugInIsUnloaded) {
 TEST(AgentStop, ARequestThatOutlastsTheGraceIsGivenUp) {
     AgentProcess agent(withProbe({"--grace", "0"}));
     HttpClient slow(agent.socketPath());
-    slow.send(sleepRequest("60000"));
+    slow.send(sleepRequest("600000"));
     awaitLog(agent, "probe sleeps");
     EXPECT_EQ(agent.stop(), 1);
     EXPECT_FALSE(std::filesystem::exists(agent.socketPath()));
@@ -108,7 +117,7 @@ TEST(AgentStop, ARequestWhoseClientHasGoneIsNotWaitedForAnyLonger) {
     AgentProcess agent(withProbe({"--grace", "0"}));
     {
         HttpClient slow(agent.socketPath());
-        slow.send(sleepRequest("60000"));
+        slow.send(sleepRequest("600000"));
         awaitLog(agent, "probe sleeps");
     }
     HttpClient(agent.socketPath()).get("/v1/health");
@@ -118,7 +127,7 @@ TEST(AgentStop, ARequestWhoseClientHasGoneIsNotWaitedForAnyLonger) {
 TEST(AgentStop, ASecondSignalEndsTheGrace) {
     AgentProcess agent(withProbe());
     HttpClient slow(agent.socketPath());
-    slow.send(sleepRequest("60000"));
+    slow.send(sleepRequest("600000"));
     awaitLog(agent, "probe sleeps");
     agent.signal(SIGTERM);
     awaitLog(agent, "stopping;");
@@ -127,7 +136,7 @@ TEST(AgentStop, ASecondSignalEndsTheGrace) {
 }
 
 TEST(AgentStop, AClientThatHangsUpDuringItsAnswerIsNoReasonToEnd) {
-    AgentProcess agent(withProbe());
+    AgentProcess agent(withProbe({"--grace", "600"}));
     for (int client = 0; client < 5; ++client) {
         HttpClient hasty(agent.socketPath());
         hasty.send(HttpClient::compose("POST", "/v1/messages",

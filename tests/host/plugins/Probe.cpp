@@ -2,6 +2,7 @@
 // and logs when its client goes.
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -18,11 +19,15 @@ using namespace QOR;
 class Probe final : public QOROperatorAsyncPrototype {
 public:
     Probe() {
-        static const MethodDescriptor methods[] = {
-            method("echo", &Probe::echo, 100, 0),   method("identity", &Probe::identity, 100, 0),
-            method("count", &Probe::count, 100, 0), method("sleep", &Probe::sleep, 100, 0),
-            method("fail", &Probe::fail, 100, 0),   method("throw", &Probe::throwUp, 100, 0),
-            method("rows", &Probe::rows, 100, 0),   {"", nullptr, 0, 0}};
+        static const MethodDescriptor methods[] = {method("echo", &Probe::echo, 100, 0),
+                                                   method("identity", &Probe::identity, 100, 0),
+                                                   method("count", &Probe::count, 100, 0),
+                                                   method("sleep", &Probe::sleep, 100, 0),
+                                                   method("fail", &Probe::fail, 100, 0),
+                                                   method("throw", &Probe::throwUp, 100, 0),
+                                                   method("rows", &Probe::rows, 100, 0),
+                                                   method("wait", &Probe::wait, 100, 0),
+                                                   {"", nullptr, 0, 0}};
         registerMethods(methods);
         ++s_alive;
     }
@@ -90,6 +95,15 @@ private:
         logMessage(1, "Probe", "tests/agent/plugins/Probe", "sleep", "probe sleeps");
         std::this_thread::sleep_for(std::chrono::milliseconds(numberOf(request)));
         response->putValue("slept", answerTag);
+    }
+
+    /// Until a file is there.
+    void wait(QORMessageIterator* request, QORMessageIterator* response) {
+        ++m_requests;
+        logMessage(1, "Probe", "tests/agent/plugins/Probe", "wait", "probe waits");
+        while (!std::filesystem::exists(textOf(request)))
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        response->putValue("waited", answerTag);
     }
 
     void fail(QORMessageIterator* request, QORMessageIterator* response) {
