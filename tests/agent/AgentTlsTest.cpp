@@ -37,19 +37,32 @@ void append(const std::filesystem::path& file, const std::string& text) {
     std::ofstream(file, std::ios::app) << text;
 }
 
-/// Nobody has it at this moment, on the loopback.
-int freePort() {
-    const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (::bind(socket, reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
-        ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-        throw std::runtime_error("there is no free port");
-    ::close(socket);
-    return ntohs(address.sin_port);
-}
+/// A port of the loopback that nobody is given while the object lives. A server that asks for it by number may listen
+/// there, as servers that are started again do.
+class ReservedPort {
+public:
+    ReservedPort() : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const int reuse = 1;
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        if (::setsockopt(m_socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) != 0 ||
+            ::bind(m_socket, reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+            ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+            throw std::runtime_error("there is no free port");
+        m_number = ntohs(address.sin_port);
+    }
+    ~ReservedPort() { ::close(m_socket); }
+    ReservedPort(const ReservedPort&) = delete;
+    ReservedPort& operator=(const ReservedPort&) = delete;
+
+    int number() const noexcept { return m_number; }
+
+private:
+    int m_socket;
+    int m_number = 0;
+};
 
 /// Authorities, and a server's certificate for "localhost" from one of them.
 class Certificates {
@@ -82,7 +95,7 @@ private:
 /// A server that takes passwords over TLS on the loopback.
 class TlsServer {
 public:
-    TlsServer() : m_port(freePort()), m_server(m_port) {
+    TlsServer() : m_server(m_port.number()) {
         PostgresConnection own(m_server.conninfo("postgres"));
         own.run("CREATE ROLE agent LOGIN PASSWORD '" + std::string(password) + "'");
         own.run("CREATE DATABASE records OWNER agent");
@@ -106,16 +119,16 @@ public:
     /// \param authority whose certificate is trusted
     std::string connection(const std::string& more, const std::string& authority = "authority",
                            const std::string& host = "localhost") const {
-        return "Driver=PostgreSQL Unicode;Server=" + host + ";Port=" + std::to_string(m_port) +
+        return "Driver=PostgreSQL Unicode;Server=" + host + ";Port=" + std::to_string(port()) +
                ";Database=records;UID=agent;SSLmode=verify-full;pqopt={sslrootcert=" +
                m_certificates.path(authority + ".crt") + "}" + more;
     }
     std::string withPassword() const { return connection(";PWD=" + std::string(password)); }
-    int port() const { return m_port; }
+    int port() const { return m_port.number(); }
 
 private:
     Certificates m_certificates;
-    int m_port;
+    ReservedPort m_port;
     PostgresServer m_server;
 };
 
@@ -245,7 +258,8 @@ TEST(AgentsPassword, IsNotShownWhereTheCommandLineIsNotUnderstood) {
 }
 
 TEST(AgentWithoutItsServer, EndsAndSaysWhatToDo) {
-    EXPECT_THAT(refusalOf("Driver=PostgreSQL Unicode;Server=127.0.0.1;Port=" + std::to_string(freePort()) +
+    const ReservedPort port;  // at which nobody listens
+    EXPECT_THAT(refusalOf("Driver=PostgreSQL Unicode;Server=127.0.0.1;Port=" + std::to_string(port.number()) +
                           ";Database=records;UID=agent;PWD=" + password),
                 AllOf(HasSubstr("Connection refused"), HasSubstr("start the server, or correct Server and Port"),
                       Not(HasSubstr(password))));
