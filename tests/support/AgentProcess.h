@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -25,7 +26,7 @@ struct AgentSettings {
     std::string database{};           ///< a connection string; default: agent.db in the folder, or a database of the
                                       ///< tests' other engine
     std::filesystem::path socket{};   ///< default: agent.sock in the folder
-    std::vector<std::string> more{};  ///< further arguments
+    std::vector<std::string> more{};  ///< further arguments; where none is --deadline, requests have a long one
 };
 
 /// Starts the agent and waits until it listens; stops it at the end.
@@ -98,7 +99,11 @@ public:
         if (!m_settings.plugIns.empty()) {
             command.insert(command.end(), {"--plugins", m_settings.plugIns.string()});
         }
-        command.insert(command.end(), m_settings.more.begin(), m_settings.more.end());
+        const std::vector<std::string>& more = m_settings.more;
+        command.insert(command.end(), more.begin(), more.end());
+        // A busy machine takes long for large requests, above all under a sanitizer.
+        if (std::find(more.begin(), more.end(), "--deadline") == more.end())
+            command.insert(command.end(), {"--deadline", "600"});
         return command;
     }
 
