@@ -28,4 +28,14 @@ inline std::size_t residentMegabytes(pid_t process) {
     return residentBytes(process) >> 20;
 }
 
+/// The most that it ever had.
+inline std::size_t mostResidentMegabytes(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/status");
+    std::size_t kibibytes = 0;
+    for (std::string word; file >> word && word != "VmHWM:";) {
+    }
+    file >> kibibytes;
+    return kibibytes >> 10;
+}
+
 }  // namespace QOR::test
