@@ -74,7 +74,7 @@ inline int connectTcp(const std::string& host, int port, const std::string& from
     throw std::runtime_error("cannot connect to " + host + ":" + std::to_string(port) + ": " + reason);
 }
 
-/// One connection. Fails by exception; a silence of a minute is a failure.
+/// One connection. Fails by exception; a silence of five minutes is a failure.
 class HttpClient {
 public:
     explicit HttpClient(const std::string& socketPath) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -195,7 +195,7 @@ public:
 
 private:
     void bePatient() const {
-        const timeval patience{60, 0};
+        const timeval patience{300, 0};
         ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         ::setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     }

@@ -207,7 +207,7 @@ void PostgresServer::tell(const std::string& command, const std::string& answer)
 }
 
 void PostgresServer::waitFor(const std::string& answer) {
-    constexpr int patience = 60'000;  // milliseconds; sanitizers and busy machines are slow, a hang must still end
+    constexpr int patience = 300'000;  // milliseconds; sanitizers and busy machines are slow, a hang must still end
     std::string line;
     for (char letter = 0; letter != '\n';) {
         pollfd waiting{m_answers, POLLIN, 0};
