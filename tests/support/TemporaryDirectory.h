@@ -9,8 +9,8 @@
 
 namespace QOR::test {
 
-/// Makes an empty folder for its user alone, where the environment (TMPDIR) wants such folders. Its path is short enough
-/// for sockets. \throws std::exception when there can be none
+/// Makes an empty folder for its user alone, where the environment (TMPDIR) wants such folders. Its path is short
+/// enough for sockets. \throws std::exception when there can be none
 inline std::string makeTemporaryFolder() {
     std::string name = (std::filesystem::temp_directory_path() / "qor-test-XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("cannot make a temporary folder " + name);
