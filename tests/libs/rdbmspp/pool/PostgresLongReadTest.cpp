@@ -62,8 +62,7 @@ TEST_F(PostgresLongRead, RowsAndTheirCountSeeOneState) {
 /// A connection for long results would be opened for one row.
 TEST_F(PostgresLongRead, IsNotWhatOnlyCountsRows) {
     const char* const connections =
-        "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND pid <> pg_backend_pid()"
-        " AND backend_type = 'client backend'";
+        "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND application_name = 'qor'";
     QORRdbmsTran transaction(ASAccess::ReadOne);
     const std::string before = engine().rows(connections).at(0).at(0);
     const auto total = std::make_shared<ASInt64>();
@@ -95,7 +94,7 @@ TEST_F(PostgresLongRead, OneWhoseConnectionIsLostIsAFailure) {
     project(cursor);
     ASSERT_TRUE(cursor.Fetch());
     engine().rows(
-        "SELECT pg_terminate_backend(pid, 10000) FROM pg_stat_activity WHERE datname = current_database()"
+        "SELECT pg_terminate_backend(pid, 60000) FROM pg_stat_activity WHERE datname = current_database()"
         " AND pid <> pg_backend_pid()");
     EXPECT_EQ(failureOf([&] { readOn(cursor); }).failure(), ASFailure::Unreachable);
 }
@@ -119,10 +118,13 @@ TEST_F(PostgresLongRead, EndsWithItsRequest) {
     const auto control = std::make_shared<QORRequestControl>(std::chrono::milliseconds(300));
     const QORRequestScope scope(control);
     const Column value = column(domainOf("endless"), "i", ASType::BigInt);
-    QORRdbmsTran transaction(ASAccess::ReadLong);
-    ASCursor cursor(*transaction);
-    cursor.Filter().Project() << value.attribute;
-    EXPECT_THROW(readOn(cursor), QORException);
+    const auto read = [&] {
+        QORRdbmsTran transaction(ASAccess::ReadLong);
+        ASCursor cursor(*transaction);
+        cursor.Filter().Project() << value.attribute;
+        readOn(cursor);
+    };
+    EXPECT_THROW(read(), QORException);
 }
 
 }  // namespace

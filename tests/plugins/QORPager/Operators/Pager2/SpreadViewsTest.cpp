@@ -7,7 +7,6 @@
 #include <fstream>
 
 #include "QORCommon/QORLogger.h"
-#include "QORCommon/QORRequestControl.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORServers/QORServers.h"
@@ -15,6 +14,7 @@
 #include "support/OperatorClient.h"
 #include "support/Pager2Harness.h"
 #include "support/ShardedPostgres.h"
+#include "support/WaitingRequest.h"
 
 namespace QOR::test {
 namespace {
@@ -305,8 +305,7 @@ TEST_F(SpreadViews, AServerThatHangsIsWaitedForAsLongAsTheRequestMayGoOn) {
     EXPECT_EQ(client.errorOf(needed), "");
     ShardedPostgres::server(3).suspend();
     const auto inTime = [&](const std::string& request) {
-        const QORRequestScope scope(std::make_shared<QORRequestControl>(std::chrono::milliseconds(300)));
-        return client.errorOf(request);
+        return toldWhileWaiting([&] { return client.errorOf(request); }, std::chrono::milliseconds(300));
     };
     // Where home had to connect first, it may be the one that gives up.
     const auto named = AnyOf(HasSubstr("rows of qor_at_s3 were asked for"), HasSubstr("qor_s3"));
