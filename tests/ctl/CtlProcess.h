@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -89,6 +91,23 @@ public:
         std::string line = m_text.substr(0, end);
         m_text.erase(0, end + 1);
         return line;
+    }
+    /// Whether a line of its output is there, waited for so long.
+    bool hasLineWithin(std::chrono::milliseconds time) {
+        const auto until = std::chrono::steady_clock::now() + time;
+        while (m_text.find('\n') == std::string::npos) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+            pollfd waiting{m_out, POLLIN, 0};
+            if (::poll(&waiting, 1, static_cast<int>(std::max(left, std::chrono::milliseconds(0)).count())) == 0 ||
+                !drain(0))
+                return false;
+        }
+        return true;
+    }
+    bool isRunning() const {
+        siginfo_t info{};
+        return ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
     }
     void signal(int number) const { ::kill(m_pid, number); }
 

@@ -33,7 +33,8 @@ std::string recordsOf(int importer) {
 
 TEST(Importers, ManyAtOnceStoreEveryRecordOnceAndNoneIsRefused) {
     const TestDatabase stored;
-    const AgentProcess agent({.database = stored.connectionString()});
+    // Each waits for all others: longer than a request may take by default where a sanitizer makes all of them slow.
+    const AgentProcess agent({.database = stored.connectionString(), .more = {"--deadline", "1000"}});
     const TemporaryDirectory directory;
     DirectDatabase database(stored);
     database.run(

@@ -151,9 +151,9 @@ TEST(LongMaintenance, HasNoDeadlineWhileOtherRequestsHaveOne) {
     settings.more = {"--deadline", "1"};
     const TestDatabase database;
     settings.database = database.connectionString();
+    ASSERT_EQ(runCtl({"sample", "--operations", "10", "--standalone", "--database", settings.database}).status, 0);
     const AgentProcess agent(settings);
     const Words where{"--socket", agent.socketPath()};
-    ASSERT_EQ(runCtl({"sample", "--operations", "10", where[0], where[1]}).status, 0);
     DirectDatabase other(database);
     other.run(oneOf("BEGIN IMMEDIATE", "BEGIN; LOCK TABLE qor_operation IN EXCLUSIVE MODE"));
     std::thread release([&other] {
