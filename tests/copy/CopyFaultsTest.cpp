@@ -40,7 +40,7 @@ protected:
     static void endInTheMiddle(const Place& from, std::unique_ptr<Place>& to, int signal, CtlResult* result = nullptr) {
         for (;;) {
             CtlProcess copying = begin(from, *to);
-            while (to->count("qor_operation") == 0 && to->count("qor_operation_count") == 0)
+            while (to->count("qor_operation") == 0 && to->count("qor_operation_count") == 0 && copying.isRunning())
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             copying.signal(signal);
             CtlResult ended = copying.finish();
@@ -62,8 +62,6 @@ TEST_P(CopyFaults, KilledAtAnyPointItIsGoneOnWithAndNothingIsDoubled) {
     }
     const auto duration =
         std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - began).count();
-    int killed = 0;
-    int inTheMiddle = 0;
     for (int runs = 0; runs < 12; ++runs) {
         CtlProcess copying = begin(filled(), *m_to);
         std::this_thread::sleep_for(std::chrono::microseconds(random() % static_cast<unsigned long>(duration)));
@@ -71,17 +69,13 @@ TEST_P(CopyFaults, KilledAtAnyPointItIsGoneOnWithAndNothingIsDoubled) {
         if (copying.finish().status == 0) {
             EXPECT_EQ(m_to->contents(), filled().contents());
             m_to = std::make_unique<Place>(GetParam());
-            continue;
         }
-        ++killed;
-        if (m_to->count("qor_copy") > 0) ++inTheMiddle;
     }
-    EXPECT_GT(killed, 0);
     if (m_to->count("qor_copy") == 0) endInTheMiddle(filled(), m_to, SIGKILL);
     const CtlResult last = copy(filled(), *m_to);
     EXPECT_EQ(last.status, 0) << last.err;
     EXPECT_EQ(m_to->contents(), filled().contents());
-    EXPECT_EQ(m_to->count("qor_copy"), 0) << inTheMiddle;
+    EXPECT_EQ(m_to->count("qor_copy"), 0);
 }
 
 TEST_P(CopyFaults, InterruptedItSaysThatItGoesOn) {
@@ -282,6 +276,10 @@ TEST(CopyTarget, ThatAnAgentServesOnAServerIsRefusedUntilItIsStopped) {
         EXPECT_EQ(to.count("qor_operation"), 0);
         EXPECT_EQ(to.cell("SELECT count(*) FROM pg_class WHERE relname = 'qor_copy'"), "0");
     }
+    // A server knows a program that has ended for a moment more.
+    while (to.cell("SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND "
+                   "application_name = 'qor'") != "0")
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     const CtlResult result = runCtl({"copy", "--from", from.name(), "--to", to.name()});
     EXPECT_EQ(result.status, 0) << result.err;
 }
@@ -320,13 +318,18 @@ TEST(CopyServer, ThatEndsMeanwhileIsGoneOnWithWhenItIsBack) {
     PostgresServer& server = PostgresServer::shared();
     const Place from(ASEngine::SQLite);
     fillSource(from);
-    const Place to(ASEngine::PostgreSQL);
-    CtlProcess copying = begin(from, to);
-    while (to.count("qor_environment") == 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    server.crash();
-    const CtlResult ended = copying.finish();
-    server.start();
+    auto target = std::make_unique<Place>(ASEngine::PostgreSQL);
+    CtlResult ended;
+    for (;; target = std::make_unique<Place>(ASEngine::PostgreSQL)) {
+        CtlProcess copying = begin(from, *target);
+        while (target->count("qor_environment") == 0 && copying.isRunning())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        server.crash();
+        ended = copying.finish();
+        server.start();
+        if (ended.status != 0) break;  // a copy that was done before the end came is no proof
+    }
+    const Place& to = *target;
     EXPECT_EQ(ended.status, 3) << ended.err;
     EXPECT_THAT(ended.err, HasSubstr(goesOn));
     const CtlResult again = copy(from, to);
