@@ -235,6 +235,7 @@ TEST_F(SpreadIngestTest, ARequestOfSeveralBatchesGoesOnWhereItFailed) {
 }
 
 TEST_F(SpreadIngestTest, AttemptsAtOneRequestAtTheSameTimeStoreItOnceAndAnswerAlike) {
+    bePatient();
     std::string lines;
     for (int i = 0; i < 300; ++i)
         lines += event(i, on(static_cast<unsigned>(i % 3) + 1));
@@ -260,6 +261,7 @@ TEST_F(SpreadIngestTest, AServerThatIsAwayIsNamedAndOthersGoOn) {
 
 // Environments that have moved since the placement was read.
 TEST_F(SpreadIngestTest, WhatAServerNoLongerKeepsGoesToTheOneThatDoes) {
+    bePatient();
     const QOREID moved = on(2);
     const std::string stays = environment(on(1), "t") + event(1, on(1));
     QORServers::instance().placement();

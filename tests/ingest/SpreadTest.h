@@ -78,6 +78,13 @@ protected:
         options.busyTimeoutMs = 1000;
         return options;
     }
+    /// For tests in which somebody is waited for who comes, however long that takes.
+    static void bePatient() {
+        QORServers::instance().close();
+        ASDatabaseOptions patient = options();
+        patient.busyTimeoutMs = 60'000;
+        QORRdbms::instance().configure(patient);
+    }
     static PostgresConnection at(unsigned number) { return PostgresConnection(s_servers->conninfo(number)); }
     static PostgresConnection home() { return PostgresConnection(s_servers->conninfo()); }
     /// The nth environment that a server keeps.

@@ -80,7 +80,10 @@ protected:
     ~PostgresSchema() override { QORRdbms::instance().shutdown(); }
 
     QORSchemaReport open(QORSchemaMode mode = QORSchemaMode::Own, bool readOnly = false) const {
-        return QORDBSchema::open({.connectionString = m_database.connectionString(), .readOnly = readOnly}, mode);
+        // All others may come first.
+        constexpr unsigned patience = 60'000;
+        return QORDBSchema::open(
+            {.connectionString = m_database.connectionString(), .readOnly = readOnly, .busyTimeoutMs = patience}, mode);
     }
     std::string messageOfOpen(QORSchemaMode mode = QORSchemaMode::Own) const {
         try {

@@ -321,7 +321,9 @@ pid_t openInChild(const HostDatabase& database, const int (&startPipe)[2]) {
     }
     int status = 1;
     try {
-        const QORSchemaReport report = database.open();
+        ASDatabaseOptions options = database.options();
+        options.busyTimeoutMs = 60'000;  // all others may come first
+        const QORSchemaReport report = QORDBSchema::open(options, QORSchemaMode::Own);
         QORRdbmsTran tran(ASAccess::Write);
         tran->execute("INSERT INTO qor_event (time, source) VALUES ('2024-01-01 00:00:00', 'child')");
         tran.commit();
