@@ -145,9 +145,9 @@ public:
             const double seconds = wallSeconds([&] { ask(beside); });
             const double used = processorSecondsOf(m_agent->pid()) - before;
             // A short stretch is not measured finely enough to tell how much.
-            check(used > (m_figures.smallest() ? 0.0 : 0.5 * seconds), "the greedy user keeps the agent busy for " +
-                                                                           std::to_string(used) + " of " +
-                                                                           std::to_string(seconds) + " seconds only");
+            check(m_figures.smallest() || used > 0.5 * seconds, "the greedy user keeps the agent busy for " +
+                                                                    std::to_string(used) + " of " +
+                                                                    std::to_string(seconds) + " seconds only");
         }
         print("page of 20, alone", alone);
         print("page of 20, beside a greedy user", beside);
@@ -181,7 +181,7 @@ private:
     void awaitLoad() {
         const double before = processorSecondsOf(m_agent->pid());
         for (int looks = 0; processorSecondsOf(m_agent->pid()) - before < 0.5; ++looks) {
-            check(looks < 1000, "the greedy users do not keep the agent busy");
+            check(looks < 3000, "the greedy users do not keep the agent busy");
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     }

@@ -241,7 +241,7 @@ private:
         std::strncpy(address.sun_path, m_socket.c_str(), sizeof address.sun_path - 1);
         for (int attempt = 0;; ++attempt) {
             if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return socket;
-            check(attempt < 500, "the agent does not listen");
+            check(attempt < 6000, "the agent does not listen");
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
