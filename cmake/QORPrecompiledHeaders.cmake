@@ -6,6 +6,15 @@ set(QOR_PRECOMPILED
     <mutex> <optional> <set> <sstream> <stdexcept> <string> <string_view> <thread> <unordered_map> <utility> <variant>
     <vector>)
 
+# qor_headers(<target> <header> ...): the headers that <target> precompiles, for itself and for those who reuse them.
+function(qor_headers target)
+  target_precompile_headers(${target} PRIVATE ${ARGN})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_LAUNCHER)
+    set_target_properties(${target} PROPERTIES
+      CXX_COMPILER_LAUNCHER "${PROJECT_SOURCE_DIR}/cmake/compile_headers.sh;${CMAKE_CXX_COMPILER_LAUNCHER}")
+  endif()
+endfunction()
+
 # One for libraries and one for programs, which the compiler is given other options for.
 function(qor_precompiled_headers)
   file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/precompiled/main.cpp CONTENT "int main() {}\n")
@@ -13,7 +22,7 @@ function(qor_precompiled_headers)
   add_executable(qor_program_headers EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/precompiled/main.cpp)
   foreach(target qor_library_headers qor_program_headers)
     target_link_libraries(${target} PRIVATE qor_flags)
-    target_precompile_headers(${target} PRIVATE ${QOR_PRECOMPILED})
+    qor_headers(${target} ${QOR_PRECOMPILED})
   endforeach()
 endfunction()
 
