@@ -141,7 +141,7 @@ TEST_F(ConcurrentIngestTest, ABatchWhoseCommitIsLostOnItsWayIsStoredOnce) {
     QOR_ONLY_ON(ASEngine::PostgreSQL);
     PostgresGate gate(PostgresServer::shared().folder());
     const std::string name = connect().cell("SELECT current_database()");
-    open("Driver=PostgreSQL Unicode;Server=" + gate.folder() + ";Port=5432;Database=" + name + ";UID=qor");
+    open(PostgresServer::shared().connectionString(name, gate.folder()));
     gate.loseAnswerTo("COMMIT");
     expectStored(QORIngest().importBatch(events(10)), 10);
     EXPECT_EQ(queryText("SELECT count(*) FROM qor_event"), "10");

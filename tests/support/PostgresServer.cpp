@@ -228,9 +228,9 @@ void PostgresServer::dropDatabase(const std::string& name) {
     PostgresConnection(conninfo("postgres")).run("DROP DATABASE " + name + " WITH (FORCE)");
 }
 
-std::string PostgresServer::connectionString(const std::string& database) const {
-    return "Driver=PostgreSQL Unicode;Server=" + m_folder + ";Port=" + std::to_string(m_port) +
-           ";Database=" + database + ";UID=" + user;
+std::string PostgresServer::connectionString(const std::string& database, const std::string& folder) const {
+    return "Driver=PostgreSQL Unicode;Server=" + folder + ";Port=" + std::to_string(m_port) + ";Database=" + database +
+           ";UID=" + user;
 }
 
 std::string PostgresServer::conninfo(const std::string& database) const {

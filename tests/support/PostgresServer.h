@@ -50,7 +50,9 @@ public:
     /// Drops it, with whoever is connected.
     void dropDatabase(const std::string& name);
     /// What a driver is told to get to a database.
-    std::string connectionString(const std::string& database) const;
+    std::string connectionString(const std::string& database) const { return connectionString(database, m_folder); }
+    /// \param folder where its socket is looked for, which may be somebody's between
+    std::string connectionString(const std::string& database, const std::string& folder) const;
     /// The same for the engine's own library.
     std::string conninfo(const std::string& database) const;
 
@@ -87,6 +89,9 @@ public:
 
     const std::string& name() const noexcept { return m_name; }
     std::string connectionString() const { return PostgresServer::shared().connectionString(m_name); }
+    std::string connectionStringThrough(const std::string& folder) const {
+        return PostgresServer::shared().connectionString(m_name, folder);
+    }
     /// The engine's own connection to it.
     PostgresConnection connect() const { return PostgresConnection(conninfo()); }
     std::string conninfo() const { return PostgresServer::shared().conninfo(m_name); }

@@ -50,8 +50,7 @@ protected:
     void openThrough(const PostgresGate& gate, unsigned patience = 60'000) const {
         ASDatabaseOptions through = options();
         through.busyTimeoutMs = patience;
-        through.connectionString =
-            "Driver=PostgreSQL Unicode;Server=" + gate.folder() + ";Port=5432;Database=" + database.name() + ";UID=qor";
+        through.connectionString = database.connectionStringThrough(gate.folder());
         QORRdbms::instance().configure(through);
     }
     /// Has several connections lie idle.

@@ -22,8 +22,7 @@ protected:
     static void SetUpTestSuite() { QORRdbms::prepareProcess(); }
     void SetUp() override {
         ASDatabaseOptions options;
-        options.connectionString = "Driver=PostgreSQL Unicode;Server=" + m_gate.folder() +
-                                   ";Port=5432;Database=" + m_database.name() + ";UID=qor";
+        options.connectionString = m_database.connectionStringThrough(m_gate.folder());
         QORDBSchema::open(options, QORSchemaMode::Own);
         forgetMetadata();
         // What is known of the views is learned with the first question of a client that may not see all.
