@@ -29,6 +29,14 @@ if(QOR_SANITIZE)
   endif()
 endif()
 
+# qor_mostly_templates(<source> ...): sources that are little beside what they make of other libraries' templates. With a
+# sanitizer, optimising them takes the compiler half a minute and more, which nobody gains by.
+function(qor_mostly_templates)
+  if(QOR_SANITIZE)
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O0 SKIP_PRECOMPILE_HEADERS ON)
+  endif()
+endfunction()
+
 # System headers of the dependencies; their warnings are not ours.
 add_library(qor_odbc INTERFACE)
 target_link_libraries(qor_odbc INTERFACE ODBC::ODBC)

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <regex>
 #include <set>
 #include <string>
@@ -47,7 +48,7 @@ std::vector<Words> commandsOf(const std::string& program) {
     return commands;
 }
 
-std::vector<NumberOption> numberOptions() {
+std::vector<NumberOption> readNumberOptions() {
     static const std::regex option(R"((--[a-z-]+) N\s[^\n]*?(?:\n[^\n]*?)?\(([0-9]+) to ([0-9]+)\))");
     std::vector<NumberOption> options;
     for (const char* program : {"qor-agent", "qorctl"}) {
@@ -62,6 +63,11 @@ std::vector<NumberOption> numberOptions() {
     return options;
 }
 
+const std::vector<NumberOption>& numberOptions() {
+    static const std::vector<NumberOption> options = readNumberOptions();
+    return options;
+}
+
 TEST(NumberOptions, AreFoundInTheHelp) {
     std::string names;
     for (const NumberOption& option : numberOptions())
@@ -73,15 +79,14 @@ TEST(NumberOptions, AreFoundInTheHelp) {
         EXPECT_THAT(names, HasSubstr(name));
 }
 
-std::pair<int, std::string> runWith(const NumberOption& option, const Words& value) {
-    Words command = option.command;
+std::pair<int, std::string> runWith(Words command, const Words& value) {
     command.insert(command.end(), value.begin(), value.end());
     command.emplace_back("--help");
     return runProgram(command);
 }
 
 void expectRefused(const NumberOption& option, const std::string& value, const Words& words) {
-    const auto [status, output] = runWith(option, words);
+    const auto [status, output] = runWith(option.command, words);
     EXPECT_EQ(status, 2) << option.command.back() << ' ' << testing::PrintToString(words);
     EXPECT_THAT(output, HasSubstr(option.name + " must lie between " + std::to_string(option.least) + " and " +
                                   std::to_string(option.most) + ", in plain digits; \"" + value + "\" does not"));
@@ -95,8 +100,19 @@ TEST(NumberOptions, TakeNumbersOfTheirRangeAlone) {
             const std::string less = std::to_string(option.least - 1);
             expectRefused(option, less, {option.name + "=" + less});
         }
-        for (const std::uint64_t value : {option.least, option.most})
-            EXPECT_EQ(runWith(option, {option.name, std::to_string(value)}).first, 0) << option.name << ' ' << value;
+    }
+    // What is taken is so with all others of the command.
+    std::map<Words, std::pair<Words, Words>> bounds;
+    for (const NumberOption& option : numberOptions()) {
+        auto& [least, most] = bounds[option.command];
+        least.insert(least.end(), {option.name, std::to_string(option.least)});
+        most.insert(most.end(), {option.name, std::to_string(option.most)});
+    }
+    for (const auto& [command, both] : bounds) {
+        for (const Words& values : {both.first, both.second}) {
+            const auto [status, output] = runWith(command, values);
+            EXPECT_EQ(status, 0) << command.back() << ' ' << testing::PrintToString(values) << '\n' << output;
+        }
     }
 }
 
@@ -108,7 +124,8 @@ TEST(NumberOptions, TakePlainDigitsAlone) {
         for (const char* const value : {"-5", "+5", " 5", "5 ", "5x", "x5", "1e3", "1.5", "1,5", "010", "00", "0x10",
                                         "5_000", "18446744073709551616", "99999999999999999999999"})
             expectRefused(option, value, {option.name + "=" + value});
-        EXPECT_NE(runWith(option, {option.name, ""}).first, 0) << option.command.back() << ' ' << option.name << " ''";
+        EXPECT_NE(runWith(option.command, {option.name, ""}).first, 0)
+            << option.command.back() << ' ' << option.name << " ''";
     }
     EXPECT_EQ(programs.size(), 2);
 }
