@@ -9,8 +9,6 @@
 #include <limits>
 #include <sstream>
 
-#include "CommandHelp.h"
-#include "CommandMistakes.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORPasswords.h"
@@ -25,6 +23,8 @@
 #include "commands/Printing.h"
 #include "commands/ShortCommands.h"
 #include "filter/FilterCommand.h"
+#include "help/CommandHelp.h"
+#include "help/CommandMistakes.h"
 #include "host/QORHostPaths.h"
 #include "host/QORNumberOption.h"
 #include "output/Output.h"
