@@ -19,7 +19,9 @@ while [ "$left" -gt 0 ]; do
 done
 case $file in
     *.gch)
-        digest=$(CCACHE_DISABLE=1 "$@" -E -P -dD | sha256sum)
+        CCACHE_DISABLE=1 "$@" -E -P -dD -o "$file.i"
+        digest=$(sha256sum <"$file.i")
+        rm "$file.i"
         printf '%s\n' "${digest%% *}" >"$file.sum"
         ;;
 esac
