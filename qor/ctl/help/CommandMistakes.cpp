@@ -8,13 +8,13 @@
 namespace QOR {
 namespace {
 
-/// The command that was given last, of a group the one within it.
-const CLI::App& lastCommand(const CLI::App& app) {
-    const CLI::App* last = &app;
+/// The program, the command that was given and, of a group, the one within it.
+std::vector<const CLI::App*> givenCommands(const CLI::App& app) {
+    std::vector<const CLI::App*> given{&app};
     for (;;) {
-        const std::vector<CLI::App*> given = last->get_subcommands();
-        if (given.empty()) return *last;
-        last = given.back();
+        const std::vector<CLI::App*> within = given.back()->get_subcommands();
+        if (within.empty()) return given;
+        given.push_back(within.back());
     }
 }
 
@@ -62,26 +62,52 @@ std::string describeCommand(const CLI::App& group, const std::string& written) {
            (near.empty() ? "\nthere are " + listOf(names) : near);
 }
 
-std::string describeOption(const CLI::App& command, const std::string& written) {
+bool isGroup(const CLI::App& command) {
+    return !command.get_subcommands({}).empty();
+}
+
+std::string subjectOf(const CLI::App& command) {
+    return command.get_parent() == nullptr ? "there is no option " : command.get_name() + " has no option ";
+}
+
+/// An option that stands behind the name of `owner` and that this one does not have; `command` came later or is the
+/// same.
+std::string describeOption(const CLI::App& owner, const CLI::App& command, const std::string& written) {
     const std::string name = written.substr(0, written.find('='));
+    if (&owner != &command && command.get_option_no_throw(name) != nullptr)
+        return quoteText(name) + " is an option of " + command.get_name() + " and goes behind it";
+    std::vector<std::string> names = optionNames(owner);
+    if (&owner != &command) {
+        const std::vector<std::string> later = optionNames(command);
+        names.insert(names.end(), later.begin(), later.end());
+        std::sort(names.begin(), names.end());
+        names.erase(std::unique(names.begin(), names.end()), names.end());
+    }
     const bool isShort = !name.starts_with("--");
-    return (command.get_parent() == nullptr ? "there is no option " : command.get_name() + " has no option ") +
-           quoteText(name) + nearLine(isShort && name.size() > 2 ? "-" + name : name, optionNames(command));
+    return subjectOf(owner) + quoteText(name) + nearLine(isShort && name.size() > 2 ? "-" + name : name, names);
+}
+
+/// What is told of the first word that no command took; empty where all were taken.
+std::string describeLeftover(const std::vector<const CLI::App*>& given) {
+    const CLI::App& command = *given.back();
+    for (const CLI::App* const owner : given) {
+        const std::vector<std::string> words = owner->remaining(false);
+        if (words.empty()) continue;
+        if (isOption(words.front())) return describeOption(*owner, command, words.front());
+        if (isGroup(*owner)) return describeCommand(*owner, words.front());
+        return owner->get_name() + " does not take " + quoteText(words.front());
+    }
+    return {};
 }
 
 }  // namespace
 
 std::string describeMistake(const CLI::App& app, const CLI::ParseError& error) {
-    const CLI::App& command = lastCommand(app);
+    const std::vector<const CLI::App*> given = givenCommands(app);
+    const CLI::App& command = *given.back();
     const std::string help = "\nqorctl --help and qorctl COMMAND --help say what there is.";
-    std::vector<std::string> unknown = app.remaining(true);
-    const auto option = std::find_if(unknown.begin(), unknown.end(), isOption);
-    const auto word = std::find_if_not(unknown.begin(), unknown.end(), isOption);
-    const bool isGroup = !command.get_subcommands({}).empty();
-    if (isGroup && word != unknown.end()) return describeCommand(command, *word) + help;
-    if (option != unknown.end() && dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)
-        return describeOption(command, *option) + help;
-    if (isGroup && command.get_parent() != nullptr)
+    if (const std::string leftover = describeLeftover(given); !leftover.empty()) return leftover + help;
+    if (isGroup(command) && command.get_parent() != nullptr)
         return command.get_name() + " needs one of its commands: " + listOf(commandNames(command)) + help;
     return error.what() + help;
 }

@@ -74,9 +74,34 @@ TEST(CommandLine, NamesWhatACommandOrAnOptionWasMeantToBe) {
               "qorctl: select has no option \"--limt\"\ndid you mean --limit?" + help);
     EXPECT_EQ(refusalOf({"select", "vOpLog", "-f", "op", "--limt=3"}),
               "qorctl: select has no option \"--limt\"\ndid you mean --limit?" + help);
-    EXPECT_EQ(refusalOf({"--sockt", "x", "status"}),
-              "qorctl: status has no option \"--sockt\"\ndid you mean --socket?" + help);
+    EXPECT_EQ(refusalOf({"select", "--limt=3"}),
+              "qorctl: select has no option \"--limt\"\ndid you mean --limit?" + help);
+    EXPECT_EQ(refusalOf({"status", "now", "please"}), "qorctl: status does not take \"now\"" + help);
     EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "-o", "jsno"}), HasSubstr("\ndid you mean json?"));
+}
+
+TEST(CommandLine, TellsWhatStandsInFrontOfACommandByWhereItBelongs) {
+    const std::string help = "\nqorctl --help and qorctl COMMAND --help say what there is.\n";
+    const auto refusalOf = [](const Words& arguments) {
+        const CtlResult result = runCtl(arguments);
+        EXPECT_EQ(result.status, 2);
+        return result.err;
+    };
+    EXPECT_EQ(refusalOf({"--limit", "5", "select", "vOpLog"}),
+              "qorctl: \"--limit\" is an option of select and goes behind it" + help);
+    EXPECT_EQ(refusalOf({"--limit", "5", "select"}),
+              "qorctl: \"--limit\" is an option of select and goes behind it" + help);
+    EXPECT_EQ(refusalOf({"-f", "op", "select", "vOpLog"}),
+              "qorctl: \"-f\" is an option of select and goes behind it" + help);
+    EXPECT_EQ(refusalOf({"--sockt", "x", "status"}),
+              "qorctl: there is no option \"--sockt\"\ndid you mean --socket?" + help);
+    EXPECT_EQ(refusalOf({"--limt", "5", "select", "vOpLog"}),
+              "qorctl: there is no option \"--limt\"\ndid you mean --limit?" + help);
+    EXPECT_EQ(refusalOf({"--limit", "5"}), "qorctl: there is no option \"--limit\"" + help);
+    EXPECT_EQ(refusalOf({"databas", "shard"}),
+              "qorctl: there is no command \"databas\"\ndid you mean database?" + help);
+    EXPECT_EQ(refusalOf({"identity", "--kind", "token", "add"}),
+              "qorctl: \"--kind\" is an option of add and goes behind it" + help);
 }
 
 }  // namespace

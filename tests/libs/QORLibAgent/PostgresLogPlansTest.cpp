@@ -116,7 +116,7 @@ TEST_F(PostgresLogPlans, APlaceIsLookedForOnceForBothEndsOfAPage) {
 }
 
 TEST_F(PostgresLogPlans, RecordsOfSeveralEnvironmentsAreFoundInEachOfThem) {
-    for (const std::size_t each : {0, 25}) {
+    for (const std::size_t each : {0U, 25U}) {
         const std::string plan = planOf({0, 2, 3}, each);
         EXPECT_THAT(plan, HasSubstr("qor_operation_eid")) << plan;
         EXPECT_THAT(plan, Not(HasSubstr("qor_operation_time"))) << plan;
