@@ -1,0 +1,76 @@
+// An agent whose records lie with several servers, one of which stops answering.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "shard/ShardRecordsOf.h"
+#include "support/AgentProcess.h"
+#include "support/HttpClient.h"
+#include "support/ShardedPostgres.h"
+
+namespace QOR::test {
+namespace {
+
+using testing::HasSubstr;
+
+class AgentOnServers : public testing::Test {
+protected:
+    /// Of an environment that lies with the server.
+    std::string eidAt(unsigned number) const {
+        return at(number).cell(
+            "SELECT eid FROM (SELECT md5(n::text)::uuid AS eid FROM generate_series(1, 100) n) e WHERE " +
+            std::string(belongsHere) + " LIMIT 1");
+    }
+    std::string eventAt(unsigned number, const std::string& category) const {
+        return R"({"kind":"event","time":1,"category":")" + category + R"(","eid":")" + eidAt(number) + "\"}\n";
+    }
+    std::string storedAt(unsigned number, const std::string& category) const {
+        return at(number).cell("SELECT count(*) FROM qor_event WHERE category = '" + category + "'");
+    }
+    PostgresConnection at(unsigned number) const { return PostgresConnection(m_database.conninfo(number)); }
+
+    ShardedPostgres m_database;
+};
+
+/// Sends the records, under a key by which they are the same ones when they are sent again.
+HttpAnswer send(const AgentProcess& agent, const std::string& lines, const std::string& key) {
+    return HttpClient(agent.socketPath()).request("POST", "/v1/records", lines, "Idempotency-Key: " + key + "\r\n");
+}
+
+bool isAcknowledged(const HttpAnswer& answer) {
+    return answer.status == 200 && answer.body.find("\"failure\"") == std::string::npos;
+}
+
+/// As a sender does who keeps what is not acknowledged: a busy machine may need several deadlines for it.
+HttpAnswer sendUntilAcknowledged(const AgentProcess& agent, const std::string& lines, const std::string& key) {
+    for (;;) {
+        HttpAnswer answer = send(agent, lines, key);
+        if (isAcknowledged(answer)) return answer;
+    }
+}
+
+TEST_F(AgentOnServers, RecordsForAServerThatHangsAreRefusedByItsNameAndThoseForOthersAreStored) {
+    const AgentProcess agent({.database = m_database.connectionString(), .more = {"--deadline", "4"}});
+    sendUntilAcknowledged(agent, eventAt(1, "before") + eventAt(2, "before") + eventAt(3, "before"), "before");
+    const std::string needed = eventAt(1, "needed") + eventAt(2, "needed");
+    const std::string others = eventAt(1, "others") + eventAt(3, "others");
+    ShardedPostgres::server(2).suspend();
+    HttpAnswer refused;
+    do {
+        refused = send(agent, needed, "needed");
+        EXPECT_FALSE(isAcknowledged(refused)) << refused.body;
+    } while (refused.body.find(R"(\"s2\")") == std::string::npos);  // the deadline may pass before it is asked
+    const HttpAnswer stored = sendUntilAcknowledged(agent, others, "others");
+    EXPECT_EQ(storedAt(1, "others") + storedAt(3, "others"), "11") << stored.body;
+    ShardedPostgres::server(2).resume();
+    const HttpAnswer again = sendUntilAcknowledged(agent, needed, "needed");
+    EXPECT_THAT(again.body, HasSubstr(R"("accepted":2,)"));
+    EXPECT_EQ(sendUntilAcknowledged(agent, needed, "needed").body, again.body);
+    EXPECT_EQ(storedAt(1, "needed") + storedAt(2, "needed"), "11");
+    for (unsigned number = 1; number <= 3; ++number)
+        EXPECT_EQ(storedAt(number, "before"), "1") << number;
+}
+
+}  // namespace
+}  // namespace QOR::test
