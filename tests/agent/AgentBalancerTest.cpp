@@ -98,7 +98,8 @@ TEST_F(AgentBalancer, PagesGoOnAtWhicheverAgentIsAsked) {
         const rapidjson::Document json = readJson(page.body);
         for (const rapidjson::Value& row : json["rows"].GetArray())
             sources.emplace_back(row[0].GetString());
-        EXPECT_EQ(jsonAt(json, "page/changed"), after.empty() ? "" : "false");
+        // Of rows that lie with other servers nobody knows.
+        EXPECT_EQ(jsonAt(json, "page/changed"), after.empty() ? "" : hasTestServers() ? "true" : "false");
         const rapidjson::Value& next = json["page"]["next"];
         after = next.IsString() ? "&after=" + std::string(next.GetString()) : std::string();
     } while (!after.empty());
