@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "shard/ShardRecordsOf.h"
@@ -12,7 +13,9 @@
 namespace QOR::test {
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 
 class AgentOnServers : public testing::Test {
 protected:
@@ -70,6 +73,34 @@ TEST_F(AgentOnServers, RecordsForAServerThatHangsAreRefusedByItsNameAndThoseForO
     EXPECT_EQ(storedAt(1, "needed") + storedAt(2, "needed"), "11");
     for (unsigned number = 1; number <= 3; ++number)
         EXPECT_EQ(storedAt(number, "before"), "1") << number;
+}
+
+/// The end of a text.
+std::string endOf(const std::string& text) {
+    constexpr std::size_t characters = 400;
+    return text.substr(text.size() - std::min(text.size(), characters));
+}
+
+// Much more than lies on the way from the server to a client that does not read.
+TEST_F(AgentOnServers, AStreamWhoseServerEndsInTheMiddleIsAnErrorThatNamesItAndNoEnd) {
+    PostgresConnection third = at(3);
+    third.run("SET session_replication_role = replica");  // nothing is counted
+    third.run("INSERT INTO qor_event (time, eid, category) SELECT '2024-05-01', '" + eidAt(3) +
+              "', repeat('c', 100) FROM generate_series(1, 60000)");
+    const AgentProcess agent({.database = m_database.connectionString()});
+    const std::string request =
+        R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],[1741,"eid"],[1741,"category"]]]})";
+    HttpClient client(agent.socketPath());
+    ASSERT_TRUE(client.send(HttpClient::compose("POST", "/v1/messages?stream=true", request)));
+    ASSERT_TRUE(client.awaitBytes());
+    ShardedPostgres::server(3).crash();
+    const HttpAnswer answer = client.receive();
+    ShardedPostgres::server(3).start();
+    EXPECT_EQ(answer.status, 200) << "rows had left before";
+    EXPECT_THAT(answer.body, HasSubstr("[1739,"));
+    EXPECT_THAT(endOf(answer.body), AllOf(HasSubstr(R"("error":{"code":1,)"), HasSubstr(R"(server \"s3\")")));
+    const HttpAnswer again = HttpClient(agent.socketPath()).post("/v1/messages?stream=true", request);
+    EXPECT_THAT(endOf(again.body), Not(HasSubstr("\"error\"")));
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 #include "QORDBSchema/QORSpreadViews.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <set>
 #include <thread>
 #include <utility>
 
+#include "QORCommon/QORException.h"
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORDBSchema/QORHandover.h"
@@ -45,6 +47,21 @@ void awaitHandover() {
         QORRequestControl::checkCurrent();
         std::this_thread::sleep_for(betweenLooks);
     }
+}
+
+/// Found out for a message: whoever waits for it has waited long enough.
+bool answers(const QORServer& server) {
+    constexpr auto patience = std::chrono::seconds(1);
+    const QORRequestScope bounded(std::make_shared<QORRequestControl>(patience));
+    try {
+        QORServers::instance().run(
+            server, [](QORRdbms& database) { QORRdbmsTran(database, ASAccess::ReadOne)->execute("SELECT 1"); });
+    } catch (const AException& error) {
+        return error.failure() != ASFailure::Unreachable;  // what else is wrong there has ended no connection
+    } catch (const QORException& error) {
+        return error.code() != errDeadline;
+    }
+    return true;
 }
 
 }  // namespace
@@ -110,6 +127,23 @@ bool QORSpreadViews::isCurrent(const ASPlaces& places) {
     const std::lock_guard lock(m_mutex);
     m_between = true;
     return false;
+}
+
+// Home says which server it cannot connect to, and of a connection that ended in the middle of a result, only that.
+AException QORSpreadViews::naming(const ASPlaces& places, const AException& failure) {
+    if (!failure.sqlState().starts_with("08") && failure.failure() != ASFailure::Unreachable) return failure;
+    const std::vector<QORServer>& servers = static_cast<const Places&>(places).placement()->servers();
+    const auto isNamed = [&](const QORServer& server) {
+        return failure.text().find("\"qor_" + server.name) != std::string::npos;
+    };
+    if (std::any_of(servers.begin(), servers.end(), isNamed)) return failure;
+    std::string silent;
+    for (const QORServer& server : servers) {
+        if (!answers(server)) silent += (silent.empty() ? "\"" : ", \"") + server.name + '"';
+    }
+    if (!silent.empty()) return failure.reworded(failure.text() + " (no answer from server " + silent + ")");
+    if (failure.failure() == ASFailure::Unreachable) return failure;  // it was home that went away
+    return failure.reworded(failure.text() + " (one of the servers whose rows were asked for)");
 }
 
 bool QORSpreadViews::wasBetween() {

@@ -18,6 +18,7 @@ public:
 
     std::shared_ptr<const ASPlaces> places() override;
     bool isCurrent(const ASPlaces& places) override;
+    AException naming(const ASPlaces& places, const AException& failure) override;
 
 private:
     class Places;

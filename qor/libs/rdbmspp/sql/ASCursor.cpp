@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
 #include "rdbmspp/sql/ASNodes.h"
@@ -95,12 +96,16 @@ struct ASCursor::Impl {
     void take(std::size_t index);
     bool isOneRow() const;
     std::int32_t atOnce() const;
+    AException naming(const AException& error) const;
 
     ASSession& session;
     ASSelect select;
     ASComparison where;  ///< what is run; the parameters point into it
     ASStatementLease statement;
     std::vector<Column> columns;
+    ASSpread* spread = nullptr;  ///< null where no rows are looked for elsewhere
+    std::shared_ptr<const ASPlaces> places;
+    std::string asked;  ///< which of them, for people
     std::int64_t amount = 0;
     bool finished = false;
 };
@@ -120,8 +125,16 @@ bool ASCursor::Fetch() {
     } catch (const AException& error) {
         m_impl->finished = true;
         m_impl->statement = ASStatementLease();
-        throw m_impl->session.impl().dialect->explained(error);
+        throw m_impl->session.impl().dialect->explained(m_impl->naming(error));
+    } catch (const QORException& ended) {
+        // Which of the places is to blame the engine does not tell; often there is but one.
+        if (m_impl->asked.empty() || ended.code() != errDeadline) throw;
+        throw QORException(ended.code(), ended.message() + " (rows of " + m_impl->asked + " were asked for)");
     }
+}
+
+AException ASCursor::Impl::naming(const AException& error) const {
+    return spread == nullptr ? error : spread->naming(*places, error);
 }
 
 std::int64_t ASCursor::GetAmount() const noexcept {
@@ -181,18 +194,16 @@ void ASCursor::Impl::start(bool exactSums) {
     const auto& values = builder.parameters();
     for (std::size_t i = 0; i < values.size(); ++i)
         running->set(i, *values[i]);
+    spread = builder.spread();
+    places = builder.places();
+    asked = builder.asked();
     s.spareText = std::move(builder).takeText();
     statement = std::move(running);
     bind();
-    try {
-        statement->execute();
-    } catch (const QORException& ended) {
-        // Which of the places is to blame the engine does not tell; often there is but one.
-        if (!builder.isElsewhere()) throw;
-        throw QORException(ended.code(), ended.message() + " (rows of " + builder.asked() + " were asked for)");
-    }
+    statement->execute();
     s.untouched = false;
-    if (!builder.isCurrent()) {
+    // Asked once the statement has begun: until it ends, rows stay where they are.
+    if (spread != nullptr && !spread->isCurrent(*places)) {
         throw AException("rows have just been moved from one place to another", "40001", 0, {}, ASFailure::Undone);
     }
 }

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "QORCommon/QORExport.h"
+#include "rdbmspp/engine/AException.h"
 
 namespace QOR {
 
@@ -40,6 +41,9 @@ public:
     /// Whether this is how rows are divided now. Asked on a connection of its own, so that it is not an older state
     /// that answers. \throws AException
     virtual bool isCurrent(const ASPlaces& places) = 0;
+    /// The failure of a statement that read rows there, with the name of who is to blame for it where that can be found
+    /// out: the database that asks the places does not always tell. May take seconds where one does not answer.
+    virtual AException naming(const ASPlaces& places, const AException& failure) = 0;
 };
 
 }  // namespace QOR

@@ -85,9 +85,9 @@ public:
     bool isElsewhere() const noexcept { return !m_asked.empty(); }
     /// The schemas in which they are looked for, for people.
     const std::string& asked() const noexcept { return m_asked; }
-    /// Whether rows still lie where they are looked for: asked once the statement has begun, for until it ends they
-    /// stay. \throws AException
-    bool isCurrent() const { return !isElsewhere() || m_spread->isCurrent(*m_places); }
+    /// Who knows where they are looked for, and what he said; null where that is nowhere else.
+    ASSpread* spread() const noexcept { return isElsewhere() ? m_spread : nullptr; }
+    const std::shared_ptr<const ASPlaces>& places() const noexcept { return m_places; }
     /// What is written stands within another select.
     bool isNested() const noexcept { return m_purpose == ASPurpose::Nested; }
 

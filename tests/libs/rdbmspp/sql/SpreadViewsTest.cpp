@@ -35,6 +35,7 @@ class Spread final : public ASSpread {
 public:
     std::shared_ptr<const ASPlaces> places() override { return std::make_shared<Places>(); }
     bool isCurrent(const ASPlaces&) override { return current; }
+    AException naming(const ASPlaces&, const AException& failure) override { return failure; }
 
     bool current = true;
 };
