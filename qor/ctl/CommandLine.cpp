@@ -656,7 +656,9 @@ private:
                          "the server that gives half of its environments to a new one; by default the one with most "
                          "records")
             ->type_name("NAME");
-        shard->add_flag("--print", m_shard.print, "only print the statements that set all up, and run none");
+        shard->add_flag("--print", m_shard.print,
+                        "only print the statements that set all up, and run none; passwords as ***");
+        shard->add_flag("--with-passwords", m_shard.passwords, "print them as they are")->needs("--print");
         shard->add_flag("--progress", m_shard.progress, "show progress even where standard error is no terminal");
         shard->footer(
             std::string("Ended at any point, the same command goes on where it stood. Given again when all is "

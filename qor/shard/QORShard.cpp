@@ -425,7 +425,11 @@ std::vector<std::string> QORShard::script(const QORShardOptions& options) {
         add(beginStatements(rows.back(), 1, identity));
         ShardReader reader{server.reader, server.readerPassword};
         if (!reader.role.empty()) add(readerGrants("public", reader.role));
-        if (reader.role.empty()) reader.role = connection.has("UID") ? connection.get("UID") : role;
+        if (reader.role.empty()) {
+            reader.role = connection.has("UID") ? connection.get("UID") : role;
+            reader.password = connection.get("PWD");
+        }
+        if (!reader.password.empty() && !options.showPasswords) reader.password = "***";
         for (const ShardForeign& way : foreignServers(server.name, whole, reader)) {
             const auto more = way.statements();
             ways.insert(ways.end(), more.begin(), more.end());

@@ -23,6 +23,7 @@ struct QORShardProgress {
 struct QORShardOptions {
     std::string home;                  ///< connection string of the database that agents are pointed at
     std::vector<ShardServer> servers;  ///< all of them, those that there are already too
+    bool showPasswords = false;        ///< in what script() writes
     std::string split{};  ///< the server that gives half of its environments to a new one; empty: the largest
     std::function<void(const QORShardProgress&)> progress{};  ///< called now and then
     std::function<bool()> stop{};  ///< asked now and then; when it is true the move ends, to be gone on with

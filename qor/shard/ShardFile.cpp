@@ -56,7 +56,8 @@ ShardServer readLine(std::string_view line, const Place& place) {
         if (connection.get(needed).empty())
             place.refuse("the connection string of " + quoteText(server.name) + " does not say " + needed + "=");
     }
-    if (connection.has("PWD") || connection.has("Password"))
+    const bool forLibrary = connection.get("pqopt").find("password") != std::string::npos;
+    if (connection.has("PWD") || connection.has("Password") || forLibrary)
         place.refuse("the connection string of " + quoteText(server.name) +
                      " has a password: it would be stored in a table. Leave it out where it is that of the first "
                      "database, or put it into the file that PGPASSFILE names");

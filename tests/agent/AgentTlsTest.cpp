@@ -68,6 +68,10 @@ private:
 class Certificates {
 public:
     Certificates() {
+        // A server that reads from another one looks for the authority too.
+        std::filesystem::permissions(m_folder.path(),
+                                     std::filesystem::perms::group_exec | std::filesystem::perms::others_exec,
+                                     std::filesystem::perm_options::add);
         makeAuthority("authority");
         makeAuthority("other");
         run({"openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
@@ -119,9 +123,12 @@ public:
     /// \param authority whose certificate is trusted
     std::string connection(const std::string& more, const std::string& authority = "authority",
                            const std::string& host = "localhost") const {
-        return "Driver=PostgreSQL Unicode;Server=" + host + ";Port=" + std::to_string(port()) +
-               ";Database=records;UID=agent;SSLmode=verify-full;pqopt={sslrootcert=" +
-               m_certificates.path(authority + ".crt") + "}" + more;
+        return "Driver=PostgreSQL Unicode;UID=agent;" + wayTo("records", authority, host) + more;
+    }
+    std::string wayTo(const std::string& database, const std::string& authority = "authority",
+                      const std::string& host = "localhost") const {
+        return "Server=" + host + ";Port=" + std::to_string(port()) + ";Database=" + database +
+               ";SSLmode=verify-full;pqopt={sslrootcert=" + m_certificates.path(authority + ".crt") + "}";
     }
     std::string withPassword() const { return connection(";PWD=" + std::string(password)); }
     int port() const { return m_port.number(); }
@@ -239,6 +246,84 @@ TEST(AgentsPassword, IsShownNowhere) {
         EXPECT_THAT(text, Not(HasSubstr(password)));
     EXPECT_EQ(agent.stop(), 0);
     EXPECT_THAT(agent.log(), Not(HasSubstr(password)));
+}
+
+/// Records spread over two databases of a server that lets nobody in but over TLS with a password.
+class ServersOverTls : public testing::Test {
+protected:
+    static constexpr const char* readersPassword = "r3ader's w0rd";
+
+    void SetUp() override {
+        PostgresConnection own(server().server().conninfo("postgres"));
+        own.run("CREATE ROLE reader LOGIN PASSWORD 'r3ader''s w0rd'");
+        for (const char* const name : {"home", "one", "two"})
+            own.run("CREATE DATABASE " + std::string(name) + " OWNER agent");
+        PostgresConnection(server().server().conninfo("home"))
+            .run("CREATE EXTENSION postgres_fdw; GRANT USAGE ON FOREIGN DATA WRAPPER postgres_fdw TO agent");
+    }
+    void TearDown() override {
+        PostgresConnection own(server().server().conninfo("postgres"));
+        for (const char* const name : {"home", "one", "two"})
+            own.run("DROP DATABASE IF EXISTS " + std::string(name) + " WITH (FORCE)");
+        own.run("DROP ROLE reader");
+    }
+
+    static std::string home() {
+        return "Driver=PostgreSQL Unicode;UID=agent;" + server().wayTo("home") + ";PWD=" + password;
+    }
+    /// The first server has a reader of its own.
+    CtlResult shard(const std::string& readers, const Words& more = {}) const {
+        const auto file = m_folder / "servers";
+        std::ofstream(file) << "s1 " << server().wayTo("one") << ";Reader=reader;ReaderPWD={" << readers << "}\ns2 "
+                            << server().wayTo("two") << '\n';
+        Words words{"database", "shard", "--database", home(), "--servers", file.string()};
+        words.insert(words.end(), more.begin(), more.end());
+        return runCtl(words);
+    }
+    static void expectNoPasswords(const std::string& text) {
+        EXPECT_THAT(text, AllOf(Not(HasSubstr(password)), Not(HasSubstr("r3ader"))));
+    }
+    static std::string serversLog() { return contentsOf(server().server().folder() + "/log"); }
+
+    TemporaryDirectory m_folder;
+};
+
+TEST_F(ServersOverTls, AreSetUpAndUsedAndNoPasswordIsShown) {
+    const CtlResult made = shard(readersPassword);
+    EXPECT_EQ(made.out, "spread over 2 servers\nchecked: 2 servers, sound\n") << made.err;
+    expectNoPasswords(made.out + made.err);
+    AgentProcess agent({.database = home(), .more = {"--log-level", "5"}});
+    const Words where{"--socket", agent.socketPath()};
+    ASSERT_EQ(runCtl({"sample", "--environments", "30", "--operations", "50", where[0], where[1]}).status, 0);
+    const CtlResult selected =
+        runCtl({"select", "--view", "vOpLog", "-f", "count(id)", "-o", "csv", where[0], where[1]});
+    EXPECT_EQ(selected.out, "count(id)\r\n50\r\n") << selected.err;
+    for (const char* const name : {"one", "two"})
+        EXPECT_NE(PostgresConnection(server().server().conninfo(name)).cell("SELECT count(*) FROM qor_operation"), "0");
+    PostgresConnection stored(server().server().conninfo("home"));
+    expectNoPasswords(stored.cell("SELECT string_agg(s::text, ' ') FROM qor_server s") +
+                      stored.cell("SELECT string_agg(srvoptions::text, ' ') FROM pg_foreign_server"));
+    expectNoPasswords(runCtl({"status", "-o", "json", where[0], where[1]}).out);
+    expectNoPasswords(contentsOf("/proc/" + std::to_string(agent.pid()) + "/cmdline"));
+    EXPECT_EQ(agent.stop(), 0);
+    expectNoPasswords(agent.output() + agent.log());
+    expectNoPasswords(serversLog());
+}
+
+TEST_F(ServersOverTls, AWrongPasswordIsSaidAndNotShown) {
+    const CtlResult made = shard("wr0ng");
+    EXPECT_EQ(made.status, 1);
+    EXPECT_THAT(made.out, HasSubstr("home cannot read qor_at_s1.qor_operation: home: could not connect"));
+    EXPECT_THAT(made.out + made.err + serversLog(), AllOf(Not(HasSubstr("wr0ng")), Not(HasSubstr(password))));
+}
+
+TEST_F(ServersOverTls, PasswordsArePrintedOnlyWhenAskedFor) {
+    ASSERT_EQ(runCtl({"import", "--standalone", "--database", home()}).status, 0);
+    const CtlResult printed = shard(readersPassword, {"--print"});
+    EXPECT_THAT(printed.out, HasSubstr("password '***'"));
+    expectNoPasswords(printed.out + printed.err);
+    const CtlResult whole = shard(readersPassword, {"--print", "--with-passwords"});
+    EXPECT_THAT(whole.out, AllOf(HasSubstr("password 'r3ader''s w0rd'"), HasSubstr("password 's3cret word'")));
 }
 
 TEST(AgentsPassword, IsNotShownWhereTheCommandLineIsNotUnderstood) {

@@ -45,6 +45,7 @@ TEST(ShardFile, IsRefusedByItsLine) {
     EXPECT_THAT(refusalOf("s1 Server=a"), HasSubstr("does not say Database="));
     EXPECT_THAT(refusalOf("s1 DSN=a"), HasSubstr("does not say Server="));
     EXPECT_THAT(refusalOf("s1 Server=a;Database=b;PWD=c"), HasSubstr("has a password"));
+    EXPECT_THAT(refusalOf("s1 Server=a;Database=b;pqopt={password=c}"), HasSubstr("has a password"));
     EXPECT_THAT(refusalOf("s1 Server=a;Database=b\ns1 Server=c;Database=b"),
                 HasSubstr("line 2: the name \"s1\" stands"));
     EXPECT_THAT(refusalOf("s1 Server=a;Database=b\ns2 Server=a;Database=b"),

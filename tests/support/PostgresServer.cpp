@@ -30,6 +30,8 @@ constexpr const char* user = "qor";
 // of the test, whichever way that came.
 constexpr const char* keeperScript = R"sh(
 programs=$1 folder=$2 user=$3 port=$4
+# Where it looks for certificates of its own when it connects to another server: the home of who started it may be closed.
+export HOME="$folder"
 server=
 start() {
     "$programs/postgres" -D "$folder/data" >>"$folder/log" 2>&1 </dev/null &

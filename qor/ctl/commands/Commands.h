@@ -112,7 +112,8 @@ struct ShardCommandOptions {
     std::string servers;  ///< the file that names them
     std::string split;
     bool print = false;
-    bool progress = false;  ///< also where standard error is no terminal
+    bool passwords = false;  ///< printed as they are
+    bool progress = false;   ///< also where standard error is no terminal
 };
 
 /// What would become of a select or of rows by fields.

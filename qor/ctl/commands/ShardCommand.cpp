@@ -28,6 +28,7 @@ void runShard(const ShardCommandOptions& options) {
     shard.home = options.home;
     shard.servers = endingWell(goesOn, [&] { return readShardFile(options.servers); });
     shard.split = options.split;
+    shard.showPasswords = options.passwords;
     if (options.print) return print(endingWell(goesOn, [&] { return QORShard::script(shard); }));
     shard.progress = [&](const QORShardProgress& now) {
         progress.tell(now.to.empty() ? "moving to the servers" : "moving to " + now.to, now.records, now.of,
