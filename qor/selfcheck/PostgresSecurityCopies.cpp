@@ -18,6 +18,9 @@ constexpr const char* viewNames =
     "SELECT CAST(relname AS text) FROM pg_class WHERE relkind IN ('v', 'm') AND pg_table_is_visible(oid) "
     "AND relnamespace NOT IN (SELECT oid FROM pg_namespace WHERE nspname IN ('pg_catalog', 'information_schema')) "
     "AND lower(relname) <> 'schematable' ORDER BY CAST(relname AS text) COLLATE \"C\"";
+// None where the database keeps its records itself.
+constexpr const char* relationsOfServers =
+    "SELECT CAST(relname AS text) FROM pg_class WHERE relnamespace = to_regnamespace('qor_all_long')";
 constexpr const char* columnNames =
     "SELECT CAST(a.attname AS text) FROM pg_attribute a WHERE a.attrelid = to_regclass(%) AND a.attnum > 0 "
     "AND NOT a.attisdropped ORDER BY a.attnum";
@@ -68,6 +71,14 @@ std::vector<std::string> PostgresCheckedDatabase::select(const std::string& sql,
     } catch (const AException& error) {
         fail(error, sql);
     }
+}
+
+std::string PostgresCheckedDatabase::whole(const std::string& relation) {
+    if (!m_ofServers) {
+        const auto names = values(relationsOfServers);
+        m_ofServers.emplace(names.begin(), names.end());
+    }
+    return (m_ofServers->contains(relation) ? "qor_all_long." : "") + quotedName(relation);
 }
 
 std::vector<QORCheckedView> PostgresCheckedDatabase::listViews() {
@@ -136,7 +147,7 @@ void PostgresSecurityCopies::copyView(const QORCheckedView& view, const std::str
     const std::string name = m_part + "." + quotedName(view.name);
     const std::string rows = m_part + "." + rowsOf(view);
     m_whole.run("DROP VIEW IF EXISTS " + name);  // the host's own, which selects from its tables
-    m_whole.run("CREATE TABLE " + rows + " AS SELECT " + columnsOf(view) + " FROM " + quotedName(view.name) +
+    m_whole.run("CREATE TABLE " + rows + " AS SELECT " + columnsOf(view) + " FROM " + m_whole.whole(view.name) +
                 " WHERE " + condition);
     m_whole.run("CREATE VIEW " + name + " AS SELECT * FROM " + rows);
 }
@@ -144,13 +155,16 @@ void PostgresSecurityCopies::copyView(const QORCheckedView& view, const std::str
 void PostgresSecurityCopies::copyRecords(const std::set<std::string>& eids) {
     PostgresCheckedDatabase({.connectionString = m_connectionString, .schema = m_part}).makeHostTables();
     if (eids.empty()) return;
-    for (const QORRecordTable& table : checkedTables) {
-        std::string columns;
-        for (const auto& column : m_whole.values(about(columnNames, table.name)))
-            columns += (columns.empty() ? "" : ", ") + quotedName(column);
-        m_whole.run("INSERT INTO " + m_part + "." + table.name + " (" + columns + ") SELECT " + columns + " FROM " +
-                    table.name + " WHERE " + table.owner + " IN (" + quotedList(eids) + ")");
-    }
+    for (const QORRecordTable& table : checkedTables)
+        copyTable(table, eids);
+}
+
+void PostgresSecurityCopies::copyTable(const QORRecordTable& table, const std::set<std::string>& eids) {
+    std::string columns;
+    for (const auto& column : m_whole.values(about(columnNames, table.name)))
+        columns += (columns.empty() ? "" : ", ") + quotedName(column);
+    m_whole.run("INSERT INTO " + m_part + "." + table.name + " (" + columns + ") SELECT " + columns + " FROM " +
+                m_whole.whole(table.name) + " WHERE " + table.owner + " IN (" + quotedList(eids) + ")");
 }
 
 void PostgresSecurityCopies::dropPart() {

@@ -3,6 +3,11 @@
 /// each part is a schema of its own beside it.
 #pragma once
 
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
 #include "selfcheck/QORSecurityCopies.h"
 
 namespace QOR {
@@ -14,6 +19,8 @@ public:
 
     void run(const std::string& sql) override;
     std::string textOf(const std::string& expression) const override { return "CAST(" + expression + " AS text)"; }
+    /// Of records that lie with several servers the tables and views are those of all together.
+    std::string whole(const std::string& relation) override;
     std::vector<QORCheckedView> listViews() override;
     bool isHostDatabase() override;
     /// Makes the host's tables, with what keeps their counters, in a schema that is empty.
@@ -23,6 +30,7 @@ private:
     std::vector<std::string> select(const std::string& sql, std::size_t most) override;
 
     QORRdbms m_database;
+    std::optional<std::set<std::string>> m_ofServers;  ///< what lies with several servers, once it was asked for
 };
 
 class PostgresSecurityCopies : public QORSecurityCopies {
@@ -38,6 +46,7 @@ public:
 private:
     void copyView(const QORCheckedView& view, const std::string& condition);
     void copyRecords(const std::set<std::string>& eids);
+    void copyTable(const QORRecordTable& table, const std::set<std::string>& eids);
     void dropPart();
 
     const std::string m_connectionString;

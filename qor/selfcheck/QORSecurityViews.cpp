@@ -46,13 +46,13 @@ std::vector<std::string> objectColumns(const QORCheckedView& view) {
 
 void sample(QORCheckedDatabase& database, const std::string& view, QORCheckedColumn& column) {
     const std::string text = database.textOf(quotedName(column.name));
-    const std::string from =
-        " FROM " + quotedName(view) + " WHERE length(" + text + ") <= " + std::to_string(sampledBytes);
+    const std::string distinct = "SELECT DISTINCT " + text + " FROM " + database.whole(view) + " WHERE length(" + text +
+                                 ") <= " + std::to_string(sampledBytes);
+    const std::string limit = " LIMIT " + std::to_string(samplesOfColumn);
     try {
         // The first and the last that the engine finds: cheap on any size, and old and new records alike.
         for (const char* const order : {"", " ORDER BY 1 DESC"}) {
-            const auto values =
-                database.values("SELECT DISTINCT " + text + from + order + " LIMIT " + std::to_string(samplesOfColumn));
+            const auto values = database.values(std::string(distinct).append(order).append(limit));
             column.samples.insert(column.samples.end(), values.begin(), values.end());
         }
     } catch (const QORException&) {
@@ -109,7 +109,7 @@ std::vector<std::string> checkedObjects(QORCheckedDatabase& database, const std:
         for (const std::string& column : view.objects) {
             const std::string name = quotedName(column);
             const auto values =
-                database.values("SELECT " + database.textOf(name) + " FROM " + quotedName(view.name) + " WHERE " +
+                database.values("SELECT " + database.textOf(name) + " FROM " + database.whole(view.name) + " WHERE " +
                                     name + " IS NOT NULL GROUP BY 1 ORDER BY count(*) DESC, 1",
                                 sampledObjects);
             std::copy_if(values.begin(), values.end(), std::inserter(objects, objects.end()),

@@ -45,6 +45,8 @@ public:
     std::vector<std::string> values(const std::string& sql, std::size_t most = SIZE_MAX) { return select(sql, most); }
     /// An expression of the value of a column as a text.
     virtual std::string textOf(const std::string& expression) const = 0;
+    /// Where all rows of a table or a view are selected from, ready for a statement. \throws QORException 1
+    virtual std::string whole(const std::string& relation) { return quotedName(relation); }
     /// Every view that can be read, by name, with the names and types of its columns alone. \throws QORException 1
     virtual std::vector<QORCheckedView> listViews() = 0;
     /// Whether there are the tables that operator "pager" selects from, so that a part can have its own of them.
