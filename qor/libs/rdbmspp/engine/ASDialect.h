@@ -35,6 +35,8 @@ struct QOR_API ASDialect {
     const char* byteOrder;  ///< makes a text sort by its bytes; empty where it does already
     /// Whether only values of one type compare with each other, and a parameter is taken for whatever stands beside it.
     bool typed;
+    /// Whether a text can be of nothing but UTF-8.
+    bool takesUtf8Alone;
     const char* queryOnly;    ///< makes a connection refuse to write
     const char* opaqueBegin;  ///< around a text literal, so that `column = literal` does not make the engine put the
     const char* opaqueEnd;    ///< literal in the column's place elsewhere; empty where it does not anyway

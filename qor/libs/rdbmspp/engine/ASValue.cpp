@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORText.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/engine/ASDialect.h"
 
@@ -56,6 +57,12 @@ void refuseNul(std::string_view text) {
     if (text.find('\0') != std::string_view::npos) {
         throw AException("a text with a NUL byte cannot be sent to the database");
     }
+}
+
+void refuseUntakeable(std::string_view text, const ASDialect& dialect) {
+    refuseNul(text);
+    if (dialect.takesUtf8Alone && !isUtf8(text))
+        throw AException(quoteText(text) + " is no UTF-8, which all texts of " + dialect.name + " are");
 }
 
 void appendQuoted(std::string& out, std::string_view text, char quote) {

@@ -28,6 +28,8 @@ struct ASValue {
 
 /// \throws AException for a text with a NUL byte
 void refuseNul(std::string_view text);
+/// \throws AException for a text that the engine cannot take as a parameter
+void refuseUntakeable(std::string_view text, const ASDialect& dialect);
 
 /// Appends `"name"` or `'text'` with the quotes inside doubled. \throws AException for a NUL byte
 void appendQuoted(std::string& out, std::string_view text, char quote);

@@ -208,7 +208,7 @@ ASStatement::ASStatement(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {
 ASStatement::~ASStatement() = default;
 
 ASStatement& ASStatement::bind(unsigned index, std::string_view text) {
-    refuseNul(text);
+    refuseUntakeable(text, m_impl->dialect);
     m_impl->statement.setText(index - 1, text);
     return *this;
 }

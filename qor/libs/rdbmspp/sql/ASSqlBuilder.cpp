@@ -281,7 +281,7 @@ void ASSqlBuilder::typedValue(const ASValue& value, const char* type) {
 
 void ASSqlBuilder::parameter(const ASValue& value) {
     // A literal could not hold it; nor may a parameter, so that one text means one thing everywhere.
-    if (value.kind == ASValue::Kind::Text) refuseNul(value.text);
+    if (value.kind == ASValue::Kind::Text) refuseUntakeable(value.text, m_dialect);
     m_parameters.push_back(&value);
     append("?");
 }

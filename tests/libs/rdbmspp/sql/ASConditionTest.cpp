@@ -288,6 +288,19 @@ TEST_P(ASCondition, NulByteIsRefusedInOurWords) {
               "a text with a NUL byte cannot be sent to the database");
 }
 
+/// SQLite compares any bytes.
+TEST_P(ASCondition, TextThatIsNoUtf8IsComparedOrRefusedInOurWords) {
+    const ASVStr text(10, std::string_view("a\xc3", 2));
+    if (!dialect().takesUtf8Alone) {
+        EXPECT_EQ(count(b.attribute == text), 0u);
+        return;
+    }
+    EXPECT_EQ(failure([&] { count(b.attribute == text); }),
+              "\"a\\xc3\" is no UTF-8, which all texts of PostgreSQL are");
+    EXPECT_EQ(failure([&] { count(ASAttribute::Like(b.attribute, std::string("a\xc3%"), 0)); }),
+              "\"a\\xc3%\" is no UTF-8, which all texts of PostgreSQL are");
+}
+
 TEST_P(ASCondition, ManyTermsAreTakenApartWithoutRecursion) {
     ASComparison left;
     ASComparison right;
