@@ -205,22 +205,32 @@ void compare(Figures& figures, const std::string& name, const Goal& goal, Asked 
                   ours.client.connections() == 8 ? Goal::atMost(3) : Goal::none());
 }
 
+/// With each number of connections.
+void beside(Figures& figures, const std::string& what, const Goal& goal, const Server& least,
+            const std::string& leastRequest, const Server& agent, const std::string& request) {
+    for (const std::size_t number : connections) {
+        LoadClient floor(least.port, number, leastRequest);
+        LoadClient ours(agent.port, number, request);
+        compare(figures, what + ", connections: " + std::to_string(number), goal, {floor, least}, {ours, agent});
+    }
+}
+
 void besideTheFloor(Figures& figures, const std::string& engine, const Rows& rows) {
     check(rowsOf(LoadClient(rows.agent().port, 1, rows.agentsPage()).answer()) ==
               rowsOf(LoadClient(rows.floor().port, 1, Rows::floorsPage()).answer()),
           "the pages differ");
     figures.print(engine + ", agent at rest", "", rows.agent().residentMegabytes(), " MB", Goal::atMost(20));
-    const auto beside = [&](const std::string& what, const Goal& goal, const std::string& floors,
-                            const std::string& agents) {
-        for (const std::size_t number : connections) {
-            LoadClient floor(rows.floor().port, number, floors);
-            LoadClient agent(rows.agent().port, number, agents);
-            compare(figures, engine + ", " + what + ", connections: " + std::to_string(number), goal,
-                    {floor, rows.floor()}, {agent, rows.agent()});
-        }
-    };
-    beside("page", Goal::atLeast(0.75), Rows::floorsPage(), rows.agentsPage());
-    beside("static answer", Goal::none(), requestOf("/live"), requestOf("/health/live"));
+    beside(figures, engine + ", page", Goal::atLeast(0.75), rows.floor(), Rows::floorsPage(), rows.agent(),
+           rows.agentsPage());
+}
+
+/// An answer that asks no database, beside the same from nothing but the HTTP library.
+void besideTheLibrary(Figures& figures, const Server& agent) {
+    const Server bare({(programDirectory() / "http_bare_beast").string()}, "http_bare_beast listening on ");
+    check(LoadClient(bare.port, 1, requestOf("/live")).answer() ==
+              LoadClient(agent.port, 1, requestOf("/health/live")).answer(),
+          "the static answers differ");
+    beside(figures, "static answer", Goal::atLeast(0.8), bare, requestOf("/live"), agent, requestOf("/health/live"));
 }
 
 /// What npm has of them, installed once.
@@ -280,6 +290,7 @@ void run(Figures& figures) {
         const TemporaryDirectory folder;
         const std::string file = (folder / "operations.db").string();
         const Rows rows("Driver=SQLite3;Database=" + file, size, folder.path());
+        besideTheLibrary(figures, rows.agent());
         besideTheFloor(figures, "SQLite", rows);
         if (peers) besideSoul(figures, rows, file);
     }
