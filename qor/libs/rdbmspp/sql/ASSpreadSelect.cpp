@@ -129,7 +129,7 @@ bool ASSqlBuilder::spread(const ASSelect& select, const ASComparison& where) {
     const bool page =
         isPage(select) && (wanted.size() == 1 || std::int64_t{select.m_limit} + select.m_offset <= mostOfEach);
     if (!count && !page) return false;
-    m_computes = m_computes || !domain->handsOutOnly();
+    m_computes = !domain->handsOutOnly();  // nothing has been written before
     const std::size_t text = m_text.size();
     const std::size_t parameters = m_parameters.size();
     try {
