@@ -19,12 +19,13 @@ struct Setting {
 
 // The driver would otherwise put a savepoint around each statement and let a transaction go on, and commit, after one
 // failed (Protocol); change line ends and truth values (LFConversion, TrueIsMinus1); read through cursors that cost a
-// page twice its time (UseDeclareFetch); or write into statements what they shall not have (Parse, RowVersioning,
-// UpdatableCursors).
+// page twice its time (UseDeclareFetch); write into statements what they shall not have (Parse, RowVersioning,
+// UpdatableCursors); or write what is asked, with its values, into files that everybody may read (CommLog, Debug).
 constexpr Setting settings[] = {
     {"Protocol", "7.4-0"}, {"UseServerSidePrepare", "1"}, {"UseDeclareFetch", "0"}, {"LFConversion", "0"},
     {"TrueIsMinus1", "0"}, {"UpdatableCursors", "0"},     {"RowVersioning", "0"},   {"ShowOidColumn", "0"},
-    {"Parse", "0"},        {"UnknownSizes", "0"},         {"ReadOnly", "0"},
+    {"Parse", "0"},        {"UnknownSizes", "0"},         {"ReadOnly", "0"},        {"CommLog", "0"},
+    {"Debug", "0"},
 };
 
 // A server that does not answer any more is given up after some seconds. What the administrator says counts.

@@ -109,6 +109,7 @@ TEST_F(PostgresPool, ASettingThatContradictsTheLayerIsRefusedByItsName) {
     EXPECT_THAT(failureOf([&] { open(";ConnSettings=set+x"); }).text(), HasSubstr("ConnSettings"));
     EXPECT_THAT(failureOf([&] { open(";A1=7.4-2"); }).text(), HasSubstr("\"A1\""));
     EXPECT_THAT(failureOf([&] { open(";cx=1"); }).text(), HasSubstr("\"cx\""));
+    EXPECT_THAT(failureOf([&] { open(";CommLog=1"); }).text(), HasSubstr("CommLog=1, which has to be 0"));
     open(";Protocol=7.4-0;LFConversion=0");
     EXPECT_EQ(cell("SELECT 1"), "1");
 }
