@@ -105,9 +105,7 @@ public:
             key(m_json, child.name());
             if (child.name() == "os") {
                 child.children().empty() ? static_cast<void>(m_json.Null()) : putOs(child);
-            } else if (child.name() == "memory" && m_columns.hasMemory) {
-                putRaw(child.value());
-            } else if (child.name() == "boot_time" && m_columns.hasBootTime && parseInt64(child.value())) {
+            } else if (isNumber(child)) {
                 putRaw(child.value());
             } else {
                 putText({}, child);
@@ -117,6 +115,11 @@ public:
     }
 
 private:
+    /// Whether a member is stored as a number, and is one.
+    bool isNumber(const QORInfo& member) const {
+        if (member.name() == "memory") return m_columns.hasMemory;
+        return member.name() == "boot_time" && m_columns.hasBootTime && parseInt64(member.value());
+    }
     void putOs(const QORInfo& os) {
         m_json.StartObject();
         for (const QORInfo& child : os.children()) {

@@ -289,6 +289,7 @@ private:
         const std::vector<ForwardRefused> offered = m_stored.refused(mostOffered);
         if (offered.empty()) return false;
         std::vector<QORRecordChange> records;
+        records.reserve(offered.size());
         for (const ForwardRefused& one : offered)
             records.push_back(one.record);
         const std::vector<ForwardLine> lines = readForwardLines(records, m_stream);

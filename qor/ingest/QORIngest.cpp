@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 #include <numeric>
+#include <utility>
 
 #include "QORCommon/QORDigest.h"
 #include "QORCommon/QORException.h"
@@ -426,7 +427,7 @@ QORIngestRequest::QORIngestRequest(std::string_view requestKey, std::string_view
     if (!owner.empty()) key.insert(0, std::string(owner) + " ");
 }
 
-QORIngest::QORIngest(QORIngestOptions options) : m_options(options) {}
+QORIngest::QORIngest(QORIngestOptions options) : m_options(std::move(options)) {}
 
 QORIngestResult QORIngest::importLines(std::istream& lines, const QORIngestProgress& progress,
                                        const std::stop_token& stop) {

@@ -41,9 +41,9 @@ const QORSource* sourceOfFields(const std::vector<std::string>& fields) {
 
 std::string ShortNames::find(std::string_view name) const {
     if (m_names.isField(name) || name.starts_with(beginning)) return std::string(name);
-    const std::string own = prefixOf(m_source) + std::string(name);
+    std::string own = prefixOf(m_source) + std::string(name);
     if (m_names.isField(own)) return own;
-    const std::string beside = std::string(beginning) + std::string(name);
+    std::string beside = std::string(beginning) + std::string(name);
     if (m_names.isField(beside)) return beside;
     const bool isParameter = !m_source.parameterPrefix.empty() && name.find('.') != std::string_view::npos;
     return isParameter ? std::string(m_source.parameterPrefix) + std::string(name) : std::string();
