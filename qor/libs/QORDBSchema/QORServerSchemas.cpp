@@ -31,7 +31,7 @@ void QORDBSchema::migrateServer(const QORServer& server) {
                                " of the schema, but this program knows versions up to " +
                                std::to_string(currentVersion()) + ": use the newer program that wrote it");
         database.write([](ASSession& session) { migrate(session); });
-        logMessage(2, "QORDBSchema", sourcePath, __func__, "Server '%s': schema version %d, was %d",
+        logMessage(2, "QORDBSchema", sourcePath, "migrateServer", "Server '%s': schema version %d, was %d",
                    server.name.c_str(), currentVersion(), found.version);
     });
 }

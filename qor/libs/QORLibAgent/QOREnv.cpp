@@ -164,7 +164,8 @@ const QORPtr<const QOREnvConfig>& emptyConfig() {
 }
 
 QORPtr<const QOREnvConfig> orEmpty(QORPtr<const QOREnvConfig> config) {
-    return config ? std::move(config) : emptyConfig();
+    if (!config) return emptyConfig();
+    return config;
 }
 
 }  // namespace

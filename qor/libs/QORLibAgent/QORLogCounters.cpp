@@ -638,8 +638,10 @@ QORLogScopes::Records QORLogScopes::records(std::int64_t from, std::int64_t to, 
         const std::string limit = each == 0 ? "" : newest + seq + " DESC LIMIT CAST(? AS bigint)";
         if (!records.sql.empty()) records.sql += " UNION ALL ";
         if (one) {
-            const std::string rows = "SELECT " + columns + " FROM " + std::string(form.table) + " r WHERE " + within;
-            records.sql += each == 0 ? rows : "SELECT seq, time FROM (" + rows + limit + ") r";
+            if (each != 0) records.sql += "SELECT seq, time FROM (";
+            records.sql.append("SELECT ").append(columns).append(" FROM ").append(form.table);
+            records.sql.append(" r WHERE ").append(within);
+            if (each != 0) records.sql.append(limit).append(") r");
             for (std::string& piece : piecesOf(part.form, part.first))
                 records.parameters.push_back(std::move(piece));
         } else {

@@ -157,7 +157,7 @@ private:
     static void firstChild(QORBinaryIterator& it);
     static void nextSibling(QORBinaryIterator& it);
     ASComparison logicalExpr(QORBinaryIterator it);
-    ASComparison comparisonExpr(QORBinaryIterator it);
+    ASComparison comparisonExpr(const QORBinaryIterator& it);
     ASComparison binaryExpr(QORBinaryIterator it, QORTag operation);
     ASComparison likeExpr(QORBinaryIterator it);
     ASComparison betweenExpr(QORBinaryIterator it);

@@ -49,7 +49,7 @@ ASComparison SelectStmnt::logicalExpr(QORBinaryIterator it) {
     return result;
 }
 
-ASComparison SelectStmnt::comparisonExpr(QORBinaryIterator it) {
+ASComparison SelectStmnt::comparisonExpr(const QORBinaryIterator& it) {
     switch (it.curID()) {
         case tag::eq:
         case tag::ne:
