@@ -261,7 +261,7 @@ std::string QORSecurityRequests::operand(const std::vector<Level>& levels, const
     }
     const QORCheckedColumn& chosen = comparable(*level->view);
     *column = &chosen;
-    const std::string field = noteLeaf("field", name + chosen.name);
+    std::string field = noteLeaf("field", name + chosen.name);
     if (!chance(15)) return field;
     note("function");
     return noteElement("function", noteLeaf("name", chance(50) ? "upper" : "lower") + "," + field);

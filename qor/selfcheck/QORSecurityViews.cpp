@@ -46,8 +46,9 @@ std::vector<std::string> objectColumns(const QORCheckedView& view) {
 
 void sample(QORCheckedDatabase& database, const std::string& view, QORCheckedColumn& column) {
     const std::string text = database.textOf(quotedName(column.name));
-    const std::string distinct = "SELECT DISTINCT " + text + " FROM " + database.whole(view) + " WHERE length(" + text +
-                                 ") <= " + std::to_string(sampledBytes);
+    std::string distinct = "SELECT DISTINCT " + text;
+    distinct.append(" FROM ").append(database.whole(view)).append(" WHERE length(").append(text);
+    distinct.append(") <= ").append(std::to_string(sampledBytes));
     const std::string limit = " LIMIT " + std::to_string(samplesOfColumn);
     try {
         // The first and the last that the engine finds: cheap on any size, and old and new records alike.

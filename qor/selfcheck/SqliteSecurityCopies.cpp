@@ -63,8 +63,10 @@ void copyRecords(SqliteCheckedDatabase& target, const std::set<std::string>& eid
         std::string columns;
         for (const auto& column : target.values("SELECT name FROM pragma_table_info(" + quotedText(table.name) + ")"))
             columns += (columns.empty() ? "" : ", ") + quotedName(column);
-        target.run("INSERT INTO main." + std::string(table.name) + " (" + columns + ") SELECT " + columns +
-                   " FROM whole." + table.name + " WHERE " + table.owner + " IN (" + quotedList(eids) + ")");
+        std::string copying("INSERT INTO main.");
+        copying.append(table.name).append(" (").append(columns).append(") SELECT ").append(columns);
+        copying.append(" FROM whole.").append(table.name).append(" WHERE ").append(table.owner);
+        target.run(copying.append(" IN (").append(quotedList(eids)).append(")"));
     }
 }
 
