@@ -83,12 +83,7 @@ void ServerUpkeep::seeToNotes(const QORPlacement& placement, const QORServer& fr
         all = all && !QORServers::instance().isAway(to.name) && removeEarlier(to, notes);
     }
     if (!all || QORServers::instance().refresh()->epoch() != placement.epoch()) return;
-    ServerLeftovers::Share done;
-    for (const ArrivalNote& note : notes)
-        done.notes.push_back(note.id);
-    QORServers::instance().run(from, [&](QORRdbms& database) {
-        database.write([&](ASSession& session) { ServerLeftovers::remove(session, done); });
-    });
+    takeAway(from, notes);
 }
 
 ServerFollower::ServerFollower()

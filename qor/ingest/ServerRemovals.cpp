@@ -1,6 +1,6 @@
 #include "ingest/ServerRemovals.h"
 
-#include <limits>
+#include <algorithm>
 #include <utility>
 
 #include "QORCommon/QORText.h"
@@ -16,21 +16,38 @@ constexpr std::string_view insertNote = "INSERT INTO qor_removal (server, source
 constexpr std::string_view selectNotes =
     "SELECT id, server, source, ids FROM qor_removal WHERE id <= ? ORDER BY id LIMIT 200";
 constexpr std::string_view selectFound =
-    "SELECT 0, o.id, o.seq FROM qor_operation o WHERE o.id IN "
-    "(SELECT value ->> 0 FROM json_array_elements(CAST(? AS json))) UNION ALL "
-    "SELECT 1, b.id, b.seq FROM qor_backup b WHERE b.id IN "
-    "(SELECT value ->> 0 FROM json_array_elements(CAST(? AS json))) UNION ALL "
-    "SELECT 2, CAST(h.remainder AS text), h.modulus FROM qor_held h";
+    "WITH operation AS (SELECT value ->> 0 AS id FROM json_array_elements(CAST(? AS json))), "
+    "backup AS (SELECT value ->> 0 AS id FROM json_array_elements(CAST(? AS json))), "
+    "noted AS (SELECT n.source, e.value ->> 0 AS id, CAST(e.value ->> 1 AS bigint) AS number "
+    "FROM qor_removal n, json_array_elements(CAST(n.ids AS json)) e) "
+    "SELECT 0, id, seq, 1 FROM qor_operation WHERE id IN (SELECT id FROM operation) UNION ALL "
+    "SELECT 1, id, seq, 1 FROM qor_backup WHERE id IN (SELECT id FROM backup) UNION ALL "
+    "SELECT 0, id, number, 0 FROM noted WHERE source = 'qor_operation' AND id IN (SELECT id FROM operation) "
+    "UNION ALL "
+    "SELECT 1, id, number, 0 FROM noted WHERE source = 'qor_backup' AND id IN (SELECT id FROM backup) UNION ALL "
+    "SELECT 2, CAST(remainder AS text), modulus, 1 FROM qor_held";
 
 constexpr std::string_view earlierOnes =
     "(SELECT value ->> 0 AS id, CAST(value ->> 1 AS bigint) AS number FROM json_array_elements(CAST(? AS json))) r "
     "WHERE t.id = r.id AND t.seq < r.number";
 
+/// A record that came again keeps its first number, which may be smaller than that of a note from meanwhile. What the
+/// server itself has noted of it tells when it came last.
+constexpr std::string_view unlessNotedLater =
+    " AND NOT EXISTS (SELECT 1 FROM qor_removal n, json_array_elements(CAST(n.ids AS json)) e WHERE n.source = ? "
+    "AND e.value ->> 0 = r.id AND CAST(e.value ->> 1 AS bigint) > r.number)";
+
+IdentifiedTable tableNamed(std::string_view name) {
+    for (const IdentifiedTable table : {IdentifiedTable::Operations, IdentifiedTable::Backups}) {
+        if (name == nameOf(table)) return table;
+    }
+    throw AException("a note of arrivals names the table " + quoteText(name) + ", which has no identifiers");
+}
+
 /// The same statements whatever a note says.
 std::string deleteEarlier(std::string_view table) {
-    if (table != nameOf(IdentifiedTable::Operations) && table != nameOf(IdentifiedTable::Backups))
-        throw AException("a note of arrivals names the table " + quoteText(table) + ", which has no identifiers");
-    return "DELETE FROM " + std::string(table) + " t USING " + std::string(earlierOnes);
+    return "DELETE FROM " + std::string(nameOf(tableNamed(table))) + " t USING " +
+           std::string(earlierOnes).append(unlessNotedLater);
 }
 
 }  // namespace
@@ -60,7 +77,7 @@ void renumber(ASSession& session, IdentifiedTable table, std::string_view ids) {
 }
 
 bool findRecords(ASSession& session, const QORServer& here, std::string_view operations, std::string_view backups,
-                 std::vector<FoundRecord>& found) {
+                 FoundRecords& found) {
     constexpr std::int64_t ofServer = 2;
     bool same = false;
     ASStatement& select = session.prepare(selectFound);
@@ -71,15 +88,19 @@ bool findRecords(ASSession& session, const QORServer& here, std::string_view ope
                    select.integer(3) == static_cast<std::int64_t>(here.modulus);
             continue;
         }
-        found.push_back({select.integer(1) == 0 ? IdentifiedTable::Operations : IdentifiedTable::Backups,
-                         std::string(select.text(2)), select.integer(3)});
+        const auto table = select.integer(1) == 0 ? IdentifiedTable::Operations : IdentifiedTable::Backups;
+        FoundRecord& record = found[{table, std::string(select.text(2))}];
+        record.number = std::max(record.number, select.integer(3));
+        record.isThere = record.isThere || select.integer(4) == 1;
     }
     select.close();
     return same;
 }
 
-bool holds(ASSession& session, const QORServer& here) {
-    ASStatement& select = session.prepare("SELECT modulus, remainder FROM qor_held FOR SHARE");
+bool holds(ASSession& session, const QORServer& here, QORServerUse use) {
+    ASStatement& select =
+        session.prepare(use == QORServerUse::Alone ? "SELECT modulus, remainder FROM qor_held FOR UPDATE"
+                                                   : "SELECT modulus, remainder FROM qor_held FOR SHARE");
     select.execute();
     const bool same = select.fetch() && select.integer(1) == static_cast<std::int64_t>(here.modulus) &&
                       select.integer(2) == static_cast<std::int64_t>(here.remainder);
@@ -122,15 +143,33 @@ bool removeEarlier(const QORServer& at, const std::vector<ArrivalNote>& notes) {
     bool held = true;
     QORServers::instance().run(at, [&](QORRdbms& database) {
         database.write([&](ASSession& session) {
-            held = holds(session, at);
+            // Who stores a record at this moment notes it, and that has to be seen.
+            held = holds(session, at, QORServerUse::Alone);
             if (!held) return;
             for (const ArrivalNote& note : notes) {
                 if (note.isFor(at))
-                    session.prepare(deleteEarlier(note.table)).bind(1, std::string_view(note.ids)).execute();
+                    session.prepare(deleteEarlier(note.table))
+                        .bind(1, std::string_view(note.ids))
+                        .bind(2, std::string_view(note.table))
+                        .execute();
             }
         });
     });
     return held;
+}
+
+void takeAway(const QORServer& from, const std::vector<ArrivalNote>& notes) {
+    ServerLeftovers::Share done;
+    QORServers::instance().run(from, [&](QORRdbms& database) {
+        database.write([&](ASSession& session) {
+            done.notes.clear();
+            for (const ArrivalNote& note : notes) {
+                renumber(session, tableNamed(note.table), note.ids);
+                done.notes.push_back(note.id);
+            }
+            ServerLeftovers::remove(session, done);
+        });
+    });
 }
 
 // --- what is left to clear up ----------------------------------------------------------------------------------

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "QORServers/QORServers.h"
@@ -31,6 +32,10 @@ private:
     std::string m_text;
 };
 
+// A record that comes again to the server that has it keeps its number, and with it its place among those of its
+// second. So it came last with the greatest of its number and those under which the server has noted it; a note from
+// elsewhere removes it only if that is smaller. A note may go when nobody has a note or a record that is between.
+
 /// Keeps with records that are stored, in the same transaction, that others must have no earlier ones of these
 /// identifiers. \returns what it is kept under \param ids as ArrivedIds gives them
 std::int64_t noteArrivals(ASSession& session, IdentifiedTable table, std::string_view ids);
@@ -38,18 +43,20 @@ std::int64_t noteArrivals(ASSession& session, IdentifiedTable table, std::string
 /// Gives these records the numbers of `ids` where theirs are smaller: from then on no earlier note can remove them.
 void renumber(ASSession& session, IdentifiedTable table, std::string_view ids);
 
-/// A record as it is elsewhere.
+/// What there is of a record elsewhere.
 struct FoundRecord {
-    IdentifiedTable table;
-    std::string id;
-    std::int64_t number;
+    std::int64_t number = 0;  ///< with which it came there last
+    bool isThere = false;     ///< else there is a note alone
 };
-/// Which of these records there are here, with whatever number. \param here the server that it should be
+using FoundRecords = std::map<std::pair<IdentifiedTable, std::string>, FoundRecord>;
+/// Which of these records there are here, or are noted here. \param here the server that it should be
 /// \returns whether it is; if not, environments have moved, and what is not found here may be elsewhere
 bool findRecords(ASSession& session, const QORServer& here, std::string_view operations, std::string_view backups,
-                 std::vector<FoundRecord>& found);
+                 FoundRecords& found);
+/// Alone: nobody else stores or removes records there until the caller's transaction ends.
+enum class QORServerUse { Shared, Alone };
 /// Whether the server has what the placement says. It keeps that until the caller's transaction ends.
-bool holds(ASSession& session, const QORServer& here);
+bool holds(ASSession& session, const QORServer& here, QORServerUse use = QORServerUse::Shared);
 
 /// A note of arrivals.
 struct ArrivalNote {
@@ -64,10 +71,14 @@ struct ArrivalNote {
 std::vector<ArrivalNote> readNotes(const QORServer& from, std::int64_t last);
 std::int64_t lastNote(const QORServer& from);
 
-/// Removes records at a server that came before those of the notes that are for it. That may be done again at any time:
-/// what comes later has a greater number. \returns whether the server has what the placement says; if not, the records
-/// may have moved, and nothing is done \throws AException
+/// Removes records at a server that came last before those of the notes that are for it. That may be done again at any
+/// time: what comes later has a greater number. \returns whether the server has what the placement says; if not, the
+/// records may have moved, and nothing is done \throws AException
 bool removeEarlier(const QORServer& at, const std::vector<ArrivalNote>& notes);
+
+/// Takes away notes that have been seen to. Whoever did that does not know what others have noted of the same records:
+/// so these have the numbers of their last arrival from now on. \throws AException
+void takeAway(const QORServer& from, const std::vector<ArrivalNote>& notes);
 
 /// What a process still has to clear up on servers, with the next transaction that writes there. Thread-safe.
 class ServerLeftovers {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
-#include <limits>
 #include <set>
 #include <string>
 #include <thread>
@@ -325,7 +324,7 @@ struct SpreadBatch::Look {
     QORServer server;
     ArrivedIds operations;
     ArrivedIds backups;
-    std::vector<FoundRecord> found;
+    FoundRecords found;
     bool answered = false;
 };
 
@@ -335,8 +334,7 @@ namespace {
 constexpr auto patienceWithOthers = std::chrono::seconds(2);
 
 /// \returns whether it answered, and is the one that it is taken for
-bool askOther(const QORServer& server, const std::string& operations, const std::string& backups,
-              std::vector<FoundRecord>& found) {
+bool askOther(const QORServer& server, const std::string& operations, const std::string& backups, FoundRecords& found) {
     QORServers& servers = QORServers::instance();
     if (servers.isAway(server.name)) return false;
     QORRequestControl::checkCurrent();
@@ -412,29 +410,30 @@ bool SpreadBatch::isAnyAway() const {
                        [](const QORServer& server) { return QORServers::instance().isAway(server.name); });
 }
 
-// Somebody who has not heard of this record yet may be about to remove it for the sake of the one that was found: that
-// is done first, and the record is stored once more, now with a greater number than all of that. Where environments
-// move meanwhile, the note stays for who sees to it later.
+// Somebody who has not heard of this record yet may be about to remove it for the sake of the one that was found, or
+// that is noted: so it is stored once more, with a greater number than all of that, before the other one is removed.
+// Where environments move meanwhile, the note stays for who sees to it later.
 void SpreadBatch::compare(Look& look, const Places& places) {
-    for (const FoundRecord& found : look.found) {
-        const Place& place = places.at({found.table, found.id});
+    for (const auto& [identifier, found] : look.found) {
+        const auto& [table, id] = identifier;
+        const Place& place = places.at({table, id});
         const std::int64_t number = place.record->number;
         if (found.number == number) continue;  // it has just been moved there
         const bool earlier = found.number < number;
         if (earlier) {
-            const auto notes = readNotes(look.server, std::numeric_limits<std::int64_t>::max());
-            look.answered = look.answered && removeEarlier(place.part->server, notes);
-            storeAll({*place.record}, nullptr, true);
+            const std::vector<Part> again = storeAll({*place.record}, nullptr, true);
+            look.answered = look.answered && again.front().server.number == place.part->server.number;
             QORIngestCounts& counts = of(m_counts, kindOf(*place.record->record));
-            if (counts.added > 0) {
+            if (found.isThere && counts.added > 0) {
                 --counts.added;
                 ++counts.replaced;
             }
+            if (!found.isThere) continue;
         }
         const QORServer& loser = earlier ? look.server : place.part->server;
         ArrivedIds ids;
-        ids.add(found.id, std::max(found.number, number));
-        const ArrivalNote note{0, loser.name, std::string(nameOf(found.table)), ids.text()};
+        ids.add(id, std::max(found.number, number));
+        const ArrivalNote note{0, loser.name, std::string(nameOf(table)), ids.text()};
         look.answered = look.answered && removeEarlier(loser, {note});
     }
 }

@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORLibAgent/QORIdentities.h"
+#include "ingest/ServerFollower.h"
 #include "ingest/ServerRemovals.h"
 #include "ingest/SpreadTest.h"
 
@@ -19,7 +20,22 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::UnorderedElementsAre;
 
-class SpreadIngestTest : public SpreadTest {};
+class SpreadIngestTest : public SpreadTest {
+protected:
+    /// An operation that was with one server and went to another one, whose agent ended before it told the first: that
+    /// one has it still, and the other one's note is there.
+    void letHaveGone(unsigned from, unsigned to) const {
+        expectStored(send(operation("o", on(from), 1)), 1);
+        const std::string first = at(from).cell("SELECT seq FROM qor_operation");
+        expectStored(send(operation("o", on(to), 2)), 0, 1);
+        const std::string second = at(to).cell("SELECT seq FROM qor_operation");
+        at(from).run("INSERT INTO qor_operation (seq, id, status, time, eid) VALUES (" + first +
+                     ", 'o', 1, '2024-01-01', '" + on(from).toString() + "')");
+        at(to).run("INSERT INTO qor_removal (server, source, ids) VALUES ('*', 'qor_operation', '[[\"o\"," + second +
+                   "]]')");
+    }
+    static std::string operationsOf(unsigned number) { return operations().at(number - 1); }
+};
 
 TEST_F(SpreadIngestTest, EachRecordIsWithTheServerOfItsEnvironmentAndEnvironmentsAreAtHome) {
     std::string lines;
@@ -152,6 +168,45 @@ TEST_F(SpreadIngestTest, ARecordThatReturnsWhileAServerIsAwayIsNotRemovedByWhatT
     EXPECT_TRUE(removeEarlier(one, readNotes(two, 1'000'000'000)));
     EXPECT_TRUE(removeEarlier(two, notesOfOne));
     EXPECT_THAT(operations(), ElementsAre("o:3", "", ""));
+}
+
+// It came back, and the agent ended again before it told the other one.
+TEST_F(SpreadIngestTest, ARecordThatCameBackIsNotLostToTheNotesOfAgentsThatEnded) {
+    for (const auto& [back, other] : {std::pair(1U, 2U), std::pair(2U, 1U)}) {
+        SetUp();
+        letHaveGone(back, other);
+        at(other).run("ALTER TABLE qor_held RENAME TO qor_held_away");
+        EXPECT_TRUE(send(operation("o", on(back), 3), "key").failure);
+        at(other).run("ALTER TABLE qor_held_away RENAME TO qor_held");
+        EXPECT_EQ(operationsOf(back), "o:3");
+        ServerUpkeep upkeep;
+        upkeep.turn();
+        upkeep.turn();
+        EXPECT_THAT(each("SELECT count(*) FROM qor_removal"), ElementsAre("0", "0", "0"));
+        EXPECT_EQ(operationsOf(back), "o:3");
+        EXPECT_EQ(operationsOf(other), "");
+        EXPECT_FALSE(send(operation("o", on(back), 3), "key").failure);
+        EXPECT_EQ(operationsOf(back), "o:3");
+    }
+}
+
+TEST_F(SpreadIngestTest, ANoteOfOneThatHasNoSuchRecordAnyMoreRemovesNoneThatCameLater) {
+    letHaveGone(1, 2);
+    at(2).run("DELETE FROM qor_operation");
+    expectStored(send(operation("o", on(1), 3)), 0, 1);
+    at(1).run("DELETE FROM qor_removal");  // it has been seen to
+    const auto placement = QORServers::instance().placement();
+    EXPECT_TRUE(removeEarlier(placement->servers()[0], readNotes(placement->servers()[1], 1'000'000'000)));
+    EXPECT_EQ(operationsOf(1), "o:3");
+}
+
+TEST_F(SpreadIngestTest, ARecordThatComesAgainToItsServerKeepsItsPlace) {
+    expectStored(send(operation("o", on(1), 1) + operation("p", on(1), 1)), 2);
+    expectStored(send(operation("o", on(1), 2)), 0, 1);
+    ServerUpkeep upkeep;
+    for (int turn = 0; turn < 3; ++turn)
+        upkeep.turn();
+    EXPECT_EQ(at(1).cell("SELECT string_agg(id, ' ' ORDER BY seq) FROM qor_operation"), "o p");
 }
 
 TEST_F(SpreadIngestTest, HomeKnowsWhichServersHaveOperationsThatTouchAnEnvironment) {
