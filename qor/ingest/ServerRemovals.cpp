@@ -35,7 +35,7 @@ constexpr std::string_view earlierOnes =
 /// server itself has noted of it tells when it came last.
 constexpr std::string_view unlessNotedLater =
     " AND NOT EXISTS (SELECT 1 FROM qor_removal n, json_array_elements(CAST(n.ids AS json)) e WHERE n.source = ? "
-    "AND e.value ->> 0 = r.id AND CAST(e.value ->> 1 AS bigint) > r.number)";
+    "AND e.value ->> 0 = r.id AND CAST(e.value ->> 1 AS bigint) >= r.number)";
 
 IdentifiedTable tableNamed(std::string_view name) {
     for (const IdentifiedTable table : {IdentifiedTable::Operations, IdentifiedTable::Backups}) {

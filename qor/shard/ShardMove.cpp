@@ -234,6 +234,7 @@ void ShardMove::settleRest(ASSession& source) {
     for (std::size_t i = 0; i < m_ways.size(); ++i) {
         m_records[i].copyDocuments(*snapshot);
         m_records[i].copyRequests(*snapshot);
+        m_records[i].copyNotes(*snapshot);
         const std::uint64_t last = m_records[i].removeLeft(source);
         m_gone[i] += last;
         m_waited += last;

@@ -184,6 +184,19 @@ void ShardRecords::copyRequests(ASSession& source) {
     m_requestsFrom = from;
 }
 
+void ShardRecords::copyNotes(ASSession& source) {
+    const auto notes = readRows(source, "SELECT server, source, ids FROM qor_removal", 3);
+    m_target.write([&](ASSession& target) {
+        target.execute("DELETE FROM qor_removal");
+        ASStatement& insert = target.prepare("INSERT INTO qor_removal (server, source, ids) VALUES (?, ?, ?)");
+        for (const auto& note : notes)
+            insert.bind(1, std::string_view(note[0]))
+                .bind(2, std::string_view(note[1]))
+                .bind(3, std::string_view(note[2]))
+                .execute();
+    });
+}
+
 std::uint64_t ShardRecords::count(ASSession& source) const {
     std::uint64_t records = 0;
     for (const char* const name : recordTables)

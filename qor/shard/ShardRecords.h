@@ -40,6 +40,9 @@ public:
     void copyDocuments(ASSession& source);
     /// How far requests have been stored: the first time of all, later of those that have been stored since.
     void copyRequests(ASSession& source);
+    /// What the source has noted of its records and others have not been told yet: without it they could remove some of
+    /// what the target has.
+    void copyNotes(ASSession& source);
     std::uint64_t count(ASSession& source) const;
 
     /// Removes them from the source, but for the newest, and those that others are just changing: these are left. Who

@@ -122,6 +122,23 @@ protected:
     Rows m_before;
 };
 
+// It came again there, kept its number, and nobody else has been told yet.
+TEST_F(Handover, ARecordThatMovesIsNotRemovedByWhatItsServerNotedOfIt) {
+    PostgresConnection first(m_database.conninfo(1));
+    PostgresConnection third(m_database.conninfo(3));
+    const std::string id = first.cell(
+        "SELECT id FROM qor_operation WHERE satisfies_hash_partition('qor_spread'::regclass, 4, 2, eid) LIMIT 1");
+    first.run("INSERT INTO qor_removal (server, source, ids) VALUES ('*', 'qor_operation', '[[\"" + id +
+              "\",200000]]')");
+    EXPECT_THAT(move().faults, testing::IsEmpty());
+    openHome();
+    ServerUpkeep upkeep;
+    const char* const notes = "SELECT count(*) FROM qor_removal";
+    while (first.cell(notes) != "0" || third.cell(notes) != "0")
+        upkeep.turn();
+    EXPECT_EQ(third.cell("SELECT count(*) FROM qor_operation WHERE id = '" + id + "'"), "1");
+}
+
 TEST_F(Handover, KilledBetweenTheTwoCommitsAnAgentSaysTheRest) {
     killBetween();
     openHome();
