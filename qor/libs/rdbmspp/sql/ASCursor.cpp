@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
-#include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/ASSessionImpl.h"
 #include "rdbmspp/sql/ASNodes.h"
@@ -128,7 +127,7 @@ bool ASCursor::Fetch() {
         throw m_impl->session.impl().dialect->explained(m_impl->naming(error));
     } catch (const QORException& ended) {
         // Which of the places is to blame the engine does not tell; often there is but one.
-        if (m_impl->asked.empty() || ended.code() != errDeadline) throw;
+        if (m_impl->asked.empty()) throw;
         throw QORException(ended.code(), ended.message() + " (rows of " + m_impl->asked + " were asked for)");
     }
 }
