@@ -59,13 +59,15 @@ TEST_P(Mistakes, OfDirectionAndBracketAreKnown) {
     EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "count(op"}), EndsWith("the bracket is not closed: count(op)\n"));
 }
 
+const std::string help = "\nqorctl --help and qorctl COMMAND --help say what there is.\n";
+
+std::string refusalOf(const Words& arguments) {
+    const CtlResult result = runCtl(arguments);
+    EXPECT_EQ(result.status, 2);
+    return result.err;
+}
+
 TEST(CommandLine, NamesWhatACommandOrAnOptionWasMeantToBe) {
-    const std::string help = "\nqorctl --help and qorctl COMMAND --help say what there is.\n";
-    const auto refusalOf = [](const Words& arguments) {
-        const CtlResult result = runCtl(arguments);
-        EXPECT_EQ(result.status, 2);
-        return result.err;
-    };
     EXPECT_EQ(refusalOf({"selct"}), "qorctl: there is no command \"selct\"\ndid you mean select?" + help);
     EXPECT_THAT(refusalOf({"qwertz"}), StartsWith("qorctl: there is no command \"qwertz\"\nthere are select, "));
     EXPECT_EQ(refusalOf({"identity", "ad"}), "qorctl: there is no command \"identity ad\"\ndid you mean add?" + help);
@@ -81,12 +83,6 @@ TEST(CommandLine, NamesWhatACommandOrAnOptionWasMeantToBe) {
 }
 
 TEST(CommandLine, TellsWhatStandsInFrontOfACommandByWhereItBelongs) {
-    const std::string help = "\nqorctl --help and qorctl COMMAND --help say what there is.\n";
-    const auto refusalOf = [](const Words& arguments) {
-        const CtlResult result = runCtl(arguments);
-        EXPECT_EQ(result.status, 2);
-        return result.err;
-    };
     EXPECT_EQ(refusalOf({"--limit", "5", "select", "vOpLog"}),
               "qorctl: \"--limit\" is an option of select and goes behind it" + help);
     EXPECT_EQ(refusalOf({"--limit", "5", "select"}),
