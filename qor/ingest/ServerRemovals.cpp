@@ -15,11 +15,13 @@ constexpr std::string_view insertNote = "INSERT INTO qor_removal (server, source
 /// Not more at once than memory can hold.
 constexpr std::string_view selectNotes =
     "SELECT id, server, source, ids FROM qor_removal WHERE id <= ? ORDER BY id LIMIT 200";
+/// Of the newest notes alone. There are more only while a server is away, and then all that is stored gets new numbers.
 constexpr std::string_view selectFound =
     "WITH operation AS (SELECT value ->> 0 AS id FROM json_array_elements(CAST(? AS json))), "
     "backup AS (SELECT value ->> 0 AS id FROM json_array_elements(CAST(? AS json))), "
     "noted AS (SELECT n.source, e.value ->> 0 AS id, CAST(e.value ->> 1 AS bigint) AS number "
-    "FROM qor_removal n, json_array_elements(CAST(n.ids AS json)) e) "
+    "FROM (SELECT source, ids FROM qor_removal ORDER BY id DESC LIMIT 100) n, "
+    "json_array_elements(CAST(n.ids AS json)) e) "
     "SELECT 0, id, seq, 1 FROM qor_operation WHERE id IN (SELECT id FROM operation) UNION ALL "
     "SELECT 1, id, seq, 1 FROM qor_backup WHERE id IN (SELECT id FROM backup) UNION ALL "
     "SELECT 0, id, number, 0 FROM noted WHERE source = 'qor_operation' AND id IN (SELECT id FROM operation) "
@@ -32,10 +34,11 @@ constexpr std::string_view earlierOnes =
     "WHERE t.id = r.id AND t.seq < r.number";
 
 /// A record that came again keeps its first number, which may be smaller than that of a note from meanwhile. What the
-/// server itself has noted of it tells when it came last.
+/// server itself has noted of it tells when it came last. Looked up for each record that would be removed, which are
+/// few: where a server is away for long, notes are many.
 constexpr std::string_view unlessNotedLater =
-    " AND NOT EXISTS (SELECT 1 FROM qor_removal n, json_array_elements(CAST(n.ids AS json)) e WHERE n.source = ? "
-    "AND e.value ->> 0 = r.id AND CAST(e.value ->> 1 AS bigint) >= r.number)";
+    " AND r.number > coalesce((SELECT max(CAST(e.value ->> 1 AS bigint)) FROM qor_removal n, "
+    "json_array_elements(CAST(n.ids AS json)) e WHERE n.source = ? AND e.value ->> 0 = t.id), 0)";
 
 IdentifiedTable tableNamed(std::string_view name) {
     for (const IdentifiedTable table : {IdentifiedTable::Operations, IdentifiedTable::Backups}) {
