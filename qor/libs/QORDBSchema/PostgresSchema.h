@@ -32,5 +32,7 @@ extern const QORSchemaStep postgresSequence;
 extern const QORSchemaStep postgresHandover;
 /// Events' identifiers, who brought a record, and how far records have been sent on to others.
 extern const QORSchemaStep postgresForwarding;
+/// How long the texts of the views mostly are.
+extern const QORSchemaStep postgresLengths;
 
 }  // namespace QOR

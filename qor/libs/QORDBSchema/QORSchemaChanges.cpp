@@ -38,5 +38,6 @@ const QORSchemaStep serverSchema{};
 const QORSchemaStep handoverSchema{};
 const QORSchemaStep countingSchema{};
 const QORSchemaStep commitSchema{};
+const QORSchemaStep lengthSchema{};
 
 }  // namespace QOR

@@ -22,7 +22,7 @@ constexpr std::array sqliteSteps{
     QORVersionedStep{7, &changeSchema},    QORVersionedStep{8, &serverSchema},  QORVersionedStep{9, &countingSchema},
     QORVersionedStep{10, &identitySchema}, QORVersionedStep{11, &commitSchema}, QORVersionedStep{12, &secretSchema},
     QORVersionedStep{13, &sequenceSchema}, QORVersionedStep{14, &writerSchema}, QORVersionedStep{15, &handoverSchema},
-    QORVersionedStep{16, &forwardSchema},
+    QORVersionedStep{16, &forwardSchema},  QORVersionedStep{17, &lengthSchema},
 };
 constexpr std::array<std::string_view, 3> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX ", "CREATE UNIQUE INDEX "};
 
@@ -44,6 +44,7 @@ constexpr std::array postgresSteps{
     QORVersionedStep{11, &postgresCommits},  QORVersionedStep{12, &postgresSecrets},
     QORVersionedStep{13, &postgresSequence}, QORVersionedStep{14, &writerSchema},
     QORVersionedStep{15, &postgresHandover}, QORVersionedStep{16, &postgresForwarding},
+    QORVersionedStep{17, &postgresLengths},
 };
 static_assert(sqliteSteps.back().version == postgresSteps.back().version);
 constexpr std::array<std::string_view, 5> postgresParts{
@@ -113,7 +114,8 @@ constexpr const char* sqliteViewOrder = " ORDER BY m.name, c.cid";
 
 // Views and materialised views that a bare name finds, whichever schema of the search path they are in. A domain is
 // what it is made of. Types have the names that clients know them by; one that they know nothing like keeps its own.
-// The length of a text or a number lies above the four bytes that its modifier counts.
+// The length of a text or a number lies above the four bytes that its modifier counts; a type without one may have a
+// comment that says 'nvarchar(64)'.
 constexpr const char* postgresViewColumns =
     "SELECT CAST(c.relname AS text) AS \"viewName\", CAST(a.attname AS text) AS \"name\","
     " CASE t.typname WHEN 'uuid' THEN 'uniqueidentifier' WHEN 'text' THEN 'nvarchar' WHEN 'varchar' THEN 'nvarchar'"
@@ -122,7 +124,10 @@ constexpr const char* postgresViewColumns =
     " WHEN 'numeric' THEN 'decimal' WHEN 'timestamp' THEN 'datetime' WHEN 'timestamptz' THEN 'datetime'"
     " WHEN 'date' THEN 'datetime' WHEN 'bytea' THEN 'image' ELSE CAST(t.typname AS text) END AS \"type\","
     " CASE WHEN t.typname IN ('varchar', 'bpchar') AND a.atttypmod > 4 THEN a.atttypmod - 4"
-    " WHEN t.typname = 'numeric' AND a.atttypmod > 4 THEN ((a.atttypmod - 4) >> 16) & 65535 ELSE 0 END AS \"length\","
+    " WHEN t.typname = 'numeric' AND a.atttypmod > 4 THEN ((a.atttypmod - 4) >> 16) & 65535"
+    " WHEN t.typname = 'text' THEN"
+    " coalesce(CAST(substring(col_description(c.oid, a.attnum) FROM '^nvarchar\\((\\d{1,9})\\)$') AS int), 0)"
+    " ELSE 0 END AS \"length\","
     " CAST('UTF-8' AS text) AS \"charSet\", CAST('BINARY' AS text) AS \"collation\","
     " CAST(a.attnum - 1 AS int) AS \"position\"" QOR_POSTGRES_VIEWS;
 

@@ -50,5 +50,7 @@ extern const QORSchemaStep writerSchema;
 extern const QORSchemaStep handoverSchema;
 /// Events' identifiers, who brought a record, and how far records have been sent on to others.
 extern const QORSchemaStep forwardSchema;
+/// Nothing: columns of a file say by their types how long their texts mostly are.
+extern const QORSchemaStep lengthSchema;
 
 }  // namespace QOR

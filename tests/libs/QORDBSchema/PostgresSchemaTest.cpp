@@ -16,6 +16,7 @@
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/PostgresServer.h"
+#include "support/TemporaryDirectory.h"
 
 namespace QOR::test {
 namespace {
@@ -212,6 +213,24 @@ TEST_F(PostgresSchema, ViewsAreThoseThatABareNameFindsWithTypesThatClientsKnow) 
                                      "v.e smallint", "v.f int", "v.g bigint", "v.h bit", "v.i float", "v.j double",
                                      "v.k decimal 10", "v.l datetime", "v.m datetime", "v.n datetime", "v.o image",
                                      "v.p nvarchar", "v.q inet", "w.n int"));
+}
+
+TEST_F(PostgresSchema, ItsViewsAreToldOfLikeThoseOfSqlite) {
+    const auto told = [] {
+        std::vector<std::string> columns;
+        QORRdbmsTran tran(ASAccess::Read);
+        for (const QORViewColumn& column : readViews(*tran))
+            columns.push_back(column.view + "." + column.column + " " + column.type + " " +
+                              std::to_string(column.length));
+        return columns;
+    };
+    open();
+    const auto here = told();
+    QORRdbms::instance().shutdown();
+    const TemporaryDirectory folder;
+    QORDBSchema::open({.connectionString = "Driver=SQLite3;Database=" + (folder / "agent.db").string()},
+                      QORSchemaMode::Own);
+    EXPECT_EQ(here, told());
 }
 
 TEST_F(PostgresSchema, OrdersOfNullsAndTextsAreServedByIndexes) {
