@@ -19,6 +19,7 @@
 #include "QORLibAgent/QORChangeWatch.h"
 #include "agent/api/AgentAccess.h"
 #include "agent/api/AgentFields.h"
+#include "agent/api/AgentLimits.h"
 #include "agent/api/AgentMetrics.h"
 #include "agent/api/AgentViews.h"
 #include "agent/http/HttpTypes.h"
@@ -29,19 +30,6 @@ class QORHost;
 class AgentAudit;
 class QORForwarder;
 struct AgentTrace;
-
-/// How much memory requests may hold, in bytes. What has no room is refused with an error that names the setting.
-struct AgentMemory {
-    std::size_t oneRequest = std::size_t{256} << 20;
-    std::size_t allRequests = std::size_t{1} << 30;
-    std::size_t unpackedBody = std::size_t{64} << 20;  ///< of a body that came packed
-};
-
-/// How the agent treats those who follow.
-struct AgentFollowSettings {
-    std::chrono::milliseconds heartbeat = std::chrono::seconds(15);  ///< the longest silence
-    std::chrono::milliseconds patience = std::chrono::seconds(15);   ///< for a client to take what it is sent
-};
 
 /// Who asks is decided for each request when its head has been read (AgentAccess): by the token that it shows, or by
 /// who the system says is at the other end, or by the certificate that was shown. Root and the agent's own user have

@@ -1,0 +1,75 @@
+#include "agent/settings/SettingsMeaning.h"
+
+#include <algorithm>
+
+#include "QORCommon/QORAgentAddress.h"
+#include "QORCommon/QORException.h"
+#include "host/QORHostPaths.h"
+
+namespace QOR {
+namespace {
+
+[[noreturn]] void refuse(const std::string& reason) {
+    throw QORException(errBadRequest, reason, "qor/agent/settings/SettingsMeaning");
+}
+
+/// A token that goes over a network without TLS is everybody's.
+bool isOfThisMachine(const std::string& host) {
+    return host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
+std::vector<QORAgentAddress> addressesOf(const AgentSettings& settings) {
+    std::vector<QORAgentAddress> addresses;
+    if (!settings.socket.empty()) addresses.push_back(unixAddress(settings.socket));
+    for (const std::string& text : settings.listen)
+        addresses.push_back(readAgentAddress(text));
+    if (addresses.empty()) addresses.push_back(unixAddress(defaultSocketPath()));
+    return addresses;
+}
+
+}  // namespace
+
+bool usesTls(const HttpServerOptions& server) noexcept {
+    return std::any_of(server.listen.begin(), server.listen.end(),
+                       [](const QORAgentAddress& address) { return address.scheme == QORAgentAddress::Scheme::Https; });
+}
+
+HttpServerOptions serverOptions(const AgentSettings& settings) {
+    HttpServerOptions server = settings.server;
+    server.listen = addressesOf(settings);
+    for (const std::string& origin : settings.origins)
+        server.origins.add(origin);
+    const HttpCertificateFiles& files = settings.tls;
+    if (usesTls(server) && (files.certificate.empty() || files.key.empty()))
+        refuse("--listen https://... needs --tls-certificate and --tls-key");
+    if (!usesTls(server) && !(files.certificate + files.key + files.clientAuthority).empty())
+        refuse("--tls-certificate, --tls-key and --tls-client-ca are for --listen https://...");
+    return server;
+}
+
+QORForwardOptions forwardOptions(const AgentSettings& settings) {
+    using Scheme = QORAgentAddress::Scheme;
+    QORForwardOptions options = settings.forwarding;
+    QORAgentAddress& address = options.target.address;
+    address = readAgentAddress(settings.forward);
+    if (address.isUnix()) refuse("--forward: an agent is reached at https://HOST:PORT");
+    if (address.scheme == Scheme::Http && !isOfThisMachine(address.host))
+        refuse("--forward: plain http is for this machine's own programs: name https://" + address.authority());
+    if (address.scheme == Scheme::Http && !options.target.authority.empty())
+        refuse("--forward-ca is for --forward https://...");
+    return options;
+}
+
+void checkTogether(const AgentSettings& settings) {
+    if (!settings.readOnly) return;
+    if (!settings.forward.empty())
+        refuse("--read-only: how far records have been sent on cannot be kept for --forward");
+    if (settings.keep.any())
+        refuse("--read-only: nothing can be removed for --keep-age, --keep-records or --keep-size");
+}
+
+std::string connectionOf(const AgentSettings& settings) {
+    return settings.database.empty() ? defaultConnectionString() : connectionStringOf(settings.database);
+}
+
+}  // namespace QOR

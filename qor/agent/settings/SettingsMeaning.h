@@ -1,0 +1,25 @@
+/// \file
+/// What settings mean together: what fits, and what follows.
+#pragma once
+
+#include "agent/settings/AgentSettings.h"
+
+namespace QOR {
+
+/// The server's options. \throws QORException errBadRequest for an address that is none, and certificates that are
+/// missing or for nothing
+HttpServerOptions serverOptions(const AgentSettings& settings);
+
+/// Where records are sent on to; only where settings.forward is given. \throws QORException errBadRequest
+QORForwardOptions forwardOptions(const AgentSettings& settings);
+
+/// True when clients come over TLS.
+bool usesTls(const HttpServerOptions& server) noexcept;
+
+/// What cannot be together. \throws QORException errBadRequest
+void checkTogether(const AgentSettings& settings);
+
+/// The connection string of the database that is to be used.
+std::string connectionOf(const AgentSettings& settings);
+
+}  // namespace QOR

@@ -1,0 +1,18 @@
+/// \file
+/// The agent's settings as texts: a file of settings, and a page's table.
+#pragma once
+
+#include <string>
+
+#include "agent/settings/GivenSettings.h"
+
+namespace QOR {
+
+/// Every setting with its meaning, range and default, as a file that reads back as what was given: what nobody gave
+/// is a comment. Passwords are left out.
+std::string settingsAsFile(const GivenSettings& given);
+
+/// A table of them in Markdown, a group a heading. The same on every machine.
+std::string settingsAsTable();
+
+}  // namespace QOR
