@@ -5,11 +5,13 @@
 #include <chrono>
 #include <fstream>
 #include <future>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "support/AgentProcess.h"
+#include "support/EarlierVersion.h"
 #include "support/HostDatabase.h"
 #include "support/HttpClient.h"
 
@@ -117,6 +119,36 @@ TEST(SeveralAgents, AttemptsAtOneRequestAtTheSameTimeStoreItOnceAndAnswerAlike) 
                                  R"([1741,"id"],[1377,[[1024,"1"]]],[1259]]]})"),
                     ::testing::HasSubstr(count));
     }
+}
+
+// Of a file one agent alone is the keeper; the other program is then one that stores without an agent.
+TEST(SeveralAgents, ThatStartAtOnceOnADatabaseOfAnEarlierVersionServeItBoth) {
+    const TestDatabase database;
+    fillWithVersion(database, 15, QOR_PROJECT_DIR);
+    const auto start = [&] { return std::make_unique<AgentProcess>(on(database)); };
+    const TemporaryDirectory folder;
+    const std::string file = (folder / "records.ndjson").string();
+    std::ofstream(file) << environment();
+    auto other = std::async(std::launch::async, [&] {
+        if (testEngine() == ASEngine::PostgreSQL) {
+            const auto second = start();
+            return HttpClient(second->socketPath()).post("/v1/records", environment()).body;
+        }
+        const auto [status, output] = runProgram({(programDirectory() / "qorctl").string(), "import", "--standalone",
+                                                  "--database", database.connectionString(), file});
+        return output;
+    });
+    const auto first = start();
+    EXPECT_THAT(other.get(), ::testing::AnyOf(::testing::HasSubstr("environment: 1 added"),
+                                              ::testing::HasSubstr("\"environment\":{\"added\":1,")));
+    // What was there, and that there is one more.
+    const HttpAnswer rows =
+        HttpClient(first->socketPath()).get("/v1/views/vEnvironment/rows?limit=10&fields=title&sort=title");
+    EXPECT_THAT(rows.body, ::testing::HasSubstr("environment 3 of 9"));
+    awaitThat(true, *first);
+    const auto [status, output] =
+        runProgram({(programDirectory() / "qorctl").string(), "check", "--socket", first->socketPath()});
+    EXPECT_EQ(status, 0) << output;
 }
 
 }  // namespace
