@@ -119,7 +119,8 @@ public:
         if (!m_run) return m_filterExit;
         if (m_connects) {
             m_connection = chosenConnection(m_connection);
-            if (const std::string warning = warningOfToken(m_connection); !warning.empty()) tellNote(warning);
+            for (const std::string& warning : warningsOfSecrets(m_connection))
+                tellNote(warning);
         }
         m_run();
         return static_cast<int>(CtlExit::Done);
@@ -163,6 +164,12 @@ private:
             ->group(group);
         app.add_option("--ca", m_connection.ca,
                        "the authority whose certificate the agent has, in place of the system's")
+            ->type_name("FILE")
+            ->group(group);
+        app.add_option("--certificate", m_connection.certificate, "the certificate that tells the agent who asks")
+            ->type_name("FILE")
+            ->group(group);
+        app.add_option("--key", m_connection.key, "its key (default: in the certificate's file)")
             ->type_name("FILE")
             ->group(group);
         app.add_flag("--standalone", m_connection.standalone, "no agent: answer in this process")->group(group);
@@ -553,6 +560,8 @@ private:
         set->add_option("--token-file", m_context.tokenFile, "the file that holds the token to show to it")
             ->type_name("FILE");
         set->add_option("--ca", m_context.ca, "the authority whose certificate it has")->type_name("FILE");
+        set->add_option("--certificate", m_context.certificate, "the certificate to show to it")->type_name("FILE");
+        set->add_option("--key", m_context.key, "that one's key (default: in its file)")->type_name("FILE");
         set->add_option("--database", m_context.database,
                         "or a database without an agent: SQLite's file, or an ODBC connection string")
             ->type_name("DATABASE");

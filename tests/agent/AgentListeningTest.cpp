@@ -2,9 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -18,6 +20,7 @@ namespace QOR::test {
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 
 std::string ctlProgram() {
     return (programDirectory() / "qorctl").string();
@@ -179,7 +182,52 @@ TEST_F(AgentListeningTest, QorctlWantsTheHostThatItNamed) {
     }
 }
 
+TEST_F(AgentListeningTest, QorctlIsWhoItsCertificateSays) {
+    certificates.issue("reporter", "authority", "");
+    certificates.issue("stranger", "other", "");
+    for (const char* name : {"reporter", "stranger"})
+        ::chmod(certificates.key(name).c_str(), 0600);
+    Words more = secure();
+    more.insert(more.end(), {"--tls-client-ca", certificates.certificate("authority")});
+    const AgentProcess agent({.more = more});
+    ASSERT_EQ(HttpClient(agent.socketPath())
+                  .post("/v1/identities/add",
+                        R"({"name":"reports","kind":"certificate","subject":"reporter","access":"full"})")
+                  .status,
+              200);
+    const auto as = [&](const std::string& certificate, const std::string& key) {
+        Words words{"--ca", certificates.certificate("authority"), "--certificate", certificate};
+        if (!key.empty()) words.insert(words.end(), {"--key", key});
+        return ask("https://127.0.0.1:" + std::to_string(portOf(agent, "https")), words);
+    };
+    const std::string own = certificates.certificate("reporter");
+    const CtlResult known = as(own, certificates.key("reporter"));
+    EXPECT_EQ(known.status, 0) << known.err;
+    EXPECT_THAT(known.out, HasSubstr("vOpLog"));
+    EXPECT_THAT(known.err, Not(HasSubstr("note: ")));
+
+    // Both in one file, as some authorities hand them out.
+    const std::string both = (directory / "both.pem").string();
+    std::ofstream(both) << std::ifstream(own).rdbuf() << std::ifstream(certificates.key("reporter")).rdbuf();
+    EXPECT_EQ(as(both, "").status, 0);
+    ::chmod(certificates.key("reporter").c_str(), 0644);
+    EXPECT_THAT(as(own, certificates.key("reporter")).err,
+                HasSubstr("note: " + certificates.key("reporter") + " holds a key and may be read by others"));
+
+    const CtlResult foreign = as(certificates.certificate("stranger"), certificates.key("stranger"));
+    EXPECT_EQ(foreign.status, 3) << foreign.err;
+    EXPECT_THAT(foreign.err, HasSubstr("it refuses " + certificates.certificate("stranger") + ": "));
+    const CtlResult other = as(own, certificates.key("stranger"));
+    EXPECT_EQ(other.status, 2);
+    EXPECT_THAT(other.err, HasSubstr("--key: none for " + own + " can be read from "));
+    EXPECT_THAT(as(own, "").err, HasSubstr("--key: none for "));
+    EXPECT_THAT(as("/dev/null", own).err, HasSubstr("--certificate: none can be read from /dev/null"));
+}
+
 TEST_F(AgentListeningTest, OptionsOfQorctlThatContradictEachOtherAreRefused) {
+    EXPECT_THAT(ask("http://127.0.0.1:1", {"--certificate", "x"}).err,
+                HasSubstr("--certificate needs --agent https://HOST:PORT"));
+    EXPECT_THAT(ask("https://127.0.0.1:1", {"--key", "x"}).err, HasSubstr("--key needs --certificate"));
     EXPECT_EQ(ask("ftp://127.0.0.1:1").status, 2);
     EXPECT_EQ(ask("http://127.0.0.1:1", {"--ca", "x"}).status, 2);
     EXPECT_EQ(ask("http://127.0.0.1:1", {"--socket", "x"}).status, 2);

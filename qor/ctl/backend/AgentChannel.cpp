@@ -135,9 +135,11 @@ int noteComplaint(int sound, X509_STORE_CTX* store) {
 /// The library sees memory alone, so that nobody holds its lock while he waits for the socket.
 class AgentChannel::Tls {
 public:
-    Tls(int socket, const AgentPlace& place) : m_socket(socket), m_context(::SSL_CTX_new(::TLS_client_method())) {
+    Tls(int socket, const AgentPlace& place)
+        : m_socket(socket), m_place(place), m_context(::SSL_CTX_new(::TLS_client_method())) {
         SSL_CTX_set_min_proto_version(m_context.get(), TLS1_2_VERSION);
         believe(place);
+        showCertificate(place);
         m_tls.reset(::SSL_new(m_context.get()));
         // Both belong to the connection.
         m_in = ::BIO_new(::BIO_s_mem());
@@ -167,11 +169,13 @@ public:
                 const std::lock_guard lock(m_mutex);
                 ::ERR_clear_error();
                 std::size_t got = 0;
-                if (::SSL_read_ex(m_tls.get(), room.data(), room.size(), &got) == 1) return got;
+                if (::SSL_read_ex(m_tls.get(), room.data(), room.size(), &got) == 1) {
+                    m_received = true;
+                    return got;
+                }
                 const int error = ::SSL_get_error(m_tls.get(), 0);
                 if (error == SSL_ERROR_ZERO_RETURN) return 0;
-                if (error != SSL_ERROR_WANT_READ)
-                    throw std::system_error(EPROTO, std::generic_category(), libraryReason());
+                if (error != SSL_ERROR_WANT_READ) failTls();
             }
             if (!readRecords()) return 0;
         }
@@ -192,6 +196,29 @@ private:
         } else if (::SSL_CTX_load_verify_locations(m_context.get(), place.authority.c_str(), nullptr) != 1) {
             throw CtlError::usage("--ca: no certificate can be read from " + place.authority + ": " + libraryReason());
         }
+    }
+
+    void showCertificate(const AgentPlace& place) {
+        if (place.certificate.empty()) return;
+        SSL_CTX* const context = m_context.get();
+        ::ERR_clear_error();
+        if (::SSL_CTX_use_certificate_chain_file(context, place.certificate.c_str()) != 1)
+            throw CtlError::usage("--certificate: none can be read from " + place.certificate + ": " + libraryReason());
+        // A key with a passphrase is not asked for one.
+        ::SSL_CTX_set_default_passwd_cb(context, [](char*, int, int, void*) { return -1; });
+        ::ERR_clear_error();
+        if (::SSL_CTX_use_PrivateKey_file(context, place.key.c_str(), SSL_FILETYPE_PEM) != 1)
+            throw CtlError::usage("--key: none for " + place.certificate + " can be read from " + place.key + ": " +
+                                  libraryReason());
+    }
+
+    /// What an agent thinks of a certificate it says when the handshake is over for its client.
+    [[noreturn]] void failTls() const {
+        const std::string reason = libraryReason();
+        if (!m_received && !m_place.certificate.empty())
+            noAgent(m_place, "it refuses " + m_place.certificate + ": " + reason,
+                    "is it from the authority that the agent knows by --tls-client-ca?");
+        throw std::system_error(EPROTO, std::generic_category(), reason);
     }
 
     void expectHost(const std::string& host) {
@@ -243,6 +270,8 @@ private:
     }
 
     const int m_socket;
+    const AgentPlace m_place;
+    bool m_received = false;  // the receiver's
     std::string m_complaint;  ///< what is wrong with the agent's certificate
     std::unique_ptr<SSL_CTX, Free> m_context;
     std::unique_ptr<SSL, Free> m_tls;  // guarded by m_mutex, with both of its ends

@@ -15,9 +15,10 @@ namespace QOR {
 /// Where an agent is, and how it is known to be the one.
 struct AgentPlace {
     QORAgentAddress address{};
-    std::string authority{};  ///< file of the certificates that are believed; empty: the system's
-
-    std::string token{};  ///< that is shown to it; empty: none
+    std::string authority{};    ///< file of the certificates that are believed; empty: the system's
+    std::string certificate{};  ///< file of the one that is shown to it; empty: none
+    std::string key{};          ///< file of its key
+    std::string token{};        ///< that is shown to it; empty: none
 
     /// As it is called in messages: a unix socket by its path alone.
     std::string name() const { return address.isUnix() ? address.path : address.text(); }
@@ -35,7 +36,8 @@ public:
 
     /// Sends all. \throws std::system_error
     void send(std::string_view bytes);
-    /// Waits for some bytes. \returns how many there are, 0 at the end \throws std::system_error
+    /// Waits for some bytes. \returns how many there are, 0 at the end \throws std::system_error; CtlError NoConnection
+    /// for an agent that does not take the certificate
     std::size_t receive(std::span<char> room);
     /// Wakes whoever sends or receives.
     void abandon() noexcept;

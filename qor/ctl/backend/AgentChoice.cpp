@@ -44,6 +44,10 @@ void takeContext(ConnectionOptions& options, const Context& context) {
     }
     nameAgent(options, context.agent, "the context's agent");
     if (options.ca.empty()) options.ca = context.ca;
+    if (options.certificate.empty() && options.key.empty()) {
+        options.certificate = context.certificate;
+        options.key = context.key;
+    }
     if (!options.tokenFile.empty() || !options.token.empty()) return;
     options.token = context.token;
     options.tokenFile = context.token.empty() ? context.tokenFile : "";
@@ -73,11 +77,17 @@ ConnectionOptions chosenConnection(const ConnectionOptions& given) {
     return options;
 }
 
-std::string warningOfToken(const ConnectionOptions& chosen) {
-    struct stat status {};
-    if (chosen.tokenFile.empty() || ::stat(chosen.tokenFile.c_str(), &status) != 0) return {};
-    if ((status.st_mode & (S_IRWXG | S_IRWXO)) == 0) return {};
-    return chosen.tokenFile + " holds a token and may be read by others; chmod 600 " + chosen.tokenFile;
+std::vector<std::string> warningsOfSecrets(const ConnectionOptions& chosen) {
+    std::vector<std::string> warnings;
+    const auto look = [&](const std::string& file, const char* what) {
+        struct stat status {};
+        if (file.empty() || ::stat(file.c_str(), &status) != 0) return;
+        if ((status.st_mode & (S_IRWXG | S_IRWXO)) == 0) return;
+        warnings.push_back(file + " holds " + what + " and may be read by others; chmod 600 " + file);
+    };
+    look(chosen.tokenFile, "a token");
+    look(chosen.key, "a key");
+    return warnings;
 }
 
 }  // namespace QOR

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "backend/Backend.h"
 
@@ -15,7 +16,7 @@ namespace QOR {
 /// contradict each other, and for what cannot be read
 ConnectionOptions chosenConnection(const ConnectionOptions& given);
 
-/// What is wrong with how the token is kept, as a sentence; empty where nothing is.
-std::string warningOfToken(const ConnectionOptions& chosen);
+/// What is wrong with how the token and the certificate's key are kept, as sentences.
+std::vector<std::string> warningsOfSecrets(const ConnectionOptions& chosen);
 
 }  // namespace QOR

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <fstream>
+#include <string_view>
+#include <utility>
 
 #include "QORCommon/QORException.h"
 #include "QORMessage/QORNotation.h"
@@ -44,9 +46,23 @@ AgentPlace placeOf(const ConnectionOptions& options) {
     if (!options.socket.empty() && !options.agent.empty())
         throw CtlError::usage("--socket and --agent exclude each other");
     const QORAgentAddress address = addressOf(options);
-    if (!options.ca.empty() && address.scheme != QORAgentAddress::Scheme::Https)
-        throw CtlError::usage("--ca needs --agent https://HOST:PORT");
-    return {address, options.ca, tokenOf(options)};
+    const bool speaksTls = address.scheme == QORAgentAddress::Scheme::Https;
+    if (!options.ca.empty() && !speaksTls) throw CtlError::usage("--ca needs --agent https://HOST:PORT");
+    if (!options.certificate.empty() && !speaksTls)
+        throw CtlError::usage("--certificate needs --agent https://HOST:PORT");
+    if (options.certificate.empty() && !options.key.empty()) throw CtlError::usage("--key needs --certificate");
+    return {address, options.ca, options.certificate, options.key.empty() ? options.certificate : options.key,
+            tokenOf(options)};
+}
+
+/// The option that is of no use without an agent, the first of those given; empty for none.
+std::string_view optionOfAgent(const ConnectionOptions& options) {
+    using Option = std::pair<std::string_view, const std::string&>;
+    for (const auto& [name, value] : {Option{"--socket", options.socket}, Option{"--agent", options.agent},
+                                      Option{"--ca", options.ca}, Option{"--token-file", options.tokenFile},
+                                      Option{"--certificate", options.certificate}, Option{"--key", options.key}})
+        if (!value.empty()) return name;
+    return {};
 }
 
 }  // namespace
@@ -58,12 +74,8 @@ std::string Backend::refusalOfLongLine() {
 }
 
 std::unique_ptr<Backend> makeBackend(const ConnectionOptions& options, BackendUse use) {
-    const bool named =
-        !options.socket.empty() || !options.agent.empty() || !options.ca.empty() || !options.tokenFile.empty();
-    if (options.standalone && named)
-        throw CtlError::usage(
-            (options.socket.empty() ? options.agent.empty() ? "--ca or --token-file" : "--agent" : "--socket") +
-            std::string(" and --standalone exclude each other"));
+    if (const std::string_view named = optionOfAgent(options); options.standalone && !named.empty())
+        throw CtlError::usage(std::string(named) + " and --standalone exclude each other");
     if (!options.standalone) {
         if (!options.database.empty() || options.readOnly || !options.config.empty() || !options.plugIns.empty())
             throw CtlError::usage("--database, --read-only, --config and --plugins need --standalone");

@@ -25,12 +25,14 @@ namespace QOR {
 
 /// Where to find who answers, as given on the command line.
 struct ConnectionOptions {
-    std::string socket;     ///< of an agent; empty: where one of this user or of the machine listens
-    std::string agent;      ///< its address, in place of the socket
-    std::string tokenFile;  ///< holds the token that is shown to the agent; empty: none is
-    std::string ca;         ///< file of the certificates that are believed, for an address with https
-    std::string context;    ///< one of the person's own, see Contexts; empty: none
-    std::string token;      ///< itself, where no file holds it; never from the command line, which everybody can read
+    std::string socket;       ///< of an agent; empty: where one of this user or of the machine listens
+    std::string agent;        ///< its address, in place of the socket
+    std::string tokenFile;    ///< holds the token that is shown to the agent; empty: none is
+    std::string ca;           ///< file of the certificates that are believed, for an address with https
+    std::string certificate;  ///< file of the one that is shown to such an agent; empty: none is
+    std::string key;          ///< file of its key; empty: the certificate's
+    std::string context;      ///< one of the person's own, see Contexts; empty: none
+    std::string token;        ///< itself, where no file holds it; never from the command line, which everybody can read
     bool standalone = false;
     std::string database;  ///< ODBC connection string, standalone only
     bool readOnly = false;

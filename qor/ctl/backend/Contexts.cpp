@@ -32,11 +32,13 @@ struct ContextKey {
     std::string_view name;
     std::string Context::*value;
 };
-constexpr std::array<ContextKey, 5> keys{{{"agent", &Context::agent},
+constexpr std::array<ContextKey, 7> keys{{{"agent", &Context::agent},
                                           {"database", &Context::database},
                                           {"token", &Context::token},
                                           {"token-file", &Context::tokenFile},
-                                          {"ca", &Context::ca}}};
+                                          {"ca", &Context::ca},
+                                          {"certificate", &Context::certificate},
+                                          {"key", &Context::key}}};
 constexpr std::array<std::string_view, 2> topKeys{"current", "context"};
 
 std::string placeOf(const toml::source_region& source) {

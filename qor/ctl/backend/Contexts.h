@@ -10,11 +10,13 @@ namespace QOR {
 
 /// Where one asks, and how one shows who one is. What is empty is not set.
 struct Context {
-    std::string agent{};      ///< an address, or the path of a unix socket
-    std::string database{};   ///< asked without an agent: SQLite's file, or an ODBC connection string
-    std::string token{};      ///< itself
-    std::string tokenFile{};  ///< or the file that holds it
-    std::string ca{};         ///< file of the certificates that are believed
+    std::string agent{};        ///< an address, or the path of a unix socket
+    std::string database{};     ///< asked without an agent: SQLite's file, or an ODBC connection string
+    std::string token{};        ///< itself
+    std::string tokenFile{};    ///< or the file that holds it
+    std::string ca{};           ///< file of the certificates that are believed
+    std::string certificate{};  ///< file of the one that shows who one is
+    std::string key{};          ///< file of its key
 };
 
 struct Contexts {

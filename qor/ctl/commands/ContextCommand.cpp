@@ -25,8 +25,10 @@ std::string absolute(const std::string& path) {
 void requireOne(const Context& context) {
     if (context.agent.empty() == context.database.empty())
         throw CtlError::usage("a context needs either --agent (or --socket) or --database");
-    if (!context.database.empty() && (!context.tokenFile.empty() || !context.ca.empty()))
-        throw CtlError::usage("--token-file and --ca go with an agent");
+    if (!context.database.empty() &&
+        (!context.tokenFile.empty() || !context.ca.empty() || !context.certificate.empty() || !context.key.empty()))
+        throw CtlError::usage("--token-file, --ca, --certificate and --key go with an agent");
+    if (context.certificate.empty() && !context.key.empty()) throw CtlError::usage("--key needs --certificate");
     if (context.agent.empty() || context.agent.starts_with('/')) return;
     try {
         readAgentAddress(context.agent);
@@ -47,6 +49,8 @@ void runContextSet(const std::string& name, const ConnectionOptions& connection)
         connection.database.find('=') == std::string::npos ? absolute(connection.database) : connection.database;
     context.tokenFile = absolute(connection.tokenFile);
     context.ca = absolute(connection.ca);
+    context.certificate = absolute(connection.certificate);
+    context.key = absolute(connection.key);
     requireOne(context);
     Contexts contexts = readContexts();
     contexts.all[name] = std::move(context);
@@ -73,15 +77,19 @@ void runContextList(const std::string& name, const PrintOptions& print) {
     if (!name.empty()) contexts.find(name);
     const auto output = openOutput(print);
     const auto rows = makePrinter(print, false, *output);
-    const std::array<std::string, 6> names{"context", "current", "agent", "database", "token", "ca"};
+    const std::array<std::string, 7> names{"context", "current", "agent", "database", "token", "ca", "certificate"};
     rows->begin(names);
     for (const auto& [each, context] : contexts.all) {
         if (!name.empty() && name != each) continue;
         const std::string database = withoutPasswords(context.database);
         const std::string token = context.token.empty() ? context.tokenFile : "in the file of contexts";
-        const std::array<Cell, 6> cells{cellOf(each),          cellOf(each == contexts.current ? "yes" : "no"),
-                                        cellOf(context.agent), cellOf(database),
-                                        cellOf(token),         cellOf(context.ca)};
+        const std::array<Cell, 7> cells{cellOf(each),
+                                        cellOf(each == contexts.current ? "yes" : "no"),
+                                        cellOf(context.agent),
+                                        cellOf(database),
+                                        cellOf(token),
+                                        cellOf(context.ca),
+                                        cellOf(context.certificate)};
         rows->row(cells);
     }
     rows->end(std::nullopt);

@@ -68,7 +68,7 @@ TEST_F(ContextCommand, TheCurrentContextIsAskedWhereNothingElseIsSaid) {
     EXPECT_EQ(asked({"--context", "file"}), "database\n");
     set({"context", "remove", "here"});
     EXPECT_EQ(run({"context", "list", "-o", "csv"}).out,
-              "context,current,agent,database,token,ca\r\nfile,no,," + m_file + ",,\r\n");
+              "context,current,agent,database,token,ca,certificate\r\nfile,no,," + m_file + ",,,\r\n");
 }
 
 TEST_F(ContextCommand, OptionsGoBeforeTheEnvironmentAndThatBeforeTheContext) {
@@ -139,7 +139,8 @@ TEST_F(ContextCommand, MistakesInTheFileAreToldWithTheirPlace) {
 
 TEST_F(ContextCommand, ContextsAreCheckedAndKeptForTheirOwnerAlone) {
     EXPECT_THAT(run({"context", "use", "x"}).err, HasSubstr("there is no context \"x\"\nqorctl context set makes one"));
-    set({"context", "set", "fleet", "--agent", "https://fleet.example:7480", "--ca", "/etc/ca.pem"});
+    set({"context", "set", "fleet", "--agent", "https://fleet.example:7480", "--ca", "/etc/ca.pem", "--certificate",
+         "/etc/me.crt", "--key", "/etc/me.key"});
     EXPECT_THAT(run({"context", "use", "flet"}).err, EndsWith("\ndid you mean fleet?\n"));
     EXPECT_THAT(run({"context", "set", "x"}).err,
                 HasSubstr("a context needs either --agent (or --socket) or --database"));
@@ -150,7 +151,11 @@ TEST_F(ContextCommand, ContextsAreCheckedAndKeptForTheirOwnerAlone) {
     EXPECT_THAT(run({"context", "show", "-o", "record"}).err, HasSubstr("no context is in use"));
     set({"context", "use", "fleet"});
     EXPECT_EQ(run({"context", "show", "-o", "csv"}).out,
-              "context,current,agent,database,token,ca\r\nfleet,yes,https://fleet.example:7480,,,/etc/ca.pem\r\n");
+              "context,current,agent,database,token,ca,certificate\r\n"
+              "fleet,yes,https://fleet.example:7480,,,/etc/ca.pem,/etc/me.crt\r\n");
+    EXPECT_EQ(run({"context", "set", "x", "--database", m_file, "--certificate", "c"}).status, 2);
+    EXPECT_THAT(run({"context", "set", "x", "--socket", "y", "--key", "k"}).err,
+                HasSubstr("--key needs --certificate"));
 }
 
 }  // namespace
