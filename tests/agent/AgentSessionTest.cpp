@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "agent/Follower.h"
 #include "support/AgentProcess.h"
 #include "support/HostDatabase.h"
 #include "support/HttpClient.h"
@@ -35,6 +36,11 @@ protected:
     AgentSettings settings(std::vector<std::string> more = {}) const {
         more.insert(more.end(), {"--listen", "http://127.0.0.1:0"});
         return {.database = database.connectionString(), .more = std::move(more)};
+    }
+    /// Of an agent on the same database; of a file one alone may write.
+    AgentSettings beside() const {
+        return settings(testEngine() == ASEngine::SQLite ? std::vector<std::string>{"--read-only"}
+                                                         : std::vector<std::string>{});
     }
     static HttpClient connect(const AgentProcess& agent) {
         return HttpClient(connectTcp("127.0.0.1", portOf(agent, "http")));
@@ -127,6 +133,34 @@ TEST_F(AgentSessionTest, EndsWhenItIsTold) {
     EXPECT_EQ(once("GET", "/v1/views", other.cookie), 200);
 }
 
+TEST_F(AgentSessionTest, EndsOnAllAgentsAndStaysEndedAfterThey) {
+    const std::string token = newToken();
+    const Session session = begin(client, token);
+    const Session other = begin(client, token);
+    {
+        const AgentProcess second(beside());
+        const auto there = [&](const Session& which) {
+            HttpClient at(connectTcp("127.0.0.1", portOf(second, "http"), unusedLoopbackAddress()));
+            return status(at, "GET", "/v1/views", which.cookie);
+        };
+        while (there(session) != 200)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        Follower follower(connect(second), "", session.cookie);
+        EXPECT_EQ(status(client, "DELETE", "/v1/session", session.cookie + session.csrf), 204);
+        while (there(session) != 401)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_EQ(there(other), 200) << "another one of the same token goes on";
+        Event event = follower.next();
+        while (!event.name.empty() && event.name != "end")
+            event = follower.next();
+        EXPECT_EQ(event.at("code"), R"("revoked")");
+    }
+    const AgentProcess later(beside());
+    HttpClient at = connect(later);
+    EXPECT_EQ(status(at, "GET", "/v1/views", other.cookie), 200);
+    EXPECT_EQ(status(at, "GET", "/v1/views", session.cookie), 401);
+}
+
 TEST_F(AgentSessionTest, LastsNoLongerThanItsToken) {
     const std::string soon = std::to_string(std::time(nullptr) + 600);
     const HttpAnswer answer = client.request("POST", "/v1/session", {}, newToken(",\"expires\":" + soon));
@@ -137,8 +171,7 @@ TEST_F(AgentSessionTest, LastsNoLongerThanItsToken) {
 }
 
 TEST_F(AgentSessionTest, OtherAgentsOnTheDatabaseKnowItAndItsEnd) {
-    const AgentProcess second(settings(testEngine() == ASEngine::SQLite ? std::vector<std::string>{"--read-only"}
-                                                                        : std::vector<std::string>{}));
+    const AgentProcess second(beside());
     const std::string token = newToken();
     const Session session = begin(client, token);
     const auto there = [&] {

@@ -103,6 +103,7 @@ struct AgentAccess::Snapshot {
             if (const auto owner = made->byName.find(token.name); owner != made->byName.end())
                 made->tokens[token.digest] = {owner->second, token.digest, token.expires};
         }
+        made->endedSessions = list.endedSessions;
         return made;
     }
 
@@ -165,10 +166,13 @@ struct AgentAccess::Snapshot {
     std::map<uid_t, Entry> byUser;
     std::map<gid_t, Entry> byGroup;
     std::map<std::string, Token> tokens;
+    std::map<std::string, std::int64_t> endedSessions;
 };
 
-AgentAccess::AgentAccess(bool writes)
-    : m_writes(writes), m_snapshot(Snapshot::read()), m_thread([this](const std::stop_token& stop) { follow(stop); }) {}
+AgentAccess::AgentAccess(bool writes) : m_writes(writes), m_sessions(writes), m_snapshot(Snapshot::read()) {
+    m_sessions.takeEnded(m_snapshot->endedSessions);
+    m_thread = std::jthread([this](const std::stop_token& stop) { follow(stop); });
+}
 
 AgentAccess::~AgentAccess() {
     m_thread.request_stop();
@@ -191,7 +195,7 @@ AgentAccess::Decision AgentAccess::decide(const HttpRequest& head, const HttpPee
     requester->peer = peer;
     if (std::optional<Decision> refused = readCredentials(head, peer, *requester)) return std::move(*refused);
     if (!snapshot->resolve(*requester)) {
-        return refuse(peer, requester->byCookie          ? "the session's token was revoked or has expired"
+        return refuse(peer, requester->session           ? "the session's token was revoked or has expired"
                             : !requester->digest.empty() ? "the token is unknown, revoked or expired"
                                                          : "over TCP everybody has to say who he is");
     }
@@ -234,7 +238,7 @@ std::optional<AgentAccess::Decision> AgentAccess::readCredentials(const HttpRequ
     if (!asksOnly && !isSameDigest(head.field("X-Qor-Csrf"), m_sessions.csrfOf(*cookie)))
         return Decision{nullptr, forbidden, "with a session, this needs X-Qor-Csrf, which GET /v1/session tells", {}};
     requester.digest = session->digest;
-    requester.byCookie = true;
+    requester.session = session;
     return std::nullopt;
 }
 
@@ -288,6 +292,7 @@ void AgentAccess::refresh() {
 }
 
 void AgentAccess::publish(SnapshotPtr snapshot) {
+    m_sessions.takeEnded(snapshot->endedSessions);
     {
         const std::lock_guard lock(m_mutex);
         m_snapshot.swap(snapshot);
@@ -296,7 +301,7 @@ void AgentAccess::publish(SnapshotPtr snapshot) {
     endRevoked(*current());
 }
 
-/// Also those whose token has expired meanwhile.
+/// Also those whose token or session has expired meanwhile.
 void AgentAccess::endRevoked(const Snapshot& snapshot) {
     const std::lock_guard lock(m_mutex);
     for (const Running* const running : m_running) {
@@ -304,7 +309,7 @@ void AgentAccess::endRevoked(const Snapshot& snapshot) {
         AgentRequester is;
         is.peer = was.peer;
         is.digest = was.digest;
-        bool holds = snapshot.resolve(is);
+        bool holds = snapshot.resolve(is) && !(was.session && m_sessions.isOver(*was.session));
         if (holds && !was.as.empty()) {
             const auto other = snapshot.byName.find(was.as);
             holds = is.fullAccess && other != snapshot.byName.end();

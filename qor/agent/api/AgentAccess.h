@@ -27,7 +27,7 @@ struct AgentRequester final : HttpRequester {
     bool fullAccess = false;
     HttpPeer peer{};
     std::string digest{};                   ///< of the token that he showed, or that his session began with
-    bool byCookie = false;                  ///< he showed the cookie of a session
+    std::optional<AgentSession> session{};  ///< whose cookie he showed
     std::optional<std::int64_t> expires{};  ///< that token
     std::string name{};                     ///< of his own identity; empty: he has none
     std::string as{};                       ///< whom he asks as

@@ -8,6 +8,7 @@
 #include "QORCommon/QORDigest.h"
 #include "QORCommon/QORSeal.h"
 #include "QORCommon/QORTime.h"
+#include "QORLibAgent/QORIdentities.h"
 #include "QORLibAgent/QORPageToken.h"
 #include "agent/api/AgentApplication.h"
 #include "agent/api/AgentJson.h"
@@ -19,7 +20,6 @@ namespace {
 constexpr std::string_view cookieName = "qor_session";
 constexpr std::size_t digestDigits = 64;
 constexpr std::size_t idDigits = 32;
-constexpr std::size_t mostEnded = 100'000;
 
 std::optional<std::string> bytesOf(std::string_view digits) {
     if (digits.size() % 2 != 0) return std::nullopt;
@@ -62,13 +62,13 @@ HttpReply replyWith(const AgentRequester& requester, std::int64_t expires, const
 
 AgentSession sessionOf(AgentCall& call) {
     const auto session = call.application.access().sessions().of(sessionCookieOf(call.request).value_or(""));
-    if (!session || !call.requester().byCookie) throwProblem({.status = 404, .detail = "the request has no session"});
+    if (!session || !call.requester().session) throwProblem({.status = 404, .detail = "the request has no session"});
     return *session;
 }
 
 }  // namespace
 
-AgentSessions::AgentSessions() : m_key(sharedSecretFor("sessions")) {}
+AgentSessions::AgentSessions(bool writes) : m_writes(writes), m_key(sharedSecretFor("sessions")) {}
 
 std::string AgentSessions::begin(const std::string& digest, std::int64_t expires) const {
     return hexOf(sealBytes(m_key, digest + hexOf(randomBytes(idDigits / 2)) + std::to_string(expires)));
@@ -81,18 +81,25 @@ std::optional<AgentSession> AgentSessions::of(std::string_view cookie) const {
     AgentSession session{text->substr(0, digestDigits), 0, text->substr(digestDigits, idDigits)};
     const char* const last = text->data() + text->size();
     if (std::from_chars(text->data() + digestDigits + idDigits, last, session.expires).ptr != last) return std::nullopt;
-    if (session.expires <= currentTime()) return std::nullopt;
-    const std::lock_guard lock(m_mutex);
-    return m_ended.contains(session.id) ? std::nullopt : std::optional(std::move(session));
+    return isOver(session) ? std::nullopt : std::optional(std::move(session));
 }
 
 void AgentSessions::end(const AgentSession& session) {
+    if (m_writes) endSession(session.id, session.expires);
+    takeEnded({{session.id, session.expires}});
+}
+
+void AgentSessions::takeEnded(const std::map<std::string, std::int64_t>& ended) {
+    const std::int64_t now = currentTime();
     const std::lock_guard lock(m_mutex);
-    if (m_ended.size() >= mostEnded) {
-        const std::int64_t now = currentTime();
-        std::erase_if(m_ended, [now](const auto& one) { return one.second <= now; });
-    }
-    m_ended[session.id] = session.expires;
+    m_ended.insert(ended.begin(), ended.end());
+    std::erase_if(m_ended, [now](const auto& one) { return one.second <= now; });
+}
+
+bool AgentSessions::isOver(const AgentSession& session) const {
+    if (session.expires <= currentTime()) return true;
+    const std::lock_guard lock(m_mutex);
+    return m_ended.contains(session.id);
 }
 
 std::string AgentSessions::csrfOf(std::string_view cookie) const {
@@ -115,7 +122,7 @@ std::optional<std::string_view> sessionCookieOf(const HttpRequest& request) {
 
 HttpReply answerBeginSession(AgentCall& call) {
     const AgentRequester& requester = call.requester();
-    if (requester.digest.empty() || requester.byCookie)
+    if (requester.digest.empty() || requester.session)
         throwProblem({.status = 403, .detail = "a session begins with a token: Authorization: Bearer TOKEN"});
     const std::int64_t now = currentTime();
     const std::int64_t expires =

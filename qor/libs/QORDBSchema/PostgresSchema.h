@@ -34,5 +34,7 @@ extern const QORSchemaStep postgresHandover;
 extern const QORSchemaStep postgresForwarding;
 /// How long the texts of the views mostly are.
 extern const QORSchemaStep postgresLengths;
+/// Sessions that were ended before their time.
+extern const QORSchemaStep postgresSessions;
 
 }  // namespace QOR

@@ -52,5 +52,7 @@ extern const QORSchemaStep handoverSchema;
 extern const QORSchemaStep forwardSchema;
 /// Nothing: columns of a file say by their types how long their texts mostly are.
 extern const QORSchemaStep lengthSchema;
+/// Sessions that were ended before their time.
+extern const QORSchemaStep sessionSchema;
 
 }  // namespace QOR

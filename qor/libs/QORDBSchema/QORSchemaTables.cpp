@@ -17,7 +17,7 @@ constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORSchemaTables";
 
 /// A database's own. Who may see what is in it is decided anew where a copy lies: whoever can read a database can
 /// copy it; what a copy signs it signs with a secret of its own.
-constexpr std::array<std::string_view, 28> ownTables{"qor_change",
+constexpr std::array<std::string_view, 29> ownTables{"qor_change",
                                                      "qor_environment_change",
                                                      "qor_schema_version",
                                                      "qor_database",
@@ -36,6 +36,7 @@ constexpr std::array<std::string_view, 28> ownTables{"qor_change",
                                                      "qor_identity",
                                                      "qor_identity_environment",
                                                      "qor_token",
+                                                     "qor_ended_session",
                                                      "qor_identity_change",
                                                      "qor_commit",
                                                      "qor_secret",

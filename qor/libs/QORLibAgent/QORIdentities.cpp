@@ -112,6 +112,21 @@ void readEnvironmentsOf(ASSession& session, std::vector<QORIdentity>& identities
     select.close();
 }
 
+bool keepsSessions(ASSession& session) {
+    return hasColumns(session, "qor_ended_session", "'id', 'expires'", 2);
+}
+
+std::map<std::string, std::int64_t> readEndedSessions(ASSession& session) {
+    std::map<std::string, std::int64_t> ended;
+    if (!keepsSessions(session)) return ended;
+    ASStatement& select = session.prepare("SELECT id, expires FROM qor_ended_session WHERE expires > ?");
+    select.bind(1, currentTime()).execute();
+    while (select.fetch())
+        ended.emplace(select.text(1), select.integer(2));
+    select.close();
+    return ended;
+}
+
 /// Those below one, each once, whatever cycles the tree of parents has.
 class Below {
 public:
@@ -190,6 +205,7 @@ QORIdentityList readIdentities() {
         select.close();
         readEnvironmentsOf(*tran, list.identities);
         list.tokens = readTokens(*tran);
+        list.endedSessions = readEndedSessions(*tran);
     }
     tran.commit();
     return list;
@@ -274,6 +290,18 @@ void noteTokenUses(const std::map<std::string, std::int64_t>& uses) {
         QORBinder(update).integer(time).text(digest).integer(time);
         update.execute();
     }
+    tran.commit();
+}
+
+void endSession(const std::string& id, std::int64_t expires) {
+    QORRdbmsTran tran(ASAccess::Write);
+    if (!keepsSessions(*tran)) refuse(errFailure, "this database keeps no ended sessions: its schema is too old");
+    ASStatement& remove = tran->prepare("DELETE FROM qor_ended_session WHERE id = ? OR expires <= ?");
+    QORBinder(remove).text(id).integer(currentTime());
+    remove.execute();
+    ASStatement& insert = tran->prepare("INSERT INTO qor_ended_session (id, expires) VALUES (?, ?)");
+    QORBinder(insert).text(id).integer(expires);
+    insert.execute();
     tran.commit();
 }
 

@@ -55,6 +55,8 @@ struct QORTokenEntry {
 struct QORIdentityList {
     std::vector<QORIdentity> identities;  ///< in the order of their names
     std::vector<QORTokenEntry> tokens;    ///< in the order of their identities' names, the oldest first
+    /// Sessions that were ended before their time, by their ids: until when they would have lasted.
+    std::map<std::string, std::int64_t> endedSessions{};
 };
 
 /// About which environments somebody without full access may store records. A value.
@@ -83,6 +85,10 @@ QOR_API std::string createToken(const std::string& name, std::optional<std::int6
 QOR_API std::size_t revokeTokens(const std::string& name, const std::string& id);
 /// \param uses times by the tokens' digests; older ones than those that are stored change nothing. \throws AException
 QOR_API void noteTokenUses(const std::map<std::string, std::int64_t>& uses);
+
+/// For all who read the list: the session is over. \param expires until when it has to be kept. \throws QORException
+/// errFailure for a database whose schema is too old; AException
+QOR_API void endSession(const std::string& id, std::int64_t expires);
 
 /// What is kept of a token.
 QOR_API std::string digestOfToken(std::string_view token);

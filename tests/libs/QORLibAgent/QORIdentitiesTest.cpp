@@ -103,6 +103,23 @@ TEST_F(IdentitiesTest, OfATokenTheDatabaseHasTheDigestAlone) {
     EXPECT_THAT(readIdentities().tokens, IsEmpty());
 }
 
+TEST_F(IdentitiesTest, OfEndedSessionsThoseAreKeptThatWouldStillLast) {
+    const std::string one(32, 'a');
+    const std::string two(32, 'b');
+    const std::int64_t later = currentTime() + 3600;
+    const std::int64_t number = identityNumber().value();
+    endSession(one, 1);
+    EXPECT_GT(identityNumber().value(), number);
+    EXPECT_THAT(readIdentities().endedSessions, IsEmpty());
+    endSession(two, later);
+    endSession(two, later);
+    EXPECT_THAT(readIdentities().endedSessions, ElementsAre(std::pair(two, later)));
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_ended_session"), "1");
+    runSql("DROP TABLE qor_ended_session");
+    EXPECT_THAT(readIdentities().endedSessions, IsEmpty());
+    EXPECT_EQ(codeOf([&] { endSession(one, later); }), errFailure);
+}
+
 TEST_F(IdentitiesTest, EachChangeIsNumberedWhoeverMakesItButNoUse) {
     std::int64_t last = identityNumber().value();
     const auto grown = [&] {
