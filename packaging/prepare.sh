@@ -24,6 +24,18 @@ install_validator() {
     python3 -m venv build/tools/python && build/tools/python/bin/pip install -q openapi-spec-validator
 }
 
+# What makes a client of the agent's description, to be tested with it; where there is no npm, that is left out.
+install_generator() {
+    local folder=$PWD/build/tools/client
+    export QOR_TEST_NODE_MODULES=$folder/node_modules
+    cmp -s tests/agent/generated/package-lock.json "$folder/installed.json" && return 0
+    command -v npm >/dev/null || return 0
+    say "installing a generator of clients"
+    mkdir -p "$folder" && cp tests/agent/generated/package{,-lock}.json "$folder" || return 1
+    npm ci --prefix "$folder" --ignore-scripts --no-audit --no-fund --silent &&
+        cp "$folder/package-lock.json" "$folder/installed.json" || say "there is no generator of clients; its test is left out"
+}
+
 say() {
     if [ -t 2 ]; then printf '\033[1m==> %s\033[0m\n' "$*" >&2; else printf '==> %s\n' "$*" >&2; fi
 }

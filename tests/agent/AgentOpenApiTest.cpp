@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
@@ -57,6 +58,40 @@ TEST_F(AgentOpenApi, IsOneThatAValidatorAccepts) {
     test::ChildProcess validator({"/usr/bin/env", python, "-m", "openapi_spec_validator", file.string()});
     const int status = validator.wait();
     EXPECT_EQ(status, 0) << validator.output();
+}
+
+TEST_F(AgentOpenApi, AClientThatAGeneratorMadeOfItAsksPagesAndFollowsALog) {
+    const char* const modules = std::getenv("QOR_TEST_NODE_MODULES");
+    if (modules == nullptr || !std::filesystem::exists(std::string(modules) + "/typescript/package.json"))
+        GTEST_SKIP() << "the generator is not installed; ./test installs it where npm is";
+    const test::AgentProcess own({.more = {"--listen", "http://127.0.0.1:0"}});
+    HttpClient root(own.socketPath());
+    std::string records;
+    for (const char* id : {"a", "b", "c"})
+        records += std::string(R"({"kind":"operation","id":")") + id +
+                   R"(","status":1,"time":1,"eid":"11111111-1111-1111-1111-111111111111"})" + "\n";
+    ASSERT_EQ(root.post("/v1/records", records).status, 200);
+    ASSERT_EQ(root.post("/v1/identities/add", R"({"name":"made","kind":"token","access":"full"})").status, 200);
+    const std::string created = root.post("/v1/tokens/create", R"({"name":"made"})").body;
+    const std::string token = created.substr(created.find("qor_"), 68);
+    const std::string said = own.output();
+    const std::size_t at = said.find("http://127.0.0.1:");
+    const std::string address = said.substr(at, said.find_first_not_of("0123456789", at + 17) - at);
+
+    const std::string folder = (own.directory() / "client").string();
+    const std::string file = (own.directory() / "openapi.json").string();
+    std::ofstream(file) << *text;
+    test::ChildProcess generator({"/usr/bin/env", "node", std::string(modules) + "/@hey-api/openapi-ts/bin/run.js",
+                                  "-i", file, "-o", folder, "-c", "@hey-api/client-fetch", "--no-log-file"});
+    ASSERT_EQ(generator.wait(), 0) << generator.output();
+    test::ChildProcess use(
+        {"/usr/bin/env", "node", QOR_PROJECT_DIR "/tests/agent/generated/use.cjs", modules, folder, address, token});
+    EXPECT_EQ(use.wait(), 0) << use.output();
+    EXPECT_THAT(use.output(), testing::HasSubstr("first [[\"a\",1],[\"b\",1]] 3\n"
+                                                 "second [[\"c\",1]] null\n"
+                                                 "wrong 400 bad_condition status\n"
+                                                 "followed {\"id\":\"a\",\"status\":1} {\"id\":\"b\",\"status\":1} "
+                                                 "{\"id\":\"c\",\"status\":1} live {\"id\":\"later\",\"status\":7}\n"));
 }
 
 TEST_F(AgentOpenApi, EveryPathIsThereAndHasTheMethodsThatItSays) {

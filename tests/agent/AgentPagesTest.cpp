@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/AgentProcess.h"
@@ -50,6 +53,18 @@ protected:
     static void TearDownTestSuite() { delete agent; }
     static HttpAnswer get(const std::string& query) {
         return HttpClient(agent->socketPath()).get("/v1/views/vOpLog/rows?" + query);
+    }
+    /// Of an identity with full access, which is made for it.
+    static std::string tokenFor(const test::AgentProcess& agent) {
+        HttpClient root(agent.socketPath());
+        EXPECT_EQ(root.post("/v1/identities/add", R"({"name":"reader","kind":"token","access":"full"})").status, 200);
+        return plain(jsonAt(root.post("/v1/tokens/create", R"({"name":"reader"})").body, "token"));
+    }
+    /// Where it says that it listens.
+    static std::string portOf(const test::AgentProcess& agent) {
+        const std::string said = "listening on http://127.0.0.1:";
+        const std::string output = agent.output();
+        return std::to_string(std::stoi(output.substr(output.find(said) + said.size())));
     }
     static std::string tokenOf(const HttpAnswer& answer) { return plain(jsonAt(answer.body, "page/next")); }
 
@@ -114,16 +129,8 @@ TEST_F(AgentPages, ColumnsAreAnsweredAsOftenAndInTheOrderInWhichTheyWereAskedFor
 }
 
 TEST_F(AgentPages, ExamplesOfClientsAskThemToTheEnd) {
-    ASSERT_EQ(HttpClient(agent->socketPath())
-                  .post("/v1/identities/add", R"({"name":"reader","kind":"token","access":"full","environments":[]})")
-                  .status,
-              200);
-    const std::string token = plain(
-        jsonAt(HttpClient(agent->socketPath()).post("/v1/tokens/create", R"({"name":"reader","expires":null})").body,
-               "token"));
-    const std::string said = "listening on http://127.0.0.1:";
-    const std::string output = agent->output();
-    const std::string port = std::to_string(std::stoi(output.substr(output.find(said) + said.size())));
+    const std::string token = tokenFor(*agent);
+    const std::string port = portOf(*agent);
     for (const auto& [program, file] :
          std::vector<std::pair<std::string, std::string>>{{"python3", "pages.py"}, {"node", "pages.mjs"}}) {
         test::ChildProcess look({"/usr/bin/env", program, "--version"});
@@ -138,6 +145,46 @@ TEST_F(AgentPages, ExamplesOfClientsAskThemToTheEnd) {
                                   "http://127.0.0.1:" + port, token, "satus = 1"});
         EXPECT_NE(wrong.wait(), 0);
         EXPECT_THAT(wrong.output(), HasSubstr("bad_condition"));
+    }
+}
+
+TEST_F(AgentPages, ExamplesOfClientsFollowAndComeAgainWhenTheyFindNoRoom) {
+    const test::AgentProcess own(
+        {.more = {"--listen", "http://127.0.0.1:0", "--followers", "1", "--follow-heartbeat", "1"}});
+    HttpClient root(own.socketPath());
+    std::string records;
+    for (int number = 0; number < 30; ++number)
+        records += R"({"kind":"operation","id":")" + std::to_string(number) +
+                   R"(","status":1,"time":1,"eid":"11111111-1111-1111-1111-111111111111"})" + "\n";
+    ASSERT_EQ(root.post("/v1/records", records).status, 200);
+    const std::string token = tokenFor(own);
+    const auto refusals = [&] {
+        const std::string numbers = root.get("/metrics").body;
+        const std::size_t at = numbers.find("qor_http_limits_total{limit=\"followers\"} ");
+        return numbers.substr(at, numbers.find('\n', at) - at);
+    };
+    for (const auto& [program, file] :
+         std::vector<std::pair<std::string, std::string>>{{"python3", "follow.py"}, {"node", "follow.mjs"}}) {
+        test::ChildProcess look({"/usr/bin/env", program, "--version"});
+        if (look.wait() != 0) GTEST_SKIP() << program << " is not installed";
+        auto first = std::make_unique<HttpClient>(own.socketPath());
+        first->send(HttpClient::compose("GET", "/v1/follow"));
+        while (first->receiveHead().status != 200) {
+            // The one before has gone, which the agent sees when it tells him something.
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            first = std::make_unique<HttpClient>(own.socketPath());
+            first->send(HttpClient::compose("GET", "/v1/follow"));
+        }
+        const std::string before = refusals();
+        test::ChildProcess client({"/usr/bin/env", program, QOR_PROJECT_DIR "/examples/clients/" + file,
+                                   "http://127.0.0.1:" + portOf(own), token, "beginning", "30"});
+        while (refusals() == before)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        first.reset();
+        EXPECT_EQ(client.wait(), 0) << client.output();
+        const std::string printed = client.output();
+        EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 30) << printed;
+        EXPECT_THAT(printed, HasSubstr("29 1\n"));
     }
 }
 

@@ -7,15 +7,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "ctl/CtlProcess.h"
 #include "support/AgentProcess.h"
+#include "support/HttpClient.h"
 #include "support/PostgresServer.h"
 #include "support/TemporaryDirectory.h"
 
@@ -348,6 +351,24 @@ TEST(AgentWithoutItsServer, EndsAndSaysWhatToDo) {
                           ";Database=records;UID=agent;PWD=" + password),
                 AllOf(HasSubstr("Connection refused"), HasSubstr("start the server, or correct Server and Port"),
                       Not(HasSubstr(password))));
+}
+
+TEST(AgentWhoseServerCrashed, SaysWhenToComeAgainUntilItIsBack) {
+    AgentSettings settings;
+    settings.database = server().withPassword();
+    const AgentProcess agent(settings);
+    HttpClient client(agent.socketPath());
+    EXPECT_EQ(client.get("/v1/views/vOpLog/rows").status, 200);
+    server().server().crash();
+    for (const char* target : {"/v1/views/vOpLog/rows", "/v1/rows?fields=pager.op_log.id", "/v1/timeline"}) {
+        const HttpAnswer away = client.get(target);
+        EXPECT_EQ(away.status, 503) << target << away.body;
+        EXPECT_THAT(away.body, HasSubstr(R"("code":"database_away")")) << target;
+        EXPECT_EQ(away.headers.count("retry-after"), 1U) << target;
+    }
+    server().server().start();
+    while (client.get("/v1/views/vOpLog/rows").status != 200)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
 }  // namespace
