@@ -1,8 +1,9 @@
 #include "QORCommon/QORDigest.h"
 
+#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
+#include <openssl/params.h>
 #include <openssl/rand.h>
 
 #include <array>
@@ -22,15 +23,38 @@ const unsigned char* bytesOf(std::string_view text) noexcept {
     return reinterpret_cast<const unsigned char*>(text.data());
 }
 
+/// Looked up once: by its usual name the library looks it up anew for each text, for longer than a short one takes.
+const EVP_MD* sha256() {
+    static const EVP_MD* const found = ::EVP_MD_fetch(nullptr, "SHA2-256", nullptr);
+    return found != nullptr ? found : ::EVP_sha256();
+}
+
+/// Of HMAC-SHA256 without a key; null where the library has none.
+EVP_MAC_CTX* makeUnkeyed() {
+    EVP_MAC* const mac = ::EVP_MAC_fetch(nullptr, "HMAC", nullptr);
+    EVP_MAC_CTX* const made = ::EVP_MAC_CTX_new(mac);
+    ::EVP_MAC_free(mac);
+    std::string digest("SHA2-256");
+    const std::array<OSSL_PARAM, 2> parameters{
+        ::OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest.data(), digest.size()),
+        ::OSSL_PARAM_construct_end()};
+    if (made == nullptr || ::EVP_MAC_CTX_set_params(made, parameters.data()) == 1) return made;
+    ::EVP_MAC_CTX_free(made);
+    return nullptr;
+}
+
 }  // namespace
 
 std::string keyedDigest(std::string_view key, std::string_view text) {
+    // Made once, for the same reason; a copy of it is cheap.
+    static EVP_MAC_CTX* const unkeyed = makeUnkeyed();
+    const std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> context(
+        unkeyed == nullptr ? nullptr : ::EVP_MAC_CTX_dup(unkeyed), &EVP_MAC_CTX_free);
+    require(context ? ::EVP_MAC_init(context.get(), bytesOf(key), key.size(), nullptr) : 0);
+    require(::EVP_MAC_update(context.get(), bytesOf(text), text.size()));
     std::string result(EVP_MAX_MD_SIZE, '\0');
-    unsigned size = 0;
-    require(::HMAC(::EVP_sha256(), key.data(), static_cast<int>(key.size()), bytesOf(text), text.size(),
-                   reinterpret_cast<unsigned char*>(result.data()), &size) != nullptr
-                ? 1
-                : 0);
+    std::size_t size = 0;
+    require(::EVP_MAC_final(context.get(), reinterpret_cast<unsigned char*>(result.data()), &size, result.size()));
     result.resize(size);
     return result;
 }
@@ -62,7 +86,7 @@ struct QORDigest::Impl {
 };
 
 QORDigest::QORDigest() : m_impl(std::make_unique<Impl>()) {
-    require(m_impl->context ? EVP_DigestInit_ex(m_impl->context.get(), EVP_sha256(), nullptr) : 0);
+    require(m_impl->context ? EVP_DigestInit_ex(m_impl->context.get(), sha256(), nullptr) : 0);
 }
 
 QORDigest::~QORDigest() = default;

@@ -28,13 +28,19 @@ unsigned char* bytesOf(std::string& text, std::size_t from) noexcept {
     return reinterpret_cast<unsigned char*>(text.data() + from);
 }
 
+/// Looked up once: by its usual name the library looks it up anew for each text.
+const EVP_CIPHER* aes() {
+    static const EVP_CIPHER* const found = ::EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
+    return found != nullptr ? found : ::EVP_aes_256_gcm();
+}
+
 /// One text under the key of one salt.
 class Cipher {
 public:
     Cipher(std::string_view secret, std::string_view salt, bool encrypts) {
         const std::string key = keyedDigest(secret, salt);
-        require(m_context ? ::EVP_CipherInit_ex(m_context.get(), ::EVP_aes_256_gcm(), nullptr, bytesOf(key),
-                                                noNonce.data(), encrypts ? 1 : 0)
+        require(m_context ? ::EVP_CipherInit_ex(m_context.get(), aes(), nullptr, bytesOf(key), noNonce.data(),
+                                                encrypts ? 1 : 0)
                           : 0);
     }
     /// Writes as many bytes as there are.

@@ -200,22 +200,40 @@ bool differsFromPageToPage(QORTag tag) noexcept {
     return std::find(such.begin(), such.end(), tag) != such.end();
 }
 
-/// \param depth bounds itself: messages have a greatest one
-void addElement(QORDigest& digest, QORBinaryIterator element, bool isSelect) {
-    Packer packer;
-    const std::string_view name = element.curName();
-    std::string_view value;
-    // An element that only this message has a number for is known by its name.
-    packer.number(element.curID() < tag::firstOfMessage ? element.curID() : 0);
-    packer.text(element.curID() < tag::firstOfMessage ? std::string_view() : name);
-    packer.number(element.getView(value) == 0 ? 1 : 0);
-    packer.text(value);
-    digest.add(packer.bytes());
-    for (int failed = element.firstChild(); failed == 0; failed = element.nextSibling()) {
-        if (!isSelect || !differsFromPageToPage(element.curID())) addElement(digest, element, false);
+/// Of elements with all that is in them. A few pieces cost less than many, and none has to hold the whole.
+class ElementDigest {
+public:
+    /// How deep it goes is bounded by messages, which have a greatest depth.
+    void add(QORBinaryIterator element, bool isSelect) {
+        std::string_view value;
+        // An element that only this message has a number for is known by its name.
+        const bool isKnown = element.curID() < tag::firstOfMessage;
+        m_piece.number(isKnown ? element.curID() : 0);
+        m_piece.text(isKnown ? std::string_view() : element.curName());
+        m_piece.number(element.getView(value) == 0 ? 1 : 0);
+        m_piece.text(value);
+        if (m_piece.bytes().size() > largestPiece) flush();
+        for (int failed = element.firstChild(); failed == 0; failed = element.nextSibling()) {
+            if (!isSelect || !differsFromPageToPage(element.curID())) add(element, false);
+        }
+        m_piece.letter('\0');
     }
-    digest.add(std::string_view("\0", 1));
-}
+    std::string hex() {
+        flush();
+        return m_digest.hex();
+    }
+
+private:
+    static constexpr std::size_t largestPiece = std::size_t{16} << 10;
+
+    void flush() {
+        m_digest.add(m_piece.bytes());
+        m_piece = {};
+    }
+
+    QORDigest m_digest;
+    Packer m_piece;
+};
 
 }  // namespace
 
@@ -238,8 +256,8 @@ void preparePageTokens() {
 }
 
 std::string questionDigest(const QORBinaryIterator& select) {
-    QORDigest digest;
-    addElement(digest, select, true);
+    ElementDigest digest;
+    digest.add(select, true);
     return digest.hex().substr(0, digestDigits);
 }
 
