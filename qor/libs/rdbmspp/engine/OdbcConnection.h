@@ -175,6 +175,7 @@ private:
     void* m_direct = nullptr;     // of statements without parameters; to make one costs more than most of them
     sqlite3* m_sqlite = nullptr;  // the driver's, null when it is another engine's
     SqliteWait m_wait;
+    std::unique_ptr<SqliteReads> m_sqliteReads;  ///< null when it is another engine's
     bool m_connected = false;
     bool m_broken = false;
     bool m_reading = false;

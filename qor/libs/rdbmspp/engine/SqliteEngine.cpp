@@ -150,6 +150,28 @@ std::int64_t sqliteChanges(sqlite3& connection) noexcept {
     return sqlite3_changes64(&connection);
 }
 
+SqliteReads::~SqliteReads() {
+    sqlite3_finalize(m_begin);
+    sqlite3_finalize(m_rollback);
+}
+
+bool SqliteReads::run(std::string_view sql) noexcept {
+    const bool isOpen = isInSqliteTransaction(m_connection);
+    if (!isOpen && sql == "BEGIN") return step(m_begin, "BEGIN");
+    if (isOpen && sql == "ROLLBACK" && sqlite3_txn_state(&m_connection, nullptr) != SQLITE_TXN_WRITE)
+        return step(m_rollback, "ROLLBACK");
+    return false;
+}
+
+bool SqliteReads::step(sqlite3_stmt*& statement, const char* sql) noexcept {
+    if (statement == nullptr &&
+        sqlite3_prepare_v3(&m_connection, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) != SQLITE_OK)
+        return false;
+    const bool done = sqlite3_step(statement) == SQLITE_DONE;
+    sqlite3_reset(statement);
+    return done;
+}
+
 bool setSqliteTriggers(sqlite3& connection, ASTriggers triggers) noexcept {
     const int fire = triggers == ASTriggers::Fire ? 1 : 0;
     return sqlite3_db_config(&connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, fire, nullptr) == SQLITE_OK;

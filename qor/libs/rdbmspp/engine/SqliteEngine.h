@@ -9,10 +9,12 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "rdbmspp/engine/ASTriggers.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace QOR {
 
@@ -77,6 +79,27 @@ void setSqliteWait(sqlite3& connection, SqliteWait& wait) noexcept;
 bool isInSqliteTransaction(sqlite3& connection) noexcept;
 /// Rows that the last statement which changes any has changed.
 std::int64_t sqliteChanges(sqlite3& connection) noexcept;
+/// Begins and ends a connection's read transactions by statements that stay compiled: the driver compiles them anew
+/// each time, for longer than a short select takes. Goes before its connection does.
+class SqliteReads {
+public:
+    explicit SqliteReads(sqlite3& connection) noexcept : m_connection(connection) {}
+    ~SqliteReads();
+    SqliteReads(const SqliteReads&) = delete;
+    SqliteReads& operator=(const SqliteReads&) = delete;
+
+    /// \returns false when nothing has been done: it is no such statement, something has been written, or the engine
+    /// refuses; the driver then does it, or says why not
+    bool run(std::string_view sql) noexcept;
+
+private:
+    bool step(sqlite3_stmt*& statement, const char* sql) noexcept;
+
+    sqlite3& m_connection;
+    sqlite3_stmt* m_begin = nullptr;
+    sqlite3_stmt* m_rollback = nullptr;
+};
+
 /// Whether statements fire triggers. They are compiled with them or without, so that all of a connection are compiled
 /// anew when they run next after it has changed. \returns false when the engine refuses
 bool setSqliteTriggers(sqlite3& connection, ASTriggers triggers) noexcept;
