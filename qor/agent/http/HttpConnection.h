@@ -16,14 +16,13 @@
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/buffers_suffix.hpp>
 #include <boost/beast/core/error.hpp>
-#include <boost/beast/http.hpp>
+#include <boost/beast/core/string.hpp>
 #include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <exception>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -32,6 +31,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
 #include "agent/http/HttpGzip.h"
+#include "agent/http/HttpHead.h"
 #include "agent/http/HttpLimits.h"
 #include "agent/http/HttpNegotiation.h"
 #include "agent/http/HttpOutgoing.h"
@@ -41,8 +41,6 @@
 #include "agent/http/WorkerPool.h"
 
 namespace QOR {
-
-namespace http = boost::beast::http;
 
 class HttpConnection;
 
@@ -191,7 +189,6 @@ public:
     void turnExpired() { end(limited(m_plan.lane == HttpLane::Streaming ? HttpLimit::Streams : HttpLimit::Deadline)); }
 
 private:
-    using Response = http::response<http::string_body>;
     static constexpr std::size_t firstRead = std::size_t{8} << 10;
     static constexpr std::size_t bodyRead = std::size_t{64} << 10;
     static constexpr auto lingerTime = std::chrono::seconds(5);
@@ -663,39 +660,41 @@ private:
         m_keepAlive = m_keepAlive && !m_owner.isStopping();
         m_account->status = reply.status;
         if (!m_bodyless) m_account->bytes = reply.body.size();
-        m_response.emplace(static_cast<http::status>(reply.status), m_version);
-        m_response->set(http::field::server, "qor-agent");
+        HttpHead head(m_frame, reply.status, m_version);
         const bool hasContent = reply.status != 204 && reply.status != 304;
-        if (hasContent) m_response->set(http::field::content_type, reply.contentType);
-        addFields(*m_response, reply.fields);
-        addFields(*m_response, m_originFields);
-        if (!reply.authenticate.empty()) m_response->set(http::field::www_authenticate, reply.authenticate);
-        if (!reply.allow.empty()) m_response->set(http::field::allow, reply.allow);
-        if (reply.retryAfter > 0) m_response->set(http::field::retry_after, std::to_string(reply.retryAfter));
-        m_response->keep_alive(m_keepAlive);
-        if (hasContent) m_response->content_length(reply.body.size());
-        if (!m_bodyless) m_response->body() = std::move(reply.body);
+        if (hasContent) head.add("Content-Type", reply.contentType);
+        addFields(head, reply.fields);
+        addFields(head, m_originFields);
+        if (!reply.authenticate.empty()) head.add("WWW-Authenticate", reply.authenticate);
+        if (!reply.allow.empty()) head.add("Allow", reply.allow);
+        if (reply.retryAfter > 0) head.add("Retry-After", std::to_string(reply.retryAfter));
+        head.setKeepAlive(m_keepAlive);
+        if (hasContent) head.add("Content-Length", std::to_string(reply.body.size()));
+        head.end();
+        m_piece = m_bodyless ? std::string() : std::move(reply.body);
         m_replyMemory = std::move(reply.memory);
-        m_serializer.emplace(*m_response);
+        m_unwritten.emplace(Frame{net::buffer(m_frame), net::buffer(m_piece)});
         writeSome();
     }
 
-    template <class Head>
-    static void addFields(Head& head, const HttpFields& fields) {
+    static void addFields(HttpHead& head, const HttpFields& fields) {
         for (const auto& [name, value] : fields)
-            head.insert(name, value);
+            head.add(name, value);
     }
 
     void writeSome() {
         m_stream.expires_after(m_owner.options().writeTimeout);
-        http::async_write_some(m_stream, *m_serializer, then(&HttpConnection::onWritten));
+        m_stream.async_write_some(*m_unwritten, then(&HttpConnection::onWritten));
     }
 
-    void onWritten(beast::error_code error, std::size_t) {
+    void onWritten(beast::error_code error, std::size_t size) {
         if (error) {
             noteTimeout(error, HttpLimit::WriteTime);
             close();
-        } else if (!m_serializer->is_done()) {
+            return;
+        }
+        m_unwritten->consume(size);
+        if (net::buffer_size(*m_unwritten) > 0) {
             writeSome();
         } else {
             onReplied();
@@ -761,16 +760,13 @@ private:
     void beginStream() {
         m_keepAlive = m_keepAlive && !m_owner.isStopping() && m_version >= 11;
         m_account->status = 200;
-        http::response<http::empty_body> head(http::status::ok, m_version);
-        head.set(http::field::server, "qor-agent");
-        head.set(http::field::content_type, m_streamHead.contentType);
+        HttpHead head(m_frame, 200, m_version);
+        head.add("Content-Type", m_streamHead.contentType);
         addFields(head, m_streamHead.fields);
         addFields(head, m_originFields);
-        head.keep_alive(m_keepAlive);
-        if (m_version >= 11) head.chunked(true);
-        std::ostringstream text;
-        text << head.base();  // the head alone
-        m_frame = text.str();
+        head.setKeepAlive(m_keepAlive);
+        if (m_version >= 11) head.add("Transfer-Encoding", "chunked");
+        head.end();
     }
 
     /// The next piece with what comes before it and behind: the head, the size of the chunk. Without chunks, for a
@@ -849,8 +845,7 @@ private:
 
     void onReplied() {
         tellEnd(HttpEnd::How::Answered);
-        m_serializer.reset();
-        m_response.reset();
+        m_unwritten.reset();
         m_replyMemory.release();
         m_piece = {};
         // First, because the next request may be here already, and count itself.
@@ -931,8 +926,6 @@ private:
     std::size_t m_bodyMemory = 0;                  // what the owner has granted for the body
     std::size_t m_spanBytes = 0;                   // of the body, in the present span of time
     std::shared_ptr<QORRequestControl> m_control;  // of the request that waits for its turn or is worked on
-    std::optional<Response> m_response;
-    std::optional<http::response_serializer<http::string_body>> m_serializer;
     QORMemoryCharge m_replyMemory;
     using Frame = std::array<net::const_buffer, 3>;
     HttpOutgoing m_outgoing;  // thread-safe
