@@ -65,7 +65,7 @@ TEST_P(CopyFaults, KilledAtAnyPointItIsGoneOnWithAndNothingIsDoubled) {
 #ifdef QOR_SANITIZED
     constexpr int kills = 4;  // each takes ten times as long
 #else
-    constexpr int kills = 12;
+    constexpr int kills = 6;
 #endif
     for (int run = 0; run < kills; ++run) {
         CtlProcess copying = begin(filled(), *m_to);
