@@ -12,7 +12,7 @@ packages=(
 )
 
 # What the tests run beside the program.
-test_packages=(postgresql-15 odbc-postgresql openssl nodejs python3-venv)
+test_packages=(postgresql-15 odbc-postgresql openssl nodejs python3-venv fish zsh)
 
 # What validates the agent's description of its routes; Debian has no package of it.
 install_validator() {

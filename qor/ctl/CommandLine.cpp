@@ -22,9 +22,12 @@
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "commands/ShortCommands.h"
+#include "complete/Completion.h"
+#include "complete/CompletionScripts.h"
 #include "filter/FilterCommand.h"
 #include "help/CommandHelp.h"
 #include "help/CommandMistakes.h"
+#include "help/ManualPage.h"
 #include "host/QORHostPaths.h"
 #include "host/QORNumberOption.h"
 #include "output/Output.h"
@@ -102,10 +105,19 @@ public:
         addDatabase();
         addSelfCheck();
         addFilterCommand(m_app, m_filterExit);
+        addCompletion();
         addExamples(m_app);
     }
 
     int run(const std::vector<std::string>& arguments) {
+        if (!arguments.empty() && arguments.front() == completionQuestion) {
+            completeCommandLine(m_app, {arguments.begin() + 1, arguments.end()});
+            return static_cast<int>(CtlExit::Done);
+        }
+        if (!arguments.empty() && arguments.front() == manualQuestion) {
+            printText(manualPage(m_app, QOR_VERSION));
+            return static_cast<int>(CtlExit::Done);
+        }
         std::vector<std::string> reversed = tieValues(helpAsOption(arguments));
         std::reverse(reversed.begin(), reversed.end());
         try {
@@ -127,12 +139,16 @@ public:
     }
 
 private:
+    static void printText(std::string_view text) {
+        FileOutput out(STDOUT_FILENO);
+        out << text;
+        out.flush();
+    }
+
     int printHelp(const CLI::ParseError& error) {
         std::ostringstream text;
         const int status = m_app.exit(error, text);
-        FileOutput out(STDOUT_FILENO);
-        out << wrapHelp(text.str(), terminalWidth(STDOUT_FILENO));
-        out.flush();
+        printText(wrapHelp(text.str(), terminalWidth(STDOUT_FILENO)));
         return status;
     }
 
@@ -441,7 +457,7 @@ private:
         app->add_option_function<std::string>(
                "-o,--output", [this](const std::string& form) { m_explain.json = form == "json"; },
                "text (default) or json")
-            ->check(CLI::IsMember({"text", "json"}))
+            ->check(oneOfWords({"text", "json"}))
             ->type_name("FORM");
         addConnection(*app, false);
         app->footer(std::string(whereNote) + "\n" + exitNote);
@@ -695,6 +711,13 @@ private:
             std::string(exitNote));
     }
 
+    void addCompletion() {
+        CLI::App* const app = command("completion", "What makes a shell complete the command lines of qorctl",
+                                      [this] { printText(completionScript(m_shell)); });
+        app->add_option("shell", m_shell, "bash, fish or zsh")->required()->check(oneOfWords(completionShells()));
+        app->footer(std::string("Of this shell alone: source <(qorctl completion bash).\n") + exitNote);
+    }
+
     static SelectOptions firstPage() {
         SelectOptions options;
         options.limit = shortPage;
@@ -732,6 +755,7 @@ private:
     CopyCommandOptions m_copy;
     ShardCommandOptions m_shard;
     SecurityCommandOptions m_security;
+    std::string m_shell;
     std::function<void()> m_run;
     int m_filterExit = 0;
 };

@@ -88,6 +88,17 @@ TEST_F(Package, HasItsPrograms) {
     }
 }
 
+TEST_F(Package, HasTheClientsManualAndWhatShellsCompleteItWith) {
+    if (!fs::exists(test::programDirectory() / "qorctl")) GTEST_SKIP() << "built without the client";
+    const fs::path share = prefix() / "share";
+    const std::string manual = contentsOf(share / "man/man1/qorctl.1");
+    EXPECT_THAT(manual, AllOf(HasSubstr(".TH QORCTL 1"), HasSubstr("\n.SS identity add\n"), HasSubstr("QOR_TOKEN"),
+                              HasSubstr("\n.B \\-o, \\-\\-output FORMAT\n")));
+    for (const char* script : {"bash-completion/completions/qorctl", "fish/vendor_completions.d/qorctl.fish",
+                               "zsh/vendor-completions/_qorctl"})
+        EXPECT_THAT(contentsOf(share / script), HasSubstr("__complete")) << script;
+}
+
 TEST_F(Package, KeepsNoPathOfTheBuild) {
     for (const char* name : {"qor-agent", "libQORPager.so"}) {
         const auto [status, output] = test::runProgram({QOR_TEST_READELF, "-d", installed(name).string()});

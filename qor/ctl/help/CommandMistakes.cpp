@@ -1,12 +1,16 @@
 #include "CommandMistakes.h"
 
 #include <algorithm>
+#include <sstream>
 
 #include "QORCommon/QORNearestName.h"
 #include "QORCommon/QORText.h"
 
 namespace QOR {
 namespace {
+
+/// Validators have names, by which the words that they take can be found again.
+constexpr std::string_view wordsMark = "words:";
 
 /// The program, the command that was given and, of a group, the one within it.
 std::vector<const CLI::App*> givenCommands(const CLI::App& app) {
@@ -113,12 +117,32 @@ std::string describeMistake(const CLI::App& app, const CLI::ParseError& error) {
 }
 
 CLI::Validator oneOfWords(std::vector<std::string> words) {
-    return CLI::Validator(
+    std::string name(wordsMark);
+    for (const std::string& word : words)
+        name += " " + word;
+    CLI::Validator validator(
         [words = std::move(words)](std::string& written) -> std::string {
             if (std::find(words.begin(), words.end(), written) != words.end()) return {};
             return quoteText(written) + " is none of " + listOf(words) + nearLine(written, words);
         },
         "");
+    validator.name(name);
+    return validator;
+}
+
+std::vector<std::string> wordsOf(CLI::Option& option) {
+    std::vector<std::string> words;
+    try {
+        for (int index = 0;; ++index) {
+            const std::string name = option.get_validator(index)->get_name();
+            if (!name.starts_with(wordsMark)) continue;
+            std::istringstream listed{std::string(name.substr(wordsMark.size()))};
+            for (std::string word; listed >> word;)
+                words.push_back(word);
+        }
+    } catch (const CLI::OptionNotFound&) {
+        return words;  // there are no more
+    }
 }
 
 }  // namespace QOR

@@ -17,4 +17,7 @@ std::string describeMistake(const CLI::App& app, const CLI::ParseError& error);
 /// Takes one of these words. The complaint about any other names them, and what was probably meant.
 CLI::Validator oneOfWords(std::vector<std::string> words);
 
+/// The words of an option that takes one of some words; none for any other.
+std::vector<std::string> wordsOf(CLI::Option& option);
+
 }  // namespace QOR
