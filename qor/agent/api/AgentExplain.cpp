@@ -24,7 +24,7 @@ QORExplanation ask(AgentCall& call, AgentSelect& select, const AgentParameters& 
     try {
         call.host.router().ask(call.session(), select.envelope, reader, [](std::int64_t) { return true; });
     } catch (const QORException& error) {
-        refuseAsOperator(call, select.envelope, error, question);
+        refuseAsOperator(call, select.envelope, error, question, reader.errorPlace());
     }
     return explanation;
 }

@@ -22,9 +22,20 @@ struct Complaint {
     std::string_view parameter;
     bool named = false;  ///< what is meant stands behind the words
     std::string_view code{};
+    std::string_view expected{};  ///< at the place, where the operator tells it
 };
 constexpr std::array complaints{
-    Complaint{"Undeclared identifier: ", "where", true, "unknown_field"},
+    Complaint{"Undeclared identifier: ", "where", true, "unknown_field", "a field"},
+    Complaint{"Unknown function: ", "where", true, {}, "upper or lower"},
+    Complaint{"Unknown symbol: ", "where", true, {}, "an operand or an operator"},
+    Complaint{"Unterminated string constant", "where", true, {}, "a text with a quote at its end"},
+    Complaint{"Operator or function expected", "where", false, {}, "an operator with its operands"},
+    Complaint{"Unexpected left bracket", "where", false, {}, "a bracket that is closed"},
+    Complaint{"Unexpected right bracket", "where", false, {}, "an opening bracket before it"},
+    Complaint{"Unexpected comma", "where", false, {}, "a comma between arguments only"},
+    Complaint{"Function arguments mismatch", "where", false, {}, "as many arguments as the function takes"},
+    Complaint{"incorrect <in> expression", "where", false, {}, "pager.env.eid in (unit 'GUID', recursive)"},
+    Complaint{"Empty expression", "where", false, {}, "a condition"},
     Complaint{"Can't sort by a field of another table: ", "sort", true},
     Complaint{"Can't select from multiply tables", "fields"},
     Complaint{"sort: ", "sort"},
@@ -79,6 +90,29 @@ std::string_view codeFor(std::string_view parameter) {
     return parameter.empty() ? "" : "bad_parameter";
 }
 
+/// What stands at a place of a filter: a name or a number, a text in quotes, or a sign; of long texts the beginning.
+std::string_view wordAt(std::string_view text, std::size_t place) {
+    constexpr std::size_t longest = 80;
+    constexpr std::string_view comparing = "<>=!";
+    const std::string_view rest = text.substr(std::min(place, text.size()));
+    if (rest.empty()) return rest;
+    std::size_t end = 1;
+    if (isOfName(rest.front())) {
+        while (end < rest.size() && isOfName(rest[end]))
+            ++end;
+    } else if (rest.front() == '\'' || rest.front() == '"') {
+        end = std::min(rest.find(rest.front(), 1), rest.size() - 1) + 1;
+    } else if (comparing.find(rest.front()) != std::string_view::npos) {
+        while (end < rest.size() && comparing.find(rest[end]) != std::string_view::npos)
+            ++end;
+    }
+    end = std::min(end, longest);
+    // A character is told whole.
+    while (end < rest.size() && (static_cast<unsigned char>(rest[end]) & 0xC0U) == 0x80U)
+        ++end;
+    return rest.substr(0, end);
+}
+
 void locate(AgentProblem& problem, std::string_view word, const AgentParameters& parameters) {
     if (const auto place = onlyPlaceOf(word, parameters.text(problem.parameter))) {
         problem.position = charactersBefore(parameters.text(problem.parameter), *place);
@@ -89,6 +123,7 @@ void locate(AgentProblem& problem, std::string_view word, const AgentParameters&
 }  // namespace
 
 AgentProblem problemOfOperator(const QORException& error, const AgentParameters& parameters,
+                               std::optional<std::int64_t> place,
                                const std::function<std::string(std::string_view name)>& nearest) {
     AgentProblem problem = problemOf(error);
     const std::string& message = error.message();
@@ -115,7 +150,15 @@ AgentProblem problemOfOperator(const QORException& error, const AgentParameters&
         problem.parameter = complaint->parameter;
     if (problem.code.empty()) problem.code = complaint != nullptr ? complaint->code : "";
     if (problem.code.empty()) problem.code = codeFor(problem.parameter);
-    if (!problem.parameter.empty() && parameters.has(problem.parameter)) locate(problem, word, parameters);
+    if (place && problem.parameter == "where") {
+        const std::string_view where = parameters.text("where");
+        const auto bytes = static_cast<std::size_t>(*place);
+        problem.position = charactersBefore(where, bytes);
+        problem.found = wordAt(where, bytes);
+        if (complaint != nullptr) problem.expected = complaint->expected;
+    } else if (!problem.parameter.empty() && parameters.has(problem.parameter)) {
+        locate(problem, word, parameters);
+    }
     // A literal that the column does not take stands in the condition, also on a page that goes on.
     if (problem.parameter == "after" && !problem.position && onlyPlaceOf(word, parameters.text("where"))) {
         problem.parameter = "where";

@@ -29,10 +29,14 @@ std::string_view valueOf(const QORMessageNode& node) {
 /// for.
 class OperatorRows final : public QORAnswerFormat {
 public:
-    OperatorRows(AgentRowsWriter& writer, std::vector<AgentColumn> columns, std::vector<std::string> names)
-        : m_writer(writer), m_columns(std::move(columns)), m_wanted(std::move(names)) {}
+    /// \param place becomes that of an error in the filter; null: nobody asks
+    OperatorRows(AgentRowsWriter& writer, std::vector<AgentColumn> columns, std::vector<std::string> names,
+                 std::optional<std::int64_t>* place = nullptr)
+        : m_writer(writer), m_columns(std::move(columns)), m_wanted(std::move(names)), m_place(place) {}
 
-    void element(const QORMessageNode&) override {}
+    void element(const QORMessageNode& element) override {
+        if (element.tag == tag::offset && m_place != nullptr) *m_place = parseInt64(valueOf(element));
+    }
     void openRows(const QORMessageNode&) override {}
     void child(const QORMessageNode& child) override {
         switch (child.tag) {
@@ -135,6 +139,7 @@ private:
     std::vector<QORRowValue> m_values;
     AgentPage m_page;
     bool m_begun = false;
+    std::optional<std::int64_t>* const m_place;
 };
 
 const HttpFields variesByAccept{{"Vary", "Accept"}};
@@ -216,8 +221,8 @@ HttpReply replyWithRows(
 }
 
 void refuseAsOperator(AgentCall& call, const QORRequestEnvelope& request, const QORException& error,
-                      const AgentParameters& parameters) {
-    throwProblem(problemOfOperator(error, parameters, [&](std::string_view name) {
+                      const AgentParameters& parameters, std::optional<std::int64_t> place) {
+    throwProblem(problemOfOperator(error, parameters, place, [&](std::string_view name) {
         return request.operatorName == "pager" ? call.application.fields().nearest(name) : std::string();
     }));
 }
@@ -225,13 +230,14 @@ void refuseAsOperator(AgentCall& call, const QORRequestEnvelope& request, const 
 HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QORRequestEnvelope& request,
                           std::vector<AgentColumn> columns, std::vector<std::string> names) {
     const AgentRowsForm form = rowsFormOf(call.request, parameters);
+    std::optional<std::int64_t> place;
     try {
         return replyWithRows(call, form, [&](AgentRowsWriter& writer, const auto& afterRow) {
-            OperatorRows rows(writer, std::move(columns), std::move(names));
+            OperatorRows rows(writer, std::move(columns), std::move(names), &place);
             call.host.router().ask(call.session(), request, rows, afterRow);
         });
     } catch (const QORException& error) {
-        refuseAsOperator(call, request, error, parameters);
+        refuseAsOperator(call, request, error, parameters, place);
     }
 }
 

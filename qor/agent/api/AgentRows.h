@@ -2,7 +2,9 @@
 /// Pages and streams of rows. Thread-safe.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,8 +40,9 @@ HttpReply replyOfOperator(AgentCall& call, const AgentParameters& parameters, QO
                           std::vector<AgentColumn> columns, std::vector<std::string> names);
 
 /// What an operator's error means over HTTP, whose parameters have been checked before.
+/// \param place in the filter that cannot be read, bytes before it, where the operator has told it
 [[noreturn]] void refuseAsOperator(AgentCall& call, const QORRequestEnvelope& request, const QORException& error,
-                                   const AgentParameters& parameters);
+                                   const AgentParameters& parameters, std::optional<std::int64_t> place);
 
 /// What a question about a view is made for.
 AgentSelectContext selectContext(AgentCall& call, const AgentParameters& parameters, bool all);

@@ -299,6 +299,10 @@ void QORExplanationReader::row(std::span<const QORRowValue> values) {
     m_explanation.take(row);
 }
 
+void QORExplanationReader::element(const QORMessageNode& element) {
+    if (element.tag == tag::offset) m_errorPlace = parseInt64({element.data, element.size});
+}
+
 void QORExplanationReader::end(const QORAnswerError* error) {
     if (error != nullptr) throw QORException(error->code, error->message);
 }

@@ -84,7 +84,7 @@ class QOR_API QORExplanationReader final : public QORAnswerFormat {
 public:
     explicit QORExplanationReader(QORExplanation& explanation) : m_explanation(explanation) {}
 
-    void element(const QORMessageNode&) override {}
+    void element(const QORMessageNode& element) override;
     void openRows(const QORMessageNode&) override {}
     void child(const QORMessageNode& child) override;
     void row(std::span<const QORRowValue> values) override;
@@ -92,9 +92,12 @@ public:
     /// \throws QORException for an error of the operator
     void end(const QORAnswerError* error) override;
     void flush() override {}
+    /// How many bytes of the filter stand before what end() has thrown about it; nothing where that is not known.
+    const std::optional<std::int64_t>& errorPlace() const noexcept { return m_errorPlace; }
 
 private:
     QORExplanation& m_explanation;
+    std::optional<std::int64_t> m_errorPlace{};
 };
 
 }  // namespace QOR

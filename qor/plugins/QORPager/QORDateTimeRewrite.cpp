@@ -99,4 +99,21 @@ bool transformDateTime(std::string& where) {
     return rewrite(TCursorType::OpLog) && rewrite(TCursorType::EventLog);
 }
 
+std::size_t placeBeforeTransform(std::string_view given, std::string_view transformed, std::size_t place) noexcept {
+    std::size_t at = 0;
+    for (std::size_t made = 0; made < place && made < transformed.size() && at < given.size();) {
+        if (given[at] == transformed[made]) {
+            ++at;
+            ++made;
+            continue;
+        }
+        // A literal in quotes became digits.
+        const std::size_t closing = given.find('\'', at + 1);
+        at = closing == std::string_view::npos ? given.size() : closing + 1;
+        while (made < transformed.size() && isDigitChar(transformed[made]))
+            ++made;
+    }
+    return at;
+}
+
 }  // namespace QOR

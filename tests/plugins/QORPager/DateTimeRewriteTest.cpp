@@ -108,5 +108,23 @@ TEST(DateTimeRewrite, LongFiltersTakeLinearTime) {
     EXPECT_FALSE(transformDateTime(quotes));
 }
 
+TEST(DateTimeRewrite, PlacesAreThoseOfTheFilterThatWasGiven) {
+    const std::string given =
+        "pager.op_log.time > '2024-01-01' and 'x' == 'y' and '2024-01-02' > pager.op_log.time and !";
+    std::string made = given;
+    ASSERT_TRUE(transformDateTime(made));
+    ASSERT_NE(made, given);
+    for (const std::string word : {"pager", "> '", "and 'x'", "'y'", "> pager.op_log.time and !", "!"}) {
+        const std::size_t place = made.find(word == "> '" ? "> 1" : word);
+        ASSERT_NE(place, std::string::npos) << word;
+        EXPECT_EQ(placeBeforeTransform(given, made, place), given.find(word)) << word;
+    }
+    EXPECT_EQ(placeBeforeTransform(given, made, made.find("1704067200")), given.find("'2024-01-01'"));
+    EXPECT_EQ(placeBeforeTransform(given, made, made.size()), given.size());
+    EXPECT_EQ(placeBeforeTransform(given, given, 7), 7U);
+    EXPECT_EQ(placeBeforeTransform("", made, 7), 0U);
+    EXPECT_EQ(placeBeforeTransform("a'", "11", 2), 2U);
+}
+
 }  // namespace
 }  // namespace QOR

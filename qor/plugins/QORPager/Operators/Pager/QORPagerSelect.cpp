@@ -37,6 +37,16 @@ int refuse(QORMessageIterator& response, int code, const std::string& text) {
     return failed;
 }
 
+/// Of a filter that cannot be read. Beside the error of an exact request stands the place of it in the filter that was
+/// given.
+int refuseFilter(QORMessageIterator& response, TExpressionEvaluation& evaluator, const std::string* given) {
+    if (given != nullptr) {
+        const std::size_t place = placeBeforeTransform(*given, evaluator.getExpression(), evaluator.getErrorPosition());
+        response.putInt64(static_cast<std::int64_t>(place), tag::offset);
+    }
+    return refuse(response, pagerParsingError, evaluator.getErrorMessage());
+}
+
 int refuseFurtherName(QORMessageIterator& response, std::string_view name) {
     constexpr std::size_t mostShown = 100;
     const std::string text = "too many names under prefixes on this connection: no room for \"" +
@@ -215,10 +225,11 @@ int QORPagerOperatorPrototype::readWhere(const QORMessageIterator& request, QORM
     m_request.hasWhere = request.seekPresence(tag::where) == 0;
     if (!m_request.hasWhere) return 0;
     if (request.getValue(m_request.where, tag::where) != 0) return complain(response, "invalid where");
+    const std::string given = m_request.exact ? m_request.where : std::string();
     if (!transformDateTime(m_request.where)) return complain(response, "invalid date/time format in where");
     if (declareNames(m_request.where, response) != 0) return failed;
     m_evaluator->setExpression(m_request.where);
-    if (m_evaluator->prepareSpecial()) return refuse(response, pagerParsingError, m_evaluator->getErrorMessage());
+    if (m_evaluator->prepareSpecial()) return refuseFilter(response, *m_evaluator, m_request.exact ? &given : nullptr);
     m_request.whereGiven = true;
     // In the order of the names, which is that of the catalogue.
     for (const std::string& name : m_evaluator->usedIdentifiers()) {
