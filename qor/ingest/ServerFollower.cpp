@@ -1,5 +1,6 @@
 #include "ingest/ServerFollower.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <exception>
@@ -23,6 +24,8 @@ constexpr const char* sourcePath = "qor/ingest/ServerFollower";
 constexpr auto betweenTurns = std::chrono::seconds(1);
 /// For a server: one that hangs does not keep the others waiting for long.
 constexpr auto longestVisit = std::chrono::seconds(10);
+/// Of a visit, for what has piled up.
+constexpr auto longestNotes = std::chrono::seconds(1);
 
 }  // namespace
 
@@ -69,21 +72,36 @@ void ServerUpkeep::visit(const QORPlacement& placement, const QORServer& server)
     seeToNotes(placement, server);
 }
 
-// Those that were there at the turn before: the newest are of batches that are still being stored. A note stays until
-// all whom it is for have done what it says, under the placement that holds when it is deleted.
+bool ServerUpkeep::isAnyAway(const QORPlacement& placement) {
+    const std::vector<QORServer>& servers = placement.servers();
+    return std::any_of(servers.begin(), servers.end(),
+                       [](const QORServer& server) { return QORServers::instance().isAway(server.name); });
+}
+
+// Those that were there at the turn before: the newest are of batches that are still being stored. While somebody is
+// away whom they are for, they have to stay, and nobody is bothered with them.
 void ServerUpkeep::seeToNotes(const QORPlacement& placement, const QORServer& from) {
+    using Clock = std::chrono::steady_clock;
     const auto seen = m_seen.find(from.name);
     const std::int64_t last = seen == m_seen.end() ? 0 : seen->second;
     m_seen[from.name] = lastNote(from);
-    const std::vector<ArrivalNote> notes = last == 0 ? std::vector<ArrivalNote>() : readNotes(from, last);
-    if (notes.empty()) return;
-    bool all = true;
-    for (const QORServer& to : placement.servers()) {
-        if (to.number == from.number) continue;
-        all = all && !QORServers::instance().isAway(to.name) && removeEarlier(to, notes);
+    const auto end = Clock::now() + longestNotes;
+    while (last != 0 && !isAnyAway(placement) && Clock::now() < end) {
+        const auto begin = Clock::now();
+        const std::vector<ArrivalNote> notes = readNotes(from, last);
+        if (notes.empty() || !seeTo(notes, placement, from)) return;
+        std::this_thread::sleep_for(Clock::now() - begin);
     }
-    if (!all || QORServers::instance().refresh()->epoch() != placement.epoch()) return;
+}
+
+// A note stays until all whom it is for have done what it says, under the placement that holds when it is deleted.
+bool ServerUpkeep::seeTo(const std::vector<ArrivalNote>& notes, const QORPlacement& placement, const QORServer& from) {
+    for (const QORServer& to : placement.servers()) {
+        if (to.number != from.number && !removeEarlier(to, notes)) return false;
+    }
+    if (QORServers::instance().refresh()->epoch() != placement.epoch()) return false;
     takeAway(from, notes);
+    return true;
 }
 
 ServerFollower::ServerFollower()

@@ -12,9 +12,12 @@ namespace {
 constexpr std::string_view everybodyElse = "*";
 
 constexpr std::string_view insertNote = "INSERT INTO qor_removal (server, source, ids) VALUES (?, ?, ?) RETURNING id";
-/// Not more at once than memory can hold.
+/// Not more at once than are seen to before anybody notices: writers wait meanwhile. One at least.
 constexpr std::string_view selectNotes =
-    "SELECT id, server, source, ids FROM qor_removal WHERE id <= ? ORDER BY id LIMIT 200";
+    "SELECT id, server, source, ids FROM "
+    "(SELECT *, sum(octet_length(ids)) OVER (ORDER BY id) - octet_length(ids) AS before FROM "
+    "(SELECT id, server, source, ids FROM qor_removal WHERE id <= ? ORDER BY id LIMIT 200) n) n "
+    "WHERE before < 65536 ORDER BY id";
 /// Of the newest notes alone. There are more only while a server is away, and then all that is stored gets new numbers.
 constexpr std::string_view selectFound =
     "WITH operation AS (SELECT value ->> 0 AS id FROM json_array_elements(CAST(? AS json))), "
@@ -29,16 +32,19 @@ constexpr std::string_view selectFound =
     "SELECT 1, id, number, 0 FROM noted WHERE source = 'qor_backup' AND id IN (SELECT id FROM backup) UNION ALL "
     "SELECT 2, CAST(remainder AS text), modulus, 1 FROM qor_held";
 
-constexpr std::string_view earlierOnes =
-    "(SELECT value ->> 0 AS id, CAST(value ->> 1 AS bigint) AS number FROM json_array_elements(CAST(? AS json))) r "
-    "WHERE t.id = r.id AND t.seq < r.number";
+/// Of identifiers that are named several times the last.
+constexpr std::string_view arrivedIds =
+    "(SELECT value ->> 0 AS id, max(CAST(value ->> 1 AS bigint)) AS number "
+    "FROM json_array_elements(CAST(? AS json)) GROUP BY 1) r";
 
 /// A record that came again keeps its first number, which may be smaller than that of a note from meanwhile. What the
-/// server itself has noted of it tells when it came last. Looked up for each record that would be removed, which are
-/// few: where a server is away for long, notes are many.
+/// server itself has noted of it tells when it came last. That is looked up for records that would be removed, which
+/// are few, and once for all of them: where a server is away for long, notes are many.
 constexpr std::string_view unlessNotedLater =
-    " AND r.number > coalesce((SELECT max(CAST(e.value ->> 1 AS bigint)) FROM qor_removal n, "
-    "json_array_elements(CAST(n.ids AS json)) e WHERE n.source = ? AND e.value ->> 0 = t.id), 0)";
+    ", noted AS MATERIALIZED (SELECT e.value ->> 0 AS id, max(CAST(e.value ->> 1 AS bigint)) AS number "
+    "FROM qor_removal n, json_array_elements(CAST(n.ids AS json)) e WHERE EXISTS (SELECT 1 FROM earlier) "
+    "AND n.source = ? AND e.value ->> 0 IN (SELECT id FROM earlier) GROUP BY 1) "
+    "SELECT e.id, e.seq FROM earlier e LEFT JOIN noted n ON n.id = e.id WHERE e.number > coalesce(n.number, 0)";
 
 IdentifiedTable tableNamed(std::string_view name) {
     for (const IdentifiedTable table : {IdentifiedTable::Operations, IdentifiedTable::Backups}) {
@@ -47,10 +53,30 @@ IdentifiedTable tableNamed(std::string_view name) {
     throw AException("a note of arrivals names the table " + quoteText(name) + ", which has no identifiers");
 }
 
-/// The same statements whatever a note says.
+/// The same statement whatever notes say.
 std::string deleteEarlier(std::string_view table) {
-    return "DELETE FROM " + std::string(nameOf(tableNamed(table))) + " t USING " +
-           std::string(earlierOnes).append(unlessNotedLater);
+    const std::string name(table);
+    return "DELETE FROM " + name + " t USING (WITH earlier AS MATERIALIZED (SELECT t.id, t.seq, r.number FROM " + name +
+           " t JOIN " + std::string(arrivedIds) + " ON t.id = r.id AND t.seq < r.number)" +
+           std::string(unlessNotedLater) + ") gone WHERE t.id = gone.id AND t.seq = gone.seq";
+}
+
+/// What notes say together, by table.
+template <class Wanted>
+std::map<IdentifiedTable, std::string> together(const std::vector<ArrivalNote>& notes, Wanted wanted) {
+    std::map<IdentifiedTable, std::string> all;
+    for (const ArrivalNote& note : notes) {
+        if (!wanted(note)) continue;
+        std::string& ids = all[tableNamed(note.table)];
+        const std::size_t end = note.ids.rfind(']');
+        const std::size_t begin = note.ids.find('[');
+        if (end == std::string::npos || begin >= end) continue;
+        ids += (ids.empty() ? '[' : ',');
+        ids.append(note.ids, begin + 1, end - begin - 1);
+    }
+    for (auto& [table, ids] : all)
+        ids += ids.empty() ? "[]" : "]";
+    return all;
 }
 
 }  // namespace
@@ -74,7 +100,9 @@ std::int64_t noteArrivals(ASSession& session, IdentifiedTable table, std::string
 }
 
 void renumber(ASSession& session, IdentifiedTable table, std::string_view ids) {
-    session.prepare("UPDATE " + std::string(nameOf(table)) + " t SET seq = r.number FROM " + std::string(earlierOnes))
+    session
+        .prepare("UPDATE " + std::string(nameOf(table)) + " t SET seq = r.number FROM " + std::string(arrivedIds) +
+                 " WHERE t.id = r.id AND t.seq < r.number")
         .bind(1, ids)
         .execute();
 }
@@ -149,12 +177,11 @@ bool removeEarlier(const QORServer& at, const std::vector<ArrivalNote>& notes) {
             // Who stores a record at this moment notes it, and that has to be seen.
             held = holds(session, at, QORServerUse::Alone);
             if (!held) return;
-            for (const ArrivalNote& note : notes) {
-                if (note.isFor(at))
-                    session.prepare(deleteEarlier(note.table))
-                        .bind(1, std::string_view(note.ids))
-                        .bind(2, std::string_view(note.table))
-                        .execute();
+            for (const auto& [table, ids] : together(notes, [&](const ArrivalNote& note) { return note.isFor(at); })) {
+                session.prepare(deleteEarlier(nameOf(table)))
+                    .bind(1, std::string_view(ids))
+                    .bind(2, nameOf(table))
+                    .execute();
             }
         });
     });
@@ -166,10 +193,10 @@ void takeAway(const QORServer& from, const std::vector<ArrivalNote>& notes) {
     QORServers::instance().run(from, [&](QORRdbms& database) {
         database.write([&](ASSession& session) {
             done.notes.clear();
-            for (const ArrivalNote& note : notes) {
-                renumber(session, tableNamed(note.table), note.ids);
+            for (const ArrivalNote& note : notes)
                 done.notes.push_back(note.id);
-            }
+            for (const auto& [table, ids] : together(notes, [](const ArrivalNote&) { return true; }))
+                renumber(session, table, ids);
             ServerLeftovers::remove(session, done);
         });
     });

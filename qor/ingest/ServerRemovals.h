@@ -67,7 +67,8 @@ struct ArrivalNote {
 
     bool isFor(const QORServer& server) const;
 };
-/// What a server has noted and nobody has taken away yet. \param last the last one that is of interest
+/// The first of what a server has noted and nobody has taken away yet: as many as are seen to within the time that
+/// a writer waits without noticing. \param last the last one that is of interest
 std::vector<ArrivalNote> readNotes(const QORServer& from, std::int64_t last);
 std::int64_t lastNote(const QORServer& from);
 

@@ -109,5 +109,37 @@ TEST_F(ServerFollowerTest, NotesOfBatchesThatAreStoredDoNotStay) {
     EXPECT_THAT(each("SELECT count(*) FROM qor_removal"), ElementsAre("0", "0", "0"));
 }
 
+// Of records of one server, that another one has some of them since earlier, and some that came later.
+TEST_F(ServerFollowerTest, APileOfNotesEnds) {
+    const auto store = [](unsigned number, const std::string& numbers, const std::string& sequence) {
+        at(number).run("INSERT INTO qor_operation (seq, id, status, time, eid) SELECT " + sequence +
+                       ", 'o' || n, 0, '2024-01-01', '" + on(number).toString() + "' FROM generate_series(" + numbers +
+                       ") n");
+    };
+    store(1, "20, 20", "-1");
+    store(2, "1, 9", "-n");
+    store(2, "10, 12", "2700 + n");
+    store(3, "13, 14", "-n");
+    at(1).run(
+        "INSERT INTO qor_removal (server, source, ids) SELECT '*', 'qor_operation', '[[\"o' || n % 40 || '\",' || n "
+        "|| "
+        "']]' FROM generate_series(1, 2700) n");
+    while (at(1).cell("SELECT count(*) FROM qor_removal") != "0")
+        upkeep.turn();
+    EXPECT_THAT(operations(), ElementsAre("o20:0", "o10:0 o11:0 o12:0", ""));
+    EXPECT_EQ(at(1).cell("SELECT seq FROM qor_operation"), "2700") << "of several notes the last counts";
+}
+
+TEST_F(ServerFollowerTest, NotesOfManyRecordsAreSeenToOneAfterTheOther) {
+    at(1).run(
+        "INSERT INTO qor_removal (server, source, ids) SELECT '*', 'qor_operation', "
+        "(SELECT json_agg(json_build_array('o' || m, n)) FROM generate_series(1, 10000) m) FROM generate_series(1, 3) "
+        "n");
+    const QORServer& first = QORServers::instance().placement()->servers().front();
+    EXPECT_EQ(readNotes(first, lastNote(first)).size(), 1U);
+    while (at(1).cell("SELECT count(*) FROM qor_removal") != "0")
+        upkeep.turn();
+}
+
 }  // namespace
 }  // namespace QOR::test
