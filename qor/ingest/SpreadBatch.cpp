@@ -238,10 +238,12 @@ std::vector<SpreadBatch::Part> SpreadBatch::storeAll(std::vector<ArrivedRecord> 
 void SpreadBatch::storePart(Part& part, const RequestLedger* ledger) const {
     ServerLeftovers& leftovers = ServerLeftovers::instance();
     const ServerLeftovers::Share share = leftovers.of(part.server.name);
+    const std::vector<ArrivedRecord> all = part.records;
     QORServers::instance().run(part.server, [&](QORRdbms& database) {
         database.write([&](ASSession& session) {
             part.moved = !holds(session, part.server);
             if (part.moved) return;
+            part.records = all;  // also when the transaction is run again
             part.notes.clear();
             ServerLeftovers::remove(session, share);
             if (ledger != nullptr || m_ownLedger) {
@@ -275,6 +277,7 @@ void SpreadBatch::storeUnless(ASSession& session, Part& part, const RequestLedge
         return own ? !known || !isEvent(arrived) : arrived.line > storedLine;
     });
     part.counts = storeTogether(session, left, m_keepEqual);
+    if (!own && left.size() < part.records.size()) keepEarlierNumbers(session, part, storedLine);
     QORIngestResult result;
     if (own) {
         if (known) {
@@ -295,6 +298,30 @@ void SpreadBatch::storeUnless(ASSession& session, Part& part, const RequestLedge
     result.counts = part.counts;
     result.lastLine = m_lastLine;
     ledger.put(session, result, !known);
+}
+
+// Records that an earlier attempt has stored arrived then: what came to another server since is later. Where such a one
+// has taken their place, they are gone.
+void SpreadBatch::keepEarlierNumbers(ASSession& session, Part& part, std::uint64_t storedLine) {
+    std::map<IdentifiedTable, ArrivedIds> stored;
+    for (const ArrivedRecord& arrived : part.records) {
+        const auto identifier = identifierOf(*arrived.record);
+        if (identifier && arrived.line <= storedLine) stored[identifier->first].add(identifier->second, 0);
+    }
+    FoundRecords found;
+    findRecords(session, part.server, stored[IdentifiedTable::Operations].text(),
+                stored[IdentifiedTable::Backups].text(), found);
+    std::vector<ArrivedRecord> here;
+    for (ArrivedRecord arrived : part.records) {
+        const auto identifier = identifierOf(*arrived.record);
+        if (identifier && arrived.line <= storedLine) {
+            const auto place = found.find({identifier->first, std::string(identifier->second)});
+            if (place == found.end() || !place->second.isThere) continue;
+            arrived.number = place->second.number;
+        }
+        here.push_back(arrived);
+    }
+    part.records = std::move(here);
 }
 
 // The server knows a moment before home does.

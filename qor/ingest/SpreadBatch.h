@@ -73,6 +73,7 @@ private:
     std::vector<Part> storeAll(std::vector<ArrivedRecord> left, const RequestLedger* ledger, bool renumbering);
     void storePart(Part& part, const RequestLedger* ledger) const;
     void storeUnless(ASSession& session, Part& part, const RequestLedger& ledger) const;
+    static void keepEarlierNumbers(ASSession& session, Part& part, std::uint64_t storedLine);
     void awaitOtherPlacement(const QORServer& server);
     void removeElsewhere(const std::vector<Part>& stored);
     void compare(Look& look, const Places& places);

@@ -125,6 +125,20 @@ TEST_F(SpreadIngestTest, AnOperationThatChangesItsEnvironmentIsNoLongerWhereItWa
                 ElementsAre("1", "0", "0"));
 }
 
+TEST_F(SpreadIngestTest, ARequestThatIsSentAgainDoesNotTakeThePlaceOfWhatCameSince) {
+    const std::string lines =
+        operation("o", on(1), 1) + backup("b", on(1)) + operation("p", on(1), 1) + event(1, on(3));
+    refuse(3, true);
+    EXPECT_TRUE(send(lines, "key").failure);
+    EXPECT_THAT(operations(), ElementsAre("o:1 p:1", "", ""));
+    expectStored(send(operation("o", on(2), 2) + backup("b", on(2))), 0, 2);
+    refuse(3, false);
+    EXPECT_FALSE(send(lines, "key").failure);
+    EXPECT_THAT(operations(), ElementsAre("p:1", "o:2", ""));
+    EXPECT_THAT(each("SELECT count(*) FROM qor_backup"), ElementsAre("0", "1", "0"));
+    EXPECT_THAT(events(), ElementsAre("0", "0", "1"));
+}
+
 TEST_F(SpreadIngestTest, WhatAServerCouldNotBeToldIsKeptForIt) {
     expectStored(send(operation("o", on(1), 1) + operation("p", on(1), 1)), 2);
     ShardedPostgres::server(3).crash();
