@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -84,10 +85,26 @@ InputFile::InputFile(const std::string& path)
     m_descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (m_descriptor < 0) throw CtlError::usage("cannot open " + path + ": " + reasonOf(errno));
     m_owned = true;
+    struct stat status {};
+    if (::fstat(m_descriptor, &status) == 0 && S_ISDIR(status.st_mode)) {
+        ::close(m_descriptor);
+        throw CtlError::usage("cannot read " + path + ": " + reasonOf(EISDIR));
+    }
 }
 
 InputFile::~InputFile() {
     if (m_owned) ::close(m_descriptor);
+}
+
+std::optional<std::string> InputFile::beginning(std::size_t bytes) const {
+    struct stat status {};
+    const off_t at = ::lseek(m_descriptor, 0, SEEK_CUR);
+    if (at < 0 || ::fstat(m_descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    std::string text(bytes, '\0');
+    const ssize_t got = ::pread(m_descriptor, text.data(), bytes, at);
+    if (got < 0) throw CtlError::usage("cannot read " + m_name + ": " + reasonOf(errno));
+    text.resize(static_cast<std::size_t>(got));
+    return text;
 }
 
 std::string InputFile::readAll(std::size_t maxBytes) const {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -47,13 +48,18 @@ private:
 /// A file opened for reading, or standard input for "-" and the empty path. Owns what it opened.
 class InputFile {
 public:
-    /// \throws CtlError BadUsage naming the file and the reason
+    /// \throws CtlError BadUsage naming the file and the reason, for a folder too
     explicit InputFile(const std::string& path);
     ~InputFile();
     InputFile(const InputFile&) = delete;
     InputFile& operator=(const InputFile&) = delete;
 
     int descriptor() const noexcept { return m_descriptor; }
+    /// The file, or "standard input", for people.
+    const std::string& name() const noexcept { return m_name; }
+    /// What a regular file goes on with, without taking it: as much of it as there is, and as is asked for. Nothing of
+    /// what comes from elsewhere, which would have to be waited for.
+    std::optional<std::string> beginning(std::size_t bytes) const;
     /// Everything to the end. \throws CtlError BadUsage when it cannot be read or is larger than `maxBytes`
     std::string readAll(std::size_t maxBytes) const;
 

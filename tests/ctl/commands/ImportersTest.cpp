@@ -1,7 +1,9 @@
 // Many importers at once through one agent: they wait for each other, and none is turned away.
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ctl/CtlProcess.h"
@@ -65,6 +67,51 @@ TEST(Importers, ManyAtOnceStoreEveryRecordOnceAndNoneIsRefused) {
         runCtl({"rows", "-f", "pager.op_log.id", "--limit", "1", "--count", "--socket", agent.socketPath()}).out,
         HasSubstr(all));
     EXPECT_THAT(agent.log(), Not(HasSubstr("locked")));
+}
+
+/// What is said of a file with this in it, and what is made of a database that is not there yet.
+struct OtherFile {
+    explicit OtherFile(const std::string& contents) {
+        const TemporaryDirectory folder;
+        const std::string file = (folder / "f").string();
+        std::ofstream(file, std::ios::binary) << contents;
+        result = runCtl({"import", file, "--standalone", "--database", (folder / "new.db").string()});
+        madeDatabase = std::filesystem::exists(folder / "new.db");
+        if (const std::size_t at = result.err.find(file); at != std::string::npos)
+            result.err.replace(at, file.size(), "f");
+    }
+    CtlResult result;
+    bool madeDatabase = false;
+};
+
+TEST(WrongFiles, AreToldApartAndNothingIsMade) {
+    const std::pair<std::string, const char*> files[] = {
+        {"\x1f\x8b\x08 and so on", "f is compressed with gzip; take it apart first: gunzip -c FILE | qorctl import -"},
+        {std::string("SQLite format 3\0", 16),
+         "f is a database of SQLite; qorctl copy --from FILE moves what is in it"},
+        {std::string("\xff\xfe{\0", 4), "f is a text in UTF-16; records are in UTF-8"},
+        {std::string("\x7f"
+                     "ELF\0",
+                     5),
+         "f is a binary file; records are one JSON object a line"},
+        {"[\n{}]", "f begins with a list; records are one JSON object a line, without anything around them"}};
+    for (const auto& [contents, said] : files) {
+        const OtherFile given(contents);
+        EXPECT_EQ(given.result.status, 2);
+        EXPECT_EQ(given.result.err, std::string("qorctl: ") + said + "\n");
+        EXPECT_EQ(given.result.out, "");
+        EXPECT_FALSE(given.madeDatabase) << said;
+    }
+    const CtlResult folder = runCtl({"import", "/"});
+    EXPECT_EQ(folder.status, 2);
+    EXPECT_EQ(folder.err, "qorctl: cannot read /: Is a directory\n");
+}
+
+TEST(WrongFiles, AnEmptyOneStoresNothingAndSaysSo) {
+    const OtherFile given("");
+    EXPECT_EQ(given.result.status, 0);
+    EXPECT_EQ(given.result.err, "qorctl: note: f is empty; there is nothing to store\n");
+    EXPECT_THAT(given.result.out, HasSubstr("operation: 0 added"));
 }
 
 }  // namespace
