@@ -236,6 +236,10 @@ TEST_F(AgentFollow, AClientThatTakesTooLongIsToldSoAndLeft) {
     EXPECT_LT(events, 4000U);
     ASSERT_EQ(last.name, "end");
     EXPECT_EQ(last.at("code"), "\"too_slow\"");
+    // It is counted when the last has been sent.
+    while (HttpClient(strict.socketPath()).get("/metrics").body.find("qor_problems_total{code=\"too_slow\"}") ==
+           std::string::npos)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(strict.stop(), 0);
     agent.start();
     Follower again(agent, "?source=events&after=" + token);

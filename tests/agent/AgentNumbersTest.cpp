@@ -92,6 +92,8 @@ TEST_F(AgentNumbers, WhatIsAskedIsCountedInAFormThatAStrictReaderTakes) {
     ASSERT_EQ(root.post("/v1/records", lines).status, 200);
     const HttpAnswer answer = root.post("/v1/messages", select("vOpLog"));
     ASSERT_EQ(answer.status, 200);
+    ASSERT_EQ(root.get("/v1/views/vOpLog/rows?where=satus=1").status, 400);
+    ASSERT_EQ(root.get("/v1/views/vOpLgo/rows").status, 404);
     HttpClient tcp = overTcp(agent);
     ASSERT_EQ(tcp.get("/v1/views").status, 401);
     auto after = numbers();
@@ -108,6 +110,8 @@ TEST_F(AgentNumbers, WhatIsAskedIsCountedInAFormThatAStrictReaderTakes) {
     EXPECT_EQ(grew("qor_ingest_records_total{outcome=\"refused\"}"), 1);
     EXPECT_EQ(grew("qor_rows_total{route=\"/v1/messages\"}"), 5);
     EXPECT_EQ(grew("qor_http_response_bytes_total{route=\"/v1/messages\"}"), static_cast<double>(answer.body.size()));
+    EXPECT_EQ(grew("qor_problems_total{code=\"bad_condition\"}"), 1);
+    EXPECT_EQ(grew("qor_problems_total{code=\"unknown_view\"}"), 1);
     EXPECT_EQ(grew("qor_logins_refused_total"), 1);
     EXPECT_EQ(grew("qor_http_limits_total{limit=\"user-waiting\"}"), 0);
     EXPECT_EQ(after.at("qor_http_connections{listener=\"unix:" + agent.socketPath() + "\"}"), 1);

@@ -24,8 +24,9 @@ bool sameRights(const QORClientContext& a, const QORClientContext& b) {
     return a.fullAccess == b.fullAccess && own(a) == own(b) && a.objects() == b.objects();
 }
 
-HttpReply replyOf(const AgentRoute& route, const AgentProblem& problem, int code) {
-    if (!route.inNotation) return problemReply(problem);
+HttpReply replyOf(const AgentCall& call, const AgentProblem& problem, int code) {
+    static_cast<AgentTrace*>(call.request.trace)->problem = codeOf(problem);
+    if (!call.route.inNotation) return problemReply(problem);
     HttpReply reply;
     reply.status = problem.status;
     writeErrorResponse(code, problem.detail, reply.body);
@@ -33,16 +34,15 @@ HttpReply replyOf(const AgentRoute& route, const AgentProblem& problem, int code
 }
 
 HttpReply answer(AgentCall& call) {
-    const AgentRoute& route = call.route;
     try {
-        call.parameters = AgentParameters::ofQuery(call.request.query, route.parameters);
-        return route.answer(call);
+        call.parameters = AgentParameters::ofQuery(call.request.query, call.route.parameters);
+        return call.route.answer(call);
     } catch (const AgentProblemException& exception) {
-        return replyOf(route, exception.problem(), static_cast<int>(exception.problem().status));
+        return replyOf(call, exception.problem(), static_cast<int>(exception.problem().status));
     } catch (const QORException& exception) {
-        return replyOf(route, problemOf(exception), exception.code());
+        return replyOf(call, problemOf(exception), exception.code());
     } catch (const std::exception& exception) {
-        return replyOf(route, failureProblem(exception.what()), errFailure);
+        return replyOf(call, failureProblem(exception.what()), errFailure);
     }
 }
 

@@ -22,6 +22,7 @@
 #include "agent/api/AgentRows.h"
 #include "agent/api/AgentRowsWriter.h"
 #include "agent/api/AgentSources.h"
+#include "agent/api/AgentTrace.h"
 
 namespace QOR {
 namespace {
@@ -347,6 +348,7 @@ private:
 
     void tellEnd(const AgentProblem& problem) {
         if (std::exchange(m_toldEnd, true)) return;
+        static_cast<AgentTrace*>(m_call.request.trace)->problem = codeOf(problem);
         m_events.add("end", {}, problemReply(problem).body);
     }
 

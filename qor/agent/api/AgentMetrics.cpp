@@ -29,6 +29,7 @@ void AgentMetrics::count(const HttpEnd& end, const AgentTrace* trace) {
     route.bytes += end.bytes;
     if (trace == nullptr) return;
     route.rows += static_cast<std::uint64_t>(trace->notes.rows);
+    if (!trace->problem.empty()) ++m_problems[trace->problem];
     m_stored += trace->notes.stored;
     m_refused += trace->notes.refused;
 }
@@ -37,6 +38,9 @@ void AgentMetrics::write(PrometheusText& text) const {
     text.family("qor_http_requests_total", Type::Counter, "Requests that were answered.");
     for (const auto& [key, number] : m_requests)
         text.sample(number, {{"route", key.first}, {"status", std::to_string(key.second)}});
+    text.family("qor_problems_total", Type::Counter, "Problems that the work on requests ended with, by their codes.");
+    for (const auto& [code, number] : m_problems)
+        text.sample(number, {{"code", code}});
     text.family("qor_http_unfinished_total", Type::Counter, "Requests whose answers did not arrive whole.");
     text.sample(m_gone, {{"why", "client gone"}});
     text.sample(m_broken, {{"why", "broken off"}});

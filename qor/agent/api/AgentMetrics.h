@@ -40,6 +40,7 @@ private:
 
     std::map<std::pair<std::string_view, unsigned>, std::uint64_t> m_requests;  // by route and status
     std::map<std::string_view, Route> m_routes;
+    std::map<std::string_view, std::uint64_t> m_problems;  // by code
     std::uint64_t m_gone = 0;
     std::uint64_t m_broken = 0;
     std::uint64_t m_stored = 0;

@@ -89,18 +89,21 @@ AgentProblem problemOf(const QORException& exception) {
     return problem;
 }
 
+std::string_view codeOf(const AgentProblem& problem) noexcept {
+    return problem.code.empty() ? lookUp(problem.status).code : problem.code;
+}
+
 HttpReply problemReply(const AgentProblem& problem) {
     HttpReply reply;
     reply.status = problem.status;
     reply.contentType = "application/problem+json";
     if (problem.status == 429 || problem.status == 503) reply.retryAfter = problem.retryAfter;
     reply.body = writtenObject([&](JsonWriter& json) {
-        const Status& status = lookUp(problem.status);
-        writeMember(json, "title", status.title);
+        writeMember(json, "title", lookUp(problem.status).title);
         writeKey(json, "status");
         json.Uint(problem.status);
         writeAny(json, "detail", problem.detail);
-        writeMember(json, "code", problem.code.empty() ? status.code : problem.code);
+        writeMember(json, "code", codeOf(problem));
         writeAny(json, "parameter", problem.parameter);
         if (problem.position) {
             writeKey(json, "position");

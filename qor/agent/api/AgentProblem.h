@@ -50,6 +50,9 @@ AgentProblem problemOf(const QORException& exception);
 /// What failed within: 503 when the database is away or busy for now, else 500. Of the request that the thread serves.
 AgentProblem failureProblem(std::string detail);
 
+/// Its code; of one that has none that of its status.
+std::string_view codeOf(const AgentProblem& problem) noexcept;
+
 /// The document with its status; 503 and 429 say when to come again.
 HttpReply problemReply(const AgentProblem& problem);
 

@@ -18,6 +18,7 @@ struct AgentTrace final : HttpTrace {
     std::string who{};         ///< the identity's name; empty: none
     std::string as{};          ///< the identity that was asked as
     QORRequestNotes notes{};
+    std::string_view problem{};  ///< the code of what its handling ended with, of static storage; empty: nothing
 };
 
 /// A method that the agent knows, else "other".
