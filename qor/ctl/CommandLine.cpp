@@ -278,16 +278,29 @@ private:
             ->type_name("[-]FIELD");
     }
 
-    CLI::Option* addWatch(CLI::App& app) {
+    /// \throws CLI::ValidationError for what is no duration of whole seconds, or longer than the most
+    static std::int64_t durationOf(const char* option, const std::string& text, std::int64_t most) {
+        const auto seconds = parseDuration(text);
+        if (!seconds || *seconds < 1 || *seconds > most)
+            throw CLI::ValidationError(std::string(option) + " takes a duration such as 2s or 5m, not " +
+                                       quoteText(text));
+        return *seconds;
+    }
+
+    static CLI::Option* addTimeoutOption(CLI::App& app, std::optional<std::int64_t>& timeout) {
         return app
             .add_option_function<std::string>(
-                "--watch",
-                [this](const std::string& text) {
-                    const auto seconds = parseDuration(text);
-                    if (!seconds || *seconds < 1)
-                        throw CLI::ValidationError("--watch takes a duration such as 2s or 5m, not " + quoteText(text));
-                    m_watch.seconds = seconds;
-                },
+                "--timeout",
+                [&timeout](const std::string& text) { timeout = durationOf("--timeout", text, mostTimeout); },
+                "give up when no answer has come within this time (default: as long as the agent takes)")
+            ->type_name("DURATION");
+    }
+
+    CLI::Option* addWatch(CLI::App& app) {
+        constexpr std::int64_t longest = 366 * 86400;
+        return app
+            .add_option_function<std::string>(
+                "--watch", [this](const std::string& text) { m_watch.seconds = durationOf("--watch", text, longest); },
                 "ask again after each pause, until Ctrl-C")
             ->type_name("PAUSE");
     }
@@ -315,7 +328,8 @@ private:
                               "what comes from now on, or since the time of --since; also after "
                               "the agent was away");
             follow->excludes(client, addWatch(*app), app->get_option("--limit"), app->get_option("--offset"),
-                             app->get_option("--sort"), app->get_option("--count"), app->get_option("--until"));
+                             app->get_option("--sort"), app->get_option("--count"), app->get_option("--until"),
+                             addTimeoutOption(*app, m_short.timeout));
             addPrinting(*app, m_shortPrint);
             addConnection(*app, false);
             app->footer("It is qorctl select " + std::string(each.view) + ", which can do more.\n" + exitNote);
@@ -394,6 +408,7 @@ private:
         addPage(*app, m_select.limit, m_select.offset);
         app->add_flag("--count", m_select.count, "also how many rows there are in the page and in all");
         app->add_flag("--distinct", m_select.distinct, "each row once");
+        addTimeoutOption(*app, m_select.timeout);
         addWatch(*app);
         app->add_option("--client", m_select.client,
                         "ask as a client without full access that stands for this environment (the first is its own "
@@ -426,6 +441,7 @@ private:
             ->type_name("[-]FIELD");
         addPage(*app, m_rows.limit, m_rows.offset);
         app->add_flag("--count", m_rows.count, "also how many rows there are in the page and in all");
+        addTimeoutOption(*app, m_rows.timeout);
         app->add_flag("--narrow", m_rows.narrow, "only what the source finds rows by, see below, and its own order");
         app->add_option("--client", m_rows.client, "ask as a client without full access, as for select")
             ->type_name("EID");

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORMessage/QORNotation.h"
+#include "ctl/CtlProcess.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/AgentProcess.h"
 #include "support/DirectDatabase.h"
@@ -77,6 +78,14 @@ TEST_F(EndlessViews, ARequestEndsAtTheDeadlineThatItNames) {
         EXPECT_EQ(error.message, "the request's deadline of 200 ms has passed");
         EXPECT_EQ(client.message(select("small")), small);
     }
+}
+
+TEST_F(EndlessViews, PeopleSayHowLongTheyWait) {
+    const AgentProcess agent(settings(database));
+    const test::CtlResult result =
+        test::runCtl({"select", "vain", "-f", "i", "--timeout", "1s", "--socket", agent.socketPath()});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("the request's deadline of 1 s has passed"));
 }
 
 TEST_F(EndlessViews, ADeadlineThatIsKeptChangesNothing) {

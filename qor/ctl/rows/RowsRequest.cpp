@@ -37,6 +37,7 @@ QORRequestEnvelope makeRowsRequest(const RowsOptions& options) {
     for (const std::string& sort : options.sort)
         addSort(at, sort);
     addPage(at, options.limit, options.offset);
+    addTimeout(at, options.timeout);
     if (options.count) requireRoom(at.putInt(1, tag::statistics));
     if (!options.narrow) {
         requireRoom(at.addChild(tag::exact));

@@ -21,6 +21,7 @@ struct RowsOptions {
     std::vector<std::string> sort;  ///< a field, behind '-' for descending order
     std::int64_t limit = 0;         ///< rows of the page, 0 for all
     std::int64_t offset = 0;        ///< rows before the page
+    std::optional<std::int64_t> timeout{};  ///< seconds within which the answer must come
     bool count = false;
     bool narrow = false;              ///< rows are those that the source finds, not those for which the filter holds
     std::vector<std::string> client;  ///< as SelectOptions::client

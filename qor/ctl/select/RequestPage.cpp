@@ -44,4 +44,8 @@ void addPage(QORBinaryIterator& at, std::int64_t limit, std::int64_t offset) {
     requireRoom(at.seekUp());
 }
 
+void addTimeout(QORBinaryIterator& at, std::optional<std::int64_t> seconds) {
+    if (seconds) requireRoom(at.putInt(static_cast<std::int32_t>(*seconds * 1000), tag::deadline));
+}
+
 }  // namespace QOR

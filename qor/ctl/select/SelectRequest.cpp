@@ -39,6 +39,7 @@ public:
         for (const std::string& sort : m_options.sort)
             addSort(sort);
         addPage(m_at, m_options.limit, m_options.offset);
+        addTimeout(m_at, m_options.timeout);
         if (m_options.count) addFlag(tag::statistics);
         addClient();
         for (QORQueryField& field : m_fields) {

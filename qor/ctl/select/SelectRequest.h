@@ -22,6 +22,7 @@ struct SelectOptions {
     std::vector<std::string> sort;  ///< a field, behind '-' for descending order
     std::int64_t limit = 0;         ///< rows of the page, 0 for all
     std::int64_t offset = 0;        ///< rows before the page
+    std::optional<std::int64_t> timeout{};  ///< seconds within which the answer must come
     bool count = false;
     bool distinct = false;
     /// Ask as a client without full access that stands for these environments, the first being its own identity; the

@@ -53,12 +53,13 @@ TEST(SelectRequest, HoldsEveryPart) {
     options.sort = {"op", "-count(eid)"};
     options.limit = 20;
     options.offset = 40;
+    options.timeout = 5;
     options.count = options.distinct = true;
     EXPECT_EQ(
         requestOf(options),
         body(R"~([1741,"op"],[1741,[[2222,[[1026,"count"],[1741,"eid"]]]]],[2401],[2293],)~"
              R"~([1742,[[2226,[[1741,"status"],[1018,"0"]]]]],)~"
-             R"~([1743,[[1741,"op"]]],[1743,[[1741,"count(eid)"],[1378]]],[1377,[[1024,"20"],[1087,"40"]]],[1259])~"));
+             R"~([1743,[[1741,"op"]]],[1743,[[1741,"count(eid)"],[1378]]],[1377,[[1024,"20"],[1087,"40"]]],[2404,"5000"],[1259])~"));
     EXPECT_EQ(namesOf(options), (std::vector<std::string>{"op", "count(eid)"}));
 }
 
