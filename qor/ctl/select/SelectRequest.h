@@ -19,9 +19,9 @@ struct SelectOptions {
     std::string view;
     std::vector<std::string> fields;  ///< `column`, `"any column"` or `function(column)`
     std::optional<std::string> where;
-    std::vector<std::string> sort;  ///< a field, behind '-' for descending order
-    std::int64_t limit = 0;         ///< rows of the page, 0 for all
-    std::int64_t offset = 0;        ///< rows before the page
+    std::vector<std::string> sort;          ///< a field, behind '-' for descending order
+    std::int64_t limit = 0;                 ///< rows of the page, 0 for all
+    std::int64_t offset = 0;                ///< rows before the page
     std::optional<std::int64_t> timeout{};  ///< seconds within which the answer must come
     bool count = false;
     bool distinct = false;
