@@ -1,5 +1,6 @@
 #include "ingest/QORCollectors.h"
 
+#include <gtest/gtest.h>
 #include <sys/utsname.h>
 
 #include <filesystem>
