@@ -96,13 +96,25 @@ std::string_view lastName(std::string_view text) {
     return text.substr(begin);
 }
 
+void endWhenItTakesTooLong() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { ::_exit(0); };
+    ::sigaction(SIGALRM, &action, nullptr);
+    const char* const given = std::getenv("QOR_COMPLETION_WAIT");
+    const std::uint64_t wait = readPlainNumber(given == nullptr ? "" : given, {1, mostPatience}).value_or(patience);
+    const itimerval when{.it_interval = {},
+                         .it_value = {.tv_sec = static_cast<time_t>(wait / 1000),
+                                      .tv_usec = static_cast<suseconds_t>(wait % 1000 * 1000)}};
+    ::setitimer(ITIMER_REAL, &when, nullptr);
+}
+
 /// The words there are for one place, and printing those that go on as it begins.
 class Completion {
 public:
     Completion(CLI::App& app, const std::vector<std::string>& words, std::string kept)
         : m_place(findCompletionPlace(app, words)),
           m_kept(std::move(kept)),
-          m_live(connection()),
+          m_live(connection(), endWhenItTakesTooLong),
           m_out(STDOUT_FILENO) {}
 
     void print() {
@@ -269,23 +281,10 @@ private:
     bool m_isOpen = false;  ///< to be told with the first word
 };
 
-void endWhenItTakesTooLong() {
-    struct sigaction action {};
-    action.sa_handler = [](int) { ::_exit(0); };
-    ::sigaction(SIGALRM, &action, nullptr);
-    const char* const given = std::getenv("QOR_COMPLETION_WAIT");
-    const std::uint64_t wait = readPlainNumber(given == nullptr ? "" : given, {1, mostPatience}).value_or(patience);
-    const itimerval when{.it_interval = {},
-                         .it_value = {.tv_sec = static_cast<time_t>(wait / 1000),
-                                      .tv_usec = static_cast<suseconds_t>(wait % 1000 * 1000)}};
-    ::setitimer(ITIMER_REAL, &when, nullptr);
-}
-
 }  // namespace
 
 void completeCommandLine(CLI::App& app, const std::vector<std::string>& asked) {
     if (asked.size() < 2) return;
-    endWhenItTakesTooLong();
     try {
         if (asked.front() != "bash") {
             Completion(app, {asked.begin() + 1, asked.end()}, "").print();

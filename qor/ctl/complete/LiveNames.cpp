@@ -12,7 +12,9 @@
 namespace QOR {
 
 Backend& LiveNames::backend() {
-    if (!m_backend) m_backend = makeBackend(chosenConnection(m_connection), BackendUse::Inspect);
+    if (m_backend) return *m_backend;
+    m_beforeAsking();
+    m_backend = makeBackend(chosenConnection(m_connection), BackendUse::Inspect);
     return *m_backend;
 }
 

@@ -2,8 +2,10 @@
 /// Names that only who is asked knows: of views and their columns, of fields, of identities.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "backend/Backend.h"
@@ -19,7 +21,9 @@ struct NamedThing {
 /// Asks when it is asked the first time. \throws CtlError, QORException as the backends do
 class LiveNames {
 public:
-    explicit LiveNames(ConnectionOptions connection) : m_connection(std::move(connection)) {}
+    /// \param beforeAsking called once, before anybody is asked
+    LiveNames(ConnectionOptions connection, std::function<void()> beforeAsking)
+        : m_connection(std::move(connection)), m_beforeAsking(std::move(beforeAsking)) {}
 
     std::vector<NamedThing> views();
     /// None for a view that there is not.
@@ -33,6 +37,7 @@ private:
     Backend& backend();
 
     ConnectionOptions m_connection;
+    std::function<void()> m_beforeAsking;
     std::unique_ptr<Backend> m_backend;
 };
 

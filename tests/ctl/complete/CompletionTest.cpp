@@ -184,16 +184,17 @@ TEST(Completion, FishCompletesItsWords) {
 }
 
 TEST(Completion, ZshCompletesItsWords) {
-    CtlProcess shell(
-        {"zsh", "-f", "-c",
-         "zmodload zsh/zpty\n"
-         "zpty z 'PATH=" +
-             programs() +
-             ":$PATH zsh -f -i'\n"
-             "zpty -w z 'autoload -Uz compinit; compinit -u -D; source <(qorctl completion zsh); echo RE''ADY'\n"
-             "zpty -r -m z out '*READY*'\n"
-             "zpty -w -n z $'qorctl log -o nd\\t'\n"
-             "zpty -r -m z out '*ndjson*' && echo completed"});
+    // The inner shell says that it is ready when its editor takes keys.
+    CtlProcess shell({"env", "QOR_COMPLETION_WAIT=120000", "zsh", "-f", "-c",
+                      "zmodload zsh/zpty\n"
+                      "zpty z 'PATH=" +
+                          programs() +
+                          ":$PATH zsh -f -i'\n"
+                          "zpty -w z 'autoload -Uz compinit; compinit -u -D; source <(qorctl completion zsh); "
+                          "zle-line-init() { echo RE''ADY; }; zle -N zle-line-init'\n"
+                          "zpty -r -m z out '*READY*'\n"
+                          "zpty -w -n z $'qorctl log -o nd\\t'\n"
+                          "zpty -r -m z out '*ndjson*' && echo completed"});
     EXPECT_EQ(shell.finish().out, "completed\n");
 }
 
