@@ -55,15 +55,15 @@ protected:
         return HttpClient(agent->socketPath()).get("/v1/views/vOpLog/rows?" + query);
     }
     /// Of an identity with full access, which is made for it.
-    static std::string tokenFor(const test::AgentProcess& agent) {
-        HttpClient root(agent.socketPath());
+    static std::string tokenFor(const test::AgentProcess& process) {
+        HttpClient root(process.socketPath());
         EXPECT_EQ(root.post("/v1/identities/add", R"({"name":"reader","kind":"token","access":"full"})").status, 200);
         return plain(jsonAt(root.post("/v1/tokens/create", R"({"name":"reader"})").body, "token"));
     }
     /// Where it says that it listens.
-    static std::string portOf(const test::AgentProcess& agent) {
+    static std::string portOf(const test::AgentProcess& process) {
         const std::string said = "listening on http://127.0.0.1:";
-        const std::string output = agent.output();
+        const std::string output = process.output();
         return std::to_string(std::stoi(output.substr(output.find(said) + said.size())));
     }
     static std::string tokenOf(const HttpAnswer& answer) { return plain(jsonAt(answer.body, "page/next")); }

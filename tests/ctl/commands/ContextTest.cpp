@@ -1,4 +1,6 @@
 // How qorctl finds whom to ask: options, environment, contexts.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <filesystem>
