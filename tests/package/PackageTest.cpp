@@ -110,14 +110,24 @@ TEST_F(Package, KeepsNoPathOfTheBuild) {
 TEST_F(Package, ServiceStartsTheInstalledAgent) {
     EXPECT_THAT(
         contentsOf(installed("qor-agent.service")),
-        AllOf(HasSubstr("ExecStart=\"" + (prefix() / "bin" / "qor-agent").string() + "\" "), Not(HasSubstr("@"))));
+        AllOf(HasSubstr("ExecStart=\"" + (prefix() / "bin" / "qor-agent").string() + "\" "), Not(HasSubstr("@QOR"))));
 }
 
 TEST_F(Package, ServiceKeepsItsStateToItselfAndItsSocketForItsGroup) {
     const std::string unit = contentsOf(installed("qor-agent.service"));
     EXPECT_THAT(unit, AllOf(HasSubstr("\nUMask=0077\n"), HasSubstr("\nStateDirectoryMode=0700\n"),
-                            HasSubstr(" --socket-group qor "), HasSubstr("\nExecReload=/bin/kill -HUP $MAINPID\n")));
+                            HasSubstr(" --socket-group qor\n"), HasSubstr("\nExecReload=/bin/kill -HUP $MAINPID\n")));
     EXPECT_THAT(contentsOf(prefix() / "lib/sysusers.d/qor.conf"), HasSubstr("\ng qor - -\n"));
+}
+
+TEST_F(Package, ServiceIsLeftNothingThatItDoesNotNeed) {
+    if (test::runProgram({"sh", "-c", "command -v systemd-analyze"}).first != 0)
+        GTEST_SKIP() << "systemd-analyze is not installed";
+    const std::string unit = installed("qor-agent.service").string();
+    // In tenths: below 2.0.
+    const auto [exposed, points] =
+        test::runProgram({"systemd-analyze", "security", "--offline=true", "--threshold=19", "--no-pager", unit});
+    EXPECT_EQ(exposed, 0) << points;
 }
 
 TEST_F(Package, ServiceWaitsForADatabaseThatComesLaterThanTheAgent) {

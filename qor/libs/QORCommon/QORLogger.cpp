@@ -9,10 +9,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -67,19 +70,46 @@ spdlog::level::level_enum backendLevel(int level) {
     }
 }
 
-std::shared_ptr<spdlog::logger> makeBackend(spdlog::sink_ptr sink) {
+/// Whether standard error is the journal of the system: it says so by naming the stream's file.
+bool isJournal(int descriptor) noexcept {
+    const char* const named = std::getenv("JOURNAL_STREAM");
+    struct stat file {};
+    if (named == nullptr || ::fstat(descriptor, &file) != 0) return false;
+    char here[48];
+    std::snprintf(here, sizeof here, "%llu:%llu", static_cast<unsigned long long>(file.st_dev),
+                  static_cast<unsigned long long>(file.st_ino));
+    return std::strcmp(named, here) == 0;
+}
+
+/// The journal's priority: 3 errors, 4 warnings, 5 notices, 6 information, 7 details.
+int priorityOf(int level) noexcept {
+    return std::clamp(level, 0, 4) + 3;
+}
+
+/// Where lines go.
+struct Backend {
+    std::shared_ptr<spdlog::logger> logger;
+    bool isJournal = false;  ///< which knows the time, and is told the priority
+};
+
+std::shared_ptr<spdlog::logger> makeLogger(spdlog::sink_ptr sink, bool withTime) {
     auto logger = std::make_shared<spdlog::logger>("qor", std::move(sink));
     logger->set_level(spdlog::level::trace);  // what is dropped is decided here, by the numeric levels
-    logger->set_pattern("%Y-%m-%dT%H:%M:%S.%e+0000 %v", spdlog::pattern_time_type::utc);
+    logger->set_pattern(withTime ? "%Y-%m-%dT%H:%M:%S.%e+0000 %v" : "%v", spdlog::pattern_time_type::utc);
     logger->flush_on(spdlog::level::trace);
     return logger;
+}
+
+Backend standardError() {
+    const bool journal = isJournal(STDERR_FILENO);
+    return {makeLogger(std::make_shared<spdlog::sinks::stderr_sink_mt>(), !journal), journal};
 }
 
 /// The logger's state. Never destroyed, because plug-ins may log while the process ends.
 struct Logger {
     std::atomic<int> level{defaultLevel};
     std::mutex mutex;  ///< guards the members below and is held while a line is written
-    std::shared_ptr<spdlog::logger> backend = makeBackend(std::make_shared<spdlog::sinks::stderr_sink_mt>());
+    Backend backend = standardError();
     QORLogSink sink;
 };
 
@@ -95,9 +125,10 @@ std::string_view viewOf(const char* text) {
     return text == nullptr ? std::string_view() : std::string_view(text);
 }
 
-void writeToBackend(spdlog::logger& backend, const QORLogRecord& record) {
-    backend.log(backendLevel(record.level), "{} {} {} {}: {}", record.level, record.module, record.sourcePath,
-                record.function, record.text);
+void writeToBackend(const Backend& backend, const QORLogRecord& record) {
+    const std::string priority = backend.isJournal ? "<" + std::to_string(priorityOf(record.level)) + ">" : "";
+    backend.logger->log(backendLevel(record.level), "{}{} {} {} {}: {}", priority, record.level, record.module,
+                        record.sourcePath, record.function, record.text);
 }
 
 void dispatch(const QORLogRecord& record) {
@@ -109,7 +140,7 @@ void dispatch(const QORLogRecord& record) {
         if (logger.sink) {
             logger.sink(record);
         } else {
-            writeToBackend(*logger.backend, record);
+            writeToBackend(logger.backend, record);
         }
     } catch (...) {
         // A line that cannot be written must not fail the request that it speaks of.
@@ -176,19 +207,19 @@ int logLevel() noexcept {
 }
 
 void setLogFile(const std::string& path) {
-    spdlog::sink_ptr sink;
+    Backend backend;
     if (path.empty()) {
-        sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+        backend = standardError();
     } else {
         try {
-            sink = std::make_shared<FileSink>(path);
+            backend = {makeLogger(std::make_shared<FileSink>(path), true)};
         } catch (const QORException& error) {
             throw QORException(errFailure, "the log file: " + error.message());
         }
     }
     Logger& logger = theLogger();
     const std::lock_guard lock(logger.mutex);
-    logger.backend = makeBackend(std::move(sink));
+    std::swap(logger.backend, backend);
 }
 
 void setLogSink(QORLogSink sink) {
