@@ -62,7 +62,8 @@ public:
         return value;
     }
     std::string text() {
-        const std::size_t length = std::min<std::size_t>(byte(), m_left.size());
+        const std::size_t asked = byte();
+        const std::size_t length = std::min(asked, m_left.size());
         std::string value(m_left.substr(0, length));
         m_left.remove_prefix(length);
         return value;
