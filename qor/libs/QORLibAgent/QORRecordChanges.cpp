@@ -276,7 +276,7 @@ bool keepsRecordChanges(ASSession& session) {
 }
 
 std::int64_t lastRecordChange(ASSession& session) {
-    ASStatement& select = session.prepare("SELECT n FROM qor_record_number");
+    ASStatement& select = session.prepare(lastRecordChangeSql);
     select.execute();
     const std::int64_t last = select.fetch() ? select.integer(1) : 0;
     select.close();

@@ -97,6 +97,8 @@ QOR_API void trimRecordChanges(ASSession& session);
 /// \throws AException
 QOR_API bool keepsRecordChanges(ASSession& session);
 
+/// Selects the number of the last change; no row before the first.
+inline constexpr const char* lastRecordChangeSql = "SELECT n FROM qor_record_number";
 /// The number of the last change, 0 before the first. \throws AException
 QOR_API std::int64_t lastRecordChange(ASSession& session);
 
