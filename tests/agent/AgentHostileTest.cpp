@@ -1,7 +1,10 @@
 // Clients that mean harm, over a unix socket and over TLS: whatever they do, an honest client is answered meanwhile.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <memory>
@@ -80,6 +83,9 @@ protected:
         const std::string text = "listening on https://127.0.0.1:";
         const std::string output = agent.output();
         const int socket = connectTcp("127.0.0.1", std::stoi(output.substr(output.find(text) + text.size())));
+        // Else the system keeps back what is sent behind the handshake until the agent's system has acknowledged that.
+        const int now = 1;
+        EXPECT_EQ(::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &now, sizeof now), 0);
         return HttpClient(socket, std::make_unique<TlsWire>(socket, files));
     }
 
