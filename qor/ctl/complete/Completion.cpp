@@ -66,6 +66,8 @@ constexpr OptionValues optionValues[] = {
     {"sample", "--output", Values::Files},
     {"", "--token-file", Values::Files},
     {"", "--ca", Values::Files},
+    {"", "--certificate", Values::Files},
+    {"", "--key", Values::Files},
     {"", "--config", Values::Files},
     {"", "--plugins", Values::Files},
     {"", "--socket", Values::Files},
@@ -136,6 +138,9 @@ private:
         options.agent = m_place.valueOf("--agent");
         options.tokenFile = m_place.valueOf("--token-file");
         options.ca = m_place.valueOf("--ca");
+        options.certificate = m_place.valueOf("--certificate");
+        options.key = m_place.valueOf("--key");
+        options.config = m_place.valueOf("--config");
         options.context = m_place.valueOf("--context");
         options.standalone = m_place.given.count("--standalone") > 0;
         options.readOnly = options.standalone;

@@ -76,6 +76,8 @@ TEST(Completion, OptionsThatTakeOneOfSomeWordsHaveThem) {
 TEST(Completion, FilesAreTheShellsWork) {
     EXPECT_THAT(after({"import", "x"}), ElementsAre(":files"));
     EXPECT_THAT(after({"--token-file", ""}), ElementsAre(":files"));
+    EXPECT_THAT(after({"--certificate", ""}), ElementsAre(":files"));
+    EXPECT_THAT(after({"log", "--key", ""}), ElementsAre(":files"));
     EXPECT_THAT(after({"sample", "--output", ""}), ElementsAre(":files"));
 }
 
