@@ -20,11 +20,11 @@
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORChangeWatch.h"
 #include "QORLibAgent/QORSecurity.h"
-#include "agent/http/HttpGzip.h"
 #include "forward/ForwardLines.h"
 #include "forward/ForwardPause.h"
 #include "forward/ForwardPosition.h"
 #include "forward/ForwardReply.h"
+#include "gzip/HttpGzip.h"
 
 namespace QOR {
 namespace {

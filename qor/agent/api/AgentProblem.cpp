@@ -7,7 +7,7 @@
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
 #include "agent/api/AgentJson.h"
-#include "agent/http/HttpGunzip.h"
+#include "gzip/HttpGunzip.h"
 #include "ingest/QORIngest.h"
 
 namespace QOR {

@@ -8,7 +8,7 @@
 #include "agent/api/AgentAccess.h"
 #include "agent/api/AgentApplication.h"
 #include "agent/api/AgentJson.h"
-#include "agent/http/HttpGunzip.h"
+#include "gzip/HttpGunzip.h"
 #include "host/QORRequestNotes.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORIngest.h"

@@ -30,7 +30,6 @@
 
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
-#include "agent/http/HttpGzip.h"
 #include "agent/http/HttpHead.h"
 #include "agent/http/HttpLimits.h"
 #include "agent/http/HttpNegotiation.h"
@@ -39,6 +38,7 @@
 #include "agent/http/HttpServer.h"
 #include "agent/http/HttpTransport.h"
 #include "agent/http/WorkerPool.h"
+#include "gzip/HttpGzip.h"
 
 namespace QOR {
 

@@ -6,7 +6,7 @@
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORDigest.h"
-#include "agent/http/HttpGzip.h"
+#include "gzip/HttpGzip.h"
 
 namespace QOR {
 namespace {

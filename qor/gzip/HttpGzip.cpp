@@ -1,4 +1,4 @@
-#include "agent/http/HttpGzip.h"
+#include "gzip/HttpGzip.h"
 
 #include <zlib.h>
 
@@ -11,7 +11,7 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/agent/http/HttpGzip";
+constexpr const char* sourcePath = "qor/gzip/HttpGzip";
 constexpr int window = 15;
 constexpr int gzipForm = 16;
 constexpr int memory = 8;

@@ -1,4 +1,4 @@
-#include "agent/http/HttpGunzip.h"
+#include "gzip/HttpGunzip.h"
 
 #include <zlib.h>
 
@@ -11,7 +11,7 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/agent/http/HttpGunzip";
+constexpr const char* sourcePath = "qor/gzip/HttpGunzip";
 constexpr int window = 15;
 constexpr int gzipForm = 16;
 
