@@ -173,7 +173,9 @@ private:
             const std::size_t end = std::min(taken + recordsAtOnce, records.size());
             const std::vector<QORRecordChange> some(records.begin() + static_cast<std::ptrdiff_t>(taken),
                                                     records.begin() + static_cast<std::ptrdiff_t>(end));
-            for (ForwardLine& line : readForwardLines(some, m_stream)) {
+            std::vector<ForwardLine> lines = readForwardLines(some, m_stream);
+            batch.missing += some.size() - lines.size();  // removed since they were told of
+            for (ForwardLine& line : lines) {
                 bytes += line.text.size();
                 batch.lines.push_back(std::move(line));
             }

@@ -197,6 +197,8 @@ TEST_F(ForwardTest, WhatWasNotSentIsNotPrunedUntilTheDatabaseIsTooLarge) {
     store(full, event("lost"));
     EXPECT_EQ(jsonAt(HttpClient(full.socketPath()).post("/v1/prune?what=events&before=5000000", "").body, "done"), "1");
     EXPECT_THAT(full.log(), HasSubstr("1 records of qor_event are removed that were not sent on"));
+    // Told while the other agent is away: a line that was read before the record went cannot reach it any more.
+    awaitThat([&] { return forwarding(full, "missing") == "1"; });
     central.start();
     way.setPort(0, portOf(central));
     awaitSent(full);
