@@ -99,6 +99,7 @@ public:
         addCheck();
         addPrune();
         addImport();
+        addExport();
         addSample();
         addCollect();
         addCopy();
@@ -640,6 +641,27 @@ private:
         addConnection(*app, true);
     }
 
+    void addExport() {
+        CLI::App* const app = command("export", "Write what is stored as records, one JSON object a line, for import",
+                                      [this] { runExport(m_connection, m_export); });
+        app->add_option("--kinds", m_export.kinds, "only these, with commas between them (default: all)")
+            ->delimiter(',')
+            ->check(oneOfWords({"environments", "operations", "events", "backups"}))
+            ->type_name("KINDS");
+        addBounds(*app, m_export.bounds);
+        app->add_option("-e,--environment", m_export.environment, "only this one, and records that belong to it")
+            ->type_name("EID");
+        app->add_option("-o,--output", m_export.file, "the file to write (default: standard output)")
+            ->type_name("FILE");
+        app->add_flag("--resume", m_export.resumes, "go on where the file ends");
+        app->add_flag("--progress", m_export.progress, "show progress even where standard error is no terminal");
+        addConnection(*app, false);
+        app->footer(
+            std::string("Environments have no time: --since and --until leave them all in.\nA file that was not "
+                        "written to its end is gone on with by the same command and --resume.\n") +
+            exitNote);
+    }
+
     void addSample() {
         CLI::App* const app = command("sample", "Store made-up records", [this] { runSample(m_connection, m_sample); });
         const auto amount = [app](const char* name, std::uint64_t& value, const char* description) {
@@ -767,6 +789,7 @@ private:
     CheckOptions m_check;
     PruneOptions m_prune;
     ImportOptions m_import;
+    ExportOptions m_export;
     SampleCommandOptions m_sample;
     CopyCommandOptions m_copy;
     ShardCommandOptions m_shard;

@@ -152,7 +152,7 @@ public:
         std::vector<std::uint64_t> numbers;
         for (bool more = true; more;) {
             more = lines.next();
-            if (more && !lines.tooLong() && !isBlank(lines.line())) {
+            if (more && !lines.tooLong() && !isPassedOver(lines.line())) {
                 try {
                     records.push_back(m_parser.parse(lines.line()));
                     numbers.push_back(lines.number());
@@ -212,6 +212,8 @@ private:
         rights.check(*home, records, numbers, owners);
     }
 
+    bool isPassedOver(std::string_view line) { return isBlank(line) || m_parser.isAside(line); }
+
     /// Once more, where nothing changes until they are stored. \param owners what other servers tell, and then home too
     void judgeAgain(ASSession& home, std::span<const QORRecord> batch, StoredOwners& owners) const {
         owners.read(home, batch, true);
@@ -244,7 +246,7 @@ private:
         if (lines.tooLong()) {
             return refuse("longer than " + std::to_string(m_options.maxLineBytes) + " bytes");
         }
-        if (isBlank(lines.line())) return;
+        if (isPassedOver(lines.line())) return;
         try {
             m_batch.push_back(m_parser.parse(lines.line()));
             stamp(m_batch.back());

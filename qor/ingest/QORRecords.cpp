@@ -417,6 +417,21 @@ QORRecordParser::QORRecordParser(const QORRecordBounds& bounds)
     : m_impl(std::make_unique<Impl>(Impl{JsonTree(), bounds})) {}
 QORRecordParser::~QORRecordParser() = default;
 
+bool QORRecordParser::isAside(std::string_view line) {
+    const auto isName = [](std::string_view name) { return name == "position" || name == "end"; };
+    const std::size_t begin = line.find('"') + 1;
+    // Records begin otherwise, and are read once.
+    if (!isName(line.substr(begin, std::min(line.find('"', begin), line.size()) - begin))) return false;
+    try {
+        const JsonValue& root = m_impl->tree.parse(line);
+        const JsonValue* const member = root.type == JsonType::Object ? m_impl->tree.firstChild(root) : nullptr;
+        return member != nullptr && isName(member->name) && member->type == JsonType::Object &&
+               m_impl->tree.nextSibling(*member) == nullptr;
+    } catch (const QORException&) {  // whoever parses it as a record says what is wrong with it
+        return false;
+    }
+}
+
 QORRecord QORRecordParser::parse(std::string_view line) {
     const JsonValue& root = m_impl->tree.parse(line);
     if (root.type != JsonType::Object) refuse("a record is a JSON object, not " + describe(root));

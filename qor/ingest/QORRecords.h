@@ -139,6 +139,10 @@ public:
     /// \throws QORException 400; the text names the member and the value that are wrong
     QORRecord parse(std::string_view line);
 
+    /// Whether the line is one that an export has beside its records: an object whose only member is an object
+    /// "position" or "end". It is no record and no mistake.
+    bool isAside(std::string_view line);
+
 private:
     struct Impl;
     std::unique_ptr<Impl> m_impl;

@@ -63,12 +63,16 @@ std::optional<QORInfo> infoOf(std::string_view text) {
     return info;
 }
 
-void putDocument(Json& json, std::string_view name, const ASStatement& row, unsigned column) {
-    if (row.isNull(column)) return;
-    const auto info = infoOf(row.text(column));
-    if (!info) return;
+/// \returns false for one that cannot be read, which is left out
+bool putDocument(Json& json, std::string_view name, std::string_view document) {
+    const auto info = infoOf(document);
+    if (!info) return false;
     key(json, name);
     putInfo(json, *info);
+    return true;
+}
+bool putDocument(Json& json, std::string_view name, const ASStatement& row, unsigned column) {
+    return row.isNull(column) || putDocument(json, name, row.text(column));
 }
 
 /// What the columns of an environment say of its configuration that the document does not: whether a text was missing
@@ -146,13 +150,15 @@ private:
     const ConfigColumns& m_columns;
 };
 
-void putConfig(Json& json, std::string_view name, const ASStatement& row, unsigned column,
+/// \returns as putDocument()
+bool putConfig(Json& json, std::string_view name, const ASStatement& row, unsigned column,
                const ConfigColumns& columns) {
-    if (row.isNull(column)) return;
+    if (row.isNull(column)) return true;
     const auto config = infoOf(row.text(column));
-    if (!config) return;
+    if (!config) return false;
     key(json, name);
     ConfigWriter(json, columns).write(*config);
+    return true;
 }
 
 /// One object in a line.
@@ -204,8 +210,9 @@ RecordLines readEnvironments(ASSession& session, const std::string& ids) {
             putColumn(json, "title", row, 3);
             putNumber(json, "state", row, 4);
             putNumber(json, "transition", row, 5);
-            putConfig(json, "config", row, 9, columns);
-            putConfig(json, "virtual_config", row, 10, {});
+            const bool hasConfig = putConfig(json, "config", row, 9, columns);
+            const bool hasVirtual = putConfig(json, "virtual_config", row, 10, {});
+            made.lacksDocument = !hasConfig || !hasVirtual;
         });
     });
     return lines;
@@ -237,7 +244,7 @@ RecordLines readOperations(ASSession& session, const std::string& ids) {
                     for (const std::string& eid : touched[row.integer(1)])
                         put(json, eid);
                     json.EndArray();
-                    putDocument(json, "message", row, 8);
+                    made.lacksDocument = !putDocument(json, "message", row, 8);
                 });
             });
     return lines;
@@ -269,7 +276,7 @@ RecordLines readEvents(ASSession& session, const std::string& ids, const QORGUID
                     putColumn(json, "eid", row, 3);
                     putColumn(json, "source", row, 4);
                     putColumn(json, "category", row, 5);
-                    putDocument(json, "info", row, 6);
+                    made.lacksDocument = !putDocument(json, "info", row, 6);
                 });
             });
     return lines;
@@ -294,11 +301,7 @@ RecordLines readBackups(ASSession& session, const std::string& ids) {
                     putColumn(json, "description", row, 7);
                     putColumn(json, "name", row, 8);
                     putColumn(json, "hostname", row, 9);
-                    if (row.isNull(10)) return;
-                    const auto info = infoOf(row.bytes(10));
-                    if (!info) return;
-                    key(json, "info");
-                    putInfo(json, *info);
+                    made.lacksDocument = !row.isNull(10) && !putDocument(json, "info", row.bytes(10));
                 });
             });
     return lines;

@@ -2,7 +2,6 @@
 /// Stored records as lines of NDJSON again, from which an equal record is made.
 #pragma once
 
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -17,6 +16,7 @@ struct RecordLine {
     std::string text{};  ///< with its line's end
     /// Environments that it is about, touches or is below: who may write about them is told by where these are.
     std::vector<std::string> needs{};
+    bool lacksDocument = false;  ///< one that cannot be read
 };
 /// By what tells a record from others of its kind: the environment's identifier, the event's number, else the record's
 /// own identifier.

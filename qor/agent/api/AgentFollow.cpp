@@ -84,22 +84,9 @@ Place beginOf(const AgentCall& call) {
 }
 
 std::vector<const AgentSource*> sourcesOf(const AgentParameters& parameters) {
-    std::vector<const AgentSource*> sources;
-    if (!parameters.has("source"))
-        return {&agentSources[static_cast<std::size_t>(QORChangeKind::Operation)],
-                &agentSources[static_cast<std::size_t>(QORChangeKind::Event)]};
-    for (const AgentListItem& item : splitList(parameters, "source")) {
-        const auto* const source = std::find_if(agentSources.begin(), agentSources.end(),
-                                                [&](const AgentSource& one) { return one.name == item.text; });
-        if (source == agentSources.end())
-            throwProblem({.detail = "source: there is no source " + quoteText(item.text),
-                          .code = "bad_parameter",
-                          .parameter = "source",
-                          .found = std::string(item.text),
-                          .expected = "operations, events, backups or environments"});
-        if (std::find(sources.begin(), sources.end(), source) == sources.end()) sources.push_back(source);
-    }
-    return sources;
+    if (parameters.has("source")) return sourcesNamed(parameters);
+    return {&agentSources[static_cast<std::size_t>(QORChangeKind::Operation)],
+            &agentSources[static_cast<std::size_t>(QORChangeKind::Event)]};
 }
 
 /// Rows as objects in one line each, by what is in the last column, which is not part of them.
@@ -371,6 +358,22 @@ void requireSequence() {
 }
 
 }  // namespace
+
+std::vector<const AgentSource*> sourcesNamed(const AgentParameters& parameters) {
+    std::vector<const AgentSource*> sources;
+    for (const AgentListItem& item : splitList(parameters, "source")) {
+        const auto* const source = std::find_if(agentSources.begin(), agentSources.end(),
+                                                [&](const AgentSource& one) { return one.name == item.text; });
+        if (source == agentSources.end())
+            throwProblem({.detail = "source: there is no source " + quoteText(item.text),
+                          .code = "bad_parameter",
+                          .parameter = "source",
+                          .found = std::string(item.text),
+                          .expected = "operations, events, backups or environments"});
+        if (std::find(sources.begin(), sources.end(), source) == sources.end()) sources.push_back(source);
+    }
+    return sources;
+}
 
 std::string literalOf(std::string_view text) {
     std::string literal = "'";

@@ -8,6 +8,7 @@
 #include "agent/api/AgentAccept.h"
 #include "agent/api/AgentDescriptions.h"
 #include "agent/api/AgentExplain.h"
+#include "agent/api/AgentExport.h"
 #include "agent/api/AgentFields.h"
 #include "agent/api/AgentFollow.h"
 #include "agent/api/AgentHealth.h"
@@ -59,6 +60,13 @@ constexpr std::array routes{
                .types = json,
                .body = recordsBody,
                .unpacks = true},
+    AgentRoute{.path = "/v1/records",
+               .method = "GET",
+               .summary = "Records out, a line each, as POST takes them",
+               .answer = answerExport,
+               .parameters = exportParameters,
+               .types = exportTypes,
+               .streams = streamsExport},
     AgentRoute{.path = "/v1/collect",
                .method = "POST",
                .reach = AgentReach::Writers,

@@ -5,8 +5,10 @@
 #include <array>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "QORLibAgent/QORRecordChanges.h"
+#include "agent/api/AgentParameters.h"
 
 namespace QOR {
 
@@ -25,6 +27,9 @@ inline constexpr std::array<AgentSource, changeKindCount> agentSources{
      {"operations", QORChangeKind::Operation, "vOpLog", "id", false},
      {"events", QORChangeKind::Event, "vEventLog", "id", true},
      {"backups", QORChangeKind::Backup, "vBackupInfo", "id", false}}};
+
+/// Those that the list `source` names, each once. \throws AgentProblemException for a name that is none
+std::vector<const AgentSource*> sourcesNamed(const AgentParameters& parameters);
 
 /// A value as a condition's text spells it.
 std::string literalOf(std::string_view text);

@@ -9,12 +9,12 @@
 #include "QORCommon/QORDigest.h"
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORGuid.h"
-#include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QOREnvCache.h"
 #include "QORLibAgent/QORPageToken.h"
 #include "agent/api/AgentApplication.h"
+#include "agent/api/AgentBounds.h"
 #include "agent/api/AgentJson.h"
 #include "agent/api/AgentProblem.h"
 #include "agent/api/AgentRows.h"
@@ -166,28 +166,13 @@ private:
     void readBounds() {
         addTime("from", ">=");
         addTime("to", "<=");
-        const std::string_view text = m_call.parameters.text("env");
-        if (!m_call.parameters.has("env")) return;
-        QOREID eid;
-        if (!eid.fromString(text)) refuse("env", text, "an identifier of an environment");
-        add("eid = " + literalOf(eid.toString()));
+        if (const QOREID eid = environmentOf(m_call.parameters); m_call.parameters.has("env"))
+            add("eid = " + literalOf(eid.toString()));
     }
 
     void addTime(const char* name, const char* comparison) {
-        const std::string_view text = m_call.parameters.text(name);
-        if (!m_call.parameters.has(name)) return;
-        std::optional<std::int64_t> time = parseTime(text);
-        if (!time) time = parseRelativeTime(text, m_now);
-        if (!time) refuse(name, text, "a time: 2024-05-01, 2024-05-01T10:15:00Z, yesterday, -7d");
-        add(std::string("time ") + comparison + " " + literalOf(time2str(*time)));
-    }
-
-    [[noreturn]] static void refuse(const std::string& name, std::string_view text, const std::string& expected) {
-        throwProblem({.detail = name + " is " + expected + ", not " + quoteText(text),
-                      .code = "bad_parameter",
-                      .parameter = name,
-                      .found = std::string(text),
-                      .expected = expected});
+        if (const auto time = timeOf(m_call.parameters, name, m_now))
+            add(std::string("time ") + comparison + " " + literalOf(time2str(*time)));
     }
 
     void add(const std::string& condition) { m_bounds += (m_bounds.empty() ? "" : " and ") + condition; }

@@ -4,15 +4,16 @@
 
 #include <array>
 
+#include "agent/api/AgentBounds.h"
 #include "agent/api/AgentCall.h"
 #include "agent/api/AgentSelect.h"
 
 namespace QOR {
 
 inline constexpr std::array timelineParameters{
-    AgentParameter{.name = "from", .meaning = "the earliest time, also one told from now: 2024-05-01, yesterday, -7d"},
-    AgentParameter{.name = "to", .meaning = "the latest time"},
-    AgentParameter{.name = "env", .meaning = "the environment that the records belong to, by its identifier"},
+    fromParameter,
+    toParameter,
+    environmentParameter,
     limitParameter,
     AgentParameter{.name = "after",
                    .meaning = "the token `next` of the page before; all else as for that page but limit "

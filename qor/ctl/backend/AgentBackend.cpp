@@ -22,7 +22,9 @@
 #include <thread>
 
 #include "QORCommon/QORGuid.h"
+#include "QORCommon/QORTime.h"
 #include "backend/AgentReplies.h"
+#include "backend/AgentTarget.h"
 #include "host/QORPlainNumber.h"
 #include "process/CtlError.h"
 
@@ -430,6 +432,20 @@ std::unique_ptr<AnswerSource> AgentBackend::get(const std::string& target) {
 void AgentBackend::answerLines(int input, LineAnswers& answers) {
     Pipeline pipeline(*this, input);
     pipeline.receiveAll(answers);
+}
+
+std::unique_ptr<AnswerSource> AgentBackend::exportRecords(const QORExportPosition& position) {
+    AgentTarget target("/v1/records");
+    if (position.begun) return get(target.with("after", position.text()).text());
+    const QORExportQuestion& question = position.question;
+    std::string kinds;
+    for (const QORRecordKind kind : question.kinds)
+        kinds += (kinds.empty() ? "" : ",") + recordKindPlural(kind);
+    return get(target.with("source", kinds)
+                   .with("from", question.from ? time2str(*question.from) : "")
+                   .with("to", question.to ? time2str(*question.to) : "")
+                   .with("env", question.environment.isValid() ? question.environment.toString() : "")
+                   .text());
 }
 
 /// A batch whose answer is lost may have been stored, and may be sent again: under its key the agent stores it once.

@@ -20,6 +20,7 @@ public:
     std::unique_ptr<AnswerSource> get(const std::string& target) override;
     /// A thread of its own sends the requests ahead, so that neither side waits for the other.
     void answerLines(int input, LineAnswers& answers) override;
+    std::unique_ptr<AnswerSource> exportRecords(const QORExportPosition& position) override;
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;

@@ -18,6 +18,7 @@
 #include "host/QORMaintenance.h"
 #include "host/QORStatus.h"
 #include "ingest/QORCollectors.h"
+#include "ingest/QORExportPosition.h"
 #include "ingest/QORIngest.h"
 #include "process/LineInput.h"
 
@@ -96,6 +97,9 @@ public:
     /// may be sent ahead of the answers.
     virtual void answerLines(int input, LineAnswers& answers) = 0;
 
+    /// What is stored as lines of records, from a position on. What fails later than the beginning ends the lines
+    /// before their end. Without an agent it is read by this thread.
+    virtual std::unique_ptr<AnswerSource> exportRecords(const QORExportPosition& position) = 0;
     /// Stores NDJSON records. A line that is refused is part of the result.
     virtual QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) = 0;
     virtual QORCollectResult collect(const std::stop_token& stop) = 0;

@@ -12,6 +12,7 @@
 #include "QORPager/QORPagerVocabulary.h"
 #include "host/QORHost.h"
 #include "host/QORVocabularyFiles.h"
+#include "ingest/QORRecordExport.h"
 #include "process/CtlError.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -149,6 +150,41 @@ void StandaloneBackend::answerLines(int input, LineAnswers& answers) {
     }
 }
 
+namespace {
+
+/// What fails is answered as an agent would.
+template <class Work>
+auto answered(Work&& work) {
+    try {
+        return work();
+    } catch (const QORException& error) {
+        throw CtlError::answered(error.code(), error.message());
+    } catch (const std::exception& error) {
+        throw CtlError::answered(errFailure, error.what());
+    }
+}
+
+class ExportedRecords final : public AnswerSource {
+public:
+    explicit ExportedRecords(const QORExportPosition& position)
+        : m_records(position, QORRowAccess(*fullAccessContext())) {}
+
+    std::string_view read() override {
+        answered([this] { m_piece = m_records.next(); });
+        return m_piece;
+    }
+
+private:
+    QORRecordExport m_records;
+    std::string m_piece;
+};
+
+}  // namespace
+
+std::unique_ptr<AnswerSource> StandaloneBackend::exportRecords(const QORExportPosition& position) {
+    return answered([&] { return std::make_unique<ExportedRecords>(position); });
+}
+
 QORIngestResult StandaloneBackend::importBatch(std::string_view lines, std::uint64_t firstLine) {
     return m_ingest.importBatch(lines, firstLine);
 }
@@ -185,22 +221,6 @@ Backend::Pruned StandaloneBackend::prune(const std::string& kind, std::int64_t b
         throw CtlError::answered(errFailure, error.what());
     }
 }
-
-namespace {
-
-/// What fails is answered as an agent would.
-template <class Work>
-auto answered(Work&& work) {
-    try {
-        return work();
-    } catch (const QORException& error) {
-        throw CtlError::answered(error.code(), error.message());
-    } catch (const std::exception& error) {
-        throw CtlError::answered(errFailure, error.what());
-    }
-}
-
-}  // namespace
 
 QORIdentityList StandaloneBackend::identities() {
     return answered([] { return readIdentities(); });

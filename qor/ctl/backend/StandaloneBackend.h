@@ -19,6 +19,7 @@ public:
     std::unique_ptr<AnswerSource> ask(std::string_view request) override;
     std::unique_ptr<AnswerSource> get(const std::string& target) override;
     void answerLines(int input, LineAnswers& answers) override;
+    std::unique_ptr<AnswerSource> exportRecords(const QORExportPosition& position) override;
     QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) override;
     QORCollectResult collect(const std::stop_token& stop) override;
     std::vector<QORViewColumn> views() override;

@@ -77,6 +77,15 @@ struct ImportOptions {
     ReportOptions report;
 };
 
+struct ExportOptions {
+    std::vector<std::string> kinds;  ///< "environments", "operations", "events", "backups"; empty: all
+    TimeBounds bounds;
+    std::string environment;  ///< identifier; empty: of all
+    std::string file;         ///< empty or "-": standard output
+    bool resumes = false;     ///< goes on with what is in the file
+    bool progress = false;    ///< also where standard error is no terminal
+};
+
 struct SampleCommandOptions {
     QORSampleOptions sample;
     std::optional<std::string> output;  ///< written here ("-": standard output) instead of stored
@@ -157,6 +166,7 @@ void runStatus(const ConnectionOptions& connection, const PrintOptions& print);
 void runCheck(const ConnectionOptions& connection, const CheckOptions& options);
 void runPrune(const ConnectionOptions& connection, const PruneOptions& options);
 void runImport(const ConnectionOptions& connection, const ImportOptions& options);
+void runExport(const ConnectionOptions& connection, const ExportOptions& options);
 void runSample(const ConnectionOptions& connection, const SampleCommandOptions& options);
 void runIdentityAdd(const ConnectionOptions& connection, const IdentityOptions& options);
 void runIdentityList(const ConnectionOptions& connection, const IdentityOptions& options, const PrintOptions& form);

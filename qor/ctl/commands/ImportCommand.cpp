@@ -5,6 +5,7 @@
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "commands/RecordStream.h"
+#include "ingest/QORRecordExport.h"
 #include "process/Interrupt.h"
 #include "process/LineInput.h"
 
@@ -51,9 +52,16 @@ void runImport(const ConnectionOptions& connection, const ImportOptions& options
     const Interrupt interrupt;
     LineInput lines(input.descriptor(), interrupt.descriptor(), lineLimit);
     RecordStream records(*backend, options.report, 0);
-    while (!interrupt.isRequested() && lines.next() == LineInput::Got::Line)
+    bool lacksEnd = false;  // an export tells its positions, and its end
+    while (!interrupt.isRequested() && lines.next() == LineInput::Got::Line) {
+        if (lines.line().starts_with(exportPositionBegin)) lacksEnd = true;
+        if (lines.line().starts_with(exportEndBegin)) lacksEnd = false;
         if (!records.add(lines.line())) break;
+    }
     records.finish();
+    if (lacksEnd && !interrupt.isRequested())
+        tellNote(input.name() +
+                 " is an export that was not written to its end; qorctl export --resume goes on with it");
     records.report(interrupt.isRequested());
 }
 

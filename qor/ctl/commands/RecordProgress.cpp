@@ -8,12 +8,16 @@ namespace QOR {
 namespace {
 
 std::string textOf(std::string text, std::uint64_t records, std::uint64_t of, std::uint64_t resumed, double seconds) {
-    if (of == 0) return text;
-    text += ": " + std::to_string(records * 100 / of) + "%, " + std::to_string(records) + " of " + std::to_string(of) +
-            " records";
+    if (of == 0 && records == 0) return text;
+    text += ": ";
+    if (of > 0) text += std::to_string(records * 100 / of) + "%, ";
+    text += std::to_string(records);
+    if (of > 0) text += " of " + std::to_string(of);
+    text += " records";
     const auto done = static_cast<double>(records - resumed);
     if (seconds <= 0 || done <= 0) return text;
     const double rate = done / seconds;
+    if (of == 0) return text + ", " + std::to_string(static_cast<std::uint64_t>(rate)) + " a second";
     const auto left = static_cast<std::uint64_t>(static_cast<double>(of - records) / rate);
     return text + ", " + std::to_string(static_cast<std::uint64_t>(rate)) + " a second, " + std::to_string(left) +
            " s left";

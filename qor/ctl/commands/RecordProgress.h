@@ -17,7 +17,8 @@ public:
     RecordProgress(const RecordProgress&) = delete;
     RecordProgress& operator=(const RecordProgress&) = delete;
 
-    /// \param part what is going on; another one begins anew \param of 0: nothing can be told of how far it is
+    /// \param part what is going on; another one begins anew \param of 0: nobody knows how many there
+    /// are; with no records either there is nothing to count
     /// \param resumed those of `records` that earlier runs have done
     void tell(const std::string& part, std::uint64_t records, std::uint64_t of, std::uint64_t resumed);
     void clear();

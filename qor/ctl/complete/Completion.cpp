@@ -64,6 +64,7 @@ constexpr OptionValues optionValues[] = {
     {"token list", "name", Values::Identities},
     {"token revoke", "name", Values::Identities},
     {"sample", "--output", Values::Files},
+    {"export", "--output", Values::Files},
     {"", "--token-file", Values::Files},
     {"", "--ca", Values::Files},
     {"", "--certificate", Values::Files},

@@ -17,6 +17,10 @@ struct TimeBounds {
     bool any() const noexcept { return since.has_value() || until.has_value(); }
 };
 
+/// Seconds since the epoch; nothing for nothing. \param option that says it \param now what times are told from
+/// \throws CtlError BadUsage for what is no time
+std::optional<std::int64_t> secondsOf(const char* option, const std::optional<std::string>& written, std::int64_t now);
+
 /// A condition, of both languages that rows are asked for in, that a column or field of times lies between them.
 /// \param now seconds since the epoch, what times are told from
 /// \throws CtlError BadUsage for what is no time

@@ -1,0 +1,138 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORFiles.h"
+#include "QORCommon/QORText.h"
+#include "QORCommon/QORTime.h"
+#include "commands/Commands.h"
+#include "commands/ExportFile.h"
+#include "commands/Printing.h"
+#include "commands/RecordProgress.h"
+#include "output/Output.h"
+
+namespace QOR {
+namespace {
+
+constexpr mode_t exportMode = 0666;  // less the person's umask
+
+QORExportQuestion questionOf(const ExportOptions& options) {
+    QORExportQuestion question;
+    for (const std::string& word : options.kinds) {
+        const auto kind = recordKindOfPlural(word);
+        if (kind && std::find(question.kinds.begin(), question.kinds.end(), *kind) == question.kinds.end())
+            question.kinds.push_back(*kind);
+    }
+    std::sort(question.kinds.begin(), question.kinds.end());
+    const std::int64_t now = currentTime();
+    question.from = secondsOf("--since", options.bounds.since, now);
+    question.to = secondsOf("--until", options.bounds.until, now);
+    if (!options.environment.empty() && !question.environment.fromString(options.environment))
+        throw CtlError::usage("--environment " + quoteText(options.environment) + " is no identifier of one");
+    return question;
+}
+
+/// Times may be told from now, and so are others by the time that an export is gone on with.
+bool isSame(const QORExportQuestion& begun, const QORExportQuestion& asked) {
+    return begun.kinds == asked.kinds && begun.environment == asked.environment &&
+           begun.from.has_value() == asked.from.has_value() && begun.to.has_value() == asked.to.has_value();
+}
+
+/// Where an export is written, and up to where it is there.
+class ExportTarget {
+public:
+    explicit ExportTarget(const ExportOptions& options) : m_path(options.file == "-" ? "" : options.file) {
+        if (options.resumes && m_path.empty())
+            throw CtlError::usage("--resume goes on with a file; name it with --output FILE");
+        m_position = QORExportPosition(questionOf(options));
+        if (options.resumes) resume();
+    }
+
+    bool isWhole() const { return m_there.hasEnded(); }
+    const QORExportPosition& position() const noexcept { return m_position; }
+
+    /// Only when there is something to write: nothing is lost where nobody answers.
+    void open() {
+        if (m_path.empty()) return;
+        try {
+            m_file = openOwnFile(m_path, O_WRONLY | O_CREAT, exportMode);
+        } catch (const QORException& error) {
+            throw CtlError::usage("cannot write " + m_path + ": " + error.message());
+        }
+        struct stat found {};
+        const bool regular = ::fstat(m_file.get(), &found) == 0 && S_ISREG(found.st_mode);
+        if (regular && (::ftruncate(m_file.get(), m_there.positionEnd()) != 0 ||
+                        ::lseek(m_file.get(), m_there.positionEnd(), SEEK_SET) < 0))
+            throw CtlError::usage("cannot write " + m_path + ": " + std::generic_category().message(errno));
+    }
+    int descriptor() const { return m_path.empty() ? STDOUT_FILENO : m_file.get(); }
+
+    /// What helps whose export has broken off.
+    std::string advice() const {
+        return m_path.empty() ? "what came of it is not whole"
+                              : "the same command with --resume goes on where " + m_path + " ends";
+    }
+
+private:
+    void resume() {
+        m_there = readExportFile(m_path);
+        if (!m_there.position()) return;
+        if (!isSame(m_there.position()->question, m_position.question))
+            throw CtlError::usage(m_path +
+                                  " is an export of something else; --resume goes on with the same --kinds, --since, "
+                                  "--until and --environment");
+        m_position = *m_there.position();
+    }
+
+    const std::string m_path;  ///< empty: standard output
+    QORExportPosition m_position;
+    ExportLines m_there{false};
+    QORFileDescriptor m_file;
+};
+
+/// Writes what comes. \returns its lines
+ExportLines writeAll(AnswerSource& records, ExportTarget& target, RecordProgress& progress) {
+    const std::uint64_t resumed = target.position().records();
+    std::string_view piece = records.read();
+    target.open();
+    FileOutput out(target.descriptor());
+    ExportLines lines(target.position().begun);
+    try {
+        for (; !piece.empty(); piece = records.read()) {
+            out << piece;
+            if (!lines.take(piece) || !lines.position()) continue;
+            const QORExportPosition& now = *lines.position();
+            const std::uint64_t done = now.records();
+            progress.tell("exporting", done, now.of ? std::max(*now.of, done) : 0, resumed);
+        }
+    } catch (const CtlError& error) {
+        out.flush();
+        progress.clear();
+        throw error.advised(target.advice());
+    }
+    out.flush();
+    progress.clear();
+    return lines;
+}
+
+}  // namespace
+
+void runExport(const ConnectionOptions& connection, const ExportOptions& options) {
+    ExportTarget target(options);
+    if (target.isWhole()) return tellNote(options.file + " is whole already");
+    const auto backend = makeBackend(connection, BackendUse::Inspect);
+    const auto records = backend->exportRecords(target.position());
+    RecordProgress progress(options.progress);
+    const ExportLines lines = writeAll(*records, target, progress);
+    if (!lines.hasEnded()) throw CtlError(CtlExit::AnsweredError, "the export has no end").advised(target.advice());
+    if (lines.unreadable() > 0)
+        tellPerson(std::to_string(lines.unreadable()) +
+                   " records lack a document, which cannot be read in the database; \"qorctl check\" names them");
+}
+
+}  // namespace QOR
