@@ -205,6 +205,7 @@ TEST_F(AgentAuditProcess, TellsWhoAskedWhatAndNotWhatItWasComparedWith) {
     const AgentProcess agent(settings({"--audit", file()}));
     HttpClient root(agent.socketPath());
     root.post("/v1/records", operation(1));
+    root.get("/v1/records");
     const std::string token = tokenOf(root, "reader", R"("environments")");
     HttpClient tcp = overTcp(agent);
     ask(tcp, "Authorization: Bearer " + token + "\r\nCookie: a=" + token + "\r\n");
@@ -218,6 +219,7 @@ TEST_F(AgentAuditProcess, TellsWhoAskedWhatAndNotWhatItWasComparedWith) {
     EXPECT_THAT(lineWith(text, R"("operator":"pager",)"),
                 HasSubstr(R"("condition":"pager.op_log.op = ? and pager.op_log.status > ?")"));
     EXPECT_THAT(lineWith(text, R"("stored":1)"), HasSubstr(R"("from":"unix","uid":)"));
+    EXPECT_THAT(lineWith(text, R"("method":"GET","route":"/v1/records")"), HasSubstr(R"("rows":1,"status":200)"));
     EXPECT_THAT(lineWith(text, R"("status":401)"), HasSubstr(R"("outcome":"refused")"));
     EXPECT_THAT(lineWith(text, R"("as":"reader")"), HasSubstr(R"("route":"none")"));
     // The numbers are longer than any time, process or duration of the log, which may hold shorter ones by chance.

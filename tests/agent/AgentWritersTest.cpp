@@ -16,6 +16,7 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 
 // own has below, below has lowest; listed is alone, foreign has others.
 constexpr const char* own = "11111111-0000-4000-8000-000000000000";
@@ -169,6 +170,50 @@ TEST_F(AgentWritersTest, WhoMayOnlyLookStoresNothing) {
     const HttpAnswer answer = send(event(own), {}, newToken("reader"));
     EXPECT_EQ(answer.status, 403);
     EXPECT_THAT(answer.body, HasSubstr("needs full access, or the right to write"));
+}
+
+TEST_F(AgentWritersTest, WhoSeesSomeRecordsExportsTheseAlone) {
+    const auto exported = [&](const std::string& question) {
+        HttpClient client(agent.socketPath());
+        const HttpAnswer answer =
+            client.request("GET", "/v1/records" + question, "", "Authorization: Bearer " + token + "\r\n");
+        EXPECT_EQ(answer.status, 200) << answer.body;
+        return answer.body;
+    };
+    expectTaken(event(below), 1);
+    const std::string all = exported("");
+    for (const char* eid : {own, below, lowest, listed})
+        EXPECT_THAT(all, HasSubstr(R"({"kind":"environment","eid":")" + std::string(eid) + '"'));
+    for (const char* eid : {foreign, awaited, seen})
+        EXPECT_THAT(all, Not(HasSubstr(R"("eid":")" + std::string(eid) + '"')));
+    EXPECT_THAT(all, HasSubstr(R"("id":"touching")"));
+    EXPECT_THAT(all, Not(HasSubstr(R"("id":"theirs")")));
+    const std::string counts = R"("counts":{"environments":4,"operations":1,"events":1,"backups":0}})";
+    EXPECT_THAT(all, AllOf(HasSubstr("{\"end\":{" + counts + "}\n"), Not(HasSubstr("\"of\""))));
+    EXPECT_EQ(exported("?env=" + std::string(foreign)).find("kind"), std::string::npos);
+    // A position gives no right to what comes behind it.
+    const std::string behind =
+        exported(R"(?after={%22at%22:%22environments%22,%22after%22:%22)" + std::string(listed) + "%22}");
+    EXPECT_THAT(behind, AllOf(HasSubstr(R"("id":"touching")"), Not(HasSubstr("environment\""))));
+    EXPECT_THAT(behind, Not(HasSubstr("theirs")));
+}
+
+TEST_F(AgentWritersTest, AnExportIsAskedForInItsOwnWords) {
+    const std::pair<std::string, std::string> mistakes[] = {
+        {"?source=planets", "there is no source"},
+        {"?from=soon", "from is a time"},
+        {"?env=host", "env is an identifier"},
+        {"?after=1", R"("code":"bad_token")"},
+        {"?after={%22at%22:%22events%22,%22after%22:%22x%22}", R"("code":"bad_token")"},
+        {"?after={%22at%22:%22events%22}&from=2024-01-01", R"("parameter":"from")"},
+        {"?kinds=events", R"("code":"unknown_parameter")"}};
+    for (const auto& [question, said] : mistakes) {
+        const HttpAnswer answer = root.get("/v1/records" + question);
+        EXPECT_EQ(answer.status, 400) << question;
+        EXPECT_THAT(answer.body, HasSubstr(said)) << question;
+    }
+    EXPECT_EQ(root.request("GET", "/v1/records", "", "Accept: text/csv\r\n").status, 406);
+    EXPECT_EQ(root.get("/v1/records?source=events&to=0001-01-01").body.find("kind\""), std::string::npos);
 }
 
 TEST_F(AgentWritersTest, MaintenanceIsForFullAccess) {

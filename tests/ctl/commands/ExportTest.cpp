@@ -1,4 +1,6 @@
 // Records out again: what import takes, in whole or gone on with, over a real agent and in qorctl's own process.
+#include <gmock/gmock.h>
+
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -224,7 +226,7 @@ TEST_P(Export, TellsHowFarItIs) {
 /// More than pipes and sockets hold, so that it cannot be at its end while nobody reads.
 std::string endlessExport() {
     std::string lines;
-    for (int number = 0; number < 200; ++number)
+    for (int number = 0; number < 80; ++number)
         lines += R"({"kind":"operation","id":"o)" + std::to_string(number) + R"(","time":1,"message":{"text":")" +
                  std::string(100'000, 'x') + "\"}}\n";
     return lines;

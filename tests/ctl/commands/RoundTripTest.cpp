@@ -425,6 +425,33 @@ TEST_P(RoundTrip, LinesGiveWhatWasStored) {
     }
 }
 
+/// From the tests' engine into SQLite, and from there back.
+TEST(Export, IsTheSameOfWhatWasImportedFromItOnAnyEngine) {
+    const AgentProcess agent;
+    sendTogether(agent.socketPath());
+    const auto exported = [](const Words& connection) {
+        const CtlResult result = runOn({"export"}, connection);
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.out;
+    };
+    const std::string lines = exported({"--socket", agent.socketPath()});
+    const TemporaryDirectory directory;
+    const TestDatabase again;
+    for (const std::string& database :
+         {"Driver=SQLite3;Database=" + (directory / "other.db").string(), again.connectionString()}) {
+        const CtlResult result = runOn({"import"}, standalone(database), lines);
+        ASSERT_EQ(result.status, 0) << result.err;
+        // Not printed: it is megabytes.
+        EXPECT_TRUE(exported(standalone(database)) == lines) << database;
+        for (const std::string& view : views) {
+            Words select{"select", "--view", view, "-o", "json"};
+            for (const std::string& column : columnsOf(view))
+                select.insert(select.end(), {"-f", column});
+            expectSame(rowsOfJson(runOn(select, standalone(database)).out, columnsOf(view)), expected(view), view);
+        }
+    }
+}
+
 TEST(Times, TheSecondBeforeTheEpochGoesInAndOutAndIsFound) {
     const TestDatabase database;
     const Words connection = standalone(database.connectionString());
