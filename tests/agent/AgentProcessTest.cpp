@@ -193,7 +193,7 @@ TEST_F(Agent, OtherPathsAre404OtherMethods405) {
         {"GET", "/v1/messages/", 404, nullptr},
         {"POST", "/v2/messages", 404, nullptr},
         {"GET", "/v1/messages", 405, "POST, OPTIONS"},
-        {"PUT", "/v1/records", 405, "POST, OPTIONS"},
+        {"PUT", "/v1/records", 405, "POST, GET, HEAD, OPTIONS"},
         {"GET", "/v1/collect", 405, "POST, OPTIONS"},
         {"POST", "/v1/views", 405, "GET, HEAD, OPTIONS"},
         {"DELETE", "/v1/health", 405, "GET, HEAD, OPTIONS"},
