@@ -93,6 +93,7 @@ public:
         addViews();
         addFields();
         addStatus();
+        addDoctor();
         addIdentity();
         addToken();
         addContext();
@@ -509,6 +510,13 @@ private:
     void addStatus() {
         CLI::App* const app = command("status", "How the agent does, and what its database is and lacks",
                                       [this] { runStatus(m_connection, m_statusPrint); });
+        addPrinting(*app, m_statusPrint);
+        addConnection(*app, false);
+    }
+
+    void addDoctor() {
+        CLI::App* const app = command("doctor", "What is wrong with the agent and its machine, and what to do about it",
+                                      [this] { runDoctor(m_connection, m_statusPrint); });
         addPrinting(*app, m_statusPrint);
         addConnection(*app, false);
     }

@@ -163,6 +163,8 @@ void runRequest(const ConnectionOptions& connection, const RequestOptions& optio
 void runViews(const ConnectionOptions& connection, const ViewsOptions& options);
 void runFields(const ConnectionOptions& connection, const FieldsOptions& options);
 void runStatus(const ConnectionOptions& connection, const PrintOptions& print);
+/// What is wrong here, and what to do about it. Throws AnsweredError when something is.
+void runDoctor(const ConnectionOptions& connection, const PrintOptions& print);
 void runCheck(const ConnectionOptions& connection, const CheckOptions& options);
 void runPrune(const ConnectionOptions& connection, const PruneOptions& options);
 void runImport(const ConnectionOptions& connection, const ImportOptions& options);

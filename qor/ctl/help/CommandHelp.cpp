@@ -37,6 +37,7 @@ constexpr Examples examples[] = {
     {"views", {"views", "views vOpLog", "views -o json"}},
     {"fields", {"fields", "fields pager.op_log.", "fields -o csv"}},
     {"status", {"status", "status -o json", "status --context fleet"}},
+    {"doctor", {"doctor", "doctor -o json", "doctor --context fleet"}},
     {"check", {"check", "check --mend", "check --standalone --database ./agent.db"}},
     {"prune", {"prune --before 90d", "prune --before 2024-01-01 --events", "prune --before 30d --compact"}},
     {"import", {"import records.ndjson", "import - < records.ndjson", "import --verbose records.ndjson"}},

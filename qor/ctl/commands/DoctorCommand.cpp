@@ -1,0 +1,68 @@
+#include <array>
+#include <vector>
+
+#include "commands/Commands.h"
+#include "commands/Printing.h"
+#include "doctor/AgentChecks.h"
+#include "doctor/MachineChecks.h"
+#include "host/QORHostPaths.h"
+
+namespace QOR {
+namespace {
+
+std::string_view wordFor(Finding::Level level) {
+    switch (level) {
+        case Finding::Level::Fine:
+            return "ok";
+        case Finding::Level::Advice:
+            return "advice";
+        case Finding::Level::Fault:
+            return "FAULT";
+    }
+    return {};
+}
+
+Cell textCell(std::string_view bytes) {
+    return {Cell::Kind::Text, bytes};
+}
+
+/// Where the database is, or else would be; the folder that is there of those above it.
+std::filesystem::path placeOnDisk(const std::filesystem::path& file) {
+    std::filesystem::path place = file.empty() ? defaultStateDirectory() : file;
+    while (!std::filesystem::exists(place) && place.has_parent_path() && place != place.parent_path())
+        place = place.parent_path();
+    return place;
+}
+
+}  // namespace
+
+void runDoctor(const ConnectionOptions& connection, const PrintOptions& print) {
+    AgentDiagnosis diagnosis = checkAgent(connection, QOR_VERSION);
+    std::vector<Finding>& findings = diagnosis.findings;
+    if (connection.agent.empty()) {
+        findings.push_back(checkSettings());
+        findings.push_back(checkDrivers());
+        findings.push_back(checkPlugIns(connection.plugIns));
+        findings.push_back(checkDisk(placeOnDisk(diagnosis.databaseFile)));
+    }
+    findings.push_back(checkClock());
+
+    const auto output = openOutput(print);
+    Output& out = *output;
+    const auto printer = makePrinter(print, false, out);
+    printer->begin(std::array<std::string, 4>{"state", "what", "found", "to do"});
+    std::size_t faults = 0;
+    for (const Finding& finding : findings) {
+        faults += finding.level == Finding::Level::Fault ? 1 : 0;
+        printer->row(std::array<Cell, 4>{textCell(wordFor(finding.level)), textCell(finding.subject),
+                                         textCell(finding.found),
+                                         finding.todo.empty() ? Cell{} : textCell(finding.todo)});
+    }
+    printer->end(std::nullopt);
+    out.flush();
+    if (faults > 0)
+        throw CtlError(CtlExit::AnsweredError,
+                       std::to_string(faults) + " of " + std::to_string(findings.size()) + " checks found a fault");
+}
+
+}  // namespace QOR

@@ -1,0 +1,21 @@
+/// \file
+/// Checks of who answers: the agent, its database, and what the asker may see there.
+#pragma once
+
+#include <filesystem>
+#include <vector>
+
+#include "backend/Backend.h"
+#include "doctor/Finding.h"
+
+namespace QOR {
+
+struct AgentDiagnosis {
+    std::vector<Finding> findings;
+    std::filesystem::path databaseFile;  ///< on this machine; empty where it is not known, or elsewhere
+};
+
+/// \param version of this program
+AgentDiagnosis checkAgent(const ConnectionOptions& connection, const std::string& version);
+
+}  // namespace QOR
