@@ -6,6 +6,7 @@ packages=(
     unixodbc-dev unixodbc libsqliteodbc libsqlite3-dev       # the database
     libboost-dev libpugixml-dev rapidjson-dev                # messages and HTTP
     libspdlog-dev libfmt-dev libcli11-dev libtomlplusplus-dev libssl-dev zlib1g-dev
+    libsystemd-dev pkg-config                                # the service manager
     libgtest-dev libgmock-dev libbenchmark-dev libpq-dev     # tests and benchmarks
     python3 curl sqlite3 patch               # checks, and what the documents' examples call
     ca-certificates git

@@ -18,7 +18,9 @@
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORPasswords.h"
 #include "QORFunctionality/QOROpFactory.h"
+#include "agent/AgentReload.h"
 #include "agent/MemoryKeeper.h"
+#include "agent/ServiceManager.h"
 #include "agent/SignalWatch.h"
 #include "agent/api/AgentApplication.h"
 #include "agent/api/AgentAudit.h"
@@ -49,17 +51,6 @@ void raiseDescriptorLimit() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// Where the system gives fewer descriptors than there may be connections, fewer connections are taken.
-void fitConnections(HttpServerOptions& server) {
-    constexpr std::size_t forOthers = 320;  // 64 connections to the database with their files, the log, the plug-ins
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= server.maxConnections + forOthers) return;
-    const std::size_t left = limit.rlim_cur > forOthers ? limit.rlim_cur - forOthers : 0;
-    server.maxConnections = std::max<std::size_t>(left, 16);
-    logMessage(1, "QORAgent", "qor/agent/main", "serve", "%zu descriptors are few: there may be %zu connections",
-               static_cast<std::size_t>(limit.rlim_cur), server.maxConnections);
-}
-
 /// A folder that is the agent's by its name is for the agent alone.
 void makeStateDirectory() {
     const std::filesystem::path folder = defaultStateDirectory();
@@ -72,48 +63,17 @@ void makeStateDirectory() {
 }
 
 /// Of two agents, the second is told whose address it is before it is told whose database.
-void checkAddresses(const std::vector<QORAgentAddress>& addresses) {
-    for (const QORAgentAddress& address : addresses) {
+void checkAddresses(const HttpServerOptions& server) {
+    for (const QORAgentAddress& address : server.listen) {
+        const bool isHanded =
+            std::any_of(server.handed.begin(), server.handed.end(),
+                        [&](const HttpHandedSocket& socket) { return socket.address.text() == address.text(); });
+        if (isHanded) continue;
         if (address.isUnix()) {
             const LocalListener free(address.path);
         } else {
             const TcpListener free(address);
         }
-    }
-}
-
-void openLog(const std::string& path) {
-    if (path.empty()) return;
-    setLogFile(path);
-    if (const std::optional<mode_t> before = narrowOwnFile(path)) {
-        logMessage(1, "QORAgent", "qor/agent/main", "serve",
-                   "%s had mode %04o, so that others could read it; it is %04o now", path.c_str(), *before,
-                   *before & S_IRWXU);
-    }
-}
-
-/// Whoever rotates logs has moved the file away, and made another or not.
-void reopenLog(const std::string& path) {
-    if (path.empty()) return;
-    try {
-        setLogFile(path);
-        logMessage(2, "QORAgent", "qor/agent/main", "reopenLog", "the log has been opened anew");
-    } catch (const std::exception& exception) {
-        logMessage(0, "QORAgent", "qor/agent/main", "reopenLog", "%s; the old one is written on", exception.what());
-    }
-}
-
-/// A certificate is replaced before it expires; with files that do not fit, the one that is there is better than none.
-void readAnew(const AgentSettings& settings, HttpCertificates* certificates, AgentAudit* audit) {
-    reopenLog(settings.logFile);
-    if (audit != nullptr) audit->reopen();
-    if (certificates == nullptr) return;
-    try {
-        certificates->reload();
-        logMessage(2, "QORAgent", "qor/agent/main", "readAnew", "the certificates have been read anew");
-    } catch (const std::exception& exception) {
-        logMessage(0, "QORAgent", "qor/agent/main", "readAnew", "%s; the certificates stay as they were",
-                   exception.what());
     }
 }
 
@@ -175,12 +135,13 @@ private:
     QORForwarder* m_forwarder;
 };
 
-int serve(AgentSettings settings) {
+int serve(AgentSettings settings, SettingsSources sources) {
     // What the agent keeps is other people's business; the socket has a mode of its own.
     ::umask(S_IRWXG | S_IRWXO);
+    const std::vector<HttpHandedSocket> handed = ServiceManager::takeSockets();
     setLogLevel(static_cast<int>(settings.logLevel));
     openLog(settings.logFile);
-    HttpServerOptions serving = serverOptions(settings);
+    HttpServerOptions serving = serverOptions(settings, handed);
     std::optional<QORForwardOptions> forwardingTo;
     if (!settings.forward.empty()) forwardingTo = forwardOptions(settings);
     checkTogether(settings);
@@ -189,28 +150,36 @@ int serve(AgentSettings settings) {
     if (settings.database.empty() && !settings.readOnly) makeStateDirectory();
     raiseDescriptorLimit();
     fitConnections(serving);
-    checkAddresses(serving.listen);
+    checkAddresses(serving);
     QORHost host(hostOptions(settings));
     std::optional<QORForwarder> forwarder;
     if (forwardingTo) {
         forwarder.emplace(*forwardingTo);
         setPruneHold(QORPruneHold{[&forwarder] { return forwarder->position(); }, settings.forwardKeep});
     }
-    const QORRetention retention(settings.keep);
-    std::optional<AgentAudit> audit;
-    if (!settings.audit.target.empty()) audit.emplace(settings.audit);
+    QORRetention retention(settings.keep);
     settings.memory.unpackedBody = serving.bodyLimit;
+    SettingsState state;
+    state.loaded({});
     AgentApplication application(host, settings.memory);
     application.setForwarder(forwarder ? &*forwarder : nullptr);
     application.setFollowing(settings.following);
-    application.setAudit(audit ? &*audit : nullptr);
+    if (!settings.audit.target.empty()) application.setAudit(std::make_shared<AgentAudit>(settings.audit));
+    application.setSettingsState(&state);
     HttpServer server(serving, application);
     application.setCounters([&server] { return server.connections(); }, [&server] { return server.counts(); });
-    const SignalWatch signals({[&server] { server.stop(); },
-                               [&] { readAnew(settings, serving.certificates.get(), audit ? &*audit : nullptr); }});
+    if (const auto pause = ServiceManager::watchdogPause()) server.setBeat(*pause, ServiceManager::alive);
+    AgentReload reload(std::move(sources), std::move(settings),
+                       {host, application, server, serving.certificates.get(), retention, state, handed});
+    const auto stop = [&server] {
+        ServiceManager::stopping();
+        server.stop();
+    };
+    const SignalWatch signals({stop, [&reload] { reload.run(); }});
     const MemoryKeeper memory;
     const Forwarding forwarding(forwarder ? &*forwarder : nullptr, application.changes());
     announce(server.addresses());
+    ServiceManager::ready(state.text());
     if (!server.run()) {
         // Threads are still at work in plug-ins; unloading those beneath them would be worse than leaving at once.
         logMessage(0, "QORAgent", "qor/agent/main", "serve", "requests did not end in time");
@@ -243,7 +212,7 @@ int parseAndServe(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", withoutPasswords(exception.message()).c_str());
         return badUsage;
     }
-    return line->wish == Wish::CheckConfig ? checkConfig(settings) : serve(std::move(settings));
+    return line->wish == Wish::CheckConfig ? checkConfig(settings) : serve(std::move(settings), std::move(sources));
 }
 
 }  // namespace

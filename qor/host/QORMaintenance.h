@@ -65,6 +65,7 @@ struct QORRetentionOptions {
     std::optional<std::uint64_t> bytes;    ///< that the whole database uses
 
     bool any() const noexcept { return seconds || records || bytes; }
+    bool operator==(const QORRetentionOptions& other) const = default;
 };
 
 /// Removes the oldest operations and events until the logs hold no more than they may, and gives their space back.

@@ -140,7 +140,7 @@ private:
         return false;
     }
 
-    const QORAnswerLimits& m_limits;
+    const QORAnswerLimits m_limits;
     QORAnswerText m_text;
     Answer m_answer;
     std::unique_ptr<QORAnswerFormat> m_format;
@@ -212,15 +212,24 @@ private:
 
 QORRouter::QORRouter(const std::vector<std::string>& primed, const QORMessageLimits& limits,
                      const QORAnswerLimits& answers)
-    : m_limits(limits), m_answers(answers) {
+    : m_limits(limits), m_answerRows(answers.rows), m_answerBytes(answers.bytes) {
     for (const std::string& operatorName : primed)
         m_priming.push_back(std::make_unique<QORPriming>(operatorName));
 }
 
 QORRouter::~QORRouter() = default;
 
+void QORRouter::setAnswerLimits(const QORAnswerLimits& limits) noexcept {
+    m_answerRows.store(limits.rows, std::memory_order_relaxed);
+    m_answerBytes.store(limits.bytes, std::memory_order_relaxed);
+}
+
+QORAnswerLimits QORRouter::answerLimits() const noexcept {
+    return {m_answerRows.load(std::memory_order_relaxed), m_answerBytes.load(std::memory_order_relaxed)};
+}
+
 QORRouter::Answer QORRouter::answer(QORClientSession& session, std::string_view json) {
-    Whole whole(m_answers);
+    Whole whole(answerLimits());
     try {
         serve(session, json, whole);
         return whole.takeAnswer();

@@ -2,6 +2,7 @@
 /// From the text of a request to the text of its answer.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -61,6 +62,10 @@ public:
     /// The answer's text alone.
     std::string handle(QORClientSession& session, std::string_view json) { return answer(session, json).text; }
 
+    /// For answers that begin from now on. Any thread.
+    void setAnswerLimits(const QORAnswerLimits& limits) noexcept;
+    QORAnswerLimits answerLimits() const noexcept;
+
     /// Asks the priming requests that are still open. \returns what failed, one text an operator
     std::vector<std::string> prime();
     /// True when no operator's clients are kept waiting.
@@ -77,7 +82,8 @@ private:
     void run(QORClientSession& session, QORRequestEnvelope& request, Destination& destination);
 
     const QORMessageLimits m_limits;
-    const QORAnswerLimits m_answers;
+    std::atomic<std::int64_t> m_answerRows;
+    std::atomic<std::size_t> m_answerBytes;
     std::vector<std::unique_ptr<QORPriming>> m_priming;
 };
 

@@ -130,6 +130,12 @@ TEST_F(Package, ServiceIsLeftNothingThatItDoesNotNeed) {
     EXPECT_EQ(exposed, 0) << points;
 }
 
+TEST_F(Package, ServiceTellsTheManagerHowItIsAndTakesItsSocket) {
+    EXPECT_THAT(contentsOf(installed("qor-agent.service")),
+                AllOf(HasSubstr("\nType=notify\n"), HasSubstr("\nWatchdogSec=")));
+    EXPECT_THAT(contentsOf(installed("qor-agent.socket")), HasSubstr("\nListenStream=/run/qor/agent.sock\n"));
+}
+
 TEST_F(Package, ServiceWaitsForADatabaseThatComesLaterThanTheAgent) {
     const std::string unit = contentsOf(installed("qor-agent.service"));
     EXPECT_THAT(unit, AllOf(HasSubstr("\nRestart=on-failure\nRestartSec=5\n"), HasSubstr("\nStartLimitIntervalSec=0\n"),

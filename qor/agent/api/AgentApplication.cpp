@@ -94,7 +94,33 @@ AgentApplication::AgentApplication(QORHost& host, const AgentMemory& memory)
 AgentApplication::~AgentApplication() = default;
 
 QORMemoryAccountPtr AgentApplication::newAccount() {
-    return std::make_shared<QORMemoryAccount>(m_memory, m_requestMemory, "one request (--request-memory)");
+    return std::make_shared<QORMemoryAccount>(m_memory, m_requestMemory.load(std::memory_order_relaxed),
+                                              "one request (--request-memory)");
+}
+
+void AgentApplication::setMemory(const AgentMemory& memory) noexcept {
+    m_requestMemory.store(memory.oneRequest, std::memory_order_relaxed);
+    m_bodyLimit.store(memory.unpackedBody, std::memory_order_relaxed);
+}
+
+void AgentApplication::setFollowing(const AgentFollowSettings& settings) {
+    const std::lock_guard lock(m_mutex);
+    m_following = settings;
+}
+
+AgentFollowSettings AgentApplication::followSettings() const {
+    const std::lock_guard lock(m_mutex);
+    return m_following;
+}
+
+void AgentApplication::setAudit(std::shared_ptr<AgentAudit> audit) {
+    const std::lock_guard lock(m_mutex);
+    m_audit.swap(audit);
+}
+
+std::shared_ptr<AgentAudit> AgentApplication::audit() const {
+    const std::lock_guard lock(m_mutex);
+    return m_audit;
 }
 
 HttpIdentity AgentApplication::identify(const HttpPeer& peer) {
@@ -105,9 +131,9 @@ HttpIdentity AgentApplication::identify(const HttpPeer& peer) {
 HttpPlan AgentApplication::plan(const HttpRequest& head, const HttpPeer& peer) {
     auto trace = std::make_shared<AgentTrace>();
     trace->method = knownMethod(head.method);
-    if (m_audit != nullptr) {
+    if (const auto auditing = audit()) {
         trace->notes.conditions =
-            m_audit->showsLiterals() ? QORRequestNotes::Conditions::Whole : QORRequestNotes::Conditions::Masked;
+            auditing->showsLiterals() ? QORRequestNotes::Conditions::Whole : QORRequestNotes::Conditions::Masked;
     }
     HttpPlan plan = planned(head, peer, *trace);
     plan.trace = std::move(trace);
@@ -155,7 +181,7 @@ HttpReply AgentApplication::errorReply(unsigned status, std::string_view message
 void AgentApplication::ended(const HttpEnd& end, const HttpPeer& peer, HttpTrace* trace) {
     const auto* const known = static_cast<const AgentTrace*>(trace);
     m_metrics.count(end, known);
-    if (m_audit != nullptr) m_audit->add(auditLine(end, peer, known));
+    if (const auto auditing = audit()) auditing->add(auditLine(end, peer, known));
 }
 
 void logReply(const HttpRequest& request, const HttpReply& reply) {

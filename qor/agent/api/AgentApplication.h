@@ -7,10 +7,12 @@
 /// 400 or more is a problem document (AgentProblem), but for what /v1/messages answers, which is notation.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,6 +31,7 @@ namespace QOR {
 class QORHost;
 class AgentAudit;
 class QORForwarder;
+class SettingsState;
 struct AgentTrace;
 
 /// Who asks is decided for each request when its head has been read (AgentAccess): by the token that it shows, or by
@@ -47,11 +50,19 @@ public:
         m_connections = std::move(connections);
         m_counts = std::move(counts);
     }
-    /// Before the first connection. \param audit outlives the application; null: nobody wants one
-    void setAudit(AgentAudit* audit) noexcept { m_audit = audit; }
+    /// For requests that begin from now on. \param audit null: nobody wants one
+    void setAudit(std::shared_ptr<AgentAudit> audit);
+    std::shared_ptr<AgentAudit> audit() const;
 
-    /// Before the first connection.
-    void setFollowing(const AgentFollowSettings& settings) { m_following = settings; }
+    /// For those who follow from now on.
+    void setFollowing(const AgentFollowSettings& settings);
+
+    /// For requests that begin from now on. What all of them may hold together stays.
+    void setMemory(const AgentMemory& memory) noexcept;
+
+    /// Before the first connection. \param settings outlives the application; null: there is nothing to tell
+    void setSettingsState(const SettingsState* settings) noexcept { m_settings = settings; }
+    const SettingsState* settingsState() const noexcept { return m_settings; }
 
     /// Before the first connection. \param forwarder outlives the application; null: nothing is sent on
     void setForwarder(QORForwarder* forwarder) noexcept { m_forwarder = forwarder; }
@@ -69,14 +80,14 @@ public:
     AgentFields& fields() noexcept { return m_fields; }
     /// Tells those who follow that there is something new.
     QORChangeWatch& changes() noexcept { return m_changes; }
-    const AgentFollowSettings& followSettings() const noexcept { return m_following; }
+    AgentFollowSettings followSettings() const;
     std::chrono::steady_clock::duration uptime() const { return std::chrono::steady_clock::now() - m_start; }
     /// Open ones.
     std::size_t connections() const { return m_connections(); }
     /// All that is known in numbers. The server's thread alone.
     void writeMetrics(PrometheusText& text) const;
     /// Bytes of a body that came packed, when it is unpacked.
-    std::size_t bodyLimit() const noexcept { return m_bodyLimit; }
+    std::size_t bodyLimit() const noexcept { return m_bodyLimit.load(std::memory_order_relaxed); }
     /// An account for the request that comes next.
     QORMemoryAccountPtr newAccount();
 
@@ -88,14 +99,16 @@ private:
     AgentViews m_views;
     AgentFields m_fields;
     QORChangeWatch m_changes;
-    AgentFollowSettings m_following{};
-    const std::size_t m_requestMemory;
-    const std::size_t m_bodyLimit;
+    std::atomic<std::size_t> m_requestMemory;
+    std::atomic<std::size_t> m_bodyLimit;
     QORMemoryBudget m_memory;
+    mutable std::mutex m_mutex;  // guards the two below, for moments
+    AgentFollowSettings m_following{};
+    std::shared_ptr<AgentAudit> m_audit;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };
     std::function<HttpCounts()> m_counts = [] { return HttpCounts(); };
-    AgentAudit* m_audit = nullptr;
     QORForwarder* m_forwarder = nullptr;
+    const SettingsState* m_settings = nullptr;
     AgentMetrics m_metrics;  // the server's thread's
     const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 };

@@ -8,6 +8,7 @@
 #include "QORLibLocal/QORVocabulary.h"
 #include "agent/api/AgentApplication.h"
 #include "agent/api/AgentJson.h"
+#include "agent/settings/SettingsState.h"
 #include "forward/QORForwarder.h"
 #include "host/QORStatus.h"
 
@@ -131,6 +132,8 @@ std::string statusText(const AgentApplication& application) {
         writeKey(json, "unreadable");
         writeUnreadable(json, status.unreadable);
         if (!status.servers.empty()) writeServers(json, status.servers);
+        if (const SettingsState* const settings = application.settingsState())
+            writeMember(json, "settings", readable(settings->text()));
         if (QORForwarder* const forwarder = application.forwarder()) {
             forwarder->look();
             writeForwarding(json, forwarder->state());

@@ -340,7 +340,7 @@ private:
     }
 
     AgentCall& m_call;
-    const AgentFollowSettings& m_settings;
+    const AgentFollowSettings m_settings;
     Place m_place;
     EventStream m_events;
     std::set<QORChangeKind> m_kinds;

@@ -8,6 +8,7 @@
 #include "agent/api/AgentApplication.h"
 #include "agent/api/AgentAudit.h"
 #include "agent/api/PrometheusText.h"
+#include "agent/settings/SettingsState.h"
 #include "forward/QORForwarder.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -67,6 +68,18 @@ void writeAudit(PrometheusText& text, const AgentAudit& audit) {
     write(text, "qor_audit_waiting", Type::Gauge, "Lines of the audit that wait to be written.", counts.waiting);
 }
 
+void writeSettings(PrometheusText& text, const SettingsState::State& state) {
+    text.family("qor_settings_reloads_total", Type::Counter, "How often the settings were read anew.");
+    text.sample(state.done, {{"outcome", "done"}});
+    text.sample(state.failed, {{"outcome", "failed"}});
+    write(text, "qor_settings_failing", Type::Gauge, "1 when they could not be read the last time.",
+          state.failure.empty() ? 0U : 1U);
+    write(text, "qor_settings_awaiting_restart", Type::Gauge, "Settings that were changed and need a restart.",
+          state.awaiting.size());
+    write(text, "qor_settings_loaded_timestamp_seconds", Type::Gauge, "When those that hold were read.",
+          static_cast<std::uint64_t>(state.loaded));
+}
+
 void writeForwarding(PrometheusText& text, const QORForwardState& state) {
     write(text, "qor_forward_behind", Type::Gauge, "Changes that the other agent has not taken yet.", state.behind);
     write(text, "qor_forward_behind_seconds", Type::Gauge, "Time since it had taken all of them.",
@@ -90,7 +103,8 @@ void AgentApplication::writeMetrics(PrometheusText& text) const {
     writeDatabase(text);
     write(text, "qor_logins_refused_total", Type::Counter, "Requests of clients that were not let in.",
           m_access.refusals());
-    if (m_audit != nullptr) writeAudit(text, *m_audit);
+    if (m_settings != nullptr) writeSettings(text, m_settings->now());
+    if (const auto auditing = audit()) writeAudit(text, *auditing);
     if (m_forwarder != nullptr) writeForwarding(text, m_forwarder->state());
 }
 

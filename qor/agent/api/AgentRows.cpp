@@ -188,7 +188,7 @@ HttpReply replyWithRows(
     reply.contentType = type;
     reply.fields = variesByAccept;
     if (!form.stream) {
-        QORAnswerText text(call.host.options().answers.bytes);
+        QORAnswerText text(call.host.router().answerLimits().bytes);
         bool fits = true;
         const auto writer =
             makeRowsWriter(form.format, [&](std::string_view block) { return fits = fits && text.add(block); });

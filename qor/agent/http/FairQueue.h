@@ -38,6 +38,9 @@ public:
     explicit FairQueue(const FairQueueLimits& limits) : m_limits(limits) {}
 
     const FairQueueLimits& limits() const noexcept { return m_limits; }
+    /// What is in use beyond smaller limits stays so until it is given back. An item that waits for more than its key
+    /// may have now waits until it expires.
+    void setLimits(const FairQueueLimits& limits) noexcept { m_limits = limits; }
 
     /// Lets an item wait. \param units at most limits().perKey
     /// \returns false when as many wait as may
@@ -151,7 +154,7 @@ private:
             m_accounts.erase(found);
     }
 
-    const FairQueueLimits m_limits;
+    FairQueueLimits m_limits;
     std::map<std::string, Account, std::less<>> m_accounts;
     std::list<std::string> m_turns;  ///< keys with waiting items, the one whose turn it is first
     std::size_t m_waiting = 0;

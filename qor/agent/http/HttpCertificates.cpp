@@ -140,7 +140,9 @@ void believe(SSL_CTX* context, const std::string& path) {
     ::SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
 }
 
-HttpCertificates::Context makeContext(const HttpCertificateFiles& files) {
+}  // namespace
+
+HttpCertificates::Context HttpCertificates::read(const HttpCertificateFiles& files) {
     auto context = std::make_shared<ssl::context>(ssl::context::tls_server);
     SSL_CTX* const native = context->native_handle();
     SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
@@ -156,15 +158,11 @@ HttpCertificates::Context makeContext(const HttpCertificateFiles& files) {
     return context;
 }
 
-}  // namespace
+HttpCertificates::HttpCertificates(const HttpCertificateFiles& files) : m_current(read(files)) {}
 
-HttpCertificates::HttpCertificates(HttpCertificateFiles files)
-    : m_files(std::move(files)), m_current(makeContext(m_files)) {}
-
-void HttpCertificates::reload() {
-    Context context = makeContext(m_files);
+void HttpCertificates::use(Context read) noexcept {
     const std::lock_guard lock(m_mutex);
-    m_current.swap(context);
+    m_current.swap(read);
 }
 
 HttpCertificates::Context HttpCertificates::current() const {

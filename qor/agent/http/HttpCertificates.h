@@ -19,8 +19,8 @@ struct HttpCertificateFiles {
     std::string clientAuthority{};  ///< whose certificates clients may show; empty: they are not asked for any
 };
 
-/// Reads the files, and reads them anew when told to. TLS 1.2 and up, ciphers with forward secrecy; sessions are not
-/// resumed, so that each connection is checked against what holds now. Clients that show a certificate must have it
+/// What has been read of the files, until others are used. TLS 1.2 and up, ciphers with forward secrecy; sessions are
+/// not resumed, so that each connection is checked against what holds now. Clients that show a certificate must have it
 /// from the authority; showing none is no fault. Thread-safe.
 class HttpCertificates {
 public:
@@ -28,17 +28,17 @@ public:
 
     /// \throws QORException errFailure naming the file and what is wrong with it: it cannot be read, holds no
     /// certificate or key, the key belongs to another certificate, the certificate's time is over or has not come
-    explicit HttpCertificates(HttpCertificateFiles files);
+    explicit HttpCertificates(const HttpCertificateFiles& files);
 
-    /// Connections that are accepted from now on see what the files hold now.
-    /// \throws QORException as the constructor; what was read before then stays in use
-    void reload();
+    /// What files hold that fit. \throws QORException as the constructor
+    static Context read(const HttpCertificateFiles& files);
+    /// Connections that are accepted from now on see these.
+    void use(Context read) noexcept;
 
     /// For a connection that begins. Never null.
     Context current() const;
 
 private:
-    const HttpCertificateFiles m_files;
     mutable std::mutex m_mutex;
     Context m_current;  // guarded by m_mutex; what it points to does not change
 };

@@ -510,7 +510,9 @@ private:
     bool chargeChunked() {
         const std::size_t size = m_reader->body().size();
         if (m_reader->bodyLength() || size <= std::max(m_owner.options().freeBody, m_bodyMemory)) return true;
-        const std::size_t more = std::min(std::max(size, m_bodyMemory), m_owner.options().bodyLimit - m_bodyMemory);
+        // The limit may have become smaller while the body came.
+        const std::size_t limit = std::max(m_owner.options().bodyLimit, size);
+        const std::size_t more = std::min(std::max(size, m_bodyMemory), limit - m_bodyMemory);
         if (!m_owner.takeBodyMemory(*this, more)) {
             end(limited(HttpLimit::BodyMemory));
             return false;

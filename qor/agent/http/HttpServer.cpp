@@ -38,14 +38,19 @@ constexpr auto failurePause = std::chrono::minutes(1);
 /// For requests that have been told to end, to do so.
 constexpr auto endingTime = std::chrono::seconds(2);
 
-std::size_t atLeastOne(std::size_t number) {
-    return std::max<std::size_t>(number, 1);
-}
-
 /// \param perIdentity 0: half of them
-FairQueueLimits turnLimits(const HttpServerOptions& options, std::size_t workers, std::size_t perIdentity) {
+FairQueueLimits turnLimits(const HttpServerOptions& options, std::size_t threads, std::size_t perIdentity) {
+    const std::size_t workers = std::max<std::size_t>(threads, 1);
     const std::size_t mine = perIdentity == 0 ? workers / 2 : perIdentity;
     return {workers, std::clamp<std::size_t>(mine, 1, workers), options.waiting, options.waitingPerIdentity};
+}
+
+/// In the order of HttpLane.
+std::array<FairQueueLimits, httpLaneCount> laneLimits(const HttpServerOptions& options) {
+    return {turnLimits(options, options.threads, options.requestsPerIdentity),
+            turnLimits(options, options.writers, options.requestsPerIdentity),
+            turnLimits(options, options.streams, options.streamsPerIdentity),
+            turnLimits(options, options.followers, options.followersPerIdentity)};
 }
 
 /// One body of the largest size fits in any case.
@@ -89,12 +94,11 @@ public:
         : m_options(options),
           m_application(application),
           m_bodies(bodyLimits(options)),
-          m_lanes{Lane(options, options.threads, options.requestsPerIdentity),
-                  Lane(options, options.writers, options.requestsPerIdentity),
-                  Lane(options, options.streams, options.streamsPerIdentity),
-                  Lane(options, options.followers, options.followersPerIdentity)},
+          m_lanes{Lane(laneLimits(options)[0]), Lane(laneLimits(options)[1]), Lane(laneLimits(options)[2]),
+                  Lane(laneLimits(options)[3])},
           m_graceTimer(m_io),
           m_waitingTimer(m_io),
+          m_beatTimer(m_io),
           m_work(m_io.get_executor()) {
         for (const QORAgentAddress& address : m_options.listen)
             listen(address);
@@ -102,6 +106,7 @@ public:
 
     bool run() {
         preferShortWaits();
+        if (m_beat) beat();
         for (std::size_t number = 0; number < m_listeners.size(); ++number)
             accept(number);
         for (bool ended = false; !ended;) {
@@ -123,6 +128,15 @@ public:
 
     void stop() {
         net::post(m_io, [this] { beginStop(); });
+    }
+
+    void setBeat(std::chrono::milliseconds pause, std::function<void()> beat) {
+        m_beatPause = pause;
+        m_beat = std::move(beat);
+    }
+
+    void change(const HttpServerOptions& options) {
+        net::post(m_io, [this, options] { beginChange(options); });
     }
 
     const std::vector<QORAgentAddress>& addresses() const noexcept { return m_addresses; }
@@ -252,8 +266,7 @@ private:
     };
 
     struct Lane {
-        Lane(const HttpServerOptions& options, std::size_t threads, std::size_t perIdentity)
-            : turns(turnLimits(options, atLeastOne(threads), perIdentity)), workers(atLeastOne(threads)) {}
+        explicit Lane(const FairQueueLimits& limits) : turns(limits), workers(limits.inAll) {}
         FairQueue<Waiter> turns;
         WorkerPool workers;
         std::chrono::duration<double> usualTurn{0};  ///< how long one lasts; 0: none has ended
@@ -341,6 +354,15 @@ private:
     void listen(const QORAgentAddress& address) {
         using Protocol = HttpTransport::Protocol;
         using Acceptor = net::basic_socket_acceptor<Protocol>;
+        const bool secure = address.scheme == QORAgentAddress::Scheme::Https;
+        if (secure && !m_options.certificates)
+            throw QORException(errFailure, "cannot listen at " + address.text() + ": there is no certificate",
+                               sourcePath);
+        if (const int handed = handedSocket(address); handed >= 0) {
+            m_addresses.push_back(address);
+            add({Acceptor(m_io, protocolOf(address), handed), net::steady_timer(m_io), nullptr, secure});
+            return;
+        }
         std::unique_ptr<LocalListener> names;
         if (address.isUnix()) {
             names = std::make_unique<LocalListener>(address.path, m_options.socketGroup);
@@ -349,14 +371,23 @@ private:
             add({Acceptor(m_io, Protocol(AF_UNIX, 0), socket), net::steady_timer(m_io), std::move(names), false});
             return;
         }
-        const bool secure = address.scheme == QORAgentAddress::Scheme::Https;
-        if (secure && !m_options.certificates)
-            throw QORException(errFailure, "cannot listen at " + address.text() + ": there is no certificate",
-                               sourcePath);
         TcpListener listener(address);
         m_addresses.push_back(listener.address());
         add({Acceptor(m_io, Protocol(listener.family(), IPPROTO_TCP), listener.releaseSocket()),
              net::steady_timer(m_io), nullptr, secure});
+    }
+
+    /// -1 for none.
+    int handedSocket(const QORAgentAddress& address) const {
+        const auto found =
+            std::find_if(m_options.handed.begin(), m_options.handed.end(),
+                         [&](const HttpHandedSocket& socket) { return socket.address.text() == address.text(); });
+        return found == m_options.handed.end() ? -1 : found->descriptor;
+    }
+
+    static HttpTransport::Protocol protocolOf(const QORAgentAddress& address) {
+        if (address.isUnix()) return {AF_UNIX, 0};
+        return {address.host.find(':') == std::string::npos ? AF_INET : AF_INET6, IPPROTO_TCP};
     }
 
     void add(Listener listener) {
@@ -434,6 +465,33 @@ private:
         return true;
     }
 
+    void beat() {
+        m_beat();
+        m_beatTimer.expires_after(m_beatPause);
+        m_beatTimer.async_wait([this](beast::error_code cancelled) {
+            if (!cancelled && !m_finishing) beat();
+        });
+    }
+
+    void beginChange(const HttpServerOptions& options) {
+        HttpServerOptions next = options;
+        next.listen = m_options.listen;
+        next.handed = m_options.handed;
+        next.socketGroup = m_options.socketGroup;
+        next.certificates = m_options.certificates;
+        m_options = std::move(next);
+        m_bodies.setLimits(bodyLimits(m_options));
+        const auto limits = laneLimits(m_options);
+        for (std::size_t number = 0; number < httpLaneCount; ++number) {
+            m_lanes[number].turns.setLimits(limits[number]);
+            m_lanes[number].workers.allow(limits[number].inAll);
+        }
+        // There may be more than those who wait were waiting for.
+        grantBodies();
+        for (Lane& lane : m_lanes)
+            grantTurns(lane.turns);
+    }
+
     void acceptLater(std::size_t number, beast::error_code error) {
         Listener& listener = *m_listeners[number];
         logMessage(1, module, sourcePath, "accept", "cannot accept a connection: %s", error.message().c_str());
@@ -481,6 +539,7 @@ private:
         net::post(m_io, [this] {
             m_graceTimer.cancel();
             m_waitingTimer.cancel();
+            m_beatTimer.cancel();
             while (!m_connections.empty())
                 (*m_connections.begin())->close();
             m_work.reset();
@@ -521,7 +580,7 @@ private:
         m_io.stop();
     }
 
-    const HttpServerOptions m_options;
+    HttpServerOptions m_options;
     HttpApplication& m_application;
     // The workers go first: what they still hold of a connection posts to m_io.
     net::io_context m_io{1};
@@ -531,6 +590,7 @@ private:
     std::vector<QORAgentAddress> m_addresses;  // of the listeners, in their order
     net::steady_timer m_graceTimer;
     net::steady_timer m_waitingTimer;
+    net::steady_timer m_beatTimer;
     net::executor_work_guard<net::io_context::executor_type> m_work;
     std::unordered_set<HttpConnection*> m_connections;  // each keeps itself alive
     std::map<std::string, Account> m_accounts;          // of identities that have connections
@@ -539,6 +599,8 @@ private:
     std::size_t m_inFlight = 0;
     HttpCounts m_counts;  // what is counted up; the rest is looked at when it is asked for
     std::optional<std::chrono::steady_clock::time_point> m_failureTold;
+    std::chrono::milliseconds m_beatPause{};
+    std::function<void()> m_beat;
     bool m_granting = false;
     bool m_watching = false;
     bool m_stopping = false;
@@ -558,6 +620,14 @@ bool HttpServer::run() {
 
 void HttpServer::stop() {
     m_impl->stop();
+}
+
+void HttpServer::setBeat(std::chrono::milliseconds pause, std::function<void()> beat) {
+    m_impl->setBeat(pause, std::move(beat));
+}
+
+void HttpServer::change(const HttpServerOptions& options) {
+    m_impl->change(options);
 }
 
 const std::vector<QORAgentAddress>& HttpServer::addresses() const noexcept {

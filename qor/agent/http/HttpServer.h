@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,8 +17,15 @@
 
 namespace QOR {
 
+/// A socket that somebody else has opened, and that listens. A value; whoever is given it closes it.
+struct HttpHandedSocket {
+    QORAgentAddress address{};
+    int descriptor = -1;
+};
+
 struct HttpServerOptions {
-    std::vector<QORAgentAddress> listen{};  ///< all of these at once
+    std::vector<QORAgentAddress> listen{};   ///< all of these at once
+    std::vector<HttpHandedSocket> handed{};  ///< those of them that somebody else has opened
     std::string socketGroup{};  ///< whose members may connect to unix sockets; empty: these keep the process's group
     std::shared_ptr<HttpCertificates> certificates{};  ///< shared with who has them read anew; needed for https
     HttpOrigins origins{};                             ///< of web pages that may ask
@@ -81,6 +89,14 @@ public:
     /// on open connections get 503. The second call ends the grace, the third waits for nothing. Any thread may call
     /// it.
     void stop();
+
+    /// Has the thread that serves clients say so, again and again. Before run().
+    void setBeat(std::chrono::milliseconds pause, std::function<void()> beat);
+
+    /// Takes other limits, times and origins: what is accepted, read, run and sent from now on goes by them; a
+    /// connection that waits for a request reads that one by the sizes that it waits with. Where it listens, whose
+    /// group the sockets have and what certificates it shows stay. Any thread.
+    void change(const HttpServerOptions& options);
 
     /// Where it listens, in the order of the options, with the ports that were taken. Any thread.
     const std::vector<QORAgentAddress>& addresses() const noexcept;

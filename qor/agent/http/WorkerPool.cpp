@@ -99,6 +99,11 @@ void WorkerPool::post(Task task) {
     m_changed.notify_one();
 }
 
+void WorkerPool::allow(std::size_t threads) {
+    const std::lock_guard lock(m_mutex);
+    m_most = threads;
+}
+
 void WorkerPool::join() {
     {
         const std::lock_guard lock(m_mutex);

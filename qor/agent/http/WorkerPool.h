@@ -38,6 +38,8 @@ public:
     void post(Task task);
     /// Looks for tasks that have taken long by now. To be called from time to time while tasks run.
     void attendToLongTasks() noexcept;
+    /// \param threads that there may be from now on; those beyond a smaller number stay, and have less to do
+    void allow(std::size_t threads);
     /// Runs what has been posted to its end, then ends the threads.
     void join();
 
@@ -58,9 +60,9 @@ private:
     static void begin(Worker& worker) noexcept;
     static void end(Worker& worker) noexcept;
 
-    const std::size_t m_most;
     std::mutex m_mutex;
     std::condition_variable m_changed;
+    std::size_t m_most;                  // guarded by m_mutex
     std::deque<Task> m_tasks;            // guarded by m_mutex
     bool m_ending = false;               // guarded by m_mutex
     std::size_t m_free = 0;              // guarded by m_mutex; threads that wait for tasks

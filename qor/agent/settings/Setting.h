@@ -37,6 +37,7 @@ struct Setting {
     std::string_view fallback{};                  ///< in words, where the value of nobody who gave one does not say it
     std::string (*fallbackHere)() = {};           ///< likewise, as it is on this machine and for this user
     std::string_view needs{};                     ///< the name of another setting, without which it means nothing
+    bool changes = false;                         ///< a running agent takes up another value
     std::string_view variable{};                  ///< of the environment, which gives it too
     void (*check)(const std::string& text) = {};  ///< \throws QORException for a text that is none of its values
 

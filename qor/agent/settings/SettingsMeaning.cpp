@@ -23,8 +23,27 @@ std::vector<QORAgentAddress> addressesOf(const AgentSettings& settings) {
     if (!settings.socket.empty()) addresses.push_back(unixAddress(settings.socket));
     for (const std::string& text : settings.listen)
         addresses.push_back(readAgentAddress(text));
-    if (addresses.empty()) addresses.push_back(unixAddress(defaultSocketPath()));
     return addresses;
+}
+
+bool isSamePlace(const QORAgentAddress& one, const QORAgentAddress& other) {
+    return one.isUnix() == other.isUnix() && one.path == other.path && one.host == other.host && one.port == other.port;
+}
+
+/// The addresses of sockets that listen already, as they are to be spoken at.
+void listenAtHanded(HttpServerOptions& server) {
+    for (HttpHandedSocket& socket : server.handed) {
+        const auto named = std::find_if(server.listen.begin(), server.listen.end(),
+                                        [&](const auto& address) { return isSamePlace(address, socket.address); });
+        using Scheme = QORAgentAddress::Scheme;
+        if (named != server.listen.end()) {
+            socket.address = *named;
+            continue;
+        }
+        if (!socket.address.isUnix())
+            socket.address.scheme = isOfThisMachine(socket.address.host) ? Scheme::Http : Scheme::Https;
+        server.listen.push_back(socket.address);
+    }
 }
 
 }  // namespace
@@ -34,9 +53,12 @@ bool usesTls(const HttpServerOptions& server) noexcept {
                        [](const QORAgentAddress& address) { return address.scheme == QORAgentAddress::Scheme::Https; });
 }
 
-HttpServerOptions serverOptions(const AgentSettings& settings) {
+HttpServerOptions serverOptions(const AgentSettings& settings, const std::vector<HttpHandedSocket>& handed) {
     HttpServerOptions server = settings.server;
     server.listen = addressesOf(settings);
+    server.handed = handed;
+    listenAtHanded(server);
+    if (server.listen.empty()) server.listen.push_back(unixAddress(defaultSocketPath()));
     for (const std::string& origin : settings.origins)
         server.origins.add(origin);
     const HttpCertificateFiles& files = settings.tls;

@@ -2,13 +2,18 @@
 /// What settings mean together: what fits, and what follows.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "agent/settings/AgentSettings.h"
 
 namespace QOR {
 
-/// The server's options. \throws QORException errBadRequest for an address that is none, and certificates that are
-/// missing or for nothing
-HttpServerOptions serverOptions(const AgentSettings& settings);
+/// The server's options. \param handed sockets that listen already. One whose address the settings name is taken for
+/// it, others are listened at besides: TCP by https, on this machine alone by http. With any, nothing is listened at
+/// that the settings do not name. \throws QORException errBadRequest for an address that is none, and certificates that
+/// are missing or for nothing
+HttpServerOptions serverOptions(const AgentSettings& settings, const std::vector<HttpHandedSocket>& handed);
 
 /// Where records are sent on to; only where settings.forward is given. \throws QORException errBadRequest
 QORForwardOptions forwardOptions(const AgentSettings& settings);

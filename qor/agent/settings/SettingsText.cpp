@@ -39,7 +39,7 @@ void appendSetting(const Setting& setting, const GivenSettings& given, std::stri
     const std::string fallback = setting.fallbackHere != nullptr ? setting.fallbackHere() : setting.fallbackWords();
     if (!fallback.empty()) text += ". Default: " + fallback;
     if (!setting.variable.empty()) text += ". Also: variable " + std::string(setting.variable);
-    text += ".\n";
+    text += setting.changes ? ".\n" : ". A change needs a restart.\n";
     const std::string name(setting.name);
     if (const GivenSettings::Given* const one = given.find(setting)) {
         text += name + " = " + valueText(setting, one->texts) + "  # " + one->where + "\n";
@@ -74,14 +74,14 @@ std::string settingsAsTable() {
     for (const Setting& setting : settingTable()) {
         if (setting.group != group) {
             text += (group.empty() ? "**" : "\n**") + std::string(setting.group) +
-                    "**\n\n| Setting | Values | Default | |\n|---|---|---|---|\n";
+                    "**\n\n| Setting | Values | Default | Changes while it runs | |\n|---|---|---|---|---|\n";
         }
         group = setting.group;
         const std::string values = setting.isFlag()     ? "true, false"
                                    : setting.isNumber() ? rangeOf(setting)
                                                         : std::string(setting.placeholder);
         text += "| `" + std::string(setting.name) + "` | " + cell(values) + " | " + cell(setting.fallbackWords()) +
-                " | " + cell(setting.meaning);
+                " | " + (setting.changes ? "yes" : "no") + " | " + cell(setting.meaning);
         if (!setting.variable.empty()) text += "; also `" + std::string(setting.variable) + "`";
         text += " |\n";
     }

@@ -474,7 +474,8 @@ std::vector<QORViewColumn> AgentBackend::views() {
 
 BackendStatus AgentBackend::status() {
     const std::string status = exchange({"GET", "/v1/status"});
-    return {readHealthReply(exchange({"GET", "/v1/health"})), readForwardingReply(status), readStatusReply(status)};
+    return {readHealthReply(exchange({"GET", "/v1/health"})), readForwardingReply(status), readStatusReply(status),
+            readSettingsReply(status)};
 }
 
 std::vector<QORCheckFinding> AgentBackend::check(const std::string& part, bool mend) {

@@ -173,6 +173,12 @@ QORDatabaseStatus readStatusReply(std::string_view json) {
     return status;
 }
 
+std::string readSettingsReply(std::string_view json) {
+    const Document document = parse(json, "database");
+    const Value* const settings = find(document, "settings");
+    return settings == nullptr ? std::string() : textOf(*settings);
+}
+
 std::optional<AgentForwarding> readForwardingReply(std::string_view json) {
     const Document document = parse(json, "database");
     const Value* const forward = find(document, "forward");

@@ -33,6 +33,8 @@ bool readAccess(std::string_view json);
 QORDatabaseStatus readStatusReply(std::string_view json);
 /// From the status; nothing of an agent that sends nothing on.
 std::optional<AgentForwarding> readForwardingReply(std::string_view json);
+/// What an agent says of its settings; empty for one that says nothing.
+std::string readSettingsReply(std::string_view json);
 AgentHealth readHealthReply(std::string_view json);
 std::vector<QORCheckFinding> readCheckReply(std::string_view json);
 Backend::Pruned readPruneReply(std::string_view json);

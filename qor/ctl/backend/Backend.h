@@ -63,6 +63,7 @@ struct BackendStatus {
     std::optional<AgentHealth> agent;           ///< absent without an agent
     std::optional<AgentForwarding> forwarding;  ///< of an agent that does it
     QORDatabaseStatus database;
+    std::string settings{};  ///< what an agent says of its settings; empty where it says nothing
 };
 
 /// One connection, or one host in the process. One thread at a time, but where said otherwise.

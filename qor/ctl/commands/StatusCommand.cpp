@@ -66,6 +66,7 @@ void runStatus(const ConnectionOptions& connection, const PrintOptions& print) {
         lines.add("version", status.agent->version);
         lines.add("uptime", std::to_string(status.agent->uptime) + " s");
     }
+    if (!status.settings.empty()) lines.add("settings", status.settings);
     addDatabase(lines, status.database);
     addDocuments(lines, status.database);
     if (status.forwarding) addForwarding(lines, *status.forwarding);

@@ -205,7 +205,7 @@ TEST_F(HttpListeningTest, CertificatesReadAnewAreShownToThoseWhoComeLater) {
     replace(files.certificate, certificates().certificate("later"));
     replace(files.key, certificates().key("later"));
     EXPECT_EQ(connectTls().client.get("/").status, 200) << "nobody has told it yet";
-    options.certificates->reload();
+    options.certificates->use(HttpCertificates::read(files));
     EXPECT_THROW(connectTls(), std::runtime_error);
     EXPECT_EQ(connectTls({certificates().certificate("other")}).client.get("/").status, 200);
     EXPECT_EQ(before.client.get("/").status, 200) << "connections that are open stay";
@@ -214,7 +214,8 @@ TEST_F(HttpListeningTest, CertificatesReadAnewAreShownToThoseWhoComeLater) {
 TEST_F(HttpListeningTest, FilesThatDoNotFitReplaceNothing) {
     begin();
     replace(files.key, certificates().key("other"));
-    EXPECT_THAT(complaintOf([&] { options.certificates->reload(); }), HasSubstr("does not belong"));
+    EXPECT_THAT(complaintOf([&] { options.certificates->use(HttpCertificates::read(files)); }),
+                HasSubstr("does not belong"));
     EXPECT_EQ(connectTls().client.get("/").status, 200);
 }
 

@@ -1,0 +1,164 @@
+#include "agent/AgentReload.h"
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <exception>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORFiles.h"
+#include "QORCommon/QORLogger.h"
+#include "QORCommon/QORPasswords.h"
+#include "agent/ServiceManager.h"
+#include "agent/api/AgentApplication.h"
+#include "agent/api/AgentAudit.h"
+#include "agent/settings/SettingTable.h"
+#include "agent/settings/SettingsMeaning.h"
+#include "host/QORHost.h"
+
+namespace QOR {
+namespace {
+
+constexpr const char* module = "QORAgent";
+constexpr const char* sourcePath = "qor/agent/AgentReload";
+
+bool isSameAudit(const AgentAudit::Options& one, const AgentAudit::Options& other) {
+    return one.target == other.target && one.literals == other.literals;
+}
+
+std::string joined(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + name;
+    return text;
+}
+
+}  // namespace
+
+struct AgentReload::Change {
+    AgentSettings settings;             ///< what holds then: of what needs a restart, what held before
+    HttpServerOptions server;           ///< the same
+    std::vector<std::string> changed;   ///< names
+    std::vector<std::string> awaiting;  ///< names of what needs a restart
+    HttpCertificates::Context certificates{};
+    std::shared_ptr<AgentAudit> audit{};
+};
+
+AgentReload::AgentReload(SettingsSources sources, AgentSettings running, Parts parts)
+    : m_sources(std::move(sources)), m_running(std::move(running)), m_parts(parts) {}
+
+void AgentReload::run() {
+    ServiceManager::reloading();
+    reopenLogs();
+    try {
+        apply(prepare());
+    } catch (const std::exception& exception) {
+        // A database may be given with a password.
+        const std::string why = withoutPasswords(exception.what());
+        m_parts.state.failed(why);
+        logMessage(0, module, sourcePath, __func__, "%s; the settings stay as they were%s", why.c_str(),
+                   m_parts.certificates == nullptr ? "" : ", and the certificates stay as they were");
+    }
+    ServiceManager::ready(m_parts.state.text());
+}
+
+void AgentReload::reopenLogs() const {
+    if (const auto audit = m_parts.application.audit()) audit->reopen();
+    if (m_running.logFile.empty()) return;
+    try {
+        setLogFile(m_running.logFile);
+        logMessage(2, module, sourcePath, __func__, "the log has been opened anew");
+    } catch (const std::exception& exception) {
+        logMessage(0, module, sourcePath, __func__, "%s; the old one is written on", exception.what());
+    }
+}
+
+/// What goes together with something that needs a restart waits for that.
+bool AgentReload::canChange(const Setting& setting, const AgentSettings& wanted) const {
+    if (setting.name.starts_with("tls-"))
+        return m_parts.certificates != nullptr && usesTls(serverOptions(wanted, m_parts.handed));
+    if (setting.name.starts_with("keep-")) return !m_running.readOnly;
+    return setting.changes;
+}
+
+AgentReload::Change AgentReload::prepare() {
+    const AgentSettings wanted = m_sources.read().settings();
+    static_cast<void>(serverOptions(wanted, m_parts.handed));
+    if (!wanted.forward.empty()) static_cast<void>(forwardOptions(wanted));
+    checkTogether(wanted);
+    Change change{m_running, {}, {}, {}};
+    for (const Setting& setting : settingTable()) {
+        if (setting.texts(wanted) == setting.texts(m_running)) continue;
+        const bool now = canChange(setting, wanted);
+        (now ? change.changed : change.awaiting).emplace_back(setting.name);
+        if (now) setting.copy(wanted, change.settings);
+    }
+    change.server = serverOptions(change.settings, m_parts.handed);
+    fitConnections(change.server);
+    if (m_parts.certificates != nullptr) change.certificates = HttpCertificates::read(change.settings.tls);
+    change.audit = m_parts.application.audit();
+    if (!isSameAudit(change.settings.audit, m_running.audit)) {
+        change.audit =
+            change.settings.audit.target.empty() ? nullptr : std::make_shared<AgentAudit>(change.settings.audit);
+    }
+    takeLogAndRetention(change.settings);
+    return change;
+}
+
+void AgentReload::takeLogAndRetention(const AgentSettings& settings) const {
+    try {
+        if (settings.logFile != m_running.logFile) openLog(settings.logFile);
+        if (settings.keep != m_running.keep) m_parts.retention = QORRetention(settings.keep);
+    } catch (const std::exception&) {
+        setLogFile(m_running.logFile);
+        throw;
+    }
+}
+
+void AgentReload::apply(Change change) {
+    AgentSettings& settings = change.settings;
+    setLogLevel(static_cast<int>(settings.logLevel));
+    if (m_parts.certificates != nullptr) {
+        m_parts.certificates->use(std::move(change.certificates));
+        logMessage(2, module, sourcePath, __func__, "the certificates have been read anew");
+    }
+    settings.memory.unpackedBody = settings.server.bodyLimit;
+    m_parts.application.setMemory(settings.memory);
+    m_parts.application.setFollowing(settings.following);
+    m_parts.application.setAudit(std::move(change.audit));
+    m_parts.host.router().setAnswerLimits(settings.answers);
+    m_parts.server.change(change.server);
+    m_running = std::move(settings);
+    m_parts.state.loaded(change.awaiting);
+    logMessage(2, module, sourcePath, __func__, "the settings have been read anew; changed: %s",
+               change.changed.empty() ? "nothing" : joined(change.changed).c_str());
+    if (change.awaiting.empty()) return;
+    logMessage(1, module, sourcePath, __func__, "a change of %s needs a restart of the agent",
+               joined(change.awaiting).c_str());
+}
+
+void openLog(const std::string& path) {
+    setLogFile(path);
+    if (path.empty()) return;
+    if (const std::optional<mode_t> before = narrowOwnFile(path)) {
+        logMessage(1, module, sourcePath, __func__, "%s had mode %04o, so that others could read it; it is %04o now",
+                   path.c_str(), *before, *before & S_IRWXU);
+    }
+}
+
+void fitConnections(HttpServerOptions& server) {
+    constexpr std::size_t forOthers = 320;  // 64 connections to the database with their files, the log, the plug-ins
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= server.maxConnections + forOthers) return;
+    const std::size_t left = limit.rlim_cur > forOthers ? limit.rlim_cur - forOthers : 0;
+    server.maxConnections = std::max<std::size_t>(left, 16);
+    logMessage(1, module, sourcePath, __func__, "%zu descriptors are few: there may be %zu connections",
+               static_cast<std::size_t>(limit.rlim_cur), server.maxConnections);
+}
+
+}  // namespace QOR
