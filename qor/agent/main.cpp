@@ -28,6 +28,7 @@
 #include "agent/http/LocalListener.h"
 #include "agent/http/TcpListener.h"
 #include "agent/settings/SettingsCommandLine.h"
+#include "agent/settings/SettingsManual.h"
 #include "agent/settings/SettingsMeaning.h"
 #include "agent/settings/SettingsSources.h"
 #include "agent/settings/SettingsText.h"
@@ -197,6 +198,8 @@ int parseAndServe(int argc, char** argv) {
     constexpr int badUsage = 2;
     const std::vector<std::string> arguments(argv + 1, argv + argc);
     hidePasswords(argc, argv);
+    if (!arguments.empty() && arguments.front() == agentManualQuestion) return print(agentManual(QOR_VERSION));
+    if (!arguments.empty() && arguments.front() == settingsManualQuestion) return print(settingsManual(QOR_VERSION));
     int status = EXIT_SUCCESS;
     const std::optional<SettingsCommandLine> line = readCommandLine(arguments, status);
     if (!line) return status;

@@ -20,6 +20,7 @@ using test::AgentProcess;
 using test::AgentSettings;
 using test::HttpClient;
 using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -97,6 +98,14 @@ TEST_F(Package, HasTheClientsManualAndWhatShellsCompleteItWith) {
     for (const char* script : {"bash-completion/completions/qorctl", "fish/vendor_completions.d/qorctl.fish",
                                "zsh/vendor-completions/_qorctl"})
         EXPECT_THAT(contentsOf(share / script), HasSubstr("__complete")) << script;
+}
+
+TEST_F(Package, HasTheManualsOfTheAgentAndOfItsSettings) {
+    const fs::path manuals = prefix() / "share/man";
+    EXPECT_THAT(contentsOf(manuals / "man8/qor-agent.8"),
+                AllOf(HasSubstr(".TH QOR-AGENT 8"), HasSubstr("\n.B \\-\\-threads N\n"), EndsWith(".BR qorctl (1)\n")));
+    EXPECT_THAT(contentsOf(manuals / "man5/agent.toml.5"),
+                AllOf(HasSubstr(".TH AGENT.TOML 5"), HasSubstr("\n.B threads\n"), EndsWith(".BR qorctl (1)\n")));
 }
 
 TEST_F(Package, KeepsNoPathOfTheBuild) {

@@ -26,4 +26,7 @@ struct SettingsCommandLine {
 /// for help, 2 for what is wrong
 std::optional<SettingsCommandLine> readCommandLine(const std::vector<std::string>& arguments, int& status);
 
+/// Its options as entries of man(7), a group a heading. The same on every machine.
+std::string commandLineManual();
+
 }  // namespace QOR

@@ -19,7 +19,6 @@ std::string valueText(const Setting& setting, const std::vector<std::string>& te
 }
 
 std::string rangeOf(const Setting& setting) {
-    if (!setting.isNumber()) return {};
     return std::to_string(setting.range.least) + " to " + std::to_string(setting.range.most);
 }
 
@@ -57,6 +56,17 @@ std::string cell(std::string_view text) {
 
 }  // namespace
 
+std::string valuesOf(const Setting& setting) {
+    if (setting.isFlag()) return "true, false";
+    return setting.isNumber() ? rangeOf(setting) : std::string(setting.placeholder);
+}
+
+std::string plainFallback(const Setting& setting) {
+    std::string text = setting.fallbackWords();
+    std::erase(text, '`');
+    return text;
+}
+
 std::string settingsAsFile(const GivenSettings& given) {
     std::string text = "# Settings of qor-agent. A line that begins with # is not read.\n";
     std::string_view group;
@@ -77,11 +87,9 @@ std::string settingsAsTable() {
                     "**\n\n| Setting | Values | Default | Changes while it runs | |\n|---|---|---|---|---|\n";
         }
         group = setting.group;
-        const std::string values = setting.isFlag()     ? "true, false"
-                                   : setting.isNumber() ? rangeOf(setting)
-                                                        : std::string(setting.placeholder);
-        text += "| `" + std::string(setting.name) + "` | " + cell(values) + " | " + cell(setting.fallbackWords()) +
-                " | " + (setting.changes ? "yes" : "no") + " | " + cell(setting.meaning);
+        text += "| `" + std::string(setting.name) + "` | " + cell(valuesOf(setting)) + " | " +
+                cell(setting.fallbackWords()) + " | " + (setting.changes ? "yes" : "no") + " | " +
+                cell(setting.meaning);
         if (!setting.variable.empty()) text += "; also `" + std::string(setting.variable) + "`";
         text += " |\n";
     }

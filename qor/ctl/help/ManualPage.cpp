@@ -3,6 +3,8 @@
 #include <sstream>
 #include <vector>
 
+#include "host/QORManualOptions.h"
+
 namespace QOR {
 namespace {
 
@@ -27,44 +29,14 @@ Milliseconds that a shell waits for names when it completes a line, 300 by defau
 Agents and databases by names, see
 .BR "qorctl context" .
 .SH SEE ALSO
-.BR qor\-agent (8)
+.BR qor\-agent (8),
+.BR agent.toml (5)
 )";
 
-/// Text that means nothing to the formatter.
-std::string escape(std::string_view text) {
-    std::string escaped;
-    bool isLineBegin = true;
-    for (const char c : text) {
-        if (isLineBegin && (c == '.' || c == '\'')) escaped += "\\&";
-        if (c == '\\')
-            escaped += "\\e";
-        else if (c == '-')
-            escaped += "\\-";
-        else
-            escaped += c;
-        isLineBegin = c == '\n';
-    }
-    return escaped;
-}
+constexpr const char* connectionGroup = "Connection";
 
-/// How an option is written: "-o, --output FORMAT".
-std::string formOf(const CLI::Option& option) {
-    std::string form;
-    for (const std::string& name : option.get_snames())
-        form += (form.empty() ? "-" : ", -") + name;
-    for (const std::string& name : option.get_lnames())
-        form += (form.empty() ? "--" : ", --") + name;
-    if (form.empty()) form = option.get_name(true);
-    if (option.get_items_expected_max() > 0 && !option.get_positional() && !option.get_type_name().empty())
-        form += " " + option.get_type_name();
-    return form;
-}
-
-void writeOptions(std::ostream& out, const CLI::App& app, bool connection) {
-    for (const CLI::Option* const option : app.get_options()) {
-        if ((option->get_group() == "Connection") != connection || option->get_group().empty()) continue;
-        out << ".TP\n.B " << escape(formOf(*option)) << "\n" << escape(option->get_description()) << "\n";
-    }
+std::string optionsOf(const CLI::App& app) {
+    return manualOptions(app, [](const std::string& group) { return group != connectionGroup; });
 }
 
 /// What stands below the options in the help, its examples and other lines as they are.
@@ -73,14 +45,14 @@ void writeFooter(std::ostream& out, const CLI::App& app, std::string_view exitNo
     if (footer.ends_with(exitNote)) footer.resize(footer.size() - exitNote.size());
     while (!footer.empty() && footer.back() == '\n')
         footer.pop_back();
-    if (!footer.empty()) out << ".PP\n.nf\n" << escape(footer) << "\n.fi\n";
+    if (!footer.empty()) out << ".PP\n.nf\n" << manualText(footer) << "\n.fi\n";
 }
 
 void writeCommand(std::ostream& out, CLI::App& app, const std::string& name, const std::string& exitNote) {
     const std::vector<CLI::App*> parts = app.get_subcommands([](CLI::App*) { return true; });
     if (parts.empty()) {
-        out << ".SS " << escape(name) << "\n" << escape(app.get_description()) << ".\n";
-        writeOptions(out, app, false);
+        out << ".SS " << manualText(name) << "\n" << manualText(app.get_description()) << ".\n";
+        out << optionsOf(app);
         writeFooter(out, app, exitNote);
     }
     for (CLI::App* const part : parts)
@@ -95,12 +67,12 @@ std::string manualPage(CLI::App& app, std::string_view version) {
         << ".SH NAME\nqorctl \\- asks the agent of this machine, or a database directly\n"
         << ".SH SYNOPSIS\n.B qorctl\n[\\fIOPTIONS\\fR] \\fICOMMAND\\fR [\\fIARGUMENTS\\fR]\n"
         << ".SH OPTIONS\n";
-    writeOptions(out, app, false);
+    out << optionsOf(app);
     out << ".SS Whom to ask\nThey may stand in front of the command or behind it.\n";
-    writeOptions(out, app, true);
+    out << manualOptions(app, [](const std::string& group) { return group == connectionGroup; });
     out << ".SH COMMANDS\n";
     writeCommand(out, app, "", app.get_footer());
-    out << ".SH EXIT STATUS\n" << escape(app.get_footer()) << "\n.SH ENVIRONMENT\n" << environment;
+    out << ".SH EXIT STATUS\n" << manualText(app.get_footer()) << "\n.SH ENVIRONMENT\n" << environment;
     return out.str();
 }
 

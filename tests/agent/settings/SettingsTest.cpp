@@ -13,8 +13,10 @@
 #include "QORCommon/QORException.h"
 #include "agent/settings/SettingTable.h"
 #include "agent/settings/SettingsFile.h"
+#include "agent/settings/SettingsManual.h"
 #include "agent/settings/SettingsSources.h"
 #include "agent/settings/SettingsText.h"
+#include "host/QORManualText.h"
 #include "support/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 
@@ -224,6 +226,39 @@ TEST_F(SettingsTest, EachIsAnOptionWithItsMeaning) {
         EXPECT_THAT(help, HasSubstr("\n  --" + std::string(setting.name) + " ")) << setting.name;
         EXPECT_THAT(help, HasSubstr(std::string(setting.meaning))) << setting.name;
     }
+}
+
+TEST_F(SettingsTest, BothManualsNameEachWithWhatThePageSaysOfIt) {
+    const std::string agent = agentManual("1.0");
+    const std::string file = settingsManual("1.0");
+    for (const Setting& setting : settingTable()) {
+        const std::string form = manualText("--" + std::string(setting.name)) + (setting.isFlag() ? "\n" : " ");
+        EXPECT_THAT(agent, HasSubstr("\n.B " + form)) << setting.name;
+        EXPECT_THAT(agent, HasSubstr("\n.SS " + manualText(setting.group) + "\n")) << setting.group;
+        const std::string said = std::string(setting.meaning) + ". Values: " + valuesOf(setting) + ".\n";
+        std::string entry = manualEntry(setting.name, said);
+        entry.resize(entry.size() - 2);  // there it goes on
+        EXPECT_THAT(file, HasSubstr(entry)) << setting.name;
+        EXPECT_EQ(setting.variable.empty(), agent.find("\n.B " + std::string(setting.variable) + "\n") == agent.npos);
+    }
+    for (const char* const wish : {"\\-h, \\-\\-help", "\\-\\-settings FILE", "\\-\\-check\\-config"})
+        EXPECT_THAT(agent, HasSubstr(std::string("\n.B ") + wish + "\n"));
+}
+
+TEST_F(SettingsTest, ManualsSayDefaultsInWordsThatHoldOnEveryMachine) {
+    const std::string agent = agentManual("1.0");
+    EXPECT_THAT(agent, HasSubstr(", by default agent.db in the state folder\n"));
+    EXPECT_THAT(agent, HasSubstr(", by default lib/qor/plugins beside the agent's bin\n"));
+    EXPECT_THAT(settingsManual("1.0"), HasSubstr(" Default: agent.db in the state folder."));
+}
+
+TEST_F(SettingsTest, TheManualsExampleIsAFileOfSettings) {
+    const std::string page = settingsManual("1.0");
+    const std::string begin = ".SH EXAMPLE\n.nf\n";
+    const std::size_t from = page.find(begin) + begin.size();
+    std::string example = page.substr(from, page.find(".fi\n", from) - from);
+    std::erase(example, '\\');
+    EXPECT_EQ(mistakesIn(example), "");
 }
 
 TEST_F(SettingsTest, ThePageHasTheTableThatTheProgramPrints) {
