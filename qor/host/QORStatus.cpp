@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "QORDBSchema/QORDBSchema.h"
+#include "QORLibAgent/QORRecordState.h"
+#include "QORLibAgent/QORSecurity.h"
 #include "QORServers/QORServers.h"
 
 namespace QOR {
@@ -21,6 +23,31 @@ void addUp(std::vector<QORUnreadableDocuments>& all, const std::vector<QORUnread
     }
 }
 
+std::uint64_t sizeOfDatabase(ASSession& session) {
+    ASStatement& select = session.prepare(session.engine() == ASEngine::SQLite
+                                              ? "SELECT page_count * page_size FROM pragma_page_count, pragma_page_size"
+                                              : "SELECT pg_database_size(current_database())");
+    select.execute();
+    const std::uint64_t bytes = select.fetch() ? static_cast<std::uint64_t>(select.integer(1)) : 0;
+    select.close();
+    return bytes;
+}
+
+/// In the order of QORChangeKind.
+std::vector<QORViewRecords> noRecords() {
+    return {{"vEnvironment"}, {"vOpLog"}, {"vEventLog"}, {"vBackupInfo"}};
+}
+
+void addRecords(ASSession& session, std::vector<QORViewRecords>& all) {
+    QORClientContext everybody;
+    everybody.fullAccess = true;
+    const QORRowAccess access(everybody);
+    for (std::size_t kind = 0; kind < changeKindCount; ++kind) {
+        const QORRecordState state = recordState(session, static_cast<QORChangeKind>(kind), access);
+        all[kind].records += static_cast<std::uint64_t>(state.records);
+    }
+}
+
 void addServer(QORDatabaseStatus& status, const QORServer& server) {
     QORServerStatus& own = status.servers.emplace_back();
     own.name = server.name;
@@ -30,9 +57,12 @@ void addServer(QORDatabaseStatus& status, const QORServer& server) {
             own.schemaVersion = QORDBSchema::inspect(*transaction).version;
             const auto unreadable = unreadableDocuments(*transaction);
             if (unreadable && status.unreadable) addUp(*status.unreadable, *unreadable);
+            status.bytes += sizeOfDatabase(*transaction);
+            if (status.records) addRecords(*transaction, *status.records);
         });
     } catch (const AException& failure) {
         own.failure = failure.text();
+        status.records.reset();
     }
 }
 
@@ -41,6 +71,7 @@ void addServer(QORDatabaseStatus& status, const QORServer& server) {
 QORDatabaseStatus readDatabaseStatus() {
     QORDatabaseStatus status;
     const ASDatabaseOptions options = QORRdbms::instance().options();
+    const auto placement = QORServers::instance().placement();
     status.name = QORDBSchema::databaseName(options.connectionString);
     status.readOnly = options.readOnly;
     {
@@ -48,8 +79,11 @@ QORDatabaseStatus readDatabaseStatus() {
         status.engine = transaction->engine() == ASEngine::SQLite ? "SQLite" : "PostgreSQL";
         status.schemaVersion = QORDBSchema::inspect(*transaction).version;
         status.unreadable = unreadableDocuments(*transaction);
+        status.bytes = sizeOfDatabase(*transaction);
+        if (status.schemaVersion == QORDBSchema::currentVersion()) status.records = noRecords();
+        // Where there are servers, they have all of them.
+        if (status.records && placement->servers().empty()) addRecords(*transaction, *status.records);
     }
-    const auto placement = QORServers::instance().placement();
     for (const QORServer& server : placement->servers())
         addServer(status, server);
     return status;

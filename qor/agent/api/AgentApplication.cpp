@@ -123,6 +123,16 @@ std::shared_ptr<AgentAudit> AgentApplication::audit() const {
     return m_audit;
 }
 
+void AgentApplication::collected(AgentCollection collection) {
+    const std::lock_guard lock(m_mutex);
+    m_collection = std::move(collection);
+}
+
+std::optional<AgentCollection> AgentApplication::lastCollection() const {
+    const std::lock_guard lock(m_mutex);
+    return m_collection;
+}
+
 HttpIdentity AgentApplication::identify(const HttpPeer& peer) {
     const bool root = peer.credentials && (peer.credentials->uid == 0 || peer.credentials->uid == ::geteuid());
     return {HttpApplication::identify(peer).key, root};

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -33,6 +34,12 @@ class AgentAudit;
 class QORForwarder;
 class SettingsState;
 struct AgentTrace;
+
+/// How it went when what this machine knows of itself was brought in.
+struct AgentCollection {
+    std::int64_t time = 0;  ///< seconds since the epoch, at its end
+    std::string failure{};  ///< empty where it went well
+};
 
 /// Who asks is decided for each request when its head has been read (AgentAccess): by the token that it shows, or by
 /// who the system says is at the other end, or by the certificate that was shown. Root and the agent's own user have
@@ -63,6 +70,11 @@ public:
     /// Before the first connection. \param settings outlives the application; null: there is nothing to tell
     void setSettingsState(const SettingsState* settings) noexcept { m_settings = settings; }
     const SettingsState* settingsState() const noexcept { return m_settings; }
+
+    /// A collection has come to its end. Any thread.
+    void collected(AgentCollection collection);
+    /// Nothing where there was none since the start. Any thread.
+    std::optional<AgentCollection> lastCollection() const;
 
     /// Before the first connection. \param forwarder outlives the application; null: nothing is sent on
     void setForwarder(QORForwarder* forwarder) noexcept { m_forwarder = forwarder; }
@@ -102,9 +114,10 @@ private:
     std::atomic<std::size_t> m_requestMemory;
     std::atomic<std::size_t> m_bodyLimit;
     QORMemoryBudget m_memory;
-    mutable std::mutex m_mutex;  // guards the two below, for moments
+    mutable std::mutex m_mutex;  // guards the three below, for moments
     AgentFollowSettings m_following{};
     std::shared_ptr<AgentAudit> m_audit;
+    std::optional<AgentCollection> m_collection;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };
     std::function<HttpCounts()> m_counts = [] { return HttpCounts(); };
     QORForwarder* m_forwarder = nullptr;

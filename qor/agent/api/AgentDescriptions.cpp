@@ -117,6 +117,25 @@ void writeForwarding(JsonWriter& json, const QORForwardState& state) {
     json.EndObject();
 }
 
+void writeRecords(JsonWriter& json, const std::vector<QORViewRecords>& records) {
+    writeKey(json, "records");
+    json.StartObject();
+    for (const QORViewRecords& view : records) {
+        writeKey(json, view.view);
+        json.Uint64(view.records);
+    }
+    json.EndObject();
+}
+
+void writeCollection(JsonWriter& json, const AgentCollection& collection) {
+    writeKey(json, "collected");
+    json.StartObject();
+    writeKey(json, "time");
+    json.Int64(collection.time);
+    writeMember(json, "failure", readable(collection.failure));
+    json.EndObject();
+}
+
 std::string statusText(const AgentApplication& application) {
     const QORDatabaseStatus status = readDatabaseStatus();
     return writtenObject([&](JsonWriter& json) {
@@ -126,14 +145,18 @@ std::string statusText(const AgentApplication& application) {
         writeMember(json, "engine", status.engine);
         writeKey(json, "schema");
         json.Int(status.schemaVersion);
+        writeKey(json, "bytes");
+        json.Uint64(status.bytes);
         writeKey(json, "readOnly");
         json.Bool(status.readOnly);
         json.EndObject();
+        if (status.records) writeRecords(json, *status.records);
         writeKey(json, "unreadable");
         writeUnreadable(json, status.unreadable);
         if (!status.servers.empty()) writeServers(json, status.servers);
         if (const SettingsState* const settings = application.settingsState())
             writeMember(json, "settings", readable(settings->text()));
+        if (const auto collection = application.lastCollection()) writeCollection(json, *collection);
         if (QORForwarder* const forwarder = application.forwarder()) {
             forwarder->look();
             writeForwarding(json, forwarder->state());

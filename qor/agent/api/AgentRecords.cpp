@@ -1,6 +1,7 @@
 #include "agent/api/AgentRecords.h"
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
 
 #include "QORCommon/QORAscii.h"
@@ -118,6 +119,7 @@ HttpReply answerRecords(AgentCall& call) {
 HttpReply answerCollect(AgentCall& call) {
     const QORWriteScope scope = scopeOf(call.requester());
     const QORCollectResult result = collect({.ingest = optionsOf(call.requester(), scope)});
+    call.application.collected({std::time(nullptr), result.stored.failure ? result.stored.failure->reason : ""});
     return {200, writtenObject([&](JsonWriter& json) {
                 writeResult(json, result.stored);
                 writeNumber(json, "malformed", result.malformed);

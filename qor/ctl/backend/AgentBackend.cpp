@@ -474,8 +474,12 @@ std::vector<QORViewColumn> AgentBackend::views() {
 
 BackendStatus AgentBackend::status() {
     const std::string status = exchange({"GET", "/v1/status"});
-    return {readHealthReply(exchange({"GET", "/v1/health"})), readForwardingReply(status), readStatusReply(status),
-            readSettingsReply(status)};
+    return {readHealthReply(exchange({"GET", "/v1/health"})),
+            readForwardingReply(status),
+            readStatusReply(status),
+            readSettingsReply(status),
+            readCollectedReply(status),
+            readMetLimits(exchange({"GET", "/metrics"}))};
 }
 
 std::vector<QORCheckFinding> AgentBackend::check(const std::string& part, bool mend) {

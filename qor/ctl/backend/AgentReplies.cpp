@@ -3,6 +3,7 @@
 #include <rapidjson/document.h>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORMessage/QORNotation.h"
 #include "process/CtlError.h"
@@ -160,6 +161,12 @@ QORDatabaseStatus readStatusReply(std::string_view json) {
     status.schemaVersion = static_cast<int>(numberOf(database, "schema"));
     const Value& readOnly = member(database, "readOnly");
     status.readOnly = readOnly.IsBool() && readOnly.GetBool();
+    if (database.HasMember("bytes")) status.bytes = numberOf(database, "bytes");
+    if (const Value* const records = find(document, "records")) {
+        status.records.emplace();
+        for (const auto& view : records->GetObject())
+            status.records->push_back({textOf(view.name), view.value.IsUint64() ? view.value.GetUint64() : 0});
+    }
     if (document.HasMember("servers")) {
         for (const Value& server : arrayOf(document, "servers").GetArray())
             status.servers.push_back({textOf(member(server, "name")), static_cast<int>(numberOf(server, "schema")),
@@ -177,6 +184,30 @@ std::string readSettingsReply(std::string_view json) {
     const Document document = parse(json, "database");
     const Value* const settings = find(document, "settings");
     return settings == nullptr ? std::string() : textOf(*settings);
+}
+
+std::optional<AgentCollected> readCollectedReply(std::string_view json) {
+    const Document document = parse(json, "database");
+    const Value* const collected = find(document, "collected");
+    if (collected == nullptr) return std::nullopt;
+    const Value& time = member(*collected, "time");
+    return AgentCollected{time.IsInt64() ? time.GetInt64() : 0, textOf(member(*collected, "failure"))};
+}
+
+std::vector<AgentLimit> readMetLimits(std::string_view metrics) {
+    constexpr std::string_view begin = "\nqor_http_limits_total{limit=\"";
+    constexpr std::string_view end = "\"} ";
+    std::vector<AgentLimit> limits;
+    for (std::size_t at = metrics.find(begin); at != metrics.npos; at = metrics.find(begin, at)) {
+        at += begin.size();
+        const std::size_t close = metrics.find(end, at);
+        if (close == metrics.npos) break;
+        const std::string_view rest = metrics.substr(close + end.size());
+        const auto met = parseInt64(rest.substr(0, rest.find('\n')));
+        if (met && *met > 0)
+            limits.push_back({std::string(metrics.substr(at, close - at)), static_cast<std::uint64_t>(*met)});
+    }
+    return limits;
 }
 
 std::optional<AgentForwarding> readForwardingReply(std::string_view json) {
@@ -232,7 +263,8 @@ std::uint64_t readRevokedReply(std::string_view json) {
 
 AgentHealth readHealthReply(std::string_view json) {
     const Document document = parse(json, "status");
-    return {textOf(member(document, "status")), textOf(member(document, "version")), numberOf(document, "uptime")};
+    return {textOf(member(document, "status")), textOf(member(document, "version")), numberOf(document, "uptime"),
+            numberOf(document, "connections")};
 }
 
 bool readAccess(std::string_view json) {

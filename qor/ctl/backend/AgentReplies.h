@@ -2,6 +2,7 @@
 /// What the agent answers beside messages, read back into the structures that a host in this process gives.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,6 +36,10 @@ QORDatabaseStatus readStatusReply(std::string_view json);
 std::optional<AgentForwarding> readForwardingReply(std::string_view json);
 /// What an agent says of its settings; empty for one that says nothing.
 std::string readSettingsReply(std::string_view json);
+/// From the status; nothing of an agent that has not collected.
+std::optional<AgentCollected> readCollectedReply(std::string_view json);
+/// From an agent's numbers, in Prometheus's form: those that were met.
+std::vector<AgentLimit> readMetLimits(std::string_view metrics);
 AgentHealth readHealthReply(std::string_view json);
 std::vector<QORCheckFinding> readCheckReply(std::string_view json);
 Backend::Pruned readPruneReply(std::string_view json);

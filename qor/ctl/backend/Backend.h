@@ -46,6 +46,19 @@ struct AgentHealth {
     std::string status;  ///< "ok", or what else it calls itself
     std::string version;
     std::uint64_t uptime = 0;  ///< seconds
+    std::uint64_t connections = 0;
+};
+
+/// A limit that clients of an agent have met.
+struct AgentLimit {
+    std::string name;  ///< of the setting
+    std::uint64_t met = 0;
+};
+
+/// The last time that an agent collected.
+struct AgentCollected {
+    std::int64_t time = 0;
+    std::string failure;  ///< empty where it went well
 };
 
 /// How an agent does that sends its records on to another one.
@@ -63,7 +76,9 @@ struct BackendStatus {
     std::optional<AgentHealth> agent;           ///< absent without an agent
     std::optional<AgentForwarding> forwarding;  ///< of an agent that does it
     QORDatabaseStatus database;
-    std::string settings{};  ///< what an agent says of its settings; empty where it says nothing
+    std::string settings{};                     ///< what an agent says of its settings; empty where it says nothing
+    std::optional<AgentCollected> collected{};  ///< since the agent's start
+    std::vector<AgentLimit> limits{};           ///< that were met since the agent's start
 };
 
 /// One connection, or one host in the process. One thread at a time, but where said otherwise.

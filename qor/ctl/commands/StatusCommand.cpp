@@ -32,6 +32,32 @@ void addDatabase(StatusLines& lines, const QORDatabaseStatus& database) {
                   server.failure.empty() ? "schema version " + std::to_string(server.schemaVersion) : server.failure);
 }
 
+void addAgent(StatusLines& lines, const AgentHealth& agent) {
+    lines.add("agent", agent.status);
+    lines.add("version", agent.version);
+    lines.add("uptime", std::to_string(agent.uptime) + " s");
+    lines.add("connections", agent.connections);
+}
+
+void addLimits(StatusLines& lines, const std::vector<AgentLimit>& limits) {
+    if (limits.empty()) lines.add("limits met", "none");
+    for (const AgentLimit& limit : limits)
+        lines.add("limit " + limit.name + " met", limit.met);
+}
+
+void addCollected(StatusLines& lines, const std::optional<AgentCollected>& collected) {
+    if (!collected) return lines.add("last collection", "none since the start");
+    lines.add("last collection", time2str(collected->time));
+    if (!collected->failure.empty()) lines.add("what it failed with", collected->failure);
+}
+
+void addRecords(StatusLines& lines, const QORDatabaseStatus& database) {
+    lines.add("bytes", database.bytes);
+    if (!database.records) return lines.add("records", "not known");
+    for (const QORViewRecords& view : *database.records)
+        lines.add("rows of " + view.view, view.records);
+}
+
 void addDocuments(StatusLines& lines, const QORDatabaseStatus& database) {
     if (!database.unreadable) return lines.add("unreadable documents", "not known");
     std::uint64_t all = 0;
@@ -61,13 +87,12 @@ void runStatus(const ConnectionOptions& connection, const PrintOptions& print) {
     Output& out = *output;
     const auto printer = makePrinter(print, false, out);
     StatusLines lines(*printer);
-    if (status.agent) {
-        lines.add("agent", status.agent->status);
-        lines.add("version", status.agent->version);
-        lines.add("uptime", std::to_string(status.agent->uptime) + " s");
-    }
+    if (status.agent) addAgent(lines, *status.agent);
+    if (status.agent) addLimits(lines, status.limits);
+    if (status.agent) addCollected(lines, status.collected);
     if (!status.settings.empty()) lines.add("settings", status.settings);
     addDatabase(lines, status.database);
+    addRecords(lines, status.database);
     addDocuments(lines, status.database);
     if (status.forwarding) addForwarding(lines, *status.forwarding);
     printer->end(std::nullopt);

@@ -12,6 +12,7 @@
 namespace QOR::test {
 namespace {
 
+using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -57,6 +58,13 @@ TEST_P(Command, StatusTellsOfTheDatabaseAndWhatCannotBeReadInIt) {
     EXPECT_THAT(sound, HasSubstr("engine," + oneOf("SQLite", "PostgreSQL") + "\r\n"));
     EXPECT_THAT(sound, EndsWith("unreadable documents,0\r\n"));
     EXPECT_EQ(m_agent.has_value(), sound.find("agent,ok\r\n") != std::string::npos) << sound;
+    EXPECT_EQ(m_agent.has_value(), sound.find("\r\nconnections,") != std::string::npos) << sound;
+    EXPECT_EQ(m_agent.has_value(),
+              sound.find("\r\nlimits met,none\r\nlast collection,none since the start\r\n") != std::string::npos)
+        << sound;
+    EXPECT_THAT(sound, HasSubstr("\r\nrows of vEnvironment,2\r\nrows of vOpLog,3\r\nrows of vEventLog,0\r\n"
+                                 "rows of vBackupInfo,0\r\n"));
+    EXPECT_THAT(sound, ContainsRegex("\r\nbytes,[1-9]"));
     direct().run(
         "INSERT INTO qor_unreadable_document VALUES ('qor_backup', 'info', 1), ('qor_backup', 'info', 2), "
         "('qor_event', 'info', 1)");
@@ -402,6 +410,8 @@ TEST_P(Command, CollectingAgainAddsNothing) {
     const std::string once = outputOf({"collect"});
     EXPECT_THAT(once, StartsWith("environment: 1 added, 0 replaced\noperation: "));
     EXPECT_THAT(outputOf({"collect"}), StartsWith("environment: 0 added, 1 replaced\noperation: 0 added, 0 replaced"));
+    EXPECT_EQ(m_agent.has_value(),
+              outputOf({"status", "-o", "csv"}).find("\r\nlast collection,2") != std::string::npos);
 }
 
 TEST_P(Command, AReaderThatHasSeenEnoughIsNoError) {
@@ -717,6 +727,8 @@ TEST(Agent, RecordsLargerThanItTakesAreRefusedWithItsOwnWords) {
     const CtlResult result = runCtl({"import", "--socket", agent.socketPath()}, records);
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, HasSubstr("error 413: "));
+    EXPECT_THAT(runCtl({"status", "-o", "csv", "--socket", agent.socketPath()}).out,
+                HasSubstr("\r\nlimit body-limit met,1\r\n"));
 }
 
 }  // namespace
