@@ -142,7 +142,7 @@ private:
 
 struct QORRecordExport::Impl {
     Impl(QORExportPosition from, const QORRowAccess& access)
-        : position(std::move(from)), placement(QORServers::instance().placement()), kinds(position.kinds()) {
+        : position(std::move(from)), placement(QORServers::instance().refresh()), kinds(position.kinds()) {
         QORRdbmsTran tran(ASAccess::Read);
         if (!keepsRecordChanges(*tran))
             throw QORException(errNothingToExport,
@@ -150,7 +150,7 @@ struct QORRecordExport::Impl {
                                "nothing in it that can be exported",
                                exportSource, __LINE__);
         if (!position.kind) position.kind = kinds.front();
-        if (position.server.empty() && !placement->none()) position.server = placement->servers().front().name;
+        if (position.server.empty()) position.server = firstServer();
         if (!position.server.empty() && placement->find(position.server) == nullptr)
             throw QORException(errBadRequest,
                                "the position is on server " + position.server +
@@ -228,6 +228,12 @@ private:
         return lines;
     }
 
+    /// Empty where home has them itself, as it has environments in any case.
+    std::string firstServer() const {
+        const bool isSpread = !placement->none() && *position.kind != QORRecordKind::Environment;
+        return isSpread ? placement->servers().front().name : std::string();
+    }
+
     /// To the next server, or else to the next kind. \returns false behind the last
     bool advance() {
         position.after.clear();
@@ -241,7 +247,7 @@ private:
         const auto kind = std::find(kinds.begin(), kinds.end(), *position.kind);
         if (kind == kinds.end() || kind + 1 == kinds.end()) return false;
         position.kind = *(kind + 1);
-        if (!servers.empty()) position.server = servers.front().name;
+        position.server = firstServer();
         return true;
     }
 

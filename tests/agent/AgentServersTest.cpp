@@ -75,6 +75,48 @@ TEST_F(AgentOnServers, RecordsForAServerThatHangsAreRefusedByItsNameAndThoseForO
         EXPECT_EQ(storedAt(number, "before"), "1") << number;
 }
 
+/// Of a parameter's value.
+std::string percentEncoded(const std::string& text) {
+    constexpr const char* digits = "0123456789ABCDEF";
+    std::string encoded;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        encoded.append("%").append(1, digits[byte >> 4]).append(1, digits[byte & 15]);
+    }
+    return encoded;
+}
+
+TEST_F(AgentOnServers, AnExportHasTheRecordsOfAllAndGoesOnFromEachPosition) {
+    const AgentProcess agent({.database = m_database.connectionString()});
+    std::string records;
+    for (const unsigned number : {1U, 2U, 3U})
+        records += R"({"kind":"environment","eid":")" + eidAt(number) + "\"}\n" + R"({"kind":"operation","id":"o)" +
+                   std::to_string(number) + R"(","time":1,"eid":")" + eidAt(number) + R"(","eids":[")" + eidAt(1) +
+                   "\"]}\n" + R"({"kind":"backup","id":"b)" + std::to_string(number) + R"(","time":1,"eid":")" +
+                   eidAt(number) + "\"}\n" + eventAt(number, "c" + std::to_string(number));
+    const std::string many = eventAt(2, "many");
+    for (int event = 0; event < 1200; ++event)  // pieces have 500
+        records += many;
+    sendUntilAcknowledged(agent, records, "records");
+    HttpClient client(agent.socketPath());
+    const std::string all = client.get("/v1/records").body;
+    EXPECT_THAT(all, HasSubstr(R"({"end":{"counts":{"environments":3,"operations":3,"events":1203,"backups":3}}})"));
+    for (const char* record :
+         {R"("id":"o1")", R"("id":"o3")", R"("id":"b2")", R"("category":"c1")", R"("category":"c3")"})
+        EXPECT_THAT(all, HasSubstr(record));
+    const std::string begin = R"({"position":)";
+    int positions = 0;
+    for (std::size_t at = all.find(begin); at != std::string::npos; at = all.find(begin, at + 1)) {
+        ++positions;
+        const std::size_t end = all.find('\n', at);
+        const std::string position = all.substr(at + begin.size(), end - 1 - at - begin.size());
+        EXPECT_EQ(client.get("/v1/records?after=" + percentEncoded(position)).body, all.substr(end + 1)) << position;
+    }
+    EXPECT_EQ(positions, 13) << "one at the beginning, one of the environments, of each of three servers one of each "
+                                "other kind, and two more of many events";
+    EXPECT_EQ(client.get("/v1/records?after=" + percentEncoded(R"({"at":"events","server":"gone"})")).status, 400);
+}
+
 /// The end of a text.
 std::string endOf(const std::string& text) {
     constexpr std::size_t characters = 400;
