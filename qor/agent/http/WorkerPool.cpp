@@ -1,10 +1,14 @@
 #include "agent/http/WorkerPool.h"
 
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -56,6 +60,12 @@ bool mayGiveWay() {
     return may;
 }
 
+/// Whether this process may run on no more than one.
+bool hasOneProcessor() noexcept {
+    cpu_set_t set{};
+    return ::sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) == 1;
+}
+
 /// Lets other threads have most of the processor while they want it.
 void giveWay(int thread, bool gives) noexcept {
     static const int before = ::getpriority(PRIO_PROCESS, 0);
@@ -70,15 +80,55 @@ void preferShortWaits() noexcept {
     askForSlice(0, shortSlice);
 }
 
-WorkerPool::WorkerPool(std::size_t threads) : m_most(threads) {
+WorkerPool::WorkerPool(std::size_t threads)
+    : m_atOnce(hasOneProcessor() ? 1 : std::numeric_limits<std::size_t>::max()), m_most(threads) {
     mayGiveWay();
+    const std::lock_guard lock(m_mutex);
     addThread();
 }
 
-/// With m_mutex held, once there is another thread.
+WorkerPool::Call::Call() {
+    ::sem_init(&m_semaphore, 0, 0);
+}
+
+WorkerPool::Call::~Call() {
+    ::sem_destroy(&m_semaphore);
+}
+
+void WorkerPool::Call::give() noexcept {
+    ::sem_post(&m_semaphore);
+}
+
+void WorkerPool::Call::await() noexcept {
+    while (::sem_wait(&m_semaphore) != 0 && errno == EINTR) {
+    }
+}
+
+/// With m_mutex held. Who is made comes as who is roused does.
 void WorkerPool::addThread() {
     Worker& worker = m_workers.emplace_back();
+    m_resting.reserve(m_workers.size());
     m_threads.emplace_back([this, &worker] { work(worker); });
+    ++m_coming;
+}
+
+/// Whom to rouse for the tasks that there are; null: nobody, or who has just been made. With m_mutex held.
+WorkerPool::Worker* WorkerPool::next() {
+    if (m_coming >= std::min(m_atOnce, m_tasks.size())) return nullptr;
+    if (!m_resting.empty()) {
+        Worker* const worker = m_resting.back();
+        m_resting.pop_back();
+        ++m_coming;
+        return worker;
+    }
+    if (m_threads.size() >= m_most) return nullptr;
+    try {
+        addThread();
+    } catch (const std::system_error&) {
+        // The system gives no more threads; those that there are take the task.
+        m_workers.pop_back();
+    }
+    return nullptr;
 }
 
 WorkerPool::~WorkerPool() {
@@ -86,17 +136,13 @@ WorkerPool::~WorkerPool() {
 }
 
 void WorkerPool::post(Task task) {
+    Worker* roused = nullptr;
     {
         const std::lock_guard lock(m_mutex);
         m_tasks.push_back(std::move(task));
-        try {
-            if (m_tasks.size() > m_free && m_threads.size() < m_most) addThread();
-        } catch (const std::system_error&) {
-            // The system gives no more threads; those that there are take the task.
-            m_workers.pop_back();
-        }
+        roused = next();
     }
-    m_changed.notify_one();
+    if (roused != nullptr) roused->call.give();
 }
 
 void WorkerPool::allow(std::size_t threads) {
@@ -105,13 +151,23 @@ void WorkerPool::allow(std::size_t threads) {
 }
 
 void WorkerPool::join() {
+    std::vector<Worker*> resting;
     {
         const std::lock_guard lock(m_mutex);
         m_ending = true;
+        resting.swap(m_resting);
+        m_coming += resting.size();
     }
-    m_changed.notify_all();
-    for (std::thread& thread : m_threads)
+    for (Worker* worker : resting)
+        worker->call.give();
+    // Those that run may make others for what is left.
+    for (std::size_t number = 0;; ++number) {
+        std::unique_lock lock(m_mutex);
+        if (number == m_threads.size()) return;
+        std::thread& thread = m_threads[number];
+        lock.unlock();
         if (thread.joinable()) thread.join();
+    }
 }
 
 void WorkerPool::attendToLongTasks() noexcept {
@@ -137,18 +193,33 @@ void WorkerPool::end(Worker& worker) noexcept {
     if (std::exchange(worker.isLong, false)) giveWay(worker.thread, false);
 }
 
+/// The next task, when there is one. \returns false at the end
+bool WorkerPool::take(Worker& worker, Task& task) {
+    std::unique_lock lock(m_mutex);
+    while (m_tasks.empty()) {
+        if (m_ending) return false;
+        m_resting.push_back(&worker);
+        lock.unlock();
+        worker.call.await();
+        lock.lock();
+        --m_coming;
+    }
+    task = std::move(m_tasks.front());
+    m_tasks.pop_front();
+    Worker* const roused = next();
+    lock.unlock();
+    if (roused != nullptr) roused->call.give();
+    return true;
+}
+
 void WorkerPool::work(Worker& worker) {
     worker.thread = static_cast<int>(::gettid());
     preferShortWaits();
-    for (;;) {
-        std::unique_lock lock(m_mutex);
-        ++m_free;
-        m_changed.wait(lock, [this] { return !m_tasks.empty() || m_ending; });
-        --m_free;
-        if (m_tasks.empty()) return;
-        const Task task = std::move(m_tasks.front());
-        m_tasks.pop_front();
-        lock.unlock();
+    {
+        const std::lock_guard lock(m_mutex);
+        --m_coming;
+    }
+    for (Task task; take(worker, task); task = nullptr) {
         begin(worker);
         task();
         end(worker);

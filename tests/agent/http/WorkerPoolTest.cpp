@@ -1,6 +1,7 @@
 #include "agent/http/WorkerPool.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -8,8 +9,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <future>
+#include <latch>
 #include <mutex>
 #include <set>
+#include <thread>
 #include <vector>
 
 namespace QOR {
@@ -58,6 +61,84 @@ TEST(WorkerPool, ThereAreAsManyThreadsAsTasksThatRunAndNoMoreThanMayBe) {
     pool.join();
     EXPECT_EQ(running, 2 * most);
     EXPECT_EQ(threads.size(), static_cast<std::size_t>(most));
+}
+
+TEST(WorkerPool, WhatSeveralThreadsPostIsRunAlsoWhereATaskPosts) {
+    constexpr int posters = 4;
+    constexpr int tasks = 200;
+    std::atomic<int> ran{0};
+    {
+        std::promise<void> all;
+        WorkerPool pool(3);
+        std::vector<std::thread> threads;
+        threads.reserve(posters);
+        for (int poster = 0; poster < posters; ++poster) {
+            threads.emplace_back([&] {
+                for (int number = 0; number < tasks; ++number) {
+                    pool.post([&] {
+                        pool.post([&] {
+                            if (++ran == posters * tasks) all.set_value();
+                        });
+                    });
+                }
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        all.get_future().wait();
+    }
+    EXPECT_EQ(ran, posters * tasks);
+}
+
+TEST(WorkerPool, ATaskBehindOneThatWaitsForItIsRun) {
+    std::promise<void> second;
+    std::promise<void> first;
+    WorkerPool pool(2);
+    pool.post([&] {
+        second.get_future().wait();
+        first.set_value();
+    });
+    pool.post([&] { second.set_value(); });
+    first.get_future().wait();
+    pool.join();
+}
+
+/// This thread, and those that it makes meanwhile, run on one of their processors.
+class OnOneProcessor {
+public:
+    OnOneProcessor() {
+        CPU_ZERO(&m_before);
+        EXPECT_EQ(::sched_getaffinity(0, sizeof m_before, &m_before), 0);
+        std::size_t first = 0;
+        while (first + 1 < CPU_SETSIZE && !CPU_ISSET(first, &m_before))
+            ++first;
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(first, &one);
+        EXPECT_EQ(::sched_setaffinity(0, sizeof one, &one), 0);
+    }
+    ~OnOneProcessor() { ::sched_setaffinity(0, sizeof m_before, &m_before); }
+    OnOneProcessor(const OnOneProcessor&) = delete;
+    OnOneProcessor& operator=(const OnOneProcessor&) = delete;
+
+private:
+    cpu_set_t m_before{};
+};
+
+TEST(WorkerPool, OnASingleProcessorTasksThatWaitForEachOtherAreRunTogether) {
+    const OnOneProcessor scope;
+    constexpr int most = 4;
+    std::latch together(most);
+    std::atomic<int> ran{0};
+    WorkerPool pool(most);
+    for (int number = 0; number < most; ++number) {
+        pool.post([&] {
+            together.arrive_and_wait();
+            ++ran;
+        });
+    }
+    pool.join();
+    EXPECT_EQ(ran, most);
 }
 
 TEST(WorkerPool, ALongTaskGivesWayAndItsThreadComesBack) {
