@@ -72,11 +72,11 @@ HttpReply answerNow(const AgentApplication& application, const AgentRoute& route
 }
 
 /// Of parameters that are none the worker tells.
-HttpLane laneOf(const AgentRoute& route, const HttpRequest& head) {
+HttpLane laneOf(const AgentRoute& route, const HttpRequest& head, AgentTrace& trace) {
     if (route.streams == nullptr) return route.lane;
     try {
-        const bool streams = route.streams(head, AgentParameters::ofQuery(head.query, route.parameters));
-        return streams ? HttpLane::Streaming : route.lane;
+        trace.parameters = AgentParameters::ofQuery(head.query, route.parameters);
+        return route.streams(head, *trace.parameters) ? HttpLane::Streaming : route.lane;
     } catch (const AgentProblemException&) {
         return route.lane;
     }
@@ -175,7 +175,7 @@ HttpPlan AgentApplication::planned(const HttpRequest& head, const HttpPeer& peer
     if (plan.reply) {
         logReply(head, *plan.reply);
     } else {
-        plan.lane = laneOf(*match.route, head);
+        plan.lane = laneOf(*match.route, head, trace);
     }
     return plan;
 }

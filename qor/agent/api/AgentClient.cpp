@@ -1,6 +1,7 @@
 #include "agent/api/AgentClient.h"
 
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "QORCommon/QORException.h"
@@ -35,7 +36,9 @@ HttpReply replyOf(const AgentCall& call, const AgentProblem& problem, int code) 
 
 HttpReply answer(AgentCall& call) {
     try {
-        call.parameters = AgentParameters::ofQuery(call.request.query, call.route.parameters);
+        std::optional<AgentParameters>& read = static_cast<AgentTrace*>(call.request.trace)->parameters;
+        call.parameters =
+            read ? *std::exchange(read, {}) : AgentParameters::ofQuery(call.request.query, call.route.parameters);
         return call.route.answer(call);
     } catch (const AgentProblemException& exception) {
         return replyOf(call, exception.problem(), static_cast<int>(exception.problem().status));

@@ -1,10 +1,12 @@
 /// \file
-/// What is kept of one request for the numbers and for the audit.
+/// What is kept of one request from its plan on: for its answer, for the numbers and for the audit.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "agent/api/AgentParameters.h"
 #include "agent/http/HttpTypes.h"
 #include "host/QORRequestNotes.h"
 
@@ -19,6 +21,8 @@ struct AgentTrace final : HttpTrace {
     std::string as{};          ///< the identity that was asked as
     QORRequestNotes notes{};
     std::string_view problem{};  ///< the code of what its handling ended with, of static storage; empty: nothing
+    /// Of the target, where the plan depends on them and none of them is at fault; the handler takes them.
+    std::optional<AgentParameters> parameters{};
 };
 
 /// A method that the agent knows, else "other".
