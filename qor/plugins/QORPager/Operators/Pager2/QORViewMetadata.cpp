@@ -269,11 +269,14 @@ bool SelectStmnt::isSecurityNeeded() {
 
 ASDomainPtr SelectStmnt::getDomain(const std::string& view) {
     ViewCaches& cache = caches();
+    {
+        const std::lock_guard<std::mutex> lock(cache.domainMutex);
+        const auto found = cache.domains.find(view);
+        if (found != cache.domains.end()) return found->second;
+    }
     auto made = newDomain(cache, view);
     const std::lock_guard<std::mutex> lock(cache.domainMutex);
-    ASDomainPtr& domain = cache.domains[view];
-    if (!domain) domain = std::move(made);
-    return domain;
+    return cache.domains.emplace(view, std::move(made)).first->second;
 }
 
 ColumnType SelectStmnt::clipNumericType(ColumnType type) {
