@@ -9,6 +9,7 @@
 #include <string>
 
 #include "QORMessage/QORNotation.h"
+#include "agent/ProbeAgent.h"
 #include "support/AgentProcess.h"
 #include "support/HttpClient.h"
 #include "support/Stranger.h"
@@ -17,20 +18,14 @@ namespace QOR {
 namespace {
 
 using test::AgentProcess;
-using test::AgentSettings;
 using test::asStranger;
 using test::HttpAnswer;
 using test::HttpClient;
+using test::withProbe;
 using testing::HasSubstr;
 
 constexpr const char* one = "11111111-1111-1111-1111-111111111111";
 constexpr const char* two = "22222222-2222-2222-2222-222222222222";
-
-AgentSettings withProbe() {
-    AgentSettings settings;
-    settings.plugIns = std::filesystem::path(QOR_TEST_PLUGIN_DIR) / "probe";
-    return settings;
-}
 
 std::string identityRequest(const std::string& client = {}) {
     return R"({"operator":"probe","request":"identity","body":[1740])" +

@@ -14,6 +14,7 @@
 
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
+#include "agent/ProbeAgent.h"
 #include "support/AgentProcess.h"
 #include "support/DirectDatabase.h"
 #include "support/HttpClient.h"
@@ -25,17 +26,12 @@ using test::AgentProcess;
 using test::AgentSettings;
 using test::HttpAnswer;
 using test::HttpClient;
+using test::withProbe;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
 const std::filesystem::path plugIns = QOR_TEST_PLUGIN_DIR;
-
-AgentSettings withProbe() {
-    AgentSettings settings;
-    settings.plugIns = plugIns / "probe";
-    return settings;
-}
 
 std::string probe(const std::string& request, const std::string& element = "[1740]") {
     return R"({"operator":"probe","request":")" + request + R"(","body":)" + element + "}";

@@ -18,12 +18,12 @@ using test::jsonAt;
 using testing::HasSubstr;
 
 constexpr const char* other = "1b9f6a52-33a0-4c55-9d0c-0d4a3c1f2e10";
-constexpr const char* eid = "0b9f6a52-33a0-4c55-9d0c-0d4a3c1f2e10";
+constexpr const char* webEid = "0b9f6a52-33a0-4c55-9d0c-0d4a3c1f2e10";
 
-std::string records() {
-    const std::string begin =
-        R"(,"eids":[")" + std::string(eid) + R"(",")" + other + R"("],"message":{"package":{"name":"curl"}}})" + "\n";
-    return R"({"kind":"environment","eid":")" + std::string(eid) +
+std::string queriedRecords() {
+    const std::string begin = R"(,"eids":[")" + std::string(webEid) + R"(",")" + other +
+                              R"("],"message":{"package":{"name":"curl"}}})" + "\n";
+    return R"({"kind":"environment","eid":")" + std::string(webEid) +
            R"(","title":"web","state":6,"transition":0,"config":{"name":"web1"}})" + "\n" +
            R"({"kind":"operation","id":"1","op":"install","status":0,"time":1714557600)" + begin +
            R"({"kind":"operation","id":"2","op":"remove","status":3,"time":1714557660)" + begin;
@@ -33,7 +33,7 @@ class AgentQuery : public testing::Test {
 protected:
     static void SetUpTestSuite() {
         agent = new test::AgentProcess;
-        ASSERT_EQ(HttpClient(agent->socketPath()).post("/v1/records", records()).status, 200);
+        ASSERT_EQ(HttpClient(agent->socketPath()).post("/v1/records", queriedRecords()).status, 200);
     }
     static void TearDownTestSuite() { delete agent; }
     static HttpAnswer get(const std::string& target) { return HttpClient(agent->socketPath()).get(target); }
@@ -64,7 +64,7 @@ TEST_F(AgentQuery, RowsByFieldsHaveTypesAndLists) {
     EXPECT_EQ(jsonAt(answer.body, "columns/0"), R"({"name":"pager.op_log.time","type":"time"})");
     EXPECT_THAT(answer.body, HasSubstr(R"(["2024-05-01T10:00:00Z","1",0,"curl"])"));
     const HttpAnswer lists = get("/v1/rows?fields=pager.op_log.id,pager.op_log_eid.eid");
-    EXPECT_THAT(lists.body, HasSubstr(R"(["1",[")" + std::string(eid) + R"(",")" + other + R"("]])")) << lists.body;
+    EXPECT_THAT(lists.body, HasSubstr(R"(["1",[")" + std::string(webEid) + R"(",")" + other + R"("]])")) << lists.body;
 }
 
 TEST_F(AgentQuery, TheFilterIsTakenAsItStands) {

@@ -22,7 +22,7 @@ using test::HttpClient;
 using test::jsonAt;
 using testing::HasSubstr;
 
-constexpr int operations = 120;
+constexpr int operationCount = 120;
 constexpr const char* eid = "0b9f6a52-33a0-4c55-9d0c-0d4a3c1f2e10";
 
 /// As a URL has it.
@@ -44,7 +44,7 @@ std::string escaped(std::string_view text) {
 std::string records() {
     std::string lines = R"({"kind":"environment","eid":")" + std::string(eid) +
                         R"(","title":"web","state":6,"transition":0,"config":{"name":"web1","memory":"4096"}})" + "\n";
-    for (int i = 0; i < operations; ++i) {
+    for (int i = 0; i < operationCount; ++i) {
         char id[16];
         std::snprintf(id, sizeof id, "op-%03d", i);
         lines += R"({"kind":"operation","id":")" + std::string(id) + R"(","op":")" +
@@ -115,7 +115,7 @@ TEST_F(AgentRows, WithoutFieldsAreAllThatSomebodyWouldLookFor) {
 
 TEST_F(AgentRows, APageHasFiftyRowsUnlessItIsTold) {
     EXPECT_EQ(jsonAt(rows("fields=id").body, "page/returned"), "50");
-    EXPECT_EQ(jsonAt(rows("fields=id&limit=10000").body, "page/returned"), std::to_string(operations));
+    EXPECT_EQ(jsonAt(rows("fields=id&limit=10000").body, "page/returned"), std::to_string(operationCount));
     for (const char* limit : {"0", "-1", "10001", "1.5", "x", "", "007"}) {
         const HttpAnswer answer = rows("limit=" + std::string(limit));
         EXPECT_EQ(answer.status, 400) << limit;
@@ -167,7 +167,7 @@ TEST_F(AgentRows, AStreamHoldsAllRowsAndSaysThatItIsWhole) {
     const HttpAnswer answer = get("/v1/views/vOpLog/rows?fields=id&sort=id", "Accept: application/x-ndjson\r\n");
     EXPECT_EQ(answer.headers.at("transfer-encoding"), "chunked");
     EXPECT_EQ(answer.headers.at("content-type"), "application/x-ndjson");
-    EXPECT_EQ(std::count(answer.body.begin(), answer.body.end(), '\n'), operations + 1);
+    EXPECT_EQ(std::count(answer.body.begin(), answer.body.end(), '\n'), operationCount + 1);
     EXPECT_THAT(answer.body, HasSubstr(R"({"page":{"returned":120)"));
 }
 

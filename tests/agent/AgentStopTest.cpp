@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "agent/ProbeAgent.h"
 #include "support/AgentProcess.h"
 #include "support/HttpClient.h"
 
@@ -17,18 +18,11 @@ namespace QOR {
 namespace {
 
 using test::AgentProcess;
-using test::AgentSettings;
 using test::HttpAnswer;
 using test::HttpClient;
+using test::withProbe;
 using testing::HasSubstr;
 using testing::Not;
-
-AgentSettings withProbe(std::vector<std::string> more = {}) {
-    AgentSettings settings;
-    settings.plugIns = std::filesystem::path(QOR_TEST_PLUGIN_DIR) / "probe";
-    settings.more = std::move(more);
-    return settings;
-}
 
 std::string sleepRequest(const std::string& milliseconds) {
     return HttpClient::compose("POST", "/v1/messages",

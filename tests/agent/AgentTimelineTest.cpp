@@ -15,8 +15,8 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr const char* mine = "11111111-1111-1111-1111-111111111111";
-constexpr const char* other = "33333333-3333-3333-3333-333333333333";
+constexpr const char* ownEid = "11111111-1111-1111-1111-111111111111";
+constexpr const char* foreignEid = "33333333-3333-3333-3333-333333333333";
 
 class AgentTimeline : public testing::Test {
 protected:
@@ -40,17 +40,17 @@ protected:
 };
 
 TEST_F(AgentTimeline, HasASentenceOfEachAndTheNameOfItsEnvironment) {
-    store(R"({"kind":"environment","eid":")" + std::string(mine) +
+    store(R"({"kind":"environment","eid":")" + std::string(ownEid) +
           R"(","title":"web 1"})"
           "\n"
           R"({"kind":"operation","id":"op","op":"install","time":30,"eid":")" +
-          mine +
+          ownEid +
           R"(","message":{"package":{"name":"curl","version":"7.88"}}})"
           "\n"
           R"({"kind":"operation","id":"bad","op":"remove","status":3,"time":40})"
           "\n"
           R"({"kind":"event","time":20,"source":"kernel","category":"boot","eid":")" +
-          other +
+          foreignEid +
           "\"}\n"
           R"({"kind":"backup","id":"k","time":10,"size":5,"name":"full"})"
           "\n");
@@ -58,10 +58,10 @@ TEST_F(AgentTimeline, HasASentenceOfEachAndTheNameOfItsEnvironment) {
     EXPECT_EQ(jsonAt(body, "columns/0"), R"({"name":"time","type":"time"})");
     EXPECT_EQ(jsonAt(body, "rows/0"),
               R"(["1970-01-01T00:00:40Z","operations",null,null,"bad","remove ended with status 3"])");
-    EXPECT_EQ(jsonAt(body, "rows/1"), R"(["1970-01-01T00:00:30Z","operations",")" + std::string(mine) +
+    EXPECT_EQ(jsonAt(body, "rows/1"), R"(["1970-01-01T00:00:30Z","operations",")" + std::string(ownEid) +
                                           R"(","web 1","op","install of curl 7.88 succeeded"])");
-    EXPECT_EQ(jsonAt(body, "rows/2"),
-              R"(["1970-01-01T00:00:20Z","events",")" + std::string(other) + R"(",null,"1","event boot from kernel"])");
+    EXPECT_EQ(jsonAt(body, "rows/2"), R"(["1970-01-01T00:00:20Z","events",")" + std::string(foreignEid) +
+                                          R"(",null,"1","event boot from kernel"])");
     EXPECT_EQ(jsonAt(body, "rows/3"),
               R"(["1970-01-01T00:00:10Z","backups",null,null,"k","backup \"full\" of 5 bytes"])");
     EXPECT_EQ(jsonAt(body, "page"), R"({"returned":4,"next":null})");
@@ -94,36 +94,36 @@ TEST_F(AgentTimeline, PagesNeitherSkipNorRepeatRecordsOfOneTime) {
 TEST_F(AgentTimeline, IsOfATimeAndAnEnvironment) {
     std::string lines;
     for (int i = 0; i < 10; ++i)
-        lines +=
-            R"({"kind":"event","time":)" + std::to_string(i) + R"(,"eid":")" + (i % 2 == 0 ? mine : other) + "\"}\n";
+        lines += R"({"kind":"event","time":)" + std::to_string(i) + R"(,"eid":")" + (i % 2 == 0 ? ownEid : foreignEid) +
+                 "\"}\n";
     store(lines);
     EXPECT_EQ(column(get("?from=1970-01-01T00:00:03Z&to=1970-01-01T00:00:06Z"), 4).size(), 4U);
-    EXPECT_EQ(column(get("?env=" + std::string(mine)), 4).size(), 5U);
+    EXPECT_EQ(column(get("?env=" + std::string(ownEid)), 4).size(), 5U);
     EXPECT_EQ(column(get("?from=-1d"), 4).size(), 0U);
     EXPECT_EQ(jsonAt(get("?from=soon"), "parameter"), "\"from\"");
     EXPECT_EQ(jsonAt(get("?env=me"), "parameter"), "\"env\"");
     EXPECT_EQ(jsonAt(get("?limit=0"), "parameter"), "\"limit\"");
     const std::string next = jsonAt(get("?limit=1"), "page/next");
-    EXPECT_EQ(jsonAt(get("?env=" + std::string(mine) + "&after=" + next.substr(1, next.size() - 2)), "parameter"),
+    EXPECT_EQ(jsonAt(get("?env=" + std::string(ownEid) + "&after=" + next.substr(1, next.size() - 2)), "parameter"),
               "\"after\"");
     EXPECT_THAT(root.request("GET", "/v1/timeline?limit=1&format=csv").body,
                 HasSubstr("time,source,env,environment,id,text\r\n"));
 }
 
 TEST_F(AgentTimeline, RestrictedClientsSeeTheirOwn) {
-    store(R"({"kind":"environment","eid":")" + std::string(mine) +
+    store(R"({"kind":"environment","eid":")" + std::string(ownEid) +
           "\"}\n"
           R"({"kind":"event","time":1,"eid":")" +
-          mine +
+          ownEid +
           "\"}\n"
           R"({"kind":"event","time":2,"eid":")" +
-          other +
+          foreignEid +
           "\"}\n"
           R"({"kind":"event","time":3})"
           "\n");
     EXPECT_EQ(root.post("/v1/identities/add",
                         R"({"name":"reader","kind":"token","access":"environments","environments":[{"eid":")" +
-                            std::string(mine) + R"(","below":false}]})")
+                            std::string(ownEid) + R"(","below":false}]})")
                   .status,
               200);
     EXPECT_THAT(column(get("", "X-Qor-As: reader\r\n"), 4), ElementsAre("\"1\""));

@@ -28,7 +28,7 @@ constexpr const char* fresh = "66666666-0000-4000-8000-000000000000";
 constexpr const char* awaited = "77777777-0000-4000-8000-000000000000";
 constexpr const char* seen = "88888888-0000-4000-8000-000000000000";
 
-std::string event(const std::string& eid) {
+std::string eventOf(const std::string& eid) {
     return R"({"kind":"event","time":1)" + (eid.empty() ? std::string() : R"(,"eid":")" + eid + '"') + "}\n";
 }
 std::string operation(const std::string& id, const std::string& eid, const std::string& touched = {}) {
@@ -47,7 +47,7 @@ protected:
             root.post("/v1/records", environment(own) + environment(below, own) + environment(lowest, below) +
                                          environment(listed, foreign) + environment(foreign) + environment(seen) +
                                          operation("theirs", foreign) + operation("touching", own, foreign) +
-                                         backup("theirs", foreign) + event(awaited));
+                                         backup("theirs", foreign) + eventOf(awaited));
         EXPECT_THAT(stored.body, HasSubstr(R"("accepted":10,)"));
         ctl({"identity", "add", "writer", "--kind", "token", "--below", own, "-e", listed, "--write"});
         token = newToken("writer");
@@ -97,24 +97,25 @@ protected:
 };
 
 TEST_F(AgentWritersTest, RecordsAboutOnesOwnEnvironmentsAreTaken) {
-    expectTaken(event(own) + event(lowest) + event(listed), 3);
+    expectTaken(eventOf(own) + eventOf(lowest) + eventOf(listed), 3);
     expectTaken(operation("mine", below, lowest) + backup("mine", listed, foreign), 2);
     expectTaken(operation("mine", own) + backup("mine", own), 2);
     EXPECT_THAT(ctl({"identity", "show", "writer"}), HasSubstr(std::string(own) + " and below (writes)"));
 }
 
 TEST_F(AgentWritersTest, ARequestWithARecordAboutAnotherEnvironmentStoresNothing) {
-    expectRefused(event(own) + event(foreign), "line 2: the event is about the environment " + std::string(foreign));
-    expectRefused(event(own) + "no record\n" + operation("o", own, foreign),
+    expectRefused(eventOf(own) + eventOf(foreign),
+                  "line 2: the event is about the environment " + std::string(foreign));
+    expectRefused(eventOf(own) + "no record\n" + operation("o", own, foreign),
                   "line 3: the operation \\\"o\\\" is about");
     expectRefused(operation("o", foreign, own), "line 1: the operation");
     expectRefused(backup("b", foreign), "line 1: the backup");
-    expectRefused(event({}), "is about no environment");
-    expectRefused(event(seen), "line 1: the event");
+    expectRefused(eventOf({}), "is about no environment");
+    expectRefused(eventOf(seen), "line 1: the event");
     std::string many;
     for (int line = 0; line < 2500; ++line)
-        many += event(own);
-    expectRefused(many + event(foreign), "line 2501: the event");
+        many += eventOf(own);
+    expectRefused(many + eventOf(foreign), "line 2501: the event");
 }
 
 TEST_F(AgentWritersTest, ARecordOfAnotherEnvironmentIsNotReplaced) {
@@ -127,7 +128,7 @@ TEST_F(AgentWritersTest, ARecordOfAnotherEnvironmentIsNotReplaced) {
 TEST_F(AgentWritersTest, EnvironmentsAreReplacedAndAddedBelowOnesOwn) {
     expectTaken(environment(own), 1);
     expectTaken(environment(lowest, below) + environment(listed, foreign), 2);
-    expectTaken(environment(fresh, lowest) + event(fresh) + operation("new", fresh), 3);
+    expectTaken(environment(fresh, lowest) + eventOf(fresh) + operation("new", fresh), 3);
     expectTaken(environment(fresh, own), 1);
     EXPECT_THAT(everything(), HasSubstr("[\"" + std::string(fresh) + "\",\"" + own + "\"]"));
 }
@@ -154,11 +155,11 @@ TEST_F(AgentWritersTest, EnvironmentsAreMovedWithinOnesOwnAlone) {
 
 TEST_F(AgentWritersTest, KeysAreOnesOwn) {
     const std::string key = "Idempotency-Key: k\r\n";
-    EXPECT_EQ(root.request("POST", "/v1/records", event(foreign), key).status, 200);
-    EXPECT_EQ(send(event(own), key).status, 200);
-    EXPECT_EQ(send(event(own), key).status, 200);
-    EXPECT_EQ(send(event(below), key).status, 422);
-    EXPECT_EQ(root.request("POST", "/v1/records", event(foreign), key).status, 200);
+    EXPECT_EQ(root.request("POST", "/v1/records", eventOf(foreign), key).status, 200);
+    EXPECT_EQ(send(eventOf(own), key).status, 200);
+    EXPECT_EQ(send(eventOf(own), key).status, 200);
+    EXPECT_EQ(send(eventOf(below), key).status, 422);
+    EXPECT_EQ(root.request("POST", "/v1/records", eventOf(foreign), key).status, 200);
     EXPECT_THAT(
         root.get("/v1/views/vEventLog/rows?fields=id&count=exact&where=eid%20%3C%3E%20'" + std::string(awaited) + "'")
             .body,
@@ -167,7 +168,7 @@ TEST_F(AgentWritersTest, KeysAreOnesOwn) {
 
 TEST_F(AgentWritersTest, WhoMayOnlyLookStoresNothing) {
     ctl({"identity", "add", "reader", "--kind", "token", "--below", own});
-    const HttpAnswer answer = send(event(own), {}, newToken("reader"));
+    const HttpAnswer answer = send(eventOf(own), {}, newToken("reader"));
     EXPECT_EQ(answer.status, 403);
     EXPECT_THAT(answer.body, HasSubstr("needs full access, or the right to write"));
 }
@@ -180,7 +181,7 @@ TEST_F(AgentWritersTest, WhoSeesSomeRecordsExportsTheseAlone) {
         EXPECT_EQ(answer.status, 200) << answer.body;
         return answer.body;
     };
-    expectTaken(event(below), 1);
+    expectTaken(eventOf(below), 1);
     const std::string all = exported("");
     for (const char* eid : {own, below, lowest, listed})
         EXPECT_THAT(all, HasSubstr(R"({"kind":"environment","eid":")" + std::string(eid) + '"'));

@@ -6,8 +6,8 @@
 namespace QOR {
 namespace {
 
-constexpr const char* eidA = "aaaaaaaa-0000-4000-8000-000000000001";
-constexpr const char* eidB = "bbbbbbbb-0000-4000-8000-000000000002";
+constexpr const char* firstEid = "aaaaaaaa-0000-4000-8000-000000000001";
+constexpr const char* secondEid = "bbbbbbbb-0000-4000-8000-000000000002";
 
 template <class Record>
 Record parsed(const std::string& line) {
@@ -34,8 +34,8 @@ TEST(QORRecordsTest, AnEnvironmentWithEverything) {
         R"("type":"host","os":{"name":"Debian","platform":"linux","version":"12","kernel":"6.1"},)"
         R"("ip":["10.0.0.1","10.0.0.2"],"memory":2048,"boot_time":"2024-01-01","tags":["a","b"]},)"
         R"("virtual_config":{"hostname":"inner","ip":[],"base_sample_id":"s","base_snapshot_id":null}})");
-    EXPECT_EQ(record.eid.toString(), eidA);
-    EXPECT_EQ(record.parentEid.toString(), eidB);
+    EXPECT_EQ(record.eid.toString(), firstEid);
+    EXPECT_EQ(record.parentEid.toString(), secondEid);
     EXPECT_EQ(record.title, "web 1");
     EXPECT_EQ(record.state, 6);
     EXPECT_EQ(record.transition, -1);
@@ -63,7 +63,7 @@ TEST(QORRecordsTest, AnEnvironmentWithEverything) {
 
 TEST(QORRecordsTest, NullIsNoTextInAColumnAndTheEmptyOneInTheConfiguration) {
     const auto record = parsed<QOREnvironmentRecord>(
-        std::string(R"({"kind":"environment","eid":")") + eidA +
+        std::string(R"({"kind":"environment","eid":")") + firstEid +
         R"(","config":{"name":null,"domain":"","os":{"kernel":null,"version":""},"ip":["","10.0.0.1"]}})");
     ASSERT_TRUE(record.config);
     EXPECT_EQ(record.config->text(QOREnvMember::Name), std::nullopt);
@@ -80,7 +80,8 @@ TEST(QORRecordsTest, NullIsNoTextInAColumnAndTheEmptyOneInTheConfiguration) {
 }
 
 TEST(QORRecordsTest, AnEnvironmentWithTheLeast) {
-    const auto record = parsed<QOREnvironmentRecord>(std::string(R"({"eid":")") + eidA + R"(","kind":"environment"})");
+    const auto record =
+        parsed<QOREnvironmentRecord>(std::string(R"({"eid":")") + firstEid + R"(","kind":"environment"})");
     EXPECT_FALSE(record.parentEid.isValid());
     EXPECT_EQ(record.title, std::nullopt);
     EXPECT_EQ(record.state, 0);
@@ -98,10 +99,10 @@ TEST(QORRecordsTest, AnOperation) {
     EXPECT_EQ(record.op, "start");
     EXPECT_EQ(record.status, -5);
     EXPECT_EQ(record.time, 1704067200);
-    EXPECT_EQ(record.eid.toString(), eidA);
+    EXPECT_EQ(record.eid.toString(), firstEid);
     ASSERT_EQ(record.eids.size(), 2U);
-    EXPECT_EQ(record.eids[0].toString(), eidB);
-    EXPECT_EQ(record.eids[1].toString(), eidA);
+    EXPECT_EQ(record.eids[0].toString(), secondEid);
+    EXPECT_EQ(record.eids[1].toString(), firstEid);
     EXPECT_EQ(record.message->getParameterByPath("task_id"), "7");
 }
 

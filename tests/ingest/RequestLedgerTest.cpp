@@ -18,7 +18,7 @@ using test::runSql;
 
 constexpr const char* events = "SELECT count(*) FROM qor_event";
 
-std::string eventLine(int time) {
+std::string ledgerLine(int time) {
     return R"({"kind":"event","time":)" + std::to_string(time) + "}\n";
 }
 
@@ -27,7 +27,7 @@ protected:
     RequestLedgerTest() {
         options.batchRecords = 3;
         for (int number = 1; number <= 10; ++number)
-            lines += number == 5 || number == 10 ? "bad line\n" : eventLine(number);
+            lines += number == 5 || number == 10 ? "bad line\n" : ledgerLine(number);
     }
     void SetUp() override { database.open(); }
 
@@ -93,7 +93,7 @@ TEST_F(RequestLedgerTest, LinesMayBeNumberedFromAnywhere) {
 
 TEST_F(RequestLedgerTest, TheSameKeyWithAnotherContentIsRefused) {
     send(lines);
-    EXPECT_EQ(codeOf(lines + eventLine(11)), errOtherContent);
+    EXPECT_EQ(codeOf(lines + ledgerLine(11)), errOtherContent);
     EXPECT_EQ(codeOf(lines, 2), errOtherContent);
     EXPECT_EQ(queryText(events), "8");
 }
@@ -108,7 +108,7 @@ TEST_F(RequestLedgerTest, AKeyIsShortAndVisible) {
 TEST_F(RequestLedgerTest, OldKeysAreForgotten) {
     send(lines);
     runSql("UPDATE qor_request SET time = time - 90000");
-    send(eventLine(1), 1, "newer");
+    send(ledgerLine(1), 1, "newer");
     EXPECT_EQ(test::queryRows("SELECT key FROM qor_request", 1), (std::vector<test::Row>{{"newer"}}));
 }
 
@@ -116,7 +116,7 @@ TEST_F(RequestLedgerTest, TenThousandKeysAreKeptAtMost) {
     runSql(
         "INSERT INTO qor_request (key, digest, last_line, result, time) WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL "
         "SELECT i + 1 FROM n WHERE i < 10005) SELECT 'k' || i, '', 1, '', 4000000000 FROM n");
-    send(eventLine(1), 1, "newest");
+    send(ledgerLine(1), 1, "newest");
     EXPECT_EQ(queryText("SELECT count(*) FROM qor_request"), "10000");
     EXPECT_EQ(queryText("SELECT count(*) FROM qor_request WHERE key IN ('newest', 'k7')"), "2");
 }

@@ -21,6 +21,10 @@ inline QOREID eidOf(std::uint64_t number) {
     eid.fromString("6ba7b810-9dad-11d1-80b4-" + digits);
     return eid;
 }
+/// As a text of SQL.
+inline std::string quotedEid(std::uint64_t number) {
+    return "'" + eidOf(number).toString() + "'";
+}
 
 inline QORClientContextPtr fullAccess() {
     auto context = std::make_shared<QORClientContext>();

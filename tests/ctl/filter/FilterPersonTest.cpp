@@ -12,13 +12,13 @@ namespace {
 
 using testing::HasSubstr;
 
-struct Answer {
+struct Description {
     int exitCode;
     std::string out;
     std::string err;
 };
 
-Answer describe(std::string_view text) {
+Description describe(std::string_view text) {
     std::ostringstream out;
     std::ostringstream err;
     const int exitCode = runFilterPerson(text, FilterNames(), out, err);
@@ -26,7 +26,7 @@ Answer describe(std::string_view text) {
 }
 
 TEST(FilterPerson, AFilterIsDescribed) {
-    const Answer answer = describe(
+    const Description answer = describe(
         "pager.op_log.time >= '1970-01-02' and not (lower(pager.env.title) like 'it''s%' or pager.op_log.status < -3)");
     EXPECT_EQ(answer.exitCode, 0);
     EXPECT_EQ(answer.err, "");
@@ -131,7 +131,7 @@ const ErrorCase errorCases[] = {
 
 TEST(FilterPerson, AMistakeIsShownWithItsPlace) {
     for (const ErrorCase& test : errorCases) {
-        const Answer answer = describe(test.text);
+        const Description answer = describe(test.text);
         EXPECT_EQ(answer.exitCode, 1) << test.text;
         EXPECT_EQ(answer.err, test.err) << test.text;
         EXPECT_EQ(answer.out, "") << test.text;
@@ -149,7 +149,7 @@ TEST(FilterPerson, ResultsThatAreNoBooleanAreNoted) {
 }
 
 TEST(FilterPerson, TextsAreHarmlessForATerminal) {
-    const Answer answer = describe("'\x1b[31m\xff' = 'x'");
+    const Description answer = describe("'\x1b[31m\xff' = 'x'");
     EXPECT_EQ(answer.exitCode, 0);
     EXPECT_EQ(answer.out.find('\x1b'), std::string::npos);
     EXPECT_EQ(answer.out.find('\xff'), std::string::npos);
@@ -160,7 +160,7 @@ TEST(FilterPerson, DeepTreesAreCutWhereTheyLeaveTheScreen) {
     std::string text = "true";
     for (int i = 0; i < 20000; ++i)
         text = "not (" + text + ")";
-    const Answer answer = describe(text);
+    const Description answer = describe(text);
     EXPECT_EQ(answer.exitCode, 0);
     EXPECT_THAT(answer.out, HasSubstr("... (19977 more)"));
 }

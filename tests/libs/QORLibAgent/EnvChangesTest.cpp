@@ -29,12 +29,8 @@ Listed listOf(const QOREnvCache& cache) {
     return listed;
 }
 
-std::string quoted(std::uint64_t number) {
-    return "'" + eidOf(number).toString() + "'";
-}
-
 std::string inserted(std::uint64_t number, const std::string& title) {
-    return "INSERT INTO qor_environment (eid, title, state, transition, updated) VALUES (" + quoted(number) + ", '" +
+    return "INSERT INTO qor_environment (eid, title, state, transition, updated) VALUES (" + quotedEid(number) + ", '" +
            title + "', 0, 0, '2024-05-01 00:00:00')";
 }
 
@@ -66,11 +62,11 @@ TEST_F(EnvChangesTest, WhatAnyProgramDoesIsTakenInByARefresh) {
     runSql(inserted(1, "one"));
     EXPECT_THAT(listOf(m_cache), IsEmpty());
     EXPECT_THAT(refreshed(), ElementsAre(std::pair(eidOf(1), "one"), std::pair(eidOf(2), "two")));
-    runSql("UPDATE qor_environment SET title = 'new' WHERE eid = " + quoted(2));
+    runSql("UPDATE qor_environment SET title = 'new' WHERE eid = " + quotedEid(2));
     EXPECT_THAT(refreshed(), ElementsAre(std::pair(eidOf(1), "one"), std::pair(eidOf(2), "new")));
-    runSql("UPDATE qor_environment SET eid = " + quoted(3) + " WHERE eid = " + quoted(1));
+    runSql("UPDATE qor_environment SET eid = " + quotedEid(3) + " WHERE eid = " + quotedEid(1));
     EXPECT_THAT(refreshed(), ElementsAre(std::pair(eidOf(2), "new"), std::pair(eidOf(3), "one")));
-    runSql("DELETE FROM qor_environment WHERE eid = " + quoted(2));
+    runSql("DELETE FROM qor_environment WHERE eid = " + quotedEid(2));
     EXPECT_THAT(refreshed(), ElementsAre(std::pair(eidOf(3), "one")));
     runSql("DELETE FROM qor_environment");
     EXPECT_THAT(refreshed(), IsEmpty());
@@ -93,7 +89,7 @@ TEST_F(EnvChangesTest, OnlyWhatChangedIsReadAnew) {
     const auto before = m_cache.getEnvList();
     refreshed();
     EXPECT_EQ(m_cache.getEnvList(), before) << "nothing changed";
-    runSql("UPDATE qor_environment SET title = 'x' WHERE eid = " + quoted(2));
+    runSql("UPDATE qor_environment SET title = 'x' WHERE eid = " + quotedEid(2));
     refreshed();
     EXPECT_EQ(m_cache.getEnvCopy(eidOf(1)), before->find(eidOf(1)));
     EXPECT_NE(m_cache.getEnvCopy(eidOf(2)), before->find(eidOf(2)));
@@ -126,7 +122,7 @@ public:
     explicit EnvChanges(unsigned seed) : m_random(seed) {}
 
     std::string next() {
-        const std::string one = quoted(m_random() % 60);
+        const std::string one = quotedEid(m_random() % 60);
         switch (m_random() % 40) {
             case 0:
                 return testEngine() == ASEngine::SQLite ? "DELETE FROM qor_environment"
@@ -135,7 +131,7 @@ public:
                 return "UPDATE qor_environment SET title = 'all " + std::to_string(m_random() % 9) + "'";
             case 2:
             case 3:
-                return "UPDATE qor_environment SET eid = " + one + " WHERE eid = " + quoted(m_random() % 60) +
+                return "UPDATE qor_environment SET eid = " + one + " WHERE eid = " + quotedEid(m_random() % 60) +
                        " AND NOT EXISTS (SELECT 1 FROM qor_environment WHERE eid = " + one + ")";
             default:
                 break;

@@ -23,10 +23,6 @@ using ::testing::IsEmpty;
 const std::set<QORChangeKind> allKinds{QORChangeKind::Environment, QORChangeKind::Operation, QORChangeKind::Event,
                                        QORChangeKind::Backup};
 
-std::string quoted(std::uint64_t number) {
-    return "'" + eidOf(number).toString() + "'";
-}
-
 std::string event(const std::string& category, const std::string& eid = "NULL") {
     return "INSERT INTO qor_event (time, eid, category) VALUES ('2024-05-01 00:00:00', " + eid + ", '" + category +
            "')";
@@ -41,7 +37,7 @@ std::string backup(const std::string& id) {
 }
 
 std::string environment(std::uint64_t number) {
-    return "INSERT INTO qor_environment (eid, state, transition, updated) VALUES (" + quoted(number) +
+    return "INSERT INTO qor_environment (eid, state, transition, updated) VALUES (" + quotedEid(number) +
            ", 0, 0, '2024-05-01 00:00:00')";
 }
 
@@ -307,7 +303,7 @@ TEST_F(RecordChanges, APositionBeyondTheEndIsTold) {
 
 TEST_F(RecordChanges, OfOthersAreHidden) {
     for (unsigned i = 0; i < 20; ++i)
-        runSql(event("c", i % 5 == 0 ? "NULL" : quoted(i % 5)));
+        runSql(event("c", i % 5 == 0 ? "NULL" : quotedEid(i % 5)));
     runSql(environment(2));
     runSql(environment(3));
     QORChangeReader reader(allKinds);

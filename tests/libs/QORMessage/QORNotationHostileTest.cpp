@@ -21,7 +21,7 @@ using QOR::readXml;
 using QOR::test::repeated;
 using QOR::test::treeOf;
 
-constexpr const char* request =
+constexpr const char* wholeRequest =
     R"({"operator":"pager2","request":"select","body":[1740,[[1009,"v\u00fc\ud83d\ude00"],["field",{"base64":"AA=="}],[1259]]],)"
     R"("client":{"fullAccess":false,"sids":[{"principalId":0,"principalType":1,"eid":null}]}})";
 constexpr const char* response = R"({"response":[[1744,[[1739,[[1018,"x"]]]]]],"error":{"code":-1,"message":"m"}})";
@@ -75,7 +75,7 @@ void expectTruncationsRefused(std::string_view text, const std::function<void(st
 }
 
 TEST(Hostile, TextsCutAtAnyByteAreRefused) {
-    expectTruncationsRefused(request, [](std::string_view text) { readRequest(text); });
+    expectTruncationsRefused(wholeRequest, [](std::string_view text) { readRequest(text); });
     expectTruncationsRefused(response, [](std::string_view text) { readResponse(text); });
     expectTruncationsRefused(xml, [](std::string_view text) {
         QORMessage message;
@@ -88,7 +88,7 @@ TEST(Hostile, ChangedBytesAreReadOrRefusedButNeverHarm) {
     const auto pick = [&random](std::size_t count) { return static_cast<std::size_t>(random()) % count; };
     int refused = 0;
     for (int round = 0; round < 20000; ++round) {
-        std::string text = round % 2 == 0 ? request : xml;
+        std::string text = round % 2 == 0 ? wholeRequest : xml;
         for (std::size_t changes = 1 + pick(3); changes > 0; --changes) {
             const std::size_t at = pick(text.size());
             if (pick(3) == 0) {

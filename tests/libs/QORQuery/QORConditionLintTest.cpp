@@ -20,10 +20,10 @@ namespace {
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-constexpr std::size_t levels = 62;
-constexpr std::int64_t now = 1714557600;  // 2024-05-01 10:00:00
+constexpr std::size_t lintLevels = 62;
+constexpr std::int64_t lintTime = 1714557600;  // 2024-05-01 10:00:00
 
-std::string typeOf(std::string_view view, std::string_view column) {
+std::string lintType(std::string_view view, std::string_view column) {
     if (!isSameWord(view, "v") && !isSameWord(view, "w")) return {};
     const std::vector<std::pair<std::string_view, std::string>> types{
         {"n", "int"},      {"b", "bigint"},           {"d", "float"},
@@ -37,7 +37,7 @@ std::string typeOf(std::string_view view, std::string_view column) {
 QORConditionFacts facts() {
     QORConditionFacts facts;
     facts.view = "v";
-    facts.types = typeOf;
+    facts.types = lintType;
     facts.values = [](std::string_view, std::string_view column) {
         return column == "op" ? std::vector<std::string>{"install", "remove"} : std::vector<std::string>();
     };
@@ -57,23 +57,23 @@ std::string told(const std::vector<QORConditionWarning>& warnings) {
 }
 
 std::vector<QORConditionWarning> lint(std::string_view text, const QORConditionFacts& known = facts()) {
-    return lintCondition(text, {.view = "v", .levels = levels, .types = typeOf, .now = now, .currentEid = "ffff"},
-                         known);
+    return lintCondition(
+        text, {.view = "v", .levels = lintLevels, .types = lintType, .now = lintTime, .currentEid = "ffff"}, known);
 }
 
-struct Case {
+struct LintCase {
     const char* rule;
     const char* text;
     const char* warnings;
 };
 
-class ConditionLint : public testing::TestWithParam<Case> {};
+class ConditionLint : public testing::TestWithParam<LintCase> {};
 
 TEST_P(ConditionLint, TellsOfTheTrap) {
     EXPECT_EQ(told(lint(GetParam().text)), GetParam().warnings) << GetParam().rule << ": " << GetParam().text;
 }
 
-constexpr Case cases[] = {
+constexpr LintCase lintCases[] = {
     // What never holds.
     {"two values", "n = 1 and n = 2", "always_false@10"},
     {"of a bigger integer", "b = 1 and n = 1 and b = 2", "always_false@20"},
@@ -157,7 +157,7 @@ constexpr Case cases[] = {
     {"another view's rows are not known", "n in (select n from w where s like '%x')", ""},
     {"no pattern", "s like op", ""},
 };
-INSTANTIATE_TEST_SUITE_P(Cases, ConditionLint, testing::ValuesIn(cases));
+INSTANTIATE_TEST_SUITE_P(Cases, ConditionLint, testing::ValuesIn(lintCases));
 
 TEST(ConditionLintText, OfAnEmptyTextNothingIsTold) {
     EXPECT_THAT(lint(""), IsEmpty());

@@ -19,14 +19,14 @@ std::string idsOf(const std::vector<std::vector<std::string>>& rows) {
     return ids;
 }
 
-struct Complaint {
+struct WhereComplaint {
     const char* name;
     const char* condition;
     int code;
     const char* message;
 };
 
-class WhereComplaints : public Pager2Test, public ::testing::WithParamInterface<Complaint> {};
+class WhereComplaints : public Pager2Test, public ::testing::WithParamInterface<WhereComplaint> {};
 
 TEST_P(WhereComplaints, IsAnsweredWithOneError) {
     const QORResponse answer = readResponse(client.ask(selectWhere(GetParam().condition)));
@@ -38,7 +38,7 @@ TEST_P(WhereComplaints, IsAnsweredWithOneError) {
 
 constexpr const char* incorrect = "incorrect <where> clause";
 
-constexpr Complaint complaints[] = {
+constexpr WhereComplaint whereComplaints[] = {
     {"UnknownElement", R"(["limit",[["size","1"]]])", 400, incorrect},
     {"FieldInPlaceOfACondition", R"(["field","id"])", 400, incorrect},
     {"AndWithoutChildren", R"(["and"])", 400, incorrect},
@@ -113,7 +113,7 @@ constexpr Complaint complaints[] = {
      1, "invalid column name \"x\" of view \"vNames\""},
 };
 
-INSTANTIATE_TEST_SUITE_P(Trees, WhereComplaints, ::testing::ValuesIn(complaints),
+INSTANTIATE_TEST_SUITE_P(Trees, WhereComplaints, ::testing::ValuesIn(whereComplaints),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
 struct Literal {
