@@ -78,10 +78,14 @@ void AgentReload::reopenLogs() const {
     }
 }
 
+/// Where https is to end with the next start, its files may be gone.
+bool AgentReload::readsCertificates(const AgentSettings& wanted) const {
+    return m_parts.certificates != nullptr && usesTls(serverOptions(wanted, m_parts.handed));
+}
+
 /// What goes together with something that needs a restart waits for that.
 bool AgentReload::canChange(const Setting& setting, const AgentSettings& wanted) const {
-    if (setting.name.starts_with("tls-"))
-        return m_parts.certificates != nullptr && usesTls(serverOptions(wanted, m_parts.handed));
+    if (setting.name.starts_with("tls-")) return readsCertificates(wanted);
     if (setting.name.starts_with("keep-")) return !m_running.readOnly;
     return setting.changes;
 }
@@ -100,20 +104,20 @@ AgentReload::Change AgentReload::prepare() {
     }
     change.server = serverOptions(change.settings, m_parts.handed);
     fitConnections(change.server);
-    if (m_parts.certificates != nullptr) change.certificates = HttpCertificates::read(change.settings.tls);
+    if (readsCertificates(wanted)) change.certificates = HttpCertificates::read(change.settings.tls);
     change.audit = m_parts.application.audit();
     if (!isSameAudit(change.settings.audit, m_running.audit)) {
         change.audit =
             change.settings.audit.target.empty() ? nullptr : std::make_shared<AgentAudit>(change.settings.audit);
     }
-    takeLogAndRetention(change.settings);
+    takeLog(change.settings);
     return change;
 }
 
-void AgentReload::takeLogAndRetention(const AgentSettings& settings) const {
+void AgentReload::takeLog(const AgentSettings& settings) const {
+    if (settings.logFile == m_running.logFile) return;
     try {
-        if (settings.logFile != m_running.logFile) openLog(settings.logFile);
-        if (settings.keep != m_running.keep) m_parts.retention = QORRetention(settings.keep);
+        openLog(settings.logFile);
     } catch (const std::exception&) {
         setLogFile(m_running.logFile);
         throw;
@@ -123,7 +127,7 @@ void AgentReload::takeLogAndRetention(const AgentSettings& settings) const {
 void AgentReload::apply(Change change) {
     AgentSettings& settings = change.settings;
     setLogLevel(static_cast<int>(settings.logLevel));
-    if (m_parts.certificates != nullptr) {
+    if (change.certificates) {
         m_parts.certificates->use(std::move(change.certificates));
         logMessage(2, module, sourcePath, __func__, "the certificates have been read anew");
     }
@@ -133,6 +137,7 @@ void AgentReload::apply(Change change) {
     m_parts.application.setAudit(std::move(change.audit));
     m_parts.host.router().setAnswerLimits(settings.answers);
     m_parts.server.change(change.server);
+    if (settings.keep != m_running.keep) m_parts.retention.keep(settings.keep);
     m_running = std::move(settings);
     m_parts.state.loaded(change.awaiting);
     logMessage(2, module, sourcePath, __func__, "the settings have been read anew; changed: %s",

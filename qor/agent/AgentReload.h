@@ -39,14 +39,15 @@ public:
     void run();
 
 private:
-    /// All that can fail of a change, done; of it hold the log and what the logs keep.
+    /// All that can fail of a change, done; of it holds the log.
     struct Change;
 
     void reopenLogs() const;
     bool canChange(const Setting& setting, const AgentSettings& wanted) const;
+    bool readsCertificates(const AgentSettings& wanted) const;
     Change prepare();
-    /// The last that can fail: what they replace is gone.
-    void takeLogAndRetention(const AgentSettings& settings) const;
+    /// The last that can fail: what it replaces is gone.
+    void takeLog(const AgentSettings& settings) const;
     void apply(Change change);
 
     SettingsSources m_sources;

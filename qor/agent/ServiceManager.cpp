@@ -21,8 +21,15 @@ namespace {
 
 constexpr int keepVariables = 0;
 
-/// What is told is lines.
+/// What is told is lines, and of a few kilobytes at most: beyond, nothing of it arrives.
 std::string oneLine(std::string text) {
+    constexpr std::size_t longest = 1000;
+    if (text.size() > longest) {
+        std::size_t end = longest;
+        while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
+            --end;
+        text.replace(end, std::string::npos, "...");
+    }
     std::replace_if(
         text.begin(), text.end(), [](unsigned char c) { return c < ' '; }, ' ');
     return text;
@@ -91,10 +98,6 @@ HttpHandedSocket take(int socket) {
 
 void ServiceManager::ready(const std::string& status) {
     notify("READY=1\nSTATUS=" + oneLine(status));
-}
-
-void ServiceManager::tell(const std::string& status) {
-    notify("STATUS=" + oneLine(status));
 }
 
 void ServiceManager::reloading() {

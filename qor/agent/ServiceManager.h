@@ -15,10 +15,8 @@ namespace QOR {
 /// and nothing is got. Thread-safe, but for takeSockets().
 class ServiceManager {
 public:
-    /// Clients may come.
+    /// Clients may come. \param status a line that says how it is; of a long one the beginning is told
     static void ready(const std::string& status);
-    /// One line that says how it is.
-    static void tell(const std::string& status);
     /// Settings are being read anew; ready() ends it.
     static void reloading();
     static void stopping();

@@ -226,7 +226,8 @@ int main(int argc, char** argv) {
         SignalWatch::block();
         return parseAndServe(argc, argv);
     } catch (const std::exception& exception) {
-        std::fprintf(stderr, "qor-agent: %s\n", exception.what());
+        // A database may be given with a password.
+        std::fprintf(stderr, "qor-agent: %s\n", withoutPasswords(exception.what()).c_str());
     } catch (...) {
         std::fputs("qor-agent: unknown failure\n", stderr);
     }

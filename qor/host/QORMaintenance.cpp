@@ -712,25 +712,70 @@ void pruneLogs(const QORRetentionOptions& options, const std::stop_token& stop) 
     if (gave) workLogIn();
 }
 
-QORRetention::QORRetention(const QORRetentionOptions& options) {
-    if (QORRdbms::instance().options().readOnly) return;
-    m_thread = std::jthread([options](const std::stop_token& stop) {
-        std::mutex mutex;
-        std::condition_variable_any woken;
-        std::unique_lock lock(mutex);
-        const std::chrono::minutes pause(options.any() ? 1 : 60);
+/// What its thread and whoever changes what may be kept share.
+class QORRetention::Work {
+public:
+    explicit Work(const QORRetentionOptions& options) : m_options(options) {}
+
+    void keep(const QORRetentionOptions& options) {
+        const std::lock_guard lock(m_mutex);
+        m_options = options;
+        m_changed = true;
+        m_round.request_stop();
+        m_woken.notify_all();
+    }
+
+    void run(const std::stop_token& stop) {
+        const std::stop_callback ending(stop, [this] {
+            const std::lock_guard lock(m_mutex);
+            m_round.request_stop();
+        });
+        std::unique_lock lock(m_mutex);
         // Who has just started has better things to do.
-        if (!options.any()) woken.wait_for(lock, stop, pause, [] { return false; });
+        if (!m_options.any()) rest(lock, stop);
         while (!stop.stop_requested()) {
-            try {
-                options.any() ? pruneLogs(options, stop) : forAll(withRecords(), trimSequence);
-            } catch (const std::exception& failure) {
-                logMessage(1, "QORHost", sourcePath, "QORRetention", "old records could not be removed: %s",
-                           failure.what());
-            }
-            woken.wait_for(lock, stop, pause, [] { return false; });
+            m_changed = false;
+            m_round = std::stop_source();
+            const QORRetentionOptions options = m_options;
+            const std::stop_token round = m_round.get_token();
+            lock.unlock();
+            work(options, round);
+            lock.lock();
+            rest(lock, stop);
         }
-    });
+    }
+
+private:
+    void rest(std::unique_lock<std::mutex>& lock, const std::stop_token& stop) {
+        const std::chrono::minutes pause(m_options.any() ? 1 : 60);
+        m_woken.wait_for(lock, stop, pause, [this] { return m_changed; });
+    }
+
+    static void work(const QORRetentionOptions& options, const std::stop_token& stop) {
+        try {
+            options.any() ? pruneLogs(options, stop) : forAll(withRecords(), trimSequence);
+        } catch (const std::exception& failure) {
+            logMessage(1, "QORHost", sourcePath, "QORRetention", "old records could not be removed: %s",
+                       failure.what());
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable_any m_woken;
+    QORRetentionOptions m_options;  // guarded by m_mutex, as is what follows
+    bool m_changed = false;
+    std::stop_source m_round;  ///< of what is removed at the moment
+};
+
+QORRetention::QORRetention(const QORRetentionOptions& options) : m_work(std::make_unique<Work>(options)) {
+    if (QORRdbms::instance().options().readOnly) return;
+    m_thread = std::jthread([work = m_work.get()](const std::stop_token& stop) { work->run(stop); });
+}
+
+QORRetention::~QORRetention() = default;
+
+void QORRetention::keep(const QORRetentionOptions& options) {
+    m_work->keep(options);
 }
 
 std::uint64_t strandedBytes() {

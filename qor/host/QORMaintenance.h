@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -78,8 +79,18 @@ void pruneLogs(const QORRetentionOptions& options, const std::stop_token& stop);
 class QORRetention {
 public:
     explicit QORRetention(const QORRetentionOptions& options);
+    ~QORRetention();
+    QORRetention(const QORRetention&) = delete;
+    QORRetention& operator=(const QORRetention&) = delete;
+
+    /// The logs may hold so much from now on. What is being removed for what held before ends first, without being
+    /// waited for. Any thread.
+    void keep(const QORRetentionOptions& options);
 
 private:
+    class Work;
+
+    std::unique_ptr<Work> m_work;
     std::jthread m_thread;
 };
 

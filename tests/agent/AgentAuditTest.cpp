@@ -185,7 +185,7 @@ TEST(AuditLine, IsOneLineOfJsonWhateverClientsCallThings) {
     peer.overTcp = true;
     peer.address = "192.0.2.7";
     const std::string line =
-        auditLine({HttpEnd::How::Answered, 200, 1234, std::chrono::microseconds(1500)}, peer, &trace);
+        auditLine({HttpEnd::How::Answered, 200, 1234, std::chrono::microseconds(1500)}, peer, &trace, true);
     EXPECT_THAT(line, Not(HasSubstr("\n")));
     EXPECT_LT(line.size(), 6000U);
     EXPECT_THAT(line, HasSubstr(R"("view":"a\n\"b\\?\u0000")"));
@@ -197,7 +197,7 @@ TEST(AuditLine, SaysHowItEnded) {
     const auto outcome = [](HttpEnd::How how, unsigned status, int error) {
         AgentTrace trace;
         trace.notes.error = error;
-        const std::string line = auditLine({how, status, 0, {}}, {}, &trace);
+        const std::string line = auditLine({how, status, 0, {}}, {}, &trace, true);
         const std::size_t at = line.find(R"("outcome":")") + 11;
         return line.substr(at, line.size() - at - 2);
     };
@@ -207,7 +207,18 @@ TEST(AuditLine, SaysHowItEnded) {
     EXPECT_EQ(outcome(HttpEnd::How::Answered, 503, 0), "failed");
     EXPECT_EQ(outcome(HttpEnd::How::BrokenOff, 200, 0), "broken off");
     EXPECT_EQ(outcome(HttpEnd::How::Gone, 0, 0), "client gone");
-    EXPECT_THAT(auditLine({HttpEnd::How::Answered, 400, 0, {}}, {}, nullptr), HasSubstr(R"("status":400)"));
+    EXPECT_THAT(auditLine({HttpEnd::How::Answered, 400, 0, {}}, {}, nullptr, true), HasSubstr(R"("status":400)"));
+}
+
+TEST(AuditLine, WhatWasNotedForAnAuditWithLiteralsIsNotShownByOneWithout) {
+    AgentTrace trace;
+    trace.notes.condition = "title = 'secret'";
+    trace.notes.conditions = QORRequestNotes::Conditions::Whole;
+    EXPECT_THAT(auditLine({HttpEnd::How::Answered, 200, 0, {}}, {}, &trace, true), HasSubstr("secret"));
+    EXPECT_THAT(auditLine({HttpEnd::How::Answered, 200, 0, {}}, {}, &trace, false), Not(HasSubstr("condition")));
+    trace.notes.condition = "title = ?";
+    trace.notes.conditions = QORRequestNotes::Conditions::Masked;
+    EXPECT_THAT(auditLine({HttpEnd::How::Answered, 200, 0, {}}, {}, &trace, false), HasSubstr("title = ?"));
 }
 
 TEST(PrometheusForm, LabelsAreEscapedAndNumbersSpelledShort) {

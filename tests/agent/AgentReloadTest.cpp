@@ -19,6 +19,7 @@
 #include "support/ChildProcess.h"
 #include "support/HttpClient.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TestCertificates.h"
 
 namespace QOR {
 namespace {
@@ -32,8 +33,12 @@ using testing::Not;
 /// An agent that is told everything by a file.
 class AgentReloadTest : public ::testing::Test {
 protected:
+    using Values = std::map<std::string, std::string>;
+
+    /// What it begins with.
+    virtual Values first() const { return {}; }
     void SetUp() override {
-        write({});
+        write(first());
         m_agent = std::make_unique<ChildProcess>(std::vector<std::string>{
             (test::programDirectory() / "qor-agent").string(), "--settings", m_folder.file("agent.toml")});
         ASSERT_TRUE(m_agent->waitForLine("qor-agent listening on ")) << m_agent->output();
@@ -44,7 +49,7 @@ protected:
     }
 
     /// The agent's own places, and in place of them or besides what is given, as TOML.
-    void write(std::map<std::string, std::string> values) const {
+    void write(Values values) const {
         values.insert({{"socket", settingsFileText(m_folder.file("agent.sock"))},
                        {"database", settingsFileText(m_folder.file("agent.db"))},
                        {"log-file", settingsFileText(m_folder.file("agent.log"))}});
@@ -137,10 +142,13 @@ TEST_F(AgentReloadTest, AFileThatCannotBeWrittenChangesNothing) {
 TEST_F(AgentReloadTest, ALimitHoldsForRequestsThatComeLater) {
     const std::string record = R"({"kind":"event","time":1,"source":"s","category":"c"})";
     EXPECT_EQ(client().post("/v1/records", record).status, 200);
+    HttpClient open = client();
+    EXPECT_EQ(open.post("/v1/records", record).status, 200);
     write({{"body-limit", "10"}});
     reload();
     awaitText("agent.log", "changed: body-limit\n");
     EXPECT_EQ(client().post("/v1/records", record).status, 413);
+    EXPECT_EQ(open.post("/v1/records", record).status, 413);
     write({});
     reload();
     awaitText("agent.log", "changed: body-limit\n");
@@ -157,6 +165,28 @@ TEST_F(AgentReloadTest, WhatTheLogsKeepHoldsFromThenOn) {
                                R"([1741,"source"]]]})";
     while (client().message(select).find("[1739,") != std::string::npos)
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
+}
+
+class AgentReloadWithCertificatesTest : public AgentReloadTest {
+protected:
+    Values first() const override {
+        return {{"listen", "['https://127.0.0.1:0']"},
+                {"tls-certificate", settingsFileText(m_certificates.certificate("server"))},
+                {"tls-key", settingsFileText(m_certificates.key("server"))}};
+    }
+
+    const test::TestCertificates m_certificates;
+};
+
+TEST_F(AgentReloadWithCertificatesTest, FilesThatTheNextStartNeedsNoMoreMayBeGone) {
+    std::filesystem::remove(m_certificates.certificate("server"));
+    reload();
+    awaitText("agent.log", "the settings stay as they were, and the certificates stay as they were");
+    write({{"threads", "3"}});
+    reload();
+    awaitText("agent.log", "needs a restart of the agent\n");
+    EXPECT_THAT(metrics(),
+                AllOf(HasSubstr("\nqor_http_workers{lane=\"reading\"} 3\n"), HasSubstr("\nqor_settings_failing 0\n")));
 }
 
 }  // namespace

@@ -93,6 +93,16 @@ TEST_F(AgentServiceTest, TheManagerIsToldWhenClientsMayComeWhatIsReloadedAndThat
     agent.signal(SIGHUP);
     EXPECT_THAT(told(), StartsWith("RELOADING=1"));
     EXPECT_THAT(told(), AllOf(StartsWith("READY=1\nSTATUS=the settings stay as they were: "), HasSubstr(":1:10: ")));
+    // The manager throws away what is longer than 4096 bytes, and would wait for ever.
+    std::ofstream many(m_folder.file("agent.toml"));
+    for (int i = 0; i < 200; ++i)
+        many << "unknown-" << i << " = 1\n";
+    many.close();
+    agent.signal(SIGHUP);
+    EXPECT_THAT(told(), StartsWith("RELOADING=1"));
+    const std::string cut = told();
+    EXPECT_THAT(cut, StartsWith("READY=1\nSTATUS=the settings stay as they were: "));
+    EXPECT_LT(cut.size(), 2000U);
     agent.signal(SIGTERM);
     EXPECT_EQ(told(), "STOPPING=1\nSTATUS=stopping");
     EXPECT_EQ(agent.wait(), 0) << agent.output();
@@ -141,6 +151,27 @@ TEST_F(AgentServiceTest, SocketsThatListenAlreadyAreServedAndStay) {
     agent.signal(SIGTERM);
     EXPECT_EQ(agent.wait(), 0) << agent.output();
     EXPECT_TRUE(std::filesystem::exists(m_folder.file("handed.sock"))) << "it is the manager's";
+}
+
+TEST_F(AgentServiceTest, PlainHttpForOtherMachinesIsRefusedOnASocketThatListensAlready) {
+    constexpr int beyond = 20;
+    const int made = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in everywhere{};
+    everywhere.sin_family = AF_INET;
+    bindTo(made, everywhere);
+    ::listen(made, SOMAXCONN);
+    const int handed = ::fcntl(made, F_DUPFD, beyond);
+    ::close(made);
+    socklen_t size = sizeof everywhere;
+    ASSERT_EQ(::getsockname(handed, reinterpret_cast<sockaddr*>(&everywhere), &size), 0);
+    const std::string address = "http://0.0.0.0:" + std::to_string(ntohs(everywhere.sin_port));
+    ChildProcess agent({"bash", "-c",
+                        command("export LISTEN_PID=$$ LISTEN_FDS=1;", own() + " --listen " + address,
+                                "3<&" + std::to_string(handed))});
+    ::close(handed);
+    EXPECT_EQ(agent.wait(), 1);
+    EXPECT_THAT(agent.output(),
+                HasSubstr("cannot listen at " + address + ": plain http is for this machine's own programs"));
 }
 
 TEST_F(AgentServiceTest, TheJournalIsToldPrioritiesAndAFileTheTime) {

@@ -191,7 +191,7 @@ HttpReply AgentApplication::errorReply(unsigned status, std::string_view message
 void AgentApplication::ended(const HttpEnd& end, const HttpPeer& peer, HttpTrace* trace) {
     const auto* const known = static_cast<const AgentTrace*>(trace);
     m_metrics.count(end, known);
-    if (const auto auditing = audit()) auditing->add(auditLine(end, peer, known));
+    if (const auto auditing = audit()) auditing->add(auditLine(end, peer, known, auditing->showsLiterals()));
 }
 
 void logReply(const HttpRequest& request, const HttpReply& reply) {

@@ -71,7 +71,7 @@ void writePeer(JsonWriter& json, const HttpPeer& peer) {
     json.Int(peer.credentials->pid);
 }
 
-void writeNotes(JsonWriter& json, const QORRequestNotes& notes) {
+void writeNotes(JsonWriter& json, const QORRequestNotes& notes, bool literals) {
     writeKnown(json, "operator", notes.operatorName);
     writeKnown(json, "view", notes.view);
     if (!notes.fields.empty()) {
@@ -81,7 +81,9 @@ void writeNotes(JsonWriter& json, const QORRequestNotes& notes) {
             writeText(json, shown(field));
         json.EndArray();
     }
-    writeKnown(json, "condition", notes.condition);
+    // It was noted as the audit of then wanted it.
+    if (literals || notes.conditions != QORRequestNotes::Conditions::Whole)
+        writeKnown(json, "condition", notes.condition);
     writeKey(json, "rows");
     json.Int64(notes.rows);
     if (notes.stored + notes.refused > 0) {
@@ -116,7 +118,7 @@ std::string_view knownMethod(std::string_view method) noexcept {
     return "other";
 }
 
-std::string auditLine(const HttpEnd& end, const HttpPeer& peer, const AgentTrace* trace) {
+std::string auditLine(const HttpEnd& end, const HttpPeer& peer, const AgentTrace* trace, bool literals) {
     rapidjson::StringBuffer buffer;
     JsonWriter json(buffer);
     json.StartObject();
@@ -127,7 +129,7 @@ std::string auditLine(const HttpEnd& end, const HttpPeer& peer, const AgentTrace
     if (trace != nullptr) {
         writeKnown(json, "method", trace->method);
         writeKnown(json, "route", trace->route.empty() ? "none" : trace->route);
-        writeNotes(json, trace->notes);
+        writeNotes(json, trace->notes, literals);
     }
     writeKey(json, "status");
     json.Uint(end.status);

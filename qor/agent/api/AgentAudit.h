@@ -73,7 +73,7 @@ private:
 };
 
 /// The line of a request, without its end. Tokens, cookies, queries and bodies are not in it.
-/// \param trace null: of what was no request
-std::string auditLine(const HttpEnd& end, const HttpPeer& peer, const AgentTrace* trace);
+/// \param trace null: of what was no request \param literals conditions may be shown whole
+std::string auditLine(const HttpEnd& end, const HttpPeer& peer, const AgentTrace* trace, bool literals);
 
 }  // namespace QOR

@@ -459,6 +459,12 @@ private:
             return;
         }
         const std::uint64_t length = m_reader->bodyLength().value_or(0);
+        // The reader has the limit of when it was made.
+        if (const std::size_t limit = m_owner.options().bodyLimit; length > limit) {
+            noteRefused(413);
+            refuse(413, HttpRequestReader::tooLargeBody(limit));
+            return;
+        }
         if (length <= m_owner.options().freeBody) {
             sendContinue();
         } else if (!m_owner.awaitBodyMemory(*this, static_cast<std::size_t>(length))) {

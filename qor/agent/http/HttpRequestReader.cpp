@@ -216,13 +216,16 @@ void HttpRequestReader::readBodyFields() {
     m_chunked = true;
 }
 
+std::string HttpRequestReader::tooLargeBody(std::size_t limit) {
+    return "the body is larger than " + std::to_string(limit) + " bytes";
+}
+
 void HttpRequestReader::readContentLength(std::string_view value) {
     if (value.empty() || value.size() > lengthDigits || !std::all_of(value.begin(), value.end(), isDigitChar))
         return failSyntax("bad Content-Length");
     for (const char c : value)
         m_length = m_length * 10 + static_cast<unsigned>(c - '0');
-    if (m_length > m_bodyLimit)
-        fail(payloadTooLarge, "the body is larger than " + std::to_string(m_bodyLimit) + " bytes");
+    if (m_length > m_bodyLimit) fail(payloadTooLarge, tooLargeBody(m_bodyLimit));
 }
 
 void HttpRequestReader::readConnection(std::string_view value) {
@@ -327,8 +330,7 @@ void HttpRequestReader::readChunkSize(std::string_view line) {
     for (const char c : line.substr(0, digits))
         m_length = m_length * 16 + hexValue(c);
     m_framing += extensions.size();
-    if (m_length > m_bodyLimit - m_body.size())
-        return fail(payloadTooLarge, "the body is larger than " + std::to_string(m_bodyLimit) + " bytes");
+    if (m_length > m_bodyLimit - m_body.size()) return fail(payloadTooLarge, tooLargeBody(m_bodyLimit));
     m_chunk = m_length == 0 ? Chunk::Trailer : Chunk::Data;
 }
 

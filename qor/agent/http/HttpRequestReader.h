@@ -42,6 +42,9 @@ public:
     /// \param bodyLimit bytes of the body
     HttpRequestReader(std::size_t headLimit, std::size_t bodyLimit) : m_headLimit(headLimit), m_bodyLimit(bodyLimit) {}
 
+    /// What is said of a body of more than the limit, with status 413.
+    static std::string tooLargeBody(std::size_t limit);
+
     State state() const noexcept { return m_state; }
     const Failure& failure() const noexcept { return m_failure; }
     /// True when nothing has been taken so far.

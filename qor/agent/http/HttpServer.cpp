@@ -359,6 +359,7 @@ private:
             throw QORException(errFailure, "cannot listen at " + address.text() + ": there is no certificate",
                                sourcePath);
         if (const int handed = handedSocket(address); handed >= 0) {
+            if (!address.isUnix()) TcpListener::check(address);
             m_addresses.push_back(address);
             add({Acceptor(m_io, protocolOf(address), handed), net::steady_timer(m_io), nullptr, secure});
             return;

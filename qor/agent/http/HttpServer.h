@@ -94,8 +94,8 @@ public:
     void setBeat(std::chrono::milliseconds pause, std::function<void()> beat);
 
     /// Takes other limits, times and origins: what is accepted, read, run and sent from now on goes by them; a
-    /// connection that waits for a request reads that one by the sizes that it waits with. Where it listens, whose
-    /// group the sockets have and what certificates it shows stay. Any thread.
+    /// connection that waits for a request reads the headers of that one by the limit that it waits with. Where it
+    /// listens, whose group the sockets have and what certificates it shows stay. Any thread.
     void change(const HttpServerOptions& options);
 
     /// Where it listens, in the order of the options, with the ports that were taken. Any thread.

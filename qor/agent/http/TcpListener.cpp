@@ -44,15 +44,30 @@ std::uint16_t portOf(int socket) {
                                             : reinterpret_cast<const sockaddr_in6&>(bound).sin6_port);
 }
 
+[[noreturn]] void refuse(const QORAgentAddress& address, const std::string& reason) {
+    throw QORException(errFailure, "cannot listen at " + address.text() + ": " + reason, "qor/agent/http/TcpListener");
+}
+
+/// \throws QORException for what is no place to listen at
+Addresses checked(const QORAgentAddress& address) {
+    Addresses found = resolve(address);
+    if (!found) refuse(address, "\"" + address.host + "\" is no address in digits, as 127.0.0.1, [::1] or 0.0.0.0");
+    if (address.scheme == QORAgentAddress::Scheme::Http && !isLoopback(*found->ai_addr)) {
+        refuse(address,
+               "plain http is for this machine's own programs, at 127.0.0.1 or [::1]; for others listen at https://" +
+                   address.authority() + ", with --tls-certificate and --tls-key");
+    }
+    return found;
+}
+
 }  // namespace
 
+void TcpListener::check(const QORAgentAddress& address) {
+    static_cast<void>(checked(address));
+}
+
 TcpListener::TcpListener(const QORAgentAddress& address) : m_address(address) {
-    const Addresses found = resolve(address);
-    if (!found) fail("\"" + address.host + "\" is no address in digits, as 127.0.0.1, [::1] or 0.0.0.0");
-    if (address.scheme == QORAgentAddress::Scheme::Http && !isLoopback(*found->ai_addr)) {
-        fail("plain http is for this machine's own programs, at 127.0.0.1 or [::1]; for others listen at https://" +
-             address.authority() + ", with --tls-certificate and --tls-key");
-    }
+    const Addresses found = checked(address);
     m_family = found->ai_family;
     m_socket = QORFileDescriptor(::socket(m_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP));
     if (m_socket.get() < 0) fail(std::strerror(errno));
@@ -74,8 +89,7 @@ void TcpListener::set(int level, int option) const {
 }
 
 void TcpListener::fail(const std::string& reason) const {
-    throw QORException(errFailure, "cannot listen at " + m_address.text() + ": " + reason,
-                       "qor/agent/http/TcpListener");
+    refuse(m_address, reason);
 }
 
 }  // namespace QOR

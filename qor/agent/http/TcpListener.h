@@ -15,6 +15,9 @@ public:
     /// \throws QORException errFailure naming the address and the reason
     explicit TcpListener(const QORAgentAddress& address);
 
+    /// As if it was to listen there, for sockets that listen already. \throws QORException as the constructor
+    static void check(const QORAgentAddress& address);
+
     /// With the port that was taken, where any was asked for.
     const QORAgentAddress& address() const noexcept { return m_address; }
     /// AF_INET or AF_INET6

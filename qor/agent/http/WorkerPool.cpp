@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <exception>
 #include <limits>
-#include <system_error>
 #include <utility>
 
 namespace QOR {
@@ -124,9 +124,9 @@ WorkerPool::Worker* WorkerPool::next() {
     if (m_threads.size() >= m_most) return nullptr;
     try {
         addThread();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         // The system gives no more threads; those that there are take the task.
-        m_workers.pop_back();
+        if (m_workers.size() > m_threads.size()) m_workers.pop_back();
     }
     return nullptr;
 }
@@ -146,8 +146,13 @@ void WorkerPool::post(Task task) {
 }
 
 void WorkerPool::allow(std::size_t threads) {
-    const std::lock_guard lock(m_mutex);
-    m_most = threads;
+    Worker* roused = nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_most = threads;
+        roused = next();
+    }
+    if (roused != nullptr) roused->call.give();
 }
 
 void WorkerPool::join() {
