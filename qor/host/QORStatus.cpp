@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "QORCommon/QORException.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORLibAgent/QORRecordState.h"
 #include "QORLibAgent/QORSecurity.h"
@@ -38,11 +39,15 @@ std::vector<QORViewRecords> noRecords() {
     return {{"vEnvironment"}, {"vOpLog"}, {"vEventLog"}, {"vBackupInfo"}};
 }
 
-void addRecords(ASSession& session, std::vector<QORViewRecords>& all) {
+/// Home has all environments, whoever has their records; with servers it has nothing else.
+constexpr std::size_t firstDividedKind = static_cast<std::size_t>(QORChangeKind::Operation);
+
+/// \param first, end kinds in the order of QORChangeKind
+void addRecords(ASSession& session, std::size_t first, std::size_t end, std::vector<QORViewRecords>& all) {
     QORClientContext everybody;
     everybody.fullAccess = true;
     const QORRowAccess access(everybody);
-    for (std::size_t kind = 0; kind < changeKindCount; ++kind) {
+    for (std::size_t kind = first; kind < end; ++kind) {
         const QORRecordState state = recordState(session, static_cast<QORChangeKind>(kind), access);
         all[kind].records += static_cast<std::uint64_t>(state.records);
     }
@@ -58,12 +63,15 @@ void addServer(QORDatabaseStatus& status, const QORServer& server) {
             const auto unreadable = unreadableDocuments(*transaction);
             if (unreadable && status.unreadable) addUp(*status.unreadable, *unreadable);
             status.bytes += sizeOfDatabase(*transaction);
-            if (status.records) addRecords(*transaction, *status.records);
+            if (status.records) addRecords(*transaction, firstDividedKind, changeKindCount, *status.records);
         });
     } catch (const AException& failure) {
         own.failure = failure.text();
-        status.records.reset();
+    } catch (const QORException& failure) {
+        // Of a server that hangs: the request's deadline has passed, and what is known by now is told all the same.
+        own.failure = "server \"" + server.name + "\": " + failure.message();
     }
+    if (!own.failure.empty()) status.records.reset();
 }
 
 }  // namespace
@@ -81,8 +89,9 @@ QORDatabaseStatus readDatabaseStatus() {
         status.unreadable = unreadableDocuments(*transaction);
         status.bytes = sizeOfDatabase(*transaction);
         if (status.schemaVersion == QORDBSchema::currentVersion()) status.records = noRecords();
-        // Where there are servers, they have all of them.
-        if (status.records && placement->servers().empty()) addRecords(*transaction, *status.records);
+        const bool isDivided = !placement->servers().empty();
+        if (status.records)
+            addRecords(*transaction, 0, isDivided ? firstDividedKind : changeKindCount, *status.records);
     }
     for (const QORServer& server : placement->servers())
         addServer(status, server);

@@ -15,9 +15,10 @@
 
 namespace QOR {
 
-/// How the lines begin that are no records.
+/// How the lines begin that are no records, and those that are.
 inline constexpr std::string_view exportPositionBegin = R"({"position":)";
 inline constexpr std::string_view exportEndBegin = R"({"end":)";
+inline constexpr std::string_view exportRecordBegin = R"({"kind":)";
 
 /// Makes an export in pieces of about a megabyte, each as the database is then: what is stored meanwhile may be in it.
 /// Environments come first, by their identifiers, then the other kinds in the order of their arrival. Used by one

@@ -111,8 +111,9 @@ public:
 private:
     /// Whether a member is stored as a number, and is one.
     bool isNumber(const QORInfo& member) const {
-        if (member.name() == "memory") return m_columns.hasMemory;
-        return member.name() == "boot_time" && m_columns.hasBootTime && parseInt64(member.value());
+        const bool isStored =
+            member.name() == "memory" ? m_columns.hasMemory : member.name() == "boot_time" && m_columns.hasBootTime;
+        return isStored && parseInt64(member.value());
     }
     void putOs(const QORInfo& os) {
         m_json.StartObject();

@@ -115,6 +115,27 @@ TEST_F(AgentOnServers, AnExportHasTheRecordsOfAllAndGoesOnFromEachPosition) {
     EXPECT_EQ(positions, 13) << "one at the beginning, one of the environments, of each of three servers one of each "
                                 "other kind, and two more of many events";
     EXPECT_EQ(client.get("/v1/records?after=" + percentEncoded(R"({"at":"events","server":"gone"})")).status, 400);
+    EXPECT_THAT(client.get("/v1/status").body,
+                HasSubstr(R"("records":{"vEnvironment":3,"vOpLog":3,"vEventLog":1203,"vBackupInfo":3})"));
+}
+
+/// The first answer in time: on a busy machine home alone may take a whole deadline, now and then.
+std::string statusOf(const AgentProcess& agent) {
+    constexpr int attempts = 20;
+    HttpAnswer answer;
+    for (int attempt = 0; attempt < attempts && answer.status != 200; ++attempt)
+        answer = HttpClient(agent.socketPath()).get("/v1/status");
+    EXPECT_EQ(answer.status, 200) << answer.body;
+    return answer.body;
+}
+
+TEST_F(AgentOnServers, AServerThatHangsIsNamedInTheStatus) {
+    const AgentProcess agent({.database = m_database.connectionString(), .more = {"--deadline", "4"}});
+    sendUntilAcknowledged(agent, eventAt(1, "before") + eventAt(2, "before") + eventAt(3, "before"), "before");
+    ShardedPostgres::server(2).suspend();
+    const std::string hanging = statusOf(agent);
+    ShardedPostgres::server(2).resume();
+    EXPECT_THAT(hanging, AllOf(HasSubstr(R"("failure":"server \"s2\": )"), Not(HasSubstr("\"records\":"))));
 }
 
 /// The end of a text.

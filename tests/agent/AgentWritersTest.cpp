@@ -230,6 +230,8 @@ TEST_F(AgentWritersTest, WhatTheMachineTellsOfItselfIsARecordOfIts) {
     const HttpAnswer answer = client.request("POST", "/v1/collect", "", "Authorization: Bearer " + token + "\r\n");
     EXPECT_EQ(answer.status, 403);
     EXPECT_THAT(answer.body, HasSubstr("line 1: the environment"));
+    EXPECT_THAT(root.get("/v1/status").body, AllOf(HasSubstr("\"collected\":{"), HasSubstr("line 1: the environment")))
+        << "whoever looks after the agent sees why nothing was collected";
 }
 
 }  // namespace

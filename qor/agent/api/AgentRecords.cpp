@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <ctime>
+#include <exception>
 #include <optional>
+#include <string>
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
@@ -99,6 +101,19 @@ void writeResult(JsonWriter& json, const QORIngestResult& result) {
     if (result.failure) writeFailure(json, *result.failure);
 }
 
+/// Collects; whoever looks after the agent sees how it went, whatever became of it.
+QORCollectResult collectNoted(AgentApplication& application, const QORIngestOptions& options) {
+    const auto note = [&](const std::string& failure) { application.collected({std::time(nullptr), failure}); };
+    try {
+        QORCollectResult result = collect({.ingest = options});
+        note(result.stored.failure ? result.stored.failure->reason : "");
+        return result;
+    } catch (const std::exception& failure) {
+        note(failure.what());
+        throw;
+    }
+}
+
 }  // namespace
 
 HttpReply answerRecords(AgentCall& call) {
@@ -118,8 +133,7 @@ HttpReply answerRecords(AgentCall& call) {
 
 HttpReply answerCollect(AgentCall& call) {
     const QORWriteScope scope = scopeOf(call.requester());
-    const QORCollectResult result = collect({.ingest = optionsOf(call.requester(), scope)});
-    call.application.collected({std::time(nullptr), result.stored.failure ? result.stored.failure->reason : ""});
+    const QORCollectResult result = collectNoted(call.application, optionsOf(call.requester(), scope));
     return {200, writtenObject([&](JsonWriter& json) {
                 writeResult(json, result.stored);
                 writeNumber(json, "malformed", result.malformed);

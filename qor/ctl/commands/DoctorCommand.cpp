@@ -1,11 +1,12 @@
 #include <array>
+#include <filesystem>
+#include <system_error>
 #include <vector>
 
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "doctor/AgentChecks.h"
 #include "doctor/MachineChecks.h"
-#include "host/QORHostPaths.h"
 
 namespace QOR {
 namespace {
@@ -26,10 +27,10 @@ Cell textCell(std::string_view bytes) {
     return {Cell::Kind::Text, bytes};
 }
 
-/// Where the database is, or else would be; the folder that is there of those above it.
-std::filesystem::path placeOnDisk(const std::filesystem::path& file) {
-    std::filesystem::path place = file.empty() ? defaultStateDirectory() : file;
-    while (!std::filesystem::exists(place) && place.has_parent_path() && place != place.parent_path())
+/// The file, or the nearest folder above it that this user may see.
+std::filesystem::path placeOnDisk(std::filesystem::path place) {
+    std::error_code unseen;
+    while (!std::filesystem::exists(place, unseen) && place.has_parent_path() && place != place.parent_path())
         place = place.parent_path();
     return place;
 }
@@ -43,7 +44,7 @@ void runDoctor(const ConnectionOptions& connection, const PrintOptions& print) {
         findings.push_back(checkSettings());
         findings.push_back(checkDrivers());
         findings.push_back(checkPlugIns(connection.plugIns));
-        findings.push_back(checkDisk(placeOnDisk(diagnosis.databaseFile)));
+        if (!diagnosis.databaseFile.empty()) findings.push_back(checkDisk(placeOnDisk(diagnosis.databaseFile)));
     }
     findings.push_back(checkClock());
 

@@ -19,8 +19,6 @@
 namespace QOR {
 namespace {
 
-constexpr mode_t exportMode = 0666;  // less the person's umask
-
 QORExportQuestion questionOf(const ExportOptions& options) {
     QORExportQuestion question;
     for (const std::string& word : options.kinds) {
@@ -37,10 +35,16 @@ QORExportQuestion questionOf(const ExportOptions& options) {
     return question;
 }
 
-/// Times may be told from now, and so are others by the time that an export is gone on with.
-bool isSame(const QORExportQuestion& begun, const QORExportQuestion& asked) {
+/// A time that is told from now is another one by the time that an export is gone on with.
+bool isSameTime(const std::optional<std::int64_t>& begun, const std::optional<std::int64_t>& asked,
+                const std::optional<std::string>& written) {
+    const bool isToldFromNow = written && !parseTime(*written);
+    return isToldFromNow ? begun.has_value() : begun == asked;
+}
+
+bool isSame(const QORExportQuestion& begun, const QORExportQuestion& asked, const TimeBounds& written) {
     return begun.kinds == asked.kinds && begun.environment == asked.environment &&
-           begun.from.has_value() == asked.from.has_value() && begun.to.has_value() == asked.to.has_value();
+           isSameTime(begun.from, asked.from, written.since) && isSameTime(begun.to, asked.to, written.until);
 }
 
 /// Where an export is written, and up to where it is there.
@@ -50,25 +54,38 @@ public:
         if (options.resumes && m_path.empty())
             throw CtlError::usage("--resume goes on with a file; name it with --output FILE");
         m_position = QORExportPosition(questionOf(options));
-        if (options.resumes) resume();
+        if (options.resumes) {
+            resume(options.bounds);
+        } else if (!m_path.empty()) {
+            checkReplaced(m_path);
+        }
     }
 
     bool isWhole() const { return m_there.hasEnded(); }
     const QORExportPosition& position() const noexcept { return m_position; }
 
-    /// Only when there is something to write: nothing is lost where nobody answers.
+    /// Only when there is something to write: nothing is lost where nobody answers. Identities hide records from each
+    /// other, so a new file is for this user alone.
     void open() {
         if (m_path.empty()) return;
         try {
-            m_file = openOwnFile(m_path, O_WRONLY | O_CREAT, exportMode);
+            m_file = openOwnFile(m_path, O_WRONLY | O_CREAT);
         } catch (const QORException& error) {
             throw CtlError::usage("cannot write " + m_path + ": " + error.message());
         }
         struct stat found {};
-        const bool regular = ::fstat(m_file.get(), &found) == 0 && S_ISREG(found.st_mode);
-        if (regular && (::ftruncate(m_file.get(), m_there.positionEnd()) != 0 ||
-                        ::lseek(m_file.get(), m_there.positionEnd(), SEEK_SET) < 0))
+        m_isRegular = ::fstat(m_file.get(), &found) == 0 && S_ISREG(found.st_mode);
+        if (m_isRegular && (::ftruncate(m_file.get(), m_there.positionEnd()) != 0 ||
+                            ::lseek(m_file.get(), m_there.positionEnd(), SEEK_SET) < 0))
             throw CtlError::usage("cannot write " + m_path + ": " + std::generic_category().message(errno));
+    }
+    /// When everything is written: it is on the disk then. \throws CtlError
+    void close() {
+        if (m_path.empty()) return;
+        if ((m_isRegular && ::fsync(m_file.get()) != 0) || ::close(m_file.release()) != 0)
+            throw CtlError(CtlExit::AnsweredError,
+                           "cannot write " + m_path + " to the disk: " + std::generic_category().message(errno))
+                .advised("it may look whole; export it anew, without --resume");
     }
     int descriptor() const { return m_path.empty() ? STDOUT_FILENO : m_file.get(); }
 
@@ -79,10 +96,10 @@ public:
     }
 
 private:
-    void resume() {
+    void resume(const TimeBounds& written) {
         m_there = readExportFile(m_path);
         if (!m_there.position()) return;
-        if (!isSame(m_there.position()->question, m_position.question))
+        if (!isSame(m_there.position()->question, m_position.question, written))
             throw CtlError::usage(m_path +
                                   " is an export of something else; --resume goes on with the same --kinds, --since, "
                                   "--until and --environment");
@@ -93,6 +110,7 @@ private:
     QORExportPosition m_position;
     ExportLines m_there{false};
     QORFileDescriptor m_file;
+    bool m_isRegular = false;
 };
 
 /// Writes what comes. \returns its lines
@@ -110,12 +128,12 @@ ExportLines writeAll(AnswerSource& records, ExportTarget& target, RecordProgress
             const std::uint64_t done = now.records();
             progress.tell("exporting", done, now.of ? std::max(*now.of, done) : 0, resumed);
         }
+        out.flush();
     } catch (const CtlError& error) {
         out.flush();
         progress.clear();
         throw error.advised(target.advice());
     }
-    out.flush();
     progress.clear();
     return lines;
 }
@@ -130,6 +148,7 @@ void runExport(const ConnectionOptions& connection, const ExportOptions& options
     RecordProgress progress(options.progress);
     const ExportLines lines = writeAll(*records, target, progress);
     if (!lines.hasEnded()) throw CtlError(CtlExit::AnsweredError, "the export has no end").advised(target.advice());
+    target.close();
     if (lines.unreadable() > 0)
         tellPerson(std::to_string(lines.unreadable()) +
                    " records lack a document, which cannot be read in the database; \"qorctl check\" names them");

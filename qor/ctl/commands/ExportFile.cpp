@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <filesystem>
 #include <system_error>
 #include <vector>
 
@@ -23,6 +23,31 @@ std::string_view within(std::string_view line, std::string_view begin) {
     return line.substr(begin.size(), line.size() - begin.size() - 1);
 }
 
+/// Whether a text is how something begins, as far as there is any of it.
+bool isBeginOf(std::string_view text, std::string_view begin) {
+    return begin.starts_with(text.substr(0, begin.size()));
+}
+
+/// \returns none that is open where there is no file
+QORFileDescriptor openToRead(const std::string& path) {
+    try {
+        return openOwnFile(path, O_RDONLY);
+    } catch (const QORException& error) {
+        if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return QORFileDescriptor();
+        throw CtlError::usage("cannot read " + path + ": " + error.message());
+    }
+}
+
+/// \returns what comes next; nothing at the end
+std::string_view readNext(const QORFileDescriptor& file, const std::string& path, std::vector<char>& block) {
+    for (;;) {
+        const ssize_t got = ::read(file.get(), block.data(), block.size());
+        if (got >= 0) return {block.data(), static_cast<std::size_t>(got)};
+        if (errno != EINTR)
+            throw CtlError::usage("cannot read " + path + ": " + std::generic_category().message(errno));
+    }
+}
+
 }  // namespace
 
 bool ExportLines::take(std::string_view piece) {
@@ -30,8 +55,7 @@ bool ExportLines::take(std::string_view piece) {
     while (!piece.empty() && !m_other) {
         const std::size_t end = piece.find('\n');
         m_line.append(piece.substr(0, end));
-        if (!m_goesOn && m_size == 0 &&
-            !exportPositionBegin.starts_with(m_line.substr(0, exportPositionBegin.size()))) {
+        if (!m_goesOn && m_size == 0 && !isBeginOf(m_line, exportPositionBegin)) {
             m_other = true;
             return any;
         }
@@ -54,27 +78,31 @@ bool ExportLines::takeLine() {
 
 ExportLines readExportFile(const std::string& path) {
     ExportLines lines(false);
-    QORFileDescriptor file;
-    try {
-        file = openOwnFile(path, O_RDONLY);
-    } catch (const QORException& error) {
-        if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return lines;
-        throw CtlError::usage("cannot read " + path + ": " + error.message());
-    }
+    const QORFileDescriptor file = openToRead(path);
+    if (file.get() < 0) return lines;
     std::vector<char> block(readBlock);
     for (;;) {
-        const ssize_t got = ::read(file.get(), block.data(), block.size());
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) throw CtlError::usage("cannot read " + path + ": " + std::generic_category().message(errno));
-        if (got == 0) return lines;
+        const std::string_view got = readNext(file, path, block);
+        if (got.empty()) return lines;
         try {
-            lines.take({block.data(), static_cast<std::size_t>(got)});
+            lines.take(got);
         } catch (const QORException& error) {
             throw CtlError::usage(path + " holds a position that is none: " + error.message());
         }
         if (lines.isOther())
             throw CtlError::usage(path + " holds something else than the beginning of an export; it is left as it is");
     }
+}
+
+void checkReplaced(const std::string& path) {
+    std::error_code unseen;
+    if (!std::filesystem::is_regular_file(path, unseen)) return;
+    const QORFileDescriptor file = openToRead(path);
+    if (file.get() < 0) return;
+    std::vector<char> block(exportPositionBegin.size());
+    const std::string_view begin = readNext(file, path, block);
+    if (isBeginOf(begin, exportPositionBegin) || isBeginOf(begin, exportRecordBegin)) return;
+    throw CtlError::usage(path + " holds something else than records; it is left as it is. Name another file");
 }
 
 }  // namespace QOR

@@ -50,4 +50,9 @@ private:
 /// \throws CtlError BadUsage for a file that cannot be read, or holds something else: it is not to be written over
 ExportLines readExportFile(const std::string& path);
 
+/// Whether an export may take the place of what is there. A file is only written over when it is empty, or begins as
+/// an export or other records do; what is no file keeps nothing.
+/// \throws CtlError BadUsage for any other file, and one that cannot be read
+void checkReplaced(const std::string& path);
+
 }  // namespace QOR

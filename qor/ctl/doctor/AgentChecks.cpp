@@ -4,6 +4,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORTime.h"
+#include "ingest/QORRecords.h"
 #include "process/CtlError.h"
 
 namespace QOR {
@@ -11,10 +12,13 @@ namespace {
 
 using Level = Finding::Level;
 
+/// An agent's answer to whom it does not know.
+constexpr int errNotLetIn = 401;
+
 std::string adviceOnAnAgentAway(const ConnectionOptions& connection) {
     if (connection.standalone) return "name another database with --database";
     if (!connection.agent.empty())
-        return "see whether it runs there, and whether its address and certificate are right";
+        return "see whether it runs there, and whether its address, its certificate and your token are right";
     return "sudo systemctl start qor-agent, or start qor-agent; whoever may not use its socket has to be in its group";
 }
 
@@ -60,6 +64,15 @@ Finding checkForwarding(const AgentForwarding& forwarding) {
     return {Level::Fine, "forwarding", forwarding.target + " has all but " + std::to_string(forwarding.behind)};
 }
 
+/// What it means that an agent answers, but not how its database is.
+Finding findingOf(const CtlError& refusal) {
+    const std::string said = firstLineOf(refusal.what());
+    if (refusal.code() == errForbidden)
+        return {Level::Advice, "rights", "you have no full access: " + said,
+                "an administrator gives it: qorctl identity add NAME --kind user --full"};
+    return {Level::Fault, "database", said, "the agent's log says more; the agent goes on when its database is back"};
+}
+
 /// Its file; an agent's only where it does not depend on the folder that the agent was started in.
 std::filesystem::path fileOf(const QORDatabaseStatus& database, const ConnectionOptions& connection) {
     const std::filesystem::path file = database.engine == "SQLite" ? database.name : "";
@@ -75,10 +88,10 @@ void checkStatus(Backend& backend, const std::string& version, const ConnectionO
         if (status.forwarding) diagnosis.findings.push_back(checkForwarding(*status.forwarding));
         if (connection.agent.empty()) diagnosis.databaseFile = fileOf(status.database, connection);
     } catch (const CtlError& error) {
-        if (error.exit() != CtlExit::AnsweredError || connection.standalone) throw;
+        const bool isAnswered = error.code() != 0 && error.code() != errNotLetIn;
+        if (!isAnswered || connection.standalone) throw;
         diagnosis.findings.push_back({Level::Fine, "agent", "answers"});
-        diagnosis.findings.push_back({Level::Advice, "rights", "you have no full access: " + firstLineOf(error.what()),
-                                      "an administrator gives it: qorctl identity add NAME --kind user --full"});
+        diagnosis.findings.push_back(findingOf(error));
     }
 }
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <set>
 #include <system_error>
 #include <vector>
 
@@ -51,7 +52,8 @@ std::string gibibytes(std::uintmax_t bytes) {
 
 Finding checkSettings() {
     const fs::path agent = executableDirectory() / "qor-agent";
-    if (!fs::exists(agent)) return {Level::Advice, "settings", "there is no qor-agent beside this program", {}};
+    std::error_code unseen;
+    if (!fs::exists(agent, unseen)) return {Level::Advice, "settings", "there is no qor-agent beside this program", {}};
     const ProgramOutput checked = runProgram({agent.string(), "--check-config"});
     if (checked.status == 0) return {Level::Fine, "settings", "this user's agent takes them"};
     return {Level::Fault, "settings", firstLineOf(checked.text), "mend that line; qor-agent --check-config names all"};
@@ -71,10 +73,13 @@ Finding checkDrivers() {
 
 Finding checkPlugIns(const fs::path& given) {
     const fs::path folder = given.empty() ? defaultPlugInDirectory() : given;
-    std::string names;
+    std::set<std::string> found;
     std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder, error))
-        if (entry.path().extension() == ".so") names += (names.empty() ? "" : ", ") + entry.path().stem().string();
+    for (fs::directory_iterator entry(folder, error); entry != fs::directory_iterator(); entry.increment(error))
+        if (entry->path().extension() == ".so") found.insert(entry->path().stem().string());
+    std::string names;
+    for (const std::string& name : found)
+        names += (names.empty() ? "" : ", ") + name;
     if (!names.empty()) return {Level::Fine, "plug-ins", names};
     return {Level::Fault, "plug-ins", "there is none in " + folder.string(),
             "install the package again, or name their folder with --plugins"};

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -202,6 +203,76 @@ TEST_P(Export, WhatIsNotItsOwnIsNotGoneOnWith) {
     EXPECT_EQ(run({"import", file}).err,
               "qorctl: note: " + file +
                   " is an export that was not written to its end; qorctl export --resume goes on with it\n");
+}
+
+TEST_P(Export, GoesOnWithTheTimesThatItWasBegunWith) {
+    importAll(exportedRecords);
+    const std::string file = path("part");
+    EXPECT_EQ(outputOf({"export", "-o", file, "--since", "2024-05-03", "--until", "now"}), "");
+    const std::string whole = contentOf(file);
+    EXPECT_EQ(recordsIn(whole), exportedLines({0, 1, 4, 6}));
+    const std::string begun = whole.substr(0, whole.find(R"({"end":)"));
+    for (const Words& times :
+         {Words{"--since", "2024-05-02", "--until", "now"}, Words{"--until", "now"}, Words{"--since", "2024-05-03"},
+          Words{"--since", "2024-05-03", "--until", "2024-05-04"}}) {
+        writeTo(file, begun);
+        Words command{"export", "-o", file, "--resume"};
+        command.insert(command.end(), times.begin(), times.end());
+        const CtlResult result = run(command);
+        EXPECT_EQ(result.status, 2) << result.err;
+        EXPECT_THAT(result.err, HasSubstr("is an export of something else"));
+        EXPECT_EQ(contentOf(file), begun);
+    }
+    EXPECT_EQ(outputOf({"export", "-o", file, "--resume", "--since", "2024-05-03T02:00+02:00", "--until", "now"}), "");
+    EXPECT_EQ(contentOf(file), whole);
+}
+
+TEST_P(Export, AFileOfSomethingElseIsNotWrittenOver) {
+    importAll(exportedRecords);
+    const std::string other = path("other");
+    writeTo(other, "notes\n");
+    Words files{other};
+    if (testEngine() == ASEngine::SQLite) files.push_back(file().string());
+    for (const std::string& name : files) {
+        const CtlResult result = run({"export", "-o", name});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_THAT(result.err, HasSubstr(name + " holds something else than records"));
+    }
+    EXPECT_EQ(contentOf(other), "notes\n");
+    const std::string whole = outputOf({"export"});
+    for (const std::string& content : {std::string(), std::string("{\"pos"), exportedRecords, whole + whole}) {
+        writeTo(other, content);
+        EXPECT_EQ(outputOf({"export", "-o", other}), "");
+        EXPECT_EQ(contentOf(other), whole);
+    }
+}
+
+TEST_P(Export, ANewFileIsForItsUserAlone) {
+    importAll(exportedRecords);
+    EXPECT_EQ(outputOf({"export", "-o", path("own")}), "");
+    EXPECT_EQ(std::filesystem::status(path("own")).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST_P(Export, WhatMayNotHaveReachedTheDiskIsAnError) {
+    importAll(exportedRecords);
+    const std::string file = path("out");
+    writeTo(path("fault"), "sync\n" + file + "\n");
+    ::setenv("QOR_FAILING_DISK", path("fault").c_str(), 1);
+    ::setenv("LD_PRELOAD", QOR_FAILING_DISK_LIBRARY, 1);
+    ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 0);
+    const CtlResult result = run({"export", "-o", file});
+    ::unsetenv("LD_PRELOAD");
+    ::unsetenv("QOR_FAILING_DISK");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("cannot write " + file + " to the disk: Input/output error\n"));
+    EXPECT_THAT(result.err, HasSubstr("export it anew"));
+}
+
+TEST_P(Export, WhatWasANumberAndIsNoneInItsDocumentIsAText) {
+    importAll(exportedRecords);
+    direct().run("UPDATE qor_environment SET config = replace(config, '2048', 'much')");
+    EXPECT_THAT(exported({"--kinds", "environments"}), HasSubstr(R"("memory":"much")"));
 }
 
 TEST_P(Export, ADocumentThatCannotBeReadIsMissingAndSaidToBe) {
