@@ -13,7 +13,8 @@
 
 namespace QOR {
 
-/// Finds positions and the end among the lines of an export, however they are cut into pieces.
+/// Finds positions and the end among the lines of an export, however they are cut into pieces. Holds one line at a
+/// time; used by one thread at a time.
 class ExportLines {
 public:
     /// \param goesOn they come behind a position, and may begin with any of the lines

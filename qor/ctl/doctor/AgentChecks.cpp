@@ -97,7 +97,7 @@ void checkStatus(Backend& backend, const std::string& version, const ConnectionO
 
 void checkRights(Backend& backend, AgentDiagnosis& diagnosis) {
     if (backend.seesEnvironments())
-        diagnosis.findings.push_back({Level::Fine, "environments", "you see some, or all"});
+        diagnosis.findings.push_back({Level::Fine, "environments", "you see all, or those that you stand for"});
     else
         diagnosis.findings.push_back(
             {Level::Advice, "environments", "you stand for none, and see what is open to everybody alone",

@@ -15,7 +15,8 @@ struct AgentDiagnosis {
     std::filesystem::path databaseFile;  ///< on this machine; empty where it is not known, or elsewhere
 };
 
-/// \param version of this program
+/// What cannot be asked is a finding, not an exception. Waits for as long as the connection's options let it; changes
+/// nothing. \param version of this program
 AgentDiagnosis checkAgent(const ConnectionOptions& connection, const std::string& version);
 
 }  // namespace QOR

@@ -14,7 +14,7 @@ struct Finding {
         Fault,
     };
     Level level = Level::Fine;
-    std::string_view subject;  ///< "clock"
+    std::string_view subject;  ///< "clock"; of static storage
     std::string found;         ///< a sentence without its point
     std::string todo{};        ///< likewise, of what is not fine
 };

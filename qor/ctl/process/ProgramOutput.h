@@ -12,7 +12,8 @@ struct ProgramOutput {
     std::string text;  ///< both of its outputs, as far as 64 KiB
 };
 
-/// Waits for it. It reads nothing. \param command the path of the program and its arguments
+/// Waits for it, however long that takes. It reads nothing. Thread-safe. \param command the path of the program and its
+/// arguments
 ProgramOutput runProgram(const std::vector<std::string>& command);
 
 }  // namespace QOR
