@@ -13,28 +13,23 @@ packages=(
 )
 
 # What the tests run beside the program.
-test_packages=(postgresql-15 odbc-postgresql openssl nodejs python3-venv fish zsh)
+test_packages=(postgresql-15 odbc-postgresql openssl nodejs fish zsh)
 
-# What validates the agent's description of its routes; Debian has no package of it.
-install_validator() {
-    export QOR_TEST_PYTHON=python3
-    "$QOR_TEST_PYTHON" -c 'import openapi_spec_validator' 2>/dev/null && return 0
-    QOR_TEST_PYTHON=$PWD/build/tools/python/bin/python3
-    [ -x "$QOR_TEST_PYTHON" ] && "$QOR_TEST_PYTHON" -c 'import openapi_spec_validator' 2>/dev/null && return 0
-    say "installing openapi-spec-validator"
-    python3 -m venv build/tools/python && build/tools/python/bin/pip install -q openapi-spec-validator
-}
-
-# What makes a client of the agent's description, to be tested with it; where there is no npm, that is left out.
-install_generator() {
-    local folder=$PWD/build/tools/client
+# What checks the agent's description of its routes, and makes a client of it to be tested with: Debian has no package of
+# either.
+install_modules() {
+    local folder=$PWD/build/tools/modules
+    if ! cmp -s tests/agent/generated/package-lock.json "$folder/installed.json"; then
+        command -v npm >/dev/null || install_packages npm
+        say "installing what checks the description of the routes"
+        mkdir -p "$folder" && cp tests/agent/generated/package{,-lock}.json "$folder" || return 1
+        npm ci --prefix "$folder" --ignore-scripts --no-audit --no-fund --silent &&
+            cp "$folder/package-lock.json" "$folder/installed.json" || {
+            say "npm could not bring it; the tests that need it are left out"
+            return 0
+        }
+    fi
     export QOR_TEST_NODE_MODULES=$folder/node_modules
-    cmp -s tests/agent/generated/package-lock.json "$folder/installed.json" && return 0
-    command -v npm >/dev/null || return 0
-    say "installing a generator of clients"
-    mkdir -p "$folder" && cp tests/agent/generated/package{,-lock}.json "$folder" || return 1
-    npm ci --prefix "$folder" --ignore-scripts --no-audit --no-fund --silent &&
-        cp "$folder/package-lock.json" "$folder/installed.json" || say "there is no generator of clients; its test is left out"
 }
 
 say() {
