@@ -69,8 +69,6 @@ void takePositionMember(const PositionMember& member, QORExportPosition& positio
         if (!position.question.environment.fromString(member.text())) member.refuse();
     } else if (name == "at") {
         position.kind = member.kind();
-    } else if (name == "server") {
-        position.server = member.text();
     } else if (name == "after") {
         position.after = member.text();
     } else if (name == "counts") {
@@ -83,6 +81,8 @@ void takePositionMember(const PositionMember& member, QORExportPosition& positio
         position.of = member.count();
     } else if (name == "unreadable") {
         position.unreadable = member.count();
+    } else if (name == "database") {
+        position.database = member.text();
     } else {
         member.refuse();
     }
@@ -176,10 +176,6 @@ std::string QORExportPosition::text() const {
     writeQuestion(json, question);
     json.Key("at");
     writeText(json, recordKindPlural(kind.value_or(kinds().front())));
-    if (!server.empty()) {
-        json.Key("server");
-        writeText(json, server);
-    }
     if (!after.empty()) {
         json.Key("after");
         writeText(json, after);
@@ -188,6 +184,10 @@ std::string QORExportPosition::text() const {
     if (of) {
         json.Key("of");
         json.Uint64(*of);
+    }
+    if (!database.empty()) {
+        json.Key("database");
+        writeText(json, database);
     }
     json.EndObject();
     return {buffer.GetString(), buffer.GetSize()};

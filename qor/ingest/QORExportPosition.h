@@ -43,11 +43,11 @@ struct QORExportPosition {
     QORExportQuestion question{};
     bool begun = false;                                   ///< the first line, a position, is there already
     std::optional<QORRecordKind> kind{};                  ///< whose records come next; nothing: the first
-    std::string server{};                                 ///< among its records those of this one; empty: the first
     std::string after{};                                  ///< of these those behind this one; empty: all
     std::array<std::uint64_t, recordKindCount> counts{};  ///< records that are there
     std::optional<std::uint64_t> of{};                    ///< records in all, where that was known at the beginning
     std::uint64_t unreadable = 0;                         ///< of these, those that lack a document
+    std::string database{};                               ///< as databaseMark() tells it; empty: not known
 };
 
 /// What records of a kind are called together: "environments", "operations", "events", "backups".

@@ -21,19 +21,21 @@ inline constexpr std::string_view exportEndBegin = R"({"end":)";
 inline constexpr std::string_view exportRecordBegin = R"({"kind":)";
 
 /// Makes an export in pieces of about a megabyte, each as the database is then: what is stored meanwhile may be in it.
-/// Environments come first, by their identifiers, then the other kinds in the order of their arrival. Used by one
-/// thread at a time, which holds nothing of the database between pieces.
+/// Environments come first, by their identifiers, then the other kinds in the order of their arrival, whichever server
+/// keeps them: a position means the same while environments are handed over. Used by one thread at a time, which holds
+/// nothing of the database between pieces.
 class QORRecordExport {
 public:
     /// \param access whose records are exported
     /// \throws QORException 404 for a database that is none of this host's, or of an older version that is only
-    /// read; errBadRequest for a position on a server that there is no more; AException
+    /// read; errBadRequest for a position of another database; AException
     QORRecordExport(QORExportPosition position, const QORRowAccess& access);
     ~QORRecordExport();
     QORRecordExport(const QORRecordExport&) = delete;
     QORRecordExport& operator=(const QORRecordExport&) = delete;
 
-    /// The next lines, of which the last is a position or the end; empty behind the end.
+    /// The next lines, of which the last is a position or the end; empty behind the end. Where few of many records are
+    /// wanted it may be a position alone, behind records that are not.
     /// \throws AException, and QORException errDeadline; of a server with its name. The position stays
     std::string next();
     /// Behind what was given.

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <fstream>
 #include <optional>
 #include <thread>
@@ -13,9 +14,11 @@
 #include "QORDBSchema/QORSpreadViews.h"
 #include "QORServers/QORServers.h"
 #include "ingest/QORIngest.h"
+#include "ingest/QORRecordExport.h"
 #include "ingest/ServerFollower.h"
 #include "shard/QORShard.h"
 #include "shard/ShardRecordsOf.h"
+#include "support/ClientContexts.h"
 #include "support/ShardedPostgres.h"
 
 namespace QOR::test {
@@ -172,6 +175,80 @@ TEST_F(Handover, KilledBetweenTheTwoCommitsWhoStoresFirstSaysTheRestAndStores) {
     EXPECT_EQ(third.cell("SELECT count(*) FROM qor_event WHERE category = 'late'"), "1");
     third.run("DELETE FROM qor_event WHERE category = 'late'");
     expectSettled();
+}
+
+/// The identifiers of operations in lines of an export.
+std::vector<std::string> exportedOperations(const std::string& lines) {
+    const std::string begin = R"({"kind":"operation","id":")";
+    std::vector<std::string> ids;
+    for (std::size_t at = lines.find(begin); at != std::string::npos; at = lines.find(begin, at + 1))
+        ids.push_back(lines.substr(at + begin.size(), lines.find('"', at + begin.size()) - at - begin.size()));
+    return ids;
+}
+
+/// What they are where recordStatements() stored so many.
+std::vector<std::string> operationsUpTo(int last) {
+    std::vector<std::string> ids;
+    for (int number = 1; number <= last; ++number)
+        ids.push_back("o" + std::to_string(number));
+    return ids;
+}
+
+/// Of all that it stored.
+std::array<std::uint64_t, recordKindCount> countsOf(std::uint64_t records) {
+    return {0, records, records, records / 5};
+}
+
+std::string restOf(QORRecordExport& records) {
+    std::string all;
+    for (std::string lines = records.next(); !lines.empty(); lines = records.next())
+        all += lines;
+    return all;
+}
+
+QORRowAccess seesAll() {
+    return QORRowAccess(*fullAccess());
+}
+
+TEST_F(Handover, KilledBetweenTheTwoCommitsAnExportThatWasBegunBeforeHasEachRecordOnce) {
+    openHome();
+    std::string all;
+    std::string position;
+    {
+        QORRecordExport begun({}, seesAll());
+        all = begun.next() + begun.next();
+        position = begun.position().text();
+    }
+    EXPECT_EQ(exportedOperations(all), operationsUpTo(500)) << "of both servers, in the order of their arrival";
+    QORServers::instance().close();
+    QORRdbms::instance().shutdown();
+    killBetween();
+    openHome();
+    QORRecordExport rest(QORExportPosition::ofText(position), seesAll());
+    all += restOf(rest);
+    EXPECT_EQ(exportedOperations(all), operationsUpTo(1000));
+    EXPECT_EQ(rest.position().counts, countsOf(1000));
+    expectSettled();
+}
+
+TEST(HandoverOfHome, AnExportThatWasBegunBeforeHasEachRecordOnce) {
+    const ShardedPostgres database{3, false};
+    QORDBSchema::open({.connectionString = database.connectionString()}, QORSchemaMode::Own);
+    {
+        PostgresConnection home(database.conninfo());
+        for (const std::string& statement : recordStatements(1, 1200))
+            home.run(statement);
+        QORRecordExport records({}, seesAll());
+        std::string all = records.next() + records.next();
+        EXPECT_EQ(exportedOperations(all), operationsUpTo(500));
+        database.spread(3);
+        EXPECT_EQ(home.cell("SELECT count(*) FROM qor_operation"), "0");
+        all += restOf(records);
+        EXPECT_EQ(exportedOperations(all), operationsUpTo(1200));
+        EXPECT_EQ(records.position().counts, countsOf(1200));
+    }
+    QORServers::instance().close();
+    QORRdbms::instance().shutdown();
 }
 
 TEST_F(Handover, KilledBetweenTheTwoCommitsTheSameCommandSaysTheRestAndNothingElse) {

@@ -91,16 +91,6 @@ std::set<const QORServer*> serversOf(const QORPlacement& placement, const QORLog
     return servers;
 }
 
-/// Whether the server keeps what the placement says, in the state that the transaction sees.
-bool holds(ASSession& session, const QORServer& server) {
-    ASStatement& select = session.prepare("SELECT modulus, remainder FROM qor_held");
-    select.execute();
-    const bool same = select.fetch() && static_cast<std::uint64_t>(select.integer(1)) == server.modulus &&
-                      static_cast<std::uint64_t>(select.integer(2)) == server.remainder;
-    select.close();
-    return same;
-}
-
 }  // namespace
 
 QORLogQuery::QORLogQuery(QORLogKind kind, const std::vector<QORLogScope>& scopes, std::int64_t from, std::int64_t to)
@@ -146,7 +136,7 @@ bool QORLogQuery::openOn(const QORServer& server, const std::vector<std::string>
     bool same = false;
     QORServers::instance().run(server, [&](QORRdbms& database) {
         addPart(&server, database, scopes);
-        same = holds(*m_parts.back()->tran, server);
+        same = QORServers::holds(*m_parts.back()->tran, server);
     });
     return same;
 }

@@ -28,6 +28,7 @@ constexpr char form = 'p';
                        "qor/libs/QORLibAgent/QORPageToken");
 }
 
+/// Empty where there is none for this process.
 std::string readKey() {
     QORRdbmsTran tran(ASAccess::Read);
     std::string key;
@@ -37,21 +38,27 @@ std::string readKey() {
         if (select.fetch()) key = select.text(1);
         select.close();
     }
-    static const std::string ownKey = hexOf(randomBytes(secretDigits / 2));
-    return key.size() == secretDigits ? key : ownKey;
+    return key.size() == secretDigits ? key : std::string();
 }
 
 /// The key of the database that the process serves.
 class Key {
 public:
     std::string get() {
+        static const std::string ownKey = hexOf(randomBytes(secretDigits / 2));
+        std::string key = shared();
+        return key.empty() ? ownKey : key;
+    }
+    /// Empty where the database has none for this process.
+    std::string shared() {
         const std::uint64_t generation = QORRdbms::instance().generation();
         {
             const std::lock_guard lock(m_mutex);
-            if (!m_key.empty() && m_generation == generation) return m_key;
+            if (m_isRead && m_generation == generation) return m_key;
         }
         std::string key = readKey();
         const std::lock_guard lock(m_mutex);
+        m_isRead = true;
         m_generation = generation;
         m_key = key;
         return key;
@@ -59,6 +66,7 @@ public:
 
 private:
     std::mutex m_mutex;
+    bool m_isRead = false;
     std::uint64_t m_generation = 0;
     std::string m_key;
 };
@@ -249,6 +257,12 @@ QORPageToken openPageToken(std::string_view text) {
 
 std::string sharedSecretFor(std::string_view purpose) {
     return hexOf(keyedDigest(theKey().get(), purpose));
+}
+
+std::string databaseMark() {
+    constexpr std::size_t markDigits = 16;
+    const std::string key = theKey().shared();
+    return key.empty() ? key : hexOf(keyedDigest(key, "database")).substr(0, markDigits);
 }
 
 void preparePageTokens() {

@@ -51,6 +51,11 @@ QOR_API void preparePageTokens();
 /// \param purpose tells it from others \throws AException as preparePageTokens()
 QOR_API std::string sharedSecretFor(std::string_view purpose);
 
+/// A text that tells the database from others, for whoever keeps something of it and comes again; no secret. As long as
+/// the database is there, also when it is brought back to an earlier state; another one in what was copied out of it by
+/// `qorctl copy`. Empty where the process cannot read the key. Any thread. \throws AException as preparePageTokens()
+QOR_API std::string databaseMark();
+
 /// A text that stands for the question that a select element asks: all of it, but for how many rows are wanted, from
 /// where on, how they are counted and when that was, which may differ from page to page. \param select stands on the
 /// select element

@@ -174,6 +174,15 @@ QORRdbms& QORServers::database(std::string_view name) {
     return *kept.database;
 }
 
+bool QORServers::holds(ASSession& session, const QORServer& server) {
+    ASStatement& select = session.prepare("SELECT modulus, remainder FROM qor_held");
+    select.execute();
+    const bool same = select.fetch() && static_cast<std::uint64_t>(select.integer(1)) == server.modulus &&
+                      static_cast<std::uint64_t>(select.integer(2)) == server.remainder;
+    select.close();
+    return same;
+}
+
 AException QORServers::naming(std::string_view name, const AException& failure) {
     const std::string quoted = '"' + std::string(name) + '"';
     if (failure.text().find(quoted) != std::string::npos) return failure;

@@ -44,6 +44,9 @@ public:
     QORRdbms& database(std::string_view name);
     /// Does something with a server's database. Each failure names the server. \throws what `work` does
     void run(const QORServer& server, const std::function<void(QORRdbms&)>& work);
+    /// Whether the server keeps what the placement says, in the state that the transaction there sees.
+    /// \throws AException
+    static bool holds(ASSession& session, const QORServer& server);
     /// The failure with the server's name in it.
     static AException naming(std::string_view name, const AException& failure);
 

@@ -205,6 +205,44 @@ TEST_P(Export, WhatIsNotItsOwnIsNotGoneOnWith) {
                   " is an export that was not written to its end; qorctl export --resume goes on with it\n");
 }
 
+TEST_P(Export, APositionOfAnotherDatabaseIsNotGoneOnWith) {
+    importAll(exportedRecords);
+    const std::string file = path("part");
+    EXPECT_EQ(outputOf({"export", "-o", file}), "");
+    const std::string whole = contentOf(file);
+    const std::string mark = R"("database":")";
+    constexpr std::size_t digits = 16;
+    const std::string here = whole.substr(whole.find(mark) + mark.size(), digits);
+    const std::string other(digits, here.front() == '0' ? '1' : '0');
+    std::string content = whole.substr(0, whole.find(R"({"end":)"));
+    for (std::size_t at = content.find(mark); at != std::string::npos; at = content.find(mark, at + 1))
+        content.replace(at + mark.size(), digits, other);
+    writeTo(file, content);
+    const CtlResult result = run({"export", "-o", file, "--resume"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err,
+                HasSubstr("the position is one of database \"" + other + "\", and this is \"" + here + "\""));
+    EXPECT_EQ(contentOf(file), content);
+}
+
+// The rows of a table that has very many, of which few are wanted.
+TEST_P(Export, PositionsComeWhereNothingIsWantedToo) {
+    std::string events;
+    for (const char* const time : {"1", "2", "3"})
+        events += R"({"kind":"event","time":)" + std::string(time) + "}\n";
+    importAll(events);
+    for (const char* const time : {"1", "2", "3"})
+        direct().run("UPDATE qor_event SET seq = " + std::string(time) + "00000 WHERE seq = " + time);
+    const std::string found = outputOf({"export", "--kinds", "events", "--since", "1970-01-01 00:00:03"});
+    std::vector<std::string> afters;
+    const std::string after = R"("after":")";
+    for (std::size_t at = found.find(after); at != std::string::npos; at = found.find(after, at + 1))
+        afters.push_back(found.substr(at + after.size(), found.find('"', at + after.size()) - at - after.size()));
+    EXPECT_EQ(afters, (std::vector<std::string>{"149999", "249999", "349999"}));
+    EXPECT_THAT(recordsIn(found), HasSubstr("1970-01-01 00:00:03"));
+    EXPECT_THAT(found, HasSubstr(R"({"end":{"counts":{"events":1}}})"));
+}
+
 TEST_P(Export, GoesOnWithTheTimesThatItWasBegunWith) {
     importAll(exportedRecords);
     const std::string file = path("part");

@@ -425,6 +425,14 @@ TEST_P(RoundTrip, LinesGiveWhatWasStored) {
     }
 }
 
+/// Lines of an export without what each position says of its database, which is another one.
+std::string withoutDatabases(std::string lines) {
+    const std::string begin = R"(,"database":")";
+    for (std::size_t at = lines.find(begin); at != std::string::npos; at = lines.find(begin, at))
+        lines.erase(at, lines.find('"', at + begin.size()) + 1 - at);
+    return lines;
+}
+
 /// From the tests' engine into SQLite, and from there back.
 TEST(Export, IsTheSameOfWhatWasImportedFromItOnAnyEngine) {
     const AgentProcess agent;
@@ -442,7 +450,7 @@ TEST(Export, IsTheSameOfWhatWasImportedFromItOnAnyEngine) {
         const CtlResult result = runOn({"import"}, standalone(database), lines);
         ASSERT_EQ(result.status, 0) << result.err;
         // Not printed: it is megabytes.
-        EXPECT_TRUE(exported(standalone(database)) == lines) << database;
+        EXPECT_TRUE(withoutDatabases(exported(standalone(database))) == withoutDatabases(lines)) << database;
         for (const std::string& view : views) {
             Words select{"select", "--view", view, "-o", "json"};
             for (const std::string& column : columnsOf(view))
