@@ -111,15 +111,19 @@ public:
     }
 
     void look() {
-        const QORChangePosition end = QORChangeReader::end();
+        std::vector<std::string> away;
+        const QORChangePosition end = QORChangeReader::knownEnd(away);
         const std::lock_guard lock(m_mutex);
+        for (const auto& [server, last] : end)
+            m_end[server] = last;
+        m_state.away = std::move(away);
         m_state.behind = 0;
-        for (const auto& [server, last] : end) {
+        for (const auto& [server, last] : m_end) {
             const auto at = m_position.find(server);
             const std::int64_t from = at == m_position.end() ? 0 : at->second;
             if (last > from) m_state.behind += static_cast<std::uint64_t>(last - from);
         }
-        if (m_state.behind == 0) m_level = Clock::now();
+        if (m_state.behind == 0 && m_state.away.empty()) m_level = Clock::now();
     }
 
 private:
@@ -353,6 +357,7 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable_any m_waiting;
     QORChangePosition m_position;              // guarded by m_mutex
+    QORChangePosition m_end;                   // guarded by m_mutex; as far as it is known
     QORForwardState m_state;                   // guarded by m_mutex
     Clock::time_point m_level = Clock::now();  // guarded by m_mutex; when everything had been taken
     std::jthread m_thread;

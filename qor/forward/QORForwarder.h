@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "QORLibAgent/QORRecordChanges.h"
 #include "forward/ForwardConnection.h"
@@ -24,7 +25,10 @@ struct QORForwardOptions {
 /// How it goes.
 struct QORForwardState {
     std::string target{};
-    std::uint64_t behind = 0;    ///< changes that have not been taken yet
+    std::uint64_t behind = 0;  ///< changes that have not been taken yet
+    /// Databases that could not be asked how many they are when that was looked at last, by the names of their servers,
+    /// "" for the process's own: of these it is what was known before.
+    std::vector<std::string> away{};
     std::int64_t seconds = 0;    ///< since everything had been; 0 while everything has been
     std::uint64_t taken = 0;     ///< records, since the start
     std::uint64_t refused = 0;   ///< records that the other agent does not want, as long as they are remembered
@@ -58,7 +62,7 @@ public:
 
     /// As it was when it was looked at last: before each attempt, and by look().
     QORForwardState state() const;
-    /// Finds out how far behind it is now. Any thread. \throws AException
+    /// Finds out how far behind it is now. Any thread. \throws nothing for databases that are away
     void look();
     /// Up to here everything has been taken, durably.
     QORChangePosition position() const;

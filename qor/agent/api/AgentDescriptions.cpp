@@ -95,12 +95,22 @@ std::string readable(const std::string& text) {
     return isUtf8(text) ? text : quoteText(text, text.size());
 }
 
+/// Databases of which not all is known.
+void writeAway(JsonWriter& json, const std::vector<std::string>& servers) {
+    writeKey(json, "away");
+    json.StartArray();
+    for (const std::string& server : servers)
+        writeText(json, server.empty() ? "home" : server);
+    json.EndArray();
+}
+
 void writeForwarding(JsonWriter& json, const QORForwardState& state) {
     writeKey(json, "forward");
     json.StartObject();
     writeMember(json, "target", state.target);
     writeKey(json, "behind");
     json.Uint64(state.behind);
+    if (!state.away.empty()) writeAway(json, state.away);
     writeKey(json, "behindSeconds");
     json.Int64(state.seconds);
     writeKey(json, "taken");

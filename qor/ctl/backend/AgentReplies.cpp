@@ -218,10 +218,19 @@ std::optional<AgentForwarding> readForwardingReply(std::string_view json) {
         const Value& value = member(*forward, name);
         return value.IsInt64() ? std::optional(value.GetInt64()) : std::nullopt;
     };
-    return AgentForwarding{
-        textOf(member(*forward, "target")),   numberOf(*forward, "behind"), numberOf(*forward, "behindSeconds"),
-        numberOf(*forward, "refused"),        second("lastSuccess"),        second("lastFailure"),
-        textOf(member(*forward, "lastError"))};
+    AgentForwarding forwarding{.target = textOf(member(*forward, "target")),
+                               .behind = numberOf(*forward, "behind"),
+                               .away = {},
+                               .seconds = numberOf(*forward, "behindSeconds"),
+                               .refused = numberOf(*forward, "refused"),
+                               .lastSuccess = second("lastSuccess"),
+                               .lastFailure = second("lastFailure"),
+                               .lastError = textOf(member(*forward, "lastError"))};
+    if (const Value* const away = find(*forward, "away"); away != nullptr && away->IsArray()) {
+        for (const Value& server : away->GetArray())
+            forwarding.away.append(forwarding.away.empty() ? "" : ", ").append(textOf(server));
+    }
+    return forwarding;
 }
 
 std::vector<QORCheckFinding> readCheckReply(std::string_view json) {

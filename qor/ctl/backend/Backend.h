@@ -65,6 +65,7 @@ struct AgentCollected {
 struct AgentForwarding {
     std::string target;
     std::uint64_t behind = 0;   ///< changes that have not been taken yet
+    std::string away;           ///< servers that could not be asked how many they are; empty: none
     std::uint64_t seconds = 0;  ///< since all had been
     std::uint64_t refused = 0;  ///< records that the other agent does not want
     std::optional<std::int64_t> lastSuccess;

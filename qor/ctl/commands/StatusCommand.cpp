@@ -71,6 +71,7 @@ void addDocuments(StatusLines& lines, const QORDatabaseStatus& database) {
 void addForwarding(StatusLines& lines, const AgentForwarding& forwarding) {
     lines.add("sends records to", forwarding.target);
     lines.add("records behind", forwarding.behind);
+    if (!forwarding.away.empty()) lines.add("not counting what is new at", forwarding.away);
     lines.add("seconds behind", forwarding.seconds);
     lines.add("records refused there", forwarding.refused);
     lines.add("last success", forwarding.lastSuccess ? time2str(*forwarding.lastSuccess) : "none yet");

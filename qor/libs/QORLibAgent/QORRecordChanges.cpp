@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "QORCommon/QORException.h"
 #include "QORLibAgent/QORHostTables.h"
 #include "QORServers/QORServers.h"
 #include "rdbmspp/engine/ASDialect.h"
@@ -231,6 +232,21 @@ QORChangePosition QORChangeReader::end() {
     forEachDatabase([&](const std::string& name, QORRdbms& database) {
         QORRdbmsTran tran(database, ASAccess::ReadOne);
         position[name] = lastRecordChange(*tran);
+    });
+    return position;
+}
+
+QORChangePosition QORChangeReader::knownEnd(std::vector<std::string>& away) {
+    QORChangePosition position;
+    forEachDatabase([&](const std::string& name, QORRdbms& database) {
+        try {
+            QORRdbmsTran tran(database, ASAccess::ReadOne);
+            position[name] = lastRecordChange(*tran);
+        } catch (const AException&) {
+            away.push_back(name);
+        } catch (const QORException&) {  // the deadline has passed, the whole of which a server takes that hangs
+            away.push_back(name);
+        }
     });
     return position;
 }

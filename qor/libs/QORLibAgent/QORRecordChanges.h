@@ -77,6 +77,8 @@ public:
 
     /// Behind everything that there is.
     static QORChangePosition end();
+    /// The same of whichever databases answer, for whoever can do with less. \param away becomes the names of the others
+    static QORChangePosition knownEnd(std::vector<std::string>& away);
     const QORChangePosition& position() const noexcept { return m_behind; }
 
     /// Reads on, and stands behind that then. Takes bounded time, so that it may find nothing though there is more.
