@@ -77,7 +77,8 @@ public:
 
     /// Behind everything that there is.
     static QORChangePosition end();
-    /// The same of whichever databases answer, for whoever can do with less. \param away becomes the names of the others
+    /// The same of whichever databases answer, for whoever can do with less. \param away becomes the names of the
+    /// others
     static QORChangePosition knownEnd(std::vector<std::string>& away);
     const QORChangePosition& position() const noexcept { return m_behind; }
 
