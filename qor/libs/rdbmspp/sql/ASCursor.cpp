@@ -12,6 +12,7 @@
 #include "rdbmspp/pool/ASSessionImpl.h"
 #include "rdbmspp/sql/ASNodes.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
+#include "rdbmspp/sql/ASWrittenSelect.h"
 
 namespace QOR {
 
@@ -90,6 +91,8 @@ struct ASCursor::Impl {
     void run();
     void attempt();
     void start(bool exactSums);
+    const ASSqlBuilder* kept() const;
+    void begin(const ASSqlBuilder& builder, bool streams);
     bool adds() const;
     void bind();
     void take(std::size_t index);
@@ -183,10 +186,33 @@ void ASCursor::Impl::start(bool exactSums) {
     auto& s = session.impl();
     // Sums are all there before the first row is handed out, so that they can be taken again.
     const bool streams = s.isLong() || (s.mayStream() && isLong(select.m_limit, atOnce()) && !isOneRow() && !adds());
+    const ASSqlBuilder* const written = streams || exactSums ? nullptr : kept();
+    if (written != nullptr) return begin(*written, false);
     ASSqlBuilder builder(*s.dialect, streams ? ASPurpose::Streaming : ASPurpose::Execution, exactSums,
                          std::move(s.spareText));
     where = select.where(*s.dialect);
     builder.select(select, where);
+    begin(builder, streams);
+    s.spareText = std::move(builder).takeText();
+}
+
+/// Written before, or now and to be kept; null where it is not worth keeping.
+const ASSqlBuilder* ASCursor::Impl::kept() const {
+    if (select.m_written == nullptr) return nullptr;
+    ASWrittenSelect& written = *select.m_written;
+    const ASDialect& dialect = *session.impl().dialect;
+    if (written.builder == nullptr || &written.builder->dialect() != &dialect) {
+        written.builder.reset();
+        written.where = select.where(dialect);
+        auto builder = std::make_unique<ASSqlBuilder>(dialect, ASPurpose::Execution);
+        builder->select(select, written.where);
+        written.builder = std::move(builder);
+    }
+    return written.builder->isLasting() ? written.builder.get() : nullptr;
+}
+
+void ASCursor::Impl::begin(const ASSqlBuilder& builder, bool streams) {
+    auto& s = session.impl();
     if (!streams) s.readySingle(builder.computes());
     if (!streams) s.setElsewhere(builder.isElsewhere());
     auto running = streams ? s.leaseStreaming(builder.text()) : s.lease(builder.text());
@@ -196,7 +222,6 @@ void ASCursor::Impl::start(bool exactSums) {
     spread = builder.spread();
     places = builder.places();
     asked = builder.asked();
-    s.spareText = std::move(builder).takeText();
     statement = std::move(running);
     bind();
     statement->execute();

@@ -6,6 +6,7 @@
 #include "rdbmspp/sql/ASRestriction.h"
 #include "rdbmspp/sql/ASSqlBuilder.h"
 #include "rdbmspp/sql/ASSqlText.h"
+#include "rdbmspp/sql/ASWrittenSelect.h"
 
 namespace QOR {
 
@@ -52,12 +53,18 @@ void ASFilter::Restrict(const ASComparison& access) {
 }
 
 void ASSelect::Limit(std::int32_t size, std::int32_t offset) {
+    m_written.reset();
     m_limit = size;
     m_offset = offset > 0 ? offset : 0;
 }
 
 void ASSelect::Order(const ASOrder& order) {
+    m_written.reset();
     m_order = order;
+}
+
+void ASSelect::keepWritten() {
+    m_written = std::make_shared<ASWrittenSelect>();
 }
 
 std::string ASSelect::Query(const ASDialect& dialect) const {

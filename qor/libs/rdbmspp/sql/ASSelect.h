@@ -18,6 +18,7 @@ namespace QOR {
 
 class ASSession;
 struct ASDialect;
+struct ASWrittenSelect;
 struct ASPlan;
 
 /// The list of what is selected. `project << a << b`. Plain columns beside aggregates are grouped by.
@@ -62,13 +63,22 @@ private:
 /// copies share what they refer to; one thread at a time.
 class QOR_API ASSelect {
 public:
-    ASFilter& Filter() noexcept { return m_filter; }
+    ASFilter& Filter() noexcept {
+        m_written.reset();
+        return m_filter;
+    }
     /// At most `size` rows from row `offset` (0-based) on. \param size above 0 \param offset 0 or more
     void Limit(std::int32_t size, std::int32_t offset);
     void Order(const ASOrder& order);
     /// Selects how many rows there would be: one row with one number. Rows beyond a limit are not looked at.
     /// \param receiver never null
-    void Count(std::shared_ptr<ASInt64> receiver) { m_count = std::move(receiver); }
+    void Count(std::shared_ptr<ASInt64> receiver) {
+        m_written.reset();
+        m_count = std::move(receiver);
+    }
+    /// For a select that is run again and again: what a cursor writes it as is kept, for this one and the copies made
+    /// from here on, until one of them is changed.
+    void keepWritten();
 
     /// The select as SQL text, all values as literals. \throws AException for what the engine cannot take
     std::string Query(const ASDialect& dialect) const;
@@ -86,7 +96,8 @@ private:
     std::int32_t m_limit = 0;
     std::int32_t m_offset = 0;
     std::optional<ASOrder> m_order;
-    std::shared_ptr<ASInt64> m_count;  ///< null: rows are selected
+    std::shared_ptr<ASInt64> m_count;            ///< null: rows are selected
+    std::shared_ptr<ASWrittenSelect> m_written;  ///< null: it is written each time
 };
 
 /// A select that stands in the condition of another one, where its one column is compared with columns. It is written

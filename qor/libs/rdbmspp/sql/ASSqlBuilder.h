@@ -88,6 +88,8 @@ public:
     /// Who knows where they are looked for, and what he said; null where that is nowhere else.
     ASSpread* spread() const noexcept { return isElsewhere() ? m_spread : nullptr; }
     const std::shared_ptr<const ASPlaces>& places() const noexcept { return m_places; }
+    /// Whether the same would be written now: how rows are divided among places may change at any time.
+    bool isLasting() const { return m_spread == nullptr || (m_places == nullptr && m_spread->places() == nullptr); }
     /// What is written stands within another select.
     bool isNested() const noexcept { return m_purpose == ASPurpose::Nested; }
 

@@ -3,7 +3,7 @@
 #include "QORCommon/QORException.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORMessage/QORBinaryIterator.h"
-#include "QORPager/Operators/Pager2/QORSelectStmnt.h"
+#include "QORPager/Operators/Pager2/QORPreparedSelect.h"
 #include "rdbmspp/engine/AException.h"
 
 namespace QOR {
@@ -31,10 +31,11 @@ void answer(QORMessageIterator* in, QORMessageIterator* out) {
     if (request == nullptr || response == nullptr) {
         throwException(errFailure, "[select]: incorrect iterator type", pager2SourcePath, __LINE__);
     }
-    SelectStmnt statement(*request, nullptr);
+    PreparedSelect statement(*request);
     QORBinaryIterator position = *response;
-    if (request->seekPresence(tag::explain) == 0) return statement.explain(position);
-    statement.execute(position);
+    if (request->seekPresence(tag::explain) == 0) return statement->explain(position);
+    statement->execute(position);
+    statement.keep();
 }
 
 /// Takes back what was written of the result, so that the response holds the error alone.

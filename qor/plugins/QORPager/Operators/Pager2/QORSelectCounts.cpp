@@ -34,16 +34,23 @@ constexpr CountedTable countedTables[] = {
 
 }  // namespace
 
-bool SelectStmnt::countUnlimited(ASSession& database, std::int64_t& total) const {
-    const auto count = std::make_shared<ASInt64>();
+const ASSelect& SelectStmnt::countOfAll() const {
+    if (m_countOfAll) return *m_countOfAll;
     ASGroupAttribute allRows;
-    allRows.Register(count, m_domain);
-    ASCursor cursor(database);
-    ASProject& projection = m_distinct ? cursor.Filter().DistinctProject() : cursor.Filter().Project();
+    allRows.Register(m_all, m_domain);
+    ASFilter& filter = m_countOfAll.emplace().Filter();
+    ASProject& projection = m_distinct ? filter.DistinctProject() : filter.Project();
     projection << allRows;
-    restrict(cursor.Filter(), {});
+    restrict(filter, {});
+    m_countOfAll->keepWritten();
+    return *m_countOfAll;
+}
+
+bool SelectStmnt::countUnlimited(ASSession& database, std::int64_t& total) const {
+    ASCursor cursor(database);
+    cursor.Select() = countOfAll();
     if (!cursor.Fetch()) return false;
-    total = count->value();
+    total = m_all->value();
     return true;
 }
 

@@ -146,6 +146,12 @@ ASSelect SelectStmnt::toPart(const ASComparison& behind, std::int64_t written) c
     return toSelect(behind, std::int64_t{m_pageSize} + 1 - written, offset);
 }
 
+/// The same without a page token, as it is written each time.
+const ASSelect& SelectStmnt::firstPart() const {
+    if (!m_firstPart) m_firstPart.emplace(toPart({}, 0)).keepWritten();
+    return *m_firstPart;
+}
+
 // Until the first row is there the select may be run anew.
 SelectStmnt::Page SelectStmnt::writeRows(QORBinaryIterator& out, ASSession& database, bool& begun) const {
     Page page;
@@ -154,7 +160,7 @@ SelectStmnt::Page SelectStmnt::writeRows(QORBinaryIterator& out, ASSession& data
         row.add(*field.cell.getData());
     for (const ASComparison& behind : behindAfter()) {
         ASCursor cursor(database);
-        cursor.Select() = toPart(behind, page.rows);
+        cursor.Select() = m_after ? toPart(behind, page.rows) : firstPart();
         bool more = cursor.Fetch();
         if (!begun) writeBegin(out);
         begun = true;

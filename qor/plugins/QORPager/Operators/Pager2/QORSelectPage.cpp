@@ -155,8 +155,11 @@ bool SelectStmnt::isSeekable(const SortColumn& column) const {
 }
 
 void SelectStmnt::readAfter(const QORBinaryIterator& it) {
+    m_after.reset();
     if (isPaged()) {
-        m_next.question = questionDigest(it);
+        std::string question = std::move(m_next.question);
+        m_next = {};
+        m_next.question = question.empty() ? questionDigest(it) : std::move(question);
         m_next.now = currentTime();
         it.getValue(m_next.now, tag::now);
     }

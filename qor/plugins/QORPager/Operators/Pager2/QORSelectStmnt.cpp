@@ -49,6 +49,20 @@ SelectStmnt::SelectStmnt(QORBinaryIterator it, SelectStmnt* parent)
     restrictAccess(operationId);
 }
 
+void SelectStmnt::renew(const QORBinaryIterator& it) {
+    readAfter(it);
+    if (m_access.empty()) return;
+    m_access = ASComparison();
+    restrictAccess(m_columns->securityOperationId);
+    m_firstPart.reset();
+    m_countOfAll.reset();
+}
+
+/// A nested select's restriction is part of the condition.
+bool SelectStmnt::isRenewable() const noexcept {
+    return m_refusal.empty() && !(m_nests && isSecurityNeeded());
+}
+
 /// Those that belong to what is answered, and so to the outermost select alone.
 void SelectStmnt::readElements(const QORBinaryIterator& it) {
     m_ordered = it.seekPresence(tag::ordered) == 0;

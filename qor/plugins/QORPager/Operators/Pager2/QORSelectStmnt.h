@@ -49,6 +49,14 @@ public:
     SelectStmnt(const SelectStmnt&) = delete;
     SelectStmnt& operator=(const SelectStmnt&) = delete;
 
+    /// Makes it ready for another request that asks the same, whose place in the rows, moment and client may be others.
+    /// Of an outermost one. \throws QORException 400 for a page token that does not fit
+    void renew(const QORBinaryIterator& it);
+    /// Whether renew() is enough for a client who has full access, or has none, as the one it was read for.
+    bool isRenewable() const noexcept;
+    /// The views that it was read by.
+    const std::shared_ptr<const MetaTablesMap>& views() const noexcept { return m_views; }
+
     /// Runs the statement and appends the result element. Leaves `out` where it stood.
     /// \throws QORException, AException; what was written so far stays for the caller to remove
     void execute(QORBinaryIterator& out);
@@ -186,6 +194,8 @@ private:
     ASAccess access() const;
     void prepareAccessCheck(ASSession& database) const;
     ASSelect toSelect(const ASComparison& behind, std::int64_t most, std::int64_t offset) const;
+    const ASSelect& firstPart() const;
+    const ASSelect& countOfAll() const;
     /// Behind the page token, which may say that by an offset. \param written rows of the page that are there already
     ASSelect toPart(const ASComparison& behind, std::int64_t written) const;
     void write(QORBinaryIterator& out, ASSession& database) const;
@@ -221,6 +231,10 @@ private:
     std::optional<QORPageToken> m_after;  ///< the place that the page begins behind
     QORPageToken m_next;                  ///< what each token of this question says, but for the place
     bool m_nests = false;                 ///< other selects stand in the condition
+    /// What is run of each request that asks the same, once it has been.
+    mutable std::optional<ASSelect> m_firstPart;
+    mutable std::optional<ASSelect> m_countOfAll;
+    const std::shared_ptr<ASInt64> m_all = std::make_shared<ASInt64>();  ///< what that one gave
     ASDomainPtr m_domain;
     ASComparison m_where;   ///< what the client asked for
     ASComparison m_access;  ///< which rows there are for this client; none: all

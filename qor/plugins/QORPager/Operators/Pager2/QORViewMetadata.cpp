@@ -16,6 +16,7 @@
 #include "QORDBSchema/QORStoredColumns.h"
 #include "QORDBSchema/SchemaTable.h"
 #include "QORLibAgent/QORSecurity.h"
+#include "QORPager/Operators/Pager2/QORPreparedSelect.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORPager/Operators/QORPagerOperator2.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -315,6 +316,7 @@ ASDataPtr SelectStmnt::interpret(ColumnType type, const std::string* text, std::
 }
 
 void test::forgetMetadata() {
+    PreparedSelect::forgetAll();
     ViewCaches& cache = caches();
     const std::scoped_lock lock(cache.metadataMutex, cache.domainMutex);
     cache.metadata.reset();
