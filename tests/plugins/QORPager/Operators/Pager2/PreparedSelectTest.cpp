@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
+#include <thread>
+#include <vector>
 
 #include "plugins/QORPager/Operators/Pager2/MadeSelects.h"
 #include "plugins/QORPager/Operators/Pager2/PeopleDatabase.h"
@@ -96,6 +99,28 @@ TEST_F(PreparedSelects, AreKeptOnceAndServeOneRequestAtATime) {
     mine.keep();
     others.keep();
     EXPECT_EQ(PreparedSelect::kept(), 2U);
+}
+
+TEST_F(PreparedSelects, GoFromThreadToThread) {
+    const std::array<QORClientContextPtr, 2> clients{restricted({standsFor(guidA)}),
+                                                     restricted({standsFor(guidB), standsFor(guidC)})};
+    const std::array<std::string, 2> expected{askAnew(titlesAndTotal, clients[0]), askAnew(titlesAndTotal, clients[1])};
+    ASSERT_NE(expected[0], expected[1]);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (std::size_t index = 0; index < 4; ++index) {
+        threads.emplace_back([&, index] {
+            Pager2Client own;
+            for (std::size_t round = 0; round < 50; ++round) {
+                const std::size_t who = (index + round) % clients.size();
+                if (own.ask(titlesAndTotal, clients[who]) != expected[who]) ++wrong;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
+    EXPECT_LE(PreparedSelect::kept(), threads.size());
 }
 
 TEST_F(PreparedSelects, AreForgottenInTheOrderOfTheirUse) {
