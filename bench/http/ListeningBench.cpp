@@ -1,5 +1,5 @@
-// What it costs how clients come: short requests over a kept connection, by a unix socket, TCP and TLS to one agent,
-// and by unix sockets to this agent and to another build of it.
+// What it costs how clients come: short requests and pages of rows over a kept connection, by a unix socket, TCP and
+// TLS to one agent, and short requests by unix sockets to this agent and to another build of it.
 //
 //     bench_listening [OTHER-AGENT] [--smallest] [--check]
 #include <memory>
@@ -62,6 +62,39 @@ double secondsOf(HttpClient& client, const std::string& target, unsigned request
     });
 }
 
+/// Stores as many operations.
+void fill(HttpClient& root, unsigned operations) {
+    std::string lines;
+    for (unsigned number = 0; number < operations; ++number) {
+        const std::string text = std::to_string(number);
+        lines += R"({"kind":"operation","id":"made-)" + text + R"(","op":"start","status":0,"time":)" +
+                 std::to_string(1'600'000'000 + number) + "}\n";
+    }
+    const HttpAnswer stored = root.post("/v1/records", lines);
+    check(stored.status == 200, "the operations were not stored: " + stored.body);
+}
+
+/// Asks for the newest 20 operations with how many there are, as who has full access by a token.
+std::string pageRequest(HttpClient& root) {
+    root.post("/v1/identities/add", R"({"name":"reader","kind":"token","access":"full"})");
+    const std::string made = root.post("/v1/tokens/create", R"({"name":"reader"})").body;
+    const std::size_t token = made.find("qor_");
+    check(token != std::string::npos, "no token: " + made);
+    return HttpClient::compose("GET",
+                               "/v1/views/vOpLog/rows?fields=time,op,status,id&sort=-time,-id&limit=20&count=exact", {},
+                               "Authorization: Bearer " + made.substr(token, made.find('"', token) - token) + "\r\n");
+}
+
+double secondsOfPages(HttpClient& client, const std::string& request, unsigned pages) {
+    return wallSeconds([&] {
+        for (unsigned number = 0; number < pages; ++number) {
+            const bool sent = client.send(request);
+            const int status = sent ? client.receive().status : 0;
+            check(status == 200, "status " + std::to_string(status));
+        }
+    });
+}
+
 void run(Figures& figures) {
     const TestCertificates files;
     const std::string program = (programDirectory() / "qor-agent").string();
@@ -77,6 +110,12 @@ void run(Figures& figures) {
     const auto of = [&](HttpClient& client) { return [&] { return secondsOf(client, live, requests) / requests; }; };
     figures.ratio("TCP beside a unix socket", Goal::none(), rounds, of(local), of(tcp));
     figures.ratio("TLS beside TCP", Goal::none(), rounds, of(tcp), of(tls));
+    fill(local, requests);
+    const std::string page = pageRequest(local);
+    const auto ofPages = [&](HttpClient& client) {
+        return [&] { return secondsOfPages(client, page, requests / 4) / (requests / 4); };
+    };
+    figures.ratio("TLS beside TCP, pages", Goal::atMost(1.1), rounds, ofPages(tcp), ofPages(tls));
     if (figures.arguments().empty()) return;
     const Agent other(figures.arguments().front(), {});
     HttpClient before(other.socket());
