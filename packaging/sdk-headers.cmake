@@ -15,6 +15,7 @@ set(QOR_SDK_HEADERS
   QORDBSchema/SchemaTable.h
   QORFunctionality/QORAccess.h
   QORFunctionality/QORAccesser.h
+  QORFunctionality/QORCollector.h
   QORFunctionality/QORErrors.h
   QORFunctionality/QOROpFactory.h
   QORFunctionality/QOROperator.h

@@ -20,6 +20,7 @@
 #include "agent/settings/SettingTable.h"
 #include "agent/settings/SettingsMeaning.h"
 #include "host/QORHost.h"
+#include "ingest/QORCollectorSchedule.h"
 
 namespace QOR {
 namespace {
@@ -47,6 +48,7 @@ struct AgentReload::Change {
     std::vector<std::string> awaiting;  ///< names of what needs a restart
     HttpCertificates::Context certificates{};
     std::shared_ptr<AgentAudit> audit{};
+    std::vector<QORCollectorWish> collectors{};
 };
 
 AgentReload::AgentReload(SettingsSources sources, AgentSettings running, Parts parts)
@@ -103,6 +105,7 @@ AgentReload::Change AgentReload::prepare() {
         if (now) setting.copy(wanted, change.settings);
     }
     change.server = serverOptions(change.settings, m_parts.handed);
+    change.collectors = collectorWishes(change.settings);
     fitConnections(change.server);
     if (readsCertificates(wanted)) change.certificates = HttpCertificates::read(change.settings.tls);
     change.audit = m_parts.application.audit();
@@ -137,6 +140,7 @@ void AgentReload::apply(Change change) {
     m_parts.application.setAudit(std::move(change.audit));
     m_parts.host.router().setAnswerLimits(settings.answers);
     m_parts.server.change(change.server);
+    m_parts.collectors.keep(change.collectors);
     if (settings.keep != m_running.keep) m_parts.retention.keep(settings.keep);
     m_running = std::move(settings);
     m_parts.state.loaded(change.awaiting);

@@ -14,6 +14,7 @@
 namespace QOR {
 
 class AgentApplication;
+class QORCollectorSchedule;
 class QORHost;
 
 /// Reads all settings anew and has those take effect that can (Setting::changes), all of them or none: files that are
@@ -28,6 +29,7 @@ public:
         HttpServer& server;
         HttpCertificates* certificates;  ///< null without https
         QORRetention& retention;
+        QORCollectorSchedule& collectors;
         SettingsState& state;
         const std::vector<HttpHandedSocket>& handed;  ///< as serverOptions() takes them
     };

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -38,6 +39,7 @@
 #include "host/QORMaintenance.h"
 #include "host/QORPlugInLoader.h"
 #include "host/QORVocabularyFiles.h"
+#include "ingest/QORCollectorSchedule.h"
 
 namespace {
 
@@ -136,6 +138,14 @@ private:
     QORForwarder* m_forwarder;
 };
 
+/// One that hangs in the system cannot be ended. What it would bring is read by the next agent.
+void endCollectors(QORCollectorSchedule& collectors) {
+    constexpr std::chrono::seconds patience(5);
+    if (collectors.stop(patience)) return;
+    logMessage(1, "QORAgent", "qor/agent/main", "serve", "stopped; a collector that hangs was left behind");
+    std::_Exit(EXIT_SUCCESS);
+}
+
 int serve(AgentSettings settings, SettingsSources sources) {
     // What the agent keeps is other people's business; the socket has a mode of its own.
     ::umask(S_IRWXG | S_IRWXO);
@@ -162,7 +172,9 @@ int serve(AgentSettings settings, SettingsSources sources) {
     settings.memory.unpackedBody = serving.bodyLimit;
     SettingsState state;
     state.loaded({});
-    AgentApplication application(host, settings.memory);
+    QORCollectorSchedule collectors(settings.collectRoot);
+    const std::vector<QORCollectorWish> wishes = collectorWishes(settings);
+    AgentApplication application(host, collectors, settings.memory);
     application.setForwarder(forwarder ? &*forwarder : nullptr);
     application.setFollowing(settings.following);
     if (!settings.audit.target.empty()) application.setAudit(std::make_shared<AgentAudit>(settings.audit));
@@ -171,7 +183,7 @@ int serve(AgentSettings settings, SettingsSources sources) {
     application.setCounters([&server] { return server.connections(); }, [&server] { return server.counts(); });
     if (const auto pause = ServiceManager::watchdogPause()) server.setBeat(*pause, ServiceManager::alive);
     AgentReload reload(std::move(sources), std::move(settings),
-                       {host, application, server, serving.certificates.get(), retention, state, handed});
+                       {host, application, server, serving.certificates.get(), retention, collectors, state, handed});
     const auto stop = [&server] {
         ServiceManager::stopping();
         server.stop();
@@ -181,11 +193,13 @@ int serve(AgentSettings settings, SettingsSources sources) {
     const Forwarding forwarding(forwarder ? &*forwarder : nullptr, application.changes());
     announce(server.addresses());
     ServiceManager::ready(state.text());
+    collectors.keep(wishes);
     if (!server.run()) {
         // Threads are still at work in plug-ins; unloading those beneath them would be worse than leaving at once.
         logMessage(0, "QORAgent", "qor/agent/main", "serve", "requests did not end in time");
         std::_Exit(EXIT_FAILURE);
     }
+    endCollectors(collectors);
     logMessage(2, "QORAgent", "qor/agent/main", "serve", "stopped");
     return EXIT_SUCCESS;
 }

@@ -8,6 +8,7 @@
 #include "QORServers/QORServers.h"
 #include "host/QORHostPaths.h"
 #include "host/QORVocabularyFiles.h"
+#include "ingest/QORCollectors.h"
 
 namespace QOR {
 
@@ -17,7 +18,9 @@ void QORHost::prepareProcess() {
 
 QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
     if (m_options.plugInDirectory.empty()) m_options.plugInDirectory = defaultPlugInDirectory();
-    // First, because they know what the vocabulary may hold.
+    // What comes with the host is there before what plug-ins bring.
+    registerCollectors();
+    // Before the vocabulary, because they know what it may hold.
     m_refused = m_plugIns.loadDirectory(m_options.plugInDirectory);
     if (m_plugIns.plugIns().empty()) {
         logMessage(1, "QORHost", "qor/host/QORHost", "QORHost", "no plug-in was loaded from %s",

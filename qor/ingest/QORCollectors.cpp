@@ -1,68 +1,68 @@
 #include "ingest/QORCollectors.h"
 
-#include <utility>
+#include <algorithm>
+#include <exception>
 
-#include "ingest/QORMachine.h"
-#include "ingest/QORPackageLog.h"
+#include "QORCommon/QORNoDestructor.h"
+#include "QORFunctionality/QORCollector.h"
+#include "ingest/CollectorRun.h"
+#include "ingest/collectors/AptCollector.h"
+#include "ingest/collectors/DpkgCollector.h"
+#include "ingest/collectors/MachineCollector.h"
 
 namespace QOR {
 namespace {
 
-/// The machine as documents name the environment that an operation comes from.
-QORInfo sourceOf(const QOREnvironmentRecord& machine) {
-    QORInfo source("source_env");
-    source.add("eid", machine.eid.toString());
-    if (machine.title) source.add("title", *machine.title);
-    source.add("type", "host");
-    return source;
-}
-
-void addText(QORInfo& info, const char* name, const std::string& value) {
-    if (!value.empty()) info.add(name, value);
-}
-
-QORInfo messageOf(const QOREnvironmentRecord& machine, const QORPackageAction& action) {
-    QORInfo package("package");
-    addText(package, "name", action.package);
-    addText(package, "version", action.version);
-    addText(package, "old_version", action.oldVersion);
-    addText(package, "architecture", action.architecture);
-    addText(package, "state", action.state);
-    QORInfo env("env");
-    env.add("eid", machine.eid.toString());
-    QORInfo message;
-    message.add(std::move(package)).add(std::move(env)).add(sourceOf(machine));
-    return message;
-}
-
-/// The log has no identifiers: the line is one, with the number of equal lines before it.
-QOROperationRecord operationOf(const QOREnvironmentRecord& machine, const QORPackageAction& action) {
-    QOROperationRecord record;
-    record.id =
-        QORGUIDBase::fromName(machine.eid, "dpkg " + std::to_string(action.repeated) + " " + action.line).toString();
-    record.op = action.action;
-    record.status = action.status;
-    record.time = action.time;
-    record.eid = machine.eid;
-    record.eids.push_back(machine.eid);
-    record.message = messageOf(machine, action);
-    return record;
-}
+/// Those that come with the host. The machine is first: what others tell belongs to it.
+struct OwnCollectors {
+    MachineCollector machine;
+    DpkgCollector dpkg;
+    AptCollector apt;
+};
 
 }  // namespace
 
+const char* collectOutcomeName(QORCollectOutcome outcome) noexcept {
+    constexpr const char* names[collectOutcomeCount] = {"done", "none", "failed", "hung"};
+    return names[static_cast<std::size_t>(outcome)];
+}
+
+void QORCollectResult::merge(const std::string& collector, const QORCollectResult& other) {
+    stored.merge(other.stored);
+    malformed += other.malformed;
+    unreadable.insert(unreadable.end(), other.unreadable.begin(), other.unreadable.end());
+    const bool isOfSource = other.outcome == QORCollectOutcome::Failed && !other.stored.failure;
+    if (isOfSource) unreadable.push_back(collector + ": " + other.text);
+    if (text.empty()) text = other.text;
+    if (outcome == QORCollectOutcome::None || other.outcome > QORCollectOutcome::None) outcome = other.outcome;
+}
+
+void registerCollectors() {
+    static const QORNoDestructor<OwnCollectors> own;
+}
+
+QORCollectResult runCollector(QORCollector& collector, const QORCollectOptions& options, const std::stop_token& stop) {
+    CollectorRun run(collector.traits().name, options, stop);
+    bool isThere = false;
+    std::string failure;
+    try {
+        isThere = collector.collect(run);
+    } catch (const std::exception& exception) {
+        failure = exception.what();
+    }
+    QORCollectResult result = run.end(failure);
+    result.outcome = isThere ? QORCollectOutcome::Done : QORCollectOutcome::None;
+    if (!result.text.empty()) result.outcome = QORCollectOutcome::Failed;
+    return result;
+}
+
 QORCollectResult collect(const QORCollectOptions& options, const std::stop_token& stop) {
+    registerCollectors();
     QORCollectResult result;
-    const QOREnvironmentRecord machine = describeMachine(options.root);
-    QORPackageLog log = readPackageLog(options.root);
-    result.malformed = log.malformed;
-    result.unreadable = std::move(log.unreadable);
-    std::vector<QORRecord> records;
-    records.reserve(log.actions.size() + 1);
-    records.emplace_back(machine);
-    for (const QORPackageAction& action : log.actions)
-        records.emplace_back(operationOf(machine, action));
-    result.stored = QORIngest(options.ingest).store(records, true, stop);
+    for (QORCollector* const collector : QORCollectorRegistry::instance().all()) {
+        if (stop.stop_requested() || result.stored.failure) break;
+        result.merge(collector->traits().name, runCollector(*collector, options, stop));
+    }
     return result;
 }
 

@@ -1,5 +1,5 @@
 /// \file
-/// Collectors: this machine and its package operations, brought into the host's database.
+/// Collectors are run: what they read is brought into the host's database.
 #pragma once
 
 #include <cstdint>
@@ -12,21 +12,47 @@
 
 namespace QOR {
 
+class QORCollector;
+
 struct QORCollectOptions {
     std::filesystem::path root = "/";  ///< the directory that stands for "/"
     QORIngestOptions ingest;
 };
 
+enum class QORCollectOutcome {
+    Done,
+    None,    ///< there is no such source here
+    Failed,  ///< QORCollectResult::text says why
+    Hung,    ///< it takes longer than it may
+};
+constexpr std::size_t collectOutcomeCount = 4;
+/// "done", "none", "failed", "hung".
+const char* collectOutcomeName(QORCollectOutcome outcome) noexcept;
+
+/// Of one collector, or of several together.
 struct QORCollectResult {
-    /// The environment counts as replaced when it was known, operations as unchanged; an operation is replaced when
-    /// it has come to an end since.
+    /// An environment counts as replaced when it was known, operations and events as unchanged; an operation is
+    /// replaced when it has come to an end since.
     QORIngestResult stored;
-    std::uint64_t malformed = 0;          ///< lines of the logs that could not be understood
-    std::vector<std::string> unreadable;  ///< log files that could not be read, with the reason
+    std::uint64_t malformed = 0;          ///< lines of the sources that could not be understood
+    std::vector<std::string> unreadable;  ///< what could not be read, with the reason
+    QORCollectOutcome outcome = QORCollectOutcome::None;
+    std::string text{};  ///< why it failed; empty where it did not
+
+    /// Adds what a collector did: something has been done when one of them has, and failed when one of them did.
+    void merge(const std::string& collector, const QORCollectResult& other);
 };
 
-/// Stores this machine as an environment and the actions in its package manager's log as its operations. Collecting
-/// again adds only what is new. QORRdbms must be open for writing. Failures of the database are in the result.
+/// The collectors that come with the host are known to QORCollectorRegistry from now on. Any thread, any number of
+/// times.
+void registerCollectors();
+
+/// Runs one in this thread. QORRdbms must be open for writing. Failures of the source and of the database are in the
+/// result. \throws AException where the database cannot even be asked; QORException errForbidden, as QORIngest::store()
+QORCollectResult runCollector(QORCollector& collector, const QORCollectOptions& options, const std::stop_token& stop);
+
+/// Runs all that there are, one after the other, in this thread: this machine is stored as an environment, and what has
+/// happened on it as its operations and events. Collecting again adds only what is new. \throws as runCollector()
 QORCollectResult collect(const QORCollectOptions& options = {}, const std::stop_token& stop = {});
 
 }  // namespace QOR

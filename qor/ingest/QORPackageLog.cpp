@@ -1,14 +1,9 @@
 #include "ingest/QORPackageLog.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <system_error>
 #include <unordered_map>
@@ -16,60 +11,13 @@
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
+#include "ingest/LogFile.h"
 
 namespace QOR {
 namespace {
 
 constexpr std::size_t timeLength = 19;
-constexpr int lineBytes = 64 * 1024;
-
-/// Lines of a file that may be compressed.
-class LogFile {
-public:
-    explicit LogFile(const std::filesystem::path& path)
-        : m_file(gzopen(path.c_str(), "rb"), &closeFile), m_error(m_file ? "" : std::strerror(errno)) {}
-
-    /// False at the end, and where the file cannot be read on. What is too long or holds NUL bytes is given as a line
-    /// feed alone, which is no line of the log. A last line without an end is still being written: it is left out.
-    bool next(std::string& line) {
-        if (!m_file || gzgets(m_file.get(), m_buffer.data(), lineBytes) == nullptr) return fail();
-        line.assign(m_buffer.data());
-        if (!line.empty() && line.back() == '\n') {
-            line.pop_back();
-            return true;
-        }
-        if (gzeof(m_file.get()) != 0) return fail();
-        if (line.size() + 1 == m_buffer.size()) skipLine();
-        line.assign("\n");
-        return true;
-    }
-
-    const std::string& error() const { return m_error; }
-
-private:
-    static void closeFile(gzFile file) {
-        if (file != nullptr) gzclose(file);
-    }
-
-    void skipLine() {
-        while (gzgets(m_file.get(), m_buffer.data(), lineBytes) != nullptr) {
-            if (std::strchr(m_buffer.data(), '\n') != nullptr) return;
-        }
-    }
-
-    bool fail() {
-        if (!m_file) return false;
-        int code = Z_OK;
-        const char* text = gzerror(m_file.get(), &code);
-        if (code == Z_ERRNO) m_error = std::strerror(errno);
-        if (code != Z_OK && code != Z_STREAM_END && code != Z_ERRNO) m_error = text;
-        return false;
-    }
-
-    std::unique_ptr<gzFile_s, void (*)(gzFile)> m_file;
-    std::vector<char> m_buffer = std::vector<char>(lineBytes);
-    std::string m_error;
-};
+constexpr std::size_t lineBytes = std::size_t{64} << 10;
 
 /// What an action leads to when it goes well.
 struct Outcome {
@@ -254,7 +202,8 @@ std::vector<std::filesystem::path> logRotations(const std::filesystem::path& log
 QORPackageLog readPackageLog(const std::filesystem::path& root) {
     Reader reader;
     for (const auto& path : logRotations(root / "var/log/dpkg.log")) {
-        LogFile file(path);
+        ++reader.log().files;
+        LogFile file(path, lineBytes);
         for (std::string line; file.next(line);)
             reader.take(line);
         if (!file.error().empty()) reader.log().unreadable.push_back(path.string() + ": " + file.error());

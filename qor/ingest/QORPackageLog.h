@@ -28,6 +28,7 @@ struct QORPackageAction {
 };
 
 struct QORPackageLog {
+    std::size_t files = 0;                  ///< the log and its rotations
     std::vector<QORPackageAction> actions;  ///< oldest first
     std::uint64_t malformed = 0;            ///< lines that are none of the log's
     std::vector<std::string> unreadable;    ///< files that could not be read, or not to their end, with the reason

@@ -308,7 +308,76 @@ RecordLines readBackups(ASSession& session, const std::string& ids) {
     return lines;
 }
 
+void putOptional(Json& json, std::string_view name, const std::optional<std::string>& text) {
+    if (text) put(json, name, *text);
+}
+void putNumber(Json& json, std::string_view name, std::int64_t number) {
+    key(json, name);
+    json.Int64(number);
+}
+void putEid(Json& json, std::string_view name, const QORGUIDBase& guid) {
+    if (guid.isValid()) put(json, name, guid.toString());
+}
+void putInfo(Json& json, std::string_view name, const std::optional<QORInfo>& info) {
+    if (!info) return;
+    key(json, name);
+    putInfo(json, *info);
+}
+
+void putConfig(Json& json, std::string_view name, const std::optional<QORConfigRecord>& config) {
+    if (!config) return;
+    ConfigColumns columns;
+    for (const QOREnvMemberRow& row : envMembers) {
+        if (!config->text(row.member)) columns.nulls.insert({row.group, row.name});
+    }
+    columns.hasAddress = !config->addresses.empty();
+    columns.hasMemory = config->memory.has_value();
+    columns.hasBootTime = config->bootTime.has_value();
+    key(json, name);
+    ConfigWriter(json, columns).write(config->document);
+}
+
 }  // namespace
+
+std::string lineOf(const QOREnvironmentRecord& record) {
+    return lineOf(QORRecordKind::Environment, [&](Json& json) {
+        putEid(json, "eid", record.eid);
+        putEid(json, "parent_eid", record.parentEid);
+        putOptional(json, "title", record.title);
+        putNumber(json, "state", record.state);
+        putNumber(json, "transition", record.transition);
+        putConfig(json, "config", record.config);
+        putConfig(json, "virtual_config", record.virtualConfig);
+    });
+}
+
+std::string lineOf(const QOROperationRecord& record) {
+    return lineOf(QORRecordKind::Operation, [&](Json& json) {
+        put(json, "id", record.id);
+        putOptional(json, "parent_id", record.parentId);
+        putOptional(json, "op", record.op);
+        putNumber(json, "status", record.status);
+        putNumber(json, "time", record.time);
+        putEid(json, "eid", record.eid);
+        key(json, "eids");
+        json.StartArray();
+        for (const QOREID& eid : record.eids)
+            put(json, eid.toString());
+        json.EndArray();
+        putInfo(json, "message", record.message);
+    });
+}
+
+std::string lineOf(const QOREventRecord& record) {
+    return lineOf(QORRecordKind::Event, [&](Json& json) {
+        putEid(json, "id", record.id);
+        putNumber(json, "time", record.time);
+        putEid(json, "eid", record.eid);
+        putOptional(json, "source", record.source);
+        putOptional(json, "category", record.category);
+        putInfo(json, "info", record.info);
+    });
+}
 
 std::string recordList(const std::vector<std::string>& ids) {
     std::string array;

@@ -30,6 +30,11 @@ using RecordLines = std::map<std::string, RecordLine, std::less<>>;
 RecordLines readRecordLines(ASSession& session, QORRecordKind kind, const std::vector<std::string>& ids,
                             const QORGUIDBase* stream);
 
+/// A record that was made here as a line, from which an equal one is read. \pre its texts are UTF-8
+std::string lineOf(const QOREnvironmentRecord& record);
+std::string lineOf(const QOROperationRecord& record);
+std::string lineOf(const QOREventRecord& record);
+
 /// Identifiers as the parameter of a statement, where recordListSql() has its place.
 std::string recordList(const std::vector<std::string>& ids);
 /// A select of the identifiers in that parameter. \param type of PostgreSQL's

@@ -276,6 +276,30 @@ TEST_F(Agent, CollectsThisMachine) {
     EXPECT_THAT(client.post("/v1/collect", "").body, HasSubstr(R"("environment":{"added":0,"replaced":1)"));
 }
 
+TEST(AgentCollectors, APlugInBringsOne) {
+    const test::TemporaryDirectory root;
+    std::filesystem::create_directories(root / "etc");
+    AgentSettings settings;
+    settings.plugIns = plugIns / "mixed";
+    settings.more = {"--collect-root", root.path().string(), "--collect", "echo=1d"};
+    AgentProcess agent(settings);
+    const auto status = [&] { return HttpClient(agent.socketPath()).get("/v1/status").body; };
+    while (status().find(R"("name":"echo","source":"/etc/echo","every":86400,"outcome":"none")") == std::string::npos)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::ofstream(root / "etc/echo") << "one\ntwo\n";
+    HttpClient client(agent.socketPath());
+    EXPECT_THAT(client.post("/v1/collect", "").body, HasSubstr(R"("event":{"added":2,"replaced":0)"));
+    EXPECT_THAT(status(), HasSubstr(R"("name":"echo","source":"/etc/echo","every":86400,"outcome":"done")"));
+    EXPECT_EQ(agent.stop(), 0);
+    agent.start();
+    std::ofstream(root / "etc/echo", std::ios::app) << "three\n";
+    while (status().find(R"("vEventLog":3)") == std::string::npos)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_THAT(HttpClient(agent.socketPath()).post("/v1/collect", "").body,
+                HasSubstr(R"("event":{"added":0,"replaced":0)"))
+        << "it goes on behind what was stored before the agent's restart";
+}
+
 // ---- starting
 
 TEST(AgentStart, APlugInThatFailsToLoadIsNamedAndTheOthersServe) {

@@ -78,6 +78,7 @@ std::string otherValue(const Setting& setting) {
     if (setting.name == "log-level") return "3";
     if (setting.name == "allow-origin") return "['https://a.example']";
     if (setting.name == "forward") return "'https://127.0.0.1:1'";
+    if (setting.name == "collect") return "['machine=7s']";
     if (setting.name == "listen") return "['unix:/nowhere/agent.sock']";
     if (setting.isFlag()) return "true";
     // A busy machine takes its time.
@@ -164,6 +165,25 @@ TEST_F(AgentReloadTest, WhatTheLogsKeepHoldsFromThenOn) {
     const std::string select = R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEventLog"],)"
                                R"([1741,"source"]]]})";
     while (client().message(select).find("[1739,") != std::string::npos)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+}
+
+TEST_F(AgentReloadTest, CollectorsRunAsTheyAreTold) {
+    const auto status = [this] { return client().get("/v1/status").body; };
+    EXPECT_THAT(status(), HasSubstr(R"("source":"/etc/os-release and /proc","every":null,"outcome":null)"));
+    write({{"collect", "['machine=1d']"}});
+    reload();
+    awaitText("agent.log", "changed: collect\n");
+    while (status().find(R"("source":"/etc/os-release and /proc","every":86400,"outcome":"done")") == std::string::npos)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    write({{"collect", "['machin']"}});
+    reload();
+    awaitText("agent.log", "there is no collector \"machin\"; there are machine, ");
+    EXPECT_THAT(status(), HasSubstr(R"("source":"/etc/os-release and /proc","every":86400,)"));
+    write({});
+    reload();
+    awaitText("agent.log", "the settings have been read anew; changed: collect\n");
+    while (status().find(R"("source":"/etc/os-release and /proc","every":null,)") == std::string::npos)
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
 }
 

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "ingest/QORAptHistory.h"
 #include "ingest/QORMachine.h"
 #include "ingest/QORPackageLog.h"
 #include "support/HostDatabase.h"
@@ -190,7 +191,8 @@ TEST(QORCollectorsOfThisMachine, RowsAreReal) {
         const auto length = lengthOfLog();
         collect();
         const std::string stored = queryText("SELECT count(*) FROM \"vOpLog\"");
-        const std::string logged = std::to_string(readPackageLog().actions.size());
+        const std::string logged =
+            std::to_string(readPackageLog().actions.size() + readAptHistory("/", 0).transactions.size());
         const auto again = collect();
         quiet = length == lengthOfLog();
         if (!quiet) continue;

@@ -84,8 +84,9 @@ HttpLane laneOf(const AgentRoute& route, const HttpRequest& head, AgentTrace& tr
 
 }  // namespace
 
-AgentApplication::AgentApplication(QORHost& host, const AgentMemory& memory)
+AgentApplication::AgentApplication(QORHost& host, QORCollectorSchedule& collectors, const AgentMemory& memory)
     : m_host(host),
+      m_collectors(collectors),
       m_access(!QORRdbms::instance().options().readOnly),
       m_requestMemory(memory.oneRequest),
       m_bodyLimit(memory.unpackedBody),
@@ -121,16 +122,6 @@ void AgentApplication::setAudit(std::shared_ptr<AgentAudit> audit) {
 std::shared_ptr<AgentAudit> AgentApplication::audit() const {
     const std::lock_guard lock(m_mutex);
     return m_audit;
-}
-
-void AgentApplication::collected(AgentCollection collection) {
-    const std::lock_guard lock(m_mutex);
-    m_collection = std::move(collection);
-}
-
-std::optional<AgentCollection> AgentApplication::lastCollection() const {
-    const std::lock_guard lock(m_mutex);
-    return m_collection;
 }
 
 HttpIdentity AgentApplication::identify(const HttpPeer& peer) {

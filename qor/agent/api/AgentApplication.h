@@ -31,15 +31,10 @@ namespace QOR {
 
 class QORHost;
 class AgentAudit;
+class QORCollectorSchedule;
 class QORForwarder;
 class SettingsState;
 struct AgentTrace;
-
-/// How it went when what this machine knows of itself was brought in.
-struct AgentCollection {
-    std::int64_t time = 0;  ///< seconds since the epoch, at its end
-    std::string failure{};  ///< empty where it went well
-};
 
 /// Who asks is decided for each request when its head has been read (AgentAccess): by the token that it shows, or by
 /// who the system says is at the other end, or by the certificate that was shown. Root and the agent's own user have
@@ -47,8 +42,8 @@ struct AgentCollection {
 /// operator objects for as long as it lasts. Thread-safe.
 class AgentApplication final : public HttpApplication {
 public:
-    /// \param host must outlive the application
-    explicit AgentApplication(QORHost& host, const AgentMemory& memory = {});
+    /// \param host, collectors outlive the application
+    AgentApplication(QORHost& host, QORCollectorSchedule& collectors, const AgentMemory& memory = {});
     ~AgentApplication() override;
 
     /// Where the number of open connections comes from, for /v1/health, and the server's other counts, which it is
@@ -71,10 +66,8 @@ public:
     void setSettingsState(const SettingsState* settings) noexcept { m_settings = settings; }
     const SettingsState* settingsState() const noexcept { return m_settings; }
 
-    /// A collection has come to its end. Any thread.
-    void collected(AgentCollection collection);
-    /// Nothing where there was none since the start. Any thread.
-    std::optional<AgentCollection> lastCollection() const;
+    /// What this machine knows of itself is brought in by these, which outlive the application.
+    QORCollectorSchedule& collectors() const noexcept { return m_collectors; }
 
     /// Before the first connection. \param forwarder outlives the application; null: nothing is sent on
     void setForwarder(QORForwarder* forwarder) noexcept { m_forwarder = forwarder; }
@@ -107,6 +100,7 @@ private:
     HttpPlan planned(const HttpRequest& head, const HttpPeer& peer, AgentTrace& trace);
 
     QORHost& m_host;
+    QORCollectorSchedule& m_collectors;
     AgentAccess m_access;
     AgentViews m_views;
     AgentFields m_fields;
@@ -114,10 +108,9 @@ private:
     std::atomic<std::size_t> m_requestMemory;
     std::atomic<std::size_t> m_bodyLimit;
     QORMemoryBudget m_memory;
-    mutable std::mutex m_mutex;  // guards the three below, for moments
+    mutable std::mutex m_mutex;  // guards the two below, for moments
     AgentFollowSettings m_following{};
     std::shared_ptr<AgentAudit> m_audit;
-    std::optional<AgentCollection> m_collection;
     std::function<std::size_t()> m_connections = [] { return std::size_t{0}; };
     std::function<HttpCounts()> m_counts = [] { return HttpCounts(); };
     QORForwarder* m_forwarder = nullptr;

@@ -1,5 +1,6 @@
 #include "agent/api/AgentDescriptions.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "agent/settings/SettingsState.h"
 #include "forward/QORForwarder.h"
 #include "host/QORStatus.h"
+#include "ingest/QORCollectorSchedule.h"
 
 namespace QOR {
 namespace {
@@ -137,13 +139,46 @@ void writeRecords(JsonWriter& json, const std::vector<QORViewRecords>& records) 
     json.EndObject();
 }
 
-void writeCollection(JsonWriter& json, const AgentCollection& collection) {
+/// The last run of any collector, and what was wrong with the last of one.
+void writeCollection(JsonWriter& json, const std::vector<QORCollectorState>& collectors) {
+    std::int64_t time = 0;
+    std::string failure;
+    for (const QORCollectorState& collector : collectors) {
+        time = std::max(time, collector.time);
+        if (failure.empty()) failure = collector.text;
+    }
+    if (time == 0) return;
     writeKey(json, "collected");
     json.StartObject();
     writeKey(json, "time");
-    json.Int64(collection.time);
-    writeMember(json, "failure", readable(collection.failure));
+    json.Int64(time);
+    writeMember(json, "failure", readable(failure));
     json.EndObject();
+}
+
+void writeCollector(JsonWriter& json, const QORCollectorState& collector) {
+    json.StartObject();
+    writeMember(json, "name", collector.name);
+    writeMember(json, "source", readable(collector.source));
+    writeSecond(json, "every", collector.every ? std::optional<std::int64_t>(collector.every->count()) : std::nullopt);
+    writeKey(json, "outcome");
+    collector.outcome ? writeText(json, collectOutcomeName(*collector.outcome)) : static_cast<void>(json.Null());
+    writeMember(json, "failure", readable(collector.text));
+    writeSecond(json, "time", collector.outcome ? std::optional(collector.time) : std::nullopt);
+    writeKey(json, "seconds");
+    json.Double(collector.seconds);
+    writeKey(json, "records");
+    json.Uint64(collector.records);
+    json.EndObject();
+}
+
+void writeCollectors(JsonWriter& json, const std::vector<QORCollectorState>& collectors) {
+    writeCollection(json, collectors);
+    writeKey(json, "collectors");
+    json.StartArray();
+    for (const QORCollectorState& collector : collectors)
+        writeCollector(json, collector);
+    json.EndArray();
 }
 
 std::string statusText(const AgentApplication& application) {
@@ -166,7 +201,7 @@ std::string statusText(const AgentApplication& application) {
         if (!status.servers.empty()) writeServers(json, status.servers);
         if (const SettingsState* const settings = application.settingsState())
             writeMember(json, "settings", readable(settings->text()));
-        if (const auto collection = application.lastCollection()) writeCollection(json, *collection);
+        writeCollectors(json, application.collectors().states());
         if (QORForwarder* const forwarder = application.forwarder()) {
             forwarder->look();
             writeForwarding(json, forwarder->state());

@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <vector>
 
 #include "QORCommon/QORMemory.h"
 #include "agent/MemoryKeeper.h"
@@ -10,6 +11,7 @@
 #include "agent/api/PrometheusText.h"
 #include "agent/settings/SettingsState.h"
 #include "forward/QORForwarder.h"
+#include "ingest/QORCollectorSchedule.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
@@ -93,6 +95,32 @@ void writeForwarding(PrometheusText& text, const QORForwardState& state) {
           static_cast<std::uint64_t>(state.lastSuccess.value_or(0)));
 }
 
+/// A family with a number for each collector.
+template <class Number>
+void writeOfEach(PrometheusText& text, const std::vector<QORCollectorState>& collectors, const char* name, Type type,
+                 const char* help, Number number) {
+    text.family(name, type, help);
+    for (const QORCollectorState& collector : collectors)
+        text.sample(number(collector), {{"collector", collector.name}});
+}
+
+void writeCollectors(PrometheusText& text, const std::vector<QORCollectorState>& collectors) {
+    using State = QORCollectorState;
+    text.family("qor_collector_runs_total", Type::Counter, "Runs of a collector, by how they ended or hang.");
+    for (const State& collector : collectors) {
+        for (std::size_t outcome = 0; outcome < collectOutcomeCount; ++outcome)
+            text.sample(collector.runs[outcome],
+                        {{"collector", collector.name},
+                         {"outcome", collectOutcomeName(static_cast<QORCollectOutcome>(outcome))}});
+    }
+    writeOfEach(text, collectors, "qor_collector_records_total", Type::Counter, "Records that it brought.",
+                [](const State& state) { return state.allRecords; });
+    writeOfEach(text, collectors, "qor_collector_seconds", Type::Gauge, "Time that its last run took.",
+                [](const State& state) { return state.seconds; });
+    writeOfEach(text, collectors, "qor_collector_hung", Type::Gauge, "1 while it hangs.",
+                [](const State& state) { return std::uint64_t{state.outcome == QORCollectOutcome::Hung}; });
+}
+
 }  // namespace
 
 void AgentApplication::writeMetrics(PrometheusText& text) const {
@@ -105,6 +133,7 @@ void AgentApplication::writeMetrics(PrometheusText& text) const {
           m_access.refusals());
     if (m_settings != nullptr) writeSettings(text, m_settings->now());
     if (const auto auditing = audit()) writeAudit(text, *auditing);
+    writeCollectors(text, m_collectors.states());
     if (m_forwarder != nullptr) writeForwarding(text, m_forwarder->state());
 }
 

@@ -1,8 +1,7 @@
 #include "agent/api/AgentRecords.h"
 
 #include <cstdint>
-#include <ctime>
-#include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -13,7 +12,7 @@
 #include "agent/api/AgentJson.h"
 #include "gzip/HttpGunzip.h"
 #include "host/QORRequestNotes.h"
-#include "ingest/QORCollectors.h"
+#include "ingest/QORCollectorSchedule.h"
 #include "ingest/QORIngest.h"
 
 namespace QOR {
@@ -101,19 +100,6 @@ void writeResult(JsonWriter& json, const QORIngestResult& result) {
     if (result.failure) writeFailure(json, *result.failure);
 }
 
-/// Collects; whoever looks after the agent sees how it went, whatever became of it.
-QORCollectResult collectNoted(AgentApplication& application, const QORIngestOptions& options) {
-    const auto note = [&](const std::string& failure) { application.collected({std::time(nullptr), failure}); };
-    try {
-        QORCollectResult result = collect({.ingest = options});
-        note(result.stored.failure ? result.stored.failure->reason : "");
-        return result;
-    } catch (const std::exception& failure) {
-        note(failure.what());
-        throw;
-    }
-}
-
 }  // namespace
 
 HttpReply answerRecords(AgentCall& call) {
@@ -132,8 +118,9 @@ HttpReply answerRecords(AgentCall& call) {
 }
 
 HttpReply answerCollect(AgentCall& call) {
-    const QORWriteScope scope = scopeOf(call.requester());
-    const QORCollectResult result = collectNoted(call.application, optionsOf(call.requester(), scope));
+    const auto scope = std::make_shared<const QORWriteScope>(scopeOf(call.requester()));
+    const QORCollectResult result = call.application.collectors().collectNow(
+        optionsOf(call.requester(), *scope), call.requester().fullAccess ? nullptr : scope);
     return {200, writtenObject([&](JsonWriter& json) {
                 writeResult(json, result.stored);
                 writeNumber(json, "malformed", result.malformed);

@@ -31,6 +31,8 @@ struct AgentSettings {
     AgentMemory memory{};
     AgentFollowSettings following{};
     QORRetentionOptions keep{};
+    std::vector<std::string> collect{};
+    std::string collectRoot = "/";
     std::string forward{};
     QORForwardOptions forwarding{};  ///< the files and the pause; the address is in the text above
     std::uint64_t forwardKeep = std::uint64_t{1} << 30;

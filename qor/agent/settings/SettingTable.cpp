@@ -7,6 +7,7 @@
 #include "QORCommon/QORNearestName.h"
 #include "agent/http/HttpOrigins.h"
 #include "host/QORHostPaths.h"
+#include "ingest/QORCollectorSchedule.h"
 
 namespace QOR {
 namespace {
@@ -23,6 +24,7 @@ constexpr std::string_view slow = "Slow clients";
 constexpr std::string_view followers = "Followers";
 constexpr std::string_view memory = "Memory";
 constexpr std::string_view keeping = "What the logs keep; older operations and events are removed";
+constexpr std::string_view collecting = "Collectors, which tell of this machine";
 constexpr std::string_view forwarding = "Sending records on to another agent";
 constexpr std::string_view logs = "Log and audit";
 
@@ -38,6 +40,10 @@ std::string ownSocket() {
 
 void checkOrigin(const std::string& text) {
     HttpOrigins().add(text);
+}
+
+void checkCollector(const std::string& text) {
+    readCollectorWish(text);
 }
 
 constexpr Setting table[] = {
@@ -295,6 +301,18 @@ constexpr Setting table[] = {
      .range = {0, mostNumber},
      .fallback = "everything",
      .changes = true},
+    {.name = "collect",
+     .group = collecting,
+     .meaning = "run this collector by itself, NAME or NAME=DURATION, or \"all\"; may be given several times",
+     .place = Setting::Texts([](AgentSettings & all) -> auto& { return all.collect; }),
+     .placeholder = "NAME",
+     .changes = true,
+     .check = checkCollector},
+    {.name = "collect-root",
+     .group = collecting,
+     .meaning = "the folder that collectors take for the root of the file system",
+     .place = Setting::Text([](AgentSettings & all) -> auto& { return all.collectRoot; }),
+     .placeholder = "FOLDER"},
     {.name = "forward",
      .group = forwarding,
      .meaning = "what is stored is sent on to the agent at this address",

@@ -86,8 +86,17 @@ void checkTogether(const AgentSettings& settings) {
     if (!settings.readOnly) return;
     if (!settings.forward.empty())
         refuse("--read-only: how far records have been sent on cannot be kept for --forward");
+    if (!settings.collect.empty()) refuse("--read-only: what collectors bring cannot be stored for --collect");
     if (settings.keep.any())
         refuse("--read-only: nothing can be removed for --keep-age, --keep-records or --keep-size");
+}
+
+std::vector<QORCollectorWish> collectorWishes(const AgentSettings& settings) {
+    std::vector<QORCollectorWish> wishes;
+    for (const std::string& text : settings.collect)
+        wishes.push_back(readCollectorWish(text));
+    checkCollectorWishes(wishes);
+    return wishes;
 }
 
 std::string connectionOf(const AgentSettings& settings) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "agent/settings/AgentSettings.h"
+#include "ingest/QORCollectorSchedule.h"
 
 namespace QOR {
 
@@ -26,5 +27,8 @@ void checkTogether(const AgentSettings& settings);
 
 /// The connection string of the database that is to be used.
 std::string connectionOf(const AgentSettings& settings);
+
+/// The collectors that run by themselves. \throws QORException for one that there is not
+std::vector<QORCollectorWish> collectorWishes(const AgentSettings& settings);
 
 }  // namespace QOR

@@ -479,6 +479,7 @@ BackendStatus AgentBackend::status() {
             readStatusReply(status),
             readSettingsReply(status),
             readCollectedReply(status),
+            readCollectorsReply(status),
             readMetLimits(exchange({"GET", "/metrics"}))};
 }
 

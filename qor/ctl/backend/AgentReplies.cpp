@@ -194,6 +194,22 @@ std::optional<AgentCollected> readCollectedReply(std::string_view json) {
     return AgentCollected{time.IsInt64() ? time.GetInt64() : 0, textOf(member(*collected, "failure"))};
 }
 
+std::vector<AgentCollector> readCollectorsReply(std::string_view json) {
+    const Document document = parse(json, "database");
+    std::vector<AgentCollector> collectors;
+    if (!document.HasMember("collectors")) return collectors;
+    for (const Value& one : arrayOf(document, "collectors").GetArray()) {
+        const Value& every = member(one, "every");
+        const Value& outcome = member(one, "outcome");
+        const Value& time = member(one, "time");
+        collectors.push_back({textOf(member(one, "name")), textOf(member(one, "source")),
+                              every.IsUint64() ? std::optional(every.GetUint64()) : std::nullopt,
+                              outcome.IsString() ? textOf(outcome) : std::string(), textOf(member(one, "failure")),
+                              time.IsInt64() ? time.GetInt64() : 0, numberOf(one, "records")});
+    }
+    return collectors;
+}
+
 std::vector<AgentLimit> readMetLimits(std::string_view metrics) {
     constexpr std::string_view begin = "\nqor_http_limits_total{limit=\"";
     constexpr std::string_view end = "\"} ";

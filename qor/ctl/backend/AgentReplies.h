@@ -38,6 +38,8 @@ std::optional<AgentForwarding> readForwardingReply(std::string_view json);
 std::string readSettingsReply(std::string_view json);
 /// From the status; nothing of an agent that has not collected.
 std::optional<AgentCollected> readCollectedReply(std::string_view json);
+/// From the status; none of an agent that does not tell.
+std::vector<AgentCollector> readCollectorsReply(std::string_view json);
 /// From an agent's numbers, in Prometheus's form: those that were met.
 std::vector<AgentLimit> readMetLimits(std::string_view metrics);
 AgentHealth readHealthReply(std::string_view json);

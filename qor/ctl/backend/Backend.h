@@ -61,6 +61,17 @@ struct AgentCollected {
     std::string failure;  ///< empty where it went well
 };
 
+/// A collector of an agent that has run, or is to run by itself.
+struct AgentCollector {
+    std::string name;
+    std::string source;                  ///< what it reads
+    std::optional<std::uint64_t> every;  ///< seconds between its runs; nothing where it runs on request
+    std::string outcome;                 ///< of its last run; empty where there was none
+    std::string failure;                 ///< why it failed
+    std::int64_t time = 0;               ///< of its last run
+    std::uint64_t records = 0;           ///< that it brought then
+};
+
 /// How an agent does that sends its records on to another one.
 struct AgentForwarding {
     std::string target;
@@ -79,6 +90,7 @@ struct BackendStatus {
     QORDatabaseStatus database;
     std::string settings{};                     ///< what an agent says of its settings; empty where it says nothing
     std::optional<AgentCollected> collected{};  ///< since the agent's start
+    std::vector<AgentCollector> collectors{};   ///< of an agent
     std::vector<AgentLimit> limits{};           ///< that were met since the agent's start
 };
 

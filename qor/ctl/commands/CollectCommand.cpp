@@ -50,7 +50,7 @@ void runCollect(const ConnectionOptions& connection) {
     const QORCollectResult result = connection.standalone ? collectHere(*backend, interrupted) : backend->collect({});
     for (const std::string& file : result.unreadable)
         tellNote(file);
-    if (result.malformed > 0) tellNote(std::to_string(result.malformed) + " lines of the package log make no sense");
+    if (result.malformed > 0) tellNote(std::to_string(result.malformed) + " lines of what was read make no sense");
     FileOutput out(STDOUT_FILENO);
     out << describeCounts(result.stored);
     out.flush();

@@ -51,6 +51,24 @@ void addCollected(StatusLines& lines, const std::optional<AgentCollected>& colle
     if (!collected->failure.empty()) lines.add("what it failed with", collected->failure);
 }
 
+std::string describeCollector(const AgentCollector& collector) {
+    std::string text;
+    if (collector.every) text = "every " + std::to_string(*collector.every) + " s; ";
+    if (collector.outcome.empty()) return text + "has not run yet";
+    text += collector.outcome + " at " + time2str(collector.time) + ": ";
+    if (!collector.failure.empty()) return text + collector.failure;
+    if (collector.outcome == "none") return text + "there is no " + collector.source;
+    return text + "brought " + std::to_string(collector.records);
+}
+
+/// Those that nobody wants are left out.
+void addCollectors(StatusLines& lines, const std::vector<AgentCollector>& collectors) {
+    for (const AgentCollector& collector : collectors) {
+        if (collector.every || !collector.outcome.empty())
+            lines.add("collector " + collector.name, describeCollector(collector));
+    }
+}
+
 void addRecords(StatusLines& lines, const QORDatabaseStatus& database) {
     lines.add("bytes", database.bytes);
     if (!database.records) return lines.add("records", "not known");
@@ -91,6 +109,7 @@ void runStatus(const ConnectionOptions& connection, const PrintOptions& print) {
     if (status.agent) addAgent(lines, *status.agent);
     if (status.agent) addLimits(lines, status.limits);
     if (status.agent) addCollected(lines, status.collected);
+    addCollectors(lines, status.collectors);
     if (!status.settings.empty()) lines.add("settings", status.settings);
     addDatabase(lines, status.database);
     addRecords(lines, status.database);

@@ -36,5 +36,7 @@ extern const QORSchemaStep postgresForwarding;
 extern const QORSchemaStep postgresLengths;
 /// Sessions that were ended before their time.
 extern const QORSchemaStep postgresSessions;
+/// How far collectors have read.
+extern const QORSchemaStep postgresReading;
 
 }  // namespace QOR

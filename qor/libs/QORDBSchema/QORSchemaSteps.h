@@ -54,5 +54,7 @@ extern const QORSchemaStep forwardSchema;
 extern const QORSchemaStep lengthSchema;
 /// Sessions that were ended before their time.
 extern const QORSchemaStep sessionSchema;
+/// How far collectors have read.
+extern const QORSchemaStep readingSchema;
 
 }  // namespace QOR

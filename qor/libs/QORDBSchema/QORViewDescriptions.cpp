@@ -150,7 +150,7 @@ std::vector<std::string_view> viewMainColumns(std::string_view view) {
 std::vector<std::string> viewColumnValues(std::string_view view, std::string_view column) {
     // What the collector of the package log makes of its lines; and the categories that filters ask for by name.
     if (view == "vOpLog" && column == "op")
-        return {"install", "upgrade", "configure", "trigproc", "remove", "purge", "disappear"};
+        return {"install", "upgrade", "configure", "trigproc", "remove", "purge", "disappear", "apt"};
     if (view == "vEventLog" && column == "category") return {"resource_alert", "env_status"};
     return {};
 }

@@ -410,8 +410,9 @@ TEST_P(Command, CollectingAgainAddsNothing) {
     const std::string once = outputOf({"collect"});
     EXPECT_THAT(once, StartsWith("environment: 1 added, 0 replaced\noperation: "));
     EXPECT_THAT(outputOf({"collect"}), StartsWith("environment: 0 added, 1 replaced\noperation: 0 added, 0 replaced"));
-    EXPECT_EQ(m_agent.has_value(),
-              outputOf({"status", "-o", "csv"}).find("\r\nlast collection,2") != std::string::npos);
+    const std::string status = outputOf({"status", "-o", "csv"});
+    EXPECT_EQ(m_agent.has_value(), status.find("\r\nlast collection,2") != std::string::npos) << status;
+    EXPECT_EQ(m_agent.has_value(), status.find("\r\ncollector machine,done at 2") != std::string::npos) << status;
 }
 
 TEST_P(Command, AReaderThatHasSeenEnoughIsNoError) {

@@ -44,9 +44,10 @@ TEST_F(SchemaTables, AreAllThatHoldRecordsParentsFirst) {
         names.push_back(table.name);
         EXPECT_FALSE(table.key.empty()) << table.name;
     }
-    EXPECT_THAT(names, ElementsAre("qor_backup", "qor_environment", "qor_environment_address", "qor_event",
-                                   "qor_event_count", "qor_forward_stream", "qor_operation", "qor_operation_count",
-                                   "qor_operation_environment", "qor_request", "qor_unreadable_document"));
+    EXPECT_THAT(
+        names, ElementsAre("qor_backup", "qor_collector_position", "qor_environment", "qor_environment_address",
+                           "qor_event", "qor_event_count", "qor_forward_stream", "qor_operation", "qor_operation_count",
+                           "qor_operation_environment", "qor_request", "qor_unreadable_document"));
 }
 
 TEST_F(SchemaTables, HaveTheSameColumnsAndKeysOnEachEngine) {

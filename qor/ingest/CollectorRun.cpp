@@ -1,0 +1,57 @@
+#include "ingest/CollectorRun.h"
+
+#include <utility>
+
+#include "QORCommon/QORException.h"
+#include "ingest/CollectorPosition.h"
+#include "ingest/QORIngest.h"
+#include "ingest/QORMachine.h"
+#include "rdbmspp/pool/QORRdbms.h"
+
+namespace QOR {
+
+CollectorRun::CollectorRun(std::string collector, const QORCollectOptions& options, std::stop_token stop)
+    : m_collector(std::move(collector)),
+      m_options(options),
+      m_stop(std::move(stop)),
+      m_machine(describeMachine(options.root).eid),
+      m_before(readCollectorPosition(m_machine, m_collector)),
+      m_position(m_before),
+      m_parser(QORRecordBounds::of(QORRdbms::instance().dialect())) {}
+
+void CollectorRun::add(std::string_view record) {
+    if (isStopping()) return;
+    try {
+        m_records.push_back(m_parser.parse(record));
+    } catch (const QORException& error) {
+        ++m_result.stored.refused;
+        if (m_result.text.empty()) m_result.text = "a record makes no sense: " + error.message();
+        return;
+    }
+    if (m_records.size() >= m_options.ingest.batchRecords) flush();
+}
+
+void CollectorRun::flush() {
+    if (m_records.empty() || m_ended) return;
+    // What it throws is the host's business and not the collector's, through which it would pass.
+    try {
+        m_result.stored.merge(QORIngest(m_options.ingest).store(m_records, true));
+    } catch (...) {
+        m_thrown = std::current_exception();
+    }
+    m_records.clear();
+    m_ended = m_thrown != nullptr || m_result.stored.failure.has_value();
+}
+
+QORCollectResult CollectorRun::end(const std::string& failure) {
+    flush();
+    if (m_thrown) std::rethrow_exception(m_thrown);
+    if (m_result.stored.failure) m_result.text = m_result.stored.failure->reason;
+    m_result.stored.stopped = m_stop.stop_requested();
+    if (m_result.text.empty()) m_result.text = failure;
+    if (m_result.text.empty() && m_result.stored.stopped) m_result.text = "it was told to end before it was done";
+    if (m_result.text.empty() && m_position != m_before) storeCollectorPosition(m_machine, m_collector, m_position);
+    return std::move(m_result);
+}
+
+}  // namespace QOR

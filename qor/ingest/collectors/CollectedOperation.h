@@ -1,0 +1,22 @@
+/// \file
+/// What operations of this machine have in common, whichever collector brings them.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "ingest/QORRecords.h"
+
+namespace QOR {
+
+/// An operation that belongs to the machine and touches it. \param name of what happened, which is the same whenever it
+/// is read, and no other's of this collector
+QOROperationRecord collectedOperation(const QOREnvironmentRecord& machine, std::string_view name);
+
+/// The end of its message: the machine as documents name the environment that an operation comes from.
+void addSource(QORInfo& message, const QOREnvironmentRecord& machine);
+
+/// Adds a text where there is one.
+void addText(QORInfo& info, std::string_view name, std::string_view text);
+
+}  // namespace QOR
