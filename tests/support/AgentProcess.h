@@ -36,7 +36,7 @@ public:
         if (m_settings.program.empty()) m_settings.program = programDirectory() / "qor-agent";
         if (m_settings.socket.empty()) m_settings.socket = m_directory / "agent.sock";
         if (m_settings.database.empty()) {
-            if (testEngine() == ASEngine::PostgreSQL) m_postgres = std::make_unique<PostgresDatabase>();
+            if (testEngine() == ASEngine::PostgreSQL) m_postgres = std::make_unique<TestDatabase>();
             m_settings.database = connectionString();
         }
         start();
@@ -109,7 +109,7 @@ public:
 
 private:
     TemporaryDirectory m_directory;
-    std::unique_ptr<PostgresDatabase> m_postgres;
+    std::unique_ptr<TestDatabase> m_postgres;
     AgentSettings m_settings;
     std::unique_ptr<ChildProcess> m_child;
 };
