@@ -112,8 +112,9 @@ void run(Figures& figures) {
     figures.ratio("TLS beside TCP", Goal::none(), rounds, of(tcp), of(tls));
     fill(local, requests);
     const std::string page = pageRequest(local);
+    const unsigned pages = requests / 4;
     const auto ofPages = [&](HttpClient& client) {
-        return [&] { return secondsOfPages(client, page, requests / 4) / (requests / 4); };
+        return [&] { return secondsOfPages(client, page, pages) / pages; };
     };
     figures.ratio("TLS beside TCP, pages", Goal::atMost(1.1), rounds, ofPages(tcp), ofPages(tls));
     if (figures.arguments().empty()) return;
