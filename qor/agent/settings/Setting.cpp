@@ -1,7 +1,5 @@
 #include "agent/settings/Setting.h"
 
-#include <type_traits>
-
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORText.h"
@@ -9,32 +7,85 @@
 namespace QOR {
 namespace {
 
-template <class Place>
-using ValueOf = std::remove_reference_t<std::invoke_result_t<Place, AgentSettings&>>;
-
-template <class Value>
-constexpr bool isCounted = std::is_same_v<Value, std::uint64_t> || std::is_same_v<Value, std::int64_t> ||
-                           std::is_same_v<Value, std::optional<std::uint64_t>>;
-
 [[noreturn]] void refuse(const std::string& reason) {
     throw QORException(errBadRequest, reason, "qor/agent/settings/Setting");
 }
 
-bool readFlag(const std::string& text, const std::string& shown) {
-    if (text != "true" && text != "false") refuse(shown + " is true or false; " + quoteText(text) + " is neither");
-    return text == "true";
+/// What somebody has written for a setting, and how they call it.
+struct Written {
+    const std::vector<std::string>& texts;
+    const std::string& shown;
+    QORNumberRange range;
+
+    const std::string& text() const { return texts.at(0); }
+    std::uint64_t number() const {
+        const std::optional<std::uint64_t> read = readPlainNumber(text(), range);
+        if (!read) refuse(describeBadNumber(shown, text(), range));
+        return *read;
+    }
+};
+
+// A pair a kind of value: how it is read, and the texts that it would be read from.
+
+void assign(bool& value, const Written& written) {
+    const std::string& text = written.text();
+    if (text != "true" && text != "false")
+        refuse(written.shown + " is true or false; " + quoteText(text) + " is neither");
+    value = text == "true";
+}
+std::vector<std::string> textsOf(bool value) {
+    return {value ? "true" : "false"};
 }
 
-std::int64_t readAge(const std::string& text, const std::string& shown) {
-    const std::optional<std::int64_t> seconds = parseDuration(text);
-    if (!seconds) refuse(shown + ": \"" + text + "\" is no age (90s, 45m, 12h, 30d, 8w)");
-    return *seconds;
+void assign(std::uint64_t& value, const Written& written) {
+    value = written.number();
+}
+std::vector<std::string> textsOf(std::uint64_t value) {
+    return {std::to_string(value)};
 }
 
-std::uint64_t readNumber(const std::string& text, const std::string& shown, QORNumberRange range) {
-    const std::optional<std::uint64_t> number = readPlainNumber(text, range);
-    if (!number) refuse(describeBadNumber(shown, text, range));
-    return *number;
+void assign(std::optional<std::uint64_t>& value, const Written& written) {
+    value = written.number();
+}
+std::vector<std::string> textsOf(const std::optional<std::uint64_t>& value) {
+    return value ? textsOf(*value) : std::vector<std::string>();
+}
+
+void assign(std::int64_t& value, const Written& written) {
+    value = static_cast<std::int64_t>(written.number());
+}
+std::vector<std::string> textsOf(std::int64_t value) {
+    return {std::to_string(value)};
+}
+
+void assign(std::chrono::milliseconds& value, const Written& written) {
+    value = std::chrono::seconds(written.number());
+}
+std::vector<std::string> textsOf(std::chrono::milliseconds value) {
+    return {std::to_string(std::chrono::duration_cast<std::chrono::seconds>(value).count())};
+}
+
+void assign(std::optional<std::int64_t>& age, const Written& written) {
+    const std::optional<std::int64_t> seconds = parseDuration(written.text());
+    if (!seconds) refuse(written.shown + ": \"" + written.text() + "\" is no age (90s, 45m, 12h, 30d, 8w)");
+    age = seconds;
+}
+std::vector<std::string> textsOf(const std::optional<std::int64_t>& age) {
+    return age ? std::vector{std::to_string(*age) + "s"} : std::vector<std::string>();
+}
+
+void assign(std::string& value, const Written& written) {
+    value = written.text();
+}
+std::vector<std::string> textsOf(const std::string& value) {
+    return value.empty() ? std::vector<std::string>() : std::vector{value};
+}
+
+void assign(std::vector<std::string>& value, const Written& written) {
+    value = written.texts;
+}
+const std::vector<std::string>& textsOf(const std::vector<std::string>& value) {
+    return value;
 }
 
 }  // namespace
@@ -49,56 +100,13 @@ void Setting::store(AgentSettings& settings, const std::vector<std::string>& tex
         for (const std::string& text : texts)
             check(text);
     }
-    if (isList()) {
-        std::get<Texts>(place)(settings) = texts;
-        return;
-    }
-    const std::string& text = texts.at(0);
-    std::visit(
-        [&](auto where) {
-            using Value = ValueOf<decltype(where)>;
-            if constexpr (std::is_same_v<Value, bool>) {
-                where(settings) = readFlag(text, shown);
-            } else if constexpr (std::is_same_v<Value, std::chrono::milliseconds>) {
-                where(settings) = std::chrono::seconds(readNumber(text, shown, range));
-            } else if constexpr (std::is_same_v<Value, std::optional<std::int64_t>>) {
-                where(settings) = readAge(text, shown);
-            } else if constexpr (std::is_same_v<Value, std::int64_t>) {
-                where(settings) = static_cast<std::int64_t>(readNumber(text, shown, range));
-            } else if constexpr (isCounted<Value>) {
-                where(settings) = readNumber(text, shown, range);
-            } else if constexpr (std::is_same_v<Value, std::string>) {
-                where(settings) = text;
-            }
-        },
-        place);
+    std::visit([&](auto where) { assign(where(settings), {texts, shown, range}); }, place);
 }
 
 std::vector<std::string> Setting::texts(const AgentSettings& settings) const {
     // A place gives what can be written, too; nothing is written here.
     auto& all = const_cast<AgentSettings&>(settings);
-    if (isList()) return std::get<Texts>(place)(all);
-    return std::visit(
-        [&](auto where) -> std::vector<std::string> {
-            const auto& value = where(all);
-            using Value = ValueOf<decltype(where)>;
-            if constexpr (std::is_same_v<Value, bool>) {
-                return {value ? "true" : "false"};
-            } else if constexpr (std::is_same_v<Value, std::chrono::milliseconds>) {
-                return {std::to_string(std::chrono::duration_cast<std::chrono::seconds>(value).count())};
-            } else if constexpr (std::is_same_v<Value, std::optional<std::int64_t>>) {
-                return value ? std::vector{std::to_string(*value) + "s"} : std::vector<std::string>();
-            } else if constexpr (std::is_same_v<Value, std::optional<std::uint64_t>>) {
-                return value ? std::vector{std::to_string(*value)} : std::vector<std::string>();
-            } else if constexpr (isCounted<Value>) {
-                return {std::to_string(value)};
-            } else if constexpr (std::is_same_v<Value, std::string>) {
-                return value.empty() ? std::vector<std::string>() : std::vector{value};
-            } else {
-                return {};
-            }
-        },
-        place);
+    return std::visit([&](auto where) -> std::vector<std::string> { return textsOf(where(all)); }, place);
 }
 
 void Setting::copy(const AgentSettings& from, AgentSettings& to) const {
