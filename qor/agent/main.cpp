@@ -214,6 +214,8 @@ int parseAndServe(int argc, char** argv) {
     hidePasswords(argc, argv);
     if (!arguments.empty() && arguments.front() == agentManualQuestion) return print(agentManual(QOR_VERSION));
     if (!arguments.empty() && arguments.front() == settingsManualQuestion) return print(settingsManual(QOR_VERSION));
+    if (!arguments.empty() && arguments.front() == packagedSettingsQuestion)
+        return print(settingsAsFile({}, Defaults::InWords));
     int status = EXIT_SUCCESS;
     const std::optional<SettingsCommandLine> line = readCommandLine(arguments, status);
     if (!line) return status;

@@ -32,7 +32,7 @@ import tempfile
 import time
 from collections import Counter
 
-PAGES = ["README.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/collectors.md", "docs/http.md", "docs/odbc-drivers.md", "docs/operations.md",
+PAGES = ["README.md", "CHANGELOG.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/collectors.md", "docs/http.md", "docs/odbc-drivers.md", "docs/operations.md",
          "docs/postgresql.md", "docs/qorctl.md", "docs/records.md", "docs/requests.md", "docs/rows.md", "docs/scale.md", "docs/views.md", "bench/README.md",
          "bench/filter/README.md", "fuzz/README.md"]
 KINDS = {"sh", "console", "json", "sh postgresql", "console postgresql", "sh installed", "sh project", "sh form", "json form", "text", "cpp", "cmake",

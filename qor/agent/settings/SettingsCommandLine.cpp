@@ -20,14 +20,10 @@ namespace {
 constexpr const char* where = "the command line";
 constexpr int badUsage = 2;
 
-/// How defaults are told that depend on the machine and the user.
-enum class Defaults : std::uint8_t { OfThisMachine, InWords };
-
 /// `requests that are answered at once, by default 16 (1 to 1024)`
 std::string helpOf(const Setting& setting, Defaults defaults) {
     std::string help(setting.meaning);
-    const bool isHere = defaults == Defaults::OfThisMachine && setting.fallbackHere != nullptr;
-    const std::string fallback = isHere ? setting.fallbackHere() : plainFallback(setting);
+    const std::string fallback = defaultOf(setting, defaults);
     if (!fallback.empty() && !setting.isFlag()) help += ", by default " + fallback;
     if (setting.isNumber())
         help += " (" + std::to_string(setting.range.least) + " to " + std::to_string(setting.range.most) + ")";

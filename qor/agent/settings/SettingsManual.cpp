@@ -112,7 +112,7 @@ std::string titleLine(std::string_view title, std::string_view version) {
 std::string meaningWithValues(const Setting& setting) {
     std::string text(setting.meaning);
     text += ". Values: " + valuesOf(setting) + ".";
-    const std::string fallback = plainFallback(setting);
+    const std::string fallback = defaultOf(setting, Defaults::InWords);
     if (!fallback.empty()) text += " Default: " + fallback + ".";
     if (!setting.variable.empty()) text += " Variable: " + std::string(setting.variable) + ".";
     if (!setting.changes) text += " A change needs a restart.";

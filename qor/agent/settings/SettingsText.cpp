@@ -32,10 +32,10 @@ std::string example(const Setting& setting) {
     return setting.isNumber() ? "..." : "\"\"";
 }
 
-void appendSetting(const Setting& setting, const GivenSettings& given, std::string& text) {
+void appendSetting(const Setting& setting, const GivenSettings& given, Defaults defaults, std::string& text) {
     text += "\n# " + std::string(setting.meaning);
     if (setting.isNumber()) text += " (" + rangeOf(setting) + ")";
-    const std::string fallback = setting.fallbackHere != nullptr ? setting.fallbackHere() : setting.fallbackWords();
+    const std::string fallback = defaultOf(setting, defaults);
     if (!fallback.empty()) text += ". Default: " + fallback;
     if (!setting.variable.empty()) text += ". Also: variable " + std::string(setting.variable);
     text += setting.changes ? ".\n" : ". A change needs a restart.\n";
@@ -61,19 +61,20 @@ std::string valuesOf(const Setting& setting) {
     return setting.isNumber() ? rangeOf(setting) : std::string(setting.placeholder);
 }
 
-std::string plainFallback(const Setting& setting) {
+std::string defaultOf(const Setting& setting, Defaults defaults) {
+    if (defaults == Defaults::OfThisMachine && setting.fallbackHere != nullptr) return setting.fallbackHere();
     std::string text = setting.fallbackWords();
     std::erase(text, '`');
     return text;
 }
 
-std::string settingsAsFile(const GivenSettings& given) {
+std::string settingsAsFile(const GivenSettings& given, Defaults defaults) {
     std::string text = "# Settings of qor-agent. A line that begins with # is not read.\n";
     std::string_view group;
     for (const Setting& setting : settingTable()) {
         if (setting.group != group) text += "\n# ---- " + std::string(setting.group) + "\n";
         group = setting.group;
-        appendSetting(setting, given, text);
+        appendSetting(setting, given, defaults, text);
     }
     return text;
 }

@@ -245,11 +245,12 @@ TEST_F(SettingsTest, BothManualsNameEachWithWhatThePageSaysOfIt) {
         EXPECT_THAT(agent, HasSubstr(std::string("\n.B ") + wish + "\n"));
 }
 
-TEST_F(SettingsTest, ManualsSayDefaultsInWordsThatHoldOnEveryMachine) {
+TEST_F(SettingsTest, ManualsAndThePackagesFileSayDefaultsInWordsThatHoldOnEveryMachine) {
     const std::string agent = agentManual("1.0");
     EXPECT_THAT(agent, HasSubstr(", by default agent.db in the state folder\n"));
     EXPECT_THAT(agent, HasSubstr(", by default lib/qor/plugins beside the agent's bin\n"));
     EXPECT_THAT(settingsManual("1.0"), HasSubstr(" Default: agent.db in the state folder."));
+    EXPECT_THAT(settingsAsFile({}, Defaults::InWords), HasSubstr(". Default: agent.db in the state folder. "));
 }
 
 TEST_F(SettingsTest, TheManualsExampleIsAFileOfSettings) {
