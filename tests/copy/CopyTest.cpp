@@ -163,8 +163,8 @@ TEST(CopyBesideAnAgent, IsOfOneMomentAndSaysThatTheSourceWentOn) {
 }
 
 TEST(CopyMemory, DoesNotDependOnTheSizeOfTheDocuments) {
-#ifdef QOR_SANITIZED
-    GTEST_SKIP() << "a sanitizer takes memory of its own";
+#if defined(QOR_SANITIZED) || !defined(__OPTIMIZE__)
+    GTEST_SKIP() << "a sanitizer takes memory of its own, and what is not optimised takes minutes";
 #else
     const Place from(ASEngine::SQLite);
     ASSERT_EQ(runCtl({"import", "--standalone", "--database", from.name()}).status, 0);

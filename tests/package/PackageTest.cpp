@@ -126,7 +126,7 @@ TEST_F(Package, ServiceKeepsItsStateToItselfAndItsSocketForItsGroup) {
     const std::string unit = contentsOf(installed("qor-agent.service"));
     EXPECT_THAT(unit, AllOf(HasSubstr("\nUMask=0077\n"), HasSubstr("\nStateDirectoryMode=0700\n"),
                             HasSubstr(" --socket-group qor\n"), HasSubstr("\nExecReload=/bin/kill -HUP $MAINPID\n")));
-    EXPECT_THAT(contentsOf(prefix() / "lib/sysusers.d/qor.conf"), HasSubstr("\ng qor - -\n"));
+    EXPECT_THAT(contentsOf(prefix() / "lib/sysusers.d/qor.conf"), HasSubstr("\nu qor - "));
 }
 
 TEST_F(Package, ServiceIsLeftNothingThatItDoesNotNeed) {

@@ -124,6 +124,8 @@ TEST(DateTimeRewrite, PlacesAreThoseOfTheFilterThatWasGiven) {
     EXPECT_EQ(placeBeforeTransform(given, given, 7), 7U);
     EXPECT_EQ(placeBeforeTransform("", made, 7), 0U);
     EXPECT_EQ(placeBeforeTransform("a'", "11", 2), 2U);
+    EXPECT_EQ(placeBeforeTransform("'open", "1", 1), 5U) << "a literal without an end";
+    EXPECT_EQ(placeBeforeTransform("ab", "ab", 9), 2U) << "a place behind the text";
 }
 
 }  // namespace
