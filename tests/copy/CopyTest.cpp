@@ -163,7 +163,7 @@ TEST(CopyBesideAnAgent, IsOfOneMomentAndSaysThatTheSourceWentOn) {
 }
 
 TEST(CopyMemory, DoesNotDependOnTheSizeOfTheDocuments) {
-#if defined(QOR_SANITIZED) || !defined(__OPTIMIZE__)
+#if defined(QOR_SANITIZED) || !defined(NDEBUG)
     GTEST_SKIP() << "a sanitizer takes memory of its own, and what is not optimised takes minutes";
 #else
     const Place from(ASEngine::SQLite);
