@@ -256,7 +256,7 @@ TEST_F(CleanRoot, AnUpgradeKeepsDataAndSettings) {
     install(earlier);
     EXPECT_THAT(run({"dpkg-query", "-W", "qor-agent"}), EndsWith("\t0.9.0\n"));
     const std::string database = (root() / "var/lib/qor/agent.db").string();
-    outputOf({"sqlite3", database, ".read " QOR_PROJECT_DIR "/tests/libs/QORDBSchema/data/sqlite17.sql"});
+    outputOf({"sqlite3", database, ".read " QOR_PROJECT_DIR "/tests/libs/QORDBSchema/data/sqlite18.sql"});
     const std::string operations = outputOf({"sqlite3", database, "SELECT COUNT(*) FROM qor_operation"});
     std::ofstream(root() / "etc/qor/agent.toml", std::ios::app) << "threads = 3\n";
     std::ofstream(root() / "etc/qor/conf.d/10-own.toml") << "deadline = 5\n";
