@@ -1,10 +1,80 @@
 #include "forward/ForwardReply.h"
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "forward/ForwardConnection.h"
+#include "forward/ForwardPause.h"
 
 namespace QOR {
 namespace {
+
+constexpr const char* sentBody = "packed";
+
+/// Who listens on 127.0.0.1 and gives requests with that body these answers, one after the other over one connection.
+class AnsweringPeer {
+public:
+    explicit AnsweringPeer(std::vector<std::string> heads)
+        : m_listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        if (::bind(m_listener, reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
+            ::listen(m_listener, 1) != 0 ||
+            ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+            throw std::runtime_error("cannot listen");
+        m_port = ntohs(address.sin_port);
+        m_thread = std::thread([this, heads = std::move(heads)] { answer(heads); });
+    }
+    ~AnsweringPeer() {
+        ::shutdown(m_listener, SHUT_RDWR);
+        m_thread.join();
+        ::close(m_listener);
+    }
+    AnsweringPeer(const AnsweringPeer&) = delete;
+    AnsweringPeer& operator=(const AnsweringPeer&) = delete;
+
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+
+private:
+    void answer(const std::vector<std::string>& heads) const {
+        const int client = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client < 0) return;
+        for (const std::string& head : heads) {
+            if (!hasRequest(client)) break;
+            const std::string whole = "HTTP/1.1 " + head + "\r\nContent-Length: 2\r\n\r\n{}";
+            if (::send(client, whole.data(), whole.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(whole.size())) break;
+        }
+        ::close(client);
+    }
+    static bool hasRequest(int client) {
+        const std::string end = std::string("\r\n\r\n") + sentBody;
+        std::string request;
+        char some[4096];
+        while (!request.ends_with(end)) {
+            const ssize_t got = ::recv(client, some, sizeof some, 0);
+            if (got <= 0) return false;
+            request.append(some, static_cast<std::size_t>(got));
+        }
+        return true;
+    }
+
+    const int m_listener;
+    int m_port = 0;
+    std::thread m_thread;
+};
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -32,6 +102,23 @@ TEST(ForwardReply, WhatSaysLessThanThatAllWasTakenIsAFailure) {
     const ForwardOutcome away = outcomeOf({503, R"({"detail":"no room"})"}, 3);
     EXPECT_EQ(away.what, What::Failed);
     EXPECT_THAT(away.reason, HasSubstr("503: no room"));
+}
+
+TEST(ForwardReply, HowLongTheOtherSideWantsToBeLeftAloneIsWaited) {
+    const AnsweringPeer peer({"503 Service Unavailable\r\nRetry-After: 7", "429 Too Many Requests\r\nRetry-After: 90",
+                              "503 Service Unavailable", "503 Service Unavailable\r\nRetry-After: soon",
+                              "503 Service Unavailable\r\nRetry-After: -3"});
+    ForwardConnection connection({.address = readAgentAddress(peer.url())});
+    const auto answered = [&] { return connection.post("/v1/records", sentBody, {}); };
+    ForwardPause pause{std::chrono::milliseconds(1000)};
+    for (const auto& [status, seconds] : {std::pair(503U, 7), std::pair(429U, 90)}) {
+        const ForwardReply reply = answered();
+        EXPECT_EQ(reply.status, status);
+        EXPECT_EQ(outcomeOf(reply, 3).what, What::Failed) << "what was sent stays to be sent";
+        EXPECT_EQ(pause.next(reply.retryAfter), std::chrono::seconds(seconds));
+    }
+    for (int unclear = 0; unclear < 3; ++unclear)
+        EXPECT_EQ(answered().retryAfter, 0U);
 }
 
 TEST(ForwardReply, ARecordIsRefusedByItsLineAndASenderWithoutOne) {
