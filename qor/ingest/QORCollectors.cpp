@@ -9,6 +9,7 @@
 #include "ingest/collectors/AptCollector.h"
 #include "ingest/collectors/DpkgCollector.h"
 #include "ingest/collectors/MachineCollector.h"
+#include "ingest/collectors/PressureCollector.h"
 
 namespace QOR {
 namespace {
@@ -18,6 +19,7 @@ struct OwnCollectors {
     MachineCollector machine;
     DpkgCollector dpkg;
     AptCollector apt;
+    PressureCollector pressure;
 };
 
 }  // namespace

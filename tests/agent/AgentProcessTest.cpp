@@ -291,8 +291,8 @@ TEST(AgentCollectors, APlugInBringsOne) {
     EXPECT_THAT(client.post("/v1/collect", "").body, HasSubstr(R"("event":{"added":2,"replaced":0)"));
     EXPECT_THAT(status(), HasSubstr(R"("name":"echo","source":"/etc/echo","every":86400,"outcome":"done")"));
     EXPECT_EQ(agent.stop(), 0);
-    agent.start();
     std::ofstream(root / "etc/echo", std::ios::app) << "three\n";
+    agent.start();
     while (status().find(R"("vEventLog":3)") == std::string::npos)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_THAT(HttpClient(agent.socketPath()).post("/v1/collect", "").body,

@@ -197,7 +197,8 @@ TEST(QORCollectorsOfThisMachine, RowsAreReal) {
         quiet = length == lengthOfLog();
         if (!quiet) continue;
         EXPECT_EQ(stored, logged);
-        EXPECT_EQ(again.stored.total().added, 0U);
+        // A machine that gets short of something meanwhile tells so by an event.
+        EXPECT_EQ(again.stored.of(QORRecordKind::Operation).added, 0U);
         EXPECT_EQ(again.stored.of(QORRecordKind::Operation).replaced, 0U);
     }
 }
