@@ -134,15 +134,32 @@ TEST_F(CollectorSchedule, OneThatHangsIsLeftAloneUntilItReturns) {
     const QORCollectResult result = schedule.collectNow({}, nullptr);
     EXPECT_EQ(result.stored.of(QORRecordKind::Event).added, 1U) << "the others are none the worse";
     EXPECT_THAT(result.unreadable, testing::Contains(HasSubstr("dead: it has not come back for 0 s")));
-    EXPECT_FALSE(schedule.stop(std::chrono::milliseconds(0)));
 
     door.open();
-    EXPECT_TRUE(schedule.stop(std::chrono::hours(1)));
+    while (stateOf(schedule, "dead").outcome == QORCollectOutcome::Hung)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const QORCollectorState state = stateOf(schedule, "dead");
     EXPECT_EQ(state.outcome, QORCollectOutcome::Failed);
     EXPECT_EQ(runs(state, QORCollectOutcome::Hung), 1U);
     EXPECT_EQ(queryText("SELECT category FROM qor_event"), "in time");
     EXPECT_EQ(queryText("SELECT count(*) FROM qor_collector_position"), "0");
+}
+
+TEST_F(CollectorSchedule, StoppingTellsWhetherAllHaveEnded) {
+    Door entered;
+    Door door;
+    ToldCollector slow("slow", [&](QORCollection& collection) {
+        entered.open();
+        door.pass();
+        EXPECT_TRUE(collection.isStopping());
+        return true;
+    });
+    QORCollectorSchedule schedule(m_root.path());
+    keep(schedule, "slow");
+    entered.pass();
+    EXPECT_FALSE(schedule.stop(std::chrono::milliseconds(0)));
+    door.open();
+    EXPECT_TRUE(schedule.stop(std::chrono::hours(1)));
 }
 
 TEST_F(CollectorSchedule, AMissingSourceIsNoFailureAndAFailureIsTold) {
