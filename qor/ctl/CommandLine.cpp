@@ -74,7 +74,8 @@ constexpr std::uint64_t mostRecords = 1'000'000'000;
 /// Of one proof.
 constexpr std::uint64_t mostRequests = 10'000'000;
 
-/// Everything that the options are read into, and the command to run.
+/// Everything that the options are read into, and the command to run. A function adds a command: they look alike, as
+/// commands do, and each says what its own takes.
 class CommandLine {
 public:
     CommandLine() {

@@ -695,13 +695,19 @@ private:
         m_stream.async_write_some(*m_unwritten, then(&HttpConnection::onWritten));
     }
 
-    void onWritten(beast::error_code error, std::size_t size) {
+    /// Counts what has left. False when nothing more can, and the connection is closed then.
+    bool countWritten(beast::error_code error, std::size_t size) {
         if (error) {
             noteTimeout(error, HttpLimit::WriteTime);
             close();
-            return;
+            return false;
         }
         m_unwritten->consume(size);
+        return true;
+    }
+
+    void onWritten(beast::error_code error, std::size_t size) {
+        if (!countWritten(error, size)) return;
         if (net::buffer_size(*m_unwritten) > 0) {
             writeSome();
         } else {
@@ -822,12 +828,7 @@ private:
     }
 
     void onPieceWritten(beast::error_code error, std::size_t size) {
-        if (error) {
-            noteTimeout(error, HttpLimit::WriteTime);
-            close();
-            return;
-        }
-        m_unwritten->consume(size);
+        if (!countWritten(error, size)) return;
         if (net::buffer_size(*m_unwritten) > 0) {
             writePieceSome();
             return;

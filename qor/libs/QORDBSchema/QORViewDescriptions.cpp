@@ -17,6 +17,7 @@ struct Column {
     std::string_view stored{};  ///< its name in the table, where that is another one
 };
 
+// A table a view. Several views have columns of one name, each of its own meaning.
 constexpr std::string_view security = "row security; the object is `eid`";
 constexpr std::string_view reporter = "the identity that brought the record";
 

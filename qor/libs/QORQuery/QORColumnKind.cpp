@@ -10,6 +10,8 @@
 namespace QOR {
 namespace {
 
+// What questions may do with a column, by the types that views tell. How a table's column is stored (QORSchemaTables)
+// is told by the names that each engine has for types.
 struct TypeKind {
     std::string_view type;
     QORColumnKind kind;

@@ -28,6 +28,7 @@ enum TTokenClass : int {
     tcOperator = 5,  ///< operators and function calls
 };
 
+// Tokens and priorities are lists of the same kind, numbered by hand: both are compared by their order.
 enum TTokenType : int {
     ttLeftBracket = 0,
     ttRightBracket = 1,
