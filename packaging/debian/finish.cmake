@@ -36,4 +36,6 @@ foreach(root ${roots})
     file(INSTALL ${CPACK_QOR_DEBIAN_DIR}/${component}/lintian-overrides DESTINATION ${root}/usr/share/lintian/overrides
          RENAME ${name})
   endif()
+  # Whatever the mask of whoever makes the packages.
+  execute_process(COMMAND chmod -R u=rwX,go=rX ${root} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()

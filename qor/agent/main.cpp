@@ -188,12 +188,12 @@ int serve(AgentSettings settings, SettingsSources sources) {
         ServiceManager::stopping();
         server.stop();
     };
+    collectors.keep(wishes);  // before a reload may wish for others
     const SignalWatch signals({stop, [&reload] { reload.run(); }});
     const MemoryKeeper memory;
     const Forwarding forwarding(forwarder ? &*forwarder : nullptr, application.changes());
     announce(server.addresses());
     ServiceManager::ready(state.text());
-    collectors.keep(wishes);
     if (!server.run()) {
         // Threads are still at work in plug-ins; unloading those beneath them would be worse than leaving at once.
         logMessage(0, "QORAgent", "qor/agent/main", "serve", "requests did not end in time");

@@ -40,17 +40,21 @@ void CollectorRun::flush() {
         m_thrown = std::current_exception();
     }
     m_records.clear();
+    if (m_options.stored) m_options.stored();
     m_ended = m_thrown != nullptr || m_result.stored.failure.has_value();
 }
 
 QORCollectResult CollectorRun::end(const std::string& failure) {
-    flush();
+    // What is told to end may have passed over records, and whoever told it so may not want the rest any more.
+    m_result.stored.stopped = m_stop.stop_requested();
+    if (!m_result.stored.stopped) flush();
     if (m_thrown) std::rethrow_exception(m_thrown);
     if (m_result.stored.failure) m_result.text = m_result.stored.failure->reason;
-    m_result.stored.stopped = m_stop.stop_requested();
     if (m_result.text.empty()) m_result.text = failure;
     if (m_result.text.empty() && m_result.stored.stopped) m_result.text = "it was told to end before it was done";
     if (m_result.text.empty() && m_position != m_before) storeCollectorPosition(m_machine, m_collector, m_position);
+    if (m_result.text.empty() && !m_result.unreadable.empty())
+        m_result.text = "it cannot read " + m_result.unreadable.front();
     return std::move(m_result);
 }
 

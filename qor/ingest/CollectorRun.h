@@ -30,8 +30,8 @@ public:
     void cannotRead(std::string what) override { m_result.unreadable.push_back(std::move(what)); }
     void passOver(std::uint64_t lines) override { m_result.malformed += lines; }
 
-    /// Stores the rest, and how far it came when everything has been stored. \param failure why the collector gave up;
-    /// empty where it did not \throws what storing threw, when the collector ran or now
+    /// Stores the rest, unless it was told to end, and how far it came when everything has been stored. \param failure
+    /// why the collector gave up; empty where it did not \throws what storing threw, when the collector ran or now
     QORCollectResult end(const std::string& failure);
 
 private:

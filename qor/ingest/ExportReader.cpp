@@ -109,16 +109,21 @@ private:
 
     /// Of those among which is looked; nothing where there is none.
     std::optional<std::int64_t> lastNumber() {
+        const std::string table(m_table.table);
         ASStatement& select =
-            m_session.prepare("SELECT min(seq) FROM " + std::string(m_table.table) +
-                              (m_position.after.empty() ? "" : " WHERE seq > " + parameter("bigint")));
+            m_session.prepare("SELECT (SELECT min(seq) FROM " + table +
+                              (m_position.after.empty() ? "" : " WHERE seq > " + parameter("bigint")) +
+                              "), (SELECT max(seq) FROM " + table + ")");
         if (!m_position.after.empty()) select.bind(1, parseInt64(m_position.after).value_or(0));
         select.execute();
-        std::optional<std::int64_t> first;
-        if (select.fetch() && !select.isNull(1)) first = select.integer(1);
+        std::optional<std::int64_t> last;
+        // What comes later has numbers beyond the last one of now.
+        if (select.fetch() && !select.isNull(1)) {
+            const std::int64_t most = std::numeric_limits<std::int64_t>::max() - numbersAtOnce;
+            last = std::min(std::min(select.integer(1), most) + numbersAtOnce - 1, select.integer(2));
+        }
         select.close();
-        if (!first) return first;
-        return std::min(*first, std::numeric_limits<std::int64_t>::max() - numbersAtOnce) + numbersAtOnce - 1;
+        return last;
     }
 
     /// Whatever else is asked, records are walked along their order: SQLite would rather collect all that an index

@@ -7,6 +7,7 @@
 #include <exception>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -23,6 +24,9 @@ namespace {
 constexpr const char* module = "QORIngest";
 constexpr const char* sourcePath = "qor/ingest/QORCollectorSchedule";
 constexpr std::string_view everyOne = "all";
+
+/// Far beyond what anybody waits for, and what the clock can count.
+constexpr std::int64_t longestPause = 36500LL * 24 * 60 * 60;
 
 using Clock = std::chrono::steady_clock;
 
@@ -59,8 +63,8 @@ QORCollectorWish readCollectorWish(const std::string& text) {
     if (wish.name.empty()) refuse(quoteText(text) + " names no collector");
     if (equals == std::string::npos) return wish;
     const std::optional<std::int64_t> seconds = parseDuration(text.substr(equals + 1));
-    if (!seconds || *seconds < 1)
-        refuse(quoteText(text) + ": behind '=' stands how often, at least 1s (90s, 45m, 12h, 30d)");
+    if (!seconds || *seconds < 1 || *seconds > longestPause)
+        refuse(quoteText(text) + ": behind '=' stands how often, 1s to 36500d (90s, 45m, 12h, 30d)");
     wish.every = std::chrono::seconds(*seconds);
     return wish;
 }
@@ -108,7 +112,12 @@ public:
             const auto run = std::make_shared<AwaitedRun>();
             if (!entry.running && !m_stopping) {
                 begin(entry, ingest, scope, run);
-                await(lock, [&] { return run->done || entry.hangs(); });
+                try {
+                    await(lock, [&] { return run->done || entry.hangs(); });
+                } catch (...) {  // nobody wants it any more, and the rights that it stores by may be gone
+                    entry.stop.request_stop();
+                    throw;
+                }
             }
             if (run->thrown) std::rethrow_exception(run->thrown);
             if (!run->done) run->result.unreadable.push_back(entry.state.name + ": " + entry.state.text);
@@ -153,13 +162,15 @@ private:
             state.source = which.traits().source;
         }
         bool hangs() const { return running && state.outcome == QORCollectOutcome::Hung; }
-        Clock::time_point deadline() const { return began + collector.traits().deadline; }
+        /// Time in which records are stored is not the source's.
+        Clock::time_point deadline() const { return std::max(began, stored) + collector.traits().deadline; }
 
         QORCollector& collector;
         QORCollectorState state{};
         Clock::time_point due{};  ///< where state.every is given
         bool running = false;     ///< its thread is at work; it is the last to change what is here
         Clock::time_point began{};
+        Clock::time_point stored{};
         std::stop_source stop{};
         std::thread thread{};
     };
@@ -207,7 +218,12 @@ private:
         if (!entry.state.every) return Clock::time_point::max();
         if (now >= entry.due) {
             entry.due = now + *entry.state.every;
-            begin(entry, {}, nullptr, nullptr);
+            try {
+                begin(entry, {}, nullptr, nullptr);
+            } catch (const std::system_error& error) {
+                note(entry, QORCollectOutcome::Failed, std::string("it has no thread: ") + error.what());
+                return entry.due;
+            }
             return entry.deadline();
         }
         return entry.due;
@@ -232,20 +248,25 @@ private:
                    outcome == QORCollectOutcome::Hung ? "hangs" : "failed", entry.state.text.c_str());
     }
 
-    /// \pre not running \param scope, run may be null
+    /// \pre not running \param scope, run may be null \throws std::system_error when there is no thread for it
     void begin(Entry& entry, const QORIngestOptions& ingest, std::shared_ptr<const QORWriteScope> scope,
                std::shared_ptr<AwaitedRun> run) {
         if (entry.thread.joinable()) entry.thread.join();  // it has done all that takes time
-        entry.running = true;
         entry.began = Clock::now();
         entry.stop = std::stop_source();
         entry.thread = std::thread(
             [this, &entry, ingest, scope = std::move(scope), run = std::move(run), stop = entry.stop.get_token()] {
-                QORCollectOptions options{m_root, ingest};
+                QORCollectOptions options{m_root, ingest, [this, &entry] { noteStored(entry); }};
                 options.ingest.scope = scope.get();
                 runAndNote(entry, options, run.get(), stop);
             });
+        entry.running = true;  // which it sees: it takes the lock before it ends
         wake();
+    }
+
+    void noteStored(Entry& entry) {
+        const std::lock_guard lock(m_mutex);
+        entry.stored = Clock::now();
     }
 
     void runAndNote(Entry& entry, const QORCollectOptions& options, AwaitedRun* run, const std::stop_token& stop) {
@@ -256,6 +277,10 @@ private:
         } catch (const std::exception& exception) {
             result.outcome = QORCollectOutcome::Failed;
             result.text = exception.what();
+            thrown = std::current_exception();
+        } catch (...) {
+            result.outcome = QORCollectOutcome::Failed;
+            result.text = "it threw what is no exception";
             thrown = std::current_exception();
         }
         const std::lock_guard lock(m_mutex);

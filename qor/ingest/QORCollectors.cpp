@@ -33,7 +33,8 @@ void QORCollectResult::merge(const std::string& collector, const QORCollectResul
     stored.merge(other.stored);
     malformed += other.malformed;
     unreadable.insert(unreadable.end(), other.unreadable.begin(), other.unreadable.end());
-    const bool isOfSource = other.outcome == QORCollectOutcome::Failed && !other.stored.failure;
+    const bool isOfSource =
+        other.outcome == QORCollectOutcome::Failed && !other.stored.failure && other.unreadable.empty();
     if (isOfSource) unreadable.push_back(collector + ": " + other.text);
     if (text.empty()) text = other.text;
     if (outcome == QORCollectOutcome::None || other.outcome > QORCollectOutcome::None) outcome = other.outcome;
@@ -51,6 +52,8 @@ QORCollectResult runCollector(QORCollector& collector, const QORCollectOptions& 
         isThere = collector.collect(run);
     } catch (const std::exception& exception) {
         failure = exception.what();
+    } catch (...) {  // NOLINT(bugprone-empty-catch): a plug-in may throw anything
+        failure = "it threw what is no exception";
     }
     QORCollectResult result = run.end(failure);
     result.outcome = isThere ? QORCollectOutcome::Done : QORCollectOutcome::None;

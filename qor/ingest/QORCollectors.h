@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -17,6 +18,8 @@ class QORCollector;
 struct QORCollectOptions {
     std::filesystem::path root = "/";  ///< the directory that stands for "/"
     QORIngestOptions ingest;
+    std::function<void()>
+        stored{};  ///< called whenever records have been stored, by the thread that runs the collector
 };
 
 enum class QORCollectOutcome {

@@ -139,11 +139,12 @@ TEST_F(AgentOnServers, AServerThatHangsIsNamedInTheStatus) {
     while (jsonAt(statusOf(agent), "forward/behind") != "3") {
     }
     ShardedPostgres::server(2).suspend();
-    const std::string hanging = statusOf(agent);
+    std::string hanging;
+    while (hanging.find(R"(\"s2\")") == std::string::npos)
+        hanging = statusOf(agent);
     ShardedPostgres::server(2).resume();
-    EXPECT_THAT(hanging, HasSubstr(R"(\"s2\")"));
     EXPECT_EQ(jsonAt(hanging, "records"), "") << "not all of them are known";
-    EXPECT_THAT(jsonAt(hanging, "forward/away"), HasSubstr("\"s2\""));
+    EXPECT_EQ(jsonAt(hanging, "forward/away"), R"(["s2"])");
     EXPECT_EQ(jsonAt(hanging, "forward/behind"), "3") << "as it was known before";
 }
 

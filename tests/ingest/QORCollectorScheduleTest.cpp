@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORRequestControl.h"
 #include "QORFunctionality/QORCollector.h"
 #include "support/HostDatabase.h"
 
@@ -174,24 +176,72 @@ TEST_F(CollectorSchedule, AMissingSourceIsNoFailureAndAFailureIsTold) {
         collection.setPosition("behind");
         return true;
     });
+    ToldCollector unreadable("unreadable", [](QORCollection& collection) {
+        collection.cannotRead("/a/source: no right");
+        return true;
+    });
+    ToldCollector odd("odd", [](QORCollection&) -> bool { throw 1; });
     QORCollectorSchedule schedule(m_root.path());
     const QORCollectResult result = schedule.collectNow({}, nullptr);
     EXPECT_EQ(stateOf(schedule, "none").outcome, QORCollectOutcome::None);
+    EXPECT_EQ(stateOf(schedule, "unreadable").outcome, QORCollectOutcome::Failed);
+    EXPECT_EQ(stateOf(schedule, "unreadable").text, "it cannot read /a/source: no right");
+    EXPECT_EQ(stateOf(schedule, "odd").outcome, QORCollectOutcome::Failed);
     EXPECT_EQ(stateOf(schedule, "dpkg").outcome, QORCollectOutcome::None) << "there is no log below the root";
     EXPECT_EQ(stateOf(schedule, "failing").outcome, QORCollectOutcome::Failed);
     EXPECT_EQ(stateOf(schedule, "failing").text, "the source is nonsense");
     EXPECT_EQ(stateOf(schedule, "wrong").outcome, QORCollectOutcome::Failed);
     EXPECT_THAT(stateOf(schedule, "wrong").text, HasSubstr("a record makes no sense: "));
-    EXPECT_THAT(result.unreadable, testing::Contains("failing: the source is nonsense"));
+    EXPECT_THAT(result.unreadable,
+                testing::UnorderedElementsAre("failing: the source is nonsense", "/a/source: no right",
+                                              "odd: it threw what is no exception",
+                                              HasSubstr("wrong: a record makes no sense")));
     EXPECT_EQ(queryText("SELECT count(*) FROM qor_event"), "1") << "what came before the failure is kept";
     EXPECT_EQ(queryText("SELECT count(*) FROM qor_collector_position"), "0") << "and is read again";
+}
+
+TEST_F(CollectorSchedule, WhatIsToldToEndStoresNothingMoreAndIsReadAgain) {
+    Door added;
+    ToldCollector slow("slow", [&](QORCollection& collection) {
+        collection.add(eventLine("late"));
+        collection.setPosition("behind");
+        added.open();
+        while (!collection.isStopping())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return true;
+    });
+    QORCollectorSchedule schedule(m_root.path());
+    keep(schedule, "slow=1h");
+    added.pass();
+    EXPECT_TRUE(schedule.stop(std::chrono::hours(1)));
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_event"), "0");
+    EXPECT_EQ(queryText("SELECT count(*) FROM qor_collector_position"), "0");
+}
+
+TEST_F(CollectorSchedule, ARunThatNobodyWaitsForAnyMoreIsToldToEnd) {
+    const auto control = std::make_shared<QORRequestControl>(std::chrono::hours(1));
+    Door told;
+    ToldCollector slow("slow", [&](QORCollection& collection) {
+        control->cancel(QORRequestControl::End::Gone);
+        while (!collection.isStopping())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        told.open();
+        return true;
+    });
+    QORCollectorSchedule schedule(m_root.path());
+    {
+        const QORRequestScope scope(control);
+        EXPECT_THROW(schedule.collectNow({}, nullptr), QORException);
+    }
+    told.pass();
+    EXPECT_TRUE(schedule.stop(std::chrono::hours(1)));
 }
 
 TEST_F(CollectorSchedule, WishesAreChecked) {
     registerCollectors();
     EXPECT_EQ(readCollectorWish("dpkg").every, std::nullopt);
     EXPECT_EQ(readCollectorWish("dpkg=1m30s").every, std::chrono::seconds(90));
-    for (const char* const text : {"", "=1h", "dpkg=", "dpkg=0s", "dpkg=-1s", "dpkg=often"})
+    for (const char* const text : {"", "=1h", "dpkg=", "dpkg=0s", "dpkg=-1s", "dpkg=often", "dpkg=36501d"})
         EXPECT_THROW(readCollectorWish(text), QORException) << text;
     const auto check = [](std::vector<QORCollectorWish> wishes) { checkCollectorWishes(wishes); };
     EXPECT_NO_THROW(check({{"all", {}}, {"dpkg", {}}}));

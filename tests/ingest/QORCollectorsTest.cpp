@@ -10,6 +10,7 @@
 #include "ingest/QORAptHistory.h"
 #include "ingest/QORMachine.h"
 #include "ingest/QORPackageLog.h"
+#include "rdbmspp/pool/QORRdbms.h"
 #include "support/HostDatabase.h"
 
 namespace QOR {
@@ -142,6 +143,24 @@ TEST_F(QORCollectorsTest, CollectingAgainAddsOnlyWhatIsNew) {
     EXPECT_EQ(more.stored.of(QORRecordKind::Operation).unchanged, 1U);
     EXPECT_EQ(queryRows("SELECT op, status FROM qor_operation ORDER BY seq", 2),
               (std::vector<Row>{{"install", "0"}, {"configure", "0"}, {"remove", "0"}}));
+}
+
+TEST_F(QORCollectorsTest, WhatHasBeenRemovedSinceIsNotBroughtAgain) {
+    const test::HostDatabase database;
+    database.open();
+    write("var/log/dpkg.log", "2024-03-03 10:00:00 remove curl:amd64 7.88 <none>\n", std::ios::app);
+    write("var/log/apt/history.log",
+          "\nStart-Date: 2024-03-01  09:59:59\nCommandline: apt install curl\nEnd-Date: 2024-03-01  10:00:02\n"
+          "\nStart-Date: 2024-03-03  09:59:59\nCommandline: apt remove curl\nEnd-Date: 2024-03-03  10:00:01\n");
+    EXPECT_EQ(run().stored.of(QORRecordKind::Operation).added, 5U);
+    {
+        QORRdbmsTran tran(ASAccess::Write);
+        tran->execute("DELETE FROM qor_operation WHERE time < '2024-03-02 00:00:00'");
+        tran.commit();
+    }
+    const auto again = run();
+    EXPECT_EQ(again.stored.of(QORRecordKind::Operation).added, 0U);
+    EXPECT_EQ(again.stored.of(QORRecordKind::Operation).unchanged, 2U) << "those of the last day";
 }
 
 TEST_F(QORCollectorsTest, RotationAddsNothing) {

@@ -55,8 +55,11 @@ def closure(stanzas, wanted):
     return found
 
 
-def copy_files(root, packages):
-    files = {line[1:] for line in output("dpkg", "-L", *packages).splitlines() if line.startswith("/")}
+def copy_files(root, stanzas, packages):
+    # With the architecture, where a package of another one may be installed beside it.
+    named = [f"{name}:{stanzas[name][0]['Architecture']}" if stanzas[name][0].get("Multi-Arch") == "same" else name
+             for name in packages]
+    files = {line[1:] for line in output("dpkg", "-L", *named).splitlines() if line.startswith("/")}
     files |= {"usr/bin/awk", "etc/alternatives/awk", "etc/ld.so.conf"}  # which scripts need before they are made
     merged = [name for name in ("bin", "sbin", "lib", "lib32", "lib64", "libx32") if os.path.islink("/" + name)]
     for name in merged:  # no package brings these links
@@ -88,14 +91,16 @@ def copy_state(root, stanzas, packages):
 
 
 def main():
+    os.umask(0o022)
     root, debs = Path(sys.argv[1]), sys.argv[2:]
+    root.mkdir(mode=0o755)
     stanzas = installed()
     own = {output("dpkg-deb", "-f", deb, "Package").strip() for deb in debs}
     wanted = [[name] for name, (fields, _) in stanzas.items() if fields.get("Essential") == "yes"]
     for deb in debs:
         wanted += [part for part in names(output("dpkg-deb", "-f", deb, "Depends")) if not own & set(part)]
     packages = closure(stanzas, wanted)
-    copy_files(root, packages)
+    copy_files(root, stanzas, packages)
     copy_state(root, stanzas, packages)
     for folder in ("dev", "proc", "sys", "run", "tmp", "root", "var/log", "var/cache/ldconfig", "var/lib/dpkg/updates"):
         (root / folder).mkdir(parents=True, exist_ok=True)

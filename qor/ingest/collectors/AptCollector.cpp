@@ -1,15 +1,14 @@
 #include "ingest/collectors/AptCollector.h"
 
-#include <algorithm>
 #include <string>
 #include <utility>
 
-#include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
 #include "ingest/QORAptHistory.h"
 #include "ingest/QORMachine.h"
 #include "ingest/RecordLines.h"
 #include "ingest/collectors/CollectedOperation.h"
+#include "ingest/collectors/CollectedSpan.h"
 
 namespace QOR {
 namespace {
@@ -60,20 +59,19 @@ QOROperationRecord operationOf(const QOREnvironmentRecord& machine, const QORApt
 AptCollector::AptCollector() : QORCollector({.name = "apt", .source = "/var/log/apt/history.log"}) {}
 
 bool AptCollector::collect(QORCollection& collection) {
-    const std::int64_t since = parseInt64(collection.position()).value_or(0);
-    QORAptHistory history = readAptHistory(collection.root(), since);
+    CollectedSpan span(collection.position());
+    const QORAptHistory history = readAptHistory(collection.root(), span.begin());
     if (history.files == 0) return false;
     collection.passOver(history.malformed);
-    for (std::string& file : history.unreadable)
-        collection.cannotRead(std::move(file));
+    for (const std::string& file : history.unreadable)
+        collection.cannotRead(file);
     const QOREnvironmentRecord machine = describeMachine(collection.root());
-    std::int64_t last = since;
     for (const QORAptTransaction& transaction : history.transactions) {
-        collection.add(lineOf(operationOf(machine, transaction)));
-        last = std::max(last, transaction.time);
+        span.take(transaction.time);
+        if (transaction.time >= span.begin()) collection.add(lineOf(operationOf(machine, transaction)));
     }
     // What could not be read now may be later.
-    if (history.unreadable.empty()) collection.setPosition(std::to_string(last));
+    if (history.unreadable.empty()) collection.setPosition(span.position());
     return true;
 }
 

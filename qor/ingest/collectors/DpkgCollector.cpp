@@ -1,11 +1,10 @@
 #include "ingest/collectors/DpkgCollector.h"
 
-#include <utility>
-
 #include "ingest/QORMachine.h"
 #include "ingest/QORPackageLog.h"
 #include "ingest/RecordLines.h"
 #include "ingest/collectors/CollectedOperation.h"
+#include "ingest/collectors/CollectedSpan.h"
 
 namespace QOR {
 namespace {
@@ -42,11 +41,16 @@ bool DpkgCollector::collect(QORCollection& collection) {
     QORPackageLog log = readPackageLog(collection.root());
     if (log.files == 0) return false;
     collection.passOver(log.malformed);
-    for (std::string& file : log.unreadable)
-        collection.cannotRead(std::move(file));
+    for (const std::string& file : log.unreadable)
+        collection.cannotRead(file);
     const QOREnvironmentRecord machine = describeMachine(collection.root());
-    for (const QORPackageAction& action : log.actions)
-        collection.add(lineOf(operationOf(machine, action)));
+    CollectedSpan span(collection.position());
+    for (const QORPackageAction& action : log.actions) {
+        span.take(action.time);
+        if (action.time >= span.begin()) collection.add(lineOf(operationOf(machine, action)));
+    }
+    // What could not be read now may be later.
+    if (log.unreadable.empty()) collection.setPosition(span.position());
     return true;
 }
 

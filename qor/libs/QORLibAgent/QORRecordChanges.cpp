@@ -1,11 +1,14 @@
 #include "QORLibAgent/QORRecordChanges.h"
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORRequestControl.h"
 #include "QORLibAgent/QORHostTables.h"
 #include "QORServers/QORServers.h"
 #include "rdbmspp/engine/ASDialect.h"
@@ -239,12 +242,17 @@ QORChangePosition QORChangeReader::end() {
 QORChangePosition QORChangeReader::knownEnd(std::vector<std::string>& away) {
     QORChangePosition position;
     forEachDatabase([&](const std::string& name, QORRdbms& database) {
+        // Each has a time of its own: one that hangs takes none of the others', nor is a request's past deadline
+        // theirs.
+        constexpr auto patience = std::chrono::seconds(2);
+        const QORRequestScope bounded(std::make_shared<QORRequestControl>(patience));
         try {
             QORRdbmsTran tran(database, ASAccess::ReadOne);
             position[name] = lastRecordChange(*tran);
         } catch (const AException&) {
             away.push_back(name);
-        } catch (const QORException&) {  // the deadline has passed, the whole of which a server takes that hangs
+        } catch (const QORException& exception) {
+            if (exception.code() != errDeadline) throw;
             away.push_back(name);
         }
     });
