@@ -342,8 +342,11 @@ private:
 class ReadOnlyFileSystem : public testing::Test {
 protected:
     void SetUp() override {
-        if (::geteuid() != 0) GTEST_SKIP() << "only root may mount";
-        disk.emplace();
+        try {
+            disk.emplace();
+        } catch (const std::runtime_error& error) {  // root in a container neither
+            GTEST_SKIP() << error.what() << ": this user may not mount";
+        }
         settings.database = "Driver=SQLite3;Database=" + (disk->path() / "a b%c?.db").string();
         const AgentProcess agent(settings);
         EXPECT_THAT(HttpClient(agent.socketPath()).post("/v1/records", event("kept")).body,
