@@ -119,7 +119,7 @@ public:
                     throw;
                 }
             }
-            if (run->thrown) std::rethrow_exception(run->thrown);
+            if (run->thrown) std::rethrow_exception(std::exchange(run->thrown, nullptr));
             if (!run->done) run->result.unreadable.push_back(entry.state.name + ": " + entry.state.text);
             all.merge(entry.state.name, run->result);
         }
@@ -289,7 +289,7 @@ private:
         entry.state.allRecords += entry.state.records;
         entry.state.seconds = std::chrono::duration<double>(Clock::now() - entry.began).count();
         note(entry, result.outcome, result.text);
-        if (run != nullptr) *run = {true, std::move(result), thrown};
+        if (run != nullptr) *run = {true, std::move(result), std::move(thrown)};
         entry.running = false;
         m_ended.notify_all();
         wake();
