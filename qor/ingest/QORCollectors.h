@@ -18,8 +18,8 @@ class QORCollector;
 struct QORCollectOptions {
     std::filesystem::path root = "/";  ///< the directory that stands for "/"
     QORIngestOptions ingest;
-    std::function<void()>
-        stored{};  ///< called whenever records have been stored, by the thread that runs the collector
+    /// Called whenever records have been stored, by the thread that runs the collector; may be empty.
+    std::function<void()> stored{};
 };
 
 enum class QORCollectOutcome {

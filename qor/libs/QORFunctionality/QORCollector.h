@@ -28,7 +28,8 @@ public:
     virtual const QOREID& machine() const noexcept = 0;
     /// What setPosition() was given in the last run of which everything was stored; empty before the first.
     virtual const std::string& position() const noexcept = 0;
-    /// The run has taken too long, or the host is about to end: nothing is taken any more.
+    /// The run has taken too long, the host is about to end, or whoever asked for it has gone: nothing is taken any
+    /// more, and the next run begins at the same position.
     virtual bool isStopping() const noexcept = 0;
     /// Brings a record, as a line that `import` would take. One that is there already as it is changes nothing: give
     /// operations, and events too, identifiers that are the same whenever they are read. A record that makes no sense
@@ -36,7 +37,8 @@ public:
     virtual void add(std::string_view record) = 0;
     /// How far the source has been read, in words of the collector's own; kept once everything has been stored.
     virtual void setPosition(std::string position) = 0;
-    /// Something of the source cannot be read: which file, and why. The rest is brought all the same.
+    /// Something of the source cannot be read: which file, and why. The rest is brought and stored all the same, and
+    /// the run has failed.
     virtual void cannotRead(std::string what) = 0;
     /// So many lines of the source made no sense.
     virtual void passOver(std::uint64_t lines) = 0;
@@ -58,7 +60,7 @@ public:
         std::string name;                                   ///< by which settings call it: letters, digits, '-'
         std::string source;                                 ///< what it reads, for people: "/var/log/dpkg.log"
         std::chrono::seconds every{std::chrono::hours(1)};  ///< between the beginnings of runs, unless it is told
-        std::chrono::milliseconds deadline{std::chrono::minutes(1)};  ///< what takes longer hangs
+        std::chrono::milliseconds deadline{std::chrono::minutes(1)};  ///< without records stored: it hangs
     };
 
     /// Reads what is new.
