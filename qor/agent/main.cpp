@@ -28,6 +28,8 @@
 #include "agent/http/HttpServer.h"
 #include "agent/http/LocalListener.h"
 #include "agent/http/TcpListener.h"
+#include "agent/settings/GivenSettings.h"
+#include "agent/settings/SettingTable.h"
 #include "agent/settings/SettingsCommandLine.h"
 #include "agent/settings/SettingsManual.h"
 #include "agent/settings/SettingsMeaning.h"
@@ -40,6 +42,7 @@
 #include "host/QORPlugInLoader.h"
 #include "host/QORVocabularyFiles.h"
 #include "ingest/QORCollectorSchedule.h"
+#include "ingest/QORCollectors.h"
 
 namespace {
 
@@ -103,8 +106,24 @@ QORHostOptions hostOptions(const AgentSettings& settings) {
     return options;
 }
 
-int checkConfig(const AgentSettings& settings) {
-    // The plug-ins know what the vocabulary may hold.
+/// Says what is wrong with the collectors that are to run by themselves, and where.
+bool areCollectorsSound(const GivenSettings& given, const AgentSettings& settings) {
+    try {
+        static_cast<void>(collectorWishes(settings));
+        return true;
+    } catch (const QORException& exception) {
+        const Setting* const setting = findSetting("collect");
+        const GivenSettings::Given* const place = setting == nullptr ? nullptr : given.find(*setting);
+        const std::string where = place == nullptr ? "the settings" : place->where;
+        std::fprintf(stderr, "%s: %s\n", where.c_str(), exception.message().c_str());
+        return false;
+    }
+}
+
+int checkConfig(const GivenSettings& given) {
+    const AgentSettings settings = given.settings();
+    // The plug-ins know what the vocabulary may hold, and bring collectors beside those that come with the host.
+    registerCollectors();
     QORPlugInLoader plugIns;
     const std::filesystem::path folder =
         settings.plugIns.empty() ? defaultPlugInDirectory() : std::filesystem::path(settings.plugIns);
@@ -115,7 +134,7 @@ int checkConfig(const AgentSettings& settings) {
         readVocabularyFiles(settings.vocabulary, QOROpFactoryRegistry::instance().vocabulary());
     for (const QORVocMistake& mistake : files.mistakes)
         std::fprintf(stderr, "%s\n", mistake.text().c_str());
-    if (!files.mistakes.empty() || !refused.empty()) return EXIT_FAILURE;
+    if (!areCollectorsSound(given, settings) || !files.mistakes.empty() || !refused.empty()) return EXIT_FAILURE;
     for (const auto& file : files.read)
         std::printf("%s: no mistakes\n", file.c_str());
     return EXIT_SUCCESS;
@@ -138,12 +157,18 @@ private:
     QORForwarder* m_forwarder;
 };
 
-/// One that hangs in the system cannot be ended. What it would bring is read by the next agent.
-void endCollectors(QORCollectorSchedule& collectors) {
+/// One that hangs in the system cannot be ended, and who destroys the schedule waits for it: then the process ends
+/// here. What it would bring is read by the next agent.
+void endCollectors(QORCollectorSchedule& collectors, int status) {
     constexpr std::chrono::seconds patience(5);
     if (collectors.stop(patience)) return;
     logMessage(1, "QORAgent", "qor/agent/main", "serve", "stopped; a collector that hangs was left behind");
-    std::_Exit(EXIT_SUCCESS);
+    std::_Exit(status);
+}
+
+/// A database may be given with a password.
+void complain(const std::exception& exception) {
+    std::fprintf(stderr, "qor-agent: %s\n", withoutPasswords(exception.what()).c_str());
 }
 
 int serve(AgentSettings settings, SettingsSources sources) {
@@ -188,18 +213,24 @@ int serve(AgentSettings settings, SettingsSources sources) {
         ServiceManager::stopping();
         server.stop();
     };
-    collectors.keep(wishes);  // before a reload may wish for others
-    const SignalWatch signals({stop, [&reload] { reload.run(); }});
-    const MemoryKeeper memory;
-    const Forwarding forwarding(forwarder ? &*forwarder : nullptr, application.changes());
-    announce(server.addresses());
-    ServiceManager::ready(state.text());
-    if (!server.run()) {
-        // Threads are still at work in plug-ins; unloading those beneath them would be worse than leaving at once.
-        logMessage(0, "QORAgent", "qor/agent/main", "serve", "requests did not end in time");
-        std::_Exit(EXIT_FAILURE);
+    try {
+        collectors.keep(wishes);  // before a reload may wish for others
+        const SignalWatch signals({stop, [&reload] { reload.run(); }});
+        const MemoryKeeper memory;
+        const Forwarding forwarding(forwarder ? &*forwarder : nullptr, application.changes());
+        announce(server.addresses());
+        ServiceManager::ready(state.text());
+        if (!server.run()) {
+            // Threads are still at work in plug-ins; unloading those beneath them would be worse than leaving at once.
+            logMessage(0, "QORAgent", "qor/agent/main", "serve", "requests did not end in time");
+            std::_Exit(EXIT_FAILURE);
+        }
+        endCollectors(collectors, EXIT_SUCCESS);
+    } catch (const std::exception& exception) {
+        complain(exception);
+        endCollectors(collectors, EXIT_FAILURE);
+        return EXIT_FAILURE;
     }
-    endCollectors(collectors);
     logMessage(2, "QORAgent", "qor/agent/main", "serve", "stopped");
     return EXIT_SUCCESS;
 }
@@ -222,16 +253,17 @@ int parseAndServe(int argc, char** argv) {
     using Wish = SettingsCommandLine::Wish;
     if (line->wish == Wish::PrintTable) return print(settingsAsTable());
     SettingsSources sources(line->file, line->given);
+    GivenSettings given;
     AgentSettings settings;
     try {
-        const GivenSettings given = sources.read();
+        given = sources.read();
         settings = given.settings();
         if (line->wish == Wish::PrintSettings) return print(settingsAsFile(given));
     } catch (const QORException& exception) {
         std::fprintf(stderr, "%s\n", withoutPasswords(exception.message()).c_str());
         return badUsage;
     }
-    return line->wish == Wish::CheckConfig ? checkConfig(settings) : serve(std::move(settings), std::move(sources));
+    return line->wish == Wish::CheckConfig ? checkConfig(given) : serve(std::move(settings), std::move(sources));
 }
 
 }  // namespace
@@ -242,8 +274,7 @@ int main(int argc, char** argv) {
         SignalWatch::block();
         return parseAndServe(argc, argv);
     } catch (const std::exception& exception) {
-        // A database may be given with a password.
-        std::fprintf(stderr, "qor-agent: %s\n", withoutPasswords(exception.what()).c_str());
+        complain(exception);
     } catch (...) {
         std::fputs("qor-agent: unknown failure\n", stderr);
     }

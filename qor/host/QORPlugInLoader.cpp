@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORFunctionality/QORCollector.h"
 #include "QORFunctionality/QOROpFactory.h"
 
 namespace QOR {
@@ -116,10 +117,13 @@ QORPlugInLoader::~QORPlugInLoader() {
 
 void QORPlugInLoader::load(const std::filesystem::path& file) {
     const std::vector<std::string> before = QOROpFactoryRegistry::instance().names();
+    const std::size_t refusedBefore = QORCollectorRegistry::instance().refusals().size();
     Library library(file);
     const bool loaded = std::any_of(m_plugIns.begin(), m_plugIns.end(),
                                     [&](const PlugIn& plugIn) { return plugIn.handle == library.handle(); });
     if (loaded) return;
+    const std::vector<std::string> refused = QORCollectorRegistry::instance().refusals();
+    if (refused.size() > refusedBefore) library.refuse(refused[refusedBefore]);
     const EntryPoint init = library.entryPoint("initQORPlugIn");
     library.entryPoint("finiQORPlugIn");
     m_plugIns.reserve(m_plugIns.size() + 1);

@@ -30,8 +30,9 @@ public:
         std::string reason;  ///< names the file
     };
 
-    /// Maps the library and calls its entry point. A library that cannot be mapped, lacks an entry point, or whose
-    /// entry point returns non-zero or throws is unmapped again. A library that is already loaded is left alone.
+    /// Maps the library and calls its entry point. A library that cannot be mapped, lacks an entry point, whose
+    /// entry point returns non-zero or throws, or that brings a collector of a name that cannot be used or is taken, is
+    /// unmapped again. A library that is already loaded is left alone.
     /// \throws QORException errFailure naming the file and the reason
     void load(const std::filesystem::path& file);
 

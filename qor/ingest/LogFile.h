@@ -1,8 +1,9 @@
 /// \file
-/// LogFile: lines of a file that may be packed.
+/// LogFile: lines of a file that may be packed; and what reading of a log with its rotations comes to.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -11,6 +12,13 @@
 struct gzFile_s;
 
 namespace QOR {
+
+/// What became of a log and its rotations.
+struct LogReading {
+    std::size_t files = 0;                  ///< that there are, those too that were not read
+    std::uint64_t malformed = 0;            ///< lines that are none of the log's
+    std::vector<std::string> unreadable{};  ///< files that could not be read, or not to their end, with the reason
+};
 
 /// Reads a file from its beginning, plain or gzip. One thread at a time.
 class LogFile {

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "ingest/LogFile.h"
+
 namespace QOR {
 
 /// A package that a transaction was about.
@@ -34,11 +36,8 @@ struct QORAptTransaction {
     std::vector<QORAptPackage> packages{};
 };
 
-struct QORAptHistory {
-    std::size_t files = 0;                          ///< the history and its rotations, those too that were not read
+struct QORAptHistory : LogReading {
     std::vector<QORAptTransaction> transactions{};  ///< as they stand there, oldest file first
-    std::uint64_t malformed = 0;                    ///< lines that are none of the history's
-    std::vector<std::string> unreadable{};  ///< files that could not be read, or not to their end, with the reason
 };
 
 /// Reads var/log/apt/history.log below `root` and what logrotate made of it. A transaction without an end may be still

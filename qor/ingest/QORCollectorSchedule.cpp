@@ -13,6 +13,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORNearestName.h"
 #include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORText.h"
@@ -48,6 +49,11 @@ std::string describeNames(const std::vector<std::string>& known) {
     return list + std::string(everyOne);
 }
 
+std::string adviseOnCollector(const std::string& name, const std::vector<std::string>& known) {
+    const std::vector<std::string_view> names(known.begin(), known.end());
+    return adviseOnName(name, names);
+}
+
 /// One that ran on request, for who waits for it.
 struct AwaitedRun {
     bool done = false;
@@ -75,7 +81,8 @@ void checkCollectorWishes(std::span<const QORCollectorWish> wishes) {
     for (const QORCollectorWish& wish : wishes) {
         if (!named.insert(wish.name).second) refuse("collect names " + quoteText(wish.name) + " twice");
         if (wish.name == everyOne || std::find(known.begin(), known.end(), wish.name) != known.end()) continue;
-        refuse("there is no collector " + quoteText(wish.name) + "; there are " + describeNames(known));
+        refuse("collect: there is no collector " + quoteText(wish.name) + adviseOnCollector(wish.name, known) +
+               "; there are " + describeNames(known));
     }
 }
 
@@ -109,19 +116,11 @@ public:
             if (all.stored.failure) break;
             std::unique_lock lock(m_mutex);
             await(lock, [&] { return !entry.running || entry.hangs(); });
+            if (m_stopping) break;
             const auto run = std::make_shared<AwaitedRun>();
-            if (!entry.running && !m_stopping) {
-                begin(entry, ingest, scope, run);
-                try {
-                    await(lock, [&] { return run->done || entry.hangs(); });
-                } catch (...) {  // nobody wants it any more, and the rights that it stores by may be gone
-                    entry.stop.request_stop();
-                    throw;
-                }
-            }
+            if (!entry.running) runAwaited(lock, entry, ingest, scope, run);
             if (run->thrown) std::rethrow_exception(std::exchange(run->thrown, nullptr));
-            if (!run->done) run->result.unreadable.push_back(entry.state.name + ": " + entry.state.text);
-            all.merge(entry.state.name, run->result);
+            all.merge(entry.state.name, run->done ? run->result : resultOfHanging(entry));
         }
         return all;
     }
@@ -147,6 +146,9 @@ public:
         if (until == Clock::time_point::max()) {
             m_ended.wait(lock, ended);
         } else if (!m_ended.wait_until(lock, until, ended)) {
+            for (Entry& entry : m_entries) {
+                if (entry.running && !entry.hangs()) giveUp(entry, "it has not ended when it was told to");
+            }
             return false;
         }
         for (Entry& entry : m_entries) {
@@ -212,7 +214,7 @@ private:
         if (entry.running) {
             if (entry.hangs()) return Clock::time_point::max();
             if (now < entry.deadline()) return entry.deadline();
-            giveUp(entry);
+            giveUp(entry, howLongItHangs(entry));
             return Clock::time_point::max();
         }
         if (!entry.state.every) return Clock::time_point::max();
@@ -229,12 +231,34 @@ private:
         return entry.due;
     }
 
-    void giveUp(Entry& entry) {
+    static std::string howLongItHangs(const Entry& entry) {
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(entry.collector.traits().deadline);
-        note(entry, QORCollectOutcome::Hung,
-             "it has not come back for " + std::to_string(seconds.count()) + " s from reading " + entry.state.source);
+        return "it has not come back for " + std::to_string(seconds.count()) + " s from reading " + entry.state.source;
+    }
+
+    void giveUp(Entry& entry, std::string why) {
+        note(entry, QORCollectOutcome::Hung, std::move(why));
         entry.stop.request_stop();
         m_ended.notify_all();
+    }
+
+    static QORCollectResult resultOfHanging(const Entry& entry) {
+        QORCollectResult result;
+        result.outcome = QORCollectOutcome::Hung;
+        result.text = entry.state.text;
+        return result;
+    }
+
+    /// \pre not running
+    void runAwaited(std::unique_lock<std::mutex>& lock, Entry& entry, const QORIngestOptions& ingest,
+                    const std::shared_ptr<const QORWriteScope>& scope, const std::shared_ptr<AwaitedRun>& run) {
+        begin(entry, ingest, scope, run);
+        try {
+            await(lock, [&] { return run->done || entry.hangs(); });
+        } catch (...) {  // nobody wants it any more, and the rights that it stores by may be gone
+            entry.stop.request_stop();
+            throw;
+        }
     }
 
     void note(Entry& entry, QORCollectOutcome outcome, std::string text) {

@@ -26,7 +26,8 @@ struct QORCollectorWish {
 /// \param text NAME or NAME=DURATION ("dpkg=5m"), at least a second \throws QORException errBadRequest that says what
 /// is wrong; whether there is such a collector is not asked
 QORCollectorWish readCollectorWish(const std::string& text);
-/// \throws QORException errBadRequest for a name that none of QORCollectorRegistry has, or that two wishes have
+/// \throws QORException errBadRequest for a name that none of QORCollectorRegistry has, with those that may have been
+/// meant, or that two wishes have
 void checkCollectorWishes(std::span<const QORCollectorWish> wishes);
 
 /// How a collector does. Runs are counted since the start.
@@ -60,13 +61,15 @@ public:
     void keep(std::span<const QORCollectorWish> wishes);
 
     /// Runs all of them now, one after the other, and waits. One that runs already is waited for and run again; one
-    /// that hangs is passed over, which the result says. \param scope as QORIngestOptions::scope; null: everything
+    /// that hangs is passed over, which the result says. After stop() the rest is left out, and who runs is waited for
+    /// no longer than it did. \param scope as QORIngestOptions::scope; null: everything
     /// \throws what storing the records throws; QORException errDeadline when the calling thread's request ends
     QORCollectResult collectNow(const QORIngestOptions& ingest, const std::shared_ptr<const QORWriteScope>& scope);
 
     std::vector<QORCollectorState> states() const;
 
-    /// Asks those that run to end, and begins no more. \returns whether all have ended in that time
+    /// Asks those that run to end, and begins no more. Those that have not ended in that time hang. Called by one
+    /// thread at a time. \returns whether all have ended
     bool stop(std::chrono::milliseconds patience);
 
 private:

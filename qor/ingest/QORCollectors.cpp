@@ -34,10 +34,11 @@ void QORCollectResult::merge(const std::string& collector, const QORCollectResul
     malformed += other.malformed;
     unreadable.insert(unreadable.end(), other.unreadable.begin(), other.unreadable.end());
     const bool isOfSource =
-        other.outcome == QORCollectOutcome::Failed && !other.stored.failure && other.unreadable.empty();
+        other.outcome >= QORCollectOutcome::Failed && !other.stored.failure && other.unreadable.empty();
     if (isOfSource) unreadable.push_back(collector + ": " + other.text);
     if (text.empty()) text = other.text;
-    if (outcome == QORCollectOutcome::None || other.outcome > QORCollectOutcome::None) outcome = other.outcome;
+    if (outcome == QORCollectOutcome::None || other.outcome > std::max(outcome, QORCollectOutcome::None))
+        outcome = other.outcome;
 }
 
 void registerCollectors() {
@@ -58,16 +59,6 @@ QORCollectResult runCollector(QORCollector& collector, const QORCollectOptions& 
     QORCollectResult result = run.end(failure);
     result.outcome = isThere ? QORCollectOutcome::Done : QORCollectOutcome::None;
     if (!result.text.empty()) result.outcome = QORCollectOutcome::Failed;
-    return result;
-}
-
-QORCollectResult collect(const QORCollectOptions& options, const std::stop_token& stop) {
-    registerCollectors();
-    QORCollectResult result;
-    for (QORCollector* const collector : QORCollectorRegistry::instance().all()) {
-        if (stop.stop_requested() || result.stored.failure) break;
-        result.merge(collector->traits().name, runCollector(*collector, options, stop));
-    }
     return result;
 }
 

@@ -22,6 +22,7 @@ struct QORCollectOptions {
     std::function<void()> stored{};
 };
 
+/// From the third on, the worse the later.
 enum class QORCollectOutcome {
     Done,
     None,    ///< there is no such source here
@@ -42,7 +43,8 @@ struct QORCollectResult {
     QORCollectOutcome outcome = QORCollectOutcome::None;
     std::string text{};  ///< why it failed; empty where it did not
 
-    /// Adds what a collector did: something has been done when one of them has, and failed when one of them did.
+    /// Adds what a collector did: something has been done when one of them has, failed when one of them did, and hangs
+    /// when one of them does.
     void merge(const std::string& collector, const QORCollectResult& other);
 };
 
@@ -53,9 +55,5 @@ void registerCollectors();
 /// Runs one in this thread. QORRdbms must be open for writing. Failures of the source and of the database are in the
 /// result. \throws AException where the database cannot even be asked; QORException errForbidden, as QORIngest::store()
 QORCollectResult runCollector(QORCollector& collector, const QORCollectOptions& options, const std::stop_token& stop);
-
-/// Runs all that there are, one after the other, in this thread: this machine is stored as an environment, and what has
-/// happened on it as its operations and events. Collecting again adds only what is new. \throws as runCollector()
-QORCollectResult collect(const QORCollectOptions& options = {}, const std::stop_token& stop = {});
 
 }  // namespace QOR

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "ingest/LogFile.h"
+
 namespace QOR {
 
 /// One action on one package.
@@ -27,11 +29,8 @@ struct QORPackageAction {
     std::string state;  ///< the state in which the package was left, where status is not 0
 };
 
-struct QORPackageLog {
-    std::size_t files = 0;                  ///< the log and its rotations
-    std::vector<QORPackageAction> actions;  ///< oldest first
-    std::uint64_t malformed = 0;            ///< lines that are none of the log's
-    std::vector<std::string> unreadable;    ///< files that could not be read, or not to their end, with the reason
+struct QORPackageLog : LogReading {
+    std::vector<QORPackageAction> actions{};  ///< oldest first
 };
 
 /// Reads var/log/dpkg.log below `root` and what logrotate made of it: dpkg.log.1, dpkg.log.2.gz, dpkg.log-20240101.gz.

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ctl/CtlProcess.h"
 #include "support/AgentProcess.h"
@@ -55,6 +56,7 @@ protected:
     }
 
     TestDatabase database;
+    TemporaryDirectory files;
 };
 
 /// Each series with its value, as a strict reader of the format has them.
@@ -121,6 +123,39 @@ TEST_F(AgentNumbers, WhatIsAskedIsCountedInAFormThatAStrictReaderTakes) {
     EXPECT_GT(after.at("process_resident_memory_bytes"), 0);
     for (const auto& [series, value] : after)
         EXPECT_THAT(series, Not(HasSubstr("secret"))) << "what clients make up is no series";
+}
+
+/// What an agent tells in numbers, as the rows of a table.
+std::vector<std::string> rowsOfNumbers(const std::string& metrics) {
+    std::vector<std::string> rows;
+    std::istringstream lines(metrics);
+    std::string help;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("# HELP ")) help = line.substr(7);
+        if (!line.starts_with("# TYPE ")) continue;
+        const std::size_t name = help.find(' ');
+        rows.push_back("| `" + help.substr(0, name) + "` | " + line.substr(line.rfind(' ') + 1) + " | " +
+                       help.substr(name + 1) + " |");
+    }
+    return rows;
+}
+
+TEST_F(AgentNumbers, AreThoseOfTheDocuments) {
+    const AgentProcess agent(settings({"--audit", files.file("audit.log"), "--forward", "http://127.0.0.1:1"}));
+    HttpClient root(agent.socketPath());
+    const std::vector<std::string> told = rowsOfNumbers(root.get("/metrics").body);
+    std::ifstream page(std::filesystem::path(QOR_PROJECT_DIR) / "docs/operations.md");
+    std::vector<std::string> documented;
+    for (std::string line; std::getline(page, line);) {
+        if (line.starts_with("| `qor_") || line.starts_with("| `process_")) documented.push_back(line);
+    }
+    const auto lines = [](const std::vector<std::string>& rows) {
+        std::string text;
+        for (const std::string& row : rows)
+            text += row + "\n";
+        return text;
+    };
+    EXPECT_EQ(lines(told), lines(documented));  // what differs is shown
 }
 
 TEST_F(AgentNumbers, AreForFullAccess) {
@@ -197,8 +232,6 @@ protected:
                       .status,
                   200);
     }
-
-    TemporaryDirectory files;
 };
 
 TEST_F(AgentAuditProcess, TellsWhoAskedWhatAndNotWhatItWasComparedWith) {

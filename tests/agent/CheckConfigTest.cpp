@@ -11,6 +11,7 @@
 namespace QOR::test {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 class CheckConfigTest : public ::testing::Test {
@@ -45,6 +46,22 @@ TEST_F(CheckConfigTest, MistakesAreNamedAndEndWithFailure) {
         "</category></vocabulary>");
     EXPECT_EQ(check({"--config", file}), 1);
     EXPECT_THAT(m_output, HasSubstr(file + ":3: \"a\" has no <source>"));
+}
+
+TEST_F(CheckConfigTest, CollectorsAreThoseThatThereAre) {
+    EXPECT_EQ(check({"--collect", "dpkg=5m", "--collect", "all"}), 0) << m_output;
+    EXPECT_EQ(check({"--collect", "dpgk=5m"}), 1);
+    EXPECT_THAT(m_output,
+                HasSubstr("collect: there is no collector \"dpgk\" (did you mean dpkg?); there are machine, "));
+    EXPECT_EQ(check({"--collect", "dpkg", "--collect", "dpkg=5m"}), 1);
+    EXPECT_THAT(m_output, HasSubstr("collect names \"dpkg\" twice"));
+    const std::string file = m_folder.file("agent.toml");
+    std::ofstream(file) << "threads = 8\ncollect = ['dpgk']\n";
+    EXPECT_EQ(check({"--settings", file}), 1);
+    EXPECT_THAT(m_output, HasSubstr(file + ":2:"));
+    std::ofstream(file) << "collect = ['machine',\n 'dpkg=often']\n";
+    EXPECT_EQ(check({"--settings", file}), 2);
+    EXPECT_THAT(m_output, AllOf(HasSubstr(file + ":"), HasSubstr("\"dpkg=often\": behind '=' stands how often")));
 }
 
 TEST_F(CheckConfigTest, AnAgentDoesNotStartWithAFileThatItCannotRead) {

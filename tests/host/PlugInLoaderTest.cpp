@@ -4,10 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORText.h"
+#include "QORFunctionality/QORCollector.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "support/TemporaryDirectory.h"
 
@@ -79,6 +82,39 @@ TEST(PlugInLoader, AnEntryPointThatReturnsNonZeroRefuses) {
     const auto file = plugIns / "mixed" / "libQORRefusing.so";
     EXPECT_THAT(reasonOf(file), AllOf(HasSubstr(file.string()), HasSubstr("initQORPlugIn returned 7")));
     EXPECT_FALSE(isMapped(file));
+}
+
+/// How a collector of a plug-in is called while it lives.
+class CollectorName {
+public:
+    explicit CollectorName(const std::string& name) { ::setenv(variable, name.c_str(), 1); }
+    ~CollectorName() { ::unsetenv(variable); }
+    CollectorName(const CollectorName&) = delete;
+    CollectorName& operator=(const CollectorName&) = delete;
+
+private:
+    static constexpr const char* variable = "QOR_TEST_COLLECTOR_NAME";
+};
+
+TEST(PlugInLoader, ACollectorThatCannotBeCalledByItsNameRefuses) {
+    const auto file = plugIns / "named" / "libQORNamed.so";
+    QORPlugInLoader others;
+    others.load(plugIns / "mixed" / "libQORSound.so");
+    const auto collectors = QORCollectorRegistry::instance().all();
+    for (const std::string& name : {std::string(), std::string("all"), std::string("a=b"), std::string("a b"),
+                                    std::string("caf\xc3\xa9"), std::string(65, 'a')}) {
+        const CollectorName called(name);
+        EXPECT_THAT(reasonOf(file), AllOf(HasSubstr(file.string()), HasSubstr("cannot be called " + quoteText(name))));
+    }
+    {
+        const CollectorName called("echo");
+        EXPECT_THAT(reasonOf(file), HasSubstr(": there is a collector \"echo\" already"));
+    }
+    EXPECT_FALSE(isMapped(file));
+    EXPECT_EQ(QORCollectorRegistry::instance().all(), collectors);
+    EXPECT_TRUE(QORCollectorRegistry::instance().refusals().empty());
+    const CollectorName called("Echo-2");
+    EXPECT_EQ(reasonOf(file), "loaded");
 }
 
 TEST(PlugInLoader, ALibraryWithoutEntryPointIsRefusedByName) {

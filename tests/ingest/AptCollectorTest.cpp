@@ -10,9 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "QORFunctionality/QORCollector.h"
+#include "ingest/OneCollector.h"
 #include "ingest/QORAptHistory.h"
-#include "ingest/QORCollectors.h"
 #include "support/HostDatabase.h"
 
 namespace QOR {
@@ -59,15 +58,7 @@ protected:
         EXPECT_EQ(gzclose(file), Z_OK);
     }
     QORAptHistory read(std::int64_t since = 0) const { return readAptHistory(m_root.path(), since); }
-    QORCollectResult collect() const {
-        registerCollectors();
-        for (QORCollector* const collector : QORCollectorRegistry::instance().all()) {
-            if (collector->traits().name == "apt")
-                return runCollector(*collector, {.root = m_root.path(), .ingest = {}}, {});
-        }
-        ADD_FAILURE();
-        return {};
-    }
+    QORCollectResult collect() const { return test::runOnce("apt", m_root.path()); }
 
     const test::TemporaryDirectory m_root;
     const std::filesystem::path m_folder = m_root / "var/log/apt";

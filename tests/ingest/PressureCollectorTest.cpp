@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "QORFunctionality/QORCollector.h"
-#include "ingest/QORCollectors.h"
+#include "ingest/OneCollector.h"
 #include "support/HostDatabase.h"
 
 namespace QOR {
@@ -28,15 +27,7 @@ protected:
             << "some avg10=99.00 avg60=" << some << " avg300=0.00 total=1\nfull avg10=99.00 avg60=" << full
             << " avg300=0.00 total=1\n";
     }
-    QORCollectResult collect() const {
-        registerCollectors();
-        for (QORCollector* const collector : QORCollectorRegistry::instance().all()) {
-            if (collector->traits().name == "pressure")
-                return runCollector(*collector, {.root = m_root.path(), .ingest = {}}, {});
-        }
-        ADD_FAILURE();
-        return {};
-    }
+    QORCollectResult collect() const { return test::runOnce("pressure", m_root.path()); }
     static std::vector<Row> alerts() {
         return queryRows("SELECT source, category, info FROM \"vEventLog\" ORDER BY id", 3);
     }

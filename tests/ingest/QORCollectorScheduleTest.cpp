@@ -134,6 +134,7 @@ TEST_F(CollectorSchedule, OneThatHangsIsLeftAloneUntilItReturns) {
     EXPECT_THAT(stateOf(schedule, "dead").text, HasSubstr("from reading /a/source"));
 
     const QORCollectResult result = schedule.collectNow({}, nullptr);
+    EXPECT_EQ(result.outcome, QORCollectOutcome::Hung);
     EXPECT_EQ(result.stored.of(QORRecordKind::Event).added, 1U) << "the others are none the worse";
     EXPECT_THAT(result.unreadable, testing::Contains(HasSubstr("dead: it has not come back for 0 s")));
 
@@ -160,6 +161,31 @@ TEST_F(CollectorSchedule, StoppingTellsWhetherAllHaveEnded) {
     keep(schedule, "slow");
     entered.pass();
     EXPECT_FALSE(schedule.stop(std::chrono::milliseconds(0)));
+    EXPECT_EQ(stateOf(schedule, "slow").outcome, QORCollectOutcome::Hung);
+    EXPECT_EQ(schedule.collectNow({}, nullptr).outcome, QORCollectOutcome::None) << "nothing is begun any more";
+    door.open();
+    EXPECT_TRUE(schedule.stop(std::chrono::hours(1)));
+}
+
+TEST_F(CollectorSchedule, WhoWaitsForOneThatDoesNotEndIsLetGo) {
+    Door entered;
+    Door door;
+    ToldCollector slow("slow", [&](QORCollection&) {
+        entered.open();
+        door.pass();
+        return true;
+    });
+    ToldCollector after("after", [](QORCollection&) { return true; });
+    QORCollectorSchedule schedule(m_root.path());
+    std::thread stopping([&] {
+        entered.pass();
+        EXPECT_FALSE(schedule.stop(std::chrono::milliseconds(0)));
+    });
+    const QORCollectResult result = schedule.collectNow({}, nullptr);
+    stopping.join();
+    EXPECT_EQ(result.outcome, QORCollectOutcome::Hung);
+    EXPECT_EQ(result.unreadable, std::vector<std::string>{"slow: it has not ended when it was told to"});
+    EXPECT_EQ(stateOf(schedule, "after").outcome, std::nullopt);
     door.open();
     EXPECT_TRUE(schedule.stop(std::chrono::hours(1)));
 }
@@ -246,7 +272,28 @@ TEST_F(CollectorSchedule, WishesAreChecked) {
     const auto check = [](std::vector<QORCollectorWish> wishes) { checkCollectorWishes(wishes); };
     EXPECT_NO_THROW(check({{"all", {}}, {"dpkg", {}}}));
     EXPECT_THROW(check({{"dpkg", {}}, {"dpkg", std::chrono::seconds(1)}}), QORException);
-    EXPECT_THROW(check({{"dpgk", {}}}), QORException);
+    try {
+        check({{"dpgk", {}}});
+        FAIL() << "was taken";
+    } catch (const QORException& error) {
+        EXPECT_THAT(error.message(),
+                    HasSubstr("collect: there is no collector \"dpgk\" (did you mean dpkg?); there are "));
+    }
+}
+
+TEST_F(CollectorSchedule, OfTwoCollectorsOfOneNameTheFirstCounts) {
+    const auto one = std::make_unique<ToldCollector>("one", [](QORCollection&) { return true; });
+    const QORCollectorRegistry& registry = QORCollectorRegistry::instance();
+    const auto before = registry.all();
+    {
+        const ToldCollector again("one", [](QORCollection&) { return false; });
+        const ToldCollector all("all", [](QORCollection&) { return false; });
+        EXPECT_EQ(registry.all(), before);
+        EXPECT_THAT(registry.refusals(), testing::ElementsAre("there is a collector \"one\" already",
+                                                              HasSubstr("a collector cannot be called \"all\"")));
+    }
+    EXPECT_EQ(registry.all(), before);
+    EXPECT_THAT(registry.refusals(), testing::IsEmpty());
 }
 
 TEST_F(CollectorSchedule, AllMeansThoseThatNoOtherWishNames) {

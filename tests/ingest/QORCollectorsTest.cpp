@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "ingest/QORAptHistory.h"
+#include "ingest/QORCollectorSchedule.h"
 #include "ingest/QORMachine.h"
 #include "ingest/QORPackageLog.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -45,9 +46,8 @@ protected:
         std::ofstream(path, std::ios::out | mode) << text;
     }
     QORCollectResult run() const {
-        QORCollectOptions options;
-        options.root = m_root.path();
-        return collect(options);
+        QORCollectorSchedule schedule(m_root.path());
+        return schedule.collectNow({}, nullptr);
     }
 
     test::TemporaryDirectory m_root;
@@ -193,6 +193,8 @@ TEST_F(QORCollectorsTest, ADatabaseThatTakesNothingIsReported) {
 TEST(QORCollectorsOfThisMachine, RowsAreReal) {
     const test::HostDatabase database;
     database.open();
+    QORCollectorSchedule schedule("/");
+    const auto collect = [&] { return schedule.collectNow({}, nullptr); };
     const auto first = collect();
     ASSERT_FALSE(first.stored.failure) << first.stored.failure->reason;
     EXPECT_EQ(first.stored.of(QORRecordKind::Environment).added, 1U);

@@ -386,10 +386,7 @@ std::string adviseOnSetting(std::string_view name) {
     std::vector<std::string_view> names;
     for (const Setting& setting : table)
         names.push_back(setting.name);
-    std::string advice;
-    for (const std::string_view near : nearestNames(name, names))
-        advice.append(advice.empty() ? " (did you mean " : " or ").append(near);
-    return advice.empty() ? advice : advice + "?)";
+    return adviseOnName(name, names);
 }
 
 }  // namespace QOR

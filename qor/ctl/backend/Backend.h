@@ -131,6 +131,9 @@ public:
     virtual std::unique_ptr<AnswerSource> exportRecords(const QORExportPosition& position) = 0;
     /// Stores NDJSON records. A line that is refused is part of the result.
     virtual QORIngestResult importBatch(std::string_view lines, std::uint64_t firstLine) = 0;
+    /// Has all collectors run. \param stop ends it early; an agent goes on all the same. Where the outcome is
+    /// QORCollectOutcome::Hung without an agent, one of them is at work in this object until the process ends: it must
+    /// not be destroyed.
     virtual QORCollectResult collect(const std::stop_token& stop) = 0;
     virtual std::vector<QORViewColumn> views() = 0;
     /// What the other side's configuration tells its plug-ins; never null.

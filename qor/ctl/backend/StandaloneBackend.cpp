@@ -1,5 +1,6 @@
 #include "backend/StandaloneBackend.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -12,6 +13,7 @@
 #include "QORPager/QORPagerVocabulary.h"
 #include "host/QORHost.h"
 #include "host/QORVocabularyFiles.h"
+#include "ingest/QORCollectorSchedule.h"
 #include "ingest/QORRecordExport.h"
 #include "process/CtlError.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -103,6 +105,7 @@ StandaloneBackend::StandaloneBackend(const ConnectionOptions& options, BackendUs
 }
 
 StandaloneBackend::~StandaloneBackend() {
+    m_collectors.reset();
     m_session.reset();
     m_host.reset();
     QORRdbms::instance().shutdown();
@@ -190,7 +193,10 @@ QORIngestResult StandaloneBackend::importBatch(std::string_view lines, std::uint
 }
 
 QORCollectResult StandaloneBackend::collect(const std::stop_token& stop) {
-    return QOR::collect({}, stop);
+    static constexpr std::chrono::seconds patience(5);
+    m_collectors = std::make_unique<QORCollectorSchedule>("/");
+    const std::stop_callback interrupted(stop, [this] { m_collectors->stop(patience); });
+    return answered([this] { return m_collectors->collectNow({}, nullptr); });
 }
 
 QORPtr<const QORVocMap> StandaloneBackend::vocabulary() {

@@ -8,6 +8,7 @@ namespace QOR {
 
 class QORHost;
 class QORClientSession;
+class QORCollectorSchedule;
 
 /// Overrides what the agent's backend does, in the same order.
 class StandaloneBackend final : public Backend {
@@ -36,8 +37,9 @@ public:
 private:
     class Source;
     QORIngest m_ingest;
-    std::unique_ptr<QORHost> m_host;              ///< where requests are asked
-    std::unique_ptr<QORClientSession> m_session;  ///< gone before the host
+    std::unique_ptr<QORCollectorSchedule> m_collectors;  ///< where one hangs, destroying it waits
+    std::unique_ptr<QORHost> m_host;                     ///< where requests are asked
+    std::unique_ptr<QORClientSession> m_session;         ///< gone before the host
 };
 
 }  // namespace QOR

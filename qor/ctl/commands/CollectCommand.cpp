@@ -1,8 +1,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <memory>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "commands/Commands.h"
 #include "commands/Printing.h"
@@ -35,27 +37,41 @@ private:
     std::jthread m_thread;  // ends before what it looks at
 };
 
-QORCollectResult collectHere(Backend& backend, bool& interrupted) {
+/// One that hangs cannot be ended, and who destroyed what it works with would wait for it.
+void leaveBehind(std::unique_ptr<Backend> backend) {
+    static const Backend* const left = backend.release();
+    static_cast<void>(left);
+}
+
+QORCollectResult collectHere(std::unique_ptr<Backend> backend, bool& interrupted) {
     const StopOnInterrupt stop;
-    QORCollectResult result = backend.collect(stop.token());
+    QORCollectResult result = backend->collect(stop.token());
     interrupted = stop.isRequested();
+    if (result.outcome == QORCollectOutcome::Hung) leaveBehind(std::move(backend));
     return result;
 }
 
-}  // namespace
-
-void runCollect(const ConnectionOptions& connection) {
-    const auto backend = makeBackend(connection, BackendUse::Store);
-    bool interrupted = false;
-    const QORCollectResult result = connection.standalone ? collectHere(*backend, interrupted) : backend->collect({});
-    for (const std::string& file : result.unreadable)
-        tellNote(file);
+/// \throws CtlError unless all is well
+void tellOf(const QORCollectResult& result, bool interrupted) {
+    for (const std::string& what : result.unreadable)
+        tellNote(what);
     if (result.malformed > 0) tellNote(std::to_string(result.malformed) + " lines of what was read make no sense");
     FileOutput out(STDOUT_FILENO);
     out << describeCounts(result.stored);
     out.flush();
     if (result.stored.failure) throw CtlError::answered(1, result.stored.failure->reason);
     if (interrupted) throw CtlError(CtlExit::Interrupted, "interrupted; the counts are what is stored");
+    if (!result.unreadable.empty()) throw CtlError::answered(1, "not everything could be collected");
+}
+
+}  // namespace
+
+void runCollect(const ConnectionOptions& connection) {
+    std::unique_ptr<Backend> backend = makeBackend(connection, BackendUse::Store);
+    bool interrupted = false;
+    const QORCollectResult result =
+        connection.standalone ? collectHere(std::move(backend), interrupted) : backend->collect({});
+    tellOf(result, interrupted);
 }
 
 }  // namespace QOR

@@ -62,16 +62,12 @@ bool AptCollector::collect(QORCollection& collection) {
     CollectedSpan span(collection.position());
     const QORAptHistory history = readAptHistory(collection.root(), span.begin());
     if (history.files == 0) return false;
-    collection.passOver(history.malformed);
-    for (const std::string& file : history.unreadable)
-        collection.cannotRead(file);
     const QOREnvironmentRecord machine = describeMachine(collection.root());
     for (const QORAptTransaction& transaction : history.transactions) {
         span.take(transaction.time);
         if (transaction.time >= span.begin()) collection.add(lineOf(operationOf(machine, transaction)));
     }
-    // What could not be read now may be later.
-    if (history.unreadable.empty()) collection.setPosition(span.position());
+    span.end(collection, history);
     return true;
 }
 

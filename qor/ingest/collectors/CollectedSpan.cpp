@@ -29,4 +29,11 @@ std::string CollectedSpan::position() const {
     return m_last == never ? std::string() : std::to_string(std::min<std::int64_t>(m_last, std::time(nullptr)));
 }
 
+void CollectedSpan::end(QORCollection& collection, const LogReading& log) const {
+    collection.passOver(log.malformed);
+    for (const std::string& file : log.unreadable)
+        collection.cannotRead(file);
+    if (log.unreadable.empty()) collection.setPosition(position());
+}
+
 }  // namespace QOR

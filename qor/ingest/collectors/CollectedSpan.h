@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <string>
 
+#include "QORFunctionality/QORCollector.h"
+#include "ingest/LogFile.h"
+
 namespace QOR {
 
 /// Kept as a collector's position: the time of the last entry. What is older by more than a day has been stored, and is
@@ -21,6 +24,9 @@ public:
     void take(std::int64_t time) noexcept;
     /// For the next run. A clock that was ahead does not keep what comes later from being brought.
     std::string position() const;
+    /// Tells what of the log made no sense or could not be read. Where all could, the next run begins at position();
+    /// else at the same: what could not be read now may be later.
+    void end(QORCollection& collection, const LogReading& log) const;
 
 private:
     std::int64_t m_begin;

@@ -40,17 +40,13 @@ DpkgCollector::DpkgCollector() : QORCollector({.name = "dpkg", .source = "/var/l
 bool DpkgCollector::collect(QORCollection& collection) {
     QORPackageLog log = readPackageLog(collection.root());
     if (log.files == 0) return false;
-    collection.passOver(log.malformed);
-    for (const std::string& file : log.unreadable)
-        collection.cannotRead(file);
     const QOREnvironmentRecord machine = describeMachine(collection.root());
     CollectedSpan span(collection.position());
     for (const QORPackageAction& action : log.actions) {
         span.take(action.time);
         if (action.time >= span.begin()) collection.add(lineOf(operationOf(machine, action)));
     }
-    // What could not be read now may be later.
-    if (log.unreadable.empty()) collection.setPosition(span.position());
+    span.end(collection, log);
     return true;
 }
 

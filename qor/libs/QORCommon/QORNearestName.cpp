@@ -66,4 +66,11 @@ std::vector<std::string_view> nearestNames(std::string_view written, std::span<c
     return nearest;
 }
 
+std::string adviseOnName(std::string_view written, std::span<const std::string_view> names) {
+    std::string advice;
+    for (const std::string_view near : nearestNames(written, names))
+        advice.append(advice.empty() ? " (did you mean " : " or ").append(near);
+    return advice.empty() ? advice : advice + "?)";
+}
+
 }  // namespace QOR

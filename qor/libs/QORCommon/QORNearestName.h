@@ -3,6 +3,7 @@
 #pragma once
 
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -15,5 +16,8 @@ namespace QOR {
 /// beginning.
 /// \param names views that outlive the result, in the order that counts among equally near ones
 QOR_API std::vector<std::string_view> nearestNames(std::string_view written, std::span<const std::string_view> names);
+
+/// The same as the end of a sentence: " (did you mean threads or trends?)"; empty where nothing resembles it.
+QOR_API std::string adviseOnName(std::string_view written, std::span<const std::string_view> names);
 
 }  // namespace QOR

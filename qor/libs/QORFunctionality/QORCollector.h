@@ -57,7 +57,7 @@ class QOR_API QORCollector {
 public:
     /// What the host and people are told of it.
     struct Traits {
-        std::string name;                                   ///< by which settings call it: letters, digits, '-'
+        std::string name;                                   ///< by which settings call it: see QORCollectorRegistry
         std::string source;                                 ///< what it reads, for people: "/var/log/dpkg.log"
         std::chrono::seconds every{std::chrono::hours(1)};  ///< between the beginnings of runs, unless it is told
         std::chrono::milliseconds deadline{std::chrono::minutes(1)};  ///< without records stored: it hangs
@@ -81,21 +81,33 @@ private:
     const Traits m_traits;
 };
 
-/// All collectors of the process, in the order in which they were made. Of two that bear one name the first counts.
-/// Thread-safe.
+/// All collectors of the process, in the order in which they were made. A name has letters, digits and '-', 64 at most,
+/// is not "all", and of two that bear one the first counts; a collector that cannot be called by its name is none of
+/// them. Thread-safe.
 class QOR_API QORCollectorRegistry {
 public:
     static QORCollectorRegistry& instance();
     /// Valid for as long as the plug-ins stay loaded.
     std::vector<QORCollector*> all() const;
+    /// Why collectors that exist are none of them, in the order in which they were made: whoever made them asks, since
+    /// nothing can be thrown while a plug-in is loaded.
+    std::vector<std::string> refusals() const;
 
 private:
+    struct Refusal {
+        const QORCollector* collector;
+        std::string reason;
+    };
+
     friend class QORCollector;
     QORCollectorRegistry() = default;
     void add(QORCollector* collector);
     void remove(QORCollector* collector) noexcept;
+    /// \returns why it cannot be one of them; empty where it can
+    std::string faultOf(const std::string& name) const;
     mutable std::mutex m_mutex;
     std::vector<QORCollector*> m_collectors;
+    std::vector<Refusal> m_refusals;
 };
 
 }  // namespace QOR

@@ -407,12 +407,34 @@ TEST_P(Command, SamplesAreStored) {
 }
 
 TEST_P(Command, CollectingAgainAddsNothing) {
-    const std::string once = outputOf({"collect"});
-    EXPECT_THAT(once, StartsWith("environment: 1 added, 0 replaced\noperation: "));
-    EXPECT_THAT(outputOf({"collect"}), StartsWith("environment: 0 added, 1 replaced\noperation: 0 added, 0 replaced"));
+    // Where this machine has something that its user may not read, that is told.
+    const auto collect = [this] {
+        const CtlResult result = run({"collect"});
+        EXPECT_EQ(result.status, result.err.empty() ? 0 : 1) << result.err;
+        return result.out;
+    };
+    EXPECT_THAT(collect(), StartsWith("environment: 1 added, 0 replaced\noperation: "));
+    EXPECT_THAT(collect(), StartsWith("environment: 0 added, 1 replaced\noperation: 0 added, 0 replaced"));
     const std::string status = outputOf({"status", "-o", "csv"});
     EXPECT_EQ(m_agent.has_value(), status.find("\r\nlast collection,2") != std::string::npos) << status;
     EXPECT_EQ(m_agent.has_value(), status.find("\r\ncollector machine,done at 2") != std::string::npos) << status;
+}
+
+TEST(CollectCommand, WhatCannotBeReadIsToldAndEndsWithAnError) {
+    const TemporaryDirectory root;
+    const TestDatabase database;
+    const AgentProcess agent(
+        {.database = database.connectionString(), .more = {"--collect-root", root.path().string()}});
+    const Words collect{"collect", "--socket", agent.socketPath()};
+    const CtlResult nothing = runCtl(collect);
+    EXPECT_EQ(nothing.status, 0) << "sources that are missing are no failure: " << nothing.err;
+    std::filesystem::create_directories(root / "proc/pressure");
+    std::ofstream(root / "proc/pressure/io") << "nonsense\n";
+    const CtlResult result = runCtl(collect);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, StartsWith("environment: 0 added, 1 replaced\n")) << "the rest is stored";
+    EXPECT_THAT(result.err, HasSubstr("/proc/pressure/io: it has no line"));
+    EXPECT_THAT(result.err, HasSubstr("qorctl: error 1: not everything could be collected\n"));
 }
 
 TEST_P(Command, AReaderThatHasSeenEnoughIsNoError) {
