@@ -8,6 +8,7 @@
 #include "ingest/CollectorRun.h"
 #include "ingest/collectors/AptCollector.h"
 #include "ingest/collectors/DpkgCollector.h"
+#include "ingest/collectors/FilesystemCollector.h"
 #include "ingest/collectors/MachineCollector.h"
 #include "ingest/collectors/PressureCollector.h"
 
@@ -20,6 +21,7 @@ struct OwnCollectors {
     DpkgCollector dpkg;
     AptCollector apt;
     PressureCollector pressure;
+    FilesystemCollector filesystems;
 };
 
 }  // namespace

@@ -1,18 +1,14 @@
 #include "ingest/collectors/PressureCollector.h"
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <fstream>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 
-#include "QORCommon/QORTime.h"
-#include "ingest/RecordLines.h"
+#include "ingest/collectors/CollectedAlerts.h"
 #include "ingest/collectors/CollectedOperation.h"
 
 namespace QOR {
@@ -45,14 +41,16 @@ std::optional<double> shareOf(std::string_view line) {
 class PressureReading {
 public:
     explicit PressureReading(QORCollection& collection)
-        : m_collection(collection), m_folder(collection.root() / "proc/pressure") {}
+        : m_collection(collection),
+          m_folder(collection.root() / "proc/pressure"),
+          m_alerts(collection, "pressure", collection.position()) {}
 
     /// \returns false where the kernel does not tell
     bool read() {
         bool isThere = false;
         for (const Watched& one : watched)
             isThere = read(one) || isThere;
-        m_collection.setPosition(m_raised);
+        m_collection.setPosition(m_alerts.raised());
         return isThere;
     }
 
@@ -60,10 +58,7 @@ private:
     bool read(const Watched& one) {
         const std::filesystem::path path = m_folder / one.resource;
         std::ifstream file(path);
-        if (!file) {
-            keep(one, wasRaised(one));
-            return false;
-        }
+        if (!file) return false;
         for (std::string line; std::getline(file, line);) {
             if (!line.starts_with(one.line)) continue;
             if (const auto share = shareOf(line)) {
@@ -71,45 +66,24 @@ private:
                 return true;
             }
         }
-        keep(one, wasRaised(one));
         m_collection.cannotRead(path.string() + ": it has no line \"" + std::string(one.line) + "\" with a share");
         return true;
     }
 
     void judge(const Watched& one, double share) {
-        const bool before = wasRaised(one);
-        const bool now = before ? share >= one.cleared : share >= one.raised;
-        keep(one, now);
-        if (now != before) tell(one, share, now);
-    }
-
-    bool wasRaised(const Watched& one) const {
-        return (' ' + m_collection.position() + ' ').find(' ' + std::string(one.resource) + ' ') != std::string::npos;
-    }
-    void keep(const Watched& one, bool raised) {
-        if (raised) m_raised.append(m_raised.empty() ? "" : " ").append(one.resource);
-    }
-
-    void tell(const Watched& one, double share, bool raised) {
-        QOREventRecord event;
-        event.time = currentTime();
-        event.eid = m_collection.machine();
-        event.id = QORGUIDBase::fromName(
-            event.eid, "pressure " + std::string(one.resource) + (raised ? " + " : " - ") + std::to_string(event.time));
-        event.source = "pressure";
-        event.category = "resource_alert";
-        QORInfo& info = event.info.emplace();
+        const std::string key(one.resource);
+        const std::optional<bool> news = m_alerts.judge(key, share >= one.raised, share < one.cleared);
+        if (!news) return;
+        QORInfo info;
         addText(info, "resource", one.resource);
-        info.add("state", raised ? "raised" : "cleared");
-        std::array<char, 16> text{};
-        const auto end = std::to_chars(text.data(), text.data() + text.size(), share, std::chars_format::fixed, 2);
-        info.add("stalled", std::string(text.data(), end.ptr));
-        m_collection.add(lineOf(event));
+        info.add("state", CollectedAlerts::stateOf(*news));
+        info.add("stalled", perCent(share));
+        m_alerts.tell(key, *news, std::move(info));
     }
 
     QORCollection& m_collection;
     const std::filesystem::path m_folder;
-    std::string m_raised;
+    CollectedAlerts m_alerts;
 };
 
 }  // namespace

@@ -1,0 +1,46 @@
+#include "ingest/collectors/EscapedPath.h"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace QOR {
+namespace {
+
+bool isOctal(char ch) {
+    return ch >= '0' && ch <= '7';
+}
+
+}  // namespace
+
+std::string escapePath(std::string_view path) {
+    std::string escaped;
+    for (const char ch : path) {
+        const auto byte = static_cast<unsigned char>(ch);
+        if (byte > ' ' && byte < 127 && ch != '\\') {
+            escaped += ch;
+            continue;
+        }
+        escaped += '\\';
+        for (const unsigned shift : {6U, 3U, 0U})
+            escaped += static_cast<char>('0' + ((byte >> shift) & 7U));
+    }
+    return escaped;
+}
+
+std::string unescapePath(std::string_view escaped) {
+    std::string path;
+    for (std::size_t at = 0; at < escaped.size(); ++at) {
+        const std::string_view digits = escaped.substr(at + 1, 3);
+        const bool isEscape = escaped[at] == '\\' && digits.size() == 3 && digits[0] <= '3' &&
+                              std::all_of(digits.begin(), digits.end(), isOctal);
+        if (!isEscape) {
+            path += escaped[at];
+            continue;
+        }
+        path += static_cast<char>((digits[0] - '0') * 64 + (digits[1] - '0') * 8 + (digits[2] - '0'));
+        at += 3;
+    }
+    return path;
+}
+
+}  // namespace QOR
