@@ -7,6 +7,7 @@
 #include "QORFunctionality/QORCollector.h"
 #include "ingest/CollectorRun.h"
 #include "ingest/collectors/AptCollector.h"
+#include "ingest/collectors/CgroupCollector.h"
 #include "ingest/collectors/DpkgCollector.h"
 #include "ingest/collectors/FilesystemCollector.h"
 #include "ingest/collectors/MachineCollector.h"
@@ -22,6 +23,7 @@ struct OwnCollectors {
     AptCollector apt;
     PressureCollector pressure;
     FilesystemCollector filesystems;
+    CgroupCollector cgroups;
 };
 
 }  // namespace
