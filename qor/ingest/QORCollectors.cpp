@@ -10,6 +10,7 @@
 #include "ingest/collectors/CgroupCollector.h"
 #include "ingest/collectors/DpkgCollector.h"
 #include "ingest/collectors/FilesystemCollector.h"
+#include "ingest/collectors/JournalCollector.h"
 #include "ingest/collectors/MachineCollector.h"
 #include "ingest/collectors/PressureCollector.h"
 
@@ -24,6 +25,7 @@ struct OwnCollectors {
     PressureCollector pressure;
     FilesystemCollector filesystems;
     CgroupCollector cgroups;
+    JournalCollector journal;
 };
 
 }  // namespace
