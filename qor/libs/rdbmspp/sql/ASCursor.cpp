@@ -91,7 +91,7 @@ struct ASCursor::Impl {
     void run();
     void attempt();
     void start(bool exactSums);
-    const ASSqlBuilder* kept() const;
+    const ASSqlBuilder& written() const;
     void begin(const ASSqlBuilder& builder, bool streams);
     bool adds() const;
     void bind();
@@ -186,8 +186,7 @@ void ASCursor::Impl::start(bool exactSums) {
     auto& s = session.impl();
     // Sums are all there before the first row is handed out, so that they can be taken again.
     const bool streams = s.isLong() || (s.mayStream() && isLong(select.m_limit, atOnce()) && !isOneRow() && !adds());
-    const ASSqlBuilder* const written = streams || exactSums ? nullptr : kept();
-    if (written != nullptr) return begin(*written, false);
+    if (select.m_written != nullptr && !streams && !exactSums) return begin(written(), false);
     ASSqlBuilder builder(*s.dialect, streams ? ASPurpose::Streaming : ASPurpose::Execution, exactSums,
                          std::move(s.spareText));
     where = select.where(*s.dialect);
@@ -196,19 +195,18 @@ void ASCursor::Impl::start(bool exactSums) {
     s.spareText = std::move(builder).takeText();
 }
 
-/// Written before, or now and to be kept; null where it is not worth keeping.
-const ASSqlBuilder* ASCursor::Impl::kept() const {
-    if (select.m_written == nullptr) return nullptr;
-    ASWrittenSelect& written = *select.m_written;
+/// What was written before, where the same would be written now; else it is written, once, and kept for the next time.
+const ASSqlBuilder& ASCursor::Impl::written() const {
+    ASWrittenSelect& kept = *select.m_written;
     const ASDialect& dialect = *session.impl().dialect;
-    if (written.builder == nullptr || &written.builder->dialect() != &dialect) {
-        written.builder.reset();
-        written.where = select.where(dialect);
-        auto builder = std::make_unique<ASSqlBuilder>(dialect, ASPurpose::Execution);
-        builder->select(select, written.where);
-        written.builder = std::move(builder);
-    }
-    return written.builder->isLasting() ? written.builder.get() : nullptr;
+    const ASSqlBuilder* const before = kept.builder.get();
+    if (before != nullptr && &before->dialect() == &dialect && before->isLasting()) return *before;
+    kept.builder.reset();  // whose values are the condition's
+    kept.where = select.where(dialect);
+    auto builder = std::make_unique<ASSqlBuilder>(dialect, ASPurpose::Execution);
+    builder->select(select, kept.where);
+    kept.builder = std::move(builder);
+    return *kept.builder;
 }
 
 void ASCursor::Impl::begin(const ASSqlBuilder& builder, bool streams) {

@@ -18,6 +18,9 @@ constexpr std::size_t placeCount = 3;
 /// Rows lie by the remainder of their key, which stands as a text; those without one in the first place.
 class Places final : public ASPlaces {
 public:
+    /// \param moved places by which all rows are said to have moved on
+    explicit Places(std::size_t moved = 0) : m_moved(moved) {}
+
     std::size_t count() const noexcept override { return placeCount; }
     std::string schemaOf(std::size_t place, bool) const override { return "p" + std::to_string(place); }
     std::string schemaOfAll(bool) const override { return "pall"; }
@@ -27,17 +30,25 @@ public:
     std::optional<std::size_t> placeOf(const std::optional<std::string>& key) const override {
         if (!key) return 0;
         if (key->empty() || key->find_first_not_of("0123456789") != std::string::npos) return std::nullopt;
-        return std::stoul(*key) % placeCount;
+        return (std::stoul(*key) + m_moved) % placeCount;
     }
+
+private:
+    const std::size_t m_moved;
 };
 
 class Spread final : public ASSpread {
 public:
-    std::shared_ptr<const ASPlaces> places() override { return std::make_shared<Places>(); }
+    std::shared_ptr<const ASPlaces> places() override {
+        ++written;
+        return std::make_shared<Places>(moved);
+    }
     bool isCurrent(const ASPlaces&) override { return current; }
     AException naming(const ASPlaces&, const AException& failure) override { return failure; }
 
     bool current = true;
+    std::size_t moved = 0;
+    unsigned written = 0;  ///< selects: whoever writes one asks once for the places
 };
 
 /// k is the key, n its number, and text is "t" and its number; twelve rows have keys, one has none. A place says in
@@ -150,6 +161,27 @@ TEST_F(SpreadViews, RowsThatWereMovedMeanwhileAreNoAnswer) {
     const AException failure = failureOf([&] { select(text.attribute, {}, {}, 5); });
     EXPECT_THAT(failure.text(), HasSubstr("rows have just been moved from one place to another"));
     EXPECT_EQ(failure.failure(), ASFailure::Undone);
+}
+
+TEST_F(SpreadViews, ASelectThatIsKeptIsWrittenOnceForEachRunByTheDivisionOfThatMoment) {
+    ASSelect kept;
+    kept.Filter().Project() << place.attribute;
+    kept.Filter().Set(k.attribute == ASVStr(5, "4"));
+    kept.Limit(5, 0);
+    kept.keepWritten();
+    const auto run = [&] {
+        QORRdbmsTran transaction(ASAccess::ReadOne);
+        ASCursor cursor(*transaction);
+        cursor.Select() = kept;
+        return cursor.Fetch() ? test::cell(*place.data) : "(no row)";
+    };
+    for (unsigned runs = 1; runs <= 3; ++runs) {
+        EXPECT_EQ(run(), "p1");
+        EXPECT_EQ(spread.written, runs);
+    }
+    spread.moved = 1;
+    EXPECT_EQ(run(), "(no row)") << "it is looked for where it is said to be now";
+    EXPECT_EQ(spread.written, 4U);
 }
 
 /// `n = 4 or n = 5 or ...`, with so many values.
