@@ -35,8 +35,11 @@ QORGUIDBase ForwardPosition::stream() {
     return stream;
 }
 
-void ForwardPosition::store(const QORChangePosition& position, const std::vector<ForwardRefused>& refused) const {
+void ForwardPosition::store(const QORChangePosition& position, const std::vector<std::string>& gone,
+                            const std::vector<ForwardRefused>& refused) const {
     QORRdbms::instance().write([&](ASSession& session) {
+        for (const std::string& server : gone)
+            forget(session, server);
         for (const auto& [server, number] : position) {
             session
                 .prepare(
@@ -49,6 +52,15 @@ void ForwardPosition::store(const QORChangePosition& position, const std::vector
         }
         note(session, refused);
     });
+}
+
+void ForwardPosition::forget(ASSession& session, const std::string& server) const {
+    for (const char* const table : {"qor_forward_position", "qor_forward_refused"}) {
+        session.prepare("DELETE FROM " + std::string(table) + " WHERE target = ? AND server = ?")
+            .bind(1, std::string_view(m_target))
+            .bind(2, std::string_view(server))
+            .execute(ASTriggers::Skip);
+    }
 }
 
 void ForwardPosition::note(ASSession& session, const std::vector<ForwardRefused>& refused) const {

@@ -31,8 +31,10 @@ public:
     QORChangePosition read() const;
     /// What events get their identifiers from: made once for a database, and kept by its copies.
     static QORGUIDBase stream();
-    /// Everything up to there has been taken, but for what was refused.
-    void store(const QORChangePosition& position, const std::vector<ForwardRefused>& refused) const;
+    /// Everything up to there has been taken, but for what was refused. \param gone servers that are none of the
+    /// database's any more: nothing is known of them from here on
+    void store(const QORChangePosition& position, const std::vector<std::string>& gone,
+               const std::vector<ForwardRefused>& refused) const;
 
     std::uint64_t countRefused() const;
     /// Those that were refused first.
@@ -41,6 +43,7 @@ public:
     void settle(const std::vector<ForwardRefused>& sent, const std::vector<ForwardRefused>& again) const;
 
 private:
+    void forget(ASSession& session, const std::string& server) const;
     void note(ASSession& session, const std::vector<ForwardRefused>& refused) const;
 
     const std::string m_target;

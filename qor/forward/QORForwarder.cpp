@@ -116,17 +116,24 @@ public:
         const std::lock_guard lock(m_mutex);
         for (const auto& [server, last] : end)
             m_end[server] = last;
-        m_state.away = std::move(away);
         m_state.behind = 0;
         for (const auto& [server, last] : m_end) {
-            const auto at = m_position.find(server);
-            const std::int64_t from = at == m_position.end() ? 0 : at->second;
-            if (last > from) m_state.behind += static_cast<std::uint64_t>(last - from);
+            const bool isThere = end.contains(server) || std::find(away.begin(), away.end(), server) != away.end();
+            if (isThere) m_state.behind += unsent(server);
         }
+        m_state.away = std::move(away);
         if (m_state.behind == 0 && m_state.away.empty()) m_level = Clock::now();
     }
 
 private:
+    /// Changes that the server is known to tell of and that have not been taken. m_mutex is held.
+    std::uint64_t unsent(const std::string& server) const {
+        const auto last = m_end.find(server);
+        const auto at = m_position.find(server);
+        const std::int64_t from = at == m_position.end() ? 0 : at->second;
+        return last == m_end.end() || last->second < from ? 0 : static_cast<std::uint64_t>(last->second - from);
+    }
+
     void work(QORChangeWatch& changes, const std::stop_token& stop) {
         while (!stop.stop_requested()) {
             const std::uint64_t seen = changes.seen();
@@ -194,7 +201,9 @@ private:
             return batch;
         }
         // Up to the last that was taken: of each server changes are told in their order.
-        batch.position = sent;
+        for (const auto& [server, behind] : reader.position()) {
+            if (const auto before = sent.find(server); before != sent.end()) batch.position.insert(*before);
+        }
         for (std::size_t at = 0; at < taken; ++at)
             batch.position[records[at].server] = records[at].number;
         return batch;
@@ -280,12 +289,34 @@ private:
     }
 
     void store(const Batch& batch, const std::vector<ForwardRefused>& refused) {
-        m_stored.store(batch.position, refused);
+        const std::vector<std::string> gone = goneBy(batch.position);
+        m_stored.store(batch.position, gone, refused);
+        const std::uint64_t left = gone.empty() ? 0 : m_stored.countRefused();
         const std::lock_guard lock(m_mutex);
+        for (const std::string& server : gone)
+            forget(server);
         m_position = batch.position;
-        if (batch.lines.empty()) return;
         m_state.taken += batch.lines.size() - refused.size();
-        m_state.refused += refused.size();
+        m_state.refused = gone.empty() ? m_state.refused + refused.size() : left;
+    }
+
+    /// Servers of which it is known how far they were sent, and which the later position does not have any more.
+    std::vector<std::string> goneBy(const QORChangePosition& later) const {
+        std::vector<std::string> gone;
+        for (const auto& [server, behind] : position()) {
+            if (!later.contains(server)) gone.push_back(server);
+        }
+        return gone;
+    }
+
+    /// Nobody can send any more what was not sent of it. m_mutex is held.
+    void forget(const std::string& server) {
+        const std::uint64_t left = unsent(server);
+        logMessage(left > 0 ? 1 : 2, "QORForward", sourcePath, "store",
+                   "server \"%s\" is none of the database's any more: %llu changes of it were not sent to %s",
+                   server.c_str(), static_cast<unsigned long long>(left), m_target.c_str());
+        m_state.missing += left;
+        m_end.erase(server);
     }
 
     bool isTimeToOffer() const { return !m_offered || Clock::now() - *m_offered >= betweenOffers; }

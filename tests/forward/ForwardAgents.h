@@ -55,9 +55,12 @@ void awaitThat(Condition condition) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
-/// Until everything that is stored has been taken.
+/// Until everything that is stored has been taken. A busy machine may not tell in time what is stored.
 inline void awaitSent(const AgentProcess& agent) {
-    awaitThat([&] { return forwarding(agent, "behind") == "0"; });
+    awaitThat([&] {
+        const HttpAnswer status = HttpClient(agent.socketPath()).get("/v1/status");
+        return jsonAt(status.body, "forward/behind") == "0" && jsonAt(status.body, "forward/away").empty();
+    });
 }
 
 inline void store(const AgentProcess& agent, const std::string& lines) {

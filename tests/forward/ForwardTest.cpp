@@ -2,10 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <fstream>
+#include <list>
 #include <string>
 #include <vector>
 
+#include "agent/Follower.h"
 #include "agent/RecordLines.h"
 #include "forward/ForwardAgents.h"
 #include "support/TcpBalancer.h"
@@ -167,6 +170,43 @@ TEST_F(ForwardTest, ASenderWhoIsNotLetInTriesAgain) {
     awaitSent(host);
     EXPECT_EQ(rowsOf(central, "vEventLog", "source"), R"([["one"]])");
     awaitThat([&] { return forwarding(host, "failing") == "false"; });
+}
+
+/// A number that an agent tells of itself.
+std::int64_t numberOf(const AgentProcess& agent, const std::string& name) {
+    const std::string all = HttpClient(agent.socketPath()).get("/metrics").body;
+    const std::string begin = "\n" + name + " ";
+    return std::stoll(all.substr(all.find(begin) + begin.size()));
+}
+
+// Others have all connections of its identity. What the central agent asks for then is longer than the sender's first
+// pauses of its own, which are a quarter and half a second at most.
+TEST_F(ForwardTest, ASenderWhoIsToldWhenToComeAgainComesNoSoonerAndLosesNothing) {
+    constexpr int connections = 4;
+    const AgentProcess crowded(
+        {.more = {"--listen", "http://127.0.0.1:0", "--user-connections", std::to_string(connections)}});
+    const std::string file = tokenFile(crowded, "crowd", {"--full"}, folder);
+    std::ifstream stream(file);
+    std::string shown;
+    std::getline(stream, shown);
+    std::list<Follower> others;
+    for (int other = 0; other < connections; ++other)
+        others.emplace_back(HttpClient(connectTcp("127.0.0.1", portOf(crowded))), "",
+                            "Authorization: Bearer " + shown + "\r\n");
+    const auto begin = std::chrono::steady_clock::now();
+    const AgentProcess host({.more = {"--forward", "http://127.0.0.1:" + std::to_string(portOf(crowded)),
+                                      "--forward-token", file, "--forward-wait", "1"}});
+    store(host, event("one") + event("two"));
+    awaitThat([&] { return numberOf(host, "qor_forward_failures_total") >= 3; });
+    // Between the first and the third are two seconds however busy the machine is: only more can pass.
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_THAT(forwarding(host, "lastError"),
+                AllOf(HasSubstr("it answers 429"), HasSubstr("this user has 4 connections")));
+    awaitThat([&] { return forwarding(host, "behind") == "2"; });
+    others.clear();
+    awaitSent(host);
+    EXPECT_EQ(rowsOf(crowded, "vEventLog", "source"), R"([["one"],["two"]])");
+    EXPECT_EQ(forwarding(host, "refused"), "0");
 }
 
 TEST_F(ForwardTest, WhatWasNotSentIsNotPrunedUntilTheDatabaseIsTooLarge) {

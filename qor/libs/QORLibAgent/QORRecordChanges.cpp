@@ -262,18 +262,20 @@ QORChangePosition QORChangeReader::knownEnd(std::vector<std::string>& away) {
 QORRecordChanges QORChangeReader::read(const QORRowAccess& access, std::size_t most) {
     QORRecordChanges changes;
     changes.atEnd = true;
-    QORChangePosition next = m_behind;
+    QORChangePosition next;  // of those that there are by now
     forEachDatabase([&](const std::string& name, QORRdbms& database) {
+        const auto before = m_behind.find(name);
         if (changes.records.size() >= most) {
             changes.atEnd = false;
+            if (before != m_behind.end()) next.insert(*before);
             return;
         }
         // Servers have copies of the environments, whose changes home tells.
         std::set<QORChangeKind> kinds = m_kinds;
         if (!name.empty()) kinds.erase(QORChangeKind::Environment);
         QORRdbmsTran tran(database, ASAccess::Read);
-        std::int64_t& behind = next[name];
-        behind = Reading(*tran, name, kinds, access, most, changes).from(behind);
+        const std::int64_t behind = before == m_behind.end() ? 0 : before->second;
+        next[name] = Reading(*tran, name, kinds, access, most, changes).from(behind);
     });
     m_behind = std::move(next);
     return changes;

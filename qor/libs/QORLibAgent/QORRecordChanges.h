@@ -82,7 +82,9 @@ public:
     static QORChangePosition knownEnd(std::vector<std::string>& away);
     const QORChangePosition& position() const noexcept { return m_behind; }
 
-    /// Reads on, and stands behind that then. Takes bounded time, so that it may find nothing though there is more.
+    /// Reads on, and stands behind that then. Takes bounded time, so that it may find nothing though there is more. Of
+    /// servers that are none of the database's any more the position says nothing then: another one may come under the
+    /// name, whose numbers begin anew.
     /// \param access whose records are told; others are passed over
     /// \param most of records, at least 1
     QORRecordChanges read(const QORRowAccess& access, std::size_t most);

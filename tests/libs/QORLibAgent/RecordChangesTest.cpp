@@ -242,6 +242,14 @@ TEST_F(RecordChanges, WhoStandsAtTheEndIsToldWhatComes) {
     EXPECT_THAT(readOn(reader), ElementsAre("after"));
 }
 
+// Another server may come under the name, whose numbers begin anew.
+TEST_F(RecordChanges, PositionsSayNothingOfServersThatAreGone) {
+    runSql(event("c"));
+    QORChangeReader reader(allKinds, {{"", 0}, {"gone", 7}});
+    EXPECT_EQ(readOn(reader).size(), 1U);
+    EXPECT_EQ(reader.position(), QORChangeReader::end());
+}
+
 TEST_F(RecordChanges, OfATransactionThatWasUndoneAreNotTold) {
     QORChangeReader reader(allKinds);
     {
