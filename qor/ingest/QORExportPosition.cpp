@@ -83,6 +83,10 @@ void takePositionMember(const PositionMember& member, QORExportPosition& positio
         position.unreadable = member.count();
     } else if (name == "database") {
         position.database = member.text();
+    } else if (name == "server") {
+        refusePosition(
+            "it is one of an earlier version, which exported one server after the other: export to another file, from "
+            "the beginning");
     } else {
         member.refuse();
     }

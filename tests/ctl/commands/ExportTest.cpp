@@ -194,6 +194,12 @@ TEST_P(Export, WhatIsNotItsOwnIsNotGoneOnWith) {
         EXPECT_THAT(result.err, HasSubstr(file));
         EXPECT_EQ(contentOf(file), content);
     }
+    writeTo(file, R"({"position":{"at":"events","server":"s1","after":"7","counts":{}}})"
+                  "\n");
+    const CtlResult earlier = run({"export", "-o", file, "--resume"});
+    EXPECT_EQ(earlier.status, 2);
+    EXPECT_THAT(earlier.err, HasSubstr("it is one of an earlier version, which exported one server after the other: "
+                                       "export to another file, from the beginning"));
     EXPECT_EQ(outputOf({"export", "-o", file, "--kinds", "events"}), "");
     const std::string events = contentOf(file);
     writeTo(file, events.substr(0, events.find(R"({"end":)")));
