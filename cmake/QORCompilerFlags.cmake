@@ -42,8 +42,9 @@ endif()
 
 # qor_mostly_templates(<source> ...): sources that are little beside what they make of other libraries' templates. With a
 # sanitizer, optimising them takes the compiler half a minute and more, which nobody gains by; nor does anybody by those
-# checks of undefined behaviour that the address sanitizer makes as well when it comes to it.
+# checks of undefined behaviour that the address sanitizer makes as well when it comes to it. They are compiled apart.
 function(qor_mostly_templates)
+  set_property(SOURCE ${ARGN} PROPERTY QOR_APART ON)
   if(QOR_SANITIZE)
     set(options -O0)
     if(QOR_SANITIZE MATCHES "address.*undefined")

@@ -13,7 +13,7 @@ packages=(
 )
 
 # What the tests run beside the program.
-test_packages=(postgresql-15 odbc-postgresql openssl nodejs fish zsh dpkg-dev lintian)
+test_packages=(postgresql-15 odbc-postgresql openssl nodejs fish zsh dpkg-dev lintian mkdocs)
 
 # What checks the agent's description of its routes, and makes a client of it to be tested with: Debian has no package of
 # either.
@@ -51,18 +51,20 @@ install_packages() {
         >/dev/null
 }
 
+configure() {  # configure PRESET
+    say "configuring build/$1"
+    cmake --preset "$1" >"/tmp/qor-configure-$$.log" 2>&1 || {
+        cat "/tmp/qor-configure-$$.log" >&2
+        return 1
+    }
+    rm -f "/tmp/qor-configure-$$.log"
+}
+
 # build PRESET [TARGET...]: configures (once, and when the presets change) and builds; quick when nothing changed.
 build() {
     local preset=$1
     shift
-    if [ ! "build/$preset/build.ninja" -nt CMakePresets.json ]; then
-        say "configuring build/$preset"
-        cmake --preset "$preset" >"/tmp/qor-configure-$$.log" 2>&1 || {
-            cat "/tmp/qor-configure-$$.log" >&2
-            return 1
-        }
-        rm -f "/tmp/qor-configure-$$.log"
-    fi
+    [ "build/$preset/build.ninja" -nt CMakePresets.json ] || configure "$preset"
     say "building build/$preset"
     local target=()
     [ $# -eq 0 ] || target=(--target "$@")

@@ -9,6 +9,7 @@ set(QOR_SDK_HEADERS
   QORCommon/QORNumbers.h
   QORCommon/QORReferenceCounter.h
   QORCommon/QORRequestControl.h
+  QORCommon/QORSourcePath.h
   QORCommon/QORText.h
   QORCommon/QORTime.h
   QORDBSchema/QORDBSchema.h

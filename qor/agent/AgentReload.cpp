@@ -14,6 +14,8 @@
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORPasswords.h"
+#include "QORCommon/QORSourcePath.h"
+#include "QORCommon/QORText.h"
 #include "agent/ServiceManager.h"
 #include "agent/api/AgentApplication.h"
 #include "agent/api/AgentAudit.h"
@@ -25,18 +27,8 @@
 namespace QOR {
 namespace {
 
-constexpr const char* module = "QORAgent";
-constexpr const char* sourcePath = "qor/agent/AgentReload";
-
 bool isSameAudit(const AgentAudit::Options& one, const AgentAudit::Options& other) {
     return one.target == other.target && one.literals == other.literals;
-}
-
-std::string joined(const std::vector<std::string>& names) {
-    std::string text;
-    for (const std::string& name : names)
-        text += (text.empty() ? "" : ", ") + name;
-    return text;
 }
 
 }  // namespace
@@ -63,7 +55,7 @@ void AgentReload::run() {
         // A database may be given with a password.
         const std::string why = withoutPasswords(exception.what());
         m_parts.state.failed(why);
-        logMessage(0, module, sourcePath, __func__, "%s; the settings stay as they were%s", why.c_str(),
+        logMessage(0, "QORAgent", QOR_SOURCE_PATH, __func__, "%s; the settings stay as they were%s", why.c_str(),
                    m_parts.certificates == nullptr ? "" : ", and the certificates stay as they were");
     }
     ServiceManager::ready(m_parts.state.text());
@@ -74,9 +66,9 @@ void AgentReload::reopenLogs() const {
     if (m_running.logFile.empty()) return;
     try {
         setLogFile(m_running.logFile);
-        logMessage(2, module, sourcePath, __func__, "the log has been opened anew");
+        logMessage(2, "QORAgent", QOR_SOURCE_PATH, __func__, "the log has been opened anew");
     } catch (const std::exception& exception) {
-        logMessage(0, module, sourcePath, __func__, "%s; the old one is written on", exception.what());
+        logMessage(0, "QORAgent", QOR_SOURCE_PATH, __func__, "%s; the old one is written on", exception.what());
     }
 }
 
@@ -132,7 +124,7 @@ void AgentReload::apply(Change change) {
     setLogLevel(static_cast<int>(settings.logLevel));
     if (change.certificates) {
         m_parts.certificates->use(std::move(change.certificates));
-        logMessage(2, module, sourcePath, __func__, "the certificates have been read anew");
+        logMessage(2, "QORAgent", QOR_SOURCE_PATH, __func__, "the certificates have been read anew");
     }
     settings.memory.unpackedBody = settings.server.bodyLimit;
     m_parts.application.setMemory(settings.memory);
@@ -144,19 +136,20 @@ void AgentReload::apply(Change change) {
     if (settings.keep != m_running.keep) m_parts.retention.keep(settings.keep);
     m_running = std::move(settings);
     m_parts.state.loaded(change.awaiting);
-    logMessage(2, module, sourcePath, __func__, "the settings have been read anew; changed: %s",
-               change.changed.empty() ? "nothing" : joined(change.changed).c_str());
+    logMessage(2, "QORAgent", QOR_SOURCE_PATH, __func__, "the settings have been read anew; changed: %s",
+               change.changed.empty() ? "nothing" : joinTexts(change.changed).c_str());
     if (change.awaiting.empty()) return;
-    logMessage(1, module, sourcePath, __func__, "a change of %s needs a restart of the agent",
-               joined(change.awaiting).c_str());
+    logMessage(1, "QORAgent", QOR_SOURCE_PATH, __func__, "a change of %s needs a restart of the agent",
+               joinTexts(change.awaiting).c_str());
 }
 
 void openLog(const std::string& path) {
     setLogFile(path);
     if (path.empty()) return;
     if (const std::optional<mode_t> before = narrowOwnFile(path)) {
-        logMessage(1, module, sourcePath, __func__, "%s had mode %04o, so that others could read it; it is %04o now",
-                   path.c_str(), *before, *before & S_IRWXU);
+        logMessage(1, "QORAgent", QOR_SOURCE_PATH, __func__,
+                   "%s had mode %04o, so that others could read it; it is %04o now", path.c_str(), *before,
+                   *before & S_IRWXU);
     }
 }
 
@@ -166,7 +159,7 @@ void fitConnections(HttpServerOptions& server) {
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= server.maxConnections + forOthers) return;
     const std::size_t left = limit.rlim_cur > forOthers ? limit.rlim_cur - forOthers : 0;
     server.maxConnections = std::max<std::size_t>(left, 16);
-    logMessage(1, module, sourcePath, __func__, "%zu descriptors are few: there may be %zu connections",
+    logMessage(1, "QORAgent", QOR_SOURCE_PATH, __func__, "%zu descriptors are few: there may be %zu connections",
                static_cast<std::size_t>(limit.rlim_cur), server.maxConnections);
 }
 

@@ -15,6 +15,7 @@
 #include <ctime>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 
 namespace QOR {
 namespace {
@@ -49,7 +50,7 @@ std::string monotonicMicroseconds() {
 
 [[noreturn]] void refuse(int socket, const std::string& why) {
     throw QORException(errFailure, "socket " + std::to_string(socket) + " of the service manager " + why,
-                       "qor/agent/ServiceManager");
+                       QOR_SOURCE_PATH);
 }
 
 template <class Address>

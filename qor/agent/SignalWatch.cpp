@@ -14,11 +14,10 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/agent/SignalWatch";
 
 /// Come from what a thread has just done, so that only it can answer them; by default they end the program, and do.
 constexpr int faults[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP};
@@ -93,7 +92,7 @@ void SignalWatch::react(int number) const {
             m_reactions.readAnew();
             break;
         default:
-            logMessage(1, "QORAgent", sourcePath, __func__, "signal %d (%s) means nothing to the agent", number,
+            logMessage(1, "QORAgent", QOR_SOURCE_PATH, __func__, "signal %d (%s) means nothing to the agent", number,
                        ::strsignal(number));
     }
 }

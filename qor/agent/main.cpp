@@ -18,6 +18,7 @@
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORPasswords.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "agent/AgentReload.h"
 #include "agent/MemoryKeeper.h"
@@ -62,7 +63,7 @@ void makeStateDirectory() {
     const std::filesystem::path folder = defaultStateDirectory();
     std::filesystem::create_directories(folder);
     if (const std::optional<mode_t> before = narrowOwnFile(folder.string())) {
-        logMessage(1, "QORAgent", "qor/agent/main", "serve",
+        logMessage(1, "QORAgent", QOR_SOURCE_PATH, "serve",
                    "%s had mode %04o, so that others could enter it; it is %04o now", folder.c_str(), *before,
                    *before & S_IRWXU);
     }
@@ -88,7 +89,7 @@ void announce(const std::vector<QORAgentAddress>& addresses) {
     for (const QORAgentAddress& address : addresses) {
         const std::string where = address.isUnix() ? address.path : address.text();
         std::printf("qor-agent listening on %s\n", where.c_str());
-        logMessage(2, "QORAgent", "qor/agent/main", "serve", "listening on %s", where.c_str());
+        logMessage(2, "QORAgent", QOR_SOURCE_PATH, "serve", "listening on %s", where.c_str());
     }
     std::fflush(stdout);
 }
@@ -162,7 +163,7 @@ private:
 void endCollectors(QORCollectorSchedule& collectors, int status) {
     constexpr std::chrono::seconds patience(5);
     if (collectors.stop(patience)) return;
-    logMessage(1, "QORAgent", "qor/agent/main", "serve", "stopped; a collector that hangs was left behind");
+    logMessage(1, "QORAgent", QOR_SOURCE_PATH, "serve", "stopped; a collector that hangs was left behind");
     std::_Exit(status);
 }
 
@@ -222,7 +223,7 @@ int serve(AgentSettings settings, SettingsSources sources) {
         ServiceManager::ready(state.text());
         if (!server.run()) {
             // Threads are still at work in plug-ins; unloading those beneath them would be worse than leaving at once.
-            logMessage(0, "QORAgent", "qor/agent/main", "serve", "requests did not end in time");
+            logMessage(0, "QORAgent", QOR_SOURCE_PATH, "serve", "requests did not end in time");
             std::_Exit(EXIT_FAILURE);
         }
         endCollectors(collectors, EXIT_SUCCESS);
@@ -231,7 +232,7 @@ int serve(AgentSettings settings, SettingsSources sources) {
         endCollectors(collectors, EXIT_FAILURE);
         return EXIT_FAILURE;
     }
-    logMessage(2, "QORAgent", "qor/agent/main", "serve", "stopped");
+    logMessage(2, "QORAgent", QOR_SOURCE_PATH, "serve", "stopped");
     return EXIT_SUCCESS;
 }
 

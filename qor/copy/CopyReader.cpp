@@ -5,6 +5,7 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORSchemaRows.h"
@@ -226,7 +227,7 @@ void CopyReader::refuse(const ASStatement& row, const QORSchemaColumn* column, c
     throw QORException(errFailure,
                        where + ": " + (column == nullptr ? "" : column->name + " ") + reason +
                            ". No other database would take it; \"qorctl check --mend\" may mend it in the source",
-                       "qor/copy/CopyReader", __LINE__);
+                       QOR_SOURCE_PATH, __LINE__);
 }
 
 }  // namespace QOR

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORDBSchema/QORSchemaTables.h"
@@ -26,12 +27,10 @@ namespace {
 
 using Part = QORCopyProgress::Part;
 
-constexpr const char* sourcePath = "qor/copy/QORDatabaseCopy";
-
 [[noreturn]] void refuse(const std::string& what, const std::string& connection, const std::string& why) {
     throw QORException(errFailure,
                        "the " + what + " " + quoteText(QORDBSchema::databaseName(connection), 1024) + " " + why,
-                       sourcePath, __LINE__);
+                       QOR_SOURCE_PATH, __LINE__);
 }
 
 /// Ends a copy that is to be gone on with.
@@ -116,8 +115,8 @@ std::vector<Pair> pairTables(std::vector<QORSchemaTable> source, const std::vect
             if (same != to->columns.end()) ordered.columns.push_back(*same);
         }
         if (!fits || ordered.columns.size() != from.columns.size())
-            throw QORException(errFailure, "the table " + from.name + " is not the same in both databases", sourcePath,
-                               __LINE__);
+            throw QORException(errFailure, "the table " + from.name + " is not the same in both databases",
+                               QOR_SOURCE_PATH, __LINE__);
         ordered.key = from.key;
         pairs.push_back({std::move(from), std::move(ordered)});
     }
@@ -268,7 +267,7 @@ private:
                 throw QORException(errFailure,
                                    where + ": " + pair.target.columns[i].name + " " + quoteText(*value) + " " + fault +
                                        ", which the target cannot keep; change it in the source",
-                                   sourcePath, __LINE__);
+                                   QOR_SOURCE_PATH, __LINE__);
             }
         }
     }

@@ -17,6 +17,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORChangeWatch.h"
 #include "QORLibAgent/QORSecurity.h"
@@ -29,7 +30,6 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/forward/QORForwarder";
 constexpr const char* path = "/v1/records";
 
 /// Records of one request, and the bytes from which on no further ones are added.
@@ -68,7 +68,7 @@ QORRowAccess everything() {
 
 void requireReadable(const std::string& option, const std::string& file) {
     if (file.empty() || std::ifstream(file).good()) return;
-    throw QORException(errFailure, option + ": " + file + " cannot be read", sourcePath);
+    throw QORException(errFailure, option + ": " + file + " cannot be read", QOR_SOURCE_PATH);
 }
 
 }  // namespace
@@ -257,10 +257,10 @@ private:
     void noteRefused(std::span<const ForwardRefused> refused) const {
         constexpr std::size_t mostNamed = 5;
         for (const ForwardRefused& one : refused.first(std::min(refused.size(), mostNamed)))
-            logMessage(1, "QORForward", sourcePath, "send", "%s does not take %s: %s", m_target.c_str(),
+            logMessage(1, "QORForward", QOR_SOURCE_PATH, "send", "%s does not take %s: %s", m_target.c_str(),
                        one.record.id.c_str(), one.reason.c_str());
         if (refused.size() > mostNamed)
-            logMessage(1, "QORForward", sourcePath, "send", "%s does not take %zu others", m_target.c_str(),
+            logMessage(1, "QORForward", QOR_SOURCE_PATH, "send", "%s does not take %zu others", m_target.c_str(),
                        refused.size() - mostNamed);
     }
 
@@ -312,7 +312,7 @@ private:
     /// Nobody can send any more what was not sent of it. m_mutex is held.
     void forget(const std::string& server) {
         const std::uint64_t left = unsent(server);
-        logMessage(left > 0 ? 1 : 2, "QORForward", sourcePath, "store",
+        logMessage(left > 0 ? 1 : 2, "QORForward", QOR_SOURCE_PATH, "store",
                    "server \"%s\" is none of the database's any more: %llu changes of it were not sent to %s",
                    server.c_str(), static_cast<unsigned long long>(left), m_target.c_str());
         m_state.missing += left;
@@ -341,12 +341,12 @@ private:
 
     void noteMissing(const Batch& batch) {
         if (batch.reset) {
-            logMessage(1, "QORForward", sourcePath, "read",
+            logMessage(1, "QORForward", QOR_SOURCE_PATH, "read",
                        "the database was put back to an earlier state: what changes from now on is sent to %s",
                        m_target.c_str());
         }
         if (batch.missing > 0) {
-            logMessage(2, "QORForward", sourcePath, "read",
+            logMessage(2, "QORForward", QOR_SOURCE_PATH, "read",
                        "%llu changes of records that are gone by now are not sent to %s",
                        static_cast<unsigned long long>(batch.missing), m_target.c_str());
         }
@@ -359,7 +359,7 @@ private:
         const std::lock_guard lock(m_mutex);
         m_state.lastSuccess = currentTime();
         if (std::exchange(m_state.failure, {}).empty()) return;
-        logMessage(2, "QORForward", sourcePath, "work", "records are sent to %s again", m_target.c_str());
+        logMessage(2, "QORForward", QOR_SOURCE_PATH, "work", "records are sent to %s again", m_target.c_str());
     }
 
     void failed(const Failure& failure, const std::stop_token& stop) {
@@ -369,7 +369,7 @@ private:
         m_state.lastFailure = currentTime();
         m_state.lastError = failure.reason;
         if (m_state.failure != failure.reason)
-            logMessage(1, "QORForward", sourcePath, "work", "records are not taken by %s, and wait: %s",
+            logMessage(1, "QORForward", QOR_SOURCE_PATH, "work", "records are not taken by %s, and wait: %s",
                        m_target.c_str(), failure.reason.c_str());
         m_state.failure = failure.reason;
         m_waiting.wait_for(lock, stop, m_pause.next(failure.retryAfter), [] { return false; });

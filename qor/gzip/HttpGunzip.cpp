@@ -7,19 +7,17 @@
 #include <limits>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
+#include "gzip/GzipForm.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/gzip/HttpGunzip";
-constexpr int window = 15;
-constexpr int gzipForm = 16;
-
 class Inflater {
 public:
     Inflater() {
-        if (::inflateInit2(&stream, window + gzipForm) != Z_OK)
-            throw QORException(errFailure, "there is no memory to unpack the body", sourcePath);
+        if (::inflateInit2(&stream, gzipWindow) != Z_OK)
+            throw QORException(errFailure, "there is no memory to unpack the body", QOR_SOURCE_PATH);
     }
     ~Inflater() { ::inflateEnd(&stream); }
     Inflater(const Inflater&) = delete;
@@ -29,7 +27,7 @@ public:
 };
 
 [[noreturn]] void refuse(const char* why) {
-    throw QORException(errBadRequest, std::string("the body is not what gzip makes: ") + why, sourcePath);
+    throw QORException(errBadRequest, std::string("the body is not what gzip makes: ") + why, QOR_SOURCE_PATH);
 }
 
 }  // namespace
@@ -57,7 +55,7 @@ HttpUnpackedBody gunzip(std::string_view packed, std::size_t most) {
         if (made > most - body.text.size()) {
             throw QORException(errTooLarge,
                                "the body is larger than " + std::to_string(most) + " bytes when it is unpacked",
-                               sourcePath);
+                               QOR_SOURCE_PATH);
         }
         if (body.text.size() + made > body.text.capacity()) {
             const std::size_t room = std::min(most, std::max(body.text.capacity() * 2, piece.size()));

@@ -7,13 +7,12 @@
 #include <cstddef>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
+#include "gzip/GzipForm.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/gzip/HttpGzip";
-constexpr int window = 15;
-constexpr int gzipForm = 16;
 constexpr int memory = 8;
 constexpr std::size_t mostAtOnce = std::size_t{1} << 30;
 
@@ -21,8 +20,8 @@ constexpr std::size_t mostAtOnce = std::size_t{1} << 30;
 
 struct HttpGzip::Impl {
     Impl() {
-        if (::deflateInit2(&stream, Z_BEST_SPEED, Z_DEFLATED, window + gzipForm, memory, Z_DEFAULT_STRATEGY) != Z_OK)
-            throw QORException(errFailure, "there is no memory to make the answer smaller", sourcePath);
+        if (::deflateInit2(&stream, Z_BEST_SPEED, Z_DEFLATED, gzipWindow, memory, Z_DEFAULT_STRATEGY) != Z_OK)
+            throw QORException(errFailure, "there is no memory to make the answer smaller", QOR_SOURCE_PATH);
     }
     ~Impl() { ::deflateEnd(&stream); }
     Impl(const Impl&) = delete;

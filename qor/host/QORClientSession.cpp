@@ -4,12 +4,11 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORFunctionality/QOROpFactory.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/host/QORClientSession";
 
 /// Memory of a message that is kept for the next request. Little: there may be a thousand clients that do nothing
 /// for hours, and rows leave a message as they are written.
@@ -56,14 +55,14 @@ QORClientSession::~QORClientSession() {
 QORClientContextPtr QORClientSession::contextFor(const std::optional<QORClientDescription>& client) const {
     if (!client) return m_own;
     if (!QORAccessChecker::hasFullAccess(m_own)) {
-        throw QORException(errBadRequest, "only a connection with full access may name a client", sourcePath);
+        throw QORException(errBadRequest, "only a connection with full access may name a client", QOR_SOURCE_PATH);
     }
     return contextOf(*client);
 }
 
 QORPtr<QORAccesserPrototype> QORClientSession::accesserOf(const std::string& operatorName) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_gone) throw QORException(errFailure, "the client has disconnected", sourcePath);
+    if (m_gone) throw QORException(errFailure, "the client has disconnected", QOR_SOURCE_PATH);
     const auto found = m_accessers.find(operatorName);
     if (found != m_accessers.end()) return found->second;
     const QORPtr<QOROpFactory> factory = QOROpFactoryRegistry::instance().find(operatorName);
@@ -116,7 +115,8 @@ void QORClientSession::disconnect() noexcept {
             const std::lock_guard<std::mutex> call(accesser->op()->callMutex());
             accesser->op()->disconnect(accesser.get());
         } catch (const std::exception& exception) {
-            logMessage(0, "QORHost", sourcePath, "disconnect", "operator \"%s\": %s", name.c_str(), exception.what());
+            logMessage(0, "QORHost", QOR_SOURCE_PATH, "disconnect", "operator \"%s\": %s", name.c_str(),
+                       exception.what());
         }
     }
 }

@@ -10,13 +10,13 @@
 #include <system_error>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/QORDatabaseFile.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/host/QORDatabaseLock";
 constexpr mode_t lockMode = 0600;
 
 /// One name for the file, whatever way leads to it.
@@ -31,7 +31,7 @@ std::filesystem::path fileOf(const std::string& connectionString) {
 [[noreturn]] void refuse(const std::filesystem::path& database, const std::string& reason) {
     throw QORException(errFailure,
                        "cannot keep records in database " + quoteText(database.string(), 1024) + ": " + reason,
-                       sourcePath);
+                       QOR_SOURCE_PATH);
 }
 
 /// The process that wrote itself into the lock's file.

@@ -7,12 +7,12 @@
 #include <stop_token>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORServers/QORServers.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/host/QOREnvFollower";
 constexpr auto betweenLooks = std::chrono::milliseconds(250);
 
 void follow(QOREnvCache& cache, const std::stop_token& stop) {
@@ -25,11 +25,11 @@ void follow(QOREnvCache& cache, const std::stop_token& stop) {
         try {
             cache.refresh();
             QORServers::instance().refresh();
-            if (failing) logMessage(2, "QORHost", sourcePath, __func__, "changed environments are taken in again");
+            if (failing) logMessage(2, "QORHost", QOR_SOURCE_PATH, __func__, "changed environments are taken in again");
             failing = false;
         } catch (const std::exception& failure) {
             if (!failing) {
-                logMessage(1, "QORHost", sourcePath, __func__, "changed environments cannot be taken in: %s",
+                logMessage(1, "QORHost", QOR_SOURCE_PATH, __func__, "changed environments cannot be taken in: %s",
                            failure.what());
             }
             failing = true;

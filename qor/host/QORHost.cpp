@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORLibLocal/QORVocabulary.h"
 #include "QORServers/QORServers.h"
@@ -23,7 +24,7 @@ QORHost::QORHost(QORHostOptions options) : m_options(std::move(options)) {
     // Before the vocabulary, because they know what it may hold.
     m_refused = m_plugIns.loadDirectory(m_options.plugInDirectory);
     if (m_plugIns.plugIns().empty()) {
-        logMessage(1, "QORHost", "qor/host/QORHost", "QORHost", "no plug-in was loaded from %s",
+        logMessage(1, "QORHost", QOR_SOURCE_PATH, "QORHost", "no plug-in was loaded from %s",
                    m_options.plugInDirectory.c_str());
     }
     vocCacheLocal()->setVocabulary(

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 
 namespace QOR {
@@ -23,7 +24,7 @@ using rapidjson::Document;
 using rapidjson::Value;
 
 [[noreturn]] void refuse(const std::string& message) {
-    throw QORException(errBadRequest, message, "qor/host/QORIdentityForms");
+    throw QORException(errBadRequest, message, QOR_SOURCE_PATH);
 }
 
 /// One object whose members are all among those that are known.

@@ -11,6 +11,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORDBSchema.h"
@@ -24,8 +25,6 @@
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/host/QORMaintenance";
 
 /// Records of one transaction: some hundredths of a second, for which other writers wait.
 constexpr std::int64_t recordsOfTransaction = 500;
@@ -76,7 +75,7 @@ public:
         const QORSchemaState state = reading([](ASSession& session) { return QORDBSchema::inspect(session); });
         if (state.kind == QORSchemaState::Kind::Ours && state.version == QORDBSchema::currentVersion()) return;
         throw QORException(errBadRequest, named("the database is not one that this program keeps records in"),
-                           sourcePath, __LINE__);
+                           QOR_SOURCE_PATH, __LINE__);
     }
 
 private:
@@ -446,7 +445,7 @@ std::uint64_t removeOldest(const Place& place, const std::string& table, std::in
     if (used <= pruneHold()->mostBytes) return 0;
     const std::uint64_t removed = removeOldestWhere(place, table, before, most, {});
     if (removed > 0)
-        logMessage(1, "QORHost", sourcePath, __func__,
+        logMessage(1, "QORHost", QOR_SOURCE_PATH, __func__,
                    "%llu records of %s are removed that were not sent on: the database uses %llu bytes, more than "
                    "%llu (--forward-keep)",
                    static_cast<unsigned long long>(removed), table.c_str(), static_cast<unsigned long long>(used),
@@ -527,7 +526,7 @@ QORPruneStep compact() {
     QORRdbmsTran tran(ASAccess::ReadOne);
     if (!isSqlite(*tran)) {
         throw QORException(errBadRequest, "PostgreSQL writes tables anew itself: VACUUM FULL, by their owner",
-                           sourcePath, __LINE__);
+                           QOR_SOURCE_PATH, __LINE__);
     }
     const std::int64_t before = readNumber(*tran, "SELECT page_count FROM pragma_page_count");
     QORDBSchema::makeShrinkable(*tran);
@@ -662,7 +661,8 @@ std::vector<QORCheckFinding> checkDatabase(std::string_view part, bool mend) {
     const auto* const found =
         std::find_if(std::begin(parts), std::end(parts), [&](const Part& one) { return one.name == part; });
     if (found == std::end(parts))
-        throw QORException(errBadRequest, "there is no part " + quoteText(part) + " to check", sourcePath, __LINE__);
+        throw QORException(errBadRequest, "there is no part " + quoteText(part) + " to check", QOR_SOURCE_PATH,
+                           __LINE__);
     Findings findings;
     for (const Place& place : everywhere()) {
         try {
@@ -692,7 +692,8 @@ QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before) {
     if (kind == "events") return pruneEverywhere("qor_event", before);
     if (kind == "backups") return pruneEverywhere("qor_backup", before);
     if (kind == "compact") return compact();
-    if (kind != "space") throw QORException(errBadRequest, quoteText(kind) + " cannot be pruned", sourcePath, __LINE__);
+    if (kind != "space")
+        throw QORException(errBadRequest, quoteText(kind) + " cannot be pruned", QOR_SOURCE_PATH, __LINE__);
     const QORPruneStep step = giveSpaceBack();
     if (!step.more) workLogIn();
     return step;
@@ -755,7 +756,7 @@ private:
         try {
             options.any() ? pruneLogs(options, stop) : forAll(withRecords(), trimSequence);
         } catch (const std::exception& failure) {
-            logMessage(1, "QORHost", sourcePath, "QORRetention", "old records could not be removed: %s",
+            logMessage(1, "QORHost", QOR_SOURCE_PATH, "QORRetention", "old records could not be removed: %s",
                        failure.what());
         }
     }

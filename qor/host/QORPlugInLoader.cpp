@@ -9,14 +9,12 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORFunctionality/QORCollector.h"
 #include "QORFunctionality/QOROpFactory.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* module = "QORHost";
-constexpr const char* sourcePath = "qor/host/QORPlugInLoader";
 
 using EntryPoint = int (*)();
 
@@ -39,7 +37,7 @@ public:
         return reinterpret_cast<EntryPoint>(symbol);
     }
     [[noreturn]] void refuse(const std::string& reason) const {
-        throw QORException(errFailure, "cannot load plug-in " + m_file.string() + ": " + reason, sourcePath);
+        throw QORException(errFailure, "cannot load plug-in " + m_file.string() + ": " + reason, QOR_SOURCE_PATH);
     }
     void* handle() const noexcept { return m_handle; }
     void* keep() noexcept { return std::exchange(m_handle, nullptr); }
@@ -71,10 +69,10 @@ void callFini(const QORPlugInLoader::PlugIn& plugIn) noexcept {
         const auto fini = reinterpret_cast<EntryPoint>(::dlsym(plugIn.handle, "finiQORPlugIn"));
         const int result = fini();
         if (result == 0) return;
-        logMessage(1, module, sourcePath, "unloadAll", "plug-in %s: finiQORPlugIn returned %d", plugIn.file.c_str(),
-                   result);
+        logMessage(1, "QORHost", QOR_SOURCE_PATH, "unloadAll", "plug-in %s: finiQORPlugIn returned %d",
+                   plugIn.file.c_str(), result);
     } catch (...) {
-        logMessage(0, module, sourcePath, "unloadAll", "plug-in %s: finiQORPlugIn threw", plugIn.file.c_str());
+        logMessage(0, "QORHost", QOR_SOURCE_PATH, "unloadAll", "plug-in %s: finiQORPlugIn threw", plugIn.file.c_str());
     }
 }
 
@@ -83,8 +81,9 @@ void warnOfShadowedOperators(const std::filesystem::path& file, const std::vecto
     const std::vector<std::string> after = QOROpFactoryRegistry::instance().names();
     for (std::size_t index = before.size(); index < after.size(); ++index) {
         if (std::find(before.begin(), before.end(), after[index]) == before.end()) continue;
-        logMessage(1, module, sourcePath, "load", "plug-in %s: operator \"%s\" is already served by another plug-in",
-                   file.c_str(), after[index].c_str());
+        logMessage(1, "QORHost", QOR_SOURCE_PATH, "load",
+                   "plug-in %s: operator \"%s\" is already served by another plug-in", file.c_str(),
+                   after[index].c_str());
     }
 }
 
@@ -103,7 +102,7 @@ std::vector<std::filesystem::path> plugInFiles(const std::filesystem::path& dire
     }
     if (error) {
         throw QORException(errFailure, "cannot read plug-in folder " + directory.string() + ": " + error.message(),
-                           sourcePath);
+                           QOR_SOURCE_PATH);
     }
     std::sort(files.begin(), files.end());
     return files;
@@ -130,7 +129,7 @@ void QORPlugInLoader::load(const std::filesystem::path& file) {
     callInit(library, init);
     m_plugIns.push_back({file, library.keep()});
     warnOfShadowedOperators(file, before);
-    logMessage(3, module, sourcePath, "load", "plug-in %s loaded", file.c_str());
+    logMessage(3, "QORHost", QOR_SOURCE_PATH, "load", "plug-in %s loaded", file.c_str());
 }
 
 std::vector<QORPlugInLoader::Refusal> QORPlugInLoader::loadDirectory(const std::filesystem::path& directory) {
@@ -139,7 +138,7 @@ std::vector<QORPlugInLoader::Refusal> QORPlugInLoader::loadDirectory(const std::
         try {
             load(file);
         } catch (const QORException& exception) {
-            logMessage(0, module, sourcePath, "loadDirectory", "%s", exception.what());
+            logMessage(0, "QORHost", QOR_SOURCE_PATH, "loadDirectory", "%s", exception.what());
             refused.push_back({file, exception.message()});
         }
     }

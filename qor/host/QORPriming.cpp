@@ -4,14 +4,12 @@
 
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "host/QORClientSession.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* module = "QORHost";
-constexpr const char* sourcePath = "qor/host/QORPriming";
 
 constexpr auto longestAttempt = std::chrono::seconds(30);
 /// How soon one who waits for another's attempt finds out that its own request has ended.
@@ -89,8 +87,8 @@ std::optional<QORPriming::Error> QORPriming::attempt() {
     }
     if (!error) error = Error{errFailure, "its answer settles nothing"};
     m_state.store(State::Unanswered, std::memory_order_release);
-    logMessage(1, module, sourcePath, "attempt", "operator \"%s\" cannot be primed yet: %s", m_operatorName.c_str(),
-               error->message.c_str());
+    logMessage(1, "QORHost", QOR_SOURCE_PATH, "attempt", "operator \"%s\" cannot be primed yet: %s",
+               m_operatorName.c_str(), error->message.c_str());
     return error;
 }
 

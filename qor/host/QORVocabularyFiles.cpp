@@ -5,15 +5,10 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "host/QORHostPaths.h"
 
 namespace QOR {
-namespace {
-
-constexpr const char* sourcePath = "qor/host/QORVocabularyFiles";
-
-}  // namespace
-
 QORVocabularyFiles readVocabularyFiles(const std::filesystem::path& named, std::vector<QORVocCategoryRule> rules) {
     QORVocReader reader(std::move(rules));
     QORVocabularyFiles files;
@@ -32,11 +27,12 @@ QORVocabularyFiles readVocabularyFiles(const std::filesystem::path& named, std::
 QORPtr<const QORVocMap> usableVocabulary(const std::filesystem::path& named, std::vector<QORVocCategoryRule> rules) {
     const QORVocabularyFiles files = readVocabularyFiles(named, std::move(rules));
     for (const QORVocMistake& mistake : files.mistakes) {
-        if (mistake.fatal) throw QORException(errFailure, mistake.text(), sourcePath, __LINE__);
-        logMessage(1, "QORHost", sourcePath, __func__, "%s", mistake.text().c_str());
+        if (mistake.fatal) throw QORException(errFailure, mistake.text(), QOR_SOURCE_PATH, __LINE__);
+        logMessage(1, "QORHost", QOR_SOURCE_PATH, __func__, "%s", mistake.text().c_str());
     }
     if (files.read.empty()) {
-        logMessage(1, "QORHost", sourcePath, __func__, "no vocabulary: %s is missing", defaultVocabularyFile().c_str());
+        logMessage(1, "QORHost", QOR_SOURCE_PATH, __func__, "no vocabulary: %s is missing",
+                   defaultVocabularyFile().c_str());
     }
     return files.vocabulary;
 }

@@ -12,6 +12,7 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORHandover.h"
 #include "QORServers/QORServers.h"
@@ -327,7 +328,7 @@ ExportPiece readExportPiece(const QORExportPosition& position, const std::option
         QORRequestControl::checkCurrent();
         if (QORRequestControl::Clock::now() >= until)
             throw QORException(errFailure, "the servers do not keep what the database says that they keep",
-                               "qor/ingest/ExportReader", __LINE__);
+                               QOR_SOURCE_PATH, __LINE__);
         placement = now;
         if (piece) continue;
         settleHandover();

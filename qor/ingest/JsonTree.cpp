@@ -6,11 +6,10 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/ingest/JsonTree";
 
 // In place: texts are unescaped where they stand, in a copy of the line.
 constexpr unsigned parseFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag |
@@ -95,7 +94,7 @@ const JsonValue& JsonTree::parse(std::string_view line) {
     m_open.clear();
     // The reader takes a NUL byte for the end of the text.
     if (const auto nul = line.find('\0'); nul != std::string_view::npos) {
-        throw QORException(errBadRequest, "a NUL byte at byte " + std::to_string(nul), sourcePath, __LINE__);
+        throw QORException(errBadRequest, "a NUL byte at byte " + std::to_string(nul), QOR_SOURCE_PATH, __LINE__);
     }
     m_buffer.assign(line);
     rapidjson::InsituStringStream stream(m_buffer.data());
@@ -106,7 +105,7 @@ const JsonValue& JsonTree::parse(std::string_view line) {
         const std::string reason = result.Code() == rapidjson::kParseErrorTermination
                                        ? handler.refusal()
                                        : std::string("not JSON: ") + rapidjson::GetParseError_En(result.Code());
-        throw QORException(errBadRequest, reason + " (byte " + std::to_string(result.Offset()) + ")", sourcePath,
+        throw QORException(errBadRequest, reason + " (byte " + std::to_string(result.Offset()) + ")", QOR_SOURCE_PATH,
                            __LINE__);
     }
     return m_values.front();

@@ -16,14 +16,13 @@
 #include "QORCommon/QORNearestName.h"
 #include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORFunctionality/QORCollector.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* module = "QORIngest";
-constexpr const char* sourcePath = "qor/ingest/QORCollectorSchedule";
 constexpr std::string_view everyOne = "all";
 
 /// Far beyond what anybody waits for, and what the clock can count.
@@ -31,8 +30,8 @@ constexpr std::int64_t longestPause = 36500LL * 24 * 60 * 60;
 
 using Clock = std::chrono::steady_clock;
 
-[[noreturn]] void refuse(const std::string& reason) {
-    throw QORException(errBadRequest, reason, sourcePath);
+[[noreturn]] void refuseWish(const std::string& reason) {
+    throw QORException(errBadRequest, reason, QOR_SOURCE_PATH);
 }
 
 std::vector<std::string> knownNames() {
@@ -66,11 +65,11 @@ struct AwaitedRun {
 QORCollectorWish readCollectorWish(const std::string& text) {
     const std::size_t equals = text.find('=');
     QORCollectorWish wish{text.substr(0, equals), {}};
-    if (wish.name.empty()) refuse(quoteText(text) + " names no collector");
+    if (wish.name.empty()) refuseWish(quoteText(text) + " names no collector");
     if (equals == std::string::npos) return wish;
     const std::optional<std::int64_t> seconds = parseDuration(text.substr(equals + 1));
     if (!seconds || *seconds < 1 || *seconds > longestPause)
-        refuse(quoteText(text) + ": behind '=' stands how often, 1s to 36500d (90s, 45m, 12h, 30d)");
+        refuseWish(quoteText(text) + ": behind '=' stands how often, 1s to 36500d (90s, 45m, 12h, 30d)");
     wish.every = std::chrono::seconds(*seconds);
     return wish;
 }
@@ -79,10 +78,10 @@ void checkCollectorWishes(std::span<const QORCollectorWish> wishes) {
     const std::vector<std::string> known = knownNames();
     std::set<std::string> named;
     for (const QORCollectorWish& wish : wishes) {
-        if (!named.insert(wish.name).second) refuse("collect names " + quoteText(wish.name) + " twice");
+        if (!named.insert(wish.name).second) refuseWish("collect names " + quoteText(wish.name) + " twice");
         if (wish.name == everyOne || std::find(known.begin(), known.end(), wish.name) != known.end()) continue;
-        refuse("collect: there is no collector " + quoteText(wish.name) + adviseOnCollector(wish.name, known) +
-               "; there are " + describeNames(known));
+        refuseWish("collect: there is no collector " + quoteText(wish.name) + adviseOnCollector(wish.name, known) +
+                   "; there are " + describeNames(known));
     }
 }
 
@@ -268,7 +267,7 @@ private:
         entry.state.time = std::time(nullptr);
         ++entry.state.runs[static_cast<std::size_t>(outcome)];
         if (!isNews || (outcome != QORCollectOutcome::Failed && outcome != QORCollectOutcome::Hung)) return;
-        logMessage(1, module, sourcePath, __func__, "the collector %s %s: %s", entry.state.name.c_str(),
+        logMessage(1, "QORIngest", QOR_SOURCE_PATH, __func__, "the collector %s %s: %s", entry.state.name.c_str(),
                    outcome == QORCollectOutcome::Hung ? "hangs" : "failed", entry.state.text.c_str());
     }
 

@@ -7,18 +7,18 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "ingest/JsonTree.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* positionSource = "qor/ingest/QORExportPosition";
 constexpr std::array allRecordKinds{QORRecordKind::Environment, QORRecordKind::Operation, QORRecordKind::Event,
                                     QORRecordKind::Backup};
 
 [[noreturn]] void refusePosition(const std::string& what) {
-    throw QORException(errBadRequest, "this is no position of an export: " + what, positionSource, __LINE__);
+    throw QORException(errBadRequest, "this is no position of an export: " + what, QOR_SOURCE_PATH, __LINE__);
 }
 
 /// A member of the object that a position is.

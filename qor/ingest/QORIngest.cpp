@@ -9,6 +9,7 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORLibAgent/QORChangeWatch.h"
@@ -57,7 +58,7 @@ void refreshCache(std::span<const QORRecord> batch) {
     try {
         cache->refresh();
     } catch (const AException& error) {
-        logMessage(1, "QORIngest", "qor/ingest/QORIngest", __func__,
+        logMessage(1, "QORIngest", QOR_SOURCE_PATH, __func__,
                    "environments that were stored cannot be read back yet: %s", error.what());
     }
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORLibAgent/QORPageToken.h"
 #include "QORLibAgent/QORRecordChanges.h"
@@ -19,7 +20,6 @@
 namespace QOR {
 namespace {
 
-constexpr const char* exportSource = "qor/ingest/QORRecordExport";
 constexpr int errNothingToExport = 404;
 
 QORChangeKind changeKindOf(QORRecordKind kind) {
@@ -53,13 +53,13 @@ struct QORRecordExport::Impl {
             throw QORException(errNothingToExport,
                                "the database is another program's, or of an older version and only read: there is "
                                "nothing in it that can be exported",
-                               exportSource, __LINE__);
+                               QOR_SOURCE_PATH, __LINE__);
         const std::string here = databaseMark();
         if (!position.database.empty() && !here.empty() && position.database != here)
             throw QORException(errBadRequest,
                                "the position is one of database " + quoteText(position.database) + ", and this is " +
                                    quoteText(here) + "; begin the export anew",
-                               exportSource, __LINE__);
+                               QOR_SOURCE_PATH, __LINE__);
         position.database = here;
         if (!position.kind) position.kind = kinds.front();
         if (!position.begun && isCounted()) countAll(*tran, access);

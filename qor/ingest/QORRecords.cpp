@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "ingest/JsonTree.h"
@@ -16,10 +17,8 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/ingest/QORRecords";
-
 [[noreturn]] void refuse(const std::string& reason) {
-    throw QORException(errBadRequest, reason, sourcePath, __LINE__);
+    throw QORException(errBadRequest, reason, QOR_SOURCE_PATH, __LINE__);
 }
 
 std::string describe(const JsonValue& value) {

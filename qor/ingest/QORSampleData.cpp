@@ -1,4 +1,5 @@
 #include "ingest/QORSampleData.h"
+#include "QORCommon/QORTime.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -52,7 +53,6 @@ private:
     std::uint64_t m_state;
 };
 
-constexpr std::int64_t secondsOfDay = 86400;
 constexpr std::int64_t firstEnd = 1704067200;         // 2024-01-01
 constexpr std::int64_t logSpan = 180 * secondsOfDay;  // how far back the logs reach
 constexpr std::uint64_t environmentsPerHost = 20;

@@ -3,13 +3,12 @@
 #include <algorithm>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "ingest/RecordTables.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/ingest/RecordRights";
 
 /// Texts or environments as one parameter.
 class JsonList {
@@ -146,7 +145,7 @@ void RecordRights::check(ASSession& home, std::span<const QORRecord> records, st
         throw QORException(
             errForbidden,
             "line " + std::to_string(lines[at]) + ": " + nameOf(records[at]) + " " + objection + "; nothing is stored",
-            sourcePath);
+            QOR_SOURCE_PATH);
     }
 }
 

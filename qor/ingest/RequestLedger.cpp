@@ -5,13 +5,13 @@
 #include <rapidjson/writer.h>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/ingest/RequestLedger";
 constexpr std::int64_t keptSeconds = 24 * 60 * 60;
 constexpr std::int64_t keptRequests = 10'000;
 
@@ -54,7 +54,7 @@ QORIngestResult resultOf(std::string_view text, const std::string& key) {
                           document.HasMember("lines") && document["lines"].IsArray();
     if (!readable) {
         throw QORException(errFailure, "what is stored of the request " + quoteText(key) + " cannot be read",
-                           sourcePath);
+                           QOR_SOURCE_PATH);
     }
     QORIngestResult result;
     const auto number = [](const rapidjson::Value& value) { return value.IsUint64() ? value.GetUint64() : 0; };
@@ -96,7 +96,7 @@ std::optional<QORIngestResult> RequestLedger::find(ASSession& session) const {
     if (!same) {
         throw QORException(errOtherContent,
                            "the Idempotency-Key " + quoteText(m_key) + " belongs to a request with another content",
-                           sourcePath);
+                           QOR_SOURCE_PATH);
     }
     QORIngestResult result = resultOf(text, m_key);
     result.lastLine = lastLine;

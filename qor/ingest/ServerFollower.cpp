@@ -12,6 +12,7 @@
 
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORDBSchema/QORHandover.h"
 #include "ingest/EnvironmentCopies.h"
@@ -20,7 +21,6 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/ingest/ServerFollower";
 constexpr auto betweenTurns = std::chrono::seconds(1);
 /// For a server: one that hangs does not keep the others waiting for long.
 constexpr auto longestVisit = std::chrono::seconds(10);
@@ -39,13 +39,13 @@ void ServerUpkeep::turn() {
         try {
             visit(*placement, server);
             if (m_failing.erase(server.name) != 0)
-                logMessage(2, "QORIngest", sourcePath, __func__, "server \"%s\" is followed again",
+                logMessage(2, "QORIngest", QOR_SOURCE_PATH, __func__, "server \"%s\" is followed again",
                            server.name.c_str());
         } catch (const std::exception& failure) {
             servers.noteAway(server.name);
             m_current.erase(server.name);
             if (m_failing.insert(server.name).second)
-                logMessage(1, "QORIngest", sourcePath, __func__, "server \"%s\" cannot be followed: %s",
+                logMessage(1, "QORIngest", QOR_SOURCE_PATH, __func__, "server \"%s\" cannot be followed: %s",
                            server.name.c_str(), failure.what());
         }
     }
@@ -59,7 +59,7 @@ void ServerUpkeep::settleLast() {
         m_settles = true;
     } catch (const std::exception& failure) {
         if (std::exchange(m_settles, false))
-            logMessage(1, "QORIngest", sourcePath, __func__,
+            logMessage(1, "QORIngest", QOR_SOURCE_PATH, __func__,
                        "environments are between two servers, and it cannot be settled: %s", failure.what());
     }
 }
@@ -118,7 +118,7 @@ ServerFollower::ServerFollower()
                   failing = false;
               } catch (const std::exception& failure) {
                   if (!failing)
-                      logMessage(1, "QORIngest", sourcePath, "ServerFollower", "servers cannot be followed: %s",
+                      logMessage(1, "QORIngest", QOR_SOURCE_PATH, "ServerFollower", "servers cannot be followed: %s",
                                  failure.what());
                   failing = true;
               }

@@ -11,14 +11,13 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/QORHandover.h"
 #include "ingest/RecordTables.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/ingest/SpreadBatch";
 
 /// Whose record it is.
 const QOREID& environmentOf(const QORRecord& record) {
@@ -472,7 +471,7 @@ void SpreadBatch::clearUp(bool all) {
         try {
             ServerLeftovers::instance().flush(server);
         } catch (const std::exception& failure) {
-            logMessage(1, "QORIngest", sourcePath, __func__, "notes are left behind for now: %s", failure.what());
+            logMessage(1, "QORIngest", QOR_SOURCE_PATH, __func__, "notes are left behind for now: %s", failure.what());
         }
     }
 }

@@ -5,12 +5,11 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORGuid.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORDBSchema/QORDBSchema.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/selfcheck/PostgresSecurityCopies";
 
 // Views that a bare name finds, materialised ones among them, and their columns under the names that operators know
 // types by.
@@ -37,7 +36,7 @@ std::string about(std::string select, const std::string& relation) {
 }
 
 [[noreturn]] void fail(const AException& error, const std::string& sql) {
-    throw QORException(errFailure, sql + ": " + error.text(), sourcePath, __LINE__);
+    throw QORException(errFailure, sql + ": " + error.text(), QOR_SOURCE_PATH, __LINE__);
 }
 
 std::string newName() {

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORLibAgent/QOREnvCache.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
@@ -20,7 +21,6 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/selfcheck/SecurityCheck";
 constexpr std::size_t requestsOfClient = 1250;
 constexpr std::size_t fewestClients = 4;
 constexpr std::size_t mostClients = 16;
@@ -151,7 +151,8 @@ private:
     void learn() {
         QORCheckedDatabase& whole = m_copies->whole();
         m_views = checkedViews(whole);
-        if (m_views.empty()) throw QORException(errFailure, "the database has no view to ask", sourcePath, __LINE__);
+        if (m_views.empty())
+            throw QORException(errFailure, "the database has no view to ask", QOR_SOURCE_PATH, __LINE__);
         m_objects = checkedObjects(whole, m_views);
         m_ownDatabase = whole.isHostDatabase();
         m_samples.emplace(m_views);

@@ -16,8 +16,10 @@ constexpr const char* parameters[] = {"env.eid",          "env.name", "package.p
 constexpr const char* operations = "pager.op_log";
 constexpr const char* events = "pager.event_log";
 
-constexpr const char* hostileTexts[] = {"%", "_", "", "'", "\"", "a%b_c", "!", "\\", "0", "x", "%%%%a%b", "\xc3\xa4"};
-constexpr const char* numbers[] = {"0", "1", "2", "6", "7", "-1", "1024", "2147483647", "2147483648", "99999999999"};
+constexpr const char* hostilePatterns[] = {"%", "_",  "",  "'", "\"",      "a%b_c",
+                                           "!", "\\", "0", "x", "%%%%a%b", "\xc3\xa4"};
+constexpr const char* filterNumbers[] = {"0",  "1",    "2",          "6",          "7",
+                                         "-1", "1024", "2147483647", "2147483648", "99999999999"};
 
 const Words& orWords(const Words& words) {
     static const Words some{"x"};
@@ -172,7 +174,7 @@ void QORPagerRequests::addTerms(Words& terms, const std::string& log) {
         note("pager: time");
         terms.push_back(chance(85) ? log + ".time" + operation + quoted(time())
                                    : quoted(time()) + operation + log + ".time");
-        if (chance(3)) terms.back() = log + ".time" + operation + pick(numbers);
+        if (chance(3)) terms.back() = log + ".time" + operation + pick(filterNumbers);
     }
 }
 
@@ -216,7 +218,7 @@ std::string QORPagerRequests::comparison(Source source) {
     if (kind == 4 && !m_numbers.empty()) {
         // What an environment holds decides whether this can be evaluated.
         note("pager: division");
-        return std::string(pick(numbers)) + " / " + pick(m_numbers) + pick(operators) + pick(numbers);
+        return std::string(pick(filterNumbers)) + " / " + pick(m_numbers) + pick(operators) + pick(filterNumbers);
     }
     const bool isNumber = kind == 5;
     note("pager: comparison");
@@ -235,8 +237,8 @@ std::string QORPagerRequests::trouble() {
 std::string QORPagerRequests::operand(Source source, bool isNumber) {
     if (isNumber) {
         static constexpr const char* signs[] = {" + ", " - ", " * "};
-        std::string value = m_numbers.empty() || chance(40) ? pick(numbers) : pick(m_numbers);
-        return chance(30) ? value + pick(signs) + pick(numbers) : value;
+        std::string value = m_numbers.empty() || chance(40) ? pick(filterNumbers) : pick(m_numbers);
+        return chance(30) ? value + pick(signs) + pick(filterNumbers) : value;
     }
     std::string value = chance(55) ? name(source) : quoted(text(m_samples.texts));
     if (chance(10)) value += " + " + quoted(text(m_samples.texts));
@@ -252,7 +254,7 @@ std::string QORPagerRequests::name(Source source) {
 
 std::string QORPagerRequests::eid() {
     if (chance(4)) return "00000000-0000-0000-0000-000000000000";
-    if (chance(4)) return pick(hostileTexts);
+    if (chance(4)) return pick(hostilePatterns);
     std::string text = pick(orWords(m_samples.eids));
     if (chance(10)) text = "{" + text + "}";
     return text;
@@ -265,7 +267,7 @@ std::string QORPagerRequests::time() {
 }
 
 std::string QORPagerRequests::text(const Words& samples) {
-    return chance(75) ? pick(orWords(samples)) : pick(hostileTexts);
+    return chance(75) ? pick(orWords(samples)) : pick(hostilePatterns);
 }
 
 std::string QORPagerRequests::pattern(const Words& samples) {

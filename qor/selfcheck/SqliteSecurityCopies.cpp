@@ -12,15 +12,14 @@
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "host/QORHostPaths.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/selfcheck/SqliteSecurityCopies";
-
 [[noreturn]] void fail(sqlite3* database, const std::string& what) {
-    throw QORException(errFailure, what + ": " + sqlite3_errmsg(database), sourcePath, __LINE__);
+    throw QORException(errFailure, what + ": " + sqlite3_errmsg(database), QOR_SOURCE_PATH, __LINE__);
 }
 
 std::string typeOf(const std::string& declared) {
@@ -35,7 +34,7 @@ void createPrivate(const std::filesystem::path& file) {
     constexpr mode_t ownerOnly = 0600;
     const int descriptor = ::open(file.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, ownerOnly);
     if (descriptor < 0) {
-        throw QORException(errFailure, "cannot create " + file.string() + ": " + std::strerror(errno), sourcePath,
+        throw QORException(errFailure, "cannot create " + file.string() + ": " + std::strerror(errno), QOR_SOURCE_PATH,
                            __LINE__);
     }
     ::close(descriptor);
@@ -83,7 +82,8 @@ SqliteCheckedDatabase::SqliteCheckedDatabase(const std::filesystem::path& file, 
     if (sqlite3_open_v2(file.c_str(), &m_database, flags, nullptr) != SQLITE_OK) {
         const std::string reason = sqlite3_errmsg(m_database);
         sqlite3_close(m_database);
-        throw QORException(errFailure, "cannot open database " + file.string() + ": " + reason, sourcePath, __LINE__);
+        throw QORException(errFailure, "cannot open database " + file.string() + ": " + reason, QOR_SOURCE_PATH,
+                           __LINE__);
     }
     constexpr int patienceMs = 10000;
     sqlite3_busy_timeout(m_database, patienceMs);
@@ -159,7 +159,7 @@ void SqliteCheckedDatabase::copyTo(SqliteCheckedDatabase& target) {
 QORPrivateFolder::QORPrivateFolder() {
     std::string name = (std::filesystem::temp_directory_path() / "qor-check-XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) {
-        throw QORException(errFailure, "cannot make a folder " + name + ": " + std::strerror(errno), sourcePath,
+        throw QORException(errFailure, "cannot make a folder " + name + ": " + std::strerror(errno), QOR_SOURCE_PATH,
                            __LINE__);
     }
     m_path = name;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORDBSchema/QORDBSchema.h"
 
 namespace QOR {
@@ -57,7 +58,7 @@ void ShardDatabase::migrate() {
 }
 
 void ShardDatabase::refuse(const std::string& why) const {
-    throw QORException(errFailure, m_what + ' ' + why, "qor/shard/ShardDatabase", __LINE__);
+    throw QORException(errFailure, m_what + ' ' + why, QOR_SOURCE_PATH, __LINE__);
 }
 
 void ShardDatabase::rethrow(const AException& error) const {

@@ -5,22 +5,23 @@
 #include <iterator>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/shard/ShardFile";
 constexpr std::string_view blanks = " \t\r";
 constexpr std::size_t longestName = 32;
 
 /// What is wrong with a line.
-class Place {
+class LinePlace {
 public:
-    Place(std::string file, std::size_t line) : m_file(std::move(file)), m_line(line) {}
+    LinePlace(std::string file, std::size_t line) : m_file(std::move(file)), m_line(line) {}
     [[noreturn]] void refuse(const std::string& why) const {
-        throw QORException(errFailure, m_file + ", line " + std::to_string(m_line) + ": " + why, sourcePath, __LINE__);
+        throw QORException(errFailure, m_file + ", line " + std::to_string(m_line) + ": " + why, QOR_SOURCE_PATH,
+                           __LINE__);
     }
 
 private:
@@ -33,7 +34,7 @@ bool isSmall(char c) {
 }
 
 // It becomes a part of the names of schemas, those of the second kind of which end in _long.
-void checkName(const std::string& name, const Place& place) {
+void checkName(const std::string& name, const LinePlace& place) {
     const bool plain = !name.empty() && isSmall(name.front()) && std::all_of(name.begin(), name.end(), [](char c) {
         return isSmall(c) || (c >= '0' && c <= '9') || c == '_';
     });
@@ -43,7 +44,7 @@ void checkName(const std::string& name, const Place& place) {
                      "to have at most 32 of them and not to end in _long");
 }
 
-ShardServer readLine(std::string_view line, const Place& place) {
+ShardServer readLine(std::string_view line, const LinePlace& place) {
     const std::size_t end = std::min(line.find_first_of(blanks), line.size());
     ShardServer server;
     server.name = line.substr(0, end);
@@ -74,7 +75,7 @@ std::vector<ShardServer> parseShardFile(std::string_view text, const std::string
         const std::size_t end = std::min(text.find('\n', at), text.size());
         const std::string_view whole = text.substr(at, end - at);
         at = end + 1;
-        const Place place(file, ++number);
+        const LinePlace place(file, ++number);
         const std::size_t from = whole.find_first_not_of(blanks);
         if (from == std::string_view::npos || whole[from] == '#') continue;
         ShardServer server = readLine(whole.substr(from, whole.find_last_not_of(blanks) - from + 1), place);
@@ -85,13 +86,13 @@ std::vector<ShardServer> parseShardFile(std::string_view text, const std::string
         }
         servers.push_back(std::move(server));
     }
-    if (servers.empty()) throw QORException(errFailure, file + " names no server", sourcePath, __LINE__);
+    if (servers.empty()) throw QORException(errFailure, file + " names no server", QOR_SOURCE_PATH, __LINE__);
     return servers;
 }
 
 std::vector<ShardServer> readShardFile(const std::string& file) {
     std::ifstream input(file, std::ios::binary);
-    if (!input) throw QORException(errFailure, "cannot read " + quoteText(file, 1024), sourcePath, __LINE__);
+    if (!input) throw QORException(errFailure, "cannot read " + quoteText(file, 1024), QOR_SOURCE_PATH, __LINE__);
     return parseShardFile(std::string(std::istreambuf_iterator<char>(input), {}), file);
 }
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORDBSchema/QORSchemaRows.h"
 #include "QORDBSchema/QORSpreadSchema.h"
@@ -52,7 +53,7 @@ void addLibraryOptions(Options& options, const std::string& text) {
         if (equals == std::string::npos)
             throw QORException(errFailure,
                                "pqopt={" + text + "}: a value is missing behind " + quoteText(text.substr(at)),
-                               "qor/shard/ShardForeign", __LINE__);
+                               QOR_SOURCE_PATH, __LINE__);
         const std::string name = text.substr(at, equals - at);
         std::string value;
         const bool quoted = text[equals + 1 < text.size() ? equals + 1 : equals] == '\'';

@@ -15,6 +15,7 @@
 #include "QORCommon/QORDigest.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "host/QORClientSession.h"
@@ -22,9 +23,7 @@
 namespace QOR {
 namespace {
 
-constexpr const char* module = "QORAgent";
-constexpr const char* sourcePath = "qor/agent/api/AgentAccess";
-constexpr auto betweenLooks = std::chrono::milliseconds(250);
+constexpr auto betweenLooksAtIdentities = std::chrono::milliseconds(250);
 /// The system's users and groups change without a word, and uses are written as seldom.
 constexpr auto betweenTurns = std::chrono::minutes(1);
 constexpr auto firstDelay = std::chrono::milliseconds(250);
@@ -180,7 +179,7 @@ AgentAccess::~AgentAccess() {
     try {
         storeUses();
     } catch (const std::exception& failure) {
-        logMessage(1, module, sourcePath, __func__, "uses of tokens cannot be stored: %s", failure.what());
+        logMessage(1, "QORAgent", QOR_SOURCE_PATH, __func__, "uses of tokens cannot be stored: %s", failure.what());
     }
 }
 
@@ -255,7 +254,7 @@ AgentAccess::Decision AgentAccess::refuse(const HttpPeer& peer, const std::strin
     ++m_failed;
     if (!m_failureTold || now - *m_failureTold > forgetting) {
         m_failureTold = now;
-        logMessage(1, module, sourcePath, "decide", "a client%s%s is not let in: %s (%zu so far)",
+        logMessage(1, "QORAgent", QOR_SOURCE_PATH, "decide", "a client%s%s is not let in: %s (%zu so far)",
                    peer.overTcp ? " at " : "", peer.address.c_str(), message.c_str(), m_failed);
     }
     return {nullptr, unauthorized, message, delay};
@@ -338,7 +337,7 @@ void AgentAccess::follow(const std::stop_token& stop) {
     std::unique_lock lock(mutex);
     bool failing = false;
     auto turn = std::chrono::steady_clock::now();
-    while (!woken.wait_for(lock, stop, betweenLooks, [&] { return stop.stop_requested(); })) {
+    while (!woken.wait_for(lock, stop, betweenLooksAtIdentities, [&] { return stop.stop_requested(); })) {
         try {
             refresh();
             endRevoked(*current());
@@ -351,7 +350,7 @@ void AgentAccess::follow(const std::stop_token& stop) {
             failing = false;
         } catch (const std::exception& failure) {
             if (!failing)
-                logMessage(1, module, sourcePath, __func__, "changed identities cannot be taken in: %s",
+                logMessage(1, "QORAgent", QOR_SOURCE_PATH, __func__, "changed identities cannot be taken in: %s",
                            failure.what());
             failing = true;
         }

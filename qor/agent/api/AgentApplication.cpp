@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "agent/api/AgentAudit.h"
 #include "agent/api/AgentClient.h"
 #include "agent/api/AgentProblem.h"
@@ -186,7 +187,7 @@ void AgentApplication::ended(const HttpEnd& end, const HttpPeer& peer, HttpTrace
 }
 
 void logReply(const HttpRequest& request, const HttpReply& reply) {
-    logMessage(4, "QORAgent", "qor/agent/api/AgentApplication", "handle", "%.*s %.*s %u, %zu bytes",
+    logMessage(4, "QORAgent", QOR_SOURCE_PATH, "handle", "%.*s %.*s %u, %zu bytes",
                static_cast<int>(request.method.size()), request.method.data(), static_cast<int>(request.path.size()),
                request.path.data(), reply.status, reply.body.size());
 }

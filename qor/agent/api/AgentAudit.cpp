@@ -16,6 +16,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "agent/api/AgentJson.h"
 #include "agent/api/AgentTrace.h"
@@ -23,8 +24,6 @@
 namespace QOR {
 namespace {
 
-constexpr const char* module = "QORAgent";
-constexpr const char* sourcePath = "qor/agent/api/AgentAudit";
 constexpr std::size_t mostText = std::size_t{4} << 10;
 constexpr unsigned refusedFrom = 400;
 constexpr unsigned failedFrom = 500;
@@ -164,12 +163,12 @@ void AgentAudit::open() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (m_options.journal.size() >= sizeof address.sun_path)
-        throw QORException(errFailure, "the journal's path is too long", sourcePath);
+        throw QORException(errFailure, "the journal's path is too long", QOR_SOURCE_PATH);
     std::memcpy(address.sun_path, m_options.journal.c_str(), m_options.journal.size());
     QORFileDescriptor opened(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (::connect(opened.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         throw QORException(errFailure, "there is no journal at " + m_options.journal + ": " + std::strerror(errno),
-                           sourcePath);
+                           QOR_SOURCE_PATH);
     }
     m_target = std::move(opened);
 }
@@ -230,7 +229,7 @@ void AgentAudit::openAnew() {
     try {
         open();
     } catch (const std::exception& exception) {
-        logMessage(0, module, sourcePath, "reopen", "%s; the audit goes on as before", exception.what());
+        logMessage(0, "QORAgent", QOR_SOURCE_PATH, "reopen", "%s; the audit goes on as before", exception.what());
     }
 }
 
@@ -238,8 +237,8 @@ void AgentAudit::openAnew() {
 void AgentAudit::complain() {
     const int reason = errno;
     if (std::exchange(m_complained, true)) return;
-    logMessage(0, module, sourcePath, "write", "lines of the audit are lost: %s; it tells how many when it goes on",
-               std::strerror(reason));
+    logMessage(0, "QORAgent", QOR_SOURCE_PATH, "write",
+               "lines of the audit are lost: %s; it tells how many when it goes on", std::strerror(reason));
 }
 
 /// \returns how many were written, from the first on

@@ -268,13 +268,6 @@ bool isPath(std::string_view pattern, std::string_view path, std::vector<std::st
     return pattern.empty() && path.empty();
 }
 
-std::string joined(std::span<const std::string_view> texts) {
-    std::string all;
-    for (const std::string_view text : texts)
-        all.append(all.empty() ? "" : ", ").append(text);
-    return all;
-}
-
 bool takesFormatOf(const AgentRoute& route, const HttpRequest& request) {
     return route.hasFormat && ("&" + std::string(request.query)).find("&format=") != std::string::npos;
 }
@@ -305,9 +298,9 @@ AgentRouteMatch findRoute(std::string_view path, std::string_view method) {
 std::optional<HttpReply> refusalOfTypes(const AgentRoute& route, const HttpRequest& request) {
     if (!takesFormatOf(route, request) && !acceptedType(request, route.types)) {
         HttpReply reply = problemReply({.status = 406,
-                                        .detail = std::string(route.path) + " is answered as " + joined(route.types),
+                                        .detail = std::string(route.path) + " is answered as " + joinTexts(route.types),
                                         .found = std::string(request.field("Accept")),
-                                        .expected = joined(route.types)});
+                                        .expected = joinTexts(route.types)});
         return reply;
     }
     const std::string_view encoding = request.field("Content-Encoding");

@@ -16,6 +16,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORFiles.h"
+#include "QORCommon/QORSourcePath.h"
 
 namespace QOR {
 namespace {
@@ -39,7 +40,7 @@ constexpr const char* olderCiphers = "ECDHE+AESGCM:ECDHE+CHACHA20";
 constexpr std::size_t mostBytes = std::size_t{1} << 20;
 
 [[noreturn]] void fail(const std::string& what) {
-    throw QORException(errFailure, what, "qor/agent/http/HttpCertificates");
+    throw QORException(errFailure, what, QOR_SOURCE_PATH);
 }
 
 /// What the library says about its last failure.

@@ -30,6 +30,7 @@
 
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "agent/http/HttpHead.h"
 #include "agent/http/HttpLimits.h"
 #include "agent/http/HttpNegotiation.h"
@@ -445,7 +446,7 @@ private:
         try {
             return m_owner.application().plan(head, m_peer);
         } catch (const std::exception& exception) {
-            logMessage(0, "QORAgent", "qor/agent/http/HttpConnection", "plan", "%s", exception.what());
+            logMessage(0, "QORAgent", QOR_SOURCE_PATH, "plan", "%s", exception.what());
             return {HttpLane::Reading, m_owner.application().errorReply(500, exception.what())};
         }
     }
@@ -586,7 +587,7 @@ private:
             }
             return reply;
         } catch (const std::exception& exception) {
-            logMessage(0, "QORAgent", "qor/agent/http/HttpConnection", "answer", "%s", exception.what());
+            logMessage(0, "QORAgent", QOR_SOURCE_PATH, "answer", "%s", exception.what());
             if (stream.hasBegun()) return std::nullopt;
             return m_owner.application().errorReply(500, exception.what());
         }

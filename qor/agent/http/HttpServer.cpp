@@ -19,6 +19,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "agent/http/FairQueue.h"
 #include "agent/http/HttpConnection.h"
 #include "agent/http/LocalListener.h"
@@ -27,8 +28,6 @@
 namespace QOR {
 namespace {
 
-constexpr const char* module = "QORAgent";
-constexpr const char* sourcePath = "qor/agent/http/HttpServer";
 /// How long to wait when a connection cannot be accepted, usually for want of file descriptors.
 constexpr auto acceptPause = std::chrono::milliseconds(100);
 /// How often it is looked at what waits and what takes long, while something does.
@@ -114,7 +113,7 @@ public:
                 m_io.run();
                 ended = true;
             } catch (const std::exception& exception) {
-                logMessage(0, module, sourcePath, "run", "%s", exception.what());
+                logMessage(0, "QORAgent", QOR_SOURCE_PATH, "run", "%s", exception.what());
             }
         }
         if (!m_abandoned) {
@@ -178,9 +177,9 @@ public:
         if (m_failureTold && now - *m_failureTold < failurePause) return;
         m_failureTold = now;
         const HttpPeer& peer = connection.peer();
-        logMessage(1, module, sourcePath, "connectionFailed", "a client%s%s is left: %s (%zu such clients so far)",
-                   peer.overTcp ? " at " : "", peer.address.c_str(), why.c_str(),
-                   static_cast<std::size_t>(m_counts.useless));
+        logMessage(1, "QORAgent", QOR_SOURCE_PATH, "connectionFailed",
+                   "a client%s%s is left: %s (%zu such clients so far)", peer.overTcp ? " at " : "",
+                   peer.address.c_str(), why.c_str(), static_cast<std::size_t>(m_counts.useless));
     }
     void limitMet(HttpLimit limit) override { ++m_counts.met(limit); }
     void connectionIdle(HttpConnection& connection, bool first) override {
@@ -357,7 +356,7 @@ private:
         const bool secure = address.scheme == QORAgentAddress::Scheme::Https;
         if (secure && !m_options.certificates)
             throw QORException(errFailure, "cannot listen at " + address.text() + ": there is no certificate",
-                               sourcePath);
+                               QOR_SOURCE_PATH);
         if (const int handed = handedSocket(address); handed >= 0) {
             if (!address.isUnix()) TcpListener::check(address);
             m_addresses.push_back(address);
@@ -495,7 +494,7 @@ private:
 
     void acceptLater(std::size_t number, beast::error_code error) {
         Listener& listener = *m_listeners[number];
-        logMessage(1, module, sourcePath, "accept", "cannot accept a connection: %s", error.message().c_str());
+        logMessage(1, "QORAgent", QOR_SOURCE_PATH, "accept", "cannot accept a connection: %s", error.message().c_str());
         makeRoom({});
         listener.pause.expires_after(acceptPause);
         listener.pause.async_wait([this, number](beast::error_code cancelled) {
@@ -518,7 +517,7 @@ private:
         m_graceTimer.async_wait([this](beast::error_code cancelled) {
             if (!cancelled) abandon();
         });
-        logMessage(2, module, sourcePath, "stop", "stopping; %zu requests are in flight", m_inFlight);
+        logMessage(2, "QORAgent", QOR_SOURCE_PATH, "stop", "stopping; %zu requests are in flight", m_inFlight);
         for (HttpConnection* connection : connectionsNow())
             connection->endFollowing();
         finishWhenIdle();
@@ -562,7 +561,7 @@ private:
     void abandon() {
         if (m_finishing) return;
         if (std::exchange(m_ending, true)) return giveUp();
-        logMessage(1, module, sourcePath, "stop", "%zu requests are told to end", m_inFlight);
+        logMessage(1, "QORAgent", QOR_SOURCE_PATH, "stop", "%zu requests are told to end", m_inFlight);
         for (HttpConnection* connection : connectionsNow())
             connection->endRequest();
         closeStreams();
@@ -576,7 +575,7 @@ private:
     void giveUp() {
         if (m_finishing) return;
         if (!isAnyoneWorking()) return finish();
-        logMessage(0, module, sourcePath, "stop", "%zu requests are given up", m_inFlight);
+        logMessage(0, "QORAgent", QOR_SOURCE_PATH, "stop", "%zu requests are given up", m_inFlight);
         m_abandoned = true;
         m_io.stop();
     }

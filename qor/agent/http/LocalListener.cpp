@@ -17,12 +17,12 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/agent/http/LocalListener";
 constexpr mode_t socketMode = 0660;
 constexpr mode_t lockMode = 0600;
 
@@ -78,7 +78,7 @@ LocalListener::LocalListener(const std::filesystem::path& path, const std::strin
         throw QORException(errFailure,
                            "cannot listen at " + m_path.string() + ": the path is longer than " +
                                std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " characters",
-                           sourcePath);
+                           QOR_SOURCE_PATH);
     }
     try {
         makeFolders(m_path.parent_path());
@@ -109,14 +109,15 @@ int LocalListener::releaseSocket() noexcept {
 
 void LocalListener::fail(const char* what, int error) const {
     throw QORException(errFailure, "cannot listen at " + m_path.string() + ": " + what + ": " + std::strerror(error),
-                       sourcePath);
+                       QOR_SOURCE_PATH);
 }
 
 QORFileDescriptor LocalListener::openLock() const {
     try {
         return openOwnFile(m_lockPath.string(), O_RDWR | O_CREAT, lockMode);
     } catch (const QORException& exception) {
-        throw QORException(errFailure, "cannot listen at " + m_path.string() + ": " + exception.message(), sourcePath);
+        throw QORException(errFailure, "cannot listen at " + m_path.string() + ": " + exception.message(),
+                           QOR_SOURCE_PATH);
     }
 }
 
@@ -126,7 +127,7 @@ void LocalListener::takeLock() {
         if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
             if (errno != EWOULDBLOCK) fail("cannot lock its lock file", errno);
             throw QORException(errFailure, "cannot listen at " + m_path.string() + ": another agent is using it",
-                               sourcePath);
+                               QOR_SOURCE_PATH);
         }
         if (!isStillNamed(m_lockPath, lock.get())) continue;
         m_lock = std::move(lock);
@@ -142,14 +143,14 @@ void LocalListener::clearStaleSocket() const {
     }
     if (!S_ISSOCK(found.st_mode)) {
         throw QORException(errFailure, "cannot listen at " + m_path.string() + ": it exists and is no socket",
-                           sourcePath);
+                           QOR_SOURCE_PATH);
     }
     const QORFileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_un address = addressOf(m_path);
     if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
         errno != ECONNREFUSED) {
         throw QORException(errFailure, "cannot listen at " + m_path.string() + ": another program is using it",
-                           sourcePath);
+                           QOR_SOURCE_PATH);
     }
     if (::unlink(m_path.c_str()) != 0 && errno != ENOENT) fail("cannot remove the socket left behind", errno);
 }
@@ -181,8 +182,9 @@ void LocalListener::admit(const std::string& group) const {
     const std::string name = "/proc/self/fd/" + std::to_string(socket.get());
     gid_t number = 0;
     if (!group.empty() && !findGroup(group, number)) {
-        throw QORException(
-            errFailure, "cannot listen at " + m_path.string() + ": there is no group " + quoteText(group), sourcePath);
+        throw QORException(errFailure,
+                           "cannot listen at " + m_path.string() + ": there is no group " + quoteText(group),
+                           QOR_SOURCE_PATH);
     }
     if (!group.empty() && ::chown(name.c_str(), static_cast<uid_t>(-1), number) != 0) {
         fail(("cannot give it to group " + group).c_str(), errno);

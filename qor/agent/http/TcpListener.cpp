@@ -11,6 +11,7 @@
 #include <string>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 
 namespace QOR {
 namespace {
@@ -45,7 +46,7 @@ std::uint16_t portOf(int socket) {
 }
 
 [[noreturn]] void refuse(const QORAgentAddress& address, const std::string& reason) {
-    throw QORException(errFailure, "cannot listen at " + address.text() + ": " + reason, "qor/agent/http/TcpListener");
+    throw QORException(errFailure, "cannot listen at " + address.text() + ": " + reason, QOR_SOURCE_PATH);
 }
 
 /// \throws QORException for what is no place to listen at

@@ -1,15 +1,11 @@
 #include "agent/settings/Setting.h"
 
-#include "QORCommon/QORException.h"
 #include "QORCommon/QORRelativeTime.h"
 #include "QORCommon/QORText.h"
+#include "agent/settings/SettingsRefusal.h"
 
 namespace QOR {
 namespace {
-
-[[noreturn]] void refuse(const std::string& reason) {
-    throw QORException(errBadRequest, reason, "qor/agent/settings/Setting");
-}
 
 /// What somebody has written for a setting, and how they call it.
 struct Written {
@@ -20,7 +16,7 @@ struct Written {
     const std::string& text() const { return texts.at(0); }
     std::uint64_t number() const {
         const std::optional<std::uint64_t> read = readPlainNumber(text(), range);
-        if (!read) refuse(describeBadNumber(shown, text(), range));
+        if (!read) refuseSettings(describeBadNumber(shown, text(), range));
         return *read;
     }
 };
@@ -30,7 +26,7 @@ struct Written {
 void assign(bool& value, const Written& written) {
     const std::string& text = written.text();
     if (text != "true" && text != "false")
-        refuse(written.shown + " is true or false; " + quoteText(text) + " is neither");
+        refuseSettings(written.shown + " is true or false; " + quoteText(text) + " is neither");
     value = text == "true";
 }
 std::vector<std::string> textsOf(bool value) {
@@ -67,7 +63,7 @@ std::vector<std::string> textsOf(std::chrono::milliseconds value) {
 
 void assign(std::optional<std::int64_t>& age, const Written& written) {
     const std::optional<std::int64_t> seconds = parseDuration(written.text());
-    if (!seconds) refuse(written.shown + ": \"" + written.text() + "\" is no age (90s, 45m, 12h, 30d, 8w)");
+    if (!seconds) refuseSettings(written.shown + ": \"" + written.text() + "\" is no age (90s, 45m, 12h, 30d, 8w)");
     age = seconds;
 }
 std::vector<std::string> textsOf(const std::optional<std::int64_t>& age) {

@@ -3,15 +3,11 @@
 #include <algorithm>
 
 #include "QORCommon/QORAgentAddress.h"
-#include "QORCommon/QORException.h"
+#include "agent/settings/SettingsRefusal.h"
 #include "host/QORHostPaths.h"
 
 namespace QOR {
 namespace {
-
-[[noreturn]] void refuse(const std::string& reason) {
-    throw QORException(errBadRequest, reason, "qor/agent/settings/SettingsMeaning");
-}
 
 /// A token that goes over a network without TLS is everybody's.
 bool isOfThisMachine(const std::string& host) {
@@ -63,9 +59,9 @@ HttpServerOptions serverOptions(const AgentSettings& settings, const std::vector
         server.origins.add(origin);
     const HttpCertificateFiles& files = settings.tls;
     if (usesTls(server) && (files.certificate.empty() || files.key.empty()))
-        refuse("--listen https://... needs --tls-certificate and --tls-key");
+        refuseSettings("--listen https://... needs --tls-certificate and --tls-key");
     if (!usesTls(server) && !(files.certificate + files.key + files.clientAuthority).empty())
-        refuse("--tls-certificate, --tls-key and --tls-client-ca are for --listen https://...");
+        refuseSettings("--tls-certificate, --tls-key and --tls-client-ca are for --listen https://...");
     return server;
 }
 
@@ -74,21 +70,21 @@ QORForwardOptions forwardOptions(const AgentSettings& settings) {
     QORForwardOptions options = settings.forwarding;
     QORAgentAddress& address = options.target.address;
     address = readAgentAddress(settings.forward);
-    if (address.isUnix()) refuse("--forward: an agent is reached at https://HOST:PORT");
+    if (address.isUnix()) refuseSettings("--forward: an agent is reached at https://HOST:PORT");
     if (address.scheme == Scheme::Http && !isOfThisMachine(address.host))
-        refuse("--forward: plain http is for this machine's own programs: name https://" + address.authority());
+        refuseSettings("--forward: plain http is for this machine's own programs: name https://" + address.authority());
     if (address.scheme == Scheme::Http && !options.target.authority.empty())
-        refuse("--forward-ca is for --forward https://...");
+        refuseSettings("--forward-ca is for --forward https://...");
     return options;
 }
 
 void checkTogether(const AgentSettings& settings) {
     if (!settings.readOnly) return;
     if (!settings.forward.empty())
-        refuse("--read-only: how far records have been sent on cannot be kept for --forward");
-    if (!settings.collect.empty()) refuse("--read-only: what collectors bring cannot be stored for --collect");
+        refuseSettings("--read-only: how far records have been sent on cannot be kept for --forward");
+    if (!settings.collect.empty()) refuseSettings("--read-only: what collectors bring cannot be stored for --collect");
     if (settings.keep.any())
-        refuse("--read-only: nothing can be removed for --keep-age, --keep-records or --keep-size");
+        refuseSettings("--read-only: nothing can be removed for --keep-age, --keep-records or --keep-size");
 }
 
 std::vector<QORCollectorWish> collectorWishes(const AgentSettings& settings) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "agent/settings/SettingTable.h"
 #include "agent/settings/SettingsFile.h"
 
@@ -33,7 +34,7 @@ std::vector<fs::path> fragmentsIn(const fs::path& folder) {
     }
     if (error) {
         throw QORException(errBadRequest, "the settings: cannot read " + folder.string() + ": " + error.message(),
-                           "qor/agent/settings/SettingsSources");
+                           QOR_SOURCE_PATH);
     }
     std::sort(files.begin(), files.end());
     return files;

@@ -3,6 +3,8 @@
 #include <ctime>
 #include <utility>
 
+#include "QORCommon/QORText.h"
+
 namespace QOR {
 
 void SettingsState::loaded(std::vector<std::string> awaiting) {
@@ -29,10 +31,7 @@ std::string SettingsState::text() const {
     const State state = now();
     if (!state.failure.empty()) return "the settings stay as they were: " + state.failure;
     if (state.awaiting.empty()) return "the settings hold";
-    std::string names;
-    for (const std::string& name : state.awaiting)
-        names += (names.empty() ? "" : ", ") + name;
-    return "a restart is needed for " + names;
+    return "a restart is needed for " + joinTexts(state.awaiting);
 }
 
 }  // namespace QOR

@@ -23,6 +23,7 @@
 
 #include "QORCommon/QORGuid.h"
 #include "QORCommon/QORTime.h"
+#include "backend/AgentPauses.h"
 #include "backend/AgentReplies.h"
 #include "backend/AgentTarget.h"
 #include "host/QORPlainNumber.h"
@@ -35,9 +36,6 @@ namespace asio = boost::asio;
 namespace http = boost::beast::http;
 
 constexpr std::size_t sendBlock = 64 * 1024;
-/// An agent that is started again is waited for: 12 seconds in all.
-constexpr auto firstPause = std::chrono::milliseconds(100);
-constexpr auto lastPause = std::chrono::milliseconds(6400);
 /// How often a request is asked again that was turned down, and the longest that is waited for it.
 constexpr unsigned mostRepeats = 5;
 constexpr std::uint64_t longestWait = 60;  // seconds

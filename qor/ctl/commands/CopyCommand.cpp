@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include "QORCommon/QORText.h"
 #include "commands/Commands.h"
 #include "commands/MovingErrors.h"
 #include "commands/Printing.h"
@@ -26,14 +27,7 @@ const char* nameOf(QORCopyProgress::Part part) {
     }
 }
 
-std::string joined(const std::vector<std::string>& names) {
-    std::string text;
-    for (const std::string& name : names)
-        text += (text.empty() ? "" : ", ") + name;
-    return text;
-}
-
-constexpr const char* goesOn = "what was copied stays, and the same command goes on where it stood";
+constexpr const char* copyGoesOn = "what was copied stays, and the same command goes on where it stood";
 
 std::unique_ptr<QORDatabaseCopy> open(QORCopyOptions options) {
     try {
@@ -68,14 +62,14 @@ void runCopy(const CopyCommandOptions& options) {
     copy.stop = [&] { return interrupt.isRequested(); };
     const QORCopyReport report = [&] {
         const auto opened = open(std::move(copy));
-        return endingWell(goesOn, [&] { return opened->run(); });
+        return endingWell(copyGoesOn, [&] { return opened->run(); });
     }();
     progress.clear();
-    if (report.stopped) throw CtlError(CtlExit::Interrupted, std::string("stopped; ") + goesOn);
+    if (report.stopped) throw CtlError(CtlExit::Interrupted, std::string("stopped; ") + copyGoesOn);
     print(report);
     if (!report.changed.empty())
         tellPerson("the source was written to meanwhile, and is not any more what was copied: " +
-                   joined(report.changed));
+                   joinTexts(report.changed));
     if (report.miscounted == 0) return;
     throw CtlError(
         CtlExit::AnsweredError,

@@ -11,6 +11,7 @@
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "answer/EventReader.h"
+#include "backend/AgentPauses.h"
 #include "backend/AgentTarget.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
@@ -22,28 +23,25 @@ namespace {
 using rapidjson::Document;
 using rapidjson::Value;
 
-constexpr auto firstPause = std::chrono::milliseconds(100);
-constexpr auto lastPause = std::chrono::milliseconds(6400);
-
-[[noreturn]] void unreadable() {
+[[noreturn]] void unreadableEvent() {
     throw CtlError(CtlExit::AnsweredError, "what the agent tells cannot be read");
 }
 
 Document read(const std::string& json) {
     Document document;
     document.Parse<rapidjson::kParseNumbersAsStringsFlag>(json.data(), json.size());
-    if (document.HasParseError() || !document.IsObject()) unreadable();
+    if (document.HasParseError() || !document.IsObject()) unreadableEvent();
     return document;
 }
 
-std::string_view textOf(const Value& value) {
-    if (!value.IsString()) unreadable();
+std::string_view textIn(const Value& value) {
+    if (!value.IsString()) unreadableEvent();
     return {value.GetString(), value.GetStringLength()};
 }
 
 std::string_view memberText(const Document& document, const char* name) {
     const auto found = document.FindMember(name);
-    return found == document.MemberEnd() ? std::string_view() : textOf(found->value);
+    return found == document.MemberEnd() ? std::string_view() : textIn(found->value);
 }
 
 /// Rows out of the records that events tell.
@@ -75,15 +73,15 @@ private:
     static Cell::Kind fill(const Value& value, QORColumnKind kind, std::string& text) {
         if (value.IsObject()) {
             const auto bytes = value.FindMember("base64");
-            if (bytes == value.MemberEnd()) unreadable();
-            text = parseBase64(textOf(bytes->value)).value_or("");
+            if (bytes == value.MemberEnd()) unreadableEvent();
+            text = parseBase64(textIn(bytes->value)).value_or("");
             return Cell::Kind::Binary;
         }
         if (value.IsBool()) {
             text = value.GetBool() ? "true" : "false";
             return Cell::Kind::Text;
         }
-        text = textOf(value);
+        text = textIn(value);
         // As answers to requests have times, so that all commands show the same.
         if (kind == QORColumnKind::Time && text.ends_with('Z')) text.replace(text.size() - 1, 1, "+0000");
         return Cell::Kind::Text;
@@ -109,7 +107,7 @@ public:
                 if (!std::exchange(m_told, true)) tellNote(std::string(lost.what()) + "; going on when it is back");
             }
             std::this_thread::sleep_for(m_pause);
-            m_pause = std::min(m_pause * 2, std::chrono::milliseconds(lastPause));
+            m_pause = std::min(m_pause * 2, lastPause);
         }
     }
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "QORCommon/QORText.h"
 #include "backend/Backend.h"
 #include "commands/Commands.h"
 #include "output/Output.h"
@@ -12,11 +13,8 @@ namespace {
 
 constexpr std::size_t shownBytes = 2000;  // of a request or an answer that differs
 
-std::string joined(const std::vector<std::string>& names) {
-    std::string text;
-    for (const std::string& name : names)
-        text += (text.empty() ? "" : ", ") + name;
-    return text.empty() ? "none" : text;
+std::string namesOrNone(const std::vector<std::string>& names) {
+    return names.empty() ? "none" : joinTexts(names);
 }
 
 std::string shown(const std::string& text) {
@@ -25,8 +23,8 @@ std::string shown(const std::string& text) {
 
 void print(const QORSecurityReport& report, FileOutput& out) {
     const auto line = [&out](const std::string& text) { out << text + "\n"; };
-    line("Restricted views: " + joined(report.restrictedViews));
-    line("Views that everybody sees whole: " + joined(report.openViews));
+    line("Restricted views: " + namesOrNone(report.restrictedViews));
+    line("Views that everybody sees whole: " + namesOrNone(report.openViews));
     line(std::to_string(report.requests) + " requests of " + std::to_string(report.clients) + " clients, answered by " +
          std::to_string(report.rows) + " rows, of which");
     for (const auto& [name, count] : report.operators)

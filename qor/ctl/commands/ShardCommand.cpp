@@ -10,7 +10,7 @@
 namespace QOR {
 namespace {
 
-constexpr const char* goesOn = "what was moved stays, and the same command goes on where it stood";
+constexpr const char* moveGoesOn = "what was moved stays, and the same command goes on where it stood";
 
 void print(const std::vector<std::string>& lines) {
     FileOutput out(STDOUT_FILENO);
@@ -26,20 +26,20 @@ void runShard(const ShardCommandOptions& options) {
     RecordProgress progress(options.progress);
     QORShardOptions shard;
     shard.home = options.home;
-    shard.servers = endingWell(goesOn, [&] { return readShardFile(options.servers); });
+    shard.servers = endingWell(moveGoesOn, [&] { return readShardFile(options.servers); });
     shard.split = options.split;
     shard.showPasswords = options.passwords;
-    if (options.print) return print(endingWell(goesOn, [&] { return QORShard::script(shard); }));
+    if (options.print) return print(endingWell(moveGoesOn, [&] { return QORShard::script(shard); }));
     shard.progress = [&](const QORShardProgress& now) {
         progress.tell(now.to.empty() ? "moving to the servers" : "moving to " + now.to, now.records, now.of,
                       now.resumed);
     };
     shard.stop = [&] { return interrupt.isRequested(); };
     const std::size_t servers = shard.servers.size();
-    const QORShardReport report = endingWell(goesOn, [&] { return QORShard(std::move(shard)).run(); });
+    const QORShardReport report = endingWell(moveGoesOn, [&] { return QORShard(std::move(shard)).run(); });
     progress.clear();
     print(report.done);
-    if (report.stopped) throw CtlError(CtlExit::Interrupted, std::string("stopped; ") + goesOn);
+    if (report.stopped) throw CtlError(CtlExit::Interrupted, std::string("stopped; ") + moveGoesOn);
     if (report.faults.empty()) return print({"checked: " + std::to_string(servers) + " servers, sound"});
     print(report.faults);
     throw CtlError(CtlExit::AnsweredError, std::to_string(report.faults.size()) + " faults");

@@ -12,6 +12,7 @@
 #include <system_error>
 #include <vector>
 
+#include "QORCommon/QORText.h"
 #include "host/QORHostPaths.h"
 #include "process/ProgramOutput.h"
 
@@ -60,13 +61,9 @@ Finding checkSettings() {
 }
 
 Finding checkDrivers() {
-    std::string found;
-    bool forFiles = false;
-    for (const std::string& name : driverNames()) {
-        forFiles = forFiles || name == "SQLite3";
-        found += (found.empty() ? "" : ", ") + name;
-    }
-    if (forFiles) return {Level::Fine, "drivers", found};
+    const std::vector<std::string> names = driverNames();
+    const std::string found = joinTexts(names);
+    if (std::find(names.begin(), names.end(), "SQLite3") != names.end()) return {Level::Fine, "drivers", found};
     return {Level::Fault, "drivers", "ODBC has no driver SQLite3" + (found.empty() ? "" : ", but " + found),
             "apt install libsqliteodbc"};
 }
@@ -77,10 +74,7 @@ Finding checkPlugIns(const fs::path& given) {
     std::error_code error;
     for (fs::directory_iterator entry(folder, error); entry != fs::directory_iterator(); entry.increment(error))
         if (entry->path().extension() == ".so") found.insert(entry->path().stem().string());
-    std::string names;
-    for (const std::string& name : found)
-        names += (names.empty() ? "" : ", ") + name;
-    if (!names.empty()) return {Level::Fine, "plug-ins", names};
+    if (!found.empty()) return {Level::Fine, "plug-ins", joinTexts(found)};
     return {Level::Fault, "plug-ins", "there is none in " + folder.string(),
             "install the package again, or name their folder with --plugins"};
 }

@@ -48,13 +48,6 @@ std::string nearLine(std::string_view written, const std::vector<std::string>& n
     return line.empty() ? line : line + "?";
 }
 
-std::string listOf(const std::vector<std::string>& names) {
-    std::string text;
-    for (const std::string& name : names)
-        text += (text.empty() ? "" : ", ") + name;
-    return text;
-}
-
 bool isOption(const std::string& word) {
     return word.size() > 1 && word.front() == '-';
 }
@@ -63,7 +56,7 @@ std::string describeCommand(const CLI::App& group, const std::string& written) {
     const std::vector<std::string> names = commandNames(group);
     const std::string near = nearLine(written, names);
     return "there is no command " + quoteText((group.get_parent() == nullptr ? "" : group.get_name() + " ") + written) +
-           (near.empty() ? "\nthere are " + listOf(names) : near);
+           (near.empty() ? "\nthere are " + joinTexts(names) : near);
 }
 
 bool isGroup(const CLI::App& command) {
@@ -112,7 +105,7 @@ std::string describeMistake(const CLI::App& app, const CLI::ParseError& error) {
     const std::string help = "\nqorctl --help and qorctl COMMAND --help say what there is.";
     if (const std::string leftover = describeLeftover(given); !leftover.empty()) return leftover + help;
     if (isGroup(command) && command.get_parent() != nullptr)
-        return command.get_name() + " needs one of its commands: " + listOf(commandNames(command)) + help;
+        return command.get_name() + " needs one of its commands: " + joinTexts(commandNames(command)) + help;
     return error.what() + help;
 }
 
@@ -123,7 +116,7 @@ CLI::Validator oneOfWords(std::vector<std::string> words) {
     CLI::Validator validator(
         [words = std::move(words)](std::string& written) -> std::string {
             if (std::find(words.begin(), words.end(), written) != words.end()) return {};
-            return quoteText(written) + " is none of " + listOf(words) + nearLine(written, words);
+            return quoteText(written) + " is none of " + joinTexts(words) + nearLine(written, words);
         },
         "");
     validator.name(name);

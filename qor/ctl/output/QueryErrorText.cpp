@@ -8,7 +8,7 @@ namespace QOR {
 namespace {
 
 constexpr std::size_t margin = 2;
-constexpr std::string_view ellipsis = "...";
+constexpr std::string_view cutMark = "...";
 
 bool isContinuation(char c) {
     return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
@@ -51,11 +51,11 @@ std::string describeQueryError(std::string_view text, const QORQueryError& error
     const std::size_t room = std::max<std::size_t>(width, 20) - margin;
     if (const std::size_t whole = textWidth(line); whole > room) {
         // A window around the place, with as much of what stands before it as of what follows where both are long.
-        const std::size_t inner = room - 2 * ellipsis.size();
+        const std::size_t inner = room - 2 * cutMark.size();
         const std::size_t from = std::min(caret > inner / 2 ? caret - inner / 2 : 0, whole > inner ? whole - inner : 0);
-        line = (from > 0 ? std::string(ellipsis) : "") + sliceByWidth(line, from, inner) +
-               (from + inner < whole ? std::string(ellipsis) : "");
-        caret = caret - from + (from > 0 ? ellipsis.size() : 0);
+        line = (from > 0 ? std::string(cutMark) : "") + sliceByWidth(line, from, inner) +
+               (from + inner < whole ? std::string(cutMark) : "");
+        caret = caret - from + (from > 0 ? cutMark.size() : 0);
     }
     std::string out = std::string(error.what()) + describePlace(text, begin, offset) + "\n";
     out.append(margin, ' ').append(line) += '\n';

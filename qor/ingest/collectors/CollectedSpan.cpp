@@ -5,11 +5,11 @@
 #include <limits>
 
 #include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORTime.h"
 
 namespace QOR {
 namespace {
 
-constexpr std::int64_t secondsOfDay = 24 * 60 * 60;
 constexpr std::int64_t never = std::numeric_limits<std::int64_t>::min();
 
 }  // namespace

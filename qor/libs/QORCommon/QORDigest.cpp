@@ -10,18 +10,14 @@
 #include <cerrno>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
+#include "QORCommon/QORUnsignedBytes.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/libs/QORCommon/QORDigest";
-
-void require(int result) {
-    if (result != 1) throw QORException(errFailure, "a digest cannot be computed", sourcePath);
-}
-
-const unsigned char* bytesOf(std::string_view text) noexcept {
-    return reinterpret_cast<const unsigned char*>(text.data());
+void requireDigest(int result) {
+    if (result != 1) throw QORException(errFailure, "a digest cannot be computed", QOR_SOURCE_PATH);
 }
 
 /// Looked up once: by its usual name the library looks it up anew for each text, for longer than a short one takes.
@@ -51,11 +47,12 @@ std::string keyedDigest(std::string_view key, std::string_view text) {
     static EVP_MAC_CTX* const unkeyed = makeUnkeyed();
     const std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> context(
         unkeyed == nullptr ? nullptr : ::EVP_MAC_CTX_dup(unkeyed), &EVP_MAC_CTX_free);
-    require(context ? ::EVP_MAC_init(context.get(), bytesOf(key), key.size(), nullptr) : 0);
-    require(::EVP_MAC_update(context.get(), bytesOf(text), text.size()));
+    requireDigest(context ? ::EVP_MAC_init(context.get(), bytesOf(key), key.size(), nullptr) : 0);
+    requireDigest(::EVP_MAC_update(context.get(), bytesOf(text), text.size()));
     std::string result(EVP_MAX_MD_SIZE, '\0');
     std::size_t size = 0;
-    require(::EVP_MAC_final(context.get(), reinterpret_cast<unsigned char*>(result.data()), &size, result.size()));
+    requireDigest(
+        ::EVP_MAC_final(context.get(), reinterpret_cast<unsigned char*>(result.data()), &size, result.size()));
     result.resize(size);
     return result;
 }
@@ -69,7 +66,8 @@ std::string randomBytes(std::size_t count) {
     std::string bytes(count, '\0');
     for (std::size_t done = 0; done < count;) {
         const ssize_t got = ::getrandom(bytes.data() + done, count - done, 0);
-        if (got < 0 && errno != EINTR) throw QORException(errFailure, "the system has no random bytes", sourcePath);
+        if (got < 0 && errno != EINTR)
+            throw QORException(errFailure, "the system has no random bytes", QOR_SOURCE_PATH);
         if (got > 0) done += static_cast<std::size_t>(got);
     }
     return bytes;
@@ -91,20 +89,20 @@ struct QORDigest::Impl {
 };
 
 QORDigest::QORDigest() : m_impl(std::make_unique<Impl>()) {
-    require(m_impl->context ? EVP_DigestInit_ex(m_impl->context.get(), sha256(), nullptr) : 0);
+    requireDigest(m_impl->context ? EVP_DigestInit_ex(m_impl->context.get(), sha256(), nullptr) : 0);
 }
 
 QORDigest::~QORDigest() = default;
 
 QORDigest& QORDigest::add(std::string_view bytes) {
-    require(EVP_DigestUpdate(m_impl->context.get(), bytes.data(), bytes.size()));
+    requireDigest(EVP_DigestUpdate(m_impl->context.get(), bytes.data(), bytes.size()));
     return *this;
 }
 
 std::string QORDigest::hex() {
     std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
     unsigned size = 0;
-    require(EVP_DigestFinal_ex(m_impl->context.get(), bytes.data(), &size));
+    requireDigest(EVP_DigestFinal_ex(m_impl->context.get(), bytes.data(), &size));
     return hexOf({reinterpret_cast<const char*>(bytes.data()), size});
 }
 

@@ -13,12 +13,12 @@
 #include <string_view>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/libs/QORCommon/QORFiles";
 /// As many as the system follows.
 constexpr unsigned mostLinks = 40;
 
@@ -79,7 +79,7 @@ private:
     static constexpr mode_t allBits = 07777;
 
     [[noreturn]] void fail(const std::string& reason) const {
-        throw QORException(errFailure, "cannot open " + quoteText(m_path, 1024) + ": " + reason, sourcePath);
+        throw QORException(errFailure, "cannot open " + quoteText(m_path, 1024) + ": " + reason, QOR_SOURCE_PATH);
     }
     [[noreturn]] void fail(int error) const { fail(std::strerror(error)); }
 

@@ -6,7 +6,6 @@
 namespace QOR {
 namespace {
 
-constexpr std::int64_t secondsOfDay = 86400;
 constexpr std::int64_t longest = std::int64_t{10000} * 366 * secondsOfDay;
 
 /// 0 for what is no unit.

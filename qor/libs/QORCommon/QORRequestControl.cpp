@@ -7,11 +7,10 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/libs/QORCommon/QORRequestControl";
 
 using Clock = QORRequestControl::Clock;
 /// From when on a request is one that takes long, and how long it then computes at a time. A thread that wakes up to
@@ -130,7 +129,7 @@ std::string QORRequestControl::text() const {
 }
 
 void QORRequestControl::check() const {
-    if (expired()) throw QORException(errDeadline, text(), sourcePath, __LINE__);
+    if (expired()) throw QORException(errDeadline, text(), QOR_SOURCE_PATH, __LINE__);
 }
 
 QORRequestControl* QORRequestControl::current() noexcept {

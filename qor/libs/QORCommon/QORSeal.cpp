@@ -7,6 +7,8 @@
 
 #include "QORCommon/QORDigest.h"
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
+#include "QORCommon/QORUnsignedBytes.h"
 
 namespace QOR {
 namespace {
@@ -16,15 +18,11 @@ constexpr int tagBytes = 16;
 /// A key is used once, so that what else would tell its uses apart is the same for all.
 constexpr std::array<unsigned char, 12> noNonce{};
 
-void require(int result) {
-    if (result != 1) throw QORException(errFailure, "bytes cannot be sealed", "qor/libs/QORCommon/QORSeal");
+void requireSealed(int result) {
+    if (result != 1) throw QORException(errFailure, "bytes cannot be sealed", QOR_SOURCE_PATH);
 }
 
-const unsigned char* bytesOf(std::string_view text) noexcept {
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
-
-unsigned char* bytesOf(std::string& text, std::size_t from) noexcept {
+unsigned char* writableBytes(std::string& text, std::size_t from) noexcept {
     return reinterpret_cast<unsigned char*>(text.data() + from);
 }
 
@@ -39,14 +37,14 @@ class Cipher {
 public:
     Cipher(std::string_view secret, std::string_view salt, bool encrypts) {
         const std::string key = keyedDigest(secret, salt);
-        require(m_context ? ::EVP_CipherInit_ex(m_context.get(), aes(), nullptr, bytesOf(key), noNonce.data(),
-                                                encrypts ? 1 : 0)
-                          : 0);
+        requireSealed(m_context ? ::EVP_CipherInit_ex(m_context.get(), aes(), nullptr, bytesOf(key), noNonce.data(),
+                                                      encrypts ? 1 : 0)
+                                : 0);
     }
     /// Writes as many bytes as there are.
     void run(std::string_view bytes, unsigned char* out) {
         int size = 0;
-        require(::EVP_CipherUpdate(m_context.get(), out, &size, bytesOf(bytes), static_cast<int>(bytes.size())));
+        requireSealed(::EVP_CipherUpdate(m_context.get(), out, &size, bytesOf(bytes), static_cast<int>(bytes.size())));
     }
     bool end() {
         std::array<unsigned char, EVP_MAX_BLOCK_LENGTH> none{};
@@ -54,10 +52,10 @@ public:
         return ::EVP_CipherFinal_ex(m_context.get(), none.data(), &size) == 1;
     }
     void getTag(unsigned char* out) {
-        require(::EVP_CIPHER_CTX_ctrl(m_context.get(), EVP_CTRL_GCM_GET_TAG, tagBytes, out));
+        requireSealed(::EVP_CIPHER_CTX_ctrl(m_context.get(), EVP_CTRL_GCM_GET_TAG, tagBytes, out));
     }
     void setTag(std::string tag) {
-        require(::EVP_CIPHER_CTX_ctrl(m_context.get(), EVP_CTRL_GCM_SET_TAG, tagBytes, tag.data()));
+        requireSealed(::EVP_CIPHER_CTX_ctrl(m_context.get(), EVP_CTRL_GCM_SET_TAG, tagBytes, tag.data()));
     }
 
 private:
@@ -71,9 +69,9 @@ std::string sealBytes(std::string_view secret, std::string_view bytes) {
     std::string sealed = randomBytes(saltBytes);
     Cipher cipher(secret, sealed, true);
     sealed.resize(saltBytes + bytes.size() + tagBytes);
-    cipher.run(bytes, bytesOf(sealed, saltBytes));
-    require(cipher.end() ? 1 : 0);
-    cipher.getTag(bytesOf(sealed, saltBytes + bytes.size()));
+    cipher.run(bytes, writableBytes(sealed, saltBytes));
+    requireSealed(cipher.end() ? 1 : 0);
+    cipher.getTag(writableBytes(sealed, saltBytes + bytes.size()));
     return sealed;
 }
 
@@ -82,7 +80,7 @@ std::optional<std::string> openBytes(std::string_view secret, std::string_view s
     const std::string_view hidden = sealed.substr(saltBytes, sealed.size() - saltBytes - tagBytes);
     Cipher cipher(secret, sealed.substr(0, saltBytes), false);
     std::string bytes(hidden.size(), '\0');
-    cipher.run(hidden, bytesOf(bytes, 0));
+    cipher.run(hidden, writableBytes(bytes, 0));
     cipher.setTag(std::string(sealed.substr(sealed.size() - tagBytes)));
     if (!cipher.end()) return std::nullopt;
     return bytes;

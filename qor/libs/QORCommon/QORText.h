@@ -28,6 +28,18 @@ QOR_API void appendBase64(std::string_view bytes, std::string& out);
 /// The bytes of a padded base64 text; empty when it is not one. Blanks and line ends are not part of it.
 QOR_API std::optional<std::string> parseBase64(std::string_view text);
 
+/// The texts, one after the other, with `between` from each to the next. \param texts a range of texts
+template <class Texts>
+std::string joinTexts(const Texts& texts, std::string_view between = ", ") {
+    std::string joined;
+    for (bool first = true; const auto& text : texts) {
+        if (!first) joined.append(between);
+        joined.append(text);
+        first = false;
+    }
+    return joined;
+}
+
 /// Characters of UTF-8 that stand before a byte of a text.
 QOR_API std::size_t charactersBefore(std::string_view text, std::size_t offset) noexcept;
 

@@ -9,7 +9,6 @@
 namespace QOR {
 namespace {
 
-constexpr std::int64_t secondsOfDay = 86400;
 constexpr std::int64_t notATime = -1;
 
 /// Takes a time apart from the front; every method leaves the text alone when it does not find what it looks for.

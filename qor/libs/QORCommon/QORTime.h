@@ -11,6 +11,8 @@
 
 namespace QOR {
 
+inline constexpr std::int64_t secondsOfDay = 86400;
+
 /// The time now, by the system's clock.
 QOR_API std::int64_t currentTime() noexcept;
 

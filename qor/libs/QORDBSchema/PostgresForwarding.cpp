@@ -6,7 +6,7 @@ namespace {
 // As the step for SQLite describes it. A view that is replaced keeps who may read it.
 #define QOR_TEXT "text COLLATE \"C\""
 
-constexpr const char* statements[] = {
+constexpr const char* postgresForwardingStatements[] = {
     "ALTER TABLE qor_event ADD COLUMN uid uuid",
     "CREATE UNIQUE INDEX qor_event_uid ON qor_event (uid) WHERE uid IS NOT NULL",
     "ALTER TABLE qor_environment ADD COLUMN reporter " QOR_TEXT,
@@ -36,6 +36,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep postgresForwarding{statements};
+const QORSchemaStep postgresForwarding{postgresForwardingStatements};
 
 }  // namespace QOR

@@ -7,7 +7,7 @@ namespace {
 // commit, so numbers are in the order of commits.
 #define QOR_TEXT "text COLLATE \"C\" NOT NULL"
 
-constexpr const char* statements[] = {
+constexpr const char* postgresIdentitiesStatements[] = {
     "CREATE TABLE qor_identity (name " QOR_TEXT " PRIMARY KEY, kind int NOT NULL, subject " QOR_TEXT
     ", full_access int NOT NULL, UNIQUE (kind, subject))",
     "CREATE TABLE qor_identity_environment (name " QOR_TEXT
@@ -29,6 +29,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep postgresIdentities{statements};
+const QORSchemaStep postgresIdentities{postgresIdentitiesStatements};
 
 }  // namespace QOR

@@ -9,7 +9,7 @@
 namespace QOR {
 namespace {
 
-constexpr const char* statements[] = {
+constexpr const char* postgresLengthsStatements[] = {
     "COMMENT ON COLUMN \"vEnvironment\".title IS 'nvarchar(255)'",
     "COMMENT ON COLUMN \"vEnvironment\".name IS 'nvarchar(255)'",
     "COMMENT ON COLUMN \"vEnvironment\".domain IS 'nvarchar(255)'",
@@ -44,6 +44,6 @@ void remakeSchemaTable(ASSession& session) {
 
 }  // namespace
 
-const QORSchemaStep postgresLengths{statements, &remakeSchemaTable};
+const QORSchemaStep postgresLengths{postgresLengthsStatements, &remakeSchemaTable};
 
 }  // namespace QOR

@@ -5,7 +5,7 @@ namespace {
 
 // As the step for SQLite describes it. Identifiers of this kind are random bits from where the engine takes those of
 // its secrets, 122 each.
-constexpr const char* statements[] = {
+constexpr const char* postgresSecretsStatements[] = {
     "CREATE TABLE qor_secret (purpose text COLLATE \"C\" NOT NULL PRIMARY KEY, secret text COLLATE \"C\" NOT NULL)",
     "INSERT INTO qor_secret (purpose, secret) SELECT 'pages', encode(sha256(uuid_send(gen_random_uuid()) || "
     "uuid_send(gen_random_uuid()) || uuid_send(gen_random_uuid())), 'hex')",
@@ -13,6 +13,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep postgresSecrets{statements};
+const QORSchemaStep postgresSecrets{postgresSecretsStatements};
 
 }  // namespace QOR

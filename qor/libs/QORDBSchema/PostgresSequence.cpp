@@ -29,9 +29,9 @@ namespace {
         "CREATE TRIGGER " table "_noted_again AFTER UPDATE ON " table                               \
         " REFERENCING NEW TABLE AS came FOR EACH STATEMENT EXECUTE FUNCTION qor_record_note(" kind ")"
 
-constexpr const char* fillStatements[] = {QOR_FILL_SEQUENCE(QOR_RANGES, "uuid")};
+constexpr const char* postgresSequenceFillingStatements[] = {QOR_FILL_SEQUENCE(QOR_RANGES, "uuid")};
 
-constexpr const char* statements[] = {
+constexpr const char* postgresSequenceStatements[] = {
     "CREATE TABLE qor_record_number (n bigint NOT NULL)",
     "INSERT INTO qor_record_number (n) VALUES (0)",
     "CREATE TABLE qor_record_change (n bigint NOT NULL PRIMARY KEY, kind int NOT NULL, first bigint NOT NULL, "
@@ -99,7 +99,7 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep postgresSequence{statements};
-const QORSchemaStep postgresSequenceFilling{fillStatements};
+const QORSchemaStep postgresSequence{postgresSequenceStatements};
+const QORSchemaStep postgresSequenceFilling{postgresSequenceFillingStatements};
 
 }  // namespace QOR

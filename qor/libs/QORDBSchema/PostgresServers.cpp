@@ -9,7 +9,7 @@ namespace {
 // empty.
 #define QOR_TEXT "text COLLATE \"C\" NOT NULL"
 
-constexpr const char* statements[] = {
+constexpr const char* postgresServersStatements[] = {
     // At home: who holds which remainders. No rows: this database holds all itself. The first server has the number 1.
     // schema: where its tables are.
     "CREATE TABLE qor_server (name " QOR_TEXT
@@ -54,7 +54,7 @@ constexpr const char* handoverStatements[] = {
 
 }  // namespace
 
-const QORSchemaStep postgresServers{statements};
+const QORSchemaStep postgresServers{postgresServersStatements};
 const QORSchemaStep postgresHandover{handoverStatements};
 
 }  // namespace QOR

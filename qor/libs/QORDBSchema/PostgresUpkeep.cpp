@@ -149,7 +149,7 @@ namespace {
     QOR_FORGETTING(table, table "_documents", QOR_FORGET(table, "seq", part, ""), \
                    QOR_FORGET(table, "seq", part, QOR_STAYS(table, "seq", part)))
 
-constexpr const char* statements[] = {
+constexpr const char* postgresUpkeepStatements[] = {
     // The second's time, brought between the first and the last that there are.
     "CREATE FUNCTION qor_time(second bigint) RETURNS timestamp LANGUAGE sql IMMUTABLE AS $$ "
     "SELECT '1970-01-01 00:00:00'::timestamp + make_interval(secs => least(greatest(second, -62135596800), "
@@ -337,7 +337,7 @@ constexpr const char* countingStatements[] = {
 
 }  // namespace
 
-const QORSchemaStep postgresUpkeep{statements};
+const QORSchemaStep postgresUpkeep{postgresUpkeepStatements};
 const QORSchemaStep postgresCounting{countingStatements};
 
 }  // namespace QOR

@@ -6,6 +6,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORDBSchema/QORDatabaseFile.h"
@@ -17,8 +18,6 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORDBSchema";
-
 /// What tells a database of ours from another program's that happens to have a table of the same name.
 constexpr std::string_view mark = "QORPager host database";
 
@@ -28,16 +27,9 @@ const QORSchemaEngine& engineOf(const ASSession& session) {
     return QORSchemaEngine::of(session.engine());
 }
 
-bool hasRows(ASStatement& statement) {
-    statement.execute();
-    const bool found = statement.fetch();
-    statement.close();
-    return found;
-}
-
 /// The version of a database that bears our mark.
 std::optional<int> markedVersion(ASSession& session) {
-    if (!hasRows(session.prepare(engineOf(session).hasMark))) return std::nullopt;
+    if (!session.prepare(engineOf(session).hasMark).hasRow()) return std::nullopt;
     ASStatement& newest =
         session.prepare("SELECT version FROM qor_schema_version WHERE mark = ? ORDER BY version DESC LIMIT 1");
     newest.bind(1, mark);
@@ -53,7 +45,7 @@ std::optional<int> markedVersion(ASSession& session) {
                        "database " + quoteText(database, 1024) +
                            " belongs to another program: it holds tables or views that are not this host's. Use "
                            "--read-only to ask it questions, or name another database to keep records in",
-                       sourcePath, __LINE__);
+                       QOR_SOURCE_PATH, __LINE__);
 }
 
 [[noreturn]] void refuseNewer(const std::string& database, int version) {
@@ -61,14 +53,14 @@ std::optional<int> markedVersion(ASSession& session) {
                        "database " + quoteText(database, 1024) + " has version " + std::to_string(version) +
                            " of the schema, but this program knows versions up to " + std::to_string(latestVersion) +
                            ": use the newer program that wrote it, or --read-only to ask it questions",
-                       sourcePath, __LINE__);
+                       QOR_SOURCE_PATH, __LINE__);
 }
 
 [[noreturn]] void refuseEmpty(const std::string& database, bool exists) {
     throw QORException(errFailure,
                        "database " + quoteText(database, 1024) +
                            (exists ? " is empty: there is nothing to ask it" : " does not exist"),
-                       sourcePath, __LINE__);
+                       QOR_SOURCE_PATH, __LINE__);
 }
 
 [[noreturn]] void refuseFilling(const std::string& database) {
@@ -76,7 +68,7 @@ std::optional<int> markedVersion(ASSession& session) {
                        "database " + quoteText(database, 1024) +
                            " holds a part of another one: a copy into it has not ended. Give the same \"qorctl copy\" "
                            "again, which goes on where it stood, or make the database anew",
-                       sourcePath, __LINE__);
+                       QOR_SOURCE_PATH, __LINE__);
 }
 
 void createMark(ASSession& session) {
@@ -131,7 +123,7 @@ QORSchemaReport openReadOnly(ASDatabaseOptions options) {
 void expectThisDatabase() {
     QORRdbmsTran tran(ASAccess::Read);
     constexpr const char* identity = "SELECT id FROM qor_database";
-    if (!hasRows(tran->prepare(engineOf(*tran).hasIdentity))) return;
+    if (!tran->prepare(engineOf(*tran).hasIdentity).hasRow()) return;
     ASStatement& select = tran->prepare(identity);
     select.execute();
     if (select.fetch()) QORRdbms::instance().expect(identity, std::string(select.text(1)));
@@ -142,7 +134,7 @@ void warnOfDocuments(const std::string& database) {
     QORRdbmsTran tran(ASAccess::Read);
     const auto unreadable = unreadableDocuments(*tran);
     if (!unreadable || unreadable->empty()) return;
-    logMessage(1, "QORDBSchema", sourcePath, __func__, "Database '%s': stored documents that cannot be read: %s",
+    logMessage(1, "QORDBSchema", QOR_SOURCE_PATH, __func__, "Database '%s': stored documents that cannot be read: %s",
                database.c_str(), describe(*unreadable).c_str());
 }
 
@@ -185,8 +177,8 @@ int QORDBSchema::currentVersion() noexcept {
 QORSchemaState QORDBSchema::inspect(ASSession& session) {
     const QORSchemaEngine& engine = engineOf(session);
     if (const auto version = markedVersion(session))
-        return {QORSchemaState::Kind::Ours, *version, hasRows(session.prepare(engine.isFilling))};
-    const bool any = hasRows(session.prepare(engine.hasAnything));
+        return {QORSchemaState::Kind::Ours, *version, session.prepare(engine.isFilling).hasRow()};
+    const bool any = session.prepare(engine.hasAnything).hasRow();
     return {any ? QORSchemaState::Kind::Foreign : QORSchemaState::Kind::Empty, 0, false};
 }
 
@@ -252,7 +244,7 @@ QORSchemaReport QORDBSchema::openDatabase(const ASDatabaseOptions& options, QORS
     if (report.found.kind == QORSchemaState::Kind::Empty) makeNewShrinkable();
     QORRdbms::instance().write([&](ASSession& session) { report.found.version = migrate(session); });
     if (report.found.version < latestVersion) {
-        logMessage(2, "QORDBSchema", sourcePath, __func__, "Database '%s': schema version %d, was %d",
+        logMessage(2, "QORDBSchema", QOR_SOURCE_PATH, __func__, "Database '%s': schema version %d, was %d",
                    databaseName(options.connectionString).c_str(), latestVersion, report.found.version);
     }
     return report;

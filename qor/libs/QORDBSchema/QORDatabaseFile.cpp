@@ -11,6 +11,7 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORFiles.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
 
@@ -18,7 +19,7 @@ namespace QOR {
 namespace {
 
 /// What SQLite keeps beside the database. The first is the database itself.
-constexpr const char* suffixes[] = {"", "-wal", "-shm", "-journal"};
+constexpr const char* fileSuffixes[] = {"", "-wal", "-shm", "-journal"};
 
 bool isSqlite(std::string_view driver) {
     return toLowerText(driver).find("sqlite") != std::string::npos;
@@ -35,7 +36,7 @@ QORDatabaseFile::QORDatabaseFile(const std::string& connectionString) {
         throw QORException(errFailure,
                            "database " + quoteText(database, 1024) +
                                ": the name of its file holds a semicolon, which no connection string can hold",
-                           "qor/libs/QORDBSchema/QORDatabaseFile", __LINE__);
+                           QOR_SOURCE_PATH, __LINE__);
     }
     m_path = database;
 }
@@ -47,7 +48,7 @@ bool QORDatabaseFile::exists() const {
 
 void QORDatabaseFile::check() const {
     if (m_path.empty()) return;
-    for (const char* suffix : suffixes)
+    for (const char* suffix : fileSuffixes)
         checkOwnFile(m_path + suffix);
 }
 
@@ -62,10 +63,10 @@ void QORDatabaseFile::create() const {
 
 void QORDatabaseFile::narrow() const {
     if (m_path.empty()) return;
-    for (const char* suffix : suffixes) {
+    for (const char* suffix : fileSuffixes) {
         const std::optional<mode_t> before = narrowOwnFile(m_path + suffix);
         if (!before) continue;
-        logMessage(1, "QORDBSchema", "qor/libs/QORDBSchema/QORDatabaseFile", __func__,
+        logMessage(1, "QORDBSchema", QOR_SOURCE_PATH, __func__,
                    "%s%s had mode %04o, so that others could read it; it is %04o now", m_path.c_str(), suffix, *before,
                    *before & S_IRWXU);
     }

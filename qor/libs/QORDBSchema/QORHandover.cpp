@@ -1,13 +1,12 @@
 #include "QORDBSchema/QORHandover.h"
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORDBSchema/QORSchemaRows.h"
 #include "QORServers/QORServers.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORHandover";
 
 /// Everything that readers of records go through at home, where there is any, in the order in which they do: a view,
 /// then its tables, each with its partitions.
@@ -110,7 +109,7 @@ bool settleHandover() {
         lockSpread(*home);
         completeHandover(*home, *handover);
         home.commit();
-        logMessage(2, "QORDBSchema", sourcePath, __func__,
+        logMessage(2, "QORDBSchema", QOR_SOURCE_PATH, __func__,
                    "server \"%s\" has given environments to \"%s\" while somebody ended: home says so now",
                    handover->source.c_str(), handover->to.name.c_str());
     } catch (const AException& error) {

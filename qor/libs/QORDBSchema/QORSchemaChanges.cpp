@@ -19,7 +19,7 @@ namespace {
     " END FROM qor_change; DELETE FROM qor_environment_change WHERE (SELECT n FROM qor_change) % 256 = 0 AND n < " \
     "(SELECT n FROM qor_environment_change ORDER BY n DESC LIMIT 1 OFFSET 1000); "
 
-constexpr const char* statements[] = {
+constexpr const char* changeSchemaStatements[] = {
     "CREATE TABLE qor_change (n bigint NOT NULL)",
     "INSERT INTO qor_change (n) VALUES (0)",
     "CREATE TABLE qor_environment_change (n integer NOT NULL PRIMARY KEY, environments longtext)",
@@ -33,7 +33,7 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep changeSchema{statements};
+const QORSchemaStep changeSchema{changeSchemaStatements};
 const QORSchemaStep serverSchema{};
 const QORSchemaStep handoverSchema{};
 const QORSchemaStep countingSchema{};

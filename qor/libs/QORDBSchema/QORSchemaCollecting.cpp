@@ -5,7 +5,7 @@ namespace {
 
 // How far the collectors of a machine have read their sources, in words of their own. It goes along with the records:
 // where a copy of the database is written on, nothing is read twice.
-constexpr const char* statements[] = {
+constexpr const char* readingSchemaStatements[] = {
     R"sql(CREATE TABLE qor_collector_position (
     machine uniqueidentifier NOT NULL,
     collector nvarchar(64) NOT NULL,
@@ -16,6 +16,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep readingSchema{statements};
+const QORSchemaStep readingSchema{readingSchemaStatements};
 
 }  // namespace QOR

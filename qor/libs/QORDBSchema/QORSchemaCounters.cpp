@@ -22,7 +22,7 @@ namespace {
         ", count(*), 0 FROM temp.qor_migrated m CROSS JOIN " table " c ON c.scope = m.scope AND c.level = " wider \
         " AND c.bucket = m.second >> " wider " AND c.split = 1 GROUP BY 1, 3"
 
-constexpr const char* statements[] = {
+constexpr const char* counterSchemaStatements[] = {
     "CREATE INDEX qor_event_category_eid ON qor_event (category, eid, time)",
 
     R"sql(CREATE TABLE qor_operation_count (
@@ -94,6 +94,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep counterSchema{statements};
+const QORSchemaStep counterSchema{counterSchemaStatements};
 
 }  // namespace QOR

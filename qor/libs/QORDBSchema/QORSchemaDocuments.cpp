@@ -1,4 +1,5 @@
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORDBSchema/QORSchemaSteps.h"
 #include "QORDBSchema/QORStoredDocuments.h"
 
@@ -12,7 +13,7 @@ namespace {
     " BEGIN DELETE FROM qor_unreadable_document WHERE source = '" table "' AND part = '" part \
     "' AND record = OLD." key "; END"
 
-constexpr const char* statements[] = {
+constexpr const char* documentSchemaStatements[] = {
     R"sql(CREATE TABLE qor_unreadable_document (
     source nvarchar(64) NOT NULL,
     part nvarchar(64) NOT NULL,
@@ -40,7 +41,7 @@ void mendDocuments(ASSession& session) {
     }
     for (const QORDocumentCheck::Column& column : check.columns()) {
         if (column.trimmed == 0) continue;
-        logMessage(1, "QORDBSchema", "qor/libs/QORDBSchema/QORSchemaDocuments", __func__,
+        logMessage(1, "QORDBSchema", QOR_SOURCE_PATH, __func__,
                    "%s.%s: cut off what stood behind %llu of %llu documents", column.table.c_str(),
                    column.column.c_str(), static_cast<unsigned long long>(column.trimmed),
                    static_cast<unsigned long long>(column.read));
@@ -49,6 +50,6 @@ void mendDocuments(ASSession& session) {
 
 }  // namespace
 
-const QORSchemaStep documentSchema{statements, &mendDocuments};
+const QORSchemaStep documentSchema{documentSchemaStatements, &mendDocuments};
 
 }  // namespace QOR

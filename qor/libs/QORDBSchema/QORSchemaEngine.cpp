@@ -8,13 +8,6 @@
 namespace QOR {
 namespace {
 
-bool hasRows(ASStatement& statement) {
-    statement.execute();
-    const bool found = statement.fetch();
-    statement.close();
-    return found;
-}
-
 /// Each leads to its version.
 constexpr std::array sqliteSteps{
     QORVersionedStep{1, &inventorySchema}, QORVersionedStep{2, &logSchema},     QORVersionedStep{3, &counterSchema},
@@ -30,7 +23,7 @@ constexpr std::array<std::string_view, 3> sqliteParts{"CREATE TRIGGER ", "CREATE
 bool isThereInSqlite(ASSession& session, const QORSchemaPart& part) {
     ASStatement& select = session.prepare("SELECT 1 FROM sqlite_master WHERE name = ? AND sql = ?");
     select.bind(1, part.name).bind(2, part.sql);
-    return hasRows(select);
+    return select.hasRow();
 }
 
 std::string removalFromSqlite(const QORSchemaPart& part) {
@@ -72,7 +65,7 @@ bool isThereInPostgres(ASSession& session, const QORSchemaPart& part) {
             "SELECT 1 FROM pg_proc WHERE proname = CAST(? AS text) AND pronamespace = "
             "CAST(current_schema() AS regnamespace) AND prosrc = CAST(? AS text)");
         select.bind(1, part.name).bind(2, between(part.sql, "$$", "$$"));
-        return hasRows(select);
+        return select.hasRow();
     }
     ASStatement& select = session.prepare(
         isTrigger(part)
@@ -81,7 +74,7 @@ bool isThereInPostgres(ASSession& session, const QORSchemaPart& part) {
             : "SELECT 1 FROM pg_class c JOIN pg_index i ON i.indexrelid = c.oid WHERE c.relname = CAST(? AS text) AND "
               "c.relnamespace = CAST(current_schema() AS regnamespace) AND i.indisvalid");
     select.bind(1, part.name);
-    return hasRows(select);
+    return select.hasRow();
 }
 
 std::string removalFromPostgres(const QORSchemaPart& part) {

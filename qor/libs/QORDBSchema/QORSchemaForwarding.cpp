@@ -13,7 +13,7 @@ namespace {
 // qor_forward_position: up to which change of a server's sequence ("" for the database's own) everything has been taken
 // by a target.
 // qor_forward_refused: what a target does not want, the record's kind and identifier as the sequence tells them.
-constexpr const char* statements[] = {
+constexpr const char* forwardSchemaStatements[] = {
     "ALTER TABLE qor_event ADD COLUMN uid uniqueidentifier",
     "CREATE UNIQUE INDEX qor_event_uid ON qor_event (uid) WHERE uid IS NOT NULL",
     "ALTER TABLE qor_environment ADD COLUMN reporter nvarchar(255)",
@@ -61,6 +61,6 @@ FROM qor_event)sql",
 
 }  // namespace
 
-const QORSchemaStep forwardSchema{statements};
+const QORSchemaStep forwardSchema{forwardSchemaStatements};
 
 }  // namespace QOR

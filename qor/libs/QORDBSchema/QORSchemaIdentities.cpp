@@ -13,7 +13,7 @@ namespace {
 // last is none.
 #define QOR_IDENTITY_CHANGED "BEGIN UPDATE qor_identity_change SET n = n + 1; END"
 
-constexpr const char* statements[] = {
+constexpr const char* identitySchemaStatements[] = {
     R"sql(CREATE TABLE qor_identity (
     name nvarchar(255) NOT NULL PRIMARY KEY,
     kind int NOT NULL,
@@ -52,6 +52,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep identitySchema{statements};
+const QORSchemaStep identitySchema{identitySchemaStatements};
 
 }  // namespace QOR

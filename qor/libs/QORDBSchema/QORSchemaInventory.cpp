@@ -5,7 +5,7 @@ namespace {
 
 // security_operation: the number behind "securityOperation_" must be a column with a type, and a generated column has
 // one while an expression of the view has none. It takes no room in the table.
-constexpr const char* statements[] = {
+constexpr const char* inventorySchemaStatements[] = {
     R"sql(CREATE TABLE qor_environment (
     eid uniqueidentifier NOT NULL PRIMARY KEY,
     parent_eid uniqueidentifier,
@@ -75,6 +75,6 @@ FROM qor_backup)sql",
 
 }  // namespace
 
-const QORSchemaStep inventorySchema{statements};
+const QORSchemaStep inventorySchema{inventorySchemaStatements};
 
 }  // namespace QOR

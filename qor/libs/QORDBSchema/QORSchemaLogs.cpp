@@ -5,7 +5,7 @@ namespace {
 
 // Logs are read newest first, records of one second by arrival. seq is the arrival, and every index of SQLite ends in
 // it, so that an index on the time alone gives that order.
-constexpr const char* statements[] = {
+constexpr const char* logSchemaStatements[] = {
     R"sql(CREATE TABLE qor_operation (
     seq INTEGER PRIMARY KEY,
     id nvarchar(128) NOT NULL UNIQUE,
@@ -62,6 +62,6 @@ FROM qor_event)sql",
 
 }  // namespace
 
-const QORSchemaStep logSchema{statements};
+const QORSchemaStep logSchema{logSchemaStatements};
 
 }  // namespace QOR

@@ -5,7 +5,7 @@
 namespace QOR {
 namespace {
 
-constexpr const char* statements[] = {
+constexpr const char* requestSchemaStatements[] = {
     // key: as its client chose it. digest: of what was sent. last_line: up to where it is stored. result: what became
     // of
     // it so far. time: seconds since the epoch.
@@ -23,6 +23,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep requestSchema{statements};
+const QORSchemaStep requestSchema{requestSchemaStatements};
 
 }  // namespace QOR

@@ -7,7 +7,7 @@ namespace {
 
 // What all agents on the database sign with, so that each takes what another one has handed out, also after a restart.
 // purpose: what for. secret: 256 random bits, as hexadecimal digits.
-constexpr const char* statements[] = {
+constexpr const char* secretSchemaStatements[] = {
     "CREATE TABLE qor_secret (purpose nvarchar(64) NOT NULL PRIMARY KEY, secret char(64) NOT NULL)",
 };
 
@@ -22,6 +22,6 @@ void makeSecrets(ASSession& session) {
 
 }  // namespace
 
-const QORSchemaStep secretSchema{statements, makeSecrets};
+const QORSchemaStep secretSchema{secretSchemaStatements, makeSecrets};
 
 }  // namespace QOR

@@ -43,9 +43,9 @@ namespace {
     " ON qor_environment BEGIN UPDATE qor_record_number SET n = n + 1; INSERT INTO qor_record_change (n, " \
     "kind, first, last, eid) SELECT n, " QOR_SEQUENCE_ENVIRONMENT ", 0, 0, NEW.eid FROM qor_record_number; END"
 
-constexpr const char* fillStatements[] = {QOR_FILL_SEQUENCE(QOR_RANGES, "uniqueidentifier")};
+constexpr const char* sequenceFillingStatements[] = {QOR_FILL_SEQUENCE(QOR_RANGES, "uniqueidentifier")};
 
-constexpr const char* statements[] = {
+constexpr const char* sequenceSchemaStatements[] = {
     "CREATE TABLE qor_record_number (n bigint NOT NULL)",
     "INSERT INTO qor_record_number (n) VALUES (0)",
     "CREATE TABLE qor_record_change (n INTEGER NOT NULL PRIMARY KEY, kind int NOT NULL, first bigint NOT NULL, "
@@ -60,7 +60,7 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep sequenceSchema{statements};
-const QORSchemaStep sequenceFilling{fillStatements};
+const QORSchemaStep sequenceSchema{sequenceSchemaStatements};
+const QORSchemaStep sequenceFilling{sequenceFillingStatements};
 
 }  // namespace QOR

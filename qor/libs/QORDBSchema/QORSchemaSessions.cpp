@@ -6,7 +6,7 @@ namespace {
 // Sessions that somebody ended before their time, each kept until then, when it would be over anyway. No agent keeps
 // the others. That one came is a change of what somebody may, so that all agents hear of it; that one is forgotten is
 // none.
-constexpr const char* statements[] = {
+constexpr const char* sessionSchemaStatements[] = {
     R"sql(CREATE TABLE qor_ended_session (
     id char(32) NOT NULL PRIMARY KEY,
     expires bigint NOT NULL
@@ -17,6 +17,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep sessionSchema{statements};
+const QORSchemaStep sessionSchema{sessionSchemaStatements};
 
 }  // namespace QOR

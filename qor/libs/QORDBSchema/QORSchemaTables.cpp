@@ -7,13 +7,12 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORDBSchema/QORSchemaEngine.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORSchemaTables";
 
 /// A database's own. Who may see what is in it is decided anew where a copy lies: whoever can read a database can
 /// copy it; what a copy signs it signs with a secret of its own.
@@ -71,7 +70,7 @@ QORSchemaColumnKind kindOf(std::string_view table, std::string_view column, std:
     throw QORException(errFailure,
                        std::string(table) + '.' + std::string(column) + " has the type \"" + std::string(type) +
                            "\", which is none of this host's schema",
-                       sourcePath, __LINE__);
+                       QOR_SOURCE_PATH, __LINE__);
 }
 
 bool isOwn(std::string_view table) {
@@ -128,7 +127,7 @@ std::vector<QORSchemaTable> readTables(ASSession& session) {
         };
         auto next = std::find_if(left.begin(), left.end(), isFree);
         if (next == left.end())
-            throw QORException(errFailure, "the tables of the schema refer to each other in a circle", sourcePath,
+            throw QORException(errFailure, "the tables of the schema refer to each other in a circle", QOR_SOURCE_PATH,
                                __LINE__);
         ordered.push_back(std::move(*next));
         left.erase(next);

@@ -131,7 +131,7 @@ namespace {
 
 #define QOR_TRIGGER(name, event, body) "CREATE TRIGGER " name " " event " BEGIN " body "END"
 
-constexpr const char* statements[] = {
+constexpr const char* upkeepSchemaStatements[] = {
     // What other programs may have written in a form of their own.
     "UPDATE qor_operation SET time = datetime(time) WHERE time <> datetime(time)",
     "UPDATE qor_event SET time = datetime(time) WHERE time <> datetime(time)",
@@ -253,6 +253,6 @@ constexpr const char* statements[] = {
 
 }  // namespace
 
-const QORSchemaStep upkeepSchema{statements};
+const QORSchemaStep upkeepSchema{upkeepSchemaStatements};
 
 }  // namespace QOR

@@ -1,6 +1,7 @@
 // The databases of servers that keep records have the same schema as the one that they keep them for.
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "QORDBSchema/QORSpreadSchema.h"
 #include "QORServers/QORServers.h"
@@ -8,10 +9,8 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/libs/QORDBSchema/QORServerSchemas";
-
 [[noreturn]] void refuse(const QORServer& server, const std::string& why) {
-    throw QORException(errFailure, "server \"" + server.name + "\": its database " + why, sourcePath, __LINE__);
+    throw QORException(errFailure, "server \"" + server.name + "\": its database " + why, QOR_SOURCE_PATH, __LINE__);
 }
 
 QORSchemaState stateOf(QORRdbms& database) {
@@ -31,7 +30,7 @@ void QORDBSchema::migrateServer(const QORServer& server) {
                                " of the schema, but this program knows versions up to " +
                                std::to_string(currentVersion()) + ": use the newer program that wrote it");
         database.write([](ASSession& session) { migrate(session); });
-        logMessage(2, "QORDBSchema", sourcePath, "migrateServer", "Server '%s': schema version %d, was %d",
+        logMessage(2, "QORDBSchema", QOR_SOURCE_PATH, "migrateServer", "Server '%s': schema version %d, was %d",
                    server.name.c_str(), currentVersion(), found.version);
     });
 }
@@ -44,7 +43,7 @@ void QORDBSchema::migrateServers(bool homeChanged) {
         try {
             migrateServer(server);
         } catch (const AException& failure) {
-            logMessage(1, "QORDBSchema", sourcePath, __func__, "the version of the schema is not known: %s",
+            logMessage(1, "QORDBSchema", QOR_SOURCE_PATH, __func__, "the version of the schema is not known: %s",
                        failure.what());
         }
     }

@@ -29,7 +29,7 @@ constexpr std::array tables{
 constexpr std::array<std::string_view, 3> leafViews{"vOpLog", "vEventLog", "vBackupInfo"};
 
 /// For pages, and for those who read a great deal.
-constexpr std::array<std::string_view, 2> suffixes{"", "_long"};
+constexpr std::array<std::string_view, 2> foreignSuffixes{"", "_long"};
 
 std::string identifier(std::string_view name) {
     return ASSession::quoteIdentifier(name);
@@ -39,14 +39,14 @@ std::string literal(std::string_view text) {
     return ASSession::quoteLiteral(text);
 }
 
-struct View {
+struct DependentView {
     std::string name;
     std::string options;
     std::string select;
 };
 
 /// Views of home that depend on the tables, those that others depend on before the others.
-std::vector<View> dependentViews(ASSession& home) {
+std::vector<DependentView> dependentViews(ASSession& home) {
     std::string names;
     for (const QORSpreadTable& table : tables)
         names += (names.empty() ? "" : ", ") + literal(table.name);
@@ -62,7 +62,7 @@ std::vector<View> dependentViews(ASSession& home) {
         "FROM d JOIN pg_class c ON c.oid = d.oid WHERE c.relkind = 'v' "
         "AND c.relnamespace = CAST(current_schema() AS regnamespace) "
         "GROUP BY c.oid, c.relname, c.reloptions ORDER BY max(d.depth), c.relname";
-    std::vector<View> views;
+    std::vector<DependentView> views;
     for (auto& row : readRows(home, sql, 3))
         views.push_back({row[0], row[1], row[2]});
     return views;
@@ -89,7 +89,7 @@ public:
 
     std::vector<std::string> write(ASSession& home, const std::vector<QORSpreadServer>& servers) {
         removeAll(home);
-        for (const std::string_view suffix : suffixes) {
+        for (const std::string_view suffix : foreignSuffixes) {
             makeParents(suffix);
             for (const QORSpreadServer& server : servers)
                 makeLeaves(server, suffix);
@@ -126,7 +126,7 @@ private:
             add("CREATE TABLE " + name + " (LIKE " + own(table) + ") PARTITION BY HASH (" + table.key + ")");
             grant(schema, table.name);
         }
-        makeViews(schema, [](const View&) { return true; });
+        makeViews(schema, [](const DependentView&) { return true; });
         allowUse(schema);
     }
 
@@ -144,7 +144,7 @@ private:
                         " IS DISTINCT FROM NEW.", table.key, ") EXECUTE FUNCTION ", all, ".qor_stays()"}));
             grant(schema, table.name);
         }
-        makeViews(schema, [](const View& view) {
+        makeViews(schema, [](const DependentView& view) {
             return std::find(leafViews.begin(), leafViews.end(), view.name) != leafViews.end();
         });
         allowUse(schema);
@@ -154,7 +154,7 @@ private:
     template <class Chosen>
     void makeViews(const std::string& schema, Chosen chosen) {
         add("SELECT set_config('search_path', " + literal(schema + ", " + m_path) + ", true)");
-        for (const View& view : m_views) {
+        for (const DependentView& view : m_views) {
             if (!chosen(view)) continue;
             add("CREATE VIEW " + schema + '.' + identifier(view.name) +
                 (view.options.empty() ? "" : " WITH (" + view.options + ")") + " AS " + view.select);
@@ -194,7 +194,7 @@ private:
 
     std::string m_path;
     std::string m_schema;
-    std::vector<View> m_views;
+    std::vector<DependentView> m_views;
     std::vector<QORSchemaRow> m_readers;
     std::vector<std::string> m_statements;
 };

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORDBSchema/PostgresStoredColumns.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -65,8 +66,8 @@ QORStoredColumns storedColumns(ASSession& session, const std::string& view, cons
         return session.engine() == ASEngine::SQLite ? ofSqlite(session, view, columns)
                                                     : storedInPostgres(session, view, columns);
     } catch (const AException& error) {
-        logMessage(3, "QORDBSchema", "qor/libs/QORDBSchema/QORStoredColumns", "storedColumns",
-                   "What view %s computes is not told: %s", view.c_str(), error.what());
+        logMessage(3, "QORDBSchema", QOR_SOURCE_PATH, "storedColumns", "What view %s computes is not told: %s",
+                   view.c_str(), error.what());
     }
     return {};
 }

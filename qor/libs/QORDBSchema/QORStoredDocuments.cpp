@@ -132,11 +132,7 @@ std::optional<std::vector<QORUnreadableDocuments>> unreadableDocuments(ASSession
 
 void forgetUnreadableDocuments(ASSession& session, std::string_view table, const std::vector<std::string>& ids) {
     if (ids.empty()) return;
-    ASStatement& any = session.prepare("SELECT 1 FROM qor_unreadable_document LIMIT 1");
-    any.execute();
-    const bool nothing = !any.fetch();
-    any.close();
-    if (nothing) return;
+    if (!session.prepare("SELECT 1 FROM qor_unreadable_document LIMIT 1").hasRow()) return;
     const bool byEid = table == "qor_environment";
     ASStatement& forgetting =
         session.prepare("DELETE FROM qor_unreadable_document WHERE source = ? AND record = " +

@@ -1,6 +1,7 @@
 #include "QORDBSchema/SchemaTable.h"
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORDBSchema/QORSchemaEngine.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -23,7 +24,7 @@ std::vector<std::string> unreadableViews(ASSession& session) {
         all.close();
         return bad;
     } catch (const AException& error) {
-        logMessage(3, "QORDBSchema", "qor/libs/QORDBSchema/SchemaTable", __func__,
+        logMessage(3, "QORDBSchema", QOR_SOURCE_PATH, __func__,
                    "Not every view can be described (%s) - trying one by one...", error.what());
     }
     std::vector<std::string> views;
@@ -40,8 +41,8 @@ std::vector<std::string> unreadableViews(ASSession& session) {
             columns.fetch();
             columns.close();
         } catch (const AException& error) {
-            logMessage(1, "QORDBSchema", "qor/libs/QORDBSchema/SchemaTable", __func__, "View %s is left out: %s",
-                       view.c_str(), error.what());
+            logMessage(1, "QORDBSchema", QOR_SOURCE_PATH, __func__, "View %s is left out: %s", view.c_str(),
+                       error.what());
             bad.push_back(std::move(view));
         }
     }

@@ -3,11 +3,11 @@
 #include <exception>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORChangeWatch";
 constexpr auto betweenLooks = std::chrono::milliseconds(200);
 
 /// What this process stores, for all who watch.
@@ -88,7 +88,7 @@ void QORChangeWatch::look(const std::stop_token& stop) {
             m_changed.notify_all();
         } catch (const std::exception& failure) {
             if (!failing)
-                logMessage(1, "QORLibAgent", sourcePath, __func__, "changed records cannot be looked for: %s",
+                logMessage(1, "QORLibAgent", QOR_SOURCE_PATH, __func__, "changed records cannot be looked for: %s",
                            failure.what());
             failing = true;
         }

@@ -27,7 +27,7 @@ QORPtr<const QOREnvConfig> readConfig(const ASStatement& row, unsigned column) {
     return makeQORPtr<QOREnvConfig>(QOREnvConfigData::fromDocument(document));
 }
 
-std::optional<std::string> readText(const ASStatement& row, unsigned column) {
+std::optional<std::string> readOptionalText(const ASStatement& row, unsigned column) {
     if (row.isNull(column)) return std::nullopt;
     return std::string(row.text(column));
 }
@@ -35,8 +35,8 @@ std::optional<std::string> readText(const ASStatement& row, unsigned column) {
 QOREnvChange readEnv(const ASStatement& row) {
     const QOREnv::Status status{static_cast<int>(row.integer(4)), static_cast<int>(row.integer(5))};
     const QOREID eid = toEid(row.text(1));
-    return {eid, makeQORPtr<QOREnv>(eid, row.isNull(2) ? QOREID() : toEid(row.text(2)), readText(row, 3), status,
-                                    readConfig(row, 6), readConfig(row, 7))};
+    return {eid, makeQORPtr<QOREnv>(eid, row.isNull(2) ? QOREID() : toEid(row.text(2)), readOptionalText(row, 3),
+                                    status, readConfig(row, 6), readConfig(row, 7))};
 }
 
 std::optional<std::int64_t> numberOf(ASSession& session) {

@@ -5,6 +5,7 @@
 
 #include "QORCommon/QORDigest.h"
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORBinder.h"
@@ -13,7 +14,6 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORIdentities";
 constexpr int notFound = 404;
 constexpr std::size_t tokenBytes = 32;
 constexpr std::string_view tokenPrefix = "qor_";
@@ -25,7 +25,7 @@ constexpr std::pair<QORIdentityKind, std::string_view> kinds[] = {{QORIdentityKi
                                                                   {QORIdentityKind::Certificate, "certificate"}};
 
 [[noreturn]] void refuse(int code, const std::string& message) {
-    throw QORException(code, message, sourcePath);
+    throw QORException(code, message, QOR_SOURCE_PATH);
 }
 
 bool keepsIdentities(ASSession& session) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORXmlText.h"
 
@@ -13,7 +14,6 @@ namespace {
 
 constexpr std::string_view documentElement = "info";
 constexpr std::string_view unnamedElement = "param";
-constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORInfo";
 
 bool isBlank(std::string_view text) {
     return text.find_first_not_of(" \t\n\r") == std::string_view::npos;
@@ -136,7 +136,7 @@ QORInfo::QORInfo(std::string name, std::string value) : m_name(std::move(name)),
 QORInfo& QORInfo::add(QORInfo child) {
     if (child.m_depth >= maxDepth) {
         throw QORException(errBadRequest, "an info document is deeper than " + std::to_string(maxDepth) + " levels",
-                           sourcePath, __LINE__);
+                           QOR_SOURCE_PATH, __LINE__);
     }
     if (child.m_depth >= m_depth) m_depth = child.m_depth + 1;
     m_children.push_back(std::move(child));

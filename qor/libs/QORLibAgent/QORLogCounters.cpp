@@ -6,6 +6,7 @@
 #include <span>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORBinder.h"
@@ -13,8 +14,6 @@
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORLogCounters";
 
 /// Widths of buckets as powers of two, the widest first.
 constexpr std::array<int, 7> levels{24, 20, 16, 12, 8, 4, 0};
@@ -392,7 +391,7 @@ QORLogScopes::QORLogScopes(ASSession& session, QORLogKind kind)
 
 void QORLogScopes::add(const std::string& scope) {
     const auto known = formOf(m_kind, scope);
-    if (!known) throw QORException(errFailure, "\"" + scope + "\" is no scope of a log", sourcePath, __LINE__);
+    if (!known) throw QORException(errFailure, "\"" + scope + "\" is no scope of a log", QOR_SOURCE_PATH, __LINE__);
     const std::size_t form = *known;
     auto part = std::find_if(m_parts.begin(), m_parts.end(), [&](const Part& one) { return one.form == form; });
     if (part == m_parts.end()) part = m_parts.insert(m_parts.end(), {form, scope, {}, 0});
@@ -450,7 +449,7 @@ std::uint64_t QORLogScopes::countWithin(std::size_t level, std::int64_t from, st
     ASStatement& select = m_session.prepare(scopesSql(m_dialect, m_kind).edges);
     QORBinder(select).integer(first).integer(last).text(m_json).integer(width);
     select.execute();
-    if (!select.fetch()) throw QORException(errFailure, "a sum of counters is missing", sourcePath, __LINE__);
+    if (!select.fetch()) throw QORException(errFailure, "a sum of counters is missing", QOR_SOURCE_PATH, __LINE__);
     const auto number = [&](unsigned column) { return static_cast<std::uint64_t>(select.integer(column)); };
     std::uint64_t records = number(1);
     const Edge lower{number(2), number(3)};

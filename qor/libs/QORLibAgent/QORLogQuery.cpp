@@ -11,13 +11,12 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORServers/QORServers.h"
 #include "rdbmspp/engine/ASDialect.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORLogQuery";
 
 /// Up to here skipping records is cheaper than finding out where to begin.
 constexpr std::uint64_t skippable = 200;
@@ -102,8 +101,8 @@ QORLogQuery::QORLogQuery(QORLogKind kind, const std::vector<QORLogScope>& scopes
     while (!open(scopes)) {
         QORRequestControl::checkCurrent();
         if (QORRequestControl::Clock::now() >= until)
-            throw QORException(errFailure, "the servers do not keep what the database says that they keep", sourcePath,
-                               __LINE__);
+            throw QORException(errFailure, "the servers do not keep what the database says that they keep",
+                               QOR_SOURCE_PATH, __LINE__);
         std::this_thread::sleep_for(betweenLooks);
         m_placement = QORServers::instance().refresh();
     }

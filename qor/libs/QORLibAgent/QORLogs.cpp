@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORLogQuery.h"
 #include "QORLibAgent/QORSecurity.h"
@@ -17,8 +18,6 @@
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/libs/QORLibAgent/QORLogs";
 
 thread_local std::string lastFailure;
 
@@ -140,7 +139,7 @@ public:
     std::vector<Record> read(std::size_t from, std::size_t most) override {
         std::vector<Record> records = readSome(m_first + from, std::min(most, size() - from));
         if (m_query->walks() || records.size() == std::min(most, size() - from)) return records;
-        logMessage(1, "QORLibAgent", sourcePath, __func__,
+        logMessage(1, "QORLibAgent", QOR_SOURCE_PATH, __func__,
                    "The log has fewer records than its counters tell; \"qorctl check --mend\" counts them anew");
         m_query->walk();
         return from < size() ? readSome(m_first + from, std::min(most, size() - from)) : std::vector<Record>();

@@ -9,6 +9,7 @@
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORNoDestructor.h"
 #include "QORCommon/QORSeal.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORLibAgent/QORHostTables.h"
 #include "rdbmspp/pool/QORRdbms.h"
@@ -24,8 +25,7 @@ constexpr std::size_t digestDigits = 32;
 constexpr char form = 'p';
 
 [[noreturn]] void refuse() {
-    throw QORException(errBadRequest, "the page token is not one of this database's",
-                       "qor/libs/QORLibAgent/QORPageToken");
+    throw QORException(errBadRequest, "the page token is not one of this database's", QOR_SOURCE_PATH);
 }
 
 /// Empty where there is none for this process.

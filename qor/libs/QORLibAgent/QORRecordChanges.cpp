@@ -194,10 +194,7 @@ bool tellsOfAny(ASSession& session, const Entry& entry) {
     } else {
         select.bind(1, entry.first).bind(2, entry.last);
     }
-    select.execute();
-    const bool any = select.fetch();
-    select.close();
-    return any;
+    return select.hasRow();
 }
 
 }  // namespace

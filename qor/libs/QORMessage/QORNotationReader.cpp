@@ -18,14 +18,13 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORNotation.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/libs/QORMessage/QORNotation";
 
 /// What is wrong with the input; parse() adds the place.
 struct Fault {
@@ -129,7 +128,8 @@ std::size_t tokenStart(std::string_view json, std::size_t end, EventKind kind) {
 }
 
 [[noreturn]] void throwAt(std::size_t offset, const std::string& text) {
-    throw QORException(errBadRequest, "invalid message at byte " + std::to_string(offset) + ": " + text, sourcePath);
+    throw QORException(errBadRequest, "invalid message at byte " + std::to_string(offset) + ": " + text,
+                       QOR_SOURCE_PATH);
 }
 
 /// Reads one JSON document and hands its steps over.

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "QORMessage/QORBinaryIterator.h"
 #include "QORMessage/QORXml.h"
@@ -11,10 +12,8 @@
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/libs/QORMessage/QORXml";
-
 [[noreturn]] void refuseAt(std::size_t offset, const std::string& text) {
-    throw QORException(errBadRequest, "invalid XML at byte " + std::to_string(offset) + ": " + text, sourcePath);
+    throw QORException(errBadRequest, "invalid XML at byte " + std::to_string(offset) + ": " + text, QOR_SOURCE_PATH);
 }
 
 [[noreturn]] void refuseDepth(std::size_t offset, const QORMessageLimits& limits) {

@@ -21,7 +21,7 @@ namespace {
 using Node = QORMessageNode;
 using Literal = QORConditionPlace::Literal;
 
-std::string textOf(const Node& node) {
+std::string plainTextOf(const Node& node) {
     return node.data == nullptr ? std::string() : std::string(node.data, node.size);
 }
 
@@ -105,7 +105,7 @@ private:
     /// A literal as it was spelled.
     std::string spelled(const Node& value) const {
         const QORConditionPlace* const place = placeOf(value);
-        return place == nullptr ? textOf(value) : place->spelled;
+        return place == nullptr ? plainTextOf(value) : place->spelled;
     }
     Literal literalOf(const Node& value) const {
         const QORConditionPlace* const place = placeOf(value);
@@ -125,7 +125,7 @@ private:
         std::string name;
     };
     Column columnOf(const Node& field) const {
-        const std::string text = textOf(field);
+        const std::string text = plainTextOf(field);
         const std::size_t point = text.find('.');
         if (point == std::string::npos) return {m_view, text};
         return {text.substr(0, point), text.substr(point + 1)};
@@ -144,13 +144,13 @@ private:
         if (operand.tag != tag::function || operand.firstChild == nullptr) return {};
         const Node* const argument = operand.firstChild->next;
         const std::string inner = argument == nullptr ? std::string() : keyOf(*argument);
-        return inner.empty() ? inner : toLowerText(textOf(*operand.firstChild)) + '(' + inner + ')';
+        return inner.empty() ? inner : toLowerText(plainTextOf(*operand.firstChild)) + '(' + inner + ')';
     }
     /// How messages call it.
     static std::string nameOf(const Node& operand) {
-        if (operand.tag == tag::field) return quoteText(textOf(operand));
+        if (operand.tag == tag::field) return quoteText(plainTextOf(operand));
         const Node* const argument = operand.firstChild == nullptr ? nullptr : operand.firstChild->next;
-        return argument == nullptr ? "a value" : textOf(*operand.firstChild) + "(" + nameOf(*argument) + ")";
+        return argument == nullptr ? "a value" : plainTextOf(*operand.firstChild) + "(" + nameOf(*argument) + ")";
     }
 
     // ---- one comparison -----------------------------------------------------------------------------------------
@@ -171,7 +171,7 @@ private:
             if (child->tag == tag::where) where = child->firstChild;
         }
         if (view == nullptr || where == nullptr) return;
-        std::string outer = std::exchange(m_view, textOf(*view));
+        std::string outer = std::exchange(m_view, plainTextOf(*view));
         m_nested.emplace_back(m_view, where);
         look(*where);
         m_view = std::move(outer);
@@ -235,10 +235,10 @@ private:
         const Node* const operand = like.firstChild;
         const Node* const pattern = operand == nullptr ? nullptr : operand->next;
         if (pattern == nullptr || pattern->tag != tag::value || keyOf(*operand).empty()) return;
-        const std::string text = textOf(*pattern);
+        const std::string text = plainTextOf(*pattern);
         const bool isWild = text.starts_with('%') || text.starts_with('_');
         const Node* const escape = pattern->next;
-        if (!isWild || (escape != nullptr && text.starts_with(textOf(*escape)))) return;
+        if (!isWild || (escape != nullptr && text.starts_with(plainTextOf(*escape)))) return;
         if (!m_facts.rows || *m_facts.rows < manyRows || !isSameWord(m_view, m_facts.view)) return;
         warn("leading_wildcard", *pattern,
              "a pattern that begins with a wildcard is looked for in each of about " + std::to_string(*m_facts.rows) +
@@ -322,7 +322,8 @@ private:
             return true;
         }
         if (left->tag != tag::value || right->tag != tag::value) return false;
-        const auto order = QORComparedValue::text(textOf(*left)).compare(QORComparedValue::text(textOf(*right)));
+        const auto order =
+            QORComparedValue::text(plainTextOf(*left)).compare(QORComparedValue::text(plainTextOf(*right)));
         const bool never = (operation == tag::eq && order == QORComparedValue::Order::Different) ||
                            (operation == tag::ne && order == QORComparedValue::Order::Equal);
         if (never) m_causes.push_back({part.node, "two literals are compared, and it never holds of these"});
@@ -445,14 +446,14 @@ private:
     }
 
     std::optional<QORComparedValue> valueOf(const Node& operand, const Node& literal, bool converted) const {
-        if (operand.tag == tag::function) return QORComparedValue::text(textOf(literal));
-        return QORComparedValue::of(typeOf(operand), textOf(literal), converted);
+        if (operand.tag == tag::function) return QORComparedValue::text(plainTextOf(literal));
+        return QORComparedValue::of(typeOf(operand), plainTextOf(literal), converted);
     }
 
     /// Without those that no result of the function is.
     static std::vector<QORComparedValue> possible(const Node& operand, std::vector<QORComparedValue> values) {
         if (operand.tag != tag::function) return values;
-        const bool isUpper = isSameWord(textOf(*operand.firstChild), "upper");
+        const bool isUpper = isSameWord(plainTextOf(*operand.firstChild), "upper");
         const auto isNone = [&](const QORComparedValue& value) {
             return isUpper ? value.hasLower() : value.hasUpper();
         };

@@ -7,17 +7,17 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 
 namespace QOR {
 namespace {
 
-constexpr const char* sourcePath = "qor/libs/QORServers/QORPlacement";
 /// More than there will be servers: what a table by remainders may take.
 constexpr std::uint64_t mostRemainders = 1 << 20;
 
 [[noreturn]] void refuse(const std::string& what) {
-    throw QORException(errFailure, "the placement of environments: " + what, sourcePath, __LINE__);
+    throw QORException(errFailure, "the placement of environments: " + what, QOR_SOURCE_PATH, __LINE__);
 }
 
 /// Bob Jenkins' hash of 96 bits at a time, in the form that the engine has of it.

@@ -4,13 +4,12 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
 
 namespace QOR {
 namespace {
-
-constexpr const char* sourcePath = "qor/libs/QORServers/QORServers";
 
 /// Whether this database can say so, and this role may ask it.
 bool canDivide(ASSession& session) {
@@ -75,7 +74,7 @@ void checkHash(ASSession& session) {
         throw QORException(errFailure,
                            "the database divides environments by another hash than this program: its server runs on "
                            "another kind of machine",
-                           sourcePath, __LINE__);
+                           QOR_SOURCE_PATH, __LINE__);
 }
 
 }  // namespace
@@ -159,7 +158,7 @@ QORRdbms& QORServers::database(std::string_view name) {
     const auto servers = placement();
     const QORServer* const server = servers->find(name);
     if (server == nullptr)
-        throw QORException(errFailure, "there is no server " + quoteText(name), sourcePath, __LINE__);
+        throw QORException(errFailure, "there is no server " + quoteText(name), QOR_SOURCE_PATH, __LINE__);
     ASDatabaseOptions options = QORRdbms::instance().options();
     options.connectionString = connectionString(server->connection, options.connectionString);
     options.name = server->name;

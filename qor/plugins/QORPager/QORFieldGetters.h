@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "QORPager/QORArg.h"
 #include "QORPager/QORField.h"
@@ -15,6 +16,9 @@
 namespace QOR {
 
 class QORMessageIterator;
+
+/// Paths below this one are read from the virtual configuration itself.
+inline constexpr std::string_view virtualConfigPath = "env/virtual_config/";
 
 /// A value that may be missing, as text.
 inline std::string fieldText(const std::optional<std::string>& value) {

@@ -15,9 +15,6 @@ namespace QOR {
 
 namespace {
 
-/// Paths below this one are read from the virtual configuration itself.
-constexpr std::string_view virtualConfigPath = "env/virtual_config/";
-
 /// Whether a name begins with the prefix of an entry.
 struct InfoPrefixCompare {
     std::string_view name;

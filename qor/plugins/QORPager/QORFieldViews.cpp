@@ -30,7 +30,6 @@ std::string_view viewNumber(int number, QORViewScratch& scratch) {
 // defines what a path means.
 
 constexpr std::string_view configPath = "env/config/";
-constexpr std::string_view virtualConfigPath = "env/virtual_config/";
 
 bool isPlainText(const QORField& field) {
     const bool hasForm = field.valueType == TValueType::Time || field.valueType == TValueType::Boolean || field.base64;

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <set>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace {
 
@@ -123,6 +126,14 @@ TEST(Base64, RoundTripsAnyBytes) {
         QOR::appendBase64(bytes, text);
         ASSERT_EQ(parseBase64(text), bytes);
     }
+}
+
+TEST(JoinTexts, PutsWhatIsBetweenOnlyBetween) {
+    EXPECT_EQ(QOR::joinTexts(std::vector<std::string>{}), "");
+    EXPECT_EQ(QOR::joinTexts(std::vector<std::string>{"a"}), "a");
+    EXPECT_EQ(QOR::joinTexts(std::vector<std::string_view>{"a", "", "c"}), "a, , c");
+    EXPECT_EQ(QOR::joinTexts(std::set<std::string>{"b", "a"}, " or "), "a or b");
+    EXPECT_EQ(QOR::joinTexts(std::vector<std::string>{"", "b"}), ", b");
 }
 
 }  // namespace

@@ -5,15 +5,13 @@
 #include <utility>
 
 #include "QORCommon/QORLogger.h"
+#include "QORCommon/QORSourcePath.h"
 #include "rdbmspp/engine/AException.h"
 #include "rdbmspp/engine/SqliteEngine.h"
 
 namespace QOR {
 
 namespace {
-
-constexpr const char* module = "QORRdbms";
-constexpr const char* sourcePath = "qor/libs/rdbmspp/engine/ASFaults";
 
 constexpr std::array<const char*, 7> names{"full",    "locked",  "synchronisation", "writing",
                                            "reading", "corrupt", "missing"};
@@ -75,9 +73,9 @@ void ASFaults::report(ASFault fault, const std::string& reason) noexcept {
             entry.reason = reason;
             m_any.store(true, std::memory_order_relaxed);
         }
-        if (news) logMessage(0, module, sourcePath, "report", "%s", reason.c_str());
+        if (news) logMessage(0, "QORRdbms", QOR_SOURCE_PATH, "report", "%s", reason.c_str());
     } catch (const std::exception& exception) {
-        logMessage(0, module, sourcePath, "report", "%s", exception.what());
+        logMessage(0, "QORRdbms", QOR_SOURCE_PATH, "report", "%s", exception.what());
     }
 }
 
@@ -89,7 +87,7 @@ void ASFaults::report(const AException& failure, const SqliteComplaint& complain
         if (!complaint.text.empty()) reason += " (" + complaint.text + ")";
         report(faultOf(failure.failure(), complaint, reading), reason);
     } catch (const std::exception& exception) {
-        logMessage(0, module, sourcePath, "report", "%s", exception.what());
+        logMessage(0, "QORRdbms", QOR_SOURCE_PATH, "report", "%s", exception.what());
     }
 }
 
@@ -119,8 +117,9 @@ void ASFaults::end(ASFault first, ASFault last) noexcept {
             database = m_database;
         }
         if (count == 0) continue;
-        logMessage(1, module, sourcePath, "end", "the database%s works again: \"%s\" has ended after %llu failures",
-                   database.c_str(), names[kind], static_cast<unsigned long long>(count));
+        logMessage(1, "QORRdbms", QOR_SOURCE_PATH, "end",
+                   "the database%s works again: \"%s\" has ended after %llu failures", database.c_str(), names[kind],
+                   static_cast<unsigned long long>(count));
     }
     const std::lock_guard lock(m_mutex);
     const auto lasts = [](const Entry& entry) { return entry.count > 0; };

@@ -245,6 +245,12 @@ void ASStatement::execute(ASTriggers triggers) {
 bool ASStatement::fetch() {
     return m_impl->statement.fetch();
 }
+bool ASStatement::hasRow() {
+    execute();
+    const bool found = fetch();
+    close();
+    return found;
+}
 bool ASStatement::isNull(unsigned column) const {
     return m_impl->statement.isNull(column - 1);
 }

@@ -80,6 +80,8 @@ public:
     /// connection's statements are prepared anew.
     void execute(ASTriggers triggers = ASTriggers::Fire);
     bool fetch();
+    /// Executes the statement and tells whether it has any row; its result has ended then.
+    bool hasRow();
     bool isNull(unsigned column) const;
     /// The column as text; valid until the next fetch or execute.
     std::string_view text(unsigned column) const;

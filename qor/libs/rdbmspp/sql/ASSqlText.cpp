@@ -22,15 +22,15 @@ std::size_t behindQuoted(std::string_view sql, std::size_t at) {
 }
 
 // Entries that an opening bracket and what stands before it hold, by the token before it.
-std::size_t costOfBracket(std::string_view before) {
+std::size_t costOfOpenBracket(std::string_view before) {
     if (before.empty() || before == "(" || before == "WHERE") return 1;
     if (before == "NOT") return 2;
     return 3;  // "a AND (", "a IN (", "f(" and its like
 }
 
-constexpr std::size_t costOfCase = 5;    // CASE, its operand, WHEN, a condition, THEN
-constexpr std::size_t costOfSelect = 5;  // SELECT, its distinct flag, its columns, FROM, WHERE
-constexpr std::size_t costOfTerm = 5;    // a comparison with a qualified column
+constexpr std::size_t costOfCase = 5;          // CASE, its operand, WHEN, a condition, THEN
+constexpr std::size_t costOfNestedSelect = 5;  // SELECT, its distinct flag, its columns, FROM, WHERE
+constexpr std::size_t costOfTerm = 5;          // a comparison with a qualified column
 
 /// Visits the characters that stand in no quotes and in no brackets; a bracket that opens is inside, one that closes is
 /// not. \returns false as soon as the visit does, with the character and its place
@@ -150,8 +150,8 @@ std::size_t parserDepthOf(std::string_view sql) noexcept {
                 ++end;
             const std::string_view word = sql.substr(at, end - at);
             if (word == "SELECT") {
-                now += costOfSelect;
-                frame += costOfSelect;
+                now += costOfNestedSelect;
+                frame += costOfNestedSelect;
             } else if (word == "CASE") {
                 open.push_back(frame);
                 frame = costOfCase;
@@ -162,7 +162,7 @@ std::size_t parserDepthOf(std::string_view sql) noexcept {
                 open.pop_back();
             }
         } else if (c == '(') {
-            const std::size_t cost = costOfBracket(before);
+            const std::size_t cost = costOfOpenBracket(before);
             open.push_back(frame);
             frame = cost;
             now += cost;

@@ -4,12 +4,11 @@
 #include <cassert>
 
 #include "QORMessage/QORMessageIterator.h"
+#include "QORPager/Operators/Pager/QORPagerErrors.h"
 
 namespace QOR {
 
 namespace {
-
-constexpr int failed = -1;
 
 int writeSingle(const QORArg& row, const QORField& field, QORMessageIterator& cell) {
     return cell.putValue(field.getValue(row), tag::value);

@@ -2,6 +2,10 @@
 /// Operator "pager2": pages of rows from views of the agent's database.
 #pragma once
 
+#include <string>
+#include <utility>
+
+#include "QORCommon/QORException.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "QORFunctionality/QOROperator.h"
 
@@ -9,6 +13,11 @@ namespace QOR {
 
 /// The path that error reports of this operator carry, whichever of its files raises them.
 inline constexpr const char* pager2SourcePath = "qor/plugins/QORPager/Operators/QORPagerOperator2";
+
+/// Throws what a malformed request is answered with. \param line where it was found out
+[[noreturn]] inline void refuseRequest(std::string message, int line) {
+    throwException(errBadRequest, std::move(message), pager2SourcePath, line);
+}
 
 /// The module tag of its log lines.
 inline constexpr const char* pagerLogModule = "QORPager";

@@ -5,13 +5,12 @@
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORPager/Operators/Pager/QORPagerErrors.h"
 #include "QORPager/QORArg.h"
 
 namespace QOR {
 
 namespace {
-
-constexpr int failed = -1;
 
 constexpr std::size_t line = 64;
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORSourcePath.h"
 
 namespace QOR {
 
@@ -44,8 +45,7 @@ void askFilter(QORExactFilter& filter, const QORRowSource& source, const QORFoun
 }
 
 [[noreturn]] void refuseKey() {
-    throw QORException(errBadRequest, "after: the page token belongs to another question",
-                       "qor/plugins/QORPager/Operators/Pager/QORExactPage");
+    throw QORException(errBadRequest, "after: the page token belongs to another question", QOR_SOURCE_PATH);
 }
 
 /// Takes a key apart from its beginning.

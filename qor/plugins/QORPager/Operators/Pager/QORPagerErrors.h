@@ -16,6 +16,9 @@ enum PagerErrorCode : int {
     pagerEvaluatingError = 3152,  ///< takes the evaluator's message
 };
 
+/// What a step of a request gives back that cannot go on; the error has been added to the answer.
+inline constexpr int failed = -1;
+
 /// Code to printf format. The row of code 0 is the array's terminator, kept as an entry like the others.
 extern QORErrorTable PagerErrors;
 

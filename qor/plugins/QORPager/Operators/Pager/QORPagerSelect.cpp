@@ -22,8 +22,6 @@ namespace QOR {
 
 namespace {
 
-constexpr int failed = -1;
-
 /// Rows of this cursor type are environments as well; no field of the catalogue has it.
 constexpr auto envInfoCursor = static_cast<TCursorType>(32);
 

@@ -21,10 +21,6 @@ namespace QOR {
 
 namespace {
 
-[[noreturn]] void refuse(const char* message, int line) {
-    throwException(errBadRequest, message, pager2SourcePath, line);
-}
-
 /// One sort key and its value in the row that the page begins behind.
 struct KeyValue {
     const ASAttribute* column;
@@ -164,18 +160,18 @@ void SelectStmnt::readAfter(const QORBinaryIterator& it) {
         it.getValue(m_next.now, tag::now);
     }
     if (it.seekPresence(tag::after) != 0) return;
-    if (!isPaged()) refuse("after: a page token is for an ordered select with a limit", __LINE__);
+    if (!isPaged()) refuseRequest("after: a page token is for an ordered select with a limit", __LINE__);
     QORBinaryIterator limit = it;
     if (limit.seek(tag::limit) == 0 && limit.seekPresence(tag::offset) == 0)
-        refuse("after: the page token says where the page begins, so an offset cannot be given", __LINE__);
+        refuseRequest("after: the page token says where the page begins, so an offset cannot be given", __LINE__);
     std::string text;
     it.getValue(text, tag::after);
     m_after = openPageToken(text);
     const bool fits = m_after->key.empty() || (m_seeks && m_after->key.size() == m_sortColumns.size());
     if (m_after->question != m_next.question || !fits || m_after->offset < 0)
-        refuse("after: the page token belongs to another question", __LINE__);
+        refuseRequest("after: the page token belongs to another question", __LINE__);
     if (m_after->key.empty() && m_after->offset > std::numeric_limits<std::int32_t>::max())
-        refuse("after: the page lies too far back", __LINE__);
+        refuseRequest("after: the page lies too far back", __LINE__);
     m_next.now = m_after->now;
     m_next.change = m_after->change;
     m_next.records = m_after->records;

@@ -15,12 +15,6 @@ namespace QOR {
 
 namespace {
 
-constexpr const char* securableObjectColumn = "securableObjId";
-
-[[noreturn]] void refuse(const std::string& message, int line) {
-    throwException(errBadRequest, message, pager2SourcePath, line);
-}
-
 /// In the order of their names, of those with the same name the first alone.
 template <class Element>
 void putInOrder(std::vector<Element>& elements, std::string Element::*name) {
@@ -35,7 +29,7 @@ void putInOrder(std::vector<Element>& elements, std::string Element::*name) {
 
 SelectStmnt::SelectStmnt(QORBinaryIterator it, SelectStmnt* parent)
     : m_parent(parent), m_dialect(parent != nullptr ? parent->m_dialect : QORRdbms::instance().dialect()) {
-    if (it.curID() != tag::select) refuse("select is absent", __LINE__);
+    if (it.curID() != tag::select) refuseRequest("select is absent", __LINE__);
     if (it.seekPresence(tag::statistics) == 0) m_counting = Counting::Legacy;
     m_distinct = it.seekPresence(tag::distinct) == 0;
     readElements(it);
@@ -67,7 +61,8 @@ bool SelectStmnt::isRenewable() const noexcept {
 void SelectStmnt::readElements(const QORBinaryIterator& it) {
     m_ordered = it.seekPresence(tag::ordered) == 0;
     const bool pages = m_ordered || it.seekPresence(tag::after) == 0 || it.seekPresence(tag::count) == 0;
-    if (pages && m_parent != nullptr) refuse("ordered, after and count belong to the outermost select", __LINE__);
+    if (pages && m_parent != nullptr)
+        refuseRequest("ordered, after and count belong to the outermost select", __LINE__);
     readCount(it);
 }
 
@@ -77,7 +72,8 @@ void SelectStmnt::readCount(const QORBinaryIterator& it) {
     it.getValue(text, tag::count);
     const std::optional<QORCountLimit> limit = QORCountLimit::read(text);
     if (!limit)
-        refuse("count: " + quoteText(text) + " is none of none, capped, exact and a time such as 200ms", __LINE__);
+        refuseRequest("count: " + quoteText(text) + " is none of none, capped, exact and a time such as 200ms",
+                      __LINE__);
     m_countTime = limit->time;
     switch (limit->kind) {
         case QORCountLimit::Kind::Nothing:
@@ -97,14 +93,14 @@ void SelectStmnt::readCount(const QORBinaryIterator& it) {
 
 void SelectStmnt::readLimit(QORBinaryIterator& it) {
     if (it.seek(tag::limit) != 0) return;
-    if (it.getValue(m_pageSize, tag::size) != 0) refuse("limit/size is absent", __LINE__);
+    if (it.getValue(m_pageSize, tag::size) != 0) refuseRequest("limit/size is absent", __LINE__);
     it.getValue(m_firstRow, tag::offset);
     it.seekUp();
 }
 
 /// \returns the operation by which the view's rows are restricted for this client, 0 for none
 int SelectStmnt::readView(QORBinaryIterator& it) {
-    if (it.seek(tag::view) != 0) refuse("view name (list) is absent", __LINE__);
+    if (it.seek(tag::view) != 0) refuseRequest("view name (list) is absent", __LINE__);
     if (it.getValue(m_viewName) != 0) {
         // Deliberately tolerant: the complaint is formed, and reading goes on with the text read so far.
         const QORException complaint(errBadRequest, "cannot read view name (list)", pager2SourcePath, __LINE__);
@@ -119,7 +115,7 @@ int SelectStmnt::readView(QORBinaryIterator& it) {
 
 void SelectStmnt::readFields(QORBinaryIterator& it) {
     constexpr std::size_t mostly = 16;
-    if (it.firstChild(tag::field) != 0) refuse("fields list is absent", __LINE__);
+    if (it.firstChild(tag::field) != 0) refuseRequest("fields list is absent", __LINE__);
     m_outputFields.reserve(mostly);
     do {
         readField(it);
@@ -131,24 +127,24 @@ void SelectStmnt::readFields(QORBinaryIterator& it) {
 void SelectStmnt::readField(QORBinaryIterator& it) {
     std::string fieldName;
     if (it.seekPresence(tag::name) == 0 && it.getValue(fieldName, tag::name) != 0) {
-        refuse("invalid field name", __LINE__);
+        refuseRequest("invalid field name", __LINE__);
     }
     std::string function;
     std::string column = fieldName;
     std::string displayName;
     if (it.seek(tag::function) == 0) {
-        if (it.seekPresence(tag::name) != 0) refuse("'name' tag is absent in function", __LINE__);
-        if (it.getValue(function, tag::name) != 0) refuse("invalid aggregating function name", __LINE__);
-        if (it.seekPresence(tag::field) != 0) refuse("'field' tag is absent in function", __LINE__);
+        if (it.seekPresence(tag::name) != 0) refuseRequest("'name' tag is absent in function", __LINE__);
+        if (it.getValue(function, tag::name) != 0) refuseRequest("invalid aggregating function name", __LINE__);
+        if (it.seekPresence(tag::field) != 0) refuseRequest("'field' tag is absent in function", __LINE__);
         std::string aggregated;
-        if (it.getValue(aggregated, tag::field) != 0) refuse("invalid field for the aggregation", __LINE__);
+        if (it.getValue(aggregated, tag::field) != 0) refuseRequest("invalid field for the aggregation", __LINE__);
         it.seekUp();
         // The name beside a function takes the place of the function's own field.
         if (column.empty()) column = std::move(aggregated);
         displayName = std::move(fieldName);
         if (m_ordered && displayName.empty()) displayName = toLowerText(function) + '(' + column + ')';
     } else if (column.empty() && it.getValue(column) != 0) {
-        refuse("invalid simple field", __LINE__);
+        refuseRequest("invalid simple field", __LINE__);
     }
     ColumnCell cell = getAggrColumn(column, displayName, function);
     m_outputFields.push_back({std::move(column), std::move(cell)});
@@ -158,15 +154,15 @@ void SelectStmnt::readSort(QORBinaryIterator& it) {
     if (it.firstChild(tag::sort) != 0) return;
     do {
         std::string name;
-        if (it.getValue(name, tag::field) != 0) refuse("sort/field is absent", __LINE__);
+        if (it.getValue(name, tag::field) != 0) refuseRequest("sort/field is absent", __LINE__);
         const bool descending = it.seekPresence(tag::descending) == 0;
         const OutputField* const output = findOutput(name);
         ColumnCell cell = output != nullptr ? output->cell : getColumn(name);
         if (m_ordered && output == nullptr && (m_distinct || isGrouped()))
-            refuse("sort: " + quoteText(name) +
-                       " is not among the fields, and distinct or grouped rows are sorted by "
-                       "nothing else",
-                   __LINE__);
+            refuseRequest("sort: " + quoteText(name) +
+                              " is not among the fields, and distinct or grouped rows are sorted by "
+                              "nothing else",
+                          __LINE__);
         m_sortColumns.push_back({std::move(name), std::move(cell), descending, false});
     } while (it.nextSibling(tag::sort) == 0);
     it.seekUp();
@@ -182,7 +178,7 @@ const SelectStmnt::OutputField* SelectStmnt::findOutput(const std::string& name)
 
 void SelectStmnt::readWhere(QORBinaryIterator& it) {
     if (it.seek(tag::where) != 0) return;
-    if (it.firstChild() != 0) refuse("incorrect <where> clause", __LINE__);
+    if (it.firstChild() != 0) refuseRequest("incorrect <where> clause", __LINE__);
     m_where = logicalExpr(it);
     it.seekUp();
     it.seekUp();

@@ -47,7 +47,6 @@ constexpr std::array<std::pair<std::string_view, ColumnType>, 17> typeNames{{
 }};
 
 constexpr const char* operationPrefix = "securityOperation_";
-constexpr const char* securableObjectColumn = "securableObjId";
 /// Operation identifiers that the host's security knows run from 1 to this one.
 constexpr long lastOperationId = 2000008;
 

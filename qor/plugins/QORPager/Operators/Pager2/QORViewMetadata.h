@@ -17,6 +17,9 @@
 
 namespace QOR {
 
+/// The column that holds the object of a row, or with a number behind it, one of its objects.
+inline constexpr const char* securableObjectColumn = "securableObjId";
+
 /// Types of view columns; the numbers are those of the database layer.
 using ColumnType = ASType;
 

@@ -13,23 +13,19 @@ namespace QOR {
 
 namespace {
 
-[[noreturn]] void refuse(const char* message, int line) {
-    throwException(errBadRequest, message, pager2SourcePath, line);
-}
-
 /// Complains when an element follows the last operand; the element itself is not read.
 void expectNoFurther(QORBinaryIterator& it, const char* complaint, int line) {
-    if (it.nextSibling() == 0) refuse(complaint, line);
+    if (it.nextSibling() == 0) refuseRequest(complaint, line);
 }
 
 }  // namespace
 
 void SelectStmnt::firstChild(QORBinaryIterator& it) {
-    if (it.firstChild() != 0) refuse("incorrect <where> clause", __LINE__);
+    if (it.firstChild() != 0) refuseRequest("incorrect <where> clause", __LINE__);
 }
 
 void SelectStmnt::nextSibling(QORBinaryIterator& it) {
-    if (it.nextSibling() != 0) refuse("incorrect <where> clause", __LINE__);
+    if (it.nextSibling() != 0) refuseRequest("incorrect <where> clause", __LINE__);
 }
 
 ASComparison SelectStmnt::logicalExpr(QORBinaryIterator it) {
@@ -67,7 +63,7 @@ ASComparison SelectStmnt::comparisonExpr(const QORBinaryIterator& it) {
         case tag::in:
             return inExpr(it);
         default:
-            refuse("incorrect <where> clause", __LINE__);
+            refuseRequest("incorrect <where> clause", __LINE__);
     }
 }
 
@@ -130,15 +126,15 @@ ASComparison SelectStmnt::inExpr(QORBinaryIterator it) {
     std::vector<ColumnCell> items;
     while (it.nextSibling() == 0)
         items.push_back(primaryExprIn(it));
-    if (items.empty()) refuse("no arguments of IN operator", __LINE__);
+    if (items.empty()) refuseRequest("no arguments of IN operator", __LINE__);
     return operand.inList(items);
 }
 
 char SelectStmnt::escapeExpr(const QORBinaryIterator& it) {
-    if (it.curID() != tag::escape) refuse("escape character is expected", __LINE__);
+    if (it.curID() != tag::escape) refuseRequest("escape character is expected", __LINE__);
     std::string text;
     if (it.getValue(text) != 0 || text.size() != 1 || static_cast<unsigned char>(text[0]) > 127) {
-        refuse("cannot read escape character", __LINE__);
+        refuseRequest("cannot read escape character", __LINE__);
     }
     return text[0];
 }
@@ -152,7 +148,7 @@ ColumnCell SelectStmnt::primaryExpr(const QORBinaryIterator& it) {
         case tag::value:
             return valueExpr(it);
         default:
-            refuse("incorrect value type", __LINE__);
+            refuseRequest("incorrect value type", __LINE__);
     }
 }
 
@@ -162,24 +158,24 @@ ColumnCell SelectStmnt::primaryExprIn(const QORBinaryIterator& it) {
 
 ColumnCell SelectStmnt::fieldExpr(const QORBinaryIterator& it) {
     std::string text;
-    if (it.getValue(text) != 0) refuse("cannot get field name", __LINE__);
+    if (it.getValue(text) != 0) refuseRequest("cannot get field name", __LINE__);
     const std::size_t dot = text.find('.');
     const SelectStmnt& statement = dot == std::string::npos ? *this : getSelectStmntByName(text.substr(0, dot));
     const auto& [name, column] = statement.getColumnMeta(dot == std::string::npos ? text : text.substr(dot + 1));
-    if (column.type == ColumnType::Blob) refuse("BLOB field can not be in <where> clause", __LINE__);
+    if (column.type == ColumnType::Blob) refuseRequest("BLOB field can not be in <where> clause", __LINE__);
     return {statement.m_domain, name, {}, column.type, column.length, {}};
 }
 
 ColumnCell SelectStmnt::valueExpr(const QORBinaryIterator& it) const {
     std::string text;
-    if (it.getValue(text) != 0) refuse("cannot get value", __LINE__);
+    if (it.getValue(text) != 0) refuseRequest("cannot get value", __LINE__);
     return {std::move(text), false};
 }
 
 ColumnCell SelectStmnt::funcExpr(QORBinaryIterator it) {
     std::string name;
     if (it.firstChild() != 0 || it.curID() != tag::name || it.getValue(name) != 0) {
-        refuse("function name is not specified", __LINE__);
+        refuseRequest("function name is not specified", __LINE__);
     }
     nextSibling(it);
     const ColumnCell operand = primaryExpr(it);
@@ -187,7 +183,7 @@ ColumnCell SelectStmnt::funcExpr(QORBinaryIterator it) {
     const std::string function = toLowerText(name);
     if (function == "upper") return ColumnCell(ASAttribute::Upper(operand.getAttrValue()));
     if (function == "lower") return ColumnCell(ASAttribute::Lower(operand.getAttrValue()));
-    refuse("unsupported function", __LINE__);
+    refuseRequest("unsupported function", __LINE__);
 }
 
 ColumnCell SelectStmnt::selectExpr(const QORBinaryIterator& it) {
