@@ -115,6 +115,12 @@ bool isOfTheDatabase(ASFailure failure) {
     return failure == ASFailure::Denied || failure == ASFailure::Locked || failure == ASFailure::ReadOnly;
 }
 
+/// The deadline of the calling thread's request has passed.
+bool isRequestLate() {
+    const QORRequestControl* const control = QORRequestControl::current();
+    return control != nullptr && control->ended() == QORRequestControl::End::Deadline;
+}
+
 }  // namespace
 
 // Where the request has ended, that is the reason, and what it waited for is told beside it.
@@ -510,6 +516,7 @@ void OdbcConnection::check(int rc, short type, void* handle, const std::string& 
     if (m_connected && (doubt || isOfTheDatabase(meaning))) text = "database \"" + m_database + "\": " + text;
     const AException failure(std::move(text), std::move(d.state), d.native, statement, meaning);
     if (!m_begin.empty() && m_dialect->failureAborts && m_abortedBy.empty()) m_abortedBy = failure.text();
+    if (meaning == ASFailure::Locked || (meaning == ASFailure::Ended && isRequestLate())) m_waitedInVain = true;
     if (m_connected && !(isForReading() && meaning == ASFailure::ReadOnly))
         m_faults.report(failure, takeSqliteComplaint(), m_reading);
     endRequest(failure);
@@ -643,6 +650,7 @@ void OdbcConnection::endTransaction() noexcept {
     m_begin.clear();
     m_mark.clear();
     m_abortedBy.clear();
+    m_waitedInVain = false;
 }
 
 // The engine says the same of every later run of what does not fit any more, and of other statements of the connection.

@@ -123,6 +123,8 @@ public:
     void endTransaction() noexcept;
     /// Why the engine will commit nothing of the transaction although it says it has; empty: it will.
     const std::string& abortedBy() const noexcept { return m_abortedBy; }
+    /// Whether a statement of the transaction waited until its time was up, be it for a lock or for the engine.
+    bool waitedInVain() const noexcept { return m_waitedInVain; }
     /// How long a lock of others is waited for, at most.
     void setPatience(std::chrono::milliseconds patience) noexcept { m_wait.setPatience(patience); }
     /// It is for reading alone, and says so when something is to be written: that is no fault of the database.
@@ -187,6 +189,7 @@ private:
     std::string m_begin;   ///< what began the transaction; empty: there is none
     std::string m_mark;    ///< of the transaction, where it can be told from others; empty elsewhere
     std::string m_abortedBy;
+    bool m_waitedInVain = false;
     ASTriggers m_triggers = ASTriggers::Fire;
     bool m_owing = false;
     std::string m_database;

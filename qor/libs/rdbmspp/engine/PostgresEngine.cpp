@@ -10,6 +10,20 @@
 
 namespace QOR {
 
+// What sessions run is left out, since it may hold values. Of those of other roles the engine may not tell what they do
+// and since when.
+const char* const postgresLockHolders =
+    "SELECT string_agg(h.told, '; ' ORDER BY h.began) FROM (SELECT "
+    "format('session %s (\"%s\", role \"%s\"%s%s) on %s', a.pid, a.application_name, a.usename, ', ' || a.state, "
+    "', in a transaction for ' || floor(extract(epoch FROM clock_timestamp() - a.xact_start)) || ' s', "
+    "string_agg(DISTINCT c.relname::text, ', ' ORDER BY c.relname::text)) AS told, a.xact_start AS began "
+    "FROM pg_locks l JOIN pg_stat_activity a ON a.pid = l.pid JOIN pg_class c ON c.oid = l.relation "
+    "WHERE l.locktype = 'relation' AND l.granted AND l.mode NOT IN ('AccessShareLock', 'ShareUpdateExclusiveLock') "
+    "AND c.relkind IN ('r', 'p') AND l.database = (SELECT d.oid FROM pg_database d WHERE d.datname = "
+    "current_database()) AND l.pid <> pg_backend_pid() "
+    "AND NOT EXISTS (SELECT FROM pg_locks w WHERE w.pid = l.pid AND NOT w.granted) "
+    "GROUP BY a.pid, a.application_name, a.usename, a.state, a.xact_start ORDER BY a.xact_start LIMIT 5) h";
+
 namespace {
 
 struct Setting {

@@ -25,4 +25,8 @@ std::string postgresScript(std::chrono::milliseconds patience);
 /// What to do where a connection cannot be opened, to be put behind the reason; "" where the reason says it.
 std::string postgresAdvice(const std::string& reason);
 
+/// A select of one text: the sessions of others that hold locks which may keep somebody from writing, and wait for none
+/// themselves, a few, the oldest first; null where there are none.
+extern const char* const postgresLockHolders;
+
 }  // namespace QOR

@@ -24,8 +24,10 @@
 #include <vector>
 
 #include "QORCommon/QORAscii.h"
+#include "QORCommon/QORLogger.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "rdbmspp/engine/ASFaults.h"
 #include "rdbmspp/engine/ASValue.h"
 #include "rdbmspp/engine/OdbcConnectionString.h"
@@ -1137,16 +1139,45 @@ private:
     QORRequestControl::Clock::time_point m_away = QORRequestControl::Clock::time_point::max();
 };
 
+/// For whom a writer has waited until his time was up, the engine does not tell when it is over. Whoever held locks
+/// then mostly still does: these are logged, once the writer holds none himself.
+void logHolders(ASSession::Impl& session) noexcept {
+    if (session.dialect->engine != ASEngine::PostgreSQL || !session.connection.waitedInVain()) return;
+    if (session.isBroken()) return;
+    const char* const database = session.source.database.c_str();
+    try {
+        const QORRequestScope tidying(session.timeToTidy(session.source.patience));
+        session.connection.execute(session.dialect->rollback);
+        const std::string holders = session.connection.selectText(postgresLockHolders);
+        if (holders.empty()) return;
+        logMessage(1, "QORRdbms", QOR_SOURCE_PATH, "write",
+                   "database \"%s\": who wrote has waited until his time was up; locks are held by %s", database,
+                   holders.c_str());
+    } catch (const std::exception& failure) {
+        logMessage(1, "QORRdbms", QOR_SOURCE_PATH, "write",
+                   "database \"%s\": who wrote has waited until his time was up; who holds locks cannot be told: %s",
+                   database, failure.what());
+    }
+}
+
+void writeOnce(QORRdbms& database, const std::function<void(ASSession&)>& work) {
+    QORRdbmsTran transaction(database, ASAccess::Write);
+    try {
+        work(*transaction);
+        transaction.commit();
+    } catch (...) {
+        logHolders(transaction->impl());
+        throw;
+    }
+}
+
 }  // namespace
 
 void QORRdbms::write(const std::function<void(ASSession&)>& work) {
     Rerun rerun(dialect(), std::chrono::milliseconds(options().busyTimeoutMs));
     for (;; rerun.pause()) {
         try {
-            QORRdbmsTran transaction(*this, ASAccess::Write);
-            work(*transaction);
-            transaction.commit();
-            return;
+            return writeOnce(*this, work);
         } catch (const AException& error) {
             if (!rerun.isWorthwhile(error)) throw;
         }

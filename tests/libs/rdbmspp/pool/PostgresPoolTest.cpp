@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORLogger.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORDBSchema/QORDBSchema.h"
 #include "libs/rdbmspp/Columns.h"
@@ -431,6 +432,31 @@ TEST_F(PostgresPool, ALockIsWaitedForAsLongAsTheOptionsSay) {
     EXPECT_THAT(failure.text(), HasSubstr("lock timeout"));
     other.run("COMMIT");
     write("UPDATE t SET i = 3");
+}
+
+TEST_F(PostgresPool, WhoHoldsLocksIsLoggedWhereAWriterHasWaitedUntilItsDeadline) {
+    engine().run("CREATE TABLE t (i int); INSERT INTO t VALUES (1)");
+    ASDatabaseOptions patient = options();
+    patient.busyTimeoutMs = 60'000;  // which is what the end of a transaction may take
+    QORRdbms::instance().configure(patient);
+    PostgresConnection other = engine();
+    other.run("SET application_name = 'theirs'; BEGIN; UPDATE t SET i = 2 WHERE 'secret' <> ''");
+    std::string told;
+    // On a busy machine the deadline may pass before anything was sent.
+    while (told.empty()) {
+        std::vector<std::string> lines;
+        setLogSink([&](const QORLogRecord& record) { lines.emplace_back(record.text); });
+        const QORRequestScope scope(std::make_shared<QORRequestControl>(milliseconds(300)));
+        EXPECT_ANY_THROW(QORRdbms::instance().write([](ASSession& session) { session.execute("UPDATE t SET i = 3"); }));
+        setLogSink({});
+        for (const std::string& line : lines) {
+            if (line.find("locks are held by") != std::string::npos) told = line;
+        }
+    }
+    EXPECT_THAT(told, HasSubstr("session " + other.cell("SELECT pg_backend_pid()") + " (\"theirs\", role \""));
+    EXPECT_THAT(told, HasSubstr("\", idle in transaction, in a transaction for "));
+    EXPECT_THAT(told, HasSubstr(" s) on t"));
+    EXPECT_THAT(told, Not(HasSubstr("secret")));
 }
 
 TEST_F(PostgresPool, AStatementEndsWithItsRequest) {
