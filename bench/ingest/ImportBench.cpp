@@ -1,11 +1,14 @@
 // How fast operations are taken in: by the host itself in batches and one by one, counters and indexes kept, beside
-// bare prepared inserts of the same rows; and by `qorctl import` through an agent, beside the same command without one.
+// bare prepared inserts of the same rows; by `qorctl import` through an agent, beside the same command without one; and
+// from another agent that sends its own on, beside `qorctl import` there.
 //
 //     bench_import [--smallest] [--check]
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "QORCommon/QORTime.h"
@@ -13,6 +16,7 @@
 #include "ingest/QORIngest.h"
 #include "rdbmspp/pool/QORRdbms.h"
 #include "support/ChildProcess.h"
+#include "support/HttpClient.h"
 #include "support/Operations.h"
 #include "support/TemporaryDirectory.h"
 
@@ -153,13 +157,15 @@ void compareStores(Figures& figures, std::uint64_t batchSize, double goal, unsig
 
 // ---- the command
 
-void writeLines(const std::filesystem::path& file, std::uint64_t count) {
+void writeLines(const std::filesystem::path& file, std::uint64_t first, std::uint64_t count, std::uint64_t size) {
     std::ofstream out(file);
-    for (const QORRecord& record : makeBatch(0, count, span)) {
+    for (const QORRecord& record : makeBatch(first, count, size)) {
         const auto& operation = std::get<QOROperationRecord>(record);
+        const std::string touched =
+            operation.eids.empty() ? "" : R"(,"eids":[")" + operation.eids.front().toString() + "\"]";
         out << R"({"kind":"operation","id":")" << operation.id << R"(","op":")" << *operation.op << R"(","status":)"
-            << operation.status << R"(,"time":)" << operation.time << R"(,"eid":")" << operation.eid.toString()
-            << R"(","message":{"task_id":")" << operation.id << "\"}}\n";
+            << operation.status << R"(,"time":)" << operation.time << R"(,"eid":")" << operation.eid.toString() << '"'
+            << touched << R"(,"message":{"task_id":")" << operation.id << "\"}}\n";
     }
     check(out.good(), "cannot write the lines");
 }
@@ -181,24 +187,121 @@ double importAlone(const std::filesystem::path& lines) {
     return runImport({"--standalone", "--database", optionsOf(folder / "alone.db").connectionString}, lines);
 }
 
+/// An agent on the database `agent.db` of a folder, in which it leaves everything.
+class Agent {
+public:
+    explicit Agent(const std::filesystem::path& folder, const std::vector<std::string>& more = {})
+        : m_socket((folder / "agent.sock").string()), m_child(command(folder, more)) {
+        check(m_child.waitForLine("qor-agent listening on"), "the agent does not start: " + m_child.output());
+    }
+    const std::string& socket() const { return m_socket; }
+    test::HttpAnswer get(const std::string& target) const { return test::HttpClient(m_socket).get(target); }
+    std::string post(const std::string& target, const std::string& body) const {
+        return test::HttpClient(m_socket).post(target, body).body;
+    }
+    /// Where it listens beside its socket, when it was told to.
+    std::string url() {
+        const std::string begin = "qor-agent listening on http:";
+        check(m_child.waitForLine(begin), "the agent does not listen there");
+        const std::string output = m_child.output();
+        const std::size_t at = output.find(begin) + begin.size() - std::string("http:").size();
+        return output.substr(at, output.find('\n', at) - at);
+    }
+
+private:
+    std::vector<std::string> command(const std::filesystem::path& folder, const std::vector<std::string>& more) const {
+        std::vector<std::string> command{(test::programDirectory() / "qor-agent").string(),
+                                         "--database",
+                                         optionsOf(folder / "agent.db").connectionString,
+                                         "--socket",
+                                         m_socket,
+                                         "--log-file",
+                                         (folder / "agent.log").string()};
+        command.insert(command.end(), more.begin(), more.end());
+        return command;
+    }
+
+    const std::string m_socket;
+    test::ChildProcess m_child;
+};
+
 double importThroughAgent(const std::filesystem::path& lines) {
     const test::TemporaryDirectory folder;
-    const std::string socket = (folder / "agent.sock").string();
-    test::ChildProcess agent({(test::programDirectory() / "qor-agent").string(), "--database",
-                              optionsOf(folder / "agent.db").connectionString, "--socket", socket, "--log-file",
-                              (folder / "agent.log").string()});
-    check(agent.waitForLine("qor-agent listening on"), "the agent does not start: " + agent.output());
-    return runImport({"--socket", socket}, lines);
+    const Agent agent(folder.path());
+    return runImport({"--socket", agent.socket()}, lines);
 }
 
 void compareCommands(Figures& figures) {
     const test::TemporaryDirectory folder;
     const std::uint64_t count = figures.smallest() ? 2000 : 100'000;
-    writeLines(folder / "lines", count);
+    writeLines(folder / "lines", 0, count, span);
     const Turns turns = takeTurns(
         figures.smallest() ? 1 : 7, [&] { return importAlone(folder / "lines"); },
         [&] { return importThroughAgent(folder / "lines"); });
     figures.printRates("import through the agent", turns, static_cast<double>(count), Goal::atLeast(0.9));
+}
+
+// ---- another agent
+
+/// The agent that others send to, with an identity for whoever does.
+class Central {
+public:
+    Central() {
+        m_agent.post("/v1/identities/add", R"({"name":"sender","kind":"token","access":"full"})");
+        const std::string made = m_agent.post("/v1/tokens/create", R"({"name":"sender"})");
+        const std::size_t token = made.find("qor_");
+        check(token != std::string::npos, "no token: " + made);
+        std::ofstream(tokenFile()) << made.substr(token, made.find('"', token) - token) << '\n';
+    }
+
+    /// Operations from that number on, brought by the command. \returns seconds
+    double bring(std::uint64_t count) {
+        const std::filesystem::path lines = m_folder / "lines";
+        writeLines(lines, m_stored, count, size);
+        const double seconds = runImport({"--socket", m_agent.socket()}, lines);
+        stored(count);
+        return seconds;
+    }
+    /// The same, which an agent has that begins to send them. \returns seconds from its start on
+    double forward(std::uint64_t count) {
+        const test::TemporaryDirectory folder;
+        openEmpty(folder / "agent.db");
+        std::uint64_t first = m_stored;
+        storeNext({}, first, count, size);
+        QORRdbms::instance().shutdown();
+        const auto start = Clock::now();
+        const Agent host(folder.path(), {"--forward", m_url, "--forward-token", tokenFile().string()});
+        while (host.get("/v1/status").body.find(R"("behind":0,"behindSeconds")") == std::string::npos)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const double seconds = secondsSince(start);
+        stored(count);
+        return seconds;
+    }
+
+private:
+    static constexpr std::uint64_t size = 10'000'000;  ///< of the year of which both store parts
+
+    std::filesystem::path tokenFile() const { return m_folder / "token"; }
+    void stored(std::uint64_t count) {
+        m_stored += count;
+        const std::string status = m_agent.get("/v1/status").body;
+        check(status.find("\"vOpLog\":" + std::to_string(m_stored) + ",") != std::string::npos,
+              "the operations have not arrived: " + status);
+    }
+
+    test::TemporaryDirectory m_folder;
+    Agent m_agent{m_folder.path(), {"--listen", "http://127.0.0.1:0"}};
+    const std::string m_url = m_agent.url();
+    std::uint64_t m_stored = 0;
+};
+
+void compareSenders(Figures& figures) {
+    Central central;
+    const std::uint64_t count = figures.smallest() ? 2000 : 50'000;
+    const Turns turns = takeTurns(
+        figures.smallest() ? 1 : 7, [&] { return central.bring(count); }, [&] { return central.forward(count); });
+    figures.printRates("sent on by an agent, beside qorctl import there", turns, static_cast<double>(count),
+                       Goal::none());
 }
 
 void run(Figures& figures) {
@@ -206,6 +309,7 @@ void run(Figures& figures) {
     compareStores(figures, 1000, 0.8, 9);
     compareStores(figures, 1, 0.7, 31);
     compareCommands(figures);
+    compareSenders(figures);
 }
 
 }  // namespace

@@ -27,9 +27,6 @@ private:
     std::size_t m_size;
 };
 
-/// Fills the tables of the host's own in a database.
-void fillLog(PostgresConnection& database, std::size_t size);
-
 void measurePages(Figures& figures, const Log& log);
 void measureTotals(Figures& figures, const Log& small, const Log& large);
 void measureStream(Figures& figures, const Log& log);
