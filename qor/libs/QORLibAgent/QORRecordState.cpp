@@ -1,6 +1,9 @@
 #include "QORLibAgent/QORRecordState.h"
 
 #include <string>
+#include <vector>
+
+#include "rdbmspp/pool/ASNumbers.h"
 
 namespace QOR {
 namespace {
@@ -79,13 +82,9 @@ bool tellsOfAny(ASSession& session, QORChangeKind kind, const QORRowAccess& acce
 
 // In one question, since a server takes no longer for the second than for being asked.
 QORRecordState recordState(ASSession& session, QORChangeKind kind, const QORRowAccess& access) {
-    ASStatement& select =
-        session.prepare("SELECT (" + std::string(lastRecordChangeSql) + "), (" + countOf(kind, access) + ")");
-    select.execute();
-    QORRecordState state;
-    if (select.fetch()) state = {select.integer(1), select.integer(2)};
-    select.close();
-    return state;
+    const std::vector<std::int64_t> numbers =
+        readNumbers(session, "SELECT (" + std::string(lastRecordChangeSql) + "), (" + countOf(kind, access) + ")", 2);
+    return numbers.empty() ? QORRecordState() : QORRecordState{numbers[0], numbers[1]};
 }
 
 bool hasChangedSince(ASSession& session, QORChangeKind kind, const QORRowAccess& access, const QORRecordState& since) {

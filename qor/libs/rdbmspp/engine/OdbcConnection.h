@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -136,6 +137,10 @@ public:
     bool isOwing() const noexcept { return m_owing; }
     /// Whether a transaction is open as the engine sees it; true where it does not tell.
     bool isInTransaction() const noexcept { return m_sqlite == nullptr || isInSqliteTransaction(*m_sqlite); }
+    /// The state that the transaction reads, see sqliteState(); nothing of another engine.
+    std::optional<std::uint32_t> state() const noexcept {
+        return m_sqlite == nullptr ? std::nullopt : sqliteState(*m_sqlite);
+    }
     /// Whether a failure has left it in doubt.
     bool isBroken() const noexcept { return m_broken; }
     /// Whether the other end has gone, and so the others of its time probably have too.

@@ -150,6 +150,14 @@ std::int64_t sqliteChanges(sqlite3& connection) noexcept {
     return sqlite3_changes64(&connection);
 }
 
+std::optional<std::uint32_t> sqliteState(sqlite3& connection) noexcept {
+    std::uint32_t state = 0;
+    if (sqlite3_txn_state(&connection, "main") != SQLITE_TXN_READ ||
+        sqlite3_file_control(&connection, "main", SQLITE_FCNTL_DATA_VERSION, &state) != SQLITE_OK)
+        return std::nullopt;
+    return state;
+}
+
 SqliteReads::~SqliteReads() {
     sqlite3_finalize(m_begin);
     sqlite3_finalize(m_rollback);

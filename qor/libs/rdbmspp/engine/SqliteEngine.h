@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -79,6 +80,10 @@ void setSqliteWait(sqlite3& connection, SqliteWait& wait) noexcept;
 bool isInSqliteTransaction(sqlite3& connection) noexcept;
 /// Rows that the last statement which changes any has changed.
 std::int64_t sqliteChanges(sqlite3& connection) noexcept;
+/// A number for the state of the database that the open transaction reads. As long as it is the same on one connection,
+/// nobody has committed anything, whatever program: the engine itself goes by it where it reads its pages out of
+/// memory. Nothing before the transaction has read anything, and once it has written.
+std::optional<std::uint32_t> sqliteState(sqlite3& connection) noexcept;
 /// Begins and ends a connection's read transactions by statements that stay compiled: the driver compiles them anew
 /// each time, for longer than a short select takes. Goes before its connection does.
 class SqliteReads {

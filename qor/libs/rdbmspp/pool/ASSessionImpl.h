@@ -15,6 +15,7 @@
 #include "QORCommon/QORRequestControl.h"
 #include "rdbmspp/engine/ASDialect.h"
 #include "rdbmspp/engine/OdbcConnection.h"
+#include "rdbmspp/pool/ASKnownNumbers.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
@@ -195,6 +196,7 @@ struct ASSession::Impl {
     std::string spareText;  ///< of the last select that was written, whose memory the next one uses
     ASStatementCache<OdbcStatement> selects;
     ASStatementCache<ASStatement> statements;
+    ASKnownNumbers numbers;
     void openStreaming();
     static void replaceLost(ASSession& session);
 

@@ -9,6 +9,7 @@
 
 #include "libs/rdbmspp/DatabaseFixture.h"
 #include "rdbmspp/engine/ASDialect.h"
+#include "rdbmspp/pool/ASNumbers.h"
 
 namespace QOR::test {
 namespace {
@@ -98,6 +99,47 @@ TEST_F(QORRdbmsTest, ReadSeesOneState) {
     insert(3);
     EXPECT_EQ(read(), 2);
     EXPECT_EQ(all().size(), 3u);
+}
+
+/// How many rows there are, and a number that is another one each time that it is asked for.
+constexpr const char* rowsAndRandom = "SELECT count(*), random() FROM t";
+
+TEST_F(QORRdbmsTest, NumbersAreAskedForOnceWhileTheDatabaseIsAsItWas) {
+    open(schema);
+    const auto read = [](ASSession& session) {
+        readNumbers(session, "SELECT count(*) FROM v", 1);  // which state it is shows once something was read
+        return readNumbers(session, rowsAndRandom, 2);
+    };
+    const auto readAnew = [&] { return read(*QORRdbmsTran(ASAccess::Read)); };
+    const auto numbers = readAnew();
+    EXPECT_EQ(numbers.at(0), 2);
+    EXPECT_EQ(readAnew(), numbers);
+    insert(3);
+    EXPECT_EQ(readAnew().at(0), 3);
+    Engine(path()).run("INSERT INTO t (a) VALUES (4)");
+    EXPECT_EQ(readAnew().at(0), 4) << "of another program";
+    {
+        QORRdbmsTran reading(ASAccess::Read);
+        const auto before = read(*reading);
+        insert(5);
+        EXPECT_EQ(read(*reading), before);
+    }
+    EXPECT_EQ(readAnew().at(0), 5);
+    {
+        QORRdbmsTran writing(ASAccess::Write);
+        EXPECT_EQ(read(*writing).at(0), 5);
+        writing->execute("INSERT INTO t (a) VALUES (6)");
+        EXPECT_EQ(read(*writing).at(0), 6);
+    }
+    EXPECT_EQ(readAnew().at(0), 5);
+}
+
+TEST_F(QORRdbmsTest, NumbersAreWholeOnes) {
+    open(schema);
+    QORRdbmsTran reading(ASAccess::Read);
+    EXPECT_THAT(readNumbers(*reading, "SELECT NULL, -7", 2), ElementsAre(0, -7));
+    EXPECT_TRUE(readNumbers(*reading, "SELECT a FROM t WHERE a > 9", 1).empty());
+    EXPECT_EQ(failure([&] { readNumbers(*reading, "SELECT s FROM t ORDER BY a", 1); }), "\"one\" is no integer");
 }
 
 TEST_F(QORRdbmsTest, ConnectionsAreKeptAndReused) {

@@ -1,10 +1,14 @@
 // Ordered selects: their columns and rows have the request's order, and pages that go on from a token make the whole,
 // whatever the rows, their order and the size of the pages.
 #include <algorithm>
+#include <array>
+#include <functional>
 #include <random>
+#include <utility>
 
 #include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORPageToken.h"
+#include "QORPager/Operators/Pager2/QORPreparedSelect.h"
 #include "QORPager/Operators/Pager2/QORSelectStmnt.h"
 #include "QORPager/Operators/Pager2/QORViewMetadata.h"
 #include "libs/QORLibAgent/LogDatabase.h"
@@ -582,6 +586,45 @@ TEST_F(ChangedTest, IsToldOfWhatCameWasReplacedOrWent) {
     begin(all);
     runSql("UPDATE qor_event SET source = 'other' WHERE source = 'a'");
     expect(all, {false, false, true, false});
+}
+
+/// Does something while the first row of an answer is written.
+class AtFirstRow final : public QORRowTaker {
+public:
+    explicit AtFirstRow(std::function<void()> work) : m_work(std::move(work)) {}
+    bool takeRow(const QORMessageNode&) noexcept override { return take(); }
+    bool takeValues(const QORMessageNode&, std::span<const QORRowValue>) noexcept override { return take(); }
+
+private:
+    bool take() noexcept {
+        if (m_work) std::exchange(m_work, nullptr)();
+        return true;
+    }
+    std::function<void()> m_work;
+};
+
+TEST_F(ChangedTest, IsToldOfWhatWasCommittedWhileTheFirstPageWasRead) {
+    QOR_NOT_WITH_SERVERS("of rows in other places nobody knows");
+    fill(60);
+    const Question& question = questions[1];
+    ask(question.page(1));  // from here on the state may be known
+    QORMessage request;
+    readElement(question.page(1), request);
+    QORBinaryIterator select = request.root();
+    select.firstChild();
+    QORMessage response;
+    AtFirstRow committing([] { operation("meanwhile", 2); });
+    response.setRowTaker(&committing);
+    std::string token;
+    {
+        const QORClientContextScope scope(fullAccess());
+        QORBinaryIterator out = response.root();
+        PreparedSelect(select)->execute(out);
+        ASSERT_EQ(out.firstChild(tag::rowSet), 0);
+        ASSERT_EQ(out.getValue(token, tag::next), 0);
+    }
+    EXPECT_EQ(ask(question.page(1, token)).get(tag::changed), "true");
+    EXPECT_EQ(ask(question.page(1, ask(question.page(1)).next())).get(tag::changed), "false");
 }
 
 TEST_F(ChangedTest, IsNotToldOfWhatTheAskerMayNotSee) {
