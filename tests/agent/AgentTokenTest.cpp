@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -150,6 +151,39 @@ TEST_F(AgentTokenTest, ChangesHoldFromTheNextRequestOn) {
     EXPECT_EQ(seen(ask(left)), "401");
     EXPECT_EQ(seen(ask(tokenOf("reader", {"-e", other}))), "3");
     EXPECT_EQ(seen(ask(left)), "401") << "tokens go with their identity";
+}
+
+/// Questions that one connection after the other asks again, each of which lists the sources of events.
+constexpr std::array eventQuestions{
+    "/v1/views/vEventLog/rows?fields=source&sort=source&count=exact",
+    "/v1/views/vEventLog/rows?fields=source&sort=source&where=time%20%3C%20now()",
+    "/v1/views/vEventLog/rows?fields=source&sort=source&where=source%20like%20'of%20%25'&limit=5&format=notation",
+};
+
+TEST_F(AgentTokenTest, AQuestionThatIsAskedAgainIsAnsweredByTheRightsOfItsMoment) {
+    const std::string all = tokenOf("all", {"--full"});
+    const std::string lesser = tokenOf("reader", {"--below", parent});
+    HttpClient client = connect();
+    const auto expect = [&](const std::string& token, const std::string& digits) {
+        for (const char* question : eventQuestions) {
+            const HttpAnswer answer = client.request("GET", question, {}, "Authorization: Bearer " + token + "\r\n");
+            EXPECT_EQ(seen(answer), digits) << question << "\n" << answer.body;
+        }
+    };
+    for (int times = 0; times < 3; ++times) {
+        expect(lesser, "12");
+        expect(all, "123");
+    }
+    root.post("/v1/records", environment(other, child));
+    expect(lesser, "123");
+    root.post("/v1/records", environment(child));
+    expect(lesser, "1");
+    expect(all, "123");
+    ctl({"identity", "remove", "reader"});
+    expect(lesser, "401");
+    expect(tokenOf("reader", {"-e", other}), "3");
+    root.post("/v1/records", event(other));
+    expect(all, "1233");
 }
 
 TEST_F(AgentTokenTest, OtherAgentsOnTheDatabaseKnowSoon) {

@@ -18,12 +18,14 @@
 #include <string>
 #include <string_view>
 
+#include "QORCommon/QORKeptByText.h"
 #include "QORCommon/QORMemory.h"
 #include "QORLibAgent/QORChangeWatch.h"
 #include "agent/api/AgentAccess.h"
 #include "agent/api/AgentFields.h"
 #include "agent/api/AgentLimits.h"
 #include "agent/api/AgentMetrics.h"
+#include "agent/api/AgentSelect.h"
 #include "agent/api/AgentViews.h"
 #include "agent/http/HttpTypes.h"
 
@@ -82,6 +84,8 @@ public:
     QORHost& host() const noexcept { return m_host; }
     AgentAccess& access() noexcept { return m_access; }
     AgentViews& views() noexcept { return m_views; }
+    /// Questions about views that were read, for requests that ask the same again.
+    QORKeptByText<AgentKeptSelect>& selects() noexcept { return m_selects; }
     AgentFields& fields() noexcept { return m_fields; }
     /// Tells those who follow that there is something new.
     QORChangeWatch& changes() noexcept { return m_changes; }
@@ -103,6 +107,7 @@ private:
     QORCollectorSchedule& m_collectors;
     AgentAccess m_access;
     AgentViews m_views;
+    QORKeptByText<AgentKeptSelect> m_selects{mostKeptSelects};
     AgentFields m_fields;
     QORChangeWatch m_changes;
     std::atomic<std::size_t> m_requestMemory;

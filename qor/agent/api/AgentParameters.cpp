@@ -54,24 +54,29 @@ const AgentParameter& lookUp(const std::string& name, std::string_view spelled, 
                   .suggestion = near.empty() ? std::string() : std::string(near.front())});
 }
 
-void check(const AgentParameter& parameter, const std::string& value) {
+[[noreturn]] void refuseNumber(const AgentParameter& parameter, const std::string& value) {
     const std::string name(parameter.name);
     const std::string advice = parameter.advice.empty() ? "" : ": " + std::string(parameter.advice);
+    refuse(
+        name, describeBadNumber(name, value, parameter.range) + advice, value,
+        "a whole number from " + std::to_string(parameter.range.least) + " to " + std::to_string(parameter.range.most));
+}
+
+void check(const AgentParameter& parameter, const std::string& value) {
     switch (parameter.kind) {
         case AgentParameter::Kind::Number:
-            if (!readPlainNumber(value, parameter.range))
-                refuse(name, describeBadNumber(name, value, parameter.range) + advice, value,
-                       "a whole number from " + std::to_string(parameter.range.least) + " to " +
-                           std::to_string(parameter.range.most));
+            if (!readPlainNumber(value, parameter.range)) refuseNumber(parameter, value);
             break;
         case AgentParameter::Kind::Flag:
             if (!value.empty() && value != "true" && value != "false")
-                refuse(name, name + " is true or false, not " + quoteText(value), value, "true or false");
+                refuse(parameter.name, std::string(parameter.name) + " is true or false, not " + quoteText(value),
+                       value, "true or false");
             break;
         case AgentParameter::Kind::Choice:
             if (std::find(parameter.choices.begin(), parameter.choices.end(), value) == parameter.choices.end())
-                refuse(name, name + " is " + joined(parameter.choices) + ", not " + quoteText(value), value,
-                       joined(parameter.choices));
+                refuse(parameter.name,
+                       std::string(parameter.name) + " is " + joined(parameter.choices) + ", not " + quoteText(value),
+                       value, joined(parameter.choices));
             break;
         case AgentParameter::Kind::Text:
         case AgentParameter::Kind::List:
@@ -185,6 +190,14 @@ void AgentParameters::requireAll(std::span<const AgentParameter> known) const {
 std::string_view AgentParameters::text(std::string_view name) const {
     const auto found = m_values.find(name);
     return found == m_values.end() ? std::string_view() : std::string_view(found->second);
+}
+
+// Neither names nor values hold a NUL.
+std::string AgentParameters::asText() const {
+    std::string text;
+    for (const auto& [name, value] : m_values)
+        text.append(name).append(1, '\0').append(value).append(1, '\0');
+    return text;
 }
 
 std::optional<std::uint64_t> AgentParameters::number(std::string_view name) const {

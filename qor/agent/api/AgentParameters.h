@@ -55,6 +55,8 @@ public:
     /// \pre a number that was checked as one
     std::optional<std::uint64_t> number(std::string_view name) const;
     bool flag(std::string_view name) const { return has(name) && text(name) != "false"; }
+    /// All of them as one text, another one for others.
+    std::string asText() const;
 
 private:
     void add(const AgentParameter& parameter, std::string value);

@@ -6,9 +6,11 @@
 #include <utility>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORKeptByText.h"
 #include "QORCommon/QORMemory.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORTime.h"
 #include "QORLibAgent/QORSecurity.h"
 #include "QORMessage/QORAnswer.h"
 #include "agent/api/AgentAccept.h"
@@ -144,6 +146,13 @@ private:
 
 const HttpFields variesByAccept{{"Vary", "Accept"}};
 
+/// What decides how a question is read, but for the views and the moment. Nothing in it holds a NUL.
+std::string questionText(std::string_view view, const AgentParameters& parameters, const AgentSelectContext& context) {
+    std::string text(view);
+    text.append(1, '\0').append(context.currentEid).append(1, '\0').append(context.all ? "all" : "page");
+    return text.append(1, '\0').append(parameters.asText());
+}
+
 constexpr std::string_view howToGetTheRest =
     ": ask for fewer rows (limit), fewer fields, or for all as a stream (Accept: application/x-ndjson, without limit)";
 
@@ -250,9 +259,26 @@ AgentSelectContext selectContext(AgentCall& call, const AgentParameters& paramet
 
 HttpReply viewRows(AgentCall& call, std::string_view view, const AgentParameters& parameters) {
     const auto views = call.application.views().listWith(view);
-    const AgentSelectContext context = selectContext(call, parameters, rowsFormOf(call.request, parameters).stream);
-    AgentSelect select = makeViewSelect(*views, views->find(view)->second, parameters, context);
-    return replyOfOperator(call, parameters, select.envelope, std::move(select.columns), std::move(select.names));
+    AgentSelectContext context = selectContext(call, parameters, rowsFormOf(call.request, parameters).stream);
+    const auto make = [&] { return makeViewSelect(*views, views->find(view)->second, parameters, context); };
+    std::string question = questionText(view, parameters, context);
+    // The moment of a page behind a token is told by the token, which is opened each time.
+    if (parameters.has("after") || question.size() > longestKeptSelect) {
+        AgentSelect select = make();
+        return replyOfOperator(call, parameters, select.envelope, std::move(select.columns), std::move(select.names));
+    }
+    context.now = currentTime();
+    QORKeptByText<AgentKeptSelect>& selects = call.application.selects();
+    std::optional<AgentKeptSelect> kept = selects.take(
+        question, [&](const AgentKeptSelect& one) { return one.views == views && one.now == *context.now; });
+    if (!kept) {
+        const QORMemoryScope uncounted(nullptr);  // it outlives the request, and is small
+        kept.emplace(AgentKeptSelect{make(), views, *context.now});
+    }
+    AgentSelect& select = kept->select;
+    HttpReply reply = replyOfOperator(call, parameters, select.envelope, select.columns, select.names);
+    selects.keep(std::move(question), std::move(*kept));
+    return reply;
 }
 
 HttpReply answerViewRows(AgentCall& call) {

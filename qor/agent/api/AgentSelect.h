@@ -3,7 +3,9 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -83,6 +85,16 @@ struct AgentSelect {
     std::vector<AgentColumn> columns;  ///< of the answer
     std::vector<std::string> names;    ///< what the operator calls them
 };
+
+/// One that was read once, for who asks the same again in the same second.
+struct AgentKeptSelect {
+    AgentSelect select;
+    std::shared_ptr<const AgentViews::List> views;  ///< by which it was read
+    std::int64_t now = 0;                           ///< that relative times were told from
+};
+inline constexpr std::size_t mostKeptSelects = 64;
+/// Bytes of a question that is worth keeping.
+inline constexpr std::size_t longestKeptSelect = 4096;
 
 /// How the condition of a question is read. \param views must outlive what is returned
 /// \throws AgentProblemException for a token that is none

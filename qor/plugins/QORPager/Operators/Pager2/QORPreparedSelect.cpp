@@ -1,16 +1,12 @@
 #include "QORPager/Operators/Pager2/QORPreparedSelect.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <functional>
-#include <iterator>
-#include <mutex>
-#include <string_view>
+#include <optional>
 #include <utility>
-#include <vector>
 
+#include "QORCommon/QORKeptByText.h"
 #include "QORMessage/QORTags.h"
 #include "rdbmspp/pool/QORRdbms.h"
 
@@ -59,57 +55,9 @@ private:
     bool m_fits = true;
 };
 
-/// What is kept, between requests. Thread-safe.
-class KeptSelects {
-public:
-    /// One that was read by these views; nothing where there is none.
-    std::unique_ptr<SelectStmnt> take(const std::string& request, const SelectStmnt::MetaTablesMap* views) {
-        const std::size_t hash = std::hash<std::string>()(request);
-        const std::lock_guard lock(m_mutex);
-        const auto found = std::find_if(m_kept.rbegin(), m_kept.rend(), [&](const Kept& one) {
-            return one.hash == hash && one.statement->views().get() == views && one.request == request;
-        });
-        if (found == m_kept.rend()) return nullptr;
-        std::unique_ptr<SelectStmnt> statement = std::move(found->statement);
-        m_kept.erase(std::next(found).base());
-        return statement;
-    }
-
-    void put(std::string request, std::unique_ptr<SelectStmnt> statement) {
-        const std::size_t hash = std::hash<std::string>()(request);
-        std::unique_ptr<SelectStmnt> forgotten;  // ends outside of the lock
-        const std::lock_guard lock(m_mutex);
-        if (m_kept.size() == PreparedSelect::mostKept) {
-            forgotten = std::move(m_kept.front().statement);
-            m_kept.erase(m_kept.begin());
-        }
-        m_kept.push_back({hash, std::move(request), std::move(statement)});
-    }
-
-    std::size_t size() {
-        const std::lock_guard lock(m_mutex);
-        return m_kept.size();
-    }
-
-    void clear() {
-        std::vector<Kept> forgotten;
-        const std::lock_guard lock(m_mutex);
-        forgotten.swap(m_kept);
-    }
-
-private:
-    struct Kept {
-        std::size_t hash;
-        std::string request;
-        std::unique_ptr<SelectStmnt> statement;
-    };
-
-    std::mutex m_mutex;
-    std::vector<Kept> m_kept;  // guarded by m_mutex; who was used last stands last
-};
-
-KeptSelects& keptSelects() {
-    static KeptSelects kept;
+/// What is kept, between requests.
+QORKeptByText<std::unique_ptr<SelectStmnt>>& keptSelects() {
+    static QORKeptByText<std::unique_ptr<SelectStmnt>> kept(PreparedSelect::mostKept);
     return kept;
 }
 
@@ -117,9 +65,13 @@ KeptSelects& keptSelects() {
 
 // Until the views are known nothing was kept, and who asks first has them learned at the moment that is right.
 PreparedSelect::PreparedSelect(const QORBinaryIterator& request) : m_request(RequestText::of(*request.node())) {
-    if (!m_request.empty() && SelectStmnt::areViewsKnown())
-        m_statement = keptSelects().take(m_request, SelectStmnt::getMetaTablesMap().get());
-    if (m_statement) {
+    std::optional<std::unique_ptr<SelectStmnt>> kept;
+    if (!m_request.empty() && SelectStmnt::areViewsKnown()) {
+        const auto views = SelectStmnt::getMetaTablesMap();
+        kept = keptSelects().take(m_request, [&](const auto& statement) { return statement->views() == views; });
+    }
+    if (kept) {
+        m_statement = std::move(*kept);
         m_statement->renew(request);
     } else {
         m_statement = std::make_unique<SelectStmnt>(request, nullptr);
@@ -128,7 +80,8 @@ PreparedSelect::PreparedSelect(const QORBinaryIterator& request) : m_request(Req
 
 void PreparedSelect::keep() {
     if (m_request.empty() || !m_statement->isRenewable()) return;
-    keptSelects().put(std::move(m_request), std::move(m_statement));
+    m_statement->forgetClient();
+    keptSelects().keep(std::move(m_request), std::move(m_statement));
 }
 
 std::size_t PreparedSelect::kept() {

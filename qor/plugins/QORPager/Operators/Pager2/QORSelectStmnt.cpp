@@ -45,9 +45,13 @@ SelectStmnt::SelectStmnt(QORBinaryIterator it, SelectStmnt* parent)
 
 void SelectStmnt::renew(const QORBinaryIterator& it) {
     readAfter(it);
+    if (isSecurityNeeded()) restrictAccess(m_columns->securityOperationId);
+}
+
+// Whom the client stands for may be long, and counts for nobody while the statement lies there.
+void SelectStmnt::forgetClient() {
     if (m_access.empty()) return;
     m_access = ASComparison();
-    restrictAccess(m_columns->securityOperationId);
     m_firstPart.reset();
     m_countOfAll.reset();
 }

@@ -49,8 +49,10 @@ public:
     SelectStmnt(const SelectStmnt&) = delete;
     SelectStmnt& operator=(const SelectStmnt&) = delete;
 
+    /// Drops what the client alone may see, after execute(); renew() comes before anything else is asked of it.
+    void forgetClient();
     /// Makes it ready for another request that asks the same, whose place in the rows, moment and client may be others.
-    /// Of an outermost one. \throws QORException 400 for a page token that does not fit
+    /// Of an outermost one that has forgotten its client. \throws QORException 400 for a page token that does not fit
     void renew(const QORBinaryIterator& it);
     /// Whether renew() is enough for a client who has full access, or has none, as the one it was read for.
     bool isRenewable() const noexcept;

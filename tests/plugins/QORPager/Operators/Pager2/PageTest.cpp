@@ -392,6 +392,34 @@ TEST_F(PageTest, AClientSeesItsOwnRowsWhoseverTokenItShows) {
     EXPECT_THAT(ask(question.page(100, token), restricted({})).rows, IsEmpty());
 }
 
+TEST_F(PageTest, ClientsWhoTakeTurnsOverOneKeptSelectSeeTheirOwnRows) {
+    fill(60);
+    const Question question = Question("vOpLog").field("id").field("eid").sort("time", true).with(R"([2403,"exact"])");
+    const std::array clients{accessTo({1}), accessTo({2}), accessTo({1, 2, 3}), restricted({})};
+    std::array<std::vector<Answer>, clients.size()> expected;
+    for (std::size_t who = 0; who < clients.size(); ++who) {
+        do {
+            PreparedSelect::forgetAll();
+            const std::string token = expected[who].empty() ? std::string() : expected[who].back().next();
+            expected[who].push_back(ask(question.page(3, token), clients[who]));
+        } while (!expected[who].back().next().empty());
+    }
+    ASSERT_GT(expected[0].size(), 2U);
+    ASSERT_NE(expected[0].front().rows, expected[1].front().rows);
+    PreparedSelect::forgetAll();
+    std::array<std::string, clients.size()> tokens;
+    for (std::size_t page = 0; page < expected[2].size(); ++page) {
+        for (std::size_t who = 0; who < clients.size(); ++who) {
+            if (page >= expected[who].size()) continue;
+            const Answer answer = ask(question.page(3, tokens[who]), clients[who]);
+            EXPECT_EQ(answer.rows, expected[who][page].rows) << "client " << who << ", page " << page;
+            EXPECT_EQ(answer.get(tag::total), expected[who][page].get(tag::total));
+            tokens[who] = answer.next();
+        }
+    }
+    EXPECT_EQ(PreparedSelect::kept(), 1U);
+}
+
 TEST_F(PageTest, ATokenIsForItsQuestionAlone) {
     fill(5);
     const Question question = Question("vOpLog").field("id").sort("time");
