@@ -683,7 +683,25 @@ private:
         m_piece = m_bodyless ? std::string() : std::move(reply.body);
         m_replyMemory = std::move(reply.memory);
         m_unwritten.emplace(Frame{net::buffer(m_frame), net::buffer(m_piece)});
-        writeSome();
+        writeAtOnce();
+    }
+
+    /// As far as the socket takes it, which is mostly all of it; the rest is waited for. So is a reply behind one that
+    /// was written so, lest the requests of a client that sends many at once be answered one within the other.
+    void writeAtOnce() {
+        if (m_stream.isSecure() || m_within) {
+            writeSome();
+            return;
+        }
+        m_unwritten->consume(m_stream.write_now(*m_unwritten));
+        if (net::buffer_size(*m_unwritten) > 0) {
+            writeSome();
+            return;
+        }
+        const auto self = shared_from_this();
+        m_within = true;
+        onReplied();
+        m_within = false;
     }
 
     static void addFields(HttpHead& head, const HttpFields& fields) {
@@ -953,6 +971,7 @@ private:
     bool m_counted = false;
     bool m_closed = false;
     bool m_peerGone = false;
+    bool m_within = false;  ///< what follows a reply that was written at once is being done
     bool m_broken = false;
     bool m_streaming = false;   ///< the head of a streamed reply is on its way, its end is not
     bool m_streamEnds = false;  ///< no piece will come behind those that wait

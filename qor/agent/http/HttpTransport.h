@@ -4,12 +4,17 @@
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
 
+#include <array>
+#include <boost/asio/buffer.hpp>
 #include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/beast/core/basic_stream.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
@@ -81,6 +86,24 @@ public:
         } else {
             m_stream.async_write_some(buffers, std::forward<Handler>(handler));
         }
+    }
+
+    /// Writes as many bytes as the socket takes at once. Without TLS, and while no operation writes.
+    /// \returns how many; what is wrong where it takes none, the next operation tells
+    template <class Buffers>
+    std::size_t write_now(const Buffers& buffers) {
+        std::array<iovec, 4> pieces{};
+        std::size_t count = 0;
+        const auto end = net::buffer_sequence_end(buffers);
+        for (auto at = net::buffer_sequence_begin(buffers); at != end && count < pieces.size(); ++at) {
+            const net::const_buffer piece(*at);
+            pieces[count++] = {const_cast<void*>(piece.data()), piece.size()};
+        }
+        msghdr message{};
+        message.msg_iov = pieces.data();
+        message.msg_iovlen = count;
+        const ssize_t size = ::sendmsg(m_stream.socket().native_handle(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        return size < 0 ? 0 : static_cast<std::size_t>(size);
     }
 
     /// Tells the client that nothing more comes, and that this was all. When TLS is spoken. Afterwards the socket's own
