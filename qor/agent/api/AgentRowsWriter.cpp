@@ -3,6 +3,8 @@
 #include <rapidjson/writer.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <utility>
 
 #include "QORCommon/QORAscii.h"
@@ -27,7 +29,29 @@ private:
     std::string& m_text;
 };
 
-/// Most of an answer is values. RapidJSON writes them letter by letter; here those that need no escape are taken
+/// Whether one of eight letters is more than JSON's texts hold as they are: no ASCII, a control character, a quote or a
+/// backslash.
+bool hasOther(std::uint64_t letters) noexcept {
+    constexpr std::uint64_t each = 0x0101010101010101;
+    const auto hasZero = [](std::uint64_t word) { return (word - each) & ~word; };
+    const std::uint64_t control = (letters - ' ' * each) & ~letters;
+    const std::uint64_t found = letters | control | hasZero(letters ^ ('"' * each)) | hasZero(letters ^ ('\\' * each));
+    return (found & (0x80 * each)) != 0;
+}
+
+bool isPlain(std::string_view text) noexcept {
+    std::uint64_t letters = 0;
+    for (; text.size() >= sizeof letters; text.remove_prefix(sizeof letters)) {
+        std::memcpy(&letters, text.data(), sizeof letters);
+        if (hasOther(letters)) return false;
+    }
+    letters = 0x2020202020202020;
+    for (const char c : text)
+        letters = letters << 8U | static_cast<unsigned char>(c);
+    return !hasOther(letters);
+}
+
+/// Most of an answer is texts. RapidJSON writes them letter by letter; here those that need no escape are taken
 /// together. All escapes are RapidJSON's.
 class Json : public rapidjson::Writer<TextStream> {
 public:
@@ -35,14 +59,19 @@ public:
 
     void text(std::string_view value) {
         const auto needsEscape = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '"' || c == '\\'; };
-        if (std::any_of(value.begin(), value.end(), needsEscape)) {
+        if (!isPlain(value) && std::any_of(value.begin(), value.end(), needsEscape)) {
             String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
-            return;
+        } else {
+            withoutEscapes(value);
         }
+    }
+    /// One text of two parts, neither of which needs escapes.
+    void withoutEscapes(std::string_view value, std::string_view ending = {}) {
         Prefix(rapidjson::kStringType);
         std::string& out = os_->text();
         out += '"';
         out += value;
+        out += ending;
         out += '"';
         EndValue(true);
     }
@@ -57,7 +86,7 @@ void writeString(Json& json, std::string_view text) {
     json.text(text);
 }
 void writeName(Json& json, std::string_view name) {
-    json.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));
+    json.text(name);
 }
 void writeRaw(Json& json, std::string_view value, rapidjson::Type type) {
     json.raw(value, type);
@@ -95,13 +124,18 @@ std::string plainText(const AgentColumn& column, const QORRowValue& value) {
 }
 
 void writeTextValue(Json& json, std::string_view text) {
-    if (isUtf8(text)) return writeString(json, text);
+    if (isPlain(text) || isUtf8(text)) return writeString(json, text);
     std::string bytes;
     appendBase64(text, bytes);
     json.StartObject();
     writeName(json, "base64");
     writeString(json, bytes);
     json.EndObject();
+}
+
+void writeTime(Json& json, std::string_view time) {
+    if (!time.ends_with(utc) || !isPlain(time)) return writeTextValue(json, withZ(time));
+    json.withoutEscapes(time.substr(0, time.size() - utc.size()), "Z");
 }
 
 void writeOne(Json& json, const AgentColumn& column, const QORRowValue& value) {
@@ -113,6 +147,7 @@ void writeOne(Json& json, const AgentColumn& column, const QORRowValue& value) {
         json.Null();
         return;
     }
+    if (column.kind == QORColumnKind::Time) return writeTime(json, value.bytes);
     if (column.kind == QORColumnKind::Integer && (value.bytes == "true" || value.bytes == "false")) {
         json.Int(value.bytes == "true" ? 1 : 0);
         return;
@@ -144,7 +179,11 @@ template <class Member>
 void forMembers(const AgentPage& page, Member member) {
     const auto quoted = [](std::string_view text) {
         std::string out;
-        appendJsonString(text, out);
+        if (isPlain(text)) {
+            out.append(1, '"').append(text).append(1, '"');
+        } else {
+            appendJsonString(text, out);
+        }
         return out;
     };
     member("returned", std::to_string(page.returned));
