@@ -12,6 +12,7 @@ set(QOR_SDK_HEADERS
   QORCommon/QORSourcePath.h
   QORCommon/QORText.h
   QORCommon/QORTime.h
+  QORCommon/QORUtf8.h
   QORDBSchema/QORDBSchema.h
   QORDBSchema/SchemaTable.h
   QORFunctionality/QORAccess.h

@@ -52,7 +52,8 @@ def dead_links(site):
 
 def project_files(root):
     """Pages, and what they link to."""
-    for folder in ("", "docs", "bench", "bench/filter", "fuzz", "examples/clients"):
+    for folder in ("", "docs", "bench", "bench/filter", "fuzz", "examples/clients", "examples/operator", "examples/collector",
+                   "examples/log-source"):
         for name in sorted(os.listdir(os.path.join(root, folder))):
             if name.endswith(".md") or folder.startswith("examples"):
                 yield os.path.join(folder, name)

@@ -204,11 +204,11 @@ TEST_F(DebianPackages, ThoseForDevelopersAreEnoughToBuildAPlugIn) {
     for (const char* const name : {"libqor1", "libqor-dev"})
         outputOf({"dpkg-deb", "-x", package(name), folder.string()});
     const std::string build = below("example").string();
-    outputOf({QOR_TEST_CMAKE, "-S", QOR_TEST_DATA_DIR "/example", "-B", build,
+    outputOf({QOR_TEST_CMAKE, "-S", (folder / "usr/share/doc/libqor-dev/examples/collector").string(), "-B", build,
               std::string("-DCMAKE_CXX_COMPILER=") + QOR_TEST_COMPILER,
               "-DCMAKE_PREFIX_PATH=" + (folder / "usr").string()});
     outputOf({QOR_TEST_CMAKE, "--build", build});
-    EXPECT_TRUE(fs::exists(below("example") / "libGreeter.so"));
+    EXPECT_TRUE(fs::exists(below("example") / "libBoots.so"));
 }
 
 TEST_F(CleanRoot, AnAgentAndItsClientRunWithNothingElseInstalled) {

@@ -24,8 +24,6 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
-const fs::path exampleDir = fs::path(QOR_TEST_DATA_DIR) / "example";
-
 std::string contentsOf(const fs::path& file) {
     std::ifstream stream(file);
     return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
@@ -42,6 +40,16 @@ std::vector<fs::path> filesBelow(const fs::path& folder) {
         if (entry.is_regular_file()) files.push_back(entry.path());
     }
     return files;
+}
+
+std::vector<std::string> exportsOf(const std::string& library) {
+    const auto [status, output] = test::runProgram({QOR_TEST_NM, "--dynamic", "--defined-only", library});
+    if (status != 0) throw std::runtime_error(output);
+    std::vector<std::string> symbols;
+    std::istringstream lines(output);
+    for (std::string address, type, name; lines >> address >> type >> name;)
+        symbols.push_back(name);
+    return symbols;
 }
 
 /// The installed project, once for all tests.
@@ -152,14 +160,8 @@ TEST_F(Package, ServiceWaitsForADatabaseThatComesLaterThanTheAgent) {
 }
 
 TEST_F(Package, ThePagerExportsItsEntryPointsAlone) {
-    const auto [status, output] =
-        test::runProgram({QOR_TEST_NM, "--dynamic", "--defined-only", installed("libQORPager.so").string()});
-    ASSERT_EQ(status, 0) << output;
-    std::vector<std::string> symbols;
-    std::istringstream lines(output);
-    for (std::string address, type, name; lines >> address >> type >> name;)
-        symbols.push_back(name);
-    EXPECT_THAT(symbols, testing::UnorderedElementsAre("initQORPlugIn", "finiQORPlugIn"));
+    EXPECT_THAT(exportsOf(installed("libQORPager.so").string()),
+                testing::UnorderedElementsAre("initQORPlugIn", "finiQORPlugIn"));
 }
 
 TEST_F(Package, EveryHeaderCompilesByItself) {
@@ -177,28 +179,116 @@ TEST_F(Package, EveryHeaderCompilesByItself) {
     EXPECT_EQ(status, 0) << output;
 }
 
-TEST_F(Package, SomebodyElsesPlugInIsBuiltInstalledAndServed) {
-    // The package is used where it was not installed to: nothing in it may depend on the place.
-    const fs::path moved = below("elsewhere");
-    fs::copy(prefix(), moved, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-    const fs::path build = below("example");
-    run(configureCommand(exampleDir, build, moved));
-    run({QOR_TEST_CMAKE, "--build", build.string()});
-    run({QOR_TEST_CMAKE, "--install", build.string()});
+/// The examples as their readers have them, built against the package where it was not installed to: nothing in it may
+/// depend on the place.
+class Examples : public Package {
+protected:
+    static void SetUpTestSuite() {
+        Package::SetUpTestSuite();
+        fs::copy(prefix(), moved(), fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+        for (const char* const name : {"operator", "collector", "log-source"}) {
+            const fs::path build = below(std::string("build-") + name);
+            run(configureCommand(moved() / "share/doc/libqor-dev/examples" / name, build, moved()));
+            run({QOR_TEST_CMAKE, "--build", build.string()});
+            run({QOR_TEST_CMAKE, "--install", build.string()});
+        }
+    }
+    static fs::path moved() { return below("elsewhere"); }
 
-    AgentSettings settings;
-    settings.program = moved / "bin" / "qor-agent";
-    const AgentProcess agent(settings);
+    /// An agent of this package that collects below root().
+    static AgentSettings settings() {
+        AgentSettings settings;
+        settings.program = moved() / "bin" / "qor-agent";
+        settings.more = {"--collect-root", root().string()};
+        return settings;
+    }
+    static fs::path root() { return below("root"); }
+    static void write(const std::string& file, const std::string& text) {
+        fs::create_directories((root() / file).parent_path());
+        std::ofstream(root() / file) << text;
+    }
+    static std::string ask(const AgentProcess& agent, std::vector<std::string> words) {
+        words.insert(words.begin(), (moved() / "bin" / "qorctl").string());
+        words.insert(words.end(), {"--socket", agent.socketPath()});
+        return test::runProgram(words).second;
+    }
+    void SetUp() override {
+        if (!fs::exists(test::programDirectory() / "qorctl")) GTEST_SKIP() << "built without the client";
+        fs::remove_all(root());
+        write("etc/machine-id", "0123456789abcdef0123456789abcdef\n");
+    }
+};
+
+TEST_F(Examples, AreLoadedBesideTheShippedPlugIn) {
+    const AgentProcess agent(settings());
     HttpClient client(agent.socketPath());
-    EXPECT_THAT(client.get("/v1/health").body,
-                HasSubstr(R"("plugins":["libGreeter.so","libQORPager.so"],"refused":[])"));
-    EXPECT_EQ(client.message(R"({"operator":"greeter","request":"greet","body":[1026,"world"]})"),
-              R"({"response":[[1018,"Hello, world!"]]})");
-    EXPECT_EQ(client.message(R"({"operator":"greeter","request":"greet","body":[1026]})"),
-              R"({"response":[],"error":{"code":400,"message":"whom?"}})");
+    EXPECT_THAT(
+        client.get("/v1/health").body,
+        HasSubstr(R"("plugins":["libAlternatives.so","libBoots.so","libCensus.so","libQORPager.so"],"refused":[])"));
     EXPECT_EQ(client.message(
                   R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vEnvironment"],[1741,"eid"]]]})"),
               R"({"response":[[1744,[[1026,"eid"]]]]})");
+}
+
+TEST_F(Examples, OfferTheirEntryPointsAlone) {
+    for (const char* name : {"libCensus.so", "libBoots.so", "libAlternatives.so"}) {
+        const std::string file =
+            (moved() / fs::relative(installed("libQORPager.so"), prefix()).parent_path() / name).string();
+        EXPECT_THAT(exportsOf(file), testing::UnorderedElementsAre("initQORPlugIn", "finiQORPlugIn")) << name;
+    }
+}
+
+TEST_F(Examples, AnOperatorCountsTheEnvironmentsThatItsClientMaySee) {
+    const AgentProcess agent(settings());
+    HttpClient client(agent.socketPath());
+    const auto environment = [](char digit, const std::string& type) {
+        const std::string eid = std::string(8, digit) + "-0000-4000-8000-000000000000";
+        return R"({"kind":"environment","eid":")" + eid + R"(","config":{"type":")" + type + "\"}}\n";
+    };
+    std::string records = environment('1', "vm") + environment('2', "vm") + environment('3', "host");
+    EXPECT_EQ(client.post("/v1/records", records).status, 200);
+    EXPECT_EQ(
+        client.message(R"({"operator":"census","request":"count","body":[1741,"type"]})"),
+        R"({"response":[[1744,[[1026,"type"],[1026,"count"],)"
+        R"([1739,[[1082,[[1018,"host"]]],[1082,[[1018,"1"]]]]],[1739,[[1082,[[1018,"vm"]]],[1082,[[1018,"2"]]]]]]]]})");
+    EXPECT_EQ(
+        client.message(
+            R"({"operator":"census","request":"count","body":[1741,"type"],"client":{"fullAccess":false,"sids":[]}})"),
+        R"({"response":[[1744,[[1026,"type"],[1026,"count"]]]]})");
+    EXPECT_EQ(client.message(R"({"operator":"census","request":"count","body":[1741,"colour"]})"),
+              R"({"response":[],"error":{"code":400,"message":"environments have no member \"colour\""}})");
+}
+
+TEST_F(Examples, ACollectorBringsEachBootOnce) {
+    const AgentProcess agent(settings());
+    EXPECT_THAT(ask(agent, {"collect"}), HasSubstr("operation: 0 added"));
+    for (const char* const boot : {"11111111-0000-4000-8000-000000000000", "22222222-0000-4000-8000-000000000000"}) {
+        write("proc/sys/kernel/random/boot_id", std::string(boot) + "\n");
+        write("proc/stat", "cpu 1 2 3\nbtime 1714521600\nprocesses 9\n");
+        EXPECT_THAT(ask(agent, {"collect"}), HasSubstr("operation: 1 added"));
+        EXPECT_THAT(ask(agent, {"collect"}), HasSubstr("operation: 0 added"));
+    }
+    EXPECT_EQ(ask(agent,
+                  {"select", "vOpLog", "-f", "op,time,id", "-o", "tsv", "--no-header", "--sort", "id", "--limit", "1"}),
+              "boot\t2024-05-01T00:00:00+0000\t11111111-0000-4000-8000-000000000000\n");
+}
+
+TEST_F(Examples, ALogIsReadOnFromWhereItWasAndThroughItsRotation) {
+    const AgentProcess agent(settings());
+    const std::string log = "var/log/alternatives.log";
+    const auto line = [](const std::string& text) { return "update-alternatives 2024-05-01 12:00:00: " + text + "\n"; };
+    write(log,
+          line("one \xff") + "nonsense\nupdate-alternatives 2024-05-01\n" + line("two") + "update-alternatives 2024-");
+    EXPECT_THAT(ask(agent, {"collect"}),
+                AllOf(HasSubstr("event: 2 added"), HasSubstr("2 lines of what was read make no sense")));
+    std::ofstream(root() / log, std::ios::app) << "05-01 12:00:01: three\n";
+    fs::rename(root() / log, root() / (log + ".1"));
+    write(log, line("four"));
+    EXPECT_THAT(ask(agent, {"collect"}), HasSubstr("event: 2 added"));
+    EXPECT_THAT(ask(agent, {"collect"}), HasSubstr("event: 0 added"));
+    EXPECT_EQ(ask(agent, {"select", "vEventLog", "-f", "count(id)", "--where", "source = 'alternatives'", "-o", "tsv",
+                          "--no-header"}),
+              "4\n");
 }
 
 }  // namespace
