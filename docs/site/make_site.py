@@ -55,8 +55,9 @@ def project_files(root):
     for folder in ("", "docs", "bench", "bench/filter", "fuzz", "examples/clients", "examples/operator", "examples/collector",
                    "examples/log-source"):
         for name in sorted(os.listdir(os.path.join(root, folder))):
-            if name.endswith(".md") or folder.startswith("examples"):
-                yield os.path.join(folder, name)
+            file = os.path.join(folder, name)
+            if name.endswith(".md") or (folder.startswith("examples") and os.path.isfile(os.path.join(root, file))):
+                yield file
 
 
 def copy(source, target):

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -24,6 +25,7 @@
 #include "commands/ShortCommands.h"
 #include "complete/Completion.h"
 #include "complete/CompletionScripts.h"
+#include "conformance/QORPlugInCheck.h"
 #include "filter/FilterCommand.h"
 #include "help/CommandHelp.h"
 #include "help/CommandMistakes.h"
@@ -71,6 +73,8 @@ constexpr std::int64_t shortPage = 50;
 constexpr std::uint64_t mostColumns = 100'000;
 /// Of one kind, in a sample.
 constexpr std::uint64_t mostRecords = 1'000'000'000;
+/// Of one check of a plug-in, in seconds.
+constexpr std::int64_t longestCheck = 86400;
 /// Of one proof.
 constexpr std::uint64_t mostRequests = 10'000'000;
 
@@ -107,6 +111,7 @@ public:
         addCopy();
         addDatabase();
         addSelfCheck();
+        addPlugIn();
         addFilterCommand(m_app, m_filterExit);
         addCompletion();
         addExamples(m_app);
@@ -117,6 +122,8 @@ public:
             completeCommandLine(m_app, {arguments.begin() + 1, arguments.end()});
             return static_cast<int>(CtlExit::Done);
         }
+        if (!arguments.empty() && arguments.front() == plugInCheckQuestion)
+            return checkPlugInInside({arguments.begin() + 1, arguments.end()});
         if (!arguments.empty() && arguments.front() == manualQuestion) {
             printText(manualPage(m_app, QOR_VERSION));
             return static_cast<int>(CtlExit::Done);
@@ -758,6 +765,31 @@ private:
             std::string(exitNote));
     }
 
+    void addPlugIn() {
+        CLI::App& group = *m_app.add_subcommand("plugin", "For those who write plug-ins");
+        group.require_subcommand(1);
+        group.footer(exitNote);
+        CLI::App* const check = part(group, "check", "What is wrong with a plug-in, and what to do about it",
+                                     [this] { runPlugInCheck(m_plugIn, m_plugInPrint); });
+        check->add_option("file", m_plugIn.file, "the library")->required()->type_name("FILE");
+        check->add_option("--root", m_plugIn.root, "a tree with what its collectors read, as a machine has it below /")
+            ->check(CLI::ExistingDirectory)
+            ->type_name("FOLDER");
+        check
+            ->add_option_function<std::string>(
+                "--timeout",
+                [this](const std::string& text) {
+                    m_plugIn.patience = std::chrono::seconds(durationOf("--timeout", text, longestCheck));
+                },
+                "what a check may take before it hangs (default: 1m)")
+            ->type_name("DURATION");
+        addPrinting(*check, m_plugInPrint);
+        check->footer(
+            "The plug-in is loaded and used in processes of their own, with a made-up database and what is below the "
+            "folder; an agent takes no part.\n" +
+            std::string(exitNote));
+    }
+
     void addCompletion() {
         CLI::App* const app = command("completion", "What makes a shell complete the command lines of qorctl",
                                       [this] { printText(completionScript(m_shell)); });
@@ -802,6 +834,8 @@ private:
     SampleCommandOptions m_sample;
     CopyCommandOptions m_copy;
     ShardCommandOptions m_shard;
+    QORPlugInCheckOptions m_plugIn;
+    PrintOptions m_plugInPrint;
     SecurityCommandOptions m_security;
     std::string m_shell;
     std::function<void()> m_run;

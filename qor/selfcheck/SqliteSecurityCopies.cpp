@@ -6,9 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <system_error>
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
@@ -152,22 +150,6 @@ void SqliteCheckedDatabase::copyTo(SqliteCheckedDatabase& target) {
     const int step = sqlite3_backup_step(backup, -1);
     sqlite3_backup_finish(backup);
     if (step != SQLITE_DONE) fail(target.m_database, "the database cannot be copied");
-}
-
-// ---- the folder -----------------------------------------------------------------------------------------------------
-
-QORPrivateFolder::QORPrivateFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "qor-check-XXXXXX").string();
-    if (::mkdtemp(name.data()) == nullptr) {
-        throw QORException(errFailure, "cannot make a folder " + name + ": " + std::strerror(errno), QOR_SOURCE_PATH,
-                           __LINE__);
-    }
-    m_path = name;
-}
-
-QORPrivateFolder::~QORPrivateFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
 }
 
 // ---- copies ---------------------------------------------------------------------------------------------------------

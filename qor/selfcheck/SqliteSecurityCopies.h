@@ -5,6 +5,7 @@
 
 #include <filesystem>
 
+#include "QORCommon/QORPrivateFolder.h"
 #include "selfcheck/QORSecurityCopies.h"
 
 struct sqlite3;
@@ -30,20 +31,6 @@ private:
     Rows rows(const std::string& sql, std::size_t most);
 
     sqlite3* m_database = nullptr;
-};
-
-/// A folder of mode 0700 below the system's folder of temporary files; gone with the object, and everything in it.
-class QORPrivateFolder {
-public:
-    /// \throws QORException 1
-    QORPrivateFolder();
-    ~QORPrivateFolder();
-    QORPrivateFolder(const QORPrivateFolder&) = delete;
-    QORPrivateFolder& operator=(const QORPrivateFolder&) = delete;
-    const std::filesystem::path& path() const noexcept { return m_path; }
-
-private:
-    std::filesystem::path m_path;
 };
 
 class SqliteSecurityCopies : public QORSecurityCopies {

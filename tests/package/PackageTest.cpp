@@ -238,6 +238,22 @@ TEST_F(Examples, OfferTheirEntryPointsAlone) {
     }
 }
 
+TEST_F(Examples, KeepToAllThatTheirAuthorsCanHaveChecked) {
+    const fs::path examples = moved() / "share/doc/libqor-dev/examples";
+    const fs::path plugIns = moved() / fs::relative(installed("libQORPager.so"), prefix()).parent_path();
+    const auto check = [&](const char* name, std::vector<std::string> more) {
+        more.insert(more.begin(), {(moved() / "bin/qorctl").string(), "plugin", "check", (plugIns / name).string()});
+        const auto [status, output] = test::runProgram(more);
+        EXPECT_EQ(status, 0) << output;
+        EXPECT_THAT(output, Not(HasSubstr("advice"))) << output;
+        return output;
+    };
+    EXPECT_THAT(check("libCensus.so", {}), HasSubstr("operator census: count"));
+    EXPECT_THAT(check("libBoots.so", {"--root", (examples / "collector/tree").string()}), HasSubstr("1 records"));
+    EXPECT_THAT(check("libAlternatives.so", {"--root", (examples / "log-source/tree").string()}),
+                HasSubstr("4 records"));
+}
+
 TEST_F(Examples, AnOperatorCountsTheEnvironmentsThatItsClientMaySee) {
     const AgentProcess agent(settings());
     HttpClient client(agent.socketPath());

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORPrivateFolder.h"
 #include "ctl/CtlProcess.h"
 #include "selfcheck/QORSecurityCopies.h"
 #include "selfcheck/SqliteSecurityCopies.h"

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "backend/Backend.h"
+#include "conformance/QORPlugInCheck.h"
 #include "ingest/QORSampleData.h"
 #include "output/RowPrinter.h"
 #include "process/CtlError.h"
@@ -165,6 +166,8 @@ void runFields(const ConnectionOptions& connection, const FieldsOptions& options
 void runStatus(const ConnectionOptions& connection, const PrintOptions& print);
 /// What is wrong here, and what to do about it. Throws AnsweredError when something is.
 void runDoctor(const ConnectionOptions& connection, const PrintOptions& print);
+/// Likewise of a plug-in.
+void runPlugInCheck(const QORPlugInCheckOptions& options, const PrintOptions& print);
 void runCheck(const ConnectionOptions& connection, const CheckOptions& options);
 void runPrune(const ConnectionOptions& connection, const PruneOptions& options);
 void runImport(const ConnectionOptions& connection, const ImportOptions& options);

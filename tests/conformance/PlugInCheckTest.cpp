@@ -1,0 +1,217 @@
+// qorctl plugin check: what it finds in plug-ins with faults, and nothing in one without.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ctl/CtlProcess.h"
+#include "support/TemporaryDirectory.h"
+
+namespace QOR::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+const std::string faultyDir = QOR_TEST_FAULTY_DIR;
+const std::string faulty = faultyDir + "/libQORFaulty.so";
+const std::string tree = QOR_TEST_DATA_DIR "/tree";
+
+/// Names the fault that the plug-in has while it lives.
+class WithFault {
+public:
+    explicit WithFault(const std::string& fault) { ::setenv("QOR_TEST_FAULT", fault.c_str(), 1); }
+    ~WithFault() { ::unsetenv("QOR_TEST_FAULT"); }
+    WithFault(const WithFault&) = delete;
+    WithFault& operator=(const WithFault&) = delete;
+};
+
+CtlResult check(const std::string& file, Words more = {}) {
+    more.insert(more.begin(), {"plugin", "check", file, "-o", "tsv"});
+    return runCtl(std::move(more));
+}
+
+/// Of a plug-in that is to be used below the tree.
+CtlResult checkFaulty(const std::string& fault, Words more = {}) {
+    const WithFault scope(fault);
+    more.insert(more.end(), {"--root", tree});
+    return check(faulty, std::move(more));
+}
+
+std::string lineOf(const std::string& what, const std::string& rows) {
+    std::istringstream lines(rows);
+    for (std::string line; std::getline(lines, line);)
+        if (line.find("\t" + what + "\t") != std::string::npos) return line;
+    return "nothing about " + what + " in:\n" + rows;
+}
+
+TEST(PlugInCheck, FindsNothingInAPlugInThatKeepsToAll) {
+    const CtlResult result = checkFaulty("none");
+    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_EQ(result.err, "");
+    EXPECT_THAT(result.out, AllOf(Not(HasSubstr("FAULT")), Not(HasSubstr("advice"))));
+    EXPECT_THAT(lineOf("brings", result.out), HasSubstr("operators: faulty; collectors: lines"));
+    EXPECT_THAT(lineOf("operator faulty: requests", result.out), HasSubstr("ask, tell"));
+    EXPECT_THAT(lineOf("collector lines: source", result.out), HasSubstr("2 records"));
+    EXPECT_THAT(lineOf("beside others", result.out), HasSubstr("with 1 more"));
+}
+
+TEST(PlugInCheck, FindsNothingInTheShippedPlugIn) {
+    const CtlResult result = check((programDirectory().parent_path() / "lib/qor/plugins/libQORPager.so").string());
+    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_THAT(result.out, AllOf(Not(HasSubstr("FAULT")), Not(HasSubstr("advice"))));
+    EXPECT_THAT(lineOf("operator pager2: priming", result.out), StartsWith("ok"));
+}
+
+struct Expected {
+    const char* fault;
+    const char* check;
+    const char* found;
+    const char* todo;
+};
+
+void PrintTo(const Expected& expected, std::ostream* out) {
+    *out << expected.fault;
+}
+
+class PlugInFault : public testing::TestWithParam<Expected> {};
+
+constexpr Expected faults[] = {
+    {"throws in init", "loading", "initQORPlugIn threw: no, thanks", "left out by an agent"},
+    {"refuses", "loading", "initQORPlugIn returned 7", "left out by an agent"},
+    {"crashes in init", "loading", "crashes (Segmentation fault)", "debugger"},
+    {"hangs in init", "loading", "hangs", "debugger"},
+    {"a collector's name", "loading", "dpkg", "left out by an agent"},
+    {"brings nothing", "brings", "neither an operator nor a collector", "of static storage"},
+    {"a name with blanks", "brings", "an operator is called \"a b\"", "call it by letters"},
+    {"two of a name", "brings", "two operators have one name", "a name of its own"},
+    {"no interval", "brings", "collector lines has no time between runs", "an interval of a second"},
+    {"never primed", "operator faulty: priming", "clients would wait for ever", "judge()"},
+    {"field without a type", "operator faulty: fields", "field \"faulty.name\" has no name, no source or no type",
+     "QOROpField"},
+    {"crashes", "operator faulty: ask",
+     R"(crashes (Segmentation fault) at {"operator":"faulty","request":"ask","body":[1026]})", "debugger"},
+    {"hangs", "operator faulty: ask", R"(hangs at {"operator":"faulty","request":"ask","body":[1026]})", "debugger"},
+    {"exits", "operator faulty: ask", "ends the process with status 3 at {", "debugger"},
+    {"errors without a text", "operator faulty: ask", "answers with an error that has no text, asked {",
+     "throw a QORException"},
+    {"serves anything", "operator faulty: unknown request", "a request of any name is served", "other than 0"},
+    {"crashes with several clients", "operator faulty: many clients", "crashes (Segmentation fault)", "debugger"},
+    {"fails without source", "collector lines: no source", "fails where its source is not there: there are no lines",
+     "return false"},
+    {"reads elsewhere", "collector lines: no source", "there is nothing below root()", "QORCollection::root()"},
+    {"never returns", "collector lines: told to end", "hangs", "debugger"},
+    {"any bytes", "collector lines: damaged source", "refused, of bytes that are not UTF-8", "toUtf8()"},
+    {"new identifiers", "collector lines: read again", "stores 2 records twice", "QORGUIDBase::fromName()"},
+    {"new identifiers", "collector lines: position lost", "stores 2 records twice", "QORGUIDBase::fromName()"},
+    {"trusts positions", "collector lines: position of others", "fails: sto", "begin anew"},
+    {"stays registered", "unloading", "what it brought is still there: heap", "not of the heap"},
+    {"leaves a thread", "unloading", "threads that it started go on", "finiQORPlugIn()"},
+    {"another's name", "beside others", "another plug-in serves operator pager too", "a name of its own"},
+};
+INSTANTIATE_TEST_SUITE_P(Kit, PlugInFault, testing::ValuesIn(faults));
+
+TEST_P(PlugInFault, IsFoundWithWhatToDo) {
+    const Expected& expected = GetParam();
+    Words more;
+    if (std::string(expected.found).starts_with("hangs")) more = {"--timeout", "4s"};
+    const CtlResult result = checkFaulty(expected.fault, more);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr(" checks found a fault\n"));
+    EXPECT_THAT(lineOf(expected.check, result.out),
+                AllOf(StartsWith("FAULT\t"), HasSubstr(expected.found), HasSubstr(expected.todo)))
+        << result.out;
+}
+
+TEST(PlugInCheck, GoesOnBehindACrash) {
+    const CtlResult result = checkFaulty("crashes");
+    for (const char* const what : {"operator faulty: tell", "operator faulty: unknown request",
+                                   "collector lines: source", "unloading", "beside others"})
+        EXPECT_THAT(lineOf(what, result.out), StartsWith("ok\t")) << result.out;
+    EXPECT_THAT(result.err, HasSubstr("qorctl: 1 of "));
+}
+
+TEST(PlugInCheck, EndsWhereThePlugInCannotBeLoaded) {
+    const CtlResult result = checkFaulty("refuses");
+    EXPECT_THAT(result.out, Not(HasSubstr("operator faulty")));
+}
+
+TEST(PlugInCheck, SaysWhatNobodyHas) {
+    const CtlResult result = check(faultyDir + "/libQORLacking.so");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(lineOf("symbols", result.out),
+                AllOf(StartsWith("FAULT\t"), HasSubstr("nobody has elsewhere::countThings("),
+                      HasSubstr("with the SDK of this version")));
+    EXPECT_THAT(result.out, Not(HasSubstr("loading")));
+}
+
+TEST(PlugInCheck, SaysThatAPlugInIsOfAnotherVersion) {
+    const CtlResult result = check(faultyDir + "/libQOROld.so");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(lineOf("library", result.out),
+                AllOf(StartsWith("FAULT\t"), HasSubstr("it was built for libqor.so.0, this is libqor.so."),
+                      HasSubstr("build it with the SDK of this version")));
+    EXPECT_THAT(result.out, Not(HasSubstr("loading")));
+}
+
+TEST(PlugInCheck, SaysThatALibraryIsNoPlugIn) {
+    const CtlResult result =
+        check((programDirectory().parent_path() / "lib/qor/test-plugins/mixed/libQORNoEntry.so").string());
+    EXPECT_THAT(lineOf("entry points", result.out),
+                AllOf(StartsWith("FAULT\t"), HasSubstr("does not offer initQORPlugIn nor finiQORPlugIn")));
+    EXPECT_THAT(lineOf("offers", result.out), AllOf(StartsWith("advice\t"), HasSubstr("somethingElse")));
+}
+
+TEST(PlugInCheck, SaysWhatIsNoLibrary) {
+    const TemporaryDirectory directory;
+    const fs::path file = directory / "libText.so";
+    EXPECT_THAT(lineOf("file", check(file.string()).out), HasSubstr("libText.so is no file"));
+    EXPECT_THAT(lineOf("file", check(directory.path().string()).out), HasSubstr("is no file"));
+    std::ofstream(file) << "a text of more than a header's length, so that it might be one: 0123456789";
+    EXPECT_THAT(lineOf("file", check(file.string()).out), HasSubstr("libText.so is no library"));
+    // However it is cut, it is refused or found out when it is loaded, and nothing is read that is not there.
+    std::ifstream whole(faulty, std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(whole), {});
+    for (std::size_t size = bytes.size() - 1; size > 64; size /= 3) {
+        std::ofstream(file, std::ios::binary) << bytes.substr(0, size);
+        EXPECT_EQ(check(file.string()).status, 1);
+    }
+}
+
+TEST(PlugInCheck, MindsNamesThatHostsPassOver) {
+    const TemporaryDirectory directory;
+    const fs::path file = directory / "Faulty.module";
+    fs::copy_file(faulty, file);
+    const CtlResult result = check(file.string());
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(lineOf("file name", result.out), AllOf(StartsWith("FAULT\t"), HasSubstr("call it lib<name>.so")));
+    EXPECT_THAT(lineOf("beside others", result.out), StartsWith("ok\t")) << result.out;
+}
+
+TEST(PlugInCheck, SaysWhatItCouldNotLookAt) {
+    const CtlResult result = check(faulty);
+    EXPECT_EQ(result.status, 0) << result.out;
+    EXPECT_THAT(lineOf("collector lines: source", result.out),
+                AllOf(StartsWith("advice\t"), HasSubstr("was not looked at"), HasSubstr("--root FOLDER")));
+    EXPECT_THAT(lineOf("collector lines: damaged source", result.out), StartsWith("ok\t"));
+}
+
+TEST(PlugInCheck, LeavesNothingBehind) {
+    const TemporaryDirectory directory;
+    ::setenv("TMPDIR", directory.path().c_str(), 1);
+    checkFaulty("crashes");
+    ::unsetenv("TMPDIR");
+    EXPECT_TRUE(fs::is_empty(directory.path()));
+}
+
+}  // namespace
+}  // namespace QOR::test
