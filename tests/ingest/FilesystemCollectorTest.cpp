@@ -191,6 +191,17 @@ TEST_F(FilesystemCollectorTest, LittleRoomIsToldOnceAndClearedWhereThereIsMuchMo
     EXPECT_EQ(position(), "");
 }
 
+TEST_F(FilesystemCollectorTest, ControlCharactersOfAPathAreShown) {
+    mount("1 0 8:1 / /srv/a\\033b rw - ext4 /dev/sda1 rw\n");
+    answer(
+        "srv/a\x1b"
+        "b",
+        {.bytes = 100});
+    collect();
+    ASSERT_EQ(alerts().size(), 1U);
+    EXPECT_THAT(alerts()[0][2], testing::HasSubstr("<mount>/srv/a\\x1bb</mount>"));
+}
+
 TEST_F(FilesystemCollectorTest, FewPerCentOfALargeOneAreEnough) {
     mount(dataMount);
     answer(dataPoint, {.bytes = 1000 * oneGibibyte, .freeBytes = 10 * oneGibibyte});

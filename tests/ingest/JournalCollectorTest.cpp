@@ -1,11 +1,16 @@
+#include "ingest/collectors/JournalCollector.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "ingest/OneCollector.h"
@@ -24,6 +29,7 @@ using testing::HasSubstr;
 class JournalCollectorTest : public testing::Test {
 protected:
     JournalCollectorTest() {
+        registerCollectors();  // the host's own keeps its name
         std::filesystem::create_directories(m_folder);
         std::filesystem::create_directories(m_root / "etc");
         std::ofstream(m_root / "etc/machine-id") << "0123456789abcdef0123456789abcdef\n";
@@ -124,6 +130,75 @@ TEST_F(JournalCollectorTest, WhereItsPlaceIsGoneItGoesOnByTimeAndSaysSo) {
     EXPECT_EQ(collect().outcome, QORCollectOutcome::Failed);
     EXPECT_EQ(collect().outcome, QORCollectOutcome::Done) << "also where nothing came later";
     EXPECT_EQ(count(), "11");
+}
+
+/// Cuts a file when the first record of a run has come.
+class CuttingCollection final : public QORCollection {
+public:
+    CuttingCollection(std::filesystem::path root, std::filesystem::path file)
+        : m_root(std::move(root)), m_file(std::move(file)) {}
+
+    const std::filesystem::path& root() const noexcept override { return m_root; }
+    const QOREID& machine() const noexcept override { return m_machine; }
+    const std::string& position() const noexcept override { return m_position; }
+    bool isStopping() const noexcept override { return false; }
+    void add(std::string_view) override {
+        if (m_records++ == 0) std::filesystem::resize_file(m_file, 4096);
+    }
+    void setPosition(std::string position) override { m_position = std::move(position); }
+    void cannotRead(std::string what) override { m_unreadable.push_back(std::move(what)); }
+    void passOver(std::uint64_t) override {}
+
+    int records() const { return m_records; }
+    const std::vector<std::string>& unreadable() const { return m_unreadable; }
+
+private:
+    const std::filesystem::path m_root;
+    const std::filesystem::path m_file;
+    const QOREID m_machine{QORGUIDBase::random()};
+    std::string m_position;
+    int m_records = 0;
+    std::vector<std::string> m_unreadable;
+};
+
+TEST_F(JournalCollectorTest, AFileThatIsCutWhileItIsReadIsTold) {
+    put("first", "system.journal");
+    CuttingCollection collection(m_root.path(), m_folder / "system.journal");
+    JournalCollector collector;
+    EXPECT_TRUE(collector.collect(collection));
+    EXPECT_EQ(collection.records(), 1) << "nothing is made of what is gone";
+    ASSERT_EQ(collection.unreadable().size(), 1U);
+    EXPECT_THAT(collection.unreadable()[0], HasSubstr("a file of it is damaged or was cut"));
+}
+
+TEST_F(JournalCollectorTest, WhatADamagedFileHoldsIsBroughtWhenItCanBeRead) {
+    put("first", "system@1.journal");
+    put("second", "system.journal");
+    std::filesystem::resize_file(m_folder / "system@1.journal", 8192);
+    for (int run = 0; run < 2; ++run) {
+        const QORCollectResult damaged = collect();
+        EXPECT_EQ(damaged.outcome, QORCollectOutcome::Failed);
+        EXPECT_THAT(damaged.text, HasSubstr("system@1.journal: it is damaged or cut"));
+        EXPECT_EQ(count(), "2") << "the other one is read";
+        EXPECT_EQ(damaged.stored.accepted(), run == 0 ? 2U : 0U) << "and not again as long as nothing changes";
+    }
+    std::filesystem::remove(m_folder / "system@1.journal");
+    put("first", "system@1.journal~");
+    EXPECT_EQ(collect().outcome, QORCollectOutcome::Done);
+    EXPECT_EQ(count(), "11");
+    EXPECT_EQ(collect().stored.accepted(), 0U);
+}
+
+TEST_F(JournalCollectorTest, AFloodIsBoundedAndWhatItLeftOutIsToldAsOneEvent) {
+    put("first", "system.journal");
+    JournalCollector bounded({.entries = 100, .events = 6, .ofOne = 1});
+    EXPECT_EQ(test::runOnce(bounded, m_root.path()).stored.of(QORRecordKind::Event).added, 7U);
+    EXPECT_EQ(queryRows("SELECT time, source, category, info FROM \"vEventLog\" WHERE info LIKE '%left_out%'", 4),
+              (std::vector<Row>{{at("00:12"), "journal", "env_status",
+                                 "<info><left_out>3</left_out><from>2024-05-01T10:00:08+0000</from>"
+                                 "<until>2024-05-01T10:00:12+0000</until><most_of>shop.service</most_of>"
+                                 "<of_it>1</of_it></info>"}}));
+    EXPECT_EQ(test::runOnce(bounded, m_root.path()).stored.accepted(), 0U) << "they are not brought later";
 }
 
 TEST_F(JournalCollectorTest, AJournalThatMayNotBeReadIsTold) {

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "QORCommon/QORXmlText.h"
+
 namespace QOR {
 
 QOROperationRecord collectedOperation(const QOREnvironmentRecord& machine, std::string_view name) {
@@ -23,7 +25,7 @@ void addSource(QORInfo& message, const QOREnvironmentRecord& machine) {
 }
 
 void addText(QORInfo& info, std::string_view name, std::string_view text) {
-    if (!text.empty()) info.add(std::string(name), std::string(text));
+    if (!text.empty()) info.add(std::string(name), toXmlText(text));
 }
 
 }  // namespace QOR

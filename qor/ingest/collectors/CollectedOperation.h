@@ -16,7 +16,8 @@ QOROperationRecord collectedOperation(const QOREnvironmentRecord& machine, std::
 /// The end of its message: the machine as documents name the environment that an operation comes from.
 void addSource(QORInfo& message, const QOREnvironmentRecord& machine);
 
-/// Adds a text where there is one.
+/// Adds a text where there is one, as one that people can read whatever its bytes are (toXmlText()): as a document they
+/// would be base64.
 void addText(QORInfo& info, std::string_view name, std::string_view text);
 
 }  // namespace QOR

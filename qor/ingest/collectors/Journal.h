@@ -10,23 +10,48 @@
 #include <string_view>
 #include <vector>
 
+#include "QORCommon/QORFiles.h"
+
 struct sd_journal;
 
 namespace QOR {
 
-/// What there is to be read of a journal.
-struct JournalFiles {
-    std::size_t count = 0;
-    std::vector<std::string> unreadable{};  ///< with the reason
-};
-/// Looks below var/log/journal and run/log/journal of that folder.
-JournalFiles findJournalFiles(const std::filesystem::path& root);
+/// The files of a journal, opened: those below var/log/journal and run/log/journal of a folder. Files that cannot be
+/// opened, or that are no sound journals, are left out and told, others are read none the less.
+class JournalFiles {
+public:
+    explicit JournalFiles(const std::filesystem::path& root);
 
-/// Entries of all files below the two folders together, oldest first. Used by one thread. Its functions throw
-/// std::system_error when the journal cannot be read.
+    /// Whether there are any, readable or not.
+    bool areThere() const noexcept { return !m_files.empty() || !m_unreadable.empty(); }
+    /// Which cannot be read, with the reason.
+    const std::vector<std::string>& unreadable() const noexcept { return m_unreadable; }
+    /// Tells whether those are the same as in another run, by whatever names; empty where there are none.
+    std::string unreadableOnes() const;
+
+private:
+    friend class Journal;
+    struct File {
+        std::string path;
+        QORFileDescriptor descriptor;
+        std::int64_t size = 0;  ///< when it was opened
+    };
+    void find(const std::filesystem::path& folder);
+    void add(const std::filesystem::path& path);
+    void leaveOut(const std::string& path, int error);
+    std::vector<int> descriptors() const;
+
+    std::vector<File> m_files;
+    std::vector<std::string> m_unreadable;
+    std::vector<std::string> m_unreadableIds;
+};
+
+/// Entries of all files together, oldest first. Used by one thread. Its functions throw std::system_error when the
+/// journal cannot be read.
 class Journal {
 public:
-    explicit Journal(const std::filesystem::path& root);
+    /// \param files live longer
+    explicit Journal(const JournalFiles& files);
 
     // Which entries are given, all until then; said in this order, and before going to one of them.
     void match(std::string_view field, std::string_view value);  ///< several of one field: any of them
@@ -48,12 +73,22 @@ public:
     /// Names it, also in a later process: a text without blanks.
     std::string cursor() const;
 
+    /// A file was cut while it was read, or its disk did not give it: what the last entry told may be wrong.
+    bool hasLostGround() const noexcept { return m_hasLostGround; }
+    /// Whether all files could be read so far. One that turns out to be damaged is read no further, the others are.
+    bool isWhole() const;
+
 private:
     static void close(sd_journal* journal);
     bool step();
+    /// Asks the library, which reads files through memory. \returns what it does
+    template <class Function, class... Arguments>
+    int ask(Function* function, Arguments... arguments) const;
 
+    const JournalFiles& m_files;
     std::unique_ptr<sd_journal, void (*)(sd_journal*)> m_journal;
     bool m_stands = false;  ///< at an entry that next() is still to give
+    mutable bool m_hasLostGround = false;
 };
 
 }  // namespace QOR

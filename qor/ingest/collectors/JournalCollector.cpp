@@ -1,12 +1,20 @@
 #include "ingest/collectors/JournalCollector.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
+#include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORTime.h"
 #include "ingest/RecordLines.h"
+#include "ingest/collectors/CollectedOperation.h"
 #include "ingest/collectors/Journal.h"
 #include "ingest/collectors/JournalEvent.h"
 
@@ -15,8 +23,9 @@ namespace {
 
 constexpr std::uint64_t microsecondsOfSecond = 1'000'000;
 constexpr std::uint64_t firstSpan = 7 * 24 * 60 * 60 * microsecondsOfSecond;
-constexpr std::size_t mostEntries = 20'000;  ///< that are looked at in a run; the rest in the next ones
-constexpr std::string_view goneMark = "~";   ///< before a cursor whose entry is no more, which has been told
+constexpr std::string_view goneMark = "~";  ///< before a cursor whose entry is no more, which has been told
+constexpr std::string_view triedMark = "tried ";
+constexpr std::int32_t mostTries = 3;
 
 std::string machineIdOf(const std::filesystem::path& root) {
     std::ifstream file(root / "etc/machine-id");
@@ -24,6 +33,82 @@ std::string machineIdOf(const std::filesystem::path& root) {
     std::getline(file, id);
     return id.size() == 32 ? id : std::string();
 }
+
+/// How far the journal has been read, as a position of three lines, of which the last two are left out where nothing is
+/// owed.
+struct JournalPlace {
+    explicit JournalPlace(std::string_view position) {
+        const auto line = [&position] {
+            const std::size_t end = std::min(position.find('\n'), position.size());
+            const std::string_view first = position.substr(0, end);
+            position.remove_prefix(std::min(end + 1, position.size()));
+            return first;
+        };
+        cursor = line();
+        isTold = cursor.starts_with(goneMark);
+        if (isTold) cursor.erase(0, goneMark.size());
+        reason = line();
+        owed = line();
+    }
+    std::string text() const {
+        const std::string place = (isTold ? std::string(goneMark) : std::string()) + cursor;
+        return reason.empty() ? place : place + "\n" + reason + "\n" + owed;
+    }
+    /// How often what is owed has been read again; nothing where a change of the files is waited for.
+    std::optional<std::int32_t> tries() const {
+        if (!reason.starts_with(triedMark)) return std::nullopt;
+        return parseInt32(std::string_view(reason).substr(triedMark.size()));
+    }
+
+    std::string cursor;   ///< of the last entry that was looked at
+    bool isTold = false;  ///< that it is no more
+    std::string
+        reason;        ///< why entries are owed: the files that cannot be read, or triedMark and how often it was tried
+    std::string owed;  ///< the cursor behind which they are
+};
+
+/// Events that were left out, which are told as one.
+class LeftOutEvents {
+public:
+    void add(const JournalEvent& event, std::string name, std::int64_t time) {
+        if (m_count++ == 0) {
+            m_name = std::move(name);
+            m_first = time;
+        }
+        m_last = time;
+        const std::size_t count = ++m_speakers[event.speaker];
+        if (count <= m_most) return;
+        m_most = count;
+        m_loudest = event.speaker;
+    }
+
+    void tell(QORCollection& collection) const {
+        if (m_count == 0) return;
+        QOREventRecord event;
+        event.time = m_last;
+        event.eid = collection.machine();
+        event.id = QORGUIDBase::fromName(event.eid, "journal left out " + m_name);
+        event.source = "journal";
+        event.category = "env_status";
+        QORInfo info;
+        info.add("left_out", std::to_string(m_count));
+        info.add("from", time2str(m_first));
+        info.add("until", time2str(m_last));
+        addText(info, "most_of", m_loudest);
+        info.add("of_it", std::to_string(m_most));
+        event.info = std::move(info);
+        collection.add(lineOf(event));
+    }
+
+private:
+    std::size_t m_count = 0;
+    std::string m_name;  ///< of the first one
+    std::int64_t m_first = 0;
+    std::int64_t m_last = 0;
+    std::map<std::string, std::size_t, std::less<>> m_speakers;
+    std::string m_loudest;
+    std::size_t m_most = 0;
+};
 
 /// A journal that is moved to other files numbers its entries anew: those numbers stand in front.
 std::string lastingName(const std::string& cursor) {
@@ -33,60 +118,119 @@ std::string lastingName(const std::string& cursor) {
 
 class JournalReading {
 public:
-    explicit JournalReading(QORCollection& collection) : m_collection(collection), m_journal(collection.root()) {}
+    JournalReading(QORCollection& collection, const JournalFiles& files, const JournalCollector::Bounds& most)
+        : m_collection(collection),
+          m_most(most),
+          m_files(files),
+          m_journal(files),
+          m_before(collection.position()),
+          m_place(m_before),
+          m_isAgain(!m_before.reason.empty() && (m_before.tries() || m_before.reason != m_files.unreadableOnes())),
+          m_isLastTry(m_before.tries() == mostTries) {}
 
     void read() {
+        if (m_isAgain) m_place.cursor = m_before.owed;
         begin();
-        for (std::size_t count = 0; count < mostEntries && m_journal.next(); ++count) {
+        for (std::size_t count = 0; count < m_most.entries && m_journal.next(); ++count) {
             if (m_collection.isStopping()) return;
-            const std::string cursor = m_journal.cursor();
-            if (const std::optional<JournalEvent> event = readJournalEvent(m_journal)) add(*event, cursor);
-            m_collection.setPosition(cursor);
+            if (!readEntry()) break;
         }
+        m_leftOut.tell(m_collection);
+        m_isWhole = m_isWhole && m_journal.isWhole();
+        if (!m_isWhole)
+            m_collection.cannotRead("all of the journal: a file of it is damaged or was cut (journalctl --verify)");
+        owe();
+        m_collection.setPosition(m_place.text());
     }
 
 private:
     void begin() {
-        const bool isTold = m_collection.position().starts_with(goneMark);
-        const std::string cursor = m_collection.position().substr(isTold ? goneMark.size() : 0);
+        const std::string cursor = m_place.cursor;
         // Whether it is there is asked of all entries: it may have been looked for by other marks then.
         const bool isThere = cursor.empty() || m_journal.seekBehind(cursor);
         matchEvents(m_journal, machineIdOf(m_collection.root()));
         if (cursor.empty()) return m_journal.seekLast(firstSpan);
         m_journal.seekBehind(cursor);
-        if (isThere || isTold) return;
+        // Where files cannot be read, that is told, and where the entry is.
+        if (isThere || m_place.isTold || m_isAgain || !m_files.unreadable().empty()) return;
         m_collection.cannotRead(
             "the journal's entry up to which it was read: it is no more; those that came later are brought");
-        m_collection.setPosition(std::string(goneMark) + cursor);
+        m_place.isTold = true;
     }
 
-    void add(const JournalEvent& found, const std::string& cursor) {
+    /// \returns false where nothing more is to be believed
+    bool readEntry() {
+        try {
+            const std::string cursor = m_journal.cursor();
+            const std::optional<JournalEvent> event = readJournalEvent(m_journal);
+            const auto time = static_cast<std::int64_t>(m_journal.time() / microsecondsOfSecond);
+            if (m_journal.hasLostGround() && !m_isLastTry) return false;
+            m_place.cursor = cursor;
+            m_place.isTold = false;
+            if (event) take(*event, lastingName(cursor), time);
+        } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): one entry that is damaged is told of
+            m_isWhole = false;
+        }
+        return true;
+    }
+
+    void take(const JournalEvent& event, const std::string& name, std::int64_t time) {
+        std::size_t& ofOne = m_speakers[event.speaker];
+        if (m_brought >= m_most.events || ofOne >= m_most.ofOne) return m_leftOut.add(event, name, time);
+        ++m_brought;
+        ++ofOne;
+        add(event, name, time);
+    }
+
+    void add(const JournalEvent& found, const std::string& name, std::int64_t time) {
         QOREventRecord event;
-        event.time = static_cast<std::int64_t>(m_journal.time() / microsecondsOfSecond);
+        event.time = time;
         event.eid = m_collection.machine();
-        event.id = QORGUIDBase::fromName(event.eid, "journal " + lastingName(cursor));
+        event.id = QORGUIDBase::fromName(event.eid, "journal " + name);
         event.source = "journal";
         event.category = found.category;
         event.info = found.info;
         m_collection.add(lineOf(event));
     }
 
+    /// What could not be read is read again: where files cannot be opened, as soon as others cannot; where their
+    /// content cannot be read, in the next runs.
+    void owe() {
+        const std::string begin = m_before.reason.empty() ? m_before.cursor : m_before.owed;
+        const std::int32_t tries = m_before.tries().value_or(0);
+        m_place.reason = m_files.unreadableOnes();
+        if (m_place.reason.empty() && !m_isWhole && tries < mostTries)
+            m_place.reason = std::string(triedMark) + std::to_string(tries + 1);
+        m_place.owed = m_place.reason.empty() ? std::string() : begin;
+    }
+
     QORCollection& m_collection;
+    const JournalCollector::Bounds m_most;
+    const JournalFiles& m_files;
     Journal m_journal;
+    const JournalPlace m_before;
+    JournalPlace m_place;
+    const bool m_isAgain;    ///< what is owed is read now
+    const bool m_isLastTry;  ///< then what can be read is taken, and what cannot is no longer waited for
+    bool m_isWhole = true;
+    std::size_t m_brought = 0;
+    std::map<std::string, std::size_t, std::less<>> m_speakers;
+    LeftOutEvents m_leftOut;
 };
 
 }  // namespace
 
-JournalCollector::JournalCollector()
+JournalCollector::JournalCollector(Bounds most)
     : QORCollector(
-          {.name = "journal", .source = "/var/log/journal and /run/log/journal", .every = std::chrono::minutes(1)}) {}
+          {.name = "journal", .source = "/var/log/journal and /run/log/journal", .every = std::chrono::minutes(1)}),
+      m_most(most) {}
 
 bool JournalCollector::collect(QORCollection& collection) {
-    const JournalFiles files = findJournalFiles(collection.root());
-    if (files.count == 0) return false;
-    for (const std::string& file : files.unreadable)
+    const JournalFiles files(collection.root());
+    if (!files.areThere()) return false;
+    for (const std::string& file : files.unreadable())
         collection.cannotRead(file);
-    JournalReading(collection).read();
+    JournalReading(collection, files, m_most).read();
     return true;
 }
 

@@ -83,21 +83,23 @@ private:
         if (unit.empty() || isPassing(unit)) return std::nullopt;
         QORInfo info;
         if (change->isShortage) info.add("resource", "memory");
-        info.add("unit", unit);
+        addText(info, "unit", unit);
         addText(info, "state", change->state);
         addText(info, "result", read("UNIT_RESULT"));
         addText(info, "message", m_message);
-        return JournalEvent{change->isShortage ? alertCategory : statusCategory, std::move(info)};
+        return JournalEvent{change->isShortage ? alertCategory : statusCategory, std::move(info), unit};
     }
 
     JournalEvent written(const char* category, std::string_view resource) const {
         QORInfo info;
         addText(info, "resource", resource);
-        addText(info, "unit", read("_SYSTEMD_UNIT"));
-        addText(info, "identifier", read("SYSLOG_IDENTIFIER"));
+        const std::string unit = read("_SYSTEMD_UNIT");
+        const std::string identifier = read("SYSLOG_IDENTIFIER");
+        addText(info, "unit", unit);
+        addText(info, "identifier", identifier);
         addText(info, "priority", read("PRIORITY"));
         addText(info, "message", m_message);
-        return {category, std::move(info)};
+        return {category, std::move(info), unit.empty() ? identifier : unit};
     }
 
     const Journal& m_journal;

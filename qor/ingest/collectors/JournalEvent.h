@@ -14,6 +14,7 @@ class Journal;
 struct JournalEvent {
     std::string category;  ///< "env_status" or "resource_alert"
     QORInfo info;
+    std::string speaker;  ///< the unit or, where it has none, the program that it is about
 };
 
 /// Has the journal give what may be an event of this machine: errors, what its service manager tells of units, and

@@ -1,9 +1,11 @@
 #include "QORCommon/QORXmlText.h"
 
 #include <algorithm>
+#include <array>
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORText.h"
+#include "QORCommon/QORUtf8.h"
 
 namespace QOR {
 namespace {
@@ -27,6 +29,12 @@ std::string_view escapeOf(char c) {
     }
 }
 
+constexpr std::array<std::string_view, 2> nonCharacters{"\xEF\xBF\xBE", "\xEF\xBF\xBF"};
+
+bool isControl(char c) noexcept {
+    return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r';
+}
+
 }  // namespace
 
 bool isXmlName(std::string_view name) noexcept {
@@ -36,12 +44,30 @@ bool isXmlName(std::string_view name) noexcept {
 }
 
 bool isXmlText(std::string_view text) noexcept {
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 && c != '\t' && c != '\n' && c != '\r') return false;
+    return std::none_of(text.begin(), text.end(), isControl) && isUtf8(text) &&
+           text.find(nonCharacters[0]) == std::string_view::npos &&
+           text.find(nonCharacters[1]) == std::string_view::npos;
+}
+
+std::string toXmlText(std::string_view text) {
+    if (isXmlText(text)) return std::string(text);
+    constexpr std::string_view hexDigits = "0123456789abcdef";
+    std::string good;
+    const std::string utf8 = toUtf8(text);
+    for (std::string_view rest = utf8; !rest.empty();) {
+        std::size_t taken = 1;
+        if (isControl(rest.front())) {
+            const auto byte = static_cast<unsigned char>(rest.front());
+            good.append("\\x").append(1, hexDigits[byte >> 4]).append(1, hexDigits[byte & 15]);
+        } else if (rest.starts_with(nonCharacters[0]) || rest.starts_with(nonCharacters[1])) {
+            good += "\xEF\xBF\xBD";
+            taken = nonCharacters[0].size();
+        } else {
+            good += rest.front();
+        }
+        rest.remove_prefix(taken);
     }
-    return isUtf8(text) && text.find("\xEF\xBF\xBE") == std::string_view::npos &&
-           text.find("\xEF\xBF\xBF") == std::string_view::npos;
+    return good;
 }
 
 void appendXmlText(std::string_view text, QORXmlPlace place, std::string& out) {

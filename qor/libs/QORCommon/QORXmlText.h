@@ -16,6 +16,10 @@ QOR_API bool isXmlName(std::string_view name) noexcept;
 /// Whether XML 1.0 can carry the text: UTF-8 without control characters (but tabs and line ends), U+FFFE and U+FFFF.
 QOR_API bool isXmlText(std::string_view text) noexcept;
 
+/// The text as one that XML can carry, where it is none: bytes that are not UTF-8, U+FFFE and U+FFFF become U+FFFD,
+/// control characters are shown as "\\x1b".
+QOR_API std::string toXmlText(std::string_view text);
+
 /// Where a text stands.
 enum class QORXmlPlace {
     Element,    ///< quotes, tabs and line feeds as they are

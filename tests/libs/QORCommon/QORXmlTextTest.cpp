@@ -23,6 +23,15 @@ TEST(XmlText, ControlCharactersNoncharactersAndBrokenBytesCannotBeCarried) {
     EXPECT_FALSE(isXmlText(std::string_view("a\0", 2)));
 }
 
+TEST(XmlText, AnyBytesCanBeShownAsTextThatIsCarried) {
+    for (const char* const text : {"", "a\tb\nc\rd", "caf\xc3\xa9 \\x1b", "\xef\xbf\xbd"})
+        EXPECT_EQ(toXmlText(text), text) << "it is one already";
+    EXPECT_EQ(toXmlText("\x1b[31mred\x1b[0m \x07"), "\\x1b[31mred\\x1b[0m \\x07");
+    EXPECT_EQ(toXmlText(std::string_view("a\0b", 3)), "a\\x00b");
+    EXPECT_EQ(toXmlText("caf\xe9\x01"), "caf\xef\xbf\xbd\\x01");
+    EXPECT_EQ(toXmlText("\xef\xbf\xbe|\xef\xbf\xbf"), "\xef\xbf\xbd|\xef\xbf\xbd");
+}
+
 TEST(XmlText, AReaderGetsBackWhatWasWritten) {
     std::string text = "\r\n \t \r <a & b> \"c\" 'd' ]]> \xC3\xBC \r";
     std::string document = "<e a=\"";
