@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Whether the documents name what programs rely on: error codes, exit statuses, pages.
+"""Whether the documents name what programs rely on: error codes, exit statuses, pages, headers of the SDK.
 
     check_reference.py ROOT
 """
@@ -50,6 +50,9 @@ def main():
     missing += [f"README.md has no link to {page}" for page in pages if f"({page}" not in front]
     missing += [f"{name} is no page of run_examples.py" for name in sorted(os.listdir(os.path.join(root, "docs")))
                 if name.endswith(".md") and f"docs/{name}" not in PAGES]
+    installed = re.findall(r"^  (\S+\.h)\)?$", read(root, "packaging/sdk-headers.cmake"), re.MULTILINE)
+    guide = re.findall(r"^\| `(\S+\.h)` \|", read(root, "docs/plugins.md"), re.MULTILINE)
+    missing += [f"docs/plugins.md and the SDK differ in the header {header}" for header in sorted(set(installed) ^ set(guide))]
     if len(codes) < 20 or len(statuses) < 5:
         missing.append("codes and statuses are not found where they were")
     print(f"{len(codes)} codes, {len(statuses)} exit statuses, {len(pages)} pages")

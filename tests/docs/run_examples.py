@@ -11,6 +11,7 @@ says what it is:
     json            a request, which is answered without an error; a record, which is stored; or the answer of the request
                     in front of it
     sh postgresql, console postgresql   likewise, with a PostgreSQL server in place of the installed one
+    sh sdk, console sdk   likewise, with the SDK and its examples installed
     sh installed    commands that need an installed system or its plug-in; not run
     sh project      the project's own scripts; their options and presets have to exist
     sh form, json form   with a part left out; not run
@@ -32,10 +33,10 @@ import tempfile
 import time
 from collections import Counter
 
-PAGES = ["README.md", "CHANGELOG.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/collectors.md", "docs/http.md", "docs/odbc-drivers.md", "docs/operations.md",
+PAGES = ["README.md", "CHANGELOG.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/collectors.md", "docs/http.md", "docs/odbc-drivers.md", "docs/operations.md", "docs/plugins.md",
          "docs/postgresql.md", "docs/qorctl.md", "docs/recipes.md", "docs/records.md", "docs/requests.md", "docs/rows.md", "docs/scale.md", "docs/views.md", "bench/README.md",
          "bench/filter/README.md", "examples/collector/README.md", "examples/log-source/README.md", "examples/operator/README.md", "fuzz/README.md"]
-KINDS = {"sh", "console", "json", "sh postgresql", "console postgresql", "sh installed", "sh project", "sh form", "json form", "text", "cpp", "cmake",
+KINDS = {"sh", "console", "json", "sh postgresql", "console postgresql", "sh sdk", "console sdk", "sh installed", "sh project", "sh form", "json form", "text", "cpp", "cmake",
          "sh walk", "console walk", "diff"}
 SAMPLE = ["--environments", "50", "--operations", "1000", "--events", "500", "--backups", "100", "--seed", "1"]
 SECONDS = 300  # for one example; sanitizers are slow
@@ -148,7 +149,7 @@ class Machine:
         self.database = "Driver=SQLite3;Database=" + self.path("state/agent.db")
         os.symlink(os.path.join(programs, "qor-agent"), self.path("bin/qor-agent"))
         self._write("bin/qorctl", "#!/bin/sh\n"
-                    'case " $* " in *" --socket "* | *" --standalone "* | " filter "* | " copy "* | " database "*) ;; '
+                    'case " $* " in *" --socket "* | *" --standalone "* | " filter "* | " copy "* | " database "* | " plugin "*) ;; '
                     f"*) set -- \"$@\" --socket '{self.socket}' ;; esac\n"
                     f"exec '{programs}/qorctl' \"$@\"\n")
         os.chmod(self.path("bin/qorctl"), 0o755)
@@ -174,6 +175,12 @@ class Machine:
             self.postgres = PostgresServer()
             self.environment.update(PGHOST=self.postgres.folder, PGUSER="postgres")
 
+    def need_sdk(self):
+        if not os.path.exists(self.path("sdk")):
+            subprocess.run(["cmake", "--install", os.path.dirname(self.programs), "--prefix", self.path("sdk")], check=True,
+                           capture_output=True, timeout=SECONDS)
+            self.environment["CMAKE_PREFIX_PATH"] = self.path("sdk")
+
     def close(self):
         if self.postgres is not None:
             self.postgres.close()
@@ -189,7 +196,8 @@ class Machine:
 
     def run(self, command, **more):
         """(status, lines printed) of a shell command; whatever it left in the background is ended."""
-        for installed, here in (("/run/qor", "run"), ("/var/lib/qor", "state"), ("/var/backups", "backups")):
+        for installed, here in (("/run/qor", "run"), ("/var/lib/qor", "state"), ("/var/backups", "backups"),
+                                ("/usr/share/doc/libqor-dev", "sdk/share/doc/libqor-dev")):
             command = command.replace(installed, self.path(here))
         if self.postgres is not None:
             command = command.replace("/var/run/postgresql", self.postgres.folder)
@@ -257,12 +265,15 @@ class Examples:
         machine = None
         for block in blocks:
             self.counts[block.kind] += 1
-            postgres = block.kind.endswith(" postgresql")
-            if (block.kind in ("sh", "console", "json") or postgres) and machine is None:
+            kind, _, needed = block.kind.partition(" ")
+            runs = kind in ("sh", "console", "json") and needed in ("", "postgresql", "sdk")
+            if runs and machine is None:
                 machine = Machine(self.programs, self._records())
             try:
-                if postgres:
+                if needed == "postgresql":
                     machine.need_postgres()
+                elif needed == "sdk":
+                    machine.need_sdk()
                 self._run(block, machine)
             except (Failure, ValueError, subprocess.SubprocessError) as failure:
                 self.failures.append(f"{block.where}: {failure}")
@@ -270,9 +281,9 @@ class Examples:
             machine.close()
 
     def _run(self, block, machine):
-        if block.kind in ("sh", "sh postgresql"):
+        if block.kind in ("sh", "sh postgresql", "sh sdk"):
             self._commands(block, machine)
-        elif block.kind in ("console", "console postgresql"):
+        elif block.kind in ("console", "console postgresql", "console sdk"):
             self._console(block, machine)
         elif block.kind == "json":
             self._json(block, machine)
