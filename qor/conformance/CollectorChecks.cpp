@@ -135,9 +135,9 @@ private:
                                        "read less at a time, and go on from there in the next run");
         const std::uint64_t records = result.stored.accepted();
         if (records == 0) return CheckOutcome::advice("it brings no record", "have something to bring in the tree");
-        return CheckOutcome::fine(
-            std::to_string(records) + " records" +
-            (result.malformed > 0 ? ", " + std::to_string(result.malformed) + " lines make no sense" : ""));
+        const std::string senseless =
+            result.malformed > 0 ? ", lines that make no sense: " + std::to_string(result.malformed) : "";
+        return CheckOutcome::fine("records: " + std::to_string(records) + senseless);
     }
 
     /// Of a run on what has been read before.
@@ -145,7 +145,7 @@ private:
         if (result.outcome == QORCollectOutcome::Failed) return CheckOutcome::fault("fails: " + result.text, todo);
         const std::uint64_t added = result.stored.total().added;
         if (added == 0) return CheckOutcome::fine(fine);
-        return CheckOutcome::fault("stores " + std::to_string(added) + " records twice", todo);
+        return CheckOutcome::fault("stores records twice: " + std::to_string(added), todo);
     }
 
     CheckOutcome readAgain(const fs::path& root) const {

@@ -151,7 +151,7 @@ CheckOutcome checkFields(const QOROpFactory& factory) {
         if (field.name.empty() || field.source.empty() || field.type.empty())
             return CheckOutcome::fault("field " + quoteText(field.name) + " has no name, no source or no type",
                                        "give it what QOROpField asks for");
-    return CheckOutcome::fine(std::to_string(fields.size()) + " fields");
+    return CheckOutcome::fine("fields: " + std::to_string(fields.size()));
 }
 
 std::vector<std::string> requestsOf(QOROpFactory& factory) {

@@ -32,6 +32,8 @@ using Level = QORPlugInFinding::Level;
 /// Of processes that come to a bad end, one after the other.
 constexpr int mostProcesses = 100;
 constexpr std::size_t shownOfErrors = 300;
+constexpr const char* hangs = "hangs";
+constexpr const char* interrupted = "was interrupted";
 
 [[noreturn]] void refuse(const char* what, int error) {
     throw QORException(errFailure, std::string(what) + ": " + std::strerror(error), QOR_SOURCE_PATH, __LINE__);
@@ -71,18 +73,22 @@ public:
     Process& operator=(const Process&) = delete;
 
     /// Reads what it reports until it ends. \returns how it ended, in words; empty where well
-    std::string wait(CheckReader& reader, std::chrono::milliseconds patience) {
+    std::string wait(CheckReader& reader, const QORPlugInCheckOptions& options) {
         for (;;) {
-            pollfd ready{m_report.get(), POLLIN, 0};
-            const int count = ::poll(&ready, 1, static_cast<int>(patience.count()));
+            std::array<pollfd, 2> ready{{{options.interrupt, POLLIN, 0}, {m_report.get(), POLLIN, 0}}};
+            const int count = ::poll(ready.data(), ready.size(), static_cast<int>(options.patience.count()));
             if (count < 0 && errno == EINTR) continue;
-            if (count == 0) return "hangs";
+            if (count == 0) return hangs;
+            if (ready[0].revents != 0) return interrupted;
             std::array<char, 4096> block{};
             const ssize_t size = ::read(m_report.get(), block.data(), block.size());
             if (size <= 0) break;
             reader.take({block.data(), static_cast<std::size_t>(size)});
         }
-        return waitForEnd(patience);
+        const std::string how = waitForEnd(options.patience);
+        // What a terminal sends reaches both.
+        pollfd ready{options.interrupt, POLLIN, 0};
+        return ::poll(&ready, 1, 0) > 0 ? interrupted : how;
     }
 
 private:
@@ -97,7 +103,7 @@ private:
             }
             ::poll(nullptr, 0, static_cast<int>(pause.count()));
         }
-        return "hangs";
+        return hangs;
     }
 
     pid_t m_pid = -1;
@@ -113,12 +119,17 @@ std::string lastLine(const fs::path& file) {
     return toUtf8(last.substr(0, shownOfErrors));
 }
 
-QORPlugInFinding badEnd(const CheckReader& reader, const std::string& how, const fs::path& errors) {
+QORPlugInFinding badEnd(const CheckReader& reader, const std::string& how, const fs::path& plugIn,
+                        const fs::path& errors) {
     QORPlugInFinding finding{reader.running().empty() ? "end" : reader.running(), Level::Fault, how, {}};
     if (!reader.at().empty()) finding.found += " at " + reader.at();
     const std::string last = lastLine(errors);
     if (!last.empty()) finding.found += "; the last line of its output: " + last;
-    finding.todo = how == "hangs" ? "end what takes long, or look at it in a debugger" : "look at it in a debugger";
+    finding.todo = how == hangs ? "end what takes long, or look at it in a debugger" : "look at it in a debugger";
+    const bool isRequest = reader.at().starts_with('{');
+    if (isRequest)
+        finding.todo += ": gdb --args qorctl request --standalone --plugins " +
+                        fs::absolute(plugIn).parent_path().string() + " -, and give it that request";
     return finding;
 }
 
@@ -134,13 +145,13 @@ void useInProcesses(const QORPlugInCheckOptions& options, std::vector<QORPlugInF
         arguments.insert(arguments.end(), done.begin(), done.end());
         CheckReader reader;
         Process process(arguments, errors);
-        const std::string how = process.wait(reader, options.patience);
+        const std::string how = process.wait(reader, options);
         for (const QORPlugInFinding& finding : reader.findings()) {
             findings.push_back(finding);
             done.insert(finding.check);
         }
-        if (how.empty()) return;
-        findings.push_back(badEnd(reader, how, errors));
+        if (how.empty() || how == interrupted) return;
+        findings.push_back(badEnd(reader, how, options.file, errors));
         // What it cannot be loaded for comes again, and so does what its end was.
         const std::string& running = reader.running();
         if (running.empty() || running == "symbols" || running == "loading") return;

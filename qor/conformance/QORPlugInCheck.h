@@ -28,6 +28,9 @@ struct QORPlugInCheckOptions {
     std::filesystem::path root{};
     /// A check that has said nothing for so long hangs.
     std::chrono::milliseconds patience = std::chrono::seconds(60);
+    /// A descriptor that becomes, and stays, readable when no more is wanted; what was found by then is returned. -1:
+    /// none
+    int interrupt = -1;
 };
 
 /// Looks at the library, then has the running program load and use it in processes of their own, in which

@@ -1,7 +1,9 @@
 // qorctl plugin check: what it finds in plug-ins with faults, and nothing in one without.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -61,7 +63,7 @@ TEST(PlugInCheck, FindsNothingInAPlugInThatKeepsToAll) {
     EXPECT_THAT(result.out, AllOf(Not(HasSubstr("FAULT")), Not(HasSubstr("advice"))));
     EXPECT_THAT(lineOf("brings", result.out), HasSubstr("operators: faulty; collectors: lines"));
     EXPECT_THAT(lineOf("operator faulty: requests", result.out), HasSubstr("ask, tell"));
-    EXPECT_THAT(lineOf("collector lines: source", result.out), HasSubstr("2 records"));
+    EXPECT_THAT(lineOf("collector lines: source", result.out), HasSubstr("records: 2"));
     EXPECT_THAT(lineOf("beside others", result.out), HasSubstr("with 1 more"));
 }
 
@@ -111,8 +113,8 @@ constexpr Expected faults[] = {
     {"reads elsewhere", "collector lines: no source", "there is nothing below root()", "QORCollection::root()"},
     {"never returns", "collector lines: told to end", "hangs", "debugger"},
     {"any bytes", "collector lines: damaged source", "refused, of bytes that are not UTF-8", "toUtf8()"},
-    {"new identifiers", "collector lines: read again", "stores 2 records twice", "QORGUIDBase::fromName()"},
-    {"new identifiers", "collector lines: position lost", "stores 2 records twice", "QORGUIDBase::fromName()"},
+    {"new identifiers", "collector lines: read again", "stores records twice: 2", "QORGUIDBase::fromName()"},
+    {"new identifiers", "collector lines: position lost", "stores records twice: 2", "QORGUIDBase::fromName()"},
     {"trusts positions", "collector lines: position of others", "fails: sto", "begin anew"},
     {"stays registered", "unloading", "what it brought is still there: heap", "not of the heap"},
     {"leaves a thread", "unloading", "threads that it started go on", "finiQORPlugIn()"},
@@ -205,12 +207,59 @@ TEST(PlugInCheck, SaysWhatItCouldNotLookAt) {
     EXPECT_THAT(lineOf("collector lines: damaged source", result.out), StartsWith("ok\t"));
 }
 
+TEST(PlugInCheck, TellsFaultsWholeWhateverATableHasRoomFor) {
+    const WithFault scope("crashes");
+    const CtlResult result = runCtl({"plugin", "check", faulty, "--width", "60"});
+    EXPECT_THAT(result.err,
+                HasSubstr("\n  operator faulty: ask: crashes (Segmentation fault) at {\"operator\":\"faulty\","
+                          "\"request\":\"ask\",\"body\":[1026]}; look at it in a debugger: gdb --args "
+                          "qorctl request --standalone --plugins " +
+                          faultyDir + " -"));
+}
+
+/// Where temporary files are while it lives.
+class TemporaryFiles {
+public:
+    TemporaryFiles() { ::setenv("TMPDIR", m_directory.path().c_str(), 1); }
+    ~TemporaryFiles() { before.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", before.c_str(), 1); }
+    TemporaryFiles(const TemporaryFiles&) = delete;
+    TemporaryFiles& operator=(const TemporaryFiles&) = delete;
+    /// Whether there is a folder of a check, beside what the test itself keeps there.
+    bool hasCheck() const {
+        for (const auto& entry : fs::directory_iterator(m_directory.path()))
+            if (entry.path().filename().string().starts_with("qor-check-")) return true;
+        return false;
+    }
+
+private:
+    static std::string variable() {
+        const char* const value = std::getenv("TMPDIR");
+        return value == nullptr ? "" : value;
+    }
+
+    const std::string before = variable();
+    const TemporaryDirectory m_directory;
+};
+
 TEST(PlugInCheck, LeavesNothingBehind) {
-    const TemporaryDirectory directory;
-    ::setenv("TMPDIR", directory.path().c_str(), 1);
+    const TemporaryFiles files;
     checkFaulty("crashes");
-    ::unsetenv("TMPDIR");
-    EXPECT_TRUE(fs::is_empty(directory.path()));
+    EXPECT_FALSE(files.hasCheck());
+}
+
+TEST(PlugInCheck, EndsWithCtrlCAndShowsWhatWasFound) {
+    const TemporaryFiles files;
+    const WithFault scope("hangs in init");
+    CtlProcess process({ctlProgram(), "plugin", "check", faulty, "-o", "tsv"});
+    while (!files.hasCheck())  // until it is at work
+        ::usleep(1000);
+    process.signal(SIGINT);
+    const CtlResult result = process.finish();
+    EXPECT_EQ(result.status, 130);
+    EXPECT_THAT(lineOf("entry points", result.out), StartsWith("ok\t"));
+    EXPECT_THAT(result.out, Not(HasSubstr("FAULT")));
+    EXPECT_THAT(result.err, HasSubstr("interrupted; the other checks were not made"));
+    EXPECT_FALSE(files.hasCheck());
 }
 
 }  // namespace

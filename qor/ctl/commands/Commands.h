@@ -167,7 +167,7 @@ void runStatus(const ConnectionOptions& connection, const PrintOptions& print);
 /// What is wrong here, and what to do about it. Throws AnsweredError when something is.
 void runDoctor(const ConnectionOptions& connection, const PrintOptions& print);
 /// Likewise of a plug-in.
-void runPlugInCheck(const QORPlugInCheckOptions& options, const PrintOptions& print);
+void runPlugInCheck(QORPlugInCheckOptions options, const PrintOptions& print);
 void runCheck(const ConnectionOptions& connection, const CheckOptions& options);
 void runPrune(const ConnectionOptions& connection, const PruneOptions& options);
 void runImport(const ConnectionOptions& connection, const ImportOptions& options);

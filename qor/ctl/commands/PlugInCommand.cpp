@@ -1,8 +1,11 @@
 #include <array>
+#include <string>
+#include <vector>
 
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "conformance/QORPlugInCheck.h"
+#include "process/Interrupt.h"
 
 namespace QOR {
 namespace {
@@ -18,22 +21,29 @@ std::string_view wordOf(QORPlugInFinding::Level level) {
 
 }  // namespace
 
-void runPlugInCheck(const QORPlugInCheckOptions& options, const PrintOptions& print) {
+void runPlugInCheck(QORPlugInCheckOptions options, const PrintOptions& print) {
+    const Interrupt interrupt;
+    options.interrupt = interrupt.descriptor();
     const std::vector<QORPlugInFinding> findings = checkPlugIn(options);
     const auto output = openOutput(print);
     const auto printer = makePrinter(print, false, *output);
     printer->begin(std::array<std::string, 4>{"state", "what", "found", "to do"});
     std::size_t faults = 0;
+    std::string told;  // whole, whatever a terminal has room for
     for (const QORPlugInFinding& finding : findings) {
-        faults += finding.level == QORPlugInFinding::Level::Fault ? 1 : 0;
         printer->row(std::array<Cell, 4>{cellOf(wordOf(finding.level)), cellOf(finding.check), cellOf(finding.found),
                                          cellOf(finding.todo)});
+        if (finding.level != QORPlugInFinding::Level::Fault) continue;
+        ++faults;
+        told += "  " + finding.check + ": " + finding.found + (finding.todo.empty() ? "" : "; " + finding.todo) + "\n";
     }
     printer->end(std::nullopt);
     output->flush();
+    if (interrupt.isRequested()) throw CtlError(CtlExit::Interrupted, "interrupted; the other checks were not made");
     if (faults > 0)
         throw CtlError(CtlExit::AnsweredError,
-                       std::to_string(faults) + " of " + std::to_string(findings.size()) + " checks found a fault");
+                       std::to_string(faults) + " of " + std::to_string(findings.size()) + " checks found a fault")
+            .advised(told);
 }
 
 }  // namespace QOR
