@@ -155,7 +155,6 @@ private:
     bool step(const std::stop_token& stop) {
         look();
         const Batch batch = read();
-        if (batch.missing > 0 || batch.reset) noteMissing(batch);
         if (!batch.lines.empty()) {
             const std::vector<ForwardRefused> refused = send(batch.lines, stop);
             store(batch, refused);
@@ -291,6 +290,7 @@ private:
     void store(const Batch& batch, const std::vector<ForwardRefused>& refused) {
         const std::vector<std::string> gone = goneBy(batch.position);
         m_stored.store(batch.position, gone, refused);
+        if (batch.missing > 0 || batch.reset) noteMissing(batch);  // once: until here it may be read again
         const std::uint64_t left = gone.empty() ? 0 : m_stored.countRefused();
         const std::lock_guard lock(m_mutex);
         for (const std::string& server : gone)
@@ -309,12 +309,15 @@ private:
         return gone;
     }
 
-    /// Nobody can send any more what was not sent of it. m_mutex is held.
+    /// Nobody can send any more what was not sent of it. Of a server that went before this process saw it nobody can
+    /// tell either how much that is. m_mutex is held.
     void forget(const std::string& server) {
-        const std::uint64_t left = unsent(server);
-        logMessage(left > 0 ? 1 : 2, "QORForward", QOR_SOURCE_PATH, "store",
-                   "server \"%s\" is none of the database's any more: %llu changes of it were not sent to %s",
-                   server.c_str(), static_cast<unsigned long long>(left), m_target.c_str());
+        const bool isKnown = m_end.contains(server);
+        const std::uint64_t left = isKnown ? unsent(server) : 0;
+        const std::string number = isKnown ? std::to_string(left) + " changes" : "an unknown number of changes";
+        logMessage(left > 0 || !isKnown ? 1 : 2, "QORForward", QOR_SOURCE_PATH, "store",
+                   "server \"%s\" is none of the database's any more: %s of it were not sent to %s", server.c_str(),
+                   number.c_str(), m_target.c_str());
         m_state.missing += left;
         m_end.erase(server);
     }

@@ -67,5 +67,25 @@ TEST(ForwardFromServers, AServerThatIsNoneOfTheDatabasesAnyMoreIsForgotten) {
     EXPECT_EQ(rowsOf(central, "vEventLog", "source"), R"([["after"],["before"]])");
 }
 
+TEST(ForwardFromServers, OfAServerThatWentWhileNoAgentRanNobodySaysThatAllWasSent) {
+    const TemporaryDirectory folder;
+    const ShardedPostgres places(2);
+    const AgentProcess central({.more = {"--listen", "http://127.0.0.1:0"}});
+    const std::string token = tokenFile(central, "machine", {"--full"}, folder);
+    AgentProcess host({.database = places.connectionString(),
+                       .more = {"--forward", "http://127.0.0.1:" + std::to_string(portOf(central)), "--forward-token",
+                                token, "--forward-wait", "1"}});
+    store(host, eventAbout(environmentAt(places, 1), "one") + eventAbout(environmentAt(places, 2), "two"));
+    awaitSent(host);
+    EXPECT_EQ(host.stop(), 0);
+    takeSecondAway(places);
+    host.start();
+    PostgresConnection home(places.conninfo());
+    awaitThat(
+        [&] { return home.cell("SELECT string_agg(server, ',' ORDER BY server) FROM qor_forward_position") == ",s1"; });
+    EXPECT_THAT(host.log(), testing::HasSubstr("server \"s2\" is none of the database's any more: an unknown number "
+                                               "of changes of it were not sent to "));
+}
+
 }  // namespace
 }  // namespace QOR::test

@@ -11,6 +11,7 @@
 #include "agent/Follower.h"
 #include "agent/RecordLines.h"
 #include "forward/ForwardAgents.h"
+#include "support/DirectDatabase.h"
 #include "support/TcpBalancer.h"
 #include "support/TestCertificates.h"
 
@@ -97,6 +98,28 @@ TEST_F(ForwardTest, NothingIsDoubledOrLostWhereAnswersAre) {
     EXPECT_EQ(everything(central), everything(host));
     EXPECT_EQ(jsonAt(HttpClient(central.socketPath()).get("/v1/views/vEventLog/rows?fields=count(id)").body, "rows"),
               "[[15]]");
+}
+
+TEST_F(ForwardTest, WhatIsMissingIsCountedOnceHoweverOftenTheRestIsTried) {
+    const TestDatabase database;
+    AgentSettings lasting = settings();
+    lasting.database = database.connectionString();
+    const AgentProcess host(lasting);
+    store(host, event("sent"));
+    awaitSent(host);
+    central.stop();
+    store(host, event("removed") + event("kept"));
+    DirectDatabase(database).run("DELETE FROM qor_event WHERE source = 'removed'");
+    for (int attempts = 0; attempts < 3; ++attempts) {
+        const std::string before = forwarding(host, "lastFailure");
+        awaitThat([&] { return forwarding(host, "lastFailure") != before; });
+    }
+    EXPECT_EQ(forwarding(host, "missing"), "0") << "nothing is done with yet";
+    central.start();
+    way.setPort(0, portOf(central));
+    awaitSent(host);
+    EXPECT_EQ(forwarding(host, "missing"), "1");
+    EXPECT_EQ(rowsOf(central, "vEventLog", "source"), R"([["kept"],["sent"]])");
 }
 
 TEST_F(ForwardTest, WhatWasSentIsKnownByAnyNumberOfSendersAndAfterStarts) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "QORCommon/QORException.h"
+#include "QORLibAgent/QORRecordChanges.h"
+#include "QORServers/QORServers.h"
 #include "shard/QORShard.h"
 #include "shard/ShardRecordsOf.h"
 #include "support/ShardedPostgres.h"
@@ -45,6 +47,40 @@ TEST_F(Shard, AnswersForAllServersTogetherAndForEachAlone) {
     EXPECT_EQ(home.cell("SELECT count(*) FROM qor_at_s2.qor_operation_environment e JOIN qor_at_s2.qor_operation o "
                         "ON o.seq = e.operation"),
               home.cell("SELECT 2 * count(*) FROM qor_at_s2.\"vOpLog\""));
+}
+
+TEST_F(Shard, WhoMayNoLongerAskWhichServersThereAreForgetsNone) {
+    store(m_database, 3, 1, 30);
+    const std::string own = m_database.connectionString();
+    const auto configure = [](const std::string& connection) {
+        ASDatabaseOptions options;
+        options.connectionString = connection;
+        QORRdbms::instance().configure(options);
+    };
+    configure(own);
+    const QORChangePosition end = QORChangeReader::end();
+    EXPECT_EQ(end.size(), 4U);
+    PostgresConnection home(m_database.conninfo());
+    home.run(
+        "DROP ROLE IF EXISTS follows; CREATE ROLE follows LOGIN; GRANT SELECT ON qor_record_number, qor_record_change, "
+        "qor_server TO follows");
+    const auto user = own.find("UID=");
+    configure(std::string(own).replace(user, own.find(';', user) - user, "UID=follows"));
+    QORClientContext context;
+    context.fullAccess = true;
+    QORChangeReader reader({QORChangeKind::Event}, end);
+    try {
+        reader.read(QORRowAccess(context), 10);
+        ADD_FAILURE() << "servers that cannot be seen are taken for gone";
+    } catch (const QORException& refusal) {
+        EXPECT_THAT(refusal.what(), HasSubstr("which servers keep records cannot be read"));
+    }
+    EXPECT_EQ(reader.position(), end);
+    QORChangeReader atHome({QORChangeKind::Event}, {{"", end.at("")}});
+    EXPECT_TRUE(atHome.read(QORRowAccess(context), 10).atEnd) << "who never read of servers misses none";
+    QORServers::instance().close();
+    QORRdbms::instance().shutdown();
+    home.run("DROP OWNED BY follows; DROP ROLE follows");
 }
 
 TEST_F(Shard, NobodyWritesThroughHomeNorToIt) {

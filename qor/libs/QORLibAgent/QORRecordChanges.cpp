@@ -9,6 +9,7 @@
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORRequestControl.h"
+#include "QORCommon/QORSourcePath.h"
 #include "QORLibAgent/QORHostTables.h"
 #include "QORServers/QORServers.h"
 #include "rdbmspp/engine/ASDialect.h"
@@ -172,6 +173,17 @@ void forEachDatabase(const std::function<void(const std::string& name, QORRdbms&
         QORServers::instance().run(server, [&](QORRdbms& database) { work(server.name, database); });
 }
 
+/// Whoever forgot servers that he cannot see would begin anew when he sees them again.
+void requireServersOf(const QORChangePosition& position) {
+    const bool namesServers =
+        std::any_of(position.begin(), position.end(), [](const auto& one) { return !one.first.empty(); });
+    if (namesServers && QORServers::instance().placement()->isHidden())
+        throw QORException(errFailure,
+                           "which servers keep records cannot be read: the database's role may not select from "
+                           "qor_placement and qor_server",
+                           QOR_SOURCE_PATH, __LINE__);
+}
+
 void putEntry(ASSession& session, std::int64_t n, QORChangeKind kind, std::int64_t first, std::int64_t last,
               const std::string& eid) {
     ASStatement& insert = session.prepare(
@@ -259,6 +271,7 @@ QORChangePosition QORChangeReader::knownEnd(std::vector<std::string>& away) {
 QORRecordChanges QORChangeReader::read(const QORRowAccess& access, std::size_t most) {
     QORRecordChanges changes;
     changes.atEnd = true;
+    requireServersOf(m_behind);
     QORChangePosition next;  // of those that there are by now
     forEachDatabase([&](const std::string& name, QORRdbms& database) {
         const auto before = m_behind.find(name);

@@ -84,7 +84,8 @@ public:
 
     /// Reads on, and stands behind that then. Takes bounded time, so that it may find nothing though there is more. Of
     /// servers that are none of the database's any more the position says nothing then: another one may come under the
-    /// name, whose numbers begin anew.
+    /// name, whose numbers begin anew. Where the role may not read any more which servers there are, and the position
+    /// names some, that is an error: they may be there.
     /// \param access whose records are told; others are passed over
     /// \param most of records, at least 1
     QORRecordChanges read(const QORRowAccess& access, std::size_t most);

@@ -32,7 +32,16 @@ public:
     /// \throws QORException 1 unless each environment has exactly one server
     QORPlacement(std::int64_t epoch, std::vector<QORServer> servers);
 
+    /// That of a database which may have servers, but does not let its role read which.
+    static QORPlacement hidden() {
+        QORPlacement placement;
+        placement.m_hidden = true;
+        return placement;
+    }
+
     bool none() const noexcept { return m_servers.empty(); }
+    /// There are none to be known of, which is not to say that there are none.
+    bool isHidden() const noexcept { return m_hidden; }
     std::int64_t epoch() const noexcept { return m_epoch; }
     /// By their numbers.
     const std::vector<QORServer>& servers() const noexcept { return m_servers; }
@@ -50,6 +59,7 @@ public:
 
 private:
     std::int64_t m_epoch = 0;
+    bool m_hidden = false;
     std::vector<QORServer> m_servers;
     std::vector<std::uint32_t> m_byRemainder;  ///< of the largest modulus: indexes of servers
 };

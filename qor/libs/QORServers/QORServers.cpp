@@ -11,15 +11,18 @@
 namespace QOR {
 namespace {
 
-/// Whether this database can say so, and this role may ask it.
-bool canDivide(ASSession& session) {
+/// What a database says of servers to the role that asks it. The numbers are those of the select below.
+enum class Division : std::int64_t { None, Hidden, Told };
+
+Division divisionOf(ASSession& session) {
     ASStatement& select = session.prepare(
-        "SELECT CASE WHEN has_table_privilege(to_regclass('qor_placement'), 'SELECT') "
-        "AND has_table_privilege(to_regclass('qor_server'), 'SELECT') THEN 1 ELSE 0 END");
+        "SELECT CASE WHEN to_regclass('qor_placement') IS NULL OR to_regclass('qor_server') IS NULL THEN 0 "
+        "WHEN has_table_privilege(to_regclass('qor_placement'), 'SELECT') "
+        "AND has_table_privilege(to_regclass('qor_server'), 'SELECT') THEN 2 ELSE 1 END");
     select.execute();
-    const bool can = select.fetch() && select.integer(1) == 1;
+    const Division division = select.fetch() ? static_cast<Division>(select.integer(1)) : Division::None;
     select.close();
-    return can;
+    return division;
 }
 
 /// Who reads an older database finds nothing of that.
@@ -109,7 +112,9 @@ std::shared_ptr<const QORPlacement> QORServers::read(std::uint64_t generation) {
     bool tellsHandovers = false;
     if (QORRdbms::instance().engine() == ASEngine::PostgreSQL && generation != 0) {
         QORRdbmsTran tran(ASAccess::Read);
-        divides = canDivide(*tran);
+        const Division division = divisionOf(*tran);
+        divides = division == Division::Told;
+        if (division == Division::Hidden) found = std::make_shared<const QORPlacement>(QORPlacement::hidden());
         if (divides) {
             std::vector<QORServer> servers = readServers(*tran);
             if (!servers.empty()) checkHash(*tran);
@@ -132,13 +137,14 @@ std::shared_ptr<const QORPlacement> QORServers::read(std::uint64_t generation) {
 
 QORServers::Look QORServers::look() {
     auto known = placement();
+    const std::uint64_t generation = QORRdbms::instance().generation();
+    if (known->isHidden()) known = read(generation);  // the right may have been given meanwhile
     bool tellsHandovers = false;
     {
         const std::lock_guard lock(m_mutex);
         if (!m_divides) return {known, false};
         tellsHandovers = m_tellsHandovers;
     }
-    const std::uint64_t generation = QORRdbms::instance().generation();
     Epoch epoch;
     {
         QORRdbmsTran tran(ASAccess::ReadOne);

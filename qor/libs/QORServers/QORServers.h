@@ -25,8 +25,9 @@ public:
     static QORServers& instance();
 
     /// The division as it was read last; read when it was not yet, or home has been configured anew. Never null;
-    /// without servers where there are none, as on other engines. Costs a look at home's database only when it is read.
-    /// \throws AException \throws QORException 1 for a division that makes no sense
+    /// without servers where there are none, as on other engines; hidden where the role may not ask. Costs a look at
+    /// home's database only when it is read. \throws AException \throws QORException 1 for a division that makes no
+    /// sense
     std::shared_ptr<const QORPlacement> placement();
     /// Reads it anew where it has changed. \returns it \throws as placement()
     std::shared_ptr<const QORPlacement> refresh() { return look().placement; }
@@ -71,11 +72,11 @@ private:
     void retire(Database& database);
 
     mutable std::mutex m_mutex;
-    std::uint64_t m_generation = 0;                   // guarded by m_mutex; of home
-    bool m_divides = false;                           // guarded by m_mutex; home can say that there are servers
-    bool m_tellsHandovers = false;                    // guarded by m_mutex; and when they change
-    std::shared_ptr<const QORPlacement> m_placement;  // guarded by m_mutex; null until it is read
-    std::map<std::string, Database, std::less<>> m_databases;                          // guarded by m_mutex
+    std::uint64_t m_generation = 0;                            // guarded by m_mutex; of home
+    bool m_divides = false;                                    // guarded by m_mutex; home says what servers there are
+    bool m_tellsHandovers = false;                             // guarded by m_mutex; and when they change
+    std::shared_ptr<const QORPlacement> m_placement;           // guarded by m_mutex; null until it is read
+    std::map<std::string, Database, std::less<>> m_databases;  // guarded by m_mutex
     std::map<std::string, std::chrono::steady_clock::time_point, std::less<>> m_away;  // guarded by m_mutex
     std::vector<std::unique_ptr<QORRdbms>> m_retired;  // guarded by m_mutex; somebody may still use them
 };

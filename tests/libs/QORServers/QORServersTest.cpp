@@ -59,12 +59,13 @@ TEST_F(QORServersTest, ADatabaseThatSaysNothingOfServersHasNone) {
     open();
     EXPECT_TRUE(QORServers::instance().placement()->none());
     EXPECT_TRUE(QORServers::instance().refresh()->none());
+    EXPECT_FALSE(QORServers::instance().placement()->isHidden());
     divide();
     open();
     EXPECT_TRUE(QORServers::instance().placement()->none());
 }
 
-TEST_F(QORServersTest, WhoMayNotAskHasNone) {
+TEST_F(QORServersTest, WhoMayNotAskIsToldOfNoneAndThatTheyAreHidden) {
     divide();
     add("s1", 1, first.connectionString(), 1, 0);
     home.connect().run("CREATE ROLE qor_nobody LOGIN; GRANT SELECT ON qor_server TO qor_nobody");
@@ -74,6 +75,11 @@ TEST_F(QORServersTest, WhoMayNotAskHasNone) {
     string.replace(at, string.find(';', at) - at, "UID=qor_nobody");
     QORRdbms::instance().configure(options(string));
     EXPECT_TRUE(QORServers::instance().placement()->none());
+    EXPECT_TRUE(QORServers::instance().placement()->isHidden());
+    EXPECT_TRUE(QORServers::instance().refresh()->isHidden());
+    home.connect().run("GRANT SELECT ON qor_placement TO qor_nobody");
+    EXPECT_EQ(QORServers::instance().refresh()->servers().size(), 1U);
+    EXPECT_FALSE(QORServers::instance().placement()->isHidden());
     QORServers::instance().close();
     QORRdbms::instance().shutdown();
     home.connect().run("DROP OWNED BY qor_nobody; DROP ROLE qor_nobody");

@@ -1141,13 +1141,14 @@ private:
 
 /// For whom a writer has waited until his time was up, the engine does not tell when it is over. Whoever held locks
 /// then mostly still does: these are logged, once the writer holds none himself.
-void logHolders(ASSession::Impl& session) noexcept {
+void logHolders(QORRdbmsTran& transaction) noexcept {
+    ASSession::Impl& session = transaction->impl();
     if (session.dialect->engine != ASEngine::PostgreSQL || !session.connection.waitedInVain()) return;
     if (session.isBroken()) return;
     const char* const database = session.source.database.c_str();
     try {
         const QORRequestScope tidying(session.timeToTidy(session.source.patience));
-        session.connection.execute(session.dialect->rollback);
+        transaction.rollback();
         const std::string holders = session.connection.selectText(postgresLockHolders);
         if (holders.empty()) return;
         logMessage(1, "QORRdbms", QOR_SOURCE_PATH, "write",
@@ -1166,7 +1167,7 @@ void writeOnce(QORRdbms& database, const std::function<void(ASSession&)>& work) 
         work(*transaction);
         transaction.commit();
     } catch (...) {
-        logHolders(transaction->impl());
+        logHolders(transaction);
         throw;
     }
 }
@@ -1295,6 +1296,13 @@ QORRdbmsTran::~QORRdbmsTran() {
     }
     countHeld(false);
     m_impl->pool.release(std::move(m_impl->session));
+}
+
+void QORRdbmsTran::rollback() {
+    auto& impl = m_session->impl();
+    m_session->execute(impl.dialect->rollback);
+    impl.begun = m_impl->active = false;
+    impl.connection.endTransaction();
 }
 
 void QORRdbmsTran::commit() {

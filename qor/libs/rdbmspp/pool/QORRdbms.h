@@ -193,6 +193,9 @@ public:
     ASSession& operator*() noexcept { return *m_session; }
     ASSession* operator->() noexcept { return m_session; }
     void commit();
+    /// Undoes everything before the end of the object's life, as long as that may take; nothing more is done in it but
+    /// to read. \throws AException
+    void rollback();
 
 private:
     ASSession* m_session = nullptr;

@@ -438,6 +438,8 @@ TEST_F(PostgresPool, WhoHoldsLocksIsLoggedWhereAWriterHasWaitedUntilItsDeadline)
     engine().run("CREATE TABLE t (i int); INSERT INTO t VALUES (1)");
     ASDatabaseOptions patient = options();
     patient.busyTimeoutMs = 60'000;  // which is what the end of a transaction may take
+    PostgresGate gate(PostgresServer::shared().folder());
+    patient.connectionString = database.connectionStringThrough(gate.folder());
     QORRdbms::instance().configure(patient);
     PostgresConnection other = engine();
     other.run("SET application_name = 'theirs'; BEGIN; UPDATE t SET i = 2 WHERE 'secret' <> ''");
@@ -446,6 +448,7 @@ TEST_F(PostgresPool, WhoHoldsLocksIsLoggedWhereAWriterHasWaitedUntilItsDeadline)
     while (told.empty()) {
         std::vector<std::string> lines;
         setLogSink([&](const QORLogRecord& record) { lines.emplace_back(record.text); });
+        gate.asked();
         const QORRequestScope scope(std::make_shared<QORRequestControl>(milliseconds(300)));
         EXPECT_ANY_THROW(QORRdbms::instance().write([](ASSession& session) { session.execute("UPDATE t SET i = 3"); }));
         setLogSink({});
@@ -457,6 +460,8 @@ TEST_F(PostgresPool, WhoHoldsLocksIsLoggedWhereAWriterHasWaitedUntilItsDeadline)
     EXPECT_THAT(told, HasSubstr("\", idle in transaction, in a transaction for "));
     EXPECT_THAT(told, HasSubstr(" s) on t"));
     EXPECT_THAT(told, Not(HasSubstr("secret")));
+    EXPECT_THAT(gate.asked(), testing::Contains("ROLLBACK").Times(1));
+    QORRdbms::instance().shutdown();  // the gate goes when nobody is in it
 }
 
 TEST_F(PostgresPool, AStatementEndsWithItsRequest) {
