@@ -65,10 +65,12 @@ operators, access, the database.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqor-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same_library}")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${same_library}, libboost-dev (>= 1.74)")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_RECOMMENDS qorctl)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "headers for plug-ins of the agent that knows the environments of a machine
-A plug-in brings operators of its own: this is what it is compiled against,
-with what CMake's find_package(QOR) needs.")
+A plug-in brings operators and collectors of its own: this is what it is
+compiled against, with what CMake's find_package(QOR) needs, and examples.
+qorctl checks plug-ins.")
 
 set(CPACK_DEBIAN_DEBUG_PACKAGE_NAME qorpager-dbgsym)
 set(CPACK_DEBIAN_DEBUG_PACKAGE_SECTION debug)

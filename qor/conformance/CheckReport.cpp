@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <exception>
+#include <iterator>
 #include <utility>
 
 #include "QORCommon/QORUtf8.h"

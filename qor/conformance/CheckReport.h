@@ -3,10 +3,11 @@
 #pragma once
 
 #include <functional>
-#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "conformance/QORPlugInCheck.h"
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <stop_token>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "QORCommon/QORText.h"
@@ -67,7 +68,7 @@ private:
     fs::path treeOfSource() const {
         const fs::path source = m_collector.traits().source;
         if (!source.is_absolute() || !source.has_filename()) return {};
-        const fs::path tree = m_folder / "named";
+        fs::path tree = m_folder / "named";
         const fs::path file = tree / source.relative_path();
         fs::create_directories(file.parent_path());
         std::ofstream(file) << "one line\n";

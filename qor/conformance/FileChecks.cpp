@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORText.h"

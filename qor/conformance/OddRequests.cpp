@@ -68,7 +68,7 @@ std::vector<std::string> makeElements() {
     constexpr int deepest = 60;  // a message has 64 levels at most
     std::string deep = "[1026,\"x\"]";
     for (int level = 0; level < deepest; ++level)
-        deep = "[1742,[" + deep + "]]";
+        deep.insert(0, "[1742,[").append("]]");
     elements.push_back(deep);
     std::string wide = "[1026]";
     constexpr int widest = 10'000;

@@ -130,6 +130,7 @@ CheckOutcome checkClients(const QORHost& host, const std::string& name, const st
     };
     {
         std::vector<std::jthread> threads;
+        threads.reserve(clientThreads);
         for (int thread = 0; thread < clientThreads; ++thread)
             threads.emplace_back(ask, thread);
     }

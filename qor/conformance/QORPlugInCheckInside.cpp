@@ -4,11 +4,15 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstddef>
 #include <iterator>
 #include <memory>
 #include <set>
 #include <sstream>
+#include <string>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORText.h"
@@ -52,6 +56,7 @@ struct Brought {
 
 std::vector<std::string> namesOf(const std::vector<QORCollector*>& collectors) {
     std::vector<std::string> names;
+    names.reserve(collectors.size());
     for (const QORCollector* const collector : collectors)
         names.push_back(collector->traits().name);
     return names;
@@ -110,7 +115,7 @@ public:
 
 private:
     fs::path linked(const std::string& folder, const std::vector<fs::path>& files) const {
-        const fs::path place = m_folder / folder;
+        fs::path place = m_folder / folder;
         fs::create_directories(place);
         for (const fs::path& file : files)
             fs::create_symlink(file, place / nameFor(file));

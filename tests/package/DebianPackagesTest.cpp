@@ -209,6 +209,9 @@ TEST_F(DebianPackages, ThoseForDevelopersAreEnoughToBuildAPlugIn) {
               "-DCMAKE_PREFIX_PATH=" + (folder / "usr").string()});
     outputOf({QOR_TEST_CMAKE, "--build", build});
     EXPECT_TRUE(fs::exists(below("example") / "libBoots.so"));
+    // What the headers include, and what plug-ins are checked with.
+    EXPECT_THAT(outputOf({"dpkg-deb", "-f", package("libqor-dev"), "Depends", "Recommends"}),
+                AllOf(HasSubstr("libqor1 (= "), HasSubstr("libboost-dev"), HasSubstr("qorctl")));
 }
 
 TEST_F(CleanRoot, AnAgentAndItsClientRunWithNothingElseInstalled) {
