@@ -80,7 +80,7 @@ protected:
     }
     HttpAnswer get(const std::string& target) const { return get(target, token); }
 
-    TestDatabase database;
+    TestDatabase database{TestTables::Own};
     AgentProcess first{settings(false)};
     AgentProcess second{settings(true)};
     HttpClient root{first.socketPath()};

@@ -55,7 +55,7 @@ protected:
         return HttpClient(agent.socketPath()).request("GET", "/v1/follow" + query, {}, fields);
     }
 
-    TestDatabase database;
+    TestDatabase database{TestTables::Own};
     AgentProcess agent{settings()};
 };
 

@@ -55,7 +55,7 @@ protected:
                "]]}";
     }
 
-    TestDatabase database;
+    TestDatabase database{TestTables::Own};
     TemporaryDirectory files;
 };
 

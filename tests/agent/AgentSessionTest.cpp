@@ -81,7 +81,7 @@ protected:
     static constexpr const char* select =
         R"({"operator":"pager2","request":"select","body":[1740,[[1009,"vOpLog"],[1741,"op"]]]})";
 
-    TestDatabase database;
+    TestDatabase database{TestTables::Own};
     AgentProcess agent{settings()};
     HttpClient root{agent.socketPath()};
     HttpClient client = connect(agent);

@@ -92,7 +92,7 @@ protected:
         return answer.status == 200 ? digits : std::to_string(answer.status);
     }
 
-    TestDatabase database;
+    TestDatabase database{TestTables::Own};
     AgentProcess agent{settings()};
     HttpClient root{agent.socketPath()};
 };

@@ -56,7 +56,7 @@ void awaitThat(bool known, const AgentProcess& agent) {
 }
 
 TEST(SeveralAgents, WhatOneStoresTheOthersKnowSoonAndItselfAtOnce) {
-    const TestDatabase database;
+    const TestDatabase database(TestTables::Own);
     const AgentProcess first(on(database));
     const AgentProcess second(beside(database));
     EXPECT_FALSE(knowsAny(first));
@@ -67,7 +67,7 @@ TEST(SeveralAgents, WhatOneStoresTheOthersKnowSoonAndItselfAtOnce) {
 }
 
 TEST(SeveralAgents, WhatProgramsDoThatAreNoAgentsIsKnownSoon) {
-    const TestDatabase database;
+    const TestDatabase database(TestTables::Own);
     const AgentProcess agent(on(database));
     const std::string file = (agent.directory() / "records.ndjson").string();
     std::ofstream(file) << environment();
@@ -83,7 +83,7 @@ TEST(SeveralAgents, WhatProgramsDoThatAreNoAgentsIsKnownSoon) {
 
 TEST(SeveralAgents, AnyNumberMayWriteToAServer) {
     QOR_ONLY_ON(ASEngine::PostgreSQL);
-    const TestDatabase database;
+    const TestDatabase database(TestTables::Own);
     const AgentProcess first(on(database));
     const AgentProcess second(on(database));
     HttpClient(second.socketPath()).post("/v1/records", environment());
@@ -93,7 +93,7 @@ TEST(SeveralAgents, AnyNumberMayWriteToAServer) {
 }
 
 TEST(SeveralAgents, AttemptsAtOneRequestAtTheSameTimeStoreItOnceAndAnswerAlike) {
-    const TestDatabase database;
+    const TestDatabase database(TestTables::Own);
     const AgentProcess first(on(database));
     std::optional<AgentProcess> another;
     if (testEngine() == ASEngine::PostgreSQL) another.emplace(on(database));

@@ -62,7 +62,7 @@ protected:
     }
 
     TemporaryDirectory m_directory;
-    TestDatabase m_database;
+    TestDatabase m_database{TestTables::Own};
     std::optional<AgentProcess> m_agent;
 
 private:

@@ -72,7 +72,7 @@ protected:
         return found;
     }
 
-    HostDatabase m_database;
+    HostDatabase m_database{TestTables::Own};
 };
 
 TEST_F(MaintainedDatabase, IsSound) {

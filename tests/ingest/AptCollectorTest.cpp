@@ -120,7 +120,7 @@ TEST_F(AptCollectorTest, RotationsAreReadInTheirOrderAndOldOnesNotAgain) {
 }
 
 TEST_F(AptCollectorTest, TransactionsAreStoredOnceWhateverBecomesOfTheFiles) {
-    const test::HostDatabase database;
+    const test::HostDatabase database(test::TestTables::Own);
     database.open();
     EXPECT_EQ(collect().outcome, QORCollectOutcome::None);
     write("history.log", std::string(historyOfInstall) + historyOfFailure + historyStillRunning);

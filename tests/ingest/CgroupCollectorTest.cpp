@@ -46,7 +46,7 @@ protected:
 
     const test::TemporaryDirectory m_root;
     const std::filesystem::path m_groups = m_root / "sys/fs/cgroup";
-    test::HostDatabase m_database;
+    test::HostDatabase m_database{test::TestTables::Own};
 };
 
 TEST_F(CgroupCollectorTest, WhatIsKilledIsAnAlertThatEndsAfterQuietRuns) {

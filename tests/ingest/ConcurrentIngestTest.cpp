@@ -73,7 +73,7 @@ protected:
     static constexpr const char* waiting =
         "SELECT count(*) FROM pg_locks WHERE NOT granted AND pid IN "
         "(SELECT pid FROM pg_stat_activity WHERE datname = current_database())";
-    const TestDatabase m_database;
+    const TestDatabase m_database{TestTables::Own};
 };
 
 // The engine gives up the one that finds the circle: not the other connection, which looks for none that soon.

@@ -156,7 +156,7 @@ protected:
     using Rooms = std::map<std::string, MountRoom>;
     const bool m_registered = (registerCollectors(), true);  // the host's own keeps its name
     const test::TemporaryDirectory m_root;
-    test::HostDatabase m_database;
+    test::HostDatabase m_database{test::TestTables::Own};
     const std::shared_ptr<Rooms> m_rooms = std::make_shared<Rooms>();  // threads that ask see it as it is at that time
     FilesystemCollector m_collector{[rooms = m_rooms](const std::string& path) { return rooms->at(path); },
                                     {std::chrono::hours(1), std::chrono::hours(2)}};

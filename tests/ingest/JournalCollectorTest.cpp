@@ -53,7 +53,7 @@ protected:
 
     const test::TemporaryDirectory m_root;
     const std::filesystem::path m_folder = m_root / "var/log/journal/0123456789abcdef0123456789abcdef";
-    test::HostDatabase m_database;
+    test::HostDatabase m_database{test::TestTables::Own};
 };
 
 TEST_F(JournalCollectorTest, ErrorsChangesOfUnitsAndShortagesAreEvents) {

@@ -133,7 +133,7 @@ class OddValues : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(OddValues, AreTakenOrRefusedAndKeptAlikeOnEveryEngine) {
     const OddLine& odd = oddLines()[GetParam()];
-    const HostDatabase database;
+    const HostDatabase database(TestTables::Own);
     database.open();
     const QORIngestResult result = QORIngest().importBatch(R"({"kind":"operation","id":"beside","time":1})"
                                                            "\n" +

@@ -38,7 +38,7 @@ protected:
     }
 
     const test::TemporaryDirectory m_root;
-    test::HostDatabase m_database;
+    test::HostDatabase m_database{test::TestTables::Own};
 };
 
 TEST_F(PressureCollectorTest, AnAlertIsRaisedOnceAndClearedBelowALowerBound) {

@@ -101,7 +101,7 @@ TEST_F(QORCollectorsTest, WhatCannotBeFoundIsLeftOut) {
 }
 
 TEST_F(QORCollectorsTest, MachineAndOperationsAreStored) {
-    const test::HostDatabase database;
+    const test::HostDatabase database(test::TestTables::Own);
     database.open();
     const auto result = run();
     ASSERT_FALSE(result.stored.failure) << result.stored.failure->reason;
@@ -122,7 +122,7 @@ TEST_F(QORCollectorsTest, MachineAndOperationsAreStored) {
 }
 
 TEST_F(QORCollectorsTest, CollectingAgainAddsOnlyWhatIsNew) {
-    const test::HostDatabase database;
+    const test::HostDatabase database(test::TestTables::Own);
     database.open();
     run();
     const auto rows = queryRows("SELECT seq, id, status, message FROM qor_operation ORDER BY seq", 4);
@@ -146,7 +146,7 @@ TEST_F(QORCollectorsTest, CollectingAgainAddsOnlyWhatIsNew) {
 }
 
 TEST_F(QORCollectorsTest, WhatHasBeenRemovedSinceIsNotBroughtAgain) {
-    const test::HostDatabase database;
+    const test::HostDatabase database(test::TestTables::Own);
     database.open();
     write("var/log/dpkg.log", "2024-03-03 10:00:00 remove curl:amd64 7.88 <none>\n", std::ios::app);
     write("var/log/apt/history.log",
@@ -164,7 +164,7 @@ TEST_F(QORCollectorsTest, WhatHasBeenRemovedSinceIsNotBroughtAgain) {
 }
 
 TEST_F(QORCollectorsTest, RotationAddsNothing) {
-    const test::HostDatabase database;
+    const test::HostDatabase database(test::TestTables::Own);
     database.open();
     run();
     std::filesystem::rename(m_root / "var/log/dpkg.log", m_root / "var/log/dpkg.log.1");
@@ -175,7 +175,7 @@ TEST_F(QORCollectorsTest, RotationAddsNothing) {
 }
 
 TEST_F(QORCollectorsTest, TheSameLinesOfTwoMachinesAreTwoOperations) {
-    const test::HostDatabase database;
+    const test::HostDatabase database(test::TestTables::Own);
     database.open();
     run();
     write("etc/machine-id", "ffffffffffffffffffffffffffffffff\n");
@@ -184,14 +184,14 @@ TEST_F(QORCollectorsTest, TheSameLinesOfTwoMachinesAreTwoOperations) {
 }
 
 TEST_F(QORCollectorsTest, ADatabaseThatTakesNothingIsReported) {
-    const test::HostDatabase database;
+    const test::HostDatabase database(test::TestTables::Own);
     database.open();
     database.open(QORSchemaMode::Reading, true);
     EXPECT_TRUE(run().stored.failure);
 }
 
 TEST(QORCollectorsOfThisMachine, RowsAreReal) {
-    const test::HostDatabase database;
+    const test::HostDatabase database(test::TestTables::Own);
     database.open();
     QORCollectorSchedule schedule("/");
     const auto collect = [&] { return schedule.collectNow({}, nullptr); };

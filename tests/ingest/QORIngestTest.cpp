@@ -40,7 +40,7 @@ std::string operationLine(const std::string& id, int time, const std::string& mo
 class QORIngestTest : public ::testing::Test {
 protected:
     void SetUp() override { m_database.open(); }
-    HostDatabase m_database;
+    HostDatabase m_database{test::TestTables::Own};
     QORIngest m_ingest;
 };
 
@@ -292,7 +292,7 @@ std::string wideOperation(unsigned environments) {
 
 /// Bytes that the database's log has grown by when an operation of many environments is stored.
 std::uintmax_t writtenFor(unsigned environments) {
-    const HostDatabase database;
+    const HostDatabase database(test::TestTables::Own);
     database.open();
     runSql("PRAGMA wal_autocheckpoint = 0");
     const auto size = [&] { return std::filesystem::file_size(database.file().string() + "-wal"); };
@@ -566,7 +566,7 @@ pid_t importInChild(const HostDatabase& database, const int (&report)[2]) {
 }
 
 TEST(QORIngestKilled, WhatWasAcknowledgedIsThere) {
-    const HostDatabase database;
+    const HostDatabase database(test::TestTables::Own);
     int report[2];
     ASSERT_EQ(::pipe(report), 0);
     const pid_t child = importInChild(database, report);

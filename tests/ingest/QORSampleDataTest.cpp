@@ -119,7 +119,7 @@ TEST(QORSampleDataTest, RecordsAreVariedAndRefer) {
 }
 
 TEST(QORSampleDataTest, EverythingIsAcceptedAndImportingAgainReplaces) {
-    const test::HostDatabase database;
+    const test::HostDatabase database(test::TestTables::Own);
     database.open();
     const std::string lines = generate(small);
     QORIngest ingest;

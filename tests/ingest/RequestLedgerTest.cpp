@@ -53,7 +53,7 @@ protected:
         EXPECT_FALSE(result.failure);
     }
 
-    HostDatabase database;
+    HostDatabase database{test::TestTables::Own};
     QORIngestOptions options;
     std::string lines;
 };

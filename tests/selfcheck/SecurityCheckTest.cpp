@@ -221,7 +221,7 @@ protected:
         return lines;
     }
 
-    test::TestDatabase m_own;
+    test::TestDatabase m_own{test::TestTables::Own};
 };
 
 TEST_F(OwnDatabaseCheck, BothOperatorsTellNothingOfHiddenRows) {

@@ -64,6 +64,7 @@ inline void limitEvents(std::optional<int> most) {
 /// A database of its own; a file of SQLite's itself appears with the first configure() or open().
 class HostDatabase {
 public:
+    explicit HostDatabase(TestTables tables = TestTables::None) : m_database(tables) {}
     ~HostDatabase() { QORRdbms::instance().shutdown(); }
 
     std::filesystem::path file() const { return m_database.file(); }

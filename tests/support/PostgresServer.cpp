@@ -16,6 +16,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "QORDBSchema/QORDBSchema.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QOR::test {
@@ -26,6 +27,13 @@ constexpr const char* programs = "/usr/lib/postgresql/15/bin";
 
 constexpr const char* user = "qor";
 
+// Where a folder with a server's files is that others begin with.
+constexpr const char* filesVariable = "QOR_TEST_POSTGRES_FILES";
+constexpr const char* tables = "host_tables";
+
+// Runs before the keeper, and as who started the test, who alone may find those files.
+constexpr const char* copyScript = R"sh(cp -a "$0" "$1/data" && shift && exec "$@")sh";
+
 // Runs beside the server and outlives the test by the moment that it takes to clean up: the end of its input is the end
 // of the test, whichever way that came.
 constexpr const char* keeperScript = R"sh(
@@ -34,7 +42,7 @@ programs=$1 folder=$2 user=$3 port=$4
 export HOME="$folder"
 server=
 start() {
-    "$programs/postgres" -D "$folder/data" >>"$folder/log" 2>&1 </dev/null &
+    "$programs/postgres" -D "$folder/data" -p "$port" -k "$folder" >>"$folder/log" 2>&1 </dev/null &
     server=$!
     until "$programs/pg_isready" -q -h "$folder" -p "$port" -d postgres; do
         kill -0 "$server" 2>/dev/null || { echo "failed: $(tail -n 3 "$folder/log" | tr '\n' ' ')"; return; }
@@ -56,12 +64,12 @@ stop() {
     server=
 }
 trap 'stop; rm -rf "$folder"' EXIT
-if "$programs/initdb" -D "$folder/data" -U "$user" --auth=trust --no-sync --no-instructions --encoding=UTF8 \
+if [ -e "$folder/data" ]; then
+    start
+elif "$programs/initdb" -D "$folder/data" -U "$user" --auth=trust --no-sync --no-instructions --encoding=UTF8 \
     --locale=C.UTF-8 --locale-provider=icu --icu-locale=en >"$folder/log" 2>&1 </dev/null; then
     cat >>"$folder/data/postgresql.conf" <<END
-port = $port
 listen_addresses = ''
-unix_socket_directories = '$folder'
 fsync = off
 synchronous_commit = off
 full_page_writes = off
@@ -78,6 +86,7 @@ fi
 while read -r command; do
     case $command in
         crash) stop; echo crashed ;;
+        end) kill -INT "$server"; wait "$server"; server=; echo ended ;;
         start) start ;;
         suspend) tell -STOP; echo suspended ;;
         resume) tell -CONT; echo resumed ;;
@@ -158,6 +167,8 @@ PostgresServer::PostgresServer(int port) : m_port(port) {
                                  ": its tests need the packages that ./test installs");
     }
     m_folder = makeTemporaryFolder();
+    const char* const files = std::getenv(filesVariable);
+    const bool begun = files != nullptr && std::filesystem::exists(files);
     std::vector<std::string> command{"sh",     "-c",     keeperScript, "keeper",
                                      programs, m_folder, user,         std::to_string(m_port)};
     if (::geteuid() == 0) {
@@ -167,6 +178,10 @@ PostgresServer::PostgresServer(int port) : m_port(port) {
         }
         command.insert(command.begin(), {"setpriv", "--reuid=" + std::to_string(owner->pw_uid),
                                          "--regid=" + std::to_string(owner->pw_gid), "--clear-groups", "--"});
+    }
+    if (begun) {
+        command.insert(command.begin(), {"sh", "-c", copyScript, files, m_folder});
+        m_tables = tables;
     }
     const Pipe input;
     const Pipe output;
@@ -220,10 +235,33 @@ void PostgresServer::waitFor(const std::string& answer) {
     if (line != answer) throw std::runtime_error("the server: " + line);
 }
 
-std::string PostgresServer::createDatabase() {
+std::string PostgresServer::createDatabase(const std::string& like) {
     std::string name = "test_" + std::to_string(++m_databases);
-    PostgresConnection(conninfo("postgres")).run("CREATE DATABASE " + name + " STRATEGY file_copy");
+    copyDatabase(like, name);
     return name;
+}
+
+void PostgresServer::copyDatabase(const std::string& from, const std::string& to) {
+    PostgresConnection all(conninfo("postgres"));
+    all.run("DROP DATABASE IF EXISTS " + to + " WITH (FORCE)");
+    all.run("CREATE DATABASE " + to + " TEMPLATE " + from + " STRATEGY file_copy");
+}
+
+const std::string& PostgresServer::databaseWithTables() {
+    if (!m_tables.empty()) return m_tables;
+    copyDatabase(bare, tables);
+    PostgresConnection connection(conninfo(tables));
+    connection.run("BEGIN");
+    for (const std::string& statement : QORDBSchema::postgresStatements())
+        connection.run(statement);
+    connection.run("COMMIT");
+    return m_tables = tables;
+}
+
+void PostgresServer::endAndKeepFiles(const std::string& folder) {
+    tell("end", "ended");
+    const std::string command = "cp -a '" + m_folder + "/data' '" + folder + "'";
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("cannot copy a server's files to " + folder);
 }
 
 void PostgresServer::dropDatabase(const std::string& name) {
@@ -237,6 +275,11 @@ std::string PostgresServer::connectionString(const std::string& database, const 
 
 std::string PostgresServer::conninfo(const std::string& database) const {
     return "host=" + m_folder + " port=" + std::to_string(m_port) + " user=" + user + " dbname=" + database;
+}
+
+std::string PostgresDatabase::create(TestTables tables) {
+    PostgresServer& server = PostgresServer::shared();
+    return tables == TestTables::Own ? server.createDatabase(server.databaseWithTables()) : server.createDatabase();
 }
 
 PostgresDatabase::~PostgresDatabase() {

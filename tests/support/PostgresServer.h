@@ -45,8 +45,10 @@ public:
     PostgresServer(const PostgresServer&) = delete;
     PostgresServer& operator=(const PostgresServer&) = delete;
 
-    /// Makes a database and \returns its name. Without tables.
-    std::string createDatabase();
+    /// Makes a database and \returns its name. Without tables, or with all that another has.
+    std::string createDatabase(const std::string& like = bare);
+    /// Makes one with all that another has, which nobody may be connected to; in place of the one of that name.
+    void copyDatabase(const std::string& from, const std::string& to);
     /// Drops it, with whoever is connected.
     void dropDatabase(const std::string& name);
     /// What a driver is told to get to a database.
@@ -63,11 +65,19 @@ public:
     /// Has all of its processes hang: the system goes on taking what is sent to them.
     void suspend() { tell("suspend", "suspended"); }
     void resume() { tell("resume", "resumed"); }
+    /// The database that has what the host makes in an empty one, and that others are copied from. Made at the first
+    /// call, unless the server began with files that have it.
+    const std::string& databaseWithTables();
+    /// Ends the server in order, and has a folder hold its files: servers of processes that QOR_TEST_POSTGRES_FILES in
+    /// the environment names it to begin with a copy of it.
+    void endAndKeepFiles(const std::string& folder);
     /// Who looks after the server: when that process's input ends, it stops the server and removes the folder.
     pid_t keeper() const noexcept { return m_keeper; }
     const std::string& folder() const noexcept { return m_folder; }
 
 private:
+    static constexpr const char* bare = "template1";  ///< the engine's own
+
     void tell(const std::string& command, const std::string& answer);
     void waitFor(const std::string& answer);
 
@@ -77,12 +87,20 @@ private:
     int m_commands = -1;
     int m_answers = -1;
     unsigned m_databases = 0;
+    std::string m_tables;
+};
+
+/// What is in a test's database at first.
+enum class TestTables {
+    None,  ///< nothing: without any schema
+    Own,   ///< what the host makes in an empty database, where to make it takes long: a program makes it once, and
+           ///< copies bear the same identity; where it does not, nothing
 };
 
 /// A database for one test.
 class PostgresDatabase {
 public:
-    PostgresDatabase() : m_name(PostgresServer::shared().createDatabase()) {}
+    explicit PostgresDatabase(TestTables tables = TestTables::None) : m_name(create(tables)) {}
     ~PostgresDatabase();
     PostgresDatabase(const PostgresDatabase&) = delete;
     PostgresDatabase& operator=(const PostgresDatabase&) = delete;
@@ -97,6 +115,8 @@ public:
     std::string conninfo() const { return PostgresServer::shared().conninfo(m_name); }
 
 private:
+    static std::string create(TestTables tables);
+
     std::string m_name;
 };
 

@@ -12,8 +12,9 @@
 namespace QOR::test {
 
 /// Servers "s1", "s2", ... are started once for a program; an object has a database of its own on each of them, and
-/// home beside that of the first. It is set up as the product does it. Servers that were stopped by one test are those
-/// of the next one: see to it that they go on.
+/// home beside that of the first. It is set up as the product does it; a program does so once for objects that follow
+/// one another, and each has copies of what was made then, under the same names. Servers that were stopped by one test
+/// are those of the next one: see to it that they go on.
 class ShardedPostgres : public TestPlace {
 public:
     /// \param spread false: the databases are there and empty, for who sets them up
@@ -25,7 +26,7 @@ public:
     /// Of home.
     std::string connectionString() const override;
     std::string conninfo() const override;
-    unsigned size() const { return static_cast<unsigned>(m_names.size()); }
+    unsigned size() const;
 
     /// Of the database of a server, counted from 1.
     std::string connectionString(unsigned number) const;
@@ -41,8 +42,9 @@ public:
     void spread(unsigned servers, const std::string& split = {}) const;
 
 private:
-    std::string m_home;
-    std::vector<std::string> m_names;  ///< of the databases
+    class Places;
+
+    std::shared_ptr<Places> m_places;
 };
 
 }  // namespace QOR::test

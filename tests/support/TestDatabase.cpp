@@ -22,6 +22,7 @@ namespace {
 
 class OneServer : public TestPlace {
 public:
+    explicit OneServer(TestTables tables) : m_database(tables) {}
     std::string connectionString() const override { return m_database.connectionString(); }
     std::string conninfo() const override { return m_database.conninfo(); }
 
@@ -38,9 +39,9 @@ TestDatabase::Maker& TestDatabase::makerOfServers() {
     return maker;
 }
 
-TestDatabase::TestDatabase() {
+TestDatabase::TestDatabase(TestTables tables) {
     if (testEngine() != ASEngine::PostgreSQL) return;
-    m_postgres = hasTestServers() ? makerOfServers()() : std::make_unique<OneServer>();
+    m_postgres = hasTestServers() ? makerOfServers()() : std::make_unique<OneServer>(tables);
 }
 
 std::string TestDatabase::connectionString() const {

@@ -39,11 +39,11 @@ public:
     virtual std::string conninfo() const = 0;
 };
 
-/// Empty and without any schema; for SQLite a name of a file that does not exist yet. With servers it is home of some
-/// of its own, made by what ShardedPostgres.cpp registers.
+/// For SQLite a name of a file that does not exist yet. With servers it is home of some of its own, made by what
+/// ShardedPostgres.cpp registers, and has the host's tables.
 class TestDatabase {
 public:
-    TestDatabase();
+    explicit TestDatabase(TestTables tables = TestTables::None);
 
     using Maker = std::function<std::unique_ptr<TestPlace>()>;
     static Maker& makerOfServers();

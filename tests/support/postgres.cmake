@@ -6,7 +6,7 @@ add_library(qor_test_postgres STATIC EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/
                                                       ${CMAKE_CURRENT_LIST_DIR}/TestDatabase.cpp)
 target_include_directories(qor_test_postgres PUBLIC ${PROJECT_SOURCE_DIR}/tests
                            PRIVATE ${QOR_LIBPQ_INCLUDE} ${PROJECT_SOURCE_DIR}/qor/libs)
-target_link_libraries(qor_test_postgres PRIVATE qor_flags qor_test_flags ${QOR_LIBPQ})
+target_link_libraries(qor_test_postgres PRIVATE QOR::qor qor_flags qor_test_flags ${QOR_LIBPQ})
 
 # Servers over which a database's records are spread, for the tests that are to run so as well: their objects register
 # themselves.

@@ -34,7 +34,7 @@ std::string recordsOf(int importer) {
 }
 
 TEST(Importers, ManyAtOnceStoreEveryRecordOnceAndNoneIsRefused) {
-    const TestDatabase stored;
+    const TestDatabase stored(TestTables::Own);
     // Each waits for all others: longer than a request may take by default where a sanitizer makes all of them slow.
     // So does what the agent writes by itself, which would give up after seconds otherwise and say so.
     const AgentProcess agent(

@@ -149,7 +149,7 @@ INSTANTIATE_TEST_SUITE_P(Ways, Maintenance, bothWays, nameOfWay);
 TEST(LongMaintenance, HasNoDeadlineWhileOtherRequestsHaveOne) {
     AgentSettings settings;
     settings.more = {"--deadline", "1"};
-    const TestDatabase database;
+    const TestDatabase database(TestTables::Own);
     settings.database = database.connectionString();
     ASSERT_EQ(runCtl({"sample", "--operations", "10", "--standalone", "--database", settings.database}).status, 0);
     const AgentProcess agent(settings);
@@ -211,7 +211,7 @@ protected:
         EXPECT_EQ(page.out, "pager.op_log.id\r\no0\r\no1\r\n") << "the newest stay";
     }
 
-    TestDatabase m_database;
+    TestDatabase m_database{TestTables::Own};
     AgentSettings m_settings{.database = m_database.connectionString()};
 };
 

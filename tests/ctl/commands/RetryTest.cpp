@@ -60,7 +60,7 @@ protected:
         return runCtl(arguments, input);
     }
 
-    TestDatabase m_database;
+    TestDatabase m_database{TestTables::Own};
     AgentProcess m_agent{settings(m_database)};
     HttpClient m_working{m_agent.socketPath()};
     HttpClient m_waiting{m_agent.socketPath()};

@@ -444,7 +444,7 @@ TEST(Export, IsTheSameOfWhatWasImportedFromItOnAnyEngine) {
     };
     const std::string lines = exported({"--socket", agent.socketPath()});
     const TemporaryDirectory directory;
-    const TestDatabase again;
+    const TestDatabase again(TestTables::Own);
     for (const std::string& database :
          {"Driver=SQLite3;Database=" + (directory / "other.db").string(), again.connectionString()}) {
         const CtlResult result = runOn({"import"}, standalone(database), lines);
@@ -479,7 +479,7 @@ TEST(Times, TheSecondBeforeTheEpochGoesInAndOutAndIsFound) {
 // ---- what no line can hold
 
 TEST(Bytes, OfEveryValueSurviveInDocuments) {
-    const HostDatabase database;
+    const HostDatabase database(TestTables::Own);
     database.open();
     std::string all;
     for (int byte = 0; byte < 256; ++byte)
@@ -520,7 +520,7 @@ TEST(Bytes, OfEveryValueSurviveInDocuments) {
 }
 
 TEST(Nul, IsRefusedByNameInTextsAndKeptInDocuments) {
-    const HostDatabase database;
+    const HostDatabase database(TestTables::Own);
     database.open();
     const auto reason = [](const std::string& line) {
         const QORIngestResult result = QORIngest().importBatch(line);

@@ -35,7 +35,7 @@ protected:
         return names;
     }
 
-    HostDatabase m_database;
+    HostDatabase m_database{TestTables::Own};
 };
 
 TEST_F(SchemaTables, AreAllThatHoldRecordsParentsFirst) {

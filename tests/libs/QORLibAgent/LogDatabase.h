@@ -41,7 +41,7 @@ protected:
     }
     static QORIngestResult import(const std::string& lines) { return QORIngest().importBatch(lines); }
 
-    TestDatabase m_database;
+    TestDatabase m_database{TestTables::Own};
 };
 
 }  // namespace QOR::test

@@ -64,7 +64,7 @@ public:
     ScopedEnvCache envs;
 
 private:
-    TestDatabase m_database;
+    TestDatabase m_database{TestTables::Own};
 };
 
 /// One client of "pager".
