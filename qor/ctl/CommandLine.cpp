@@ -268,6 +268,11 @@ private:
                   [&offset](std::uint64_t rows) { offset = static_cast<std::int64_t>(rows); });
     }
 
+    /// Of commands whose rows may be any number.
+    static void addMany(CLI::App& app, PrintOptions& print) {
+        app.add_flag("--yes{false}", print.asks, "show more than a million rows on a terminal without a question");
+    }
+
     static void addReport(CLI::App& app, ReportOptions& report) {
         app.add_flag("--progress", report.progress, "show progress even where standard error is no terminal");
         app.add_flag("-v,--verbose", report.verbose, "name every refused line");
@@ -341,6 +346,7 @@ private:
                              app->get_option("--sort"), app->get_option("--count"), app->get_option("--until"),
                              addTimeoutOption(*app, m_short.timeout));
             addPrinting(*app, m_shortPrint);
+            addMany(*app, m_shortPrint);
             addConnection(*app, false);
             app->footer("It is qorctl select " + std::string(each.view) + ", which can do more.\n" + exitNote);
         }
@@ -425,6 +431,7 @@ private:
                         "identity, repeatable), or for \"none\"")
             ->type_name("EID");
         addPrinting(*app, m_selectPrint);
+        addMany(*app, m_selectPrint);
         addConnection(*app, false);
         app->footer(std::string(whereNote) + "\n" + exitNote);
     }
@@ -456,6 +463,7 @@ private:
         app->add_option("--client", m_rows.client, "ask as a client without full access, as for select")
             ->type_name("EID");
         addPrinting(*app, m_rowsPrint);
+        addMany(*app, m_rowsPrint);
         addConnection(*app, false);
         app->footer(std::string(rowsNote) + describeSources() + "\n" + exitNote);
     }

@@ -30,6 +30,7 @@ struct PrintOptions {
     std::optional<TimeForm> times{};       ///< in tables; absent: short on a terminal, as answered elsewhere
     std::optional<std::string> zone{};     ///< of times in tables, see useZone()
     bool pages = true;                     ///< on a terminal, through a pager
+    bool asks = true;                      ///< before a terminal gets more rows than anybody reads, see ManyRows
 };
 
 struct TimelineOptions {

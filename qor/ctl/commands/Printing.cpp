@@ -10,6 +10,7 @@
 #include "QORCommon/QORTime.h"
 #include "commands/EnvironmentNames.h"
 #include "output/HeldRows.h"
+#include "output/ManyRows.h"
 #include "output/Pager.h"
 #include "output/TextWidth.h"
 
@@ -44,9 +45,10 @@ bool namesEnvironments(const PrintOptions& print, const ColumnKinds& kinds) {
 /// Counts rows, and remembers the counts for a form that has no place for them.
 class CountKeeper final : public RowSink {
 public:
-    explicit CountKeeper(RowSink& next) : m_next(next) {}
+    CountKeeper(RowSink& next, ManyRows& many, Output& out) : m_next(next), m_many(many), m_out(out) {}
     void begin(std::span<const std::string> names) override { m_next.begin(names); }
     void row(std::span<const Cell> cells) override {
+        m_many.row(m_out);
         ++rows;
         m_next.row(cells);
     }
@@ -59,13 +61,28 @@ public:
 
 private:
     RowSink& m_next;
+    ManyRows& m_many;
+    Output& m_out;
 };
+
+std::optional<std::string> pagerOf(const PrintOptions& print) {
+    const bool pages = print.pages && !print.pattern && print.form->isForPeople;
+    return pages ? pagerCommand() : std::nullopt;
+}
 
 }  // namespace
 
 std::unique_ptr<Output> openOutput(const PrintOptions& print) {
-    const bool pages = print.pages && !print.pattern && print.form->isForPeople;
-    return std::make_unique<PagedOutput>(pages ? pagerCommand() : std::nullopt);
+    return std::make_unique<PagedOutput>(pagerOf(print));
+}
+
+bool isForPerson(const PrintOptions& print) {
+    return print.form->isForPeople && !print.pattern && ::isatty(STDOUT_FILENO) != 0 &&
+           print.times != TimeForm::Answered;
+}
+
+bool asksBeforeMany(const PrintOptions& print) {
+    return print.asks && ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0 && !pagerOf(print);
 }
 
 std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out, ColumnKinds kinds,
@@ -95,12 +112,14 @@ bool tellsKinds(const PrintOptions& print) {
 
 PrintedAnswer printRows(const std::function<std::unique_ptr<AnswerSource>()>& ask, Backend& backend,
                         const PrintOptions& print, AnswerForm form) {
+    ManyRows many(asksBeforeMany(print));
+    many.expect(form.expected);
     const auto output = openOutput(print);
     Output& out = *output;
     const bool names = form.namesEnvironments && namesEnvironments(print, form.kinds);
     const auto environments = std::make_shared<std::map<std::string, std::string>>();
     const auto printer = makePrinter(print, form.counts, out, form.kinds, environments);
-    CountKeeper keeper(*printer);
+    CountKeeper keeper(*printer, many, out);
     HeldRows held(keeper, names ? mostNamedRows : 0);
     ColumnNames shown(std::move(form.shown), held);
     const bool asAnswered = form.columns.empty() || (print.form->isAnswer && !print.pattern);

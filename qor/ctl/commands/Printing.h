@@ -23,6 +23,14 @@ std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Out
 /// Whether values look other by what they are, so that it has to be known what columns hold.
 bool tellsKinds(const PrintOptions& print);
 
+/// Whether what a command says itself is told in units and from now: in forms for people, on a terminal, where exact
+/// times are not asked for.
+bool isForPerson(const PrintOptions& print);
+
+/// Whether a person is asked before a million rows roll by: at a terminal, without a pager, that takes no more than is
+/// looked at.
+bool asksBeforeMany(const PrintOptions& print);
+
 /// What was printed.
 struct PrintedAnswer {
     std::int64_t rows = 0;
@@ -37,6 +45,7 @@ struct AnswerForm {
     ColumnKinds kinds{};                         ///< by the names that are shown, where tellsKinds()
     bool namesEnvironments = true;               ///< beside their identifiers, for a person at a terminal
     std::vector<std::string> client{};           ///< as SelectOptions::client
+    std::int64_t expected = 0;                   ///< rows that are known to come at least
 };
 
 /// Prints an answer onto standard output, counts that the form has no place for beside it.

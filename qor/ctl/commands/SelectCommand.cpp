@@ -9,6 +9,7 @@
 #include "QORQuery/QORQueryField.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "output/ManyRows.h"
 #include "select/SelectAdvice.h"
 
 namespace QOR {
@@ -120,6 +121,37 @@ void expandFields(SelectOptions& options, LazyBackend& backend) {
     options.fields = std::move(fields);
 }
 
+/// Passes the counts on, and no row.
+class CountsAlone final : public RowSink {
+public:
+    void begin(std::span<const std::string>) override {}
+    void row(std::span<const Cell>) override {}
+    void end(const std::optional<RowCounts>& given) override { counts = given; }
+    std::optional<RowCounts> counts;
+};
+
+/// How many rows there are at least, as far as that can be told in no time; 0 where it does not matter.
+std::int64_t expectedRows(LazyBackend& backend, const SelectOptions& options, const PrintOptions& print,
+                          std::int64_t now) {
+    const bool mayBeMany = options.limit == 0 || options.limit > ManyRows::most;
+    if (!mayBeMany || !asksBeforeMany(print)) return 0;
+    SelectOptions first = options;
+    first.limit = 1;
+    first.offset = 0;
+    first.sort.clear();
+    first.count = false;
+    first.counting = "200ms";
+    const SelectRequest request = makeSelectRequest(
+        first, now, [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
+    std::string json;
+    writeRequest(request.envelope, json);
+    CountsAlone rows;
+    const auto answer = backend.get().ask(json);
+    readAnswer(*answer, rows);  // what is wrong is told by the request itself
+    const std::int64_t total = rows.counts ? rows.counts->total - options.offset : 0;
+    return options.limit == 0 ? total : std::min(total, options.limit);
+}
+
 void askSelect(LazyBackend& backend, const SelectOptions& options, const PrintOptions& print, std::int64_t now) {
     SelectRequest request = makeSelectRequest(
         options, now, [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
@@ -139,6 +171,7 @@ void askSelect(LazyBackend& backend, const SelectOptions& options, const PrintOp
     form.kinds = std::move(kinds);
     form.namesEnvironments = !isSameWord(options.view, environmentsView);
     form.client = options.client;
+    form.expected = expectedRows(backend, options, print, now);
     printRows([&] { return backend.get().ask(json); }, backend.get(), print, std::move(form));
 }
 

@@ -3,6 +3,8 @@
 #include "QORCommon/QORTime.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "output/PersonSize.h"
+#include "output/PersonTimes.h"
 
 namespace QOR {
 namespace {
@@ -10,15 +12,28 @@ namespace {
 /// Prints what has a name and a value, a line each.
 class StatusLines {
 public:
-    explicit StatusLines(RowSink& sink) : m_sink(sink) { m_sink.begin(std::array<std::string, 2>{"what", "value"}); }
+    /// \param forPerson in units and from now; else exactly
+    StatusLines(RowSink& sink, bool forPerson) : m_sink(sink), m_forPerson(forPerson), m_now(currentTime()) {
+        m_sink.begin(std::array<std::string, 2>{"what", "value"});
+    }
 
     void add(std::string_view what, std::string_view value) {
         m_sink.row(std::array<Cell, 2>{Cell{Cell::Kind::Text, what}, Cell{Cell::Kind::Text, value}});
     }
     void add(std::string_view what, std::uint64_t value) { add(what, std::to_string(value)); }
 
+    std::string time(std::int64_t seconds) const {
+        return m_forPerson ? showTimeAndAge(seconds, m_now) : time2str(seconds);
+    }
+    std::string duration(std::uint64_t seconds) const {
+        return m_forPerson ? showDuration(seconds) : std::to_string(seconds) + " s";
+    }
+    std::string size(std::uint64_t bytes) const { return m_forPerson ? showSize(bytes) : std::to_string(bytes); }
+
 private:
     RowSink& m_sink;
+    bool m_forPerson;
+    std::int64_t m_now;
 };
 
 void addDatabase(StatusLines& lines, const QORDatabaseStatus& database) {
@@ -35,7 +50,7 @@ void addDatabase(StatusLines& lines, const QORDatabaseStatus& database) {
 void addAgent(StatusLines& lines, const AgentHealth& agent) {
     lines.add("agent", agent.status);
     lines.add("version", agent.version);
-    lines.add("uptime", std::to_string(agent.uptime) + " s");
+    lines.add("uptime", lines.duration(agent.uptime));
     lines.add("connections", agent.connections);
 }
 
@@ -47,15 +62,15 @@ void addLimits(StatusLines& lines, const std::vector<AgentLimit>& limits) {
 
 void addCollected(StatusLines& lines, const std::optional<AgentCollected>& collected) {
     if (!collected) return lines.add("last collection", "none since the start");
-    lines.add("last collection", time2str(collected->time));
+    lines.add("last collection", lines.time(collected->time));
     if (!collected->failure.empty()) lines.add("what it failed with", collected->failure);
 }
 
-std::string describeCollector(const AgentCollector& collector) {
+std::string describeCollector(const StatusLines& lines, const AgentCollector& collector) {
     std::string text;
-    if (collector.every) text = "every " + std::to_string(*collector.every) + " s; ";
+    if (collector.every) text = "every " + lines.duration(*collector.every) + "; ";
     if (collector.outcome.empty()) return text + "has not run yet";
-    text += collector.outcome + " at " + time2str(collector.time) + ": ";
+    text += collector.outcome + " at " + lines.time(collector.time) + ": ";
     if (!collector.failure.empty()) return text + collector.failure;
     if (collector.outcome == "none") return text + "there is no " + collector.source;
     return text + "brought " + std::to_string(collector.records);
@@ -65,12 +80,12 @@ std::string describeCollector(const AgentCollector& collector) {
 void addCollectors(StatusLines& lines, const std::vector<AgentCollector>& collectors) {
     for (const AgentCollector& collector : collectors) {
         if (collector.every || !collector.outcome.empty())
-            lines.add("collector " + collector.name, describeCollector(collector));
+            lines.add("collector " + collector.name, describeCollector(lines, collector));
     }
 }
 
 void addRecords(StatusLines& lines, const QORDatabaseStatus& database) {
-    lines.add("bytes", database.bytes);
+    lines.add("bytes", lines.size(database.bytes));
     if (!database.records) return lines.add("records", "not known");
     for (const QORViewRecords& view : *database.records)
         lines.add("rows of " + view.view, view.records);
@@ -92,9 +107,9 @@ void addForwarding(StatusLines& lines, const AgentForwarding& forwarding) {
     if (!forwarding.away.empty()) lines.add("not counting what is new at", forwarding.away);
     lines.add("seconds behind", forwarding.seconds);
     lines.add("records refused there", forwarding.refused);
-    lines.add("last success", forwarding.lastSuccess ? time2str(*forwarding.lastSuccess) : "none yet");
+    lines.add("last success", forwarding.lastSuccess ? lines.time(*forwarding.lastSuccess) : "none yet");
     if (!forwarding.lastFailure) return;
-    lines.add("last failure", time2str(*forwarding.lastFailure));
+    lines.add("last failure", lines.time(*forwarding.lastFailure));
     lines.add("last error", forwarding.lastError);
 }
 
@@ -105,7 +120,7 @@ void runStatus(const ConnectionOptions& connection, const PrintOptions& print) {
     const auto output = openOutput(print);
     Output& out = *output;
     const auto printer = makePrinter(print, false, out);
-    StatusLines lines(*printer);
+    StatusLines lines(*printer, isForPerson(print));
     if (status.agent) addAgent(lines, *status.agent);
     if (status.agent) addLimits(lines, status.limits);
     if (status.agent) addCollected(lines, status.collected);

@@ -14,6 +14,7 @@
 
 #include "QORCommon/QORText.h"
 #include "host/QORHostPaths.h"
+#include "output/PersonSize.h"
 #include "process/ProgramOutput.h"
 
 namespace QOR {
@@ -41,12 +42,6 @@ std::vector<std::string> driverNames() {
     }
     ::SQLFreeHandle(SQL_HANDLE_ENV, environment);
     return names;
-}
-
-/// "12.3 GiB".
-std::string gibibytes(std::uintmax_t bytes) {
-    const std::uintmax_t tenths = bytes * 10 >> 30;
-    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " GiB";
 }
 
 }  // namespace
@@ -98,7 +93,7 @@ Finding checkDisk(const fs::path& file) {
     const std::uintmax_t free = std::uintmax_t{disk.f_bavail} * disk.f_frsize;
     const bool isLittle =
         free < littleRoom || static_cast<double>(disk.f_bavail) < littleShare * static_cast<double>(disk.f_blocks);
-    const std::string found = gibibytes(free) + " are free at " + file.string();
+    const std::string found = showSize(free) + " are free at " + file.string();
     if (!isLittle) return {Level::Fine, "disk", found};
     return {Level::Advice, "disk", found, "qorctl prune --before 90d --compact, or give it more room"};
 }

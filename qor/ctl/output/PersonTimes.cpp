@@ -62,6 +62,26 @@ void useZone(const std::string& name) {
     ::tzset();
 }
 
+std::string showTimeAndAge(std::int64_t seconds, std::int64_t now) {
+    return inZone(seconds, false) + " (" + relative(seconds, now) + ')';
+}
+
+std::string showDuration(std::uint64_t seconds) {
+    struct Part {
+        std::uint64_t seconds;
+        const char* name;
+    };
+    constexpr std::array<Part, 4> parts{{{86400, " d"}, {3600, " h"}, {60, " min"}, {1, " s"}}};
+    std::string text;
+    for (const Part& part : parts) {
+        const bool isSecond = !text.empty();
+        if (seconds >= part.seconds) text += (isSecond ? " " : "") + std::to_string(seconds / part.seconds) + part.name;
+        seconds %= part.seconds;
+        if (isSecond) break;
+    }
+    return text.empty() ? "0 s" : text;
+}
+
 std::string showTime(std::string_view text, TimeForm form, std::int64_t now) {
     const auto seconds = form == TimeForm::Answered ? std::nullopt : parseTime(text);
     if (!seconds) return std::string(text);

@@ -19,6 +19,12 @@ enum class TimeForm : std::uint8_t {
 /// the machine's database of zones, "Europe/Paris". Before any other thread runs. \throws CtlError BadUsage for others
 void useZone(const std::string& name);
 
+/// "2024-05-01 12:15:00 (3 h ago)" in the process's zone.
+std::string showTimeAndAge(std::int64_t seconds, std::int64_t now);
+
+/// In the largest two units of which there are some: "3 d 4 h".
+std::string showDuration(std::uint64_t seconds);
+
 /// \param text a time as answers have it; any other comes back as it is \param now seconds since the epoch
 std::string showTime(std::string_view text, TimeForm form, std::int64_t now);
 

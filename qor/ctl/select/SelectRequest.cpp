@@ -41,6 +41,7 @@ public:
         addPage(m_at, m_options.limit, m_options.offset);
         addTimeout(m_at, m_options.timeout);
         if (m_options.count) addFlag(tag::statistics);
+        if (!m_options.counting.empty()) requireRoom(m_at.putValue(m_options.counting, tag::count));
         addClient();
         for (QORQueryField& field : m_fields) {
             std::string name = m_request.ordered ? answerName(field) : field.column;

@@ -24,6 +24,7 @@ struct SelectOptions {
     std::int64_t offset = 0;                ///< rows before the page
     std::optional<std::int64_t> timeout{};  ///< seconds within which the answer must come
     bool count = false;
+    std::string counting{};  ///< how far all rows are counted, as a request says it; empty: not by this
     bool distinct = false;
     /// Ask as a client without full access that stands for these environments, the first being its own identity; the
     /// word "none" alone is a client without identities. Empty: ask as oneself.

@@ -8,6 +8,7 @@
 
 #include "ctl/BothWays.h"
 #include "rdbmspp/pool/QORRdbms.h"
+#include "support/LargeView.h"
 
 namespace QOR::test {
 namespace {
@@ -453,8 +454,9 @@ struct TerminalResult {
     std::string out;  ///< both streams, lines end with CR LF
 };
 
-/// Runs qorctl on a terminal of 10 lines. \param variables "NAME=VALUE" of its environment
-TerminalResult runOnTerminal(Words command, unsigned short columns, Words variables) {
+/// Runs qorctl on a terminal of 10 lines. \param variables "NAME=VALUE" of its environment \param answer what is typed
+/// when it asks
+TerminalResult runOnTerminal(Words command, unsigned short columns, Words variables, std::string_view answer = {}) {
     ::winsize size{};
     size.ws_col = columns;
     size.ws_row = 10;
@@ -475,8 +477,11 @@ TerminalResult runOnTerminal(Words command, unsigned short columns, Words variab
     }
     std::string out;
     char block[4096];
-    for (ssize_t got = 0; (got = ::read(terminal, block, sizeof block)) > 0;)
+    for (ssize_t got = 0; (got = ::read(terminal, block, sizeof block)) > 0;) {
         out.append(block, static_cast<std::size_t>(got));
+        if (!out.ends_with("[y/N] ")) continue;
+        EXPECT_EQ(::write(terminal, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
+    }
     int status = 0;
     ::waitpid(child, &status, 0);
     ::close(terminal);
@@ -513,6 +518,14 @@ TEST_P(Command, ATableOnATerminalIsForPeople) {
     EXPECT_THAT(
         runOnTerminal(machine, 80, {"QOR_PAGER=false", "TERM=xterm"}).out,
         StartsWith("time,package,eid\r\r\n2024-01-01T10:00:00+0000,zlib,11111111-1111-1111-1111-111111111111\r\r\n"));
+}
+
+TEST_P(Command, StatusOnATerminalIsToldInUnits) {
+    const std::string shown = runOnTerminal(where({"status"}), 200, {"QOR_PAGER="}).out;
+    EXPECT_THAT(shown, ContainsRegex("bytes +[0-9]+\\.[0-9] [KM]iB"));
+    const std::string exact = runOnTerminal(where({"status", "-o", "csv"}), 200, {"QOR_PAGER="}).out;
+    EXPECT_THAT(exact, ContainsRegex("bytes,[0-9]+\r"));
+    EXPECT_THAT(outputOf({"status"}), ContainsRegex("bytes +[0-9]+\n"));
 }
 
 TEST_P(Command, LongTablesGoThroughThePersonsPager) {
@@ -563,6 +576,29 @@ private:
         return arguments;
     }
 };
+
+TEST_F(Standalone, ATerminalGetsMoreThanAMillionRowsWhenThePersonWantsThem) {
+    constexpr int rows = 1'000'001;
+    makeLargeView(m_database.connectionString(), rows, rows);
+    const Words select = with({"select", "vMany", "-f", "id", "--no-header", "-o", "csv"});
+    const std::string last = std::to_string(rows) + "\r";
+    const auto runWith = [&](const Words& more, std::string_view answer) {
+        Words command = select;
+        command.insert(command.end(), more.begin(), more.end());
+        return runOnTerminal(command, 80, {"QOR_PAGER="}, answer);
+    };
+    const TerminalResult refused = runWith({}, "n\n");
+    EXPECT_EQ(refused.status, 0);
+    EXPECT_THAT(refused.out, HasSubstr("[y/N] "));
+    EXPECT_EQ(refused.out.find(last), std::string::npos);
+    EXPECT_NE(runWith({}, "y\n").out.find(last), std::string::npos);
+    EXPECT_EQ(runWith({}, "\x03").status, 130);
+    for (const Words& more : {Words{"--yes"}, Words{"--limit", "1000000"}})
+        EXPECT_EQ(runWith(more, "n\n").out.find("[y/N]"), std::string::npos);
+    const CtlResult piped = runCtl(select);
+    EXPECT_EQ(piped.err, "");
+    EXPECT_TRUE(piped.out.ends_with(last + "\n"));
+}
 
 TEST_F(Standalone, TheSameSeedMakesTheSameSample) {
     const Words ask{"sample", "--environments", "5", "--operations", "50", "--events",
