@@ -122,6 +122,28 @@ TEST_F(CgroupCollectorTest, ProcessorTimeThatIsWithheldIsAnAlertByItsShare) {
     EXPECT_EQ(alerts(), wanted);
 }
 
+TEST_F(CgroupCollectorTest, ProcessorTimeThatPassesIsNoNewPosition) {
+    const auto throttle = [this](int periods, int throttled) {
+        write("job/cpu.stat",
+              "nr_periods " + std::to_string(periods) + "\nnr_throttled " + std::to_string(throttled) + "\n");
+        collect();
+    };
+    begin();
+    kill("job", 1);
+    throttle(100, 1);
+    collect();
+    for (int quiet = 0; quiet < 10; ++quiet)
+        collect();
+    const std::string settled = position();
+    EXPECT_EQ(alerts().size(), 2U);
+    throttle(200, 2);
+    throttle(1000, 3);
+    EXPECT_EQ(position(), settled);
+    throttle(1100, 53);
+    EXPECT_EQ(alerts().size(), 3U) << "half of the time since the last run, though little since the position";
+    EXPECT_NE(position(), settled);
+}
+
 TEST_F(CgroupCollectorTest, ManyAlertsAreToldInSeveralRuns) {
     begin();
     for (int group = 100; group < 350; ++group)

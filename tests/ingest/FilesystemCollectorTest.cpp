@@ -81,6 +81,18 @@ TEST(MountTable, EachFileSystemHasOnePlace) {
               (std::vector<std::string>{"/whole", "/only/a/part", "/hidden", "/", "/run"}));
 }
 
+TEST(MountTable, BelowAFolderTheyHaveThePathsThatTheyHaveThere) {
+    const std::vector<Mount> mounts = mountsOf(
+        "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n"
+        "2 0 8:2 / /srv rw - ext4 /dev/sda2 rw\n"
+        "3 0 8:3 / /srv/tree/home rw - ext4 /dev/sda3 rw\n"
+        "4 0 8:4 / /srv/trees rw - ext4 /dev/sda4 rw\n");
+    EXPECT_EQ(pointsOf(mountsBelow(mounts, "/srv/tree")), (std::vector<std::string>{"/", "/home"}));
+    EXPECT_EQ(mountsBelow(mounts, "/srv/tree")[0].device, "8:2") << "that one holds the folder";
+    EXPECT_EQ(pointsOf(mountsBelow(mounts, "/srv/trees")), std::vector<std::string>{"/"});
+    EXPECT_EQ(pointsOf(mountsBelow(mounts, "/")), pointsOf(mounts));
+}
+
 /// Mounts that answer when they are let.
 class SlowMounts {
 public:
@@ -220,16 +232,62 @@ TEST_F(FilesystemCollectorTest, WhatIsUnmountedHasNoAlert) {
     answer(dataPoint, {.bytes = 100});
     answer("none", {});
     answer("broken", {.error = ENOTCONN});
-    const QORCollectResult result = collect();
-    EXPECT_EQ(result.outcome, QORCollectOutcome::Failed);
-    EXPECT_THAT(result.text, testing::HasSubstr("it cannot read /broken: "));
-    answer("broken", {.error = EACCES});
-    EXPECT_EQ(collect().outcome, QORCollectOutcome::Done) << "others may look there";
-    EXPECT_EQ(alerts().size(), 1U);
+    EXPECT_EQ(collect().outcome, QORCollectOutcome::Done);
+    EXPECT_EQ(alerts().size(), 2U);
     mount("");
     EXPECT_EQ(collect().outcome, QORCollectOutcome::Done);
     EXPECT_EQ(alerts().back(), alert("space", "cleared", "<mount>/srv/a b\xef\xbf\xbd</mount>"));
+    EXPECT_EQ(alerts().size(), 4U);
     EXPECT_EQ(position(), "");
+}
+
+TEST_F(FilesystemCollectorTest, AMountThatAnswersWithAnErrorIsAnAlertUntilItAnswersWell) {
+    mount("3 0 0:10 / /broken rw - fuse x rw\n");
+    const std::string broken = "<mount>/broken</mount><type>fuse</type><device>x</device>";
+    std::vector<Row> wanted;
+    const auto says = [&](int error) {
+        answer("broken", {.error = error});
+        EXPECT_EQ(collect().outcome, QORCollectOutcome::Done);
+        EXPECT_EQ(alerts(), wanted) << error;
+    };
+    says(EACCES);  // others may look there
+    wanted.push_back(alert("mount", "raised", broken + "<error>Input/output error</error>"));
+    says(EIO);
+    says(ESTALE);
+    EXPECT_EQ(position(), "mount:/broken");
+    wanted.push_back(alert("mount", "cleared", broken));
+    says(0);
+}
+
+TEST_F(FilesystemCollectorTest, WhatTurnsReadOnlyKeepsItsAlerts) {
+    mount("1 0 8:1 / /data rw - ext4 /dev/sda1 rw\n2 0 8:2 / /other rw - ext4 /dev/sda2 rw\n");
+    answer("data", {.bytes = 100});
+    answer("other", {.bytes = 100, .freeBytes = 50});
+    collect();
+    EXPECT_EQ(alerts().size(), 1U);
+    mount("1 0 8:1 / /data ro - ext4 /dev/sda1 ro\n2 0 8:2 / /other ro - ext4 /dev/sda2 ro\n");
+    answer("other", {.bytes = 100});
+    collect();
+    EXPECT_EQ(alerts().size(), 1U) << "nothing has become better, and nobody can fill the other one";
+    EXPECT_EQ(position(), "space:/data");
+    answer("data", {.bytes = 100, .freeBytes = 50});
+    collect();
+    EXPECT_EQ(alerts().size(), 2U) << "it is asked as long as it has an alert";
+    EXPECT_EQ(position(), "");
+}
+
+TEST_F(FilesystemCollectorTest, OfAnotherRootTheMountsThatAreSeenThereAreAsked) {
+    std::filesystem::remove_all(m_root / "proc");
+    std::filesystem::create_directory_symlink("/proc", m_root / "proc");  // as in a tree that is mounted with its proc
+    const auto asked = std::make_shared<std::vector<std::string>>();
+    FilesystemCollector asking(
+        [asked](const std::string& path) {
+            asked->push_back(path);
+            return MountRoom{};
+        },
+        {std::chrono::hours(1), std::chrono::hours(2)});
+    EXPECT_EQ(test::runOnce(asking, m_root.path()).outcome, QORCollectOutcome::Done);
+    EXPECT_EQ(*asked, std::vector<std::string>{(m_root.path() / "").string()});
 }
 
 TEST_F(FilesystemCollectorTest, AMountThatHangsIsAnAlertUntilItComesBack) {

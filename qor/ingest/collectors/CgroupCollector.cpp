@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -48,6 +50,8 @@ constexpr double throttledCleared = 10;
 constexpr std::size_t mostGroups = 10'000;  ///< that are looked at
 constexpr std::size_t mostAlerts = 100;     ///< that are told in a run; the rest in the next ones
 constexpr std::string_view quietMark = "quiet:";
+constexpr std::string_view throttledMark = "throttled:";
+constexpr std::string_view periodsMark = "periods:";
 
 /// Lines such as "oom_kill 3". Empty where there is no such file.
 Counters readCounters(const fs::path& path) {
@@ -85,6 +89,18 @@ std::string textOf(const Counters& counters) {
     return text;
 }
 
+bool isOfTime(std::string_view key) {
+    return key.starts_with(throttledMark) || key.starts_with(periodsMark);
+}
+
+/// Those of processor time, or the others.
+Counters pick(const Counters& counters, bool ofTime) {
+    Counters some;
+    std::copy_if(counters.begin(), counters.end(), std::inserter(some, some.end()),
+                 [&](const auto& counter) { return isOfTime(counter.first) == ofTime; });
+    return some;
+}
+
 std::uint64_t valueOf(const Counters& counters, std::string_view key) {
     const auto found = counters.find(key);
     return found == counters.end() ? 0 : found->second;
@@ -97,12 +113,15 @@ std::uint64_t growthOf(std::uint64_t before, std::uint64_t now) {
 
 class CgroupReading {
 public:
-    explicit CgroupReading(QORCollection& collection)
+    CgroupReading(QORCollection& collection, CgroupCollector::Memory& memory)
         : m_collection(collection),
+          m_memory(memory),
           m_folder(collection.root() / "sys/fs/cgroup"),
           m_isFirst(collection.position().empty()),
           m_alerts(collection, "cgroups", firstLine(collection.position())),
-          m_before(countersOf(secondLine(collection.position()))) {}
+          m_raisedBefore(m_alerts.raised()),
+          m_before(countersOf(secondLine(collection.position()))),
+          m_timesBefore(memory.position == collection.position() ? memory.times : pick(m_before, true)) {}
 
     /// \returns false where there are no groups of version 2
     bool read() {
@@ -113,11 +132,19 @@ public:
         if (m_collection.isStopping()) return true;
         m_alerts.clearUnless([this](const std::string& key) { return m_seen.contains(key); },
                              [](const std::string& key) { return infoOfGone(key); });
-        m_collection.setPosition(m_alerts.raised() + "\n" + textOf(m_now));
+        remember();
         return true;
     }
 
 private:
+    void remember() {
+        const bool isSame =
+            !m_isFirst && m_alerts.raised() == m_raisedBefore && pick(m_now, false) == pick(m_before, false);
+        m_memory.position = isSame ? m_collection.position() : m_alerts.raised() + "\n" + textOf(m_now);
+        m_memory.times = pick(m_now, true);
+        m_collection.setPosition(m_memory.position);
+    }
+
     static std::string_view firstLine(std::string_view position) { return position.substr(0, position.find('\n')); }
     static std::string_view secondLine(std::string_view position) {
         const std::size_t end = position.find('\n');
@@ -185,10 +212,10 @@ private:
     }
 
     void throttle(const std::string& group, std::uint64_t periods, std::uint64_t throttled) {
-        const std::string key = keyOf("throttled", group);
-        const std::string keyOfPeriods = keyOf("periods", group);
-        const std::uint64_t periodsBefore = valueOf(m_before, keyOfPeriods);
-        const std::uint64_t throttledBefore = valueOf(m_before, key);
+        const std::string key = std::string(throttledMark) + escapePath(group);
+        const std::string keyOfPeriods = std::string(periodsMark) + escapePath(group);
+        const std::uint64_t periodsBefore = valueOf(m_timesBefore, keyOfPeriods);
+        const std::uint64_t throttledBefore = valueOf(m_timesBefore, key);
         if (!mayTell(key)) {
             keep(keyOfPeriods, periodsBefore);
             return keep(key, throttledBefore);
@@ -241,10 +268,13 @@ private:
     }
 
     QORCollection& m_collection;
+    CgroupCollector::Memory& m_memory;
     const fs::path m_folder;
     const bool m_isFirst;
     CollectedAlerts m_alerts;
+    const std::string m_raisedBefore;
     const Counters m_before;
+    const Counters m_timesBefore;
     Counters m_now;
     std::set<std::string> m_seen;  ///< keys of what there is
     std::size_t m_told = 0;
@@ -256,7 +286,7 @@ CgroupCollector::CgroupCollector()
     : QORCollector({.name = "cgroups", .source = "/sys/fs/cgroup", .every = std::chrono::seconds(30)}) {}
 
 bool CgroupCollector::collect(QORCollection& collection) {
-    return CgroupReading(collection).read();
+    return CgroupReading(collection, m_memory).read();
 }
 
 }  // namespace QOR

@@ -1,5 +1,8 @@
 #include "ingest/collectors/FilesystemCollector.h"
 
+#include <linux/magic.h>
+#include <sys/vfs.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -44,7 +47,13 @@ double shareOf(std::uint64_t part, std::uint64_t whole) {
 
 /// Who asks may not look there; or it has been unmounted since.
 bool isNobodysBusiness(int error) {
-    return error == EACCES || error == EPERM || error == ENOENT;
+    return error == EACCES || error == EPERM || error == ENOENT || error == ENOTDIR;
+}
+
+/// Whether the kernel itself tells there. Other trees are recorded.
+bool isOfKernel(const std::filesystem::path& proc) {
+    struct statfs status {};
+    return ::statfs(proc.c_str(), &status) == 0 && status.f_type == PROC_SUPER_MAGIC;
 }
 
 class FilesystemReading {
@@ -58,11 +67,12 @@ public:
 
     /// \returns false where the kernel does not tell
     bool read() {
-        std::ifstream file(m_collection.root() / "proc/self/mountinfo", std::ios::binary);
-        if (!file) return false;
-        std::uint64_t malformed = 0;
-        const std::vector<Mount> mounts = mountsWithRoom(readMounts(file, malformed));
-        m_collection.passOver(malformed);
+        const std::optional<std::vector<Mount>> all = readTable();
+        if (!all) return false;
+        const std::vector<Mount> mounts = mountsWithRoom(*all, [this](const Mount& mount) {
+            return std::any_of(resources.begin(), resources.end(),
+                               [&](std::string_view resource) { return m_alerts.isRaised(keyOf(resource, mount)); });
+        });
         clearUnmounted(mounts);
         for (const Mount& mount : mounts) {
             if (m_collection.isStopping()) break;
@@ -73,22 +83,35 @@ public:
     }
 
 private:
+    std::optional<std::vector<Mount>> readTable() const {
+        const std::filesystem::path& root = m_collection.root();
+        std::ifstream file(root / "proc/self/mountinfo", std::ios::binary);
+        if (!file) return std::nullopt;
+        std::uint64_t malformed = 0;
+        std::vector<Mount> mounts = readMounts(file, malformed);
+        m_collection.passOver(malformed);
+        // The kernel tells a process what that one sees, whichever tree it is asked through.
+        std::error_code error;
+        const std::filesystem::path folder = std::filesystem::canonical(root, error);
+        return !error && isOfKernel(root / "proc") ? mountsBelow(mounts, folder.string()) : mounts;
+    }
+
     void ask(const Mount& mount) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(m_end - Clock::now());
         if (left <= std::chrono::milliseconds(0)) return;
         const std::filesystem::path path = m_collection.root() / std::filesystem::path(mount.point).relative_path();
         const std::optional<MountRoom> room =
             m_probes.ask(mount.device + " " + mount.point, path.string(), std::min(m_patience.each, left));
-        tell(answering, mount, m_alerts.judge(keyOf(answering, mount), !room, room.has_value()));
-        if (room) judge(mount, *room);
+        const bool answers = room && (room->error == 0 || isNobodysBusiness(room->error));
+        if (const auto news = m_alerts.judge(keyOf(answering, mount), !answers, answers)) {
+            QORInfo info = infoOf(answering, mount, *news);
+            if (room && !answers) addText(info, "error", std::generic_category().message(room->error));
+            m_alerts.tell(keyOf(answering, mount), *news, std::move(info));
+        }
+        if (room && room->error == 0) judge(mount, *room);
     }
 
     void judge(const Mount& mount, const MountRoom& room) {
-        if (room.error != 0) {
-            if (isNobodysBusiness(room.error)) return;
-            m_collection.cannotRead(toUtf8(mount.point) + ": " + std::generic_category().message(room.error));
-            return;
-        }
         if (room.bytes > 0) {
             const double share = shareOf(room.freeBytes, room.bytes);
             const bool little = share < littleShare && room.freeBytes < littleBytes;
@@ -103,9 +126,6 @@ private:
         }
     }
 
-    void tell(std::string_view resource, const Mount& mount, std::optional<bool> news) {
-        if (news) m_alerts.tell(keyOf(resource, mount), *news, infoOf(resource, mount, *news));
-    }
     void tell(std::string_view resource, const Mount& mount, std::optional<bool> news, double share,
               std::uint64_t left) {
         if (!news) return;

@@ -11,8 +11,9 @@
 namespace QOR {
 
 /// Asks each file system that is mounted (mountsWithRoom()) how much room it has. Little room for bytes or for files is
-/// an alert (CollectedAlerts), and so is a mount that does not answer, which is asked again when it has come back. The
-/// position names the alerts that are raised: "space:/srv/a\040b".
+/// an alert (CollectedAlerts), and so is a mount that answers with an error, or does not answer, which is asked again
+/// when it has come back. The position names the alerts that are raised: "space:/srv/a\040b". A file system that turns
+/// read-only keeps its alerts, and is asked as long as it has any.
 class FilesystemCollector final : public QORCollector {
 public:
     /// How long it waits.

@@ -55,6 +55,11 @@ std::optional<Mount> readMount(std::string_view line) {
                  unescapePath(*(dash + 1)), unescapePath(*(dash + 2)), hasOption(*(dash + 3), "ro")};
 }
 
+bool isWithin(std::string_view path, std::string_view folder) {
+    if (folder == "/" || path == folder) return true;
+    return path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/';
+}
+
 }  // namespace
 
 std::vector<Mount> readMounts(std::istream& lines, std::uint64_t& malformed) {
@@ -69,12 +74,32 @@ std::vector<Mount> readMounts(std::istream& lines, std::uint64_t& malformed) {
     return mounts;
 }
 
-std::vector<Mount> mountsWithRoom(const std::vector<Mount>& mounts) {
+std::vector<Mount> mountsBelow(const std::vector<Mount>& mounts, std::string_view folder) {
+    if (folder == "/") return mounts;
+    std::vector<Mount> below;
+    const Mount* holder = nullptr;
+    for (const Mount& mount : mounts) {
+        if (isWithin(folder, mount.point)) {
+            if (holder == nullptr || mount.point.size() >= holder->point.size()) holder = &mount;
+        } else if (isWithin(mount.point, folder)) {
+            below.push_back(mount);
+            below.back().point.erase(0, folder.size());
+        }
+    }
+    if (holder == nullptr) return below;
+    below.insert(below.begin(), *holder);
+    below.front().point = "/";
+    return below;
+}
+
+std::vector<Mount> mountsWithRoom(const std::vector<Mount>& mounts,
+                                  const std::function<bool(const Mount&)>& isWatched) {
     std::vector<Mount> chosen;
     for (auto mount = mounts.begin(); mount != mounts.end(); ++mount) {
         const bool isHidden =
             std::any_of(mount + 1, mounts.end(), [&](const Mount& later) { return later.point == mount->point; });
-        if (isHidden || mount->readOnly || isPseudo(*mount)) continue;
+        if (isHidden || isPseudo(*mount)) continue;
+        if (mount->readOnly && !(isWatched && isWatched(*mount))) continue;
         const auto same = std::find_if(chosen.begin(), chosen.end(),
                                        [&](const Mount& other) { return other.device == mount->device; });
         if (same == chosen.end()) {
