@@ -15,18 +15,17 @@ std::string readCollectorPosition(const QOREID& machine, std::string_view collec
     return position;
 }
 
-void storeCollectorPosition(const QOREID& machine, std::string_view collector, std::string_view position) {
+void storeCollectorPosition(ASSession& session, const QOREID& machine, std::string_view collector,
+                            std::string_view position) {
     const std::string eid = machine.toString();
-    QORRdbms::instance().write([&](ASSession& session) {
-        session
-            .prepare("INSERT INTO qor_collector_position (machine, collector, position) VALUES (" +
-                     ASDialect::of(session.engine()).guid("?") +
-                     ", ?, ?) ON CONFLICT (machine, collector) DO UPDATE SET position = excluded.position")
-            .bind(1, std::string_view(eid))
-            .bind(2, collector)
-            .bind(3, position)
-            .execute(ASTriggers::Skip);
-    });
+    session
+        .prepare("INSERT INTO qor_collector_position (machine, collector, position) VALUES (" +
+                 ASDialect::of(session.engine()).guid("?") +
+                 ", ?, ?) ON CONFLICT (machine, collector) DO UPDATE SET position = excluded.position")
+        .bind(1, std::string_view(eid))
+        .bind(2, collector)
+        .bind(3, position)
+        .execute(ASTriggers::Skip);
 }
 
 }  // namespace QOR

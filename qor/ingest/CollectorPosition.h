@@ -9,9 +9,12 @@
 
 namespace QOR {
 
+class ASSession;
+
 /// \returns "" where nothing has been kept \throws AException
 std::string readCollectorPosition(const QOREID& machine, std::string_view collector);
-/// \throws AException
-void storeCollectorPosition(const QOREID& machine, std::string_view collector, std::string_view position);
+/// In the caller's transaction. \throws AException
+void storeCollectorPosition(ASSession& session, const QOREID& machine, std::string_view collector,
+                            std::string_view position);
 
 }  // namespace QOR

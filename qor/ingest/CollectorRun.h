@@ -30,12 +30,14 @@ public:
     void cannotRead(std::string what) override { m_result.unreadable.push_back(std::move(what)); }
     void passOver(std::uint64_t lines) override { m_result.malformed += lines; }
 
-    /// Stores the rest, unless it was told to end, and how far it came when everything has been stored. \param failure
+    /// Stores the rest, unless it was told to end, and how far it came when everything has been stored: in one
+    /// transaction, so that a crash in between does not have the next run tell alerts again. \param failure
     /// why the collector gave up; empty where it did not \throws what storing threw, when the collector ran or now
     QORCollectResult end(const std::string& failure);
 
 private:
-    void flush();
+    void flush(const QORStoredBeside& beside = {});
+    void storeRest(const QORStoredBeside& position);
 
     const std::string m_collector;
     const QORCollectOptions& m_options;

@@ -182,7 +182,8 @@ public:
         return std::move(m_result);
     }
 
-    QORIngestResult run(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop) {
+    QORIngestResult run(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop,
+                        const QORStoredBeside& beside) {
         for (std::size_t at = 0; at < records.size() && !m_result.failure && !isStopped(stop);) {
             const auto batch =
                 records.subspan(at, std::min(std::max<std::size_t>(m_options.batchRecords, 1), records.size() - at));
@@ -192,10 +193,11 @@ public:
             m_batch.assign(batch.begin(), batch.end());
             for (QORRecord& record : m_batch)
                 stamp(record);
+            at += batch.size();
+            if (at == records.size()) m_beside = beside;
             write(m_batch, keepEqual);
             m_batch.clear();
             m_lines.clear();
-            at += batch.size();
         }
         if (m_spread) SpreadBatch::clearUp(m_clearsAll);
         return std::move(m_result);
@@ -341,6 +343,7 @@ private:
             written.counts = storeBatch(session, batch, keepEqual);
             if (m_options.scope != nullptr) checkNothingCame(written.counts, batch, owners);
             if (m_ledger) m_ledger->put(session, resultWith(written.counts), isNew);
+            if (m_beside) m_beside(session);
         });
         return written;
     }
@@ -365,6 +368,7 @@ private:
         if (written.elsewhere) return written;
         spread.storeParts(m_ledger ? &*m_ledger : nullptr, m_doneLine);
         written.counts = spread.counts();
+        if (m_beside) QORRdbms::instance().write(m_beside);
         if (!m_ledger) return written;
         QORRdbms::instance().write([&](ASSession& home) {
             written.elsewhere.reset();
@@ -413,6 +417,7 @@ private:
     std::optional<RequestLedger> m_ledger;
     std::uint64_t m_doneLine = 0;  ///< up to here the request is stored
     bool m_spread = false;         ///< servers have stored parts of it
+    QORStoredBeside m_beside;      ///< of the present batch
     bool m_clearsAll = false;      ///< that they need not keep, at once
 };
 
@@ -447,11 +452,12 @@ QORIngestResult QORIngest::importBatch(std::string_view lines, std::uint64_t fir
     return run.run(reader, {});
 }
 
-QORIngestResult QORIngest::store(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop) {
+QORIngestResult QORIngest::store(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop,
+                                 const QORStoredBeside& beside) {
     const QORIngestProgress none;
     Run run(m_options, none);
     if (m_options.scope != nullptr) run.judge(records);
-    return run.run(records, keepEqual, stop);
+    return run.run(records, keepEqual, stop, beside);
 }
 
 }  // namespace QOR

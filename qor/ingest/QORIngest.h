@@ -18,6 +18,7 @@
 
 namespace QOR {
 
+class ASSession;
 struct QORWriteScope;
 
 struct QORIngestOptions {
@@ -93,6 +94,9 @@ struct QORIngestRequest {
 /// Called after each batch.
 using QORIngestProgress = std::function<void(const QORIngestResult&)>;
 
+/// What else is stored with records, in the given transaction, which may have to be run again.
+using QORStoredBeside = std::function<void(ASSession& session)>;
+
 /// Writes through QORRdbms, whose database must be open for writing. An object is used by one thread at a time;
 /// several objects may write at once, the database makes them take turns.
 ///
@@ -116,7 +120,10 @@ public:
                                 const QORIngestRequest* request = nullptr);
     /// Stores records that were made rather than read; the numbers of "lines" are their positions from 1.
     /// \param keepEqual operations that are stored already with the same status and message are left alone
-    QORIngestResult store(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop = {});
+    /// \param beside called in the transaction of the last batch; where several servers keep the records, in one behind
+    /// it
+    QORIngestResult store(std::span<const QORRecord> records, bool keepEqual, const std::stop_token& stop = {},
+                          const QORStoredBeside& beside = {});
 
 private:
     class Run;

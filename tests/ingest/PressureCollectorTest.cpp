@@ -64,6 +64,27 @@ TEST_F(PressureCollectorTest, AnAlertIsRaisedOnceAndClearedBelowALowerBound) {
     EXPECT_EQ(queryText("SELECT position FROM qor_collector_position"), "memory");
 }
 
+TEST_F(PressureCollectorTest, AnAlertIsStoredTogetherWithThatItIsRaised) {
+    const auto keepPositions = [](const std::string& condition) {
+        test::runSql("DROP TABLE qor_collector_position");
+        test::runSql(
+            "CREATE TABLE qor_collector_position (machine uuid NOT NULL, collector text NOT NULL, position text NOT "
+            "NULL "
+            "CHECK (" +
+            condition + "), PRIMARY KEY (machine, collector))");
+    };
+    write("cpu", "60.00", "0.00");
+    keepPositions("position = 'none'");
+    const QORCollectResult broken = collect();
+    EXPECT_EQ(broken.outcome, QORCollectOutcome::Failed);
+    EXPECT_TRUE(broken.stored.failure);
+    EXPECT_EQ(alerts(), std::vector<Row>()) << "else the next run would tell it again";
+    keepPositions("position <> 'none'");
+    EXPECT_EQ(collect().outcome, QORCollectOutcome::Done);
+    EXPECT_EQ(collect().outcome, QORCollectOutcome::Done);
+    EXPECT_EQ(alerts(), std::vector<Row>{alert("cpu", "raised", "60.00")});
+}
+
 TEST_F(PressureCollectorTest, WhatTheKernelDoesNotTellStaysAsItWas) {
     write("io", "0.00", "40.00");
     write("cpu", "0.00", "0.00");

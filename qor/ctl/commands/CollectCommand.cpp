@@ -45,7 +45,13 @@ void leaveBehind(std::unique_ptr<Backend> backend) {
 
 QORCollectResult collectHere(std::unique_ptr<Backend> backend, bool& interrupted) {
     const StopOnInterrupt stop;
-    QORCollectResult result = backend->collect(stop.token());
+    QORCollectResult result;
+    try {
+        result = backend->collect(stop.token());
+    } catch (...) {  // what hung before may hang still
+        leaveBehind(std::move(backend));
+        throw;
+    }
     interrupted = stop.isRequested();
     if (result.outcome == QORCollectOutcome::Hung) leaveBehind(std::move(backend));
     return result;
