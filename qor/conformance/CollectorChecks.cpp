@@ -15,6 +15,7 @@
 #include "ingest/CollectorPosition.h"
 #include "ingest/QORCollectors.h"
 #include "ingest/QORMachine.h"
+#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
 namespace {
@@ -57,7 +58,9 @@ private:
         return runCollector(m_collector, options, stop);
     }
     void setPosition(const fs::path& root, const std::string& position) const {
-        storeCollectorPosition(describeMachine(root).eid, m_collector.traits().name, position);
+        QORRdbms::instance().write([&](ASSession& session) {
+            storeCollectorPosition(session, describeMachine(root).eid, m_collector.traits().name, position);
+        });
     }
     QORCollectResult runFromTheBeginning(const fs::path& root) const {
         setPosition(root, "");
