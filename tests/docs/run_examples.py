@@ -33,8 +33,8 @@ import tempfile
 import time
 from collections import Counter
 
-PAGES = ["README.md", "CHANGELOG.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/collectors.md", "docs/http.md", "docs/odbc-drivers.md", "docs/operations.md", "docs/plugins.md",
-         "docs/postgresql.md", "docs/qorctl.md", "docs/recipes.md", "docs/records.md", "docs/requests.md", "docs/rows.md", "docs/scale.md", "docs/views.md", "bench/README.md",
+PAGES = ["README.md", "CHANGELOG.md", "CONTRIBUTING.md", "docs/architecture.md", "docs/collectors.md", "docs/http.md", "docs/install.md", "docs/odbc-drivers.md", "docs/operations.md", "docs/plugins.md",
+         "docs/postgresql.md", "docs/qorctl.md", "docs/recipes.md", "docs/records.md", "docs/requests.md", "docs/rows.md", "docs/scale.md", "docs/security.md", "docs/views.md", "bench/README.md",
          "bench/filter/README.md", "examples/collector/README.md", "examples/log-source/README.md", "examples/operator/README.md", "fuzz/README.md"]
 KINDS = {"sh", "console", "json", "sh postgresql", "console postgresql", "sh sdk", "console sdk", "sh installed", "sh project", "sh form", "json form", "text", "cpp", "cmake",
          "sh walk", "console walk", "diff"}
