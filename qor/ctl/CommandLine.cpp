@@ -180,6 +180,7 @@ private:
         const char* const group = "Connection";
         app.add_option("--socket", m_connection.socket,
                        "the agent's socket (default: QOR_AGENT, the current context, this user's agent's)")
+            ->type_name("PATH")
             ->group(group);
         app.add_option("--agent", m_connection.agent, "an agent elsewhere: http://HOST:PORT or https://HOST:PORT")
             ->type_name("ADDRESS")
@@ -202,13 +203,17 @@ private:
         app.add_option("--database", m_connection.database,
                        "SQLite's file, or an ODBC connection string, with --standalone")
             ->transform(connectionStringOf)
+            ->type_name("DATABASE")
             ->group(group);
         if (!stores)
             app.add_flag("--read-only", m_connection.readOnly, "never write to the database, with --standalone")
                 ->group(group);
         app.add_option("--config", m_connection.config, "a vocabulary on top of the shipped one, with --standalone")
+            ->type_name("FILE")
             ->group(group);
-        app.add_option("--plugins", m_connection.plugIns, "folder of the plug-ins, with --standalone")->group(group);
+        app.add_option("--plugins", m_connection.plugIns, "folder of the plug-ins, with --standalone")
+            ->type_name("FOLDER")
+            ->group(group);
     }
 
     static void addPrinting(CLI::App& app, PrintOptions& print) {
@@ -508,7 +513,7 @@ private:
     void addRequest() {
         CLI::App* const app = command("request", "Message notation in, message notation out",
                                       [this] { runRequest(m_connection, m_request); });
-        app->add_option("file", m_request.file, "the request; - or nothing reads standard input");
+        app->add_option("file", m_request.file, "the request; - or nothing reads standard input")->type_name("FILE");
         app->add_flag(
             "--lines", m_request.lines,
             "one request a line, one answer a line, in order; errors are answers, blank lines answer nothing");
@@ -660,7 +665,7 @@ private:
     void addImport() {
         CLI::App* const app =
             command("import", "Store records, one JSON object a line", [this] { runImport(m_connection, m_import); });
-        app->add_option("file", m_import.file, "the records; - or nothing reads standard input");
+        app->add_option("file", m_import.file, "the records; - or nothing reads standard input")->type_name("FILE");
         addReport(*app, m_import.report);
         addConnection(*app, true);
     }

@@ -35,7 +35,7 @@ constexpr std::uint64_t mostPatience = 600'000;
 
 enum class Values { Files, Contexts, Identities, Views, Subjects, Columns, Condition, Fields, Filter };
 
-/// What an option takes, of one command or ("") of all others.
+/// What an option takes that its type does not tell, of one command or ("") of all others.
 struct OptionValues {
     std::string_view command;
     std::string_view option;
@@ -63,20 +63,6 @@ constexpr OptionValues optionValues[] = {
     {"token create", "name", Values::Identities},
     {"token list", "name", Values::Identities},
     {"token revoke", "name", Values::Identities},
-    {"sample", "--output", Values::Files},
-    {"export", "--output", Values::Files},
-    {"", "--token-file", Values::Files},
-    {"", "--ca", Values::Files},
-    {"", "--certificate", Values::Files},
-    {"", "--key", Values::Files},
-    {"", "--config", Values::Files},
-    {"", "--plugins", Values::Files},
-    {"", "--socket", Values::Files},
-    {"", "--database", Values::Files},
-    {"", "--from", Values::Files},
-    {"", "--to", Values::Files},
-    {"", "--servers", Values::Files},
-    {"", "file", Values::Files},
 };
 
 const OptionValues* findValues(std::string_view command, std::string_view option) {
@@ -85,6 +71,12 @@ const OptionValues* findValues(std::string_view command, std::string_view option
         if (each.option == option && (each.command == command || (each.command.empty() && found == nullptr)))
             found = &each;
     return found;
+}
+
+/// Help names what lies on the disk by these words.
+bool takesFiles(const CLI::Option& option) {
+    const std::string type = option.get_type_name();
+    return type == "FILE" || type == "FOLDER" || type == "PATH" || type == "DATABASE";
 }
 
 bool isPartOfName(char c) {
@@ -128,6 +120,8 @@ public:
                 offer({word, {}});
         } else if (const OptionValues* const values = findValues(m_place.name, valueName(*m_place.option))) {
             printValues(values->values);
+        } else if (takesFiles(*m_place.option)) {
+            printValues(Values::Files);
         }
         m_out.flush();
     }

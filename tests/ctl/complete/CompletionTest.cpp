@@ -79,6 +79,10 @@ TEST(Completion, FilesAreTheShellsWork) {
     EXPECT_THAT(after({"--certificate", ""}), ElementsAre(":files"));
     EXPECT_THAT(after({"log", "--key", ""}), ElementsAre(":files"));
     EXPECT_THAT(after({"sample", "--output", ""}), ElementsAre(":files"));
+    EXPECT_THAT(after({"request", ""}), ElementsAre(":files"));
+    EXPECT_THAT(after({"select", "--plugins", ""}), ElementsAre(":files"));
+    EXPECT_THAT(after({"context", "set", "--database", ""}), ElementsAre(":files"));
+    EXPECT_THAT(after({"--socket", ""}), ElementsAre(":files"));
 }
 
 TEST(Completion, NamesComeFromWhoIsAsked) {
