@@ -18,8 +18,9 @@ std::string contentOf(const std::filesystem::path& file) {
 
 }  // namespace
 
-int main(int, char** arguments) {
+int main(int count, char** arguments) {
     namespace fs = std::filesystem;
+    if (count != 2) return 2;
     try {
         const fs::path folder = arguments[1];
         const fs::path made = folder.string() + ".made";
@@ -37,7 +38,7 @@ int main(int, char** arguments) {
         std::ofstream(made, std::ios::binary) << with;
         return 0;
     } catch (const std::exception& failure) {
-        std::cerr << failure.what() << '\n';
-        return 1;
+        std::cerr << failure.what() << "\neach server makes its own\n";
+        return 0;
     }
 }

@@ -29,10 +29,12 @@ constexpr const char* user = "qor";
 
 // Where a folder with a server's files is that others begin with.
 constexpr const char* filesVariable = "QOR_TEST_POSTGRES_FILES";
-constexpr const char* tables = "host_tables";
+constexpr const char* nameWithTables = "host_tables";
 
 // Runs before the keeper, and as who started the test, who alone may find those files.
-constexpr const char* copyScript = R"sh(cp -a "$0" "$1/data" && shift && exec "$@")sh";
+constexpr const char* copyScript = R"sh(
+if said=$(cp -a "$0" "$1/data" 2>&1); then shift; exec "$@"; fi
+echo "failed: $said" | tr '\n' ' '; echo)sh";
 
 // Runs beside the server and outlives the test by the moment that it takes to clean up: the end of its input is the end
 // of the test, whichever way that came.
@@ -168,7 +170,7 @@ PostgresServer::PostgresServer(int port) : m_port(port) {
     }
     m_folder = makeTemporaryFolder();
     const char* const files = std::getenv(filesVariable);
-    const bool begun = files != nullptr && std::filesystem::exists(files);
+    const bool begun = files != nullptr && ::access((std::string(files) + "/PG_VERSION").c_str(), R_OK) == 0;
     std::vector<std::string> command{"sh",     "-c",     keeperScript, "keeper",
                                      programs, m_folder, user,         std::to_string(m_port)};
     if (::geteuid() == 0) {
@@ -181,7 +183,7 @@ PostgresServer::PostgresServer(int port) : m_port(port) {
     }
     if (begun) {
         command.insert(command.begin(), {"sh", "-c", copyScript, files, m_folder});
-        m_tables = tables;
+        m_tables = nameWithTables;
     }
     const Pipe input;
     const Pipe output;
@@ -249,19 +251,23 @@ void PostgresServer::copyDatabase(const std::string& from, const std::string& to
 
 const std::string& PostgresServer::databaseWithTables() {
     if (!m_tables.empty()) return m_tables;
-    copyDatabase(bare, tables);
-    PostgresConnection connection(conninfo(tables));
+    copyDatabase(bare, nameWithTables);
+    PostgresConnection connection(conninfo(nameWithTables));
     connection.run("BEGIN");
     for (const std::string& statement : QORDBSchema::postgresStatements())
         connection.run(statement);
     connection.run("COMMIT");
-    return m_tables = tables;
+    return m_tables = nameWithTables;
 }
 
 void PostgresServer::endAndKeepFiles(const std::string& folder) {
     tell("end", "ended");
-    const std::string command = "cp -a '" + m_folder + "/data' '" + folder + "'";
-    if (std::system(command.c_str()) != 0) throw std::runtime_error("cannot copy a server's files to " + folder);
+    // Whole or not at all, for who begins with it.
+    const std::string half = folder + ".half";
+    std::filesystem::remove_all(half);
+    const std::string command = "cp -a '" + m_folder + "/data' '" + half + "'";
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("cannot copy a server's files to " + half);
+    std::filesystem::rename(half, folder);
 }
 
 void PostgresServer::dropDatabase(const std::string& name) {

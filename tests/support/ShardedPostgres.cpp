@@ -1,6 +1,7 @@
 #include "support/ShardedPostgres.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "shard/QORShard.h"
 
@@ -73,10 +74,12 @@ ShardedPostgres::ShardedPostgres(unsigned servers, bool spread) {
     // Those that no other object has. They outlive it, and the servers outlive them.
     server(servers);
     static std::vector<std::shared_ptr<Places>> all;
-    for (const auto& places : all)
-        if (places.use_count() == 1 && places->names.size() == servers) m_places = places;
-    if (m_places) {
+    for (auto& places : all) {
+        if (places.use_count() != 1 || places->names.size() != servers) continue;
+        m_places = std::exchange(places, all.back());
+        all.pop_back();
         m_places->takeBack();
+        all.push_back(m_places);
         return;
     }
     m_places = std::make_shared<Places>(servers);
