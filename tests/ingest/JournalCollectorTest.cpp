@@ -135,15 +135,15 @@ TEST_F(JournalCollectorTest, WhereItsPlaceIsGoneItGoesOnByTimeAndSaysSo) {
 /// Cuts a file when the first record of a run has come.
 class CuttingCollection final : public QORCollection {
 public:
-    CuttingCollection(std::filesystem::path root, std::filesystem::path file)
-        : m_root(std::move(root)), m_file(std::move(file)) {}
+    CuttingCollection(std::filesystem::path root, std::filesystem::path file, std::uintmax_t size)
+        : m_root(std::move(root)), m_file(std::move(file)), m_size(size) {}
 
     const std::filesystem::path& root() const noexcept override { return m_root; }
     const QOREID& machine() const noexcept override { return m_machine; }
     const std::string& position() const noexcept override { return m_position; }
     bool isStopping() const noexcept override { return false; }
     void add(std::string_view) override {
-        if (m_records++ == 0) std::filesystem::resize_file(m_file, 4096);
+        if (m_records++ == 0) std::filesystem::resize_file(m_file, m_size);
     }
     void setPosition(std::string position) override { m_position = std::move(position); }
     void cannotRead(std::string what) override { m_unreadable.push_back(std::move(what)); }
@@ -155,6 +155,7 @@ public:
 private:
     const std::filesystem::path m_root;
     const std::filesystem::path m_file;
+    const std::uintmax_t m_size;
     const QOREID m_machine{QORGUIDBase::random()};
     std::string m_position;
     int m_records = 0;
@@ -163,12 +164,62 @@ private:
 
 TEST_F(JournalCollectorTest, AFileThatIsCutWhileItIsReadIsTold) {
     put("first", "system.journal");
-    CuttingCollection collection(m_root.path(), m_folder / "system.journal");
+    CuttingCollection collection(m_root.path(), m_folder / "system.journal", 4096);
     JournalCollector collector;
     EXPECT_TRUE(collector.collect(collection));
     EXPECT_EQ(collection.records(), 1) << "nothing is made of what is gone";
     ASSERT_EQ(collection.unreadable().size(), 1U);
     EXPECT_THAT(collection.unreadable()[0], HasSubstr("a file of it is damaged or was cut"));
+}
+
+TEST_F(JournalCollectorTest, AFileWhoseUnusedEndIsCutOffMeanwhileIsWhole) {
+    put("first", "system.journal");
+    const std::uintmax_t used = std::filesystem::file_size(m_folder / "system.journal");
+    std::filesystem::resize_file(m_folder / "system.journal", 2 * used);
+    CuttingCollection collection(m_root.path(), m_folder / "system.journal", used);
+    JournalCollector collector;
+    EXPECT_TRUE(collector.collect(collection));
+    EXPECT_EQ(collection.records(), 9);
+    EXPECT_THAT(collection.unreadable(), testing::IsEmpty());
+}
+
+TEST_F(JournalCollectorTest, AFileThatIsNoMoreWhenItIsOpenedIsNoFailure) {
+    put("first", "system.journal");
+    std::filesystem::create_symlink("gone", m_folder / "system@1.journal");
+    std::filesystem::create_symlink("system@2.journal", m_folder / "system@2.journal");
+    CuttingCollection collection(m_root.path(), m_root / "etc/machine-id", 33);
+    JournalCollector collector;
+    EXPECT_TRUE(collector.collect(collection));
+    EXPECT_EQ(collection.records(), 9);
+    EXPECT_EQ(collection.unreadable().size(), 1U) << "what was found twice is told once";
+}
+
+TEST_F(JournalCollectorTest, WhatIsReadAgainDoesNotCountAsAFlood) {
+    put("first", "system@1.journal");
+    put("second", "system.journal");
+    std::filesystem::resize_file(m_folder / "system@1.journal", 8192);
+    JournalCollector bounded({.entries = 4, .events = 2, .ofOne = 1});
+    test::runOnce(bounded, m_root.path());
+    EXPECT_EQ(count(), "2");
+    std::filesystem::remove(m_folder / "system@1.journal");
+    put("first", "system@1.journal");
+    for (int run = 0; run < 6; ++run)
+        EXPECT_EQ(test::runOnce(bounded, m_root.path()).outcome, QORCollectOutcome::Done);
+    EXPECT_EQ(count(), "11") << "all of it, and nothing that was left out";
+    EXPECT_EQ(test::runOnce(bounded, m_root.path()).stored.accepted(), 0U);
+}
+
+TEST_F(JournalCollectorTest, AnotherFileThatCannotBeReadMakesNothingBeReadAgain) {
+    put("first", "system@1.journal");
+    put("second", "system.journal");
+    std::filesystem::resize_file(m_folder / "system@1.journal", 8192);
+    EXPECT_EQ(collect().stored.accepted(), 2U);
+    put("first", "system@2.journal");
+    std::filesystem::resize_file(m_folder / "system@2.journal", 8192);
+    EXPECT_EQ(collect().stored.accepted(), 0U);
+    put("first", "system@1.journal");
+    EXPECT_EQ(collect().stored.of(QORRecordKind::Event).added, 9U) << "what is owed is still known";
+    EXPECT_EQ(collect().stored.accepted(), 0U);
 }
 
 TEST_F(JournalCollectorTest, WhatADamagedFileHoldsIsBroughtWhenItCanBeRead) {

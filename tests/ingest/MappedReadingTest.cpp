@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <csignal>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -15,7 +17,8 @@
 namespace QOR {
 namespace {
 
-constexpr std::size_t mappedBytes = 8 * 4096;
+const std::size_t bytesOfPage = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+const std::size_t mappedBytes = 8 * bytesOfPage;
 
 /// A file of letters that is mapped, and then cut to nothing.
 class CutFile {
@@ -46,11 +49,11 @@ TEST(MappedReading, WhatIsGoneIsReadAsZerosAndTold) {
     {
         const MappedReading inner;
         EXPECT_FALSE(inner.hasFailed());
-        EXPECT_EQ(file.read(5000), 0);
+        EXPECT_EQ(file.read(bytesOfPage + 900), 0);
         EXPECT_TRUE(inner.hasFailed());
     }
     EXPECT_FALSE(outer.hasFailed()) << "it is told to who reads";
-    EXPECT_EQ(file.read(20000), 0);
+    EXPECT_EQ(file.read(4 * bytesOfPage + 900), 0);
     EXPECT_TRUE(outer.hasFailed());
 }
 

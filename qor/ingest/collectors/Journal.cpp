@@ -1,13 +1,17 @@
 #include "ingest/collectors/Journal.h"
 
 #include <dlfcn.h>
+#include <endian.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <systemd/sd-journal.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <limits>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -106,6 +110,16 @@ std::string reasonOf(int error) {
     }
 }
 
+/// What a journal's file must have at least, as its header tells: when it is put aside, what it has beyond that is cut
+/// off in good order. \returns a size that no file has where the header cannot be read
+std::int64_t usedBytes(int descriptor) {
+    constexpr off_t placeOfSizes = 88;  // of the header, and of what follows it
+    std::array<std::uint64_t, 2> sizes{};
+    if (::pread(descriptor, sizes.data(), sizeof(sizes), placeOfSizes) != sizeof(sizes))
+        return std::numeric_limits<std::int64_t>::max();
+    return static_cast<std::int64_t>(le64toh(sizes[0]) + le64toh(sizes[1]));
+}
+
 /// They are opened anew, since the library closes what it reads, but not by their names, which change when journals are
 /// rotated. \returns null where one of them is no sound journal, and why: errno
 sd_journal* openTogether(const std::vector<int>& descriptors, int& error) {
@@ -127,13 +141,23 @@ sd_journal* openTogether(const std::vector<int>& descriptors, int& error) {
 
 }  // namespace
 
-JournalFiles::JournalFiles(const fs::path& root) {
+void JournalFiles::findAll(const fs::path& root) {
     for (const char* const place : {"var/log/journal", "run/log/journal"}) {
         find(root / place);
         std::error_code error;
         for (fs::directory_iterator entry(root / place, error), end; !error && entry != end; entry.increment(error)) {
             if (isMachineId(entry->path().filename().string())) find(entry->path());
         }
+    }
+}
+
+JournalFiles::JournalFiles(const fs::path& root) {
+    findAll(root);
+    if (m_hasMissedOne) {  // by its new name it may not have been met
+        m_files.clear();
+        m_unreadable.clear();
+        m_unreadableIds.clear();
+        findAll(root);
     }
     int error = 0;
     if (m_files.empty()) return;
@@ -166,7 +190,8 @@ void JournalFiles::add(const fs::path& path) {
     QORFileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     if (descriptor.get() < 0 || ::fstat(descriptor.get(), &status) != 0) {
-        if (errno != ENOENT) leaveOut(path.string(), errno);
+        if (errno != ENOENT) return leaveOut(path.string(), errno);
+        m_hasMissedOne = true;
         return;
     }
     if (S_ISREG(status.st_mode)) m_files.push_back({path.string(), std::move(descriptor), status.st_size});
@@ -220,7 +245,7 @@ bool Journal::isWhole() const {
         struct stat status {};
         if (::fstat(file.descriptor.get(), &status) != 0) return false;
         present += static_cast<std::uint64_t>(status.st_blocks) * S_BLKSIZE;
-        isCut = isCut || status.st_size < file.size;
+        isCut = isCut || (status.st_size < file.size && status.st_size < usedBytes(file.descriptor.get()));
     }
     std::uint64_t left = 0;
     checked(ask(JournalLibrary::instance().getUsage, &left), "its size");

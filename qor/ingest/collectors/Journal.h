@@ -36,6 +36,7 @@ private:
         QORFileDescriptor descriptor;
         std::int64_t size = 0;  ///< when it was opened
     };
+    void findAll(const std::filesystem::path& root);
     void find(const std::filesystem::path& folder);
     void add(const std::filesystem::path& path);
     void leaveOut(const std::string& path, int error);
@@ -44,6 +45,7 @@ private:
     std::vector<File> m_files;
     std::vector<std::string> m_unreadable;
     std::vector<std::string> m_unreadableIds;
+    bool m_hasMissedOne = false;  ///< that was renamed or removed between finding and opening it
 };
 
 /// Entries of all files together, oldest first. Used by one thread. Its functions throw std::system_error when the

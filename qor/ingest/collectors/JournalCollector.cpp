@@ -1,6 +1,7 @@
 #include "ingest/collectors/JournalCollector.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <fstream>
 #include <functional>
@@ -34,8 +35,30 @@ std::string machineIdOf(const std::filesystem::path& root) {
     return id.size() == 32 ? id : std::string();
 }
 
-/// How far the journal has been read, as a position of three lines, of which the last two are left out where nothing is
-/// owed.
+/// When the entry came, in microseconds since the epoch; 0 where its cursor does not tell.
+std::uint64_t timeOfCursor(std::string_view cursor) {
+    constexpr std::string_view mark = ";t=";
+    const std::size_t at = cursor.find(mark);
+    std::uint64_t time = 0;
+    if (at == std::string_view::npos) return time;
+    cursor.remove_prefix(at + mark.size());
+    std::from_chars(cursor.data(), cursor.data() + cursor.size(), time, 16);
+    return time;
+}
+
+/// Whether each of the files (JournalFiles::unreadableOnes()) is among the others.
+bool areAmong(std::string_view files, const std::string& others) {
+    const std::string all = "," + others + ",";
+    while (!files.empty()) {
+        const std::size_t end = std::min(files.find(','), files.size());
+        if (all.find("," + std::string(files.substr(0, end)) + ",") == std::string::npos) return false;
+        files.remove_prefix(std::min(end + 1, files.size()));
+    }
+    return true;
+}
+
+/// How far the journal has been read, as a position of four lines, of which the last ones are left out where they are
+/// empty.
 struct JournalPlace {
     explicit JournalPlace(std::string_view position) {
         const auto line = [&position] {
@@ -49,10 +72,14 @@ struct JournalPlace {
         if (isTold) cursor.erase(0, goneMark.size());
         reason = line();
         owed = line();
+        reached = line();
     }
     std::string text() const {
-        const std::string place = (isTold ? std::string(goneMark) : std::string()) + cursor;
-        return reason.empty() ? place : place + "\n" + reason + "\n" + owed;
+        std::string text = (isTold ? std::string(goneMark) : std::string()) + cursor;
+        text.append("\n").append(reason).append("\n").append(owed).append("\n").append(reached);
+        while (!text.empty() && text.back() == '\n')
+            text.pop_back();
+        return text;
     }
     /// How often what is owed has been read again; nothing where a change of the files is waited for.
     std::optional<std::int32_t> tries() const {
@@ -65,6 +92,7 @@ struct JournalPlace {
     std::string
         reason;        ///< why entries are owed: the files that cannot be read, or triedMark and how often it was tried
     std::string owed;  ///< the cursor behind which they are
+    std::string reached;  ///< the cursor of the last entry that had been looked at before what is owed was read again
 };
 
 /// Events that were left out, which are told as one.
@@ -125,13 +153,22 @@ public:
           m_journal(files),
           m_before(collection.position()),
           m_place(m_before),
-          m_isAgain(!m_before.reason.empty() && (m_before.tries() || m_before.reason != m_files.unreadableOnes())),
+          m_isAgain(!m_before.reason.empty() &&
+                    (m_before.tries() || !areAmong(m_before.reason, m_files.unreadableOnes()))),
           m_isLastTry(m_before.tries() == mostTries) {}
 
     void read() {
-        if (m_isAgain) m_place.cursor = m_before.owed;
+        if (m_isAgain) {
+            m_place.cursor = m_before.owed;
+            if (timeOfCursor(m_before.cursor) > timeOfCursor(m_before.reached)) m_place.reached = m_before.cursor;
+        }
+        m_reached = timeOfCursor(m_place.reached);
         begin();
-        for (std::size_t count = 0; count < m_most.entries && m_journal.next(); ++count) {
+        for (std::size_t count = 0; count < m_most.entries; ++count) {
+            if (!m_journal.next()) {
+                m_place.reached.clear();
+                break;
+            }
             if (m_collection.isStopping()) return;
             if (!readEntry()) break;
         }
@@ -175,6 +212,8 @@ private:
     }
 
     void take(const JournalEvent& event, const std::string& name, std::int64_t time) {
+        // Which of these were brought before is not known: none of them may be counted as left out.
+        if (m_reached != 0 && timeOfCursor(name) <= m_reached) return add(event, name, time);
         std::size_t& ofOne = m_speakers[event.speaker];
         if (m_brought >= m_most.events || ofOne >= m_most.ofOne) return m_leftOut.add(event, name, time);
         ++m_brought;
@@ -193,8 +232,8 @@ private:
         m_collection.add(lineOf(event));
     }
 
-    /// What could not be read is read again: where files cannot be opened, as soon as others cannot; where their
-    /// content cannot be read, in the next runs.
+    /// What could not be read is read again: where files cannot be opened, as soon as one of them can or is gone; where
+    /// their content cannot be read, in the next runs.
     void owe() {
         const std::string begin = m_before.reason.empty() ? m_before.cursor : m_before.owed;
         const std::int32_t tries = m_before.tries().value_or(0);
@@ -213,6 +252,7 @@ private:
     const bool m_isAgain;    ///< what is owed is read now
     const bool m_isLastTry;  ///< then what can be read is taken, and what cannot is no longer waited for
     bool m_isWhole = true;
+    std::uint64_t m_reached = 0;  ///< up to then entries are read again
     std::size_t m_brought = 0;
     std::map<std::string, std::size_t, std::less<>> m_speakers;
     LeftOutEvents m_leftOut;

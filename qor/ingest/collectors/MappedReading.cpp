@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <system_error>
@@ -38,9 +39,11 @@ MappedReading::MappedReading() : m_outer(innermost) {
     static const bool isHandled = handleSignal();
     static_cast<void>(isHandled);
     innermost = this;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
 MappedReading::~MappedReading() {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     innermost = m_outer;
 }
 

@@ -2,6 +2,7 @@
 /// Reading what files hold through memory, though they may be cut meanwhile.
 #pragma once
 
+#include <atomic>
 #include <csignal>
 
 namespace QOR {
@@ -18,7 +19,10 @@ public:
     MappedReading(const MappedReading&) = delete;
     MappedReading& operator=(const MappedReading&) = delete;
 
-    bool hasFailed() const noexcept { return m_failed != 0; }
+    bool hasFailed() const noexcept {
+        std::atomic_signal_fence(std::memory_order_seq_cst);  // what was read before it is asked is not read after
+        return m_failed != 0;
+    }
 
 private:
     static bool handleSignal();
