@@ -16,6 +16,9 @@ namespace {
 
 /// A line is a word and texts, tabs between them.
 constexpr char between = '\t';
+/// What stands before the name of a check that is done.
+constexpr char sound = '+';
+constexpr char faulted = '-';
 
 std::string onOneLine(std::string_view text) {
     std::string line = toUtf8(text);
@@ -35,8 +38,24 @@ constexpr std::string_view levelWords[] = {"fine", "advice", "fault"};
 
 }  // namespace
 
+std::vector<std::string> wordsOf(const DoneChecks& done) {
+    std::vector<std::string> words;
+    words.reserve(done.size());
+    for (const auto& [check, isSound] : done)
+        words.push_back((isSound ? sound : faulted) + check);
+    return words;
+}
+
+DoneChecks doneChecksOf(std::span<const std::string> words) {
+    DoneChecks done;
+    for (const std::string& word : words)
+        if (!word.empty()) done[word.substr(1)] = word.front() == sound;
+    return done;
+}
+
 bool CheckReport::run(const std::string& check, const std::function<CheckOutcome()>& body) {
-    if (!m_done.insert(check).second) return false;
+    const auto [done, isNew] = m_done.try_emplace(check, false);
+    if (!isNew) return done->second;
     tell("begin", {check});
     CheckOutcome outcome;
     try {
@@ -45,7 +64,7 @@ bool CheckReport::run(const std::string& check, const std::function<CheckOutcome
         outcome = CheckOutcome::fault(exception.what(), "");
     }
     tell(levelWords[static_cast<std::size_t>(outcome.level)], {check, outcome.found, outcome.todo});
-    return outcome.level != QORPlugInFinding::Level::Fault;
+    return done->second = outcome.level != QORPlugInFinding::Level::Fault;
 }
 
 void CheckReport::tell(std::string_view word, const std::vector<std::string_view>& texts) const {

@@ -3,7 +3,8 @@
 #pragma once
 
 #include <functional>
-#include <set>
+#include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -31,15 +32,22 @@ struct CheckOutcome {
     }
 };
 
+/// Checks by their names, and whether each found no fault.
+using DoneChecks = std::map<std::string, bool>;
+/// As processes are told of them.
+std::vector<std::string> wordsOf(const DoneChecks& done);
+/// \param words those of wordsOf()
+DoneChecks doneChecksOf(std::span<const std::string> words);
+
 /// Runs checks and reports each, before it begins and when it is done, so that of one that never ends it is known which
 /// it was. One thread.
 class CheckReport {
 public:
     /// \param descriptor where it is reported \param done checks that an earlier process has begun: they are not
     /// repeated
-    CheckReport(int descriptor, std::set<std::string> done) : m_descriptor(descriptor), m_done(std::move(done)) {}
+    CheckReport(int descriptor, DoneChecks done) : m_descriptor(descriptor), m_done(std::move(done)) {}
 
-    /// An exception is a fault. \returns whether it was run, and found no fault
+    /// An exception is a fault. \returns whether it found no fault, here or in an earlier process
     bool run(const std::string& check, const std::function<CheckOutcome()>& body);
     /// What the check is at, in case that it goes no further.
     void at(std::string_view what) { tell("at", {what}); }
@@ -48,7 +56,7 @@ private:
     void tell(std::string_view word, const std::vector<std::string_view>& texts) const;
 
     int m_descriptor;
-    std::set<std::string> m_done;
+    DoneChecks m_done;
 };
 
 /// Reads what a process reports.

@@ -99,6 +99,7 @@ private:
 
     CheckOutcome damagedSource(const fs::path& tree) const {
         std::size_t number = 0;
+        bool isWhole = true;
         const auto look = [&](const fs::path& root, std::string_view what) {
             m_report.at(what);
             const QORCollectResult result = runFromTheBeginning(root);
@@ -109,16 +110,22 @@ private:
         };
         for (const Damage& damage : damages()) {
             const fs::path root = m_folder / ("damaged" + std::to_string(++number));
-            copyTree(tree, root, &damage);
+            isWhole &= copyTree(tree, root, &damage);
             CheckOutcome outcome = look(root, damage.name);
+            fs::remove_all(root);  // together they would be several times the tree
             if (outcome.level != QORPlugInFinding::Level::Fine) return outcome;
         }
         const fs::path root = m_folder / "folders";
-        copyTree(tree, root, nullptr);
+        isWhole &= copyTree(tree, root, nullptr);
         putFoldersForFiles(root);
         CheckOutcome outcome = look(root, foldersForFiles);
         if (outcome.level != QORPlugInFinding::Level::Fine) return outcome;
-        return CheckOutcome::fine(std::to_string(number + 1) + " kinds of damage do no harm");
+        const std::string harmless = std::to_string(number + 1) + " kinds of damage do no harm";
+        if (isWhole) return CheckOutcome::fine(harmless);
+        return CheckOutcome::advice(harmless + " to a part of the tree, which is too large to be looked at whole",
+                                    "name a tree of at most " + std::to_string(mostFiles) + " files, " +
+                                        std::to_string(mostOfFile >> 20) + " MiB each and " +
+                                        std::to_string(mostOfTree >> 20) + " MiB together with its damage");
     }
 
     CheckOutcome notLookedAt() const {

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 #include <fstream>
-#include <iterator>
+#include <system_error>
 #include <vector>
 
 namespace QOR {
@@ -47,11 +47,24 @@ constexpr Damage all[] = {
     {"files of any bytes", ofAnyBytes},
 };
 
+/// One more than mostFiles at most.
 std::vector<fs::path> filesOf(const fs::path& tree) {
     std::vector<fs::path> files;
-    for (const auto& entry : fs::recursive_directory_iterator(tree))
-        if (entry.is_regular_file()) files.push_back(entry.path());
+    for (const auto& entry : fs::recursive_directory_iterator(tree, fs::directory_options::skip_permission_denied)) {
+        std::error_code unknown;
+        if (entry.is_regular_file(unknown)) files.push_back(entry.path());
+        if (files.size() > mostFiles) break;
+    }
     return files;
+}
+
+/// One byte more than mostOfFile at most.
+std::string contentOf(const fs::path& file) {
+    std::string content(mostOfFile + 1, '\0');
+    std::ifstream stream(file, std::ios::binary);
+    stream.read(content.data(), static_cast<std::streamsize>(content.size()));
+    content.resize(static_cast<std::size_t>(stream.gcount()));
+    return content;
 }
 
 }  // namespace
@@ -60,15 +73,26 @@ std::span<const Damage> damages() {
     return all;
 }
 
-void copyTree(const fs::path& tree, const fs::path& folder, const Damage* damage) {
+bool copyTree(const fs::path& tree, const fs::path& folder, const Damage* damage) {
     fs::create_directories(folder);
-    for (const fs::path& file : filesOf(tree)) {
+    std::vector<fs::path> files = filesOf(tree);
+    bool isWhole = files.size() <= mostFiles;
+    if (!isWhole) files.pop_back();
+    std::size_t written = 0;
+    for (const fs::path& file : files) {
+        if (written >= mostOfTree) return false;
         const fs::path copy = folder / file.lexically_relative(tree);
         fs::create_directories(copy.parent_path());
-        std::ifstream stream(file, std::ios::binary);
-        const std::string content(std::istreambuf_iterator<char>(stream), {});
-        std::ofstream(copy, std::ios::binary) << (damage == nullptr ? content : damage->change(content));
+        std::string content = contentOf(file);
+        if (content.size() > mostOfFile) {
+            content.pop_back();
+            isWhole = false;
+        }
+        if (damage != nullptr) content = damage->change(content);
+        std::ofstream(copy, std::ios::binary) << content;
+        written += content.size();
     }
+    return isWhole;
 }
 
 void putFoldersForFiles(const fs::path& tree) {

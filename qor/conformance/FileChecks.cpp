@@ -106,9 +106,13 @@ CheckOutcome checkSymbols(const std::filesystem::path& file) {
     const PlugInFile plugIn = readPlugInFile(file);
     // Stay loaded: the plug-in is about to need them.
     std::vector<void*> libraries;
+    std::vector<std::string> unknown;
     for (const std::string& name : plugIn.needed) {
         void* const library = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (library != nullptr) libraries.push_back(library);
+        if (library != nullptr)
+            libraries.push_back(library);
+        else
+            unknown.push_back(name);
     }
     std::vector<std::string> missing;
     for (const std::string& name : plugIn.wanted) {
@@ -117,8 +121,12 @@ CheckOutcome checkSymbols(const std::filesystem::path& file) {
                                          [&](void* library) { return ::dlsym(library, name.c_str()) != nullptr; });
         if (!isThere) missing.push_back(name);
     }
+    if (missing.empty()) return CheckOutcome::fine("nothing is missing");
     // One that is found by a path of the plug-in's own is not found here; what it brings is seen when it is loaded.
-    if (missing.empty() || libraries.size() < plugIn.needed.size()) return CheckOutcome::fine("nothing is missing");
+    if (!unknown.empty())
+        return CheckOutcome::advice(
+            listed(std::move(missing)) + " could not be looked at: " + joinTexts(unknown) + " is not found by its name",
+            "make sure that machines with the plug-in have it");
     return CheckOutcome::fault("nobody has " + listed(std::move(missing)),
                                "build it with the SDK of this version, and link what it uses");
 }

@@ -12,7 +12,6 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <set>
 #include <utility>
 
 #include "QORCommon/QORException.h"
@@ -39,7 +38,7 @@ constexpr const char* interrupted = "was interrupted";
     throw QORException(errFailure, std::string(what) + ": " + std::strerror(error), QOR_SOURCE_PATH, __LINE__);
 }
 
-/// A process that uses the plug-in.
+/// A process that uses the plug-in, in a group of its own: what the plug-in started ends with it.
 class Process {
 public:
     /// \param errors the file that standard output and standard error go to
@@ -60,14 +59,17 @@ public:
         for (const std::string& argument : arguments)
             words.push_back(const_cast<char*>(argument.c_str()));
         words.push_back(nullptr);
-        const int error = ::posix_spawn(&m_pid, program.c_str(), &actions, nullptr, words.data(), environ);
+        posix_spawnattr_t attributes;
+        ::posix_spawnattr_init(&attributes);
+        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+        ::posix_spawnattr_setpgroup(&attributes, 0);
+        const int error = ::posix_spawn(&m_pid, program.c_str(), &actions, &attributes, words.data(), environ);
+        ::posix_spawnattr_destroy(&attributes);
         ::posix_spawn_file_actions_destroy(&actions);
         if (error != 0) refuse("cannot start a process", error);
     }
     ~Process() {
-        if (m_pid <= 0) return;
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
+        if (m_pid > 0) endGroup();
     }
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
@@ -85,23 +87,32 @@ public:
             if (size <= 0) break;
             reader.take({block.data(), static_cast<std::size_t>(size)});
         }
-        const std::string how = waitForEnd(options.patience);
-        // What a terminal sends reaches both.
-        pollfd ready{options.interrupt, POLLIN, 0};
-        return ::poll(&ready, 1, 0) > 0 ? interrupted : how;
+        return waitForEnd(options);
     }
 
 private:
-    std::string waitForEnd(std::chrono::milliseconds patience) {
+    /// \returns the status that the process ended with
+    int endGroup() {
+        ::kill(-m_pid, SIGKILL);  // before the process is waited for: until then the number is its own
+        int status = 0;
+        while (::waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        m_pid = -1;
+        return status;
+    }
+
+    std::string waitForEnd(const QORPlugInCheckOptions& options) {
         constexpr auto pause = std::chrono::milliseconds(5);
-        for (auto left = patience; left.count() > 0; left -= pause) {
-            int status = 0;
-            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_pid = -1;
+        for (auto left = options.patience; left.count() > 0; left -= pause) {
+            siginfo_t ended{};
+            if (::waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+                ended.si_pid == m_pid) {
+                const int status = endGroup();
                 if (WIFSIGNALED(status)) return std::string("crashes (") + ::strsignal(WTERMSIG(status)) + ")";
                 return status == 0 ? "" : "ends the process with status " + std::to_string(WEXITSTATUS(status));
             }
-            ::poll(nullptr, 0, static_cast<int>(pause.count()));
+            pollfd ready{options.interrupt, POLLIN, 0};
+            if (::poll(&ready, 1, static_cast<int>(pause.count())) > 0) return interrupted;
         }
         return hangs;
     }
@@ -136,26 +147,27 @@ QORPlugInFinding badEnd(const CheckReader& reader, const std::string& how, const
 void useInProcesses(const QORPlugInCheckOptions& options, std::vector<QORPlugInFinding>& findings) {
     const QORPrivateFolder folder;
     const fs::path errors = folder.path() / "errors";
-    std::set<std::string> done;
+    DoneChecks done;
     for (int number = 0; number < mostProcesses; ++number) {
         const fs::path place = folder.path() / std::to_string(number);
         fs::create_directory(place);
         std::vector<std::string> arguments{std::string(plugInCheckQuestion), options.file.string(), place.string(),
                                            options.root.string()};
-        arguments.insert(arguments.end(), done.begin(), done.end());
+        const std::vector<std::string> words = wordsOf(done);
+        arguments.insert(arguments.end(), words.begin(), words.end());
         CheckReader reader;
         Process process(arguments, errors);
         const std::string how = process.wait(reader, options);
         for (const QORPlugInFinding& finding : reader.findings()) {
             findings.push_back(finding);
-            done.insert(finding.check);
+            done[finding.check] = finding.level != Level::Fault;
         }
         if (how.empty() || how == interrupted) return;
         findings.push_back(badEnd(reader, how, options.file, errors));
         // What it cannot be loaded for comes again, and so does what its end was.
         const std::string& running = reader.running();
         if (running.empty() || running == "symbols" || running == "loading") return;
-        done.insert(running);
+        done[running] = false;
     }
 }
 

@@ -1,16 +1,20 @@
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <iterator>
 #include <memory>
 #include <set>
+#include <span>
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -38,6 +42,17 @@ constexpr QORSampleOptions sample{.environments = 40, .operations = 200, .events
 
 std::size_t threadCount() {
     return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
+}
+
+/// One that was joined is among them until the kernel has removed it.
+bool hasNoMoreThreads(std::size_t threads) {
+    constexpr auto pause = std::chrono::milliseconds(10);
+    constexpr int looks = 200;
+    for (int look = 0; look < looks; ++look) {
+        if (threadCount() <= threads) return true;
+        std::this_thread::sleep_for(pause);
+    }
+    return false;
 }
 
 void fillDatabase() {
@@ -176,7 +191,7 @@ private:
             return CheckOutcome::fault(
                 "what it brought is still there: " + joinTexts(left.operators) + joinTexts(namesOf(left.collectors)),
                 "make factories and collectors objects of static storage, not of the heap");
-        if (threadCount() > threads)
+        if (!hasNoMoreThreads(threads))
             return CheckOutcome::fault("threads that it started go on when its code is gone",
                                        "end and join them in finiQORPlugIn()");
         if (void* const library = ::dlopen(m_file.c_str(), RTLD_NOW | RTLD_NOLOAD)) {
@@ -217,10 +232,12 @@ private:
 
 int checkPlugInInside(const std::vector<std::string>& arguments) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // A program that the plug-in starts would hold it open, and nobody would see that this process ends.
+    ::fcntl(reportDescriptor, F_SETFD, FD_CLOEXEC);
     constexpr rlimit noCore{0, 0};  // nobody asked for one
     ::setrlimit(RLIMIT_CORE, &noCore);
     if (arguments.size() < 3) return 1;
-    CheckReport report(reportDescriptor, {arguments.begin() + 3, arguments.end()});
+    CheckReport report(reportDescriptor, doneChecksOf(std::span(arguments).subspan(3)));
     Inside(report, arguments[0], arguments[1], arguments[2]).runAll();
     return 0;
 }

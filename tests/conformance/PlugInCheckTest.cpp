@@ -27,6 +27,12 @@ using testing::StartsWith;
 const std::string faultyDir = QOR_TEST_FAULTY_DIR;
 const std::string faulty = faultyDir + "/libQORFaulty.so";
 const std::string tree = QOR_TEST_DATA_DIR "/tree";
+/// Enough for a process to start and to make its database, on a busy machine too.
+#ifdef QOR_SANITIZED
+constexpr const char* patience = "20s";
+#else
+constexpr const char* patience = "6s";
+#endif
 
 /// Names the fault that the plug-in has while it lives.
 class WithFault {
@@ -125,7 +131,7 @@ INSTANTIATE_TEST_SUITE_P(Kit, PlugInFault, testing::ValuesIn(faults));
 TEST_P(PlugInFault, IsFoundWithWhatToDo) {
     const Expected& expected = GetParam();
     Words more;
-    if (std::string(expected.found).starts_with("hangs")) more = {"--timeout", "4s"};
+    if (std::string(expected.found).starts_with("hangs")) more = {"--timeout", patience};
     const CtlResult result = checkFaulty(expected.fault, more);
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, HasSubstr(" checks found a fault\n"));
@@ -142,6 +148,42 @@ TEST(PlugInCheck, GoesOnBehindACrash) {
     EXPECT_THAT(result.err, HasSubstr("qorctl: 1 of "));
 }
 
+TEST(PlugInCheck, AsksSoundRequestsFromManyClientsThoughALaterOneCrashed) {
+    const CtlResult result = checkFaulty("crashes in the last request");
+    EXPECT_THAT(lineOf("operator faulty: tell", result.out), StartsWith("FAULT\t")) << result.out;
+    EXPECT_THAT(lineOf("operator faulty: many clients", result.out), StartsWith("ok\t")) << result.out;
+}
+
+TEST(PlugInCheck, EndsWhatThePlugInStarted) {
+    const TemporaryDirectory directory;
+    const std::string file = directory / "number";
+    ::setenv("QOR_TEST_NUMBER_FILE", file.c_str(), 1);
+    const CtlResult result = checkFaulty("starts a program");
+    ::unsetenv("QOR_TEST_NUMBER_FILE");
+    EXPECT_EQ(result.status, 0) << result.out;
+    std::string number;
+    ASSERT_TRUE(std::ifstream(file) >> number);
+    // One that has ended, and that nobody has waited for, has no words left.
+    for (std::string words = "?"; !words.empty();) {
+        words.clear();
+        std::getline(std::ifstream("/proc/" + number + "/cmdline"), words);
+    }
+}
+
+TEST(PlugInCheck, TakesNoTreeWithoutBounds) {
+    const CtlResult whole = check(faulty, {"--root", "/../."});
+    EXPECT_EQ(whole.status, 2);
+    EXPECT_THAT(whole.err, HasSubstr("--root is all of this machine: copy what the collectors read to a folder"));
+    const TemporaryDirectory large;
+    fs::copy(tree, large.path(), fs::copy_options::recursive);
+    std::ofstream(large / "etc/large") << "x";
+    fs::resize_file(large / "etc/large", 17 << 20);
+    const CtlResult result = check(faulty, {"--root", large.path().string()});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(lineOf("collector lines: damaged source", result.out),
+                AllOf(StartsWith("advice\t"), HasSubstr("to a part of the tree"), HasSubstr("16 MiB each")));
+}
+
 TEST(PlugInCheck, EndsWhereThePlugInCannotBeLoaded) {
     const CtlResult result = checkFaulty("refuses");
     EXPECT_THAT(result.out, Not(HasSubstr("operator faulty")));
@@ -154,6 +196,14 @@ TEST(PlugInCheck, SaysWhatNobodyHas) {
                 AllOf(StartsWith("FAULT\t"), HasSubstr("nobody has elsewhere::countThings("),
                       HasSubstr("with the SDK of this version")));
     EXPECT_THAT(result.out, Not(HasSubstr("loading")));
+}
+
+TEST(PlugInCheck, SaysWhichLibraryOfThePlugInsOwnItCouldNotLookAt) {
+    const CtlResult result = check(faultyDir + "/libQORApart.so");
+    EXPECT_THAT(lineOf("symbols", result.out),
+                AllOf(StartsWith("advice\t"), HasSubstr("elsewhere::countThings("),
+                      HasSubstr("could not be looked at: libqor_elsewhere.so is not found")));
+    EXPECT_THAT(lineOf("loading", result.out), StartsWith("ok\t")) << result.out;
 }
 
 TEST(PlugInCheck, SaysThatAPlugInIsOfAnotherVersion) {

@@ -1,5 +1,7 @@
 #include <array>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "commands/Commands.h"
@@ -22,6 +24,10 @@ std::string_view wordOf(QORPlugInFinding::Level level) {
 }  // namespace
 
 void runPlugInCheck(QORPlugInCheckOptions options, const PrintOptions& print) {
+    std::error_code unknown;
+    if (!options.root.empty() && std::filesystem::equivalent(options.root, "/", unknown))
+        throw CtlError(CtlExit::BadUsage,
+                       "--root is all of this machine: copy what the collectors read to a folder, and name that");
     const Interrupt interrupt;
     options.interrupt = interrupt.descriptor();
     const std::vector<QORPlugInFinding> findings = checkPlugIn(options);

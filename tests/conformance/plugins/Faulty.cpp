@@ -71,7 +71,10 @@ private:
         --s_asked;
         response->putValue(text, tag::value);
     }
-    void tell(QORMessageIterator*, QORMessageIterator* response) { response->putValue("told", tag::value); }
+    void tell(QORMessageIterator*, QORMessageIterator* response) {
+        if (has("crashes in the last request")) crash();
+        response->putValue("told", tag::value);
+    }
 
     static inline std::atomic<int> s_asked{0};
 };
@@ -130,6 +133,7 @@ int initQORPlugIn() {
     if (has("refuses")) return 7;
     if (has("crashes in init")) crash();
     if (has("hangs in init")) sleepLong();
+    if (has("starts a program") && std::system("sleep 3600 & echo $! > \"$QOR_TEST_NUMBER_FILE\"") != 0) return 1;
     if (has("leaves a thread")) std::thread(sleepLong).detach();
     return 0;
 }
