@@ -10,13 +10,18 @@
 namespace QOR::test {
 
 /// Views: vMany (id, name), `rows` rows with ids from 1 on; vBroken, the same up to the row `brokenAt`, which cannot be
-/// read.
+/// read. Whoever reads all of them without an order gets them in that of their ids.
 inline void makeLargeView(const std::string& connectionString, int rows, int brokenAt) {
     QORRdbms::prepareProcess();
     ASDatabaseOptions options;
     options.connectionString = connectionString;
     QORRdbms::instance().configure(options);
     const bool sqlite = QORRdbms::instance().engine() == ASEngine::SQLite;
+    // Where a reading of a large table was broken off, PostgreSQL begins the next one.
+    if (!sqlite)
+        runSql(
+            "DO $$ BEGIN EXECUTE format('ALTER DATABASE %I SET synchronize_seqscans = off', current_database()); END "
+            "$$");
     runSql("CREATE TABLE many (id INTEGER PRIMARY KEY, name " + std::string(sqlite ? "nvarchar" : "varchar") + "(64))");
     runSql("INSERT INTO many WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " +
            std::to_string(rows) + ") SELECT i, 'this is row number ' || i FROM n");
