@@ -40,7 +40,8 @@ private:
         }
         std::map<std::string, std::int64_t> counts;
         // Those that the client may see: the host has made him known to this thread.
-        for (const auto& env : *envCache()->getEnvList())
+        const QORPtr<const QOREnvList> environments = envCache()->getEnvList();
+        for (const auto& env : *environments)
             if (const auto& value = env->getConfig()->text(member->member)) ++counts[*value];
 
         expectWritten(response->addChild(tag::rowSet));

@@ -96,7 +96,8 @@ using Places = std::vector<Place>;
 
 Places servers() {
     Places all;
-    for (const QORServer& server : QORServers::instance().refresh()->servers())
+    const auto placement = QORServers::instance().refresh();
+    for (const QORServer& server : placement->servers())
         all.emplace_back(server);
     return all;
 }

@@ -124,9 +124,11 @@ std::int64_t usedBytes(int descriptor) {
 /// rotated. \returns null where one of them is no sound journal, and why: errno
 sd_journal* openTogether(const std::vector<int>& descriptors, int& error) {
     std::vector<std::string> places;
+    places.reserve(descriptors.size());
     for (const int descriptor : descriptors)
         places.push_back("/proc/self/fd/" + std::to_string(descriptor));
     std::vector<const char*> paths;
+    paths.reserve(places.size() + 1);
     for (const std::string& place : places)
         paths.push_back(place.c_str());
     paths.push_back(nullptr);

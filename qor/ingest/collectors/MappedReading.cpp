@@ -18,7 +18,7 @@ struct sigaction handlerBefore {};
 std::uintptr_t pageBytes = 0;
 
 bool putZeros(void* address) noexcept {
-    void* const page = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(address) & ~(pageBytes - 1));
+    void* const page = static_cast<char*>(address) - (reinterpret_cast<std::uintptr_t>(address) & (pageBytes - 1));
     return ::mmap(page, pageBytes, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED;
 }
 
