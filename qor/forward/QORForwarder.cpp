@@ -290,8 +290,8 @@ private:
     void store(const Batch& batch, const std::vector<ForwardRefused>& refused) {
         const std::vector<std::string> gone = goneBy(batch.position);
         m_stored.store(batch.position, gone, refused);
-        if (batch.missing > 0 || batch.reset) noteMissing(batch);  // once: until here it may be read again
         const std::uint64_t left = gone.empty() ? 0 : m_stored.countRefused();
+        if (batch.missing > 0 || batch.reset) noteMissing(batch);  // once: until here it may be read again
         const std::lock_guard lock(m_mutex);
         for (const std::string& server : gone)
             forget(server);
