@@ -2,6 +2,7 @@
 #include "libs/rdbmspp/Columns.h"
 #include "libs/rdbmspp/PostgresFixture.h"
 #include "rdbmspp/sql/ASSpread.h"
+#include "support/TemporaryDirectory.h"
 
 namespace QOR::test {
 namespace {
@@ -41,12 +42,14 @@ class Spread final : public ASSpread {
 public:
     std::shared_ptr<const ASPlaces> places() override {
         ++written;
+        if (isTogether) return nullptr;
         return std::make_shared<Places>(moved);
     }
     bool isCurrent(const ASPlaces&) override { return current; }
     AException naming(const ASPlaces&, const AException& failure) override { return failure; }
 
     bool current = true;
+    bool isTogether = false;  ///< all rows lie in the database itself
     std::size_t moved = 0;
     unsigned written = 0;  ///< selects: whoever writes one asks once for the places
 };
@@ -60,6 +63,7 @@ protected:
             "CREATE TABLE t (k text, n int, text text); CREATE SCHEMA pall; "
             "INSERT INTO t SELECT i::text, i, 't' || i FROM generate_series(1, 12) i; INSERT INTO t VALUES (null, 0, "
             "'none'); "
+            "CREATE VIEW v AS SELECT k, n, text, 'here' AS place FROM t; "
             "CREATE VIEW pall.v AS SELECT k, n, text, 'all' AS place FROM t; CREATE VIEW pall.w AS SELECT * FROM "
             "pall.v; ";
         for (std::size_t i = 0; i < placeCount; ++i) {
@@ -163,25 +167,62 @@ TEST_F(SpreadViews, RowsThatWereMovedMeanwhileAreNoAnswer) {
     EXPECT_EQ(failure.failure(), ASFailure::Undone);
 }
 
+/// The one column of the first row of a select that is kept.
+std::string firstOf(const ASSelect& kept, const Column& column) {
+    QORRdbmsTran transaction(ASAccess::ReadOne);
+    ASCursor cursor(*transaction);
+    cursor.Select() = kept;
+    return cursor.Fetch() ? test::cell(*column.data) : "(no row)";
+}
+
 TEST_F(SpreadViews, ASelectThatIsKeptIsWrittenOnceForEachRunByTheDivisionOfThatMoment) {
     ASSelect kept;
     kept.Filter().Project() << place.attribute;
     kept.Filter().Set(k.attribute == ASVStr(5, "4"));
     kept.Limit(5, 0);
     kept.keepWritten();
-    const auto run = [&] {
-        QORRdbmsTran transaction(ASAccess::ReadOne);
-        ASCursor cursor(*transaction);
-        cursor.Select() = kept;
-        return cursor.Fetch() ? test::cell(*place.data) : "(no row)";
-    };
     for (unsigned runs = 1; runs <= 3; ++runs) {
-        EXPECT_EQ(run(), "p1");
+        EXPECT_EQ(firstOf(kept, place), "p1");
         EXPECT_EQ(spread.written, runs);
     }
     spread.moved = 1;
-    EXPECT_EQ(run(), "(no row)") << "it is looked for where it is said to be now";
+    EXPECT_EQ(firstOf(kept, place), "(no row)") << "it is looked for where it is said to be now";
     EXPECT_EQ(spread.written, 4U);
+}
+
+TEST_F(SpreadViews, ASelectThatIsKeptIsAskedOfThePlacesAsSoonAsThereAreSome) {
+    ASSelect kept;
+    kept.Filter().Project() << place.attribute;
+    kept.Filter().Set(k.attribute == ASVStr(5, "4"));
+    kept.Limit(5, 0);
+    kept.keepWritten();
+    spread.isTogether = true;
+    EXPECT_EQ(firstOf(kept, place), "here");
+    EXPECT_EQ(firstOf(kept, place), "here");
+    spread.isTogether = false;
+    EXPECT_EQ(firstOf(kept, place), "p1");
+}
+
+TEST_F(SpreadViews, ASelectThatIsKeptIsWrittenAnewForAnotherEngine) {
+    const ASDomainPtr engines = ASDomain::view("engines", {}, {}, false);
+    const Column name = column(engines, "name");
+    ASSelect kept;
+    kept.Filter().Project() << name.attribute;
+    kept.Filter().Set(ASAttribute::Lower(name.attribute) != ASVStr(5, "none"));
+    kept.Limit(1, 0);
+    kept.keepWritten();
+    engine().run("CREATE VIEW engines AS SELECT 'PostgreSQL'::text AS name");
+    EXPECT_EQ(firstOf(kept, name), "PostgreSQL");
+    EXPECT_EQ(firstOf(kept, name), "PostgreSQL");
+
+    QORRdbms::instance().shutdown();
+    const TemporaryDirectory folder;
+    ASDatabaseOptions file;
+    file.connectionString = "Driver=SQLite3;Database=" + folder.file("test.db");
+    QORRdbms::instance().configure(file);
+    write("CREATE VIEW engines AS SELECT 'SQLite' AS name");
+    EXPECT_EQ(firstOf(kept, name), "SQLite");
+    EXPECT_EQ(firstOf(kept, name), "SQLite");
 }
 
 /// `n = 4 or n = 5 or ...`, with so many values.
