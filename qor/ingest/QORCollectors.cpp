@@ -11,6 +11,7 @@
 #include "ingest/collectors/DpkgCollector.h"
 #include "ingest/collectors/FilesystemCollector.h"
 #include "ingest/collectors/JournalCollector.h"
+#include "ingest/collectors/LibvirtCollector.h"
 #include "ingest/collectors/MachineCollector.h"
 #include "ingest/collectors/PressureCollector.h"
 
@@ -26,6 +27,7 @@ struct OwnCollectors {
     FilesystemCollector filesystems;
     CgroupCollector cgroups;
     JournalCollector journal;
+    LibvirtCollector libvirt;
 };
 
 }  // namespace

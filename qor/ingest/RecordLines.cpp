@@ -379,6 +379,21 @@ std::string lineOf(const QOREventRecord& record) {
     });
 }
 
+std::string lineOf(const QORBackupRecord& record) {
+    return lineOf(QORRecordKind::Backup, [&](Json& json) {
+        put(json, "id", record.id);
+        putEid(json, "eid", record.eid);
+        putEid(json, "storage_eid", record.storageEid);
+        putNumber(json, "time", record.time);
+        putNumber(json, "size", record.size);
+        putNumber(json, "type", record.type);
+        putOptional(json, "description", record.description);
+        putOptional(json, "name", record.name);
+        putOptional(json, "hostname", record.hostname);
+        putInfo(json, "info", record.info);
+    });
+}
+
 std::string recordList(const std::vector<std::string>& ids) {
     std::string array;
     for (const std::string& id : ids) {

@@ -34,6 +34,7 @@ RecordLines readRecordLines(ASSession& session, QORRecordKind kind, const std::v
 std::string lineOf(const QOREnvironmentRecord& record);
 std::string lineOf(const QOROperationRecord& record);
 std::string lineOf(const QOREventRecord& record);
+std::string lineOf(const QORBackupRecord& record);
 
 /// Identifiers as the parameter of a statement, where recordListSql() has its place.
 std::string recordList(const std::vector<std::string>& ids);

@@ -43,4 +43,14 @@ std::string unescapePath(std::string_view escaped) {
     return path;
 }
 
+std::vector<std::string_view> wordsOf(std::string_view line) {
+    std::vector<std::string_view> words;
+    while (!line.empty()) {
+        const std::size_t blank = line.find(' ');
+        words.push_back(line.substr(0, blank));
+        line.remove_prefix(blank == std::string_view::npos ? line.size() : blank + 1);
+    }
+    return words;
+}
+
 }  // namespace QOR

@@ -1,9 +1,10 @@
 /// \file
-/// Paths in whatever bytes as words of ASCII.
+/// Paths in whatever bytes as words of ASCII, and lines of such words.
 #pragma once
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace QOR {
 
@@ -11,5 +12,8 @@ namespace QOR {
 /// and back.
 std::string escapePath(std::string_view path);
 std::string unescapePath(std::string_view escaped);
+
+/// What stands between the blanks of a line. Valid as long as the line is.
+std::vector<std::string_view> wordsOf(std::string_view line);
 
 }  // namespace QOR

@@ -24,16 +24,6 @@ bool isPseudo(const Mount& mount) {
     return std::find(pseudoTypes.begin(), pseudoTypes.end(), mount.type) != pseudoTypes.end();
 }
 
-std::vector<std::string_view> wordsOf(std::string_view line) {
-    std::vector<std::string_view> words;
-    while (!line.empty()) {
-        const std::size_t blank = line.find(' ');
-        words.push_back(line.substr(0, blank));
-        line.remove_prefix(blank == std::string_view::npos ? line.size() : blank + 1);
-    }
-    return words;
-}
-
 bool hasOption(std::string_view options, std::string_view wanted) {
     while (!options.empty()) {
         const std::size_t comma = options.find(',');
