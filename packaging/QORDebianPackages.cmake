@@ -36,7 +36,7 @@ set(CPACK_DEBIAN_AGENT_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS
   "${same_library}, libsqliteodbc, init-system-helpers (>= 1.54), passwd | systemd")
 set(CPACK_DEBIAN_AGENT_PACKAGE_RECOMMENDS qorctl)
-set(CPACK_DEBIAN_AGENT_PACKAGE_SUGGESTS odbc-postgresql)
+set(CPACK_DEBIAN_AGENT_PACKAGE_SUGGESTS "libvirt0, odbc-postgresql")
 set(CPACK_DEBIAN_AGENT_PACKAGE_CONTROL_EXTRA
   ${CPACK_QOR_DEBIAN_DIR}/agent/postinst ${CPACK_QOR_DEBIAN_DIR}/agent/prerm ${CPACK_QOR_DEBIAN_DIR}/agent/postrm
   ${CPACK_QOR_DEBIAN_DIR}/agent/conffiles)

@@ -7,6 +7,7 @@ packages=(
     libboost-dev libpugixml-dev rapidjson-dev                # messages and HTTP
     libspdlog-dev libfmt-dev libcli11-dev libtomlplusplus-dev libssl-dev zlib1g-dev
     libsystemd-dev pkg-config                                # the service manager
+    libvirt-dev                                              # hypervisors
     libgtest-dev libgmock-dev libbenchmark-dev libpq-dev     # tests and benchmarks
     python3 curl sqlite3 patch               # checks, and what the documents' examples call
     ca-certificates git

@@ -23,6 +23,7 @@
 #include "agent/settings/SettingsMeaning.h"
 #include "host/QORHost.h"
 #include "ingest/QORCollectorSchedule.h"
+#include "ingest/QORCollectors.h"
 
 namespace QOR {
 namespace {
@@ -132,6 +133,7 @@ void AgentReload::apply(Change change) {
     m_parts.application.setAudit(std::move(change.audit));
     m_parts.host.router().setAnswerLimits(settings.answers);
     m_parts.server.change(change.server);
+    setLibvirtSources(settings.collectLibvirt);
     m_parts.collectors.keep(change.collectors);
     if (settings.keep != m_running.keep) m_parts.retention.keep(settings.keep);
     m_running = std::move(settings);

@@ -198,6 +198,7 @@ int serve(AgentSettings settings, SettingsSources sources) {
     settings.memory.unpackedBody = serving.bodyLimit;
     SettingsState state;
     state.loaded({});
+    setLibvirtSources(settings.collectLibvirt);
     QORCollectorSchedule collectors(settings.collectRoot);
     const std::vector<QORCollectorWish> wishes = collectorWishes(settings);
     AgentApplication application(host, collectors, settings.memory);

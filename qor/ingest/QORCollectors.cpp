@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <utility>
 
 #include "QORCommon/QORNoDestructor.h"
 #include "QORFunctionality/QORCollector.h"
@@ -30,6 +31,11 @@ struct OwnCollectors {
     LibvirtCollector libvirt;
 };
 
+OwnCollectors& ownCollectors() {
+    static QORNoDestructor<OwnCollectors> own;
+    return *own;
+}
+
 }  // namespace
 
 const char* collectOutcomeName(QORCollectOutcome outcome) noexcept {
@@ -50,7 +56,11 @@ void QORCollectResult::merge(const std::string& collector, const QORCollectResul
 }
 
 void registerCollectors() {
-    static const QORNoDestructor<OwnCollectors> own;
+    ownCollectors();
+}
+
+void setLibvirtSources(std::vector<std::string> uris) {
+    ownCollectors().libvirt.setSources(std::move(uris));
 }
 
 QORCollectResult runCollector(QORCollector& collector, const QORCollectOptions& options, const std::stop_token& stop) {

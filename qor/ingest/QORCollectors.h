@@ -51,6 +51,9 @@ struct QORCollectResult {
 /// The collectors that come with the host are known to QORCollectorRegistry from now on. Any thread, any number of
 /// times.
 void registerCollectors();
+/// Which hypervisors the collector "libvirt" asks from its next run on, by their URIs; none: those whose sockets are
+/// there. Any thread. \pre checkLibvirtSource()
+void setLibvirtSources(std::vector<std::string> uris);
 
 /// Runs one in this thread. QORRdbms must be open for writing. Failures of the source and of the database are in the
 /// result. \throws AException where the database cannot even be asked; QORException errForbidden, as QORIngest::store()

@@ -33,6 +33,7 @@ struct AgentSettings {
     QORRetentionOptions keep{};
     std::vector<std::string> collect{};
     std::string collectRoot = "/";
+    std::vector<std::string> collectLibvirt{};
     std::string forward{};
     QORForwardOptions forwarding{};  ///< the files and the pause; the address is in the text above
     std::uint64_t forwardKeep = std::uint64_t{1} << 30;

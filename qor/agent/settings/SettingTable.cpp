@@ -8,6 +8,7 @@
 #include "agent/http/HttpOrigins.h"
 #include "host/QORHostPaths.h"
 #include "ingest/QORCollectorSchedule.h"
+#include "ingest/collectors/LibvirtSources.h"
 
 namespace QOR {
 namespace {
@@ -313,6 +314,14 @@ constexpr Setting table[] = {
      .meaning = "the folder that collectors take for the root of the file system",
      .place = Setting::Text([](AgentSettings & all) -> auto& { return all.collectRoot; }),
      .placeholder = "FOLDER"},
+    {.name = "collect-libvirt",
+     .group = collecting,
+     .meaning = "the collector libvirt asks this hypervisor, as libvirt's tools call it; may be given several times",
+     .place = Setting::Texts([](AgentSettings & all) -> auto& { return all.collectLibvirt; }),
+     .placeholder = "URI",
+     .fallback = "those whose sockets are there",
+     .changes = true,
+     .check = checkLibvirtSource},
     {.name = "forward",
      .group = forwarding,
      .meaning = "what is stored is sent on to the agent at this address",

@@ -18,15 +18,18 @@ namespace {
 
 class LibvirtReading {
 public:
-    /// \param isFirst nothing of this source has been told: what was before is no news
+    /// \param isFirst nothing of this source has been told: what was before is no news \param seen domains that
+    /// another source has told of in this run: one hypervisor may be reached in two ways
     LibvirtReading(QORCollection& collection, const LibvirtConnection& connection, LibvirtTelling& telling,
-                   LibvirtPlace& place, LibvirtToldSource& told, bool isFirst, const LibvirtCollector::Bounds& most)
+                   LibvirtPlace& place, LibvirtToldSource& told, bool isFirst, std::set<QOREID>& seen,
+                   const LibvirtCollector::Bounds& most)
         : m_collection(collection),
           m_connection(connection),
           m_telling(telling),
           m_place(place),
           m_told(told),
           m_isFirst(isFirst),
+          m_seen(seen),
           m_most(most),
           m_begin(place.next) {}
 
@@ -41,7 +44,7 @@ public:
         }
         for (const LibvirtDomain& domain : domains) {
             if (m_collection.isStopping()) return;
-            readUnlessItFails(domain);
+            if (m_seen.insert(domain.eid).second) readUnlessItFails(domain);
         }
         for (auto told = m_told.begin(); told != m_told.end();) {
             if (there.contains(told->first)) {
@@ -147,7 +150,8 @@ private:
             m_telling.tellDeleted(key.first, key.second, backup, eid, told);
         const bool hasMoved = told.transition == LibvirtLife::Gone;
         if (!hasMoved) m_telling.tellGone(eid, told);
-        const LibvirtState off{VIR_DOMAIN_SHUTOFF, hasMoved ? VIR_DOMAIN_SHUTOFF_MIGRATED : VIR_DOMAIN_SHUTOFF_UNKNOWN, {}};
+        const LibvirtState off{
+            VIR_DOMAIN_SHUTOFF, hasMoved ? VIR_DOMAIN_SHUTOFF_MIGRATED : VIR_DOMAIN_SHUTOFF_UNKNOWN, {}};
         const std::int64_t now = currentTime();
         for (const LibvirtChange& change : libvirtChanges(told.life, LibvirtLife::Off, off, false))
             m_telling.tell(change, eid, told, now);
@@ -163,6 +167,7 @@ private:
     LibvirtPlace& m_place;
     LibvirtToldSource& m_told;
     const bool m_isFirst;
+    std::set<QOREID>& m_seen;
     const LibvirtCollector::Bounds m_most;
     const std::uint64_t m_begin;
 };
@@ -173,7 +178,7 @@ LibvirtCollector::LibvirtCollector() : LibvirtCollector(Bounds()) {}
 
 LibvirtCollector::LibvirtCollector(Bounds most)
     : QORCollector(
-          {.name = "libvirt", .source = "the sockets of libvirt below /run/libvirt", .every = std::chrono::seconds(30)}),
+          {.name = "libvirt", .source = "socket of libvirt in /run/libvirt", .every = std::chrono::seconds(30)}),
       m_most(most) {}
 
 void LibvirtCollector::setSources(std::vector<std::string> uris) {
@@ -191,6 +196,7 @@ bool LibvirtCollector::collect(QORCollection& collection) {
     if (wanted.empty()) wanted = findLibvirtSources(collection.root());
     LibvirtPlace place(collection.position());
     LibvirtTelling telling(collection, m_most);
+    std::set<QOREID> seen;
     bool isThere = false;
     for (const LibvirtSource& source : wanted) {
         if (collection.isStopping()) return true;
@@ -199,7 +205,7 @@ bool LibvirtCollector::collect(QORCollection& collection) {
             if (connection == nullptr) continue;
             isThere = true;
             const auto [told, isFirst] = place.sources.try_emplace(source.name);
-            LibvirtReading(collection, *connection, telling, place, told->second, isFirst, m_most).read();
+            LibvirtReading(collection, *connection, telling, place, told->second, isFirst, seen, m_most).read();
         } catch (const LibvirtFailure& failure) {
             isThere = true;
             collection.cannotRead(source.name + ": " + failure.what());

@@ -40,7 +40,8 @@ std::string takeText(char* text, const std::string& what) {
     const std::unique_ptr<char, decltype(&std::free)> owner(text, &std::free);
     std::string taken(text);
     if (taken.size() > LibvirtConnection::mostBytes)
-        throw LibvirtFailure(what + ": it has more than " + std::to_string(LibvirtConnection::mostBytes) + " bytes", 0, 0);
+        throw LibvirtFailure(what + ": it has more than " + std::to_string(LibvirtConnection::mostBytes) + " bytes", 0,
+                             0);
     return taken;
 }
 
@@ -185,16 +186,16 @@ std::vector<std::string> LibvirtConnection::addresses(const LibvirtDomain& domai
 
 std::vector<std::string> LibvirtConnection::snapshotNames(const LibvirtDomain& domain) const {
     if (!domain.hasSnapshots) return {};
-    return namesOf(LibvirtList<virDomainSnapshot>(libvirt().domainListAllSnapshots, domain.handle.get(), 0,
-                                                  "its snapshots"),
-                   libvirt().domainSnapshotGetName);
+    return namesOf(
+        LibvirtList<virDomainSnapshot>(libvirt().domainListAllSnapshots, domain.handle.get(), 0, "its snapshots"),
+        libvirt().domainSnapshotGetName);
 }
 
 std::vector<std::string> LibvirtConnection::checkpointNames(const LibvirtDomain& domain) const {
     if (!domain.hasCheckpoints) return {};
-    return namesOf(LibvirtList<virDomainCheckpoint>(libvirt().domainListAllCheckpoints, domain.handle.get(), 0,
-                                                    "its checkpoints"),
-                   libvirt().domainCheckpointGetName);
+    return namesOf(
+        LibvirtList<virDomainCheckpoint>(libvirt().domainListAllCheckpoints, domain.handle.get(), 0, "its checkpoints"),
+        libvirt().domainCheckpointGetName);
 }
 
 std::vector<LibvirtSaving> LibvirtConnection::snapshots(const LibvirtDomain& domain, std::size_t most) const {
@@ -215,8 +216,9 @@ std::vector<LibvirtSaving> LibvirtConnection::checkpoints(const LibvirtDomain& d
     if (!domain.hasCheckpoints) return {};
     return savingsOf(
         LibvirtList<virDomainCheckpoint>(libvirt().domainListAllCheckpoints, domain.handle.get(), 0, "its checkpoints"),
-        most, libvirt().domainCheckpointGetName,
-        [](virDomainCheckpointPtr one) { return libvirt().domainCheckpointGetXmlDesc(one, VIR_DOMAIN_CHECKPOINT_XML_NO_DOMAIN); });
+        most, libvirt().domainCheckpointGetName, [](virDomainCheckpointPtr one) {
+            return libvirt().domainCheckpointGetXmlDesc(one, VIR_DOMAIN_CHECKPOINT_XML_NO_DOMAIN);
+        });
 }
 
 }  // namespace QOR

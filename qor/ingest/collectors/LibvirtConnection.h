@@ -39,8 +39,8 @@ struct LibvirtSaving {
     bool isCurrent = false;  ///< the domain goes on from it
 };
 
-/// Open for reading. Used by one thread. What is asked takes as long as its daemon does; one that says nothing at all
-/// any more fails after some seconds. Functions throw LibvirtFailure.
+/// Open for reading. Used by one thread. What is asked takes as long as its daemon does. Functions throw
+/// LibvirtFailure.
 class LibvirtConnection {
 public:
     /// More than this a definition does not have, nor a domain of savings: the rest is not looked at.

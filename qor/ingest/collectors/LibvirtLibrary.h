@@ -15,7 +15,8 @@ namespace QOR {
 class LibvirtFailure : public std::runtime_error {
 public:
     /// \param code the library's; 0 for what it did not say itself \param system errno, where that is the reason
-    LibvirtFailure(const std::string& text, int code, int system) : runtime_error(text), m_code(code), m_system(system) {}
+    LibvirtFailure(const std::string& text, int code, int system)
+        : runtime_error(text), m_code(code), m_system(system) {}
     /// As the calling thread's last call left it. \param what was wanted
     static LibvirtFailure last(const std::string& what);
 

@@ -174,7 +174,8 @@ std::vector<LibvirtChange> libvirtChanges(LibvirtLife before, LibvirtLife now, c
     if (before == now) return changes;
     if (isActive(now)) {
         if (isActive(before)) return {changeOfActive(before, now, state)};
-        const LibvirtState start{state.state == VIR_DOMAIN_RUNNING ? VIR_DOMAIN_RUNNING : VIR_DOMAIN_NOSTATE, state.reason, {}};
+        const LibvirtState start{
+            state.state == VIR_DOMAIN_RUNNING ? VIR_DOMAIN_RUNNING : VIR_DOMAIN_NOSTATE, state.reason, {}};
         changes.push_back(causeOf(start, usualStart, LibvirtLife::Running));
         if (now != LibvirtLife::Running) changes.push_back(changeOfActive(LibvirtLife::Running, now, state));
     } else if (now == LibvirtLife::Crashed) {

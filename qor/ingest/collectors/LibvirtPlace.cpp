@@ -52,12 +52,12 @@ void LibvirtPlace::readLine(std::string_view line) {
         const auto eid = QORGUIDBase::parse(words[1]);
         if (!eid) return;
         m_domain = &(*m_source)[QOREID(*eid)];
-        *m_domain = {changeNumber(words[2]), lifeOfNumber(words[3]),   lifeOfNumber(words[4]),
-                     parseInt32(words[5]).value_or(-1), words[6] == "1", std::string(words[7]),
-                     unescapePath(words[8])};
+        *m_domain = {
+            changeNumber(words[2]), lifeOfNumber(words[3]), lifeOfNumber(words[4]), parseInt32(words[5]).value_or(-1),
+            words[6] == "1",        std::string(words[7]),  unescapePath(words[8])};
     } else if ((words[0] == snapshotMark || words[0] == checkpointMark) && words.size() == 4 && m_domain != nullptr) {
         m_domain->backups[{words[0] == checkpointMark, unescapePath(words[1])}] = {parseInt64(words[2]).value_or(0),
-                                                                                  std::string(words[3])};
+                                                                                   std::string(words[3])};
     }
 }
 

@@ -52,7 +52,7 @@ private:
     std::size_t m_told = 0;
     std::map<QOREID, std::size_t> m_ofOne;
     std::size_t m_leftOut = 0;
-    std::string m_mostOf;  ///< the name of a domain of which something was left out
+    std::string m_mostOf;        ///< the name of a domain of which something was left out
     std::string m_firstLeftOut;  ///< what tells it from other floods
     std::int64_t m_from = 0;
     std::int64_t m_until = 0;
