@@ -79,6 +79,7 @@ std::string otherValue(const Setting& setting) {
     if (setting.name == "allow-origin") return "['https://a.example']";
     if (setting.name == "forward") return "'https://127.0.0.1:1'";
     if (setting.name == "collect") return "['machine=7s']";
+    if (setting.name == "collect-libvirt") return "['qemu:///system']";
     if (setting.name == "listen") return "['unix:/nowhere/agent.sock']";
     if (setting.isFlag()) return "true";
     // A busy machine takes its time.

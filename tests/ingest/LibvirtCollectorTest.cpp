@@ -312,6 +312,8 @@ TEST_F(LibvirtCollectorTest, ASourceThatFailsIsToldAndKeepsWhatWasToldOfIt) {
 TEST_F(LibvirtCollectorTest, OneSourceThatFailsKeepsNobodyFromTheOthers) {
     m_collector.setSources({"test:///no/such/file", "test:///default"});
     const QORCollectResult result = collect();
+    EXPECT_EQ(result.outcome, QORCollectOutcome::Failed);
+    EXPECT_THAT(result.text, HasSubstr("test:///no/such/file"));
     EXPECT_EQ(lives(), (std::vector<Row>{{"test", "6", "0"}}));
     EXPECT_EQ(queryText("SELECT eid FROM \"vEnvironment\""), ownDomain);
 }

@@ -38,6 +38,7 @@ const Setting& settingOf(std::string_view name) {
 std::vector<std::string> unusualTexts(const Setting& setting) {
     if (setting.isFlag()) return {"true"};
     if (setting.isNumber()) return {std::to_string(setting.range.least + 1)};
+    if (setting.name == "collect-libvirt") return {"qemu:///system", "test:///a b.xml"};
     if (setting.check != nullptr) return {"https://a.example", "https://b.example:8443"};
     if (setting.isList()) return {"unix:/a \"b\" c", "unix:/d\\e"};
     return {setting.placeholder == "AGE" ? std::string("7s") : "it's \"" + std::string(setting.name) + "\""};
