@@ -274,8 +274,9 @@ private:
     }
 
     /// Of commands whose rows may be any number.
-    static void addMany(CLI::App& app, PrintOptions& print) {
-        app.add_flag("--yes{false}", print.asks, "show more than a million rows on a terminal without a question");
+    static void addMany(CLI::App& app, bool& asks, const char* what = "rows") {
+        app.add_flag("--yes{false}", asks,
+                     std::string("show more than a million ") + what + " on a terminal without a question");
     }
 
     static void addReport(CLI::App& app, ReportOptions& report) {
@@ -351,7 +352,7 @@ private:
                              app->get_option("--sort"), app->get_option("--count"), app->get_option("--until"),
                              addTimeoutOption(*app, m_short.timeout));
             addPrinting(*app, m_shortPrint);
-            addMany(*app, m_shortPrint);
+            addMany(*app, m_shortPrint.asks);
             addConnection(*app, false);
             app->footer("It is qorctl select " + std::string(each.view) + ", which can do more.\n" + exitNote);
         }
@@ -436,7 +437,7 @@ private:
                         "identity, repeatable), or for \"none\"")
             ->type_name("EID");
         addPrinting(*app, m_selectPrint);
-        addMany(*app, m_selectPrint);
+        addMany(*app, m_selectPrint.asks);
         addConnection(*app, false);
         app->footer(std::string(whereNote) + "\n" + exitNote);
     }
@@ -468,7 +469,7 @@ private:
         app->add_option("--client", m_rows.client, "ask as a client without full access, as for select")
             ->type_name("EID");
         addPrinting(*app, m_rowsPrint);
-        addMany(*app, m_rowsPrint);
+        addMany(*app, m_rowsPrint.asks);
         addConnection(*app, false);
         app->footer(std::string(rowsNote) + describeSources() + "\n" + exitNote);
     }
@@ -517,6 +518,7 @@ private:
         app->add_flag(
             "--lines", m_request.lines,
             "one request a line, one answer a line, in order; errors are answers, blank lines answer nothing");
+        addMany(*app, m_request.asks);
         addConnection(*app, false);
     }
 
@@ -684,6 +686,7 @@ private:
             ->type_name("FILE");
         app->add_flag("--resume", m_export.resumes, "go on where the file ends");
         app->add_flag("--progress", m_export.progress, "show progress even where standard error is no terminal");
+        addMany(*app, m_export.asks, "records");
         addConnection(*app, false);
         app->footer(
             std::string("Environments have no time: --since and --until leave them all in.\nA file that was not "
@@ -705,6 +708,7 @@ private:
         app->add_option("--output", m_sample.output,
                         "write the records to this file (-: standard output) and store none")
             ->type_name("FILE");
+        addMany(*app, m_sample.asks, "records");
         addReport(*app, m_sample.report);
         addConnection(*app, true);
     }

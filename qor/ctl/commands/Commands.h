@@ -56,6 +56,7 @@ struct WatchOptions {
 struct RequestOptions {
     std::string file;  ///< empty or "-": standard input
     bool lines = false;
+    bool asks = true;  ///< as PrintOptions::asks
 };
 
 struct ViewsOptions {
@@ -86,11 +87,13 @@ struct ExportOptions {
     std::string file;         ///< empty or "-": standard output
     bool resumes = false;     ///< goes on with what is in the file
     bool progress = false;    ///< also where standard error is no terminal
+    bool asks = true;         ///< as PrintOptions::asks
 };
 
 struct SampleCommandOptions {
     QORSampleOptions sample;
     std::optional<std::string> output;  ///< written here ("-": standard output) instead of stored
+    bool asks = true;                   ///< as PrintOptions::asks
     ReportOptions report;
 };
 

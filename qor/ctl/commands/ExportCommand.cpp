@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <system_error>
+#include <utility>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORFiles.h"
@@ -14,6 +16,7 @@
 #include "commands/ExportFile.h"
 #include "commands/Printing.h"
 #include "commands/RecordProgress.h"
+#include "output/ManyRows.h"
 #include "output/Output.h"
 
 namespace QOR {
@@ -87,6 +90,7 @@ public:
                            "cannot write " + m_path + " to the disk: " + std::generic_category().message(errno))
                 .advised("it may look whole; export it anew, without --resume");
     }
+    bool isStandardOutput() const { return m_path.empty(); }
     int descriptor() const { return m_path.empty() ? STDOUT_FILENO : m_file.get(); }
 
     /// What helps whose export has broken off.
@@ -114,19 +118,22 @@ private:
 };
 
 /// Writes what comes. \returns its lines
-ExportLines writeAll(AnswerSource& records, ExportTarget& target, RecordProgress& progress) {
+ExportLines writeAll(AnswerSource& records, ExportTarget& target, ManyRows& many, RecordProgress& progress) {
     const std::uint64_t resumed = target.position().records();
     std::string_view piece = records.read();
     target.open();
     FileOutput out(target.descriptor());
     ExportLines lines(target.position().begun);
     try {
-        for (; !piece.empty(); piece = records.read()) {
+        for (std::uint64_t before = 0; !piece.empty(); piece = records.read()) {
+            const bool any = lines.take(piece) && lines.position();
+            const std::uint64_t done = any ? lines.position()->records() : before;
+            const auto of = any ? lines.position()->of : std::nullopt;
+            if (of) many.expect(static_cast<std::int64_t>(*of));
+            many.row(out, static_cast<std::int64_t>(done - std::exchange(before, done)));
             out << piece;
-            if (!lines.take(piece) || !lines.position()) continue;
-            const QORExportPosition& now = *lines.position();
-            const std::uint64_t done = now.records();
-            progress.tell("exporting", done, now.of ? std::max(*now.of, done) : 0, resumed);
+            if (!any) continue;
+            progress.tell("exporting", done, of ? std::max(*of, done) : 0, resumed);
         }
         out.flush();
     } catch (const CtlError& error) {
@@ -145,8 +152,9 @@ void runExport(const ConnectionOptions& connection, const ExportOptions& options
     if (target.isWhole()) return tellNote(options.file + " is whole already");
     const auto backend = makeBackend(connection, BackendUse::Inspect);
     const auto records = backend->exportRecords(target.position());
-    RecordProgress progress(options.progress);
-    const ExportLines lines = writeAll(*records, target, progress);
+    RecordProgress progress(options.progress, target.isStandardOutput() && ::isatty(STDOUT_FILENO) != 0);
+    ManyRows many(target.isStandardOutput() && asksBeforeMany(options.asks));
+    const ExportLines lines = writeAll(*records, target, many, progress);
     if (!lines.hasEnded()) throw CtlError(CtlExit::AnsweredError, "the export has no end").advised(target.advice());
     target.close();
     if (lines.unreadable() > 0)

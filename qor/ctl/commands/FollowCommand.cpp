@@ -15,6 +15,7 @@
 #include "backend/AgentTarget.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "output/ManyRows.h"
 #include "select/SelectAdvice.h"
 
 namespace QOR {
@@ -48,7 +49,7 @@ std::string_view memberText(const Document& document, const char* name) {
 class Records {
 public:
     Records(const FollowOptions& options, const PrintOptions& print, Output& out, ColumnKinds kinds)
-        : m_fields(options.fields), m_kinds(kindsOf(m_fields, kinds)), m_out(out) {
+        : m_fields(options.fields), m_kinds(kindsOf(m_fields, kinds)), m_out(out), m_many(asksBeforeMany(print)) {
         m_printer = makePrinter(print, false, out, std::move(kinds));
         m_printer->begin(m_fields);
         m_printer->settle();
@@ -65,8 +66,11 @@ public:
             cells[at].kind = fill(found->value, m_kinds[at], values[at]);
             cells[at].bytes = values[at];
         }
+        m_many.row(m_out);
         m_printer->row(cells);
     }
+    /// What was there has been shown; what comes takes its time.
+    void live() { m_many.askNoMore(); }
     void flush() { m_out.flush(); }
 
 private:
@@ -90,6 +94,7 @@ private:
     const std::vector<std::string>& m_fields;
     std::vector<QORColumnKind> m_kinds;
     Output& m_out;
+    ManyRows m_many;
     std::unique_ptr<RowSink> m_printer;
 };
 
@@ -171,6 +176,7 @@ private:
         m_pause = firstPause;
         m_told = false;
         if (event.type == "gap") return tellGap(read(event.data));
+        if (event.type == "live") m_records->live();
         if (event.type == m_options.source) m_records->print(event.data);
     }
 

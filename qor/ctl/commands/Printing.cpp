@@ -81,8 +81,12 @@ bool isForPerson(const PrintOptions& print) {
            print.times != TimeForm::Answered;
 }
 
+bool asksBeforeMany(bool mayAsk) {
+    return mayAsk && ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0;
+}
+
 bool asksBeforeMany(const PrintOptions& print) {
-    return print.asks && ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0 && !pagerOf(print);
+    return asksBeforeMany(print.asks) && !pagerOf(print);
 }
 
 std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Output& out, ColumnKinds kinds,

@@ -27,8 +27,9 @@ bool tellsKinds(const PrintOptions& print);
 /// times are not asked for.
 bool isForPerson(const PrintOptions& print);
 
-/// Whether a person is asked before a million rows roll by: at a terminal, without a pager, that takes no more than is
-/// looked at.
+/// Whether a person is asked before a million rows roll by: at a terminal, unless he has said that he wants them.
+bool asksBeforeMany(bool mayAsk);
+/// Likewise where rows may go through a pager, which takes no more than is looked at.
 bool asksBeforeMany(const PrintOptions& print);
 
 /// What was printed.

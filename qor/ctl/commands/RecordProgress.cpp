@@ -25,7 +25,8 @@ std::string textOf(std::string text, std::uint64_t records, std::uint64_t of, st
 
 }  // namespace
 
-RecordProgress::RecordProgress(bool asked) : m_terminal(::isatty(STDERR_FILENO) != 0), m_shows(asked || m_terminal) {}
+RecordProgress::RecordProgress(bool asked, bool amongRows)
+    : m_terminal(!amongRows && ::isatty(STDERR_FILENO) != 0), m_shows(asked || m_terminal) {}
 
 void RecordProgress::tell(const std::string& part, std::uint64_t records, std::uint64_t of, std::uint64_t resumed) {
     if (!m_shows) return;

@@ -12,7 +12,8 @@ namespace QOR {
 class RecordProgress {
 public:
     /// \param asked also where there is no terminal
-    explicit RecordProgress(bool asked);
+    /// \param amongRows the records themselves are shown on the terminal, where no line can be written over
+    explicit RecordProgress(bool asked, bool amongRows = false);
     ~RecordProgress() { clear(); }
     RecordProgress(const RecordProgress&) = delete;
     RecordProgress& operator=(const RecordProgress&) = delete;

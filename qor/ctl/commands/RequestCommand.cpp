@@ -1,38 +1,51 @@
 #include <unistd.h>
 
+#include <string_view>
+#include <utility>
+
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "output/ManyRows.h"
 
 namespace QOR {
 namespace {
 
-/// Passes an answer on to the output while somebody reads it.
+/// Passes an answer on to the output while somebody reads it: each piece when it has been read.
 class EchoingSource final : public AnswerSource {
 public:
     EchoingSource(AnswerSource& source, Output& out) : m_source(source), m_out(out) {}
     std::string_view read() override {
-        const std::string_view piece = m_source.read();
-        m_out << piece;
-        return piece;
+        pass();
+        return m_piece = m_source.read();
     }
+    /// The last piece that was read.
+    void pass() { m_out << std::exchange(m_piece, {}); }
 
 private:
+    std::string_view m_piece;
     AnswerSource& m_source;
     Output& m_out;
 };
 
-class NoRows final : public RowSink {
+/// Only counts rows: they are shown as the answer has them.
+class CountedRows final : public RowSink {
 public:
+    CountedRows(ManyRows& many, Output& out) : m_many(many), m_out(out) {}
     void begin(std::span<const std::string>) override {}
-    void row(std::span<const Cell>) override {}
+    void row(std::span<const Cell>) override { m_many.row(m_out); }
     void end(const std::optional<RowCounts>&) override {}
+
+private:
+    ManyRows& m_many;
+    Output& m_out;
 };
 
-void runOne(Backend& backend, const std::string& request, Output& out) {
+void runOne(Backend& backend, const std::string& request, ManyRows& many, Output& out) {
     const auto answer = backend.ask(request);
     EchoingSource echo(*answer, out);
-    NoRows rows;
+    CountedRows rows(many, out);
     const auto error = readAnswer(echo, rows);
+    echo.pass();
     out << "\n";
     out.flush();
     if (error) throw CtlError::answered(error->code, error->message);
@@ -66,10 +79,9 @@ void runRequest(const ConnectionOptions& connection, const RequestOptions& optio
     const auto backend = makeBackend(connection, BackendUse::Ask);
     tellOfNoEnvironment(*backend, {});
     FileOutput out(STDOUT_FILENO);
-    if (options.lines)
-        runLines(*backend, input, out);
-    else
-        runOne(*backend, request, out);
+    if (options.lines) return runLines(*backend, input, out);
+    ManyRows many(asksBeforeMany(options.asks));
+    runOne(*backend, request, many, out);
 }
 
 }  // namespace QOR

@@ -1,10 +1,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdint>
+
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORFiles.h"
 #include "commands/Commands.h"
+#include "commands/Printing.h"
 #include "commands/RecordStream.h"
+#include "output/ManyRows.h"
 #include "process/Interrupt.h"
 
 namespace QOR {
@@ -21,7 +25,8 @@ QORFileDescriptor openOutput(const std::string& path) {
     }
 }
 
-void writeSample(QORSampleData& sample, const std::string& path) {
+void writeSample(QORSampleData& sample, const std::string& path, bool mayAsk) {
+    if (path == "-") ManyRows(asksBeforeMany(mayAsk)).expect(static_cast<std::int64_t>(sample.total()));
     const QORFileDescriptor file = path == "-" ? QORFileDescriptor() : openOutput(path);
     FileOutput out(path == "-" ? STDOUT_FILENO : file.get());
     for (std::string line; sample.next(line);)
@@ -35,7 +40,7 @@ void runSample(const ConnectionOptions& connection, const SampleCommandOptions& 
     QORSampleData sample(options.sample);
     if (sample.total() == 0)
         throw CtlError::usage("say how much: --environments N, --operations N, --events N, --backups N");
-    if (options.output) return writeSample(sample, *options.output);
+    if (options.output) return writeSample(sample, *options.output, options.asks);
     const auto backend = makeBackend(connection, BackendUse::Store);
     const Interrupt interrupt;
     RecordStream records(*backend, options.report, sample.total());

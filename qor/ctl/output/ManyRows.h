@@ -20,10 +20,13 @@ public:
     bool asks() const noexcept { return m_asks; }
     /// So many are to come, at least. \throws BrokenPipe when the person does not want them
     void expect(std::int64_t rows);
-    /// Another one comes. \param out what came before, which is shown before the question \throws as expect()
-    void row(Output& out) {
-        if (++m_rows > most && m_asks) askAfter(out);
+    /// Further ones come. \param out what came before, which is shown before the question \throws as expect()
+    void row(Output& out, std::int64_t rows = 1) {
+        m_rows += rows;
+        if (m_rows > most && m_asks) askAfter(out);
     }
+    /// What comes now does not roll by.
+    void askNoMore() noexcept { m_asks = false; }
 
 private:
     void askAfter(Output& out);

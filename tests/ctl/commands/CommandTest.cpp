@@ -1,14 +1,11 @@
 // Every command, end to end: against a real agent over its socket, and with the host in its own process.
-#include <pty.h>
-#include <sys/ioctl.h>
-
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "ctl/BothWays.h"
+#include "ctl/CtlTerminal.h"
 #include "rdbmspp/pool/QORRdbms.h"
-#include "support/LargeView.h"
 
 namespace QOR::test {
 namespace {
@@ -449,45 +446,6 @@ TEST_P(Command, AReaderThatHasSeenEnoughIsNoError) {
     EXPECT_EQ(result.err, "");
 }
 
-struct TerminalResult {
-    int status;
-    std::string out;  ///< both streams, lines end with CR LF
-};
-
-/// Runs qorctl on a terminal of 10 lines. \param variables "NAME=VALUE" of its environment \param answer what is typed
-/// when it asks
-TerminalResult runOnTerminal(Words command, unsigned short columns, Words variables, std::string_view answer = {}) {
-    ::winsize size{};
-    size.ws_col = columns;
-    size.ws_row = 10;
-    command.insert(command.begin(), ctlProgram());
-    std::vector<char*> arguments;
-    for (std::string& word : command)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    int terminal = -1;
-    const pid_t child = ::forkpty(&terminal, nullptr, nullptr, &size);
-    if (child == 0) {
-        for (const char* const variable : {"COLUMNS", "NO_COLOR", "PAGER", "QOR_PAGER", "TERM", "TZ"})
-            ::unsetenv(variable);
-        for (std::string& variable : variables)
-            ::putenv(variable.data());
-        ::execv(arguments[0], arguments.data());
-        ::_exit(127);
-    }
-    std::string out;
-    char block[4096];
-    for (ssize_t got = 0; (got = ::read(terminal, block, sizeof block)) > 0;) {
-        out.append(block, static_cast<std::size_t>(got));
-        if (!out.ends_with("[y/N] ")) continue;
-        EXPECT_EQ(::write(terminal, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    ::close(terminal);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
-
 TEST_P(Command, ATableFitsItsTerminal) {
     const TerminalResult result =
         runOnTerminal(where({"select", "--view", "vOpLog", "-f", "id", "message", "--where", "id = 'a'"}), 30,
@@ -576,29 +534,6 @@ private:
         return arguments;
     }
 };
-
-TEST_F(Standalone, ATerminalGetsMoreThanAMillionRowsWhenThePersonWantsThem) {
-    constexpr int rows = 1'000'001;
-    makeLargeView(m_database.connectionString(), rows, rows);
-    const Words select = with({"select", "vMany", "-f", "id", "--no-header", "-o", "csv"});
-    const std::string last = std::to_string(rows) + "\r";
-    const auto runWith = [&](const Words& more, std::string_view answer) {
-        Words command = select;
-        command.insert(command.end(), more.begin(), more.end());
-        return runOnTerminal(command, 80, {"QOR_PAGER="}, answer);
-    };
-    const TerminalResult refused = runWith({}, "n\n");
-    EXPECT_EQ(refused.status, 0);
-    EXPECT_THAT(refused.out, HasSubstr("[y/N] "));
-    EXPECT_EQ(refused.out.find(last), std::string::npos);
-    EXPECT_NE(runWith({}, "y\n").out.find(last), std::string::npos);
-    EXPECT_EQ(runWith({}, "\x03").status, 130);
-    for (const Words& more : {Words{"--yes"}, Words{"--limit", "1000000"}})
-        EXPECT_EQ(runWith(more, "n\n").out.find("[y/N]"), std::string::npos);
-    const CtlResult piped = runCtl(select);
-    EXPECT_EQ(piped.err, "");
-    EXPECT_TRUE(piped.out.ends_with(last + "\n"));
-}
 
 TEST_F(Standalone, TheSameSeedMakesTheSameSample) {
     const Words ask{"sample", "--environments", "5", "--operations", "50", "--events",
