@@ -12,7 +12,8 @@ says what it is:
                     in front of it
     sh postgresql, console postgresql   likewise, with a PostgreSQL server in place of the installed one
     sh sdk, console sdk   likewise, with the SDK and its examples installed
-    sh installed    commands that need an installed system or its plug-in; not run
+    sh installed    commands that need an installed system or its plug-in; not run here (those that install packages, use, upgrade and
+                    remove them are run by the packages' test)
     sh project      the project's own scripts; their options and presets have to exist
     sh form, json form   with a part left out; not run
     sh walk, console walk, diff     the walk-throughs of CONTRIBUTING.md; tests/walkthrough runs them

@@ -95,6 +95,7 @@ class CleanRoot : public DebianPackages {
 protected:
     static void SetUpTestSuite() {
         DebianPackages::SetUpTestSuite();
+        if (fs::exists(below("root"))) return;
         s_isPossible = ::geteuid() == 0 && canMount();
         if (s_isPossible) makeRoot();
     }
@@ -295,6 +296,100 @@ TEST_F(CleanRoot, RemovingKeepsTheDataAndPurgingLeavesNothing) {
         EXPECT_FALSE(fs::is_symlink(root() / "etc/systemd/system" / unit)) << unit << " stays masked";
     run({"dpkg", "-P", "qor-agent", "qorctl", "libqor1"});
     EXPECT_EQ(entriesBelow(root()), before);
+}
+
+/// A system in which the page about installing is gone through, line by line.
+class InstallingPage : public CleanRoot {
+protected:
+    void SetUp() override {
+        CleanRoot::SetUp();
+        if (IsSkipped()) return;
+        // Whoever reads the page is root here, and apt is what brings packages to where they are needed.
+        makeProgram("sudo", "exec \"$@\"");
+        makeProgram("apt",
+                    "case $1 in install) word=-i ;; remove) word=-r ;; purge) word=-P ;; *) exit 2 ;; esac\n"
+                    "shift; exec dpkg $word \"$@\"");
+        fs::create_directories(folder() / "build/release/packages");
+        for (const std::string& file : installedOnes()) {
+            fs::copy_file(file, folder() / fs::path(file).filename());
+            fs::copy_file(asEarlierVersion(file), folder() / "build/release/packages" / fs::path(file).filename());
+        }
+    }
+
+    /// What the page has done for an installed system below a heading.
+    static std::vector<std::string> commandsBelow(const std::string& heading) {
+        std::vector<std::string> commands;
+        bool isThere = false;
+        bool isCommand = false;
+        for (const std::string& line : linesOf(wholeFile(QOR_PROJECT_DIR "/docs/install.md"))) {
+            if (line.starts_with("## ")) isThere = line == "## " + heading;
+            if (line.starts_with("```")) isCommand = isThere && line == "```sh installed";
+            if (isCommand && !line.starts_with("```")) commands.push_back(line);
+        }
+        if (commands.empty()) throw std::runtime_error("nothing is done below " + heading);
+        return commands;
+    }
+    std::string follow(const std::string& command) {
+        const bool bringsPackages = command.starts_with("sudo apt ");
+        if (bringsPackages && m_agent) stopAgent();  // as the service manager does
+        std::string output = run({"env", "USER=root", "bash", "-euc", "cd /tmp/reader; " + command});
+        if (bringsPackages && fs::exists(root() / "usr/bin/qor-agent")) m_agent = startAgent();
+        return output;
+    }
+    std::string followAll(const std::string& heading) {
+        std::string output;
+        for (const std::string& command : commandsBelow(heading))
+            output += follow(command);
+        return output;
+    }
+    static bool isThere(const std::string& path) { return fs::exists(root() / path); }
+
+private:
+    static fs::path folder() { return root() / "tmp/reader"; }
+    static void makeProgram(const std::string& name, const std::string& text) {
+        const fs::path file = root() / "usr/bin" / name;
+        std::ofstream(file) << "#!/bin/sh\n" << text << '\n';
+        fs::permissions(file, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+    }
+    void stopAgent() {
+        EXPECT_EQ(stop(*m_agent), 0) << m_agent->output();
+        m_agent.reset();
+    }
+
+    std::unique_ptr<test::ChildProcess> m_agent;
+};
+
+TEST_F(InstallingPage, LeadsToFirstRowsToTheNextVersionAndToNothing) {
+    const std::string first = followAll("First rows");
+    EXPECT_THAT(first, HasSubstr("environment: 1 added"));
+    EXPECT_THAT(first, HasSubstr("qor-agent"));
+    EXPECT_THAT(run({"dpkg-query", "-W", "qor-agent"}), EndsWith("\t0.9.0\n"));
+    std::ofstream(root() / "etc/qor/conf.d/10-own.toml") << "deadline = 5\n";
+    const Command rows{"qorctl", "log", "-f", "count(id)", "-o", "tsv", "--no-header"};
+    const std::string before = run(rows);
+
+    followAll("Upgrade");
+    EXPECT_THAT(run({"dpkg-query", "-W", "qor-agent"}), EndsWith("\t" QOR_TEST_VERSION "\n"));
+    EXPECT_EQ(run(rows), before);
+
+    const std::vector<std::string> removal = commandsBelow("Removal");
+    ASSERT_EQ(removal.size(), 4U);
+    follow(removal[0]);
+    for (const char* const gone : {"usr/bin/qor-agent", "usr/bin/qorctl", "usr/lib/systemd/system/qor-agent.service",
+                                   "usr/share/man/man8/qor-agent.8.gz", "usr/share/bash-completion/completions/qorctl"})
+        EXPECT_FALSE(isThere(gone)) << gone;
+    const std::vector<std::string> kept{"var/lib/qor/agent.db", "var/log/qor", "etc/qor/agent.toml",
+                                        "etc/logrotate.d/qor-agent"};
+    for (const std::string& stays : kept)
+        EXPECT_TRUE(isThere(stays)) << stays;
+    follow(removal[1]);
+    for (const std::string& gone : kept)
+        EXPECT_FALSE(isThere(gone)) << gone;
+    EXPECT_TRUE(isThere("etc/qor/conf.d/10-own.toml"));
+    EXPECT_THAT(run({"getent", "group", "qor"}), HasSubstr("root"));
+    follow(removal[2]);
+    follow(removal[3]);
+    EXPECT_THAT(wholeFile(root() / "etc/passwd") + wholeFile(root() / "etc/group"), Not(HasSubstr("qor")));
 }
 
 }  // namespace
