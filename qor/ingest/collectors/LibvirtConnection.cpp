@@ -94,15 +94,6 @@ std::vector<LibvirtSaving> savingsOf(const LibvirtList<Object>& list, std::size_
     return savings;
 }
 
-template <class Object, class Name>
-std::vector<std::string> namesOf(const LibvirtList<Object>& list, Name name) {
-    std::vector<std::string> names;
-    for (const auto& handle : list.handles)
-        names.push_back(textOrNothing(name(handle.get())));
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 }  // namespace
 
 std::unique_ptr<LibvirtConnection> LibvirtConnection::open(const std::string& uri) {
@@ -182,20 +173,6 @@ std::vector<std::string> LibvirtConnection::addresses(const LibvirtDomain& domai
     }
     std::free(interfaces);  // NOLINT(cppcoreguidelines-no-malloc): the library asks for it
     return addresses;
-}
-
-std::vector<std::string> LibvirtConnection::snapshotNames(const LibvirtDomain& domain) const {
-    if (!domain.hasSnapshots) return {};
-    return namesOf(
-        LibvirtList<virDomainSnapshot>(libvirt().domainListAllSnapshots, domain.handle.get(), 0, "its snapshots"),
-        libvirt().domainSnapshotGetName);
-}
-
-std::vector<std::string> LibvirtConnection::checkpointNames(const LibvirtDomain& domain) const {
-    if (!domain.hasCheckpoints) return {};
-    return namesOf(
-        LibvirtList<virDomainCheckpoint>(libvirt().domainListAllCheckpoints, domain.handle.get(), 0, "its checkpoints"),
-        libvirt().domainCheckpointGetName);
 }
 
 std::vector<LibvirtSaving> LibvirtConnection::snapshots(const LibvirtDomain& domain, std::size_t most) const {

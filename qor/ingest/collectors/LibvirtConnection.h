@@ -61,8 +61,6 @@ public:
     std::string definition(const LibvirtDomain& domain, bool inactive) const;
     /// Those that the networks of this machine have lent it; none where that is not known.
     std::vector<std::string> addresses(const LibvirtDomain& domain) const;
-    std::vector<std::string> snapshotNames(const LibvirtDomain& domain) const;
-    std::vector<std::string> checkpointNames(const LibvirtDomain& domain) const;
     /// Sorted by name. \param most further ones are left out
     std::vector<LibvirtSaving> snapshots(const LibvirtDomain& domain, std::size_t most) const;
     std::vector<LibvirtSaving> checkpoints(const LibvirtDomain& domain, std::size_t most) const;
