@@ -38,6 +38,7 @@
 #include "agent/http/HttpRequestReader.h"
 #include "agent/http/HttpServer.h"
 #include "agent/http/HttpTransport.h"
+#include "agent/http/LoopCalls.h"
 #include "agent/http/WorkerPool.h"
 #include "gzip/HttpGzip.h"
 
@@ -82,6 +83,8 @@ public:
     virtual void giveTurn(const HttpConnection& connection, HttpLane lane,
                           std::chrono::steady_clock::duration taken) = 0;
     virtual WorkerPool& workers(HttpLane lane) = 0;
+    /// Of workers to the server's thread.
+    virtual LoopCalls& calls() = 0;
     /// Neither of the two is waited for any more.
     virtual void stopWaiting(HttpConnection& connection) = 0;
 
@@ -183,8 +186,8 @@ public:
         m_working = true;
         m_turnBegan = std::chrono::steady_clock::now();
         m_owner.workers(m_plan.lane).post([self = shared_from_this()] {
-            auto reply = std::make_shared<std::optional<HttpReply>>(self->answer());
-            net::post(self->m_stream.get_executor(), [self, reply] { self->onAnswered(std::move(*reply)); });
+            self->m_answer = self->answer();
+            self->m_owner.calls().post([self] { self->onAnswered(std::exchange(self->m_answer, std::nullopt)); });
         });
     }
     void turnExpired() { end(limited(m_plan.lane == HttpLane::Streaming ? HttpLimit::Streams : HttpLimit::Deadline)); }
@@ -773,8 +776,7 @@ private:
         }
         bool push(std::string piece) {
             if (!m_connection.m_outgoing.push(std::move(piece))) return false;
-            net::post(m_connection.m_stream.get_executor(),
-                      [self = m_connection.shared_from_this()] { self->onPieceReady(); });
+            m_connection.m_owner.calls().post([self = m_connection.shared_from_this()] { self->onPieceReady(); });
             return true;
         }
 
@@ -967,6 +969,7 @@ private:
     bool m_expectsContinue = false;
     bool m_idle = false;
     bool m_working = false;
+    std::optional<HttpReply> m_answer;  // the worker's while m_working
     std::chrono::steady_clock::time_point m_turnBegan{};
     bool m_counted = false;
     bool m_closed = false;

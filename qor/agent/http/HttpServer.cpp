@@ -23,6 +23,7 @@
 #include "agent/http/FairQueue.h"
 #include "agent/http/HttpConnection.h"
 #include "agent/http/LocalListener.h"
+#include "agent/http/LoopCalls.h"
 #include "agent/http/TcpListener.h"
 
 namespace QOR {
@@ -245,6 +246,7 @@ public:
         grantTurns(turns);
         if (m_stopping) finishWhenIdle();
     }
+    LoopCalls& calls() override { return m_calls; }
     WorkerPool& workers(HttpLane lane) override { return m_lanes[indexOf(lane)].workers; }
     void stopWaiting(HttpConnection& connection) override {
         const std::string& key = connection.identity().key;
@@ -542,6 +544,7 @@ private:
             m_beatTimer.cancel();
             while (!m_connections.empty())
                 (*m_connections.begin())->close();
+            m_calls.close();
             m_work.reset();
         });
     }
@@ -582,8 +585,9 @@ private:
 
     HttpServerOptions m_options;
     HttpApplication& m_application;
-    // The workers go first: what they still hold of a connection posts to m_io.
+    // The workers go first: what they still hold of a connection posts to m_calls.
     net::io_context m_io{1};
+    LoopCalls m_calls{m_io};
     FairQueue<BodyWaiter> m_bodies;
     std::array<Lane, httpLaneCount> m_lanes;
     std::vector<std::unique_ptr<Listener>> m_listeners;

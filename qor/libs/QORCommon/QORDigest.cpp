@@ -43,18 +43,15 @@ EVP_MAC_CTX* makeUnkeyed() {
 }  // namespace
 
 std::string keyedDigest(std::string_view key, std::string_view text) {
-    // Made once, for the same reason; a copy of it is cheap.
-    static EVP_MAC_CTX* const unkeyed = makeUnkeyed();
-    const std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> context(
-        unkeyed == nullptr ? nullptr : ::EVP_MAC_CTX_dup(unkeyed), &EVP_MAC_CTX_free);
+    // Made once, for the same reason: of what a short text takes, most would be the making.
+    thread_local const std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> context(makeUnkeyed(),
+                                                                                         &EVP_MAC_CTX_free);
     requireDigest(context ? ::EVP_MAC_init(context.get(), bytesOf(key), key.size(), nullptr) : 0);
     requireDigest(::EVP_MAC_update(context.get(), bytesOf(text), text.size()));
-    std::string result(EVP_MAX_MD_SIZE, '\0');
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     std::size_t size = 0;
-    requireDigest(
-        ::EVP_MAC_final(context.get(), reinterpret_cast<unsigned char*>(result.data()), &size, result.size()));
-    result.resize(size);
-    return result;
+    requireDigest(::EVP_MAC_final(context.get(), digest.data(), &size, digest.size()));
+    return {reinterpret_cast<const char*>(digest.data()), size};
 }
 
 bool isSameDigest(std::string_view a, std::string_view b) noexcept {

@@ -32,35 +32,41 @@ const EVP_CIPHER* aes() {
     return found != nullptr ? found : ::EVP_aes_256_gcm();
 }
 
-/// One text under the key of one salt.
+/// A context of the thread's: what it takes to make one is more than what a short text takes.
+EVP_CIPHER_CTX* threadContext() {
+    thread_local const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context{::EVP_CIPHER_CTX_new(),
+                                                                                               &EVP_CIPHER_CTX_free};
+    return context.get();
+}
+
+/// One text under the key of one salt. One at a time on each thread.
 class Cipher {
 public:
     Cipher(std::string_view secret, std::string_view salt, bool encrypts) {
         const std::string key = keyedDigest(secret, salt);
-        requireSealed(m_context ? ::EVP_CipherInit_ex(m_context.get(), aes(), nullptr, bytesOf(key), noNonce.data(),
-                                                      encrypts ? 1 : 0)
-                                : 0);
+        requireSealed(m_context != nullptr ? ::EVP_CipherInit_ex(m_context, aes(), nullptr, bytesOf(key),
+                                                                 noNonce.data(), encrypts ? 1 : 0)
+                                           : 0);
     }
     /// Writes as many bytes as there are.
     void run(std::string_view bytes, unsigned char* out) {
         int size = 0;
-        requireSealed(::EVP_CipherUpdate(m_context.get(), out, &size, bytesOf(bytes), static_cast<int>(bytes.size())));
+        requireSealed(::EVP_CipherUpdate(m_context, out, &size, bytesOf(bytes), static_cast<int>(bytes.size())));
     }
     bool end() {
         std::array<unsigned char, EVP_MAX_BLOCK_LENGTH> none{};
         int size = 0;
-        return ::EVP_CipherFinal_ex(m_context.get(), none.data(), &size) == 1;
+        return ::EVP_CipherFinal_ex(m_context, none.data(), &size) == 1;
     }
     void getTag(unsigned char* out) {
-        requireSealed(::EVP_CIPHER_CTX_ctrl(m_context.get(), EVP_CTRL_GCM_GET_TAG, tagBytes, out));
+        requireSealed(::EVP_CIPHER_CTX_ctrl(m_context, EVP_CTRL_GCM_GET_TAG, tagBytes, out));
     }
     void setTag(std::string tag) {
-        requireSealed(::EVP_CIPHER_CTX_ctrl(m_context.get(), EVP_CTRL_GCM_SET_TAG, tagBytes, tag.data()));
+        requireSealed(::EVP_CIPHER_CTX_ctrl(m_context, EVP_CTRL_GCM_SET_TAG, tagBytes, tag.data()));
     }
 
 private:
-    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> m_context{::EVP_CIPHER_CTX_new(),
-                                                                              &EVP_CIPHER_CTX_free};
+    EVP_CIPHER_CTX* const m_context = threadContext();
 };
 
 }  // namespace

@@ -55,5 +55,18 @@ TEST(Seal, IsOpenedWithItsSecretAlone) {
     }
 }
 
+TEST(Seal, WhatWasNotOpenedLeavesNothingBehindForTheNext) {
+    const std::string sealed = sealBytes("secret", "bytes");
+    std::string other = sealed;
+    other.back() = static_cast<char>(other.back() ^ 1);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(openBytes("secret", other), std::nullopt);
+        const std::string again = sealBytes("secret", "bytes");
+        EXPECT_EQ(openBytes("Secret", again), std::nullopt);
+        EXPECT_EQ(openBytes("secret", again), "bytes");
+        EXPECT_EQ(openBytes("secret", sealed), "bytes");
+    }
+}
+
 }  // namespace
 }  // namespace QOR::test
