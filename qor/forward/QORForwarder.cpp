@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <exception>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <set>
 #include <span>
@@ -174,7 +175,6 @@ private:
             {QORChangeKind::Environment, QORChangeKind::Operation, QORChangeKind::Event, QORChangeKind::Backup},
             position());
         const QORRecordChanges changes = reader.read(everything(), mostRecords);
-        batch.missing = changes.missing;
         batch.reset = changes.reset;
         const std::vector<QORRecordChange> records = firstPlaces(changes.records);
         std::size_t bytes = 0;
@@ -196,15 +196,22 @@ private:
         putEnvironmentsAhead(batch.lines, atHome == sent.end() ? 0 : atHome->second);
         if (taken == records.size()) {
             batch.position = reader.position();
+            batch.missing += changes.missing;
             batch.atEnd = changes.atEnd;
             return batch;
         }
         // Up to the last that was taken: of each server changes are told in their order.
         for (const auto& [server, behind] : reader.position()) {
-            if (const auto before = sent.find(server); before != sent.end()) batch.position.insert(*before);
+            const auto before = sent.find(server);  // behind that it stands only where the database was put back
+            if (before != sent.end()) batch.position.emplace(server, std::min(before->second, behind));
         }
-        for (std::size_t at = 0; at < taken; ++at)
+        std::map<std::string_view, std::uint64_t> missing;
+        for (std::size_t at = 0; at < taken; ++at) {
             batch.position[records[at].server] = records[at].number;
+            missing[records[at].server] = records[at].missing;
+        }
+        for (const auto& [server, changesThere] : missing)
+            batch.missing += changesThere;
         return batch;
     }
 

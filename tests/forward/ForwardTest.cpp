@@ -122,6 +122,26 @@ TEST_F(ForwardTest, WhatIsMissingIsCountedOnceHoweverOftenTheRestIsTried) {
     EXPECT_EQ(rowsOf(central, "vEventLog", "source"), R"([["kept"],["sent"]])");
 }
 
+// What has been read behind the last record of a full request is read again.
+TEST_F(ForwardTest, WhatIsMissingBehindAFullRequestIsCountedOnce) {
+    const TestDatabase database;
+    AgentSettings lasting = settings();
+    lasting.database = database.connectionString();
+    const AgentProcess host(lasting);
+    central.stop();
+    const std::string large(100'000, 'x');
+    std::string records = event("removed");
+    for (int number = 0; number < 120; ++number)
+        records += R"({"kind":"event","time":1,"source":"large","info":{"text":")" + large + "\"}}\n";
+    store(host, records + event("removed") + event("kept") + event("removed"));
+    DirectDatabase(database).run("DELETE FROM qor_event WHERE source = 'removed'");
+    central.start();
+    way.setPort(0, portOf(central));
+    awaitSent(host);
+    EXPECT_EQ(forwarding(host, "missing"), "3");
+    EXPECT_EQ(forwarding(host, "taken"), "121");
+}
+
 TEST_F(ForwardTest, WhatWasSentIsKnownByAnyNumberOfSendersAndAfterStarts) {
     AgentProcess host(settings());
     store(host, event("one"));

@@ -108,8 +108,13 @@ private:
     /// What is told of nowhere has been forgotten.
     void passTo(std::int64_t change) {
         if (change <= m_behind) return;
-        m_into.missing += static_cast<std::uint64_t>(change - m_behind);
+        miss(change - m_behind);
         m_behind = change;
+    }
+
+    void miss(std::int64_t changes) {
+        m_missing += static_cast<std::uint64_t>(changes);
+        m_into.missing += static_cast<std::uint64_t>(changes);
     }
 
     void take(const Entry& entry) {
@@ -137,22 +142,22 @@ private:
         std::int64_t next = first;
         while (m_into.records.size() < m_most && select.fetch()) {
             ++found;
+            miss(select.integer(1) - next);
             next = select.integer(1) + 1;
             m_behind = entry.n + (next - 1 - entry.first);
             tell(entry.kind, std::string(select.text(2)), select.isNull(3) ? std::string_view() : select.text(3));
         }
         // Where the room was used up there may be more; else that was all.
-        if (found < most && m_into.records.size() < m_most) next = entry.last + 1;
+        if (found < most && m_into.records.size() < m_most) miss(entry.last + 1 - std::exchange(next, entry.last + 1));
         select.close();
         m_lookedAt += found;
-        m_into.missing += static_cast<std::uint64_t>(next - first - found);
         m_behind = entry.n + (next - 1 - entry.first);
     }
 
     void tell(QORChangeKind kind, std::string id, std::string_view owner) {
         QOREID eid;
         if (!owner.empty()) eid.fromString(owner);
-        if (m_access.sees(eid)) m_into.records.push_back({kind, std::move(id), eid, m_server, m_behind});
+        if (m_access.sees(eid)) m_into.records.push_back({kind, std::move(id), eid, m_server, m_behind, m_missing});
     }
 
     ASSession& m_session;
@@ -163,6 +168,7 @@ private:
     QORRecordChanges& m_into;
     std::int64_t m_behind = 0;
     std::int64_t m_lookedAt = 0;
+    std::uint64_t m_missing = 0;  ///< in this database
 };
 
 /// Each database that has a sequence, by its server's name, "" first.

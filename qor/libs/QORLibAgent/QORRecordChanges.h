@@ -56,6 +56,8 @@ struct QORRecordChange {
     QOREID owner;             ///< whose it is; invalid for none
     std::string server{};     ///< where it was told of, as in a position
     std::int64_t number = 0;  ///< of the change, there
+    /// Changes there that cannot be told any more, from the position that was read from up to this one.
+    std::uint64_t missing = 0;
 };
 
 /// What comes next.
