@@ -25,7 +25,7 @@ constexpr const char* sentBody = "packed";
 /// Who listens on 127.0.0.1 and gives requests with that body these answers, one after the other over one connection.
 class AnsweringPeer {
 public:
-    explicit AnsweringPeer(std::vector<std::string> heads)
+    explicit AnsweringPeer(std::vector<std::string> heads, const std::string& body = "{}")
         : m_listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -36,7 +36,7 @@ public:
             ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) != 0)
             throw std::runtime_error("cannot listen");
         m_port = ntohs(address.sin_port);
-        m_thread = std::thread([this, heads = std::move(heads)] { answer(heads); });
+        m_thread = std::thread([this, heads = std::move(heads), body] { answer(heads, body); });
     }
     ~AnsweringPeer() {
         ::shutdown(m_listener, SHUT_RDWR);
@@ -49,12 +49,13 @@ public:
     std::string url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
 
 private:
-    void answer(const std::vector<std::string>& heads) const {
+    void answer(const std::vector<std::string>& heads, const std::string& body) const {
         const int client = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) return;
         for (const std::string& head : heads) {
             if (!hasRequest(client)) break;
-            const std::string whole = "HTTP/1.1 " + head + "\r\nContent-Length: 2\r\n\r\n{}";
+            const bool saysHow = head.find("Content-Length") != std::string::npos || head.ends_with("chunked");
+            const std::string whole = "HTTP/1.1 " + head + (saysHow ? "" : "\r\nContent-Length: 2") + "\r\n\r\n" + body;
             if (::send(client, whole.data(), whole.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(whole.size())) break;
         }
         ::close(client);
@@ -119,6 +120,21 @@ TEST(ForwardReply, HowLongTheOtherSideWantsToBeLeftAloneIsWaited) {
     }
     for (int unclear = 0; unclear < 3; ++unclear)
         EXPECT_EQ(answered().retryAfter, 0U);
+}
+
+TEST(ForwardReply, AnAnswerThatIsTooLongIsNotReadHoweverItTellsItsLength) {
+    const std::string inChunks = "5f5e100\r\n" + std::string(1000, ' ');
+    for (const auto& [head, body] : {std::pair("200 OK\r\nContent-Length: 100000000", std::string(1000, ' ')),
+                                     std::pair("200 OK\r\nTransfer-Encoding: chunked", inChunks)}) {
+        const AnsweringPeer peer({head}, body);
+        ForwardConnection connection({.address = readAgentAddress(peer.url())});
+        try {
+            connection.post("/v1/records", sentBody, {});
+            ADD_FAILURE() << head << " was read";
+        } catch (const ForwardLost& lost) {
+            EXPECT_STREQ(lost.what(), "its answer is too long") << head;
+        }
+    }
 }
 
 TEST(ForwardReply, ARecordIsRefusedByItsLineAndASenderWithoutOne) {
