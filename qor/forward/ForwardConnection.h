@@ -4,12 +4,12 @@
 
 #include <cstdint>
 #include <memory>
-#include <stdexcept>
 #include <stop_token>
 #include <string>
 #include <string_view>
 
 #include "QORCommon/QORAgentAddress.h"
+#include "httpclient/HttpLink.h"
 
 namespace QOR {
 
@@ -26,12 +26,6 @@ struct ForwardReply {
     std::uint64_t retryAfter = 0;  ///< seconds that were asked for, 0 for none
 };
 
-/// Nobody has answered.
-class ForwardLost : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 /// HTTP/1.1 over TCP or TLS, one request after the other on one connection for as long as both sides keep it. Used by
 /// one thread at a time.
 class ForwardConnection {
@@ -44,14 +38,12 @@ public:
     /// Sends a body that gzip has packed, and waits for what is answered, for minutes at most. The token is read anew
     /// for each request, so that it may be replaced.
     /// \param stop ends the waiting at once
-    /// \throws ForwardLost that says why there is no answer; the next request begins with a new connection
+    /// \throws HttpLost that says why there is no answer; the next request begins with a new connection
     ForwardReply post(const std::string& path, std::string_view packed, const std::stop_token& stop);
 
 private:
-    class Link;
-
     const QORForwardTarget m_target;
-    std::unique_ptr<Link> m_link;  ///< null: there is no connection
+    std::unique_ptr<HttpLink> m_link;  ///< null: there is no connection
 };
 
 }  // namespace QOR

@@ -131,7 +131,7 @@ TEST(ForwardReply, AnAnswerThatIsTooLongIsNotReadHoweverItTellsItsLength) {
         try {
             connection.post("/v1/records", sentBody, {});
             ADD_FAILURE() << head << " was read";
-        } catch (const ForwardLost& lost) {
+        } catch (const HttpLost& lost) {
             EXPECT_STREQ(lost.what(), "its answer is too long") << head;
         }
     }
