@@ -9,6 +9,7 @@
 #include "ingest/CollectorRun.h"
 #include "ingest/collectors/AptCollector.h"
 #include "ingest/collectors/CgroupCollector.h"
+#include "ingest/collectors/ContainerCollector.h"
 #include "ingest/collectors/DpkgCollector.h"
 #include "ingest/collectors/FilesystemCollector.h"
 #include "ingest/collectors/JournalCollector.h"
@@ -29,6 +30,8 @@ struct OwnCollectors {
     CgroupCollector cgroups;
     JournalCollector journal;
     LibvirtCollector libvirt;
+    ContainerCollector docker{ContainerCollector::Engine::Docker};
+    ContainerCollector podman{ContainerCollector::Engine::Podman};
 };
 
 OwnCollectors& ownCollectors() {

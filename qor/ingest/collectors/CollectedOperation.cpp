@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "QORCommon/QORText.h"
 #include "QORCommon/QORXmlText.h"
 
 namespace QOR {
@@ -22,6 +23,12 @@ void addSource(QORInfo& message, const QOREnvironmentRecord& machine) {
     if (machine.title) source.add("title", *machine.title);
     source.add("type", "host");
     message.add(std::move(env)).add(std::move(source));
+}
+
+std::string collectedText(std::string_view text) {
+    constexpr std::size_t longest = 4096;
+    const std::string readable = toXmlText(text);
+    return readable.substr(0, utf8Prefix(std::string_view(readable).substr(0, longest)));
 }
 
 void addText(QORInfo& info, std::string_view name, std::string_view text) {

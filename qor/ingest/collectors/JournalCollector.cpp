@@ -15,6 +15,7 @@
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORTime.h"
 #include "ingest/RecordLines.h"
+#include "ingest/collectors/CollectedLeftOut.h"
 #include "ingest/collectors/CollectedOperation.h"
 #include "ingest/collectors/Journal.h"
 #include "ingest/collectors/JournalEvent.h"
@@ -95,49 +96,6 @@ struct JournalPlace {
     std::string reached;  ///< the cursor of the last entry that had been looked at before what is owed was read again
 };
 
-/// Events that were left out, which are told as one.
-class LeftOutEvents {
-public:
-    void add(const JournalEvent& event, std::string name, std::int64_t time) {
-        if (m_count++ == 0) {
-            m_name = std::move(name);
-            m_first = time;
-        }
-        m_last = time;
-        const std::size_t count = ++m_speakers[event.speaker];
-        if (count <= m_most) return;
-        m_most = count;
-        m_loudest = event.speaker;
-    }
-
-    void tell(QORCollection& collection) const {
-        if (m_count == 0) return;
-        QOREventRecord event;
-        event.time = m_last;
-        event.eid = collection.machine();
-        event.id = QORGUIDBase::fromName(event.eid, "journal left out " + m_name);
-        event.source = "journal";
-        event.category = "env_status";
-        QORInfo info;
-        info.add("left_out", std::to_string(m_count));
-        info.add("from", time2str(m_first));
-        info.add("until", time2str(m_last));
-        addText(info, "most_of", m_loudest);
-        info.add("of_it", std::to_string(m_most));
-        event.info = std::move(info);
-        collection.add(lineOf(event));
-    }
-
-private:
-    std::size_t m_count = 0;
-    std::string m_name;  ///< of the first one
-    std::int64_t m_first = 0;
-    std::int64_t m_last = 0;
-    std::map<std::string, std::size_t, std::less<>> m_speakers;
-    std::string m_loudest;
-    std::size_t m_most = 0;
-};
-
 /// A journal that is moved to other files numbers its entries anew: those numbers stand in front.
 std::string lastingName(const std::string& cursor) {
     const std::size_t boot = cursor.find(";b=");
@@ -172,7 +130,7 @@ public:
             if (m_collection.isStopping()) return;
             if (!readEntry()) break;
         }
-        m_leftOut.tell(m_collection);
+        m_leftOut.tell(m_collection, "journal");
         m_isWhole = m_isWhole && m_journal.isWhole();
         if (!m_isWhole)
             m_collection.cannotRead("all of the journal: a file of it is damaged or was cut (journalctl --verify)");
@@ -215,7 +173,7 @@ private:
         // Which of these were brought before is not known: none of them may be counted as left out.
         if (m_reached != 0 && timeOfCursor(name) <= m_reached) return add(event, name, time);
         std::size_t& ofOne = m_speakers[event.speaker];
-        if (m_brought >= m_most.events || ofOne >= m_most.ofOne) return m_leftOut.add(event, name, time);
+        if (m_brought >= m_most.events || ofOne >= m_most.ofOne) return m_leftOut.add(event.speaker, name, time);
         ++m_brought;
         ++ofOne;
         add(event, name, time);
@@ -255,7 +213,7 @@ private:
     std::uint64_t m_reached = 0;  ///< up to then entries are read again
     std::size_t m_brought = 0;
     std::map<std::string, std::size_t, std::less<>> m_speakers;
-    LeftOutEvents m_leftOut;
+    CollectedLeftOut m_leftOut;
 };
 
 }  // namespace

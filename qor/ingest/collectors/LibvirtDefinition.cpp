@@ -16,7 +16,6 @@
 namespace QOR {
 namespace {
 
-constexpr std::size_t longestText = 4096;
 /// Disks, interfaces, addresses; further ones are left out.
 constexpr std::size_t mostDevices = 256;
 
@@ -150,8 +149,7 @@ QORConfigRecord configOf(const pugi::xml_node& domain, const std::vector<std::st
 }  // namespace
 
 std::string libvirtText(const std::string& text) {
-    const std::string readable = toXmlText(text);
-    return readable.substr(0, utf8Prefix(std::string_view(readable).substr(0, longestText)));
+    return collectedText(text);
 }
 
 std::optional<LibvirtDefinition> readLibvirtDefinition(const std::string& xml, const std::vector<std::string>& lent,

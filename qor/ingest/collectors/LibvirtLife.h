@@ -2,27 +2,18 @@
 /// What a domain's state means, and what has happened where it changed.
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "ingest/collectors/EnvironmentLife.h"
+
 namespace QOR {
 
 struct LibvirtState;
 
-/// The states of an environment that is a domain, as they are stored. Contract: never renumbered.
-enum class LibvirtLife : std::int32_t {
-    Unknown = 0,
-    Gone = 1,  ///< it is defined no more
-    Off = 3,
-    Saved = 4,  ///< off, with its memory on disk
-    Paused = 5,
-    Running = 6,
-    Crashed = 7,  ///< it is kept as it was then
-    Asleep = 8,   ///< by itself
-};
+using LibvirtLife = EnvironmentLife;
 /// "running"; "unknown" for a number that none has.
 std::string_view libvirtLifeName(LibvirtLife life) noexcept;
 

@@ -8,9 +8,9 @@
 #include "ingest/QORMachine.h"
 #include "ingest/RecordLines.h"
 #include "ingest/collectors/CollectedOperation.h"
+#include "ingest/collectors/GoneEnvironment.h"
 #include "ingest/collectors/LibvirtConnection.h"
 #include "ingest/collectors/LibvirtDefinition.h"
-#include "rdbmspp/pool/QORRdbms.h"
 
 namespace QOR {
 namespace {
@@ -24,20 +24,6 @@ constexpr std::size_t digestLength = 16;
 
 std::string shortDigest(const std::string& line) {
     return QORDigest().add(line).hex().substr(0, digestLength);
-}
-
-std::int32_t numberOf(LibvirtLife life) {
-    return static_cast<std::int32_t>(life);
-}
-
-/// As it is stored; nothing where it is not, or another machine has told of it since.
-std::optional<QOREnvironmentRecord> storedEnvironment(const QOREID& eid, const QOREID& machine) {
-    QORRdbmsTran tran(ASAccess::ReadOne);
-    const RecordLines lines = readRecordLines(*tran, QORRecordKind::Environment, {eid.toString()}, nullptr);
-    if (lines.empty()) return std::nullopt;
-    auto record = std::get<QOREnvironmentRecord>(QORRecordParser().parse(lines.begin()->second.text));
-    if (record.parentEid != machine) return std::nullopt;
-    return record;
 }
 
 std::string oneText(const std::string& name, const std::string& description) {
@@ -59,11 +45,7 @@ void LibvirtTelling::tell(const QOREnvironmentRecord& environment, LibvirtToldDo
 
 void LibvirtTelling::tellGone(const QOREID& eid, const LibvirtToldDomain& told) {
     if (told.digest.empty()) return;
-    std::optional<QOREnvironmentRecord> record = storedEnvironment(eid, m_collection.machine());
-    if (!record) return;
-    record->state = numberOf(LibvirtLife::Gone);
-    record->transition = 0;
-    m_collection.add(lineOf(*record));
+    if (const auto record = goneEnvironment(eid, m_collection.machine())) m_collection.add(lineOf(*record));
 }
 
 QORInfo LibvirtTelling::messageOf(const LibvirtChange& change, const QOREID& eid, const LibvirtToldDomain& told) const {
