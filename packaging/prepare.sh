@@ -14,7 +14,8 @@ packages=(
 )
 
 # What the tests run beside the program.
-test_packages=(postgresql-15 odbc-postgresql openssl nodejs fish zsh dpkg-dev lintian mkdocs podman runc busybox-static)
+test_packages=(postgresql-15 odbc-postgresql openssl nodejs fish zsh dpkg-dev lintian mkdocs podman runc busybox-static
+               dbus-daemon systemd-container lxd)
 
 # What checks the agent's description of its routes, and makes a client of it to be tested with: Debian has no package of
 # either.

@@ -32,6 +32,9 @@ struct OwnCollectors {
     LibvirtCollector libvirt;
     ContainerCollector docker{ContainerCollector::Engine::Docker};
     ContainerCollector podman{ContainerCollector::Engine::Podman};
+    ContainerCollector machined{ContainerCollector::Engine::Machined};
+    ContainerCollector lxc{ContainerCollector::Engine::Lxc};
+    ContainerCollector lxd{ContainerCollector::Engine::Lxd};
 };
 
 OwnCollectors& ownCollectors() {

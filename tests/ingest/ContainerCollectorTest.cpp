@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "QORCommon/QORTime.h"
-#include "ingest/OneCollector.h"
+#include "ingest/ContainerTest.h"
 #include "ingest/QORMachine.h"
 #include "support/ChildProcess.h"
 #include "support/HostDatabase.h"
@@ -116,45 +116,19 @@ private:
     UnixHttpServer m_server;
 };
 
-class ContainerCollectorTest : public testing::Test {
+class ContainerCollectorTest : public test::ContainerTest {
 protected:
-    ContainerCollectorTest() {
-        registerCollectors();  // the host's own keeps its name
-        std::filesystem::create_directories(m_root / "etc");
+    ContainerCollectorTest() : ContainerTest(ContainerCollector::Engine::Docker) {
         std::filesystem::create_directories(m_root / "run/podman");
-        std::ofstream(m_root / "etc/machine-id") << "0123456789abcdef0123456789abcdef\n";
-        m_database.open();
     }
 
     std::filesystem::path socket() const { return m_root / "run/docker.sock"; }
-    QORCollectResult collect() { return test::runOnce(m_collector, m_root.path()); }
-    /// \pre it is a second since the last run, which tells of what was before alone
-    QORCollectResult collectDone() {
-        QORCollectResult result = collect();
-        EXPECT_EQ(result.outcome, QORCollectOutcome::Done) << result.text;
-        return result;
-    }
     /// What happens from now on is news to a run that begins two seconds later.
     static void passTime() {
         const std::int64_t begin = currentTime();
         while (currentTime() < begin + 3)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    static std::vector<Row> lives() {
-        return queryRows("SELECT title, state, transition FROM \"vEnvironment\" ORDER BY title", 3);
-    }
-    static std::vector<Row> operations() {
-        return queryRows(
-            "SELECT op, status FROM \"vOpLog\" ORDER BY (SELECT seq FROM qor_operation o WHERE o.id = \"vOpLog\".id)",
-            2);
-    }
-    static std::string everything() {
-        return queryText("SELECT count(*) FROM \"vEnvironment\" WHERE config LIKE '%secret%'");
-    }
-
-    const test::TemporaryDirectory m_root;
-    test::HostDatabase m_database{test::TestTables::Own};
-    ContainerCollector m_collector{ContainerCollector::Engine::Docker};
 };
 
 TEST_F(ContainerCollectorTest, WithoutASocketOrWithOneThatNobodyListensAtThereIsNoSuchSource) {

@@ -1,8 +1,13 @@
 #include "ingest/collectors/ContainerCollector.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
+#include <map>
+#include <memory>
+#include <optional>
 #include <set>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -13,6 +18,10 @@
 #include "ingest/collectors/ContainerEngine.h"
 #include "ingest/collectors/ContainerPlace.h"
 #include "ingest/collectors/ContainerTelling.h"
+#include "ingest/collectors/DockerEngine.h"
+#include "ingest/collectors/LxcEngine.h"
+#include "ingest/collectors/LxdEngine.h"
+#include "ingest/collectors/MachinedEngine.h"
 
 namespace QOR {
 namespace {
@@ -20,17 +29,45 @@ namespace {
 constexpr std::int64_t nanoseconds = 1'000'000'000;
 
 QORCollector::Traits traitsOf(ContainerCollector::Engine engine) {
-    if (engine == ContainerCollector::Engine::Docker)
-        return {.name = "docker", .source = "/run/docker.sock", .every = std::chrono::minutes(1)};
-    // Whoever asks starts it: it does not run while nobody does.
-    return {.name = "podman", .source = "/run/podman/podman.sock", .every = std::chrono::minutes(5)};
+    using Engine = ContainerCollector::Engine;
+    switch (engine) {
+        case Engine::Docker:
+            return {.name = "docker", .source = "/run/docker.sock", .every = std::chrono::minutes(1)};
+        case Engine::Podman:  // whoever asks starts it: it does not run while nobody does
+            return {.name = "podman", .source = "/run/podman/podman.sock", .every = std::chrono::minutes(5)};
+        case Engine::Machined:
+            return {.name = "machined", .source = "org.freedesktop.machine1 on the system's bus", .every = std::chrono::minutes(1)};
+        case Engine::Lxc:
+            return {.name = "lxc", .source = "container in /var/lib/lxc", .every = std::chrono::minutes(1)};
+        case Engine::Lxd:
+            break;
+    }
+    return {.name = "lxd", .source = "/var/lib/lxd/unix.socket", .every = std::chrono::minutes(1)};
+}
+
+/// \returns null when it is not there
+std::unique_ptr<ContainerEngine> openEngine(ContainerCollector::Engine wanted, const ContainerSearch& search) {
+    using Engine = ContainerCollector::Engine;
+    if (wanted == Engine::Machined) return MachinedEngine::open(search);
+    if (wanted == Engine::Lxc) return LxcEngine::open(search);
+    if (wanted == Engine::Lxd) return LxdEngine::open(search);
+    const std::string socket = traitsOf(wanted).source.substr(1);
+    auto engine = DockerEngine::open(search.root / socket, search.isStopping);
+    // A name for the other one's socket: that one tells of its containers.
+    if (engine != nullptr && engine->isPodman() != (wanted == Engine::Podman)) return nullptr;
+    return engine;
+}
+
+bool isUp(EnvironmentLife life) {
+    return life == EnvironmentLife::Running || life == EnvironmentLife::Paused;
 }
 
 /// What of a container a list tells; when it was up last is not among it.
 std::string seenOf(const ListedContainer& container) {
     constexpr std::size_t length = 16;
     QORDigest digest;
-    for (const std::string* const text : {&container.name, &container.state, &container.image, &container.imageId})
+    for (const std::string* const text :
+         {&container.name, &container.state, &container.image, &container.imageId, &container.run})
         digest.add(*text).add(std::string_view("\0", 1));
     for (const std::string& address : container.addresses)
         digest.add(address).add(std::string_view("\0", 1));
@@ -40,23 +77,28 @@ std::string seenOf(const ListedContainer& container) {
 /// One run.
 class ContainerReading {
 public:
-    ContainerReading(QORCollection& collection, ContainerEngine& engine, const std::string& name,
+    ContainerReading(QORCollection& collection, ContainerEngine& engine, const std::string& name, ContainerPlace place,
                      const ContainerCollector::Bounds& most)
         : m_collection(collection),
           m_engine(engine),
           m_most(most),
-          m_place(collection.position()),
+          m_place(std::move(place)),
           m_isFirst(m_place.reached == 0),
           m_telling(collection, name, most) {}
 
     void read() {
-        readEvents();
+        if (m_engine.tellsEvents()) {
+            readEvents();
+        } else {
+            m_place.reached = currentTime() * nanoseconds;
+        }
         std::vector<ListedContainer> containers = list();
         const std::set<std::string> turn = whoseTurn(containers);
         for (const ListedContainer& container : containers) {
             if (m_collection.isStopping()) return;
             look(container, turn.contains(container.id));
         }
+        if (!m_engine.tellsEvents()) readImages();
         m_telling.end();
         m_collection.passOver(m_passedOver);
         m_collection.setPosition(m_place.text());
@@ -130,9 +172,22 @@ private:
     bool isOver(const std::string& id, ToldContainer& told) {
         m_telling.tellGone(id, told);
         if (told.life == EnvironmentLife::Gone || told.digest.empty()) return true;
-        if (std::exchange(told.listed, EnvironmentLife::Gone) != EnvironmentLife::Gone) return false;
-        m_telling.tellChange(id, told, EnvironmentLife::Gone, currentTime(), 0);
+        const EnvironmentLife before = std::exchange(told.listed, EnvironmentLife::Gone);
+        if (m_engine.tellsEvents() && before != EnvironmentLife::Gone) return false;
+        ContainerEvent event = eventOf(id, std::nullopt);
+        if (!m_engine.tellsEvents() && isUp(told.life)) m_telling.tellChange(event, told, EnvironmentLife::Off);
+        m_telling.tellChange(std::move(event), told, EnvironmentLife::Gone);
         return true;
+    }
+
+    /// \param time in seconds since the epoch; nothing: now, and never twice the same
+    static ContainerEvent eventOf(const std::string& id, std::optional<std::int64_t> time) {
+        const std::chrono::nanoseconds now = std::chrono::system_clock::now().time_since_epoch();
+        ContainerEvent event;
+        event.nanoseconds = time && *time < now.count() / nanoseconds ? *time * nanoseconds : now.count();
+        event.type = "container";
+        event.id = id;
+        return event;
     }
 
     /// Of those that are as they were, since a list does not tell everything.
@@ -155,25 +210,89 @@ private:
         const EnvironmentLife now = containerLife(container.state).now;
         const EnvironmentLife before = std::exchange(told.listed, now);
         told.name = container.name;
-        if (isNew) told.life = now;
         std::string seen = seenOf(container);
-        // Events of the last moment come with the next run: no event has told what was so then already.
-        const bool isUntold = !isNew && told.life != now && before == now;
+        bool isUntold = false;
+        if (m_engine.tellsEvents()) {
+            if (isNew) told.life = now;
+            // Events of the last moment come with the next run: no event has told what was so then already.
+            isUntold = !isNew && told.life != now && before == now;
+        } else if (m_isFirst) {
+            told.life = now;
+        } else {
+            isUntold = isNew || told.life != now || (!container.run.empty() && container.run != told.run);
+        }
         if (seen == told.seen && !isUntold && !isItsTurn && !m_changed.contains(container.id)) return;
         try {
-            const std::optional<ContainerDetails> details = m_engine.details(container.id);
-            if (!details) return;  // it went meanwhile, which the next run tells
-            if (isUntold) tellChange(container.id, *details, now, told);
+            const std::optional<ContainerDetails> details = m_engine.details(container);
+            if (!details) {  // it went meanwhile, which the next run tells
+                if (isNew) m_place.containers.erase(place);
+                return;
+            }
+            if (isUntold) tellCourse(container, *details, now, told, isNew);
             m_telling.tell(container, *details, told);
             told.seen = std::move(seen);
+            if (!container.run.empty()) told.run = container.run;
         } catch (const ContainerFailure& failure) {
             m_collection.cannotRead("the container " + toUtf8(container.name) + ": " + failure.what());
+            if (isNew) m_place.containers.erase(place);
         }
     }
 
-    void tellChange(const std::string& id, const ContainerDetails& details, EnvironmentLife now, ToldContainer& told) {
-        const std::optional<std::int64_t> time = now == EnvironmentLife::Off ? details.finished : details.started;
-        m_telling.tellChange(id, told, now, std::min(time.value_or(currentTime()), currentTime()), details.exitCode);
+    /// How it came to be as it is, as far as that shows.
+    void tellCourse(const ListedContainer& container, const ContainerDetails& details, EnvironmentLife now,
+                    ToldContainer& told, bool isNew) {
+        const auto at = [&](const std::optional<std::int64_t>& time) {
+            ContainerEvent event = eventOf(container.id, time);
+            event.image = container.image;
+            event.exitCode = details.exitCode;
+            return event;
+        };
+        const auto change = [&](EnvironmentLife life) {
+            std::optional<std::int64_t> time;
+            if (life == EnvironmentLife::Off) time = details.finished;
+            if (life == EnvironmentLife::Running && !isUp(told.life)) time = details.started;
+            m_telling.tellChange(at(time), told, life);
+        };
+        const bool isAnotherRun = !m_engine.tellsEvents() && !container.run.empty() && container.run != told.run;
+        if (isNew) {
+            ContainerEvent created = at(std::nullopt);
+            created.action = "create";
+            m_telling.tell(created, &told);
+        } else if (isAnotherRun && told.life == EnvironmentLife::Running && now == EnvironmentLife::Running) {
+            ContainerEvent restarted = at(details.started);
+            restarted.action = "restart";
+            m_telling.tell(restarted, &told);
+        } else if (isAnotherRun && isUp(told.life) && isUp(now)) {
+            change(EnvironmentLife::Off);
+        } else if (isAnotherRun && told.life == EnvironmentLife::Off && now == EnvironmentLife::Off) {
+            change(EnvironmentLife::Running);
+        }
+        if (!m_engine.tellsEvents() && !isUp(told.life) && now == EnvironmentLife::Paused)
+            change(EnvironmentLife::Running);
+        if (told.life != now) change(now);
+    }
+
+    void readImages() {
+        std::vector<ContainerImage> images;
+        try {
+            images = m_engine.images(m_passedOver);
+        } catch (const ContainerFailure& failure) {
+            return m_collection.cannotRead(std::string("the images: ") + failure.what());
+        }
+        if (images.size() > m_most.images) {
+            m_collection.cannotRead("more than " + std::to_string(m_most.images) + " images; the rest is left out");
+            images.resize(m_most.images);
+        }
+        const std::int64_t now = currentTime();
+        std::map<std::string, std::string, std::less<>> before = std::exchange(m_place.images, {});
+        for (const ContainerImage& image : images) {
+            m_place.images[image.id] = image.name;
+            const bool isNews = before.erase(image.id) == 0 && !m_isFirst;
+            if (isNews) m_telling.tell(image, image.isPulled ? "pull" : "import", std::min(image.time, now));
+        }
+        if (images.size() == m_most.images) return;  // those beyond the bound may still be there
+        for (const auto& [id, name] : before)
+            m_telling.tell(ContainerImage{.id = id, .name = name, .version = {}}, "delete", now);
     }
 
     QORCollection& m_collection;
@@ -194,15 +313,17 @@ ContainerCollector::ContainerCollector(Engine engine, Bounds most)
     : QORCollector(traitsOf(engine)), m_engine(engine), m_most(most) {}
 
 bool ContainerCollector::collect(QORCollection& collection) {
-    const std::string socket = std::string(traits().source).substr(1);
+    ContainerPlace place(collection.position());
+    ContainerSearch search{.root = collection.root(), .isStopping = [&collection] { return collection.isStopping(); }};
+    for (const auto& [id, told] : place.containers) {
+        search.hasTold = true;
+        search.hasRunning = search.hasRunning || isUp(told.life);
+    }
     try {
-        const auto engine =
-            ContainerEngine::open(collection.root() / socket, [&collection] { return collection.isStopping(); });
+        const auto engine = openEngine(m_engine, search);
         if (engine == nullptr) return false;
-        // A name for the other one's socket: that one tells of its containers.
-        if (engine->isPodman() != (m_engine == Engine::Podman)) return false;
-        ContainerReading(collection, *engine, traits().name, m_most).read();
-    } catch (const HttpLost& lost) {
+        ContainerReading(collection, *engine, traits().name, std::move(place), m_most).read();
+    } catch (const std::runtime_error&) {
         if (!collection.isStopping()) throw;
     }
     return true;

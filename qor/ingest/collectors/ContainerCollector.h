@@ -1,5 +1,5 @@
 /// \file
-/// The collectors "docker" and "podman": the containers of an engine of this machine.
+/// The collectors "docker", "podman", "machined", "lxc" and "lxd": the containers of an engine of this machine.
 #pragma once
 
 #include <chrono>
@@ -15,11 +15,13 @@ namespace QOR {
 /// events. The position has what has been told (ContainerPlace), so that what is as it was is not told again.
 class ContainerCollector final : public QORCollector {
 public:
-    enum class Engine : std::uint8_t { Docker, Podman };
+    /// Machined: machines of systemd. Lxc: those that LXC's own programs run. Lxd: those of its daemon.
+    enum class Engine : std::uint8_t { Docker, Podman, Machined, Lxc, Lxd };
     /// What a run looks at and tells at most.
     struct Bounds {
         std::size_t containers = 2'000;
         std::size_t looks = 50;  ///< at containers that are as they were, in turns
+        std::size_t images = 2'000;
         std::size_t changes = 1'000;
         std::size_t ofOne = 200;  ///< of these about one container or image
     };

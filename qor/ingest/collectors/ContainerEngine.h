@@ -1,20 +1,16 @@
 /// \file
-/// A container engine of this machine, asked at its socket: Docker and Podman, which answer alike.
+/// What runs containers on this machine, as it is asked for them.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
-
-#include "ingest/JsonTree.h"
 
 namespace QOR {
 
@@ -24,28 +20,39 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// Further ones of a container are left out.
+inline constexpr std::size_t mostContainerAddresses = 256;
+
 /// A container as a list has it. Texts are as the engine gave them.
 struct ListedContainer {
-    std::string id;  ///< of 128 letters and digits at most
+    std::string id;  ///< what tells it from all others of the engine for good
     std::string name;
-    std::string state;  ///< "running"
+    std::string state;  ///< "running": one of those that containerLife() knows
     std::string image;
     std::string imageId;
     std::vector<std::string> addresses;
+    std::string run;  ///< another one each time it is started; empty where that is not known
+    bool isVirtualMachine = false;
 };
 
 /// What is known of one that is looked at.
 struct ContainerDetails {
     std::string hostname;
+    std::string architecture;
+    std::string osName;
+    std::string osVersion;
     std::string platform;
+    std::string description;
+    std::vector<std::string> addresses;
     std::string restartPolicy;
     std::optional<std::int64_t> started;   ///< seconds since the epoch; the last time
     std::optional<std::int64_t> finished;  ///< likewise
-    std::int64_t restarts = 0;             ///< by the engine itself
+    std::optional<std::int64_t> restarts;  ///< by the engine itself
     std::int64_t memory = 0;               ///< bytes that it may have; 0: any
     std::int64_t nanoCpus = 0;             ///< likewise, in billionths of a processor
-    std::int64_t exitCode = 0;             ///< the last time
-    bool isOutOfMemory = false;            ///< that is why it ended
+    std::optional<std::int64_t> exitCode;  ///< the last time
+    /// What this engine alone tells.
+    std::vector<std::pair<std::string, std::string>> facts;
     /// Of labels those alone that say where the container belongs.
     std::vector<std::pair<std::string, std::string>> labels;
 };
@@ -61,40 +68,48 @@ struct ContainerEvent {
     std::optional<std::int64_t> exitCode;
 };
 
+/// What containers are made from.
+struct ContainerImage {
+    std::string id;
+    std::string name;       ///< empty: it has none
+    std::string version;    ///< empty: it does not say
+    std::int64_t time = 0;  ///< when it came, in seconds since the epoch
+    bool isPulled = false;  ///< it came from a server
+};
+
+/// Where engines are looked for, and what is known of one already.
+struct ContainerSearch {
+    std::filesystem::path root;
+    std::function<bool()> isStopping;
+    bool hasTold = false;     ///< it has told of containers
+    bool hasRunning = false;  ///< of which some were running when they were seen last
+};
+
 /// Used by one thread. Waits for answers for some seconds each, and no longer than its owner wants. Every method
-/// \throws HttpLost when nobody answers, ContainerFailure
+/// \throws std::runtime_error when nobody answers, ContainerFailure among them
 class ContainerEngine {
 public:
-    /// \returns null when nobody listens there
-    static std::unique_ptr<ContainerEngine> open(const std::filesystem::path& socket, std::function<bool()> isStopping);
-    ~ContainerEngine();
+    virtual ~ContainerEngine();
     ContainerEngine(const ContainerEngine&) = delete;
     ContainerEngine& operator=(const ContainerEngine&) = delete;
 
-    bool isPodman() const noexcept { return m_isPodman; }
-    /// Whether events() are fewer with an earlier end.
-    bool takesEnds() const noexcept { return !m_isPodman; }
     /// All, also those that do not run. \param passedOver counts those that make no sense
-    std::vector<ListedContainer> containers(std::uint64_t& passedOver);
+    virtual std::vector<ListedContainer> containers(std::uint64_t& passedOver) = 0;
     /// Nothing for one that is gone.
-    std::optional<ContainerDetails> details(const std::string& id);
+    virtual std::optional<ContainerDetails> details(const ListedContainer& container) = 0;
+
+    /// Whether it tells what has happened. What happens to others shows in what there is.
+    virtual bool tellsEvents() const noexcept;
+    /// Whether events() are fewer with an earlier end.
+    virtual bool takesEnds() const noexcept;
     /// Of these seconds since the epoch, and where the engine takes no end later ones too, in the order of time.
     /// \throws HttpTooLarge
-    std::vector<ContainerEvent> events(std::int64_t since, std::int64_t until, std::uint64_t& passedOver);
+    virtual std::vector<ContainerEvent> events(std::int64_t since, std::int64_t until, std::uint64_t& passedOver);
+    /// Those that there are, of an engine that tells no events.
+    virtual std::vector<ContainerImage> images(std::uint64_t& passedOver);
 
-private:
-    class Link;
-
-    explicit ContainerEngine(std::unique_ptr<Link> link);
-    void readVersion();
-    const JsonValue& ask(const std::string& path);
-    const JsonValue* find(const std::string& path);
-
-    const std::unique_ptr<Link> m_link;
-    std::string m_version;  ///< of what is asked: "/v1.41"
-    bool m_isPodman = false;
-    std::string m_body;
-    JsonTree m_json;
+protected:
+    ContainerEngine() = default;
 };
 
 }  // namespace QOR

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::string_view reachedMark = "reached";
 constexpr std::string_view containerMark = "container";
+constexpr std::string_view imageMark = "image";
 /// A word for none.
 constexpr std::string_view nothing = "-";
 
@@ -41,9 +42,12 @@ void ContainerPlace::readLine(std::string_view line) {
     if (words.size() == 3 && words[0] == reachedMark) {
         reached = std::max<std::int64_t>(parseInt64(words[1]).value_or(0), 0);
         lookedAt = ofWord(words[2]);
-    } else if (words.size() == 7 && words[0] == containerMark) {
-        containers[std::string(words[1])] = {lifeOfWord(words[2]), lifeOfWord(words[3]), ofWord(words[4]),
-                                             ofWord(words[5]), unescapePath(words[6])};
+    } else if ((words.size() == 7 || words.size() == 8) && words[0] == containerMark) {
+        containers[unescapePath(words[1])] = {lifeOfWord(words[2]),   lifeOfWord(words[3]),
+                                              ofWord(words[4]),       ofWord(words[5]),
+                                              unescapePath(words[6]), words.size() == 8 ? unescapePath(words[7]) : ""};
+    } else if ((words.size() == 2 || words.size() == 3) && words[0] == imageMark) {
+        images[unescapePath(words[1])] = words.size() == 3 ? unescapePath(words[2]) : "";
     }
 }
 
@@ -52,11 +56,18 @@ std::string ContainerPlace::text() const {
     text.append(reachedMark).append(" ").append(std::to_string(reached)).append(" ").append(asWord(lookedAt));
     text += '\n';
     for (const auto& [id, one] : containers) {
-        text.append(containerMark).append(" ").append(id);
+        text.append(containerMark).append(" ").append(escapePath(id));
         text.append(" ").append(std::to_string(numberOf(one.life)));
         text.append(" ").append(std::to_string(numberOf(one.listed)));
         text.append(" ").append(asWord(one.seen)).append(" ").append(asWord(one.digest));
-        text.append(" ").append(escapePath(one.name)).append("\n");
+        text.append(" ").append(escapePath(one.name));
+        if (!one.run.empty()) text.append(" ").append(escapePath(one.run));
+        text += '\n';
+    }
+    for (const auto& [id, name] : images) {
+        text.append(imageMark).append(" ").append(escapePath(id));
+        if (!name.empty()) text.append(" ").append(escapePath(name));
+        text += '\n';
     }
     return text;
 }

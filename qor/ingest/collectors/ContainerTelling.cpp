@@ -61,6 +61,11 @@ constexpr std::array<KnownAction, 12> knownActions{{
 constexpr std::array<std::string_view, 10> imageActions{"pull", "push",   "tag",    "untag", "delete",
                                                         "load", "import", "remove", "prune", "build"};
 
+/// Engines whose identifiers are no other's; those of others are names, which may be used again.
+bool hasIdsOfItsOwn(const std::string& engine) {
+    return engine == "docker" || engine == "podman";
+}
+
 std::string shortDigest(const std::string& text) {
     return QORDigest().add(text).hex().substr(0, digestLength);
 }
@@ -102,13 +107,15 @@ QORConfigRecord configOf(const std::string& engine, const ListedContainer& conta
     };
     add("name", container.name);
     add("hostname", details.hostname);
-    document.add("type", "container");
-    if (!details.platform.empty()) {
-        QORInfo system("os");
-        addText(system, "platform", collectedText(details.platform));
-        document.add(std::move(system));
-    }
-    for (const std::string& address : container.addresses)
+    add("description", details.description);
+    add("architecture", details.architecture);
+    document.add("type", container.isVirtualMachine ? "virtual machine" : "container");
+    QORInfo system("os");
+    addText(system, "name", collectedText(details.osName));
+    addText(system, "platform", collectedText(details.platform));
+    addText(system, "version", collectedText(details.osVersion));
+    if (!system.empty()) document.add(std::move(system));
+    for (const std::string& address : details.addresses)
         add("ip", address);
     QORConfigRecord config;
     if (details.memory > 0) config.memory = details.memory / mebibyte;
@@ -123,7 +130,9 @@ QORConfigRecord configOf(const std::string& engine, const ListedContainer& conta
         document.add("cpus", doubleToStr(static_cast<double>(details.nanoCpus) / billionths));
     }
     add("restart_policy", details.restartPolicy);
-    document.add("restarts", std::to_string(details.restarts));
+    if (details.restarts) document.add("restarts", std::to_string(*details.restarts));
+    for (const auto& [name, value] : details.facts)
+        add(name, value);
     for (const auto& [name, value] : details.labels) {
         QORInfo label("label");
         label.add("name", name);
@@ -131,7 +140,7 @@ QORConfigRecord configOf(const std::string& engine, const ListedContainer& conta
         document.add(std::move(label));
     }
     QORConfigRecord whole(std::move(document));
-    whole.addresses = container.addresses;
+    whole.addresses = details.addresses;
     whole.memory = config.memory;
     whole.bootTime = config.bootTime;
     return whole;
@@ -161,11 +170,12 @@ ContainerTelling::ContainerTelling(QORCollection& collection, std::string engine
                                    const ContainerCollector::Bounds& most)
     : m_collection(collection),
       m_engine(std::move(engine)),
+      m_scope(hasIdsOfItsOwn(m_engine) ? std::string() : m_engine + " "),
       m_most(most),
       m_machine(describeMachine(collection.root())) {}
 
 QOREID ContainerTelling::eidOf(const std::string& id) const {
-    return QOREID(QORGUIDBase::fromName(m_machine.eid, "container " + id));
+    return QOREID(QORGUIDBase::fromName(m_machine.eid, m_scope + "container " + id));
 }
 
 void ContainerTelling::tell(const ListedContainer& container, const ContainerDetails& details, ToldContainer& told) {
@@ -216,7 +226,8 @@ void ContainerTelling::tell(const ContainerEvent& event, ToldContainer* told) {
     news.of = told->name;
     news.eid = eidOf(event.id);
     news.op = known->op;
-    const std::int64_t exitCode = known->event == "stopped" ? event.exitCode.value_or(0) : 0;
+    const bool tellsCode = known->event == "stopped" && event.exitCode.has_value();
+    const std::int64_t exitCode = tellsCode ? event.exitCode.value_or(0) : 0;
     news.status = static_cast<std::int32_t>(std::clamp<std::int64_t>(exitCode, 0, 255));
     news.message.add(containerInfo(told->name, event.image));
     news.message.add("event", std::string(known->event));
@@ -227,17 +238,11 @@ void ContainerTelling::tell(const ContainerEvent& event, ToldContainer* told) {
         news.message.add("old_state", std::to_string(numberOf(before)));
         news.message.add("new_state", std::to_string(numberOf(told->life)));
     }
-    if (known->event == "stopped") news.message.add("exit_code", std::to_string(exitCode));
+    if (tellsCode) news.message.add("exit_code", std::to_string(exitCode));
     tell(news);
 }
 
-void ContainerTelling::tellChange(const std::string& id, ToldContainer& told, EnvironmentLife now, std::int64_t time,
-                                  std::int64_t exitCode) {
-    ContainerEvent event;
-    event.nanoseconds = time * nanosecondsOfSecond;
-    event.type = "container";
-    event.id = id;
-    event.exitCode = exitCode;
+void ContainerTelling::tellChange(ContainerEvent event, ToldContainer& told, EnvironmentLife now) {
     const bool wasPaused = told.life == EnvironmentLife::Paused;
     if (now == EnvironmentLife::Gone) {
         event.action = "destroy";
@@ -250,6 +255,24 @@ void ContainerTelling::tellChange(const std::string& id, ToldContainer& told, En
     }
     tell(event, &told);
     told.life = now;
+}
+
+void ContainerTelling::tell(const ContainerImage& image, std::string_view action, std::int64_t time) {
+    News news;
+    news.name = std::to_string(time) + " " + std::string(action) + " " + image.id;
+    news.of = image.name.empty() ? image.id : image.name;
+    news.time = time;
+    news.eid = m_machine.eid;
+    news.op = action;
+    news.isEvent = false;
+    QORInfo package("package");
+    addText(package, "name", collectedText(news.of));
+    addText(package, "version", collectedText(image.version));
+    package.add("type", "image");
+    news.message.add(std::move(package));
+    addText(news.message, "image_id", collectedText(image.id));
+    addSource(news.message, m_machine);
+    tell(news);
 }
 
 bool ContainerTelling::isLeftOut(const News& news) {

@@ -39,9 +39,10 @@ public:
     void tellGone(const std::string& id, const ToldContainer& told);
     /// Something that has happened, where it is any news. \param told of the container; null for an image
     void tell(const ContainerEvent& event, ToldContainer* told);
-    /// A change of which no event told: none was kept of it. \param time in seconds since the epoch
-    void tellChange(const std::string& id, ToldContainer& told, EnvironmentLife now, std::int64_t time,
-                    std::int64_t exitCode);
+    /// A change of which no event told. \param event is to have an action
+    void tellChange(ContainerEvent event, ToldContainer& told, EnvironmentLife now);
+    /// An image that came or went, seconds since the epoch.
+    void tell(const ContainerImage& image, std::string_view action, std::int64_t time);
     /// Tells what has been left out.
     void end();
 
@@ -52,6 +53,7 @@ private:
 
     QORCollection& m_collection;
     const std::string m_engine;
+    const std::string m_scope;  ///< what tells its containers from those of others
     const ContainerCollector::Bounds m_most;
     const QOREnvironmentRecord m_machine;
     std::size_t m_told = 0;

@@ -1,6 +1,5 @@
 #include "ingest/collectors/Journal.h"
 
-#include <dlfcn.h>
 #include <endian.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -18,6 +17,7 @@
 
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORUtf8.h"
+#include "ingest/collectors/LoadedLibrary.h"
 #include "ingest/collectors/MappedReading.h"
 
 namespace QOR {
@@ -30,7 +30,7 @@ constexpr std::size_t maxName = 65;  ///< of a field, with the '='
 
 /// The functions that read journals. Their library, which needs half a dozen others, is loaded when the first journal
 /// is read: most programs never do.
-class JournalLibrary {
+class JournalLibrary : private LoadedLibrary {
 public:
     static const JournalLibrary& instance() {
         static const JournalLibrary library;
@@ -38,19 +38,7 @@ public:
     }
 
 private:
-    template <class Function>
-    Function* find(const char* name) const {
-        void* const symbol = ::dlsym(m_handle, name);
-        if (symbol == nullptr) throw std::runtime_error(std::string("the journal cannot be read: ") + ::dlerror());
-        return reinterpret_cast<Function*>(symbol);
-    }
-    static void* load() {
-        void* const handle = ::dlopen("libsystemd.so.0", RTLD_NOW | RTLD_LOCAL);
-        if (handle == nullptr) throw std::runtime_error(std::string("the journal cannot be read: ") + ::dlerror());
-        return handle;
-    }
-
-    void* const m_handle = load();
+    JournalLibrary() : LoadedLibrary("libsystemd.so.0", "the journal cannot be read") {}
 
 public:
     decltype(sd_journal_open_files)* const openFiles = find<decltype(sd_journal_open_files)>("sd_journal_open_files");

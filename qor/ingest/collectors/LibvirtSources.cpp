@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORPercent.h"
 #include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
 
@@ -23,23 +24,6 @@ constexpr std::array<KnownHypervisor, 3> knownHypervisors{{
     {"lxc", "virtlxcd-sock-ro"},
 }};
 constexpr std::string_view socketOfAll = "libvirt-sock-ro";
-
-/// In an address, where some characters mean something.
-std::string percentEscaped(const std::string& path) {
-    static constexpr char digits[] = "0123456789ABCDEF";
-    std::string escaped;
-    for (const char ch : path) {
-        const bool isPlain = (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9') ||
-                             std::string_view("/-_.~").find(ch) != std::string_view::npos;
-        if (isPlain) {
-            escaped += ch;
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(ch);
-        escaped.append({'%', digits[byte >> 4], digits[byte & 15]});
-    }
-    return escaped;
-}
 
 std::optional<std::filesystem::path> socketOf(const std::filesystem::path& folder, const KnownHypervisor& hypervisor) {
     for (const std::string_view name : {hypervisor.socket, socketOfAll}) {

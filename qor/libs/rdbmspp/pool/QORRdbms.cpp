@@ -26,6 +26,7 @@
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORNumbers.h"
+#include "QORCommon/QORPercent.h"
 #include "QORCommon/QORRequestControl.h"
 #include "QORCommon/QORSourcePath.h"
 #include "rdbmspp/engine/ASFaults.h"
@@ -921,17 +922,7 @@ bool isOnReadOnlyFileSystem(const std::string& file) {
 
 /// The name of a file that the engine reads without locks and without looking for a log.
 std::string immutableName(const std::string& file) {
-    static constexpr char digits[] = "0123456789ABCDEF";
-    std::string name = "file:";
-    for (const char letter : std::filesystem::absolute(file).string()) {
-        const auto c = static_cast<unsigned char>(letter);
-        if (std::isalnum(c) != 0 || c == '/' || c == '.' || c == '-' || c == '_') {
-            name += letter;
-        } else {
-            name += {'%', digits[c >> 4], digits[c & 15]};
-        }
-    }
-    return name + "?immutable=1";
+    return "file:" + percentEscaped(std::filesystem::absolute(file).string()) + "?immutable=1";
 }
 
 // A database with a log keeps an index of it in a file of its own, for which there is no place here. A log that is
