@@ -41,7 +41,7 @@ void ContainerPlace::readLine(std::string_view line) {
     const std::vector<std::string_view> words = wordsOf(line);
     if (words.size() == 3 && words[0] == reachedMark) {
         reached = std::max<std::int64_t>(parseInt64(words[1]).value_or(0), 0);
-        lookedAt = ofWord(words[2]);
+        lookedAt = unescapePath(ofWord(words[2]));
     } else if ((words.size() == 7 || words.size() == 8) && words[0] == containerMark) {
         containers[unescapePath(words[1])] = {lifeOfWord(words[2]),   lifeOfWord(words[3]),
                                               ofWord(words[4]),       ofWord(words[5]),
@@ -53,7 +53,11 @@ void ContainerPlace::readLine(std::string_view line) {
 
 std::string ContainerPlace::text() const {
     std::string text;
-    text.append(reachedMark).append(" ").append(std::to_string(reached)).append(" ").append(asWord(lookedAt));
+    text.append(reachedMark)
+        .append(" ")
+        .append(std::to_string(reached))
+        .append(" ")
+        .append(asWord(escapePath(lookedAt)));
     text += '\n';
     for (const auto& [id, one] : containers) {
         text.append(containerMark).append(" ").append(escapePath(id));
