@@ -36,7 +36,9 @@ QORCollector::Traits traitsOf(ContainerCollector::Engine engine) {
         case Engine::Podman:  // whoever asks starts it: it does not run while nobody does
             return {.name = "podman", .source = "/run/podman/podman.sock", .every = std::chrono::minutes(5)};
         case Engine::Machined:
-            return {.name = "machined", .source = "org.freedesktop.machine1 on the system's bus", .every = std::chrono::minutes(1)};
+            return {.name = "machined",
+                    .source = "org.freedesktop.machine1 on the system's bus",
+                    .every = std::chrono::minutes(1)};
         case Engine::Lxc:
             return {.name = "lxc", .source = "container in /var/lib/lxc", .every = std::chrono::minutes(1)};
         case Engine::Lxd:
