@@ -179,7 +179,8 @@ TEST_F(AgentReloadTest, CollectorsRunAsTheyAreTold) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     write({{"collect", "['machin']"}});
     reload();
-    awaitText("agent.log", "collect: there is no collector \"machin\" (did you mean machine?); there are machine, ");
+    awaitText("agent.log",
+              "collect: there is no collector \"machin\" (did you mean machine or machined?); there are machine, ");
     EXPECT_THAT(status(), HasSubstr(R"("source":"/etc/os-release and /proc","every":86400,)"));
     write({});
     reload();
