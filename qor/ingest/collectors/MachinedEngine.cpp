@@ -197,8 +197,11 @@ void MachinedEngine::describeSystem(const std::string& name, ContainerDetails& d
         const std::string key = answer.text();
         std::string value = answer.text();
         answer.exit();
-        if (key == "NAME") details.osName = std::move(value);
-        if (key == "VERSION_ID") details.osVersion = std::move(value);
+        if (key == "NAME") {
+            details.osName = std::move(value);
+        } else if (key == "VERSION_ID") {
+            details.osVersion = std::move(value);
+        }
     }
 }
 

@@ -200,12 +200,13 @@ SystemBusAnswer SystemBus::ask(const Question& question) {
         if (reached(bus().process(m_bus.get(), nullptr)) > 0) continue;
         reached(bus().wait(m_bus.get(), static_cast<std::uint64_t>(std::chrono::microseconds(slice).count())));
     }
-    if (const sd_bus_error* const error = bus().getError(pending.answer); error != nullptr && error->name != nullptr) {
-        throw SystemBusFailure(
-            std::string(question.member) + ": " + toUtf8(error->message == nullptr ? error->name : error->message),
-            error->name);
-    }
-    return SystemBusAnswer(std::exchange(pending.answer, nullptr));
+    const sd_bus_error* const error = bus().getError(pending.answer);
+    if (error == nullptr || error->name == nullptr) return SystemBusAnswer(std::exchange(pending.answer, nullptr));
+    const std::string name = error->name;
+    const bool isOfService = std::find(ownErrors.begin(), ownErrors.end(), name) == ownErrors.end();
+    throw SystemBusFailure(
+        std::string(question.member) + ": " + toUtf8(error->message == nullptr ? error->name : error->message),
+        isOfService ? name : std::string());
 }
 
 }  // namespace QOR
