@@ -19,6 +19,7 @@
 #include "QORCommon/QORLogger.h"
 #include "QORCommon/QORPasswords.h"
 #include "QORCommon/QORSourcePath.h"
+#include "QORCommon/QORStandardStreams.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "agent/AgentReload.h"
 #include "agent/MemoryKeeper.h"
@@ -237,8 +238,14 @@ int serve(AgentSettings settings, SettingsSources sources) {
     return EXIT_SUCCESS;
 }
 
+/// Of what has been asked about the program, all of which is on standard output.
+int ended(int status) {
+    return endStandardOutput("qor-agent") || status != EXIT_SUCCESS ? status : EXIT_FAILURE;
+}
+
 int print(const std::string& text) {
-    return std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+    std::fputs(text.c_str(), stdout);
+    return ended(EXIT_SUCCESS);
 }
 
 int parseAndServe(int argc, char** argv) {
@@ -251,7 +258,7 @@ int parseAndServe(int argc, char** argv) {
         return print(settingsAsFile({}, Defaults::InWords));
     int status = EXIT_SUCCESS;
     const std::optional<SettingsCommandLine> line = readCommandLine(arguments, status);
-    if (!line) return status;
+    if (!line) return ended(status);
     using Wish = SettingsCommandLine::Wish;
     if (line->wish == Wish::PrintTable) return print(settingsAsTable());
     SettingsSources sources(line->file, line->given);
@@ -265,13 +272,14 @@ int parseAndServe(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", withoutPasswords(exception.message()).c_str());
         return badUsage;
     }
-    return line->wish == Wish::CheckConfig ? checkConfig(given) : serve(std::move(settings), std::move(sources));
+    return line->wish == Wish::CheckConfig ? ended(checkConfig(given)) : serve(std::move(settings), std::move(sources));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     try {
+        holdStandardStreams();
         QORHost::prepareProcess();
         SignalWatch::block();
         return parseAndServe(argc, argv);

@@ -81,5 +81,16 @@ TEST_F(CheckConfigTest, AnAgentWorksInSpiteOfMistakesThatLeaveTheFileUsable) {
     EXPECT_THAT(agent.log(), HasSubstr("has no <source>"));
 }
 
+TEST_F(CheckConfigTest, AnAnswerThatCannotBeWrittenIsNoSuccess) {
+    const std::string program = (programDirectory() / "qor-agent").string();
+    for (const std::string question : {"--version", "--help", "--print-settings", "--check-config"}) {
+        for (const std::string output : {" >/dev/full", " >&-"}) {
+            ChildProcess agent({"/bin/sh", "-c", program + " " + question + output});
+            EXPECT_EQ(agent.wait(), 1) << question << output;
+            EXPECT_THAT(agent.output(), HasSubstr("qor-agent: cannot write the output")) << question << output;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace QOR::test

@@ -1,6 +1,7 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
-#include <cstdio>
 
 #include "QORCommon/QORException.h"
 #include "QORCommon/QORRelativeTime.h"
@@ -8,6 +9,7 @@
 #include "QORCommon/QORTime.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "output/Output.h"
 
 namespace QOR {
 namespace {
@@ -90,8 +92,9 @@ void runTokenCreate(const ConnectionOptions& connection, const TokenOptions& opt
         request.expires = currentTime() + *age;
     }
     const std::string token = makeBackend(connection, BackendUse::Store)->createToken(request);
-    std::printf("%s\n", token.c_str());
-    std::fflush(stdout);
+    FileOutput out(STDOUT_FILENO);
+    out << token << "\n";
+    out.flush();
 }
 
 void runTokenList(const ConnectionOptions& connection, const TokenOptions& options, const PrintOptions& form) {
@@ -108,8 +111,9 @@ void runTokenList(const ConnectionOptions& connection, const TokenOptions& optio
 void runTokenRevoke(const ConnectionOptions& connection, const TokenOptions& options) {
     const std::uint64_t revoked =
         makeBackend(connection, BackendUse::Store)->revokeTokens({options.name, {}, options.id});
-    std::printf("%llu revoked\n", static_cast<unsigned long long>(revoked));
-    std::fflush(stdout);
+    FileOutput out(STDOUT_FILENO);
+    out << std::to_string(revoked) << " revoked\n";
+    out.flush();
 }
 
 }  // namespace QOR
