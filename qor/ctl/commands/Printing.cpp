@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <iostream>
 #include <utility>
 
 #include "QORCommon/QORTime.h"
@@ -16,8 +15,6 @@
 
 namespace QOR {
 namespace {
-
-bool wantsNoNotes = false;
 
 /// Unless somebody wants no colours, or the terminal has none.
 bool mayColour() {
@@ -94,13 +91,13 @@ std::unique_ptr<RowSink> makePrinter(const PrintOptions& print, bool counts, Out
     if (print.pattern) return makeTemplatePrinter(*print.pattern, out);
     const bool forPeople = print.form->isForPeople;
     const bool onTerminal = ::isatty(STDOUT_FILENO) != 0;
-    if (forPeople && print.zone) useZone(*print.zone);
     RowPrinterOptions options;
     options.width = print.width ? *print.width : terminalWidth(STDOUT_FILENO);
     options.counts = counts;
     options.header = print.header;
     options.colours = forPeople && print.colours.value_or(onTerminal && mayColour());
     options.prefixes = onTerminal;
+    options.sizes = isForPerson(print);
     options.times = timesOf(print, onTerminal);
     options.now = currentTime();
     options.kinds = std::move(kinds);
@@ -156,18 +153,6 @@ void tellOfNoEnvironment(Backend& backend, const std::vector<std::string>& clien
     tellNote(client.empty() ? "you stand for no environment, so no row of an environment is shown to you; root and "
                               "the agent's user see all"
                             : "this client stands for no environment, so no row of an environment is shown to it");
-}
-
-void tellPerson(std::string_view text) {
-    std::cerr << "qorctl: " << text << (text.ends_with('\n') ? "" : "\n") << std::flush;
-}
-
-void tellNote(std::string_view text) {
-    if (!wantsNoNotes) tellPerson("note: " + std::string(text));
-}
-
-void setQuiet(bool quiet) noexcept {
-    wantsNoNotes = quiet;
 }
 
 }  // namespace QOR

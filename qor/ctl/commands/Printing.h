@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "commands/Commands.h"
+#include "process/TellPerson.h"
 
 namespace QOR {
 
@@ -58,13 +59,5 @@ PrintedAnswer printRows(const std::function<std::unique_ptr<AnswerSource>()>& as
 /// Tells a client that stands for no environment so: its answers lack rows, and nothing else would say why.
 /// \param client what --client says; empty: oneself
 void tellOfNoEnvironment(Backend& backend, const std::vector<std::string>& client);
-
-/// A line to standard error, behind "qorctl: ".
-void tellPerson(std::string_view text);
-
-/// The same for what a person may like to know, unless he wants no notes.
-void tellNote(std::string_view text);
-/// For the whole process, before the command runs.
-void setQuiet(bool quiet) noexcept;
 
 }  // namespace QOR

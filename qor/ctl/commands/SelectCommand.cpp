@@ -8,6 +8,7 @@
 #include "QORDBSchema/QORViewDescriptions.h"
 #include "QORQuery/QORQueryField.h"
 #include "commands/Commands.h"
+#include "commands/CountRows.h"
 #include "commands/Printing.h"
 #include "output/ManyRows.h"
 #include "select/SelectAdvice.h"
@@ -121,35 +122,21 @@ void expandFields(SelectOptions& options, LazyBackend& backend) {
     options.fields = std::move(fields);
 }
 
-/// Passes the counts on, and no row.
-class CountsAlone final : public RowSink {
-public:
-    void begin(std::span<const std::string>) override {}
-    void row(std::span<const Cell>) override {}
-    void end(const std::optional<RowCounts>& given) override { counts = given; }
-    std::optional<RowCounts> counts;
-};
-
 /// How many rows there are at least, as far as that can be told in no time; 0 where it does not matter.
 std::int64_t expectedRows(LazyBackend& backend, const SelectOptions& options, const PrintOptions& print,
                           std::int64_t now) {
     const bool mayBeMany = options.limit == 0 || options.limit > ManyRows::most;
     if (!mayBeMany || !asksBeforeMany(print)) return 0;
-    SelectOptions first = options;
-    first.limit = 1;
-    first.offset = 0;
-    first.sort.clear();
-    first.count = false;
-    first.counting = "200ms";
-    const SelectRequest request = makeSelectRequest(
-        first, now, [&](std::string_view view, std::string_view column) { return backend.typeOf(view, column); });
-    std::string json;
-    writeRequest(request.envelope, json);
-    CountsAlone rows;
-    const auto answer = backend.get().ask(json);
-    readAnswer(*answer, rows);  // what is wrong is told by the request itself
-    const std::int64_t total = rows.counts ? rows.counts->total - options.offset : 0;
+    const auto counts = countRows(backend.get(), options, now, [&](std::string_view view, std::string_view column) {
+        return backend.typeOf(view, column);
+    });
+    const std::int64_t total = counts ? counts->total - options.offset : 0;
     return options.limit == 0 ? total : std::min(total, options.limit);
+}
+
+/// Answers tell the least and the greatest time in seconds, which are no number to people.
+bool isTimeAggregate(const QORQueryField& field) {
+    return isSameWord(field.function, "min") || isSameWord(field.function, "max");
 }
 
 void askSelect(LazyBackend& backend, const SelectOptions& options, const PrintOptions& print, std::int64_t now) {
@@ -162,7 +149,12 @@ void askSelect(LazyBackend& backend, const SelectOptions& options, const PrintOp
     ColumnKinds kinds;
     std::vector<std::string> names;
     for (const auto& [name, field] : request.columns) {
-        if (tellsKinds(print)) kinds[name] = columnKindOf(field, backend.typeOf(options.view, field.column));
+        if (tellsKinds(print)) {
+            const std::string type = backend.typeOf(options.view, field.column);
+            const bool isTime =
+                isForPerson(print) && isTimeAggregate(field) && columnKindOf(type) == QORColumnKind::Time;
+            kinds[name] = isTime ? QORColumnKind::Time : columnKindOf(field, type);
+        }
         if (!request.ordered) names.push_back(name);
     }
     AnswerForm form;

@@ -13,7 +13,9 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "QORCommon/QORText.h"
 #include "process/Interrupt.h"
+#include "process/TellPerson.h"
 
 namespace QOR {
 namespace {
@@ -37,13 +39,34 @@ bool isOnPath(std::string_view program) {
 // What a signal handler may touch.
 std::atomic<pid_t> pager{-1};
 std::atomic<int> terminal{-1};  ///< what standard output was
+std::atomic<bool> failed{false};
 static_assert(std::atomic<pid_t>::is_always_lock_free);
 
-/// The pager has read all when nobody holds the other end of its pipe.
-void waitForPager() {
+/// The pager has read all when nobody holds the other end of its pipe. \returns how it ended
+int waitForPager() {
     ::dup2(terminal, STDOUT_FILENO);
     ::close(terminal);
-    while (::waitpid(pager, nullptr, 0) < 0 && errno == EINTR) {
+    int status = 0;
+    while (::waitpid(pager, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
+/// Whether a command line of the shell begins with a program that can be run; what begins with something else is for
+/// the shell to find out.
+bool begins(std::string_view command) {
+    const std::string word(command.substr(0, command.find_first_of(" \t")));
+    if (word.find_first_of("$`'\"\\;&|<>(){}~*?[=") != std::string::npos) return true;
+    return word.find('/') == std::string::npos ? isOnPath(word) : ::access(word.c_str(), X_OK) == 0;
+}
+
+/// With the option that shows colours, however else the person wants to have it.
+void chooseLessOptions() {
+    const char* const chosen = std::getenv("LESS");
+    if (chosen == nullptr) {
+        ::setenv("LESS", usualOptions, 0);
+    } else if (std::string_view(chosen).find_first_of("rR") == std::string_view::npos) {
+        ::setenv("LESS", (std::string(chosen) + " -R").c_str(), 1);
     }
 }
 
@@ -60,16 +83,24 @@ std::optional<std::string> pagerCommand() {
     for (const char* const variable : {"QOR_PAGER", "PAGER"}) {
         const char* const command = std::getenv(variable);
         if (command == nullptr) continue;
-        return *command == '\0' || std::string_view(command) == "cat" ? std::nullopt
-                                                                      : std::optional(std::string(command));
+        if (*command == '\0' || std::string_view(command) == "cat") return std::nullopt;
+        if (begins(command)) return std::string(command);
+        static bool isTold = false;
+        if (!std::exchange(isTold, true))
+            tellPerson(std::string(variable) + ": " + quoteText(command) + " cannot be run, so there are no pages");
+        return std::nullopt;
     }
     return isOnPath("less") ? std::optional<std::string>("less") : std::nullopt;
+}
+
+bool hasPagerFailed() noexcept {
+    return failed;
 }
 
 Pager::Pager(const std::string& command) {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) return;
-    ::setenv("LESS", usualOptions, 0);
+    chooseLessOptions();
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_adddup2(&actions, ends[0], STDIN_FILENO);
@@ -94,7 +125,12 @@ Pager::Pager(const std::string& command) {
 
 Pager::~Pager() {
     if (!m_runs) return;
-    waitForPager();
+    const int status = waitForPager();
+    const bool isBroken = WIFEXITED(status) ? WEXITSTATUS(status) != 0 : WTERMSIG(status) != SIGINT;
+    if (isBroken) {
+        failed = true;
+        tellPerson("the pager has failed; --no-pager shows the rows without it");
+    }
     endOnInterrupt();
     ::signal(SIGTERM, SIG_DFL);
 }

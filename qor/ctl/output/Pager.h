@@ -14,8 +14,11 @@
 namespace QOR {
 
 /// The command that shows pages: QOR_PAGER, or else PAGER, or else less where there is one. Nothing where one of these
-/// is empty or "cat", and where standard input or output is no terminal.
+/// is empty or "cat", or cannot be run, which is told, and where standard input or output is no terminal.
 std::optional<std::string> pagerCommand();
+
+/// Whether one has ended as programs do that fail: what was written may not have been seen.
+bool hasPagerFailed() noexcept;
 
 /// Standard output goes through a pager as long as it lives. Ctrl-C ends the program when the person has left the pager
 /// too. One at a time; no other thread writes to standard output.

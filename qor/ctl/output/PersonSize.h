@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace QOR {
 
@@ -20,6 +21,20 @@ inline std::string showSize(std::uint64_t bytes) {
         one *= step;
     // Of a rest below the unit, so that ten times as much fits.
     return std::to_string(bytes / one) + '.' + std::to_string(bytes % one * 10 / one) + units.at(unit);
+}
+
+/// What one of a column's numbers is in bytes: of its name the part behind the last point, of an aggregate that of its
+/// column. 0 for a column that holds no sizes.
+inline std::uint64_t bytesOfOne(std::string_view column) {
+    constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
+    const std::size_t open = column.find('(');
+    if (open != std::string_view::npos) {
+        if (column.substr(0, open) == "count" || !column.ends_with(')')) return 0;
+        column = column.substr(open + 1, column.size() - open - 2);
+    }
+    column.remove_prefix(column.rfind('.') + 1);  // none: its beginning
+    if (column == "size") return 1;
+    return column == "memory" ? mebibyte : 0;
 }
 
 }  // namespace QOR

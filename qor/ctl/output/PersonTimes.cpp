@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <optional>
 
+#include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "process/CtlError.h"
@@ -83,7 +85,8 @@ std::string showDuration(std::uint64_t seconds) {
 }
 
 std::string showTime(std::string_view text, TimeForm form, std::int64_t now) {
-    const auto seconds = form == TimeForm::Answered ? std::nullopt : parseTime(text);
+    std::optional<std::int64_t> seconds = form == TimeForm::Answered ? std::nullopt : parseTime(text);
+    if (!seconds && form != TimeForm::Answered) seconds = parseInt64(text);
     if (!seconds) return std::string(text);
     if (form == TimeForm::Relative) return relative(*seconds, now);
     std::string shown = inZone(*seconds, form == TimeForm::Full);

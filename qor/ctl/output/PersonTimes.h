@@ -25,7 +25,8 @@ std::string showTimeAndAge(std::int64_t seconds, std::int64_t now);
 /// In the largest two units of which there are some: "3 d 4 h".
 std::string showDuration(std::uint64_t seconds);
 
-/// \param text a time as answers have it; any other comes back as it is \param now seconds since the epoch
+/// \param text a time as answers have it, of aggregates in seconds since the epoch; any other comes back as it is
+/// \param now seconds since the epoch
 std::string showTime(std::string_view text, TimeForm form, std::int64_t now);
 
 }  // namespace QOR

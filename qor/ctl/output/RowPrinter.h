@@ -54,6 +54,7 @@ struct RowPrinterOptions {
     bool header = true;     ///< a line of names above the rows, where the form has one
     bool colours = false;   ///< of tables and records
     bool prefixes = false;  ///< GUIDs of tables as far as they can be told apart
+    bool sizes = false;     ///< columns that hold sizes (bytesOfOne()) are told in units
     TimeForm times = TimeForm::Answered;
     std::int64_t now = 0;  ///< seconds since the epoch, what relative times are told from
     ColumnKinds kinds{};   ///< for forms that tell numbers from texts

@@ -4,18 +4,18 @@
 #include <array>
 
 #include "QORCommon/QORNumbers.h"
+#include "output/PersonSize.h"
 #include "output/TextWidth.h"
 
 namespace QOR {
 namespace {
 
 constexpr std::size_t rowsHeldBack = 10'000;
-constexpr std::size_t leastColumnWidth = 4;
+constexpr std::size_t leastColumnWidth = 8;  ///< of a text that is cut
 // Of values that are not known yet.
 constexpr std::size_t timeWidth = 24;
 constexpr std::size_t textLength = 12;
 constexpr std::size_t numberLength = 8;
-constexpr std::size_t guidLength = 36;
 constexpr std::string_view gap = "  ";
 constexpr std::string_view nullSign = "-";
 constexpr std::size_t binaryBytesShown = 64;
@@ -37,8 +37,21 @@ constexpr std::string_view plain = "\x1b[0m";
 /// Lengths at which a GUID may be cut: in front of its hyphens.
 constexpr std::array<std::size_t, 4> prefixLengths{8, 13, 18, 23};
 
-void renderCell(const Cell& cell, QORColumnKind kind, const RowPrinterOptions& options, std::string& value) {
+/// A whole number of a column that holds sizes. \param unit bytes of one
+std::optional<std::string> sizeOf(const Cell& cell, std::uint64_t unit) {
+    if (unit == 0 || cell.kind != Cell::Kind::Text) return std::nullopt;
+    const std::optional<std::int64_t> number = parseInt64(cell.bytes);
+    if (!number || *number < 0 || static_cast<std::uint64_t>(*number) > UINT64_MAX / unit) return std::nullopt;
+    return showSize(static_cast<std::uint64_t>(*number) * unit);
+}
+
+void renderCell(const Cell& cell, QORColumnKind kind, std::uint64_t unit, const RowPrinterOptions& options,
+                std::string& value) {
     value.clear();
+    if (auto size = sizeOf(cell, unit)) {
+        value = std::move(*size);
+        return;
+    }
     if (cell.kind == Cell::Kind::Null)
         value = nullSign;
     else if (cell.kind == Cell::Kind::Binary)
@@ -84,11 +97,14 @@ void TablePrinter::begin(std::span<const std::string> names) {
     const std::vector<QORColumnKind> kinds = kindsOf(names, m_options.kinds);
     for (std::size_t at = 0; at < m_columns.size(); ++at)
         m_columns[at].kind = kinds[at];
+    if (!m_options.sizes) return;
+    for (std::size_t at = 0; at < m_columns.size(); ++at)
+        m_columns[at].bytes = bytesOfOne(names[at]);
 }
 
 void TablePrinter::render(std::span<const Cell> cells) {
     for (std::size_t at = 0; at < cells.size(); ++at)
-        renderCell(cells[at], m_columns[at].kind, m_options, m_values[at]);
+        renderCell(cells[at], m_columns[at].kind, m_columns[at].bytes, m_options, m_values[at]);
 }
 
 void TablePrinter::row(std::span<const Cell> cells) {
@@ -97,7 +113,8 @@ void TablePrinter::row(std::span<const Cell> cells) {
     if (m_settled) return m_blocks ? printBlock(m_values) : printLine(m_values);
     for (std::size_t at = 0; at < cells.size(); ++at) {
         Column& column = m_columns[at];
-        column.width = std::max(column.width, textWidth(m_values[at]));
+        column.values = std::max(column.values, textWidth(m_values[at]));
+        column.width = std::max(column.width, column.values);
         if (cells[at].kind == Cell::Kind::Null) continue;
         column.any = true;
         column.numbers = column.numbers && cells[at].kind == Cell::Kind::Text && parseDouble(cells[at].bytes);
@@ -126,6 +143,7 @@ void TablePrinter::settle() {
                                     : column.kind == QORColumnKind::Identifier ? guidLength
                                     : column.kind == QORColumnKind::Text       ? textLength
                                                                                : numberLength;
+        column.values = typical;
         column.width = std::max(column.width, typical);
         column.any = true;
         column.numbers = column.kind == QORColumnKind::Integer || column.kind == QORColumnKind::Number;
@@ -167,6 +185,7 @@ void TablePrinter::shortenIdentifiers() {
     };
     const auto* const length = std::find_if(prefixLengths.begin(), prefixLengths.end(), tellsApart);
     if (length == prefixLengths.end()) return;
+    m_guid = *length;
     for (std::string* const guid : shown)
         guid->resize(*length);
 }
@@ -181,6 +200,19 @@ void TablePrinter::measureIdentifiers() {
     }
 }
 
+/// A number, a size or a time of which the end is missing is taken for another one.
+bool TablePrinter::mayBeCut(const Column& column) const {
+    return !alignsRight(column) && column.bytes == 0 && column.kind != QORColumnKind::Time;
+}
+
+std::size_t TablePrinter::leastWidth(const Column& column) const {
+    // What is cut from an identifier is the name behind it.
+    const std::size_t least = column.kind == QORColumnKind::Identifier ? m_guid + 1
+                              : mayBeCut(column)                       ? leastColumnWidth
+                                                                       : column.values;
+    return std::min(column.width, least);
+}
+
 /// Takes from the widest columns until the line fits. False when it cannot be made to.
 bool TablePrinter::fitColumns() {
     if (width() == 0 || m_columns.empty()) return true;
@@ -189,16 +221,16 @@ bool TablePrinter::fitColumns() {
     std::size_t least = gaps;
     for (const Column& column : m_columns) {
         needed += column.width;
-        least += std::min(column.width, leastColumnWidth);
+        least += leastWidth(column);
     }
     if (least > width()) return false;
     if (needed <= width()) return true;
     // The widest common bound under which all fit; what rounding leaves over goes to the first columns it helps.
-    std::size_t bound = leastColumnWidth;
+    std::size_t bound = 0;
     const auto taken = [&](std::size_t most) {
         std::size_t sum = gaps;
         for (const Column& column : m_columns)
-            sum += std::min(column.width, most);
+            sum += std::min(column.width, std::max(most, leastWidth(column)));
         return sum;
     };
     while (taken(bound + 1) <= width())
@@ -206,8 +238,11 @@ bool TablePrinter::fitColumns() {
     std::size_t left = width() - taken(bound);
     for (Column& column : m_columns) {
         if (column.width <= bound) continue;
-        column.width = bound + (left > 0 ? 1 : 0);
-        left -= left > 0 ? 1 : 0;
+        const std::size_t most = std::max(bound, leastWidth(column));
+        if (column.width <= most) continue;
+        const bool isHelped = left > 0 && most == bound;
+        column.width = most + (isHelped ? 1 : 0);
+        left -= isHelped ? 1 : 0;
     }
     return true;
 }
@@ -272,7 +307,7 @@ void TablePrinter::printBlock(std::span<const std::string> values) {
         appendColoured(name, bold, m_options.colours, line);
         line += gap;
         const std::size_t room = width() > widest + gap.size() ? width() - widest - gap.size() : 1;
-        line += cutToWidth(values[at], room);
+        line += mayBeCut(m_columns[at]) ? cutToWidth(values[at], room) : values[at];
         dropTrailingBlanks(line);
         m_out << line << "\n";
     }
@@ -295,13 +330,15 @@ void RecordPrinter::begin(std::span<const std::string> names) {
     for (std::string& name : m_names)
         name.append(widest - textWidth(name) + gap.size(), ' ');
     m_kinds = kindsOf(names, m_options.kinds);
+    for (const std::string& name : names)
+        m_bytes.push_back(m_options.sizes ? bytesOfOne(name) : 0);
 }
 
 void RecordPrinter::row(std::span<const Cell> cells) {
     if (m_any) m_out.buffer() += '\n';
     m_any = true;
     for (std::size_t at = 0; at < cells.size(); ++at) {
-        renderCell(cells[at], m_kinds[at], m_options, m_value);
+        renderCell(cells[at], m_kinds[at], m_bytes[at], m_options, m_value);
         if (m_kinds[at] == QORColumnKind::Identifier && m_options.environments != nullptr) {
             const auto name = m_options.environments->find(m_value);
             if (name != m_options.environments->end()) appendVisible(" " + name->second, m_value);

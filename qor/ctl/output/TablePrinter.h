@@ -23,12 +23,16 @@ public:
     void settle() override;
 
 private:
+    static constexpr std::size_t guidLength = 36;
+
     struct Column {
         std::string name;
         std::size_t width = 0;
+        std::size_t values = 0;  ///< of the widest value
         QORColumnKind kind = QORColumnKind::Text;
-        bool numbers = true;  ///< nothing but numbers and nulls so far
-        bool any = false;     ///< a value that is not null
+        std::uint64_t bytes = 0;  ///< of one of its numbers; 0: they are no sizes, or told as they are
+        bool numbers = true;      ///< nothing but numbers and nulls so far
+        bool any = false;         ///< a value that is not null
     };
 
     void render(std::span<const Cell> cells);
@@ -37,6 +41,8 @@ private:
     void shortenIdentifiers();
     void measureIdentifiers();
     bool fitColumns();
+    bool mayBeCut(const Column& column) const;
+    std::size_t leastWidth(const Column& column) const;
     void printHeader();
     void printHeldRows();
     void printLine(std::span<const std::string> values);
@@ -51,6 +57,7 @@ private:
     std::vector<std::string> m_held;  ///< rendered values of the rows held back, row by row
     std::vector<std::string> m_values;
     std::size_t m_rows = 0;
+    std::size_t m_guid = guidLength;  ///< characters of an identifier that are shown
     bool m_settled = false;
     bool m_blocks = false;
     bool m_anyBlock = false;
@@ -69,6 +76,7 @@ private:
     Output& m_out;
     std::vector<std::string> m_names;  ///< padded to one width
     std::vector<QORColumnKind> m_kinds;
+    std::vector<std::uint64_t> m_bytes;  ///< as Column::bytes of tables
     std::string m_value;
     bool m_any = false;
 };
