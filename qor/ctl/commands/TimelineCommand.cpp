@@ -12,10 +12,14 @@ void runTimeline(const ConnectionOptions& connection, const TimelineOptions& opt
     if (connection.standalone)
         throw CtlError::usage(
             "the timeline needs an agent; without one, qorctl log, events and backups show its parts");
-    conditionOf(options.bounds, "time", currentTime());  // what is no time is told before anybody is asked
+    const std::int64_t now = currentTime();
+    const auto bound = [now](const char* option, const std::optional<std::string>& written) {
+        const auto time = secondsOf(option, written, now);
+        return time ? time2str(*time) : std::string();
+    };
     const std::string target = AgentTarget("/v1/timeline")
-                                   .with("from", options.bounds.since.value_or(""))
-                                   .with("to", options.bounds.until.value_or(""))
+                                   .with("from", bound("--since", options.bounds.since))
+                                   .with("to", bound("--until", options.bounds.until))
                                    .with("env", options.environment)
                                    .with("limit", std::to_string(options.limit))
                                    .with("format", "notation")
