@@ -33,6 +33,7 @@
 #include "host/QORHostPaths.h"
 #include "host/QORNumberOption.h"
 #include "output/Output.h"
+#include "output/Pager.h"
 #include "output/TextWidth.h"
 #include "process/CtlError.h"
 #include "process/TiedValues.h"
@@ -234,7 +235,8 @@ private:
             ->type_name("PATTERN")
             ->excludes("--output");
         addLook(app, print);
-        app.add_flag("--no-header{false}", print.header, "no line of names above the rows");
+        app.add_flag_callback(
+            "--no-header", [&print] { print.header = false; }, "no line of names above the rows");
         addNumber(app, "--width", {0, mostColumns},
                   "columns that a table may take, 0 for any number, by default the terminal's",
                   [&print](std::uint64_t columns) { print.width = columns; });
@@ -260,10 +262,18 @@ private:
                "times of tables: short (default on a terminal), relative or iso (default elsewhere)")
             ->check(oneOfWords({"short", "relative", "iso"}))
             ->type_name("FORM");
-        app.add_option("--tz", print.zone,
-                       "zone of times in tables: local (default of short), UTC (default of iso) or a name")
+        app.add_option_function<std::string>(
+               "--tz",
+               [&print](const std::string& zone) {
+                   useZone(zone);
+                   print.zone = zone;
+               },
+               "zone of times that are typed, and of those in tables: local (default of short), UTC (default of iso) "
+               "or "
+               "a name")
             ->type_name("ZONE");
-        app.add_flag("--no-pager{false}", print.pages, "long tables roll by on a terminal");
+        app.add_flag_callback(
+            "--no-pager", [&print] { print.pages = false; }, "long tables roll by on a terminal");
     }
 
     static void addPage(CLI::App& app, std::int64_t& limit, std::int64_t& offset) {
@@ -275,8 +285,9 @@ private:
 
     /// Of commands whose rows may be any number.
     static void addMany(CLI::App& app, bool& asks, const char* what = "rows") {
-        app.add_flag("--yes{false}", asks,
-                     std::string("show more than a million ") + what + " on a terminal without a question");
+        app.add_flag_callback(
+            "--yes", [&asks] { asks = false; },
+            std::string("show more than a million ") + what + " on a terminal without a question");
     }
 
     static void addReport(CLI::App& app, ReportOptions& report) {
@@ -286,7 +297,7 @@ private:
 
     static void addBounds(CLI::App& app, TimeBounds& bounds) {
         app.add_option("--since", bounds.since,
-                       "rows from this time on: 2024-05-01, \"2024-05-01 10:15\", yesterday, -7d")
+                       "rows from this time on: 2024-05-01, \"2024-05-01 10:15\", 10:15, yesterday, -7d")
             ->type_name("TIME");
         app.add_option("--until", bounds.until, "rows to this time, which is included")->type_name("TIME");
     }
@@ -351,6 +362,10 @@ private:
             follow->excludes(client, addWatch(*app), app->get_option("--limit"), app->get_option("--offset"),
                              app->get_option("--sort"), app->get_option("--count"), app->get_option("--until"),
                              addTimeoutOption(*app, m_short.timeout));
+            app->add_option("--cursor-file", m_cursorFile,
+                            "keep in this file what was shown last, and begin behind that when it is there")
+                ->needs(follow)
+                ->type_name("FILE");
             addPrinting(*app, m_shortPrint);
             addMany(*app, m_shortPrint.asks);
             addConnection(*app, false);
@@ -388,6 +403,7 @@ private:
                 options.fields.emplace_back(column);
         options.where = joinConditions(m_short.where.value_or(""), conditionOf(m_short.bounds, "time", currentTime()));
         options.fromBeginning = m_short.bounds.since.has_value();
+        options.cursorFile = m_cursorFile;
         runFollow(m_connection, options, m_shortPrint);
     }
 
@@ -837,6 +853,7 @@ private:
     SelectOptions m_short = firstPage();
     PrintOptions m_shortPrint;
     bool m_follows = false;
+    std::string m_cursorFile;
     TimelineOptions m_timeline;
     PrintOptions m_timelinePrint;
     WatchOptions m_watch;
@@ -865,7 +882,8 @@ int runCommandLine(const std::vector<std::string>& arguments) {
     // What the host logs about its own start is not what the person asked for; failures are.
     setLogLevel(0);
     try {
-        return CommandLine().run(arguments);
+        const int status = CommandLine().run(arguments);
+        return status == 0 && hasPagerFailed() ? static_cast<int>(CtlExit::AnsweredError) : status;
     } catch (const BrokenPipe&) {
         return static_cast<int>(CtlExit::Done);
     } catch (const CtlError& error) {

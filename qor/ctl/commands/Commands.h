@@ -46,6 +46,7 @@ struct FollowOptions {
     std::vector<std::string> fields;
     std::string where;           ///< empty: none
     bool fromBeginning = false;  ///< those first that there are
+    std::string cursorFile{};    ///< keeps what was shown last, behind which it begins; empty: none
 };
 
 /// How what a command asks is asked again and again.

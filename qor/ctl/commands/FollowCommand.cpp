@@ -1,13 +1,20 @@
+#include <fcntl.h>
 #include <rapidjson/document.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
+#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "QORCommon/QORAscii.h"
+#include "QORCommon/QORException.h"
+#include "QORCommon/QORFiles.h"
 #include "QORCommon/QORText.h"
 #include "QORCommon/QORTime.h"
 #include "answer/EventReader.h"
@@ -16,6 +23,7 @@
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "output/ManyRows.h"
+#include "process/LineInput.h"
 #include "select/SelectAdvice.h"
 
 namespace QOR {
@@ -98,11 +106,58 @@ private:
     std::unique_ptr<RowSink> m_printer;
 };
 
+/// Where a follower stands, in a file: a line that is taken for what comes behind it.
+class Cursor {
+public:
+    /// \param path empty: it is not kept
+    explicit Cursor(std::string path) : m_path(std::move(path)) {}
+
+    /// Empty where nothing is kept yet. \throws CtlError BadUsage for a file that cannot be read, or is something else
+    std::string read() const {
+        std::error_code error;
+        if (m_path.empty() || !std::filesystem::exists(m_path, error)) return {};
+        std::string text = InputFile(m_path).readAll(mostBytes);
+        while (text.ends_with('\n'))
+            text.pop_back();
+        const bool isOne = std::all_of(text.begin(), text.end(), [](char ch) { return ch > ' ' && ch < '\x7f'; });
+        if (!isOne) throw CtlError::usage(m_path + " is not what --cursor-file has written");
+        return text;
+    }
+
+    /// All at once, so that it is never half there. \throws CtlError
+    void keep(const std::string& position) {
+        if (m_path.empty() || position == m_kept) return;
+        const std::string next = m_path + ".new";
+        try {
+            const QORFileDescriptor file = openOwnFile(next, O_WRONLY | O_CREAT | O_TRUNC);
+            FileOutput out(file.get());
+            out << position << "\n";
+            out.flush();
+        } catch (const QORException& error) {
+            throw CtlError::usage("cannot write " + next + ": " + error.message());
+        }
+        if (std::rename(next.c_str(), m_path.c_str()) != 0)
+            throw CtlError::usage("cannot write " + m_path + ": " + std::generic_category().message(errno));
+        m_kept = position;
+    }
+
+private:
+    static constexpr std::size_t mostBytes = 4096;
+
+    const std::string m_path;
+    std::string m_kept;
+};
+
 /// What is followed, over as many connections as it takes.
 class Follower {
 public:
     Follower(const ConnectionOptions& connection, const FollowOptions& options, const PrintOptions& print)
-        : m_connection(connection), m_options(options), m_print(print), m_output(openOutput(print)) {}
+        : m_connection(connection),
+          m_options(options),
+          m_print(print),
+          m_output(openOutput(print)),
+          m_cursor(options.cursorFile),
+          m_position(m_cursor.read()) {}
 
     [[noreturn]] void run() {
         for (;;) {
@@ -134,7 +189,9 @@ private:
             }
             if (!event) throw Lost("the agent ended what it tells");
             take(*event);
-            if (!events.isReady()) m_records->flush();
+            if (events.isReady()) continue;
+            m_records->flush();
+            m_cursor.keep(m_position);  // what is shown is not told again
         }
     }
 
@@ -143,9 +200,11 @@ private:
         try {
             m_backend = makeBackend(m_connection, BackendUse::Ask);
             if (!m_records) m_records.emplace(m_options, m_print, *m_output, kinds());
-            return m_backend->get(target());
+            auto source = m_backend->get(target());
+            m_hasBegun = true;
+            return source;
         } catch (const CtlError& error) {
-            if (m_position.empty() || error.exit() != CtlExit::NoConnection) throw;
+            if (!m_hasBegun || error.exit() != CtlExit::NoConnection) throw;
             throw Lost(error.what());
         }
     }
@@ -204,7 +263,9 @@ private:
     std::unique_ptr<Output> m_output;
     std::unique_ptr<Backend> m_backend;
     std::optional<Records> m_records;
+    Cursor m_cursor;
     std::string m_position;  ///< behind which the stream goes on
+    bool m_hasBegun = false;
     std::chrono::milliseconds m_pause = firstPause;
     bool m_told = false;
 };

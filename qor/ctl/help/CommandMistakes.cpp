@@ -29,22 +29,22 @@ std::vector<std::string> commandNames(const CLI::App& app) {
     return names;
 }
 
-/// With their dashes.
+/// Without their dashes, which would make all alike.
 std::vector<std::string> optionNames(const CLI::App& app) {
     std::vector<std::string> names;
     for (const CLI::Option* const option : app.get_options({})) {
         for (const std::string& name : option->get_lnames())
-            names.push_back("--" + name);
+            names.push_back(name);
     }
     return names;
 }
 
-/// "did you mean a or b?" on a line of its own, or nothing.
-std::string nearLine(std::string_view written, const std::vector<std::string>& names) {
+/// "did you mean a, b?" on a line of its own, or nothing. \param before what stands in front of each name
+std::string nearLine(std::string_view written, const std::vector<std::string>& names, std::string_view before = {}) {
     const std::vector<std::string_view> views(names.begin(), names.end());
     std::string line;
     for (const std::string_view near : nearestNames(written, views))
-        line.append(line.empty() ? "\ndid you mean " : ", ").append(near);
+        line.append(line.empty() ? "\ndid you mean " : ", ").append(before).append(near);
     return line.empty() ? line : line + "?";
 }
 
@@ -80,8 +80,8 @@ std::string describeOption(const CLI::App& owner, const CLI::App& command, const
         std::sort(names.begin(), names.end());
         names.erase(std::unique(names.begin(), names.end()), names.end());
     }
-    const bool isShort = !name.starts_with("--");
-    return subjectOf(owner) + quoteText(name) + nearLine(isShort && name.size() > 2 ? "-" + name : name, names);
+    return subjectOf(owner) + quoteText(name) +
+           nearLine(name.substr(std::min(name.find_first_not_of('-'), name.size())), names, "--");
 }
 
 /// What is told of the first word that no command took; empty where all were taken.

@@ -1,7 +1,10 @@
 // qorctl log --follow and events --follow, against real agents that come and go.
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "ctl/CtlProcess.h"
 #include "support/AgentProcess.h"
@@ -64,6 +67,36 @@ TEST_F(Follow, GoesOnWhereItWasWhenTheAgentWasAway) {
     EXPECT_EQ(follow.readLine(), "{\"id\":\"c\"}");
     follow.signal(SIGINT);
     EXPECT_THAT(follow.finish().err, HasSubstr("going on when it is back"));
+}
+
+TEST_F(Follow, GoesOnBehindWhatItsFileSaysWasShown) {
+    const TemporaryDirectory folder;
+    const std::string cursor = (folder / "cursor").string();
+    const Words words =
+        command({"log", "--follow", "--cursor-file", cursor, "--since", "2024-01-01", "-f", "id", "-o", "ndjson"});
+    store(operation("a"));
+    {
+        CtlProcess follow(words);
+        EXPECT_EQ(follow.readLine(), "{\"id\":\"a\"}");
+        while (!std::filesystem::exists(cursor))
+            std::this_thread::yield();
+        follow.signal(SIGINT);
+        EXPECT_EQ(follow.finish().status, 130);
+    }
+    store(operation("b"));
+    {
+        CtlProcess follow(words);
+        EXPECT_EQ(follow.readLine(), "{\"id\":\"b\"}") << "what was shown is not told again";
+        follow.signal(SIGINT);
+        follow.finish();
+    }
+    std::ofstream(cursor) << "something else\n";
+    const CtlResult other = runCtl({"log", "--follow", "--cursor-file", cursor, "--socket", m_agent.socketPath()});
+    EXPECT_EQ(other.status, 2);
+    EXPECT_THAT(other.err, HasSubstr("is not what --cursor-file has written"));
+    std::ofstream(cursor) << "forged\n";
+    EXPECT_EQ(runCtl({"log", "--follow", "--cursor-file", cursor, "--socket", m_agent.socketPath()}).status, 1);
+    EXPECT_EQ(runCtl({"log", "--cursor-file", cursor, "--socket", m_agent.socketPath()}).status, 2);
 }
 
 TEST_F(Follow, TakesAConditionAndFormsOfLines) {
