@@ -8,6 +8,7 @@
 
 #include "commands/Commands.h"
 #include "commands/Printing.h"
+#include "commands/RecordProgress.h"
 #include "commands/RecordStream.h"
 #include "process/Interrupt.h"
 
@@ -75,8 +76,11 @@ void tellOf(const QORCollectResult& result, bool interrupted) {
 void runCollect(const ConnectionOptions& connection) {
     std::unique_ptr<Backend> backend = makeBackend(connection, BackendUse::Store);
     bool interrupted = false;
+    RecordProgress progress(false);
+    progress.tell("collecting from all sources", 0, 0, 0);
     const QORCollectResult result =
         connection.standalone ? collectHere(std::move(backend), interrupted) : backend->collect({});
+    progress.clear();
     tellOf(result, interrupted);
 }
 

@@ -51,7 +51,7 @@ void runImport(const ConnectionOptions& connection, const ImportOptions& options
     const auto backend = makeBackend(connection, BackendUse::Store);
     const Interrupt interrupt;
     LineInput lines(input.descriptor(), interrupt.descriptor(), lineLimit);
-    RecordStream records(*backend, options.report, 0);
+    RecordStream records(*backend, options.report, {.bytes = input.bytesLeft()});
     bool lacksEnd = false;  // an export tells its positions, and its end
     while (!interrupt.isRequested() && lines.next() == LineInput::Got::Line) {
         if (lines.line().starts_with(exportPositionBegin)) lacksEnd = true;

@@ -13,7 +13,8 @@ class RecordProgress {
 public:
     /// \param asked also where there is no terminal
     /// \param amongRows the records themselves are shown on the terminal, where no line can be written over
-    explicit RecordProgress(bool asked, bool amongRows = false);
+    /// \param unit what is counted
+    explicit RecordProgress(bool asked, bool amongRows = false, const char* unit = "records");
     ~RecordProgress() { clear(); }
     RecordProgress(const RecordProgress&) = delete;
     RecordProgress& operator=(const RecordProgress&) = delete;
@@ -23,10 +24,14 @@ public:
     /// \param resumed those of `records` that earlier runs have done
     void tell(const std::string& part, std::uint64_t records, std::uint64_t of, std::uint64_t resumed);
     void clear();
+    /// Takes the line from the terminal, for something else to be written; the next one goes on.
+    void hide() const;
+    bool isShown() const noexcept { return m_shows; }
 
 private:
     using Clock = std::chrono::steady_clock;
 
+    const char* const m_unit;
     bool m_terminal;
     bool m_shows;
     bool m_any = false;
@@ -34,5 +39,9 @@ private:
     Clock::time_point m_began;
     Clock::time_point m_last;
 };
+
+/// "12000 a second", and when all of them are known ", 3 s left"; empty before anything is done.
+/// \param of 0: nobody knows
+std::string describeRate(double done, double of, double seconds);
 
 }  // namespace QOR

@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
 
 #include "commands/Printing.h"
+#include "commands/RecordProgress.h"
 
 namespace QOR {
 namespace {
@@ -17,11 +19,12 @@ constexpr auto logPace = std::chrono::seconds(1);
 
 }  // namespace
 
-RecordStream::RecordStream(Backend& backend, const ReportOptions& options, std::uint64_t expected)
+RecordStream::RecordStream(Backend& backend, const ReportOptions& options, const Expected& expected)
     : m_backend(backend), m_options(options), m_expected(expected), m_terminal(::isatty(STDERR_FILENO) != 0) {}
 
 bool RecordStream::add(std::string_view line) {
     ++m_lines;
+    m_bytes += line.size() + 1;
     ++m_linesInBatch;
     m_batch.append(line) += '\n';
     return m_linesInBatch < batchLines && m_batch.size() < batchBytes ? true : send();
@@ -69,10 +72,19 @@ void RecordStream::tellProgress(bool last) {
     const auto now = Clock::now();
     if (!last && now - m_lastProgress < (m_terminal ? Clock::duration(terminalPace) : Clock::duration(logPace))) return;
     m_lastProgress = now;
-    std::string text = std::to_string(m_lines);
-    if (m_expected > 0) text += " of " + std::to_string(m_expected);
+    // By lines where they are known, or else by bytes: of the last line the end may be missing.
+    const std::uint64_t done = m_expected.lines > 0 ? m_lines : std::min(m_bytes, m_expected.bytes);
+    const std::uint64_t of = m_expected.lines > 0 ? m_expected.lines : m_expected.bytes;
+    std::string text;
+    if (of > 0) text += std::to_string(done * 100 / of) + "%, ";
+    text += std::to_string(m_lines);
+    if (m_expected.lines > 0) text += " of " + std::to_string(m_expected.lines);
     text +=
         " lines, " + std::to_string(m_result.accepted()) + " stored, " + std::to_string(m_result.refused) + " refused";
+    const double lines = static_cast<double>(m_lines);
+    const double all = done > 0 ? lines * static_cast<double>(of) / static_cast<double>(done) : 0;
+    const std::string rate = describeRate(lines, all, std::chrono::duration<double>(now - m_began).count());
+    if (!rate.empty()) text += ", " + rate;
     std::cerr << (m_terminal ? "\r\x1b[K" : "") << text << (m_terminal ? "" : "\n") << std::flush;
     m_progressShown = m_terminal;
 }

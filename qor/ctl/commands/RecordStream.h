@@ -14,8 +14,12 @@ namespace QOR {
 /// Sends records in batches and keeps the person informed on standard error. One run an object.
 class RecordStream {
 public:
-    /// \param expected records in all, 0 when nobody knows
-    RecordStream(Backend& backend, const ReportOptions& options, std::uint64_t expected);
+    /// How much there is in all; 0 where nobody knows.
+    struct Expected {
+        std::uint64_t lines = 0;
+        std::uint64_t bytes = 0;
+    };
+    RecordStream(Backend& backend, const ReportOptions& options, const Expected& expected);
 
     /// Adds a line; full batches are sent. False when the database refuses more, after which nothing more is taken.
     bool add(std::string_view line);
@@ -36,11 +40,13 @@ private:
 
     Backend& m_backend;
     ReportOptions m_options;
-    std::uint64_t m_expected;
+    Expected m_expected;
     bool m_terminal;
     std::string m_batch;
     std::uint64_t m_linesInBatch = 0;
     std::uint64_t m_lines = 0;  ///< added so far
+    std::uint64_t m_bytes = 0;  ///< in these
+    Clock::time_point m_began = Clock::now();
     std::uint64_t m_refusedTold = 0;
     std::uint64_t m_refusedInARow = 0;
     QORIngestResult m_result;

@@ -43,7 +43,7 @@ void runSample(const ConnectionOptions& connection, const SampleCommandOptions& 
     if (options.output) return writeSample(sample, *options.output, options.asks);
     const auto backend = makeBackend(connection, BackendUse::Store);
     const Interrupt interrupt;
-    RecordStream records(*backend, options.report, sample.total());
+    RecordStream records(*backend, options.report, {.lines = sample.total()});
     std::string line;
     while (!interrupt.isRequested() && sample.next(line))
         if (!records.add(line)) break;

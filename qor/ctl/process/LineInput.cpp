@@ -107,6 +107,13 @@ std::optional<std::string> InputFile::beginning(std::size_t bytes) const {
     return text;
 }
 
+std::uint64_t InputFile::bytesLeft() const noexcept {
+    struct stat found {};
+    if (::fstat(m_descriptor, &found) != 0 || !S_ISREG(found.st_mode)) return 0;
+    const off_t at = ::lseek(m_descriptor, 0, SEEK_CUR);
+    return at >= 0 && at < found.st_size ? static_cast<std::uint64_t>(found.st_size - at) : 0;
+}
+
 std::string InputFile::readAll(std::size_t maxBytes) const {
     std::string text;
     for (;;) {

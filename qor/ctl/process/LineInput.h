@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,6 +61,8 @@ public:
     /// What a regular file goes on with, without taking it: as much of it as there is, and as is asked for. Nothing of
     /// what comes from elsewhere, which would have to be waited for.
     std::optional<std::string> beginning(std::size_t bytes) const;
+    /// Of a regular file; 0 of what comes from elsewhere.
+    std::uint64_t bytesLeft() const noexcept;
     /// Everything to the end. \throws CtlError BadUsage when it cannot be read or is larger than `maxBytes`
     std::string readAll(std::size_t maxBytes) const;
 

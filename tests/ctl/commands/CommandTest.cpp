@@ -361,7 +361,7 @@ TEST_P(Command, ImportNumbersLinesAcrossBatches) {
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, HasSubstr("event: 2599 added"));
     EXPECT_THAT(result.err, HasSubstr("qorctl: line 2345: "));
-    EXPECT_THAT(result.err, HasSubstr("2600 lines, 2599 stored, 1 refused\n"));
+    EXPECT_THAT(result.err, HasSubstr("2600 lines, 2599 stored, 1 refused, "));
 }
 
 TEST_P(Command, OnlyTheFirstRefusedLinesAreNamedUnlessAllAreAskedFor) {
@@ -476,6 +476,55 @@ TEST_P(Command, ATableOnATerminalIsForPeople) {
     EXPECT_THAT(
         runOnTerminal(machine, 80, {"QOR_PAGER=false", "TERM=xterm"}).out,
         StartsWith("time,package,eid\r\r\n2024-01-01T10:00:00+0000,zlib,11111111-1111-1111-1111-111111111111\r\r\n"));
+}
+
+TEST_P(Command, AnOutputThatIsClosedOrFullIsToldWhateverIsWritten) {
+    const std::vector<Words> commands{
+        where({"log"}),
+        where({"export"}),
+        where({"check"}),
+        where({"prune", "--before", "9000d"}),
+        where({"status"}),
+        where({"views"}),
+        where({"collect"}),
+        where({"rows", "operations", "--limit", "1"}),
+        where({"token", "list"}),
+        {"completion", "bash"},
+        {"filter", "pager.op_log.status != 0"},
+        {"--help"},
+    };
+    for (const Words& words : commands) {
+        std::string line = ctlProgram();
+        for (const std::string& word : words)
+            line += " '" + word + "'";
+        for (const char* const output : {" >&-", " >/dev/full"}) {
+            const CtlResult result = CtlProcess({"/bin/sh", "-c", line + output}).finish();
+            EXPECT_NE(result.status, 0) << line << output;
+            EXPECT_THAT(result.err, HasSubstr("cannot write the output")) << line << output;
+        }
+    }
+}
+
+TEST_P(Command, AnInputThatIsClosedIsTold) {
+    std::string line = ctlProgram();
+    for (const std::string& word : where({"import", "-"}))
+        line += " '" + word + "'";
+    const CtlResult result = CtlProcess({"/bin/sh", "-c", line + " <&-"}).finish();
+    EXPECT_NE(result.status, 0) << result.out;
+    EXPECT_THAT(result.err, HasSubstr("Bad file descriptor"));
+}
+
+TEST_P(Command, APagerThatDoesNotWorkHidesNoRows) {
+    const auto rows = [&](const std::string& pager) {
+        return runOnTerminal(where({"select", "vOpLog", "-f", "id", "--limit", "1"}), 80, {pager});
+    };
+    const TerminalResult none = rows("QOR_PAGER=no-such-pager -x");
+    EXPECT_EQ(none.status, 0) << none.out;
+    EXPECT_THAT(none.out, AllOf(HasSubstr("QOR_PAGER: \"no-such-pager -x\" cannot be run"), HasSubstr("id\r\n")));
+    const TerminalResult broken = rows("QOR_PAGER=sh -c 'cat; exit 3'");
+    EXPECT_EQ(broken.status, 1) << broken.out;
+    EXPECT_THAT(broken.out, HasSubstr("the pager has failed"));
+    EXPECT_EQ(rows("QOR_PAGER=head -1").status, 0) << "its reader has seen enough";
 }
 
 TEST_P(Command, StatusOnATerminalIsToldInUnits) {
