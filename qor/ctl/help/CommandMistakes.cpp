@@ -1,7 +1,9 @@
 #include "CommandMistakes.h"
 
 #include <algorithm>
+#include <array>
 #include <sstream>
+#include <string_view>
 
 #include "QORCommon/QORNearestName.h"
 #include "QORCommon/QORText.h"
@@ -52,7 +54,29 @@ bool isOption(const std::string& word) {
     return word.size() > 1 && word.front() == '-';
 }
 
+/// What people call things that have another name here.
+struct OtherWord {
+    std::string_view written;
+    std::string_view command;
+};
+constexpr std::array<OtherWord, 10> otherWords{{
+    {"operations", "log"},
+    {"oplog", "log"},
+    {"journal", "log"},
+    {"tail", "log --follow"},
+    {"eventlog", "events"},
+    {"alerts", "events"},
+    {"environments", "envs"},
+    {"hosts", "envs"},
+    {"config", "context"},
+    {"version", "--version"},
+}};
+
 std::string describeCommand(const CLI::App& group, const std::string& written) {
+    const auto* const other = std::find_if(otherWords.begin(), otherWords.end(),
+                                           [&](const OtherWord& word) { return word.written == written; });
+    if (group.get_parent() == nullptr && other != otherWords.end())
+        return "there is no command " + quoteText(written) + "\nit is qorctl " + std::string(other->command);
     const std::vector<std::string> names = commandNames(group);
     const std::string near = nearLine(written, names);
     return "there is no command " + quoteText((group.get_parent() == nullptr ? "" : group.get_name() + " ") + written) +
@@ -65,6 +89,18 @@ bool isGroup(const CLI::App& command) {
 
 std::string subjectOf(const CLI::App& command) {
     return command.get_parent() == nullptr ? "there is no option " : command.get_name() + " has no option ";
+}
+
+/// "that is one of log, events", on a line of its own; nothing where no command has the option.
+std::string othersWith(const CLI::App& owner, const std::string& option) {
+    constexpr std::size_t most = 5;
+    std::vector<std::string> names;
+    if (owner.get_parent() == nullptr) return {};
+    for (const CLI::App* const each : owner.get_parent()->get_subcommands({})) {
+        if (each->get_option_no_throw(option) != nullptr) names.push_back(each->get_name());
+    }
+    if (names.empty() || names.size() > most) return {};
+    return "\nthat is an option of " + joinTexts(names);
 }
 
 /// An option that stands behind the name of `owner` and that this one does not have; `command` came later or is the
@@ -80,8 +116,9 @@ std::string describeOption(const CLI::App& owner, const CLI::App& command, const
         std::sort(names.begin(), names.end());
         names.erase(std::unique(names.begin(), names.end()), names.end());
     }
-    return subjectOf(owner) + quoteText(name) +
-           nearLine(name.substr(std::min(name.find_first_not_of('-'), name.size())), names, "--");
+    const std::string near = nearLine(name.substr(std::min(name.find_first_not_of('-'), name.size())), names, "--");
+    const std::string others = othersWith(owner, name);
+    return subjectOf(owner) + quoteText(name) + (others.empty() ? near : others);
 }
 
 /// What is told of the first word that no command took; empty where all were taken.

@@ -20,7 +20,7 @@ namespace QOR {
 namespace {
 
 /// As many names are still read when they are listed.
-constexpr std::size_t fewNames = 8;
+constexpr std::size_t fewNames = 16;
 constexpr std::array<std::string_view, 5> aggregates{"count", "sum", "avg", "min", "max"};
 constexpr std::array<std::string_view, 3> comparingWords{" like", " in", " between"};
 
@@ -209,7 +209,8 @@ std::string adviseOnSelect(const SelectOptions& options, const std::vector<QORVi
     const auto addName = [&](std::string_view written) {
         const std::string column = parseQueryField(written).column;
         if (column == "*" || std::find(columns->begin(), columns->end(), column) != columns->end()) return;
-        addLine(lines, adviseOnName(column, known));
+        const std::string advice = adviseOnName(column, known);
+        addLine(lines, advice.empty() ? "qorctl views " + options.view + " lists its columns" : advice);
     };
     const std::string writing = adviseOnWriting(options);
     addLine(lines, writing);

@@ -39,6 +39,14 @@ TEST_P(Mistakes, InNamesOfViewsColumnsAndFieldsAreAnsweredByTheNearest) {
                 EndsWith("\ndid you mean pager.op_log.time?\n"));
 }
 
+TEST_P(Mistakes, ThatResembleNothingAreAnsweredByWhatThereIs) {
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "zzzzzzz"}), HasSubstr("\nthere are "));
+    EXPECT_THAT(refusalOf({"select", "vEnvironment", "-f", "zzzzzzz"}),
+                EndsWith("\nqorctl views vEnvironment lists its columns\n"));
+    EXPECT_THAT(refusalOf({"operations"}), HasSubstr("\nit is qorctl log\n"));
+    EXPECT_THAT(refusalOf({"timeline", "--follow"}), HasSubstr("\nthat is an option of log, events"));
+}
+
 TEST_P(Mistakes, InConditionsAreShownAtTheirPlace) {
     EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--where", "op = install"}),
                 EndsWith("  op = install\n       ^\na text stands in single quotes: 'install'\n"));
