@@ -63,10 +63,6 @@ private:
 /// Its rows are environments: who reads them needs no names beside identifiers.
 constexpr std::string_view environmentsView = "vEnvironment";
 
-bool isOfRowSecurity(std::string_view column) {
-    return column.starts_with("securityOperation_") || column.starts_with("securableObjId");
-}
-
 /// What is shown of a view where nobody says what: of the host's own its main columns, of others all that people read.
 void addMainFields(SelectOptions& options, LazyBackend& backend) {
     if (!options.fields.empty()) return;

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <map>
 #include <optional>
+#include <utility>
 
 #include "QORCommon/QORAscii.h"
 #include "QORCommon/QORException.h"
@@ -76,6 +78,7 @@ public:
             std::vector<std::string>& columns = m_columns[toLowerText(each.view)];
             if (columns.empty()) m_views.emplace_back(each.view);
             columns.push_back(each.column);
+            m_types[{toLowerText(each.view), each.column}] = each.type;
         }
     }
     const std::vector<std::string>* columnsOf(std::string_view view) const {
@@ -83,9 +86,15 @@ public:
         return found == m_columns.end() ? nullptr : &found->second;
     }
     const std::vector<std::string_view>& views() const { return m_views; }
+    /// As declared; empty where there is no such column.
+    std::string typeOf(std::string_view view, std::string_view column) const {
+        const auto found = m_types.find({toLowerText(view), std::string(column)});
+        return found == m_types.end() ? std::string() : found->second;
+    }
 
 private:
     std::map<std::string, std::vector<std::string>> m_columns;
+    std::map<std::pair<std::string, std::string>, std::string> m_types;  ///< by view and column
     std::vector<std::string_view> m_views;
 };
 
@@ -141,16 +150,20 @@ std::string adviseOnWhere(const SelectOptions& options, const ViewNames& names, 
         QORMessage message;
         QORBinaryIterator at = message.root();
         at.addChild(tag::where);
-        parseCondition(text,
-                       {.view = options.view,
-                        .levels = message.limits().depth - 1,
-                        .columns = [&](std::string_view view) { return names.columnsOf(view); },
-                        .now = now},
-                       at);
+        parseCondition(
+            text,
+            {.view = options.view,
+             .levels = message.limits().depth - 1,
+             .types = [&](std::string_view view, std::string_view column) { return names.typeOf(view, column); },
+             .columns = [&](std::string_view view) { return names.columnsOf(view); },
+             .now = now},
+            at);
     } catch (const QORQueryError& error) {
         std::string advice = "--where: " + describeQueryError(text, error);
         const std::string& found = error.detail().found;
-        if (error.offset() < text.size() && isCompared(text, error.offset()) && !found.empty())
+        const bool isBare =
+            error.offset() < text.size() && text[error.offset()] != '\'' && !isDigitChar(text[error.offset()]);
+        if (isBare && isCompared(text, error.offset()) && !found.empty())
             return advice + "a text stands in single quotes: '" + found + "'";
         if (!error.detail().suggestion.empty()) return advice + "did you mean " + error.detail().suggestion + "?";
         if (error.detail().expected == "a view") return advice + adviseOnName(found, names.views());
@@ -163,6 +176,10 @@ std::string adviseOnWhere(const SelectOptions& options, const ViewNames& names, 
 }
 
 }  // namespace
+
+bool isOfRowSecurity(std::string_view column) {
+    return column.starts_with("securityOperation_") || column.starts_with("securableObjId");
+}
 
 std::string adviseOnName(std::string_view written, std::span<const std::string_view> names) {
     const std::vector<std::string_view> near = nearestNames(written, names);
@@ -205,21 +222,22 @@ std::string adviseOnSelect(const SelectOptions& options, const std::vector<QORVi
     const std::vector<std::string>* const columns = names.columnsOf(options.view);
     if (columns == nullptr) return adviseOnName(options.view, names.views());
     std::string lines;
-    const std::vector<std::string_view> known(columns->begin(), columns->end());
+    std::vector<std::string_view> known;
+    std::copy_if(columns->begin(), columns->end(), std::back_inserter(known),
+                 [](const std::string& column) { return !isOfRowSecurity(column); });
     const auto addName = [&](std::string_view written) {
         const std::string column = parseQueryField(written).column;
         if (column == "*" || std::find(columns->begin(), columns->end(), column) != columns->end()) return;
         const std::string advice = adviseOnName(column, known);
         addLine(lines, advice.empty() ? "qorctl views " + options.view + " lists its columns" : advice);
     };
-    const std::string writing = adviseOnWriting(options);
-    addLine(lines, writing);
+    if (options.where) addLine(lines, adviseOnWhere(options, names, now));
+    addLine(lines, adviseOnWriting(options));
     for (const std::string& field : options.fields)
         if (adviseOnField(field).empty()) addName(field);
     if (adviseOnSort(options.sort).empty())
         for (const std::string& key : options.sort)
             addName(std::string_view(key).substr(key.starts_with('-') ? 1 : 0));
-    if (options.where) addLine(lines, adviseOnWhere(options, names, now));
     if (!lines.empty()) lines.pop_back();
     return lines;
 }

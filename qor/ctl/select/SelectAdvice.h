@@ -28,4 +28,7 @@ std::string adviseOnWriting(const SelectOptions& options);
 /// \param now as makeSelectRequest()'s
 std::string adviseOnSelect(const SelectOptions& options, const std::vector<QORViewColumn>& views, std::int64_t now);
 
+/// A column of a view that says who may read a row: people are not shown it.
+bool isOfRowSecurity(std::string_view column);
+
 }  // namespace QOR

@@ -56,7 +56,8 @@ struct QORConditionOptions {
     std::string view;        ///< that is asked; it qualifies columns whose own names hold a point
     std::size_t levels = 0;  ///< of elements that the condition may take
     /// Asked only where it matters: for columns that literals of an in-list or of between, durations or texts that
-    /// tell a time from now stand beside. None: those stay as they are spelled.
+    /// tell a time from now stand beside; with `columns` also for those that other literals are compared with, which
+    /// are checked then. None: those stay as they are spelled.
     QORColumnTypes types{};
     /// Asked for each column and view that is named, so that one that there is not is a mistake of the text. None:
     /// names are taken as they are.

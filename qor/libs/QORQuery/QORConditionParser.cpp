@@ -157,6 +157,7 @@ private:
     // ---- stored forms -------------------------------------------------------------------------------------------
     Id relate(Id condition);
     Id store(Id condition);
+    std::string stored(std::string_view type, Id literal) const;
     template <class Of>
     Id bring(Id condition, Of formOf);
     bool isRelative(Id literal) const;
@@ -335,15 +336,27 @@ Id Parser::bring(Id condition, Of formOf) {
     return condition;
 }
 
-/// Beside a column of times, what tells a time from now becomes that time.
+/// Beside a column of times, what tells a time from now becomes that time. Where it is known what there is, a literal
+/// that is no value of the column beside it is a mistake of the text, as it is of the request.
 Id Parser::relate(Id condition) {
     bool any = false;
     for (Id id = m_tree.firstChild(condition); id != QORQueryTree::none; id = m_tree.nextSibling(id))
-        any = any || isRelative(id);
+        any = any || isRelative(id) || (m_options.columns && isLiteral(id));
     if (!any || !m_options.types) return condition;
     return bring(condition, [this](std::string_view type, Id id) {
-        return isTimeType(type) && isRelative(id) ? timeOf(id) : m_tree.text(id);
+        if (isTimeType(type) && isRelative(id)) return timeOf(id);
+        if (m_options.columns) stored(type, id);
+        return m_tree.text(id);
     });
+}
+
+/// \throws QORQueryError at a literal that is no value of such a column
+std::string Parser::stored(std::string_view type, Id literal) const {
+    try {
+        return storedForm(type, m_tree.text(literal));
+    } catch (const QORException& error) {
+        throw QORQueryError(m_literals.at(literal), error.message(), {.found = m_tree.text(literal)});
+    }
 }
 
 /// Brings the literals into the form in which the column beside them stores its values.
@@ -353,12 +366,7 @@ Id Parser::store(Id condition) {
         any = any || isLiteral(id);
     if (!any || !m_options.types) return condition;
     return bring(condition, [this](std::string_view type, Id id) {
-        if (isTimeType(type) && isRelative(id)) return timeOf(id);
-        try {
-            return storedForm(type, m_tree.text(id));
-        } catch (const QORException& error) {
-            throw QORQueryError(m_literals.at(id), error.message());
-        }
+        return isTimeType(type) && isRelative(id) ? timeOf(id) : stored(type, id);
     });
 }
 

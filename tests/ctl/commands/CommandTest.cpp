@@ -242,7 +242,9 @@ TEST_P(Command, AnErrorThatIsAnsweredEndsWithOne) {
     const CtlResult result = run({"select", "--view", "vOpLog", "-f", "nothing"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "qorctl: error 1: invalid column name \"nothing\" of view \"vOpLog\"\n");
+    EXPECT_EQ(result.err,
+              "qorctl: error 1: invalid column name \"nothing\" of view \"vOpLog\"\nthere are id, parent_id, op, "
+              "status, time, eid, package, version, message and reporter\n");
 }
 
 TEST_P(Command, SortKeysApplyInTheOrderInWhichTheyAreGiven) {

@@ -50,6 +50,10 @@ TEST_P(Mistakes, ThatResembleNothingAreAnsweredByWhatThereIs) {
 TEST_P(Mistakes, InConditionsAreShownAtTheirPlace) {
     EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--where", "op = install"}),
                 EndsWith("  op = install\n       ^\na text stands in single quotes: 'install'\n"));
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--where", "op = 'x' and status = 'ok'"}),
+                EndsWith("  op = 'x' and status = 'ok'\n                        ^\n"));
+    EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--where", "time > '2024-05-32'"}),
+                HasSubstr("  time > '2024-05-32'\n         ^"));
     EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--where", "time > '2024-5-1'"}),
                 EndsWith("\na time is written '2024-05-01' or '2024-05-01 10:15:00'\n"));
     EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--where", "time between '2024-5-1' and now()"}),
