@@ -19,6 +19,7 @@
 #include "QORDBSchema/QORViewDescriptions.h"
 #include "QORPager/QORSources.h"
 #include "QORQuery/QORQueryField.h"
+#include "backend/AgentChannel.h"
 #include "backend/AgentChoice.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
@@ -173,6 +174,15 @@ private:
     /// Everywhere the same variables, so that the options may stand before the command or behind it.
     void addConnection(CLI::App& app, bool stores) {
         app.parse_complete_callback([this] { m_connects = true; });
+        if (app.get_option_no_throw("--timeout") == nullptr)
+            app.add_option_function<std::string>(
+                   "--timeout",
+                   [](const std::string& text) {
+                       AgentChannel::setPatience(durationOf("--timeout", text, mostTimeout));
+                   },
+                   "give up when the agent has been silent for this time (default: never)")
+                ->type_name("DURATION")
+                ->group("Connection");
         app.add_option("--context", m_connection.context, "an agent or a database by a name, see qorctl context")
             ->type_name("NAME")
             ->group("Connection");
@@ -323,7 +333,10 @@ private:
         return app
             .add_option_function<std::string>(
                 "--timeout",
-                [&timeout](const std::string& text) { timeout = durationOf("--timeout", text, mostTimeout); },
+                [&timeout](const std::string& text) {
+                    timeout = durationOf("--timeout", text, mostTimeout);
+                    AgentChannel::setPatience(*timeout);
+                },
                 "give up when no answer has come within this time (default: as long as the agent takes)")
             ->type_name("DURATION");
     }

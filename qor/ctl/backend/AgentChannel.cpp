@@ -8,6 +8,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <array>
@@ -25,8 +26,23 @@ namespace {
     throw CtlError::noConnection("no agent answers at " + place.name() + ": " + reason + "; " + advice);
 }
 
+std::int64_t patience = 0;  ///< seconds; 0: without end
+
+/// An agent ends a request in time itself; one that does not has this long to say so.
+constexpr std::int64_t grace = 2;
+
 [[noreturn]] void failed() {
+    if (errno == EAGAIN)
+        throw CtlError::noConnection("no answer has come within " + std::to_string(patience) +
+                                     " s (--timeout); the agent is there, but busy with something else, or hangs");
     throw std::system_error(errno, std::generic_category());
+}
+
+void limit(int socket) {
+    if (patience == 0) return;
+    const timeval longest{static_cast<time_t>(patience + grace), 0};
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof longest);
 }
 
 void sendAll(int socket, std::string_view bytes) {
@@ -55,8 +71,10 @@ QORFileDescriptor connectLocal(const AgentPlace& place) {
     if (path.size() >= sizeof address.sun_path) noAgent(place, std::strerror(ENAMETOOLONG), advice);
     std::memcpy(address.sun_path, path.c_str(), path.size());
     QORFileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    limit(socket.get());
     if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return socket;
     const int error = errno;
+    if (error == EAGAIN) failed();
     noAgent(place, std::strerror(error), error == EACCES ? "ask to be let into the socket's group" : advice);
 }
 
@@ -72,12 +90,13 @@ QORFileDescriptor connectTcp(const AgentPlace& place) {
     int error = 0;
     for (const addrinfo* one = found; one != nullptr; one = one->ai_next) {
         QORFileDescriptor socket(::socket(one->ai_family, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
+        limit(socket.get());
         const int on = 1;
         const linger reset{1, 0};
         ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         ::setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
         if (::connect(socket.get(), one->ai_addr, one->ai_addrlen) == 0) return socket;
-        error = errno;
+        error = errno == EINPROGRESS ? ETIMEDOUT : errno;  // as the limit tells it
     }
     noAgent(place, std::strerror(error), advice);
 }
@@ -286,6 +305,10 @@ AgentChannel::AgentChannel(const AgentPlace& place)
 }
 
 AgentChannel::~AgentChannel() = default;
+
+void AgentChannel::setPatience(std::int64_t seconds) noexcept {
+    patience = seconds;
+}
 
 void AgentChannel::send(std::string_view bytes) {
     if (m_tls) {

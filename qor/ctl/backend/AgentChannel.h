@@ -2,6 +2,7 @@
 /// The bytes between qorctl and an agent, over a unix socket, TCP, or TLS.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
@@ -28,6 +29,10 @@ struct AgentPlace {
 /// client that has gone for one that only sends no more, and ends what it does for it.
 class AgentChannel {
 public:
+    /// From now on nobody waits longer than this for an agent that neither takes nor says anything: NoConnection. For
+    /// the whole process, before any other thread runs. \param patience seconds, as the person has said it
+    static void setPatience(std::int64_t patience) noexcept;
+
     /// Connects. \throws CtlError NoConnection that says what is wrong and what helps
     explicit AgentChannel(const AgentPlace& place);
     ~AgentChannel();

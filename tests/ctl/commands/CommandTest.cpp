@@ -1,4 +1,6 @@
 // Every command, end to end: against a real agent over its socket, and with the host in its own process.
+#include <signal.h>
+
 #include <fstream>
 #include <string>
 #include <vector>
@@ -751,6 +753,19 @@ TEST_F(Standalone, AnOutputThatCannotBeWrittenIsTold) {
 }
 
 // ---- when the agent goes ----------------------------------------------------------------------------------------
+
+TEST(Agent, ThatHangsIsGivenUpInTime) {
+    AgentProcess agent;
+    ::kill(agent.pid(), SIGSTOP);
+    for (const Words& words : {Words{"log"}, Words{"status"}, Words{"views"}, Words{"export"}, Words{"check"}}) {
+        Words command = words;
+        command.insert(command.end(), {"--timeout", "1s", "--socket", agent.socketPath()});
+        const CtlResult result = runCtl(command);
+        EXPECT_EQ(result.status, 3) << words.front();
+        EXPECT_THAT(result.err, HasSubstr("no answer has come within 1 s (--timeout)")) << words.front();
+    }
+    ::kill(agent.pid(), SIGCONT);
+}
 
 TEST(Lines, AnAgentThatGoesAwayIsNoConnection) {
     AgentProcess agent;
