@@ -18,6 +18,7 @@
 #include "commands/RecordProgress.h"
 #include "output/ManyRows.h"
 #include "output/Output.h"
+#include "process/Interrupt.h"
 
 namespace QOR {
 namespace {
@@ -122,6 +123,7 @@ ExportLines writeAll(AnswerSource& records, ExportTarget& target, ManyRows& many
     const std::uint64_t resumed = target.position().records();
     std::string_view piece = records.read();
     target.open();
+    endOnInterrupt("interrupted; " + target.advice());
     FileOutput out(target.descriptor());
     ExportLines lines(target.position().begun);
     try {
@@ -157,6 +159,7 @@ void runExport(const ConnectionOptions& connection, const ExportOptions& options
     const ExportLines lines = writeAll(*records, target, many, progress);
     if (!lines.hasEnded()) throw CtlError(CtlExit::AnsweredError, "the export has no end").advised(target.advice());
     target.close();
+    endOnInterrupt();
     if (lines.unreadable() > 0)
         tellPerson(std::to_string(lines.unreadable()) +
                    " records lack a document, which cannot be read in the database; \"qorctl check\" names them");

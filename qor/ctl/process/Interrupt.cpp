@@ -4,7 +4,9 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "process/CtlError.h"
@@ -15,9 +17,13 @@ namespace {
 // What a signal handler may touch.
 std::atomic<bool> requested{false};
 std::atomic<int> event{-1};
-static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+std::array<char, 4096> note{};
+std::atomic<std::size_t> noteSize{0};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free &&
+              std::atomic<std::size_t>::is_always_lock_free);
 
 extern "C" void end(int) {
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, note.data(), noteSize);
     ::_exit(static_cast<int>(CtlExit::Interrupted));
 }
 
@@ -52,7 +58,10 @@ Interrupt::~Interrupt() {
     ::close(event.exchange(-1));
 }
 
-void endOnInterrupt() {
+void endOnInterrupt(const std::string& text) {
+    noteSize = 0;
+    const std::string line = text.empty() ? text : "\nqorctl: " + text + "\n";  // behind what progress is shown
+    if (line.size() <= note.size()) noteSize = line.copy(note.data(), note.size());
     handle(SIGINT, end, 0, nullptr);
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <csignal>
+#include <string>
 
 namespace QOR {
 
@@ -24,6 +25,7 @@ private:
 
 /// From here on Ctrl-C ends the process at once with CtlExit::Interrupted. What it asked ends too: an agent sees that
 /// nobody waits any more.
-void endOnInterrupt();
+/// \param note a line that is told then; empty: none
+void endOnInterrupt(const std::string& note = {});
 
 }  // namespace QOR

@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <string_view>
 
+#include "QORCommon/QORAscii.h"
+#include "QORCommon/QORRelativeTime.h"
+#include "QORCommon/QORText.h"
+#include "QORCommon/QORTime.h"
 #include "QORPager/QORExpressionEvaluation.h"
 #include "QORPager/QORFilterNames.h"
 #include "QORPager/QORSources.h"
@@ -102,6 +106,27 @@ private:
     TExpressionEvaluation m_filter;
 };
 
+/// What tells a time from now, which views know and the filter of rows does not. \returns its text; empty for none
+std::string timeFromNow(std::string_view filter, std::int64_t now) {
+    for (std::size_t at = 0; at < filter.size(); ++at) {
+        const char c = filter[at];
+        if (c == '\'' || c == '"') {
+            const std::size_t end = std::min(filter.find(c, at + 1), filter.size());
+            const std::string_view text = filter.substr(at + 1, end - at - 1);
+            if (!parseTime(text) && parseRelativeTime(text, now)) return std::string(text);
+            at = end;
+        } else if (isDigitChar(c) && (at == 0 || !isWordChar(filter[at - 1]))) {
+            std::size_t end = at;
+            while (end < filter.size() && isWordChar(filter[end]))
+                ++end;
+            const std::string_view word = filter.substr(at, end - at);
+            if (parseDuration(word)) return "-" + std::string(word);
+            at = end - 1;
+        }
+    }
+    return {};
+}
+
 std::string_view columnOf(const QORSource& source, std::string_view field) {
     for (const QORSourceColumn& column : source.columns)
         if (column.field == field) return column.column;
@@ -171,6 +196,9 @@ std::string adviseOnRefusedRows(const RowsOptions& options, const FilterNames& n
         addName(std::string_view(key).substr(key.starts_with('-') ? 1 : 0));
     if (!options.where) return lines;
     addLine(adviseOnTimes(*options.where));
+    if (const std::string time = timeFromNow(*options.where, currentTime()); !time.empty())
+        addLine("the filter of rows tells no time from now; --since=" +
+                (time.find(' ') == std::string::npos ? time : quoteText(time)) + " and --until do");
     if (const std::string mistake = explainFilter(*options.where, names); !mistake.empty())
         addLine("--where: " + mistake);
     return lines;

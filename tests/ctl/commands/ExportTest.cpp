@@ -353,7 +353,9 @@ TEST(ExportEnds, WithTheAgentAndWithCtrlC) {
     CtlProcess interrupted(command);
     EXPECT_THAT(interrupted.readLine(), StartsWith(R"({"position":)"));
     interrupted.signal(SIGINT);
-    EXPECT_EQ(interrupted.finish().status, 130);
+    const CtlResult ended = interrupted.finish();
+    EXPECT_EQ(ended.status, 130);
+    EXPECT_THAT(ended.err, HasSubstr("qorctl: interrupted; what came of it is not whole\n"));
     CtlProcess left(command);
     EXPECT_THAT(left.readLine(), StartsWith(R"({"position":)"));
     agent.kill();

@@ -66,6 +66,15 @@ TEST_P(Mistakes, InConditionsAreShownAtTheirPlace) {
                 EndsWith("\na time is written '2024-01-01' or '2024-01-01 10:15:00'\n"));
 }
 
+TEST_P(Mistakes, OfTimesFromNowInAFilterAreAnsweredByTheOptionsThatTakeThem) {
+    for (const auto& [where, option] :
+         std::vector<std::pair<std::string, std::string>>{{"time > -1000d", "--since=-1000d"},
+                                                          {"time > 'yesterday'", "--since=yesterday"},
+                                                          {"time > 'now - 7d'", "--since=\"now - 7d\""}})
+        EXPECT_THAT(refusalOf({"rows", "operations", "--where", where}),
+                    HasSubstr("the filter of rows tells no time from now; " + option + " and --until do\n"));
+}
+
 TEST_P(Mistakes, OfDirectionAndBracketAreKnown) {
     EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "op", "--sort", "time", "desc"}), EndsWith("--sort=-time\n"));
     EXPECT_THAT(refusalOf({"select", "vOpLog", "-f", "count(op"}), EndsWith("the bracket is not closed: count(op)\n"));
