@@ -84,6 +84,14 @@ std::vector<std::string_view> FilterNames::nearest(std::string_view name) const 
     return nearestNames(name, names);
 }
 
+std::vector<std::string_view> FilterNames::likewise(std::string_view name) const {
+    const auto lastPart = [](std::string_view whole) { return whole.substr(whole.rfind('.') + 1); };
+    std::vector<std::string_view> names;
+    for (const QORField& field : m_fields)
+        if (isSameWord(lastPart(field.name), lastPart(name))) names.emplace_back(field.name);
+    return names;
+}
+
 std::map<std::string, QORColumnKind, std::less<>> FilterNames::kindsOf(const std::vector<std::string>& names) const {
     std::map<std::string, QORColumnKind, std::less<>> kinds;
     for (const std::string& name : names) {
@@ -91,6 +99,7 @@ std::map<std::string, QORColumnKind, std::less<>> FilterNames::kindsOf(const std
         if (field == nullptr || field->isMulty()) continue;
         if (field->valueType == TValueType::Integer) kinds[name] = QORColumnKind::Integer;
         if (field->valueType == TValueType::Time) kinds[name] = QORColumnKind::Time;
+        if (field->valueType == TValueType::String && name.ends_with("eid")) kinds[name] = QORColumnKind::Identifier;
     }
     return kinds;
 }

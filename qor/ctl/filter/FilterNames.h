@@ -34,7 +34,10 @@ public:
     std::string describe(std::string_view name) const;
     /// The declared names that one could have meant by an undeclared one, the nearest first, at most three.
     std::vector<std::string_view> nearest(std::string_view name) const;
-    /// What the fields of these names hold, for those that are known to hold one value that is no text.
+    /// The declared names whose last part is that of another one.
+    std::vector<std::string_view> likewise(std::string_view name) const;
+    /// What the fields of these names hold, for those that are known to hold one value that is no text, or an
+    /// identifier.
     std::map<std::string, QORColumnKind, std::less<>> kindsOf(const std::vector<std::string>& names) const;
     /// The name as the operator spells it, as far as it is known; any other as it is.
     std::string spell(std::string_view name) const;

@@ -17,6 +17,10 @@
 namespace QOR {
 namespace {
 
+/// Fields of other records that are called alike; more are no help.
+constexpr std::size_t mostLikewise = 4;
+constexpr std::string_view environmentFields = "pager.env.";
+
 bool isConstant(const TToken& token) {
     return token.tokenClass == tcString || token.tokenClass == tcNumber;
 }
@@ -187,8 +191,21 @@ std::string adviseOnRefusedRows(const RowsOptions& options, const FilterNames& n
     const auto addLine = [&lines](const std::string& line) {
         if (!line.empty()) lines += (lines.empty() || lines.ends_with('\n') ? "" : "\n") + line;
     };
+    const QORSource* const source = findSource(options.source);
     const auto addName = [&](std::string_view name) {
-        if (names.describe(name).empty()) addLine(adviseOnName(name, names.nearest(name)));
+        if (!names.describe(name).empty()) return;
+        std::vector<std::string_view> meant;
+        if (source != nullptr) meant = names.likewise(name);
+        // Those of other records can stand beside these only where they are of environments.
+        std::erase_if(meant, [&](std::string_view field) {
+            return !field.starts_with(source->namePrefix) && !field.starts_with(environmentFields);
+        });
+        if (meant.empty() || meant.size() > mostLikewise) meant = names.nearest(name);
+        if (source == nullptr) return addLine(adviseOnName(name, meant));
+        std::string line;
+        for (const std::string_view near : meant)
+            line += (line.empty() ? "did you mean " : ", ") + ShortNames(names, *source).shortest(near);
+        addLine(line.empty() ? line : line + "?");
     };
     for (const std::string& field : options.fields)
         addName(field);

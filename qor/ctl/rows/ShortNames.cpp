@@ -54,6 +54,15 @@ std::string ShortNames::whole(std::string_view name) const {
     return found.empty() ? prefixOf(m_source) + std::string(name) : found;
 }
 
+std::string ShortNames::shortest(std::string_view name) const {
+    for (const std::string& prefix : {prefixOf(m_source), std::string(beginning)}) {
+        if (!name.starts_with(prefix)) continue;
+        const std::string_view rest = name.substr(prefix.size());
+        if (find(rest) == name) return std::string(rest);
+    }
+    return std::string(name);
+}
+
 std::string ShortNames::inFilter(std::string_view filter) const {
     std::string spelled;
     std::size_t copied = 0;

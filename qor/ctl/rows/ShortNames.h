@@ -24,6 +24,8 @@ public:
     /// of the records (`package.name`). A name that is whole, or of which nothing is known, is as it was, the latter
     /// with the source's beginning where it has no point, so that it is refused by a name that says what was asked.
     std::string whole(std::string_view name) const;
+    /// The shortest name that stands for a field's whole one.
+    std::string shortest(std::string_view name) const;
     /// A filter with whole names; quoted texts and words that are none stay.
     std::string inFilter(std::string_view filter) const;
 

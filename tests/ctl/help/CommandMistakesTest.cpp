@@ -66,6 +66,11 @@ TEST_P(Mistakes, InConditionsAreShownAtTheirPlace) {
                 EndsWith("\na time is written '2024-01-01' or '2024-01-01 10:15:00'\n"));
 }
 
+TEST_P(Mistakes, InShortNamesAreAnsweredByShortNames) {
+    EXPECT_THAT(refusalOf({"rows", "operations", "-f", "statsu"}), EndsWith("\ndid you mean status?\n"));
+    EXPECT_THAT(refusalOf({"rows", "operations", "-f", "title"}), EndsWith("\ndid you mean env.title, origin.title?\n"));
+}
+
 TEST_P(Mistakes, OfTimesFromNowInAFilterAreAnsweredByTheOptionsThatTakeThem) {
     for (const auto& [where, option] :
          std::vector<std::pair<std::string, std::string>>{{"time > -1000d", "--since=-1000d"},
