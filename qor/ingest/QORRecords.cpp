@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "QORCommon/QORException.h"
+#include "QORCommon/QORNearestName.h"
 #include "QORCommon/QORNumbers.h"
 #include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORText.h"
@@ -259,7 +260,10 @@ void readMembers(const Named& object, std::span<const Member<Record>> members, b
         const std::string name = std::string(object.prefix) + std::string(child->name);
         if (found == members.end()) {
             if (open) continue;
-            refuse("unknown member " + quoteText(name));
+            std::vector<std::string_view> known;
+            for (const Member<Record>& member : members)
+                known.push_back(member.name);
+            refuse("unknown member " + quoteText(name) + adviseOnName(child->name, known));
         }
         const std::uint32_t bit = 1U << (found - members.begin());
         if ((seen & bit) != 0) refuse("member " + quoteText(name) + " is there twice");
@@ -392,7 +396,8 @@ QORRecordKind readKind(const Named& object) {
             const auto kind = std::find(kindNames.begin(), kindNames.end(), child->text);
             if (kind != kindNames.end()) return static_cast<QORRecordKind>(kind - kindNames.begin());
         }
-        refuse("unknown kind " + describe(*child));
+        refuse("unknown kind " + describe(*child) +
+               (child->type == JsonType::String ? adviseOnName(child->text, kindNames) : std::string()));
     }
     refuse("member \"kind\" is missing");
 }

@@ -310,6 +310,10 @@ void AgentChannel::setPatience(std::int64_t seconds) noexcept {
     patience = seconds;
 }
 
+void AgentChannel::usePatience(std::int64_t seconds) noexcept {
+    if (patience == 0) patience = seconds;
+}
+
 void AgentChannel::send(std::string_view bytes) {
     if (m_tls) {
         m_tls->send(bytes);

@@ -32,6 +32,8 @@ public:
     /// From now on nobody waits longer than this for an agent that neither takes nor says anything: NoConnection. For
     /// the whole process, before any other thread runs. \param patience seconds, as the person has said it
     static void setPatience(std::int64_t patience) noexcept;
+    /// The same where nobody has said how long.
+    static void usePatience(std::int64_t patience) noexcept;
 
     /// Connects. \throws CtlError NoConnection that says what is wrong and what helps
     explicit AgentChannel(const AgentPlace& place);

@@ -1,8 +1,10 @@
 #include <array>
+#include <cstdint>
 #include <filesystem>
 #include <system_error>
 #include <vector>
 
+#include "backend/AgentChannel.h"
 #include "commands/Commands.h"
 #include "commands/Printing.h"
 #include "doctor/AgentChecks.h"
@@ -38,6 +40,8 @@ std::filesystem::path placeOnDisk(std::filesystem::path place) {
 }  // namespace
 
 void runDoctor(const ConnectionOptions& connection, const PrintOptions& print) {
+    constexpr std::int64_t patience = 5;  // one that hangs is what is looked for
+    AgentChannel::usePatience(patience);
     AgentDiagnosis diagnosis = checkAgent(connection, QOR_VERSION);
     std::vector<Finding>& findings = diagnosis.findings;
     if (connection.agent.empty()) {

@@ -18,6 +18,19 @@ constexpr std::size_t lineLimit = QORIngestOptions{}.maxLineBytes + 1;
 /// What a file is that holds no records, and what to do with it; empty for any that may hold some.
 std::string describeOtherFile(const std::string& name, std::string_view beginning) {
     constexpr std::string_view gzip = "\x1f\x8b";
+    struct Packed {
+        std::string_view beginning;
+        const char* tool;
+    };
+    constexpr Packed packed[] = {{"\xfd"
+                                  "7zXZ",
+                                  "xz"},
+                                 {"BZh", "bzip2"},
+                                 {"\x28\xb5\x2f\xfd", "zstd"}};
+    for (const Packed& one : packed)
+        if (beginning.starts_with(one.beginning))
+            return name + " is compressed with " + one.tool + "; take it apart first: " + one.tool +
+                   " -dc FILE | qorctl import -";
     constexpr std::string_view sqlite("SQLite format 3\0", 16);
     constexpr std::string_view wideTexts[] = {"\xff\xfe", "\xfe\xff"};
     if (beginning.starts_with(gzip))

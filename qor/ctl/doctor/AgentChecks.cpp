@@ -19,7 +19,8 @@ std::string adviceOnAnAgentAway(const ConnectionOptions& connection) {
     if (connection.standalone) return "name another database with --database";
     if (!connection.agent.empty())
         return "see whether it runs there, and whether its address, its certificate and your token are right";
-    return "sudo systemctl start qor-agent, or start qor-agent; whoever may not use its socket has to be in its group";
+    return "sudo systemctl start qor-agent (restart where it hangs), or start qor-agent; whoever may not use its "
+           "socket has to be in its group";
 }
 
 std::string describeAgent(const AgentHealth& agent) {

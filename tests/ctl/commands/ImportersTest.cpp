@@ -88,6 +88,7 @@ struct OtherFile {
 
 TEST(WrongFiles, AreToldApartAndNothingIsMade) {
     const std::pair<std::string, const char*> files[] = {
+        {"BZh91AY and so on", "f is compressed with bzip2; take it apart first: bzip2 -dc FILE | qorctl import -"},
         {"\x1f\x8b\x08 and so on", "f is compressed with gzip; take it apart first: gunzip -c FILE | qorctl import -"},
         {std::string("SQLite format 3\0", 16),
          "f is a database of SQLite; qorctl copy --from FILE moves what is in it"},

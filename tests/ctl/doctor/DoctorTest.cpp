@@ -1,5 +1,6 @@
 // qorctl doctor: what it finds, and what it says to do.
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -99,6 +100,15 @@ TEST(DoctorAlone, AnAgentThatIsAwayIsAFaultAndTheMachineIsLookedAtAllTheSame) {
     EXPECT_THAT(rowOf("agent", result.out),
                 AllOf(StartsWith("FAULT\t"), HasSubstr("/nowhere/agent.sock"), HasSubstr("systemctl start qor-agent")));
     EXPECT_THAT(rowOf("drivers", result.out), StartsWith("ok\t"));
+}
+
+TEST(DoctorAlone, AnAgentThatHangsIsAFault) {
+    const AgentProcess agent;
+    ::kill(agent.pid(), SIGSTOP);
+    const CtlResult result = runCtl({"doctor", "--timeout", "1s", "--socket", agent.socketPath(), "-o", "tsv"});
+    ::kill(agent.pid(), SIGCONT);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(rowOf("agent", result.out), AllOf(StartsWith("FAULT\t"), HasSubstr("no answer has come within 1 s")));
 }
 
 TEST(DoctorAlone, ADatabaseThatIsNotThereIsAFaultAndIsNotMade) {
