@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,8 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -20,6 +23,7 @@
 #include "QORCommon/QORPasswords.h"
 #include "QORCommon/QORSourcePath.h"
 #include "QORCommon/QORStandardStreams.h"
+#include "QORCommon/QORText.h"
 #include "QORFunctionality/QOROpFactory.h"
 #include "agent/AgentReload.h"
 #include "agent/MemoryKeeper.h"
@@ -27,6 +31,7 @@
 #include "agent/SignalWatch.h"
 #include "agent/api/AgentApplication.h"
 #include "agent/api/AgentAudit.h"
+#include "agent/http/HttpCertificates.h"
 #include "agent/http/HttpServer.h"
 #include "agent/http/LocalListener.h"
 #include "agent/http/TcpListener.h"
@@ -108,18 +113,62 @@ QORHostOptions hostOptions(const AgentSettings& settings) {
     return options;
 }
 
-/// Says what is wrong with the collectors that are to run by themselves, and where.
-bool areCollectorsSound(const GivenSettings& given, const AgentSettings& settings) {
-    try {
-        static_cast<void>(collectorWishes(settings));
-        return true;
-    } catch (const QORException& exception) {
-        const Setting* const setting = findSetting("collect");
-        const GivenSettings::Given* const place = setting == nullptr ? nullptr : given.find(*setting);
-        const std::string where = place == nullptr ? "the settings" : place->where;
-        std::fprintf(stderr, "%s: %s\n", where.c_str(), exception.message().c_str());
-        return false;
+void checkFolderOf(const std::string& file) {
+    const std::filesystem::path folder = std::filesystem::path(file).parent_path();
+    std::error_code unseen;
+    if (!file.empty() && !folder.empty() && !std::filesystem::is_directory(folder, unseen))
+        throw QORException(errBadRequest, "the folder " + quoteText(folder.string()) + " does not exist",
+                           QOR_SOURCE_PATH);
+}
+
+/// What of a setting shows when it is used alone. \throws QORException
+struct SettingCheck {
+    std::string_view setting;
+    void (*check)(const AgentSettings& settings);
+};
+constexpr std::array<SettingCheck, 7> settingChecks{{
+    {"listen",
+     [](const AgentSettings& settings) {
+         for (const std::string& text : settings.listen) {
+             const QORAgentAddress address = readAgentAddress(text);
+             if (!address.isUnix()) TcpListener::check(address);
+         }
+     }},
+    {"tls-certificate",
+     [](const AgentSettings& settings) {
+         // What sockets the service manager hands over, and how they are spoken at, is not known here.
+         if (settings.listen.empty()) return;
+         if (usesTls(serverOptions(settings, {}))) static_cast<void>(HttpCertificates::read(settings.tls));
+     }},
+    {"forward",
+     [](const AgentSettings& settings) {
+         if (!settings.forward.empty()) static_cast<void>(forwardOptions(settings));
+     }},
+    {"read-only", checkTogether},
+    {"log-file", [](const AgentSettings& settings) { checkFolderOf(settings.logFile); }},
+    {"database",
+     [](const AgentSettings& settings) {
+         if (settings.database.find('=') == std::string::npos) checkFolderOf(settings.database);
+     }},
+    {"collect", [](const AgentSettings& settings) { static_cast<void>(collectorWishes(settings)); }},
+}};
+
+/// Says what is wrong with what the settings mean, and where.
+bool areSettingsSound(const GivenSettings& given, const AgentSettings& settings) {
+    bool isSound = true;
+    for (const SettingCheck& one : settingChecks) {
+        try {
+            one.check(settings);
+        } catch (const QORException& exception) {
+            const Setting* const setting = findSetting(one.setting);
+            const GivenSettings::Given* const place = setting == nullptr ? nullptr : given.find(*setting);
+            const std::string where = place == nullptr ? "the settings" : place->where;
+            std::fprintf(stderr, "%s: %s\n", where.c_str(), withoutPasswords(exception.message()).c_str());
+            if (one.setting == "listen") return false;  // what else depends on it would say the same
+            isSound = false;
+        }
     }
+    return isSound;
 }
 
 int checkConfig(const GivenSettings& given) {
@@ -136,7 +185,7 @@ int checkConfig(const GivenSettings& given) {
         readVocabularyFiles(settings.vocabulary, QOROpFactoryRegistry::instance().vocabulary());
     for (const QORVocMistake& mistake : files.mistakes)
         std::fprintf(stderr, "%s\n", mistake.text().c_str());
-    if (!areCollectorsSound(given, settings) || !files.mistakes.empty() || !refused.empty()) return EXIT_FAILURE;
+    if (!areSettingsSound(given, settings) || !files.mistakes.empty() || !refused.empty()) return EXIT_FAILURE;
     for (const auto& file : files.read)
         std::printf("%s: no mistakes\n", file.c_str());
     return EXIT_SUCCESS;

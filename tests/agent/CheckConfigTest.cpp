@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "support/AgentProcess.h"
 #include "support/ChildProcess.h"
@@ -62,6 +65,26 @@ TEST_F(CheckConfigTest, CollectorsAreThoseThatThereAre) {
     std::ofstream(file) << "collect = ['machine',\n 'dpkg=often']\n";
     EXPECT_EQ(check({"--settings", file}), 2);
     EXPECT_THAT(m_output, AllOf(HasSubstr(file + ":"), HasSubstr("\"dpkg=often\": behind '=' stands how often")));
+}
+
+TEST_F(CheckConfigTest, WhatAnAgentWouldNotStartWithIsNamedWithItsPlace) {
+    const std::string file = m_folder.file("agent.toml");
+    for (const auto& [setting, reason] : std::vector<std::pair<std::string, std::string>>{
+             {"listen = ['x']", "\"x\" is no address of an agent"},
+             {"listen = ['http://0.0.0.0:7480']", "plain http is for this machine's own programs"},
+             {"forward = 'http://fleet.example'", "its port is missing"},
+             {"log-file = '/nowhere/x/agent.log'", "the folder \"/nowhere/x\" does not exist"},
+             {"database = '/nowhere/x/agent.db'", "the folder \"/nowhere/x\" does not exist"}}) {
+        std::ofstream(file) << "threads = 8\n" << setting << "\n";
+        EXPECT_EQ(check({"--settings", file}), 1) << setting;
+        EXPECT_THAT(m_output, AllOf(HasSubstr(file + ":2:"), HasSubstr(reason))) << setting;
+    }
+    std::ofstream(file)
+        << "tls-certificate = '/nowhere/c.pem'\ntls-key = '/nowhere/k.pem'\nlisten = ['https://127.0.0.1:1']\n";
+    EXPECT_EQ(check({"--settings", file}), 1);
+    EXPECT_THAT(m_output, AllOf(HasSubstr(file + ":1:"), HasSubstr("/nowhere/c.pem")));
+    std::ofstream(file) << "listen = ['http://127.0.0.1:7481']\nforward = 'https://fleet.example:7480'\n";
+    EXPECT_EQ(check({"--settings", file}), 0) << m_output;
 }
 
 TEST_F(CheckConfigTest, AnAgentDoesNotStartWithAFileThatItCannotRead) {
