@@ -210,10 +210,13 @@ private:
         app.add_option("--key", m_connection.key, "its key (default: in the certificate's file)")
             ->type_name("FILE")
             ->group(group);
-        app.add_flag("--standalone", m_connection.standalone, "no agent: answer in this process")->group(group);
+        app.add_flag("--standalone", m_connection.standalone,
+                     "no agent: answer in this process from the database that agents use by default")
+            ->group(group);
         app.add_option("--database", m_connection.database,
-                       "SQLite's file, or an ODBC connection string, with --standalone")
+                       "no agent: answer in this process from SQLite's file, or an ODBC connection string")
             ->transform(connectionStringOf)
+            ->each([this](const std::string&) { m_connection.standalone = true; })
             ->type_name("DATABASE")
             ->group(group);
         if (!stores)

@@ -77,8 +77,8 @@ std::unique_ptr<Backend> makeBackend(const ConnectionOptions& options, BackendUs
     if (const std::string_view named = optionOfAgent(options); options.standalone && !named.empty())
         throw CtlError::usage(std::string(named) + " and --standalone exclude each other");
     if (!options.standalone) {
-        if (!options.database.empty() || options.readOnly || !options.config.empty() || !options.plugIns.empty())
-            throw CtlError::usage("--database, --read-only, --config and --plugins need --standalone");
+        if (options.readOnly || !options.config.empty() || !options.plugIns.empty())
+            throw CtlError::usage("--read-only, --config and --plugins need --database or --standalone");
         return std::make_unique<AgentBackend>(placeOf(options));
     }
     if (options.database.empty())

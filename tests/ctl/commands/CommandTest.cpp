@@ -1,6 +1,7 @@
 // Every command, end to end: against a real agent over its socket, and with the host in its own process.
 #include <signal.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -714,7 +715,7 @@ TEST_F(Standalone, BadUsageIsToldApart) {
         {{"select", "--view", "v", "-f", "a", "--where", ""}, "expected a column or a value"},
         {{"select", "--view", "v", "-f", "a", "--client", "x"}, "--client"},
         {{"views", "--standalone"}, "--standalone needs a database"},
-        {{"views", "--database", "x"}, "need --standalone"},
+        {{"views", "--read-only"}, "need --database or --standalone"},
         {{"views", "--standalone", "--database", "x", "--socket", "y"}, "exclude each other"},
         {{"import", "--read-only", "--standalone", "--database", "x"}, "--read-only"},
         {{"import", "/no/such/file", "--standalone", "--database", "x"}, "cannot open /no/such/file"},
@@ -729,6 +730,13 @@ TEST_F(Standalone, BadUsageIsToldApart) {
         EXPECT_THAT(result.err, StartsWith("qorctl: "));
         EXPECT_THAT(result.err, HasSubstr(usage.text));
     }
+}
+
+TEST_F(Standalone, ADatabaseIsAskedWithoutAnAgent) {
+    ASSERT_EQ(runCtl(with({"import"}), records).status, 0);
+    Words words = with({"select", "vOpLog", "-f", "id", "--where", "id = 'a'", "-o", "csv"});
+    words.erase(std::remove(words.begin(), words.end(), "--standalone"), words.end());
+    EXPECT_EQ(runCtl(words).out, "id\r\na\r\n");
 }
 
 TEST_F(Standalone, HelpIsNoError) {

@@ -25,10 +25,48 @@ TEST(CommandHelp, OfACommandIsAskedForEitherWay) {
 }
 
 TEST(CommandHelp, HasThreeExamplesOfEachCommandThatAsks) {
-    for (const char* command :
-         {"select", "rows", "log", "events", "backups", "envs", "timeline", "explain", "request", "views", "fields",
-          "status", "check", "prune", "import", "sample", "collect", "copy", "filter"}) {
-        const std::string help = helpOf({"help", command});
+    for (const char* command : {"select",
+                                "rows",
+                                "log",
+                                "events",
+                                "backups",
+                                "envs",
+                                "timeline",
+                                "explain",
+                                "request",
+                                "views",
+                                "fields",
+                                "status",
+                                "check",
+                                "prune",
+                                "import",
+                                "sample",
+                                "collect",
+                                "copy",
+                                "filter",
+                                "doctor",
+                                "export",
+                                "identity add",
+                                "identity list",
+                                "identity show",
+                                "identity remove",
+                                "token create",
+                                "token list",
+                                "token revoke",
+                                "context set",
+                                "context use",
+                                "context list",
+                                "context show",
+                                "context remove",
+                                "database shard",
+                                "self-check security",
+                                "plugin check",
+                                "completion"}) {
+        Words words{"help"};
+        std::istringstream parts(command);
+        for (std::string part; parts >> part;)
+            words.push_back(part);
+        const std::string help = helpOf(words);
         EXPECT_THAT(help,
                     testing::ContainsRegex(std::string("Examples:\n(  qorctl ") + command + "[^\n]*\n)(  qorctl " +
                                            command + "[^\n]*\n)(  qorctl " + command + "[^\n]*\n)"));
