@@ -68,7 +68,8 @@ TEST_P(Mistakes, InConditionsAreShownAtTheirPlace) {
 
 TEST_P(Mistakes, InShortNamesAreAnsweredByShortNames) {
     EXPECT_THAT(refusalOf({"rows", "operations", "-f", "statsu"}), EndsWith("\ndid you mean status?\n"));
-    EXPECT_THAT(refusalOf({"rows", "operations", "-f", "title"}), EndsWith("\ndid you mean env.title, origin.title?\n"));
+    EXPECT_THAT(refusalOf({"rows", "operations", "-f", "title"}),
+                EndsWith("\ndid you mean env.title, origin.title?\n"));
 }
 
 TEST_P(Mistakes, OfTimesFromNowInAFilterAreAnsweredByTheOptionsThatTakeThem) {
