@@ -227,6 +227,29 @@ std::string_view withoutCode(std::string_view text, int native) {
     return text;
 }
 
+constexpr std::string_view dataStates = "22";
+
+/// What the engine says of data that cannot be computed with names the value in the middle, in some states.
+constexpr std::pair<std::string_view, std::string_view> dataTexts[] = {
+    {"22001", "a value is too long for its type"},
+    {"22003", "a number is out of range for its type"},
+    {"22007", "a value is no date or time"},
+    {"22008", "a date or time is out of range"},
+    {"22021", "a value holds bytes that are no characters"},
+};
+
+// Up to the first thing that is quoted, in whichever language the engine speaks.
+std::string_view withoutValues(std::string_view text, std::string_view state) {
+    for (const auto& [known, said] : dataTexts) {
+        if (state == known) return said;
+    }
+    for (const std::string_view quote : {"\"", "'", "`", "\xc2\xab", "\xc2\xbb", "\xe2\x80", "\xe3\x80", "0x"})
+        text = text.substr(0, text.find(quote));
+    while (text.ends_with(' ') || text.ends_with(':'))
+        text.remove_suffix(1);
+    return text.empty() ? "a value cannot be computed with" : text;
+}
+
 // PostgreSQL's says on lines of their own what it was doing, and the engine on others which rows were in the way. What
 // a value looked like that could not be understood may be a row's as well.
 std::string_view withoutDetails(std::string_view text, std::string_view state) {
@@ -238,8 +261,7 @@ std::string_view withoutDetails(std::string_view text, std::string_view state) {
     }
     while (text.starts_with(' '))
         text.remove_prefix(1);
-    if (state.starts_with("22")) text = text.substr(0, text.find(": \""));
-    return text;
+    return state.starts_with(dataStates) ? withoutValues(text, state) : text;
 }
 
 }  // namespace

@@ -147,6 +147,24 @@ TEST_F(PostgresPool, AFailureSpeaksOfTheStatementAndNotOfRows) {
     EXPECT_EQ(twice.text(), "duplicate key value violates unique constraint \"t_pkey\"");
     const AException unreadable = failureOf([] { cell("SELECT s::int FROM t WHERE s <> 'secret'"); });
     EXPECT_EQ(unreadable.text(), "invalid input syntax for type integer");
+    prepare(
+        "CREATE TABLE v (s text); INSERT INTO v VALUES ('3000000001'); CREATE TABLE w (s text); INSERT INTO w VALUES "
+        "('secret')");
+    const auto textOf = [](const char* sql) { return failureOf([sql] { cell(sql); }).text(); };
+    EXPECT_EQ(textOf("SELECT s::int FROM v"), "a number is out of range for its type");
+    EXPECT_EQ(textOf("SELECT to_date(s, 'YYYY') FROM w"), "a value is no date or time");
+    EXPECT_EQ(textOf("SELECT s::timestamp FROM w"), "a value is no date or time");
+    EXPECT_EQ(textOf("SELECT ('2024-13-' || length(s))::date FROM w"), "a date or time is out of range");
+    for (const char* const sql :
+         {"SELECT s::json FROM w", "SELECT s::uuid FROM w", "SELECT 'a' ~ ('(' || s) FROM w", "SELECT s::inet FROM w",
+          "SELECT decode(s, 'hex') FROM w", "SELECT s::xml FROM w", "SELECT 'a' LIKE (s || '\\') FROM w",
+          "SELECT ('{' || s)::int[] FROM w", "SELECT convert_from(s::bytea || '\\xff', 'UTF8') FROM w",
+          "SELECT set_config('work_mem', s, true) FROM w", "SELECT s::bit(4) FROM w", "SELECT to_number(s, '9') FROM w",
+          "SELECT s::money FROM w", "SELECT s::interval FROM w", "SELECT s::jsonpath FROM w",
+
+          "SELECT s::boolean FROM w", "SELECT s::point FROM w", "SELECT s::tsquery FROM w",
+          "SELECT s::int4range FROM w"})
+        EXPECT_EQ(textOf(sql).find("secret"), std::string::npos) << sql << ": " << textOf(sql);
     EXPECT_EQ(failureOf([] { cell("SELECT * FROM nowhere"); }).text(), "relation \"nowhere\" does not exist");
 }
 
