@@ -52,7 +52,7 @@ std::string placeOf(const toml::source_region& source) {
 
 [[noreturn]] void refuseKey(const fs::path& file, const toml::key& key, std::span<const std::string_view> known) {
     throw CtlError::usage(file.string() + ": there is no key " + quoteText(key.str()) + placeOf(key.source()))
-        .advised(adviseOnName(key.str(), known));
+        .advised(adviseOnNames(key.str(), known));
 }
 
 std::string textOf(const fs::path& file, const toml::key& key, const toml::node& node) {
@@ -137,7 +137,7 @@ const Context& Contexts::find(const std::string& name) const {
     for (const auto& [each, context] : all)
         names.emplace_back(each);
     throw CtlError::usage("there is no context " + quoteText(name))
-        .advised(names.empty() ? "qorctl context set makes one" : adviseOnName(name, names));
+        .advised(names.empty() ? "qorctl context set makes one" : adviseOnNames(name, names));
 }
 
 fs::path contextsFile() {

@@ -60,7 +60,7 @@ void runFields(const ConnectionOptions& connection, const FieldsOptions& options
     out.flush();
     if (!printer.isEmpty()) return;
     for (const std::string& prefix : options.prefixes) {
-        const std::string advice = adviseOnName(prefix, names.nearest(prefix));
+        const std::string advice = adviseOnNames(prefix, names.nearest(prefix));
         tellNote("no field begins with " + quoteText(prefix) + (advice.empty() ? "" : "; " + advice));
     }
 }

@@ -28,7 +28,7 @@ void requireAll(const std::vector<std::string>& views, const std::vector<QORView
         if (std::none_of(columns.begin(), columns.end(),
                          [&](const QORViewColumn& column) { return isSameWord(view, column.view); }))
             throw CtlError(CtlExit::AnsweredError, "there is no view " + quoteText(view))
-                .advised(adviseOnName(view, namesOf(columns)));
+                .advised(adviseOnNames(view, namesOf(columns)));
 }
 
 Cell text(std::string_view bytes) {

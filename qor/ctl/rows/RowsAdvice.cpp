@@ -201,7 +201,7 @@ std::string adviseOnRefusedRows(const RowsOptions& options, const FilterNames& n
             return !field.starts_with(source->namePrefix) && !field.starts_with(environmentFields);
         });
         if (meant.empty() || meant.size() > mostLikewise) meant = names.nearest(name);
-        if (source == nullptr) return addLine(adviseOnName(name, meant));
+        if (source == nullptr) return addLine(adviseOnNames(name, meant));
         std::string line;
         for (const std::string_view near : meant)
             line += (line.empty() ? "did you mean " : ", ") + ShortNames(names, *source).shortest(near);

@@ -107,7 +107,7 @@ std::string adviseOnField(std::string_view written) {
     if (std::any_of(aggregates.begin(), aggregates.end(),
                     [&](auto known) { return isSameWord(aggregateName(known), aggregateName(name)); }))
         return {};
-    return quoteText(name) + " is no aggregate; " + adviseOnName(name, aggregates);
+    return quoteText(name) + " is no aggregate; " + adviseOnNames(name, aggregates);
 }
 
 bool isDirection(std::string_view word) {
@@ -166,7 +166,7 @@ std::string adviseOnWhere(const SelectOptions& options, const ViewNames& names, 
         if (isBare && isCompared(text, error.offset()) && !found.empty())
             return advice + "a text stands in single quotes: '" + found + "'";
         if (!error.detail().suggestion.empty()) return advice + "did you mean " + error.detail().suggestion + "?";
-        if (error.detail().expected == "a view") return advice + adviseOnName(found, names.views());
+        if (error.detail().expected == "a view") return advice + adviseOnNames(found, names.views());
         advice.pop_back();
         return advice;
     } catch (const QORException&) {
@@ -181,7 +181,7 @@ bool isOfRowSecurity(std::string_view column) {
     return column.starts_with("securityOperation_") || column.starts_with("securableObjId");
 }
 
-std::string adviseOnName(std::string_view written, std::span<const std::string_view> names) {
+std::string adviseOnNames(std::string_view written, std::span<const std::string_view> names) {
     const std::vector<std::string_view> near = nearestNames(written, names);
     if (!near.empty()) return "did you mean " + joined(near, "or") + "?";
     if (names.empty() || names.size() > fewNames) return {};
@@ -220,7 +220,7 @@ std::string adviseOnWriting(const SelectOptions& options) {
 std::string adviseOnSelect(const SelectOptions& options, const std::vector<QORViewColumn>& views, std::int64_t now) {
     const ViewNames names(views);
     const std::vector<std::string>* const columns = names.columnsOf(options.view);
-    if (columns == nullptr) return adviseOnName(options.view, names.views());
+    if (columns == nullptr) return adviseOnNames(options.view, names.views());
     std::string lines;
     std::vector<std::string_view> known;
     std::copy_if(columns->begin(), columns->end(), std::back_inserter(known),
@@ -228,7 +228,7 @@ std::string adviseOnSelect(const SelectOptions& options, const std::vector<QORVi
     const auto addName = [&](std::string_view written) {
         const std::string column = parseQueryField(written).column;
         if (column == "*" || std::find(columns->begin(), columns->end(), column) != columns->end()) return;
-        const std::string advice = adviseOnName(column, known);
+        const std::string advice = adviseOnNames(column, known);
         addLine(lines, advice.empty() ? "qorctl views " + options.view + " lists its columns" : advice);
     };
     if (options.where) addLine(lines, adviseOnWhere(options, names, now));

@@ -15,7 +15,7 @@ namespace QOR {
 
 /// "did you mean a, b or c?" of names near the written one; where none is near, which there are, if these are few;
 /// else empty.
-std::string adviseOnName(std::string_view written, std::span<const std::string_view> names);
+std::string adviseOnNames(std::string_view written, std::span<const std::string_view> names);
 
 /// A line for each time in a text that is not written as times are: `2024-5-1`, or one outside of quotes. Empty for
 /// none.

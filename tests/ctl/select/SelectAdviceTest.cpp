@@ -28,11 +28,11 @@ std::string adviceOn(const SelectOptions& options) {
 
 TEST(SelectAdvice, NamesTheNearestOrAllWhereTheyAreFew) {
     const std::vector<std::string_view> few{"one", "two"};
-    EXPECT_EQ(adviseOnName("onne", few), "did you mean one?");
-    EXPECT_EQ(adviseOnName("something", few), "there are one and two");
-    EXPECT_EQ(adviseOnName("something", std::vector<std::string_view>{"one"}), "there is one");
-    EXPECT_EQ(adviseOnName("something", std::vector<std::string_view>(17, "one")), "");
-    EXPECT_EQ(adviseOnName("something", {}), "");
+    EXPECT_EQ(adviseOnNames("onne", few), "did you mean one?");
+    EXPECT_EQ(adviseOnNames("something", few), "there are one and two");
+    EXPECT_EQ(adviseOnNames("something", std::vector<std::string_view>{"one"}), "there is one");
+    EXPECT_EQ(adviseOnNames("something", std::vector<std::string_view>(17, "one")), "");
+    EXPECT_EQ(adviseOnNames("something", {}), "");
 }
 
 TEST(SelectAdvice, KnowsViewsColumnsAndSortKeys) {
