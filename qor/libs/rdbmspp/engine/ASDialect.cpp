@@ -1,5 +1,6 @@
 #include "rdbmspp/engine/ASDialect.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "rdbmspp/engine/SqliteAmong.h"
@@ -238,13 +239,17 @@ constexpr std::pair<std::string_view, std::string_view> dataTexts[] = {
     {"22021", "a value holds bytes that are no characters"},
 };
 
-// Up to the first thing that is quoted, in whichever language the engine speaks.
+// What quotes nothing says nothing of a row. Of others, what stands before the first thing that is quoted, in whichever
+// language the engine speaks.
 std::string_view withoutValues(std::string_view text, std::string_view state) {
+    std::size_t quoted = text.size();
+    for (const std::string_view quote : {"\"", "'", "`", "\xc2\xab", "\xc2\xbb", "\xe2\x80", "\xe3\x80", "0x"})
+        quoted = std::min(quoted, text.find(quote));
+    if (quoted == text.size()) return text;
     for (const auto& [known, said] : dataTexts) {
         if (state == known) return said;
     }
-    for (const std::string_view quote : {"\"", "'", "`", "\xc2\xab", "\xc2\xbb", "\xe2\x80", "\xe3\x80", "0x"})
-        text = text.substr(0, text.find(quote));
+    text = text.substr(0, quoted);
     while (text.ends_with(' ') || text.ends_with(':'))
         text.remove_suffix(1);
     return text.empty() ? "a value cannot be computed with" : text;
