@@ -86,7 +86,7 @@ public:
           m_most(most),
           m_place(std::move(place)),
           m_isFirst(m_place.reached == 0),
-          m_telling(collection, name, most) {}
+          m_telling(collection, name, engine.hasOwnIds(), most) {}
 
     void read() {
         if (m_engine.tellsEvents()) {

@@ -4,6 +4,10 @@ namespace QOR {
 
 ContainerEngine::~ContainerEngine() = default;
 
+bool ContainerEngine::hasOwnIds() const noexcept {
+    return false;
+}
+
 bool ContainerEngine::tellsEvents() const noexcept {
     return false;
 }

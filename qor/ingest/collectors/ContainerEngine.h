@@ -98,6 +98,8 @@ public:
     /// Nothing for one that is gone.
     virtual std::optional<ContainerDetails> details(const ListedContainer& container) = 0;
 
+    /// Whether its identifiers are no other's; those of others are names, which may be used again.
+    virtual bool hasOwnIds() const noexcept;
     /// Whether it tells what has happened. What happens to others shows in what there is.
     virtual bool tellsEvents() const noexcept;
     /// Whether events() are fewer with an earlier end.

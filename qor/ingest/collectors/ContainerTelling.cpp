@@ -61,11 +61,6 @@ constexpr std::array<KnownAction, 12> knownActions{{
 constexpr std::array<std::string_view, 10> imageActions{"pull", "push",   "tag",    "untag", "delete",
                                                         "load", "import", "remove", "prune", "build"};
 
-/// Engines whose identifiers are no other's; those of others are names, which may be used again.
-bool hasIdsOfItsOwn(const std::string& engine) {
-    return engine == "docker" || engine == "podman";
-}
-
 std::string shortDigest(const std::string& text) {
     return QORDigest().add(text).hex().substr(0, digestLength);
 }
@@ -166,11 +161,11 @@ struct ContainerTelling::News {
     QORInfo message{};
 };
 
-ContainerTelling::ContainerTelling(QORCollection& collection, std::string engine,
+ContainerTelling::ContainerTelling(QORCollection& collection, std::string engine, bool hasOwnIds,
                                    const ContainerCollector::Bounds& most)
     : m_collection(collection),
       m_engine(std::move(engine)),
-      m_scope(hasIdsOfItsOwn(m_engine) ? std::string() : m_engine + " "),
+      m_scope(hasOwnIds ? std::string() : m_engine + " "),
       m_most(most),
       m_machine(describeMachine(collection.root())) {}
 

@@ -28,8 +28,9 @@ ContainerLife containerLife(std::string_view state) noexcept;
 /// Brings records of a run. Used by its thread.
 class ContainerTelling {
 public:
-    /// \param engine the collector's name
-    ContainerTelling(QORCollection& collection, std::string engine, const ContainerCollector::Bounds& most);
+    /// \param engine the collector's name \param hasOwnIds as ContainerEngine::hasOwnIds()
+    ContainerTelling(QORCollection& collection, std::string engine, bool hasOwnIds,
+                     const ContainerCollector::Bounds& most);
 
     /// The environment that a container is.
     QOREID eidOf(const std::string& id) const;

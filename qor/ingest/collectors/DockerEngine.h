@@ -22,6 +22,7 @@ public:
     static std::unique_ptr<DockerEngine> open(const std::filesystem::path& socket, std::function<bool()> isStopping);
 
     bool isPodman() const noexcept { return m_isPodman; }
+    bool hasOwnIds() const noexcept override { return true; }
     bool tellsEvents() const noexcept override { return true; }
     bool takesEnds() const noexcept override { return !m_isPodman; }
     std::vector<ListedContainer> containers(std::uint64_t& passedOver) override;

@@ -43,6 +43,16 @@ std::string unescapePath(std::string_view escaped) {
     return path;
 }
 
+std::vector<std::string_view> linesOf(std::string_view text) {
+    std::vector<std::string_view> lines;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        lines.push_back(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return lines;
+}
+
 std::vector<std::string_view> wordsOf(std::string_view line) {
     std::vector<std::string_view> words;
     while (!line.empty()) {

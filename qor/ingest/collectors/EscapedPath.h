@@ -13,6 +13,9 @@ namespace QOR {
 std::string escapePath(std::string_view path);
 std::string unescapePath(std::string_view escaped);
 
+/// The lines of a text without their ends. Valid as long as the text is.
+std::vector<std::string_view> linesOf(std::string_view text);
+
 /// What stands between the blanks of a line. Valid as long as the line is.
 std::vector<std::string_view> wordsOf(std::string_view line);
 

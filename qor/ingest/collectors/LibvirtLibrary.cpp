@@ -1,16 +1,9 @@
 #include "ingest/collectors/LibvirtLibrary.h"
 
-#include <dlfcn.h>
-
 #include "QORCommon/QORUtf8.h"
 
 namespace QOR {
 namespace {
-
-std::string reasonOfLoading() {
-    const char* const reason = ::dlerror();
-    return std::string("libvirt's library cannot be used: ") + (reason == nullptr ? "it is not there" : reason);
-}
 
 /// Unless it is given somewhere to put them, the library writes what fails on standard error.
 void keepQuiet(void*, virErrorPtr) {}
@@ -25,26 +18,19 @@ LibvirtFailure LibvirtFailure::last(const std::string& what) {
 }
 
 const LibvirtLibrary& LibvirtLibrary::instance() {
-    static const LibvirtLibrary library;
-    return library;
+    try {
+        static const LibvirtLibrary library;
+        return library;
+    } catch (const LibvirtFailure&) {
+        throw;
+    } catch (const std::runtime_error& failure) {
+        throw LibvirtFailure(failure.what(), 0, 0);
+    }
 }
 
-LibvirtLibrary::LibvirtLibrary() {
+LibvirtLibrary::LibvirtLibrary() : LoadedLibrary("libvirt.so.0", "libvirt's library cannot be used") {
     if (initialize() < 0) throw LibvirtFailure("libvirt's library cannot be used: it does not begin", 0, 0);
     setErrorFunc(nullptr, keepQuiet);
-}
-
-template <class Function>
-Function* LibvirtLibrary::find(const char* name) const {
-    void* const symbol = ::dlsym(m_handle, name);
-    if (symbol == nullptr) throw LibvirtFailure(reasonOfLoading(), 0, 0);
-    return reinterpret_cast<Function*>(symbol);
-}
-
-void* LibvirtLibrary::load() {
-    void* const handle = ::dlopen("libvirt.so.0", RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr) throw LibvirtFailure(reasonOfLoading(), 0, 0);
-    return handle;
 }
 
 }  // namespace QOR

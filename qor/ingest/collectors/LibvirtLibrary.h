@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "ingest/collectors/LoadedLibrary.h"
+
 namespace QOR {
 
 /// What the library did not do, with its reason.
@@ -30,18 +32,13 @@ private:
 
 /// Loaded when the first hypervisor is asked: most machines have none. It says nothing on standard error, and stays
 /// loaded. Thread-safe, as the library is.
-class LibvirtLibrary {
+class LibvirtLibrary : private LoadedLibrary {
 public:
     /// \throws LibvirtFailure where it is not installed
     static const LibvirtLibrary& instance();
 
 private:
     LibvirtLibrary();
-    template <class Function>
-    Function* find(const char* name) const;
-    static void* load();
-
-    void* const m_handle = load();
 
 public:
     // A member for each function that is used, with the function's name but for "vir".

@@ -31,11 +31,8 @@ std::uint64_t changeNumber(std::string_view text) {
 }  // namespace
 
 LibvirtPlace::LibvirtPlace(std::string_view position) {
-    while (!position.empty()) {
-        const std::size_t end = std::min(position.find('\n'), position.size());
-        readLine(position.substr(0, end));
-        position.remove_prefix(std::min(end + 1, position.size()));
-    }
+    for (const std::string_view line : linesOf(position))
+        readLine(line);
 }
 
 void LibvirtPlace::readLine(std::string_view line) {

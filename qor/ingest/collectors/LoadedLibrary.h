@@ -10,7 +10,8 @@
 
 namespace QOR {
 
-/// Stays loaded. Base of a class with a member for each function.
+/// Stays loaded for as long as the process lives. Base of a class with a member for each function, of which there is
+/// one object. Thread-safe.
 class LoadedLibrary {
 protected:
     /// \param purpose what cannot be done without it \throws std::runtime_error

@@ -119,33 +119,40 @@ fs::path LxcEngine::folderOf(const std::string& name) const {
     return m_root / folder / name;
 }
 
-/// The control group of what runs in it, which is made anew each time. One whose name is taken by what is left of
-/// another run has a number behind its own.
-std::optional<LxcEngine::Group> LxcEngine::groupOf(const std::string& name) const {
-    constexpr int mostNumbers = 16;
-    const fs::path groups = m_root / "sys/fs/cgroup";
-    std::optional<Group> newest;
+/// The control groups of what runs, which are made anew each time. One whose name is taken by what is left of another
+/// run has a number behind its own.
+void LxcEngine::readGroups() {
+    constexpr std::string_view beginning = "lxc.payload.";
     for (const char* const place : {"", "unified", "freezer"}) {
-        for (int number = 0; number <= mostNumbers; ++number) {
-            const std::string own = number == 0 ? name : name + "-" + std::to_string(number);
-            if (number > 0 && std::find(m_names.begin(), m_names.end(), own) != m_names.end()) continue;
-            const fs::path group = groups / place / ("lxc.payload." + own);
-            struct stat status {};
-            if (::stat(group.c_str(), &status) != 0) continue;
-            const bool isFrozen = contentOf(group / "freezer.state").starts_with("FROZEN") ||
-                                  contentOf(group / "cgroup.events").find("frozen 1") != std::string::npos;
-            if (!newest || status.st_mtime > newest->began) {
-                newest = {std::to_string(status.st_ino), status.st_mtime, isFrozen};
-            } else if (status.st_mtime == newest->began) {  // the same one, told by another hierarchy
-                newest->isFrozen = newest->isFrozen || isFrozen;
-            }
+        std::error_code error;
+        for (fs::directory_iterator entry(m_root / "sys/fs/cgroup" / place, error), end; !error && entry != end;
+             entry.increment(error)) {
+            const std::string name = entry->path().filename().string();
+            if (name.starts_with(beginning)) readGroup(entry->path(), name.substr(beginning.size()));
         }
     }
-    return newest;
+}
+
+void LxcEngine::readGroup(const fs::path& group, std::string name) {
+    const std::size_t hyphen = name.rfind('-');
+    const bool isNumbered = hyphen != std::string::npos && parseInt32(name.substr(hyphen + 1)).value_or(0) > 0;
+    if (isNumbered && std::find(m_names.begin(), m_names.end(), name) == m_names.end()) name.resize(hyphen);
+    struct stat status {};
+    if (::stat(group.c_str(), &status) != 0) return;
+    const bool isFrozen = contentOf(group / "freezer.state").starts_with("FROZEN") ||
+                          contentOf(group / "cgroup.events").find("frozen 1") != std::string::npos;
+    const auto [known, isNew] = m_groups.try_emplace(std::move(name));
+    Group& newest = known->second;
+    if (isNew || status.st_mtime > newest.began) {
+        newest = {std::to_string(status.st_ino), status.st_mtime, isFrozen};
+    } else if (status.st_mtime == newest.began) {  // the same one, told by another hierarchy
+        newest.isFrozen = newest.isFrozen || isFrozen;
+    }
 }
 
 std::vector<ListedContainer> LxcEngine::containers(std::uint64_t&) {
     const auto listening = listeners(m_root);
+    readGroups();
     std::vector<ListedContainer> containers;
     for (const std::string& name : m_names) {
         ListedContainer container;
@@ -154,9 +161,10 @@ std::vector<ListedContainer> LxcEngine::containers(std::uint64_t&) {
         container.state = "stopped";
         const auto socket = listening.find(commandSocket(name));
         if (socket != listening.end()) {
-            const std::optional<Group> group = groupOf(name);
-            container.state = group && group->isFrozen ? "paused" : "running";
-            container.run = socket->second + ":" + (group ? group->id : std::string());
+            const auto group = m_groups.find(name);
+            const bool isKnown = group != m_groups.end();
+            container.state = isKnown && group->second.isFrozen ? "paused" : "running";
+            container.run = socket->second + ":" + (isKnown ? group->second.id : std::string());
         }
         containers.push_back(std::move(container));
     }
@@ -166,9 +174,8 @@ std::vector<ListedContainer> LxcEngine::containers(std::uint64_t&) {
 std::optional<ContainerDetails> LxcEngine::details(const ListedContainer& container) {
     ContainerDetails details;
     readConfig(contentOf(folderOf(container.id) / "config"), details);
-    if (container.state != "stopped") {
-        if (const std::optional<Group> group = groupOf(container.id)) details.started = group->began;
-    }
+    const auto group = m_groups.find(container.id);
+    if (container.state != "stopped" && group != m_groups.end()) details.started = group->second.began;
     return details;
 }
 

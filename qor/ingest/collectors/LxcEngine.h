@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,14 +30,16 @@ private:
     LxcEngine(std::filesystem::path root, std::vector<std::string> names);
     struct Group {
         std::string id;
-        std::optional<std::int64_t> began;  ///< seconds since the epoch
+        std::int64_t began = 0;  ///< seconds since the epoch
         bool isFrozen = false;
     };
-    std::optional<Group> groupOf(const std::string& name) const;
+    void readGroups();
+    void readGroup(const std::filesystem::path& group, std::string name);
     std::filesystem::path folderOf(const std::string& name) const;
 
     const std::filesystem::path m_root;
     const std::vector<std::string> m_names;
+    std::map<std::string, Group, std::less<>> m_groups;  ///< by the names of containers
 };
 
 }  // namespace QOR
