@@ -35,8 +35,9 @@ QORGUIDBase ForwardPosition::stream() {
     return stream;
 }
 
-void ForwardPosition::store(const QORChangePosition& position, const std::vector<std::string>& gone,
-                            const std::vector<ForwardRefused>& refused) const {
+std::uint64_t ForwardPosition::store(const QORChangePosition& position, const std::vector<std::string>& gone,
+                                     const std::vector<ForwardRefused>& refused) const {
+    std::uint64_t forgotten = 0;
     QORRdbms::instance().write([&](ASSession& session) {
         for (const std::string& server : gone)
             forget(session, server);
@@ -50,8 +51,9 @@ void ForwardPosition::store(const QORChangePosition& position, const std::vector
                 .bind(3, number)
                 .execute(ASTriggers::Skip);
         }
-        note(session, refused);
+        forgotten = note(session, refused);
     });
+    return forgotten;
 }
 
 void ForwardPosition::forget(ASSession& session, const std::string& server) const {
@@ -63,8 +65,8 @@ void ForwardPosition::forget(ASSession& session, const std::string& server) cons
     }
 }
 
-void ForwardPosition::note(ASSession& session, const std::vector<ForwardRefused>& refused) const {
-    if (refused.empty()) return;
+std::uint64_t ForwardPosition::note(ASSession& session, const std::vector<ForwardRefused>& refused) const {
+    if (refused.empty()) return 0;
     for (const ForwardRefused& one : refused) {
         session
             .prepare(
@@ -86,6 +88,7 @@ void ForwardPosition::note(ASSession& session, const std::vector<ForwardRefused>
         .bind(2, std::string_view(m_target))
         .bind(3, static_cast<std::int64_t>(mostRefused))
         .execute(ASTriggers::Skip);
+    return static_cast<std::uint64_t>(session.changes());
 }
 
 std::uint64_t ForwardPosition::countRefused() const {
@@ -114,7 +117,9 @@ std::vector<ForwardRefused> ForwardPosition::refused(std::size_t most) const {
     return refused;
 }
 
-void ForwardPosition::settle(const std::vector<ForwardRefused>& sent, const std::vector<ForwardRefused>& again) const {
+std::uint64_t ForwardPosition::settle(const std::vector<ForwardRefused>& sent,
+                                      const std::vector<ForwardRefused>& again) const {
+    std::uint64_t forgotten = 0;
     QORRdbms::instance().write([&](ASSession& session) {
         for (const ForwardRefused& one : sent) {
             session.prepare("DELETE FROM qor_forward_refused WHERE target = ? AND server = ? AND kind = ? AND id = ?")
@@ -124,8 +129,9 @@ void ForwardPosition::settle(const std::vector<ForwardRefused>& sent, const std:
                 .bind(4, std::string_view(one.record.id))
                 .execute(ASTriggers::Skip);
         }
-        note(session, again);
+        forgotten = note(session, again);
     });
+    return forgotten;
 }
 
 }  // namespace QOR

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,18 +34,19 @@ public:
     static QORGUIDBase stream();
     /// Everything up to there has been taken, but for what was refused. \param gone servers that are none of the
     /// database's any more: nothing is known of them from here on
-    void store(const QORChangePosition& position, const std::vector<std::string>& gone,
-               const std::vector<ForwardRefused>& refused) const;
+    /// \returns how many refused records were forgotten
+    std::uint64_t store(const QORChangePosition& position, const std::vector<std::string>& gone,
+                        const std::vector<ForwardRefused>& refused) const;
 
     std::uint64_t countRefused() const;
     /// Those that were refused first.
     std::vector<ForwardRefused> refused(std::size_t most) const;
-    /// They have been sent again: `again` those that are still refused.
-    void settle(const std::vector<ForwardRefused>& sent, const std::vector<ForwardRefused>& again) const;
+    /// They have been sent again: `again` those that are still refused. \returns how many were forgotten
+    std::uint64_t settle(const std::vector<ForwardRefused>& sent, const std::vector<ForwardRefused>& again) const;
 
 private:
     void forget(ASSession& session, const std::string& server) const;
-    void note(ASSession& session, const std::vector<ForwardRefused>& refused) const;
+    std::uint64_t note(ASSession& session, const std::vector<ForwardRefused>& refused) const;
 
     const std::string m_target;
 };

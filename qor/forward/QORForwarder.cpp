@@ -270,6 +270,13 @@ private:
                        refused.size() - mostNamed);
     }
 
+    void noteForgotten(std::uint64_t number) const {
+        if (number == 0) return;
+        logMessage(1, "QORForward", QOR_SOURCE_PATH, "store",
+                   "%llu records that %s does not take are not offered to it again: more than %zu are refused",
+                   static_cast<unsigned long long>(number), m_target.c_str(), ForwardPosition::mostRefused);
+    }
+
     /// Nothing of the request was stored because of one record. \returns how many are done with
     static std::size_t pass(std::span<const ForwardLine> some, const ForwardOutcome& outcome,
                             std::vector<ForwardRefused>& refused, std::size_t& window) {
@@ -296,15 +303,18 @@ private:
 
     void store(const Batch& batch, const std::vector<ForwardRefused>& refused) {
         const std::vector<std::string> gone = goneBy(batch.position);
-        m_stored.store(batch.position, gone, refused);
-        const std::uint64_t left = gone.empty() ? 0 : m_stored.countRefused();
+        const std::uint64_t forgotten = m_stored.store(batch.position, gone, refused);
+        noteForgotten(forgotten);
+        std::optional<std::uint64_t> left;
+        if (!gone.empty() || !refused.empty()) left = m_stored.countRefused();
         if (batch.missing > 0 || batch.reset) noteMissing(batch);  // once: until here it may be read again
         const std::lock_guard lock(m_mutex);
         for (const std::string& server : gone)
             forget(server);
         m_position = batch.position;
         m_state.taken += batch.lines.size() - refused.size();
-        m_state.refused = gone.empty() ? m_state.refused + refused.size() : left;
+        m_state.refused = left.value_or(m_state.refused);
+        m_state.forgotten += forgotten;
     }
 
     /// Servers of which it is known how far they were sent, and which the later position does not have any more.
@@ -341,10 +351,12 @@ private:
             records.push_back(one.record);
         const std::vector<ForwardLine> lines = readForwardLines(records, m_stream);
         const std::vector<ForwardRefused> again = send(lines, stop);
-        m_stored.settle(offered, again);
+        const std::uint64_t forgotten = m_stored.settle(offered, again);
+        noteForgotten(forgotten);
         const std::uint64_t left = m_stored.countRefused();
         const std::lock_guard lock(m_mutex);
         m_state.refused = left;
+        m_state.forgotten += forgotten;
         m_state.taken += lines.size() - again.size();
         return true;
     }

@@ -29,9 +29,11 @@ struct QORForwardState {
     /// Databases that could not be asked how many they are when that was looked at last, by the names of their servers,
     /// "" for the process's own: of these it is what was known before.
     std::vector<std::string> away{};
-    std::int64_t seconds = 0;    ///< since everything had been; 0 while everything has been
-    std::uint64_t taken = 0;     ///< records, since the start
-    std::uint64_t refused = 0;   ///< records that the other agent does not want, as long as they are remembered
+    std::int64_t seconds = 0;   ///< since everything had been; 0 while everything has been
+    std::uint64_t taken = 0;    ///< records, since the start
+    std::uint64_t refused = 0;  ///< records that the other agent does not want, as long as they are remembered
+    /// Of those, since the start, how many are not remembered any more, and so not offered again: there were too many.
+    std::uint64_t forgotten = 0;
     std::uint64_t missing = 0;   ///< changes that were removed here before they could be sent, since the start
     std::uint64_t failures = 0;  ///< attempts that have failed, since the start
     std::optional<std::int64_t> lastSuccess{};  ///< seconds since the epoch; nothing since the start

@@ -139,6 +139,7 @@ void RecordRights::check(ASSession& home, std::span<const QORRecord> records, st
     for (const auto& [id, eids] : owners.records)
         asked.insert(eids.begin(), eids.end());
     learnParents(home, std::move(asked));
+    learnWriters(home, records);
     for (std::size_t at = 0; at < records.size(); ++at) {
         const std::string objection = objectionTo(records[at], owners);
         if (objection.empty()) continue;
@@ -163,6 +164,20 @@ void RecordRights::learnParents(ASSession& home, std::set<QOREID> wanted) {
             wanted.insert(parent);
         });
     }
+}
+
+void RecordRights::learnWriters(ASSession& home, std::span<const QORRecord> records) {
+    JsonList eids;
+    for (const QORRecord& record : records) {
+        const auto* environment = std::get_if<QOREnvironmentRecord>(&record);
+        if (environment != nullptr && !m_parents[environment->eid]) eids.add(environment->eid.toString());
+    }
+    forRows(
+        home,
+        "SELECT name, eid FROM qor_identity_environment WHERE writes <> 0 AND eid IN " + listOf(home.engine(), true),
+        eids, [this](const ASStatement& row) {
+            if (row.text(1) != m_scope.name) m_othersOwn.insert(eidIn(row, 2));
+        });
 }
 
 bool RecordRights::isBelow(const QOREID& eid) const {
@@ -221,6 +236,7 @@ std::string RecordRights::objectionToNew(const QOREnvironmentRecord& record, con
     const bool listed = isRoot || m_scope.single.contains(record.eid);
     if (record.parentEid.isValid() ? !isBelow(record.parentEid) : !listed)
         return "is new, and what the sender may add is below the environments that are the sender's with all below";
+    if (m_othersOwn.contains(record.eid) && !listed) return "is new, and others are to write about it";
     const auto found = owners.ties.find(record.eid);
     if (found == owners.ties.end()) return {};
     if (found->second.children && !isRoot) return "is new, and others are below it already";

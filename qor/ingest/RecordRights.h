@@ -43,7 +43,9 @@ struct StoredOwners {
 /// A record is judged by the environment that it belongs to, those that it touches, and those of the record that it
 /// replaces. An environment may be replaced where it may be written about. Its parent may change, or a new one
 /// be told, where all that would come along, and where it goes from and to, is below what may be written about with all
-/// below it: otherwise moving it would give rights to others, or take them. One thread at a time.
+/// below it: otherwise moving it would give rights to others, or take them. One that another identity is to write about
+/// is added by nobody else, for the same reason: it would be below the sender's before its own first word. One thread
+/// at a time.
 class RecordRights {
 public:
     explicit RecordRights(const QORWriteScope& scope) : m_scope(scope) {}
@@ -56,6 +58,7 @@ public:
 
 private:
     void learnParents(ASSession& home, std::set<QOREID> wanted);
+    void learnWriters(ASSession& home, std::span<const QORRecord> records);
     bool isBelow(const QOREID& eid) const;
     bool isWritable(const QOREID& eid) const { return m_scope.single.contains(eid) || isBelow(eid); }
     std::string objectionTo(const QORRecord& record, const StoredOwners& owners);
@@ -66,6 +69,7 @@ private:
     QORWriteScope m_scope;
     /// Nothing for an environment that there is not, an invalid one for none.
     std::map<QOREID, std::optional<QOREID>> m_parents;
+    std::set<QOREID> m_othersOwn;  ///< of those that are new: what other identities may write about
 };
 
 }  // namespace QOR

@@ -144,6 +144,25 @@ TEST_F(AgentWritersTest, EnvironmentsOfOthersAreNeitherReplacedNorTakenOver) {
     expectRefused(environment(fresh, own), "others are below it already");
 }
 
+// Whoever came first would see and replace everything that the other one tells from then on.
+TEST_F(AgentWritersTest, AnEnvironmentThatAnotherIsToWriteAboutIsNotTakenBeforeItsFirstRecord) {
+    ctl({"identity", "add", "other", "--kind", "token", "--below", fresh, "--write"});
+    ctl({"identity", "add", "looker", "--kind", "token", "--below", seen, "--below", lowest});
+    expectRefused(environment(fresh, own), "others are to write about it");
+    expectRefused(environment(fresh, below) + eventOf(fresh), "others are to write about it");
+    EXPECT_EQ(send(environment(fresh) + eventOf(fresh), {}, newToken("other")).status, 200);
+    expectRefused(environment(fresh, own), "is not among the sender's");
+    // Who only looks at an environment keeps nobody from telling of it, and who writes about it himself may begin.
+    constexpr const char* shared = "99999999-0000-4000-8000-000000000000";
+    constexpr const char* looked = "aaaaaaaa-0000-4000-8000-000000000000";
+    ctl({"identity", "add", "guest", "--kind", "token", "-e", shared, "--write"});
+    ctl({"identity", "add", "onlooker", "--kind", "token", "-e", looked});
+    ctl({"identity", "add", "host", "--kind", "token", "--below", own, "-e", shared, "--write"});
+    EXPECT_EQ(send(environment(shared, own) + environment(looked, own), {}, newToken("host")).status, 200);
+    const HttpAnswer guest = send(eventOf(shared), {}, newToken("guest"));
+    EXPECT_EQ(guest.status, 200) << guest.body;
+}
+
 TEST_F(AgentWritersTest, EnvironmentsAreMovedWithinOnesOwnAlone) {
     expectRefused(environment(below, foreign), "may not be moved below " + std::string(foreign));
     expectRefused(environment(below), "may not be moved from there");

@@ -307,7 +307,8 @@ TEST_F(ForwardTest, StatusAndNumbersTellHowFarBehindItIs) {
     EXPECT_THAT(ctl(host, {"status", "-o", "csv"}), AllOf(HasSubstr("records behind,2"), HasSubstr("last error,")));
     const std::string numbers = HttpClient(host.socketPath()).get("/metrics").body;
     EXPECT_THAT(numbers, AllOf(HasSubstr("\nqor_forward_behind 2\n"), HasSubstr("\nqor_forward_taken_total 1\n"),
-                               HasSubstr("\nqor_forward_refused 0\n"), HasSubstr("\nqor_forward_missing_total 0\n")));
+                               HasSubstr("\nqor_forward_refused 0\n"), HasSubstr("\nqor_forward_missing_total 0\n"),
+                               HasSubstr("\nqor_forward_forgotten_total 0\n")));
 }
 
 TEST_F(ForwardTest, AnAgentThatSendsNothingSaysNothingOfIt) {

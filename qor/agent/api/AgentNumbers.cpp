@@ -88,6 +88,8 @@ void writeForwarding(PrometheusText& text, const QORForwardState& state) {
           static_cast<std::uint64_t>(state.seconds));
     write(text, "qor_forward_taken_total", Type::Counter, "Records that it has taken.", state.taken);
     write(text, "qor_forward_refused", Type::Gauge, "Records that it does not want.", state.refused);
+    write(text, "qor_forward_forgotten_total", Type::Counter,
+          "Records that it did not want and that are not offered to it again: there were too many.", state.forgotten);
     write(text, "qor_forward_missing_total", Type::Counter, "Changes that were gone before they could be sent.",
           state.missing);
     write(text, "qor_forward_failures_total", Type::Counter, "Attempts that failed.", state.failures);
