@@ -23,9 +23,11 @@ inline void runSql(const std::string& sql) {
     tran.commit();
 }
 
-/// Rows of a select on the configured database as texts, nulls as "<null>".
+/// Rows of a select on the configured database as texts, nulls as "<null>". With servers, of all that they keep.
 inline std::vector<Row> queryRows(const std::string& sql, unsigned columns) {
-    QORRdbmsTran tran(ASAccess::ReadOne);
+    QORRdbmsTran tran(hasTestServers() ? ASAccess::Read : ASAccess::ReadOne);
+    if (hasTestServers())
+        tran->execute("SELECT set_config('search_path', 'qor_all, ' || current_setting('search_path'), true)");
     ASStatement& statement = tran->prepare(sql);
     statement.execute();
     std::vector<Row> rows;
