@@ -247,6 +247,9 @@ TEST_F(AgentTokenTest, QorctlShowsTheTokenOfAFile) {
             .finish();
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out, "source\r\nof 1\r\n");
+    EXPECT_THAT(result.err, Not(HasSubstr("stand for no environment")));
+    const std::string shown = "Authorization: Bearer " + token + "\r\n";
+    EXPECT_THAT(connect().request("GET", "/v1/health", {}, shown).body, HasSubstr(R"("access":"environments")"));
 }
 
 TEST_F(AgentTokenTest, WhatCannotBeIsRefusedWithTheReason) {

@@ -61,12 +61,19 @@ std::optional<HttpReply> refusal(const AgentRouteMatch& match, const HttpRequest
     return refusalOfTypes(*match.route, request);
 }
 
+/// \param requester null for who needs to be nobody
+std::string_view accessOf(const AgentRequester* requester) {
+    if (requester == nullptr) return "none";
+    if (requester->fullAccess) return "full";
+    return requester->identity && !requester->identity->environments.empty() ? "environments" : "none";
+}
+
 /// What is answered without a worker.
 HttpReply answerNow(const AgentApplication& application, const AgentRoute& route, const HttpRequest& request,
-                    bool fullAccess) {
+                    const AgentRequester* requester) {
     try {
         AgentParameters::ofQuery(request.query, route.parameters);
-        return route.now(application, fullAccess);
+        return route.now(application, accessOf(requester));
     } catch (const AgentProblemException& exception) {
         return problemReply(exception.problem());
     }
@@ -146,7 +153,6 @@ HttpPlan AgentApplication::planned(const HttpRequest& head, const HttpPeer& peer
     const AgentRouteMatch match = findRoute(head.path, head.method);
     if (match.route != nullptr) trace.route = match.route->path;
     HttpPlan plan;
-    bool fullAccess = false;
     if (match.route == nullptr || match.route->reach != AgentReach::Everybody) {
         AgentAccess::Decision decision = m_access.decide(head, peer);
         if (!decision.requester) {
@@ -155,15 +161,15 @@ HttpPlan AgentApplication::planned(const HttpRequest& head, const HttpPeer& peer
             logReply(head, *plan.reply);
             return plan;
         }
-        fullAccess = decision.requester->fullAccess;
         trace.who = decision.requester->name;
         trace.as = decision.requester->as;
         if (!trace.who.empty() && (peer.overTcp || !decision.requester->digest.empty()))
             plan.account = "identity:" + trace.who;
         plan.requester = std::move(decision.requester);
     }
-    plan.reply = refusal(match, head, static_cast<const AgentRequester*>(plan.requester.get()));
-    if (!plan.reply && match.route->answer == nullptr) plan.reply = answerNow(*this, *match.route, head, fullAccess);
+    const auto* const requester = static_cast<const AgentRequester*>(plan.requester.get());
+    plan.reply = refusal(match, head, requester);
+    if (!plan.reply && match.route->answer == nullptr) plan.reply = answerNow(*this, *match.route, head, requester);
     if (plan.reply) {
         logReply(head, *plan.reply);
     } else {

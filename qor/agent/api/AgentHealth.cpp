@@ -52,24 +52,24 @@ void writeTexts(JsonWriter& json, std::string_view key, const Items& items, Text
 
 }  // namespace
 
-HttpReply liveNow(const AgentApplication&, bool) {
+HttpReply liveNow(const AgentApplication&, std::string_view) {
     return {200, R"({"status":"live"})"};
 }
 
-HttpReply readyNow(const AgentApplication& application, bool) {
+HttpReply readyNow(const AgentApplication& application, std::string_view) {
     const std::string_view condition = conditionOf(application.host());
     if (condition == "ok") return {200, R"({"status":"ok"})"};
     return problemReply({.status = 503, .detail = "the agent is " + std::string(condition), .code = condition});
 }
 
-HttpReply healthNow(const AgentApplication& application, bool fullAccess) {
+HttpReply healthNow(const AgentApplication& application, std::string_view access) {
     const QORHost& host = application.host();
     return {200, writtenObject([&](JsonWriter& json) {
                 writeMember(json, "status", conditionOf(host));
                 writeMember(json, "version", QOR_VERSION);
                 writeKey(json, "uptime");
                 json.Int64(std::chrono::duration_cast<std::chrono::seconds>(application.uptime()).count());
-                writeMember(json, "access", fullAccess ? "full" : "none");
+                writeMember(json, "access", access);
                 writeKey(json, "connections");
                 json.Uint64(application.connections());
                 writeTexts(json, "operators", QOROpFactoryRegistry::instance().names(),
@@ -85,7 +85,7 @@ HttpReply healthNow(const AgentApplication& application, bool fullAccess) {
             })};
 }
 
-HttpReply metricsNow(const AgentApplication& application, bool) {
+HttpReply metricsNow(const AgentApplication& application, std::string_view) {
     PrometheusText text;
     application.writeMetrics(text);
     text.family("qor_faults", PrometheusText::Type::Gauge, "What fails now, and how often it was met, by its name.");

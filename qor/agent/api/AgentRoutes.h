@@ -35,7 +35,7 @@ struct AgentRoute {
     /// checked.
     HttpReply (*answer)(AgentCall& call) = nullptr;
     /// In place of it: known at once, on the server's thread.
-    HttpReply (*now)(const AgentApplication& application, bool fullAccess) = nullptr;
+    HttpReply (*now)(const AgentApplication& application, std::string_view access) = nullptr;
     std::span<const AgentParameter> parameters{};
     std::span<const std::string_view> types{};  ///< of its answers, the first where the client does not say
     /// How a client asks for another of the types than Accept says: with the parameter `format`.
