@@ -240,10 +240,7 @@ int serve(AgentSettings settings, SettingsSources sources) {
     checkAddresses(serving);
     QORHost host(hostOptions(settings));
     std::optional<QORForwarder> forwarder;
-    if (forwardingTo) {
-        forwarder.emplace(*forwardingTo);
-        setPruneHold(QORPruneHold{[&forwarder] { return forwarder->position(); }, settings.forwardKeep});
-    }
+    if (forwardingTo) forwarder.emplace(*forwardingTo);
     QORRetention retention(settings.keep);
     settings.memory.unpackedBody = serving.bodyLimit;
     SettingsState state;

@@ -690,6 +690,7 @@ private:
         app->add_flag("--operations", m_prune.operations, "of the operation log");
         app->add_flag("--events", m_prune.events, "of the event log");
         app->add_flag("--backups", m_prune.backups, "of the backups; without any of the three, all");
+        app->add_flag("--unsent", m_prune.unsent, "also what waits for being sent to another agent (--forward)");
         app->add_flag("--compact", m_prune.compact,
                       "write the file anew without what is free in it; writers wait meanwhile");
         app->add_flag("--progress", m_prune.progress, "show progress even where standard error is no terminal");

@@ -1,5 +1,7 @@
 #include "forward/ForwardPosition.h"
 
+#include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "QORCommon/QORTime.h"
@@ -17,6 +19,29 @@ QORChangePosition ForwardPosition::read() const {
         position[std::string(select.text(1))] = select.integer(2);
     select.close();
     return position;
+}
+
+void ForwardPosition::note(std::uint64_t keep, std::optional<std::int64_t> behind) const {
+    QORRdbms::instance().write([&](ASSession& session) {
+        ASStatement& insert = session.prepare(
+            "INSERT INTO qor_forward_target (target, keep, seen, behind) VALUES (?, ?, ?, ?) "
+            "ON CONFLICT (target) DO UPDATE SET keep = excluded.keep, seen = excluded.seen, behind = excluded.behind");
+        insert.bind(1, std::string_view(m_target))
+            .bind(2, static_cast<std::int64_t>(std::min<std::uint64_t>(keep, std::numeric_limits<std::int64_t>::max())))
+            .bind(3, currentTime());
+        behind ? insert.bind(4, *behind) : insert.bindNull(4);
+        insert.execute(ASTriggers::Skip);
+    });
+}
+
+std::optional<std::int64_t> ForwardPosition::behind() const {
+    QORRdbmsTran tran(ASAccess::ReadOne);
+    ASStatement& select = tran->prepare("SELECT behind FROM qor_forward_target WHERE target = ?");
+    select.bind(1, std::string_view(m_target)).execute();
+    std::optional<std::int64_t> behind;
+    if (select.fetch() && !select.isNull(1)) behind = select.integer(1);
+    select.close();
+    return behind;
 }
 
 QORGUIDBase ForwardPosition::stream() {

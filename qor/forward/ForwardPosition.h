@@ -30,6 +30,11 @@ public:
     explicit ForwardPosition(std::string target) : m_target(std::move(target)) {}
 
     QORChangePosition read() const;
+    /// An agent sends there: what it has not sent yet is waited for, see waitingForSenders. \param keep bytes that the
+    /// database may use meanwhile \param behind since when something waits, in seconds since the epoch
+    void note(std::uint64_t keep, std::optional<std::int64_t> behind) const;
+    /// As it was noted last.
+    std::optional<std::int64_t> behind() const;
     /// What events get their identifiers from: made once for a database, and kept by its copies.
     static QORGUIDBase stream();
     /// Everything up to there has been taken, but for what was refused. \param gone servers that are none of the

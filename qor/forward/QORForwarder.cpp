@@ -88,6 +88,9 @@ public:
         m_stream = ForwardPosition::stream();
         m_state.target = m_target;
         m_state.refused = m_stored.countRefused();
+        m_behind = m_stored.behind();
+        if (m_behind) m_level -= std::chrono::seconds(std::max<std::int64_t>(currentTime() - *m_behind, 0));
+        m_stored.note(m_options.keep, m_behind);
     }
 
     void start(QORChangeWatch& changes) {
@@ -155,6 +158,7 @@ private:
     /// \returns whether there may be more to send at once
     bool step(const std::stop_token& stop) {
         look();
+        noteTarget();
         const Batch batch = read();
         if (!batch.lines.empty()) {
             const std::vector<ForwardRefused> refused = send(batch.lines, stop);
@@ -167,6 +171,18 @@ private:
         if (!isTimeToOffer()) return false;
         m_offered = Clock::now();
         return offerAgain(stop);
+    }
+
+    /// That this agent sends there, and since when something waits where that is for longer than moments.
+    void noteTarget() {
+        constexpr std::int64_t moments = 60;
+        const std::int64_t seconds = state().seconds;
+        std::optional<std::int64_t> behind;
+        if (seconds >= moments) behind = m_behind ? *m_behind : currentTime() - seconds;
+        if (behind == m_behind && Clock::now() - m_noted < betweenOffers / 2) return;
+        m_stored.note(m_options.keep, behind);
+        m_behind = behind;
+        m_noted = Clock::now();
     }
 
     Batch read() const {
@@ -405,6 +421,8 @@ private:
     ForwardPause m_pause;
     QORGUIDBase m_stream;
     std::uint64_t m_retryAfter = 0;
+    std::optional<std::int64_t> m_behind;  ///< as it was noted last
+    Clock::time_point m_noted = Clock::now();
     std::optional<Clock::time_point> m_offered;  ///< when what was refused was sent again; nothing: not yet
 
     mutable std::mutex m_mutex;
@@ -436,10 +454,6 @@ QORForwardState QORForwarder::state() const {
 
 void QORForwarder::look() {
     m_run->look();
-}
-
-QORChangePosition QORForwarder::position() const {
-    return m_run->position();
 }
 
 }  // namespace QOR

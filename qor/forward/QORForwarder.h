@@ -20,6 +20,8 @@ struct QORForwardOptions {
     QORForwardTarget target{};
     /// The longest pause between two attempts that nobody has asked for.
     std::chrono::milliseconds longestPause = std::chrono::seconds(60);
+    /// Bytes that the database may use before records go that were not sent.
+    std::uint64_t keep = std::uint64_t{1} << 30;
 };
 
 /// How it goes.
@@ -66,8 +68,6 @@ public:
     QORForwardState state() const;
     /// Finds out how far behind it is now. Any thread. \throws nothing for databases that are away
     void look();
-    /// Up to here everything has been taken, durably.
-    QORChangePosition position() const;
 
 private:
     class Run;

@@ -6,6 +6,8 @@
 #include <exception>
 #include <functional>
 #include <iterator>
+#include <limits>
+#include <map>
 #include <mutex>
 #include <utility>
 
@@ -39,11 +41,6 @@ std::vector<std::string> texts(ASSession& session, std::string_view sql) {
         found.emplace_back(select.text(1));
     select.close();
     return found;
-}
-
-std::optional<QORPruneHold>& pruneHold() {
-    static std::optional<QORPruneHold> hold;
-    return hold;
 }
 
 /// A database that is looked after: the process's own, or that of a server that keeps records of it.
@@ -404,19 +401,60 @@ std::uint64_t removeAndCount(ASSession& session, const std::string& table, std::
     return sequences.size();
 }
 
-std::int64_t sentUpTo(const Place& place) {
-    const QORChangePosition sent = pruneHold()->sent();
-    const auto at = sent.find(place.server() ? place.server()->name : std::string());
-    return at == sent.end() ? 0 : at->second;
-}
+/// What is to be sent elsewhere before it may go.
+class Unsent {
+public:
+    /// Nothing is.
+    Unsent() = default;
+    /// As home tells it now, whoever it is that sends.
+    static Unsent read() {
+        return Place().reading([](ASSession& home) {
+            Unsent unsent;
+            ASStatement& targets = home.prepare("SELECT target, keep FROM qor_forward_target WHERE seen > ?");
+            targets.bind(1, currentTime() - std::chrono::seconds(waitingForSenders).count()).execute();
+            while (targets.fetch()) {
+                unsent.m_sent.try_emplace(std::string(targets.text(1)));
+                unsent.m_mostBytes = std::max(unsent.m_mostBytes, static_cast<std::uint64_t>(targets.integer(2)));
+            }
+            targets.close();
+            ASStatement& positions = home.prepare("SELECT target, server, n FROM qor_forward_position");
+            positions.execute();
+            while (positions.fetch()) {
+                const auto target = unsent.m_sent.find(positions.text(1));
+                if (target != unsent.m_sent.end())
+                    target->second.emplace(std::string(positions.text(2)), positions.integer(3));
+            }
+            positions.close();
+            return unsent;
+        });
+    }
+
+    bool empty() const noexcept { return m_sent.empty(); }
+    /// Of the largest of what senders were told.
+    std::uint64_t mostBytes() const noexcept { return m_mostBytes; }
+    /// Up to which change of the place everything has been sent everywhere.
+    std::int64_t sentUpTo(const Place& place) const {
+        const std::string server = place.server() ? place.server()->name : std::string();
+        std::int64_t least = std::numeric_limits<std::int64_t>::max();
+        for (const auto& [target, position] : m_sent) {
+            const auto at = position.find(server);
+            least = std::min(least, at == position.end() ? 0 : at->second);
+        }
+        return least;
+    }
+
+private:
+    std::map<std::string, QORChangePosition, std::less<>> m_sent;  ///< by target
+    std::uint64_t m_mostBytes = 0;
+};
 
 /// Leaves out the records that have not been sent, and those of the same log that came behind the first of them: one
 /// look at the sequence, whatever it is that waits.
-std::string sentOnly(const Place& place, const std::string& table) {
+std::string sentOnly(const Place& place, const std::string& table, const Unsent& unsent) {
     const QORChangeKind kind = table == "qor_operation" ? QORChangeKind::Operation
                                : table == "qor_event"   ? QORChangeKind::Event
                                                         : QORChangeKind::Backup;
-    const std::string sent = std::to_string(sentUpTo(place));
+    const std::string sent = std::to_string(unsent.sentUpTo(place));
     return " AND seq < coalesce((SELECT min(CASE WHEN n <= " + sent + " THEN first + (" + sent +
            " + 1 - n) ELSE first END) FROM qor_record_change WHERE kind = " +
            std::to_string(static_cast<std::int64_t>(kind)) + " AND n + (last - first) > " + sent +
@@ -437,53 +475,66 @@ std::uint64_t removeOldestWhere(const Place& place, const std::string& table, st
 std::uint64_t usageOfAll();
 
 /// One transaction. \returns how many records it removed
-std::uint64_t removeOldest(const Place& place, const std::string& table, std::int64_t before,
+std::uint64_t removeOldest(const Place& place, const std::string& table, std::int64_t before, const Unsent& unsent,
                            std::int64_t most = recordsOfTransaction) {
-    if (!pruneHold()) return removeOldestWhere(place, table, before, most, {});
-    const std::uint64_t sent = removeOldestWhere(place, table, before, most, sentOnly(place, table));
+    if (unsent.empty()) return removeOldestWhere(place, table, before, most, {});
+    const std::uint64_t sent = removeOldestWhere(place, table, before, most, sentOnly(place, table, unsent));
     if (sent > 0) return sent;
     const std::uint64_t used = usageOfAll();
-    if (used <= pruneHold()->mostBytes) return 0;
+    if (used <= unsent.mostBytes()) return 0;
     const std::uint64_t removed = removeOldestWhere(place, table, before, most, {});
     if (removed > 0)
         logMessage(1, "QORHost", QOR_SOURCE_PATH, __func__,
                    "%llu records of %s are removed that were not sent on: the database uses %llu bytes, more than "
                    "%llu (--forward-keep)",
                    static_cast<unsigned long long>(removed), table.c_str(), static_cast<unsigned long long>(used),
-                   static_cast<unsigned long long>(pruneHold()->mostBytes));
+                   static_cast<unsigned long long>(unsent.mostBytes()));
     return removed;
 }
 
-QORPruneStep pruneTable(const Place& place, const std::string& table, std::int64_t before) {
+std::uint64_t countOlder(const Place& place, const std::string& table, std::int64_t before) {
+    return place.reading([&](ASSession& session) {
+        ASStatement& select = session.prepare("SELECT count(*) FROM " + table + " WHERE time < ?");
+        select.bind(1, std::string_view(time2dbstr(before))).execute();
+        const std::uint64_t count = select.fetch() ? static_cast<std::uint64_t>(select.integer(1)) : 0;
+        select.close();
+        return count;
+    });
+}
+
+QORPruneStep pruneTable(const Place& place, const std::string& table, std::int64_t before, const Unsent& unsent) {
     QORPruneStep step;
     step.more = true;
     for (unsigned i = 0; i < transactionsOfStep && step.more; ++i) {
-        const std::uint64_t removed = removeOldest(place, table, before);
+        const std::uint64_t removed = removeOldest(place, table, before, unsent);
         step.done += removed;
         step.more = removed == static_cast<std::uint64_t>(recordsOfTransaction);
     }
+    if (!step.more && !unsent.empty()) step.waiting = countOlder(place, table, before);
     return step;
 }
 
 /// What tells of records that are no more is of no use to anybody. Of a sequence with more changes to send than it
 /// keeps entries, none goes.
-void trimSequence(const Place& place) {
+void trimSequence(const Place& place, const Unsent& unsent) {
     constexpr std::int64_t mostToSend = 1'000'000;
-    if (pruneHold() && place.reading(lastRecordChange) - sentUpTo(place) >= mostToSend) return;
+    if (!unsent.empty() && place.reading(lastRecordChange) - unsent.sentUpTo(place) >= mostToSend) return;
     place.writing(trimRecordChanges);
 }
 
 /// One after the other. A server that cannot be reached keeps no other from being done; it is told of when nothing else
 /// is left to do.
-QORPruneStep pruneEverywhere(const std::string& table, std::int64_t before) {
+QORPruneStep pruneEverywhere(const std::string& table, std::int64_t before, bool alsoUnsent) {
     QORPruneStep all;
     std::exception_ptr failure;
+    const Unsent unsent = alsoUnsent ? Unsent() : Unsent::read();
     for (const Place& place : withRecords()) {
         try {
-            const QORPruneStep step = pruneTable(place, table, before);
+            const QORPruneStep step = pruneTable(place, table, before, unsent);
             all.done += step.done;
+            all.waiting += step.waiting;
             all.more = step.more;
-            if (!step.more) trimSequence(place);
+            if (!step.more) trimSequence(place, unsent);
         } catch (const AException&) {
             if (!failure) failure = std::current_exception();
         }
@@ -511,8 +562,8 @@ QORPruneStep giveSpaceBack() {
         if (before == 0) return;
         session.execute("PRAGMA incremental_vacuum(" + std::to_string(pagesOfStep) + ")");
         const std::int64_t after = readNumber(session, freePages);
-        step = {static_cast<std::uint64_t>((before - after) * readNumber(session, pageSize)),
-                after > 0 && after < before};
+        step.done = static_cast<std::uint64_t>((before - after) * readNumber(session, pageSize));
+        step.more = after > 0 && after < before;
     });
     return step;
 }
@@ -533,7 +584,7 @@ QORPruneStep compact() {
     QORDBSchema::makeShrinkable(*tran);
     const std::int64_t after = readNumber(*tran, "SELECT page_count FROM pragma_page_count");
     const std::int64_t size = readNumber(*tran, pageSize);
-    return {static_cast<std::uint64_t>(std::max<std::int64_t>(before - after, 0) * size), false};
+    return {.done = static_cast<std::uint64_t>(std::max<std::int64_t>(before - after, 0) * size)};
 }
 
 constexpr const char* logs[] = {"qor_operation", "qor_event"};
@@ -552,11 +603,17 @@ void forAll(const Places& places, const std::function<void(const Place&)>& work)
     if (failure) std::rethrow_exception(failure);
 }
 
+void trimSequences() {
+    const Unsent unsent = Unsent::read();
+    forAll(withRecords(), [&](const Place& place) { trimSequence(place, unsent); });
+}
+
 void keepAge(std::int64_t seconds, const std::stop_token& stop) {
     const std::int64_t before = currentTime() - seconds;
+    const Unsent unsent = Unsent::read();
     forAll(withRecords(), [&](const Place& place) {
         for (const char* log : logs) {
-            while (!stop.stop_requested() && removeOldest(place, log, before) != 0) {
+            while (!stop.stop_requested() && removeOldest(place, log, before, unsent) != 0) {
             }
         }
     });
@@ -569,8 +626,8 @@ std::optional<std::int64_t> oldestSecond(const Place& place, const std::string& 
 
 /// Removes records of the place where the oldest is, so many at most and none that is younger than the oldest
 /// elsewhere. \returns how many; 0 when there are none
-std::uint64_t removeOldestOfAll(const Places& places, const std::string& log, std::int64_t most) {
-    if (places.size() == 1) return removeOldest(places.front(), log, lastDbSecond, most);
+std::uint64_t removeOldestOfAll(const Places& places, const std::string& log, const Unsent& unsent, std::int64_t most) {
+    if (places.size() == 1) return removeOldest(places.front(), log, lastDbSecond, unsent, most);
     std::vector<std::pair<std::int64_t, const Place*>> oldest;
     for (const Place& place : places) {
         if (const auto second = oldestSecond(place, log)) oldest.emplace_back(*second, &place);
@@ -578,11 +635,12 @@ std::uint64_t removeOldestOfAll(const Places& places, const std::string& log, st
     if (oldest.empty()) return 0;
     std::sort(oldest.begin(), oldest.end());
     const std::int64_t before = oldest.size() == 1 ? lastDbSecond : oldest[1].first + 1;
-    return removeOldest(*oldest.front().second, log, before, most);
+    return removeOldest(*oldest.front().second, log, before, unsent, most);
 }
 
 void keepRecords(std::uint64_t records, const std::stop_token& stop) {
     const Places places = withRecords();
+    const Unsent unsent = Unsent::read();
     for (const char* log : logs) {
         std::int64_t count = 0;
         for (const Place& place : places) {
@@ -591,7 +649,8 @@ void keepRecords(std::uint64_t records, const std::stop_token& stop) {
         }
         std::int64_t surplus = count - static_cast<std::int64_t>(records);
         while (surplus > 0 && !stop.stop_requested()) {
-            const std::uint64_t removed = removeOldestOfAll(places, log, std::min(surplus, recordsOfTransaction));
+            const std::uint64_t removed =
+                removeOldestOfAll(places, log, unsent, std::min(surplus, recordsOfTransaction));
             if (removed == 0) break;
             surplus -= static_cast<std::int64_t>(removed);
         }
@@ -639,10 +698,11 @@ std::string oldestLog(const Places& places) {
 
 void keepBytes(std::uint64_t bytes, const std::stop_token& stop) {
     const Places places = withRecords();
+    const Unsent unsent = Unsent::read();
     while (!stop.stop_requested()) {
         if (usageOfAll() <= bytes) return;
         const std::string log = oldestLog(places);
-        if (log.empty() || removeOldestOfAll(places, log, recordsOfTransaction) == 0) return;
+        if (log.empty() || removeOldestOfAll(places, log, unsent, recordsOfTransaction) == 0) return;
     }
 }
 
@@ -683,15 +743,11 @@ const std::vector<std::string>& pruneKinds() {
     return names;
 }
 
-void setPruneHold(QORPruneHold hold) {
-    pruneHold() = std::move(hold);
-}
-
-QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before) {
+QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before, bool unsent) {
     Place().requireOurs();
-    if (kind == "operations") return pruneEverywhere("qor_operation", before);
-    if (kind == "events") return pruneEverywhere("qor_event", before);
-    if (kind == "backups") return pruneEverywhere("qor_backup", before);
+    if (kind == "operations") return pruneEverywhere("qor_operation", before, unsent);
+    if (kind == "events") return pruneEverywhere("qor_event", before, unsent);
+    if (kind == "backups") return pruneEverywhere("qor_backup", before, unsent);
     if (kind == "compact") return compact();
     if (kind != "space")
         throw QORException(errBadRequest, quoteText(kind) + " cannot be pruned", QOR_SOURCE_PATH, __LINE__);
@@ -704,7 +760,7 @@ void pruneLogs(const QORRetentionOptions& options, const std::stop_token& stop) 
     if (options.seconds) keepAge(*options.seconds, stop);
     if (options.records) keepRecords(*options.records, stop);
     if (options.bytes) keepBytes(*options.bytes, stop);
-    forAll(withRecords(), trimSequence);
+    trimSequences();
     bool gave = false;
     while (!stop.stop_requested()) {
         const QORPruneStep step = giveSpaceBack();
@@ -755,7 +811,7 @@ private:
 
     static void work(const QORRetentionOptions& options, const std::stop_token& stop) {
         try {
-            options.any() ? pruneLogs(options, stop) : forAll(withRecords(), trimSequence);
+            options.any() ? pruneLogs(options, stop) : trimSequences();
         } catch (const std::exception& failure) {
             logMessage(1, "QORHost", QOR_SOURCE_PATH, "QORRetention", "old records could not be removed: %s",
                        failure.what());

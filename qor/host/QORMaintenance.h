@@ -4,6 +4,7 @@
 /// may stop in between. Where servers keep the records, it is done at each of them, and what is said of one names it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -13,8 +14,6 @@
 #include <string_view>
 #include <thread>
 #include <vector>
-
-#include "QORLibAgent/QORRecordChanges.h"
 
 namespace QOR {
 
@@ -35,19 +34,14 @@ std::vector<QORCheckFinding> checkDatabase(std::string_view part, bool mend);
 struct QORPruneStep {
     std::uint64_t done = 0;  ///< records removed, or bytes given back
     bool more = false;       ///< there is more to do: ask again
+    /// Told with the last step: records that are as old, and wait for being sent on.
+    std::uint64_t waiting = 0;
 };
 
-/// What shall be sent elsewhere before it may go.
-struct QORPruneHold {
-    /// Up to which change everything has been sent. Any thread.
-    std::function<QORChangePosition()> sent;
-    /// Bytes that the database uses from which on the oldest records go all the same, which the log says.
-    std::uint64_t mostBytes = 0;
-};
-
-/// Holds for whatever removes records from here on; before the first of them. Records that changed behind what was
-/// sent stay, and with them those of their log that came later.
-void setPruneHold(QORPruneHold hold);
+/// Records that have not been sent to where an agent sends them (see qor_forward_target) stay, and with them those of
+/// their log that came later, until the database uses more bytes than that agent was told; then the oldest go all the
+/// same, which the log says. An address to which nobody has sent for so long is not waited for any more.
+inline constexpr std::chrono::days waitingForSenders(30);
 
 /// What can be pruned: "operations", "events", "backups"; "space": what records have left is given back to the file
 /// system; "compact": the file is written anew, so that all space can be given back, now and later.
@@ -57,7 +51,8 @@ const std::vector<std::string>& pruneKinds();
 /// servers one after the other is done; one that cannot be reached is an AException when nothing is left to do
 /// elsewhere. \param before seconds since the epoch; of no meaning for space \throws QORException 400 for a kind that
 /// there is not, or a database that is not the host's; AException
-QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before);
+/// \param unsent also what waits for being sent on
+QORPruneStep pruneDatabase(std::string_view kind, std::int64_t before, bool unsent = false);
 
 /// What the logs may hold; backups are records of things that exist elsewhere, and stay.
 struct QORRetentionOptions {

@@ -294,6 +294,53 @@ TEST_F(ForwardTest, WhatWasNotSentIsNotPrunedUntilTheDatabaseIsTooLarge) {
     EXPECT_EQ(forwarding(full, "missing"), "1");
 }
 
+// Agents and programs that send nothing themselves remove records of the same database.
+TEST_F(ForwardTest, WhatWasNotSentIsKeptWhoeverPrunes) {
+    const TestDatabase database;
+    AgentSettings lasting = settings();
+    lasting.database = database.connectionString();
+    AgentProcess host(lasting);
+    store(host, event("sent"));
+    awaitSent(host);
+    central.stop();
+    store(host, event("waits"));
+    if (testEngine() == ASEngine::PostgreSQL) {
+        const AgentProcess other({.database = database.connectionString()});
+        EXPECT_EQ(ctl(other, {"prune", "--events", "--before", "2024-01-01"}),
+                  "events: 1 removed, 1 wait for being sent to another agent (--unsent removes them)\n"
+                  "space: 0 bytes given back\n");
+        store(other, event("waits too"));
+    }
+    host.stop();
+    const auto prune = [&](Words more) {
+        Words words{"prune",    "--standalone", "--database", database.connectionString(),
+                    "--events", "--before",     "2024-01-01"};
+        words.insert(words.end(), more.begin(), more.end());
+        const CtlResult result = runCtl(words);
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.out.substr(0, result.out.find('\n'));
+    };
+    const bool isServer = testEngine() == ASEngine::PostgreSQL;
+    EXPECT_EQ(prune({}), "events: " + std::string(isServer ? "0 removed, 2" : "1 removed, 1") +
+                             " wait for being sent to another agent (--unsent removes them)");
+    host.start();
+    awaitThat([&] { return forwarding(host, "failing") == "true"; });
+    store(host, event("later"));
+    host.stop();
+    // Nobody has sent there for long.
+    DirectDatabase(database).run("UPDATE qor_forward_target SET seen = seen - 31 * 86400, behind = seen - 40 * 86400");
+    host.start();
+    EXPECT_GE(std::stoll(forwarding(host, "behindSeconds")), 40LL * 86400) << "since when is known after a start";
+    host.stop();
+    EXPECT_THAT(prune({}), HasSubstr("0 removed, ")) << "there is somebody again";
+    DirectDatabase(database).run("UPDATE qor_forward_target SET seen = seen - 31 * 86400");
+    EXPECT_EQ(prune({}), "events: " + std::string(isServer ? "3" : "2") + " removed");
+    host.start();
+    store(host, event("unwanted"));
+    host.stop();
+    EXPECT_EQ(prune({"--unsent"}), "events: 1 removed");
+}
+
 TEST_F(ForwardTest, StatusAndNumbersTellHowFarBehindItIs) {
     AgentProcess host(settings());
     store(host, event("sent"));

@@ -59,12 +59,14 @@ HttpReply answerPrune(AgentCall& call) {
     const bool ofRecords = kind == "operations" || kind == "events" || kind == "backups";
     const std::int64_t before = ofRecords ? secondsOf(call.parameters) : 0;
     takeAllTheTimeItNeeds();
-    const QORPruneStep step = pruneDatabase(kind, before);
+    const QORPruneStep step = pruneDatabase(kind, before, call.parameters.text("unsent") == "1");
     return {200, writtenObject([&](JsonWriter& json) {
                 json.Key("done");
                 json.Uint64(step.done);
                 json.Key("more");
                 json.Bool(step.more);
+                json.Key("waiting");
+                json.Uint64(step.waiting);
                 json.Key("stranded");
                 json.Uint64(step.more ? 0 : strandedBytes());
             })};

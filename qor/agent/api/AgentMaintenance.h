@@ -22,13 +22,18 @@ inline constexpr std::array checkParameters{
 inline constexpr std::array pruneParameters{
     AgentParameter{.name = "what", .meaning = "operations, events, backups, space or compact"},
     AgentParameter{.name = "before", .meaning = "seconds since the epoch: records that are older go"},
+    AgentParameter{.name = "unsent",
+                   .kind = AgentParameter::Kind::Choice,
+                   .meaning = "1: also what waits for being sent to another agent",
+                   .choices = noOrYes,
+                   .fallback = "0"},
 };
 
 /// `{"findings":[{"text":"...","mended":false},...]}` \throws QORException, AException
 HttpReply answerCheck(AgentCall& call);
 
-/// `{"done":500,"more":true,"stranded":0}`: records removed or bytes given back, whether to ask again, and bytes that
-/// cannot be given back \throws QORException, AException
+/// `{"done":500,"more":true,"waiting":0,"stranded":0}`: records removed or bytes given back, whether to ask again,
+/// records that wait for being sent on, and bytes that cannot be given back \throws QORException, AException
 HttpReply answerPrune(AgentCall& call);
 
 }  // namespace QOR

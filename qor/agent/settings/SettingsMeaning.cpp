@@ -68,6 +68,7 @@ HttpServerOptions serverOptions(const AgentSettings& settings, const std::vector
 QORForwardOptions forwardOptions(const AgentSettings& settings) {
     using Scheme = QORAgentAddress::Scheme;
     QORForwardOptions options = settings.forwarding;
+    options.keep = settings.forwardKeep;
     QORAgentAddress& address = options.target.address;
     address = readAgentAddress(settings.forward);
     if (address.isUnix()) refuseSettings("--forward: an agent is reached at https://HOST:PORT");

@@ -486,10 +486,11 @@ std::vector<QORCheckFinding> AgentBackend::check(const std::string& part, bool m
         {.method = "POST", .target = "/v1/check?part=" + part + (mend ? "&mend=1" : ""), .repeatable = !mend}));
 }
 
-Backend::Pruned AgentBackend::prune(const std::string& kind, std::int64_t before) {
-    return readPruneReply(exchange({.method = "POST",
-                                    .target = "/v1/prune?what=" + kind + "&before=" + std::to_string(before),
-                                    .repeatable = false}));
+Backend::Pruned AgentBackend::prune(const std::string& kind, std::int64_t before, bool unsent) {
+    return readPruneReply(exchange(
+        {.method = "POST",
+         .target = "/v1/prune?what=" + kind + "&before=" + std::to_string(before) + (unsent ? "&unsent=1" : ""),
+         .repeatable = false}));
 }
 
 QORIdentityList AgentBackend::identities() {

@@ -27,7 +27,7 @@ public:
     QORPtr<const QORVocMap> vocabulary() override;
     BackendStatus status() override;
     std::vector<QORCheckFinding> check(const std::string& part, bool mend) override;
-    Pruned prune(const std::string& kind, std::int64_t before) override;
+    Pruned prune(const std::string& kind, std::int64_t before, bool unsent) override;
     QORIdentityList identities() override;
     void addIdentity(const QORIdentity& identity) override;
     void removeIdentity(const std::string& name) override;

@@ -262,7 +262,10 @@ std::vector<QORCheckFinding> readCheckReply(std::string_view json) {
 Backend::Pruned readPruneReply(std::string_view json) {
     const Document document = parse(json, "more");
     const Value& more = member(document, "more");
-    return {{numberOf(document, "done"), more.IsBool() && more.GetBool()}, numberOf(document, "stranded")};
+    return {{.done = numberOf(document, "done"),
+             .more = more.IsBool() && more.GetBool(),
+             .waiting = numberOf(document, "waiting")},
+            numberOf(document, "stranded")};
 }
 
 QORIdentityList readIdentitiesReply(std::string_view json) {

@@ -159,7 +159,7 @@ public:
         std::uint64_t stranded = 0;  ///< bytes that cannot be given back, told with the last step
     };
     /// A step of pruning, see pruneDatabase().
-    virtual Pruned prune(const std::string& kind, std::int64_t before) = 0;
+    virtual Pruned prune(const std::string& kind, std::int64_t before, bool unsent) = 0;
 
     /// Bytes that one request may have.
     static constexpr std::size_t requestLimit = std::size_t{64} << 20;

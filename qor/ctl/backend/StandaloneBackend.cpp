@@ -219,9 +219,9 @@ std::vector<QORCheckFinding> StandaloneBackend::check(const std::string& part, b
     }
 }
 
-Backend::Pruned StandaloneBackend::prune(const std::string& kind, std::int64_t before) {
+Backend::Pruned StandaloneBackend::prune(const std::string& kind, std::int64_t before, bool unsent) {
     try {
-        const QORPruneStep step = pruneDatabase(kind, before);
+        const QORPruneStep step = pruneDatabase(kind, before, unsent);
         return {step, step.more ? 0 : strandedBytes()};
     } catch (const std::exception& error) {
         throw CtlError::answered(errFailure, error.what());

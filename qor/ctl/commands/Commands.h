@@ -112,6 +112,7 @@ struct PruneOptions {
     bool operations = false;
     bool events = false;
     bool backups = false;  ///< none of the three: all
+    bool unsent = false;   ///< also what waits for being sent on
     bool compact = false;
     bool progress = false;  ///< also where standard error is no terminal
 };

@@ -46,8 +46,8 @@ std::uint64_t recordsBefore(Backend& backend, const std::string& kind, std::int6
 /// Asks for one kind until it is done, telling how far it is.
 class Pruning {
 public:
-    Pruning(Backend& backend, bool shows, const Interrupt& interrupt)
-        : m_backend(backend), m_progress(shows), m_interrupt(interrupt) {}
+    Pruning(Backend& backend, const PruneOptions& options, const Interrupt& interrupt)
+        : m_backend(backend), m_progress(options.progress), m_interrupt(interrupt), m_unsent(options.unsent) {}
 
     /// \param of records that there are to remove; 0: nobody knows, or it is no records
     std::uint64_t prune(const std::string& kind, std::int64_t before, std::uint64_t of) {
@@ -58,11 +58,12 @@ public:
                 m_stopped = true;
                 break;
             }
-            pruned = m_backend.prune(kind, before);
+            pruned = m_backend.prune(kind, before, m_unsent);
             done += pruned.step.done;
             if (pruned.step.more) m_progress.tell(kind, done, of > 0 ? std::max(of, done) : 0, 0);
         } while (pruned.step.more);
         m_stranded = pruned.stranded;
+        m_waiting = pruned.step.waiting;
         m_progress.clear();
         return done;
     }
@@ -71,12 +72,16 @@ public:
     }
     bool stopped() const { return m_stopped; }
     std::uint64_t stranded() const { return m_stranded; }
+    /// Records of the kind that was pruned last, as old, that wait for being sent on.
+    std::uint64_t waiting() const { return m_waiting; }
 
 private:
     Backend& m_backend;
     RecordProgress m_progress;
     const Interrupt& m_interrupt;
+    bool m_unsent;
     bool m_stopped = false;
+    std::uint64_t m_waiting = 0;
     std::uint64_t m_stranded = 0;
 };
 
@@ -108,10 +113,15 @@ void runPrune(const ConnectionOptions& connection, const PruneOptions& options) 
     const std::int64_t before = options.before.empty() ? 0 : secondsBefore(options.before);
     const auto backend = makeBackend(connection, BackendUse::Store);
     const Interrupt interrupt;
-    Pruning pruning(*backend, options.progress, interrupt);
+    Pruning pruning(*backend, options, interrupt);
     if (!options.before.empty()) {
-        for (const std::string& kind : kindsOf(options))
-            tell(kind + ": " + std::to_string(pruning.pruneRecords(kind, before)) + " removed");
+        for (const std::string& kind : kindsOf(options)) {
+            const std::string removed = kind + ": " + std::to_string(pruning.pruneRecords(kind, before)) + " removed";
+            const std::uint64_t waiting = pruning.waiting();
+            tell(waiting == 0 ? removed
+                              : removed + ", " + std::to_string(waiting) +
+                                    " wait for being sent to another agent (--unsent removes them)");
+        }
     }
     const std::uint64_t given = pruning.prune(options.compact ? "compact" : "space", before, 0);
     tell("space: " + bytesText(given) + " given back");

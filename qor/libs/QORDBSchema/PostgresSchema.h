@@ -38,5 +38,7 @@ extern const QORSchemaStep postgresLengths;
 extern const QORSchemaStep postgresSessions;
 /// How far collectors have read.
 extern const QORSchemaStep postgresReading;
+/// Where records are sent on to.
+extern const QORSchemaStep postgresTargets;
 
 }  // namespace QOR

@@ -16,7 +16,7 @@ constexpr std::array sqliteSteps{
     QORVersionedStep{10, &identitySchema}, QORVersionedStep{11, &commitSchema}, QORVersionedStep{12, &secretSchema},
     QORVersionedStep{13, &sequenceSchema}, QORVersionedStep{14, &writerSchema}, QORVersionedStep{15, &handoverSchema},
     QORVersionedStep{16, &forwardSchema},  QORVersionedStep{17, &lengthSchema}, QORVersionedStep{18, &sessionSchema},
-    QORVersionedStep{19, &readingSchema},
+    QORVersionedStep{19, &readingSchema},  QORVersionedStep{20, &targetSchema},
 };
 constexpr std::array<std::string_view, 3> sqliteParts{"CREATE TRIGGER ", "CREATE INDEX ", "CREATE UNIQUE INDEX "};
 
@@ -39,7 +39,7 @@ constexpr std::array postgresSteps{
     QORVersionedStep{13, &postgresSequence}, QORVersionedStep{14, &writerSchema},
     QORVersionedStep{15, &postgresHandover}, QORVersionedStep{16, &postgresForwarding},
     QORVersionedStep{17, &postgresLengths},  QORVersionedStep{18, &postgresSessions},
-    QORVersionedStep{19, &postgresReading},
+    QORVersionedStep{19, &postgresReading},  QORVersionedStep{20, &postgresTargets},
 };
 static_assert(sqliteSteps.back().version == postgresSteps.back().version);
 constexpr std::array<std::string_view, 5> postgresParts{

@@ -56,5 +56,7 @@ extern const QORSchemaStep lengthSchema;
 extern const QORSchemaStep sessionSchema;
 /// How far collectors have read.
 extern const QORSchemaStep readingSchema;
+/// Where records are sent on to.
+extern const QORSchemaStep targetSchema;
 
 }  // namespace QOR

@@ -16,7 +16,7 @@ namespace {
 
 /// A database's own. Who may see what is in it is decided anew where a copy lies: whoever can read a database can
 /// copy it; what a copy signs it signs with a secret of its own.
-constexpr std::array<std::string_view, 29> ownTables{"qor_change",
+constexpr std::array<std::string_view, 30> ownTables{"qor_change",
                                                      "qor_environment_change",
                                                      "qor_schema_version",
                                                      "qor_database",
@@ -44,7 +44,8 @@ constexpr std::array<std::string_view, 29> ownTables{"qor_change",
                                                      "qor_record_due",
                                                      "qor_handover",
                                                      "qor_forward_position",
-                                                     "qor_forward_refused"};
+                                                     "qor_forward_refused",
+                                                     "qor_forward_target"};
 
 struct TypeKind {
     std::string_view type;
